@@ -1,0 +1,72 @@
+// Rounding, the decimal constants and the one sorting procedure of the program.
+#pragma once
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+
+namespace vestrel {
+
+// These decimal values, not exact ones, are what positions have always been computed with;
+// a digit more would move results in the last place.
+inline constexpr double Pi = 3.141592654;
+inline constexpr double TwoPi = 6.283185308;
+inline constexpr double DegreesPerRadian = 57.2957795131;
+/// Arcseconds per radian in the projection proper.
+inline constexpr double ArcsecondsPerRadian = 206264.8062;
+/// Arcseconds per radian as the solve and the catalog set the projection up.
+inline constexpr double SolveArcsecondsPerRadian = 206264.81;
+
+/// Rounds to the nearest whole number, halves to even. Relies on the default rounding mode, which
+/// the program never changes.
+inline double RoundHalfEven(double value) {
+    return std::nearbyint(value);
+}
+
+/// The nearest whole number as an integer, halves to even. False, and `result` untouched, when it
+/// does not fit the integer type or is not a number.
+bool RoundToInt16(double value, std::int16_t& result);
+bool RoundToInt32(double value, std::int32_t& result);
+
+/// As above for a value known to fit: the nearest 32-bit integer, held at the type's bounds (a
+/// value that is not a number gives 0).
+std::int32_t RoundToNearestInt32(double value);
+
+/// Rounds to `decimals` (0..15) decimal places: times 10^decimals, half to even, divided again.
+double RoundToDecimals(double value, int decimals);
+
+/// The comb sort that orders every list: gap n div 2, shrunk by 1.3, ending with a gap-1 pass that
+/// steps back after a swap. Not stable: the order of equal keys is the one that this very
+/// procedure gives, and results depend on it.
+///
+/// `records` is 1-based: elements 1..n are sorted, element 0 never takes part.
+/// `outOfOrder(earlier, later)` says that two elements must be swapped.
+template <typename List, typename OutOfOrder>
+void CombSort(List& records, std::ptrdiff_t n, OutOfOrder outOfOrder) {
+    using std::swap;
+    std::ptrdiff_t gap = n / 2;
+    while (gap != 0) {
+        for (std::ptrdiff_t i = gap + 1; i <= n; ++i) {
+            std::ptrdiff_t later = i;
+            while (outOfOrder(records[later - gap], records[later])) {
+                swap(records[later - gap], records[later]);
+                // In the last pass a swapped element sinks on to its place.
+                if (gap != 1 || later - gap <= 1) break;
+                --later;
+            }
+        }
+        gap = static_cast<std::ptrdiff_t>(static_cast<double>(gap) / 1.3);
+    }
+}
+
+/// Turns elements 1..n of a 1-based list around.
+template <typename List>
+void ReverseList(List& records, std::ptrdiff_t n) {
+    using std::swap;
+    for (std::ptrdiff_t front = 1, back = n; front < back; ++front, --back) {
+        swap(records[front], records[back]);
+    }
+}
+
+}  // namespace vestrel

@@ -1,0 +1,57 @@
+#include "astro/libParallel.h"
+
+#include <algorithm>
+#include <atomic>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace vestrel {
+
+int ParallelThreads() {
+    if (const char* text = std::getenv("VESTREL_THREADS")) {
+        int wanted = 0;
+        const auto result = std::from_chars(text, text + std::strlen(text), wanted);
+        if (result.ec == std::errc() && *result.ptr == 0 && wanted > 0) {
+            return std::min(wanted, 256);
+        }
+    }
+    return std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+}
+
+void ParallelFor(int count, const std::function<void(int)>& work, const Progress& progress) {
+    std::atomic<int> next{0};
+    std::atomic<int> done{0};
+    std::mutex failureLock;
+    std::exception_ptr failure;
+
+    const auto takePieces = [&](const Progress& report) {
+        try {
+            for (int i = next++; i < count; i = next++) {
+                work(i);
+                const int finished = ++done;
+                if (report) report(finished, count);
+            }
+        } catch (...) {
+            next = count;
+            const std::lock_guard guard(failureLock);
+            if (!failure) failure = std::current_exception();
+        }
+    };
+
+    {
+        std::vector<std::jthread> helpers;
+        const int threads = std::min(ParallelThreads(), count);
+        for (int i = 1; i < threads; ++i) {
+            helpers.emplace_back([&takePieces] { takePieces({}); });
+        }
+        takePieces(progress);
+    }
+    if (failure) std::rethrow_exception(failure);
+}
+
+}  // namespace vestrel

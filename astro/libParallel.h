@@ -1,0 +1,22 @@
+// Independent pieces of work spread over the processors, with progress on the calling thread.
+#pragma once
+
+#include <functional>
+
+namespace vestrel {
+
+/// Told how much of a long piece of work is done. Always called on the thread that started it, so
+/// it may touch windows. An empty one is allowed everywhere.
+using Progress = std::function<void(int done, int total)>;
+
+/// Calls `work(i)` once for every i in 0..count−1, in any order and on several threads, and
+/// `progress(done, count)` after each piece that the calling thread did itself. Returns when all
+/// is done. Pieces must not share what they write; then the result cannot depend on the number of
+/// threads. The first exception of a piece is thrown on after the others have ended.
+void ParallelFor(int count, const std::function<void(int)>& work, const Progress& progress = {});
+
+/// How many threads `ParallelFor` uses, the calling one included: `$VESTREL_THREADS` when that is
+/// a whole number above 0, else the number of processors.
+int ParallelThreads();
+
+}  // namespace vestrel

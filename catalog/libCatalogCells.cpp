@@ -1,0 +1,123 @@
+#include "catalog/libCatalogCells.h"
+
+#include <bit>
+#include <cmath>
+#include <limits>
+
+#include "astro/libMath.h"
+#include "platform/libFiles.h"
+
+namespace vestrel {
+
+namespace {
+
+std::string TwoDigits(std::int64_t number) {
+    std::string text = std::to_string(number);
+    return text.size() < 2 ? "0" + text : text;
+}
+
+std::uint32_t ReadLittleEndian32(const unsigned char* bytes) {
+    return bytes[0] | std::uint32_t{bytes[1]} << 8 | std::uint32_t{bytes[2]} << 16 |
+           std::uint32_t{bytes[3]} << 24;
+}
+
+void WriteLittleEndian32(std::uint32_t value, unsigned char* bytes) {
+    for (int i = 0; i < 4; ++i) bytes[i] = static_cast<unsigned char>(value >> (8 * i));
+}
+
+}  // namespace
+
+CellPosition CellOf(double ra, double dec) {
+    CellPosition cell;
+    cell.South = !(dec >= 0);
+    const double declination = std::fabs(dec) * DegreesPerRadian;
+    // The bound also catches what is not a number.
+    cell.Zone =
+        declination < 90 ? static_cast<int>(std::floor(declination / 2.5)) : ZonesPerHemisphere - 1;
+    double degrees = ra * DegreesPerRadian;
+    if (degrees < 0) degrees += 360;
+    if (degrees > 360) degrees -= 360;
+    const double slice = std::floor(degrees / SliceWidth(cell.Zone));
+    constexpr double largest = 1e15;
+    cell.Slice = std::fabs(slice) < largest ? static_cast<std::int64_t>(slice)
+                                            : std::numeric_limits<std::int64_t>::max();
+    return cell;
+}
+
+std::string CellName(const CellPosition& cell) {
+    return (cell.South ? "S" : "N") + TwoDigits(cell.Zone) + "R" + TwoDigits(cell.Slice);
+}
+
+std::string CellName(double ra, double dec) {
+    return CellName(CellOf(ra, dec));
+}
+
+double SliceWidth(int zone) {
+    if (zone <= 11) return 4;
+    if (zone <= 19) return 5;
+    if (zone <= 23) return 6;
+    if (zone <= 27) return 8;
+    if (zone <= 31) return 12;
+    if (zone <= 34) return 20;
+    return 360;
+}
+
+int SlicesInZone(int zone) {
+    return static_cast<int>(360 / SliceWidth(zone));
+}
+
+std::vector<std::string> AllCellNames() {
+    std::vector<std::string> names;
+    for (const bool south : {false, true}) {
+        for (int zone = 0; zone < ZonesPerHemisphere; ++zone) {
+            for (int slice = 0; slice < SlicesInZone(zone); ++slice) {
+                names.push_back(CellName(CellPosition{south, zone, slice}));
+            }
+        }
+    }
+    return names;
+}
+
+bool IsCellName(std::string_view name) {
+    const auto digit = [&](std::size_t i) { return name[i] >= '0' && name[i] <= '9'; };
+    if (name.size() != 6 || (name[0] != 'N' && name[0] != 'S') || name[3] != 'R') return false;
+    if (!digit(1) || !digit(2) || !digit(4) || !digit(5)) return false;
+    const int zone = (name[1] - '0') * 10 + (name[2] - '0');
+    const int slice = (name[4] - '0') * 10 + (name[5] - '0');
+    return zone < ZonesPerHemisphere && slice < SlicesInZone(zone);
+}
+
+std::array<unsigned char, CatalogRecordBytes> EncodeCatalogStar(const CatalogStar& star) {
+    std::array<unsigned char, CatalogRecordBytes> record{};
+    WriteLittleEndian32(std::bit_cast<std::uint32_t>(star.Ra), record.data());
+    WriteLittleEndian32(std::bit_cast<std::uint32_t>(star.Dec), record.data() + 4);
+    const auto magnitude = static_cast<std::uint16_t>(star.Mag);
+    record[8] = static_cast<unsigned char>(magnitude & 0xFF);
+    record[9] = static_cast<unsigned char>(magnitude >> 8);
+    return record;
+}
+
+CatalogStar DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes> record) {
+    CatalogStar star;
+    star.Ra = std::bit_cast<float>(ReadLittleEndian32(record.data()));
+    star.Dec = std::bit_cast<float>(ReadLittleEndian32(record.data() + 4));
+    star.Mag = static_cast<std::int16_t>(record[8] | record[9] << 8);
+    return star;
+}
+
+bool ReadCellFile(const std::filesystem::path& file, std::vector<CatalogStar>& stars) {
+    stars.clear();
+    // A cell is a few square degrees: the densest survey there is would not fill this.
+    constexpr std::size_t largestCell = std::size_t{1} << 30;
+    std::vector<unsigned char> bytes;
+    if (!ReadWholeFile(file, largestCell, bytes)) return false;
+    const std::size_t count = bytes.size() / CatalogRecordBytes;
+    stars.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        stars.push_back(DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes>(
+            bytes.data() + i * CatalogRecordBytes, CatalogRecordBytes)));
+    }
+    return true;
+}
+
+}  // namespace vestrel

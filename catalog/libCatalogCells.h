@@ -1,0 +1,62 @@
+// The star catalog on disk: many small cell files on a fixed grid of declination and right
+// ascension, each a bare sequence of 10-byte records.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vestrel {
+
+/// One catalog entry, J2000.
+struct CatalogStar {
+    float Ra = 0;          ///< radians
+    float Dec = 0;         ///< radians
+    std::int16_t Mag = 0;  ///< hundredths of a magnitude
+};
+
+/// A record on disk: Ra, Dec, Mag, little-endian.
+inline constexpr std::size_t CatalogRecordBytes = 10;
+
+/// Zones of 2.5° per hemisphere, numbered from the equator.
+inline constexpr int ZonesPerHemisphere = 36;
+
+/// Where a position falls on the cell grid.
+struct CellPosition {
+    bool South = false;
+    int Zone = 0;            ///< 0..35
+    std::int64_t Slice = 0;  ///< 0 upward; beyond the last one only for absurd right ascensions
+
+    friend bool operator==(const CellPosition&, const CellPosition&) = default;
+};
+
+/// The cell that holds a position (radians).
+CellPosition CellOf(double ra, double dec);
+
+/// The name of a cell: hemisphere, zone, "R", slice, as in "N05R12".
+std::string CellName(const CellPosition& cell);
+/// The name of the cell that holds a position (radians).
+std::string CellName(double ra, double dec);
+
+/// How many slices of right ascension a zone (0..35) has, and how wide they are (degrees).
+int SlicesInZone(int zone);
+double SliceWidth(int zone);
+
+/// The names of all cells of the grid, north before south, outward from the equator.
+std::vector<std::string> AllCellNames();
+
+/// Whether a text names a cell of the grid.
+bool IsCellName(std::string_view name);
+
+std::array<unsigned char, CatalogRecordBytes> EncodeCatalogStar(const CatalogStar& star);
+CatalogStar DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes> record);
+
+/// Reads a cell file into a 0-based list: file length / 10 records, a longer tail ignored. A file
+/// that is missing or cannot be read gives an empty list and false.
+bool ReadCellFile(const std::filesystem::path& file, std::vector<CatalogStar>& stars);
+
+}  // namespace vestrel

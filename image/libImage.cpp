@@ -1,0 +1,18 @@
+#include "image/libImage.h"
+
+namespace vestrel {
+
+void ClearHeader(ImageHeader& header) {
+    std::vector<std::string> cards = std::move(header.Cards);
+    header = ImageHeader();
+    header.Cards = std::move(cards);
+    for (std::string* text :
+         {&header.Object, &header.Telescope, &header.Instrument, &header.Observer, &header.DateObs,
+          &header.History, &header.SoftwareCreate, &header.SoftwareModify,
+          &header.SbigStandardVersion, &header.Filter, &header.Spare, &header.Note, &header.Date,
+          &header.Time}) {
+        *text = "0";
+    }
+}
+
+}  // namespace vestrel

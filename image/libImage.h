@@ -1,0 +1,105 @@
+// The one loaded image and everything that its file header said about it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "astro/libGrid.h"
+
+namespace vestrel {
+
+/// The metadata of a file header and the stored plate solution. Text fields hold the text as it
+/// stood in the file (a FITS text keeps its quotes). Header bytes are kept as they are, whatever
+/// their encoding.
+struct ImageHeader {
+    /// Room for header cards: indices 1..2999 are used, 0 never.
+    static constexpr int MaxCards = 3000;
+
+    bool Compressed = false;         ///< the SBIG file declared itself compressed
+    std::vector<std::string> Cards;  ///< raw header lines; number n at index n, see `CardCount`
+    std::int16_t CardCount = 0;      ///< cards kept, the END card included
+    bool Simple = false;
+    std::int16_t BitPix = 0;
+    std::int16_t NAxis = 0;
+    std::int16_t NAxis1 = 0;
+    std::int16_t NAxis2 = 0;
+    std::string Object;
+    std::string Telescope;
+    std::string Instrument;
+    std::string Observer;
+    std::string DateObs;
+    double BScale = 0;  ///< kept and written back, never applied to pixels
+    double BZero = 0;
+    std::string History;        ///< "0", then each history text after a "|"
+    double ExposureTime = 0;    ///< seconds
+    double CcdTemperature = 0;  ///< °C
+    double XPixelSize = 0;      ///< micrometres
+    double YPixelSize = 0;      ///< micrometres
+    std::int16_t XSubframeOrigin = 0;
+    std::int16_t YSubframeOrigin = 0;
+    std::int16_t XBinning = 0;
+    std::int16_t YBinning = 0;
+    double ElectronGain = 0;      ///< electrons per count
+    double FocalLength = 0;       ///< millimetres
+    double ApertureDiameter = 0;  ///< millimetres
+    double ApertureArea = 0;      ///< square millimetres
+    std::int32_t BlackLevel = 0;
+    std::int32_t WhiteLevel = 0;
+    std::int16_t Pedestal = 0;
+    double DataMax = 0;
+    std::string SoftwareCreate;
+    std::string SoftwareModify;
+    std::string SbigStandardVersion;
+    std::string Filter;
+    std::string Spare;
+    std::string ObjectRA;
+    std::string ObjectDec;
+    std::string Note;
+    std::string Date;
+    std::string Time;
+
+    // The plate solution. A sky position projected about (RaRef, DecRef) with scale PlateScale
+    // gives (ξ, η); then x = A·ξ + B·η + U0 and y = C·ξ + D·η + V0.
+    bool PlateMatched = false;
+    double PlateTransform[2][3] = {};  ///< {A, B, U0}, {C, D, V0}; pixels per arcsecond, pixels
+    double PlateScale = 0;             ///< plane units per radian
+    double RaRef = 0;                  ///< radians
+    double DecRef = 0;                 ///< radians
+    double ImageSizeX = 0;             ///< arcminutes
+    double ImageSizeY = 0;             ///< arcminutes
+
+    ImageHeader() : Cards(MaxCards) {}
+};
+
+/// Resets every field but `Cards` before a load: numbers to 0, flags to false, texts to "0",
+/// `ObjectRA` and `ObjectDec` to empty. Cards beyond the next `CardCount` keep old text and are
+/// not to be shown.
+void ClearHeader(ImageHeader& header);
+
+/// The loaded image. A stored value plus `DataOffset` is the physical count, which is never
+/// negative. All loops run x from 0 to Width − 1 and y from 0 to Height − 1.
+struct PlateImage {
+    std::string FileName;
+    Grid<std::int32_t> Pixels;  ///< bounds 0..Width, 0..Height; the spare column and row stay 0
+    std::int32_t Width = 0;
+    std::int32_t Height = 0;
+    std::int32_t DataOffset = 0;
+    std::int32_t Pedestal = 0;
+    std::int32_t DisplayBlack = 0;
+    std::int32_t DisplayWhite = 0;
+    ImageHeader Header;
+    std::string ImageType;  ///< "FITS", "SBIG" or "JPEG"; empty before the first load
+};
+
+/// What a reader shows when it fails: the text of a message box and its title. A reader that
+/// fails without a message leaves the text empty.
+struct ReadFailure {
+    std::string Text;
+    std::string Title;
+};
+
+/// The title of message boxes that name none of their own.
+inline constexpr const char* DefaultTitle = "Vestrel";
+
+}  // namespace vestrel

@@ -1,0 +1,127 @@
+#include "image/libPicture.h"
+
+#include <jpeglib.h>
+// jerror.h needs jpeglib.h before it.
+#include <jerror.h>
+
+#include <csetjmp>
+#include <limits>
+#include <memory>
+#include <new>
+#include <vector>
+
+#include "astro/libStrings.h"
+#include "platform/libFiles.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+
+namespace {
+
+/// libjpeg's error handling, turned into a jump back and into silence.
+struct ErrorManager {
+    jpeg_error_mgr Base;  // must stay first: libjpeg only knows this member
+    std::jmp_buf Escape;
+    bool CutShort;
+};
+
+ErrorManager& ManagerOf(j_common_ptr info) {
+    return *reinterpret_cast<ErrorManager*>(info->err);
+}
+
+[[noreturn]] void OnError(j_common_ptr info) {
+    std::longjmp(ManagerOf(info).Escape, 1);
+}
+
+void OnMessage(j_common_ptr info, int level) {
+    // Warnings are -1. Decoders go on after these two with grey pixels nobody photographed.
+    const int code = info->err->msg_code;
+    if (level < 0 && (code == JWRN_JPEG_EOF || code == JWRN_HIT_MARKER)) {
+        ManagerOf(info).CutShort = true;
+    }
+}
+
+void OnOutput(j_common_ptr /*info*/) {}
+
+/// A picture of this many pixels could not have come from so few bytes: no Huffman or arithmetic
+/// code is shorter, and a forged size must not cost memory.
+bool PlausibleSize(std::uint64_t pixels, std::uint64_t bytes) {
+    return pixels / 2048 <= bytes;
+}
+
+/// Decodes into `image`. Objects with destructors live in the caller: an error jumps over them.
+bool Decode(jpeg_decompress_struct& info, ErrorManager& errors, std::FILE* file,
+            std::uint64_t fileLength, PlateImage& image, std::vector<JSAMPLE>& row,
+            const Progress& progress) {
+    if (setjmp(errors.Escape) != 0) return false;
+    jpeg_create_decompress(&info);
+    jpeg_stdio_src(&info, file);
+    jpeg_read_header(&info, TRUE);
+    info.out_color_space = JCS_RGB;
+    constexpr auto largest = static_cast<JDIMENSION>(std::numeric_limits<std::int16_t>::max());
+    if (info.image_width > largest || info.image_height > largest) return false;
+    if (!PlausibleSize(std::uint64_t{info.image_width} * info.image_height, fileLength)) {
+        return false;
+    }
+    jpeg_start_decompress(&info);
+
+    image.Width = static_cast<std::int32_t>(info.output_width);
+    image.Height = static_cast<std::int32_t>(info.output_height);
+    image.Header.NAxis1 = static_cast<std::int16_t>(image.Width);
+    image.Header.NAxis2 = static_cast<std::int16_t>(image.Height);
+    image.DataOffset = 0;
+    image.Pedestal = 0;
+    image.Pixels = Grid<std::int32_t>();
+    image.Pixels = Grid<std::int32_t>(image.Width, image.Height);
+    row.resize(std::size_t{3} * info.output_width);
+    while (info.output_scanline < info.output_height && !errors.CutShort) {
+        const auto y = static_cast<std::int32_t>(info.output_scanline);
+        JSAMPROW rows[] = {row.data()};
+        jpeg_read_scanlines(&info, rows, 1);
+        std::int32_t* grey = image.Pixels.Row(y).data();
+        for (std::int32_t x = 0; x < image.Width; ++x) {
+            grey[x] = row[3 * x] + row[3 * x + 1] + row[3 * x + 2];
+        }
+        if (y % 10 == 0 && progress) progress(y, image.Height);
+    }
+    if (errors.CutShort) return false;
+    jpeg_finish_decompress(&info);
+    return !errors.CutShort;
+}
+
+}  // namespace
+
+bool ReadPictureFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
+                     ReadFailure& failure) {
+    failure = {"Unable to read the image file.", DefaultTitle};
+    ClearHeader(image.Header);
+    const FileHandle file = OpenFile(path, "rb");
+    if (!file) return false;
+    const std::int64_t length = FileLength(file.get());
+    if (length < 0) return false;
+
+    ErrorManager errors{};
+    jpeg_decompress_struct info{};
+    info.err = jpeg_std_error(&errors.Base);
+    errors.Base.error_exit = OnError;
+    errors.Base.emit_message = OnMessage;
+    errors.Base.output_message = OnOutput;
+    std::vector<JSAMPLE> row;
+    bool good = false;
+    try {
+        good = Decode(info, errors, file.get(), static_cast<std::uint64_t>(length), image, row,
+                      progress);
+    } catch (const std::bad_alloc&) {
+        good = false;
+    }
+    jpeg_destroy_decompress(&info);
+    if (!good) return false;
+
+    if (progress) progress(0, image.Height);
+    image.ImageType = "JPEG";
+    image.FileName = TextFromPath(path);
+    failure = {};
+    return true;
+}
+
+}  // namespace vestrel

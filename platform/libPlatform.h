@@ -1,0 +1,37 @@
+// The few facts that only the operating system knows: where files live and how memory is had.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <string>
+
+namespace vestrel {
+
+/// The folder that holds the catalog when nothing else is said, without a test that it exists.
+///
+/// Windows: the common application-data folder + "\Harrowdene\KEL\". Elsewhere the first of
+/// `$VESTREL_CATALOG`, `$XDG_DATA_HOME/Harrowdene/KEL` (`~/.local/share` when unset) and
+/// `/var/lib/Harrowdene/KEL`; of the last two the first that exists, and the former when neither
+/// does.
+std::filesystem::path DefaultCatalogFolder();
+
+/// The settings file. `$VESTREL_SETTINGS` when set; else on Windows "Vestrel.ini" beside the
+/// program, elsewhere `$XDG_CONFIG_HOME/vestrel/Vestrel.ini` (`~/.config` when unset).
+std::filesystem::path SettingsFilePath();
+
+/// The folder that holds the running program; the current folder when it cannot be told.
+std::filesystem::path ProgramFolder();
+
+/// A path from UTF-8 text, and back.
+std::filesystem::path PathFromText(const std::string& utf8);
+std::string TextFromPath(const std::filesystem::path& path);
+
+/// The largest resident memory that this process has had so far (bytes); 0 when unknown.
+std::size_t PeakMemoryBytes();
+
+/// Zero-filled memory for `bytes` bytes; throws std::bad_alloc when there is none. Pages that are
+/// never touched cost nothing, so a huge but empty image is cheap until it is written to.
+void* AllocateZeroed(std::size_t bytes);
+void FreeZeroed(void* block, std::size_t bytes) noexcept;
+
+}  // namespace vestrel
