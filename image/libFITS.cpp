@@ -19,6 +19,8 @@ namespace {
 
 constexpr std::size_t cardLength = 80;
 constexpr std::size_t blockLength = 2880;
+/// Counts must fit 32 bits after the offset has been added, with room for what is added later.
+constexpr std::int64_t largestOffset = 2'000'000'000;
 constexpr const char* generalFailure = "Unable to read the image file.";
 
 /// Where a keyword's value goes. A flag is "T" or "F"; a `Negated` one is stored with its sign
@@ -255,17 +257,14 @@ void ConvertRowFloat(const std::uint8_t* bytes, std::int32_t* row, std::int32_t 
     }
 }
 
-std::int32_t HeldToInt32(std::int64_t value) {
-    return static_cast<std::int32_t>(std::clamp<std::int64_t>(
-        value, std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max()));
-}
-
 void ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
                 const Progress& progress) {
     const ImageHeader& header = image.Header;
     if (header.NAxis1 < 0 || header.NAxis2 < 0) throw std::range_error("negative size");
     std::int32_t offset = 0;
-    if (!RoundToInt32(header.BZero, offset)) throw std::range_error("BZERO too large");
+    if (!RoundToInt32(header.BZero, offset) || std::abs(std::int64_t{offset}) > largestOffset) {
+        throw std::range_error("BZERO too large");
+    }
 
     // One read of what the file holds, however much its header promises.
     const std::size_t pixelBytes = static_cast<std::size_t>(std::abs(header.BitPix)) / 8;
@@ -283,8 +282,8 @@ void ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
     image.Pixels = Grid<std::int32_t>();  // gives the old image's memory back first
     image.Pixels = Grid<std::int32_t>(image.Width, image.Height);
 
-    const std::int32_t floor = HeldToInt32(-std::int64_t{offset});
-    const std::int32_t ceiling = HeldToInt32(65535 - std::int64_t{offset});
+    const std::int32_t floor = -offset;
+    const std::int32_t ceiling = 65535 - offset;
     std::vector<std::uint8_t> paddedRow;
     for (std::int32_t r = 0; r < image.Height; ++r) {
         const std::size_t start = static_cast<std::size_t>(r) * rowBytes;

@@ -1,0 +1,159 @@
+#include "catalog/libCatalogCache.h"
+
+#include <algorithm>
+#include <cmath>
+#include <system_error>
+
+#include "astro/libMath.h"
+#include "platform/libFiles.h"
+
+namespace vestrel {
+namespace fs = std::filesystem;
+
+namespace {
+
+/// Reads a cell into a 1-based list.
+std::vector<CatalogStar> ReadCell(const fs::path& file) {
+    std::vector<CatalogStar> stars;
+    // Other programs that share the catalog expect a cell, once asked for, to be there.
+    if (!ReadCellFile(file, stars)) (void)OpenFile(file, "ab");
+    stars.insert(stars.begin(), CatalogStar());
+    return stars;
+}
+
+/// Fills in what lets a region skip the cell unread.
+void Describe(CachedCell& cell) {
+    const auto first = cell.Stars.begin() + 1;
+    cell.BrightestFirst =
+        std::is_sorted(first, cell.Stars.end(),
+                       [](const CatalogStar& a, const CatalogStar& b) { return a.Mag < b.Mag; });
+
+    std::vector<double> vectors;
+    vectors.reserve(cell.Stars.size() * 3);
+    double sum[3] = {0, 0, 0};
+    for (auto star = first; star != cell.Stars.end(); ++star) {
+        const double ra = static_cast<double>(star->Ra);
+        const double dec = static_cast<double>(star->Dec);
+        const double vector[3] = {std::cos(ra) * std::cos(dec), std::sin(ra) * std::cos(dec),
+                                  std::sin(dec)};
+        for (int i = 0; i < 3; ++i) {
+            sum[i] += vector[i];
+            vectors.push_back(vector[i]);
+        }
+    }
+    const double length = std::sqrt(sum[0] * sum[0] + sum[1] * sum[1] + sum[2] * sum[2]);
+    // A circle of half the sky excludes nothing; it also serves for broken positions.
+    cell.Radius = Pi;
+    if (!(length > 0)) return;
+    cell.CentreX = sum[0] / length;
+    cell.CentreY = sum[1] / length;
+    cell.CentreZ = sum[2] / length;
+    double smallestCosine = 1;
+    for (std::size_t i = 0; i < vectors.size(); i += 3) {
+        const double cosine = cell.CentreX * vectors[i] + cell.CentreY * vectors[i + 1] +
+                              cell.CentreZ * vectors[i + 2];
+        if (!(cosine >= smallestCosine)) smallestCosine = cosine;
+    }
+    if (smallestCosine >= -1) cell.Radius = std::acos(smallestCosine);
+}
+
+/// The entry with the largest age, the first one on ties and when no entry has an age.
+std::size_t OldestCell(const std::vector<CachedCell>& cells) {
+    std::size_t oldest = 0;
+    std::int32_t age = 0;
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        if (cells[i].Age > age) {
+            age = cells[i].Age;
+            oldest = i;
+        }
+    }
+    return oldest;
+}
+
+}  // namespace
+
+void CatalogCache::LoadCell(const std::string& name) {
+    if (const auto known = Index.find(name); known != Index.end()) {
+        CachedCell& cell = Cells[known->second];
+        cell.InUse = true;
+        cell.Age = 0;
+        return;
+    }
+    CachedCell cell;
+    // A right ascension outside the circle gives the name of no cell.
+    cell.Stars = IsCellName(name) ? ReadCell(Folder / name) : std::vector<CatalogStar>(1);
+    cell.StarCount = static_cast<std::int32_t>(cell.Stars.size()) - 1;
+    cell.CellName = name;
+    cell.InUse = true;
+    cell.Age = 1;
+    Describe(cell);
+
+    CachedStars += cell.StarCount;
+    std::size_t place = Cells.size();
+    if (!Cells.empty() && (Cells.size() >= MaxCells || CachedStars - cell.StarCount >= MaxStars)) {
+        place = OldestCell(Cells);
+        CachedStars -= Cells[place].StarCount;
+        Index.erase(Cells[place].CellName);
+        Cells[place] = std::move(cell);
+    } else {
+        Cells.push_back(std::move(cell));
+    }
+    Index[name] = place;
+}
+
+void CatalogCache::LoadRegion(double ra0, double dec0, double radius) {
+    for (CachedCell& cell : Cells) {
+        cell.InUse = false;
+        ++cell.Age;
+    }
+    constexpr int raSteps = 30;
+    constexpr int decSteps = 5;
+    // Near a pole a small circle reaches around the whole of the right ascensions.
+    const bool nearPole = !(std::fabs(dec0 * (180 / Pi)) < 80);
+    const double q = nearPole ? TwoPi : radius / std::cos(dec0);
+    CellPosition last;
+    int timesInARow = 0;
+    for (int i = -raSteps; i <= raSteps; ++i) {
+        for (int j = -decSteps; j <= decSteps; ++j) {
+            const double dec = j * radius / decSteps + dec0;
+            const double ra = i * q / raSteps + ra0;
+            const CellPosition cell = CellOf(ra, dec);
+            timesInARow = cell == last ? timesInARow + 1 : 1;
+            last = cell;
+            // The second touch resets the age of a cell just read; further ones change nothing.
+            if (timesInARow <= 2) LoadCell(CellName(cell));
+        }
+    }
+    Trim();
+}
+
+void CatalogCache::Trim() {
+    if (CachedStars <= MaxStars) return;
+    while (CachedStars >= MaxStars + 1 && !Cells.empty()) {
+        const std::size_t oldest = OldestCell(Cells);
+        CachedStars -= Cells[oldest].StarCount;
+        Cells.erase(Cells.begin() + static_cast<std::ptrdiff_t>(oldest));
+    }
+    Index.clear();
+    for (std::size_t i = 0; i < Cells.size(); ++i) Index[Cells[i].CellName] = i;
+}
+
+CatalogPresence PresenceOfCatalog(const CatalogCache& cache) {
+    std::error_code error;
+    if (!fs::is_directory(cache.Folder, error)) return CatalogPresence::FolderMissing;
+    const bool starsHere =
+        std::any_of(cache.Cells.begin(), cache.Cells.end(),
+                    [](const CachedCell& cell) { return cell.InUse && cell.StarCount > 0; });
+    if (starsHere) return CatalogPresence::Present;
+    for (fs::directory_iterator entry(cache.Folder, error), end; entry != end;
+         entry.increment(error)) {
+        if (error) break;
+        if (IsCellName(entry->path().filename().string()) &&
+            entry->file_size(error) >= CatalogRecordBytes && !error) {
+            return CatalogPresence::NothingHere;
+        }
+    }
+    return CatalogPresence::NoCells;
+}
+
+}  // namespace vestrel

@@ -1,0 +1,62 @@
+// The cells that were read lately, kept in memory between regions and solves.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "catalog/libCatalogCells.h"
+
+namespace vestrel {
+
+/// One cached cell.
+struct CachedCell {
+    std::int32_t StarCount = 0;
+    std::string CellName;
+    std::vector<CatalogStar> Stars;  ///< 1-based
+    bool InUse = false;              ///< touched by the last `LoadRegion`
+    std::int32_t Age = 0;            ///< regions since the cell was last touched
+
+    bool BrightestFirst = false;  ///< the stars are in rising order of magnitude
+    /// A circle on the sky that holds all stars: its centre as a unit vector, its radius (radians).
+    double CentreX = 0;
+    double CentreY = 0;
+    double CentreZ = 0;
+    double Radius = 0;
+};
+
+/// At most 999 cells and, between regions, about 5 million stars; the cells that have gone unused
+/// for longest leave first.
+struct CatalogCache {
+    static constexpr std::size_t MaxCells = 999;
+    static constexpr std::int32_t MaxStars = 5'000'000;
+
+    std::filesystem::path Folder;  ///< where the cell files are; cleared cache when it changes
+    std::vector<CachedCell> Cells;
+    std::int32_t CachedStars = 0;                        ///< sum of `StarCount` over the cells
+    std::unordered_map<std::string, std::size_t> Index;  ///< cell name to place in `Cells`
+
+    /// Makes sure that a cell is in the cache. A cell file that does not exist is created empty
+    /// where that is possible, and counts as a cell without stars.
+    void LoadCell(const std::string& name);
+
+    /// Loads every cell that a circular region touches (radians), marks these `InUse`, and trims
+    /// the cache.
+    void LoadRegion(double ra0, double dec0, double radius);
+
+ private:
+    void Trim();
+};
+
+/// How much of a catalog there is.
+enum class CatalogPresence {
+    FolderMissing,  ///< no such folder
+    NoCells,        ///< the folder holds no cell with stars
+    NothingHere,    ///< no cell that the last region touched has stars
+    Present
+};
+CatalogPresence PresenceOfCatalog(const CatalogCache& cache);
+
+}  // namespace vestrel

@@ -1,0 +1,112 @@
+#include "catalog/libCatalogRegion.h"
+
+#include <cmath>
+
+#include "astro/libMath.h"
+
+namespace vestrel {
+
+namespace {
+
+PlateStar ProjectedStar(const CatalogStar& star, double xi, double eta, double magnitude) {
+    return {static_cast<float>(xi), static_cast<float>(eta), static_cast<float>(magnitude),
+            static_cast<double>(star.Ra), static_cast<double>(star.Dec)};
+}
+
+double Magnitude(const CatalogStar& star) {
+    return star.Mag / 100.0;
+}
+
+void SortByMagnitude(PlateStarList& stars, std::int32_t count) {
+    CombSort(stars, count, [](const PlateStar& earlier, const PlateStar& later) {
+        return earlier.Flux > later.Flux;
+    });
+}
+
+/// Whether no star of a cell can lie inside the region. On the orthographic plane stars near the
+/// opposite point fall inside too.
+class RegionReach {
+ public:
+    RegionReach(double ra0, double dec0, double radius)
+        : x_(std::cos(ra0) * std::cos(dec0)),
+          y_(std::sin(ra0) * std::cos(dec0)),
+          z_(std::sin(dec0)),
+          // Beyond this the region covers the plane. The margin outweighs all rounding.
+          reach_(radius < 0.99 ? std::asin(std::fabs(radius)) + 1e-4 : Pi) {}
+
+    bool Excludes(const CachedCell& cell) const {
+        const double cosine = x_ * cell.CentreX + y_ * cell.CentreY + z_ * cell.CentreZ;
+        const double distance = std::acos(std::fmin(std::fmax(cosine, -1.0), 1.0));
+        const double needed = reach_ + cell.Radius;
+        return distance > needed && distance < Pi - needed;
+    }
+
+ private:
+    double x_;
+    double y_;
+    double z_;
+    double reach_;
+};
+
+}  // namespace
+
+void RegionStars(CatalogCache& cache, const Projection& projection, double ra0, double dec0,
+                 double radius, double magLimit, PlateStarList& stars, std::int32_t& count) {
+    constexpr std::int32_t mostStars = 10000;
+    const double limit = radius * SolveArcsecondsPerRadian;
+    const double limitSquared = limit * limit;
+    cache.LoadRegion(ra0, dec0, radius);
+    const RegionReach reach(ra0, dec0, radius);
+
+    stars.assign(1, PlateStar());
+    count = 0;
+    for (const CachedCell& cell : cache.Cells) {
+        if (reach.Excludes(cell)) continue;
+        for (std::size_t i = 1; i < cell.Stars.size(); ++i) {
+            const CatalogStar& star = cell.Stars[i];
+            const double magnitude = Magnitude(star);
+            if (!(magnitude < magLimit)) {
+                if (cell.BrightestFirst) break;  // only fainter ones follow
+                continue;
+            }
+            double xi = 0;
+            double eta = 0;
+            projection.SkyToPlane(static_cast<double>(star.Ra), static_cast<double>(star.Dec), xi,
+                                  eta);
+            if (count < mostStars && xi * xi + eta * eta <= limitSquared) {
+                stars.push_back(ProjectedStar(star, xi, eta, magnitude));
+                ++count;
+            }
+        }
+    }
+    SortByMagnitude(stars, count);
+}
+
+void FieldStars(const CatalogCache& cache, Projection& projection, double ra0, double dec0,
+                double radius, double magLimit, PlateStarList& stars, std::int32_t& count) {
+    constexpr std::int32_t mostStars = 1000;
+    const double limit = radius * ArcsecondsPerRadian;
+    projection.SetProjectionCentre(ra0, dec0, ArcsecondsPerRadian);
+    stars.assign(1, PlateStar());
+    count = 0;
+    for (const CachedCell& cell : cache.Cells) {
+        if (!cell.InUse) continue;
+        for (std::size_t i = 1; i < cell.Stars.size(); ++i) {
+            const CatalogStar& star = cell.Stars[i];
+            const double magnitude = Magnitude(star);
+            if (!(magnitude <= magLimit)) continue;
+            double xi = 0;
+            double eta = 0;
+            const double cosine = projection.SkyToPlane(static_cast<double>(star.Ra),
+                                                        static_cast<double>(star.Dec), xi, eta);
+            const double distance = std::sqrt(xi * xi + eta * eta);
+            if (count < mostStars && distance <= limit && cosine >= 0) {
+                stars.push_back(ProjectedStar(star, xi, eta, magnitude));
+                ++count;
+            }
+        }
+    }
+    SortByMagnitude(stars, count);
+}
+
+}  // namespace vestrel

@@ -1,0 +1,232 @@
+#include "extraction/libBackground.h"
+
+#include <algorithm>
+
+#include "astro/libMath.h"
+
+namespace vestrel {
+
+namespace {
+
+constexpr std::int32_t step = 3;
+constexpr std::int32_t lift = 100;
+constexpr std::int32_t brightest = 65535;
+
+std::int32_t HeldValue(std::int32_t physical) {
+    return std::clamp(physical, 0, LargestHistogramValue);
+}
+
+struct ClipLevels {
+    std::int32_t Low;
+    std::int32_t High;
+};
+
+/// The levels beyond which the darkest and brightest 0.2 % of the samples lie. Images of fewer
+/// than 250 samples clip nothing: the levels then lie just outside the values that occur.
+ClipLevels FindClipLevels(const Grid<std::int32_t>& values, std::int32_t offset, std::int32_t width,
+                          std::int32_t height) {
+    std::vector<std::int32_t> histogram(LargestHistogramValue + 1, 0);
+    std::int32_t minimum = LargestHistogramValue;
+    std::int32_t maximum = 0;
+    std::int32_t samples = 0;
+    for (std::int32_t y = 0; y < height; y += step) {
+        const std::int32_t* row = values.Row(y).data();
+        for (std::int32_t x = 0; x < width; x += step) {
+            const std::int32_t value = HeldValue(row[x] + offset);
+            ++histogram[static_cast<std::size_t>(value)];
+            minimum = std::min(minimum, value);
+            maximum = std::max(maximum, value);
+            ++samples;
+        }
+    }
+
+    const std::int32_t clipped = RoundToNearestInt32(samples / 500.0);
+    ClipLevels levels{minimum - 1, maximum + 1};
+    for (std::int32_t sum = 0; sum < clipped;) {
+        sum += histogram[static_cast<std::size_t>(++levels.Low)];
+    }
+    for (std::int32_t sum = 0; sum < clipped;) {
+        sum += histogram[static_cast<std::size_t>(--levels.High)];
+    }
+    return levels;
+}
+
+/// One column of boxes sliding down the image.
+///
+/// The first box takes rows 1, 4, 7, …; the slide adds and removes the rows yc ± halfSize, which
+/// for the usual half-size are 2, 5, 8, …. So the first rows are never removed, and rows are
+/// removed that were never added: counters may go negative, but they always sum to the number of
+/// samples. Solutions have been judged with exactly these rows; do not "repair" them.
+class ColumnOfBoxes {
+ public:
+    ColumnOfBoxes(const Grid<std::int32_t>& values, std::int32_t offset, std::int32_t width,
+                  std::int32_t height, std::int32_t halfSize, ClipLevels clip)
+        : values_(values),
+          offset_(offset),
+          width_(width),
+          height_(height),
+          halfSize_(halfSize),
+          // The levels themselves may lie one step outside the histogram's values.
+          darkest_(HeldValue(clip.Low)),
+          brightest_(HeldValue(clip.High)),
+          histogram_(clip.Low, clip.High) {}
+
+    void Estimate(std::int32_t x0, double percentile, BackgroundBlocks& blocks) {
+        firstColumn_ = x0 - halfSize_;
+        while (firstColumn_ < 0) firstColumn_ += step;
+        lastColumn_ = std::min(x0 + halfSize_, width_ - 1);
+        histogram_.Clear();
+        samples_ = 0;
+        for (std::int32_t y = 1; y <= halfSize_ && y < height_; y += step) AddRow(y);
+
+        std::int32_t* cell = blocks.Values.data() + x0 / step;
+        *cell = HistogramPercentile(histogram_, samples_, percentile);
+        for (std::int32_t yc = 2; yc < height_; yc += step) {
+            if (yc - halfSize_ >= 0) RemoveRow(yc - halfSize_);
+            if (yc + halfSize_ < height_) AddRow(yc + halfSize_);
+            cell += blocks.Columns;
+            *cell = HistogramPercentile(histogram_, samples_, percentile);
+        }
+    }
+
+ private:
+    std::int32_t Held(std::int32_t stored) const {
+        return std::clamp(stored + offset_, darkest_, brightest_);
+    }
+    void AddRow(std::int32_t y) {
+        const std::int32_t* row = values_.Row(y).data();
+        for (std::int32_t x = firstColumn_; x <= lastColumn_; x += step) {
+            histogram_.Add(Held(row[x]));
+            ++samples_;
+        }
+    }
+    void RemoveRow(std::int32_t y) {
+        const std::int32_t* row = values_.Row(y).data();
+        for (std::int32_t x = firstColumn_; x <= lastColumn_; x += step) {
+            histogram_.Remove(Held(row[x]));
+            --samples_;
+        }
+    }
+
+    const Grid<std::int32_t>& values_;
+    std::int32_t offset_;
+    std::int32_t width_;
+    std::int32_t height_;
+    std::int32_t halfSize_;
+    std::int32_t darkest_;
+    std::int32_t brightest_;
+    ValueHistogram histogram_;
+    std::int32_t firstColumn_ = 0;
+    std::int32_t lastColumn_ = 0;
+    std::int32_t samples_ = 0;
+};
+
+}  // namespace
+
+ValueHistogram::ValueHistogram(std::int32_t low, std::int32_t high)
+    : Low(low),
+      High(high),
+      Counts(static_cast<std::size_t>(high - low + 1), 0),
+      BlockSums((Counts.size() >> BlockShift) + 1, 0),
+      BlockBounds(BlockSums.size(), 0) {}
+
+void ValueHistogram::Clear() {
+    std::fill(Counts.begin(), Counts.end(), 0);
+    std::fill(BlockSums.begin(), BlockSums.end(), 0);
+    std::fill(BlockBounds.begin(), BlockBounds.end(), 0);
+}
+
+void ValueHistogram::Add(std::int32_t value) {
+    const auto i = static_cast<std::size_t>(value - Low);
+    BlockBounds[i >> BlockShift] += Counts[i] >= 0 ? 1 : 0;
+    ++BlockSums[i >> BlockShift];
+    ++Counts[i];
+}
+
+void ValueHistogram::Remove(std::int32_t value) {
+    const auto i = static_cast<std::size_t>(value - Low);
+    BlockBounds[i >> BlockShift] -= Counts[i] > 0 ? 1 : 0;
+    --BlockSums[i >> BlockShift];
+    --Counts[i];
+}
+
+std::int32_t HistogramPercentile(const ValueHistogram& histogram, std::int32_t count,
+                                 double percentile) {
+    const std::int32_t target = RoundToNearestInt32(count * percentile / 100);
+    if (target <= 0) return histogram.Low - 1;
+    constexpr std::size_t blockLength = std::size_t{1} << ValueHistogram::BlockShift;
+    std::int32_t sum = 0;
+    for (std::size_t block = 0; block < histogram.BlockSums.size(); ++block) {
+        if (sum + histogram.BlockBounds[block] < target) {
+            sum += histogram.BlockSums[block];
+            continue;
+        }
+        const std::size_t end = std::min((block + 1) * blockLength, histogram.Counts.size());
+        for (std::size_t i = block * blockLength; i < end; ++i) {
+            sum += histogram.Counts[i];
+            if (sum >= target) return histogram.Low + static_cast<std::int32_t>(i);
+        }
+    }
+    return histogram.High;
+}
+
+BackgroundBlocks EstimateBackgroundBlocks(const Grid<std::int32_t>& values, std::int32_t offset,
+                                          std::int32_t width, std::int32_t height,
+                                          std::int16_t halfSize, double percentile,
+                                          const Progress& progress) {
+    BackgroundBlocks blocks;
+    if (width <= 0 || height <= 0) return blocks;
+    blocks.Columns = (width + step - 1) / step;
+    blocks.Rows = height / step + 1;
+    blocks.Values.resize(static_cast<std::size_t>(blocks.Columns) *
+                         static_cast<std::size_t>(blocks.Rows));
+
+    const ClipLevels clip = FindClipLevels(values, offset, width, height);
+    // A histogram is made once for this many columns of boxes, whose memory they share.
+    constexpr std::int32_t columnsPerPiece = 16;
+    const auto estimatePiece = [&](int piece) {
+        ColumnOfBoxes boxes(values, offset, width, height, halfSize, clip);
+        const std::int32_t end = std::min((piece + 1) * columnsPerPiece, blocks.Columns);
+        for (std::int32_t column = piece * columnsPerPiece; column < end; ++column) {
+            boxes.Estimate(column * step, percentile, blocks);
+        }
+    };
+    ParallelFor((blocks.Columns + columnsPerPiece - 1) / columnsPerPiece, estimatePiece, progress);
+    return blocks;
+}
+
+void EstimateBackground(Grid<std::int32_t>& values, std::int32_t width, std::int32_t height,
+                        std::int16_t halfSize, double percentile, const Progress& progress) {
+    const BackgroundBlocks blocks =
+        EstimateBackgroundBlocks(values, 0, width, height, halfSize, percentile, progress);
+    for (std::int32_t y = 0; y < height; ++y) {
+        for (std::int32_t x = 0; x < width; ++x) values(x, y) = blocks.At(x, y);
+    }
+}
+
+void SubtractBackgroundBlocks(Grid<std::int32_t>& pixels, std::int32_t offset, std::int32_t width,
+                              std::int32_t height, const BackgroundBlocks& background,
+                              const Progress& progress) {
+    constexpr std::int32_t rowsPerPiece = 63;  // whole blocks
+    const auto subtractPiece = [&](int piece) {
+        std::vector<std::int32_t> backgroundRow(static_cast<std::size_t>(width));
+        const std::int32_t first = piece * rowsPerPiece;
+        const std::int32_t end = std::min(first + rowsPerPiece, height);
+        for (std::int32_t y = first; y < end; ++y) {
+            if (y == first || (y + 1) % step == 0) {
+                for (std::int32_t x = 0; x < width; ++x) {
+                    backgroundRow[static_cast<std::size_t>(x)] = background.At(x, y);
+                }
+            }
+            std::int32_t* row = pixels.Row(y).data();
+            const std::int32_t* level = backgroundRow.data();
+            // Stored and physical values differ by the offset alone, so it only shifts the bounds.
+            for (std::int32_t x = 0; x < width; ++x) {
+                row[x] = std::clamp(row[x] - level[x] + lift, -offset, brightest - offset);
+            }
+        }
+    };
+    ParallelFor((height + rowsPerPiece - 1) / rowsPerPiece, subtractPiece, progress);
+}
+
+}  // namespace vestrel

@@ -1,0 +1,80 @@
+// The slowly varying sky background: a local percentile on a sparse grid, and its subtraction.
+//
+// The method is the sliding-histogram rank filter of Huang, Yang & Tang 1979 (IEEE Trans. ASSP 27,
+// 13), thinned to one pixel in nine and evaluated once per 3 × 3 block.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "astro/libGrid.h"
+#include "astro/libParallel.h"
+
+namespace vestrel {
+
+/// Physical values outside 0..LargestHistogramValue are held at these bounds for the histogram.
+inline constexpr std::int32_t LargestHistogramValue = 100000;
+
+/// Counters for the values `Low`..`High`, with sums over blocks of values so that a percentile is
+/// found without visiting every value. Counters may be negative.
+struct ValueHistogram {
+    std::int32_t Low = 0;
+    std::int32_t High = -1;
+    std::vector<std::int32_t> Counts;       ///< value v at index v − Low
+    std::vector<std::int32_t> BlockSums;    ///< sum of the counters of each block
+    std::vector<std::int32_t> BlockBounds;  ///< sum of the positive ones: no running sum within
+                                            ///< the block rises by more
+
+    static constexpr int BlockShift = 6;
+
+    ValueHistogram(std::int32_t low, std::int32_t high);
+    void Clear();
+    /// Both take values in Low..High.
+    void Add(std::int32_t value);
+    void Remove(std::int32_t value);
+};
+
+/// The value at which the running sum of the counters, from `Low` upward, first reaches
+/// count × percentile / 100, rounded half to even; Low − 1 when that target is 0 or less, High
+/// when it is never reached.
+/// @param percentile 0..100
+std::int32_t HistogramPercentile(const ValueHistogram& histogram, std::int32_t count,
+                                 double percentile);
+
+/// The background of an image, one value per block: column x belongs to block x / 3, row y to
+/// block (y + 1) / 3.
+struct BackgroundBlocks {
+    std::int32_t Columns = 0;
+    std::int32_t Rows = 0;
+    std::vector<std::int32_t> Values;  ///< row by row
+
+    std::int32_t At(std::int32_t x, std::int32_t y) const {
+        return Values[static_cast<std::size_t>((y + 1) / 3) * static_cast<std::size_t>(Columns) +
+                      static_cast<std::size_t>(x / 3)];
+    }
+};
+
+/// Estimates the background of `width` × `height` physical values (stored value + `offset`).
+///
+/// The percentile is taken over a box of ±`halfSize` pixels, sampled every third pixel, after the
+/// darkest and brightest 0.2 % of the image's samples have been held at their limits. The rows
+/// that enter and leave the box as it slides down are not the same set (see the .cpp file).
+/// @param halfSize   of the box, pixels, 0 or more
+/// @param percentile 0..100; 50 is the median
+BackgroundBlocks EstimateBackgroundBlocks(const Grid<std::int32_t>& values, std::int32_t offset,
+                                          std::int32_t width, std::int32_t height,
+                                          std::int16_t halfSize, double percentile,
+                                          const Progress& progress = {});
+
+/// As above on a grid of physical values, which is replaced by its background map; the spare
+/// column and row stay as they are.
+void EstimateBackground(Grid<std::int32_t>& values, std::int32_t width, std::int32_t height,
+                        std::int16_t halfSize, double percentile, const Progress& progress = {});
+
+/// Subtracts a background from stored values and lifts the result by 100 counts: afterwards a
+/// physical value is (value − background + 100), held within 0..65535.
+void SubtractBackgroundBlocks(Grid<std::int32_t>& pixels, std::int32_t offset, std::int32_t width,
+                              std::int32_t height, const BackgroundBlocks& background,
+                              const Progress& progress = {});
+
+}  // namespace vestrel

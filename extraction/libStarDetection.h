@@ -1,0 +1,56 @@
+// Finds the stars of a background-subtracted image: threshold, region fill, moments, rejection.
+#pragma once
+
+#include <cstdint>
+
+#include "astro/libGrid.h"
+#include "astro/libParallel.h"
+#include "astro/libPlateStar.h"
+#include "image/libImage.h"
+
+namespace vestrel {
+
+/// What decides which regions of bright pixels count as stars.
+struct DetectionSettings {
+    double DetectionThreshold = 6;  ///< standard deviations of the sky above its mean
+    double EdgeExclusion = 0.02;    ///< width of the ignored border, fraction of the image size
+    std::int16_t MinStarSize = 3;   ///< pixels
+    double MaxStarSize = 6;         ///< standard deviations of the sizes above their mean
+};
+
+/// What an extraction found out. `MaxFillDepth` is never reset: it keeps the deepest fill ever.
+struct ExtractionFacts {
+    std::int32_t StarsFound = 0;  ///< stars that passed all filters, before the cap
+    double BackgroundSigma = 0;   ///< clipped standard deviation of the sky, counts
+    double SkyMean = 0;           ///< clipped mean of the sky, counts
+    std::int32_t MaxFillDepth = 0;
+};
+
+/// No more stars than this are handed on.
+inline constexpr std::int32_t MaxExtractedStars = 100;
+
+/// Extracts the stars of an image, brightest first, into `stars` (1-based, `count` of them).
+///
+/// Sky mean and noise come from a two-pass 3-sigma clip of every third pixel; pixels above mean +
+/// threshold join into regions by touch, diagonals included; a star's position is the
+/// flux-weighted centroid of its region. Regions near the edges, with too few pixels or too large
+/// are rejected. Images under 20 × 20 pixels give no stars.
+void ExtractStars(const PlateImage& image, const DetectionSettings& settings, PlateStarList& stars,
+                  std::int32_t& count, ExtractionFacts& facts, const Progress& progress = {});
+
+/// Labels the region of pixels above a level that holds (x, y), by whole column runs.
+struct RegionFill {
+    const Grid<std::int32_t>& Pixels;
+    std::int32_t Width;
+    std::int32_t Height;
+    std::int32_t Level;             ///< a stored value strictly above it belongs to a region
+    Grid<std::int32_t>& Labels;     ///< 0 = unlabelled
+    std::int32_t MaxFillDepth = 0;  ///< deepest recursion so far
+
+    /// A fill this deep is cut off; the pixels not yet reached may start a region of their own.
+    static constexpr std::int32_t DepthLimit = 1001;
+
+    void FillRegion(std::int32_t x, std::int32_t y, std::int32_t label, std::int32_t& depth);
+};
+
+}  // namespace vestrel
