@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <utility>
+#include <vector>
 
 namespace vestrel {
 
@@ -58,6 +59,24 @@ void CombSort(List& records, std::ptrdiff_t n, OutOfOrder outOfOrder) {
         }
         gap = static_cast<std::ptrdiff_t>(static_cast<double>(gap) / 1.3);
     }
+}
+
+/// The comb sort's outcome without moving large records: element i (1..n) of the result is the
+/// place, before the sort, of the record that an ascending sort on `keyOf(place)` puts at i.
+template <typename KeyOf>
+std::vector<std::int32_t> CombSortedOrder(std::int32_t n, KeyOf keyOf) {
+    struct Entry {
+        decltype(keyOf(1)) Key;
+        std::int32_t Place;
+    };
+    std::vector<Entry> entries(static_cast<std::size_t>(n) + 1);
+    for (std::int32_t i = 1; i <= n; ++i) entries[static_cast<std::size_t>(i)] = {keyOf(i), i};
+    Entry* list = entries.data();
+    CombSort(list, n,
+             [](const Entry& earlier, const Entry& later) { return earlier.Key > later.Key; });
+    std::vector<std::int32_t> order(entries.size());
+    for (std::size_t i = 0; i < order.size(); ++i) order[i] = entries[i].Place;
+    return order;
 }
 
 /// Turns elements 1..n of a 1-based list around.

@@ -31,9 +31,9 @@ struct CachedCell {
 /// for longest leave first.
 struct CatalogCache {
     static constexpr std::size_t MaxCells = 999;
-    static constexpr std::int32_t MaxStars = 5'000'000;
+    static constexpr std::int64_t MaxStars = 5'000'000;
 
-    std::filesystem::path Folder;  ///< where the cell files are; cleared cache when it changes
+    std::filesystem::path Folder;  ///< where the cell files are
     std::vector<CachedCell> Cells;
     std::int32_t CachedStars = 0;                        ///< sum of `StarCount` over the cells
     std::unordered_map<std::string, std::size_t> Index;  ///< cell name to place in `Cells`

@@ -239,29 +239,15 @@ void RejectAtEdges(std::vector<Region>& regions, const PlateImage& image, Border
     }
 }
 
-/// Sorts regions 1..count by a key, largest first. Only keys and places take part in the sort, as
-/// they are far smaller than the records.
+/// Sorts regions 1..count by a key, largest first.
 void SortDescending(std::vector<Region>& regions, std::int32_t count, double Region::*key) {
-    struct Place {
-        double Key;
-        std::int32_t Index;
-    };
-    std::vector<Place> places(static_cast<std::size_t>(count) + 1);
-    for (std::int32_t i = 1; i <= count; ++i) {
-        places[static_cast<std::size_t>(i)] = {regions[static_cast<std::size_t>(i)].*key, i};
-    }
-    const auto outOfOrder = [](const Place& earlier, const Place& later) {
-        return earlier.Key > later.Key;
-    };
-    Place* list = places.data();
-    CombSort(list, count, outOfOrder);
-    ReverseList(list, count);
+    std::vector<std::int32_t> order = CombSortedOrder(
+        count, [&](std::int32_t i) { return regions[static_cast<std::size_t>(i)].*key; });
+    ReverseList(order, count);
     std::vector<Region> sorted;
-    sorted.reserve(places.size());
-    sorted.emplace_back();
-    for (std::int32_t i = 1; i <= count; ++i) {
-        sorted.push_back(regions[static_cast<std::size_t>(list[i].Index)]);
-    }
+    sorted.reserve(order.size());
+    for (const std::int32_t place : order)
+        sorted.push_back(regions[static_cast<std::size_t>(place)]);
     regions = std::move(sorted);
 }
 

@@ -1,0 +1,172 @@
+#include "app/consoleOptions.h"
+
+#include <CLI/CLI.hpp>
+#include <system_error>
+
+#include "app/exitCodes.h"
+#include "astro/libConversions.h"
+#include "astro/libMath.h"
+#include "astro/libStrings.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+
+namespace {
+
+constexpr const char* description =
+    "Finds where a photograph of the night sky points.\n"
+    "\n"
+    "  vestrel-solve m44.jpg --ra 08:40:24 --dec +19:40:00 --size 120x90 --regions 25\n"
+    "  vestrel-solve \"2.2704,0.3431,0.0349,0.0262,25,/pictures/m44.fit\"\n"
+    "\n"
+    "The second form takes right ascension, declination, width, height (radians), region limit\n"
+    "and path as one argument, and writes a result file (.kel) beside the image.";
+
+constexpr const char* closing =
+    "Exit codes:\n"
+    "  0  solved                          5  the image cannot be read\n"
+    "  1  fewer than 6 stars              6  the parameter string's path has no \".\"\n"
+    "  2  wrong use of the command line   7  no match, as there is no catalog for this field\n"
+    "  3  no match                        8  solved, but the result could not be written\n"
+    "  4  stopped by the user\n"
+    "\n"
+    "The catalog is the first of --catalog, $VESTREL_CATALOG, $XDG_DATA_HOME/Harrowdene/KEL and\n"
+    "/var/lib/Harrowdene/KEL; vestrel-catalog makes one. $VESTREL_THREADS limits the threads.";
+
+/// One side of a field size in radians; `unit` is set when the text carries one.
+std::optional<double> ParseSide(std::string_view text, double& radiansPerUnit) {
+    constexpr double radiansPerArcminute = Pi / 180 / 60;
+    text = Trim(text);
+    for (const auto& [suffix, value] :
+         {std::pair<std::string_view, double>{"d", radiansPerArcminute * 60},
+          {DegreeSign, radiansPerArcminute * 60},
+          {"m", radiansPerArcminute},
+          {"'", radiansPerArcminute}}) {
+        if (text.ends_with(suffix)) {
+            radiansPerUnit = value;
+            text.remove_suffix(suffix.size());
+            break;
+        }
+    }
+    return ParseNumber(text);
+}
+
+/// A parameter string is one argument with commas that names no file.
+bool LooksLikeParameterString(const std::string& argument) {
+    std::error_code ignored;
+    return !argument.empty() && !std::filesystem::exists(PathFromText(argument), ignored) &&
+           argument.find(',') != std::string::npos;
+}
+
+void AddParameterOptions(CLI::App& app, SolveParameters& parameters) {
+    const auto add = [&app](const char* name, auto& field, const char* help) {
+        app.add_option(name, field, help)->capture_default_str()->group("Extraction and matching");
+    };
+    add("--max-star-size", parameters.MaxStarSize,
+        "Standard deviations of the star sizes above their mean");
+    add("--min-star-size", parameters.MinStarSize, "Pixels");
+    add("--max-stars", parameters.MaxStars, "Stars of each list that take part");
+    add("--detection-threshold", parameters.DetectionThreshold,
+        "Standard deviations of the sky above its mean");
+    add("--max-geometric-error", parameters.MaxGeometricError,
+        "Largest departure of stretch from 1 and of skew from 0");
+    add("--edge-exclusion", parameters.EdgeExclusion,
+        "Border that is ignored, as a fraction of the image");
+    add("--max-error", parameters.MaxError, "Largest fit error, pixels");
+    add("--match-tolerance", parameters.MatchTolerance,
+        "Difference in side ratio of triangles that still vote");
+    add("--match-divisor", parameters.MatchDivisor,
+        "The larger, the fewer votes a pair of stars needs");
+}
+
+ParsedOptions UsageError(const std::string& text) {
+    return {ExitCode::Usage, text + "\nRun with --help for more information.\n"};
+}
+
+/// Reads the texts of the search inputs.
+std::optional<ParsedOptions> ReadSearchInputs(const std::string& ra, const std::string& dec,
+                                              const std::string& size, ConsoleOptions& options) {
+    if (!ra.empty() || !dec.empty()) {
+        options.Centre = SkyPosition{ParseRA(ra), ParseDec(dec)};
+        if (options.Centre->Ra == InvalidAngle) return UsageError("Please enter a valid RA value");
+        if (options.Centre->Dec == InvalidAngle) {
+            return UsageError("Please enter a valid Declination value");
+        }
+    }
+    if (!size.empty()) {
+        options.FieldSize = ParseFieldSize(size);
+        if (!options.FieldSize) return UsageError("Please enter a valid Image Size");
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::pair<double, double>> ParseFieldSize(std::string_view text) {
+    std::size_t split = text.find_first_of("xX");
+    std::size_t length = 1;
+    if (split == std::string_view::npos) {
+        constexpr std::string_view times = "\xC3\x97";
+        split = text.find(times);
+        length = times.size();
+    }
+    if (split == std::string_view::npos) return std::nullopt;
+    constexpr double radiansPerArcminute = Pi / 180 / 60;
+    double unitOfSecond = radiansPerArcminute;
+    const auto second = ParseSide(text.substr(split + length), unitOfSecond);
+    double unitOfFirst = unitOfSecond;
+    const auto first = ParseSide(text.substr(0, split), unitOfFirst);
+    if (!first || !second) return std::nullopt;
+    const std::pair<double, double> size{*first * unitOfFirst, *second * unitOfSecond};
+    const auto sensible = [](double side) { return side > 0 && side <= TwoPi; };
+    if (!sensible(size.first) || !sensible(size.second)) return std::nullopt;
+    return size;
+}
+
+ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOptions& options,
+                                  SolveParameters& parameters) {
+    CLI::App app(description, "vestrel-solve");
+    app.footer(closing);
+    app.set_version_flag("--version", std::string("vestrel-solve ") + VESTREL_VERSION);
+    std::string argument;
+    std::string ra;
+    std::string dec;
+    std::string size;
+    std::string catalog;
+    app.add_option("image", argument, "The image (FITS or JPEG), or a parameter string");
+    app.add_option("--ra", ra, "Approximate centre: 08:40:24 (hours) or 130.1 (degrees)");
+    app.add_option("--dec", dec, "Approximate centre: +19:40:00 or 19.667 (degrees)");
+    app.add_option("--size", size,
+                   "Approximate field: 120x90 (arcminutes) or 2x1.5d (degrees); as in the "
+                   "settings file when left out");
+    app.add_option("--regions", options.Regions, "Regions to search")->capture_default_str();
+    app.add_option("--catalog", catalog, "Folder of the catalog");
+    app.add_flag("--json", options.Json, "Print the result as JSON");
+    app.add_flag("--quiet", options.Quiet, "No progress, and no explanation of failures");
+    AddParameterOptions(app, parameters);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& end) {
+        std::ostringstream out;
+        std::ostringstream errors;
+        const int code = app.exit(end, out, errors);
+        if (code == 0) return {0, out.str()};
+        return {ExitCode::Usage, errors.str()};
+    }
+    options.CatalogFolder = PathFromText(catalog);
+    const bool anySearchInput = !ra.empty() || !dec.empty() || !size.empty();
+    if (!anySearchInput && LooksLikeParameterString(argument)) {
+        options.ParameterString = argument;
+        return {};
+    }
+    if (argument.empty()) return UsageError("Name an image.");
+    options.Image = argument;
+    if (auto error = ReadSearchInputs(ra, dec, size, options)) return *error;
+    if (!options.Centre) {
+        return UsageError("Give the approximate centre with --ra and --dec.");
+    }
+    return {};
+}
+
+}  // namespace vestrel

@@ -1,0 +1,41 @@
+// The program on a terminal or a pipe: messages and progress on stderr, Ctrl-C as Stop.
+#pragma once
+
+#include <string>
+
+#include "app/mGeneral.h"
+
+namespace vestrel {
+
+class ConsolePort : public Port {
+ public:
+    /// @param quiet shows messages but no progress
+    ConsolePort(ProgramState& state, bool quiet);
+    ~ConsolePort() override;
+    ConsolePort(const ConsolePort&) = delete;
+    ConsolePort& operator=(const ConsolePort&) = delete;
+
+    void ShowMessage(const std::string& text, const std::string& title) override;
+    void DisplayChanged() override;
+    void ImageChanged() override {}
+    void ShowProgress(int percent) override;
+    void Yield() override;
+    void ShowBusyPointer(bool /*busy*/) override {}
+
+    /// Wipes the progress line, so that other text can follow.
+    void EndProgressLine();
+
+ private:
+    void Redraw();
+
+    ProgramState& state_;
+    bool drawsProgress_;
+    int percent_ = 0;
+    std::string drawn_;
+};
+
+/// Whether output to a stream (1 = stdout, 2 = stderr) may carry colours: a terminal, and NO_COLOR
+/// unset or empty.
+bool MayUseColour(int stream);
+
+}  // namespace vestrel

@@ -1,0 +1,152 @@
+// The state of the program: one loaded image, one list of each kind, one solution.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "app/mPort.h"
+#include "astro/libPlateStar.h"
+#include "astro/libSphericalMath.h"
+#include "catalog/libCatalogCache.h"
+#include "extraction/libStarDetection.h"
+#include "image/libImage.h"
+#include "matching/libAlign.h"
+#include "settings/libSettingsFile.h"
+
+namespace vestrel {
+
+/// The program's title, also in the titles of error messages.
+inline constexpr const char* ProgramTitle = "Vestrel 1.13";
+
+/// A J2000 position, radians.
+struct SkyPosition {
+    double Ra = 0;
+    double Dec = 0;
+};
+
+/// Everything that one successful solve produces.
+struct PlateSolution {
+    StarMatchList Pairs;  ///< 1-based
+    std::int32_t PairCount = 0;
+    PlateConstants Transform;  ///< A, B, U0, C, D, V0: arcseconds about the tangent point
+                               ///< to pixels
+    double Scale = 0;          ///< pixels per arcsecond
+    double Stretch = 0;        ///< as fitted; shown with its sign turned
+    double Skew = 0;
+    double Angle = 0;               ///< position angle, radians
+    double Rms = 0;                 ///< pixels
+    std::int32_t MatchedCount = 0;  ///< pairs in use
+    double CentreRA = 0;            ///< J2000 image centre, radians
+    double CentreDec = 0;
+    double TangentRA = 0;  ///< tangent point of the projection, radians
+    double TangentDec = 0;
+    double WidthArcmin = 0;
+    double HeightArcmin = 0;
+    std::int32_t ExtractedCount = 0;   ///< stars that the extraction reported
+    std::int32_t CatalogCount = 0;     ///< catalog stars of the winning region
+    std::int32_t RegionsSearched = 0;  ///< the winning one included
+    double MagnitudeZeroPoint = 0;     ///< mean of instrumental − catalog magnitude
+};
+
+/// The solve window's numbers of the last solution; 0 until there is one.
+struct ShownGeometry {
+    double ScaleArcseconds = 0;  ///< arcseconds per pixel
+    double AngleDegrees = 0;     ///< 0..360
+    double Stretch = 0;          ///< as fitted
+    double Skew = 0;
+};
+
+enum class StatusColour { Black, Red, Green };
+struct StatusLine {
+    std::string Text;
+    StatusColour Colour = StatusColour::Black;
+    bool Visible = true;
+};
+
+/// The texts of the solve window, as they are to be shown.
+struct SolveDisplay {
+    StatusLine Status{"Ready", StatusColour::Black, true};
+    StatusLine Status1{"", StatusColour::Black, false};
+    bool BusyIndicator = false;
+    bool SyncEnabled = false;
+    std::string ImageName;  ///< shortened path of the loaded image
+    std::string ImageSize;
+    std::string CentreCaption = "Search Center";
+    std::string CentreRA;
+    std::string CentreDec;
+    std::string StartRA;
+    std::string StartDec;
+    std::string StartSize;
+    std::string StartRegions;
+    std::string PlateSize;
+    std::string Scale;
+    std::string Stretch;
+    std::string Skew;
+    std::string Angle;
+    std::string Extracted;
+    std::string FoundInCatalog;
+    std::string Matched;
+    std::string RmsDifference;
+    bool SolutionOverlays = false;  ///< the three overlays that a solution switches on
+};
+
+/// What the user has typed into the solve window.
+struct SolveInputs {
+    std::string SizeX;
+    std::string SizeY;
+    std::string Units = "arcminutes";  ///< or "degrees"
+};
+
+/// Seconds spent in each stage of the last image and solve.
+struct StageTimes {
+    double Reading = 0;
+    double Background = 0;
+    double Extraction = 0;  ///< smoothing and second extraction included
+    double Catalog = 0;
+    double Matching = 0;
+};
+
+/// What a solve went through, for the report of its outcome.
+struct SolveReport {
+    double MagnitudeLimit = 0;
+    double SearchRadius = 0;        ///< radians
+    std::int32_t RegionsTried = 0;  ///< regions read and matched
+    bool Smoothed = false;
+    std::int32_t CatalogStarsAtStart = 0;  ///< in the starting region
+    CatalogPresence CatalogAtStart = CatalogPresence::Present;
+    AlignReport BestAttempt;  ///< of the regions that failed
+    SkyPosition BestAttemptCentre;
+    StageTimes Times;
+};
+
+struct ProgramState {
+    PlateImage Image;
+    bool ImageLoaded = false;
+    bool BackgroundRemoved = false;
+    bool StopRequested = false;
+
+    SolveParameters Parameters;
+    bool HaveConfig = false;  ///< the settings were read from the file
+    SolveInputs Inputs;
+
+    ExtractionFacts Extraction;
+    PlateStarList PlateStars;  ///< 1-based; of the last extraction that gave 6 or more
+    std::int32_t PlateStarCount = 0;
+    PlateStarList CatalogStars;  ///< 1-based; of the region of the last success
+    std::int32_t CatalogStarCount = 0;
+    std::vector<SkyPosition> MatchedPositions;
+
+    Projection Plane;
+    CatalogCache Catalog;
+    PlateSolution Solution;
+    ShownGeometry Geometry;
+    SkyPosition SolvedCentre;
+    double MagnitudeZeroPoint = 0;
+    bool ZeroPointValid = false;
+
+    SolveDisplay Display;
+    SolveReport Report;
+};
+
+}  // namespace vestrel

@@ -1,0 +1,28 @@
+// What the program's logic asks of whatever shows it: a window, a console or a test.
+#pragma once
+
+#include <string>
+
+namespace vestrel {
+
+/// The one way from the program's logic to the user. Everything that is shown as text stands in
+/// the program state; the port is told when to look.
+class Port {
+ public:
+    virtual ~Port() = default;
+
+    /// A message box: waits for the user where there is one to wait for.
+    virtual void ShowMessage(const std::string& text, const std::string& title) = 0;
+    /// The texts of the solve window have changed.
+    virtual void DisplayChanged() = 0;
+    /// The image, or what is drawn over it, has changed.
+    virtual void ImageChanged() = 0;
+    /// Progress of the present step, 0..100; 0 clears it.
+    virtual void ShowProgress(int percent) = 0;
+    /// Lets pending user-interface events run. The only place where a stop can be asked for.
+    virtual void Yield() = 0;
+    /// Shows or hides the busy (hourglass) pointer.
+    virtual void ShowBusyPointer(bool busy) = 0;
+};
+
+}  // namespace vestrel

@@ -1,0 +1,173 @@
+#include "app/mSolveReport.h"
+
+#include <cmath>
+
+#include "astro/libConversions.h"
+#include "astro/libMath.h"
+#include "astro/libStrings.h"
+#include "matching/mPlateMatch.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+
+namespace {
+
+constexpr double exactDegreesPerRadian = 57.29577951308232;
+
+/// Lines of a label column and a value.
+class Table {
+ public:
+    void Line(const std::string& label, const std::string& value) {
+        constexpr std::size_t labelWidth = 18;
+        const std::size_t padding = label.size() < labelWidth ? labelWidth - label.size() : 1;
+        text_ += "  " + label + std::string(padding, ' ') + value + "\n";
+    }
+    std::string Take() { return std::move(text_); }
+
+ private:
+    std::string text_;
+};
+
+/// A number with just this many decimals.
+std::string Fixed(double value, int decimals) {
+    std::string text = PlainNumberText(RoundToDecimals(value, decimals));
+    if (decimals == 0) return text;
+    std::size_t point = text.find('.');
+    if (point == std::string::npos) {
+        point = text.size();
+        text += '.';
+    }
+    const std::size_t present = text.size() - point - 1;
+    if (present < static_cast<std::size_t>(decimals)) {
+        text.append(static_cast<std::size_t>(decimals) - present, '0');
+    }
+    return text;
+}
+
+std::string Position(SkyPosition position) {
+    const std::string sign = position.Dec < 0 ? "" : "+";
+    return FormatRA(position.Ra, true, 2) + "  " + sign + FormatDec(position.Dec, true, 1) +
+           "   (" + Fixed(position.Ra * exactDegreesPerRadian, 6) + DegreeSign + ", " + sign +
+           Fixed(position.Dec * exactDegreesPerRadian, 6) + DegreeSign + ")";
+}
+
+std::string Count(std::int64_t n, const char* one, const char* many) {
+    return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+}  // namespace
+
+ImageOrientation OrientationOf(const PlateSolution& solution) {
+    // Up is the direction of falling row numbers.
+    double xi0 = 0;
+    double eta0 = 0;
+    double xi1 = 0;
+    double eta1 = 0;
+    InvertPlateFit(solution.Transform, 0, 0, xi0, eta0);
+    InvertPlateFit(solution.Transform, 0, -1, xi1, eta1);
+    const double east = -(xi1 - xi0);
+    const double north = eta1 - eta0;
+    double angle = std::atan2(east, north) * exactDegreesPerRadian;
+    if (angle < 0) angle += 360;
+    // xi grows west and rows downward, so the ordinary sky has a negative determinant.
+    return {angle, solution.Stretch > 0};
+}
+
+std::string SolutionText(const ProgramState& state) {
+    const PlateSolution& solution = state.Solution;
+    const ImageOrientation orientation = OrientationOf(solution);
+    Table table;
+    table.Line("Centre (J2000)", Position({solution.CentreRA, solution.CentreDec}));
+    table.Line("Field", state.Display.PlateSize);
+    table.Line("Scale", Fixed(state.Geometry.ScaleArcseconds, 4) + "\"/px");
+    table.Line("Rotation", Fixed(state.Geometry.AngleDegrees, 2) + DegreeSign + "   (up is " +
+                               Fixed(orientation.UpPositionAngle, 2) + DegreeSign +
+                               " east of north)");
+    table.Line("Mirrored", orientation.Mirrored ? "yes (with north up, east is right)"
+                                                : "no (with north up, east is left)");
+    table.Line("Stretch, skew", Fixed(-solution.Stretch, 5) + ", " + Fixed(solution.Skew, 5));
+    table.Line("Stars", std::to_string(solution.ExtractedCount) + " extracted, " +
+                            std::to_string(solution.CatalogCount) + " in catalog, " +
+                            std::to_string(solution.MatchedCount) + " matched");
+    table.Line("RMS", state.Display.RmsDifference + " (" + Fixed(solution.Rms, 3) + " px)");
+    table.Line("Regions searched", std::to_string(solution.RegionsSearched));
+    return table.Take();
+}
+
+std::string CatalogComplaint(const ProgramState& state) {
+    const std::string folder = TextFromPath(state.Catalog.Folder);
+    switch (state.Report.CatalogAtStart) {
+        case CatalogPresence::FolderMissing:
+            return "the catalog folder " + folder + " does not exist";
+        case CatalogPresence::NoCells:
+            return "the catalog folder " + folder + " holds no stars";
+        case CatalogPresence::NothingHere:
+            return "the catalog in " + folder + " has no stars in this part of the sky";
+        case CatalogPresence::Present:
+            break;
+    }
+    return {};
+}
+
+std::vector<std::string> Advice(const ProgramState& state, std::int16_t code) {
+    std::vector<std::string> advice;
+    if (code == SolveCode::TooFewStars) {
+        advice.emplace_back("lower --detection-threshold, or --min-star-size for sharp stars");
+        advice.emplace_back("check that the picture shows stars: exposure, focus, clouds, cap");
+        return advice;
+    }
+    if (code != SolveCode::NoMatch) return advice;
+    const SolveReport& report = state.Report;
+    if (report.CatalogAtStart == CatalogPresence::FolderMissing ||
+        report.CatalogAtStart == CatalogPresence::NoCells) {
+        advice.emplace_back(
+            "make a catalog with vestrel-catalog build, or name its folder with --catalog");
+        return advice;
+    }
+    constexpr std::int32_t fewestUseful = 10;
+    if (report.CatalogStarsAtStart < fewestUseful) {
+        advice.emplace_back(
+            "the catalog has few stars here: build a deeper one, or check the size of the field");
+    }
+    advice.emplace_back(
+        "check the size of the field (--size): it decides which stars are compared");
+    advice.emplace_back("check the centre (--ra in hours when sexagesimal, in degrees when plain)");
+    advice.emplace_back("search farther with a larger --regions");
+    return advice;
+}
+
+std::string FailureText(const ProgramState& state, std::int16_t code) {
+    const SolveReport& report = state.Report;
+    Table table;
+    table.Line("Image", std::to_string(state.Image.Width) + " x " +
+                            std::to_string(state.Image.Height) + " pixels");
+    table.Line("Stars found", std::to_string(state.Extraction.StarsFound) +
+                                  (report.Smoothed ? " (after smoothing)" : "") + ", sky noise " +
+                                  Fixed(state.Extraction.BackgroundSigma, 1) + " counts");
+    if (code == SolveCode::NoMatch || code == SolveCode::Stopped) {
+        const std::string complaint = CatalogComplaint(state);
+        table.Line("Catalog", complaint.empty()
+                                  ? std::to_string(report.CatalogStarsAtStart) +
+                                        " stars in the first region, down to magnitude " +
+                                        Fixed(report.MagnitudeLimit, 1)
+                                  : complaint);
+        table.Line("Regions tried", std::to_string(report.RegionsTried));
+        table.Line("Best attempt", Count(report.BestAttempt.Selected, "pair", "pairs") +
+                                       " by votes, " + std::to_string(report.BestAttempt.Kept) +
+                                       " left by the fit, about " +
+                                       Position(report.BestAttemptCentre));
+    }
+    std::string text = table.Take();
+    for (const std::string& line : Advice(state, code)) text += "  Try: " + line + "\n";
+    return text;
+}
+
+std::vector<std::pair<std::string, double>> StageTable(const StageTimes& times) {
+    return {{"reading", times.Reading},
+            {"background", times.Background},
+            {"extraction", times.Extraction},
+            {"catalog", times.Catalog},
+            {"matching", times.Matching}};
+}
+
+}  // namespace vestrel

@@ -1,0 +1,34 @@
+// The outcome of a solve in words and figures, for people.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "app/mGeneral.h"
+
+namespace vestrel {
+
+/// How the image lies on the sky, as it is displayed: grid row 0 at the top.
+struct ImageOrientation {
+    double UpPositionAngle = 0;  ///< of the direction up, degrees east of north, 0..360
+    bool Mirrored = false;       ///< true when east lies to the right with north up
+};
+ImageOrientation OrientationOf(const PlateSolution& solution);
+
+/// A solution as lines of "label   value", ready to print.
+std::string SolutionText(const ProgramState& state);
+
+/// Why a solve ended without a solution: what was seen, and what to try next.
+std::string FailureText(const ProgramState& state, std::int16_t code);
+
+/// What is wrong with the catalog, in words; empty when it has stars for the starting region.
+std::string CatalogComplaint(const ProgramState& state);
+
+/// What a user might try next, most promising first.
+std::vector<std::string> Advice(const ProgramState& state, std::int16_t code);
+
+/// The stages' names and seconds, in order.
+std::vector<std::pair<std::string, double>> StageTable(const StageTimes& times);
+
+}  // namespace vestrel

@@ -1,0 +1,241 @@
+// The console program: solves one image and reports the outcome.
+
+#include <cmath>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "app/consoleOptions.h"
+#include "app/consolePort.h"
+#include "app/exitCodes.h"
+#include "app/mCommandLine.h"
+#include "app/mSolveReport.h"
+#include "app/mStopwatch.h"
+#include "astro/libMath.h"
+#include "image/mImageData.h"
+#include "matching/mPlateMatch.h"
+#include "platform/libPlatform.h"
+#include "settings/mSettings.h"
+
+namespace vestrel {
+namespace {
+
+/// How a run ended.
+struct Outcome {
+    int Exit = ExitCode::Usage;
+    SolveResult Result;
+    bool Attempted = false;  ///< an image was read and a solve ran
+    std::string Image;
+    double Seconds = 0;
+};
+
+int ExitCodeOf(std::int16_t code, const ProgramState& state) {
+    switch (code) {
+        case SolveCode::Solved:
+            return ExitCode::Solved;
+        case SolveCode::TooFewStars:
+            return ExitCode::TooFewStars;
+        case SolveCode::Stopped:
+            return ExitCode::Stopped;
+        case SolveCode::NoImage:
+            return ExitCode::NoImage;
+        default:
+            return CatalogComplaint(state).empty() ? ExitCode::NoMatch : ExitCode::NoCatalog;
+    }
+}
+
+Outcome SolveParameterString(ProgramState& state, Port& port, const std::string& parameters) {
+    const UnattendedOutcome run = RunUnattended(state, port, parameters);
+    Outcome outcome;
+    outcome.Result = run.Result;
+    outcome.Image = run.Request.Path;
+    switch (run.End) {
+        case UnattendedEnd::InvalidParameters:
+            outcome.Exit = ExitCode::Usage;
+            break;
+        case UnattendedEnd::InvalidFileName:
+            outcome.Exit = ExitCode::InvalidFileName;
+            break;
+        case UnattendedEnd::NoImage:
+            outcome.Exit = ExitCode::NoImage;
+            break;
+        case UnattendedEnd::Finished:
+            outcome.Attempted = true;
+            outcome.Exit = ExitCodeOf(run.Result.Code, state);
+            if (!run.ResultFileWritten) {
+                port.ShowMessage("The result file " +
+                                     TextFromPath(ResultFilePath(run.Request.Path)) +
+                                     " cannot be written.",
+                                 DefaultTitle);
+                if (outcome.Exit == ExitCode::Solved) outcome.Exit = ExitCode::NotWritten;
+            }
+    }
+    return outcome;
+}
+
+Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& options) {
+    Outcome outcome;
+    outcome.Image = options.Image;
+    if (!OpenImage(state, port, options.Image)) {
+        outcome.Exit = ExitCode::NoImage;
+        outcome.Result = {SolveCode::NoImage, ResultMessage(SolveCode::NoImage)};
+        return outcome;
+    }
+    double ra = options.Centre->Ra;
+    double dec = options.Centre->Dec;
+    const std::int16_t code =
+        SolvePlate(state, port, ra, dec, options.FieldSize->first, options.FieldSize->second,
+                   options.Regions, state.Parameters.MaxError);
+    outcome.Result = {code, ResultMessage(code)};
+    outcome.Exit = ExitCodeOf(code, state);
+    outcome.Attempted = true;
+    return outcome;
+}
+
+/// The field size that the settings remember, radians.
+std::pair<double, double> RememberedFieldSize(const SolveParameters& parameters) {
+    const double radiansPerUnit = (parameters.SizeUnit == 1 ? 60 : 1) * Pi / 180 / 60;
+    return {parameters.FieldWidth * radiansPerUnit, parameters.FieldHeight * radiansPerUnit};
+}
+
+nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outcome) {
+    constexpr double degreesPerRadian = 57.29577951308232;
+    const bool solved = outcome.Result.Code == SolveCode::Solved && outcome.Attempted;
+    nlohmann::ordered_json json;
+    json["solved"] = solved;
+    json["code"] = outcome.Result.Code;
+    json["message"] = outcome.Result.Message;
+    json["exit_code"] = outcome.Exit;
+    json["image"] = outcome.Image;
+    if (!outcome.Attempted) return json;
+    const PlateSolution& solution = state.Solution;
+    if (solved) {
+        const ImageOrientation orientation = OrientationOf(solution);
+        json["ra_deg"] = solution.CentreRA * degreesPerRadian;
+        json["dec_deg"] = solution.CentreDec * degreesPerRadian;
+        json["ra"] = state.Display.CentreRA;
+        json["dec"] = state.Display.CentreDec;
+        json["width_arcmin"] = solution.WidthArcmin;
+        json["height_arcmin"] = solution.HeightArcmin;
+        json["scale_arcsec_px"] = state.Geometry.ScaleArcseconds;
+        json["rotation_deg"] = state.Geometry.AngleDegrees;
+        json["up_position_angle_deg"] = orientation.UpPositionAngle;
+        json["mirrored"] = orientation.Mirrored;
+        json["stretch"] = solution.Stretch;
+        json["skew"] = solution.Skew;
+        json["rms_px"] = solution.Rms;
+        json["rms_arcsec"] = solution.Rms / solution.Scale;
+        json["stars_matched"] = solution.MatchedCount;
+        json["regions_searched"] = solution.RegionsSearched;
+        json["magnitude_zero_point"] = solution.MagnitudeZeroPoint;
+        json["tangent_ra_deg"] = solution.TangentRA * degreesPerRadian;
+        json["tangent_dec_deg"] = solution.TangentDec * degreesPerRadian;
+        const PlateConstants& t = solution.Transform;
+        json["transform"] = {t.a, t.b, t.c, t.d, t.e, t.f};
+    }
+    const SolveReport& report = state.Report;
+    json["width_px"] = state.Image.Width;
+    json["height_px"] = state.Image.Height;
+    json["stars_extracted"] = state.Extraction.StarsFound;
+    json["stars_in_catalog"] = solved ? solution.CatalogCount : report.CatalogStarsAtStart;
+    json["sky_noise"] = state.Extraction.BackgroundSigma;
+    json["smoothed"] = report.Smoothed;
+    json["magnitude_limit"] = report.MagnitudeLimit;
+    json["regions_tried"] = report.RegionsTried;
+    json["catalog_folder"] = TextFromPath(state.Catalog.Folder);
+    if (!solved) {
+        json["catalog_complaint"] = CatalogComplaint(state);
+        json["best_attempt"] = {{"pairs_by_votes", report.BestAttempt.Selected},
+                                {"pairs_left", report.BestAttempt.Kept},
+                                {"ra_deg", report.BestAttemptCentre.Ra * degreesPerRadian},
+                                {"dec_deg", report.BestAttemptCentre.Dec * degreesPerRadian}};
+        json["advice"] = Advice(state, outcome.Result.Code);
+    }
+    for (const auto& [stage, seconds] : StageTable(report.Times)) json["seconds"][stage] = seconds;
+    json["seconds"]["total"] = outcome.Seconds;
+    json["peak_memory_bytes"] = PeakMemoryBytes();
+    return json;
+}
+
+std::string Milliseconds(double seconds) {
+    return std::to_string(static_cast<long>(std::lround(seconds * 1000))) + " ms";
+}
+
+void PrintTimes(std::FILE* out, const ProgramState& state, const Outcome& outcome) {
+    std::fputs("  Time              ", out);
+    for (const auto& [stage, seconds] : StageTable(state.Report.Times)) {
+        std::fprintf(out, "%s %s, ", stage.c_str(), Milliseconds(seconds).c_str());
+    }
+    std::fprintf(out, "total %s\n", Milliseconds(outcome.Seconds).c_str());
+}
+
+void PrintForPeople(const ProgramState& state, const Outcome& outcome, bool quiet) {
+    const bool solved = outcome.Result.Code == SolveCode::Solved && outcome.Attempted;
+    const int stream = solved ? 1 : 2;
+    const char* colour = MayUseColour(stream) ? (solved ? "\033[32m" : "\033[31m") : "";
+    const char* plain = *colour != 0 ? "\033[0m" : "";
+    if (solved) {
+        std::printf("%s%s%s: %s\n%s", colour, outcome.Result.Message.c_str(), plain,
+                    outcome.Image.c_str(), SolutionText(state).c_str());
+        PrintTimes(stdout, state, outcome);
+        return;
+    }
+    if (quiet || !outcome.Attempted) return;
+    std::string text = state.Display.Status.Text;
+    if (state.Display.Status1.Visible && !state.Display.Status1.Text.empty()) {
+        text = state.Display.Status1.Text;
+    }
+    std::fprintf(stderr, "%s%s%s: %s\n%s", colour, text.c_str(), plain, outcome.Image.c_str(),
+                 FailureText(state, outcome.Result.Code).c_str());
+    PrintTimes(stderr, state, outcome);
+}
+
+int Run(int argc, const char* const* argv) {
+    const auto state = std::make_unique<ProgramState>();
+    Outcome outcome;
+    ConsoleOptions options;
+    // The settings come first: they are what the options change.
+    {
+        ConsolePort port(*state, true);
+        InitSettings(*state, port);
+    }
+    const ParsedOptions parsed = ParseConsoleOptions(argc, argv, options, state->Parameters);
+    if (parsed.EndWith) {
+        std::fputs(parsed.Output.c_str(), *parsed.EndWith == 0 ? stdout : stderr);
+        return *parsed.EndWith;
+    }
+    state->Catalog.Folder =
+        options.CatalogFolder.empty() ? DefaultCatalogFolder() : options.CatalogFolder;
+    if (!options.FieldSize) options.FieldSize = RememberedFieldSize(state->Parameters);
+    double seconds = 0;
+    {
+        const StageTimer timer(seconds);
+        ConsolePort port(*state, options.Quiet);
+        outcome = options.ParameterString
+                      ? SolveParameterString(*state, port, *options.ParameterString)
+                      : SolveImage(*state, port, options);
+    }
+    outcome.Seconds = seconds;
+    if (options.Json) {
+        // Paths need not be UTF-8; JSON must be.
+        std::printf("%s\n", JsonReport(*state, outcome)
+                                .dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+                                .c_str());
+    } else {
+        PrintForPeople(*state, outcome, options.Quiet);
+    }
+    return outcome.Exit;
+}
+
+}  // namespace
+}  // namespace vestrel
+
+int main(int argc, char** argv) {
+    try {
+        return vestrel::Run(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vestrel-solve: %s\n", error.what());
+        return vestrel::ExitCode::Usage;
+    }
+}

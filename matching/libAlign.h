@@ -1,0 +1,56 @@
+// Matches two lists of star positions and fits the plate that takes the first onto the second.
+#pragma once
+
+#include <cstdint>
+
+#include "astro/libParallel.h"
+#include "astro/libPlateStar.h"
+#include "matching/libPlateFit.h"
+#include "matching/libTriangles.h"
+
+namespace vestrel {
+
+/// What the matcher allows. The defaults are those of the settings.
+struct AlignSettings {
+    double MatchTolerance = 0.01;      ///< triangles farther apart than this do not vote
+    double MatchDivisor = 150;         ///< the larger, the fewer votes a pair needs
+    double MaxGeometricError = 0.025;  ///< limit on |(|Stretch| − 1)| and on |Skew|
+    std::int16_t MaxStars = 45;        ///< stars of each list that take part
+};
+
+/// The triangles of a list that is matched many times, kept from one match to the next.
+struct KeptTriangles {
+    std::int32_t StarCount = -1;  ///< of how many stars; −1 when nothing is kept
+    std::int32_t Count = 0;
+    StarTriangleList Triangles;
+};
+
+/// How far a match got.
+struct AlignReport {
+    std::int32_t Triangles1 = 0;
+    std::int32_t Triangles2 = 0;
+    std::int32_t Voted = 0;     ///< triangles that voted
+    std::int32_t Selected = 0;  ///< pairs with enough votes
+    std::int32_t Kept = 0;      ///< pairs that survived the fit
+};
+
+/// Matches list 1 (catalog stars on the plane) with list 2 (stars of the image).
+///
+/// Triangle votes give the first pairs; a fit is cleaned of outliers, extended by the pairs that
+/// it predicts, and cleaned again. The worst pair alone is dropped at a time, also when it was the
+/// geometry that did not pass.
+///
+/// @param count1, count2 stars in the lists; lowered to `MaxStars` once the first fit stands
+/// @param matches    1..matchCount; pairs with `InUse` false were dropped
+/// @param usedCount  pairs in use
+/// @param fitError   root mean square residual, list-2 units
+/// @param maxError   largest fit error allowed; it is compared times the plate scale's inverse
+/// @param triangles2 triangles of list 2 from an earlier match of the same list
+/// @return true when at least 5 pairs fit; false leaves the outputs as they were last computed
+bool AlignImages(const PlateStarList& list1, std::int32_t& count1, const PlateStarList& list2,
+                 std::int32_t& count2, StarMatchList& matches, std::int32_t& matchCount,
+                 PlateConstants& constants, FitGeometry& geometry, double& fitError,
+                 std::int32_t& usedCount, double maxError, const AlignSettings& settings,
+                 KeptTriangles& triangles2, AlignReport& report, const Progress& progress = {});
+
+}  // namespace vestrel

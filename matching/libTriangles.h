@@ -1,0 +1,71 @@
+// Triangle voting: which star of one list is which star of another, whatever the shift, rotation
+// and scale between them.
+//
+// Triangles are described by two side ratios and matched in that plane, after Groth 1986 (AJ 91,
+// 1244) and Valdes et al. 1995 (PASP 107, 1119).
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "astro/libParallel.h"
+#include "astro/libPlateStar.h"
+#include "matching/libPlateFit.h"
+
+namespace vestrel {
+
+/// Three stars of one list, told apart by the sides that they face.
+struct StarTriangle {
+    double LongSide = 0;       ///< plane units of the list
+    double MidRatio = 0;       ///< middle side / longest side
+    double ShortRatio = 0;     ///< shortest side / longest side
+    std::int16_t Corner1 = 0;  ///< the star opposite the shortest side
+    std::int16_t Corner2 = 0;  ///< opposite the middle side
+    std::int16_t Corner3 = 0;  ///< opposite the longest side
+};
+/// 1-based; in rising order of `ShortRatio` once sorted.
+using StarTriangleList = std::vector<StarTriangle>;
+
+/// Votes for pairings, indexed (list-1 star, list-2 star), both 1-based.
+struct VoteTable {
+    std::int32_t Count2 = 0;
+    std::vector<std::int32_t> Votes;
+
+    VoteTable(std::int32_t count1, std::int32_t count2)
+        : Count2(count2),
+          Votes(static_cast<std::size_t>(count1 + 1) * static_cast<std::size_t>(count2 + 1)) {}
+    std::int32_t& operator()(std::int32_t star1, std::int32_t star2) {
+        return Votes[static_cast<std::size_t>(star1) * static_cast<std::size_t>(Count2 + 1) +
+                     static_cast<std::size_t>(star2)];
+    }
+};
+
+/// Builds the triangles of stars 1..n that can be told apart reliably: not near-equilateral,
+/// near-isosceles or flat. Leaves them sorted.
+/// @return how many there are
+std::int32_t BuildTriangles(const PlateStarList& list, std::int32_t n, StarTriangleList& triangles);
+
+/// Sorts triangles 1..count into rising order of `ShortRatio`.
+void SortTriangles(StarTriangleList& triangles, std::int32_t count);
+
+/// Lets each triangle of the shorter list vote, with its nearest one of the other list, for the
+/// pairing of their corners. Only triangles nearer than `tolerance` in the plane of the two ratios
+/// vote. The table is expected to be zero.
+/// @return how many triangles voted
+std::int32_t VoteTriangles(VoteTable& votes, const StarTriangleList& triangles1,
+                           std::int32_t triangleCount1, const StarTriangleList& triangles2,
+                           std::int32_t triangleCount2, double tolerance,
+                           const Progress& progress = {});
+
+/// Picks for each star of list 1 the star of list 2 with the most votes, when they are enough:
+/// (m − 2)(m − 1) / `matchDivisor` with m the shorter list's count, and at least 4. A star is
+/// picked once at most; the votes of picked stars are cleared.
+/// @param matches 1-based, most votes first, all in use
+/// @return how many pairs were picked
+std::int32_t SelectMatches(VoteTable& votes, std::int32_t count1, std::int32_t count2,
+                           double matchDivisor, StarMatchList& matches);
+
+/// Sorts pairs 1..count into falling order of votes.
+void SortMatches(StarMatchList& matches, std::int32_t count);
+
+}  // namespace vestrel
