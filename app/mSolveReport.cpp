@@ -57,25 +57,27 @@ std::string Count(std::int64_t n, const char* one, const char* many) {
 
 }  // namespace
 
-ImageOrientation OrientationOf(const PlateSolution& solution) {
-    // Up is the direction of falling row numbers.
+ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& image) {
+    // Floating-point FITS images are turned over as they are read: their row 0 is the top one.
+    const bool firstRowAtTop = image.ImageType != "FITS" || image.Header.BitPix == -32;
+    const double upward = firstRowAtTop ? -1 : 1;
     double xi0 = 0;
     double eta0 = 0;
     double xi1 = 0;
     double eta1 = 0;
     InvertPlateFit(solution.Transform, 0, 0, xi0, eta0);
-    InvertPlateFit(solution.Transform, 0, -1, xi1, eta1);
+    InvertPlateFit(solution.Transform, 0, upward, xi1, eta1);
     const double east = -(xi1 - xi0);
     const double north = eta1 - eta0;
     double angle = std::atan2(east, north) * exactDegreesPerRadian;
     if (angle < 0) angle += 360;
-    // xi grows west and rows downward, so the ordinary sky has a negative determinant.
-    return {angle, solution.Stretch > 0};
+    // xi grows west: with rows counted downward the ordinary sky has a negative stretch.
+    return {angle, firstRowAtTop ? solution.Stretch > 0 : solution.Stretch < 0};
 }
 
 std::string SolutionText(const ProgramState& state) {
     const PlateSolution& solution = state.Solution;
-    const ImageOrientation orientation = OrientationOf(solution);
+    const ImageOrientation orientation = OrientationOf(solution, state.Image);
     Table table;
     table.Line("Centre (J2000)", Position({solution.CentreRA, solution.CentreDec}));
     table.Line("Field", state.Display.PlateSize);

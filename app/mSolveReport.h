@@ -9,12 +9,13 @@
 
 namespace vestrel {
 
-/// How the image lies on the sky, as it is displayed: grid row 0 at the top.
+/// How the image lies on the sky, as viewers display it: pictures from the top row down, FITS
+/// images from the bottom row up.
 struct ImageOrientation {
     double UpPositionAngle = 0;  ///< of the direction up, degrees east of north, 0..360
     bool Mirrored = false;       ///< true when east lies to the right with north up
 };
-ImageOrientation OrientationOf(const PlateSolution& solution);
+ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& image);
 
 /// A solution as lines of "label   value", ready to print.
 std::string SolutionText(const ProgramState& state);

@@ -111,7 +111,7 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
     if (!outcome.Attempted) return json;
     const PlateSolution& solution = state.Solution;
     if (solved) {
-        const ImageOrientation orientation = OrientationOf(solution);
+        const ImageOrientation orientation = OrientationOf(solution, state.Image);
         json["ra_deg"] = solution.CentreRA * degreesPerRadian;
         json["dec_deg"] = solution.CentreDec * degreesPerRadian;
         json["ra"] = state.Display.CentreRA;

@@ -1,0 +1,87 @@
+#include "tests/testSupport.h"
+
+#include <atomic>
+#include <bit>
+#include <cmath>
+#include <fstream>
+#include <iterator>
+#include <random>
+
+namespace vestrel {
+namespace fs = std::filesystem;
+
+TemporaryFolder::TemporaryFolder() {
+    static std::atomic<int> number{0};
+    std::random_device random;
+    Path = fs::temp_directory_path() /
+           ("vestrel-test-" + std::to_string(random()) + "-" + std::to_string(++number));
+    fs::create_directories(Path);
+}
+
+TemporaryFolder::~TemporaryFolder() {
+    std::error_code ignored;
+    fs::remove_all(Path, ignored);
+}
+
+void WriteFile(const fs::path& path, std::string_view bytes) {
+    std::ofstream file(path, std::ios::binary);
+    file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::string ReadFile(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string FitsHeader(const std::vector<std::string>& cards) {
+    std::string header;
+    const auto add = [&header](std::string card) {
+        card.resize(80, ' ');
+        header += card;
+    };
+    for (const std::string& card : cards) add(card);
+    add("END");
+    header.resize((header.size() + 2879) / 2880 * 2880, ' ');
+    return header;
+}
+
+std::vector<std::string> FitsCards(int bitPix, int width, int height,
+                                   const std::vector<std::string>& more) {
+    std::vector<std::string> cards = {"SIMPLE  = T", "BITPIX  = " + std::to_string(bitPix),
+                                      "NAXIS   = 2", "NAXIS1  = " + std::to_string(width),
+                                      "NAXIS2  = " + std::to_string(height)};
+    cards.insert(cards.end(), more.begin(), more.end());
+    return cards;
+}
+
+std::string FitsPixels(int bitPix, std::span<const double> values) {
+    std::string bytes;
+    for (const double value : values) {
+        std::uint32_t bits = 0;
+        if (bitPix == -32) {
+            bits = std::bit_cast<std::uint32_t>(static_cast<float>(value));
+        } else {
+            bits = static_cast<std::uint32_t>(static_cast<std::int32_t>(std::lround(value)));
+        }
+        for (int shift = std::abs(bitPix) - 8; shift >= 0; shift -= 8) {
+            bytes += static_cast<char>(bits >> shift & 0xFF);
+        }
+    }
+    return bytes;
+}
+
+void RecordingPort::ShowMessage(const std::string& text, const std::string& title) {
+    Messages.push_back(title + ": " + text);
+}
+
+void RecordingPort::DisplayChanged() {
+    const std::string& text = state_.Display.Status.Text;
+    if (Statuses.empty() || Statuses.back() != text) Statuses.push_back(text);
+}
+
+void RecordingPort::Yield() {
+    ++Yields;
+    if (StopAtYield >= 0 && Yields >= StopAtYield) state_.StopRequested = true;
+}
+
+}  // namespace vestrel

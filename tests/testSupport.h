@@ -1,0 +1,64 @@
+// What tests share: temporary folders, files made by hand, and a port that records.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "app/mGeneral.h"
+
+namespace vestrel {
+
+/// A folder of a test's own, removed at the end.
+class TemporaryFolder {
+ public:
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    std::filesystem::path operator/(std::string_view name) const { return Path / name; }
+    std::filesystem::path Path;
+};
+
+void WriteFile(const std::filesystem::path& path, std::string_view bytes);
+std::string ReadFile(const std::filesystem::path& path);
+
+/// A FITS header of these cards and END, padded with blanks to whole blocks. A card is padded to
+/// 80 characters.
+std::string FitsHeader(const std::vector<std::string>& cards);
+
+/// The cards of a plain image, and more after them.
+std::vector<std::string> FitsCards(int bitPix, int width, int height,
+                                   const std::vector<std::string>& more = {});
+
+/// Pixels as big-endian bytes: 8-bit unsigned, 16-bit signed or 32-bit floating-point.
+std::string FitsPixels(int bitPix, std::span<const double> values);
+
+/// Records messages and status texts in their order; can ask for a stop.
+class RecordingPort : public Port {
+ public:
+    explicit RecordingPort(ProgramState& state) : state_(state) {}
+    void ShowMessage(const std::string& text, const std::string& title) override;
+    void DisplayChanged() override;
+    void ImageChanged() override { ++ImageChanges; }
+    void ShowProgress(int percent) override { LargestPercent = std::max(LargestPercent, percent); }
+    void Yield() override;
+    void ShowBusyPointer(bool busy) override { BusyPointer = busy; }
+
+    std::vector<std::string> Messages;  ///< "title: text"
+    std::vector<std::string> Statuses;  ///< each status line that was new
+    int ImageChanges = 0;
+    int LargestPercent = 0;
+    int Yields = 0;
+    int StopAtYield = -1;  ///< sets StopRequested at this yield (from 1) and after it
+    bool BusyPointer = false;
+
+ private:
+    ProgramState& state_;
+};
+
+}  // namespace vestrel
