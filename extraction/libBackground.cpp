@@ -74,18 +74,27 @@ class ColumnOfBoxes {
     void Estimate(std::int32_t x0, double percentile, BackgroundBlocks& blocks) {
         firstColumn_ = x0 - halfSize_;
         while (firstColumn_ < 0) firstColumn_ += step;
-        lastColumn_ = std::min(x0 + halfSize_, width_ - 1);
+        const std::int32_t lastColumn = std::min(x0 + halfSize_, width_ - 1);
+        columns_ = lastColumn < firstColumn_ ? 0 : (lastColumn - firstColumn_) / step + 1;
         histogram_.Clear();
-        samples_ = 0;
-        for (std::int32_t y = 1; y <= halfSize_ && y < height_; y += step) AddRow(y);
+        std::int32_t samples = 0;
+        for (std::int32_t y = 1; y <= halfSize_ && y < height_; y += step) samples += AddRow(y);
 
         std::int32_t* cell = blocks.Values.data() + x0 / step;
-        *cell = HistogramPercentile(histogram_, samples_, percentile);
+        *cell = HistogramPercentile(histogram_, samples, percentile);
         for (std::int32_t yc = 2; yc < height_; yc += step) {
-            if (yc - halfSize_ >= 0) RemoveRow(yc - halfSize_);
-            if (yc + halfSize_ < height_) AddRow(yc + halfSize_);
+            const std::int32_t leaving = yc - halfSize_;
+            const std::int32_t entering = yc + halfSize_;
+            // Rows from here on entered by sliding, one whole box ago.
+            const bool entered = leaving >= 2 + halfSize_ && (2 * halfSize_) % step == 0;
+            if (entered && entering < height_) {
+                ExchangeRows(leaving, entering);
+            } else {
+                if (leaving >= 0) samples -= RemoveRow(leaving);
+                if (entering < height_) samples += AddRow(entering);
+            }
             cell += blocks.Columns;
-            *cell = HistogramPercentile(histogram_, samples_, percentile);
+            *cell = HistogramPercentile(histogram_, samples, percentile);
         }
     }
 
@@ -93,18 +102,28 @@ class ColumnOfBoxes {
     std::int32_t Held(std::int32_t stored) const {
         return std::clamp(stored + offset_, darkest_, brightest_);
     }
-    void AddRow(std::int32_t y) {
-        const std::int32_t* row = values_.Row(y).data();
-        for (std::int32_t x = firstColumn_; x <= lastColumn_; x += step) {
-            histogram_.Add(Held(row[x]));
-            ++samples_;
-        }
+    const std::int32_t* FirstSample(std::int32_t y) const {
+        return values_.Row(y).data() + firstColumn_;
     }
-    void RemoveRow(std::int32_t y) {
-        const std::int32_t* row = values_.Row(y).data();
-        for (std::int32_t x = firstColumn_; x <= lastColumn_; x += step) {
-            histogram_.Remove(Held(row[x]));
-            --samples_;
+    std::int32_t AddRow(std::int32_t y) {
+        const std::int32_t* sample = FirstSample(y);
+        for (std::int32_t i = 0; i < columns_; ++i) histogram_.Add(Held(sample[i * step]));
+        return columns_;
+    }
+    std::int32_t RemoveRow(std::int32_t y) {
+        const std::int32_t* sample = FirstSample(y);
+        for (std::int32_t i = 0; i < columns_; ++i) {
+            histogram_.RemoveUnseen(Held(sample[i * step]));
+        }
+        return columns_;
+    }
+    /// Takes out a row that had been added and puts in another one.
+    void ExchangeRows(std::int32_t leaving, std::int32_t entering) {
+        const std::int32_t* out = FirstSample(leaving);
+        const std::int32_t* in = FirstSample(entering);
+        for (std::int32_t i = 0; i < columns_; ++i) {
+            histogram_.Remove(Held(out[i * step]));
+            histogram_.Add(Held(in[i * step]));
         }
     }
 
@@ -117,8 +136,7 @@ class ColumnOfBoxes {
     std::int32_t brightest_;
     ValueHistogram histogram_;
     std::int32_t firstColumn_ = 0;
-    std::int32_t lastColumn_ = 0;
-    std::int32_t samples_ = 0;
+    std::int32_t columns_ = 0;
 };
 
 }  // namespace
@@ -127,27 +145,14 @@ ValueHistogram::ValueHistogram(std::int32_t low, std::int32_t high)
     : Low(low),
       High(high),
       Counts(static_cast<std::size_t>(high - low + 1), 0),
-      BlockSums((Counts.size() >> BlockShift) + 1, 0),
-      BlockBounds(BlockSums.size(), 0) {}
+      BlockAdded((Counts.size() >> BlockShift) + 1, 0),
+      BlockRemoved(BlockAdded.size(), 0),
+      BlockOwed(BlockAdded.size(), 0) {}
 
 void ValueHistogram::Clear() {
-    std::fill(Counts.begin(), Counts.end(), 0);
-    std::fill(BlockSums.begin(), BlockSums.end(), 0);
-    std::fill(BlockBounds.begin(), BlockBounds.end(), 0);
-}
-
-void ValueHistogram::Add(std::int32_t value) {
-    const auto i = static_cast<std::size_t>(value - Low);
-    BlockBounds[i >> BlockShift] += Counts[i] >= 0 ? 1 : 0;
-    ++BlockSums[i >> BlockShift];
-    ++Counts[i];
-}
-
-void ValueHistogram::Remove(std::int32_t value) {
-    const auto i = static_cast<std::size_t>(value - Low);
-    BlockBounds[i >> BlockShift] -= Counts[i] > 0 ? 1 : 0;
-    --BlockSums[i >> BlockShift];
-    --Counts[i];
+    for (auto* counters : {&Counts, &BlockAdded, &BlockRemoved, &BlockOwed}) {
+        std::fill(counters->begin(), counters->end(), 0);
+    }
 }
 
 std::int32_t HistogramPercentile(const ValueHistogram& histogram, std::int32_t count,
@@ -156,9 +161,10 @@ std::int32_t HistogramPercentile(const ValueHistogram& histogram, std::int32_t c
     if (target <= 0) return histogram.Low - 1;
     constexpr std::size_t blockLength = std::size_t{1} << ValueHistogram::BlockShift;
     std::int32_t sum = 0;
-    for (std::size_t block = 0; block < histogram.BlockSums.size(); ++block) {
-        if (sum + histogram.BlockBounds[block] < target) {
-            sum += histogram.BlockSums[block];
+    for (std::size_t block = 0; block < histogram.BlockAdded.size(); ++block) {
+        const std::int32_t blockSum = histogram.BlockAdded[block] - histogram.BlockRemoved[block];
+        if (sum + blockSum + histogram.BlockOwed[block] < target) {
+            sum += blockSum;
             continue;
         }
         const std::size_t end = std::min((block + 1) * blockLength, histogram.Counts.size());

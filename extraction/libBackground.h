@@ -20,18 +20,35 @@ inline constexpr std::int32_t LargestHistogramValue = 100000;
 struct ValueHistogram {
     std::int32_t Low = 0;
     std::int32_t High = -1;
-    std::vector<std::int32_t> Counts;       ///< value v at index v − Low
-    std::vector<std::int32_t> BlockSums;    ///< sum of the counters of each block
-    std::vector<std::int32_t> BlockBounds;  ///< sum of the positive ones: no running sum within
-                                            ///< the block rises by more
+    std::vector<std::int32_t> Counts;  ///< value v at index v − Low
+    // Adding and removing keep sums of their own: neighbouring samples mostly fall into the same
+    // block, and one counter for both would make each step wait for the one before.
+    std::vector<std::int32_t> BlockAdded;
+    std::vector<std::int32_t> BlockRemoved;
+    /// Of the removed values those that had not been added: within a block no running sum rises
+    /// above the block's sum by more.
+    std::vector<std::int32_t> BlockOwed;
 
-    static constexpr int BlockShift = 6;
+    static constexpr int BlockShift = 5;
 
     ValueHistogram(std::int32_t low, std::int32_t high);
     void Clear();
-    /// Both take values in Low..High.
-    void Add(std::int32_t value);
-    void Remove(std::int32_t value);
+    // All take values in Low..High.
+    void Add(std::int32_t value) {
+        const auto i = static_cast<std::size_t>(value - Low);
+        ++Counts[i];
+        ++BlockAdded[i >> BlockShift];
+    }
+    void Remove(std::int32_t value) {
+        const auto i = static_cast<std::size_t>(value - Low);
+        --Counts[i];
+        ++BlockRemoved[i >> BlockShift];
+    }
+    /// Removes a value that has not been added before.
+    void RemoveUnseen(std::int32_t value) {
+        Remove(value);
+        ++BlockOwed[static_cast<std::size_t>(value - Low) >> BlockShift];
+    }
 };
 
 /// The value at which the running sum of the counters, from `Low` upward, first reaches
