@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034  # sourced; the package lists are for its users
 # What ./demo and ./test share; they source this file. Quiet when there is nothing to do.
 #
 # Everything that is fetched comes from Debian's packages, but for one small table of bright stars
