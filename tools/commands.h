@@ -1,0 +1,25 @@
+// The subcommands of vestrel-catalog, one file each.
+#pragma once
+
+#include <CLI/App.hpp>
+#include <filesystem>
+#include <string>
+
+namespace vestrel {
+
+// Each adds its subcommand and options to the program. When the subcommand is chosen, its work is
+// done while the command line is parsed, and `exitCode` set; it throws a `ToolFailure` otherwise.
+void AddBuildCommand(CLI::App& program, int& exitCode);
+void AddInfoCommand(CLI::App& program, int& exitCode);
+void AddVerifyCommand(CLI::App& program, int& exitCode);
+
+/// Adds `--catalog DIR` to a subcommand.
+void AddCatalogOption(CLI::App& command, std::string& folder);
+
+/// The folder that `--catalog` names, or the usual one when it was not given.
+std::filesystem::path ChosenCatalog(const std::string& folder);
+
+/// As `ChosenCatalog`, for reading: throws a `ToolFailure` when there is no such folder.
+std::filesystem::path ExistingCatalog(const std::string& folder);
+
+}  // namespace vestrel

@@ -1,0 +1,97 @@
+// The manifest that a catalog carries beside its cells: where the stars are from, and what every
+// cell file should hold.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <nlohmann/json_fwd.hpp>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vestrel {
+
+/// The manifest's name in the catalog folder. It is no cell name, so a solver never opens it.
+inline constexpr const char* ManifestName = "catalog.json";
+
+/// The CRC-32 of Ethernet, zip and gzip, so that a cell can be checked with everyday programs.
+class Checksum {
+ public:
+    void Add(std::span<const unsigned char> bytes);
+    std::uint32_t Value() const { return ~State; }
+
+ private:
+    std::uint32_t State = 0xFFFFFFFF;
+};
+
+/// How many stars there are of each magnitude, in steps of half a magnitude.
+class MagnitudeCounts {
+ public:
+    struct Step {
+        double From = 0;          ///< magnitudes; the step ends below From + 0.5
+        std::uint64_t Stars = 0;  ///< in this step
+        std::uint64_t Total = 0;  ///< in this step and all brighter ones
+    };
+
+    void Add(std::int16_t hundredths);
+    /// The steps from the first to the last that has stars.
+    std::vector<Step> Steps() const;
+
+ private:
+    static constexpr int StepSize = 50;
+    static constexpr int FirstStep = -656;  // holds the smallest 16-bit number
+    std::array<std::uint64_t, 1312> Stars{};
+};
+
+/// What one cell file holds.
+struct CellContent {
+    std::uint64_t Stars = 0;
+    std::uint32_t Crc = 0;
+
+    friend bool operator==(const CellContent&, const CellContent&) = default;
+};
+
+/// One file that stars were taken from.
+struct CatalogSource {
+    std::string Kind;      ///< "tycho2", "csv" or "bright"
+    std::string File;      ///< its name without the folder
+    std::string Modified;  ///< when it was last changed, UTC; empty when unknown (a pipe)
+    std::uint64_t Rows = 0;
+    std::uint64_t Used = 0;                                      ///< rows that became catalog stars
+    std::vector<std::pair<std::string, std::uint64_t>> LeftOut;  ///< reason, number of rows
+};
+
+struct CatalogManifest {
+    std::string Tool;     ///< program and version that built the catalog
+    std::string Created;  ///< UTC, "2025-01-31T12:00:00Z"
+    std::vector<CatalogSource> Sources;
+    std::vector<std::string> Filters;  ///< what was asked to be left out, as it was written
+    std::vector<std::string> Remarks;  ///< what a user of the catalog should know
+    bool BrightGapFilled = false;
+    std::uint64_t Duplicates = 0;
+    std::vector<MagnitudeCounts::Step> Magnitudes;
+    std::map<std::string, CellContent> Cells;
+
+    std::uint64_t StarCount() const;
+};
+
+/// Writes the manifest into a catalog folder. False when that fails.
+bool WriteManifest(const std::filesystem::path& folder, const CatalogManifest& manifest);
+
+enum class ManifestState { Good, Absent, Unreadable };
+
+/// Reads the manifest of a catalog folder. `Unreadable` when there is a file of that name that is
+/// not a manifest in the present format or whose numbers contradict each other.
+ManifestState ReadManifest(const std::filesystem::path& folder, CatalogManifest& manifest);
+
+/// A source as the manifest has it.
+nlohmann::json SourceJson(const CatalogSource& source);
+
+/// A time of day as the manifest has it.
+std::string TimeText(std::filesystem::file_time_type time);
+std::string CurrentTimeText();
+
+}  // namespace vestrel

@@ -1,0 +1,62 @@
+// Lines and fields of delimited text, from files of any length in a fixed amount of memory.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vestrel {
+
+/// Reads a stream line by line through one buffer.
+class LineReader {
+ public:
+    /// Longer lines are no table rows.
+    static constexpr std::size_t LongestLine = std::size_t{64} << 10;
+
+    explicit LineReader(std::FILE* input);
+
+    enum class Outcome { Line, TooLong, End, Failed };
+
+    /// The next line without its line end (LF or CR LF) and, in the first line, without the mark
+    /// of UTF-8. The text lives until the next call. `TooLong` skips a line beyond the limit.
+    Outcome Next(std::string_view& line);
+
+    /// Bytes read from the stream so far.
+    std::uint64_t BytesRead() const { return Read; }
+
+ private:
+    bool Refill();
+
+    std::FILE* Input;
+    std::vector<char> Buffer;
+    std::size_t Begin = 0;  // of what was not handed out yet
+    std::size_t End = 0;
+    std::uint64_t Read = 0;
+    bool AtEnd = false;
+    bool FirstLine = true;
+};
+
+/// Splits lines into fields.
+class FieldSplitter {
+ public:
+    explicit FieldSplitter(char delimiter) : Delimiter(delimiter) {}
+
+    /// The fields of a line, blanks around them removed. A field may stand in double quotes, which
+    /// are removed; inside them the delimiter is text and a doubled quote one quote. The fields
+    /// live as long as `line`, until the next call. False when a quote is not closed, or closed
+    /// before the end of its field.
+    bool Split(std::string_view line, std::vector<std::string_view>& fields);
+
+    /// The delimiter among comma, tab, semicolon and bar that a header uses most; a comma when it
+    /// has none. Those in quotes do not count.
+    static char DelimiterOf(std::string_view header);
+
+ private:
+    char Delimiter;
+    std::string Unquoted;
+};
+
+}  // namespace vestrel

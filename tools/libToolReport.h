@@ -1,0 +1,67 @@
+// How the tool speaks to whoever runs it: exit codes, failures, progress and Ctrl-C.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace vestrel {
+
+/// What the program returns to the shell. Scripts rely on the numbers.
+enum ExitCode : int {
+    ExitGood = 0,
+    ExitFaultsFound = 1,  ///< `verify` found something wrong
+    ExitWrongUsage = 2,
+    ExitBadInput = 3,  ///< something to be read is missing, unreadable or not what it should be
+    ExitCannotWrite = 4,
+    ExitStopped = 130,  ///< Ctrl-C, or a polite request to end
+};
+
+/// Ends a subcommand: the text goes to standard error, the code to the shell.
+class ToolFailure : public std::runtime_error {
+ public:
+    ToolFailure(ExitCode code, const std::string& message)
+        : std::runtime_error(message), Code(code) {}
+    ExitCode Code;
+};
+
+/// From here on Ctrl-C (and the signals that end a session) only raises a flag, so that work in
+/// progress can be taken back. A second Ctrl-C ends the program at once.
+void CatchStopSignals();
+
+/// Throws a `ToolFailure` with `ExitStopped` once a stop was signalled. Cheap.
+void ThrowIfStopped();
+
+/// The text of the system's current error number, as in "No space left on device".
+std::string SystemErrorText();
+
+/// A number with its thousands set apart, "1,871,011".
+std::string GroupedText(std::uint64_t number);
+
+/// One line on a terminal that says how far the work is. Plain characters only, no colours.
+class ProgressLine {
+ public:
+    /// Shows nothing unless `stream` is a terminal.
+    explicit ProgressLine(std::FILE* stream);
+    ProgressLine(const ProgressLine&) = delete;
+    ProgressLine& operator=(const ProgressLine&) = delete;
+    ~ProgressLine() { Clear(); }
+
+    /// Says what is done: `done` of `total` as a percentage (no percentage when `total` is 0), and
+    /// `count` things so far. Redraws a few times a second at most. Throws if a stop was signalled,
+    /// so a loop that reports can be stopped.
+    void Show(std::string_view task, std::uint64_t done, std::uint64_t total, std::uint64_t count);
+
+    /// Removes the line, so that messages can be written.
+    void Clear();
+
+ private:
+    std::FILE* Stream;
+    std::size_t Drawn = 0;  // characters on the screen
+    std::chrono::steady_clock::time_point Next{};
+};
+
+}  // namespace vestrel
