@@ -85,8 +85,7 @@ class Build {
             Close(*bright);
             Manifest.BrightGapFilled = true;
         } else {
-            Remark(
-                "the survey's brightest stars are lacking; build with --bright FILE to add them");
+            Note("the survey's brightest stars are lacking; build with --bright FILE to add them");
         }
         if (Options.MagMin) Filter("magnitude at least " + NumberText(*Options.MagMin));
         if (Options.MagMax) Filter("magnitude at most " + NumberText(*Options.MagMax));
@@ -142,7 +141,11 @@ class Build {
         const bool standardInput = file == "-";
         const FileHandle opened = standardInput ? nullptr : OpenFile(PathFromText(file), "rb");
         if (!standardInput && !opened) {
-            throw ToolFailure(ExitBadInput, file + ": cannot be opened: " + SystemErrorText());
+            std::error_code ignored;
+            const bool folder = fs::is_directory(PathFromText(file), ignored);
+            throw ToolFailure(
+                ExitBadInput,
+                file + (folder ? ": is a folder" : ": cannot be opened: " + SystemErrorText()));
         }
         std::FILE* input = standardInput ? stdin : opened.get();
         const std::int64_t length = standardInput ? -1 : FileLength(input);

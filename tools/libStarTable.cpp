@@ -133,6 +133,9 @@ class TableRows {
         for (std::size_t i = 0; i < std::min(Columns.size(), enough); ++i) {
             list += (i > 0 ? ", " : "") + Columns[i].substr(0, longName);
         }
+        // What is no table may hold bytes that a terminal would obey.
+        std::replace_if(
+            list.begin(), list.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
         return Columns.size() > enough ? list + ", ..." : list;
     }
 

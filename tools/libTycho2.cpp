@@ -171,20 +171,20 @@ bool ReadPosition(const unsigned char* bytes, const CoordinateRange& range, SkyS
 
 }  // namespace
 
-std::uint64_t ReadTycho2Index(const std::filesystem::path& path, const StarSink& sink,
+std::uint64_t ReadTycho2Index(const std::filesystem::path& file, const StarSink& sink,
                               ProgressLine& progress) {
-    IndexFile file(path);
+    IndexFile index(file);
     // The bytes of 0x01020304 in the order in which the writing machine stored them.
-    if (file.Card("ENDIAN") != "04:03:02:01") {
-        file.Fail("is not a little-endian Astrometry.net index");
+    if (index.Card("ENDIAN") != "04:03:02:01") {
+        index.Fail("is not a little-endian Astrometry.net index");
     }
-    const CoordinateRange range = ReadRange(file);
-    const int starTable = file.TableNumber("kdtree_data_stars");
-    const int magnitudeTable = file.TableNumber("MAG_VT");
-    const std::uint64_t count = file.OpenTable(starTable, starBytes);
-    if (count == 0) file.Fail("holds no stars");
-    if (file.OpenTable(magnitudeTable, sizeof(float)) != count) {
-        file.Fail("has not as many magnitudes as stars");
+    const CoordinateRange range = ReadRange(index);
+    const int starTable = index.TableNumber("kdtree_data_stars");
+    const int magnitudeTable = index.TableNumber("MAG_VT");
+    const std::uint64_t count = index.OpenTable(starTable, starBytes);
+    if (count == 0) index.Fail("holds no stars");
+    if (index.OpenTable(magnitudeTable, sizeof(float)) != count) {
+        index.Fail("has not as many magnitudes as stars");
     }
 
     constexpr std::uint64_t blockRows = 65536;
@@ -195,14 +195,14 @@ std::uint64_t ReadTycho2Index(const std::filesystem::path& path, const StarSink&
         const auto rows = static_cast<std::size_t>(std::min(blockRows, count - first));
         positions.resize(rows * starBytes);
         magnitudes.resize(rows);
-        file.OpenTable(starTable, starBytes);
-        file.ReadBytes(first, positions);
-        file.OpenTable(magnitudeTable, sizeof(float));
-        file.ReadFloats(first, magnitudes);
+        index.OpenTable(starTable, starBytes);
+        index.ReadBytes(first, positions);
+        index.OpenTable(magnitudeTable, sizeof(float));
+        index.ReadFloats(first, magnitudes);
         for (std::size_t i = 0; i < rows; ++i) {
             SkyStar star;
             if (!ReadPosition(&positions[i * starBytes], range, star)) {
-                file.Fail("star " + std::to_string(first + i) + " is not on the unit sphere");
+                index.Fail("star " + std::to_string(first + i) + " is not on the unit sphere");
             }
             star.Mag = magnitudes[i];
             sink(star);

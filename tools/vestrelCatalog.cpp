@@ -25,7 +25,7 @@ std::filesystem::path ChosenCatalog(const std::string& folder) {
 }
 
 std::filesystem::path ExistingCatalog(const std::string& folder) {
-    const std::filesystem::path chosen = ChosenCatalog(folder);
+    std::filesystem::path chosen = ChosenCatalog(folder);
     std::error_code ignored;
     if (!std::filesystem::is_directory(chosen, ignored)) {
         throw ToolFailure(ExitBadInput, TextFromPath(chosen) +
