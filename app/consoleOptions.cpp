@@ -33,24 +33,6 @@ constexpr const char* closing =
     "The catalog is the first of --catalog, $VESTREL_CATALOG, $XDG_DATA_HOME/Harrowdene/KEL and\n"
     "/var/lib/Harrowdene/KEL; vestrel-catalog makes one. $VESTREL_THREADS limits the threads.";
 
-/// One side of a field size in radians; `unit` is set when the text carries one.
-std::optional<double> ParseSide(std::string_view text, double& radiansPerUnit) {
-    constexpr double radiansPerArcminute = Pi / 180 / 60;
-    text = Trim(text);
-    for (const auto& [suffix, value] :
-         {std::pair<std::string_view, double>{"d", radiansPerArcminute * 60},
-          {DegreeSign, radiansPerArcminute * 60},
-          {"m", radiansPerArcminute},
-          {"'", radiansPerArcminute}}) {
-        if (text.ends_with(suffix)) {
-            radiansPerUnit = value;
-            text.remove_suffix(suffix.size());
-            break;
-        }
-    }
-    return ParseNumber(text);
-}
-
 /// A parameter string is one argument with commas that names no file.
 bool LooksLikeParameterString(const std::string& argument) {
     std::error_code ignored;
@@ -101,27 +83,6 @@ std::optional<ParsedOptions> ReadSearchInputs(const std::string& ra, const std::
 }
 
 }  // namespace
-
-std::optional<std::pair<double, double>> ParseFieldSize(std::string_view text) {
-    std::size_t split = text.find_first_of("xX");
-    std::size_t length = 1;
-    if (split == std::string_view::npos) {
-        constexpr std::string_view times = "\xC3\x97";
-        split = text.find(times);
-        length = times.size();
-    }
-    if (split == std::string_view::npos) return std::nullopt;
-    constexpr double radiansPerArcminute = Pi / 180 / 60;
-    double unitOfSecond = radiansPerArcminute;
-    const auto second = ParseSide(text.substr(split + length), unitOfSecond);
-    double unitOfFirst = unitOfSecond;
-    const auto first = ParseSide(text.substr(0, split), unitOfFirst);
-    if (!first || !second) return std::nullopt;
-    const std::pair<double, double> size{*first * unitOfFirst, *second * unitOfSecond};
-    const auto sensible = [](double side) { return side > 0 && side <= TwoPi; };
-    if (!sensible(size.first) || !sensible(size.second)) return std::nullopt;
-    return size;
-}
 
 ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOptions& options,
                                   SolveParameters& parameters) {

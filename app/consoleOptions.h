@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "app/mCommandLine.h"
@@ -34,9 +33,5 @@ struct ParsedOptions {
 /// options change in them.
 ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOptions& options,
                                   SolveParameters& parameters);
-
-/// A field size such as "120x90" (arcminutes), "2x1.5d" (degrees), "2dx90m"; radians. A unit at
-/// the end counts for both sides when the first has none. Nothing when it is not one.
-std::optional<std::pair<double, double>> ParseFieldSize(std::string_view text);
 
 }  // namespace vestrel

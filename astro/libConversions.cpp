@@ -91,6 +91,24 @@ bool ParseSignedPart(std::string_view part, double& value, double& sign) {
     return number.has_value();
 }
 
+/// One side of a field size in radians; `unit` is set when the text carries one.
+std::optional<double> ParseSide(std::string_view text, double& radiansPerUnit) {
+    constexpr double radiansPerArcminute = Pi / 180 / 60;
+    text = Trim(text);
+    for (const auto& [suffix, value] :
+         {std::pair<std::string_view, double>{"d", radiansPerArcminute * 60},
+          {DegreeSign, radiansPerArcminute * 60},
+          {"m", radiansPerArcminute},
+          {"'", radiansPerArcminute}}) {
+        if (text.ends_with(suffix)) {
+            radiansPerUnit = value;
+            text.remove_suffix(suffix.size());
+            break;
+        }
+    }
+    return ParseNumber(text);
+}
+
 }  // namespace
 
 std::string FormatRA(double ra, bool letters, int decimals) {
@@ -154,6 +172,27 @@ double ParseDec(std::string_view text) {
     }
     const double radians = degrees * Pi / 180;
     return radians >= -Pi / 2 && radians <= Pi / 2 ? radians : InvalidAngle;
+}
+
+std::optional<std::pair<double, double>> ParseFieldSize(std::string_view text) {
+    std::size_t split = text.find_first_of("xX");
+    std::size_t length = 1;
+    if (split == std::string_view::npos) {
+        constexpr std::string_view times = "\xC3\x97";
+        split = text.find(times);
+        length = times.size();
+    }
+    if (split == std::string_view::npos) return std::nullopt;
+    constexpr double radiansPerArcminute = Pi / 180 / 60;
+    double unitOfSecond = radiansPerArcminute;
+    const auto second = ParseSide(text.substr(split + length), unitOfSecond);
+    double unitOfFirst = unitOfSecond;
+    const auto first = ParseSide(text.substr(0, split), unitOfFirst);
+    if (!first || !second) return std::nullopt;
+    const std::pair<double, double> size{*first * unitOfFirst, *second * unitOfSecond};
+    const auto sensible = [](double side) { return side > 0 && side <= TwoPi; };
+    if (!sensible(size.first) || !sensible(size.second)) return std::nullopt;
+    return size;
 }
 
 }  // namespace vestrel

@@ -1,8 +1,10 @@
 // Angles to and from the sexagesimal text that observers read and type.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace vestrel {
 
@@ -33,5 +35,9 @@ double ParseRA(std::string_view text);
 /// A sign on any part counts and two cancel: "-10 -30 00" is +10.5 degrees.
 /// @return radians in −π/2..π/2 (both ends included), or `InvalidAngle`
 double ParseDec(std::string_view text);
+
+/// A field size such as "120x90" (arcminutes), "2x1.5d" (degrees), "2dx90m"; radians. A unit at
+/// the end counts for both sides when the first has none. Nothing when it is not one.
+std::optional<std::pair<double, double>> ParseFieldSize(std::string_view text);
 
 }  // namespace vestrel
