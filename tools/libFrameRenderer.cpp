@@ -1,0 +1,387 @@
+#include "tools/libFrameRenderer.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <numbers>
+
+#include "astro/libParallel.h"
+
+namespace vestrel {
+
+namespace {
+
+constexpr double pi = std::numbers::pi;
+
+/// Streams of random numbers that are told apart by what they are for.
+enum class Stream : std::uint64_t { Row = 1, Gradient, HotPixels, Stars };
+
+/// SplitMix64 (Steele, Lea, Flood 2014) and the distributions that frames need. The standard
+/// library's distributions differ from one implementation to the next.
+class RandomNumbers {
+ public:
+    RandomNumbers(std::uint64_t seed, Stream stream, std::uint64_t number = 0)
+        : state_(Mixed(Mixed(Mixed(seed) + static_cast<std::uint64_t>(stream)) + number)) {}
+
+    /// 0 inclusive to 1 exclusive.
+    double Uniform() {
+        state_ += increment;
+        return static_cast<double>(Mixed(state_) >> 11) * 0x1p-53;
+    }
+
+    /// Mean 0, standard deviation 1; Marsaglia's polar method, which yields two at a time.
+    double Normal() {
+        if (haveSpare_) {
+            haveSpare_ = false;
+            return spare_;
+        }
+        double x = 0;
+        double y = 0;
+        double squared = 0;
+        do {
+            x = 2 * Uniform() - 1;
+            y = 2 * Uniform() - 1;
+            squared = x * x + y * y;
+        } while (squared >= 1 || squared == 0);
+        const double factor = std::sqrt(-2 * std::log(squared) / squared);
+        spare_ = y * factor;
+        haveSpare_ = true;
+        return x * factor;
+    }
+
+    /// A count of rare events. From 50 on the normal distribution is as good.
+    double Poisson(double mean) {
+        if (mean >= 50) return std::max(0.0, std::nearbyint(mean + std::sqrt(mean) * Normal()));
+        const double limit = std::exp(-mean);
+        double product = Uniform();
+        int count = 0;
+        for (; product > limit; ++count) product *= Uniform();
+        return count;
+    }
+
+ private:
+    static constexpr std::uint64_t increment = 0x9E3779B97F4A7C15;
+    static std::uint64_t Mixed(std::uint64_t value) {
+        value = (value ^ value >> 30) * 0xBF58476D1CE4E5B9;
+        value = (value ^ value >> 27) * 0x94D049BB133111EB;
+        return value ^ value >> 31;
+    }
+
+    std::uint64_t state_;
+    double spare_ = 0;
+    bool haveSpare_ = false;
+};
+
+/// The light of a star on the pixels around it: a Moffat profile with exponent 3.5, which has the
+/// wings that the atmosphere gives.
+class StarProfile {
+ public:
+    explicit StarProfile(double seeing)
+        : core_(std::max(2 * seeing, 2.0)),
+          // Half the height at half the seeing: (1 + (s/2α)²)^3.5 = 2.
+          widthSquared_(seeing * seeing / 4 / (std::exp2(1 / 3.5) - 1)),
+          height_(2.5 / (pi * widthSquared_)) {}
+
+    /// The part of the light that a pixel receives whose centre lies (dx, dy) from the star.
+    double PixelShare(double dx, double dy) const {
+        if (dx * dx + dy * dy > core_ * core_) return Density(dx * dx + dy * dy);
+        constexpr int steps = 5;
+        double sum = 0;
+        for (int j = 0; j < steps; ++j) {
+            const double y = dy + (j + 0.5) / steps - 0.5;
+            for (int i = 0; i < steps; ++i) {
+                const double x = dx + (i + 0.5) / steps - 0.5;
+                sum += Density(x * x + y * y);
+            }
+        }
+        return sum / (steps * steps);
+    }
+
+    /// Beyond this distance a pixel receives a smaller part of the light than `share`.
+    double ReachOf(double share) const {
+        if (share >= height_) return 1;
+        return std::sqrt(widthSquared_ * (std::pow(height_ / share, 1 / 3.5) - 1)) + 1;
+    }
+
+ private:
+    double Density(double squaredDistance) const {
+        const double u = 1 + squaredDistance / widthSquared_;
+        return height_ / (u * u * u * std::sqrt(u));
+    }
+
+    double core_;
+    double widthSquared_;
+    double height_;
+};
+
+double Electrons(const FrameExposure& exposure, double magnitude) {
+    return std::pow(10.0, 0.4 * (exposure.ZeroPoint - magnitude));
+}
+
+/// The standard deviation of the sky in electrons.
+double SkySigma(const FrameExposure& exposure) {
+    const double sky = exposure.SkyLevel * exposure.Gain;
+    return std::sqrt(std::max(sky + exposure.ReadNoise * exposure.ReadNoise, 1.0));
+}
+
+/// What the stars and the sky send, before any noise.
+class ExpectedLight {
+ public:
+    ExpectedLight(const FrameGeometry& geometry, const FrameExposure& exposure,
+                  const std::vector<FrameStar>& stars)
+        : geometry_(geometry), exposure_(exposure), profile_(exposure.Seeing), stars_(stars) {
+        RandomNumbers random(exposure.Seed, Stream::Gradient);
+        const double direction = 2 * pi * random.Uniform();
+        slopeX_ = exposure.Gradient * std::cos(direction) / geometry.Width;
+        slopeY_ = exposure.Gradient * std::sin(direction) / geometry.Height;
+
+        // Light below a hundredth of the noise cannot be told from none.
+        const double faintest = SkySigma(exposure) / 100;
+        bands_.resize(static_cast<std::size_t>((geometry.Height - 1) / bandRows + 1));
+        for (std::size_t i = 0; i < stars.size(); ++i) {
+            const double electrons = Electrons(exposure, stars[i].Sky.Mag);
+            const double reach = std::min(profile_.ReachOf(faintest / electrons),
+                                          2.0 * (geometry.Width + geometry.Height));
+            const double y = stars[i].Place.Y;
+            if (y + reach < 0 || y - reach > geometry.Height - 1) continue;
+            const int first = RowIn(y - reach) / bandRows;
+            const int last = RowIn(y + reach) / bandRows;
+            for (int band = first; band <= last; ++band) {
+                bands_[static_cast<std::size_t>(band)].push_back({i, electrons, reach});
+            }
+        }
+    }
+
+    static constexpr int bandRows = 16;
+    int Bands() const { return static_cast<int>(bands_.size()); }
+
+    /// Adds the light (electrons) of the rows of one band; `pixels` is the whole frame.
+    void DrawBand(int band, std::vector<float>& pixels) const {
+        const int firstRow = band * bandRows;
+        const int lastRow = std::min(firstRow + bandRows, geometry_.Height) - 1;
+        for (int y = firstRow; y <= lastRow; ++y) {
+            float* row = RowOf(pixels, y);
+            for (int x = 0; x < geometry_.Width; ++x) row[x] = static_cast<float>(Sky(x, y));
+        }
+        for (const LitStar& star : bands_[static_cast<std::size_t>(band)]) {
+            const FramePoint& place = stars_[star.Number].Place;
+            const int bottom = std::max(firstRow, RowIn(place.Y - star.Reach));
+            const int top = std::min(lastRow, RowIn(place.Y + star.Reach));
+            const int left = static_cast<int>(std::max(0.0, std::ceil(place.X - star.Reach)));
+            const int right =
+                static_cast<int>(std::min(geometry_.Width - 1.0, std::floor(place.X + star.Reach)));
+            for (int y = bottom; y <= top; ++y) {
+                float* row = RowOf(pixels, y);
+                for (int x = left; x <= right; ++x) {
+                    row[x] += static_cast<float>(star.Electrons *
+                                                 profile_.PixelShare(x - place.X, y - place.Y));
+                }
+            }
+        }
+    }
+
+ private:
+    struct LitStar {
+        std::size_t Number;
+        double Electrons;
+        double Reach;
+    };
+
+    int RowIn(double y) const {
+        return static_cast<int>(std::clamp(std::nearbyint(y), 0.0, geometry_.Height - 1.0));
+    }
+    float* RowOf(std::vector<float>& pixels, int y) const {
+        return pixels.data() +
+               static_cast<std::size_t>(y) * static_cast<std::size_t>(geometry_.Width);
+    }
+    double Sky(int x, int y) const {
+        const double change =
+            slopeX_ * (x - geometry_.Width / 2.0) + slopeY_ * (y - geometry_.Height / 2.0);
+        return std::max(0.0, exposure_.SkyLevel * exposure_.Gain * (1 + change));
+    }
+
+    const FrameGeometry& geometry_;
+    const FrameExposure& exposure_;
+    StarProfile profile_;
+    const std::vector<FrameStar>& stars_;
+    double slopeX_ = 0;
+    double slopeY_ = 0;
+    std::vector<std::vector<LitStar>> bands_;
+};
+
+double AngularDistance(double ra1, double dec1, double ra2, double dec2) {
+    const double sine1 = std::sin((dec2 - dec1) / 2);
+    const double sine2 = std::sin((ra2 - ra1) / 2);
+    const double haversine = sine1 * sine1 + std::cos(dec1) * std::cos(dec2) * sine2 * sine2;
+    return 2 * std::asin(std::sqrt(std::min(haversine, 1.0)));
+}
+
+/// Whether a cell may hold a star within `radius` of a position.
+bool CellTouches(const CellPosition& cell, double ra, double dec, double radius) {
+    constexpr double radiansPerDegree = pi / 180;
+    constexpr double zoneHeight = 2.5 * radiansPerDegree;
+    const double sign = cell.South ? -1 : 1;
+    const double nearEquator = cell.Zone * zoneHeight * sign;
+    const double nearPole = nearEquator + zoneHeight * sign;
+    // The cap about a pole is one cell; any other is far from half a circle wide, so that its
+    // corners are its farthest points.
+    const bool cap = SlicesInZone(cell.Zone) == 1;
+    const double width = SliceWidth(cell.Zone) * radiansPerDegree;
+    const double middleRa = (static_cast<double>(cell.Slice) + 0.5) * width;
+    const double middleDec = cap ? nearPole : (nearEquator + nearPole) / 2;
+    const double corner = middleRa + width / 2;
+    const double reach = std::max(AngularDistance(middleRa, middleDec, corner, nearEquator),
+                                  AngularDistance(middleRa, middleDec, corner, nearPole));
+    constexpr double rounding = 1e-5;
+    return AngularDistance(middleRa, middleDec, ra, dec) <= radius + reach + rounding;
+}
+
+/// The unit vectors of the picture's right and up, as (east, north) on the plane.
+struct PictureAxes {
+    explicit PictureAxes(const FrameGeometry& geometry)
+        : Up{std::sin(geometry.UpPositionAngle), std::cos(geometry.UpPositionAngle)},
+          Right{geometry.Mirrored ? Up[1] : -Up[1], geometry.Mirrored ? -Up[0] : Up[0]} {}
+    std::array<double, 2> Up;
+    std::array<double, 2> Right;
+};
+
+void SortBrightestFirst(std::vector<FrameStar>& stars) {
+    std::stable_sort(stars.begin(), stars.end(),
+                     [](const FrameStar& a, const FrameStar& b) { return a.Sky.Mag < b.Sky.Mag; });
+}
+
+}  // namespace
+
+double FrameGeometry::HalfDiagonal() const {
+    return std::hypot(Width, Height) / 2;
+}
+
+double FrameGeometry::Radius() const {
+    return std::atan(RadiansPerPixel * HalfDiagonal());
+}
+
+std::optional<FramePoint> SkyToFrame(const FrameGeometry& geometry, double ra, double dec) {
+    const double sinCentre = std::sin(geometry.CentreDec);
+    const double cosCentre = std::cos(geometry.CentreDec);
+    const double sinDec = std::sin(dec);
+    const double cosDec = std::cos(dec);
+    const double cosRa = std::cos(ra - geometry.CentreRa);
+    const double distanceCosine = sinCentre * sinDec + cosCentre * cosDec * cosRa;
+    if (!(distanceCosine > 1e-6)) return std::nullopt;
+    const double east = cosDec * std::sin(ra - geometry.CentreRa) / distanceCosine;
+    const double north = (cosCentre * sinDec - sinCentre * cosDec * cosRa) / distanceCosine;
+    const PictureAxes axes(geometry);
+    const double right = east * axes.Right[0] + north * axes.Right[1];
+    const double up = east * axes.Up[0] + north * axes.Up[1];
+    return FramePoint{(geometry.Width - 1) / 2.0 + right / geometry.RadiansPerPixel,
+                      (geometry.Height - 1) / 2.0 + up / geometry.RadiansPerPixel};
+}
+
+void FrameToSky(const FrameGeometry& geometry, FramePoint point, double& ra, double& dec) {
+    const double right = (point.X - (geometry.Width - 1) / 2.0) * geometry.RadiansPerPixel;
+    const double up = (point.Y - (geometry.Height - 1) / 2.0) * geometry.RadiansPerPixel;
+    const PictureAxes axes(geometry);
+    const double east = right * axes.Right[0] + up * axes.Up[0];
+    const double north = right * axes.Right[1] + up * axes.Up[1];
+    const double sinCentre = std::sin(geometry.CentreDec);
+    const double cosCentre = std::cos(geometry.CentreDec);
+    const double towardPole = cosCentre - north * sinCentre;
+    ra = geometry.CentreRa + std::atan2(east, towardPole);
+    if (ra < 0) ra += 2 * pi;
+    if (ra >= 2 * pi) ra -= 2 * pi;
+    dec = std::atan2(sinCentre + north * cosCentre, std::hypot(east, towardPole));
+}
+
+double SolveMagnitudeLimit(double halfDiagonal) {
+    const double ratio = halfDiagonal * (180 / pi) * 60 / 14;
+    return 15 - 2.5 * std::log10(ratio * ratio);
+}
+
+double PeakSigmas(const FrameExposure& exposure, double magnitude) {
+    const double share = StarProfile(exposure.Seeing).PixelShare(0, 0);
+    return Electrons(exposure, magnitude) * share / SkySigma(exposure);
+}
+
+double ZeroPointFor(const FrameExposure& exposure, double magnitude, double sigmas) {
+    FrameExposure trial = exposure;
+    trial.ZeroPoint = magnitude;
+    return magnitude + 2.5 * std::log10(sigmas / PeakSigmas(trial, magnitude));
+}
+
+std::vector<FrameStar> CatalogFrameStars(const std::filesystem::path& catalog,
+                                         const FrameGeometry& geometry, double magnitudeLimit) {
+    // Light of stars just outside falls into the frame too.
+    constexpr double margin = 30;
+    const double radius = geometry.Radius() + margin * geometry.RadiansPerPixel;
+    std::vector<FrameStar> stars;
+    std::vector<CatalogStar> cellStars;
+    for (const CellPosition& cell : AllCells()) {
+        if (!CellTouches(cell, geometry.CentreRa, geometry.CentreDec, radius)) continue;
+        ReadCellFile(catalog / CellName(cell), cellStars);
+        for (const CatalogStar& star : cellStars) {
+            const SkyStar sky{star.Ra, star.Dec, star.Mag / 100.0};
+            if (!(sky.Mag <= magnitudeLimit)) continue;
+            const std::optional<FramePoint> place = SkyToFrame(geometry, sky.Ra, sky.Dec);
+            if (!place || place->X < -margin || place->Y < -margin ||
+                place->X > geometry.Width - 1 + margin || place->Y > geometry.Height - 1 + margin) {
+                continue;
+            }
+            stars.push_back({sky, *place});
+        }
+    }
+    SortBrightestFirst(stars);
+    return stars;
+}
+
+std::vector<FrameStar> RandomFrameStars(const FrameGeometry& geometry, int count,
+                                        double magnitudeLimit, std::uint64_t seed) {
+    // Each magnitude holds about 2.8 times as many stars as the one before, as in the sky.
+    constexpr double slope = 0.45;
+    RandomNumbers random(seed, Stream::Stars);
+    std::vector<FrameStar> stars(static_cast<std::size_t>(std::max(count, 0)));
+    for (FrameStar& star : stars) {
+        star.Place = {random.Uniform() * geometry.Width - 0.5,
+                      random.Uniform() * geometry.Height - 0.5};
+        FrameToSky(geometry, star.Place, star.Sky.Ra, star.Sky.Dec);
+        star.Sky.Mag = magnitudeLimit + std::log10(1 - random.Uniform()) / slope;
+    }
+    SortBrightestFirst(stars);
+    return stars;
+}
+
+Frame RenderFrame(const FrameGeometry& geometry, const FrameExposure& exposure,
+                  const std::vector<FrameStar>& stars) {
+    const auto width = static_cast<std::size_t>(geometry.Width);
+    Frame frame{geometry.Width, geometry.Height,
+                std::vector<float>(width * static_cast<std::size_t>(geometry.Height))};
+    const auto toCounts = [&exposure](double counts) {
+        counts = std::clamp(counts, 0.0, exposure.Saturation);
+        return static_cast<float>(exposure.WholeCounts ? std::nearbyint(counts) : counts);
+    };
+
+    const ExpectedLight light(geometry, exposure, stars);
+    ParallelFor(light.Bands(), [&](int band) {
+        light.DrawBand(band, frame.Pixels);
+        const int firstRow = band * ExpectedLight::bandRows;
+        const int endRow = std::min(firstRow + ExpectedLight::bandRows, geometry.Height);
+        for (int y = firstRow; y < endRow; ++y) {
+            RandomNumbers random(exposure.Seed, Stream::Row, static_cast<std::uint64_t>(y));
+            float* row = frame.Pixels.data() + static_cast<std::size_t>(y) * width;
+            for (std::size_t x = 0; x < width; ++x) {
+                const double electrons = random.Poisson(static_cast<double>(row[x])) +
+                                         exposure.ReadNoise * random.Normal();
+                row[x] = toCounts(electrons / exposure.Gain);
+            }
+        }
+    });
+
+    RandomNumbers random(exposure.Seed, Stream::HotPixels);
+    for (int i = 0; i < exposure.HotPixels; ++i) {
+        const double place = random.Uniform() * static_cast<double>(frame.Pixels.size());
+        float& pixel = frame.Pixels[static_cast<std::size_t>(place)];
+        pixel = toCounts(static_cast<double>(pixel) + random.Uniform() * exposure.Saturation);
+    }
+    return frame;
+}
+
+}  // namespace vestrel

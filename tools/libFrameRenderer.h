@@ -1,0 +1,91 @@
+// Draws frames of the sky as a camera would have taken them, for trying the solver on known ground.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+#include "tools/libCellGrid.h"
+
+namespace vestrel {
+
+/// Where a frame points and how it lies on the sky. The optics are gnomonic about the middle of
+/// the frame, pixel ((Width − 1) / 2, (Height − 1) / 2).
+struct FrameGeometry {
+    double CentreRa = 0;         ///< J2000, radians
+    double CentreDec = 0;        ///< radians
+    double RadiansPerPixel = 0;  ///< at the centre
+    int Width = 0;               ///< pixels
+    int Height = 0;
+    double UpPositionAngle = 0;  ///< of the picture's upward direction, radians east of north
+    bool Mirrored = false;       ///< with north up, east is right
+
+    /// The radius on the sky of a circle about the centre that holds the frame, radians.
+    double Radius() const;
+    double HalfDiagonal() const;  ///< pixels
+};
+
+/// A place in the frame: columns from the left and rows from the *bottom* of the picture, as FITS
+/// files order them; both from 0 and whole at pixel centres.
+struct FramePoint {
+    double X = 0;
+    double Y = 0;
+};
+
+/// Nothing for a position that lies 90° or more from the centre.
+std::optional<FramePoint> SkyToFrame(const FrameGeometry& geometry, double ra, double dec);
+/// The position (radians, `ra` in 0..2π) at a place in the frame.
+void FrameToSky(const FrameGeometry& geometry, FramePoint point, double& ra, double& dec);
+
+/// How the frame was taken.
+struct FrameExposure {
+    double Seeing = 3;          ///< full width of a star at half its height, pixels
+    double ZeroPoint = 25;      ///< the magnitude of a star that gives one electron in all
+    double SkyLevel = 1500;     ///< counts, in the middle of the frame
+    double Gradient = 0.2;      ///< change of the sky from edge to edge, as a part of its level
+    double ReadNoise = 8;       ///< electrons
+    double Gain = 1;            ///< electrons per count
+    double Saturation = 65535;  ///< counts; nothing is brighter
+    int HotPixels = 0;
+    bool WholeCounts = true;  ///< counts are rounded, as a converter does
+    std::uint64_t Seed = 1;
+};
+
+/// A star at its place in a frame.
+struct FrameStar {
+    SkyStar Sky;
+    FramePoint Place;
+};
+
+/// The brightness in counts of every pixel, row by row from the bottom of the picture.
+struct Frame {
+    int Width = 0;
+    int Height = 0;
+    std::vector<float> Pixels;
+};
+
+/// The faintest catalog stars that a solve of a field with this half-diagonal (radians) looks at.
+double SolveMagnitudeLimit(double halfDiagonal);
+
+/// The zero point with which a star of `magnitude` stands `sigmas` standard deviations of the sky
+/// above it with its brightest pixel.
+double ZeroPointFor(const FrameExposure& exposure, double magnitude, double sigmas);
+
+/// How many standard deviations of the sky a star's brightest pixel stands above it at most.
+double PeakSigmas(const FrameExposure& exposure, double magnitude);
+
+/// The stars of a catalog folder down to `magnitudeLimit` whose light falls into the frame,
+/// brightest first. Missing cells count as empty ones.
+std::vector<FrameStar> CatalogFrameStars(const std::filesystem::path& catalog,
+                                         const FrameGeometry& geometry, double magnitudeLimit);
+
+/// Stars that are in no catalog: anywhere in the frame, the fainter the more, brightest first.
+std::vector<FrameStar> RandomFrameStars(const FrameGeometry& geometry, int count,
+                                        double magnitudeLimit, std::uint64_t seed);
+
+/// Takes the picture. The same arguments give the same frame, whatever the number of threads.
+Frame RenderFrame(const FrameGeometry& geometry, const FrameExposure& exposure,
+                  const std::vector<FrameStar>& stars);
+
+}  // namespace vestrel
