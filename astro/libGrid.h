@@ -24,14 +24,14 @@ class Grid {
  public:
     Grid() = default;
     /// Throws std::bad_alloc when there is no room; negative sizes count as that.
-    Grid(std::int32_t width, std::int32_t height) {
+    Grid(std::int32_t width, std::int32_t height, MemoryUse use = MemoryUse::Swept) {
         if (width < 0 || height < 0) throw std::bad_alloc();
         rowLength_ = static_cast<std::size_t>(width) + 1;
         rowCount_ = static_cast<std::size_t>(height) + 1;
         if (rowCount_ > std::numeric_limits<std::size_t>::max() / sizeof(T) / rowLength_) {
             throw std::bad_alloc();
         }
-        cells_ = static_cast<T*>(AllocateZeroed(Bytes()));
+        cells_ = static_cast<T*>(AllocateZeroed(Bytes(), use));
     }
     ~Grid() { FreeZeroed(cells_, Bytes()); }
     Grid(const Grid&) = delete;

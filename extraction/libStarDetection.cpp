@@ -347,7 +347,7 @@ void ExtractStars(const PlateImage& image, const DetectionSettings& settings, Pl
 
     const std::int32_t level = StoredLevel(threshold, image.DataOffset);
     const BrightRows bright = FindBrightPixels(image, level, progress);
-    Grid<std::int32_t> labels(image.Width, image.Height);
+    Grid<std::int32_t> labels(image.Width, image.Height, MemoryUse::Scattered);
     count = LabelRegions(image, bright, level, labels, facts.MaxFillDepth);
     std::vector<Region> regions = MeasureRegions(image, bright, labels, count, sky.Mean);
 

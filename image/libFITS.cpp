@@ -1,6 +1,7 @@
 #include "image/libFITS.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -247,14 +248,24 @@ void ConvertRow16(const std::uint8_t* bytes, std::int32_t* row, std::int32_t wid
     }
 }
 
+/// The machine's own floats equal `DecodeFloat32` but for the smallest, which round to 0 both ways,
+/// and for infinities and NaN, which are refused both ways.
 void ConvertRowFloat(const std::uint8_t* bytes, std::int32_t* row, std::int32_t width,
                      std::int32_t floor, std::int32_t ceiling) {
+    constexpr double smallest = std::numeric_limits<std::int32_t>::min();
+    constexpr double largest = std::numeric_limits<std::int32_t>::max();
+    bool allFit = true;
     for (std::int32_t x = 0; x < width; ++x, bytes += 4) {
-        const double value = RoundHalfEven(DecodeFloat32(bytes[0], bytes[1], bytes[2], bytes[3]));
-        std::int32_t whole = 0;
-        if (!RoundToInt32(value, whole)) throw std::range_error("pixel too large");
-        row[x] = std::min(std::max(whole, floor), ceiling);
+        const std::uint32_t bits = std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
+                                   std::uint32_t{bytes[2]} << 8 | bytes[3];
+        double value = RoundHalfEven(static_cast<double>(std::bit_cast<float>(bits)));
+        if (!(value >= smallest && value <= largest)) {
+            allFit = false;
+            value = 0;
+        }
+        row[x] = std::min(std::max(static_cast<std::int32_t>(value), floor), ceiling);
     }
+    if (!allFit) throw std::range_error("pixel too large");
 }
 
 void ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,

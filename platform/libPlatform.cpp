@@ -109,7 +109,7 @@ std::size_t PeakMemoryBytes() {
 #endif
 }
 
-void* AllocateZeroed(std::size_t bytes) {
+void* AllocateZeroed(std::size_t bytes, [[maybe_unused]] MemoryUse use) {
     if (bytes == 0) return nullptr;
 #ifdef _WIN32
     void* block = std::calloc(bytes, 1);
@@ -118,9 +118,9 @@ void* AllocateZeroed(std::size_t bytes) {
     void* block = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (block == MAP_FAILED) throw std::bad_alloc();
 #ifdef MADV_HUGEPAGE
-    // Images are swept whole: large pages save tens of thousands of page faults each.
+    // A large image would cost tens of thousands of page faults.
     constexpr std::size_t worthwhile = std::size_t{8} << 20;
-    if (bytes >= worthwhile) madvise(block, bytes, MADV_HUGEPAGE);
+    if (use == MemoryUse::Swept && bytes >= worthwhile) madvise(block, bytes, MADV_HUGEPAGE);
 #endif
 #endif
     return block;

@@ -31,7 +31,11 @@ std::size_t PeakMemoryBytes();
 
 /// Zero-filled memory for `bytes` bytes; throws std::bad_alloc when there is none. Pages that are
 /// never touched cost nothing, so a huge but empty image is cheap until it is written to.
-void* AllocateZeroed(std::size_t bytes);
+enum class MemoryUse {
+    Swept,     ///< all of it will be touched: large pages save page faults
+    Scattered  ///< little of it will be touched: small pages save memory
+};
+void* AllocateZeroed(std::size_t bytes, MemoryUse use);
 void FreeZeroed(void* block, std::size_t bytes) noexcept;
 
 }  // namespace vestrel

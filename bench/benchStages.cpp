@@ -1,0 +1,274 @@
+// Times every stage of a solve, and the whole of it from file to result, on rendered frames of 2,
+// 8, 16 and 32 megapixels. The sky is made up: no catalog is needed.
+
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <filesystem>
+#include <map>
+#include <string>
+
+#include "app/mCommandLine.h"
+#include "astro/libMath.h"
+#include "astro/libStrings.h"
+#include "catalog/libCatalogRegion.h"
+#include "extraction/libBackground.h"
+#include "extraction/libFilter.h"
+#include "extraction/libStarDetection.h"
+#include "image/libFITS.h"
+#include "matching/libAlign.h"
+#include "matching/mPlateMatch.h"
+#include "platform/libFiles.h"
+#include "platform/libPlatform.h"
+#include "tools/libFrameFile.h"
+#include "tools/libFrameRenderer.h"
+
+namespace vestrel {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Shows nothing.
+class SilentPort : public Port {
+ public:
+    void ShowMessage(const std::string& /*text*/, const std::string& /*title*/) override {}
+    void DisplayChanged() override {}
+    void ImageChanged() override {}
+    void ShowProgress(int /*percent*/) override {}
+    void Yield() override {}
+    void ShowBusyPointer(bool /*busy*/) override {}
+};
+
+/// A made-up sky of 12° by 12° as a catalog, and frames of its middle, in a folder of their own.
+class Sky {
+ public:
+    Sky() : folder_(fs::temp_directory_path() / "vestrel-bench") {
+        fs::create_directories(CatalogFolder());
+        constexpr int starCount = 60000;
+        constexpr double faintest = 14;
+        FrameGeometry wide = Geometry(1);
+        wide.Width = wide.Height = 1000;
+        wide.RadiansPerPixel = 12.0 / DegreesPerRadian / wide.Width;
+        stars_ = RandomFrameStars(wide, starCount, faintest, 1);
+
+        std::map<std::string, std::string> cells;
+        for (const FrameStar& star : stars_) {
+            const auto record = StoredStar(star.Sky);
+            if (!record) continue;
+            const auto bytes = EncodeCatalogStar(*record);
+            cells[CellName(CellOfStored(*record))].append(bytes.begin(), bytes.end());
+        }
+        for (const auto& [name, bytes] : cells) ReplaceFile(CatalogFolder() / name, bytes);
+    }
+    ~Sky() {
+        std::error_code ignored;
+        fs::remove_all(folder_, ignored);
+    }
+    Sky(const Sky&) = delete;
+    Sky& operator=(const Sky&) = delete;
+
+    static constexpr double WidthDegrees = 2;
+    static FrameGeometry Geometry(int megapixels) {
+        FrameGeometry geometry;
+        geometry.CentreRa = 1.5;
+        geometry.CentreDec = 0.4;
+        geometry.Width = static_cast<int>(std::lround(std::sqrt(megapixels * 1e6 * 4 / 3)));
+        geometry.Height = geometry.Width * 3 / 4;
+        geometry.RadiansPerPixel = WidthDegrees / DegreesPerRadian / geometry.Width;
+        return geometry;
+    }
+    fs::path CatalogFolder() const { return folder_ / "KEL"; }
+
+    /// The file of a 16-bit or other frame, drawn when it is first wanted.
+    fs::path FramePath(int megapixels, int bitPix) const {
+        const fs::path path =
+            folder_ / (std::to_string(megapixels) + "mp" + std::to_string(bitPix) + ".fit");
+        if (!fs::exists(path)) {
+            const FrameGeometry geometry = Geometry(megapixels);
+            FrameExposure exposure;
+            exposure.ZeroPoint =
+                ZeroPointFor(exposure, SolveMagnitudeLimit(geometry.Radius()) + 1.5, 8);
+            std::vector<FrameStar> placed;
+            for (const FrameStar& star : stars_) {
+                if (const auto place = SkyToFrame(geometry, star.Sky.Ra, star.Sky.Dec)) {
+                    placed.push_back({star.Sky, *place});
+                }
+            }
+            const Frame frame = RenderFrame(geometry, exposure, placed);
+            ReplaceFile(path, FrameFileBytes(frame, bitPix, {}));
+        }
+        return path;
+    }
+
+ private:
+    fs::path folder_;
+    std::vector<FrameStar> stars_;
+};
+
+const Sky& TheSky() {
+    static const Sky sky;
+    return sky;
+}
+
+void LoadFrame(int megapixels, PlateImage& image) {
+    ReadFailure failure;
+    ReadFitsFile(TheSky().FramePath(megapixels, 16), image, {}, failure);
+}
+
+BackgroundBlocks EstimateSky(const PlateImage& image) {
+    return EstimateBackgroundBlocks(image.Pixels, image.DataOffset, image.Width, image.Height, 30,
+                                    50.0);
+}
+
+void SubtractSky(PlateImage& image, const BackgroundBlocks& sky) {
+    SubtractBackgroundBlocks(image.Pixels, image.DataOffset, image.Width, image.Height, sky);
+}
+
+void Reading(benchmark::State& state) {
+    const auto path =
+        TheSky().FramePath(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
+    const auto image = std::make_unique<PlateImage>();
+    ReadFailure failure;
+    for (auto _ : state) benchmark::DoNotOptimize(ReadFitsFile(path, *image, {}, failure));
+}
+BENCHMARK(Reading)
+    ->ArgsProduct({{2, 8, 16, 32}, {8, 16, -32}})
+    ->ArgNames({"megapixels", "bitpix"})
+    ->Unit(benchmark::kMillisecond);
+
+void BackgroundEstimate(benchmark::State& state) {
+    const auto image = std::make_unique<PlateImage>();
+    LoadFrame(static_cast<int>(state.range(0)), *image);
+    for (auto _ : state) benchmark::DoNotOptimize(EstimateSky(*image));
+}
+void BackgroundSubtraction(benchmark::State& state) {
+    const auto image = std::make_unique<PlateImage>();
+    LoadFrame(static_cast<int>(state.range(0)), *image);
+    const BackgroundBlocks sky = EstimateSky(*image);
+    for (auto _ : state) SubtractSky(*image, sky);
+}
+void Smoothing(benchmark::State& state) {
+    const auto image = std::make_unique<PlateImage>();
+    LoadFrame(static_cast<int>(state.range(0)), *image);
+    for (auto _ : state) GaussianFilter(image->Pixels, image->Width, image->Height);
+}
+void Extraction(benchmark::State& state) {
+    const auto image = std::make_unique<PlateImage>();
+    LoadFrame(static_cast<int>(state.range(0)), *image);
+    SubtractSky(*image, EstimateSky(*image));
+    PlateStarList stars;
+    std::int32_t count = 0;
+    ExtractionFacts facts;
+    for (auto _ : state) ExtractStars(*image, DetectionSettings(), stars, count, facts);
+    state.counters["stars"] = facts.StarsFound;
+}
+void WholeSolve(benchmark::State& state) {
+    const auto path = TheSky().FramePath(static_cast<int>(state.range(0)), 16);
+    const FrameGeometry geometry = Sky::Geometry(static_cast<int>(state.range(0)));
+    const double width = geometry.Width * geometry.RadiansPerPixel;
+    const std::string parameters = NumberText(geometry.CentreRa + width / 6) + "," +
+                                   NumberText(geometry.CentreDec) + "," + NumberText(width) + "," +
+                                   NumberText(width * 3 / 4) + ",9," + TextFromPath(path);
+    SilentPort port;
+    std::int16_t code = 0;
+    for (auto _ : state) {
+        // A program started for one image: nothing is cached but the operating system's files.
+        const auto program = std::make_unique<ProgramState>();
+        program->Catalog.Folder = TheSky().CatalogFolder();
+        code = RunUnattended(*program, port, parameters).Result.Code;
+    }
+    if (code != SolveCode::Solved) state.SkipWithError("the frame was not solved");
+}
+#define VESTREL_SIZES(stage)    \
+    BENCHMARK(stage)            \
+        ->Arg(2)                \
+        ->Arg(8)                \
+        ->Arg(16)               \
+        ->Arg(32)               \
+        ->ArgName("megapixels") \
+        ->Unit(benchmark::kMillisecond)
+VESTREL_SIZES(BackgroundEstimate);
+VESTREL_SIZES(BackgroundSubtraction);
+VESTREL_SIZES(Smoothing);
+VESTREL_SIZES(Extraction);
+VESTREL_SIZES(WholeSolve)->UseRealTime();
+
+/// The catalog stars about the middle of the sky and the stars of a frame of it.
+struct Lists {
+    PlateStarList Catalog;
+    std::int32_t CatalogCount = 0;
+    PlateStarList Plate;
+    std::int32_t PlateCount = 0;
+
+    explicit Lists(double offset) {
+        const FrameGeometry geometry = Sky::Geometry(2);
+        const auto image = std::make_unique<PlateImage>();
+        LoadFrame(2, *image);
+        SubtractSky(*image, EstimateSky(*image));
+        ExtractionFacts facts;
+        ExtractStars(*image, DetectionSettings(), Plate, PlateCount, facts);
+        CatalogCache cache;
+        cache.Folder = TheSky().CatalogFolder();
+        Region(cache, geometry.CentreRa + offset, geometry.CentreDec);
+    }
+    void Region(CatalogCache& cache, double ra, double dec) {
+        const double radius = Sky::Geometry(2).Radius();
+        Projection plane;
+        plane.SetProjectionCentre(ra, dec, SolveArcsecondsPerRadian);
+        RegionStars(cache, plane, ra, dec, radius, SolveMagnitudeLimit(radius), Catalog,
+                    CatalogCount);
+    }
+};
+
+void CatalogRegion(benchmark::State& state) {
+    Lists lists(0);
+    CatalogCache cache;
+    cache.Folder = TheSky().CatalogFolder();
+    const bool warm = state.range(0) != 0;
+    for (auto _ : state) {
+        if (!warm) {
+            cache.Cells.clear();
+            cache.Index.clear();
+            cache.CachedStars = 0;
+        }
+        lists.Region(cache, 1.5, 0.4);
+    }
+    state.counters["stars"] = lists.CatalogCount;
+}
+BENCHMARK(CatalogRegion)->Arg(0)->Arg(1)->ArgName("warm")->Unit(benchmark::kMicrosecond);
+
+void Triangles(benchmark::State& state) {
+    const Lists lists(0);
+    StarTriangleList triangles;
+    for (auto _ : state) benchmark::DoNotOptimize(BuildTriangles(lists.Plate, 45, triangles));
+    state.counters["triangles"] = static_cast<double>(triangles.size());
+}
+BENCHMARK(Triangles)->Unit(benchmark::kMicrosecond);
+
+/// One region of a spiral: 0 on the frame's own place, 1 where nothing matches.
+void Alignment(benchmark::State& state) {
+    const Lists lists(state.range(0) == 0 ? 0 : 0.07);
+    KeptTriangles kept;
+    bool matched = false;
+    for (auto _ : state) {
+        std::int32_t count1 = lists.CatalogCount;
+        std::int32_t count2 = lists.PlateCount;
+        StarMatchList matches;
+        std::int32_t matchCount = 0;
+        std::int32_t usedCount = 0;
+        PlateConstants constants;
+        FitGeometry geometry;
+        double fitError = 0;
+        AlignReport report;
+        matched =
+            AlignImages(lists.Catalog, count1, lists.Plate, count2, matches, matchCount, constants,
+                        geometry, fitError, usedCount, 2, AlignSettings(), kept, report);
+    }
+    if (matched != (state.range(0) == 0)) state.SkipWithError("not the expected outcome");
+}
+BENCHMARK(Alignment)->Arg(0)->Arg(1)->ArgName("elsewhere")->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+}  // namespace vestrel
+
+BENCHMARK_MAIN();
