@@ -87,7 +87,8 @@ std::string SolutionText(const ProgramState& state) {
                                " east of north)");
     table.Line("Mirrored", orientation.Mirrored ? "yes (with north up, east is right)"
                                                 : "no (with north up, east is left)");
-    table.Line("Stretch, skew", Fixed(-solution.Stretch, 5) + ", " + Fixed(solution.Skew, 5));
+    table.Line("Stretch, skew",
+               Fixed(std::fabs(solution.Stretch), 5) + ", " + Fixed(solution.Skew, 5));
     table.Line("Stars", std::to_string(solution.ExtractedCount) + " extracted, " +
                             std::to_string(solution.CatalogCount) + " in catalog, " +
                             std::to_string(solution.MatchedCount) + " matched");

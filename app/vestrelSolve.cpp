@@ -99,6 +99,31 @@ std::pair<double, double> RememberedFieldSize(const SolveParameters& parameters)
     return {parameters.FieldWidth * radiansPerUnit, parameters.FieldHeight * radiansPerUnit};
 }
 
+/// The matched pairs: where each star lies in the image and in the catalog.
+nlohmann::ordered_json JsonMatches(const ProgramState& state) {
+    constexpr double degreesPerRadian = 57.29577951308232;
+    nlohmann::ordered_json matches = nlohmann::ordered_json::array();
+    for (std::size_t k = 1; k < state.Solution.Pairs.size(); ++k) {
+        const StarMatch& pair = state.Solution.Pairs[k];
+        if (!pair.InUse) continue;
+        const PlateStar& plateStar = state.PlateStars[static_cast<std::size_t>(pair.Star2)];
+        const PlateStar& catalogStar = state.CatalogStars[static_cast<std::size_t>(pair.Star1)];
+        double x = 0;
+        double y = 0;
+        ApplyPlateFit(state.Solution.Transform, static_cast<double>(catalogStar.X),
+                      static_cast<double>(catalogStar.Y), x, y);
+        matches.push_back(
+            {{"x", plateStar.X},
+             {"y", plateStar.Y},
+             {"catalog_x", x},
+             {"catalog_y", y},
+             {"ra_deg", catalogStar.Ra * degreesPerRadian},
+             {"dec_deg", catalogStar.Dec * degreesPerRadian},
+             {"magnitude", RoundToDecimals(static_cast<double>(catalogStar.Flux), 2)}});
+    }
+    return matches;
+}
+
 nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outcome) {
     constexpr double degreesPerRadian = 57.29577951308232;
     const bool solved = outcome.Result.Code == SolveCode::Solved && outcome.Attempted;
@@ -133,6 +158,7 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
         json["tangent_dec_deg"] = solution.TangentDec * degreesPerRadian;
         const PlateConstants& t = solution.Transform;
         json["transform"] = {t.a, t.b, t.c, t.d, t.e, t.f};
+        json["matches"] = JsonMatches(state);
     }
     const SolveReport& report = state.Report;
     json["width_px"] = state.Image.Width;
