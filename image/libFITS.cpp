@@ -194,8 +194,8 @@ bool ReadHeader(std::FILE* file, ImageHeader& header, ReadFailure& failure) {
         std::string error;
         keyword = ParseHeaderCard(card, header, error);
         if (!error.empty()) {
-            failure = {"Unable to read FITS file. " + error + "  String: " + card,
-                       "FITS Header Error."};
+            failure = {"Unable to read FITS file. ", "FITS Header Error."};
+            failure.Text.append(error).append("  String: ").append(card);
             return false;
         }
         if (n == ImageHeader::MaxCards) {

@@ -77,11 +77,11 @@ fs::path DefaultCatalogFolder() {
     SHGetSpecialFolderPathA(nullptr, common, CSIDL_COMMON_APPDATA, FALSE);
     return fs::path(common) / "Harrowdene" / "KEL";
 #else
-    const fs::path system = "/var/lib/Harrowdene/KEL";
+    fs::path system = "/var/lib/Harrowdene/KEL";
     const fs::path user = UserFolder("XDG_DATA_HOME", ".local/share");
     if (user.empty()) return system;
     std::error_code ignored;
-    const fs::path own = user / "Harrowdene" / "KEL";
+    fs::path own = user / "Harrowdene" / "KEL";
     return !fs::is_directory(own, ignored) && fs::is_directory(system, ignored) ? system : own;
 #endif
 }
