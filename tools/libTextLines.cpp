@@ -9,16 +9,17 @@ namespace vestrel {
 
 LineReader::LineReader(std::FILE* input) : Input(input), Buffer(16 * LongestLine) {}
 
-bool LineReader::Refill() {
+void LineReader::Refill() {
     std::copy(Buffer.begin() + static_cast<std::ptrdiff_t>(Begin),
               Buffer.begin() + static_cast<std::ptrdiff_t>(End), Buffer.begin());
     End -= Begin;
     Begin = 0;
-    const std::size_t count = std::fread(Buffer.data() + End, 1, Buffer.size() - End, Input);
+    const std::size_t room = Buffer.size() - End;
+    const std::size_t count = std::fread(Buffer.data() + End, 1, room, Input);
     End += count;
     Read += count;
-    AtEnd = count == 0;
-    return !AtEnd;
+    // A short read is the end or a failure; to read on would wait again on an interrupted pipe.
+    AtEnd = count < room;
 }
 
 LineReader::Outcome LineReader::Next(std::string_view& line) {

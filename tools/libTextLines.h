@@ -28,7 +28,7 @@ class LineReader {
     std::uint64_t BytesRead() const { return Read; }
 
  private:
-    bool Refill();
+    void Refill();
 
     std::FILE* Input;
     std::vector<char> Buffer;
