@@ -1,7 +1,7 @@
 #include "tools/libCatalogBuilder.h"
 
 #include <algorithm>
-#include <array>
+#include <system_error>
 #include <tuple>
 #include <utility>
 
@@ -81,6 +81,9 @@ std::vector<CatalogStar> CatalogBuilder::TakeCell(std::size_t cell) {
         if (!ReadCellFile(path, spilled) || spilled.size() != gathering.OnDisk) {
             throw ToolFailure(ExitCannotWrite, TextFromPath(path) + ": changed while in use");
         }
+        // Written anew rather than over: ext4 waits for the disk when a file's content is replaced.
+        std::error_code ignored;
+        std::filesystem::remove(path, ignored);
         spilled.insert(spilled.end(), stars.begin(), stars.end());
         stars.swap(spilled);
     }
