@@ -1,5 +1,6 @@
 #include "app/mSolveReport.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "astro/libConversions.h"
@@ -61,15 +62,30 @@ ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& 
     // Floating-point FITS images are turned over as they are read: their row 0 is the top one.
     const bool firstRowAtTop = image.ImageType != "FITS" || image.Header.BitPix == -32;
     const double upward = firstRowAtTop ? -1 : 1;
+    const double centreX = (image.Width - 1) / 2.0;
+    const double centreY = (image.Height - 1) / 2.0;
     double xi0 = 0;
     double eta0 = 0;
     double xi1 = 0;
     double eta1 = 0;
-    InvertPlateFit(solution.Transform, 0, 0, xi0, eta0);
-    InvertPlateFit(solution.Transform, 0, upward, xi1, eta1);
-    const double east = -(xi1 - xi0);
-    const double north = eta1 - eta0;
-    double angle = std::atan2(east, north) * exactDegreesPerRadian;
+    InvertPlateFit(solution.Transform, centreX, centreY, xi0, eta0);
+    InvertPlateFit(solution.Transform, centreX, centreY + upward, xi1, eta1);
+
+    // North of the image centre, not of the tangent point: the two differ by the turn of the
+    // meridians between them, which near a pole can be anything. Vectors are (east, north,
+    // outward) at the tangent point.
+    const double east = -xi0 / SolveArcsecondsPerRadian;
+    const double north = eta0 / SolveArcsecondsPerRadian;
+    const double outward = std::sqrt(std::max(0.0, 1 - east * east - north * north));
+    const double upEast = -(xi1 - xi0);
+    const double upNorth = eta1 - eta0;
+    const double upOutward = outward > 0 ? -(east * upEast + north * upNorth) / outward : 0;
+    const double poleNorth = std::cos(solution.TangentDec);
+    const double poleOutward = std::sin(solution.TangentDec);
+    const double alongNorth = poleNorth * upNorth + poleOutward * upOutward;
+    const double alongEast = (poleNorth * outward - poleOutward * north) * upEast +
+                             poleOutward * east * upNorth - poleNorth * east * upOutward;
+    double angle = std::atan2(alongEast, alongNorth) * exactDegreesPerRadian;
     if (angle < 0) angle += 360;
     // xi grows west: with rows counted downward the ordinary sky has a negative stretch.
     return {angle, firstRowAtTop ? solution.Stretch > 0 : solution.Stretch < 0};

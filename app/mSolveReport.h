@@ -12,8 +12,9 @@ namespace vestrel {
 /// How the image lies on the sky, as viewers display it: pictures from the top row down, FITS
 /// images from the bottom row up.
 struct ImageOrientation {
-    double UpPositionAngle = 0;  ///< of the direction up, degrees east of north, 0..360
-    bool Mirrored = false;       ///< true when east lies to the right with north up
+    /// Of the direction up, degrees east of north at the centre of the image, 0..360.
+    double UpPositionAngle = 0;
+    bool Mirrored = false;  ///< true when east lies to the right with north up
 };
 ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& image);
 
