@@ -49,7 +49,7 @@ class Sky {
         FrameGeometry wide = Geometry(1);
         wide.Width = wide.Height = 1000;
         wide.RadiansPerPixel = 12.0 / DegreesPerRadian / wide.Width;
-        stars_ = RandomFrameStars(wide, starCount, faintest, 1);
+        stars_ = RandomFrameStars(wide, starCount, faintest - 7, faintest, 1);
 
         std::map<std::string, std::string> cells;
         for (const FrameStar& star : stars_) {

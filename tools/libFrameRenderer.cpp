@@ -333,17 +333,19 @@ std::vector<FrameStar> CatalogFrameStars(const std::filesystem::path& catalog,
     return stars;
 }
 
-std::vector<FrameStar> RandomFrameStars(const FrameGeometry& geometry, int count,
-                                        double magnitudeLimit, std::uint64_t seed) {
+std::vector<FrameStar> RandomFrameStars(const FrameGeometry& geometry, int count, double brightest,
+                                        double faintest, std::uint64_t seed) {
     // Each magnitude holds about 2.8 times as many stars as the one before, as in the sky.
     constexpr double slope = 0.45;
+    const double brightestShare = std::pow(10.0, slope * (brightest - faintest));
     RandomNumbers random(seed, Stream::Stars);
     std::vector<FrameStar> stars(static_cast<std::size_t>(std::max(count, 0)));
     for (FrameStar& star : stars) {
         star.Place = {random.Uniform() * geometry.Width - 0.5,
                       random.Uniform() * geometry.Height - 0.5};
         FrameToSky(geometry, star.Place, star.Sky.Ra, star.Sky.Dec);
-        star.Sky.Mag = magnitudeLimit + std::log10(1 - random.Uniform()) / slope;
+        const double share = 1 - random.Uniform() * (1 - brightestShare);
+        star.Sky.Mag = faintest + std::log10(share) / slope;
     }
     SortBrightestFirst(stars);
     return stars;

@@ -80,9 +80,10 @@ double PeakSigmas(const FrameExposure& exposure, double magnitude);
 std::vector<FrameStar> CatalogFrameStars(const std::filesystem::path& catalog,
                                          const FrameGeometry& geometry, double magnitudeLimit);
 
-/// Stars that are in no catalog: anywhere in the frame, the fainter the more, brightest first.
-std::vector<FrameStar> RandomFrameStars(const FrameGeometry& geometry, int count,
-                                        double magnitudeLimit, std::uint64_t seed);
+/// Stars that are in no catalog: anywhere in the frame, between two magnitudes, the fainter the
+/// more; brightest first.
+std::vector<FrameStar> RandomFrameStars(const FrameGeometry& geometry, int count, double brightest,
+                                        double faintest, std::uint64_t seed);
 
 /// Takes the picture. The same arguments give the same frame, whatever the number of threads.
 Frame RenderFrame(const FrameGeometry& geometry, const FrameExposure& exposure,

@@ -43,6 +43,8 @@ struct RenderOptions {
     std::optional<double> Saturation;
     std::optional<int> HotPixels;
     std::optional<int> RandomStars;
+    int FaintStars = 0;
+    double FaintFrom = 11.5;  ///< where the completeness of the usual catalog ends
 };
 
 /// What the options come to.
@@ -191,6 +193,7 @@ Json TruthOf(const RenderOptions& options, const RenderPlan& plan,
     truth["solve_magnitude_limit"] = plan.SolveLimit;
     truth["drawn_magnitude_limit"] = plan.DrawnLimit;
     truth["random_stars"] = options.RandomStars.has_value();
+    truth["faint_stars"] = options.FaintStars;
     truth["stars_drawn"] = inFrame;
     truth["stars_above_6_sigma"] = clear;
     truth["pixel_rows"] = "from the bottom of the picture, as in the file; both from 0";
@@ -205,6 +208,17 @@ void Write(const fs::path& path, bool written) {
     }
 }
 
+/// A real sky goes on where the catalog ends.
+void AddFaintStars(const RenderOptions& options, const RenderPlan& plan,
+                   std::vector<FrameStar>& stars) {
+    const double faintest = std::max(plan.DrawnLimit, options.FaintFrom);
+    const std::vector<FrameStar> faint = RandomFrameStars(
+        plan.Geometry, options.FaintStars, options.FaintFrom, faintest, plan.Exposure.Seed);
+    stars.insert(stars.end(), faint.begin(), faint.end());
+    std::stable_sort(stars.begin(), stars.end(),
+                     [](const FrameStar& a, const FrameStar& b) { return a.Sky.Mag < b.Sky.Mag; });
+}
+
 void Render(const RenderOptions& options) {
     const RenderPlan plan = PlanOf(options);
     const fs::path out = PathFromText(options.Out);
@@ -214,11 +228,13 @@ void Render(const RenderOptions& options) {
     }
     std::vector<FrameStar> stars;
     if (options.RandomStars) {
-        stars = RandomFrameStars(plan.Geometry, *options.RandomStars, plan.DrawnLimit,
-                                 plan.Exposure.Seed);
+        // Seven magnitudes: what a frame shows between its brightest star and the noise.
+        stars = RandomFrameStars(plan.Geometry, *options.RandomStars, plan.DrawnLimit - 7,
+                                 plan.DrawnLimit, plan.Exposure.Seed);
     } else {
         stars = CatalogFrameStars(ExistingCatalog(options.Catalog), plan.Geometry, plan.DrawnLimit);
     }
+    AddFaintStars(options, plan, stars);
     const Frame frame = RenderFrame(plan.Geometry, plan.Exposure, stars);
     ThrowIfStopped();
 
@@ -266,6 +282,15 @@ void AddRenderCommand(CLI::App& program, int& exitCode) {
         .add_option("--random-stars", options->RandomStars,
                     "Draw this many stars at random places instead of the catalog's (0: none)")
         ->check(CLI::Range(0, 1000000));
+    command
+        .add_option("--faint-stars", options->FaintStars,
+                    "Draw this many more at random places, from --faint-from to the faintest drawn")
+        ->check(CLI::Range(0, 1000000))
+        ->capture_default_str();
+    command
+        .add_option("--faint-from", options->FaintFrom,
+                    "Magnitude where the catalog's completeness ends")
+        ->capture_default_str();
 
     const char* const camera = "Sky and camera";
     command.add_option("--seeing", exposure.Seeing, "Full width of a star at half height, pixels")
