@@ -1,0 +1,239 @@
+// Frames with a known truth, drawn from a catalog made here, through the whole program and back.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <map>
+#include <numbers>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "app/mCommandLine.h"
+#include "app/mSolveReport.h"
+#include "astro/libStrings.h"
+#include "matching/mPlateMatch.h"
+#include "platform/libPlatform.h"
+#include "tests/testSupport.h"
+#include "tools/libFrameFile.h"
+#include "tools/libFrameRenderer.h"
+
+namespace vestrel {
+namespace {
+
+constexpr double degree = std::numbers::pi / 180;
+constexpr int frameWidth = 700;
+constexpr int frameHeight = 500;
+constexpr double fieldWidth = 1.4 * degree;
+constexpr double fieldHeight = 1.0 * degree;
+
+/// The places where the catalog made here has stars: across the line of right ascension 0, at both
+/// poles, and an ordinary one.
+struct SkyPlace {
+    double Ra;
+    double Dec;
+};
+constexpr SkyPlace acrossZero{359.95, 12.4};
+constexpr SkyPlace northPole{40, 89.9};
+constexpr SkyPlace southPole{300, -89.2};
+constexpr SkyPlace ordinary{131, -41};
+
+FrameGeometry FrameAt(SkyPlace place, double up = 0, bool mirrored = false) {
+    return {place.Ra * degree, place.Dec * degree, fieldWidth / frameWidth,
+            frameWidth,        frameHeight,        up * degree,
+            mirrored};
+}
+
+double FaintestDrawn() {
+    return SolveMagnitudeLimit(std::hypot(fieldWidth, fieldHeight) / 2) + 1.5;
+}
+
+FrameExposure ExposureFor(int bitPix) {
+    FrameExposure exposure;
+    exposure.WholeCounts = bitPix != -32;
+    if (bitPix == 8) {
+        exposure.Gain = 24;
+        exposure.SkyLevel = 60;
+        exposure.Saturation = 255;
+    }
+    exposure.ZeroPoint = ZeroPointFor(exposure, FaintestDrawn(), 10);
+    return exposure;
+}
+
+class ClosedLoop : public testing::Test {
+ protected:
+    ClosedLoop() {
+        // Patches 5 degrees wide, with the sky's mix of magnitudes.
+        std::map<std::string, std::string> cells;
+        std::uint64_t seed = 7;
+        for (const SkyPlace place : {acrossZero, northPole, southPole, ordinary}) {
+            FrameGeometry patch = FrameAt(place);
+            patch.Width = patch.Height = static_cast<int>(5 * degree / patch.RadiansPerPixel);
+            for (const FrameStar& star :
+                 RandomFrameStars(patch, 2500, 3, FaintestDrawn(), ++seed)) {
+                const CatalogStar stored = *StoredStar(star.Sky);
+                CatalogStars.push_back(stored);
+                const auto record = EncodeCatalogStar(stored);
+                cells[CellName(CellOfStored(stored))].append(record.begin(), record.end());
+            }
+        }
+        for (const auto& [name, bytes] : cells) WriteFile(Catalog / name, bytes);
+        State.Catalog.Folder = Catalog.Path;
+    }
+
+    /// Takes a frame of these stars and solves it as another program would, the start being off by
+    /// parts of the field.
+    UnattendedOutcome Solve(const FrameGeometry& geometry, const FrameExposure& exposure,
+                            const std::vector<FrameStar>& stars, int bitPix, double offX = 0,
+                            double offY = 0) {
+        const auto bytes = FrameFileBytes(RenderFrame(geometry, exposure, stars), bitPix, {});
+        const auto path = Frames / "frame.fit";
+        WriteFile(path, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+        double ra = 0;
+        double dec = 0;
+        FrameToSky(geometry, {(0.5 + offX) * frameWidth, (0.5 + offY) * frameHeight}, ra, dec);
+        std::string parameters;
+        for (const double value : {ra, dec, fieldWidth, fieldHeight}) {
+            parameters += NumberText(value) + ",";
+        }
+        return RunUnattended(State, Port, parameters + "9," + TextFromPath(path));
+    }
+
+    TemporaryFolder Catalog;
+    TemporaryFolder Frames;
+    std::vector<CatalogStar> CatalogStars;
+    ProgramState State;
+    RecordingPort Port{State};
+};
+
+TEST_F(ClosedLoop, SolutionsAreTheTruthInEveryFormatAndAttitude) {
+    struct Case {
+        SkyPlace Place;
+        double Up;
+        bool Mirrored;
+        int BitPix;
+        double OffX;
+        double OffY;
+    };
+    const Case cases[] = {
+        {acrossZero, 0, false, 16, 0.25, 0},      {acrossZero, 137, true, 8, -0.2, 0.25},
+        {acrossZero, 251, false, -32, 0.1, -0.2}, {northPole, 90, true, 16, 0.25, 0.25},
+        {northPole, 200, false, 8, 0, 0},         {northPole, 311, true, -32, -0.25, 0.1},
+        {southPole, 45, false, -32, 0.2, -0.25},  {southPole, 180, true, 8, 0, 0.2},
+        {ordinary, 270, true, -32, 0.25, -0.25},  {ordinary, 12, false, 8, -0.25, 0},
+        {ordinary, 359, true, 16, 0, 0},          {ordinary, 77, false, 16, 0.5, -0.1},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << "at " << one.Place.Ra << ", " << one.Place.Dec << ", up " << one.Up
+                     << (one.Mirrored ? ", mirrored" : "") << ", BITPIX " << one.BitPix);
+        const FrameGeometry geometry = FrameAt(one.Place, one.Up, one.Mirrored);
+        const auto stars = CatalogFrameStars(Catalog.Path, geometry, FaintestDrawn());
+        const UnattendedOutcome outcome =
+            Solve(geometry, ExposureFor(one.BitPix), stars, one.BitPix, one.OffX, one.OffY);
+        ASSERT_EQ(outcome.Result.Code, SolveCode::Solved) << outcome.Result.Message;
+        EXPECT_TRUE(outcome.ResultFileWritten);
+
+        const PlateSolution& solution = State.Solution;
+        const auto centre = SkyToFrame(geometry, solution.CentreRA, solution.CentreDec);
+        ASSERT_TRUE(centre);
+        EXPECT_NEAR(centre->X, (frameWidth - 1) / 2.0, 0.1);
+        EXPECT_NEAR(centre->Y, (frameHeight - 1) / 2.0, 0.1);
+        EXPECT_NEAR(solution.Scale * 3600 * fieldWidth / degree / frameWidth, 1, 2e-4);
+        const ImageOrientation shown = OrientationOf(solution, State.Image);
+        EXPECT_NEAR(std::remainder(shown.UpPositionAngle - one.Up, 360), 0, 0.05);
+        EXPECT_EQ(shown.Mirrored, one.Mirrored);
+    }
+}
+
+TEST_F(ClosedLoop, FramesWithoutASolutionGetNone) {
+    const FrameGeometry geometry = FrameAt(ordinary);
+    for (const int bitPix : {8, 16, -32}) {
+        const auto strangers = RandomFrameStars(geometry, 120, 6, FaintestDrawn(),
+                                                static_cast<std::uint64_t>(bitPix + 100));
+        const auto outcome = Solve(geometry, ExposureFor(bitPix), strangers, bitPix);
+        EXPECT_EQ(outcome.Result.Code, SolveCode::NoMatch);
+        EXPECT_FALSE(State.Image.Header.PlateMatched);
+    }
+    // Five of the right stars are one too few.
+    std::vector<FrameStar> few;
+    for (const FrameStar& star : CatalogFrameStars(Catalog.Path, geometry, FaintestDrawn())) {
+        const auto inside = [](double at, int size) { return at > 40 && at < size - 40; };
+        if (few.size() == 5) break;
+        if (inside(star.Place.X, frameWidth) && inside(star.Place.Y, frameHeight)) {
+            few.push_back(star);
+        }
+    }
+    EXPECT_EQ(Solve(geometry, ExposureFor(16), few, 16).Result.Code, SolveCode::TooFewStars);
+    EXPECT_EQ(Port.Statuses.back(), "Extracted 5 Stars");
+}
+
+// The oracle asks every star of the catalog where it falls.
+TEST_F(ClosedLoop, NoStarOfAFrameIsForgotten) {
+    for (const SkyPlace place : {acrossZero, northPole, southPole, ordinary}) {
+        const FrameGeometry geometry = FrameAt(place, 33, true);
+        const auto inFrame = [](const FramePoint& point) {
+            return point.X >= 0 && point.Y >= 0 && point.X < frameWidth && point.Y < frameHeight;
+        };
+        std::size_t expected = 0;
+        for (const CatalogStar& star : CatalogStars) {
+            const auto point = SkyToFrame(geometry, star.Ra, star.Dec);
+            expected += point && inFrame(*point) && star.Mag <= 1300 ? 1 : 0;
+        }
+        std::size_t found = 0;
+        for (const FrameStar& star : CatalogFrameStars(Catalog.Path, geometry, 13)) {
+            found += inFrame(star.Place) ? 1 : 0;
+        }
+        EXPECT_EQ(found, expected);
+        EXPECT_GT(expected, 20U);
+    }
+}
+
+TEST(Renderer, LightAndNoiseFollowTheLawsOfACameraOnAnyNumberOfThreads) {
+    const FrameGeometry geometry = FrameAt(ordinary);
+    FrameExposure exposure;
+    exposure.Gradient = 0;
+    exposure.SkyLevel = 400;
+    exposure.Gain = 2.5;
+    exposure.ReadNoise = 20;
+    exposure.ZeroPoint = 25;
+    exposure.WholeCounts = false;
+    const FramePoint place{350.3, 249.8};
+    const std::vector<FrameStar> star{{{0, 0, 12.5}, place}};  // 100000 electrons
+
+    ASSERT_EQ(setenv("VESTREL_THREADS", "1", 1), 0);
+    const Frame frame = RenderFrame(geometry, exposure, star);
+    ASSERT_EQ(setenv("VESTREL_THREADS", "3", 1), 0);
+    EXPECT_EQ(RenderFrame(geometry, exposure, star).Pixels, frame.Pixels);
+    ASSERT_EQ(unsetenv("VESTREL_THREADS"), 0);
+    exposure.Seed = 2;
+    EXPECT_NE(RenderFrame(geometry, exposure, star).Pixels, frame.Pixels);
+
+    double light = 0;
+    double skySum = 0;
+    double skySquares = 0;
+    double skyCount = 0;
+    for (int y = 0; y < frameHeight; ++y) {
+        for (int x = 0; x < frameWidth; ++x) {
+            const double counts = frame.Pixels[static_cast<std::size_t>(y * frameWidth + x)];
+            if (std::hypot(x - place.X, y - place.Y) < 40) {
+                light += (counts - 400) * exposure.Gain;
+            } else {
+                skySum += counts;
+                skySquares += counts * counts;
+                ++skyCount;
+            }
+        }
+    }
+    const double mean = skySum / skyCount;
+    const double sigma = std::sqrt(skySquares / skyCount - mean * mean);
+    const double expectedSigma = std::sqrt(400 * 2.5 + 20 * 20) / 2.5;
+    EXPECT_NEAR(mean, 400, 5 * expectedSigma / std::sqrt(skyCount));
+    EXPECT_NEAR(sigma / expectedSigma, 1, 0.01);
+    // Five standard deviations of the sum of 5000 pixels of noise are 13000 electrons.
+    EXPECT_NEAR(light, 100000, 14000);
+}
+
+}  // namespace
+}  // namespace vestrel
