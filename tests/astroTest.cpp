@@ -1,15 +1,406 @@
-// Numbers, texts, angles and the projection.
+// Numbers, texts, angles, the projection, the one sort and the spreading over processors.
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <atomic>
+#include <bit>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+#include <numbers>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
+#include "astro/libParallel.h"
+#include "astro/libSphericalMath.h"
+#include "astro/libStrings.h"
+#include "tests/testSupport.h"
 
 namespace vestrel {
+namespace {
 
-TEST(Sexagesimal, TwentyFourHoursIsStillARightAscension) {
-    EXPECT_EQ(ParseRA("24 00 00"), TwoPi);
-    EXPECT_EQ(ParseRA("24 00 01"), InvalidAngle);
+double Degrees(double degrees) {
+    return degrees * Pi / 180;
 }
 
+TEST(Sexagesimal, TextReadBackIsWithinHalfItsLastDigit) {
+    Random random(1);
+    for (int trial = 0; trial < 40000; ++trial) {
+        const int decimals = trial % 7;
+        const bool symbols = trial % 2 == 0;
+        // Half a unit of the last place, in radians of declination.
+        const double half = 0.5000001 * std::pow(10.0, -decimals) / 3600 * Pi / 180 + 1e-14;
+        // Half of the angles lie a hair below or on a whole minute, where seconds carry.
+        const double minutes = random.Whole(0, 24 * 60 - 1);
+        const double ra = trial % 4 < 2 ? random.Between(0, TwoPi)
+                                        : (minutes + random.Between(-1e-8, 0)) / 720 * Pi;
+        const std::string raText = FormatRA(ra, symbols, decimals);
+        const double readRa = ParseRA(raText);
+        ASSERT_NE(readRa, InvalidAngle) << raText;
+        ASSERT_LE(std::abs(std::remainder(readRa - ra, TwoPi)), 15 * half) << raText;
+        const double dec = trial % 4 < 2 ? random.Between(-Pi / 2, Pi / 2)
+                                         : std::remainder(minutes, 180) / 360 * Pi;
+        const std::string decText = FormatDec(dec, symbols, decimals);
+        const double readDec = ParseDec(decText);
+        ASSERT_NE(readDec, InvalidAngle) << decText;
+        ASSERT_LE(std::abs(readDec - dec), half) << decText;
+        ASSERT_EQ(decText.front() == '-', dec < 0) << decText;
+    }
+}
+
+TEST(Sexagesimal, PaddingCarryWrapAndSigns) {
+    const auto hours = [](double h, double m, double s) {
+        return (h + m / 60 + s / 3600) * Pi / 12;
+    };
+    EXPECT_EQ(FormatRA(hours(5, 32, 7.5), true, 2), "05h32m7.5s");
+    EXPECT_EQ(FormatRA(hours(5, 32, 7.0001), false, 2), "05 32 07");
+    EXPECT_EQ(FormatRA(hours(12, 34, 10.25), false, 1), "12 34 10.2");
+    EXPECT_EQ(FormatRA(hours(1, 59, 59.996), false, 2), "02 00 00");
+    EXPECT_EQ(FormatRA(hours(23, 59, 59.996), true, 2), "00h00m00s");
+    EXPECT_EQ(FormatRA(hours(0, 0, 0.00004), false, 5), "00 00 4E-05");
+    EXPECT_EQ(FormatDec(Degrees(-0.5), false, 0), "-00 30 00");
+    EXPECT_EQ(FormatDec(Degrees(-0.5), true, 1), "-00\xC2\xB0 30' 00\"");
+    EXPECT_EQ(FormatDec(Degrees(89.9999999), false, 1), "90 00 00");
+    EXPECT_EQ(FormatDec(-1e-12, false, 1), "-00 00 00");
+}
+
+TEST(Sexagesimal, EveryFormThatIsReadAndEveryFormThatIsNot) {
+    const std::vector<std::pair<const char*, double>> rightAscensions = {
+        {"12", 0.8},
+        {" 12 00 ", 12},
+        {"12h", 12},
+        {"1E1", 10.0 / 15},
+        {"5h32m7.5s", 5.53541666666667},
+        {"5:32:7.5xyz", -1},
+        {"5 32", 5 + 32 / 60.0},
+        {"24 00 00", 24},
+        {"24 00 01", -1},
+        {"-1 0 0", -1},
+        {"360", 24},
+        {"360.001", -1},
+        {"", -1},
+        {"h", -1},
+        {"5h x", -1},
+        {"5 30s", -1},
+        {"5h30m15s junk", 5 + 30 / 60.0 + 15 / 3600.0},
+        {"5 : 30 : 15", 5 + 30 / 60.0 + 15 / 3600.0},
+        {"1h-30m", 0.5},
+        {"\t12", -1},
+        {"5h:30", -1},
+        {"nan", -1},
+        {"inf h", -1},
+        {"1.5h0.5m", 1.5 + 0.5 / 60}};
+    for (const auto& [text, expected] : rightAscensions) {
+        if (expected < 0) {
+            EXPECT_EQ(ParseRA(text), InvalidAngle) << text;
+        } else {
+            EXPECT_NEAR(ParseRA(text) * 12 / Pi, expected, 1e-13) << text;
+        }
+    }
+    EXPECT_EQ(ParseRA("24 00 00"), TwoPi);
+
+    const double invalid = 1000;
+    const std::vector<std::pair<const char*, double>> declinations = {
+        {"+45 30 00", 45.5},
+        {"45d30m", 45.5},
+        {"45D 30' 0\"", 45.5},
+        {"91 00 00", invalid},
+        {"90 00 00", 90},
+        {"-90", -90},
+        {"90:00:00.01", invalid},
+        {"-10 -30 00", 10.5},
+        {"10 -30 00", -10.5},
+        {"-10 -30 -36", -10.51},
+        {"-0 0 36", -0.01},
+        {"-0:30", -0.5},
+        {"45\xC2\xB0"
+         "30'36\"",
+         45.51},
+        {"45\xC2\xB0", 45},
+        {"d30m", 0.5},
+        {"-d30m", -0.5},
+        {"--5 0 0", invalid},
+        {"5 --30 0", invalid},
+        {"5 x", invalid},
+        {"", invalid},
+        {"  ", invalid},
+        {"45.5", 45.5},
+        {"-4.55E1", -45.5},
+        {"x", invalid},
+        {"1:2:3\"junk", 1 + 2 / 60.0 + 3 / 3600.0},
+        {"1:2:3junk", invalid}};
+    for (const auto& [text, expected] : declinations) {
+        if (expected == invalid) {
+            EXPECT_EQ(ParseDec(text), InvalidAngle) << text;
+        } else {
+            EXPECT_NEAR(ParseDec(text) * 180 / Pi, expected, 1e-13) << text;
+        }
+    }
+}
+
+TEST(Numbers, TextKeepsFifteenDigitsAndOneForm) {
+    const std::vector<std::pair<double, const char*>> texts = {{0, "0"},
+                                                               {-0.0, "0"},
+                                                               {0.5, "0.5"},
+                                                               {-12.25, "-12.25"},
+                                                               {0.1 + 0.2, "0.3"},
+                                                               {1.0 / 3, "0.333333333333333"},
+                                                               {123456789012345, "123456789012345"},
+                                                               {1e15, "1E+15"},
+                                                               {999999999999999.9, "1E+15"},
+                                                               {0.0001, "0.0001"},
+                                                               {0.000012, "1.2E-05"},
+                                                               {1e100, "1E+100"},
+                                                               {-2.5e-7, "-2.5E-07"},
+                                                               {1e14, "100000000000000"}};
+    for (const auto& [value, text] : texts) EXPECT_EQ(NumberText(value), text);
+    EXPECT_EQ(RoundedText(-0.004, 2), "0");
+    EXPECT_EQ(RoundedText(0.125, 2), "0.12");
+    EXPECT_EQ(RoundedText(0.375, 2), "0.38");
+
+    Random random(2);
+    for (int trial = 0; trial < 20000; ++trial) {
+        const std::uint64_t bits =
+            static_cast<std::uint64_t>(random.Engine()()) << 32 | random.Engine()();
+        const double value = std::bit_cast<double>(bits);
+        if (!std::isfinite(value)) continue;
+        std::array<char, 64> judge{};
+        std::snprintf(judge.data(), judge.size(), "%.14e", value);
+        const std::string text = NumberText(value);
+        ASSERT_EQ(ParseNumber(text).value(), std::strtod(judge.data(), nullptr)) << text;
+        if (std::abs(value) < 1e300) {
+            const std::string plain = PlainNumberText(value);
+            ASSERT_EQ(plain.find('E'), std::string::npos);
+            ASSERT_EQ(ParseNumber(plain).value(), ParseNumber(text).value()) << plain;
+        }
+    }
+    for (const char* text : {"", ".", "-", "1.2.3", "0x10", "inf", "nan", "1e", "+-1", "1 2", "1,5",
+                             "1e+", "\t1", "e5", "--1"}) {
+        EXPECT_FALSE(ParseNumber(text)) << text;
+    }
+    EXPECT_EQ(ParseNumber(" +.5 "), 0.5);
+    EXPECT_EQ(ParseNumber("5.D-1"), 0.5);
+    EXPECT_EQ(ParseNumber("1e400"), std::numeric_limits<double>::infinity());
+    EXPECT_EQ(ParseNumber("-1e-400"), 0);
+}
+
+TEST(Numbers, RoundingHoldsAtTheBoundsOfItsType) {
+    EXPECT_EQ(RoundToNearestInt32(2.5), 2);
+    EXPECT_EQ(RoundToNearestInt32(-3.5), -4);
+    EXPECT_EQ(RoundToNearestInt32(1e300), 2147483647);
+    EXPECT_EQ(RoundToNearestInt32(-1e300), -2147483647 - 1);
+    EXPECT_EQ(RoundToNearestInt32(std::nan("")), 0);
+    std::int16_t small = 7;
+    EXPECT_FALSE(RoundToInt16(32767.5, small));
+    EXPECT_FALSE(RoundToInt16(std::nan(""), small));
+    EXPECT_EQ(small, 7);
+    EXPECT_TRUE(RoundToInt16(-32768.5, small));
+    EXPECT_EQ(small, -32768);
+    std::int32_t wide = 7;
+    EXPECT_FALSE(RoundToInt32(2147483647.5, wide));
+    EXPECT_TRUE(RoundToInt32(2147483647.25, wide));
+    EXPECT_EQ(wide, 2147483647);
+}
+
+struct Tagged {
+    double Key = 0;
+    int Tag = 0;
+    friend bool operator==(const Tagged&, const Tagged&) = default;
+};
+
+// The sort as it is laid down: element 0 holds the key 0 and is below all others.
+void PlainSort(std::vector<Tagged>& list, int n) {
+    int gap = n / 2;
+    while (gap != 0) {
+        int i = gap;
+        while (i <= n) {
+            bool back = false;
+            if (list[i - gap].Key > list[i].Key) {
+                std::swap(list[i - gap], list[i]);
+                back = gap == 1 && i - gap > 0;
+            }
+            i += back ? -1 : 1;
+        }
+        gap = static_cast<int>(std::floor(gap / 1.3));
+    }
+}
+
+TEST(CombSort, EqualKeysLieAsThePlainLoopLeavesThem) {
+    Random random(3);
+    for (int trial = 0; trial < 3000; ++trial) {
+        const int n = trial < 200 ? trial % 12 : random.Whole(2, 300);
+        const int keys = random.Whole(1, trial % 3 == 0 ? 1000 : 8);
+        std::vector<Tagged> list(n + 1);
+        for (int i = 1; i <= n; ++i) list[i] = {1.0 * random.Whole(0, keys), i};
+        std::vector<Tagged> plain = list;
+        PlainSort(plain, n);
+        const std::vector<std::int32_t> order =
+            CombSortedOrder(n, [&](std::int32_t i) { return list[i].Key; });
+        CombSort(list, n, [](const Tagged& a, const Tagged& b) { return a.Key > b.Key; });
+        ASSERT_EQ(list, plain) << n;
+        for (int i = 1; i <= n; ++i) {
+            ASSERT_EQ(order[i], plain[i].Tag);
+            ASSERT_LE(plain[i - 1].Key, plain[i].Key);
+        }
+    }
+}
+
+TEST(Projection, IsTheSineProjectionOfTheWorldCoordinateSystem) {
+    if (std::system("/usr/bin/python3 -c 'import astropy.wcs' > /dev/null 2>&1") != 0) {
+        GTEST_SKIP() << "no astropy to judge by";
+    }
+    const TemporaryFolder folder;
+    WriteFile(folder / "judge.py", R"(
+import sys
+from astropy.wcs import WCS
+for line in open(sys.argv[1]):
+    ra0, dec0, ra, dec = map(float, line.split())
+    w = WCS(naxis=2)
+    w.wcs.ctype = ['RA---SIN', 'DEC--SIN']
+    w.wcs.crpix = [0, 0]
+    w.wcs.crval = [ra0, dec0]
+    w.wcs.cdelt = [1, 1]
+    w.wcs.lonpole = 180
+    x, y = w.wcs_world2pix(ra, dec, 1)
+    print(repr(float(x)), repr(float(y)))
+)");
+    Random random(4);
+    std::vector<std::array<double, 4>> cases;
+    std::ostringstream text;
+    text.precision(17);
+    for (int i = 0; i < 400; ++i) {
+        const double ra0 = random.Between(0, 360);
+        const double dec0 = i % 10 == 0 ? 90 : i % 10 == 1 ? -90 : random.Between(-90, 90);
+        const double reach = i % 2 == 0 ? 1 : 60;
+        const double dec = std::clamp(dec0 + random.Between(-reach, reach), -90.0, 90.0);
+        const double ra = ra0 + random.Between(-reach, reach);
+        cases.push_back({ra0, dec0, ra, dec});
+        text << ra0 << ' ' << dec0 << ' ' << ra << ' ' << dec << '\n';
+    }
+    WriteFile(folder / "cases", text.str());
+    const std::string command = "/usr/bin/python3 '" + (folder / "judge.py").string() + "' '" +
+                                (folder / "cases").string() + "' > '" +
+                                (folder / "answers").string() + "'";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    std::istringstream answers(ReadFile(folder / "answers"));
+
+    const double radian = std::numbers::pi / 180;
+    Projection plane;
+    int judged = 0;
+    for (const auto& [ra0, dec0, ra, dec] : cases) {
+        double x = 0;
+        double y = 0;
+        answers >> x >> y;
+        plane.SetProjectionCentre(ra0 * radian, dec0 * radian, 3600 / radian);
+        double xi = 0;
+        double eta = 0;
+        const double cosine = plane.SkyToPlane(ra * radian, dec * radian, xi, eta);
+        if (cosine < 0.01) continue;  // the judge knows no far side
+        ++judged;
+        ASSERT_NEAR(xi, -x * 3600, 1e-6) << ra0 << ' ' << dec0;
+        ASSERT_NEAR(eta, y * 3600, 1e-6) << ra0 << ' ' << dec0;
+    }
+    ASSERT_TRUE(answers);
+    EXPECT_GT(judged, 300);
+}
+
+TEST(Projection, PlaneToSkyUndoesSkyToPlaneApartFromTheDecimalPi) {
+    Random random(5);
+    Projection plane;
+    for (int trial = 0; trial < 20000; ++trial) {
+        const double dec0 = trial % 5 == 0 ? std::copysign(std::numbers::pi / 2, trial % 2 - 0.5)
+                                           : random.Between(-1.57, 1.57);
+        plane.SetProjectionCentre(random.Between(0, 6.28), dec0, SolveArcsecondsPerRadian);
+        const double distance = random.Between(0, 1.2) * plane.ProjectionScale * 0.7;
+        const double turn = random.Between(0, 6.3);
+        const double xi = distance * std::cos(turn);
+        const double eta = distance * std::sin(turn);
+        double ra = 0;
+        double dec = 0;
+        plane.PlaneToSky(xi, eta, ra, dec);
+        ASSERT_GE(ra, 0);
+        ASSERT_LE(ra, TwoPi);
+        // The decimal π of the arctangent turns the second and third quadrants by one error of it,
+        // the decimal 2π the fourth by two.
+        const double error = Pi - std::numbers::pi;
+        const double exact = ra < Pi / 2 ? ra : ra < 1.5 * Pi ? ra - error : ra - 2 * error;
+        double xiBack = 0;
+        double etaBack = 0;
+        const double cosine = plane.SkyToPlane(exact, dec, xiBack, etaBack);
+        // Near the rim the inverse is ill-conditioned.
+        const double tolerance = 1e-9 + 1e-9 / cosine / cosine;
+        ASSERT_NEAR(xiBack, xi, tolerance);
+        ASSERT_NEAR(etaBack, eta, tolerance);
+        ASSERT_NEAR(cosine, std::sqrt(1 - std::pow(distance / plane.ProjectionScale, 2)), 1e-9);
+    }
+    plane.SetProjectionCentre(1, 0.5, 1000);
+    double xi = 1;
+    double eta = 1;
+    EXPECT_NEAR(plane.SkyToPlane(1, 0.5, xi, eta), 1, 1e-15);
+    EXPECT_NEAR(std::hypot(xi, eta), 0, 1e-12);
+    plane.SkyToPlane(1.001, 0.5, xi, eta);
+    EXPECT_LT(xi, 0) << "xi grows toward the west";
+    double ra = 0;
+    double dec = 0;
+    plane.PlaneToSky(0, 5000, ra, dec);  // beyond the rim: w = 0, the distance is not shortened
+    EXPECT_NEAR(dec, std::atan2(5 * std::cos(0.5), 5 * std::sin(0.5)), 1e-12);
+    plane.SetProjectionCentre(1, 0.5, 0);
+    plane.PlaneToSky(123, 456, ra, dec);
+    EXPECT_NEAR(ra, 1, 1e-12);
+    EXPECT_NEAR(dec, 0.5, 1e-12);
+}
+
+TEST(Atan2, FollowsTheQuadrantsWithTheDecimalPi) {
+    EXPECT_EQ(Atan2(0, -1), 3.141592654);
+    EXPECT_EQ(Atan2(-0.0, -1), 3.141592654);
+    EXPECT_EQ(Atan2(-1, 0), -1.570796327);
+    EXPECT_EQ(Atan2(1, 0), 1.570796327);
+    EXPECT_EQ(Atan2(0, 0), 0);
+    for (double turn = -3.1; turn < 3.15; turn += 0.2) {
+        EXPECT_NEAR(Atan2(std::sin(turn), std::cos(turn)), turn, 5e-10);
+    }
+}
+
+TEST(ParallelFor, CallsEveryPieceOnceAndReportsToItsCaller) {
+    for (const int threads : {1, 2, 7}) {
+        const ThreadsForNow now(threads);
+        EXPECT_EQ(ParallelThreads(), threads);
+        const auto caller = std::this_thread::get_id();
+        int reports = 0;
+        int last = 0;
+        std::vector<int> calls(500);
+        ParallelFor(
+            500, [&](int i) { ++calls[i]; },
+            [&](int done, int total) {
+                EXPECT_EQ(std::this_thread::get_id(), caller);
+                EXPECT_EQ(total, 500);
+                EXPECT_GT(done, last);
+                last = done;
+                ++reports;
+            });
+        EXPECT_EQ(calls, std::vector<int>(500, 1));
+        EXPECT_TRUE(threads > 1 || reports == 500);
+        std::atomic<int> begun{0};
+        EXPECT_THROW(ParallelFor(100000,
+                                 [&](int i) {
+                                     ++begun;
+                                     if (i == 20) throw std::runtime_error("piece");
+                                     std::this_thread::yield();
+                                 }),
+                     std::runtime_error);
+        EXPECT_LT(begun, 100000) << "pieces go on being begun after a failure";
+        EXPECT_THROW(ParallelFor(
+                         3, [](int) {}, [](int, int) { throw std::runtime_error("progress"); }),
+                     std::runtime_error);
+    }
+    ParallelFor(0, [](int) { FAIL(); });
+    ParallelFor(-1, [](int) { FAIL(); });
+}
+
+}  // namespace
 }  // namespace vestrel

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <bit>
 #include <cmath>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -68,6 +69,27 @@ std::string FitsPixels(int bitPix, std::span<const double> values) {
         }
     }
     return bytes;
+}
+
+namespace {
+
+void SetThreads(const std::string& text) {
+#ifdef _WIN32
+    _putenv_s("VESTREL_THREADS", text.c_str());
+#else
+    setenv("VESTREL_THREADS", text.c_str(), 1);
+#endif
+}
+
+}  // namespace
+
+ThreadsForNow::ThreadsForNow(int threads) {
+    if (const char* text = std::getenv("VESTREL_THREADS")) before_ = text;
+    SetThreads(std::to_string(threads));
+}
+
+ThreadsForNow::~ThreadsForNow() {
+    SetThreads(before_.value_or(""));
 }
 
 void RecordingPort::ShowMessage(const std::string& text, const std::string& title) {

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
+#include <random>
 #include <span>
 #include <string>
 #include <string_view>
@@ -37,6 +39,35 @@ std::vector<std::string> FitsCards(int bitPix, int width, int height,
 
 /// Pixels as big-endian bytes: 8-bit unsigned, 16-bit signed or 32-bit floating-point.
 std::string FitsPixels(int bitPix, std::span<const double> values);
+
+/// Sets how many threads the kernels use for as long as it lives.
+class ThreadsForNow {
+ public:
+    explicit ThreadsForNow(int threads);
+    ~ThreadsForNow();
+    ThreadsForNow(const ThreadsForNow&) = delete;
+    ThreadsForNow& operator=(const ThreadsForNow&) = delete;
+
+ private:
+    std::optional<std::string> before_;
+};
+
+/// Numbers that are the same in every run.
+class Random {
+ public:
+    explicit Random(unsigned seed) : engine_(seed) {}
+    /// Evenly spread over low..high.
+    double Between(double low, double high) {
+        return std::uniform_real_distribution<double>(low, high)(engine_);
+    }
+    /// A whole number of low..high, both included.
+    int Whole(int low, int high) { return std::uniform_int_distribution<int>(low, high)(engine_); }
+    double Normal(double sigma) { return std::normal_distribution<double>(0, sigma)(engine_); }
+    std::mt19937& Engine() { return engine_; }
+
+ private:
+    std::mt19937 engine_;
+};
 
 /// Records messages and status texts in their order; can ask for a stop.
 class RecordingPort : public Port {
