@@ -1,0 +1,567 @@
+// Background, filter and star detection against plain procedures, bit for bit.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "extraction/libBackground.h"
+#include "extraction/libFilter.h"
+#include "extraction/libStarDetection.h"
+#include "extraction/mStarExtraction.h"
+#include "tests/testSupport.h"
+
+namespace vestrel {
+namespace {
+
+using Image = Grid<std::int32_t>;
+
+Image Copy(const Image& image, int width, int height) {
+    Image copy(width, height);
+    for (int y = 0; y <= height; ++y) {
+        for (int x = 0; x <= width; ++x) copy(x, y) = image(x, y);
+    }
+    return copy;
+}
+
+// The first place where two images differ, as text; empty when they are the same.
+std::string Difference(const Image& one, const Image& other, int width, int height) {
+    for (int y = 0; y <= height; ++y) {
+        for (int x = 0; x <= width; ++x) {
+            if (one(x, y) == other(x, y)) continue;
+            return "(" + std::to_string(x) + ", " + std::to_string(y) +
+                   "): " + std::to_string(one(x, y)) + " and " + std::to_string(other(x, y));
+        }
+    }
+    return "";
+}
+
+// Noise on a gradient with saturated blobs; `wild` throws in values outside the histogram.
+Image Sky(Random& random, int width, int height, bool wild) {
+    Image image(width, height);
+    const double level = random.Between(0, 3000);
+    const double slope = random.Between(-5, 5);
+    const double noise = random.Between(0, 60);
+    for (int x = 0; x < width; ++x) {
+        for (int y = 0; y < height; ++y) {
+            double value = std::abs(level + slope * (x - y) + random.Normal(noise));
+            if (random.Whole(0, 60) == 0) value = 65535;
+            if (wild && random.Whole(0, 4) == 0) value = random.Between(-3e5, 3e5);
+            if (wild && random.Whole(0, 99) == 0) value = random.Whole(0, 1) == 0 ? 2.1e9 : -2.1e9;
+            image(x, y) = static_cast<std::int32_t>(value);
+        }
+    }
+    return image;
+}
+
+struct PlainBackground {
+    std::vector<std::int32_t> Histogram = std::vector<std::int32_t>(100001);
+    int Low = 0;
+    int High = 0;
+    int Samples = 0;
+
+    static bool Inside(int i, int size) { return 0 <= i && i < size; }
+    static int Held(int value) { return std::clamp(value, 0, 100000); }
+    int Counter(int value) const { return Inside(value, 100001) ? Histogram[value] : 0; }
+    int Percentile(double percentile) const {
+        const double target = std::nearbyint(Samples * percentile / 100);
+        int value = Low - 1;
+        for (double sum = 0; sum < target;) sum += Counter(++value);
+        return value;
+    }
+    void Count(int value, int by) {
+        Histogram[std::clamp(Held(value), Low, High)] += by;
+        Samples += by;
+    }
+
+    Image Estimate(const Image& values, int width, int height, int h, double percentile) {
+        int least = 100000;
+        int most = 0;
+        int all = 0;
+        for (int x = 0; x <= width - 1; x += 3) {
+            for (int y = 0; y <= height - 1; y += 3, ++all) {
+                const int value = Held(values(x, y));
+                ++Histogram[value];
+                least = std::min(least, value);
+                most = std::max(most, value);
+            }
+        }
+        const double k = std::nearbyint(all / 500.0);
+        Low = least - 1;
+        for (double sum = 0; sum < k;) sum += Counter(++Low);
+        High = most + 1;
+        for (double sum = 0; sum < k;) sum += Counter(--High);
+
+        Image map(width, height);
+        const auto store = [&](int x0, int y0, int value) {
+            for (int x = x0; x <= x0 + 2; ++x) {
+                for (int y = y0; y <= y0 + 2; ++y) {
+                    if (x < width && y < height) map(x, y) = value;
+                }
+            }
+        };
+        for (int x0 = 0; x0 <= width - 1; x0 += 3) {
+            for (int v = Low; v <= High; ++v) {
+                if (Inside(v, 100001)) Histogram[v] = 0;
+            }
+            Samples = 0;
+            for (int dx = -h; dx <= h; dx += 3) {
+                for (int y = 1; y <= h && Inside(x0 + dx, width); y += 3) {
+                    if (Inside(y, height)) Count(values(x0 + dx, y), 1);
+                }
+            }
+            store(x0, 0, Percentile(percentile));
+            for (int yc = 2; yc <= height - 1; yc += 3) {
+                for (int dx = -h; dx <= h; dx += 3) {
+                    if (!Inside(x0 + dx, width)) continue;
+                    if (Inside(yc - h, height)) Count(values(x0 + dx, yc - h), -1);
+                    if (Inside(yc + h, height)) Count(values(x0 + dx, yc + h), 1);
+                }
+                store(x0, yc, Percentile(percentile));
+            }
+        }
+        return map;
+    }
+};
+
+Image PlainlySubtracted(const Image& pixels, const Image& map, int offset, int width, int height) {
+    Image result = Copy(pixels, width, height);
+    for (int x = 0; x < width; ++x) {
+        for (int y = 0; y < height; ++y) {
+            std::int64_t value = std::int64_t{pixels(x, y)} + offset + 100 - map(x, y);
+            value = std::clamp<std::int64_t>(value, 0, 65535);
+            result(x, y) = static_cast<std::int32_t>(value - offset);
+        }
+    }
+    return result;
+}
+
+TEST(Background, IsThePlainProceduresWhateverTheImageAndTheThreads) {
+    Random random(11);
+    const std::vector<std::pair<int, int>> sizes = {
+        {1, 1}, {2, 5}, {3, 3}, {7, 1}, {1, 40}, {20, 21}, {61, 62}, {100, 91}, {200, 150}};
+    for (int trial = 0; trial < 120; ++trial) {
+        const auto [width, height] = sizes[trial % 9];
+        const int half = std::vector{0, 1, 5, 30, 300}[random.Whole(0, 4)];
+        const double percentile = std::vector{50.0, 0.0, 100.0, 3.7, 99.0}[random.Whole(0, 4)];
+        const bool wild = trial % 3 == 2;
+        const Image sky = Sky(random, width, height, wild);
+        const Image plain = PlainBackground().Estimate(sky, width, height, half, percentile);
+        // Stored values are lower by the offset; the spare column and row stay what they are.
+        const int offset = wild ? 0 : 20000;
+        Image stored(width, height);
+        for (int x = 0; x < width; ++x) {
+            for (int y = 0; y < height; ++y) stored(x, y) = sky(x, y) - offset;
+        }
+        const Image subtracted = PlainlySubtracted(stored, plain, offset, width, height);
+        for (const int threads : {1, 3}) {
+            const ThreadsForNow now(threads);
+            Image map = Copy(sky, width, height);
+            EstimateBackground(map, width, height, static_cast<std::int16_t>(half), percentile);
+            ASSERT_EQ(Difference(map, plain, width, height), "")
+                << width << " x " << height << ", half-size " << half << ", " << percentile << " %";
+            Image result = Copy(stored, width, height);
+            SubtractBackgroundBlocks(
+                result, offset, width, height,
+                EstimateBackgroundBlocks(stored, offset, width, height,
+                                         static_cast<std::int16_t>(half), percentile));
+            ASSERT_EQ(Difference(result, subtracted, width, height), "");
+        }
+    }
+}
+
+TEST(Background, FlatImageBecomesAHundredAndIsSubtractedOnce) {
+    ProgramState state;
+    RecordingPort port(state);
+    state.Image.Width = 70;
+    state.Image.Height = 50;
+    state.Image.DataOffset = 300;
+    state.Image.Pixels = Image(70, 50);
+    for (int x = 0; x < 70; ++x) {
+        for (int y = 0; y < 50; ++y) state.Image.Pixels(x, y) = 1234;
+    }
+    SubtractBackground(state, port, 30, 50);
+    EXPECT_EQ(port.Statuses,
+              (std::vector<std::string>{"Estimating Background", "Subtracting Background"}));
+    Image hundred(70, 50);
+    for (int x = 0; x < 70; ++x) {
+        for (int y = 0; y < 50; ++y) hundred(x, y) = 100 - 300;
+    }
+    EXPECT_EQ(Difference(state.Image.Pixels, hundred, 70, 50), "");
+    EXPECT_TRUE(state.BackgroundRemoved);
+    state.Image.Pixels(3, 3) = 5000;
+    SubtractBackground(state, port, 30, 50);
+    EXPECT_EQ(state.Image.Pixels(3, 3), 5000);
+}
+
+Image PlainlyFiltered(const Image& pixels, int width, int height) {
+    Image result = Copy(pixels, width, height);
+    const auto at = [&](int x, int y) { return std::int64_t{pixels(x, y)}; };
+    for (int x = 1; x <= width - 2; ++x) {
+        for (int y = 1; y <= height - 2; ++y) {
+            const auto sides =
+                static_cast<float>(at(x + 1, y) + at(x - 1, y) + at(x, y + 1) + at(x, y - 1));
+            const auto corners = static_cast<float>(at(x + 1, y - 1) + at(x - 1, y - 1) +
+                                                    at(x + 1, y + 1) + at(x - 1, y + 1));
+            const auto stored =
+                static_cast<float>(0.12385 * static_cast<double>(sides) + 0.2042 * pixels(x, y) +
+                                   0.0751 * static_cast<double>(corners));
+            result(x, y) = static_cast<std::int32_t>(
+                std::min(std::nearbyint(static_cast<double>(stored)), 2147483647.0));
+        }
+    }
+    return result;
+}
+
+TEST(GaussianFilter, IsThePlainProcedureAndSparesTheBorder) {
+    Random random(12);
+    for (int trial = 0; trial < 60; ++trial) {
+        const int width = trial < 16 ? 1 + trial % 4 : random.Whole(3, 120);
+        const int height = trial < 16 ? 1 + trial / 4 : random.Whole(3, 90);
+        Image image = Sky(random, width, height, trial % 2 == 1);
+        const Image plain = PlainlyFiltered(image, width, height);
+        const ThreadsForNow now(trial % 3 + 1);
+        GaussianFilter(image, width, height);
+        ASSERT_EQ(Difference(image, plain, width, height), "") << width << " x " << height;
+    }
+    Image spike(9, 9);
+    spike(4, 4) = 10000;
+    GaussianFilter(spike, 9, 9);
+    EXPECT_EQ(spike(4, 4), 2042);
+    EXPECT_EQ(spike(3, 4), 1238);
+    EXPECT_EQ(spike(4, 5), 1238);
+    EXPECT_EQ(spike(5, 5), 751);
+    EXPECT_EQ(spike(6, 4), 0);
+}
+
+struct PlainRegion {
+    double FluxSum = 0;
+    double SumXF = 0;
+    double SumYF = 0;
+    double VarX = 0;
+    double VarY = 0;
+    double Size = 0;
+    double PixelCount = 0;
+    double CentroidX = 0;
+    double CentroidY = 0;
+};
+
+struct PlainExtraction {
+    PlainExtraction(const PlateImage& image, const DetectionSettings& settings)
+        : Source(image), Settings(settings), Labels(image.Width, image.Height) {
+        Run();
+    }
+
+    const PlateImage& Source;
+    const DetectionSettings& Settings;
+    Image Labels;
+    std::vector<PlateStar> Stars;
+    ExtractionFacts Facts;
+
+    double Value(int x, int y) const {
+        return static_cast<double>(std::int64_t{Source.Pixels(x, y)} + Source.DataOffset);
+    }
+
+    void Fill(int x, int y, double threshold, int label, int depth) {
+        const int width = Source.Width;
+        const int height = Source.Height;
+        ++depth;
+        Facts.MaxFillDepth = std::max(Facts.MaxFillDepth, depth);
+        if (depth >= 1001) return;
+        const auto takes = [&](int column, int row) {
+            return Labels(column, row) < 1 && Value(column, row) > threshold;
+        };
+        if (!takes(x, y)) return;
+        int top = y;
+        while (top >= 0 && takes(x, top)) Labels(x, top--) = label;
+        top = std::max(top, 0);
+        int bottom = y + 1;
+        while (bottom <= height - 1 && takes(x, bottom)) Labels(x, bottom++) = label;
+        bottom = std::min(bottom, height - 1);
+        for (const int column : {x - 1, x + 1}) {
+            if (column < 0 || column > width - 1) continue;
+            for (int row = top; row <= bottom; ++row) {
+                if (Labels(column, row) == 0 && Value(column, row) > threshold) {
+                    Fill(column, row, threshold, label, depth);
+                }
+            }
+        }
+    }
+
+    static void SortDescending(std::vector<PlainRegion>& list, int n, double PlainRegion::*key) {
+        for (int gap = n / 2; gap != 0; gap = static_cast<int>(gap / 1.3)) {
+            for (int i = gap + 1; i <= n; ++i) {
+                if (list[i - gap].*key > list[i].*key) {
+                    std::swap(list[i - gap], list[i]);
+                    if (gap == 1 && i - gap > 1) i -= 2;
+                }
+            }
+        }
+        for (int front = 1, back = n; front < back; ++front, --back) {
+            std::swap(list[front], list[back]);
+        }
+    }
+
+    static double Deviation(double sumOfSquares, double n, double mean) {
+        return std::sqrt(std::max(sumOfSquares / n - mean * mean, 0.0));
+    }
+
+    void Run() {
+        const int width = Source.Width;
+        const int height = Source.Height;
+        if (width < 20 || height < 20) return;
+        const int ex = static_cast<int>(std::nearbyint(width * Settings.EdgeExclusion));
+        const int ey = static_cast<int>(std::nearbyint(height * Settings.EdgeExclusion));
+        double mean = 0;
+        double sigma = 0;
+        const auto measure = [&](double limit) {
+            double n = 0;
+            double sum = 0;
+            double squares = 0;
+            for (int x = ex; x <= width - ex; x += 3) {
+                for (int y = ey; y <= height - ey; y += 3) {
+                    const double v = Value(x, y);
+                    if (v > limit) continue;
+                    n += 1;
+                    sum += v;
+                    squares += v * v;
+                }
+            }
+            if (n == 0) return false;
+            mean = sum / n;
+            sigma = Deviation(squares, n, mean);
+            return true;
+        };
+        if (!measure(std::numeric_limits<double>::infinity())) return;
+        if (!measure(mean + 3 * sigma)) return;
+        Facts.BackgroundSigma = sigma;
+        Facts.SkyMean = mean;
+        const double threshold = sigma < 1 ? mean + 4 : mean + Settings.DetectionThreshold * sigma;
+
+        int count = 0;
+        for (int x = 0; x < width; ++x) {
+            for (int y = 0; y < height; ++y) {
+                if (Labels(x, y) == 0 && Value(x, y) > threshold) {
+                    Fill(x, y, threshold, ++count, 0);
+                }
+            }
+        }
+        std::vector<PlainRegion> regions(count + 1);
+        for (int x = 0; x < width; ++x) {
+            for (int y = 0; y < height; ++y) {
+                if (Labels(x, y) == 0) continue;
+                PlainRegion& region = regions[Labels(x, y)];
+                const double f = Value(x, y) - mean;
+                region.FluxSum += f;
+                region.PixelCount += 1;
+                region.SumXF += x * f;
+                region.SumYF += y * f;
+                region.VarX += static_cast<double>(x * x) * f;
+                region.VarY += static_cast<double>(y * y) * f;
+            }
+        }
+        for (int k = 1; k <= count; ++k) {
+            PlainRegion& r = regions[k];
+            if (r.FluxSum > 0) {
+                r.CentroidX = r.SumXF / r.FluxSum;
+                r.CentroidY = r.SumYF / r.FluxSum;
+                r.VarX = (r.VarX - r.CentroidX * r.CentroidX * r.FluxSum) / r.FluxSum;
+                r.VarY = (r.VarY - r.CentroidY * r.CentroidY * r.FluxSum) / r.FluxSum;
+            }
+            if (r.PixelCount > 1) r.Size = std::sqrt(std::max(r.VarX, 0.0) + std::max(r.VarY, 0.0));
+            if (!(ex <= r.CentroidX && r.CentroidX <= width - ex && ey <= r.CentroidY &&
+                  r.CentroidY <= height - ey)) {
+                r.PixelCount = 0;
+            }
+            if (r.Size == 0) r.PixelCount = 1;
+        }
+        SortDescending(regions, count, &PlainRegion::PixelCount);
+        while (count > 0 && regions[count].PixelCount < Settings.MinStarSize) --count;
+        if (count == 0) return;
+
+        double limit = std::numeric_limits<double>::infinity();
+        for (int round = 1; round <= 2; ++round) {
+            double n = 0;
+            double sum = 0;
+            double squares = 0;
+            for (int k = 1; k <= count; ++k) {
+                if (round == 2 && !(regions[k].Size < limit)) continue;
+                n += 1;
+                sum += regions[k].Size;
+                squares += regions[k].Size * regions[k].Size;
+            }
+            if (n == 0) return;
+            limit = Settings.MaxStarSize * Deviation(squares, n, sum / n) + sum / n;
+        }
+        int kept = 0;
+        for (int k = 1; k <= count; ++k) {
+            if (regions[k].Size < limit) regions[++kept] = regions[k];
+        }
+        if (kept == 0) return;
+        SortDescending(regions, kept, &PlainRegion::FluxSum);
+        Facts.StarsFound = kept;
+        Stars.resize(std::min(kept, 100) + 1);
+        for (std::size_t k = 1; k < Stars.size(); ++k) {
+            Stars[k] = {static_cast<float>(regions[k].CentroidX),
+                        static_cast<float>(regions[k].CentroidY),
+                        static_cast<float>(regions[k].FluxSum), 0, 0};
+        }
+    }
+};
+
+// Both extractions agree in everything; gives the number of stars.
+int ExpectSameExtraction(const PlateImage& image, const DetectionSettings& settings) {
+    const PlainExtraction plain(image, settings);
+    for (const int threads : {1, 3}) {
+        const ThreadsForNow now(threads);
+        PlateStarList stars;
+        std::int32_t count = -1;
+        ExtractionFacts facts;
+        ExtractStars(image, settings, stars, count, facts);
+        EXPECT_EQ(count, std::max<int>(static_cast<int>(plain.Stars.size()) - 1, 0));
+        EXPECT_EQ(facts.StarsFound, plain.Facts.StarsFound);
+        EXPECT_EQ(facts.BackgroundSigma, plain.Facts.BackgroundSigma);
+        EXPECT_EQ(facts.MaxFillDepth, plain.Facts.MaxFillDepth);
+        for (std::size_t i = 1; i < plain.Stars.size() && i < stars.size(); ++i) {
+            EXPECT_EQ(stars[i].X, plain.Stars[i].X) << i;
+            EXPECT_EQ(stars[i].Y, plain.Stars[i].Y) << i;
+            EXPECT_EQ(stars[i].Flux, plain.Stars[i].Flux) << i;
+        }
+    }
+    return plain.Facts.StarsFound;
+}
+
+PlateImage EmptyImage(int width, int height, int offset) {
+    PlateImage image;
+    image.Width = width;
+    image.Height = height;
+    image.DataOffset = offset;
+    image.Pixels = Image(width, height);
+    return image;
+}
+
+void AddStar(PlateImage& image, double x, double y, double flux, double sigma) {
+    const int reach = static_cast<int>(6 * sigma) + 1;
+    const int x0 = static_cast<int>(x);
+    const int y0 = static_cast<int>(y);
+    for (int i = std::max(x0 - reach, 0); i <= std::min(x0 + reach, image.Width - 1); ++i) {
+        for (int j = std::max(y0 - reach, 0); j <= std::min(y0 + reach, image.Height - 1); ++j) {
+            const double r2 = (i - x) * (i - x) + (j - y) * (j - y);
+            image.Pixels(i, j) += static_cast<std::int32_t>(std::lround(
+                flux / (6.2831853 * sigma * sigma) * std::exp(-r2 / 2 / sigma / sigma)));
+        }
+    }
+}
+
+// Stars of all sizes, touching ones and ones over the edge, single hot pixels, diagonal lines.
+PlateImage StarField(Random& random, int width, int height, int offset, double noise) {
+    PlateImage image = EmptyImage(width, height, offset);
+    for (int x = 0; x < width; ++x) {
+        for (int y = 0; y < height; ++y) {
+            image.Pixels(x, y) = static_cast<std::int32_t>(std::lround(100 + random.Normal(noise)));
+        }
+    }
+    for (int star = width * height / 150; star > 0; --star) {
+        AddStar(image, random.Between(-2, width + 2), random.Between(-2, height + 2),
+                std::pow(10, random.Between(2.5, 5)), random.Between(0.4, 2.5));
+    }
+    for (int line = 0; line < 4; ++line) {
+        const int x0 = random.Whole(0, width - 12);
+        const int y0 = random.Whole(0, height - 1);
+        for (int i = 0; i < random.Whole(1, 12); ++i) {
+            const int y = y0 + (line % 2 == 0 ? i : -i);
+            if (y >= 0 && y < height) image.Pixels(x0 + i, y) = 3000;
+        }
+    }
+    return image;
+}
+
+TEST(ExtractStars, IsThePlainProcedureOnRandomFields) {
+    Random random(13);
+    int stars = 0;
+    for (int trial = 0; trial < 60; ++trial) {
+        // Every third field stands on an offset that carries the sums beyond 2^53.
+        const int offset = trial % 3 == 0 ? 2000000000 : trial % 3 == 1 ? 0 : 32768;
+        const PlateImage image = StarField(random, random.Whole(20, 220), random.Whole(20, 160),
+                                           offset, trial % 5 == 0 ? 0 : random.Between(0.3, 8));
+        DetectionSettings settings;
+        settings.DetectionThreshold = random.Between(2, 8);
+        settings.EdgeExclusion = trial % 4 == 0 ? 0 : random.Between(0, 0.2);
+        settings.MinStarSize = static_cast<std::int16_t>(random.Whole(0, 6));
+        settings.MaxStarSize = random.Between(0.5, 6);
+        stars += ExpectSameExtraction(image, settings);
+        ASSERT_FALSE(HasFailure()) << "trial " << trial;
+    }
+    EXPECT_GT(stars, 800) << "the fields are too empty to prove anything";
+}
+
+TEST(ExtractStars, CutsAFillOffAtAThousandLevels) {
+    Random random(14);
+    PlateImage image = EmptyImage(2600, 60, 0);
+    for (int x = 0; x < 2600; ++x) {
+        image.Pixels(x, 5) = 5000;                           // a bar
+        image.Pixels(x, 20 + std::abs(x % 40 - 20)) = 5000;  // a zigzag of diagonal joins
+        if (x % 4 < 3) image.Pixels(x, 45) = 4000;           // short bars
+        if (x % 2 == 0) {                                    // a snake: up, over, down, over
+            for (int y = 50; y < 58; ++y) image.Pixels(x, y) = 4000;
+        } else {
+            image.Pixels(x, x % 4 == 1 ? 50 : 57) = 4000;
+        }
+    }
+    DetectionSettings settings{.DetectionThreshold = 1, .MaxStarSize = 50};
+    EXPECT_GT(ExpectSameExtraction(image, settings), 600);
+    const PlainExtraction plain(image, settings);
+    EXPECT_EQ(plain.Facts.MaxFillDepth, 1001);
+}
+
+TEST(ExtractStars, HostileSettingsAndSizesDoNoHarm) {
+    Random random(15);
+    const PlateImage image = StarField(random, 90, 70, 50, 4);
+    const double nan = std::nan("");
+    for (const double odd : {-1.0, -1e300, nan, 1e300, 0.0, 0.5, 0.51}) {
+        ExpectSameExtraction(image, {.DetectionThreshold = odd});
+        ExpectSameExtraction(image, {.MaxStarSize = odd});
+        PlateStarList stars;
+        std::int32_t count = -1;
+        ExtractionFacts facts;
+        ExtractStars(image, {.EdgeExclusion = odd}, stars, count, facts);
+        EXPECT_TRUE(count >= 0 && count <= MaxExtractedStars);
+        EXPECT_GE(facts.StarsFound, count);
+    }
+    ExpectSameExtraction(image, {.MinStarSize = -32768});
+    ExpectSameExtraction(image, {.MinStarSize = 32767});
+    EXPECT_EQ(ExpectSameExtraction(EmptyImage(19, 500, 0), {}), 0);
+    EXPECT_EQ(ExpectSameExtraction(EmptyImage(40, 40, 7), {}), 0) << "no pixel is above a flat sky";
+}
+
+TEST(ExtractStars, CentroidsAreWithinATwentiethOfAPixel) {
+    Random random(16);
+    PlateImage image = EmptyImage(300, 300, 1000);
+    std::vector<std::pair<double, double>> places;
+    for (int i = 0; i < 36; ++i) {
+        places.emplace_back(40 + i % 6 * 45 + random.Between(-9, 9),
+                            40 + i / 6 * 45 + random.Between(-9, 9));
+        AddStar(image, places[i].first, places[i].second, 40000 - 500 * i, 1.6);
+    }
+    for (int x = 0; x < 300; ++x) {
+        for (int y = 0; y < 300; ++y) {
+            image.Pixels(x, y) += static_cast<std::int32_t>(std::lround(random.Normal(10)));
+        }
+    }
+    PlateStarList stars;
+    std::int32_t count = 0;
+    ExtractionFacts facts;
+    ExtractStars(image, {}, stars, count, facts);
+    ASSERT_EQ(count, 36);
+    for (const auto& [x, y] : places) {
+        double nearest = 1e9;
+        for (int i = 1; i <= count; ++i) {
+            nearest = std::min(nearest, std::hypot(static_cast<double>(stars[i].X) - x,
+                                                   static_cast<double>(stars[i].Y) - y));
+        }
+        EXPECT_LT(nearest, 0.05);
+    }
+}
+
+}  // namespace
+}  // namespace vestrel
