@@ -27,11 +27,11 @@ struct CachedCell {
     double Radius = 0;
 };
 
-/// At most 999 cells and, between regions, about 5 million stars; the cells that have gone unused
+/// At most `MaxCells` cells and, between regions, `MaxStars` stars; the cells that have gone unused
 /// for longest leave first.
 struct CatalogCache {
-    static constexpr std::size_t MaxCells = 999;
-    static constexpr std::int64_t MaxStars = 5'000'000;
+    std::size_t MaxCells = 999;
+    std::int64_t MaxStars = 5'000'000;
 
     std::filesystem::path Folder;  ///< where the cell files are
     std::vector<CachedCell> Cells;

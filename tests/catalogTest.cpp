@@ -1,0 +1,359 @@
+// The cell grid, the cache and the region queries against plain loops.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <map>
+#include <set>
+
+#include "catalog/libCatalogRegion.h"
+#include "tests/testSupport.h"
+
+namespace vestrel {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string PlainCellName(double ra, double dec) {
+    const double sign = dec >= 0 ? 1 : -1;
+    const double a = sign * dec * 57.2957795131;
+    double r = ra * 57.2957795131;
+    const int zone = a >= 90 ? 35 : static_cast<int>(std::floor(a / 2.5));
+    const double width = zone <= 11   ? 4
+                         : zone <= 19 ? 5
+                         : zone <= 23 ? 6
+                         : zone <= 27 ? 8
+                         : zone <= 31 ? 12
+                         : zone <= 34 ? 20
+                                      : 360;
+    if (r < 0) {
+        r += 360;
+    } else if (r > 360) {
+        r -= 360;
+    }
+    const auto twoDigits = [](long long value) {
+        const std::string text = std::to_string(value);
+        return text.size() < 2 ? "0" + text : text;
+    };
+    return (sign > 0 ? "N" : "S") + twoDigits(zone) + "R" +
+           twoDigits(static_cast<long long>(std::floor(r / width)));
+}
+
+TEST(CellName, KeepsToItsTable) {
+    const double degree = 1 / 57.2957795131;
+    EXPECT_EQ(CellName(0, 0), "N00R00");
+    EXPECT_EQ(CellName(0, -0.1 * degree), "S00R00");
+    EXPECT_EQ(CellName(50 * degree, 14 * degree), "N05R12");
+    EXPECT_EQ(CellName(-1e-9, 0.1), "N02R89");
+    EXPECT_EQ(CellName(359.9 * degree, -89 * degree), "S35R00");
+    EXPECT_EQ(CellName(1, 90 * degree), "N35R00");
+    EXPECT_EQ(CellName(1, 1.7), "N35R00");
+    Random random(21);
+    for (int trial = 0; trial < 20000; ++trial) {
+        const double ra = random.Between(-6, 12);
+        const double dec = random.Between(-1.9, 1.9);
+        ASSERT_EQ(CellName(ra, dec), PlainCellName(ra, dec)) << ra << ' ' << dec;
+    }
+}
+
+TEST(CellName, GridHoldsEveryPlaceOnceAndAnEvenSpread) {
+    const std::vector<std::string> names = AllCellNames();
+    const std::set<std::string> known(names.begin(), names.end());
+    EXPECT_EQ(names.size(), 2U * (12 * 90 + 8 * 72 + 4 * 60 + 4 * 45 + 4 * 30 + 3 * 18 + 1));
+    EXPECT_EQ(known.size(), names.size());
+    std::set<std::string> hit;
+    for (int zone = 0; zone < ZonesPerHemisphere; ++zone) {
+        for (int slice = 0; slice < SlicesInZone(zone); ++slice) {
+            for (const double sign : {1.0, -1.0}) {
+                hit.insert(CellName((slice + 0.5) * SliceWidth(zone) / 57.2957795131,
+                                    sign * (zone + 0.5) * 2.5 / 57.2957795131));
+            }
+        }
+    }
+    EXPECT_EQ(hit, known);
+    for (const char* text : {"N00R90", "N35R01", "N36R00", "n00R00", "N0R000", "N00R00 ", "X00R00",
+                             "N00R-1", "N00R0", ""}) {
+        EXPECT_FALSE(IsCellName(text)) << text;
+    }
+    EXPECT_TRUE(std::all_of(names.begin(), names.end(), IsCellName));
+}
+
+// A catalog in memory, and the cache and the queries as plain loops over it.
+struct PlainCatalog {
+    struct Entry {
+        std::string Name;
+        std::vector<CatalogStar> Stars;
+        bool InUse = false;
+        int Age = 0;
+    };
+    std::map<std::string, std::vector<CatalogStar>> Files;
+    std::vector<Entry> Cells;
+    std::int64_t CachedStars = 0;
+    std::size_t MaxCells = 999;
+    std::int64_t MaxStars = 5000000;
+
+    std::size_t Oldest() const {
+        std::size_t oldest = 0;
+        int age = 0;
+        for (std::size_t i = 0; i < Cells.size(); ++i) {
+            if (Cells[i].Age > age) {
+                age = Cells[i].Age;
+                oldest = i;
+            }
+        }
+        return oldest;
+    }
+
+    void LoadCell(const std::string& name) {
+        for (Entry& entry : Cells) {
+            if (entry.Name != name) continue;
+            entry.InUse = true;
+            entry.Age = 0;
+            return;
+        }
+        std::size_t place = Cells.size();
+        if (Cells.size() >= MaxCells || CachedStars >= MaxStars) {
+            place = Oldest();
+            CachedStars -= static_cast<std::int64_t>(Cells[place].Stars.size());
+        } else {
+            Cells.emplace_back();
+        }
+        Cells[place] = {name, Files[name], true, 1};
+        CachedStars += static_cast<std::int64_t>(Cells[place].Stars.size());
+    }
+
+    void LoadRegion(double ra0, double dec0, double radius) {
+        for (Entry& entry : Cells) {
+            entry.InUse = false;
+            ++entry.Age;
+        }
+        const double q =
+            std::abs(dec0) * (180 / 3.141592654) < 80 ? radius / std::cos(dec0) : 6.283185308;
+        for (int i = -30; i <= 30; ++i) {
+            for (int j = -5; j <= 5; ++j) {
+                LoadCell(PlainCellName(i * q / 30 + ra0, j * radius / 5 + dec0));
+            }
+        }
+        if (CachedStars <= MaxStars) return;
+        while (CachedStars >= MaxStars + 1) {
+            const std::size_t oldest = Oldest();
+            CachedStars -= static_cast<std::int64_t>(Cells[oldest].Stars.size());
+            Cells.erase(Cells.begin() + static_cast<std::ptrdiff_t>(oldest));
+        }
+    }
+
+    static void Sort(PlateStarList& list, int n) {
+        for (int gap = n / 2; gap != 0; gap = static_cast<int>(gap / 1.3)) {
+            for (int i = gap + 1; i <= n; ++i) {
+                if (list[i - gap].Flux > list[i].Flux) {
+                    std::swap(list[i - gap], list[i]);
+                    if (gap == 1 && i - gap > 1) i -= 2;
+                }
+            }
+        }
+    }
+
+    PlateStarList Query(const Projection& plane, double limit2, double magLimit, bool field) const {
+        PlateStarList list(1);
+        for (const Entry& entry : Cells) {
+            if (field && !entry.InUse) continue;
+            for (const CatalogStar& star : entry.Stars) {
+                const double magnitude = star.Mag / 100.0;
+                if (field ? !(magnitude <= magLimit) : !(magnitude < magLimit)) continue;
+                const auto ra = static_cast<double>(star.Ra);
+                const auto dec = static_cast<double>(star.Dec);
+                double xi = 0;
+                double eta = 0;
+                const double cosine = plane.SkyToPlane(ra, dec, xi, eta);
+                const bool near = field ? std::sqrt(xi * xi + eta * eta) <= limit2 && cosine >= 0
+                                        : xi * xi + eta * eta <= limit2;
+                if (list.size() <= (field ? 1000U : 10000U) && near) {
+                    list.push_back({static_cast<float>(xi), static_cast<float>(eta),
+                                    static_cast<float>(magnitude), ra, dec});
+                }
+            }
+        }
+        Sort(list, static_cast<int>(list.size()) - 1);
+        return list;
+    }
+};
+
+void WriteCells(const fs::path& folder, const PlainCatalog& plain) {
+    for (const auto& [name, stars] : plain.Files) {
+        std::string bytes;
+        for (const CatalogStar& star : stars) {
+            char record[CatalogRecordBytes];  // little-endian, as this machine is
+            std::memcpy(record, &star.Ra, 4);
+            std::memcpy(record + 4, &star.Dec, 4);
+            std::memcpy(record + 8, &star.Mag, 2);
+            bytes.append(record, sizeof record);
+        }
+        bytes.append(name.back() % 10, '!');  // a tail that makes no record
+        WriteFile(folder / name, bytes);
+    }
+}
+
+void AddStar(PlainCatalog& plain, double ra, double dec, double magnitude) {
+    plain.Files[PlainCellName(ra, dec)].push_back(
+        {static_cast<float>(ra), static_cast<float>(dec),
+         static_cast<std::int16_t>(std::lround(magnitude * 100))});
+}
+
+void ExpectSameList(const PlateStarList& stars, std::int32_t count, const PlateStarList& plain) {
+    ASSERT_EQ(count + 1U, plain.size());
+    for (std::size_t i = 1; i < plain.size(); ++i) {
+        const PlateStar& one = stars[i];
+        const PlateStar& other = plain[i];
+        ASSERT_TRUE(one.X == other.X && one.Y == other.Y && one.Flux == other.Flux &&
+                    one.Ra == other.Ra && one.Dec == other.Dec)
+            << "star " << i << " of " << count;
+    }
+}
+
+// Loads and queries one region both ways, with the plane `away` from the region's centre.
+void ExpectSameRegion(CatalogCache& cache, PlainCatalog& plain, double ra0, double dec0,
+                      double radius, double magLimit, double away = 0) {
+    Projection plane;
+    plane.SetProjectionCentre(ra0 + away, dec0 * (1 - away), 206264.81 * (1 - away));
+    PlateStarList stars;
+    std::int32_t count = -1;
+    RegionStars(cache, plane, ra0, dec0, radius, magLimit, stars, count);
+    plain.LoadRegion(ra0, dec0, radius);
+    ASSERT_EQ(cache.Cells.size(), plain.Cells.size());
+    ASSERT_EQ(cache.CachedStars, plain.CachedStars);
+    for (std::size_t i = 0; i < plain.Cells.size(); ++i) {
+        ASSERT_EQ(cache.Cells[i].CellName, plain.Cells[i].Name) << i;
+        ASSERT_EQ(cache.Cells[i].Age, plain.Cells[i].Age) << plain.Cells[i].Name;
+        ASSERT_EQ(cache.Cells[i].InUse, plain.Cells[i].InUse) << plain.Cells[i].Name;
+    }
+    const double limit = radius * 206264.81;
+    ExpectSameList(stars, count, plain.Query(plane, limit * limit, magLimit, false));
+    Projection fieldPlane;
+    FieldStars(cache, fieldPlane, ra0, dec0, radius, magLimit, stars, count);
+    EXPECT_EQ(fieldPlane.ProjectionScale, 206264.8062);
+    ExpectSameList(stars, count, plain.Query(fieldPlane, radius * 206264.8062, magLimit, true));
+}
+
+// Stars all over the sky, denser near the places that are searched; magnitudes with many ties.
+PlainCatalog RandomCatalog(Random& random, int stars) {
+    PlainCatalog plain;
+    for (int i = 0; i < stars; ++i) {
+        double ra = random.Between(0, 6.2831);
+        double dec = std::asin(random.Between(-1, 1));
+        if (i % 4 == 1) ra = std::fmod(random.Between(6.2, 6.4), 6.2831853);
+        if (i % 4 == 2) dec = std::copysign(random.Between(1.5, 1.5707), random.Between(-1, 1));
+        if (i % 4 != 0 && i % 4 != 2) dec = random.Between(-0.1, 0.1);
+        AddStar(plain, ra, dec, random.Whole(-15, 150) / 10.0);
+    }
+    for (auto& [name, list] : plain.Files) {
+        if (random.Whole(0, 2) == 0) {
+            std::sort(list.begin(), list.end(),
+                      [](const CatalogStar& a, const CatalogStar& b) { return a.Mag < b.Mag; });
+        }
+        if (random.Whole(0, 9) == 0) list.front().Ra = std::nanf("");
+        if (random.Whole(0, 9) == 0) list.back().Dec = std::numeric_limits<float>::infinity();
+    }
+    return plain;
+}
+
+TEST(Region, CacheAndStarsAreThoseOfThePlainLoops) {
+    Random random(22);
+    PlainCatalog plain = RandomCatalog(random, 60000);
+    const TemporaryFolder folder;
+    WriteCells(folder.Path, plain);
+    for (const bool tight : {false, true}) {
+        CatalogCache cache;
+        cache.Folder = folder.Path;
+        plain.Cells.clear();
+        plain.CachedStars = 0;
+        if (tight) {
+            cache.MaxCells = plain.MaxCells = 70;
+            cache.MaxStars = plain.MaxStars = 3000;
+        }
+        double ra0 = 0;
+        double dec0 = 0;
+        for (int trial = 0; trial < 120; ++trial) {
+            const double radius = std::pow(10, random.Between(-3, -0.4));
+            if (trial % 6 == 5) {  // the antipode of the region before
+                ra0 = ra0 > 3.1415 ? ra0 - 3.141592654 : ra0 + 3.141592654;
+                dec0 = -dec0;
+            } else {
+                ra0 = trial % 3 == 0 ? random.Between(0, 0.01) : random.Between(0, 6.28);
+                dec0 = trial % 5 == 1   ? random.Between(1.38, 1.5707963)
+                       : trial % 5 == 2 ? random.Between(-1.5707963, -1.38)
+                                        : random.Between(-0.1, 0.1);
+            }
+            SCOPED_TRACE("trial " + std::to_string(trial) + (tight ? ", tight" : ""));
+            const double magLimit = trial % 7 == 0 ? std::nan("") : random.Whole(-10, 170) / 10.0;
+            ExpectSameRegion(cache, plain, ra0, dec0, radius, magLimit, trial % 4 == 3 ? 0.4 : 0);
+            ASSERT_FALSE(HasFatalFailure());
+        }
+    }
+}
+
+TEST(Region, SurvivesMoreCellsThanTheCacheHolds) {
+    Random random(23);
+    PlainCatalog plain = RandomCatalog(random, 20000);
+    const TemporaryFolder folder;
+    WriteCells(folder.Path, plain);
+    CatalogCache cache;
+    cache.Folder = folder.Path;
+    for (int trial = 0; trial < 40; ++trial) {
+        ExpectSameRegion(cache, plain, trial % 8 * 0.75, trial / 8 * 0.5 - 1, 0.35, 12);
+        ASSERT_FALSE(HasFatalFailure()) << trial;
+    }
+    EXPECT_EQ(cache.Cells.size(), 999U);
+    EXPECT_TRUE(fs::exists(folder / "N00R00"));
+}
+
+TEST(Region, DropsTheStarsBeyondTheTenThousandth) {
+    Random random(24);
+    PlainCatalog plain;
+    for (int i = 0; i < 12000; ++i) {
+        AddStar(plain, random.Between(1, 1.02), random.Between(0.5, 0.52), random.Whole(5, 12));
+    }
+    const TemporaryFolder folder;
+    WriteCells(folder.Path, plain);
+    CatalogCache cache;
+    cache.Folder = folder.Path;
+    ExpectSameRegion(cache, plain, 1.01, 0.51, 0.1, 20);
+    ExpectSameRegion(cache, plain, 1.01, 0.51, 0.1, 12);  // a star of just the limit is left out
+    Projection plane;
+    plane.SetProjectionCentre(1.01, 0.51, 206264.81);
+    PlateStarList stars;
+    std::int32_t count = 0;
+    RegionStars(cache, plane, 1.01, 0.51, 0.1, 20, stars, count);
+    EXPECT_EQ(count, 10000);
+}
+
+TEST(Region, MissingFolderAndAbsurdPlacesGiveNoStars) {
+    const TemporaryFolder folder;
+    const double huge = 1e300;
+    const double nan = std::nan("");
+    for (const fs::path& path : {folder / "not there", fs::path(), folder / "file"}) {
+        WriteFile(folder / "file", "x");
+        CatalogCache cache;
+        cache.Folder = path;
+        for (const auto& [ra, dec, radius] : {std::tuple{0.0, 0.0, 0.1},
+                                              {nan, 0.0, 0.1},
+                                              {0.0, nan, 0.1},
+                                              {0.0, 0.0, nan},
+                                              {huge, 0.0, 0.1},
+                                              {0.0, -huge, 0.1},
+                                              {0.0, 0.0, huge},
+                                              {1.0, 1.0, -0.1}}) {
+            Projection plane;
+            plane.SetProjectionCentre(ra, dec, 206264.81);
+            PlateStarList stars;
+            std::int32_t count = -1;
+            RegionStars(cache, plane, ra, dec, radius, 20, stars, count);
+            EXPECT_EQ(count, 0);
+        }
+    }
+    EXPECT_FALSE(fs::exists(folder / "not there"));
+}
+
+}  // namespace
+}  // namespace vestrel
