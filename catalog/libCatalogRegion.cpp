@@ -23,16 +23,18 @@ void SortByMagnitude(PlateStarList& stars, std::int32_t count) {
     });
 }
 
-/// Whether no star of a cell can lie inside the region. On the orthographic plane stars near the
-/// opposite point fall inside too.
+/// Whether no star of a cell can lie within `limit` of the projection's centre on its plane. On the
+/// orthographic plane stars near the opposite point fall inside too.
 class RegionReach {
  public:
-    RegionReach(double ra0, double dec0, double radius)
-        : x_(std::cos(ra0) * std::cos(dec0)),
-          y_(std::sin(ra0) * std::cos(dec0)),
-          z_(std::sin(dec0)),
-          // Beyond this the region covers the plane. The margin outweighs all rounding.
-          reach_(radius < 0.99 ? std::asin(std::fabs(radius)) + 1e-4 : Pi) {}
+    RegionReach(const Projection& projection, double limit)
+        : x_(projection.CosCentreRa * projection.CosCentreDec),
+          y_(projection.SinCentreRa * projection.CosCentreDec),
+          z_(projection.SinCentreDec) {
+        const double sine = std::fabs(limit / projection.ProjectionScale);
+        // Beyond this the region covers the plane. The margin outweighs all rounding.
+        if (sine < 0.99) reach_ = std::asin(sine) + 1e-4;
+    }
 
     bool Excludes(const CachedCell& cell) const {
         const double cosine = x_ * cell.CentreX + y_ * cell.CentreY + z_ * cell.CentreZ;
@@ -45,7 +47,7 @@ class RegionReach {
     double x_;
     double y_;
     double z_;
-    double reach_;
+    double reach_ = Pi;  ///< radians
 };
 
 }  // namespace
@@ -56,7 +58,7 @@ void RegionStars(CatalogCache& cache, const Projection& projection, double ra0, 
     const double limit = radius * SolveArcsecondsPerRadian;
     const double limitSquared = limit * limit;
     cache.LoadRegion(ra0, dec0, radius);
-    const RegionReach reach(ra0, dec0, radius);
+    const RegionReach reach(projection, limit);
 
     stars.assign(1, PlateStar());
     count = 0;
