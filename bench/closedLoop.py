@@ -109,7 +109,7 @@ def run_frame(frame, options, folder, random_stars=None):
         render.append("--mirrored")
     if random_stars:
         render.append(f"--random-stars={random_stars}")
-    else:
+    elif not options.catalog_stars_only:
         render += [f"--faint-stars={faint_stars(frame)}", f"--faint-from={CATALOG_END}"]
     subprocess.run(render, check=True, stdout=subprocess.DEVNULL)
     truth = json.loads(path.with_suffix(".truth.json").read_text())
@@ -216,6 +216,8 @@ def main():
     parser.add_argument("--controls", type=int, default=20)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--regions", type=int, default=REGIONS)
+    parser.add_argument("--catalog-stars-only", action="store_true",
+                        help="draw no stars beyond the end of the catalog")
     parser.add_argument("--keep", type=pathlib.Path, help="folder that keeps the frames")
     parser.add_argument("--facts", type=pathlib.Path, help="write all facts here, as JSON")
     options = parser.parse_args()

@@ -149,9 +149,9 @@ TEST_F(ClosedLoop, SolutionsAreTheTruthInEveryFormatAndAttitude) {
 
 TEST_F(ClosedLoop, FramesWithoutASolutionGetNone) {
     const FrameGeometry geometry = FrameAt(ordinary);
+    std::uint64_t seed = 100;
     for (const int bitPix : {8, 16, -32}) {
-        const auto strangers = RandomFrameStars(geometry, 120, 6, FaintestDrawn(),
-                                                static_cast<std::uint64_t>(bitPix + 100));
+        const auto strangers = RandomFrameStars(geometry, 120, 6, FaintestDrawn(), ++seed);
         const auto outcome = Solve(geometry, ExposureFor(bitPix), strangers, bitPix);
         EXPECT_EQ(outcome.Result.Code, SolveCode::NoMatch);
         EXPECT_FALSE(State.Image.Header.PlateMatched);
@@ -214,9 +214,10 @@ TEST(Renderer, LightAndNoiseFollowTheLawsOfACameraOnAnyNumberOfThreads) {
     double skySum = 0;
     double skySquares = 0;
     double skyCount = 0;
+    auto pixel = frame.Pixels.begin();
     for (int y = 0; y < frameHeight; ++y) {
         for (int x = 0; x < frameWidth; ++x) {
-            const double counts = frame.Pixels[static_cast<std::size_t>(y * frameWidth + x)];
+            const double counts = *pixel++;
             if (std::hypot(x - place.X, y - place.Y) < 40) {
                 light += (counts - 400) * exposure.Gain;
             } else {

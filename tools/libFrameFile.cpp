@@ -12,7 +12,7 @@ namespace {
 constexpr std::size_t blockBytes = 2880;
 
 /// Keyword, value from column 11 on, comment.
-std::string Card(std::string_view keyword, std::string value, std::string_view comment) {
+std::string Card(std::string_view keyword, const std::string& value, std::string_view comment) {
     constexpr std::size_t cardBytes = 80;
     std::string card(keyword);
     card.resize(8, ' ');

@@ -137,7 +137,7 @@ class ExpectedLight {
 
         // Light below a hundredth of the noise cannot be told from none.
         const double faintest = SkySigma(exposure) / 100;
-        bands_.resize(static_cast<std::size_t>((geometry.Height - 1) / bandRows + 1));
+        bands_.resize(static_cast<std::size_t>(geometry.Height - 1) / bandRows + 1);
         for (std::size_t i = 0; i < stars.size(); ++i) {
             const double electrons = Electrons(exposure, stars[i].Sky.Mag);
             const double reach = std::min(profile_.ReachOf(faintest / electrons),
