@@ -1,0 +1,388 @@
+// The solve driver on a small sky of its own.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <set>
+
+#include "astro/libConversions.h"
+#include "astro/libMath.h"
+#include "astro/libStrings.h"
+#include "catalog/libCatalogCells.h"
+#include "matching/mPlateMatch.h"
+#include "tests/testSupport.h"
+
+namespace vestrel {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+constexpr double arcsecond = 1 / SolveArcsecondsPerRadian;
+constexpr int imageWidth = 300;
+constexpr int imageHeight = 240;
+constexpr double pixelScale = 2;  // arcseconds
+constexpr double plateWidth = imageWidth * pixelScale * arcsecond;
+constexpr double plateHeight = imageHeight * pixelScale * arcsecond;
+// One step of the spiral, arcseconds.
+constexpr double spiralStep = imageHeight * pixelScale / 2.5;
+constexpr SkyPosition skyCentre{1.3, 0.4};
+
+// The cells in their order, the starting one first.
+const std::vector<std::pair<int, int>> spiral = {{0, 0},  {1, 0},  {1, -1}, {0, -1}, {-1, -1},
+                                                 {-1, 0}, {-1, 1}, {0, 1},  {1, 1},  {2, 1},
+                                                 {2, 0},  {2, -1}, {2, -2}, {1, -2}};
+
+// Some 1,250 stars of magnitude 9 to 16 on 50' by 50', as catalog cells in a folder.
+class SmallSky {
+ public:
+    SmallSky() {
+        Random random(41);
+        Projection plane;
+        plane.SetProjectionCentre(skyCentre.Ra, skyCentre.Dec, SolveArcsecondsPerRadian);
+        std::map<std::string, std::string> cells;
+        for (int i = 0; i < 1250; ++i) {
+            double ra = 0;
+            double dec = 0;
+            plane.PlaneToSky(random.Between(-1500, 1500), random.Between(-1500, 1500), ra, dec);
+            const CatalogStar star{
+                static_cast<float>(ra), static_cast<float>(dec),
+                static_cast<std::int16_t>(1600 - 700 * std::pow(random.Between(0, 1), 2))};
+            Stars.push_back(star);
+            for (const unsigned char byte : EncodeCatalogStar(star)) {
+                cells[CellName(ra, dec)] += static_cast<char>(byte);
+            }
+        }
+        for (const auto& [name, bytes] : cells) WriteFile(Folder / name, bytes);
+    }
+
+    TemporaryFolder Folder;
+    std::vector<CatalogStar> Stars;
+};
+
+const SmallSky& Sky() {
+    static const SmallSky sky;
+    return sky;
+}
+
+// A camera at work: a program state with one image of the sky in it.
+struct Observation {
+    ProgramState State;
+    RecordingPort Port{State};
+    double Ra = skyCentre.Ra;
+    double Dec = skyCentre.Dec;
+    SkyPosition True;  ///< of the image centre
+
+    /// The image centre lies (xi, eta) arcseconds from the middle of the sky. No more than `most`
+    /// stars, the brightest, are drawn.
+    Observation(double xi, double eta, std::size_t most = 100000, bool mirrored = false) {
+        Projection plane;
+        plane.SetProjectionCentre(skyCentre.Ra, skyCentre.Dec, SolveArcsecondsPerRadian);
+        plane.PlaneToSky(xi, eta, True.Ra, True.Dec);
+        State.Catalog.Folder = Sky().Folder.Path;
+        State.ImageLoaded = true;
+        PlateImage& image = State.Image;
+        image.Width = imageWidth;
+        image.Height = imageHeight;
+        image.DataOffset = 200;
+        image.Pixels = Grid<std::int32_t>(imageWidth, imageHeight);
+
+        plane.SetProjectionCentre(True.Ra, True.Dec, SolveArcsecondsPerRadian);
+        struct Spot {
+            double X;
+            double Y;
+            double Flux;
+        };
+        std::vector<Spot> spots;
+        for (const CatalogStar& star : Sky().Stars) {
+            double u = 0;
+            double v = 0;
+            plane.SkyToPlane(static_cast<double>(star.Ra), static_cast<double>(star.Dec), u, v);
+            u /= pixelScale;
+            v /= mirrored ? -pixelScale : pixelScale;
+            const Spot spot{(imageWidth - 1) / 2.0 + u * std::cos(0.6) - v * std::sin(0.6),
+                            (imageHeight - 1) / 2.0 + u * std::sin(0.6) + v * std::cos(0.6),
+                            std::pow(10, 0.4 * (22 - star.Mag / 100.0))};
+            if (std::abs(spot.X - 150) < 140 && std::abs(spot.Y - 120) < 110) spots.push_back(spot);
+        }
+        std::sort(spots.begin(), spots.end(),
+                  [](const Spot& one, const Spot& other) { return one.Flux > other.Flux; });
+        if (spots.size() > most) spots.resize(most);
+        Random random(42);
+        for (int x = 0; x < imageWidth; ++x) {
+            for (int y = 0; y < imageHeight; ++y) {
+                double value = 900 + 0.5 * x - 0.3 * y + random.Normal(2);
+                for (const Spot& spot : spots) {
+                    const double r2 = (x - spot.X) * (x - spot.X) + (y - spot.Y) * (y - spot.Y);
+                    if (r2 < 80) value += spot.Flux / (2 * Pi * 1.69) * std::exp(-r2 / 2 / 1.69);
+                }
+                image.Pixels(x, y) = static_cast<std::int32_t>(std::min(value, 65535.0)) - 200;
+            }
+        }
+    }
+
+    int Solve(int regionLimit) {
+        Port.Statuses.clear();
+        return SolvePlate(State, Port, Ra, Dec, plateWidth, plateHeight, regionLimit, 2);
+    }
+};
+
+Texts SpiralTexts(std::size_t count) {
+    Texts texts;
+    for (std::size_t k = 0; k < count; ++k) {
+        texts.push_back("Spiral search " + std::to_string(k + 1) + " [" +
+                        std::to_string(spiral[k].first) + "," + std::to_string(spiral[k].second) +
+                        "]");
+    }
+    return texts;
+}
+
+Texts Joined(const std::vector<Texts>& parts) {
+    Texts all;
+    for (const Texts& part : parts) all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
+const Texts background = {"Estimating Background", "Subtracting Background"};
+const Texts attempt = {"Extracting Stars", "Attempting Match"};
+
+TEST(Spiral, WalksEveryCellOnceRingByRing) {
+    std::int16_t i = 0;
+    std::int16_t j = 0;
+    std::int16_t ring = 0;
+    std::set<std::pair<int, int>> seen = {{0, 0}};
+    for (std::size_t k = 1; k < 81 * 81; ++k) {
+        NextSpiralCell(i, j, ring);
+        if (k < spiral.size()) EXPECT_EQ(std::pair<int>(i, j), (std::pair<int, int>(spiral[k])));
+        EXPECT_TRUE(seen.insert({i, j}).second);
+        const auto side = static_cast<int>(std::ceil((std::sqrt(k + 1.0) - 1) / 2));
+        ASSERT_EQ(std::max(std::abs(i), std::abs(j)), side) << k;
+        ASSERT_EQ(ring, side);
+    }
+}
+
+TEST(SolvePlate, StoresWhatItFoundAndShowsIt) {
+    for (const bool mirrored : {false, true}) {
+        Observation seen(30, -50, 100000, mirrored);
+        ASSERT_EQ(seen.Solve(1), SolveCode::Solved);
+        const ProgramState& state = seen.State;
+        const PlateSolution& found = state.Solution;
+        EXPECT_EQ(seen.Port.Statuses, Joined({background, attempt, {"Plate Match Found"}}));
+        EXPECT_EQ(state.Display.Status.Colour, StatusColour::Green);
+        EXPECT_EQ(state.Display.Status1.Text, "Searched 1 region");
+        EXPECT_TRUE(state.Display.Status1.Visible);
+        EXPECT_TRUE(state.Display.SyncEnabled);
+        EXPECT_FALSE(state.Display.BusyIndicator);
+
+        EXPECT_NEAR((seen.Ra - seen.True.Ra) * std::cos(seen.Dec), 0, 0.2 * arcsecond);
+        EXPECT_NEAR(seen.Dec, seen.True.Dec, 0.2 * arcsecond);
+        EXPECT_EQ(found.CentreRA, seen.Ra);
+        EXPECT_EQ(state.SolvedCentre.Dec, seen.Dec);
+        EXPECT_EQ(found.TangentRA, skyCentre.Ra);
+        EXPECT_NEAR(found.Scale, 1 / pixelScale, 1e-4);
+        EXPECT_NEAR(found.Stretch, mirrored ? -1 : 1, 1e-3);
+        EXPECT_NEAR(found.Skew, 0, 1e-3);
+        EXPECT_NEAR(std::remainder(found.Angle - (mirrored ? -0.6 : 0.6), Pi), 0, 1.2 + 1e-3);
+        EXPECT_LT(found.Rms, 0.2);
+        EXPECT_GE(found.MatchedCount, 25);
+        EXPECT_EQ(found.ExtractedCount, state.Extraction.StarsFound);
+        EXPECT_EQ(found.RegionsSearched, 1);
+        EXPECT_NEAR(found.MagnitudeZeroPoint, -22, 0.2);
+        EXPECT_TRUE(state.ZeroPointValid);
+        EXPECT_EQ(state.MagnitudeZeroPoint, found.MagnitudeZeroPoint);
+        EXPECT_EQ(state.CatalogStarCount, found.CatalogCount);
+
+        // The header's solution takes every matched star to the place where it was seen.
+        const ImageHeader& header = state.Image.Header;
+        EXPECT_TRUE(header.PlateMatched);
+        EXPECT_EQ(header.PlateScale, 206264.81);
+        EXPECT_NEAR(header.ImageSizeX, 10, 0.01);
+        EXPECT_NEAR(header.ImageSizeY, 8, 0.01);
+        Projection plane;
+        plane.SetProjectionCentre(header.RaRef, header.DecRef, header.PlateScale);
+        std::size_t position = 0;
+        for (int k = 1; k <= found.PairCount; ++k) {
+            if (!found.Pairs[k].InUse) continue;
+            const SkyPosition& place = state.MatchedPositions.at(position++);
+            double xi = 0;
+            double eta = 0;
+            plane.SkyToPlane(place.Ra, place.Dec, xi, eta);
+            const PlateStar& star = state.PlateStars[found.Pairs[k].Star2];
+            const auto& t = header.PlateTransform;
+            EXPECT_NEAR(t[0][0] * xi + t[0][1] * eta + t[0][2], static_cast<double>(star.X), 1);
+            EXPECT_NEAR(t[1][0] * xi + t[1][1] * eta + t[1][2], static_cast<double>(star.Y), 1);
+        }
+        EXPECT_EQ(position, state.MatchedPositions.size());
+        EXPECT_EQ(static_cast<int>(position), found.MatchedCount);
+
+        const SolveDisplay& display = state.Display;
+        EXPECT_EQ(display.Extracted, std::to_string(state.Extraction.StarsFound));
+        EXPECT_EQ(display.FoundInCatalog, std::to_string(found.CatalogCount));
+        EXPECT_EQ(display.Matched, std::to_string(found.MatchedCount));
+        EXPECT_EQ(display.RmsDifference, RoundedText(found.Rms / found.Scale, 3) + "\"");
+        EXPECT_EQ(display.CentreCaption, "J2000 Image Center");
+        EXPECT_EQ(display.CentreRA, FormatRA(seen.Ra, true, 2));
+        EXPECT_EQ(display.CentreDec, FormatDec(seen.Dec, true, 1));
+    }
+}
+
+TEST(SolvePlate, LimitCountsRegionsAndDiscardsTheMatchBeyondIt) {
+    // The image lies so that the ninth region, cell (1, 1), is the first one near enough.
+    const double place = 2.75 * spiralStep;
+    const auto solve = [&](Observation& seen, int limit) { return seen.Solve(limit); };
+    Observation ninth(place, place);
+    ASSERT_EQ(solve(ninth, 9), SolveCode::Solved);
+    EXPECT_EQ(ninth.Port.Statuses,
+              Joined({background, attempt, SpiralTexts(8), {"Plate Match Found"}}));
+    EXPECT_EQ(ninth.State.Display.Status1.Text, "Searched 9 regions");
+    EXPECT_NEAR(ninth.Dec, ninth.True.Dec, 0.5 * arcsecond);
+    Projection plane;
+    plane.SetProjectionCentre(skyCentre.Ra, skyCentre.Dec, SolveArcsecondsPerRadian);
+    double ra = 0;
+    double dec = 0;
+    plane.PlaneToSky(spiralStep, spiralStep, ra, dec);
+    EXPECT_NEAR(ninth.State.Solution.TangentRA, ra, 1e-12);
+    EXPECT_NEAR(ninth.State.Image.Header.DecRef, dec, 1e-12);
+
+    Observation eighth(place, place);
+    eighth.State.Image.Header.PlateMatched = true;
+    EXPECT_EQ(solve(eighth, 8), SolveCode::NoMatch);
+    EXPECT_EQ(eighth.Port.Statuses,
+              Joined({background, attempt, SpiralTexts(8), {"No Match Found"}}));
+    EXPECT_EQ(eighth.State.Report.RegionsTried, 9);
+    EXPECT_TRUE(eighth.State.Image.Header.PlateMatched) << "the header is left as it was";
+    EXPECT_EQ(eighth.Ra, skyCentre.Ra);
+    EXPECT_EQ(eighth.State.CatalogStarCount, 0);
+
+    for (const int limit : {-5, 0, 1}) {
+        Observation beside(3 * spiralStep, 0);  // within reach of cell (1, 0) alone
+        EXPECT_EQ(solve(beside, limit), SolveCode::NoMatch);
+        EXPECT_EQ(beside.State.Report.RegionsTried, 2);
+        Observation there(0, 0);
+        EXPECT_EQ(solve(there, limit), SolveCode::Solved);
+    }
+    Observation beside(3 * spiralStep, 0);
+    EXPECT_EQ(solve(beside, 2), SolveCode::Solved);
+    EXPECT_EQ(beside.State.Display.Status1.Text, "Searched 2 regions");
+}
+
+TEST(SolvePlate, StopIsSeenBetweenRegionsOnly) {
+    Observation away(3 * spiralStep, 0);
+    away.State.Image.Header.PlateMatched = true;
+    away.State.StopRequested = true;  // of an earlier solve
+    away.Port.StopAtYield = 1;
+    EXPECT_EQ(away.Solve(100), SolveCode::Stopped);
+    EXPECT_EQ(away.Port.Statuses, Joined({background, attempt, {"Search Terminated"}}));
+    EXPECT_EQ(away.State.Display.Status.Colour, StatusColour::Red);
+    EXPECT_EQ(away.State.Report.RegionsTried, 1);
+    EXPECT_FALSE(away.State.Image.Header.PlateMatched);
+    away.Port.StopAtYield = -1;
+    EXPECT_EQ(away.Solve(2), SolveCode::Solved) << "a new solve forgets the stop";
+
+    Observation there(0, 0);
+    there.Port.StopAtYield = 1;
+    EXPECT_EQ(there.Solve(100), SolveCode::Solved) << "a match is not thrown away";
+}
+
+TEST(SolvePlate, SmoothsOnceWhenStarsAreFewAndGivesUpBelowSix) {
+    const Texts smoothed = {"Extracting Stars", "Gaussian Filter", "Extracting Stars"};
+    Observation five(0, 0, 5);
+    five.State.Display.BusyIndicator = true;
+    five.State.PlateStarCount = 77;
+    EXPECT_EQ(five.Solve(9), SolveCode::TooFewStars);
+    EXPECT_EQ(five.Port.Statuses, Joined({background, smoothed, {"Extracted 5 Stars"}}));
+    EXPECT_EQ(five.State.Display.Status1.Text, "Insufficient Plate Stars");
+    EXPECT_EQ(five.State.Display.Status1.Colour, StatusColour::Red);
+    EXPECT_EQ(five.State.Display.Status.Colour, StatusColour::Red);
+    EXPECT_FALSE(five.State.Display.BusyIndicator);
+    EXPECT_EQ(five.State.PlateStarCount, 77) << "the last good list is kept";
+    EXPECT_EQ(five.State.Report.RegionsTried, 0);
+
+    Observation eight(0, 0, 8);
+    EXPECT_NE(eight.Solve(1), SolveCode::TooFewStars);
+    const Texts& texts = eight.Port.Statuses;
+    EXPECT_EQ(std::count(texts.begin(), texts.end(), "Gaussian Filter"), 1);
+    EXPECT_EQ(eight.State.PlateStarCount, 8);
+}
+
+TEST(SolvePlate, SecondSolveTakesTheImageAsItIsAndThreadsChangeNothing) {
+    Observation first(20, 10);
+    {
+        const ThreadsForNow now(1);
+        ASSERT_EQ(first.Solve(1), SolveCode::Solved);
+    }
+    const PlateSolution once = first.State.Solution;
+    first.Ra = skyCentre.Ra;
+    first.Dec = skyCentre.Dec;
+    ASSERT_EQ(first.Solve(1), SolveCode::Solved);
+    EXPECT_EQ(first.Port.Statuses, Joined({attempt, {"Plate Match Found"}}));
+
+    Observation other(20, 10);
+    const ThreadsForNow now(5);
+    ASSERT_EQ(other.Solve(1), SolveCode::Solved);
+    for (const PlateSolution& solution : {first.State.Solution, other.State.Solution}) {
+        EXPECT_EQ(solution.Transform.a, once.Transform.a);
+        EXPECT_EQ(solution.Transform.f, once.Transform.f);
+        EXPECT_EQ(solution.Rms, once.Rms);
+        EXPECT_EQ(solution.CentreRA, once.CentreRA);
+        EXPECT_EQ(solution.MagnitudeZeroPoint, once.MagnitudeZeroPoint);
+    }
+}
+
+TEST(PlateTexts, UnitsSignsAndRangesOfWhatIsShown) {
+    struct Case {
+        double Scale;  // pixels per arcsecond
+        int Height;
+        double Degrees;
+        double Parity;
+        const char* Size;
+        const char* Angle;
+        const char* Stretch;
+        const char* PerPixel;
+    };
+    const std::vector<Case> cases = {
+        {0.5, 20, -0.5, 1, "200\" X 40\"", "359.5\xC2\xB0", "-1", "2\""},
+        {0.5, 30, 0, -1, "3.33' X 1'", "0\xC2\xB0", "1", "2\""},
+        {0.5, 1800, 45.678, 1, "3.33' X 60'", "45.68\xC2\xB0", "-1", "2\""},
+        {1.0 / 128, 60, 180, 1, "3.56\xC2\xB0 X 2.13\xC2\xB0", "180\xC2\xB0", "-1", "128\""},
+        {3, 200, -179.99, 1, "33.33\" X 66.67\"", "180.01\xC2\xB0", "-1", "0.3333\""}};
+    for (const Case& wanted : cases) {
+        ProgramState state;
+        RecordingPort port(state);
+        state.Image.Width = 100;
+        state.Image.Height = wanted.Height;
+        PlateStarList catalog(1);
+        PlateStarList plate(1);
+        state.Solution.Pairs.resize(1);
+        const double turn = wanted.Degrees / 57.29577950560105;
+        for (const auto& [x, y] : {std::pair{-500.0, -400.0},
+                                   {600.0, -300.0},
+                                   {50.0, 700.0},
+                                   {-300.0, 200.0},
+                                   {400.0, 100.0}}) {
+            const double c = std::cos(turn) * wanted.Scale;
+            const double s = std::sin(turn) * wanted.Scale;
+            catalog.push_back({static_cast<float>(x), static_cast<float>(y), 10, x / 1000, 0.5});
+            plate.push_back({static_cast<float>(c * x - s * y),
+                             static_cast<float>(wanted.Parity * (s * x + c * y)), 1000, 0, 0});
+            const auto star = static_cast<std::int16_t>(catalog.size() - 1);
+            state.Solution.Pairs.push_back({star, star, 3, star != 3});
+        }
+        state.Solution.PairCount = 5;
+        FinishPlateSolution(state, port, catalog, plate);
+        EXPECT_EQ(state.Display.PlateSize, wanted.Size);
+        EXPECT_EQ(state.Display.Angle, wanted.Angle);
+        EXPECT_EQ(state.Display.Stretch, wanted.Stretch);
+        EXPECT_EQ(state.Display.Scale, wanted.PerPixel);
+        EXPECT_EQ(state.Display.Skew, "0");
+        EXPECT_EQ(state.Display.RmsDifference, "0\"");
+        EXPECT_EQ(state.Display.Matched, "4");
+        EXPECT_EQ(state.MatchedPositions.size(), 4U);
+        EXPECT_NEAR(state.Geometry.ScaleArcseconds, 1 / wanted.Scale, 1e-5);
+        EXPECT_EQ(state.Image.Header.PlateTransform[1][2], state.Solution.Transform.f);
+    }
+}
+
+}  // namespace
+}  // namespace vestrel
