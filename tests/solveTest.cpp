@@ -34,7 +34,7 @@ const std::vector<std::pair<int, int>> spiral = {{0, 0},  {1, 0},  {1, -1}, {0, 
                                                  {-1, 0}, {-1, 1}, {0, 1},  {1, 1},  {2, 1},
                                                  {2, 0},  {2, -1}, {2, -2}, {1, -2}};
 
-// Some 1,250 stars of magnitude 9 to 16 on 50' by 50', as catalog cells in a folder.
+// Some 1,250 stars of magnitude 12.5 to 16 on 50' by 50', as catalog cells in a folder.
 class SmallSky {
  public:
     SmallSky() {
@@ -48,7 +48,7 @@ class SmallSky {
             plane.PlaneToSky(random.Between(-1500, 1500), random.Between(-1500, 1500), ra, dec);
             const CatalogStar star{
                 static_cast<float>(ra), static_cast<float>(dec),
-                static_cast<std::int16_t>(1600 - 700 * std::pow(random.Between(0, 1), 2))};
+                static_cast<std::int16_t>(1600 - 350 * std::pow(random.Between(0, 1), 2))};
             Stars.push_back(star);
             for (const unsigned char byte : EncodeCatalogStar(star)) {
                 cells[CellName(ra, dec)] += static_cast<char>(byte);
@@ -103,7 +103,7 @@ struct Observation {
             v /= mirrored ? -pixelScale : pixelScale;
             const Spot spot{(imageWidth - 1) / 2.0 + u * std::cos(0.6) - v * std::sin(0.6),
                             (imageHeight - 1) / 2.0 + u * std::sin(0.6) + v * std::cos(0.6),
-                            std::pow(10, 0.4 * (22 - star.Mag / 100.0))};
+                            std::pow(10, 0.4 * (24 - star.Mag / 100.0))};
             if (std::abs(spot.X - 150) < 140 && std::abs(spot.Y - 120) < 110) spots.push_back(spot);
         }
         std::sort(spots.begin(), spots.end(),
@@ -152,9 +152,11 @@ TEST(Spiral, WalksEveryCellOnceRingByRing) {
     std::int16_t j = 0;
     std::int16_t ring = 0;
     std::set<std::pair<int, int>> seen = {{0, 0}};
-    for (std::size_t k = 1; k < 81 * 81; ++k) {
+    for (int k = 1; k < 81 * 81; ++k) {
         NextSpiralCell(i, j, ring);
-        if (k < spiral.size()) EXPECT_EQ(std::pair<int>(i, j), (std::pair<int, int>(spiral[k])));
+        if (k < 14) {
+            EXPECT_EQ((std::pair<int, int>(i, j)), spiral[k]);
+        }
         EXPECT_TRUE(seen.insert({i, j}).second);
         const auto side = static_cast<int>(std::ceil((std::sqrt(k + 1.0) - 1) / 2));
         ASSERT_EQ(std::max(std::abs(i), std::abs(j)), side) << k;
@@ -180,15 +182,15 @@ TEST(SolvePlate, StoresWhatItFoundAndShowsIt) {
         EXPECT_EQ(found.CentreRA, seen.Ra);
         EXPECT_EQ(state.SolvedCentre.Dec, seen.Dec);
         EXPECT_EQ(found.TangentRA, skyCentre.Ra);
-        EXPECT_NEAR(found.Scale, 1 / pixelScale, 1e-4);
+        EXPECT_NEAR(found.Scale, 1 / pixelScale, 3e-4);
         EXPECT_NEAR(found.Stretch, mirrored ? -1 : 1, 1e-3);
         EXPECT_NEAR(found.Skew, 0, 1e-3);
-        EXPECT_NEAR(std::remainder(found.Angle - (mirrored ? -0.6 : 0.6), Pi), 0, 1.2 + 1e-3);
+        EXPECT_NEAR(found.Angle, mirrored ? -0.6 : 0.6, 2e-3);
         EXPECT_LT(found.Rms, 0.2);
-        EXPECT_GE(found.MatchedCount, 25);
+        EXPECT_GE(found.MatchedCount, 12);
         EXPECT_EQ(found.ExtractedCount, state.Extraction.StarsFound);
         EXPECT_EQ(found.RegionsSearched, 1);
-        EXPECT_NEAR(found.MagnitudeZeroPoint, -22, 0.2);
+        EXPECT_NEAR(found.MagnitudeZeroPoint, -24, 0.3);
         EXPECT_TRUE(state.ZeroPointValid);
         EXPECT_EQ(state.MagnitudeZeroPoint, found.MagnitudeZeroPoint);
         EXPECT_EQ(state.CatalogStarCount, found.CatalogCount);
@@ -229,7 +231,7 @@ TEST(SolvePlate, StoresWhatItFoundAndShowsIt) {
 
 TEST(SolvePlate, LimitCountsRegionsAndDiscardsTheMatchBeyondIt) {
     // The image lies so that the ninth region, cell (1, 1), is the first one near enough.
-    const double place = 2.75 * spiralStep;
+    const double place = 1.5 * spiralStep;
     const auto solve = [&](Observation& seen, int limit) { return seen.Solve(limit); };
     Observation ninth(place, place);
     ASSERT_EQ(solve(ninth, 9), SolveCode::Solved);
@@ -256,19 +258,19 @@ TEST(SolvePlate, LimitCountsRegionsAndDiscardsTheMatchBeyondIt) {
     EXPECT_EQ(eighth.State.CatalogStarCount, 0);
 
     for (const int limit : {-5, 0, 1}) {
-        Observation beside(3 * spiralStep, 0);  // within reach of cell (1, 0) alone
+        Observation beside(1.5 * spiralStep, 0);  // within reach of cell (1, 0) alone
         EXPECT_EQ(solve(beside, limit), SolveCode::NoMatch);
         EXPECT_EQ(beside.State.Report.RegionsTried, 2);
         Observation there(0, 0);
         EXPECT_EQ(solve(there, limit), SolveCode::Solved);
     }
-    Observation beside(3 * spiralStep, 0);
+    Observation beside(1.5 * spiralStep, 0);
     EXPECT_EQ(solve(beside, 2), SolveCode::Solved);
     EXPECT_EQ(beside.State.Display.Status1.Text, "Searched 2 regions");
 }
 
 TEST(SolvePlate, StopIsSeenBetweenRegionsOnly) {
-    Observation away(3 * spiralStep, 0);
+    Observation away(1.5 * spiralStep, 0);
     away.State.Image.Header.PlateMatched = true;
     away.State.StopRequested = true;  // of an earlier solve
     away.Port.StopAtYield = 1;
