@@ -213,23 +213,6 @@ struct Tagged {
     friend bool operator==(const Tagged&, const Tagged&) = default;
 };
 
-// The sort as it is laid down: element 0 holds the key 0 and is below all others.
-void PlainSort(std::vector<Tagged>& list, int n) {
-    int gap = n / 2;
-    while (gap != 0) {
-        int i = gap;
-        while (i <= n) {
-            bool back = false;
-            if (list[i - gap].Key > list[i].Key) {
-                std::swap(list[i - gap], list[i]);
-                back = gap == 1 && i - gap > 0;
-            }
-            i += back ? -1 : 1;
-        }
-        gap = static_cast<int>(std::floor(gap / 1.3));
-    }
-}
-
 TEST(CombSort, EqualKeysLieAsThePlainLoopLeavesThem) {
     Random random(3);
     for (int trial = 0; trial < 3000; ++trial) {
@@ -238,7 +221,7 @@ TEST(CombSort, EqualKeysLieAsThePlainLoopLeavesThem) {
         std::vector<Tagged> list(n + 1);
         for (int i = 1; i <= n; ++i) list[i] = {1.0 * random.Whole(0, keys), i};
         std::vector<Tagged> plain = list;
-        PlainSort(plain, n);
+        PlainCombSort(plain, n, &Tagged::Key);
         const std::vector<std::int32_t> order =
             CombSortedOrder(n, [&](std::int32_t i) { return list[i].Key; });
         CombSort(list, n, [](const Tagged& a, const Tagged& b) { return a.Key > b.Key; });

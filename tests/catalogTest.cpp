@@ -151,17 +151,6 @@ struct PlainCatalog {
         }
     }
 
-    static void Sort(PlateStarList& list, int n) {
-        for (int gap = n / 2; gap != 0; gap = static_cast<int>(gap / 1.3)) {
-            for (int i = gap + 1; i <= n; ++i) {
-                if (list[i - gap].Flux > list[i].Flux) {
-                    std::swap(list[i - gap], list[i]);
-                    if (gap == 1 && i - gap > 1) i -= 2;
-                }
-            }
-        }
-    }
-
     PlateStarList Query(const Projection& plane, double limit2, double magLimit, bool field) const {
         PlateStarList list(1);
         for (const Entry& entry : Cells) {
@@ -182,7 +171,7 @@ struct PlainCatalog {
                 }
             }
         }
-        Sort(list, static_cast<int>(list.size()) - 1);
+        PlainCombSort(list, static_cast<int>(list.size()) - 1, &PlateStar::Flux);
         return list;
     }
 };

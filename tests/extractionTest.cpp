@@ -16,24 +16,28 @@ namespace {
 
 using Image = Grid<std::int32_t>;
 
+template <typename Work>
+void ForPixels(int width, int height, Work work) {
+    for (int x = 0; x < width; ++x) {
+        for (int y = 0; y < height; ++y) work(x, y);
+    }
+}
+
 Image Copy(const Image& image, int width, int height) {
     Image copy(width, height);
-    for (int y = 0; y <= height; ++y) {
-        for (int x = 0; x <= width; ++x) copy(x, y) = image(x, y);
-    }
+    ForPixels(width + 1, height + 1, [&](int x, int y) { copy(x, y) = image(x, y); });
     return copy;
 }
 
 // The first place where two images differ, as text; empty when they are the same.
 std::string Difference(const Image& one, const Image& other, int width, int height) {
-    for (int y = 0; y <= height; ++y) {
-        for (int x = 0; x <= width; ++x) {
-            if (one(x, y) == other(x, y)) continue;
-            return "(" + std::to_string(x) + ", " + std::to_string(y) +
-                   "): " + std::to_string(one(x, y)) + " and " + std::to_string(other(x, y));
-        }
-    }
-    return "";
+    std::string text;
+    ForPixels(width + 1, height + 1, [&](int x, int y) {
+        if (one(x, y) == other(x, y) || !text.empty()) return;
+        text = "(" + std::to_string(x) + ", " + std::to_string(y) +
+               "): " + std::to_string(one(x, y)) + " and " + std::to_string(other(x, y));
+    });
+    return text;
 }
 
 // Noise on a gradient with saturated blobs; `wild` throws in values outside the histogram.
@@ -42,15 +46,13 @@ Image Sky(Random& random, int width, int height, bool wild) {
     const double level = random.Between(0, 3000);
     const double slope = random.Between(-5, 5);
     const double noise = random.Between(0, 60);
-    for (int x = 0; x < width; ++x) {
-        for (int y = 0; y < height; ++y) {
-            double value = std::abs(level + slope * (x - y) + random.Normal(noise));
-            if (random.Whole(0, 60) == 0) value = 65535;
-            if (wild && random.Whole(0, 4) == 0) value = random.Between(-3e5, 3e5);
-            if (wild && random.Whole(0, 99) == 0) value = random.Whole(0, 1) == 0 ? 2.1e9 : -2.1e9;
-            image(x, y) = static_cast<std::int32_t>(value);
-        }
-    }
+    ForPixels(width, height, [&](int x, int y) {
+        double value = std::abs(level + slope * (x - y) + random.Normal(noise));
+        if (random.Whole(0, 60) == 0) value = 65535;
+        if (wild && random.Whole(0, 4) == 0) value = random.Between(-3e5, 3e5);
+        if (wild && random.Whole(0, 99) == 0) value = random.Whole(0, 1) == 0 ? 2.1e9 : -2.1e9;
+        image(x, y) = static_cast<std::int32_t>(value);
+    });
     return image;
 }
 
@@ -94,11 +96,8 @@ struct PlainBackground {
 
         Image map(width, height);
         const auto store = [&](int x0, int y0, int value) {
-            for (int x = x0; x <= x0 + 2; ++x) {
-                for (int y = y0; y <= y0 + 2; ++y) {
-                    if (x < width && y < height) map(x, y) = value;
-                }
-            }
+            ForPixels(std::min(3, width - x0), std::min(3, height - y0),
+                      [&](int i, int j) { map(x0 + i, y0 + j) = value; });
         };
         for (int x0 = 0; x0 <= width - 1; x0 += 3) {
             for (int v = Low; v <= High; ++v) {
@@ -126,13 +125,11 @@ struct PlainBackground {
 
 Image PlainlySubtracted(const Image& pixels, const Image& map, int offset, int width, int height) {
     Image result = Copy(pixels, width, height);
-    for (int x = 0; x < width; ++x) {
-        for (int y = 0; y < height; ++y) {
-            std::int64_t value = std::int64_t{pixels(x, y)} + offset + 100 - map(x, y);
-            value = std::clamp<std::int64_t>(value, 0, 65535);
-            result(x, y) = static_cast<std::int32_t>(value - offset);
-        }
-    }
+    ForPixels(width, height, [&](int x, int y) {
+        const std::int64_t value = std::int64_t{pixels(x, y)} + offset + 100 - map(x, y);
+        result(x, y) =
+            static_cast<std::int32_t>(std::clamp<std::int64_t>(value, 0, 65535)) - offset;
+    });
     return result;
 }
 
@@ -150,9 +147,7 @@ TEST(Background, IsThePlainProceduresWhateverTheImageAndTheThreads) {
         // Stored values are lower by the offset; the spare column and row stay what they are.
         const int offset = wild ? 0 : 20000;
         Image stored(width, height);
-        for (int x = 0; x < width; ++x) {
-            for (int y = 0; y < height; ++y) stored(x, y) = sky(x, y) - offset;
-        }
+        ForPixels(width, height, [&](int x, int y) { stored(x, y) = sky(x, y) - offset; });
         const Image subtracted = PlainlySubtracted(stored, plain, offset, width, height);
         for (const int threads : {1, 3}) {
             const ThreadsForNow now(threads);
@@ -177,16 +172,12 @@ TEST(Background, FlatImageBecomesAHundredAndIsSubtractedOnce) {
     state.Image.Height = 50;
     state.Image.DataOffset = 300;
     state.Image.Pixels = Image(70, 50);
-    for (int x = 0; x < 70; ++x) {
-        for (int y = 0; y < 50; ++y) state.Image.Pixels(x, y) = 1234;
-    }
+    ForPixels(70, 50, [&](int x, int y) { state.Image.Pixels(x, y) = 1234; });
     SubtractBackground(state, port, 30, 50);
     EXPECT_EQ(port.Statuses,
               (std::vector<std::string>{"Estimating Background", "Subtracting Background"}));
     Image hundred(70, 50);
-    for (int x = 0; x < 70; ++x) {
-        for (int y = 0; y < 50; ++y) hundred(x, y) = 100 - 300;
-    }
+    ForPixels(70, 50, [&](int x, int y) { hundred(x, y) = 100 - 300; });
     EXPECT_EQ(Difference(state.Image.Pixels, hundred, 70, 50), "");
     EXPECT_TRUE(state.BackgroundRemoved);
     state.Image.Pixels(3, 3) = 5000;
@@ -197,19 +188,18 @@ TEST(Background, FlatImageBecomesAHundredAndIsSubtractedOnce) {
 Image PlainlyFiltered(const Image& pixels, int width, int height) {
     Image result = Copy(pixels, width, height);
     const auto at = [&](int x, int y) { return std::int64_t{pixels(x, y)}; };
-    for (int x = 1; x <= width - 2; ++x) {
-        for (int y = 1; y <= height - 2; ++y) {
-            const auto sides =
-                static_cast<float>(at(x + 1, y) + at(x - 1, y) + at(x, y + 1) + at(x, y - 1));
-            const auto corners = static_cast<float>(at(x + 1, y - 1) + at(x - 1, y - 1) +
-                                                    at(x + 1, y + 1) + at(x - 1, y + 1));
-            const auto stored =
-                static_cast<float>(0.12385 * static_cast<double>(sides) + 0.2042 * pixels(x, y) +
-                                   0.0751 * static_cast<double>(corners));
-            result(x, y) = static_cast<std::int32_t>(
-                std::min(std::nearbyint(static_cast<double>(stored)), 2147483647.0));
-        }
-    }
+    ForPixels(width - 2, height - 2, [&](int i, int j) {
+        const int x = i + 1;
+        const int y = j + 1;
+        const auto sides =
+            static_cast<float>(at(x + 1, y) + at(x - 1, y) + at(x, y + 1) + at(x, y - 1));
+        const auto corners = static_cast<float>(at(x + 1, y - 1) + at(x - 1, y - 1) +
+                                                at(x + 1, y + 1) + at(x - 1, y + 1));
+        const auto stored =
+            static_cast<float>(0.12385 * static_cast<double>(sides) + 0.2042 * pixels(x, y) +
+                               0.0751 * static_cast<double>(corners));
+        result(x, y) = static_cast<std::int32_t>(std::nearbyint(static_cast<double>(stored)));
+    });
     return result;
 }
 
@@ -289,17 +279,8 @@ struct PlainExtraction {
     }
 
     static void SortDescending(std::vector<PlainRegion>& list, int n, double PlainRegion::*key) {
-        for (int gap = n / 2; gap != 0; gap = static_cast<int>(gap / 1.3)) {
-            for (int i = gap + 1; i <= n; ++i) {
-                if (list[i - gap].*key > list[i].*key) {
-                    std::swap(list[i - gap], list[i]);
-                    if (gap == 1 && i - gap > 1) i -= 2;
-                }
-            }
-        }
-        for (int front = 1, back = n; front < back; ++front, --back) {
-            std::swap(list[front], list[back]);
-        }
+        PlainCombSort(list, n, key);
+        std::reverse(list.begin() + 1, list.begin() + n + 1);
     }
 
     static double Deviation(double sumOfSquares, double n, double mean) {
@@ -339,27 +320,21 @@ struct PlainExtraction {
         const double threshold = sigma < 1 ? mean + 4 : mean + Settings.DetectionThreshold * sigma;
 
         int count = 0;
-        for (int x = 0; x < width; ++x) {
-            for (int y = 0; y < height; ++y) {
-                if (Labels(x, y) == 0 && Value(x, y) > threshold) {
-                    Fill(x, y, threshold, ++count, 0);
-                }
-            }
-        }
+        ForPixels(width, height, [&](int x, int y) {
+            if (Labels(x, y) == 0 && Value(x, y) > threshold) Fill(x, y, threshold, ++count, 0);
+        });
         std::vector<PlainRegion> regions(count + 1);
-        for (int x = 0; x < width; ++x) {
-            for (int y = 0; y < height; ++y) {
-                if (Labels(x, y) == 0) continue;
-                PlainRegion& region = regions[Labels(x, y)];
-                const double f = Value(x, y) - mean;
-                region.FluxSum += f;
-                region.PixelCount += 1;
-                region.SumXF += x * f;
-                region.SumYF += y * f;
-                region.VarX += static_cast<double>(x * x) * f;
-                region.VarY += static_cast<double>(y * y) * f;
-            }
-        }
+        ForPixels(width, height, [&](int x, int y) {
+            if (Labels(x, y) == 0) return;
+            PlainRegion& region = regions[Labels(x, y)];
+            const double f = Value(x, y) - mean;
+            region.FluxSum += f;
+            region.PixelCount += 1;
+            region.SumXF += x * f;
+            region.SumYF += y * f;
+            region.VarX += static_cast<double>(x * x) * f;
+            region.VarY += static_cast<double>(y * y) * f;
+        });
         for (int k = 1; k <= count; ++k) {
             PlainRegion& r = regions[k];
             if (r.FluxSum > 0) {
@@ -456,11 +431,9 @@ void AddStar(PlateImage& image, double x, double y, double flux, double sigma) {
 // Stars of all sizes, touching ones and ones over the edge, single hot pixels, diagonal lines.
 PlateImage StarField(Random& random, int width, int height, int offset, double noise) {
     PlateImage image = EmptyImage(width, height, offset);
-    for (int x = 0; x < width; ++x) {
-        for (int y = 0; y < height; ++y) {
-            image.Pixels(x, y) = static_cast<std::int32_t>(std::lround(100 + random.Normal(noise)));
-        }
-    }
+    ForPixels(width, height, [&](int x, int y) {
+        image.Pixels(x, y) = static_cast<std::int32_t>(std::lround(100 + random.Normal(noise)));
+    });
     for (int star = width * height / 150; star > 0; --star) {
         AddStar(image, random.Between(-2, width + 2), random.Between(-2, height + 2),
                 std::pow(10, random.Between(2.5, 5)), random.Between(0.4, 2.5));
@@ -543,11 +516,9 @@ TEST(ExtractStars, CentroidsAreWithinATwentiethOfAPixel) {
                             40 + i / 6 * 45 + random.Between(-9, 9));
         AddStar(image, places[i].first, places[i].second, 40000 - 500 * i, 1.6);
     }
-    for (int x = 0; x < 300; ++x) {
-        for (int y = 0; y < 300; ++y) {
-            image.Pixels(x, y) += static_cast<std::int32_t>(std::lround(random.Normal(10)));
-        }
-    }
+    ForPixels(300, 300, [&](int x, int y) {
+        image.Pixels(x, y) += static_cast<std::int32_t>(std::lround(random.Normal(10)));
+    });
     PlateStarList stars;
     std::int32_t count = 0;
     ExtractionFacts facts;

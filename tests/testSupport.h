@@ -4,11 +4,13 @@
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <random>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "app/mGeneral.h"
@@ -68,6 +70,20 @@ class Random {
  private:
     std::mt19937 engine_;
 };
+
+/// The sort of every list, written as plainly as it goes, to judge sorted results by: rising
+/// `keyOf` of elements 1..n.
+template <typename Record, typename KeyOf>
+void PlainCombSort(std::vector<Record>& list, int n, KeyOf keyOf) {
+    for (int gap = n / 2; gap != 0; gap = static_cast<int>(gap / 1.3)) {
+        for (int i = gap + 1; i <= n; ++i) {
+            if (std::invoke(keyOf, list[i - gap]) > std::invoke(keyOf, list[i])) {
+                std::swap(list[i - gap], list[i]);
+                if (gap == 1 && i > 2) i -= 2;
+            }
+        }
+    }
+}
 
 /// Records messages and status texts in their order; can ask for a stop.
 class RecordingPort : public Port {
