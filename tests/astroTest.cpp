@@ -70,95 +70,49 @@ TEST(Sexagesimal, PaddingCarryWrapAndSigns) {
 }
 
 TEST(Sexagesimal, EveryFormThatIsReadAndEveryFormThatIsNot) {
-    const std::vector<std::pair<const char*, double>> rightAscensions = {
-        {"12", 0.8},
-        {" 12 00 ", 12},
-        {"12h", 12},
-        {"1E1", 10.0 / 15},
-        {"5h32m7.5s", 5.53541666666667},
-        {"5:32:7.5xyz", -1},
-        {"5 32", 5 + 32 / 60.0},
-        {"24 00 00", 24},
-        {"24 00 01", -1},
-        {"-1 0 0", -1},
-        {"360", 24},
-        {"360.001", -1},
-        {"", -1},
-        {"h", -1},
-        {"5h x", -1},
-        {"5 30s", -1},
-        {"5h30m15s junk", 5 + 30 / 60.0 + 15 / 3600.0},
-        {"5 : 30 : 15", 5 + 30 / 60.0 + 15 / 3600.0},
-        {"1h-30m", 0.5},
-        {"\t12", -1},
-        {"5h:30", -1},
-        {"nan", -1},
-        {"inf h", -1},
-        {"1.5h0.5m", 1.5 + 0.5 / 60}};
-    for (const auto& [text, expected] : rightAscensions) {
-        if (expected < 0) {
-            EXPECT_EQ(ParseRA(text), InvalidAngle) << text;
-        } else {
-            EXPECT_NEAR(ParseRA(text) * 12 / Pi, expected, 1e-13) << text;
+    const auto readRa = [](double hours, std::initializer_list<const char*> texts) {
+        for (const char* text : texts) {
+            EXPECT_NEAR(ParseRA(text) * 12 / Pi, hours, 1e-13) << text;
         }
-    }
+    };
+    readRa(5 + 30 / 60.0 + 15 / 3600.0, {"5h30m15s", "5:30:15", "5 30 15", "5H30M15S junk",
+                                         " 5 : 30 : 15 ", "5h30.25", "5.25h15.25m"});
+    readRa(12, {"12 00", "12h", "180", "12:"});
+    readRa(0.8, {"12", "1.2E1"});  // degrees
+    readRa(0.5, {"1h-30m", "0 30"});
     EXPECT_EQ(ParseRA("24 00 00"), TwoPi);
+    for (const char* text : {"24 00 01", "-1 0 0", "360.001", "", "h", "5h x", "5 30s", "\t12",
+                             "5h:30", "nan", "inf h", "5:30:15xyz"}) {
+        EXPECT_EQ(ParseRA(text), InvalidAngle) << text;
+    }
 
-    const double invalid = 1000;
-    const std::vector<std::pair<const char*, double>> declinations = {
-        {"+45 30 00", 45.5},
-        {"45d30m", 45.5},
-        {"45D 30' 0\"", 45.5},
-        {"91 00 00", invalid},
-        {"90 00 00", 90},
-        {"-90", -90},
-        {"90:00:00.01", invalid},
-        {"-10 -30 00", 10.5},
-        {"10 -30 00", -10.5},
-        {"-10 -30 -36", -10.51},
-        {"-0 0 36", -0.01},
-        {"-0:30", -0.5},
-        {"45\xC2\xB0"
-         "30'36\"",
-         45.51},
-        {"45\xC2\xB0", 45},
-        {"d30m", 0.5},
-        {"-d30m", -0.5},
-        {"--5 0 0", invalid},
-        {"5 --30 0", invalid},
-        {"5 x", invalid},
-        {"", invalid},
-        {"  ", invalid},
-        {"45.5", 45.5},
-        {"-4.55E1", -45.5},
-        {"x", invalid},
-        {"1:2:3\"junk", 1 + 2 / 60.0 + 3 / 3600.0},
-        {"1:2:3junk", invalid}};
-    for (const auto& [text, expected] : declinations) {
-        if (expected == invalid) {
-            EXPECT_EQ(ParseDec(text), InvalidAngle) << text;
-        } else {
-            EXPECT_NEAR(ParseDec(text) * 180 / Pi, expected, 1e-13) << text;
+    const auto readDec = [](double degrees, std::initializer_list<const char*> texts) {
+        for (const char* text : texts) {
+            EXPECT_NEAR(ParseDec(text) * 180 / Pi, degrees, 1e-13) << text;
         }
+    };
+    readDec(45.5, {"+45 30 00", "45d30m", "45D 30' 0\"", "45.5", "4.55E1", "45\xC2\xB0 30'0\"",
+                   "45 : 30 : 0\"junk"});
+    readDec(-10.5, {"10 -30 00", "-10 30", "-10.5"});
+    readDec(10.5, {"-10 -30 00", "-10:-30"});
+    readDec(-10.51, {"-10 -30 -36", "-10 30 36"});
+    readDec(-0.5, {"-0:30", "-d30m", "0 -30"});
+    readDec(-90, {"-90", "-90 00 00"});
+    for (const char* text :
+         {"91 00 00", "90:00:00.01", "--5 0 0", "5 --30 0", "5 x", "", "  ", "x", "1:2:3junk"}) {
+        EXPECT_EQ(ParseDec(text), InvalidAngle) << text;
     }
 }
 
 TEST(Numbers, TextKeepsFifteenDigitsAndOneForm) {
-    const std::vector<std::pair<double, const char*>> texts = {{0, "0"},
-                                                               {-0.0, "0"},
-                                                               {0.5, "0.5"},
-                                                               {-12.25, "-12.25"},
-                                                               {0.1 + 0.2, "0.3"},
-                                                               {1.0 / 3, "0.333333333333333"},
-                                                               {123456789012345, "123456789012345"},
-                                                               {1e15, "1E+15"},
-                                                               {999999999999999.9, "1E+15"},
-                                                               {0.0001, "0.0001"},
-                                                               {0.000012, "1.2E-05"},
-                                                               {1e100, "1E+100"},
-                                                               {-2.5e-7, "-2.5E-07"},
-                                                               {1e14, "100000000000000"}};
-    for (const auto& [value, text] : texts) EXPECT_EQ(NumberText(value), text);
+    for (const char* text :
+         {"0", "0.5", "-12.25", "0.333333333333333", "123456789012345", "1E+15", "100000000000000",
+          "0.0001", "1.2E-05", "1E+100", "-2.5E-07", "999999999999999"}) {
+        EXPECT_EQ(NumberText(std::strtod(text, nullptr)), text);
+    }
+    EXPECT_EQ(NumberText(-0.0), "0");
+    EXPECT_EQ(NumberText(0.1 + 0.2), "0.3");
+    EXPECT_EQ(NumberText(999999999999999.9), "1E+15");
     EXPECT_EQ(RoundedText(-0.004, 2), "0");
     EXPECT_EQ(RoundedText(0.125, 2), "0.12");
     EXPECT_EQ(RoundedText(0.375, 2), "0.38");
