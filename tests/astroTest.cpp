@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <bit>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -327,14 +328,16 @@ TEST(ParallelFor, CallsEveryPieceOnceAndReportsToItsCaller) {
                                  [&](int i) {
                                      ++begun;
                                      if (i == 20) throw std::runtime_error("piece");
-                                     std::this_thread::yield();
+                                     std::this_thread::sleep_for(std::chrono::microseconds(20));
                                  }),
                      std::runtime_error);
         EXPECT_LT(begun, 100000) << "pieces go on being begun after a failure";
-        EXPECT_THROW(ParallelFor(
-                         3, [](int) {}, [](int, int) { throw std::runtime_error("progress"); }),
-                     std::runtime_error);
     }
+    const ThreadsForNow alone(1);
+    const auto throwing = [](int, int) { throw std::runtime_error("progress"); };
+    EXPECT_THROW(ParallelFor(
+                     3, [](int) {}, throwing),
+                 std::runtime_error);
     ParallelFor(0, [](int) { FAIL(); });
     ParallelFor(-1, [](int) { FAIL(); });
 }
