@@ -110,7 +110,25 @@ std::string SolutionText(const ProgramState& state) {
                             std::to_string(solution.MatchedCount) + " matched");
     table.Line("RMS", state.Display.RmsDifference + " (" + Fixed(solution.Rms, 3) + " px)");
     table.Line("Regions searched", std::to_string(solution.RegionsSearched));
+    for (const std::string& caution : Cautions(state)) table.Line("Doubtful", caution);
     return table.Take();
+}
+
+std::vector<std::string> Cautions(const ProgramState& state) {
+    std::vector<std::string> cautions;
+    const PlateSolution& solution = state.Solution;
+    if (solution.Rms > state.Parameters.MaxError) {
+        cautions.push_back("the fit is poor: RMS " + Fixed(solution.Rms, 1) + " px from " +
+                           std::to_string(solution.MatchedCount) + " stars");
+    }
+    const double found = std::hypot(solution.WidthArcmin, solution.HeightArcmin);
+    const double expected = 2 * state.Report.SearchRadius * exactDegreesPerRadian * 60;
+    const double ratio = found / expected;
+    constexpr double tolerated = 1.25;
+    if (!(ratio < tolerated && ratio > 1 / tolerated)) {
+        cautions.push_back("the field is " + Fixed(ratio, 2) + " times the size given");
+    }
+    return cautions;
 }
 
 std::string CatalogComplaint(const ProgramState& state) {

@@ -21,6 +21,10 @@ ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& 
 /// A solution as lines of "label   value", ready to print.
 std::string SolutionText(const ProgramState& state);
 
+/// What should make a user doubt a solution; empty as a rule. A handful of stars can fit by chance,
+/// and such a fit is either poor or of another scale than expected.
+std::vector<std::string> Cautions(const ProgramState& state);
+
 /// Why a solve ended without a solution: what was seen, and what to try next.
 std::string FailureText(const ProgramState& state, std::int16_t code);
 

@@ -158,6 +158,7 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
         json["tangent_dec_deg"] = solution.TangentDec * degreesPerRadian;
         const PlateConstants& t = solution.Transform;
         json["transform"] = {t.a, t.b, t.c, t.d, t.e, t.f};
+        json["cautions"] = Cautions(state);
         json["matches"] = JsonMatches(state);
     }
     const SolveReport& report = state.Report;

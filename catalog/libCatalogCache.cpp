@@ -80,8 +80,10 @@ void CatalogCache::LoadCell(const std::string& name) {
         return;
     }
     CachedCell cell;
-    // A right ascension outside the circle gives the name of no cell.
-    cell.Stars = IsCellName(name) ? ReadCell(Folder / name) : std::vector<CatalogStar>(1);
+    // A right ascension outside the circle gives the name of no cell. Without a folder the file
+    // would be looked for, and left behind, in the current one.
+    const bool readable = IsCellName(name) && !Folder.empty();
+    cell.Stars = readable ? ReadCell(Folder / name) : std::vector<CatalogStar>(1);
     cell.StarCount = static_cast<std::int32_t>(cell.Stars.size()) - 1;
     cell.CellName = name;
     cell.InUse = true;
