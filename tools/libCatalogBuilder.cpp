@@ -28,7 +28,9 @@ void WriteBytes(const std::filesystem::path& path, const char* mode,
                 const std::vector<unsigned char>& bytes) {
     FileHandle file = OpenFile(path, mode);
     bool good = file != nullptr;
-    good = good && std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size();
+    // An empty list may have no address, which fwrite does not allow.
+    good = good && (bytes.empty() ||
+                    std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size());
     // Closing writes what is still buffered, and so may find the disk full.
     good = good && std::fclose(file.release()) == 0;
     if (!good) {
