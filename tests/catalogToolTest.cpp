@@ -47,6 +47,7 @@ std::vector<SkyStar> RandomSky(int count, unsigned seed) {
     std::mt19937 random(seed);
     std::uniform_real_distribution<double> unit(0, 1);
     std::vector<SkyStar> stars;
+    stars.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) {
         stars.push_back({2 * std::numbers::pi * unit(random), std::asin(2 * unit(random) - 1),
                          std::floor(100 * (20 * unit(random) - 2)) / 100});
@@ -257,15 +258,15 @@ std::string IndexFile(const std::vector<SkyStar>& stars, std::size_t magnitudes,
     }
     std::string positions;
     std::string mags;
-    for (std::size_t i = 0; i < stars.size(); ++i) {
-        const auto& [ra, dec, mag] = stars[i];
+    for (const auto& [ra, dec, mag] : stars) {
         for (const double value :
              {std::cos(dec) * std::cos(ra), std::cos(dec) * std::sin(ra), std::sin(dec)}) {
-            const auto integer =
-                static_cast<std::uint32_t>(std::llround((value + 1) / 2 * 4294967295.0));
-            positions += Bytes(integer, true);
+            const double integer = std::round((value + 1) / 2 * 4294967295.0);
+            positions += Bytes(static_cast<std::uint32_t>(integer), true);
         }
-        if (i < magnitudes) mags += Bytes(static_cast<float>(mag), false);
+    }
+    for (std::size_t i = 0; i < magnitudes; ++i) {
+        mags += Bytes(static_cast<float>(stars[i % stars.size()].Mag), false);
     }
     return FitsHeader({"SIMPLE  = T", "BITPIX  = 8", "NAXIS   = 0", "EXTEND  = T",
                        std::string("ENDIAN  = '") + endian + "'"}) +
@@ -290,6 +291,7 @@ TEST(Tycho2, StarsComeBackAsTheyWereWritten) {
     const std::vector<SkyStar> read = ReadIndex(folder / "index");
     ASSERT_EQ(read.size(), stars.size());
     for (std::size_t i = 0; i < stars.size(); ++i) {
+        ASSERT_TRUE(StoredStar(read[i])) << i;
         ASSERT_LT(Separation(read[i], stars[i]), 0.001 * arcsecond) << i;
         ASSERT_FLOAT_EQ(static_cast<float>(read[i].Mag), static_cast<float>(stars[i].Mag)) << i;
     }
@@ -304,6 +306,7 @@ TEST(Tycho2, AFileCutAnywhereOrContradictingItselfIsRefused) {
                                     "not FITS at all",
                                     std::string(5000, '\0'),
                                     IndexFile(stars, 499),
+                                    IndexFile(stars, 501),
                                     IndexFile(stars, 0),
                                     IndexFile(stars, 500, "01:02:03:04"),
                                     IndexFile(stars, 500, "04:03:02:01", 0.9),
@@ -341,7 +344,7 @@ TEST(Tycho2, TheInstalledIndexHasTheSkyTheRightWayRound) {
 // ---- The brightest stars ----
 
 TEST(BrightStars, NeitherLackingNorDoubled) {
-    const auto missing = [](const SkyStar& bright, std::vector<SkyStar> survey) {
+    const auto missing = [](const SkyStar& bright, const std::vector<SkyStar>& survey) {
         BrightStarFinder finder({bright});
         for (const SkyStar& star : survey) finder.Visit(star);
         return finder.Missing().size();
@@ -365,6 +368,23 @@ TEST(BrightStars, NeitherLackingNorDoubled) {
             EXPECT_TRUE(std::fabs(dec) > 89 || missing(star, {west}) == 0) << "across the seam";
         }
     }
+}
+
+TEST(BrightStars, TheDivisionOfSpaceHidesNoNeighbour) {
+    const std::vector<SkyStar> bright = RandomSky(20000, 10);
+    BrightStarFinder finder(bright);
+    std::mt19937 random(11);
+    std::uniform_real_distribution<double> direction(0, 2 * std::numbers::pi);
+    for (const SkyStar& star : bright) {
+        const double angle = direction(random);
+        finder.Visit({star.Ra + 59 * arcsecond * std::sin(angle) / std::cos(star.Dec),
+                      star.Dec + 59 * arcsecond * std::cos(angle), star.Mag});
+    }
+    // Close to a pole a step along the parallel is longer than it says.
+    const auto missing = finder.Missing();
+    EXPECT_EQ(std::count_if(missing.begin(), missing.end(),
+                            [](const SkyStar& star) { return std::fabs(star.Dec) < 1.5; }),
+              0);
 }
 
 TEST(BrightStars, OnlyStarsAreReadFromGeoJson) {
@@ -658,7 +678,7 @@ TEST(CatalogTool, CtrlCWhileWaitingForInputLeavesTheOldCatalog) {
               nullptr);
         _exit(99);
     }
-    constexpr std::string_view rows = "ra,dec,mag\n1,2,3\n";
+    constexpr std::string_view rows = "ra,dec,mag\n";
     ASSERT_EQ(write(input[1], rows.data(), rows.size()), std::ssize(rows));
     const fs::path building = catalog + ".building-" + std::to_string(child);
     for (int i = 0; i < 500 && !fs::exists(building); ++i) usleep(10000);
@@ -666,7 +686,15 @@ TEST(CatalogTool, CtrlCWhileWaitingForInputLeavesTheOldCatalog) {
     usleep(100000);  // until it waits in the read
     kill(child, SIGINT);
     int status = 0;
-    waitpid(child, &status, 0);
+    bool ended = false;
+    for (int i = 0; i < 1000 && !ended; ++i) {
+        ended = waitpid(child, &status, WNOHANG) == child;
+        usleep(10000);
+    }
+    if (!ended) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+    }
     EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, ExitStopped);
     EXPECT_EQ(ReadFile(folder / "KEL" / "N00R00"), "old");
     EXPECT_EQ(Listing(folder.Path), std::set<std::string>{"KEL"});
