@@ -299,7 +299,8 @@ TEST(Atan2, FollowsTheQuadrantsWithTheDecimalPi) {
     EXPECT_EQ(Atan2(-1, 0), -1.570796327);
     EXPECT_EQ(Atan2(1, 0), 1.570796327);
     EXPECT_EQ(Atan2(0, 0), 0);
-    for (double turn = -3.1; turn < 3.15; turn += 0.2) {
+    for (int step = -31; step <= 31; ++step) {
+        const double turn = step / 10.0;
         EXPECT_NEAR(Atan2(std::sin(turn), std::cos(turn)), turn, 5e-10);
     }
 }

@@ -291,7 +291,8 @@ TEST(Region, CacheAndStarsAreThoseOfThePlainLoops) {
     cache.Folder = folder.Path;
     plain.Forget();
     for (int trial = 0; trial < 40; ++trial) {
-        ExpectSameRegion(cache, plain, trial % 8 * 0.75, trial / 8 * 0.5 - 1, 0.35, 12);
+        ExpectSameRegion(cache, plain, trial % 8 * 0.75, std::floor(trial / 8.0) * 0.5 - 1, 0.35,
+                         12);
         ASSERT_FALSE(HasFatalFailure()) << trial;
     }
     EXPECT_EQ(cache.Cells.size(), 999U);

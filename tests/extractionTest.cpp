@@ -513,7 +513,7 @@ TEST(ExtractStars, CentroidsAreWithinATwentiethOfAPixel) {
     std::vector<std::pair<double, double>> places;
     for (int i = 0; i < 36; ++i) {
         places.emplace_back(40 + i % 6 * 45 + random.Between(-9, 9),
-                            40 + i / 6 * 45 + random.Between(-9, 9));
+                            40 + std::floor(i / 6.0) * 45 + random.Between(-9, 9));
         AddStar(image, places[i].first, places[i].second, 40000 - 500 * i, 1.6);
     }
     ForPixels(300, 300, [&](int x, int y) {

@@ -452,7 +452,8 @@ TEST(FitPlate, SingularSetsNeverPassAndTheInverseUndoesTheModel) {
 }
 
 TEST(PlateGeometry, RecoversScaleStretchSkewAndAngleInEveryQuadrant) {
-    for (double turn = -3.1; turn < 3.14; turn += 0.1) {
+    for (int step = -31; step <= 31; ++step) {
+        const double turn = step / 10.0;
         for (const double stretch : {1.0, 1.02, -1.0, -0.97}) {
             for (const double skew : {0.0, 0.013}) {
                 // x2 = S (x cos − y sin); y2 = S·stretch ((sin + skew cos) x + (cos − skew sin) y)
@@ -569,7 +570,8 @@ TEST(AlignImages, FewAndEquilateralStarsLeaveTheOutputsUntouched) {
     }
     PlateStarList square(1);
     for (int i = 0; i < 9; ++i) {
-        square.push_back({static_cast<float>(i % 3), static_cast<float>(i / 3), 0, 0, 0});
+        square.push_back(
+            {static_cast<float>(i % 3), static_cast<float>(std::floor(i / 3.0)), 0, 0, 0});
     }
     const Outcome out = Align(square, square);
     EXPECT_FALSE(out.Matched);
