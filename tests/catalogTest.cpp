@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 
+#include "astro/libMath.h"
 #include "catalog/libCatalogRegion.h"
 #include "tests/testSupport.h"
 
@@ -226,10 +227,14 @@ void ExpectSameRegion(CatalogCache& cache, PlainCatalog& plain, double ra0, doub
     }
     const double limit = radius * 206264.81;
     ExpectSameList(stars, count, plain.Query(plane, limit * limit, magLimit, false));
-    Projection fieldPlane;
-    FieldStars(cache, fieldPlane, ra0, dec0, radius, magLimit, stars, count);
-    EXPECT_EQ(fieldPlane.ProjectionScale, 206264.8062);
-    ExpectSameList(stars, count, plain.Query(fieldPlane, radius * 206264.8062, magLimit, true));
+    // Seen from the opposite point, all of the region's stars are on the far hemisphere.
+    for (const double side : {1.0, -1.0}) {
+        Projection fieldPlane;
+        FieldStars(cache, fieldPlane, ra0 + (side < 0 ? Pi : 0), side * dec0, radius, magLimit,
+                   stars, count);
+        EXPECT_EQ(fieldPlane.ProjectionScale, 206264.8062);
+        ExpectSameList(stars, count, plain.Query(fieldPlane, radius * 206264.8062, magLimit, true));
+    }
 }
 
 // Stars all over the sky, denser near the places that are searched; magnitudes with many ties.

@@ -434,7 +434,8 @@ PlateImage StarField(Random& random, int width, int height, int offset, double n
     ForPixels(width, height, [&](int x, int y) {
         image.Pixels(x, y) = static_cast<std::int32_t>(std::lround(100 + random.Normal(noise)));
     });
-    for (int star = width * height / 150; star > 0; --star) {
+    // A quiet sky stays quiet with few stars only.
+    for (int star = width * height / (noise < 0.5 ? 5000 : 150); star > 0; --star) {
         AddStar(image, random.Between(-2, width + 2), random.Between(-2, height + 2),
                 std::pow(10, random.Between(2.5, 5)), random.Between(0.4, 2.5));
     }
@@ -453,10 +454,12 @@ TEST(ExtractStars, IsThePlainProcedureOnRandomFields) {
     Random random(13);
     int stars = 0;
     for (int trial = 0; trial < 60; ++trial) {
-        // Every third field stands on an offset that carries the sums beyond 2^53.
-        const int offset = trial % 3 == 0 ? 2000000000 : trial % 3 == 1 ? 0 : 32768;
-        const PlateImage image = StarField(random, random.Whole(20, 220), random.Whole(20, 160),
-                                           offset, trial % 5 == 0 ? 0 : random.Between(0.3, 8));
+        // Large offsets carry the sums beyond 2^53, by large values or by many.
+        const int offset = std::vector{0, 32768, 1000000, 2000000000}[trial % 4];
+        const int width = trial % 12 == 2 ? 330 : random.Whole(20, 220);
+        const int height = trial % 12 == 2 ? 300 : random.Whole(20, 160);
+        const PlateImage image =
+            StarField(random, width, height, offset, trial % 8 == 1 ? 0.4 : random.Between(0, 8));
         DetectionSettings settings;
         settings.DetectionThreshold = random.Between(2, 8);
         settings.EdgeExclusion = trial % 4 == 0 ? 0 : random.Between(0, 0.2);
@@ -465,7 +468,7 @@ TEST(ExtractStars, IsThePlainProcedureOnRandomFields) {
         stars += ExpectSameExtraction(image, settings);
         ASSERT_FALSE(HasFailure()) << "trial " << trial;
     }
-    EXPECT_GT(stars, 800) << "the fields are too empty to prove anything";
+    EXPECT_GT(stars, 700) << "the fields are too empty to prove anything";
 }
 
 TEST(ExtractStars, CutsAFillOffAtAThousandLevels) {
