@@ -1,0 +1,246 @@
+#!/usr/bin/env python3
+"""Runs the real vestrel-solve: what scripts rely on, and real pictures with known truth.
+
+Environment: VESTREL_SOLVE the program; VESTREL_TEST_CATALOG a real catalog (else the usual folder);
+VESTREL_SHARED_IMAGES a folder with real pictures and their truth.tsv.
+"""
+import csv
+import json
+import math
+import os
+import pathlib
+import pty
+import signal
+import struct
+import subprocess
+import tempfile
+import time
+import unittest
+
+SOLVER = os.environ["VESTREL_SOLVE"]
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+CATALOG = pathlib.Path(os.environ.get("VESTREL_TEST_CATALOG") or os.path.join(
+    os.environ.get("XDG_DATA_HOME", os.path.expanduser("~/.local/share")), "Harrowdene/KEL"))
+PICTURES = pathlib.Path(os.environ.get("VESTREL_SHARED_IMAGES", ROOT.parent / "shared/images"))
+
+SOLVED, TOO_FEW_STARS, USAGE, NO_MATCH, STOPPED, NO_IMAGE, BAD_NAME, NO_CATALOG, NOT_WRITTEN = range(9)
+
+
+def fits_bytes(pixels, width, height):
+    """A 16-bit FITS file from stored values, row by row."""
+    cards = ["SIMPLE  = T", "BITPIX  = 16", "NAXIS   = 2", f"NAXIS1  = {width}",
+             f"NAXIS2  = {height}", "END"]
+    header = "".join(card.ljust(80) for card in cards).ljust(2880).encode()
+    return header + struct.pack(f">{len(pixels)}h", *pixels)
+
+
+def spots(width=200, height=200, count=30):
+    """Stars on a jittered sky, in places that follow from their number alone."""
+    pixels = [100 + (x * 7919 + y * 104729) % 11 for y in range(height) for x in range(width)]
+    for k in range(count):
+        cx, cy = 15 + (k * 61) % (width - 30), 15 + (k * 97 + k * k * 13) % (height - 30)
+        for dy in range(-3, 4):
+            for dx in range(-3, 4):
+                pixels[(cy + dy) * width + cx + dx] += int((9000 - 150 * k) *
+                                                           math.exp(-(dx * dx + dy * dy) / 3))
+    return fits_bytes([min(p, 32767) for p in pixels], width, height)
+
+
+class Solver(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="vestrel-console-")
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        self.environment = dict(os.environ, VESTREL_SETTINGS=str(self.folder / "Vestrel.ini"))
+
+    def run_solver(self, *arguments, **options):
+        return subprocess.run([SOLVER, *map(str, arguments)], env=self.environment, timeout=300,
+                              capture_output=True, check=False, **options)
+
+    def frame(self, name="frame.fit", data=None):
+        path = self.folder / name
+        path.write_bytes(spots() if data is None else data)
+        return path
+
+
+class Contract(Solver):
+    """Exit codes, streams and files."""
+
+    def test_each_outcome_has_its_exit_code_and_leaves_stdout_to_results(self):
+        frame = self.frame()
+        dark = self.frame("dark.fit", fits_bytes([100] * 10000, 100, 100))
+        broken = self.frame("broken.fit", b"SIMPLE  = T".ljust(80))
+        empty = self.folder / "KEL"
+        empty.mkdir()
+        search = ["--ra", "10:00:00", "--dec=-5", "--size", "60x60", "--regions", "2"]
+        cases = [
+            (TOO_FEW_STARS, [dark, *search, "--catalog", empty], "Insufficient Plate Stars"),
+            (USAGE, ["--size"], "--size"),
+            (USAGE, [frame], "--ra and --dec"),
+            (USAGE, [frame, "--ra", "25:00:00", "--dec", "0"], "Please enter a valid RA value"),
+            (USAGE, [frame, "--ra", "1", "--dec", "91"], "Please enter a valid Declination value"),
+            (USAGE, [frame, *search[:3], "--size", "10"], "Please enter a valid Image Size"),
+            (USAGE, ["1,2,3,x,5," + str(frame)], "Vestrel 1.13 Error: Invalid parameter string"),
+            (USAGE, ["1,2,3"], "Vestrel 1.13 Error: Invalid parameter string"),
+            (BAD_NAME, ["1,0,.1,.1,1,nodot"], "Vestrel 1.13 Error: Invalid file name"),
+            (NO_IMAGE, ["1,0,.1,.1,1," + str(broken)], "Can't open input file"),
+            (NO_IMAGE, [broken, *search], "Vestrel: Unable to read the image file."),
+            (NO_IMAGE, [self.frame("x.bmp"), *search], "Vestrel: File type is not supported"),
+            (NO_IMAGE, [self.folder / "absent.fit", *search], "Unable to read the image file."),
+            (NO_CATALOG, [frame, *search, "--catalog", self.folder / "nowhere"], "does not exist"),
+            (NO_CATALOG, [frame, *search, "--catalog", empty], "holds no stars"),
+        ]
+        for code, arguments, words in cases:
+            with self.subTest(arguments=[str(a)[-40:] for a in arguments]):
+                run = self.run_solver(*arguments)
+                self.assertEqual(run.returncode, code, run.stderr)
+                self.assertEqual(run.stdout, b"")
+                self.assertIn(words, run.stderr.decode())
+                self.assertNotIn(b"\x1b", run.stderr)
+
+    def test_help_and_version_go_to_stdout(self):
+        for flag in ("--help", "--version"):
+            run = self.run_solver(flag)
+            self.assertEqual((run.returncode, run.stderr), (0, b""))
+            self.assertIn(b"vestrel-solve", run.stdout)
+
+    def test_unattended_failure_writes_its_result_whole_and_keeps_other_files(self):
+        frame = self.frame("a,b.c.fit")
+        other = self.frame("a,b.kel", b"not ours")
+        stale = self.frame("a,b.c.kel", b"stale")
+        run = self.run_solver(f" -0.5 , -0.1,.02,.02,1.4, {frame}", "--catalog", self.folder / "no")
+        self.assertEqual(run.returncode, NO_CATALOG)
+        lines = stale.read_bytes().split(b"\r\n")
+        self.assertEqual(lines[0], b"1000,1000,-1")
+        self.assertRegex(lines[1], rb"^0,0,0,0,\d+$")
+        self.assertEqual(lines[2:], [b"Maximum search limit exceeded", b""])
+        self.assertEqual(other.read_bytes(), b"not ours")
+        self.assertFalse(list(self.folder.glob("*.tmp")))
+
+    def test_a_stale_result_does_not_outlive_an_image_that_cannot_be_read(self):
+        broken = self.frame("m.fit", b"nonsense")
+        stale = self.frame("m.kel", b"stale")
+        self.assertEqual(self.run_solver(f"1,0,.1,.1,1,{broken}").returncode, NO_IMAGE)
+        self.assertFalse(stale.exists())
+
+    def test_an_image_named_like_a_result_is_not_removed(self):
+        image = self.frame("m.kel")
+        self.assertEqual(self.run_solver(f"1,0,.1,.1,1,{image}").returncode, NO_IMAGE)
+        self.assertTrue(image.exists())
+
+    def test_json_is_valid_for_every_outcome_and_any_path(self):
+        weird = os.fsencode(self.folder) + b"/\xff\xfe \xc3\xa9.fit"
+        with open(weird, "wb") as file:
+            file.write(spots())
+        for image in (weird, os.fsencode(self.folder / "absent.fit")):
+            run = subprocess.run([SOLVER, image, "--ra", "150", "--dec=-0:30", "--size", "1x1d",
+                                  "--json", "--catalog", self.folder / "none"],
+                                 env=self.environment, capture_output=True, check=False)
+            report = json.loads(run.stdout)
+            self.assertFalse(report["solved"])
+            self.assertEqual(report["exit_code"], run.returncode)
+        self.assertGreater(json.loads(self.run_solver(
+            self.frame(), "--ra", "1", "--dec", "1", "--size", "1x1d", "--json", "--catalog",
+            self.folder).stdout)["stars_extracted"], 20)
+
+    def test_interrupt_stops_a_long_search_and_says_so(self):
+        frame = self.frame()
+        process = subprocess.Popen([SOLVER, f"1,0.3,.02,.02,2000000000,{frame}", "--catalog",
+                                    str(self.folder)], env=self.environment,
+                                   stderr=subprocess.DEVNULL)
+        time.sleep(1.5)
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(process.wait(timeout=60), STOPPED)
+        result = frame.with_suffix(".kel").read_bytes().split(b"\r\n")
+        self.assertEqual((result[0], result[2]),
+                         (b"1000,1000,-2", b"Vestrel was terminated by user"))
+
+    def test_progress_and_colour_only_on_a_terminal_that_wants_them(self):
+        search = [str(self.frame()), "--ra", "1", "--dec", "1", "--size", "1x1d", "--regions", "3",
+                  "--catalog", str(self.folder)]
+        for no_colour, coloured in (("", True), ("1", False)):
+            main, terminal = pty.openpty()
+            subprocess.run([SOLVER, *search], env=dict(self.environment, NO_COLOR=no_colour),
+                           stderr=terminal, stdout=subprocess.DEVNULL, check=False)
+            os.close(terminal)
+            output = b""
+            try:
+                while chunk := os.read(main, 65536):
+                    output += chunk
+            except OSError:
+                pass  # the end of a pseudo-terminal
+            os.close(main)
+            self.assertIn(b"Spiral search", output)
+            self.assertEqual(b"\x1b[31m" in output, coloured)
+
+
+class RealPictures(Solver):
+    """The sky as it was photographed, from hints up to a quarter of the field off."""
+
+    @classmethod
+    def setUpClass(cls):
+        if not (CATALOG / "catalog.json").exists():
+            raise unittest.SkipTest(f"no catalog in {CATALOG}")
+        if not (PICTURES / "truth.tsv").exists():
+            raise unittest.SkipTest(f"no pictures in {PICTURES}")
+        with open(PICTURES / "truth.tsv", encoding="utf-8") as file:
+            cls.rows = list(csv.DictReader(file, delimiter="\t"))
+
+    def solve(self, image, row):
+        run = self.run_solver(image, "--ra", row["hint_ra_deg"], "--dec=" + row["hint_dec_deg"],
+                              "--size", f"{row['width_arcmin']}x{row['height_arcmin']}",
+                              "--regions", row["regions"], "--catalog", CATALOG, "--json")
+        return json.loads(run.stdout)
+
+    def check(self, image, row, mirrored=None):
+        report = self.solve(image, row)
+        if row["expect"] != "solved":
+            self.assertFalse(report["solved"])
+            return
+        self.assertTrue(report["solved"])
+        ra, dec, scale = (float(row[k]) for k in ("ra_deg", "dec_deg", "scale_arcsec_px"))
+        off = math.hypot((report["ra_deg"] - ra) * math.cos(math.radians(dec)),
+                         report["dec_deg"] - dec) * 3600 / scale
+        self.assertLessEqual(off, float(row["tolerance_px"]))
+        # Wide gnomonic pictures lose a little scale on an orthographic plane.
+        half_diagonal = math.radians(math.hypot(float(row["width_arcmin"]),
+                                                float(row["height_arcmin"])) / 120)
+        self.assertLess(abs(report["scale_arcsec_px"] / scale - 1), 0.002 + half_diagonal ** 2 / 2)
+        self.assertEqual(report["mirrored"],
+                         row["mirrored_as_displayed"] == "yes" if mirrored is None else mirrored)
+        self.assertEqual(report["cautions"], [])
+
+    def test_each_is_solved_within_its_tolerance_and_no_control_is(self):
+        self.assertGreater(len(self.rows), 10)
+        for row in self.rows:
+            with self.subTest(row["file"], expect=row["expect"]):
+                self.check(PICTURES / row["file"], row)
+
+    def test_fits_as_jpeg_and_jpeg_as_fits_solve_alike(self):
+        try:
+            import numpy
+            from astropy.io import fits
+            from PIL import Image
+        except ImportError as error:
+            self.skipTest(f"no judge: {error}")
+        for row in self.rows:
+            if row["expect"] != "solved":
+                continue
+            source = PICTURES / row["file"]
+            with self.subTest(row["file"]):
+                if source.suffix == ".jpg":
+                    grey = numpy.asarray(Image.open(source).convert("RGB")).astype("int16").sum(2)
+                    image = self.folder / (source.stem + ".fits")
+                    # FITS rows run upward, pictures downward.
+                    fits.writeto(image, grey[::-1].astype("int16"))
+                else:
+                    counts = fits.getdata(source).astype(float)
+                    low, high = numpy.percentile(counts, (1, 99.95))
+                    grey = (numpy.clip((counts - low) / (high - low), 0, 1) * 255).astype("uint8")
+                    image = self.folder / (source.stem + ".jpg")
+                    Image.fromarray(grey[::-1]).save(image, quality=97)
+                self.check(image, row)
+
+
+if __name__ == "__main__":
+    unittest.main()
