@@ -434,8 +434,7 @@ PlateImage StarField(Random& random, int width, int height, int offset, double n
     ForPixels(width, height, [&](int x, int y) {
         image.Pixels(x, y) = static_cast<std::int32_t>(std::lround(100 + random.Normal(noise)));
     });
-    // A quiet sky stays quiet with few stars only.
-    for (int star = width * height / (noise < 0.5 ? 5000 : 150); star > 0; --star) {
+    for (int star = width * height / 150; star > 0; --star) {
         AddStar(image, random.Between(-2, width + 2), random.Between(-2, height + 2),
                 std::pow(10, random.Between(2.5, 5)), random.Between(0.4, 2.5));
     }
@@ -454,12 +453,9 @@ TEST(ExtractStars, IsThePlainProcedureOnRandomFields) {
     Random random(13);
     int stars = 0;
     for (int trial = 0; trial < 60; ++trial) {
-        // Large offsets carry the sums beyond 2^53, by large values or by many.
-        const int offset = std::vector{0, 32768, 1000000, 2000000000}[trial % 4];
-        const int width = trial % 12 == 2 ? 330 : random.Whole(20, 220);
-        const int height = trial % 12 == 2 ? 300 : random.Whole(20, 160);
-        const PlateImage image =
-            StarField(random, width, height, offset, trial % 8 == 1 ? 0.4 : random.Between(0, 8));
+        const int offset = std::vector{0, 32768, 2000000000}[trial % 3];
+        const PlateImage image = StarField(random, random.Whole(20, 220), random.Whole(20, 160),
+                                           offset, random.Between(0, 8));
         DetectionSettings settings;
         settings.DetectionThreshold = random.Between(2, 8);
         settings.EdgeExclusion = trial % 4 == 0 ? 0 : random.Between(0, 0.2);
@@ -469,6 +465,18 @@ TEST(ExtractStars, IsThePlainProcedureOnRandomFields) {
         ASSERT_FALSE(HasFailure()) << "trial " << trial;
     }
     EXPECT_GT(stars, 700) << "the fields are too empty to prove anything";
+}
+
+TEST(ExtractStars, SumsBeyondTheExactRangeAndSkiesWithoutNoise) {
+    Random random(17);
+    // Sums of many squares pass 2^53, where the order of adding begins to tell.
+    ExpectSameExtraction(StarField(random, 400, 400, 900000, 5), {.EdgeExclusion = 0.01});
+    // Patches of three counts: many sigmas of a quiet sky, and yet no stars.
+    PlateImage quiet = EmptyImage(100, 100, 100);
+    ForPixels(100, 100, [&](int x, int y) {
+        quiet.Pixels(x, y) = random.Whole(0, 1) + (x % 20 < 3 && y % 20 < 3 ? 2 : 0);
+    });
+    EXPECT_EQ(ExpectSameExtraction(quiet, {.DetectionThreshold = 3}), 0);
 }
 
 TEST(ExtractStars, CutsAFillOffAtAThousandLevels) {
