@@ -25,6 +25,9 @@ TemporaryFolder::~TemporaryFolder() {
 }
 
 void WriteFile(const fs::path& path, std::string_view bytes) {
+    // Some file systems wait for the disk when a file is written over.
+    std::error_code ignored;
+    fs::remove(path, ignored);
     std::ofstream file(path, std::ios::binary);
     file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
@@ -90,6 +93,37 @@ ThreadsForNow::ThreadsForNow(int threads) {
 
 ThreadsForNow::~ThreadsForNow() {
     SetThreads(before_.value_or(""));
+}
+
+std::string Damaged(std::string bytes, std::uint32_t seed, std::size_t head) {
+    // The engine's own numbers: those of the distributions differ between libraries.
+    std::mt19937 random(seed);
+    for (std::uint32_t faults = random() % 4 + 1; faults > 0 && !bytes.empty(); --faults) {
+        const std::size_t range = random() % 2 == 0 ? std::min(head, bytes.size()) : bytes.size();
+        const std::size_t at = random() % range;
+        const std::size_t length = std::min<std::size_t>(random() % 8 + 1, bytes.size() - at);
+        static constexpr std::string_view telling = "0123456789+-.,eETF='/ \xFF";
+        switch (random() % 8) {
+            case 0:
+                bytes.erase(at, length);
+                break;
+            case 1:
+                bytes.insert(at, bytes, at, length);
+                break;
+            case 2:
+                std::swap(bytes[at], bytes[random() % bytes.size()]);
+                break;
+            case 3:
+                if (random() % 4 == 0) bytes.resize(at);
+                break;
+            case 4:
+                bytes[at] = static_cast<char>(random() & 0xFF);
+                break;
+            default:
+                bytes[at] = telling[random() % telling.size()];
+        }
+    }
+    return bytes;
 }
 
 void RecordingPort::ShowMessage(const std::string& text, const std::string& title) {

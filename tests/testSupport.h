@@ -84,6 +84,9 @@ void PlainCombSort(std::vector<Record>& list, int n, KeyOf keyOf) {
         }
     }
 }
+/// `bytes` with one to four seeded faults: changed, deleted, doubled, swapped or cut-off stretches.
+/// Half of them fall into the first `head` bytes. The same everywhere for the same seed.
+std::string Damaged(std::string bytes, std::uint32_t seed, std::size_t head = 512);
 
 /// Records messages and status texts in their order; can ask for a stop.
 class RecordingPort : public Port {
