@@ -1,0 +1,248 @@
+// The settings: their file byte by byte, and what start-up makes of any file.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <bit>
+#include <clocale>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <optional>
+
+#include "platform/libFiles.h"
+#include "platform/libPlatform.h"
+#include "settings/mSettings.h"
+#include "tests/testSupport.h"
+
+namespace vestrel {
+namespace {
+
+const std::string outOfDate =
+    "Vestrel: The parameter file Vestrel.ini is out of date.  This program is creating a new one.";
+
+/// Little-endian numbers by hand.
+template <typename Bits>
+std::string Little(Bits bits) {
+    std::string bytes;
+    for (std::size_t i = 0; i < sizeof bits; ++i) bytes += static_cast<char>(bits >> (8 * i) & 255);
+    return bytes;
+}
+std::string Little(double value) {
+    return Little(std::bit_cast<std::uint64_t>(value));
+}
+
+/// A settings file whose fields hold 1.5, 2.5, ... in file order, 101 and −102 the 16-bit ones.
+std::string FileByHand(std::string openFolder, std::string saveFolder) {
+    std::string bytes = Little(std::uint32_t{113113});
+    for (int i = 1; i <= 6; ++i) bytes += Little(i + 0.5);
+    bytes += Little(std::uint16_t{101}) + Little(static_cast<std::uint16_t>(-102));
+    for (int i = 7; i <= 12; ++i) bytes += Little(i + 0.5);
+    openFolder.resize(255, ' ');
+    saveFolder.resize(255, ' ');
+    return bytes + openFolder + saveFolder;
+}
+
+std::vector<double> Numbers(const SolveParameters& p) {
+    return {p.MaxStarSize,         p.MatchTolerance,    p.MatchDivisor, p.DetectionThreshold,
+            p.EdgeExclusion,       p.MaxGeometricError, p.MaxError,     p.BackgroundRadius,
+            p.ApertureRadius,      p.FieldWidth,        p.FieldHeight,  p.SizeUnit,
+            double(p.MinStarSize), double(p.MaxStars)};
+}
+
+/// A program whose settings file is in a folder of its own.
+class Settings : public testing::Test {
+ protected:
+    Settings() { setenv("VESTREL_SETTINGS", File.c_str(), 1); }
+    ~Settings() override { unsetenv("VESTREL_SETTINGS"); }
+
+    void Start(std::string_view bytes) {
+        WriteFile(File, bytes);
+        Restart();
+    }
+    void Restart() {
+        State = {};
+        Messages.emplace(State);
+        InitSettings(State, *Messages);
+    }
+    bool HasDefaults() const {
+        return Numbers(State.Parameters) ==
+                   std::vector<double>{6, 0.01, 150, 6, 0.02, 0.025, 2, 20, 12, 20, 20, 0, 3, 45} &&
+               State.Parameters.LastOpenFolder == TextFromPath(ProgramFolder()) &&
+               State.Parameters.LastSaveFolder == TextFromPath(ProgramFolder());
+    }
+
+    TemporaryFolder Folder;
+    std::filesystem::path File = Folder / "Vestrel.ini";
+    ProgramState State;
+    std::optional<RecordingPort> Messages;
+};
+
+}  // namespace
+
+TEST_F(Settings, EveryByteOfTheFileHasItsPlace) {
+    const std::string bytes = FileByHand("C:\\images", "/home/m\xC3\xBC/x");
+    ASSERT_EQ(bytes.size(), 614U);
+    Start(bytes);
+    EXPECT_TRUE(State.HaveConfig);
+    EXPECT_TRUE(Messages->Messages.empty());
+    EXPECT_EQ(Numbers(State.Parameters),
+              (std::vector<double>{1.5, 2.5, 3.5, 4.5, 5.5, 6.5, 7.5, 8.5, 9.5, 10.5, 11.5, 12.5,
+                                   101, -102}));
+    EXPECT_EQ(State.Parameters.LastOpenFolder, "C:\\images");
+    EXPECT_EQ(State.Parameters.LastSaveFolder, "/home/m\xC3\xBC/x");
+    State.Inputs = {"none", "", "parsecs"};  // change nothing
+    ASSERT_TRUE(SaveSettings(State));
+    EXPECT_EQ(ReadFile(File), bytes);
+}
+
+TEST_F(Settings, OnlyAWholeFileOfThisStampIsRead) {
+    const std::string bytes = FileByHand("a", "b");
+    for (std::size_t length = 0; length <= 614; length += length < 8 || length > 600 ? 1 : 37) {
+        Start(bytes.substr(0, length));
+        EXPECT_EQ(State.HaveConfig, length == 614) << length;
+        EXPECT_EQ(Messages->Messages.size(), length >= 5 && length < 614 ? 1U : 0U) << length;
+        EXPECT_TRUE(State.HaveConfig || HasDefaults()) << length;
+    }
+    Start(bytes + "longer");
+    EXPECT_TRUE(State.HaveConfig);
+    Start("\xDA" + bytes.substr(1));
+    EXPECT_EQ(Messages->Messages, std::vector<std::string>{outOfDate});
+    EXPECT_TRUE(HasDefaults());
+    std::string notANumber = bytes;
+    notANumber.replace(12, 8, Little(std::numeric_limits<double>::quiet_NaN()));
+    Start(notANumber);
+    EXPECT_EQ(Messages->Messages, std::vector<std::string>{outOfDate});
+    // The next save makes the file good again, and the message goes.
+    ASSERT_TRUE(SaveSettings(State));
+    Restart();
+    EXPECT_TRUE(State.HaveConfig && Messages->Messages.empty() && HasDefaults());
+
+    for (std::uint32_t seed = 0; seed < 1500; ++seed) {
+        const std::string damaged = Damaged(bytes, seed, 110);
+        SolveParameters parameters;
+        parameters.LastOpenFolder = "before";
+        const SettingsRead result = DecodeSettings(
+            std::span(reinterpret_cast<const unsigned char*>(damaged.data()), damaged.size()),
+            parameters);
+        if (result != SettingsRead::Good) {
+            EXPECT_EQ(parameters.LastOpenFolder, "before") << seed;
+            continue;
+        }
+        for (const double number : Numbers(parameters)) EXPECT_TRUE(std::isfinite(number)) << seed;
+        EXPECT_LE(parameters.LastSaveFolder.size(), 255U) << seed;
+    }
+}
+
+TEST_F(Settings, LongFoldersAreCutBetweenCharacters) {
+    const std::string star = "\xE2\x98\x85";
+    for (std::size_t lead = 250; lead <= 256; ++lead) {
+        State.Parameters.LastOpenFolder = std::string(lead, 'f') + star;
+        State.Parameters.LastSaveFolder = std::string(300, '\x80');  // no character begins here
+        ASSERT_TRUE(SaveSettings(State));
+        EXPECT_EQ(ReadFile(File).size(), 614U);
+        Restart();
+        EXPECT_EQ(State.Parameters.LastOpenFolder,
+                  std::string(std::min<std::size_t>(lead, 255), 'f') + (lead <= 252 ? star : ""));
+        EXPECT_LE(State.Parameters.LastSaveFolder.size(), 255U);
+    }
+}
+
+TEST_F(Settings, SizesGoThroughTheInputsInTwoDecimals) {
+    Restart();  // no file yet
+    EXPECT_TRUE(std::filesystem::exists(File) && std::filesystem::file_size(File) == 0);
+    EXPECT_TRUE(HasDefaults() && Messages->Messages.empty() && !State.HaveConfig);
+    EXPECT_EQ(State.Inputs.SizeX + State.Inputs.Units, "20arcminutes");
+    State.Inputs = {"12.3456", " 0.125 ", "degrees"};
+    ASSERT_TRUE(SaveSettings(State));
+    Restart();
+    EXPECT_EQ(State.Parameters.FieldWidth, 12.35);
+    EXPECT_EQ(State.Parameters.FieldHeight, 0.12);  // halves go to the even digit
+    EXPECT_EQ(State.Parameters.SizeUnit, 1);
+    EXPECT_EQ(State.Inputs.SizeX + " " + State.Inputs.SizeY + State.Inputs.Units,
+              "12.35 0.12degrees");
+    // A size that no file may hold would cost the user all settings at the next start.
+    State.Inputs.SizeX = "1E999";
+    ASSERT_TRUE(SaveSettings(State));
+    Restart();
+    EXPECT_TRUE(State.HaveConfig && Messages->Messages.empty());
+    EXPECT_EQ(State.Parameters.FieldWidth, 12.35);
+}
+
+TEST_F(Settings, ADecimalCommaLocaleChangesNothing) {
+    if (std::setlocale(LC_ALL, "de_DE.UTF-8") == nullptr) {
+        GTEST_SKIP() << "no locale de_DE.UTF-8 here";
+    }
+    State.Inputs = {"12.34", "5,5", "arcminutes"};
+    ASSERT_TRUE(SaveSettings(State));
+    Restart();
+    std::setlocale(LC_ALL, "C");
+    EXPECT_EQ(State.Parameters.FieldWidth, 12.34);
+    EXPECT_EQ(State.Parameters.FieldHeight, 20);
+    EXPECT_EQ(State.Inputs.SizeX, "12.34");
+}
+
+TEST_F(Settings, SavingReplacesTheFileWholeOrNotAtAll) {
+    const std::string old = FileByHand("old", "old");
+    Start(old);
+    // Whoever has the old file open goes on reading the old one.
+    const FileHandle reader = OpenFile(File, "rb");
+    State.Parameters.MaxStars = 7;
+    ASSERT_TRUE(SaveSettings(State));
+    std::string seen(614, '\0');
+    ASSERT_EQ(std::fread(seen.data(), 1, seen.size(), reader.get()), 614U);
+    EXPECT_EQ(seen, old);
+    EXPECT_EQ(ReadFile(File).substr(54, 2), std::string("\x07\x00", 2));
+    // Nothing else is left in the folder.
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(Folder.Path), {}), 1);
+
+    std::filesystem::create_directories(Folder / "folder/Vestrel.ini");
+    for (const auto& nowhere : {Folder / "folder/Vestrel.ini", File / "Vestrel.ini"}) {
+        setenv("VESTREL_SETTINGS", nowhere.c_str(), 1);
+        Restart();
+        EXPECT_TRUE(HasDefaults() && Messages->Messages.empty());
+        EXPECT_FALSE(SaveSettings(State));
+    }
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(Folder / "folder"), {}), 1);
+    // Nothing is written through a link that waits where the temporary file would be.
+    const auto waiting = Folder / ("Vestrel.ini." + std::to_string(getpid()) + ".0.tmp");
+    WriteFile(Folder / "precious", "precious");
+    std::filesystem::create_symlink(Folder / "precious", waiting);
+    setenv("VESTREL_SETTINGS", File.c_str(), 1);
+    EXPECT_TRUE(SaveSettings(State));
+    EXPECT_EQ(ReadFile(Folder / "precious"), "precious");
+    EXPECT_TRUE(std::filesystem::is_symlink(waiting));
+    // A missing folder is made; a name of the greatest length leaves room for nothing more.
+    const auto longest = Folder / "new/deep" / std::string(255, 'n');
+    setenv("VESTREL_SETTINGS", longest.c_str(), 1);
+    EXPECT_TRUE(SaveSettings(State));
+    EXPECT_EQ(std::filesystem::file_size(longest), 614U);
+
+    if (geteuid() == 0) return;  // nothing is unwritable for the superuser
+    chmod(Folder.Path.c_str(), 0500);
+    setenv("VESTREL_SETTINGS", File.c_str(), 1);
+    EXPECT_FALSE(SaveSettings(State));
+    chmod(Folder.Path.c_str(), 0700);
+    EXPECT_EQ(ReadFile(File).size(), 614U);
+}
+
+TEST(SettingsPlace, FollowsTheEnvironment) {
+    setenv("XDG_CONFIG_HOME", "/some/where", 1);
+    EXPECT_EQ(SettingsFilePath(), "/some/where/vestrel/Vestrel.ini");
+    setenv("XDG_CONFIG_HOME", "not/absolute", 1);
+    setenv("HOME", "/home/m\xC3\xBC", 1);
+    EXPECT_EQ(SettingsFilePath(), "/home/m\xC3\xBC/.config/vestrel/Vestrel.ini");
+    setenv("XDG_DATA_HOME", "/some/where", 1);
+    unsetenv("VESTREL_CATALOG");
+    EXPECT_TRUE(DefaultCatalogFolder() == "/some/where/Harrowdene/KEL" ||
+                DefaultCatalogFolder() == "/var/lib/Harrowdene/KEL");
+    const TemporaryFolder data;
+    std::filesystem::create_directories(data / "Harrowdene/KEL");
+    setenv("XDG_DATA_HOME", data.Path.c_str(), 1);
+    EXPECT_EQ(DefaultCatalogFolder(), data / "Harrowdene/KEL");
+    setenv("VESTREL_CATALOG", "/else", 1);
+    EXPECT_EQ(DefaultCatalogFolder(), "/else");
+}
+
+}  // namespace vestrel
