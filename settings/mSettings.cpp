@@ -1,5 +1,6 @@
 #include "settings/mSettings.h"
 
+#include <cmath>
 #include <system_error>
 #include <vector>
 
@@ -16,7 +17,9 @@ constexpr const char* arcminutes = "arcminutes";
 constexpr const char* degrees = "degrees";
 
 void TakeSize(const std::string& text, double& field) {
-    if (const auto value = ParseNumber(text)) field = RoundToDecimals(*value, 2);
+    const auto value = ParseNumber(text);
+    // A file with an infinity in it would be refused, and all other settings with it.
+    if (value && std::isfinite(*value)) field = RoundToDecimals(*value, 2);
 }
 
 void EnsureFolderOf(const std::filesystem::path& file) {
