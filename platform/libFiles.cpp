@@ -69,10 +69,19 @@ bool ReadWholeFile(const fs::path& path, std::size_t limit, std::vector<unsigned
 }
 
 bool ReplaceFile(const fs::path& path, std::span<const unsigned char> bytes) {
-    fs::path temporary = path;
-    temporary += "." + std::to_string(ProcessNumber()) + ".tmp";
+    // A name of the greatest length leaves no room for more. And never a file or link that is there
+    // already: whoever may write in the folder could have put it there for us to write through.
+    constexpr std::size_t nameLength = 200;
+    const std::string ending = "." + std::to_string(ProcessNumber());
+    fs::path temporary;
+    FileHandle file;
+    constexpr int attempts = 100;
+    for (int i = 0; i < attempts && !file; ++i) {
+        temporary = path.parent_path() / path.filename().native().substr(0, nameLength);
+        temporary += ending + "." + std::to_string(i) + ".tmp";
+        file = OpenFile(temporary, "wbx");
+    }
     std::error_code error;
-    FileHandle file = OpenFile(temporary, "wb");
     if (!file) return false;
     bool good = std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size();
     good = FlushToDisk(file.get()) && good;
