@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -46,8 +47,12 @@ void ParallelFor(int count, const std::function<void(int)>& work, const Progress
     {
         std::vector<std::jthread> helpers;
         const int threads = std::min(ParallelThreads(), count);
-        for (int i = 1; i < threads; ++i) {
-            helpers.emplace_back([&takePieces] { takePieces({}); });
+        try {
+            for (int i = 1; i < threads; ++i) {
+                helpers.emplace_back([&takePieces] { takePieces({}); });
+            }
+        } catch (const std::system_error&) {
+            // A system without room for another thread: the ones there are do all of it.
         }
         takePieces(progress);
     }

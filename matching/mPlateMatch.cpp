@@ -70,7 +70,6 @@ class RegionSearch {
         const SolveParameters& parameters = state_.Parameters;
         const AlignSettings settings{parameters.MatchTolerance, parameters.MatchDivisor,
                                      parameters.MaxGeometricError, parameters.MaxStars};
-        PlateSolution& solution = state_.Solution;
         // The matcher lowers the counts that it is given.
         std::int32_t catalogCount = CatalogCount;
         std::int32_t plateCount = state_.PlateStarCount;
@@ -78,8 +77,8 @@ class RegionSearch {
         double fitError = 0;
         AlignReport report;
         const bool matched = AlignImages(CatalogStars, catalogCount, state_.PlateStars, plateCount,
-                                         solution.Pairs, solution.PairCount, solution.Transform,
-                                         geometry, fitError, solution.MatchedCount, matchTolerance_,
+                                         Attempt.Pairs, Attempt.PairCount, Attempt.Transform,
+                                         geometry, fitError, Attempt.MatchedCount, matchTolerance_,
                                          settings, plateTriangles_, report, ShownProgress(port_));
         port_.ShowProgress(0);
         ++state_.Report.RegionsTried;
@@ -87,6 +86,7 @@ class RegionSearch {
         return matched;
     }
 
+    PlateSolution Attempt;       ///< pairs and constants of the region tried last
     PlateStarList CatalogStars;  ///< of the region tried last
     std::int32_t CatalogCount = 0;
 
@@ -144,6 +144,7 @@ void SetZeroPoint(ProgramState& state, const PlateStarList& catalogStars) {
 void TakeSolution(ProgramState& state, Port& port, const RegionSearch& search, SkyPosition tangent,
                   std::int32_t regions, double& ra, double& dec) {
     PlateSolution& solution = state.Solution;
+    solution = search.Attempt;
     double xi = 0;
     double eta = 0;
     InvertPlateFit(solution.Transform, (state.Image.Width - 1) / 2.0,
