@@ -1,6 +1,7 @@
 #include "app/consoleOptions.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <system_error>
 
 #include "app/exitCodes.h"
@@ -38,6 +39,23 @@ bool LooksLikeParameterString(const std::string& argument) {
     std::error_code ignored;
     return !argument.empty() && !std::filesystem::exists(PathFromText(argument), ignored) &&
            argument.find(',') != std::string::npos;
+}
+
+/// Takes a parameter string that begins with "-", as the right ascension of one may, out of the
+/// arguments: it would be read as an option.
+std::string TakeNegativeParameterString(std::vector<std::string>& arguments) {
+    constexpr std::ptrdiff_t commas = 5;
+    const bool alone = arguments.size() == 1;
+    const auto found =
+        std::find_if(arguments.begin(), arguments.end(), [alone](const std::string& argument) {
+            return argument.starts_with('-') && !argument.starts_with("--") &&
+                   LooksLikeParameterString(argument) &&
+                   (alone || std::count(argument.begin(), argument.end(), ',') >= commas);
+        });
+    if (found == arguments.end()) return {};
+    std::string taken = std::move(*found);
+    arguments.erase(found);
+    return taken;
 }
 
 void AddParameterOptions(CLI::App& app, SolveParameters& parameters) {
@@ -106,8 +124,11 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     app.add_flag("--quiet", options.Quiet, "No progress, and no explanation of failures");
     AddParameterOptions(app, parameters);
 
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    std::string negative = TakeNegativeParameterString(arguments);
     try {
-        app.parse(argc, argv);
+        std::reverse(arguments.begin(), arguments.end());  // as it wants them
+        app.parse(std::move(arguments));
     } catch (const CLI::ParseError& end) {
         std::ostringstream out;
         std::ostringstream errors;
@@ -115,6 +136,7 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
         if (code == 0) return {0, out.str()};
         return {ExitCode::Usage, errors.str()};
     }
+    if (argument.empty()) argument = std::move(negative);
     options.CatalogFolder = PathFromText(catalog);
     const bool anySearchInput = !ra.empty() || !dec.empty() || !size.empty();
     if (!anySearchInput && LooksLikeParameterString(argument)) {
