@@ -23,6 +23,16 @@ extern "C" void OnStopSignal(int signal) {
     std::signal(signal, SIG_DFL);
 }
 
+/// The text without control characters: messages quote what stands in files, and a terminal would
+/// obey it.
+std::string Harmless(std::string text) {
+    for (char& c : text) {
+        const auto code = static_cast<unsigned char>(c);
+        if (code < 32 || code == 127) c = '?';
+    }
+    return text;
+}
+
 bool IsTerminal(int stream) {
 #ifdef _WIN32
     return _isatty(stream) != 0;
@@ -53,7 +63,7 @@ ConsolePort::~ConsolePort() {
 
 void ConsolePort::ShowMessage(const std::string& text, const std::string& title) {
     EndProgressLine();
-    std::fprintf(stderr, "%s: %s\n", title.c_str(), text.c_str());
+    std::fprintf(stderr, "%s: %s\n", title.c_str(), Harmless(text).c_str());
 }
 
 void ConsolePort::DisplayChanged() {
