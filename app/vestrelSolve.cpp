@@ -129,7 +129,12 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
     const bool solved = outcome.Result.Code == SolveCode::Solved && outcome.Attempted;
     nlohmann::ordered_json json;
     json["solved"] = solved;
-    json["code"] = outcome.Result.Code;
+    // Code 0 stands for too few stars: an outcome without a code must not look like it.
+    if (outcome.Result.Message.empty()) {
+        json["code"] = nullptr;
+    } else {
+        json["code"] = outcome.Result.Code;
+    }
     json["message"] = outcome.Result.Message;
     json["exit_code"] = outcome.Exit;
     json["image"] = outcome.Image;
@@ -251,6 +256,10 @@ int Run(int argc, const char* const* argv) {
                                 .c_str());
     } else {
         PrintForPeople(*state, outcome, options.Quiet);
+    }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        std::fputs("vestrel-solve: the result cannot be written to standard output\n", stderr);
+        if (outcome.Exit == ExitCode::Solved) outcome.Exit = ExitCode::NotWritten;
     }
     return outcome.Exit;
 }
