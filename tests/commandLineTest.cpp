@@ -164,61 +164,6 @@ TEST_F(Unattended, EveryFailureHasItsMessagesInOrderAndNoResultFile) {
     EXPECT_EQ(ReadFile(Folder / "broken.fit"), "SIMPLE  =");
 }
 
-TEST_F(Unattended, StaleResultsGoAndNothingElseOfTheUsers) {
-    WriteFile(Folder / "a.kel", "stale");
-    Solve("a.fit");  // there is no such image
-    EXPECT_FALSE(std::filesystem::exists(Folder / "a.kel"));
-
-    std::filesystem::create_directories(Folder / "x.kel");
-    std::filesystem::create_directories(Folder / "d.d");
-    for (const char* name :
-         {"keep.kel", "d.kel", "d.d/image", "d.d/image.kel", "b.kel", "x.kel/in"}) {
-        WriteFile(Folder / name, "mine");
-    }
-    std::filesystem::create_symlink(Folder / "b.kel", Folder / "link.kel");
-    Solve("keep.kel");                        // an image by the name of a result
-    Solve("d.d/image");                       // the only "." is the folder's
-    Solve("x.fit");                           // the result's place is a folder
-    Solve("link.fit");                        // only the link may go
-    Solve("b.fit", "1,0.5,0.01,0.005,many");  // no valid request at all
-    for (const char* name :
-         {"keep.kel", "d.kel", "d.d/image", "d.d/image.kel", "b.kel", "x.kel/in"}) {
-        EXPECT_EQ(ReadFile(Folder / name), "mine") << name;
-    }
-    WriteFile(Folder / "x.fit", StarField(60, 40, 2));
-    EXPECT_FALSE(Solve("x.fit").ResultFileWritten);
-    EXPECT_EQ(ReadFile(Folder / "x.kel/in"), "mine");
-}
-
-TEST_F(Unattended, EachEndOfASolveIsWrittenDown) {
-    WriteFile(Folder / "few.b.fit", StarField(120, 90, 3));
-    UnattendedOutcome outcome = Solve("few.b.fit", "1.2345,0.4567,0.0087266,0.005,9.6");
-    EXPECT_EQ(outcome.End, UnattendedEnd::Finished);
-    EXPECT_TRUE(Port.Messages.empty() && outcome.ResultFileWritten);
-    EXPECT_EQ(ReadFile(Folder / "few.b.kel"),
-              "1000,1000,0\r\n0,0,0,0,3\r\nUnanticipated problem during plate matching\r\n");
-    EXPECT_EQ(Port.Statuses.back(), "Extracted 3 Stars");
-    EXPECT_EQ(State.Display.StartSize, "30' X 17.2'");
-    EXPECT_EQ(State.Display.StartRegions, "10");
-    EXPECT_EQ(State.Display.ImageSize, "120 X 90");
-
-    WriteFile(Folder / "none.fit", StarField(160, 120, 20));
-    const std::string stars = "\r\n0,0,0,0,";
-    outcome = Solve("none.fit");
-    const std::string found = std::to_string(State.Extraction.StarsFound);
-    EXPECT_GE(State.Extraction.StarsFound, 12);
-    EXPECT_EQ(ReadFile(Folder / "none.kel"),
-              "1000,1000,-1" + stars + found + "\r\nMaximum search limit exceeded\r\n");
-    EXPECT_EQ(State.Report.RegionsTried, 4);  // one beyond the limit is looked at
-
-    Port.StopAtYield = Port.Yields + 1;
-    outcome = Solve("none.fit", "1,0.5,0.01,0.005,100000");
-    EXPECT_EQ(ReadFile(Folder / "none.kel"),
-              "1000,1000,-2" + stars + found + "\r\nVestrel was terminated by user\r\n");
-    EXPECT_EQ(Port.Statuses.back(), "Search Terminated");
-    EXPECT_EQ(State.Report.RegionsTried, 1);
-}
-
 TEST_F(Unattended, NoNumberOfTheCallerOrTheSettingsIsTooStrange) {
     std::filesystem::create_directories(State.Catalog.Folder);
     Random random(5);
