@@ -16,7 +16,7 @@ std::string Card(std::string_view keyword, const std::string& value, std::string
     constexpr std::size_t cardBytes = 80;
     std::string card(keyword);
     card.resize(8, ' ');
-    card += "= " + value;
+    card.append("= ").append(value);
     if (!comment.empty()) {
         card += " / ";
         card += comment;
