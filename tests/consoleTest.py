@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs the real vestrel-solve: what scripts rely on, and real pictures with known truth.
 
-Environment: VESTREL_SOLVE the program; VESTREL_TEST_CATALOG a real catalog (else the usual folder);
+Environment: VESTREL_SOLVE the program; VESTREL_CATALOG_TOOL the one that draws frames; VESTREL_TEST_CATALOG a real catalog (else the usual folder);
 VESTREL_SHARED_IMAGES a folder with real pictures and their truth.tsv.
 """
 import csv
@@ -10,6 +10,7 @@ import math
 import os
 import pathlib
 import pty
+import random
 import signal
 import struct
 import subprocess
@@ -18,6 +19,7 @@ import time
 import unittest
 
 SOLVER = os.environ["VESTREL_SOLVE"]
+RENDERER = os.environ["VESTREL_CATALOG_TOOL"]
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 CATALOG = pathlib.Path(os.environ.get("VESTREL_TEST_CATALOG") or os.path.join(
     os.environ.get("XDG_DATA_HOME", os.path.expanduser("~/.local/share")), "Harrowdene/KEL"))
@@ -99,10 +101,46 @@ class Contract(Solver):
                 self.assertNotIn(b"\x1b", run.stderr)
 
     def test_help_and_version_go_to_stdout(self):
-        for flag in ("--help", "--version"):
-            run = self.run_solver(flag)
-            self.assertEqual((run.returncode, run.stderr), (0, b""))
-            self.assertIn(b"vestrel-solve", run.stdout)
+        run = self.run_solver("--help")
+        self.assertEqual((run.returncode, run.stderr), (0, b""))
+        self.assertEqual(run.stdout.decode(),
+                         (ROOT / "tests/consoleHelp.txt").read_text(encoding="utf-8"))
+        self.assertRegex(self.run_solver("--version").stdout, rb"^vestrel-solve \d+\.\d+\.\d+\n$")
+
+    def test_negative_angles_are_values_and_no_options(self):
+        frame = self.frame()
+        for declination in ("-05:23:00", "-5.4", "-.5", "-00:00:30"):
+            for spelled in (["--dec", declination], ["--dec=" + declination]):
+                run = self.run_solver(frame, "--ra", "83.8", *spelled, "--size", "60x45",
+                                      "--regions", "1", "--json", "--catalog", self.folder / "no")
+                self.assertEqual(run.returncode, NO_CATALOG)
+                self.assertLess(json.loads(run.stdout)["best_attempt"]["dec_deg"], 0)
+        absent = self.folder / "a, b.fit"
+        for start in ("-0.5", "-.5", "-5E-1", " -1", "+1"):
+            for more in ([], ["--quiet"], ["--regions", "3"]):
+                run = self.run_solver(f"{start},-.1,0.1,0.1,2,{absent}", *more)
+                self.assertEqual((run.returncode, run.stderr.decode()),
+                                 (NO_IMAGE, "Vestrel: Unable to read the image file.\n"
+                                            "Vestrel 1.13 Error: Can't open input file\n"))
+        for wrong in ("-a,b", "-,,,,,", "-1,2,3,4"):
+            run = self.run_solver(wrong)
+            self.assertEqual((run.returncode, run.stderr),
+                             (USAGE, b"Vestrel 1.13 Error: Invalid parameter string\n"))
+        report = json.loads(self.run_solver("1,0,.1,.1,1,nodot", "--json").stdout)
+        self.assertIsNone(report["code"])  # 0 would mean too few stars
+
+    def test_files_cannot_send_commands_to_the_terminal(self):
+        card = "EXPTIME = \x1b]0;owned\x07\x1b[2J"
+        run = self.run_solver(self.frame("x.fit", card.ljust(80).encode()), "--ra", "1", "--dec", "1")
+        self.assertIn(b"EXPTIME = ?]0;owned??[2J", run.stderr)
+
+    def test_outdated_settings_are_told_and_survived(self):
+        (self.folder / "Vestrel.ini").write_bytes(b"OLD!!" + bytes(700))
+        run = self.run_solver(self.folder / "absent.fit", "--ra", "1", "--dec", "1")
+        self.assertEqual(run.returncode, NO_IMAGE)
+        self.assertTrue(run.stderr.startswith(
+            b"Vestrel: The parameter file Vestrel.ini is out of date.  "
+            b"This program is creating a new one.\n"), run.stderr)
 
     def test_unattended_failure_writes_its_result_whole_and_keeps_other_files(self):
         frame = self.frame("a,b.c.fit")
@@ -145,12 +183,13 @@ class Contract(Solver):
 
     def test_interrupt_stops_a_long_search_and_says_so(self):
         frame = self.frame()
-        process = subprocess.Popen([SOLVER, f"1,0.3,.02,.02,2000000000,{frame}", "--catalog",
-                                    str(self.folder)], env=self.environment,
-                                   stderr=subprocess.DEVNULL)
-        time.sleep(1.5)
-        process.send_signal(signal.SIGINT)
-        self.assertEqual(process.wait(timeout=60), STOPPED)
+        for stop in (signal.SIGINT, signal.SIGTERM):
+            process = subprocess.Popen([SOLVER, f"1,0.3,.02,.02,2000000000,{frame}", "--catalog",
+                                        str(self.folder)], env=self.environment,
+                                       stderr=subprocess.DEVNULL)
+            time.sleep(1.5)
+            process.send_signal(stop)
+            self.assertEqual(process.wait(timeout=60), STOPPED)
         result = frame.with_suffix(".kel").read_bytes().split(b"\r\n")
         self.assertEqual((result[0], result[2]),
                          (b"1000,1000,-2", b"Vestrel was terminated by user"))
@@ -177,12 +216,80 @@ class Contract(Solver):
             self.assertEqual(b"\x1b[31m" in output, coloured)
 
 
+class Solutions(Solver):
+    """What becomes of a solution, on a sky drawn for it."""
+
+    RA, DEC = 10.5, 5.7  # degrees, in the middle of the cell N02R02
+
+    def setUp(self):
+        super().setUp()
+        numbers = random.Random(4)
+        stars = ((math.radians(self.RA + numbers.uniform(-1.2, 1.2)),
+                  math.radians(self.DEC + numbers.uniform(-0.6, 0.6)),
+                  int(600 + 800 * numbers.random() ** 0.4)) for _ in range(900))
+        catalog = self.folder / "KEL"
+        catalog.mkdir()
+        (catalog / "N02R02").write_bytes(b"".join(struct.pack("<ffh", *star) for star in stars))
+        self.environment["VESTREL_CATALOG"] = str(catalog)
+        image = self.folder / "sky.fit"
+        subprocess.run([RENDERER, "render", "--ra", str(self.RA), "--dec", str(self.DEC), "--size",
+                        "60x45", "--width-px", "600", "--out", image], env=self.environment,
+                       check=True, capture_output=True)
+        self.sky = image.read_bytes()
+        self.search = [image, "--ra", self.RA, "--dec", self.DEC, "--size", "60x45"]
+        self.parameters = ",".join(repr(math.radians(x))
+                                   for x in (self.RA, self.DEC, 1, 0.75)) + ",1,"
+
+    def assert_centre(self, ra, dec):
+        self.assertAlmostEqual(ra, self.RA, delta=1 / 3600)
+        self.assertAlmostEqual(dec, self.DEC, delta=1 / 3600)
+
+    def test_it_goes_to_stdout_in_words_or_json(self):
+        run = self.run_solver(*self.search)
+        self.assertEqual((run.returncode, run.stderr), (SOLVED, b""))
+        self.assertTrue(run.stdout.startswith(b"Valid plate solution: "))
+        self.assertNotIn(b"\x1b", run.stdout)
+        report = json.loads(self.run_solver(*self.search, "--json").stdout)
+        self.assert_centre(report["ra_deg"], report["dec_deg"])
+        self.assertAlmostEqual(report["scale_arcsec_px"], 6, delta=0.002)
+        self.assertIs(report["mirrored"], False)
+        elsewhere = ["--ra", self.RA + 0.9, "--dec", self.DEC, "--size", "20x15"]
+        run = self.run_solver(self.search[0], *elsewhere, "--regions", "1")
+        self.assertEqual((run.returncode, run.stdout), (NO_MATCH, b""))
+
+    def test_results_are_written_beside_images_of_any_name(self):
+        for name in (b"m\xc3\xbc \xe2\x98\x85", b"\xff\xfe", b"-x, y", b"n" * 251):
+            image = os.fsencode(self.folder) + b"/" + name
+            with open(image + b".fit", "wb") as file:
+                file.write(self.sky)
+            run = subprocess.run([SOLVER, self.parameters.encode() + image + b".fit"],
+                                 env=self.environment, capture_output=True, check=False)
+            self.assertEqual(run.returncode, SOLVED, run.stderr)
+            with open(image + b".kel", "rb") as file:
+                lines = file.read().split(b"\r\n")
+            ra, dec, code = lines[0].split(b",")
+            self.assert_centre(math.degrees(float(ra)), math.degrees(float(dec)))
+            self.assertEqual([code, *lines[2:]], [b"1", b"Valid plate solution", b""])
+
+    def test_a_lost_one_is_an_error(self):
+        (self.folder / "sky.kel").mkdir()
+        run = self.run_solver(self.parameters + str(self.search[0]))
+        self.assertEqual(run.returncode, NOT_WRITTEN)
+        self.assertIn(b"sky.kel cannot be written.", run.stderr)
+        for more in ([], ["--json"]):
+            with open("/dev/full", "wb") as full:
+                run = subprocess.run([SOLVER, *map(str, self.search), *more], stdout=full,
+                                     stderr=subprocess.PIPE, env=self.environment, check=False)
+            self.assertEqual(run.returncode, NOT_WRITTEN)
+            self.assertIn(b"cannot be written", run.stderr)
+
+
 class RealPictures(Solver):
     """The sky as it was photographed, from hints up to a quarter of the field off."""
 
     @classmethod
     def setUpClass(cls):
-        if not (CATALOG / "catalog.json").exists():
+        if not any(cell.stat().st_size for cell in CATALOG.glob("[NS]??R??")):
             raise unittest.SkipTest(f"no catalog in {CATALOG}")
         if not (PICTURES / "truth.tsv").exists():
             raise unittest.SkipTest(f"no pictures in {PICTURES}")
