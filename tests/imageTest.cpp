@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <numeric>
 #include <random>
+#include <sstream>
 // jpeglib.h needs the two before it.
 #include <jpeglib.h>
 #ifdef VESTREL_HAVE_CFITSIO
@@ -127,94 +128,65 @@ std::vector<unsigned char> Blocks(int width, int height, int colours,
 }  // namespace
 
 TEST(FitsHeader, EveryKeywordReachesItsOwnFieldAndClearingEmptiesIt) {
-    // Values are the places of the keywords in this list, from 1.
-    const std::vector<std::string> keywords = {
-        "NAXIS",    "NAXIS1",   "NAXIS2",   "BITPIX",   "XORGSUBF", "YORGSUBF", "XBINNING",
-        "YBINNING", "PEDESTAL", "CBLACK",   "CWHITE",   "BSCALE",   "BZERO",    "EXPTIME",
-        "CCD-TEMP", "XPIXSZ",   "YPIXSZ",   "EGAIN",    "FOCALLEN", "APTDIA",   "APTAREA",
-        "DATAMAX",  "NH_A",     "NH_B",     "NH_U0",    "NH_C",     "NH_D",     "NH_V0",
-        "NH_PS",    "NH_RAREF", "NH_DEREF", "IMAGESZX", "IMAGESZY"};
-    const auto numbers = [](const ImageHeader& h) {
+    // Each field in the order of the keywords below.
+    const auto listed = [](const ImageHeader& h) {
         const auto& t = h.PlateTransform;
-        return std::vector<double>{double(h.NAxis),
-                                   double(h.NAxis1),
-                                   double(h.NAxis2),
-                                   double(h.BitPix),
-                                   double(h.XSubframeOrigin),
-                                   double(h.YSubframeOrigin),
-                                   double(h.XBinning),
-                                   double(h.YBinning),
-                                   double(h.Pedestal),
-                                   double(h.BlackLevel),
-                                   double(h.WhiteLevel),
-                                   h.BScale,
-                                   h.BZero,
-                                   h.ExposureTime,
-                                   h.CcdTemperature,
-                                   h.XPixelSize,
-                                   h.YPixelSize,
-                                   h.ElectronGain,
-                                   h.FocalLength,
-                                   h.ApertureDiameter,
-                                   h.ApertureArea,
-                                   h.DataMax,
-                                   t[0][0],
-                                   t[0][1],
-                                   t[0][2],
-                                   t[1][0],
-                                   t[1][1],
-                                   t[1][2],
-                                   h.PlateScale,
-                                   h.RaRef,
-                                   h.DecRef,
-                                   h.ImageSizeX,
-                                   h.ImageSizeY};
+        std::ostringstream out;
+        const auto list = [&out](const auto&... fields) { ((out << fields << ' '), ...); };
+        list(h.NAxis, h.NAxis1, h.NAxis2, h.BitPix, h.XSubframeOrigin, h.YSubframeOrigin,
+             h.XBinning, h.YBinning, h.Pedestal, h.BlackLevel, h.WhiteLevel);
+        list(h.BScale, h.BZero, h.ExposureTime, h.CcdTemperature, h.XPixelSize, h.YPixelSize,
+             h.ElectronGain, h.FocalLength, h.ApertureDiameter, h.ApertureArea, h.DataMax, t[0][0],
+             t[0][1], t[0][2], t[1][0], t[1][1], t[1][2], h.PlateScale, h.RaRef, h.DecRef,
+             h.ImageSizeX, h.ImageSizeY);
+        list(h.Object, h.Telescope, h.Instrument, h.Observer, h.DateObs, h.SoftwareCreate,
+             h.SoftwareModify, h.SbigStandardVersion, h.Filter, h.ObjectRA, h.ObjectDec);
+        list(h.Simple, h.PlateMatched, h.Compressed, h.History, h.Spare, h.Note, h.Date, h.Time);
+        return out.str();
     };
-    const std::vector<std::string> textKeywords = {"OBJECT",   "TELESCOP", "INSTRUME", "OBSERVER",
-                                                   "DATE-OBS", "SWCREATE", "SWMODIFY", "SBSTDVER",
-                                                   "FILTER",   "OBJCTRA",  "OBJCTDEC"};
-    const auto texts = [](const ImageHeader& h) {
-        return std::vector<std::string>{
-            h.Object,  h.Telescope,      h.Instrument,     h.Observer,
-            h.DateObs, h.SoftwareCreate, h.SoftwareModify, h.SbigStandardVersion,
-            h.Filter,  h.ObjectRA,       h.ObjectDec};
-    };
+    const char* whole =
+        "NAXIS NAXIS1 NAXIS2 BITPIX XORGSUBF YORGSUBF XBINNING YBINNING PEDESTAL "
+        "CBLACK CWHITE ";
+    const char* real =
+        "BSCALE BZERO EXPTIME CCD-TEMP XPIXSZ YPIXSZ EGAIN FOCALLEN APTDIA APTAREA "
+        "DATAMAX NH_A NH_B NH_U0 NH_C NH_D NH_V0 NH_PS NH_RAREF NH_DEREF IMAGESZX "
+        "IMAGESZY ";
+    const char* text =
+        "OBJECT TELESCOP INSTRUME OBSERVER DATE-OBS SWCREATE SWMODIFY SBSTDVER "
+        "FILTER OBJCTRA OBJCTDEC ";
     ImageHeader header;
+    ClearHeader(header);
+    std::string cleared;
+    for (int i = 0; i < 33; ++i) cleared += "0 ";
+    for (int i = 0; i < 9; ++i) cleared += "0 ";
+    cleared += "  0 0 0 0 0 0 0 0 ";  // the object's coordinates become empty
+    EXPECT_EQ(listed(header), cleared);
+
+    std::string expected;
     std::string error;
-    for (std::size_t i = 0; i < keywords.size(); ++i) {
-        EXPECT_EQ(
-            ParseHeaderCard(keywords[i] + " = " + std::to_string(i + 1) + ".25 / x", header, error),
-            keywords[i]);
-        EXPECT_EQ(error, "");
+    int value = 0;
+    for (const char* keywords : {whole, real, text}) {
+        std::istringstream words(keywords);
+        for (std::string keyword; words >> keyword;) {
+            const std::string number = std::to_string(++value);
+            const std::string stored = keywords == whole  ? number
+                                       : keywords == real ? number + ".5"
+                                                          : "'" + keyword + "'";
+            const std::string written = keywords == whole ? number + ".25" : stored;
+            EXPECT_EQ(ParseHeaderCard(keyword + " =  " + written + " / comment", header, error),
+                      keyword);
+            EXPECT_EQ(error, "");
+            expected += stored + " ";
+        }
     }
-    std::vector<double> expected(keywords.size());
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        expected[i] = static_cast<double>(i + 1) + (i < 11 ? 0 : 0.25);  // the first are integers
-    }
-    EXPECT_EQ(numbers(header), expected);
-    for (const std::string& keyword : textKeywords) {
-        ParseHeaderCard(keyword + "= '" + keyword + "'   / a comment", header, error);
-    }
-    for (std::size_t i = 0; i < textKeywords.size(); ++i) {
-        EXPECT_EQ(texts(header)[i], "'" + textKeywords[i] + "'");
-    }
-    EXPECT_EQ(ParseHeaderCard("bias = 7.5", header, error), "BIAS");
-    EXPECT_EQ(header.Pedestal, -8);
     ParseHeaderCard("NH_PM = T", header, error);
     ParseHeaderCard("simple=T", header, error);
-    EXPECT_TRUE(header.PlateMatched && header.Simple);
+    EXPECT_EQ(listed(header), expected + "1 1 0 0 0 0 0 0 ");
+    EXPECT_EQ(ParseHeaderCard("bias = 7.5", header, error), "BIAS");
+    EXPECT_EQ(header.Pedestal, -8);
     header.Cards[7] = "kept";
-
     ClearHeader(header);
-    EXPECT_EQ(numbers(header), std::vector<double>(keywords.size(), 0.0));
-    std::vector<std::string> cleared(textKeywords.size(), "0");
-    cleared[9] = cleared[10] = "";  // the two object coordinates
-    EXPECT_EQ(texts(header), cleared);
-    EXPECT_FALSE(header.PlateMatched || header.Simple || header.Compressed);
-    for (const std::string& text :
-         {header.History, header.Spare, header.Note, header.Date, header.Time}) {
-        EXPECT_EQ(text, "0");
-    }
+    EXPECT_EQ(listed(header), cleared);
     EXPECT_EQ(header.Cards[7], "kept");
 }
 
