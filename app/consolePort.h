@@ -16,6 +16,7 @@ class ConsolePort : public Port {
     ConsolePort& operator=(const ConsolePort&) = delete;
 
     void ShowMessage(const std::string& text, const std::string& title) override;
+    std::optional<std::string> AskForFile(const FileDialog& /*dialog*/) override { return {}; }
     void DisplayChanged() override;
     void ImageChanged() override {}
     void ShowProgress(int percent) override;

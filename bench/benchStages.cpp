@@ -32,6 +32,7 @@ namespace fs = std::filesystem;
 class SilentPort : public Port {
  public:
     void ShowMessage(const std::string& /*text*/, const std::string& /*title*/) override {}
+    std::optional<std::string> AskForFile(const FileDialog& /*dialog*/) override { return {}; }
     void DisplayChanged() override {}
     void ImageChanged() override {}
     void ShowProgress(int /*percent*/) override {}

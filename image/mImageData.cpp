@@ -7,7 +7,9 @@
 #include "astro/libStrings.h"
 #include "extraction/mStarExtraction.h"
 #include "image/libFITS.h"
+#include "image/libFitsWriter.h"
 #include "image/libPicture.h"
+#include "image/libSBIG.h"
 #include "platform/libPlatform.h"
 
 namespace vestrel {
@@ -23,6 +25,7 @@ std::string TypeOfFile(std::string_view path) {
     if (extension == "JPG" || extension == "JEPG") return "JPEG";
     if (extension == "BMP") return "BMP";
     if (extension == "FIT" || extension == "FITS" || extension == "FTS") return "FITS";
+    if (extension == "SBIG" || extension == "SBI") return "SBIG";
     return {};
 }
 
@@ -36,9 +39,10 @@ bool ReadImage(ProgramState& state, Port& port, const std::string& type, const s
     const StageTimer timer(state.Report.Times.Reading);
     ReadFailure failure;
     const Progress progress = ShownProgress(port);
-    const bool good = type == "FITS"
-                          ? ReadFitsFile(PathFromText(path), state.Image, progress, failure)
-                          : ReadPictureFile(PathFromText(path), state.Image, progress, failure);
+    const std::filesystem::path file = PathFromText(path);
+    const bool good = type == "FITS"   ? ReadFitsFile(file, state.Image, progress, failure)
+                      : type == "SBIG" ? ReadSbigFile(file, state.Image, progress, failure)
+                                       : ReadPictureFile(file, state.Image, progress, failure);
     port.ShowProgress(0);
     if (!good && !failure.Text.empty()) port.ShowMessage(failure.Text, failure.Title);
     return good;
@@ -63,7 +67,8 @@ bool OpenImage(ProgramState& state, Port& port, const std::string& path) {
     state.Display.ImageName = ShortenedPath(path);
     port.DisplayChanged();
     const std::string type = TypeOfFile(path);
-    if (type != "FITS" && type != "JPEG") {
+    // The open dialog offers BMP files all the same.
+    if (type != "SBIG" && type != "FITS" && type != "JPEG") {
         port.ShowMessage("File type is not supported", DefaultTitle);
         return false;
     }
@@ -83,6 +88,44 @@ bool OpenImage(ProgramState& state, Port& port, const std::string& path) {
     ShowStatus(state, port, "Ready");
     port.ImageChanged();
     return true;
+}
+
+void OpenImageDialog(ProgramState& state, Port& port) {
+    const std::optional<std::string> path = port.AskForFile(
+        {"Open Image",
+         "JPG Files (*.jpg)|*.jpg|BMP Files (*.bmp)|*.bmp|SBIG Files (*.SBIG)|*.SBIG;*.SBI|"
+         "FITS Files (*.FIT, *.FITS, *.FTS)|*.fit;*.fits;*.fts|All Files (*.*)|*.*",
+         4, state.Parameters.LastOpenFolder + "\\*.*", false});
+    if (!path) return;
+    ImageHeader previous = state.Image.Header;
+    ClearHeader(state.Image.Header);
+    const bool opened = OpenImage(state, port, *path);
+    // Refused by its extension: the image that stays keeps its header, or it could not be saved.
+    if (!opened && state.ImageLoaded) state.Image.Header = std::move(previous);
+}
+
+bool SaveImage(const ProgramState& state, Port& port, const std::string& path) {
+    if (!state.ImageLoaded) {
+        port.ShowMessage("There is no image to save.", DefaultTitle);
+        return false;
+    }
+    try {
+        WriteFitsFile(PathFromText(path), state.Image, [&port](int, int) { port.Yield(); });
+        return true;
+    } catch (const std::exception& error) {
+        port.ShowMessage(error.what(), DefaultTitle);
+        return false;
+    }
+}
+
+void SaveImageDialog(ProgramState& state, Port& port) {
+    const std::optional<std::string> path =
+        port.AskForFile({"Save Image As",
+                         "FITS Files (*.FIT, *.FITS, *.FTS)|*.fit;*.fits;*.fts|All Files(*.*)|*.*|",
+                         4, state.Parameters.LastSaveFolder + "\\*.*", true});
+    if (!path) return;
+    state.Parameters.LastSaveFolder = FolderOfPath(*path);
+    SaveImage(state, port, *path);
 }
 
 }  // namespace vestrel

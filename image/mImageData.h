@@ -8,9 +8,20 @@
 namespace vestrel {
 
 /// Loads an image file (UTF-8 path) into the program's one image, by its extension: FIT, FITS,
-/// FTS; JPG and, as it has always been accepted, JEPG. Shows the reader's message when that fails.
+/// FTS; SBIG, SBI; JPG and, as it has always been accepted, JEPG. Shows the reader's message when
+/// that fails.
 /// @return true on success; after a reader's failure no image is loaded
 bool OpenImage(ProgramState& state, Port& port, const std::string& path);
+
+/// Asks the user for an image and loads it. Cancelling changes nothing.
+void OpenImageDialog(ProgramState& state, Port& port);
+
+/// Writes the image with its solution as a FITS file (UTF-8 path), whole or not at all. Shows the
+/// system's error when that fails.
+bool SaveImage(const ProgramState& state, Port& port, const std::string& path);
+
+/// Asks the user for a file name and saves the image there. Cancelling changes nothing.
+void SaveImageDialog(ProgramState& state, Port& port);
 
 /// A path shortened from its start for a label: leading folders go until it has under 51
 /// characters; empty when no folder is left to go.

@@ -1,5 +1,6 @@
 #include "platform/libFiles.h"
 
+#include <cerrno>
 #include <system_error>
 
 #ifdef _WIN32
@@ -68,12 +69,43 @@ bool ReadWholeFile(const fs::path& path, std::size_t limit, std::vector<unsigned
     return std::fread(bytes.data(), 1, bytes.size(), file.get()) == bytes.size();
 }
 
-bool ReplaceFile(const fs::path& path, std::span<const unsigned char> bytes) {
+namespace {
+
+std::error_code LastError() {
+    return {errno != 0 ? errno : EIO, std::generic_category()};
+}
+
+bool WriteBytes(std::FILE* file, std::span<const unsigned char> bytes) {
+    return std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+}
+
+/// Appends what the file at `path` holds beyond its first `start` bytes. True when there is no
+/// such file or no more in it.
+bool AppendRest(std::FILE* file, const fs::path& path, std::size_t start) {
+    std::error_code absent;
+    if (!fs::exists(path, absent)) return true;
+    const FileHandle old = OpenFile(path, "rb");
+    if (!old) return false;
+    const std::int64_t length = FileLength(old.get());
+    if (length <= static_cast<std::int64_t>(start)) return length >= 0;
+#ifdef _WIN32
+    if (_fseeki64(old.get(), static_cast<std::int64_t>(start), SEEK_SET) != 0) return false;
+#else
+    if (fseeko(old.get(), static_cast<off_t>(start), SEEK_SET) != 0) return false;
+#endif
+    std::vector<unsigned char> chunk(std::size_t{1} << 16);
+    while (const std::size_t read = std::fread(chunk.data(), 1, chunk.size(), old.get())) {
+        if (!WriteBytes(file, std::span(chunk).first(read))) return false;
+    }
+    return std::ferror(old.get()) == 0;
+}
+
+/// A new file beside `path`, under a name that it returns in `temporary`.
+FileHandle CreateTemporary(const fs::path& path, fs::path& temporary) {
     // A name of the greatest length leaves no room for more. And never a file or link that is there
     // already: whoever may write in the folder could have put it there for us to write through.
     constexpr std::size_t nameLength = 200;
     const std::string ending = "." + std::to_string(ProcessNumber());
-    fs::path temporary;
     FileHandle file;
     constexpr int attempts = 100;
     for (int i = 0; i < attempts && !file; ++i) {
@@ -81,22 +113,51 @@ bool ReplaceFile(const fs::path& path, std::span<const unsigned char> bytes) {
         temporary += ending + "." + std::to_string(i) + ".tmp";
         file = OpenFile(temporary, "wbx");
     }
+    return file;
+}
+
+std::error_code Replace(const fs::path& path, std::span<const unsigned char> bytes, bool keepRest) {
     std::error_code error;
-    if (!file) return false;
-    bool good = std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size();
-    good = FlushToDisk(file.get()) && good;
-    good = std::fclose(file.release()) == 0 && good;
-    if (good) {
-        fs::rename(temporary, path, error);
-        good = !error;
+    // A rename would put a file in the place of a device, and of a folder that is empty.
+    const fs::file_status there = fs::symlink_status(path, error);
+    if (fs::exists(there) && !fs::is_regular_file(there) && !fs::is_symlink(there)) {
+        return std::make_error_code(fs::is_directory(there) ? std::errc::is_a_directory
+                                                            : std::errc::not_supported);
     }
-    if (!good) fs::remove(temporary, error);
-    return good;
+    errno = 0;
+    fs::path temporary;
+    FileHandle file = CreateTemporary(path, temporary);
+    if (!file) return LastError();
+    error.clear();
+    bool good = WriteBytes(file.get(), bytes) &&
+                (!keepRest || AppendRest(file.get(), path, bytes.size())) &&
+                FlushToDisk(file.get());
+    if (!good) error = LastError();
+    if (std::fclose(file.release()) != 0 && good) error = LastError();
+    if (!error) fs::rename(temporary, path, error);
+    std::error_code ignored;
+    if (error) fs::remove(temporary, ignored);
+    return error;
+}
+
+}  // namespace
+
+bool ReplaceFile(const fs::path& path, std::span<const unsigned char> bytes) {
+    return !Replace(path, bytes, false);
 }
 
 bool ReplaceFile(const fs::path& path, std::string_view text) {
     return ReplaceFile(path,
                        std::span(reinterpret_cast<const unsigned char*>(text.data()), text.size()));
+}
+
+void ReplaceFileStart(const fs::path& path, std::span<const unsigned char> bytes) {
+    std::error_code error;
+    // A link keeps pointing at its file, which gets the new content.
+    const fs::path target = fs::is_symlink(path, error) ? fs::canonical(path, error) : path;
+    error = target.empty() ? std::make_error_code(std::errc::no_such_file_or_directory)
+                           : Replace(target, bytes, true);
+    if (error) throw std::system_error(error, "Cannot write " + TextFromPath(path));
 }
 
 }  // namespace vestrel

@@ -93,6 +93,10 @@ class RecordingPort : public Port {
  public:
     explicit RecordingPort(ProgramState& state) : state_(state) {}
     void ShowMessage(const std::string& text, const std::string& title) override;
+    std::optional<std::string> AskForFile(const FileDialog& dialog) override {
+        Dialogs.push_back(dialog);
+        return Answer;
+    }
     void DisplayChanged() override;
     void ImageChanged() override { ++ImageChanges; }
     void ShowProgress(int percent) override { LargestPercent = std::max(LargestPercent, percent); }
@@ -101,6 +105,8 @@ class RecordingPort : public Port {
 
     std::vector<std::string> Messages;  ///< "title: text"
     std::vector<std::string> Statuses;  ///< each status line that was new
+    std::vector<FileDialog> Dialogs;
+    std::optional<std::string> Answer;  ///< to every file dialog
     int ImageChanges = 0;
     int LargestPercent = 0;
     int Yields = 0;

@@ -1,0 +1,257 @@
+#include "image/libSBIG.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <stdexcept>
+#include <variant>
+
+#include "astro/libMath.h"
+#include "astro/libStrings.h"
+#include "platform/libFiles.h"
+
+namespace vestrel {
+
+namespace {
+
+constexpr std::int64_t shortestFile = 1000;
+constexpr std::size_t headerLength = 2048;
+constexpr int mostLines = 1000;
+/// No camera writes so much; a file without line ends must not be read as a header.
+constexpr std::size_t longestHeader = std::size_t{1} << 20;
+constexpr std::int32_t offset = 32768;
+constexpr std::int16_t pedestalReduction = 100;
+
+double AsIs(double value) {
+    return value;
+}
+double HundredthsToSeconds(double value) {
+    return value / 100;
+}
+double InchesToMillimetres(double value) {
+    return value * 25.4;
+}
+double SquareInchesToSquareMillimetres(double value) {
+    return value * 25.4 * 25.4;
+}
+double MillimetresToMicrometres(double value) {
+    return value * 1000;
+}
+
+/// A number that changes its unit on the way from the file to the field.
+struct Measure {
+    double ImageHeader::*Field;
+    double (*Convert)(double);
+};
+struct SbigKeyword {
+    std::string_view Keyword;
+    std::string_view Name;  ///< in messages
+    std::variant<std::int16_t ImageHeader::*, Measure, std::string ImageHeader::*> Where;
+};
+
+const SbigKeyword* FindKeyword(std::string_view keyword) {
+    using H = ImageHeader;
+    static const SbigKeyword table[] = {
+        {"HEIGHT", "Height", &H::NAxis2},
+        {"WIDTH", "Width", &H::NAxis1},
+        {"PEDESTAL", "Pedestal", &H::Pedestal},
+        {"TEMPERATURE", "Temperature", Measure{&H::CcdTemperature, AsIs}},
+        {"EXPOSURE", "Exposure", Measure{&H::ExposureTime, HundredthsToSeconds}},
+        {"FOCAL_LENGTH", "Focal Length", Measure{&H::FocalLength, InchesToMillimetres}},
+        {"APERTURE", "Aperture Area", Measure{&H::ApertureArea, SquareInchesToSquareMillimetres}},
+        {"NOTE", "", &H::Note},
+        {"DATE", "", &H::Date},
+        {"TIME", "", &H::Time},
+        {"OBSERVER", "", &H::Observer},
+        {"X_PIXEL_SIZE", "X Pixel Size", Measure{&H::XPixelSize, MillimetresToMicrometres}},
+        {"Y_PIXEL_SIZE", "Y Pixel Size", Measure{&H::YPixelSize, MillimetresToMicrometres}},
+        {"E_GAIN", "E Gain", Measure{&H::ElectronGain, AsIs}},
+        {"FILTER", "", &H::Filter},
+    };
+    const auto* const found =
+        std::find_if(std::begin(table), std::end(table),
+                     [keyword](const SbigKeyword& entry) { return entry.Keyword == keyword; });
+    return found == std::end(table) ? nullptr : found;
+}
+
+/// The next line: the bytes up to a carriage return, without line feeds (writers disagree about
+/// the side of the carriage return on which they stand) and without the blanks around it.
+/// @param bytesRead grows by the bytes used, the carriage return included
+std::string ReadLine(std::FILE* file, std::size_t& bytesRead) {
+    std::string line;
+    for (;;) {
+        const int byte = std::getc(file);
+        if (byte == EOF) throw std::runtime_error("the file ends inside the header");
+        ++bytesRead;
+        if (byte == '\r') return std::string(Trim(line));
+        if (byte != '\n') line += static_cast<char>(byte);
+        if (bytesRead > longestHeader) throw std::runtime_error("header without an end");
+    }
+}
+
+/// Reads the lines up to END and moves to the first byte of the rows.
+bool ReadHeader(std::FILE* file, ImageHeader& header, ReadFailure& failure) {
+    std::size_t bytesRead = 0;
+    std::string line = ReadLine(file, bytesRead);
+    header.Cards[1] = line;
+    header.Compressed = UpperCase(line).find("COMPRESSED") != std::string::npos;
+    int counter = 1;
+    while (UpperCase(line) != "END") {
+        ++counter;
+        line = ReadLine(file, bytesRead);
+        if (counter < mostLines) header.Cards[static_cast<std::size_t>(counter)] = line;
+        std::string error;
+        ParseSbigLine(line, header, error);
+        if (!error.empty()) {
+            failure = {"Unable to read SBIG file. " + error, "SBIG Header Error"};
+            return false;
+        }
+        if (counter == mostLines) {
+            failure = {"Unable to completely read SBIG header.  Header is too long.",
+                       "SBIG Header Error"};
+            return false;
+        }
+    }
+    header.CardCount = static_cast<std::int16_t>(counter);
+    for (; bytesRead < headerLength; ++bytesRead) (void)std::getc(file);
+    return true;
+}
+
+/// What is left of the rows; whoever takes more than there is throws.
+class RowBytes {
+ public:
+    RowBytes(const std::uint8_t* bytes, std::size_t count) : next_(bytes), left_(count) {}
+    const std::uint8_t* Take(std::size_t count) {
+        if (count > left_) throw std::runtime_error("the file ends before the last row");
+        const std::uint8_t* taken = next_;
+        next_ += count;
+        left_ -= count;
+        return taken;
+    }
+    std::int32_t Take16() {
+        const std::uint8_t* bytes = Take(2);
+        return bytes[0] + bytes[1] * 256;
+    }
+
+ private:
+    const std::uint8_t* next_;
+    std::size_t left_;
+};
+
+/// Converts a compressed row. @return the bytes used
+std::size_t ReadCompressedRow(RowBytes& bytes, std::int32_t* row, std::int32_t width) {
+    constexpr int escape = 128;
+    std::int32_t value = bytes.Take16();
+    std::size_t used = 2;
+    if (width > 0) row[0] = value - offset;
+    for (std::int32_t x = 1; x < width; ++x) {
+        const std::uint8_t delta = *bytes.Take(1);
+        if (delta == escape) {
+            value = bytes.Take16();
+            used += 3;
+        } else {
+            value += static_cast<std::int8_t>(delta);
+            ++used;
+        }
+        row[x] = value - offset;
+    }
+    return used;
+}
+
+bool ReadRows(RowBytes bytes, PlateImage& image, const Progress& progress, ReadFailure& failure) {
+    for (std::int32_t y = 0; y < image.Height; ++y) {
+        const std::int32_t length = bytes.Take16();
+        std::int32_t* row = image.Pixels.Row(y).data();
+        if (length == 2 * image.Width) {
+            for (std::int32_t x = 0; x < image.Width; ++x) row[x] = bytes.Take16() - offset;
+        } else if (ReadCompressedRow(bytes, row, image.Width) != static_cast<std::size_t>(length)) {
+            failure = {
+                "Unable to read SBIG file. Incorrect number of bytes in line " + std::to_string(y),
+                "SBIG Reading Error"};
+            return false;
+        }
+        if (y % 20 == 0 && progress) progress(y, image.Height);
+    }
+    if (progress) progress(0, image.Height);
+    return true;
+}
+
+bool ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
+                const Progress& progress, ReadFailure& failure) {
+    // One read of what the rows can take at the most.
+    constexpr std::size_t longestRow = 2 + 65535;
+    ImageHeader& header = image.Header;
+    if (header.NAxis1 < 0 || header.NAxis2 < 0) throw std::range_error("negative size");
+    const std::size_t longest = std::min(static_cast<std::size_t>(fileLength),
+                                         longestRow * static_cast<std::size_t>(header.NAxis2));
+    const auto data = std::make_unique_for_overwrite<std::uint8_t[]>(longest);
+    const std::size_t held = std::fread(data.get(), 1, longest, file);
+
+    if (!RoundToInt16(header.Pedestal - pedestalReduction, header.Pedestal)) {
+        throw std::range_error("pedestal too small");
+    }
+    image.Width = header.NAxis1;
+    image.Height = header.NAxis2;
+    image.DataOffset = offset;
+    image.Pedestal = header.Pedestal;
+    image.Pixels = Grid<std::int32_t>();  // gives the old image's memory back first
+    image.Pixels = Grid<std::int32_t>(image.Width, image.Height);
+    return ReadRows({data.get(), held}, image, progress, failure);
+}
+
+}  // namespace
+
+bool ReadSbigFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
+                  ReadFailure& failure) {
+    failure = {};
+    ImageHeader& header = image.Header;
+    ClearHeader(header);
+    try {
+        const FileHandle file = OpenFile(path, "rb");
+        if (!file) throw std::runtime_error("cannot be opened");
+        const std::int64_t fileLength = FileLength(file.get());
+        if (fileLength < 0) throw std::runtime_error("has no length");
+        if (fileLength < shortestFile) return false;
+        if (!ReadHeader(file.get(), header, failure)) return false;
+        header.BitPix = 16;
+        header.BScale = 1;
+        header.BZero = offset;
+        header.DataMax = 65535;
+        header.NAxis = 2;
+        header.Simple = true;
+        return ReadPixels(file.get(), fileLength, image, progress, failure);
+    } catch (const std::exception&) {
+        failure = {"Can't open image file", DefaultTitle};
+        return false;
+    }
+}
+
+std::string ParseSbigLine(std::string_view line, ImageHeader& header, std::string& error) {
+    error.clear();
+    const std::size_t equals = line.find('=');
+    if (equals == std::string_view::npos) return {};
+    std::string keyword = UpperCase(Trim(line.substr(0, equals)));
+    const std::string_view value = Trim(line.substr(equals + 1));
+    const SbigKeyword* entry = FindKeyword(keyword);
+    if (entry == nullptr) return keyword;
+    if (const auto* text = std::get_if<std::string ImageHeader::*>(&entry->Where)) {
+        header.*(*text) = value;
+        return keyword;
+    }
+    const auto number = ParseNumber(value);
+    if (!number) {
+        error = "Non-numeric " + std::string(entry->Name) + " parameter";
+    } else if (const auto* whole = std::get_if<std::int16_t ImageHeader::*>(&entry->Where)) {
+        if (!RoundToInt16(*number, header.*(*whole))) throw std::range_error("integer too large");
+    } else {
+        const Measure measure = std::get<Measure>(entry->Where);
+        const double converted = measure.Convert(*number);
+        if (!std::isfinite(converted)) throw std::range_error("number too large");
+        header.*measure.Field = converted;
+    }
+    return keyword;
+}
+
+}  // namespace vestrel
