@@ -55,6 +55,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const CheckedImage read = ReadChecked(ReadFitsFile, bytes);
     if (read.Good) {
         CheckPixels(bytes, read.Image);
+        CheckSaved(read.Image);
     } else {
         Require(!read.Failure.Text.empty(), "a failed read has a message");
     }

@@ -1,9 +1,14 @@
 #include "fuzz/fuzzSupport.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+
+#include "astro/libStrings.h"
+#include "image/libFITS.h"
+#include "image/libFitsWriter.h"
 
 namespace vestrel {
 
@@ -20,6 +25,21 @@ void RequireFinite(const ImageHeader& header) {
     for (const auto& row : header.PlateTransform) {
         for (const double number : row) Require(std::isfinite(number), "the transform is finite");
     }
+}
+
+/// The texts of a header that a saved file has.
+auto SavedTexts(const ImageHeader& h) {
+    return std::array<std::string_view, 11>{
+        h.Object,  h.Telescope,      h.Instrument,     h.Observer,
+        h.DateObs, h.SoftwareCreate, h.SoftwareModify, h.SbigStandardVersion,
+        h.Filter,  h.ObjectRA,       h.ObjectDec};
+}
+
+/// Numbers that a saved file has with 15 digits.
+auto SavedNumbers(const ImageHeader& h) {
+    const auto& t = h.PlateTransform;
+    return std::array<double, 9>{h.RaRef, h.DecRef, h.PlateScale, t[0][0], t[0][1],
+                                 t[0][2], t[1][0],  t[1][1],      t[1][2]};
 }
 
 }  // namespace
@@ -64,6 +84,41 @@ CheckedImage ReadChecked(ImageReader read, std::string_view bytes) {
         Require(image.Pixels(x, image.Height) == 0, "the spare row is empty");
     }
     return result;
+}
+
+void CheckSaved(const PlateImage& image) {
+    constexpr std::int64_t mostPixels = 4096;
+    constexpr std::size_t longestText = 68;
+    if (std::int64_t{image.Width} * image.Height > mostPixels) return;
+    const auto texts = SavedTexts(image.Header);
+    if (std::any_of(texts.begin(), texts.end(),
+                    [](std::string_view text) { return text.size() > longestText; })) {
+        return;
+    }
+    static const std::filesystem::path file = InputFolder() / "saved.fit";
+    WriteFile(file, {});
+    WriteFitsFile(file, image, nullptr);
+    PlateImage again;
+    ReadFailure failure;
+    Require(ReadFitsFile(file, again, nullptr, failure), "what is saved opens again");
+    Require(again.Width == image.Width && again.Height == image.Height, "the size is saved");
+    for (std::int32_t y = 0; y < image.Height; ++y) {
+        for (std::int32_t x = 0; x < image.Width; ++x) {
+            const int low = static_cast<std::int16_t>(image.Pixels(x, y) & 0xFFFF);
+            Require(again.Pixels(x, y) == std::max(low, -again.DataOffset), "pixels are saved");
+        }
+    }
+    const auto textsAgain = SavedTexts(again.Header);
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        Require(textsAgain[i] == Trim(texts[i].substr(0, texts[i].find('/'))), "texts are saved");
+    }
+    const auto numbers = SavedNumbers(image.Header);
+    const auto numbersAgain = SavedNumbers(again.Header);
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+        Require(std::fabs(numbersAgain[i] - numbers[i]) <= 1e-14 * std::fabs(numbers[i]),
+                "the solution is saved");
+    }
+    Require(again.Header.PlateMatched == image.Header.PlateMatched, "solved stays solved");
 }
 
 }  // namespace vestrel

@@ -36,6 +36,10 @@ using ImageReader = bool (*)(const std::filesystem::path&, PlateImage&, const Pr
                              ReadFailure&);
 CheckedImage ReadChecked(ImageReader read, std::string_view bytes);
 
+/// Saves an image that a reader made and opens it again: pixels, texts and the plate solution must
+/// have survived. Large images, and headers with texts too long for a card, are let pass.
+void CheckSaved(const PlateImage& image);
+
 /// Pixels are walked up to this many rows and columns: forged headers promise far more.
 inline constexpr std::int32_t WalkedSize = 256;
 
