@@ -145,22 +145,35 @@ ExportedPixels PixelsOfOthers(const PlateImage& image) {
     return pixels;
 }
 
-/// Keywords that speak of the layout of the file, which is now another.
+/// Keywords that speak of the layout of the file or of its checksums.
 bool IsLayoutKeyword(std::string_view keyword, int bitPix) {
     static constexpr std::string_view layout[] = {
-        "SIMPLE", "BITPIX", "NAXIS",  "BSCALE",  "BZERO",   "END",      "EXTEND", "XTENSION",
-        "PCOUNT", "GCOUNT", "GROUPS", "BLOCKED", "NEXTEND", "CHECKSUM", "DATASUM"};
+        "SIMPLE", "BITPIX", "NAXIS",   "BSCALE",  "BZERO",    "XTENSION", "PCOUNT",
+        "GCOUNT", "GROUPS", "BLOCKED", "NEXTEND", "CHECKSUM", "DATASUM"};
     if (std::find(std::begin(layout), std::end(layout), keyword) != std::end(layout)) return true;
     if (keyword.starts_with("NAXIS") && keyword.size() > 5) return true;
     return keyword == "BLANK" && bitPix < 0;
 }
 
-/// The original's cards that still hold. Of a keyword that stands in several, the last one, which
-/// is the one that readers go by.
-void AppendKeptCards(std::vector<std::string>& cards, const ImageHeader& header, int bitPix) {
+/// The cards that say how the pixels are stored.
+std::vector<std::string> LayoutCards(const PlateImage& image, const ExportedPixels& pixels) {
+    return {FitsFlagCard("SIMPLE", true, "standard FITS"),
+            FitsNumberCard("BITPIX", pixels.BitPix, "bits per pixel"),
+            FitsNumberCard("NAXIS", 2, "axes"),
+            FitsNumberCard("NAXIS1", image.Width, "columns"),
+            FitsNumberCard("NAXIS2", image.Height, "rows, from the bottom of the picture up"),
+            FitsNumberCard("BSCALE", 1, "counts are as stored"),
+            FitsNumberCard("BZERO", pixels.BZero, "count of a stored 0")};
+}
+
+/// A FITS file's own cards as far as they still hold, with `layout` in front. Of a keyword that
+/// stands in several cards, the last one, which is the one that readers go by.
+std::vector<std::string> KeptCards(const ImageHeader& header, int bitPix,
+                                   std::vector<std::string> layout) {
+    constexpr std::size_t valueStart = 10;
     const auto isValue = [](std::string_view card) { return card.substr(8, 2) == "= "; };
     std::vector<std::string> standard;
-    for (std::size_t i = 1; i <= static_cast<std::size_t>(header.CardCount); ++i) {
+    for (std::size_t i = 1; i < static_cast<std::size_t>(header.CardCount); ++i) {  // END is last
         for (std::string& card : StandardCards(header.Cards[i]))
             standard.push_back(std::move(card));
     }
@@ -168,14 +181,29 @@ void AppendKeptCards(std::vector<std::string>& cards, const ImageHeader& header,
     for (std::size_t i = 0; i < standard.size(); ++i) {
         if (isValue(standard[i])) last[KeywordOfCard(standard[i])] = i;
     }
+    // Where the original says the same of its pixels, it is said in its words.
+    for (std::string& card : layout) {
+        const auto found = last.find(KeywordOfCard(card));
+        if (found == last.end()) continue;
+        const std::string& original = standard[found->second];
+        const auto value = [](std::string_view text) {
+            text = text.substr(valueStart);
+            return Trim(text.substr(0, text.find('/')));
+        };
+        const auto number = ParseNumber(value(card));
+        if (number ? ParseNumber(value(original)) == number : value(original) == value(card)) {
+            card = original;
+        }
+    }
     bool dropped = false;
     for (std::size_t i = 0; i < standard.size(); ++i) {
         const std::string_view keyword = KeywordOfCard(standard[i]);
-        if (keyword == "END" || (keyword == "CONTINUE" && dropped)) continue;
+        if (keyword == "CONTINUE" && dropped) continue;
         dropped = isValue(standard[i]) && (last[keyword] != i || IsLayoutKeyword(keyword, bitPix) ||
                                            IsStaleKeyword(keyword));
-        if (!dropped) cards.push_back(standard[i]);
+        if (!dropped) layout.push_back(standard[i]);
     }
+    return layout;
 }
 
 /// What an SBIG header says, in FITS keywords, and its own lines as comments.
@@ -238,15 +266,10 @@ std::vector<unsigned char> FitsExportBytes(const PlateImage& image,
     const ExportedPixels pixels =
         image.ImageType == "FITS" ? PixelsOfFits(image) : PixelsOfOthers(image);
 
-    std::vector<std::string> cards = {
-        FitsFlagCard("SIMPLE", true, "standard FITS"),
-        FitsNumberCard("BITPIX", pixels.BitPix, "bits per pixel"),
-        FitsNumberCard("NAXIS", 2),
-        FitsNumberCard("NAXIS1", image.Width, "columns"),
-        FitsNumberCard("NAXIS2", image.Height, "rows, from the bottom of the picture up"),
-        FitsNumberCard("BSCALE", 1),
-        FitsNumberCard("BZERO", pixels.BZero, "count of a stored 0")};
-    if (image.ImageType == "FITS") AppendKeptCards(cards, image.Header, pixels.BitPix);
+    std::vector<std::string> cards = LayoutCards(image, pixels);
+    if (image.ImageType == "FITS") {
+        cards = KeptCards(image.Header, pixels.BitPix, std::move(cards));
+    }
     if (image.ImageType == "SBIG") AppendSbigCards(cards, image.Header);
     for (std::string& card : WorldCoordinateCards(*coordinates)) cards.push_back(std::move(card));
     AppendOwnCards(cards, image, pixels.BitPix);

@@ -80,10 +80,11 @@ std::vector<std::string> WorldCoordinateCards(const WorldCoordinates& coordinate
         FitsNumberCard("LONPOLE", 180, "[deg]"),
         FitsTextCard("RADESYS", "ICRS"),
         FitsNumberCard("EQUINOX", 2000, "[yr]")};
-    for (const std::string& card : FitsCommentCards(
-             "The tangent point is where the search found the stars. It need not be the image "
-             "centre, which is NH_CRA, NH_CDEC. Rows count from the bottom up.")) {
-        cards.push_back(card);
+    for (const char* line :
+         {"CRVAL and CRPIX are the tangent point, where the search began: it need",
+          "not lie in the image. The image centre is NH_CRA, NH_CDEC.",
+          "Rows count from the bottom of the picture up, the lowest one is row 1."}) {
+        for (std::string& card : FitsCommentCards(line)) cards.push_back(std::move(card));
     }
     cards.push_back(FitsNumberCard("NH_CRA", coordinates.Centre[0],
                                    "[deg] J2000 right ascension, image centre"));
