@@ -170,30 +170,31 @@ std::vector<std::string> LayoutCards(const PlateImage& image, const ExportedPixe
 /// stands in several cards, the last one, which is the one that readers go by.
 std::vector<std::string> KeptCards(const ImageHeader& header, int bitPix,
                                    std::vector<std::string> layout) {
-    constexpr std::size_t valueStart = 10;
     const auto isValue = [](std::string_view card) { return card.substr(8, 2) == "= "; };
     std::vector<std::string> standard;
     for (std::size_t i = 1; i < static_cast<std::size_t>(header.CardCount); ++i) {  // END is last
-        for (std::string& card : StandardCards(header.Cards[i]))
+        for (std::string& card : StandardCards(header.Cards[i])) {
             standard.push_back(std::move(card));
+        }
     }
     std::map<std::string_view, std::size_t> last;
     for (std::size_t i = 0; i < standard.size(); ++i) {
         if (isValue(standard[i])) last[KeywordOfCard(standard[i])] = i;
     }
-    // Where the original says the same of its pixels, it is said in its words.
+    // Where the original says the same of its pixels, it is said in its words. The mandatory values
+    // must end in column 30; those of BSCALE and BZERO may stand anywhere.
+    const auto value = [](std::string_view card) {
+        const std::string_view field = card.substr(10);
+        return field.substr(0, field.find('/'));
+    };
     for (std::string& card : layout) {
         const auto found = last.find(KeywordOfCard(card));
         if (found == last.end()) continue;
         const std::string& original = standard[found->second];
-        const auto value = [](std::string_view text) {
-            text = text.substr(valueStart);
-            return Trim(text.substr(0, text.find('/')));
-        };
-        const auto number = ParseNumber(value(card));
-        if (number ? ParseNumber(value(original)) == number : value(original) == value(card)) {
-            card = original;
-        }
+        const bool same = found->first == "BSCALE" || found->first == "BZERO"
+                              ? ParseNumber(value(original)) == ParseNumber(value(card))
+                              : original.compare(0, 30, card, 0, 30) == 0;
+        if (same) card = original;
     }
     bool dropped = false;
     for (std::size_t i = 0; i < standard.size(); ++i) {
