@@ -59,8 +59,7 @@ std::string Count(std::int64_t n, const char* one, const char* many) {
 }  // namespace
 
 ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& image) {
-    // Floating-point FITS images are turned over as they are read: their row 0 is the top one.
-    const bool firstRowAtTop = image.ImageType != "FITS" || image.Header.BitPix == -32;
+    const bool firstRowAtTop = FirstRowAtTop(image);
     const double upward = firstRowAtTop ? -1 : 1;
     const double centreX = (image.Width - 1) / 2.0;
     const double centreY = (image.Height - 1) / 2.0;
