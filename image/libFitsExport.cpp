@@ -272,7 +272,13 @@ std::vector<unsigned char> FitsExportBytes(const PlateImage& image,
         cards = KeptCards(image.Header, pixels.BitPix, std::move(cards));
     }
     if (image.ImageType == "SBIG") AppendSbigCards(cards, image.Header);
-    for (std::string& card : WorldCoordinateCards(*coordinates)) cards.push_back(std::move(card));
+    const std::vector<std::string> coordinateCards = WorldCoordinateCards(*coordinates);
+    // An image that was exported before has the comments among them already.
+    std::erase_if(cards, [&coordinateCards](const std::string& card) {
+        return std::find(coordinateCards.begin(), coordinateCards.end(), card) !=
+               coordinateCards.end();
+    });
+    cards.insert(cards.end(), coordinateCards.begin(), coordinateCards.end());
     AppendOwnCards(cards, image, pixels.BitPix);
     cards.insert(cards.end(), moreCards.begin(), moreCards.end());
 
