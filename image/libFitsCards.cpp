@@ -262,6 +262,10 @@ std::vector<std::string> StandardCards(std::string_view bytes) {
     card = PrintableText(card);
 
     const std::string_view text(card);
+    // A keyword with such blanks was none to whoever read it, and must not become one.
+    if (bytes.substr(0, std::min(bytes.find('='), cardLength)).find('\0') != bytes.npos) {
+        return AsComment(text);
+    }
     std::string_view keyword = KeywordOfCard(text);
     const bool leftAligned = card.front() != ' ';
     if (printable && IsCommentary(keyword) && (leftAligned || keyword.empty())) return {card};
