@@ -297,12 +297,7 @@ void ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
         throw std::runtime_error("next to no pixels");
     }
 
-    image.Width = header.NAxis1;
-    image.Height = header.NAxis2;
-    image.DataOffset = offset;
-    image.Pedestal = header.Pedestal;
-    image.Pixels = Grid<std::int32_t>();  // gives the old image's memory back first
-    image.Pixels = Grid<std::int32_t>(image.Width, image.Height);
+    StartPixels(image, offset);
 
     std::vector<std::uint8_t> paddedRow;
     for (std::int32_t r = 0; r < image.Height; ++r) {
