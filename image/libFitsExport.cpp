@@ -155,6 +155,14 @@ bool IsLayoutKeyword(std::string_view keyword, int bitPix) {
     return keyword == "BLANK" && bitPix < 0;
 }
 
+/// The keyword that Vestrel makes of a card. It goes by the "=" alone: to the standard a card that
+/// begins with blanks is a comment.
+std::string KeywordAsRead(std::string_view card) {
+    const std::size_t equals = card.find('=');
+    return equals == std::string_view::npos ? std::string(KeywordOfCard(card))
+                                            : UpperCase(Trim(card.substr(0, equals)));
+}
+
 /// The cards that say how the pixels are stored.
 std::vector<std::string> LayoutCards(const PlateImage& image, const ExportedPixels& pixels) {
     return {FitsFlagCard("SIMPLE", true, "standard FITS"),
@@ -204,8 +212,9 @@ std::vector<std::string> KeptCards(const ImageHeader& header, int bitPix,
         if (keyword == "CONTINUE" && last.emplace("LONGSTRN", i).second) {
             layout.push_back(FitsTextCard("LONGSTRN", "OGIP 1.0"));
         }
-        dropped = isValue(standard[i]) && (last[keyword] != i || IsLayoutKeyword(keyword, bitPix) ||
-                                           IsStaleKeyword(keyword));
+        const std::string asRead = KeywordAsRead(standard[i]);
+        dropped = (isValue(standard[i]) && last[keyword] != i) || IsLayoutKeyword(asRead, bitPix) ||
+                  IsStaleKeyword(asRead);
         if (!dropped) layout.push_back(standard[i]);
     }
     return layout;
