@@ -15,7 +15,7 @@
 #endif
 
 #include "image/libFitsCards.h"
-#include "image/libFitsWriter.h"
+#include "image/libWorldCoordinates.h"
 #include "image/mImageData.h"
 #include "image/mSolvedImage.h"
 #include "platform/libPlatform.h"
@@ -380,6 +380,19 @@ TEST(WorldCoordinates, ASolutionThatIsNoMapOfTheSkyIsNone) {
     EXPECT_FALSE(ExportImage(opened.State, opened.Port, TextFromPath(folder / "out.fits")));
     EXPECT_TRUE(opened.Port.Messages.back().ends_with("is no longer what it was."));
     EXPECT_FALSE(std::filesystem::exists(folder / "out.fits"));
+}
+
+TEST(WorldCoordinates, OlderOnesAreKnownByTheirKeywords) {
+    for (const char* stale :
+         {"CRVAL1", "CRVAL12B", "CD2_1", "PC001002", "PC1_1A", "A_2_0", "BP_ORDER", "EQUINOX",
+          "RADESYSC", "NH_PM", "PV2_15", "AMDX13", "WAT1_001"}) {
+        EXPECT_TRUE(IsStaleKeyword(stale)) << stale;
+    }
+    for (const char* kept :
+         {"CRVAL", "CRVAL1BB", "CD1_", "PCOUNT", "AIRMASS", "DATE-OBS", "PLTSOLVD", "A_B_C",
+          "OBJCTRA", "RA", "", "EQUINOX1", "PPOINT", "NHPM"}) {
+        EXPECT_FALSE(IsStaleKeyword(kept)) << kept;
+    }
 }
 
 TEST(StandardCards, GoodCardsStayAndOthersArePutRight) {
