@@ -134,11 +134,11 @@ bool IsStandardDate(std::string_view text) {
     if (!number(0, 4, 0, 9999) || !sign(4, '-') || !number(5, 2, 1, 12) || !sign(7, '-')) {
         return false;
     }
-    const auto month = static_cast<std::size_t>((text[5] - '0') * 10 + (text[6] - '0'));
+    const int month = (text[5] - '0') * 10 + (text[6] - '0');
     const int year =
         (text[0] - '0') * 1000 + (text[1] - '0') * 100 + (text[2] - '0') * 10 + (text[3] - '0');
     const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
-    const int lastDay = month == 2 && !leap ? 28 : days[month - 1];
+    const int lastDay = month == 2 && !leap ? 28 : days[static_cast<std::size_t>(month) - 1];
     if (!number(8, 2, 1, lastDay)) return false;
     if (text.size() == 10) return true;
     if (!sign(10, 'T') || !number(11, 2, 0, 23) || !sign(13, ':') || !number(14, 2, 0, 59) ||
@@ -293,6 +293,10 @@ std::vector<std::string> StandardCards(std::string_view bytes) {
     card = PrintableText(card);
 
     const std::string_view text(card);
+    // A keyword with such blanks was none to whoever read it, and must not become one.
+    if (bytes.substr(0, std::min(bytes.find('='), cardLength)).find('\0') != bytes.npos) {
+        return AsComment(text);
+    }
     std::string_view keyword = KeywordOfCard(text);
     const bool leftAligned = card.front() != ' ';
     if (printable && IsCommentary(keyword) && (leftAligned || keyword.empty())) return {card};

@@ -25,8 +25,8 @@ std::string FitsHeaderBlocks(const std::vector<std::string>& cards);
 /// is, byte for byte. Of the others the keyword gets its capitals and the "=" its column, texts
 /// their quotes, exponents their E and dates their form; what is then still no card, or has no
 /// value after its "=", becomes a comment.
-/// @param card up to 80 characters
-std::vector<std::string> StandardCards(std::string_view card);
+/// @param bytes of the card, up to 80
+std::vector<std::string> StandardCards(std::string_view bytes);
 
 /// The keyword of a standard card, and its value as it is written.
 std::string_view KeywordOfCard(std::string_view card);

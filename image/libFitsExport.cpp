@@ -155,6 +155,14 @@ bool IsLayoutKeyword(std::string_view keyword, int bitPix) {
     return keyword == "BLANK" && bitPix < 0;
 }
 
+/// The keyword that Vestrel makes of a card. It goes by the "=" alone: to the standard a card that
+/// begins with blanks is a comment.
+std::string KeywordAsRead(std::string_view card) {
+    const std::size_t equals = card.find('=');
+    return equals == std::string_view::npos ? std::string(KeywordOfCard(card))
+                                            : UpperCase(Trim(card.substr(0, equals)));
+}
+
 /// The cards that say how the pixels are stored.
 std::vector<std::string> LayoutCards(const PlateImage& image, const ExportedPixels& pixels) {
     return {FitsFlagCard("SIMPLE", true, "standard FITS"),
@@ -181,17 +189,16 @@ std::vector<std::string> KeptCards(const ImageHeader& header, int bitPix,
         const std::string& original = header.Cards[i];
         for (const std::string& card : StandardCards(original)) {
             const std::string_view keyword = KeywordOfCard(card);
-            if (keyword == "CONTINUE") {
+            const std::string asRead = KeywordAsRead(card);
+            const bool isFirst = MayRepeat(keyword) || first.emplace(keyword, card).second;
+            if (IsLayoutKeyword(asRead, bitPix) || IsStaleKeyword(asRead)) {
+                fate = Fate::Dropped;
+            } else if (keyword == "CONTINUE") {
                 // What it continues is gone, or was put right and perhaps cut.
                 if (!goesOn && fate != Fate::Dropped) fate = Fate::Comment;
                 anyContinued = anyContinued || fate == Fate::Kept;
-            } else if (!MayRepeat(keyword)) {
-                const bool isFirst = first.emplace(keyword, card).second;
-                fate = IsLayoutKeyword(keyword, bitPix) || IsStaleKeyword(keyword) ? Fate::Dropped
-                       : isFirst                                                   ? Fate::Kept
-                                                                                   : Fate::Comment;
             } else {
-                fate = Fate::Kept;
+                fate = isFirst ? Fate::Kept : Fate::Comment;
             }
             goesOn = fate == Fate::Kept && card == original && card.find("&'") != std::string::npos;
             if (fate == Fate::Kept) {
@@ -294,7 +301,13 @@ std::vector<unsigned char> FitsExportBytes(const PlateImage& image,
         cards = KeptCards(image.Header, pixels.BitPix, std::move(cards));
     }
     if (image.ImageType == "SBIG") AppendSbigCards(cards, image.Header);
-    for (std::string& card : WorldCoordinateCards(*coordinates)) cards.push_back(std::move(card));
+    const std::vector<std::string> coordinateCards = WorldCoordinateCards(*coordinates);
+    // An image that was exported before has the comments among them already.
+    std::erase_if(cards, [&coordinateCards](const std::string& card) {
+        return std::find(coordinateCards.begin(), coordinateCards.end(), card) !=
+               coordinateCards.end();
+    });
+    cards.insert(cards.end(), coordinateCards.begin(), coordinateCards.end());
     AppendOwnCards(cards, image, pixels.BitPix);
     cards.insert(cards.end(), moreCards.begin(), moreCards.end());
 

@@ -223,6 +223,13 @@ TEST(Manifest, ADamagedOneIsNeverTaken) {
         const ManifestState state = ReadManifest(folder / "c", manifest);
         EXPECT_TRUE(i % 2 != 0 || state == ManifestState::Unreadable) << i;
     }
+    for (const char* count : {"-1", "0.5", "1E300", "4294967296", "true"}) {
+        std::string bad = good;
+        const std::size_t at = bad.find("\"crc32\": ") + 9;
+        bad.replace(at, bad.find_first_not_of("0123456789", at) - at, count);
+        WriteFile(folder / "c" / ManifestName, bad);
+        EXPECT_EQ(ReadManifest(folder / "c", manifest), ManifestState::Unreadable) << count;
+    }
 }
 
 // ---- The Tycho-2 index ----
@@ -402,8 +409,10 @@ TEST(BrightStars, OnlyStarsAreReadFromGeoJson) {
     ASSERT_EQ(stars.size(), 1U);
     EXPECT_EQ(unusable, 6U);
     EXPECT_NEAR(stars[0].Ra / degree, 279.2347, 1e-9);
-    for (const std::string& bad : {std::string(), std::string("[]"), std::string(100000, '['),
-                                   std::string(R"({"features":[]})")}) {
+    const std::string nested = std::string(300000, '[') + std::string(300000, ']');
+    for (const std::string& bad :
+         {std::string(), std::string("[]"), std::string(100000, '['),
+          std::string(R"({"features":[]})"), R"({"features":[)" + feature(nested, "1") + "]}"}) {
         WriteFile(folder / "stars", bad);
         EXPECT_THROW(ReadBrightStars(folder / "stars", unusable), ToolFailure);
     }

@@ -428,7 +428,7 @@ TEST(HostileFits, PromisesThatTheFileDoesNotKeepTakeNoMemory) {
     Reader reader;
     const std::size_t before = PeakMemoryBytes();
     for (const int bitPix : {8, 16, -32}) {
-        for (const char* bZero : {"0", "32768", "65535"}) {
+        for (const char* bZero : {"0", "32768", "65535", "-1", "70000"}) {
             reader.Read(
                 FitsHeader(FitsCards(bitPix, 32767, 32767, {std::string("BZERO = ") + bZero})));
             EXPECT_TRUE(reader.Good || reader.Complaint == general);  // room for it or not
