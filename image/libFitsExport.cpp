@@ -189,19 +189,16 @@ std::vector<std::string> KeptCards(const ImageHeader& header, int bitPix,
         const std::string& original = header.Cards[i];
         for (const std::string& card : StandardCards(original)) {
             const std::string_view keyword = KeywordOfCard(card);
-            if (keyword == "CONTINUE") {
+            const std::string asRead = KeywordAsRead(card);
+            const bool isFirst = MayRepeat(keyword) || first.emplace(keyword, card).second;
+            if (IsLayoutKeyword(asRead, bitPix) || IsStaleKeyword(asRead)) {
+                fate = Fate::Dropped;
+            } else if (keyword == "CONTINUE") {
                 // What it continues is gone, or was put right and perhaps cut.
                 if (!goesOn && fate != Fate::Dropped) fate = Fate::Comment;
                 anyContinued = anyContinued || fate == Fate::Kept;
-            } else if (!MayRepeat(keyword)) {
-                const bool isFirst = first.emplace(keyword, card).second;
-                fate = IsLayoutKeyword(keyword, bitPix) || IsStaleKeyword(keyword) ? Fate::Dropped
-                       : isFirst                                                   ? Fate::Kept
-                                                                                   : Fate::Comment;
             } else {
-                const std::string asRead = KeywordAsRead(card);
-                const bool saidAgain = IsLayoutKeyword(asRead, bitPix) || IsStaleKeyword(asRead);
-                fate = saidAgain ? Fate::Dropped : Fate::Kept;
+                fate = isFirst ? Fate::Kept : Fate::Comment;
             }
             goesOn = fate == Fate::Kept && card == original && card.find("&'") != std::string::npos;
             if (fate == Fate::Kept) {
