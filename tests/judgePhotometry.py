@@ -10,6 +10,7 @@ import warnings
 
 try:
     import numpy
+    import scipy.optimize  # noqa: F401  the fits need it
     from astropy.io import fits
     from astropy.modeling import fitting, models
     from astropy.stats import sigma_clipped_stats
