@@ -1,8 +1,8 @@
 // The magnitude difference of two measured stars, and a table of such differences.
 //
-// Differential photometry in one frame (Howell 2006, Handbook of CCD Astronomy, 2nd ed., chapter 5):
-// what dims both stars alike falls out of the difference, and the errors of the two fluxes
-// add in squares. They hold each star's photons (when the header knows the gain), the sky's scatter
+// Differential photometry in one frame (Howell 2006, Handbook of CCD Astronomy, 2nd ed., chapter
+// 5): what dims both stars alike falls out of the difference, and the errors of the two fluxes add
+// in squares. They hold each star's photons (when the header knows the gain), the sky's scatter
 // under its aperture, read-out noise included, and the error of its sky level.
 #pragma once
 

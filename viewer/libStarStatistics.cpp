@@ -7,6 +7,7 @@
 
 #include "astro/libParallel.h"
 #include "viewer/libAperture.h"
+#include "viewer/libStarWindow.h"
 
 namespace vestrel {
 
@@ -14,187 +15,6 @@ namespace {
 
 constexpr double fwhmPerSigma = 2.3548200450309493;
 constexpr double magnitudesPerRelativeError = 1.0857362047581296;
-constexpr double significance = 5;  ///< standard deviations of what is taken for real
-
-struct Pixel {
-    std::int32_t X;
-    std::int32_t Y;
-};
-
-bool HasPixel(const PlateImage& image, std::int32_t x, std::int32_t y) {
-    return x >= 0 && y >= 0 && x < image.Width && y < image.Height;
-}
-
-/// The mean over 3 × 3 pixels with weights 1 2 1 both ways; the border repeats itself.
-double SmoothedCount(const PlateImage& image, std::int32_t x, std::int32_t y) {
-    double sum = 0;
-    for (std::int32_t j = -1; j <= 1; ++j) {
-        for (std::int32_t i = -1; i <= 1; ++i) {
-            const std::int32_t column = std::clamp(x + i, 0, image.Width - 1);
-            const std::int32_t row = std::clamp(y + j, 0, image.Height - 1);
-            sum += (2 - std::abs(i)) * (2 - std::abs(j)) * PhysicalCount(image, column, row);
-        }
-    }
-    return sum / 16;
-}
-
-/// The standard deviation of a smoothed count. Where neighbours vary together, smoothing helps
-/// less.
-double SmoothedScatter(const LocalBackground& sky) {
-    constexpr double independent = 0.375;
-    return sky.Scatter * std::min(1.0, independent * std::sqrt(sky.Correlation));
-}
-
-/// The pixel that `here` stands beside, or itself, with the highest smoothed count.
-Pixel HighestNeighbour(const PlateImage& image, Pixel here) {
-    Pixel highest = here;
-    double height = SmoothedCount(image, here.X, here.Y);
-    for (std::int32_t j = -1; j <= 1; ++j) {
-        for (std::int32_t i = -1; i <= 1; ++i) {
-            if (!HasPixel(image, here.X + i, here.Y + j)) continue;
-            const double there = SmoothedCount(image, here.X + i, here.Y + j);
-            if (there > height) {
-                height = there;
-                highest = {here.X + i, here.Y + j};
-            }
-        }
-    }
-    return highest;
-}
-
-bool Same(Pixel a, Pixel b) {
-    return a.X == b.X && a.Y == b.Y;
-}
-
-/// The peak that a click means: a peak nearby, else the top of the slope that was clicked.
-Pixel PeakNear(const PlateImage& image, double x, double y, double radius,
-               const LocalBackground& sky) {
-    const double limit = significance * SmoothedScatter(sky);
-    Pixel peak{static_cast<std::int32_t>(std::clamp(std::round(x), 0.0, image.Width - 1.0)),
-               static_cast<std::int32_t>(std::clamp(std::round(y), 0.0, image.Height - 1.0))};
-    double best = 0;
-    bool bestIsPeak = false;
-    ForPixelsAround(
-        image, x, y, radius, [&](std::int32_t column, std::int32_t row, double dx, double dy) {
-            const double excess = SmoothedCount(image, column, row) - sky.Level;
-            if (excess <= limit) return;
-            const Pixel here{column, row};
-            const bool isPeak = Same(HighestNeighbour(image, here), here);
-            const double weighted = excess * std::exp(-2 * (dx * dx + dy * dy) / (radius * radius));
-            if (isPeak < bestIsPeak || (isPeak == bestIsPeak && weighted <= best)) return;
-            best = weighted;
-            bestIsPeak = isPeak;
-            peak = here;
-        });
-    const int mostSteps = static_cast<int>(4 * radius);
-    for (int step = 0; step < mostSteps; ++step) {
-        const Pixel next = HighestNeighbour(image, peak);
-        if (Same(next, peak)) break;
-        peak = next;
-    }
-    return peak;
-}
-
-/// The photon noise of a smoothed count above the sky; 0.1406 is the sum of the squared weights.
-double SmoothedNoise(const LocalBackground& sky, double gain, double excess) {
-    const double photons = gain > 0 ? std::max(excess, 0.0) / gain * 0.1406 : 0;
-    return std::hypot(SmoothedScatter(sky), std::sqrt(photons));
-}
-
-/// How far from its peak a star's light falls before a neighbour's rises: the brightest pixel of
-/// each ring, one pixel wide, is looked at from the inside out. `largest` where none rises.
-double ValleyRadius(const PlateImage& image, Pixel peak, const LocalBackground& sky, double gain,
-                    double largest) {
-    std::vector<double> brightest(static_cast<std::size_t>(largest) + 2, 0);
-    ForPixelsAround(
-        image, peak.X, peak.Y, largest, [&](std::int32_t x, std::int32_t y, double dx, double dy) {
-            double& ring = brightest[static_cast<std::size_t>(std::lround(std::hypot(dx, dy)))];
-            ring = std::max(ring, SmoothedCount(image, x, y) - sky.Level);
-        });
-    std::size_t lowest = 0;
-    for (std::size_t k = 1; k < brightest.size(); ++k) {
-        if (brightest[k] < brightest[lowest]) lowest = k;
-        const double rise = brightest[k] - brightest[lowest];
-        if (rise > significance * SmoothedNoise(sky, gain, brightest[k]) &&
-            rise > 0.02 * brightest[0]) {
-            constexpr double smallest = 2;
-            return std::max(static_cast<double>(lowest) + 0.5, smallest);
-        }
-    }
-    return largest;
-}
-
-/// A star under its window.
-struct WindowedStar {
-    bool Found = false;
-    double X = 0;
-    double Y = 0;
-    double Sigma = 0;  ///< of the star as a Gaussian
-    double PositionError = 0;
-};
-
-WindowedStar FollowWindow(const PlateImage& image, Pixel peak, const LocalBackground& sky,
-                          double largestRadius, double gain) {
-    constexpr double startSigma = 1.5;
-    constexpr double smallestSigma = 0.5;
-    constexpr int mostRounds = 60;
-    constexpr double reach = 3;  // window sigmas: all but a millionth of the star
-    // A moment moves by 1 / 1.5 of the star's shift when the window's variance is twice the star's.
-    constexpr double shiftPerMoment = 1.5;
-    WindowedStar star{false, double(peak.X), double(peak.Y), startSigma, 0};
-    const double largestSigma = std::max(largestRadius / 2, startSigma);
-    // The window would run away to a brighter neighbour.
-    const double valley = ValleyRadius(image, peak, sky, gain, 2 * largestRadius);
-    for (int round = 0; round < mostRounds; ++round) {
-        const double windowVariance = 2 * star.Sigma * star.Sigma;
-        double sum = 0;
-        double sumX = 0;
-        double sumY = 0;
-        double sumSquares = 0;
-        double noise = 0;
-        ForPixelsAround(image, star.X, star.Y, std::min(reach * std::sqrt(windowVariance), valley),
-                        [&](std::int32_t x, std::int32_t y, double dx, double dy) {
-                            const double square = dx * dx + dy * dy;
-                            const double weight = std::exp(-square / (2 * windowVariance));
-                            const double value = PhysicalCount(image, x, y) - sky.Level;
-                            sum += weight * value;
-                            sumX += weight * value * dx;
-                            sumY += weight * value * dy;
-                            sumSquares += weight * value * square;
-                            const double photons = gain > 0 ? std::max(value, 0.0) / gain : 0;
-                            noise += weight * weight * square / 2 *
-                                     (photons + sky.Scatter * sky.Scatter * sky.Correlation);
-                        });
-        if (!(sum > 0)) return star;
-        double dx = shiftPerMoment * sumX / sum;
-        double dy = shiftPerMoment * sumY / sum;
-        const double step = std::hypot(dx, dy);
-        if (step > 1) {
-            dx /= step;
-            dy /= step;
-        }
-        star.X += dx;
-        star.Y += dy;
-        if (!(std::hypot(star.X - peak.X, star.Y - peak.Y) <= largestRadius)) return star;
-
-        const double moment = sumSquares / (2 * sum);
-        double sigma = moment < windowVariance && moment > 0
-                           ? std::sqrt(moment / (1 - moment / windowVariance))
-                           : (moment > 0 ? largestSigma : smallestSigma);
-        sigma = std::clamp(sigma, star.Sigma / 2, star.Sigma * 2);
-        sigma = std::clamp(sigma, smallestSigma, largestSigma);
-        const double widening = std::fabs(sigma - star.Sigma);
-        star.Sigma = sigma;
-        // Pixels at the window's rim come and go: there may be no end below these steps.
-        const bool last = round == mostRounds - 1;
-        if ((step < 1e-5 && widening < 1e-4) || (last && step < 0.01)) {
-            star.PositionError = shiftPerMoment * std::sqrt(noise) / sum;
-            star.Found = true;
-            return star;
-        }
-    }
-    return star;
-}
 
 double UsableGain(const ImageHeader& header) {
     constexpr double largestGain = 1e6;
@@ -275,13 +95,13 @@ bool HasCompanion(const PlateImage& image, const LocalBackground& sky, double ga
         const double here = SmoothedCount(image, x, y);
         const auto oppositeX = static_cast<std::int32_t>(std::lround(star.X - dx));
         const auto oppositeY = static_cast<std::int32_t>(std::lround(star.Y - dy));
-        const double own = HasPixel(image, oppositeX, oppositeY)
+        const double own = HasPixel(image, {oppositeX, oppositeY})
                                ? SmoothedCount(image, oppositeX, oppositeY) - sky.Level
                                : 0;
         const double noise = std::numbers::sqrt2 * SmoothedNoise(sky, gain, here - sky.Level);
         const double excess = here - sky.Level - std::max(own, 0.0) * (1 + unevenness);
-        if (excess < significance * noise || excess < smallestShare * star.Peak) return;
-        found = Same(HighestNeighbour(image, {x, y}), {x, y});
+        if (excess < SignificantSigmas * noise || excess < smallestShare * star.Peak) return;
+        found = IsPeak(image, {x, y});
     };
     ForPixelsAround(image, star.X, star.Y, star.Radii.Aperture, look);
     return found;
@@ -370,11 +190,11 @@ StarMeasurement MeasureAperture(const PlateImage& image, double x, double y,
 
     // Find it.
     const double searchRadius = std::clamp(star.Radii.Aperture, 2.0, 8.0);
-    const Pixel peak = PeakNear(image, x, y, searchRadius, sky);
+    const GridPixel peak = PeakNear(image, x, y, searchRadius, sky);
     sky = skyAround(peak.X, peak.Y);
     if (sky.Count == 0) return failed(StarOutcome::TooLittleSky);
     const double excess = SmoothedCount(image, peak.X, peak.Y) - sky.Level;
-    if (excess <= significance * SmoothedScatter(sky)) return failed(StarOutcome::NoStar);
+    if (excess <= SignificantSigmas * SmoothedNoise(sky, 0, 0)) return failed(StarOutcome::NoStar);
     const double gain = UsableGain(image.Header);
     const WindowedStar windowed =
         FollowWindow(image, peak, sky, std::max(star.Radii.Aperture, 4.0), gain);

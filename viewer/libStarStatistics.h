@@ -1,12 +1,8 @@
 // Measures one star of an image: place, brightness, width, and how far each can be trusted.
 //
-// Place and width: moments under a round Gaussian window that follows the star (Bertin & Arnouts
-// 1996, A&AS 117, 393, "windowed" positions; Bernstein & Jarvis 2002, AJ 123, 583, adaptive
-// moments). The window is √2 times as wide as the star: for a Gaussian star the place is then
-// within 1.125 times the smallest possible error whether the star's own photons or the sky's make
-// the noise. Brightness: aperture photometry with the error of Howell 1989 (PASP 101, 616), whose
-// background term is that of a median. Distances are pixels, counts are stored values +
-// `DataOffset`, so images with and without their background work alike.
+// Place and width come from `libStarWindow`. Brightness: aperture photometry with the error of
+// Howell 1989 (PASP 101, 616), whose background term is that of a median. Distances are pixels,
+// counts are stored values + `DataOffset`, so images with and without their background work alike.
 #pragma once
 
 #include <cstdint>
@@ -71,7 +67,7 @@ struct StarMeasurement {
     ProfileFit Gaussian;        ///< both only from `MeasureStar`
     ProfileFit Moffat;
 
-    bool Saturated = false;  ///< see `IsSaturated`
+    bool Saturated = false;  ///< at `SaturationLevel`, or with a flat top below it
     bool Blended = false;    ///< another peak in the aperture
     bool Cut = false;        ///< the aperture reaches beyond the image
 };
