@@ -203,22 +203,21 @@ TEST(StarStatistics, NeitherOffsetNorSubtractedSkyChangesAStar) {
     frame.Expose(random, 6, 1.3);
     const StarMeasurement before = MeasureStar(frame.Image, 42, 37, {});
     ASSERT_EQ(before.Outcome, StarOutcome::Measured);
-    const std::int32_t removed = 900;
-    for (const bool subtracted : {false, true}) {
+    // First another split of the same counts, then 900 of them subtracted.
+    for (const int subtracted : {0, 900}) {
         PlateImage& image = frame.Image;
         for (std::int32_t y = 0; y < 81; ++y) {
-            for (std::int32_t x = 0; x < 81; ++x) {
-                image.Pixels(x, y) += subtracted ? -removed : image.DataOffset;
-            }
+            for (std::int32_t x = 0; x < 81; ++x)
+                image.Pixels(x, y) += image.DataOffset - subtracted;
         }
-        if (!subtracted) image.DataOffset = 0;
+        image.DataOffset = 0;
         const StarMeasurement after = MeasureStar(image, 42, 37, {});
         EXPECT_NEAR(after.X, before.X, 1e-9);
         EXPECT_NEAR(after.Flux, before.Flux, 1e-6);
         EXPECT_NEAR(after.FluxError, before.FluxError, 1e-9);
         EXPECT_NEAR(after.Moffat.Fwhm, before.Moffat.Fwhm, 1e-6);
-        EXPECT_NEAR(after.Background, before.Background - (subtracted ? removed : 0), 1e-9);
-        EXPECT_EQ(after.PeakCount, before.PeakCount - (subtracted ? removed : 0));
+        EXPECT_NEAR(after.Background, before.Background - subtracted, 1e-9);
+        EXPECT_EQ(after.PeakCount, before.PeakCount - subtracted);
     }
 }
 
@@ -273,18 +272,13 @@ TEST(StarStatistics, WarnsOfWhatSpoilsAMeasurement) {
     EXPECT_FALSE(measured(9.6, 50, 2, 65535, 0, 40, 0).Cut);
     EXPECT_TRUE(measured(60, 91.2, 2, 65535, 0, 40, 0).Cut);
 
-    PlateImage image;
-    image.ImageType = "FITS";
-    image.Header.BitPix = 16;
-    image.DataOffset = 32768;
+    PlateImage image = std::move(Frame(5, 5).Image);
     for (const double nonsense : {0.0, -5.0, 1e30, std::nan("")}) {
         image.Header.DataMax = nonsense;
         EXPECT_EQ(SaturationLevel(image), 0.98 * 65535);
     }
     image.Header.DataMax = 50000;
     EXPECT_EQ(SaturationLevel(image), 0.98 * 50000);
-    image.ImageType = "JPEG";
-    EXPECT_EQ(SaturationLevel(image), 0.98 * 765);
 }
 
 TEST(StarStatistics, NoStarNoSkyAndNonsenseFailSensibly) {
@@ -329,12 +323,8 @@ TEST(StarStatistics, NoStarNoSkyAndNonsenseFailSensibly) {
         }
     }
     Frame extreme(40, 40);
-    for (std::int32_t y = 0; y < 40; ++y) {
-        for (std::int32_t x = 0; x < 40; ++x) {
-            extreme.Image.Pixels(x, y) = (x + y) % 2 == 0
-                                             ? std::numeric_limits<std::int32_t>::max()
-                                             : std::numeric_limits<std::int32_t>::min();
-        }
+    for (std::int32_t k = 0; k < 1600; ++k) {
+        extreme.Image.Pixels(k % 40, k / 40) = (k + k / 40) % 2 == 0 ? 2147483647 : -2147483647 - 1;
     }
     const StarMeasurement star = MeasureStar(extreme.Image, 20, 20, {});
     EXPECT_TRUE(std::isfinite(star.X + star.Flux + star.FluxError + star.RmsDiameter));
@@ -428,26 +418,20 @@ TEST(ZeroPoint, OfAperturesIsFoundAmongSpoiltStarsAndCalibratesFaintOnes) {
 
 TEST(RelativePhotometry, TheStatedErrorIsTheScatterOfTheDifference) {
     Random random(17);
-    for (const double gain : {0.0, 1.5}) {
-        Spread difference;
-        Spread inErrors;
-        for (int trial = 0; trial < 400; ++trial) {
-            Frame frame(130, 70);
-            frame.AddStar(35.3, 35.2, 40000, 1.7);
-            frame.AddStar(95.1, 35.4, 10000, 1.7);
-            frame.Expose(random, 9, gain);
-            const auto result = CompareStars(MeasureAperture(frame.Image, 35, 35, {8, 12}),
-                                             MeasureAperture(frame.Image, 95, 35, {8, 12}), 10.5);
-            ASSERT_TRUE(result.Valid);
-            difference.Add(result.Difference - 2.5 * std::log10(4.0));
-            inErrors.Add((result.Difference - 2.5 * std::log10(4.0)) / result.Error);
-            EXPECT_DOUBLE_EQ(*result.SecondMagnitude, 10.5 + result.Difference);
-            const std::vector<PhotometryWarning> expected = {PhotometryWarning::GainUnknown};
-            EXPECT_EQ(result.Warnings, gain > 0 ? std::vector<PhotometryWarning>() : expected);
-        }
-        EXPECT_LT(std::fabs(difference.Mean()), 0.002);
-        EXPECT_NEAR(inErrors.RootMeanSquare(), 1, 0.1) << gain;
+    Spread difference, inErrors;
+    for (int trial = 0; trial < 400; ++trial) {
+        Frame frame(110, 60);
+        frame.AddStar(30.3, 30.2, 40000, 1.7);
+        frame.AddStar(80.1, 30.4, 10000, 1.7);
+        frame.Expose(random, 9, 1.5);
+        const auto result = CompareStars(MeasureAperture(frame.Image, 30, 30, {8, 12}),
+                                         MeasureAperture(frame.Image, 80, 30, {8, 12}), 10.5);
+        ASSERT_TRUE(result.Valid && result.Warnings.empty());
+        difference.Add(*result.SecondMagnitude - (10.5 + 2.5 * std::log10(4.0)));
+        inErrors.Add((result.Difference - 2.5 * std::log10(4.0)) / result.Error);
     }
+    EXPECT_LT(std::fabs(difference.Mean()), 0.002);
+    EXPECT_NEAR(inErrors.RootMeanSquare(), 1, 0.1);
 }
 
 TEST(RelativePhotometry, WarnsAndWritesWhatSpreadsheetsRead) {
@@ -469,7 +453,9 @@ TEST(RelativePhotometry, WarnsAndWritesWhatSpreadsheetsRead) {
     StarMeasurement smaller = MeasureAperture(frame.Image, 100, 35, {8, 20});
     EXPECT_EQ(CompareStars(at(143), smaller, 9.0).Warnings, (List{FirstCut, AperturesDiffer}));
     smaller.SignalToNoise = 4;
-    EXPECT_EQ(CompareStars(smaller, smaller, 9.0).Warnings, (List{SameStar, LowSignal}));
+    smaller.GainKnown = false;
+    EXPECT_EQ(CompareStars(smaller, smaller, 9.0).Warnings,
+              (List{SameStar, GainUnknown, LowSignal}));
     EXPECT_FALSE(CompareStars(at(35), at(75), 9.0).Valid);
     std::set<std::string> texts;
     for (int k = 0; k <= static_cast<int>(LowSignal); ++k) {

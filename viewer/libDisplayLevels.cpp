@@ -257,7 +257,7 @@ GreyLookup::GreyLookup(const CountLevels& levels, std::int32_t dataOffset, Trans
     const double white = std::max(held(levels.White, 1) - dataOffset, black + 1e-3);
     first_ = static_cast<std::int64_t>(std::floor(black));
     const auto last = static_cast<std::int64_t>(std::ceil(white));
-    constexpr std::int64_t mostSteps = 65536;
+    constexpr std::int64_t mostSteps = 131072;
     while (((last - first_) >> shift_) > mostSteps) ++shift_;
     const auto steps = static_cast<std::size_t>(((last - first_) >> shift_) + 2);
     table_.resize(steps);

@@ -71,8 +71,8 @@ enum class Transfer { Linear, SquareRoot, Asinh, Logarithmic };
 /// or log(1 + 1000 x) / log(1001). Places outside are held at the ends; no number is black.
 double Transferred(Transfer transfer, double place);
 
-/// Stored values to grey values, by table: exact for ranges up to 65536 counts, else in 65536 even
-/// steps.
+/// Stored values to grey values, by table: exact for ranges up to 131072 counts, else in even steps
+/// of which there are more than 65536.
 class GreyLookup {
  public:
     /// @param dataOffset of the image
