@@ -185,7 +185,8 @@ TEST(Levels, TheLookupIsTheTransferOfEachStoredValue) {
     for (const Transfer transfer : {Linear, SquareRoot, Asinh, Logarithmic}) {
         EXPECT_EQ(Transferred(transfer, std::nan("")), 0);
         EXPECT_DOUBLE_EQ(Transferred(transfer, 1), 1);
-        for (double x = 0.01; x < 0.99; x += 0.01) {
+        for (int k = 1; k < 100; ++k) {
+            const double x = 0.01 * k;
             EXPECT_LT(Transferred(transfer, x - 0.01), Transferred(transfer, x));
             EXPECT_TRUE(transfer == Linear || Transferred(transfer, x) > x);
         }
@@ -404,7 +405,8 @@ TEST(SkyOverlay, HostileSolutionsGiveNothingOrBoundedLines) {
 }
 
 TEST(SkyOverlay, ScaleBarsAreRoundAndAsLongAsTheySay) {
-    for (double scale = 0.0001; scale < 2000; scale *= 1.37) {
+    for (int k = 0; k < 50; ++k) {
+        const double scale = 0.0001 * std::pow(1.4, k);
         const Solved field(1, 0.3, scale, 0.2, false);
         const SkyMap map = field.Map();
         const auto bar = ScaleBarFor(map, 300);

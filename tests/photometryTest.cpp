@@ -45,7 +45,10 @@ struct Frame {
             }
         }
     }
-    double& At(int x, int y) { return Light[static_cast<std::size_t>(y * Image.Width + x)]; }
+    double& At(int x, int y) {
+        return Light.at(static_cast<std::size_t>(y) * static_cast<std::size_t>(Image.Width) +
+                        static_cast<std::size_t>(x));
+    }
     /// Counts with Gaussian sky noise and, with a gain, photon noise of the stars, held at `full`.
     void Expose(Random& random, double noise, double gain = 0, double full = 65535) {
         Image.Header.ElectronGain = gain;
@@ -339,8 +342,9 @@ TEST(StarStatistics, AnotherProgramFindsTheSameSumsAndPlaces) {
     frame.Sky = 500;
     std::vector<std::pair<double, double>> places;
     for (int k = 0; k < 25; ++k) {
+        const int row = k / 5;
         places.emplace_back(30 + 60 * (k % 5) + random.Between(-2, 2),
-                            30 + 60 * (k / 5) + random.Between(-2, 2));
+                            30 + 60 * row + random.Between(-2, 2));
         frame.AddStar(places.back().first, places.back().second, random.Between(3e4, 3e5), 2.2);
     }
     frame.Expose(random, 5, 2);
@@ -394,7 +398,8 @@ TEST(ZeroPoint, OfAperturesIsFoundAmongSpoiltStarsAndCalibratesFaintOnes) {
     std::vector<CalibrationStar> stars;
     for (int k = 0; k < 36; ++k) {
         const double x = 40 + 80 * (k % 6) + random.Between(-3, 3);
-        const double y = 40 + 80 * (k / 6) + random.Between(-3, 3);
+        const int row = k / 6;
+        const double y = 40 + 80 * row + random.Between(-3, 3);
         const double magnitude = random.Between(9, 13);
         frame.AddStar(x, y, std::pow(10, -0.4 * (magnitude + truth)), 1.8);
         stars.push_back({x + random.Between(-1, 1), y, magnitude + random.Normal(0.05)});

@@ -118,6 +118,7 @@ double Median(std::vector<double> values) {
 ZeroPoint ClippedMean(const std::vector<double>& values) {
     const double median = Median(values);
     std::vector<double> deviations;
+    deviations.reserve(values.size());
     for (const double value : values) deviations.push_back(std::fabs(value - median));
     double limit = 3 * std::max(1.4826 * Median(deviations), 0.005);
     ZeroPoint result;
