@@ -391,14 +391,10 @@ TEST(SkyOverlay, HostileSolutionsGiveNothingOrBoundedLines) {
             for (const auto& piece : line.Pieces) vertices += piece.size();
             ASSERT_LE(vertices, static_cast<std::size_t>(MostLineVertices));
         }
-        if (const auto compass = map->CompassAt({350, 250})) {
-            EXPECT_NEAR(std::hypot(compass->North.X, compass->North.Y), 1, 1e-9);
-            EXPECT_NEAR(std::hypot(compass->East.X, compass->East.Y), 1, 1e-9);
-        }
-        if (const auto bar = ScaleBarFor(*map, 150)) {
-            EXPECT_GT(bar->Pixels, 0);
-            EXPECT_LE(bar->Pixels, 150);
-        }
+        const auto compass = map->CompassAt({350, 250});
+        EXPECT_NEAR(compass ? std::hypot(compass->North.X, compass->North.Y) : 1, 1, 1e-9);
+        const auto bar = ScaleBarFor(*map, 150);
+        EXPECT_TRUE(!bar || (bar->Pixels > 0 && bar->Pixels <= 150));
     }
     EXPECT_GT(maps, 300);
     EXPECT_FALSE(SkyMap::Of(ImageHeader()));

@@ -4,6 +4,8 @@
 // positions) whose width adapts to the star's (Bernstein & Jarvis 2002, AJ 123, 583). The window is
 // √2 times as wide as the star: for a Gaussian star the centre is then within 1.125 times the
 // smallest possible error whether the star's own photons or the sky's make the noise.
+// Stars so sharp that the pixels undersample them are drawn toward pixel centres or edges: by 0.002
+// pixels at most for a full width at half maximum of 1.9 pixels, 0.02 for 1.4 and 0.1 for 1.1.
 #pragma once
 
 #include <cstdint>
