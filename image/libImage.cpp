@@ -15,4 +15,8 @@ void ClearHeader(ImageHeader& header) {
     }
 }
 
+bool FirstRowAtTop(const PlateImage& image) {
+    return image.ImageType != "FITS" || image.Header.BitPix == -32;
+}
+
 }  // namespace vestrel

@@ -92,6 +92,11 @@ struct PlateImage {
     std::string ImageType;  ///< "FITS", "SBIG" or "JPEG"; empty before the first load
 };
 
+/// Whether row 0 of the grid is the top of the image as it is displayed: of pictures, SBIG images
+/// and floating-point FITS images, which are turned over as they are read. Other FITS images have
+/// their bottom row first, and so has the file of any image that is written as standard FITS.
+bool FirstRowAtTop(const PlateImage& image);
+
 /// What a reader shows when it fails: the text of a message box and its title. A reader that
 /// fails without a message leaves the text empty.
 struct ReadFailure {
