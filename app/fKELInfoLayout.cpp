@@ -68,6 +68,7 @@ void SolveWindow::BuildControls() {
     rows->addWidget(BuildStatus(), 1);
     rows->addWidget(BuildCountdown());
     setCentralWidget(central);
+    resize(sizeHint() + QSize(60, 0));
 
     auto* escape = new QShortcut(Qt::Key_Escape, this);
     connect(escape, &QShortcut::activated, this, [this] { Stop(); });
@@ -97,6 +98,7 @@ QGroupBox* SolveWindow::BuildCentreInputs() {
     QLineEdit* dec =
         AddInput("txtDec", "Declination of the approximate image center", &SolveInputs::Dec);
     dec->setPlaceholderText("dd mm ss or degrees");
+    ra->setMinimumWidth(fontMetrics().horizontalAdvance("dd mm ss or degrees  "));
     auto* raLabel = new QLabel("&RA");
     raLabel->setBuddy(ra);
     auto* decLabel = new QLabel("&Dec");
@@ -122,9 +124,6 @@ QGroupBox* SolveWindow::BuildSizeInputs() {
     layout->addWidget(new QLabel("X"));
     layout->addWidget(height);
     layout->addWidget(unitsButton_);
-    group->setFocusProxy(width);
-    auto* shortcut = new QShortcut(QKeySequence("Alt+Z"), this);
-    connect(shortcut, &QShortcut::activated, width, [width] { width->setFocus(); });
     return group;
 }
 
@@ -146,6 +145,8 @@ QLayout* SolveWindow::BuildCommands() {
     startWidgets_.push_back(match);
     stopButton_ =
         AddButton("cmdStop", "&Stop Search", "Stop the Current Search", [this] { Stop(); });
+    QPushButton* image =
+        AddButton("cmdImage", "Show &Image", "Display the image", [this] { ShowImage(); });
     QPushButton* parameters =
         AddButton("Command1", "Edit &Parameters", "Change search and star extraction parameters",
                   [this] { EditParameters(); });
@@ -154,10 +155,11 @@ QLayout* SolveWindow::BuildCommands() {
     quads->hide();
     layout->addWidget(match, 0, 0);
     layout->addWidget(stopButton_, 0, 1);
-    layout->addWidget(
-        AddButton("cmdImage", "Show &Image", "Display the image", [this] { ShowImage(); }), 1, 0);
+    layout->addWidget(image, 1, 0);
     layout->addWidget(parameters, 1, 1);
     layout->addWidget(quads, 2, 0, 1, 2);
+    layout->setColumnStretch(0, 1);
+    layout->setColumnStretch(1, 1);
     return layout;
 }
 
@@ -166,6 +168,8 @@ QGroupBox* SolveWindow::BuildCentre() {
     centrePanel_->setObjectName("fraCenter");
     QLabel* ra = AddShown("lblRA", &SolveDisplay::CentreRA);
     QLabel* dec = AddShown("lblDec", &SolveDisplay::CentreDec);
+    ra->setAccessibleName("Right ascension");
+    dec->setAccessibleName("Declination");
     for (QLabel* label : {ra, dec}) {
         QFont font = label->font();
         font.setBold(true);
@@ -187,6 +191,7 @@ QGroupBox* SolveWindow::BuildShownValues(
     const std::vector<std::tuple<const char*, const char*, std::string SolveDisplay::*>>& rows) {
     auto* group = new QGroupBox(title);
     auto* layout = new QFormLayout(group);
+    layout->setHorizontalSpacing(16);
     for (const auto& [caption, name, text] : rows) {
         QLabel* shown = AddShown(name, text);
         shown->setAccessibleName(title + ", " + caption);
@@ -224,9 +229,10 @@ QGroupBox* SolveWindow::BuildStatus() {
     details_->setLineWrapMode(QPlainTextEdit::NoWrap);
     details_->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
     details_->setPlaceholderText("What a solve saw is told here.");
-    details_->setMinimumHeight(QFontMetrics(details_->font()).lineSpacing() * 4);
+    details_->setMinimumHeight(QFontMetrics(details_->font()).lineSpacing() * 5);
 
     auto* lines = new QHBoxLayout;
+    lines->setSpacing(16);
     lines->addWidget(statusLabel_);
     lines->addWidget(status1Label_);
     lines->addStretch();
@@ -269,15 +275,18 @@ void SolveWindow::BuildMenus() {
     AddAction(file, "&Quit", QKeySequence::Quit, [this] { close(); });
 
     QMenu* edit = menuBar()->addMenu("&Edit");
-    AddAction(edit, "&Copy Result", QKeySequence("Ctrl+Shift+C"),
-              [this] { QApplication::clipboard()->setText(QtText(state_.Display.Details)); });
+    copyAction_ = AddAction(edit, "&Copy Result", QKeySequence("Ctrl+Shift+C"), [this] {
+        QApplication::clipboard()->setText(QtText(state_.Display.Details));
+    });
     edit->addSeparator();
     startActions_.push_back(AddAction(edit, "Edit &Parameters...", QKeySequence("Ctrl+P"),
                                       [this] { EditParameters(); }));
 
     QMenu* view = menuBar()->addMenu("&View");
     AddAction(view, "Show &Image", QKeySequence("Ctrl+I"), [this] { ShowImage(); });
-    AddAction(view, "Show &Header", QKeySequence("Ctrl+H"), [this] { ShowHeader(); });
+    AddAction(view, "Show &Header", QKeySequence("Ctrl+H"), [this] {
+        ShowHeader();
+    })->setObjectName("mnuHeader");
 
     QMenu* help = menuBar()->addMenu("&Help");
     AddAction(help, "&Help", QKeySequence::HelpContents, [this] { ShowHelp(); });

@@ -36,10 +36,10 @@ ParametersWindow::ParametersWindow(ProgramState& state, Port& port, std::functio
                                QDialogButtonBox::ButtonRole role) {
         QPushButton* button = buttons->addButton(text, role);
         button->setObjectName(name);
+        button->setAutoDefault(false);
         return button;
     };
     QPushButton* ok = add("cmdOK", "OK", QDialogButtonBox::AcceptRole);
-    ok->setDefault(true);
     add("cmdCancel", "Cancel", QDialogButtonBox::RejectRole);
     QPushButton* defaults = add("cmdDefault", "&Default Values", QDialogButtonBox::ResetRole);
     QPushButton* help = add("cmdHelp", "&Help", QDialogButtonBox::HelpRole);
@@ -50,6 +50,7 @@ ParametersWindow::ParametersWindow(ProgramState& state, Port& port, std::functio
     auto* layout = new QVBoxLayout(this);
     layout->addLayout(grid);
     layout->addWidget(buttons);
+    ok->setDefault(true);
     ShowTexts(TextsOfParameters(state_.Parameters));
 }
 
