@@ -112,7 +112,7 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     std::string dec;
     std::string size;
     std::string catalog;
-    app.add_option("image", argument, "The image (FITS or JPEG), or a parameter string");
+    app.add_option("image", argument, "The image (FITS, SBIG or JPEG), or a parameter string");
     app.add_option("--ra", ra, "Approximate centre: 08:40:24 (hours) or 130.1 (degrees)");
     app.add_option("--dec", dec, "Approximate centre: +19:40:00 or 19.667 (degrees)");
     app.add_option("--size", size,
@@ -120,6 +120,20 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
                    "settings file when left out");
     app.add_option("--regions", options.Regions, "Regions to search")->capture_default_str();
     app.add_option("--catalog", catalog, "Folder of the catalog");
+    app.add_option("--info", options.InfoFile, "Print what a file's header says, and end")
+        ->type_name("FILE");
+    const char* outputs = "Files written when the image is solved";
+    app.add_flag("--wcs", options.WorldCoordinates,
+                 "World coordinates as a FITS header beside the image (.wcs)")
+        ->group(outputs);
+    app.add_option("--export", options.ExportFile,
+                   "Standard FITS for other programs: the image as it was, with the solution")
+        ->type_name("FILE")
+        ->group(outputs);
+    app.add_option("--save", options.SaveFile,
+                   "Vestrel's own FITS file, without the sky background; opens again solved")
+        ->type_name("FILE")
+        ->group(outputs);
     app.add_flag("--json", options.Json, "Print the result as JSON");
     app.add_flag("--quiet", options.Quiet, "No progress, and no explanation of failures");
     AddParameterOptions(app, parameters);
@@ -136,6 +150,7 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
         if (code == 0) return {0, out.str()};
         return {ExitCode::Usage, errors.str()};
     }
+    if (!options.InfoFile.empty()) return {};
     if (argument.empty()) argument = std::move(negative);
     options.CatalogFolder = PathFromText(catalog);
     const bool anySearchInput = !ra.empty() || !dec.empty() || !size.empty();

@@ -18,6 +18,10 @@ struct ConsoleOptions {
     std::optional<SkyPosition> Centre;
     std::optional<std::pair<double, double>> FieldSize;  ///< width, height, radians
     std::int32_t Regions = 25;
+    std::string InfoFile;           ///< the file whose header to show; nothing else is then done
+    std::string SaveFile;           ///< where the solved image goes; empty: nowhere
+    std::string ExportFile;         ///< where its standard FITS copy goes; empty: nowhere
+    bool WorldCoordinates = false;  ///< a .wcs file beside the image
     std::filesystem::path CatalogFolder;  ///< empty: the usual one
     bool Json = false;
     bool Quiet = false;

@@ -10,6 +10,8 @@
 #include <unistd.h>
 #endif
 
+#include "astro/libStrings.h"
+
 namespace vestrel {
 
 namespace {
@@ -21,16 +23,6 @@ extern "C" void OnStopSignal(int signal) {
     stopSignals = stopSignals + 1;
     // A second Ctrl-C means it: the default action ends the program.
     std::signal(signal, SIG_DFL);
-}
-
-/// The text without control characters: messages quote what stands in files, and a terminal would
-/// obey it.
-std::string Harmless(std::string text) {
-    for (char& c : text) {
-        const auto code = static_cast<unsigned char>(c);
-        if (code < 32 || code == 127) c = '?';
-    }
-    return text;
 }
 
 bool IsTerminal(int stream) {
@@ -63,7 +55,7 @@ ConsolePort::~ConsolePort() {
 
 void ConsolePort::ShowMessage(const std::string& text, const std::string& title) {
     EndProgressLine();
-    std::fprintf(stderr, "%s: %s\n", title.c_str(), Harmless(text).c_str());
+    std::fprintf(stderr, "%s: %s\n", title.c_str(), WithoutControls(text).c_str());
 }
 
 void ConsolePort::DisplayChanged() {

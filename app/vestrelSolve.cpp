@@ -13,10 +13,13 @@
 #include "app/mSolveReport.h"
 #include "app/mStopwatch.h"
 #include "astro/libMath.h"
+#include "astro/libStrings.h"
 #include "image/mImageData.h"
+#include "image/mSolvedImage.h"
 #include "matching/mPlateMatch.h"
 #include "platform/libPlatform.h"
 #include "settings/mSettings.h"
+#include "viewer/libHeaderText.h"
 
 namespace vestrel {
 namespace {
@@ -57,6 +60,40 @@ Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& option
     outcome.Exit = ExitCodeOf(code, state);
     outcome.Attempted = true;
     return outcome;
+}
+
+/// Whether two paths name one file.
+bool SameFile(const std::string& one, const std::string& other) {
+    std::error_code missing;
+    return std::filesystem::equivalent(PathFromText(one), PathFromText(other), missing);
+}
+
+/// Writes the files that were asked for. The export comes first: it reads the image once more.
+bool WriteOutputs(const ProgramState& state, Port& port, const ConsoleOptions& options) {
+    bool good = true;
+    const auto write = [&](const std::string& path, auto operation) {
+        if (path.empty()) return;
+        if (SameFile(path, state.Image.FileName)) {
+            port.ShowMessage(path + " is the image itself: it is left as it is.", DefaultTitle);
+            good = false;
+        } else {
+            good = operation(state, port, path) && good;
+        }
+    };
+    write(options.ExportFile, ExportImage);
+    if (options.WorldCoordinates) good = WriteWorldCoordinates(state, port) && good;
+    write(options.SaveFile, SaveImage);
+    return good;
+}
+
+int PrintHeader(ProgramState& state, Port& port, const std::string& path) {
+    if (!OpenImage(state, port, path)) return ExitCode::NoImage;
+    for (const std::string& line : HeaderLines(state.Image)) {
+        std::printf("%s\n", WithoutControls(line).c_str());
+    }
+    if (state.Image.ImageType == "JPEG") std::fputs("A picture has no header.\n", stderr);
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return ExitCode::Solved;
+    return ExitCode::NotWritten;
 }
 
 /// The field size that the settings remember, radians.
@@ -205,6 +242,10 @@ int Run(int argc, const char* const* argv) {
     }
     state->Catalog.Folder =
         options.CatalogFolder.empty() ? DefaultCatalogFolder() : options.CatalogFolder;
+    if (!options.InfoFile.empty()) {
+        ConsolePort port(*state, options.Quiet);
+        return PrintHeader(*state, port, options.InfoFile);
+    }
     if (!options.FieldSize) options.FieldSize = RememberedFieldSize(state->Parameters);
     double seconds = 0;
     {
@@ -213,6 +254,10 @@ int Run(int argc, const char* const* argv) {
         outcome = options.ParameterString
                       ? SolveParameterString(*state, port, *options.ParameterString)
                       : SolveImage(*state, port, options);
+        if (outcome.Result.Code == SolveCode::Solved && outcome.Attempted &&
+            !WriteOutputs(*state, port, options)) {
+            outcome.Exit = ExitCode::NotWritten;
+        }
     }
     outcome.Seconds = seconds;
     if (options.Json) {

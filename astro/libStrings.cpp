@@ -69,6 +69,14 @@ std::string_view Trim(std::string_view text) {
     return text.substr(first, text.find_last_not_of(' ') - first + 1);
 }
 
+std::string WithoutControls(std::string text) {
+    for (char& c : text) {
+        const auto code = static_cast<unsigned char>(c);
+        if (code < 32 || code == 127) c = '?';
+    }
+    return text;
+}
+
 std::string UpperCase(std::string_view text) {
     std::string result(text);
     for (char& c : result) {

@@ -271,6 +271,50 @@ class Solutions(Solver):
             self.assert_centre(math.degrees(float(ra)), math.degrees(float(dec)))
             self.assertEqual([code, *lines[2:]], [b"1", b"Valid plate solution", b""])
 
+    def test_it_goes_into_files_for_this_and_other_programs(self):
+        image = self.search[0]
+        out = {name: self.folder / name for name in ("e.fits", "s.fit", "sky.wcs")}
+        files = ["--wcs", "--export", out["e.fits"], "--save", out["s.fit"]]
+        run = self.run_solver(image, "--ra", 99, "--dec", 0, "--size", "60x45", *files)
+        self.assertNotEqual(run.returncode, SOLVED)
+        self.assertFalse([path for path in out.values() if path.exists()])
+        run = self.run_solver(*self.search, *files)
+        self.assertEqual((run.returncode, run.stderr), (SOLVED, b""))
+        self.assertEqual(image.read_bytes(), self.sky)
+        info = self.run_solver("--info", out["s.fit"])
+        self.assertEqual(info.returncode, 0)
+        self.assertRegex(info.stdout, rb"^  Image Size = 600 X 450\n  Image Size = (60|59\.99\d)'  X")
+        self.assertRegex(info.stdout, rb"\n  NH_PM   = T /")
+        for option in ("--save", "--export"):
+            run = self.run_solver(*self.search, option, image)
+            self.assertEqual(run.returncode, NOT_WRITTEN)
+            self.assertIn(b"is the image itself", run.stderr)
+            self.assertEqual(image.read_bytes(), self.sky)
+        (self.folder / "sky.wcs").unlink()
+        (self.folder / "sky.wcs").mkdir()
+        self.assertEqual(self.run_solver(*self.search, "--wcs").returncode, NOT_WRITTEN)
+        try:
+            from astropy.io import fits
+            from astropy.wcs import WCS
+            from PIL import Image
+        except ImportError as error:
+            self.skipTest(f"no judge: {error}")
+        # The same sky as a picture: its first row is the top, its file of coordinates counts rows
+        # from the bottom as the FITS file does.
+        counts = fits.getdata(image).astype(float)
+        Image.fromarray((counts.clip(900, 3000) / 12).astype("uint8")[::-1]).save(
+            self.folder / "p.jpg", quality=98)
+        run = self.run_solver(self.folder / "p.jpg", *self.search[1:], "--wcs", "--export",
+                              self.folder / "p.fits")
+        self.assertEqual(run.returncode, SOLVED)
+        corners = [[1, 1], [600, 1], [1, 450], [600, 450], [300.5, 225.5]]
+        skies = [WCS(fits.getheader(self.folder / name)).all_pix2world(corners, 1)
+                 for name in ("e.fits", "p.wcs", "p.fits")]
+        self.assertLess(abs(skies[0] - skies[1]).max() * 3600, 3)  # half a pixel
+        self.assertEqual(abs(skies[1] - skies[2]).max(), 0)
+        self.assert_centre(*skies[0][4])
+        self.assertEqual(self.run_solver("--info", self.folder / "p.jpg").stdout, b"")
+
     def test_a_lost_one_is_an_error(self):
         (self.folder / "sky.kel").mkdir()
         run = self.run_solver(self.parameters + str(self.search[0]))

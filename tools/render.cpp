@@ -11,6 +11,7 @@
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "image/libFitsCards.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "tools/commands.h"

@@ -1,0 +1,33 @@
+// Header cards as the FITS standard (version 4.0, section 4) has them, for files that other
+// programs read.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vestrel {
+
+// Cards of 80 characters in the fixed format. Texts may be any bytes: those that a header cannot
+// hold become "?", and what does not fit is cut.
+std::string FitsTextCard(std::string_view keyword, std::string_view text,
+                         std::string_view comment = {});
+std::string FitsNumberCard(std::string_view keyword, double value, std::string_view comment = {});
+std::string FitsFlagCard(std::string_view keyword, bool value, std::string_view comment = {});
+
+/// A text of any length as COMMENT cards.
+std::vector<std::string> FitsCommentCards(std::string_view text);
+
+/// A whole header: the cards and END, filled with blanks to a multiple of 2880 bytes.
+std::string FitsHeaderBlocks(const std::vector<std::string>& cards);
+
+/// A card of another program's header as standard cards. One that keeps to the standard stays as it
+/// is, byte for byte. Of the others the keyword gets its capitals and the "=" its column, texts
+/// their quotes and exponents their E; what is then still no card becomes a comment.
+/// @param card up to 80 characters
+std::vector<std::string> StandardCards(std::string_view card);
+
+/// The keyword of a standard card.
+std::string_view KeywordOfCard(std::string_view card);
+
+}  // namespace vestrel

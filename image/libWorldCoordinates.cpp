@@ -1,0 +1,108 @@
+#include "image/libWorldCoordinates.h"
+
+#include <cmath>
+#include <regex>
+
+#include "astro/libSphericalMath.h"
+#include "image/libFitsCards.h"
+
+namespace vestrel {
+
+namespace {
+
+constexpr double exactDegreesPerRadian = 57.29577951308232;
+constexpr double fullCircle = 360;
+
+double InCircle(double degrees) {
+    if (degrees >= 0 && degrees < fullCircle) return degrees;
+    const double rest = std::fmod(degrees, fullCircle);
+    return rest < 0 ? rest + fullCircle : rest;
+}
+
+}  // namespace
+
+std::optional<WorldCoordinates> WorldCoordinatesOf(const PlateImage& image) {
+    const ImageHeader& header = image.Header;
+    if (!header.PlateMatched) return std::nullopt;
+    const auto& map = header.PlateTransform;
+    const double determinant = map[0][0] * map[1][1] - map[0][1] * map[1][0];
+    const double degreesPerUnit = exactDegreesPerRadian / header.PlateScale;
+    if (!std::isnormal(determinant) || !std::isnormal(degreesPerUnit) ||
+        std::fabs(header.DecRef) > 2 || std::fabs(header.RaRef) > 100) {
+        return std::nullopt;
+    }
+
+    // The map from pixels to the plane; xi grows west. Rows that are counted from the top turn
+    // over.
+    const double upward = FirstRowAtTop(image) ? -1 : 1;
+    WorldCoordinates result;
+    result.Cd[0][0] = -degreesPerUnit * map[1][1] / determinant;
+    result.Cd[0][1] = degreesPerUnit * map[0][1] / determinant * upward;
+    result.Cd[1][0] = -degreesPerUnit * map[1][0] / determinant;
+    result.Cd[1][1] = degreesPerUnit * map[0][0] / determinant * upward;
+    result.Crpix[0] = map[0][2] + 1;
+    result.Crpix[1] = upward > 0 ? map[1][2] + 1 : image.Height - map[1][2];
+    result.Crval[0] = InCircle(header.RaRef * exactDegreesPerRadian);
+    result.Crval[1] = header.DecRef * exactDegreesPerRadian;
+
+    const double dx = (image.Width + 1) / 2.0 - result.Crpix[0];
+    const double dy = (image.Height + 1) / 2.0 - result.Crpix[1];
+    Projection plane;
+    plane.SetProjectionCentre(header.RaRef, header.DecRef, exactDegreesPerRadian);
+    double ra = 0;
+    double dec = 0;
+    plane.PlaneToSky(-(result.Cd[0][0] * dx + result.Cd[0][1] * dy),
+                     result.Cd[1][0] * dx + result.Cd[1][1] * dy, ra, dec);
+    result.Centre[0] = InCircle(ra * exactDegreesPerRadian);
+    result.Centre[1] = dec * exactDegreesPerRadian;
+    for (const double value : {result.Cd[0][0], result.Cd[0][1], result.Cd[1][0], result.Cd[1][1],
+                               result.Crpix[0], result.Crpix[1], ra, dec}) {
+        if (!std::isfinite(value)) return std::nullopt;
+    }
+    return result;
+}
+
+std::vector<std::string> WorldCoordinateCards(const WorldCoordinates& coordinates) {
+    std::vector<std::string> cards = {
+        FitsNumberCard("WCSAXES", 2, "world coordinates of pixels"),
+        FitsTextCard("CTYPE1", "RA---SIN", "right ascension, orthographic"),
+        FitsTextCard("CTYPE2", "DEC--SIN", "declination, orthographic"),
+        FitsTextCard("CUNIT1", "deg"),
+        FitsTextCard("CUNIT2", "deg"),
+        FitsNumberCard("CRPIX1", coordinates.Crpix[0], "column of the tangent point, from 1"),
+        FitsNumberCard("CRPIX2", coordinates.Crpix[1], "row of the tangent point, from 1"),
+        FitsNumberCard("CRVAL1", coordinates.Crval[0], "[deg] tangent point"),
+        FitsNumberCard("CRVAL2", coordinates.Crval[1], "[deg] tangent point"),
+        FitsNumberCard("CD1_1", coordinates.Cd[0][0], "[deg] east per column"),
+        FitsNumberCard("CD1_2", coordinates.Cd[0][1], "[deg] east per row"),
+        FitsNumberCard("CD2_1", coordinates.Cd[1][0], "[deg] north per column"),
+        FitsNumberCard("CD2_2", coordinates.Cd[1][1], "[deg] north per row"),
+        FitsNumberCard("LONPOLE", 180, "[deg]"),
+        FitsTextCard("RADESYS", "ICRS"),
+        FitsNumberCard("EQUINOX", 2000, "[yr]")};
+    for (const char* line :
+         {"CRVAL and CRPIX are the tangent point, where the search began: it need",
+          "not lie in the image. The image centre is NH_CRA, NH_CDEC.",
+          "Rows count from the bottom of the picture up, the lowest one is row 1."}) {
+        for (std::string& card : FitsCommentCards(line)) cards.push_back(std::move(card));
+    }
+    cards.push_back(FitsNumberCard("NH_CRA", coordinates.Centre[0],
+                                   "[deg] J2000 right ascension, image centre"));
+    cards.push_back(FitsNumberCard("NH_CDEC", coordinates.Centre[1],
+                                   "[deg] J2000 declination of the image centre"));
+    return cards;
+}
+
+bool IsStaleKeyword(std::string_view keyword) {
+    // The letter at the end is that of an alternative description.
+    static const std::regex stale(
+        "(WCSAXES|(CTYPE|CUNIT|CRVAL|CRPIX|CDELT|CROTA|CRDER|CSYER|CNAME)[0-9]+"
+        "|(CD|PC|PV|PS)[0-9]+_[0-9]+|LONPOLE|LATPOLE|EQUINOX|RADESYS|WCSNAME)[A-Z]?"
+        "|PC[0-9]{6}|RADECSYS|EPOCH|WCSDIM|WAT[0-9]_[0-9]{3}|IMAGEW|IMAGEH"
+        "|(A|B|AP|BP)_([0-9]+_[0-9]+|ORDER|DMAX)|TR[12]_[0-9]+"
+        "|AMD[XY][0-9]+|PPO[0-9]|PLTRA[HMS]|PLTDEC(SN|[DMS])"
+        "|NH_[A-Z0-9_]*|IMAGESZ[XY]");
+    return std::regex_match(keyword.begin(), keyword.end(), stale);
+}
+
+}  // namespace vestrel

@@ -1,0 +1,70 @@
+#!/usr/bin/env python3
+"""What other programs make of the FITS files in a folder. Prints complaints only.
+
+judgeFits.py saved FOLDER      out.fit, Vestrel's own form, against in.fit
+judgeFits.py exported FOLDER   NAME.wcs and NAME.export.fits against points.txt: name, FITS pixel,
+                               count, right ascension and declination in degrees
+"""
+import collections
+import pathlib
+import shutil
+import subprocess
+import sys
+import warnings
+
+try:
+    import numpy
+    from astropy.io import fits
+    from astropy.wcs import WCS
+except ImportError:
+    sys.exit(0)  # there is no judge; the C++ side has its own round trips
+
+
+def separation_arcsec(ra1, dec1, ra2, dec2):
+    ra1, dec1, ra2, dec2 = (numpy.radians(numpy.asarray(v, dtype=float))
+                            for v in (ra1, dec1, ra2, dec2))
+    haversine = (numpy.sin((dec2 - dec1) / 2) ** 2 +
+                 numpy.cos(dec1) * numpy.cos(dec2) * numpy.sin((ra2 - ra1) / 2) ** 2)
+    return numpy.degrees(2 * numpy.arcsin(numpy.sqrt(haversine))) * 3600
+
+
+def judge_exported(folder):
+    rows = collections.defaultdict(list)
+    for line in (folder / "points.txt").read_text().splitlines():
+        name, *numbers = line.split()
+        rows[name].append([float(n) for n in numbers])
+    assert rows
+    for name, numbers in rows.items():
+        x, y, count, ra, dec = numpy.array(numbers).T
+        for ending in (".wcs", ".export.fits"):
+            path = folder / (name + ending)
+            if shutil.which("fitsverify"):
+                run = subprocess.run(["fitsverify", "-q", path], capture_output=True, text=True)
+                if "verification OK" not in run.stdout:
+                    print(name, ending, run.stdout)
+            with fits.open(path) as file:
+                header = file[0].header
+                for keyword in ("PC1_1", "CROTA2", "LATPOLE"):
+                    if keyword in header:
+                        print(name, ending, "has", keyword)
+                sky = WCS(header).all_pix2world(x, y, 1)
+                worst = separation_arcsec(sky[0], sky[1], ra, dec).max()
+                if not worst < 0.001:
+                    print(name, ending, "is off by", worst, "arcsec")
+                if ending == ".export.fits":
+                    shown = file[0].data[(y - 1).astype(int), (x - 1).astype(int)]
+                    if not (shown == count).all():
+                        print(name, "has other counts")
+
+
+def judge_saved(folder):
+    with fits.open(folder / "in.fit") as before, fits.open(folder / "out.fit") as after:
+        if not (before[0].data == after[0].data).all():
+            print("other counts")
+        header = after[0].header
+        if header["NH_PM"] is not True or header["NH_RAREF"] != 5.1 or header["BZERO"] != 32768:
+            print("other cards")
+
+
+warnings.simplefilter("ignore")
+{"exported": judge_exported, "saved": judge_saved}[sys.argv[1]](pathlib.Path(sys.argv[2]))
