@@ -116,6 +116,8 @@ void SolveWindow::ShowState() {
     for (QWidget* widget : startWidgets_) widget->setEnabled(commands.Start);
     for (QAction* action : startActions_) action->setEnabled(commands.Start);
     saveAction_->setEnabled(commands.Save);
+    exportAction_->setEnabled(commands.Save);
+    worldCoordinatesAction_->setEnabled(commands.WriteWorldCoordinates);
     copyAction_->setEnabled(!display.Details.empty());
     stopButton_->setEnabled(commands.Stop);
 }

@@ -103,6 +103,8 @@ class SolveWindow : public QMainWindow {
     std::vector<QWidget*> startWidgets_;
     std::vector<QAction*> startActions_;
     QAction* saveAction_ = nullptr;
+    QAction* exportAction_ = nullptr;
+    QAction* worldCoordinatesAction_ = nullptr;
     QAction* copyAction_ = nullptr;
     QMenu* recentMenu_ = nullptr;
     QPushButton* stopButton_ = nullptr;

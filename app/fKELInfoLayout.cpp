@@ -271,6 +271,10 @@ void SolveWindow::BuildMenus() {
     connect(recentMenu_, &QMenu::aboutToShow, this, [this] { FillRecentImages(); });
     saveAction_ = AddAction(file, "Save &As...", QKeySequence::SaveAs,
                             [this] { SaveImageCommand(state_, port_); });
+    exportAction_ = AddAction(file, "&Export...", QKeySequence("Ctrl+E"),
+                              [this] { ExportImageCommand(state_, port_); });
+    worldCoordinatesAction_ = AddAction(file, "Write &World Coordinates", QKeySequence("Ctrl+W"),
+                                        [this] { WorldCoordinatesCommand(state_, port_); });
     file->addSeparator();
     AddAction(file, "&Quit", QKeySequence::Quit, [this] { close(); });
 

@@ -8,6 +8,7 @@
 #include "astro/libStrings.h"
 #include "extraction/mStarExtraction.h"
 #include "image/mImageData.h"
+#include "image/mSolvedImage.h"
 #include "matching/mPlateMatch.h"
 #include "settings/mRecentImages.h"
 
@@ -53,7 +54,9 @@ Operation::~Operation() {
 
 AvailableCommands CommandsFor(const ProgramState& state) {
     const bool idle = state.Running == Activity::None;
-    return {idle, state.Running == Activity::Solving, idle && state.ImageLoaded};
+    const bool image = idle && state.ImageLoaded;
+    return {idle, state.Running == Activity::Solving, image,
+            image && state.Image.Header.PlateMatched};
 }
 
 std::optional<UnattendedRequest> ReadSolveInputs(const ProgramState& state, Port& port) {
@@ -144,6 +147,24 @@ void OpenImageCommand(ProgramState& state, Port& port, const std::string& path) 
 void SaveImageCommand(ProgramState& state, Port& port) {
     const Operation operation(state, port, Activity::Saving);
     if (operation) SaveImageDialog(state, port);
+}
+
+void ExportImageCommand(ProgramState& state, Port& port) {
+    const Operation operation(state, port, Activity::Saving);
+    if (!operation) return;
+    const auto path = port.AskForFile({"Export Image",
+                                       "FITS Files (*.fits)|*.fits;*.fit;*.fts|All Files (*.*)|*.*",
+                                       1, state.Parameters.LastSaveFolder + "\\*.*", true});
+    if (!path) return;
+    state.Parameters.LastSaveFolder = FolderOfPath(*path);
+    if (ExportImage(state, port, *path))
+        ShowStatus(state, port, "Exported " + ShortenedPath(*path));
+}
+
+void WorldCoordinatesCommand(ProgramState& state, Port& port) {
+    const Operation operation(state, port, Activity::Saving);
+    if (!operation || !WriteWorldCoordinates(state, port)) return;
+    ShowStatus(state, port, "Wrote " + ShortenedPath(WorldCoordinatePath(state.Image.FileName)));
 }
 
 std::string ImageNameText(const ProgramState& state) {

@@ -30,6 +30,7 @@ struct AvailableCommands {
     bool Start = true;  ///< to match, to open an image, to edit the parameters
     bool Stop = false;
     bool Save = false;
+    bool WriteWorldCoordinates = false;
 };
 AvailableCommands CommandsFor(const ProgramState& state);
 
@@ -54,8 +55,10 @@ void SwitchUnits(ProgramState& state);
 void OpenImageCommand(ProgramState& state, Port& port);
 void OpenImageCommand(ProgramState& state, Port& port, const std::string& path);
 
-/// Save As.
+/// Save As; Export, as a standard FITS file; and the world coordinates in a file beside the image.
 void SaveImageCommand(ProgramState& state, Port& port);
+void ExportImageCommand(ProgramState& state, Port& port);
+void WorldCoordinatesCommand(ProgramState& state, Port& port);
 
 /// The text for the name of the loaded image, and for its folder.
 std::string ImageNameText(const ProgramState& state);

@@ -50,7 +50,6 @@ int Run(int argc, char** argv) {
     if (!CanOpenWindows(argc, argv)) return RunWithoutWindow(start, *state);
 
     QApplication application(argc, argv);
-    QApplication::setApplicationDisplayName(ProgramTitle);
     QApplication::setDesktopFileName(applicationId);
     QApplication::setWindowIcon(QIcon::fromTheme(applicationId));
     start = readArguments();  // without those that were Qt's
