@@ -195,7 +195,9 @@ void SolveWindow::ShowAbout() {
                                 QMessageBox::Close, this);
     box->setIconPixmap(windowIcon().pixmap(64));
     box->setAttribute(Qt::WA_DeleteOnClose);
-    box->open();
+    // A solve can be stopped all the same.
+    box->setModal(false);
+    box->show();
 }
 
 void SolveWindow::Tick() {
