@@ -286,12 +286,7 @@ void ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
     const auto data = std::make_unique_for_overwrite<std::uint8_t[]>(longest);
     const std::size_t held = std::fread(data.get(), 1, longest, file);
 
-    image.Width = header.NAxis1;
-    image.Height = header.NAxis2;
-    image.DataOffset = offset;
-    image.Pedestal = header.Pedestal;
-    image.Pixels = Grid<std::int32_t>();  // gives the old image's memory back first
-    image.Pixels = Grid<std::int32_t>(image.Width, image.Height);
+    StartPixels(image, offset);
 
     const std::int32_t floor = -offset;
     const std::int32_t ceiling = 65535 - offset;

@@ -172,7 +172,7 @@ bool MayHave(std::string_view keyword, const ValueField& field) {
         return number;
     }
     if (IsOneOf(keyword, {"BLANK", "EXTVER", "EXTLEVEL"})) return field.What == Kind::Whole;
-    if (keyword == "INHERIT") return field.What == Kind::Flag;
+    if (IsOneOf(keyword, {"EXTEND", "INHERIT"})) return field.What == Kind::Flag;
     static constexpr std::string_view columns[] = {"TBCOL", "TDIM",  "TDISP", "TFORM", "TNULL",
                                                    "TSCAL", "TTYPE", "TUNIT", "TZERO"};
     for (const std::string_view column : columns) {

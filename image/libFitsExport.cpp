@@ -200,6 +200,10 @@ std::vector<std::string> KeptCards(const ImageHeader& header, int bitPix,
     for (std::size_t i = 0; i < standard.size(); ++i) {
         const std::string_view keyword = KeywordOfCard(standard[i]);
         if (keyword == "CONTINUE" && dropped) continue;
+        // Programs from before the standard took long texts over look for this sign of them.
+        if (keyword == "CONTINUE" && last.emplace("LONGSTRN", i).second) {
+            layout.push_back(FitsTextCard("LONGSTRN", "OGIP 1.0"));
+        }
         dropped = isValue(standard[i]) && (last[keyword] != i || IsLayoutKeyword(keyword, bitPix) ||
                                            IsStaleKeyword(keyword));
         if (!dropped) layout.push_back(standard[i]);

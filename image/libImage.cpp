@@ -15,6 +15,15 @@ void ClearHeader(ImageHeader& header) {
     }
 }
 
+void StartPixels(PlateImage& image, std::int32_t dataOffset) {
+    image.Width = image.Header.NAxis1;
+    image.Height = image.Header.NAxis2;
+    image.DataOffset = dataOffset;
+    image.Pedestal = image.Header.Pedestal;
+    image.Pixels = Grid<std::int32_t>();  // gives the old image's memory back first
+    image.Pixels = Grid<std::int32_t>(image.Width, image.Height);
+}
+
 bool FirstRowAtTop(const PlateImage& image) {
     return image.ImageType != "FITS" || image.Header.BitPix == -32;
 }

@@ -92,6 +92,10 @@ struct PlateImage {
     std::string ImageType;  ///< "FITS", "SBIG" or "JPEG"; empty before the first load
 };
 
+/// Gives the image the size and the pedestal of its header, this offset, and a grid of zeros.
+/// Throws std::bad_alloc when there is no room.
+void StartPixels(PlateImage& image, std::int32_t dataOffset);
+
 /// Whether row 0 of the grid is the top of the image as it is displayed: of pictures, SBIG images
 /// and floating-point FITS images, which are turned over as they are read. Other FITS images have
 /// their bottom row first, and so has the file of any image that is written as standard FITS.

@@ -65,14 +65,9 @@ bool Decode(jpeg_decompress_struct& info, ErrorManager& errors, std::FILE* file,
     }
     jpeg_start_decompress(&info);
 
-    image.Width = static_cast<std::int32_t>(info.output_width);
-    image.Height = static_cast<std::int32_t>(info.output_height);
-    image.Header.NAxis1 = static_cast<std::int16_t>(image.Width);
-    image.Header.NAxis2 = static_cast<std::int16_t>(image.Height);
-    image.DataOffset = 0;
-    image.Pedestal = 0;
-    image.Pixels = Grid<std::int32_t>();
-    image.Pixels = Grid<std::int32_t>(image.Width, image.Height);
+    image.Header.NAxis1 = static_cast<std::int16_t>(info.output_width);
+    image.Header.NAxis2 = static_cast<std::int16_t>(info.output_height);
+    StartPixels(image, 0);
     row.resize(std::size_t{3} * info.output_width);
     while (info.output_scanline < info.output_height && !errors.CutShort) {
         const auto y = static_cast<std::int32_t>(info.output_scanline);

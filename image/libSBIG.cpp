@@ -192,12 +192,7 @@ bool ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
     if (!RoundToInt16(header.Pedestal - pedestalReduction, header.Pedestal)) {
         throw std::range_error("pedestal too small");
     }
-    image.Width = header.NAxis1;
-    image.Height = header.NAxis2;
-    image.DataOffset = offset;
-    image.Pedestal = header.Pedestal;
-    image.Pixels = Grid<std::int32_t>();  // gives the old image's memory back first
-    image.Pixels = Grid<std::int32_t>(image.Width, image.Height);
+    StartPixels(image, offset);
     return ReadRows({data.get(), held}, image, progress, failure);
 }
 

@@ -15,7 +15,7 @@
 #endif
 
 #include "image/libFitsCards.h"
-#include "image/libFitsWriter.h"
+#include "image/libWorldCoordinates.h"
 #include "image/mImageData.h"
 #include "image/mSolvedImage.h"
 #include "platform/libPlatform.h"
@@ -382,6 +382,19 @@ TEST(WorldCoordinates, ASolutionThatIsNoMapOfTheSkyIsNone) {
     EXPECT_FALSE(std::filesystem::exists(folder / "out.fits"));
 }
 
+TEST(WorldCoordinates, OlderOnesAreKnownByTheirKeywords) {
+    for (const char* stale :
+         {"CRVAL1", "CRVAL12B", "CD2_1", "PC001002", "PC1_1A", "A_2_0", "BP_ORDER", "EQUINOX",
+          "RADESYSC", "NH_PM", "PV2_15", "AMDX13", "WAT1_001"}) {
+        EXPECT_TRUE(IsStaleKeyword(stale)) << stale;
+    }
+    for (const char* kept :
+         {"CRVAL", "CRVAL1BB", "CD1_", "PCOUNT", "AIRMASS", "DATE-OBS", "PLTSOLVD", "A_B_C",
+          "OBJCTRA", "RA", "", "EQUINOX1", "PPOINT", "NHPM"}) {
+        EXPECT_FALSE(IsStaleKeyword(kept)) << kept;
+    }
+}
+
 TEST(StandardCards, GoodCardsStayAndOthersArePutRight) {
     const auto padded = [](std::string card) {
         card.resize(80, ' ');
@@ -411,6 +424,53 @@ TEST(StandardCards, GoodCardsStayAndOthersArePutRight) {
         EXPECT_EQ(StandardCards(padded(card)), std::vector<std::string>{padded(standard)});
     }
     EXPECT_TRUE(StandardCards(std::string(80, '\0')).size() <= 1);
+}
+
+TEST(StandardCards, AnExportOfAnyReadableHeaderIsStandard) {
+    TemporaryFolder folder;
+    const std::string original =
+        FitsHeader(FitsCards(16, 4, 3,
+                             {"EXTEND  =                    T / may hold more",
+                              "OBJECT  = 'M 31    ' / galaxy",
+                              "DATE-OBS= '2024-01-31T01:02:03.5' / UTC",
+                              "EXPTIME =                 30.5",
+                              "LONGSTRN= 'OGIP 1.0'",
+                              "REMARK  = 'a text that goes on &' / more",
+                              "CONTINUE  'and on&'",
+                              "CONTINUE  ' to its end'",
+                              "HISTORY made = by hand",
+                              "COMPLEX = (1.0, 2.0)",
+                              "HIERARCH ESO TEL ID = 'x'",
+                              "CTYPE1  = 'RA---TAN'",
+                              "CRVAL1  = 1.5E1 / [deg]",
+                              "BLANK   = 99",
+                              "CHECKSUM= 'x'",
+                              "DATAMAX = 5.0",
+                              "EQUINOX = 2000",
+                              "PLTSOLVD= T",
+                              "TELESCOP= 'Newton'",
+                              "EPOCH   = 2000.0",
+                              "AIRMASS = 1.25e0",
+                              "observer= Me & you",
+                              "BUNIT   = 'adu'"})) +
+        FitsPixels(16, std::vector<double>(12, 5.0));
+    int exported = 0;
+    for (std::uint32_t seed = 0; seed < 400; ++seed) {
+        Opened opened;
+        WriteFile(folder / "in.fit", seed == 0 ? original : Damaged(original, seed, 2400));
+        if (!opened.Open(folder / "in.fit") || opened.State.Image.Width == 0 ||
+            opened.State.Image.Height == 0 || opened.State.Image.Width > 1000) {
+            continue;
+        }
+        opened.Solve(1, 1, 2, 3, false);
+        const std::string name = std::to_string(seed) + ".fits";
+        ASSERT_TRUE(ExportImage(opened.State, opened.Port, TextFromPath(folder / name))) << seed;
+        ++exported;
+    }
+    EXPECT_GT(exported, 30);
+#ifdef VESTREL_PYTHON
+    EXPECT_EQ(Verdict(folder.Path, "standard"), "");
+#endif
 }
 
 TEST(HeaderText, SummaryThenTheFirst299Cards) {

@@ -2,6 +2,7 @@
 """What other programs make of the FITS files in a folder. Prints complaints only.
 
 judgeFits.py saved FOLDER      out.fit, Vestrel's own form, against in.fit
+judgeFits.py standard FOLDER   *.fits keep to the standard
 judgeFits.py exported FOLDER   NAME.wcs and NAME.export.fits against points.txt: name, FITS pixel,
                                count, right ascension and declination in degrees
 """
@@ -28,6 +29,15 @@ def separation_arcsec(ra1, dec1, ra2, dec2):
     return numpy.degrees(2 * numpy.arcsin(numpy.sqrt(haversine))) * 3600
 
 
+def judge_standard(paths):
+    if not shutil.which("fitsverify"):
+        return
+    for path in paths:
+        run = subprocess.run(["fitsverify", path], capture_output=True, text=True)
+        if "Verification found 0 warning(s) and 0 error(s)" not in run.stdout:
+            print(path.name, run.stdout, run.stderr)
+
+
 def judge_exported(folder):
     rows = collections.defaultdict(list)
     for line in (folder / "points.txt").read_text().splitlines():
@@ -38,10 +48,7 @@ def judge_exported(folder):
         x, y, count, ra, dec = numpy.array(numbers).T
         for ending in (".wcs", ".export.fits"):
             path = folder / (name + ending)
-            if shutil.which("fitsverify"):
-                run = subprocess.run(["fitsverify", "-q", path], capture_output=True, text=True)
-                if "verification OK" not in run.stdout:
-                    print(name, ending, run.stdout)
+            judge_standard([path])
             with fits.open(path) as file:
                 header = file[0].header
                 for keyword in ("PC1_1", "CROTA2", "LATPOLE"):
@@ -67,4 +74,5 @@ def judge_saved(folder):
 
 
 warnings.simplefilter("ignore")
-{"exported": judge_exported, "saved": judge_saved}[sys.argv[1]](pathlib.Path(sys.argv[2]))
+{"exported": judge_exported, "saved": judge_saved,
+ "standard": lambda folder: judge_standard(sorted(folder.glob("*.fits")))}[sys.argv[1]](pathlib.Path(sys.argv[2]))
