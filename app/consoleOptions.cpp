@@ -120,8 +120,14 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
                    "settings file when left out");
     app.add_option("--regions", options.Regions, "Regions to search")->capture_default_str();
     app.add_option("--catalog", catalog, "Folder of the catalog");
+    const CLI::Validator named(
+        [](const std::string& name) -> std::string {
+            return name.empty() ? "needs the name of a file" : "";
+        },
+        "");
     app.add_option("--info", options.InfoFile, "Print what a file's header says, and end")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(named);
     const char* outputs = "Files written when the image is solved";
     app.add_flag("--wcs", options.WorldCoordinates,
                  "World coordinates as a FITS header beside the image (.wcs)")
@@ -129,10 +135,12 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     app.add_option("--export", options.ExportFile,
                    "Standard FITS for other programs: the image as it was, with the solution")
         ->type_name("FILE")
+        ->check(named)
         ->group(outputs);
     app.add_option("--save", options.SaveFile,
                    "Vestrel's own FITS file, without the sky background; opens again solved")
         ->type_name("FILE")
+        ->check(named)
         ->group(outputs);
     app.add_flag("--json", options.Json, "Print the result as JSON");
     app.add_flag("--quiet", options.Quiet, "No progress, and no explanation of failures");

@@ -37,7 +37,11 @@ DesktopStart ReadDesktopArguments(const std::vector<std::string>& arguments) {
     for (const std::string& argument : arguments) {
         text += (text.empty() ? "" : " ") + argument;
     }
-    if (IsFile(text)) return {DesktopStart::Kind::OpenImage, text};
+    if (IsFile(text)) {
+        // The folder is shown and remembered.
+        const std::filesystem::path path = std::filesystem::absolute(PathFromText(text));
+        return {DesktopStart::Kind::OpenImage, TextFromPath(path)};
+    }
     text = Trim(text);
     if (text.empty()) return {};
     if (text == "--help" || text == "-h") return {DesktopStart::Kind::Print, help};

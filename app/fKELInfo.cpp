@@ -30,7 +30,10 @@ SolveWindow::SolveWindow(ProgramState& state)
     BuildControls();
     BuildMenus();
     port_.OnDisplayChanged = [this] { ShowState(); };
-    port_.OnImageChanged = [this] { imageWindow_.ImageChanged(); };
+    port_.OnImageChanged = [this] {
+        imageWindow_.ImageChanged();
+        headerWindow_.ImageChanged();
+    };
     port_.OnProgress = [this](int percent) { ShowProgressPercent(percent); };
     countdown_.setParent(this);
     countdown_.setObjectName("tmrCountdown");
@@ -92,7 +95,8 @@ void SolveWindow::dropEvent(QDropEvent* event) {
     event->acceptProposedAction();
     const std::string path = Utf8(event->mimeData()->urls().constFirst().toLocalFile());
     // Later: the program that the image comes from waits for this event to end.
-    QTimer::singleShot(0, this, [this, path] { OpenFile(path); });
+    QMetaObject::invokeMethod(
+        this, [this, path] { OpenFile(path); }, Qt::QueuedConnection);
 }
 
 void SolveWindow::ShowInputs() {

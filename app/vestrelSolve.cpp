@@ -62,27 +62,41 @@ Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& option
     return outcome;
 }
 
-/// Whether two paths name one file.
-bool SameFile(const std::string& one, const std::string& other) {
-    std::error_code missing;
-    return std::filesystem::equivalent(PathFromText(one), PathFromText(other), missing);
+/// Two of the files of a run that are one and the same, in words; empty when there are none.
+std::string CoincidingFiles(const ConsoleOptions& options) {
+    std::vector<std::pair<std::string, std::string>> files;
+    std::string image = options.Image;
+    if (options.ParameterString) {
+        const auto request = ParseParameterString(*options.ParameterString);
+        if (!request) return {};
+        image = request->Path;
+        files.emplace_back("the result file", TextFromPath(ResultFilePath(image)));
+    }
+    files.emplace_back("the image itself", image);
+    if (options.WorldCoordinates) files.emplace_back("the .wcs file", WorldCoordinatePath(image));
+    for (const std::string& output : {options.ExportFile, options.SaveFile}) {
+        if (output.empty()) continue;
+        for (const auto& [what, path] : files) {
+            std::error_code ignored;
+            const std::filesystem::path one = PathFromText(output);
+            const std::filesystem::path other = PathFromText(path);
+            if (std::filesystem::equivalent(one, other, ignored) ||
+                std::filesystem::weakly_canonical(one, ignored) ==
+                    std::filesystem::weakly_canonical(other, ignored)) {
+                return output + " is " + what + ": name another file.";
+            }
+        }
+        files.emplace_back("the exported file", output);
+    }
+    return {};
 }
 
-/// Writes the files that were asked for. The export comes first: it reads the image once more.
+/// Writes the files that were asked for. The export reads the image's file once more.
 bool WriteOutputs(const ProgramState& state, Port& port, const ConsoleOptions& options) {
     bool good = true;
-    const auto write = [&](const std::string& path, auto operation) {
-        if (path.empty()) return;
-        if (SameFile(path, state.Image.FileName)) {
-            port.ShowMessage(path + " is the image itself: it is left as it is.", DefaultTitle);
-            good = false;
-        } else {
-            good = operation(state, port, path) && good;
-        }
-    };
-    write(options.ExportFile, ExportImage);
+    if (!options.ExportFile.empty()) good = ExportImage(state, port, options.ExportFile);
     if (options.WorldCoordinates) good = WriteWorldCoordinates(state, port) && good;
-    write(options.SaveFile, SaveImage);
+    if (!options.SaveFile.empty()) good = SaveImage(state, port, options.SaveFile) && good;
     return good;
 }
 
@@ -245,6 +259,10 @@ int Run(int argc, const char* const* argv) {
     if (!options.InfoFile.empty()) {
         ConsolePort port(*state, options.Quiet);
         return PrintHeader(*state, port, options.InfoFile);
+    }
+    if (const std::string complaint = CoincidingFiles(options); !complaint.empty()) {
+        std::fprintf(stderr, "%s\n", complaint.c_str());
+        return ExitCode::Usage;
     }
     if (!options.FieldSize) options.FieldSize = RememberedFieldSize(state->Parameters);
     double seconds = 0;

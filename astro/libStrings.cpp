@@ -70,9 +70,14 @@ std::string_view Trim(std::string_view text) {
 }
 
 std::string WithoutControls(std::string text) {
+    unsigned char before = 0;
     for (char& c : text) {
         const auto code = static_cast<unsigned char>(c);
+        // Also those of two bytes, C2 80 to C2 9F: the second becomes a letter without meaning.
+        const bool second = before == 0xC2 && code >= 0x80 && code < 0xA0;
         if (code < 32 || code == 127) c = '?';
+        if (second) c = '\xBF';
+        before = code;
     }
     return text;
 }

@@ -13,8 +13,8 @@ std::string_view Trim(std::string_view text);
 /// The text with the letters a to z in upper case; other bytes stay.
 std::string UpperCase(std::string_view text);
 
-/// The text with "?" for control characters. Texts out of files go through it on their way to a
-/// terminal, which would obey them.
+/// The text (UTF-8) with "?" and "¿" for control characters. Texts out of files go through it on
+/// their way to a terminal, which would obey them.
 std::string WithoutControls(std::string text);
 
 /// The value of a numeric text: surrounding blanks, an optional sign, digits with at most one

@@ -22,6 +22,8 @@ constexpr std::size_t cardLength = 80;
 constexpr std::size_t blockLength = 2880;
 /// Counts must fit 32 bits after the offset has been added, with room for what is added later.
 constexpr std::int64_t largestOffset = 2'000'000'000;
+/// A file must hold a byte for so many pixels that it lacks, if they cost memory.
+constexpr std::size_t missingPixelsPerByte = 2048;
 constexpr const char* generalFailure = "Unable to read the image file.";
 
 /// Where a keyword's value goes. A flag is "T" or "F"; a `Negated` one is stored with its sign
@@ -286,17 +288,23 @@ void ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
     const auto data = std::make_unique_for_overwrite<std::uint8_t[]>(longest);
     const std::size_t held = std::fread(data.get(), 1, longest, file);
 
-    StartPixels(image, offset);
-
     const std::int32_t floor = -offset;
     const std::int32_t ceiling = 65535 - offset;
+    // Zero bytes that convert to 0 are what a new grid holds already.
+    const bool missingCostNothing = floor <= 0 && (header.BitPix != -32 || ceiling >= 0);
+    const std::size_t missing = (wanted - held) / pixelBytes;
+    if (!missingCostNothing && missing / missingPixelsPerByte > held + blockLength) {
+        throw std::runtime_error("next to no pixels");
+    }
+
+    StartPixels(image, offset);
+
     std::vector<std::uint8_t> paddedRow;
     for (std::int32_t r = 0; r < image.Height; ++r) {
         const std::size_t start = static_cast<std::size_t>(r) * rowBytes;
         const std::uint8_t* bytes = data.get() + start;
         if (start + rowBytes > held) {
-            // Zero bytes that convert to 0 are what the new grid holds already.
-            if (start >= held && floor <= 0 && (header.BitPix != -32 || ceiling >= 0)) break;
+            if (start >= held && missingCostNothing) break;
             paddedRow.assign(rowBytes, 0);
             if (start < held) std::copy_n(bytes, held - start, paddedRow.begin());
             bytes = paddedRow.data();

@@ -15,7 +15,9 @@ namespace vestrel {
 ///
 /// Rows keep the order of the file for 8- and 16-bit pixels; floating-point images alone are
 /// turned upside down. `BSCALE` is not applied. Counts below 0 become 0; floating-point counts
-/// above 65535 become 65535. Pixel data that the file does not hold read as zero bytes.
+/// above 65535 become 65535. Pixel data that the file does not hold read as zero bytes; where
+/// those are not stored as 0 (`BZERO` below 0, for floating-point ones above 65535 too), a file
+/// that holds next to none of it is refused.
 ///
 /// @param progress told of rows done after every tenth row
 /// @param failure  what to show when the result is false

@@ -134,11 +134,11 @@ bool IsStandardDate(std::string_view text) {
     if (!number(0, 4, 0, 9999) || !sign(4, '-') || !number(5, 2, 1, 12) || !sign(7, '-')) {
         return false;
     }
-    const auto month = static_cast<std::size_t>((text[5] - '0') * 10 + (text[6] - '0'));
+    const int month = (text[5] - '0') * 10 + (text[6] - '0');
     const int year =
         (text[0] - '0') * 1000 + (text[1] - '0') * 100 + (text[2] - '0') * 10 + (text[3] - '0');
     const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
-    const int lastDay = month == 2 && !leap ? 28 : days[month - 1];
+    const int lastDay = month == 2 && !leap ? 28 : days[static_cast<std::size_t>(month) - 1];
     if (!number(8, 2, 1, lastDay)) return false;
     if (text.size() == 10) return true;
     if (!sign(10, 'T') || !number(11, 2, 0, 23) || !sign(13, ':') || !number(14, 2, 0, 59) ||
@@ -149,26 +149,42 @@ bool IsStandardDate(std::string_view text) {
     return sign(19, '.') && text.size() > 20 && std::all_of(text.begin() + 20, text.end(), IsDigit);
 }
 
+/// The date in the standard's form, as far as it can be told: without the letter of the time zone,
+/// with "T" before the time and with seconds.
+std::string StandardDate(std::string text) {
+    if (IsStandardDate(text)) return text;
+    constexpr std::size_t dayLength = 10;
+    constexpr std::size_t minuteLength = 16;
+    if (text.ends_with('Z')) text.pop_back();
+    std::replace(text.begin(), text.end(), '/', '-');
+    if (text.size() > dayLength && text[dayLength] == ' ') text[dayLength] = 'T';
+    if (text.size() == minuteLength) text += ":00";
+    return text;
+}
+
 bool IsOneOf(std::string_view keyword, std::initializer_list<std::string_view> list) {
     return std::find(list.begin(), list.end(), keyword) != list.end();
 }
 
 bool IsReservedForTexts(std::string_view keyword) {
     return IsOneOf(keyword, {"AUTHOR", "BUNIT", "EXTNAME", "INSTRUME", "OBJECT", "OBSERVER",
-                             "ORIGIN", "REFERENC", "TELESCOP", "TIMESYS", "TREFPOS"});
+                             "ORIGIN", "REFERENC", "TELESCOP"});
+}
+
+bool IsDateKeyword(std::string_view keyword) {
+    return keyword == "DATE" || keyword.starts_with("DATE-");
 }
 
 /// Whether the standard allows a keyword a value of this kind. Keywords of tables are none of an
 /// image's.
 bool MayHave(std::string_view keyword, const ValueField& field) {
     if (field.What == Kind::Nothing) return false;
-    if (keyword == "DATE" || keyword.starts_with("DATE-")) {
+    if (IsDateKeyword(keyword)) {
         return field.What == Kind::Text && IsStandardDate(field.Value);
     }
     if (IsReservedForTexts(keyword)) return field.What == Kind::Text;
     const bool number = field.What == Kind::Whole || field.What == Kind::Real;
-    if (IsOneOf(keyword, {"DATAMAX", "DATAMIN", "MJD-OBS", "MJD-AVG", "MJD-BEG", "MJD-END",
-                          "MJDREF", "EXPOSURE", "TELAPSE", "XPOSURE"})) {
+    if (IsOneOf(keyword, {"DATAMAX", "DATAMIN", "MJD-OBS"})) {
         return number;
     }
     if (IsOneOf(keyword, {"BLANK", "EXTVER", "EXTLEVEL"})) return field.What == Kind::Whole;
@@ -183,6 +199,12 @@ bool MayHave(std::string_view keyword, const ValueField& field) {
         }
     }
     return !IsOneOf(keyword, {"TFIELDS", "THEAP"});
+}
+
+/// Whether a keyword may have any value, and so none as well.
+bool IsFree(std::string_view keyword) {
+    const auto may = [keyword](Kind kind) { return MayHave(keyword, {kind, {}, {}, true}); };
+    return may(Kind::Flag) && may(Kind::Whole) && may(Kind::Text);
 }
 
 bool IsStandardKeyword(std::string_view keyword) {
@@ -253,6 +275,15 @@ std::string_view KeywordOfCard(std::string_view card) {
     return Trim(card.substr(0, keywordLength));
 }
 
+bool MayRepeat(std::string_view keyword) {
+    return IsCommentary(keyword) || keyword == "HIERARCH" || keyword == "CONTINUE";
+}
+
+std::string_view ValueOfCard(std::string_view card) {
+    const std::string_view field = card.substr(valueStart);
+    return Trim(field.substr(0, field.find('/')));
+}
+
 std::vector<std::string> StandardCards(std::string_view bytes) {
     // Zero bytes stand for blanks in the headers of writers that fill with them.
     std::string card(bytes.substr(0, cardLength));
@@ -262,6 +293,10 @@ std::vector<std::string> StandardCards(std::string_view bytes) {
     card = PrintableText(card);
 
     const std::string_view text(card);
+    // A keyword with such blanks was none to whoever read it, and must not become one.
+    if (bytes.substr(0, std::min(bytes.find('='), cardLength)).find('\0') != bytes.npos) {
+        return AsComment(text);
+    }
     std::string_view keyword = KeywordOfCard(text);
     const bool leftAligned = card.front() != ' ';
     if (printable && IsCommentary(keyword) && (leftAligned || keyword.empty())) return {card};
@@ -273,6 +308,10 @@ std::vector<std::string> StandardCards(std::string_view bytes) {
     const bool inColumn = text.substr(keywordLength, 2) == "= ";
     // Two widespread conventions; the second continues the text of the card before it.
     if (printable && IsOneOf(keyword, {"HIERARCH", "CONTINUE"}) && !inColumn) return {card};
+    // What has no value is a comment under a name of its own.
+    if (printable && !inColumn && leftAligned && IsStandardKeyword(keyword) && IsFree(keyword)) {
+        return {card};
+    }
     const std::size_t equals = inColumn ? keywordLength : text.find('=');
     if (equals == std::string_view::npos) return AsComment(text);
 
@@ -281,6 +320,10 @@ std::vector<std::string> StandardCards(std::string_view bytes) {
     ValueField field = SplitValueField(text.substr(equals + 1));
     if (IsReservedForTexts(capitals) && field.What != Kind::Text && field.What != Kind::Nothing) {
         field.What = Kind::Text;
+        field.Standard = false;
+    }
+    if (IsDateKeyword(capitals) && field.What == Kind::Text && !IsStandardDate(field.Value)) {
+        field.Value = StandardDate(field.Value);
         field.Standard = false;
     }
     if (!MayHave(capitals, field)) return AsComment(text);

@@ -23,11 +23,16 @@ std::string FitsHeaderBlocks(const std::vector<std::string>& cards);
 
 /// A card of another program's header as standard cards. One that keeps to the standard stays as it
 /// is, byte for byte. Of the others the keyword gets its capitals and the "=" its column, texts
-/// their quotes and exponents their E; what is then still no card becomes a comment.
-/// @param card up to 80 characters
-std::vector<std::string> StandardCards(std::string_view card);
+/// their quotes, exponents their E and dates their form; what is then still no card, or has no
+/// value after its "=", becomes a comment.
+/// @param bytes of the card, up to 80
+std::vector<std::string> StandardCards(std::string_view bytes);
 
-/// The keyword of a standard card.
+/// The keyword of a standard card, and its value as it is written.
 std::string_view KeywordOfCard(std::string_view card);
+std::string_view ValueOfCard(std::string_view card);
+
+/// Whether a keyword may stand in any number of cards.
+bool MayRepeat(std::string_view keyword);
 
 }  // namespace vestrel

@@ -7,6 +7,7 @@
 #include <limits>
 #include <map>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string_view>
 
@@ -72,10 +73,9 @@ std::vector<unsigned char> ReadPixelBytes(const PlateImage& image) {
 
 /// The value that stands for "no count" in a file of whole numbers.
 std::optional<double> BlankValue(const ImageHeader& header) {
-    for (std::size_t i = 1; i <= static_cast<std::size_t>(header.CardCount); ++i) {
-        const std::string_view card = header.Cards[i];
-        if (card.starts_with("BLANK   =")) {
-            return ParseNumber(card.substr(9, card.find('/', 9) - 9));
+    for (std::size_t i = 1; i < static_cast<std::size_t>(header.CardCount); ++i) {
+        for (const std::string& card : StandardCards(header.Cards[i])) {
+            if (KeywordOfCard(card) == "BLANK") return ParseNumber(ValueOfCard(card));
         }
     }
     return std::nullopt;
@@ -155,6 +155,14 @@ bool IsLayoutKeyword(std::string_view keyword, int bitPix) {
     return keyword == "BLANK" && bitPix < 0;
 }
 
+/// The keyword that Vestrel makes of a card. It goes by the "=" alone: to the standard a card that
+/// begins with blanks is a comment.
+std::string KeywordAsRead(std::string_view card) {
+    const std::size_t equals = card.find('=');
+    return equals == std::string_view::npos ? std::string(KeywordOfCard(card))
+                                            : UpperCase(Trim(card.substr(0, equals)));
+}
+
 /// The cards that say how the pixels are stored.
 std::vector<std::string> LayoutCards(const PlateImage& image, const ExportedPixels& pixels) {
     return {FitsFlagCard("SIMPLE", true, "standard FITS"),
@@ -167,67 +175,84 @@ std::vector<std::string> LayoutCards(const PlateImage& image, const ExportedPixe
 }
 
 /// A FITS file's own cards as far as they still hold, with `layout` in front. Of a keyword that
-/// stands in several cards, the last one, which is the one that readers go by.
+/// stands in several cards the first one holds, by which most programs go; the others become
+/// comments.
 std::vector<std::string> KeptCards(const ImageHeader& header, int bitPix,
                                    std::vector<std::string> layout) {
-    const auto isValue = [](std::string_view card) { return card.substr(8, 2) == "= "; };
-    std::vector<std::string> standard;
+    enum class Fate { Kept, Comment, Dropped };
+    Fate fate = Fate::Kept;
+    bool goesOn = false;  // the last card ends with the sign that CONTINUE cards follow
+    bool anyContinued = false;
+    std::vector<std::string> kept;
+    std::map<std::string, std::string, std::less<>> first;
     for (std::size_t i = 1; i < static_cast<std::size_t>(header.CardCount); ++i) {  // END is last
-        for (std::string& card : StandardCards(header.Cards[i])) {
-            standard.push_back(std::move(card));
+        const std::string& original = header.Cards[i];
+        for (const std::string& card : StandardCards(original)) {
+            const std::string_view keyword = KeywordOfCard(card);
+            const std::string asRead = KeywordAsRead(card);
+            const bool isFirst = MayRepeat(keyword) || first.emplace(keyword, card).second;
+            if (IsLayoutKeyword(asRead, bitPix) || IsStaleKeyword(asRead)) {
+                fate = Fate::Dropped;
+            } else if (keyword == "CONTINUE") {
+                // What it continues is gone, or was put right and perhaps cut.
+                if (!goesOn && fate != Fate::Dropped) fate = Fate::Comment;
+                anyContinued = anyContinued || fate == Fate::Kept;
+            } else {
+                fate = isFirst ? Fate::Kept : Fate::Comment;
+            }
+            goesOn = fate == Fate::Kept && card == original && card.find("&'") != std::string::npos;
+            if (fate == Fate::Kept) {
+                kept.push_back(card);
+            } else if (fate == Fate::Comment) {
+                for (std::string& line : FitsCommentCards(Trim(card))) {
+                    kept.push_back(std::move(line));
+                }
+            }
         }
-    }
-    std::map<std::string_view, std::size_t> last;
-    for (std::size_t i = 0; i < standard.size(); ++i) {
-        if (isValue(standard[i])) last[KeywordOfCard(standard[i])] = i;
     }
     // Where the original says the same of its pixels, it is said in its words. The mandatory values
     // must end in column 30; those of BSCALE and BZERO may stand anywhere.
-    const auto value = [](std::string_view card) {
-        const std::string_view field = card.substr(10);
-        return field.substr(0, field.find('/'));
-    };
     for (std::string& card : layout) {
-        const auto found = last.find(KeywordOfCard(card));
-        if (found == last.end()) continue;
-        const std::string& original = standard[found->second];
-        const bool same = found->first == "BSCALE" || found->first == "BZERO"
-                              ? ParseNumber(value(original)) == ParseNumber(value(card))
-                              : original.compare(0, 30, card, 0, 30) == 0;
-        if (same) card = original;
+        const auto found = first.find(KeywordOfCard(card));
+        if (found == first.end()) continue;
+        const bool same =
+            found->first == "BSCALE" || found->first == "BZERO"
+                ? ParseNumber(ValueOfCard(found->second)) == ParseNumber(ValueOfCard(card))
+                : found->second.compare(0, 30, card, 0, 30) == 0;
+        if (same) card = found->second;
     }
-    bool dropped = false;
-    for (std::size_t i = 0; i < standard.size(); ++i) {
-        const std::string_view keyword = KeywordOfCard(standard[i]);
-        if (keyword == "CONTINUE" && dropped) continue;
-        // Programs from before the standard took long texts over look for this sign of them.
-        if (keyword == "CONTINUE" && last.emplace("LONGSTRN", i).second) {
-            layout.push_back(FitsTextCard("LONGSTRN", "OGIP 1.0"));
-        }
-        dropped = isValue(standard[i]) && (last[keyword] != i || IsLayoutKeyword(keyword, bitPix) ||
-                                           IsStaleKeyword(keyword));
-        if (!dropped) layout.push_back(standard[i]);
+    // Programs from before the standard took long texts over look for this sign of them.
+    if (anyContinued && !first.contains("LONGSTRN")) {
+        layout.push_back(FitsTextCard("LONGSTRN", "OGIP 1.0"));
     }
+    layout.insert(layout.end(), kept.begin(), kept.end());
     return layout;
 }
 
 /// What an SBIG header says, in FITS keywords, and its own lines as comments.
 void AppendSbigCards(std::vector<std::string>& cards, const ImageHeader& header) {
-    const auto number = [&cards](const char* keyword, double value, const char* comment) {
-        if (value != 0) cards.push_back(FitsNumberCard(keyword, value, comment));
+    std::set<std::string> present;
+    for (std::size_t i = 1; i <= static_cast<std::size_t>(header.CardCount); ++i) {
+        const std::string& line = header.Cards[i];
+        present.insert(UpperCase(Trim(line.substr(0, line.find('=')))));
+    }
+    const auto number = [&](const char* line, const char* keyword, double value,
+                            const char* comment) {
+        if (present.contains(line)) cards.push_back(FitsNumberCard(keyword, value, comment));
     };
-    const auto text = [&cards](const char* keyword, const std::string& value, const char* comment) {
-        if (value != "0") cards.push_back(FitsTextCard(keyword, value, comment));
+    const auto text = [&](const char* line, const std::string& value) {
+        if (present.contains(line)) cards.push_back(FitsTextCard(line, value));
     };
-    number("EXPTIME", header.ExposureTime, "[s] exposure");
-    number("CCD-TEMP", header.CcdTemperature, "[degC] sensor temperature");
-    number("XPIXSZ", header.XPixelSize, "[um] pixel width");
-    number("YPIXSZ", header.YPixelSize, "[um] pixel height");
-    number("EGAIN", header.ElectronGain, "electrons per count");
-    number("FOCALLEN", header.FocalLength, "[mm] focal length");
-    number("APTAREA", header.ApertureArea, "[mm2] aperture area");
-    text("FILTER", header.Filter, "filter");
-    text("OBSERVER", header.Observer, "observer");
+    number("EXPOSURE", "EXPTIME", header.ExposureTime, "[s] exposure");
+    number("TEMPERATURE", "CCD-TEMP", header.CcdTemperature, "[degC] sensor temperature");
+    number("X_PIXEL_SIZE", "XPIXSZ", header.XPixelSize, "[um] pixel width");
+    number("Y_PIXEL_SIZE", "YPIXSZ", header.YPixelSize, "[um] pixel height");
+    number("E_GAIN", "EGAIN", header.ElectronGain, "electrons per count");
+    number("FOCAL_LENGTH", "FOCALLEN", header.FocalLength, "[mm] focal length");
+    number("APERTURE", "APTAREA", header.ApertureArea, "[mm2] aperture area");
+    number("PEDESTAL", "PEDESTAL", header.Pedestal, "to be added to counts");
+    text("FILTER", header.Filter);
+    text("OBSERVER", header.Observer);
     for (std::size_t i = 1; i <= static_cast<std::size_t>(header.CardCount); ++i) {
         for (std::string& card : FitsCommentCards("SBIG: " + header.Cards[i])) {
             cards.push_back(std::move(card));
@@ -276,7 +301,13 @@ std::vector<unsigned char> FitsExportBytes(const PlateImage& image,
         cards = KeptCards(image.Header, pixels.BitPix, std::move(cards));
     }
     if (image.ImageType == "SBIG") AppendSbigCards(cards, image.Header);
-    for (std::string& card : WorldCoordinateCards(*coordinates)) cards.push_back(std::move(card));
+    const std::vector<std::string> coordinateCards = WorldCoordinateCards(*coordinates);
+    // An image that was exported before has the comments among them already.
+    std::erase_if(cards, [&coordinateCards](const std::string& card) {
+        return std::find(coordinateCards.begin(), coordinateCards.end(), card) !=
+               coordinateCards.end();
+    });
+    cards.insert(cards.end(), coordinateCards.begin(), coordinateCards.end());
     AppendOwnCards(cards, image, pixels.BitPix);
     cards.insert(cards.end(), moreCards.begin(), moreCards.end());
 

@@ -16,7 +16,8 @@ namespace vestrel {
 /// where counts leave 16 bits, with the bottom row first. Every card of the original stays as it
 /// was, but for those that speak of the layout of the file, of checksums, of coordinates and of
 /// older solutions; cards that break the standard are put right. `moreCards` come last. The file
-/// opens in Vestrel already solved, as far as its cards are not more than can be read there.
+/// opens in Vestrel already solved, as far as its cards are not more than can be read there, and
+/// scaled counts neither blank nor out of range.
 ///
 /// @throws std::runtime_error, with a text to show, when the image has no solution or its file can
 ///         no longer be read as it was

@@ -41,10 +41,7 @@ std::optional<WorldCoordinates> WorldCoordinatesOf(const PlateImage& image) {
     const auto& map = header.PlateTransform;
     const double determinant = map[0][0] * map[1][1] - map[0][1] * map[1][0];
     const double degreesPerUnit = exactDegreesPerRadian / header.PlateScale;
-    if (!std::isnormal(determinant) || !std::isnormal(degreesPerUnit) ||
-        std::fabs(header.DecRef) > 2 || std::fabs(header.RaRef) > 100) {
-        return std::nullopt;
-    }
+    if (!std::isnormal(determinant) || !std::isnormal(degreesPerUnit)) return std::nullopt;
 
     // The map from pixels to the plane; xi grows west. Rows that are counted from the top turn
     // over.
@@ -57,7 +54,7 @@ std::optional<WorldCoordinates> WorldCoordinatesOf(const PlateImage& image) {
     result.Crpix[0] = map[0][2] + 1;
     result.Crpix[1] = upward > 0 ? map[1][2] + 1 : image.Height - map[1][2];
     result.Crval[0] = InCircle(header.RaRef * exactDegreesPerRadian);
-    result.Crval[1] = header.DecRef * exactDegreesPerRadian;
+    result.Crval[1] = std::remainder(header.DecRef * exactDegreesPerRadian, fullCircle);
 
     const double dx = (image.Width + 1) / 2.0 - result.Crpix[0];
     const double dy = (image.Height + 1) / 2.0 - result.Crpix[1];
@@ -69,8 +66,18 @@ std::optional<WorldCoordinates> WorldCoordinatesOf(const PlateImage& image) {
                      result.Cd[1][0] * dx + result.Cd[1][1] * dy, ra, dec);
     result.Centre[0] = InCircle(ra * exactDegreesPerRadian);
     result.Centre[1] = dec * exactDegreesPerRadian;
-    for (const double value : {result.Cd[0][0], result.Cd[0][1], result.Cd[1][0], result.Cd[1][1],
-                               result.Crpix[0], result.Crpix[1], ra, dec}) {
+    // A tangent point beyond a pole, where a search may well end: the same point on the other side,
+    // where east and north have changed their directions.
+    if (std::fabs(result.Crval[1]) > fullCircle / 4) {
+        result.Crval[0] = InCircle(result.Crval[0] + fullCircle / 2);
+        result.Crval[1] = std::copysign(fullCircle / 2, result.Crval[1]) - result.Crval[1];
+        for (auto& row : result.Cd) {
+            for (double& value : row) value = -value;
+        }
+    }
+    for (const double value :
+         {result.Crval[0], result.Crval[1], result.Cd[0][0], result.Cd[0][1], result.Cd[1][0],
+          result.Cd[1][1], result.Crpix[0], result.Crpix[1], ra, dec}) {
         if (!std::isfinite(value)) return std::nullopt;
     }
     return result;
@@ -111,7 +118,9 @@ bool IsStaleKeyword(std::string_view keyword) {
     static constexpr std::string_view stale[] = {
         "WCSAXES@", "WCSNAME@", "LONPOLE@", "LATPOLE@", "EQUINOX@", "RADESYS@", "CTYPE#@",
         "CUNIT#@", "CRVAL#@", "CRPIX#@", "CDELT#@", "CROTA#@", "CRDER#@", "CSYER#@", "CNAME#@",
-        "CD#_#@", "PC#_#@", "PV#_#@", "PS#_#@", "PC#", "RADECSYS", "EPOCH", "WCSDIM", "WAT#_#",
+        "CD#_#@", "CD#", "PC#_#@", "PV#_#@", "PS#_#@", "PC#", "RADECSYS", "EPOCH", "WCSDIM",
+        "WAT#_#", "CPDIS#@", "CQDIS#@", "CPERR#@", "CQERR#@", "DP#@", "DQ#@", "DVERR@", "D2IMDIS#",
+        "D2IMERR#", "D2IMEXT",
         // distortions, the sizes that go with them, and plates of the sky surveys
         "A_#_#", "B_#_#", "AP_#_#", "BP_#_#", "A_ORDER", "B_ORDER", "AP_ORDER", "BP_ORDER",
         "A_DMAX", "B_DMAX", "IMAGEW", "IMAGEH", "TR1_#", "TR2_#", "AMDX#", "AMDY#", "PPO#",

@@ -116,19 +116,35 @@ FileHandle CreateTemporary(const fs::path& path, fs::path& temporary) {
     return file;
 }
 
-std::error_code Replace(const fs::path& path, std::span<const unsigned char> bytes, bool keepRest) {
+/// Whether this process may write to a file that is there.
+bool MayWrite(const fs::path& path) {
+#ifdef _WIN32
+    return _waccess(path.c_str(), 2) == 0;
+#else
+    return access(path.c_str(), W_OK) == 0;
+#endif
+}
+
+std::error_code Replace(const fs::path& named, std::span<const unsigned char> bytes,
+                        bool keepRest) {
     std::error_code error;
-    // A rename would put a file in the place of a device, and of a folder that is empty.
-    const fs::file_status there = fs::symlink_status(path, error);
-    if (fs::exists(there) && !fs::is_regular_file(there) && !fs::is_symlink(there)) {
-        return std::make_error_code(fs::is_directory(there) ? std::errc::is_a_directory
-                                                            : std::errc::not_supported);
+    // A link keeps pointing at its file, which gets the new content.
+    fs::path path = fs::weakly_canonical(named, error);
+    if (error || path.empty()) path = named;
+    // A rename would put a file in the place of a device, and of one that is write-protected.
+    const fs::file_status there = fs::status(path, error);
+    if (fs::exists(there)) {
+        if (fs::is_directory(there)) return std::make_error_code(std::errc::is_a_directory);
+        if (!fs::is_regular_file(there)) return std::make_error_code(std::errc::not_supported);
+        if (!MayWrite(path)) return std::make_error_code(std::errc::permission_denied);
     }
     errno = 0;
     fs::path temporary;
     FileHandle file = CreateTemporary(path, temporary);
     if (!file) return LastError();
     error.clear();
+    if (fs::exists(there)) fs::permissions(temporary, there.permissions(), error);
+    error.clear();  // a file system without permissions has none to keep
     bool good = WriteBytes(file.get(), bytes) &&
                 (!keepRest || AppendRest(file.get(), path, bytes.size())) &&
                 FlushToDisk(file.get());
@@ -152,11 +168,7 @@ bool ReplaceFile(const fs::path& path, std::string_view text) {
 }
 
 void ReplaceFileStart(const fs::path& path, std::span<const unsigned char> bytes) {
-    std::error_code error;
-    // A link keeps pointing at its file, which gets the new content.
-    const fs::path target = fs::is_symlink(path, error) ? fs::canonical(path, error) : path;
-    error = target.empty() ? std::make_error_code(std::errc::no_such_file_or_directory)
-                           : Replace(target, bytes, true);
+    const std::error_code error = Replace(path, bytes, true);
     if (error) throw std::system_error(error, "Cannot write " + TextFromPath(path));
 }
 

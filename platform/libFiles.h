@@ -31,13 +31,14 @@ bool ReadWholeFile(const std::filesystem::path& path, std::size_t limit,
                    std::vector<unsigned char>& bytes);
 
 /// Replaces a file by `bytes`, whole or not at all: they go to a temporary in the same folder,
-/// which takes the file's place in one step. False leaves an older file as it was, and anything
-/// that is not a file.
+/// which takes the file's place, and its permissions, in one step. Follows a link to its file.
+/// False leaves an older file as it was, and so a write-protected one and anything that is not a
+/// file.
 bool ReplaceFile(const std::filesystem::path& path, std::span<const unsigned char> bytes);
 bool ReplaceFile(const std::filesystem::path& path, std::string_view text);
 
 /// Replaces the first bytes of a file, whole or not at all; what a longer file holds beyond them
-/// stays. Follows a link to its file.
+/// stays.
 /// @throws std::system_error with the system's reason, after which an older file is as it was
 void ReplaceFileStart(const std::filesystem::path& path, std::span<const unsigned char> bytes);
 

@@ -209,19 +209,17 @@ TEST(Manifest, ADamagedOneIsNeverTaken) {
 
     BuildCatalog(folder / "c", RandomSky(100, 4), 1000);
     const std::string good = ReadFile(folder / "c" / ManifestName);
-    std::mt19937 random(5);
     CatalogManifest manifest;
-    for (int i = 0; i < 100; ++i) {
+    for (std::size_t length = 0; length + 2 < good.size(); length += 97) {
+        WriteFile(folder / "c" / ManifestName, good.substr(0, length));
+        EXPECT_EQ(ReadManifest(folder / "c", manifest), ManifestState::Unreadable) << length;
+    }
+    for (const char* count : {"-1", "0.5", "1E300", "4294967296", "true"}) {
         std::string bad = good;
-        if (i % 2 == 0) {
-            bad.resize(random() % (good.size() - 2));
-        } else {
-            bad[random() % good.size()] = static_cast<char>(random() % 256);
-        }
+        const std::size_t at = bad.find("\"crc32\": ") + 9;
+        bad.replace(at, bad.find_first_not_of("0123456789", at) - at, count);
         WriteFile(folder / "c" / ManifestName, bad);
-        // A changed letter may leave it whole, a cut never; nothing may crash.
-        const ManifestState state = ReadManifest(folder / "c", manifest);
-        EXPECT_TRUE(i % 2 != 0 || state == ManifestState::Unreadable) << i;
+        EXPECT_EQ(ReadManifest(folder / "c", manifest), ManifestState::Unreadable) << count;
     }
 }
 
@@ -402,8 +400,10 @@ TEST(BrightStars, OnlyStarsAreReadFromGeoJson) {
     ASSERT_EQ(stars.size(), 1U);
     EXPECT_EQ(unusable, 6U);
     EXPECT_NEAR(stars[0].Ra / degree, 279.2347, 1e-9);
-    for (const std::string& bad : {std::string(), std::string("[]"), std::string(100000, '['),
-                                   std::string(R"({"features":[]})")}) {
+    const std::string nested = std::string(300000, '[') + std::string(300000, ']');
+    for (const std::string& bad :
+         {std::string(), std::string("[]"), std::string(100000, '['),
+          std::string(R"({"features":[]})"), R"({"features":[)" + feature(nested, "1") + "]}"}) {
         WriteFile(folder / "stars", bad);
         EXPECT_THROW(ReadBrightStars(folder / "stars", unusable), ToolFailure);
     }
@@ -513,21 +513,7 @@ TEST(StarTable, NoLineIsLostOrCutWhereverTheBufferEnds) {
     }
 }
 
-TEST(StarTable, HostileTextGivesAMessageNotACrash) {
-    std::mt19937 random(9);
-    const std::string good = "ra,dec,mag,\"n\"\n1,2,3,\"a\"\n05:06:07,-8:9:10,4,b\n";
-    constexpr std::string_view alphabet = ",\t;|\"\n\r -+.:#e0159hd\xC2\xB0";
-    for (int i = 0; i < 3000; ++i) {
-        std::string text = good;
-        for (int change = 0; change < 1 + i % 8; ++change) {
-            text[random() % text.size()] = alphabet[random() % alphabet.size()];
-        }
-        try {
-            for (const SkyStar& star : ReadTable(text).Stars) ASSERT_TRUE(StoredStar(star)) << text;
-        } catch (const ToolFailure& failure) {
-            ASSERT_EQ(failure.Code, ExitBadInput);
-        }
-    }
+TEST(StarTable, WhatIsNoTableIsRefusedAndHoursAreNoticed) {
     for (const char* bad :
          {"", "\n\n", "# only\n", "ra,dec,mag", "ra,dec\n1,2\n", "x,y,mag\n1,2,3\n"}) {
         EXPECT_THROW(ReadTable(bad), ToolFailure) << bad;

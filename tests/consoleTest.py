@@ -285,11 +285,15 @@ class Solutions(Solver):
         self.assertEqual(info.returncode, 0)
         self.assertRegex(info.stdout, rb"^  Image Size = 600 X 450\n  Image Size = (60|59\.99\d)'  X")
         self.assertRegex(info.stdout, rb"\n  NH_PM   = T /")
-        for option in ("--save", "--export"):
-            run = self.run_solver(*self.search, option, image)
-            self.assertEqual(run.returncode, NOT_WRITTEN)
-            self.assertIn(b"is the image itself", run.stderr)
+        same = self.folder / "." / "same.fit"
+        for files in (["--save", image], ["--export", image], ["--save", same, "--export", same],
+                      ["--wcs", "--export", self.folder / "sky.wcs"], ["--save", ""]):
+            run = self.run_solver(*self.search, *files)
+            self.assertEqual((run.returncode, run.stdout), (USAGE, b""), run.stderr)
             self.assertEqual(image.read_bytes(), self.sky)
+            self.assertFalse(same.exists())
+        run = self.run_solver(self.parameters + str(image), "--save", self.folder / "sky.kel")
+        self.assertEqual(run.returncode, USAGE)
         (self.folder / "sky.wcs").unlink()
         (self.folder / "sky.wcs").mkdir()
         self.assertEqual(self.run_solver(*self.search, "--wcs").returncode, NOT_WRITTEN)

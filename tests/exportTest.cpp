@@ -83,15 +83,28 @@ std::string Sbig(int width, int height, const std::vector<int>& counts) {
     return bytes;
 }
 
-/// The judge's verdict on the files of a folder: empty when all is well.
+/// The judge's verdict on the files of a folder: empty when all is well; "no judge" when there is
+/// none here.
 std::string Verdict(const std::filesystem::path& folder, const std::string& check) {
+#ifndef VESTREL_PYTHON
+    return "no judge: built without Python";
+#else
     const std::string command = std::string(VESTREL_PYTHON) + " " + VESTREL_SOURCE_DIR +
                                 "/tests/judgeFits.py " + check + " '" + folder.string() + "' > '" +
                                 (folder / "verdict").string() + "' 2>&1";
     const int status = std::system(command.c_str());
     const std::string verdict = ReadFile(folder / "verdict");
     return status == 0 || !verdict.empty() ? verdict : "the judge did not run";
+#endif
 }
+
+/// Ends a test with the judge's verdict.
+#define EXPECT_JUDGED(folder, check)                                  \
+    do {                                                              \
+        const std::string verdict = Verdict(folder, check);           \
+        if (verdict.starts_with("no judge")) GTEST_SKIP() << verdict; \
+        EXPECT_EQ(verdict, "");                                       \
+    } while (false)
 
 constexpr int width = 61;
 constexpr int height = 41;
@@ -159,9 +172,10 @@ TEST(Saving, ASavedImageOpensAgainWithItsCountsAndItsSolution) {
     std::vector<double> counts(width * height);
     for (double& count : counts) count = random.Whole(-32768, 32767);
     Opened first;
-    WriteFile(folder / "in.fit",
-              FitsHeader(FitsCards(16, width, height, {"BZERO   = 32768", "BSCALE  = 1"})) +
-                  FitsPixels(16, counts));
+    WriteFile(folder / "in.fit", FitsHeader(FitsCards(16, width, height,
+                                                      {"BZERO   = 32768", "BSCALE  = 1",
+                                                       "OBJECT  = 'M 31'", "EXPTIME = 30.5"})) +
+                                     FitsPixels(16, counts));
     ASSERT_TRUE(first.Open(folder / "in.fit"));
     first.Solve(5.1, -1.2, 3, 0.7, true);
     ASSERT_TRUE(SaveImage(first.State, first.Port, TextFromPath(folder / "out.fit")));
@@ -179,19 +193,17 @@ TEST(Saving, ASavedImageOpensAgainWithItsCountsAndItsSolution) {
         EXPECT_NEAR(first.SkyAt(x, y).Ra, second.SkyAt(x, y).Ra, 1e-11);
         EXPECT_NEAR(first.SkyAt(x, y).Dec, second.SkyAt(x, y).Dec, 1e-11);
     }
-#ifdef VESTREL_PYTHON
-    EXPECT_EQ(Verdict(folder.Path, "saved"), "");
-#endif
 
     // Floating-point images come back upside down, and their counts above 32767 as 0.
     const std::vector<double> high = {1, 40000, 3, 65535};
     WriteFile(folder / "float.fit", FitsHeader(FitsCards(-32, 2, 2)) + FitsPixels(-32, high));
     ASSERT_TRUE(first.Open(folder / "float.fit"));
-    ASSERT_TRUE(SaveImage(first.State, first.Port, TextFromPath(folder / "out.fit")));
-    ASSERT_TRUE(second.Open(folder / "out.fit"));
+    ASSERT_TRUE(SaveImage(first.State, first.Port, TextFromPath(folder / "turned.fit")));
+    ASSERT_TRUE(second.Open(folder / "turned.fit"));
     const auto& pixels = second.State.Image.Pixels;
     EXPECT_EQ((std::vector<int>{pixels(0, 0), pixels(1, 0), pixels(0, 1), pixels(1, 1)}),
               (std::vector<int>{3, 0, 1, 0}));
+    EXPECT_JUDGED(folder.Path, "saved");
 }
 
 TEST(Saving, AFailureLeavesTheOldFileAndNoOther) {
@@ -231,11 +243,23 @@ TEST(Saving, AFailureLeavesTheOldFileAndNoOther) {
             std::_Exit(refused ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
-    std::filesystem::create_symlink("out.fit", folder / "link.fit");
-    EXPECT_TRUE(SaveImage(opened.State, opened.Port, TextFromPath(folder / "link.fit")));
-    EXPECT_TRUE(std::filesystem::is_symlink(folder / "link.fit"));
-    EXPECT_EQ(ReadFile(folder / "out.fit").size(), 5760u + 28 * 2880);
-    std::filesystem::remove(folder / "link.fit");
+    // Links are followed, to files and to what is none; a file keeps its permissions.
+    namespace fs = std::filesystem;
+    const auto mine = fs::perms::owner_read | fs::perms::owner_write;
+    for (const auto write : {SaveImage, ExportImage}) {
+        fs::create_symlink("out.fit", folder / "link.fit");
+        WriteFile(folder / "out.fit", "");
+        fs::permissions(folder / "out.fit", mine);
+        EXPECT_TRUE(write(opened.State, opened.Port, TextFromPath(folder / "link.fit")));
+        EXPECT_TRUE(fs::is_symlink(folder / "link.fit"));
+        EXPECT_GE(ReadFile(folder / "out.fit").size(), 5760u + 28 * 2880);
+        EXPECT_EQ(fs::status(folder / "out.fit").permissions(), mine);
+        fs::remove(folder / "link.fit");
+        fs::create_symlink("/dev/null", folder / "link.fit");
+        EXPECT_FALSE(write(opened.State, opened.Port, TextFromPath(folder / "link.fit")));
+        EXPECT_TRUE(fs::is_symlink(folder / "link.fit"));
+        fs::remove(folder / "link.fit");
+    }
 #endif
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(folder.Path)) {
@@ -322,7 +346,9 @@ TEST(WorldCoordinates, OtherProgramsSeeTheSkyAndTheCountsThatVestrelSees) {
             WriteFile(folder / file, bytes);
             Opened opened;
             ASSERT_TRUE(opened.Open(folder / file)) << kind;
-            const double dec = number % 4 == 0 ? 1.57 : random.Between(-1.5, 1.5);
+            // On a pole, as the program's pi has it, and beyond it too.
+            const double poles[] = {3.141592654 / 2, -3.141592654 / 2, 1.58, -1.7};
+            const double dec = number % 2 == 0 ? poles[number / 2 % 4] : random.Between(-1.5, 1.5);
             const double ra = number % 3 == 0 ? 0.001 : random.Between(0, 6.28);
             opened.Solve(ra, dec, random.Between(1, 600), random.Between(0, 6), mirrored);
             opened.State.BackgroundRemoved = true;  // what is exported is not what is on the grid
@@ -354,11 +380,7 @@ TEST(WorldCoordinates, OtherProgramsSeeTheSkyAndTheCountsThatVestrelSees) {
         }
     }
     points.close();
-#ifndef VESTREL_PYTHON
-    GTEST_SKIP() << "no Python to judge with";
-#else
-    EXPECT_EQ(Verdict(folder.Path, "exported"), "");
-#endif
+    EXPECT_JUDGED(folder.Path, "exported");
 }
 
 TEST(WorldCoordinates, ASolutionThatIsNoMapOfTheSkyIsNone) {
@@ -419,6 +441,7 @@ TEST(StandardCards, GoodCardsStayAndOthersArePutRight) {
         {"DATE-OBS= '2024-02-30'", "COMMENT   DATE-OBS= '2024-02-30'"},
         {"DATAMAX = 'x'", "COMMENT   DATAMAX = 'x'"},
         {"TTYPE1  = 'x'", "COMMENT   TTYPE1  = 'x'"},
+        {"DATE-OBS= '2024/02/28 01:02Z'", "DATE-OBS= '2024-02-28T01:02:00'"},
         {"some words", "COMMENT   some words"}};
     for (const auto& [card, standard] : others) {
         EXPECT_EQ(StandardCards(padded(card)), std::vector<std::string>{padded(standard)});
@@ -438,7 +461,14 @@ TEST(StandardCards, AnExportOfAnyReadableHeaderIsStandard) {
                               "REMARK  = 'a text that goes on &' / more",
                               "CONTINUE  'and on&'",
                               "CONTINUE  ' to its end'",
-                              "HISTORY made = by hand",
+                              "HISTORY = step one",
+                              "HISTORY = step two",
+                              "SITE    = 'first'",
+                              "SITE    = 'second'",
+                              "NOTHING =",
+                              "CPDIS1  = 'LOOKUP'",
+                              "DP1     = 'NAXES: 2'",
+                              "EXPOSURE= 'long'",
                               "COMPLEX = (1.0, 2.0)",
                               "HIERARCH ESO TEL ID = 'x'",
                               "CTYPE1  = 'RA---TAN'",
@@ -454,8 +484,9 @@ TEST(StandardCards, AnExportOfAnyReadableHeaderIsStandard) {
                               "observer= Me & you",
                               "BUNIT   = 'adu'"})) +
         FitsPixels(16, std::vector<double>(12, 5.0));
+    WriteFile(folder / "original.fit", original);
     int exported = 0;
-    for (std::uint32_t seed = 0; seed < 400; ++seed) {
+    for (std::uint32_t seed = 0; seed < 300; ++seed) {
         Opened opened;
         WriteFile(folder / "in.fit", seed == 0 ? original : Damaged(original, seed, 2400));
         if (!opened.Open(folder / "in.fit") || opened.State.Image.Width == 0 ||
@@ -468,9 +499,7 @@ TEST(StandardCards, AnExportOfAnyReadableHeaderIsStandard) {
         ++exported;
     }
     EXPECT_GT(exported, 30);
-#ifdef VESTREL_PYTHON
-    EXPECT_EQ(Verdict(folder.Path, "standard"), "");
-#endif
+    EXPECT_JUDGED(folder.Path, "standard");
 }
 
 TEST(HeaderText, SummaryThenTheFirst299Cards) {

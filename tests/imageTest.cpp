@@ -428,7 +428,7 @@ TEST(HostileFits, PromisesThatTheFileDoesNotKeepTakeNoMemory) {
     Reader reader;
     const std::size_t before = PeakMemoryBytes();
     for (const int bitPix : {8, 16, -32}) {
-        for (const char* bZero : {"0", "32768", "65535"}) {
+        for (const char* bZero : {"0", "32768", "65535", "-1", "70000"}) {
             reader.Read(
                 FitsHeader(FitsCards(bitPix, 32767, 32767, {std::string("BZERO = ") + bZero})));
             EXPECT_TRUE(reader.Good || reader.Complaint == general);  // room for it or not
@@ -445,33 +445,6 @@ TEST(HostileFits, PromisesThatTheFileDoesNotKeepTakeNoMemory) {
     EXPECT_EQ(reader.Complaint.substr(0, 18), "FITS Header Error:");
     reader.Read(std::string(100'000, '\0'));
     EXPECT_EQ(reader.Complaint, general);
-}
-
-TEST(HostileFiles, SeededDamageNeverBreaksTheContract) {
-    Reader reader;
-    std::vector<double> values(8 * 6);
-    std::iota(values.begin(), values.end(), 0);
-    const std::string fits =
-        Fits(-32, 8, 6, values, {"BZERO = 32768", "EXPTIME = 1.5", "OBJECT = 'M 31' / x"});
-    const std::string shortFits = Fits(16, 8, 6, values, {"PEDESTAL = 100", "HISTORY a"});
-    std::mt19937 random(3);
-    std::vector<unsigned char> noise(24 * 16 * 3);
-    for (unsigned char& byte : noise) byte = static_cast<unsigned char>(random() & 0xFF);
-    const std::string jpeg = Jpeg(24, 16, JCS_RGB, 3, noise);
-    const std::string progressive = Jpeg(24, 16, JCS_RGB, 3, noise, true);
-    int good = 0;
-    constexpr std::uint32_t rounds = 1500;
-    for (std::uint32_t seed = 0; seed < rounds; ++seed) {
-        reader.Read(Damaged(seed % 2 == 0 ? fits : shortFits, seed, 640));
-        reader.ExpectContract("FITS, seed " + std::to_string(seed));
-        good += reader.Good ? 1 : 0;
-        reader.Read(Damaged(seed % 2 == 0 ? jpeg : progressive, seed), "image.jpg");
-        reader.ExpectContract("JPEG, seed " + std::to_string(seed));
-        good += reader.Good ? 1 : 0;
-    }
-    // Damage that is always, or never, found out would test nothing.
-    EXPECT_GT(good, static_cast<int>(rounds) / 4);
-    EXPECT_LT(good, static_cast<int>(rounds) * 7 / 4);
 }
 
 TEST(Pictures, GreyIsTheSumOfTheColoursAndRowZeroIsTheTop) {

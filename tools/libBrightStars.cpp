@@ -32,9 +32,10 @@ int BoxNumber(double x, double y, double z) {
 bool ReadFeature(const json& feature, SkyStar& star) {
     static const json::json_pointer coordinatesPath("/geometry/coordinates");
     static const json::json_pointer magnitudePath("/properties/mag");
-    if (!feature.is_object()) return false;
-    const json coordinates = feature.value(coordinatesPath, json());
-    const json magnitude = feature.value(magnitudePath, json());
+    if (!feature.contains(coordinatesPath) || !feature.contains(magnitudePath)) return false;
+    // No copies: the library's run as deep as the value is nested, and out of stack.
+    const json& coordinates = feature.at(coordinatesPath);
+    const json& magnitude = feature.at(magnitudePath);
     if (!coordinates.is_array() || coordinates.size() < 2 || !magnitude.is_number() ||
         !coordinates[0].is_number() || !coordinates[1].is_number()) {
         return false;

@@ -1,7 +1,9 @@
 #include "tools/libCatalogManifest.h"
 
 #include <chrono>
+#include <limits>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <system_error>
 
 #include "catalog/libCatalogCells.h"
@@ -43,20 +45,25 @@ std::string TimeText(std::chrono::sys_seconds time) {
            padded(clock.minutes().count()) + ":" + padded(clock.seconds().count()) + "Z";
 }
 
+/// A count, and nothing that would have to be made one first, as 1E300, −1 and 0.5 would.
+std::uint64_t CountFromJson(const json& value) {
+    return value.get_ref<const json::number_unsigned_t&>();
+}
+
 CatalogSource SourceFromJson(const json& value) {
     CatalogSource source;
     value.at("kind").get_to(source.Kind);
     value.at("file").get_to(source.File);
     value.at("modified").get_to(source.Modified);
-    value.at("rows").get_to(source.Rows);
-    value.at("used").get_to(source.Used);
+    source.Rows = CountFromJson(value.at("rows"));
+    source.Used = CountFromJson(value.at("used"));
     for (const auto& [reason, rows] : value.at("leftOut").items()) {
-        source.LeftOut.emplace_back(reason, rows.get<std::uint64_t>());
+        source.LeftOut.emplace_back(reason, CountFromJson(rows));
     }
     return source;
 }
 
-/// Throws a JSON exception when something is missing or of another type.
+/// Throws when something is missing, of another type or out of range.
 CatalogManifest ManifestFromJson(const json& document) {
     CatalogManifest manifest;
     document.at("tool").get_to(manifest.Tool);
@@ -67,15 +74,16 @@ CatalogManifest ManifestFromJson(const json& document) {
     document.at("filters").get_to(manifest.Filters);
     document.at("remarks").get_to(manifest.Remarks);
     document.at("brightGapFilled").get_to(manifest.BrightGapFilled);
-    document.at("duplicates").get_to(manifest.Duplicates);
+    manifest.Duplicates = CountFromJson(document.at("duplicates"));
     for (const json& step : document.at("magnitudes")) {
         manifest.Magnitudes.push_back({step.at("from").get<double>(),
-                                       step.at("stars").get<std::uint64_t>(),
-                                       step.at("total").get<std::uint64_t>()});
+                                       CountFromJson(step.at("stars")),
+                                       CountFromJson(step.at("total"))});
     }
     for (const auto& [name, cell] : document.at("cells").items()) {
-        manifest.Cells[name] = {cell.at("stars").get<std::uint64_t>(),
-                                cell.at("crc32").get<std::uint32_t>()};
+        const std::uint64_t crc = CountFromJson(cell.at("crc32"));
+        if (crc > std::numeric_limits<std::uint32_t>::max()) throw std::range_error("crc32");
+        manifest.Cells[name] = {CountFromJson(cell.at("stars")), static_cast<std::uint32_t>(crc)};
     }
     return manifest;
 }
@@ -164,7 +172,7 @@ ManifestState ReadManifest(const std::filesystem::path& folder, CatalogManifest&
         }
         if (document.at("stars") != read.StarCount()) return ManifestState::Unreadable;
         manifest = std::move(read);
-    } catch (const json::exception&) {
+    } catch (const std::exception&) {
         return ManifestState::Unreadable;
     }
     return ManifestState::Good;

@@ -13,6 +13,7 @@ build_packages="g++ cmake ninja-build pkg-config libjpeg62-turbo-dev libcfitsio-
 window_packages="qt6-base-dev"
 test_packages="libgtest-dev libbenchmark-dev python3 python3-astropy python3-pil libcfitsio-bin
     desktop-file-utils appstream man-db dpkg-dev"
+fuzz_packages="clang libclang-rt-14-dev"
 star_package=astrometry-data-tycho2-07-littleendian
 star_file=index-tycho2-07.littleendian.fits
 bright_package=d3-celestial@0.7.35

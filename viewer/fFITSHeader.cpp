@@ -42,11 +42,17 @@ HeaderWindow::HeaderWindow(const ProgramState& state)
     resize(fontMetrics().averageCharWidth() * 110, 600);
 }
 
-void HeaderWindow::showEvent(QShowEvent* event) {
-    QDialog::showEvent(event);
+void HeaderWindow::ImageChanged() {
+    if (!isVisible()) return;
     QString text;
     for (const std::string& line : HeaderLines(state_.Image)) text += QtText(line) + "\n";
-    text_->setPlainText(text);
+    // The same text keeps its place under the scroll bars.
+    if (text_->toPlainText() != text) text_->setPlainText(text);
+}
+
+void HeaderWindow::showEvent(QShowEvent* event) {
+    QDialog::showEvent(event);
+    ImageChanged();
 }
 
 }  // namespace vestrel

@@ -9,10 +9,13 @@ class QPlainTextEdit;
 
 namespace vestrel {
 
-/// Shows the header of the loaded image as lines of text; filled each time it is shown.
+/// Shows the header of the loaded image as lines of text.
 class HeaderWindow : public QDialog {
  public:
     explicit HeaderWindow(const ProgramState& state);
+
+    /// There may be another image.
+    void ImageChanged();
 
  protected:
     void showEvent(QShowEvent* event) override;

@@ -101,7 +101,7 @@ void ElidedLabel::paintEvent(QPaintEvent* /*event*/) {
 }
 
 WindowPort::~WindowPort() {
-    ShowBusyPointer(false);
+    WindowPort::ShowBusyPointer(false);
 }
 
 void WindowPort::ShowMessage(const std::string& text, const std::string& title) {

@@ -1,0 +1,115 @@
+// A catalog cell: its file, its place in the cache, and a region's stars against plain loops.
+//
+// The first bytes choose the cell and the region, the rest is the cell file.
+
+#include <algorithm>
+#include <cmath>
+
+#include "astro/libMath.h"
+#include "catalog/libCatalogRegion.h"
+#include "fuzz/fuzzSupport.h"
+
+namespace vestrel {
+namespace {
+
+/// Small numbers out of the head of the input; zeros when that is too short.
+struct Choices {
+    std::string_view& Rest;
+    int Byte() {
+        if (Rest.empty()) return 0;
+        const auto byte = static_cast<unsigned char>(Rest.front());
+        Rest.remove_prefix(1);
+        return byte;
+    }
+    int Word() {
+        const int high = Byte();
+        return high << 8 | Byte();
+    }
+};
+
+struct Region {
+    double Ra;
+    double Dec;
+    double Radius;
+    double MagLimit;
+};
+
+void CheckRecords(std::string_view bytes, const std::vector<CatalogStar>& stars) {
+    Require(stars.size() == bytes.size() / CatalogRecordBytes, "every whole record is a star");
+    for (std::size_t i = 0; i < stars.size(); ++i) {
+        const auto record = EncodeCatalogStar(stars[i]);
+        Require(std::string_view(reinterpret_cast<const char*>(record.data()), record.size()) ==
+                    bytes.substr(i * CatalogRecordBytes, CatalogRecordBytes),
+                "records keep their bytes");
+    }
+}
+
+void CheckList(const PlateStarList& list, std::int32_t count, std::int64_t wanted) {
+    Require(count == wanted, "the region has the stars that plain loops find");
+    Require(list.size() == static_cast<std::size_t>(count) + 1, "the list has its length");
+    for (std::int32_t i = 2; i <= count; ++i) {
+        Require(
+            list[static_cast<std::size_t>(i) - 1].Flux <= list[static_cast<std::size_t>(i)].Flux,
+            "the brightest come first");
+    }
+}
+
+void CheckRegion(CatalogCache& cache, const std::string& cell, const Region& region,
+                 const std::vector<CatalogStar>& stars) {
+    Projection plane;
+    plane.SetProjectionCentre(region.Ra, region.Dec, SolveArcsecondsPerRadian);
+    PlateStarList list;
+    std::int32_t count = 0;
+    RegionStars(cache, plane, region.Ra, region.Dec, region.Radius, region.MagLimit, list, count);
+    std::int64_t total = 0;
+    for (const CachedCell& cached : cache.Cells) total += cached.StarCount;
+    Require(total == cache.CachedStars, "the cache knows its stars");
+    Require(cache.Index.size() == cache.Cells.size(), "every cell is in the index");
+
+    const bool loaded = cache.Index.count(cell) != 0;
+    const auto wanted = [&](bool solve) {
+        if (!loaded) return std::int64_t{0};
+        return std::int64_t{std::count_if(stars.begin(), stars.end(), [&](const CatalogStar& star) {
+            double xi = 0;
+            double eta = 0;
+            const double cosine = plane.SkyToPlane(static_cast<double>(star.Ra),
+                                                   static_cast<double>(star.Dec), xi, eta);
+            const double magnitude = star.Mag / 100.0;
+            const double limit = region.Radius * plane.ProjectionScale;
+            return solve ? magnitude < region.MagLimit && xi * xi + eta * eta <= limit * limit
+                         : magnitude <= region.MagLimit && cosine >= 0 &&
+                               std::sqrt(xi * xi + eta * eta) <= limit;
+        })};
+    };
+    CheckList(list, count, std::min<std::int64_t>(wanted(true), 10000));
+    FieldStars(cache, plane, region.Ra, region.Dec, region.Radius, region.MagLimit, list, count);
+    CheckList(list, count, std::min<std::int64_t>(wanted(false), 1000));
+}
+
+}  // namespace
+}  // namespace vestrel
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace vestrel;
+    static const std::vector<std::string> names = AllCellNames();
+    std::string_view rest = TextOf(data, size);
+    Choices choose{rest};
+    const std::string& cell = names[static_cast<std::size_t>(choose.Word()) % names.size()];
+    Region region{};
+    region.Ra = choose.Word() * TwoPi / 65536;
+    region.Dec = (choose.Word() - 32768) * Pi / 65536;
+    // Up to half a radian, the small ones as likely as the large: few cells, quickly read.
+    region.Radius = std::pow(2, -1 - choose.Byte() / 16.0);
+    region.MagLimit = static_cast<std::int16_t>(choose.Word()) / 100.0;
+
+    const std::filesystem::path file = InputFolder() / cell;
+    WriteFile(file, rest);
+    std::vector<CatalogStar> stars;
+    Require(ReadCellFile(file, stars), "a file of any content is read");
+    CheckRecords(rest, stars);
+    CatalogCache cache;
+    cache.Folder = InputFolder();
+    CheckRegion(cache, cell, region, stars);
+    WriteFile(file, {});
+    return 0;
+}

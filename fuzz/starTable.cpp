@@ -1,0 +1,82 @@
+// Tables of stars: every row is accounted for, and the stars survive a table of their own.
+//
+// The first byte chooses the options, the rest is the table.
+
+#include <cmath>
+#include <numbers>
+#include <numeric>
+
+#include "astro/libStrings.h"
+#include "fuzz/fuzzSupport.h"
+#include "platform/libFiles.h"
+#include "tools/libStarTable.h"
+
+namespace vestrel {
+namespace {
+
+StarTableOptions OptionsOf(unsigned char choice) {
+    StarTableOptions options;
+    if ((choice & 1) != 0) options.RaUnit = AngleUnit::Hours;
+    if ((choice & 2) != 0) options.MagColumn = "b";
+    if ((choice & 4) != 0) options.Filters.push_back({"c", '<', "2", 2});
+    if ((choice & 8) != 0) options.Filters.push_back({"a", '=', "x", std::nan("")});
+    return options;
+}
+
+/// False when the table was refused.
+bool ReadText(std::string_view text, const StarTableOptions& options, StarTableResult& result,
+              std::vector<SkyStar>& stars) {
+    static const std::filesystem::path file = InputFolder() / "table.csv";
+    WriteFile(file, text);
+    const FileHandle input = OpenFile(file, "rb");
+    static const FileHandle nowhere = OpenFile("/dev/null", "wb");
+    ProgressLine silent(nowhere.get());
+    try {
+        result = ReadStarTable(
+            input.get(), "table", text.size(), options,
+            [&stars](const SkyStar& star) { stars.push_back(star); }, silent);
+        return true;
+    } catch (const ToolFailure& failure) {
+        Require(failure.what() != std::string_view("table: "), "a refused table has a reason");
+        return false;
+    }
+}
+
+void CheckAgain(const std::vector<SkyStar>& stars) {
+    constexpr double degree = std::numbers::pi / 180;
+    std::string text = "ra,dec,mag\n";
+    for (const SkyStar& star : stars) {
+        text += NumberText(star.Ra / degree) + "," + NumberText(star.Dec / degree) + "," +
+                NumberText(star.Mag) + "\n";
+    }
+    StarTableResult result;
+    std::vector<SkyStar> again;
+    Require(ReadText(text, {}, result, again), "a plain table is read");
+    Require(again.size() == stars.size(), "no star is lost");
+    for (std::size_t i = 0; i < stars.size(); ++i) {
+        Require(std::fabs(again[i].Ra - stars[i].Ra) < 1e-12 &&
+                    std::fabs(again[i].Dec - stars[i].Dec) < 1e-12 &&
+                    std::fabs(again[i].Mag - stars[i].Mag) < 1e-12,
+                "stars stay where they are");
+    }
+}
+
+}  // namespace
+}  // namespace vestrel
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace vestrel;
+    if (size == 0) return 0;
+    StarTableResult result;
+    std::vector<SkyStar> stars;
+    if (!ReadText(TextOf(data, size).substr(1), OptionsOf(data[0]), result, stars)) return 0;
+    Require(result.Stars == stars.size() && !stars.empty(), "every star is handed over");
+    Require(
+        result.Rows == std::accumulate(result.Faults.begin(), result.Faults.end(), result.Stars),
+        "every row is a star or a fault");
+    for (const SkyStar& star : stars) {
+        Require(StoredStar(star).has_value(), "every star can be stored");
+    }
+    CheckAgain(stars);
+    return 0;
+}
