@@ -1,8 +1,7 @@
 // Takes pictures of every window around a real solve: makeScreenshots FRAME RA DEC FOLDER
 
+#include <QAction>
 #include <QApplication>
-#include <QCheckBox>
-#include <QComboBox>
 #include <QDir>
 #include <QLineEdit>
 #include <QPixmap>
@@ -47,7 +46,10 @@ class Photographer {
         QApplication::processEvents();
         QWidget* window = WindowNamed(windowName);
         const QString file = QDir(folder_).filePath(fileName + suffix_ + ".png");
-        if (window != nullptr && window->grab().save(file)) return true;
+        if (window != nullptr &&
+            window->grab().toImage().convertToFormat(QImage::Format_RGB888).save(file)) {
+            return true;
+        }
         std::fprintf(stderr, "no picture: %s\n", qPrintable(file));
         return false;
     }
@@ -71,28 +73,28 @@ bool TakeAll(Photographer photographer, const std::string& frame, const QString&
     };
     type("txtXsize", "180");
     type("txtYsize", "120");
-    bool good = photographer.Take("fKELInfo", "window-start");
+    bool good = photographer.Take("fKELInfo", "start");
     window.OpenFile(frame);
     type("txtRA", ra);
     type("txtDec", dec);
     press("cmdMatch");
     good = good && state->Solution.MatchedCount > 0;
-    good = photographer.Take("fKELInfo", "window-solved") && good;
+    good = photographer.Take("fKELInfo", "solved") && good;
     press("cmdImage");
-    good = photographer.Take("fImage", "window-image") && good;
+    good = photographer.Take("fImage", "image") && good;
     window.findChild<QAction*>("mnuHeader")->trigger();
-    good = photographer.Take("fFITSHeader", "window-header") && good;
+    good = photographer.Take("fFITSHeader", "header") && good;
     press("Command1");
-    good = photographer.Take("fParms", "window-parameters") && good;
+    good = photographer.Take("fParms", "parameters") && good;
     WindowNamed("fParms")->findChild<QPushButton*>("cmdHelp")->click();
-    good = photographer.Take("fHelp", "window-help") && good;
+    good = photographer.Take("fHelp", "help") && good;
     WindowNamed("fParms")->close();
 
     type("txtDec", "60 00 00");
     press("cmdMatch");
-    good = photographer.Take("fKELInfo", "window-failed") && good;
+    good = photographer.Take("fKELInfo", "failed") && good;
     window.StartUnattended("1.4451,-0.0291,0.0524,0.0349,4," + frame);
-    good = photographer.Take("fKELInfo", "window-unattended") && good;
+    good = photographer.Take("fKELInfo", "unattended") && good;
     window.close();
     return good;
 }
