@@ -47,9 +47,11 @@ int Run(int argc, char** argv) {
         std::fputs(start.Text.c_str(), stdout);
         return 0;
     }
-    if (!CanOpenWindows(argc, argv)) return RunWithoutWindow(start, *state);
+    auto probe = std::make_unique<DisplayProbe>(argc, argv);
+    if (!probe->CanOpenWindows()) return RunWithoutWindow(start, *state);
 
     QApplication application(argc, argv);
+    probe.reset();
     QApplication::setDesktopFileName(applicationId);
     QApplication::setWindowIcon(QIcon::fromTheme(applicationId));
     start = readArguments();  // without those that were Qt's

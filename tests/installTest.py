@@ -59,8 +59,17 @@ class Installed(unittest.TestCase):
         solver = self.unattended("vestrel-solve")
         self.assertEqual(solver[0], 7)
         self.assertRegex(solver[1], rb"^1000,1000,-1\r\n0,0,0,0,\d\d\r\nMaximum .* exceeded\r\n$")
-        for environment in ({}, {"DISPLAY": ":7777"}, {"QT_QPA_PLATFORM": "none such"},
-                            {"QT_QPA_PLATFORM": "offscreen"}):
+        displays = [{}, {"DISPLAY": ":7777"}, {"QT_QPA_PLATFORM": "none such"},
+                    {"QT_QPA_PLATFORM": "offscreen"}]
+        if shutil.which("Xvfb"):
+            # Starts afresh, and refuses programs meanwhile, whenever it has no client left.
+            server = subprocess.Popen(["Xvfb", "-displayfd", "1", "-reset"], text=True,
+                                      stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+            self.addCleanup(server.stdout.close)
+            self.addCleanup(server.wait)
+            self.addCleanup(server.terminate)
+            displays.append({"DISPLAY": ":" + server.stdout.readline().strip()})
+        for environment in displays:
             with self.subTest(environment):
                 self.assertEqual(self.unattended("vestrel", **environment), solver)
 

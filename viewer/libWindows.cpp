@@ -9,6 +9,7 @@
 #include <string_view>
 
 #ifndef _WIN32
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #endif
@@ -67,27 +68,39 @@ QStringList NameFilters(const FileDialog& dialog) {
     return filters;
 }
 
-bool CanOpenWindows([[maybe_unused]] int argc, [[maybe_unused]] char** argv) {
 #if defined(_WIN32) || defined(__APPLE__)
-    return true;
+DisplayProbe::DisplayProbe(int /*argc*/, char** /*argv*/) {}
+DisplayProbe::~DisplayProbe() = default;
 #else
+DisplayProbe::DisplayProbe(int argc, char** argv) {
     const bool named = std::any_of(argv + 1, argv + argc, [](const char* argument) {
         return std::string_view(argument) == "-platform";
     });
     if (!named && !IsSet("DISPLAY") && !IsSet("WAYLAND_DISPLAY") && !IsSet("QT_QPA_PLATFORM")) {
-        return false;
+        canOpenWindows_ = false;
+        return;
     }
-    const pid_t child = fork();
-    if (child < 0) return true;
-    if (child == 0) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return;
+    char signal = 0;
+    child_ = fork();
+    if (child_ == 0) {
+        close(ends[0]);
         qInstallMessageHandler(QuietHandler);
         const QGuiApplication application(argc, argv);
+        if (write(ends[1], &signal, 1) == 1) (void)!read(ends[1], &signal, 1);
         _exit(0);
     }
-    int status = 0;
-    return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-#endif
+    close(ends[1]);
+    socket_ = ends[0];
+    if (child_ > 0) canOpenWindows_ = read(socket_, &signal, 1) == 1;
 }
+
+DisplayProbe::~DisplayProbe() {
+    if (socket_ >= 0) close(socket_);
+    if (child_ > 0) waitpid(child_, nullptr, 0);
+}
+#endif
 
 ElidedLabel::ElidedLabel() {
     setTextFormat(Qt::PlainText);

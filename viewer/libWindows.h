@@ -24,9 +24,22 @@ QColor StatusTextColour(StatusColour colour, const QPalette& palette);
 /// The entries of a file dialog in Qt's form. "*.*" stands for every file.
 QStringList NameFilters(const FileDialog& dialog);
 
-/// Whether a window can be opened at all: Qt ends the program when it cannot, so this is tried in
-/// a process of its own.
-bool CanOpenWindows(int argc, char** argv);
+/// Finds out whether a window can be opened at all. Qt ends the program when it cannot, so this is
+/// tried in a process of its own. It keeps its connection to the display until the object goes:
+/// display servers may restart when the last program leaves, and refuse the next one meanwhile.
+class DisplayProbe {
+ public:
+    DisplayProbe(int argc, char** argv);
+    ~DisplayProbe();
+    DisplayProbe(const DisplayProbe&) = delete;
+    DisplayProbe& operator=(const DisplayProbe&) = delete;
+    bool CanOpenWindows() const { return canOpenWindows_; }
+
+ private:
+    bool canOpenWindows_ = true;
+    int child_ = -1;
+    int socket_ = -1;  ///< the child lives until this is closed
+};
 
 /// A line of text that is cut in its middle when it does not fit.
 class ElidedLabel : public QLabel {
