@@ -1,5 +1,11 @@
-// The exit codes of `vestrel-solve`. Scripts rely on them: they never change their meaning.
+// The exit codes of `vestrel-solve`, and of `vestrel` with a parameter string. Scripts rely on
+// them: they never change their meaning.
 #pragma once
+
+#include <cstdint>
+
+#include "app/mCommandLine.h"
+#include "app/mGeneral.h"
 
 namespace vestrel::ExitCode {
 
@@ -14,3 +20,13 @@ inline constexpr int NoCatalog = 7;   ///< code −1, because there is no catalo
 inline constexpr int NotWritten = 8;  ///< solved, but a result could not be written
 
 }  // namespace vestrel::ExitCode
+
+namespace vestrel {
+
+/// The exit code for the code of a solve.
+int ExitCodeOf(std::int16_t code, const ProgramState& state);
+
+/// The exit code for an unattended run. Shows a message when its result file is missing.
+int ExitCodeOf(const UnattendedOutcome& outcome, const ProgramState& state, Port& port);
+
+}  // namespace vestrel

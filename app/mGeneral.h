@@ -82,6 +82,8 @@ struct SolveDisplay {
     std::string FoundInCatalog;
     std::string Matched;
     std::string RmsDifference;
+    std::string Details;            ///< what the last solve saw, in lines
+    std::string Countdown = "10";   ///< seconds until an unattended run closes the program
     bool SolutionOverlays = false;  ///< the three overlays that a solution switches on
 };
 
@@ -90,7 +92,14 @@ struct SolveInputs {
     std::string SizeX;
     std::string SizeY;
     std::string Units = "arcminutes";  ///< or "degrees"
+    std::string Regions = "25";
+    std::string Ra = {};
+    std::string Dec = {};
+    bool KeepOpen = false;  ///< holds the countdown
 };
+
+/// The one operation that runs at a time.
+enum class Activity { None, Opening, Solving, Saving };
 
 /// Seconds spent in each stage of the last image and solve.
 struct StageTimes {
@@ -119,10 +128,14 @@ struct ProgramState {
     bool ImageLoaded = false;
     bool BackgroundRemoved = false;
     bool StopRequested = false;
+    bool CloseRequested = false;  ///< the program is to end as soon as nothing runs
+    Activity Running = Activity::None;
+    int SecondsLeft = 10;  ///< of the countdown
 
     SolveParameters Parameters;
     bool HaveConfig = false;  ///< the settings were read from the file
     SolveInputs Inputs;
+    std::vector<std::string> RecentImages;  ///< paths, the last one first
 
     ExtractionFacts Extraction;
     PlateStarList PlateStars;  ///< 1-based; of the last extraction that gave 6 or more

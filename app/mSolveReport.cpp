@@ -145,10 +145,12 @@ std::string CatalogComplaint(const ProgramState& state) {
     return {};
 }
 
-std::vector<std::string> Advice(const ProgramState& state, std::int16_t code) {
+std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
+                                const InputWords& words) {
     std::vector<std::string> advice;
     if (code == SolveCode::TooFewStars) {
-        advice.emplace_back("lower --detection-threshold, or --min-star-size for sharp stars");
+        advice.push_back(std::string("lower ") + words.Threshold + ", or " + words.MinStarSize +
+                         " for sharp stars");
         advice.emplace_back("check that the picture shows stars: exposure, focus, clouds, cap");
         return advice;
     }
@@ -156,8 +158,9 @@ std::vector<std::string> Advice(const ProgramState& state, std::int16_t code) {
     const SolveReport& report = state.Report;
     if (report.CatalogAtStart == CatalogPresence::FolderMissing ||
         report.CatalogAtStart == CatalogPresence::NoCells) {
-        advice.emplace_back(
-            "make a catalog with vestrel-catalog build, or name its folder with --catalog");
+        advice.push_back(
+            std::string("make a catalog with vestrel-catalog build, or name its folder with ") +
+            words.CatalogFolder);
         return advice;
     }
     constexpr std::int32_t fewestUseful = 10;
@@ -165,14 +168,15 @@ std::vector<std::string> Advice(const ProgramState& state, std::int16_t code) {
         advice.emplace_back(
             "the catalog has few stars here: build a deeper one, or check the size of the field");
     }
-    advice.emplace_back(
-        "check the size of the field (--size): it decides which stars are compared");
-    advice.emplace_back("check the centre (--ra in hours when sexagesimal, in degrees when plain)");
-    advice.emplace_back("search farther with a larger --regions");
+    advice.push_back(std::string("check the size of the field (") + words.FieldSize +
+                     "): it decides which stars are compared");
+    advice.push_back(std::string("check the centre (") + words.Ra +
+                     " in hours when sexagesimal, in degrees when plain)");
+    advice.push_back(std::string("search farther with a larger ") + words.Regions);
     return advice;
 }
 
-std::string FailureText(const ProgramState& state, std::int16_t code) {
+std::string FailureText(const ProgramState& state, std::int16_t code, const InputWords& words) {
     const SolveReport& report = state.Report;
     Table table;
     table.Line("Image", std::to_string(state.Image.Width) + " x " +
@@ -194,7 +198,7 @@ std::string FailureText(const ProgramState& state, std::int16_t code) {
                                        Position(report.BestAttemptCentre));
     }
     std::string text = table.Take();
-    for (const std::string& line : Advice(state, code)) text += "  Try: " + line + "\n";
+    for (const std::string& line : Advice(state, code, words)) text += "  Try: " + line + "\n";
     return text;
 }
 

@@ -25,14 +25,31 @@ std::string SolutionText(const ProgramState& state);
 /// and such a fit is either poor or of another scale than expected.
 std::vector<std::string> Cautions(const ProgramState& state);
 
+/// What advice calls the inputs.
+struct InputWords {
+    const char* Threshold;
+    const char* MinStarSize;
+    const char* CatalogFolder;
+    const char* FieldSize;
+    const char* Ra;
+    const char* Regions;
+};
+inline constexpr InputWords ConsoleWords{
+    "--detection-threshold", "--min-star-size", "--catalog", "--size", "--ra", "--regions"};
+inline constexpr InputWords WindowWords{
+    "Detection Threshold", "Min Star Size", "$VESTREL_CATALOG", "Approximate Image Size", "RA",
+    "Search Limit"};
+
 /// Why a solve ended without a solution: what was seen, and what to try next.
-std::string FailureText(const ProgramState& state, std::int16_t code);
+std::string FailureText(const ProgramState& state, std::int16_t code,
+                        const InputWords& words = ConsoleWords);
 
 /// What is wrong with the catalog, in words; empty when it has stars for the starting region.
 std::string CatalogComplaint(const ProgramState& state);
 
 /// What a user might try next, most promising first.
-std::vector<std::string> Advice(const ProgramState& state, std::int16_t code);
+std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
+                                const InputWords& words = ConsoleWords);
 
 /// The stages' names and seconds, in order.
 std::vector<std::pair<std::string, double>> StageTable(const StageTimes& times);

@@ -33,47 +33,13 @@ struct Outcome {
     double Seconds = 0;
 };
 
-int ExitCodeOf(std::int16_t code, const ProgramState& state) {
-    switch (code) {
-        case SolveCode::Solved:
-            return ExitCode::Solved;
-        case SolveCode::TooFewStars:
-            return ExitCode::TooFewStars;
-        case SolveCode::Stopped:
-            return ExitCode::Stopped;
-        case SolveCode::NoImage:
-            return ExitCode::NoImage;
-        default:
-            return CatalogComplaint(state).empty() ? ExitCode::NoMatch : ExitCode::NoCatalog;
-    }
-}
-
 Outcome SolveParameterString(ProgramState& state, Port& port, const std::string& parameters) {
     const UnattendedOutcome run = RunUnattended(state, port, parameters);
     Outcome outcome;
     outcome.Result = run.Result;
     outcome.Image = run.Request.Path;
-    switch (run.End) {
-        case UnattendedEnd::InvalidParameters:
-            outcome.Exit = ExitCode::Usage;
-            break;
-        case UnattendedEnd::InvalidFileName:
-            outcome.Exit = ExitCode::InvalidFileName;
-            break;
-        case UnattendedEnd::NoImage:
-            outcome.Exit = ExitCode::NoImage;
-            break;
-        case UnattendedEnd::Finished:
-            outcome.Attempted = true;
-            outcome.Exit = ExitCodeOf(run.Result.Code, state);
-            if (!run.ResultFileWritten) {
-                port.ShowMessage("The result file " +
-                                     TextFromPath(ResultFilePath(run.Request.Path)) +
-                                     " cannot be written.",
-                                 DefaultTitle);
-                if (outcome.Exit == ExitCode::Solved) outcome.Exit = ExitCode::NotWritten;
-            }
-    }
+    outcome.Attempted = run.End == UnattendedEnd::Finished;
+    outcome.Exit = ExitCodeOf(run, state, port);
     return outcome;
 }
 

@@ -77,7 +77,9 @@ bool OpenImage(ProgramState& state, Port& port, const std::string& path) {
     state.ImageLoaded = false;
     state.BackgroundRemoved = false;
     state.Report = {};
-    if (!ReadImage(state, port, type, path)) return false;
+    const bool read = ReadImage(state, port, type, path);
+    ShowStatus(state, port, "Ready");
+    if (!read) return false;
     state.Parameters.LastOpenFolder = folder;
     if (!state.HaveConfig) state.Parameters.LastSaveFolder = folder;
     state.Image.ImageType = type;
@@ -85,9 +87,18 @@ bool OpenImage(ProgramState& state, Port& port, const std::string& path) {
     state.ImageLoaded = true;
     state.Display.ImageSize =
         std::to_string(state.Image.Width) + " X " + std::to_string(state.Image.Height);
-    ShowStatus(state, port, "Ready");
+    port.DisplayChanged();
     port.ImageChanged();
     return true;
+}
+
+bool OpenChosenImage(ProgramState& state, Port& port, const std::string& path) {
+    ImageHeader previous = state.Image.Header;
+    ClearHeader(state.Image.Header);
+    const bool opened = OpenImage(state, port, path);
+    // Refused by its extension: the image that stays keeps its header, or it could not be saved.
+    if (!opened && state.ImageLoaded) state.Image.Header = std::move(previous);
+    return opened;
 }
 
 void OpenImageDialog(ProgramState& state, Port& port) {
@@ -96,12 +107,7 @@ void OpenImageDialog(ProgramState& state, Port& port) {
          "JPG Files (*.jpg)|*.jpg|BMP Files (*.bmp)|*.bmp|SBIG Files (*.SBIG)|*.SBIG;*.SBI|"
          "FITS Files (*.FIT, *.FITS, *.FTS)|*.fit;*.fits;*.fts|All Files (*.*)|*.*",
          4, state.Parameters.LastOpenFolder + "\\*.*", false});
-    if (!path) return;
-    ImageHeader previous = state.Image.Header;
-    ClearHeader(state.Image.Header);
-    const bool opened = OpenImage(state, port, *path);
-    // Refused by its extension: the image that stays keeps its header, or it could not be saved.
-    if (!opened && state.ImageLoaded) state.Image.Header = std::move(previous);
+    if (path) OpenChosenImage(state, port, *path);
 }
 
 bool SaveImage(const ProgramState& state, Port& port, const std::string& path) {

@@ -13,6 +13,10 @@ namespace vestrel {
 /// @return true on success; after a reader's failure no image is loaded
 bool OpenImage(ProgramState& state, Port& port, const std::string& path);
 
+/// Loads an image that the user has chosen in place of the one that is there. An image refused by
+/// its extension leaves that one as it was.
+bool OpenChosenImage(ProgramState& state, Port& port, const std::string& path);
+
 /// Asks the user for an image and loads it. Cancelling changes nothing.
 void OpenImageDialog(ProgramState& state, Port& port);
 

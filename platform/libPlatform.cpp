@@ -97,6 +97,15 @@ fs::path SettingsFilePath() {
 #endif
 }
 
+fs::path RecentImagesFilePath() {
+#ifdef _WIN32
+    return ProgramFolder() / "recent-images";
+#else
+    const fs::path folder = UserFolder("XDG_STATE_HOME", ".local/state");
+    return (folder.empty() ? ProgramFolder() : folder / "vestrel") / "recent-images";
+#endif
+}
+
 std::size_t PeakMemoryBytes() {
 #ifdef _WIN32
     PROCESS_MEMORY_COUNTERS counters{};

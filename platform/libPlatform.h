@@ -19,6 +19,10 @@ std::filesystem::path DefaultCatalogFolder();
 /// program, elsewhere `$XDG_CONFIG_HOME/vestrel/Vestrel.ini` (`~/.config` when unset).
 std::filesystem::path SettingsFilePath();
 
+/// The file that remembers which images were opened last. On Windows beside the program, elsewhere
+/// `$XDG_STATE_HOME/vestrel/recent-images` (`~/.local/state` when unset).
+std::filesystem::path RecentImagesFilePath();
+
 /// The folder that holds the running program; the current folder when it cannot be told.
 std::filesystem::path ProgramFolder();
 

@@ -3,7 +3,8 @@
 
 lib*   pure libraries: the standard library, other lib* and third-party decoders
 m*     the program's logic: lib* and other m*, no windows
-f*     windows: everything; only they (and libGraphics, libGraph, libWindows) may know Qt
+f*     windows: everything; only they (and libGraphics, libGraph, libWindows, and the desktop
+       program's main file) may know Qt
 """
 import pathlib
 import re
@@ -12,10 +13,11 @@ import sys
 FOLDERS = ["platform", "astro", "image", "extraction", "catalog", "matching", "settings", "app",
            "viewer"]
 WINDOW_LIBRARIES = {"libGraphics", "libGraph", "libWindows"}
+DESKTOP_PROGRAM = "vestrel"
 
 
 def layer(stem):
-    if stem in WINDOW_LIBRARIES or re.match(r"f[A-Z]", stem):
+    if stem in WINDOW_LIBRARIES or stem == DESKTOP_PROGRAM or re.match(r"f[A-Z]", stem):
         return 3
     if stem.startswith("lib"):
         return 0

@@ -1,0 +1,213 @@
+#include "app/fKELInfo.h"
+
+#include <QCloseEvent>
+#include <QDragEnterEvent>
+#include <QFileInfo>
+#include <QGroupBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenu>
+#include <QMessageBox>
+#include <QMimeData>
+#include <QPlainTextEdit>
+#include <QProgressBar>
+#include <QPushButton>
+#include <cstdio>
+
+#include "app/exitCodes.h"
+#include "app/mSolveWindow.h"
+#include "settings/fParms.h"
+#include "settings/mRecentImages.h"
+#include "settings/mSettings.h"
+
+namespace vestrel {
+
+SolveWindow::SolveWindow(ProgramState& state)
+    : state_(state), port_(state, *this), imageWindow_(state), headerWindow_(state) {
+    setObjectName("fKELInfo");
+    setWindowTitle(ProgramTitle);
+    setAcceptDrops(true);
+    BuildControls();
+    BuildMenus();
+    port_.OnDisplayChanged = [this] { ShowState(); };
+    port_.OnImageChanged = [this] {
+        imageWindow_.ImageChanged();
+        headerWindow_.ImageChanged();
+    };
+    port_.OnProgress = [this](int percent) { ShowProgressPercent(percent); };
+    countdown_.setParent(this);
+    countdown_.setObjectName("tmrCountdown");
+    countdown_.setInterval(1000);
+    connect(&countdown_, &QTimer::timeout, this, [this] { Tick(); });
+    InitSettings(state_, port_);
+    LoadRecentImages(state_);
+    ShowInputs();
+    ShowState();
+}
+
+void SolveWindow::OpenFile(const std::string& path) {
+    Run([&] { OpenImageCommand(state_, port_, path); });
+}
+
+void SolveWindow::StartUnattended(const std::string& parameters) {
+    countdownRow_->show();
+    Run([&] {
+        const auto outcome = UnattendedCommand(state_, port_, parameters);
+        if (!outcome) return;
+        exitCode_ = ExitCodeOf(*outcome, state_, port_);
+        if (outcome->End == UnattendedEnd::InvalidParameters) {
+            RequestClose(state_);
+        } else {
+            countdown_.start();
+        }
+    });
+}
+
+void SolveWindow::closeEvent(QCloseEvent* event) {
+    if (!RequestClose(state_)) {
+        event->ignore();
+        return;
+    }
+    countdown_.stop();
+    if (!SaveSettings(state_)) std::fputs("vestrel: the settings cannot be written\n", stderr);
+    if (!SaveRecentImages(state_)) {
+        std::fputs("vestrel: the list of recent images cannot be written\n", stderr);
+    }
+    imageWindow_.close();
+    headerWindow_.close();
+    helpWindow_.close();
+    event->accept();
+}
+
+void SolveWindow::changeEvent(QEvent* event) {
+    QMainWindow::changeEvent(event);
+    if (event->type() == QEvent::PaletteChange && details_ != nullptr) ShowState();
+}
+
+void SolveWindow::dragEnterEvent(QDragEnterEvent* event) {
+    const QList<QUrl> urls = event->mimeData()->urls();
+    if (CommandsFor(state_).Start && urls.size() == 1 && urls[0].isLocalFile()) {
+        event->acceptProposedAction();
+    }
+}
+
+void SolveWindow::dropEvent(QDropEvent* event) {
+    event->acceptProposedAction();
+    const std::string path = Utf8(event->mimeData()->urls().constFirst().toLocalFile());
+    // Later: the program that the image comes from waits for this event to end.
+    QMetaObject::invokeMethod(
+        this, [this, path] { OpenFile(path); }, Qt::QueuedConnection);
+}
+
+void SolveWindow::ShowInputs() {
+    for (const auto& [input, text] : inputs_) input->setText(QtText(state_.Inputs.*text));
+}
+
+void SolveWindow::ShowState() {
+    const SolveDisplay& display = state_.Display;
+    for (const auto& [label, text] : shown_) label->setText(QtText(display.*text));
+    nameLabel_->setText(QtText(ImageNameText(state_)));
+    folderLabel_->setText(QtText(ImageFolderText(state_)));
+    unitsButton_->setText(QtText(state_.Inputs.Units));
+    centrePanel_->setTitle(QtText(display.CentreCaption));
+    ShowStatusLine(statusLabel_, display.Status);
+    ShowStatusLine(status1Label_, display.Status1);
+    ShowProgressPercent(0);
+    const QString details = QtText(display.Details);
+    if (details_->toPlainText() != details) details_->setPlainText(details);
+
+    const AvailableCommands commands = CommandsFor(state_);
+    for (QWidget* widget : startWidgets_) widget->setEnabled(commands.Start);
+    for (QAction* action : startActions_) action->setEnabled(commands.Start);
+    saveAction_->setEnabled(commands.Save);
+    exportAction_->setEnabled(commands.Save);
+    worldCoordinatesAction_->setEnabled(commands.WriteWorldCoordinates);
+    copyAction_->setEnabled(!display.Details.empty());
+    stopButton_->setEnabled(commands.Stop);
+}
+
+void SolveWindow::ShowStatusLine(QLabel* label, const StatusLine& line) {
+    label->setText(QtText(line.Text));
+    label->setVisible(line.Visible);
+    QPalette colours = palette();
+    colours.setColor(QPalette::WindowText, StatusTextColour(line.Colour, palette()));
+    label->setPalette(colours);
+}
+
+void SolveWindow::ShowProgressPercent(int percent) {
+    // Without a percentage the bar only shows that something goes on.
+    busyBar_->setRange(0, percent > 0 ? 100 : 0);
+    busyBar_->setValue(percent);
+    busyBar_->setVisible(percent > 0 || state_.Display.BusyIndicator);
+}
+
+void SolveWindow::FillRecentImages() {
+    recentMenu_->clear();
+    for (const std::string& path : state_.RecentImages) {
+        const QFileInfo file(QtText(path));
+        QString text = file.fileName() + "  (" + file.path() + ")";
+        QAction* action = recentMenu_->addAction(text.replace('&', "&&"));
+        connect(action, &QAction::triggered, this, [this, path] { OpenFile(path); });
+    }
+    if (recentMenu_->isEmpty()) recentMenu_->addAction("None")->setEnabled(false);
+}
+
+void SolveWindow::Run(const std::function<void()>& command) {
+    command();
+    ShowState();
+    if (state_.CloseRequested) close();
+}
+
+void SolveWindow::Match() {
+    Run([this] { PlateMatchCommand(state_, port_); });
+}
+
+void SolveWindow::Stop() {
+    if (CommandsFor(state_).Stop) StopSearch(state_);
+}
+
+void SolveWindow::ShowImage() {
+    imageWindow_.show();
+    imageWindow_.raise();
+    imageWindow_.activateWindow();
+}
+
+void SolveWindow::ShowHeader() {
+    headerWindow_.show();
+    headerWindow_.raise();
+    headerWindow_.activateWindow();
+}
+
+void SolveWindow::EditParameters() {
+    auto* dialog = new ParametersWindow(
+        state_, port_, [this] { ShowHelp(); }, this);
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->open();
+}
+
+void SolveWindow::ShowHelp() {
+    helpWindow_.show();
+    helpWindow_.raise();
+    helpWindow_.activateWindow();
+}
+
+void SolveWindow::ShowAbout() {
+    auto* box = new QMessageBox(QMessageBox::NoIcon, "About Vestrel",
+                                QString("<h3>") + ProgramTitle +
+                                    "</h3><p>Finds where a photograph of the night sky points.</p>"
+                                    "<p>Version " VESTREL_VERSION ". MIT licence.</p>",
+                                QMessageBox::Close, this);
+    box->setIconPixmap(windowIcon().pixmap(64));
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    // A solve can be stopped all the same.
+    box->setModal(false);
+    box->show();
+}
+
+void SolveWindow::Tick() {
+    const bool ends = CountdownTick(state_);
+    ShowState();
+    if (ends) close();
+}
+
+}  // namespace vestrel

@@ -1,0 +1,153 @@
+#!/usr/bin/env python3
+"""Makes the Debian package, unpacks it and uses what is in it as a Debian user would.
+
+Environment: VESTREL_BUILD the build folder.
+"""
+import os
+import pathlib
+import re
+import shutil
+import struct
+import subprocess
+import tempfile
+import unittest
+import xml.etree.ElementTree as xml
+
+BUILD = pathlib.Path(os.environ["VESTREL_BUILD"])
+ID = "org.vestrel.Vestrel"
+PROGRAMS = ("vestrel", "vestrel-solve", "vestrel-catalog")
+
+
+def run(*command, **options):
+    return subprocess.run([str(word) for word in command], capture_output=True, text=True,
+                          timeout=120, check=False, **options)
+
+
+class Installed(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory(prefix="vestrel-install-")
+        cls.addClassCleanup(cls.folder.cleanup)
+        work = pathlib.Path(cls.folder.name)
+        made = run("cpack", "-G", "DEB", "-B", work / "package", cwd=BUILD)
+        packages = list((work / "package").glob("*.deb"))
+        if made.returncode != 0 or len(packages) != 1:
+            raise AssertionError(made.stdout + made.stderr)
+        cls.package = packages[0]
+        cls.usr = work / "root/usr"
+        subprocess.run(["dpkg-deb", "-x", cls.package, work / "root"], check=True)
+        # Nothing of the build tree or of the user may be needed.
+        cls.environment = {"PATH": f"{cls.usr / 'bin'}:/usr/bin:/bin", "HOME": str(work),
+                           "VESTREL_CATALOG": str(work / "no catalog")}
+        frame = ["--ra", "10", "--dec", "20", "--size", "60x45", "--width-px", "400",
+                 "--random-stars", "60", "--out", work / "fr, ame.fit"]
+        drawn = run("vestrel-catalog", "render", *frame, env=cls.environment)
+        cls.frame = work / "fr, ame.fit"
+        if drawn.returncode != 0:
+            raise AssertionError(drawn.stderr)
+
+    def unattended(self, program, **environment):
+        result = self.frame.with_suffix(".kel")
+        result.unlink(missing_ok=True)
+        # As callers do that do not quote.
+        words = f"0.1745,0.349,0.01745,0.0131,3,{self.frame}"
+        words = words.split(" ") if program == "vestrel" else [words]
+        end = run(program, *words, env={**self.environment, **environment})
+        return end.returncode, result.read_bytes()
+
+    def test_both_programs_leave_the_same_result_with_or_without_a_display(self):
+        solver = self.unattended("vestrel-solve")
+        self.assertEqual(solver[0], 7)
+        self.assertRegex(solver[1], rb"^1000,1000,-1\r\n0,0,0,0,\d\d\r\nMaximum .* exceeded\r\n$")
+        displays = [{}, {"DISPLAY": ":7777"}, {"QT_QPA_PLATFORM": "none such"},
+                    {"QT_QPA_PLATFORM": "offscreen"}]
+        if shutil.which("Xvfb"):
+            # Starts afresh, and refuses programs meanwhile, whenever it has no client left.
+            server = subprocess.Popen(["Xvfb", "-displayfd", "1", "-reset"], text=True,
+                                      stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+            self.addCleanup(server.stdout.close)
+            self.addCleanup(server.wait)
+            self.addCleanup(server.terminate)
+            displays.append({"DISPLAY": ":" + server.stdout.readline().strip()})
+        for environment in displays:
+            with self.subTest(environment):
+                self.assertEqual(self.unattended("vestrel", **environment), solver)
+
+    def test_without_a_display_there_is_a_word_about_it(self):
+        for arguments in ([], [self.frame]):
+            end = run("vestrel", *arguments, env=self.environment)
+            self.assertEqual((end.returncode, end.stdout), (2, ""))
+            self.assertIn("no display", end.stderr)
+        end = run("vestrel", "1,2,3", env=self.environment)
+        self.assertEqual((end.returncode, end.stderr),
+                         (2, "Vestrel 1.13 Error: Invalid parameter string\n"))
+
+    def test_the_desktop_finds_the_program_its_icon_and_its_files(self):
+        entry = (self.usr / f"share/applications/{ID}.desktop").read_text()
+        values = dict(line.split("=", 1) for line in entry.splitlines() if "=" in line)
+        self.assertTrue((self.usr / "bin" / values["Exec"].split()[0]).exists())
+        self.assertEqual(values["Icon"], ID)
+        icons = self.usr / "share/icons/hicolor"
+        for picture in icons.glob(f"*/apps/{ID}.png"):
+            width, height = struct.unpack(">II", picture.read_bytes()[16:24])
+            self.assertEqual(picture.parts[-3], f"{width}x{height}")
+        self.assertEqual(xml.parse(icons / f"scalable/apps/{ID}.svg").getroot().get("width"), "128")
+        types = xml.parse(self.usr / f"share/mime/packages/{ID}.xml").getroot()
+        patterns = {glob.get("pattern") for glob in types.iter() if glob.tag.endswith("glob")}
+        self.assertEqual(patterns, {"*.sbig", "*.sbi"})
+        for kind in types:
+            self.assertIn(kind.get("type"), values["MimeType"].split(";"))
+        about = xml.parse(self.usr / f"share/metainfo/{ID}.metainfo.xml").getroot()
+        version = run("vestrel", "--version", env=self.environment).stdout.split()[-1]
+        self.assertEqual(about.find("releases/release").get("version"), version)
+        self.assertEqual(about.findtext("launchable"), f"{ID}.desktop")
+        judges = {"desktop-file-validate": [f"applications/{ID}.desktop"],
+                  "appstreamcli": ["validate", "--no-net", f"metainfo/{ID}.metainfo.xml"]}
+        for judge, arguments in judges.items():
+            if shutil.which(judge):
+                end = run(judge, *arguments, cwd=self.usr / "share")
+                self.assertEqual(end.returncode, 0, end.stdout + end.stderr)
+
+    def test_manual_and_completion_know_every_option_and_no_other(self):
+        commands = [[program] for program in PROGRAMS]
+        commands += [["vestrel-catalog", sub] for sub in ("build", "info", "render", "verify")]
+        manuals = {program: set() for program in PROGRAMS}
+        for command in commands:
+            text = run(*command, "--help", env=self.environment).stdout
+            options = set(re.findall(r"^ +(?:-h,)?(--[a-z0-9-]+)", text, re.MULTILINE))
+            if command == ["vestrel"]:
+                options = {"--help", "--version"}
+            manuals[command[0]] |= options
+            completion = self.usr / "share/bash-completion/completions" / command[0]
+            ask = (f". {completion}; COMP_WORDS=({' '.join(command)} --); "
+                   f"COMP_CWORD={len(command)}; $(complete -p {command[0]} | sed 's/.*-F "
+                   r"\([^ ]*\).*/\1/'); printf '%s\n' ${COMPREPLY[@]}")
+            offered = run("bash", "-c", ask)
+            self.assertEqual(set(offered.stdout.split()), options, offered.stderr)
+        for program, options in manuals.items():
+            page = (self.usr / f"share/man/man1/{program}.1").read_text().replace("\\-", "-")
+            self.assertEqual(set(re.findall(r"--[a-z][a-z0-9-]+", page)), options)
+            if shutil.which("man"):
+                end = run("man", "--warnings", "-l", "-Tutf8", self.usr / f"share/man/man1/{program}.1")
+                self.assertEqual((end.returncode, end.stderr), (0, ""))
+
+    def test_completion_offers_images_only(self):
+        for name in ("a b.FIT", "b.txt", "c.sbig"):
+            (self.usr / name).write_text("")
+        ask = (". share/bash-completion/completions/vestrel; COMP_WORDS=(vestrel ''); COMP_CWORD=1;"
+               " _vestrel; printf '%s\\n' \"${COMPREPLY[@]}\"")
+        offered = run("bash", "-c", ask, cwd=self.usr).stdout.splitlines()
+        self.assertEqual(sorted(offered), ["a b.FIT", "bin", "c.sbig", "share"])
+
+    def test_the_package_depends_on_what_its_programs_link(self):
+        control = run("dpkg-deb", "-f", self.package, "Depends").stdout
+        for library in ("libqt6widgets6", "libcfitsio", "libjpeg62-turbo", "libstdc++6"):
+            self.assertIn(library, control)
+        for program in PROGRAMS:
+            linked = run("ldd", self.usr / "bin" / program).stdout
+            self.assertNotIn("not found", linked)
+            self.assertNotIn(str(BUILD), linked)
+
+
+if __name__ == "__main__":
+    unittest.main()

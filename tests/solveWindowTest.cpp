@@ -1,0 +1,332 @@
+// The logic behind the windows, without any window.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+
+#include "app/desktopOptions.h"
+#include "app/mSolveWindow.h"
+#include "astro/libMath.h"
+#include "image/mImageData.h"
+#include "platform/libPlatform.h"
+#include "settings/mParameterTexts.h"
+#include "settings/mRecentImages.h"
+#include "tests/testSupport.h"
+#include "viewer/libGreyPicture.h"
+
+namespace vestrel {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+const std::string errorTitle = "Vestrel 1.13 Error: ";
+
+/// Does something at every yield.
+class MeddlingPort : public RecordingPort {
+ public:
+    using RecordingPort::RecordingPort;
+    void Yield() override {
+        RecordingPort::Yield();
+        if (Meddle) Meddle();
+    }
+    std::function<void()> Meddle;
+};
+
+class SolveWindowLogic : public testing::Test {
+ protected:
+    SolveWindowLogic() {
+        State.Catalog.Folder = Folder / "catalog";
+        State.Inputs.Ra = "12 00 00";
+        State.Inputs.Dec = "-90";
+        State.Inputs.SizeX = "30";
+        State.Inputs.SizeY = "12";
+        State.Inputs.Regions = "2";
+    }
+    /// Opens an image of grains that pass for stars, as there is no catalog to match them with.
+    void OpenGrains() {
+        constexpr int side = 120;
+        std::vector<double> pixels(side * side);
+        Random random(3);
+        for (double& pixel : pixels) pixel = 100 + random.Normal(2);
+        for (int star = 0; star < 20; ++star) {
+            const int at = random.Whole(10, side - 11) * side + random.Whole(10, side - 11);
+            for (const int near : {0, 1, -1, side, -side}) pixels[at + near] = 2000 + 50 * star;
+        }
+        WriteFile(Folder / "grains.fit",
+                  FitsHeader(FitsCards(16, side, side)) + FitsPixels(16, pixels));
+        OpenImageCommand(State, Port, (Folder / "grains.fit").string());
+        ASSERT_TRUE(State.ImageLoaded);
+        Port.Statuses.clear();
+    }
+
+    TemporaryFolder Folder;
+    ProgramState State;
+    MeddlingPort Port{State};
+};
+
+}  // namespace
+
+TEST_F(SolveWindowLogic, TheFirstInvalidInputStopsTheMatchAndChangesNothing) {
+    PlateMatchCommand(State, Port);
+    EXPECT_EQ(Port.Messages, Texts{errorTitle + "No Image Loaded"});  // whatever the inputs are
+    OpenGrains();
+    struct Case {
+        std::string SolveInputs::*Input;
+        Texts Bad;
+        std::string Good;
+        const char* Message;
+    };
+    const std::vector<Case> cases = {
+        {&SolveInputs::Ra,
+         {"", "x", "25 00 00", "-1", "12 x"},
+         "359.5",
+         "Please enter a valid RA value"},
+        {&SolveInputs::Dec,
+         {"", "x", "90 00 01", "-90.1"},
+         "-90",
+         "Please enter a valid Declination value"},
+        {&SolveInputs::SizeX,
+         {"", "x", "30'", "1E999", "3,5"},
+         "30",
+         "Please enter a valid Image Size"},
+        {&SolveInputs::SizeY, {"", "x", "nan"}, "12", "Please enter a valid Image Size"},
+        {&SolveInputs::Regions,
+         {"", "x", "3000000000", "1E999"},
+         "2.5",
+         "Please enter a valid number of Regions to Search"}};
+    for (const Case& one : cases) State.Inputs.*one.Input = one.Bad[0];
+    State.Display.Status = {"as it was", StatusColour::Green, true};
+    for (const Case& one : cases) {
+        for (const std::string& bad : one.Bad) {
+            State.Inputs.*one.Input = bad;
+            Port.Messages.clear();
+            PlateMatchCommand(State, Port);
+            EXPECT_EQ(Port.Messages, Texts{errorTitle + one.Message}) << bad;
+        }
+        State.Inputs.*one.Input = one.Good;
+    }
+    EXPECT_EQ(State.Display.Status.Text, "as it was");
+    EXPECT_EQ(State.Display.Status.Colour, StatusColour::Green);
+    EXPECT_FALSE(State.Display.BusyIndicator);
+    EXPECT_EQ(State.Display.StartRA, "");
+    EXPECT_FALSE(State.BackgroundRemoved);  // no solve has begun
+
+    Port.Messages.clear();
+    Port.Statuses.clear();
+    PlateMatchCommand(State, Port);
+    EXPECT_EQ(Port.Messages, Texts{});
+    ASSERT_GE(Port.Statuses.size(), 3U);
+    EXPECT_EQ(Port.Statuses[1], "Working...");
+    EXPECT_EQ(Port.Statuses.back(), "No Match Found");
+    EXPECT_EQ(State.Display.StartDec, "-90\xC2\xB0 00' 00\"");
+    EXPECT_EQ(State.Display.StartSize, "30' x 12'");
+    EXPECT_EQ(State.Display.StartRegions, "2");  // 2.5, to even
+    EXPECT_EQ(State.Report.RegionsTried, 3);
+    EXPECT_NE(State.Display.Details.find("Catalog"), std::string::npos);
+}
+
+TEST_F(SolveWindowLogic, UnitsScaleTheSizeAndKeepTheNumbers) {
+    const auto widths = [this] {
+        const auto request = ReadSolveInputs(State, Port);
+        return request ? std::pair{request->Width, request->Height} : std::pair{0.0, 0.0};
+    };
+    const auto arcminutes = widths();
+    EXPECT_NEAR(arcminutes.first, Pi / 360, 1e-15);
+    SwitchUnits(State);
+    EXPECT_EQ(State.Inputs.Units, "degrees");
+    EXPECT_NEAR(widths().first, 0.5236, 1e-5);
+    EXPECT_NEAR(widths().second, arcminutes.second * 60, 1e-12);
+    SwitchUnits(State);
+    EXPECT_EQ(widths(), arcminutes);
+    EXPECT_EQ(State.Inputs.SizeX, "30");
+}
+
+TEST_F(SolveWindowLogic, NothingElseStartsWhileSomethingRuns) {
+    OpenGrains();
+    int meddled = 0;
+    Port.Answer = (Folder / "other.fit").string();
+    Port.Meddle = [&] {
+        ++meddled;
+        EXPECT_FALSE(CommandsFor(State).Start || CommandsFor(State).Save);
+        EXPECT_TRUE(CommandsFor(State).Stop);
+        PlateMatchCommand(State, Port);
+        OpenImageCommand(State, Port);
+        OpenImageCommand(State, Port, *Port.Answer);
+        SaveImageCommand(State, Port);
+        ExportImageCommand(State, Port);
+        WorldCoordinatesCommand(State, Port);
+        EXPECT_FALSE(UnattendedCommand(State, Port, "1,2"));
+        State.SecondsLeft = 1;
+        EXPECT_FALSE(CountdownTick(State));
+        State.SecondsLeft = 10;
+    };
+    PlateMatchCommand(State, Port);
+    EXPECT_GT(meddled, 10);
+    EXPECT_EQ(Port.Messages, Texts{});
+    EXPECT_TRUE(Port.Dialogs.empty());
+    EXPECT_EQ(Port.Statuses.back(), "No Match Found");
+
+    // Closing asks for a stop once, which ends the search between two regions.
+    State.Inputs.Regions = "1000000";
+    bool closedAtOnce = true;
+    Port.Meddle = [&] {
+        if (State.Report.RegionsTried == 5) closedAtOnce = RequestClose(State);
+    };
+    PlateMatchCommand(State, Port);
+    EXPECT_EQ(Port.Statuses.back(), "Search Terminated");
+    EXPECT_EQ(State.Report.RegionsTried, 6);
+    EXPECT_FALSE(closedAtOnce);
+    EXPECT_TRUE(RequestClose(State));
+    EXPECT_TRUE(CommandsFor(State).Start);
+}
+
+TEST_F(SolveWindowLogic, TheCountdownEndsAtZeroAndCanBeHeld) {
+    for (int left = 9; left > 4; --left) {
+        EXPECT_FALSE(CountdownTick(State));
+        EXPECT_EQ(State.Display.Countdown, std::to_string(left));
+    }
+    State.Inputs.KeepOpen = true;
+    for (int i = 0; i < 20; ++i) EXPECT_FALSE(CountdownTick(State));
+    EXPECT_EQ(State.Display.Countdown, "5");
+    State.Inputs.KeepOpen = false;
+    for (int i = 0; i < 4; ++i) EXPECT_FALSE(CountdownTick(State));
+    EXPECT_TRUE(CountdownTick(State));
+    EXPECT_EQ(State.Display.Countdown, "0");
+}
+
+TEST_F(SolveWindowLogic, ARefusedImageLeavesTheOneThatIsThere) {
+    EXPECT_EQ(ImageNameText(State), "Please Load an Image");
+    OpenGrains();
+    const std::string name = ImageNameText(State);
+    EXPECT_EQ(ImageFolderText(State), Folder.Path.string());
+    WriteFile(Folder / "picture.bmp", "BM");
+    OpenImageCommand(State, Port, (Folder / "picture.bmp").string());
+    EXPECT_EQ(Port.Messages, Texts{"Vestrel: File type is not supported"});
+    EXPECT_EQ(ImageNameText(State), name);
+    EXPECT_EQ(State.Image.Header.NAxis1, 120);
+    EXPECT_EQ(State.RecentImages, Texts{(Folder / "grains.fit").string()});
+
+    WriteFile(Folder / "broken.fit", "SIMPLE  =");
+    OpenImageCommand(State, Port, (Folder / "broken.fit").string());
+    EXPECT_EQ(ImageNameText(State), "Please Load an Image");
+    EXPECT_EQ(State.Display.Status.Text, "Ready");
+    EXPECT_FALSE(CommandsFor(State).Save);
+}
+
+TEST(RecentImages, AreFewDistinctLinesWhateverTheFileHolds) {
+    const TemporaryFolder folder;
+    setenv("XDG_STATE_HOME", folder.Path.c_str(), 1);
+    ProgramState state;
+    for (const char* name :
+         {"/a", "/b", "/a", "/new\nline", "/c", "/\xC3\xA9", "/1", "/2", "/3", "/4", "/5"}) {
+        AddRecentImage(state, name);
+    }
+    const Texts expected = {"/5", "/4", "/3", "/2", "/1", "/\xC3\xA9", "/c", "/a"};
+    EXPECT_EQ(state.RecentImages, expected);
+    ASSERT_TRUE(SaveRecentImages(state));
+    state.RecentImages.clear();
+    LoadRecentImages(state);
+    EXPECT_EQ(state.RecentImages, expected);
+    const std::string good = ReadFile(RecentImagesFilePath());
+    for (std::uint32_t seed = 0; seed < 500; ++seed) {
+        WriteFile(RecentImagesFilePath(), Damaged(good, seed));
+        LoadRecentImages(state);
+        ASSERT_LE(state.RecentImages.size(), 8U);
+        for (const std::string& path : state.RecentImages) {
+            ASSERT_EQ(path.find_first_of(std::string("\n\0", 2)), std::string::npos);
+        }
+    }
+    unsetenv("XDG_STATE_HOME");
+}
+
+TEST(ParameterTexts, OKStoresInOrderUntilATextIsNoNumber) {
+    ProgramState state;
+    RecordingPort port(state);
+    const ParameterTexts good = {"1.5", "2.5", "-3", "4E-2", "5", "3.5", "7"};
+    const ParameterTexts stored = {"1.5", "2", "-3", "0.04", "5", "4", "7"};  // halves to even
+    const ParameterTexts before = TextsOfParameters(state.Parameters);
+    EXPECT_EQ(before, DefaultParameterTexts());
+    for (std::size_t bad = 0; bad < good.size(); ++bad) {
+        for (const char* text : {"", "six", "1E999", "1 2"}) {
+            state.Parameters = {};
+            ParameterTexts texts = good;
+            texts[bad] = text;
+            EXPECT_EQ(StoreParameterTexts(state, port, texts), bad) << text;
+            for (std::size_t i = 0; i < good.size(); ++i) {
+                EXPECT_EQ(TextsOfParameters(state.Parameters)[i], i < bad ? stored[i] : before[i]);
+            }
+        }
+    }
+    EXPECT_EQ(port.Messages.size(), good.size() * 4);
+    EXPECT_EQ(port.Messages[0], errorTitle + "Max Star Size: \"\" is not a number.");
+    EXPECT_EQ(StoreParameterTexts(state, port, {"1", "40000", "1", "1", "1", "1", "1"}), 1U);
+    EXPECT_EQ(port.Messages.back(), errorTitle + "Min Star Size: \"40000\" is too large a number.");
+    EXPECT_EQ(StoreParameterTexts(state, port, good), std::nullopt);
+    EXPECT_EQ(TextsOfParameters(state.Parameters), stored);
+
+    // Each box has its paragraph in the help.
+    const std::string help = ParameterHelpText();
+    EXPECT_EQ(std::count(help.begin(), help.end(), '\n'), 7);
+    for (const ParameterBox& box : ParameterBoxes) {
+        std::string caption = box.Caption;
+        std::erase(caption, '&');
+        EXPECT_NE(help.find("\n" + caption + " (" + box.Unit + ") -- "), std::string::npos);
+    }
+}
+
+TEST(DesktopArguments, AreOneTextAndAFileIsAnImage) {
+    const TemporaryFolder folder;
+    const std::string file = (folder / "1,2,3,4,5,a b.fit").string();
+    WriteFile(file, "");
+    using Kind = DesktopStart::Kind;
+    const auto read = [](const Texts& arguments) {
+        const DesktopStart start = ReadDesktopArguments(arguments);
+        return std::pair{start.What, start.Text};
+    };
+    EXPECT_EQ(read({}), std::pair(Kind::Interactive, std::string()));
+    EXPECT_EQ(read({" "}), std::pair(Kind::Interactive, std::string()));
+    EXPECT_EQ(read({file}), std::pair(Kind::OpenImage, file));
+    EXPECT_EQ(read({"-1,2,3,4,5,/my", "images/a.fit"}),
+              std::pair(Kind::Unattended, std::string("-1,2,3,4,5,/my images/a.fit")));
+    EXPECT_EQ(read({folder.Path.string()}).first, Kind::Unattended);
+    EXPECT_EQ(read({"--help"}).first, Kind::Print);
+}
+
+TEST(GreyPicture, StandsUprightAndShowsStarsWhiteOnADarkSky) {
+    PlateImage image;
+    image.Width = 61;
+    image.Height = 33;
+    image.Pixels = Grid<std::int32_t>(image.Width, image.Height);
+    Random random(8);
+    for (int x = 0; x < image.Width; ++x) {
+        for (int y = 0; y < image.Height; ++y) image.Pixels(x, y) = random.Whole(90, 110);
+    }
+    for (const auto& [x, y] : {std::pair{0, 0}, {1, 0}, {0, 1}, {1, 1}}) {
+        image.Pixels(x, y) = 30000;
+    }
+    for (const auto& [type, bitPix, starAtTop] : {std::tuple{"JPEG", 0, true},
+                                                  {"SBIG", 16, true},
+                                                  {"FITS", -32, true},
+                                                  {"FITS", 16, false}}) {
+        image.ImageType = type;
+        image.Header.BitPix = static_cast<std::int16_t>(bitPix);
+        const GreyPicture picture = MakeGreyPicture(image, AutomaticLevels(image), 31);
+        ASSERT_EQ(picture.Width, 31);
+        ASSERT_EQ(picture.Height, 17);
+        const std::size_t star = starAtTop ? 0 : 16 * 31;
+        EXPECT_EQ(picture.Pixels[star], 255) << type << bitPix;
+        EXPECT_EQ(std::count_if(picture.Pixels.begin(), picture.Pixels.end(),
+                                [](std::uint8_t grey) { return grey > 127; }),
+                  1);
+    }
+    for (const auto& [width, height] : {std::pair{0, 0}, {1, 1}, {3, 0}}) {
+        image.Width = width;
+        image.Height = height;
+        EXPECT_EQ(MakeGreyPicture(image, AutomaticLevels(image), 10).Pixels.size(),
+                  static_cast<std::size_t>(width * height));
+    }
+}
+
+}  // namespace vestrel

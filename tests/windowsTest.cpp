@@ -1,0 +1,474 @@
+// The real windows, driven by mouse and keyboard on a platform without a screen.
+
+#include <gtest/gtest.h>
+
+#include <QAction>
+#include <QApplication>
+#include <QCheckBox>
+#include <QClipboard>
+#include <QDropEvent>
+#include <QFileDialog>
+#include <QGroupBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenu>
+#include <QMessageBox>
+#include <QMimeData>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QtTest/QTest>
+#include <cmath>
+#include <map>
+#include <memory>
+
+#include "app/exitCodes.h"
+#include "app/fKELInfo.h"
+#include "astro/libMath.h"
+#include "astro/libStrings.h"
+#include "catalog/libCatalogCells.h"
+#include "matching/mPlateMatch.h"
+#include "settings/mParameterTexts.h"
+#include "tests/testSupport.h"
+#include "viewer/libHeaderText.h"
+
+namespace vestrel {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+constexpr int side = 300;              // of the frame, pixels
+constexpr double scale = 2;            // arcseconds a pixel
+const SkyPosition centre{0.02, 0.01};  // radians
+const std::string errorTitle = "Vestrel 1.13 Error: ";
+
+/// A field of stars as a catalog and as a frame, the frame's row 0 to the south.
+void MakeSky(const std::filesystem::path& catalog, const std::filesystem::path& frame) {
+    Random random(17);
+    Projection plane;
+    plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
+    std::map<std::string, std::string> cells;
+    std::vector<double> pixels(side * side);
+    for (double& pixel : pixels) pixel = 300 + random.Normal(2);
+    for (int star = 0; star < 60; ++star) {
+        const double xi = random.Between(-280, 280);  // grows to the west
+        const double eta = random.Between(-280, 280);
+        const double magnitude = random.Between(12, 15);
+        double ra = 0;
+        double dec = 0;
+        plane.PlaneToSky(xi, eta, ra, dec);
+        for (const unsigned char byte :
+             EncodeCatalogStar({static_cast<float>(ra), static_cast<float>(dec),
+                                static_cast<std::int16_t>(magnitude * 100)})) {
+            cells[CellName(ra, dec)] += static_cast<char>(byte);
+        }
+        const double x0 = (side - 1) / 2.0 + xi / scale;
+        const double y0 = (side - 1) / 2.0 + eta / scale;
+        for (int i = 0; i < side * side; ++i) {
+            const double r2 = std::pow(i % side - x0, 2) + std::pow(i / side - y0, 2);
+            if (r2 < 60) pixels[i] += std::pow(10, 0.4 * (21.5 - magnitude)) * std::exp(-r2 / 3);
+        }
+    }
+    std::filesystem::create_directories(catalog);
+    for (const auto& [name, bytes] : cells) WriteFile(catalog / name, bytes);
+    WriteFile(frame, FitsHeader(FitsCards(16, side, side, {"OBSERVER= 'Ann & <b>Bob'"})) +
+                         FitsPixels(16, pixels));
+}
+
+/// Answers every dialog and remembers what it said.
+class DialogReader {
+ public:
+    DialogReader() {
+        QObject::connect(&timer_, &QTimer::timeout, [this] { Read(); });
+        timer_.start(1);
+    }
+    Texts Messages;        ///< "title: text"
+    QString FileToChoose;  ///< empty: file dialogs are cancelled
+    QString Title;         ///< of the last file dialog
+    QStringList Filters;
+    QString Selected;
+    QString Directory;
+
+ private:
+    void Read() {
+        QWidget* dialog = QApplication::activeModalWidget();
+        if (auto* box = dynamic_cast<QMessageBox*>(dialog)) {
+            Messages.push_back(Utf8(box->windowTitle() + ": " + box->text()));
+            box->accept();
+        } else if (auto* files = dynamic_cast<QFileDialog*>(dialog)) {
+            Title = files->windowTitle();
+            Filters = files->nameFilters();
+            Selected = files->selectedNameFilter();
+            Directory = files->directory().absolutePath();
+            if (FileToChoose.isEmpty()) {
+                files->reject();
+                return;
+            }
+            files->findChild<QLineEdit*>("fileNameEdit")->setText(FileToChoose);
+            QMetaObject::invokeMethod(files, "accept");
+        }
+    }
+    QTimer timer_;
+};
+
+class Windows : public testing::Test {
+ protected:
+    Windows() {
+        setenv("VESTREL_SETTINGS", (Folder / "Vestrel.ini").c_str(), 1);
+        setenv("XDG_STATE_HOME", Folder.Path.c_str(), 1);
+        Frame = (Folder / "frame.fit").string();
+        MakeSky(Folder / "catalog", Frame);
+        Open();
+    }
+    /// Starts the program anew.
+    void Open() {
+        Window.reset();
+        State = std::make_unique<ProgramState>();
+        State->Catalog.Folder = Folder / "catalog";
+        Window = std::make_unique<SolveWindow>(*State);
+        Window->findChild<QTimer*>("tmrCountdown")->setInterval(2);
+        Window->show();
+    }
+
+    template <typename Control>
+    Control* Find(const char* name) const {
+        Control* control = Window->findChild<Control*>(name);
+        if (control == nullptr) throw std::runtime_error(std::string("no control ") + name);
+        return control;
+    }
+    std::string Shown(const char* name) const { return Utf8(Find<QLabel>(name)->text()); }
+    void Press(const char* name) const {
+        QTest::mouseClick(Find<QPushButton>(name), Qt::LeftButton);
+    }
+    void Type(const char* name, const char* text) const {
+        auto* input = Find<QLineEdit>(name);
+        input->setFocus();
+        input->selectAll();
+        QTest::keyClicks(input, text);
+    }
+    void TypeSearch(const char* dec = "00 34 00", const char* regions = "9") const {
+        Type("txtRA", "0h4m30s");
+        Type("txtDec", dec);
+        Type("txtXsize", "10");
+        Type("txtYsize", "10.");
+        Type("txtRegions", regions);
+    }
+    void Choose(const QString& text) const {
+        for (QAction* action : Window->findChildren<QAction*>()) {
+            if (action->text().remove('&') == text) return action->trigger();
+        }
+        throw std::runtime_error("no menu entry");
+    }
+    static QWidget* WindowNamed(const QString& name) {
+        for (QWidget* window : QApplication::topLevelWidgets()) {
+            if (window->objectName() == name && window->isVisible()) return window;
+        }
+        return nullptr;
+    }
+    bool WaitUntilClosed() const {
+        return QTest::qWaitFor([this] { return !Window->isVisible(); }, 20000);
+    }
+    std::string ResultFile() const { return ReadFile(Folder / "frame.kel"); }
+    std::string Parameters(const std::string& path, const std::string& regions = "4") const {
+        return "0.0201,0.0099,0.0029089,0.0029089," + regions + "," + path;
+    }
+
+    TemporaryFolder Folder;
+    std::string Frame;
+    std::unique_ptr<ProgramState> State;
+    std::unique_ptr<SolveWindow> Window;
+    DialogReader Dialogs;
+};
+
+}  // namespace
+
+TEST_F(Windows, ASolveByHandShowsItsResult) {
+    EXPECT_EQ(Window->windowTitle(), "Vestrel 1.13");
+    EXPECT_EQ(Shown("lblStatus"), "Ready");
+    EXPECT_EQ(Shown("lblName"), "Please Load an Image");
+    EXPECT_TRUE(Find<QPushButton>("cmdMORA")->isHidden());
+    Press("cmdMatch");
+    EXPECT_EQ(Dialogs.Messages, Texts{errorTitle + "No Image Loaded"});
+    Window->OpenFile(Frame);
+    Press("cmdMatch");
+    EXPECT_EQ(Dialogs.Messages.back(), errorTitle + "Please enter a valid RA value");
+    EXPECT_EQ(Shown("lblStatus"), "Ready");
+
+    TypeSearch();
+    Press("cmdUnits");
+    EXPECT_EQ(Find<QPushButton>("cmdUnits")->text(), "degrees");
+    Press("cmdUnits");
+    QTest::keyClick(Find<QLineEdit>("txtRegions"), Qt::Key_Return);
+    EXPECT_EQ(Shown("lblStatus"), "Plate Match Found");
+    EXPECT_EQ(Shown("lblStatus1"), "Searched 1 region");
+    EXPECT_EQ(Find<QGroupBox>("fraCenter")->title(), "J2000 Image Center");
+    EXPECT_NEAR(State->SolvedCentre.Ra, centre.Ra, 2e-6);
+    EXPECT_NEAR(State->SolvedCentre.Dec, centre.Dec, 2e-6);
+    const std::map<std::string, std::string> shown = {{"lblRA0", "00h04m30s"},
+                                                      {"lblDec0", "00\xC2\xB0 34' 00\""},
+                                                      {"lblSize", "10' x 10'"},
+                                                      {"lblMaxRegions", "9"},
+                                                      {"lblRA", State->Display.CentreRA},
+                                                      {"lblStretch", "-1"},
+                                                      {"lblNPlate", State->Display.Extracted},
+                                                      {"lblNCat", State->Display.FoundInCatalog},
+                                                      {"lblRMS", State->Display.RmsDifference},
+                                                      {"lblPlateSize", "10' X 10'"}};
+    for (const auto& [label, text] : shown) {
+        EXPECT_EQ(Shown(label.c_str()), text) << label;
+    }
+    EXPECT_GE(std::stoi(Shown("lblNMatch")), 8);
+    Choose("Copy Result");
+    EXPECT_TRUE(QApplication::clipboard()->text().contains("Mirrored          no"));
+    Choose("Write World Coordinates");
+    EXPECT_TRUE(ReadFile(Folder / "frame.wcs").starts_with("SIMPLE"));
+
+    // What was typed and opened is there again at the next start.
+    Type("txtYsize", "12.3456");
+    Press("cmdUnits");
+    Window->close();
+    Open();
+    EXPECT_EQ(Find<QLineEdit>("txtYsize")->text(), "12.35");
+    EXPECT_EQ(Find<QPushButton>("cmdUnits")->text(), "degrees");
+    EXPECT_EQ(State->RecentImages, Texts{Frame});
+    EXPECT_EQ(State->Parameters.LastOpenFolder, Folder.Path.string());
+}
+
+TEST_F(Windows, StopAndCloseEndASearchBetweenTwoRegions) {
+    Window->OpenFile(Frame);
+    TypeSearch("60 00 00", "30000");
+    int atStop = 0;
+    const auto afterRegions = [&](int regions, const std::function<void()>& action) {
+        auto* timer = new QTimer(Window.get());
+        QObject::connect(timer, &QTimer::timeout, [=, this, &atStop] {
+            if (State->Report.RegionsTried < regions || State->Running == Activity::None) return;
+            timer->deleteLater();
+            atStop = State->Report.RegionsTried;
+            action();
+        });
+        timer->start(0);
+    };
+    const std::vector<std::function<void()>> stops = {
+        [this] {
+            Choose("About");  // must not hold the solve up
+            Press("cmdStop");
+        },
+        [this] { QTest::keyClick(Window.get(), Qt::Key_Escape); },
+    };
+    for (const auto& stop : stops) {
+        afterRegions(3, [&] {
+            EXPECT_FALSE(Find<QPushButton>("cmdMatch")->isEnabled());
+            EXPECT_FALSE(Find<QPushButton>("Command1")->isEnabled());
+            stop();
+        });
+        Press("cmdMatch");
+        EXPECT_EQ(Shown("lblStatus"), "Search Terminated");
+        EXPECT_LE(State->Report.RegionsTried, atStop + 1);
+        EXPECT_TRUE(Find<QPushButton>("cmdMatch")->isEnabled());
+        EXPECT_FALSE(Find<QPushButton>("cmdStop")->isEnabled());
+        for (QMessageBox* box : Window->findChildren<QMessageBox*>()) box->close();
+        Window->activateWindow();
+        EXPECT_TRUE(QTest::qWaitForWindowActive(Window.get()));
+    }
+    bool openAfterClose = false;
+    afterRegions(3, [&] {
+        Window->close();
+        openAfterClose = Window->isVisible();
+    });
+    Press("cmdMatch");
+    EXPECT_TRUE(openAfterClose);
+    EXPECT_FALSE(Window->isVisible());
+    EXPECT_LE(State->Report.RegionsTried, atStop + 1);
+}
+
+TEST_F(Windows, AnUnattendedRunLeavesItsFileAndCloses) {
+    // The console's road to the same result.
+    ProgramState console;
+    RecordingPort port(console);
+    console.Catalog.Folder = Folder / "catalog";
+    ASSERT_EQ(RunUnattended(console, port, Parameters(Frame)).Result.Code, SolveCode::Solved);
+    const std::string expected = ResultFile();
+    EXPECT_NEAR(std::stod(expected), centre.Ra, 2e-6);
+    EXPECT_TRUE(expected.ends_with("\r\nValid plate solution\r\n"));
+    WriteFile(Folder / "frame.kel", "stale");
+
+    Find<QCheckBox>("chkKeep")->setChecked(true);
+    Window->StartUnattended(Parameters(Frame));
+    EXPECT_EQ(ResultFile(), expected);
+    EXPECT_EQ(Shown("lblTimer"), "10");
+    EXPECT_EQ(Shown("lblSize"), "10' X 10'");
+    QTest::qWait(100);
+    EXPECT_TRUE(Window->isVisible());
+    EXPECT_EQ(Shown("lblTimer"), "10");
+    Find<QCheckBox>("chkKeep")->setChecked(false);
+    EXPECT_TRUE(WaitUntilClosed());
+    EXPECT_EQ(Window->ExitCode(), ExitCode::Solved);
+    EXPECT_EQ(Dialogs.Messages, Texts{});
+}
+
+TEST_F(Windows, EveryUnattendedFailureHasItsMessagesFileAndExitCode) {
+    WriteFile(Folder / "dark.fit",
+              FitsHeader(FitsCards(16, 50, 50)) + FitsPixels(16, std::vector<double>(2500, 7)));
+    const std::string noMatch = "1000,1000,-1\r\n0,0,0,0,N\r\nMaximum search limit exceeded\r\n";
+    struct Case {
+        std::string Parameters;
+        int Exit;
+        Texts Messages;
+        std::string File;  ///< of "frame" or "dark"; empty: none
+    };
+    const std::string cannotOpen = errorTitle + "Can't open input file";
+    const std::vector<Case> cases = {
+        {"1,2,3", ExitCode::Usage, {errorTitle + "Invalid parameter string"}, ""},
+        {Parameters("frame"), ExitCode::InvalidFileName, {errorTitle + "Invalid file name"}, ""},
+        {Parameters((Folder / "none.fit").string()),
+         ExitCode::NoImage,
+         {"Vestrel: Unable to read the image file.", cannotOpen},
+         ""},
+        {Parameters((Folder / "image.bmp").string()),
+         ExitCode::NoImage,
+         {"Vestrel: File type is not supported", cannotOpen},
+         ""},
+        {Parameters((Folder / "dark.fit").string()),
+         ExitCode::TooFewStars,
+         {},
+         "1000,1000,0\r\n0,0,0,0,0\r\nUnanticipated problem during plate matching\r\n"},
+        {"0.0224,0.0099,0.0029089,0.0029089,1," + Frame, ExitCode::NoMatch, {}, noMatch},
+        {"2,0.5,0.0029089,0.0029089,4," + Frame, ExitCode::NoCatalog, {}, noMatch}};
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.Parameters);
+        Open();
+        Dialogs.Messages.clear();
+        Window->StartUnattended(one.Parameters);
+        EXPECT_EQ(Dialogs.Messages, one.Messages);
+        EXPECT_EQ(Window->isVisible(), one.Exit != ExitCode::Usage);  // else without a countdown
+        EXPECT_TRUE(WaitUntilClosed());
+        EXPECT_EQ(Window->ExitCode(), one.Exit);
+        std::string expected = one.File;
+        const std::size_t count = expected.find('N');
+        if (count != std::string::npos) {
+            expected.replace(count, 1, std::to_string(State->Extraction.StarsFound));
+        }
+        EXPECT_EQ(ReadFile(Folder / "dark.kel") + ResultFile(), expected);
+        std::filesystem::remove(Folder / "dark.kel");
+        std::filesystem::remove(Folder / "frame.kel");
+    }
+
+    Open();
+    QTimer::singleShot(0, Window.get(), [this] { Window->close(); });
+    Window->StartUnattended("2" + Parameters(Frame, "30000").substr(6));
+    EXPECT_FALSE(Window->isVisible());  // at once: the countdown is for those who watch
+    EXPECT_EQ(Window->ExitCode(), ExitCode::Stopped);
+    EXPECT_TRUE(ResultFile().starts_with("1000,1000,-2\r\n"));
+    EXPECT_TRUE(ResultFile().ends_with("\r\nVestrel was terminated by user\r\n"));
+}
+
+TEST_F(Windows, TheFileDialogsOfferTheirFiltersAndImagesCanBeDropped) {
+    Choose("Open...");  // cancelled
+    EXPECT_EQ(Dialogs.Title, "Open Image");
+    EXPECT_EQ(Dialogs.Filters,
+              (QStringList{"JPG Files (*.jpg) (*.jpg)", "BMP Files (*.bmp) (*.bmp)",
+                           "SBIG Files (*.SBIG) (*.SBIG *.SBI)",
+                           "FITS Files (*.FIT, *.FITS, *.FTS) (*.fit *.fits *.fts)",
+                           "All Files (*.*) (*)"}));
+    EXPECT_EQ(Utf8(Dialogs.Selected), "FITS Files (*.FIT, *.FITS, *.FTS)");
+    EXPECT_EQ(Shown("lblName"), "Please Load an Image");
+
+    Dialogs.FileToChoose = QtText(Frame);
+    Choose("Open...");
+    EXPECT_EQ(Shown("lblDir"), Folder.Path.string());
+    EXPECT_TRUE(State->ImageLoaded);
+
+    Dialogs.FileToChoose = QtText((Folder / "copy").string());
+    Choose("Save As...");
+    EXPECT_EQ(Dialogs.Title, "Save Image As");
+    EXPECT_EQ(Dialogs.Messages, Texts{});
+    EXPECT_TRUE(std::filesystem::exists(Folder / "copy.fit"));
+    EXPECT_EQ(Dialogs.Filters,
+              (QStringList{"FITS Files (*.FIT, *.FITS, *.FTS) (*.fit *.fits *.fts)",
+                           "All Files(*.*) (*)"}));
+    Dialogs.FileToChoose.clear();
+    Choose("Export...");
+    EXPECT_EQ(Dialogs.Directory, QtText(Folder.Path.string()));
+
+    QMimeData data;
+    data.setUrls({QUrl::fromLocalFile(QtText((Folder / "copy.fit").string()))});
+    QDragEnterEvent enter({10, 10}, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(Window.get(), &enter);
+    EXPECT_TRUE(enter.isAccepted());
+    QDropEvent drop({10, 10}, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(Window.get(), &drop);
+    EXPECT_TRUE(QTest::qWaitFor([this] { return State->RecentImages.size() == 2; }));
+    EXPECT_EQ(State->Image.FileName, (Folder / "copy.fit").string());
+    EXPECT_EQ(State->Image.Width, side);
+}
+
+TEST_F(Windows, ParametersChangeWithOKOnly) {
+    const ParameterTexts before = TextsOfParameters(State->Parameters);
+    const auto edit = [this](const char* button, const char* text) {
+        Press("Command1");
+        QWidget* dialog = WindowNamed("fParms");
+        ASSERT_NE(dialog, nullptr);
+        for (const ParameterBox& box : ParameterBoxes) {
+            if (*text != 0) dialog->findChild<QLineEdit*>(box.Name)->setText(text);
+        }
+        QTest::mouseClick(dialog->findChild<QPushButton*>(button), Qt::LeftButton);
+    };
+    edit("cmdCancel", "8");
+    EXPECT_EQ(TextsOfParameters(State->Parameters), before);
+    edit("cmdOK", "8");
+    EXPECT_EQ(WindowNamed("fParms"), nullptr);
+    ParameterTexts eights;
+    eights.fill("8");
+    EXPECT_EQ(TextsOfParameters(State->Parameters), eights);
+
+    edit("cmdDefault", "9");  // stays open
+    QWidget* dialog = WindowNamed("fParms");
+    ASSERT_NE(dialog, nullptr);
+    for (std::size_t i = 0; i < before.size(); ++i) {
+        EXPECT_EQ(Utf8(dialog->findChild<QLineEdit*>(ParameterBoxes[i].Name)->text()), before[i]);
+    }
+    EXPECT_EQ(TextsOfParameters(State->Parameters), eights);
+    dialog->findChild<QLineEdit*>("txtThreshold")->setText("six");
+    QTest::mouseClick(dialog->findChild<QPushButton*>("cmdOK"), Qt::LeftButton);
+    EXPECT_EQ(Dialogs.Messages,
+              Texts{errorTitle + "Detection Threshold: \"six\" is not a number."});
+    EXPECT_TRUE(dialog->isVisible());
+    EXPECT_EQ(State->Parameters.MinStarSize, 3);  // before the faulty one
+    EXPECT_EQ(State->Parameters.MaxStars, 8);
+    QTest::mouseClick(dialog->findChild<QPushButton*>("cmdHelp"), Qt::LeftButton);
+    ASSERT_NE(WindowNamed("fHelp"), nullptr);
+    EXPECT_EQ(Utf8(WindowNamed("fHelp")->findChild<QLabel*>("lblHelp")->text()),
+              ParameterHelpText());
+}
+
+TEST_F(Windows, HeaderAndImageAreShownAsTheyAre) {
+    Window->OpenFile(Frame);
+    Choose("Show Header");
+    QWidget* header = WindowNamed("fFITSHeader");
+    ASSERT_NE(header, nullptr);
+    std::string lines;
+    for (const std::string& line : HeaderLines(State->Image)) lines += line + "\n";
+    EXPECT_NE(lines.find("Observer = 'Ann & <b>Bob'"), std::string::npos);
+    EXPECT_EQ(Utf8(header->findChild<QPlainTextEdit*>("textbox")->toPlainText()), lines);
+    QTest::mouseClick(header->findChild<QPushButton*>("cmdCopy"), Qt::LeftButton);
+    EXPECT_EQ(Utf8(QApplication::clipboard()->text()), lines);
+
+    Press("cmdImage");
+    QWidget* image = WindowNamed("fImage");
+    ASSERT_NE(image, nullptr);
+    EXPECT_EQ(image->findChild<QLabel*>("lblImageSize")->text(), "300 X 300");
+    const QImage before = image->grab().toImage();
+    TypeSearch();
+    Press("cmdMatch");  // which subtracts the background
+    EXPECT_NE(image->grab().toImage(), before);
+    EXPECT_EQ(Shown("lblStatus"), "Plate Match Found");
+}
+
+}  // namespace vestrel
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+    const QApplication application(argc, argv);
+    QApplication::setQuitOnLastWindowClosed(false);
+    return RUN_ALL_TESTS();
+}

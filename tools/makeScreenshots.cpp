@@ -1,0 +1,120 @@
+// Takes pictures of every window around a real solve: makeScreenshots FRAME RA DEC FOLDER
+
+#include <QAction>
+#include <QApplication>
+#include <QDir>
+#include <QLineEdit>
+#include <QPixmap>
+#include <QPushButton>
+#include <cstdio>
+#include <memory>
+
+#include "app/fKELInfo.h"
+#include "matching/mPlateMatch.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+namespace {
+
+QPalette DarkPalette() {
+    QPalette palette(QColor(49, 54, 59), QColor(49, 54, 59));
+    palette.setColor(QPalette::Base, QColor(35, 38, 41));
+    palette.setColor(QPalette::AlternateBase, QColor(49, 54, 59));
+    palette.setColor(QPalette::Highlight, QColor(61, 174, 233));
+    for (const auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText}) {
+        palette.setColor(role, QColor(239, 240, 241));
+        palette.setColor(QPalette::Disabled, role, QColor(127, 131, 135));
+    }
+    palette.setColor(QPalette::PlaceholderText, QColor(150, 155, 160));
+    return palette;
+}
+
+/// The one open window of a name.
+QWidget* WindowNamed(const QString& name) {
+    for (QWidget* window : QApplication::topLevelWidgets()) {
+        if (window->objectName() == name) return window;
+    }
+    return nullptr;
+}
+
+class Photographer {
+ public:
+    Photographer(QString folder, QString suffix)
+        : folder_(std::move(folder)), suffix_(std::move(suffix)) {}
+
+    bool Take(const QString& windowName, const QString& fileName) {
+        QApplication::processEvents();
+        QWidget* window = WindowNamed(windowName);
+        const QString file = QDir(folder_).filePath(fileName + suffix_ + ".png");
+        if (window != nullptr &&
+            window->grab().toImage().convertToFormat(QImage::Format_RGB888).save(file)) {
+            return true;
+        }
+        std::fprintf(stderr, "no picture: %s\n", qPrintable(file));
+        return false;
+    }
+
+ private:
+    QString folder_;
+    QString suffix_;
+};
+
+bool TakeAll(Photographer photographer, const std::string& frame, const QString& ra,
+             const QString& dec) {
+    const auto state = std::make_unique<ProgramState>();
+    state->Catalog.Folder = DefaultCatalogFolder();
+    SolveWindow window(*state);
+    window.show();
+    const auto type = [&window](const char* name, const QString& text) {
+        window.findChild<QLineEdit*>(name)->setText(text);
+    };
+    const auto press = [&window](const char* name) {
+        window.findChild<QPushButton*>(name)->click();
+    };
+    type("txtXsize", "180");
+    type("txtYsize", "120");
+    bool good = photographer.Take("fKELInfo", "start");
+    window.OpenFile(frame);
+    type("txtRA", ra);
+    type("txtDec", dec);
+    press("cmdMatch");
+    good = good && state->Solution.MatchedCount > 0;
+    good = photographer.Take("fKELInfo", "solved") && good;
+    press("cmdImage");
+    good = photographer.Take("fImage", "image") && good;
+    window.findChild<QAction*>("mnuHeader")->trigger();
+    good = photographer.Take("fFITSHeader", "header") && good;
+    press("Command1");
+    good = photographer.Take("fParms", "parameters") && good;
+    WindowNamed("fParms")->findChild<QPushButton*>("cmdHelp")->click();
+    good = photographer.Take("fHelp", "help") && good;
+    WindowNamed("fParms")->close();
+
+    type("txtDec", "60 00 00");
+    press("cmdMatch");
+    good = photographer.Take("fKELInfo", "failed") && good;
+    window.StartUnattended("1.4451,-0.0291,0.0524,0.0349,4," + frame);
+    good = photographer.Take("fKELInfo", "unattended") && good;
+    window.close();
+    return good;
+}
+
+}  // namespace
+}  // namespace vestrel
+
+int main(int argc, char** argv) {
+    QApplication application(argc, argv);
+    if (argc != 5) {
+        std::fputs("makeScreenshots FRAME RA DEC FOLDER\n", stderr);
+        return 2;
+    }
+    QApplication::setQuitOnLastWindowClosed(false);
+    QApplication::setStyle("Fusion");
+    const auto takeAll = [argv](const char* suffix) {
+        return vestrel::TakeAll({argv[4], suffix}, argv[1], argv[2], argv[3]);
+    };
+    const bool light = takeAll("");
+    QApplication::setPalette(vestrel::DarkPalette());
+    const bool dark = takeAll("-dark");
+    return light && dark ? 0 : 1;
+}
