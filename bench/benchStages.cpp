@@ -172,7 +172,7 @@ void WholeSolve(benchmark::State& state) {
                                    NumberText(width * 3 / 4) + ",9," + TextFromPath(path);
     SilentPort port;
     std::int16_t code = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         // A program started for one image: nothing is cached but the operating system's files.
         const auto program = std::make_unique<ProgramState>();
         program->Catalog.Folder = TheSky().CatalogFolder();
@@ -226,7 +226,7 @@ void CatalogRegion(benchmark::State& state) {
     CatalogCache cache;
     cache.Folder = TheSky().CatalogFolder();
     const bool warm = state.range(0) != 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         if (!warm) {
             cache.Cells.clear();
             cache.Index.clear();
@@ -251,7 +251,7 @@ void Alignment(benchmark::State& state) {
     const Lists lists(state.range(0) == 0 ? 0 : 0.07);
     KeptTriangles kept;
     bool matched = false;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         std::int32_t count1 = lists.CatalogCount;
         std::int32_t count2 = lists.PlateCount;
         StarMatchList matches;

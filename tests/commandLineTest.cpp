@@ -31,7 +31,8 @@ std::string StarField(int width, int height, int count) {
         const double peak = random.Between(1000, 9000);
         for (std::size_t i = 0; i < pixels.size(); ++i) {
             const double x = static_cast<double>(i % static_cast<std::size_t>(width)) - x0;
-            const double y = static_cast<double>(i / static_cast<std::size_t>(width)) - y0;
+            const std::size_t row = i / static_cast<std::size_t>(width);
+            const double y = static_cast<double>(row) - y0;
             pixels[i] += peak * std::exp(-(x * x + y * y) / 4);
         }
     }

@@ -75,7 +75,8 @@ std::string Sbig(int width, int height, const std::vector<int>& counts) {
         bytes += static_cast<char>(2 * width & 255);
         bytes += static_cast<char>(2 * width >> 8);
         for (int x = 0; x < width; ++x) {
-            const int count = counts[static_cast<std::size_t>(y * width + x)];
+            const int place = y * width + x;
+            const int count = counts[static_cast<std::size_t>(place)];
             bytes += static_cast<char>(count & 255);
             bytes += static_cast<char>(count >> 8);
         }
@@ -365,7 +366,8 @@ TEST(WorldCoordinates, OtherProgramsSeeTheSkyAndTheCountsThatVestrelSees) {
                 const int fileRow = bottomFirst ? row : height - 1 - row;
                 const int gridRow = kind == "-32" ? height - 1 - row : fileRow;
                 for (int x = 0; x < width; ++x) {
-                    const double value = stored[static_cast<std::size_t>(fileRow * width + x)];
+                    const int place = fileRow * width + x;
+                    const double value = stored[static_cast<std::size_t>(place)];
                     const double count = kind == "scaled"         ? 100 + 0.25 * value
                                          : kind.ends_with("SBIG") ? value
                                                                   : value + 7;

@@ -118,7 +118,8 @@ std::vector<unsigned char> Blocks(int width, int height, int colours,
     std::vector<unsigned char> pixels;
     for (int y = 0; y < height; ++y) {
         for (int x = 0; x < width; ++x) {
-            const auto& block = blocks[static_cast<std::size_t>(y / 8 * (width / 8) + x / 8)];
+            const int place = y / 8 * (width / 8) + x / 8;
+            const auto& block = blocks[static_cast<std::size_t>(place)];
             for (int i = 0; i < colours; ++i) pixels.push_back(block[static_cast<std::size_t>(i)]);
         }
     }
@@ -173,8 +174,9 @@ TEST(FitsHeader, EveryKeywordReachesItsOwnFieldAndClearingEmptiesIt) {
                                        : keywords == real ? number + ".5"
                                                           : "'" + keyword + "'";
             const std::string written = keywords == whole ? number + ".25" : stored;
-            EXPECT_EQ(ParseHeaderCard(keyword + " =  " + written + " / comment", header, error),
-                      keyword);
+            std::string card = keyword;
+            card.append(" =  ").append(written).append(" / comment");
+            EXPECT_EQ(ParseHeaderCard(card, header, error), keyword);
             EXPECT_EQ(error, "");
             expected += stored + " ";
         }
@@ -362,8 +364,9 @@ TEST(FitsPixels, AgreeWithAnotherLibrary) {
         for (int y = 0; y < 23; ++y) {
             const int gridRow = kind == FLOAT_IMG ? 22 - y : y;
             for (int x = 0; x < 37; ++x) {
+                const int place = y * 37 + x;
                 const double count = std::clamp(
-                    std::nearbyint(pixels[static_cast<std::size_t>(y * 37 + x)]), 0.0, 65535.0);
+                    std::nearbyint(pixels[static_cast<std::size_t>(place)]), 0.0, 65535.0);
                 ASSERT_EQ(reader.Image.Pixels(x, gridRow) + reader.Image.DataOffset, count)
                     << kind << " at " << x << ", " << y;
             }

@@ -82,9 +82,9 @@ TEST(Sbig, WhatACameraWritesIsReadBack) {
             std::vector<std::vector<int>> values;
             for (int y = 0; y < height; ++y) {
                 const int spread = y % 3 == 0 ? 60 : y % 3 == 1 ? 150 : 65535;
-                std::vector<int> row;
-                for (int x = 0; x < width; ++x) {
-                    row.push_back(std::clamp(30000 + random.Whole(-spread, spread), 0, 65535));
+                std::vector<int> row(static_cast<std::size_t>(width));
+                for (int& count : row) {
+                    count = std::clamp(30000 + random.Whole(-spread, spread), 0, 65535);
                 }
                 rows += Row(row);
                 values.push_back(row);
