@@ -82,7 +82,7 @@ class Sky {
 
     /// The file of a 16-bit or other frame, drawn when it is first wanted.
     fs::path FramePath(int megapixels, int bitPix) const {
-        const fs::path path =
+        fs::path path =
             folder_ / (std::to_string(megapixels) + "mp" + std::to_string(bitPix) + ".fit");
         if (!fs::exists(path)) {
             const FrameGeometry geometry = Geometry(megapixels);
