@@ -19,12 +19,6 @@ namespace vestrel {
 /// The program's title, also in the titles of error messages.
 inline constexpr const char* ProgramTitle = "Vestrel 1.13";
 
-/// A J2000 position, radians.
-struct SkyPosition {
-    double Ra = 0;
-    double Dec = 0;
-};
-
 /// Everything that one successful solve produces.
 struct PlateSolution {
     StarMatchList Pairs;  ///< 1-based

@@ -5,6 +5,12 @@
 
 namespace vestrel {
 
+/// A J2000 position, radians.
+struct SkyPosition {
+    double Ra = 0;
+    double Dec = 0;
+};
+
 /// The projection of the sky onto a plane that touches it at a centre. It is the orthographic one
 /// (direction cosines, no division by the distance cosine): the SIN projection of Calabretta &
 /// Greisen 2002 (A&A 395, 1077), section 5.1.5, with xi turned to grow toward decreasing right

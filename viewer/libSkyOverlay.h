@@ -1,0 +1,87 @@
+// Where things of the sky lie on a solved image.
+//
+// The projection is the program's own, orthographic one (Calabretta & Greisen 2002, A&A 395, 1077,
+// section 5.1.5; see docs/CONVENTIONS.md), so anything drawn here falls where the solve put it.
+// Pixels are those of the grid: rows count as `FirstRowAtTop` says, and directions are grid
+// directions; the window turns them over together with the image.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "astro/libPlateStar.h"
+#include "astro/libSphericalMath.h"
+#include "image/libImage.h"
+
+namespace vestrel {
+
+/// A point of the grid, pixels.
+struct PixelPoint {
+    double X = 0;
+    double Y = 0;
+};
+
+/// The solution of an image, ready for use both ways.
+class SkyMap {
+ public:
+    /// Nothing when the header holds no solution, or one that is no map of the sky.
+    static std::optional<SkyMap> Of(const ImageHeader& header);
+
+    /// The pixel of a position; nothing on the far hemisphere, which the plane would fold over.
+    std::optional<PixelPoint> PixelOf(const SkyPosition& sky) const;
+
+    /// The J2000 position (radians, right ascension in 0..2π) of a pixel; nothing beyond the rim
+    /// of the sky. Unlike `Projection::PlaneToSky` with its short π, which is off by up to
+    /// 0.0002″, this is the exact inverse: there and back is within 1e-6 pixels.
+    std::optional<SkyPosition> SkyOf(const PixelPoint& pixel) const;
+
+    /// The grid directions (unit length) in which north and east lie at a pixel; nothing off the
+    /// sky. At a pole, "north" is along the meridian that `SkyOf` names.
+    struct Compass {
+        PixelPoint North;
+        PixelPoint East;
+    };
+    std::optional<Compass> CompassAt(const PixelPoint& pixel) const;
+
+    /// Pixels per radian at the tangent point, the geometric mean of all directions.
+    double PixelsPerRadian() const;
+
+ private:
+    Projection plane_;  ///< scale 1: plane units are radians
+    // Pixels per radian, and the tangent point.
+    double xXi_ = 0;
+    double xEta_ = 0;
+    double yXi_ = 0;
+    double yEta_ = 0;
+    PixelPoint tangent_;
+    double determinant_ = 0;
+};
+
+/// A round angle and how long it is on the image.
+struct ScaleBar {
+    double Pixels = 0;
+    double Arcseconds = 0;
+    std::string Text;  ///< such as 30", 5' or 2°
+};
+/// The longest bar of a round angle (1, 2, 5, 10, 20 or 30 of a unit, decimals of an arcsecond)
+/// that is no longer than `longest` pixels, at the image's tangent point; nothing when that would
+/// leave 0.001″..45°.
+std::optional<ScaleBar> ScaleBarFor(const SkyMap& map, double longest);
+
+/// A star of a list and its distance from where one looked.
+struct NearestStar {
+    std::int32_t Index = 0;  ///< in the list, from 1
+    double Distance = 0;     ///< pixels
+};
+/// The nearest of stars 1..count of the image; nothing from an empty list.
+std::optional<NearestStar> NearestPlateStar(const PlateStarList& stars, std::int32_t count,
+                                            const PixelPoint& pixel);
+/// The nearest of catalog stars 1..count by where the solution puts them.
+std::optional<NearestStar> NearestCatalogStar(const SkyMap& map, const PlateStarList& stars,
+                                              std::int32_t count, const PixelPoint& pixel);
+
+/// The distance of two positions on the sky, radians (haversine formula: good for small ones).
+double SkyDistance(const SkyPosition& a, const SkyPosition& b);
+
+}  // namespace vestrel
