@@ -35,10 +35,10 @@ SolveWindow::SolveWindow(ProgramState& state)
         headerWindow_.ImageChanged();
     };
     port_.OnProgress = [this](int percent) { ShowProgressPercent(percent); };
-    countdown_.setParent(this);
-    countdown_.setObjectName("tmrCountdown");
     countdown_.setInterval(1000);
     connect(&countdown_, &QTimer::timeout, this, [this] { Tick(); });
+    openDropped_.setSingleShot(true);
+    connect(&openDropped_, &QTimer::timeout, this, [this] { OpenFile(droppedFile_); });
     InitSettings(state_, port_);
     LoadRecentImages(state_);
     ShowInputs();
@@ -93,10 +93,9 @@ void SolveWindow::dragEnterEvent(QDragEnterEvent* event) {
 
 void SolveWindow::dropEvent(QDropEvent* event) {
     event->acceptProposedAction();
-    const std::string path = Utf8(event->mimeData()->urls().constFirst().toLocalFile());
+    droppedFile_ = Utf8(event->mimeData()->urls().constFirst().toLocalFile());
     // Later: the program that the image comes from waits for this event to end.
-    QMetaObject::invokeMethod(
-        this, [this, path] { OpenFile(path); }, Qt::QueuedConnection);
+    openDropped_.start();
 }
 
 void SolveWindow::ShowInputs() {

@@ -43,6 +43,8 @@ class SolveWindow : public QMainWindow {
     void StartUnattended(const std::string& parameters);
     /// What the program is to end with.
     int ExitCode() const { return exitCode_; }
+    /// One tick of the countdown; a second unless it is set.
+    void SetCountdownInterval(int milliseconds) { countdown_.setInterval(milliseconds); }
 
  protected:
     void closeEvent(QCloseEvent* event) override;
@@ -95,6 +97,8 @@ class SolveWindow : public QMainWindow {
     ProgramState& state_;
     WindowPort port_;
     QTimer countdown_;
+    QTimer openDropped_;
+    std::string droppedFile_;
     int exitCode_ = 0;
 
     std::vector<std::pair<QLabel*, std::string SolveDisplay::*>> shown_;

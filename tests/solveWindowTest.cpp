@@ -312,7 +312,7 @@ TEST(GreyPicture, StandsUprightAndShowsStarsWhiteOnADarkSky) {
                                                   {"FITS", 16, false}}) {
         image.ImageType = type;
         image.Header.BitPix = static_cast<std::int16_t>(bitPix);
-        const GreyPicture picture = MakeGreyPicture(image, AutomaticLevels(image), 31);
+        const GreyPicture picture = MakeGreyPicture(image, 31);
         ASSERT_EQ(picture.Width, 31);
         ASSERT_EQ(picture.Height, 17);
         const std::size_t star = starAtTop ? 0 : 16 * 31;
@@ -324,7 +324,7 @@ TEST(GreyPicture, StandsUprightAndShowsStarsWhiteOnADarkSky) {
     for (const auto& [width, height] : {std::pair{0, 0}, {1, 1}, {3, 0}}) {
         image.Width = width;
         image.Height = height;
-        EXPECT_EQ(MakeGreyPicture(image, AutomaticLevels(image), 10).Pixels.size(),
+        EXPECT_EQ(MakeGreyPicture(image, 10).Pixels.size(),
                   static_cast<std::size_t>(width * height));
     }
 }

@@ -64,7 +64,9 @@ void MakeSky(const std::filesystem::path& catalog, const std::filesystem::path& 
         const double x0 = (side - 1) / 2.0 + xi / scale;
         const double y0 = (side - 1) / 2.0 + eta / scale;
         for (int i = 0; i < side * side; ++i) {
-            const double r2 = std::pow(i % side - x0, 2) + std::pow(i / side - y0, 2);
+            const int column = i % side;
+            const int row = i / side;
+            const double r2 = std::pow(column - x0, 2) + std::pow(row - y0, 2);
             if (r2 < 60) pixels[i] += std::pow(10, 0.4 * (21.5 - magnitude)) * std::exp(-r2 / 3);
         }
     }
@@ -125,7 +127,7 @@ class Windows : public testing::Test {
         State = std::make_unique<ProgramState>();
         State->Catalog.Folder = Folder / "catalog";
         Window = std::make_unique<SolveWindow>(*State);
-        Window->findChild<QTimer*>("tmrCountdown")->setInterval(2);
+        Window->SetCountdownInterval(2);
         Window->show();
     }
 

@@ -45,9 +45,7 @@ void ImageWindow::ImageChanged() {
     setWindowTitle(state_.ImageLoaded ? QtText(ImageNameText(state_)) : "Image");
     constexpr int longestSide = 2048;
     const GreyPicture picture =
-        state_.ImageLoaded
-            ? MakeGreyPicture(state_.Image, AutomaticLevels(state_.Image), longestSide)
-            : GreyPicture();
+        state_.ImageLoaded ? MakeGreyPicture(state_.Image, longestSide) : GreyPicture();
     area_->Picture = QImage();
     if (!picture.Pixels.empty()) {
         area_->Picture = QImage(picture.Pixels.data(), picture.Width, picture.Height, picture.Width,

@@ -8,16 +8,6 @@
 
 namespace vestrel {
 
-/// Stored values that are shown black and white.
-struct DisplayLevels {
-    double Black = 0;
-    double White = 1;  ///< above `Black`
-};
-
-/// Levels from a sample of the image: the sky becomes dark grey and some thousandths of the pixels,
-/// the stars, white.
-DisplayLevels AutomaticLevels(const PlateImage& image);
-
 /// Rows from the top of the displayed image down; 0 is black.
 struct GreyPicture {
     int Width = 0;
@@ -25,8 +15,9 @@ struct GreyPicture {
     std::vector<std::uint8_t> Pixels;
 };
 
-/// The whole image, each pixel of the picture the mean of a square of the image's. The squares are
-/// the smallest that keep both sides within `longestSide` pixels.
-GreyPicture MakeGreyPicture(const PlateImage& image, const DisplayLevels& levels, int longestSide);
+/// The whole image between its first levels (libDisplayLevels), each pixel of the picture the mean
+/// of a square of the image's. The squares are the smallest that keep both sides within
+/// `longestSide` pixels.
+GreyPicture MakeGreyPicture(const PlateImage& image, int longestSide);
 
 }  // namespace vestrel
