@@ -9,7 +9,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <limits>
 #include <numbers>
 #include <stdexcept>
@@ -157,62 +156,23 @@ TEST(CombSort, EqualKeysLieAsThePlainLoopLeavesThem) {
     }
 }
 
-TEST(Projection, IsTheSineProjectionOfTheWorldCoordinateSystem) {
-    if (std::system("/usr/bin/python3 -c 'import astropy.wcs' > /dev/null 2>&1") != 0) {
-        GTEST_SKIP() << "no astropy to judge by";
-    }
-    const TemporaryFolder folder;
-    WriteFile(folder / "judge.py", R"(
-import sys
-from astropy.wcs import WCS
-for line in open(sys.argv[1]):
-    ra0, dec0, ra, dec = map(float, line.split())
-    w = WCS(naxis=2)
-    w.wcs.ctype = ['RA---SIN', 'DEC--SIN']
-    w.wcs.crpix = [0, 0]
-    w.wcs.crval = [ra0, dec0]
-    w.wcs.cdelt = [1, 1]
-    w.wcs.lonpole = 180
-    x, y = w.wcs_world2pix(ra, dec, 1)
-    print(repr(float(x)), repr(float(y)))
-)");
+TEST(Projection, IsOrthographicAndGrowsTowardWestAndNorth) {
     Random random(4);
-    std::vector<std::array<double, 4>> cases;
-    std::ofstream text(folder / "cases");
-    text.precision(17);
-    for (int i = 0; i < 400; ++i) {
-        const double ra0 = random.Between(0, 360);
-        const double dec0 = i % 10 == 0 ? 90 : i % 10 == 1 ? -90 : random.Between(-90, 90);
-        const double reach = i % 2 == 0 ? 1 : 60;
-        const double dec = std::clamp(dec0 + random.Between(-reach, reach), -90.0, 90.0);
-        cases.push_back({ra0, dec0, ra0 + random.Between(-reach, reach), dec});
-        for (const double angle : cases.back()) text << angle << ' ';
-        text << '\n';
-    }
-    text.close();
-    const std::string command =
-        "cd '" + folder.Path.string() + "' && /usr/bin/python3 judge.py cases > answers";
-    ASSERT_EQ(std::system(command.c_str()), 0);
-    std::ifstream answers(folder / "answers");
-
-    const double radian = std::numbers::pi / 180;
     Projection plane;
-    int judged = 0;
-    for (const auto& [ra0, dec0, ra, dec] : cases) {
-        double x = 0;
-        double y = 0;
-        answers >> x >> y;
-        plane.SetProjectionCentre(ra0 * radian, dec0 * radian, 3600 / radian);
+    for (int trial = 0; trial < 20000; ++trial) {
+        const double ra0 = random.Between(0, 6.28);
+        const double dec0 = random.Between(-1.57, 1.57);
+        const double ra = random.Between(0, 6.28);
+        const double dec = random.Between(-1.57, 1.57);
+        plane.SetProjectionCentre(ra0, dec0, 1000);
         double xi = 0;
         double eta = 0;
-        const double cosine = plane.SkyToPlane(ra * radian, dec * radian, xi, eta);
-        if (cosine < 0.01) continue;  // the judge knows no far side
-        ++judged;
-        ASSERT_NEAR(xi, -x * 3600, 1e-6) << ra0 << ' ' << dec0;
-        ASSERT_NEAR(eta, y * 3600, 1e-6) << ra0 << ' ' << dec0;
+        const double cosine = plane.SkyToPlane(ra, dec, xi, eta);
+        const double part = std::cos(dec) * std::cos(ra - ra0);
+        ASSERT_NEAR(xi, -1000 * std::cos(dec) * std::sin(ra - ra0), 1e-9);
+        ASSERT_NEAR(eta, 1000 * (std::cos(dec0) * std::sin(dec) - std::sin(dec0) * part), 1e-9);
+        ASSERT_NEAR(cosine, std::sin(dec0) * std::sin(dec) + std::cos(dec0) * part, 1e-12);
     }
-    ASSERT_TRUE(answers);
-    EXPECT_GT(judged, 300);
 }
 
 TEST(Projection, PlaneToSkyUndoesSkyToPlaneApartFromTheDecimalPi) {

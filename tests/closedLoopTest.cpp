@@ -202,13 +202,14 @@ TEST(Renderer, LightAndNoiseFollowTheLawsOfACameraOnAnyNumberOfThreads) {
     const FramePoint place{350.3, 249.8};
     const std::vector<FrameStar> star{{{0, 0, 12.5}, place}};  // 100000 electrons
 
-    ASSERT_EQ(setenv("VESTREL_THREADS", "1", 1), 0);
-    const Frame frame = RenderFrame(geometry, exposure, star);
-    ASSERT_EQ(setenv("VESTREL_THREADS", "3", 1), 0);
-    EXPECT_EQ(RenderFrame(geometry, exposure, star).Pixels, frame.Pixels);
-    ASSERT_EQ(unsetenv("VESTREL_THREADS"), 0);
+    const auto render = [&](int threads) {
+        const ThreadsForNow now(threads);
+        return RenderFrame(geometry, exposure, star);
+    };
+    const Frame frame = render(1);
+    EXPECT_EQ(render(3).Pixels, frame.Pixels);
     exposure.Seed = 2;
-    EXPECT_NE(RenderFrame(geometry, exposure, star).Pixels, frame.Pixels);
+    EXPECT_NE(render(1).Pixels, frame.Pixels);
 
     double light = 0;
     double skySum = 0;

@@ -165,18 +165,16 @@ TEST(Background, IsThePlainProceduresWhateverTheImageAndTheThreads) {
 
 Image PlainlyFiltered(const Image& pixels, int width, int height) {
     Image result = Copy(pixels, width, height);
-    const auto at = [&](int x, int y) { return std::int64_t{pixels(x, y)}; };
-    ForPixels(width - 2, height - 2, [&](int i, int j) {
-        const int x = i + 1;
-        const int y = j + 1;
-        const auto sides =
-            static_cast<float>(at(x + 1, y) + at(x - 1, y) + at(x, y + 1) + at(x, y - 1));
-        const auto corners = static_cast<float>(at(x + 1, y - 1) + at(x - 1, y - 1) +
-                                                at(x + 1, y + 1) + at(x - 1, y + 1));
-        const auto stored =
-            static_cast<float>(0.12385 * static_cast<double>(sides) + 0.2042 * pixels(x, y) +
-                               0.0751 * static_cast<double>(corners));
-        result(x, y) = static_cast<std::int32_t>(std::nearbyint(static_cast<double>(stored)));
+    ForPixels(width - 2, height - 2, [&](int x, int y) {
+        double sums[3] = {};  // of the centre, the sides and the corners
+        for (int i = 0; i <= 2; ++i) {
+            for (int j = 0; j <= 2; ++j) {
+                sums[std::abs(i - 1) + std::abs(j - 1)] += pixels(x + i, y + j);
+            }
+        }
+        const auto single = [](double value) { return double{static_cast<float>(value)}; };
+        result(x + 1, y + 1) = static_cast<std::int32_t>(std::nearbyint(
+            single(0.12385 * single(sums[1]) + 0.2042 * sums[0] + 0.0751 * single(sums[2]))));
     });
     return result;
 }

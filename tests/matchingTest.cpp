@@ -303,35 +303,30 @@ TEST(FitPlate, ResidualsOfThePairsInUseAreOrthogonalToTheModel) {
         const PlateStarList list1 = RandomStars(random, n, size);
         const PlateStarList list2 = RandomStars(random, n, 4000);
         StarMatchList matches(1);
-        for (int i = 1; i <= n; ++i) {
-            const auto star = static_cast<std::int16_t>(i);
-            matches.push_back({star, star, 0, i <= 4 || random.Whole(0, 3) > 0});
+        for (std::int16_t i = 1; i <= n; ++i) {
+            matches.push_back({i, i, 0, i <= 4 || random.Whole(0, 3) > 0});
         }
         PlateConstants fit;
         std::vector<double> residuals;
         const double error = FitPlate(list1, list2, matches, n, fit, residuals);
-        long double products[6] = {};
-        long double squares = 0;
+        std::array<double, 6> products{};
+        double squares = 0;
         int used = 0;
         for (int i = 1; i <= n; ++i) {
-            const auto x1 = static_cast<long double>(list1[i].X);
-            const auto y1 = static_cast<long double>(list1[i].Y);
-            const auto dx = fit.a * x1 + fit.b * y1 + fit.c - static_cast<long double>(list2[i].X);
-            const auto dy = fit.d * x1 + fit.e * y1 + fit.f - static_cast<long double>(list2[i].Y);
-            ASSERT_NEAR(residuals[i], static_cast<double>(std::hypot(dx, dy)), 1e-9);
+            const auto x1 = static_cast<double>(list1[i].X);
+            const auto y1 = static_cast<double>(list1[i].Y);
+            const auto dx = fit.a * x1 + fit.b * y1 + fit.c - static_cast<double>(list2[i].X);
+            const auto dy = fit.d * x1 + fit.e * y1 + fit.f - static_cast<double>(list2[i].Y);
+            ASSERT_NEAR(residuals[i], std::hypot(dx, dy), 1e-9);
             if (!matches[i].InUse) continue;
             ++used;
             squares += dx * dx + dy * dy;
-            const long double model[3] = {x1 / size, y1 / size, 1};
-            for (int k = 0; k < 3; ++k) {
-                products[k] += model[k] * dx;
-                products[k + 3] += model[k] * dy;
-            }
+            const double terms[] = {x1 / size * dx, y1 / size * dx, dx,
+                                    x1 / size * dy, y1 / size * dy, dy};
+            for (std::size_t k = 0; k < 6; ++k) products[k] += terms[k];
         }
-        for (const long double product : products) {
-            ASSERT_NEAR(static_cast<double>(product), 0, 1e-7) << n;
-        }
-        ASSERT_NEAR(error, static_cast<double>(std::sqrt(squares / used)), 1e-9);
+        for (const double product : products) ASSERT_NEAR(product, 0, 1e-7) << n;
+        ASSERT_NEAR(error, std::sqrt(squares / used), 1e-9);
     }
 }
 
@@ -387,35 +382,6 @@ TEST(PlateGeometry, RecoversScaleStretchSkewAndAngleInEveryQuadrant) {
     }
 }
 
-TEST(AlignImages, FindsTurnedScaledAndMirroredListsAmongStrangers) {
-    Random random(34);
-    int found = 0;
-    for (int trial = 0; trial < 200; ++trial) {
-        const PlateStarList list1 = RandomStars(random, random.Whole(20, 60), 800);
-        const Plate plate{.Turn = random.Between(-3.1, 3.1),
-                          .Scale = random.Between(0.5, 2),
-                          .Mirrored = trial % 2 == 0,
-                          .Noise = 0.2,
-                          .Outliers = trial % 8};
-        const PlateStarList list2 = Photograph(random, list1, plate);
-        const Outcome out = Align(list1, list2);
-        if (!out.Matched) continue;
-        ++found;
-        EXPECT_NEAR(out.Geometry.Scale, plate.Scale, 0.01);
-        EXPECT_NEAR(out.Geometry.Stretch, plate.Mirrored ? -1 : 1, 0.01);
-        EXPECT_NEAR(out.Geometry.Skew, 0, 0.01);
-        EXPECT_LE(out.Count1, 45);
-    }
-    EXPECT_GE(found, 196);
-    const PlateStarList list = RandomStars(random, 30, 500);
-    const Outcome turned =
-        Align(list, Photograph(random, list, {.Turn = std::numbers::pi / 2, .Scale = 2}));
-    ASSERT_TRUE(turned.Matched);
-    EXPECT_EQ(turned.UsedCount, 30);
-    EXPECT_NEAR(turned.Geometry.Angle, std::numbers::pi / 2, 1e-6);
-    EXPECT_NEAR(turned.Geometry.Skew, 0, 1e-6);
-}
-
 TEST(AlignImages, IsThePlainProcedureStepByStep) {
     Random random(35);
     int matched = 0;
@@ -467,23 +433,6 @@ TEST(AlignImages, IsThePlainProcedureStepByStep) {
     }
     EXPECT_GT(matched, 200);
     EXPECT_GT(differing, 30) << "the last cleaning was hardly at work";
-}
-
-TEST(AlignImages, FewAndEquilateralStarsLeaveTheOutputsUntouched) {
-    Random random(36);
-    const PlateStarList four = RandomStars(random, 4, 100);
-    const PlateStarList many = RandomStars(random, 40, 100);
-    for (const auto& [list1, list2] : {std::pair(four, many), std::pair(many, four)}) {
-        const Outcome out = Align(list1, list2);
-        EXPECT_FALSE(out.Matched);
-        EXPECT_EQ(out.MatchCount, -7);
-        EXPECT_EQ(out.FitError, -7);
-    }
-    PlateStarList square(1);
-    for (int i = 0; i < 9; ++i) square.push_back(StarAt(i % 3, std::floor(i / 3.0)));
-    const Outcome out = Align(square, square);
-    EXPECT_FALSE(out.Matched);
-    EXPECT_EQ(out.MatchCount, 0);
 }
 
 TEST(AlignImages, ChanceDoesNotMatch) {
