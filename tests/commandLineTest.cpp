@@ -1,38 +1,13 @@
-// Unattended use: what callers may write, what they get back, and what stays untouched.
+// Unattended use: what callers may write and what they get back.
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
-
 #include "app/mCommandLine.h"
 #include "astro/libStrings.h"
-#include "catalog/libCatalogCells.h"
 #include "matching/mPlateMatch.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {
-namespace {
-
-/// A picture of `count` round stars on a noisy sky.
-std::string StarField(int width, int height, int count) {
-    Random random(11);
-    std::vector<double> pixels(static_cast<std::size_t>(width) * static_cast<std::size_t>(height));
-    for (double& pixel : pixels) pixel = 1000 + random.Normal(4);
-    for (int star = 0; star < count; ++star) {
-        const double x0 = random.Between(8, width - 8);
-        const double y0 = random.Between(8, height - 8);
-        const double peak = random.Between(1000, 9000);
-        for (std::size_t i = 0; i < pixels.size(); ++i) {
-            const double x = static_cast<double>(i % static_cast<std::size_t>(width)) - x0;
-            const double y = static_cast<double>(i / static_cast<std::size_t>(width)) - y0;
-            pixels[i] += peak * std::exp(-(x * x + y * y) / 4);
-        }
-    }
-    return FitsHeader(FitsCards(16, width, height)) + FitsPixels(16, pixels);
-}
-
-}  // namespace
 
 TEST(ParameterString, FieldsAreSplitAtTheFirstSeparatorsAndTrimmed) {
     std::string text = "  a ,, b,c  ";
@@ -89,66 +64,6 @@ TEST(ResultFile, IsExactToTheByte) {
     EXPECT_EQ(ResultMessage(-3), "");
     EXPECT_EQ(ResultFilePath("C:\\images\\m51.fit"), "C:\\images\\m51.kel");
     EXPECT_EQ(ResultFilePath("/x/a.b.fit"), "/x/a.b.kel");
-}
-
-TEST(Unattended, NoNumberOfTheCallerOrTheSettingsIsTooStrange) {
-    const TemporaryFolder folder;
-    ProgramState state;
-    RecordingPort port(state);
-    state.Catalog.Folder = folder / "catalog";
-    std::filesystem::create_directories(state.Catalog.Folder);
-    Random random(5);
-    std::string cell;
-    for (int i = 0; i < 80; ++i) {
-        const auto record = EncodeCatalogStar({static_cast<float>(random.Between(0, 0.01)),
-                                               static_cast<float>(random.Between(0, 0.01)),
-                                               static_cast<std::int16_t>(random.Whole(500, 1300))});
-        cell.append(record.begin(), record.end());
-    }
-    WriteFile(state.Catalog.Folder / "N00R00", cell);
-    WriteFile(folder / "image.fit", StarField(160, 120, 20));
-    const auto solve = [&](const std::string& numbers, const char* name) {
-        SCOPED_TRACE(numbers);
-        const auto outcome = RunUnattended(state, port, numbers + "," + (folder / name).string());
-        EXPECT_EQ(outcome.End, UnattendedEnd::Finished);
-        EXPECT_FALSE(outcome.Result.Message.empty());
-        const std::string result = ReadFile((folder / name).replace_extension("kel"));
-        EXPECT_EQ(std::count(result.begin(), result.end(), '\n'), 3);
-        return outcome.Result.Code;
-    };
-    const std::string usual = "0.005,0.005,0.009,0.007,2";
-    for (const auto& [width, height] : {std::pair{0, 0}, {0, 3}, {3, 0}, {1, 1}, {2, 5}, {61, 1}}) {
-        WriteFile(folder / "tiny.fit", FitsHeader(FitsCards(16, width, height)));
-        EXPECT_EQ(solve(usual, "tiny.fit"), SolveCode::TooFewStars) << width << ", " << height;
-    }
-    solve(usual, "image.fit");
-    EXPECT_GE(state.Extraction.StarsFound, 12);  // there is something to be strange about
-    EXPECT_GE(state.Report.CatalogStarsAtStart, 40);
-    for (const double value : {0.0, -0.0, -1.0, 1e-300, 1e300, -1e300, 3.1415926535, 1e-9, 32767.0,
-                               -32768.0, 1.7, -1e-7, 2e9, 1e17}) {
-        SCOPED_TRACE(value);
-        for (int place = 0; place < 4; ++place) {
-            std::vector<std::string> numbers = {"0.005", "0.005", "0.009", "0.007"};
-            numbers[static_cast<std::size_t>(place)] = NumberText(value);
-            std::string text;
-            for (const std::string& number : numbers) text += number + ",";
-            solve(text + "2", "image.fit");
-        }
-        using P = SolveParameters;
-        for (double P::*field :
-             {&P::MaxStarSize, &P::MatchTolerance, &P::MatchDivisor, &P::DetectionThreshold,
-              &P::EdgeExclusion, &P::MaxGeometricError, &P::MaxError}) {
-            state.Parameters = P();
-            state.Parameters.*field = value;
-            solve(usual, "image.fit");
-        }
-        for (std::int16_t P::*field : {&P::MinStarSize, &P::MaxStars}) {
-            state.Parameters = P();
-            state.Parameters.*field =
-                static_cast<std::int16_t>(std::clamp(value, -32768.0, 32767.0));
-            solve(usual, "image.fit");
-        }
-    }
 }
 
 }  // namespace vestrel

@@ -5,15 +5,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <random>
 #include <sstream>
 // jpeglib.h needs the two before it.
 #include <jpeglib.h>
-#ifdef VESTREL_HAVE_CFITSIO
-#include <fitsio.h>
-#endif
 
-#include "astro/libMath.h"
 #include "image/libFITS.h"
 #include "image/libFitsWriter.h"
 #include "image/libPicture.h"
@@ -32,15 +27,12 @@ struct Reader {
     PlateImage Image;
     bool Good = false;
     std::string Complaint;  ///< "title: text"
-    std::vector<int> Reported;
 
     void ReadPath(const std::filesystem::path& path) {
         ReadFailure failure;
-        Reported.clear();
-        const Progress progress = [this](int done, int) { Reported.push_back(done); };
         const bool picture = path.extension() == ".jpg";
-        Good = picture ? ReadPictureFile(path, Image, progress, failure)
-                       : ReadFitsFile(path, Image, progress, failure);
+        Good = picture ? ReadPictureFile(path, Image, nullptr, failure)
+                       : ReadFitsFile(path, Image, nullptr, failure);
         Complaint = failure.Text.empty() ? "" : failure.Title + ": " + failure.Text;
     }
     void Read(std::string_view bytes, const char* name = "image.fit") {
