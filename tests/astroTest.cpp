@@ -215,6 +215,13 @@ TEST(Projection, PlaneToSkyUndoesSkyToPlaneApartFromTheDecimalPi) {
     EXPECT_NEAR(dec, 0.5, 1e-12);
 }
 
+TEST(Atan2, HasTheDecimalPiOnTheAxes) {
+    EXPECT_EQ(Atan2(0, -1), 3.141592654);
+    EXPECT_EQ(Atan2(-0.0, -1), 3.141592654);
+    EXPECT_EQ(Atan2(-1, 0), -1.570796327);
+    EXPECT_EQ(Atan2(0, 0), 0);
+}
+
 TEST(ParallelFor, CallsEveryPieceOnceAndReportsToItsCaller) {
     for (const int threads : {1, 2, 7}) {
         const ThreadsForNow now(threads);

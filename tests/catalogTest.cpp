@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <map>
 #include <set>
 
@@ -152,11 +151,8 @@ void WriteCells(const fs::path& folder, const PlainCatalog& plain) {
     for (const auto& [name, stars] : plain.Files) {
         std::string bytes;
         for (const CatalogStar& star : stars) {
-            char record[CatalogRecordBytes];  // little-endian, as this machine is
-            std::memcpy(record, &star.Ra, 4);
-            std::memcpy(record + 4, &star.Dec, 4);
-            std::memcpy(record + 8, &star.Mag, 2);
-            bytes.append(record, sizeof record);
+            const auto record = EncodeCatalogStar(star);
+            bytes.append(record.begin(), record.end());
         }
         bytes.append(name.back() % 10, '!');  // a tail that makes no record
         WriteFile(folder / name, bytes);
