@@ -570,14 +570,15 @@ TEST(CatalogTool, BuildInfoAndVerifyAgreeAndExitCodesHold) {
     EXPECT_EQ(fs::file_size(folder / "KEL" / "S06R25"), CatalogRecordBytes);
 
     const std::string before = ReadFile(folder / "KEL" / ManifestName);
-    for (const auto& [arguments, code] :
-         {std::pair("--csv " + bright + catalog, ExitBadInput),
-          {"--tycho2 " + table + catalog, ExitBadInput},
-          {"--mag-max -9 --csv " + table + catalog, ExitBadInput},
-          {catalog, ExitWrongUsage},
-          {"--csv " + table + " --tycho2 x" + catalog, ExitWrongUsage},
-          {"--csv " + table + " --where ra~1" + catalog, ExitWrongUsage},
-          {"--csv " + table + " --catalog /proc/KEL", ExitCannotWrite}}) {
+    const std::vector<std::pair<std::string, int>> refused = {
+        {"--csv " + bright + catalog, ExitBadInput},
+        {"--tycho2 " + table + catalog, ExitBadInput},
+        {"--mag-max -9 --csv " + table + catalog, ExitBadInput},
+        {catalog, ExitWrongUsage},
+        {"--csv " + table + " --tycho2 x" + catalog, ExitWrongUsage},
+        {"--csv " + table + " --where ra~1" + catalog, ExitWrongUsage},
+        {"--csv " + table + " --catalog /proc/KEL", ExitCannotWrite}};
+    for (const auto& [arguments, code] : refused) {
         EXPECT_EQ(RunTool("build " + arguments), code) << arguments;
     }
     EXPECT_EQ(RunTool("info" + catalog, "/dev/full"), ExitCannotWrite);

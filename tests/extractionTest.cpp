@@ -276,7 +276,9 @@ struct PlainExtraction {
         const auto [roughMean, roughSigma] = Statistics(samples);
         const double brightest = roughMean + 3 * roughSigma;
         std::erase_if(samples, [&](double value) { return value > brightest; });
-        const auto [mean, sigma] = Statistics(samples);
+        const MeanAndSigma sky = Statistics(samples);
+        const double mean = sky.Mean;
+        const double sigma = sky.Sigma;
         Facts.BackgroundSigma = sigma;
         Facts.SkyMean = mean;
         const double threshold = sigma < 1 ? mean + 4 : mean + Settings.DetectionThreshold * sigma;

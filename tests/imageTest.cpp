@@ -102,9 +102,10 @@ TEST(FitsHeader, EveryKeywordComesBackInASavedFile) {
             const std::string stored = keywords == whole  ? number
                                        : keywords == real ? number + ".5"
                                                           : "'" + keyword + "'";
-            read.push_back(keyword + "=  " + stored + (keywords == whole ? ".25 / x" : " / x"));
+            read.push_back(keyword);
+            read.back().append("=  ").append(stored).append(keywords == whole ? ".25 / x" : " / x");
             keyword.resize(8, ' ');
-            saved.push_back(Card(keyword + "= " + stored + " /"));
+            saved.push_back(Card(keyword.append("= ").append(stored).append(" /")));
         }
     }
     Reader reader;

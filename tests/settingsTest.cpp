@@ -50,10 +50,13 @@ std::vector<double> Numbers(const SolveParameters& p) {
 
 /// A program whose settings file is in a folder of its own.
 class Settings : public testing::Test {
- protected:
+ public:
     Settings() { setenv("VESTREL_SETTINGS", File.c_str(), 1); }
     ~Settings() override { unsetenv("VESTREL_SETTINGS"); }
+    Settings(const Settings&) = delete;
+    Settings& operator=(const Settings&) = delete;
 
+ protected:
     void Start(std::string_view bytes) {
         WriteFile(File, bytes);
         Restart();
