@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <map>
 #include <numbers>
 #include <ostream>
@@ -169,6 +169,63 @@ TEST_F(ClosedLoop, FramesWithoutASolutionGetNone) {
     EXPECT_EQ(Port.Statuses.back(), "Extracted 5 Stars");
 }
 
+TEST_F(ClosedLoop, NoNumberOfTheCallerOrTheSettingsIsTooStrange) {
+    FrameGeometry geometry = FrameAt(ordinary);
+    geometry.Width = 300;
+    geometry.Height = 240;
+    const auto stars = CatalogFrameStars(Catalog.Path, geometry, FaintestDrawn());
+    const auto bytes = FrameFileBytes(RenderFrame(geometry, ExposureFor(16), stars), 16, {});
+    WriteFile(Frames / "frame.fit", {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    const auto solve = [&](const std::string& numbers, const char* name = "frame.fit") {
+        SCOPED_TRACE(numbers);
+        const auto outcome =
+            RunUnattended(State, Port, numbers + ",2," + TextFromPath(Frames / name));
+        EXPECT_EQ(outcome.End, UnattendedEnd::Finished);
+        EXPECT_FALSE(outcome.Result.Message.empty());
+        const std::string result = ReadFile((Frames / name).replace_extension("kel"));
+        EXPECT_EQ(std::count(result.begin(), result.end(), '\n'), 3);
+        return outcome.Result.Code;
+    };
+    const std::vector<double> usual = {geometry.CentreRa, geometry.CentreDec,
+                                       300 * geometry.RadiansPerPixel,
+                                       240 * geometry.RadiansPerPixel};
+    const auto text = [](const std::vector<double>& numbers) {
+        std::string joined;
+        for (const double number : numbers)
+            joined += (joined.empty() ? "" : ",") + NumberText(number);
+        return joined;
+    };
+    EXPECT_EQ(solve(text(usual)), SolveCode::Solved);  // there is something to be strange about
+    for (const auto& [width, height] : {std::pair{0, 0}, {0, 3}, {3, 0}, {1, 1}, {2, 5}, {61, 1}}) {
+        WriteFile(Frames / "tiny.fit", FitsHeader(FitsCards(16, width, height)));
+        EXPECT_EQ(solve(text(usual), "tiny.fit"), SolveCode::TooFewStars)
+            << width << ", " << height;
+    }
+    for (const double value : {0.0, -0.0, -1.0, 1e-300, 1e300, -1e300, 3.1415926535, 1e-9, 32767.0,
+                               -32768.0, 1.7, -1e-7, 2e9, 1e17}) {
+        SCOPED_TRACE(value);
+        for (std::size_t place = 0; place < usual.size(); ++place) {
+            std::vector<double> numbers = usual;
+            numbers[place] = value;
+            solve(text(numbers));
+        }
+        using P = SolveParameters;
+        for (double P::*field :
+             {&P::MaxStarSize, &P::MatchTolerance, &P::MatchDivisor, &P::DetectionThreshold,
+              &P::EdgeExclusion, &P::MaxGeometricError, &P::MaxError}) {
+            State.Parameters.*field = value;
+            solve(text(usual));
+            State.Parameters = P();
+        }
+        for (std::int16_t P::*field : {&P::MinStarSize, &P::MaxStars}) {
+            State.Parameters.*field =
+                static_cast<std::int16_t>(std::clamp(value, -32768.0, 32767.0));
+            solve(text(usual));
+            State.Parameters = P();
+        }
+    }
+}
+
 // The oracle asks every star of the catalog where it falls.
 TEST_F(ClosedLoop, NoStarOfAFrameIsForgotten) {
     for (const SkyPlace place : {acrossZero, northPole, southPole, ordinary}) {
@@ -202,13 +259,14 @@ TEST(Renderer, LightAndNoiseFollowTheLawsOfACameraOnAnyNumberOfThreads) {
     const FramePoint place{350.3, 249.8};
     const std::vector<FrameStar> star{{{0, 0, 12.5}, place}};  // 100000 electrons
 
-    ASSERT_EQ(setenv("VESTREL_THREADS", "1", 1), 0);
-    const Frame frame = RenderFrame(geometry, exposure, star);
-    ASSERT_EQ(setenv("VESTREL_THREADS", "3", 1), 0);
-    EXPECT_EQ(RenderFrame(geometry, exposure, star).Pixels, frame.Pixels);
-    ASSERT_EQ(unsetenv("VESTREL_THREADS"), 0);
+    const auto render = [&](int threads) {
+        const ThreadsForNow now(threads);
+        return RenderFrame(geometry, exposure, star);
+    };
+    const Frame frame = render(1);
+    EXPECT_EQ(render(3).Pixels, frame.Pixels);
     exposure.Seed = 2;
-    EXPECT_NE(RenderFrame(geometry, exposure, star).Pixels, frame.Pixels);
+    EXPECT_NE(render(1).Pixels, frame.Pixels);
 
     double light = 0;
     double skySum = 0;

@@ -332,6 +332,30 @@ class Solutions(Solver):
             self.assertIn(b"cannot be written", run.stderr)
 
 
+class CatalogTool(Solver):
+    def test_an_interrupt_while_it_waits_for_input_leaves_the_old_catalog(self):
+        catalog = self.folder / "KEL"
+        catalog.mkdir()
+        cell = self.frame("KEL/N00R00", b"old")
+        process = subprocess.Popen([RENDERER, "build", "--csv", "-", "--catalog", catalog],
+                                   stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.DEVNULL)
+        self.addCleanup(process.stdin.close)
+        process.stdin.write(b"ra,dec,mag\n")
+        process.stdin.flush()
+        building = self.folder / f"KEL.building-{process.pid}"
+        for _ in range(500):
+            if building.exists():
+                break
+            time.sleep(0.01)
+        self.assertTrue(building.exists())
+        time.sleep(0.1)  # until it waits in the read
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(process.wait(timeout=60), 130)
+        self.assertEqual(cell.read_bytes(), b"old")
+        self.assertEqual(list(self.folder.iterdir()), [catalog])
+
+
 class RealPictures(Solver):
     """The sky as it was photographed, from hints up to a quarter of the field off."""
 

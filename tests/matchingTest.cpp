@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 #include <numbers>
+#include <tuple>
 
 #include "matching/libAlign.h"
 #include "tests/testSupport.h"
@@ -24,29 +25,17 @@ StarTriangleList PlainTriangles(const PlateStarList& list, int m) {
     for (int i = 1; i <= m; ++i) {
         for (int j = i + 1; j <= m; ++j) {
             for (int k = j + 1; k <= m; ++k) {
-                double a = Side(list, i, j);
-                double b = Side(list, i, k);
-                double c = Side(list, j, k);
-                int p = i;
-                int q = j;
-                int r = k;
-                const auto order = [](double& first, double& second, int& one, int& other) {
-                    if (first < second) {
-                        std::swap(first, second);
-                        std::swap(one, other);
-                    }
-                };
-                order(a, b, q, r);
-                order(b, c, p, q);
-                order(a, b, q, r);
-                if (!(a > 0)) continue;
-                const double mid = b / a;
-                const double small = c / a;
-                if (mid < 0.95 && small < 0.95 && mid + small > 1.3 &&
-                    std::abs(mid - small) > 0.05) {
-                    triangles.push_back({a, mid, small, static_cast<std::int16_t>(p),
-                                         static_cast<std::int16_t>(q),
-                                         static_cast<std::int16_t>(r)});
+                // Each side with the corner that it does not touch, the longest side first.
+                std::array<std::pair<double, int>, 3> sides = {
+                    {{Side(list, i, j), k}, {Side(list, i, k), j}, {Side(list, j, k), i}}};
+                std::sort(sides.rbegin(), sides.rend());
+                const double mid = sides[1].first / sides[0].first;
+                const double small = sides[2].first / sides[0].first;
+                if (mid < 0.95 && small < 0.95 && mid + small > 1.3 && mid - small > 0.05) {
+                    triangles.push_back({sides[0].first, mid, small,
+                                         static_cast<std::int16_t>(sides[2].second),
+                                         static_cast<std::int16_t>(sides[1].second),
+                                         static_cast<std::int16_t>(sides[0].second)});
                 }
             }
         }
@@ -55,22 +44,25 @@ StarTriangleList PlainTriangles(const PlateStarList& list, int m) {
     return triangles;
 }
 
-int PlainVotes(VoteTable& votes, const StarTriangleList& one, const StarTriangleList& two,
-               double tolerance) {
+void PlainVotes(VoteTable& votes, const StarTriangleList& one, const StarTriangleList& two,
+                double tolerance) {
     const bool swapped = two.size() < one.size();
     const StarTriangleList& outer = swapped ? two : one;
     const StarTriangleList& inner = swapped ? one : two;
-    const std::size_t last = inner.size() - 1;
-    std::size_t low = 1;
-    std::size_t high = 1;
-    int voted = 0;
+    const auto last = static_cast<std::ptrdiff_t>(inner.size()) - 1;
+    // The first triangle of at least this ratio, else the last one.
+    const auto reach = [&](double ratio) {
+        const auto found =
+            std::partition_point(inner.begin() + 1, inner.begin() + last,
+                                 [&](const StarTriangle& t) { return t.ShortRatio < ratio; });
+        return static_cast<std::size_t>(found - inner.begin());
+    };
     for (std::size_t o = 1; o < outer.size(); ++o) {
         const StarTriangle& triangle = outer[o];
-        while (low < last && inner[low].ShortRatio < triangle.ShortRatio - 0.01) ++low;
-        while (high < last && inner[high].ShortRatio < triangle.ShortRatio + 0.01) ++high;
         double least = 1e20;
         std::size_t best = 0;
-        for (std::size_t k = low; k <= high; ++k) {
+        const std::size_t high = reach(triangle.ShortRatio + 0.01);
+        for (std::size_t k = reach(triangle.ShortRatio - 0.01); k <= high; ++k) {
             const double ds = triangle.ShortRatio - inner[k].ShortRatio;
             const double dm = triangle.MidRatio - inner[k].MidRatio;
             const double distance = ds * ds + dm * dm;
@@ -80,14 +72,13 @@ int PlainVotes(VoteTable& votes, const StarTriangleList& one, const StarTriangle
             }
         }
         if (!(least < tolerance * tolerance)) continue;
-        ++voted;
-        const StarTriangle& t1 = swapped ? inner[best] : triangle;
-        const StarTriangle& t2 = swapped ? triangle : inner[best];
-        ++votes(t1.Corner1, t2.Corner1);
-        ++votes(t1.Corner2, t2.Corner2);
-        ++votes(t1.Corner3, t2.Corner3);
+        for (const auto corner :
+             {&StarTriangle::Corner1, &StarTriangle::Corner2, &StarTriangle::Corner3}) {
+            const int star1 = swapped ? inner[best].*corner : triangle.*corner;
+            const int star2 = swapped ? triangle.*corner : inner[best].*corner;
+            ++votes(star1, star2);
+        }
     }
-    return voted;
 }
 
 StarMatchList PlainMatches(VoteTable& votes, int m1, int m2, double divisor) {
@@ -128,135 +119,107 @@ struct Outcome {
 };
 
 // The whole alignment, step by step. The fit itself is the product's: it has its own judge.
-class PlainAlignment {
- public:
-    PlainAlignment(const PlateStarList& list1, int count1, const PlateStarList& list2, int count2,
-                   double maxError, const AlignSettings& settings)
-        : list1_(list1), list2_(list2), maxError_(maxError), settings_(settings) {
-        out.Count1 = count1;
-        out.Count2 = count2;
-        out.Matched = Run();
+struct PlainAlignment : Outcome {
+    PlainAlignment(const PlateStarList& list1, const PlateStarList& list2, double maxError,
+                   const AlignSettings& settings)
+        : List1(list1), List2(list2), MaxError(maxError), Settings(settings) {
+        Count1 = static_cast<std::int32_t>(list1.size()) - 1;
+        Count2 = static_cast<std::int32_t>(list2.size()) - 1;
+        Matched = Run();
     }
 
-    Outcome out;
+    const PlateStarList& List1;
+    const PlateStarList& List2;
+    double MaxError;
+    const AlignSettings& Settings;
+    std::vector<double> Residuals;
 
- private:
     void Fit() {
-        out.FitError =
-            FitPlate(list1_, list2_, out.Matches, out.MatchCount, out.Constants, residuals_);
-        out.Geometry = PlateGeometry(out.Constants);
+        FitError = FitPlate(List1, List2, Matches, MatchCount, Constants, Residuals);
+        Geometry = PlateGeometry(Constants);
     }
-    bool GeometryFails() const {
-        const double stretch = std::abs(std::abs(out.Geometry.Stretch) - 1);
-        const double skew = std::abs(out.Geometry.Skew);
-        return std::isnan(stretch) || std::isnan(skew) || stretch > settings_.MaxGeometricError ||
-               skew > settings_.MaxGeometricError;
+    bool GeometryPasses() const {
+        return std::abs(std::abs(Geometry.Stretch) - 1) <= Settings.MaxGeometricError &&
+               std::abs(Geometry.Skew) <= Settings.MaxGeometricError;
     }
-    // Whether the residuals are uneven; gives the worst pair.
-    bool Uneven(double sigmas, int& worst) const {
-        double n = 0;
+    /// Takes the worst pair out if the fit is bad, its residuals are uneven or, in the first
+    /// cleaning, the geometry is wrong; false if all is well.
+    bool Clean(double sigmas, bool first) {
+        Fit();
         double sum = 0;
         double squares = 0;
-        double largest = 0;
-        worst = 0;
-        for (int k = 1; k <= out.MatchCount; ++k) {
-            if (!out.Matches[k].InUse) continue;
-            n += 1;
-            sum += residuals_[k];
-            squares += residuals_[k] * residuals_[k];
-            if (worst == 0 || residuals_[k] > largest) {
-                largest = residuals_[k];
-                worst = k;
-            }
+        std::size_t worst = 0;
+        for (std::size_t k = 1; k < Matches.size(); ++k) {
+            if (!Matches[k].InUse) continue;
+            sum += Residuals[k];
+            squares += Residuals[k] * Residuals[k];
+            if (worst == 0 || Residuals[k] > Residuals[worst]) worst = k;
         }
-        const double mean = sum / n;
-        const double deviation = std::sqrt(std::max(squares / n - mean * mean, 0.0));
-        return mean + sigmas * deviation < largest;
+        const double mean = sum / UsedCount;
+        const double deviation = std::sqrt(std::max(squares / UsedCount - mean * mean, 0.0));
+        if ((!first || GeometryPasses()) && !(mean + sigmas * deviation < Residuals[worst]) &&
+            !(1 / Geometry.Scale * MaxError < FitError)) {
+            return false;
+        }
+        Matches[worst].InUse = false;
+        --UsedCount;
+        return true;
+    }
+    bool Predicted(int i, int j, double distance) const {
+        double x = 0;
+        double y = 0;
+        ApplyPlateFit(Constants, static_cast<double>(List1[i].X), static_cast<double>(List1[i].Y),
+                      x, y);
+        const double dx = static_cast<double>(List2[j].X) - x;
+        const double dy = static_cast<double>(List2[j].Y) - y;
+        return std::sqrt(dx * dx + dy * dy) < distance;
     }
 
     bool Run() {
-        int m1 = out.Count1;
-        int m2 = out.Count2;
-        if (out.Count2 + 15 < out.Count1) m1 = out.Count2 + 15;
-        if (out.Count1 + 15 < out.Count2) m2 = out.Count1 + 15;
-        m1 = std::min<int>(m1, settings_.MaxStars);
-        m2 = std::min<int>(m2, settings_.MaxStars);
-        if (!(m1 > 4 && m2 > 4)) return false;
+        const int m1 = std::min<int>({Count1, Count2 + 15, Settings.MaxStars});
+        const int m2 = std::min<int>({Count2, Count1 + 15, Settings.MaxStars});
+        if (m1 < 5 || m2 < 5) return false;
         VoteTable votes(m1, m2);
-        PlainVotes(votes, PlainTriangles(list1_, m1), PlainTriangles(list2_, m2),
-                   settings_.MatchTolerance);
-        out.Matches = PlainMatches(votes, m1, m2, settings_.MatchDivisor);
-        out.MatchCount = out.UsedCount = static_cast<std::int32_t>(out.Matches.size()) - 1;
-        if (out.UsedCount < 3) return false;
-
-        bool ok = false;
-        double invScale = 0;
-        int worst = 0;
-        while (out.UsedCount >= 3 && !ok) {
-            Fit();
-            invScale = 1 / out.Geometry.Scale;
-            ok = !GeometryFails();
-            if (Uneven(2.5, worst) || invScale * maxError_ < out.FitError) ok = false;
-            if (ok) continue;
-            --out.UsedCount;
-            out.Matches[worst].InUse = false;
+        PlainVotes(votes, PlainTriangles(List1, m1), PlainTriangles(List2, m2),
+                   Settings.MatchTolerance);
+        Matches = PlainMatches(votes, m1, m2, Settings.MatchDivisor);
+        MatchCount = UsedCount = static_cast<std::int32_t>(Matches.size()) - 1;
+        if (UsedCount < 3) return false;
+        while (Clean(2.5, true)) {
+            if (UsedCount < 3) return false;
         }
-        if (out.UsedCount < 3 || !ok) return false;
 
-        const int n1 = out.Count1 = std::min<int>(out.Count1, settings_.MaxStars);
-        const int n2 = out.Count2 = std::min<int>(out.Count2, settings_.MaxStars);
-        StarMatchList kept(1);
-        std::vector<bool> taken1(500);
-        std::vector<bool> taken2(500);
-        for (std::size_t k = 1; k < out.Matches.size(); ++k) {
-            if (!out.Matches[k].InUse) continue;
-            kept.push_back(out.Matches[k]);
-            taken1[out.Matches[k].Star1] = true;
-            taken2[out.Matches[k].Star2] = true;
-        }
-        out.Matches = kept;
-        out.MatchCount = static_cast<std::int32_t>(kept.size()) - 1;
-        const double savedError = out.FitError;
-        for (int i = 1; i <= n1; ++i) {
-            if (taken1[i]) continue;
-            for (int j = 1; j <= n2; ++j) {
-                if (taken2[j]) continue;
-                const auto x1 = static_cast<double>(list1_[i].X);
-                const auto y1 = static_cast<double>(list1_[i].Y);
-                const PlateConstants& t = out.Constants;
-                const double dx = static_cast<double>(list2_[j].X) - (t.a * x1 + t.b * y1 + t.c);
-                const double dy = static_cast<double>(list2_[j].Y) - (t.d * x1 + t.e * y1 + t.f);
-                if (!(std::sqrt(dx * dx + dy * dy) < invScale * maxError_)) continue;
-                out.Matches.push_back(
+        Count1 = std::min<int>(Count1, Settings.MaxStars);
+        Count2 = std::min<int>(Count2, Settings.MaxStars);
+        const auto unused = [](const StarMatch& match) { return !match.InUse; };
+        Matches.erase(std::remove_if(Matches.begin() + 1, Matches.end(), unused), Matches.end());
+        MatchCount = static_cast<std::int32_t>(Matches.size()) - 1;
+        const double savedError = FitError;
+        const double distance = 1 / Geometry.Scale * MaxError;
+        const auto taken = [&](std::int16_t StarMatch::*star, int number) {
+            return std::any_of(Matches.begin() + 1, Matches.end(),
+                               [&](const StarMatch& match) { return match.*star == number; });
+        };
+        for (int i = 1; i <= Count1; ++i) {
+            if (taken(&StarMatch::Star1, i)) continue;
+            for (int j = 1; j <= Count2; ++j) {
+                // A star of list 1 that had no pair may still get several.
+                if (taken(&StarMatch::Star2, j) || !Predicted(i, j, distance)) continue;
+                Matches.push_back(
                     {static_cast<std::int16_t>(i), static_cast<std::int16_t>(j), 0, true});
-                ++out.MatchCount;
+                ++MatchCount;
                 Fit();
-                if ((out.MatchCount > 4 && out.FitError > 2.5 * savedError) || GeometryFails()) {
-                    out.Matches.pop_back();
-                    --out.MatchCount;
-                } else {
-                    taken1[i] = taken2[j] = true;
-                }
+                if (!(MatchCount > 4 && FitError > 2.5 * savedError) && GeometryPasses()) continue;
+                Matches.pop_back();
+                --MatchCount;
             }
         }
-        if (out.MatchCount < 5) return false;
-        out.UsedCount = out.MatchCount;
-        for (bool removed = true; out.UsedCount > 5 && removed;) {
-            Fit();
-            invScale = 1 / out.Geometry.Scale;
-            removed = Uneven(2, worst) || invScale * maxError_ < out.FitError;
-            if (!removed) continue;
-            out.Matches[worst].InUse = false;
-            --out.UsedCount;
+        if (MatchCount < 5) return false;
+        UsedCount = MatchCount;
+        while (UsedCount > 5 && Clean(2, false)) {
         }
-        return out.UsedCount >= 5;
+        return true;
     }
-
-    const PlateStarList& list1_;
-    const PlateStarList& list2_;
-    double maxError_;
-    const AlignSettings& settings_;
-    std::vector<double> residuals_;
 };
 
 Outcome Align(const PlateStarList& list1, const PlateStarList& list2, double maxError = 2,
@@ -272,22 +235,23 @@ Outcome Align(const PlateStarList& list1, const PlateStarList& list2, double max
     return out;
 }
 
+PlateStar StarAt(double x, double y) {
+    return {static_cast<float>(x), static_cast<float>(y), 0, 0, 0};
+}
+
 PlateStarList RandomStars(Random& random, int n, double size) {
     PlateStarList list(1);
     for (int i = 0; i < n; ++i) {
-        list.push_back({static_cast<float>(random.Between(0, size)),
-                        static_cast<float>(random.Between(0, size)), 0, 0, 0});
+        const double x = random.Between(0, size);
+        list.push_back(StarAt(x, random.Between(0, size)));
     }
     return list;
 }
 
 // Whole numbers on a small square: many equal sides, equal ratios, stars in one place.
 PlateStarList StarsOnAGrid(Random& random, int n) {
-    PlateStarList list(1);
-    for (int i = 0; i < n; ++i) {
-        list.push_back({static_cast<float>(random.Whole(0, 12)),
-                        static_cast<float>(random.Whole(0, 12)), 0, 0, 0});
-    }
+    PlateStarList list = RandomStars(random, n, 12);
+    for (PlateStar& star : list) star = StarAt(std::round(star.X), std::round(star.Y));
     return list;
 }
 
@@ -308,14 +272,12 @@ PlateStarList Photograph(Random& random, const PlateStarList& list1, const Plate
         const auto y = static_cast<double>(list1[i].Y);
         const double cosine = plate.Scale * std::cos(plate.Turn);
         const double sine = plate.Scale * std::sin(plate.Turn);
-        list2.push_back({static_cast<float>(x * cosine - y * sine + random.Normal(plate.Noise)),
-                         static_cast<float>(x * sine + y * cosine + random.Normal(plate.Noise)), 0,
-                         0, 0});
+        list2.push_back(StarAt(x * cosine - y * sine + random.Normal(plate.Noise),
+                               x * sine + y * cosine + random.Normal(plate.Noise)));
     }
     for (int i = 0; i < plate.Outliers; ++i) {
-        list2[random.Whole(1, static_cast<int>(list1.size()) - 1)] = {
-            static_cast<float>(random.Between(-800, 800) * plate.Scale),
-            static_cast<float>(random.Between(-800, 800) * plate.Scale), 0, 0, 0};
+        list2[random.Whole(1, static_cast<int>(list1.size()) - 1)] = StarAt(
+            random.Between(-800, 800) * plate.Scale, random.Between(-800, 800) * plate.Scale);
     }
     for (int i = 0; i < plate.Astray; ++i) {
         list2[random.Whole(1, static_cast<int>(list1.size()) - 1)].X +=
@@ -325,54 +287,11 @@ PlateStarList Photograph(Random& random, const PlateStarList& list1, const Plate
     return list2;
 }
 
-bool SameTriangle(const StarTriangle& one, const StarTriangle& other) {
-    return one.LongSide == other.LongSide && one.MidRatio == other.MidRatio &&
-           one.ShortRatio == other.ShortRatio && one.Corner1 == other.Corner1 &&
-           one.Corner2 == other.Corner2 && one.Corner3 == other.Corner3;
-}
-
-bool SameMatch(const StarMatch& one, const StarMatch& other) {
-    return one.Star1 == other.Star1 && one.Star2 == other.Star2 && one.Votes == other.Votes &&
-           one.InUse == other.InUse;
-}
-
-TEST(Triangles, TrianglesVotesAndPairsAreThoseOfThePlainProcedures) {
-    Random random(31);
-    int pairs = 0;
-    for (int trial = 0; trial < 150; ++trial) {
-        const int m1 = random.Whole(0, trial % 10 == 0 ? 45 : 25);
-        const int m2 = random.Whole(0, 25);
-        const bool grid = trial % 3 == 0;
-        const PlateStarList list1 = grid ? StarsOnAGrid(random, m1) : RandomStars(random, m1, 500);
-        PlateStarList list2 = grid ? StarsOnAGrid(random, m2) : RandomStars(random, m2, 500);
-        if (trial % 3 == 1) list2 = Photograph(random, list1, {.Turn = 1, .Noise = 0.2});
-        const int n2 = static_cast<int>(list2.size()) - 1;
-
-        const StarTriangleList plain1 = PlainTriangles(list1, m1);
-        const StarTriangleList plain2 = PlainTriangles(list2, n2);
-        StarTriangleList triangles1;
-        StarTriangleList triangles2;
-        const std::int32_t count1 = BuildTriangles(list1, m1, triangles1);
-        const std::int32_t count2 = BuildTriangles(list2, n2, triangles2);
-        ASSERT_EQ(count1 + 1U, plain1.size());
-        ASSERT_EQ(count2 + 1U, plain2.size());
-        for (int k = 1; k <= count1; ++k) ASSERT_TRUE(SameTriangle(triangles1[k], plain1[k])) << k;
-
-        const double tolerance = trial % 4 == 0 ? 0.05 : trial % 4 == 1 ? 0.002 : 0.01;
-        VoteTable votes(m1, n2);
-        VoteTable plainVotes(m1, n2);
-        ASSERT_EQ(VoteTriangles(votes, triangles1, count1, triangles2, count2, tolerance),
-                  PlainVotes(plainVotes, plain1, plain2, tolerance));
-        ASSERT_EQ(votes.Votes, plainVotes.Votes);
-
-        StarMatchList matches;
-        const double divisor = trial % 5 == 0 ? 20 : 150;
-        const StarMatchList plain = PlainMatches(plainVotes, m1, n2, divisor);
-        ASSERT_EQ(SelectMatches(votes, m1, n2, divisor, matches) + 1U, plain.size());
-        ASSERT_TRUE(std::equal(plain.begin() + 1, plain.end(), matches.begin() + 1, SameMatch));
-        pairs += static_cast<int>(plain.size()) - 1;
-    }
-    EXPECT_GT(pairs, 500);
+/// The parts of all pairs, to be compared at once.
+auto PartsOf(const StarMatchList& list) {
+    std::vector<std::tuple<int, int, int, bool>> all;
+    for (const StarMatch& m : list) all.emplace_back(m.Star1, m.Star2, m.Votes, m.InUse);
+    return all;
 }
 
 TEST(FitPlate, ResidualsOfThePairsInUseAreOrthogonalToTheModel) {
@@ -384,71 +303,56 @@ TEST(FitPlate, ResidualsOfThePairsInUseAreOrthogonalToTheModel) {
         const PlateStarList list1 = RandomStars(random, n, size);
         const PlateStarList list2 = RandomStars(random, n, 4000);
         StarMatchList matches(1);
-        for (int i = 1; i <= n; ++i) {
-            const auto star = static_cast<std::int16_t>(i);
-            matches.push_back({star, star, 0, i <= 4 || random.Whole(0, 3) > 0});
+        for (std::int16_t i = 1; i <= n; ++i) {
+            matches.push_back({i, i, 0, i <= 4 || random.Whole(0, 3) > 0});
         }
         PlateConstants fit;
         std::vector<double> residuals;
         const double error = FitPlate(list1, list2, matches, n, fit, residuals);
-        long double products[6] = {};
-        long double squares = 0;
+        std::array<double, 6> products{};
+        double squares = 0;
         int used = 0;
         for (int i = 1; i <= n; ++i) {
-            const auto x1 = static_cast<long double>(list1[i].X);
-            const auto y1 = static_cast<long double>(list1[i].Y);
-            const auto dx = fit.a * x1 + fit.b * y1 + fit.c - static_cast<long double>(list2[i].X);
-            const auto dy = fit.d * x1 + fit.e * y1 + fit.f - static_cast<long double>(list2[i].Y);
-            ASSERT_NEAR(residuals[i], static_cast<double>(std::hypot(dx, dy)), 1e-9);
+            const auto x1 = static_cast<double>(list1[i].X);
+            const auto y1 = static_cast<double>(list1[i].Y);
+            const auto dx = fit.a * x1 + fit.b * y1 + fit.c - static_cast<double>(list2[i].X);
+            const auto dy = fit.d * x1 + fit.e * y1 + fit.f - static_cast<double>(list2[i].Y);
+            ASSERT_NEAR(residuals[i], std::hypot(dx, dy), 1e-9);
             if (!matches[i].InUse) continue;
             ++used;
             squares += dx * dx + dy * dy;
-            const long double model[3] = {x1 / size, y1 / size, 1};
-            for (int k = 0; k < 3; ++k) {
-                products[k] += model[k] * dx;
-                products[k + 3] += model[k] * dy;
-            }
+            const double terms[] = {x1 / size * dx, y1 / size * dx, dx,
+                                    x1 / size * dy, y1 / size * dy, dy};
+            for (std::size_t k = 0; k < 6; ++k) products[k] += terms[k];
         }
-        for (const long double product : products) {
-            ASSERT_NEAR(static_cast<double>(product), 0, 1e-7) << n;
-        }
-        ASSERT_NEAR(error, static_cast<double>(std::sqrt(squares / used)), 1e-9);
+        for (const double product : products) ASSERT_NEAR(product, 0, 1e-7) << n;
+        ASSERT_NEAR(error, std::sqrt(squares / used), 1e-9);
     }
 }
 
 TEST(FitPlate, SingularSetsNeverPassAndTheInverseUndoesTheModel) {
     Random random(33);
     const PlateStarList list2 = RandomStars(random, 8, 100);
-    for (int kind = 0; kind < 4; ++kind) {
+    for (const auto& [alongX, alongY] : {std::pair(0.F, 0.F), {0, 1}, {1, 0}, {1, 1}, {1, 2}}) {
         PlateStarList line(1);
         StarMatchList matches(1);
-        for (int i = 0; i < 8; ++i) {
-            const double place = kind == 0 ? 7 : random.Between(-900, 900);
-            line.push_back({static_cast<float>(kind == 1 ? 3.3 : place),
-                            static_cast<float>(kind == 3 ? 2 * place + 1 : place), 0, 0, 0});
-            const auto star = static_cast<std::int16_t>(i + 1);
-            matches.push_back({star, star, 9, true});
-        }
-        if (kind == 3) {
-            for (PlateStar& star : line) star.Y = 2 * star.X;
+        for (std::int16_t i = 1; i <= 8; ++i) {
+            const auto place = static_cast<float>(random.Between(-900, 900));
+            const auto along = [&](float times) { return times == 0 ? 3.3F : times * place; };
+            line.push_back({along(alongX), along(alongY), 0, 0, 0});
+            matches.push_back({i, i, 9, true});
         }
         PlateConstants fit;
         std::vector<double> residuals;
-        EXPECT_TRUE(std::isnan(FitPlate(line, list2, matches, 8, fit, residuals))) << kind;
-        const FitGeometry geometry = PlateGeometry(fit);
-        EXPECT_FALSE(std::abs(std::abs(geometry.Stretch) - 1) < 1e300);
+        EXPECT_TRUE(std::isnan(FitPlate(line, list2, matches, 8, fit, residuals)));
+        EXPECT_FALSE(std::abs(PlateGeometry(fit).Stretch) < 1e300);
         EXPECT_FALSE(Align(line, list2).Matched);
         EXPECT_FALSE(Align(line, line).Matched);
     }
     const PlateConstants model{1.5, -0.25, 10, 0.3, 2, -40};
-    double x2 = 0;
-    double y2 = 0;
-    ApplyPlateFit(model, 12, -7, x2, y2);
-    EXPECT_EQ(x2, 1.5 * 12 + 0.25 * 7 + 10);
-    EXPECT_EQ(y2, 0.3 * 12 - 2 * 7 - 40);
     double x1 = 1;
     double y1 = 1;
-    InvertPlateFit(model, x2, y2, x1, y1);
+    InvertPlateFit(model, 1.5 * 12 + 0.25 * 7 + 10, 0.3 * 12 - 2 * 7 - 40, x1, y1);
     EXPECT_NEAR(x1, 12, 1e-12);
     EXPECT_NEAR(y1, -7, 1e-12);
     InvertPlateFit({1, 2, 3, 2, 4, 6}, 1, 1, x1, y1);
@@ -478,39 +382,6 @@ TEST(PlateGeometry, RecoversScaleStretchSkewAndAngleInEveryQuadrant) {
     }
 }
 
-TEST(AlignImages, FindsTurnedScaledAndMirroredListsAmongStrangers) {
-    Random random(34);
-    int found = 0;
-    for (int trial = 0; trial < 200; ++trial) {
-        const PlateStarList list1 = RandomStars(random, random.Whole(20, 60), 800);
-        const Plate plate{.Turn = random.Between(-3.1, 3.1),
-                          .Scale = random.Between(0.5, 2),
-                          .Mirrored = trial % 2 == 0,
-                          .Noise = 0.2,
-                          .Outliers = trial % 8};
-        const PlateStarList list2 = Photograph(random, list1, plate);
-        const Outcome out = Align(list1, list2);
-        if (!out.Matched) continue;
-        ++found;
-        EXPECT_NEAR(out.Geometry.Scale, plate.Scale, 0.01);
-        EXPECT_NEAR(out.Geometry.Stretch, plate.Mirrored ? -1 : 1, 0.01);
-        EXPECT_NEAR(out.Geometry.Skew, 0, 0.01);
-        EXPECT_LE(out.Count1, 45);
-    }
-    EXPECT_GE(found, 196);
-    const PlateStarList list = RandomStars(random, 30, 500);
-    const Outcome same = Align(list, list);
-    ASSERT_TRUE(same.Matched);
-    EXPECT_EQ(same.UsedCount, 30);
-    EXPECT_NEAR(same.Geometry.Scale, 1, 1e-9);
-    EXPECT_NEAR(same.Geometry.Angle, 0, 1e-9);
-    const Outcome turned =
-        Align(list, Photograph(random, list, {.Turn = std::numbers::pi / 2, .Scale = 2}));
-    ASSERT_TRUE(turned.Matched);
-    EXPECT_NEAR(turned.Geometry.Angle, std::numbers::pi / 2, 1e-6);
-    EXPECT_NEAR(turned.Geometry.Skew, 0, 1e-6);
-}
-
 TEST(AlignImages, IsThePlainProcedureStepByStep) {
     Random random(35);
     int matched = 0;
@@ -537,14 +408,13 @@ TEST(AlignImages, IsThePlainProcedureStepByStep) {
             }
         }
         AlignSettings settings;
+        if (trial % 5 == 0) settings.MatchDivisor = 20;
         if (trial % 4 == 1) settings.MaxStars = static_cast<std::int16_t>(random.Whole(4, 20));
         if (trial % 4 == 2) settings.MaxGeometricError = random.Between(0.001, 0.05);
         if (loose) settings.MaxGeometricError = 0.6;
         if (trial % 4 == 3) settings.MatchTolerance = random.Between(0.001, 0.03);
         const double maxError = random.Between(0.2, 6) * (loose ? 30 : 1);
-        const Outcome plain = PlainAlignment(list1, static_cast<int>(list1.size()) - 1, list2,
-                                             static_cast<int>(list2.size()) - 1, maxError, settings)
-                                  .out;
+        const PlainAlignment plain(list1, list2, maxError, settings);
         const Outcome out = Align(list1, list2, maxError, settings);
         SCOPED_TRACE("trial " + std::to_string(trial));
         ASSERT_EQ(out.Matched, plain.Matched);
@@ -552,9 +422,7 @@ TEST(AlignImages, IsThePlainProcedureStepByStep) {
         ASSERT_EQ(out.Count2, plain.Count2);
         ASSERT_EQ(out.MatchCount, plain.MatchCount);
         ASSERT_EQ(out.UsedCount, plain.UsedCount);
-        for (int k = 1; k <= plain.MatchCount; ++k) {
-            ASSERT_TRUE(SameMatch(out.Matches[k], plain.Matches[k])) << k;
-        }
+        ASSERT_EQ(PartsOf(out.Matches), PartsOf(plain.Matches));
         matched += plain.Matched;
         differing += plain.Matched && plain.UsedCount < plain.MatchCount;
         if (std::isnan(plain.FitError)) continue;
@@ -565,40 +433,6 @@ TEST(AlignImages, IsThePlainProcedureStepByStep) {
     }
     EXPECT_GT(matched, 200);
     EXPECT_GT(differing, 30) << "the last cleaning was hardly at work";
-}
-
-TEST(AlignImages, FewAndEquilateralStarsLeaveTheOutputsUntouched) {
-    Random random(36);
-    const PlateStarList four = RandomStars(random, 4, 100);
-    const PlateStarList many = RandomStars(random, 40, 100);
-    for (const auto& [list1, list2] : {std::pair(four, many), std::pair(many, four)}) {
-        const Outcome out = Align(list1, list2);
-        EXPECT_FALSE(out.Matched);
-        EXPECT_EQ(out.MatchCount, -7);
-        EXPECT_EQ(out.FitError, -7);
-    }
-    PlateStarList square(1);
-    for (int i = 0; i < 9; ++i) {
-        square.push_back(
-            {static_cast<float>(i % 3), static_cast<float>(std::floor(i / 3.0)), 0, 0, 0});
-    }
-    const Outcome out = Align(square, square);
-    EXPECT_FALSE(out.Matched);
-    EXPECT_EQ(out.MatchCount, 0);
-}
-
-TEST(AlignImages, ChanceDoesNotMatch) {
-    Random random(37);
-    for (const int stars : {12, 20, 30, 45}) {
-        int matched = 0;
-        for (int trial = 0; trial < 500; ++trial) {
-            const PlateStarList list1 = RandomStars(random, stars + 10, 1200);
-            const PlateStarList list2 = RandomStars(random, stars, 1000);
-            matched += Align(list1, list2).Matched;
-        }
-        // None was seen in 10,000 of each: a single one in these 500 means that a limit is gone.
-        EXPECT_EQ(matched, 0) << stars << " stars";
-    }
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <bit>
 #include <clocale>
 #include <cmath>
@@ -22,22 +23,18 @@ namespace {
 const std::string outOfDate =
     "Vestrel: The parameter file Vestrel.ini is out of date.  This program is creating a new one.";
 
-/// Little-endian numbers by hand.
-template <typename Bits>
-std::string Little(Bits bits) {
-    std::string bytes;
-    for (std::size_t i = 0; i < sizeof bits; ++i) bytes += static_cast<char>(bits >> (8 * i) & 255);
-    return bytes;
-}
-std::string Little(double value) {
-    return Little(std::bit_cast<std::uint64_t>(value));
+/// A number's bytes, little-endian as this machine is.
+template <typename Number>
+std::string Little(Number number) {
+    const auto bytes = std::bit_cast<std::array<char, sizeof number>>(number);
+    return {bytes.begin(), bytes.end()};
 }
 
 /// A settings file whose fields hold 1.5, 2.5, ... in file order, 101 and −102 the 16-bit ones.
 std::string FileByHand(std::string openFolder, std::string saveFolder) {
-    std::string bytes = Little(std::uint32_t{113113});
+    std::string bytes = Little(113113);
     for (int i = 1; i <= 6; ++i) bytes += Little(i + 0.5);
-    bytes += Little(std::uint16_t{101}) + Little(static_cast<std::uint16_t>(-102));
+    bytes += Little(std::int16_t{101}) + Little(std::int16_t{-102});
     for (int i = 7; i <= 12; ++i) bytes += Little(i + 0.5);
     openFolder.resize(255, ' ');
     saveFolder.resize(255, ' ');
@@ -102,7 +99,7 @@ TEST_F(Settings, EveryByteOfTheFileHasItsPlace) {
 
 TEST_F(Settings, OnlyAWholeFileOfThisStampIsRead) {
     const std::string bytes = FileByHand("a", "b");
-    for (std::size_t length = 0; length <= 614; length += length < 8 || length > 600 ? 1 : 37) {
+    for (const std::size_t length : {0, 4, 5, 36, 613, 614}) {
         Start(bytes.substr(0, length));
         EXPECT_EQ(State.HaveConfig, length == 614) << length;
         EXPECT_EQ(Messages->Messages.size(), length >= 5 && length < 614 ? 1U : 0U) << length;
@@ -110,32 +107,17 @@ TEST_F(Settings, OnlyAWholeFileOfThisStampIsRead) {
     }
     Start(bytes + "longer");
     EXPECT_TRUE(State.HaveConfig);
-    Start("\xDA" + bytes.substr(1));
-    EXPECT_EQ(Messages->Messages, std::vector<std::string>{outOfDate});
-    EXPECT_TRUE(HasDefaults());
-    std::string notANumber = bytes;
-    notANumber.replace(12, 8, Little(std::numeric_limits<double>::quiet_NaN()));
-    Start(notANumber);
-    EXPECT_EQ(Messages->Messages, std::vector<std::string>{outOfDate});
+    const std::string notANumber =
+        bytes.substr(0, 12) + Little(std::numeric_limits<double>::quiet_NaN()) + bytes.substr(20);
+    for (const std::string& bad : {"\xDA" + bytes.substr(1), notANumber}) {
+        Start(bad);
+        EXPECT_EQ(Messages->Messages, std::vector<std::string>{outOfDate});
+        EXPECT_TRUE(HasDefaults());
+    }
     // The next save makes the file good again, and the message goes.
     ASSERT_TRUE(SaveSettings(State));
     Restart();
     EXPECT_TRUE(State.HaveConfig && Messages->Messages.empty() && HasDefaults());
-
-    for (std::uint32_t seed = 0; seed < 1500; ++seed) {
-        const std::string damaged = Damaged(bytes, seed, 110);
-        SolveParameters parameters;
-        parameters.LastOpenFolder = "before";
-        const SettingsRead result = DecodeSettings(
-            std::span(reinterpret_cast<const unsigned char*>(damaged.data()), damaged.size()),
-            parameters);
-        if (result != SettingsRead::Good) {
-            EXPECT_EQ(parameters.LastOpenFolder, "before") << seed;
-            continue;
-        }
-        for (const double number : Numbers(parameters)) EXPECT_TRUE(std::isfinite(number)) << seed;
-        EXPECT_LE(parameters.LastSaveFolder.size(), 255U) << seed;
-    }
 }
 
 TEST_F(Settings, LongFoldersAreCutBetweenCharacters) {
@@ -158,8 +140,11 @@ TEST_F(Settings, SizesGoThroughTheInputsInTwoDecimals) {
     EXPECT_TRUE(HasDefaults() && Messages->Messages.empty() && !State.HaveConfig);
     EXPECT_EQ(State.Inputs.SizeX + State.Inputs.Units, "20arcminutes");
     State.Inputs = {"12.3456", " 0.125 ", "degrees"};
+    // A decimal comma changes nothing, where such a locale is installed.
+    std::setlocale(LC_ALL, "de_DE.UTF-8");
     ASSERT_TRUE(SaveSettings(State));
     Restart();
+    std::setlocale(LC_ALL, "C");
     EXPECT_EQ(State.Parameters.FieldWidth, 12.35);
     EXPECT_EQ(State.Parameters.FieldHeight, 0.12);  // halves go to the even digit
     EXPECT_EQ(State.Parameters.SizeUnit, 1);
@@ -171,19 +156,6 @@ TEST_F(Settings, SizesGoThroughTheInputsInTwoDecimals) {
     Restart();
     EXPECT_TRUE(State.HaveConfig && Messages->Messages.empty());
     EXPECT_EQ(State.Parameters.FieldWidth, 12.35);
-}
-
-TEST_F(Settings, ADecimalCommaLocaleChangesNothing) {
-    if (std::setlocale(LC_ALL, "de_DE.UTF-8") == nullptr) {
-        GTEST_SKIP() << "no locale de_DE.UTF-8 here";
-    }
-    State.Inputs = {"12.34", "5,5", "arcminutes"};
-    ASSERT_TRUE(SaveSettings(State));
-    Restart();
-    std::setlocale(LC_ALL, "C");
-    EXPECT_EQ(State.Parameters.FieldWidth, 12.34);
-    EXPECT_EQ(State.Parameters.FieldHeight, 20);
-    EXPECT_EQ(State.Inputs.SizeX, "12.34");
 }
 
 TEST_F(Settings, SavingReplacesTheFileWholeOrNotAtAll) {

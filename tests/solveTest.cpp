@@ -55,10 +55,12 @@ class SmallSky {
             }
         }
         for (const auto& [name, bytes] : cells) WriteFile(Folder / name, bytes);
+        std::sort(Stars.begin(), Stars.end(),
+                  [](const CatalogStar& a, const CatalogStar& b) { return a.Mag < b.Mag; });
     }
 
     TemporaryFolder Folder;
-    std::vector<CatalogStar> Stars;
+    std::vector<CatalogStar> Stars;  ///< the brightest first
 };
 
 const SmallSky& Sky() {
@@ -82,43 +84,26 @@ struct Observation {
         plane.PlaneToSky(xi, eta, True.Ra, True.Dec);
         State.Catalog.Folder = Sky().Folder.Path;
         State.ImageLoaded = true;
-        PlateImage& image = State.Image;
-        image.Width = imageWidth;
-        image.Height = imageHeight;
-        image.DataOffset = 200;
-        image.Pixels = Grid<std::int32_t>(imageWidth, imageHeight);
-
+        State.Image = EmptyImage(imageWidth, imageHeight, 200);
+        Random random(42);
+        for (int x = 0; x < imageWidth; ++x) {
+            for (int y = 0; y < imageHeight; ++y) {
+                State.Image.Pixels(x, y) =
+                    static_cast<std::int32_t>(700 + 0.5 * x - 0.3 * y + random.Normal(2));
+            }
+        }
         plane.SetProjectionCentre(True.Ra, True.Dec, SolveArcsecondsPerRadian);
-        struct Spot {
-            double X;
-            double Y;
-            double Flux;
-        };
-        std::vector<Spot> spots;
         for (const CatalogStar& star : Sky().Stars) {
             double u = 0;
             double v = 0;
             plane.SkyToPlane(static_cast<double>(star.Ra), static_cast<double>(star.Dec), u, v);
             u /= pixelScale;
             v /= mirrored ? -pixelScale : pixelScale;
-            const Spot spot{(imageWidth - 1) / 2.0 + u * std::cos(0.6) - v * std::sin(0.6),
-                            (imageHeight - 1) / 2.0 + u * std::sin(0.6) + v * std::cos(0.6),
-                            std::pow(10, 0.4 * (24 - star.Mag / 100.0))};
-            if (std::abs(spot.X - 150) < 140 && std::abs(spot.Y - 120) < 110) spots.push_back(spot);
-        }
-        std::sort(spots.begin(), spots.end(),
-                  [](const Spot& one, const Spot& other) { return one.Flux > other.Flux; });
-        if (spots.size() > most) spots.resize(most);
-        Random random(42);
-        for (int x = 0; x < imageWidth; ++x) {
-            for (int y = 0; y < imageHeight; ++y) {
-                double value = 900 + 0.5 * x - 0.3 * y + random.Normal(2);
-                for (const Spot& spot : spots) {
-                    const double r2 = (x - spot.X) * (x - spot.X) + (y - spot.Y) * (y - spot.Y);
-                    if (r2 < 80) value += spot.Flux / (2 * Pi * 1.69) * std::exp(-r2 / 2 / 1.69);
-                }
-                image.Pixels(x, y) = static_cast<std::int32_t>(std::min(value, 65535.0)) - 200;
-            }
+            const double x = (imageWidth - 1) / 2.0 + u * std::cos(0.6) - v * std::sin(0.6);
+            const double y = (imageHeight - 1) / 2.0 + u * std::sin(0.6) + v * std::cos(0.6);
+            if (most == 0 || std::abs(x - 150) > 140 || std::abs(y - 120) > 110) continue;
+            AddStar(State.Image, x, y, std::pow(10, 0.4 * (24 - star.Mag / 100.0)), 1.3);
+            --most;
         }
     }
 
@@ -173,8 +158,7 @@ TEST(SolvePlate, StoresWhatItFoundAndShowsIt) {
         EXPECT_EQ(seen.Port.Statuses, Joined({background, attempt, {"Plate Match Found"}}));
         EXPECT_EQ(state.Display.Status.Colour, StatusColour::Green);
         EXPECT_EQ(state.Display.Status1.Text, "Searched 1 region");
-        EXPECT_TRUE(state.Display.Status1.Visible);
-        EXPECT_TRUE(state.Display.SyncEnabled);
+        EXPECT_TRUE(state.Display.Status1.Visible && state.Display.SyncEnabled);
         EXPECT_FALSE(state.Display.BusyIndicator);
 
         EXPECT_NEAR((seen.Ra - seen.True.Ra) * std::cos(seen.Dec), 0, 0.2 * arcsecond);
@@ -192,7 +176,6 @@ TEST(SolvePlate, StoresWhatItFoundAndShowsIt) {
         EXPECT_EQ(found.RegionsSearched, 1);
         EXPECT_NEAR(found.MagnitudeZeroPoint, -24, 0.3);
         EXPECT_TRUE(state.ZeroPointValid);
-        EXPECT_EQ(state.MagnitudeZeroPoint, found.MagnitudeZeroPoint);
         EXPECT_EQ(state.CatalogStarCount, found.CatalogCount);
 
         // The header's solution takes every matched star to the place where it was seen.
@@ -218,38 +201,32 @@ TEST(SolvePlate, StoresWhatItFoundAndShowsIt) {
         EXPECT_EQ(position, state.MatchedPositions.size());
         EXPECT_EQ(static_cast<int>(position), found.MatchedCount);
 
-        const SolveDisplay& display = state.Display;
-        EXPECT_EQ(display.Extracted, std::to_string(state.Extraction.StarsFound));
-        EXPECT_EQ(display.FoundInCatalog, std::to_string(found.CatalogCount));
-        EXPECT_EQ(display.Matched, std::to_string(found.MatchedCount));
-        EXPECT_EQ(display.RmsDifference, RoundedText(found.Rms / found.Scale, 3) + "\"");
-        EXPECT_EQ(display.CentreCaption, "J2000 Image Center");
-        EXPECT_EQ(display.CentreRA, FormatRA(seen.Ra, true, 2));
-        EXPECT_EQ(display.CentreDec, FormatDec(seen.Dec, true, 1));
+        EXPECT_EQ(state.Display.FoundInCatalog, std::to_string(found.CatalogCount));
+        EXPECT_EQ(state.Display.CentreCaption, "J2000 Image Center");
+        EXPECT_EQ(state.Display.CentreRA, FormatRA(seen.Ra, true, 2));
+        EXPECT_EQ(state.Display.CentreDec, FormatDec(seen.Dec, true, 1));
     }
 }
 
 TEST(SolvePlate, LimitCountsRegionsAndDiscardsTheMatchBeyondIt) {
     // The image lies so that the ninth region, cell (1, 1), is the first one near enough.
     const double place = 1.5 * spiralStep;
-    const auto solve = [&](Observation& seen, int limit) { return seen.Solve(limit); };
     Observation ninth(place, place);
-    ASSERT_EQ(solve(ninth, 9), SolveCode::Solved);
+    ASSERT_EQ(ninth.Solve(9), SolveCode::Solved);
     EXPECT_EQ(ninth.Port.Statuses,
               Joined({background, attempt, SpiralTexts(8), {"Plate Match Found"}}));
     EXPECT_EQ(ninth.State.Display.Status1.Text, "Searched 9 regions");
     EXPECT_NEAR(ninth.Dec, ninth.True.Dec, 0.5 * arcsecond);
     Projection plane;
     plane.SetProjectionCentre(skyCentre.Ra, skyCentre.Dec, SolveArcsecondsPerRadian);
-    double ra = 0;
-    double dec = 0;
-    plane.PlaneToSky(spiralStep, spiralStep, ra, dec);
-    EXPECT_NEAR(ninth.State.Solution.TangentRA, ra, 1e-12);
-    EXPECT_NEAR(ninth.State.Image.Header.DecRef, dec, 1e-12);
+    SkyPosition tangent;
+    plane.PlaneToSky(spiralStep, spiralStep, tangent.Ra, tangent.Dec);
+    EXPECT_NEAR(ninth.State.Solution.TangentRA, tangent.Ra, 1e-12);
+    EXPECT_NEAR(ninth.State.Image.Header.DecRef, tangent.Dec, 1e-12);
 
     Observation eighth(place, place);
     eighth.State.Image.Header.PlateMatched = true;
-    EXPECT_EQ(solve(eighth, 8), SolveCode::NoMatch);
+    EXPECT_EQ(eighth.Solve(8), SolveCode::NoMatch);
     EXPECT_EQ(eighth.Port.Statuses,
               Joined({background, attempt, SpiralTexts(8), {"No Match Found"}}));
     EXPECT_EQ(eighth.State.Report.RegionsTried, 9);
@@ -257,16 +234,12 @@ TEST(SolvePlate, LimitCountsRegionsAndDiscardsTheMatchBeyondIt) {
     EXPECT_EQ(eighth.Ra, skyCentre.Ra);
     EXPECT_EQ(eighth.State.CatalogStarCount, 0);
 
-    for (const int limit : {-5, 0, 1}) {
+    for (const int limit : {-5, 0, 1, 2}) {
         Observation beside(1.5 * spiralStep, 0);  // within reach of cell (1, 0) alone
-        EXPECT_EQ(solve(beside, limit), SolveCode::NoMatch);
+        EXPECT_EQ(beside.Solve(limit), limit == 2 ? SolveCode::Solved : SolveCode::NoMatch);
         EXPECT_EQ(beside.State.Report.RegionsTried, 2);
-        Observation there(0, 0);
-        EXPECT_EQ(solve(there, limit), SolveCode::Solved);
+        EXPECT_EQ(Observation(0, 0).Solve(limit), SolveCode::Solved);
     }
-    Observation beside(1.5 * spiralStep, 0);
-    EXPECT_EQ(solve(beside, 2), SolveCode::Solved);
-    EXPECT_EQ(beside.State.Display.Status1.Text, "Searched 2 regions");
 }
 
 TEST(SolvePlate, StopIsSeenBetweenRegionsOnly) {
@@ -303,33 +276,28 @@ TEST(SolvePlate, SmoothsOnceWhenStarsAreFewAndGivesUpBelowSix) {
 
     Observation eight(0, 0, 8);
     EXPECT_NE(eight.Solve(1), SolveCode::TooFewStars);
-    const Texts& texts = eight.Port.Statuses;
-    EXPECT_EQ(std::count(texts.begin(), texts.end(), "Gaussian Filter"), 1);
+    EXPECT_TRUE(eight.State.Report.Smoothed);
     EXPECT_EQ(eight.State.PlateStarCount, 8);
 }
 
 TEST(SolvePlate, SecondSolveTakesTheImageAsItIsAndThreadsChangeNothing) {
-    Observation first(20, 10);
-    {
-        const ThreadsForNow now(1);
-        ASSERT_EQ(first.Solve(1), SolveCode::Solved);
+    const auto numbers = [](const PlateSolution& s) {
+        return std::vector<double>{s.Transform.a, s.Transform.f, s.Rms, s.CentreRA,
+                                   s.MagnitudeZeroPoint};
+    };
+    std::vector<std::vector<double>> solutions;
+    for (const int threads : {1, 5}) {
+        const ThreadsForNow now(threads);
+        Observation seen(20, 10);
+        ASSERT_EQ(seen.Solve(1), SolveCode::Solved);
+        solutions.push_back(numbers(seen.State.Solution));
+        seen.Ra = skyCentre.Ra;
+        seen.Dec = skyCentre.Dec;
+        ASSERT_EQ(seen.Solve(1), SolveCode::Solved);
+        EXPECT_EQ(seen.Port.Statuses, Joined({attempt, {"Plate Match Found"}}));
+        EXPECT_EQ(numbers(seen.State.Solution), solutions[0]);
     }
-    const PlateSolution once = first.State.Solution;
-    first.Ra = skyCentre.Ra;
-    first.Dec = skyCentre.Dec;
-    ASSERT_EQ(first.Solve(1), SolveCode::Solved);
-    EXPECT_EQ(first.Port.Statuses, Joined({attempt, {"Plate Match Found"}}));
-
-    Observation other(20, 10);
-    const ThreadsForNow now(5);
-    ASSERT_EQ(other.Solve(1), SolveCode::Solved);
-    for (const PlateSolution& solution : {first.State.Solution, other.State.Solution}) {
-        EXPECT_EQ(solution.Transform.a, once.Transform.a);
-        EXPECT_EQ(solution.Transform.f, once.Transform.f);
-        EXPECT_EQ(solution.Rms, once.Rms);
-        EXPECT_EQ(solution.CentreRA, once.CentreRA);
-        EXPECT_EQ(solution.MagnitudeZeroPoint, once.MagnitudeZeroPoint);
-    }
+    EXPECT_EQ(solutions[1], solutions[0]);
 }
 
 TEST(PlateTexts, UnitsSignsAndRangesOfWhatIsShown) {
@@ -358,14 +326,11 @@ TEST(PlateTexts, UnitsSignsAndRangesOfWhatIsShown) {
         PlateStarList plate(1);
         state.Solution.Pairs.resize(1);
         const double turn = wanted.Degrees / 57.29577950560105;
-        for (const auto& [x, y] : {std::pair{-500.0, -400.0},
-                                   {600.0, -300.0},
-                                   {50.0, 700.0},
-                                   {-300.0, 200.0},
-                                   {400.0, 100.0}}) {
+        for (const auto& [x, y] :
+             {std::pair{-500, -400}, {600, -300}, {50, 700}, {-300, 200}, {400, 100}}) {
             const double c = std::cos(turn) * wanted.Scale;
             const double s = std::sin(turn) * wanted.Scale;
-            catalog.push_back({static_cast<float>(x), static_cast<float>(y), 10, x / 1000, 0.5});
+            catalog.push_back({static_cast<float>(x), static_cast<float>(y), 10, 0, 0.5});
             plate.push_back({static_cast<float>(c * x - s * y),
                              static_cast<float>(wanted.Parity * (s * x + c * y)), 1000, 0, 0});
             const auto star = static_cast<std::int16_t>(catalog.size() - 1);
@@ -380,9 +345,6 @@ TEST(PlateTexts, UnitsSignsAndRangesOfWhatIsShown) {
         EXPECT_EQ(state.Display.Skew, "0");
         EXPECT_EQ(state.Display.RmsDifference, "0\"");
         EXPECT_EQ(state.Display.Matched, "4");
-        EXPECT_EQ(state.MatchedPositions.size(), 4U);
-        EXPECT_NEAR(state.Geometry.ScaleArcseconds, 1 / wanted.Scale, 1e-5);
-        EXPECT_EQ(state.Image.Header.PlateTransform[1][2], state.Solution.Transform.f);
     }
 }
 

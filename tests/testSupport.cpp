@@ -95,6 +95,28 @@ ThreadsForNow::~ThreadsForNow() {
     SetThreads(before_.value_or(""));
 }
 
+PlateImage EmptyImage(int width, int height, int offset) {
+    PlateImage image;
+    image.Width = width;
+    image.Height = height;
+    image.DataOffset = offset;
+    image.Pixels = Grid<std::int32_t>(width, height);
+    return image;
+}
+
+void AddStar(PlateImage& image, double x, double y, double flux, double sigma) {
+    const int reach = static_cast<int>(6 * sigma) + 1;
+    const int x0 = static_cast<int>(x);
+    const int y0 = static_cast<int>(y);
+    for (int i = std::max(x0 - reach, 0); i <= std::min(x0 + reach, image.Width - 1); ++i) {
+        for (int j = std::max(y0 - reach, 0); j <= std::min(y0 + reach, image.Height - 1); ++j) {
+            const double r2 = (i - x) * (i - x) + (j - y) * (j - y);
+            image.Pixels(i, j) += static_cast<std::int32_t>(std::lround(
+                flux / (6.2831853 * sigma * sigma) * std::exp(-r2 / 2 / sigma / sigma)));
+        }
+    }
+}
+
 std::string Damaged(std::string bytes, std::uint32_t seed, std::size_t head) {
     // The engine's own numbers: those of the distributions differ between libraries.
     std::mt19937 random(seed);

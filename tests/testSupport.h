@@ -84,6 +84,13 @@ void PlainCombSort(std::vector<Record>& list, int n, KeyOf keyOf) {
         }
     }
 }
+
+/// An image of zeros.
+PlateImage EmptyImage(int width, int height, int offset);
+
+/// Adds a round star, in whole counts, where it falls into the image.
+void AddStar(PlateImage& image, double x, double y, double flux, double sigma);
+
 /// `bytes` with one to four seeded faults: changed, deleted, doubled, swapped or cut-off stretches.
 /// Half of them fall into the first `head` bytes. The same everywhere for the same seed.
 std::string Damaged(std::string bytes, std::uint32_t seed, std::size_t head = 512);
