@@ -23,18 +23,27 @@
 namespace vestrel {
 
 SolveWindow::SolveWindow(ProgramState& state)
-    : state_(state), port_(state, *this), imageWindow_(state), headerWindow_(state) {
+    : state_(state),
+      port_(state, *this),
+      imageWindow_(state, port_),
+      levelsWindow_(state),
+      headerWindow_(state) {
     setObjectName("fKELInfo");
     setWindowTitle(ProgramTitle);
     setAcceptDrops(true);
     BuildControls();
     BuildMenus();
-    port_.OnDisplayChanged = [this] { ShowState(); };
+    port_.OnDisplayChanged = [this] {
+        ShowState();
+        imageWindow_.ActivityChanged();
+    };
     port_.OnImageChanged = [this] {
         imageWindow_.ImageChanged();
+        levelsWindow_.ImageChanged();
         headerWindow_.ImageChanged();
     };
     port_.OnProgress = [this](int percent) { ShowProgressPercent(percent); };
+    ConnectWindows();
     countdown_.setInterval(1000);
     connect(&countdown_, &QTimer::timeout, this, [this] { Tick(); });
     openDropped_.setSingleShot(true);
@@ -74,6 +83,7 @@ void SolveWindow::closeEvent(QCloseEvent* event) {
         std::fputs("vestrel: the list of recent images cannot be written\n", stderr);
     }
     imageWindow_.close();
+    levelsWindow_.close();
     headerWindow_.close();
     helpWindow_.close();
     event->accept();
@@ -165,16 +175,15 @@ void SolveWindow::Stop() {
     if (CommandsFor(state_).Stop) StopSearch(state_);
 }
 
-void SolveWindow::ShowImage() {
-    imageWindow_.show();
-    imageWindow_.raise();
-    imageWindow_.activateWindow();
+void SolveWindow::ConnectWindows() {
+    imageWindow_.OnLevelsChosen = [this] { levelsWindow_.LevelsChanged(); };
+    levelsWindow_.OnLevelsChanged = [this] { imageWindow_.LevelsChanged(); };
 }
 
-void SolveWindow::ShowHeader() {
-    headerWindow_.show();
-    headerWindow_.raise();
-    headerWindow_.activateWindow();
+void SolveWindow::Bring(QWidget& window) {
+    window.show();
+    window.raise();
+    window.activateWindow();
 }
 
 void SolveWindow::EditParameters() {
@@ -185,9 +194,7 @@ void SolveWindow::EditParameters() {
 }
 
 void SolveWindow::ShowHelp() {
-    helpWindow_.show();
-    helpWindow_.raise();
-    helpWindow_.activateWindow();
+    Bring(helpWindow_);
 }
 
 void SolveWindow::ShowAbout() {

@@ -12,6 +12,7 @@
 #include "app/mGeneral.h"
 #include "settings/fHelp.h"
 #include "viewer/fFITSHeader.h"
+#include "viewer/fHistogram.h"
 #include "viewer/fImage.h"
 #include "viewer/libWindows.h"
 
@@ -87,8 +88,9 @@ class SolveWindow : public QMainWindow {
     void Run(const std::function<void()>& command);
     void Match();
     void Stop();
-    void ShowImage();
-    void ShowHeader();
+    void ConnectWindows();
+    /// Opens a window, or brings it to the front.
+    static void Bring(QWidget& window);
     void EditParameters();
     void ShowHelp();
     void ShowAbout();
@@ -123,6 +125,7 @@ class SolveWindow : public QMainWindow {
     QWidget* countdownRow_ = nullptr;
 
     ImageWindow imageWindow_;
+    LevelsWindow levelsWindow_;
     HeaderWindow headerWindow_;
     HelpWindow helpWindow_;
 };

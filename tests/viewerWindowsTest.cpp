@@ -1,0 +1,213 @@
+// The windows around the image, driven by mouse and keyboard on a platform without a screen.
+
+#include <QCheckBox>
+#include <QClipboard>
+#include <QComboBox>
+#include <QMainWindow>
+#include <QSlider>
+#include <QSpinBox>
+#include <QWheelEvent>
+#include <cmath>
+
+#include "astro/libConversions.h"
+#include "astro/libMath.h"
+#include "tests/windowSupport.h"
+#include "viewer/fPictureArea.h"
+#include "viewer/libPlot.h"
+#include "viewer/libSkyOverlay.h"
+
+namespace vestrel {
+namespace {
+
+class ViewerWindows : public Windows {
+ protected:
+    void OpenAll() {
+        Window->OpenFile(Frame);
+        Choose("Show Image");
+        Image = WindowNamed("fImage");
+        ASSERT_NE(Image, nullptr);
+        Area = dynamic_cast<PictureArea*>(Image->findChild<QWidget*>("picImage"));
+        ASSERT_NE(Area, nullptr);
+    }
+    void Solve() {
+        TypeSearch();
+        Press("cmdMatch");
+        ASSERT_EQ(Shown("lblStatus"), "Plate Match Found");
+    }
+    QAction* Action(const char* name) const { return Image->findChild<QAction*>(name); }
+    std::string Told(const char* name) const {
+        return Utf8(Image->findChild<QLabel*>(name)->text());
+    }
+    QPoint OnScreen(const PixelPoint& pixel) const {
+        const ScreenPoint point = Area->View.ScreenOf(pixel);
+        return {static_cast<int>(std::floor(point.X)), static_cast<int>(std::floor(point.Y))};
+    }
+    QRgb ColourAt(const PixelPoint& pixel) const {
+        return Area->grab().toImage().pixel(OnScreen(pixel));
+    }
+    /// Where a star of the frame was drawn.
+    static PixelPoint Drawn(const SkyPosition& star) {
+        Projection plane;
+        plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
+        double xi = 0;
+        double eta = 0;
+        plane.SkyToPlane(star.Ra, star.Dec, xi, eta);
+        return {(side - 1) / 2.0 + xi / scale, (side - 1) / 2.0 + eta / scale};
+    }
+
+    QWidget* Image = nullptr;
+    PictureArea* Area = nullptr;
+};
+
+}  // namespace
+
+TEST_F(ViewerWindows, TheReadoutSaysWhatTheFrameWasDrawnFrom) {
+    OpenAll();
+    QTest::mouseMove(Area, OnScreen({100, 200}));
+    EXPECT_EQ(Told("lblSky"), "");
+    EXPECT_EQ(Told("lblCount"),
+              std::to_string(State->Image.Pixels(100, 200) + State->Image.DataOffset));
+    Solve();
+    Projection plane;
+    plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
+    for (const PixelPoint& pixel : {PixelPoint{20, 30}, {250, 40}, {149, 151}, {60, 280}}) {
+        const QPoint at = OnScreen(pixel);
+        QTest::mouseMove(Area, at);
+        const PixelPoint under = Area->View.PixelAt({at.x() + 0.5, at.y() + 0.5});
+        SkyPosition truth;
+        plane.PlaneToSky((under.X - (side - 1) / 2.0) * scale, (under.Y - (side - 1) / 2.0) * scale,
+                         truth.Ra, truth.Dec);
+        const std::string sky = Told("lblSky");
+        const std::size_t gap = sky.find("  ");
+        ASSERT_NE(gap, std::string::npos) << sky;
+        // A tenth of a pixel.
+        EXPECT_NEAR(ParseRA(sky.substr(0, gap)), truth.Ra, 1e-6);
+        EXPECT_NEAR(ParseDec(sky.substr(gap + 2)), truth.Dec, 1e-6);
+        EXPECT_TRUE(Told("lblPixel").starts_with("x ")) << Told("lblPixel");
+    }
+    QTest::mouseMove(Area, {1, 1});  // beside the square image
+    EXPECT_EQ(Told("lblPixel") + Told("lblCount") + Told("lblSky"), "");
+}
+
+TEST_F(ViewerWindows, ASolveSwitchesItsOverlaysOnAndTheyLieOnTheStars) {
+    OpenAll();
+    const std::vector<const char*> three = {"mnuExtracted", "mnuCatalog", "mnuMatched"};
+    for (const char* name : three) EXPECT_FALSE(Action(name)->isChecked());
+    Solve();
+    for (const char* name : three) EXPECT_TRUE(Action(name)->isChecked());
+    const auto difference = [this](const QImage& before) {
+        const QImage after = Area->grab().toImage();
+        int changed = 0;
+        for (int y = 0; y < after.height(); ++y) {
+            for (int x = 0; x < after.width(); ++x) {
+                changed += after.pixel(x, y) != before.pixel(x, y) ? 1 : 0;
+            }
+        }
+        return changed;
+    };
+    for (const char* name :
+         {"mnuExtracted", "mnuCatalog", "mnuMatched", "mnuMagnitudes", "mnuCompass", "mnuGrid"}) {
+        const QImage before = Area->grab().toImage();
+        Action(name)->toggle();
+        EXPECT_GT(difference(before), 100) << name;
+        Action(name)->setChecked(false);
+    }
+    // Alone, a catalog star's cross is where the star was drawn.
+    Action("mnuCatalog")->setChecked(true);
+    const PlateStar& star = State->CatalogStars[1];
+    const QColor mark(ColourAt(Drawn({star.Ra, star.Dec})));
+    EXPECT_GT(mark.blue(), mark.red() + 60);
+
+    Action("mnuMatched")->setChecked(false);
+    Press("cmdMatch");
+    EXPECT_TRUE(Action("mnuMatched")->isChecked());
+    Window->OpenFile(Frame);  // of which nothing is known yet
+    Action("mnuCompass")->setChecked(false);
+    const QImage empty = Area->grab().toImage();
+    for (const char* name : three) Action(name)->setChecked(false);
+    EXPECT_EQ(difference(empty), 0);
+}
+
+TEST_F(ViewerWindows, TheWheelZoomsAboutThePointerAndDraggingMovesTheImage) {
+    OpenAll();
+    const QPoint at = OnScreen({80, 210});
+    const PixelPoint under = Area->View.PixelAt({at.x() + 0.5, at.y() + 0.5});
+    QWheelEvent wheel(at, Area->mapToGlobal(QPointF(at)), {}, {0, 240}, Qt::NoButton,
+                      Qt::NoModifier, Qt::NoScrollPhase, false);
+    const double before = Area->View.Scale();
+    QApplication::sendEvent(Area, &wheel);
+    EXPECT_NEAR(Area->View.Scale(), 2 * before, 1e-9);
+    EXPECT_EQ(OnScreen(under), at);
+    QTest::mousePress(Area, Qt::LeftButton, {}, at);
+    QTest::mouseMove(Area, at + QPoint(30, -20));
+    QTest::mouseRelease(Area, Qt::LeftButton, {}, at + QPoint(30, -20));
+    EXPECT_EQ(OnScreen(under), at + QPoint(30, -20));
+    Action("mnuOneToOne")->trigger();
+    EXPECT_EQ(Told("lblZoom"), "100.0%");
+    Action("mnuFit")->trigger();
+    EXPECT_NEAR(Area->View.Scale(), before, 1e-9);
+
+    // Of 16-bit FITS the last row is on top.
+    EXPECT_LT(OnScreen({0, 299}).y(), OnScreen({0, 0}).y());
+    Action("mnuFlipUpDown")->toggle();
+    EXPECT_GT(OnScreen({0, 299}).y(), OnScreen({0, 0}).y());
+    const QRgb sky = ColourAt({2, 2});
+    Action("mnuInvert")->toggle();
+    EXPECT_EQ(qRed(ColourAt({2, 2})), 255 - qRed(sky));
+
+    Action("mnuCopyView")->trigger();
+    const QImage shown = Area->grab().toImage().convertToFormat(QImage::Format_RGB32);
+    EXPECT_EQ(QApplication::clipboard()->image().convertToFormat(QImage::Format_RGB32), shown);
+    Dialogs.FileToChoose = QtText((Folder / "view").string());
+    Action("mnuExportView")->trigger();
+    EXPECT_EQ(QImage(QtText((Folder / "view.png").string())).convertToFormat(QImage::Format_RGB32),
+              shown);
+}
+
+TEST_F(ViewerWindows, LevelsAreCountsAndChangeWhatIsShown) {
+    OpenAll();
+    Choose("Levels");
+    QWidget* levels = WindowNamed("fHistogram");
+    ASSERT_NE(levels, nullptr);
+    PlateImage& image = State->Image;
+    // The sky is 300 ± 2 counts, and stars reach 3000 and more.
+    EXPECT_NEAR(image.DisplayBlack, 296, 2);
+    EXPECT_GT(image.DisplayWhite, 320);
+    auto* black = levels->findChild<QSpinBox*>("numBlack");
+    auto* white = levels->findChild<QSpinBox*>("numWhite");
+    EXPECT_EQ(black->value(), image.DisplayBlack);
+    EXPECT_EQ(white->value(), image.DisplayWhite);
+    black->setValue(200);
+    white->setValue(400);
+    EXPECT_EQ(image.DisplayBlack, 200);
+    EXPECT_EQ(image.DisplayWhite, 400);
+    Area->ZoomTo(8);
+    const auto grey = [&](Transfer transfer) {
+        const double place = (image.Pixels(150, 150) + image.DataOffset - image.DisplayBlack) /
+                             double(image.DisplayWhite - image.DisplayBlack);
+        return std::lround(255 * Transferred(transfer, place));
+    };
+    EXPECT_EQ(qRed(ColourAt({150, 150})), grey(Transfer::Linear));
+    auto* transfer = levels->findChild<QComboBox*>("cboTransfer");
+    for (const auto& [text, kind] : {std::pair{"Square root", Transfer::SquareRoot},
+                                     {"Asinh", Transfer::Asinh},
+                                     {"Logarithmic", Transfer::Logarithmic}}) {
+        QTest::keyClick(transfer, Qt::Key_Down);
+        EXPECT_EQ(transfer->currentText(), text);
+        EXPECT_EQ(qRed(ColourAt({150, 150})), grey(kind)) << text;
+    }
+    auto* slider = levels->findChild<QSlider*>("sldWhite");
+    slider->setValue(SliderSteps);
+    EXPECT_GT(image.DisplayWhite, 400);
+    EXPECT_EQ(white->value(), image.DisplayWhite);
+    levels->findChild<QSlider*>("sldBlack")->setValue(SliderSteps);
+    EXPECT_GT(image.DisplayWhite, image.DisplayBlack);
+    QTest::mouseClick(levels->findChild<QPushButton*>("cmdAutomatic"), Qt::LeftButton);
+    EXPECT_NEAR(image.DisplayBlack, 296, 2);
+    white->setValue(5000);
+    Solve();  // which takes the sky away
+    EXPECT_LT(image.DisplayBlack, 100);
+    EXPECT_EQ(black->value(), image.DisplayBlack);
+}
+
+}  // namespace vestrel
