@@ -27,6 +27,8 @@ SolveWindow::SolveWindow(ProgramState& state)
       port_(state, *this),
       imageWindow_(state, port_),
       levelsWindow_(state),
+      statsWindow_(state),
+      photometryWindow_(state, port_),
       headerWindow_(state) {
     setObjectName("fKELInfo");
     setWindowTitle(ProgramTitle);
@@ -40,6 +42,8 @@ SolveWindow::SolveWindow(ProgramState& state)
     port_.OnImageChanged = [this] {
         imageWindow_.ImageChanged();
         levelsWindow_.ImageChanged();
+        statsWindow_.ImageChanged();
+        photometryWindow_.ImageChanged();
         headerWindow_.ImageChanged();
     };
     port_.OnProgress = [this](int percent) { ShowProgressPercent(percent); };
@@ -84,6 +88,8 @@ void SolveWindow::closeEvent(QCloseEvent* event) {
     }
     imageWindow_.close();
     levelsWindow_.close();
+    statsWindow_.close();
+    photometryWindow_.close();
     headerWindow_.close();
     helpWindow_.close();
     event->accept();
@@ -178,6 +184,33 @@ void SolveWindow::Stop() {
 void SolveWindow::ConnectWindows() {
     imageWindow_.OnLevelsChosen = [this] { levelsWindow_.LevelsChanged(); };
     levelsWindow_.OnLevelsChanged = [this] { imageWindow_.LevelsChanged(); };
+    // A click is for the windows that are open; a double click opens the statistics.
+    imageWindow_.OnStarClicked = [this](PixelPoint pixel) {
+        if (statsWindow_.isVisible()) statsWindow_.Measure(pixel);
+        if (photometryWindow_.isVisible()) photometryWindow_.Take(pixel);
+    };
+    imageWindow_.OnStarDoubleClicked = [this](PixelPoint pixel) {
+        if (statsWindow_.isVisible()) return;
+        statsWindow_.show();
+        statsWindow_.Measure(pixel);
+    };
+    statsWindow_.OnMeasured = [this](const std::optional<StarMeasurement>& star) {
+        statsMarks_ = star ? std::vector{MarkOf(*star, {})} : std::vector<MeasuredMark>();
+        MarkStars();
+    };
+    photometryWindow_.OnTaken = [this](const std::vector<StarMeasurement>& stars) {
+        photometryMarks_.clear();
+        for (const StarMeasurement& star : stars) {
+            photometryMarks_.push_back(MarkOf(star, photometryMarks_.empty() ? "1" : "2"));
+        }
+        MarkStars();
+    };
+}
+
+void SolveWindow::MarkStars() {
+    std::vector<MeasuredMark> marks = statsMarks_;
+    marks.insert(marks.end(), photometryMarks_.begin(), photometryMarks_.end());
+    imageWindow_.SetMarks(std::move(marks));
 }
 
 void SolveWindow::Bring(QWidget& window) {

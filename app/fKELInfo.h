@@ -14,6 +14,8 @@
 #include "viewer/fFITSHeader.h"
 #include "viewer/fHistogram.h"
 #include "viewer/fImage.h"
+#include "viewer/fRelPhot.h"
+#include "viewer/fStats.h"
 #include "viewer/libWindows.h"
 
 class QAction;
@@ -89,6 +91,7 @@ class SolveWindow : public QMainWindow {
     void Match();
     void Stop();
     void ConnectWindows();
+    void MarkStars();
     /// Opens a window, or brings it to the front.
     static void Bring(QWidget& window);
     void EditParameters();
@@ -123,9 +126,13 @@ class SolveWindow : public QMainWindow {
     QProgressBar* busyBar_ = nullptr;
     QPlainTextEdit* details_ = nullptr;
     QWidget* countdownRow_ = nullptr;
+    std::vector<MeasuredMark> statsMarks_;
+    std::vector<MeasuredMark> photometryMarks_;
 
     ImageWindow imageWindow_;
     LevelsWindow levelsWindow_;
+    StatsWindow statsWindow_;
+    RelativePhotometryWindow photometryWindow_;
     HeaderWindow headerWindow_;
     HelpWindow helpWindow_;
 };

@@ -291,6 +291,12 @@ void SolveWindow::BuildMenus() {
     AddAction(view, "&Levels", QKeySequence("Ctrl+L"), [this] {
         Bring(levelsWindow_);
     })->setObjectName("mnuLevels");
+    AddAction(view, "&Star Statistics", QKeySequence("Ctrl+T"), [this] {
+        Bring(statsWindow_);
+    })->setObjectName("mnuStats");
+    AddAction(view, "&Relative Photometry", QKeySequence("Ctrl+R"), [this] {
+        Bring(photometryWindow_);
+    })->setObjectName("mnuRelPhot");
     AddAction(view, "Show &Header", QKeySequence("Ctrl+H"), [this] {
         Bring(headerWindow_);
     })->setObjectName("mnuHeader");

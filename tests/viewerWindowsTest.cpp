@@ -3,9 +3,12 @@
 #include <QCheckBox>
 #include <QClipboard>
 #include <QComboBox>
+#include <QDoubleSpinBox>
 #include <QMainWindow>
+#include <QPlainTextEdit>
 #include <QSlider>
 #include <QSpinBox>
+#include <QTableWidget>
 #include <QWheelEvent>
 #include <cmath>
 
@@ -208,6 +211,108 @@ TEST_F(ViewerWindows, LevelsAreCountsAndChangeWhatIsShown) {
     Solve();  // which takes the sky away
     EXPECT_LT(image.DisplayBlack, 100);
     EXPECT_EQ(black->value(), image.DisplayBlack);
+}
+
+TEST_F(ViewerWindows, AClickMeasuresTheStarThatWasDrawnThere) {
+    OpenAll();
+    Solve();
+    Choose("Star Statistics");
+    QWidget* stats = WindowNamed("fStats");
+    ASSERT_NE(stats, nullptr);
+    const auto text = [&] {
+        return Utf8(stats->findChild<QPlainTextEdit*>("txtStatistics")->toPlainText());
+    };
+    const auto figure = [&](const char* caption) {
+        const std::string all = text();
+        const std::size_t line = all.find(caption);
+        if (line == std::string::npos) throw std::runtime_error(std::string("no ") + caption);
+        return std::stod(all.substr(line + std::string(caption).size()));
+    };
+    // Of the pairs the loneliest: its light is its own.
+    PlateStar star;
+    double loneliest = 0;
+    for (std::int32_t i = 1; i <= State->CatalogStarCount; ++i) {
+        const PlateStar& one = State->CatalogStars[i];
+        const PixelPoint place = Drawn({one.Ra, one.Dec});
+        double nearest = std::min({place.X, place.Y, side - 1 - place.X, side - 1 - place.Y});
+        for (std::int32_t j = 1; j <= State->CatalogStarCount; ++j) {
+            const PixelPoint other = Drawn({State->CatalogStars[j].Ra, State->CatalogStars[j].Dec});
+            const double distance = std::hypot(place.X - other.X, place.Y - other.Y);
+            if (j != i) nearest = std::min(nearest, distance);
+        }
+        if (nearest > loneliest && one.Flux < 14) star = one;
+        if (nearest > loneliest && one.Flux < 14) loneliest = nearest;
+    }
+    ASSERT_GT(loneliest, 15);
+    const PixelPoint drawn = Drawn({star.Ra, star.Dec});
+    QTest::mouseClick(Area, Qt::LeftButton, {}, OnScreen(drawn));
+    EXPECT_NEAR(figure("Centroid x"), drawn.X, 0.02);
+    EXPECT_NEAR(figure("Centroid y"), drawn.Y, 0.02);
+    // A Gaussian of variance 1.5, cut where it has ended.
+    const double flux = std::pow(10, 0.4 * (21.5 - star.Flux)) * 3 * 3.14159265;
+    EXPECT_NEAR(figure("Flux") / flux, 1, 0.02);
+    EXPECT_NEAR(figure("FWHM of Gaussian fit"), 2.3548 * std::sqrt(1.5), 0.1);
+    EXPECT_NEAR(figure("\nMagnitude"), star.Flux, 0.05);
+    EXPECT_NEAR(figure("  magnitude"), star.Flux, 0.006);
+    EXPECT_LT(figure("  distance"), 0.1);
+    QTest::mouseClick(stats->findChild<QPushButton*>("cmdCopy"), Qt::LeftButton);
+    EXPECT_EQ(Utf8(QApplication::clipboard()->text()), text());
+
+    stats->findChild<QDoubleSpinBox*>("numAperture")->setValue(7);
+    stats->findChild<QDoubleSpinBox*>("numBackground")->setValue(15);
+    EXPECT_EQ(figure("Aperture radius"), 7);
+    EXPECT_EQ(figure("Background ring"), 15);
+    EXPECT_NEAR(figure("\nMagnitude"), star.Flux, 0.05);
+    QTest::mouseClick(Area, Qt::LeftButton, {}, {1, 1});  // beside the image: not a click on it
+    EXPECT_EQ(figure("Aperture radius"), 7);
+    Window->OpenFile(Frame);
+    EXPECT_EQ(text(), "");
+    Window->close();
+    Open();
+    EXPECT_EQ(State->Parameters.ApertureRadius, 7);
+    EXPECT_EQ(State->Parameters.BackgroundRadius, 15);
+}
+
+TEST_F(ViewerWindows, TwoClicksMakeARowAndTheTableIsWritten) {
+    OpenAll();
+    Solve();
+    State->Parameters.ApertureRadius = 5;
+    State->Parameters.BackgroundRadius = 9;
+    Choose("Relative Photometry");
+    QWidget* window = WindowNamed("fRelPhot");
+    ASSERT_NE(window, nullptr);
+    const auto* rows = window->findChild<QTableWidget*>("tblPhotometry");
+    std::vector<PlateStar> stars;
+    for (const StarMatch& pair : State->Solution.Pairs) {
+        if (pair.InUse) stars.push_back(State->CatalogStars[pair.Star1]);
+    }
+    ASSERT_GE(stars.size(), 4u);
+    const auto click = [&](const PlateStar& star) {
+        QTest::mouseClick(Area, Qt::LeftButton, {}, OnScreen(Drawn({star.Ra, star.Dec})));
+    };
+    click(stars[0]);
+    EXPECT_EQ(rows->rowCount(), 0);
+    click(stars[1]);
+    ASSERT_EQ(rows->rowCount(), 1);
+    EXPECT_NEAR(rows->item(0, 3)->text().split(' ')[0].toDouble(), stars[1].Flux - stars[0].Flux,
+                0.05);
+    EXPECT_NEAR(rows->item(0, 4)->text().toDouble(), stars[1].Flux, 0.05);
+    EXPECT_TRUE(rows->item(0, 5)->text().contains("gain is unknown"));
+    window->findChild<QCheckBox*>("chkKeepFirst")->setChecked(true);
+    for (int i : {2, 0, 3}) click(stars[i]);
+    ASSERT_EQ(rows->rowCount(), 3);
+    EXPECT_EQ(rows->item(1, 1)->text(), rows->item(2, 1)->text());
+
+    Dialogs.FileToChoose = QtText((Folder / "table").string());
+    QTest::mouseClick(window->findChild<QPushButton*>("cmdExport"), Qt::LeftButton);
+    const std::string csv = ReadFile(Folder / "table.csv");
+    EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 4);
+    EXPECT_NE(csv.find("\nframe.fit,"), std::string::npos);
+    Window->OpenFile(Frame);
+    click(stars[0]);  // of a pair that the old image's star is not in
+    EXPECT_EQ(rows->rowCount(), 3);
+    QTest::mouseClick(window->findChild<QPushButton*>("cmdClear"), Qt::LeftButton);
+    EXPECT_EQ(rows->rowCount(), 0);
 }
 
 }  // namespace vestrel

@@ -30,6 +30,10 @@ constexpr double markRadius = 9;
 
 }  // namespace
 
+MeasuredMark MarkOf(const StarMeasurement& star, const QString& name) {
+    return {{star.X, star.Y}, star.Radii.Aperture, star.Radii.Inner, star.Radii.Outer, name};
+}
+
 ImageWindow::ImageWindow(ProgramState& state, Port& port)
     : state_(state), port_(port), area_(new PictureArea) {
     setObjectName("fImage");
@@ -157,7 +161,6 @@ void ImageWindow::ImageChanged() {
                area_->Picture.Levels().front().Height != image.Height) {
         area_->View.SetImage(image.Width, image.Height, FirstRowAtTop(image));
         shownFile_ = image.FileName;
-        marks_.clear();
     }
     if (state_.ImageLoaded && !HasLevels(image)) {
         ChooseFirstLevels(state_);

@@ -7,6 +7,7 @@
 
 #include "app/mGeneral.h"
 #include "viewer/fPictureArea.h"
+#include "viewer/libStarStatistics.h"
 #include "viewer/mImageView.h"
 
 class QAction;
@@ -26,6 +27,8 @@ struct MeasuredMark {
     double Outer = 0;
     QString Name;
 };
+
+MeasuredMark MarkOf(const StarMeasurement& star, const QString& name);
 
 class ImageWindow : public QMainWindow {
  public:

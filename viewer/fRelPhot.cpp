@@ -71,20 +71,26 @@ RelativePhotometryWindow::RelativePhotometryWindow(ProgramState& state, Port& po
 void RelativePhotometryWindow::Take(const PixelPoint& pixel) {
     // While something runs, threads may be at work on the pixels.
     if (state_.Running != Activity::None) return;
+    const std::size_t rowsBefore = table_.Rows.size();
     outcome_->setText(QtText(TakePhotometryStar(state_, table_, pixel)));
     ShowTable();
-    if (OnTaken) OnTaken(table_);
+    if (!OnTaken) return;
+    if (table_.Rows.size() > rowsBefore) {
+        OnTaken({table_.Rows.back().First, table_.Rows.back().Second});
+    } else if (table_.First) {
+        OnTaken({table_.First->Star});
+    }
 }
 
 void RelativePhotometryWindow::GiveFirstUp() {
     table_.First.reset();
     ShowTable();
-    if (OnTaken) OnTaken(table_);
+    if (OnTaken) OnTaken({});
 }
 
 void RelativePhotometryWindow::ImageChanged() {
     // A difference is good within one image only.
-    if (table_.First) GiveFirstUp();
+    GiveFirstUp();
 }
 
 void RelativePhotometryWindow::ShowTable() {

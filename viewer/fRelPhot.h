@@ -3,7 +3,7 @@
 
 #include <QDialog>
 #include <functional>
-#include <string>
+#include <vector>
 
 #include "app/mGeneral.h"
 #include "viewer/mRelativePhotometry.h"
@@ -24,8 +24,8 @@ class RelativePhotometryWindow : public QDialog {
     /// The image has changed, and nothing is at work on it.
     void ImageChanged();
 
-    /// A star was taken, or the pair was given up.
-    std::function<void(const PhotometryTable&)> OnTaken;
+    /// The stars to be marked on the image: the first and, when a row was made, the second.
+    std::function<void(const std::vector<StarMeasurement>&)> OnTaken;
 
  private:
     void ShowTable();

@@ -107,7 +107,7 @@ void StatsWindow::Show(const StarReport& report) {
     profile_->Star = measured ? std::optional(report.Star) : std::nullopt;
     profile_->update();
     copy_->setEnabled(measured);
-    if (OnMeasured) OnMeasured(report);
+    if (OnMeasured) OnMeasured(profile_->Star);
 }
 
 void StatsWindow::Clear() {
@@ -118,6 +118,7 @@ void StatsWindow::Clear() {
     profile_->Star.reset();
     profile_->update();
     copy_->setEnabled(false);
+    if (OnMeasured) OnMeasured(std::nullopt);
 }
 
 void StatsWindow::ImageChanged() {

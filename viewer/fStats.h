@@ -27,7 +27,7 @@ class StatsWindow : public QDialog {
     void ImageChanged();
 
     /// Another star was measured, or none.
-    std::function<void(const StarReport&)> OnMeasured;
+    std::function<void(const std::optional<StarMeasurement>&)> OnMeasured;
 
  protected:
     void showEvent(QShowEvent* event) override;
