@@ -214,7 +214,7 @@ void ImageWindow::PaintOverlays(QPainter& painter) {
         over.Aperture(mark.Place, mark.Aperture, MeasuredColour, false);
         if (mark.Inner > 0) over.Aperture(mark.Place, mark.Inner, MeasuredColour, true);
         if (mark.Outer > 0) over.Aperture(mark.Place, mark.Outer, MeasuredColour, true);
-        over.Label(mark.Place, mark.Aperture * area_->View.Scale(), mark.Name, MeasuredColour);
+        over.LowerLabel(mark.Place, mark.Aperture * area_->View.Scale(), mark.Name, MeasuredColour);
     }
     if (compass_->isChecked() && overlays_.Map) over.CompassAndScale(*overlays_.Map);
 }

@@ -36,7 +36,8 @@ RelativePhotometryWindow::RelativePhotometryWindow(ProgramState& state, Port& po
     rows_->setEditTriggers(QTableWidget::NoEditTriggers);
     rows_->setSelectionBehavior(QTableWidget::SelectRows);
     rows_->setWordWrap(false);
-    rows_->horizontalHeader()->setStretchLastSection(true);
+    rows_->horizontalHeader()->setSectionResizeMode(QHeaderView::ResizeToContents);
+    rows_->horizontalHeader()->setSectionResizeMode(rows_->columnCount() - 1, QHeaderView::Stretch);
     rows_->verticalHeader()->setDefaultSectionSize(fontMetrics().height() + 8);
     keep_->setObjectName("chkKeepFirst");
     keep_->setToolTip("Compare all following stars with the same one");
@@ -104,8 +105,6 @@ void RelativePhotometryWindow::ShowTable() {
             rows_->setItem(i, column++, item);
         }
     }
-    rows_->resizeColumnsToContents();
-    rows_->horizontalHeader()->setStretchLastSection(true);
     rows_->scrollToBottom();
     export_->setEnabled(!table_.Rows.empty());
     clear_->setEnabled(!table_.Rows.empty() || table_.First.has_value());

@@ -98,7 +98,8 @@ void ProfileArea::paintEvent(QPaintEvent* /*event*/) {
     const QRect place = PlotPlace(*this, true);
     PaintFrame(painter, *this, place);
     if (!Star || Points.empty()) return;
-    const CountLevels span = ProfileSpan(Points);
+    const ProfileFit& fit = Star->Moffat.Valid ? Star->Moffat : Star->Gaussian;
+    const CountLevels span = ProfileSpan(Points, fit);
     const PlotAxis radii{0, Points.back().Radius, double(place.left()), double(place.right())};
     const PlotAxis values{span.Black, span.White, double(place.bottom()), double(place.top())};
     PaintTicksBelow(painter, *this, place, radii);
@@ -116,7 +117,6 @@ void ProfileArea::paintEvent(QPaintEvent* /*event*/) {
         painter.drawEllipse(QPointF(radii.PlaceOf(point.Radius), values.PlaceOf(point.Value)), 1.8,
                             1.8);
     }
-    const ProfileFit& fit = Star->Moffat.Valid ? Star->Moffat : Star->Gaussian;
     if (!fit.Valid) return;
     QPainterPath path;
     for (int x = place.left(); x <= place.right(); ++x) {

@@ -84,6 +84,14 @@ void OverlayPainter::Label(const PixelPoint& place, double radius, const QString
     Text(at + QPointF(radius, -radius / 2), text, colour);
 }
 
+void OverlayPainter::LowerLabel(const PixelPoint& place, double radius, const QString& text,
+                                const QColor& colour) {
+    const QPointF at = At(place);
+    if (text.isEmpty() || !Shows(at, radius)) return;
+    const QFontMetricsF metrics(painter_.font());
+    Text(at + QPointF(radius, radius / 2 + metrics.capHeight()), text, colour);
+}
+
 void OverlayPainter::Grid(const SkyGrid& grid) {
     for (const GridLine& line : grid.Lines) {
         for (const auto& piece : line.Pieces) {

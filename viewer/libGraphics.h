@@ -27,8 +27,10 @@ class OverlayPainter {
     void Cross(const PixelPoint& place, double radius, const QColor& colour);
     /// A line from one place of the image to another.
     void Link(const PixelPoint& from, const PixelPoint& to, const QColor& colour);
-    /// To the upper right of a mark.
+    /// To the upper right of a mark, and to the lower right.
     void Label(const PixelPoint& place, double radius, const QString& text, const QColor& colour);
+    void LowerLabel(const PixelPoint& place, double radius, const QString& text,
+                    const QColor& colour);
     void Grid(const SkyGrid& grid);
     /// North and east in the upper right corner, a scale bar in the lower left one.
     void CompassAndScale(const SkyMap& map);

@@ -35,12 +35,11 @@ std::vector<double> RoundTicks(double low, double high, int most) {
 }
 
 CountLevels HistogramSpan(const ImageHistogram& histogram, const CountLevels& levels) {
-    constexpr double leftOut = 0.0005;
-    constexpr double room = 0.05;
-    const double low = std::min(levels.Black, histogram.Quantile(leftOut));
-    const double high = std::max(levels.White, histogram.Quantile(1 - leftOut));
-    const double margin = std::max(room * (high - low), 1.0);
-    return {low - margin, high + margin};
+    const CountLevels usual = LevelsFromHistogram(histogram);
+    const double range = usual.White - usual.Black;
+    const double low = std::max(usual.Black - range / 4, static_cast<double>(histogram.Low) - 1);
+    const double high = std::min(usual.White + range, static_cast<double>(histogram.High) + 1);
+    return {std::min(levels.Black, low), std::max({levels.White, high, low + 2})};
 }
 
 std::vector<double> HistogramColumns(const ImageHistogram& histogram, const CountLevels& span,
@@ -70,10 +69,10 @@ std::vector<double> HistogramColumns(const ImageHistogram& histogram, const Coun
     return heights;
 }
 
-CountLevels ProfileSpan(const std::vector<ProfilePoint>& points) {
+CountLevels ProfileSpan(const std::vector<ProfilePoint>& points, const ProfileFit& fit) {
     constexpr double room = 0.05;
     double low = 0;
-    double high = 0;
+    double high = fit.Valid ? fit.Height : 0;
     for (const ProfilePoint& point : points) {
         low = std::min(low, point.Value);
         high = std::max(high, point.Value);

@@ -24,7 +24,8 @@ struct PlotAxis {
 /// most; none when the range is empty.
 std::vector<double> RoundTicks(double low, double high, int most);
 
-/// The counts that a levels window shows: nearly all pixels and both levels, with some room.
+/// The counts that a levels window shows: the usual levels with room on both sides, as far as there
+/// are pixels, and the present levels.
 CountLevels HistogramSpan(const ImageHistogram& histogram, const CountLevels& levels);
 
 /// The histogram over a span as `columns` heights, 0..1 of the highest, of the numbers of pixels or
@@ -32,8 +33,8 @@ CountLevels HistogramSpan(const ImageHistogram& histogram, const CountLevels& le
 std::vector<double> HistogramColumns(const ImageHistogram& histogram, const CountLevels& span,
                                      int columns, bool logarithmic);
 
-/// The values that a radial profile shows, 0 always among them.
-CountLevels ProfileSpan(const std::vector<ProfilePoint>& points);
+/// The values that a radial profile shows: the points', the fit's and 0.
+CountLevels ProfileSpan(const std::vector<ProfilePoint>& points, const ProfileFit& fit);
 /// The height of a fitted profile at a distance from its centre.
 double ProfileValue(const ProfileFit& fit, double radius);
 

@@ -30,6 +30,11 @@ OverlayStar Extracted(const ProgramState& state, const PlateStar& star) {
     return shown;
 }
 
+bool OnImage(const PlateImage& image, const PixelPoint& place) {
+    return place.X >= -0.5 && place.Y >= -0.5 && place.X < image.Width - 0.5 &&
+           place.Y < image.Height - 0.5;
+}
+
 bool IsStar(std::int16_t index, std::int32_t count, const PlateStarList& stars) {
     return index >= 1 && index <= count && static_cast<std::size_t>(index) < stars.size();
 }
@@ -70,7 +75,8 @@ Overlays OverlaysOf(const ProgramState& state) {
     overlays.Map = SkyMap::Of(state.Image.Header);
     if (!overlays.Map) return overlays;
     ForStars(state.CatalogStars, state.CatalogStarCount, [&](const PlateStar& star) {
-        if (const auto place = overlays.Map->PixelOf({star.Ra, star.Dec})) {
+        const auto place = overlays.Map->PixelOf({star.Ra, star.Dec});
+        if (place && OnImage(state.Image, *place)) {
             overlays.Catalog.push_back({*place, MagnitudeText(star.Flux)});
         }
     });

@@ -36,7 +36,7 @@ struct Overlays {
     std::vector<OverlayPair> Matched;
     std::optional<SkyMap> Map;
 };
-/// Everything that lies over the image, each catalog star where the solution puts it. Stars without
+/// Everything that lies over the image, catalog stars where the solution puts them. Stars without
 /// a solution of this image, or pairs of a search that failed since, are left out.
 Overlays OverlaysOf(const ProgramState& state);
 
