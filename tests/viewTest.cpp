@@ -7,6 +7,7 @@
 #include "astro/libConversions.h"
 #include "tests/testSupport.h"
 #include "viewer/libPicturePyramid.h"
+#include "viewer/libPlot.h"
 #include "viewer/libReadout.h"
 #include "viewer/libViewGeometry.h"
 #include "viewer/mImageView.h"
@@ -226,6 +227,53 @@ TEST(Readout, GridOfAPartLiesOnTheGridOfTheSky) {
     EXPECT_GT(grid.Lines.size(), 3u);
     EXPECT_GT(vertices, 8);
     EXPECT_TRUE(GridOver(header, {}).Lines.empty());
+}
+
+TEST(Plot, AxesGoBothWaysAndTicksAreRoundAndFew) {
+    Random random(11);
+    for (int round = 0; round < 300; ++round) {
+        const double low = random.Between(-1e5, 1e5);
+        const double high = low + std::pow(10, random.Between(-3, 6));
+        const PlotAxis axis{low, high, 300, 20};  // as heights run
+        const double value = random.Between(low, high);
+        EXPECT_NEAR(axis.ValueAt(axis.PlaceOf(value)), value, 1e-9 * (high - low) + 1e-9);
+        EXPECT_EQ(axis.PlaceOf(high + 1), 20);
+        const CountLevels span{low, high};
+        const int position = random.Whole(0, SliderSteps);
+        EXPECT_EQ(SliderPosition(span, SliderCount(span, position)), position);
+
+        const std::vector<double> ticks = RoundTicks(low, high, 6);
+        ASSERT_GE(ticks.size(), 1u);
+        ASSERT_LE(ticks.size(), 6u);
+        EXPECT_GE(ticks.front(), low - 1e-6 * (high - low));
+        EXPECT_LE(ticks.back(), high + 1e-6 * (high - low));
+        for (std::size_t k = 1; k < ticks.size(); ++k) {
+            const double step = ticks[k] - ticks[k - 1];
+            const double digit = step / std::pow(10, std::floor(std::log10(step * 1.0001)));
+            EXPECT_LT(std::min({std::fabs(digit - 1), std::fabs(digit - 2), std::fabs(digit - 5)}),
+                      1e-3);
+        }
+    }
+    EXPECT_TRUE(RoundTicks(3, 3, 5).empty());
+    EXPECT_TRUE(RoundTicks(0, INFINITY, 5).empty());
+}
+
+TEST(Plot, HistogramColumnsShareTheirPixelsOutAndShowBothLevels) {
+    const ImageHistogram histogram{10, 17, 2, {4, 0, 12, 8}, 24};
+    // Bins of 2 counts from 9.5 on, in columns of 1: half of each bin.
+    const std::vector<double> columns = HistogramColumns(histogram, {8.5, 18.5}, 10, false);
+    const std::vector<double> expected = {0, 1, 1, 0, 0, 3, 3, 2, 2, 0};
+    for (std::size_t k = 0; k < columns.size(); ++k) {
+        EXPECT_NEAR(columns[k], expected[k] / 3, 1e-12) << k;
+    }
+    EXPECT_NEAR(HistogramColumns(histogram, {8.5, 18.5}, 5, true)[3], 1, 1e-12);
+    const CountLevels span = HistogramSpan(histogram, {-50, 4000});
+    EXPECT_LE(span.Black, -50);
+    EXPECT_GE(span.White, 4000);
+    EXPECT_EQ(HistogramColumns({}, {0, 0}, 3, true), std::vector<double>(3, 0));
+    for (const double beta : {0.0, 2.5}) {
+        EXPECT_NEAR(ProfileValue({true, 0, 0, 100, 4, beta, 0}, 2), 50, 1e-9);
+    }
 }
 
 }  // namespace vestrel

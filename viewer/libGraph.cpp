@@ -44,7 +44,7 @@ void PaintTicksAtLeft(QPainter& painter, const QWidget& widget, const QRect& pla
                       const PlotAxis& axis) {
     const QFontMetrics metrics(widget.font());
     painter.setPen(widget.palette().color(QPalette::WindowText));
-    for (const double tick : RoundTicks(axis.Low, axis.High, 5)) {
+    for (const double tick : RoundTicks(axis.Low, axis.High, 7)) {
         const int y = qRound(axis.PlaceOf(tick));
         painter.drawLine(place.left() - 4, y, place.left(), y);
         const QRect room(0, y - metrics.height() / 2, place.left() - 7, metrics.height());

@@ -2,6 +2,7 @@
 
 #include <QFontMetricsF>
 #include <QPainterPath>
+#include <algorithm>
 
 #include "viewer/libWindows.h"
 
@@ -39,12 +40,46 @@ void OverlayPainter::Text(const QPointF& baseline, const QString& text, const QC
     painter_.drawText(baseline, text);
 }
 
-void OverlayPainter::Circle(const PixelPoint& place, double radius, const QColor& colour) {
+void OverlayPainter::PutStamp(const PixelPoint& place, bool isCross, double radius,
+                              const QColor& colour) {
+    constexpr double rimWidth = 3;
     const QPointF at = At(place);
-    if (!Shows(at, radius)) return;
-    QPainterPath path;
-    path.addEllipse(at, radius, radius);
-    Stroke(path, colour);
+    if (!Shows(at, radius + rimWidth)) return;
+    const double half = radius + rimWidth;
+    auto stamp = std::find_if(stamps_.begin(), stamps_.end(), [&](const Stamp& one) {
+        return one.IsCross == isCross && one.Radius == radius && one.Colour == colour.rgba();
+    });
+    if (stamp == stamps_.end()) {
+        const double ratio = painter_.device()->devicePixelRatioF();
+        QImage picture((QSizeF(2 * half, 2 * half) * ratio).toSize(),
+                       QImage::Format_ARGB32_Premultiplied);
+        picture.setDevicePixelRatio(ratio);
+        picture.fill(Qt::transparent);
+        QPainter painter(&picture);
+        OverlayPainter over(painter, view_, picture.size());
+        QPainterPath path;
+        const QPointF middle(half, half);
+        if (isCross) {
+            path.moveTo(middle - QPointF(radius, 0));
+            path.lineTo(middle + QPointF(radius, 0));
+            path.moveTo(middle - QPointF(0, radius));
+            path.lineTo(middle + QPointF(0, radius));
+        } else {
+            path.addEllipse(middle, radius, radius);
+        }
+        over.Stroke(path, colour);
+        painter.end();
+        stamp = stamps_.insert(stamps_.end(), {isCross, radius, colour.rgba(), picture});
+    }
+    painter_.drawImage(at - QPointF(half, half), stamp->Picture);
+}
+
+void OverlayPainter::Circle(const PixelPoint& place, double radius, const QColor& colour) {
+    PutStamp(place, false, radius, colour);
+}
+
+void OverlayPainter::Cross(const PixelPoint& place, double radius, const QColor& colour) {
+    PutStamp(place, true, radius, colour);
 }
 
 void OverlayPainter::Aperture(const PixelPoint& place, double imageRadius, const QColor& colour,
@@ -55,17 +90,6 @@ void OverlayPainter::Aperture(const PixelPoint& place, double imageRadius, const
     QPainterPath path;
     path.addEllipse(at, radius, radius);
     Stroke(path, colour, 1.5, dashed ? Qt::DashLine : Qt::SolidLine);
-}
-
-void OverlayPainter::Cross(const PixelPoint& place, double radius, const QColor& colour) {
-    const QPointF at = At(place);
-    if (!Shows(at, radius)) return;
-    QPainterPath path;
-    path.moveTo(at - QPointF(radius, 0));
-    path.lineTo(at + QPointF(radius, 0));
-    path.moveTo(at - QPointF(0, radius));
-    path.lineTo(at + QPointF(0, radius));
-    Stroke(path, colour);
 }
 
 void OverlayPainter::Link(const PixelPoint& from, const PixelPoint& to, const QColor& colour) {

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <QColor>
+#include <QImage>
 #include <QPainter>
 #include <QString>
+#include <vector>
 
 #include "viewer/libSkyGrid.h"
 #include "viewer/libViewGeometry.h"
@@ -36,6 +38,15 @@ class OverlayPainter {
     void CompassAndScale(const SkyMap& map);
 
  private:
+    /// A mark of fixed size, drawn once: a picture is put down far faster than a path.
+    struct Stamp {
+        bool IsCross = false;
+        double Radius = 0;
+        QRgb Colour = 0;
+        QImage Picture;
+    };
+    void PutStamp(const PixelPoint& place, bool isCross, double radius, const QColor& colour);
+
     bool Shows(const QPointF& point, double margin) const;
     QPointF At(const PixelPoint& place) const;
     void Stroke(const QPainterPath& path, const QColor& colour, double width = 1.5,
@@ -46,6 +57,7 @@ class OverlayPainter {
     QPainter& painter_;
     const ViewGeometry& view_;
     QSizeF size_;
+    std::vector<Stamp> stamps_;
 };
 
 }  // namespace vestrel

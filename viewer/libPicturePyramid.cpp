@@ -121,34 +121,45 @@ void PaintView(const PicturePyramid& pyramid, const ViewGeometry& view, double p
     const GreyLevel& image = pyramid.Levels().front();
     const PaintedLevel painted = LevelFor(view.Scale() * pixelRatio, pyramid.Levels().size());
     const GreyLevel& level = pyramid.Levels()[static_cast<std::size_t>(painted.Number)];
-    std::vector<Source> columns(static_cast<std::size_t>(target.Width));
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-        const PixelPoint at = view.PixelAt({(static_cast<double>(i) + 0.5) / pixelRatio, 0});
-        columns[i] = SourceOf(at.X, image.Width, painted, level.Width);
+    std::vector<Source> columns;
+    int begin = 0;  // the first column of the target that shows the image
+    for (int i = 0; i < target.Width; ++i) {
+        const PixelPoint at = view.PixelAt({(i + 0.5) / pixelRatio, 0});
+        const Source source = SourceOf(at.X, image.Width, painted, level.Width);
+        if (source.First >= 0) columns.push_back(source);
+        if (source.First < 0 && columns.empty()) ++begin;
     }
     ForRows(target.Height, [&](int row) {
         const PixelPoint at = view.PixelAt({0, (row + 0.5) / pixelRatio});
         const Source rows = SourceOf(at.Y, image.Height, painted, level.Height);
-        const auto out =
-            target.Pixels.subspan(static_cast<std::size_t>(row) * target.RowBytes, columns.size());
-        if (rows.First < 0) {
-            std::fill(out.begin(), out.end(), GreyOutsideImage);
+        const auto out = target.Pixels.subspan(static_cast<std::size_t>(row) * target.RowBytes,
+                                               static_cast<std::size_t>(target.Width));
+        std::fill(out.begin(), out.end(), GreyOutsideImage);
+        if (rows.First < 0 || columns.empty()) return;
+        std::uint8_t* to = out.data() + begin;
+        const std::uint8_t* upper = RowOf(level, rows.First);
+        if (!painted.Interpolated) {
+            for (const Source& column : columns) *to++ = upper[column.First];
             return;
         }
-        const std::uint8_t* upper = RowOf(level, rows.First);
+        // First between the two rows, in one sweep, then between neighbours.
         const std::uint8_t* lower = RowOf(level, rows.Second);
-        for (std::size_t i = 0; i < columns.size(); ++i) {
-            const Source& column = columns[i];
-            if (column.First < 0) {
-                out[i] = GreyOutsideImage;
-                continue;
-            }
-            const int left =
-                upper[column.First] * (256 - rows.Weight) + lower[column.First] * rows.Weight;
-            const int right =
-                upper[column.Second] * (256 - rows.Weight) + lower[column.Second] * rows.Weight;
-            out[i] = static_cast<std::uint8_t>(
-                (left * (256 - column.Weight) + right * column.Weight + 32768) >> 16);
+        // A flipped image runs the other way.
+        const int left = std::min(columns.front().First, columns.back().First);
+        const int right = std::max(columns.front().First, columns.back().First);
+        const int last = std::min(right + 1, level.Width - 1);
+        std::vector<std::uint16_t> between(static_cast<std::size_t>(last - left + 1));
+        for (int x = left; x <= last; ++x) {
+            between[static_cast<std::size_t>(x - left)] =
+                static_cast<std::uint16_t>(upper[x] * (256 - rows.Weight) + lower[x] * rows.Weight);
+        }
+        const auto value = [&](int x) -> int {
+            return between[static_cast<std::size_t>(x - left)];
+        };
+        for (const Source& column : columns) {
+            *to++ = static_cast<std::uint8_t>((value(column.First) * (256 - column.Weight) +
+                                               value(column.Second) * column.Weight + 32768) >>
+                                              16);
         }
     });
 }
