@@ -23,18 +23,31 @@
 namespace vestrel {
 
 SolveWindow::SolveWindow(ProgramState& state)
-    : state_(state), port_(state, *this), imageWindow_(state), headerWindow_(state) {
+    : state_(state),
+      port_(state, *this),
+      imageWindow_(state, port_),
+      levelsWindow_(state),
+      statsWindow_(state),
+      photometryWindow_(state, port_),
+      headerWindow_(state) {
     setObjectName("fKELInfo");
     setWindowTitle(ProgramTitle);
     setAcceptDrops(true);
     BuildControls();
     BuildMenus();
-    port_.OnDisplayChanged = [this] { ShowState(); };
+    port_.OnDisplayChanged = [this] {
+        ShowState();
+        imageWindow_.ActivityChanged();
+    };
     port_.OnImageChanged = [this] {
         imageWindow_.ImageChanged();
+        levelsWindow_.ImageChanged();
+        statsWindow_.ImageChanged();
+        photometryWindow_.ImageChanged();
         headerWindow_.ImageChanged();
     };
     port_.OnProgress = [this](int percent) { ShowProgressPercent(percent); };
+    ConnectWindows();
     countdown_.setInterval(1000);
     connect(&countdown_, &QTimer::timeout, this, [this] { Tick(); });
     openDropped_.setSingleShot(true);
@@ -74,6 +87,9 @@ void SolveWindow::closeEvent(QCloseEvent* event) {
         std::fputs("vestrel: the list of recent images cannot be written\n", stderr);
     }
     imageWindow_.close();
+    levelsWindow_.close();
+    statsWindow_.close();
+    photometryWindow_.close();
     headerWindow_.close();
     helpWindow_.close();
     event->accept();
@@ -165,16 +181,42 @@ void SolveWindow::Stop() {
     if (CommandsFor(state_).Stop) StopSearch(state_);
 }
 
-void SolveWindow::ShowImage() {
-    imageWindow_.show();
-    imageWindow_.raise();
-    imageWindow_.activateWindow();
+void SolveWindow::ConnectWindows() {
+    imageWindow_.OnLevelsChosen = [this] { levelsWindow_.LevelsChanged(); };
+    levelsWindow_.OnLevelsChanged = [this] { imageWindow_.LevelsChanged(); };
+    // A click is for the windows that are open; a double click opens the statistics.
+    imageWindow_.OnStarClicked = [this](PixelPoint pixel) {
+        if (statsWindow_.isVisible()) statsWindow_.Measure(pixel);
+        if (photometryWindow_.isVisible()) photometryWindow_.Take(pixel);
+    };
+    imageWindow_.OnStarDoubleClicked = [this](PixelPoint pixel) {
+        if (statsWindow_.isVisible()) return;
+        statsWindow_.show();
+        statsWindow_.Measure(pixel);
+    };
+    statsWindow_.OnMeasured = [this](const std::optional<StarMeasurement>& star) {
+        statsMarks_ = star ? std::vector{MarkOf(*star, {})} : std::vector<MeasuredMark>();
+        MarkStars();
+    };
+    photometryWindow_.OnTaken = [this](const std::vector<StarMeasurement>& stars) {
+        photometryMarks_.clear();
+        for (const StarMeasurement& star : stars) {
+            photometryMarks_.push_back(MarkOf(star, photometryMarks_.empty() ? "1" : "2"));
+        }
+        MarkStars();
+    };
 }
 
-void SolveWindow::ShowHeader() {
-    headerWindow_.show();
-    headerWindow_.raise();
-    headerWindow_.activateWindow();
+void SolveWindow::MarkStars() {
+    std::vector<MeasuredMark> marks = statsMarks_;
+    marks.insert(marks.end(), photometryMarks_.begin(), photometryMarks_.end());
+    imageWindow_.SetMarks(std::move(marks));
+}
+
+void SolveWindow::Bring(QWidget& window) {
+    window.show();
+    window.raise();
+    window.activateWindow();
 }
 
 void SolveWindow::EditParameters() {
@@ -185,9 +227,7 @@ void SolveWindow::EditParameters() {
 }
 
 void SolveWindow::ShowHelp() {
-    helpWindow_.show();
-    helpWindow_.raise();
-    helpWindow_.activateWindow();
+    Bring(helpWindow_);
 }
 
 void SolveWindow::ShowAbout() {

@@ -12,7 +12,10 @@
 #include "app/mGeneral.h"
 #include "settings/fHelp.h"
 #include "viewer/fFITSHeader.h"
+#include "viewer/fHistogram.h"
 #include "viewer/fImage.h"
+#include "viewer/fRelPhot.h"
+#include "viewer/fStats.h"
 #include "viewer/libWindows.h"
 
 class QAction;
@@ -87,8 +90,10 @@ class SolveWindow : public QMainWindow {
     void Run(const std::function<void()>& command);
     void Match();
     void Stop();
-    void ShowImage();
-    void ShowHeader();
+    void ConnectWindows();
+    void MarkStars();
+    /// Opens a window, or brings it to the front.
+    static void Bring(QWidget& window);
     void EditParameters();
     void ShowHelp();
     void ShowAbout();
@@ -121,8 +126,13 @@ class SolveWindow : public QMainWindow {
     QProgressBar* busyBar_ = nullptr;
     QPlainTextEdit* details_ = nullptr;
     QWidget* countdownRow_ = nullptr;
+    std::vector<MeasuredMark> statsMarks_;
+    std::vector<MeasuredMark> photometryMarks_;
 
     ImageWindow imageWindow_;
+    LevelsWindow levelsWindow_;
+    StatsWindow statsWindow_;
+    RelativePhotometryWindow photometryWindow_;
     HeaderWindow headerWindow_;
     HelpWindow helpWindow_;
 };

@@ -146,7 +146,7 @@ QLayout* SolveWindow::BuildCommands() {
     stopButton_ =
         AddButton("cmdStop", "&Stop Search", "Stop the Current Search", [this] { Stop(); });
     QPushButton* image =
-        AddButton("cmdImage", "Show &Image", "Display the image", [this] { ShowImage(); });
+        AddButton("cmdImage", "Show &Image", "Display the image", [this] { Bring(imageWindow_); });
     QPushButton* parameters =
         AddButton("Command1", "Edit &Parameters", "Change search and star extraction parameters",
                   [this] { EditParameters(); });
@@ -287,9 +287,18 @@ void SolveWindow::BuildMenus() {
                                       [this] { EditParameters(); }));
 
     QMenu* view = menuBar()->addMenu("&View");
-    AddAction(view, "Show &Image", QKeySequence("Ctrl+I"), [this] { ShowImage(); });
+    AddAction(view, "Show &Image", QKeySequence("Ctrl+I"), [this] { Bring(imageWindow_); });
+    AddAction(view, "&Levels", QKeySequence("Ctrl+L"), [this] {
+        Bring(levelsWindow_);
+    })->setObjectName("mnuLevels");
+    AddAction(view, "&Star Statistics", QKeySequence("Ctrl+T"), [this] {
+        Bring(statsWindow_);
+    })->setObjectName("mnuStats");
+    AddAction(view, "&Relative Photometry", QKeySequence("Ctrl+R"), [this] {
+        Bring(photometryWindow_);
+    })->setObjectName("mnuRelPhot");
     AddAction(view, "Show &Header", QKeySequence("Ctrl+H"), [this] {
-        ShowHeader();
+        Bring(headerWindow_);
     })->setObjectName("mnuHeader");
 
     QMenu* help = menuBar()->addMenu("&Help");

@@ -13,6 +13,7 @@
 #include "image/libImage.h"
 #include "matching/libAlign.h"
 #include "settings/libSettingsFile.h"
+#include "viewer/libDisplayLevels.h"
 
 namespace vestrel {
 
@@ -127,6 +128,8 @@ struct ProgramState {
     PlateImage Image;
     bool ImageLoaded = false;
     bool BackgroundRemoved = false;
+    Transfer DisplayTransfer =
+        Transfer::Linear;  ///< between `Image.DisplayBlack` and `DisplayWhite`
     bool StopRequested = false;
     bool CloseRequested = false;  ///< the program is to end as soon as nothing runs
     Activity Running = Activity::None;

@@ -13,6 +13,7 @@ struct FileDialog {
     int FilterIndex = 1;      ///< the preselected pair, from 1; one that does not exist is ignored
     std::string InitialName;  ///< folder and pattern
     bool Saves = false;       ///< asks for a file to write, and before overwriting one
+    std::string Suffix = ".fit";  ///< of a file to write when the user gives none
 };
 
 /// The one way from the program's logic to the user. Everything that is shown as text stands in

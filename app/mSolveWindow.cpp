@@ -92,6 +92,7 @@ void PlateMatchCommand(ProgramState& state, Port& port) {
     }
     const StatusLine statusBefore = state.Display.Status;
     state.Display.BusyIndicator = true;
+    state.Display.SolutionOverlays = false;
     ShowStatus(state, port, "Working...");
     port.ImageChanged();
     const auto request = ReadSolveInputs(state, port);

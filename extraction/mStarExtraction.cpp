@@ -41,6 +41,8 @@ void SubtractBackground(ProgramState& state, Port& port, std::int16_t halfSize, 
                              progress);
     port.ShowProgress(0);
     state.BackgroundRemoved = true;
+    // Other counts need other levels.
+    image.DisplayBlack = image.DisplayWhite = 0;
 }
 
 void GaussianFilter(ProgramState& state, Port& port) {

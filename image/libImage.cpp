@@ -20,6 +20,7 @@ void StartPixels(PlateImage& image, std::int32_t dataOffset) {
     image.Height = image.Header.NAxis2;
     image.DataOffset = dataOffset;
     image.Pedestal = image.Header.Pedestal;
+    image.DisplayBlack = image.DisplayWhite = 0;
     image.Pixels = Grid<std::int32_t>();  // gives the old image's memory back first
     image.Pixels = Grid<std::int32_t>(image.Width, image.Height);
 }

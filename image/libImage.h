@@ -86,8 +86,8 @@ struct PlateImage {
     std::int32_t Height = 0;
     std::int32_t DataOffset = 0;
     std::int32_t Pedestal = 0;
-    std::int32_t DisplayBlack = 0;
-    std::int32_t DisplayWhite = 0;
+    std::int32_t DisplayBlack = 0;  ///< physical counts that are shown black and white; both are 0
+    std::int32_t DisplayWhite = 0;  ///< until they are chosen
     ImageHeader Header;
     std::string ImageType;  ///< "FITS", "SBIG" or "JPEG"; empty before the first load
 };

@@ -35,6 +35,15 @@ std::size_t CharacterCount(std::string_view utf8) {
     }));
 }
 
+/// What was found in the last image says nothing about the next.
+void ForgetStars(ProgramState& state) {
+    state.PlateStarCount = 0;
+    state.CatalogStarCount = 0;
+    state.MatchedPositions.clear();
+    state.ZeroPointValid = false;
+    state.Display.SolutionOverlays = false;
+}
+
 bool ReadImage(ProgramState& state, Port& port, const std::string& type, const std::string& path) {
     const StageTimer timer(state.Report.Times.Reading);
     ReadFailure failure;
@@ -77,6 +86,7 @@ bool OpenImage(ProgramState& state, Port& port, const std::string& path) {
     state.ImageLoaded = false;
     state.BackgroundRemoved = false;
     state.Report = {};
+    ForgetStars(state);
     const bool read = ReadImage(state, port, type, path);
     ShowStatus(state, port, "Ready");
     if (!read) return false;

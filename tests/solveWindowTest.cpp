@@ -14,7 +14,6 @@
 #include "settings/mParameterTexts.h"
 #include "settings/mRecentImages.h"
 #include "tests/testSupport.h"
-#include "viewer/libGreyPicture.h"
 
 namespace vestrel {
 namespace {
@@ -292,41 +291,6 @@ TEST(DesktopArguments, AreOneTextAndAFileIsAnImage) {
               std::pair(Kind::Unattended, std::string("-1,2,3,4,5,/my images/a.fit")));
     EXPECT_EQ(read({folder.Path.string()}).first, Kind::Unattended);
     EXPECT_EQ(read({"--help"}).first, Kind::Print);
-}
-
-TEST(GreyPicture, StandsUprightAndShowsStarsWhiteOnADarkSky) {
-    PlateImage image;
-    image.Width = 61;
-    image.Height = 33;
-    image.Pixels = Grid<std::int32_t>(image.Width, image.Height);
-    Random random(8);
-    for (int x = 0; x < image.Width; ++x) {
-        for (int y = 0; y < image.Height; ++y) image.Pixels(x, y) = random.Whole(90, 110);
-    }
-    for (const auto& [x, y] : {std::pair{0, 0}, {1, 0}, {0, 1}, {1, 1}}) {
-        image.Pixels(x, y) = 30000;
-    }
-    for (const auto& [type, bitPix, starAtTop] : {std::tuple{"JPEG", 0, true},
-                                                  {"SBIG", 16, true},
-                                                  {"FITS", -32, true},
-                                                  {"FITS", 16, false}}) {
-        image.ImageType = type;
-        image.Header.BitPix = static_cast<std::int16_t>(bitPix);
-        const GreyPicture picture = MakeGreyPicture(image, 31);
-        ASSERT_EQ(picture.Width, 31);
-        ASSERT_EQ(picture.Height, 17);
-        const std::size_t star = starAtTop ? 0 : 16 * 31;
-        EXPECT_EQ(picture.Pixels[star], 255) << type << bitPix;
-        EXPECT_EQ(std::count_if(picture.Pixels.begin(), picture.Pixels.end(),
-                                [](std::uint8_t grey) { return grey > 127; }),
-                  1);
-    }
-    for (const auto& [width, height] : {std::pair{0, 0}, {1, 1}, {3, 0}}) {
-        image.Width = width;
-        image.Height = height;
-        EXPECT_EQ(MakeGreyPicture(image, 10).Pixels.size(),
-                  static_cast<std::size_t>(width * height));
-    }
 }
 
 }  // namespace vestrel

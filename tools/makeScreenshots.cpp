@@ -8,10 +8,12 @@
 #include <QPushButton>
 #include <cstdio>
 #include <memory>
+#include <vector>
 
 #include "app/fKELInfo.h"
 #include "matching/mPlateMatch.h"
 #include "platform/libPlatform.h"
+#include "viewer/fPictureArea.h"
 
 namespace vestrel {
 namespace {
@@ -59,6 +61,46 @@ class Photographer {
     QString suffix_;
 };
 
+/// The image window and those that belong to it.
+bool TakeViewer(SolveWindow& window, const ProgramState& state, Photographer& photographer) {
+    const auto choose = [&window](const char* name) {
+        window.findChild<QAction*>(name)->trigger();
+    };
+    QWidget* image = WindowNamed("fImage");
+    const auto toggle = [image](const char* name) { image->findChild<QAction*>(name)->toggle(); };
+    auto* area = dynamic_cast<PictureArea*>(image->findChild<QWidget*>("picImage"));
+    QApplication::processEvents();
+    bool good = photographer.Take("fImage", "image");
+
+    // A closer look: the matched stars with their magnitudes on the grid, two of them measured.
+    choose("mnuStats");
+    choose("mnuRelPhot");
+    choose("mnuLevels");
+    QApplication::processEvents();
+    std::vector<const PlateStar*> stars;
+    for (const StarMatch& pair : state.Solution.Pairs) {
+        if (pair.InUse) stars.push_back(&state.PlateStars[static_cast<std::size_t>(pair.Star2)]);
+    }
+    if (stars.size() < 6) return false;
+    for (const std::size_t k : {2, 3, 2, 4}) {
+        area->OnClicked({stars[k]->X, stars[k]->Y});
+    }
+    for (const char* name : {"mnuExtracted", "mnuCatalog", "mnuMagnitudes", "mnuGrid"}) {
+        toggle(name);
+    }
+    area->ZoomTo(1);
+    const ScreenPoint star = area->View.ScreenOf({stars[4]->X, stars[4]->Y});
+    area->View.Pan(area->View.Middle().X - star.X, area->View.Middle().Y - star.Y);
+    area->OnPointerMoved({stars[4]->X, stars[4]->Y});
+    area->OnViewChanged();
+    good = photographer.Take("fImage", "image-close") && good;
+    good = photographer.Take("fHistogram", "levels") && good;
+    good = photographer.Take("fStats", "statistics") && good;
+    good = photographer.Take("fRelPhot", "photometry") && good;
+    for (const char* name : {"fHistogram", "fStats", "fRelPhot"}) WindowNamed(name)->close();
+    return good;
+}
+
 bool TakeAll(Photographer photographer, const std::string& frame, const QString& ra,
              const QString& dec) {
     const auto state = std::make_unique<ProgramState>();
@@ -81,7 +123,7 @@ bool TakeAll(Photographer photographer, const std::string& frame, const QString&
     good = good && state->Solution.MatchedCount > 0;
     good = photographer.Take("fKELInfo", "solved") && good;
     press("cmdImage");
-    good = photographer.Take("fImage", "image") && good;
+    good = TakeViewer(window, *state, photographer) && good;
     window.findChild<QAction*>("mnuHeader")->trigger();
     good = photographer.Take("fFITSHeader", "header") && good;
     press("Command1");

@@ -137,7 +137,7 @@ std::optional<std::string> WindowPort::AskForFile(const FileDialog& dialog) {
     if (dialog.FilterIndex >= 1 && dialog.FilterIndex <= filters.size()) {
         box.selectNameFilter(filters[dialog.FilterIndex - 1]);
     }
-    if (dialog.Saves) box.setDefaultSuffix(".fit");
+    if (dialog.Saves) box.setDefaultSuffix(QtText(dialog.Suffix));
     box.setDirectory(QtText(FolderOfPath(dialog.InitialName)));
     if (box.exec() != QDialog::Accepted || box.selectedFiles().isEmpty()) return std::nullopt;
     return Utf8(box.selectedFiles().constFirst());

@@ -1,0 +1,279 @@
+// What the image window computes before it paints: the view, the picture in levels, the readout.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "astro/libConversions.h"
+#include "tests/testSupport.h"
+#include "viewer/libPicturePyramid.h"
+#include "viewer/libPlot.h"
+#include "viewer/libReadout.h"
+#include "viewer/libViewGeometry.h"
+#include "viewer/mImageView.h"
+
+namespace vestrel {
+namespace {
+
+PlateImage ImageOf(int width, int height, const char* type, std::int16_t bitPix) {
+    PlateImage image;
+    image.Width = width;
+    image.Height = height;
+    image.ImageType = type;
+    image.Header.BitPix = bitPix;
+    image.Pixels = Grid<std::int32_t>(width, height);
+    return image;
+}
+
+struct Painted {
+    std::vector<std::uint8_t> Pixels;
+    int Width;
+    std::uint8_t operator()(int x, int y) const {
+        return Pixels[static_cast<std::size_t>(y * Width + x)];
+    }
+};
+
+Painted Paint(const PicturePyramid& pyramid, const ViewGeometry& view, int width, int height,
+              double pixelRatio = 1) {
+    Painted painted{std::vector<std::uint8_t>(static_cast<std::size_t>(width * height)), width};
+    PaintView(pyramid, view, pixelRatio,
+              {painted.Pixels, width, height, static_cast<std::size_t>(width)});
+    return painted;
+}
+
+const GreyLookup plainGrey({0, 255}, 0, Transfer::Linear, false);
+
+}  // namespace
+
+TEST(View, PixelsAndWindowAgreeBothWaysAndZoomKeepsWhatIsUnderThePointer) {
+    Random random(3);
+    for (int round = 0; round < 500; ++round) {
+        ViewGeometry view;
+        const int width = random.Whole(1, 5000);
+        const int height = random.Whole(1, 5000);
+        view.SetWindow(random.Between(200, 1500), random.Between(150, 900));
+        view.SetImage(width, height, random.Whole(0, 1) == 1);
+        view.Flip(random.Whole(0, 1) == 1, random.Whole(0, 1) == 1);
+        EXPECT_TRUE(view.Fitted());
+        const PixelRectangle whole = view.Visible();
+        EXPECT_NEAR(whole.Width, width, 1e-6);
+        EXPECT_NEAR(whole.Height, height, 1e-6);
+
+        // Larger about a point of the image: that point stays, and zooming back ends where it
+        // began.
+        const ScreenPoint about = view.ScreenOf(
+            {random.Between(0, width - 1) * 0.999, random.Between(0, height - 1) * 0.999});
+        const PixelPoint under = view.PixelAt(about);
+        const double before = view.Scale();
+        const double steps = random.Between(0, std::max(0.0, 2 * std::log2(64 / before)));
+        view.ZoomBy(steps, about);
+        EXPECT_NEAR(view.Scale(), std::max(before * std::exp2(steps / 2), before), 1e-9 * 64);
+        const ScreenPoint still = view.ScreenOf(under);
+        EXPECT_NEAR(still.X, about.X, 1e-6);
+        EXPECT_NEAR(still.Y, about.Y, 1e-6);
+        const PixelPoint back = view.PixelAt(view.ScreenOf({12.25, -7.5}));
+        EXPECT_NEAR(back.X, 12.25, 1e-9 * (1 + width));
+        EXPECT_NEAR(back.Y, -7.5, 1e-9 * (1 + height));
+
+        // Dragging carries the pixels along until the image would leave the middle.
+        const PixelPoint middle = view.PixelAt(view.Middle());
+        view.Pan(3, -2);
+        const ScreenPoint moved = view.ScreenOf(middle);
+        const PixelPoint now = view.PixelAt(view.Middle());
+        const bool atBorder =
+            now.X <= -0.5 || now.Y <= -0.5 || now.X >= width - 0.5 || now.Y >= height - 0.5;
+        if (!atBorder) {
+            EXPECT_NEAR(moved.X, view.Middle().X + 3, 1e-6);
+            EXPECT_NEAR(moved.Y, view.Middle().Y - 2, 1e-6);
+        }
+        view.Pan(1e7, 1e7);
+        EXPECT_GT(view.Visible().Width, 0);
+        EXPECT_GT(view.Visible().Height, 0);
+    }
+}
+
+TEST(Picture, StandsUprightAndFlipsOnlyForDisplay) {
+    for (const auto& [type, bitPix, firstRowAtTop] : {std::tuple{"JPEG", 0, true},
+                                                      {"SBIG", 16, true},
+                                                      {"FITS", -32, true},
+                                                      {"FITS", 16, false}}) {
+        PlateImage image = ImageOf(6, 4, type, static_cast<std::int16_t>(bitPix));
+        image.Pixels(1, 0) = 200;
+        PicturePyramid pyramid;
+        pyramid.Build(image, plainGrey);
+        for (const auto& [leftRight, upDown] :
+             {std::pair{false, false}, {true, false}, {false, true}, {true, true}}) {
+            ViewGeometry view;
+            view.SetWindow(6, 4);
+            view.SetImage(6, 4, FirstRowAtTop(image));
+            view.Flip(leftRight, upDown);
+            const Painted painted = Paint(pyramid, view, 6, 4);
+            const int x = leftRight ? 4 : 1;
+            const int y = firstRowAtTop != upDown ? 0 : 3;
+            EXPECT_EQ(painted(x, y), 200) << type << bitPix << leftRight << upDown;
+            EXPECT_EQ(std::count(painted.Pixels.begin(), painted.Pixels.end(), 0), 23);
+        }
+    }
+}
+
+TEST(Picture, ShowsWhatThePlainMeanOfTheImageGivesAtEveryScale) {
+    Random random(5);
+    PlateImage image = ImageOf(301, 203, "JPEG", 0);
+    for (int y = 0; y < image.Height; ++y) {
+        for (int x = 0; x < image.Width; ++x) {
+            image.Pixels(x, y) = static_cast<std::int32_t>(120 + 0.2 * x + 0.3 * y);
+        }
+    }
+    PicturePyramid pyramid;
+    pyramid.Build(image, plainGrey);
+    EXPECT_EQ(pyramid.Levels().back().Pixels.size(), 1u);
+    for (const double scale : {0.04, 0.11, 0.25, 0.3, 0.49, 0.5, 0.75, 1.0, 1.7, 3.0}) {
+        ViewGeometry view;
+        view.SetWindow(120, 90);
+        view.SetImage(image.Width, image.Height, true);
+        view.ZoomTo(scale, {70, 20});
+        for (const int ratio : {1, 2}) {
+            const Painted painted = Paint(pyramid, view, 120 * ratio, 90 * ratio, ratio);
+            for (int j = 0; j < 90 * ratio; ++j) {
+                for (int i = 0; i < 120 * ratio; ++i) {
+                    const PixelPoint at = view.PixelAt({(i + 0.5) / ratio, (j + 0.5) / ratio});
+                    // The outermost means hold their value to the border.
+                    const double margin = 0.6 / scale;
+                    if (view.OnImage(at)) {
+                        const double inX = std::clamp(at.X, margin, image.Width - 1 - margin);
+                        const double inY = std::clamp(at.Y, margin, image.Height - 1 - margin);
+                        const double slack = std::fabs(inX - at.X) + std::fabs(inY - at.Y);
+                        ASSERT_NEAR(painted(i, j), 119.5 + 0.2 * inX + 0.3 * inY, 1.9 + slack)
+                            << scale << " " << i << " " << j;
+                    } else {
+                        ASSERT_EQ(painted(i, j), GreyOutsideImage);
+                    }
+                }
+            }
+        }
+    }
+    // At 1:1 each pixel is shown once, wherever the image stands.
+    for (auto& pixel : image.Pixels.Row(100)) pixel = random.Whole(0, 255);
+    pyramid.Build(image, plainGrey);
+    ViewGeometry view;
+    view.SetWindow(200, 150);
+    view.SetImage(image.Width, image.Height, true);
+    view.ZoomTo(1, view.Middle());
+    view.Pan(-7, 12);
+    const Painted painted = Paint(pyramid, view, 200, 150);
+    // Window pixels that lie half on either of two pixels show the later one.
+    const auto shownAt = [](double at) { return static_cast<int>(std::floor(at + 0.5 + 1e-6)); };
+    int row = 0;
+    while (shownAt(view.PixelAt({0, row + 0.5}).Y) != 100) ++row;
+    const int left = shownAt(view.PixelAt({0.5, 0}).X);
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_EQ(painted(i, row), image.Pixels(left + i, 100)) << i;
+    }
+    for (const auto& [width, height] : {std::pair{0, 0}, {3, 0}}) {
+        pyramid.Build(ImageOf(width, height, "FITS", 16), plainGrey);
+        EXPECT_TRUE(pyramid.Empty());
+        EXPECT_EQ(Paint(pyramid, view, 2, 1).Pixels,
+                  std::vector<std::uint8_t>(2, GreyOutsideImage));
+    }
+}
+
+TEST(Readout, NamesPixelCountAndSkyAndNothingOffTheImage) {
+    PlateImage image = ImageOf(10, 8, "FITS", 16);
+    image.DataOffset = 32768;
+    image.Pixels(3, 7) = -32768 + 1234;
+    image.Header.PlateMatched = true;
+    image.Header.PlateScale = 206264.8062;
+    image.Header.RaRef = 1;
+    image.Header.DecRef = -0.5;
+    const double rows[2][3] = {{0.5, 0, 3}, {0, 0.5, 7}};
+    std::copy_n(&rows[0][0], 6, &image.Header.PlateTransform[0][0]);
+    const auto map = SkyMap::Of(image.Header);
+    const Readout there = ReadoutAt(image, map, {3, 7});
+    EXPECT_EQ(there.Pixel, "x 3.0  y 7.0");
+    EXPECT_EQ(there.Count, "1234");
+    EXPECT_EQ(there.Sky, FormatRA(1, true, 2) + "  " + FormatDec(-0.5, true, 1));
+    EXPECT_EQ(ReadoutAt(image, map, {2.51, 6.51}).Count, "1234");
+    EXPECT_EQ(ReadoutAt(image, {}, {2.49, 7}).Count, "32768");
+    EXPECT_EQ(ReadoutAt(image, {}, {3, 7}).Sky, "");
+    for (const PixelPoint& outside : {PixelPoint{-0.6, 3}, {3, 7.6}, {9.6, 0}, {NAN, 2}}) {
+        EXPECT_EQ(ReadoutAt(image, map, outside).Pixel, "");
+    }
+}
+
+TEST(Readout, GridOfAPartLiesOnTheGridOfTheSky) {
+    ImageHeader header;
+    header.PlateMatched = true;
+    header.PlateScale = 206264.8062;
+    header.RaRef = 1.2;
+    header.DecRef = 0.8;
+    const double rows[2][3] = {{0.4, 0.3, 1500}, {0.3, -0.4, 1000}};
+    std::copy_n(&rows[0][0], 6, &header.PlateTransform[0][0]);
+    const auto map = SkyMap::Of(header);
+    const PixelRectangle part{800.25, 1200.5, 90, 60};
+    const SkyGrid grid = GridOver(header, part);
+    int vertices = 0;
+    for (const GridLine& line : grid.Lines) {
+        for (const auto& piece : line.Pieces) {
+            for (const PixelPoint& vertex : piece) {
+                const auto sky = map->SkyOf(vertex);
+                ASSERT_TRUE(sky);
+                EXPECT_NEAR(line.IsMeridian ? sky->Ra : sky->Dec, line.Angle, 1e-9);
+                EXPECT_NEAR(vertex.X, part.Left + part.Width / 2, part.Width / 2 + 2);
+                EXPECT_NEAR(vertex.Y, part.First + part.Height / 2, part.Height / 2 + 2);
+                ++vertices;
+            }
+        }
+    }
+    EXPECT_GT(grid.Lines.size(), 3u);
+    EXPECT_GT(vertices, 8);
+    EXPECT_TRUE(GridOver(header, {}).Lines.empty());
+}
+
+TEST(Plot, AxesGoBothWaysAndTicksAreRoundAndFew) {
+    Random random(11);
+    for (int round = 0; round < 300; ++round) {
+        const double low = random.Between(-1e5, 1e5);
+        const double high = low + std::pow(10, random.Between(-3, 6));
+        const PlotAxis axis{low, high, 300, 20};  // as heights run
+        const double value = random.Between(low, high);
+        EXPECT_NEAR(axis.ValueAt(axis.PlaceOf(value)), value, 1e-9 * (high - low) + 1e-9);
+        EXPECT_EQ(axis.PlaceOf(high + 1), 20);
+        const CountLevels span{low, high};
+        const int position = random.Whole(0, SliderSteps);
+        EXPECT_EQ(SliderPosition(span, SliderCount(span, position)), position);
+
+        const std::vector<double> ticks = RoundTicks(low, high, 6);
+        ASSERT_GE(ticks.size(), 1u);
+        ASSERT_LE(ticks.size(), 6u);
+        EXPECT_GE(ticks.front(), low - 1e-6 * (high - low));
+        EXPECT_LE(ticks.back(), high + 1e-6 * (high - low));
+        for (std::size_t k = 1; k < ticks.size(); ++k) {
+            const double step = ticks[k] - ticks[k - 1];
+            const double digit = step / std::pow(10, std::floor(std::log10(step * 1.0001)));
+            EXPECT_LT(std::min({std::fabs(digit - 1), std::fabs(digit - 2), std::fabs(digit - 5)}),
+                      1e-3);
+        }
+    }
+    EXPECT_TRUE(RoundTicks(3, 3, 5).empty());
+    EXPECT_TRUE(RoundTicks(0, INFINITY, 5).empty());
+}
+
+TEST(Plot, HistogramColumnsShareTheirPixelsOutAndShowBothLevels) {
+    const ImageHistogram histogram{10, 17, 2, {4, 0, 12, 8}, 24};
+    // Bins of 2 counts from 9.5 on, in columns of 1: half of each bin.
+    const std::vector<double> columns = HistogramColumns(histogram, {8.5, 18.5}, 10, false);
+    const std::vector<double> expected = {0, 1, 1, 0, 0, 3, 3, 2, 2, 0};
+    for (std::size_t k = 0; k < columns.size(); ++k) {
+        EXPECT_NEAR(columns[k], expected[k] / 3, 1e-12) << k;
+    }
+    EXPECT_NEAR(HistogramColumns(histogram, {8.5, 18.5}, 5, true)[3], 1, 1e-12);
+    const CountLevels span = HistogramSpan(histogram, {-50, 4000});
+    EXPECT_LE(span.Black, -50);
+    EXPECT_GE(span.White, 4000);
+    EXPECT_EQ(HistogramColumns({}, {0, 0}, 3, true), std::vector<double>(3, 0));
+    for (const double beta : {0.0, 2.5}) {
+        EXPECT_NEAR(ProfileValue({true, 0, 0, 100, 4, beta, 0}, 2), 50, 1e-9);
+    }
+}
+
+}  // namespace vestrel
