@@ -68,7 +68,7 @@ class Scene {
 };
 
 void MakingThePicture(benchmark::State& run, Scene& scene) {
-    for (auto _ : run) scene.Window.LevelsChanged();
+    while (run.KeepRunning()) scene.Window.LevelsChanged();
 }
 
 /// @param scale window pixels per image pixel; 0 shows the whole image
@@ -77,7 +77,7 @@ void DraggingAFrame(benchmark::State& run, Scene& scene, double scale) {
     if (scale > 0) scene.Area->ZoomTo(scale);
     QImage frame(scene.Area->size(), QImage::Format_RGB32);
     int step = 0;
-    for (auto _ : run) {
+    while (run.KeepRunning()) {
         const int way = ++step % 200 < 100 ? 3 : -3;
         scene.Area->View.Pan(way, way);
         scene.Area->OnViewChanged();

@@ -29,13 +29,16 @@ struct Painted {
     std::vector<std::uint8_t> Pixels;
     int Width;
     std::uint8_t operator()(int x, int y) const {
-        return Pixels[static_cast<std::size_t>(y * Width + x)];
+        return Pixels[static_cast<std::size_t>(y) * static_cast<std::size_t>(Width) +
+                      static_cast<std::size_t>(x)];
     }
 };
 
 Painted Paint(const PicturePyramid& pyramid, const ViewGeometry& view, int width, int height,
               double pixelRatio = 1) {
-    Painted painted{std::vector<std::uint8_t>(static_cast<std::size_t>(width * height)), width};
+    Painted painted{std::vector<std::uint8_t>(static_cast<std::size_t>(width) *
+                                              static_cast<std::size_t>(height)),
+                    width};
     PaintView(pyramid, view, pixelRatio,
               {painted.Pixels, width, height, static_cast<std::size_t>(width)});
     return painted;

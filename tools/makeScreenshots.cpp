@@ -6,6 +6,8 @@
 #include <QLineEdit>
 #include <QPixmap>
 #include <QPushButton>
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <memory>
 #include <vector>
@@ -81,18 +83,19 @@ bool TakeViewer(SolveWindow& window, const ProgramState& state, Photographer& ph
     for (const StarMatch& pair : state.Solution.Pairs) {
         if (pair.InUse) stars.push_back(&state.PlateStars[static_cast<std::size_t>(pair.Star2)]);
     }
-    if (stars.size() < 6) return false;
-    for (const std::size_t k : {2, 3, 2, 4}) {
-        area->OnClicked({stars[k]->X, stars[k]->Y});
-    }
+    if (stars.size() < 3) return false;
+    const auto fromMiddle = [&state](const PlateStar* star) {
+        return std::hypot(star->X - state.Image.Width / 2.0, star->Y - state.Image.Height / 2.0);
+    };
+    std::sort(stars.begin(), stars.end(), [&](const PlateStar* a, const PlateStar* b) {
+        return fromMiddle(a) < fromMiddle(b);
+    });
+    for (const std::size_t k : {0, 1, 0, 2}) area->OnClicked({stars[k]->X, stars[k]->Y});
     for (const char* name : {"mnuExtracted", "mnuCatalog", "mnuMagnitudes", "mnuGrid"}) {
         toggle(name);
     }
     area->ZoomTo(1);
-    const ScreenPoint star = area->View.ScreenOf({stars[4]->X, stars[4]->Y});
-    area->View.Pan(area->View.Middle().X - star.X, area->View.Middle().Y - star.Y);
-    area->OnPointerMoved({stars[4]->X, stars[4]->Y});
-    area->OnViewChanged();
+    area->OnPointerMoved({stars[2]->X, stars[2]->Y});
     good = photographer.Take("fImage", "image-close") && good;
     good = photographer.Take("fHistogram", "levels") && good;
     good = photographer.Take("fStats", "statistics") && good;

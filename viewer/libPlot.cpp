@@ -29,8 +29,8 @@ std::vector<double> RoundTicks(double low, double high, int most) {
     }
     const double slack = 1e-9;
     const double first = std::ceil(low / step - slack);
-    const double last = std::floor(high / step + slack);
-    for (double k = first; k <= last; ++k) ticks.push_back(k * step);
+    const auto count = static_cast<int>(std::floor(high / step + slack) - first) + 1;
+    for (int k = 0; k < count; ++k) ticks.push_back((first + k) * step);
     return ticks;
 }
 
