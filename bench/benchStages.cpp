@@ -11,6 +11,7 @@
 #include "app/mCommandLine.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "bench/silentPort.h"
 #include "catalog/libCatalogRegion.h"
 #include "extraction/libBackground.h"
 #include "extraction/libFilter.h"
@@ -27,18 +28,6 @@ namespace vestrel {
 namespace {
 
 namespace fs = std::filesystem;
-
-/// Shows nothing.
-class SilentPort : public Port {
- public:
-    void ShowMessage(const std::string& /*text*/, const std::string& /*title*/) override {}
-    std::optional<std::string> AskForFile(const FileDialog& /*dialog*/) override { return {}; }
-    void DisplayChanged() override {}
-    void ImageChanged() override {}
-    void ShowProgress(int /*percent*/) override {}
-    void Yield() override {}
-    void ShowBusyPointer(bool /*busy*/) override {}
-};
 
 /// A made-up sky of 12° by 12° as a catalog, and frames of its middle, in a folder of their own.
 class Sky {

@@ -9,21 +9,11 @@
 #include <algorithm>
 #include <random>
 
+#include "bench/silentPort.h"
 #include "viewer/fImage.h"
 
 namespace vestrel {
 namespace {
-
-class SilentPort : public Port {
- public:
-    void ShowMessage(const std::string& /*text*/, const std::string& /*title*/) override {}
-    std::optional<std::string> AskForFile(const FileDialog& /*dialog*/) override { return {}; }
-    void DisplayChanged() override {}
-    void ImageChanged() override {}
-    void ShowProgress(int /*percent*/) override {}
-    void Yield() override {}
-    void ShowBusyPointer(bool /*busy*/) override {}
-};
 
 /// A solved image of noise with 500 stars of each kind.
 class Scene {

@@ -19,19 +19,10 @@ namespace {
 constexpr double pi = 3.14159265358979323846;
 constexpr double arcsecond = pi / 180 / 3600;
 
-PlateImage ImageOf(int width, int height, std::int32_t offset) {
-    PlateImage image;
-    image.Width = width;
-    image.Height = height;
-    image.DataOffset = offset;
-    image.Pixels = Grid<std::int32_t>(width, height);
-    return image;
-}
-
 /// Sky of Gaussian noise, some stars, and part of the columns without data.
 PlateImage StarryImage(Random& random, double sky, double noise, double starShare,
                        double emptyShare) {
-    PlateImage image = ImageOf(400, 300, 32768);
+    PlateImage image = EmptyImage(400, 300, 32768);
     for (std::int32_t y = 0; y < image.Height; ++y) {
         for (std::int32_t x = 0; x < image.Width; ++x) {
             double count = sky + random.Normal(noise);
@@ -104,7 +95,7 @@ double DistanceFromPiece(const PixelPoint& p, const std::vector<PixelPoint>& pie
 TEST(Histogram, CountsEveryPixelOnceWhateverTheThreads) {
     Random random(4);
     for (const std::int64_t spread : {0LL, 700LL, 65535LL, 65536LL, 4294967295LL}) {
-        PlateImage image = ImageOf(193, 131, 100);
+        PlateImage image = EmptyImage(193, 131, 100);
         std::map<std::int64_t, std::int64_t> counted;
         for (std::int32_t y = 0; y < image.Height; ++y) {
             for (std::int32_t x = 0; x < image.Width; ++x) {
@@ -149,7 +140,7 @@ TEST(Levels, TheSkyIsFoundUnderStarsAndBesideEmptyBorders) {
             }
         }
     }
-    const ImageHistogram flat = MakeImageHistogram(ImageOf(50, 50, 7));
+    const ImageHistogram flat = MakeImageHistogram(EmptyImage(50, 50, 7));
     EXPECT_NEAR(EstimateSky(flat).Level, 7, 0.5);
     EXPECT_LT(LevelsFromHistogram(flat).Black, LevelsFromHistogram(flat).White);
     EXPECT_LT(LevelsFromHistogram({}).Black, LevelsFromHistogram({}).White);
