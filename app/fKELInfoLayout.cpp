@@ -203,7 +203,7 @@ QGroupBox* SolveWindow::BuildShownValues(
 
 QGroupBox* SolveWindow::BuildStatus() {
     auto* group = new QGroupBox("Status");
-    const auto addLine = [this](const char* name) {
+    const auto addLine = [](const char* name) {
         auto* label = new QLabel;
         label->setObjectName(name);
         label->setTextFormat(Qt::PlainText);
