@@ -12,6 +12,9 @@
 #include "extraction/libStarDetection.h"
 #include "image/libImage.h"
 #include "matching/libAlign.h"
+#include "matching/libConfidence.h"
+#include "matching/libQuadFile.h"
+#include "matching/libQuads.h"
 #include "settings/libSettingsFile.h"
 #include "viewer/libDisplayLevels.h"
 
@@ -42,6 +45,7 @@ struct PlateSolution {
     std::int32_t CatalogCount = 0;     ///< catalog stars of the winning region
     std::int32_t RegionsSearched = 0;  ///< the winning one included
     double MagnitudeZeroPoint = 0;     ///< mean of instrumental − catalog magnitude
+    MatchConfidence Confidence;
 };
 
 /// The solve window's numbers of the last solution; 0 until there is one.
@@ -124,6 +128,34 @@ struct SolveReport {
     StageTimes Times;
 };
 
+/// The quad tables in memory, and what they were read from.
+struct LoadedQuadTables {
+    QuadTables Tables;
+    std::filesystem::path File;  ///< empty while nothing was read
+    std::filesystem::file_time_type Modified;
+    double SmallestDiagonal = 0;  ///< the fields that the tables are for, radians
+    double LargestDiagonal = 0;
+    std::string Fault;  ///< why there are no tables for a field, in words
+};
+
+/// What the last quad search left.
+struct QuadSearch {
+    std::int32_t Searched = 0;      ///< image quads looked up
+    std::int32_t Candidates = 0;    ///< table quads of the same shape
+    std::int32_t FourStarFits = 0;  ///< orderings of candidates that passed as a plate
+    StarMatchList Pairs;            ///< 1-based: stars of `Reference`, stars of the image
+    std::int32_t PairCount = 0;     ///< 0 when nothing matched
+    PlateStarList Reference;        ///< 1-based: the quad's four stars, then the stars around it
+    PlateConstants Transform;       ///< arcseconds about `Tangent` to pixels
+    FitGeometry Geometry;
+    double FitError = 0;  ///< root mean square, pixels
+    SkyPosition Tangent;
+    SkyPosition Centre;  ///< of the image
+    MatchConfidence Confidence;
+    double Seconds = 0;
+    std::vector<std::string> Messages;  ///< the lines of the test list
+};
+
 struct ProgramState {
     PlateImage Image;
     bool ImageLoaded = false;
@@ -149,6 +181,8 @@ struct ProgramState {
 
     Projection Plane;
     CatalogCache Catalog;
+    LoadedQuadTables Quads;
+    QuadSearch QuadMatch;
     PlateSolution Solution;
     ShownGeometry Geometry;
     SkyPosition SolvedCentre;

@@ -49,6 +49,7 @@ int Run(int argc, char** argv) {
     int exitCode = ExitGood;
     AddBuildCommand(program, exitCode);
     AddInfoCommand(program, exitCode);
+    AddQuadsCommand(program, exitCode);
     AddRenderCommand(program, exitCode);
     AddVerifyCommand(program, exitCode);
     try {

@@ -1,0 +1,71 @@
+#include "matching/libConfidence.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "astro/libMath.h"
+
+namespace vestrel {
+
+namespace {
+
+/// The first free image star within the tolerance of a place; 0 when there is none.
+std::int32_t StarMet(const MatchEvidence& evidence, const std::vector<bool>& met, double x,
+                     double y) {
+    for (std::int32_t i = 1; i <= evidence.ImageCount; ++i) {
+        const PlateStar& star = evidence.ImageStars[static_cast<std::size_t>(i)];
+        const double distance =
+            std::hypot(static_cast<double>(star.X) - x, static_cast<double>(star.Y) - y);
+        if (!met[static_cast<std::size_t>(i)] && distance < evidence.Tolerance) return i;
+    }
+    return 0;
+}
+
+}  // namespace
+
+double Log10BinomialTail(std::int32_t n, std::int32_t k, double p) {
+    if (k <= 0 || p >= 1) return 0;
+    if (k > n || !(p > 0)) return -999;
+    // The terms are summed relative to the first one. It is the largest when more than the mean is
+    // asked for; otherwise the sum is about 1, which no term exceeds.
+    const auto logTerm = [n, p](std::int32_t i) {
+        return std::lgamma(n + 1.0) - std::lgamma(i + 1.0) - std::lgamma(n - i + 1.0) +
+               i * std::log(p) + (n - i) * std::log1p(-p);
+    };
+    const double first = logTerm(k);
+    double sum = 0;
+    for (std::int32_t i = k; i <= n; ++i) sum += std::exp(std::min(logTerm(i) - first, 600.0));
+    return std::clamp((first + std::log(sum)) / std::log(10.0), -999.0, 0.0);
+}
+
+MatchConfidence ConfidenceOf(const PlateConstants& plate, const MatchEvidence& evidence) {
+    MatchConfidence confidence;
+    std::vector<bool> met(static_cast<std::size_t>(evidence.ImageCount) + 1);
+    for (std::int32_t c = 1; c <= evidence.CatalogCount; ++c) {
+        const PlateStar& star = evidence.CatalogStars[static_cast<std::size_t>(c)];
+        double x = 0;
+        double y = 0;
+        ApplyPlateFit(plate, static_cast<double>(star.X), static_cast<double>(star.Y), x, y);
+        const bool inside =
+            x > -0.5 && y > -0.5 && x < evidence.Width - 0.5 && y < evidence.Height - 0.5;
+        if (!inside) continue;
+        ++confidence.Candidates;
+        const std::int32_t image = StarMet(evidence, met, x, y);
+        if (image == 0) continue;
+        met[static_cast<std::size_t>(image)] = true;
+        ++confidence.Matched;
+    }
+    const std::int32_t trials = std::max(confidence.Candidates - evidence.StarsFitted, 0);
+    const std::int32_t successes = std::max(confidence.Matched - evidence.StarsFitted, 0);
+    const double density = std::max(evidence.ImageCount - evidence.StarsFitted, 0) /
+                           (static_cast<double>(evidence.Width) * evidence.Height);
+    const double chance = 1 - std::exp(-density * Pi * evidence.Tolerance * evidence.Tolerance);
+    confidence.ExpectedByChance = trials * chance;
+    confidence.Log10FalseAlarm = std::min(Log10BinomialTail(trials, successes, chance) +
+                                              std::log10(std::max(evidence.Placements, 1.0)),
+                                          0.0);
+    return confidence;
+}
+
+}  // namespace vestrel

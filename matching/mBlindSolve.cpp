@@ -1,0 +1,90 @@
+#include "matching/mBlindSolve.h"
+
+#include <algorithm>
+#include <array>
+#include <numeric>
+#include <vector>
+
+#include "extraction/mStarExtraction.h"
+#include "matching/mMORA.h"
+#include "matching/mPlateMatch.h"
+
+namespace vestrel {
+
+namespace {
+
+/// Places of three stars in the list, in rising order.
+using Triple = std::array<std::int32_t, 3>;
+
+/// The triples of the brightest stars, those of the brightest ones first.
+std::vector<Triple> BrightTriples(std::int32_t imageCount) {
+    constexpr std::int32_t brightStars = 6;
+    const std::int32_t n = std::min(brightStars, imageCount - 1);
+    std::vector<Triple> triples;
+    for (std::int32_t a = 1; a <= n; ++a) {
+        for (std::int32_t b = a + 1; b <= n; ++b) {
+            for (std::int32_t c = b + 1; c <= n; ++c) triples.push_back({a, b, c});
+        }
+    }
+    const auto sum = [](const Triple& t) { return std::accumulate(t.begin(), t.end(), 0); };
+    std::stable_sort(triples.begin(), triples.end(),
+                     [&sum](const Triple& a, const Triple& b) { return sum(a) < sum(b); });
+    return triples;
+}
+
+/// The list without the stars before the triple's last one that are not of the triple.
+PlateStarList ThinnedList(const PlateStarList& stars, std::int32_t count, const Triple& kept) {
+    PlateStarList thinned(1);
+    for (std::int32_t i = 1; i <= count; ++i) {
+        if (i > kept.back() || std::find(kept.begin(), kept.end(), i) != kept.end()) {
+            thinned.push_back(stars[static_cast<std::size_t>(i)]);
+        }
+    }
+    return thinned;
+}
+
+/// Searches with the list as it is (the first triple leaves nothing out), then with thinner ones.
+bool SearchForCentre(ProgramState& state, Port& port, double width, double height,
+                     double tolerance) {
+    const QuadJudge sure = [](const QuadSearch& search) {
+        return search.Confidence.Log10FalseAlarm <= SureLog10FalseAlarm;
+    };
+    for (const Triple& triple : BrightTriples(state.PlateStarCount)) {
+        const PlateStarList stars = ThinnedList(state.PlateStars, state.PlateStarCount, triple);
+        if (SearchQuads(state, port, stars, static_cast<std::int32_t>(stars.size()) - 1, width,
+                        height, tolerance, sure)) {
+            return true;
+        }
+        if (state.StopRequested) return false;
+    }
+    return false;
+}
+
+}  // namespace
+
+std::int16_t SolveBlind(ProgramState& state, Port& port, double& ra, double& dec, double plateWidth,
+                        double plateHeight, double matchTolerance, bool useStars) {
+    if (!useStars) BeginSolve(state);
+    state.Report.RegionsTried = 0;
+    state.QuadMatch = {};
+    return WithinMemory(state, port, [&] {
+        if (!useStars && !FindPlateStars(state, port)) return SolveCode::TooFewStars;
+        ShowStatus(state, port, "Searching Quads");
+        const bool found = LoadQuadTables(state, plateWidth, plateHeight) &&
+                           SearchForCentre(state, port, plateWidth, plateHeight, matchTolerance);
+        if (!found) {
+            const bool stopped = state.StopRequested;
+            ShowStatus(state, port, stopped ? "Search Terminated" : "No Match Found",
+                       StatusColour::Red);
+            return stopped ? SolveCode::Stopped : SolveCode::NoMatch;
+        }
+        // The centre that few stars near a corner give may be off by a small part of the field.
+        constexpr std::int32_t regions = 9;
+        ra = state.QuadMatch.Centre.Ra;
+        dec = state.QuadMatch.Centre.Dec;
+        return MatchPlateStars(state, port, ra, dec, plateWidth, plateHeight, regions,
+                               matchTolerance);
+    });
+}
+
+}  // namespace vestrel

@@ -1,0 +1,22 @@
+// A solve without a starting centre: quads find it, the star-list matcher measures.
+#pragma once
+
+#include <cstdint>
+
+#include "app/mGeneral.h"
+
+namespace vestrel {
+
+/// Solves the loaded image from the size of its field alone.
+///
+/// Searches the quad tables until a match is sure, and then solves from its centre like
+/// `SolvePlate`: the result is that solve's, in every respect. When the star list as it is finds
+/// nothing, it is searched again with some of its brightest stars left out, as in a narrow field
+/// all quads share the three brightest, and one that the catalog lacks spoils them all.
+/// @param ra, dec J2000 image centre (radians) on success
+/// @param useStars take the plate stars of a solve that has just failed
+/// @return a `SolveCode`; `Quads.Fault` tells when there are no tables
+std::int16_t SolveBlind(ProgramState& state, Port& port, double& ra, double& dec, double plateWidth,
+                        double plateHeight, double matchTolerance, bool useStars);
+
+}  // namespace vestrel
