@@ -108,6 +108,11 @@ std::string SolutionText(const ProgramState& state) {
                             std::to_string(solution.CatalogCount) + " in catalog, " +
                             std::to_string(solution.MatchedCount) + " matched");
     table.Line("RMS", state.Display.RmsDifference + " (" + Fixed(solution.Rms, 3) + " px)");
+    if (state.Report.Blind) {
+        const QuadSearch& quads = state.QuadMatch;
+        table.Line("Found by quads", std::to_string(quads.Searched) + " looked up, " +
+                                         std::to_string(quads.FourStarFits) + " tried as plates");
+    }
     table.Line("Regions searched", std::to_string(solution.RegionsSearched));
     for (const std::string& caution : Cautions(state)) table.Line("Doubtful", caution);
     return table.Take();
@@ -156,6 +161,12 @@ std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
     }
     if (code != SolveCode::NoMatch) return advice;
     const SolveReport& report = state.Report;
+    if (report.Blind && report.RegionsTried == 0) {
+        advice.push_back(std::string("check the size of the field (") + words.FieldSize +
+                         "): it decides which quads are compared");
+        advice.push_back(std::string("give the approximate centre (") + words.Ra + ")");
+        return advice;
+    }
     if (report.CatalogAtStart == CatalogPresence::FolderMissing ||
         report.CatalogAtStart == CatalogPresence::NoCells) {
         advice.push_back(
@@ -184,7 +195,15 @@ std::string FailureText(const ProgramState& state, std::int16_t code, const Inpu
     table.Line("Stars found", std::to_string(state.Extraction.StarsFound) +
                                   (report.Smoothed ? " (after smoothing)" : "") + ", sky noise " +
                                   Fixed(state.Extraction.BackgroundSigma, 1) + " counts");
-    if (code == SolveCode::NoMatch || code == SolveCode::Stopped) {
+    if (report.Blind && code != SolveCode::TooFewStars) {
+        const QuadSearch& quads = state.QuadMatch;
+        table.Line("Quads", state.Quads.Fault.empty()
+                                ? std::to_string(quads.Searched) + " looked up, " +
+                                      std::to_string(quads.Candidates) + " of the same shape, " +
+                                      std::to_string(quads.FourStarFits) + " tried as plates"
+                                : state.Quads.Fault);
+    }
+    if (report.RegionsTried > 0 && (code == SolveCode::NoMatch || code == SolveCode::Stopped)) {
         const std::string complaint = CatalogComplaint(state);
         table.Line("Catalog", complaint.empty()
                                   ? std::to_string(report.CatalogStarsAtStart) +
