@@ -90,6 +90,20 @@ ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& 
     return {angle, firstRowAtTop ? solution.Stretch > 0 : solution.Stretch < 0};
 }
 
+std::string ConfidenceText(const MatchConfidence& confidence) {
+    constexpr double smallestShown = 0.05;
+    constexpr double likely = -3;
+    const double log = confidence.Log10FalseAlarm;
+    return std::to_string(confidence.Matched) + " of " +
+           Count(confidence.Candidates, "catalog star", "catalog stars") +
+           " in the frame matched, " +
+           (confidence.ExpectedByChance < smallestShown ? "fewer than 0.1"
+                                                        : Fixed(confidence.ExpectedByChance, 1)) +
+           " expected by chance; false alarm " +
+           (log > likely ? RoundedText(std::pow(10, log), 3)
+                         : "below 1e" + std::to_string(static_cast<int>(std::ceil(log))));
+}
+
 std::string SolutionText(const ProgramState& state) {
     const PlateSolution& solution = state.Solution;
     const ImageOrientation orientation = OrientationOf(solution, state.Image);
@@ -114,6 +128,9 @@ std::string SolutionText(const ProgramState& state) {
                                          std::to_string(quads.FourStarFits) + " tried as plates");
     }
     table.Line("Regions searched", std::to_string(solution.RegionsSearched));
+    if (solution.Confidence.Candidates > 0) {
+        table.Line("Certainty", ConfidenceText(solution.Confidence));
+    }
     for (const std::string& caution : Cautions(state)) table.Line("Doubtful", caution);
     return table.Take();
 }

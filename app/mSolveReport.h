@@ -18,6 +18,10 @@ struct ImageOrientation {
 };
 ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& image);
 
+/// How sure a match is: "17 of 24 catalog stars in the frame matched, 0.6 expected by chance; false
+/// alarm below 1e-12".
+std::string ConfidenceText(const MatchConfidence& confidence);
+
 /// A solution as lines of "label   value", ready to print.
 std::string SolutionText(const ProgramState& state);
 
