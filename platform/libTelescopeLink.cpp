@@ -60,8 +60,9 @@ TelescopeLink::TelescopeLink(TelescopeFactory create) : shared_(std::make_shared
 }
 
 TelescopeLink::~TelescopeLink() {
-    if (!usable_) return;
+    const bool idle = usable_;
     Leave();
+    if (!idle) return;
     std::unique_lock lock(shared_->Lock);
     shared_->Changed.wait_for(lock, farewell, [this] { return shared_->Gone; });
 }
@@ -88,7 +89,6 @@ void TelescopeLink::Serve(const std::shared_ptr<Shared>& shared) {
 
 void TelescopeLink::Leave() {
     const std::lock_guard lock(shared_->Lock);
-    usable_ = false;
     shared_->Ending = true;
     shared_->Changed.notify_all();
 }
@@ -96,13 +96,15 @@ void TelescopeLink::Leave() {
 double TelescopeLink::Run(Call call, milliseconds limit, const std::function<bool()>& goOn) {
     if (!usable_) throw TelescopeError("the link has been given up");
     const auto end = steady_clock::now() + limit;
+    usable_ = false;
     Outcome outcome;
     {
         std::unique_lock lock(shared_->Lock);
         shared_->Result.reset();
         shared_->Pending = std::move(call);
         shared_->Changed.notify_all();
-        while (!shared_->Changed.wait_for(lock, askEvery, [this] { return shared_->Result; })) {
+        while (!shared_->Changed.wait_for(lock, askEvery,
+                                          [this] { return shared_->Result.has_value(); })) {
             lock.unlock();
             const bool over = steady_clock::now() >= end;
             if (over || !goOn()) {
@@ -117,6 +119,7 @@ double TelescopeLink::Run(Call call, milliseconds limit, const std::function<boo
         Leave();
         throw TelescopeError(*outcome.Failure);
     }
+    usable_ = true;
     return outcome.Value;
 }
 

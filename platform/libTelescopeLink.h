@@ -31,10 +31,11 @@ class TelescopeLink {
  private:
     struct Shared;
     static void Serve(const std::shared_ptr<Shared>& shared);
+    /// Lets the driver go as soon as it returns.
     void Leave();
 
     std::shared_ptr<Shared> shared_;
-    bool usable_ = true;
+    bool usable_ = true;  ///< no call is under way, and none has failed
 };
 
 }  // namespace vestrel
