@@ -183,6 +183,7 @@ class Client : public INDI::BaseClient {
     void newMessage(INDI::BaseDevice device, int index) override {
         const std::lock_guard lock(lock_);
         message_ = device.messageQueue(static_cast<std::size_t>(index));
+        message_.erase(message_.find_last_not_of(' ') + 1);
     }
     void serverDisconnected(int) override {
         const std::lock_guard lock(lock_);
@@ -253,13 +254,12 @@ class IndiTelescope : public TelescopeDriver {
 
     void SyncToCoordinates(double hours, double degrees) override {
         const auto end = End();
-        Client& client = Connected();
+        Client& client = Begin();
         const Property use = client.Copy(coordinateUse);
         if (!use.Values.contains(syncElement)) throw TelescopeError("the mount cannot be synced");
         const auto before = std::find_if(use.Values.begin(), use.Values.end(),
                                          [](const auto& value) { return value.second == 1; });
         Switch(coordinateUse, syncElement, end, "the mount does not accept a sync");
-        client.ForgetMessage();
         client.Listen(coordinates);
         client.SendCoordinates(hours, degrees);
         // Mounts tell their coordinates all the time. As they answer in turn, the answer about the
@@ -280,15 +280,17 @@ class IndiTelescope : public TelescopeDriver {
     steady_clock::time_point End() const {
         return steady_clock::now() + limits_.Call - TelescopeLimits::Margin;
     }
-    Client& Connected() const {
+    /// The client, with nothing said yet about what comes next.
+    Client& Begin() const {
         if (!client_) throw TelescopeError("not connected");
+        client_->ForgetMessage();
         return *client_;
     }
 
     /// Sets one switch of a row and waits for the answer.
     void Switch(const char* name, const std::string& element, steady_clock::time_point end,
                 const char* otherwise) {
-        Client& client = Connected();
+        Client& client = *client_;
         client.Listen(name);
         client.SendSwitch(name, element);
         client.WaitUntil(end, otherwise, [&] {
@@ -303,10 +305,11 @@ class IndiTelescope : public TelescopeDriver {
     }
 
     double Coordinate(const char* element) {
+        Client& client = Begin();
         // Connected already, the mount only says so: a server that is dead without a word would
         // leave its last coordinates standing.
         Switch(connection, connectElement, End(), "the mount does not answer");
-        const Property told = Connected().Copy(coordinates);
+        const Property told = client.Copy(coordinates);
         const auto value = told.Values.find(element);
         if (value == told.Values.end()) throw TelescopeError("the mount tells no coordinates");
         if (told.State == IPS_ALERT) throw TelescopeError("the mount does not know where it is");
