@@ -23,6 +23,7 @@ const std::string errorTitle = std::string(ProgramTitle) + " Error";
 
 /// Shows what goes on with the telescope; the text may come from its driver.
 void Tell(ProgramState& state, Port& port, const std::string& text, StatusColour colour) {
+    state.Display.Status1 = {"", StatusColour::Black, false};  // it belongs to the solve
     ShowStatus(state, port, WithoutControls("Telescope: " + text), colour);
 }
 
