@@ -42,6 +42,10 @@ std::vector<std::string> FitsCards(int bitPix, int width, int height,
 /// Pixels as big-endian bytes: 8-bit unsigned, 16-bit signed or 32-bit floating-point.
 std::string FitsPixels(int bitPix, std::span<const double> values);
 
+/// Sets an environment variable of this process, or removes it.
+void SetVariable(const char* name, const std::filesystem::path& value);
+void UnsetVariable(const char* name);
+
 /// Sets how many threads the kernels use for as long as it lives.
 class ThreadsForNow {
  public:
