@@ -80,6 +80,7 @@ class SolveWindow : public QMainWindow {
 
     // What the state says, put on the screen.
     void ShowState();
+    void ShowTexts();
     void ShowInputs();
     void ShowStatusLine(QLabel* label, const StatusLine& line);
     void ShowProgressPercent(int percent);
@@ -90,6 +91,10 @@ class SolveWindow : public QMainWindow {
     void Run(const std::function<void()>& command);
     void Match();
     void Stop();
+    void LoadTelescope();
+    void SyncTelescope();
+    /// Stop Search takes the focus: it is the command for the time until the telescope answers.
+    void FocusStop();
     void ConnectWindows();
     void MarkStars();
     /// Opens a window, or brings it to the front.
@@ -98,10 +103,12 @@ class SolveWindow : public QMainWindow {
     void ShowHelp();
     void ShowAbout();
     void Tick();
+    void TickClock();
 
     ProgramState& state_;
     WindowPort port_;
     QTimer countdown_;
+    QTimer clock_;
     QTimer openDropped_;
     std::string droppedFile_;
     int exitCode_ = 0;
@@ -117,6 +124,7 @@ class SolveWindow : public QMainWindow {
     QAction* copyAction_ = nullptr;
     QMenu* recentMenu_ = nullptr;
     QPushButton* stopButton_ = nullptr;
+    QPushButton* syncButton_ = nullptr;
     QPushButton* unitsButton_ = nullptr;
     QGroupBox* centrePanel_ = nullptr;
     QLabel* nameLabel_ = nullptr;

@@ -29,7 +29,7 @@ double LocalSiderealTime(double julianDate, double longitude);
 double ObserverLongitude(const LocalTime& time);
 
 /// Precesses a position from the mean equator and equinox of one Julian date to those of another:
-/// IAU 1976 without its cubic terms, 0.005" over fifty years. Nutation and aberration are left out.
+/// IAU 1976 without its cubic terms, 0.007" over fifty years. Nutation and aberration are left out.
 /// @return right ascension in 0..2π
 SkyPosition Precess(const SkyPosition& position, double fromJulianDate, double toJulianDate);
 

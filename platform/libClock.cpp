@@ -70,11 +70,13 @@ LocalTime LocalTimeAt(system_clock::time_point moment) {
             static_cast<int>(SecondsOf(universal) - SecondsOf(local)),
             static_cast<int>((zone.Bias + zone.StandardBias) * 60)};
 #else
-    // Summer time is ahead, whichever half of the year it is in and whatever the zone calls it.
-    constexpr std::time_t halfYear = 182 * 86400;
     std::tm local{};
-    const int standard = std::max(BiasAt(seconds, local), BiasAt(seconds + halfYear, local));
     const int bias = BiasAt(seconds, local);
+    // Summer time is ahead, whichever end of the year it is at and whatever the zone calls it.
+    std::tm ignored{};
+    const std::time_t newYear = seconds - local.tm_yday * std::time_t{86400};
+    const int standard =
+        std::max(BiasAt(newYear, ignored), BiasAt(newYear + std::time_t{182} * 86400, ignored));
     return {local.tm_year + 1900, local.tm_mon + 1,        local.tm_mday, local.tm_hour,
             local.tm_min,         local.tm_sec + fraction, bias,          standard};
 #endif
