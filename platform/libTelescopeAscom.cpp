@@ -5,7 +5,6 @@
 #include <oleauto.h>
 
 #include <array>
-#include <cmath>
 #include <cstdio>
 #include <initializer_list>
 #include <string>
@@ -130,8 +129,7 @@ class AscomDriver : public TelescopeDriver {
         Invoke(member, DISPATCH_PROPERTYGET, {}, value);
         // Drivers answer in any type of number, some in text; a text is read without the locale.
         if (V_VT(value.Get()) == VT_EMPTY || V_VT(value.Get()) == VT_NULL ||
-            FAILED(VariantChangeTypeEx(value.Get(), value.Get(), LOCALE_INVARIANT, 0, VT_R8)) ||
-            !std::isfinite(V_R8(value.Get()))) {
+            FAILED(VariantChangeTypeEx(value.Get(), value.Get(), LOCALE_INVARIANT, 0, VT_R8))) {
             throw TelescopeError(std::string(member) + " is no number");
         }
         return V_R8(value.Get());

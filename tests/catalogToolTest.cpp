@@ -356,8 +356,14 @@ struct TableOutcome {
 };
 
 TableOutcome ReadTable(const std::string& text, const StarTableOptions& options = {}) {
+#ifdef _WIN32
+    const TemporaryFolder folder;
+    WriteFile(folder / "table", text);
+    const FileHandle file = OpenFile(folder / "table", "rb");
+#else
     std::string copy = text;
     const FileHandle file(fmemopen(copy.data(), copy.size(), "r"));
+#endif
     TableOutcome outcome;
     ProgressLine silent(stdout);
     outcome.Result = ReadStarTable(
@@ -497,7 +503,7 @@ TEST(CatalogFolder, TheOldCatalogStaysUntilTheNewOneTakesItsPlace) {
 TEST(CatalogFolder, WhatADeadBuildLeftIsRepaired) {
     const TemporaryFolder folder;
     const std::string dead = "999999999";  // beyond any process number
-    const std::string alive = std::to_string(getppid());
+    const std::string alive = std::to_string(OtherProcess());
     for (const std::string& name : {"KEL.building-" + dead, "KEL.replaced-" + dead,
                                     "KEL.building-" + alive, "KEL.building-" + dead + "x"}) {
         fs::create_directory(folder / name);

@@ -227,14 +227,10 @@ TEST_F(Settings, SavingReplacesTheFileWholeOrNotAtAll) {
 }
 
 #ifdef _WIN32
-TEST(SettingsPlace, IsTheUsersApplicationDataUnlessTheFileIsBesideTheProgram) {
+TEST(SettingsPlace, IsTheUsersApplicationData) {
     const std::filesystem::path data = _wgetenv(L"APPDATA");
     EXPECT_EQ(SettingsFilePath(), data / "Vestrel" / "Vestrel.ini");
     EXPECT_EQ(RecentImagesFilePath(), data / "Vestrel" / "recent-images");
-    const std::filesystem::path beside = ProgramFolder() / "Vestrel.ini";
-    WriteFile(beside, "");
-    EXPECT_EQ(SettingsFilePath(), beside);
-    std::filesystem::remove(beside);
     EXPECT_EQ(DefaultCatalogFolder(),
               std::filesystem::path(_wgetenv(L"ProgramData")) / "Harrowdene" / "KEL");
     SetVariable("VESTREL_CATALOG", L"C:\\\x43C\xFC\x2605");

@@ -40,6 +40,7 @@ namespace {
 
 int Run(int argc, const char* const* argv) {
     CLI::App program("Makes, describes and checks the star catalog of Vestrel.", "vestrel-catalog");
+    program.allow_windows_style_options(false);  // a path may begin with "/" there too
     program.set_version_flag("--version", "vestrel-catalog " VESTREL_VERSION);
     program.require_subcommand(1);
     program.footer(
