@@ -23,6 +23,7 @@ const std::string errorTitle = std::string(ProgramTitle) + " Error";
 
 /// Shows what goes on with the telescope; the text may come from its driver.
 void Tell(ProgramState& state, Port& port, const std::string& text, StatusColour colour) {
+    state.Display.Status1 = {"", StatusColour::Black, false};  // it belongs to the solve
     ShowStatus(state, port, WithoutControls("Telescope: " + text), colour);
 }
 
@@ -86,10 +87,13 @@ std::string DayTimeText(double seconds) {
 void UpdateClock(ProgramState& state) {
     const LocalTime time = LocalTimeAt(std::chrono::system_clock::now());
     state.JulianDate = JulianDate(time);
+    // Digits of a constant number, so that the text stands still.
+    const auto fraction = static_cast<int>(std::fmod(state.JulianDate, 1) * 100000);
     const double sidereal = LocalSiderealTime(state.JulianDate, ObserverLongitude(time));
     // A Julian date counts from noon.
     state.Display.Clock = "UT " + DayTimeText((state.JulianDate + 0.5) * 86400) + "   JD " +
-                          NumberText(std::floor(state.JulianDate * 1e5) / 1e5) + "   LST " +
+                          NumberText(std::floor(state.JulianDate)) + "." +
+                          std::to_string(100000 + fraction).substr(1) + "   LST " +
                           DayTimeText(sidereal * 3600);
 }
 

@@ -7,9 +7,12 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdlib>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -86,7 +89,9 @@ std::optional<Address> ParseAddress(std::string_view text) {
 struct Property {
     IPState State = IPS_IDLE;
     std::map<std::string, double, std::less<>> Values;  ///< of a switch 1 when on
-    int Changes = 0;                                    ///< how often it has been heard of
+    // Since it was listened to:
+    bool Heard = false;
+    bool Agreed = false;
     bool Alerted = false;
 };
 
@@ -135,16 +140,18 @@ class Client : public INDI::BaseClient {
         if (property == nullptr) throw TelescopeError("the mount has no " + std::string(name));
         return *property;
     }
-    /// From now on an alert is one about what is asked next. @return changes so far
-    int Listen(const char* name) {
+    /// From now on what is heard of a property is about what is asked next.
+    void Listen(const char* name) {
         const std::lock_guard lock(lock_);
         Property* property = Known(name);
         if (property == nullptr) throw TelescopeError("the mount has no " + std::string(name));
-        property->Alerted = false;
-        message_.clear();
-        return property->Changes;
+        property->Heard = property->Agreed = property->Alerted = false;
     }
-    /// What the device has said since, to be put behind a complaint.
+    void ForgetMessage() {
+        const std::lock_guard lock(lock_);
+        message_.clear();
+    }
+    /// The device's last message, to be put behind a complaint.
     std::string Complaint() {
         const std::lock_guard lock(lock_);
         return Said();
@@ -176,6 +183,7 @@ class Client : public INDI::BaseClient {
     void newMessage(INDI::BaseDevice device, int index) override {
         const std::lock_guard lock(lock_);
         message_ = device.messageQueue(static_cast<std::size_t>(index));
+        message_.erase(message_.find_last_not_of(' ') + 1);
     }
     void serverDisconnected(int) override {
         const std::lock_guard lock(lock_);
@@ -190,8 +198,9 @@ class Client : public INDI::BaseClient {
         const std::lock_guard lock(lock_);
         Property& known = known_[property.getName()];
         known.State = property.getState();
+        known.Heard = true;
+        known.Agreed = known.Agreed || known.State == IPS_OK;
         known.Alerted = known.Alerted || known.State == IPS_ALERT;
-        ++known.Changes;
         if (property.getType() == INDI_NUMBER) {
             for (const auto& number : *property.getNumber()) {
                 known.Values[number.getName()] = number.getValue();
@@ -215,7 +224,13 @@ class Client : public INDI::BaseClient {
 
 class IndiTelescope : public TelescopeDriver {
  public:
-    explicit IndiTelescope(Address address) : address_(std::move(address)) {}
+    explicit IndiTelescope(Address address) : address_(std::move(address)) {
+        // The client library writes to servers that have gone; its thread inherits this.
+        sigset_t pipe{};
+        sigemptyset(&pipe);
+        sigaddset(&pipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+    }
 
     void SetConnected(bool connected) override {
         client_.reset();
@@ -239,46 +254,48 @@ class IndiTelescope : public TelescopeDriver {
 
     void SyncToCoordinates(double hours, double degrees) override {
         const auto end = End();
-        Client& client = Connected();
+        Client& client = Begin();
         const Property use = client.Copy(coordinateUse);
         if (!use.Values.contains(syncElement)) throw TelescopeError("the mount cannot be synced");
         const auto before = std::find_if(use.Values.begin(), use.Values.end(),
                                          [](const auto& value) { return value.second == 1; });
         Switch(coordinateUse, syncElement, end, "the mount does not accept a sync");
-        const int heard = client.Listen(coordinates);
+        client.Listen(coordinates);
         client.SendCoordinates(hours, degrees);
-        // Mounts tell their coordinates all the time. As they answer in turn, the one about the
+        // Mounts tell their coordinates all the time. As they answer in turn, the answer about the
         // sync has come when the next request is answered; and other programs find the switch as
         // they left it.
         Switch(coordinateUse, before == use.Values.end() ? syncElement : before->first, end,
                "the mount does not answer");
-        client.WaitUntil(end, "the mount does not end the sync", [&] {
+        // A parked mount sends no alert. It only says so, and does not agree.
+        constexpr const char* refused = "the mount refuses the sync";
+        client.WaitUntil(end, refused, [&client] {
             const Property* told = client.Known(coordinates);
-            return told != nullptr && told->Changes > heard && told->State != IPS_BUSY;
+            return told != nullptr && (told->Agreed || told->Alerted);
         });
-        if (client.Copy(coordinates).Alerted) {
-            throw TelescopeError("the mount refuses the sync" + client.Complaint());
-        }
+        if (client.Copy(coordinates).Alerted) throw TelescopeError(refused + client.Complaint());
     }
 
  private:
     steady_clock::time_point End() const {
         return steady_clock::now() + limits_.Call - TelescopeLimits::Margin;
     }
-    Client& Connected() const {
+    /// The client, with nothing said yet about what comes next.
+    Client& Begin() const {
         if (!client_) throw TelescopeError("not connected");
+        client_->ForgetMessage();
         return *client_;
     }
 
     /// Sets one switch of a row and waits for the answer.
     void Switch(const char* name, const std::string& element, steady_clock::time_point end,
                 const char* otherwise) {
-        Client& client = Connected();
-        const int heard = client.Listen(name);
+        Client& client = *client_;
+        client.Listen(name);
         client.SendSwitch(name, element);
         client.WaitUntil(end, otherwise, [&] {
             const Property* told = client.Known(name);
-            return told != nullptr && told->Changes > heard && told->State != IPS_BUSY;
+            return told != nullptr && told->Heard && told->State != IPS_BUSY;
         });
         const Property told = client.Copy(name);
         const auto value = told.Values.find(element);
@@ -288,10 +305,11 @@ class IndiTelescope : public TelescopeDriver {
     }
 
     double Coordinate(const char* element) {
+        Client& client = Begin();
         // Connected already, the mount only says so: a server that is dead without a word would
         // leave its last coordinates standing.
         Switch(connection, connectElement, End(), "the mount does not answer");
-        const Property told = Connected().Copy(coordinates);
+        const Property told = client.Copy(coordinates);
         const auto value = told.Values.find(element);
         if (value == told.Values.end()) throw TelescopeError("the mount tells no coordinates");
         if (told.State == IPS_ALERT) throw TelescopeError("the mount does not know where it is");
