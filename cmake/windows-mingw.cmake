@@ -20,9 +20,10 @@ set(PKG_CONFIG_ARGN --static)
 set(CMAKE_EXE_LINKER_FLAGS_INIT -static)
 set(CMAKE_SHARED_LINKER_FLAGS_INIT -static)
 
-# The programs run in a Windows of the build folder's own, whose drive C: is empty at first.
+# The programs run in a Windows of the build folder's own. Names beyond ASCII pass in UTF-8 only.
 find_program(VESTREL_WINE NAMES wine wine64)
 if(VESTREL_WINE)
-    set(CMAKE_CROSSCOMPILING_EMULATOR env WINEPREFIX=${CMAKE_BINARY_DIR}/wine WINEDEBUG=-all
-        WINEDLLOVERRIDES=mscoree,mshtml,winemenubuilder.exe= ${VESTREL_WINE})
+    set(VESTREL_WINE_ENVIRONMENT WINEPREFIX=${CMAKE_BINARY_DIR}/wine WINEDEBUG=-all LC_ALL=C.UTF-8
+        WINEDLLOVERRIDES=mscoree,mshtml,winemenubuilder.exe=)
+    set(CMAKE_CROSSCOMPILING_EMULATOR env ${VESTREL_WINE_ENVIRONMENT} ${VESTREL_WINE})
 endif()
