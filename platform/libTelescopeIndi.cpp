@@ -33,6 +33,7 @@ constexpr const char* connectElement = "CONNECT";
 constexpr const char* coordinates = "EQUATORIAL_EOD_COORD";  // of the current date
 constexpr const char* coordinateUse = "ON_COORD_SET";
 constexpr const char* syncElement = "SYNC";
+constexpr const char* serverGone = "the INDI server has gone";
 
 struct Address {
     std::string Host;
@@ -124,7 +125,7 @@ class Client : public INDI::BaseClient {
     void WaitUntil(steady_clock::time_point end, const char* what, Condition condition) {
         std::unique_lock lock(lock_);
         changed_.wait_until(lock, end, [&] { return gone_ || condition(); });
-        if (gone_) throw TelescopeError("the INDI server has gone");
+        if (gone_) throw TelescopeError(serverGone);
         if (!condition()) throw TelescopeError(what + Said());
     }
     /// What is known of a property, if it exists; only for use within a condition.
@@ -135,7 +136,7 @@ class Client : public INDI::BaseClient {
     /// A copy of what is known of a property.
     Property Copy(const char* name) {
         const std::lock_guard lock(lock_);
-        if (gone_) throw TelescopeError("the INDI server has gone");
+        if (gone_) throw TelescopeError(serverGone);
         const Property* property = Known(name);
         if (property == nullptr) throw TelescopeError("the mount has no " + std::string(name));
         return *property;
@@ -143,6 +144,8 @@ class Client : public INDI::BaseClient {
     /// From now on what is heard of a property is about what is asked next.
     void Listen(const char* name) {
         const std::lock_guard lock(lock_);
+        // The library is not to write to a server that has gone: its threads race for its error.
+        if (gone_) throw TelescopeError(serverGone);
         Property* property = Known(name);
         if (property == nullptr) throw TelescopeError("the mount has no " + std::string(name));
         property->Heard = property->Agreed = property->Alerted = false;

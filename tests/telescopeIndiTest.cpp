@@ -18,6 +18,11 @@
 #include "astro/libTime.h"
 #include "tests/testSupport.h"
 
+/// INDI's library is not built for the thread sanitizer, which cannot see how its threads agree.
+extern "C" const char* __tsan_default_suppressions() {  // NOLINT(*-reserved-identifier)
+    return "called_from_lib:libindiclient.so\nrace:TcpSocketPrivate\n";
+}
+
 namespace vestrel {
 
 namespace {
@@ -28,52 +33,43 @@ using std::chrono::steady_clock;
 
 const Texts noConnection{"Vestrel 1.13 Error: Can't connect to SiTech"};
 
-/// A socket on this machine; of any free port when it is 0.
-class Socket {
- public:
-    explicit Socket(int port) : Number(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        Address.sin_family = AF_INET;
-        Address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        Address.sin_port = htons(static_cast<std::uint16_t>(port));
-    }
-    ~Socket() { close(Number); }
-    Socket(const Socket&) = delete;
-    Socket& operator=(const Socket&) = delete;
-    sockaddr* Pointer() { return reinterpret_cast<sockaddr*>(&Address); }
-    int Number;
-    sockaddr_in Address{};
-};
-
 int FreePort() {
-    Socket listener(0);
-    socklen_t size = sizeof listener.Address;
-    if (bind(listener.Number, listener.Pointer(), size) != 0 ||
-        getsockname(listener.Number, listener.Pointer(), &size) != 0) {
-        throw std::runtime_error("no port");
-    }
-    return ntohs(listener.Address.sin_port);
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    socklen_t size = sizeof any;
+    auto* address = reinterpret_cast<sockaddr*>(&any);
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    const bool bound = bind(listener, address, size) == 0;
+    if (!bound || getsockname(listener, address, &size) != 0) throw std::runtime_error("no port");
+    close(listener);
+    return ntohs(any.sin_port);
 }
 
-/// A server with a mount, which goes with the test however it ends.
+bool Succeeds(const std::string& command) {
+    return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+/// A server with a mount and a home of its own, which goes with the test however that ends.
 class Server {
  public:
     Server(const std::filesystem::path& home, int port) {
         const std::string number = std::to_string(port);
         const std::string local = (home / "socket").string();
         process_ = fork();
+        if (process_ < 0) throw std::runtime_error("no process");
         if (process_ == 0) {
-            setpgid(0, 0);
             prctl(PR_SET_PDEATHSIG, SIGKILL);
+            setpgid(0, 0);
             setenv("HOME", home.c_str(), 1);
             if (std::freopen((home / "log").c_str(), "w", stderr) == nullptr) _exit(1);
             execlp("indiserver", "indiserver", "-p", number.c_str(), "-u", local.c_str(),
                    "indi_simulator_telescope", nullptr);
             _exit(1);
         }
-        if (process_ < 0) throw std::runtime_error("no process");
         setpgid(process_, process_);
-        for (int tries = 0; tries < 500 && !Answers(port); ++tries) {
-            std::this_thread::sleep_for(milliseconds(20));
+        for (int tries = 0; tries < 100; ++tries) {
+            if (Succeeds("indi_getprop -t 5 -p " + number + " '*.CONNECTION.CONNECT'")) break;
+            std::this_thread::sleep_for(milliseconds(50));
         }
     }
     ~Server() {
@@ -85,10 +81,6 @@ class Server {
     void Signal(int signal) const { kill(-process_, signal); }
 
  private:
-    static bool Answers(int port) {
-        Socket client(port);
-        return connect(client.Number, client.Pointer(), sizeof client.Address) == 0;
-    }
     pid_t process_ = -1;
 };
 
@@ -100,8 +92,7 @@ class IndiTelescope : public testing::Test {
         Use("Telescope%20Simulator");
     }
     void SetUp() override {
-        if (std::system("command -v indiserver indi_simulator_telescope indi_setprop >/dev/null") !=
-            0) {
+        if (!Succeeds("command -v indiserver indi_simulator_telescope indi_setprop")) {
             GTEST_SKIP() << "indi-bin is not installed";
         }
     }
@@ -144,9 +135,8 @@ TEST_F(IndiTelescope, IsSyncedToTheSolvedCentreAndReadBack) {
 
     // A parked mount is to be left alone.
     for (const std::string property : {"PARK_OPTION.PARK_CURRENT", "PARK.PARK"}) {
-        const std::string set = "indi_setprop -p " + std::to_string(Number) +
-                                " 'Telescope Simulator.TELESCOPE_" + property + "=On'";
-        ASSERT_EQ(std::system(set.c_str()), 0);
+        ASSERT_TRUE(Succeeds("indi_setprop -p " + std::to_string(Number) +
+                             " 'Telescope Simulator.TELESCOPE_" + property + "=On'"));
     }
     std::this_thread::sleep_for(milliseconds(1000));
     SyncTelescopeCommand(State, Port);
@@ -163,6 +153,7 @@ TEST_F(IndiTelescope, AServerThatDiesOrFallsSilentIsNoticedInTime) {
         const Server server(Folder.Path, Number);
         ASSERT_TRUE(Load()) << State.Display.Status.Text;
     }
+    std::this_thread::sleep_for(milliseconds(100));  // INDI's library has a race of its own here
     EXPECT_FALSE(Load());
     EXPECT_EQ(State.Display.Status.Text, "Telescope: the INDI server has gone");
     const Server again(Folder.Path, Number);

@@ -228,7 +228,7 @@ TEST_F(Telescope, ADriverThatHangsIsLeftInTimeAndDoesNoHarmLater) {
         EXPECT_GE(Port.Yields, 2) << "the window was dead meanwhile";
         ExpectInputsUntouched();
         Script->Set({}, {});
-        EXPECT_TRUE(Script->WaitForDrivers(0)) << "the driver left alone after " << call;
+        EXPECT_TRUE(Script->WaitForTheLast()) << "the driver left alone after " << call;
     }
     // The user does not want to wait, and meanwhile presses everything.
     State.TelescopePatience = {milliseconds(60000), milliseconds(60000)};
@@ -248,7 +248,7 @@ TEST_F(Telescope, ADriverThatHangsIsLeftInTimeAndDoesNoHarmLater) {
     EXPECT_EQ(Port.Messages, Texts{});
     EXPECT_EQ(State.Display.Status.Text, "Telescope: given up");
     Script->Set({}, {});
-    EXPECT_TRUE(Script->WaitForDrivers(0));
+    EXPECT_TRUE(Script->WaitForTheLast());
 }
 
 }  // namespace vestrel

@@ -362,7 +362,7 @@ TEST_F(Windows, TheTelescopeIsAskedWithTheWindowAlive) {
     Window.reset();
     State.reset();
     script->Set({}, {});
-    EXPECT_TRUE(script->WaitForDrivers(0));
+    EXPECT_TRUE(script->WaitForTheLast());
 }
 
 }  // namespace vestrel
