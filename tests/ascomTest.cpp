@@ -39,10 +39,23 @@ class Ascom : public testing::Test {
         State.TelescopePatience = {milliseconds(20000), milliseconds(20000)};
         State.Display.SyncEnabled = true;
     }
-    ~Ascom() override { Unregister(); }
+    ~Ascom() override {
+        if (Ours) Unregister();
+    }
     Ascom(const Ascom&) = delete;
     Ascom& operator=(const Ascom&) = delete;
 
+    /// Never in the place of a driver that somebody uses.
+    void SetUp() override {
+        wchar_t installed[64] = {};
+        DWORD bytes = sizeof installed;
+        if (RegGetValueW(HKEY_CLASSES_ROOT, (std::wstring(programKey) + L"\\CLSID").c_str(),
+                         nullptr, RRF_RT_REG_SZ, nullptr, installed, &bytes) == ERROR_SUCCESS &&
+            std::wstring(classKey).substr(6) != installed) {
+            GTEST_SKIP() << "a telescope is installed here";
+        }
+        Ours = true;
+    }
     /// As an installer does. "Both" is called on our thread, "Apartment" on one that COM makes.
     static void Register(const std::wstring& threading) {
         SetKey(std::wstring(programKey) + L"\\CLSID", nullptr, std::wstring(classKey).substr(6));
@@ -64,6 +77,7 @@ class Ascom : public testing::Test {
         return log;
     }
 
+    bool Ours = false;
     TemporaryFolder Folder;
     ProgramState State;
     RecordingPort Port{State};

@@ -15,7 +15,7 @@ test_packages="libgtest-dev libbenchmark-dev python3 python3-astropy python3-pho
     python3-erfa python3-scipy indi-bin libcfitsio-bin desktop-file-utils appstream man-db dpkg-dev"
 fuzz_packages="clang libclang-rt-14-dev"
 windows_packages="g++-mingw-w64-x86-64-posix libz-mingw-w64-dev nasm dpkg-dev googletest wine wine64
-    cmake ninja-build pkg-config libcli11-dev nlohmann-json3-dev python3"
+    python3 python3-astropy python3-pil"
 star_package=astrometry-data-tycho2-07-littleendian
 star_file=index-tycho2-07.littleendian.fits
 bright_package=d3-celestial@0.7.35
