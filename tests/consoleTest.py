@@ -33,6 +33,16 @@ PICTURES = pathlib.Path(os.environ.get("VESTREL_SHARED_IMAGES", ROOT.parent / "s
 SOLVED, TOO_FEW_STARS, USAGE, NO_MATCH, STOPPED, NO_IMAGE, BAD_NAME, NO_CATALOG, NOT_WRITTEN = range(9)
 
 
+def setUpModule():
+    if WINDOWS:
+        # The services of Wine hold the output of whichever program started them until the last one
+        # has ended: this one outlives all others.
+        keeper = subprocess.Popen([*WINE, "cmd"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                  stderr=subprocess.DEVNULL)
+        unittest.addModuleCleanup(keeper.communicate)
+        keeper.stdout.read(1)  # its prompt: the services are there
+
+
 def fits_bytes(pixels, width, height):
     """A 16-bit FITS file from stored values, row by row."""
     cards = ["SIMPLE  = T", "BITPIX  = 16", "NAXIS   = 2", f"NAXIS1  = {width}",
