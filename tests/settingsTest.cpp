@@ -231,6 +231,7 @@ TEST(SettingsPlace, IsTheUsersApplicationData) {
     const std::filesystem::path data = _wgetenv(L"APPDATA");
     EXPECT_EQ(SettingsFilePath(), data / "Vestrel" / "Vestrel.ini");
     EXPECT_EQ(RecentImagesFilePath(), data / "Vestrel" / "recent-images");
+    UnsetVariable("VESTREL_CATALOG");
     EXPECT_EQ(DefaultCatalogFolder(),
               std::filesystem::path(_wgetenv(L"ProgramData")) / "Harrowdene" / "KEL");
     SetVariable("VESTREL_CATALOG", L"C:\\\x43C\xFC\x2605");
