@@ -158,11 +158,11 @@ struct ProgramState {
     double MagnitudeZeroPoint = 0;
     bool ZeroPointValid = false;
 
-    double JulianDate = 0;  ///< of the clock when it was looked at last
     bool TelescopeConnected = false;
     std::unique_ptr<TelescopeLink> Telescope;  ///< the driver, from the first use on
     TelescopeFactory CreateTelescope;          ///< makes the driver; none where there is none
     TelescopeLimits TelescopePatience;
+    double JulianDate = 0;  ///< of the clock when it was looked at last
 
     SolveDisplay Display;
     SolveReport Report;

@@ -20,7 +20,7 @@
 
 /// INDI's library is not built for the thread sanitizer, which cannot see how its threads agree.
 extern "C" const char* __tsan_default_suppressions() {  // NOLINT(*-reserved-identifier)
-    return "called_from_lib:libindiclient.so\nrace:TcpSocketPrivate\n";
+    return "race:TcpSocketPrivate\n";
 }
 
 namespace vestrel {
