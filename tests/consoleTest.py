@@ -24,7 +24,7 @@ WINDOWS = os.environ["VESTREL_SOLVE"].endswith(".exe")
 WINE = [os.environ["VESTREL_WINE"]] if WINDOWS else []
 SOLVER = [*WINE, os.environ["VESTREL_SOLVE"]]
 RENDERER = [*WINE, os.environ["VESTREL_CATALOG_TOOL"]]
-not_on_windows = unittest.skipIf(WINDOWS, "Windows has no such thing")
+not_on_windows = unittest.skipIf(WINDOWS, "Wine cannot be sent signals, nor shown a terminal, from here")
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 CATALOG = pathlib.Path(os.environ.get("VESTREL_TEST_CATALOG") or os.path.join(
     os.environ.get("XDG_DATA_HOME", os.path.expanduser("~/.local/share")), "Harrowdene/KEL"))
