@@ -85,9 +85,11 @@ double QuadDistance(const Quad& q1, const Quad& q2) {
 }
 
 void IndexTables(QuadTables& tables) {
-    tables.ShortestRatios.resize(tables.Quads.size());
-    std::transform(tables.Quads.begin(), tables.Quads.end(), tables.ShortestRatios.begin(),
-                   [](const Quad& quad) { return quad.Ratio5; });
+    tables.RatioPairs.resize(tables.Quads.size());
+    std::transform(tables.Quads.begin(), tables.Quads.end(), tables.RatioPairs.begin(),
+                   [](const Quad& quad) {
+                       return std::array{quad.Ratio2, quad.Ratio5};
+                   });
     tables.ZoneStarts.assign(zoneCount + 1, 0);
     tables.ZoneStars.resize(static_cast<std::size_t>(tables.StarCount));
     tables.ZoneDirections.resize(tables.ZoneStars.size());

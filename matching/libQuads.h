@@ -49,7 +49,7 @@ struct QuadTables {
     std::int32_t StarCount = 0;
 
     // What `IndexTables` makes, to search faster.
-    std::vector<float> ShortestRatios;  ///< `Ratio5` of `Quads`
+    std::vector<std::array<float, 2>> RatioPairs;  ///< `Ratio2` and `Ratio5` of `Quads`
     /// Star places by declination: those of zone z, in rising order, stand at
     /// ZoneStarts[z] .. ZoneStarts[z + 1] − 1, and so do their directions (unit vectors).
     std::vector<std::int32_t> ZoneStarts;

@@ -94,9 +94,11 @@ class QuadMatcher {
         // The last quad of the table is never looked at.
         const std::int32_t end = FindKeyLimit(tables_, place, key + 2 * keyTolerance);
         for (; place < end; ++place) {
-            // One ratio that differs by more than the tolerance is enough; most quads end here.
-            const float shortest = tables_.ShortestRatios[static_cast<std::size_t>(place)];
-            if (!(std::fabs(shortest - shape.Ratio5) < 0.0101F)) continue;
+            // One ratio that differs by more than the tolerance is enough. Most quads end here,
+            // without a look at their records, which would cost a wait for memory each.
+            const auto& [ratio2, ratio5] = tables_.RatioPairs[static_cast<std::size_t>(place)];
+            if (!(std::fabs(ratio5 - shape.Ratio5) < 0.0101F)) continue;
+            if (!(std::fabs(ratio2 - shape.Ratio2) < 0.0101F)) continue;
             const Quad& candidate = tables_.Quads[static_cast<std::size_t>(place)];
             const double distance = QuadDistance(shape, candidate);
             if (!(distance < keyTolerance) || !HasStars(candidate)) continue;
