@@ -56,6 +56,46 @@ std::string Count(std::int64_t n, const char* one, const char* many) {
     return std::to_string(n) + " " + (n == 1 ? one : many);
 }
 
+/// What a failed search had to start from.
+void AddImage(Table& table, const ProgramState& state) {
+    table.Line("Image", std::to_string(state.Image.Width) + " x " +
+                            std::to_string(state.Image.Height) + " pixels");
+    table.Line("Stars found", std::to_string(state.Extraction.StarsFound) +
+                                  (state.Report.Smoothed ? " (after smoothing)" : "") +
+                                  ", sky noise " + Fixed(state.Extraction.BackgroundSigma, 1) +
+                                  " counts");
+}
+
+std::string QuadsText(const QuadSearch& search) {
+    return std::to_string(search.Searched) + " looked up, " + std::to_string(search.Candidates) +
+           " of the same shape, " + Count(search.FourStarFits, "four-star fit", "four-star fits");
+}
+
+std::string AdviceLines(const std::vector<std::string>& advice) {
+    std::string text;
+    for (const std::string& line : advice) text += "  Try: " + line + "\n";
+    return text;
+}
+
+std::string QuadSolutionText(const ProgramState& state) {
+    const QuadSearch& search = state.QuadMatch;
+    Table table;
+    table.Line("Centre (J2000)", Position(search.Centre));
+    table.Line("Field", state.Display.PlateSize);
+    table.Line("Scale", Fixed(state.Geometry.ScaleArcseconds, 4) + "\"/px");
+    table.Line("Pairs", std::to_string(search.PairCount) + ", fit error " +
+                            Fixed(search.FitError, 3) + " px");
+    table.Line("Quads", QuadsText(search));
+    table.Line("Certainty", ConfidenceText(search.Confidence));
+    if (IsSure(search.Confidence)) {
+        return table.Take() +
+               AdviceLines({"Plate Match, which measures the image from this centre"});
+    }
+    table.Line("Doubtful", Count(search.PairCount, "pair", "pairs") +
+                               " can be chance: the approximate centre stays as it was");
+    return table.Take() + AdviceLines({"Plate Match, from this centre or another that is known"});
+}
+
 }  // namespace
 
 ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& image) {
@@ -196,11 +236,7 @@ std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
 std::string FailureText(const ProgramState& state, std::int16_t code, const InputWords& words) {
     const SolveReport& report = state.Report;
     Table table;
-    table.Line("Image", std::to_string(state.Image.Width) + " x " +
-                            std::to_string(state.Image.Height) + " pixels");
-    table.Line("Stars found", std::to_string(state.Extraction.StarsFound) +
-                                  (report.Smoothed ? " (after smoothing)" : "") + ", sky noise " +
-                                  Fixed(state.Extraction.BackgroundSigma, 1) + " counts");
+    AddImage(table, state);
     if (code == SolveCode::NoMatch || code == SolveCode::Stopped) {
         const std::string complaint = CatalogComplaint(state);
         table.Line("Catalog", complaint.empty()
@@ -214,9 +250,29 @@ std::string FailureText(const ProgramState& state, std::int16_t code, const Inpu
                                        " left by the fit, about " +
                                        Position(report.BestAttemptCentre));
     }
-    std::string text = table.Take();
-    for (const std::string& line : Advice(state, code, words)) text += "  Try: " + line + "\n";
-    return text;
+    return table.Take() + AdviceLines(Advice(state, code, words));
+}
+
+std::string QuadMatchText(const ProgramState& state, const InputWords& words) {
+    const QuadSearch& search = state.QuadMatch;
+    if (search.Code == SolveCode::Solved) return QuadSolutionText(state);
+    Table table;
+    AddImage(table, state);
+    if (search.Code == SolveCode::TooFewStars) {
+        return table.Take() + AdviceLines(Advice(state, search.Code, words));
+    }
+    const std::string& fault = state.Quads.Fault;
+    table.Line("Quads", fault.empty() ? QuadsText(search) : fault);
+    std::vector<std::string> advice;
+    if (search.Code == SolveCode::NoMatch) {
+        if (fault.empty()) {
+            advice.push_back(std::string("check the size of the field (") + words.FieldSize +
+                             "): it decides which quads are compared");
+        }
+        advice.push_back(std::string("Plate Match, with the approximate centre (") + words.Ra +
+                         ")");
+    }
+    return table.Take() + AdviceLines(advice);
 }
 
 std::vector<std::pair<std::string, double>> StageTable(const StageTimes& times) {

@@ -48,6 +48,9 @@ inline constexpr InputWords WindowWords{
 std::string FailureText(const ProgramState& state, std::int16_t code,
                         const InputWords& words = ConsoleWords);
 
+/// What the search of `MatchByQuads` found, or why it found nothing, as such lines.
+std::string QuadMatchText(const ProgramState& state, const InputWords& words = WindowWords);
+
 /// What is wrong with the catalog, in words; empty when it has stars for the starting region.
 std::string CatalogComplaint(const ProgramState& state);
 

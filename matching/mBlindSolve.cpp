@@ -46,9 +46,7 @@ PlateStarList ThinnedList(const PlateStarList& stars, std::int32_t count, const 
 /// Searches with the list as it is (the first triple leaves nothing out), then with thinner ones.
 bool SearchForCentre(ProgramState& state, Port& port, double width, double height,
                      double tolerance) {
-    const QuadJudge sure = [](const QuadSearch& search) {
-        return search.Confidence.Log10FalseAlarm <= SureLog10FalseAlarm;
-    };
+    const QuadJudge sure = [](const QuadSearch& search) { return IsSure(search.Confidence); };
     for (const Triple& triple : BrightTriples(state.PlateStarCount)) {
         const PlateStarList stars = ThinnedList(state.PlateStars, state.PlateStarCount, triple);
         if (SearchQuads(state, port, stars, static_cast<std::int32_t>(stars.size()) - 1, width,
