@@ -14,6 +14,7 @@
 #include "viewer/fFITSHeader.h"
 #include "viewer/fHistogram.h"
 #include "viewer/fImage.h"
+#include "viewer/fMORA.h"
 #include "viewer/fRelPhot.h"
 #include "viewer/fStats.h"
 #include "viewer/libWindows.h"
@@ -81,6 +82,8 @@ class SolveWindow : public QMainWindow {
     // What the state says, put on the screen.
     void ShowState();
     void ShowInputs();
+    /// MORA can be had where there are quad tables.
+    void ShowQuadCommands();
     void ShowStatusLine(QLabel* label, const StatusLine& line);
     void ShowProgressPercent(int percent);
     void FillRecentImages();
@@ -89,6 +92,7 @@ class SolveWindow : public QMainWindow {
     /// Runs a command and closes the window when that was asked for meanwhile.
     void Run(const std::function<void()>& command);
     void Match();
+    void MatchQuads();
     void Stop();
     void ConnectWindows();
     void MarkStars();
@@ -117,6 +121,8 @@ class SolveWindow : public QMainWindow {
     QAction* copyAction_ = nullptr;
     QMenu* recentMenu_ = nullptr;
     QPushButton* stopButton_ = nullptr;
+    QPushButton* quadsButton_ = nullptr;
+    QAction* quadMessagesAction_ = nullptr;
     QPushButton* unitsButton_ = nullptr;
     QGroupBox* centrePanel_ = nullptr;
     QLabel* nameLabel_ = nullptr;
@@ -134,6 +140,7 @@ class SolveWindow : public QMainWindow {
     StatsWindow statsWindow_;
     RelativePhotometryWindow photometryWindow_;
     HeaderWindow headerWindow_;
+    QuadMessagesWindow quadMessagesWindow_;
     HelpWindow helpWindow_;
 };
 

@@ -151,13 +151,16 @@ QLayout* SolveWindow::BuildCommands() {
         AddButton("Command1", "Edit &Parameters", "Change search and star extraction parameters",
                   [this] { EditParameters(); });
     startWidgets_.push_back(parameters);
-    QPushButton* quads = AddButton("cmdMORA", "MORA", {}, [] {});
-    quads->hide();
+    quadsButton_ =
+        AddButton("cmdMORA", "M&ORA", "Match patterns of four stars, wherever the image points",
+                  [this] { MatchQuads(); });
+    quadsButton_->hide();
+    startWidgets_.push_back(quadsButton_);
     layout->addWidget(match, 0, 0);
     layout->addWidget(stopButton_, 0, 1);
     layout->addWidget(image, 1, 0);
     layout->addWidget(parameters, 1, 1);
-    layout->addWidget(quads, 2, 0, 1, 2);
+    layout->addWidget(quadsButton_, 2, 0, 1, 2);
     layout->setColumnStretch(0, 1);
     layout->setColumnStretch(1, 1);
     return layout;
@@ -300,6 +303,9 @@ void SolveWindow::BuildMenus() {
     AddAction(view, "Show &Header", QKeySequence("Ctrl+H"), [this] {
         Bring(headerWindow_);
     })->setObjectName("mnuHeader");
+    quadMessagesAction_ = AddAction(view, "&MORA Messages", QKeySequence("Ctrl+M"),
+                                    [this] { Bring(quadMessagesWindow_); });
+    quadMessagesAction_->setObjectName("mnuMORA");
 
     QMenu* help = menuBar()->addMenu("&Help");
     AddAction(help, "&Help", QKeySequence::HelpContents, [this] { ShowHelp(); });
