@@ -17,6 +17,7 @@ int ExitCodeOf(std::int16_t code, const ProgramState& state) {
         case SolveCode::NoImage:
             return ExitCode::NoImage;
         default:
+            if (state.Report.Blind && !state.Quads.Fault.empty()) return ExitCode::NoCatalog;
             return CatalogComplaint(state).empty() ? ExitCode::NoMatch : ExitCode::NoCatalog;
     }
 }

@@ -121,6 +121,7 @@ struct SolveReport {
     double SearchRadius = 0;        ///< radians
     std::int32_t RegionsTried = 0;  ///< regions read and matched
     bool Smoothed = false;
+    bool Blind = false;                    ///< quads were to find the centre
     std::int32_t CatalogStarsAtStart = 0;  ///< in the starting region
     CatalogPresence CatalogAtStart = CatalogPresence::Present;
     AlignReport BestAttempt;  ///< of the regions that failed

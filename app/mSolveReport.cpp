@@ -66,34 +66,19 @@ void AddImage(Table& table, const ProgramState& state) {
                                   " counts");
 }
 
-std::string QuadsText(const QuadSearch& search) {
-    return std::to_string(search.Searched) + " looked up, " + std::to_string(search.Candidates) +
-           " of the same shape, " + Count(search.FourStarFits, "four-star fit", "four-star fits");
-}
-
-std::string AdviceLines(const std::vector<std::string>& advice) {
-    std::string text;
-    for (const std::string& line : advice) text += "  Try: " + line + "\n";
-    return text;
-}
-
-std::string QuadSolutionText(const ProgramState& state) {
+/// How far a quad search came, or why it had nothing to search.
+void AddQuads(Table& table, const ProgramState& state) {
     const QuadSearch& search = state.QuadMatch;
-    Table table;
-    table.Line("Centre (J2000)", Position(search.Centre));
-    table.Line("Field", state.Display.PlateSize);
-    table.Line("Scale", Fixed(state.Geometry.ScaleArcseconds, 4) + "\"/px");
-    table.Line("Pairs", std::to_string(search.PairCount) + ", fit error " +
-                            Fixed(search.FitError, 3) + " px");
-    table.Line("Quads", QuadsText(search));
-    table.Line("Certainty", ConfidenceText(search.Confidence));
-    if (IsSure(search.Confidence)) {
-        return table.Take() +
-               AdviceLines({"Plate Match, which measures the image from this centre"});
-    }
-    table.Line("Doubtful", Count(search.PairCount, "pair", "pairs") +
-                               " can be chance: the approximate centre stays as it was");
-    return table.Take() + AdviceLines({"Plate Match, from this centre or another that is known"});
+    const std::string& fault = state.Quads.Fault;
+    table.Line("Quads", fault.empty()
+                            ? std::to_string(search.Searched) + " looked up, " +
+                                  std::to_string(search.Candidates) + " of the same shape, " +
+                                  std::to_string(search.FourStarFits) + " tried as plates"
+                            : fault);
+}
+
+std::string TryLine(const std::string& advice) {
+    return "  Try: " + advice + "\n";
 }
 
 }  // namespace
@@ -162,12 +147,35 @@ std::string SolutionText(const ProgramState& state) {
                             std::to_string(solution.CatalogCount) + " in catalog, " +
                             std::to_string(solution.MatchedCount) + " matched");
     table.Line("RMS", state.Display.RmsDifference + " (" + Fixed(solution.Rms, 3) + " px)");
+    if (state.Report.Blind) {
+        const QuadSearch& quads = state.QuadMatch;
+        table.Line("Found by quads", std::to_string(quads.Searched) + " looked up, " +
+                                         std::to_string(quads.FourStarFits) + " tried as plates");
+    }
     table.Line("Regions searched", std::to_string(solution.RegionsSearched));
     if (solution.Confidence.Candidates > 0) {
         table.Line("Certainty", ConfidenceText(solution.Confidence));
     }
     for (const std::string& caution : Cautions(state)) table.Line("Doubtful", caution);
     return table.Take();
+}
+
+std::string QuadMatchText(const ProgramState& state) {
+    const QuadSearch& search = state.QuadMatch;
+    Table table;
+    table.Line("Centre (J2000)", Position(search.Centre));
+    table.Line("Field", state.Display.PlateSize);
+    table.Line("Scale", Fixed(state.Geometry.ScaleArcseconds, 4) + "\"/px");
+    table.Line("Pairs", std::to_string(search.PairCount) + ", fit error " +
+                            Fixed(search.FitError, 3) + " px");
+    AddQuads(table, state);
+    table.Line("Certainty", ConfidenceText(search.Confidence));
+    if (IsSure(search.Confidence)) {
+        return table.Take() + TryLine("Plate Match, which measures the image from this centre");
+    }
+    table.Line("Doubtful", Count(search.PairCount, "pair", "pairs") +
+                               " can be chance: the approximate centre stays as it was");
+    return table.Take() + TryLine("Plate Match, from this centre or another that is known");
 }
 
 std::vector<std::string> Cautions(const ProgramState& state) {
@@ -213,6 +221,14 @@ std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
     }
     if (code != SolveCode::NoMatch) return advice;
     const SolveReport& report = state.Report;
+    if (report.Blind && report.RegionsTried == 0) {
+        if (state.Quads.Fault.empty()) {
+            advice.push_back(std::string("check the size of the field (") + words.FieldSize +
+                             "): it decides which quads are compared");
+        }
+        advice.emplace_back(words.SearchFromCentre);
+        return advice;
+    }
     if (report.CatalogAtStart == CatalogPresence::FolderMissing ||
         report.CatalogAtStart == CatalogPresence::NoCells) {
         advice.push_back(
@@ -237,7 +253,8 @@ std::string FailureText(const ProgramState& state, std::int16_t code, const Inpu
     const SolveReport& report = state.Report;
     Table table;
     AddImage(table, state);
-    if (code == SolveCode::NoMatch || code == SolveCode::Stopped) {
+    if (report.Blind && code != SolveCode::TooFewStars) AddQuads(table, state);
+    if (report.RegionsTried > 0 && (code == SolveCode::NoMatch || code == SolveCode::Stopped)) {
         const std::string complaint = CatalogComplaint(state);
         table.Line("Catalog", complaint.empty()
                                   ? std::to_string(report.CatalogStarsAtStart) +
@@ -250,29 +267,9 @@ std::string FailureText(const ProgramState& state, std::int16_t code, const Inpu
                                        " left by the fit, about " +
                                        Position(report.BestAttemptCentre));
     }
-    return table.Take() + AdviceLines(Advice(state, code, words));
-}
-
-std::string QuadMatchText(const ProgramState& state, const InputWords& words) {
-    const QuadSearch& search = state.QuadMatch;
-    if (search.Code == SolveCode::Solved) return QuadSolutionText(state);
-    Table table;
-    AddImage(table, state);
-    if (search.Code == SolveCode::TooFewStars) {
-        return table.Take() + AdviceLines(Advice(state, search.Code, words));
-    }
-    const std::string& fault = state.Quads.Fault;
-    table.Line("Quads", fault.empty() ? QuadsText(search) : fault);
-    std::vector<std::string> advice;
-    if (search.Code == SolveCode::NoMatch) {
-        if (fault.empty()) {
-            advice.push_back(std::string("check the size of the field (") + words.FieldSize +
-                             "): it decides which quads are compared");
-        }
-        advice.push_back(std::string("Plate Match, with the approximate centre (") + words.Ra +
-                         ")");
-    }
-    return table.Take() + AdviceLines(advice);
+    std::string text = table.Take();
+    for (const std::string& line : Advice(state, code, words)) text += TryLine(line);
+    return text;
 }
 
 std::vector<std::pair<std::string, double>> StageTable(const StageTimes& times) {

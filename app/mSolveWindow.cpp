@@ -133,9 +133,9 @@ void MoraCommand(ProgramState& state, Port& port) {
                      state.Parameters.MaxError);
         return state.QuadMatch.Code;
     });
-    state.QuadMatch.Code = code;
-    state.Display.Details = QuadMatchText(state);
-    if (code == SolveCode::Solved && IsSure(state.QuadMatch.Confidence)) {
+    const bool matched = code == SolveCode::Solved;
+    state.Display.Details = matched ? QuadMatchText(state) : FailureText(state, code, WindowWords);
+    if (matched && IsSure(state.QuadMatch.Confidence)) {
         state.Inputs.Ra = FormatRA(centre.Ra, true, 2);
         state.Inputs.Dec = FormatDec(centre.Dec, true, 1);
     }

@@ -64,6 +64,7 @@ std::int16_t SolveBlind(ProgramState& state, Port& port, double& ra, double& dec
                         double plateHeight, double matchTolerance, bool useStars) {
     if (!useStars) BeginSolve(state);
     state.Report.RegionsTried = 0;
+    state.Report.Blind = true;
     state.QuadMatch = {};
     return WithinMemory(state, port, [&] {
         if (!useStars && !FindPlateStars(state, port)) return SolveCode::TooFewStars;

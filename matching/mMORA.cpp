@@ -367,6 +367,7 @@ bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStar
 void MatchByQuads(ProgramState& state, Port& port, double& centreRA, double& centreDec,
                   double width, double height, double maxError) {
     BeginSolve(state);
+    state.Report.Blind = true;
     state.QuadMatch = {};
     const std::int16_t code = WithinMemory(state, port, [&] {
         if (!FindPlateStars(state, port)) return SolveCode::TooFewStars;

@@ -75,7 +75,7 @@ class RegionSearch {
         std::int32_t plateCount = state_.PlateStarCount;
         FitGeometry geometry;
         double fitError = 0;
-        AlignReport report;
+        AlignReport& report = Report;
         const bool matched = AlignImages(CatalogStars, catalogCount, state_.PlateStars, plateCount,
                                          Attempt.Pairs, Attempt.PairCount, Attempt.Transform,
                                          geometry, fitError, Attempt.MatchedCount, matchTolerance_,
@@ -87,6 +87,7 @@ class RegionSearch {
     }
 
     PlateSolution Attempt;       ///< pairs and constants of the region tried last
+    AlignReport Report;          ///< of the region tried last
     PlateStarList CatalogStars;  ///< of the region tried last
     std::int32_t CatalogCount = 0;
 
@@ -140,6 +141,21 @@ void SetZeroPoint(ProgramState& state, const PlateStarList& catalogStars) {
     state.ZeroPointValid = true;
 }
 
+/// How sure the solution is. A place is as good as another where as many stars agree as closely; as
+/// many places were tried as triangles voted, in each of the regions.
+MatchConfidence ConfidenceOfSolution(const ProgramState& state, const RegionSearch& search,
+                                     std::int32_t regions) {
+    constexpr double closest = 1;  // pixel: nearer is no better
+    const std::int32_t most = state.Parameters.MaxStars;
+    MatchEvidence evidence{search.CatalogStars, std::min(search.CatalogCount, most),
+                           state.PlateStars,    std::min(state.PlateStarCount, most),
+                           state.Image.Width,   state.Image.Height};
+    evidence.Tolerance = std::max(closest, 2.5 * state.Solution.Rms);
+    evidence.StarsFitted = 3;
+    evidence.Placements = static_cast<double>(search.Report.Voted) * regions;
+    return ConfidenceOf(state.Solution.Transform, evidence);
+}
+
 /// Everything that follows a match in the region about `tangent`, the `regions`-th one tried.
 void TakeSolution(ProgramState& state, Port& port, const RegionSearch& search, SkyPosition tangent,
                   std::int32_t regions, double& ra, double& dec) {
@@ -161,6 +177,7 @@ void TakeSolution(ProgramState& state, Port& port, const RegionSearch& search, S
     solution.ExtractedCount = state.Extraction.StarsFound;
     solution.CatalogCount = search.CatalogCount;
     solution.RegionsSearched = regions;
+    solution.Confidence = ConfidenceOfSolution(state, search, regions);
 
     ImageHeader& header = state.Image.Header;
     header.RaRef = tangent.Ra;
