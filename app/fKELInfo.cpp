@@ -16,6 +16,7 @@
 
 #include "app/exitCodes.h"
 #include "app/mSolveWindow.h"
+#include "app/mTelescope.h"
 #include "matching/mMORA.h"
 #include "settings/fParms.h"
 #include "settings/mRecentImages.h"
@@ -53,12 +54,17 @@ SolveWindow::SolveWindow(ProgramState& state)
     ConnectWindows();
     countdown_.setInterval(1000);
     connect(&countdown_, &QTimer::timeout, this, [this] { Tick(); });
+    clock_.setObjectName("Timer2");
+    clock_.setInterval(1000);
+    connect(&clock_, &QTimer::timeout, this, [this] { TickClock(); });
+    clock_.start();
     openDropped_.setSingleShot(true);
     connect(&openDropped_, &QTimer::timeout, this, [this] { OpenFile(droppedFile_); });
     InitSettings(state_, port_);
     LoadRecentImages(state_);
     ShowInputs();
     ShowQuadCommands();
+    UpdateClock(state_);
     ShowState();
 }
 
@@ -132,9 +138,13 @@ void SolveWindow::ShowQuadCommands() {
     quadMessagesAction_->setVisible(have);
 }
 
+void SolveWindow::ShowTexts() {
+    for (const auto& [label, text] : shown_) label->setText(QtText(state_.Display.*text));
+}
+
 void SolveWindow::ShowState() {
     const SolveDisplay& display = state_.Display;
-    for (const auto& [label, text] : shown_) label->setText(QtText(display.*text));
+    ShowTexts();
     nameLabel_->setText(QtText(ImageNameText(state_)));
     folderLabel_->setText(QtText(ImageFolderText(state_)));
     unitsButton_->setText(QtText(state_.Inputs.Units));
@@ -153,6 +163,7 @@ void SolveWindow::ShowState() {
     worldCoordinatesAction_->setEnabled(commands.WriteWorldCoordinates);
     copyAction_->setEnabled(!display.Details.empty());
     stopButton_->setEnabled(commands.Stop);
+    syncButton_->setEnabled(commands.Sync);
 }
 
 void SolveWindow::ShowStatusLine(QLabel* label, const StatusLine& line) {
@@ -200,6 +211,23 @@ void SolveWindow::MatchQuads() {
 
 void SolveWindow::Stop() {
     if (CommandsFor(state_).Stop) StopSearch(state_);
+}
+
+void SolveWindow::FocusStop() {
+    // A button that is off takes no focus; the command, which begins next, would switch it on.
+    stopButton_->setEnabled(true);
+    stopButton_->setFocus();
+}
+
+void SolveWindow::LoadTelescope() {
+    FocusStop();
+    LoadTelescopeCommand(state_, port_);
+    ShowInputs();
+}
+
+void SolveWindow::SyncTelescope() {
+    FocusStop();
+    SyncTelescopeCommand(state_, port_);
 }
 
 void SolveWindow::ConnectWindows() {
@@ -268,6 +296,11 @@ void SolveWindow::Tick() {
     const bool ends = CountdownTick(state_);
     ShowState();
     if (ends) close();
+}
+
+void SolveWindow::TickClock() {
+    UpdateClock(state_);
+    ShowTexts();
 }
 
 }  // namespace vestrel

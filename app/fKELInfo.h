@@ -81,6 +81,7 @@ class SolveWindow : public QMainWindow {
 
     // What the state says, put on the screen.
     void ShowState();
+    void ShowTexts();
     void ShowInputs();
     /// MORA can be had where there are quad tables.
     void ShowQuadCommands();
@@ -94,6 +95,10 @@ class SolveWindow : public QMainWindow {
     void Match();
     void MatchQuads();
     void Stop();
+    void LoadTelescope();
+    void SyncTelescope();
+    /// Stop Search takes the focus: it is the command for the time until the telescope answers.
+    void FocusStop();
     void ConnectWindows();
     void MarkStars();
     /// Opens a window, or brings it to the front.
@@ -102,10 +107,12 @@ class SolveWindow : public QMainWindow {
     void ShowHelp();
     void ShowAbout();
     void Tick();
+    void TickClock();
 
     ProgramState& state_;
     WindowPort port_;
     QTimer countdown_;
+    QTimer clock_;
     QTimer openDropped_;
     std::string droppedFile_;
     int exitCode_ = 0;
@@ -123,6 +130,7 @@ class SolveWindow : public QMainWindow {
     QPushButton* stopButton_ = nullptr;
     QPushButton* quadsButton_ = nullptr;
     QAction* quadMessagesAction_ = nullptr;
+    QPushButton* syncButton_ = nullptr;
     QPushButton* unitsButton_ = nullptr;
     QGroupBox* centrePanel_ = nullptr;
     QLabel* nameLabel_ = nullptr;

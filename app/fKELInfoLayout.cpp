@@ -16,6 +16,7 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QShortcut>
+#include <QStatusBar>
 #include <QVBoxLayout>
 #include <utility>
 
@@ -68,6 +69,9 @@ void SolveWindow::BuildControls() {
     rows->addWidget(BuildStatus(), 1);
     rows->addWidget(BuildCountdown());
     setCentralWidget(central);
+    QLabel* clock = AddShown("lblClock", &SolveDisplay::Clock);
+    clock->setAccessibleName("Universal time, Julian date and local sidereal time");
+    statusBar()->addPermanentWidget(clock);
     resize(sizeHint() + QSize(60, 0));
 
     auto* escape = new QShortcut(Qt::Key_Escape, this);
@@ -103,8 +107,9 @@ QGroupBox* SolveWindow::BuildCentreInputs() {
     raLabel->setBuddy(ra);
     auto* decLabel = new QLabel("&Dec");
     decLabel->setBuddy(dec);
-    QPushButton* load = AddButton("cmdLoad", "Load", "Load coords from SiTech", [] {});
-    load->setEnabled(false);
+    QPushButton* load =
+        AddButton("cmdLoad", "Load", "Load coords from SiTech", [this] { LoadTelescope(); });
+    startWidgets_.push_back(load);
     layout->addWidget(raLabel, 0, 0);
     layout->addWidget(ra, 0, 1);
     layout->addWidget(decLabel, 1, 0);
@@ -180,12 +185,12 @@ QGroupBox* SolveWindow::BuildCentre() {
         label->setFont(font);
     }
     ra->setMinimumWidth(QFontMetrics(ra->font()).horizontalAdvance("-00\u00b0 00' 00.0\"  "));
-    QPushButton* sync = AddButton("cmdSync", "Sync", "Send coords to SiTech", [] {});
-    sync->setEnabled(false);
+    syncButton_ =
+        AddButton("cmdSync", "Sync", "Send coords to SiTech", [this] { SyncTelescope(); });
     auto* layout = new QFormLayout(centrePanel_);
     layout->addRow("RA", ra);
     layout->addRow("Dec", dec);
-    layout->addRow({}, sync);
+    layout->addRow({}, syncButton_);
     return centrePanel_;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@
 #include "matching/libConfidence.h"
 #include "matching/libQuadFile.h"
 #include "matching/libQuads.h"
+#include "platform/libTelescopeLink.h"
 #include "settings/libSettingsFile.h"
 #include "viewer/libDisplayLevels.h"
 
@@ -88,6 +90,7 @@ struct SolveDisplay {
     std::string Matched;
     std::string RmsDifference;
     std::string Details;            ///< what the last solve saw, in lines
+    std::string Clock;              ///< universal time, Julian date, sidereal time
     std::string Countdown = "10";   ///< seconds until an unattended run closes the program
     bool SolutionOverlays = false;  ///< the three overlays that a solution switches on
 };
@@ -104,7 +107,7 @@ struct SolveInputs {
 };
 
 /// The one operation that runs at a time.
-enum class Activity { None, Opening, Solving, Saving };
+enum class Activity { None, Opening, Solving, Saving, Telescope };
 
 /// Seconds spent in each stage of the last image and solve.
 struct StageTimes {
@@ -190,6 +193,12 @@ struct ProgramState {
     SkyPosition SolvedCentre;
     double MagnitudeZeroPoint = 0;
     bool ZeroPointValid = false;
+
+    bool TelescopeConnected = false;
+    std::unique_ptr<TelescopeLink> Telescope;  ///< the driver, from the first use on
+    TelescopeFactory CreateTelescope;          ///< makes the driver; none where there is none
+    TelescopeLimits TelescopePatience;
+    double JulianDate = 0;  ///< of the clock when it was looked at last
 
     SolveDisplay Display;
     SolveReport Report;

@@ -77,8 +77,9 @@ Operation::~Operation() {
 AvailableCommands CommandsFor(const ProgramState& state) {
     const bool idle = state.Running == Activity::None;
     const bool image = idle && state.ImageLoaded;
-    return {idle, state.Running == Activity::Solving, image,
-            image && state.Image.Header.PlateMatched};
+    const bool lasting = state.Running == Activity::Solving || state.Running == Activity::Telescope;
+    return {idle, lasting, image, image && state.Image.Header.PlateMatched,
+            idle && state.Display.SyncEnabled};
 }
 
 std::optional<UnattendedRequest> ReadSolveInputs(const ProgramState& state, Port& port) {

@@ -27,10 +27,11 @@ class Operation {
 
 /// Which commands may be given now.
 struct AvailableCommands {
-    bool Start = true;  ///< to match, to open an image, to edit the parameters
+    bool Start = true;  ///< to match, open an image, edit parameters, ask the telescope
     bool Stop = false;
     bool Save = false;
     bool WriteWorldCoordinates = false;
+    bool Sync = false;  ///< to send a solved centre to the telescope
 };
 AvailableCommands CommandsFor(const ProgramState& state);
 
@@ -50,7 +51,7 @@ void MoraCommand(ProgramState& state, Port& port);
 std::optional<UnattendedOutcome> UnattendedCommand(ProgramState& state, Port& port,
                                                    const std::string& parameters);
 
-/// Stop Search: the running solve sees it between two regions.
+/// Stop Search: the running solve sees it between two regions; the telescope is waited for no more.
 void StopSearch(ProgramState& state);
 
 /// Switches between arcminutes and degrees; the numbers stay.

@@ -15,6 +15,7 @@
 #include "app/fKELInfo.h"
 #include "app/mCommandLine.h"
 #include "platform/libPlatform.h"
+#include "platform/libTelescopeDriver.h"
 #include "settings/mSettings.h"
 
 namespace vestrel {
@@ -38,6 +39,7 @@ int Run(int argc, char** argv) {
     constexpr const char* applicationId = "org.vestrel.Vestrel";
     const auto state = std::make_unique<ProgramState>();
     state->Catalog.Folder = DefaultCatalogFolder();
+    state->CreateTelescope = CreateTelescopeDriver;
     const auto readArguments = [&] {
         return ReadDesktopArguments(
             std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));

@@ -27,16 +27,15 @@ std::int32_t StarMet(const MatchEvidence& evidence, const std::vector<bool>& met
 double Log10BinomialTail(std::int32_t n, std::int32_t k, double p) {
     if (k <= 0 || p >= 1) return 0;
     if (k > n || !(p > 0)) return -999;
-    // The terms are summed relative to the first one. It is the largest when more than the mean is
-    // asked for; otherwise the sum is about 1, which no term exceeds.
+    // The terms are summed relative to the largest one, which is the one nearest to the mean.
     const auto logTerm = [n, p](std::int32_t i) {
         return std::lgamma(n + 1.0) - std::lgamma(i + 1.0) - std::lgamma(n - i + 1.0) +
                i * std::log(p) + (n - i) * std::log1p(-p);
     };
-    const double first = logTerm(k);
+    const double largest = logTerm(std::max(k, static_cast<std::int32_t>((n + 1) * p)));
     double sum = 0;
-    for (std::int32_t i = k; i <= n; ++i) sum += std::exp(std::min(logTerm(i) - first, 600.0));
-    return std::clamp((first + std::log(sum)) / std::log(10.0), -999.0, 0.0);
+    for (std::int32_t i = k; i <= n; ++i) sum += std::exp(logTerm(i) - largest);
+    return std::clamp((largest + std::log(sum)) / std::log(10.0), -999.0, 0.0);
 }
 
 MatchConfidence ConfidenceOf(const PlateConstants& plate, const MatchEvidence& evidence) {

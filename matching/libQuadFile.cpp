@@ -155,6 +155,28 @@ bool ReadQuadBand(std::FILE* file, const QuadBand& band, QuadTables& tables, std
     return true;
 }
 
+std::string FaultOfQuadFile(const std::filesystem::path& path) {
+    std::error_code ignored;
+    if (!std::filesystem::exists(path, ignored)) return {};
+    const FileHandle file = OpenFile(path, "rb");
+    if (!file) return "cannot be read";
+    std::vector<QuadBand> bands;
+    QuadTables tables;
+    std::string fault;
+    if (!ReadQuadBands(file.get(), bands, fault)) return fault;
+    for (const QuadBand& band : bands) {
+        if (!ReadQuadBand(file.get(), band, tables, fault)) return fault;
+        const auto lacksStar = [&tables](const Quad& quad) {
+            const auto [low, high] = std::minmax({quad.Star1, quad.Star2, quad.Star3, quad.Star4});
+            return low < 1 || high > tables.StarCount;
+        };
+        if (std::any_of(tables.Quads.begin() + 1, tables.Quads.end(), lacksStar)) {
+            return "has quads of stars that it lacks";
+        }
+    }
+    return {};
+}
+
 QuadFileWriter::QuadFileWriter(const std::filesystem::path& path, std::uint32_t bandCount)
     : file_(path), bandCount_(bandCount), end_(sizeof(FileHead) + bandCount * sizeof(QuadBand)) {
     // The head is known last: until then its place is filled.

@@ -35,6 +35,9 @@ bool ReadQuadBands(std::FILE* file, std::vector<QuadBand>& bands, std::string& f
 /// they are not as they were written.
 bool ReadQuadBand(std::FILE* file, const QuadBand& band, QuadTables& tables, std::string& fault);
 
+/// What is wrong with a file, every table read: empty when nothing is, or when there is no file.
+std::string FaultOfQuadFile(const std::filesystem::path& path);
+
 /// Writes the file band by band; it takes its place when `Commit` is called, or never.
 class QuadFileWriter {
  public:

@@ -43,10 +43,12 @@ PlateStarList ThinnedList(const PlateStarList& stars, std::int32_t count, const 
     return thinned;
 }
 
-/// Searches with the list as it is (the first triple leaves nothing out), then with thinner ones.
-bool SearchForCentre(ProgramState& state, Port& port, double width, double height,
-                     double tolerance) {
+}  // namespace
+
+bool FindCentreByQuads(ProgramState& state, Port& port, double width, double height,
+                       double tolerance) {
     const QuadJudge sure = [](const QuadSearch& search) { return IsSure(search.Confidence); };
+    // The first triple leaves nothing out.
     for (const Triple& triple : BrightTriples(state.PlateStarCount)) {
         const PlateStarList stars = ThinnedList(state.PlateStars, state.PlateStarCount, triple);
         if (SearchQuads(state, port, stars, static_cast<std::int32_t>(stars.size()) - 1, width,
@@ -58,8 +60,6 @@ bool SearchForCentre(ProgramState& state, Port& port, double width, double heigh
     return false;
 }
 
-}  // namespace
-
 std::int16_t SolveBlind(ProgramState& state, Port& port, double& ra, double& dec, double plateWidth,
                         double plateHeight, double matchTolerance, bool useStars) {
     if (!useStars) BeginSolve(state);
@@ -70,7 +70,7 @@ std::int16_t SolveBlind(ProgramState& state, Port& port, double& ra, double& dec
         if (!useStars && !FindPlateStars(state, port)) return SolveCode::TooFewStars;
         ShowStatus(state, port, "Searching Quads");
         const bool found = LoadQuadTables(state, plateWidth, plateHeight) &&
-                           SearchForCentre(state, port, plateWidth, plateHeight, matchTolerance);
+                           FindCentreByQuads(state, port, plateWidth, plateHeight, matchTolerance);
         if (!found) {
             const bool stopped = state.StopRequested;
             ShowStatus(state, port, stopped ? "Search Terminated" : "No Match Found",

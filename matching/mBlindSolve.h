@@ -7,12 +7,18 @@
 
 namespace vestrel {
 
+/// Searches the quad tables in memory with the plate stars until a match is sure (`QuadMatch`).
+///
+/// When the star list as it is finds nothing, it is searched again with some of its brightest stars
+/// left out: in a narrow field all quads share the three brightest, and one that the catalog lacks
+/// spoils them all.
+bool FindCentreByQuads(ProgramState& state, Port& port, double width, double height,
+                       double tolerance);
+
 /// Solves the loaded image from the size of its field alone.
 ///
-/// Searches the quad tables until a match is sure, and then solves from its centre like
-/// `SolvePlate`: the result is that solve's, in every respect. When the star list as it is finds
-/// nothing, it is searched again with some of its brightest stars left out, as in a narrow field
-/// all quads share the three brightest, and one that the catalog lacks spoils them all.
+/// Finds the centre by quads, and solves from there like `SolvePlate`: the result is that solve's,
+/// in every respect.
 /// @param ra, dec J2000 image centre (radians) on success
 /// @param useStars take the plate stars of a solve that has just failed
 /// @return a `SolveCode`; `Quads.Fault` tells when there are no tables

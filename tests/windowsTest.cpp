@@ -23,11 +23,13 @@
 
 #include "app/exitCodes.h"
 #include "app/fKELInfo.h"
+#include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "catalog/libCatalogCells.h"
 #include "matching/mPlateMatch.h"
 #include "settings/mParameterTexts.h"
+#include "tests/recordingTelescope.h"
 #include "tests/windowSupport.h"
 #include "viewer/libHeaderText.h"
 
@@ -313,6 +315,54 @@ TEST_F(Windows, HeaderAndImageAreShownAsTheyAre) {
     Press("cmdMatch");  // which subtracts the background
     EXPECT_NE(image->grab().toImage(), before);
     EXPECT_EQ(Shown("lblStatus"), "Plate Match Found");
+}
+
+TEST_F(Windows, TheTelescopeIsAskedWithTheWindowAlive) {
+    const auto script = std::make_shared<TelescopeScript>();
+    State->CreateTelescope = FactoryOf(script);
+    State->TelescopePatience = {std::chrono::minutes(1), std::chrono::minutes(1)};
+    EXPECT_FALSE(Find<QPushButton>("cmdSync")->isEnabled());
+    EXPECT_EQ(Find<QPushButton>("cmdSync")->toolTip(), "Send coords to SiTech");
+    EXPECT_EQ(Find<QPushButton>("cmdLoad")->toolTip(), "Load coords from SiTech");
+    Window->OpenFile(Frame);
+    TypeSearch();
+    Press("cmdMatch");
+    Press("cmdSync");
+    script->Set({}, {}, script->SentHours, script->SentDegrees);
+    Type("txtRA", "elsewhere");
+    Press("cmdLoad");
+    EXPECT_EQ(Utf8(Find<QLineEdit>("txtRA")->text()), FormatRA(centre.Ra, false, 2));
+    EXPECT_EQ(Utf8(Find<QLineEdit>("txtDec")->text()), FormatDec(centre.Dec, false, 1));
+    EXPECT_EQ(Shown("lblStatus"), "Telescope: position loaded");
+
+    // It hangs: the clock goes on, and Stop Search or closing the window ends the wait.
+    const auto whileItHangs = [&](const std::function<void()>& action) {
+        script->Set({}, "ra");
+        const std::string before = Shown("lblClock");
+        QTimer watch;
+        QObject::connect(&watch, &QTimer::timeout, [&] {
+            if (script->Calls().empty() || Shown("lblClock") == before) return;
+            watch.stop();
+            EXPECT_TRUE(Find<QPushButton>("cmdStop")->hasFocus());
+            EXPECT_FALSE(Find<QPushButton>("cmdLoad")->isEnabled());
+            EXPECT_FALSE(Find<QPushButton>("cmdSync")->isEnabled());
+            action();
+        });
+        watch.start(10);
+        Press("cmdLoad");
+        EXPECT_EQ(script->Calls().back(), "ra");
+        EXPECT_FALSE(State->TelescopeConnected);
+    };
+    whileItHangs([this] { Press("cmdStop"); });
+    EXPECT_TRUE(Find<QPushButton>("cmdLoad")->isEnabled());
+    whileItHangs([this] { Window->close(); });
+    EXPECT_FALSE(Window->isVisible());
+    EXPECT_EQ(Dialogs.Messages, Texts{});
+    // The drivers that hung come back when the program has gone.
+    Window.reset();
+    State.reset();
+    script->Set({}, {});
+    EXPECT_TRUE(script->WaitForTheLast());
 }
 
 }  // namespace vestrel

@@ -3,6 +3,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QDir>
+#include <QLabel>
 #include <QLineEdit>
 #include <QPixmap>
 #include <QPushButton>
@@ -41,6 +42,13 @@ QWidget* WindowNamed(const QString& name) {
     return nullptr;
 }
 
+/// A clock that goes would change every picture.
+void StopClock(QWidget& window) {
+    if (auto* clock = window.findChild<QLabel*>("lblClock")) {
+        clock->setText("UT 21:04:37   JD 2461366.37820   LST 02:08:07");
+    }
+}
+
 class Photographer {
  public:
     Photographer(QString folder, QString suffix)
@@ -49,6 +57,7 @@ class Photographer {
     bool Take(const QString& windowName, const QString& fileName) {
         QApplication::processEvents();
         QWidget* window = WindowNamed(windowName);
+        if (window != nullptr) StopClock(*window);
         const QString file = QDir(folder_).filePath(fileName + suffix_ + ".png");
         if (window != nullptr &&
             window->grab().toImage().convertToFormat(QImage::Format_RGB888).save(file)) {

@@ -1,0 +1,241 @@
+// Time, precession, and the telescope's commands with a driver that does its worst.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <iomanip>
+#include <limits>
+
+#include "app/mSolveWindow.h"
+#include "app/mTelescope.h"
+#include "astro/libConversions.h"
+#include "astro/libMath.h"
+#include "astro/libTime.h"
+#include "tests/recordingTelescope.h"
+#include "tests/testSupport.h"
+
+namespace vestrel {
+
+namespace {
+
+using Texts = std::vector<std::string>;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr double arcsecond = Pi / 648000;
+const std::string noConnection = "Vestrel 1.13 Error: Can't connect to SiTech";
+
+double Separation(const SkyPosition& a, const SkyPosition& b) {
+    const double east = std::remainder(a.Ra - b.Ra, TwoPi) * std::cos(a.Dec);
+    return std::hypot(east, a.Dec - b.Dec) / arcsecond;
+}
+
+/// Does something at every yield.
+class MeddlingPort : public RecordingPort {
+ public:
+    using RecordingPort::RecordingPort;
+    void Yield() override {
+        RecordingPort::Yield();
+        if (Meddle) Meddle();
+    }
+    std::function<void()> Meddle;
+};
+
+class Telescope : public testing::Test {
+ protected:
+    Telescope() {
+        State.CreateTelescope = FactoryOf(Script);
+        State.TelescopePatience = {milliseconds(5000), milliseconds(5000)};
+        State.Inputs.Ra = "as typed";
+        State.Inputs.Dec = "too";
+    }
+    /// Load or Sync, by the driver's call that only it makes.
+    void Give(const std::string& call) {
+        State.Display.SyncEnabled = call == "sync";
+        call == "sync" ? SyncTelescopeCommand(State, Port) : LoadTelescopeCommand(State, Port);
+    }
+    void ExpectInputsUntouched() const {
+        EXPECT_EQ(State.Inputs.Ra, "as typed");
+        EXPECT_EQ(State.Inputs.Dec, "too");
+    }
+    std::shared_ptr<TelescopeScript> Script = std::make_shared<TelescopeScript>();
+    ProgramState State;
+    MeddlingPort Port{State};
+};
+
+}  // namespace
+
+TEST(Precession, IsThatOfErfaAndComesBack) {
+    EXPECT_EQ(EpochJulianDate(2050), 2469807.5);
+    const double now = EpochJulianDate(2026.5);
+    const SkyPosition west = Precess({1e-3, 0.2}, now, J2000);
+    EXPECT_GT(west.Ra, TwoPi - 0.01);
+    EXPECT_LT(west.Ra, TwoPi);
+    TemporaryFolder folder;
+    std::ofstream rows(folder / "rows");
+    rows << std::setprecision(17);
+    Random random(7);
+    for (int k = 0; k < 2000; ++k) {
+        const SkyPosition start{random.Between(0, TwoPi), std::asin(random.Between(-1, 1))};
+        const double from = EpochJulianDate(k % 2 == 0 ? 2000 : random.Between(1990, 2040));
+        const double to = from + 365.25 * random.Between(-50, 50);
+        const SkyPosition end = Precess(start, from, to);
+        EXPECT_LT(Separation(start, Precess(end, to, from)), 0.01);
+        EXPECT_EQ(Separation(start, Precess(start, from, from)), 0);
+        rows << start.Ra << " " << start.Dec << " " << from << " " << to << " " << end.Ra << " "
+             << end.Dec << " " << LocalSiderealTime(to, 90) - 6 << "\n";
+    }
+    rows.close();
+#ifdef VESTREL_PYTHON
+    const std::string command = std::string(VESTREL_PYTHON) + " " + VESTREL_SOURCE_DIR +
+                                "/tests/judgeTime.py '" + (folder / "rows").string() +
+                                "' 0.0075 > '" + (folder / "verdict").string() + "' 2>&1";
+    const int status = std::system(command.c_str());
+    const std::string verdict = ReadFile(folder / "verdict");
+    if (verdict == "no judge\n") GTEST_SKIP() << "ERFA is not installed";
+    EXPECT_EQ(verdict, "");
+    EXPECT_EQ(status, 0);
+#else
+    GTEST_SKIP() << "there is no Python";
+#endif
+}
+
+TEST(Clock, IsTheSameInEveryTimeZoneAndThroughSummerTime) {
+#ifdef _WIN32
+    GTEST_SKIP() << "a program cannot choose its time zone here";
+#else
+    const auto set = [](const char* name, const char* value) {
+        value == nullptr ? unsetenv(name) : setenv(name, value, 1);
+        tzset();
+    };
+    const char* zoneBefore = std::getenv("TZ");
+    const std::string zone = zoneBefore == nullptr ? "" : zoneBefore;
+    // An hour around both changes of the clocks in Berlin, and New Year.
+    for (const std::time_t second : {1774746000, 1774746001, 1792890000, 1792893599, 1798761599}) {
+        const auto moment = std::chrono::system_clock::from_time_t(second) + milliseconds(250);
+        const std::vector<std::pair<const char*, double>> zones = {
+            {"UTC0", 0},
+            {"CET-1CEST,M3.5.0,M10.5.0/3", 15},
+            {"NZST-12NZDT,M9.5.0,M4.1.0/3", 180},
+            {"NST3:30NDT,M3.2.0,M11.1.0", -52.5}};
+        for (const auto& [name, longitude] : zones) {
+            set("TZ", name);
+            const LocalTime time = LocalTimeAt(moment);
+            const auto seconds = static_cast<double>(second);
+            EXPECT_NEAR(JulianDate(time), 2440587.5 + (seconds + 0.25) / 86400, 1e-9) << name;
+            set("VESTREL_LONGITUDE", "nowhere");
+            EXPECT_EQ(ObserverLongitude(time), longitude) << name;
+            set("VESTREL_LONGITUDE", "-70.4");
+            EXPECT_EQ(ObserverLongitude(time), -70.4);
+        }
+    }
+    set("VESTREL_LONGITUDE", nullptr);
+    set("TZ", zoneBefore == nullptr ? nullptr : zone.c_str());
+#endif
+}
+
+TEST_F(Telescope, SyncSendsTheCentreOfDateAndLoadBringsItBack) {
+    SyncTelescopeCommand(State, Port);  // nothing has been solved
+    EXPECT_EQ(Script->Calls(), Texts{});
+    State.SolvedCentre = {0, 0};
+    Give("sync");
+    EXPECT_EQ(Script->Calls(), (Texts{"create", "connect", "sync"}));
+    // The vernal equinox moves by 3.075 seconds of time and 20.04" in a year.
+    const double years = JulianEpoch(State.JulianDate) - 2000;
+    EXPECT_NEAR(Script->SentHours * 3600, 3.075 * years, 0.01 * years);
+    EXPECT_NEAR(Script->SentDegrees * 3600, 20.04 * years, 0.01 * years);
+    Random random(5);
+    for (int k = 0; k < 50; ++k) {
+        State.SolvedCentre = {random.Between(0, TwoPi), random.Between(-1.57, 1.57)};
+        Give("sync");
+        Script->Set({}, {}, Script->SentHours, Script->SentDegrees);
+        Give("ra");
+        EXPECT_EQ(Script->Calls(), (Texts{"ra", "dec"}));  // connected once
+        const SkyPosition loaded{ParseRA(State.Inputs.Ra), ParseDec(State.Inputs.Dec)};
+        EXPECT_LT(Separation(State.SolvedCentre, loaded), 0.15) << State.Inputs.Ra;
+    }
+    EXPECT_EQ(Port.Messages, Texts{});
+    EXPECT_EQ(Port.Statuses.back(), "Telescope: position loaded");
+}
+
+TEST_F(Telescope, WhatFailsChangesNothingAndTheNextTryConnectsAnew) {
+    for (const std::string call : {"create", "connect", "ra", "dec", "sync"}) {
+        Script->Set(call, {});
+        State.TelescopeConnected = false;
+        Port.Messages.clear();
+        Give(call);
+        EXPECT_EQ(Port.Messages,
+                  call == "create" || call == "connect" ? Texts{noConnection} : Texts{});
+        EXPECT_EQ(State.Display.Status.Text, "Telescope: the cat is on the ?mount") << call;
+        EXPECT_EQ(State.Display.Status.Colour, StatusColour::Red);
+        EXPECT_FALSE(State.TelescopeConnected);
+        EXPECT_FALSE(State.Display.BusyIndicator);
+        ExpectInputsUntouched();
+        Script->Set({}, {});
+        Give("sync");
+        EXPECT_EQ(Script->Calls(), (Texts{"create", "connect", "sync"})) << call;
+    }
+    State.TelescopeConnected = false;
+    State.CreateTelescope = nullptr;
+    Give("ra");
+    EXPECT_EQ(Port.Messages, Texts{noConnection});
+}
+
+TEST_F(Telescope, APositionThatCannotBeIsNotLoaded) {
+    constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+    constexpr double huge = std::numeric_limits<double>::infinity();
+    for (const auto& [hours, degrees] : std::vector<std::pair<double, double>>{
+             {nan, 0}, {0, nan}, {-0.01, 0}, {24.01, 0}, {1, 90.01}, {1, -91}, {huge, huge}}) {
+        Script->Set({}, {}, hours, degrees);
+        Give("ra");
+        ExpectInputsUntouched();
+        EXPECT_TRUE(Port.Statuses.back().starts_with("Telescope: no valid position: "));
+        EXPECT_TRUE(State.TelescopeConnected);
+    }
+    Script->Set({}, {}, 24, -90);
+    Give("ra");
+    EXPECT_GE(ParseRA(State.Inputs.Ra), 0);
+    EXPECT_NE(ParseDec(State.Inputs.Dec), InvalidAngle);
+}
+
+TEST_F(Telescope, ADriverThatHangsIsLeftInTimeAndDoesNoHarmLater) {
+    State.TelescopePatience = {milliseconds(150), milliseconds(100)};
+    for (const std::string call : {"create", "connect", "ra", "dec", "sync"}) {
+        Script->Set({}, call);
+        Port.Messages.clear();
+        Port.Yields = 0;
+        const auto start = steady_clock::now();
+        Give(call);
+        EXPECT_LT(steady_clock::now() - start, milliseconds(1000)) << call;
+        EXPECT_EQ(Port.Messages.empty(), call != "create" && call != "connect");
+        EXPECT_EQ(State.Display.Status.Text, "Telescope: it does not answer");
+        EXPECT_GE(Port.Yields, 2) << "the window was dead meanwhile";
+        ExpectInputsUntouched();
+        Script->Set({}, {});
+        EXPECT_TRUE(Script->WaitForTheLast()) << "the driver left alone after " << call;
+    }
+    // The user does not want to wait, and meanwhile presses everything.
+    State.TelescopePatience = {milliseconds(60000), milliseconds(60000)};
+    Script->Set({}, "ra");
+    Port.Messages.clear();
+    Port.Yields = 0;
+    Port.StopAtYield = 3;
+    Port.Meddle = [this] {
+        const AvailableCommands commands = CommandsFor(State);
+        EXPECT_TRUE(!commands.Start && !commands.Sync && commands.Stop);
+        LoadTelescopeCommand(State, Port);
+        SyncTelescopeCommand(State, Port);
+        PlateMatchCommand(State, Port);
+    };
+    Give("ra");
+    EXPECT_EQ(Script->Calls(), (Texts{"create", "connect", "ra"}));
+    EXPECT_EQ(Port.Messages, Texts{});
+    EXPECT_EQ(State.Display.Status.Text, "Telescope: given up");
+    Script->Set({}, {});
+    EXPECT_TRUE(Script->WaitForTheLast());
+}
+
+}  // namespace vestrel
