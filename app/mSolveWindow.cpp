@@ -137,8 +137,8 @@ void MoraCommand(ProgramState& state, Port& port) {
     const bool matched = code == SolveCode::Solved;
     state.Display.Details = matched ? QuadMatchText(state) : FailureText(state, code, WindowWords);
     if (matched && IsSure(state.QuadMatch.Confidence)) {
-        state.Inputs.Ra = FormatRA(centre.Ra, true, 2);
-        state.Inputs.Dec = FormatDec(centre.Dec, true, 1);
+        state.Inputs.Ra = FormatRA(centre.Ra, false, 2);
+        state.Inputs.Dec = FormatDec(centre.Dec, false, 1);
     }
     // What lay over the image was the solution before.
     port.ImageChanged();
