@@ -72,7 +72,7 @@ void SolveWindow::BuildControls() {
     QLabel* clock = AddShown("lblClock", &SolveDisplay::Clock);
     clock->setAccessibleName("Universal time, Julian date and local sidereal time");
     statusBar()->addPermanentWidget(clock);
-    resize(sizeHint() + QSize(60, 0));
+    resize(sizeHint() + QSize(60, 36));
 
     auto* escape = new QShortcut(Qt::Key_Escape, this);
     connect(escape, &QShortcut::activated, this, [this] { Stop(); });

@@ -116,14 +116,11 @@ ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& 
 }
 
 std::string ConfidenceText(const MatchConfidence& confidence) {
-    constexpr double smallestShown = 0.05;
     constexpr double likely = -3;
     const double log = confidence.Log10FalseAlarm;
     return std::to_string(confidence.Matched) + " of " +
            Count(confidence.Candidates, "catalog star", "catalog stars") +
-           " in the frame matched, " +
-           (confidence.ExpectedByChance < smallestShown ? "fewer than 0.1"
-                                                        : Fixed(confidence.ExpectedByChance, 1)) +
+           " in the frame matched, " + Fixed(confidence.ExpectedByChance, 1) +
            " expected by chance; false alarm " +
            (log > likely ? RoundedText(std::pow(10, log), 3)
                          : "below 1e" + std::to_string(static_cast<int>(std::ceil(log))));

@@ -251,7 +251,7 @@ TEST(ConfidenceText, PromisesNoMoreThanTheNumbers) {
               "17 of 24 catalog stars in the frame matched, 0.6 expected by chance; false alarm "
               "below 1e-12");
     EXPECT_EQ(ConfidenceText({1, 1, 0.04, -0.4}),
-              "1 of 1 catalog star in the frame matched, fewer than 0.1 expected by chance; false "
+              "1 of 1 catalog star in the frame matched, 0.0 expected by chance; false "
               "alarm 0.398");
 }
 
