@@ -32,8 +32,13 @@ constexpr const char* closing =
     "  3  no match                        8  solved, but the result could not be written\n"
     "  4  stopped by the user\n"
     "\n"
+#ifdef _WIN32
+    "The catalog is the first of --catalog, %VESTREL_CATALOG% and %ProgramData%\\Harrowdene\\KEL;\n"
+    "vestrel-catalog makes one. %VESTREL_THREADS% limits the threads.";
+#else
     "The catalog is the first of --catalog, $VESTREL_CATALOG, $XDG_DATA_HOME/Harrowdene/KEL and\n"
     "/var/lib/Harrowdene/KEL; vestrel-catalog makes one. $VESTREL_THREADS limits the threads.";
+#endif
 
 /// A parameter string is one argument with commas that names no file.
 bool LooksLikeParameterString(const std::string& argument) {
@@ -106,6 +111,7 @@ std::optional<ParsedOptions> ReadSearchInputs(const std::string& ra, const std::
 ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOptions& options,
                                   SolveParameters& parameters) {
     CLI::App app(description, "vestrel-solve");
+    app.allow_windows_style_options(false);  // a path may begin with "/" there too
     app.footer(closing);
     app.set_version_flag("--version", std::string("vestrel-solve ") + VESTREL_VERSION);
     std::string argument;

@@ -4,13 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#ifdef _WIN32
-#include <io.h>
-#else
-#include <unistd.h>
-#endif
-
 #include "astro/libStrings.h"
+#include "platform/libConsole.h"
 
 namespace vestrel {
 
@@ -25,23 +20,15 @@ extern "C" void OnStopSignal(int signal) {
     std::signal(signal, SIG_DFL);
 }
 
-bool IsTerminal(int stream) {
-#ifdef _WIN32
-    return _isatty(stream) != 0;
-#else
-    return isatty(stream) != 0;
-#endif
-}
-
 }  // namespace
 
-bool MayUseColour(int stream) {
+bool MayUseColour(std::FILE* stream) {
     const char* refused = std::getenv("NO_COLOR");
     return IsTerminal(stream) && (refused == nullptr || *refused == 0);
 }
 
 ConsolePort::ConsolePort(ProgramState& state, bool quiet)
-    : state_(state), drawsProgress_(!quiet && IsTerminal(2)) {
+    : state_(state), drawsProgress_(!quiet && IsTerminal(stderr)) {
     stopSignals = 0;
     std::signal(SIGINT, OnStopSignal);
     std::signal(SIGTERM, OnStopSignal);

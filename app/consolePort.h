@@ -1,6 +1,7 @@
 // The program on a terminal or a pipe: messages and progress on stderr, Ctrl-C as Stop.
 #pragma once
 
+#include <cstdio>
 #include <string>
 
 #include "app/mGeneral.h"
@@ -35,8 +36,7 @@ class ConsolePort : public Port {
     std::string drawn_;
 };
 
-/// Whether output to a stream (1 = stdout, 2 = stderr) may carry colours: a terminal, and NO_COLOR
-/// unset or empty.
-bool MayUseColour(int stream);
+/// Whether output to a stream may carry colours: a terminal, and NO_COLOR unset or empty.
+bool MayUseColour(std::FILE* stream);
 
 }  // namespace vestrel

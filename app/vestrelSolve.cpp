@@ -18,6 +18,7 @@
 #include "image/mSolvedImage.h"
 #include "matching/mBlindSolve.h"
 #include "matching/mPlateMatch.h"
+#include "platform/libConsole.h"
 #include "platform/libPlatform.h"
 #include "settings/mSettings.h"
 #include "viewer/libHeaderText.h"
@@ -251,8 +252,8 @@ void PrintTimes(std::FILE* out, const ProgramState& state, const Outcome& outcom
 
 void PrintForPeople(const ProgramState& state, const Outcome& outcome, bool quiet) {
     const bool solved = outcome.Result.Code == SolveCode::Solved && outcome.Attempted;
-    const int stream = solved ? 1 : 2;
-    const char* colour = MayUseColour(stream) ? (solved ? "\033[32m" : "\033[31m") : "";
+    const char* colour =
+        MayUseColour(solved ? stdout : stderr) ? (solved ? "\033[32m" : "\033[31m") : "";
     const char* plain = *colour != 0 ? "\033[0m" : "";
     if (solved) {
         std::printf("%s%s%s: %s\n%s", colour, outcome.Result.Message.c_str(), plain,
@@ -328,7 +329,9 @@ int Run(int argc, const char* const* argv) {
 
 int main(int argc, char** argv) {
     try {
-        return vestrel::Run(argc, argv);
+        const vestrel::ProgramArguments arguments(argc, argv);
+        vestrel::PrepareConsole();
+        return vestrel::Run(arguments.Count(), arguments.Values());
     } catch (const std::exception& error) {
         std::fprintf(stderr, "vestrel-solve: %s\n", error.what());
         return vestrel::ExitCode::Usage;

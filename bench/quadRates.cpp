@@ -109,6 +109,7 @@ void RemoveRegion(QuadTables& tables, SkyPosition centre, double radius) {
     tables.Quads.erase(std::remove_if(tables.Quads.begin() + 1, tables.Quads.end(), near),
                        tables.Quads.end());
     tables.QuadCount = static_cast<std::int32_t>(tables.Quads.size()) - 1;
+    IndexTables(tables);
 }
 
 void Count(Counts& counts, const ProgramState& state, const Trial& trial, bool matched) {

@@ -150,7 +150,7 @@ bool ReadQuadBand(std::FILE* file, const QuadBand& band, QuadTables& tables, std
         fault = "is damaged";
         return false;
     }
-    IndexStars(read);
+    IndexTables(read);
     tables = std::move(read);
     return true;
 }

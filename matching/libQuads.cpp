@@ -84,7 +84,10 @@ double QuadDistance(const Quad& q1, const Quad& q2) {
     return std::sqrt(d1 * d1 + d2 * d2 + d3 * d3 + d4 * d4 + d5 * d5);
 }
 
-void IndexStars(QuadTables& tables) {
+void IndexTables(QuadTables& tables) {
+    tables.ShortestRatios.resize(tables.Quads.size());
+    std::transform(tables.Quads.begin(), tables.Quads.end(), tables.ShortestRatios.begin(),
+                   [](const Quad& quad) { return quad.Ratio5; });
     tables.ZoneStarts.assign(zoneCount + 1, 0);
     tables.ZoneStars.resize(static_cast<std::size_t>(tables.StarCount));
     tables.ZoneDirections.resize(tables.ZoneStars.size());
@@ -122,6 +125,16 @@ std::int32_t FindFirstQuad(const QuadTables& tables, double target,
         if (yield) yield();
     } while (low + 1 < high);
     return std::max(middle, 1);
+}
+
+std::int32_t FindKeyLimit(const QuadTables& tables, std::int32_t from, double limit) {
+    const auto first = tables.Quads.begin() + from;
+    const auto last = tables.Quads.begin() + tables.QuadCount;
+    return from +
+           static_cast<std::int32_t>(
+               std::partition_point(
+                   first, last, [limit](const Quad& quad) { return Wide(quad.QuadKey) < limit; }) -
+               first);
 }
 
 void NearbyCatalogStars(const QuadTables& tables, Projection& projection, double ra, double dec,

@@ -48,20 +48,25 @@ struct QuadTables {
     std::vector<CatalogStar> Stars;
     std::int32_t StarCount = 0;
 
-    /// Star places by declination, made by `IndexStars`: those of zone z, in rising order, stand at
+    // What `IndexTables` makes, to search faster.
+    std::vector<float> ShortestRatios;  ///< `Ratio5` of `Quads`
+    /// Star places by declination: those of zone z, in rising order, stand at
     /// ZoneStarts[z] .. ZoneStarts[z + 1] − 1, and so do their directions (unit vectors).
     std::vector<std::int32_t> ZoneStarts;
     std::vector<std::int32_t> ZoneStars;
     std::vector<std::array<float, 3>> ZoneDirections;
 };
 
-/// Makes the index that `NearbyCatalogStars` uses; to be called when the stars are in place.
-void IndexStars(QuadTables& tables);
+/// To be called when the quads and stars are in place, before a search.
+void IndexTables(QuadTables& tables);
 
 /// The place (1..QuadCount) from which to search for keys of `target` and more: bisection, which
 /// may end one place early. The table must not be empty. Calls `yield` at every step.
 std::int32_t FindFirstQuad(const QuadTables& tables, double target,
                            const std::function<void()>& yield = {});
+
+/// The first place from `from` to QuadCount whose key is not below `limit`, else QuadCount.
+std::int32_t FindKeyLimit(const QuadTables& tables, std::int32_t from, double limit);
 
 /// The stars of the quad star table within `radius` (radians) of a position and no fainter than
 /// `magLimit`, at most 1000 (the first in the table), brightest first. Centres `projection` there.

@@ -92,11 +92,12 @@ class QuadMatcher {
         ++search_.Searched;
         std::int32_t place = FindFirstQuad(tables_, key - 2 * keyTolerance, yield);
         // The last quad of the table is never looked at.
-        for (; place < tables_.QuadCount; ++place) {
+        const std::int32_t end = FindKeyLimit(tables_, place, key + 2 * keyTolerance);
+        for (; place < end; ++place) {
+            // One ratio that differs by more than the tolerance is enough; most quads end here.
+            const float shortest = tables_.ShortestRatios[static_cast<std::size_t>(place)];
+            if (!(std::fabs(shortest - shape.Ratio5) < 0.0101F)) continue;
             const Quad& candidate = tables_.Quads[static_cast<std::size_t>(place)];
-            if (!(static_cast<double>(candidate.QuadKey) < key + 2 * keyTolerance)) break;
-            // One ratio that differs by the tolerance is enough; most quads end here.
-            if (!(std::fabs(candidate.Ratio5 - shape.Ratio5) < 0.0101F)) continue;
             const double distance = QuadDistance(shape, candidate);
             if (!(distance < keyTolerance) || !HasStars(candidate)) continue;
             ++search_.Candidates;

@@ -4,8 +4,14 @@
 #include <system_error>
 
 #ifdef _WIN32
+#include <fcntl.h>
 #include <io.h>
 #include <process.h>
+#include <share.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <thread>
 #else
 #include <unistd.h>
 #endif
@@ -104,6 +110,32 @@ bool AppendRest(std::FILE* file, const fs::path& path, std::size_t start) {
     return std::ferror(old.get()) == 0;
 }
 
+/// A file that was not there before; null when that fails.
+FileHandle CreateNewFile(const fs::path& path) {
+#ifdef _WIN32
+    // The system's C library knows no mode "x".
+    const int file = _wsopen(path.c_str(), _O_CREAT | _O_EXCL | _O_WRONLY | _O_BINARY, _SH_DENYNO,
+                             _S_IREAD | _S_IWRITE);
+    return FileHandle(file < 0 ? nullptr : _fdopen(file, "wb"));
+#else
+    return OpenFile(path, "wbx");
+#endif
+}
+
+/// Gives a file the name and place of another.
+void RenameOver(const fs::path& from, const fs::path& to, std::error_code& error) {
+    fs::rename(from, to, error);
+#ifdef _WIN32
+    // Windows refuses while anyone reads the file that goes. Whoever waits for a result does so
+    // often, and so do the programs that look for viruses, but never for long.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (error && std::chrono::steady_clock::now() < end && fs::exists(to)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        fs::rename(from, to, error);
+    }
+#endif
+}
+
 /// A new file beside `path`, under a name that it returns in `temporary`.
 FileHandle CreateTemporary(const fs::path& path, fs::path& temporary) {
     // A name of the greatest length leaves no room for more. And never a file or link that is there
@@ -115,7 +147,7 @@ FileHandle CreateTemporary(const fs::path& path, fs::path& temporary) {
     for (int i = 0; i < attempts && !file; ++i) {
         temporary = path.parent_path() / path.filename().native().substr(0, nameLength);
         temporary += ending + "." + std::to_string(i) + ".tmp";
-        file = OpenFile(temporary, "wbx");
+        file = CreateNewFile(temporary);
     }
     return file;
 }
@@ -176,7 +208,7 @@ void NewFile::Commit() {
     if (!FlushToDisk(file_.get())) Fail(path_, LastError());
     if (std::fclose(file_.release()) != 0) Fail(path_, LastError());
     std::error_code error;
-    fs::rename(temporary_, path_, error);
+    RenameOver(temporary_, path_, error);
     if (error) Fail(path_, error);
     temporary_.clear();
 }

@@ -20,12 +20,32 @@ namespace fs = std::filesystem;
 
 namespace {
 
+#ifdef _WIN32
+fs::path FolderFromEnvironment(const char* variable) {
+    const wchar_t* value = _wgetenv(PathFromText(variable).c_str());
+    return value == nullptr ? fs::path() : fs::path(value);
+}
+
+/// One of the folders that Windows knows by a number; empty when it has none.
+fs::path ShellFolder(int number) {
+    wchar_t folder[MAX_PATH] = {};
+    return SHGetSpecialFolderPathW(nullptr, folder, number, TRUE) ? fs::path(folder) : fs::path();
+}
+
+/// Where a file of the user's is: beside the program when one is there already, as on a memory
+/// stick that goes from one computer to the next, else with the user's other application data.
+fs::path UserFile(const wchar_t* name) {
+    fs::path beside = ProgramFolder() / name;
+    std::error_code ignored;
+    const fs::path data = ShellFolder(CSIDL_APPDATA);
+    return data.empty() || fs::exists(beside, ignored) ? beside : data / "Vestrel" / name;
+}
+#else
 fs::path FolderFromEnvironment(const char* variable) {
     const char* value = std::getenv(variable);
     return value == nullptr ? fs::path() : PathFromText(value);
 }
 
-#ifndef _WIN32
 /// `$variable`, or `fallback` under the home folder when it is unset.
 fs::path UserFolder(const char* variable, const char* fallback) {
     fs::path folder = FolderFromEnvironment(variable);
@@ -38,22 +58,35 @@ fs::path UserFolder(const char* variable, const char* fallback) {
 
 }  // namespace
 
-fs::path PathFromText(const std::string& utf8) {
 #ifdef _WIN32
-    return fs::path(reinterpret_cast<const char8_t*>(utf8.c_str()));
-#else
-    return {utf8};
-#endif
+// The standard library's conversions throw on text that is no UTF-8 and on file names that are no
+// UTF-16; here either becomes a replacement character, and the file is not found.
+fs::path PathFromText(const std::string& utf8) {
+    const int length = static_cast<int>(utf8.size());
+    std::wstring wide(utf8.size(), L'\0');
+    const int used = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), length, wide.data(), length);
+    wide.resize(static_cast<std::size_t>(used));
+    return {wide};
 }
 
 std::string TextFromPath(const fs::path& path) {
-#ifdef _WIN32
-    const auto text = path.u8string();
-    return std::string(text.begin(), text.end());
-#else
-    return path.string();
-#endif
+    const std::wstring& wide = path.native();
+    const int length = static_cast<int>(wide.size());
+    std::string utf8(wide.size() * 3, '\0');
+    const int used = WideCharToMultiByte(CP_UTF8, 0, wide.data(), length, utf8.data(),
+                                         static_cast<int>(utf8.size()), nullptr, nullptr);
+    utf8.resize(static_cast<std::size_t>(used));
+    return utf8;
 }
+#else
+fs::path PathFromText(const std::string& utf8) {
+    return {utf8};
+}
+
+std::string TextFromPath(const fs::path& path) {
+    return path.string();
+}
+#endif
 
 fs::path ProgramFolder() {
 #ifdef _WIN32
@@ -73,9 +106,7 @@ fs::path DefaultCatalogFolder() {
     fs::path folder = FolderFromEnvironment("VESTREL_CATALOG");
     if (!folder.empty()) return folder;
 #ifdef _WIN32
-    char common[MAX_PATH] = {};
-    SHGetSpecialFolderPathA(nullptr, common, CSIDL_COMMON_APPDATA, FALSE);
-    return fs::path(common) / "Harrowdene" / "KEL";
+    return ShellFolder(CSIDL_COMMON_APPDATA) / "Harrowdene" / "KEL";
 #else
     fs::path system = "/var/lib/Harrowdene/KEL";
     const fs::path user = UserFolder("XDG_DATA_HOME", ".local/share");
@@ -90,7 +121,7 @@ fs::path SettingsFilePath() {
     fs::path file = FolderFromEnvironment("VESTREL_SETTINGS");
     if (!file.empty()) return file;
 #ifdef _WIN32
-    return ProgramFolder() / "Vestrel.ini";
+    return UserFile(L"Vestrel.ini");
 #else
     const fs::path folder = UserFolder("XDG_CONFIG_HOME", ".config");
     return (folder.empty() ? ProgramFolder() : folder / "vestrel") / "Vestrel.ini";
@@ -99,7 +130,7 @@ fs::path SettingsFilePath() {
 
 fs::path RecentImagesFilePath() {
 #ifdef _WIN32
-    return ProgramFolder() / "recent-images";
+    return UserFile(L"recent-images");
 #else
     const fs::path folder = UserFolder("XDG_STATE_HOME", ".local/state");
     return (folder.empty() ? ProgramFolder() : folder / "vestrel") / "recent-images";
@@ -121,7 +152,7 @@ std::size_t PeakMemoryBytes() {
 void* AllocateZeroed(std::size_t bytes, [[maybe_unused]] MemoryUse use) {
     if (bytes == 0) return nullptr;
 #ifdef _WIN32
-    void* block = std::calloc(bytes, 1);
+    void* block = VirtualAlloc(nullptr, bytes, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
     if (block == nullptr) throw std::bad_alloc();
 #else
     void* block = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -139,7 +170,7 @@ void FreeZeroed(void* block, std::size_t bytes) noexcept {
     if (block == nullptr) return;
 #ifdef _WIN32
     (void)bytes;
-    std::free(block);
+    VirtualFree(block, 0, MEM_RELEASE);
 #else
     munmap(block, bytes);
 #endif

@@ -9,18 +9,19 @@ namespace vestrel {
 
 /// The folder that holds the catalog when nothing else is said, without a test that it exists.
 ///
-/// Windows: the common application-data folder + "\Harrowdene\KEL\". Elsewhere the first of
-/// `$VESTREL_CATALOG`, `$XDG_DATA_HOME/Harrowdene/KEL` (`~/.local/share` when unset) and
-/// `/var/lib/Harrowdene/KEL`; of the last two the first that exists, and the former when neither
-/// does.
+/// `$VESTREL_CATALOG` when set; else on Windows the common application-data folder +
+/// "\Harrowdene\KEL\", elsewhere the first of `$XDG_DATA_HOME/Harrowdene/KEL` (`~/.local/share`
+/// when unset) and `/var/lib/Harrowdene/KEL` that exists, and the former when neither does.
 std::filesystem::path DefaultCatalogFolder();
 
 /// The settings file. `$VESTREL_SETTINGS` when set; else on Windows "Vestrel.ini" beside the
-/// program, elsewhere `$XDG_CONFIG_HOME/vestrel/Vestrel.ini` (`~/.config` when unset).
+/// program when it is there, or in `%APPDATA%\Vestrel`; elsewhere
+/// `$XDG_CONFIG_HOME/vestrel/Vestrel.ini` (`~/.config` when unset).
 std::filesystem::path SettingsFilePath();
 
-/// The file that remembers which images were opened last. On Windows beside the program, elsewhere
-/// `$XDG_STATE_HOME/vestrel/recent-images` (`~/.local/state` when unset).
+/// The file that remembers which images were opened last. On Windows it is looked for as the
+/// settings file is; elsewhere `$XDG_STATE_HOME/vestrel/recent-images` (`~/.local/state` when
+/// unset).
 std::filesystem::path RecentImagesFilePath();
 
 /// The folder that holds the running program; the current folder when it cannot be told.

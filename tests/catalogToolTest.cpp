@@ -1,7 +1,9 @@
 // vestrel-catalog: sources, the building of cells, the exchange of folders and the program itself.
 #include <gtest/gtest.h>
+#ifndef _WIN32
 #include <sys/wait.h>
 #include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <array>
@@ -354,8 +356,14 @@ struct TableOutcome {
 };
 
 TableOutcome ReadTable(const std::string& text, const StarTableOptions& options = {}) {
+#ifdef _WIN32
+    const TemporaryFolder folder;
+    WriteFile(folder / "table", text);
+    const FileHandle file = OpenFile(folder / "table", "rb");
+#else
     std::string copy = text;
     const FileHandle file(fmemopen(copy.data(), copy.size(), "r"));
+#endif
     TableOutcome outcome;
     ProgressLine silent(stdout);
     outcome.Result = ReadStarTable(
@@ -495,7 +503,7 @@ TEST(CatalogFolder, TheOldCatalogStaysUntilTheNewOneTakesItsPlace) {
 TEST(CatalogFolder, WhatADeadBuildLeftIsRepaired) {
     const TemporaryFolder folder;
     const std::string dead = "999999999";  // beyond any process number
-    const std::string alive = std::to_string(getppid());
+    const std::string alive = std::to_string(OtherProcess());
     for (const std::string& name : {"KEL.building-" + dead, "KEL.replaced-" + dead,
                                     "KEL.building-" + alive, "KEL.building-" + dead + "x"}) {
         fs::create_directory(folder / name);
@@ -531,6 +539,7 @@ TEST(CatalogFolder, FilesThatAreNoCatalogAreNeverReplaced) {
         EXPECT_EQ(code, refused ? ExitCannotWrite : 0) << file;
         EXPECT_EQ(ReadFile(target / file), content);
     }
+#ifndef _WIN32
     // A link to a catalog stays a link.
     fs::create_directory_symlink("tN00R00", folder / "link");
     BuildingFolder building(folder / "link");
@@ -538,22 +547,35 @@ TEST(CatalogFolder, FilesThatAreNoCatalogAreNeverReplaced) {
     building.Publish();
     EXPECT_TRUE(fs::is_symlink(folder / "link"));
     EXPECT_EQ(ReadFile(folder / "tN00R00" / "N00R00"), "new");
+#endif
 }
 
 // ---- The program ----
 
-int RunTool(const std::string& arguments, const fs::path& output = "/dev/null") {
-    const std::string program = (ProgramFolder() / "vestrel-catalog").string();
-    const int status = std::system(
-        ("'" + program + "' " + arguments + " >'" + output.string() + "' 2>/dev/null").c_str());
+#ifdef _WIN32
+constexpr const char* nowhere = "NUL";
+#else
+constexpr const char* nowhere = "/dev/null";
+#endif
+
+int RunTool(const std::string& arguments, const fs::path& output = nowhere) {
+    const std::string program = TextFromPath(ProgramFolder() / "vestrel-catalog");
+    const std::string command =
+        "\"" + program + "\" " + arguments + " >\"" + TextFromPath(output) + "\" 2>" + nowhere;
+#ifdef _WIN32
+    // The shell takes away the outermost quotes.
+    return _wsystem(PathFromText("\"" + command + "\"").c_str());
+#else
+    const int status = std::system(command.c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+#endif
 }
 
 TEST(CatalogTool, BuildInfoAndVerifyAgreeAndExitCodesHold) {
     const TemporaryFolder folder;
-    const std::string catalog = " --catalog '" + (folder / "KEL").string() + "' ";
-    const std::string table = "'" + (folder / "stars.csv").string() + "'";
-    const std::string bright = "'" + (folder / "bright.json").string() + "'";
+    const std::string catalog = " --catalog \"" + (folder / "KEL").string() + "\" ";
+    const std::string table = "\"" + (folder / "stars.csv").string() + "\"";
+    const std::string bright = "\"" + (folder / "bright.json").string() + "\"";
     WriteFile(folder / "stars.csv", "ra,dec,Vmag\n10,41,8.25\n10,41,8.25\n280,-89.9,12\n5,5,14\n");
     WriteFile(folder / "bright.json", R"({"features":[{"properties":{"mag":-1.44},
         "geometry":{"coordinates":[101.2872,-16.7161]}}]})");
@@ -577,11 +599,13 @@ TEST(CatalogTool, BuildInfoAndVerifyAgreeAndExitCodesHold) {
         {catalog, ExitWrongUsage},
         {"--csv " + table + " --tycho2 x" + catalog, ExitWrongUsage},
         {"--csv " + table + " --where ra~1" + catalog, ExitWrongUsage},
-        {"--csv " + table + " --catalog /proc/KEL", ExitCannotWrite}};
+        {"--csv " + table + " --catalog " + table, ExitCannotWrite}};
     for (const auto& [arguments, code] : refused) {
         EXPECT_EQ(RunTool("build " + arguments), code) << arguments;
     }
+#ifndef _WIN32
     EXPECT_EQ(RunTool("info" + catalog, "/dev/full"), ExitCannotWrite);
+#endif
     EXPECT_EQ(ReadFile(folder / "KEL" / ManifestName), before);
     EXPECT_EQ(Listing(folder.Path).size(), 4U);  // nothing half built is left
 

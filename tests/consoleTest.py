@@ -2,7 +2,8 @@
 """Runs the real vestrel-solve: what scripts rely on, and real pictures with known truth.
 
 Environment: VESTREL_SOLVE the program; VESTREL_CATALOG_TOOL the one that draws frames; VESTREL_TEST_CATALOG a real catalog (else the usual folder);
-VESTREL_SHARED_IMAGES a folder with real pictures and their truth.tsv.
+VESTREL_SHARED_IMAGES a folder with real pictures and their truth.tsv. For programs for Windows VESTREL_WINE is
+what starts them, and VESTREL_NATIVE the folder of the same programs for this system.
 """
 import csv
 import json
@@ -11,6 +12,7 @@ import os
 import pathlib
 import pty
 import random
+import shutil
 import signal
 import struct
 import subprocess
@@ -18,14 +20,27 @@ import tempfile
 import time
 import unittest
 
-SOLVER = os.environ["VESTREL_SOLVE"]
-RENDERER = os.environ["VESTREL_CATALOG_TOOL"]
+WINDOWS = os.environ["VESTREL_SOLVE"].endswith(".exe")
+WINE = [os.environ["VESTREL_WINE"]] if WINDOWS else []
+SOLVER = [*WINE, os.environ["VESTREL_SOLVE"]]
+RENDERER = [*WINE, os.environ["VESTREL_CATALOG_TOOL"]]
+not_on_windows = unittest.skipIf(WINDOWS, "Wine cannot be sent signals, nor shown a terminal, from here")
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 CATALOG = pathlib.Path(os.environ.get("VESTREL_TEST_CATALOG") or os.path.join(
     os.environ.get("XDG_DATA_HOME", os.path.expanduser("~/.local/share")), "Harrowdene/KEL"))
 PICTURES = pathlib.Path(os.environ.get("VESTREL_SHARED_IMAGES", ROOT.parent / "shared/images"))
 
 SOLVED, TOO_FEW_STARS, USAGE, NO_MATCH, STOPPED, NO_IMAGE, BAD_NAME, NO_CATALOG, NOT_WRITTEN = range(9)
+
+
+def setUpModule():
+    if WINDOWS:
+        # The services of Wine hold the output of whichever program started them until the last one
+        # has ended: this one outlives all others.
+        keeper = subprocess.Popen([*WINE, "cmd"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                  stderr=subprocess.DEVNULL)
+        unittest.addModuleCleanup(keeper.communicate)
+        keeper.stdout.read(1)  # its prompt: the services are there
 
 
 def fits_bytes(pixels, width, height):
@@ -56,8 +71,11 @@ class Solver(unittest.TestCase):
         self.environment = dict(os.environ, VESTREL_SETTINGS=str(self.folder / "Vestrel.ini"))
 
     def run_solver(self, *arguments, **options):
-        return subprocess.run([SOLVER, *map(str, arguments)], env=self.environment, timeout=300,
-                              capture_output=True, check=False, **options)
+        run = subprocess.run([*SOLVER, *map(str, arguments)], env=self.environment, timeout=300,
+                             capture_output=True, check=False, **options)
+        if WINDOWS:
+            run.stdout, run.stderr = (text.replace(b"\r\n", b"\n") for text in (run.stdout, run.stderr))
+        return run
 
     def frame(self, name="frame.fit", data=None):
         path = self.folder / name
@@ -91,6 +109,8 @@ class Contract(Solver):
             (NO_IMAGE, [self.folder / "absent.fit", *search], "Unable to read the image file."),
             (NO_CATALOG, [frame, *search, "--catalog", self.folder / "nowhere"], "does not exist"),
             (NO_CATALOG, [frame, *search, "--catalog", empty], "holds no stars"),
+            (NO_CATALOG, [frame, "--blind", "--catalog", empty], "vestrel-catalog quads"),
+            (NO_CATALOG, [frame, "--blind", *search, "--catalog", empty], "no quad tables"),
         ]
         for code, arguments, words in cases:
             with self.subTest(arguments=[str(a)[-40:] for a in arguments]):
@@ -103,8 +123,14 @@ class Contract(Solver):
     def test_help_and_version_go_to_stdout(self):
         run = self.run_solver("--help")
         self.assertEqual((run.returncode, run.stderr), (0, b""))
-        self.assertEqual(run.stdout.decode(),
-                         (ROOT / "tests/consoleHelp.txt").read_text(encoding="utf-8"))
+        help_text = (ROOT / "tests/consoleHelp.txt").read_text(encoding="utf-8")
+        if WINDOWS:  # its last paragraph tells of this system's folders
+            help_text = help_text.rpartition("\n\n")[0] + r"""
+
+The catalog is the first of --catalog, %VESTREL_CATALOG% and %ProgramData%\Harrowdene\KEL;
+vestrel-catalog makes one. %VESTREL_THREADS% limits the threads.
+"""
+        self.assertEqual(run.stdout.decode(), help_text)
         self.assertRegex(self.run_solver("--version").stdout, rb"^vestrel-solve \d+\.\d+\.\d+\n$")
 
     def test_negative_angles_are_values_and_no_options(self):
@@ -167,11 +193,11 @@ class Contract(Solver):
         self.assertTrue(image.exists())
 
     def test_json_is_valid_for_every_outcome_and_any_path(self):
-        weird = os.fsencode(self.folder) + b"/\xff\xfe \xc3\xa9.fit"
+        weird = os.fsencode(self.folder) + (b"/" if WINDOWS else b"/\xff\xfe ") + b"\xc3\xa9.fit"
         with open(weird, "wb") as file:
             file.write(spots())
         for image in (weird, os.fsencode(self.folder / "absent.fit")):
-            run = subprocess.run([SOLVER, image, "--ra", "150", "--dec=-0:30", "--size", "1x1d",
+            run = subprocess.run([*SOLVER, image, "--ra", "150", "--dec=-0:30", "--size", "1x1d",
                                   "--json", "--catalog", self.folder / "none"],
                                  env=self.environment, capture_output=True, check=False)
             report = json.loads(run.stdout)
@@ -181,10 +207,11 @@ class Contract(Solver):
             self.frame(), "--ra", "1", "--dec", "1", "--size", "1x1d", "--json", "--catalog",
             self.folder).stdout)["stars_extracted"], 20)
 
+    @not_on_windows
     def test_interrupt_stops_a_long_search_and_says_so(self):
         frame = self.frame()
         for stop in (signal.SIGINT, signal.SIGTERM):
-            process = subprocess.Popen([SOLVER, f"1,0.3,.02,.02,2000000000,{frame}", "--catalog",
+            process = subprocess.Popen([*SOLVER, f"1,0.3,.02,.02,2000000000,{frame}", "--catalog",
                                         str(self.folder)], env=self.environment,
                                        stderr=subprocess.DEVNULL)
             time.sleep(1.5)
@@ -194,6 +221,7 @@ class Contract(Solver):
         self.assertEqual((result[0], result[2]),
                          (b"1000,1000,-2", b"Vestrel was terminated by user"))
 
+    @not_on_windows
     def test_progress_and_colour_only_on_a_terminal_that_wants_them(self):
         search = [str(self.frame()), "--ra", "1", "--dec", "1", "--size", "1x1d", "--regions", "3",
                   "--catalog", str(self.folder)]
@@ -202,7 +230,7 @@ class Contract(Solver):
                 main, terminal = pty.openpty()
             except OSError as error:
                 self.skipTest(f"no terminal to be had: {error}")
-            subprocess.run([SOLVER, *search], env=dict(self.environment, NO_COLOR=no_colour),
+            subprocess.run([*SOLVER, *search], env=dict(self.environment, NO_COLOR=no_colour),
                            stderr=terminal, stdout=subprocess.DEVNULL, check=False)
             os.close(terminal)
             output = b""
@@ -216,8 +244,8 @@ class Contract(Solver):
             self.assertEqual(b"\x1b[31m" in output, coloured)
 
 
-class Solutions(Solver):
-    """What becomes of a solution, on a sky drawn for it."""
+class DrawnSky(Solver):
+    """A sky drawn for the test, and a catalog of it."""
 
     RA, DEC = 10.5, 5.7  # degrees, in the middle of the cell N02R02
 
@@ -232,7 +260,7 @@ class Solutions(Solver):
         (catalog / "N02R02").write_bytes(b"".join(struct.pack("<ffh", *star) for star in stars))
         self.environment["VESTREL_CATALOG"] = str(catalog)
         image = self.folder / "sky.fit"
-        subprocess.run([RENDERER, "render", "--ra", str(self.RA), "--dec", str(self.DEC), "--size",
+        subprocess.run([*RENDERER, "render", "--ra", str(self.RA), "--dec", str(self.DEC), "--size",
                         "60x45", "--width-px", "600", "--out", image], env=self.environment,
                        check=True, capture_output=True)
         self.sky = image.read_bytes()
@@ -243,6 +271,10 @@ class Solutions(Solver):
     def assert_centre(self, ra, dec):
         self.assertAlmostEqual(ra, self.RA, delta=1 / 3600)
         self.assertAlmostEqual(dec, self.DEC, delta=1 / 3600)
+
+
+class Solutions(DrawnSky):
+    """What becomes of a solution."""
 
     def test_it_goes_to_stdout_in_words_or_json(self):
         run = self.run_solver(*self.search)
@@ -258,11 +290,12 @@ class Solutions(Solver):
         self.assertEqual((run.returncode, run.stdout), (NO_MATCH, b""))
 
     def test_results_are_written_beside_images_of_any_name(self):
-        for name in (b"m\xc3\xbc \xe2\x98\x85", b"\xff\xfe", b"-x, y", b"n" * 251):
+        names = [b"m\xc3\xbc \xe2\x98\x85", b"-x, y"]
+        for name in names if WINDOWS else [*names, b"\xff\xfe", b"n" * 251]:
             image = os.fsencode(self.folder) + b"/" + name
             with open(image + b".fit", "wb") as file:
                 file.write(self.sky)
-            run = subprocess.run([SOLVER, self.parameters.encode() + image + b".fit"],
+            run = subprocess.run([*SOLVER, self.parameters.encode() + image + b".fit"],
                                  env=self.environment, capture_output=True, check=False)
             self.assertEqual(run.returncode, SOLVED, run.stderr)
             with open(image + b".kel", "rb") as file:
@@ -324,20 +357,88 @@ class Solutions(Solver):
         run = self.run_solver(self.parameters + str(self.search[0]))
         self.assertEqual(run.returncode, NOT_WRITTEN)
         self.assertIn(b"sky.kel cannot be written.", run.stderr)
-        for more in ([], ["--json"]):
+        for more in [] if WINDOWS else [[], ["--json"]]:
             with open("/dev/full", "wb") as full:
-                run = subprocess.run([SOLVER, *map(str, self.search), *more], stdout=full,
+                run = subprocess.run([*SOLVER, *map(str, self.search), *more], stdout=full,
                                      stderr=subprocess.PIPE, env=self.environment, check=False)
             self.assertEqual(run.returncode, NOT_WRITTEN)
             self.assertIn(b"cannot be written", run.stderr)
 
 
+@unittest.skipUnless(WINDOWS, "only Windows has such places")
+class OnWindows(DrawnSky):
+    """Files where Windows keeps them, and in them what other systems write."""
+
+    def test_files_lie_where_windows_keeps_them(self):
+        drive = pathlib.Path(os.environ["WINEPREFIX"]) / "drive_c"
+        data = drive / "ProgramData/Harrowdene"
+        data.mkdir()
+        self.addCleanup(shutil.rmtree, data)
+        (self.folder / "KEL").rename(data / "KEL")
+        settings = next(drive.glob("users/*/AppData/Roaming")) / "Vestrel/Vestrel.ini"
+        shutil.rmtree(settings.parent, ignore_errors=True)
+        del self.environment["VESTREL_CATALOG"], self.environment["VESTREL_SETTINGS"]
+        pictures = pathlib.Path(tempfile.mkdtemp(prefix="Aufnahmen m\xfc \u2605 ", dir=drive))
+        self.addCleanup(shutil.rmtree, pictures)
+        (pictures / "m 51, neu.fit").write_bytes(self.sky)
+        image = f"C:\\{pictures.name}\\m 51, neu.fit"
+        for path in (image, image.replace("\\", "/"), image.replace("C:", ""), "m 51, neu.fit"):
+            run = self.run_solver(self.parameters + path, "--json", cwd=pictures)
+            report = json.loads(run.stdout)
+            self.assertEqual((run.returncode, report["image"]), (SOLVED, path), run.stderr)
+            self.assertEqual(report["catalog_folder"], "C:\\ProgramData\\Harrowdene\\KEL")
+            (pictures / "m 51, neu.kel").unlink()
+        self.assertTrue(settings.exists())
+        # The settings beside the program come first.
+        program = pictures / "vestrel-solve.exe"
+        shutil.copy(SOLVER[-1], program)
+        for outdated in (False, True):
+            if outdated:
+                (pictures / "Vestrel.ini").write_bytes(b"OLD!!")
+            run = subprocess.run([*WINE, program, image, "--ra", "1", "--dec", "1"],
+                                 env=self.environment, capture_output=True, check=False)
+            self.assertEqual(b"out of date" in run.stderr, outdated)
+
+    def test_results_are_those_of_this_system_byte_for_byte(self):
+        native = pathlib.Path(os.environ["VESTREL_NATIVE"])
+        if not (native / "vestrel-solve").exists():
+            self.skipTest(f"no programs in {native}")
+        here = self.folder / "here.fit"
+        subprocess.run([native / "vestrel-catalog", "render", "--ra", str(self.RA), "--dec",
+                        str(self.DEC), "--size", "60x45", "--width-px", "600", "--out", here],
+                       env=self.environment, check=True, capture_output=True)
+        self.assertEqual(here.read_bytes(), self.sky)
+        images = [here]
+        try:
+            from astropy.io import fits
+            from PIL import Image
+            grey = (fits.getdata(here).astype(float).clip(900, 3000) / 12).astype("uint8")[::-1]
+            for name, quality in (("high.jpg", 98), ("low.jpg", 60)):
+                images.append(self.folder / name)
+                Image.merge("RGB", [Image.fromarray(grey // k) for k in (1, 2, 3)]).save(
+                    images[-1], quality=quality, progressive=quality < 90)
+        except ImportError:
+            pass
+        for image in images:
+            written = []
+            for solver in (SOLVER, [native / "vestrel-solve"]):
+                saved = self.folder / "saved.fit"
+                run = subprocess.run([*solver, self.parameters + str(image), "--save", saved],
+                                     env=self.environment, capture_output=True, check=False)
+                self.assertEqual(run.returncode, SOLVED, run.stderr)
+                written.append((image.with_suffix(".kel").read_bytes(),
+                                saved.read_bytes()))
+            self.assertEqual(written[0][0], written[1][0])
+            self.assertTrue(written[0][1] == written[1][1], image)
+
+
 class CatalogTool(Solver):
+    @not_on_windows
     def test_an_interrupt_while_it_waits_for_input_leaves_the_old_catalog(self):
         catalog = self.folder / "KEL"
         catalog.mkdir()
         cell = self.frame("KEL/N00R00", b"old")
-        process = subprocess.Popen([RENDERER, "build", "--csv", "-", "--catalog", catalog],
+        process = subprocess.Popen([*RENDERER, "build", "--csv", "-", "--catalog", catalog],
                                    stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
                                    stderr=subprocess.DEVNULL)
         self.addCleanup(process.stdin.close)
@@ -374,12 +475,34 @@ class RealPictures(Solver):
                               "--regions", row["regions"], "--catalog", CATALOG, "--json")
         return json.loads(run.stdout)
 
+    def test_wide_ones_are_solved_without_a_centre(self):
+        if not (CATALOG / "quads.tables").exists():
+            self.skipTest(f"no quad tables in {CATALOG}; vestrel-catalog quads makes them")
+        solved = 0
+        wide = [row for row in self.rows
+                if row["expect"] == "solved" and float(row["width_arcmin"]) >= 60]
+        for row in wide:
+            with self.subTest(row["file"]):
+                run = self.run_solver(PICTURES / row["file"], "--blind", "--catalog", CATALOG,
+                                      f"--size={row['width_arcmin']}x{row['height_arcmin']}", "--json")
+                report = json.loads(run.stdout)
+                if not report["solved"]:
+                    continue
+                solved += 1
+                self.judge(report, row)
+                self.assertLess(report["quads"]["confidence"]["log10_false_alarm"], -6)
+                self.assertLess(report["confidence"]["log10_false_alarm"], -6)
+        self.assertGreaterEqual(solved, 0.8 * len(wide))
+
     def check(self, image, row, mirrored=None):
         report = self.solve(image, row)
         if row["expect"] != "solved":
             self.assertFalse(report["solved"])
             return
         self.assertTrue(report["solved"])
+        self.judge(report, row, mirrored)
+
+    def judge(self, report, row, mirrored=None):
         ra, dec, scale = (float(row[k]) for k in ("ra_deg", "dec_deg", "scale_arcsec_px"))
         off = math.hypot((report["ra_deg"] - ra) * math.cos(math.radians(dec)),
                          report["dec_deg"] - dec) * 3600 / scale

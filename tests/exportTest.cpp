@@ -86,7 +86,8 @@ std::string Sbig(int width, int height, const std::vector<int>& counts) {
 
 /// The judge's verdict on the files of a folder: empty when all is well; "no judge" when there is
 /// none here.
-std::string Verdict(const std::filesystem::path& folder, const std::string& check) {
+std::string Verdict([[maybe_unused]] const std::filesystem::path& folder,
+                    [[maybe_unused]] const std::string& check) {
 #ifndef VESTREL_PYTHON
     return "no judge: built without Python";
 #else

@@ -339,9 +339,9 @@ TEST(OpenImage, ChoosesTheReaderByTheExtensionInAnyCase) {
                              "m\xC3\xBC\xE2\x98\x85 x,y.fit"}) {
         ProgramState state;
         RecordingPort port(state);
-        const std::string path = (folder / name).string();
+        const std::string path = TextFromPath(folder / name);
         const bool picture = path.ends_with("g") || path.ends_with("G");
-        WriteFile(path, picture ? jpeg : fits);
+        WriteFile(folder / name, picture ? jpeg : fits);
         EXPECT_TRUE(OpenImage(state, port, path)) << name;
         EXPECT_EQ(state.Image.ImageType, picture ? "JPEG" : "FITS");
         EXPECT_EQ(state.Image.FileName, path);

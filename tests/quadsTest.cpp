@@ -87,7 +87,7 @@ QuadTables StarsEverywhere(int count, Random& random) {
                                 static_cast<float>(std::asin(random.Between(-1, 1))),
                                 static_cast<std::int16_t>(random.Whole(-100, 1200))});
     }
-    IndexStars(tables);
+    IndexTables(tables);
     return tables;
 }
 
@@ -152,7 +152,7 @@ class QuadSkyTest : public testing::Test {
     static const QuadTables& Tables() {
         static const QuadTables tables = [] {
             QuadTables built = BuildQuadTables(Sky(), QuadPlans()[3]);
-            IndexStars(built);
+            IndexTables(built);
             return built;
         }();
         return tables;
@@ -274,6 +274,7 @@ TEST_F(QuadSkyTest, TheLastQuadAndQuadsOfMissingStarsAreNotUsed) {
         State.Quads.Tables.QuadCount = static_cast<std::int32_t>(quads.size());
         quads.insert(quads.begin(), Quad());
         State.Quads.Tables.Quads = quads;
+        IndexTables(State.Quads.Tables);
         State.QuadMatch = {};
         return Search(sure);
     };
@@ -295,7 +296,7 @@ TEST_F(QuadSkyTest, TablesDoNotDependOnThreadsAndSurviveTheirFileOrAreRefused) {
     const std::filesystem::path path = folder / QuadFileName;
     const auto write = [&] {
         QuadFileWriter writer(path, 2);
-        writer.Add(0.01, 0.02, QuadTables{{Quad()}, 0, {CatalogStar()}, 0, {}, {}, {}});
+        writer.Add(0.01, 0.02, QuadTables{{Quad()}, 0, {CatalogStar()}, 0, {}, {}, {}, {}});
         writer.Add(0.04, 0.06, BuildQuadTables(Sky(), QuadPlans()[3]));
         EXPECT_FALSE(std::filesystem::exists(path));
         writer.Commit();

@@ -1,16 +1,20 @@
 // The settings: their file byte by byte, and what start-up makes of any file.
 
 #include <gtest/gtest.h>
+#ifndef _WIN32
 #include <sys/stat.h>
+#endif
 #include <unistd.h>
 
 #include <array>
 #include <bit>
+#include <chrono>
 #include <clocale>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
 #include <optional>
+#include <thread>
 
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
@@ -51,8 +55,8 @@ std::vector<double> Numbers(const SolveParameters& p) {
 /// A program whose settings file is in a folder of its own.
 class Settings : public testing::Test {
  public:
-    Settings() { setenv("VESTREL_SETTINGS", File.c_str(), 1); }
-    ~Settings() override { unsetenv("VESTREL_SETTINGS"); }
+    Settings() { SetVariable("VESTREL_SETTINGS", File); }
+    ~Settings() override { UnsetVariable("VESTREL_SETTINGS"); }
     Settings(const Settings&) = delete;
     Settings& operator=(const Settings&) = delete;
 
@@ -162,11 +166,25 @@ TEST_F(Settings, SavingReplacesTheFileWholeOrNotAtAll) {
     const std::string old = FileByHand("old", "old");
     Start(old);
     // Whoever has the old file open goes on reading the old one.
-    const FileHandle reader = OpenFile(File, "rb");
-    State.Parameters.MaxStars = 7;
-    ASSERT_TRUE(SaveSettings(State));
+    FileHandle reader = OpenFile(File, "rb");
     std::string seen(614, '\0');
-    ASSERT_EQ(std::fread(seen.data(), 1, seen.size(), reader.get()), 614U);
+    const auto read = [&] {
+        EXPECT_EQ(std::fread(seen.data(), 1, seen.size(), reader.get()), 614U);
+        reader.reset();
+    };
+    State.Parameters.MaxStars = 7;
+#ifdef _WIN32
+    // A file cannot be replaced meanwhile, so that saving waits for the reader to end.
+    std::jthread other([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        read();
+    });
+    ASSERT_TRUE(SaveSettings(State));
+    other.join();
+#else
+    ASSERT_TRUE(SaveSettings(State));
+    read();
+#endif
     EXPECT_EQ(seen, old);
     EXPECT_EQ(ReadFile(File).substr(54, 2), std::string("\x07\x00", 2));
     // Nothing else is left in the folder.
@@ -174,50 +192,77 @@ TEST_F(Settings, SavingReplacesTheFileWholeOrNotAtAll) {
 
     std::filesystem::create_directories(Folder / "folder/Vestrel.ini");
     for (const auto& nowhere : {Folder / "folder/Vestrel.ini", File / "Vestrel.ini"}) {
-        setenv("VESTREL_SETTINGS", nowhere.c_str(), 1);
+        SetVariable("VESTREL_SETTINGS", nowhere);
         Restart();
         EXPECT_TRUE(HasDefaults() && Messages->Messages.empty());
         EXPECT_FALSE(SaveSettings(State));
     }
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(Folder / "folder"), {}), 1);
-    // Nothing is written through a link that waits where the temporary file would be.
+    // Nothing is written over a file, nor through a link, that waits where the temporary file would
+    // be.
     const auto waiting = Folder / ("Vestrel.ini." + std::to_string(getpid()) + ".0.tmp");
+#ifdef _WIN32
+    WriteFile(waiting, "precious");
+#else
     WriteFile(Folder / "precious", "precious");
     std::filesystem::create_symlink(Folder / "precious", waiting);
-    setenv("VESTREL_SETTINGS", File.c_str(), 1);
+#endif
+    SetVariable("VESTREL_SETTINGS", File);
     EXPECT_TRUE(SaveSettings(State));
-    EXPECT_EQ(ReadFile(Folder / "precious"), "precious");
-    EXPECT_TRUE(std::filesystem::is_symlink(waiting));
+    EXPECT_EQ(ReadFile(waiting), "precious");
     // A missing folder is made; a name of the greatest length leaves room for nothing more.
     const auto longest = Folder / "new/deep" / std::string(255, 'n');
-    setenv("VESTREL_SETTINGS", longest.c_str(), 1);
+    SetVariable("VESTREL_SETTINGS", longest);
     EXPECT_TRUE(SaveSettings(State));
     EXPECT_EQ(std::filesystem::file_size(longest), 614U);
 
+#ifndef _WIN32
     if (geteuid() == 0) return;  // nothing is unwritable for the superuser
     chmod(Folder.Path.c_str(), 0500);
-    setenv("VESTREL_SETTINGS", File.c_str(), 1);
+    SetVariable("VESTREL_SETTINGS", File);
     EXPECT_FALSE(SaveSettings(State));
     chmod(Folder.Path.c_str(), 0700);
     EXPECT_EQ(ReadFile(File).size(), 614U);
+#endif
 }
 
+#ifdef _WIN32
+TEST(SettingsPlace, IsTheUsersApplicationData) {
+    const std::filesystem::path data = _wgetenv(L"APPDATA");
+    EXPECT_EQ(SettingsFilePath(), data / "Vestrel" / "Vestrel.ini");
+    EXPECT_EQ(RecentImagesFilePath(), data / "Vestrel" / "recent-images");
+    UnsetVariable("VESTREL_CATALOG");
+    EXPECT_EQ(DefaultCatalogFolder(),
+              std::filesystem::path(_wgetenv(L"ProgramData")) / "Harrowdene" / "KEL");
+    SetVariable("VESTREL_CATALOG", L"C:\\\x43C\xFC\x2605");
+    EXPECT_EQ(TextFromPath(DefaultCatalogFolder()), "C:\\\xD0\xBC\xC3\xBC\xE2\x98\x85");
+    UnsetVariable("VESTREL_CATALOG");
+}
+
+TEST(Paths, TakeTextThatIsNoUtf8AndNamesThatAreNoUtf16) {
+    EXPECT_EQ(TextFromPath(PathFromText("a\xFF\xE2\x98")), "a\xEF\xBF\xBD\xEF\xBF\xBD");
+    EXPECT_EQ(TextFromPath(std::filesystem::path(L"\xD83D.fit")), "\xEF\xBF\xBD.fit");
+    EXPECT_EQ(TextFromPath(PathFromText("\xF0\x9F\x94\xAD")), "\xF0\x9F\x94\xAD");
+    EXPECT_EQ(PathFromText(""), std::filesystem::path());
+}
+#else
 TEST(SettingsPlace, FollowsTheEnvironment) {
-    setenv("XDG_CONFIG_HOME", "/some/where", 1);
+    SetVariable("XDG_CONFIG_HOME", "/some/where");
     EXPECT_EQ(SettingsFilePath(), "/some/where/vestrel/Vestrel.ini");
-    setenv("XDG_CONFIG_HOME", "not/absolute", 1);
-    setenv("HOME", "/home/m\xC3\xBC", 1);
+    SetVariable("XDG_CONFIG_HOME", "not/absolute");
+    SetVariable("HOME", "/home/m\xC3\xBC");
     EXPECT_EQ(SettingsFilePath(), "/home/m\xC3\xBC/.config/vestrel/Vestrel.ini");
-    setenv("XDG_DATA_HOME", "/some/where", 1);
-    unsetenv("VESTREL_CATALOG");
+    SetVariable("XDG_DATA_HOME", "/some/where");
+    UnsetVariable("VESTREL_CATALOG");
     EXPECT_TRUE(DefaultCatalogFolder() == "/some/where/Harrowdene/KEL" ||
                 DefaultCatalogFolder() == "/var/lib/Harrowdene/KEL");
     const TemporaryFolder data;
     std::filesystem::create_directories(data / "Harrowdene/KEL");
-    setenv("XDG_DATA_HOME", data.Path.c_str(), 1);
+    SetVariable("XDG_DATA_HOME", data.Path);
     EXPECT_EQ(DefaultCatalogFolder(), data / "Harrowdene/KEL");
-    setenv("VESTREL_CATALOG", "/else", 1);
+    SetVariable("VESTREL_CATALOG", "/else");
     EXPECT_EQ(DefaultCatalogFolder(), "/else");
 }
+#endif
 
 }  // namespace vestrel

@@ -74,25 +74,29 @@ std::string FitsPixels(int bitPix, std::span<const double> values) {
     return bytes;
 }
 
-namespace {
-
-void SetThreads(const std::string& text) {
+void SetVariable(const char* name, const fs::path& value) {
 #ifdef _WIN32
-    _putenv_s("VESTREL_THREADS", text.c_str());
+    _wputenv_s(fs::path(name).c_str(), value.c_str());
 #else
-    setenv("VESTREL_THREADS", text.c_str(), 1);
+    setenv(name, value.c_str(), 1);
 #endif
 }
 
-}  // namespace
+void UnsetVariable(const char* name) {
+#ifdef _WIN32
+    SetVariable(name, "");
+#else
+    unsetenv(name);
+#endif
+}
 
 ThreadsForNow::ThreadsForNow(int threads) {
     if (const char* text = std::getenv("VESTREL_THREADS")) before_ = text;
-    SetThreads(std::to_string(threads));
+    SetVariable("VESTREL_THREADS", std::to_string(threads));
 }
 
 ThreadsForNow::~ThreadsForNow() {
-    SetThreads(before_.value_or(""));
+    SetVariable("VESTREL_THREADS", before_.value_or(""));
 }
 
 PlateImage EmptyImage(int width, int height, int offset) {

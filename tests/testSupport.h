@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "app/mGeneral.h"
+#include "platform/libPlatform.h"
 
 namespace vestrel {
 
@@ -24,7 +25,9 @@ class TemporaryFolder {
     ~TemporaryFolder();
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    std::filesystem::path operator/(std::string_view name) const { return Path / name; }
+    std::filesystem::path operator/(std::string_view name) const {
+        return Path / PathFromText(std::string(name));
+    }
     std::filesystem::path Path;
 };
 
@@ -41,6 +44,13 @@ std::vector<std::string> FitsCards(int bitPix, int width, int height,
 
 /// Pixels as big-endian bytes: 8-bit unsigned, 16-bit signed or 32-bit floating-point.
 std::string FitsPixels(int bitPix, std::span<const double> values);
+
+/// Sets an environment variable of this process, or removes it.
+void SetVariable(const char* name, const std::filesystem::path& value);
+void UnsetVariable(const char* name);
+
+/// The number of a process that runs and is not this one.
+long OtherProcess();
 
 /// Sets how many threads the kernels use for as long as it lives.
 class ThreadsForNow {

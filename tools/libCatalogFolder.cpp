@@ -6,6 +6,8 @@
 #include <system_error>
 
 #ifdef _WIN32
+#include <windows.h>
+// windows.h must come before the next one.
 #include <process.h>
 #else
 #include <fcntl.h>
@@ -39,9 +41,14 @@ constexpr std::string_view asideMark = ".replaced-";
 long ProcessNumber() {
     return _getpid();
 }
-bool IsRunning(long) {
-    return true;
+bool IsRunning(long process) {
+    const HANDLE handle = OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(process));
+    if (handle == nullptr) return GetLastError() != ERROR_INVALID_PARAMETER;
+    const bool running = WaitForSingleObject(handle, 0) == WAIT_TIMEOUT;
+    CloseHandle(handle);
+    return running;
 }
+// Windows can neither flush nor exchange folders.
 void SyncFolder(const fs::path&, bool) {}
 bool ExchangeFolders(const fs::path&, const fs::path&) {
     return false;

@@ -6,11 +6,7 @@
 #include <csignal>
 #include <system_error>
 
-#ifdef _WIN32
-#include <io.h>
-#else
-#include <unistd.h>
-#endif
+#include "platform/libConsole.h"
 
 namespace vestrel {
 
@@ -21,14 +17,6 @@ static_assert(std::atomic<bool>::is_always_lock_free, "set from a signal handler
 
 extern "C" void RaiseStopFlag(int) {
     stopSignalled = true;
-}
-
-bool IsTerminal(std::FILE* stream) {
-#ifdef _WIN32
-    return _isatty(_fileno(stream)) != 0;
-#else
-    return isatty(fileno(stream)) != 0;
-#endif
 }
 
 }  // namespace

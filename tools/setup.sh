@@ -14,6 +14,8 @@ window_packages="qt6-base-dev libindi-dev"
 test_packages="libgtest-dev libbenchmark-dev python3 python3-astropy python3-photutils python3-pil
     python3-erfa python3-scipy indi-bin libcfitsio-bin desktop-file-utils appstream man-db dpkg-dev"
 fuzz_packages="clang libclang-rt-14-dev"
+windows_packages="g++-mingw-w64-x86-64-posix libz-mingw-w64-dev nasm dpkg-dev googletest wine wine64
+    python3 python3-astropy python3-pil"
 star_package=astrometry-data-tycho2-07-littleendian
 star_file=index-tycho2-07.littleendian.fits
 bright_package=d3-celestial@0.7.35
@@ -89,6 +91,51 @@ find_bright_file() {
         say "The npm package $bright_package cannot be fetched: the catalog will lack the few" \
             "hundred brightest stars, which matters for very wide fields only."
     fi
+}
+
+# The upstream source of a Debian package, unpacked into a folder. apt checks it against the
+# repository's signed list.
+fetch_source() {
+    local package=$1 folder=$2
+    local apt=(-qq -o "Dir::Etc::SourceList=$folder/apt/sources.list" -o Dir::Etc::SourceParts=/dev/null
+        -o "Dir::State::Lists=$folder/apt/lists" -o Dir::Cache::srcpkgcache= -o Dir::Cache::pkgcache=)
+    if [ ! -d "$folder/apt" ]; then
+        mkdir -p "$folder/apt/lists"
+        # The same archives as the installed packages come from.
+        apt-get indextargets --format 'deb-src $(REPO_URI) $(RELEASE) $(COMPONENT)' \
+            'Origin: Debian' 'Created-By: Packages' | sort -u >"$folder/apt/sources.list"
+        apt-get "${apt[@]}" update
+    fi
+    ( cd "$folder" && apt-get "${apt[@]}" source --download-only --tar-only "$package" &&
+        mkdir -p "$package" && tar xf "${package}"_*.orig.tar.gz -C "$package" --strip-components 1 )
+}
+
+# The libraries that Debian has no Windows packages of, built from the sources of its packages.
+# Headers alone cannot be used from /usr/include: they lie beside those of Linux.
+need_windows_libraries() {
+    local prefix=$project/build/windows-libraries
+    [ -f "$prefix/complete" ] && return 0
+    say "Building the libraries for Windows"
+    rm -rf "$prefix"
+    mkdir -p "$prefix/source" "$prefix/include" "$prefix/share/cmake"
+    cp -r /usr/include/CLI /usr/include/nlohmann "$prefix/include/"
+    cp -r /usr/share/cmake/CLI11 /usr/share/cmake/nlohmann_json "$prefix/share/cmake/"
+    {
+        fetch_source libjpeg-turbo "$prefix/source" && fetch_source cfitsio "$prefix/source" &&
+            build_library "$prefix/source/libjpeg-turbo" -DENABLE_SHARED=OFF -DWITH_TURBOJPEG=OFF &&
+            build_library "$prefix/source/cfitsio" -DBUILD_SHARED_LIBS=OFF -DCMAKE_C_FLAGS=-w &&
+            build_library /usr/src/googletest -DBUILD_GMOCK=OFF &&
+            rm -rf "$prefix/source" && touch "$prefix/complete"
+    } >"$prefix/build.log" 2>&1 || { tail -n 20 "$prefix/build.log" >&2
+        fail "The libraries for Windows cannot be built: $prefix/build.log"; }
+}
+build_library() {
+    local source=$1 prefix=$project/build/windows-libraries
+    shift
+    cmake -S "$source" -B "$prefix/source/build-$(basename "$source")" -G Ninja \
+        -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" \
+        -DCMAKE_TOOLCHAIN_FILE="$project/cmake/windows-mingw.cmake" "$@" &&
+        cmake --build "$prefix/source/build-$(basename "$source")" -j "$jobs" --target install
 }
 
 # Where the programs look for the catalog when nothing is said.

@@ -6,6 +6,7 @@
 #include <exception>
 #include <system_error>
 
+#include "platform/libConsole.h"
 #include "platform/libPlatform.h"
 #include "tools/commands.h"
 #include "tools/libToolReport.h"
@@ -37,8 +38,9 @@ std::filesystem::path ExistingCatalog(const std::string& folder) {
 
 namespace {
 
-int Run(int argc, char** argv) {
+int Run(int argc, const char* const* argv) {
     CLI::App program("Makes, describes and checks the star catalog of Vestrel.", "vestrel-catalog");
+    program.allow_windows_style_options(false);  // a path may begin with "/" there too
     program.set_version_flag("--version", "vestrel-catalog " VESTREL_VERSION);
     program.require_subcommand(1);
     program.footer(
@@ -71,7 +73,9 @@ int Run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     try {
-        return vestrel::Run(argc, argv);
+        const vestrel::ProgramArguments arguments(argc, argv);
+        vestrel::PrepareConsole();
+        return vestrel::Run(arguments.Count(), arguments.Values());
     } catch (const vestrel::ToolFailure& failure) {
         std::fprintf(stderr, "vestrel-catalog: %s\n", failure.what());
         return failure.Code;

@@ -1,0 +1,69 @@
+#include "platform/libConsole.h"
+
+#ifdef _WIN32
+#include <windows.h>
+// windows.h must come before the next two.
+#include <io.h>
+#include <shellapi.h>
+#else
+#include <unistd.h>
+#endif
+
+#include <memory>
+
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+
+ProgramArguments::ProgramArguments(int argc, const char* const* argv) : texts_(argv, argv + argc) {
+#ifdef _WIN32
+    int count = 0;
+    const std::unique_ptr<wchar_t*[], decltype(&LocalFree)> wide(
+        CommandLineToArgvW(GetCommandLineW(), &count), LocalFree);
+    if (wide) {
+        texts_.clear();
+        for (int i = 0; i < count; ++i) texts_.push_back(TextFromPath(wide[i]));
+    }
+#endif
+    for (const std::string& text : texts_) pointers_.push_back(text.c_str());
+}
+
+#ifdef _WIN32
+
+namespace {
+
+/// The console that a stream leads to; null when it leads elsewhere. The C library's own test takes
+/// the null device for one too.
+HANDLE ConsoleOf(std::FILE* stream, DWORD& mode) {
+    const auto handle = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(stream)));
+    return GetConsoleMode(handle, &mode) ? handle : nullptr;
+}
+
+}  // namespace
+
+void PrepareConsole() {
+    for (std::FILE* stream : {stdout, stderr}) {
+        DWORD mode = 0;
+        const HANDLE console = ConsoleOf(stream, mode);
+        if (console == nullptr) continue;
+        SetConsoleOutputCP(CP_UTF8);
+        SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+    }
+}
+
+bool IsTerminal(std::FILE* stream) {
+    DWORD mode = 0;
+    return ConsoleOf(stream, mode) != nullptr;
+}
+
+#else
+
+void PrepareConsole() {}
+
+bool IsTerminal(std::FILE* stream) {
+    return isatty(fileno(stream)) != 0;
+}
+
+#endif
+
+}  // namespace vestrel
