@@ -144,6 +144,7 @@ struct LoadedQuadTables {
 
 /// What the last quad search left.
 struct QuadSearch {
+    std::int16_t Code = 0;          ///< of `MatchByQuads`: a `SolveCode`
     std::int32_t Searched = 0;      ///< image quads looked up
     std::int32_t Candidates = 0;    ///< table quads of the same shape
     std::int32_t FourStarFits = 0;  ///< orderings of candidates that passed as a plate

@@ -56,6 +56,31 @@ std::string Count(std::int64_t n, const char* one, const char* many) {
     return std::to_string(n) + " " + (n == 1 ? one : many);
 }
 
+/// What a failed search had to start from.
+void AddImage(Table& table, const ProgramState& state) {
+    table.Line("Image", std::to_string(state.Image.Width) + " x " +
+                            std::to_string(state.Image.Height) + " pixels");
+    table.Line("Stars found", std::to_string(state.Extraction.StarsFound) +
+                                  (state.Report.Smoothed ? " (after smoothing)" : "") +
+                                  ", sky noise " + Fixed(state.Extraction.BackgroundSigma, 1) +
+                                  " counts");
+}
+
+/// How far a quad search came, or why it had nothing to search.
+void AddQuads(Table& table, const ProgramState& state) {
+    const QuadSearch& search = state.QuadMatch;
+    const std::string& fault = state.Quads.Fault;
+    table.Line("Quads", fault.empty()
+                            ? std::to_string(search.Searched) + " looked up, " +
+                                  std::to_string(search.Candidates) + " of the same shape, " +
+                                  std::to_string(search.FourStarFits) + " tried as plates"
+                            : fault);
+}
+
+std::string TryLine(const std::string& advice) {
+    return "  Try: " + advice + "\n";
+}
+
 }  // namespace
 
 ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& image) {
@@ -91,14 +116,11 @@ ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& 
 }
 
 std::string ConfidenceText(const MatchConfidence& confidence) {
-    constexpr double smallestShown = 0.05;
     constexpr double likely = -3;
     const double log = confidence.Log10FalseAlarm;
     return std::to_string(confidence.Matched) + " of " +
            Count(confidence.Candidates, "catalog star", "catalog stars") +
-           " in the frame matched, " +
-           (confidence.ExpectedByChance < smallestShown ? "fewer than 0.1"
-                                                        : Fixed(confidence.ExpectedByChance, 1)) +
+           " in the frame matched, " + Fixed(confidence.ExpectedByChance, 1) +
            " expected by chance; false alarm " +
            (log > likely ? RoundedText(std::pow(10, log), 3)
                          : "below 1e" + std::to_string(static_cast<int>(std::ceil(log))));
@@ -133,6 +155,24 @@ std::string SolutionText(const ProgramState& state) {
     }
     for (const std::string& caution : Cautions(state)) table.Line("Doubtful", caution);
     return table.Take();
+}
+
+std::string QuadMatchText(const ProgramState& state) {
+    const QuadSearch& search = state.QuadMatch;
+    Table table;
+    table.Line("Centre (J2000)", Position(search.Centre));
+    table.Line("Field", state.Display.PlateSize);
+    table.Line("Scale", Fixed(state.Geometry.ScaleArcseconds, 4) + "\"/px");
+    table.Line("Pairs", std::to_string(search.PairCount) + ", fit error " +
+                            Fixed(search.FitError, 3) + " px");
+    AddQuads(table, state);
+    table.Line("Certainty", ConfidenceText(search.Confidence));
+    if (IsSure(search.Confidence)) {
+        return table.Take() + TryLine("Plate Match, which measures the image from this centre");
+    }
+    table.Line("Doubtful", Count(search.PairCount, "pair", "pairs") +
+                               " can be chance: the approximate centre stays as it was");
+    return table.Take() + TryLine("Plate Match, from this centre or another that is known");
 }
 
 std::vector<std::string> Cautions(const ProgramState& state) {
@@ -179,9 +219,11 @@ std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
     if (code != SolveCode::NoMatch) return advice;
     const SolveReport& report = state.Report;
     if (report.Blind && report.RegionsTried == 0) {
-        advice.push_back(std::string("check the size of the field (") + words.FieldSize +
-                         "): it decides which quads are compared");
-        advice.push_back(std::string("give the approximate centre (") + words.Ra + ")");
+        if (state.Quads.Fault.empty()) {
+            advice.push_back(std::string("check the size of the field (") + words.FieldSize +
+                             "): it decides which quads are compared");
+        }
+        advice.emplace_back(words.SearchFromCentre);
         return advice;
     }
     if (report.CatalogAtStart == CatalogPresence::FolderMissing ||
@@ -207,19 +249,8 @@ std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
 std::string FailureText(const ProgramState& state, std::int16_t code, const InputWords& words) {
     const SolveReport& report = state.Report;
     Table table;
-    table.Line("Image", std::to_string(state.Image.Width) + " x " +
-                            std::to_string(state.Image.Height) + " pixels");
-    table.Line("Stars found", std::to_string(state.Extraction.StarsFound) +
-                                  (report.Smoothed ? " (after smoothing)" : "") + ", sky noise " +
-                                  Fixed(state.Extraction.BackgroundSigma, 1) + " counts");
-    if (report.Blind && code != SolveCode::TooFewStars) {
-        const QuadSearch& quads = state.QuadMatch;
-        table.Line("Quads", state.Quads.Fault.empty()
-                                ? std::to_string(quads.Searched) + " looked up, " +
-                                      std::to_string(quads.Candidates) + " of the same shape, " +
-                                      std::to_string(quads.FourStarFits) + " tried as plates"
-                                : state.Quads.Fault);
-    }
+    AddImage(table, state);
+    if (report.Blind && code != SolveCode::TooFewStars) AddQuads(table, state);
     if (report.RegionsTried > 0 && (code == SolveCode::NoMatch || code == SolveCode::Stopped)) {
         const std::string complaint = CatalogComplaint(state);
         table.Line("Catalog", complaint.empty()
@@ -234,7 +265,7 @@ std::string FailureText(const ProgramState& state, std::int16_t code, const Inpu
                                        Position(report.BestAttemptCentre));
     }
     std::string text = table.Take();
-    for (const std::string& line : Advice(state, code, words)) text += "  Try: " + line + "\n";
+    for (const std::string& line : Advice(state, code, words)) text += TryLine(line);
     return text;
 }
 

@@ -21,6 +21,9 @@ struct MatchConfidence {
 
 /// A false-alarm probability above this is not sure.
 inline constexpr double SureLog10FalseAlarm = -6;
+inline bool IsSure(const MatchConfidence& confidence) {
+    return confidence.Log10FalseAlarm <= SureLog10FalseAlarm;
+}
 
 /// log10 of the probability of `k` or more successes in `n` trials of probability `p`.
 double Log10BinomialTail(std::int32_t n, std::int32_t k, double p);

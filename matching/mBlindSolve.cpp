@@ -47,9 +47,7 @@ PlateStarList ThinnedList(const PlateStarList& stars, std::int32_t count, const 
 
 bool FindCentreByQuads(ProgramState& state, Port& port, double width, double height,
                        double tolerance) {
-    const QuadJudge sure = [](const QuadSearch& search) {
-        return search.Confidence.Log10FalseAlarm <= SureLog10FalseAlarm;
-    };
+    const QuadJudge sure = [](const QuadSearch& search) { return IsSure(search.Confidence); };
     // The first triple leaves nothing out.
     for (const Triple& triple : BrightTriples(state.PlateStarCount)) {
         const PlateStarList stars = ThinnedList(state.PlateStars, state.PlateStarCount, triple);

@@ -261,10 +261,13 @@ class QuadMatcher {
     std::vector<double> residuals_;
 };
 
-void ShowNoMatch(ProgramState& state, Port& port, const char* text) {
+/// The last solution's pairs go with other lists of stars, and its centre with another search.
+void ForgetSolution(ProgramState& state) {
+    state.Solution = {};
+    state.MatchedPositions.clear();
     state.Image.Header.PlateMatched = false;
+    state.ZeroPointValid = false;
     state.Display.SyncEnabled = false;
-    ShowStatus(state, port, text, StatusColour::Red);
 }
 
 /// The outcome of a search that found something, and the catalog stars around the centre.
@@ -353,7 +356,9 @@ bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStar
              ++star) {
             ImageQuad quad{};
             if (!matcher.QuadOf(star, quad)) continue;
+            const std::size_t linesBefore = state.QuadMatch.Messages.size();
             matched = matcher.Match(quad, yield);
+            if (state.QuadMatch.Messages.size() > linesBefore) port.DisplayChanged();
             ShownProgress(port)(star, imageCount);
         }
     }
@@ -365,14 +370,11 @@ bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStar
 void MatchByQuads(ProgramState& state, Port& port, double& centreRA, double& centreDec,
                   double width, double height, double maxError) {
     BeginSolve(state);
+    state.Report.Blind = true;
     state.QuadMatch = {};
-    // The last solution's pairs go with another list of catalog stars.
-    state.Solution = {};
-    state.MatchedPositions.clear();
-    state.Image.Header.PlateMatched = false;
-    state.ZeroPointValid = false;
-    WithinMemory(state, port, [&] {
+    const std::int16_t code = WithinMemory(state, port, [&] {
         if (!FindPlateStars(state, port)) return SolveCode::TooFewStars;
+        ForgetSolution(state);
         ShowStatus(state, port, "Extracted " + std::to_string(state.PlateStarCount) + " Stars");
         state.Display.Status1 = {"", StatusColour::Black, false};
         const double pixelScale = width * ArcsecondsPerRadian / state.Image.Width;
@@ -389,12 +391,13 @@ void MatchByQuads(ProgramState& state, Port& port, double& centreRA, double& cen
             return SolveCode::Solved;
         }
         if (state.StopRequested) {
-            ShowNoMatch(state, port, "Search Terminated");
+            ShowStatus(state, port, "Search Terminated", StatusColour::Red);
             return SolveCode::Stopped;
         }
-        ShowNoMatch(state, port, "No Match Found");
+        ShowStatus(state, port, "No Match Found", StatusColour::Red);
         return SolveCode::NoMatch;
     });
+    state.QuadMatch.Code = code;
 }
 
 }  // namespace vestrel
