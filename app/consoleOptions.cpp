@@ -171,6 +171,9 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     if (!options.InfoFile.empty()) return {};
     if (argument.empty()) argument = std::move(negative);
     options.CatalogFolder = PathFromText(catalog);
+    if (options.Blind && LooksLikeParameterString(argument)) {
+        return UsageError("A parameter string has a centre: it goes without --blind.");
+    }
     const bool anySearchInput = !ra.empty() || !dec.empty() || !size.empty() || options.Blind;
     if (!anySearchInput && LooksLikeParameterString(argument)) {
         options.ParameterString = argument;

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -116,6 +117,7 @@ struct StageTimes {
     double Extraction = 0;  ///< smoothing and second extraction included
     double Catalog = 0;
     double Matching = 0;
+    double Quads = 0;
 };
 
 /// What a solve went through, for the report of its outcome.
@@ -129,6 +131,8 @@ struct SolveReport {
     CatalogPresence CatalogAtStart = CatalogPresence::Present;
     AlignReport BestAttempt;  ///< of the regions that failed
     SkyPosition BestAttemptCentre;
+    /// A sure match of quads whose centre gave no solution.
+    std::optional<SkyPosition> UnmeasuredCentre;
     StageTimes Times;
 };
 
@@ -139,7 +143,8 @@ struct LoadedQuadTables {
     std::filesystem::file_time_type Modified;
     double SmallestDiagonal = 0;  ///< the fields that the tables are for, radians
     double LargestDiagonal = 0;
-    std::string Fault;  ///< why there are no tables for a field, in words
+    std::string Fault;        ///< why there are no tables for a field, in words
+    bool OtherSizes = false;  ///< there are tables, but for fields of other sizes
 };
 
 /// What the last quad search left.
@@ -153,7 +158,8 @@ struct QuadSearch {
     PlateStarList Reference;        ///< 1-based: the quad's four stars, then the stars around it
     PlateConstants Transform;       ///< arcseconds about `Tangent` to pixels
     FitGeometry Geometry;
-    double FitError = 0;  ///< root mean square, pixels
+    double FitError = 0;    ///< root mean square, pixels
+    double FieldRatio = 0;  ///< the field found / the field given
     SkyPosition Tangent;
     SkyPosition Centre;  ///< of the image
     MatchConfidence Confidence;

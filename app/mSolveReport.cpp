@@ -6,6 +6,7 @@
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "matching/mMORA.h"
 #include "matching/mPlateMatch.h"
 #include "platform/libPlatform.h"
 
@@ -75,6 +76,10 @@ void AddQuads(Table& table, const ProgramState& state) {
                                   std::to_string(search.Candidates) + " of the same shape, " +
                                   std::to_string(search.FourStarFits) + " tried as plates"
                             : fault);
+    if (state.Report.UnmeasuredCentre) {
+        table.Line("Quads agree at", Position(*state.Report.UnmeasuredCentre) +
+                                         ", where the star lists give no solution");
+    }
 }
 
 std::string TryLine(const std::string& advice) {
@@ -167,11 +172,14 @@ std::string QuadMatchText(const ProgramState& state) {
                             Fixed(search.FitError, 3) + " px");
     AddQuads(table, state);
     table.Line("Certainty", ConfidenceText(search.Confidence));
-    if (IsSure(search.Confidence)) {
+    if (IsSure(search)) {
         return table.Take() + TryLine("Plate Match, which measures the image from this centre");
     }
-    table.Line("Doubtful", Count(search.PairCount, "pair", "pairs") +
-                               " can be chance: the approximate centre stays as it was");
+    table.Line("Doubtful",
+               (IsSure(search.Confidence)
+                    ? "the field is " + Fixed(search.FieldRatio, 2) + " times the size given"
+                    : Count(search.PairCount, "pair", "pairs") + " can be chance") +
+                   ": the approximate centre stays as it was");
     return table.Take() + TryLine("Plate Match, from this centre or another that is known");
 }
 
@@ -188,6 +196,9 @@ std::vector<std::string> Cautions(const ProgramState& state) {
     constexpr double tolerated = 1.25;
     if (!(ratio < tolerated && ratio > 1 / tolerated)) {
         cautions.push_back("the field is " + Fixed(ratio, 2) + " times the size given");
+    }
+    if (solution.Confidence.Candidates > 0 && !IsSure(solution.Confidence)) {
+        cautions.emplace_back("so few stars can match by chance");
     }
     return cautions;
 }
@@ -219,7 +230,7 @@ std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
     if (code != SolveCode::NoMatch) return advice;
     const SolveReport& report = state.Report;
     if (report.Blind && report.RegionsTried == 0) {
-        if (state.Quads.Fault.empty()) {
+        if (state.Quads.Fault.empty() || state.Quads.OtherSizes) {
             advice.push_back(std::string("check the size of the field (") + words.FieldSize +
                              "): it decides which quads are compared");
         }
@@ -270,11 +281,13 @@ std::string FailureText(const ProgramState& state, std::int16_t code, const Inpu
 }
 
 std::vector<std::pair<std::string, double>> StageTable(const StageTimes& times) {
-    return {{"reading", times.Reading},
-            {"background", times.Background},
-            {"extraction", times.Extraction},
-            {"catalog", times.Catalog},
-            {"matching", times.Matching}};
+    std::vector<std::pair<std::string, double>> table = {{"reading", times.Reading},
+                                                         {"background", times.Background},
+                                                         {"extraction", times.Extraction},
+                                                         {"catalog", times.Catalog},
+                                                         {"matching", times.Matching}};
+    if (times.Quads > 0) table.emplace_back("quads", times.Quads);
+    return table;
 }
 
 }  // namespace vestrel

@@ -136,7 +136,7 @@ void MoraCommand(ProgramState& state, Port& port) {
     });
     const bool matched = code == SolveCode::Solved;
     state.Display.Details = matched ? QuadMatchText(state) : FailureText(state, code, WindowWords);
-    if (matched && IsSure(state.QuadMatch.Confidence)) {
+    if (matched && IsSure(state.QuadMatch)) {
         state.Inputs.Ra = FormatRA(centre.Ra, false, 2);
         state.Inputs.Dec = FormatDec(centre.Dec, false, 1);
     }

@@ -22,6 +22,36 @@ std::int32_t StarMet(const MatchEvidence& evidence, const std::vector<bool>& met
     return 0;
 }
 
+/// The part of the image where the catalog stars are.
+struct Box {
+    double Left = INFINITY;
+    double Right = -INFINITY;
+    double Bottom = INFINITY;
+    double Top = -INFINITY;
+
+    void Include(double x, double y) {
+        Left = std::min(Left, x);
+        Right = std::max(Right, x);
+        Bottom = std::min(Bottom, y);
+        Top = std::max(Top, y);
+    }
+    /// How many image stars lie in it, those fitted left out.
+    double StarsIn(const MatchEvidence& evidence) const {
+        const auto inside = [this](const PlateStar& star) {
+            const double x = static_cast<double>(star.X);
+            const double y = static_cast<double>(star.Y);
+            return x >= Left && x <= Right && y >= Bottom && y <= Top;
+        };
+        const auto first = evidence.ImageStars.begin() + 1;
+        const auto count = std::count_if(first, first + evidence.ImageCount, inside);
+        return std::max(static_cast<double>(count) - evidence.StarsFitted, 0.0);
+    }
+    double Area(double tolerance) const {
+        const double least = 2 * tolerance;
+        return std::max(Right - Left, least) * std::max(Top - Bottom, least);
+    }
+};
+
 }  // namespace
 
 double Log10BinomialTail(std::int32_t n, std::int32_t k, double p) {
@@ -40,6 +70,7 @@ double Log10BinomialTail(std::int32_t n, std::int32_t k, double p) {
 
 MatchConfidence ConfidenceOf(const PlateConstants& plate, const MatchEvidence& evidence) {
     MatchConfidence confidence;
+    Box seen;
     std::vector<bool> met(static_cast<std::size_t>(evidence.ImageCount) + 1);
     for (std::int32_t c = 1; c <= evidence.CatalogCount; ++c) {
         const PlateStar& star = evidence.CatalogStars[static_cast<std::size_t>(c)];
@@ -50,6 +81,7 @@ MatchConfidence ConfidenceOf(const PlateConstants& plate, const MatchEvidence& e
             x > -0.5 && y > -0.5 && x < evidence.Width - 0.5 && y < evidence.Height - 0.5;
         if (!inside) continue;
         ++confidence.Candidates;
+        seen.Include(x, y);
         const std::int32_t image = StarMet(evidence, met, x, y);
         if (image == 0) continue;
         met[static_cast<std::size_t>(image)] = true;
@@ -57,8 +89,11 @@ MatchConfidence ConfidenceOf(const PlateConstants& plate, const MatchEvidence& e
     }
     const std::int32_t trials = std::max(confidence.Candidates - evidence.StarsFitted, 0);
     const std::int32_t successes = std::max(confidence.Matched - evidence.StarsFitted, 0);
-    const double density = std::max(evidence.ImageCount - evidence.StarsFitted, 0) /
-                           (static_cast<double>(evidence.Width) * evidence.Height);
+    // Stars that crowd where the catalog is compared meet more by chance than the mean tells.
+    const double others = std::max(evidence.ImageCount - evidence.StarsFitted, 0);
+    const double density =
+        std::max(others / (static_cast<double>(evidence.Width) * evidence.Height),
+                 seen.StarsIn(evidence) / seen.Area(evidence.Tolerance));
     const double chance = 1 - std::exp(-density * Pi * evidence.Tolerance * evidence.Tolerance);
     confidence.ExpectedByChance = trials * chance;
     confidence.Log10FalseAlarm = std::min(Log10BinomialTail(trials, successes, chance) +

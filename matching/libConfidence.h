@@ -42,7 +42,8 @@ struct MatchEvidence {
 };
 
 /// Counts the catalog stars in the frame that meet an image star, each image star once, and
-/// weighs them. `StarsFitted` of them count for nothing.
+/// weighs them against the density of the image's stars: the mean one, or that of the part where
+/// the catalog stars lie when it is higher. `StarsFitted` of them count for nothing.
 MatchConfidence ConfidenceOf(const PlateConstants& plate, const MatchEvidence& evidence);
 
 }  // namespace vestrel

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cassert>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -98,11 +99,17 @@ bool AreInOrder(const QuadTables& tables) {
 
 }  // namespace
 
+FileHandle OpenQuadFile(const std::filesystem::path& path) {
+    // A pipe would keep its reader waiting.
+    std::error_code ignored;
+    return std::filesystem::is_regular_file(path, ignored) ? OpenFile(path, "rb") : nullptr;
+}
+
 bool ReadQuadBands(std::FILE* file, std::vector<QuadBand>& bands, std::string& fault) {
     bands.clear();
     const std::int64_t length = FileLength(file);
     FileHead head;
-    if (!Read(file, &head, sizeof head) || head.Magic != magic) {
+    if (length < 0 || !Read(file, &head, sizeof head) || head.Magic != magic) {
         fault = "is no file of quad tables";
         return false;
     }
@@ -158,7 +165,7 @@ bool ReadQuadBand(std::FILE* file, const QuadBand& band, QuadTables& tables, std
 std::string FaultOfQuadFile(const std::filesystem::path& path) {
     std::error_code ignored;
     if (!std::filesystem::exists(path, ignored)) return {};
-    const FileHandle file = OpenFile(path, "rb");
+    const FileHandle file = OpenQuadFile(path);
     if (!file) return "cannot be read";
     std::vector<QuadBand> bands;
     QuadTables tables;
@@ -206,7 +213,7 @@ void QuadFileWriter::Add(double smallestDiagonal, double largestDiagonal,
 }
 
 void QuadFileWriter::Commit() {
-    bands_.resize(bandCount_);
+    assert(bands_.size() == bandCount_);
     FileHead head;
     head.BandCount = bandCount_;
     head.BandsChecksum = BandsChecksum(bands_);

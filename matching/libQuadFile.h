@@ -28,6 +28,9 @@ struct QuadBand {
     std::uint64_t Checksum = 0;  ///< of both tables' bytes
 };
 
+/// Opens a file of quad tables to read; null when there is none or it is no ordinary file.
+FileHandle OpenQuadFile(const std::filesystem::path& path);
+
 /// Reads what bands a file has. False, and a reason in `fault`, when it is none or broken.
 bool ReadQuadBands(std::FILE* file, std::vector<QuadBand>& bands, std::string& fault);
 

@@ -144,11 +144,12 @@ void NearbyCatalogStars(const QuadTables& tables, Projection& projection, double
     projection.SetProjectionCentre(ra, dec, ArcsecondsPerRadian);
     list.assign(1, PlateStar());
     // The zones and directions only narrow the choice. On the orthographic plane a radius is the
-    // sine of an angle; the margin outweighs the rounding of the directions.
+    // sine of an angle; the margin outweighs the rounding of the declinations.
     const double reach = radius < 0.99 ? std::asin(std::max(radius, 0.0)) + 1e-4 : Pi;
     const auto firstZone = static_cast<std::size_t>(ZoneOf(dec - reach));
     const auto lastZone = static_cast<std::size_t>(ZoneOf(dec + reach));
-    const double cosineReach = std::cos(reach);
+    constexpr double rounding = 1e-6;  // of the directions' products
+    const double cosineReach = std::cos(reach) - rounding;
     const double x = std::cos(dec) * std::cos(ra);
     const double y = std::cos(dec) * std::sin(ra);
     const double z = std::sin(dec);

@@ -5,6 +5,7 @@
 #include <numeric>
 #include <vector>
 
+#include "astro/libMath.h"
 #include "extraction/mStarExtraction.h"
 #include "matching/mMORA.h"
 #include "matching/mPlateMatch.h"
@@ -46,44 +47,72 @@ PlateStarList ThinnedList(const PlateStarList& stars, std::int32_t count, const 
 }  // namespace
 
 bool FindCentreByQuads(ProgramState& state, Port& port, double width, double height,
-                       double tolerance) {
-    const QuadJudge sure = [](const QuadSearch& search) { return IsSure(search.Confidence); };
+                       double tolerance, const std::function<bool()>& confirm) {
+    const QuadJudge sure = [](const QuadSearch& search) { return IsSure(search); };
     // The first triple leaves nothing out.
     for (const Triple& triple : BrightTriples(state.PlateStarCount)) {
         const PlateStarList stars = ThinnedList(state.PlateStars, state.PlateStarCount, triple);
         if (SearchQuads(state, port, stars, static_cast<std::int32_t>(stars.size()) - 1, width,
-                        height, tolerance, sure)) {
+                        height, tolerance, sure) &&
+            (!confirm || confirm())) {
             return true;
         }
-        if (state.StopRequested) return false;
+        if (state.StopRequested) break;
     }
+    state.QuadMatch.PairCount = 0;
     return false;
 }
+
+namespace {
+
+/// Solves from the centre and with the field that the quads gave. A failure leaves the report of
+/// an earlier search as it was.
+bool MeasureFromQuads(ProgramState& state, Port& port, double tolerance) {
+    // The centre that few stars near a corner give may be off by a small part of the field.
+    constexpr std::int32_t regions = 9;
+    const SolveReport before = state.Report;
+    state.Report.RegionsTried = 0;
+    state.Report.CatalogAtStart = CatalogPresence::Present;
+    const double radiansPerPixel = 1 / state.QuadMatch.Geometry.Scale / ArcsecondsPerRadian;
+    SkyPosition centre = state.QuadMatch.Centre;
+    const std::int16_t code =
+        MatchPlateStars(state, port, centre.Ra, centre.Dec, state.Image.Width * radiansPerPixel,
+                        state.Image.Height * radiansPerPixel, regions, tolerance);
+    if (code == SolveCode::Solved) return true;
+    const StageTimes times = state.Report.Times;
+    state.Report = before;
+    state.Report.Times = times;
+    state.Report.UnmeasuredCentre = state.QuadMatch.Centre;
+    return false;
+}
+
+}  // namespace
 
 std::int16_t SolveBlind(ProgramState& state, Port& port, double& ra, double& dec, double plateWidth,
                         double plateHeight, double matchTolerance, bool useStars) {
     if (!useStars) BeginSolve(state);
-    state.Report.RegionsTried = 0;
     state.Report.Blind = true;
     state.QuadMatch = {};
-    return WithinMemory(state, port, [&] {
+    const std::int16_t code = WithinMemory(state, port, [&] {
         if (!useStars && !FindPlateStars(state, port)) return SolveCode::TooFewStars;
         ShowStatus(state, port, "Searching Quads");
-        const bool found = LoadQuadTables(state, plateWidth, plateHeight) &&
-                           FindCentreByQuads(state, port, plateWidth, plateHeight, matchTolerance);
-        if (!found) {
-            const bool stopped = state.StopRequested;
-            ShowStatus(state, port, stopped ? "Search Terminated" : "No Match Found",
-                       StatusColour::Red);
-            return stopped ? SolveCode::Stopped : SolveCode::NoMatch;
+        const bool solved =
+            LoadQuadTables(state, plateWidth, plateHeight) &&
+            FindCentreByQuads(state, port, plateWidth, plateHeight, matchTolerance,
+                              [&] { return MeasureFromQuads(state, port, matchTolerance); });
+        if (solved) {
+            ra = state.SolvedCentre.Ra;
+            dec = state.SolvedCentre.Dec;
+            return SolveCode::Solved;
         }
-        // The centre that few stars near a corner give may be off by a small part of the field.
-        constexpr std::int32_t regions = 9;
-        ra = state.QuadMatch.Centre.Ra;
-        dec = state.QuadMatch.Centre.Dec;
-        return MatchPlateStars(state, port, ra, dec, plateWidth, plateHeight, regions,
-                               matchTolerance);
+        const bool stopped = state.StopRequested;
+        ShowStatus(state, port, stopped ? "Search Terminated" : "No Match Found",
+                   StatusColour::Red);
+        return stopped ? SolveCode::Stopped : SolveCode::NoMatch;
     });
+    state.Report.Times.Quads = state.QuadMatch.Seconds;
+    state.QuadMatch.Code = code;
+    return code;
 }
 
 }  // namespace vestrel

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "app/mGeneral.h"
 
@@ -12,8 +13,9 @@ namespace vestrel {
 /// When the star list as it is finds nothing, it is searched again with some of its brightest stars
 /// left out: in a narrow field all quads share the three brightest, and one that the catalog lacks
 /// spoils them all.
+/// @param confirm asked about every sure match: false lets the search go on with the next list
 bool FindCentreByQuads(ProgramState& state, Port& port, double width, double height,
-                       double tolerance);
+                       double tolerance, const std::function<bool()>& confirm = {});
 
 /// Solves the loaded image from the size of its field alone.
 ///

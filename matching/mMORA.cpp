@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <new>
 #include <system_error>
 
 #include "app/mStopwatch.h"
@@ -22,10 +23,13 @@ constexpr double keyTolerance = 0.01;
 constexpr std::int32_t fewestPairs = 5;
 
 void Say(ProgramState& state, const std::string& text) {
+    state.QuadMatch.Messages.push_back(text);
+}
+
+/// Of what is said of one candidate after the other there may be any number.
+bool MayTalk(const ProgramState& state) {
     constexpr std::size_t mostLines = 5000;
-    std::vector<std::string>& lines = state.QuadMatch.Messages;
-    if (lines.size() < mostLines) lines.push_back(text);
-    if (lines.size() == mostLines) lines.emplace_back("(no more lines are kept)");
+    return state.QuadMatch.Messages.size() < mostLines;
 }
 
 std::string PositionText(SkyPosition position) {
@@ -103,11 +107,10 @@ class QuadMatcher {
             const double distance = QuadDistance(shape, candidate);
             if (!(distance < keyTolerance) || !HasStars(candidate)) continue;
             ++search_.Candidates;
-            const CatalogStar& first = CatalogStarOf(candidate.Star1);
-            Say(state_,
-                "Matched Quad = " + std::to_string(place) + "     Qdist = " + NumberText(distance));
-            Say(state_, "Quad Star 1: " + PositionText(PositionOf(first)));
+            talk_ = MayTalk(state_);
+            if (talk_) SayCandidate(place, distance);
             if (Verify(candidate, quad)) return true;
+            yield();
             if (state_.StopRequested) return false;
         }
         return false;
@@ -169,10 +172,13 @@ class QuadMatcher {
         FitPairs();
         if (!IsPlate(search_.Geometry, search_.FitError)) return false;
         ++search_.FourStarFits;
-        Say(state_, "MORA found 4-star solution. FitError=" + NumberText(search_.FitError));
-        Say(state_, "Geometry: " + GeometryText(search_.Geometry));
+        const double fourStarError = search_.FitError;
+        const FitGeometry fourStarGeometry = search_.Geometry;
+        if (talk_) SayFourStars(fourStarError, fourStarGeometry);
         Extend(quad);
         if (search_.PairCount < fewestPairs) return false;
+        // What led to a match is said whatever was said before.
+        if (!talk_) SayFourStars(fourStarError, fourStarGeometry);
         Say(state_, "NumMatch=" + std::to_string(search_.PairCount));
         search_.Confidence = Judge();
         FitPairs();
@@ -183,6 +189,19 @@ class QuadMatcher {
         if (!accept_ || accept_(search_)) return true;
         Say(state_, "Too likely by chance: the search goes on");
         return false;
+    }
+
+    void SayCandidate(std::int32_t place, double distance) {
+        const CatalogStar& first =
+            CatalogStarOf(tables_.Quads[static_cast<std::size_t>(place)].Star1);
+        Say(state_,
+            "Matched Quad = " + std::to_string(place) + "     Qdist = " + NumberText(distance));
+        Say(state_, "Quad Star 1: " + PositionText(PositionOf(first)));
+    }
+
+    void SayFourStars(double fitError, const FitGeometry& geometry) {
+        Say(state_, "MORA found 4-star solution. FitError=" + NumberText(fitError));
+        Say(state_, "Geometry: " + GeometryText(geometry));
     }
 
     void AddPair(std::int32_t reference, std::int32_t image) {
@@ -242,7 +261,12 @@ class QuadMatcher {
         double eta = 0;
         InvertPlateFit(search_.Transform, (state_.Image.Width - 1) / 2.0,
                        (state_.Image.Height - 1) / 2.0, xi, eta);
+        // Whoever judges a match may have used the plane for something else.
+        state_.Plane.SetProjectionCentre(search_.Tangent.Ra, search_.Tangent.Dec,
+                                         ArcsecondsPerRadian);
         state_.Plane.PlaneToSky(xi, eta, search_.Centre.Ra, search_.Centre.Dec);
+        search_.FieldRatio = std::hypot(state_.Image.Width, state_.Image.Height) /
+                             search_.Geometry.Scale / (2 * radius_ * ArcsecondsPerRadian);
     }
 
     ProgramState& state_;
@@ -254,6 +278,7 @@ class QuadMatcher {
     double maxError_;
     double maxGeometricError_;
     const QuadJudge& accept_;
+    bool talk_ = true;
     double magnitudeLimit_ = 0;
     double neighbourRadius_ = 0;  ///< pixels
     PlateStarList nearby_;        ///< around the candidate's first star
@@ -297,10 +322,14 @@ fs::path QuadFilePath(const ProgramState& state) {
 }
 
 bool HaveQuadTables(const ProgramState& state) {
-    const FileHandle file = OpenFile(QuadFilePath(state), "rb");
+    const FileHandle file = OpenQuadFile(QuadFilePath(state));
     std::vector<QuadBand> bands;
     std::string fault;
     return file && ReadQuadBands(file.get(), bands, fault) && !bands.empty();
+}
+
+bool IsSure(const QuadSearch& search) {
+    return IsSure(search.Confidence) && search.FieldRatio > 0.5 && search.FieldRatio < 2;
 }
 
 bool LoadQuadTables(ProgramState& state, double width, double height) {
@@ -314,7 +343,7 @@ bool LoadQuadTables(ProgramState& state, double width, double height) {
         return true;
     }
     loaded = {};
-    const FileHandle file = OpenFile(path, "rb");
+    const FileHandle file = OpenQuadFile(path);
     if (!file) {
         loaded.Fault = "there are no quad tables (" + TextFromPath(path) +
                        "): vestrel-catalog quads makes them";
@@ -329,11 +358,23 @@ bool LoadQuadTables(ProgramState& state, double width, double height) {
         return diagonal >= b.SmallestDiagonal && diagonal < b.LargestDiagonal;
     });
     if (band == bands.end()) {
+        const auto degrees = [](double radians) { return RoundedText(radians * 180 / Pi, 2); };
         loaded.Fault = "the quad tables have nothing for fields of this size";
+        loaded.OtherSizes = !bands.empty();
+        if (loaded.OtherSizes) {
+            loaded.Fault += ", only for " + degrees(bands.front().SmallestDiagonal) + " to " +
+                            degrees(bands.back().LargestDiagonal) + " degrees across";
+        }
         return false;
     }
-    if (!ReadQuadBand(file.get(), *band, loaded.Tables, loaded.Fault)) {
-        loaded.Fault = TextFromPath(path) + " " + loaded.Fault;
+    try {
+        if (!ReadQuadBand(file.get(), *band, loaded.Tables, loaded.Fault)) {
+            loaded.Fault = TextFromPath(path) + " " + loaded.Fault;
+            return false;
+        }
+    } catch (const std::bad_alloc&) {
+        loaded = {};
+        loaded.Fault = "there is not enough memory for the quad tables";
         return false;
     }
     loaded.File = path;
@@ -346,10 +387,11 @@ bool LoadQuadTables(ProgramState& state, double width, double height) {
 bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStars,
                  std::int32_t imageCount, double width, double height, double maxError,
                  const QuadJudge& accept) {
-    const StageTimer timer(state.Report.Times.Matching);
     const StageTimer seconds(state.QuadMatch.Seconds);
     bool matched = false;
-    if (state.Quads.Tables.QuadCount > 0) {
+    QuadTables& tables = state.Quads.Tables;
+    if (tables.RatioPairs.size() != tables.Quads.size()) IndexTables(tables);
+    if (tables.QuadCount > 0) {
         QuadMatcher matcher(state, imageStars, imageCount, width, height, maxError, accept);
         const auto yield = [&port] { port.Yield(); };
         for (std::int32_t star = 1; star <= imageCount && !matched && !state.StopRequested;

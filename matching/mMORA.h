@@ -29,6 +29,11 @@ bool LoadQuadTables(ProgramState& state, double width, double height);
 void MatchByQuads(ProgramState& state, Port& port, double& centreRA, double& centreDec,
                   double width, double height, double maxError);
 
+/// Whether a match can be relied on: chance does not give one like it, and the field is at most
+/// twice and at least half as large as it was said to be. (A plate of quite another scale may press
+/// many catalog stars onto one crowded spot of the image, where the odds are no measure.)
+bool IsSure(const QuadSearch& search);
+
 /// Looks at a match of five or more pairs (in `QuadMatch`): false lets the search go on.
 using QuadJudge = std::function<bool(const QuadSearch&)>;
 

@@ -95,10 +95,18 @@ TEST(QuadStars, AroundAPlaceAreThoseOfAScanOfTheWholeTable) {
     Random random(3);
     const QuadTables tables = StarsEverywhere(20000, random);
     for (int trial = 0; trial < 120; ++trial) {
-        const double ra = random.Between(-0.1, 2 * std::numbers::pi);
-        const double dec = trial % 4 == 0 ? std::numbers::pi / 2 - random.Between(0, 0.02)
-                                          : std::asin(random.Between(-1, 1));
-        const double radius = trial % 10 == 0 ? random.Between(0.9, 1.2) : random.Between(0, 0.2);
+        // At a pole, beside a star, or anywhere.
+        const CatalogStar& near = tables.Stars[static_cast<std::size_t>(random.Whole(1, 20000))];
+        double ra = random.Between(-0.1, 2 * std::numbers::pi);
+        double dec = trial % 4 == 0 ? std::numbers::pi / 2 - random.Between(0, 0.02)
+                                    : std::asin(random.Between(-1, 1));
+        if (trial % 3 == 0) {
+            ra = near.Ra;
+            dec = near.Dec + random.Between(-1e-3, 1e-3);
+        }
+        const double radius = trial % 10 == 0  ? random.Between(0.9, 1.2)
+                              : trial % 3 == 0 ? random.Between(0, 1e-3)
+                                               : random.Between(0, 0.2);
         const double limit = random.Between(0, 12);
         Projection projection;
         PlateStarList list;
@@ -239,11 +247,13 @@ TEST_F(QuadSkyTest, FalseBrightStarsAreLeftOutUntilTheMatchIsSure) {
 
 TEST_F(QuadSkyTest, RandomStarsAreNeverSure) {
     Random random(12);
-    for (int trial = 0; trial < 40; ++trial) {
+    for (int trial = 0; trial < 60; ++trial) {
         State.PlateStars.assign(1, PlateStar());
         for (int i = 0; i < 60; ++i) {
+            // Every second list crowds around a place, as false stars in a nebula do.
             State.PlateStars.push_back(
-                At(random.Between(0, frameWidth), random.Between(0, frameHeight)));
+                trial % 2 == 0 ? At(random.Between(0, frameWidth), random.Between(0, frameHeight))
+                               : At(700 + random.Normal(50), 300 + random.Normal(50)));
         }
         State.PlateStarCount = 60;
         State.QuadMatch = {};
@@ -351,6 +361,18 @@ TEST(Confidence, ChanceMatchesAreAsFrequentAsStatedAndNotSure) {
 
     Random random(6);
     const PlateConstants same{1, 0, 0, 0, 1, 0};
+    // Pairs that any placement has count for nothing, and each placement tried is one more chance.
+    PlateStarList agreeing(1);
+    for (int i = 0; i < 20; ++i) agreeing.push_back(At(20 * i, 7 * i * i % 400));
+    MatchEvidence agreement{agreeing, 20, agreeing, 20, 500, 400};
+    agreement.Tolerance = 1;
+    const double all = ConfidenceOf(same, agreement).Log10FalseAlarm;
+    agreement.StarsFitted = 4;
+    const double others = ConfidenceOf(same, agreement).Log10FalseAlarm;
+    EXPECT_NEAR(others / all, 0.8, 0.05);
+    agreement.Placements = 1000;
+    EXPECT_NEAR(ConfidenceOf(same, agreement).Log10FalseAlarm, others + 3, 1e-9);
+
     double matched = 0;
     double expected = 0;
     int rare = 0;

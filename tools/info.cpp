@@ -8,7 +8,6 @@
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "matching/libQuadFile.h"
-#include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "tools/commands.h"
 #include "tools/libCatalogSurvey.h"
@@ -28,6 +27,7 @@ struct CatalogFacts {
     std::vector<MagnitudeCounts::Step> Steps;
     double FaintLimit = 0;        ///< magnitudes: where the counts stop growing
     std::vector<QuadBand> Bands;  ///< of the quad tables; none when there are no tables
+    std::string QuadFault;        ///< why they cannot be used
 };
 
 CatalogFacts GatherFacts(const std::filesystem::path& folder) {
@@ -43,9 +43,8 @@ CatalogFacts GatherFacts(const std::filesystem::path& folder) {
                          [](const auto& a, const auto& b) { return a.Stars < b.Stars; });
     // There are ever more stars the fainter they are; a survey that stops growing misses some.
     if (peak != facts.Steps.end()) facts.FaintLimit = peak->From + 0.5;
-    const FileHandle quads = OpenFile(folder / QuadFileName, "rb");
-    std::string ignored;
-    if (quads) ReadQuadBands(quads.get(), facts.Bands, ignored);
+    const FileHandle quads = OpenQuadFile(folder / QuadFileName);
+    if (quads) ReadQuadBands(quads.get(), facts.Bands, facts.QuadFault);
     return facts;
 }
 
@@ -111,6 +110,7 @@ void PrintJson(const CatalogFacts& facts) {
                      {"magnitudes", json::array()},
                      {"brightGapFilled", facts.Manifest.BrightGapFilled},
                      {"quadTables", json::array()},
+                     {"quadTablesFault", facts.QuadFault},
                      {"faults", survey.FaultCount}};
     for (const QuadBand& band : facts.Bands) {
         document["quadTables"].push_back({{"fromDegrees", band.SmallestDiagonal * 180 / Pi},
@@ -170,7 +170,9 @@ void PrintText(const CatalogFacts& facts) {
                 AllCells().size());
     std::printf("Coverage:   %s %% of the sky\n", RoundedText(100 * survey.Coverage, 2).c_str());
     if (facts.Bands.empty()) {
-        std::printf("Quads:      none; \"vestrel-catalog quads\" makes them\n");
+        const std::string what =
+            facts.QuadFault.empty() ? "none" : std::string(QuadFileName) + " " + facts.QuadFault;
+        std::printf("Quads:      %s; \"vestrel-catalog quads\" makes them\n", what.c_str());
     } else {
         std::printf("Quads:      %s, for fields of %s to %s degrees across\n",
                     GroupedText(QuadCount(facts)).c_str(),

@@ -23,7 +23,11 @@ std::vector<CatalogStar> ReadAllStars(const std::filesystem::path& folder, Progr
     const std::vector<CellPosition>& cells = AllCells();
     for (std::size_t i = 0; i < cells.size(); ++i) {
         progress.Show("Reading cells", i, cells.size(), all.size());
-        ReadCellFile(folder / CellName(cells[i]), cell);
+        const std::filesystem::path file = folder / CellName(cells[i]);
+        std::error_code ignored;
+        if (!ReadCellFile(file, cell) && std::filesystem::exists(file, ignored)) {
+            throw ToolFailure(ExitBadInput, TextFromPath(file) + ": cannot be read");
+        }
         for (const CatalogStar& star : cell) {
             if (IsStoredPosition(star.Ra, star.Dec)) all.push_back(star);
         }
