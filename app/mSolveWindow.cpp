@@ -48,7 +48,7 @@ std::optional<UnattendedRequest> BeginSearch(ProgramState& state, Port& port) {
     state.Display.SolutionOverlays = false;
     ShowStatus(state, port, "Working...");
     port.ImageChanged();
-    const auto request = ReadSolveInputs(state, port);
+    auto request = ReadSolveInputs(state, port);
     if (!request) {
         state.Display.Status = statusBefore;
         return std::nullopt;
