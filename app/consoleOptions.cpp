@@ -18,9 +18,10 @@ constexpr const char* description =
     "Finds where a photograph of the night sky points.\n"
     "\n"
     "  vestrel-solve m44.jpg --ra 08:40:24 --dec +19:40:00 --size 120x90 --regions 25\n"
+    "  vestrel-solve m44.jpg --blind --size 120x90\n"
     "  vestrel-solve \"2.2704,0.3431,0.0349,0.0262,25,/pictures/m44.fit\"\n"
     "\n"
-    "The second form takes right ascension, declination, width, height (radians), region limit\n"
+    "The last form takes right ascension, declination, width, height (radians), region limit\n"
     "and path as one argument, and writes a result file (.kel) beside the image.";
 
 constexpr const char* closing =
@@ -125,6 +126,9 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
                    "Approximate field: 120x90 (arcminutes) or 2x1.5d (degrees); as in the "
                    "settings file when left out");
     app.add_option("--regions", options.Regions, "Regions to search")->capture_default_str();
+    app.add_flag("--blind", options.Blind,
+                 "Needs no centre: finds it by the quad tables (vestrel-catalog quads); after a "
+                 "centre that does not match, too");
     app.add_option("--catalog", catalog, "Folder of the catalog");
     const CLI::Validator named(
         [](const std::string& name) -> std::string {
@@ -167,7 +171,10 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     if (!options.InfoFile.empty()) return {};
     if (argument.empty()) argument = std::move(negative);
     options.CatalogFolder = PathFromText(catalog);
-    const bool anySearchInput = !ra.empty() || !dec.empty() || !size.empty();
+    if (options.Blind && LooksLikeParameterString(argument)) {
+        return UsageError("A parameter string has a centre: it goes without --blind.");
+    }
+    const bool anySearchInput = !ra.empty() || !dec.empty() || !size.empty() || options.Blind;
     if (!anySearchInput && LooksLikeParameterString(argument)) {
         options.ParameterString = argument;
         return {};
@@ -175,8 +182,8 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     if (argument.empty()) return UsageError("Name an image.");
     options.Image = argument;
     if (auto error = ReadSearchInputs(ra, dec, size, options)) return *error;
-    if (!options.Centre) {
-        return UsageError("Give the approximate centre with --ra and --dec.");
+    if (!options.Centre && !options.Blind) {
+        return UsageError("Give the approximate centre with --ra and --dec, or --blind.");
     }
     return {};
 }

@@ -18,6 +18,7 @@ struct ConsoleOptions {
     std::optional<SkyPosition> Centre;
     std::optional<std::pair<double, double>> FieldSize;  ///< width, height, radians
     std::int32_t Regions = 25;
+    bool Blind = false;             ///< without a centre, or when the solve from it fails
     std::string InfoFile;           ///< the file whose header to show; nothing else is then done
     std::string SaveFile;           ///< where the solved image goes; empty: nowhere
     std::string ExportFile;         ///< where its standard FITS copy goes; empty: nowhere

@@ -17,6 +17,11 @@ int ExitCodeOf(std::int16_t code, const ProgramState& state) {
         case SolveCode::NoImage:
             return ExitCode::NoImage;
         default:
+            // When a centre was given as well, its search decides.
+            if (state.Report.Blind && state.Report.RegionsTried == 0 &&
+                !state.Quads.Fault.empty()) {
+                return ExitCode::NoCatalog;
+            }
             return CatalogComplaint(state).empty() ? ExitCode::NoMatch : ExitCode::NoCatalog;
     }
 }

@@ -17,6 +17,7 @@
 #include "app/exitCodes.h"
 #include "app/mSolveWindow.h"
 #include "app/mTelescope.h"
+#include "matching/mMORA.h"
 #include "settings/fParms.h"
 #include "settings/mRecentImages.h"
 #include "settings/mSettings.h"
@@ -30,7 +31,8 @@ SolveWindow::SolveWindow(ProgramState& state)
       levelsWindow_(state),
       statsWindow_(state),
       photometryWindow_(state, port_),
-      headerWindow_(state) {
+      headerWindow_(state),
+      quadMessagesWindow_(state) {
     setObjectName("fKELInfo");
     setWindowTitle(ProgramTitle);
     setAcceptDrops(true);
@@ -39,6 +41,7 @@ SolveWindow::SolveWindow(ProgramState& state)
     port_.OnDisplayChanged = [this] {
         ShowState();
         imageWindow_.ActivityChanged();
+        quadMessagesWindow_.MessagesChanged();
     };
     port_.OnImageChanged = [this] {
         imageWindow_.ImageChanged();
@@ -60,6 +63,7 @@ SolveWindow::SolveWindow(ProgramState& state)
     InitSettings(state_, port_);
     LoadRecentImages(state_);
     ShowInputs();
+    ShowQuadCommands();
     UpdateClock(state_);
     ShowState();
 }
@@ -97,13 +101,17 @@ void SolveWindow::closeEvent(QCloseEvent* event) {
     statsWindow_.close();
     photometryWindow_.close();
     headerWindow_.close();
+    quadMessagesWindow_.close();
     helpWindow_.close();
     event->accept();
 }
 
 void SolveWindow::changeEvent(QEvent* event) {
     QMainWindow::changeEvent(event);
-    if (event->type() == QEvent::PaletteChange && details_ != nullptr) ShowState();
+    if (details_ == nullptr) return;
+    if (event->type() == QEvent::PaletteChange) ShowState();
+    // The tables may have been made meanwhile.
+    if (event->type() == QEvent::ActivationChange && isActiveWindow()) ShowQuadCommands();
 }
 
 void SolveWindow::dragEnterEvent(QDragEnterEvent* event) {
@@ -122,6 +130,12 @@ void SolveWindow::dropEvent(QDropEvent* event) {
 
 void SolveWindow::ShowInputs() {
     for (const auto& [input, text] : inputs_) input->setText(QtText(state_.Inputs.*text));
+}
+
+void SolveWindow::ShowQuadCommands() {
+    const bool have = HaveQuadTables(state_);
+    quadsButton_->setVisible(have);
+    quadMessagesAction_->setVisible(have);
 }
 
 void SolveWindow::ShowTexts() {
@@ -180,12 +194,19 @@ void SolveWindow::FillRecentImages() {
 
 void SolveWindow::Run(const std::function<void()>& command) {
     command();
+    ShowQuadCommands();
     ShowState();
     if (state_.CloseRequested) close();
 }
 
 void SolveWindow::Match() {
     Run([this] { PlateMatchCommand(state_, port_); });
+}
+
+void SolveWindow::MatchQuads() {
+    if (state_.ImageLoaded) quadMessagesWindow_.show();
+    MoraCommand(state_, port_);
+    ShowInputs();
 }
 
 void SolveWindow::Stop() {

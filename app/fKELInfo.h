@@ -14,6 +14,7 @@
 #include "viewer/fFITSHeader.h"
 #include "viewer/fHistogram.h"
 #include "viewer/fImage.h"
+#include "viewer/fMORA.h"
 #include "viewer/fRelPhot.h"
 #include "viewer/fStats.h"
 #include "viewer/libWindows.h"
@@ -82,6 +83,8 @@ class SolveWindow : public QMainWindow {
     void ShowState();
     void ShowTexts();
     void ShowInputs();
+    /// MORA can be had where there are quad tables.
+    void ShowQuadCommands();
     void ShowStatusLine(QLabel* label, const StatusLine& line);
     void ShowProgressPercent(int percent);
     void FillRecentImages();
@@ -90,6 +93,7 @@ class SolveWindow : public QMainWindow {
     /// Runs a command and closes the window when that was asked for meanwhile.
     void Run(const std::function<void()>& command);
     void Match();
+    void MatchQuads();
     void Stop();
     void LoadTelescope();
     void SyncTelescope();
@@ -124,6 +128,8 @@ class SolveWindow : public QMainWindow {
     QAction* copyAction_ = nullptr;
     QMenu* recentMenu_ = nullptr;
     QPushButton* stopButton_ = nullptr;
+    QPushButton* quadsButton_ = nullptr;
+    QAction* quadMessagesAction_ = nullptr;
     QPushButton* syncButton_ = nullptr;
     QPushButton* unitsButton_ = nullptr;
     QGroupBox* centrePanel_ = nullptr;
@@ -142,6 +148,7 @@ class SolveWindow : public QMainWindow {
     StatsWindow statsWindow_;
     RelativePhotometryWindow photometryWindow_;
     HeaderWindow headerWindow_;
+    QuadMessagesWindow quadMessagesWindow_;
     HelpWindow helpWindow_;
 };
 

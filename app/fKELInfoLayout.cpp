@@ -72,7 +72,7 @@ void SolveWindow::BuildControls() {
     QLabel* clock = AddShown("lblClock", &SolveDisplay::Clock);
     clock->setAccessibleName("Universal time, Julian date and local sidereal time");
     statusBar()->addPermanentWidget(clock);
-    resize(sizeHint() + QSize(60, 0));
+    resize(sizeHint() + QSize(60, 36));
 
     auto* escape = new QShortcut(Qt::Key_Escape, this);
     connect(escape, &QShortcut::activated, this, [this] { Stop(); });
@@ -156,13 +156,16 @@ QLayout* SolveWindow::BuildCommands() {
         AddButton("Command1", "Edit &Parameters", "Change search and star extraction parameters",
                   [this] { EditParameters(); });
     startWidgets_.push_back(parameters);
-    QPushButton* quads = AddButton("cmdMORA", "MORA", {}, [] {});
-    quads->hide();
+    quadsButton_ =
+        AddButton("cmdMORA", "M&ORA", "Match patterns of four stars, wherever the image points",
+                  [this] { MatchQuads(); });
+    quadsButton_->hide();
+    startWidgets_.push_back(quadsButton_);
     layout->addWidget(match, 0, 0);
     layout->addWidget(stopButton_, 0, 1);
     layout->addWidget(image, 1, 0);
     layout->addWidget(parameters, 1, 1);
-    layout->addWidget(quads, 2, 0, 1, 2);
+    layout->addWidget(quadsButton_, 2, 0, 1, 2);
     layout->setColumnStretch(0, 1);
     layout->setColumnStretch(1, 1);
     return layout;
@@ -305,6 +308,9 @@ void SolveWindow::BuildMenus() {
     AddAction(view, "Show &Header", QKeySequence("Ctrl+H"), [this] {
         Bring(headerWindow_);
     })->setObjectName("mnuHeader");
+    quadMessagesAction_ = AddAction(view, "&MORA Messages", QKeySequence("Ctrl+M"),
+                                    [this] { Bring(quadMessagesWindow_); });
+    quadMessagesAction_->setObjectName("mnuMORA");
 
     QMenu* help = menuBar()->addMenu("&Help");
     AddAction(help, "&Help", QKeySequence::HelpContents, [this] { ShowHelp(); });

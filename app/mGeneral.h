@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,9 @@
 #include "extraction/libStarDetection.h"
 #include "image/libImage.h"
 #include "matching/libAlign.h"
+#include "matching/libConfidence.h"
+#include "matching/libQuadFile.h"
+#include "matching/libQuads.h"
 #include "platform/libTelescopeLink.h"
 #include "settings/libSettingsFile.h"
 #include "viewer/libDisplayLevels.h"
@@ -44,6 +48,7 @@ struct PlateSolution {
     std::int32_t CatalogCount = 0;     ///< catalog stars of the winning region
     std::int32_t RegionsSearched = 0;  ///< the winning one included
     double MagnitudeZeroPoint = 0;     ///< mean of instrumental − catalog magnitude
+    MatchConfidence Confidence;
 };
 
 /// The solve window's numbers of the last solution; 0 until there is one.
@@ -112,6 +117,7 @@ struct StageTimes {
     double Extraction = 0;  ///< smoothing and second extraction included
     double Catalog = 0;
     double Matching = 0;
+    double Quads = 0;
 };
 
 /// What a solve went through, for the report of its outcome.
@@ -120,11 +126,45 @@ struct SolveReport {
     double SearchRadius = 0;        ///< radians
     std::int32_t RegionsTried = 0;  ///< regions read and matched
     bool Smoothed = false;
+    bool Blind = false;                    ///< quads were to find the centre
     std::int32_t CatalogStarsAtStart = 0;  ///< in the starting region
     CatalogPresence CatalogAtStart = CatalogPresence::Present;
     AlignReport BestAttempt;  ///< of the regions that failed
     SkyPosition BestAttemptCentre;
+    /// A sure match of quads whose centre gave no solution.
+    std::optional<SkyPosition> UnmeasuredCentre;
     StageTimes Times;
+};
+
+/// The quad tables in memory, and what they were read from.
+struct LoadedQuadTables {
+    QuadTables Tables;
+    std::filesystem::path File;  ///< empty while nothing was read
+    std::filesystem::file_time_type Modified;
+    double SmallestDiagonal = 0;  ///< the fields that the tables are for, radians
+    double LargestDiagonal = 0;
+    std::string Fault;        ///< why there are no tables for a field, in words
+    bool OtherSizes = false;  ///< there are tables, but for fields of other sizes
+};
+
+/// What the last quad search left.
+struct QuadSearch {
+    std::int16_t Code = 0;          ///< of `MatchByQuads`: a `SolveCode`
+    std::int32_t Searched = 0;      ///< image quads looked up
+    std::int32_t Candidates = 0;    ///< table quads of the same shape
+    std::int32_t FourStarFits = 0;  ///< orderings of candidates that passed as a plate
+    StarMatchList Pairs;            ///< 1-based: stars of `Reference`, stars of the image
+    std::int32_t PairCount = 0;     ///< 0 when nothing matched
+    PlateStarList Reference;        ///< 1-based: the quad's four stars, then the stars around it
+    PlateConstants Transform;       ///< arcseconds about `Tangent` to pixels
+    FitGeometry Geometry;
+    double FitError = 0;    ///< root mean square, pixels
+    double FieldRatio = 0;  ///< the field found / the field given
+    SkyPosition Tangent;
+    SkyPosition Centre;  ///< of the image
+    MatchConfidence Confidence;
+    double Seconds = 0;
+    std::vector<std::string> Messages;  ///< the lines of the test list
 };
 
 struct ProgramState {
@@ -152,6 +192,8 @@ struct ProgramState {
 
     Projection Plane;
     CatalogCache Catalog;
+    LoadedQuadTables Quads;
+    QuadSearch QuadMatch;
     PlateSolution Solution;
     ShownGeometry Geometry;
     SkyPosition SolvedCentre;

@@ -6,6 +6,7 @@
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "matching/mMORA.h"
 #include "matching/mPlateMatch.h"
 #include "platform/libPlatform.h"
 
@@ -56,6 +57,35 @@ std::string Count(std::int64_t n, const char* one, const char* many) {
     return std::to_string(n) + " " + (n == 1 ? one : many);
 }
 
+/// What a failed search had to start from.
+void AddImage(Table& table, const ProgramState& state) {
+    table.Line("Image", std::to_string(state.Image.Width) + " x " +
+                            std::to_string(state.Image.Height) + " pixels");
+    table.Line("Stars found", std::to_string(state.Extraction.StarsFound) +
+                                  (state.Report.Smoothed ? " (after smoothing)" : "") +
+                                  ", sky noise " + Fixed(state.Extraction.BackgroundSigma, 1) +
+                                  " counts");
+}
+
+/// How far a quad search came, or why it had nothing to search.
+void AddQuads(Table& table, const ProgramState& state) {
+    const QuadSearch& search = state.QuadMatch;
+    const std::string& fault = state.Quads.Fault;
+    table.Line("Quads", fault.empty()
+                            ? std::to_string(search.Searched) + " looked up, " +
+                                  std::to_string(search.Candidates) + " of the same shape, " +
+                                  std::to_string(search.FourStarFits) + " tried as plates"
+                            : fault);
+    if (state.Report.UnmeasuredCentre) {
+        table.Line("Quads agree at", Position(*state.Report.UnmeasuredCentre) +
+                                         ", where the star lists give no solution");
+    }
+}
+
+std::string TryLine(const std::string& advice) {
+    return "  Try: " + advice + "\n";
+}
+
 }  // namespace
 
 ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& image) {
@@ -90,6 +120,17 @@ ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& 
     return {angle, firstRowAtTop ? solution.Stretch > 0 : solution.Stretch < 0};
 }
 
+std::string ConfidenceText(const MatchConfidence& confidence) {
+    constexpr double likely = -3;
+    const double log = confidence.Log10FalseAlarm;
+    return std::to_string(confidence.Matched) + " of " +
+           Count(confidence.Candidates, "catalog star", "catalog stars") +
+           " in the frame matched, " + Fixed(confidence.ExpectedByChance, 1) +
+           " expected by chance; false alarm " +
+           (log > likely ? RoundedText(std::pow(10, log), 3)
+                         : "below 1e" + std::to_string(static_cast<int>(std::ceil(log))));
+}
+
 std::string SolutionText(const ProgramState& state) {
     const PlateSolution& solution = state.Solution;
     const ImageOrientation orientation = OrientationOf(solution, state.Image);
@@ -108,9 +149,38 @@ std::string SolutionText(const ProgramState& state) {
                             std::to_string(solution.CatalogCount) + " in catalog, " +
                             std::to_string(solution.MatchedCount) + " matched");
     table.Line("RMS", state.Display.RmsDifference + " (" + Fixed(solution.Rms, 3) + " px)");
+    if (state.Report.Blind) {
+        const QuadSearch& quads = state.QuadMatch;
+        table.Line("Found by quads", std::to_string(quads.Searched) + " looked up, " +
+                                         std::to_string(quads.FourStarFits) + " tried as plates");
+    }
     table.Line("Regions searched", std::to_string(solution.RegionsSearched));
+    if (solution.Confidence.Candidates > 0) {
+        table.Line("Certainty", ConfidenceText(solution.Confidence));
+    }
     for (const std::string& caution : Cautions(state)) table.Line("Doubtful", caution);
     return table.Take();
+}
+
+std::string QuadMatchText(const ProgramState& state) {
+    const QuadSearch& search = state.QuadMatch;
+    Table table;
+    table.Line("Centre (J2000)", Position(search.Centre));
+    table.Line("Field", state.Display.PlateSize);
+    table.Line("Scale", Fixed(state.Geometry.ScaleArcseconds, 4) + "\"/px");
+    table.Line("Pairs", std::to_string(search.PairCount) + ", fit error " +
+                            Fixed(search.FitError, 3) + " px");
+    AddQuads(table, state);
+    table.Line("Certainty", ConfidenceText(search.Confidence));
+    if (IsSure(search)) {
+        return table.Take() + TryLine("Plate Match, which measures the image from this centre");
+    }
+    table.Line("Doubtful",
+               (IsSure(search.Confidence)
+                    ? "the field is " + Fixed(search.FieldRatio, 2) + " times the size given"
+                    : Count(search.PairCount, "pair", "pairs") + " can be chance") +
+                   ": the approximate centre stays as it was");
+    return table.Take() + TryLine("Plate Match, from this centre or another that is known");
 }
 
 std::vector<std::string> Cautions(const ProgramState& state) {
@@ -126,6 +196,9 @@ std::vector<std::string> Cautions(const ProgramState& state) {
     constexpr double tolerated = 1.25;
     if (!(ratio < tolerated && ratio > 1 / tolerated)) {
         cautions.push_back("the field is " + Fixed(ratio, 2) + " times the size given");
+    }
+    if (solution.Confidence.Candidates > 0 && !IsSure(solution.Confidence)) {
+        cautions.emplace_back("so few stars can match by chance");
     }
     return cautions;
 }
@@ -156,6 +229,14 @@ std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
     }
     if (code != SolveCode::NoMatch) return advice;
     const SolveReport& report = state.Report;
+    if (report.Blind && report.RegionsTried == 0) {
+        if (state.Quads.Fault.empty() || state.Quads.OtherSizes) {
+            advice.push_back(std::string("check the size of the field (") + words.FieldSize +
+                             "): it decides which quads are compared");
+        }
+        advice.emplace_back(words.SearchFromCentre);
+        return advice;
+    }
     if (report.CatalogAtStart == CatalogPresence::FolderMissing ||
         report.CatalogAtStart == CatalogPresence::NoCells) {
         advice.push_back(
@@ -179,12 +260,9 @@ std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
 std::string FailureText(const ProgramState& state, std::int16_t code, const InputWords& words) {
     const SolveReport& report = state.Report;
     Table table;
-    table.Line("Image", std::to_string(state.Image.Width) + " x " +
-                            std::to_string(state.Image.Height) + " pixels");
-    table.Line("Stars found", std::to_string(state.Extraction.StarsFound) +
-                                  (report.Smoothed ? " (after smoothing)" : "") + ", sky noise " +
-                                  Fixed(state.Extraction.BackgroundSigma, 1) + " counts");
-    if (code == SolveCode::NoMatch || code == SolveCode::Stopped) {
+    AddImage(table, state);
+    if (report.Blind && code != SolveCode::TooFewStars) AddQuads(table, state);
+    if (report.RegionsTried > 0 && (code == SolveCode::NoMatch || code == SolveCode::Stopped)) {
         const std::string complaint = CatalogComplaint(state);
         table.Line("Catalog", complaint.empty()
                                   ? std::to_string(report.CatalogStarsAtStart) +
@@ -198,16 +276,18 @@ std::string FailureText(const ProgramState& state, std::int16_t code, const Inpu
                                        Position(report.BestAttemptCentre));
     }
     std::string text = table.Take();
-    for (const std::string& line : Advice(state, code, words)) text += "  Try: " + line + "\n";
+    for (const std::string& line : Advice(state, code, words)) text += TryLine(line);
     return text;
 }
 
 std::vector<std::pair<std::string, double>> StageTable(const StageTimes& times) {
-    return {{"reading", times.Reading},
-            {"background", times.Background},
-            {"extraction", times.Extraction},
-            {"catalog", times.Catalog},
-            {"matching", times.Matching}};
+    std::vector<std::pair<std::string, double>> table = {{"reading", times.Reading},
+                                                         {"background", times.Background},
+                                                         {"extraction", times.Extraction},
+                                                         {"catalog", times.Catalog},
+                                                         {"matching", times.Matching}};
+    if (times.Quads > 0) table.emplace_back("quads", times.Quads);
+    return table;
 }
 
 }  // namespace vestrel

@@ -18,8 +18,15 @@ struct ImageOrientation {
 };
 ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& image);
 
+/// How sure a match is: "17 of 24 catalog stars in the frame matched, 0.6 expected by chance; false
+/// alarm below 1e-12".
+std::string ConfidenceText(const MatchConfidence& confidence);
+
 /// A solution as lines of "label   value", ready to print.
 std::string SolutionText(const ProgramState& state);
+
+/// What `MatchByQuads` found, as such lines.
+std::string QuadMatchText(const ProgramState& state);
 
 /// What should make a user doubt a solution; empty as a rule. A handful of stars can fit by chance,
 /// and such a fit is either poor or of another scale than expected.
@@ -33,12 +40,22 @@ struct InputWords {
     const char* FieldSize;
     const char* Ra;
     const char* Regions;
+    const char* SearchFromCentre;  ///< what to do where quads find nothing
 };
-inline constexpr InputWords ConsoleWords{
-    "--detection-threshold", "--min-star-size", "--catalog", "--size", "--ra", "--regions"};
-inline constexpr InputWords WindowWords{
-    "Detection Threshold", "Min Star Size", "$VESTREL_CATALOG", "Approximate Image Size", "RA",
-    "Search Limit"};
+inline constexpr InputWords ConsoleWords{"--detection-threshold",
+                                         "--min-star-size",
+                                         "--catalog",
+                                         "--size",
+                                         "--ra",
+                                         "--regions",
+                                         "give the approximate centre (--ra)"};
+inline constexpr InputWords WindowWords{"Detection Threshold",
+                                        "Min Star Size",
+                                        "$VESTREL_CATALOG",
+                                        "Approximate Image Size",
+                                        "RA",
+                                        "Search Limit",
+                                        "Plate Match, with the approximate centre (RA, Dec)"};
 
 /// Why a solve ended without a solution: what was seen, and what to try next.
 std::string FailureText(const ProgramState& state, std::int16_t code,

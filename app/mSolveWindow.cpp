@@ -9,6 +9,7 @@
 #include "extraction/mStarExtraction.h"
 #include "image/mImageData.h"
 #include "image/mSolvedImage.h"
+#include "matching/mMORA.h"
 #include "matching/mPlateMatch.h"
 #include "settings/mRecentImages.h"
 
@@ -34,6 +35,27 @@ std::optional<double> ReadSize(const SolveInputs& inputs, const std::string& tex
 
 std::string DetailsOf(const ProgramState& state, std::int16_t code) {
     return code == SolveCode::Solved ? SolutionText(state) : FailureText(state, code, WindowWords);
+}
+
+/// What every search from the inputs begins with. Nothing when there is nothing to search with.
+std::optional<UnattendedRequest> BeginSearch(ProgramState& state, Port& port) {
+    if (!state.ImageLoaded) {
+        port.ShowMessage("No Image Loaded", errorTitle);
+        return std::nullopt;
+    }
+    const StatusLine statusBefore = state.Display.Status;
+    state.Display.BusyIndicator = true;
+    state.Display.SolutionOverlays = false;
+    ShowStatus(state, port, "Working...");
+    port.ImageChanged();
+    auto request = ReadSolveInputs(state, port);
+    if (!request) {
+        state.Display.Status = statusBefore;
+        return std::nullopt;
+    }
+    ShowStartingValues(state, port, *request, " x ");
+    state.Display.Details.clear();
+    return request;
 }
 
 }  // namespace
@@ -87,22 +109,8 @@ std::optional<UnattendedRequest> ReadSolveInputs(const ProgramState& state, Port
 void PlateMatchCommand(ProgramState& state, Port& port) {
     const Operation operation(state, port, Activity::Solving);
     if (!operation) return;
-    if (!state.ImageLoaded) {
-        port.ShowMessage("No Image Loaded", errorTitle);
-        return;
-    }
-    const StatusLine statusBefore = state.Display.Status;
-    state.Display.BusyIndicator = true;
-    state.Display.SolutionOverlays = false;
-    ShowStatus(state, port, "Working...");
-    port.ImageChanged();
-    const auto request = ReadSolveInputs(state, port);
-    if (!request) {
-        state.Display.Status = statusBefore;
-        return;
-    }
-    ShowStartingValues(state, port, *request, " x ");
-    state.Display.Details.clear();
+    const auto request = BeginSearch(state, port);
+    if (!request) return;
     double ra = request->Ra;
     double dec = request->Dec;
     const std::int16_t code = SolvePlate(state, port, ra, dec, request->Width, request->Height,
@@ -112,6 +120,28 @@ void PlateMatchCommand(ProgramState& state, Port& port) {
         state.Display.SolutionOverlays = true;
         port.ImageChanged();
     }
+}
+
+void MoraCommand(ProgramState& state, Port& port) {
+    const Operation operation(state, port, Activity::Solving);
+    if (!operation) return;
+    const auto request = BeginSearch(state, port);
+    if (!request) return;
+    SkyPosition centre;
+    const std::int16_t code = WithinMemory(state, port, [&] {
+        LoadQuadTables(state, request->Width, request->Height);
+        MatchByQuads(state, port, centre.Ra, centre.Dec, request->Width, request->Height,
+                     state.Parameters.MaxError);
+        return state.QuadMatch.Code;
+    });
+    const bool matched = code == SolveCode::Solved;
+    state.Display.Details = matched ? QuadMatchText(state) : FailureText(state, code, WindowWords);
+    if (matched && IsSure(state.QuadMatch)) {
+        state.Inputs.Ra = FormatRA(centre.Ra, false, 2);
+        state.Inputs.Dec = FormatDec(centre.Dec, false, 1);
+    }
+    // What lay over the image was the solution before.
+    port.ImageChanged();
 }
 
 std::optional<UnattendedOutcome> UnattendedCommand(ProgramState& state, Port& port,

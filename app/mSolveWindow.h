@@ -42,6 +42,11 @@ std::optional<UnattendedRequest> ReadSolveInputs(const ProgramState& state, Port
 /// Plate Match: solves the loaded image from the inputs.
 void PlateMatchCommand(ProgramState& state, Port& port);
 
+/// MORA: looks the loaded image up in the quad tables. It needs the size of the field only; the
+/// inputs are checked as for Plate Match all the same. The centre of a sure match becomes the
+/// approximate centre, for Plate Match to measure the image from.
+void MoraCommand(ProgramState& state, Port& port);
+
 /// Solves as a parameter string says. Nothing when something runs already.
 std::optional<UnattendedOutcome> UnattendedCommand(ProgramState& state, Port& port,
                                                    const std::string& parameters);

@@ -16,6 +16,7 @@
 #include "astro/libStrings.h"
 #include "image/mImageData.h"
 #include "image/mSolvedImage.h"
+#include "matching/mBlindSolve.h"
 #include "matching/mPlateMatch.h"
 #include "platform/libConsole.h"
 #include "platform/libPlatform.h"
@@ -52,11 +53,18 @@ Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& option
         outcome.Result = {SolveCode::NoImage, ResultMessage(SolveCode::NoImage)};
         return outcome;
     }
-    double ra = options.Centre->Ra;
-    double dec = options.Centre->Dec;
-    const std::int16_t code =
-        SolvePlate(state, port, ra, dec, options.FieldSize->first, options.FieldSize->second,
-                   options.Regions, state.Parameters.MaxError);
+    const auto [width, height] = *options.FieldSize;
+    const double tolerance = state.Parameters.MaxError;
+    double ra = options.Centre ? options.Centre->Ra : 0;
+    double dec = options.Centre ? options.Centre->Dec : 0;
+    std::int16_t code = SolveCode::NoMatch;
+    if (options.Centre) {
+        code = SolvePlate(state, port, ra, dec, width, height, options.Regions, tolerance);
+    }
+    if (options.Blind && code == SolveCode::NoMatch) {
+        const bool extracted = options.Centre.has_value();
+        code = SolveBlind(state, port, ra, dec, width, height, tolerance, extracted);
+    }
     outcome.Result = {code, ResultMessage(code)};
     outcome.Exit = ExitCodeOf(code, state);
     outcome.Attempted = true;
@@ -142,6 +150,26 @@ nlohmann::ordered_json JsonMatches(const ProgramState& state) {
     return matches;
 }
 
+nlohmann::ordered_json JsonConfidence(const MatchConfidence& confidence) {
+    return {{"stars_matched", confidence.Matched},
+            {"stars_in_frame", confidence.Candidates},
+            {"expected_by_chance", confidence.ExpectedByChance},
+            {"log10_false_alarm", confidence.Log10FalseAlarm}};
+}
+
+/// What the search of the quad tables went through.
+nlohmann::ordered_json JsonQuads(const ProgramState& state) {
+    const QuadSearch& search = state.QuadMatch;
+    nlohmann::ordered_json json = {{"searched", search.Searched},
+                                   {"candidates", search.Candidates},
+                                   {"four_star_fits", search.FourStarFits},
+                                   {"matched", search.PairCount > 0},
+                                   {"seconds", search.Seconds}};
+    if (search.PairCount > 0) json["confidence"] = JsonConfidence(search.Confidence);
+    if (!state.Quads.Fault.empty()) json["fault"] = state.Quads.Fault;
+    return json;
+}
+
 nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outcome) {
     constexpr double degreesPerRadian = 57.29577951308232;
     const bool solved = outcome.Result.Code == SolveCode::Solved && outcome.Attempted;
@@ -181,6 +209,7 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
         json["tangent_dec_deg"] = solution.TangentDec * degreesPerRadian;
         const PlateConstants& t = solution.Transform;
         json["transform"] = {t.a, t.b, t.c, t.d, t.e, t.f};
+        json["confidence"] = JsonConfidence(solution.Confidence);
         json["cautions"] = Cautions(state);
         json["matches"] = JsonMatches(state);
     }
@@ -193,6 +222,7 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
     json["smoothed"] = report.Smoothed;
     json["magnitude_limit"] = report.MagnitudeLimit;
     json["regions_tried"] = report.RegionsTried;
+    if (report.Blind) json["quads"] = JsonQuads(state);
     json["catalog_folder"] = TextFromPath(state.Catalog.Folder);
     if (!solved) {
         json["catalog_complaint"] = CatalogComplaint(state);

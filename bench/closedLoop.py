@@ -1,12 +1,14 @@
 #!/usr/bin/env python3
 """Renders frames all over the sky, solves them, and compares the solutions with the truth.
 
-  bench/closedLoop.py --programs build/dev/bin --catalog /var/lib/Harrowdene/KEL
+  bench/closedLoop.py --programs build/dev/bin --catalog /var/lib/Harrowdene/KEL [--blind]
 
 The frames are the same in every run. They cover both poles, the line of right ascension 0, both
 parities, all rotations, the three pixel formats and half-diagonals of 0.7 to 4 degrees. Each solve
 starts up to a quarter of the field off in each direction and may search 25 regions. The controls
 are frames of stars that are in no catalog: they must not be solved.
+
+With --blind the frames are 2 to 10 degrees wide and no centre is given.
 
 Exit code: 0 when at least 95 % are solved, the median error of the centre is below 0.3 pixel, and
 neither a frame nor a control was solved wrongly; else 1.
@@ -23,6 +25,7 @@ import tempfile
 
 FORMATS = (16, 8, -32)
 HALF_DIAGONALS = (0.7, 4.0)  # degrees
+BLIND_WIDTHS = (2, 10)  # degrees
 # Real frames show stars beyond the end of the catalog. The sky has about this many per square
 # degree down to its end, and 0.42 more in the logarithm with each magnitude.
 CATALOG_END = 11.5
@@ -35,7 +38,7 @@ WRONG_ANGLE = 0.2  # degrees
 WRONG_SCALE = 0.005
 
 
-def frame_list(count, seed):
+def frame_list(count, seed, widths=None):
     """The frames to be rendered: every tenth at a pole, every tenth on the line of RA 0."""
     rng = random.Random(seed)
     frames = []
@@ -53,6 +56,9 @@ def frame_list(count, seed):
         half = low * (high / low) ** (i / (count - 1))
         aspect = rng.choice((4 / 3, 3 / 2, 1))
         width = 2 * half * aspect / math.hypot(aspect, 1)
+        if widths is not None:
+            width = widths[0] * (widths[1] / widths[0]) ** (i / (count - 1))
+            half = width * math.hypot(aspect, 1) / aspect / 2
         frames.append({
             "number": i, "place": place, "ra": ra, "dec": dec, "half": half,
             "width": width, "height": width / aspect,
@@ -117,8 +123,9 @@ def run_frame(frame, options, folder, random_stars=None):
     east = frame["offset"][0] * frame["width"]
     north = frame["offset"][1] * frame["height"]
     ra, dec = shifted(frame["ra"], frame["dec"], east, north)
-    solve = [options.programs / "vestrel-solve", path, *catalog, f"--ra={ra:.7f}",
-             f"--dec={dec:.7f}", f"--size={size}", f"--regions={options.regions}", "--json",
+    where = (["--blind"] if options.blind else
+             [f"--ra={ra:.7f}", f"--dec={dec:.7f}", f"--regions={options.regions}"])
+    solve = [options.programs / "vestrel-solve", path, *catalog, f"--size={size}", *where, "--json",
              "--quiet"]
     run = subprocess.run(solve, stdout=subprocess.PIPE, check=False)
     result = json.loads(run.stdout)
@@ -177,8 +184,10 @@ def print_table(frames):
     print("|---|--:|--:|--:|--:|--:|--:|--:|--:|")
     print(table_row("all", frames))
     for name, low, high in (("0.7° to 1°", 0, 1), ("1° to 1.5°", 1, 1.5), ("1.5° to 2.5°", 1.5, 2.5),
-                            ("2.5° to 4°", 2.5, 9)):
-        print(table_row(f"half-diagonal {name}", [f for f in frames if low <= f["half"] < high]))
+                            ("2.5° to 4°", 2.5, 4), ("above 4°", 4, 90)):
+        chosen = [f for f in frames if low <= f["half"] < high]
+        if chosen:
+            print(table_row(f"half-diagonal {name}", chosen))
     for bitpix, name in ((8, "8-bit"), (16, "16-bit"), (-32, "floating-point")):
         print(table_row(name, [f for f in frames if f["format"] == bitpix]))
     for mirrored, name in ((False, "not mirrored"), (True, "mirrored")):
@@ -200,6 +209,8 @@ def print_facts(frame):
     if frame["solved"]:
         print(f"  wrong in {frame['complaint']}: centre off by {frame.get('error_px', 0):.2f} px, "
               f"{result['stars_matched']} stars matched, rms {result['rms_px']:.2f} px")
+    elif result["regions_tried"] == 0:
+        print(f"  {result['message']}; {result['quads']}")
     else:
         best = result["best_attempt"]
         print(f"  {result['message']}; regions tried {result['regions_tried']}; best attempt "
@@ -216,12 +227,14 @@ def main():
     parser.add_argument("--controls", type=int, default=20)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--regions", type=int, default=REGIONS)
+    parser.add_argument("--blind", action="store_true", help="give no centre")
     parser.add_argument("--catalog-stars-only", action="store_true",
                         help="draw no stars beyond the end of the catalog")
     parser.add_argument("--keep", type=pathlib.Path, help="folder that keeps the frames")
     parser.add_argument("--facts", type=pathlib.Path, help="write all facts here, as JSON")
     options = parser.parse_args()
-    frames = frame_list(max(options.frames, 2), options.seed)
+    frames = frame_list(max(options.frames, 2), options.seed,
+                        BLIND_WIDTHS if options.blind else None)
     controls = [dict(frame) for frame in frames[:options.controls]]
     with tempfile.TemporaryDirectory() as temporary:
         folder = pathlib.Path(temporary)

@@ -25,7 +25,7 @@ void ShowCentre(ProgramState& state, Port& port, SkyPosition centre) {
 }
 
 /// Extracts the plate stars, with one smoothing when they are few.
-std::int32_t FindPlateStars(ProgramState& state, Port& port, PlateStarList& stars) {
+std::int32_t ExtractPlateStars(ProgramState& state, Port& port, PlateStarList& stars) {
     constexpr std::int32_t enoughStars = 12;
     ShowStatus(state, port, "Extracting Stars", state.Display.Status.Colour);
     const StageTimer timer(state.Report.Times.Extraction);
@@ -75,7 +75,7 @@ class RegionSearch {
         std::int32_t plateCount = state_.PlateStarCount;
         FitGeometry geometry;
         double fitError = 0;
-        AlignReport report;
+        AlignReport& report = Report;
         const bool matched = AlignImages(CatalogStars, catalogCount, state_.PlateStars, plateCount,
                                          Attempt.Pairs, Attempt.PairCount, Attempt.Transform,
                                          geometry, fitError, Attempt.MatchedCount, matchTolerance_,
@@ -87,6 +87,7 @@ class RegionSearch {
     }
 
     PlateSolution Attempt;       ///< pairs and constants of the region tried last
+    AlignReport Report;          ///< of the region tried last
     PlateStarList CatalogStars;  ///< of the region tried last
     std::int32_t CatalogCount = 0;
 
@@ -140,6 +141,21 @@ void SetZeroPoint(ProgramState& state, const PlateStarList& catalogStars) {
     state.ZeroPointValid = true;
 }
 
+/// How sure the solution is. A place is as good as another where as many stars agree as closely; as
+/// many places were tried as triangles voted, in each of the regions.
+MatchConfidence ConfidenceOfSolution(const ProgramState& state, const RegionSearch& search,
+                                     std::int32_t regions) {
+    constexpr double closest = 1;  // pixel: nearer is no better
+    const std::int32_t most = state.Parameters.MaxStars;
+    MatchEvidence evidence{search.CatalogStars, std::min(search.CatalogCount, most),
+                           state.PlateStars,    std::min(state.PlateStarCount, most),
+                           state.Image.Width,   state.Image.Height};
+    evidence.Tolerance = std::max(closest, 2.5 * state.Solution.Rms);
+    evidence.StarsFitted = 3;
+    evidence.Placements = static_cast<double>(search.Report.Voted) * regions;
+    return ConfidenceOf(state.Solution.Transform, evidence);
+}
+
 /// Everything that follows a match in the region about `tangent`, the `regions`-th one tried.
 void TakeSolution(ProgramState& state, Port& port, const RegionSearch& search, SkyPosition tangent,
                   std::int32_t regions, double& ra, double& dec) {
@@ -161,6 +177,7 @@ void TakeSolution(ProgramState& state, Port& port, const RegionSearch& search, S
     solution.ExtractedCount = state.Extraction.StarsFound;
     solution.CatalogCount = search.CatalogCount;
     solution.RegionsSearched = regions;
+    solution.Confidence = ConfidenceOfSolution(state, search, regions);
 
     ImageHeader& header = state.Image.Header;
     header.RaRef = tangent.Ra;
@@ -178,9 +195,67 @@ void TakeSolution(ProgramState& state, Port& port, const RegionSearch& search, S
     SetZeroPoint(state, search.CatalogStars);
 }
 
-std::int16_t SearchRegions(ProgramState& state, Port& port, double& ra, double& dec,
-                           double plateWidth, double plateHeight, std::int32_t regionLimit,
-                           double matchTolerance) {
+}  // namespace
+
+std::int16_t SolvePlate(ProgramState& state, Port& port, double& ra, double& dec, double plateWidth,
+                        double plateHeight, std::int32_t regionLimit, double matchTolerance) {
+    BeginSolve(state);
+    port.Yield();
+    return WithinMemory(state, port, [&] {
+        if (!FindPlateStars(state, port)) return SolveCode::TooFewStars;
+        return MatchPlateStars(state, port, ra, dec, plateWidth, plateHeight, regionLimit,
+                               matchTolerance);
+    });
+}
+
+void BeginSolve(ProgramState& state) {
+    state.StopRequested = false;
+    const double readingTime = state.Report.Times.Reading;
+    state.Report = {};
+    state.Report.Times.Reading = readingTime;
+}
+
+std::int16_t WithinMemory(ProgramState& state, Port& port,
+                          const std::function<std::int16_t()>& piece) {
+    try {
+        return piece();
+    } catch (const std::bad_alloc&) {
+        state.Display.BusyIndicator = false;
+        ShowStatus(state, port, "Out of memory", StatusColour::Red);
+        port.ShowMessage("There is not enough memory for this image.", DefaultTitle);
+        return SolveCode::TooFewStars;
+    }
+}
+
+bool FindPlateStars(ProgramState& state, Port& port) {
+    if (!state.BackgroundRemoved) {
+        const StageTimer timer(state.Report.Times.Background);
+        SubtractBackground(state, port, 30, 50.0);
+        port.ImageChanged();
+    }
+    PlateStarList stars;
+    const std::int32_t count = ExtractPlateStars(state, port, stars);
+    state.Display.Extracted = std::to_string(state.Extraction.StarsFound);
+    if (count >= fewestStars) {
+        state.PlateStars = std::move(stars);
+        state.PlateStarCount = count;
+    }
+    port.ImageChanged();
+    port.Yield();
+    if (count < fewestStars) ShowTooFewStars(state, port, count);
+    return count >= fewestStars;
+}
+
+std::int16_t MatchPlateStars(ProgramState& state, Port& port, double& ra, double& dec,
+                             double plateWidth, double plateHeight, std::int32_t regionLimit,
+                             double matchTolerance) {
+    state.Display.BusyIndicator = true;
+    state.Display.Status1 = {"", StatusColour::Black, false};
+    state.Display.CentreCaption = "Search Center";
+    state.Display.SyncEnabled = false;
+    ShowStatus(state, port, "Attempting Match");
+    port.Yield();
+
     const SkyPosition start{ra, dec};
     RegionSearch search(state, port, plateWidth, plateHeight, matchTolerance);
     SkyPosition centre = start;
@@ -220,51 +295,6 @@ std::int16_t SearchRegions(ProgramState& state, Port& port, double& ra, double& 
     return SolveCode::NoMatch;
 }
 
-}  // namespace
-
-std::int16_t SolvePlate(ProgramState& state, Port& port, double& ra, double& dec, double plateWidth,
-                        double plateHeight, std::int32_t regionLimit, double matchTolerance) {
-    state.StopRequested = false;
-    const double readingTime = state.Report.Times.Reading;
-    state.Report = {};
-    state.Report.Times.Reading = readingTime;
-    port.Yield();
-    try {
-        if (!state.BackgroundRemoved) {
-            const StageTimer timer(state.Report.Times.Background);
-            SubtractBackground(state, port, 30, 50.0);
-            port.ImageChanged();
-        }
-        PlateStarList stars;
-        const std::int32_t count = FindPlateStars(state, port, stars);
-        state.Display.Extracted = std::to_string(state.Extraction.StarsFound);
-        if (count >= fewestStars) {
-            state.PlateStars = std::move(stars);
-            state.PlateStarCount = count;
-        }
-        port.ImageChanged();
-        port.Yield();
-        if (count < fewestStars) {
-            ShowTooFewStars(state, port, count);
-            return SolveCode::TooFewStars;
-        }
-
-        state.Display.BusyIndicator = true;
-        state.Display.Status1 = {"", StatusColour::Black, false};
-        state.Display.CentreCaption = "Search Center";
-        state.Display.SyncEnabled = false;
-        ShowStatus(state, port, "Attempting Match");
-        port.Yield();
-        return SearchRegions(state, port, ra, dec, plateWidth, plateHeight, regionLimit,
-                             matchTolerance);
-    } catch (const std::bad_alloc&) {
-        state.Display.BusyIndicator = false;
-        ShowStatus(state, port, "Out of memory", StatusColour::Red);
-        port.ShowMessage("There is not enough memory for this image.", DefaultTitle);
-        return SolveCode::TooFewStars;
-    }
-}
-
 void NextSpiralCell(std::int16_t& i, std::int16_t& j, std::int16_t& ring) {
     if (j == -ring && i > -ring) {
         --i;
@@ -278,6 +308,32 @@ void NextSpiralCell(std::int16_t& i, std::int16_t& j, std::int16_t& ring) {
         ++ring;
         i = ring;
     }
+}
+
+void ShowPlateGeometry(ProgramState& state, const FitGeometry& geometry, double rms,
+                       std::int32_t matched) {
+    double width = state.Image.Width / geometry.Scale;
+    double height = state.Image.Height / geometry.Scale;
+    const char* unit = "\"";
+    for (const char* larger : {"'", DegreeSign}) {
+        if (std::min(width, height) < 60) break;
+        width /= 60;
+        height /= 60;
+        unit = larger;
+    }
+    double degrees = geometry.Angle * 57.29577950560105;
+    if (degrees < 0) degrees += 360;
+    if (degrees > 360) degrees -= 360;
+    state.Geometry = {1 / geometry.Scale, degrees, geometry.Stretch, geometry.Skew};
+
+    SolveDisplay& display = state.Display;
+    display.PlateSize = RoundedText(width, 2) + unit + " X " + RoundedText(height, 2) + unit;
+    display.Matched = std::to_string(matched);
+    display.RmsDifference = RoundedText(rms / geometry.Scale, 3) + "\"";
+    display.Scale = RoundedText(1 / geometry.Scale, 4) + "\"";
+    display.Stretch = RoundedText(-geometry.Stretch, 3);
+    display.Skew = RoundedText(geometry.Skew, 3);
+    display.Angle = RoundedText(degrees, 2) + DegreeSign;
 }
 
 void FinishPlateSolution(ProgramState& state, Port& port, const PlateStarList& catalogStars,
@@ -295,32 +351,10 @@ void FinishPlateSolution(ProgramState& state, Port& port, const PlateStarList& c
         static_cast<std::int32_t>(std::count_if(solution.Pairs.begin() + 1, solution.Pairs.end(),
                                                 [](const StarMatch& pair) { return pair.InUse; }));
 
-    double width = state.Image.Width / solution.Scale;
-    double height = state.Image.Height / solution.Scale;
     ImageHeader& header = state.Image.Header;
-    header.ImageSizeX = solution.WidthArcmin = width / 60;
-    header.ImageSizeY = solution.HeightArcmin = height / 60;
-
-    const char* unit = "\"";
-    for (const char* larger : {"'", DegreeSign}) {
-        if (std::min(width, height) < 60) break;
-        width /= 60;
-        height /= 60;
-        unit = larger;
-    }
-    double degrees = solution.Angle * 57.29577950560105;
-    if (degrees < 0) degrees += 360;
-    if (degrees > 360) degrees -= 360;
-    state.Geometry = {1 / solution.Scale, degrees, solution.Stretch, solution.Skew};
-
-    SolveDisplay& display = state.Display;
-    display.PlateSize = RoundedText(width, 2) + unit + " X " + RoundedText(height, 2) + unit;
-    display.Matched = std::to_string(solution.MatchedCount);
-    display.RmsDifference = RoundedText(solution.Rms / solution.Scale, 3) + "\"";
-    display.Scale = RoundedText(1 / solution.Scale, 4) + "\"";
-    display.Stretch = RoundedText(-solution.Stretch, 3);
-    display.Skew = RoundedText(solution.Skew, 3);
-    display.Angle = RoundedText(degrees, 2) + DegreeSign;
+    header.ImageSizeX = solution.WidthArcmin = state.Image.Width / solution.Scale / 60;
+    header.ImageSizeY = solution.HeightArcmin = state.Image.Height / solution.Scale / 60;
+    ShowPlateGeometry(state, geometry, solution.Rms, solution.MatchedCount);
     port.DisplayChanged();
 
     const PlateConstants& transform = solution.Transform;

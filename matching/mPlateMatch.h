@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "app/mGeneral.h"
 
@@ -31,6 +32,29 @@ inline constexpr std::int16_t NoImage = -10;  ///< the image file could not be o
 ///         or Stopped
 std::int16_t SolvePlate(ProgramState& state, Port& port, double& ra, double& dec, double plateWidth,
                         double plateHeight, std::int32_t regionLimit, double matchTolerance);
+
+// The solve in pieces, for other ways to find the starting centre.
+
+/// Forgets the last solve's report and a stop that was asked for.
+void BeginSolve(ProgramState& state);
+
+/// Runs a piece of a solve. When memory runs out, says so and returns `TooFewStars`.
+std::int16_t WithinMemory(ProgramState& state, Port& port,
+                          const std::function<std::int16_t()>& piece);
+
+/// Removes the background and extracts the plate stars, as `SolvePlate` does. False, and shown,
+/// when there are fewer than 6: the stars found before then stay.
+bool FindPlateStars(ProgramState& state, Port& port);
+
+/// The search of `SolvePlate` over regions, with the plate stars that are there. Same parameters.
+std::int16_t MatchPlateStars(ProgramState& state, Port& port, double& ra, double& dec,
+                             double plateWidth, double plateHeight, std::int32_t regionLimit,
+                             double matchTolerance);
+
+/// Puts the geometry of a plate into the texts and numbers of the solve window.
+/// @param rms of the fit, pixels
+void ShowPlateGeometry(ProgramState& state, const FitGeometry& geometry, double rms,
+                       std::int32_t matched);
 
 /// Advances a square spiral by one cell: along the border of the square of half-width `ring`, then
 /// outward. From (0, 0, 0): (1, 0), (1, −1), (0, −1), (−1, −1), (−1, 0), (−1, 1), (0, 1), …

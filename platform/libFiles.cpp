@@ -66,6 +66,14 @@ std::int64_t FileLength(std::FILE* file) {
     return length;
 }
 
+bool SeekFile(std::FILE* file, std::uint64_t position) {
+#ifdef _WIN32
+    return _fseeki64(file, static_cast<std::int64_t>(position), SEEK_SET) == 0;
+#else
+    return fseeko(file, static_cast<off_t>(position), SEEK_SET) == 0;
+#endif
+}
+
 bool ReadWholeFile(const fs::path& path, std::size_t limit, std::vector<unsigned char>& bytes) {
     const FileHandle file = OpenFile(path, "rb");
     if (!file) return false;
@@ -94,11 +102,7 @@ bool AppendRest(std::FILE* file, const fs::path& path, std::size_t start) {
     if (!old) return false;
     const std::int64_t length = FileLength(old.get());
     if (length <= static_cast<std::int64_t>(start)) return length >= 0;
-#ifdef _WIN32
-    if (_fseeki64(old.get(), static_cast<std::int64_t>(start), SEEK_SET) != 0) return false;
-#else
-    if (fseeko(old.get(), static_cast<off_t>(start), SEEK_SET) != 0) return false;
-#endif
+    if (!SeekFile(old.get(), start)) return false;
     std::vector<unsigned char> chunk(std::size_t{1} << 16);
     while (const std::size_t read = std::fread(chunk.data(), 1, chunk.size(), old.get())) {
         if (!WriteBytes(file, std::span(chunk).first(read))) return false;
@@ -157,41 +161,65 @@ bool MayWrite(const fs::path& path) {
 #endif
 }
 
-std::error_code Replace(const fs::path& named, std::span<const unsigned char> bytes,
-                        bool keepRest) {
-    std::error_code error;
-    // A link keeps pointing at its file, which gets the new content.
-    fs::path path = fs::weakly_canonical(named, error);
-    if (error || path.empty()) path = named;
-    // A rename would put a file in the place of a device, and of one that is write-protected.
-    const fs::file_status there = fs::status(path, error);
-    if (fs::exists(there)) {
-        if (fs::is_directory(there)) return std::make_error_code(std::errc::is_a_directory);
-        if (!fs::is_regular_file(there)) return std::make_error_code(std::errc::not_supported);
-        if (!MayWrite(path)) return std::make_error_code(std::errc::permission_denied);
-    }
+[[noreturn]] void Fail(const fs::path& path, std::error_code error) {
+    throw std::system_error(error, "Cannot write " + TextFromPath(path));
+}
+
+void Replace(const fs::path& path, std::span<const unsigned char> bytes, bool keepRest) {
+    NewFile file(path);
     errno = 0;
-    fs::path temporary;
-    FileHandle file = CreateTemporary(path, temporary);
-    if (!file) return LastError();
-    error.clear();
-    if (fs::exists(there)) fs::permissions(temporary, there.permissions(), error);
-    error.clear();  // a file system without permissions has none to keep
-    bool good = WriteBytes(file.get(), bytes) &&
-                (!keepRest || AppendRest(file.get(), path, bytes.size())) &&
-                FlushToDisk(file.get());
-    if (!good) error = LastError();
-    if (std::fclose(file.release()) != 0 && good) error = LastError();
-    if (!error) RenameOver(temporary, path, error);
-    std::error_code ignored;
-    if (error) fs::remove(temporary, ignored);
-    return error;
+    if (!WriteBytes(file.Stream(), bytes) ||
+        (keepRest && !AppendRest(file.Stream(), file.Path(), bytes.size()))) {
+        Fail(path, LastError());
+    }
+    file.Commit();
 }
 
 }  // namespace
 
+NewFile::NewFile(const fs::path& path) {
+    std::error_code error;
+    path_ = fs::weakly_canonical(path, error);
+    if (error || path_.empty()) path_ = path;
+    // A rename would put a file in the place of a device, and of one that is write-protected.
+    const fs::file_status there = fs::status(path_, error);
+    if (fs::exists(there)) {
+        if (fs::is_directory(there)) Fail(path, std::make_error_code(std::errc::is_a_directory));
+        if (!fs::is_regular_file(there)) {
+            Fail(path, std::make_error_code(std::errc::not_supported));
+        }
+        if (!MayWrite(path_)) Fail(path, std::make_error_code(std::errc::permission_denied));
+    }
+    errno = 0;
+    file_ = CreateTemporary(path_, temporary_);
+    if (!file_) Fail(path, LastError());
+    // A file system without permissions has none to keep.
+    if (fs::exists(there)) fs::permissions(temporary_, there.permissions(), error);
+}
+
+NewFile::~NewFile() {
+    file_.reset();
+    std::error_code ignored;
+    if (!temporary_.empty()) fs::remove(temporary_, ignored);
+}
+
+void NewFile::Commit() {
+    errno = 0;
+    if (!FlushToDisk(file_.get())) Fail(path_, LastError());
+    if (std::fclose(file_.release()) != 0) Fail(path_, LastError());
+    std::error_code error;
+    RenameOver(temporary_, path_, error);
+    if (error) Fail(path_, error);
+    temporary_.clear();
+}
+
 bool ReplaceFile(const fs::path& path, std::span<const unsigned char> bytes) {
-    return !Replace(path, bytes, false);
+    try {
+        Replace(path, bytes, false);
+        return true;
+    } catch (const std::system_error&) {
+        return false;
+    }
 }
 
 bool ReplaceFile(const fs::path& path, std::string_view text) {
@@ -200,8 +228,7 @@ bool ReplaceFile(const fs::path& path, std::string_view text) {
 }
 
 void ReplaceFileStart(const fs::path& path, std::span<const unsigned char> bytes) {
-    const std::error_code error = Replace(path, bytes, true);
-    if (error) throw std::system_error(error, "Cannot write " + TextFromPath(path));
+    Replace(path, bytes, true);
 }
 
 }  // namespace vestrel

@@ -26,14 +26,39 @@ FileHandle OpenFile(const std::filesystem::path& path, const char* mode);
 /// file has no length (a pipe).
 std::int64_t FileLength(std::FILE* file);
 
+/// Moves the position of an open file to a byte counted from its start.
+bool SeekFile(std::FILE* file, std::uint64_t position);
+
 /// Reads a whole file of at most `limit` bytes. False when it cannot be read or is longer.
 bool ReadWholeFile(const std::filesystem::path& path, std::size_t limit,
                    std::vector<unsigned char>& bytes);
 
-/// Replaces a file by `bytes`, whole or not at all: they go to a temporary in the same folder,
-/// which takes the file's place, and its permissions, in one step. Follows a link to its file.
-/// False leaves an older file as it was, and so a write-protected one and anything that is not a
-/// file.
+/// A file that is written piece by piece and takes its place whole or not at all: it grows as a
+/// temporary in the same folder, which `Commit` renames. A file that is replaced hands on its
+/// permissions, and a link keeps pointing at its file. Write-protected files and anything that is
+/// not a file are refused.
+class NewFile {
+ public:
+    /// @throws std::system_error with the system's reason
+    explicit NewFile(const std::filesystem::path& path);
+    ~NewFile();
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    std::FILE* Stream() const { return file_.get(); }
+    /// The file that is to be replaced.
+    const std::filesystem::path& Path() const { return path_; }
+    /// Brings everything to the disk and puts the file in its place.
+    /// @throws std::system_error, after which an older file is as it was
+    void Commit();
+
+ private:
+    std::filesystem::path path_;
+    std::filesystem::path temporary_;
+    FileHandle file_;
+};
+
+/// Replaces a file by `bytes` as a `NewFile` does. False leaves an older file as it was.
 bool ReplaceFile(const std::filesystem::path& path, std::span<const unsigned char> bytes);
 bool ReplaceFile(const std::filesystem::path& path, std::string_view text);
 

@@ -13,11 +13,15 @@
 #include "app/mCommandLine.h"
 #include "app/mSolveReport.h"
 #include "astro/libStrings.h"
+#include "image/mImageData.h"
+#include "matching/libQuadFile.h"
+#include "matching/mBlindSolve.h"
 #include "matching/mPlateMatch.h"
 #include "platform/libPlatform.h"
 #include "tests/testSupport.h"
 #include "tools/libFrameFile.h"
 #include "tools/libFrameRenderer.h"
+#include "tools/libQuadBuilder.h"
 
 namespace vestrel {
 namespace {
@@ -167,6 +171,43 @@ TEST_F(ClosedLoop, FramesWithoutASolutionGetNone) {
     }
     EXPECT_EQ(Solve(geometry, ExposureFor(16), few, 16).Result.Code, SolveCode::TooFewStars);
     EXPECT_EQ(Port.Statuses.back(), "Extracted 5 Stars");
+}
+
+TEST_F(ClosedLoop, FramesAreSolvedWithoutACentreAndStrangersAreNot) {
+    const double diagonal = std::hypot(fieldWidth, fieldHeight);
+    const QuadPlan plan{
+        0.95 * diagonal / degree, 1.05 * diagonal / degree, 8, 25, true, 2, 1, 0, 0};
+    QuadFileWriter writer(Catalog / QuadFileName, 1);
+    writer.Add(0.9 * diagonal, 1.1 * diagonal, BuildQuadTables(MakeQuadSky(CatalogStars), plan));
+    writer.Commit();
+    const auto solve = [&](const FrameGeometry& geometry, const std::vector<FrameStar>& stars) {
+        const auto bytes = FrameFileBytes(RenderFrame(geometry, ExposureFor(16), stars), 16, {});
+        const auto path = Frames / "blind.fit";
+        WriteFile(path, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+        EXPECT_TRUE(OpenImage(State, Port, TextFromPath(path)));
+        double ra = 0;
+        double dec = 0;
+        return SolveBlind(State, Port, ra, dec, fieldWidth, fieldHeight, State.Parameters.MaxError,
+                          false);
+    };
+    for (const SkyPlace place : {acrossZero, northPole, southPole, ordinary}) {
+        const FrameGeometry geometry = FrameAt(place, 3 * place.Ra, place.Dec < 0);
+        ASSERT_EQ(solve(geometry, CatalogFrameStars(Catalog.Path, geometry, FaintestDrawn())),
+                  SolveCode::Solved)
+            << place.Ra;
+        const auto centre = SkyToFrame(geometry, State.Solution.CentreRA, State.Solution.CentreDec);
+        ASSERT_TRUE(centre);
+        EXPECT_NEAR(centre->X, (frameWidth - 1) / 2.0, 0.1);
+        EXPECT_NEAR(centre->Y, (frameHeight - 1) / 2.0, 0.1);
+        EXPECT_LT(State.QuadMatch.Confidence.Log10FalseAlarm, SureLog10FalseAlarm);
+        EXPECT_LT(State.Solution.Confidence.Log10FalseAlarm, -15);
+        EXPECT_TRUE(State.Image.Header.PlateMatched);
+    }
+    const FrameGeometry geometry = FrameAt(ordinary);
+    EXPECT_EQ(solve(geometry, RandomFrameStars(geometry, 120, 6, FaintestDrawn(), 77)),
+              SolveCode::NoMatch);
+    EXPECT_FALSE(State.Image.Header.PlateMatched);
+    EXPECT_GT(State.QuadMatch.Candidates, 0);
 }
 
 TEST_F(ClosedLoop, NoNumberOfTheCallerOrTheSettingsIsTooStrange) {

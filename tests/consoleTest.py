@@ -109,6 +109,8 @@ class Contract(Solver):
             (NO_IMAGE, [self.folder / "absent.fit", *search], "Unable to read the image file."),
             (NO_CATALOG, [frame, *search, "--catalog", self.folder / "nowhere"], "does not exist"),
             (NO_CATALOG, [frame, *search, "--catalog", empty], "holds no stars"),
+            (NO_CATALOG, [frame, "--blind", "--catalog", empty], "vestrel-catalog quads"),
+            (NO_CATALOG, [frame, "--blind", *search, "--catalog", empty], "no quad tables"),
         ]
         for code, arguments, words in cases:
             with self.subTest(arguments=[str(a)[-40:] for a in arguments]):
@@ -473,12 +475,34 @@ class RealPictures(Solver):
                               "--regions", row["regions"], "--catalog", CATALOG, "--json")
         return json.loads(run.stdout)
 
+    def test_wide_ones_are_solved_without_a_centre(self):
+        if not (CATALOG / "quads.tables").exists():
+            self.skipTest(f"no quad tables in {CATALOG}; vestrel-catalog quads makes them")
+        solved = 0
+        wide = [row for row in self.rows
+                if row["expect"] == "solved" and float(row["width_arcmin"]) >= 60]
+        for row in wide:
+            with self.subTest(row["file"]):
+                run = self.run_solver(PICTURES / row["file"], "--blind", "--catalog", CATALOG,
+                                      f"--size={row['width_arcmin']}x{row['height_arcmin']}", "--json")
+                report = json.loads(run.stdout)
+                if not report["solved"]:
+                    continue
+                solved += 1
+                self.judge(report, row)
+                self.assertLess(report["quads"]["confidence"]["log10_false_alarm"], -6)
+                self.assertLess(report["confidence"]["log10_false_alarm"], -6)
+        self.assertGreaterEqual(solved, 0.8 * len(wide))
+
     def check(self, image, row, mirrored=None):
         report = self.solve(image, row)
         if row["expect"] != "solved":
             self.assertFalse(report["solved"])
             return
         self.assertTrue(report["solved"])
+        self.judge(report, row, mirrored)
+
+    def judge(self, report, row, mirrored=None):
         ra, dec, scale = (float(row[k]) for k in ("ra_deg", "dec_deg", "scale_arcsec_px"))
         off = math.hypot((report["ra_deg"] - ra) * math.cos(math.radians(dec)),
                          report["dec_deg"] - dec) * 3600 / scale

@@ -5,15 +5,21 @@
 #include <cmath>
 #include <cstdlib>
 #include <functional>
+#include <utility>
 
 #include "app/desktopOptions.h"
+#include "app/mSolveReport.h"
 #include "app/mSolveWindow.h"
+#include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "image/mImageData.h"
 #include "platform/libPlatform.h"
 #include "settings/mParameterTexts.h"
 #include "settings/mRecentImages.h"
+#include "tests/skySupport.h"
 #include "tests/testSupport.h"
+#include "viewer/mImageView.h"
+#include "viewer/mStarStatistics.h"
 
 namespace vestrel {
 namespace {
@@ -45,16 +51,16 @@ class SolveWindowLogic : public testing::Test {
     }
     /// Opens an image of grains that pass for stars, as there is no catalog to match them with.
     void OpenGrains() {
-        constexpr int side = 120;
-        std::vector<double> pixels(side * side);
+        constexpr int width = 120;
+        std::vector<double> pixels(width * width);
         Random random(3);
         for (double& pixel : pixels) pixel = 100 + random.Normal(2);
         for (int star = 0; star < 20; ++star) {
-            const int at = random.Whole(10, side - 11) * side + random.Whole(10, side - 11);
-            for (const int near : {0, 1, -1, side, -side}) pixels[at + near] = 2000 + 50 * star;
+            const int at = random.Whole(10, width - 11) * width + random.Whole(10, width - 11);
+            for (const int near : {0, 1, -1, width, -width}) pixels[at + near] = 2000 + 50 * star;
         }
         WriteFile(Folder / "grains.fit",
-                  FitsHeader(FitsCards(16, side, side)) + FitsPixels(16, pixels));
+                  FitsHeader(FitsCards(16, width, width)) + FitsPixels(16, pixels));
         OpenImageCommand(State, Port, (Folder / "grains.fit").string());
         ASSERT_TRUE(State.ImageLoaded);
         Port.Statuses.clear();
@@ -151,6 +157,7 @@ TEST_F(SolveWindowLogic, NothingElseStartsWhileSomethingRuns) {
         EXPECT_FALSE(CommandsFor(State).Start || CommandsFor(State).Save);
         EXPECT_TRUE(CommandsFor(State).Stop);
         PlateMatchCommand(State, Port);
+        MoraCommand(State, Port);
         OpenImageCommand(State, Port);
         OpenImageCommand(State, Port, *Port.Answer);
         SaveImageCommand(State, Port);
@@ -179,6 +186,73 @@ TEST_F(SolveWindowLogic, NothingElseStartsWhileSomethingRuns) {
     EXPECT_FALSE(closedAtOnce);
     EXPECT_TRUE(RequestClose(State));
     EXPECT_TRUE(CommandsFor(State).Start);
+}
+
+TEST_F(SolveWindowLogic, MoraStartsPlateMatchWhenItIsSureAndLeavesNoSolution) {
+    const std::string frame = (Folder / "frame.fit").string();
+    const std::vector<CatalogStar> stars = MakeSky(State.Catalog.Folder, frame);
+    OpenImageCommand(State, Port, frame);
+    State.Inputs = {"10", "10", "arcminutes", "2", "00 04 30", "00 34 00"};
+    PlateMatchCommand(State, Port);
+    ASSERT_EQ(State.Display.Status.Text, "Plate Match Found");
+    const auto details = [this](const char* text) {
+        return State.Display.Details.find(text) != std::string::npos;
+    };
+
+    // A search that cannot begin takes nothing away.
+    const double threshold = std::exchange(State.Parameters.DetectionThreshold, 1e6);
+    MoraCommand(State, Port);
+    EXPECT_EQ(State.Display.Status1.Text, "Insufficient Plate Stars");
+    EXPECT_TRUE(CommandsFor(State).WriteWorldCoordinates && State.Display.SyncEnabled);
+    State.Parameters.DetectionThreshold = threshold;
+
+    State.Inputs.Ra = "12 00 00";
+    State.Inputs.Dec = "-60 00 00";
+    const SolveInputs elsewhere = State.Inputs;
+    const auto expectNoSolution = [&] {
+        EXPECT_FALSE(CommandsFor(State).WriteWorldCoordinates);
+        EXPECT_FALSE(State.Display.SyncEnabled || State.Display.SolutionOverlays);
+        const Overlays overlays = OverlaysOf(State);
+        EXPECT_EQ(overlays.Extracted.size(), static_cast<std::size_t>(State.PlateStarCount));
+        EXPECT_TRUE(overlays.Catalog.empty() && overlays.Matched.empty());
+        const StarReport report = MeasureStarAt(State, overlays.Extracted[0].Place);
+        EXPECT_FALSE(report.Sky || report.Nearest || report.Calibration);
+    };
+    MoraCommand(State, Port);
+    EXPECT_EQ(State.Display.Status.Text, "No Match Found");
+    EXPECT_TRUE(details("there are no quad tables") && details("Try: Plate Match"));
+    expectNoSolution();
+
+    WriteQuadTables(State.Catalog.Folder, stars, 5);
+    MoraCommand(State, Port);
+    EXPECT_EQ(State.QuadMatch.PairCount, 5);
+    EXPECT_TRUE(details("Doubtful          5 pairs can be chance"));
+    EXPECT_EQ(State.Inputs.Ra + State.Inputs.Dec, elsewhere.Ra + elsewhere.Dec);
+    expectNoSolution();
+
+    WriteQuadTables(State.Catalog.Folder, stars, stars.size());
+    const int imageChanges = Port.ImageChanges;
+    MoraCommand(State, Port);
+    EXPECT_TRUE(details("Certainty") && !details("Doubtful"));
+    EXPECT_EQ(State.Display.CentreCaption, "J2000 Image Center");
+    EXPECT_GT(Port.ImageChanges, imageChanges);
+    EXPECT_NEAR(ParseRA(State.Inputs.Ra), centre.Ra, 1e-5);
+    EXPECT_NEAR(ParseDec(State.Inputs.Dec), centre.Dec, 1e-5);
+    expectNoSolution();
+    PlateMatchCommand(State, Port);
+    EXPECT_EQ(State.Display.Status1.Text, "Searched 1 region");
+    EXPECT_NEAR(State.SolvedCentre.Ra, centre.Ra, 2e-6);
+    EXPECT_TRUE(details("Certainty"));
+    EXPECT_EQ(Port.Messages, Texts{});
+}
+
+TEST(ConfidenceText, PromisesNoMoreThanTheNumbers) {
+    EXPECT_EQ(ConfidenceText({17, 24, 0.61, -12.3}),
+              "17 of 24 catalog stars in the frame matched, 0.6 expected by chance; false alarm "
+              "below 1e-12");
+    EXPECT_EQ(ConfidenceText({1, 1, 0.04, -0.4}),
+              "1 of 1 catalog star in the frame matched, 0.0 expected by chance; false "
+              "alarm 0.398");
 }
 
 TEST_F(SolveWindowLogic, TheCountdownEndsAtZeroAndCanBeHeld) {

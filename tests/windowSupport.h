@@ -14,19 +14,14 @@
 #include <memory>
 
 #include "app/fKELInfo.h"
+#include "tests/skySupport.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {
 
 using Texts = std::vector<std::string>;
 
-inline constexpr int side = 300;              // of the frame, pixels
-inline constexpr double scale = 2;            // arcseconds a pixel
-inline const SkyPosition centre{0.02, 0.01};  // radians
 inline const std::string errorTitle = "Vestrel 1.13 Error: ";
-
-/// A field of stars as a catalog and as a frame, the frame's row 0 to the south.
-void MakeSky(const std::filesystem::path& catalog, const std::filesystem::path& frame);
 
 /// Answers every dialog and remembers what it said.
 class DialogReader {
@@ -70,7 +65,7 @@ class Windows : public testing::Test {
         setenv("VESTREL_SETTINGS", (Folder / "Vestrel.ini").c_str(), 1);
         setenv("XDG_STATE_HOME", Folder.Path.c_str(), 1);
         Frame = (Folder / "frame.fit").string();
-        MakeSky(Folder / "catalog", Frame);
+        Stars = MakeSky(Folder / "catalog", Frame);
         Open();
     }
     /// Starts the program anew.
@@ -128,6 +123,7 @@ class Windows : public testing::Test {
 
     TemporaryFolder Folder;
     std::string Frame;
+    std::vector<CatalogStar> Stars;  ///< of the sky, brightest first
     std::unique_ptr<ProgramState> State;
     std::unique_ptr<SolveWindow> Window;
     DialogReader Dialogs;

@@ -27,6 +27,7 @@
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "catalog/libCatalogCells.h"
+#include "matching/libQuadFile.h"
 #include "matching/mPlateMatch.h"
 #include "settings/mParameterTexts.h"
 #include "tests/recordingTelescope.h"
@@ -132,6 +133,57 @@ TEST_F(Windows, StopAndCloseEndASearchBetweenTwoRegions) {
     EXPECT_TRUE(openAfterClose);
     EXPECT_FALSE(Window->isVisible());
     EXPECT_LE(State->Report.RegionsTried, atStop + 1);
+}
+
+TEST_F(Windows, MoraIsThereWithItsTablesAndTellsWhatItDoes) {
+    const QPushButton* mora = Find<QPushButton>("cmdMORA");
+    const QAction* entry = Find<QAction>("mnuMORA");
+    EXPECT_TRUE(mora->isHidden() && !entry->isVisible());
+    WriteQuadTables(Folder / "catalog", Stars, Stars.size());
+    Window->OpenFile(Frame);
+    EXPECT_TRUE(mora->isVisible() && mora->isEnabled() && entry->isVisible());
+
+    TypeSearch("60 00 00");
+    int early = 0;  // lines that were there before the last ones
+    bool startable = false;
+    QTimer watch;
+    QObject::connect(&watch, &QTimer::timeout, [&] {
+        const QWidget* window = WindowNamed("fMORA");
+        if (window == nullptr || State->Running == Activity::None) return;
+        const auto* list = window->findChild<QPlainTextEdit*>("ListMORA");
+        early = list->toPlainText().isEmpty() ? early : list->document()->blockCount();
+        startable = startable || mora->isEnabled();
+    });
+    watch.start(0);
+    const auto said = [this] {
+        std::string lines;
+        for (const std::string& line : State->QuadMatch.Messages) lines += line + "\n";
+        return lines.substr(0, lines.size() - 1);
+    };
+    for (int search = 0; search < 2; ++search) {
+        Press("cmdMORA");
+        QWidget* window = WindowNamed("fMORA");
+        ASSERT_NE(window, nullptr);
+        const auto* list = window->findChild<QPlainTextEdit*>("ListMORA");
+        EXPECT_EQ(Utf8(list->toPlainText()), said());
+        EXPECT_TRUE(list->toPlainText().endsWith("MORA match successful"));
+        QTest::mouseClick(window->findChild<QPushButton*>("cmdCopy"), Qt::LeftButton);
+        EXPECT_EQ(Utf8(QApplication::clipboard()->text()), said());
+        if (search == 0) window->close();
+    }
+    EXPECT_GT(early, 3);
+    EXPECT_LT(early, static_cast<int>(State->QuadMatch.Messages.size()));
+    EXPECT_FALSE(startable);
+    EXPECT_EQ(Shown("lblStatus1").substr(0, 9), "Searched ");
+    EXPECT_NEAR(ParseDec(Utf8(Find<QLineEdit>("txtDec")->text())), centre.Dec, 1e-5);
+    Press("cmdMatch");
+    EXPECT_EQ(Shown("lblStatus"), "Plate Match Found");
+
+    std::filesystem::remove(Folder / "catalog" / QuadFileName);
+    WindowNamed("fMORA")->activateWindow();
+    EXPECT_TRUE(QTest::qWaitForWindowActive(WindowNamed("fMORA")));
+    Window->activateWindow();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return mora->isHidden(); }));
 }
 
 TEST_F(Windows, AnUnattendedRunLeavesItsFileAndCloses) {

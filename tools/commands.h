@@ -11,6 +11,7 @@ namespace vestrel {
 // done while the command line is parsed, and `exitCode` set; it throws a `ToolFailure` otherwise.
 void AddBuildCommand(CLI::App& program, int& exitCode);
 void AddInfoCommand(CLI::App& program, int& exitCode);
+void AddQuadsCommand(CLI::App& program, int& exitCode);
 void AddRenderCommand(CLI::App& program, int& exitCode);
 void AddVerifyCommand(CLI::App& program, int& exitCode);
 

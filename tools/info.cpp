@@ -5,7 +5,9 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "matching/libQuadFile.h"
 #include "platform/libPlatform.h"
 #include "tools/commands.h"
 #include "tools/libCatalogSurvey.h"
@@ -23,7 +25,9 @@ struct CatalogFacts {
     CatalogManifest Manifest;
     CatalogSurvey Survey;
     std::vector<MagnitudeCounts::Step> Steps;
-    double FaintLimit = 0;  ///< magnitudes: where the counts stop growing
+    double FaintLimit = 0;        ///< magnitudes: where the counts stop growing
+    std::vector<QuadBand> Bands;  ///< of the quad tables; none when there are no tables
+    std::string QuadFault;        ///< why they cannot be used
 };
 
 CatalogFacts GatherFacts(const std::filesystem::path& folder) {
@@ -39,7 +43,19 @@ CatalogFacts GatherFacts(const std::filesystem::path& folder) {
                          [](const auto& a, const auto& b) { return a.Stars < b.Stars; });
     // There are ever more stars the fainter they are; a survey that stops growing misses some.
     if (peak != facts.Steps.end()) facts.FaintLimit = peak->From + 0.5;
+    const FileHandle quads = OpenQuadFile(folder / QuadFileName);
+    if (quads) ReadQuadBands(quads.get(), facts.Bands, facts.QuadFault);
     return facts;
+}
+
+std::uint64_t QuadCount(const CatalogFacts& facts) {
+    std::uint64_t quads = 0;
+    for (const QuadBand& band : facts.Bands) quads += band.QuadCount;
+    return quads;
+}
+
+std::string DegreesText(double radians) {
+    return RoundedText(radians * 180 / Pi, 2);
 }
 
 /// Cells without stars, runs along right ascension drawn together: "N35R00", "S10R03-R07".
@@ -93,7 +109,15 @@ void PrintJson(const CatalogFacts& facts) {
                      {"gaps", Gaps(survey)},
                      {"magnitudes", json::array()},
                      {"brightGapFilled", facts.Manifest.BrightGapFilled},
+                     {"quadTables", json::array()},
+                     {"quadTablesFault", facts.QuadFault},
                      {"faults", survey.FaultCount}};
+    for (const QuadBand& band : facts.Bands) {
+        document["quadTables"].push_back({{"fromDegrees", band.SmallestDiagonal * 180 / Pi},
+                                          {"toDegrees", band.LargestDiagonal * 180 / Pi},
+                                          {"quads", band.QuadCount},
+                                          {"stars", band.StarCount}});
+    }
     for (const auto& step : facts.Steps) {
         document["magnitudes"].push_back(
             {{"from", step.From}, {"stars", step.Stars}, {"total", step.Total}});
@@ -145,6 +169,16 @@ void PrintText(const CatalogFacts& facts) {
                 survey.CellsWithStars, survey.EmptyCells.size(), survey.MissingCells.size(),
                 AllCells().size());
     std::printf("Coverage:   %s %% of the sky\n", RoundedText(100 * survey.Coverage, 2).c_str());
+    if (facts.Bands.empty()) {
+        const std::string what =
+            facts.QuadFault.empty() ? "none" : std::string(QuadFileName) + " " + facts.QuadFault;
+        std::printf("Quads:      %s; \"vestrel-catalog quads\" makes them\n", what.c_str());
+    } else {
+        std::printf("Quads:      %s, for fields of %s to %s degrees across\n",
+                    GroupedText(QuadCount(facts)).c_str(),
+                    DegreesText(facts.Bands.front().SmallestDiagonal).c_str(),
+                    DegreesText(facts.Bands.back().LargestDiagonal).c_str());
+    }
     const std::vector<std::string> gaps = Gaps(survey);
     if (!gaps.empty()) {
         constexpr std::size_t shown = 10;

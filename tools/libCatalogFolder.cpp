@@ -20,6 +20,7 @@
 #endif
 
 #include "catalog/libCatalogCells.h"
+#include "matching/libQuadFile.h"
 #include "platform/libPlatform.h"
 #include "tools/libCatalogManifest.h"
 #include "tools/libToolReport.h"
@@ -100,11 +101,12 @@ bool IsMountPoint(const fs::path& folder) {
 /// Whether an entry of a catalog folder is one that builds and solvers make.
 bool IsCatalogEntry(const fs::directory_entry& entry) {
     const std::string name = TextFromPath(entry.path().filename());
-    const bool unfinishedManifest =
-        name.starts_with(std::string(ManifestName) + ".") && name.ends_with(".tmp");
+    const bool unfinished = (name.starts_with(std::string(ManifestName) + ".") ||
+                             name.starts_with(std::string(QuadFileName) + ".")) &&
+                            name.ends_with(".tmp");
     std::error_code ignored;
     return entry.is_regular_file(ignored) && !entry.is_symlink(ignored) &&
-           (IsCellName(name) || name == ManifestName || unfinishedManifest);
+           (IsCellName(name) || name == ManifestName || name == QuadFileName || unfinished);
 }
 
 /// Removes a catalog, and only what belongs to one: a folder with other things in it stays.

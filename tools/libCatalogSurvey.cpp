@@ -5,6 +5,7 @@
 #include <span>
 #include <system_error>
 
+#include "matching/libQuadFile.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "tools/libCellGrid.h"
@@ -63,7 +64,9 @@ class Surveyor {
         for (fs::directory_iterator entry(Folder, error), end; !error && entry != end;
              entry.increment(error)) {
             const std::string name = TextFromPath(entry->path().filename());
-            if (!IsCellName(name) && name != ManifestName) Survey.Strays.push_back(name);
+            if (!IsCellName(name) && name != ManifestName && name != QuadFileName) {
+                Survey.Strays.push_back(name);
+            }
         }
         if (error) {
             throw ToolFailure(ExitBadInput, TextFromPath(Folder) + ": " + error.message());

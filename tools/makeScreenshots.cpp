@@ -144,6 +144,15 @@ bool TakeAll(Photographer photographer, const std::string& frame, const QString&
     good = photographer.Take("fHelp", "help") && good;
     WindowNamed("fParms")->close();
 
+    // From anywhere: the quads tell where.
+    type("txtRA", "00 00 00");
+    type("txtDec", "00 00 00");
+    press("cmdMORA");
+    good = photographer.Take("fKELInfo", "mora") && good;
+    good = photographer.Take("fMORA", "mora-messages") && good;
+    WindowNamed("fMORA")->close();
+
+    type("txtRA", ra);
     type("txtDec", "60 00 00");
     press("cmdMatch");
     good = photographer.Take("fKELInfo", "failed") && good;

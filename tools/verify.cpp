@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "matching/libQuadFile.h"
 #include "platform/libPlatform.h"
 #include "tools/commands.h"
 #include "tools/libCatalogSurvey.h"
@@ -28,6 +29,9 @@ int Verify(const std::filesystem::path& folder) {
         addFault(std::string(ManifestName) + " is damaged or of another version");
     }
 
+    const std::string quadFault = FaultOfQuadFile(folder / QuadFileName);
+    if (!quadFault.empty()) addFault(std::string(QuadFileName) + " " + quadFault);
+
     for (const std::string& stray : survey.Strays) {
         std::fprintf(stderr, "note: %s is no part of the catalog\n", stray.c_str());
     }
@@ -52,7 +56,8 @@ int Verify(const std::filesystem::path& folder) {
 
 void AddVerifyCommand(CLI::App& program, int& exitCode) {
     CLI::App& command = *program.add_subcommand(
-        "verify", "Check every cell file: length, ranges, place, order and checksum");
+        "verify",
+        "Check every cell file (length, ranges, place, order, checksum) and the quad tables");
     const auto folder = std::make_shared<std::string>();
     AddCatalogOption(command, *folder);
     command.callback([folder, &exitCode] { exitCode = Verify(ExistingCatalog(*folder)); });

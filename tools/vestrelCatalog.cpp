@@ -51,6 +51,7 @@ int Run(int argc, const char* const* argv) {
     int exitCode = ExitGood;
     AddBuildCommand(program, exitCode);
     AddInfoCommand(program, exitCode);
+    AddQuadsCommand(program, exitCode);
     AddRenderCommand(program, exitCode);
     AddVerifyCommand(program, exitCode);
     try {

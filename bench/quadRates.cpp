@@ -1,0 +1,200 @@
+// How often the quad search is right and wrong: on star lists of places in the tables, of places
+// that were taken out of the tables, and of random stars.
+//
+//   vestrel-quad-rates CATALOG-FOLDER [LISTS]
+//
+// For each range of field sizes and kind of list: how the search ends that takes the first five
+// pairs, and how the one ends that asks for a sure match and may thin the list.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <numbers>
+#include <random>
+
+#include "bench/silentPort.h"
+#include "matching/mBlindSolve.h"
+#include "matching/mMORA.h"
+#include "platform/libPlatform.h"
+#include "tools/libFrameRenderer.h"
+
+namespace vestrel {
+namespace {
+
+enum class Kind { Known, Removed, Random };
+constexpr const char* kindNames[] = {"known", "removed", "random"};
+
+/// A list of image stars, and what belongs to it.
+struct Trial {
+    FrameGeometry Geometry;
+    double Width = 0;  ///< radians
+    double Height = 0;
+    double HalfDiagonal = 0;
+};
+
+struct Counts {
+    int Right = 0;
+    int Wrong = 0;
+    int None = 0;
+};
+
+double Separation(SkyPosition a, SkyPosition b) {
+    const double cosine = std::sin(a.Dec) * std::sin(b.Dec) +
+                          std::cos(a.Dec) * std::cos(b.Dec) * std::cos(a.Ra - b.Ra);
+    return std::acos(std::clamp(cosine, -1.0, 1.0));
+}
+
+Trial DrawTrial(const QuadBand& band, std::mt19937_64& random) {
+    std::uniform_real_distribution<double> uniform(0, 1);
+    const double diagonal = band.SmallestDiagonal *
+                            std::pow(band.LargestDiagonal / band.SmallestDiagonal, uniform(random));
+    Trial trial;
+    trial.Width = 0.8 * diagonal;
+    trial.Height = 0.6 * diagonal;
+    trial.HalfDiagonal = diagonal / 2;
+    trial.Geometry.Width = 1600;
+    trial.Geometry.Height = 1200;
+    trial.Geometry.CentreRa = 2 * std::numbers::pi * uniform(random);
+    trial.Geometry.CentreDec = std::asin(2 * uniform(random) - 1);
+    trial.Geometry.RadiansPerPixel = 2 * std::tan(trial.Width / 2) / trial.Geometry.Width;
+    trial.Geometry.UpPositionAngle = 2 * std::numbers::pi * uniform(random);
+    trial.Geometry.Mirrored = uniform(random) < 0.5;
+    return trial;
+}
+
+/// What an extraction would give: places to a fifth of a pixel, magnitudes to a sixth; of every
+/// second frame up to four of the brightest stars are lost; the faintest are in no catalog.
+PlateStarList ImageStars(const Trial& trial, bool random, const std::filesystem::path& catalog,
+                         std::mt19937_64& generator) {
+    constexpr std::size_t most = 100;  // as an extraction keeps
+    std::normal_distribution<double> normal(0, 1);
+    std::uniform_real_distribution<double> uniform(0, 1);
+    const double limit = SolveMagnitudeLimit(trial.HalfDiagonal);
+    std::vector<FrameStar> stars;
+    if (!random) stars = CatalogFrameStars(catalog, trial.Geometry, limit);
+    std::erase_if(stars, [&trial](const FrameStar& star) {
+        return star.Place.X < 0 || star.Place.Y < 0 || star.Place.X > trial.Geometry.Width - 1 ||
+               star.Place.Y > trial.Geometry.Height - 1;
+    });
+    const int lost = std::max(0, static_cast<int>(uniform(generator) * 10) - 5);
+    stars.erase(
+        stars.begin(),
+        stars.begin() + std::min<std::ptrdiff_t>(lost, static_cast<std::ptrdiff_t>(stars.size())));
+    if (stars.size() < most) {
+        const int added = static_cast<int>(most - stars.size());
+        const auto faint = RandomFrameStars(trial.Geometry, added, limit, limit + 2, generator());
+        stars.insert(stars.end(), faint.begin(), faint.end());
+    }
+    PlateStarList list(1);
+    for (const FrameStar& star : stars) {
+        const double magnitude = star.Sky.Mag + normal(generator) / 6;
+        list.push_back({static_cast<float>(star.Place.X + normal(generator) / 5),
+                        static_cast<float>(star.Place.Y + normal(generator) / 5),
+                        static_cast<float>(std::pow(10, -0.4 * (magnitude - 20)))});
+    }
+    std::sort(list.begin() + 1, list.end(),
+              [](const PlateStar& a, const PlateStar& b) { return a.Flux > b.Flux; });
+    list.resize(std::min(list.size(), most + 1));
+    return list;
+}
+
+/// The tables without the quads about a place.
+void RemoveRegion(QuadTables& tables, SkyPosition centre, double radius) {
+    const auto near = [&](const Quad& quad) {
+        const CatalogStar& star = tables.Stars[static_cast<std::size_t>(quad.Star1)];
+        return Separation(centre, {static_cast<double>(star.Ra), static_cast<double>(star.Dec)}) <
+               radius;
+    };
+    tables.Quads.erase(std::remove_if(tables.Quads.begin() + 1, tables.Quads.end(), near),
+                       tables.Quads.end());
+    tables.QuadCount = static_cast<std::int32_t>(tables.Quads.size()) - 1;
+    IndexTables(tables);
+}
+
+void Count(Counts& counts, const ProgramState& state, const Trial& trial, bool matched) {
+    const SkyPosition truth{trial.Geometry.CentreRa, trial.Geometry.CentreDec};
+    if (!matched) {
+        ++counts.None;
+    } else if (Separation(state.QuadMatch.Centre, truth) < 0.05 * trial.HalfDiagonal) {
+        ++counts.Right;
+    } else {
+        ++counts.Wrong;
+    }
+}
+
+void Measure(ProgramState& state, const QuadBand& band, int lists) {
+    SilentPort port;
+    const QuadTables whole = state.Quads.Tables;
+    const double tolerance = state.Parameters.MaxError;
+    for (const Kind kind : {Kind::Known, Kind::Removed, Kind::Random}) {
+        std::mt19937_64 random(static_cast<std::uint64_t>(kind) + 1);
+        Counts first;
+        Counts sure;
+        double seconds = 0;
+        for (int i = 0; i < lists; ++i) {
+            const Trial trial = DrawTrial(band, random);
+            state.Image.Width = trial.Geometry.Width;
+            state.Image.Height = trial.Geometry.Height;
+            state.PlateStars =
+                ImageStars(trial, kind == Kind::Random, state.Catalog.Folder, random);
+            state.PlateStarCount = static_cast<std::int32_t>(state.PlateStars.size()) - 1;
+            if (kind == Kind::Removed) {
+                state.Quads.Tables = whole;
+                RemoveRegion(state.Quads.Tables,
+                             {trial.Geometry.CentreRa, trial.Geometry.CentreDec},
+                             2.5 * trial.HalfDiagonal);
+            }
+            state.QuadMatch = {};
+            Count(first, state, trial,
+                  SearchQuads(state, port, state.PlateStars, state.PlateStarCount, trial.Width,
+                              trial.Height, tolerance));
+            state.QuadMatch = {};
+            Count(sure, state, trial,
+                  FindCentreByQuads(state, port, trial.Width, trial.Height, tolerance));
+            seconds += state.QuadMatch.Seconds;
+        }
+        state.Quads.Tables = whole;
+        std::printf("%5.2f to %5.2f  %-8s %6d  %6d %6d %6d  %6d %6d %6d  %9.3f\n",
+                    band.SmallestDiagonal * 180 / std::numbers::pi,
+                    band.LargestDiagonal * 180 / std::numbers::pi,
+                    kindNames[static_cast<int>(kind)], lists, first.Right, first.Wrong, first.None,
+                    sure.Right, sure.Wrong, sure.None, seconds / lists);
+        std::fflush(stdout);
+    }
+}
+
+int Run(const std::filesystem::path& folder, int lists) {
+    const auto state = std::make_unique<ProgramState>();
+    state->Catalog.Folder = folder;
+    const FileHandle file = OpenFile(QuadFilePath(*state), "rb");
+    std::vector<QuadBand> bands;
+    std::string fault = "cannot be read";
+    if (!file || !ReadQuadBands(file.get(), bands, fault)) {
+        std::fprintf(stderr, "%s %s\n", QuadFileName, fault.c_str());
+        return 1;
+    }
+    std::printf(
+        "diagonal, deg   stars     lists  five pairs:           sure match:\n"
+        "                                 right  wrong   none   right  wrong   none  "
+        "seconds\n");
+    for (const QuadBand& band : bands) {
+        if (!ReadQuadBand(file.get(), band, state->Quads.Tables, fault)) {
+            std::fprintf(stderr, "%s %s\n", QuadFileName, fault.c_str());
+            return 1;
+        }
+        Measure(*state, band, lists);
+    }
+    return 0;
+}
+
+}  // namespace
+}  // namespace vestrel
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: vestrel-quad-rates CATALOG-FOLDER [LISTS]\n");
+        return 2;
+    }
+    return vestrel::Run(vestrel::PathFromText(argv[1]), argc > 2 ? std::atoi(argv[2]) : 100);
+}

@@ -1,0 +1,400 @@
+// Quads: their shape, the tables and their file, and the search, against plain procedures and a sky
+// made here.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <numbers>
+
+#include "astro/libMath.h"
+#include "matching/libQuadFile.h"
+#include "matching/mBlindSolve.h"
+#include "matching/mMORA.h"
+#include "tests/testSupport.h"
+#include "tools/libFrameRenderer.h"
+#include "tools/libQuadBuilder.h"
+
+namespace vestrel {
+namespace {
+
+constexpr double degree = std::numbers::pi / 180;
+
+PlateStar At(double x, double y) {
+    return {static_cast<float>(x), static_cast<float>(y)};
+}
+
+TEST(QuadShape, IsTheSameForAnyPlacementMirroringAndOrder) {
+    Random random(1);
+    for (int trial = 0; trial < 200; ++trial) {
+        std::vector<std::pair<double, double>> places;
+        for (int i = 0; i < 4; ++i) {
+            places.emplace_back(random.Between(0, 1000), random.Between(0, 1000));
+        }
+        const auto shapeOf = [&](double turn, double scale, double mirror) {
+            std::vector<PlateStar> stars;
+            for (const auto& [x, y] : places) {
+                stars.push_back(At(scale * (x * std::cos(turn) - y * std::sin(turn)) * mirror + 70,
+                                   scale * (x * std::sin(turn) + y * std::cos(turn)) - 30));
+            }
+            return QuadDescriptor(stars[0], stars[1], stars[2], stars[3]);
+        };
+        const Quad shape = shapeOf(0, 1, 1);
+        std::shuffle(places.begin(), places.end(), random.Engine());
+        const Quad other = shapeOf(random.Between(0, 6), random.Between(0.3, 3), -1);
+        EXPECT_LT(QuadDistance(shape, other), 1e-4);
+        EXPECT_NEAR(shape.QuadKey, other.QuadKey, 2e-4);
+        EXPECT_TRUE(1 >= shape.Ratio1 && shape.Ratio1 >= shape.Ratio2 &&
+                    shape.Ratio2 >= shape.Ratio3 && shape.Ratio3 >= shape.Ratio4 &&
+                    shape.Ratio4 >= shape.Ratio5);
+    }
+    // Sides 3, 4, 5 and a star in the right angle: 5 4 4 3 3 0.
+    const Quad known = QuadDescriptor(At(0, 0), At(3, 0), At(0, 4), At(0, 0));
+    EXPECT_FLOAT_EQ(known.QuadKey, 0.8F + 0.8F + 0.6F + 0.6F);
+    EXPECT_TRUE(std::isnan(QuadDescriptor(At(1, 1), At(1, 1), At(1, 1), At(1, 1)).QuadKey));
+}
+
+TEST(QuadLookUp, MissesNoGreaterKeyAndStartsOnePlaceEarlyAtMost) {
+    Random random(2);
+    for (int trial = 0; trial < 300; ++trial) {
+        QuadTables tables;
+        tables.QuadCount = random.Whole(1, 40);
+        tables.Quads.resize(static_cast<std::size_t>(tables.QuadCount) + 1);
+        for (auto quad = tables.Quads.begin() + 1; quad != tables.Quads.end(); ++quad) {
+            quad->QuadKey = static_cast<float>(random.Whole(0, 20)) / 8;  // with ties
+        }
+        const auto rising = [](const Quad& a, const Quad& b) { return a.QuadKey < b.QuadKey; };
+        std::sort(tables.Quads.begin() + 1, tables.Quads.end(), rising);
+        const double target = random.Whole(-1, 42) / 16.0;
+        const std::int32_t place = FindFirstQuad(tables, target);
+        ASSERT_GE(place, 1);
+        ASSERT_LE(place, tables.QuadCount);
+        for (std::int32_t i = 1; i < place; ++i) EXPECT_LE(tables.Quads[i].QuadKey, target);
+        if (place > 1 && place < tables.QuadCount) {
+            EXPECT_GE(tables.Quads[place + 1].QuadKey, target);
+        }
+    }
+}
+
+/// A table of stars all over the sky, the brightest first.
+QuadTables StarsEverywhere(int count, Random& random) {
+    QuadTables tables;
+    tables.StarCount = count;
+    tables.Stars.resize(1);
+    for (int i = 0; i < count; ++i) {
+        tables.Stars.push_back({static_cast<float>(random.Between(0, 2 * std::numbers::pi)),
+                                static_cast<float>(std::asin(random.Between(-1, 1))),
+                                static_cast<std::int16_t>(random.Whole(-100, 1200))});
+    }
+    IndexTables(tables);
+    return tables;
+}
+
+TEST(QuadStars, AroundAPlaceAreThoseOfAScanOfTheWholeTable) {
+    Random random(3);
+    const QuadTables tables = StarsEverywhere(20000, random);
+    for (int trial = 0; trial < 120; ++trial) {
+        // At a pole, beside a star, or anywhere.
+        const CatalogStar& near = tables.Stars[static_cast<std::size_t>(random.Whole(1, 20000))];
+        double ra = random.Between(-0.1, 2 * std::numbers::pi);
+        double dec = trial % 4 == 0 ? std::numbers::pi / 2 - random.Between(0, 0.02)
+                                    : std::asin(random.Between(-1, 1));
+        if (trial % 3 == 0) {
+            ra = near.Ra;
+            dec = near.Dec + random.Between(-1e-3, 1e-3);
+        }
+        const double radius = trial % 10 == 0  ? random.Between(0.9, 1.2)
+                              : trial % 3 == 0 ? random.Between(0, 1e-3)
+                                               : random.Between(0, 0.2);
+        const double limit = random.Between(0, 12);
+        Projection projection;
+        PlateStarList list;
+        std::int32_t count = 0;
+        NearbyCatalogStars(tables, projection, ra, dec, radius, limit, list, count);
+
+        PlateStarList plain(1);
+        Projection plane;
+        plane.SetProjectionCentre(ra, dec, 206264.8062);
+        for (std::size_t i = 1; i < tables.Stars.size() && plain.size() <= 1000; ++i) {
+            const CatalogStar& star = tables.Stars[i];
+            double xi = 0;
+            double eta = 0;
+            const double cosine = plane.SkyToPlane(star.Ra, star.Dec, xi, eta);
+            if (star.Mag / 100.0 <= limit && cosine >= 0 &&
+                std::sqrt(xi * xi + eta * eta) <= radius * 206264.8062) {
+                plain.push_back({static_cast<float>(xi), static_cast<float>(eta),
+                                 static_cast<float>(star.Mag / 100.0), star.Ra, star.Dec});
+            }
+        }
+        PlainCombSort(plain, static_cast<int>(plain.size()) - 1, &PlateStar::Flux);
+        ASSERT_EQ(count, static_cast<std::int32_t>(plain.size()) - 1);
+        for (std::size_t i = 1; i < plain.size(); ++i) {
+            EXPECT_EQ(list[i].X, plain[i].X);
+            EXPECT_EQ(list[i].Y, plain[i].Y);
+            EXPECT_EQ(list[i].Ra, plain[i].Ra);
+        }
+    }
+}
+
+/// Stars of a patch of sky 9° wide, and the tables for fields of about 3° made from them.
+class QuadSkyTest : public testing::Test {
+ protected:
+    static constexpr int frameWidth = 1200;
+    static constexpr int frameHeight = 900;
+    static constexpr double fieldWidth = 2.4 * degree;
+    static constexpr double fieldHeight = 1.8 * degree;
+
+    static const QuadSky& Sky() {
+        static const QuadSky sky = [] {
+            FrameGeometry patch = Frame();
+            patch.Width = patch.Height = static_cast<int>(9 * degree / patch.RadiansPerPixel);
+            std::vector<CatalogStar> stars;
+            for (const FrameStar& star : RandomFrameStars(patch, 2000, 4, 12, 5)) {
+                stars.push_back(*StoredStar(star.Sky));
+            }
+            return MakeQuadSky(stars);
+        }();
+        return sky;
+    }
+    static const QuadTables& Tables() {
+        static const QuadTables tables = [] {
+            QuadTables built = BuildQuadTables(Sky(), QuadPlans()[3]);
+            IndexTables(built);
+            return built;
+        }();
+        return tables;
+    }
+    static FrameGeometry Frame(double up = 0, bool mirrored = false) {
+        return {130 * degree, 62 * degree, fieldWidth / frameWidth, frameWidth, frameHeight,
+                up,           mirrored};
+    }
+
+    QuadSkyTest() {
+        State.Image.Width = frameWidth;
+        State.Image.Height = frameHeight;
+        State.Quads.Tables = Tables();
+    }
+
+    /// The plate stars of a frame: the brightest catalog stars in it, off by a tenth of a pixel.
+    void TakeFrame(const FrameGeometry& geometry) {
+        State.PlateStars.assign(1, PlateStar());
+        Random random(9);
+        for (const CatalogStar& star : Sky().Stars) {
+            const auto place = SkyToFrame(geometry, star.Ra, star.Dec);
+            if (!place || place->X < 0 || place->Y < 0 || place->X > frameWidth - 1 ||
+                place->Y > frameHeight - 1 || State.PlateStars.size() > 60) {
+                continue;
+            }
+            State.PlateStars.push_back(
+                At(place->X + random.Normal(0.1), place->Y + random.Normal(0.1)));
+        }
+        State.PlateStarCount = static_cast<std::int32_t>(State.PlateStars.size()) - 1;
+        State.QuadMatch = {};
+    }
+
+    bool Search(const QuadJudge& judge = {}) {
+        return SearchQuads(State, Port, State.PlateStars, State.PlateStarCount, fieldWidth,
+                           fieldHeight, 2, judge);
+    }
+
+    /// How far the centre found is from the frame's, pixels.
+    double CentreError() const {
+        const auto place =
+            SkyToFrame(Frame(), State.QuadMatch.Centre.Ra, State.QuadMatch.Centre.Dec);
+        return place ? std::hypot(place->X - (frameWidth - 1) / 2.0,
+                                  place->Y - (frameHeight - 1) / 2.0)
+                     : INFINITY;
+    }
+
+    ProgramState State;
+    RecordingPort Port{State};
+};
+
+TEST_F(QuadSkyTest, SearchFindsTheFrameHoweverItLies) {
+    for (const bool mirrored : {false, true}) {
+        for (const double up : {0.0, 1.0, 3.0, 5.5}) {
+            TakeFrame(Frame(up, mirrored));
+            ASSERT_TRUE(Search());
+            EXPECT_LT(CentreError(), 1);
+            EXPECT_LT(State.QuadMatch.Confidence.Log10FalseAlarm, -10);
+            EXPECT_LT(State.QuadMatch.FitError, 1);
+            // With rows counted upward an ordinary frame has a positive stretch.
+            EXPECT_EQ(State.QuadMatch.Geometry.Stretch > 0, !mirrored);
+        }
+    }
+    const std::vector<std::string>& said = State.QuadMatch.Messages;
+    const auto has = [&](const char* start) {
+        return std::any_of(said.begin(), said.end(),
+                           [&](const std::string& line) { return line.starts_with(start); });
+    };
+    for (const char* start :
+         {"Matched Quad = ", "Quad Star 1: 0", "MORA found 4-star solution. FitError=0.",
+          "Geometry: ", "NumMatch=", "NumMatch = ", "Plate Center = 08h"}) {
+        EXPECT_TRUE(has(start)) << start;
+    }
+}
+
+TEST_F(QuadSkyTest, FalseBrightStarsAreLeftOutUntilTheMatchIsSure) {
+    TakeFrame(Frame(2));
+    // Two false stars ahead of all others are in every quad of the list as it is.
+    State.PlateStars.insert(State.PlateStars.begin() + 1, {At(600, 430), At(640, 500)});
+    State.PlateStarCount += 2;
+    ASSERT_TRUE(FindCentreByQuads(State, Port, fieldWidth, fieldHeight, 2));
+    EXPECT_LT(CentreError(), 1);
+    EXPECT_LT(State.QuadMatch.Confidence.Log10FalseAlarm, SureLog10FalseAlarm);
+}
+
+TEST_F(QuadSkyTest, RandomStarsAreNeverSure) {
+    Random random(12);
+    for (int trial = 0; trial < 60; ++trial) {
+        State.PlateStars.assign(1, PlateStar());
+        for (int i = 0; i < 60; ++i) {
+            // Every second list crowds around a place, as false stars in a nebula do.
+            State.PlateStars.push_back(
+                trial % 2 == 0 ? At(random.Between(0, frameWidth), random.Between(0, frameHeight))
+                               : At(700 + random.Normal(50), 300 + random.Normal(50)));
+        }
+        State.PlateStarCount = 60;
+        State.QuadMatch = {};
+        EXPECT_FALSE(FindCentreByQuads(State, Port, fieldWidth, fieldHeight, 2));
+    }
+    EXPECT_GT(State.QuadMatch.Candidates, 0);
+}
+
+TEST_F(QuadSkyTest, TheLastQuadAndQuadsOfMissingStarsAreNotUsed) {
+    TakeFrame(Frame());
+    const QuadJudge sure = [](const QuadSearch& search) {
+        return search.Confidence.Log10FalseAlarm < SureLog10FalseAlarm;
+    };
+    // The quad that solves the frame, alone in the table with another one.
+    std::int32_t solving = 0;
+    ASSERT_TRUE(Search([&](const QuadSearch& search) {
+        const auto line = std::find_if(
+            search.Messages.rbegin(), search.Messages.rend(),
+            [](const std::string& text) { return text.starts_with("Matched Quad = "); });
+        solving = std::stoi(line->substr(15));
+        return sure(search);
+    }));
+    const Quad quad = Tables().Quads[static_cast<std::size_t>(solving)];
+    Quad other = quad;
+    other.QuadKey += 0.015F;
+    other.Ratio5 += 0.5F;
+    const auto solves = [&](std::vector<Quad> quads) {
+        State.Quads.Tables.QuadCount = static_cast<std::int32_t>(quads.size());
+        quads.insert(quads.begin(), Quad());
+        State.Quads.Tables.Quads = quads;
+        IndexTables(State.Quads.Tables);
+        State.QuadMatch = {};
+        return Search(sure);
+    };
+    EXPECT_TRUE(solves({quad, other}));
+    EXPECT_FALSE(solves({quad}));
+    Quad early = other;
+    early.QuadKey = quad.QuadKey - 0.015F;
+    EXPECT_FALSE(solves({early, quad}));
+    for (const std::int32_t place : {0, -5, State.Quads.Tables.StarCount + 1, 0x7FFFFFFF}) {
+        Quad broken = quad;
+        broken.Star3 = place;
+        EXPECT_FALSE(solves({broken, other}));
+    }
+    EXPECT_FALSE(solves({}));
+}
+
+TEST_F(QuadSkyTest, TablesDoNotDependOnThreadsAndSurviveTheirFileOrAreRefused) {
+    const TemporaryFolder folder;
+    const std::filesystem::path path = folder / QuadFileName;
+    const auto write = [&] {
+        QuadFileWriter writer(path, 2);
+        writer.Add(0.01, 0.02, QuadTables{{Quad()}, 0, {CatalogStar()}, 0, {}, {}, {}, {}});
+        writer.Add(0.04, 0.06, BuildQuadTables(Sky(), QuadPlans()[3]));
+        EXPECT_FALSE(std::filesystem::exists(path));
+        writer.Commit();
+    };
+    std::string bytes;
+    for (const int threads : {1, 3}) {
+        const ThreadsForNow now(threads);
+        std::filesystem::remove(path);
+        write();
+        if (bytes.empty()) bytes = ReadFile(path);
+        EXPECT_EQ(ReadFile(path), bytes);
+    }
+    EXPECT_EQ(FaultOfQuadFile(path), "");
+    State.Catalog.Folder = folder.Path;
+    EXPECT_TRUE(HaveQuadTables(State));
+    ASSERT_TRUE(LoadQuadTables(State, 0.04, 0.03));
+    EXPECT_EQ(State.Quads.Tables.QuadCount, Tables().QuadCount);
+    EXPECT_EQ(std::memcmp(&State.Quads.Tables.Quads[1], &Tables().Quads[1],
+                          static_cast<std::size_t>(Tables().QuadCount) * sizeof(Quad)),
+              0);
+    TakeFrame(Frame(4));
+    EXPECT_TRUE(Search());
+    EXPECT_FALSE(LoadQuadTables(State, 0.1, 0.1));
+    EXPECT_NE(State.Quads.Fault.find("nothing for fields of this size"), std::string::npos);
+
+    Random random(4);
+    const int length = static_cast<int>(bytes.size());
+    for (int trial = 0; trial < 60; ++trial) {
+        std::string damaged = bytes;
+        // Half of the faults lie in the head; the padding of the head and nothing else is free.
+        const int at = random.Whole(0, trial % 2 == 0 ? 103 : length - 1);
+        damaged[static_cast<std::size_t>(at)] ^= static_cast<char>(1 << random.Whole(0, 7));
+        if (trial % 5 == 0) damaged = bytes.substr(0, static_cast<std::size_t>(at));
+        WriteFile(path, damaged);
+        EXPECT_NE(FaultOfQuadFile(path), "") << "byte " << at;
+        State.Quads = {};
+        LoadQuadTables(State, 0.04, 0.03);
+        EXPECT_EQ(State.Quads.Tables.QuadCount, 0);
+    }
+}
+
+TEST(Confidence, ChanceMatchesAreAsFrequentAsStatedAndNotSure) {
+    // The tail against its definition.
+    double exact = 0;
+    for (int k = 3; k <= 10; ++k) {
+        exact += std::tgamma(11) / std::tgamma(k + 1) / std::tgamma(11 - k) * std::pow(0.2, k) *
+                 std::pow(0.8, 10 - k);
+    }
+    EXPECT_NEAR(Log10BinomialTail(10, 3, 0.2), std::log10(exact), 1e-12);
+    EXPECT_NEAR(Log10BinomialTail(1000, 1, 0.5), 0, 1e-9);
+    EXPECT_EQ(Log10BinomialTail(5, 0, 0.1), 0);
+
+    Random random(6);
+    const PlateConstants same{1, 0, 0, 0, 1, 0};
+    // Pairs that any placement has count for nothing, and each placement tried is one more chance.
+    PlateStarList agreeing(1);
+    for (int i = 0; i < 20; ++i) agreeing.push_back(At(20 * i, 7 * i * i % 400));
+    MatchEvidence agreement{agreeing, 20, agreeing, 20, 500, 400};
+    agreement.Tolerance = 1;
+    const double all = ConfidenceOf(same, agreement).Log10FalseAlarm;
+    agreement.StarsFitted = 4;
+    const double others = ConfidenceOf(same, agreement).Log10FalseAlarm;
+    EXPECT_NEAR(others / all, 0.8, 0.05);
+    agreement.Placements = 1000;
+    EXPECT_NEAR(ConfidenceOf(same, agreement).Log10FalseAlarm, others + 3, 1e-9);
+
+    double matched = 0;
+    double expected = 0;
+    int rare = 0;
+    constexpr int trials = 3000;
+    for (int trial = 0; trial < trials; ++trial) {
+        PlateStarList catalog(1);
+        PlateStarList image(1);
+        for (int i = 0; i < 40; ++i) {
+            catalog.push_back(At(random.Between(0, 499), random.Between(0, 399)));
+            image.push_back(At(random.Between(0, 499), random.Between(0, 399)));
+        }
+        MatchEvidence evidence{catalog, 40, image, 40, 500, 400};
+        evidence.Tolerance = 6;
+        const MatchConfidence confidence = ConfidenceOf(same, evidence);
+        matched += confidence.Matched;
+        expected += confidence.ExpectedByChance;
+        if (confidence.Log10FalseAlarm < -1) ++rare;
+    }
+    EXPECT_NEAR(matched / expected, 1, 0.05);
+    EXPECT_LT(rare, 0.1 * trials);
+    EXPECT_GT(rare, 0.01 * trials);
+}
+
+}  // namespace
+}  // namespace vestrel

@@ -1,0 +1,96 @@
+#include "tests/skySupport.h"
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <string>
+
+#include "astro/libMath.h"
+#include "matching/libQuadFile.h"
+#include "tests/testSupport.h"
+
+namespace vestrel {
+
+std::vector<CatalogStar> MakeSky(const std::filesystem::path& catalog,
+                                 const std::filesystem::path& frame) {
+    std::vector<CatalogStar> stars;
+    Random random(17);
+    Projection plane;
+    plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
+    std::map<std::string, std::string> cells;
+    std::vector<double> pixels(side * side);
+    for (double& pixel : pixels) pixel = 300 + random.Normal(2);
+    for (int star = 0; star < 60; ++star) {
+        const double xi = random.Between(-280, 280);  // grows to the west
+        const double eta = random.Between(-280, 280);
+        const double magnitude = random.Between(12, 15);
+        double ra = 0;
+        double dec = 0;
+        plane.PlaneToSky(xi, eta, ra, dec);
+        stars.push_back({static_cast<float>(ra), static_cast<float>(dec),
+                         static_cast<std::int16_t>(magnitude * 100)});
+        for (const unsigned char byte : EncodeCatalogStar(stars.back())) {
+            cells[CellName(ra, dec)] += static_cast<char>(byte);
+        }
+        const double x0 = (side - 1) / 2.0 + xi / scale;
+        const double y0 = (side - 1) / 2.0 + eta / scale;
+        for (int i = 0; i < side * side; ++i) {
+            const int column = i % side;
+            const int row = i / side;
+            const double r2 = std::pow(column - x0, 2) + std::pow(row - y0, 2);
+            if (r2 < 60) pixels[i] += std::pow(10, 0.4 * (21.5 - magnitude)) * std::exp(-r2 / 3);
+        }
+    }
+    std::filesystem::create_directories(catalog);
+    for (const auto& [name, bytes] : cells) WriteFile(catalog / name, bytes);
+    WriteFile(frame, FitsHeader(FitsCards(16, side, side, {"OBSERVER= 'Ann & <b>Bob'"})) +
+                         FitsPixels(16, pixels));
+    std::sort(stars.begin(), stars.end(),
+              [](const CatalogStar& a, const CatalogStar& b) { return a.Mag < b.Mag; });
+    return stars;
+}
+
+void WriteQuadTables(const std::filesystem::path& catalog, std::vector<CatalogStar> stars,
+                     std::size_t most) {
+    QuadTables tables;
+    stars.resize(std::min(most, stars.size()));
+    tables.StarCount = static_cast<std::int32_t>(stars.size());
+    tables.Stars.resize(1);
+    tables.Stars.insert(tables.Stars.end(), stars.begin(), stars.end());
+    Projection plane;
+    plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
+    PlateStarList places(1);
+    for (const CatalogStar& star : stars) {
+        double xi = 0;
+        double eta = 0;
+        plane.SkyToPlane(star.Ra, star.Dec, xi, eta);
+        places.push_back({static_cast<float>(xi), static_cast<float>(eta)});
+    }
+    const auto add = [&](std::int32_t a, std::int32_t b, std::int32_t c, std::int32_t star) {
+        if (star == a || star == b || star == c) return;
+        Quad quad = QuadDescriptor(places[a], places[b], places[c], places[star]);
+        quad.Star1 = a;
+        quad.Star2 = b;
+        quad.Star3 = c;
+        quad.Star4 = star;
+        tables.Quads.push_back(quad);
+    };
+    const std::int32_t bright = std::min(6, tables.StarCount);
+    for (std::int32_t a = 1; a <= bright; ++a) {
+        for (std::int32_t b = a + 1; b <= bright; ++b) {
+            for (std::int32_t c = b + 1; c <= bright; ++c) {
+                for (std::int32_t star = 1; star <= tables.StarCount; ++star) add(a, b, c, star);
+            }
+        }
+    }
+    tables.Quads.emplace_back().QuadKey = 5;  // the last one is never looked at
+    std::sort(tables.Quads.begin(), tables.Quads.end(),
+              [](const Quad& a, const Quad& b) { return a.QuadKey < b.QuadKey; });
+    tables.QuadCount = static_cast<std::int32_t>(tables.Quads.size());
+    tables.Quads.insert(tables.Quads.begin(), Quad());
+    QuadFileWriter writer(catalog / QuadFileName, 1);
+    writer.Add(0, 10, tables);
+    writer.Commit();
+}
+
+}  // namespace vestrel

@@ -1,0 +1,26 @@
+// A small synthetic sky: a catalog, a frame of it, and its quads.
+#pragma once
+
+#include <filesystem>
+#include <vector>
+
+#include "astro/libSphericalMath.h"
+#include "catalog/libCatalogCells.h"
+
+namespace vestrel {
+
+inline constexpr int side = 300;              // of the frame, pixels
+inline constexpr double scale = 2;            // arcseconds a pixel
+inline const SkyPosition centre{0.02, 0.01};  // radians
+
+/// A field of stars as a catalog and as a frame, the frame's row 0 to the south.
+/// @return the stars, brightest first
+std::vector<CatalogStar> MakeSky(const std::filesystem::path& catalog,
+                                 const std::filesystem::path& frame);
+
+/// Adds quad tables for fields of every size to a catalog. They hold the `most` first of the stars:
+/// every one with three of the six brightest.
+void WriteQuadTables(const std::filesystem::path& catalog, std::vector<CatalogStar> stars,
+                     std::size_t most);
+
+}  // namespace vestrel
