@@ -1,5 +1,5 @@
 // How often the quad search is right and wrong: on star lists of places in the tables, of places
-// that were taken out of the tables, and of random stars.
+// that were taken out of the tables, and of random stars, spread evenly or crowded.
 //
 //   vestrel-quad-rates CATALOG-FOLDER [LISTS]
 //
@@ -22,8 +22,8 @@
 namespace vestrel {
 namespace {
 
-enum class Kind { Known, Removed, Random };
-constexpr const char* kindNames[] = {"known", "removed", "random"};
+enum class Kind { Known, Removed, Random, Crowded };
+constexpr const char* kindNames[] = {"known", "removed", "random", "crowded"};
 
 /// A list of image stars, and what belongs to it.
 struct Trial {
@@ -65,14 +65,15 @@ Trial DrawTrial(const QuadBand& band, std::mt19937_64& random) {
 
 /// What an extraction would give: places to a fifth of a pixel, magnitudes to a sixth; of every
 /// second frame up to four of the brightest stars are lost; the faintest are in no catalog.
-PlateStarList ImageStars(const Trial& trial, bool random, const std::filesystem::path& catalog,
+PlateStarList ImageStars(const Trial& trial, Kind kind, const std::filesystem::path& catalog,
                          std::mt19937_64& generator) {
     constexpr std::size_t most = 100;  // as an extraction keeps
     std::normal_distribution<double> normal(0, 1);
     std::uniform_real_distribution<double> uniform(0, 1);
     const double limit = SolveMagnitudeLimit(trial.HalfDiagonal);
     std::vector<FrameStar> stars;
-    if (!random) stars = CatalogFrameStars(catalog, trial.Geometry, limit);
+    const bool inCatalog = kind == Kind::Known || kind == Kind::Removed;
+    if (inCatalog) stars = CatalogFrameStars(catalog, trial.Geometry, limit);
     std::erase_if(stars, [&trial](const FrameStar& star) {
         return star.Place.X < 0 || star.Place.Y < 0 || star.Place.X > trial.Geometry.Width - 1 ||
                star.Place.Y > trial.Geometry.Height - 1;
@@ -87,7 +88,10 @@ PlateStarList ImageStars(const Trial& trial, bool random, const std::filesystem:
         stars.insert(stars.end(), faint.begin(), faint.end());
     }
     PlateStarList list(1);
-    for (const FrameStar& star : stars) {
+    for (FrameStar& star : stars) {
+        if (kind == Kind::Crowded) {
+            star.Place = {800 + 70 * normal(generator), 600 + 70 * normal(generator)};
+        }
         const double magnitude = star.Sky.Mag + normal(generator) / 6;
         list.push_back({static_cast<float>(star.Place.X + normal(generator) / 5),
                         static_cast<float>(star.Place.Y + normal(generator) / 5),
@@ -127,7 +131,7 @@ void Measure(ProgramState& state, const QuadBand& band, int lists) {
     SilentPort port;
     const QuadTables whole = state.Quads.Tables;
     const double tolerance = state.Parameters.MaxError;
-    for (const Kind kind : {Kind::Known, Kind::Removed, Kind::Random}) {
+    for (const Kind kind : {Kind::Known, Kind::Removed, Kind::Random, Kind::Crowded}) {
         std::mt19937_64 random(static_cast<std::uint64_t>(kind) + 1);
         Counts first;
         Counts sure;
@@ -136,8 +140,7 @@ void Measure(ProgramState& state, const QuadBand& band, int lists) {
             const Trial trial = DrawTrial(band, random);
             state.Image.Width = trial.Geometry.Width;
             state.Image.Height = trial.Geometry.Height;
-            state.PlateStars =
-                ImageStars(trial, kind == Kind::Random, state.Catalog.Folder, random);
+            state.PlateStars = ImageStars(trial, kind, state.Catalog.Folder, random);
             state.PlateStarCount = static_cast<std::int32_t>(state.PlateStars.size()) - 1;
             if (kind == Kind::Removed) {
                 state.Quads.Tables = whole;
