@@ -1,11 +1,15 @@
 // Telescopes behind an INDI server (https://indilib.org).
 
+#include <arpa/inet.h>
 #include <libindi/baseclient.h>
 #include <libindi/basedevice.h>
 #include <libindi/indipropertynumber.h>
 #include <libindi/indipropertyswitch.h>
+#include <netdb.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <chrono>
 #include <condition_variable>
@@ -86,6 +90,21 @@ std::optional<Address> ParseAddress(std::string_view text) {
     return address;
 }
 
+/// The numeric address of a host; empty when it has none. The client library would look for it on a
+/// thread of its own, and ends the program when it gives up before that thread does.
+std::string Resolved(const std::string& host) {
+    addrinfo wanted{};
+    wanted.ai_family = AF_INET;  // the library knows no other
+    wanted.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(host.c_str(), nullptr, &wanted, &found) != 0) return {};
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
+    std::array<char, INET_ADDRSTRLEN> text{};
+    const auto* address = reinterpret_cast<const sockaddr_in*>(found->ai_addr);
+    if (inet_ntop(AF_INET, &address->sin_addr, text.data(), text.size()) == nullptr) return {};
+    return text.data();
+}
+
 /// What is known of a property. Copied out of the client's own record, which its thread changes.
 struct Property {
     IPState State = IPS_IDLE;
@@ -110,8 +129,8 @@ class Client : public INDI::BaseClient {
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    bool Start(const Address& address, milliseconds limit) {
-        setServer(address.Host.c_str(), address.Port);
+    bool Start(const std::string& numericHost, unsigned port, milliseconds limit) {
+        setServer(numericHost.c_str(), port);
         const auto microseconds = std::chrono::microseconds(limit).count();
         setConnectionTimeout(static_cast<std::uint32_t>(microseconds / 1000000),
                              static_cast<std::uint32_t>(microseconds % 1000000));
@@ -239,8 +258,10 @@ class IndiTelescope : public TelescopeDriver {
         client_.reset();
         if (!connected) return;  // the mount stays so for others that use it
         const auto end = steady_clock::now() + limits_.Connect - TelescopeLimits::Margin;
+        const std::string host = Resolved(address_.Host);
+        if (host.empty()) throw TelescopeError("there is no host " + address_.Host);
         client_ = std::make_unique<Client>(address_.Device);
-        if (!client_->Start(address_, limits_.Connect / 2)) {
+        if (!client_->Start(host, address_.Port, limits_.Connect / 2)) {
             client_.reset();
             throw TelescopeError("no INDI server at " + address_.Host + ":" +
                                  std::to_string(address_.Port));
