@@ -109,6 +109,7 @@ std::string Resolved(const std::string& host) {
 struct Property {
     IPState State = IPS_IDLE;
     std::map<std::string, double, std::less<>> Values;  ///< of a switch 1 when on
+    bool Updated = false;                               ///< told since it was defined
     // Since it was listened to:
     bool Heard = false;
     bool Agreed = false;
@@ -195,8 +196,8 @@ class Client : public INDI::BaseClient {
     }
 
  protected:
-    void newProperty(INDI::Property property) override { Note(property); }
-    void updateProperty(INDI::Property property) override { Note(property); }
+    void newProperty(INDI::Property property) override { Note(property, false); }
+    void updateProperty(INDI::Property property) override { Note(property, true); }
     void removeProperty(INDI::Property property) override {
         const std::lock_guard lock(lock_);
         known_.erase(property.getName());
@@ -215,11 +216,12 @@ class Client : public INDI::BaseClient {
 
  private:
     std::string Said() const { return message_.empty() ? "" : " (" + message_ + ")"; }
-    void Note(INDI::Property& property) {
+    void Note(INDI::Property& property, bool updated) {
         if (device_ != property.getDeviceName()) return;
         const std::lock_guard lock(lock_);
         Property& known = known_[property.getName()];
         known.State = property.getState();
+        known.Updated = known.Updated || updated;
         known.Heard = true;
         known.Agreed = known.Agreed || known.State == IPS_OK;
         known.Alerted = known.Alerted || known.State == IPS_ALERT;
@@ -268,7 +270,8 @@ class IndiTelescope : public TelescopeDriver {
         }
         client_->WaitUntil(end, "the INDI server has no such device",
                            [this] { return client_->Known(connection) != nullptr; });
-        Switch(connection, connectElement, end, "the mount does not connect");
+        foundConnected_ = true;
+        ConnectMount(end, "the mount does not connect");
         client_->WaitUntil(end, "the mount tells no coordinates of date",
                            [this] { return client_->Known(coordinates) != nullptr; });
     }
@@ -328,11 +331,32 @@ class IndiTelescope : public TelescopeDriver {
         }
     }
 
+    void ConnectMount(steady_clock::time_point end, const char* otherwise) {
+        const auto values = client_->Copy(connection).Values;
+        const auto value = values.find(connectElement);
+        foundConnected_ = foundConnected_ && value != values.end() && value->second == 1;
+        Switch(connection, connectElement, end, otherwise);
+    }
+
+    /// Whether coordinates are those of the mount. It defines them before it has looked where it
+    /// is; only one that was connected all the time has done so.
+    bool AreTold(const Property& coordinate) const {
+        return coordinate.Updated ||
+               (foundConnected_ &&
+                std::any_of(coordinate.Values.begin(), coordinate.Values.end(),
+                            [](const auto& value) { return value.second != 0; }));
+    }
+
     double Coordinate(const char* element) {
+        const auto end = End();
         Client& client = Begin();
         // Connected already, the mount only says so: a server that is dead without a word would
         // leave its last coordinates standing.
-        Switch(connection, connectElement, End(), "the mount does not answer");
+        ConnectMount(end, "the mount does not answer");
+        client.WaitUntil(end, "the mount tells no coordinates yet", [&] {
+            const Property* told = client.Known(coordinates);
+            return told != nullptr && AreTold(*told);
+        });
         const Property told = client.Copy(coordinates);
         const auto value = told.Values.find(element);
         if (value == told.Values.end()) throw TelescopeError("the mount tells no coordinates");
@@ -343,6 +367,7 @@ class IndiTelescope : public TelescopeDriver {
     Address address_;
     TelescopeLimits limits_;
     std::unique_ptr<Client> client_;
+    bool foundConnected_ = false;  ///< the mount was connected whenever it was asked to be
 };
 
 }  // namespace

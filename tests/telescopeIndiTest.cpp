@@ -146,6 +146,14 @@ TEST_F(IndiTelescope, IsSyncedToTheSolvedCentreAndReadBack) {
         << State.Display.Status.Text;
 }
 
+TEST_F(IndiTelescope, AMountJustConnectedIsWhereItSaysAndNotWhereCoordinatesBegin) {
+    const Server server(Folder.Path, Number);
+    ASSERT_TRUE(Load()) << State.Display.Status.Text;
+    // The simulated mount starts at the pole of date.
+    const SkyPosition loaded{ParseRA(State.Inputs.Ra), ParseDec(State.Inputs.Dec)};
+    EXPECT_NEAR(Precess(loaded, J2000, State.JulianDate).Dec, Pi / 2, 0.001);
+}
+
 TEST_F(IndiTelescope, AServerThatDiesOrFallsSilentIsNoticedInTime) {
     EXPECT_FALSE(Load());
     EXPECT_EQ(Port.Messages, noConnection);
