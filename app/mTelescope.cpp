@@ -46,7 +46,8 @@ void Connect(ProgramState& state, Port& port) {
     state.TelescopeConnected = true;
 }
 
-/// Runs a command over a connected telescope. What fails ends here, and the connection with it.
+/// Runs a command over a connected telescope. What fails ends here; the connection only with it
+/// when it is lost.
 template <typename Work>
 void WithTelescope(ProgramState& state, Port& port, Work work) {
     const Operation operation(state, port, Activity::Telescope);
@@ -57,8 +58,11 @@ void WithTelescope(ProgramState& state, Port& port, Work work) {
         Connect(state, port);
         work();
     } catch (const TelescopeError& error) {
-        const bool wasConnected = std::exchange(state.TelescopeConnected, false);
-        state.Telescope.reset();
+        const bool wasConnected = state.TelescopeConnected;
+        if (!wasConnected || error.IsLost()) {
+            state.TelescopeConnected = false;
+            state.Telescope.reset();
+        }
         state.Display.BusyIndicator = false;
         Tell(state, port, error.what(), StatusColour::Red);
         if (!wasConnected && !state.StopRequested) {

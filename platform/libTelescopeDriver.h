@@ -12,7 +12,16 @@ namespace vestrel {
 /// A telescope did not do what it was asked for; the text says why, for the user.
 class TelescopeError : public std::runtime_error {
  public:
-    using std::runtime_error::runtime_error;
+    enum class Kind {
+        Refused,  ///< the next call may succeed
+        Lost      ///< the connection is of no more use
+    };
+    explicit TelescopeError(const std::string& text, Kind kind = Kind::Refused)
+        : std::runtime_error(text), kind_(kind) {}
+    bool IsLost() const { return kind_ == Kind::Lost; }
+
+ private:
+    Kind kind_;
 };
 
 /// How long the program waits for a telescope. A driver that can tell what it waits for should give

@@ -142,11 +142,12 @@ class Client : public INDI::BaseClient {
 
     /// Waits until a condition on what is known holds; throws when it does not in time.
     template <typename Condition>
-    void WaitUntil(steady_clock::time_point end, const char* what, Condition condition) {
+    void WaitUntil(steady_clock::time_point end, const char* what, Condition condition,
+                   TelescopeError::Kind otherwise = TelescopeError::Kind::Refused) {
         std::unique_lock lock(lock_);
         changed_.wait_until(lock, end, [&] { return gone_ || condition(); });
-        if (gone_) throw TelescopeError(serverGone);
-        if (!condition()) throw TelescopeError(what + Said());
+        if (gone_) throw TelescopeError(serverGone, TelescopeError::Kind::Lost);
+        if (!condition()) throw TelescopeError(what + Said(), otherwise);
     }
     /// What is known of a property, if it exists; only for use within a condition.
     Property* Known(const char* name) {
@@ -156,7 +157,7 @@ class Client : public INDI::BaseClient {
     /// A copy of what is known of a property.
     Property Copy(const char* name) {
         const std::lock_guard lock(lock_);
-        if (gone_) throw TelescopeError(serverGone);
+        if (gone_) throw TelescopeError(serverGone, TelescopeError::Kind::Lost);
         const Property* property = Known(name);
         if (property == nullptr) throw TelescopeError("the mount has no " + std::string(name));
         return *property;
@@ -165,7 +166,7 @@ class Client : public INDI::BaseClient {
     void Listen(const char* name) {
         const std::lock_guard lock(lock_);
         // The library is not to write to a server that has gone: its threads race for its error.
-        if (gone_) throw TelescopeError(serverGone);
+        if (gone_) throw TelescopeError(serverGone, TelescopeError::Kind::Lost);
         Property* property = Known(name);
         if (property == nullptr) throw TelescopeError("the mount has no " + std::string(name));
         property->Heard = property->Agreed = property->Alerted = false;
@@ -320,10 +321,13 @@ class IndiTelescope : public TelescopeDriver {
         Client& client = *client_;
         client.Listen(name);
         client.SendSwitch(name, element);
-        client.WaitUntil(end, otherwise, [&] {
-            const Property* told = client.Known(name);
-            return told != nullptr && told->Heard && told->State != IPS_BUSY;
-        });
+        client.WaitUntil(
+            end, otherwise,
+            [&] {
+                const Property* told = client.Known(name);
+                return told != nullptr && told->Heard && told->State != IPS_BUSY;
+            },
+            TelescopeError::Kind::Lost);
         const Property told = client.Copy(name);
         const auto value = told.Values.find(element);
         if (told.Alerted || value == told.Values.end() || value->second != 1) {
