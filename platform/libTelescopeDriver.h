@@ -27,8 +27,8 @@ class TelescopeError : public std::runtime_error {
 /// How long the program waits for a telescope. A driver that can tell what it waits for should give
 /// up by itself `Margin` earlier, as its text says more than that the time is over.
 struct TelescopeLimits {
-    std::chrono::milliseconds Connect{5000};  ///< to create the driver and connect
-    std::chrono::milliseconds Call{3000};     ///< everything else
+    std::chrono::milliseconds Connect{30000};  ///< to create the driver and connect
+    std::chrono::milliseconds Call{3000};      ///< everything else
     static constexpr std::chrono::milliseconds Margin{300};
 };
 

@@ -37,6 +37,9 @@ constexpr const char* connectElement = "CONNECT";
 constexpr const char* coordinates = "EQUATORIAL_EOD_COORD";  // of the current date
 constexpr const char* coordinateUse = "ON_COORD_SET";
 constexpr const char* syncElement = "SYNC";
+// Mounts may take their time to connect, but servers answer at once.
+constexpr milliseconds serverLimit{2500};
+constexpr milliseconds deviceLimit{2500};
 constexpr const char* serverGone = "the INDI server has gone";
 
 struct Address {
@@ -264,12 +267,12 @@ class IndiTelescope : public TelescopeDriver {
         const std::string host = Resolved(address_.Host);
         if (host.empty()) throw TelescopeError("there is no host " + address_.Host);
         client_ = std::make_unique<Client>(address_.Device);
-        if (!client_->Start(host, address_.Port, limits_.Connect / 2)) {
+        if (!client_->Start(host, address_.Port, serverLimit)) {
             client_.reset();
             throw TelescopeError("no INDI server at " + address_.Host + ":" +
                                  std::to_string(address_.Port));
         }
-        client_->WaitUntil(end, "the INDI server has no such device",
+        client_->WaitUntil(steady_clock::now() + deviceLimit, "the INDI server has no such device",
                            [this] { return client_->Known(connection) != nullptr; });
         foundConnected_ = true;
         ConnectMount(end, "the mount does not connect");
