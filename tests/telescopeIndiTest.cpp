@@ -68,7 +68,9 @@ class Server {
         }
         setpgid(process_, process_);
         for (int tries = 0; tries < 100; ++tries) {
-            if (Succeeds("indi_getprop -t 5 -p " + number + " '*.CONNECTION.CONNECT'")) break;
+            if (Succeeds("indi_getprop -t 5 -p " + number +
+                         " 'Telescope Simulator.CONNECTION.CONNECT'"))
+                break;
             std::this_thread::sleep_for(milliseconds(50));
         }
     }

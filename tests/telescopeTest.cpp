@@ -209,10 +209,18 @@ TEST_F(Telescope, APositionThatCannotBeIsNotLoaded) {
         EXPECT_TRUE(Port.Statuses.back().starts_with("Telescope: no valid position: "));
         EXPECT_TRUE(State.TelescopeConnected);
     }
-    Script->Set({}, {}, 24, -90);
+    // Rounding is no fault.
+    for (const auto& [hours, degrees] :
+         std::vector<std::pair<double, double>>{{24, 0}, {-1e-9, 0}, {24.00001, 0}}) {
+        Script->Set({}, {}, hours, degrees);
+        Give("ra");
+        const SkyPosition loaded{ParseRA(State.Inputs.Ra), ParseDec(State.Inputs.Dec)};
+        EXPECT_LT(Separation(Precess({0, 0}, State.JulianDate, J2000), loaded), 1);
+    }
+    Script->Set({}, {}, 3, -90.0002);
     Give("ra");
-    EXPECT_GE(ParseRA(State.Inputs.Ra), 0);
-    EXPECT_NE(ParseDec(State.Inputs.Dec), InvalidAngle);
+    const SkyPosition loaded{ParseRA(State.Inputs.Ra), ParseDec(State.Inputs.Dec)};
+    EXPECT_NEAR(Precess(loaded, J2000, State.JulianDate).Dec, -Pi / 2, 2 * arcsecond);
 }
 
 TEST_F(Telescope, ADriverThatHangsIsLeftInTimeAndDoesNoHarmLater) {
