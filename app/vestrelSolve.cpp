@@ -79,11 +79,10 @@ std::string CoincidingFiles(const ConsoleOptions& options) {
         if (output.empty()) continue;
         for (const auto& [what, path] : files) {
             std::error_code ignored;
-            const std::filesystem::path one = PathFromText(output);
-            const std::filesystem::path other = PathFromText(path);
+            const std::filesystem::path one = AbsolutePath(PathFromText(output));
+            const std::filesystem::path other = AbsolutePath(PathFromText(path));
             if (std::filesystem::equivalent(one, other, ignored) ||
-                std::filesystem::weakly_canonical(one, ignored) ==
-                    std::filesystem::weakly_canonical(other, ignored)) {
+                FollowLinks(one, ignored) == FollowLinks(other, ignored)) {
                 return output + " is " + what + ": name another file.";
             }
         }

@@ -161,7 +161,7 @@ std::error_code Replace(const fs::path& named, std::span<const unsigned char> by
                         bool keepRest) {
     std::error_code error;
     // A link keeps pointing at its file, which gets the new content.
-    fs::path path = fs::weakly_canonical(named, error);
+    fs::path path = FollowLinks(named, error);
     if (error || path.empty()) path = named;
     // A rename would put a file in the place of a device, and of one that is write-protected.
     const fs::file_status there = fs::status(path, error);

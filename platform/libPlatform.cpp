@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <new>
-#include <system_error>
 
 #ifdef _WIN32
 #include <windows.h>
@@ -85,6 +84,33 @@ fs::path PathFromText(const std::string& utf8) {
 
 std::string TextFromPath(const fs::path& path) {
     return path.string();
+}
+#endif
+
+#ifdef _WIN32
+fs::path AbsolutePath(const fs::path& path) {
+    const DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
+    std::wstring full(size, L'\0');
+    const DWORD length = GetFullPathNameW(path.c_str(), size, full.data(), nullptr);
+    if (length == 0 || length >= size) return path;
+    full.resize(length);
+    return {full};
+}
+
+fs::path FollowLinks(const fs::path& path, std::error_code& error) {
+    error.clear();
+    return path;
+}
+#else
+fs::path AbsolutePath(const fs::path& path) {
+    std::error_code error;
+    fs::path full = fs::absolute(path, error);
+    return error ? path : full;
+}
+
+fs::path FollowLinks(const fs::path& path, std::error_code& error) {
+    fs::path target = fs::weakly_canonical(path, error);
+    return error || target.empty() ? path : target;
 }
 #endif
 

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <string>
+#include <system_error>
 
 namespace vestrel {
 
@@ -30,6 +31,15 @@ std::filesystem::path ProgramFolder();
 /// A path from UTF-8 text, and back.
 std::filesystem::path PathFromText(const std::string& utf8);
 std::string TextFromPath(const std::filesystem::path& path);
+
+/// A path from its root on, without a look at what is there; the path itself when that fails. On
+/// Windows the standard library takes a share ("\\server\share") for a folder of the current
+/// drive.
+std::filesystem::path AbsolutePath(const std::filesystem::path& path);
+
+/// The path without the links in it; what it leads to need not be there. The path itself with an
+/// `error`. On Windows links are not looked for: the standard library knows none there.
+std::filesystem::path FollowLinks(const std::filesystem::path& path, std::error_code& error);
 
 /// The largest resident memory that this process has had so far (bytes); 0 when unknown.
 std::size_t PeakMemoryBytes();

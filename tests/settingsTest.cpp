@@ -245,6 +245,18 @@ TEST(Paths, TakeTextThatIsNoUtf8AndNamesThatAreNoUtf16) {
     EXPECT_EQ(TextFromPath(PathFromText("\xF0\x9F\x94\xAD")), "\xF0\x9F\x94\xAD");
     EXPECT_EQ(PathFromText(""), std::filesystem::path());
 }
+
+TEST(Paths, OfSharesAndOfAnyLengthStayWhatTheyAre) {
+    EXPECT_EQ(AbsolutePath(L"\\\\server\\share\\x\\..\\a.fit"), L"\\\\server\\share\\a.fit");
+    EXPECT_EQ(AbsolutePath("a.fit"), std::filesystem::current_path() / "a.fit");
+    const TemporaryFolder folder;
+    std::filesystem::path file = L"\\\\?\\" + AbsolutePath(folder / "a").native();
+    EXPECT_EQ(AbsolutePath(file), file);
+    for (const std::string_view text : {"one", "two"}) {
+        EXPECT_TRUE(ReplaceFile(file, text));
+        EXPECT_EQ(ReadFile(folder / "a"), text);
+    }
+}
 #else
 TEST(SettingsPlace, FollowsTheEnvironment) {
     SetVariable("XDG_CONFIG_HOME", "/some/where");
