@@ -31,13 +31,16 @@ fs::path ShellFolder(int number) {
     return SHGetSpecialFolderPathW(nullptr, folder, number, TRUE) ? fs::path(folder) : fs::path();
 }
 
-/// Where a file of the user's is: beside the program when one is there already, as on a memory
+constexpr const wchar_t* settingsName = L"Vestrel.ini";
+
+/// Where the user's files are: beside the program when settings are there already, as on a memory
 /// stick that goes from one computer to the next, else with the user's other application data.
 fs::path UserFile(const wchar_t* name) {
-    fs::path beside = ProgramFolder() / name;
+    const fs::path program = ProgramFolder();
     std::error_code ignored;
     const fs::path data = ShellFolder(CSIDL_APPDATA);
-    return data.empty() || fs::exists(beside, ignored) ? beside : data / "Vestrel" / name;
+    const bool beside = data.empty() || fs::exists(program / settingsName, ignored);
+    return (beside ? program : data / "Vestrel") / name;
 }
 #else
 fs::path FolderFromEnvironment(const char* variable) {
@@ -147,7 +150,7 @@ fs::path SettingsFilePath() {
     fs::path file = FolderFromEnvironment("VESTREL_SETTINGS");
     if (!file.empty()) return file;
 #ifdef _WIN32
-    return UserFile(L"Vestrel.ini");
+    return UserFile(settingsName);
 #else
     const fs::path folder = UserFolder("XDG_CONFIG_HOME", ".config");
     return (folder.empty() ? ProgramFolder() : folder / "vestrel") / "Vestrel.ini";

@@ -20,9 +20,9 @@ std::filesystem::path DefaultCatalogFolder();
 /// `$XDG_CONFIG_HOME/vestrel/Vestrel.ini` (`~/.config` when unset).
 std::filesystem::path SettingsFilePath();
 
-/// The file that remembers which images were opened last. On Windows it is looked for as the
-/// settings file is; elsewhere `$XDG_STATE_HOME/vestrel/recent-images` (`~/.local/state` when
-/// unset).
+/// The file that remembers which images were opened last. On Windows it is beside the
+/// settings, $VESTREL_SETTINGS aside; elsewhere `$XDG_STATE_HOME/vestrel/recent-images`
+/// (`~/.local/state` when unset).
 std::filesystem::path RecentImagesFilePath();
 
 /// The folder that holds the running program; the current folder when it cannot be told.

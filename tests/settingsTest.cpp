@@ -231,6 +231,11 @@ TEST(SettingsPlace, IsTheUsersApplicationData) {
     const std::filesystem::path data = _wgetenv(L"APPDATA");
     EXPECT_EQ(SettingsFilePath(), data / "Vestrel" / "Vestrel.ini");
     EXPECT_EQ(RecentImagesFilePath(), data / "Vestrel" / "recent-images");
+    // On a memory stick both stay on it.
+    WriteFile(ProgramFolder() / "Vestrel.ini", "");
+    EXPECT_EQ(SettingsFilePath(), ProgramFolder() / "Vestrel.ini");
+    EXPECT_EQ(RecentImagesFilePath(), ProgramFolder() / "recent-images");
+    std::filesystem::remove(ProgramFolder() / "Vestrel.ini");
     UnsetVariable("VESTREL_CATALOG");
     EXPECT_EQ(DefaultCatalogFolder(),
               std::filesystem::path(_wgetenv(L"ProgramData")) / "Harrowdene" / "KEL");
