@@ -112,7 +112,8 @@ void UpdateClock(ProgramState& state) {
                           DayTimeText(sidereal * 3600);
 }
 
-void LoadTelescopeCommand(ProgramState& state, Port& port) {
+bool LoadTelescopeCommand(ProgramState& state, Port& port) {
+    bool loaded = false;
     WithTelescope(state, port, [&] {
         const milliseconds limit = state.TelescopePatience.Call;
         const double hours = Ask(state, port, limit,
@@ -131,8 +132,10 @@ void LoadTelescopeCommand(ProgramState& state, Port& port) {
         const SkyPosition position = Precess(*ofDate, state.JulianDate, J2000);
         state.Inputs.Ra = FormatRA(position.Ra, false, 2);
         state.Inputs.Dec = FormatDec(position.Dec, false, 1);
+        loaded = true;
         Tell(state, port, "position loaded", StatusColour::Green);
     });
+    return loaded;
 }
 
 void SyncTelescopeCommand(ProgramState& state, Port& port) {

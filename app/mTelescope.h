@@ -16,7 +16,8 @@ void UpdateClock(ProgramState& state);
 /// status line. A connection that was lost, by a driver that did not answer among others, is made
 /// anew at the next try. Does nothing while something else runs: the solve below
 /// would have to wait. Stop Search, and closing the program, end the waiting.
-void LoadTelescopeCommand(ProgramState& state, Port& port);
+/// @return whether the inputs have changed
+bool LoadTelescopeCommand(ProgramState& state, Port& port);
 
 /// Sync: tells the telescope that it points to the solved centre. Fails as Load does; does nothing
 /// before a solve has succeeded.
