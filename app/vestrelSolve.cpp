@@ -299,7 +299,7 @@ int Run(int argc, const char* const* argv) {
 int main(int argc, char** argv) {
     try {
         const vestrel::ProgramArguments arguments(argc, argv);
-        vestrel::PrepareConsole();
+        const vestrel::PreparedConsole console;
         return vestrel::Run(arguments.Count(), arguments.Values());
     } catch (const std::exception& error) {
         std::fprintf(stderr, "vestrel-solve: %s\n", error.what());
