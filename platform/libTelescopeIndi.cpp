@@ -124,11 +124,7 @@ class Client : public INDI::BaseClient {
  public:
     explicit Client(std::string device) : device_(std::move(device)) {}
     ~Client() override {
-        if (!started_) return;
-        if (isServerConnected()) disconnectServer();
-        // The last that the library's thread calls.
-        std::unique_lock lock(lock_);
-        changed_.wait_for(lock, TelescopeLimits::Margin, [this] { return gone_; });
+        if (started_ && isServerConnected()) disconnectServer();  // waits for the library's thread
     }
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
