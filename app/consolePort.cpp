@@ -24,11 +24,11 @@ extern "C" void OnStopSignal(int signal) {
 
 bool MayUseColour(std::FILE* stream) {
     const char* refused = std::getenv("NO_COLOR");
-    return IsTerminal(stream) && (refused == nullptr || *refused == 0);
+    return TakesEscapeSequences(stream) && (refused == nullptr || *refused == 0);
 }
 
 ConsolePort::ConsolePort(ProgramState& state, bool quiet)
-    : state_(state), drawsProgress_(!quiet && IsTerminal(stderr)) {
+    : state_(state), drawsProgress_(!quiet && TakesEscapeSequences(stderr)) {
     stopSignals = 0;
     std::signal(SIGINT, OnStopSignal);
     std::signal(SIGTERM, OnStopSignal);

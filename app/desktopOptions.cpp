@@ -39,8 +39,7 @@ DesktopStart ReadDesktopArguments(const std::vector<std::string>& arguments) {
     }
     if (IsFile(text)) {
         // The folder is shown and remembered.
-        const std::filesystem::path path = std::filesystem::absolute(PathFromText(text));
-        return {DesktopStart::Kind::OpenImage, TextFromPath(path)};
+        return {DesktopStart::Kind::OpenImage, TextFromPath(AbsolutePath(PathFromText(text)))};
     }
     text = Trim(text);
     if (text.empty()) return {};

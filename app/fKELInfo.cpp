@@ -221,8 +221,7 @@ void SolveWindow::FocusStop() {
 
 void SolveWindow::LoadTelescope() {
     FocusStop();
-    LoadTelescopeCommand(state_, port_);
-    ShowInputs();
+    if (LoadTelescopeCommand(state_, port_)) ShowInputs();
 }
 
 void SolveWindow::SyncTelescope() {

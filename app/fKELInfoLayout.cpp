@@ -212,9 +212,11 @@ QGroupBox* SolveWindow::BuildShownValues(
 QGroupBox* SolveWindow::BuildStatus() {
     auto* group = new QGroupBox("Status");
     const auto addLine = [](const char* name) {
-        auto* label = new QLabel;
+        // As wide as its text, except that a long one does not make the window wider.
+        auto* label = new ElidedLabel;
+        label->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
+        label->setMinimumWidth(1);
         label->setObjectName(name);
-        label->setTextFormat(Qt::PlainText);
         QFont font = label->font();
         font.setBold(true);
         label->setFont(font);

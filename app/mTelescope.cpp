@@ -1,9 +1,11 @@
 #include "app/mTelescope.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <optional>
 #include <utility>
 
 #include "app/mSolveWindow.h"
@@ -46,7 +48,8 @@ void Connect(ProgramState& state, Port& port) {
     state.TelescopeConnected = true;
 }
 
-/// Runs a command over a connected telescope. What fails ends here, and the connection with it.
+/// Runs a command over a connected telescope. What fails ends here; the connection only with it
+/// when it is lost.
 template <typename Work>
 void WithTelescope(ProgramState& state, Port& port, Work work) {
     const Operation operation(state, port, Activity::Telescope);
@@ -57,8 +60,11 @@ void WithTelescope(ProgramState& state, Port& port, Work work) {
         Connect(state, port);
         work();
     } catch (const TelescopeError& error) {
-        const bool wasConnected = std::exchange(state.TelescopeConnected, false);
-        state.Telescope.reset();
+        const bool wasConnected = state.TelescopeConnected;
+        if (!wasConnected || error.IsLost()) {
+            state.TelescopeConnected = false;
+            state.Telescope.reset();
+        }
         state.Display.BusyIndicator = false;
         Tell(state, port, error.what(), StatusColour::Red);
         if (!wasConnected && !state.StopRequested) {
@@ -67,9 +73,18 @@ void WithTelescope(ProgramState& state, Port& port, Work work) {
     }
 }
 
-/// A value that is within its limits; drivers have been seen to return anything.
-bool Within(double value, double low, double high) {
-    return value >= low && value <= high;  // not so for a NaN
+/// A position from a driver, of which anything may come. Its rounding is no fault: a second of arc
+/// beyond the ends of the circles is at the ends.
+std::optional<SkyPosition> PositionFrom(double hours, double degrees) {
+    constexpr double slack = 1.0 / 3600;
+    const auto within = [](double value, double low, double high) {
+        return value >= low && value <= high;  // not so for a NaN
+    };
+    if (!within(hours, -slack / 15, 24 + slack / 15) || !within(std::abs(degrees), 0, 90 + slack)) {
+        return std::nullopt;
+    }
+    return SkyPosition{std::fmod(hours + 24, 24) * Pi / 12,
+                       std::clamp(degrees, -90.0, 90.0) * Pi / 180};
 }
 
 /// The time of the day after so many seconds: "07:05:09".
@@ -97,14 +112,16 @@ void UpdateClock(ProgramState& state) {
                           DayTimeText(sidereal * 3600);
 }
 
-void LoadTelescopeCommand(ProgramState& state, Port& port) {
+bool LoadTelescopeCommand(ProgramState& state, Port& port) {
+    bool loaded = false;
     WithTelescope(state, port, [&] {
         const milliseconds limit = state.TelescopePatience.Call;
         const double hours = Ask(state, port, limit,
                                  [](TelescopeDriver& driver) { return driver.RightAscension(); });
         const double degrees =
             Ask(state, port, limit, [](TelescopeDriver& driver) { return driver.Declination(); });
-        if (!Within(hours, 0, 24) || !Within(degrees, -90, 90)) {
+        const std::optional<SkyPosition> ofDate = PositionFrom(hours, degrees);
+        if (!ofDate) {
             Tell(state, port,
                  "no valid position: " + NumberText(hours) + " hours, " + NumberText(degrees) +
                      " degrees",
@@ -112,12 +129,13 @@ void LoadTelescopeCommand(ProgramState& state, Port& port) {
             return;
         }
         UpdateClock(state);
-        const SkyPosition position =
-            Precess({hours * Pi / 12, degrees * Pi / 180}, state.JulianDate, J2000);
+        const SkyPosition position = Precess(*ofDate, state.JulianDate, J2000);
         state.Inputs.Ra = FormatRA(position.Ra, false, 2);
         state.Inputs.Dec = FormatDec(position.Dec, false, 1);
+        loaded = true;
         Tell(state, port, "position loaded", StatusColour::Green);
     });
+    return loaded;
 }
 
 void SyncTelescopeCommand(ProgramState& state, Port& port) {

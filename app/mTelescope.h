@@ -13,9 +13,11 @@ void UpdateClock(ProgramState& state);
 ///
 /// Connects first when there is no connection; shows "Can't connect to SiTech" when that fails. All
 /// other failures, positions that cannot be among them, leave the inputs alone and are told in the
-/// status line. The next try connects anew. Does nothing while something else runs: the solve below
+/// status line. A connection that was lost, by a driver that did not answer among others, is made
+/// anew at the next try. Does nothing while something else runs: the solve below
 /// would have to wait. Stop Search, and closing the program, end the waiting.
-void LoadTelescopeCommand(ProgramState& state, Port& port);
+/// @return whether the inputs have changed
+bool LoadTelescopeCommand(ProgramState& state, Port& port);
 
 /// Sync: tells the telescope that it points to the solved centre. Fails as Load does; does nothing
 /// before a solve has succeeded.

@@ -87,11 +87,10 @@ std::string CoincidingFiles(const ConsoleOptions& options) {
         if (output.empty()) continue;
         for (const auto& [what, path] : files) {
             std::error_code ignored;
-            const std::filesystem::path one = PathFromText(output);
-            const std::filesystem::path other = PathFromText(path);
+            const std::filesystem::path one = AbsolutePath(PathFromText(output));
+            const std::filesystem::path other = AbsolutePath(PathFromText(path));
             if (std::filesystem::equivalent(one, other, ignored) ||
-                std::filesystem::weakly_canonical(one, ignored) ==
-                    std::filesystem::weakly_canonical(other, ignored)) {
+                FollowLinks(one, ignored) == FollowLinks(other, ignored)) {
                 return output + " is " + what + ": name another file.";
             }
         }
@@ -330,7 +329,7 @@ int Run(int argc, const char* const* argv) {
 int main(int argc, char** argv) {
     try {
         const vestrel::ProgramArguments arguments(argc, argv);
-        vestrel::PrepareConsole();
+        const vestrel::PreparedConsole console;
         return vestrel::Run(arguments.Count(), arguments.Values());
     } catch (const std::exception& error) {
         std::fprintf(stderr, "vestrel-solve: %s\n", error.what());

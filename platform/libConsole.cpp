@@ -41,13 +41,24 @@ HANDLE ConsoleOf(std::FILE* stream, DWORD& mode) {
 
 }  // namespace
 
-void PrepareConsole() {
+PreparedConsole::PreparedConsole() : codePage_(GetConsoleOutputCP()) {
     for (std::FILE* stream : {stdout, stderr}) {
         DWORD mode = 0;
         const HANDLE console = ConsoleOf(stream, mode);
         if (console == nullptr) continue;
+        modes_.emplace_back(console, mode);
         SetConsoleOutputCP(CP_UTF8);
         SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+    }
+}
+
+PreparedConsole::~PreparedConsole() {
+    if (modes_.empty()) return;
+    std::fflush(stdout);  // in the code page that it was written for
+    SetConsoleOutputCP(codePage_);
+    // Both streams may lead to one console, whose first mode is the one before.
+    for (auto mode = modes_.rbegin(); mode != modes_.rend(); ++mode) {
+        SetConsoleMode(mode->first, mode->second);
     }
 }
 
@@ -56,12 +67,22 @@ bool IsTerminal(std::FILE* stream) {
     return ConsoleOf(stream, mode) != nullptr;
 }
 
+bool TakesEscapeSequences(std::FILE* stream) {
+    DWORD mode = 0;
+    return ConsoleOf(stream, mode) != nullptr && (mode & ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
+}
+
 #else
 
-void PrepareConsole() {}
+PreparedConsole::PreparedConsole() = default;
+PreparedConsole::~PreparedConsole() = default;
 
 bool IsTerminal(std::FILE* stream) {
     return isatty(fileno(stream)) != 0;
+}
+
+bool TakesEscapeSequences(std::FILE* stream) {
+    return IsTerminal(stream);
 }
 
 #endif

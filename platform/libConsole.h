@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vestrel {
@@ -20,10 +21,26 @@ class ProgramArguments {
     std::vector<const char*> pointers_;  ///< into `texts_`
 };
 
-/// Makes the console show UTF-8 and take escape sequences, as consoles elsewhere do anyway.
-void PrepareConsole();
+/// While it lives the console shows UTF-8 and takes escape sequences, as consoles elsewhere do
+/// anyway; after it, it is as it was.
+class PreparedConsole {
+ public:
+    PreparedConsole();
+    ~PreparedConsole();
+    PreparedConsole(const PreparedConsole&) = delete;
+    PreparedConsole& operator=(const PreparedConsole&) = delete;
+
+#ifdef _WIN32
+ private:
+    std::vector<std::pair<void*, unsigned long>> modes_;  ///< of each console, before
+    unsigned codePage_ = 0;
+#endif
+};
 
 /// Whether a stream leads to a screen.
 bool IsTerminal(std::FILE* stream);
+
+/// Whether it leads to one that takes escape sequences; old consoles print them.
+bool TakesEscapeSequences(std::FILE* stream);
 
 }  // namespace vestrel

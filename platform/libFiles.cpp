@@ -179,7 +179,7 @@ void Replace(const fs::path& path, std::span<const unsigned char> bytes, bool ke
 
 NewFile::NewFile(const fs::path& path) {
     std::error_code error;
-    path_ = fs::weakly_canonical(path, error);
+    path_ = FollowLinks(path, error);
     if (error || path_.empty()) path_ = path;
     // A rename would put a file in the place of a device, and of one that is write-protected.
     const fs::file_status there = fs::status(path_, error);

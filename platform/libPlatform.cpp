@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <new>
-#include <system_error>
 
 #ifdef _WIN32
 #include <windows.h>
@@ -32,13 +31,16 @@ fs::path ShellFolder(int number) {
     return SHGetSpecialFolderPathW(nullptr, folder, number, TRUE) ? fs::path(folder) : fs::path();
 }
 
-/// Where a file of the user's is: beside the program when one is there already, as on a memory
+constexpr const wchar_t* settingsName = L"Vestrel.ini";
+
+/// Where the user's files are: beside the program when settings are there already, as on a memory
 /// stick that goes from one computer to the next, else with the user's other application data.
 fs::path UserFile(const wchar_t* name) {
-    fs::path beside = ProgramFolder() / name;
+    const fs::path program = ProgramFolder();
     std::error_code ignored;
     const fs::path data = ShellFolder(CSIDL_APPDATA);
-    return data.empty() || fs::exists(beside, ignored) ? beside : data / "Vestrel" / name;
+    const bool beside = data.empty() || fs::exists(program / settingsName, ignored);
+    return (beside ? program : data / "Vestrel") / name;
 }
 #else
 fs::path FolderFromEnvironment(const char* variable) {
@@ -88,6 +90,33 @@ std::string TextFromPath(const fs::path& path) {
 }
 #endif
 
+#ifdef _WIN32
+fs::path AbsolutePath(const fs::path& path) {
+    const DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
+    std::wstring full(size, L'\0');
+    const DWORD length = GetFullPathNameW(path.c_str(), size, full.data(), nullptr);
+    if (length == 0 || length >= size) return path;
+    full.resize(length);
+    return {full};
+}
+
+fs::path FollowLinks(const fs::path& path, std::error_code& error) {
+    error.clear();
+    return path;
+}
+#else
+fs::path AbsolutePath(const fs::path& path) {
+    std::error_code error;
+    fs::path full = fs::absolute(path, error);
+    return error ? path : full;
+}
+
+fs::path FollowLinks(const fs::path& path, std::error_code& error) {
+    fs::path target = fs::weakly_canonical(path, error);
+    return error || target.empty() ? path : target;
+}
+#endif
+
 fs::path ProgramFolder() {
 #ifdef _WIN32
     wchar_t buffer[32768];
@@ -121,7 +150,7 @@ fs::path SettingsFilePath() {
     fs::path file = FolderFromEnvironment("VESTREL_SETTINGS");
     if (!file.empty()) return file;
 #ifdef _WIN32
-    return UserFile(L"Vestrel.ini");
+    return UserFile(settingsName);
 #else
     const fs::path folder = UserFolder("XDG_CONFIG_HOME", ".config");
     return (folder.empty() ? ProgramFolder() : folder / "vestrel") / "Vestrel.ini";

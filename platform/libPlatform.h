@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <string>
+#include <system_error>
 
 namespace vestrel {
 
@@ -19,9 +20,9 @@ std::filesystem::path DefaultCatalogFolder();
 /// `$XDG_CONFIG_HOME/vestrel/Vestrel.ini` (`~/.config` when unset).
 std::filesystem::path SettingsFilePath();
 
-/// The file that remembers which images were opened last. On Windows it is looked for as the
-/// settings file is; elsewhere `$XDG_STATE_HOME/vestrel/recent-images` (`~/.local/state` when
-/// unset).
+/// The file that remembers which images were opened last. On Windows it is beside the
+/// settings, $VESTREL_SETTINGS aside; elsewhere `$XDG_STATE_HOME/vestrel/recent-images`
+/// (`~/.local/state` when unset).
 std::filesystem::path RecentImagesFilePath();
 
 /// The folder that holds the running program; the current folder when it cannot be told.
@@ -30,6 +31,15 @@ std::filesystem::path ProgramFolder();
 /// A path from UTF-8 text, and back.
 std::filesystem::path PathFromText(const std::string& utf8);
 std::string TextFromPath(const std::filesystem::path& path);
+
+/// A path from its root on, without a look at what is there; the path itself when that fails. On
+/// Windows the standard library takes a share ("\\server\share") for a folder of the current
+/// drive.
+std::filesystem::path AbsolutePath(const std::filesystem::path& path);
+
+/// The path without the links in it; what it leads to need not be there. The path itself with an
+/// `error`. On Windows links are not looked for: the standard library knows none there.
+std::filesystem::path FollowLinks(const std::filesystem::path& path, std::error_code& error);
 
 /// The largest resident memory that this process has had so far (bytes); 0 when unknown.
 std::size_t PeakMemoryBytes();

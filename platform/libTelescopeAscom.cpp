@@ -141,7 +141,7 @@ class AscomDriver : public TelescopeDriver {
         wchar_t* names[] = {name.data()};
         DISPID id = DISPID_UNKNOWN;
         HRESULT code = object_->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id);
-        if (FAILED(code)) throw TelescopeError(std::string(member) + ": " + Reason(code));
+        if (FAILED(code)) Fail(member, code);
 
         // The last argument comes first. They stay ours: the driver gets copies of plain numbers.
         std::array<VARIANT, 2> given{};
@@ -157,7 +157,17 @@ class AscomDriver : public TelescopeDriver {
         if (code == DISP_E_EXCEPTION) {
             throw TelescopeError(std::string(member) + ": " + exception.Reason());
         }
-        if (FAILED(code)) throw TelescopeError(std::string(member) + ": " + Reason(code));
+        if (FAILED(code)) Fail(member, code);
+    }
+
+    [[noreturn]] static void Fail(const char* member, HRESULT code) {
+        // The driver's own process has ended.
+        const bool gone = code == RPC_E_DISCONNECTED || code == RPC_E_SERVER_DIED ||
+                          code == RPC_E_SERVER_DIED_DNE || code == CO_E_OBJNOTCONNECTED ||
+                          code == HRESULT_FROM_WIN32(RPC_S_SERVER_UNAVAILABLE) ||
+                          code == HRESULT_FROM_WIN32(RPC_S_CALL_FAILED);
+        throw TelescopeError(std::string(member) + ": " + Reason(code),
+                             gone ? TelescopeError::Kind::Lost : TelescopeError::Kind::Refused);
     }
 
     Apartment apartment_;  // must be there before the object, and after it

@@ -12,14 +12,23 @@ namespace vestrel {
 /// A telescope did not do what it was asked for; the text says why, for the user.
 class TelescopeError : public std::runtime_error {
  public:
-    using std::runtime_error::runtime_error;
+    enum class Kind {
+        Refused,  ///< the next call may succeed
+        Lost      ///< the connection is of no more use
+    };
+    explicit TelescopeError(const std::string& text, Kind kind = Kind::Refused)
+        : std::runtime_error(text), kind_(kind) {}
+    bool IsLost() const { return kind_ == Kind::Lost; }
+
+ private:
+    Kind kind_;
 };
 
 /// How long the program waits for a telescope. A driver that can tell what it waits for should give
 /// up by itself `Margin` earlier, as its text says more than that the time is over.
 struct TelescopeLimits {
-    std::chrono::milliseconds Connect{5000};  ///< to create the driver and connect
-    std::chrono::milliseconds Call{3000};     ///< everything else
+    std::chrono::milliseconds Connect{30000};  ///< to create the driver and connect
+    std::chrono::milliseconds Call{3000};      ///< everything else
     static constexpr std::chrono::milliseconds Margin{300};
 };
 

@@ -1,11 +1,15 @@
 // Telescopes behind an INDI server (https://indilib.org).
 
+#include <arpa/inet.h>
 #include <libindi/baseclient.h>
 #include <libindi/basedevice.h>
 #include <libindi/indipropertynumber.h>
 #include <libindi/indipropertyswitch.h>
+#include <netdb.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <chrono>
 #include <condition_variable>
@@ -33,6 +37,9 @@ constexpr const char* connectElement = "CONNECT";
 constexpr const char* coordinates = "EQUATORIAL_EOD_COORD";  // of the current date
 constexpr const char* coordinateUse = "ON_COORD_SET";
 constexpr const char* syncElement = "SYNC";
+// Mounts may take their time to connect, but servers answer at once.
+constexpr milliseconds serverLimit{2500};
+constexpr milliseconds deviceLimit{2500};
 constexpr const char* serverGone = "the INDI server has gone";
 
 struct Address {
@@ -86,10 +93,26 @@ std::optional<Address> ParseAddress(std::string_view text) {
     return address;
 }
 
+/// The numeric address of a host; empty when it has none. The client library would look for it on a
+/// thread of its own, and ends the program when it gives up before that thread does.
+std::string Resolved(const std::string& host) {
+    addrinfo wanted{};
+    wanted.ai_family = AF_INET;  // the library knows no other
+    wanted.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(host.c_str(), nullptr, &wanted, &found) != 0) return {};
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
+    std::array<char, INET_ADDRSTRLEN> text{};
+    const auto* address = reinterpret_cast<const sockaddr_in*>(found->ai_addr);
+    if (inet_ntop(AF_INET, &address->sin_addr, text.data(), text.size()) == nullptr) return {};
+    return text.data();
+}
+
 /// What is known of a property. Copied out of the client's own record, which its thread changes.
 struct Property {
     IPState State = IPS_IDLE;
     std::map<std::string, double, std::less<>> Values;  ///< of a switch 1 when on
+    bool Updated = false;                               ///< told since it was defined
     // Since it was listened to:
     bool Heard = false;
     bool Agreed = false;
@@ -101,17 +124,13 @@ class Client : public INDI::BaseClient {
  public:
     explicit Client(std::string device) : device_(std::move(device)) {}
     ~Client() override {
-        if (!started_) return;
-        if (isServerConnected()) disconnectServer();
-        // The last that the library's thread calls.
-        std::unique_lock lock(lock_);
-        changed_.wait_for(lock, TelescopeLimits::Margin, [this] { return gone_; });
+        if (started_ && isServerConnected()) disconnectServer();  // waits for the library's thread
     }
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    bool Start(const Address& address, milliseconds limit) {
-        setServer(address.Host.c_str(), address.Port);
+    bool Start(const std::string& numericHost, unsigned port, milliseconds limit) {
+        setServer(numericHost.c_str(), port);
         const auto microseconds = std::chrono::microseconds(limit).count();
         setConnectionTimeout(static_cast<std::uint32_t>(microseconds / 1000000),
                              static_cast<std::uint32_t>(microseconds % 1000000));
@@ -122,11 +141,12 @@ class Client : public INDI::BaseClient {
 
     /// Waits until a condition on what is known holds; throws when it does not in time.
     template <typename Condition>
-    void WaitUntil(steady_clock::time_point end, const char* what, Condition condition) {
+    void WaitUntil(steady_clock::time_point end, const char* what, Condition condition,
+                   TelescopeError::Kind otherwise = TelescopeError::Kind::Refused) {
         std::unique_lock lock(lock_);
         changed_.wait_until(lock, end, [&] { return gone_ || condition(); });
-        if (gone_) throw TelescopeError(serverGone);
-        if (!condition()) throw TelescopeError(what + Said());
+        if (gone_) throw TelescopeError(serverGone, TelescopeError::Kind::Lost);
+        if (!condition()) throw TelescopeError(what + Said(), otherwise);
     }
     /// What is known of a property, if it exists; only for use within a condition.
     Property* Known(const char* name) {
@@ -136,7 +156,7 @@ class Client : public INDI::BaseClient {
     /// A copy of what is known of a property.
     Property Copy(const char* name) {
         const std::lock_guard lock(lock_);
-        if (gone_) throw TelescopeError(serverGone);
+        if (gone_) throw TelescopeError(serverGone, TelescopeError::Kind::Lost);
         const Property* property = Known(name);
         if (property == nullptr) throw TelescopeError("the mount has no " + std::string(name));
         return *property;
@@ -145,7 +165,7 @@ class Client : public INDI::BaseClient {
     void Listen(const char* name) {
         const std::lock_guard lock(lock_);
         // The library is not to write to a server that has gone: its threads race for its error.
-        if (gone_) throw TelescopeError(serverGone);
+        if (gone_) throw TelescopeError(serverGone, TelescopeError::Kind::Lost);
         Property* property = Known(name);
         if (property == nullptr) throw TelescopeError("the mount has no " + std::string(name));
         property->Heard = property->Agreed = property->Alerted = false;
@@ -176,8 +196,8 @@ class Client : public INDI::BaseClient {
     }
 
  protected:
-    void newProperty(INDI::Property property) override { Note(property); }
-    void updateProperty(INDI::Property property) override { Note(property); }
+    void newProperty(INDI::Property property) override { Note(property, false); }
+    void updateProperty(INDI::Property property) override { Note(property, true); }
     void removeProperty(INDI::Property property) override {
         const std::lock_guard lock(lock_);
         known_.erase(property.getName());
@@ -196,11 +216,12 @@ class Client : public INDI::BaseClient {
 
  private:
     std::string Said() const { return message_.empty() ? "" : " (" + message_ + ")"; }
-    void Note(INDI::Property& property) {
+    void Note(INDI::Property& property, bool updated) {
         if (device_ != property.getDeviceName()) return;
         const std::lock_guard lock(lock_);
         Property& known = known_[property.getName()];
         known.State = property.getState();
+        known.Updated = known.Updated || updated;
         known.Heard = true;
         known.Agreed = known.Agreed || known.State == IPS_OK;
         known.Alerted = known.Alerted || known.State == IPS_ALERT;
@@ -239,15 +260,18 @@ class IndiTelescope : public TelescopeDriver {
         client_.reset();
         if (!connected) return;  // the mount stays so for others that use it
         const auto end = steady_clock::now() + limits_.Connect - TelescopeLimits::Margin;
+        const std::string host = Resolved(address_.Host);
+        if (host.empty()) throw TelescopeError("there is no host " + address_.Host);
         client_ = std::make_unique<Client>(address_.Device);
-        if (!client_->Start(address_, limits_.Connect / 2)) {
+        if (!client_->Start(host, address_.Port, serverLimit)) {
             client_.reset();
             throw TelescopeError("no INDI server at " + address_.Host + ":" +
                                  std::to_string(address_.Port));
         }
-        client_->WaitUntil(end, "the INDI server has no such device",
+        client_->WaitUntil(steady_clock::now() + deviceLimit, "the INDI server has no such device",
                            [this] { return client_->Known(connection) != nullptr; });
-        Switch(connection, connectElement, end, "the mount does not connect");
+        foundConnected_ = true;
+        ConnectMount(end, "the mount does not connect");
         client_->WaitUntil(end, "the mount tells no coordinates of date",
                            [this] { return client_->Known(coordinates) != nullptr; });
     }
@@ -296,10 +320,13 @@ class IndiTelescope : public TelescopeDriver {
         Client& client = *client_;
         client.Listen(name);
         client.SendSwitch(name, element);
-        client.WaitUntil(end, otherwise, [&] {
-            const Property* told = client.Known(name);
-            return told != nullptr && told->Heard && told->State != IPS_BUSY;
-        });
+        client.WaitUntil(
+            end, otherwise,
+            [&] {
+                const Property* told = client.Known(name);
+                return told != nullptr && told->Heard && told->State != IPS_BUSY;
+            },
+            TelescopeError::Kind::Lost);
         const Property told = client.Copy(name);
         const auto value = told.Values.find(element);
         if (told.Alerted || value == told.Values.end() || value->second != 1) {
@@ -307,11 +334,32 @@ class IndiTelescope : public TelescopeDriver {
         }
     }
 
+    void ConnectMount(steady_clock::time_point end, const char* otherwise) {
+        const auto values = client_->Copy(connection).Values;
+        const auto value = values.find(connectElement);
+        foundConnected_ = foundConnected_ && value != values.end() && value->second == 1;
+        Switch(connection, connectElement, end, otherwise);
+    }
+
+    /// Whether coordinates are those of the mount. It defines them before it has looked where it
+    /// is; only one that was connected all the time has done so.
+    bool AreTold(const Property& coordinate) const {
+        return coordinate.Updated ||
+               (foundConnected_ &&
+                std::any_of(coordinate.Values.begin(), coordinate.Values.end(),
+                            [](const auto& value) { return value.second != 0; }));
+    }
+
     double Coordinate(const char* element) {
+        const auto end = End();
         Client& client = Begin();
         // Connected already, the mount only says so: a server that is dead without a word would
         // leave its last coordinates standing.
-        Switch(connection, connectElement, End(), "the mount does not answer");
+        ConnectMount(end, "the mount does not answer");
+        client.WaitUntil(end, "the mount tells no coordinates yet", [&] {
+            const Property* told = client.Known(coordinates);
+            return told != nullptr && AreTold(*told);
+        });
         const Property told = client.Copy(coordinates);
         const auto value = told.Values.find(element);
         if (value == told.Values.end()) throw TelescopeError("the mount tells no coordinates");
@@ -322,6 +370,7 @@ class IndiTelescope : public TelescopeDriver {
     Address address_;
     TelescopeLimits limits_;
     std::unique_ptr<Client> client_;
+    bool foundConnected_ = false;  ///< the mount was connected whenever it was asked to be
 };
 
 }  // namespace

@@ -22,19 +22,21 @@ constexpr milliseconds farewell{1000};
 /// What came of a call.
 struct Outcome {
     double Value = 0;
-    std::optional<std::string> Failure;
+    std::optional<TelescopeError> Failure;
 };
 
 Outcome Perform(const TelescopeLink::Call& call, const TelescopeFactory& create,
                 std::unique_ptr<TelescopeDriver>& driver) {
     try {
         if (!driver) driver = create ? create() : nullptr;
-        if (!driver) return {0, "no telescope is set up"};
+        if (!driver) return {0, TelescopeError("no telescope is set up")};
         return {call(*driver), std::nullopt};
+    } catch (const TelescopeError& error) {
+        return {0, error};
     } catch (const std::exception& error) {
-        return {0, error.what()};
+        return {0, TelescopeError(error.what())};
     } catch (...) {
-        return {0, "the driver failed"};
+        return {0, TelescopeError("the driver failed")};
     }
 }
 
@@ -94,7 +96,8 @@ void TelescopeLink::Leave() {
 }
 
 double TelescopeLink::Run(Call call, milliseconds limit, const std::function<bool()>& goOn) {
-    if (!usable_) throw TelescopeError("the link has been given up");
+    constexpr auto lost = TelescopeError::Kind::Lost;
+    if (!usable_) throw TelescopeError("the link has been given up", lost);
     const auto end = steady_clock::now() + limit;
     usable_ = false;
     Outcome outcome;
@@ -109,17 +112,15 @@ double TelescopeLink::Run(Call call, milliseconds limit, const std::function<boo
             const bool over = steady_clock::now() >= end;
             if (over || !goOn()) {
                 Leave();
-                throw TelescopeError(over ? "it does not answer" : "given up");
+                throw TelescopeError(over ? "it does not answer" : "given up", lost);
             }
             lock.lock();
         }
         outcome = std::move(*shared_->Result);
     }
-    if (outcome.Failure) {
-        Leave();
-        throw TelescopeError(*outcome.Failure);
-    }
-    usable_ = true;
+    usable_ = !outcome.Failure || !outcome.Failure->IsLost();
+    if (!usable_) Leave();
+    if (outcome.Failure) throw TelescopeError(*outcome.Failure);
     return outcome.Value;
 }
 

@@ -23,9 +23,9 @@ class TelescopeLink {
     TelescopeLink(const TelescopeLink&) = delete;
     TelescopeLink& operator=(const TelescopeLink&) = delete;
 
-    /// What `call` returns. Throws `TelescopeError` when it failed, when `limit` has passed, or
-    /// when `goOn`, asked every few milliseconds, said no. After that the link is of no more use
-    /// and its driver goes.
+    /// What `call` returns. Throws `TelescopeError` when it failed. It is a lost one too when
+    /// `limit` has passed, or when `goOn`, asked every few milliseconds, said no. After a lost one
+    /// the link is of no more use and its driver goes.
     double Run(Call call, std::chrono::milliseconds limit, const std::function<bool()>& goOn);
 
  private:
@@ -35,7 +35,7 @@ class TelescopeLink {
     void Leave();
 
     std::shared_ptr<Shared> shared_;
-    bool usable_ = true;  ///< no call is under way, and none has failed
+    bool usable_ = true;  ///< no call is under way, and the connection was not lost
 };
 
 }  // namespace vestrel

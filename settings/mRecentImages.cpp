@@ -22,9 +22,7 @@ bool IsLine(const std::string& path) {
 
 void AddRecentImage(ProgramState& state, const std::string& path) {
     if (!IsLine(path)) return;
-    std::error_code ignored;
-    const std::filesystem::path absolute = std::filesystem::absolute(PathFromText(path), ignored);
-    const std::string entry = absolute.empty() ? path : TextFromPath(absolute);
+    const std::string entry = TextFromPath(AbsolutePath(PathFromText(path)));
     std::erase(state.RecentImages, entry);
     state.RecentImages.insert(state.RecentImages.begin(), entry);
     if (state.RecentImages.size() > mostImages) state.RecentImages.resize(mostImages);

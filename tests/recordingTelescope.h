@@ -17,6 +17,7 @@ struct TelescopeScript {
     double Degrees = 2;
     double SentHours = 0;
     double SentDegrees = 0;
+    std::string Complaint = "the cat is on the \x1bmount";  ///< of the calls that fail
 
     std::vector<std::string> Calls() {
         const std::lock_guard lock(Lock);
@@ -32,7 +33,7 @@ struct TelescopeScript {
         Degrees = degrees;
         Changed.notify_all();  // those that hung go on
     }
-    /// Waits until all drivers have been destroyed.
+    /// Waits until all drivers have been destroyed, those too that were still being created.
     bool WaitForTheLast() {
         std::unique_lock lock(Lock);
         return Changed.wait_for(lock, std::chrono::seconds(10), [&] { return Living == 0; });
@@ -40,9 +41,9 @@ struct TelescopeScript {
     void Enter(const std::string& call) {
         std::unique_lock lock(Lock);
         Made.push_back(call);
-        if (call == Fails) throw TelescopeError("the cat is on the \x1bmount");
-        Changed.wait(lock, [&] { return call != Hangs; });
+        if (call == Fails) throw TelescopeError(Complaint);
         if (call == "create") ++Living;
+        Changed.wait(lock, [&] { return call != Hangs; });
     }
     void Leave() {
         const std::lock_guard lock(Lock);

@@ -231,6 +231,11 @@ TEST(SettingsPlace, IsTheUsersApplicationData) {
     const std::filesystem::path data = _wgetenv(L"APPDATA");
     EXPECT_EQ(SettingsFilePath(), data / "Vestrel" / "Vestrel.ini");
     EXPECT_EQ(RecentImagesFilePath(), data / "Vestrel" / "recent-images");
+    // On a memory stick both stay on it.
+    WriteFile(ProgramFolder() / "Vestrel.ini", "");
+    EXPECT_EQ(SettingsFilePath(), ProgramFolder() / "Vestrel.ini");
+    EXPECT_EQ(RecentImagesFilePath(), ProgramFolder() / "recent-images");
+    std::filesystem::remove(ProgramFolder() / "Vestrel.ini");
     UnsetVariable("VESTREL_CATALOG");
     EXPECT_EQ(DefaultCatalogFolder(),
               std::filesystem::path(_wgetenv(L"ProgramData")) / "Harrowdene" / "KEL");
@@ -244,6 +249,18 @@ TEST(Paths, TakeTextThatIsNoUtf8AndNamesThatAreNoUtf16) {
     EXPECT_EQ(TextFromPath(std::filesystem::path(L"\xD83D.fit")), "\xEF\xBF\xBD.fit");
     EXPECT_EQ(TextFromPath(PathFromText("\xF0\x9F\x94\xAD")), "\xF0\x9F\x94\xAD");
     EXPECT_EQ(PathFromText(""), std::filesystem::path());
+}
+
+TEST(Paths, OfSharesAndOfAnyLengthStayWhatTheyAre) {
+    EXPECT_EQ(AbsolutePath(L"\\\\server\\share\\x\\..\\a.fit"), L"\\\\server\\share\\a.fit");
+    EXPECT_EQ(AbsolutePath("a.fit"), std::filesystem::current_path() / "a.fit");
+    const TemporaryFolder folder;
+    std::filesystem::path file = L"\\\\?\\" + AbsolutePath(folder / "a").native();
+    EXPECT_EQ(AbsolutePath(file), file);
+    for (const std::string_view text : {"one", "two"}) {
+        EXPECT_TRUE(ReplaceFile(file, text));
+        EXPECT_EQ(ReadFile(folder / "a"), text);
+    }
 }
 #else
 TEST(SettingsPlace, FollowsTheEnvironment) {

@@ -68,7 +68,9 @@ class Server {
         }
         setpgid(process_, process_);
         for (int tries = 0; tries < 100; ++tries) {
-            if (Succeeds("indi_getprop -t 5 -p " + number + " '*.CONNECTION.CONNECT'")) break;
+            if (Succeeds("indi_getprop -t 5 -p " + number +
+                         " 'Telescope Simulator.CONNECTION.CONNECT'"))
+                break;
             std::this_thread::sleep_for(milliseconds(50));
         }
     }
@@ -106,7 +108,7 @@ class IndiTelescope : public testing::Test {
         Port.Messages.clear();
         const auto start = steady_clock::now();
         LoadTelescopeCommand(State, Port);
-        EXPECT_LT(steady_clock::now() - start, TelescopeLimits().Connect + milliseconds(500));
+        EXPECT_LT(steady_clock::now() - start, milliseconds(5500));
         return !State.Inputs.Ra.empty();
     }
     TemporaryFolder Folder;
@@ -144,6 +146,14 @@ TEST_F(IndiTelescope, IsSyncedToTheSolvedCentreAndReadBack) {
     EXPECT_TRUE(State.Display.Status.Text.starts_with("Telescope: the mount refuses the sync (") &&
                 State.Display.Status.Text.find("unpark") != std::string::npos)
         << State.Display.Status.Text;
+}
+
+TEST_F(IndiTelescope, AMountJustConnectedIsWhereItSaysAndNotWhereCoordinatesBegin) {
+    const Server server(Folder.Path, Number);
+    ASSERT_TRUE(Load()) << State.Display.Status.Text;
+    // The simulated mount starts at the pole of date.
+    const SkyPosition loaded{ParseRA(State.Inputs.Ra), ParseDec(State.Inputs.Dec)};
+    EXPECT_NEAR(Precess(loaded, J2000, State.JulianDate).Dec, Pi / 2, 0.001);
 }
 
 TEST_F(IndiTelescope, AServerThatDiesOrFallsSilentIsNoticedInTime) {

@@ -9,6 +9,7 @@
 #include <QDropEvent>
 #include <QFileDialog>
 #include <QGroupBox>
+#include <QHelpEvent>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
@@ -16,6 +17,7 @@
 #include <QMimeData>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QToolTip>
 #include <QtTest/QTest>
 #include <cmath>
 #include <map>
@@ -386,6 +388,18 @@ TEST_F(Windows, TheTelescopeIsAskedWithTheWindowAlive) {
     EXPECT_EQ(Utf8(Find<QLineEdit>("txtRA")->text()), FormatRA(centre.Ra, false, 2));
     EXPECT_EQ(Utf8(Find<QLineEdit>("txtDec")->text()), FormatDec(centre.Dec, false, 1));
     EXPECT_EQ(Shown("lblStatus"), "Telescope: position loaded");
+    // What is refused changes nothing, and however long the driver talks, not the window either.
+    QTest::keyClicks(Find<QLineEdit>("txtYsize"), "1");
+    script->Set("ra", {});
+    script->Complaint = std::string(1000, 'w');
+    const int narrowest = Window->minimumSizeHint().width();
+    Press("cmdLoad");
+    EXPECT_TRUE(Find<QLineEdit>("txtYsize")->isUndoAvailable());
+    EXPECT_EQ(Shown("lblStatus"), "Telescope: " + script->Complaint);
+    EXPECT_EQ(Window->minimumSizeHint().width(), narrowest);
+    QHelpEvent help(QEvent::ToolTip, {}, {});
+    QApplication::sendEvent(Find<QLabel>("lblStatus"), &help);
+    EXPECT_TRUE(QToolTip::text().contains(QtText(script->Complaint)));
 
     // It hangs: the clock goes on, and Stop Search or closing the window ends the wait.
     const auto whileItHangs = [&](const std::function<void()>& action) {
@@ -393,7 +407,8 @@ TEST_F(Windows, TheTelescopeIsAskedWithTheWindowAlive) {
         const std::string before = Shown("lblClock");
         QTimer watch;
         QObject::connect(&watch, &QTimer::timeout, [&] {
-            if (script->Calls().empty() || Shown("lblClock") == before) return;
+            const Texts calls = script->Calls();
+            if (calls.empty() || calls.back() != "ra" || Shown("lblClock") == before) return;
             watch.stop();
             EXPECT_TRUE(Find<QPushButton>("cmdStop")->hasFocus());
             EXPECT_FALSE(Find<QPushButton>("cmdLoad")->isEnabled());

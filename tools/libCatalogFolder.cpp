@@ -176,7 +176,7 @@ void ClearDeadBuilds(const fs::path& catalog) {
 BuildingFolder::BuildingFolder(const fs::path& catalog) {
     std::error_code error;
     // A link is followed, so that not the link but the folder behind it is replaced.
-    Catalog = fs::weakly_canonical(fs::absolute(catalog, error), error);
+    Catalog = FollowLinks(AbsolutePath(catalog), error);
     if (Catalog.filename().empty()) Catalog = Catalog.parent_path();
     if (error || Catalog.filename().empty()) FailToWrite(catalog, "is no place for a catalog");
     const std::string process = std::to_string(ProcessNumber());

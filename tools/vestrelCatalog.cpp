@@ -74,7 +74,7 @@ int Run(int argc, const char* const* argv) {
 int main(int argc, char** argv) {
     try {
         const vestrel::ProgramArguments arguments(argc, argv);
-        vestrel::PrepareConsole();
+        const vestrel::PreparedConsole console;
         return vestrel::Run(arguments.Count(), arguments.Values());
     } catch (const vestrel::ToolFailure& failure) {
         std::fprintf(stderr, "vestrel-catalog: %s\n", failure.what());

@@ -2,8 +2,10 @@
 
 #include <QApplication>
 #include <QFileDialog>
+#include <QHelpEvent>
 #include <QMessageBox>
 #include <QPainter>
+#include <QToolTip>
 #include <algorithm>
 #include <cstdlib>
 #include <string_view>
@@ -105,6 +107,14 @@ DisplayProbe::~DisplayProbe() {
 ElidedLabel::ElidedLabel() {
     setTextFormat(Qt::PlainText);
     setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
+}
+
+bool ElidedLabel::event(QEvent* event) {
+    if (event->type() != QEvent::ToolTip) return QLabel::event(event);
+    const bool cut = fontMetrics().horizontalAdvance(text()) > contentsRect().width();
+    QToolTip::showText(static_cast<QHelpEvent*>(event)->globalPos(),
+                       cut ? "<p>" + text().toHtmlEscaped() + "</p>" : QString(), this);
+    return true;
 }
 
 void ElidedLabel::paintEvent(QPaintEvent* /*event*/) {

@@ -41,12 +41,14 @@ class DisplayProbe {
     int socket_ = -1;  ///< the child lives until this is closed
 };
 
-/// A line of text that is cut in its middle when it does not fit.
+/// A line of text that is cut in its middle when it does not fit, and is whole in its tool tip
+/// then.
 class ElidedLabel : public QLabel {
  public:
     ElidedLabel();
 
  protected:
+    bool event(QEvent* event) override;
     void paintEvent(QPaintEvent* event) override;
 };
 
