@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <new>
 #include <system_error>
@@ -296,7 +297,7 @@ void ForgetSolution(ProgramState& state) {
 }
 
 /// The outcome of a search that found something, and the catalog stars around the centre.
-void ShowMatch(ProgramState& state, Port& port, double width, double height) {
+void ShowMatch(ProgramState& state, Port& port, double width, double height, double seconds) {
     const QuadSearch& search = state.QuadMatch;
     const double radius = HalfDiagonal(width, height);
     NearbyCatalogStars(state.Quads.Tables, state.Plane, search.Centre.Ra, search.Centre.Dec, radius,
@@ -312,7 +313,7 @@ void ShowMatch(ProgramState& state, Port& port, double width, double height) {
     display.Status1 = {
         "Searched " + std::to_string(search.Searched) + (search.Searched == 1 ? " quad" : " quads"),
         StatusColour::Green, true};
-    ShowStatus(state, port, "Time=" + RoundedText(search.Seconds, 2), StatusColour::Green);
+    ShowStatus(state, port, "Time=" + RoundedText(seconds, 2), StatusColour::Green);
 }
 
 }  // namespace
@@ -411,6 +412,7 @@ bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStar
 
 void MatchByQuads(ProgramState& state, Port& port, double& centreRA, double& centreDec,
                   double width, double height, double maxError) {
+    const auto start = std::chrono::steady_clock::now();
     BeginSolve(state);
     state.Report.Blind = true;
     state.QuadMatch = {};
@@ -429,7 +431,8 @@ void MatchByQuads(ProgramState& state, Port& port, double& centreRA, double& cen
                         maxError)) {
             centreRA = state.QuadMatch.Centre.Ra;
             centreDec = state.QuadMatch.Centre.Dec;
-            ShowMatch(state, port, width, height);
+            const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+            ShowMatch(state, port, width, height, elapsed.count());
             return SolveCode::Solved;
         }
         if (state.StopRequested) {

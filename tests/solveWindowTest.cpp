@@ -28,17 +28,6 @@ using Texts = std::vector<std::string>;
 
 const std::string errorTitle = "Vestrel 1.13 Error: ";
 
-/// Does something at every yield.
-class MeddlingPort : public RecordingPort {
- public:
-    using RecordingPort::RecordingPort;
-    void Yield() override {
-        RecordingPort::Yield();
-        if (Meddle) Meddle();
-    }
-    std::function<void()> Meddle;
-};
-
 class SolveWindowLogic : public testing::Test {
  protected:
     SolveWindowLogic() {

@@ -33,17 +33,6 @@ double Separation(const SkyPosition& a, const SkyPosition& b) {
     return std::hypot(east, a.Dec - b.Dec) / arcsecond;
 }
 
-/// Does something at every yield.
-class MeddlingPort : public RecordingPort {
- public:
-    using RecordingPort::RecordingPort;
-    void Yield() override {
-        RecordingPort::Yield();
-        if (Meddle) Meddle();
-    }
-    std::function<void()> Meddle;
-};
-
 class Telescope : public testing::Test {
  protected:
     Telescope() {

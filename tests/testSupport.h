@@ -134,4 +134,15 @@ class RecordingPort : public Port {
     ProgramState& state_;
 };
 
+/// Does something at every yield.
+class MeddlingPort : public RecordingPort {
+ public:
+    using RecordingPort::RecordingPort;
+    void Yield() override {
+        RecordingPort::Yield();
+        if (Meddle) Meddle();
+    }
+    std::function<void()> Meddle;
+};
+
 }  // namespace vestrel
