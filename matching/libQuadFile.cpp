@@ -78,7 +78,7 @@ std::uint64_t BandBytes(const QuadBand& band) {
 }
 
 bool Read(std::FILE* file, void* bytes, std::size_t length) {
-    return std::fread(bytes, 1, length, file) == length;
+    return length == 0 || std::fread(bytes, 1, length, file) == length;
 }
 
 /// Whether a search can rely on the tables: keys in rising order, positions that are numbers.
@@ -224,6 +224,7 @@ void QuadFileWriter::Commit() {
 }
 
 void QuadFileWriter::Write(const void* bytes, std::size_t length) {
+    if (length == 0) return;
     errno = 0;
     if (std::fwrite(bytes, 1, length, file_.Stream()) != length) ThrowLastError("Cannot write");
 }

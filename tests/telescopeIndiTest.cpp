@@ -22,6 +22,10 @@
 extern "C" const char* __tsan_default_suppressions() {  // NOLINT(*-reserved-identifier)
     return "race:TcpSocketPrivate\n";
 }
+/// A device of INDI's library and its properties hold each other and outlive the client.
+extern "C" const char* __lsan_default_suppressions() {  // NOLINT(*-reserved-identifier)
+    return "leak:libindiclient\n";
+}
 
 namespace vestrel {
 
