@@ -339,10 +339,7 @@ bool LoadQuadTables(ProgramState& state, double width, double height) {
     std::error_code ignored;
     const fs::file_time_type modified = fs::last_write_time(path, ignored);
     LoadedQuadTables& loaded = state.Quads;
-    if (loaded.File == path && loaded.Modified == modified && loaded.Tables.QuadCount > 0 &&
-        diagonal >= loaded.SmallestDiagonal && diagonal < loaded.LargestDiagonal) {
-        return true;
-    }
+    LoadedQuadTables before = std::move(loaded);
     loaded = {};
     const FileHandle file = OpenQuadFile(path);
     if (!file) {
@@ -368,6 +365,15 @@ bool LoadQuadTables(ProgramState& state, double width, double height) {
         }
         return false;
     }
+    // The time alone would not tell tables that were made at once after others.
+    if (before.File == path && before.Modified == modified &&
+        before.SmallestDiagonal == band->SmallestDiagonal &&
+        before.Tables.QuadCount == static_cast<std::int32_t>(band->QuadCount) &&
+        before.Tables.StarCount == static_cast<std::int32_t>(band->StarCount)) {
+        loaded = std::move(before);
+        return true;
+    }
+    before = {};  // its memory is wanted for the new ones
     try {
         if (!ReadQuadBand(file.get(), *band, loaded.Tables, loaded.Fault)) {
             loaded.Fault = TextFromPath(path) + " " + loaded.Fault;
