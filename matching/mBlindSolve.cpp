@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <numeric>
 #include <vector>
 
@@ -101,6 +102,9 @@ std::int16_t SolveBlind(ProgramState& state, Port& port, double& ra, double& dec
             FindCentreByQuads(state, port, plateWidth, plateHeight, matchTolerance,
                               [&] { return MeasureFromQuads(state, port, matchTolerance); });
         if (solved) {
+            // The report compares the field with the size that the user gave, not with that of
+            // the quads.
+            state.Report.SearchRadius = std::hypot(plateWidth, plateHeight) / 2;
             ra = state.SolvedCentre.Ra;
             dec = state.SolvedCentre.Dec;
             return SolveCode::Solved;
