@@ -8,7 +8,6 @@
 #include <map>
 #include <string>
 
-#include "app/mCommandLine.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "bench/silentPort.h"
@@ -18,9 +17,10 @@
 #include "extraction/libStarDetection.h"
 #include "image/libFITS.h"
 #include "matching/libAlign.h"
-#include "matching/mPlateMatch.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
+#include "program/mCommandLine.h"
+#include "program/mPlateMatch.h"
 #include "tools/libFrameFile.h"
 #include "tools/libFrameRenderer.h"
 

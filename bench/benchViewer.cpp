@@ -10,7 +10,7 @@
 #include <random>
 
 #include "bench/silentPort.h"
-#include "viewer/fImage.h"
+#include "desktop/fImage.h"
 
 namespace vestrel {
 namespace {

@@ -14,9 +14,9 @@
 #include <random>
 
 #include "bench/silentPort.h"
-#include "matching/mBlindSolve.h"
-#include "matching/mMORA.h"
 #include "platform/libPlatform.h"
+#include "program/mBlindSolve.h"
+#include "program/mMORA.h"
 #include "tools/libFrameRenderer.h"
 
 namespace vestrel {

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "app/mPort.h"
+#include "program/mPort.h"
 
 namespace vestrel {
 

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
+#include "catalogtool/libBrightStars.h"
+#include "catalogtool/libToolReport.h"
 #include "fuzz/fuzzSupport.h"
-#include "tools/libBrightStars.h"
-#include "tools/libToolReport.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace vestrel;

@@ -1,8 +1,8 @@
 // The manifest of a catalog: what is good is written again as it was.
 
 #include "catalog/libCatalogCells.h"
+#include "catalogtool/libCatalogManifest.h"
 #include "fuzz/fuzzSupport.h"
-#include "tools/libCatalogManifest.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace vestrel;

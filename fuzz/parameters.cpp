@@ -3,12 +3,12 @@
 #include <charconv>
 #include <cmath>
 
-#include "app/mCommandLine.h"
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "fuzz/fuzzSupport.h"
-#include "image/mImageData.h"
+#include "program/mCommandLine.h"
+#include "program/mImageData.h"
 
 namespace vestrel {
 namespace {

@@ -7,7 +7,7 @@
 
 #include "fuzz/fuzzSupport.h"
 #include "matching/libQuadFile.h"
-#include "matching/mMORA.h"
+#include "program/mMORA.h"
 
 namespace {
 

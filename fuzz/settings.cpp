@@ -7,8 +7,8 @@
 
 #include "astro/libStrings.h"
 #include "fuzz/fuzzSupport.h"
+#include "program/mSettings.h"
 #include "settings/libSettingsFile.h"
-#include "settings/mSettings.h"
 
 namespace vestrel {
 namespace {

@@ -8,9 +8,9 @@
 #include <numeric>
 
 #include "astro/libStrings.h"
+#include "catalogtool/libStarTable.h"
 #include "fuzz/fuzzSupport.h"
 #include "platform/libFiles.h"
-#include "tools/libStarTable.h"
 
 namespace vestrel {
 namespace {

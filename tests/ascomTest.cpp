@@ -7,9 +7,9 @@
 
 #include <cmath>
 
-#include "app/mTelescope.h"
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
+#include "program/mTelescope.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {

@@ -15,17 +15,17 @@
 #include <tuple>
 
 #include "astro/libMath.h"
+#include "catalog/libCellGrid.h"
+#include "catalogtool/libBrightStars.h"
+#include "catalogtool/libCatalogBuilder.h"
+#include "catalogtool/libCatalogFolder.h"
+#include "catalogtool/libCatalogSurvey.h"
+#include "catalogtool/libStarTable.h"
+#include "catalogtool/libTextLines.h"
+#include "catalogtool/libTycho2.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "tests/testSupport.h"
-#include "tools/libBrightStars.h"
-#include "tools/libCatalogBuilder.h"
-#include "tools/libCatalogFolder.h"
-#include "tools/libCatalogSurvey.h"
-#include "tools/libCellGrid.h"
-#include "tools/libStarTable.h"
-#include "tools/libTextLines.h"
-#include "tools/libTycho2.h"
 
 namespace vestrel {
 namespace {

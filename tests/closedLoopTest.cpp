@@ -10,18 +10,18 @@
 #include <string>
 #include <vector>
 
-#include "app/mCommandLine.h"
-#include "app/mSolveReport.h"
 #include "astro/libStrings.h"
-#include "image/mImageData.h"
+#include "catalogtool/libQuadBuilder.h"
 #include "matching/libQuadFile.h"
-#include "matching/mBlindSolve.h"
-#include "matching/mPlateMatch.h"
 #include "platform/libPlatform.h"
+#include "program/mBlindSolve.h"
+#include "program/mCommandLine.h"
+#include "program/mImageData.h"
+#include "program/mPlateMatch.h"
+#include "program/mSolveReport.h"
 #include "tests/testSupport.h"
 #include "tools/libFrameFile.h"
 #include "tools/libFrameRenderer.h"
-#include "tools/libQuadBuilder.h"
 
 namespace vestrel {
 namespace {

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "app/mCommandLine.h"
 #include "astro/libStrings.h"
-#include "matching/mPlateMatch.h"
+#include "program/mCommandLine.h"
+#include "program/mPlateMatch.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {

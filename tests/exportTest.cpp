@@ -15,12 +15,12 @@
 #endif
 
 #include "image/libFitsCards.h"
+#include "image/libHeaderText.h"
 #include "image/libWorldCoordinates.h"
-#include "image/mImageData.h"
-#include "image/mSolvedImage.h"
 #include "platform/libPlatform.h"
+#include "program/mImageData.h"
+#include "program/mSolvedImage.h"
 #include "tests/testSupport.h"
-#include "viewer/libHeaderText.h"
 
 namespace vestrel {
 namespace {

@@ -12,8 +12,8 @@
 #include "image/libFITS.h"
 #include "image/libFitsWriter.h"
 #include "image/libPicture.h"
-#include "image/mImageData.h"
 #include "platform/libPlatform.h"
+#include "program/mImageData.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {

@@ -8,10 +8,10 @@
 #include <numeric>
 #include <set>
 
+#include "display/libDisplayLevels.h"
+#include "display/libSkyGrid.h"
+#include "display/libSkyOverlay.h"
 #include "tests/testSupport.h"
-#include "viewer/libDisplayLevels.h"
-#include "viewer/libSkyGrid.h"
-#include "viewer/libSkyOverlay.h"
 
 namespace vestrel {
 namespace {

@@ -13,10 +13,10 @@
 #include <sstream>
 
 #include "extraction/libFilter.h"
+#include "photometry/libAperture.h"
+#include "photometry/libRelativePhotometry.h"
+#include "photometry/libStarStatistics.h"
 #include "tests/testSupport.h"
-#include "viewer/libAperture.h"
-#include "viewer/libRelativePhotometry.h"
-#include "viewer/libStarStatistics.h"
 
 namespace vestrel {
 namespace {

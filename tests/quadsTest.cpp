@@ -9,12 +9,12 @@
 #include <numbers>
 
 #include "astro/libMath.h"
+#include "catalogtool/libQuadBuilder.h"
 #include "matching/libQuadFile.h"
-#include "matching/mBlindSolve.h"
-#include "matching/mMORA.h"
+#include "program/mBlindSolve.h"
+#include "program/mMORA.h"
 #include "tests/testSupport.h"
 #include "tools/libFrameRenderer.h"
-#include "tools/libQuadBuilder.h"
 
 namespace vestrel {
 namespace {

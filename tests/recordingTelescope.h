@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/libTelescopeDriver.h"
+#include "telescope/libTelescopeDriver.h"
 
 namespace vestrel {
 

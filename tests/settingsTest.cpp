@@ -18,7 +18,7 @@
 
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
-#include "settings/mSettings.h"
+#include "program/mSettings.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {

@@ -11,7 +11,7 @@
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "catalog/libCatalogCells.h"
-#include "matching/mPlateMatch.h"
+#include "program/mPlateMatch.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {

@@ -7,19 +7,19 @@
 #include <functional>
 #include <utility>
 
-#include "app/desktopOptions.h"
-#include "app/mSolveReport.h"
-#include "app/mSolveWindow.h"
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
-#include "image/mImageData.h"
+#include "desktop/desktopOptions.h"
 #include "platform/libPlatform.h"
-#include "settings/mParameterTexts.h"
-#include "settings/mRecentImages.h"
+#include "program/mImageData.h"
+#include "program/mImageView.h"
+#include "program/mParameterTexts.h"
+#include "program/mRecentImages.h"
+#include "program/mSolveReport.h"
+#include "program/mSolveWindow.h"
+#include "program/mStarStatistics.h"
 #include "tests/skySupport.h"
 #include "tests/testSupport.h"
-#include "viewer/mImageView.h"
-#include "viewer/mStarStatistics.h"
 
 namespace vestrel {
 namespace {

@@ -12,10 +12,10 @@
 #include <cstdlib>
 #include <thread>
 
-#include "app/mTelescope.h"
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libTime.h"
+#include "program/mTelescope.h"
 #include "tests/testSupport.h"
 
 /// INDI's library is not built for the thread sanitizer, which cannot see how its threads agree.

@@ -9,11 +9,11 @@
 #include <iomanip>
 #include <limits>
 
-#include "app/mSolveWindow.h"
-#include "app/mTelescope.h"
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libTime.h"
+#include "program/mSolveWindow.h"
+#include "program/mTelescope.h"
 #include "tests/recordingTelescope.h"
 #include "tests/testSupport.h"
 

@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "app/mGeneral.h"
 #include "platform/libPlatform.h"
+#include "program/mGeneral.h"
 
 namespace vestrel {
 

@@ -5,12 +5,12 @@
 #include <cmath>
 
 #include "astro/libConversions.h"
+#include "display/libPicturePyramid.h"
+#include "display/libPlot.h"
+#include "display/libReadout.h"
+#include "display/libViewGeometry.h"
+#include "program/mImageView.h"
 #include "tests/testSupport.h"
-#include "viewer/libPicturePyramid.h"
-#include "viewer/libPlot.h"
-#include "viewer/libReadout.h"
-#include "viewer/libViewGeometry.h"
-#include "viewer/mImageView.h"
 
 namespace vestrel {
 namespace {

@@ -6,7 +6,7 @@
 #include <optional>
 #include <vector>
 
-#include "tools/libCellGrid.h"
+#include "catalog/libCellGrid.h"
 
 namespace vestrel {
 

@@ -1,0 +1,73 @@
+#include "catalog/libCellGrid.h"
+
+#include <array>
+#include <cmath>
+#include <numbers>
+
+#include "astro/libMath.h"
+
+namespace vestrel {
+
+namespace {
+
+constexpr double degree = std::numbers::pi / 180;
+// Rounded to 32 bits both lie just above the true value.
+constexpr float wholeCircle = static_cast<float>(2 * std::numbers::pi);
+constexpr float rightAngle = static_cast<float>(std::numbers::pi / 2);
+
+/// Per zone, the number of cells of the hemisphere before it; last, of the whole hemisphere.
+std::array<std::size_t, ZonesPerHemisphere + 1> ZoneStarts() {
+    std::array<std::size_t, ZonesPerHemisphere + 1> starts{};
+    for (int zone = 0; zone < ZonesPerHemisphere; ++zone) {
+        starts[zone + 1] = starts[zone] + static_cast<std::size_t>(SlicesInZone(zone));
+    }
+    return starts;
+}
+
+}  // namespace
+
+const std::vector<CellPosition>& AllCells() {
+    static const std::vector<CellPosition> cells = [] {
+        std::vector<CellPosition> all;
+        for (const bool south : {false, true}) {
+            for (int zone = 0; zone < ZonesPerHemisphere; ++zone) {
+                for (int slice = 0; slice < SlicesInZone(zone); ++slice) {
+                    all.push_back({south, zone, slice});
+                }
+            }
+        }
+        return all;
+    }();
+    return cells;
+}
+
+std::size_t CellNumber(const CellPosition& cell) {
+    static const auto starts = ZoneStarts();
+    return (cell.South ? starts.back() : 0) + starts[cell.Zone] +
+           static_cast<std::size_t>(cell.Slice);
+}
+
+double CellAreaFraction(const CellPosition& cell) {
+    const double lower = 2.5 * cell.Zone;
+    const double height = std::sin((lower + 2.5) * degree) - std::sin(lower * degree);
+    return height / 2 / SlicesInZone(cell.Zone);
+}
+
+bool IsStoredPosition(float ra, float dec) {
+    return ra >= 0 && ra < wholeCircle && dec >= -rightAngle && dec <= rightAngle;
+}
+
+std::optional<CatalogStar> StoredStar(const SkyStar& star) {
+    CatalogStar stored;
+    // Adding 0 turns −0 into 0, so that equal stars have equal bytes.
+    stored.Ra = static_cast<float>(star.Ra) + 0.0F;
+    stored.Dec = static_cast<float>(star.Dec) + 0.0F;
+    // A right ascension of 24 h, given so or rounded up to it, would name a slice beyond the last.
+    if (stored.Ra == wholeCircle) stored.Ra = 0;
+    if (!IsStoredPosition(stored.Ra, stored.Dec)) return std::nullopt;
+    if (!(star.Mag >= BrightestMagnitude && star.Mag <= FaintestMagnitude)) return std::nullopt;
+    if (!RoundToInt16(star.Mag * 100, stored.Mag)) return std::nullopt;
+    return stored;
+}
+
+}  // namespace vestrel

@@ -1,0 +1,289 @@
+// vestrel-catalog build: makes a catalog from a survey.
+#include <CLI/App.hpp>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "astro/libStrings.h"
+#include "catalogtool/commands.h"
+#include "catalogtool/libBrightStars.h"
+#include "catalogtool/libCatalogBuilder.h"
+#include "catalogtool/libCatalogFolder.h"
+#include "catalogtool/libStarTable.h"
+#include "catalogtool/libTycho2.h"
+#include "platform/libFiles.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+namespace fs = std::filesystem;
+
+namespace {
+
+struct BuildOptions {
+    std::string Catalog;
+    std::string Tycho2;
+    std::vector<std::string> Tables;
+    std::string Bright;
+    std::optional<double> MagMin;
+    std::optional<double> MagMax;
+    std::string RaUnit = "auto";
+    std::vector<std::string> Where;
+    StarTableOptions Table;
+};
+
+/// A source while its stars come in.
+struct OpenSource {
+    OpenSource(const char* kind, const std::string& file) {
+        Record.Kind = kind;
+        Record.File = file == "-" ? "standard input" : TextFromPath(PathFromText(file).filename());
+        std::error_code error;
+        const auto time = fs::last_write_time(PathFromText(file), error);
+        if (!error) Record.Modified = TimeText(time);
+    }
+
+    void LeaveOut(const char* reason, std::uint64_t rows) {
+        if (rows > 0) Record.LeftOut.emplace_back(reason, rows);
+    }
+
+    CatalogSource Record;
+    std::uint64_t Unusable = 0;  // no magnitude, as a rule
+    std::uint64_t Filtered = 0;
+};
+
+/// One run of `build`, from the sources to the finished folder.
+class Build {
+ public:
+    explicit Build(const BuildOptions& buildOptions)
+        : Options(buildOptions),
+          Folder(ChosenCatalog(buildOptions.Catalog)),
+          Builder(Folder.Path()),
+          Progress(stderr) {}
+
+    void Run() {
+        std::optional<OpenSource> bright;
+        std::vector<SkyStar> brightStars;
+        if (!Options.Bright.empty()) {
+            bright.emplace("bright", Options.Bright);
+            std::size_t unusable = 0;
+            brightStars = ReadBrightStars(PathFromText(Options.Bright), unusable);
+            bright->Record.Rows = brightStars.size() + unusable;
+            bright->Unusable = unusable;
+        }
+        BrightStarFinder finder(brightStars);
+
+        if (!Options.Tycho2.empty()) ReadTycho2(finder);
+        for (const std::string& table : Options.Tables) ReadTable(table, finder);
+
+        if (bright) {
+            const std::vector<SkyStar> missing = finder.Missing();
+            bright->LeaveOut("in the survey already", brightStars.size() - missing.size());
+            for (const SkyStar& star : missing) Add(star, *bright);
+            Close(*bright);
+            Manifest.BrightGapFilled = true;
+        } else {
+            Note("the survey's brightest stars are lacking; build with --bright FILE to add them");
+        }
+        if (Options.MagMin) Filter("magnitude at least " + NumberText(*Options.MagMin));
+        if (Options.MagMax) Filter("magnitude at most " + NumberText(*Options.MagMax));
+        for (const std::string& where : Options.Where) Filter(where);
+        Finish();
+    }
+
+ private:
+    void Note(const std::string& text) {
+        Progress.Clear();
+        std::fprintf(stderr, "vestrel-catalog: %s\n", text.c_str());
+    }
+
+    /// Says something now that later users of the catalog should know too.
+    void Remark(const std::string& text) {
+        Note(text);
+        Manifest.Remarks.push_back(text);
+    }
+
+    void Filter(const std::string& text) { Manifest.Filters.push_back(text); }
+
+    void Add(const SkyStar& star, OpenSource& source) {
+        const std::optional<CatalogStar> stored = StoredStar(star);
+        if (!stored) {
+            ++source.Unusable;
+        } else if ((Options.MagMin && star.Mag < *Options.MagMin) ||
+                   (Options.MagMax && star.Mag > *Options.MagMax)) {
+            ++source.Filtered;
+        } else {
+            Builder.Add(*stored);
+            ++source.Record.Used;
+        }
+    }
+
+    void Close(OpenSource& source) {
+        source.LeaveOut("no usable position or magnitude", source.Unusable);
+        source.LeaveOut("left out by magnitude", source.Filtered);
+        Manifest.Sources.push_back(source.Record);
+    }
+
+    void ReadTycho2(BrightStarFinder& finder) {
+        OpenSource source("tycho2", Options.Tycho2);
+        const auto sink = [&](const SkyStar& star) {
+            finder.Visit(star);
+            Add(star, source);
+        };
+        source.Record.Rows = ReadTycho2Index(PathFromText(Options.Tycho2), sink, Progress);
+        Close(source);
+    }
+
+    void ReadTable(const std::string& file, BrightStarFinder& finder) {
+        OpenSource source("csv", file);
+        const bool standardInput = file == "-";
+        const FileHandle opened = standardInput ? nullptr : OpenFile(PathFromText(file), "rb");
+        if (!standardInput && !opened) {
+            std::error_code ignored;
+            const bool folder = fs::is_directory(PathFromText(file), ignored);
+            throw ToolFailure(
+                ExitBadInput,
+                file + (folder ? ": is a folder" : ": cannot be opened: " + SystemErrorText()));
+        }
+        std::FILE* input = standardInput ? stdin : opened.get();
+        const std::int64_t length = standardInput ? -1 : FileLength(input);
+        const auto sink = [&](const SkyStar& star) {
+            finder.Visit(star);
+            Add(star, source);
+        };
+        const StarTableResult result = ReadStarTable(
+            input, source.Record.File, length > 0 ? length : 0, Options.Table, sink, Progress);
+        source.Record.Rows = result.Rows;
+        for (std::size_t i = 0; i < result.Faults.size(); ++i) {
+            source.LeaveOut(RowFaultText(static_cast<RowFault>(i)), result.Faults[i]);
+        }
+        Remark(source.Record.File + ": columns " + result.Columns +
+               "; positions as listed, no proper motion applied");
+        if (result.LooksLikeHours) {
+            Remark(source.Record.File +
+                   ": its right ascensions, read as degrees, end at 24; if "
+                   "they are hours, build again with --ra-unit hours");
+        }
+        Close(source);
+    }
+
+    void Finish() {
+        Builder.Finish(Progress);
+        Manifest.Tool = "vestrel-catalog " VESTREL_VERSION;
+        Manifest.Created = CurrentTimeText();
+        Manifest.Cells = Builder.Cells();
+        Manifest.Magnitudes = Builder.Magnitudes().Steps();
+        Manifest.Duplicates = Builder.Duplicates();
+        const std::uint64_t stars = Manifest.StarCount();
+        if (stars == 0) throw ToolFailure(ExitBadInput, "no star passes the filters");
+        if (!WriteManifest(Folder.Path(), Manifest)) {
+            throw ToolFailure(ExitCannotWrite, TextFromPath(Folder.Path() / ManifestName) + ": " +
+                                                   SystemErrorText());
+        }
+        ThrowIfStopped();
+        Folder.Publish();
+        Progress.Clear();
+        for (const CatalogSource& source : Manifest.Sources) {
+            std::printf("%s: %s of %s rows used\n", source.File.c_str(),
+                        GroupedText(source.Used).c_str(), GroupedText(source.Rows).c_str());
+            for (const auto& [reason, rows] : source.LeftOut) {
+                std::printf("    %s: %s\n", reason.c_str(), GroupedText(rows).c_str());
+            }
+        }
+        if (Manifest.Duplicates > 0) {
+            std::printf("exact duplicates dropped: %s\n", GroupedText(Manifest.Duplicates).c_str());
+        }
+        std::printf("%s stars in %s\n", GroupedText(stars).c_str(),
+                    TextFromPath(ChosenCatalog(Options.Catalog)).c_str());
+    }
+
+    const BuildOptions& Options;
+    BuildingFolder Folder;
+    CatalogBuilder Builder;
+    ProgressLine Progress;
+    CatalogManifest Manifest;
+};
+
+/// Completes what the command line gives as text.
+void InterpretOptions(BuildOptions& options) {
+    if (options.RaUnit == "degrees") options.Table.RaUnit = AngleUnit::Degrees;
+    if (options.RaUnit == "hours") options.Table.RaUnit = AngleUnit::Hours;
+    for (const std::string& where : options.Where) {
+        options.Table.Filters.emplace_back();
+        ParseRowFilter(where, options.Table.Filters.back());
+    }
+}
+
+std::string CheckRowFilter(const std::string& text) {
+    RowFilter filter;
+    return ParseRowFilter(text, filter)
+               ? ""
+               : "\"" + text + "\" is not COLUMN=VALUE, COLUMN<NUMBER or COLUMN>NUMBER";
+}
+
+void AddTableOptions(CLI::App& command, CLI::Option* table, BuildOptions& options) {
+    command.add_option("--ra-column", options.Table.RaColumn, "Column of right ascensions")
+        ->type_name("NAME")
+        ->needs(table);
+    command.add_option("--dec-column", options.Table.DecColumn, "Column of declinations")
+        ->type_name("NAME")
+        ->needs(table);
+    command.add_option("--mag-column", options.Table.MagColumn, "Column of magnitudes, any band")
+        ->type_name("NAME")
+        ->needs(table);
+    command
+        .add_option("--ra-unit", options.RaUnit,
+                    "Unit of right ascensions that are plain numbers: degrees, hours or auto "
+                    "(degrees). Those like 05:23:12.3 are always hours")
+        ->check(CLI::IsMember({"auto", "degrees", "hours"}))
+        ->type_name("UNIT")
+        ->needs(table);
+    command
+        .add_option("--where", options.Where,
+                    "Use only rows with COLUMN=VALUE, COLUMN<NUMBER or COLUMN>NUMBER. May be "
+                    "given several times; all must hold")
+        ->check(CheckRowFilter)
+        ->type_name("CONDITION")
+        ->allow_extra_args(false)
+        ->needs(table);
+}
+
+}  // namespace
+
+void AddBuildCommand(CLI::App& program, int& exitCode) {
+    CLI::App& command = *program.add_subcommand(
+        "build", "Make the catalog; the old one stays until the new one is complete");
+    const auto options = std::make_shared<BuildOptions>();
+    AddCatalogOption(command, options->Catalog);
+    CLI::Option_group& sources = *command.add_option_group("Source, one of");
+    sources
+        .add_option("--tycho2", options->Tycho2,
+                    "Index file of Debian's astrometry-data-tycho2-07-littleendian")
+        ->type_name("FILE");
+    CLI::Option* table =
+        sources
+            .add_option("--csv", options->Tables,
+                        "Table with named columns (Gaia, UCAC, VizieR): comma, tab, semicolon or "
+                        "bar. - is standard input. May be given several times. Proper motions are "
+                        "not applied: export positions of a recent epoch")
+            ->type_name("FILE")
+            ->allow_extra_args(false);
+    sources.require_option(1);
+    command
+        .add_option("--bright", options->Bright,
+                    "Adds the brightest stars that the survey lacks: stars.6.json of the npm "
+                    "package d3-celestial")
+        ->type_name("FILE");
+    command.add_option("--mag-min", options->MagMin, "Leave brighter stars out")->type_name("MAG");
+    command.add_option("--mag-max", options->MagMax, "Leave fainter stars out")->type_name("MAG");
+    AddTableOptions(command, table, *options);
+    command.callback([options, &exitCode] {
+        InterpretOptions(*options);
+        Build(*options).Run();
+        exitCode = ExitGood;
+    });
+}
+
+}  // namespace vestrel

@@ -1,0 +1,222 @@
+// vestrel-catalog info: what a catalog holds and where it is from.
+#include <CLI/App.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "astro/libMath.h"
+#include "astro/libStrings.h"
+#include "catalog/libCellGrid.h"
+#include "catalogtool/commands.h"
+#include "catalogtool/libCatalogSurvey.h"
+#include "matching/libQuadFile.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+
+namespace {
+
+using nlohmann::json;
+
+struct CatalogFacts {
+    std::filesystem::path Folder;
+    ManifestState State = ManifestState::Absent;
+    CatalogManifest Manifest;
+    CatalogSurvey Survey;
+    std::vector<MagnitudeCounts::Step> Steps;
+    double FaintLimit = 0;        ///< magnitudes: where the counts stop growing
+    std::vector<QuadBand> Bands;  ///< of the quad tables; none when there are no tables
+    std::string QuadFault;        ///< why they cannot be used
+};
+
+CatalogFacts GatherFacts(const std::filesystem::path& folder) {
+    CatalogFacts facts;
+    facts.Folder = folder;
+    facts.State = ReadManifest(folder, facts.Manifest);
+    ProgressLine progress(stderr);
+    const bool known = facts.State == ManifestState::Good;
+    facts.Survey = SurveyCatalog(folder, known ? &facts.Manifest : nullptr, progress);
+    facts.Steps = facts.Survey.Magnitudes.Steps();
+    const auto peak =
+        std::max_element(facts.Steps.begin(), facts.Steps.end(),
+                         [](const auto& a, const auto& b) { return a.Stars < b.Stars; });
+    // There are ever more stars the fainter they are; a survey that stops growing misses some.
+    if (peak != facts.Steps.end()) facts.FaintLimit = peak->From + 0.5;
+    const FileHandle quads = OpenQuadFile(folder / QuadFileName);
+    if (quads) ReadQuadBands(quads.get(), facts.Bands, facts.QuadFault);
+    return facts;
+}
+
+std::uint64_t QuadCount(const CatalogFacts& facts) {
+    std::uint64_t quads = 0;
+    for (const QuadBand& band : facts.Bands) quads += band.QuadCount;
+    return quads;
+}
+
+std::string DegreesText(double radians) {
+    return RoundedText(radians * 180 / Pi, 2);
+}
+
+/// Cells without stars, runs along right ascension drawn together: "N35R00", "S10R03-R07".
+std::vector<std::string> Gaps(const CatalogSurvey& survey) {
+    std::vector<std::string> cells = survey.EmptyCells;
+    cells.insert(cells.end(), survey.MissingCells.begin(), survey.MissingCells.end());
+    std::sort(cells.begin(), cells.end());
+    const auto zone = [](const std::string& name) { return name.substr(0, 3); };
+    const auto slice = [](const std::string& name) {
+        return (name[4] - '0') * 10 + (name[5] - '0');
+    };
+    std::vector<std::string> gaps;
+    for (std::size_t first = 0; first < cells.size();) {
+        std::size_t next = first + 1;
+        while (next < cells.size() && zone(cells[next]) == zone(cells[first]) &&
+               slice(cells[next]) == slice(cells[next - 1]) + 1) {
+            ++next;
+        }
+        gaps.push_back(cells[first]);
+        if (next - first > 1) gaps.back() += "-" + cells[next - 1].substr(3);
+        first = next;
+    }
+    return gaps;
+}
+
+/// Whether the brightest stars are there, as far as can be told.
+std::string BrightStatement(const CatalogFacts& facts) {
+    if (facts.State != ManifestState::Good) return "unknown: there is no record of the build";
+    for (const CatalogSource& source : facts.Manifest.Sources) {
+        if (source.Kind == "bright") {
+            return GroupedText(source.Used) + " that the survey lacks were added from " +
+                   source.File;
+        }
+    }
+    return "lacking: no second source was given; build with --bright FILE to add them";
+}
+
+void PrintJson(const CatalogFacts& facts) {
+    const CatalogSurvey& survey = facts.Survey;
+    json document = {{"folder", TextFromPath(facts.Folder)},
+                     {"manifest", facts.State == ManifestState::Good     ? "good"
+                                  : facts.State == ManifestState::Absent ? "absent"
+                                                                         : "unreadable"},
+                     {"stars", survey.Stars},
+                     {"cells",
+                      {{"grid", AllCells().size()},
+                       {"withStars", survey.CellsWithStars},
+                       {"empty", survey.EmptyCells.size()},
+                       {"missing", survey.MissingCells.size()}}},
+                     {"coverage", survey.Coverage},
+                     {"gaps", Gaps(survey)},
+                     {"magnitudes", json::array()},
+                     {"brightGapFilled", facts.Manifest.BrightGapFilled},
+                     {"quadTables", json::array()},
+                     {"quadTablesFault", facts.QuadFault},
+                     {"faults", survey.FaultCount}};
+    for (const QuadBand& band : facts.Bands) {
+        document["quadTables"].push_back({{"fromDegrees", band.SmallestDiagonal * 180 / Pi},
+                                          {"toDegrees", band.LargestDiagonal * 180 / Pi},
+                                          {"quads", band.QuadCount},
+                                          {"stars", band.StarCount}});
+    }
+    for (const auto& step : facts.Steps) {
+        document["magnitudes"].push_back(
+            {{"from", step.From}, {"stars", step.Stars}, {"total", step.Total}});
+    }
+    if (!facts.Steps.empty()) document["completeTo"] = facts.FaintLimit;
+    if (facts.State == ManifestState::Good) {
+        document["tool"] = facts.Manifest.Tool;
+        document["created"] = facts.Manifest.Created;
+        document["filters"] = facts.Manifest.Filters;
+        document["remarks"] = facts.Manifest.Remarks;
+        for (const CatalogSource& source : facts.Manifest.Sources) {
+            document["sources"].push_back(SourceJson(source));
+        }
+    }
+    std::printf("%s\n", document.dump(2, ' ', false, json::error_handler_t::replace).c_str());
+}
+
+void PrintSources(const CatalogManifest& manifest) {
+    std::printf("Built:      %s by %s\n", manifest.Created.c_str(), manifest.Tool.c_str());
+    for (const CatalogSource& source : manifest.Sources) {
+        std::printf("Source:     %s (%s%s%s), %s of %s rows used\n", source.File.c_str(),
+                    source.Kind.c_str(), source.Modified.empty() ? "" : ", of ",
+                    source.Modified.c_str(), GroupedText(source.Used).c_str(),
+                    GroupedText(source.Rows).c_str());
+        for (const auto& [reason, rows] : source.LeftOut) {
+            std::printf("            %s: %s\n", reason.c_str(), GroupedText(rows).c_str());
+        }
+    }
+    for (const std::string& filter : manifest.Filters) {
+        std::printf("Filter:     %s\n", filter.c_str());
+    }
+    for (const std::string& remark : manifest.Remarks) {
+        std::printf("Remark:     %s\n", remark.c_str());
+    }
+}
+
+void PrintText(const CatalogFacts& facts) {
+    const CatalogSurvey& survey = facts.Survey;
+    std::printf("Catalog:    %s\n", TextFromPath(facts.Folder).c_str());
+    if (facts.State == ManifestState::Good) {
+        PrintSources(facts.Manifest);
+    } else {
+        std::printf("Built:      unknown, %s is %s\n", ManifestName,
+                    facts.State == ManifestState::Absent ? "absent" : "damaged");
+    }
+    std::printf("Bright end: %s\n", BrightStatement(facts).c_str());
+    std::printf("Stars:      %s\n", GroupedText(survey.Stars).c_str());
+    std::printf("Cells:      %zu with stars, %zu empty, %zu missing, of %zu\n",
+                survey.CellsWithStars, survey.EmptyCells.size(), survey.MissingCells.size(),
+                AllCells().size());
+    std::printf("Coverage:   %s %% of the sky\n", RoundedText(100 * survey.Coverage, 2).c_str());
+    if (facts.Bands.empty()) {
+        const std::string what =
+            facts.QuadFault.empty() ? "none" : std::string(QuadFileName) + " " + facts.QuadFault;
+        std::printf("Quads:      %s; \"vestrel-catalog quads\" makes them\n", what.c_str());
+    } else {
+        std::printf("Quads:      %s, for fields of %s to %s degrees across\n",
+                    GroupedText(QuadCount(facts)).c_str(),
+                    DegreesText(facts.Bands.front().SmallestDiagonal).c_str(),
+                    DegreesText(facts.Bands.back().LargestDiagonal).c_str());
+    }
+    const std::vector<std::string> gaps = Gaps(survey);
+    if (!gaps.empty()) {
+        constexpr std::size_t shown = 10;
+        std::string list;
+        for (std::size_t i = 0; i < std::min(gaps.size(), shown); ++i) list += " " + gaps[i];
+        if (gaps.size() > shown) list += " and " + GroupedText(gaps.size() - shown) + " more";
+        std::printf("Gaps:      %s\n", list.c_str());
+    }
+    if (!facts.Steps.empty()) {
+        std::printf("Depth:      about complete to magnitude %s, where the counts peak\n",
+                    NumberText(facts.FaintLimit).c_str());
+        std::printf("\n  Magnitude            Stars       So far\n");
+    }
+    for (const auto& step : facts.Steps) {
+        std::printf("%5s to %5s %16s %12s\n", NumberText(step.From).c_str(),
+                    NumberText(step.From + 0.5).c_str(), GroupedText(step.Stars).c_str(),
+                    GroupedText(step.Total).c_str());
+    }
+    if (survey.FaultCount > 0) {
+        std::printf("\n%s faults; \"vestrel-catalog verify\" names them\n",
+                    GroupedText(survey.FaultCount).c_str());
+    }
+}
+
+}  // namespace
+
+void AddInfoCommand(CLI::App& program, int& exitCode) {
+    CLI::App& command = *program.add_subcommand(
+        "info", "Describe the catalog: sources, stars, depth, sky coverage and gaps");
+    const auto folder = std::make_shared<std::string>();
+    const auto asJson = std::make_shared<bool>(false);
+    AddCatalogOption(command, *folder);
+    command.add_flag("--json", *asJson, "Describe it as JSON, for other programs");
+    command.callback([folder, asJson, &exitCode] {
+        const CatalogFacts facts = GatherFacts(ExistingCatalog(*folder));
+        *asJson ? PrintJson(facts) : PrintText(facts);
+        exitCode = ExitGood;
+    });
+}
+
+}  // namespace vestrel

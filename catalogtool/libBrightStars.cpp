@@ -1,0 +1,125 @@
+#include "catalogtool/libBrightStars.h"
+
+#include <cmath>
+#include <nlohmann/json.hpp>
+#include <numbers>
+#include <set>
+#include <utility>
+
+#include "catalogtool/libToolReport.h"
+#include "platform/libFiles.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr double degree = std::numbers::pi / 180;
+constexpr double arcsecond = degree / 3600;
+constexpr double reach = 60 * arcsecond;
+
+/// Boxes of about half a degree: most hold no bright star at all.
+int BoxNumber(double x, double y, double z) {
+    constexpr double boxSize = 0.01;
+    constexpr int boxesPerSide = 256;
+    const auto index = [](double value) { return static_cast<int>((value + 1.1) / boxSize); };
+    return (index(x) * boxesPerSide + index(y)) * boxesPerSide + index(z);
+}
+
+/// The star of a GeoJSON feature; false when it is none.
+bool ReadFeature(const json& feature, SkyStar& star) {
+    static const json::json_pointer coordinatesPath("/geometry/coordinates");
+    static const json::json_pointer magnitudePath("/properties/mag");
+    if (!feature.contains(coordinatesPath) || !feature.contains(magnitudePath)) return false;
+    // No copies: the library's run as deep as the value is nested, and out of stack.
+    const json& coordinates = feature.at(coordinatesPath);
+    const json& magnitude = feature.at(magnitudePath);
+    if (!coordinates.is_array() || coordinates.size() < 2 || !magnitude.is_number() ||
+        !coordinates[0].is_number() || !coordinates[1].is_number()) {
+        return false;
+    }
+    double longitude = coordinates[0].get<double>();
+    const double latitude = coordinates[1].get<double>();
+    if (!(longitude >= -180 && longitude <= 360 && std::fabs(latitude) <= 90)) return false;
+    if (longitude < 0) longitude += 360;
+    star = {longitude * degree, latitude * degree, magnitude.get<double>()};
+    return true;
+}
+
+}  // namespace
+
+std::vector<SkyStar> ReadBrightStars(const std::filesystem::path& file, std::size_t& unusable) {
+    const auto fail = [&](const char* why) {
+        throw ToolFailure(ExitBadInput, TextFromPath(file) + ": " + why);
+    };
+    constexpr std::size_t largestFile = std::size_t{64} << 20;
+    std::vector<unsigned char> text;
+    if (!ReadWholeFile(file, largestFile, text)) fail("cannot be read, or is beyond 64 MiB");
+    const json document = json::parse(text, nullptr, /*allow_exceptions=*/false);
+    if (!document.is_object() || !document.contains("features") ||
+        !document["features"].is_array()) {
+        fail("is not a GeoJSON collection of stars");
+    }
+    std::vector<SkyStar> stars;
+    unusable = 0;
+    for (const json& feature : document["features"]) {
+        SkyStar star;
+        if (ReadFeature(feature, star) && StoredStar(star)) {
+            stars.push_back(star);
+        } else {
+            ++unusable;
+        }
+    }
+    if (stars.empty()) fail("holds no star with a position and a magnitude");
+    return stars;
+}
+
+BrightStarFinder::Direction BrightStarFinder::DirectionOf(const SkyStar& star) {
+    const double equatorial = std::cos(star.Dec);
+    return {equatorial * std::cos(star.Ra), equatorial * std::sin(star.Ra), std::sin(star.Dec)};
+}
+
+BrightStarFinder::BrightStarFinder(std::vector<SkyStar> stars)
+    : Stars(std::move(stars)), Present(Stars.size(), false) {
+    for (std::size_t i = 0; i < Stars.size(); ++i) {
+        const Direction at = DirectionOf(Stars[i]);
+        Directions.push_back(at);
+        // The corners of the cube around the star lie in every box that its reach touches.
+        std::set<int> boxes;
+        for (int corner = 0; corner < 8; ++corner) {
+            boxes.insert(BoxNumber(at.X + ((corner & 1) != 0 ? reach : -reach),
+                                   at.Y + ((corner & 2) != 0 ? reach : -reach),
+                                   at.Z + ((corner & 4) != 0 ? reach : -reach)));
+        }
+        for (const int box : boxes) Boxes[box].push_back(i);
+    }
+}
+
+void BrightStarFinder::Visit(const SkyStar& star) {
+    constexpr double near = 10 * arcsecond;
+    if (Stars.empty()) return;
+    const Direction at = DirectionOf(star);
+    const auto box = Boxes.find(BoxNumber(at.X, at.Y, at.Z));
+    if (box == Boxes.end()) return;
+    for (const std::size_t i : box->second) {
+        const Direction& bright = Directions[i];
+        // At these distances the chord is as long as the arc.
+        const double distance = std::hypot(at.X - bright.X, at.Y - bright.Y, at.Z - bright.Z);
+        const double difference = std::fabs(star.Mag - Stars[i].Mag);
+        if ((distance <= near && difference < 2) || (distance <= reach && difference < 0.75)) {
+            Present[i] = true;
+        }
+    }
+}
+
+std::vector<SkyStar> BrightStarFinder::Missing() const {
+    std::vector<SkyStar> missing;
+    for (std::size_t i = 0; i < Stars.size(); ++i) {
+        if (!Present[i]) missing.push_back(Stars[i]);
+    }
+    return missing;
+}
+
+}  // namespace vestrel

@@ -1,0 +1,225 @@
+#include "catalogtool/libCatalogFolder.h"
+
+#include <charconv>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#ifdef _WIN32
+#include <windows.h>
+// windows.h must come before the next one.
+#include <process.h>
+#else
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#endif
+
+#include "catalog/libCatalogCells.h"
+#include "catalogtool/libCatalogManifest.h"
+#include "catalogtool/libToolReport.h"
+#include "matching/libQuadFile.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::string_view buildingMark = ".building-";
+constexpr std::string_view asideMark = ".replaced-";
+
+[[noreturn]] void FailToWrite(const fs::path& path, const std::string& why) {
+    throw ToolFailure(ExitCannotWrite, TextFromPath(path) + ": " + why);
+}
+
+#ifdef _WIN32
+long ProcessNumber() {
+    return _getpid();
+}
+bool IsRunning(long process) {
+    const HANDLE handle = OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(process));
+    if (handle == nullptr) return GetLastError() != ERROR_INVALID_PARAMETER;
+    const bool running = WaitForSingleObject(handle, 0) == WAIT_TIMEOUT;
+    CloseHandle(handle);
+    return running;
+}
+// Windows can neither flush nor exchange folders.
+void SyncFolder(const fs::path&, bool) {}
+bool ExchangeFolders(const fs::path&, const fs::path&) {
+    return false;
+}
+bool IsMountPoint(const fs::path&) {
+    return false;
+}
+#else
+long ProcessNumber() {
+    return getpid();
+}
+
+bool IsRunning(long process) {
+    return kill(static_cast<pid_t>(process), 0) == 0 || errno != ESRCH;
+}
+
+/// Waits until a folder's entries are on the disk; with `wholeDisk` everything below it as well,
+/// by flushing its file system once instead of every file by itself.
+void SyncFolder(const fs::path& folder, bool wholeDisk) {
+    const int handle = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (handle < 0) FailToWrite(folder, SystemErrorText());
+#ifdef __linux__
+    const bool good = wholeDisk ? syncfs(handle) == 0 : fsync(handle) == 0;
+#else
+    if (wholeDisk) sync();
+    const bool good = fsync(handle) == 0;
+#endif
+    const std::string why = SystemErrorText();
+    close(handle);
+    if (!good) FailToWrite(folder, why);
+}
+
+/// Swaps two folders in one step; false when the system cannot.
+bool ExchangeFolders(const fs::path& a, const fs::path& b) {
+#ifdef RENAME_EXCHANGE
+    return renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0;
+#else
+    return false;
+#endif
+}
+
+bool IsMountPoint(const fs::path& folder) {
+    struct stat own {};
+    struct stat parent {};
+    return stat(folder.c_str(), &own) == 0 && stat(folder.parent_path().c_str(), &parent) == 0 &&
+           own.st_dev != parent.st_dev;
+}
+#endif
+
+/// Whether an entry of a catalog folder is one that builds and solvers make.
+bool IsCatalogEntry(const fs::directory_entry& entry) {
+    const std::string name = TextFromPath(entry.path().filename());
+    const bool unfinished = (name.starts_with(std::string(ManifestName) + ".") ||
+                             name.starts_with(std::string(QuadFileName) + ".")) &&
+                            name.ends_with(".tmp");
+    std::error_code ignored;
+    return entry.is_regular_file(ignored) && !entry.is_symlink(ignored) &&
+           (IsCellName(name) || name == ManifestName || name == QuadFileName || unfinished);
+}
+
+/// Removes a catalog, and only what belongs to one: a folder with other things in it stays.
+void RemoveCatalog(const fs::path& folder) {
+    std::error_code ignored;
+    for (fs::directory_iterator entry(folder, ignored), end; entry != end;
+         entry.increment(ignored)) {
+        if (IsCatalogEntry(*entry)) fs::remove(entry->path(), ignored);
+    }
+    fs::remove(folder, ignored);
+}
+
+/// Refuses a folder that building would take something else away with.
+void RequireCatalogOnly(const fs::path& folder) {
+    std::error_code error;
+    if (!fs::exists(folder, error)) return;
+    if (!fs::is_directory(folder, error)) FailToWrite(folder, "is not a folder");
+    fs::directory_iterator entry(folder, error);
+    if (error) FailToWrite(folder, error.message());
+    bool anyEntry = false;
+    bool anyCell = false;
+    for (const fs::directory_iterator end; entry != end; entry.increment(error)) {
+        if (!IsCatalogEntry(*entry)) {
+            FailToWrite(folder, "holds \"" + TextFromPath(entry->path().filename()) +
+                                    "\", which is no part of a catalog; building would replace "
+                                    "the whole folder. Move it away or name another folder");
+        }
+        anyEntry = true;
+        anyCell = anyCell || IsCellName(TextFromPath(entry->path().filename()));
+    }
+    CatalogManifest manifest;
+    if (anyEntry && !anyCell && ReadManifest(folder, manifest) != ManifestState::Good) {
+        FailToWrite(folder, std::string("holds a ") + ManifestName + " that is not a catalog's");
+    }
+}
+
+/// The process that a building or set-aside folder of this catalog belongs to; 0 when it is none.
+long OwnerOf(const std::string& name, const std::string& prefix) {
+    if (!name.starts_with(prefix)) return 0;
+    long process = 0;
+    const char* end = name.data() + name.size();
+    const auto result = std::from_chars(name.data() + prefix.size(), end, process);
+    return result.ec == std::errc() && result.ptr == end ? process : 0;
+}
+
+/// Repairs what a build left that was killed or lost power.
+void ClearDeadBuilds(const fs::path& catalog) {
+    const std::string base = TextFromPath(catalog.filename());
+    std::error_code ignored;
+    for (fs::directory_iterator entry(catalog.parent_path(), ignored), end; entry != end;
+         entry.increment(ignored)) {
+        const std::string name = TextFromPath(entry->path().filename());
+        const long builder = OwnerOf(name, base + std::string(buildingMark));
+        const long replacer = OwnerOf(name, base + std::string(asideMark));
+        const long owner = builder > 0 ? builder : replacer;
+        if (owner <= 0 || IsRunning(owner) || !entry->is_directory(ignored)) continue;
+        if (replacer > 0 && !fs::exists(catalog, ignored)) {
+            fs::rename(entry->path(), catalog, ignored);
+        } else {
+            RemoveCatalog(entry->path());
+        }
+    }
+}
+
+}  // namespace
+
+BuildingFolder::BuildingFolder(const fs::path& catalog) {
+    std::error_code error;
+    // A link is followed, so that not the link but the folder behind it is replaced.
+    Catalog = FollowLinks(AbsolutePath(catalog), error);
+    if (Catalog.filename().empty()) Catalog = Catalog.parent_path();
+    if (error || Catalog.filename().empty()) FailToWrite(catalog, "is no place for a catalog");
+    const std::string process = std::to_string(ProcessNumber());
+    Building = Catalog;
+    Building += std::string(buildingMark) + process;
+    Aside = Catalog;
+    Aside += std::string(asideMark) + process;
+
+    fs::create_directories(Catalog.parent_path(), error);
+    if (error) FailToWrite(Catalog.parent_path(), error.message());
+    ClearDeadBuilds(Catalog);
+    RequireCatalogOnly(Catalog);
+    if (IsMountPoint(Catalog)) {
+        FailToWrite(Catalog, "is a mount point, which cannot be replaced; name a folder in it");
+    }
+    if (!fs::create_directory(Building, error)) {
+        FailToWrite(Building, error ? error.message() : "exists already");
+    }
+}
+
+BuildingFolder::~BuildingFolder() {
+    // After publishing, this is where the old catalog was exchanged to, if anything is here.
+    RemoveCatalog(Building);
+}
+
+void BuildingFolder::Publish(bool inOneStep) {
+    SyncFolder(Building, true);
+    std::error_code error;
+    if (!fs::exists(Catalog, error)) {
+        fs::rename(Building, Catalog, error);
+        if (error) FailToWrite(Catalog, error.message());
+    } else if (!inOneStep || !ExchangeFolders(Building, Catalog)) {
+        fs::rename(Catalog, Aside, error);
+        if (error) FailToWrite(Catalog, error.message());
+        fs::rename(Building, Catalog, error);
+        if (error) {
+            const std::string why = error.message();
+            fs::rename(Aside, Catalog, error);
+            FailToWrite(Catalog, why);
+        }
+        RemoveCatalog(Aside);
+    }
+    SyncFolder(Catalog.parent_path(), false);
+}
+
+}  // namespace vestrel

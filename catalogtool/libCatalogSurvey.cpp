@@ -1,0 +1,145 @@
+#include "catalogtool/libCatalogSurvey.h"
+
+#include <algorithm>
+#include <limits>
+#include <span>
+#include <system_error>
+
+#include "catalog/libCellGrid.h"
+#include "matching/libQuadFile.h"
+#include "platform/libFiles.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+namespace fs = std::filesystem;
+
+namespace {
+
+class Surveyor {
+ public:
+    Surveyor(const fs::path& folder, const CatalogManifest* manifest, CatalogSurvey& survey)
+        : Folder(folder), Manifest(manifest), Survey(survey) {}
+
+    void ReadCell(const CellPosition& position) {
+        const std::string name = CellName(position);
+        const CellContent* expected = nullptr;
+        if (Manifest != nullptr) {
+            const auto listed = Manifest->Cells.find(name);
+            if (listed != Manifest->Cells.end()) expected = &listed->second;
+        }
+        std::error_code ignored;
+        const fs::file_status status = fs::status(Folder / name, ignored);
+        const FileHandle file =
+            fs::is_regular_file(status) ? OpenFile(Folder / name, "rb") : nullptr;
+        if (!file && fs::exists(status)) {
+            Report(name, "cannot be read");
+            return;
+        }
+        if (!file) {
+            Survey.MissingCells.push_back(name);
+            if (expected != nullptr) Report(name, "is missing");
+            return;
+        }
+        const CellContent content = ReadRecords(file.get(), position, name);
+        Survey.Stars += content.Stars;
+        if (content.Stars > 0) {
+            ++Survey.CellsWithStars;
+            Survey.Coverage += CellAreaFraction(position);
+        } else {
+            Survey.EmptyCells.push_back(name);
+        }
+        if (expected != nullptr && content.Stars != expected->Stars) {
+            Report(name, "has " + GroupedText(content.Stars) + " stars instead of " +
+                             GroupedText(expected->Stars));
+        } else if (expected != nullptr && content.Crc != expected->Crc) {
+            Report(name, "is not as it was built: its checksum differs");
+        }
+        if (Manifest != nullptr && expected == nullptr && content.Stars > 0) {
+            Report(name, "has stars but was not built");
+        }
+    }
+
+    void ListStrays() {
+        std::error_code error;
+        for (fs::directory_iterator entry(Folder, error), end; !error && entry != end;
+             entry.increment(error)) {
+            const std::string name = TextFromPath(entry->path().filename());
+            if (!IsCellName(name) && name != ManifestName && name != QuadFileName) {
+                Survey.Strays.push_back(name);
+            }
+        }
+        if (error) {
+            throw ToolFailure(ExitBadInput, TextFromPath(Folder) + ": " + error.message());
+        }
+        std::sort(Survey.Strays.begin(), Survey.Strays.end());
+    }
+
+    void Report(const std::string& name, const std::string& what) {
+        constexpr std::size_t faultsInWords = 20;
+        ++Survey.FaultCount;
+        if (Survey.Faults.size() < faultsInWords) Survey.Faults.push_back(name + " " + what);
+    }
+
+ private:
+    CellContent ReadRecords(std::FILE* file, const CellPosition& position,
+                            const std::string& name) {
+        CellContent content;
+        Checksum checksum;
+        std::uint64_t misplaced = 0;
+        std::uint64_t outOfRange = 0;
+        bool ordered = true;
+        int previous = std::numeric_limits<std::int16_t>::min();
+        std::vector<unsigned char> block(CatalogRecordBytes << 13);
+        std::size_t length = 0;
+        // Only the last block is not full, so that records never straddle two.
+        while ((length = std::fread(block.data(), 1, block.size(), file)) > 0) {
+            checksum.Add({block.data(), length});
+            for (std::size_t at = 0; at + CatalogRecordBytes <= length; at += CatalogRecordBytes) {
+                const CatalogStar star =
+                    DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes>(
+                        &block[at], CatalogRecordBytes));
+                ++content.Stars;
+                Survey.Magnitudes.Add(star.Mag);
+                if (!IsStoredPosition(star.Ra, star.Dec)) {
+                    ++outOfRange;
+                } else if (!(CellOfStored(star) == position)) {
+                    ++misplaced;
+                }
+                ordered = ordered && star.Mag >= previous;
+                previous = star.Mag;
+            }
+            if (length % CatalogRecordBytes != 0) Report(name, "ends within a record");
+        }
+        if (std::ferror(file) != 0) Report(name, "cannot be read to its end");
+        if (outOfRange > 0) {
+            Report(name, "has " + GroupedText(outOfRange) + " stars at impossible positions");
+        }
+        if (misplaced > 0) {
+            Report(name, "has " + GroupedText(misplaced) + " stars of other cells");
+        }
+        if (!ordered && Manifest != nullptr) Report(name, "is not brightest first");
+        content.Crc = checksum.Value();
+        return content;
+    }
+
+    const fs::path& Folder;
+    const CatalogManifest* Manifest;
+    CatalogSurvey& Survey;
+};
+
+}  // namespace
+
+CatalogSurvey SurveyCatalog(const fs::path& folder, const CatalogManifest* manifest,
+                            ProgressLine& progress) {
+    CatalogSurvey survey;
+    Surveyor surveyor(folder, manifest, survey);
+    surveyor.ListStrays();
+    const std::vector<CellPosition>& cells = AllCells();
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        progress.Show("Reading cells", i, cells.size(), survey.Stars);
+        surveyor.ReadCell(cells[i]);
+    }
+    return survey;
+}
+
+}  // namespace vestrel

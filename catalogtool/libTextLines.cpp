@@ -1,0 +1,108 @@
+#include "catalogtool/libTextLines.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "astro/libStrings.h"
+
+namespace vestrel {
+
+LineReader::LineReader(std::FILE* input) : Input(input), Buffer(16 * LongestLine) {}
+
+void LineReader::Refill() {
+    std::copy(Buffer.begin() + static_cast<std::ptrdiff_t>(Begin),
+              Buffer.begin() + static_cast<std::ptrdiff_t>(End), Buffer.begin());
+    End -= Begin;
+    Begin = 0;
+    const std::size_t room = Buffer.size() - End;
+    const std::size_t count = std::fread(Buffer.data() + End, 1, room, Input);
+    End += count;
+    Read += count;
+    // A short read is the end or a failure; to read on would wait again on an interrupted pipe.
+    AtEnd = count < room;
+}
+
+LineReader::Outcome LineReader::Next(std::string_view& line) {
+    std::size_t searched = 0;  // of the bytes from Begin on
+    bool tooLong = false;
+    for (;;) {
+        const void* found =
+            std::memchr(Buffer.data() + Begin + searched, '\n', End - Begin - searched);
+        const bool whole = found != nullptr;
+        if (!whole && !AtEnd) {
+            searched = End - Begin;
+            if (searched > LongestLine) {
+                tooLong = true;
+                Begin = End;
+                searched = 0;
+            }
+            Refill();
+            continue;
+        }
+        if (!whole && std::ferror(Input) != 0) return Outcome::Failed;
+        if (!whole && Begin == End && !tooLong) return Outcome::End;
+        const std::size_t stop =
+            whole ? static_cast<std::size_t>(static_cast<const char*>(found) - Buffer.data()) : End;
+        line = std::string_view(Buffer.data() + Begin, stop - Begin);
+        Begin = whole ? stop + 1 : End;
+        break;
+    }
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+    if (FirstLine && line.starts_with(byteOrderMark)) line.remove_prefix(byteOrderMark.size());
+    FirstLine = false;
+    return tooLong || line.size() > LongestLine ? Outcome::TooLong : Outcome::Line;
+}
+
+bool FieldSplitter::Split(std::string_view line, std::vector<std::string_view>& fields) {
+    fields.clear();
+    if (line.find('"') == std::string_view::npos) {
+        for (;;) {
+            const std::size_t end = line.find(Delimiter);
+            fields.push_back(Trim(line.substr(0, end)));
+            if (end == std::string_view::npos) return true;
+            line.remove_prefix(end + 1);
+        }
+    }
+    // The unquoted text is never longer than the line, so the fields' text does not move.
+    Unquoted.clear();
+    Unquoted.reserve(line.size());
+    for (std::size_t i = 0;; ++i) {
+        while (i < line.size() && line[i] == ' ' && Delimiter != ' ') ++i;
+        const std::size_t start = Unquoted.size();
+        if (i < line.size() && line[i] == '"') {
+            for (++i;; ++i) {
+                if (i >= line.size()) return false;
+                if (line[i] == '"' && (++i >= line.size() || line[i] != '"')) break;
+                Unquoted += line[i];
+            }
+            while (i < line.size() && line[i] == ' ') ++i;
+            if (i < line.size() && line[i] != Delimiter) return false;
+        } else {
+            for (; i < line.size() && line[i] != Delimiter; ++i) Unquoted += line[i];
+        }
+        fields.push_back(Trim(std::string_view(Unquoted).substr(start)));
+        if (i >= line.size()) return true;
+    }
+}
+
+char FieldSplitter::DelimiterOf(std::string_view header) {
+    constexpr std::string_view candidates = ",\t;|";
+    char best = ',';
+    std::ptrdiff_t most = 0;
+    for (const char candidate : candidates) {
+        bool quoted = false;
+        std::ptrdiff_t count = 0;
+        for (const char c : header) {
+            if (c == '"') quoted = !quoted;
+            if (c == candidate && !quoted) ++count;
+        }
+        if (count > most) {
+            most = count;
+            best = candidate;
+        }
+    }
+    return best;
+}
+
+}  // namespace vestrel

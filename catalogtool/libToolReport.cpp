@@ -1,0 +1,85 @@
+#include "catalogtool/libToolReport.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <system_error>
+
+#include "platform/libConsole.h"
+
+namespace vestrel {
+
+namespace {
+
+std::atomic<bool> stopSignalled = false;
+static_assert(std::atomic<bool>::is_always_lock_free, "set from a signal handler");
+
+extern "C" void RaiseStopFlag(int) {
+    stopSignalled = true;
+}
+
+}  // namespace
+
+void CatchStopSignals() {
+#ifdef _WIN32
+    std::signal(SIGINT, RaiseStopFlag);
+#else
+    struct sigaction action {};
+    action.sa_handler = RaiseStopFlag;
+    // Without SA_RESTART a read that waits on a pipe ends too.
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+#endif
+}
+
+void ThrowIfStopped() {
+    if (stopSignalled) throw ToolFailure(ExitStopped, "stopped; nothing was changed");
+}
+
+std::string SystemErrorText() {
+    return std::generic_category().message(errno);
+}
+
+std::string GroupedText(std::uint64_t number) {
+    std::string text = std::to_string(number);
+    for (std::ptrdiff_t at = std::ssize(text) - 3; at > 0; at -= 3) {
+        text.insert(static_cast<std::size_t>(at), 1, ',');
+    }
+    return text;
+}
+
+ProgressLine::ProgressLine(std::FILE* stream) : Stream(IsTerminal(stream) ? stream : nullptr) {}
+
+void ProgressLine::Show(std::string_view task, std::uint64_t done, std::uint64_t total,
+                        std::uint64_t count) {
+    ThrowIfStopped();
+    if (Stream == nullptr) return;
+    const auto now = std::chrono::steady_clock::now();
+    if (now < Next) return;
+    Next = now + std::chrono::milliseconds(150);
+
+    std::string line(task);
+    line += ": ";
+    if (total > 0) {
+        const double percent = 100.0 * static_cast<double>(done) / static_cast<double>(total);
+        line += std::to_string(std::min(static_cast<int>(percent), 100)) + " %, ";
+    }
+    line += GroupedText(count);
+    const std::size_t shown = line.size();
+    // Blanks wipe what a longer line left; an escape sequence would need to know the terminal.
+    line.resize(std::max(shown, Drawn), ' ');
+    std::fprintf(Stream, "\r%s", line.c_str());
+    std::fflush(Stream);
+    Drawn = shown;
+}
+
+void ProgressLine::Clear() {
+    if (Stream == nullptr || Drawn == 0) return;
+    std::fprintf(Stream, "\r%s\r", std::string(Drawn, ' ').c_str());
+    std::fflush(Stream);
+    Drawn = 0;
+    Next = {};
+}
+
+}  // namespace vestrel

@@ -1,0 +1,338 @@
+// vestrel-catalog render: draws a frame of the sky from the catalog, with its truth beside it.
+#include <CLI/App.hpp>
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <numbers>
+#include <optional>
+
+#include "astro/libConversions.h"
+#include "astro/libMath.h"
+#include "astro/libStrings.h"
+#include "catalogtool/commands.h"
+#include "catalogtool/libToolReport.h"
+#include "image/libFitsCards.h"
+#include "platform/libFiles.h"
+#include "platform/libPlatform.h"
+#include "tools/libFrameFile.h"
+#include "tools/libFrameRenderer.h"
+
+namespace vestrel {
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr double radiansPerDegree = std::numbers::pi / 180;
+
+struct RenderOptions {
+    std::string Catalog;
+    std::string Ra;
+    std::string Dec;
+    std::string Size;
+    std::string Out;
+    int WidthPixels = 1600;
+    double Rotation = 0;
+    bool Mirrored = false;
+    int Format = 16;
+    FrameExposure Exposure;
+    std::optional<double> MagnitudeLimit;
+    std::optional<double> ZeroPoint;
+    std::optional<double> SkyLevel;
+    std::optional<double> Gain;
+    std::optional<double> Saturation;
+    std::optional<int> HotPixels;
+    std::optional<int> RandomStars;
+    int FaintStars = 0;
+    double FaintFrom = 11.5;  ///< where the completeness of the usual catalog ends
+};
+
+/// What the options come to.
+struct RenderPlan {
+    FrameGeometry Geometry;
+    FrameExposure Exposure;
+    double FieldHalfDiagonal = 0;  ///< radians
+    double SolveLimit = 0;         ///< magnitudes
+    double DrawnLimit = 0;
+};
+
+[[noreturn]] void WrongUsage(const std::string& text) {
+    throw ToolFailure(ExitWrongUsage, text);
+}
+
+FrameGeometry GeometryOf(const RenderOptions& options) {
+    FrameGeometry geometry;
+    geometry.CentreRa = ParseRA(options.Ra);
+    if (geometry.CentreRa == InvalidAngle) WrongUsage("--ra: no right ascension: " + options.Ra);
+    geometry.CentreDec = ParseDec(options.Dec);
+    if (geometry.CentreDec == InvalidAngle) WrongUsage("--dec: no declination: " + options.Dec);
+    const auto size = ParseFieldSize(options.Size);
+    if (!size) WrongUsage("--size: no field size: " + options.Size);
+
+    // A larger header value than this is more than the solver reads.
+    constexpr double mostPixels = 32767;
+    constexpr double fewestPixels = 20;
+    const double height = std::nearbyint(options.WidthPixels * size->second / size->first);
+    if (options.WidthPixels < fewestPixels || options.WidthPixels > mostPixels ||
+        !(height >= fewestPixels && height <= mostPixels)) {
+        WrongUsage("a frame has 20 to 32767 columns and rows, not " +
+                   std::to_string(options.WidthPixels) + " x " + PlainNumberText(height));
+    }
+    geometry.Width = options.WidthPixels;
+    geometry.Height = static_cast<int>(height);
+    geometry.RadiansPerPixel = size->first / options.WidthPixels;
+    geometry.UpPositionAngle = options.Rotation * radiansPerDegree;
+    geometry.Mirrored = options.Mirrored;
+    if (geometry.Radius() > 60 * radiansPerDegree) WrongUsage("--size: the field is too wide");
+    return geometry;
+}
+
+RenderPlan PlanOf(const RenderOptions& options) {
+    RenderPlan plan;
+    plan.Geometry = GeometryOf(options);
+    plan.FieldHalfDiagonal = plan.Geometry.HalfDiagonal() * plan.Geometry.RadiansPerPixel;
+    plan.SolveLimit = SolveMagnitudeLimit(plan.FieldHalfDiagonal);
+
+    FrameExposure& exposure = plan.Exposure;
+    exposure = options.Exposure;
+    // Few counts leave less room between the noise of the sky and the brightest stars.
+    const bool bytes = options.Format == 8;
+    exposure.WholeCounts = options.Format != -32;
+    exposure.Gain = options.Gain.value_or(bytes ? 24 : 1);
+    exposure.SkyLevel = options.SkyLevel.value_or(bytes ? 60 : 1500);
+    const double fullScale = bytes ? 255 : 65535;
+    exposure.Saturation = options.Saturation.value_or(fullScale);
+    if (exposure.Saturation > fullScale && exposure.WholeCounts) {
+        WrongUsage("--saturation: the format ends at " + NumberText(fullScale));
+    }
+    if (exposure.SkyLevel >= exposure.Saturation) WrongUsage("--sky: the sky alone saturates");
+    exposure.HotPixels = options.HotPixels.value_or(
+        static_cast<int>(static_cast<double>(plan.Geometry.Width) * plan.Geometry.Height / 20000));
+    // By default stars well below what a solve needs still stand clear of the noise.
+    constexpr double deeper = 1.5;
+    constexpr double clearSigmas = 8;
+    exposure.ZeroPoint =
+        options.ZeroPoint.value_or(ZeroPointFor(exposure, plan.SolveLimit + deeper, clearSigmas));
+    plan.DrawnLimit = options.MagnitudeLimit.value_or(plan.SolveLimit + deeper + 1);
+    return plan;
+}
+
+/// A mount would not know the seconds: "08 40 24" becomes "08 40 00".
+std::string ToTheMinute(const std::string& sexagesimal) {
+    return sexagesimal.substr(0, sexagesimal.size() - 2) + "00";
+}
+
+std::vector<std::string> HeaderCards(const RenderOptions& options, const RenderPlan& plan) {
+    const FrameGeometry& geometry = plan.Geometry;
+    const double arcsecondsPerPixel = geometry.RadiansPerPixel / radiansPerDegree * 3600;
+    constexpr double pixelMicrometres = 5;
+    return {
+        FitsTextCard("OBJECT", options.RandomStars ? "random stars" : "catalog stars"),
+        FitsTextCard("TELESCOP", "rendered, gnomonic optics"),
+        FitsTextCard("INSTRUME", "vestrel-catalog render"),
+        FitsTextCard("SWCREATE", "vestrel-catalog " VESTREL_VERSION),
+        FitsNumberCard("EXPTIME", 60, "seconds"),
+        FitsNumberCard("EGAIN", plan.Exposure.Gain, "electrons per count"),
+        FitsNumberCard("XPIXSZ", pixelMicrometres, "micrometres"),
+        FitsNumberCard("YPIXSZ", pixelMicrometres, "micrometres"),
+        FitsNumberCard("FOCALLEN",
+                       std::nearbyint(pixelMicrometres / 1000 / geometry.RadiansPerPixel),
+                       "millimetres"),
+        FitsNumberCard("SECPIX", RoundToDecimals(arcsecondsPerPixel, 2), "arcseconds per pixel"),
+        FitsTextCard("OBJCTRA", ToTheMinute(FormatRA(geometry.CentreRa, false, 0))),
+        FitsTextCard("OBJCTDEC", ToTheMinute(FormatDec(geometry.CentreDec, false, 0))),
+    };
+}
+
+using Json = nlohmann::ordered_json;
+
+Json TruthOf(const RenderOptions& options, const RenderPlan& plan,
+             const std::vector<FrameStar>& stars) {
+    const FrameGeometry& geometry = plan.Geometry;
+    const FrameExposure& exposure = plan.Exposure;
+    constexpr double detectable = 6;  // standard deviations of the sky
+    constexpr std::size_t mostListed = 200;
+    std::size_t inFrame = 0;
+    std::size_t clear = 0;
+    Json listed = Json::array();
+    for (const FrameStar& star : stars) {
+        const FramePoint& place = star.Place;
+        if (place.X < -0.5 || place.Y < -0.5 || place.X >= geometry.Width - 0.5 ||
+            place.Y >= geometry.Height - 0.5) {
+            continue;
+        }
+        ++inFrame;
+        if (PeakSigmas(exposure, star.Sky.Mag) > detectable) ++clear;
+        if (inFrame > mostListed) continue;
+        listed.push_back({{"x", place.X},
+                          {"y", place.Y},
+                          {"ra_deg", star.Sky.Ra / radiansPerDegree},
+                          {"dec_deg", star.Sky.Dec / radiansPerDegree},
+                          {"mag", star.Sky.Mag}});
+    }
+
+    double up = std::fmod(options.Rotation, 360);
+    if (up < 0) up += 360;
+    Json truth;
+    truth["ra_deg"] = geometry.CentreRa / radiansPerDegree;
+    truth["dec_deg"] = geometry.CentreDec / radiansPerDegree;
+    truth["scale_arcsec_px"] = geometry.RadiansPerPixel / radiansPerDegree * 3600;
+    truth["up_position_angle_deg"] = up;
+    truth["mirrored"] = geometry.Mirrored;
+    truth["width_px"] = geometry.Width;
+    truth["height_px"] = geometry.Height;
+    truth["half_diagonal_arcmin"] = plan.FieldHalfDiagonal / radiansPerDegree * 60;
+    truth["bitpix"] = options.Format;
+    truth["seed"] = exposure.Seed;
+    truth["seeing_px"] = exposure.Seeing;
+    truth["sky_counts"] = exposure.SkyLevel;
+    truth["saturation_counts"] = exposure.Saturation;
+    truth["gain"] = exposure.Gain;
+    truth["read_noise"] = exposure.ReadNoise;
+    truth["zero_point"] = exposure.ZeroPoint;
+    truth["solve_magnitude_limit"] = plan.SolveLimit;
+    truth["drawn_magnitude_limit"] = plan.DrawnLimit;
+    truth["random_stars"] = options.RandomStars.has_value();
+    truth["faint_stars"] = options.FaintStars;
+    truth["stars_drawn"] = inFrame;
+    truth["stars_above_6_sigma"] = clear;
+    truth["pixel_rows"] = "from the bottom of the picture, as in the file; both from 0";
+    truth["brightest_stars"] = std::move(listed);
+    return truth;
+}
+
+void Write(const fs::path& path, bool written) {
+    if (!written) {
+        throw ToolFailure(ExitCannotWrite,
+                          TextFromPath(path) + ": cannot be written: " + SystemErrorText());
+    }
+}
+
+/// A real sky goes on where the catalog ends.
+void AddFaintStars(const RenderOptions& options, const RenderPlan& plan,
+                   std::vector<FrameStar>& stars) {
+    const double faintest = std::max(plan.DrawnLimit, options.FaintFrom);
+    const std::vector<FrameStar> faint = RandomFrameStars(
+        plan.Geometry, options.FaintStars, options.FaintFrom, faintest, plan.Exposure.Seed);
+    stars.insert(stars.end(), faint.begin(), faint.end());
+    std::stable_sort(stars.begin(), stars.end(),
+                     [](const FrameStar& a, const FrameStar& b) { return a.Sky.Mag < b.Sky.Mag; });
+}
+
+void Render(const RenderOptions& options) {
+    const RenderPlan plan = PlanOf(options);
+    const fs::path out = PathFromText(options.Out);
+    const std::string extension = UpperCase(TextFromPath(out.extension()));
+    if (extension != ".FIT" && extension != ".FITS" && extension != ".FTS") {
+        WrongUsage("--out: the name of a frame ends in .fit, .fits or .fts");
+    }
+    std::vector<FrameStar> stars;
+    if (options.RandomStars) {
+        // Seven magnitudes: what a frame shows between its brightest star and the noise.
+        stars = RandomFrameStars(plan.Geometry, *options.RandomStars, plan.DrawnLimit - 7,
+                                 plan.DrawnLimit, plan.Exposure.Seed);
+    } else {
+        stars = CatalogFrameStars(ExistingCatalog(options.Catalog), plan.Geometry, plan.DrawnLimit);
+    }
+    AddFaintStars(options, plan, stars);
+    const Frame frame = RenderFrame(plan.Geometry, plan.Exposure, stars);
+    ThrowIfStopped();
+
+    fs::path truthPath = out;
+    truthPath.replace_extension(".truth.json");
+    const Json truth = TruthOf(options, plan, stars);
+    Write(out, ReplaceFile(out, FrameFileBytes(frame, options.Format, HeaderCards(options, plan))));
+    Write(truthPath, ReplaceFile(truthPath, truth.dump(1) + "\n"));
+    std::printf("%s: %d x %d pixels, %s stars, %s of them clear of the noise\n",
+                TextFromPath(out).c_str(), frame.Width, frame.Height,
+                GroupedText(truth["stars_drawn"].get<std::uint64_t>()).c_str(),
+                GroupedText(truth["stars_above_6_sigma"].get<std::uint64_t>()).c_str());
+}
+
+}  // namespace
+
+void AddRenderCommand(CLI::App& program, int& exitCode) {
+    CLI::App& command = *program.add_subcommand(
+        "render",
+        "Draw a frame of the sky from the catalog, and its truth beside it (.truth.json)");
+    const auto options = std::make_shared<RenderOptions>();
+    FrameExposure& exposure = options->Exposure;
+    AddCatalogOption(command, options->Catalog);
+    command.add_option("--ra", options->Ra, "Centre: 08:40:24 (hours) or 130.1 (degrees)")
+        ->required();
+    command.add_option("--dec", options->Dec, "Centre: +19:40:00 or 19.667 (degrees)")->required();
+    command
+        .add_option("--size", options->Size,
+                    "Field: 120x90 (arcminutes) or 2x1.5d (degrees), at the scale of the centre")
+        ->required();
+    command.add_option("--out", options->Out, "The frame to write, .fit")->required();
+    command.add_option("--width-px", options->WidthPixels, "Columns; the rows follow from --size")
+        ->capture_default_str();
+    command
+        .add_option("--rotation", options->Rotation,
+                    "Position angle of the picture's upward direction, degrees east of north")
+        ->capture_default_str();
+    command.add_flag("--mirrored", options->Mirrored, "With north up, east is right");
+    command.add_option("--format", options->Format, "BITPIX: 8, 16 (unsigned) or -32")
+        ->check(CLI::IsMember({8, 16, -32}))
+        ->capture_default_str();
+    command.add_option("--seed", exposure.Seed, "Another seed, another noise")
+        ->capture_default_str();
+    command
+        .add_option("--random-stars", options->RandomStars,
+                    "Draw this many stars at random places instead of the catalog's (0: none)")
+        ->check(CLI::Range(0, 1000000));
+    command
+        .add_option("--faint-stars", options->FaintStars,
+                    "Draw this many more at random places, from --faint-from to the faintest drawn")
+        ->check(CLI::Range(0, 1000000))
+        ->capture_default_str();
+    command
+        .add_option("--faint-from", options->FaintFrom,
+                    "Magnitude where the catalog's completeness ends")
+        ->capture_default_str();
+
+    const char* const camera = "Sky and camera";
+    command.add_option("--seeing", exposure.Seeing, "Full width of a star at half height, pixels")
+        ->check(CLI::Range(0.3, 100.0))
+        ->capture_default_str()
+        ->group(camera);
+    command
+        .add_option("--magnitude-limit", options->MagnitudeLimit,
+                    "Faintest star drawn (default: 2.5 below what a solve looks at)")
+        ->group(camera);
+    command
+        .add_option("--zero-point", options->ZeroPoint,
+                    "Magnitude of a star that gives one electron (default: stars 1.5 below what a "
+                    "solve looks at peak 8 sigma above the sky)")
+        ->group(camera);
+    command.add_option("--sky", options->SkyLevel, "Sky, counts (default: 1500, 8-bit 60)")
+        ->check(CLI::NonNegativeNumber)
+        ->group(camera);
+    command
+        .add_option("--gradient", exposure.Gradient,
+                    "Change of the sky from edge to edge, as a part of its level")
+        ->capture_default_str()
+        ->check(CLI::Range(0.0, 2.0))
+        ->group(camera);
+    command.add_option("--read-noise", exposure.ReadNoise, "Electrons")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str()
+        ->group(camera);
+    command.add_option("--gain", options->Gain, "Electrons per count (default: 1, 8-bit 24)")
+        ->check(CLI::PositiveNumber)
+        ->group(camera);
+    command.add_option("--saturation", options->Saturation, "Counts (default: 65535, 8-bit 255)")
+        ->check(CLI::PositiveNumber)
+        ->group(camera);
+    command.add_option("--hot-pixels", options->HotPixels, "(default: one in 20000)")
+        ->check(CLI::NonNegativeNumber)
+        ->group(camera);
+    command.callback([options, &exitCode] {
+        Render(*options);
+        exitCode = ExitGood;
+    });
+}
+
+}  // namespace vestrel

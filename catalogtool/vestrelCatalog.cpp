@@ -1,0 +1,86 @@
+// vestrel-catalog: makes the star catalog that solving needs, and looks after it.
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <cstdio>
+#include <exception>
+#include <system_error>
+
+#include "catalogtool/commands.h"
+#include "catalogtool/libToolReport.h"
+#include "platform/libConsole.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+
+void AddCatalogOption(CLI::App& command, std::string& folder) {
+    command
+        .add_option("--catalog", folder,
+                    "Catalog folder (default: $VESTREL_CATALOG, else the user's or the system's "
+                    "data folder)")
+        ->type_name("DIR");
+}
+
+std::filesystem::path ChosenCatalog(const std::string& folder) {
+    return folder.empty() ? DefaultCatalogFolder() : PathFromText(folder);
+}
+
+std::filesystem::path ExistingCatalog(const std::string& folder) {
+    std::filesystem::path chosen = ChosenCatalog(folder);
+    std::error_code ignored;
+    if (!std::filesystem::is_directory(chosen, ignored)) {
+        throw ToolFailure(ExitBadInput, TextFromPath(chosen) +
+                                            ": there is no catalog; \"vestrel-catalog build\" "
+                                            "makes one");
+    }
+    return chosen;
+}
+
+namespace {
+
+int Run(int argc, const char* const* argv) {
+    CLI::App program("Makes, describes and checks the star catalog of Vestrel.", "vestrel-catalog");
+    program.allow_windows_style_options(false);  // a path may begin with "/" there too
+    program.set_version_flag("--version", "vestrel-catalog " VESTREL_VERSION);
+    program.require_subcommand(1);
+    program.footer(
+        "Results go to standard output, everything else to standard error.\n"
+        "Exit codes: 0 good, 1 verify found faults, 2 wrong usage, 3 input missing or invalid,\n"
+        "4 cannot write, 130 stopped by Ctrl-C.");
+
+    int exitCode = ExitGood;
+    AddBuildCommand(program, exitCode);
+    AddInfoCommand(program, exitCode);
+    AddQuadsCommand(program, exitCode);
+    AddRenderCommand(program, exitCode);
+    AddVerifyCommand(program, exitCode);
+    try {
+        CatchStopSignals();
+        program.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        // Help and version come this way too, with code 0.
+        return program.exit(error) == 0 ? ExitGood : ExitWrongUsage;
+    }
+    // Results that never arrived are no success.
+    if (std::fflush(stdout) != 0) {
+        throw ToolFailure(ExitCannotWrite, "standard output: " + SystemErrorText());
+    }
+    return exitCode;
+}
+
+}  // namespace
+}  // namespace vestrel
+
+int main(int argc, char** argv) {
+    try {
+        const vestrel::ProgramArguments arguments(argc, argv);
+        const vestrel::PreparedConsole console;
+        return vestrel::Run(arguments.Count(), arguments.Values());
+    } catch (const vestrel::ToolFailure& failure) {
+        std::fprintf(stderr, "vestrel-catalog: %s\n", failure.what());
+        return failure.Code;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vestrel-catalog: %s\n", error.what());
+        return vestrel::ExitBadInput;
+    }
+}

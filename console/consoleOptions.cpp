@@ -1,0 +1,191 @@
+#include "console/consoleOptions.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <system_error>
+
+#include "astro/libConversions.h"
+#include "astro/libMath.h"
+#include "astro/libStrings.h"
+#include "console/exitCodes.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+
+namespace {
+
+constexpr const char* description =
+    "Finds where a photograph of the night sky points.\n"
+    "\n"
+    "  vestrel-solve m44.jpg --ra 08:40:24 --dec +19:40:00 --size 120x90 --regions 25\n"
+    "  vestrel-solve m44.jpg --blind --size 120x90\n"
+    "  vestrel-solve \"2.2704,0.3431,0.0349,0.0262,25,/pictures/m44.fit\"\n"
+    "\n"
+    "The last form takes right ascension, declination, width, height (radians), region limit\n"
+    "and path as one argument, and writes a result file (.kel) beside the image.";
+
+constexpr const char* closing =
+    "Exit codes:\n"
+    "  0  solved                          5  the image cannot be read\n"
+    "  1  fewer than 6 stars              6  the parameter string's path has no \".\"\n"
+    "  2  wrong use of the command line   7  no match, as there is no catalog for this field\n"
+    "  3  no match                        8  solved, but the result could not be written\n"
+    "  4  stopped by the user\n"
+    "\n"
+#ifdef _WIN32
+    "The catalog is the first of --catalog, %VESTREL_CATALOG% and %ProgramData%\\Harrowdene\\KEL;\n"
+    "vestrel-catalog makes one. %VESTREL_THREADS% limits the threads.";
+#else
+    "The catalog is the first of --catalog, $VESTREL_CATALOG, $XDG_DATA_HOME/Harrowdene/KEL and\n"
+    "/var/lib/Harrowdene/KEL; vestrel-catalog makes one. $VESTREL_THREADS limits the threads.";
+#endif
+
+/// A parameter string is one argument with commas that names no file.
+bool LooksLikeParameterString(const std::string& argument) {
+    std::error_code ignored;
+    return !argument.empty() && !std::filesystem::exists(PathFromText(argument), ignored) &&
+           argument.find(',') != std::string::npos;
+}
+
+/// Takes a parameter string that begins with "-", as the right ascension of one may, out of the
+/// arguments: it would be read as an option.
+std::string TakeNegativeParameterString(std::vector<std::string>& arguments) {
+    constexpr std::ptrdiff_t commas = 5;
+    const bool alone = arguments.size() == 1;
+    const auto found =
+        std::find_if(arguments.begin(), arguments.end(), [alone](const std::string& argument) {
+            return argument.starts_with('-') && !argument.starts_with("--") &&
+                   LooksLikeParameterString(argument) &&
+                   (alone || std::count(argument.begin(), argument.end(), ',') >= commas);
+        });
+    if (found == arguments.end()) return {};
+    std::string taken = std::move(*found);
+    arguments.erase(found);
+    return taken;
+}
+
+void AddParameterOptions(CLI::App& app, SolveParameters& parameters) {
+    const auto add = [&app](const char* name, auto& field, const char* help) {
+        app.add_option(name, field, help)->capture_default_str()->group("Extraction and matching");
+    };
+    add("--max-star-size", parameters.MaxStarSize,
+        "Standard deviations of the star sizes above their mean");
+    add("--min-star-size", parameters.MinStarSize, "Pixels");
+    add("--max-stars", parameters.MaxStars, "Stars of each list that take part");
+    add("--detection-threshold", parameters.DetectionThreshold,
+        "Standard deviations of the sky above its mean");
+    add("--max-geometric-error", parameters.MaxGeometricError,
+        "Largest departure of stretch from 1 and of skew from 0");
+    add("--edge-exclusion", parameters.EdgeExclusion,
+        "Border that is ignored, as a fraction of the image");
+    add("--max-error", parameters.MaxError, "Largest fit error, pixels");
+    add("--match-tolerance", parameters.MatchTolerance,
+        "Difference in side ratio of triangles that still vote");
+    add("--match-divisor", parameters.MatchDivisor,
+        "The larger, the fewer votes a pair of stars needs");
+}
+
+ParsedOptions UsageError(const std::string& text) {
+    return {ExitCode::Usage, text + "\nRun with --help for more information.\n"};
+}
+
+/// Reads the texts of the search inputs.
+std::optional<ParsedOptions> ReadSearchInputs(const std::string& ra, const std::string& dec,
+                                              const std::string& size, ConsoleOptions& options) {
+    if (!ra.empty() || !dec.empty()) {
+        options.Centre = SkyPosition{ParseRA(ra), ParseDec(dec)};
+        if (options.Centre->Ra == InvalidAngle) return UsageError("Please enter a valid RA value");
+        if (options.Centre->Dec == InvalidAngle) {
+            return UsageError("Please enter a valid Declination value");
+        }
+    }
+    if (!size.empty()) {
+        options.FieldSize = ParseFieldSize(size);
+        if (!options.FieldSize) return UsageError("Please enter a valid Image Size");
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOptions& options,
+                                  SolveParameters& parameters) {
+    CLI::App app(description, "vestrel-solve");
+    app.allow_windows_style_options(false);  // a path may begin with "/" there too
+    app.footer(closing);
+    app.set_version_flag("--version", std::string("vestrel-solve ") + VESTREL_VERSION);
+    std::string argument;
+    std::string ra;
+    std::string dec;
+    std::string size;
+    std::string catalog;
+    app.add_option("image", argument, "The image (FITS, SBIG or JPEG), or a parameter string");
+    app.add_option("--ra", ra, "Approximate centre: 08:40:24 (hours) or 130.1 (degrees)");
+    app.add_option("--dec", dec, "Approximate centre: +19:40:00 or 19.667 (degrees)");
+    app.add_option("--size", size,
+                   "Approximate field: 120x90 (arcminutes) or 2x1.5d (degrees); as in the "
+                   "settings file when left out");
+    app.add_option("--regions", options.Regions, "Regions to search")->capture_default_str();
+    app.add_flag("--blind", options.Blind,
+                 "Needs no centre: finds it by the quad tables (vestrel-catalog quads); after a "
+                 "centre that does not match, too");
+    app.add_option("--catalog", catalog, "Folder of the catalog");
+    const CLI::Validator named(
+        [](const std::string& name) -> std::string {
+            return name.empty() ? "needs the name of a file" : "";
+        },
+        "");
+    app.add_option("--info", options.InfoFile, "Print what a file's header says, and end")
+        ->type_name("FILE")
+        ->check(named);
+    const char* outputs = "Files written when the image is solved";
+    app.add_flag("--wcs", options.WorldCoordinates,
+                 "World coordinates as a FITS header beside the image (.wcs)")
+        ->group(outputs);
+    app.add_option("--export", options.ExportFile,
+                   "Standard FITS for other programs: the image as it was, with the solution")
+        ->type_name("FILE")
+        ->check(named)
+        ->group(outputs);
+    app.add_option("--save", options.SaveFile,
+                   "Vestrel's own FITS file, without the sky background; opens again solved")
+        ->type_name("FILE")
+        ->check(named)
+        ->group(outputs);
+    app.add_flag("--json", options.Json, "Print the result as JSON");
+    app.add_flag("--quiet", options.Quiet, "No progress, and no explanation of failures");
+    AddParameterOptions(app, parameters);
+
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    std::string negative = TakeNegativeParameterString(arguments);
+    try {
+        std::reverse(arguments.begin(), arguments.end());  // as it wants them
+        app.parse(std::move(arguments));
+    } catch (const CLI::ParseError& end) {
+        std::ostringstream out;
+        std::ostringstream errors;
+        const int code = app.exit(end, out, errors);
+        if (code == 0) return {0, out.str()};
+        return {ExitCode::Usage, errors.str()};
+    }
+    if (!options.InfoFile.empty()) return {};
+    if (argument.empty()) argument = std::move(negative);
+    options.CatalogFolder = PathFromText(catalog);
+    if (options.Blind && LooksLikeParameterString(argument)) {
+        return UsageError("A parameter string has a centre: it goes without --blind.");
+    }
+    const bool anySearchInput = !ra.empty() || !dec.empty() || !size.empty() || options.Blind;
+    if (!anySearchInput && LooksLikeParameterString(argument)) {
+        options.ParameterString = argument;
+        return {};
+    }
+    if (argument.empty()) return UsageError("Name an image.");
+    options.Image = argument;
+    if (auto error = ReadSearchInputs(ra, dec, size, options)) return *error;
+    if (!options.Centre && !options.Blind) {
+        return UsageError("Give the approximate centre with --ra and --dec, or --blind.");
+    }
+    return {};
+}
+
+}  // namespace vestrel

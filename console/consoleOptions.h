@@ -1,0 +1,42 @@
+// What the command line of `vestrel-solve` asks for.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "program/mCommandLine.h"
+#include "program/mGeneral.h"
+
+namespace vestrel {
+
+struct ConsoleOptions {
+    /// The six-field parameter string; the other inputs are then not used.
+    std::optional<std::string> ParameterString;
+    std::string Image;
+    std::optional<SkyPosition> Centre;
+    std::optional<std::pair<double, double>> FieldSize;  ///< width, height, radians
+    std::int32_t Regions = 25;
+    bool Blind = false;             ///< without a centre, or when the solve from it fails
+    std::string InfoFile;           ///< the file whose header to show; nothing else is then done
+    std::string SaveFile;           ///< where the solved image goes; empty: nowhere
+    std::string ExportFile;         ///< where its standard FITS copy goes; empty: nowhere
+    bool WorldCoordinates = false;  ///< a .wcs file beside the image
+    std::filesystem::path CatalogFolder;  ///< empty: the usual one
+    bool Json = false;
+    bool Quiet = false;
+};
+
+/// The outcome of reading the command line: go on, or end with a code (0 after --help).
+struct ParsedOptions {
+    std::optional<int> EndWith;
+    std::string Output;  ///< for stdout when the code is 0, else for stderr
+};
+
+/// Reads the command line into `options`. `parameters` holds the settings and takes what the
+/// options change in them.
+ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOptions& options,
+                                  SolveParameters& parameters);
+
+}  // namespace vestrel

@@ -1,0 +1,338 @@
+// The console program: solves one image and reports the outcome.
+
+#include <cmath>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "astro/libMath.h"
+#include "astro/libStrings.h"
+#include "console/consoleOptions.h"
+#include "console/consolePort.h"
+#include "console/exitCodes.h"
+#include "image/libHeaderText.h"
+#include "platform/libConsole.h"
+#include "platform/libPlatform.h"
+#include "program/mBlindSolve.h"
+#include "program/mCommandLine.h"
+#include "program/mImageData.h"
+#include "program/mPlateMatch.h"
+#include "program/mSettings.h"
+#include "program/mSolveReport.h"
+#include "program/mSolvedImage.h"
+#include "program/mStopwatch.h"
+
+namespace vestrel {
+namespace {
+
+/// How a run ended.
+struct Outcome {
+    int Exit = ExitCode::Usage;
+    SolveResult Result;
+    bool Attempted = false;  ///< an image was read and a solve ran
+    std::string Image;
+    double Seconds = 0;
+};
+
+Outcome SolveParameterString(ProgramState& state, Port& port, const std::string& parameters) {
+    const UnattendedOutcome run = RunUnattended(state, port, parameters);
+    Outcome outcome;
+    outcome.Result = run.Result;
+    outcome.Image = run.Request.Path;
+    outcome.Attempted = run.End == UnattendedEnd::Finished;
+    outcome.Exit = ExitCodeOf(run, state, port);
+    return outcome;
+}
+
+Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& options) {
+    Outcome outcome;
+    outcome.Image = options.Image;
+    if (!OpenImage(state, port, options.Image)) {
+        outcome.Exit = ExitCode::NoImage;
+        outcome.Result = {SolveCode::NoImage, ResultMessage(SolveCode::NoImage)};
+        return outcome;
+    }
+    const auto [width, height] = *options.FieldSize;
+    const double tolerance = state.Parameters.MaxError;
+    double ra = options.Centre ? options.Centre->Ra : 0;
+    double dec = options.Centre ? options.Centre->Dec : 0;
+    std::int16_t code = SolveCode::NoMatch;
+    if (options.Centre) {
+        code = SolvePlate(state, port, ra, dec, width, height, options.Regions, tolerance);
+    }
+    if (options.Blind && code == SolveCode::NoMatch) {
+        const bool extracted = options.Centre.has_value();
+        code = SolveBlind(state, port, ra, dec, width, height, tolerance, extracted);
+    }
+    outcome.Result = {code, ResultMessage(code)};
+    outcome.Exit = ExitCodeOf(code, state);
+    outcome.Attempted = true;
+    return outcome;
+}
+
+/// Two of the files of a run that are one and the same, in words; empty when there are none.
+std::string CoincidingFiles(const ConsoleOptions& options) {
+    std::vector<std::pair<std::string, std::string>> files;
+    std::string image = options.Image;
+    if (options.ParameterString) {
+        const auto request = ParseParameterString(*options.ParameterString);
+        if (!request) return {};
+        image = request->Path;
+        files.emplace_back("the result file", TextFromPath(ResultFilePath(image)));
+    }
+    files.emplace_back("the image itself", image);
+    if (options.WorldCoordinates) files.emplace_back("the .wcs file", WorldCoordinatePath(image));
+    for (const std::string& output : {options.ExportFile, options.SaveFile}) {
+        if (output.empty()) continue;
+        for (const auto& [what, path] : files) {
+            std::error_code ignored;
+            const std::filesystem::path one = AbsolutePath(PathFromText(output));
+            const std::filesystem::path other = AbsolutePath(PathFromText(path));
+            if (std::filesystem::equivalent(one, other, ignored) ||
+                FollowLinks(one, ignored) == FollowLinks(other, ignored)) {
+                return output + " is " + what + ": name another file.";
+            }
+        }
+        files.emplace_back("the exported file", output);
+    }
+    return {};
+}
+
+/// Writes the files that were asked for. The export reads the image's file once more.
+bool WriteOutputs(const ProgramState& state, Port& port, const ConsoleOptions& options) {
+    bool good = true;
+    if (!options.ExportFile.empty()) good = ExportImage(state, port, options.ExportFile);
+    if (options.WorldCoordinates) good = WriteWorldCoordinates(state, port) && good;
+    if (!options.SaveFile.empty()) good = SaveImage(state, port, options.SaveFile) && good;
+    return good;
+}
+
+int PrintHeader(ProgramState& state, Port& port, const std::string& path) {
+    if (!OpenImage(state, port, path)) return ExitCode::NoImage;
+    for (const std::string& line : HeaderLines(state.Image)) {
+        std::printf("%s\n", WithoutControls(line).c_str());
+    }
+    if (state.Image.ImageType == "JPEG") std::fputs("A picture has no header.\n", stderr);
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return ExitCode::Solved;
+    return ExitCode::NotWritten;
+}
+
+/// The field size that the settings remember, radians.
+std::pair<double, double> RememberedFieldSize(const SolveParameters& parameters) {
+    const double radiansPerUnit = (parameters.SizeUnit == 1 ? 60 : 1) * Pi / 180 / 60;
+    return {parameters.FieldWidth * radiansPerUnit, parameters.FieldHeight * radiansPerUnit};
+}
+
+/// The matched pairs: where each star lies in the image and in the catalog.
+nlohmann::ordered_json JsonMatches(const ProgramState& state) {
+    constexpr double degreesPerRadian = 57.29577951308232;
+    nlohmann::ordered_json matches = nlohmann::ordered_json::array();
+    for (std::size_t k = 1; k < state.Solution.Pairs.size(); ++k) {
+        const StarMatch& pair = state.Solution.Pairs[k];
+        if (!pair.InUse) continue;
+        const PlateStar& plateStar = state.PlateStars[static_cast<std::size_t>(pair.Star2)];
+        const PlateStar& catalogStar = state.CatalogStars[static_cast<std::size_t>(pair.Star1)];
+        double x = 0;
+        double y = 0;
+        ApplyPlateFit(state.Solution.Transform, static_cast<double>(catalogStar.X),
+                      static_cast<double>(catalogStar.Y), x, y);
+        matches.push_back(
+            {{"x", plateStar.X},
+             {"y", plateStar.Y},
+             {"catalog_x", x},
+             {"catalog_y", y},
+             {"ra_deg", catalogStar.Ra * degreesPerRadian},
+             {"dec_deg", catalogStar.Dec * degreesPerRadian},
+             {"magnitude", RoundToDecimals(static_cast<double>(catalogStar.Flux), 2)}});
+    }
+    return matches;
+}
+
+nlohmann::ordered_json JsonConfidence(const MatchConfidence& confidence) {
+    return {{"stars_matched", confidence.Matched},
+            {"stars_in_frame", confidence.Candidates},
+            {"expected_by_chance", confidence.ExpectedByChance},
+            {"log10_false_alarm", confidence.Log10FalseAlarm}};
+}
+
+/// What the search of the quad tables went through.
+nlohmann::ordered_json JsonQuads(const ProgramState& state) {
+    const QuadSearch& search = state.QuadMatch;
+    nlohmann::ordered_json json = {{"searched", search.Searched},
+                                   {"candidates", search.Candidates},
+                                   {"four_star_fits", search.FourStarFits},
+                                   {"matched", search.PairCount > 0},
+                                   {"seconds", search.Seconds}};
+    if (search.PairCount > 0) json["confidence"] = JsonConfidence(search.Confidence);
+    if (!state.Quads.Fault.empty()) json["fault"] = state.Quads.Fault;
+    return json;
+}
+
+nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outcome) {
+    constexpr double degreesPerRadian = 57.29577951308232;
+    const bool solved = outcome.Result.Code == SolveCode::Solved && outcome.Attempted;
+    nlohmann::ordered_json json;
+    json["solved"] = solved;
+    // Code 0 stands for too few stars: an outcome without a code must not look like it.
+    if (outcome.Result.Message.empty()) {
+        json["code"] = nullptr;
+    } else {
+        json["code"] = outcome.Result.Code;
+    }
+    json["message"] = outcome.Result.Message;
+    json["exit_code"] = outcome.Exit;
+    json["image"] = outcome.Image;
+    if (!outcome.Attempted) return json;
+    const PlateSolution& solution = state.Solution;
+    if (solved) {
+        const ImageOrientation orientation = OrientationOf(solution, state.Image);
+        json["ra_deg"] = solution.CentreRA * degreesPerRadian;
+        json["dec_deg"] = solution.CentreDec * degreesPerRadian;
+        json["ra"] = state.Display.CentreRA;
+        json["dec"] = state.Display.CentreDec;
+        json["width_arcmin"] = solution.WidthArcmin;
+        json["height_arcmin"] = solution.HeightArcmin;
+        json["scale_arcsec_px"] = state.Geometry.ScaleArcseconds;
+        json["rotation_deg"] = state.Geometry.AngleDegrees;
+        json["up_position_angle_deg"] = orientation.UpPositionAngle;
+        json["mirrored"] = orientation.Mirrored;
+        json["stretch"] = solution.Stretch;
+        json["skew"] = solution.Skew;
+        json["rms_px"] = solution.Rms;
+        json["rms_arcsec"] = solution.Rms / solution.Scale;
+        json["stars_matched"] = solution.MatchedCount;
+        json["regions_searched"] = solution.RegionsSearched;
+        json["magnitude_zero_point"] = solution.MagnitudeZeroPoint;
+        json["tangent_ra_deg"] = solution.TangentRA * degreesPerRadian;
+        json["tangent_dec_deg"] = solution.TangentDec * degreesPerRadian;
+        const PlateConstants& t = solution.Transform;
+        json["transform"] = {t.a, t.b, t.c, t.d, t.e, t.f};
+        json["confidence"] = JsonConfidence(solution.Confidence);
+        json["cautions"] = Cautions(state);
+        json["matches"] = JsonMatches(state);
+    }
+    const SolveReport& report = state.Report;
+    json["width_px"] = state.Image.Width;
+    json["height_px"] = state.Image.Height;
+    json["stars_extracted"] = state.Extraction.StarsFound;
+    json["stars_in_catalog"] = solved ? solution.CatalogCount : report.CatalogStarsAtStart;
+    json["sky_noise"] = state.Extraction.BackgroundSigma;
+    json["smoothed"] = report.Smoothed;
+    json["magnitude_limit"] = report.MagnitudeLimit;
+    json["regions_tried"] = report.RegionsTried;
+    if (report.Blind) json["quads"] = JsonQuads(state);
+    json["catalog_folder"] = TextFromPath(state.Catalog.Folder);
+    if (!solved) {
+        json["catalog_complaint"] = CatalogComplaint(state);
+        json["best_attempt"] = {{"pairs_by_votes", report.BestAttempt.Selected},
+                                {"pairs_left", report.BestAttempt.Kept},
+                                {"ra_deg", report.BestAttemptCentre.Ra * degreesPerRadian},
+                                {"dec_deg", report.BestAttemptCentre.Dec * degreesPerRadian}};
+        json["advice"] = Advice(state, outcome.Result.Code);
+    }
+    for (const auto& [stage, seconds] : StageTable(report.Times)) json["seconds"][stage] = seconds;
+    json["seconds"]["total"] = outcome.Seconds;
+    json["peak_memory_bytes"] = PeakMemoryBytes();
+    return json;
+}
+
+std::string Milliseconds(double seconds) {
+    return std::to_string(static_cast<long>(std::lround(seconds * 1000))) + " ms";
+}
+
+void PrintTimes(std::FILE* out, const ProgramState& state, const Outcome& outcome) {
+    std::fputs("  Time              ", out);
+    for (const auto& [stage, seconds] : StageTable(state.Report.Times)) {
+        std::fprintf(out, "%s %s, ", stage.c_str(), Milliseconds(seconds).c_str());
+    }
+    std::fprintf(out, "total %s\n", Milliseconds(outcome.Seconds).c_str());
+}
+
+void PrintForPeople(const ProgramState& state, const Outcome& outcome, bool quiet) {
+    const bool solved = outcome.Result.Code == SolveCode::Solved && outcome.Attempted;
+    const char* colour =
+        MayUseColour(solved ? stdout : stderr) ? (solved ? "\033[32m" : "\033[31m") : "";
+    const char* plain = *colour != 0 ? "\033[0m" : "";
+    if (solved) {
+        std::printf("%s%s%s: %s\n%s", colour, outcome.Result.Message.c_str(), plain,
+                    outcome.Image.c_str(), SolutionText(state).c_str());
+        PrintTimes(stdout, state, outcome);
+        return;
+    }
+    if (quiet || !outcome.Attempted) return;
+    std::string text = state.Display.Status.Text;
+    if (state.Display.Status1.Visible && !state.Display.Status1.Text.empty()) {
+        text = state.Display.Status1.Text;
+    }
+    std::fprintf(stderr, "%s%s%s: %s\n%s", colour, text.c_str(), plain, outcome.Image.c_str(),
+                 FailureText(state, outcome.Result.Code).c_str());
+    PrintTimes(stderr, state, outcome);
+}
+
+int Run(int argc, const char* const* argv) {
+    const auto state = std::make_unique<ProgramState>();
+    Outcome outcome;
+    ConsoleOptions options;
+    // The settings come first: they are what the options change.
+    {
+        ConsolePort port(*state, true);
+        InitSettings(*state, port);
+    }
+    const ParsedOptions parsed = ParseConsoleOptions(argc, argv, options, state->Parameters);
+    if (parsed.EndWith) {
+        std::fputs(parsed.Output.c_str(), *parsed.EndWith == 0 ? stdout : stderr);
+        return *parsed.EndWith;
+    }
+    state->Catalog.Folder =
+        options.CatalogFolder.empty() ? DefaultCatalogFolder() : options.CatalogFolder;
+    if (!options.InfoFile.empty()) {
+        ConsolePort port(*state, options.Quiet);
+        return PrintHeader(*state, port, options.InfoFile);
+    }
+    if (const std::string complaint = CoincidingFiles(options); !complaint.empty()) {
+        std::fprintf(stderr, "%s\n", complaint.c_str());
+        return ExitCode::Usage;
+    }
+    if (!options.FieldSize) options.FieldSize = RememberedFieldSize(state->Parameters);
+    double seconds = 0;
+    {
+        const StageTimer timer(seconds);
+        ConsolePort port(*state, options.Quiet);
+        outcome = options.ParameterString
+                      ? SolveParameterString(*state, port, *options.ParameterString)
+                      : SolveImage(*state, port, options);
+        if (outcome.Result.Code == SolveCode::Solved && outcome.Attempted &&
+            !WriteOutputs(*state, port, options)) {
+            outcome.Exit = ExitCode::NotWritten;
+        }
+    }
+    outcome.Seconds = seconds;
+    if (options.Json) {
+        // Paths need not be UTF-8; JSON must be.
+        std::printf("%s\n", JsonReport(*state, outcome)
+                                .dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+                                .c_str());
+    } else {
+        PrintForPeople(*state, outcome, options.Quiet);
+    }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        std::fputs("vestrel-solve: the result cannot be written to standard output\n", stderr);
+        if (outcome.Exit == ExitCode::Solved) outcome.Exit = ExitCode::NotWritten;
+    }
+    return outcome.Exit;
+}
+
+}  // namespace
+}  // namespace vestrel
+
+int main(int argc, char** argv) {
+    try {
+        const vestrel::ProgramArguments arguments(argc, argv);
+        const vestrel::PreparedConsole console;
+        return vestrel::Run(arguments.Count(), arguments.Values());
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vestrel-solve: %s\n", error.what());
+        return vestrel::ExitCode::Usage;
+    }
+}

@@ -1,0 +1,144 @@
+#include "desktop/fHistogram.h"
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QDialogButtonBox>
+#include <QGridLayout>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QPushButton>
+#include <QSignalBlocker>
+#include <QSlider>
+#include <QSpinBox>
+#include <QVBoxLayout>
+#include <limits>
+
+#include "desktop/libGraph.h"
+#include "display/libPlot.h"
+#include "program/mImageView.h"
+
+namespace vestrel {
+
+LevelsWindow::LevelsWindow(ProgramState& state)
+    : QDialog(nullptr, Qt::Window), state_(state), area_(new HistogramArea) {
+    setObjectName("fHistogram");
+    setWindowTitle("Levels");
+    auto* rows = new QGridLayout;
+    black_ = AddLevel(rows, 0, "Black", "&Black", &CountLevels::Black);
+    white_ = AddLevel(rows, 1, "White", "&White", &CountLevels::White);
+
+    transfer_ = new QComboBox;
+    transfer_->setObjectName("cboTransfer");
+    // In the order of `Transfer`.
+    transfer_->addItems({"Linear", "Square root", "Asinh", "Logarithmic"});
+    connect(transfer_, &QComboBox::activated, this, [this](int index) {
+        state_.DisplayTransfer = static_cast<Transfer>(index);
+        if (OnLevelsChanged) OnLevelsChanged();
+    });
+    auto* transferLabel = new QLabel("&Transfer");
+    transferLabel->setBuddy(transfer_);
+    logarithmic_ = new QCheckBox("&Logarithmic histogram");
+    logarithmic_->setObjectName("chkLogarithmic");
+    logarithmic_->setChecked(true);
+    connect(logarithmic_, &QCheckBox::toggled, this, [this](bool on) {
+        area_->Logarithmic = on;
+        area_->update();
+    });
+    auto* automatic = new QPushButton("&Automatic");
+    automatic->setObjectName("cmdAutomatic");
+    automatic->setToolTip("Levels that show stars and noise");
+    connect(automatic, &QPushButton::clicked, this, [this] {
+        if (area_->Histogram.Pixels > 0) TakeLevels(LevelsFromHistogram(area_->Histogram), false);
+    });
+    auto* close = new QDialogButtonBox(QDialogButtonBox::Close);
+    connect(close, &QDialogButtonBox::rejected, this, &QDialog::reject);
+
+    auto* options = new QHBoxLayout;
+    options->addWidget(transferLabel);
+    options->addWidget(transfer_);
+    options->addWidget(logarithmic_);
+    options->addStretch();
+    options->addWidget(automatic);
+    options->addWidget(close);
+    auto* layout = new QVBoxLayout(this);
+    layout->addWidget(area_, 1);
+    layout->addLayout(rows);
+    layout->addLayout(options);
+    resize(620, 380);
+}
+
+LevelsWindow::LevelRow LevelsWindow::AddLevel(QGridLayout* layout, int row, const char* name,
+                                              const QString& caption, double CountLevels::*level) {
+    LevelRow added{new QSlider(Qt::Horizontal), new QSpinBox};
+    added.Slider->setObjectName(QString("sld") + name);
+    added.Slider->setAccessibleName(name);
+    added.Slider->setRange(0, SliderSteps);
+    added.Number->setObjectName(QString("num") + name);
+    added.Number->setRange(-std::numeric_limits<int>::max(), std::numeric_limits<int>::max());
+    added.Number->setMinimumWidth(fontMetrics().horizontalAdvance("-00000000000"));
+    added.Number->setKeyboardTracking(false);
+    auto* label = new QLabel(caption);
+    label->setBuddy(added.Number);
+    connect(added.Slider, &QSlider::valueChanged, this, [this, level](int position) {
+        CountLevels levels = Levels();
+        levels.*level = SliderCount(area_->Span, position);
+        TakeLevels(levels, true);
+    });
+    connect(added.Number, &QSpinBox::valueChanged, this, [this, level](int count) {
+        CountLevels levels = Levels();
+        levels.*level = count;
+        TakeLevels(levels, false);
+    });
+    layout->addWidget(label, row, 0);
+    layout->addWidget(added.Slider, row, 1);
+    layout->addWidget(added.Number, row, 2);
+    return added;
+}
+
+CountLevels LevelsWindow::Levels() const {
+    return {double(state_.Image.DisplayBlack), double(state_.Image.DisplayWhite)};
+}
+
+void LevelsWindow::TakeLevels(const CountLevels& levels, bool keepsSpan) {
+    if (!state_.ImageLoaded) return;
+    SetLevels(state_, levels);
+    if (!keepsSpan) area_->Span = HistogramSpan(area_->Histogram, Levels());
+    ShowLevels();
+    if (OnLevelsChanged) OnLevelsChanged();
+}
+
+void LevelsWindow::ShowLevels() {
+    area_->Levels = Levels();
+    const auto show = [this](const LevelRow& row, double count, std::int32_t number) {
+        const QSignalBlocker noSlider(row.Slider);
+        const QSignalBlocker noNumber(row.Number);
+        row.Slider->setEnabled(state_.ImageLoaded);
+        row.Number->setEnabled(state_.ImageLoaded);
+        row.Slider->setValue(SliderPosition(area_->Span, count));
+        row.Number->setValue(number);
+    };
+    show(black_, area_->Levels.Black, state_.Image.DisplayBlack);
+    show(white_, area_->Levels.White, state_.Image.DisplayWhite);
+    transfer_->setCurrentIndex(static_cast<int>(state_.DisplayTransfer));
+    area_->update();
+}
+
+void LevelsWindow::ImageChanged() {
+    if (!isVisible()) return;
+    ChooseFirstLevels(state_);
+    area_->Histogram = state_.ImageLoaded ? MakeImageHistogram(state_.Image) : ImageHistogram();
+    LevelsChanged();
+}
+
+void LevelsWindow::LevelsChanged() {
+    if (!isVisible()) return;
+    area_->Span = HistogramSpan(area_->Histogram, Levels());
+    ShowLevels();
+}
+
+void LevelsWindow::showEvent(QShowEvent* event) {
+    QDialog::showEvent(event);
+    if (state_.Running == Activity::None) ImageChanged();
+}
+
+}  // namespace vestrel

@@ -1,0 +1,155 @@
+// The solve window: the starting values of a solve, its commands and its results.
+#pragma once
+
+#include <QMainWindow>
+#include <QTimer>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "desktop/fFITSHeader.h"
+#include "desktop/fHelp.h"
+#include "desktop/fHistogram.h"
+#include "desktop/fImage.h"
+#include "desktop/fMORA.h"
+#include "desktop/fRelPhot.h"
+#include "desktop/fStats.h"
+#include "desktop/libWindows.h"
+#include "program/mGeneral.h"
+
+class QAction;
+class QBoxLayout;
+class QCheckBox;
+class QFormLayout;
+class QGroupBox;
+class QLabel;
+class QLayout;
+class QLineEdit;
+class QMenu;
+class QPlainTextEdit;
+class QProgressBar;
+class QPushButton;
+
+namespace vestrel {
+
+/// Shows the program state and hands the user's commands on. What a control means is said by its
+/// object name; the controls are found by it too.
+class SolveWindow : public QMainWindow {
+ public:
+    /// Loads the settings.
+    explicit SolveWindow(ProgramState& state);
+
+    /// Opens an image as if the user had chosen it.
+    void OpenFile(const std::string& path);
+    /// Solves as a parameter string says, then counts down and closes the program.
+    void StartUnattended(const std::string& parameters);
+    /// What the program is to end with.
+    int ExitCode() const { return exitCode_; }
+    /// One tick of the countdown; a second unless it is set.
+    void SetCountdownInterval(int milliseconds) { countdown_.setInterval(milliseconds); }
+
+ protected:
+    void closeEvent(QCloseEvent* event) override;
+    void changeEvent(QEvent* event) override;
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
+
+ private:
+    // The layout (fKELInfoLayout.cpp).
+    void BuildControls();
+    void BuildMenus();
+    QGroupBox* BuildImageName();
+    QGroupBox* BuildCentreInputs();
+    QGroupBox* BuildSizeInputs();
+    QGroupBox* BuildSearchLimit();
+    QLayout* BuildCommands();
+    QGroupBox* BuildCentre();
+    QGroupBox* BuildShownValues(
+        const QString& title,
+        const std::vector<std::tuple<const char*, const char*, std::string SolveDisplay::*>>& rows);
+    QGroupBox* BuildStatus();
+    QWidget* BuildCountdown();
+    QLineEdit* AddInput(const char* name, const QString& accessibleName,
+                        std::string SolveInputs::*text);
+    QLabel* AddShown(const char* name, std::string SolveDisplay::*text);
+    QPushButton* AddButton(const char* name, const QString& text, const QString& toolTip,
+                           std::function<void()> command);
+    QAction* AddAction(QMenu* menu, const QString& text, const QKeySequence& keys,
+                       std::function<void()> command);
+
+    // What the state says, put on the screen.
+    void ShowState();
+    void ShowTexts();
+    void ShowInputs();
+    /// MORA can be had where there are quad tables.
+    void ShowQuadCommands();
+    void ShowStatusLine(QLabel* label, const StatusLine& line);
+    void ShowProgressPercent(int percent);
+    void FillRecentImages();
+
+    // The commands.
+    /// Runs a command and closes the window when that was asked for meanwhile.
+    void Run(const std::function<void()>& command);
+    void Match();
+    void MatchQuads();
+    void Stop();
+    void LoadTelescope();
+    void SyncTelescope();
+    /// Stop Search takes the focus: it is the command for the time until the telescope answers.
+    void FocusStop();
+    void ConnectWindows();
+    void MarkStars();
+    /// Opens a window, or brings it to the front.
+    static void Bring(QWidget& window);
+    void EditParameters();
+    void ShowHelp();
+    void ShowAbout();
+    void Tick();
+    void TickClock();
+
+    ProgramState& state_;
+    WindowPort port_;
+    QTimer countdown_;
+    QTimer clock_;
+    QTimer openDropped_;
+    std::string droppedFile_;
+    int exitCode_ = 0;
+
+    std::vector<std::pair<QLabel*, std::string SolveDisplay::*>> shown_;
+    std::vector<std::pair<QLineEdit*, std::string SolveInputs::*>> inputs_;
+    // What needs nothing to run, something that can be stopped, an image to save.
+    std::vector<QWidget*> startWidgets_;
+    std::vector<QAction*> startActions_;
+    QAction* saveAction_ = nullptr;
+    QAction* exportAction_ = nullptr;
+    QAction* worldCoordinatesAction_ = nullptr;
+    QAction* copyAction_ = nullptr;
+    QMenu* recentMenu_ = nullptr;
+    QPushButton* stopButton_ = nullptr;
+    QPushButton* quadsButton_ = nullptr;
+    QAction* quadMessagesAction_ = nullptr;
+    QPushButton* syncButton_ = nullptr;
+    QPushButton* unitsButton_ = nullptr;
+    QGroupBox* centrePanel_ = nullptr;
+    QLabel* nameLabel_ = nullptr;
+    QLabel* folderLabel_ = nullptr;
+    QLabel* statusLabel_ = nullptr;
+    QLabel* status1Label_ = nullptr;
+    QProgressBar* busyBar_ = nullptr;
+    QPlainTextEdit* details_ = nullptr;
+    QWidget* countdownRow_ = nullptr;
+    std::vector<MeasuredMark> statsMarks_;
+    std::vector<MeasuredMark> photometryMarks_;
+
+    ImageWindow imageWindow_;
+    LevelsWindow levelsWindow_;
+    StatsWindow statsWindow_;
+    RelativePhotometryWindow photometryWindow_;
+    HeaderWindow headerWindow_;
+    QuadMessagesWindow quadMessagesWindow_;
+    HelpWindow helpWindow_;
+};
+
+}  // namespace vestrel

@@ -1,0 +1,362 @@
+// Where the controls of the solve window stand.
+
+#include <QAction>
+#include <QApplication>
+#include <QCheckBox>
+#include <QClipboard>
+#include <QFontDatabase>
+#include <QFormLayout>
+#include <QGridLayout>
+#include <QGroupBox>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenuBar>
+#include <QPlainTextEdit>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QShortcut>
+#include <QStatusBar>
+#include <QVBoxLayout>
+#include <utility>
+
+#include "desktop/fKELInfo.h"
+#include "program/mSolveWindow.h"
+
+namespace vestrel {
+
+void SolveWindow::BuildControls() {
+    auto* central = new QWidget(this);
+    auto* inputs = new QVBoxLayout;
+    inputs->addWidget(BuildCentreInputs());
+    inputs->addWidget(BuildSizeInputs());
+    inputs->addWidget(BuildSearchLimit());
+    inputs->addStretch();
+    inputs->addLayout(BuildCommands());
+
+    using Display = SolveDisplay;
+    auto* results = new QGridLayout;
+    results->addWidget(BuildCentre(), 0, 0);
+    results->addWidget(BuildShownValues("Starting Values",
+                                        {{"RA", "lblRA0", &Display::StartRA},
+                                         {"Dec", "lblDec0", &Display::StartDec},
+                                         {"Plate Size", "lblSize", &Display::StartSize},
+                                         {"Max Regions", "lblMaxRegions", &Display::StartRegions}}),
+                       0, 1);
+    results->addWidget(
+        BuildShownValues("Plate Geometry", {{"Plate Size", "lblPlateSize", &Display::PlateSize},
+                                            {"Pixel Size", "lblScale", &Display::Scale},
+                                            {"Stretch", "lblStretch", &Display::Stretch},
+                                            {"Skew", "lblSkew", &Display::Skew},
+                                            {"Angle", "lblAngle", &Display::Angle}}),
+        1, 0);
+    results->addWidget(
+        BuildShownValues("Stars", {{"Extracted", "lblNPlate", &Display::Extracted},
+                                   {"Found In Catalog", "lblNCat", &Display::FoundInCatalog},
+                                   {"Matched", "lblNMatch", &Display::Matched},
+                                   {"RMS Difference", "lblRMS", &Display::RmsDifference}}),
+        1, 1);
+    results->setColumnStretch(0, 1);
+    results->setColumnStretch(1, 1);
+    results->setRowStretch(2, 1);
+
+    auto* columns = new QHBoxLayout;
+    columns->addLayout(inputs, 0);
+    columns->addLayout(results, 1);
+    auto* rows = new QVBoxLayout(central);
+    rows->addWidget(BuildImageName());
+    rows->addLayout(columns);
+    rows->addWidget(BuildStatus(), 1);
+    rows->addWidget(BuildCountdown());
+    setCentralWidget(central);
+    QLabel* clock = AddShown("lblClock", &SolveDisplay::Clock);
+    clock->setAccessibleName("Universal time, Julian date and local sidereal time");
+    statusBar()->addPermanentWidget(clock);
+    resize(sizeHint() + QSize(60, 36));
+
+    auto* escape = new QShortcut(Qt::Key_Escape, this);
+    connect(escape, &QShortcut::activated, this, [this] { Stop(); });
+}
+
+QGroupBox* SolveWindow::BuildImageName() {
+    auto* group = new QGroupBox("Image File Name");
+    nameLabel_ = new ElidedLabel;
+    nameLabel_->setObjectName("lblName");
+    QFont font = nameLabel_->font();
+    font.setBold(true);
+    nameLabel_->setFont(font);
+    folderLabel_ = new ElidedLabel;
+    folderLabel_->setObjectName("lblDir");
+    auto* layout = new QVBoxLayout(group);
+    layout->addWidget(nameLabel_);
+    layout->addWidget(folderLabel_);
+    return group;
+}
+
+QGroupBox* SolveWindow::BuildCentreInputs() {
+    auto* group = new QGroupBox("Approximate Image Center");
+    auto* layout = new QGridLayout(group);
+    QLineEdit* ra =
+        AddInput("txtRA", "Right ascension of the approximate image center", &SolveInputs::Ra);
+    ra->setPlaceholderText("hh mm ss or degrees");
+    QLineEdit* dec =
+        AddInput("txtDec", "Declination of the approximate image center", &SolveInputs::Dec);
+    dec->setPlaceholderText("dd mm ss or degrees");
+    ra->setMinimumWidth(fontMetrics().horizontalAdvance("dd mm ss or degrees  "));
+    auto* raLabel = new QLabel("&RA");
+    raLabel->setBuddy(ra);
+    auto* decLabel = new QLabel("&Dec");
+    decLabel->setBuddy(dec);
+    QPushButton* load =
+        AddButton("cmdLoad", "Load", "Load coords from SiTech", [this] { LoadTelescope(); });
+    startWidgets_.push_back(load);
+    layout->addWidget(raLabel, 0, 0);
+    layout->addWidget(ra, 0, 1);
+    layout->addWidget(decLabel, 1, 0);
+    layout->addWidget(dec, 1, 1);
+    layout->addWidget(load, 0, 2, 2, 1, Qt::AlignVCenter);
+    return group;
+}
+
+QGroupBox* SolveWindow::BuildSizeInputs() {
+    auto* group = new QGroupBox("Approximate Image Si&ze");
+    auto* layout = new QHBoxLayout(group);
+    QLineEdit* width = AddInput("txtXsize", "Approximate image width", &SolveInputs::SizeX);
+    QLineEdit* height = AddInput("txtYsize", "Approximate image height", &SolveInputs::SizeY);
+    unitsButton_ = AddButton("cmdUnits", {}, "Change the units", [this] { SwitchUnits(state_); });
+    unitsButton_->setAccessibleDescription("Change the units");
+    layout->addWidget(width);
+    layout->addWidget(new QLabel("X"));
+    layout->addWidget(height);
+    layout->addWidget(unitsButton_);
+    return group;
+}
+
+QGroupBox* SolveWindow::BuildSearchLimit() {
+    auto* group = new QGroupBox("Search Limit");
+    auto* layout = new QHBoxLayout(group);
+    QLineEdit* regions = AddInput("txtRegions", "Search limit in regions", &SolveInputs::Regions);
+    auto* label = new QLabel("Re&gions");
+    label->setBuddy(regions);
+    layout->addWidget(regions);
+    layout->addWidget(label);
+    return group;
+}
+
+QLayout* SolveWindow::BuildCommands() {
+    auto* layout = new QGridLayout;
+    QPushButton* match = AddButton("cmdMatch", "Plate &Match", "Attempt a plate match",
+                                   [this] { PlateMatchCommand(state_, port_); });
+    startWidgets_.push_back(match);
+    stopButton_ =
+        AddButton("cmdStop", "&Stop Search", "Stop the Current Search", [this] { Stop(); });
+    QPushButton* image =
+        AddButton("cmdImage", "Show &Image", "Display the image", [this] { Bring(imageWindow_); });
+    QPushButton* parameters =
+        AddButton("Command1", "Edit &Parameters", "Change search and star extraction parameters",
+                  [this] { EditParameters(); });
+    startWidgets_.push_back(parameters);
+    quadsButton_ =
+        AddButton("cmdMORA", "M&ORA", "Match patterns of four stars, wherever the image points",
+                  [this] { MatchQuads(); });
+    quadsButton_->hide();
+    startWidgets_.push_back(quadsButton_);
+    layout->addWidget(match, 0, 0);
+    layout->addWidget(stopButton_, 0, 1);
+    layout->addWidget(image, 1, 0);
+    layout->addWidget(parameters, 1, 1);
+    layout->addWidget(quadsButton_, 2, 0, 1, 2);
+    layout->setColumnStretch(0, 1);
+    layout->setColumnStretch(1, 1);
+    return layout;
+}
+
+QGroupBox* SolveWindow::BuildCentre() {
+    centrePanel_ = new QGroupBox;
+    centrePanel_->setObjectName("fraCenter");
+    QLabel* ra = AddShown("lblRA", &SolveDisplay::CentreRA);
+    QLabel* dec = AddShown("lblDec", &SolveDisplay::CentreDec);
+    ra->setAccessibleName("Right ascension");
+    dec->setAccessibleName("Declination");
+    for (QLabel* label : {ra, dec}) {
+        QFont font = label->font();
+        font.setBold(true);
+        font.setPointSizeF(font.pointSizeF() * 1.3);
+        label->setFont(font);
+    }
+    ra->setMinimumWidth(QFontMetrics(ra->font()).horizontalAdvance("-00\u00b0 00' 00.0\"  "));
+    syncButton_ =
+        AddButton("cmdSync", "Sync", "Send coords to SiTech", [this] { SyncTelescope(); });
+    auto* layout = new QFormLayout(centrePanel_);
+    layout->addRow("RA", ra);
+    layout->addRow("Dec", dec);
+    layout->addRow({}, syncButton_);
+    return centrePanel_;
+}
+
+QGroupBox* SolveWindow::BuildShownValues(
+    const QString& title,
+    const std::vector<std::tuple<const char*, const char*, std::string SolveDisplay::*>>& rows) {
+    auto* group = new QGroupBox(title);
+    auto* layout = new QFormLayout(group);
+    layout->setHorizontalSpacing(16);
+    for (const auto& [caption, name, text] : rows) {
+        QLabel* shown = AddShown(name, text);
+        shown->setAccessibleName(title + ", " + caption);
+        shown->setMinimumWidth(fontMetrics().horizontalAdvance("000.00' X 000.00'  "));
+        layout->addRow(caption, shown);
+    }
+    return group;
+}
+
+QGroupBox* SolveWindow::BuildStatus() {
+    auto* group = new QGroupBox("Status");
+    const auto addLine = [](const char* name) {
+        // As wide as its text, except that a long one does not make the window wider.
+        auto* label = new ElidedLabel;
+        label->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
+        label->setMinimumWidth(1);
+        label->setObjectName(name);
+        QFont font = label->font();
+        font.setBold(true);
+        label->setFont(font);
+        return label;
+    };
+    statusLabel_ = addLine("lblStatus");
+    status1Label_ = addLine("lblStatus1");
+    busyBar_ = new QProgressBar;
+    busyBar_->setObjectName("picBusy");
+    busyBar_->setAccessibleName("Progress");
+    busyBar_->setTextVisible(false);
+    QSizePolicy policy = busyBar_->sizePolicy();
+    policy.setRetainSizeWhenHidden(true);
+    busyBar_->setSizePolicy(policy);
+    details_ = new QPlainTextEdit;
+    details_->setObjectName("txtDetails");
+    details_->setAccessibleName("Details of the last solve");
+    details_->setReadOnly(true);
+    details_->setTabChangesFocus(true);
+    details_->setLineWrapMode(QPlainTextEdit::NoWrap);
+    details_->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
+    details_->setPlaceholderText("What a solve saw is told here.");
+    details_->setMinimumHeight(QFontMetrics(details_->font()).lineSpacing() * 5);
+
+    auto* lines = new QHBoxLayout;
+    lines->setSpacing(16);
+    lines->addWidget(statusLabel_);
+    lines->addWidget(status1Label_);
+    lines->addStretch();
+    lines->addWidget(busyBar_);
+    auto* layout = new QVBoxLayout(group);
+    layout->addLayout(lines);
+    layout->addWidget(details_);
+    return group;
+}
+
+QWidget* SolveWindow::BuildCountdown() {
+    countdownRow_ = new QWidget;
+    auto* keep = new QCheckBox("&Keep Open");
+    keep->setObjectName("chkKeep");
+    connect(keep, &QCheckBox::toggled, this, [this](bool on) { state_.Inputs.KeepOpen = on; });
+    QLabel* timer = AddShown("lblTimer", &SolveDisplay::Countdown);
+    timer->setAccessibleName("Seconds until the program closes");
+    auto* layout = new QHBoxLayout(countdownRow_);
+    layout->setContentsMargins({});
+    layout->addWidget(keep);
+    layout->addStretch();
+    layout->addWidget(new QLabel("Closes in"));
+    layout->addWidget(timer);
+    layout->addWidget(new QLabel("seconds"));
+    // Only an unattended run closes the program.
+    countdownRow_->hide();
+    return countdownRow_;
+}
+
+void SolveWindow::BuildMenus() {
+    QMenu* file = menuBar()->addMenu("&File");
+    startActions_.push_back(AddAction(file, "&Open...", QKeySequence::Open,
+                                      [this] { OpenImageCommand(state_, port_); }));
+    recentMenu_ = file->addMenu("Open &Recent");
+    startActions_.push_back(recentMenu_->menuAction());
+    connect(recentMenu_, &QMenu::aboutToShow, this, [this] { FillRecentImages(); });
+    saveAction_ = AddAction(file, "Save &As...", QKeySequence::SaveAs,
+                            [this] { SaveImageCommand(state_, port_); });
+    exportAction_ = AddAction(file, "&Export...", QKeySequence("Ctrl+E"),
+                              [this] { ExportImageCommand(state_, port_); });
+    worldCoordinatesAction_ = AddAction(file, "Write &World Coordinates", QKeySequence("Ctrl+W"),
+                                        [this] { WorldCoordinatesCommand(state_, port_); });
+    file->addSeparator();
+    AddAction(file, "&Quit", QKeySequence::Quit, [this] { close(); });
+
+    QMenu* edit = menuBar()->addMenu("&Edit");
+    copyAction_ = AddAction(edit, "&Copy Result", QKeySequence("Ctrl+Shift+C"), [this] {
+        QApplication::clipboard()->setText(QtText(state_.Display.Details));
+    });
+    edit->addSeparator();
+    startActions_.push_back(AddAction(edit, "Edit &Parameters...", QKeySequence("Ctrl+P"),
+                                      [this] { EditParameters(); }));
+
+    QMenu* view = menuBar()->addMenu("&View");
+    AddAction(view, "Show &Image", QKeySequence("Ctrl+I"), [this] { Bring(imageWindow_); });
+    AddAction(view, "&Levels", QKeySequence("Ctrl+L"), [this] {
+        Bring(levelsWindow_);
+    })->setObjectName("mnuLevels");
+    AddAction(view, "&Star Statistics", QKeySequence("Ctrl+T"), [this] {
+        Bring(statsWindow_);
+    })->setObjectName("mnuStats");
+    AddAction(view, "&Relative Photometry", QKeySequence("Ctrl+R"), [this] {
+        Bring(photometryWindow_);
+    })->setObjectName("mnuRelPhot");
+    AddAction(view, "Show &Header", QKeySequence("Ctrl+H"), [this] {
+        Bring(headerWindow_);
+    })->setObjectName("mnuHeader");
+    quadMessagesAction_ = AddAction(view, "&MORA Messages", QKeySequence("Ctrl+M"),
+                                    [this] { Bring(quadMessagesWindow_); });
+    quadMessagesAction_->setObjectName("mnuMORA");
+
+    QMenu* help = menuBar()->addMenu("&Help");
+    AddAction(help, "&Help", QKeySequence::HelpContents, [this] { ShowHelp(); });
+    AddAction(help, "&About", {}, [this] { ShowAbout(); });
+}
+
+QLineEdit* SolveWindow::AddInput(const char* name, const QString& accessibleName,
+                                 std::string SolveInputs::*text) {
+    auto* input = new QLineEdit;
+    input->setObjectName(name);
+    input->setAccessibleName(accessibleName);
+    connect(input, &QLineEdit::textChanged, this,
+            [this, text](const QString& typed) { state_.Inputs.*text = Utf8(typed); });
+    connect(input, &QLineEdit::returnPressed, this, [this] { Match(); });
+    inputs_.emplace_back(input, text);
+    return input;
+}
+
+QLabel* SolveWindow::AddShown(const char* name, std::string SolveDisplay::*text) {
+    auto* label = new QLabel;
+    label->setObjectName(name);
+    label->setTextFormat(Qt::PlainText);
+    label->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    shown_.emplace_back(label, text);
+    return label;
+}
+
+QPushButton* SolveWindow::AddButton(const char* name, const QString& text, const QString& toolTip,
+                                    std::function<void()> command) {
+    auto* button = new QPushButton(text);
+    button->setObjectName(name);
+    button->setToolTip(toolTip);
+    connect(button, &QPushButton::clicked, this,
+            [this, command = std::move(command)] { Run(command); });
+    return button;
+}
+
+QAction* SolveWindow::AddAction(QMenu* menu, const QString& text, const QKeySequence& keys,
+                                std::function<void()> command) {
+    QAction* action = menu->addAction(text);
+    action->setShortcut(keys);
+    connect(action, &QAction::triggered, this,
+            [this, command = std::move(command)] { Run(command); });
+    return action;
+}
+
+}  // namespace vestrel

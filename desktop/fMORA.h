@@ -1,0 +1,30 @@
+// The list of what a quad search says.
+#pragma once
+
+#include <QDialog>
+#include <cstddef>
+
+#include "program/mGeneral.h"
+
+class QPlainTextEdit;
+
+namespace vestrel {
+
+/// Follows the messages of the search that runs, and keeps those of the last one.
+class QuadMessagesWindow : public QDialog {
+ public:
+    explicit QuadMessagesWindow(const ProgramState& state);
+
+    /// There may be more messages, or those of another search.
+    void MessagesChanged();
+
+ protected:
+    void showEvent(QShowEvent* event) override;
+
+ private:
+    const ProgramState& state_;
+    QPlainTextEdit* list_;
+    std::size_t shown_ = 0;  ///< messages in the list
+};
+
+}  // namespace vestrel

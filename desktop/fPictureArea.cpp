@@ -1,0 +1,141 @@
+#include "desktop/fPictureArea.h"
+
+#include <QApplication>
+#include <QMouseEvent>
+#include <QPainter>
+#include <QWheelEvent>
+#include <cmath>
+
+namespace vestrel {
+
+namespace {
+
+/// A pointer is in the middle of the pixel that it names.
+ScreenPoint PointOf(const QPointF& point) {
+    return {point.x() + 0.5, point.y() + 0.5};
+}
+
+}  // namespace
+
+PictureArea::PictureArea() {
+    setObjectName("picImage");
+    setAccessibleName("Image");
+    setMinimumSize(200, 150);
+    setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
+    setMouseTracking(true);
+    setFocusPolicy(Qt::StrongFocus);
+    setCursor(Qt::CrossCursor);
+    // Every pixel is painted: nothing is to be cleared first.
+    setAttribute(Qt::WA_OpaquePaintEvent);
+}
+
+void PictureArea::Fit() {
+    View.Fit();
+    ViewChanged();
+}
+
+void PictureArea::ZoomTo(double scale) {
+    View.ZoomTo(scale, View.Middle());
+    ViewChanged();
+}
+
+void PictureArea::ZoomBy(double steps) {
+    View.ZoomBy(steps, View.Middle());
+    ViewChanged();
+}
+
+void PictureArea::ViewChanged() {
+    if (OnViewChanged) OnViewChanged();
+    update();
+}
+
+void PictureArea::paintEvent(QPaintEvent* /*event*/) {
+    const QSize wanted = size() * devicePixelRatioF();
+    if (buffer_.size() != wanted) buffer_ = QImage(wanted, QImage::Format_Grayscale8);
+    PaintView(Picture, View, devicePixelRatioF(),
+              {{buffer_.bits(), static_cast<std::size_t>(buffer_.sizeInBytes())},
+               buffer_.width(),
+               buffer_.height(),
+               static_cast<std::size_t>(buffer_.bytesPerLine())});
+    QPainter painter(this);
+    painter.drawImage(rect(), buffer_);
+    if (OnPaintOverlays && !Picture.Empty()) OnPaintOverlays(painter);
+}
+
+void PictureArea::resizeEvent(QResizeEvent* /*event*/) {
+    View.SetWindow(width(), height());
+    ViewChanged();
+}
+
+void PictureArea::wheelEvent(QWheelEvent* event) {
+    constexpr double eighthsPerStep = 120;
+    View.ZoomBy(event->angleDelta().y() / eighthsPerStep, PointOf(event->position()));
+    ViewChanged();
+    event->accept();
+}
+
+void PictureArea::mousePressEvent(QMouseEvent* event) {
+    if (event->button() != Qt::LeftButton) return;
+    pressed_ = last_ = event->position();
+    dragging_ = false;
+}
+
+void PictureArea::mouseMoveEvent(QMouseEvent* event) {
+    const QPointF here = event->position();
+    if (event->buttons() & Qt::LeftButton) {
+        // A hand that clicks is not quite still.
+        dragging_ =
+            dragging_ || (here - pressed_).manhattanLength() >= QApplication::startDragDistance();
+        if (dragging_) {
+            setCursor(Qt::ClosedHandCursor);
+            View.Pan(here.x() - last_.x(), here.y() - last_.y());
+            last_ = here;
+            ViewChanged();
+        }
+    }
+    if (OnPointerMoved) OnPointerMoved(View.PixelAt(PointOf(here)));
+}
+
+void PictureArea::mouseReleaseEvent(QMouseEvent* event) {
+    if (event->button() != Qt::LeftButton) return;
+    setCursor(Qt::CrossCursor);
+    const PixelPoint pixel = View.PixelAt(PointOf(event->position()));
+    if (!dragging_ && OnClicked && View.OnImage(pixel)) OnClicked(pixel);
+    dragging_ = false;
+}
+
+void PictureArea::mouseDoubleClickEvent(QMouseEvent* event) {
+    const PixelPoint pixel = View.PixelAt(PointOf(event->position()));
+    dragging_ = true;  // the second release is not another click
+    if (event->button() == Qt::LeftButton && OnDoubleClicked && View.OnImage(pixel)) {
+        OnDoubleClicked(pixel);
+    }
+}
+
+void PictureArea::keyPressEvent(QKeyEvent* event) {
+    constexpr double step = 60;
+    switch (event->key()) {
+        case Qt::Key_Left:
+            View.Pan(step, 0);
+            break;
+        case Qt::Key_Right:
+            View.Pan(-step, 0);
+            break;
+        case Qt::Key_Up:
+            View.Pan(0, step);
+            break;
+        case Qt::Key_Down:
+            View.Pan(0, -step);
+            break;
+        default:
+            QWidget::keyPressEvent(event);
+            return;
+    }
+    ViewChanged();
+}
+
+void PictureArea::leaveEvent(QEvent* /*event*/) {
+    if (OnPointerLeft) OnPointerLeft();
+}
+
+}  // namespace vestrel

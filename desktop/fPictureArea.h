@@ -1,0 +1,53 @@
+// The part of the image window that shows the image: zoom, pan, and where the pointer is.
+#pragma once
+
+#include <QImage>
+#include <QWidget>
+#include <functional>
+
+#include "display/libPicturePyramid.h"
+#include "display/libViewGeometry.h"
+
+namespace vestrel {
+
+/// The wheel zooms about the pointer, dragging moves the image, a click without moving is told.
+class PictureArea : public QWidget {
+ public:
+    PictureArea();
+
+    PicturePyramid Picture;
+    ViewGeometry View;
+
+    std::function<void(QPainter&)> OnPaintOverlays;
+    std::function<void()> OnViewChanged;
+    std::function<void(PixelPoint)> OnPointerMoved;
+    std::function<void()> OnPointerLeft;
+    std::function<void(PixelPoint)> OnClicked;
+    std::function<void(PixelPoint)> OnDoubleClicked;
+
+    void Fit();
+    /// About the middle of the window.
+    void ZoomTo(double scale);
+    void ZoomBy(double steps);
+
+ protected:
+    void paintEvent(QPaintEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
+    void wheelEvent(QWheelEvent* event) override;
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseMoveEvent(QMouseEvent* event) override;
+    void mouseReleaseEvent(QMouseEvent* event) override;
+    void mouseDoubleClickEvent(QMouseEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
+    void leaveEvent(QEvent* event) override;
+
+ private:
+    void ViewChanged();
+
+    QImage buffer_;  ///< what was painted last
+    QPointF pressed_;
+    QPointF last_;
+    bool dragging_ = false;
+};
+
+}  // namespace vestrel

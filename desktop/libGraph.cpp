@@ -1,0 +1,132 @@
+#include "desktop/libGraph.h"
+
+#include <QFontMetrics>
+#include <QPainter>
+#include <QPainterPath>
+
+#include "astro/libStrings.h"
+#include "desktop/libWindows.h"
+#include "display/libPlot.h"
+#include "photometry/libProfileFit.h"
+
+namespace vestrel {
+
+namespace {
+
+/// The place for the drawing, with room for the numbers below it and at its left.
+QRect PlotPlace(const QWidget& widget, bool numbersAtLeft) {
+    const QFontMetrics metrics(widget.font());
+    const int left = numbersAtLeft ? metrics.horizontalAdvance("-000000 ") : 8;
+    return widget.rect().adjusted(left, 8, -12, -(metrics.height() + 8));
+}
+
+void PaintFrame(QPainter& painter, const QWidget& widget, const QRect& place) {
+    painter.fillRect(widget.rect(), widget.palette().color(QPalette::Window));
+    painter.fillRect(place, widget.palette().color(QPalette::Base));
+    painter.setPen(widget.palette().color(QPalette::Mid));
+    painter.drawRect(place);
+}
+
+void PaintTicksBelow(QPainter& painter, const QWidget& widget, const QRect& place,
+                     const PlotAxis& axis) {
+    const QFontMetrics metrics(widget.font());
+    painter.setPen(widget.palette().color(QPalette::WindowText));
+    for (const double tick : RoundTicks(axis.Low, axis.High, 6)) {
+        const int x = qRound(axis.PlaceOf(tick));
+        painter.drawLine(x, place.bottom(), x, place.bottom() + 4);
+        const QString text = QtText(NumberText(tick));
+        const QRect room(x - 60, place.bottom() + 5, 120, metrics.height());
+        painter.drawText(room, Qt::AlignCenter, text);
+    }
+}
+
+void PaintTicksAtLeft(QPainter& painter, const QWidget& widget, const QRect& place,
+                      const PlotAxis& axis) {
+    const QFontMetrics metrics(widget.font());
+    painter.setPen(widget.palette().color(QPalette::WindowText));
+    for (const double tick : RoundTicks(axis.Low, axis.High, 7)) {
+        const int y = qRound(axis.PlaceOf(tick));
+        painter.drawLine(place.left() - 4, y, place.left(), y);
+        const QRect room(0, y - metrics.height() / 2, place.left() - 7, metrics.height());
+        painter.drawText(room, Qt::AlignRight | Qt::AlignVCenter, QtText(NumberText(tick)));
+    }
+}
+
+}  // namespace
+
+HistogramArea::HistogramArea() {
+    setObjectName("picHistogram");
+    setAccessibleName("Histogram");
+    setMinimumSize(320, 160);
+    setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
+}
+
+void HistogramArea::paintEvent(QPaintEvent* /*event*/) {
+    QPainter painter(this);
+    const QRect place = PlotPlace(*this, false);
+    PaintFrame(painter, *this, place);
+    if (Histogram.Pixels == 0) return;
+    const PlotAxis counts{Span.Black, Span.White, double(place.left()), double(place.right())};
+    PaintTicksBelow(painter, *this, place, counts);
+    const std::vector<double> columns =
+        HistogramColumns(Histogram, Span, place.width(), Logarithmic);
+    const PlotAxis heights{0, 1, double(place.bottom()), double(place.top() + 3)};
+    painter.setPen(palette().color(QPalette::Highlight));
+    for (int i = 0; i < place.width(); ++i) {
+        const double height = columns[static_cast<std::size_t>(i)];
+        if (height <= 0) continue;
+        const int x = place.left() + i;
+        painter.drawLine(x, place.bottom(), x, qRound(heights.PlaceOf(height)));
+    }
+    painter.setPen(QPen(palette().color(QPalette::WindowText), 1, Qt::DashLine));
+    for (const double level : {Levels.Black, Levels.White}) {
+        const int x = qRound(counts.PlaceOf(level));
+        painter.drawLine(x, place.top(), x, place.bottom());
+    }
+}
+
+ProfileArea::ProfileArea() {
+    setObjectName("picProfile");
+    setAccessibleName("Radial profile");
+    setMinimumSize(300, 180);
+    setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
+}
+
+void ProfileArea::paintEvent(QPaintEvent* /*event*/) {
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    const QRect place = PlotPlace(*this, true);
+    PaintFrame(painter, *this, place);
+    if (!Star || Points.empty()) return;
+    const ProfileFit& fit = Star->Moffat.Valid ? Star->Moffat : Star->Gaussian;
+    const CountLevels span = ProfileSpan(Points, fit);
+    const PlotAxis radii{0, Points.back().Radius, double(place.left()), double(place.right())};
+    const PlotAxis values{span.Black, span.White, double(place.bottom()), double(place.top())};
+    PaintTicksBelow(painter, *this, place, radii);
+    PaintTicksAtLeft(painter, *this, place, values);
+    painter.setClipRect(place);
+    painter.setPen(QPen(palette().color(QPalette::Mid), 1));
+    painter.drawLine(QPointF(place.left(), values.PlaceOf(0)),
+                     QPointF(place.right(), values.PlaceOf(0)));
+    painter.setPen(QPen(palette().color(QPalette::WindowText), 1, Qt::DashLine));
+    const double aperture = radii.PlaceOf(Star->Radii.Aperture);
+    painter.drawLine(QPointF(aperture, place.top()), QPointF(aperture, place.bottom()));
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(palette().color(QPalette::Highlight));
+    for (const ProfilePoint& point : Points) {
+        painter.drawEllipse(QPointF(radii.PlaceOf(point.Radius), values.PlaceOf(point.Value)), 1.8,
+                            1.8);
+    }
+    if (!fit.Valid) return;
+    QPainterPath path;
+    for (int x = place.left(); x <= place.right(); ++x) {
+        const QPointF point(x, values.PlaceOf(ProfileValue(fit, radii.ValueAt(x))));
+        if (x == place.left()) path.moveTo(point);
+        path.lineTo(point);
+    }
+    painter.setBrush(Qt::NoBrush);
+    painter.setPen(QPen(StatusTextColour(StatusColour::Red, palette()), 1.5));
+    painter.drawPath(path);
+}
+
+}  // namespace vestrel

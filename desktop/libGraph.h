@@ -1,0 +1,37 @@
+// The drawings of the analysis windows: the histogram and the radial profile.
+#pragma once
+
+#include <QWidget>
+#include <optional>
+#include <vector>
+
+#include "display/libDisplayLevels.h"
+#include "photometry/libStarStatistics.h"
+
+namespace vestrel {
+
+/// The histogram of an image with its two levels.
+class HistogramArea : public QWidget {
+ public:
+    HistogramArea();
+    ImageHistogram Histogram;
+    CountLevels Span;
+    CountLevels Levels;
+    bool Logarithmic = true;
+
+ protected:
+    void paintEvent(QPaintEvent* event) override;
+};
+
+/// The pixels around a star by their distance from it, and the fitted Moffat profile.
+class ProfileArea : public QWidget {
+ public:
+    ProfileArea();
+    std::vector<ProfilePoint> Points;
+    std::optional<StarMeasurement> Star;
+
+ protected:
+    void paintEvent(QPaintEvent* event) override;
+};
+
+}  // namespace vestrel

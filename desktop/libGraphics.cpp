@@ -1,0 +1,182 @@
+#include "desktop/libGraphics.h"
+
+#include <QFontMetricsF>
+#include <QPainterPath>
+#include <algorithm>
+
+#include "desktop/libWindows.h"
+
+namespace vestrel {
+
+OverlayPainter::OverlayPainter(QPainter& painter, const ViewGeometry& view, const QSize& size)
+    : painter_(painter), view_(view), size_(size) {
+    painter_.setRenderHint(QPainter::Antialiasing);
+    painter_.setBrush(Qt::NoBrush);
+}
+
+QPointF OverlayPainter::At(const PixelPoint& place) const {
+    const ScreenPoint point = view_.ScreenOf(place);
+    return {point.X, point.Y};
+}
+
+bool OverlayPainter::Shows(const QPointF& point, double margin) const {
+    return QRectF(QPointF(), size_).adjusted(-margin, -margin, margin, margin).contains(point);
+}
+
+void OverlayPainter::Stroke(const QPainterPath& path, const QColor& colour, double width,
+                            Qt::PenStyle style) {
+    painter_.setPen(QPen(QColor(0, 0, 0, 130), width + 1.5, style));
+    painter_.drawPath(path);
+    painter_.setPen(QPen(colour, width, style));
+    painter_.drawPath(path);
+}
+
+void OverlayPainter::Text(const QPointF& baseline, const QString& text, const QColor& colour) {
+    painter_.setPen(QColor(0, 0, 0, 200));
+    for (const QPointF& shift : {QPointF(1, 1), QPointF(-1, 1), QPointF(1, -1), QPointF(-1, -1)}) {
+        painter_.drawText(baseline + shift, text);
+    }
+    painter_.setPen(colour);
+    painter_.drawText(baseline, text);
+}
+
+void OverlayPainter::PutStamp(const PixelPoint& place, bool isCross, double radius,
+                              const QColor& colour) {
+    constexpr double rimWidth = 3;
+    const QPointF at = At(place);
+    if (!Shows(at, radius + rimWidth)) return;
+    const double half = radius + rimWidth;
+    auto stamp = std::find_if(stamps_.begin(), stamps_.end(), [&](const Stamp& one) {
+        return one.IsCross == isCross && one.Radius == radius && one.Colour == colour.rgba();
+    });
+    if (stamp == stamps_.end()) {
+        const double ratio = painter_.device()->devicePixelRatioF();
+        QImage picture((QSizeF(2 * half, 2 * half) * ratio).toSize(),
+                       QImage::Format_ARGB32_Premultiplied);
+        picture.setDevicePixelRatio(ratio);
+        picture.fill(Qt::transparent);
+        QPainter painter(&picture);
+        OverlayPainter over(painter, view_, picture.size());
+        QPainterPath path;
+        const QPointF middle(half, half);
+        if (isCross) {
+            path.moveTo(middle - QPointF(radius, 0));
+            path.lineTo(middle + QPointF(radius, 0));
+            path.moveTo(middle - QPointF(0, radius));
+            path.lineTo(middle + QPointF(0, radius));
+        } else {
+            path.addEllipse(middle, radius, radius);
+        }
+        over.Stroke(path, colour);
+        painter.end();
+        stamp = stamps_.insert(stamps_.end(), {isCross, radius, colour.rgba(), picture});
+    }
+    painter_.drawImage(at - QPointF(half, half), stamp->Picture);
+}
+
+void OverlayPainter::Circle(const PixelPoint& place, double radius, const QColor& colour) {
+    PutStamp(place, false, radius, colour);
+}
+
+void OverlayPainter::Cross(const PixelPoint& place, double radius, const QColor& colour) {
+    PutStamp(place, true, radius, colour);
+}
+
+void OverlayPainter::Aperture(const PixelPoint& place, double imageRadius, const QColor& colour,
+                              bool dashed) {
+    const double radius = imageRadius * view_.Scale();
+    const QPointF at = At(place);
+    if (!Shows(at, radius)) return;
+    QPainterPath path;
+    path.addEllipse(at, radius, radius);
+    Stroke(path, colour, 1.5, dashed ? Qt::DashLine : Qt::SolidLine);
+}
+
+void OverlayPainter::Link(const PixelPoint& from, const PixelPoint& to, const QColor& colour) {
+    const QPointF start = At(from);
+    const QPointF end = At(to);
+    if (!Shows(start, 0) && !Shows(end, 0)) return;
+    QPainterPath path(start);
+    path.lineTo(end);
+    Stroke(path, colour);
+}
+
+void OverlayPainter::Label(const PixelPoint& place, double radius, const QString& text,
+                           const QColor& colour) {
+    const QPointF at = At(place);
+    if (text.isEmpty() || !Shows(at, radius)) return;
+    Text(at + QPointF(radius, -radius / 2), text, colour);
+}
+
+void OverlayPainter::LowerLabel(const PixelPoint& place, double radius, const QString& text,
+                                const QColor& colour) {
+    const QPointF at = At(place);
+    if (text.isEmpty() || !Shows(at, radius)) return;
+    const QFontMetricsF metrics(painter_.font());
+    Text(at + QPointF(radius, radius / 2 + metrics.capHeight()), text, colour);
+}
+
+void OverlayPainter::Grid(const SkyGrid& grid) {
+    for (const GridLine& line : grid.Lines) {
+        for (const auto& piece : line.Pieces) {
+            QPainterPath path;
+            for (std::size_t i = 0; i < piece.size(); ++i) {
+                if (i == 0) path.moveTo(At(piece[i]));
+                if (i > 0) path.lineTo(At(piece[i]));
+            }
+            painter_.setPen(
+                QPen(QColor(GridColour.red(), GridColour.green(), GridColour.blue(), 150), 1));
+            painter_.drawPath(path);
+        }
+    }
+    const QFontMetricsF metrics(painter_.font());
+    const QRectF inside = QRectF(QPointF(), size_).adjusted(4, metrics.height(), -4, -4);
+    for (const GridLine& line : grid.Lines) {
+        const QString text = QtText(line.Label);
+        QPointF at = At(line.LabelPlace) + QPointF(4, -4);
+        at.setX(qBound(inside.left(), at.x(), inside.right() - metrics.horizontalAdvance(text)));
+        at.setY(qBound(inside.top(), at.y(), inside.bottom()));
+        Text(at, text, GridColour);
+    }
+}
+
+void OverlayPainter::Arrow(const QPointF& from, const ScreenPoint& direction, const QString& name) {
+    constexpr double length = 34;
+    constexpr double head = 7;
+    const QPointF along(direction.X, direction.Y);
+    const QPointF across(-along.y(), along.x());
+    const QPointF tip = from + length * along;
+    QPainterPath path(from);
+    path.lineTo(tip);
+    path.moveTo(tip - head * along + head / 2 * across);
+    path.lineTo(tip);
+    path.lineTo(tip - head * along - head / 2 * across);
+    Stroke(path, Qt::white);
+    const QFontMetricsF metrics(painter_.font());
+    const QPointF middle = tip + 11 * along;
+    Text(middle + QPointF(-metrics.horizontalAdvance(name) / 2, metrics.capHeight() / 2), name,
+         Qt::white);
+}
+
+void OverlayPainter::CompassAndScale(const SkyMap& map) {
+    constexpr double margin = 60;
+    constexpr double longestBar = 0.3;
+    const QPointF compassPlace(size_.width() - margin, margin);
+    const PixelPoint middle = view_.PixelAt(view_.Middle());
+    if (const auto compass = map.CompassAt(middle)) {
+        Arrow(compassPlace, view_.DirectionOnScreen(compass->North), "N");
+        Arrow(compassPlace, view_.DirectionOnScreen(compass->East), "E");
+    }
+    if (const auto bar = ScaleBarFor(map, longestBar * size_.width() / view_.Scale())) {
+        const double length = bar->Pixels * view_.Scale();
+        const QPointF left(20, size_.height() - 20);
+        QPainterPath path(left - QPointF(0, 5));
+        path.lineTo(left);
+        path.lineTo(left + QPointF(length, 0));
+        path.lineTo(left + QPointF(length, -5));
+        Stroke(path, Qt::white, 2);
+        Text(left + QPointF(6, -6), QtText(bar->Text), Qt::white);
+    }
+}
+
+}  // namespace vestrel

@@ -1,0 +1,63 @@
+// Draws what lies over the image. Sizes are those of the screen: they do not grow with the image.
+#pragma once
+
+#include <QColor>
+#include <QImage>
+#include <QPainter>
+#include <QString>
+#include <vector>
+
+#include "display/libSkyGrid.h"
+#include "display/libViewGeometry.h"
+
+namespace vestrel {
+
+inline constexpr QColor ExtractedColour(255, 205, 60);
+inline constexpr QColor CatalogColour(90, 190, 255);
+inline constexpr QColor MatchedColour(80, 230, 110);
+inline constexpr QColor GridColour(120, 150, 255);
+inline constexpr QColor MeasuredColour(255, 110, 200);
+
+/// A painter over a view. Texts and lines get a dark rim, so that they show on any sky.
+class OverlayPainter {
+ public:
+    OverlayPainter(QPainter& painter, const ViewGeometry& view, const QSize& size);
+
+    void Circle(const PixelPoint& place, double radius, const QColor& colour);
+    /// A circle whose radius is in image pixels.
+    void Aperture(const PixelPoint& place, double imageRadius, const QColor& colour, bool dashed);
+    void Cross(const PixelPoint& place, double radius, const QColor& colour);
+    /// A line from one place of the image to another.
+    void Link(const PixelPoint& from, const PixelPoint& to, const QColor& colour);
+    /// To the upper right of a mark, and to the lower right.
+    void Label(const PixelPoint& place, double radius, const QString& text, const QColor& colour);
+    void LowerLabel(const PixelPoint& place, double radius, const QString& text,
+                    const QColor& colour);
+    void Grid(const SkyGrid& grid);
+    /// North and east in the upper right corner, a scale bar in the lower left one.
+    void CompassAndScale(const SkyMap& map);
+
+ private:
+    /// A mark of fixed size, drawn once: a picture is put down far faster than a path.
+    struct Stamp {
+        bool IsCross = false;
+        double Radius = 0;
+        QRgb Colour = 0;
+        QImage Picture;
+    };
+    void PutStamp(const PixelPoint& place, bool isCross, double radius, const QColor& colour);
+
+    bool Shows(const QPointF& point, double margin) const;
+    QPointF At(const PixelPoint& place) const;
+    void Stroke(const QPainterPath& path, const QColor& colour, double width = 1.5,
+                Qt::PenStyle style = Qt::SolidLine);
+    void Text(const QPointF& baseline, const QString& text, const QColor& colour);
+    void Arrow(const QPointF& from, const ScreenPoint& direction, const QString& name);
+
+    QPainter& painter_;
+    const ViewGeometry& view_;
+    QSizeF size_;
+    std::vector<Stamp> stamps_;
+};
+
+}  // namespace vestrel

@@ -1,0 +1,175 @@
+#include "desktop/libWindows.h"
+
+#include <QApplication>
+#include <QFileDialog>
+#include <QHelpEvent>
+#include <QMessageBox>
+#include <QPainter>
+#include <QToolTip>
+#include <algorithm>
+#include <cstdlib>
+#include <string_view>
+
+#ifndef _WIN32
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
+
+#include "astro/libStrings.h"
+
+namespace vestrel {
+
+namespace {
+
+#if !defined(_WIN32) && !defined(__APPLE__)
+bool IsSet(const char* variable) {
+    const char* value = std::getenv(variable);
+    return value != nullptr && *value != 0;
+}
+
+/// Says nothing, and ends the process where Qt would abort it.
+void QuietHandler(QtMsgType type, const QMessageLogContext& /*context*/, const QString& /*text*/) {
+    if (type == QtFatalMsg) _exit(1);
+}
+#endif
+
+}  // namespace
+
+QString QtText(const std::string& utf8) {
+    return QString::fromUtf8(utf8.data(), static_cast<qsizetype>(utf8.size()));
+}
+
+std::string Utf8(const QString& text) {
+    return text.toStdString();
+}
+
+QColor StatusTextColour(StatusColour colour, const QPalette& palette) {
+    const bool dark = palette.color(QPalette::Window).lightness() < 128;
+    switch (colour) {
+        case StatusColour::Red:
+            return dark ? QColor(255, 120, 110) : QColor(250, 0, 0);
+        case StatusColour::Green:
+            return dark ? QColor(110, 220, 110) : QColor(0, 150, 0);
+        case StatusColour::Black:
+            break;
+    }
+    return palette.color(QPalette::WindowText);
+}
+
+QStringList NameFilters(const FileDialog& dialog) {
+    QStringList filters;
+    const QStringList parts = QtText(dialog.Filters).split('|');
+    for (qsizetype i = 0; i + 1 < parts.size(); i += 2) {
+        QString patterns = parts[i + 1];
+        patterns.replace(';', ' ');
+        // Outside Windows this means files with a dot in their name.
+        if (patterns == "*.*") patterns = "*";
+        filters << parts[i] + " (" + patterns + ")";
+    }
+    return filters;
+}
+
+#if defined(_WIN32) || defined(__APPLE__)
+DisplayProbe::DisplayProbe(int /*argc*/, char** /*argv*/) {}
+DisplayProbe::~DisplayProbe() = default;
+#else
+DisplayProbe::DisplayProbe(int argc, char** argv) {
+    const bool named = std::any_of(argv + 1, argv + argc, [](const char* argument) {
+        return std::string_view(argument) == "-platform";
+    });
+    if (!named && !IsSet("DISPLAY") && !IsSet("WAYLAND_DISPLAY") && !IsSet("QT_QPA_PLATFORM")) {
+        canOpenWindows_ = false;
+        return;
+    }
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return;
+    char signal = 0;
+    child_ = fork();
+    if (child_ == 0) {
+        close(ends[0]);
+        qInstallMessageHandler(QuietHandler);
+        const QGuiApplication application(argc, argv);
+        if (write(ends[1], &signal, 1) == 1) (void)!read(ends[1], &signal, 1);
+        _exit(0);
+    }
+    close(ends[1]);
+    socket_ = ends[0];
+    if (child_ > 0) canOpenWindows_ = read(socket_, &signal, 1) == 1;
+}
+
+DisplayProbe::~DisplayProbe() {
+    if (socket_ >= 0) close(socket_);
+    if (child_ > 0) waitpid(child_, nullptr, 0);
+}
+#endif
+
+ElidedLabel::ElidedLabel() {
+    setTextFormat(Qt::PlainText);
+    setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
+}
+
+bool ElidedLabel::event(QEvent* event) {
+    if (event->type() != QEvent::ToolTip) return QLabel::event(event);
+    const bool cut = fontMetrics().horizontalAdvance(text()) > contentsRect().width();
+    QToolTip::showText(static_cast<QHelpEvent*>(event)->globalPos(),
+                       cut ? "<p>" + text().toHtmlEscaped() + "</p>" : QString(), this);
+    return true;
+}
+
+void ElidedLabel::paintEvent(QPaintEvent* /*event*/) {
+    QPainter painter(this);
+    painter.drawText(contentsRect(), Qt::AlignLeft | Qt::AlignVCenter,
+                     fontMetrics().elidedText(text(), Qt::ElideMiddle, contentsRect().width()));
+}
+
+WindowPort::~WindowPort() {
+    WindowPort::ShowBusyPointer(false);
+}
+
+void WindowPort::ShowMessage(const std::string& text, const std::string& title) {
+    QWidget* dialog = QApplication::activeModalWidget();
+    QMessageBox box(QMessageBox::Warning, QtText(title), QtText(text), QMessageBox::Ok,
+                    dialog != nullptr ? dialog : &window_);
+    // Messages quote files, which may look like markup.
+    box.setTextFormat(Qt::PlainText);
+    box.exec();
+}
+
+std::optional<std::string> WindowPort::AskForFile(const FileDialog& dialog) {
+    QFileDialog box(&window_, QtText(dialog.Title));
+    const QStringList filters = NameFilters(dialog);
+    box.setAcceptMode(dialog.Saves ? QFileDialog::AcceptSave : QFileDialog::AcceptOpen);
+    box.setFileMode(dialog.Saves ? QFileDialog::AnyFile : QFileDialog::ExistingFile);
+    // The descriptions name the patterns already.
+    box.setOption(QFileDialog::HideNameFilterDetails);
+    box.setNameFilters(filters);
+    if (dialog.FilterIndex >= 1 && dialog.FilterIndex <= filters.size()) {
+        box.selectNameFilter(filters[dialog.FilterIndex - 1]);
+    }
+    if (dialog.Saves) box.setDefaultSuffix(QtText(dialog.Suffix));
+    box.setDirectory(QtText(FolderOfPath(dialog.InitialName)));
+    if (box.exec() != QDialog::Accepted || box.selectedFiles().isEmpty()) return std::nullopt;
+    return Utf8(box.selectedFiles().constFirst());
+}
+
+void WindowPort::Yield() {
+    if (yielding_) return;
+    yielding_ = true;
+    QApplication::processEvents();
+    yielding_ = false;
+    // A solve forgets, as it starts, what was asked for before.
+    if (state_.CloseRequested) state_.StopRequested = true;
+}
+
+void WindowPort::ShowBusyPointer(bool busy) {
+    if (busy == busyPointer_) return;
+    busyPointer_ = busy;
+    if (busy) {
+        QApplication::setOverrideCursor(Qt::BusyCursor);
+    } else {
+        QApplication::restoreOverrideCursor();
+    }
+}
+
+}  // namespace vestrel

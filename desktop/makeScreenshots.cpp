@@ -1,0 +1,183 @@
+// Takes pictures of every window around a real solve: makeScreenshots FRAME RA DEC FOLDER
+
+#include <QAction>
+#include <QApplication>
+#include <QDir>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPixmap>
+#include <QPushButton>
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <vector>
+
+#include "desktop/fKELInfo.h"
+#include "desktop/fPictureArea.h"
+#include "platform/libPlatform.h"
+#include "program/mPlateMatch.h"
+
+namespace vestrel {
+namespace {
+
+QPalette DarkPalette() {
+    QPalette palette(QColor(49, 54, 59), QColor(49, 54, 59));
+    palette.setColor(QPalette::Base, QColor(35, 38, 41));
+    palette.setColor(QPalette::AlternateBase, QColor(49, 54, 59));
+    palette.setColor(QPalette::Highlight, QColor(61, 174, 233));
+    for (const auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText}) {
+        palette.setColor(role, QColor(239, 240, 241));
+        palette.setColor(QPalette::Disabled, role, QColor(127, 131, 135));
+    }
+    palette.setColor(QPalette::PlaceholderText, QColor(150, 155, 160));
+    return palette;
+}
+
+/// The one open window of a name.
+QWidget* WindowNamed(const QString& name) {
+    for (QWidget* window : QApplication::topLevelWidgets()) {
+        if (window->objectName() == name) return window;
+    }
+    return nullptr;
+}
+
+/// A clock that goes would change every picture.
+void StopClock(QWidget& window) {
+    if (auto* clock = window.findChild<QLabel*>("lblClock")) {
+        clock->setText("UT 21:04:37   JD 2461366.37820   LST 02:08:07");
+    }
+}
+
+class Photographer {
+ public:
+    Photographer(QString folder, QString suffix)
+        : folder_(std::move(folder)), suffix_(std::move(suffix)) {}
+
+    bool Take(const QString& windowName, const QString& fileName) {
+        QApplication::processEvents();
+        QWidget* window = WindowNamed(windowName);
+        if (window != nullptr) StopClock(*window);
+        const QString file = QDir(folder_).filePath(fileName + suffix_ + ".png");
+        if (window != nullptr &&
+            window->grab().toImage().convertToFormat(QImage::Format_RGB888).save(file)) {
+            return true;
+        }
+        std::fprintf(stderr, "no picture: %s\n", qPrintable(file));
+        return false;
+    }
+
+ private:
+    QString folder_;
+    QString suffix_;
+};
+
+/// The image window and those that belong to it.
+bool TakeViewer(SolveWindow& window, const ProgramState& state, Photographer& photographer) {
+    const auto choose = [&window](const char* name) {
+        window.findChild<QAction*>(name)->trigger();
+    };
+    QWidget* image = WindowNamed("fImage");
+    const auto toggle = [image](const char* name) { image->findChild<QAction*>(name)->toggle(); };
+    auto* area = dynamic_cast<PictureArea*>(image->findChild<QWidget*>("picImage"));
+    QApplication::processEvents();
+    bool good = photographer.Take("fImage", "image");
+
+    // A closer look: the matched stars with their magnitudes on the grid, two of them measured.
+    choose("mnuStats");
+    choose("mnuRelPhot");
+    choose("mnuLevels");
+    QApplication::processEvents();
+    std::vector<const PlateStar*> stars;
+    for (const StarMatch& pair : state.Solution.Pairs) {
+        if (pair.InUse) stars.push_back(&state.PlateStars[static_cast<std::size_t>(pair.Star2)]);
+    }
+    if (stars.size() < 3) return false;
+    const auto fromMiddle = [&state](const PlateStar* star) {
+        return std::hypot(star->X - state.Image.Width / 2.0, star->Y - state.Image.Height / 2.0);
+    };
+    std::sort(stars.begin(), stars.end(), [&](const PlateStar* a, const PlateStar* b) {
+        return fromMiddle(a) < fromMiddle(b);
+    });
+    for (const std::size_t k : {0, 1, 0, 2}) area->OnClicked({stars[k]->X, stars[k]->Y});
+    for (const char* name : {"mnuExtracted", "mnuCatalog", "mnuMagnitudes", "mnuGrid"}) {
+        toggle(name);
+    }
+    area->ZoomTo(1);
+    area->OnPointerMoved({stars[2]->X, stars[2]->Y});
+    good = photographer.Take("fImage", "image-close") && good;
+    good = photographer.Take("fHistogram", "levels") && good;
+    good = photographer.Take("fStats", "statistics") && good;
+    good = photographer.Take("fRelPhot", "photometry") && good;
+    for (const char* name : {"fHistogram", "fStats", "fRelPhot"}) WindowNamed(name)->close();
+    return good;
+}
+
+bool TakeAll(Photographer photographer, const std::string& frame, const QString& ra,
+             const QString& dec) {
+    const auto state = std::make_unique<ProgramState>();
+    state->Catalog.Folder = DefaultCatalogFolder();
+    SolveWindow window(*state);
+    window.show();
+    const auto type = [&window](const char* name, const QString& text) {
+        window.findChild<QLineEdit*>(name)->setText(text);
+    };
+    const auto press = [&window](const char* name) {
+        window.findChild<QPushButton*>(name)->click();
+    };
+    type("txtXsize", "180");
+    type("txtYsize", "120");
+    bool good = photographer.Take("fKELInfo", "start");
+    window.OpenFile(frame);
+    type("txtRA", ra);
+    type("txtDec", dec);
+    press("cmdMatch");
+    good = good && state->Solution.MatchedCount > 0;
+    good = photographer.Take("fKELInfo", "solved") && good;
+    press("cmdImage");
+    good = TakeViewer(window, *state, photographer) && good;
+    window.findChild<QAction*>("mnuHeader")->trigger();
+    good = photographer.Take("fFITSHeader", "header") && good;
+    press("Command1");
+    good = photographer.Take("fParms", "parameters") && good;
+    WindowNamed("fParms")->findChild<QPushButton*>("cmdHelp")->click();
+    good = photographer.Take("fHelp", "help") && good;
+    WindowNamed("fParms")->close();
+
+    // From anywhere: the quads tell where.
+    type("txtRA", "00 00 00");
+    type("txtDec", "00 00 00");
+    press("cmdMORA");
+    good = photographer.Take("fKELInfo", "mora") && good;
+    good = photographer.Take("fMORA", "mora-messages") && good;
+    WindowNamed("fMORA")->close();
+
+    type("txtRA", ra);
+    type("txtDec", "60 00 00");
+    press("cmdMatch");
+    good = photographer.Take("fKELInfo", "failed") && good;
+    window.StartUnattended("1.4451,-0.0291,0.0524,0.0349,4," + frame);
+    good = photographer.Take("fKELInfo", "unattended") && good;
+    window.close();
+    return good;
+}
+
+}  // namespace
+}  // namespace vestrel
+
+int main(int argc, char** argv) {
+    QApplication application(argc, argv);
+    if (argc != 5) {
+        std::fputs("makeScreenshots FRAME RA DEC FOLDER\n", stderr);
+        return 2;
+    }
+    QApplication::setQuitOnLastWindowClosed(false);
+    QApplication::setStyle("Fusion");
+    const auto takeAll = [argv](const char* suffix) {
+        return vestrel::TakeAll({argv[4], suffix}, argv[1], argv[2], argv[3]);
+    };
+    const bool light = takeAll("");
+    QApplication::setPalette(vestrel::DarkPalette());
+    const bool dark = takeAll("-dark");
+    return light && dark ? 0 : 1;
+}

@@ -1,0 +1,80 @@
+// The desktop program: the solve window, or without a display an unattended solve all the same.
+
+#include <QApplication>
+#include <QIcon>
+#include <QTimer>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "console/consolePort.h"
+#include "console/exitCodes.h"
+#include "desktop/desktopOptions.h"
+#include "desktop/fKELInfo.h"
+#include "platform/libPlatform.h"
+#include "program/mCommandLine.h"
+#include "program/mSettings.h"
+#include "telescope/libTelescopeDriver.h"
+
+namespace vestrel {
+namespace {
+
+int RunWithoutWindow(const DesktopStart& start, ProgramState& state) {
+    if (start.What != DesktopStart::Kind::Unattended) {
+        std::fputs(
+            "vestrel: there is no display to open a window on; vestrel-solve solves without one\n",
+            stderr);
+        return ExitCode::Usage;
+    }
+    ConsolePort port(state, true);
+    InitSettings(state, port);
+    const UnattendedOutcome outcome = RunUnattended(state, port, start.Text);
+    return ExitCodeOf(outcome, state, port);
+}
+
+int Run(int argc, char** argv) {
+    // An installed program finds its icon and its windows by this.
+    constexpr const char* applicationId = "org.vestrel.Vestrel";
+    const auto state = std::make_unique<ProgramState>();
+    state->Catalog.Folder = DefaultCatalogFolder();
+    state->CreateTelescope = CreateTelescopeDriver;
+    const auto readArguments = [&] {
+        return ReadDesktopArguments(
+            std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
+    };
+    DesktopStart start = readArguments();
+    if (start.What == DesktopStart::Kind::Print) {
+        std::fputs(start.Text.c_str(), stdout);
+        return 0;
+    }
+    auto probe = std::make_unique<DisplayProbe>(argc, argv);
+    if (!probe->CanOpenWindows()) return RunWithoutWindow(start, *state);
+
+    QApplication application(argc, argv);
+    probe.reset();
+    QApplication::setDesktopFileName(applicationId);
+    QApplication::setWindowIcon(QIcon::fromTheme(applicationId));
+    start = readArguments();  // without those that were Qt's
+    SolveWindow window(*state);
+    window.show();
+    QTimer::singleShot(0, &window, [&] {
+        if (start.What == DesktopStart::Kind::OpenImage) window.OpenFile(start.Text);
+        if (start.What == DesktopStart::Kind::Unattended) window.StartUnattended(start.Text);
+    });
+    QApplication::exec();
+    return window.ExitCode();
+}
+
+}  // namespace
+}  // namespace vestrel
+
+int main(int argc, char** argv) {
+    try {
+        return vestrel::Run(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vestrel: %s\n", error.what());
+        return vestrel::ExitCode::Usage;
+    }
+}

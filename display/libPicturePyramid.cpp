@@ -1,0 +1,167 @@
+#include "display/libPicturePyramid.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "astro/libParallel.h"
+
+namespace vestrel {
+
+namespace {
+
+constexpr int rowsPerPiece = 32;
+
+/// Calls `work(row)` for every row, in parallel.
+template <typename Work>
+void ForRows(int rows, Work work) {
+    ParallelFor((rows + rowsPerPiece - 1) / rowsPerPiece, [&](int piece) {
+        const int end = std::min((piece + 1) * rowsPerPiece, rows);
+        for (int row = piece * rowsPerPiece; row < end; ++row) work(row);
+    });
+}
+
+void SetSize(GreyLevel& level, int width, int height) {
+    level.Width = width;
+    level.Height = height;
+    level.Pixels.resize(static_cast<std::size_t>(width) * static_cast<std::size_t>(height));
+}
+
+std::uint8_t* RowOf(GreyLevel& level, int row) {
+    return level.Pixels.data() +
+           static_cast<std::size_t>(row) * static_cast<std::size_t>(level.Width);
+}
+const std::uint8_t* RowOf(const GreyLevel& level, int row) {
+    return level.Pixels.data() +
+           static_cast<std::size_t>(row) * static_cast<std::size_t>(level.Width);
+}
+
+void Halve(const GreyLevel& from, GreyLevel& to) {
+    SetSize(to, (from.Width + 1) / 2, (from.Height + 1) / 2);
+    ForRows(to.Height, [&](int row) {
+        const std::uint8_t* upper = RowOf(from, 2 * row);
+        const std::uint8_t* lower = RowOf(from, std::min(2 * row + 1, from.Height - 1));
+        std::uint8_t* mean = RowOf(to, row);
+        const int whole = from.Width / 2;
+        for (int x = 0; x < whole; ++x) {
+            mean[x] = static_cast<std::uint8_t>(
+                (upper[2 * x] + upper[2 * x + 1] + lower[2 * x] + lower[2 * x + 1] + 2) / 4);
+        }
+        if (whole < to.Width) {
+            const int last = from.Width - 1;
+            mean[whole] = static_cast<std::uint8_t>((upper[last] + lower[last] + 1) / 2);
+        }
+    });
+}
+
+/// Where the pixels of one row or column of the target come from: two pixels of the level and the
+/// weight of the second, in 256ths. Outside the image `First` is below 0.
+struct Source {
+    int First = -1;
+    int Second = -1;
+    int Weight = 0;
+};
+
+/// The level to paint from, and how.
+struct PaintedLevel {
+    int Number = 0;
+    bool Interpolated = false;
+};
+
+/// @param at        image coordinate
+/// @param levelSize pixels of the level along this axis
+Source SourceOf(double at, std::int32_t imageSize, PaintedLevel level, int levelSize) {
+    // At whole scales all coordinates may lie on the border of two pixels: rounding must not make
+    // some of them fall to one side and some to the other.
+    constexpr double borders = 1e-6;
+    const double fromEdge = at + 0.5 + borders;
+    if (!(fromEdge >= 0 && fromEdge < imageSize)) return {};
+    if (!level.Interpolated) {
+        const int nearest = static_cast<int>(fromEdge);
+        return {nearest, nearest, 0};
+    }
+    const double place = std::ldexp(fromEdge, -level.Number) - 0.5;
+    const double whole = std::floor(place);
+    const int first = static_cast<int>(whole);
+    return {std::clamp(first, 0, levelSize - 1), std::clamp(first + 1, 0, levelSize - 1),
+            static_cast<int>((place - whole) * 256)};
+}
+
+/// The level to paint a scale from.
+PaintedLevel LevelFor(double scale, std::size_t levels) {
+    constexpr double rounding = 1e-9;
+    if (!(scale < 1 - rounding)) return {};
+    const int number = static_cast<int>(std::floor(-std::log2(scale) + rounding));
+    return {std::clamp(number, 0, static_cast<int>(levels) - 1), true};
+}
+
+}  // namespace
+
+void PicturePyramid::Build(const PlateImage& image, const GreyLookup& grey) {
+    if (image.Width < 1 || image.Height < 1 || image.Pixels.Empty()) return Clear();
+    std::size_t count = 1;
+    for (int longest = std::max(image.Width, image.Height); longest > 1;
+         longest = (longest + 1) / 2)
+        ++count;
+    levels_.resize(count);
+    SetSize(levels_[0], image.Width, image.Height);
+    ForRows(image.Height, [&](int row) {
+        const auto pixels = image.Pixels.Row(row).first(static_cast<std::size_t>(image.Width));
+        std::transform(pixels.begin(), pixels.end(), RowOf(levels_[0], row),
+                       [&grey](std::int32_t stored) { return grey(stored); });
+    });
+    for (std::size_t k = 1; k < count; ++k) Halve(levels_[k - 1], levels_[k]);
+}
+
+void PaintView(const PicturePyramid& pyramid, const ViewGeometry& view, double pixelRatio,
+               const GreyTarget& target) {
+    if (pyramid.Empty()) {
+        std::fill(target.Pixels.begin(), target.Pixels.end(), GreyOutsideImage);
+        return;
+    }
+    const GreyLevel& image = pyramid.Levels().front();
+    const PaintedLevel painted = LevelFor(view.Scale() * pixelRatio, pyramid.Levels().size());
+    const GreyLevel& level = pyramid.Levels()[static_cast<std::size_t>(painted.Number)];
+    std::vector<Source> columns;
+    int begin = 0;  // the first column of the target that shows the image
+    for (int i = 0; i < target.Width; ++i) {
+        const PixelPoint at = view.PixelAt({(i + 0.5) / pixelRatio, 0});
+        const Source source = SourceOf(at.X, image.Width, painted, level.Width);
+        if (source.First >= 0) columns.push_back(source);
+        if (source.First < 0 && columns.empty()) ++begin;
+    }
+    ForRows(target.Height, [&](int row) {
+        const PixelPoint at = view.PixelAt({0, (row + 0.5) / pixelRatio});
+        const Source rows = SourceOf(at.Y, image.Height, painted, level.Height);
+        const auto out = target.Pixels.subspan(static_cast<std::size_t>(row) * target.RowBytes,
+                                               static_cast<std::size_t>(target.Width));
+        std::fill(out.begin(), out.end(), GreyOutsideImage);
+        if (rows.First < 0 || columns.empty()) return;
+        std::uint8_t* to = out.data() + begin;
+        const std::uint8_t* upper = RowOf(level, rows.First);
+        if (!painted.Interpolated) {
+            for (const Source& column : columns) *to++ = upper[column.First];
+            return;
+        }
+        // First between the two rows, in one sweep, then between neighbours.
+        const std::uint8_t* lower = RowOf(level, rows.Second);
+        // A flipped image runs the other way.
+        const int left = std::min(columns.front().First, columns.back().First);
+        const int right = std::max(columns.front().First, columns.back().First);
+        const int last = std::min(right + 1, level.Width - 1);
+        std::vector<std::uint16_t> between(static_cast<std::size_t>(last - left + 1));
+        for (int x = left; x <= last; ++x) {
+            between[static_cast<std::size_t>(x - left)] =
+                static_cast<std::uint16_t>(upper[x] * (256 - rows.Weight) + lower[x] * rows.Weight);
+        }
+        const auto value = [&](int x) -> int {
+            return between[static_cast<std::size_t>(x - left)];
+        };
+        for (const Source& column : columns) {
+            *to++ = static_cast<std::uint8_t>((value(column.First) * (256 - column.Weight) +
+                                               value(column.Second) * column.Weight + 32768) >>
+                                              16);
+        }
+    });
+}
+
+}  // namespace vestrel

@@ -1,0 +1,165 @@
+#include "display/libSkyOverlay.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+#include "astro/libConversions.h"
+#include "astro/libStrings.h"
+
+namespace vestrel {
+
+namespace {
+
+constexpr double exactArcsecondsPerRadian = 206264.80624709636;
+
+/// So that rounding does not take away what lies on the very rim of the sky.
+constexpr double rim = 1e-12;
+
+template <typename PixelOf>
+std::optional<NearestStar> Nearest(std::int32_t count, const PixelPoint& pixel, PixelOf pixelOf) {
+    std::optional<NearestStar> nearest;
+    for (std::int32_t i = 1; i <= count; ++i) {
+        const std::optional<PixelPoint> place = pixelOf(static_cast<std::size_t>(i));
+        if (!place) continue;
+        const double distance = std::hypot(place->X - pixel.X, place->Y - pixel.Y);
+        if (distance < (nearest ? nearest->Distance : HUGE_VAL)) nearest = {i, distance};
+    }
+    return nearest;
+}
+
+std::int32_t HeldCount(const PlateStarList& stars, std::int32_t count) {
+    return std::min(count, static_cast<std::int32_t>(stars.size()) - 1);
+}
+
+PixelPoint UnitVector(double x, double y) {
+    const double length = std::hypot(x, y);
+    return {x / length, y / length};
+}
+
+}  // namespace
+
+std::optional<SkyMap> SkyMap::Of(const ImageHeader& header) {
+    if (!header.PlateMatched) return std::nullopt;
+    const auto& rows = header.PlateTransform;
+    SkyMap map;
+    map.xXi_ = rows[0][0] * header.PlateScale;
+    map.xEta_ = rows[0][1] * header.PlateScale;
+    map.yXi_ = rows[1][0] * header.PlateScale;
+    map.yEta_ = rows[1][1] * header.PlateScale;
+    map.tangent_ = {rows[0][2], rows[1][2]};
+    map.determinant_ = map.xXi_ * map.yEta_ - map.xEta_ * map.yXi_;
+    // Beyond these nothing of an image is left, or the two axes are the same.
+    constexpr double farthest = 1e9;
+    constexpr double largest = 1e15;
+    constexpr double smallestAngle = 1e-6;
+    const double size = std::hypot(map.xXi_, map.xEta_) * std::hypot(map.yXi_, map.yEta_);
+    if (!std::isnormal(map.determinant_) || !(size < largest * largest) ||
+        !(std::fabs(map.determinant_) > smallestAngle * size) ||
+        !(std::fabs(header.RaRef) <= 100) || !(std::fabs(header.DecRef) <= 2) ||
+        !(std::fabs(map.tangent_.X) < farthest) || !(std::fabs(map.tangent_.Y) < farthest)) {
+        return std::nullopt;
+    }
+    map.plane_.SetProjectionCentre(header.RaRef, header.DecRef, 1);
+    return map;
+}
+
+std::optional<PixelPoint> SkyMap::PixelOf(const SkyPosition& sky) const {
+    double xi = 0;
+    double eta = 0;
+    if (!(plane_.SkyToPlane(sky.Ra, sky.Dec, xi, eta) >= -rim)) return std::nullopt;
+    return PixelPoint{xXi_ * xi + xEta_ * eta + tangent_.X, yXi_ * xi + yEta_ * eta + tangent_.Y};
+}
+
+std::optional<SkyPosition> SkyMap::SkyOf(const PixelPoint& pixel) const {
+    const double dx = pixel.X - tangent_.X;
+    const double dy = pixel.Y - tangent_.Y;
+    const double east = -(yEta_ * dx - xEta_ * dy) / determinant_;
+    const double north = (xXi_ * dy - yXi_ * dx) / determinant_;
+    const double square = 1 - (east * east + north * north);
+    if (!(square >= -rim)) return std::nullopt;
+    const double outward = std::sqrt(std::max(square, 0.0));
+    const double q = plane_.CosCentreDec * outward - plane_.SinCentreDec * north;
+    const double z = plane_.SinCentreDec * outward + plane_.CosCentreDec * north;
+    const double x = plane_.CosCentreRa * q - plane_.SinCentreRa * east;
+    const double y = plane_.SinCentreRa * q + plane_.CosCentreRa * east;
+    double ra = std::atan2(y, x);
+    if (ra < 0) ra += 2 * std::numbers::pi;
+    return SkyPosition{ra, std::atan2(z, std::hypot(x, y))};
+}
+
+std::optional<SkyMap::Compass> SkyMap::CompassAt(const PixelPoint& pixel) const {
+    const std::optional<SkyPosition> sky = SkyOf(pixel);
+    if (!sky) return std::nullopt;
+    // The derivatives of the projection along a meridian and along a parallel, the latter divided
+    // by cos(dec), so that they do not vanish at the poles.
+    const double sinRa =
+        std::sin(sky->Ra) * plane_.CosCentreRa - std::cos(sky->Ra) * plane_.SinCentreRa;
+    const double cosRa =
+        std::cos(sky->Ra) * plane_.CosCentreRa + std::sin(sky->Ra) * plane_.SinCentreRa;
+    const double sinDec = std::sin(sky->Dec);
+    const double cosDec = std::cos(sky->Dec);
+    const double northXi = sinDec * sinRa;
+    const double northEta = plane_.CosCentreDec * cosDec + plane_.SinCentreDec * sinDec * cosRa;
+    const double eastXi = -cosRa;
+    const double eastEta = plane_.SinCentreDec * sinRa;
+    return Compass{UnitVector(xXi_ * northXi + xEta_ * northEta, yXi_ * northXi + yEta_ * northEta),
+                   UnitVector(xXi_ * eastXi + xEta_ * eastEta, yXi_ * eastXi + yEta_ * eastEta)};
+}
+
+double SkyMap::PixelsPerRadian() const {
+    return std::sqrt(std::fabs(determinant_));
+}
+
+std::optional<ScaleBar> ScaleBarFor(const SkyMap& map, double longest) {
+    constexpr double perMinute = 60;
+    constexpr double perDegree = 3600;
+    struct Unit {
+        double Arcseconds;
+        const char* Sign;
+        double Steps[5];
+    };
+    // In falling order; 0 ends a row.
+    const Unit units[] = {{perDegree, DegreeSign, {45, 30, 20, 10, 5}},
+                          {perDegree, DegreeSign, {2, 1, 0}},
+                          {perMinute, "'", {30, 20, 10, 5, 2}},
+                          {perMinute, "'", {1, 0}},
+                          {1, "\"", {30, 20, 10, 5, 2}},
+                          {1, "\"", {1, 0.5, 0.2, 0.1, 0.05}},
+                          {1, "\"", {0.02, 0.01, 0.005, 0.002, 0.001}}};
+    const double pixelsPerArcsecond = map.PixelsPerRadian() / exactArcsecondsPerRadian;
+    for (const Unit& unit : units) {
+        for (const double step : unit.Steps) {
+            const double pixels = step * unit.Arcseconds * pixelsPerArcsecond;
+            if (step == 0 || !(pixels <= longest)) continue;
+            // A field wider than the sky: even the longest bar is a dot.
+            if (step == 45 && pixels < longest / 100) return std::nullopt;
+            return ScaleBar{pixels, step * unit.Arcseconds, NumberText(step) + unit.Sign};
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<NearestStar> NearestPlateStar(const PlateStarList& stars, std::int32_t count,
+                                            const PixelPoint& pixel) {
+    return Nearest(HeldCount(stars, count), pixel, [&](std::size_t i) {
+        return std::optional(
+            PixelPoint{static_cast<double>(stars[i].X), static_cast<double>(stars[i].Y)});
+    });
+}
+
+std::optional<NearestStar> NearestCatalogStar(const SkyMap& map, const PlateStarList& stars,
+                                              std::int32_t count, const PixelPoint& pixel) {
+    return Nearest(HeldCount(stars, count), pixel, [&](std::size_t i) {
+        return map.PixelOf({stars[i].Ra, stars[i].Dec});
+    });
+}
+
+double SkyDistance(const SkyPosition& a, const SkyPosition& b) {
+    const double halfDec = std::sin((b.Dec - a.Dec) / 2);
+    const double halfRa = std::sin((b.Ra - a.Ra) / 2);
+    const double square = halfDec * halfDec + std::cos(a.Dec) * std::cos(b.Dec) * halfRa * halfRa;
+    return 2 * std::asin(std::sqrt(std::clamp(square, 0.0, 1.0)));
+}
+
+}  // namespace vestrel

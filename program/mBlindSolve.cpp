@@ -1,0 +1,122 @@
+#include "program/mBlindSolve.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <numeric>
+#include <vector>
+
+#include "astro/libMath.h"
+#include "program/mMORA.h"
+#include "program/mPlateMatch.h"
+#include "program/mStarExtraction.h"
+
+namespace vestrel {
+
+namespace {
+
+/// Places of three stars in the list, in rising order.
+using Triple = std::array<std::int32_t, 3>;
+
+/// The triples of the brightest stars, those of the brightest ones first.
+std::vector<Triple> BrightTriples(std::int32_t imageCount) {
+    constexpr std::int32_t brightStars = 6;
+    const std::int32_t n = std::min(brightStars, imageCount - 1);
+    std::vector<Triple> triples;
+    for (std::int32_t a = 1; a <= n; ++a) {
+        for (std::int32_t b = a + 1; b <= n; ++b) {
+            for (std::int32_t c = b + 1; c <= n; ++c) triples.push_back({a, b, c});
+        }
+    }
+    const auto sum = [](const Triple& t) { return std::accumulate(t.begin(), t.end(), 0); };
+    std::stable_sort(triples.begin(), triples.end(),
+                     [&sum](const Triple& a, const Triple& b) { return sum(a) < sum(b); });
+    return triples;
+}
+
+/// The list without the stars before the triple's last one that are not of the triple.
+PlateStarList ThinnedList(const PlateStarList& stars, std::int32_t count, const Triple& kept) {
+    PlateStarList thinned(1);
+    for (std::int32_t i = 1; i <= count; ++i) {
+        if (i > kept.back() || std::find(kept.begin(), kept.end(), i) != kept.end()) {
+            thinned.push_back(stars[static_cast<std::size_t>(i)]);
+        }
+    }
+    return thinned;
+}
+
+}  // namespace
+
+bool FindCentreByQuads(ProgramState& state, Port& port, double width, double height,
+                       double tolerance, const std::function<bool()>& confirm) {
+    const QuadJudge sure = [](const QuadSearch& search) { return IsSure(search); };
+    // The first triple leaves nothing out.
+    for (const Triple& triple : BrightTriples(state.PlateStarCount)) {
+        const PlateStarList stars = ThinnedList(state.PlateStars, state.PlateStarCount, triple);
+        if (SearchQuads(state, port, stars, static_cast<std::int32_t>(stars.size()) - 1, width,
+                        height, tolerance, sure) &&
+            (!confirm || confirm())) {
+            return true;
+        }
+        if (state.StopRequested) break;
+    }
+    state.QuadMatch.PairCount = 0;
+    return false;
+}
+
+namespace {
+
+/// Solves from the centre and with the field that the quads gave. A failure leaves the report of
+/// an earlier search as it was.
+bool MeasureFromQuads(ProgramState& state, Port& port, double tolerance) {
+    // The centre that few stars near a corner give may be off by a small part of the field.
+    constexpr std::int32_t regions = 9;
+    const SolveReport before = state.Report;
+    state.Report.RegionsTried = 0;
+    state.Report.CatalogAtStart = CatalogPresence::Present;
+    const double radiansPerPixel = 1 / state.QuadMatch.Geometry.Scale / ArcsecondsPerRadian;
+    SkyPosition centre = state.QuadMatch.Centre;
+    const std::int16_t code =
+        MatchPlateStars(state, port, centre.Ra, centre.Dec, state.Image.Width * radiansPerPixel,
+                        state.Image.Height * radiansPerPixel, regions, tolerance);
+    if (code == SolveCode::Solved) return true;
+    const StageTimes times = state.Report.Times;
+    state.Report = before;
+    state.Report.Times = times;
+    state.Report.UnmeasuredCentre = state.QuadMatch.Centre;
+    return false;
+}
+
+}  // namespace
+
+std::int16_t SolveBlind(ProgramState& state, Port& port, double& ra, double& dec, double plateWidth,
+                        double plateHeight, double matchTolerance, bool useStars) {
+    if (!useStars) BeginSolve(state);
+    state.Report.Blind = true;
+    state.QuadMatch = {};
+    const std::int16_t code = WithinMemory(state, port, [&] {
+        if (!useStars && !FindPlateStars(state, port)) return SolveCode::TooFewStars;
+        ShowStatus(state, port, "Searching Quads");
+        const bool solved =
+            LoadQuadTables(state, plateWidth, plateHeight) &&
+            FindCentreByQuads(state, port, plateWidth, plateHeight, matchTolerance,
+                              [&] { return MeasureFromQuads(state, port, matchTolerance); });
+        if (solved) {
+            // The report compares the field with the size that the user gave, not with that of
+            // the quads.
+            state.Report.SearchRadius = std::hypot(plateWidth, plateHeight) / 2;
+            ra = state.SolvedCentre.Ra;
+            dec = state.SolvedCentre.Dec;
+            return SolveCode::Solved;
+        }
+        const bool stopped = state.StopRequested;
+        ShowStatus(state, port, stopped ? "Search Terminated" : "No Match Found",
+                   StatusColour::Red);
+        return stopped ? SolveCode::Stopped : SolveCode::NoMatch;
+    });
+    state.Report.Times.Quads = state.QuadMatch.Seconds;
+    state.QuadMatch.Code = code;
+    return code;
+}
+
+}  // namespace vestrel

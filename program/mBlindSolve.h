@@ -1,0 +1,30 @@
+// A solve without a starting centre: quads find it, the star-list matcher measures.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "program/mGeneral.h"
+
+namespace vestrel {
+
+/// Searches the quad tables in memory with the plate stars until a match is sure (`QuadMatch`).
+///
+/// When the star list as it is finds nothing, it is searched again with some of its brightest stars
+/// left out: in a narrow field all quads share the three brightest, and one that the catalog lacks
+/// spoils them all.
+/// @param confirm asked about every sure match: false lets the search go on with the next list
+bool FindCentreByQuads(ProgramState& state, Port& port, double width, double height,
+                       double tolerance, const std::function<bool()>& confirm = {});
+
+/// Solves the loaded image from the size of its field alone.
+///
+/// Finds the centre by quads, and solves from there like `SolvePlate`: the result is that solve's,
+/// in every respect.
+/// @param ra, dec J2000 image centre (radians) on success
+/// @param useStars take the plate stars of a solve that has just failed
+/// @return a `SolveCode`; `Quads.Fault` tells when there are no tables
+std::int16_t SolveBlind(ProgramState& state, Port& port, double& ra, double& dec, double plateWidth,
+                        double plateHeight, double matchTolerance, bool useStars);
+
+}  // namespace vestrel

@@ -1,0 +1,64 @@
+// Unattended use: the parameter string, the codes of an outcome, and the result file.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "program/mGeneral.h"
+
+namespace vestrel {
+
+/// The message of a solve's code; empty for a code that is none.
+std::string ResultMessage(std::int16_t code);
+
+/// The numeric outcome of one solve and its message.
+struct SolveResult {
+    std::int16_t Code = 0;
+    std::string Message;
+};
+
+/// The five numbers of a parameter string and its image path.
+struct UnattendedRequest {
+    double Ra = 0;      ///< J2000 starting centre, radians
+    double Dec = 0;     ///< radians
+    double Width = 0;   ///< field of view, radians
+    double Height = 0;  ///< radians
+    std::int32_t RegionLimit = 0;
+    std::string Path;  ///< everything after the fifth comma, trimmed
+};
+
+/// Reads "RA,Dec,width,height,regions,path". Nothing when one of the first five fields is missing
+/// or not a number of its type.
+std::optional<UnattendedRequest> ParseParameterString(const std::string& text);
+
+/// The result file of an image: its path with everything from the last "." replaced by ".kel".
+std::filesystem::path ResultFilePath(const std::string& imagePath);
+
+/// The three lines of the result file, each ended by CR LF.
+std::string ResultFileText(const ProgramState& state, std::int16_t code);
+
+enum class UnattendedEnd {
+    InvalidParameters,  ///< the program ends at once
+    InvalidFileName,    ///< no result file
+    NoImage,            ///< code −10, no result file
+    Finished            ///< solved or not: `Code` tells
+};
+struct UnattendedOutcome {
+    UnattendedEnd End = UnattendedEnd::InvalidParameters;
+    SolveResult Result;  ///< of the solve, or code −10
+    bool ResultFileWritten = false;
+    UnattendedRequest Request;
+};
+
+/// Solves the image of a parameter string and writes the result file beside it. An older result
+/// file is removed first, so that a caller never reads a stale one.
+UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::string& parameters);
+
+/// Shows a solve's starting values: centre, plate size in arcminutes, region limit.
+/// @param times what stands between width and height, blanks included
+void ShowStartingValues(ProgramState& state, Port& port, const UnattendedRequest& request,
+                        const char* times);
+
+}  // namespace vestrel

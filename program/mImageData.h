@@ -1,0 +1,34 @@
+// Opening images: the choice of reader, and what is remembered and shown afterwards.
+#pragma once
+
+#include <string>
+
+#include "program/mGeneral.h"
+
+namespace vestrel {
+
+/// Loads an image file (UTF-8 path) into the program's one image, by its extension: FIT, FITS,
+/// FTS; SBIG, SBI; JPG and, as it has always been accepted, JEPG. Shows the reader's message when
+/// that fails.
+/// @return true on success; after a reader's failure no image is loaded
+bool OpenImage(ProgramState& state, Port& port, const std::string& path);
+
+/// Loads an image that the user has chosen in place of the one that is there. An image refused by
+/// its extension leaves that one as it was.
+bool OpenChosenImage(ProgramState& state, Port& port, const std::string& path);
+
+/// Asks the user for an image and loads it. Cancelling changes nothing.
+void OpenImageDialog(ProgramState& state, Port& port);
+
+/// Writes the image with its solution as a FITS file (UTF-8 path), whole or not at all. Shows the
+/// system's error when that fails.
+bool SaveImage(const ProgramState& state, Port& port, const std::string& path);
+
+/// Asks the user for a file name and saves the image there. Cancelling changes nothing.
+void SaveImageDialog(ProgramState& state, Port& port);
+
+/// A path shortened from its start for a label: leading folders go until it has under 51
+/// characters; empty when no folder is left to go.
+std::string ShortenedPath(const std::string& path);
+
+}  // namespace vestrel

@@ -1,0 +1,126 @@
+#include "program/mImageView.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "astro/libMath.h"
+#include "display/libReadout.h"
+
+namespace vestrel {
+
+namespace {
+
+/// Calls `use(star)` for stars 1..count that the list holds.
+template <typename Use>
+void ForStars(const PlateStarList& stars, std::int32_t count, Use use) {
+    const auto last = std::min(static_cast<std::size_t>(std::max(count, 0)) + 1, stars.size());
+    for (std::size_t k = 1; k < last; ++k) use(stars[k]);
+}
+
+std::string MagnitudeText(double magnitude) {
+    return std::isfinite(magnitude) ? FixedText(magnitude, 2) : std::string();
+}
+
+OverlayStar Extracted(const ProgramState& state, const PlateStar& star) {
+    OverlayStar shown{{star.X, star.Y}, {}};
+    if (state.ZeroPointValid && star.Flux > 0) {
+        shown.Magnitude =
+            MagnitudeText(-2.5 * std::log10(double{star.Flux}) - state.MagnitudeZeroPoint);
+    }
+    return shown;
+}
+
+bool OnImage(const PlateImage& image, const PixelPoint& place) {
+    return place.X >= -0.5 && place.Y >= -0.5 && place.X < image.Width - 0.5 &&
+           place.Y < image.Height - 0.5;
+}
+
+bool IsStar(std::int16_t index, std::int32_t count, const PlateStarList& stars) {
+    return index >= 1 && index <= count && static_cast<std::size_t>(index) < stars.size();
+}
+
+}  // namespace
+
+bool HasLevels(const PlateImage& image) {
+    return image.DisplayWhite > image.DisplayBlack;
+}
+
+void ChooseFirstLevels(ProgramState& state) {
+    if (!state.ImageLoaded || HasLevels(state.Image)) return;
+    SetLevels(state, FirstLevels(state.Image.Header, MakeImageHistogram(state.Image)));
+}
+
+void SetLevels(ProgramState& state, const CountLevels& levels) {
+    // White can then be one more.
+    constexpr std::int32_t farthest = 2000000000;
+    PlateImage& image = state.Image;
+    image.DisplayBlack = std::clamp(RoundToNearestInt32(levels.Black), -farthest, farthest);
+    image.DisplayWhite = std::max(
+        std::clamp(RoundToNearestInt32(levels.White), -farthest, farthest), image.DisplayBlack + 1);
+}
+
+GreyLookup LookupOf(const ProgramState& state, bool inverted) {
+    const PlateImage& image = state.Image;
+    return {{double(image.DisplayBlack), double(image.DisplayWhite)},
+            image.DataOffset,
+            state.DisplayTransfer,
+            inverted};
+}
+
+Overlays OverlaysOf(const ProgramState& state) {
+    Overlays overlays;
+    if (!state.ImageLoaded) return overlays;
+    ForStars(state.PlateStars, state.PlateStarCount,
+             [&](const PlateStar& star) { overlays.Extracted.push_back(Extracted(state, star)); });
+    overlays.Map = SkyMap::Of(state.Image.Header);
+    if (!overlays.Map) return overlays;
+    ForStars(state.CatalogStars, state.CatalogStarCount, [&](const PlateStar& star) {
+        const auto place = overlays.Map->PixelOf({star.Ra, star.Dec});
+        if (place && OnImage(state.Image, *place)) {
+            overlays.Catalog.push_back({*place, MagnitudeText(star.Flux)});
+        }
+    });
+    if (!state.Display.SolutionOverlays) return overlays;
+    for (const StarMatch& pair : state.Solution.Pairs) {
+        if (!pair.InUse || !IsStar(pair.Star1, state.CatalogStarCount, state.CatalogStars) ||
+            !IsStar(pair.Star2, state.PlateStarCount, state.PlateStars)) {
+            continue;
+        }
+        const PlateStar& catalog = state.CatalogStars[static_cast<std::size_t>(pair.Star1)];
+        const PlateStar& plate = state.PlateStars[static_cast<std::size_t>(pair.Star2)];
+        if (const auto place = overlays.Map->PixelOf({catalog.Ra, catalog.Dec})) {
+            overlays.Matched.push_back({{{plate.X, plate.Y}, MagnitudeText(catalog.Flux)}, *place});
+        }
+    }
+    return overlays;
+}
+
+SkyGrid GridOver(const ImageHeader& header, const PixelRectangle& visible) {
+    if (visible.Width <= 0 || visible.Height <= 0) return {};
+    // The grid of an image that is only the visible part.
+    const double left = std::floor(visible.Left);
+    const double first = std::floor(visible.First);
+    ImageHeader part;
+    part.PlateMatched = header.PlateMatched;
+    std::copy_n(&header.PlateTransform[0][0], 6, &part.PlateTransform[0][0]);
+    part.PlateScale = header.PlateScale;
+    part.RaRef = header.RaRef;
+    part.DecRef = header.DecRef;
+    part.PlateTransform[0][2] -= left;
+    part.PlateTransform[1][2] -= first;
+    const auto map = SkyMap::Of(part);
+    if (!map) return {};
+    SkyGrid grid = MakeSkyGrid(*map, static_cast<std::int32_t>(std::ceil(visible.Width)) + 1,
+                               static_cast<std::int32_t>(std::ceil(visible.Height)) + 1);
+    const auto moveBack = [&](PixelPoint& point) {
+        point.X += left;
+        point.Y += first;
+    };
+    for (GridLine& line : grid.Lines) {
+        moveBack(line.LabelPlace);
+        for (auto& piece : line.Pieces) std::for_each(piece.begin(), piece.end(), moveBack);
+    }
+    return grid;
+}
+
+}  // namespace vestrel

@@ -1,0 +1,47 @@
+// The second matcher: recognises four-star patterns of the image in precomputed tables, without a
+// starting centre.
+#pragma once
+
+#include <functional>
+
+#include "program/mGeneral.h"
+
+namespace vestrel {
+
+/// The file of quad tables that belongs to the catalog.
+std::filesystem::path QuadFilePath(const ProgramState& state);
+
+/// Whether there are quad tables, without reading more than their head.
+bool HaveQuadTables(const ProgramState& state);
+
+/// Reads the tables for a field of this size (radians) unless they are in memory already.
+/// @return false, `Quads.Fault` with the reason and the tables empty, when there are none
+bool LoadQuadTables(ProgramState& state, double width, double height);
+
+/// Matches the loaded image with the quad tables in memory and shows the outcome.
+///
+/// Each star of the image and the first three others in the list within 1.5° make a quad. Table
+/// quads of the same shape are tried in all 24 orderings; a plate that fits their four stars is
+/// extended by the catalog stars around, and one more pair decides.
+/// @param centreRA, centreDec J2000 image centre (radians) on success
+/// @param width, height field of view (radians)
+/// @param maxError      match tolerance, pixels
+void MatchByQuads(ProgramState& state, Port& port, double& centreRA, double& centreDec,
+                  double width, double height, double maxError);
+
+/// Whether a match can be relied on: chance does not give one like it, and the field is at most
+/// twice and at least half as large as it was said to be. (A plate of quite another scale may press
+/// many catalog stars onto one crowded spot of the image, where the odds are no measure.)
+bool IsSure(const QuadSearch& search);
+
+/// Looks at a match of five or more pairs (in `QuadMatch`): false lets the search go on.
+using QuadJudge = std::function<bool(const QuadSearch&)>;
+
+/// The search of `MatchByQuads` with any list of image stars, without showing its outcome. What it
+/// counts and says adds to what is in `QuadMatch`.
+/// @return whether a match was found and accepted
+bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStars,
+                 std::int32_t imageCount, double width, double height, double maxError,
+                 const QuadJudge& accept = {});
+
+}  // namespace vestrel

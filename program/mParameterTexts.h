@@ -1,0 +1,45 @@
+// The parameters dialog without its window: texts from the parameters and back, and its help.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <string>
+
+#include "program/mGeneral.h"
+
+namespace vestrel {
+
+/// One text box of the dialog.
+struct ParameterBox {
+    const char* Name;     ///< of the control
+    const char* Caption;  ///< with a mnemonic
+    const char* Unit;
+    const char* DefaultText;
+};
+inline constexpr std::array<ParameterBox, 7> ParameterBoxes{{
+    {"txtMaxStarSize", "Ma&x Star Size", "standard deviations", "6"},
+    {"txtMinStarSize", "Mi&n Star Size", "pixels", "3"},
+    {"txtThreshold", "Detection &Threshold", "standard deviations", "6"},
+    {"txtMaxGeoError", "Maximum &Geometric Error", "normalized", "0.025"},
+    {"txtEdgeExclude", "&Edge Exclusion", "normalized", "0.02"},
+    {"txtMaxStars", "Max &Stars", "number", "45"},
+    {"txtMaxError", "Maximum E&rror", "pixels", "2"},
+}};
+
+/// The texts of the boxes, in their order.
+using ParameterTexts = std::array<std::string, ParameterBoxes.size()>;
+
+ParameterTexts TextsOfParameters(const SolveParameters& parameters);
+ParameterTexts DefaultParameterTexts();
+
+/// Converts and stores the texts one after the other. The first that is not a number of its
+/// parameter's type ends this with a message; those before it stay stored.
+/// @return the place of that text; nothing when all are stored
+std::optional<std::size_t> StoreParameterTexts(ProgramState& state, Port& port,
+                                               const ParameterTexts& texts);
+
+/// The text of the help window: an introduction, then one line a parameter.
+std::string ParameterHelpText();
+
+}  // namespace vestrel

@@ -1,0 +1,38 @@
+// The relative photometry of clicked stars: two clicks make a row of the table.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "photometry/libRelativePhotometry.h"
+#include "program/mGeneral.h"
+#include "program/mStarStatistics.h"
+
+namespace vestrel {
+
+struct PhotometryTable {
+    std::optional<StarReport> First;  ///< the next star is compared with it
+    bool KeepsFirst = false;          ///< all following stars are compared with the same one
+    std::vector<PhotometryRow> Rows;
+};
+
+/// Measures the clicked star. It becomes the first of a pair, or makes a row with the first one; a
+/// place without a star changes nothing.
+/// @return the outcome in words, warnings included
+std::string TakePhotometryStar(const ProgramState& state, PhotometryTable& table,
+                               const PixelPoint& pixel);
+
+/// What the user is to do next.
+std::string PhotometryHint(const PhotometryTable& table);
+
+/// The table as the window shows it.
+inline constexpr std::array<const char*, 6> PhotometryColumns = {
+    "Image", "First (x, y)", "Second (x, y)", "Difference", "Magnitude", "Remarks"};
+std::array<std::string, PhotometryColumns.size()> PhotometryCells(const PhotometryRow& row);
+
+/// Asks for a file and writes the table as comma-separated values, whole or not at all.
+void ExportPhotometry(ProgramState& state, Port& port, const PhotometryTable& table);
+
+}  // namespace vestrel

@@ -1,0 +1,293 @@
+#include "program/mSolveReport.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "astro/libConversions.h"
+#include "astro/libMath.h"
+#include "astro/libStrings.h"
+#include "platform/libPlatform.h"
+#include "program/mMORA.h"
+#include "program/mPlateMatch.h"
+
+namespace vestrel {
+
+namespace {
+
+constexpr double exactDegreesPerRadian = 57.29577951308232;
+
+/// Lines of a label column and a value.
+class Table {
+ public:
+    void Line(const std::string& label, const std::string& value) {
+        constexpr std::size_t labelWidth = 18;
+        const std::size_t padding = label.size() < labelWidth ? labelWidth - label.size() : 1;
+        text_ += "  " + label + std::string(padding, ' ') + value + "\n";
+    }
+    std::string Take() { return std::move(text_); }
+
+ private:
+    std::string text_;
+};
+
+/// A number with just this many decimals.
+std::string Fixed(double value, int decimals) {
+    std::string text = PlainNumberText(RoundToDecimals(value, decimals));
+    if (decimals == 0) return text;
+    std::size_t point = text.find('.');
+    if (point == std::string::npos) {
+        point = text.size();
+        text += '.';
+    }
+    const std::size_t present = text.size() - point - 1;
+    if (present < static_cast<std::size_t>(decimals)) {
+        text.append(static_cast<std::size_t>(decimals) - present, '0');
+    }
+    return text;
+}
+
+std::string Position(SkyPosition position) {
+    const std::string sign = position.Dec < 0 ? "" : "+";
+    return FormatRA(position.Ra, true, 2) + "  " + sign + FormatDec(position.Dec, true, 1) +
+           "   (" + Fixed(position.Ra * exactDegreesPerRadian, 6) + DegreeSign + ", " + sign +
+           Fixed(position.Dec * exactDegreesPerRadian, 6) + DegreeSign + ")";
+}
+
+std::string Count(std::int64_t n, const char* one, const char* many) {
+    return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+/// What a failed search had to start from.
+void AddImage(Table& table, const ProgramState& state) {
+    table.Line("Image", std::to_string(state.Image.Width) + " x " +
+                            std::to_string(state.Image.Height) + " pixels");
+    table.Line("Stars found", std::to_string(state.Extraction.StarsFound) +
+                                  (state.Report.Smoothed ? " (after smoothing)" : "") +
+                                  ", sky noise " + Fixed(state.Extraction.BackgroundSigma, 1) +
+                                  " counts");
+}
+
+/// How far a quad search came, or why it had nothing to search.
+void AddQuads(Table& table, const ProgramState& state) {
+    const QuadSearch& search = state.QuadMatch;
+    const std::string& fault = state.Quads.Fault;
+    table.Line("Quads", fault.empty()
+                            ? std::to_string(search.Searched) + " looked up, " +
+                                  std::to_string(search.Candidates) + " of the same shape, " +
+                                  std::to_string(search.FourStarFits) + " tried as plates"
+                            : fault);
+    if (state.Report.UnmeasuredCentre) {
+        table.Line("Quads agree at", Position(*state.Report.UnmeasuredCentre) +
+                                         ", where the star lists give no solution");
+    }
+}
+
+std::string TryLine(const std::string& advice) {
+    return "  Try: " + advice + "\n";
+}
+
+}  // namespace
+
+ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& image) {
+    const bool firstRowAtTop = FirstRowAtTop(image);
+    const double upward = firstRowAtTop ? -1 : 1;
+    const double centreX = (image.Width - 1) / 2.0;
+    const double centreY = (image.Height - 1) / 2.0;
+    double xi0 = 0;
+    double eta0 = 0;
+    double xi1 = 0;
+    double eta1 = 0;
+    InvertPlateFit(solution.Transform, centreX, centreY, xi0, eta0);
+    InvertPlateFit(solution.Transform, centreX, centreY + upward, xi1, eta1);
+
+    // North of the image centre, not of the tangent point: the two differ by the turn of the
+    // meridians between them, which near a pole can be anything. Vectors are (east, north,
+    // outward) at the tangent point.
+    const double east = -xi0 / SolveArcsecondsPerRadian;
+    const double north = eta0 / SolveArcsecondsPerRadian;
+    const double outward = std::sqrt(std::max(0.0, 1 - east * east - north * north));
+    const double upEast = -(xi1 - xi0);
+    const double upNorth = eta1 - eta0;
+    const double upOutward = outward > 0 ? -(east * upEast + north * upNorth) / outward : 0;
+    const double poleNorth = std::cos(solution.TangentDec);
+    const double poleOutward = std::sin(solution.TangentDec);
+    const double alongNorth = poleNorth * upNorth + poleOutward * upOutward;
+    const double alongEast = (poleNorth * outward - poleOutward * north) * upEast +
+                             poleOutward * east * upNorth - poleNorth * east * upOutward;
+    double angle = std::atan2(alongEast, alongNorth) * exactDegreesPerRadian;
+    if (angle < 0) angle += 360;
+    // xi grows west: with rows counted downward the ordinary sky has a negative stretch.
+    return {angle, firstRowAtTop ? solution.Stretch > 0 : solution.Stretch < 0};
+}
+
+std::string ConfidenceText(const MatchConfidence& confidence) {
+    constexpr double likely = -3;
+    const double log = confidence.Log10FalseAlarm;
+    return std::to_string(confidence.Matched) + " of " +
+           Count(confidence.Candidates, "catalog star", "catalog stars") +
+           " in the frame matched, " + Fixed(confidence.ExpectedByChance, 1) +
+           " expected by chance; false alarm " +
+           (log > likely ? RoundedText(std::pow(10, log), 3)
+                         : "below 1e" + std::to_string(static_cast<int>(std::ceil(log))));
+}
+
+std::string SolutionText(const ProgramState& state) {
+    const PlateSolution& solution = state.Solution;
+    const ImageOrientation orientation = OrientationOf(solution, state.Image);
+    Table table;
+    table.Line("Centre (J2000)", Position({solution.CentreRA, solution.CentreDec}));
+    table.Line("Field", state.Display.PlateSize);
+    table.Line("Scale", Fixed(state.Geometry.ScaleArcseconds, 4) + "\"/px");
+    table.Line("Rotation", Fixed(state.Geometry.AngleDegrees, 2) + DegreeSign + "   (up is " +
+                               Fixed(orientation.UpPositionAngle, 2) + DegreeSign +
+                               " east of north)");
+    table.Line("Mirrored", orientation.Mirrored ? "yes (with north up, east is right)"
+                                                : "no (with north up, east is left)");
+    table.Line("Stretch, skew",
+               Fixed(std::fabs(solution.Stretch), 5) + ", " + Fixed(solution.Skew, 5));
+    table.Line("Stars", std::to_string(solution.ExtractedCount) + " extracted, " +
+                            std::to_string(solution.CatalogCount) + " in catalog, " +
+                            std::to_string(solution.MatchedCount) + " matched");
+    table.Line("RMS", state.Display.RmsDifference + " (" + Fixed(solution.Rms, 3) + " px)");
+    if (state.Report.Blind) {
+        const QuadSearch& quads = state.QuadMatch;
+        table.Line("Found by quads", std::to_string(quads.Searched) + " looked up, " +
+                                         std::to_string(quads.FourStarFits) + " tried as plates");
+    }
+    table.Line("Regions searched", std::to_string(solution.RegionsSearched));
+    if (solution.Confidence.Candidates > 0) {
+        table.Line("Certainty", ConfidenceText(solution.Confidence));
+    }
+    for (const std::string& caution : Cautions(state)) table.Line("Doubtful", caution);
+    return table.Take();
+}
+
+std::string QuadMatchText(const ProgramState& state) {
+    const QuadSearch& search = state.QuadMatch;
+    Table table;
+    table.Line("Centre (J2000)", Position(search.Centre));
+    table.Line("Field", state.Display.PlateSize);
+    table.Line("Scale", Fixed(state.Geometry.ScaleArcseconds, 4) + "\"/px");
+    table.Line("Pairs", std::to_string(search.PairCount) + ", fit error " +
+                            Fixed(search.FitError, 3) + " px");
+    AddQuads(table, state);
+    table.Line("Certainty", ConfidenceText(search.Confidence));
+    if (IsSure(search)) {
+        return table.Take() + TryLine("Plate Match, which measures the image from this centre");
+    }
+    table.Line("Doubtful",
+               (IsSure(search.Confidence)
+                    ? "the field is " + Fixed(search.FieldRatio, 2) + " times the size given"
+                    : Count(search.PairCount, "pair", "pairs") + " can be chance") +
+                   ": the approximate centre stays as it was");
+    return table.Take() + TryLine("Plate Match, from this centre or another that is known");
+}
+
+std::vector<std::string> Cautions(const ProgramState& state) {
+    std::vector<std::string> cautions;
+    const PlateSolution& solution = state.Solution;
+    if (solution.Rms > state.Parameters.MaxError) {
+        cautions.push_back("the fit is poor: RMS " + Fixed(solution.Rms, 1) + " px from " +
+                           std::to_string(solution.MatchedCount) + " stars");
+    }
+    const double found = std::hypot(solution.WidthArcmin, solution.HeightArcmin);
+    const double expected = 2 * state.Report.SearchRadius * exactDegreesPerRadian * 60;
+    const double ratio = found / expected;
+    constexpr double tolerated = 1.25;
+    if (!(ratio < tolerated && ratio > 1 / tolerated)) {
+        cautions.push_back("the field is " + Fixed(ratio, 2) + " times the size given");
+    }
+    if (solution.Confidence.Candidates > 0 && !IsSure(solution.Confidence)) {
+        cautions.emplace_back("so few stars can match by chance");
+    }
+    return cautions;
+}
+
+std::string CatalogComplaint(const ProgramState& state) {
+    const std::string folder = TextFromPath(state.Catalog.Folder);
+    switch (state.Report.CatalogAtStart) {
+        case CatalogPresence::FolderMissing:
+            return "the catalog folder " + folder + " does not exist";
+        case CatalogPresence::NoCells:
+            return "the catalog folder " + folder + " holds no stars";
+        case CatalogPresence::NothingHere:
+            return "the catalog in " + folder + " has no stars in this part of the sky";
+        case CatalogPresence::Present:
+            break;
+    }
+    return {};
+}
+
+std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
+                                const InputWords& words) {
+    std::vector<std::string> advice;
+    if (code == SolveCode::TooFewStars) {
+        advice.push_back(std::string("lower ") + words.Threshold + ", or " + words.MinStarSize +
+                         " for sharp stars");
+        advice.emplace_back("check that the picture shows stars: exposure, focus, clouds, cap");
+        return advice;
+    }
+    if (code != SolveCode::NoMatch) return advice;
+    const SolveReport& report = state.Report;
+    if (report.Blind && report.RegionsTried == 0) {
+        if (state.Quads.Fault.empty() || state.Quads.OtherSizes) {
+            advice.push_back(std::string("check the size of the field (") + words.FieldSize +
+                             "): it decides which quads are compared");
+        }
+        advice.emplace_back(words.SearchFromCentre);
+        return advice;
+    }
+    if (report.CatalogAtStart == CatalogPresence::FolderMissing ||
+        report.CatalogAtStart == CatalogPresence::NoCells) {
+        advice.push_back(
+            std::string("make a catalog with vestrel-catalog build, or name its folder with ") +
+            words.CatalogFolder);
+        return advice;
+    }
+    constexpr std::int32_t fewestUseful = 10;
+    if (report.CatalogStarsAtStart < fewestUseful) {
+        advice.emplace_back(
+            "the catalog has few stars here: build a deeper one, or check the size of the field");
+    }
+    advice.push_back(std::string("check the size of the field (") + words.FieldSize +
+                     "): it decides which stars are compared");
+    advice.push_back(std::string("check the centre (") + words.Ra +
+                     " in hours when sexagesimal, in degrees when plain)");
+    advice.push_back(std::string("search farther with a larger ") + words.Regions);
+    return advice;
+}
+
+std::string FailureText(const ProgramState& state, std::int16_t code, const InputWords& words) {
+    const SolveReport& report = state.Report;
+    Table table;
+    AddImage(table, state);
+    if (report.Blind && code != SolveCode::TooFewStars) AddQuads(table, state);
+    if (report.RegionsTried > 0 && (code == SolveCode::NoMatch || code == SolveCode::Stopped)) {
+        const std::string complaint = CatalogComplaint(state);
+        table.Line("Catalog", complaint.empty()
+                                  ? std::to_string(report.CatalogStarsAtStart) +
+                                        " stars in the first region, down to magnitude " +
+                                        Fixed(report.MagnitudeLimit, 1)
+                                  : complaint);
+        table.Line("Regions tried", std::to_string(report.RegionsTried));
+        table.Line("Best attempt", Count(report.BestAttempt.Selected, "pair", "pairs") +
+                                       " by votes, " + std::to_string(report.BestAttempt.Kept) +
+                                       " left by the fit, about " +
+                                       Position(report.BestAttemptCentre));
+    }
+    std::string text = table.Take();
+    for (const std::string& line : Advice(state, code, words)) text += TryLine(line);
+    return text;
+}
+
+std::vector<std::pair<std::string, double>> StageTable(const StageTimes& times) {
+    std::vector<std::pair<std::string, double>> table = {{"reading", times.Reading},
+                                                         {"background", times.Background},
+                                                         {"extraction", times.Extraction},
+                                                         {"catalog", times.Catalog},
+                                                         {"matching", times.Matching}};
+    if (times.Quads > 0) table.emplace_back("quads", times.Quads);
+    return table;
+}
+
+}  // namespace vestrel

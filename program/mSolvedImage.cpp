@@ -1,0 +1,93 @@
+#include "program/mSolvedImage.h"
+
+#include <cmath>
+#include <exception>
+
+#include "image/libFitsCards.h"
+#include "image/libFitsExport.h"
+#include "image/libWorldCoordinates.h"
+#include "platform/libFiles.h"
+#include "platform/libPlatform.h"
+#include "program/mSolveReport.h"
+
+namespace vestrel {
+
+namespace {
+
+/// Whether the solution of this run is the one that the header holds: an image that was saved
+/// solved brings its own, of whose quality nothing is known any more.
+bool IsSolutionOfHeader(const PlateSolution& solution, const ImageHeader& header) {
+    const PlateConstants& t = solution.Transform;
+    const auto& map = header.PlateTransform;
+    return header.PlateMatched && solution.TangentRA == header.RaRef &&
+           solution.TangentDec == header.DecRef && t.a == map[0][0] && t.b == map[0][1] &&
+           t.c == map[0][2] && t.d == map[1][0] && t.e == map[1][1] && t.f == map[1][2];
+}
+
+/// How good the solution is, as header cards.
+std::vector<std::string> QualityCards(const ProgramState& state) {
+    const PlateSolution& solution = state.Solution;
+    if (!IsSolutionOfHeader(solution, state.Image.Header)) return {};
+    const ImageOrientation orientation = OrientationOf(solution, state.Image);
+    std::vector<std::string> cards = {
+        FitsNumberCard("NH_SCALE", 1 / solution.Scale, "[arcsec] per pixel"),
+        FitsNumberCard("NH_UP", orientation.UpPositionAngle, "[deg] up, east of north, at centre"),
+        FitsFlagCard("NH_MIRR", orientation.Mirrored, "with north up, east is right"),
+        FitsNumberCard("NH_STRET", std::fabs(solution.Stretch), "stretch: 1 for square pixels"),
+        FitsNumberCard("NH_SKEW", solution.Skew, "skew: 0 for upright pixels"),
+        FitsNumberCard("NH_NSTAR", solution.ExtractedCount, "stars extracted"),
+        FitsNumberCard("NH_NCAT", solution.CatalogCount, "stars in the catalog"),
+        FitsNumberCard("NH_NMAT", solution.MatchedCount, "stars matched"),
+        FitsNumberCard("NH_RMS", solution.Rms / solution.Scale, "[arcsec] RMS of matched stars"),
+        FitsNumberCard("NH_RMSPX", solution.Rms, "[pixel] RMS of matched stars"),
+        FitsNumberCard("NH_NREG", solution.RegionsSearched, "regions searched")};
+    for (const std::string& caution : Cautions(state)) {
+        for (std::string& card : FitsCommentCards("Doubtful: " + caution)) {
+            cards.push_back(std::move(card));
+        }
+    }
+    return cards;
+}
+
+}  // namespace
+
+std::string WorldCoordinatePath(const std::string& imagePath) {
+    return TextFromPath(PathFromText(imagePath).replace_extension(".wcs"));
+}
+
+bool WriteWorldCoordinates(const ProgramState& state, Port& port) {
+    const auto coordinates = WorldCoordinatesOf(state.Image);
+    if (!state.ImageLoaded || !coordinates) {
+        port.ShowMessage("The image has no solution.", DefaultTitle);
+        return false;
+    }
+    std::vector<std::string> cards = {FitsFlagCard("SIMPLE", true, "standard FITS"),
+                                      FitsNumberCard("BITPIX", 8), FitsNumberCard("NAXIS", 0)};
+    const auto append = [&cards](const std::vector<std::string>& more) {
+        cards.insert(cards.end(), more.begin(), more.end());
+    };
+    append(WorldCoordinateCards(*coordinates));
+    append({FitsNumberCard("IMAGEW", state.Image.Width, "columns of the image"),
+            FitsNumberCard("IMAGEH", state.Image.Height, "rows of the image")});
+    append(QualityCards(state));
+    const std::string path = WorldCoordinatePath(state.Image.FileName);
+    if (ReplaceFile(PathFromText(path), FitsHeaderBlocks(cards))) return true;
+    port.ShowMessage("The file " + path + " cannot be written.", DefaultTitle);
+    return false;
+}
+
+bool ExportImage(const ProgramState& state, Port& port, const std::string& path) {
+    try {
+        if (!state.ImageLoaded) throw std::runtime_error("There is no image to export.");
+        const std::vector<unsigned char> bytes = FitsExportBytes(state.Image, QualityCards(state));
+        if (ReplaceFile(PathFromText(path), bytes)) return true;
+        port.ShowMessage("The file " + path + " cannot be written.", DefaultTitle);
+    } catch (const std::bad_alloc&) {
+        port.ShowMessage("There is not enough memory for this image.", DefaultTitle);
+    } catch (const std::exception& error) {
+        port.ShowMessage(error.what(), DefaultTitle);
+    }
+    return false;
+}
+
+}  // namespace vestrel

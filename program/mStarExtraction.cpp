@@ -1,0 +1,67 @@
+#include "program/mStarExtraction.h"
+
+#include "extraction/libBackground.h"
+#include "extraction/libFilter.h"
+
+namespace vestrel {
+
+namespace {
+
+/// Only the text: colour and visibility stay as the solve has set them.
+void ShowCaption(ProgramState& state, Port& port, const char* caption) {
+    state.Display.Status.Text = caption;
+    port.DisplayChanged();
+}
+
+}  // namespace
+
+Progress ShownProgress(Port& port) {
+    return [&port](int done, int total) {
+        port.ShowProgress(total > 0 ? static_cast<int>(std::int64_t{done} * 100 / total) : 0);
+        port.Yield();
+    };
+}
+
+void ShowStatus(ProgramState& state, Port& port, const std::string& text, StatusColour colour) {
+    state.Display.Status.Text = text;
+    state.Display.Status.Colour = colour;
+    port.DisplayChanged();
+}
+
+void SubtractBackground(ProgramState& state, Port& port, std::int16_t halfSize, double percentile) {
+    if (state.BackgroundRemoved) return;
+    PlateImage& image = state.Image;
+    const Progress progress = ShownProgress(port);
+    ShowCaption(state, port, "Estimating Background");
+    const BackgroundBlocks background = EstimateBackgroundBlocks(
+        image.Pixels, image.DataOffset, image.Width, image.Height, halfSize, percentile, progress);
+    port.ShowProgress(0);
+    ShowCaption(state, port, "Subtracting Background");
+    SubtractBackgroundBlocks(image.Pixels, image.DataOffset, image.Width, image.Height, background,
+                             progress);
+    port.ShowProgress(0);
+    state.BackgroundRemoved = true;
+    // Other counts need other levels.
+    image.DisplayBlack = image.DisplayWhite = 0;
+}
+
+void GaussianFilter(ProgramState& state, Port& port) {
+    ShowCaption(state, port, "Gaussian Filter");
+    GaussianFilter(state.Image.Pixels, state.Image.Width, state.Image.Height, ShownProgress(port));
+    port.ShowProgress(0);
+    port.Yield();
+}
+
+void ExtractStars(ProgramState& state, Port& port, PlateStarList& stars, std::int32_t& count) {
+    ShowCaption(state, port, "Extracting Stars");
+    port.ShowBusyPointer(true);
+    const SolveParameters& parameters = state.Parameters;
+    const DetectionSettings settings{parameters.DetectionThreshold, parameters.EdgeExclusion,
+                                     parameters.MinStarSize, parameters.MaxStarSize};
+    ExtractStars(state.Image, settings, stars, count, state.Extraction, ShownProgress(port));
+    port.ShowProgress(0);
+    port.Yield();
+    port.ShowBusyPointer(false);
+}
+
+}  // namespace vestrel

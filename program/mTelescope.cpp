@@ -1,0 +1,156 @@
+#include "program/mTelescope.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <optional>
+#include <utility>
+
+#include "astro/libConversions.h"
+#include "astro/libMath.h"
+#include "astro/libStrings.h"
+#include "astro/libTime.h"
+#include "program/mSolveWindow.h"
+#include "program/mStarExtraction.h"
+
+namespace vestrel {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+const std::string errorTitle = std::string(ProgramTitle) + " Error";
+
+/// Shows what goes on with the telescope; the text may come from its driver.
+void Tell(ProgramState& state, Port& port, const std::string& text, StatusColour colour) {
+    state.Display.Status1 = {"", StatusColour::Black, false};  // it belongs to the solve
+    ShowStatus(state, port, WithoutControls("Telescope: " + text), colour);
+}
+
+/// Asks the driver, with the window alive meanwhile.
+double Ask(ProgramState& state, Port& port, milliseconds limit, TelescopeLink::Call call) {
+    return state.Telescope->Run(std::move(call), limit, [&] {
+        port.Yield();
+        return !state.StopRequested;
+    });
+}
+
+void Connect(ProgramState& state, Port& port) {
+    if (state.TelescopeConnected) return;
+    Tell(state, port, "connecting...", StatusColour::Black);
+    state.Telescope = std::make_unique<TelescopeLink>(state.CreateTelescope);
+    Ask(state, port, state.TelescopePatience.Connect, [](TelescopeDriver& driver) {
+        driver.SetConnected(true);
+        return 0.0;
+    });
+    state.TelescopeConnected = true;
+}
+
+/// Runs a command over a connected telescope. What fails ends here; the connection only with it
+/// when it is lost.
+template <typename Work>
+void WithTelescope(ProgramState& state, Port& port, Work work) {
+    const Operation operation(state, port, Activity::Telescope);
+    if (!operation) return;
+    state.StopRequested = false;
+    state.Display.BusyIndicator = true;
+    try {
+        Connect(state, port);
+        work();
+    } catch (const TelescopeError& error) {
+        const bool wasConnected = state.TelescopeConnected;
+        if (!wasConnected || error.IsLost()) {
+            state.TelescopeConnected = false;
+            state.Telescope.reset();
+        }
+        state.Display.BusyIndicator = false;
+        Tell(state, port, error.what(), StatusColour::Red);
+        if (!wasConnected && !state.StopRequested) {
+            port.ShowMessage("Can't connect to SiTech", errorTitle);
+        }
+    }
+}
+
+/// A position from a driver, of which anything may come. Its rounding is no fault: a second of arc
+/// beyond the ends of the circles is at the ends.
+std::optional<SkyPosition> PositionFrom(double hours, double degrees) {
+    constexpr double slack = 1.0 / 3600;
+    const auto within = [](double value, double low, double high) {
+        return value >= low && value <= high;  // not so for a NaN
+    };
+    if (!within(hours, -slack / 15, 24 + slack / 15) || !within(std::abs(degrees), 0, 90 + slack)) {
+        return std::nullopt;
+    }
+    return SkyPosition{std::fmod(hours + 24, 24) * Pi / 12,
+                       std::clamp(degrees, -90.0, 90.0) * Pi / 180};
+}
+
+/// The time of the day after so many seconds: "07:05:09".
+std::string DayTimeText(double seconds) {
+    constexpr double rounding = 1e-3;  // a Julian date holds 0.04 ms
+    const int whole = static_cast<int>(std::fmod(std::floor(seconds + rounding), 86400));
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "%02d:%02d:%02d", whole / 3600, whole / 60 % 60,
+                  whole % 60);
+    return text.data();
+}
+
+}  // namespace
+
+void UpdateClock(ProgramState& state) {
+    const LocalTime time = LocalTimeAt(std::chrono::system_clock::now());
+    state.JulianDate = JulianDate(time);
+    // Digits of a constant number, so that the text stands still.
+    const auto fraction = static_cast<int>(std::fmod(state.JulianDate, 1) * 100000);
+    const double sidereal = LocalSiderealTime(state.JulianDate, ObserverLongitude(time));
+    // A Julian date counts from noon.
+    state.Display.Clock = "UT " + DayTimeText((state.JulianDate + 0.5) * 86400) + "   JD " +
+                          NumberText(std::floor(state.JulianDate)) + "." +
+                          std::to_string(100000 + fraction).substr(1) + "   LST " +
+                          DayTimeText(sidereal * 3600);
+}
+
+bool LoadTelescopeCommand(ProgramState& state, Port& port) {
+    bool loaded = false;
+    WithTelescope(state, port, [&] {
+        const milliseconds limit = state.TelescopePatience.Call;
+        const double hours = Ask(state, port, limit,
+                                 [](TelescopeDriver& driver) { return driver.RightAscension(); });
+        const double degrees =
+            Ask(state, port, limit, [](TelescopeDriver& driver) { return driver.Declination(); });
+        const std::optional<SkyPosition> ofDate = PositionFrom(hours, degrees);
+        if (!ofDate) {
+            Tell(state, port,
+                 "no valid position: " + NumberText(hours) + " hours, " + NumberText(degrees) +
+                     " degrees",
+                 StatusColour::Red);
+            return;
+        }
+        UpdateClock(state);
+        const SkyPosition position = Precess(*ofDate, state.JulianDate, J2000);
+        state.Inputs.Ra = FormatRA(position.Ra, false, 2);
+        state.Inputs.Dec = FormatDec(position.Dec, false, 1);
+        loaded = true;
+        Tell(state, port, "position loaded", StatusColour::Green);
+    });
+    return loaded;
+}
+
+void SyncTelescopeCommand(ProgramState& state, Port& port) {
+    if (!state.Display.SyncEnabled) return;
+    WithTelescope(state, port, [&] {
+        UpdateClock(state);
+        const SkyPosition position = Precess(state.SolvedCentre, J2000, state.JulianDate);
+        Ask(state, port, state.TelescopePatience.Call,
+            [hours = position.Ra * 12 / Pi,
+             degrees = position.Dec * 180 / Pi](TelescopeDriver& driver) {
+                driver.SyncToCoordinates(hours, degrees);
+                return 0.0;
+            });
+        Tell(state, port, "synced to the image center", StatusColour::Green);
+    });
+}
+
+}  // namespace vestrel

@@ -1,0 +1,388 @@
+// Telescopes behind an INDI server (https://indilib.org).
+
+#include <arpa/inet.h>
+#include <libindi/baseclient.h>
+#include <libindi/basedevice.h>
+#include <libindi/indipropertynumber.h>
+#include <libindi/indipropertyswitch.h>
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "telescope/libTelescopeDriver.h"
+
+namespace vestrel {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr const char* connection = "CONNECTION";
+constexpr const char* connectElement = "CONNECT";
+constexpr const char* coordinates = "EQUATORIAL_EOD_COORD";  // of the current date
+constexpr const char* coordinateUse = "ON_COORD_SET";
+constexpr const char* syncElement = "SYNC";
+// Mounts may take their time to connect, but servers answer at once.
+constexpr milliseconds serverLimit{2500};
+constexpr milliseconds deviceLimit{2500};
+constexpr const char* serverGone = "the INDI server has gone";
+
+struct Address {
+    std::string Host;
+    unsigned Port = 7624;
+    std::string Device;
+};
+
+/// "Telescope%20Simulator" as "Telescope Simulator".
+std::optional<std::string> PercentDecoded(std::string_view text) {
+    std::string decoded;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%') {
+            decoded += text[i];
+            continue;
+        }
+        unsigned code = 0;
+        const std::string_view digits = text.substr(i + 1, 2);
+        const auto end = digits.data() + digits.size();
+        if (digits.size() != 2 || std::from_chars(digits.data(), end, code, 16).ptr != end ||
+            code < 32) {
+            return std::nullopt;
+        }
+        decoded += static_cast<char>(code);
+        i += 2;
+    }
+    return decoded;
+}
+
+std::optional<Address> ParseAddress(std::string_view text) {
+    constexpr std::string_view scheme = "indi://";
+    if (!text.starts_with(scheme)) return std::nullopt;
+    text.remove_prefix(scheme.size());
+    const std::size_t slash = text.find('/');
+    if (slash == std::string_view::npos) return std::nullopt;
+    std::string_view host = text.substr(0, slash);
+    Address address;
+    if (const std::size_t colon = host.find(':'); colon != std::string_view::npos) {
+        const std::string_view port = host.substr(colon + 1);
+        const auto end = port.data() + port.size();
+        if (std::from_chars(port.data(), end, address.Port).ptr != end || port.empty() ||
+            address.Port < 1 || address.Port > 65535) {
+            return std::nullopt;
+        }
+        host = host.substr(0, colon);
+    }
+    const auto device = PercentDecoded(text.substr(slash + 1));
+    if (host.empty() || !device || device->empty()) return std::nullopt;
+    address.Host = host;
+    address.Device = *device;
+    return address;
+}
+
+/// The numeric address of a host; empty when it has none. The client library would look for it on a
+/// thread of its own, and ends the program when it gives up before that thread does.
+std::string Resolved(const std::string& host) {
+    addrinfo wanted{};
+    wanted.ai_family = AF_INET;  // the library knows no other
+    wanted.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(host.c_str(), nullptr, &wanted, &found) != 0) return {};
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
+    std::array<char, INET_ADDRSTRLEN> text{};
+    const auto* address = reinterpret_cast<const sockaddr_in*>(found->ai_addr);
+    if (inet_ntop(AF_INET, &address->sin_addr, text.data(), text.size()) == nullptr) return {};
+    return text.data();
+}
+
+/// What is known of a property. Copied out of the client's own record, which its thread changes.
+struct Property {
+    IPState State = IPS_IDLE;
+    std::map<std::string, double, std::less<>> Values;  ///< of a switch 1 when on
+    bool Updated = false;                               ///< told since it was defined
+    // Since it was listened to:
+    bool Heard = false;
+    bool Agreed = false;
+    bool Alerted = false;
+};
+
+/// Listens to the server on a thread of the client library, for one device.
+class Client : public INDI::BaseClient {
+ public:
+    explicit Client(std::string device) : device_(std::move(device)) {}
+    ~Client() override {
+        if (started_ && isServerConnected()) disconnectServer();  // waits for the library's thread
+    }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    bool Start(const std::string& numericHost, unsigned port, milliseconds limit) {
+        setServer(numericHost.c_str(), port);
+        const auto microseconds = std::chrono::microseconds(limit).count();
+        setConnectionTimeout(static_cast<std::uint32_t>(microseconds / 1000000),
+                             static_cast<std::uint32_t>(microseconds % 1000000));
+        watchDevice(device_.c_str());
+        started_ = connectServer();
+        return started_;
+    }
+
+    /// Waits until a condition on what is known holds; throws when it does not in time.
+    template <typename Condition>
+    void WaitUntil(steady_clock::time_point end, const char* what, Condition condition,
+                   TelescopeError::Kind otherwise = TelescopeError::Kind::Refused) {
+        std::unique_lock lock(lock_);
+        changed_.wait_until(lock, end, [&] { return gone_ || condition(); });
+        if (gone_) throw TelescopeError(serverGone, TelescopeError::Kind::Lost);
+        if (!condition()) throw TelescopeError(what + Said(), otherwise);
+    }
+    /// What is known of a property, if it exists; only for use within a condition.
+    Property* Known(const char* name) {
+        const auto found = known_.find(name);
+        return found == known_.end() ? nullptr : &found->second;
+    }
+    /// A copy of what is known of a property.
+    Property Copy(const char* name) {
+        const std::lock_guard lock(lock_);
+        if (gone_) throw TelescopeError(serverGone, TelescopeError::Kind::Lost);
+        const Property* property = Known(name);
+        if (property == nullptr) throw TelescopeError("the mount has no " + std::string(name));
+        return *property;
+    }
+    /// From now on what is heard of a property is about what is asked next.
+    void Listen(const char* name) {
+        const std::lock_guard lock(lock_);
+        // The library is not to write to a server that has gone: its threads race for its error.
+        if (gone_) throw TelescopeError(serverGone, TelescopeError::Kind::Lost);
+        Property* property = Known(name);
+        if (property == nullptr) throw TelescopeError("the mount has no " + std::string(name));
+        property->Heard = property->Agreed = property->Alerted = false;
+    }
+    void ForgetMessage() {
+        const std::lock_guard lock(lock_);
+        message_.clear();
+    }
+    /// The device's last message, to be put behind a complaint.
+    std::string Complaint() {
+        const std::lock_guard lock(lock_);
+        return Said();
+    }
+
+    /// Properties of our own are sent: those of the library change while they are filled in.
+    void SendSwitch(const char* name, const std::string& element) {
+        INDI::PropertySwitch property(1);
+        property.fill(device_.c_str(), name, "", "", IP_RW, ISR_1OFMANY, 0, IPS_IDLE);
+        property[0].fill(element, "", ISS_ON);
+        sendNewSwitch(property);
+    }
+    void SendCoordinates(double hours, double degrees) {
+        INDI::PropertyNumber property(2);
+        property.fill(device_.c_str(), coordinates, "", "", IP_RW, 0, IPS_IDLE);
+        property[0].fill("RA", "", "%g", 0, 24, 0, hours);
+        property[1].fill("DEC", "", "%g", -90, 90, 0, degrees);
+        sendNewNumber(property);
+    }
+
+ protected:
+    void newProperty(INDI::Property property) override { Note(property, false); }
+    void updateProperty(INDI::Property property) override { Note(property, true); }
+    void removeProperty(INDI::Property property) override {
+        const std::lock_guard lock(lock_);
+        known_.erase(property.getName());
+        changed_.notify_all();
+    }
+    void newMessage(INDI::BaseDevice device, int index) override {
+        const std::lock_guard lock(lock_);
+        message_ = device.messageQueue(static_cast<std::size_t>(index));
+        message_.erase(message_.find_last_not_of(' ') + 1);
+    }
+    void serverDisconnected(int) override {
+        const std::lock_guard lock(lock_);
+        gone_ = true;
+        changed_.notify_all();
+    }
+
+ private:
+    std::string Said() const { return message_.empty() ? "" : " (" + message_ + ")"; }
+    void Note(INDI::Property& property, bool updated) {
+        if (device_ != property.getDeviceName()) return;
+        const std::lock_guard lock(lock_);
+        Property& known = known_[property.getName()];
+        known.State = property.getState();
+        known.Updated = known.Updated || updated;
+        known.Heard = true;
+        known.Agreed = known.Agreed || known.State == IPS_OK;
+        known.Alerted = known.Alerted || known.State == IPS_ALERT;
+        if (property.getType() == INDI_NUMBER) {
+            for (const auto& number : *property.getNumber()) {
+                known.Values[number.getName()] = number.getValue();
+            }
+        } else if (property.getType() == INDI_SWITCH) {
+            for (const auto& button : *property.getSwitch()) {
+                known.Values[button.getName()] = button.getState() == ISS_ON ? 1 : 0;
+            }
+        }
+        changed_.notify_all();
+    }
+
+    const std::string device_;
+    bool started_ = false;
+    std::mutex lock_;
+    std::condition_variable changed_;
+    std::map<std::string, Property, std::less<>> known_;
+    std::string message_;
+    bool gone_ = false;
+};
+
+class IndiTelescope : public TelescopeDriver {
+ public:
+    explicit IndiTelescope(Address address) : address_(std::move(address)) {
+        // The client library writes to servers that have gone; its thread inherits this.
+        sigset_t pipe{};
+        sigemptyset(&pipe);
+        sigaddset(&pipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+    }
+
+    void SetConnected(bool connected) override {
+        client_.reset();
+        if (!connected) return;  // the mount stays so for others that use it
+        const auto end = steady_clock::now() + limits_.Connect - TelescopeLimits::Margin;
+        const std::string host = Resolved(address_.Host);
+        if (host.empty()) throw TelescopeError("there is no host " + address_.Host);
+        client_ = std::make_unique<Client>(address_.Device);
+        if (!client_->Start(host, address_.Port, serverLimit)) {
+            client_.reset();
+            throw TelescopeError("no INDI server at " + address_.Host + ":" +
+                                 std::to_string(address_.Port));
+        }
+        client_->WaitUntil(steady_clock::now() + deviceLimit, "the INDI server has no such device",
+                           [this] { return client_->Known(connection) != nullptr; });
+        foundConnected_ = true;
+        ConnectMount(end, "the mount does not connect");
+        client_->WaitUntil(end, "the mount tells no coordinates of date",
+                           [this] { return client_->Known(coordinates) != nullptr; });
+    }
+
+    double RightAscension() override { return Coordinate("RA"); }
+    double Declination() override { return Coordinate("DEC"); }
+
+    void SyncToCoordinates(double hours, double degrees) override {
+        const auto end = End();
+        Client& client = Begin();
+        const Property use = client.Copy(coordinateUse);
+        if (!use.Values.contains(syncElement)) throw TelescopeError("the mount cannot be synced");
+        const auto before = std::find_if(use.Values.begin(), use.Values.end(),
+                                         [](const auto& value) { return value.second == 1; });
+        Switch(coordinateUse, syncElement, end, "the mount does not accept a sync");
+        client.Listen(coordinates);
+        client.SendCoordinates(hours, degrees);
+        // Mounts tell their coordinates all the time. As they answer in turn, the answer about the
+        // sync has come when the next request is answered; and other programs find the switch as
+        // they left it.
+        Switch(coordinateUse, before == use.Values.end() ? syncElement : before->first, end,
+               "the mount does not answer");
+        // A parked mount sends no alert. It only says so, and does not agree.
+        constexpr const char* refused = "the mount refuses the sync";
+        client.WaitUntil(end, refused, [&client] {
+            const Property* told = client.Known(coordinates);
+            return told != nullptr && (told->Agreed || told->Alerted);
+        });
+        if (client.Copy(coordinates).Alerted) throw TelescopeError(refused + client.Complaint());
+    }
+
+ private:
+    steady_clock::time_point End() const {
+        return steady_clock::now() + limits_.Call - TelescopeLimits::Margin;
+    }
+    /// The client, with nothing said yet about what comes next.
+    Client& Begin() const {
+        if (!client_) throw TelescopeError("not connected");
+        client_->ForgetMessage();
+        return *client_;
+    }
+
+    /// Sets one switch of a row and waits for the answer.
+    void Switch(const char* name, const std::string& element, steady_clock::time_point end,
+                const char* otherwise) {
+        Client& client = *client_;
+        client.Listen(name);
+        client.SendSwitch(name, element);
+        client.WaitUntil(
+            end, otherwise,
+            [&] {
+                const Property* told = client.Known(name);
+                return told != nullptr && told->Heard && told->State != IPS_BUSY;
+            },
+            TelescopeError::Kind::Lost);
+        const Property told = client.Copy(name);
+        const auto value = told.Values.find(element);
+        if (told.Alerted || value == told.Values.end() || value->second != 1) {
+            throw TelescopeError(otherwise + client.Complaint());
+        }
+    }
+
+    void ConnectMount(steady_clock::time_point end, const char* otherwise) {
+        const auto values = client_->Copy(connection).Values;
+        const auto value = values.find(connectElement);
+        foundConnected_ = foundConnected_ && value != values.end() && value->second == 1;
+        Switch(connection, connectElement, end, otherwise);
+    }
+
+    /// Whether coordinates are those of the mount. It defines them before it has looked where it
+    /// is; only one that was connected all the time has done so.
+    bool AreTold(const Property& coordinate) const {
+        return coordinate.Updated ||
+               (foundConnected_ &&
+                std::any_of(coordinate.Values.begin(), coordinate.Values.end(),
+                            [](const auto& value) { return value.second != 0; }));
+    }
+
+    double Coordinate(const char* element) {
+        const auto end = End();
+        Client& client = Begin();
+        // Connected already, the mount only says so: a server that is dead without a word would
+        // leave its last coordinates standing.
+        ConnectMount(end, "the mount does not answer");
+        client.WaitUntil(end, "the mount tells no coordinates yet", [&] {
+            const Property* told = client.Known(coordinates);
+            return told != nullptr && AreTold(*told);
+        });
+        const Property told = client.Copy(coordinates);
+        const auto value = told.Values.find(element);
+        if (value == told.Values.end()) throw TelescopeError("the mount tells no coordinates");
+        if (told.State == IPS_ALERT) throw TelescopeError("the mount does not know where it is");
+        return value->second;
+    }
+
+    Address address_;
+    TelescopeLimits limits_;
+    std::unique_ptr<Client> client_;
+    bool foundConnected_ = false;  ///< the mount was connected whenever it was asked to be
+};
+
+}  // namespace
+
+std::unique_ptr<TelescopeDriver> CreateTelescopeDriver() {
+    const char* text = std::getenv("VESTREL_TELESCOPE");
+    if (text == nullptr || *text == 0) return nullptr;
+    auto address = ParseAddress(text);
+    if (!address) {
+        throw TelescopeError("$VESTREL_TELESCOPE is not indi://host:port/Device Name");
+    }
+    return std::make_unique<IndiTelescope>(std::move(*address));
+}
+
+}  // namespace vestrel

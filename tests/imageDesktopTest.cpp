@@ -1,0 +1,324 @@
+// The windows around the image, driven by mouse and keyboard on a platform without a screen.
+
+#include <QCheckBox>
+#include <QClipboard>
+#include <QComboBox>
+#include <QDoubleSpinBox>
+#include <QMouseEvent>
+#include <QPlainTextEdit>
+#include <QSlider>
+#include <QSpinBox>
+#include <QTableWidget>
+#include <QWheelEvent>
+#include <cmath>
+
+#include "astro/libConversions.h"
+#include "astro/libMath.h"
+#include "desktop/fPictureArea.h"
+#include "display/libPlot.h"
+#include "display/libSkyOverlay.h"
+#include "tests/desktopSupport.h"
+
+namespace vestrel {
+namespace {
+
+class ViewerWindows : public Windows {
+ protected:
+    void OpenAll() {
+        Window->OpenFile(Frame);
+        Choose("Show Image");
+        Image = WindowNamed("fImage");
+        ASSERT_NE(Image, nullptr);
+        Area = dynamic_cast<PictureArea*>(Image->findChild<QWidget*>("picImage"));
+        ASSERT_NE(Area, nullptr);
+    }
+    void Solve() {
+        TypeSearch();
+        Press("cmdMatch");
+        ASSERT_EQ(Shown("lblStatus"), "Plate Match Found");
+    }
+    QAction* Action(const char* name) const { return Image->findChild<QAction*>(name); }
+    std::string Told(const char* name) const {
+        return Utf8(Image->findChild<QLabel*>(name)->text());
+    }
+    QPoint OnScreen(const PixelPoint& pixel) const {
+        const ScreenPoint point = Area->View.ScreenOf(pixel);
+        return {static_cast<int>(std::floor(point.X)), static_cast<int>(std::floor(point.Y))};
+    }
+    /// The pointer without a button: `QTest` would ask the platform which window is on top.
+    void Hover(const QPoint& point) const {
+        QMouseEvent move(QEvent::MouseMove, point, Area->mapToGlobal(point), Qt::NoButton,
+                         Qt::NoButton, Qt::NoModifier);
+        QApplication::sendEvent(Area, &move);
+    }
+    QRgb ColourAt(const PixelPoint& pixel) const {
+        return Area->grab().toImage().pixel(OnScreen(pixel));
+    }
+    /// Where a star of the frame was drawn.
+    static PixelPoint Drawn(const SkyPosition& star) {
+        Projection plane;
+        plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
+        double xi = 0;
+        double eta = 0;
+        plane.SkyToPlane(star.Ra, star.Dec, xi, eta);
+        return {(side - 1) / 2.0 + xi / scale, (side - 1) / 2.0 + eta / scale};
+    }
+
+    QWidget* Image = nullptr;
+    PictureArea* Area = nullptr;
+};
+
+}  // namespace
+
+TEST_F(ViewerWindows, TheReadoutSaysWhatTheFrameWasDrawnFrom) {
+    OpenAll();
+    Hover(OnScreen({100, 200}));
+    EXPECT_EQ(Told("lblSky"), "");
+    EXPECT_EQ(Told("lblCount"),
+              std::to_string(State->Image.Pixels(100, 200) + State->Image.DataOffset));
+    Solve();
+    Projection plane;
+    plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
+    for (const PixelPoint& pixel : {PixelPoint{20, 30}, {250, 40}, {149, 151}, {60, 280}}) {
+        const QPoint at = OnScreen(pixel);
+        Hover(at);
+        const PixelPoint under = Area->View.PixelAt({at.x() + 0.5, at.y() + 0.5});
+        SkyPosition truth;
+        plane.PlaneToSky((under.X - (side - 1) / 2.0) * scale, (under.Y - (side - 1) / 2.0) * scale,
+                         truth.Ra, truth.Dec);
+        const std::string sky = Told("lblSky");
+        const std::size_t gap = sky.find("  ");
+        ASSERT_NE(gap, std::string::npos) << sky;
+        // A tenth of a pixel.
+        EXPECT_NEAR(ParseRA(sky.substr(0, gap)), truth.Ra, 1e-6);
+        EXPECT_NEAR(ParseDec(sky.substr(gap + 2)), truth.Dec, 1e-6);
+        EXPECT_TRUE(Told("lblPixel").starts_with("x ")) << Told("lblPixel");
+    }
+    Hover({1, 1});  // beside the square image
+    EXPECT_EQ(Told("lblPixel") + Told("lblCount") + Told("lblSky"), "");
+}
+
+TEST_F(ViewerWindows, ASolveSwitchesItsOverlaysOnAndTheyLieOnTheStars) {
+    OpenAll();
+    const std::vector<const char*> three = {"mnuExtracted", "mnuCatalog", "mnuMatched"};
+    for (const char* name : three) EXPECT_FALSE(Action(name)->isChecked());
+    Solve();
+    for (const char* name : three) EXPECT_TRUE(Action(name)->isChecked());
+    const auto difference = [this](const QImage& before) {
+        const QImage after = Area->grab().toImage();
+        int changed = 0;
+        for (int y = 0; y < after.height(); ++y) {
+            for (int x = 0; x < after.width(); ++x) {
+                changed += after.pixel(x, y) != before.pixel(x, y) ? 1 : 0;
+            }
+        }
+        return changed;
+    };
+    for (const char* name :
+         {"mnuExtracted", "mnuMatched", "mnuMagnitudes", "mnuCatalog", "mnuCompass", "mnuGrid"}) {
+        const QImage before = Area->grab().toImage();
+        Action(name)->toggle();
+        EXPECT_GT(difference(before), 100) << name;
+        Action(name)->setChecked(false);
+    }
+    // Alone, a catalog star's cross is where the star was drawn.
+    Action("mnuCatalog")->setChecked(true);
+    const PlateStar& star = State->CatalogStars[1];
+    const QColor mark(ColourAt(Drawn({star.Ra, star.Dec})));
+    EXPECT_GT(mark.blue(), mark.red() + 60);
+
+    Action("mnuMatched")->setChecked(false);
+    Press("cmdMatch");
+    EXPECT_TRUE(Action("mnuMatched")->isChecked());
+    Window->OpenFile(Frame);  // of which nothing is known yet
+    Action("mnuCompass")->setChecked(false);
+    const QImage empty = Area->grab().toImage();
+    for (const char* name : three) Action(name)->setChecked(false);
+    EXPECT_EQ(difference(empty), 0);
+}
+
+TEST_F(ViewerWindows, TheWheelZoomsAboutThePointerAndDraggingMovesTheImage) {
+    OpenAll();
+    const QPoint at = OnScreen({80, 210});
+    const PixelPoint under = Area->View.PixelAt({at.x() + 0.5, at.y() + 0.5});
+    QWheelEvent wheel(at, Area->mapToGlobal(QPointF(at)), {}, {0, 240}, Qt::NoButton,
+                      Qt::NoModifier, Qt::NoScrollPhase, false);
+    const double before = Area->View.Scale();
+    QApplication::sendEvent(Area, &wheel);
+    EXPECT_NEAR(Area->View.Scale(), 2 * before, 1e-9);
+    EXPECT_EQ(OnScreen(under), at);
+    QTest::mousePress(Area, Qt::LeftButton, {}, at);
+    QTest::mouseMove(Area, at + QPoint(30, -20));
+    QTest::mouseRelease(Area, Qt::LeftButton, {}, at + QPoint(30, -20));
+    EXPECT_EQ(OnScreen(under), at + QPoint(30, -20));
+    Action("mnuOneToOne")->trigger();
+    EXPECT_EQ(Told("lblZoom"), "100.0%");
+    Action("mnuFit")->trigger();
+    EXPECT_NEAR(Area->View.Scale(), before, 1e-9);
+
+    // Of 16-bit FITS the last row is on top.
+    EXPECT_LT(OnScreen({0, 299}).y(), OnScreen({0, 0}).y());
+    Action("mnuFlipUpDown")->toggle();
+    EXPECT_GT(OnScreen({0, 299}).y(), OnScreen({0, 0}).y());
+    const QRgb sky = ColourAt({2, 2});
+    Action("mnuInvert")->toggle();
+    EXPECT_EQ(qRed(ColourAt({2, 2})), 255 - qRed(sky));
+
+    Action("mnuCopyView")->trigger();
+    const QImage shown = Area->grab().toImage().convertToFormat(QImage::Format_RGB32);
+    EXPECT_EQ(QApplication::clipboard()->image().convertToFormat(QImage::Format_RGB32), shown);
+    Dialogs.FileToChoose = QtText((Folder / "view").string());
+    Action("mnuExportView")->trigger();
+    EXPECT_EQ(QImage(QtText((Folder / "view.png").string())).convertToFormat(QImage::Format_RGB32),
+              shown);
+}
+
+TEST_F(ViewerWindows, LevelsAreCountsAndChangeWhatIsShown) {
+    OpenAll();
+    Choose("Levels");
+    QWidget* levels = WindowNamed("fHistogram");
+    ASSERT_NE(levels, nullptr);
+    PlateImage& image = State->Image;
+    // The sky is 300 ± 2 counts, and stars reach 3000 and more.
+    EXPECT_NEAR(image.DisplayBlack, 296, 2);
+    EXPECT_GT(image.DisplayWhite, 320);
+    auto* black = levels->findChild<QSpinBox*>("numBlack");
+    auto* white = levels->findChild<QSpinBox*>("numWhite");
+    EXPECT_EQ(black->value(), image.DisplayBlack);
+    EXPECT_EQ(white->value(), image.DisplayWhite);
+    black->setValue(200);
+    white->setValue(400);
+    EXPECT_EQ(image.DisplayBlack, 200);
+    EXPECT_EQ(image.DisplayWhite, 400);
+    Area->ZoomTo(8);
+    const auto grey = [&](Transfer transfer) {
+        const double place = (image.Pixels(150, 150) + image.DataOffset - image.DisplayBlack) /
+                             double(image.DisplayWhite - image.DisplayBlack);
+        return std::lround(255 * Transferred(transfer, place));
+    };
+    EXPECT_EQ(qRed(ColourAt({150, 150})), grey(Transfer::Linear));
+    auto* transfer = levels->findChild<QComboBox*>("cboTransfer");
+    for (const auto& [text, kind] : {std::pair{"Square root", Transfer::SquareRoot},
+                                     {"Asinh", Transfer::Asinh},
+                                     {"Logarithmic", Transfer::Logarithmic}}) {
+        QTest::keyClick(transfer, Qt::Key_Down);
+        EXPECT_EQ(transfer->currentText(), text);
+        EXPECT_EQ(qRed(ColourAt({150, 150})), grey(kind)) << text;
+    }
+    auto* slider = levels->findChild<QSlider*>("sldWhite");
+    slider->setValue(SliderSteps);
+    EXPECT_GT(image.DisplayWhite, 400);
+    EXPECT_EQ(white->value(), image.DisplayWhite);
+    levels->findChild<QSlider*>("sldBlack")->setValue(SliderSteps);
+    EXPECT_GT(image.DisplayWhite, image.DisplayBlack);
+    QTest::mouseClick(levels->findChild<QPushButton*>("cmdAutomatic"), Qt::LeftButton);
+    EXPECT_NEAR(image.DisplayBlack, 296, 2);
+    white->setValue(5000);
+    Solve();  // which takes the sky away
+    EXPECT_LT(image.DisplayBlack, 100);
+    EXPECT_EQ(black->value(), image.DisplayBlack);
+}
+
+TEST_F(ViewerWindows, AClickMeasuresTheStarThatWasDrawnThere) {
+    OpenAll();
+    Solve();
+    Choose("Star Statistics");
+    QWidget* stats = WindowNamed("fStats");
+    ASSERT_NE(stats, nullptr);
+    const auto text = [&] {
+        return Utf8(stats->findChild<QPlainTextEdit*>("txtStatistics")->toPlainText());
+    };
+    const auto figure = [&](const char* caption) {
+        const std::string all = text();
+        const std::size_t line = all.find(caption);
+        if (line == std::string::npos) throw std::runtime_error(std::string("no ") + caption);
+        return std::stod(all.substr(line + std::string(caption).size()));
+    };
+    // Of the pairs the loneliest: its light is its own.
+    PlateStar star;
+    double loneliest = 0;
+    for (std::int32_t i = 1; i <= State->CatalogStarCount; ++i) {
+        const PlateStar& one = State->CatalogStars[i];
+        const PixelPoint place = Drawn({one.Ra, one.Dec});
+        double nearest = std::min({place.X, place.Y, side - 1 - place.X, side - 1 - place.Y});
+        for (std::int32_t j = 1; j <= State->CatalogStarCount; ++j) {
+            const PixelPoint other = Drawn({State->CatalogStars[j].Ra, State->CatalogStars[j].Dec});
+            const double distance = std::hypot(place.X - other.X, place.Y - other.Y);
+            if (j != i) nearest = std::min(nearest, distance);
+        }
+        if (nearest > loneliest && one.Flux < 14) star = one;
+        if (nearest > loneliest && one.Flux < 14) loneliest = nearest;
+    }
+    ASSERT_GT(loneliest, 15);
+    const PixelPoint drawn = Drawn({star.Ra, star.Dec});
+    QTest::mouseClick(Area, Qt::LeftButton, {}, OnScreen(drawn));
+    EXPECT_NEAR(figure("Centroid x"), drawn.X, 0.02);
+    EXPECT_NEAR(figure("Centroid y"), drawn.Y, 0.02);
+    // A Gaussian of variance 1.5, cut where it has ended.
+    const double flux = std::pow(10, 0.4 * (21.5 - star.Flux)) * 3 * 3.14159265;
+    EXPECT_NEAR(figure("Flux") / flux, 1, 0.02);
+    EXPECT_NEAR(figure("FWHM of Gaussian fit"), 2.3548 * std::sqrt(1.5), 0.1);
+    EXPECT_NEAR(figure("\nMagnitude"), star.Flux, 0.05);
+    EXPECT_NEAR(figure("  magnitude"), star.Flux, 0.006);
+    EXPECT_LT(figure("  distance"), 0.1);
+    QTest::mouseClick(stats->findChild<QPushButton*>("cmdCopy"), Qt::LeftButton);
+    EXPECT_EQ(Utf8(QApplication::clipboard()->text()), text());
+
+    stats->findChild<QDoubleSpinBox*>("numAperture")->setValue(7);
+    stats->findChild<QDoubleSpinBox*>("numBackground")->setValue(15);
+    EXPECT_EQ(figure("Aperture radius"), 7);
+    EXPECT_EQ(figure("Background ring"), 15);
+    EXPECT_NEAR(figure("\nMagnitude"), star.Flux, 0.05);
+    QTest::mouseClick(Area, Qt::LeftButton, {}, {1, 1});  // beside the image: not a click on it
+    EXPECT_EQ(figure("Aperture radius"), 7);
+    Window->OpenFile(Frame);
+    EXPECT_EQ(text(), "");
+    Window->close();
+    Open();
+    EXPECT_EQ(State->Parameters.ApertureRadius, 7);
+    EXPECT_EQ(State->Parameters.BackgroundRadius, 15);
+}
+
+TEST_F(ViewerWindows, TwoClicksMakeARowAndTheTableIsWritten) {
+    OpenAll();
+    Solve();
+    State->Parameters.ApertureRadius = 5;
+    State->Parameters.BackgroundRadius = 9;
+    Choose("Relative Photometry");
+    QWidget* window = WindowNamed("fRelPhot");
+    ASSERT_NE(window, nullptr);
+    const auto* rows = window->findChild<QTableWidget*>("tblPhotometry");
+    std::vector<PlateStar> stars;
+    for (const StarMatch& pair : State->Solution.Pairs) {
+        if (pair.InUse) stars.push_back(State->CatalogStars[pair.Star1]);
+    }
+    ASSERT_GE(stars.size(), 4u);
+    const auto click = [&](const PlateStar& star) {
+        QTest::mouseClick(Area, Qt::LeftButton, {}, OnScreen(Drawn({star.Ra, star.Dec})));
+    };
+    click(stars[0]);
+    EXPECT_EQ(rows->rowCount(), 0);
+    click(stars[1]);
+    ASSERT_EQ(rows->rowCount(), 1);
+    EXPECT_NEAR(rows->item(0, 3)->text().split(' ')[0].toDouble(), stars[1].Flux - stars[0].Flux,
+                0.05);
+    EXPECT_NEAR(rows->item(0, 4)->text().toDouble(), stars[1].Flux, 0.05);
+    EXPECT_TRUE(rows->item(0, 5)->text().contains("gain is unknown"));
+    window->findChild<QCheckBox*>("chkKeepFirst")->setChecked(true);
+    for (int i : {2, 0, 3}) click(stars[i]);
+    ASSERT_EQ(rows->rowCount(), 3);
+    EXPECT_EQ(rows->item(1, 1)->text(), rows->item(2, 1)->text());
+
+    Dialogs.FileToChoose = QtText((Folder / "table").string());
+    QTest::mouseClick(window->findChild<QPushButton*>("cmdExport"), Qt::LeftButton);
+    const std::string csv = ReadFile(Folder / "table.csv");
+    EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 4);
+    EXPECT_NE(csv.find("\nframe.fit,"), std::string::npos);
+    Window->OpenFile(Frame);
+    click(stars[0]);  // of a pair that the old image's star is not in
+    EXPECT_EQ(rows->rowCount(), 3);
+    QTest::mouseClick(window->findChild<QPushButton*>("cmdClear"), Qt::LeftButton);
+    EXPECT_EQ(rows->rowCount(), 0);
+}
+
+}  // namespace vestrel
