@@ -20,6 +20,7 @@
 #include "platform/libPlatform.h"
 #include "program/mImageData.h"
 #include "program/mSolvedImage.h"
+#include "tests/judge.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {
@@ -83,30 +84,6 @@ std::string Sbig(int width, int height, const std::vector<int>& counts) {
     }
     return bytes;
 }
-
-/// The judge's verdict on the files of a folder: empty when all is well; "no judge" when there is
-/// none here.
-std::string Verdict([[maybe_unused]] const std::filesystem::path& folder,
-                    [[maybe_unused]] const std::string& check) {
-#ifndef VESTREL_PYTHON
-    return "no judge: built without Python";
-#else
-    const std::string command = std::string(VESTREL_PYTHON) + " " + VESTREL_SOURCE_DIR +
-                                "/tests/judgeFits.py " + check + " '" + folder.string() + "' > '" +
-                                (folder / "verdict").string() + "' 2>&1";
-    const int status = std::system(command.c_str());
-    const std::string verdict = ReadFile(folder / "verdict");
-    return status == 0 || !verdict.empty() ? verdict : "the judge did not run";
-#endif
-}
-
-/// Ends a test with the judge's verdict.
-#define EXPECT_JUDGED(folder, check)                                  \
-    do {                                                              \
-        const std::string verdict = Verdict(folder, check);           \
-        if (verdict.starts_with("no judge")) GTEST_SKIP() << verdict; \
-        EXPECT_EQ(verdict, "");                                       \
-    } while (false)
 
 constexpr int width = 61;
 constexpr int height = 41;
@@ -205,7 +182,7 @@ TEST(Saving, ASavedImageOpensAgainWithItsCountsAndItsSolution) {
     const auto& pixels = second.State.Image.Pixels;
     EXPECT_EQ((std::vector<int>{pixels(0, 0), pixels(1, 0), pixels(0, 1), pixels(1, 1)}),
               (std::vector<int>{3, 0, 1, 0}));
-    EXPECT_JUDGED(folder.Path, "saved");
+    EXPECT_JUDGED("judgeFits.py", {"saved", folder.Path.string()});
 }
 
 TEST(Saving, AFailureLeavesTheOldFileAndNoOther) {
@@ -383,7 +360,7 @@ TEST(WorldCoordinates, OtherProgramsSeeTheSkyAndTheCountsThatVestrelSees) {
         }
     }
     points.close();
-    EXPECT_JUDGED(folder.Path, "exported");
+    EXPECT_JUDGED("judgeFits.py", {"exported", folder.Path.string()});
 }
 
 TEST(WorldCoordinates, ASolutionThatIsNoMapOfTheSkyIsNone) {
@@ -502,7 +479,7 @@ TEST(StandardCards, AnExportOfAnyReadableHeaderIsStandard) {
         ++exported;
     }
     EXPECT_GT(exported, 30);
-    EXPECT_JUDGED(folder.Path, "standard");
+    EXPECT_JUDGED("judgeFits.py", {"standard", folder.Path.string()});
 }
 
 TEST(HeaderText, SummaryThenTheFirst299Cards) {

@@ -16,9 +16,8 @@ try:
     from astropy.stats import sigma_clipped_stats
     from photutils.aperture import CircularAperture, aperture_photometry
     from photutils.centroids import centroid_2dg
-except ImportError:
-    print("no judge")
-    sys.exit(0)
+except ImportError as error:
+    sys.exit(f"no judge: {error}")
 
 
 def rows(path):

@@ -16,6 +16,7 @@
 #include "photometry/libAperture.h"
 #include "photometry/libRelativePhotometry.h"
 #include "photometry/libStarStatistics.h"
+#include "tests/judge.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {
@@ -323,7 +324,6 @@ TEST(StarStatistics, NoStarNoSkyAndNonsenseFailSensibly) {
 }
 
 TEST(StarStatistics, AnotherProgramFindsTheSameSumsAndPlaces) {
-#ifdef VESTREL_PYTHON
     TemporaryFolder folder;
     Random random(21);
     constexpr int side = 300;
@@ -367,17 +367,7 @@ TEST(StarStatistics, AnotherProgramFindsTheSameSumsAndPlaces) {
     }
     sums.close();
     stars.close();
-    const std::string command = std::string(VESTREL_PYTHON) + " " + VESTREL_SOURCE_DIR +
-                                "/tests/judgePhotometry.py '" + folder.Path.string() + "' > '" +
-                                (folder / "verdict").string() + "' 2>&1";
-    const int status = std::system(command.c_str());
-    const std::string verdict = ReadFile(folder / "verdict");
-    if (verdict == "no judge\n") GTEST_SKIP() << "photutils is not installed";
-    EXPECT_EQ(verdict, "");
-    EXPECT_EQ(status, 0);
-#else
-    GTEST_SKIP() << "there is no Python";
-#endif
+    EXPECT_JUDGED("judgePhotometry.py", {folder.Path.string()});
 }
 
 TEST(ZeroPoint, OfAperturesIsFoundAmongSpoiltStars) {

@@ -16,6 +16,7 @@
 #include "astro/libMath.h"
 #include "astro/libTime.h"
 #include "program/mTelescope.h"
+#include "tests/judge.h"
 #include "tests/testSupport.h"
 
 /// INDI's library is not built for the thread sanitizer, which cannot see how its threads agree.
@@ -99,7 +100,7 @@ class IndiTelescope : public testing::Test {
     }
     void SetUp() override {
         if (!Succeeds("command -v indiserver indi_simulator_telescope indi_setprop")) {
-            GTEST_SKIP() << "indi-bin is not installed";
+            SKIP_OR_FAIL("indi-bin is not installed");
         }
     }
     void Use(const std::string& device) const {
@@ -128,15 +129,19 @@ TEST_F(IndiTelescope, IsSyncedToTheSolvedCentreAndReadBack) {
     double worst = 0;
     for (const SkyPosition& centre : {SkyPosition{1.2, 0.5}, {6.28, -1.1}, {3.5, 1.3}}) {
         State.SolvedCentre = centre;
+        const auto start = steady_clock::now();
         SyncTelescopeCommand(State, Port);
         EXPECT_EQ(State.Display.Status.Text, "Telescope: synced to the image center");
         ASSERT_TRUE(Load()) << State.Display.Status.Text;
         const double dec = ParseDec(State.Inputs.Dec);
         const double east =
             std::remainder(ParseRA(State.Inputs.Ra) - centre.Ra, TwoPi) * std::cos(dec);
-        worst = std::max(worst, std::hypot(east, dec - centre.Dec) * ArcsecondsPerRadian);
+        // A mount that does not track is left behind by the sky.
+        const double seconds = std::chrono::duration<double>(steady_clock::now() - start).count();
+        worst = std::max(worst, std::hypot(east, dec - centre.Dec) * ArcsecondsPerRadian -
+                                    15.05 * seconds * std::cos(dec));
     }
-    RecordProperty("WorstArcseconds", std::to_string(worst));
+    RecordProperty("WorstArcsecondsBeyondDrift", std::to_string(worst));
     EXPECT_LT(worst, 1);
 
     // A parked mount is to be left alone.

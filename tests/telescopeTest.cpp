@@ -14,6 +14,7 @@
 #include "astro/libTime.h"
 #include "program/mSolveWindow.h"
 #include "program/mTelescope.h"
+#include "tests/judge.h"
 #include "tests/recordingTelescope.h"
 #include "tests/testSupport.h"
 
@@ -82,18 +83,7 @@ TEST(Precession, IsThatOfErfaAndComesBack) {
              << end.Dec << " " << LocalSiderealTime(to, 90) - 6 << "\n";
     }
     rows.close();
-#ifdef VESTREL_PYTHON
-    const std::string command = std::string(VESTREL_PYTHON) + " " + VESTREL_SOURCE_DIR +
-                                "/tests/judgeTime.py '" + (folder / "rows").string() +
-                                "' 0.0075 > '" + (folder / "verdict").string() + "' 2>&1";
-    const int status = std::system(command.c_str());
-    const std::string verdict = ReadFile(folder / "verdict");
-    if (verdict == "no judge\n") GTEST_SKIP() << "ERFA is not installed";
-    EXPECT_EQ(verdict, "");
-    EXPECT_EQ(status, 0);
-#else
-    GTEST_SKIP() << "there is no Python";
-#endif
+    EXPECT_JUDGED("judgeTime.py", {(folder / "rows").string(), "0.0075"});
 }
 
 TEST(Clock, IsTheSameInEveryTimeZoneAndThroughSummerTime) {
