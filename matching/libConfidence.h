@@ -1,10 +1,20 @@
-// How sure a match is: what chance alone would have given.
+// How sure a match is: the odds that the plate is right against chance, and the false-alarm
+// probability that follows.
 //
-// The a-contrario test of Lang et al. 2010 (AJ 139, 1782), section 3, in its simplest form: on an
-// image whose stars lie anywhere, each catalog star meets one with the same small probability.
+// The test of Lang et al. 2010 (AJ 139, 1782), section 3.3, made sequential. The stars of the image
+// are taken one by one, brightest first. Each is compared under two models: it is one of the
+// catalog's stars in the frame, at its predicted place within its errors, or a distractor (a
+// mixture), or it lies wherever the image has stars (chance). The plate that predicts knows only
+// the pairs before: it begins as that of a few pairs, the seed, which count for nothing, and learns
+// from each star met (Dawid 1984, J. R. Statist. Soc. A 147, 278). So nothing is judged by a fit
+// that it took part in. Under chance the running product of the likelihood ratios is a
+// nonnegative supermartingale that begins at 1: its maximum exceeds K with a probability of at most
+// 1/K (Ville 1939), however the search stopped. Each seed that could have been tried is one more
+// chance (the union bound), whether a search looked at all of them or at few.
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "astro/libPlateStar.h"
 #include "matching/libPlateFit.h"
@@ -13,10 +23,12 @@ namespace vestrel {
 
 /// What speaks for a match.
 struct MatchConfidence {
-    std::int32_t Matched = 0;     ///< catalog stars that meet a star of the image
-    std::int32_t Candidates = 0;  ///< catalog stars in the frame that could meet one
-    double ExpectedByChance = 0;  ///< how many would, were the image another part of the sky
+    std::int32_t Matched = 0;     ///< catalog stars that meet a star of the image, each one once
+    std::int32_t Candidates = 0;  ///< catalog stars in the frame
+    double ExpectedByChance = 0;  ///< how many would meet one, were the image of other stars
     double Log10FalseAlarm = 0;   ///< of the probability that chance gives a match as good, ≤ 0
+    double Log10LikelihoodRatio = 0;  ///< plate against chance, the trials not charged
+    double Log10Trials = 0;           ///< of the plates that are charged for
 };
 
 /// A false-alarm probability above this is not sure.
@@ -25,25 +37,59 @@ inline bool IsSure(const MatchConfidence& confidence) {
     return confidence.Log10FalseAlarm <= SureLog10FalseAlarm;
 }
 
-/// log10 of the probability of `k` or more successes in `n` trials of probability `p`.
-double Log10BinomialTail(std::int32_t n, std::int32_t k, double p);
-
-/// A match to be judged.
-struct MatchEvidence {
-    const PlateStarList& CatalogStars;  ///< 1-based, on the plane of the fit
-    std::int32_t CatalogCount = 0;
-    const PlateStarList& ImageStars;  ///< 1-based, pixels
-    std::int32_t ImageCount = 0;
-    std::int32_t Width = 0;  ///< of the image, pixels
-    std::int32_t Height = 0;
-    double Tolerance = 0;          ///< stars that lie closer meet, pixels
-    std::int32_t StarsFitted = 0;  ///< pairs that any placement would have by construction
-    double Placements = 1;         ///< how many were tried before this one
+/// A catalog star where the plate puts it.
+struct PredictedStar {
+    double X = 0;  ///< pixels
+    double Y = 0;
+    double Magnitude = 0;
+    double Error = 0;  ///< of the catalog's position, one axis, pixels (1 σ); 0 when not known
 };
 
-/// Counts the catalog stars in the frame that meet an image star, each image star once, and
-/// weighs them against the density of the image's stars: the mean one, or that of the part where
-/// the catalog stars lie when it is higher. `StarsFitted` of them count for nothing.
-MatchConfidence ConfidenceOf(const PlateConstants& plate, const MatchEvidence& evidence);
+/// A star of the image.
+struct ObservedStar {
+    double X = 0;  ///< pixels
+    double Y = 0;
+    double Flux = 0;
+    double Error = 0;  ///< of the centroid, one axis, pixels (1 σ); 0 when not known
+};
+
+/// A pair that led to the plate: indices into `MatchEvidence::Catalog` and `Image`.
+struct SeedPair {
+    std::size_t Catalog = 0;
+    std::size_t Image = 0;
+};
+
+/// A match to be judged. What is predicted may come from any model; of it only the place of the
+/// frame counts, to a few hundredths of its size.
+struct MatchEvidence {
+    std::vector<PredictedStar> Catalog;  ///< all in the frame; from the 1001st brightest on ignored
+    std::vector<ObservedStar> Image;  ///< all that were found; from the 401st brightest on ignored
+    std::int32_t Width = 0;           ///< of the image, pixels
+    std::int32_t Height = 0;
+    PlateConstants Plate;  ///< linear part of the model: tells how far the plate is stretched
+    /// How many searches were made up to this match, this one included: regions times the lists
+    /// tried in them, or quads that fitted. It is taken for a count that would have gone on.
+    double Trials = 1;
+    /// The pairs that every plate tried would have by construction: those of a quad. When empty, a
+    /// search may have tried any two pairs of its lists, and is charged for all of them.
+    std::vector<SeedPair> Seed;
+    std::int32_t SearchedCatalog = 0;  ///< catalog stars of such a search; 0: all of `Catalog`
+    std::int32_t SearchedImage = 0;    ///< image stars of such a search; 0: all of `Image`
+};
+
+/// The evidence for a linear plate: the catalog stars that it puts into the frame, and the stars
+/// of the image. `Trials` and what follows it are left to the caller.
+/// @param catalogStars 1-based, on the plane of the fit, magnitude as flux
+/// @param imageStars   1-based, pixels
+MatchEvidence EvidenceOf(const PlateConstants& plate, const PlateStarList& catalogStars,
+                         std::int32_t catalogCount, const PlateStarList& imageStars,
+                         std::int32_t imageCount, std::int32_t width, std::int32_t height);
+
+/// Judges a match. Deterministic; takes about a millisecond at most.
+MatchConfidence ConfidenceOf(const MatchEvidence& evidence);
+
+/// log10 of what a running count of trials costs: n(1 + ln n)² with a factor that keeps the sum of
+/// the inverses over all n below 1, so that the bound holds for every n at once.
+double Log10TrialsCharge(double trials);
 
 }  // namespace vestrel

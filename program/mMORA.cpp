@@ -249,12 +249,31 @@ class QuadMatcher {
 
     /// How sure the plate of the four stars is, from all others around it.
     MatchConfidence Judge() const {
-        MatchEvidence evidence{nearby_, nearbyCount_,       stars_,
-                               count_,  state_.Image.Width, state_.Image.Height};
-        evidence.Tolerance = maxError_;
-        evidence.StarsFitted = 4;
-        evidence.Placements = search_.FourStarFits;
-        return ConfidenceOf(search_.Transform, evidence);
+        MatchEvidence evidence = EvidenceOf(search_.Transform, nearby_, nearbyCount_, stars_,
+                                            count_, state_.Image.Width, state_.Image.Height);
+        for (std::size_t k = 1; k <= 4; ++k) evidence.Seed.push_back(SeedOf(k, evidence));
+        evidence.Trials = search_.FourStarFits;
+        return ConfidenceOf(evidence);
+    }
+
+    /// A pair of the quad, whose catalog star may be among those around it.
+    SeedPair SeedOf(std::size_t pair, MatchEvidence& evidence) const {
+        const StarMatch& match = search_.Pairs[pair];
+        const PlateStar& star = search_.Reference[static_cast<std::size_t>(match.Star1)];
+        PredictedStar predicted;
+        ApplyPlateFit(search_.Transform, static_cast<double>(star.X), static_cast<double>(star.Y),
+                      predicted.X, predicted.Y);
+        predicted.Magnitude = static_cast<double>(star.Flux);
+        const auto isThis = [&predicted](const PredictedStar& other) {
+            constexpr double same = 0.01;  // pixel
+            return std::hypot(other.X - predicted.X, other.Y - predicted.Y) < same;
+        };
+        auto found = std::find_if(evidence.Catalog.begin(), evidence.Catalog.end(), isThis);
+        if (found == evidence.Catalog.end()) {
+            found = evidence.Catalog.insert(found, predicted);
+        }
+        return {static_cast<std::size_t>(found - evidence.Catalog.begin()),
+                static_cast<std::size_t>(match.Star2) - 1};
     }
 
     void FindCentre() {

@@ -141,19 +141,19 @@ void SetZeroPoint(ProgramState& state, const PlateStarList& catalogStars) {
     state.ZeroPointValid = true;
 }
 
-/// How sure the solution is. A place is as good as another where as many stars agree as closely; as
-/// many places were tried as triangles voted, in each of the regions.
+/// How sure the solution is, judged with all stars, of which the matcher used the brightest. The
+/// quads that fitted before, in a blind solve, were searches as well.
 MatchConfidence ConfidenceOfSolution(const ProgramState& state, const RegionSearch& search,
                                      std::int32_t regions) {
-    constexpr double closest = 1;  // pixel: nearer is no better
     const std::int32_t most = state.Parameters.MaxStars;
-    MatchEvidence evidence{search.CatalogStars, std::min(search.CatalogCount, most),
-                           state.PlateStars,    std::min(state.PlateStarCount, most),
-                           state.Image.Width,   state.Image.Height};
-    evidence.Tolerance = std::max(closest, 2.5 * state.Solution.Rms);
-    evidence.StarsFitted = 3;
-    evidence.Placements = static_cast<double>(search.Report.Voted) * regions;
-    return ConfidenceOf(state.Solution.Transform, evidence);
+    MatchEvidence evidence =
+        EvidenceOf(state.Solution.Transform, search.CatalogStars, search.CatalogCount,
+                   state.PlateStars, state.PlateStarCount, state.Image.Width, state.Image.Height);
+    evidence.SearchedCatalog = std::min(search.CatalogCount, most);
+    evidence.SearchedImage = std::min(state.PlateStarCount, most);
+    evidence.Trials = regions;
+    if (state.Report.Blind) evidence.Trials += state.QuadMatch.FourStarFits;
+    return ConfidenceOf(evidence);
 }
 
 /// Everything that follows a match in the region about `tangent`, the `regions`-th one tried.

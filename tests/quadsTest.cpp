@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <complex>
 #include <cstring>
 #include <numbers>
 
@@ -348,52 +350,107 @@ TEST_F(QuadSkyTest, TablesDoNotDependOnThreadsAndSurviveTheirFileOrAreRefused) {
     }
 }
 
-TEST(Confidence, ChanceMatchesAreAsFrequentAsStatedAndNotSure) {
-    // The tail against its definition.
-    double exact = 0;
-    for (int k = 3; k <= 10; ++k) {
-        exact += std::tgamma(11) / std::tgamma(k + 1) / std::tgamma(11 - k) * std::pow(0.2, k) *
-                 std::pow(0.8, 10 - k);
+/// Stars anywhere in a frame of 500 x 400 pixels, their flux falling.
+PlateStarList Scattered(int count, Random& random) {
+    PlateStarList list(1);
+    for (int i = 0; i < count; ++i) {
+        list.push_back(At(random.Between(0, 499), random.Between(0, 399)));
+        list.back().Flux = static_cast<float>(1000 - i);
     }
-    EXPECT_NEAR(Log10BinomialTail(10, 3, 0.2), std::log10(exact), 1e-12);
-    EXPECT_NEAR(Log10BinomialTail(1000, 1, 0.5), 0, 1e-9);
-    EXPECT_EQ(Log10BinomialTail(5, 0, 0.1), 0);
+    return list;
+}
 
+/// The plate without mirroring that takes two stars onto two others.
+PlateConstants PlateThrough(const PlateStar& from1, const PlateStar& from2, const PlateStar& to1,
+                            const PlateStar& to2) {
+    const auto complex = [](const PlateStar& s) { return std::complex<double>(s.X, s.Y); };
+    const auto turn = (complex(to2) - complex(to1)) / (complex(from2) - complex(from1));
+    const auto shift = complex(to1) - turn * complex(from1);
+    return {turn.real(), -turn.imag(), shift.real(), turn.imag(), turn.real(), shift.imag()};
+}
+
+/// Evidence for the plate through two pairs of lists whose n-th stars belong together.
+MatchEvidence Through(std::int32_t first, std::int32_t second, const PlateStarList& catalog,
+                      const PlateStarList& image) {
+    const PlateConstants plate = PlateThrough(
+        catalog[static_cast<std::size_t>(first)], catalog[static_cast<std::size_t>(second)],
+        image[static_cast<std::size_t>(first)], image[static_cast<std::size_t>(second)]);
+    return EvidenceOf(plate, catalog, static_cast<std::int32_t>(catalog.size()) - 1, image,
+                      static_cast<std::int32_t>(image.size()) - 1, 500, 400);
+}
+
+TEST(Confidence, ChanceGivesALikelihoodRatioNoMoreOftenThanItsInverse) {
     Random random(6);
-    const PlateConstants same{1, 0, 0, 0, 1, 0};
-    // Pairs that any placement has count for nothing, and each placement tried is one more chance.
-    PlateStarList agreeing(1);
-    for (int i = 0; i < 20; ++i) agreeing.push_back(At(20 * i, 7 * i * i % 400));
-    MatchEvidence agreement{agreeing, 20, agreeing, 20, 500, 400};
-    agreement.Tolerance = 1;
-    const double all = ConfidenceOf(same, agreement).Log10FalseAlarm;
-    agreement.StarsFitted = 4;
-    const double others = ConfidenceOf(same, agreement).Log10FalseAlarm;
-    EXPECT_NEAR(others / all, 0.8, 0.05);
-    agreement.Placements = 1000;
-    EXPECT_NEAR(ConfidenceOf(same, agreement).Log10FalseAlarm, others + 3, 1e-9);
-
+    constexpr int trials = 2000;
     double matched = 0;
     double expected = 0;
-    int rare = 0;
-    constexpr int trials = 3000;
+    std::array<int, 3> above{};
     for (int trial = 0; trial < trials; ++trial) {
-        PlateStarList catalog(1);
-        PlateStarList image(1);
-        for (int i = 0; i < 40; ++i) {
-            catalog.push_back(At(random.Between(0, 499), random.Between(0, 399)));
-            image.push_back(At(random.Between(0, 499), random.Between(0, 399)));
+        PlateStarList catalog = Scattered(40, random);
+        PlateStarList image = Scattered(40, random);
+        // A third of the images is clumped; so is the catalog of half of these.
+        for (int i = 3; trial % 3 == 0 && i <= 25; ++i) {
+            image[i] = At(random.Between(200, 260), random.Between(150, 210));
+            if (trial % 2 == 0) catalog[i] = At(random.Between(200, 260), random.Between(150, 210));
         }
-        MatchEvidence evidence{catalog, 40, image, 40, 500, 400};
-        evidence.Tolerance = 6;
-        const MatchConfidence confidence = ConfidenceOf(same, evidence);
-        matched += confidence.Matched;
-        expected += confidence.ExpectedByChance;
-        if (confidence.Log10FalseAlarm < -1) ++rare;
+        catalog[1] = image[1] = At(230, 180);
+        catalog[2] = image[2] = At(random.Between(0, 499), random.Between(0, 399));
+        MatchEvidence evidence = Through(1, 2, catalog, image);
+        evidence.Seed = {{0, 0}, {1, 1}};
+        const MatchConfidence confidence = ConfidenceOf(evidence);
+        if (trial % 3 != 0) {
+            matched += confidence.Matched - 2;
+            expected += confidence.ExpectedByChance - 2;
+        }
+        for (std::size_t k = 0; k < above.size(); ++k) {
+            if (confidence.Log10LikelihoodRatio >= 0.5 * static_cast<double>(k + 1)) ++above[k];
+        }
+        EXPECT_FALSE(IsSure(confidence));
     }
-    EXPECT_NEAR(matched / expected, 1, 0.05);
-    EXPECT_LT(rare, 0.1 * trials);
-    EXPECT_GT(rare, 0.01 * trials);
+    for (std::size_t k = 0; k < above.size(); ++k) {
+        const double bound = std::pow(10, -0.5 * static_cast<double>(k + 1)) * trials;
+        EXPECT_LT(above[k], bound + 3 * std::sqrt(bound)) << k;
+    }
+    EXPECT_GT(above[0], 0);
+    // The plate learns from stars met by chance and meets a few more.
+    EXPECT_GT(matched / expected, 0.9);
+    EXPECT_LT(matched / expected, 1.3);
+}
+
+TEST(Confidence, OfARightPlateIsSureFromFewStarsAndPaysForWhatWasTried) {
+    Random random(7);
+    for (int trial = 0; trial < 40; ++trial) {
+        PlateStarList catalog = Scattered(40, random);
+        PlateStarList image = catalog;
+        for (PlateStar& star : image) {
+            star.X += static_cast<float>(random.Between(-0.5, 0.5));
+            star.Y += static_cast<float>(random.Between(-0.5, 0.5));
+        }
+        // Every second star is in one list only: another one stands at its place in the other.
+        for (std::size_t i = 2; i <= 40; i += 2) image[i] = Scattered(1, random)[1];
+        const auto judge = [&](double tried) {
+            MatchEvidence evidence = Through(1, 9, catalog, image);
+            evidence.Trials = tried;
+            return ConfidenceOf(evidence);
+        };
+        const MatchConfidence once = judge(1);
+        EXPECT_TRUE(IsSure(once)) << once.Log10FalseAlarm;
+        EXPECT_GE(once.Matched, 18);
+        EXPECT_LE(once.Matched, 26);
+        EXPECT_NEAR(judge(1e6).Log10FalseAlarm - once.Log10FalseAlarm,
+                    Log10TrialsCharge(1e6) - Log10TrialsCharge(1), 1e-9);
+
+        // Two pairs agree with any plate, and three are no match either.
+        catalog.resize(4);
+        image = catalog;
+        const PlateStarList others = Scattered(20, random);
+        image.insert(image.end(), others.begin() + 1, others.end());
+        EXPECT_FALSE(IsSure(ConfidenceOf(Through(1, 2, catalog, image))));
+    }
+    double inverses = 0;
+    for (int n = 1; n < 1000000; ++n) inverses += std::pow(10, -Log10TrialsCharge(n));
+    EXPECT_LT(inverses, 1);
+    EXPECT_GT(inverses, 0.5);
 }
 
 }  // namespace

@@ -1,0 +1,55 @@
+// What is known of a plate from the pairs met so far: a recursive least-squares estimate with its
+// covariance, so that a prediction far from the pairs is as uncertain as it is.
+//
+// The scalar-update Kalman filter for a constant state (e.g. Gelb 1974, Applied Optimal Estimation,
+// section 4.2). The state is a correction, in pixels at the corner of the frame, to predicted
+// places: shift, turn and scale (unknown), stretch and skew, quadratic terms and a radial cubic
+// one (likely to be small).
+#pragma once
+
+#include <array>
+#include <cstddef>
+
+namespace vestrel {
+
+/// How far plates depart from a similarity, and stars from the plate.
+struct PlateSpread {
+    double Noise = 0.5;      ///< of a star's place about the plate, one axis, pixels (1 σ)
+    double Stretch = 0.004;  ///< of |Stretch| − 1 and of Skew (1 σ)
+    double Distortion = 0;   ///< of each term, at the corner, as a part of the half-diagonal (1 σ)
+};
+
+class PlatePosterior {
+ public:
+    /// @param halfDiagonal of the frame, pixels
+    /// @param stretch, skew mean of the correction's own: what makes the predicted places those of
+    ///                      a similarity
+    PlatePosterior(const PlateSpread& spread, double halfDiagonal, double stretch, double skew);
+
+    /// Where a star is, relative to its predicted place, and how uncertain that is; pixels.
+    struct Place {
+        double Dx = 0;
+        double Dy = 0;
+        double VarianceX = 0;
+        double VarianceY = 0;
+        double Covariance = 0;
+    };
+    /// @param u, v predicted place about the middle of the frame, in half-diagonals
+    Place Predict(double u, double v) const;
+
+    /// Takes in that the star predicted at (u, v) was seen (dx, dy) pixels from there.
+    /// @param variance of each axis
+    void Learn(double u, double v, double dx, double dy, double variance);
+
+ private:
+    static constexpr std::size_t terms = 13;
+    using Vector = std::array<double, terms>;
+    static void Rows(double u, double v, Vector& x, Vector& y);
+    Vector TimesCovariance(const Vector& row) const;
+    void LearnAxis(const Vector& row, double value, double variance);
+
+    Vector mean_{};
+    std::array<Vector, terms> covariance_{};
+};
+
+}  // namespace vestrel
