@@ -26,7 +26,8 @@ class ProgramArguments {
 class PreparedConsole {
  public:
     PreparedConsole();
-    ~PreparedConsole();
+    // It has something to do on Windows.
+    ~PreparedConsole();  // NOLINT(performance-trivially-destructible)
     PreparedConsole(const PreparedConsole&) = delete;
     PreparedConsole& operator=(const PreparedConsole&) = delete;
 
