@@ -6,9 +6,10 @@ target_compile_options(vestrel_settings_for_compiler INTERFACE
     -Wnon-virtual-dtor -Wold-style-cast -Wcast-qual
     # Fused multiply-adds would make results depend on the machine.
     -ffp-contract=off -fno-math-errno)
-# Byte and pixel loops are written to be vectorised, which -O2 leaves undone.
+# Byte and pixel loops are written to be vectorised, which -O2 leaves undone. Daily builds do without:
+# -O3 takes half as long again to compile.
 target_compile_options(vestrel_settings_for_compiler INTERFACE
-    $<$<CONFIG:RelWithDebInfo,Release>:-O3>)
+    $<$<CONFIG:Release>:-O3>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     # GCC 12 warns of overlaps inside its own std::string (GCC bug 105651).
     target_compile_options(vestrel_settings_for_compiler INTERFACE -Wno-restrict)
