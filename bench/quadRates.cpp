@@ -1,5 +1,5 @@
 // How often the quad search is right and wrong: on star lists of places in the tables, of places
-// that were taken out of the tables, and of random stars, spread evenly or crowded.
+// that are in no table (real ones, stretched), and of random stars, spread evenly or crowded.
 //
 //   vestrel-quad-rates CATALOG-FOLDER [LISTS]
 //
@@ -22,8 +22,8 @@
 namespace vestrel {
 namespace {
 
-enum class Kind { Known, Removed, Random, Crowded };
-constexpr const char* kindNames[] = {"known", "removed", "random", "crowded"};
+enum class Kind { Known, Stretched, Random, Crowded };
+constexpr const char* kindNames[] = {"known", "stretched", "random", "crowded"};
 
 /// A list of image stars, and what belongs to it.
 struct Trial {
@@ -72,7 +72,7 @@ PlateStarList ImageStars(const Trial& trial, Kind kind, const std::filesystem::p
     std::uniform_real_distribution<double> uniform(0, 1);
     const double limit = SolveMagnitudeLimit(trial.HalfDiagonal);
     std::vector<FrameStar> stars;
-    const bool inCatalog = kind == Kind::Known || kind == Kind::Removed;
+    const bool inCatalog = kind == Kind::Known || kind == Kind::Stretched;
     if (inCatalog) stars = CatalogFrameStars(catalog, trial.Geometry, limit);
     std::erase_if(stars, [&trial](const FrameStar& star) {
         return star.Place.X < 0 || star.Place.Y < 0 || star.Place.X > trial.Geometry.Width - 1 ||
@@ -92,6 +92,8 @@ PlateStarList ImageStars(const Trial& trial, Kind kind, const std::filesystem::p
         if (kind == Kind::Crowded) {
             star.Place = {800 + 70 * normal(generator), 600 + 70 * normal(generator)};
         }
+        // More than any plate may be.
+        if (kind == Kind::Stretched) star.Place.X *= 1.1;
         const double magnitude = star.Sky.Mag + normal(generator) / 6;
         list.push_back({static_cast<float>(star.Place.X + normal(generator) / 5),
                         static_cast<float>(star.Place.Y + normal(generator) / 5),
@@ -101,19 +103,6 @@ PlateStarList ImageStars(const Trial& trial, Kind kind, const std::filesystem::p
               [](const PlateStar& a, const PlateStar& b) { return a.Flux > b.Flux; });
     list.resize(std::min(list.size(), most + 1));
     return list;
-}
-
-/// The tables without the quads about a place.
-void RemoveRegion(QuadTables& tables, SkyPosition centre, double radius) {
-    const auto near = [&](const Quad& quad) {
-        const CatalogStar& star = tables.Stars[static_cast<std::size_t>(quad.Star1)];
-        return Separation(centre, {static_cast<double>(star.Ra), static_cast<double>(star.Dec)}) <
-               radius;
-    };
-    tables.Quads.erase(std::remove_if(tables.Quads.begin() + 1, tables.Quads.end(), near),
-                       tables.Quads.end());
-    tables.QuadCount = static_cast<std::int32_t>(tables.Quads.size()) - 1;
-    IndexTables(tables);
 }
 
 void Count(Counts& counts, const ProgramState& state, const Trial& trial, bool matched) {
@@ -127,42 +116,47 @@ void Count(Counts& counts, const ProgramState& state, const Trial& trial, bool m
     }
 }
 
+void OpenTables(ProgramState& state, const Trial& trial) {
+    if (LoadQuadTables(state, trial.Width, trial.Height)) return;
+    std::fprintf(stderr, "%s\n", state.Quads.Fault.c_str());
+    std::exit(1);
+}
+
 void Measure(ProgramState& state, const QuadBand& band, int lists) {
     SilentPort port;
-    const QuadTables whole = state.Quads.Tables;
     const double tolerance = state.Parameters.MaxError;
-    for (const Kind kind : {Kind::Known, Kind::Removed, Kind::Random, Kind::Crowded}) {
+    for (const Kind kind : {Kind::Known, Kind::Stretched, Kind::Random, Kind::Crowded}) {
         std::mt19937_64 random(static_cast<std::uint64_t>(kind) + 1);
         Counts first;
         Counts sure;
         double seconds = 0;
+        std::vector<std::uint64_t> read;
         for (int i = 0; i < lists; ++i) {
             const Trial trial = DrawTrial(band, random);
             state.Image.Width = trial.Geometry.Width;
             state.Image.Height = trial.Geometry.Height;
             state.PlateStars = ImageStars(trial, kind, state.Catalog.Folder, random);
             state.PlateStarCount = static_cast<std::int32_t>(state.PlateStars.size()) - 1;
-            if (kind == Kind::Removed) {
-                state.Quads.Tables = whole;
-                RemoveRegion(state.Quads.Tables,
-                             {trial.Geometry.CentreRa, trial.Geometry.CentreDec},
-                             2.5 * trial.HalfDiagonal);
-            }
+            OpenTables(state, trial);
             state.QuadMatch = {};
             Count(first, state, trial,
                   SearchQuads(state, port, state.PlateStars, state.PlateStarCount, trial.Width,
                               trial.Height, tolerance));
             state.QuadMatch = {};
+            OpenTables(state, trial);
             Count(sure, state, trial,
                   FindCentreByQuads(state, port, trial.Width, trial.Height, tolerance));
             seconds += state.QuadMatch.Seconds;
+            read.push_back(state.Quads.Tables.BytesRead());
         }
-        state.Quads.Tables = whole;
-        std::printf("%5.2f to %5.2f  %-8s %6d  %6d %6d %6d  %6d %6d %6d  %9.3f\n",
+        std::sort(read.begin(), read.end());
+        std::printf("%5.2f to %5.2f  %-9s %6d  %6d %6d %6d  %6d %6d %6d  %9.3f %6.1f %6.1f\n",
                     band.SmallestDiagonal * 180 / std::numbers::pi,
                     band.LargestDiagonal * 180 / std::numbers::pi,
                     kindNames[static_cast<int>(kind)], lists, first.Right, first.Wrong, first.None,
-                    sure.Right, sure.Wrong, sure.None, seconds / lists);
+                    sure.Right, sure.Wrong, sure.None, seconds / lists,
+                    static_cast<double>(read[read.size() / 2]) / 1e6,
+                    static_cast<double>(read.back()) / 1e6);
         std::fflush(stdout);
     }
 }
@@ -178,14 +172,10 @@ int Run(const std::filesystem::path& folder, int lists) {
         return 1;
     }
     std::printf(
-        "diagonal, deg   stars     lists  five pairs:           sure match:\n"
-        "                                 right  wrong   none   right  wrong   none  "
-        "seconds\n");
+        "diagonal, deg   stars      lists  five pairs:           sure match:\n"
+        "                                  right  wrong   none   right  wrong   none    "
+        "seconds  MB read, most\n");
     for (const QuadBand& band : bands) {
-        if (!ReadQuadBand(file.get(), band, state->Quads.Tables, fault)) {
-            std::fprintf(stderr, "%s %s\n", QuadFileName, fault.c_str());
-            return 1;
-        }
         Measure(*state, band, lists);
     }
     return 0;

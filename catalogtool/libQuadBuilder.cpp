@@ -5,6 +5,7 @@
 #include <cmath>
 #include <numbers>
 #include <tuple>
+#include <unordered_map>
 
 #include "astro/libParallel.h"
 
@@ -13,11 +14,17 @@ namespace vestrel {
 namespace {
 
 using std::numbers::pi;
-using Direction = QuadSky::Direction;
 
 constexpr double radiansPerDegree = pi / 180;
 /// How far the stars of a quad may lie from its central one, on the plane of a frame.
 constexpr double neighbourRadius = 1.5 * radiansPerDegree;
+
+/// Unit vector.
+struct Direction {
+    double X = 0;
+    double Y = 0;
+    double Z = 0;
+};
 
 double Dot(const Direction& a, const Direction& b) {
     return a.X * b.X + a.Y * b.Y + a.Z * b.Z;
@@ -27,58 +34,61 @@ Direction DirectionOf(double ra, double dec) {
     return {std::cos(dec) * std::cos(ra), std::cos(dec) * std::sin(ra), std::sin(dec)};
 }
 
+double MiddleDiagonal(const QuadPlan& plan) {
+    return std::sqrt(plan.SmallestDiagonal * plan.LargestDiagonal) * radiansPerDegree;
+}
+
+/// The cells in which the brightest stars of a plan's frames are looked for.
+SkyCells CellsFor(const QuadPlan& plan) {
+    return SkyCells(MiddleDiagonal(plan) / 2.2);
+}
+
 /// The sky in cells, each with its brightest stars only, so that a frame's brightest are found
 /// quickly.
-class SkyCells {
+class BrightCells {
  public:
-    SkyCells(const QuadSky& sky, double cellSize, std::size_t starsPerCell) {
-        zones_ = std::max(1, static_cast<int>(std::ceil(pi / cellSize)));
-        height_ = pi / zones_;
-        int cells = 0;
-        for (int z = 0; z < zones_; ++z) {
-            const double middle = (z + 0.5) * height_ - pi / 2;
-            first_.push_back(cells);
-            count_.push_back(std::max(1, static_cast<int>(2 * pi * std::cos(middle) / height_)));
-            cells += count_.back();
+    struct Star {
+        std::int32_t Place = 0;  ///< in the sky: the fainter, the larger
+        Direction At;
+    };
+
+    BrightCells(const std::vector<CatalogStar>& sky, const QuadPlan& plan)
+        : cells_(CellsFor(plan)) {
+        const auto most = static_cast<std::uint32_t>(plan.StarsPerFrame);
+        const auto cellOf = [&](const CatalogStar& star) {
+            return cells_.CellOf(static_cast<double>(star.Ra), static_cast<double>(star.Dec));
+        };
+        std::vector<std::uint32_t> counts(cells_.Count());
+        for (const CatalogStar& star : sky) {
+            std::uint32_t& count = counts[cellOf(star)];
+            count = std::min(count + 1, most);
         }
-        stars_.resize(static_cast<std::size_t>(cells));
-        for (std::size_t i = 0; i < sky.Stars.size(); ++i) {
-            const std::size_t z = ZoneOf(static_cast<double>(sky.Stars[i].Dec));
-            const int slice =
-                static_cast<int>(static_cast<double>(sky.Stars[i].Ra) / (2 * pi) * count_[z]);
-            auto& cell = stars_[Place(z, std::clamp(slice, 0, count_[z] - 1))];
-            if (cell.size() < starsPerCell) cell.push_back(static_cast<std::int32_t>(i));
+        starts_.push_back(0);
+        for (const std::uint32_t count : counts) starts_.push_back(starts_.back() + count);
+        stars_.resize(starts_.back());
+        std::fill(counts.begin(), counts.end(), 0);
+        for (std::size_t i = 0; i < sky.size(); ++i) {
+            const std::uint32_t cell = cellOf(sky[i]);
+            if (counts[cell] == most) continue;
+            stars_[starts_[cell] + counts[cell]++] = {
+                static_cast<std::int32_t>(i),
+                DirectionOf(static_cast<double>(sky[i].Ra), static_cast<double>(sky[i].Dec))};
         }
     }
 
-    /// Calls `visit` with the stars of every cell that a circle touches.
+    /// Calls `visit` with every star of the cells that a circle touches.
     template <typename Visit>
     void Around(double ra, double dec, double radius, Visit visit) const {
-        const bool pole = std::fabs(dec) + radius >= pi / 2;
-        const double reach = pole ? pi : std::asin(std::min(1.0, std::sin(radius) / std::cos(dec)));
-        for (std::size_t z = ZoneOf(dec - radius); z <= ZoneOf(dec + radius); ++z) {
-            const int n = count_[z];
-            const auto low = static_cast<int>(std::floor((ra - reach) / (2 * pi) * n));
-            const auto high = static_cast<int>(std::floor((ra + reach) / (2 * pi) * n));
-            const int slices = std::min(high - low + 1, n);
-            for (int s = low; s < low + slices; ++s) visit(stars_[Place(z, (s % n + n) % n)]);
-        }
+        cells_.Around(ra, dec, radius, [&](std::uint32_t first, std::uint32_t count) {
+            for (std::uint32_t i = starts_[first]; i < starts_[first + count]; ++i)
+                visit(stars_[i]);
+        });
     }
 
  private:
-    std::size_t ZoneOf(double dec) const {
-        return static_cast<std::size_t>(
-            std::clamp(static_cast<int>((dec + pi / 2) / height_), 0, zones_ - 1));
-    }
-    std::size_t Place(std::size_t zone, int slice) const {
-        return static_cast<std::size_t>(first_[zone] + slice);
-    }
-
-    int zones_ = 0;
-    double height_ = 0;
-    std::vector<int> first_;
-    std::vector<int> count_;
-    std::vector<std::vector<std::int32_t>> stars_;
+    SkyCells cells_;
+    std::vector<std::uint32_t> starts_;  ///< of each cell in `stars_`
+    std::vector<Star> stars_;
 };
 
 struct FrameStar {
@@ -102,12 +112,9 @@ StarQuad Sorted(StarQuad quad) {
 /// The frames that a plan lays on the sky, by number.
 class FrameSet {
  public:
-    FrameSet(const QuadSky& sky, const QuadPlan& plan)
-        : sky_(sky),
-          plan_(plan),
-          cells_(sky, MiddleDiagonal() / 2.2, static_cast<std::size_t>(plan.StarsPerFrame)) {
+    FrameSet(const QuadSky& sky, const QuadPlan& plan) : plan_(plan), cells_(sky.Stars(), plan) {
         // A frame of 4 : 3 covers 0.48 of the square of its diagonal.
-        const double area = MiddleDiagonal() * MiddleDiagonal() * 0.48;
+        const double area = MiddleDiagonal(plan) * MiddleDiagonal(plan) * 0.48;
         count_ = static_cast<std::int64_t>(4 * pi / area * plan.FramesPerField);
     }
 
@@ -134,19 +141,18 @@ class FrameSet {
                               std::cos(dec)};
         const double halfWidth = std::tan(width / 2);
         const double halfHeight = std::tan(width / aspect / 2);
+        const double cosTurn = std::cos(turn);
+        const double sinTurn = std::sin(turn);
         stars.clear();
-        cells_.Around(ra, dec, diagonal / 2 * 1.1, [&](const std::vector<std::int32_t>& cell) {
-            for (const std::int32_t star : cell) {
-                const Direction& d = sky_.Directions[static_cast<std::size_t>(star)];
-                const double z = Dot(d, centre);
-                if (z <= 0) continue;
-                const double e = Dot(d, east) / z;
-                const double n = Dot(d, north) / z;
-                const double x = e * std::cos(turn) + n * std::sin(turn);
-                const double y = n * std::cos(turn) - e * std::sin(turn);
-                if (std::fabs(x) <= halfWidth && std::fabs(y) <= halfHeight) {
-                    stars.push_back({star, x, y});
-                }
+        cells_.Around(ra, dec, diagonal / 2 * 1.1, [&](const BrightCells::Star& star) {
+            const double z = Dot(star.At, centre);
+            if (z <= 0) return;
+            const double e = Dot(star.At, east) / z;
+            const double n = Dot(star.At, north) / z;
+            const double x = e * cosTurn + n * sinTurn;
+            const double y = n * cosTurn - e * sinTurn;
+            if (std::fabs(x) <= halfWidth && std::fabs(y) <= halfHeight) {
+                stars.push_back({star.Place, x, y});
             }
         });
         const auto brighter = [](const FrameStar& a, const FrameStar& b) {
@@ -162,13 +168,8 @@ class FrameSet {
     }
 
  private:
-    double MiddleDiagonal() const {
-        return std::sqrt(plan_.SmallestDiagonal * plan_.LargestDiagonal) * radiansPerDegree;
-    }
-
-    const QuadSky& sky_;
     const QuadPlan& plan_;
-    SkyCells cells_;
+    BrightCells cells_;
     std::int64_t count_ = 0;
 };
 
@@ -236,34 +237,7 @@ void KeepUnique(std::vector<T>& list) {
     list.erase(std::unique(list.begin(), list.end()), list.end());
 }
 
-/// The chord between two stars: at a few degrees as good as any other distance.
-double Chord(const Direction& a, const Direction& b) {
-    return std::sqrt((a.X - b.X) * (a.X - b.X) + (a.Y - b.Y) * (a.Y - b.Y) +
-                     (a.Z - b.Z) * (a.Z - b.Z));
-}
-
-/// The table's record of a quad; the table's stars are given by their places in the sky.
-Quad QuadRecord(const QuadSky& sky, const StarQuad& quad, const std::vector<std::int32_t>& stars) {
-    const auto direction = [&](std::size_t k) -> const Direction& {
-        return sky.Directions[static_cast<std::size_t>(quad[k])];
-    };
-    Quad record =
-        QuadFromDistances(Chord(direction(0), direction(1)), Chord(direction(0), direction(2)),
-                          Chord(direction(0), direction(3)), Chord(direction(1), direction(2)),
-                          Chord(direction(1), direction(3)), Chord(direction(2), direction(3)));
-    const auto place = [&](std::size_t k) {
-        return static_cast<std::int32_t>(std::lower_bound(stars.begin(), stars.end(), quad[k]) -
-                                         stars.begin()) +
-               1;
-    };
-    record.Star1 = place(0);
-    record.Star2 = place(1);
-    record.Star3 = place(2);
-    record.Star4 = place(3);
-    return record;
-}
-
-/// What a run of consecutive frames gives.
+/// What a run of consecutive frames gives, in order.
 struct FrameRun {
     std::vector<StarQuad> Quads;
     std::vector<std::int32_t> Stars;
@@ -273,86 +247,164 @@ FrameRun GatherRun(const FrameSet& frames, const QuadPlan& plan, std::int64_t be
                    std::int64_t end) {
     FrameRun run;
     std::vector<FrameStar> stars;
+    // Neighbouring frames share most of what they have: what is held is made unique now and then.
+    std::size_t enough = 1U << 17;
     for (std::int64_t i = begin; i < end; ++i) {
         frames.StarsOf(i, stars);
         for (const FrameStar& star : stars) run.Stars.push_back(star.Star);
         (plan.SharedBrightest ? AddNarrowQuads : AddWideQuads)(stars, plan, run.Quads);
+        if (run.Quads.size() + run.Stars.size() > enough) {
+            KeepUnique(run.Quads);
+            KeepUnique(run.Stars);
+            enough = 2 * (run.Quads.size() + run.Stars.size()) + (1U << 17);
+        }
     }
-    // Neighbouring frames share most of what they have: this keeps memory small.
     KeepUnique(run.Quads);
     KeepUnique(run.Stars);
+    run.Quads.shrink_to_fit();
+    run.Stars.shrink_to_fit();
     return run;
+}
+
+/// The quads of all runs, each once, in order. The runs lose theirs.
+std::vector<StarQuad> MergeQuads(std::vector<FrameRun>& runs) {
+    // Slices by the first star, of about equal size as the longest run shows.
+    const auto& longest =
+        std::max_element(runs.begin(), runs.end(), [](const auto& a, const auto& b) {
+            return a.Quads.size() < b.Quads.size();
+        })->Quads;
+    constexpr std::size_t sliceCount = 64;
+    std::vector<StarQuad> bounds;
+    for (std::size_t i = 1; i < sliceCount && !longest.empty(); ++i) {
+        bounds.push_back({longest[longest.size() * i / sliceCount][0], 0, 0, 0});
+    }
+    std::vector<std::vector<StarQuad>> slices(bounds.size() + 1);
+    ParallelFor(static_cast<int>(slices.size()), [&](int number) {
+        const auto slice = static_cast<std::size_t>(number);
+        std::vector<StarQuad> quads;
+        for (const FrameRun& run : runs) {
+            const auto place = [&run](const StarQuad& bound) {
+                return std::lower_bound(run.Quads.begin(), run.Quads.end(), bound);
+            };
+            const auto begin = slice == 0 ? run.Quads.begin() : place(bounds[slice - 1]);
+            const auto end = slice == bounds.size() ? run.Quads.end() : place(bounds[slice]);
+            quads.insert(quads.end(), begin, std::max(begin, end));
+        }
+        KeepUnique(quads);
+        slices[slice].assign(quads.begin(), quads.end());
+    });
+    for (FrameRun& run : runs) run.Quads = {};
+    std::vector<StarQuad> all;
+    std::size_t count = 0;
+    for (const auto& slice : slices) count += slice.size();
+    all.reserve(count);
+    for (auto& slice : slices) {
+        all.insert(all.end(), slice.begin(), slice.end());
+        slice = {};
+    }
+    return all;
+}
+
+/// A plan for narrow fields.
+constexpr QuadPlan Narrow(double from, double to, double framesPerField) {
+    QuadPlan plan;
+    plan.SmallestDiagonal = from;
+    plan.LargestDiagonal = to;
+    plan.FramesPerField = framesPerField;
+    plan.StarsPerFrame = 25;
+    plan.SharedBrightest = true;
+    plan.BrightestLost = 4;
+    plan.Gaps = 1;
+    return plan;
+}
+
+/// A plan for wide fields.
+constexpr QuadPlan Wide(double from, double to, int starsPerFrame, int centralStars) {
+    QuadPlan plan;
+    plan.SmallestDiagonal = from;
+    plan.LargestDiagonal = to;
+    plan.FramesPerField = 16;
+    plan.StarsPerFrame = starsPerFrame;
+    plan.CentralStars = centralStars;
+    plan.Neighbours = 4;
+    return plan;
 }
 
 }  // namespace
 
 const std::vector<QuadPlan>& QuadPlans() {
     static const std::vector<QuadPlan> plans = {
-        {0.9, 1.25, 9, 25, true, 4, 1, 0, 0},  {1.25, 1.75, 16, 25, true, 4, 1, 0, 0},
-        {1.75, 2.5, 16, 25, true, 4, 1, 0, 0}, {2.5, 3.5, 16, 25, true, 4, 1, 0, 0},
-        {3.5, 5, 16, 25, false, 0, 0, 8, 4},   {5, 7.1, 16, 25, false, 0, 0, 16, 4},
-        {7.1, 10, 16, 40, false, 0, 0, 32, 4}, {10, 18, 16, 60, false, 0, 0, 50, 4},
+        Narrow(0.2, 0.28, 9),  Narrow(0.28, 0.4, 9),   Narrow(0.4, 0.6, 9),   Narrow(0.6, 0.9, 9),
+        Narrow(0.9, 1.25, 9),  Narrow(1.25, 1.75, 16), Narrow(1.75, 2.5, 16), Narrow(2.5, 3.5, 16),
+        Wide(3.5, 5, 25, 8),   Wide(5, 7.1, 25, 16),   Wide(7.1, 10, 40, 32), Wide(10, 18, 60, 50),
+        Wide(18, 30, 100, 90),
     };
     return plans;
 }
 
-QuadSky MakeQuadSky(std::vector<CatalogStar> stars) {
-    QuadSky sky;
-    sky.Stars = std::move(stars);
-    // By position where the magnitudes are equal: the order of reading must not matter.
-    std::sort(sky.Stars.begin(), sky.Stars.end(), [](const CatalogStar& a, const CatalogStar& b) {
-        return std::tie(a.Mag, a.Dec, a.Ra) < std::tie(b.Mag, b.Dec, b.Ra);
-    });
-    sky.Directions.reserve(sky.Stars.size());
-    for (const CatalogStar& star : sky.Stars) {
-        sky.Directions.push_back(
-            DirectionOf(static_cast<double>(star.Ra), static_cast<double>(star.Dec)));
+std::vector<QuadPlan> PlansFor(double smallestDiagonal, double largestDiagonal) {
+    std::vector<QuadPlan> chosen;
+    for (QuadPlan plan : QuadPlans()) {
+        plan.SmallestDiagonal = std::max(plan.SmallestDiagonal, smallestDiagonal);
+        plan.LargestDiagonal = std::min(plan.LargestDiagonal, largestDiagonal);
+        if (plan.SmallestDiagonal < plan.LargestDiagonal) chosen.push_back(plan);
     }
-    return sky;
+    return chosen;
 }
 
-QuadTables BuildQuadTables(const QuadSky& sky, const QuadPlan& plan,
-                           const std::function<void(int done, int total)>& progress) {
-    const FrameSet frames(sky, plan);
-    constexpr int runCount = 256;
+QuadSky::QuadSky(const std::vector<QuadPlan>& plans) : cells_(CellsFor(plans.front())) {
+    for (const QuadPlan& plan : plans) {
+        mostInCell_ = std::max(mostInCell_, static_cast<std::size_t>(plan.StarsPerFrame));
+    }
+}
+
+void QuadSky::Add(std::vector<CatalogStar> cell) {
+    std::sort(cell.begin(), cell.end(), ComesBefore);
+    std::unordered_map<std::uint32_t, std::size_t> counts;
+    for (const CatalogStar& star : cell) {
+        std::size_t& count =
+            counts[cells_.CellOf(static_cast<double>(star.Ra), static_cast<double>(star.Dec))];
+        if (++count <= mostInCell_) stars_.push_back(star);
+    }
+}
+
+void QuadSky::Finish() {
+    std::sort(stars_.begin(), stars_.end(), ComesBefore);
+}
+
+QuadList BuildQuadList(const QuadSky& sky, const QuadPlan& plan,
+                       const std::function<void(int done, int total)>& progress) {
+    constexpr int runCount = 32;
     std::vector<FrameRun> runs(runCount);
-    ParallelFor(
-        runCount,
-        [&](int r) {
-            runs[static_cast<std::size_t>(r)] = GatherRun(
-                frames, plan, frames.Count() * r / runCount, frames.Count() * (r + 1) / runCount);
-        },
-        progress);
-    std::vector<StarQuad> quads;
+    {
+        const FrameSet frames(sky, plan);
+        ParallelFor(
+            runCount,
+            [&](int r) {
+                runs[static_cast<std::size_t>(r)] =
+                    GatherRun(frames, plan, frames.Count() * r / runCount,
+                              frames.Count() * (r + 1) / runCount);
+            },
+            progress);
+    }
+    QuadList list;
     std::vector<std::int32_t> stars;
     for (FrameRun& run : runs) {
-        quads.insert(quads.end(), run.Quads.begin(), run.Quads.end());
         stars.insert(stars.end(), run.Stars.begin(), run.Stars.end());
-        run = {};
+        run.Stars = {};
     }
-    KeepUnique(quads);
     KeepUnique(stars);
+    list.Quads = MergeQuads(runs);
 
-    QuadTables tables;
-    tables.Stars.resize(1);
-    tables.Stars.reserve(stars.size() + 1);
+    std::vector<std::int32_t> placeOf(sky.Stars().size());
     for (const std::int32_t star : stars) {
-        tables.Stars.push_back(sky.Stars[static_cast<std::size_t>(star)]);
+        placeOf[static_cast<std::size_t>(star)] = static_cast<std::int32_t>(list.Stars.size());
+        list.Stars.push_back(sky.Stars()[static_cast<std::size_t>(star)]);
     }
-    tables.StarCount = static_cast<std::int32_t>(stars.size());
-    tables.Quads.resize(1);
-    tables.Quads.reserve(quads.size() + 1);
-    for (const StarQuad& quad : quads) {
-        const Quad record = QuadRecord(sky, quad, stars);
-        // Stars at the same place have no shape.
-        if (record.QuadKey >= 0) tables.Quads.push_back(record);
+    for (StarQuad& quad : list.Quads) {
+        for (std::int32_t& star : quad) star = placeOf[static_cast<std::size_t>(star)];
     }
-    tables.QuadCount = static_cast<std::int32_t>(tables.Quads.size()) - 1;
-    std::sort(tables.Quads.begin() + 1, tables.Quads.end(), [](const Quad& a, const Quad& b) {
-        return std::tie(a.QuadKey, a.Star1, a.Star2, a.Star3, a.Star4) <
-               std::tie(b.QuadKey, b.Star1, b.Star2, b.Star3, b.Star4);
-    });
-    return tables;
+    return list;
 }
 
 }  // namespace vestrel

@@ -5,12 +5,13 @@
 // that they would form go into the tables.
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <functional>
 #include <vector>
 
 #include "catalog/libCatalogCells.h"
-#include "matching/libQuads.h"
+#include "matching/libQuadFile.h"
+#include "matching/libSkyCells.h"
 
 namespace vestrel {
 
@@ -30,25 +31,35 @@ struct QuadPlan {
     int Neighbours = 0;     ///< wide: three of so many brightest neighbours join each of them
 };
 
-/// The ranges and what was found to serve them (docs/QUADS.md).
+/// The ranges and what was found to serve them (docs/QUADS.md), the smallest fields first.
 const std::vector<QuadPlan>& QuadPlans();
 
-/// All stars of a catalog, brightest first.
-struct QuadSky {
-    /// Unit vector.
-    struct Direction {
-        double X = 0;
-        double Y = 0;
-        double Z = 0;
-    };
-    std::vector<CatalogStar> Stars;
-    std::vector<Direction> Directions;  ///< of `Stars`
-};
-QuadSky MakeQuadSky(std::vector<CatalogStar> stars);
+/// The plans for fields whose diagonals lie in a range (degrees): none when there are no such.
+std::vector<QuadPlan> PlansFor(double smallestDiagonal, double largestDiagonal);
 
-/// Makes the tables for one range. The result does not depend on the number of threads.
+/// Takes the stars of a catalog cell by cell and keeps those that the tables of some plans can
+/// have.
+class QuadSky {
+ public:
+    explicit QuadSky(const std::vector<QuadPlan>& plans);
+
+    /// Adds the stars of a cell of the catalog.
+    void Add(std::vector<CatalogStar> cell);
+    /// To be called after the last cell.
+    void Finish();
+
+    /// Brightest first.
+    const std::vector<CatalogStar>& Stars() const { return stars_; }
+
+ private:
+    SkyCells cells_;
+    std::size_t mostInCell_ = 0;
+    std::vector<CatalogStar> stars_;
+};
+
+/// Makes the table for one range. The result does not depend on the number of threads.
 /// @param progress is told how much is done, on the calling thread; it may throw to stop
-QuadTables BuildQuadTables(const QuadSky& sky, const QuadPlan& plan,
-                           const std::function<void(int done, int total)>& progress = {});
+QuadList BuildQuadList(const QuadSky& sky, const QuadPlan& plan,
+                       const std::function<void(int done, int total)>& progress = {});
 
 }  // namespace vestrel

@@ -17,54 +17,64 @@ namespace vestrel {
 
 namespace {
 
-std::vector<CatalogStar> ReadAllStars(const std::filesystem::path& folder, ProgressLine& progress) {
-    std::vector<CatalogStar> all;
+/// The range of fields that a catalog like Tycho-2 has the stars for.
+constexpr double usualFrom = 0.9;
+constexpr double usualTo = 30;
+
+QuadSky ReadSky(const std::filesystem::path& folder, const std::vector<QuadPlan>& plans,
+                ProgressLine& progress) {
+    QuadSky sky(plans);
     std::vector<CatalogStar> cell;
     const std::vector<CellPosition>& cells = AllCells();
     for (std::size_t i = 0; i < cells.size(); ++i) {
-        progress.Show("Reading cells", i, cells.size(), all.size());
+        progress.Show("Reading cells", i, cells.size(), sky.Stars().size());
         const std::filesystem::path file = folder / CellName(cells[i]);
         std::error_code ignored;
         if (!ReadCellFile(file, cell) && std::filesystem::exists(file, ignored)) {
             throw ToolFailure(ExitBadInput, TextFromPath(file) + ": cannot be read");
         }
-        for (const CatalogStar& star : cell) {
-            if (IsStoredPosition(star.Ra, star.Dec)) all.push_back(star);
-        }
+        std::erase_if(cell,
+                      [](const CatalogStar& star) { return !IsStoredPosition(star.Ra, star.Dec); });
+        sky.Add(cell);
     }
-    if (all.empty()) {
+    if (sky.Stars().empty()) {
         throw ToolFailure(ExitBadInput, TextFromPath(folder) + ": the catalog has no stars");
     }
-    return all;
+    sky.Finish();
+    return sky;
 }
 
-void MakeTables(const std::filesystem::path& folder) {
+void MakeTables(const std::filesystem::path& folder, double from, double to) {
+    const std::vector<QuadPlan> plans = PlansFor(from, to);
+    if (plans.empty()) {
+        throw ToolFailure(ExitWrongUsage,
+                          "there are quads for fields of " +
+                              NumberText(QuadPlans().front().SmallestDiagonal) + " to " +
+                              NumberText(QuadPlans().back().LargestDiagonal) + " degrees across");
+    }
     ProgressLine progress(stderr);
-    const QuadSky sky = MakeQuadSky(ReadAllStars(folder, progress));
+    const QuadSky sky = ReadSky(folder, plans, progress);
     const std::filesystem::path path = folder / QuadFileName;
-    const std::vector<QuadPlan>& plans = QuadPlans();
     std::uint64_t quads = 0;
     try {
         QuadFileWriter writer(path, static_cast<std::uint32_t>(plans.size()));
         for (const QuadPlan& plan : plans) {
-            const QuadTables tables = BuildQuadTables(sky, plan, [&](int done, int total) {
-                progress.Show("Fields of " + RoundedText(plan.SmallestDiagonal, 2) + " to " +
-                                  RoundedText(plan.LargestDiagonal, 2) + " degrees",
-                              static_cast<std::uint64_t>(done), static_cast<std::uint64_t>(total),
-                              quads);
-            });
-            writer.Add(plan.SmallestDiagonal * Pi / 180, plan.LargestDiagonal * Pi / 180, tables);
-            quads += static_cast<std::uint64_t>(tables.QuadCount);
+            const std::string fields = "ields of " + RoundedText(plan.SmallestDiagonal, 2) +
+                                       " to " + RoundedText(plan.LargestDiagonal, 2) + " degrees";
+            writer.Add(plan.SmallestDiagonal * Pi / 180, plan.LargestDiagonal * Pi / 180,
+                       BuildQuadList(sky, plan, [&](int done, int total) {
+                           progress.Show("F" + fields, static_cast<std::uint64_t>(done),
+                                         static_cast<std::uint64_t>(total), quads);
+                       }));
+            const QuadBand& band = writer.Bands().back();
+            quads += band.QuadCount;
+            progress.Clear();
+            std::printf("f%s across: %s quads of %s stars, %s MB\n", fields.c_str(),
+                        GroupedText(band.QuadCount).c_str(), GroupedText(band.StarCount).c_str(),
+                        GroupedText((band.Part.Stored() + 500'000) / 1'000'000).c_str());
         }
         ThrowIfStopped();
         writer.Commit();
-        progress.Clear();
-        for (const QuadBand& band : writer.Bands()) {
-            std::printf("fields of %5s to %5s degrees across: %11s quads of %10s stars\n",
-                        RoundedText(band.SmallestDiagonal * 180 / Pi, 2).c_str(),
-                        RoundedText(band.LargestDiagonal * 180 / Pi, 2).c_str(),
-                        GroupedText(band.QuadCount).c_str(), GroupedText(band.StarCount).c_str());
-        }
     } catch (const std::system_error& error) {
         throw ToolFailure(ExitCannotWrite, error.what());
     }
@@ -79,9 +89,21 @@ void AddQuadsCommand(CLI::App& program, int& exitCode) {
         "Make the quad tables of the catalog, for solving without a starting centre; the old ones "
         "stay until the new ones are complete");
     const auto folder = std::make_shared<std::string>();
+    const auto from = std::make_shared<double>(usualFrom);
+    const auto to = std::make_shared<double>(usualTo);
     AddCatalogOption(command, *folder);
-    command.callback([folder, &exitCode] {
-        MakeTables(ExistingCatalog(*folder));
+    command
+        .add_option(
+            "--from", *from,
+            "Diagonal of the smallest fields, degrees, 0.2 or more. Fields below 0.9 need a "
+            "catalog deeper than Tycho-2")
+        ->type_name("DEGREES")
+        ->capture_default_str();
+    command.add_option("--to", *to, "Diagonal of the largest fields, degrees, 30 or less")
+        ->type_name("DEGREES")
+        ->capture_default_str();
+    command.callback([folder, from, to, &exitCode] {
+        MakeTables(ExistingCatalog(*folder), *from, *to);
         exitCode = ExitGood;
     });
 }

@@ -1,33 +1,24 @@
 #include "matching/libQuadFile.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cassert>
 #include <cerrno>
 #include <cmath>
-#include <cstring>
-#include <span>
 #include <system_error>
+
+#include "matching/libQuadTables.h"
+#include "matching/libSkyCells.h"
 
 namespace vestrel {
 
 namespace {
 
-// Tables are read and written as they stand in memory.
+// Numbers are read and written as they stand in memory.
 static_assert(std::endian::native == std::endian::little, "the file is little-endian");
 
-/// A record of the quad star table, without the gap at its end that could hold anything.
-struct StoredStar {
-    float Ra = 0;
-    float Dec = 0;
-    std::int16_t Mag = 0;
-    std::int16_t Unused = 0;
-};
-static_assert(sizeof(StoredStar) == 12);
-
 constexpr std::array<char, 8> magic = {'V', 'Q', 'U', 'A', 'D', 'S', '\r', '\n'};
-constexpr std::uint32_t formatVersion = 1;
+constexpr std::uint32_t formatVersion = 2;
 constexpr std::uint32_t mostBands = 64;
 
 struct FileHead {
@@ -36,61 +27,96 @@ struct FileHead {
     std::uint32_t BandCount = 0;
     std::uint64_t BandsChecksum = 0;
 };
-static_assert(sizeof(FileHead) == 24 && sizeof(QuadBand) == 40);
-
-/// A 64-bit checksum that keeps up with the disk: eight bytes at a time in four lanes, each turned
-/// and multiplied (the scheme of the xxHash family). It finds damage, not forgery.
-std::uint64_t FastChecksum(const void* data, std::size_t length) {
-    constexpr std::uint64_t first = 0x9E3779B185EBCA87;
-    constexpr std::uint64_t second = 0xC2B2AE3D27D4EB4F;
-    std::array<std::uint64_t, 4> lanes = {first + second, second, 1, length};
-    const auto* bytes = static_cast<const unsigned char*>(data);
-    const auto mix = [&](std::uint64_t& lane, std::size_t part) {
-        std::uint64_t word = 0;
-        std::memcpy(&word, bytes, part);
-        lane = std::rotl(lane + word * second, 31) * first;
-        bytes += part;
-        length -= part;
-    };
-    while (length >= 32) {
-        for (std::uint64_t& lane : lanes) mix(lane, 8);
-    }
-    for (std::size_t lane = 0; length > 0; ++lane)
-        mix(lanes[lane], std::min<std::size_t>(length, 8));
-    std::uint64_t sum = 0;
-    for (const std::uint64_t lane : lanes) sum = (std::rotl(sum, 17) * second) ^ lane;
-    return sum ^ (sum >> 32);
-}
-
-/// Of the stars and quads that follow each other in the file.
-std::uint64_t TablesChecksum(std::span<const StoredStar> stars, std::span<const Quad> quads) {
-    return std::rotl(FastChecksum(stars.data(), stars.size_bytes()), 1) ^
-           FastChecksum(quads.data(), quads.size_bytes());
-}
+static_assert(sizeof(FileHead) == 24 && sizeof(QuadBand) == 64);
 
 std::uint64_t BandsChecksum(const std::vector<QuadBand>& bands) {
     return FastChecksum(bands.data(), bands.size() * sizeof(QuadBand));
-}
-
-std::uint64_t BandBytes(const QuadBand& band) {
-    return std::uint64_t{band.StarCount} * sizeof(StoredStar) +
-           std::uint64_t{band.QuadCount} * sizeof(Quad);
 }
 
 bool Read(std::FILE* file, void* bytes, std::size_t length) {
     return length == 0 || std::fread(bytes, 1, length, file) == length;
 }
 
-/// Whether a search can rely on the tables: keys in rising order, positions that are numbers.
-bool AreInOrder(const QuadTables& tables) {
-    for (std::size_t i = 1; i < tables.Quads.size(); ++i) {
-        const float key = tables.Quads[i].QuadKey;
-        if (!(key >= 0) || (i > 1 && !(key >= tables.Quads[i - 1].QuadKey))) return false;
+/// Whether a band's numbers go together and its part lies in a file of this length.
+bool IsSound(const QuadBand& band, std::uint64_t fileLength) {
+    constexpr std::uint32_t mostRecords = 0x7FFFFFFE;
+    constexpr double smallestCell = 2e-4;  // 80 million cells
+    if (!(band.CellSize >= smallestCell && band.CellSize <= 4) || band.StarCount > mostRecords ||
+        band.QuadCount > mostRecords || band.PlaceBits > 32 || band.OffsetBits > 32) {
+        return false;
     }
-    for (std::size_t i = 1; i < tables.Stars.size(); ++i) {
-        if (!std::isfinite(tables.Stars[i].Ra) || !std::isfinite(tables.Stars[i].Dec)) return false;
+    const PagedPart& part = band.Part;
+    return part.Offset <= fileLength && part.Length <= fileLength &&
+           part.Stored() <= fileLength - part.Offset && part.Length == LayoutOf(band).End;
+}
+
+std::uint16_t BitsFor(std::uint32_t largest) {
+    return static_cast<std::uint16_t>(std::bit_width(largest));
+}
+
+/// A ratio in 1024 steps.
+std::uint32_t FineStep(float ratio) {
+    return static_cast<std::uint32_t>(std::clamp(static_cast<double>(ratio) * 1024, 0.0, 1023.0));
+}
+
+/// The cell of a quad and, in its packed form, the rest of its shape: the last four bits of the
+/// ratios 1, 3 and 5, ten bits of the ratios 2 and 4.
+struct StoredShape {
+    std::uint32_t Cell = 0;
+    std::uint32_t Packed = 0;
+
+    explicit StoredShape(const Quad& shape) {
+        const std::uint32_t r1 = FineStep(shape.Ratio1);
+        const std::uint32_t r3 = FineStep(shape.Ratio3);
+        const std::uint32_t r5 = FineStep(shape.Ratio5);
+        Cell = ShapeCell(r1 / 16, r3 / 16, r5 / 16);
+        Packed = (r1 & 15) | (r3 & 15) << 4 | (r5 & 15) << 8 | FineStep(shape.Ratio2) << 12 |
+                 FineStep(shape.Ratio4) << 22;
     }
-    return true;
+};
+
+/// Writes numbers of any number of bits one after the other.
+void PutBits(unsigned char* bytes, std::size_t at, std::size_t bits, std::uint32_t value) {
+    for (std::size_t i = 0; i < bits; ++i, ++at) {
+        bytes[at / 8] = static_cast<unsigned char>(bytes[at / 8] | (value >> i & 1) << at % 8);
+    }
+}
+
+/// Where the stars come in the order of their cells.
+struct StarOrder {
+    std::vector<std::uint32_t> Starts;  ///< of each cell
+    std::vector<std::uint32_t> Stars;   ///< by their new places
+    std::vector<std::uint32_t> Places;  ///< the new places of the stars
+};
+
+/// `cellOf` numbers 0..count−1 are spread over cells, those of a cell in their order.
+template <typename CellOf>
+void SortByCell(std::size_t count, std::uint32_t cells, CellOf cellOf,
+                std::vector<std::uint32_t>& starts, std::vector<std::uint32_t>& order) {
+    starts.assign(std::size_t{cells} + 1, 0);
+    for (std::size_t i = 0; i < count; ++i) ++starts[cellOf(i) + 1];
+    for (std::size_t cell = 0; cell < cells; ++cell) starts[cell + 1] += starts[cell];
+    order.resize(count);
+    std::vector<std::uint32_t> next(starts.begin(), starts.end() - 1);
+    for (std::size_t i = 0; i < count; ++i) {
+        order[next[cellOf(i)]++] = static_cast<std::uint32_t>(i);
+    }
+}
+
+StarOrder OrderStars(const std::vector<CatalogStar>& stars, const SkyCells& cells) {
+    StarOrder order;
+    SortByCell(
+        stars.size(), cells.Count(),
+        [&](std::size_t i) {
+            return cells.CellOf(static_cast<double>(stars[i].Ra),
+                                static_cast<double>(stars[i].Dec));
+        },
+        order.Starts, order.Stars);
+    order.Places.resize(stars.size());
+    for (std::uint32_t place = 0; place < order.Stars.size(); ++place) {
+        order.Places[order.Stars[place]] = place;
+    }
+    return order;
 }
 
 [[noreturn]] void ThrowLastError(const char* what) {
@@ -98,6 +124,24 @@ bool AreInOrder(const QuadTables& tables) {
 }
 
 }  // namespace
+
+std::uint32_t ShapeStep(double ratio) {
+    return static_cast<std::uint32_t>(std::clamp(ratio * ShapeSteps, 0.0, ShapeSteps - 1.0));
+}
+
+QuadLayout LayoutOf(const QuadBand& band) {
+    const auto pages = [](std::uint64_t bytes) {
+        return (bytes + PageBytes - 1) / PageBytes * PageBytes;
+    };
+    QuadLayout layout;
+    layout.QuadStarBytes = (band.PlaceBits + 3U * band.OffsetBits + 7) / 8;
+    layout.Stars = pages((std::uint64_t{SkyCells(band.CellSize).Count()} + 1) * 4);
+    layout.QuadStarts = layout.Stars + pages(std::uint64_t{band.StarCount} * CatalogRecordBytes);
+    layout.Shapes = layout.QuadStarts + pages((std::uint64_t{ShapeCells} + 1) * 4);
+    layout.QuadStars = layout.Shapes + pages(std::uint64_t{band.QuadCount} * 4);
+    layout.End = layout.QuadStars + pages(std::uint64_t{band.QuadCount} * layout.QuadStarBytes);
+    return layout;
+}
 
 FileHandle OpenQuadFile(const std::filesystem::path& path) {
     // A pipe would keep its reader waiting.
@@ -114,51 +158,21 @@ bool ReadQuadBands(std::FILE* file, std::vector<QuadBand>& bands, std::string& f
         return false;
     }
     if (head.Version != formatVersion) {
-        fault = "is of another version: make it again";
+        fault = "is of another version: vestrel-catalog quads makes it anew";
         return false;
     }
     std::vector<QuadBand> read(std::min(head.BandCount, mostBands));
-    bool good = head.BandCount <= mostBands &&
-                Read(file, read.data(), read.size() * sizeof(QuadBand)) &&
-                BandsChecksum(read) == head.BandsChecksum;
-    for (const QuadBand& band : read) {
-        constexpr std::uint32_t mostRecords = 0x7FFFFFFE;
-        good = good && band.StarCount <= mostRecords && band.QuadCount <= mostRecords &&
-               band.Offset <= static_cast<std::uint64_t>(length) &&
-               BandBytes(band) <= static_cast<std::uint64_t>(length) - band.Offset;
-    }
+    const bool good = head.BandCount <= mostBands &&
+                      Read(file, read.data(), read.size() * sizeof(QuadBand)) &&
+                      BandsChecksum(read) == head.BandsChecksum &&
+                      std::all_of(read.begin(), read.end(), [length](const QuadBand& band) {
+                          return IsSound(band, static_cast<std::uint64_t>(length));
+                      });
     if (!good) {
         fault = "is damaged";
         return false;
     }
     bands = std::move(read);
-    return true;
-}
-
-bool ReadQuadBand(std::FILE* file, const QuadBand& band, QuadTables& tables, std::string& fault) {
-    tables = {};
-    QuadTables read;
-    std::vector<StoredStar> stars(band.StarCount);
-    read.Quads.resize(std::size_t{band.QuadCount} + 1);
-    const std::span<Quad> quads = std::span(read.Quads).subspan(1);
-    bool good = SeekFile(file, band.Offset) &&
-                Read(file, stars.data(), stars.size() * sizeof(StoredStar)) &&
-                Read(file, quads.data(), quads.size_bytes()) &&
-                TablesChecksum(stars, quads) == band.Checksum;
-    if (good) {
-        read.Stars.resize(1);
-        read.Stars.reserve(stars.size() + 1);
-        for (const StoredStar& star : stars) read.Stars.push_back({star.Ra, star.Dec, star.Mag});
-        read.StarCount = static_cast<std::int32_t>(band.StarCount);
-        read.QuadCount = static_cast<std::int32_t>(band.QuadCount);
-        good = AreInOrder(read);
-    }
-    if (!good) {
-        fault = "is damaged";
-        return false;
-    }
-    IndexTables(read);
-    tables = std::move(read);
     return true;
 }
 
@@ -168,18 +182,16 @@ std::string FaultOfQuadFile(const std::filesystem::path& path) {
     const FileHandle file = OpenQuadFile(path);
     if (!file) return "cannot be read";
     std::vector<QuadBand> bands;
-    QuadTables tables;
     std::string fault;
     if (!ReadQuadBands(file.get(), bands, fault)) return fault;
-    for (const QuadBand& band : bands) {
-        if (!ReadQuadBand(file.get(), band, tables, fault)) return fault;
-        const auto lacksStar = [&tables](const Quad& quad) {
-            const auto [low, high] = std::minmax({quad.Star1, quad.Star2, quad.Star3, quad.Star4});
-            return low < 1 || high > tables.StarCount;
-        };
-        if (std::any_of(tables.Quads.begin() + 1, tables.Quads.end(), lacksStar)) {
-            return "has quads of stars that it lacks";
+    try {
+        for (const QuadBand& band : bands) {
+            FileHandle again = OpenQuadFile(path);
+            if (!again) return "cannot be read";
+            QuadTables(std::move(again), band).Check();
         }
+    } catch (const DamagedFile& damage) {
+        return damage.what();
     }
     return {};
 }
@@ -191,24 +203,92 @@ QuadFileWriter::QuadFileWriter(const std::filesystem::path& path, std::uint32_t 
     Write(place.data(), place.size());
 }
 
-void QuadFileWriter::Add(double smallestDiagonal, double largestDiagonal,
-                         const QuadTables& tables) {
-    std::vector<StoredStar> stars;
-    stars.reserve(static_cast<std::size_t>(tables.StarCount));
-    for (const CatalogStar& star : std::span(tables.Stars).subspan(1)) {
-        stars.push_back({star.Ra, star.Dec, star.Mag});
-    }
-    const std::span<const Quad> quads = std::span(tables.Quads).subspan(1);
+void QuadFileWriter::Add(double smallestDiagonal, double largestDiagonal, const QuadList& list) {
     QuadBand band;
     band.SmallestDiagonal = smallestDiagonal;
     band.LargestDiagonal = largestDiagonal;
-    band.StarCount = static_cast<std::uint32_t>(stars.size());
-    band.QuadCount = static_cast<std::uint32_t>(quads.size());
-    band.Offset = end_;
-    band.Checksum = TablesChecksum(stars, quads);
-    Write(stars.data(), stars.size() * sizeof(StoredStar));
-    Write(quads.data(), quads.size_bytes());
-    end_ += BandBytes(band);
+    // About as large as a field, so that one needs few of them.
+    band.CellSize = std::clamp((smallestDiagonal + largestDiagonal) / 2, 1e-3, 0.3);
+    const SkyCells cells(band.CellSize);
+    const StarOrder stars = OrderStars(list.Stars, cells);
+    band.StarCount = static_cast<std::uint32_t>(list.Stars.size());
+    band.PlaceBits = BitsFor(band.StarCount);
+
+    const auto quadOf = [&list](std::size_t i) {
+        std::array<CatalogStar, 4> four;
+        for (std::size_t k = 0; k < four.size(); ++k) {
+            four[k] = list.Stars[static_cast<std::size_t>(list.Quads[i][k])];
+        }
+        return QuadOfStars(four);
+    };
+    const auto placesOf = [&](std::size_t i) {
+        std::array<std::uint32_t, 4> places{};
+        for (std::size_t k = 0; k < places.size(); ++k) {
+            places[k] = stars.Places[static_cast<std::size_t>(list.Quads[i][k])];
+        }
+        std::sort(places.begin(), places.end());
+        return places;
+    };
+
+    // The shapes are worked out once; a cell beyond the last takes the quads that have none.
+    std::vector<std::uint32_t> cellOf(list.Quads.size());
+    std::vector<std::uint32_t> packed(list.Quads.size());
+    std::size_t last = list.Quads.size();
+    float greatest = -1;
+    std::uint32_t farthest = 0;
+    for (std::size_t i = 0; i < list.Quads.size(); ++i) {
+        const Quad shape = quadOf(i);
+        cellOf[i] = ShapeCells;
+        if (!(shape.QuadKey >= 0)) continue;
+        const StoredShape stored(shape);
+        cellOf[i] = stored.Cell;
+        packed[i] = stored.Packed;
+        const auto places = placesOf(i);
+        farthest = std::max(farthest, places[3] - places[0]);
+        if (shape.QuadKey >= greatest) {
+            greatest = shape.QuadKey;
+            last = i;
+        }
+    }
+    band.OffsetBits = BitsFor(farthest);
+    std::vector<std::uint32_t> quadStarts;
+    std::vector<std::uint32_t> quads;
+    SortByCell(
+        list.Quads.size(), ShapeCells + 1, [&](std::size_t i) { return cellOf[i]; }, quadStarts,
+        quads);
+    quadStarts.pop_back();
+    quads.resize(quadStarts.back());
+    band.QuadCount = quadStarts.back();
+    const auto lastPlace = std::find(quads.begin(), quads.end(), last);
+    if (lastPlace != quads.end()) {
+        band.LastQuad = static_cast<std::uint32_t>(lastPlace - quads.begin()) + 1;
+    }
+
+    Append(stars.Starts.data(), stars.Starts.size() * 4);
+    EndList();
+    for (const std::uint32_t star : stars.Stars) {
+        const auto record = EncodeCatalogStar(list.Stars[star]);
+        Append(record.data(), record.size());
+    }
+    EndList();
+    Append(quadStarts.data(), quadStarts.size() * 4);
+    EndList();
+    for (const std::uint32_t quad : quads) Append(&packed[quad], 4);
+    EndList();
+    const QuadLayout layout = LayoutOf(band);
+    for (const std::uint32_t quad : quads) {
+        std::array<unsigned char, 16> bytes{};
+        const auto places = placesOf(quad);
+        PutBits(bytes.data(), 0, band.PlaceBits, places[0]);
+        for (std::size_t k = 1; k < places.size(); ++k) {
+            PutBits(bytes.data(), band.PlaceBits + (k - 1) * band.OffsetBits, band.OffsetBits,
+                    places[k] - places[0]);
+        }
+        Append(bytes.data(), layout.QuadStarBytes);
+    }
+    EndList();
+    assert(partLength_ == layout.End);
+    band.Part = EndPart();
     bands_.push_back(band);
 }
 
@@ -221,6 +301,40 @@ void QuadFileWriter::Commit() {
     Write(&head, sizeof head);
     Write(bands_.data(), bands_.size() * sizeof(QuadBand));
     file_.Commit();
+}
+
+void QuadFileWriter::Append(const void* bytes, std::size_t length) {
+    const auto* from = static_cast<const unsigned char*>(bytes);
+    while (length > 0) {
+        const std::size_t piece = std::min(length, PageBytes - page_.size());
+        page_.insert(page_.end(), from, from + piece);
+        from += piece;
+        length -= piece;
+        if (page_.size() == PageBytes) EndPage();
+    }
+}
+
+void QuadFileWriter::EndPage() {
+    checksums_.push_back(FastChecksum(page_.data(), page_.size()));
+    Write(page_.data(), page_.size());
+    partLength_ += page_.size();
+    page_.clear();
+}
+
+void QuadFileWriter::EndList() {
+    if (page_.empty()) return;
+    page_.resize(PageBytes);
+    EndPage();
+}
+
+PagedPart QuadFileWriter::EndPart() {
+    const std::size_t bytes = checksums_.size() * sizeof(std::uint64_t);
+    const PagedPart part{end_, partLength_, FastChecksum(checksums_.data(), bytes)};
+    Write(checksums_.data(), bytes);
+    end_ += part.Stored();
+    checksums_.clear();
+    partLength_ = 0;
+    return part;
 }
 
 void QuadFileWriter::Write(const void* bytes, std::size_t length) {

@@ -8,7 +8,7 @@
 
 namespace vestrel {
 
-/// Searches the quad tables in memory with the plate stars until a match is sure (`QuadMatch`).
+/// Searches the open quad tables with the plate stars until a match is sure (`QuadMatch`).
 ///
 /// When the star list as it is finds nothing, it is searched again with some of its brightest stars
 /// left out: in a narrow field all quads share the three brightest, and one that the catalog lacks

@@ -15,8 +15,7 @@
 #include "image/libImage.h"
 #include "matching/libAlign.h"
 #include "matching/libConfidence.h"
-#include "matching/libQuadFile.h"
-#include "matching/libQuads.h"
+#include "matching/libQuadTables.h"
 #include "program/mPort.h"
 #include "settings/libSettingsFile.h"
 #include "telescope/libTelescopeLink.h"
@@ -136,13 +135,10 @@ struct SolveReport {
     StageTimes Times;
 };
 
-/// The quad tables in memory, and what they were read from.
+/// The quad tables that are open, and where they are.
 struct LoadedQuadTables {
     QuadTables Tables;
-    std::filesystem::path File;  ///< empty while nothing was read
-    std::filesystem::file_time_type Modified;
-    double SmallestDiagonal = 0;  ///< the fields that the tables are for, radians
-    double LargestDiagonal = 0;
+    std::filesystem::path File;
     std::string Fault;        ///< why there are no tables for a field, in words
     bool OtherSizes = false;  ///< there are tables, but for fields of other sizes
 };

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <cmath>
 #include <new>
-#include <system_error>
+#include <optional>
 
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
@@ -92,24 +92,13 @@ class QuadMatcher {
     bool Match(const ImageQuad& quad, const std::function<void()>& yield) {
         const Quad shape =
             QuadDescriptor(Star(quad[0]), Star(quad[1]), Star(quad[2]), Star(quad[3]));
-        const double key = static_cast<double>(shape.QuadKey);
-        if (!std::isfinite(key)) return false;  // all four stars at one place
+        if (!std::isfinite(shape.QuadKey)) return false;  // all four stars at one place
         ++search_.Searched;
-        std::int32_t place = FindFirstQuad(tables_, key - 2 * keyTolerance, yield);
-        // The last quad of the table is never looked at.
-        const std::int32_t end = FindKeyLimit(tables_, place, key + 2 * keyTolerance);
-        for (; place < end; ++place) {
-            // One ratio that differs by more than the tolerance is enough. Most quads end here,
-            // without a look at their records, which would cost a wait for memory each.
-            const auto& [ratio2, ratio5] = tables_.RatioPairs[static_cast<std::size_t>(place)];
-            if (!(std::fabs(ratio5 - shape.Ratio5) < 0.0101F)) continue;
-            if (!(std::fabs(ratio2 - shape.Ratio2) < 0.0101F)) continue;
-            const Quad& candidate = tables_.Quads[static_cast<std::size_t>(place)];
-            const double distance = QuadDistance(shape, candidate);
-            if (!(distance < keyTolerance) || !HasStars(candidate)) continue;
+        yield();
+        for (const CatalogQuad& candidate : tables_.QuadsLike(shape, keyTolerance)) {
             ++search_.Candidates;
             talk_ = MayTalk(state_);
-            if (talk_) SayCandidate(place, distance);
+            if (talk_) SayCandidate(candidate, QuadDistance(shape, candidate.Shape));
             if (Verify(candidate, quad)) return true;
             yield();
             if (state_.StopRequested) return false;
@@ -121,19 +110,9 @@ class QuadMatcher {
     const PlateStar& Star(std::int32_t place) const {
         return stars_[static_cast<std::size_t>(place)];
     }
-    const CatalogStar& CatalogStarOf(std::int32_t place) const {
-        return tables_.Stars[static_cast<std::size_t>(place)];
-    }
     static SkyPosition PositionOf(const CatalogStar& star) {
         return {static_cast<double>(star.Ra), static_cast<double>(star.Dec)};
     }
-    bool HasStars(const Quad& quad) const {
-        const auto there = [this](std::int32_t place) {
-            return place >= 1 && place <= tables_.StarCount;
-        };
-        return there(quad.Star1) && there(quad.Star2) && there(quad.Star3) && there(quad.Star4);
-    }
-
     bool IsPlate(const FitGeometry& geometry, double fitError) const {
         return fitError < maxError_ &&
                std::fabs(std::fabs(geometry.Stretch) - 1) <= maxGeometricError_ &&
@@ -141,14 +120,12 @@ class QuadMatcher {
     }
 
     /// Tries a table quad in all orderings of its stars.
-    bool Verify(const Quad& candidate, const ImageQuad& quad) {
-        search_.Tangent = PositionOf(CatalogStarOf(candidate.Star1));
+    bool Verify(const CatalogQuad& candidate, const ImageQuad& quad) {
+        search_.Tangent = PositionOf(candidate.Stars[0]);
         Projection& plane = state_.Plane;
         plane.SetProjectionCentre(search_.Tangent.Ra, search_.Tangent.Dec, ArcsecondsPerRadian);
         search_.Reference.assign(1, PlateStar());
-        for (const std::int32_t place :
-             {candidate.Star1, candidate.Star2, candidate.Star3, candidate.Star4}) {
-            const CatalogStar& star = CatalogStarOf(place);
+        for (const CatalogStar& star : candidate.Stars) {
             const SkyPosition position = PositionOf(star);
             double xi = 0;
             double eta = 0;
@@ -192,12 +169,10 @@ class QuadMatcher {
         return false;
     }
 
-    void SayCandidate(std::int32_t place, double distance) {
-        const CatalogStar& first =
-            CatalogStarOf(tables_.Quads[static_cast<std::size_t>(place)].Star1);
-        Say(state_,
-            "Matched Quad = " + std::to_string(place) + "     Qdist = " + NumberText(distance));
-        Say(state_, "Quad Star 1: " + PositionText(PositionOf(first)));
+    void SayCandidate(const CatalogQuad& candidate, double distance) {
+        Say(state_, "Matched Quad = " + std::to_string(candidate.Place) +
+                        "     Qdist = " + NumberText(distance));
+        Say(state_, "Quad Star 1: " + PositionText(PositionOf(candidate.Stars[0])));
     }
 
     void SayFourStars(double fitError, const FitGeometry& geometry) {
@@ -290,7 +265,7 @@ class QuadMatcher {
     }
 
     ProgramState& state_;
-    const QuadTables& tables_;
+    QuadTables& tables_;
     QuadSearch& search_;
     const PlateStarList& stars_;
     std::int32_t count_;
@@ -319,8 +294,15 @@ void ForgetSolution(ProgramState& state) {
 void ShowMatch(ProgramState& state, Port& port, double width, double height, double seconds) {
     const QuadSearch& search = state.QuadMatch;
     const double radius = HalfDiagonal(width, height);
-    NearbyCatalogStars(state.Quads.Tables, state.Plane, search.Centre.Ra, search.Centre.Dec, radius,
-                       MagnitudeLimitFor(radius), state.CatalogStars, state.CatalogStarCount);
+    try {
+        NearbyCatalogStars(state.Quads.Tables, state.Plane, search.Centre.Ra, search.Centre.Dec,
+                           radius, MagnitudeLimitFor(radius), state.CatalogStars,
+                           state.CatalogStarCount);
+    } catch (const DamagedFile&) {
+        // The match was made from pages that are good; the next search names the others.
+        state.CatalogStars.assign(1, PlateStar());
+        state.CatalogStarCount = 0;
+    }
 
     SolveDisplay& display = state.Display;
     display.CentreCaption = "J2000 Image Center";
@@ -352,62 +334,53 @@ bool IsSure(const QuadSearch& search) {
     return IsSure(search.Confidence) && search.FieldRatio > 0.5 && search.FieldRatio < 2;
 }
 
-bool LoadQuadTables(ProgramState& state, double width, double height) {
-    const fs::path path = QuadFilePath(state);
-    const double diagonal = std::sqrt(width * width + height * height);
-    std::error_code ignored;
-    const fs::file_time_type modified = fs::last_write_time(path, ignored);
-    LoadedQuadTables& loaded = state.Quads;
-    LoadedQuadTables before = std::move(loaded);
-    loaded = {};
-    const FileHandle file = OpenQuadFile(path);
-    if (!file) {
-        loaded.Fault = "there are no quad tables (" + TextFromPath(path) +
-                       "): vestrel-catalog quads makes them";
-        return false;
-    }
+namespace {
+
+/// The band that a field of this diagonal (radians) belongs to; nothing, and the reason in
+/// `tables.Fault`, when the file has none.
+std::optional<QuadBand> BandFor(std::FILE* file, double diagonal, LoadedQuadTables& tables) {
     std::vector<QuadBand> bands;
-    if (!ReadQuadBands(file.get(), bands, loaded.Fault)) {
-        loaded.Fault = TextFromPath(path) + " " + loaded.Fault;
-        return false;
+    std::string fault;
+    if (!ReadQuadBands(file, bands, fault)) {
+        tables.Fault = TextFromPath(tables.File) + " " + fault;
+        return std::nullopt;
     }
     const auto band = std::find_if(bands.begin(), bands.end(), [diagonal](const QuadBand& b) {
         return diagonal >= b.SmallestDiagonal && diagonal < b.LargestDiagonal;
     });
-    if (band == bands.end()) {
-        const auto degrees = [](double radians) { return RoundedText(radians * 180 / Pi, 2); };
-        loaded.Fault = "the quad tables have nothing for fields of this size";
-        loaded.OtherSizes = !bands.empty();
-        if (loaded.OtherSizes) {
-            loaded.Fault += ", only for " + degrees(bands.front().SmallestDiagonal) + " to " +
-                            degrees(bands.back().LargestDiagonal) + " degrees across";
-        }
+    if (band != bands.end()) return *band;
+    const auto degrees = [](double radians) { return RoundedText(radians * 180 / Pi, 2); };
+    tables.Fault = "the quad tables have nothing for fields of this size";
+    tables.OtherSizes = !bands.empty();
+    if (tables.OtherSizes) {
+        tables.Fault += ", only for " + degrees(bands.front().SmallestDiagonal) + " to " +
+                        degrees(bands.back().LargestDiagonal) + " degrees across";
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+bool LoadQuadTables(ProgramState& state, double width, double height) {
+    LoadedQuadTables& tables = state.Quads;
+    tables = {};
+    tables.File = QuadFilePath(state);
+    FileHandle file = OpenQuadFile(tables.File);
+    if (!file) {
+        tables.Fault = "there are no quad tables (" + TextFromPath(tables.File) +
+                       "): vestrel-catalog quads makes them";
         return false;
     }
-    // The time alone would not tell tables that were made at once after others.
-    if (before.File == path && before.Modified == modified &&
-        before.SmallestDiagonal == band->SmallestDiagonal &&
-        before.Tables.QuadCount == static_cast<std::int32_t>(band->QuadCount) &&
-        before.Tables.StarCount == static_cast<std::int32_t>(band->StarCount)) {
-        loaded = std::move(before);
-        return true;
-    }
-    before = {};  // its memory is wanted for the new ones
+    const auto band = BandFor(file.get(), std::sqrt(width * width + height * height), tables);
+    if (!band) return false;
     try {
-        if (!ReadQuadBand(file.get(), *band, loaded.Tables, loaded.Fault)) {
-            loaded.Fault = TextFromPath(path) + " " + loaded.Fault;
-            return false;
-        }
+        tables.Tables = QuadTables(std::move(file), *band);
+    } catch (const DamagedFile& damage) {
+        tables.Fault = TextFromPath(tables.File) + " " + damage.what();
     } catch (const std::bad_alloc&) {
-        loaded = {};
-        loaded.Fault = "there is not enough memory for the quad tables";
-        return false;
+        tables.Fault = "there is not enough memory for the quad tables";
     }
-    loaded.File = path;
-    loaded.Modified = modified;
-    loaded.SmallestDiagonal = band->SmallestDiagonal;
-    loaded.LargestDiagonal = band->LargestDiagonal;
-    return true;
+    return tables.Fault.empty();
 }
 
 bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStars,
@@ -415,12 +388,11 @@ bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStar
                  const QuadJudge& accept) {
     const StageTimer seconds(state.QuadMatch.Seconds);
     bool matched = false;
-    QuadTables& tables = state.Quads.Tables;
-    if (tables.RatioPairs.size() != tables.Quads.size()) IndexTables(tables);
-    if (tables.QuadCount > 0) {
+    try {
         QuadMatcher matcher(state, imageStars, imageCount, width, height, maxError, accept);
         const auto yield = [&port] { port.Yield(); };
-        for (std::int32_t star = 1; star <= imageCount && !matched && !state.StopRequested;
+        const bool any = state.Quads.Tables.QuadCount() > 0;
+        for (std::int32_t star = 1; any && star <= imageCount && !matched && !state.StopRequested;
              ++star) {
             ImageQuad quad{};
             if (!matcher.QuadOf(star, quad)) continue;
@@ -429,6 +401,10 @@ bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStar
             if (state.QuadMatch.Messages.size() > linesBefore) port.DisplayChanged();
             ShownProgress(port)(star, imageCount);
         }
+    } catch (const DamagedFile& damage) {
+        // Whatever was found up to here rests on pages that were good.
+        state.Quads.Tables = {};
+        state.Quads.Fault = TextFromPath(state.Quads.File) + " " + damage.what();
     }
     port.ShowProgress(0);
     if (!matched) state.QuadMatch.PairCount = 0;

@@ -14,11 +14,12 @@ std::filesystem::path QuadFilePath(const ProgramState& state);
 /// Whether there are quad tables, without reading more than their head.
 bool HaveQuadTables(const ProgramState& state);
 
-/// Reads the tables for a field of this size (radians) unless they are in memory already.
+/// Opens the tables for a field of this size (radians). What is damaged within them is found when
+/// a search comes to it, which then ends without a match and leaves `Quads.Fault`.
 /// @return false, `Quads.Fault` with the reason and the tables empty, when there are none
 bool LoadQuadTables(ProgramState& state, double width, double height);
 
-/// Matches the loaded image with the quad tables in memory and shows the outcome.
+/// Matches the loaded image with the open quad tables and shows the outcome.
 ///
 /// Each star of the image and the first three others in the list within 1.5° make a quad. Table
 /// quads of the same shape are tried in all 24 orderings; a plate that fits their four stars is

@@ -1,0 +1,238 @@
+#include "matching/libQuadTables.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <span>
+
+#include "astro/libMath.h"
+
+namespace vestrel {
+
+namespace {
+
+double Wide(float value) {
+    return static_cast<double>(value);
+}
+
+/// An unsigned number of up to 32 bits that starts at any bit.
+std::uint32_t BitField(const unsigned char* bytes, std::size_t at, std::size_t bits) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, bytes + at / 8, (at % 8 + bits + 7) / 8);
+    return static_cast<std::uint32_t>(word >> at % 8 & ((std::uint64_t{1} << bits) - 1));
+}
+
+CatalogStar StarOf(const unsigned char* record) {
+    return DecodeCatalogStar(
+        std::span<const unsigned char, CatalogRecordBytes>(record, CatalogRecordBytes));
+}
+
+/// Whether a stored shape may be one that is nearer than `limit` (squared distance).
+class ShapeFilter {
+ public:
+    ShapeFilter(const Quad& shape, double tolerance) {
+        const std::array<float, 5> ratios = {shape.Ratio1, shape.Ratio3, shape.Ratio5, shape.Ratio2,
+                                             shape.Ratio4};
+        // A stored ratio stands for those up to half a step to both sides.
+        for (std::size_t i = 0; i < ratios.size(); ++i) at_[i] = ratios[i] * 1024 - 0.5F;
+        const double reach = tolerance * 1024 + 0.5 * std::sqrt(5.0) + 0.01;
+        limit_ = static_cast<float>(reach * reach);
+    }
+    bool Passes(std::uint32_t packed, const std::array<std::uint32_t, 3>& steps) const {
+        float sum = 0;
+        for (std::size_t i = 0; i < 3; ++i) {
+            const float d = static_cast<float>(steps[i] * 16 + (packed >> (4 * i) & 15)) - at_[i];
+            sum += d * d;
+        }
+        const float d2 = static_cast<float>(packed >> 12 & 1023) - at_[3];
+        const float d4 = static_cast<float>(packed >> 22) - at_[4];
+        return sum + d2 * d2 + d4 * d4 < limit_;
+    }
+
+ private:
+    std::array<float, 5> at_{};
+    float limit_ = 0;
+};
+
+/// Takes a star into a list when it is bright and near enough.
+class NearbyStars {
+ public:
+    NearbyStars(Projection& projection, double radius, double magLimit, PlateStarList& list)
+        : projection_(projection),
+          limit_(radius * ArcsecondsPerRadian),
+          magLimit_(magLimit),
+          list_(list) {}
+
+    void Consider(const CatalogStar& star) {
+        const double magnitude = star.Mag / 100.0;
+        if (!(magnitude <= magLimit_)) return;
+        double xi = 0;
+        double eta = 0;
+        const double cosine = projection_.SkyToPlane(Wide(star.Ra), Wide(star.Dec), xi, eta);
+        constexpr std::size_t mostStars = 1000;
+        if (list_.size() <= mostStars && std::sqrt(xi * xi + eta * eta) <= limit_ && cosine >= 0) {
+            list_.push_back({static_cast<float>(xi), static_cast<float>(eta),
+                             static_cast<float>(magnitude), Wide(star.Ra), Wide(star.Dec)});
+        }
+    }
+
+ private:
+    Projection& projection_;
+    double limit_;
+    double magLimit_;
+    PlateStarList& list_;
+};
+
+}  // namespace
+
+QuadTables::QuadTables(FileHandle file, const QuadBand& band)
+    : band_(band),
+      layout_(LayoutOf(band)),
+      pages_(std::move(file), band.Part),
+      cells_(std::in_place, band.CellSize) {}
+
+QuadTables::Run QuadTables::RunOf(std::uint64_t starts, std::uint32_t cell, std::uint32_t cells,
+                                  std::uint32_t most) {
+    Run run;
+    pages_.Copy(starts + std::uint64_t{cell} * 4, &run.Begin, 4);
+    pages_.Copy(starts + (std::uint64_t{cell} + cells) * 4, &run.End, 4);
+    if (run.Begin > run.End || run.End > most) throw DamagedFile();
+    return run;
+}
+
+CatalogStar QuadTables::ReadStar(std::uint32_t place) {
+    if (place >= band_.StarCount) throw DamagedFile();
+    std::array<unsigned char, CatalogRecordBytes> record{};
+    pages_.Copy(layout_.Stars + std::uint64_t{place} * CatalogRecordBytes, record.data(),
+                record.size());
+    const CatalogStar star = StarOf(record.data());
+    if (!std::isfinite(star.Ra) || !std::isfinite(star.Dec)) throw DamagedFile();
+    return star;
+}
+
+CatalogQuad QuadTables::ReadQuad(std::uint32_t place) {
+    // The bit fields are read eight bytes at a time, also at the end.
+    std::array<unsigned char, 32> bytes{};
+    pages_.Copy(layout_.QuadStars + std::uint64_t{place} * layout_.QuadStarBytes, bytes.data(),
+                layout_.QuadStarBytes);
+    const std::uint32_t first = BitField(bytes.data(), 0, band_.PlaceBits);
+    CatalogQuad quad;
+    quad.Stars[0] = ReadStar(first);
+    for (std::size_t i = 1; i < quad.Stars.size(); ++i) {
+        const std::size_t at = band_.PlaceBits + (i - 1) * band_.OffsetBits;
+        quad.Stars[i] = ReadStar(first + BitField(bytes.data(), at, band_.OffsetBits));
+    }
+    std::sort(quad.Stars.begin(), quad.Stars.end(), ComesBefore);
+    quad.Shape = QuadOfStars(quad.Stars);
+    quad.Place = static_cast<std::int32_t>(place) + 1;
+    return quad;
+}
+
+std::vector<CatalogQuad> QuadTables::QuadsLike(const Quad& shape, double tolerance) {
+    std::vector<CatalogQuad> found;
+    if (band_.QuadCount == 0) return found;
+    const ShapeFilter filter(shape, tolerance);
+    const auto step = [&](float ratio, double by) { return ShapeStep(Wide(ratio) + by); };
+    const auto lookThrough = [&](const std::array<std::uint32_t, 3>& steps) {
+        const Run run =
+            RunOf(layout_.QuadStarts, ShapeCell(steps[0], steps[1], steps[2]), 1, band_.QuadCount);
+        for (std::uint32_t place = run.Begin; place < run.End;) {
+            std::size_t length = 0;
+            const unsigned char* bytes =
+                pages_.Bytes(layout_.Shapes + std::uint64_t{place} * 4, length);
+            const std::uint32_t end =
+                std::min(run.End, place + static_cast<std::uint32_t>(length / 4));
+            std::vector<std::uint32_t> passing;
+            for (; place < end; ++place, bytes += 4) {
+                std::uint32_t packed = 0;
+                std::memcpy(&packed, bytes, sizeof packed);
+                if (filter.Passes(packed, steps)) passing.push_back(place);
+            }
+            for (const std::uint32_t candidate : passing) {
+                if (candidate + 1 == band_.LastQuad) continue;
+                const CatalogQuad quad = ReadQuad(candidate);
+                const double difference = Wide(quad.Shape.QuadKey) - Wide(shape.QuadKey);
+                if (QuadDistance(quad.Shape, shape) < tolerance &&
+                    std::fabs(difference) < 2 * tolerance) {
+                    found.push_back(quad);
+                }
+            }
+        }
+    };
+    for (std::uint32_t a = step(shape.Ratio1, -tolerance); a <= step(shape.Ratio1, tolerance);
+         ++a) {
+        for (std::uint32_t b = step(shape.Ratio3, -tolerance);
+             b <= std::min(a, step(shape.Ratio3, tolerance)); ++b) {
+            for (std::uint32_t c = step(shape.Ratio5, -tolerance);
+                 c <= std::min(b, step(shape.Ratio5, tolerance)); ++c) {
+                lookThrough({a, b, c});
+            }
+        }
+    }
+    std::sort(found.begin(), found.end(), [](const CatalogQuad& a, const CatalogQuad& b) {
+        if (a.Shape.QuadKey != b.Shape.QuadKey) return a.Shape.QuadKey < b.Shape.QuadKey;
+        return std::lexicographical_compare(a.Stars.begin(), a.Stars.end(), b.Stars.begin(),
+                                            b.Stars.end(), ComesBefore);
+    });
+    return found;
+}
+
+std::vector<CatalogStar> QuadTables::StarsAround(double ra, double dec, double reach) {
+    std::vector<CatalogStar> stars;
+    if (band_.StarCount == 0) return stars;
+    constexpr double rounding = 1e-6;  // of the directions' products
+    const double cosineReach = std::cos(std::min(reach, Pi)) - rounding;
+    const std::array<double, 3> centre = {std::cos(dec) * std::cos(ra),
+                                          std::cos(dec) * std::sin(ra), std::sin(dec)};
+    std::vector<unsigned char> records;
+    cells_->Around(ra, dec, reach, [&](std::uint32_t first, std::uint32_t count) {
+        const Run run = RunOf(layout_.StarStarts, first, count, band_.StarCount);
+        records.resize(std::size_t{run.End - run.Begin} * CatalogRecordBytes);
+        pages_.Copy(layout_.Stars + std::uint64_t{run.Begin} * CatalogRecordBytes, records.data(),
+                    records.size());
+        for (std::size_t at = 0; at < records.size(); at += CatalogRecordBytes) {
+            const CatalogStar star = StarOf(&records[at]);
+            const double cosDec = std::cos(Wide(star.Dec));
+            const double cosine = centre[0] * cosDec * std::cos(Wide(star.Ra)) +
+                                  centre[1] * cosDec * std::sin(Wide(star.Ra)) +
+                                  centre[2] * std::sin(Wide(star.Dec));
+            if (cosine >= cosineReach) stars.push_back(star);
+        }
+    });
+    std::sort(stars.begin(), stars.end(), ComesBefore);
+    return stars;
+}
+
+void QuadTables::Check() {
+    std::size_t length = 0;
+    for (std::uint64_t at = 0; at < layout_.End; at += length) pages_.Bytes(at, length);
+    const std::uint32_t cells = cells_->Count();
+    const auto holdsAll = [&](std::uint64_t starts, std::uint32_t count, std::uint32_t all) {
+        std::uint32_t end = 0;
+        for (std::uint32_t cell = 0; cell < count; ++cell) {
+            const Run run = RunOf(starts, cell, 1, all);
+            if (run.Begin != end) throw DamagedFile();
+            end = run.End;
+        }
+        if (end != all) throw DamagedFile();
+    };
+    holdsAll(layout_.StarStarts, cells, band_.StarCount);
+    holdsAll(layout_.QuadStarts, ShapeCells, band_.QuadCount);
+    for (std::uint32_t place = 0; place < band_.QuadCount; ++place) ReadQuad(place);
+}
+
+void NearbyCatalogStars(QuadTables& tables, Projection& projection, double ra, double dec,
+                        double radius, double magLimit, PlateStarList& list, std::int32_t& count) {
+    projection.SetProjectionCentre(ra, dec, ArcsecondsPerRadian);
+    list.assign(1, PlateStar());
+    // On the orthographic plane a radius is the sine of an angle; the margin outweighs rounding.
+    const double reach = radius < 0.99 ? std::asin(std::max(radius, 0.0)) + 1e-4 : Pi;
+    NearbyStars nearby(projection, radius, magLimit, list);
+    for (const CatalogStar& star : tables.StarsAround(ra, dec, reach)) nearby.Consider(star);
+    count = static_cast<std::int32_t>(list.size()) - 1;
+    CombSort(list, count, [](const PlateStar& earlier, const PlateStar& later) {
+        return earlier.Flux > later.Flux;
+    });
+}
+
+}  // namespace vestrel

@@ -1,0 +1,61 @@
+// The table of one band, open for searches: quads of a shape, stars around a place.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "astro/libPlateStar.h"
+#include "astro/libSphericalMath.h"
+#include "matching/libQuadFile.h"
+#include "matching/libSkyCells.h"
+
+namespace vestrel {
+
+/// All calls throw `DamagedFile` when something is not as it was written.
+class QuadTables {
+ public:
+    /// An empty table.
+    QuadTables() = default;
+    /// @param file holds the band, as `ReadQuadBands` gave it
+    QuadTables(FileHandle file, const QuadBand& band);
+
+    std::uint32_t QuadCount() const { return band_.QuadCount; }
+    std::uint32_t StarCount() const { return band_.StarCount; }
+    std::uint64_t BytesRead() const { return pages_.BytesRead(); }
+
+    /// The quads whose distance from a shape is below `tolerance` and whose key differs by less
+    /// than twice as much, in rising order of their keys. The one with the greatest key of the
+    /// whole table is never among them.
+    std::vector<CatalogQuad> QuadsLike(const Quad& shape, double tolerance);
+
+    /// The stars of the cells around a place (radians) that lie no farther from it than `reach`,
+    /// and a few more, in the order of `ComesBefore`.
+    std::vector<CatalogStar> StarsAround(double ra, double dec, double reach);
+
+    /// Reads everything. @throws DamagedFile
+    void Check();
+
+ private:
+    /// The places, from 0, of what some neighbouring cells hold.
+    struct Run {
+        std::uint32_t Begin = 0;
+        std::uint32_t End = 0;
+    };
+    Run RunOf(std::uint64_t starts, std::uint32_t cell, std::uint32_t cells, std::uint32_t most);
+    CatalogQuad ReadQuad(std::uint32_t place);
+    CatalogStar ReadStar(std::uint32_t place);
+
+    QuadBand band_;
+    QuadLayout layout_;
+    CheckedPages pages_;
+    std::optional<SkyCells> cells_;
+};
+
+/// The stars of the table within `radius` (radians) of a position and no fainter than `magLimit`,
+/// at most 1000 (the brightest), brightest first. Centres `projection` there.
+/// @param list 1-based: plane position (arcseconds), magnitude as flux, sky position (radians)
+void NearbyCatalogStars(QuadTables& tables, Projection& projection, double ra, double dec,
+                        double radius, double magLimit, PlateStarList& list, std::int32_t& count);
+
+}  // namespace vestrel
