@@ -13,26 +13,52 @@ namespace {
 
 using namespace vestrel;
 
-/// Tables from bytes: how many stars, the stars, the quads. Checksums, which no mutation would get
+/// A table from bytes: how many stars, the stars, the quads. Checksums, which no mutation would get
 /// right, are put in by the writer.
 void WriteTables(const std::filesystem::path& file, const std::uint8_t* data, std::size_t size) {
     constexpr std::size_t starBytes = 10;
     const auto stars = std::min<std::size_t>(data[0], (size - 1) / starBytes);
     const std::uint8_t* next = data + 1;
-    QuadTables tables;
-    tables.Stars.resize(stars + 1);
+    QuadList list;
     for (std::size_t i = 1; i <= stars; ++i, next += starBytes) {
-        tables.Stars[i] = DecodeCatalogStar(
-            std::span<const unsigned char, CatalogRecordBytes>(next, CatalogRecordBytes));
+        list.Stars.push_back(DecodeCatalogStar(
+            std::span<const unsigned char, CatalogRecordBytes>(next, CatalogRecordBytes)));
     }
-    const auto quads = static_cast<std::size_t>(data + size - next) / sizeof(Quad);
-    tables.Quads.resize(quads + 1);
-    if (quads > 0) std::memcpy(tables.Quads.data() + 1, next, quads * sizeof(Quad));
-    tables.StarCount = static_cast<std::int32_t>(stars);
-    tables.QuadCount = static_cast<std::int32_t>(quads);
+    for (; stars > 0 && data + size - next >= 4; next += 4) {
+        auto& quad = list.Quads.emplace_back();
+        for (std::size_t k = 0; k < 4; ++k) quad[k] = static_cast<std::int32_t>(next[k] % stars);
+    }
     QuadFileWriter writer(file, 1);
-    writer.Add(0.01, 0.1, tables);
+    writer.Add(0.01, 0.1, list);
     writer.Commit();
+}
+
+/// Puts any bytes into the pages of a good file and makes the checksums agree, as a forger would.
+void Forge(const std::filesystem::path& file, const std::uint8_t* data, std::size_t size) {
+    std::vector<unsigned char> bytes;
+    Require(ReadWholeFile(file, 1U << 26, bytes), "the file is there");
+    std::vector<QuadBand> bands;
+    std::string fault;
+    Require(ReadQuadBands(OpenFile(file, "rb").get(), bands, fault), "and good");
+    PagedPart& part = bands.at(0).Part;
+    // Three bytes each: a place, and what is put there.
+    for (; size >= 3; data += 3, size -= 3) {
+        const std::size_t place =
+            (data[0] + std::size_t{256} * data[1]) * 2654435761U % part.Length;
+        bytes[part.Offset + place] = data[2];
+    }
+    constexpr std::size_t headBytes = 24;
+    std::vector<std::uint64_t> sums(part.PageCount());
+    for (std::size_t i = 0; i < sums.size(); ++i) {
+        sums[i] = FastChecksum(&bytes[part.Offset + i * PageBytes], PageBytes);
+    }
+    const std::size_t sumBytes = sums.size() * sizeof(std::uint64_t);
+    std::memcpy(&bytes[part.Offset + part.Length], sums.data(), sumBytes);
+    part.Checksum = FastChecksum(sums.data(), sumBytes);
+    std::memcpy(&bytes[headBytes], bands.data(), sizeof(QuadBand));
+    const std::uint64_t bandsSum = FastChecksum(bands.data(), sizeof(QuadBand));
+    std::memcpy(&bytes[headBytes - 8], &bandsSum, sizeof bandsSum);
+    WriteFile(file, TextOf(bytes.data(), bytes.size()));
 }
 
 void Search(ProgramState& state) {
@@ -47,27 +73,29 @@ void Search(ProgramState& state) {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const std::filesystem::path file = InputFolder() / QuadFileName;
-    if (size > 0 && data[0] != 'V') {
-        WriteTables(file, data, size);
+    if (size > 1 && data[0] != 'V') {
+        // Half of the bytes make a table, the others damage it.
+        const std::size_t half = data[0] % 2 == 0 ? size : size / 2 + 1;
+        WriteTables(file, data, half);
+        if (half < size) Forge(file, data + half, size - half);
     } else {
         WriteFile(file, TextOf(data, size));
     }
     const auto state = std::make_unique<ProgramState>();
-    const FileHandle stream = OpenFile(file, "rb");
     std::vector<QuadBand> bands;
     std::string fault;
-    if (!ReadQuadBands(stream.get(), bands, fault)) {
+    if (!ReadQuadBands(OpenFile(file, "rb").get(), bands, fault)) {
         Require(bands.empty() && !fault.empty(), "a bad file gives nothing");
         return 0;
     }
+    FaultOfQuadFile(file);
     for (const QuadBand& band : bands) {
-        QuadTables& tables = state->Quads.Tables;
-        if (ReadQuadBand(stream.get(), band, tables, fault)) {
-            Require(tables.Quads.size() == std::size_t{band.QuadCount} + 1, "the quads are there");
-            Search(*state);
-        } else {
-            Require(tables.QuadCount == 0 && !fault.empty(), "a bad band gives nothing");
+        try {
+            state->Quads.Tables = QuadTables(OpenFile(file, "rb"), band);
+        } catch (const DamagedFile&) {
+            continue;
         }
+        Search(*state);
     }
     return 0;
 }

@@ -57,48 +57,108 @@ TEST(QuadShape, IsTheSameForAnyPlacementMirroringAndOrder) {
     EXPECT_TRUE(std::isnan(QuadDescriptor(At(1, 1), At(1, 1), At(1, 1), At(1, 1)).QuadKey));
 }
 
-TEST(QuadLookUp, MissesNoGreaterKeyAndStartsOnePlaceEarlyAtMost) {
-    Random random(2);
-    for (int trial = 0; trial < 300; ++trial) {
-        QuadTables tables;
-        tables.QuadCount = random.Whole(1, 40);
-        tables.Quads.resize(static_cast<std::size_t>(tables.QuadCount) + 1);
-        for (auto quad = tables.Quads.begin() + 1; quad != tables.Quads.end(); ++quad) {
-            quad->QuadKey = static_cast<float>(random.Whole(0, 20)) / 8;  // with ties
-        }
-        const auto rising = [](const Quad& a, const Quad& b) { return a.QuadKey < b.QuadKey; };
-        std::sort(tables.Quads.begin() + 1, tables.Quads.end(), rising);
-        const double target = random.Whole(-1, 42) / 16.0;
-        const std::int32_t place = FindFirstQuad(tables, target);
-        ASSERT_GE(place, 1);
-        ASSERT_LE(place, tables.QuadCount);
-        for (std::int32_t i = 1; i < place; ++i) EXPECT_LE(tables.Quads[i].QuadKey, target);
-        if (place > 1 && place < tables.QuadCount) {
-            EXPECT_GE(tables.Quads[place + 1].QuadKey, target);
-        }
-    }
+/// Writes a list as the only band of a file and opens it.
+QuadTables Stored(const std::filesystem::path& path, const QuadList& list) {
+    QuadFileWriter writer(path, 1);
+    writer.Add(0, 1, list);
+    writer.Commit();
+    std::vector<QuadBand> bands;
+    std::string fault;
+    FileHandle file = OpenQuadFile(path);
+    EXPECT_TRUE(ReadQuadBands(file.get(), bands, fault)) << fault;
+    return {std::move(file), bands.at(0)};
 }
 
-/// A table of stars all over the sky, the brightest first.
-QuadTables StarsEverywhere(int count, Random& random) {
-    QuadTables tables;
-    tables.StarCount = count;
-    tables.Stars.resize(1);
+/// Stars all over the sky, or within a degree of a place.
+QuadList StarsOf(int count, bool everywhere, Random& random) {
+    QuadList list;
     for (int i = 0; i < count; ++i) {
-        tables.Stars.push_back({static_cast<float>(random.Between(0, 2 * std::numbers::pi)),
-                                static_cast<float>(std::asin(random.Between(-1, 1))),
-                                static_cast<std::int16_t>(random.Whole(-100, 1200))});
+        const double ra =
+            everywhere ? random.Between(0, 2 * std::numbers::pi) : random.Between(-degree, degree);
+        const double dec = everywhere ? std::asin(random.Between(-1, 1)) : random.Between(1, 1.02);
+        list.Stars.push_back({static_cast<float>(ra < 0 ? ra + 2 * std::numbers::pi : ra),
+                              static_cast<float>(dec),
+                              static_cast<std::int16_t>(random.Whole(-100, 1200))});
     }
-    IndexTables(tables);
-    return tables;
+    std::sort(list.Stars.begin(), list.Stars.end(), ComesBefore);
+    return list;
+}
+
+using Four = std::array<std::int32_t, 4>;
+
+std::array<CatalogStar, 4> StarsOfQuad(const QuadList& list, const Four& quad) {
+    std::array<CatalogStar, 4> stars;
+    for (std::size_t k = 0; k < 4; ++k) stars[k] = list.Stars[static_cast<std::size_t>(quad[k])];
+    return stars;
+}
+
+TEST(QuadLookUp, GivesWhatAScanOfAllQuadsGivesInTheOrderOfKeysButTheLast) {
+    const TemporaryFolder folder;
+    Random random(2);
+    QuadList list = StarsOf(60, false, random);
+    for (int i = 0; i < 60000; ++i) {
+        Four quad{};
+        for (std::int32_t& star : quad) star = random.Whole(0, 59);
+        std::sort(quad.begin(), quad.end());
+        if (std::adjacent_find(quad.begin(), quad.end()) == quad.end()) list.Quads.push_back(quad);
+    }
+    std::sort(list.Quads.begin(), list.Quads.end());
+    list.Quads.erase(std::unique(list.Quads.begin(), list.Quads.end()), list.Quads.end());
+    QuadTables tables = Stored(folder / "quads", list);
+    ASSERT_EQ(tables.QuadCount(), list.Quads.size());
+    tables.Check();
+
+    std::vector<CatalogQuad> all;
+    for (const Four& quad : list.Quads) {
+        const auto stars = StarsOfQuad(list, quad);
+        all.push_back({stars, QuadOfStars(stars)});
+    }
+    // The order of the list decides between equal keys.
+    std::stable_sort(all.begin(), all.end(), [](const CatalogQuad& a, const CatalogQuad& b) {
+        return a.Shape.QuadKey < b.Shape.QuadKey;
+    });
+    const CatalogQuad last = all.back();
+    all.pop_back();
+    std::size_t most = 0;
+    for (int trial = 0; trial < 200; ++trial) {
+        // Shapes of the table, most of them a little off.
+        Quad shape = all[static_cast<std::size_t>(random.Whole(0, 9999))].Shape;
+        if (trial % 20 == 0) shape = last.Shape;
+        for (float* ratio :
+             {&shape.Ratio1, &shape.Ratio2, &shape.Ratio3, &shape.Ratio4, &shape.Ratio5}) {
+            *ratio += static_cast<float>(random.Normal(trial % 5 * 0.002));
+        }
+        shape.QuadKey = shape.Ratio1 + shape.Ratio2 + shape.Ratio3 + shape.Ratio4 + shape.Ratio5;
+        std::vector<CatalogQuad> expected;
+        for (const CatalogQuad& quad : all) {
+            const double difference =
+                static_cast<double>(quad.Shape.QuadKey) - static_cast<double>(shape.QuadKey);
+            if (QuadDistance(quad.Shape, shape) < 0.01 && std::fabs(difference) < 0.02) {
+                expected.push_back(quad);
+            }
+        }
+        const std::vector<CatalogQuad> found = tables.QuadsLike(shape, 0.01);
+        ASSERT_EQ(found.size(), expected.size());
+        for (std::size_t i = 0; i < found.size(); ++i) {
+            EXPECT_EQ(std::memcmp(&found[i].Shape, &expected[i].Shape, sizeof(Quad)), 0);
+            for (std::size_t k = 0; k < 4; ++k) {
+                EXPECT_EQ(found[i].Stars[k].Ra, expected[i].Stars[k].Ra);
+                EXPECT_EQ(found[i].Stars[k].Mag, expected[i].Stars[k].Mag);
+            }
+        }
+        most = std::max(most, found.size());
+    }
+    EXPECT_GT(most, 2U);
 }
 
 TEST(QuadStars, AroundAPlaceAreThoseOfAScanOfTheWholeTable) {
+    const TemporaryFolder folder;
     Random random(3);
-    const QuadTables tables = StarsEverywhere(20000, random);
+    const QuadList sky = StarsOf(20000, true, random);
+    QuadTables tables = Stored(folder / "quads", sky);
     for (int trial = 0; trial < 120; ++trial) {
         // At a pole, beside a star, or anywhere.
-        const CatalogStar& near = tables.Stars[static_cast<std::size_t>(random.Whole(1, 20000))];
+        const CatalogStar& near = sky.Stars[static_cast<std::size_t>(random.Whole(0, 19999))];
         double ra = random.Between(-0.1, 2 * std::numbers::pi);
         double dec = trial % 4 == 0 ? std::numbers::pi / 2 - random.Between(0, 0.02)
                                     : std::asin(random.Between(-1, 1));
@@ -118,8 +178,8 @@ TEST(QuadStars, AroundAPlaceAreThoseOfAScanOfTheWholeTable) {
         PlateStarList plain(1);
         Projection plane;
         plane.SetProjectionCentre(ra, dec, 206264.8062);
-        for (std::size_t i = 1; i < tables.Stars.size() && plain.size() <= 1000; ++i) {
-            const CatalogStar& star = tables.Stars[i];
+        for (std::size_t i = 0; i < sky.Stars.size() && plain.size() <= 1000; ++i) {
+            const CatalogStar& star = sky.Stars[i];
             double xi = 0;
             double eta = 0;
             const double cosine = plane.SkyToPlane(star.Ra, star.Dec, xi, eta);
@@ -147,25 +207,25 @@ class QuadSkyTest : public testing::Test {
     static constexpr double fieldWidth = 2.4 * degree;
     static constexpr double fieldHeight = 1.8 * degree;
 
+    static std::vector<QuadPlan> Plans() { return PlansFor(2.5, 3.5); }
     static const QuadSky& Sky() {
-        static const QuadSky sky = [] {
+        static const QuadSky made = [] {
             FrameGeometry patch = Frame();
             patch.Width = patch.Height = static_cast<int>(9 * degree / patch.RadiansPerPixel);
             std::vector<CatalogStar> stars;
             for (const FrameStar& star : RandomFrameStars(patch, 2000, 4, 12, 5)) {
                 stars.push_back(*StoredStar(star.Sky));
             }
-            return MakeQuadSky(stars);
+            QuadSky sky(Plans());
+            sky.Add(stars);
+            sky.Finish();
+            return sky;
         }();
-        return sky;
+        return made;
     }
-    static const QuadTables& Tables() {
-        static const QuadTables tables = [] {
-            QuadTables built = BuildQuadTables(Sky(), QuadPlans()[3]);
-            IndexTables(built);
-            return built;
-        }();
-        return tables;
+    static const QuadList& List() {
+        static const QuadList list = BuildQuadList(Sky(), Plans().front());
+        return list;
     }
     static FrameGeometry Frame(double up = 0, bool mirrored = false) {
         return {130 * degree, 62 * degree, fieldWidth / frameWidth, frameWidth, frameHeight,
@@ -175,14 +235,14 @@ class QuadSkyTest : public testing::Test {
     QuadSkyTest() {
         State.Image.Width = frameWidth;
         State.Image.Height = frameHeight;
-        State.Quads.Tables = Tables();
+        State.Quads.Tables = Stored(folder_ / "quads", List());
     }
 
     /// The plate stars of a frame: the brightest catalog stars in it, off by a tenth of a pixel.
     void TakeFrame(const FrameGeometry& geometry) {
         State.PlateStars.assign(1, PlateStar());
         Random random(9);
-        for (const CatalogStar& star : Sky().Stars) {
+        for (const CatalogStar& star : Sky().Stars()) {
             const auto place = SkyToFrame(geometry, star.Ra, star.Dec);
             if (!place || place->X < 0 || place->Y < 0 || place->X > frameWidth - 1 ||
                 place->Y > frameHeight - 1 || State.PlateStars.size() > 60) {
@@ -209,6 +269,7 @@ class QuadSkyTest : public testing::Test {
                      : INFINITY;
     }
 
+    TemporaryFolder folder_;
     ProgramState State;
     RecordingPort Port{State};
 };
@@ -264,90 +325,94 @@ TEST_F(QuadSkyTest, RandomStarsAreNeverSure) {
     EXPECT_GT(State.QuadMatch.Candidates, 0);
 }
 
-TEST_F(QuadSkyTest, TheLastQuadAndQuadsOfMissingStarsAreNotUsed) {
+TEST_F(QuadSkyTest, TheLastQuadOfTheTableIsNotUsed) {
     TakeFrame(Frame());
-    const QuadJudge sure = [](const QuadSearch& search) {
-        return search.Confidence.Log10FalseAlarm < SureLog10FalseAlarm;
-    };
-    // The quad that solves the frame, alone in the table with another one.
-    std::int32_t solving = 0;
-    ASSERT_TRUE(Search([&](const QuadSearch& search) {
-        const auto line = std::find_if(
-            search.Messages.rbegin(), search.Messages.rend(),
-            [](const std::string& text) { return text.starts_with("Matched Quad = "); });
-        solving = std::stoi(line->substr(15));
-        return sure(search);
-    }));
-    const Quad quad = Tables().Quads[static_cast<std::size_t>(solving)];
-    Quad other = quad;
-    other.QuadKey += 0.015F;
-    other.Ratio5 += 0.5F;
-    const auto solves = [&](std::vector<Quad> quads) {
-        State.Quads.Tables.QuadCount = static_cast<std::int32_t>(quads.size());
-        quads.insert(quads.begin(), Quad());
-        State.Quads.Tables.Quads = quads;
-        IndexTables(State.Quads.Tables);
+    const auto solves = [&](const std::vector<Four>& quads) {
+        State.Quads.Tables = Stored(folder_ / "some", {List().Stars, quads});
         State.QuadMatch = {};
-        return Search(sure);
+        return Search([](const QuadSearch& search) { return IsSure(search); });
     };
-    EXPECT_TRUE(solves({quad, other}));
-    EXPECT_FALSE(solves({quad}));
-    Quad early = other;
-    early.QuadKey = quad.QuadKey - 0.015F;
-    EXPECT_FALSE(solves({early, quad}));
-    for (const std::int32_t place : {0, -5, State.Quads.Tables.StarCount + 1, 0x7FFFFFFF}) {
-        Quad broken = quad;
-        broken.Star3 = place;
-        EXPECT_FALSE(solves({broken, other}));
-    }
     EXPECT_FALSE(solves({}));
+    // Halving finds a quad that solves the frame, alone in the table but for the last one.
+    std::vector<Four> some = List().Quads;
+    std::sort(some.begin(), some.end(), [](const Four& a, const Four& b) {
+        const auto key = [](const Four& quad) {
+            return QuadOfStars(StarsOfQuad(List(), quad)).QuadKey;
+        };
+        return key(a) < key(b);
+    });
+    const Four least = some.front();
+    const Four greatest = some.back();
+    while (some.size() > 1) {
+        const auto middle = some.begin() + static_cast<std::ptrdiff_t>(some.size() / 2);
+        std::vector<Four> half(some.begin(), middle);
+        half.push_back(greatest);
+        some = solves(half) ? std::vector<Four>(some.begin(), middle)
+                            : std::vector<Four>(middle, some.end());
+    }
+    ASSERT_TRUE(solves({some[0], greatest}));
+    EXPECT_FALSE(solves({some[0]}));
+    EXPECT_FALSE(solves({some[0], least}));
 }
 
 TEST_F(QuadSkyTest, TablesDoNotDependOnThreadsAndSurviveTheirFileOrAreRefused) {
-    const TemporaryFolder folder;
-    const std::filesystem::path path = folder / QuadFileName;
-    const auto write = [&] {
-        QuadFileWriter writer(path, 2);
-        writer.Add(0.01, 0.02, QuadTables{{Quad()}, 0, {CatalogStar()}, 0, {}, {}, {}, {}});
-        writer.Add(0.04, 0.06, BuildQuadTables(Sky(), QuadPlans()[3]));
-        EXPECT_FALSE(std::filesystem::exists(path));
-        writer.Commit();
-    };
+    const std::filesystem::path path = folder_ / QuadFileName;
     std::string bytes;
     for (const int threads : {1, 3}) {
         const ThreadsForNow now(threads);
         std::filesystem::remove(path);
-        write();
+        QuadFileWriter writer(path, 2);
+        writer.Add(0.01, 0.02, {});
+        writer.Add(0.04, 0.06, BuildQuadList(Sky(), Plans().front()));
+        EXPECT_FALSE(std::filesystem::exists(path));
+        writer.Commit();
         if (bytes.empty()) bytes = ReadFile(path);
-        EXPECT_EQ(ReadFile(path), bytes);
+        EXPECT_TRUE(ReadFile(path) == bytes);
     }
     EXPECT_EQ(FaultOfQuadFile(path), "");
-    State.Catalog.Folder = folder.Path;
+    State.Catalog.Folder = folder_.Path;
     EXPECT_TRUE(HaveQuadTables(State));
-    ASSERT_TRUE(LoadQuadTables(State, 0.04, 0.03));
-    EXPECT_EQ(State.Quads.Tables.QuadCount, Tables().QuadCount);
-    EXPECT_EQ(std::memcmp(&State.Quads.Tables.Quads[1], &Tables().Quads[1],
-                          static_cast<std::size_t>(Tables().QuadCount) * sizeof(Quad)),
-              0);
-    TakeFrame(Frame(4));
-    EXPECT_TRUE(Search());
     EXPECT_FALSE(LoadQuadTables(State, 0.1, 0.1));
     EXPECT_NE(State.Quads.Fault.find("nothing for fields of this size"), std::string::npos);
+    const auto finds = [&] {
+        TakeFrame(Frame(4));
+        const bool found = Search();
+        EXPECT_EQ(found, State.Quads.Fault.empty()) << State.Quads.Fault;
+        EXPECT_EQ(found, State.QuadMatch.PairCount > 0);
+        return found;
+    };
+    ASSERT_TRUE(LoadQuadTables(State, 0.04, 0.03));
+    EXPECT_TRUE(finds());
+    EXPECT_LT(State.Quads.Tables.BytesRead(), bytes.size());
 
+    // A wrong byte is found by who reads everything. A search does not come to it, or ends with it.
     Random random(4);
-    const int length = static_cast<int>(bytes.size());
+    int refused = 0;
     for (int trial = 0; trial < 60; ++trial) {
         std::string damaged = bytes;
-        // Half of the faults lie in the head; the padding of the head and nothing else is free.
-        const int at = random.Whole(0, trial % 2 == 0 ? 103 : length - 1);
+        const int at = random.Whole(0, trial % 2 == 0 ? 151 : static_cast<int>(bytes.size()) - 1);
         damaged[static_cast<std::size_t>(at)] ^= static_cast<char>(1 << random.Whole(0, 7));
         if (trial % 5 == 0) damaged = bytes.substr(0, static_cast<std::size_t>(at));
         WriteFile(path, damaged);
         EXPECT_NE(FaultOfQuadFile(path), "") << "byte " << at;
-        State.Quads = {};
-        LoadQuadTables(State, 0.04, 0.03);
-        EXPECT_EQ(State.Quads.Tables.QuadCount, 0);
+        if (!LoadQuadTables(State, 0.04, 0.03) || !finds()) ++refused;
     }
+    EXPECT_GT(refused, 30);
+
+    // One that is cut short or changed while it is open is noticed too.
+    for (const bool cut : {true, false}) {
+        WriteFile(path, bytes);
+        ASSERT_TRUE(LoadQuadTables(State, 0.04, 0.03));
+        std::filesystem::resize_file(path, bytes.size() / 2);
+        if (!cut) WriteFile(path, std::string(bytes.size(), 'x'));
+        EXPECT_FALSE(finds());
+    }
+    // Tables as older versions made them.
+    bytes[8] = 1;
+    WriteFile(path, bytes);
+    EXPECT_FALSE(LoadQuadTables(State, 0.04, 0.03));
+    EXPECT_NE(State.Quads.Fault.find("another version: vestrel-catalog quads makes it anew"),
+              std::string::npos);
 }
 
 /// Stars anywhere in a frame of 500 x 400 pixels, their flux falling.

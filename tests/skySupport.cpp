@@ -52,44 +52,23 @@ std::vector<CatalogStar> MakeSky(const std::filesystem::path& catalog,
 
 void WriteQuadTables(const std::filesystem::path& catalog, std::vector<CatalogStar> stars,
                      std::size_t most) {
-    QuadTables tables;
+    QuadList list;
     stars.resize(std::min(most, stars.size()));
-    tables.StarCount = static_cast<std::int32_t>(stars.size());
-    tables.Stars.resize(1);
-    tables.Stars.insert(tables.Stars.end(), stars.begin(), stars.end());
-    Projection plane;
-    plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
-    PlateStarList places(1);
-    for (const CatalogStar& star : stars) {
-        double xi = 0;
-        double eta = 0;
-        plane.SkyToPlane(star.Ra, star.Dec, xi, eta);
-        places.push_back({static_cast<float>(xi), static_cast<float>(eta)});
-    }
-    const auto add = [&](std::int32_t a, std::int32_t b, std::int32_t c, std::int32_t star) {
-        if (star == a || star == b || star == c) return;
-        Quad quad = QuadDescriptor(places[a], places[b], places[c], places[star]);
-        quad.Star1 = a;
-        quad.Star2 = b;
-        quad.Star3 = c;
-        quad.Star4 = star;
-        tables.Quads.push_back(quad);
-    };
-    const std::int32_t bright = std::min(6, tables.StarCount);
-    for (std::int32_t a = 1; a <= bright; ++a) {
-        for (std::int32_t b = a + 1; b <= bright; ++b) {
-            for (std::int32_t c = b + 1; c <= bright; ++c) {
-                for (std::int32_t star = 1; star <= tables.StarCount; ++star) add(a, b, c, star);
+    std::sort(stars.begin(), stars.end(), ComesBefore);
+    list.Stars = stars;
+    const auto count = static_cast<std::int32_t>(stars.size());
+    const std::int32_t bright = std::min(6, count);
+    for (std::int32_t a = 0; a < bright; ++a) {
+        for (std::int32_t b = a + 1; b < bright; ++b) {
+            for (std::int32_t c = b + 1; c < bright; ++c) {
+                for (std::int32_t star = c + 1; star < count; ++star) {
+                    list.Quads.push_back({a, b, c, star});
+                }
             }
         }
     }
-    tables.Quads.emplace_back().QuadKey = 5;  // the last one is never looked at
-    std::sort(tables.Quads.begin(), tables.Quads.end(),
-              [](const Quad& a, const Quad& b) { return a.QuadKey < b.QuadKey; });
-    tables.QuadCount = static_cast<std::int32_t>(tables.Quads.size());
-    tables.Quads.insert(tables.Quads.begin(), Quad());
     QuadFileWriter writer(catalog / QuadFileName, 1);
-    writer.Add(0, 10, tables);
+    writer.Add(0, 10, list);
     writer.Commit();
 }
 
