@@ -177,8 +177,11 @@ TEST_F(ClosedLoop, FramesAreSolvedWithoutACentreAndStrangersAreNot) {
     const double diagonal = std::hypot(fieldWidth, fieldHeight);
     const QuadPlan plan{
         0.95 * diagonal / degree, 1.05 * diagonal / degree, 8, 25, true, 2, 1, 0, 0};
+    QuadSky sky({plan});
+    sky.Add(CatalogStars);
+    sky.Finish();
     QuadFileWriter writer(Catalog / QuadFileName, 1);
-    writer.Add(0.9 * diagonal, 1.1 * diagonal, BuildQuadTables(MakeQuadSky(CatalogStars), plan));
+    writer.Add(0.9 * diagonal, 1.1 * diagonal, BuildQuadList(sky, plan));
     writer.Commit();
     const auto solve = [&](const FrameGeometry& geometry, const std::vector<FrameStar>& stars) {
         const auto bytes = FrameFileBytes(RenderFrame(geometry, ExposureFor(16), stars), 16, {});
