@@ -153,7 +153,9 @@ nlohmann::ordered_json JsonConfidence(const MatchConfidence& confidence) {
     return {{"stars_matched", confidence.Matched},
             {"stars_in_frame", confidence.Candidates},
             {"expected_by_chance", confidence.ExpectedByChance},
-            {"log10_false_alarm", confidence.Log10FalseAlarm}};
+            {"log10_false_alarm", confidence.Log10FalseAlarm},
+            {"log10_likelihood_ratio", confidence.Log10LikelihoodRatio},
+            {"log10_trials", confidence.Log10Trials}};
 }
 
 /// What the search of the quad tables went through.

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "astro/libPlateStar.h"
+#include "matching/libFrameStars.h"
 #include "matching/libPlateFit.h"
 
 namespace vestrel {
@@ -37,28 +38,6 @@ inline bool IsSure(const MatchConfidence& confidence) {
     return confidence.Log10FalseAlarm <= SureLog10FalseAlarm;
 }
 
-/// A catalog star where the plate puts it.
-struct PredictedStar {
-    double X = 0;  ///< pixels
-    double Y = 0;
-    double Magnitude = 0;
-    double Error = 0;  ///< of the catalog's position, one axis, pixels (1 σ); 0 when not known
-};
-
-/// A star of the image.
-struct ObservedStar {
-    double X = 0;  ///< pixels
-    double Y = 0;
-    double Flux = 0;
-    double Error = 0;  ///< of the centroid, one axis, pixels (1 σ); 0 when not known
-};
-
-/// A pair that led to the plate: indices into `MatchEvidence::Catalog` and `Image`.
-struct SeedPair {
-    std::size_t Catalog = 0;
-    std::size_t Image = 0;
-};
-
 /// A match to be judged. What is predicted may come from any model; of it only the place of the
 /// frame counts, to a few hundredths of its size.
 struct MatchEvidence {
@@ -72,9 +51,12 @@ struct MatchEvidence {
     double Trials = 1;
     /// The pairs that every plate tried would have by construction: those of a quad. When empty, a
     /// search may have tried any two pairs of its lists, and is charged for all of them.
-    std::vector<SeedPair> Seed;
+    std::vector<StarPlaces> Seed;      ///< places in `Catalog` and `Image`
     std::int32_t SearchedCatalog = 0;  ///< catalog stars of such a search; 0: all of `Catalog`
     std::int32_t SearchedImage = 0;    ///< image stars of such a search; 0: all of `Image`
+    /// Plates that each search looked at when it was more choosy than that (a size and centre to
+    /// keep to), counted before the stars were compared; 0: all through two pairs of its lists.
+    double PlatesInEach = 0;
 };
 
 /// The evidence for a linear plate: the catalog stars that it puts into the frame, and the stars

@@ -1,5 +1,6 @@
 #include "matching/libPlatePosterior.h"
 
+#include <cmath>
 #include <numeric>
 
 namespace vestrel {
@@ -12,24 +13,29 @@ double Dot(const auto& a, const auto& b) {
 
 }  // namespace
 
-PlatePosterior::PlatePosterior(const PlateSpread& spread, double halfDiagonal, double stretch,
-                               double skew) {
-    const double unknown = 10 * halfDiagonal;
+PlatePosterior::PlatePosterior(const PlateSpread& spread, int width, int height, double stretch,
+                               double skew)
+    : halfDiagonal_(std::hypot(width, height) / 2),
+      middleX_((width - 1) / 2.0),
+      middleY_((height - 1) / 2.0) {
+    const double unknown = 10 * halfDiagonal_;
     // A stretch of s lengthens one axis by s / 2 and shortens the other.
-    const double stretched = spread.Stretch * halfDiagonal / 2;
-    const double distorted = spread.Distortion * halfDiagonal;
+    const double stretched = spread.Stretch * halfDiagonal_ / 2;
+    const double distorted = spread.Distortion * halfDiagonal_;
     for (std::size_t i = 0; i < terms; ++i) {
         const double sigma = i < 4 ? unknown : i < 6 ? stretched : distorted;
         covariance_[i][i] = sigma * sigma;
     }
-    mean_[4] = stretch * halfDiagonal / 2;
-    mean_[5] = skew * halfDiagonal / 2;
+    mean_[4] = stretch * halfDiagonal_ / 2;
+    mean_[5] = skew * halfDiagonal_ / 2;
 }
 
-void PlatePosterior::Rows(double u, double v, Vector& x, Vector& y) {
+void PlatePosterior::Rows(double x, double y, Vector& rowX, Vector& rowY) const {
+    const double u = (x - middleX_) / halfDiagonal_;
+    const double v = (y - middleY_) / halfDiagonal_;
     const double r2 = u * u + v * v;
-    x = {1, 0, u, -v, u, v, u * u, u * v, v * v, 0, 0, 0, r2 * u};
-    y = {0, 1, v, u, -v, u, 0, 0, 0, u * u, u * v, v * v, r2 * v};
+    rowX = {1, 0, u, -v, u, v, u * u, u * v, v * v, 0, 0, 0, r2 * u};
+    rowY = {0, 1, v, u, -v, u, 0, 0, 0, u * u, u * v, v * v, r2 * v};
 }
 
 PlatePosterior::Vector PlatePosterior::TimesCovariance(const Vector& row) const {
@@ -38,21 +44,22 @@ PlatePosterior::Vector PlatePosterior::TimesCovariance(const Vector& row) const 
     return product;
 }
 
-PlatePosterior::Place PlatePosterior::Predict(double u, double v) const {
-    Vector x;
-    Vector y;
-    Rows(u, v, x, y);
-    const Vector spreadX = TimesCovariance(x);
-    const Vector spreadY = TimesCovariance(y);
-    return {Dot(mean_, x), Dot(mean_, y), Dot(x, spreadX), Dot(y, spreadY), Dot(y, spreadX)};
+PlatePosterior::Place PlatePosterior::Predict(double x, double y) const {
+    Vector rowX;
+    Vector rowY;
+    Rows(x, y, rowX, rowY);
+    const Vector spreadX = TimesCovariance(rowX);
+    const Vector spreadY = TimesCovariance(rowY);
+    return {Dot(mean_, rowX), Dot(mean_, rowY), Dot(rowX, spreadX), Dot(rowY, spreadY),
+            Dot(rowY, spreadX)};
 }
 
-void PlatePosterior::Learn(double u, double v, double dx, double dy, double variance) {
-    Vector x;
-    Vector y;
-    Rows(u, v, x, y);
-    LearnAxis(x, dx, variance);
-    LearnAxis(y, dy, variance);
+void PlatePosterior::Learn(double x, double y, double dx, double dy, double variance) {
+    Vector rowX;
+    Vector rowY;
+    Rows(x, y, rowX, rowY);
+    LearnAxis(rowX, dx, variance);
+    LearnAxis(rowY, dy, variance);
 }
 
 void PlatePosterior::LearnAxis(const Vector& row, double value, double variance) {

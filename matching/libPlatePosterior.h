@@ -21,10 +21,10 @@ struct PlateSpread {
 
 class PlatePosterior {
  public:
-    /// @param halfDiagonal of the frame, pixels
+    /// @param width, height of the frame, pixels
     /// @param stretch, skew mean of the correction's own: what makes the predicted places those of
     ///                      a similarity
-    PlatePosterior(const PlateSpread& spread, double halfDiagonal, double stretch, double skew);
+    PlatePosterior(const PlateSpread& spread, int width, int height, double stretch, double skew);
 
     /// Where a star is, relative to its predicted place, and how uncertain that is; pixels.
     struct Place {
@@ -34,20 +34,24 @@ class PlatePosterior {
         double VarianceY = 0;
         double Covariance = 0;
     };
-    /// @param u, v predicted place about the middle of the frame, in half-diagonals
-    Place Predict(double u, double v) const;
+    /// @param x, y predicted place, pixels
+    Place Predict(double x, double y) const;
 
-    /// Takes in that the star predicted at (u, v) was seen (dx, dy) pixels from there.
+    /// Takes in that the star predicted at (x, y) was seen (dx, dy) pixels from there.
     /// @param variance of each axis
-    void Learn(double u, double v, double dx, double dy, double variance);
+    void Learn(double x, double y, double dx, double dy, double variance);
 
  private:
     static constexpr std::size_t terms = 13;
     using Vector = std::array<double, terms>;
-    static void Rows(double u, double v, Vector& x, Vector& y);
+    /// What each term moves a star at a place by, along both axes.
+    void Rows(double x, double y, Vector& rowX, Vector& rowY) const;
     Vector TimesCovariance(const Vector& row) const;
     void LearnAxis(const Vector& row, double value, double variance);
 
+    double halfDiagonal_;
+    double middleX_;
+    double middleY_;
     Vector mean_{};
     std::array<Vector, terms> covariance_{};
 };

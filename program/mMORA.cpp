@@ -232,7 +232,7 @@ class QuadMatcher {
     }
 
     /// A pair of the quad, whose catalog star may be among those around it.
-    SeedPair SeedOf(std::size_t pair, MatchEvidence& evidence) const {
+    StarPlaces SeedOf(std::size_t pair, MatchEvidence& evidence) const {
         const StarMatch& match = search_.Pairs[pair];
         const PlateStar& star = search_.Reference[static_cast<std::size_t>(match.Star1)];
         PredictedStar predicted;
