@@ -3,6 +3,8 @@
 #include <algorithm>
 
 #include "astro/libMath.h"
+#include "astro/libProcessor.h"
+#include "extraction/libBoxPercentile.h"
 
 namespace vestrel {
 
@@ -21,32 +23,61 @@ struct ClipLevels {
     std::int32_t High;
 };
 
+/// How often each value occurs among the samples of some rows.
+struct SampleCounts {
+    std::vector<std::int32_t> Counts = std::vector<std::int32_t>(LargestHistogramValue + 1, 0);
+    std::int32_t Minimum = LargestHistogramValue;
+    std::int32_t Maximum = 0;
+    std::int32_t Samples = 0;
+
+    void Add(const std::int32_t* row, std::int32_t offset, std::int32_t width) {
+        for (std::int32_t x = 0; x < width; x += step) {
+            const std::int32_t value = HeldValue(row[x] + offset);
+            ++Counts[static_cast<std::size_t>(value)];
+            Minimum = std::min(Minimum, value);
+            Maximum = std::max(Maximum, value);
+        }
+        Samples += (width + step - 1) / step;
+    }
+    void Add(const SampleCounts& other) {
+        for (auto value = static_cast<std::size_t>(other.Minimum);
+             value <= static_cast<std::size_t>(other.Maximum); ++value) {
+            Counts[value] += other.Counts[value];
+        }
+        Minimum = std::min(Minimum, other.Minimum);
+        Maximum = std::max(Maximum, other.Maximum);
+        Samples += other.Samples;
+    }
+};
+
 /// The levels beyond which the darkest and brightest 0.2 % of the samples lie. Images of fewer
 /// than 250 samples clip nothing: the levels then lie just outside the values that occur.
 ClipLevels FindClipLevels(const Grid<std::int32_t>& values, std::int32_t offset, std::int32_t width,
                           std::int32_t height) {
-    std::vector<std::int32_t> histogram(LargestHistogramValue + 1, 0);
-    std::int32_t minimum = LargestHistogramValue;
-    std::int32_t maximum = 0;
-    std::int32_t samples = 0;
-    for (std::int32_t y = 0; y < height; y += step) {
-        const std::int32_t* row = values.Row(y).data();
-        for (std::int32_t x = 0; x < width; x += step) {
-            const std::int32_t value = HeldValue(row[x] + offset);
-            ++histogram[static_cast<std::size_t>(value)];
-            minimum = std::min(minimum, value);
-            maximum = std::max(maximum, value);
-            ++samples;
+    // Each piece counts on its own, for which it has to be worth while.
+    constexpr std::int64_t pixelsPerPiece = 1 << 20;
+    constexpr std::int64_t mostPieces = 8;
+    const auto pieces = static_cast<std::int32_t>(
+        std::clamp(std::int64_t{width} * height / pixelsPerPiece, std::int64_t{1}, mostPieces));
+    std::vector<SampleCounts> counts(static_cast<std::size_t>(pieces));
+    const std::int32_t rows = (height + step - 1) / step;
+    ParallelFor(pieces, [&](int piece) {
+        const std::int32_t end = rows * (piece + 1) / pieces;
+        for (std::int32_t row = rows * piece / pieces; row < end; ++row) {
+            counts[static_cast<std::size_t>(piece)].Add(values.Row(row * step).data(), offset,
+                                                        width);
         }
-    }
+    });
+    SampleCounts& all = counts.front();
+    for (std::size_t piece = 1; piece < counts.size(); ++piece) all.Add(counts[piece]);
 
-    const std::int32_t clipped = RoundToNearestInt32(samples / 500.0);
-    ClipLevels levels{minimum - 1, maximum + 1};
+    const std::int32_t clipped = RoundToNearestInt32(all.Samples / 500.0);
+    ClipLevels levels{all.Minimum - 1, all.Maximum + 1};
     for (std::int32_t sum = 0; sum < clipped;) {
-        sum += histogram[static_cast<std::size_t>(++levels.Low)];
+        sum += all.Counts[static_cast<std::size_t>(++levels.Low)];
     }
     for (std::int32_t sum = 0; sum < clipped;) {
-        sum += histogram[static_cast<std::size_t>(--levels.High)];
+        sum += all.Counts[static_cast<std::size_t>(--levels.High)];
     }
     return levels;
 }
@@ -80,8 +111,8 @@ class ColumnOfBoxes {
         std::int32_t samples = 0;
         for (std::int32_t y = 1; y <= halfSize_ && y < height_; y += step) samples += AddRow(y);
 
-        std::int32_t* cell = blocks.Values.data() + x0 / step;
-        *cell = HistogramPercentile(histogram_, samples, percentile);
+        std::int32_t blockRow = 0;
+        blocks.Values(x0 / step, blockRow) = HistogramPercentile(histogram_, samples, percentile);
         for (std::int32_t yc = 2; yc < height_; yc += step) {
             const std::int32_t leaving = yc - halfSize_;
             const std::int32_t entering = yc + halfSize_;
@@ -93,8 +124,8 @@ class ColumnOfBoxes {
                 if (leaving >= 0) samples -= RemoveRow(leaving);
                 if (entering < height_) samples += AddRow(entering);
             }
-            cell += blocks.Columns;
-            *cell = HistogramPercentile(histogram_, samples, percentile);
+            blocks.Values(x0 / step, ++blockRow) =
+                HistogramPercentile(histogram_, samples, percentile);
         }
     }
 
@@ -184,10 +215,27 @@ BackgroundBlocks EstimateBackgroundBlocks(const Grid<std::int32_t>& values, std:
     if (width <= 0 || height <= 0) return blocks;
     blocks.Columns = (width + step - 1) / step;
     blocks.Rows = height / step + 1;
-    blocks.Values.resize(static_cast<std::size_t>(blocks.Columns) *
-                         static_cast<std::size_t>(blocks.Rows));
+    blocks.Values = Grid<std::int32_t>(blocks.Columns, blocks.Rows);
 
     const ClipLevels clip = FindClipLevels(values, offset, width, height);
+    if (HasBoxPercentiles(halfSize)) {
+        const BoxSamples samples{values,
+                                 offset,
+                                 width,
+                                 height,
+                                 clip.Low,
+                                 clip.High,
+                                 HeldValue(clip.Low),
+                                 HeldValue(clip.High)};
+        const std::int32_t columns = BoxPercentileColumns(samples);
+        const auto estimateStrip = [&](int piece) {
+            const std::int32_t first = piece * columns;
+            BoxPercentiles(samples, halfSize, percentile, first,
+                           std::min(first + columns, blocks.Columns), blocks.Rows, blocks.Values);
+        };
+        ParallelFor((blocks.Columns + columns - 1) / columns, estimateStrip, progress);
+        return blocks;
+    }
     // A histogram is made once for this many columns of boxes, whose memory they share.
     constexpr std::int32_t columnsPerPiece = 16;
     const auto estimatePiece = [&](int piece) {
@@ -210,26 +258,49 @@ void EstimateBackground(Grid<std::int32_t>& values, std::int32_t width, std::int
     }
 }
 
+namespace {
+
+/// Subtracts the background of a row and holds the result within `least`..`most`. Written so that
+/// the compiler does several pixels at once.
+VESTREL_KERNEL void SubtractRow(std::int32_t* __restrict row, const std::int32_t* __restrict sky,
+                                std::int32_t width, std::int32_t least, std::int32_t most) {
+    for (std::int32_t x = 0; x < width; ++x) {
+        const std::int32_t value = row[x] - sky[x] + lift;
+        const std::int32_t notBelow = value < least ? least : value;
+        row[x] = notBelow > most ? most : notBelow;
+    }
+}
+VESTREL_FOR_AVX2 void SubtractRowForAvx2(std::int32_t* row, const std::int32_t* sky,
+                                         std::int32_t width, std::int32_t least,
+                                         std::int32_t most) {
+    SubtractRow(row, sky, width, least, most);
+}
+void SubtractRowPlainly(std::int32_t* row, const std::int32_t* sky, std::int32_t width,
+                        std::int32_t least, std::int32_t most) {
+    SubtractRow(row, sky, width, least, most);
+}
+
+}  // namespace
+
 void SubtractBackgroundBlocks(Grid<std::int32_t>& pixels, std::int32_t offset, std::int32_t width,
                               std::int32_t height, const BackgroundBlocks& background,
                               const Progress& progress) {
     constexpr std::int32_t rowsPerPiece = 63;  // whole blocks
+    const auto subtract = HasAvx2() ? SubtractRowForAvx2 : SubtractRowPlainly;
     const auto subtractPiece = [&](int piece) {
-        std::vector<std::int32_t> backgroundRow(static_cast<std::size_t>(width));
+        std::vector<std::int32_t> sky(static_cast<std::size_t>(background.Columns) * step);
         const std::int32_t first = piece * rowsPerPiece;
         const std::int32_t end = std::min(first + rowsPerPiece, height);
         for (std::int32_t y = first; y < end; ++y) {
             if (y == first || (y + 1) % step == 0) {
-                for (std::int32_t x = 0; x < width; ++x) {
-                    backgroundRow[static_cast<std::size_t>(x)] = background.At(x, y);
+                const std::int32_t* block = background.Values.Row((y + 1) / step).data();
+                std::int32_t* place = sky.data();
+                for (std::int32_t i = 0; i < background.Columns; ++i, place += step) {
+                    place[0] = place[1] = place[2] = block[i];
                 }
             }
-            std::int32_t* row = pixels.Row(y).data();
-            const std::int32_t* level = backgroundRow.data();
             // Stored and physical values differ by the offset alone, so it only shifts the bounds.
-            for (std::int32_t x = 0; x < width; ++x) {
-                row[x] = std::clamp(row[x] - level[x] + lift, -offset, brightest - offset);
-            }
+            subtract(pixels.Row(y).data(), sky.data(), width, -offset, brightest - offset);
         }
     };
     ParallelFor((height + rowsPerPiece - 1) / rowsPerPiece, subtractPiece, progress);

@@ -1,7 +1,8 @@
 // The slowly varying sky background: a local percentile on a sparse grid, and its subtraction.
 //
-// The method is the sliding-histogram rank filter of Huang, Yang & Tang 1979 (IEEE Trans. ASSP 27,
-// 13), thinned to one pixel in nine and evaluated once per 3 × 3 block.
+// One pixel in nine is looked at, and the percentile is found once per 3 × 3 block: for the usual
+// boxes as libBoxPercentile does, for others by the sliding histogram of Huang, Yang & Tang 1979
+// (IEEE Trans. ASSP 27, 13).
 #pragma once
 
 #include <cstdint>
@@ -63,12 +64,9 @@ std::int32_t HistogramPercentile(const ValueHistogram& histogram, std::int32_t c
 struct BackgroundBlocks {
     std::int32_t Columns = 0;
     std::int32_t Rows = 0;
-    std::vector<std::int32_t> Values;  ///< row by row
+    Grid<std::int32_t> Values;
 
-    std::int32_t At(std::int32_t x, std::int32_t y) const {
-        return Values[static_cast<std::size_t>((y + 1) / 3) * static_cast<std::size_t>(Columns) +
-                      static_cast<std::size_t>(x / 3)];
-    }
+    std::int32_t At(std::int32_t x, std::int32_t y) const { return Values(x / 3, (y + 1) / 3); }
 };
 
 /// Estimates the background of `width` × `height` physical values (stored value + `offset`).

@@ -8,6 +8,7 @@
 #include "extraction/libFilter.h"
 #include "extraction/libStarDetection.h"
 #include "tests/testSupport.h"
+#include "tests/vectorsForNow.h"
 
 namespace vestrel {
 namespace {
@@ -147,8 +148,9 @@ TEST(Background, IsThePlainProceduresWhateverTheImageAndTheThreads) {
         Image stored(width, height);
         ForPixels(width, height, [&](int x, int y) { stored(x, y) = sky(x, y) - offset; });
         const Image subtracted = PlainlySubtracted(stored, plain, offset, width, height);
-        for (const int threads : {1, 3}) {
+        for (const int threads : {1, 2, 7}) {
             const ThreadsForNow now(threads);
+            const VectorsForNow vectors(threads == 2);
             Image map = Copy(sky, width, height);
             EstimateBackground(map, width, height, static_cast<std::int16_t>(half), percentile);
             ASSERT_EQ(Difference(map, plain, width, height), "")
@@ -159,6 +161,43 @@ TEST(Background, IsThePlainProceduresWhateverTheImageAndTheThreads) {
                 EstimateBackgroundBlocks(stored, offset, width, height,
                                          static_cast<std::int16_t>(half), percentile));
             ASSERT_EQ(Difference(result, subtracted, width, height), "");
+        }
+    }
+}
+
+// Values over some range, evenly or mostly at its lower end, with rows at the top that are brighter
+// or darker than the rest: there the slide takes out what it never put in.
+Image Patches(Random& random, int width, int height) {
+    Image image(width, height);
+    const int range = std::vector{1, 15, 200, 4000, 65535, 100000}[random.Whole(0, 5)];
+    const double power = std::vector{1.0, 1.0, 8.0}[random.Whole(0, 2)];
+    const int top = random.Whole(0, 60);
+    const double topLevel = random.Between(0, 1);
+    const double rest = random.Between(0, 1);
+    ForPixels(width, height, [&](int x, int y) {
+        const double chance = random.Between(0, 1);
+        const double level = y < top ? topLevel : x % 97 < 5 ? 1 - rest : rest;
+        image(x, y) = static_cast<int>(range * (0.7 * std::pow(chance, power) + 0.3 * level));
+    });
+    return image;
+}
+
+TEST(Background, HasThePlainPercentileOfEveryBoxWhateverTheValues) {
+    Random random(18);
+    for (int trial = 0; trial < 60; ++trial) {
+        const int width = trial % 8 == 0 ? random.Whole(400, 500) : random.Whole(1, 170);
+        const int height = random.Whole(1, 230);
+        const int half = std::vector{30, 30, 30, 3, 90}[random.Whole(0, 4)];
+        const double percentile = std::vector{50.0, 50.0, 1.0, 97.0}[random.Whole(0, 3)];
+        const Image image = Patches(random, width, height);
+        const Image plain = PlainBackground().Estimate(image, width, height, half, percentile);
+        for (const int threads : {1, 2}) {
+            const ThreadsForNow now(threads);
+            const VectorsForNow vectors(threads == 2);
+            Image map = Copy(image, width, height);
+            EstimateBackground(map, width, height, static_cast<std::int16_t>(half), percentile);
+            ASSERT_EQ(Difference(map, plain, width, height), "")
+                << "trial " << trial << ": " << width << " x " << height << ", half-size " << half;
         }
     }
 }
@@ -183,10 +222,13 @@ TEST(GaussianFilter, IsThePlainProcedureAndSparesTheBorder) {
     Random random(12);
     for (int trial = 0; trial < 60; ++trial) {
         const int width = trial < 16 ? 1 + trial % 4 : random.Whole(3, 120);
-        const int height = trial < 16 ? 1 + trial / 4 : random.Whole(3, 90);
+        const int height = trial < 16        ? 1 + trial / 4
+                           : trial % 10 == 9 ? random.Whole(500, 800)
+                                             : random.Whole(3, 90);
         Image image = Sky(random, width, height, trial % 2 == 1);
         const Image plain = PlainlyFiltered(image, width, height);
         const ThreadsForNow now(trial % 3 + 1);
+        const VectorsForNow vectors(trial % 4 == 0);
         GaussianFilter(image, width, height);
         ASSERT_EQ(Difference(image, plain, width, height), "") << width << " x " << height;
     }
@@ -344,8 +386,9 @@ struct PlainExtraction {
 // Both extractions agree in everything; gives the number of stars.
 int ExpectSameExtraction(const PlateImage& image, const DetectionSettings& settings) {
     const PlainExtraction plain(image, settings);
-    for (const int threads : {1, 3}) {
+    for (const int threads : {1, 2, 7}) {
         const ThreadsForNow now(threads);
+        const VectorsForNow vectors(threads == 2);
         PlateStarList stars;
         std::int32_t count = -1;
         ExtractionFacts facts;

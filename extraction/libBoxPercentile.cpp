@@ -1,0 +1,523 @@
+#include "extraction/libBoxPercentile.h"
+
+#include <algorithm>
+#include <bit>
+#include <vector>
+
+#include "astro/libMath.h"
+#include "astro/libProcessor.h"
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace vestrel {
+
+namespace {
+
+constexpr std::int32_t step = 3;
+constexpr std::int32_t children = 16;
+constexpr std::int32_t mostLeaves = children * children * children;
+
+/// 16 numbers that the compiler adds and compares at once.
+using Sixteen [[gnu::vector_size(32)]] = std::int16_t;
+
+/// A node of a histogram: the running sums of its children.
+struct alignas(32) Node {
+    Sixteen Sums;
+};
+
+/// The lanes of a comparison's outcome that are true, as bits.
+VESTREL_KERNEL unsigned TrueLanes(const Sixteen& outcome) {
+#if defined(__SSE2__)
+    const auto* halves = reinterpret_cast<const __m128i*>(&outcome);
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_packs_epi16(halves[0], halves[1])));
+#else
+    unsigned bits = 0;
+    for (int i = 0; i < children; ++i) bits |= outcome[i] != 0 ? 1U << i : 0U;
+    return bits;
+#endif
+}
+
+/// For each child the running sums that one sample in it adds.
+struct SampleSums {
+    Node OfChild[children];
+    constexpr SampleSums() : OfChild() {
+        for (int child = 0; child < children; ++child) {
+            for (int i = 0; i < children; ++i) {
+                OfChild[child].Sums[i] = static_cast<std::int16_t>(i >= child ? 1 : 0);
+            }
+        }
+    }
+};
+const SampleSums sampleSums;
+
+/// How a histogram of some range lies in memory: the root, the nodes below it, then their children.
+struct TreeShape {
+    std::int32_t Shift = 0;  ///< a leaf stands for 2^Shift values
+    std::int32_t Leaves = 0;
+    std::int32_t LeafNodes = 0;
+    std::int32_t MiddleNodes = 0;
+
+    explicit TreeShape(std::int32_t values) {
+        while (((values - 1) >> Shift) >= mostLeaves) ++Shift;
+        Leaves = ((values - 1) >> Shift) + 1;
+        LeafNodes = (Leaves + children - 1) / children;
+        MiddleNodes = (LeafNodes + children - 1) / children;
+    }
+    std::int32_t MiddleAt(std::int32_t node) const { return 1 + node; }
+    std::int32_t LeafNodeAt(std::int32_t node) const { return 1 + MiddleNodes + node; }
+    std::int32_t Nodes() const { return 1 + MiddleNodes + LeafNodes; }
+};
+
+/// A node of the box, the sum of the columns' nodes, as it was at some place of the box.
+struct alignas(32) Window {
+    Sixteen Before{};  ///< zeros, so that the sum before child 0 can be looked up too
+    Sixteen Sums{};
+    std::int32_t Node = -1;
+    std::int32_t Column = 0;
+
+    std::int16_t SumBefore(int child) const {
+        return reinterpret_cast<const std::int16_t*>(&Before)[children - 1 + child];
+    }
+};
+
+class Strip {
+ public:
+    Strip(const BoxSamples& samples, std::int32_t halfSize, double percentile, std::int32_t first,
+          std::int32_t end)
+        : samples_(samples),
+          percentile_(percentile),
+          reach_(halfSize / step),
+          first_(first),
+          end_(end),
+          start_(first - reach_),
+          width_(end - first + 2 * reach_),
+          firstSample_(std::max(start_, 0)),
+          endSample_(std::min(end + reach_, (samples.Width + step - 1) / step)),
+          shape_(samples.High - samples.Low + 1),
+          columns_(static_cast<std::size_t>(width_) * static_cast<std::size_t>(shape_.Nodes())),
+          excessNodes_(shape_.Shift > 0 ? shape_.Nodes() : shape_.LeafNodeAt(0)),
+          excess_(static_cast<std::size_t>(end - first) * static_cast<std::size_t>(excessNodes_)),
+          rowLength_(width_ + 2 * children),
+          leaves_(RowsOf<std::uint16_t>(4 * reach_)),
+          leaving_(static_cast<std::size_t>(width_)),
+          lowParts_(RowsOf<std::uint8_t>(shape_.Shift > 0 ? 4 * reach_ : 0)) {}
+
+    VESTREL_KERNEL void Run(std::int32_t rows, Grid<std::int32_t>& blocks) {
+        if (shape_.Shift > 0) {
+            RunRows<true>(rows, blocks);
+        } else {
+            RunRows<false>(rows, blocks);
+        }
+    }
+
+ private:
+    static constexpr std::uint16_t noLeaf = 0xFFFF;
+
+    template <typename T>
+    std::vector<T> RowsOf(std::int32_t rows) const {
+        return std::vector<T>(static_cast<std::size_t>(rows) * static_cast<std::size_t>(rowLength_),
+                              static_cast<T>(noLeaf));
+    }
+
+    // Rows of leaf numbers by place: those that slide, then the first box's, then those that
+    // leave without having come.
+    std::int32_t FirstRow(std::int32_t i) const { return 2 * reach_ + i; }
+    std::int32_t OwedRow(std::int32_t i) const { return 3 * reach_ + i; }
+    std::uint16_t* Leaves(std::int32_t row) {
+        return leaves_.data() + static_cast<std::ptrdiff_t>(row) * rowLength_;
+    }
+    std::uint8_t* LowParts(std::int32_t row) {
+        return lowParts_.data() + static_cast<std::ptrdiff_t>(row) * rowLength_;
+    }
+    Node* Column(std::int32_t sampleColumn) {
+        return columns_.data() +
+               static_cast<std::ptrdiff_t>(sampleColumn - start_) * shape_.Nodes();
+    }
+    Node* Excess(std::int32_t column) {
+        return excess_.data() + static_cast<std::ptrdiff_t>(column - first_) * excessNodes_;
+    }
+
+    /// Turns row y of the image into leaf numbers at `row`.
+    template <bool Shared>
+    VESTREL_KERNEL void TakeRow(std::int32_t y, std::int32_t row) {
+        const std::int32_t* pixels = samples_.Values.Row(y).data();
+        std::uint16_t* leaves = Leaves(row) - start_;
+        const std::int32_t offset = samples_.Offset;
+        const std::int32_t darkest = samples_.Darkest;
+        const std::int32_t brightest = samples_.Brightest;
+        const std::int32_t low = samples_.Low;
+        const std::int32_t shift = Shared ? shape_.Shift : 0;
+        const std::int32_t end = endSample_;
+        for (std::int32_t i = firstSample_; i < end; ++i) {
+            const std::int32_t held =
+                std::min(std::max(pixels[i * step] + offset, darkest), brightest) - low;
+            leaves[i] = static_cast<std::uint16_t>(held >> shift);
+            if constexpr (Shared) {
+                (LowParts(row) - start_)[i] = static_cast<std::uint8_t>(held & ((1 << shift) - 1));
+            }
+        }
+    }
+
+    /// The nodes of a column of samples that a leaf is in, and the sums that a sample adds to each.
+    struct Path {
+        std::int32_t LeafNode;
+        std::int32_t MiddleNode;
+        const Sixteen& InLeafNode;
+        const Sixteen& InMiddleNode;
+        const Sixteen& InRoot;
+
+        VESTREL_KERNEL Path(std::int32_t leaf, const Node* sums)
+            : LeafNode(leaf / children),
+              MiddleNode(leaf / (children * children)),
+              InLeafNode(sums[leaf % children].Sums),
+              InMiddleNode(sums[LeafNode % children].Sums),
+              InRoot(sums[MiddleNode].Sums) {}
+    };
+    template <int Sign>
+    VESTREL_KERNEL void CountRow(std::int32_t row) {
+        const std::uint16_t* leaves = Leaves(row) - start_;
+        const Node* sums = sampleSums.OfChild;
+        const std::int32_t nodes = shape_.Nodes();
+        Node* root = Column(firstSample_);
+        Node* middle = root + shape_.MiddleAt(0);
+        Node* leaf = root + shape_.LeafNodeAt(0);
+        for (std::int32_t i = firstSample_; i < endSample_; ++i) {
+            const Path path(leaves[i], sums);
+            if constexpr (Sign > 0) {
+                leaf[path.LeafNode].Sums += path.InLeafNode;
+                middle[path.MiddleNode].Sums += path.InMiddleNode;
+                root->Sums += path.InRoot;
+            } else {
+                leaf[path.LeafNode].Sums -= path.InLeafNode;
+                middle[path.MiddleNode].Sums -= path.InMiddleNode;
+                root->Sums -= path.InRoot;
+            }
+            root += nodes;
+            middle += nodes;
+            leaf += nodes;
+        }
+        boxRows_ += Sign;
+    }
+    /// Takes a row out and puts another one in.
+    VESTREL_KERNEL void ExchangeRows(const std::uint16_t* out, const std::uint16_t* in) {
+        const Node* sums = sampleSums.OfChild;
+        const std::int32_t nodes = shape_.Nodes();
+        Node* root = Column(firstSample_);
+        Node* middle = root + shape_.MiddleAt(0);
+        Node* leaf = root + shape_.LeafNodeAt(0);
+        for (std::int32_t i = firstSample_ - start_; i < endSample_ - start_; ++i) {
+            const Path gone(out[i], sums);
+            const Path come(in[i], sums);
+            leaf[gone.LeafNode].Sums -= gone.InLeafNode;
+            leaf[come.LeafNode].Sums += come.InLeafNode;
+            middle[gone.MiddleNode].Sums -= gone.InMiddleNode;
+            middle[come.MiddleNode].Sums += come.InMiddleNode;
+            root->Sums += come.InRoot - gone.InRoot;
+            root += nodes;
+            middle += nodes;
+            leaf += nodes;
+        }
+    }
+
+    /// Moves the boxes to block row k.
+    template <bool Shared>
+    VESTREL_KERNEL void MoveTo(std::int32_t k) {
+        if (k == 0) {
+            for (std::int32_t i = 0; i < reach_; ++i) {
+                if (1 + step * i < samples_.Height) {
+                    TakeRow<Shared>(1 + step * i, FirstRow(i));
+                    CountRow<1>(FirstRow(i));
+                }
+                if (2 + step * i < samples_.Height) {
+                    TakeRow<Shared>(2 + step * i, OwedRow(i));
+                }
+            }
+            return;
+        }
+        // Rows 2, 5, 8, … have the numbers 0, 1, 2, …; a row comes 2·reach steps before it leaves.
+        const std::int32_t entering = k - 1 + reach_;
+        const std::int32_t leaving = k - 1 - reach_;
+        const std::int32_t place = entering % (2 * reach_);
+        const bool enters = 2 + step * entering < samples_.Height;
+        if (leaving >= reach_ && enters) {
+            std::copy_n(Leaves(place), width_, leaving_.data());
+            TakeRow<Shared>(2 + step * entering, place);
+            ExchangeRows(leaving_.data(), Leaves(place));
+            return;
+        }
+        if (leaving >= reach_) {
+            CountRow<-1>(place);
+        } else if (leaving >= 0) {
+            CountRow<-1>(OwedRow(leaving));
+            owedRows_ = leaving + 1;
+        }
+        if (enters) {
+            TakeRow<Shared>(2 + step * entering, place);
+            CountRow<1>(place);
+        } else {
+            std::fill_n(Leaves(place), rowLength_, noLeaf);
+        }
+    }
+
+    /// What a box holds of the first box's rows less those that leave without having come.
+    struct Drift {
+        std::vector<std::int32_t> Counts;        ///< of each leaf
+        std::vector<std::int32_t> Owed;          ///< those that leave alone
+        std::vector<std::int32_t> CountsOfNode;  ///< of each node of leaves
+        std::vector<std::int32_t> OwedOfNode;
+
+        explicit Drift(std::int32_t leafNodes)
+            : Counts(static_cast<std::size_t>(leafNodes) * children),
+              Owed(Counts.size()),
+              CountsOfNode(static_cast<std::size_t>(leafNodes)),
+              OwedOfNode(CountsOfNode.size()) {}
+        void AddFirst(std::uint16_t leaf, std::int32_t sign) {
+            Counts[leaf] += sign;
+            CountsOfNode[leaf / children] += sign;
+        }
+        void AddOwed(std::uint16_t leaf, std::int32_t sign) {
+            AddFirst(leaf, -sign);
+            Owed[leaf] += sign;
+            OwedOfNode[leaf / children] += sign;
+        }
+    };
+
+    /// Sets the excesses, with the first box's rows or as if they were not there, which is what
+    /// must be expected until all rows have left that never came.
+    void SetExcesses(bool withFirstRows) {
+        Drift drift(shape_.LeafNodes);
+        const auto count = [&](std::int32_t column, std::int32_t sign) {
+            if (column < firstSample_ || column >= endSample_) return;
+            for (std::int32_t i = 0; i < reach_; ++i) {
+                if (withFirstRows && 1 + step * i < samples_.Height) {
+                    drift.AddFirst(Leaves(FirstRow(i))[column - start_], sign);
+                }
+                if (2 + step * i < samples_.Height) {
+                    drift.AddOwed(Leaves(OwedRow(i))[column - start_], sign);
+                }
+            }
+        };
+        for (std::int32_t column = start_; column < first_ + reach_; ++column) count(column, 1);
+        for (std::int32_t column = first_; column < end_; ++column) {
+            count(column + reach_, 1);
+            SetExcessesOf(Excess(column), drift);
+            count(column - reach_, -1);
+        }
+    }
+    void SetExcessesOf(Node* excess, const Drift& drift) {
+        for (std::int32_t middle = shape_.MiddleNodes - 1; middle >= 0; --middle) {
+            std::int32_t most = 0;
+            std::int32_t rest = 0;  // what follows in the middle node adds up to −rest
+            const std::int32_t last = std::min((middle + 1) * children, shape_.LeafNodes);
+            for (std::int32_t node = last - 1; node >= middle * children; --node) {
+                // Sums only fall where something is owed.
+                const bool falls = drift.OwedOfNode[static_cast<std::size_t>(node)] != 0;
+                const std::int32_t mostInNode = falls ? MostInNode(node, drift) : 0;
+                excess[shape_.MiddleAt(middle)].Sums[node % children] =
+                    static_cast<std::int16_t>(mostInNode);
+                most = std::max(most, rest + mostInNode);
+                rest -= drift.CountsOfNode[static_cast<std::size_t>(node)];
+                if (shape_.Shift == 0) continue;
+                for (std::int32_t i = 0; i < children; ++i) {
+                    excess[shape_.LeafNodeAt(node)].Sums[i] = static_cast<std::int16_t>(
+                        drift.Owed[static_cast<std::size_t>(node * children + i)]);
+                }
+            }
+            excess[0].Sums[middle] = static_cast<std::int16_t>(most);
+        }
+    }
+    std::int32_t MostInNode(std::int32_t node, const Drift& drift) const {
+        std::int32_t most = 0;
+        std::int32_t rest = 0;
+        for (std::int32_t i = children - 1; i >= 0; --i) {
+            const auto leaf = static_cast<std::size_t>(node * children + i);
+            most = std::max(most, rest + (shape_.Shift > 0 ? drift.Owed[leaf] : 0));
+            rest -= drift.Counts[leaf];
+        }
+        return most;
+    }
+
+    /// A place of the box: its column of blocks, the column of samples that has come in and the
+    /// one that has gone out on the way from the place before.
+    struct Place {
+        std::int32_t Column;
+        const Node* Come;
+        const Node* Gone;
+    };
+
+    /// Brings a node of the box up to date.
+    VESTREL_KERNEL void BringTo(Window& window, std::int32_t node, const Place& place) {
+        const bool same = window.Node == node;
+        if (same && window.Column + 1 == place.Column) [[likely]] {
+            window.Sums += place.Come[node].Sums - place.Gone[node].Sums;
+        } else if (same && window.Column == place.Column) {
+            return;
+        } else {
+            const std::int32_t nodes = shape_.Nodes();
+            // Either all columns of the box, or those that have come and gone since.
+            std::int32_t columns = 2 * reach_ + 1;
+            const Node* come = place.Come + node;
+            if (same && place.Column - window.Column <= reach_) {
+                columns = place.Column - window.Column;
+                const Node* gone = place.Gone + node;
+                for (std::int32_t i = 0; i < columns; ++i, gone -= nodes) window.Sums -= gone->Sums;
+            } else {
+                window.Sums = Sixteen{};
+            }
+            for (std::int32_t i = 0; i < columns; ++i, come -= nodes) window.Sums += come->Sums;
+        }
+        window.Node = node;
+        window.Column = place.Column;
+    }
+
+    /// Finds the value within a leaf: how far it lies above the leaf's first value, nothing (< 0)
+    /// when the sum of the box's samples reaches `target` nowhere in it.
+    VESTREL_KERNEL std::int32_t FindInLeaf(std::int32_t column, std::int32_t leaf,
+                                           std::int32_t target) {
+        std::int32_t counts[64] = {};
+        const std::int32_t samples = 2 * reach_ + 1;
+        const std::int32_t offset = column - reach_ - start_;
+        const auto wanted = static_cast<std::int16_t>(leaf);
+        const auto add = [&](std::int32_t row, std::int32_t sign) VESTREL_KERNEL_LAMBDA {
+            const std::uint16_t* leaves = Leaves(row) + offset;
+            const std::uint8_t* lowParts = LowParts(row) + offset;
+            for (std::int32_t i = 0; i < samples; i += children) {
+                Sixteen some;
+                __builtin_memcpy(&some, leaves + i, sizeof some);
+                unsigned found = TrueLanes(some == wanted);
+                if (samples - i < children) found &= (1U << (samples - i)) - 1;
+                for (; found != 0; found &= found - 1) {
+                    counts[lowParts[i + std::countr_zero(found)]] += sign;
+                }
+            }
+        };
+        for (std::int32_t row = 0; row < 3 * reach_; ++row) add(row, 1);
+        for (std::int32_t row = 0; row < owedRows_; ++row) add(OwedRow(row), -1);
+        std::int32_t sum = 0;
+        for (std::int32_t i = 0; i < 1 << shape_.Shift; ++i) {
+            sum += counts[i];
+            if (sum >= target) return i;
+        }
+        return -1;
+    }
+
+    /// The first value at which the running sum of the box about `column` reaches `target`.
+    template <bool Shared>
+    VESTREL_KERNEL std::int32_t Find(const Place& place, const Node* excess, std::int32_t target) {
+        const auto reached = [](const Sixteen& sums, const Node& more,
+                                std::int32_t wanted) VESTREL_KERNEL_LAMBDA {
+            return TrueLanes(sums + more.Sums > static_cast<std::int16_t>(wanted - 1));
+        };
+        for (unsigned i = reached(root_.Sums, excess[0], target); i != 0; i &= i - 1) {
+            const std::int32_t middle = std::countr_zero(i);
+            Window& middleWindow = middle_[middle % 2];
+            BringTo(middleWindow, shape_.MiddleAt(middle), place);
+            const std::int32_t middleTarget = target - root_.SumBefore(middle);
+            for (unsigned j =
+                     reached(middleWindow.Sums, excess[shape_.MiddleAt(middle)], middleTarget);
+                 j != 0; j &= j - 1) {
+                const std::int32_t child = std::countr_zero(j);
+                const std::int32_t node = middle * children + child;
+                Window& window = leafWindows_[node % 4];
+                BringTo(window, shape_.LeafNodeAt(node), place);
+                const std::int32_t leafTarget = middleTarget - middleWindow.SumBefore(child);
+                if constexpr (!Shared) {
+                    const unsigned k =
+                        TrueLanes(window.Sums > static_cast<std::int16_t>(leafTarget - 1));
+                    if (k != 0) return samples_.Low + node * children + std::countr_zero(k);
+                    continue;
+                }
+                for (unsigned k = reached(window.Sums, excess[shape_.LeafNodeAt(node)], leafTarget);
+                     k != 0; k &= k - 1) {
+                    const std::int32_t last = std::countr_zero(k);
+                    const std::int32_t leaf = node * children + last;
+                    const std::int32_t above =
+                        FindInLeaf(place.Column, leaf, leafTarget - window.SumBefore(last));
+                    if (above >= 0) return samples_.Low + (leaf << shape_.Shift) + above;
+                }
+            }
+        }
+        return samples_.High;
+    }
+
+    template <bool Shared>
+    VESTREL_KERNEL void RunRows(std::int32_t rows, Grid<std::int32_t>& blocks) {
+        std::int32_t samples = -1;
+        std::int32_t target = 0;
+        for (std::int32_t k = 0; k < rows; ++k) {
+            std::int32_t* blockRow = blocks.Row(k).data();
+            MoveTo<Shared>(k);
+            if (k == 0 || k == 2 * reach_) SetExcesses(k > 0);
+            root_.Node = -1;
+            for (Window& window : middle_) window.Node = -1;
+            for (Window& window : leafWindows_) window.Node = -1;
+            const std::int32_t nodes = shape_.Nodes();
+            Place place{first_, Column(first_ + reach_), Column(first_ - reach_) - nodes};
+            const Node* excess = Excess(first_);
+            for (; place.Column < end_; ++place.Column) {
+                const std::int32_t boxColumns = std::min(place.Column + reach_ + 1, endSample_) -
+                                                std::max(place.Column - reach_, firstSample_);
+                if (boxRows_ * boxColumns != samples) {
+                    samples = boxRows_ * boxColumns;
+                    target = RoundToNearestInt32(samples * percentile_ / 100);
+                }
+                BringTo(root_, 0, place);
+                blockRow[place.Column] =
+                    target > 0 ? Find<Shared>(place, excess, target) : samples_.Low - 1;
+                place.Come += nodes;
+                place.Gone += nodes;
+                excess += excessNodes_;
+            }
+        }
+    }
+
+    const BoxSamples& samples_;
+    double percentile_;
+    std::int32_t reach_;  ///< of the box, in samples
+    std::int32_t first_;
+    std::int32_t end_;
+    std::int32_t start_;  ///< the first column of samples that a box touches, maybe outside
+    std::int32_t width_;
+    std::int32_t firstSample_;
+    std::int32_t endSample_;
+    TreeShape shape_;
+    std::vector<Node> columns_;
+    std::int32_t excessNodes_;  ///< leaves have one only where they stand for several values
+    std::vector<Node> excess_;
+    std::int32_t rowLength_;
+    std::vector<std::uint16_t> leaves_;
+    std::vector<std::uint16_t> leaving_;  ///< the row that leaves
+    std::vector<std::uint8_t> lowParts_;
+    std::int32_t boxRows_ = 0;   ///< rows put in minus rows taken out
+    std::int32_t owedRows_ = 0;  ///< rows taken out that were never in
+    Window root_;
+    Window middle_[2];
+    Window leafWindows_[4];
+};
+
+VESTREL_FOR_AVX2 void RunForAvx2(Strip& strip, std::int32_t rows, Grid<std::int32_t>& blocks) {
+    strip.Run(rows, blocks);
+}
+void RunPlainly(Strip& strip, std::int32_t rows, Grid<std::int32_t>& blocks) {
+    strip.Run(rows, blocks);
+}
+
+}  // namespace
+
+void BoxPercentiles(const BoxSamples& samples, std::int32_t halfSize, double percentile,
+                    std::int32_t first, std::int32_t end, std::int32_t rows,
+                    Grid<std::int32_t>& blocks) {
+    Strip strip(samples, halfSize, percentile, first, end);
+    (HasAvx2() ? RunForAvx2 : RunPlainly)(strip, rows, blocks);
+}
+
+std::int32_t BoxPercentileColumns(const BoxSamples& samples) {
+    constexpr std::int32_t cache = 512 << 10;
+    const TreeShape shape(samples.High - samples.Low + 1);
+    const std::int32_t columnBytes = shape.Nodes() * static_cast<std::int32_t>(sizeof(Node));
+    return std::clamp(cache / columnBytes, 48, 128);
+}
+
+}  // namespace vestrel
