@@ -1,9 +1,7 @@
 #include "image/libFITS.h"
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
-#include <limits>
 #include <memory>
 #include <new>
 #include <optional>
@@ -12,6 +10,8 @@
 
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "image/libPixelRows.h"
+#include "platform/libFileParts.h"
 #include "platform/libFiles.h"
 
 namespace vestrel {
@@ -236,93 +236,117 @@ bool CheckHeader(const ImageHeader& header, ReadFailure& failure) {
     return true;
 }
 
-/// Converts one row of pixel bytes; `floor` and `ceiling` bound the stored values.
-void ConvertRow8(const std::uint8_t* bytes, std::int32_t* row, std::int32_t width,
-                 std::int32_t floor) {
-    for (std::int32_t x = 0; x < width; ++x) row[x] = std::max<std::int32_t>(bytes[x], floor);
+/// Where a file's pixels lie, and what becomes of them.
+struct PixelLayout {
+    int BitPix;
+    std::size_t RowBytes;
+    std::size_t Wanted;    ///< bytes that the header promises
+    std::size_t Held = 0;  ///< of these the bytes that the file holds
+    StoredBounds Bounds;
+
+    PixelLayout(const ImageHeader& header, std::int32_t offset)
+        : BitPix(header.BitPix),
+          RowBytes(static_cast<std::size_t>(header.NAxis1) * PixelBytes()),
+          Wanted(RowBytes * static_cast<std::size_t>(header.NAxis2)),
+          Bounds{-offset, 65535 - offset} {}
+
+    std::size_t PixelBytes() const { return static_cast<std::size_t>(std::abs(BitPix)) / 8; }
+    /// Whether zero bytes convert to 0, which is what a new grid holds already.
+    bool MissingCostNothing() const {
+        return Bounds.Floor <= 0 && (BitPix != -32 || Bounds.Ceiling >= 0);
+    }
+};
+
+std::int32_t OffsetOf(const ImageHeader& header) {
+    std::int32_t offset = 0;
+    if (!RoundToInt32(header.BZero, offset) || std::abs(std::int64_t{offset}) > largestOffset) {
+        throw std::range_error("BZERO too large");
+    }
+    return offset;
 }
 
-void ConvertRow16(const std::uint8_t* bytes, std::int32_t* row, std::int32_t width,
-                  std::int32_t floor) {
-    for (std::int32_t x = 0; x < width; ++x) {
-        const auto high = static_cast<std::int8_t>(bytes[2 * x]);
-        row[x] = std::max(high * 256 + bytes[2 * x + 1], floor);
+void RefuseForgedSize(const PixelLayout& layout) {
+    const std::size_t missing = (layout.Wanted - layout.Held) / layout.PixelBytes();
+    if (!layout.MissingCostNothing() &&
+        missing / missingPixelsPerByte > layout.Held + blockLength) {
+        throw std::runtime_error("next to no pixels");
     }
 }
 
-/// The machine's own floats equal `DecodeFloat32` but for the smallest, which round to 0 both ways,
-/// and for infinities and NaN, which are refused both ways.
-void ConvertRowFloat(const std::uint8_t* bytes, std::int32_t* row, std::int32_t width,
-                     std::int32_t floor, std::int32_t ceiling) {
-    constexpr double smallest = std::numeric_limits<std::int32_t>::min();
-    constexpr double largest = std::numeric_limits<std::int32_t>::max();
-    bool allFit = true;
-    for (std::int32_t x = 0; x < width; ++x, bytes += 4) {
-        const std::uint32_t bits = std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
-                                   std::uint32_t{bytes[2]} << 8 | bytes[3];
-        double value = RoundHalfEven(static_cast<double>(std::bit_cast<float>(bits)));
-        if (!(value >= smallest && value <= largest)) {
-            allFit = false;
-            value = 0;
-        }
-        row[x] = std::min(std::max(static_cast<std::int32_t>(value), floor), ceiling);
+/// Converts the rows `first`..`end` − 1 of the file from their bytes.
+void StoreRows(const PixelLayout& layout, const std::uint8_t* bytes, std::int32_t first,
+               std::int32_t end, PlateImage& image) {
+    if (end <= first) return;
+    // Floating-point images alone are turned upside down.
+    const bool turned = layout.BitPix == -32;
+    const std::int32_t y = turned ? image.Height - 1 - first : first;
+    const std::ptrdiff_t rowLength = std::ptrdiff_t{image.Width} + 1;
+    const PixelRows rows{layout.BitPix,
+                         bytes,
+                         static_cast<std::size_t>(image.Width),
+                         static_cast<std::size_t>(end - first),
+                         image.Pixels.Row(y).data(),
+                         turned ? -rowLength : rowLength};
+    if (!ConvertPixelRows(rows, layout.Bounds)) throw std::range_error("pixel too large");
+}
+
+/// Reads the pixels in pieces, which the processors share: each is converted while it is in the
+/// cache, and no buffer is needed for the file.
+/// @param read puts that many of the pixels' bytes from a place on into a buffer; gives how many
+///             there were
+template <typename Read>
+void ReadPieces(const PixelLayout& layout, PlateImage& image, const Progress& progress, Read read) {
+    constexpr std::size_t pieceBytes = std::size_t{256} << 10;
+    const auto rowsPerPiece = static_cast<std::int32_t>(
+        std::max(pieceBytes / std::max<std::size_t>(layout.RowBytes, 1), std::size_t{1}));
+    std::int32_t rows = image.Height;
+    if (layout.MissingCostNothing() && layout.RowBytes > 0) {
+        rows = static_cast<std::int32_t>((layout.Held + layout.RowBytes - 1) / layout.RowBytes);
     }
-    if (!allFit) throw std::range_error("pixel too large");
+    const auto readPiece = [&](int piece) {
+        const std::int32_t first = piece * rowsPerPiece;
+        const std::int32_t end = std::min(first + rowsPerPiece, rows);
+        const std::size_t start = static_cast<std::size_t>(first) * layout.RowBytes;
+        const std::size_t length = static_cast<std::size_t>(end - first) * layout.RowBytes;
+        const auto bytes = std::make_unique_for_overwrite<std::uint8_t[]>(length);
+        const std::size_t there =
+            start < layout.Held ? read(start, bytes.get(), std::min(length, layout.Held - start))
+                                : 0;
+        std::fill(bytes.get() + there, bytes.get() + length, std::uint8_t{0});
+        StoreRows(layout, bytes.get(), first, end, image);
+    };
+    ParallelFor((rows + rowsPerPiece - 1) / rowsPerPiece, readPiece, progress);
+    if (progress) progress(0, image.Height);
 }
 
 void ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
                 const Progress& progress) {
     const ImageHeader& header = image.Header;
     if (header.NAxis1 < 0 || header.NAxis2 < 0) throw std::range_error("negative size");
-    std::int32_t offset = 0;
-    if (!RoundToInt32(header.BZero, offset) || std::abs(std::int64_t{offset}) > largestOffset) {
-        throw std::range_error("BZERO too large");
+    const std::int32_t offset = OffsetOf(header);
+    PixelLayout layout(header, offset);
+    const std::int64_t dataStart = fileLength < 0 ? -1 : FilePosition(file);
+    if (dataStart < 0) {
+        // A pipe is read in one go, to its end.
+        const auto data = std::make_unique_for_overwrite<std::uint8_t[]>(layout.Wanted);
+        layout.Held = std::fread(data.get(), 1, layout.Wanted, file);
+        RefuseForgedSize(layout);
+        StartPixels(image, offset);
+        ReadPieces(layout, image, progress,
+                   [&](std::size_t start, std::uint8_t* bytes, std::size_t length) {
+                       std::copy_n(data.get() + start, length, bytes);
+                       return length;
+                   });
+        return;
     }
-
-    // One read of what the file holds, however much its header promises.
-    const std::size_t pixelBytes = static_cast<std::size_t>(std::abs(header.BitPix)) / 8;
-    const std::size_t rowBytes = static_cast<std::size_t>(header.NAxis1) * pixelBytes;
-    const std::size_t wanted = rowBytes * static_cast<std::size_t>(header.NAxis2);
-    const std::size_t longest =
-        fileLength < 0 ? wanted : std::min(wanted, static_cast<std::size_t>(fileLength));
-    const auto data = std::make_unique_for_overwrite<std::uint8_t[]>(longest);
-    const std::size_t held = std::fread(data.get(), 1, longest, file);
-
-    const std::int32_t floor = -offset;
-    const std::int32_t ceiling = 65535 - offset;
-    // Zero bytes that convert to 0 are what a new grid holds already.
-    const bool missingCostNothing = floor <= 0 && (header.BitPix != -32 || ceiling >= 0);
-    const std::size_t missing = (wanted - held) / pixelBytes;
-    if (!missingCostNothing && missing / missingPixelsPerByte > held + blockLength) {
-        throw std::runtime_error("next to no pixels");
-    }
-
+    layout.Held = std::min(
+        layout.Wanted, static_cast<std::size_t>(std::max<std::int64_t>(fileLength - dataStart, 0)));
+    RefuseForgedSize(layout);
     StartPixels(image, offset);
-
-    std::vector<std::uint8_t> paddedRow;
-    for (std::int32_t r = 0; r < image.Height; ++r) {
-        const std::size_t start = static_cast<std::size_t>(r) * rowBytes;
-        const std::uint8_t* bytes = data.get() + start;
-        if (start + rowBytes > held) {
-            if (start >= held && missingCostNothing) break;
-            paddedRow.assign(rowBytes, 0);
-            if (start < held) std::copy_n(bytes, held - start, paddedRow.begin());
-            bytes = paddedRow.data();
-        }
-        switch (header.BitPix) {
-            case 8:
-                ConvertRow8(bytes, image.Pixels.Row(r).data(), image.Width, floor);
-                break;
-            case 16:
-                ConvertRow16(bytes, image.Pixels.Row(r).data(), image.Width, floor);
-                break;
-            default:
-                ConvertRowFloat(bytes, image.Pixels.Row(image.Height - 1 - r).data(), image.Width,
-                                floor, ceiling);
-        }
-        if (r % 10 == 0 && progress) progress(r, image.Height);
-    }
-    if (progress) progress(0, image.Height);
+    ReadPieces(
+        layout, image, progress, [&](std::size_t start, std::uint8_t* bytes, std::size_t length) {
+            return ReadAt(file, static_cast<std::uint64_t>(dataStart) + start, bytes, length);
+        });
 }
 
 }  // namespace

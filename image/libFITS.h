@@ -19,7 +19,7 @@ namespace vestrel {
 /// those are not stored as 0 (`BZERO` below 0, for floating-point ones above 65535 too), a file
 /// that holds next to none of it is refused.
 ///
-/// @param progress told of rows done after every tenth row
+/// @param progress told of the pieces done
 /// @param failure  what to show when the result is false
 /// @return true when the whole image was read. After false, `image` holds what had been set
 ///         before the failure and is not to be used.

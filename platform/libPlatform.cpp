@@ -1,5 +1,6 @@
 #include "platform/libPlatform.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <new>
 
@@ -178,18 +179,43 @@ std::size_t PeakMemoryBytes() {
 #endif
 }
 
+#ifndef _WIN32
+namespace {
+
+/// Gives back all of a mapping of `bytes` + `alignment` bytes but `bytes` at a multiple of
+/// `alignment`.
+void* KeepAligned(char* block, std::size_t bytes, std::size_t alignment) {
+    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const std::size_t kept = (bytes + page - 1) / page * page;
+    const std::size_t mapped = (bytes + alignment + page - 1) / page * page;
+    const std::size_t before =
+        (alignment - reinterpret_cast<std::uintptr_t>(block) % alignment) % alignment;
+    if (before > 0) munmap(block, before);
+    if (mapped > before + kept) munmap(block + before + kept, mapped - before - kept);
+    return block + before;
+}
+
+}  // namespace
+#endif
+
 void* AllocateZeroed(std::size_t bytes, [[maybe_unused]] MemoryUse use) {
     if (bytes == 0) return nullptr;
 #ifdef _WIN32
     void* block = VirtualAlloc(nullptr, bytes, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
     if (block == nullptr) throw std::bad_alloc();
 #else
-    void* block = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    // A large image would cost tens of thousands of page faults. Large pages begin at whole
+    // multiples of their size, and so does the block.
+    constexpr std::size_t largePage = std::size_t{2} << 20;
+    const bool large = use == MemoryUse::Swept && bytes >= largePage;
+    const std::size_t reserved = bytes + (large ? largePage : 0);
+    if (reserved < bytes) throw std::bad_alloc();
+    void* block =
+        mmap(nullptr, reserved, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (block == MAP_FAILED) throw std::bad_alloc();
+    if (large) block = KeepAligned(static_cast<char*>(block), bytes, largePage);
 #ifdef MADV_HUGEPAGE
-    // A large image would cost tens of thousands of page faults.
-    constexpr std::size_t worthwhile = std::size_t{8} << 20;
-    if (use == MemoryUse::Swept && bytes >= worthwhile) madvise(block, bytes, MADV_HUGEPAGE);
+    if (large) madvise(block, bytes, MADV_HUGEPAGE);
 #endif
 #endif
     return block;

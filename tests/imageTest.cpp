@@ -15,6 +15,7 @@
 #include "platform/libPlatform.h"
 #include "program/mImageData.h"
 #include "tests/testSupport.h"
+#include "tests/vectorsForNow.h"
 
 namespace vestrel {
 namespace {
@@ -228,6 +229,57 @@ TEST(FitsPixels, RoundClampAndOffset) {
     for (const double pixel : {std::nan(""), HUGE_VAL, -HUGE_VAL, 2147483648.0, -3e9}) {
         reader.Read(Fits(-32, 1, 2, std::vector<double>{5, pixel}));
         EXPECT_EQ(reader.Complaint, general) << pixel;
+    }
+}
+
+TEST(FitsPixels, PiecesGiveThePixelsOfASingleReadWhereverTheFileEnds) {
+    Random random(19);
+    Reader reader;
+    for (int trial = 0; trial < 24; ++trial) {
+        const int bitPix = std::vector{8, 16, -32}[trial % 3];
+        const std::size_t bytes = static_cast<std::size_t>(std::abs(bitPix)) / 8;
+        const int width = random.Whole(1, 400);
+        const int height = trial % 4 == 0 ? 1 : random.Whole(300, 1300);
+        const int offset = std::vector{0, 32768, 7, -40}[random.Whole(0, 3)];
+        std::string pixels(bytes * static_cast<std::size_t>(width * height), 0);
+        for (char& byte : pixels) byte = static_cast<char>(random.Whole(-128, 127));
+        for (std::size_t i = 0; bytes == 4 && i < pixels.size(); i += 4) {
+            // Floats of up to 2^18, either sign; some of them halves.
+            pixels[i] = static_cast<char>((pixels[i] & 0x80) | random.Whole(0x3E, 0x48));
+            if (i % 16 == 0) pixels[i + 2] = pixels[i + 3] = 0;
+        }
+        const std::size_t held =
+            trial % 2 == 0
+                ? pixels.size()
+                : static_cast<std::size_t>(random.Whole(0, static_cast<int>(pixels.size())));
+        const std::string file =
+            FitsHeader(FitsCards(bitPix, width, height, {"BZERO = " + std::to_string(offset)}));
+        std::string whole = pixels;
+        std::fill(whole.begin() + static_cast<std::ptrdiff_t>(held), whole.end(), '\0');
+        const auto byteAt = [&](std::size_t i) { return static_cast<std::uint8_t>(whole[i]); };
+        for (const int threads : {1, 2, 7}) {
+            const ThreadsForNow now(threads);
+            const VectorsForNow vectors(threads == 2);
+            reader.Read(file + pixels.substr(0, held));
+            ASSERT_TRUE(reader.Good) << reader.Complaint;
+            int wrong = 0;
+            for (int r = 0; r < height; ++r) {
+                for (int x = 0; x < width; ++x) {
+                    const std::size_t at = bytes * static_cast<std::size_t>(r * width + x);
+                    double value = byteAt(at);
+                    if (bytes == 2)
+                        value = static_cast<std::int8_t>(byteAt(at)) * 256 + byteAt(at + 1);
+                    if (bytes == 4) {
+                        value = std::nearbyint(DecodeFloat32(byteAt(at), byteAt(at + 1),
+                                                             byteAt(at + 2), byteAt(at + 3)));
+                        value = std::min(value, 65535.0 - offset);
+                    }
+                    const int y = bytes == 4 ? height - 1 - r : r;
+                    if (reader.Image.Pixels(x, y) != std::max(value, -1.0 * offset)) ++wrong;
+                }
+            }
+            ASSERT_EQ(wrong, 0) << "trial " << trial << ", " << threads << " threads";
+        }
     }
 }
 

@@ -1,0 +1,97 @@
+#include "image/libPixelRows.h"
+
+#include <bit>
+#include <cstring>
+#include <limits>
+
+#include "astro/libProcessor.h"
+
+namespace vestrel {
+
+namespace {
+
+VESTREL_KERNEL std::int32_t NotBelow(std::int32_t value, std::int32_t floor) {
+    return value < floor ? floor : value;
+}
+
+VESTREL_KERNEL void ConvertBytes(const std::uint8_t* __restrict bytes, std::int32_t* __restrict row,
+                                 std::size_t width, std::int32_t floor) {
+    for (std::size_t x = 0; x < width; ++x) row[x] = NotBelow(bytes[x], floor);
+}
+
+/// The number that big-endian bytes stand for.
+template <typename Unsigned>
+VESTREL_KERNEL Unsigned FromBigEndian(const std::uint8_t* bytes) {
+    Unsigned value;
+    std::memcpy(&value, bytes, sizeof value);
+    if constexpr (std::endian::native == std::endian::big) {
+        return value;
+    } else if constexpr (sizeof(Unsigned) == 2) {
+        return static_cast<Unsigned>(value << 8 | value >> 8);
+    } else {
+        return value << 24 | (value & 0xFF00) << 8 | (value >> 8 & 0xFF00) | value >> 24;
+    }
+}
+
+VESTREL_KERNEL void ConvertWords(const std::uint8_t* __restrict bytes, std::int32_t* __restrict row,
+                                 std::size_t width, std::int32_t floor) {
+    for (std::size_t x = 0; x < width; ++x) {
+        const auto value = static_cast<std::int16_t>(FromBigEndian<std::uint16_t>(bytes + 2 * x));
+        row[x] = NotBelow(value, floor);
+    }
+}
+
+/// The machine's own floats equal `DecodeFloat32` but for the smallest, which round to 0 both ways,
+/// and for infinities and NaN, which are refused both ways.
+VESTREL_KERNEL bool ConvertFloats(const std::uint8_t* __restrict bytes,
+                                  std::int32_t* __restrict row, std::size_t width,
+                                  StoredBounds bounds) {
+    constexpr double smallest = std::numeric_limits<std::int32_t>::min();
+    constexpr double largest = std::numeric_limits<std::int32_t>::max();
+    constexpr double lastDigitIsOne = 6755399441055744.0;  // 1.5 × 2^52
+    std::int32_t misfits = 0;
+    for (std::size_t x = 0; x < width; ++x) {
+        const auto number = std::bit_cast<float>(FromBigEndian<std::uint32_t>(bytes + 4 * x));
+        // Beyond 2^51 this is not the nearest whole number, but far from fitting all the same.
+        const double value = (static_cast<double>(number) + lastDigitIsOne) - lastDigitIsOne;
+        const bool fits = value >= smallest && value <= largest;
+        misfits |= fits ? 0 : 1;
+        const std::int32_t stored =
+            NotBelow(static_cast<std::int32_t>(fits ? value : 0.0), bounds.Floor);
+        row[x] = stored > bounds.Ceiling ? bounds.Ceiling : stored;
+    }
+    return misfits == 0;
+}
+
+VESTREL_KERNEL bool Convert(const PixelRows& rows, StoredBounds bounds) {
+    bool good = true;
+    const std::uint8_t* bytes = rows.Bytes;
+    std::int32_t* row = rows.First;
+    for (std::size_t i = 0; i < rows.Rows; ++i, row += rows.RowStep) {
+        if (rows.BitPix == -32) {
+            good &= ConvertFloats(bytes, row, rows.Width, bounds);
+            bytes += 4 * rows.Width;
+        } else if (rows.BitPix == 16) {
+            ConvertWords(bytes, row, rows.Width, bounds.Floor);
+            bytes += 2 * rows.Width;
+        } else {
+            ConvertBytes(bytes, row, rows.Width, bounds.Floor);
+            bytes += rows.Width;
+        }
+    }
+    return good;
+}
+VESTREL_FOR_AVX2 bool ConvertForAvx2(const PixelRows& rows, StoredBounds bounds) {
+    return Convert(rows, bounds);
+}
+bool ConvertPlainly(const PixelRows& rows, StoredBounds bounds) {
+    return Convert(rows, bounds);
+}
+
+}  // namespace
+
+bool ConvertPixelRows(const PixelRows& rows, StoredBounds bounds) {
+    return (HasAvx2() ? ConvertForAvx2 : ConvertPlainly)(rows, bounds);
+}
+
+}  // namespace vestrel
