@@ -42,7 +42,7 @@ VESTREL_KERNEL unsigned TrueLanes(const Sixteen& outcome) {
 /// For each child the running sums that one sample in it adds.
 struct SampleSums {
     Node OfChild[children];
-    constexpr SampleSums() : OfChild() {
+    SampleSums() : OfChild() {
         for (int child = 0; child < children; ++child) {
             for (int i = 0; i < children; ++i) {
                 OfChild[child].Sums[i] = static_cast<std::int16_t>(i >= child ? 1 : 0);

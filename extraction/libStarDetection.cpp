@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "astro/libMath.h"
+#include "extraction/libBrightRuns.h"
 
 namespace vestrel {
 
@@ -77,29 +78,58 @@ class SkySamples {
         return std::min(size - border, size);
     }
 
-    /// The sums as whole numbers, row by row as the memory lies. While they stay below 2^53 every
-    /// order of adding gives the same 64-bit float, so this equals `SumsInOrder`; beyond, nothing.
+    /// Sums of whole numbers.
+    struct WholeSums {
+        std::int64_t Count = 0;
+        std::int64_t Values = 0;
+        std::uint64_t Squares = 0;
+    };
+    static constexpr std::uint64_t exactLimit = std::uint64_t{1} << 53;
+    static constexpr std::int64_t largestValue = 1 << 20;
+
+    /// The sums as whole numbers, bands of rows at once. While they stay below 2^53 every order of
+    /// adding gives the same 64-bit float, so this equals `SumsInOrder`; beyond, nothing.
     std::optional<Sums> ExactSums(double limit) const {
-        constexpr std::uint64_t exactLimit = std::uint64_t{1} << 53;
-        constexpr std::int64_t largestValue = 1 << 20;
-        std::int64_t count = 0;
-        std::int64_t values = 0;
-        std::uint64_t squares = 0;
-        for (std::int64_t y = firstY_; y <= lastY_; y += 3) {
-            const auto row = image_.Pixels.Row(static_cast<std::int32_t>(y));
-            for (std::int64_t x = firstX_; x <= lastX_; x += 3) {
-                const std::int64_t v =
-                    std::int64_t{row[static_cast<std::size_t>(x)]} + image_.DataOffset;
-                if (v > largestValue || v < -largestValue) return std::nullopt;
-                if (static_cast<double>(v) <= limit) {
-                    ++count;
-                    values += v;
-                    squares += static_cast<std::uint64_t>(v * v);
-                }
-            }
-            if (squares >= exactLimit) return std::nullopt;
+        constexpr std::int64_t rowsPerBand = 64;
+        const std::int64_t rows = lastY_ < firstY_ ? 0 : (lastY_ - firstY_) / 3 + 1;
+        std::vector<WholeSums> sums(
+            static_cast<std::size_t>((rows + rowsPerBand - 1) / rowsPerBand));
+        // Samples are whole numbers, and so may the limit be.
+        const std::int64_t whole = limit < static_cast<double>(largestValue)
+                                       ? static_cast<std::int64_t>(std::floor(limit))
+                                       : largestValue;
+        ParallelFor(static_cast<int>(sums.size()), [&](int band) {
+            const std::int64_t first = firstY_ + 3 * rowsPerBand * band;
+            sums[static_cast<std::size_t>(band)] =
+                SumsOfRows(first, std::min(first + 3 * rowsPerBand - 1, lastY_), whole);
+        });
+        WholeSums all;
+        for (const WholeSums& band : sums) {
+            all.Count += band.Count;
+            all.Values += band.Values;
+            all.Squares += band.Squares;
+            if (all.Squares >= exactLimit) return std::nullopt;
         }
-        return Sums{count, static_cast<double>(values), static_cast<double>(squares)};
+        return Sums{all.Count, static_cast<double>(all.Values), static_cast<double>(all.Squares)};
+    }
+
+    /// The sums over some rows; `exactLimit` squares when a value is too large to tell.
+    WholeSums SumsOfRows(std::int64_t firstY, std::int64_t lastY, std::int64_t limit) const {
+        WholeSums sums;
+        for (std::int64_t y = firstY; y <= lastY; y += 3) {
+            const std::int32_t* row = image_.Pixels.Row(static_cast<std::int32_t>(y)).data();
+            bool tooLarge = false;
+            for (std::int64_t x = firstX_; x <= lastX_; x += 3) {
+                const std::int64_t v = std::int64_t{row[x]} + image_.DataOffset;
+                tooLarge |= v > largestValue || v < -largestValue;
+                const std::int64_t taken = v <= limit ? 1 : 0;
+                sums.Count += taken;
+                sums.Values += taken * v;
+                sums.Squares += static_cast<std::uint64_t>(taken * v * v);
+            }
+            if (tooLarge || sums.Squares >= exactLimit) return {0, 0, exactLimit};
+        }
+        return sums;
     }
 
     Sums SumsInOrder(double limit) const {
@@ -137,69 +167,17 @@ std::int32_t StoredLevel(double threshold, std::int32_t offset) {
     return level > smallest ? static_cast<std::int32_t>(level) : smallest;
 }
 
-/// The rows of the pixels above a level, column by column, each in rising order.
-using BrightRows = std::vector<std::vector<std::uint16_t>>;
-
-/// Bright pixels are few: finding them once, in memory order, spares the later steps, which go
-/// column by column, the sweep over the whole image.
-BrightRows FindBrightPixels(const PlateImage& image, std::int32_t level, const Progress& progress) {
-    BrightRows bright(static_cast<std::size_t>(image.Width));
-    constexpr std::int32_t columnsPerPiece = 256;
-    constexpr std::int32_t columnsPerLook = 32;
-    const auto findInPiece = [&](int piece) {
-        const std::int32_t first = piece * columnsPerPiece;
-        const std::int32_t end = std::min(first + columnsPerPiece, image.Width);
-        for (std::int32_t y = 0; y < image.Height; ++y) {
-            const std::int32_t* row = image.Pixels.Row(y).data();
-            for (std::int32_t x0 = first; x0 < end; x0 += columnsPerLook) {
-                const std::int32_t x1 = std::min(x0 + columnsPerLook, end);
-                std::int32_t largest = row[x0];
-                for (std::int32_t x = x0; x < x1; ++x) largest = std::max(largest, row[x]);
-                if (largest <= level) continue;
-                for (std::int32_t x = x0; x < x1; ++x) {
-                    if (row[x] > level) {
-                        bright[static_cast<std::size_t>(x)].push_back(
-                            static_cast<std::uint16_t>(y));
-                    }
-                }
-            }
-        }
-    };
-    ParallelFor((image.Width + columnsPerPiece - 1) / columnsPerPiece, findInPiece, progress);
-    return bright;
-}
-
-/// Labels all regions; returns how many there are.
-std::int32_t LabelRegions(const PlateImage& image, const BrightRows& bright, std::int32_t level,
-                          Grid<std::int32_t>& labels, std::int32_t& maxFillDepth) {
-    RegionFill fill{image.Pixels, image.Width, image.Height, level, labels, maxFillDepth};
-    std::int32_t regions = 0;
-    for (std::int32_t x = 0; x < image.Width; ++x) {
-        for (const std::int32_t y : bright[static_cast<std::size_t>(x)]) {
-            if (labels(x, y) == 0) {
-                std::int32_t depth = 0;
-                fill.FillRegion(x, y, ++regions, depth);
-            }
-        }
-    }
-    maxFillDepth = fill.MaxFillDepth;
-    return regions;
-}
-
 // ---- Measurement and rejection -----------------------------------------------------------------
 
 /// Flux-weighted moments of regions 1..count, added up column by column.
-std::vector<Region> MeasureRegions(const PlateImage& image, const BrightRows& bright,
-                                   const Grid<std::int32_t>& labels, std::int32_t count,
-                                   double skyMean) {
+std::vector<Region> MeasureRegions(const BrightRuns& bright, std::int32_t count,
+                                   std::int32_t dataOffset, double skyMean) {
     std::vector<Region> regions(static_cast<std::size_t>(count) + 1);
-    for (std::int32_t column = 0; column < image.Width; ++column) {
-        const double x = column;
-        for (const std::int32_t rowNumber : bright[static_cast<std::size_t>(column)]) {
+    bright.ForEach([&](double x, const BrightRun& run, const std::int32_t* value) {
+        Region& region = regions[static_cast<std::size_t>(run.Label)];
+        for (std::int32_t rowNumber = run.First; rowNumber < run.End; ++rowNumber, ++value) {
             const double y = rowNumber;
-            Region& region = regions[static_cast<std::size_t>(labels(column, rowNumber))];
-            const double flux =
-                static_cast<double>(image.Pixels(column, rowNumber)) + image.DataOffset - skyMean;
+            const double flux = static_cast<double>(*value) + dataOffset - skyMean;
             region.FluxSum += flux;
             region.PixelCount += 1;
             region.SumXF += x * flux;
@@ -207,7 +185,7 @@ std::vector<Region> MeasureRegions(const PlateImage& image, const BrightRows& br
             region.VarX += x * x * flux;
             region.VarY += y * y * flux;
         }
-    }
+    });
     for (std::size_t k = 1; k < regions.size(); ++k) {
         Region& region = regions[k];
         if (region.FluxSum > 0) {
@@ -293,35 +271,6 @@ std::int32_t RejectLarge(std::vector<Region>& regions, std::int32_t count, doubl
 
 }  // namespace
 
-void RegionFill::FillRegion(std::int32_t x, std::int32_t y, std::int32_t label,
-                            std::int32_t& depth) {
-    const auto unlabelledStar = [this](std::int32_t column, std::int32_t row) {
-        return Pixels(column, row) > Level && Labels(column, row) < 1;
-    };
-    ++depth;
-    MaxFillDepth = std::max(MaxFillDepth, depth);
-    if (depth < DepthLimit && unlabelledStar(x, y)) {
-        std::int32_t top = y;
-        for (; top >= 0 && unlabelledStar(x, top); --top) Labels(x, top) = label;
-        std::int32_t bottom = y + 1;
-        for (; bottom < Height && unlabelledStar(x, bottom); ++bottom) Labels(x, bottom) = label;
-        // The pixels just beyond the run belong to the span: that joins diagonal neighbours.
-        top = std::max(top, 0);
-        bottom = std::min(bottom, Height - 1);
-        if (x > 0) {
-            for (std::int32_t row = top; row <= bottom; ++row) {
-                if (unlabelledStar(x - 1, row)) FillRegion(x - 1, row, label, depth);
-            }
-        }
-        if (x < Width - 1) {
-            for (std::int32_t row = top; row <= bottom; ++row) {
-                if (unlabelledStar(x + 1, row)) FillRegion(x + 1, row, label, depth);
-            }
-        }
-    }
-    --depth;
-}
-
 void ExtractStars(const PlateImage& image, const DetectionSettings& settings, PlateStarList& stars,
                   std::int32_t& count, ExtractionFacts& facts, const Progress& progress) {
     facts.StarsFound = 0;
@@ -346,10 +295,9 @@ void ExtractStars(const PlateImage& image, const DetectionSettings& settings, Pl
         sky.Sigma < 1.0 ? sky.Mean + 4.0 : sky.Mean + settings.DetectionThreshold * sky.Sigma;
 
     const std::int32_t level = StoredLevel(threshold, image.DataOffset);
-    const BrightRows bright = FindBrightPixels(image, level, progress);
-    Grid<std::int32_t> labels(image.Width, image.Height, MemoryUse::Scattered);
-    count = LabelRegions(image, bright, level, labels, facts.MaxFillDepth);
-    std::vector<Region> regions = MeasureRegions(image, bright, labels, count, sky.Mean);
+    BrightRuns bright(image.Pixels, image.Width, image.Height, level, progress);
+    count = bright.Label(facts.MaxFillDepth);
+    std::vector<Region> regions = MeasureRegions(bright, count, image.DataOffset, sky.Mean);
 
     RejectAtEdges(regions, image, border);
     SortByPixelCountDescending(regions, count);

@@ -3,7 +3,6 @@
 
 #include <cstdint>
 
-#include "astro/libGrid.h"
 #include "astro/libParallel.h"
 #include "astro/libPlateStar.h"
 #include "image/libImage.h"
@@ -37,20 +36,5 @@ inline constexpr std::int32_t MaxExtractedStars = 100;
 /// are rejected. Images under 20 × 20 pixels give no stars.
 void ExtractStars(const PlateImage& image, const DetectionSettings& settings, PlateStarList& stars,
                   std::int32_t& count, ExtractionFacts& facts, const Progress& progress = {});
-
-/// Labels the region of pixels above a level that holds (x, y), by whole column runs.
-struct RegionFill {
-    const Grid<std::int32_t>& Pixels;
-    std::int32_t Width;
-    std::int32_t Height;
-    std::int32_t Level;             ///< a stored value strictly above it belongs to a region
-    Grid<std::int32_t>& Labels;     ///< 0 = unlabelled
-    std::int32_t MaxFillDepth = 0;  ///< deepest recursion so far
-
-    /// A fill this deep is cut off; the pixels not yet reached may start a region of their own.
-    static constexpr std::int32_t DepthLimit = 1001;
-
-    void FillRegion(std::int32_t x, std::int32_t y, std::int32_t label, std::int32_t& depth);
-};
 
 }  // namespace vestrel
