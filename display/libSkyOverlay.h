@@ -11,16 +11,11 @@
 #include <string>
 
 #include "astro/libPlateStar.h"
+#include "astro/libSkyModel.h"
 #include "astro/libSphericalMath.h"
 #include "image/libImage.h"
 
 namespace vestrel {
-
-/// A point of the grid, pixels.
-struct PixelPoint {
-    double X = 0;
-    double Y = 0;
-};
 
 /// The solution of an image, ready for use both ways.
 class SkyMap {

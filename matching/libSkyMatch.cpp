@@ -1,0 +1,277 @@
+#include "matching/libSkyMatch.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace vestrel {
+
+namespace {
+
+/// From the simplest to what is hardest to bear.
+constexpr SkyModelShape shapes[] = {{1, 0}, {1, 1}, {1, 3}, {2, 0}, {3, 0}, {4, 0}};
+constexpr std::size_t linear = 0;
+constexpr std::size_t quadratic = 3;
+constexpr std::size_t quartic = 5;
+
+/// Whether a shape has all that a simpler one has.
+bool Contains(std::size_t shape, std::size_t simpler) {
+    return shape != quadratic || simpler == linear;
+}
+
+/// The standard deviation of a coordinate, from distances of which some may be anything: their
+/// median is that of a Rayleigh distribution. Fitted constants take their share.
+double RobustSigma(std::vector<double> residuals, std::size_t shape) {
+    const auto middle = residuals.begin() + static_cast<std::ptrdiff_t>(residuals.size() / 2);
+    std::nth_element(residuals.begin(), middle, residuals.end());
+    const auto count = static_cast<double>(residuals.size());
+    const double constants = static_cast<double>(shapes[shape].Constants()) / 2;
+    const double freedom = std::max(count - constants, 1.0);
+    constexpr double medianOfRayleigh = 1.17741;
+    return *middle / medianOfRayleigh * std::sqrt(count / freedom);
+}
+
+class Rounds {
+ public:
+    Rounds(const std::vector<SkyPosition>& catalog, const std::vector<PixelPoint>& plate,
+           std::int32_t width, std::int32_t height)
+        : catalog_(catalog), plate_(plate), width_(width), height_(height) {}
+
+    std::optional<SkySolution> Run(const std::vector<SkyPair>& start) {
+        if (start.size() < 3) return std::nullopt;
+        pairs_ = start;
+        // Far from all stars of the match the image centre may be, but not off the sky.
+        tangent_ = catalog_[start.front().CatalogStar];
+        if (!FitWithoutOutliers(linear)) return std::nullopt;
+        const std::size_t trusted = pairs_.size();
+
+        KeepStarsOfImage();
+        const double diagonal = std::hypot(width_, height_);
+        const double spacing =
+            std::sqrt(static_cast<double>(width_) * height_ /
+                      static_cast<double>(std::max<std::size_t>(FirstStars(), 1)));
+        // Wide enough for the lenses that there are, and too narrow for most wrong pairs.
+        constexpr double largestDistortion = 0.012;
+        constexpr double closest = 0.7;  // pixels: a faint star may be that far off
+        const double sigma = RobustSigma(fit_.Residuals, linear);
+        double tolerance =
+            std::max({closest, 4 * sigma, std::min(0.2 * spacing, largestDistortion * diagonal)});
+        constexpr int mostRounds = 12;
+        for (int round = 0; round < mostRounds; ++round) {
+            const std::vector<SkyPair> before = pairs_;
+            const bool first = round < 2;
+            pairs_ = NearestPairs(tolerance, first ? FirstStars() : stars_.size());
+            if (!FitBestShape(first ? quartic - 1 : quartic)) return std::nullopt;
+            const double next =
+                std::max(closest, std::min(tolerance / 2, 5 * RobustSigma(fit_.Residuals, shape_)));
+            const bool settled = !first && next >= tolerance && SamePairs(before, pairs_);
+            tolerance = std::min(tolerance, next);
+            if (settled) break;
+        }
+        // A fit that has lost what it started from is of something else.
+        if (2 * pairs_.size() < trusted || pairs_.size() < 4) return std::nullopt;
+        return Solution();
+    }
+
+ private:
+    static bool SamePairs(const std::vector<SkyPair>& one, const std::vector<SkyPair>& other) {
+        return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                          [](const SkyPair& a, const SkyPair& b) {
+                              return a.CatalogStar == b.CatalogStar && a.PlateStar == b.PlateStar;
+                          });
+    }
+    /// Of the brightest catalog stars in the image, about as many as it shows.
+    std::size_t FirstStars() const { return std::min(stars_.size(), plate_.size() * 3 / 2); }
+
+    std::optional<SkyModelFit> Fit(const std::vector<SkyPair>& pairs, std::size_t shape) const {
+        std::vector<SkyPoint> points;
+        points.reserve(pairs.size());
+        for (const SkyPair& pair : pairs)
+            points.push_back({plate_[pair.PlateStar], catalog_[pair.CatalogStar]});
+        return FitSkyModel(points, shapes[shape], width_, height_, tangent_);
+    }
+
+    void Take(SkyModelFit fit, std::size_t shape) {
+        fit_ = std::move(fit);
+        shape_ = shape;
+        tangent_ = fit_.Model.Tangent;
+    }
+
+    double Residual(const SkyPair& pair, const SkyModel& model) const {
+        const auto place = model.PixelOf(catalog_[pair.CatalogStar]);
+        const PixelPoint& pixel = plate_[pair.PlateStar];
+        return place ? std::hypot(place->X - pixel.X, place->Y - pixel.Y) : HUGE_VAL;
+    }
+
+    /// Fits, and leaves pairs out that lie far beyond the others, until nothing changes.
+    bool FitWithoutOutliers(std::size_t shape) {
+        const std::vector<SkyPair> all = pairs_;
+        constexpr int mostPasses = 20;
+        for (int pass = 0; pass < mostPasses; ++pass) {
+            auto fit = Fit(pairs_, shape);
+            if (!fit) return false;
+            // A star by itself in a corner draws the fit to it: its residual is judged as what it
+            // would be without it.
+            constexpr double mostHidden = 0.99;
+            std::vector<double> residuals;
+            residuals.reserve(all.size());
+            std::size_t used = 0;
+            for (const SkyPair& pair : all) {
+                double shown = 1;
+                if (used < pairs_.size() && pairs_[used].PlateStar == pair.PlateStar &&
+                    pairs_[used].CatalogStar == pair.CatalogStar) {
+                    shown = 1 - std::min(fit->Leverages[used++], mostHidden);
+                }
+                residuals.push_back(Residual(pair, fit->Model) / std::sqrt(shown));
+            }
+            // Of 500 good stars one is farther away. Rounded positions are never exact.
+            constexpr double farthest = 3.5;
+            constexpr double exact = 0.01;
+            const double limit = std::max(exact, farthest * RobustSigma(residuals, shape));
+            std::vector<SkyPair> kept;
+            for (std::size_t i = 0; i < all.size(); ++i) {
+                if (residuals[i] <= limit) kept.push_back(all[i]);
+            }
+            Take(std::move(*fit), shape);
+            if (SamePairs(kept, pairs_)) break;
+            if (2 * kept.size() < shapes[shape].Constants()) return false;
+            pairs_ = std::move(kept);
+        }
+        auto fit = Fit(pairs_, shape);
+        if (fit) Take(std::move(*fit), shape);
+        return fit.has_value();
+    }
+
+    /// Whether there are stars enough for a shape.
+    static bool Suffices(std::size_t stars, std::size_t shape) {
+        return stars >= shapes[shape].Constants();
+    }
+    bool CoversImage() const {
+        constexpr double leastSure = 3;
+        return fit_.EdgeLeverage <= leastSure;
+    }
+
+    /// Lets the most flexible shape that the pairs bear decide which of them are outliers, then
+    /// takes the simplest that the F-test leaves.
+    bool FitBestShape(std::size_t most) {
+        constexpr double chance = 0.01;
+        const std::vector<SkyPair> all = pairs_;
+        for (;; --most) {
+            pairs_ = all;
+            // A lens says more of a picture than polynomials of the second order.
+            if (most == quadratic) continue;
+            if (most == linear || Suffices(all.size(), most)) {
+                if (FitWithoutOutliers(most) &&
+                    (most == linear || (Suffices(pairs_.size(), most) && CoversImage()))) {
+                    break;
+                }
+            }
+            if (most == linear) return false;
+        }
+        std::size_t best = linear;
+        auto bestFit = Fit(pairs_, best);
+        if (!bestFit) return false;
+        for (std::size_t shape = linear + 1; shape <= most; ++shape) {
+            auto fit = Fit(pairs_, shape);
+            if (fit && Contains(shape, best) &&
+                ChanceOfImprovement(bestFit->Squares, fit->Squares, pairs_.size(), shapes[best],
+                                    shapes[shape]) < chance) {
+                bestFit = std::move(fit);
+                best = shape;
+            }
+        }
+        Take(std::move(*bestFit), best);
+        return true;
+    }
+
+    /// The catalog stars that may be in the image.
+    void KeepStarsOfImage() {
+        constexpr std::size_t mostStars = 2000;
+        const double margin = 0.05 * std::max(width_, height_) + 5;
+        for (std::size_t i = 0; i < catalog_.size() && stars_.size() < mostStars; ++i) {
+            const auto place = fit_.Model.PixelOf(catalog_[i]);
+            if (place && place->X > -margin && place->Y > -margin && place->X < width_ + margin &&
+                place->Y < height_ + margin) {
+                stars_.push_back(i);
+            }
+        }
+    }
+
+    /// Pairs of stars that are nearest to each other, among the first `most` of the catalog's.
+    std::vector<SkyPair> NearestPairs(double tolerance, std::size_t most) const {
+        std::vector<SkyPair> nearest(most);  // to each catalog star
+        for (SkyPair& pair : nearest) pair.Residual = tolerance;
+        std::vector<SkyPair> pairs;
+        std::vector<PixelPoint> places(most);
+        for (std::size_t k = 0; k < most; ++k) {
+            const auto place = fit_.Model.PixelOf(catalog_[stars_[k]]);
+            places[k] = place.value_or(PixelPoint{HUGE_VAL, HUGE_VAL});
+        }
+        std::vector<std::size_t> nearestTo(plate_.size(), most);
+        for (std::size_t j = 0; j < plate_.size(); ++j) {
+            const PixelPoint& pixel = plate_[j];
+            double closest = tolerance;
+            for (std::size_t k = 0; k < most; ++k) {
+                const double dx = places[k].X - pixel.X;
+                const double dy = places[k].Y - pixel.Y;
+                if (!(std::fabs(dx) < tolerance && std::fabs(dy) < tolerance)) continue;
+                const double distance = std::hypot(dx, dy);
+                if (distance < closest) {
+                    closest = distance;
+                    nearestTo[j] = k;
+                }
+                if (distance < nearest[k].Residual) nearest[k] = {stars_[k], j, distance};
+            }
+        }
+        for (std::size_t j = 0; j < plate_.size(); ++j) {
+            const std::size_t k = nearestTo[j];
+            if (k < most && nearest[k].PlateStar == j) pairs.push_back(nearest[k]);
+        }
+        return pairs;
+    }
+
+    SkySolution Solution() {
+        SkySolution solution{std::move(fit_), std::move(pairs_), 0, {}};
+        const double rings = solution.Rings.size();
+        for (std::size_t k = 0; k < solution.Rings.size(); ++k) {
+            solution.Rings[k].Outer = static_cast<double>(k + 1) / rings;
+        }
+        const PixelPoint centre = solution.Fit.Model.Centre();
+        const double halfDiagonal = std::hypot(width_, height_) / 2;
+        for (std::size_t i = 0; i < solution.Pairs.size(); ++i) {
+            SkyPair& pair = solution.Pairs[i];
+            pair.Residual = solution.Fit.Residuals[i];
+            const PixelPoint& pixel = plate_[pair.PlateStar];
+            const double part = std::hypot(pixel.X - centre.X, pixel.Y - centre.Y) / halfDiagonal;
+            SkyRing& ring = solution.Rings[std::min(static_cast<std::size_t>(part * rings),
+                                                    solution.Rings.size() - 1)];
+            ++ring.Stars;
+            ring.Rms += pair.Residual * pair.Residual;
+            solution.Rms += pair.Residual * pair.Residual;
+        }
+        for (SkyRing& ring : solution.Rings) {
+            if (ring.Stars > 0) ring.Rms = std::sqrt(ring.Rms / ring.Stars);
+        }
+        solution.Rms = std::sqrt(solution.Rms / static_cast<double>(solution.Pairs.size()));
+        return solution;
+    }
+
+    const std::vector<SkyPosition>& catalog_;
+    const std::vector<PixelPoint>& plate_;
+    std::int32_t width_;
+    std::int32_t height_;
+    SkyPosition tangent_;
+    std::vector<std::size_t> stars_;  ///< of the catalog that may be in the image, brightest first
+    std::vector<SkyPair> pairs_;
+    SkyModelFit fit_;
+    std::size_t shape_ = linear;  ///< of the fit
+};
+
+}  // namespace
+
+std::optional<SkySolution> MatchSky(const std::vector<SkyPosition>& catalog,
+                                    const std::vector<PixelPoint>& plate, std::int32_t width,
+                                    std::int32_t height, const std::vector<SkyPair>& start) {
+    return Rounds(catalog, plate, width, height).Run(start);
+}
+
+}  // namespace vestrel

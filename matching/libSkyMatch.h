@@ -1,0 +1,52 @@
+// From a first match to the sky model of the whole image: every star is matched, in rounds.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "matching/libSkyModelFit.h"
+
+namespace vestrel {
+
+/// A star of the catalog and the star of the image that it is.
+struct SkyPair {
+    std::size_t CatalogStar = 0;  ///< index in its list
+    std::size_t PlateStar = 0;    ///< index in its list
+    double Residual = 0;          ///< pixels; set by `MatchSky`
+};
+
+/// A part of the image between two distances from its centre.
+struct SkyRing {
+    double Outer = 0;  ///< its larger distance, as a part of the half-diagonal
+    std::int32_t Stars = 0;
+    double Rms = 0;  ///< root mean square of their distances from the model, pixels
+};
+
+struct SkySolution {
+    SkyModelFit Fit;
+    std::vector<SkyPair> Pairs;  ///< in the order of the image's stars; each star is in one at most
+    double Rms = 0;              ///< root mean square of their residuals, pixels
+    std::array<SkyRing, 4> Rings;
+};
+
+/// Matches every star that it can and fits the sky model to the pairs.
+///
+/// Starting from a fit without distortion through `start`, all stars of both lists that are nearest
+/// to each other within a tolerance become pairs; outliers are left out by the median of the
+/// residuals; and the tolerance shrinks with the fit. The distortion is none, that of a lens,
+/// or a SIP polynomial of order 2 to 4: a larger one is taken when the F-test gives chance less
+/// than 1 in 100 to do as well, when there are at least as many stars as constants, and when they
+/// cover the image, so that the model is nowhere in it three times less sure than one of its stars.
+///
+/// @param catalog J2000 positions, brightest first
+/// @param plate   where the stars of the image are, brightest first
+/// @param start   three pairs or more; wrong ones among them should be few
+/// @return nothing when no fit stands: then the first match is all that is known
+std::optional<SkySolution> MatchSky(const std::vector<SkyPosition>& catalog,
+                                    const std::vector<PixelPoint>& plate, std::int32_t width,
+                                    std::int32_t height, const std::vector<SkyPair>& start);
+
+}  // namespace vestrel
