@@ -37,6 +37,10 @@ std::int32_t RoundToNearestInt32(double value);
 /// Rounds to `decimals` (0..15) decimal places: times 10^decimals, half to even, divided again.
 double RoundToDecimals(double value, int decimals);
 
+inline std::ptrdiff_t NextCombGap(std::ptrdiff_t gap) {
+    return static_cast<std::ptrdiff_t>(static_cast<double>(gap) / 1.3);
+}
+
 /// The comb sort that orders every list: gap n div 2, shrunk by 1.3, ending with a gap-1 pass that
 /// steps back after a swap. Not stable: the order of equal keys is the one that this very
 /// procedure gives, and results depend on it.
@@ -57,26 +61,73 @@ void CombSort(List& records, std::ptrdiff_t n, OutOfOrder outOfOrder) {
                 --later;
             }
         }
-        gap = static_cast<std::ptrdiff_t>(static_cast<double>(gap) / 1.3);
+        gap = NextCombGap(gap);
     }
+}
+
+/// A pass of the comb sort over keys and the places that go with them, for a gap of several
+/// elements: so many neighbours do not depend on each other, which lets the compiler compare them
+/// at once, and choices without branches spare it the guesses that a sort makes half of wrongly.
+template <typename Key>
+void CombPass(Key* __restrict keys, std::int64_t* __restrict places, std::ptrdiff_t n,
+              std::ptrdiff_t gap) {
+    constexpr std::ptrdiff_t atOnce = 8;
+    const auto exchange = [&](std::ptrdiff_t i) {
+        const Key earlier = keys[i - gap];
+        const Key later = keys[i];
+        const std::int64_t earlierPlace = places[i - gap];
+        const std::int64_t laterPlace = places[i];
+        const bool swapped = earlier > later;
+        keys[i - gap] = swapped ? later : earlier;
+        keys[i] = swapped ? earlier : later;
+        places[i - gap] = swapped ? laterPlace : earlierPlace;
+        places[i] = swapped ? earlierPlace : laterPlace;
+    };
+    std::ptrdiff_t i = gap + 1;
+    for (; gap >= atOnce && i + atOnce - 1 <= n; i += atOnce) {
+        Key* __restrict low = keys + i - gap;
+        Key* __restrict high = keys + i;
+        std::int64_t* __restrict lowPlaces = places + i - gap;
+        std::int64_t* __restrict highPlaces = places + i;
+        for (std::ptrdiff_t j = 0; j < atOnce; ++j) {
+            const Key earlier = low[j];
+            const Key later = high[j];
+            const std::int64_t earlierPlace = lowPlaces[j];
+            const std::int64_t laterPlace = highPlaces[j];
+            const bool swapped = earlier > later;
+            low[j] = swapped ? later : earlier;
+            high[j] = swapped ? earlier : later;
+            lowPlaces[j] = swapped ? laterPlace : earlierPlace;
+            highPlaces[j] = swapped ? earlierPlace : laterPlace;
+        }
+    }
+    for (; i <= n; ++i) exchange(i);
 }
 
 /// The comb sort's outcome without moving large records: element i (1..n) of the result is the
 /// place, before the sort, of the record that an ascending sort on `keyOf(place)` puts at i.
 template <typename KeyOf>
 std::vector<std::int32_t> CombSortedOrder(std::int32_t n, KeyOf keyOf) {
-    struct Entry {
-        decltype(keyOf(1)) Key;
-        std::int32_t Place;
-    };
-    std::vector<Entry> entries(static_cast<std::size_t>(n) + 1);
-    for (std::int32_t i = 1; i <= n; ++i) entries[static_cast<std::size_t>(i)] = {keyOf(i), i};
-    Entry* list = entries.data();
-    CombSort(list, n,
-             [](const Entry& earlier, const Entry& later) { return earlier.Key > later.Key; });
-    std::vector<std::int32_t> order(entries.size());
-    for (std::size_t i = 0; i < order.size(); ++i) order[i] = entries[i].Place;
-    return order;
+    using Key = decltype(keyOf(1));
+    const std::size_t size = static_cast<std::size_t>(n) + 1;
+    std::vector<Key> keys(size);
+    std::vector<std::int64_t> places(size);
+    for (std::int32_t i = 1; i <= n; ++i) {
+        keys[static_cast<std::size_t>(i)] = keyOf(i);
+        places[static_cast<std::size_t>(i)] = i;
+    }
+    std::ptrdiff_t gap = n / 2;
+    for (; gap > 1; gap = NextCombGap(gap)) CombPass(keys.data(), places.data(), n, gap);
+    for (std::ptrdiff_t i = 2; gap == 1 && i <= n; ++i) {
+        // The last pass: a swapped element sinks on to its place.
+        for (std::ptrdiff_t later = i; later > 1; --later) {
+            const auto at = static_cast<std::size_t>(later);
+            if (!(keys[at - 1] > keys[at])) break;
+            std::swap(keys[at - 1], keys[at]);
+            std::swap(places[at - 1], places[at]);
+        }
+    }
+    return {places.begin(), places.end()};
 }
 
 /// Turns elements 1..n of a 1-based list around.

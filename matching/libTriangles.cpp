@@ -48,19 +48,20 @@ struct RatioColumns {
 };
 
 struct Nearest {
-    std::size_t Index = 0;
-    double Squared = 1e20;
+    std::size_t Index;
+    double Squared;
 };
 
-/// The entry of low..high that is nearest to (shortRatio, midRatio), the first one on ties.
+/// The entry of low..high that is nearest to (shortRatio, midRatio), the first one on ties; any
+/// or none when all are `limit` (squared) or more away.
 ///
 /// The entries are sorted on the short ratio, so the search goes outward from the wanted value and
 /// ends where that ratio alone is farther away than the best entry.
 Nearest FindNearest(const RatioColumns& columns, std::size_t low, std::size_t high,
-                    double shortRatio, double midRatio) {
+                    double shortRatio, double midRatio, double limit) {
     const auto* const shorts = columns.Short.data();
     const auto* const start = std::lower_bound(shorts + low, shorts + high + 1, shortRatio);
-    Nearest best;
+    Nearest best{low, limit};
     for (auto k = static_cast<std::size_t>(start - shorts); k-- > low;) {
         const double ds = shortRatio - columns.Short[k];
         if (ds * ds > best.Squared) break;
@@ -145,6 +146,7 @@ std::int32_t VoteTriangles(VoteTable& votes, const StarTriangleList& triangles1,
                            const Progress& progress) {
     if (triangleCount1 == 0 || triangleCount2 == 0) return 0;
     constexpr double window = 0.01;
+    const double limit = std::min(tolerance * tolerance, 1e20);
     const bool outerIsFirst = triangleCount1 <= triangleCount2;
     const StarTriangleList& outer = outerIsFirst ? triangles1 : triangles2;
     const StarTriangleList& inner = outerIsFirst ? triangles2 : triangles1;
@@ -160,8 +162,8 @@ std::int32_t VoteTriangles(VoteTable& votes, const StarTriangleList& triangles1,
         const double wanted = triangle.ShortRatio;
         while (low < last && columns.Short[low] < wanted - window) ++low;
         while (high < last && columns.Short[high] < wanted + window) ++high;
-        const Nearest nearest = FindNearest(columns, low, high, wanted, triangle.MidRatio);
-        if (nearest.Squared < tolerance * tolerance) {
+        const Nearest nearest = FindNearest(columns, low, high, wanted, triangle.MidRatio, limit);
+        if (nearest.Squared < limit) {
             const StarTriangle& other = inner[nearest.Index];
             const StarTriangle& of1 = outerIsFirst ? triangle : other;
             const StarTriangle& of2 = outerIsFirst ? other : triangle;
