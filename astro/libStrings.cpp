@@ -69,17 +69,37 @@ std::string_view Trim(std::string_view text) {
     return text.substr(first, text.find_last_not_of(' ') - first + 1);
 }
 
-std::string WithoutControls(std::string text) {
+std::string WithoutControls(std::string text, std::string_view kept) {
     unsigned char before = 0;
     for (char& c : text) {
         const auto code = static_cast<unsigned char>(c);
         // Also those of two bytes, C2 80 to C2 9F: the second becomes a letter without meaning.
         const bool second = before == 0xC2 && code >= 0x80 && code < 0xA0;
-        if (code < 32 || code == 127) c = '?';
+        if ((code < 32 || code == 127) && kept.find(c) == std::string_view::npos) c = '?';
         if (second) c = '\xBF';
         before = code;
     }
     return text;
+}
+
+std::string WithEscapedControls(std::string_view json) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    std::string result;
+    for (std::size_t i = 0; i < json.size(); ++i) {
+        const auto code = static_cast<unsigned char>(json[i]);
+        const auto next = static_cast<unsigned char>(i + 1 < json.size() ? json[i + 1] : 0);
+        const bool second = code == 0xC2 && next >= 0x80 && next < 0xA0;
+        if (code != 127 && !second) {
+            result += json[i];
+            continue;
+        }
+        const unsigned char control = second ? next : code;
+        result += "\\u00";
+        result += digits[control >> 4];
+        result += digits[control & 15];
+        if (second) ++i;
+    }
+    return result;
 }
 
 std::string UpperCase(std::string_view text) {
@@ -114,7 +134,7 @@ std::optional<double> ParseNumber(std::string_view text) {
     const bool anyExponent = i < text.size();
     bool negativeExponent = false;
     if (anyExponent) {
-        if (std::string_view("eEdD").find(text[i]) == std::string_view::npos) return std::nullopt;
+        if (std::string_view("eE").find(text[i]) == std::string_view::npos) return std::nullopt;
         number += 'e';
         ++i;
         if (i < text.size() && (text[i] == '+' || text[i] == '-')) {
@@ -139,6 +159,13 @@ std::optional<double> ParseNumber(std::string_view text) {
         if (number[0] == '-') value = -value;
     }
     return value;
+}
+
+std::optional<double> ParseFitsNumber(std::string_view text) {
+    std::string plain(text);
+    const std::size_t exponent = plain.find_first_of("dD");
+    if (exponent != std::string::npos) plain[exponent] = 'E';
+    return ParseNumber(plain);
 }
 
 std::string NumberText(double value) {

@@ -14,13 +14,21 @@ std::string_view Trim(std::string_view text);
 std::string UpperCase(std::string_view text);
 
 /// The text (UTF-8) with "?" and "¿" for control characters. Texts out of files go through it on
-/// their way to a terminal, which would obey them.
-std::string WithoutControls(std::string text);
+/// their way to a terminal, which would obey them. The characters in `kept` stay.
+std::string WithoutControls(std::string text, std::string_view kept = {});
+
+/// A JSON text whose strings hold control characters as escapes only: also those that JSON lets
+/// pass (DEL and the ones from 128 on).
+std::string WithEscapedControls(std::string_view json);
 
 /// The value of a numeric text: surrounding blanks, an optional sign, digits with at most one
-/// decimal point, an optional exponent (E or, as FITS writers have it, D). Nothing else is
-/// numeric. A value beyond the range of a double gives an infinity, one below it 0.
+/// decimal point, an optional exponent after an E. Nothing else is numeric. A value beyond the
+/// range of a double gives an infinity, one below it 0.
 std::optional<double> ParseNumber(std::string_view text);
+
+/// The value of a number in a FITS card, whose exponent may stand after a D as well, as Fortran
+/// writes it; else as `ParseNumber`.
+std::optional<double> ParseFitsNumber(std::string_view text);
 
 /// Number as text: at most 15 significant digits, no trailing zeros, a leading zero ("0.5"), the
 /// exponent form ("1E-05") below 1E-04 and from 1E+15 on. Never "-0".

@@ -96,7 +96,7 @@ class Build {
  private:
     void Note(const std::string& text) {
         Progress.Clear();
-        std::fprintf(stderr, "vestrel-catalog: %s\n", text.c_str());
+        std::fprintf(stderr, "vestrel-catalog: %s\n", WithoutControls(text).c_str());
     }
 
     /// Says something now that later users of the catalog should know too.
@@ -186,10 +186,11 @@ class Build {
         Folder.Publish();
         Progress.Clear();
         for (const CatalogSource& source : Manifest.Sources) {
-            std::printf("%s: %s of %s rows used\n", source.File.c_str(),
+            std::printf("%s: %s of %s rows used\n", WithoutControls(source.File).c_str(),
                         GroupedText(source.Used).c_str(), GroupedText(source.Rows).c_str());
             for (const auto& [reason, rows] : source.LeftOut) {
-                std::printf("    %s: %s\n", reason.c_str(), GroupedText(rows).c_str());
+                std::printf("    %s: %s\n", WithoutControls(reason).c_str(),
+                            GroupedText(rows).c_str());
             }
         }
         if (Manifest.Duplicates > 0) {

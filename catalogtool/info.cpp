@@ -132,38 +132,42 @@ void PrintJson(const CatalogFacts& facts) {
             document["sources"].push_back(SourceJson(source));
         }
     }
-    std::printf("%s\n", document.dump(2, ' ', false, json::error_handler_t::replace).c_str());
+    const std::string text = document.dump(2, ' ', false, json::error_handler_t::replace);
+    std::printf("%s\n", WithEscapedControls(text).c_str());
 }
 
 void PrintSources(const CatalogManifest& manifest) {
-    std::printf("Built:      %s by %s\n", manifest.Created.c_str(), manifest.Tool.c_str());
+    std::printf("Built:      %s by %s\n", WithoutControls(manifest.Created).c_str(),
+                WithoutControls(manifest.Tool).c_str());
     for (const CatalogSource& source : manifest.Sources) {
-        std::printf("Source:     %s (%s%s%s), %s of %s rows used\n", source.File.c_str(),
-                    source.Kind.c_str(), source.Modified.empty() ? "" : ", of ",
-                    source.Modified.c_str(), GroupedText(source.Used).c_str(),
+        std::printf("Source:     %s (%s%s%s), %s of %s rows used\n",
+                    WithoutControls(source.File).c_str(), WithoutControls(source.Kind).c_str(),
+                    source.Modified.empty() ? "" : ", of ",
+                    WithoutControls(source.Modified).c_str(), GroupedText(source.Used).c_str(),
                     GroupedText(source.Rows).c_str());
         for (const auto& [reason, rows] : source.LeftOut) {
-            std::printf("            %s: %s\n", reason.c_str(), GroupedText(rows).c_str());
+            std::printf("            %s: %s\n", WithoutControls(reason).c_str(),
+                        GroupedText(rows).c_str());
         }
     }
     for (const std::string& filter : manifest.Filters) {
-        std::printf("Filter:     %s\n", filter.c_str());
+        std::printf("Filter:     %s\n", WithoutControls(filter).c_str());
     }
     for (const std::string& remark : manifest.Remarks) {
-        std::printf("Remark:     %s\n", remark.c_str());
+        std::printf("Remark:     %s\n", WithoutControls(remark).c_str());
     }
 }
 
 void PrintText(const CatalogFacts& facts) {
     const CatalogSurvey& survey = facts.Survey;
-    std::printf("Catalog:    %s\n", TextFromPath(facts.Folder).c_str());
+    std::printf("Catalog:    %s\n", WithoutControls(TextFromPath(facts.Folder)).c_str());
     if (facts.State == ManifestState::Good) {
         PrintSources(facts.Manifest);
     } else {
         std::printf("Built:      unknown, %s is %s\n", ManifestName,
                     facts.State == ManifestState::Absent ? "absent" : "damaged");
     }
-    std::printf("Bright end: %s\n", BrightStatement(facts).c_str());
+    std::printf("Bright end: %s\n", WithoutControls(BrightStatement(facts)).c_str());
     std::printf("Stars:      %s\n", GroupedText(survey.Stars).c_str());
     std::printf("Cells:      %zu with stars, %zu empty, %zu missing, of %zu\n",
                 survey.CellsWithStars, survey.EmptyCells.size(), survey.MissingCells.size(),
@@ -172,7 +176,8 @@ void PrintText(const CatalogFacts& facts) {
     if (facts.Bands.empty()) {
         const std::string what =
             facts.QuadFault.empty() ? "none" : std::string(QuadFileName) + " " + facts.QuadFault;
-        std::printf("Quads:      %s; \"vestrel-catalog quads\" makes them\n", what.c_str());
+        std::printf("Quads:      %s; \"vestrel-catalog quads\" makes them\n",
+                    WithoutControls(what).c_str());
     } else {
         std::printf("Quads:      %s, for fields of %s to %s degrees across\n",
                     GroupedText(QuadCount(facts)).c_str(),

@@ -7,15 +7,11 @@
 
 #ifdef _WIN32
 #include <windows.h>
-// windows.h must come before the next one.
-#include <process.h>
 #else
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
 #include <cstdio>
 #endif
 
@@ -38,16 +34,6 @@ constexpr std::string_view asideMark = ".replaced-";
 }
 
 #ifdef _WIN32
-long ProcessNumber() {
-    return _getpid();
-}
-bool IsRunning(long process) {
-    const HANDLE handle = OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(process));
-    if (handle == nullptr) return GetLastError() != ERROR_INVALID_PARAMETER;
-    const bool running = WaitForSingleObject(handle, 0) == WAIT_TIMEOUT;
-    CloseHandle(handle);
-    return running;
-}
 // Windows can neither flush nor exchange folders.
 void SyncFolder(const fs::path&, bool) {}
 bool ExchangeFolders(const fs::path&, const fs::path&) {
@@ -57,14 +43,6 @@ bool IsMountPoint(const fs::path&) {
     return false;
 }
 #else
-long ProcessNumber() {
-    return getpid();
-}
-
-bool IsRunning(long process) {
-    return kill(static_cast<pid_t>(process), 0) == 0 || errno != ESRCH;
-}
-
 /// Waits until a folder's entries are on the disk; with `wholeDisk` everything below it as well,
 /// by flushing its file system once instead of every file by itself.
 void SyncFolder(const fs::path& folder, bool wholeDisk) {

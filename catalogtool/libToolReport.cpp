@@ -15,8 +15,14 @@ namespace {
 std::atomic<bool> stopSignalled = false;
 static_assert(std::atomic<bool>::is_always_lock_free, "set from a signal handler");
 
-extern "C" void RaiseStopFlag(int) {
+extern "C" void RaiseStopFlag(int signal) {
+    // A second one means it.
+    if (stopSignalled) {
+        std::signal(signal, SIG_DFL);
+        std::raise(signal);
+    }
     stopSignalled = true;
+    EndWithin(2, ExitStopped);
 }
 
 }  // namespace
@@ -35,6 +41,10 @@ void CatchStopSignals() {
 
 void ThrowIfStopped() {
     if (stopSignalled) throw ToolFailure(ExitStopped, "stopped; nothing was changed");
+}
+
+int ExitCodeAfter(int failure) {
+    return stopSignalled ? ExitStopped : failure;
 }
 
 std::string SystemErrorText() {

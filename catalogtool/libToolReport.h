@@ -35,6 +35,9 @@ void CatchStopSignals();
 /// Throws a `ToolFailure` with `ExitStopped` once a stop was signalled. Cheap.
 void ThrowIfStopped();
 
+/// The exit code of a failure: a stop often shows itself as a read that failed.
+int ExitCodeAfter(int failure);
+
 /// The text of the system's current error number, as in "No space left on device".
 std::string SystemErrorText();
 

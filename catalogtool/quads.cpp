@@ -78,7 +78,8 @@ void MakeTables(const std::filesystem::path& folder, double from, double to) {
     } catch (const std::system_error& error) {
         throw ToolFailure(ExitCannotWrite, error.what());
     }
-    std::printf("%s quads in %s\n", GroupedText(quads).c_str(), TextFromPath(path).c_str());
+    std::printf("%s quads in %s\n", GroupedText(quads).c_str(),
+                WithoutControls(TextFromPath(path)).c_str());
 }
 
 }  // namespace

@@ -245,7 +245,7 @@ void Render(const RenderOptions& options) {
     Write(out, ReplaceFile(out, FrameFileBytes(frame, options.Format, HeaderCards(options, plan))));
     Write(truthPath, ReplaceFile(truthPath, truth.dump(1) + "\n"));
     std::printf("%s: %d x %d pixels, %s stars, %s of them clear of the noise\n",
-                TextFromPath(out).c_str(), frame.Width, frame.Height,
+                WithoutControls(TextFromPath(out)).c_str(), frame.Width, frame.Height,
                 GroupedText(truth["stars_drawn"].get<std::uint64_t>()).c_str(),
                 GroupedText(truth["stars_above_6_sigma"].get<std::uint64_t>()).c_str());
 }

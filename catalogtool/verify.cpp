@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "astro/libStrings.h"
 #include "catalogtool/commands.h"
 #include "catalogtool/libCatalogSurvey.h"
 #include "matching/libQuadFile.h"
@@ -33,7 +34,8 @@ int Verify(const std::filesystem::path& folder) {
     if (!quadFault.empty()) addFault(std::string(QuadFileName) + " " + quadFault);
 
     for (const std::string& stray : survey.Strays) {
-        std::fprintf(stderr, "note: %s is no part of the catalog\n", stray.c_str());
+        std::fprintf(stderr, "note: %s is no part of the catalog\n",
+                     WithoutControls(stray).c_str());
     }
     if (state == ManifestState::Absent) {
         std::fprintf(stderr,
@@ -41,13 +43,15 @@ int Verify(const std::filesystem::path& folder) {
                      "have no file\n",
                      ManifestName, survey.MissingCells.size());
     }
-    for (const std::string& fault : survey.Faults) std::printf("%s\n", fault.c_str());
+    for (const std::string& fault : survey.Faults)
+        std::printf("%s\n", WithoutControls(fault).c_str());
     if (survey.FaultCount > survey.Faults.size()) {
         std::printf("... and %s more\n",
                     GroupedText(survey.FaultCount - survey.Faults.size()).c_str());
     }
     std::printf(
-        "%s: %s stars, %s\n", TextFromPath(folder).c_str(), GroupedText(survey.Stars).c_str(),
+        "%s: %s stars, %s\n", WithoutControls(TextFromPath(folder)).c_str(),
+        GroupedText(survey.Stars).c_str(),
         survey.FaultCount == 0 ? "all good" : (GroupedText(survey.FaultCount) + " faults").c_str());
     return survey.FaultCount == 0 ? ExitGood : ExitFaultsFound;
 }

@@ -4,8 +4,10 @@
 #include <CLI/Formatter.hpp>
 #include <cstdio>
 #include <exception>
+#include <sstream>
 #include <system_error>
 
+#include "astro/libStrings.h"
 #include "catalogtool/commands.h"
 #include "catalogtool/libToolReport.h"
 #include "platform/libConsole.h"
@@ -59,7 +61,12 @@ int Run(int argc, const char* const* argv) {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         // Help and version come this way too, with code 0.
-        return program.exit(error) == 0 ? ExitGood : ExitWrongUsage;
+        std::ostringstream out;
+        std::ostringstream errors;
+        const bool good = program.exit(error, out, errors) == 0;
+        std::fputs(WithoutControls(out.str(), "\n").c_str(), stdout);
+        std::fputs(WithoutControls(errors.str(), "\n").c_str(), stderr);
+        return good ? ExitGood : ExitWrongUsage;
     }
     // Results that never arrived are no success.
     if (std::fflush(stdout) != 0) {
@@ -77,10 +84,12 @@ int main(int argc, char** argv) {
         const vestrel::PreparedConsole console;
         return vestrel::Run(arguments.Count(), arguments.Values());
     } catch (const vestrel::ToolFailure& failure) {
-        std::fprintf(stderr, "vestrel-catalog: %s\n", failure.what());
-        return failure.Code;
+        std::fprintf(stderr, "vestrel-catalog: %s\n",
+                     vestrel::WithoutControls(failure.what(), "\n").c_str());
+        return vestrel::ExitCodeAfter(failure.Code);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "vestrel-catalog: %s\n", error.what());
+        std::fprintf(stderr, "vestrel-catalog: %s\n",
+                     vestrel::WithoutControls(error.what(), "\n").c_str());
         return vestrel::ExitBadInput;
     }
 }

@@ -2,10 +2,13 @@
 
 add_library(vestrel_settings_for_compiler INTERFACE)
 target_compile_options(vestrel_settings_for_compiler INTERFACE
-    -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wno-sign-conversion
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
     -Wnon-virtual-dtor -Wold-style-cast -Wcast-qual
     # Fused multiply-adds would make results depend on the machine.
     -ffp-contract=off -fno-math-errno)
+if(VESTREL_WARNINGS_ARE_ERRORS)
+    target_compile_options(vestrel_settings_for_compiler INTERFACE -Werror)
+endif()
 # Byte and pixel loops are written to be vectorised, which -O2 leaves undone. Daily builds do without:
 # -O3 takes half as long again to compile.
 target_compile_options(vestrel_settings_for_compiler INTERFACE
@@ -18,6 +21,33 @@ target_include_directories(vestrel_settings_for_compiler INTERFACE ${PROJECT_SOU
 
 if(VESTREL_ASSERTIONS)
     string(REPLACE "-DNDEBUG" "" CMAKE_CXX_FLAGS_RELWITHDEBINFO "${CMAKE_CXX_FLAGS_RELWITHDEBINFO}")
+endif()
+
+# Programs for people read files of strangers: a fault in them is to end the program and no more.
+# Sanitizers see more by themselves and do not go with it.
+if(UNIX AND NOT APPLE AND NOT VESTREL_SANITIZE)
+    set(hardened $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
+    target_compile_options(vestrel_settings_for_compiler INTERFACE
+        $<${hardened}:-fstack-protector-strong>
+        $<${hardened}:-U_FORTIFY_SOURCE> $<${hardened}:-D_FORTIFY_SOURCE=3>)
+    if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64|i[3-6]86")
+        target_compile_options(vestrel_settings_for_compiler INTERFACE
+            $<${hardened}:-fcf-protection>)
+    endif()
+    target_link_options(vestrel_settings_for_compiler INTERFACE
+        -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+    # Debian's compilers make position-independent programs by themselves, others are told to.
+    include(CheckCXXSourceCompiles)
+    check_cxx_source_compiles("
+#ifndef __PIE__
+#error not by itself
+#endif
+int main() {}" VESTREL_PIE_BY_DEFAULT)
+    if(NOT VESTREL_PIE_BY_DEFAULT)
+        include(CheckPIESupported)
+        check_pie_supported()
+        set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+    endif()
 endif()
 
 if(VESTREL_SANITIZE)

@@ -148,7 +148,8 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
         ->check(named)
         ->group(outputs);
     app.add_option("--save", options.SaveFile,
-                   "Vestrel's own FITS file, without the sky background; opens again solved")
+                   "Vestrel's own FITS file, without the sky background; opens again solved. Other "
+                   "programs may show it black: --export is for them")
         ->type_name("FILE")
         ->check(named)
         ->group(outputs);

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "astro/libStrings.h"
+#include "console/exitCodes.h"
 #include "platform/libConsole.h"
 
 namespace vestrel {
@@ -14,10 +15,12 @@ namespace {
 // A signal handler can reach nothing but such a flag.
 volatile std::sig_atomic_t stopSignals = 0;
 
-extern "C" void OnStopSignal(int signal) {
-    stopSignals = stopSignals + 1;
-    // A second Ctrl-C means it: the default action ends the program.
-    std::signal(signal, SIG_DFL);
+extern "C" void OnStopSignal(int /*signal*/) {
+    // A second one means it: the default action ends the program.
+    for (const int other : {SIGINT, SIGTERM}) std::signal(other, SIG_DFL);
+    stopSignals = 1;
+    // What is underway sees the first one by itself, unless it waits for a disk or a peer.
+    EndWithin(2, ExitCode::Stopped);
 }
 
 }  // namespace
@@ -61,7 +64,7 @@ void ConsolePort::Yield() {
 
 void ConsolePort::Redraw() {
     if (!drawsProgress_) return;
-    std::string line = state_.Display.Status.Text;
+    std::string line = WithoutControls(state_.Display.Status.Text);
     if (percent_ > 0) {
         constexpr int width = 30;
         const auto filled = static_cast<std::size_t>(percent_ * width / 100);

@@ -109,7 +109,10 @@ bool WriteOutputs(const ProgramState& state, Port& port, const ConsoleOptions& o
 }
 
 int PrintHeader(ProgramState& state, Port& port, const std::string& path) {
-    if (!OpenImage(state, port, path)) return ExitCode::NoImage;
+    if (!OpenImage(state, port, path)) {
+        std::fputs(state.Display.Details.c_str(), stderr);
+        return ExitCode::NoImage;
+    }
     for (const std::string& line : HeaderLines(state.Image)) {
         std::printf("%s\n", WithoutControls(line).c_str());
     }
@@ -256,9 +259,10 @@ void PrintForPeople(const ProgramState& state, const Outcome& outcome, bool quie
     const char* colour =
         MayUseColour(solved ? stdout : stderr) ? (solved ? "\033[32m" : "\033[31m") : "";
     const char* plain = *colour != 0 ? "\033[0m" : "";
+    const std::string image = WithoutControls(outcome.Image);
     if (solved) {
-        std::printf("%s%s%s: %s\n%s", colour, outcome.Result.Message.c_str(), plain,
-                    outcome.Image.c_str(), SolutionText(state).c_str());
+        std::printf("%s%s%s: %s\n%s", colour, outcome.Result.Message.c_str(), plain, image.c_str(),
+                    WithoutControls(SolutionText(state), "\n").c_str());
         PrintTimes(stdout, state, outcome);
         return;
     }
@@ -267,8 +271,8 @@ void PrintForPeople(const ProgramState& state, const Outcome& outcome, bool quie
     if (state.Display.Status1.Visible && !state.Display.Status1.Text.empty()) {
         text = state.Display.Status1.Text;
     }
-    std::fprintf(stderr, "%s%s%s: %s\n%s", colour, text.c_str(), plain, outcome.Image.c_str(),
-                 FailureText(state, outcome.Result.Code).c_str());
+    std::fprintf(stderr, "%s%s%s: %s\n%s", colour, text.c_str(), plain, image.c_str(),
+                 WithoutControls(FailureText(state, outcome.Result.Code), "\n").c_str());
     PrintTimes(stderr, state, outcome);
 }
 
@@ -283,7 +287,8 @@ int Run(int argc, const char* const* argv) {
     }
     const ParsedOptions parsed = ParseConsoleOptions(argc, argv, options, state->Parameters);
     if (parsed.EndWith) {
-        std::fputs(parsed.Output.c_str(), *parsed.EndWith == 0 ? stdout : stderr);
+        std::fputs(WithoutControls(parsed.Output, "\n").c_str(),
+                   *parsed.EndWith == 0 ? stdout : stderr);
         return *parsed.EndWith;
     }
     state->Catalog.Folder =
@@ -293,7 +298,7 @@ int Run(int argc, const char* const* argv) {
         return PrintHeader(*state, port, options.InfoFile);
     }
     if (const std::string complaint = CoincidingFiles(options); !complaint.empty()) {
-        std::fprintf(stderr, "%s\n", complaint.c_str());
+        std::fprintf(stderr, "%s\n", WithoutControls(complaint).c_str());
         return ExitCode::Usage;
     }
     if (!options.FieldSize) options.FieldSize = RememberedFieldSize(state->Parameters);
@@ -310,11 +315,12 @@ int Run(int argc, const char* const* argv) {
         }
     }
     outcome.Seconds = seconds;
+    if (!outcome.Attempted && !options.Quiet) std::fputs(state->Display.Details.c_str(), stderr);
     if (options.Json) {
         // Paths need not be UTF-8; JSON must be.
-        std::printf("%s\n", JsonReport(*state, outcome)
-                                .dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
-                                .c_str());
+        const std::string json = JsonReport(*state, outcome)
+                                     .dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+        std::printf("%s\n", WithEscapedControls(json).c_str());
     } else {
         PrintForPeople(*state, outcome, options.Quiet);
     }
@@ -334,7 +340,7 @@ int main(int argc, char** argv) {
         const vestrel::PreparedConsole console;
         return vestrel::Run(arguments.Count(), arguments.Values());
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "vestrel-solve: %s\n", error.what());
+        std::fprintf(stderr, "vestrel-solve: %s\n", vestrel::WithoutControls(error.what()).c_str());
         return vestrel::ExitCode::Usage;
     }
 }

@@ -281,6 +281,9 @@ void SolveWindow::BuildMenus() {
     connect(recentMenu_, &QMenu::aboutToShow, this, [this] { FillRecentImages(); });
     saveAction_ = AddAction(file, "Save &As...", QKeySequence::SaveAs,
                             [this] { SaveImageCommand(state_, port_); });
+    saveAction_->setToolTip(
+        "For Vestrel: other programs may show it black, the export is for them");
+    file->setToolTipsVisible(true);
     exportAction_ = AddAction(file, "&Export...", QKeySequence("Ctrl+E"),
                               [this] { ExportImageCommand(state_, port_); });
     worldCoordinatesAction_ = AddAction(file, "Write &World Coordinates", QKeySequence("Ctrl+W"),

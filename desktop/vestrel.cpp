@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "astro/libStrings.h"
 #include "console/consolePort.h"
 #include "console/exitCodes.h"
 #include "desktop/desktopOptions.h"
@@ -46,7 +47,7 @@ int Run(int argc, char** argv) {
     };
     DesktopStart start = readArguments();
     if (start.What == DesktopStart::Kind::Print) {
-        std::fputs(start.Text.c_str(), stdout);
+        std::fputs(WithoutControls(start.Text, "\n").c_str(), stdout);
         return 0;
     }
     auto probe = std::make_unique<DisplayProbe>(argc, argv);
@@ -74,7 +75,7 @@ int main(int argc, char** argv) {
     try {
         return vestrel::Run(argc, argv);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "vestrel: %s\n", error.what());
+        std::fprintf(stderr, "vestrel: %s\n", vestrel::WithoutControls(error.what()).c_str());
         return vestrel::ExitCode::Usage;
     }
 }

@@ -134,7 +134,7 @@ struct StoreValue {
 
     /// The value as a number; an error is set when it is not one.
     std::optional<double> Number() const {
-        const auto number = ParseNumber(Value);
+        const auto number = ParseFitsNumber(Value);
         if (!number) Error = "Non-numeric " + std::string(Keyword) + " parameter";
         if (number && !std::isfinite(*number)) throw std::range_error("number too large");
         return number;
@@ -194,7 +194,11 @@ bool ReadHeader(std::FILE* file, ImageHeader& header, ReadFailure& failure) {
         const std::string card(text, cardLength);
         if (n < ImageHeader::MaxCards) header.Cards[static_cast<std::size_t>(n)] = card;
         std::string error;
-        keyword = ParseHeaderCard(card, header, error);
+        try {
+            keyword = ParseHeaderCard(card, header, error);
+        } catch (const std::range_error&) {
+            throw std::range_error("a value that is too large: " + std::string(Trim(card)));
+        }
         if (!error.empty()) {
             failure = {"Unable to read FITS file. ", "FITS Header Error."};
             failure.Text.append(error).append("  String: ").append(card);
@@ -260,7 +264,10 @@ struct PixelLayout {
 std::int32_t OffsetOf(const ImageHeader& header) {
     std::int32_t offset = 0;
     if (!RoundToInt32(header.BZero, offset) || std::abs(std::int64_t{offset}) > largestOffset) {
-        throw std::range_error("BZERO too large");
+        {
+            throw std::range_error("a value that is too large: BZERO = " +
+                                   NumberText(header.BZero));
+        }
     }
     return offset;
 }
@@ -269,7 +276,7 @@ void RefuseForgedSize(const PixelLayout& layout) {
     const std::size_t missing = (layout.Wanted - layout.Held) / layout.PixelBytes();
     if (!layout.MissingCostNothing() &&
         missing / missingPixelsPerByte > layout.Held + blockLength) {
-        throw std::runtime_error("next to no pixels");
+        throw std::runtime_error("next to none of its pixels are there");
     }
 }
 
@@ -287,7 +294,9 @@ void StoreRows(const PixelLayout& layout, const std::uint8_t* bytes, std::int32_
                          static_cast<std::size_t>(end - first),
                          image.Pixels.Row(y).data(),
                          turned ? -rowLength : rowLength};
-    if (!ConvertPixelRows(rows, layout.Bounds)) throw std::range_error("pixel too large");
+    if (!ConvertPixelRows(rows, layout.Bounds)) {
+        throw std::range_error("a pixel that is infinite, not a number or too large");
+    }
 }
 
 /// Reads the pixels in pieces, which the processors share: each is converted while it is in the
@@ -322,7 +331,10 @@ void ReadPieces(const PixelLayout& layout, PlateImage& image, const Progress& pr
 void ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
                 const Progress& progress) {
     const ImageHeader& header = image.Header;
-    if (header.NAxis1 < 0 || header.NAxis2 < 0) throw std::range_error("negative size");
+    if (header.NAxis1 < 0 || header.NAxis2 < 0) {
+        throw std::range_error("a negative size: NAXIS1 = " + std::to_string(header.NAxis1) +
+                               ", NAXIS2 = " + std::to_string(header.NAxis2));
+    }
     const std::int32_t offset = OffsetOf(header);
     PixelLayout layout(header, offset);
     const std::int64_t dataStart = fileLength < 0 ? -1 : FilePosition(file);
@@ -357,14 +369,17 @@ bool ReadFitsFile(const std::filesystem::path& path, PlateImage& image, const Pr
     ClearHeader(image.Header);
     try {
         const FileHandle file = OpenFile(path, "rb");
-        if (!file) throw std::runtime_error("cannot be opened");
+        if (!file) throw std::runtime_error("it cannot be opened");
         const std::int64_t fileLength = FileLength(file.get());
         if (!ReadHeader(file.get(), image.Header, failure)) return false;
         if (!CheckHeader(image.Header, failure)) return false;
         ReadPixels(file.get(), fileLength, image, progress);
         return true;
-    } catch (const std::exception&) {
-        failure = {generalFailure, DefaultTitle};
+    } catch (const std::bad_alloc&) {
+        failure = {generalFailure, DefaultTitle, "there is not enough memory for it"};
+        return false;
+    } catch (const std::exception& error) {
+        failure = {generalFailure, DefaultTitle, error.what()};
         return false;
     }
 }

@@ -46,7 +46,7 @@ bool IsDigit(char c) {
 
 /// A number as the standard has it: capital exponent letters, no blanks inside.
 bool IsStandardNumber(std::string_view text) {
-    return ParseNumber(text).has_value() && text.find_first_of("ed ") == std::string_view::npos;
+    return ParseFitsNumber(text).has_value() && text.find_first_of("ed ") == std::string_view::npos;
 }
 
 bool IsComplexNumber(std::string_view text) {
@@ -99,7 +99,7 @@ ValueField SplitValueField(std::string_view field) {
     result.Standard = true;
     if (token == "T" || token == "F") {
         result.What = Kind::Flag;
-    } else if (ParseNumber(token)) {
+    } else if (ParseFitsNumber(token)) {
         result.What =
             token.find_first_of(".EeDd") == std::string_view::npos ? Kind::Whole : Kind::Real;
         result.Standard = IsStandardNumber(token);
@@ -166,9 +166,36 @@ bool IsOneOf(std::string_view keyword, std::initializer_list<std::string_view> l
     return std::find(list.begin(), list.end(), keyword) != list.end();
 }
 
+/// As `IsOneOf`, or one of them with the letter of an alternative description of the coordinates.
+bool IsOneOfDescriptions(std::string_view keyword, std::initializer_list<std::string_view> list) {
+    if (IsOneOf(keyword, list)) return true;
+    if (keyword.empty() || keyword.back() < 'A' || keyword.back() > 'Z') return false;
+    keyword.remove_suffix(1);
+    return IsOneOf(keyword, list);
+}
+
 bool IsReservedForTexts(std::string_view keyword) {
-    return IsOneOf(keyword, {"AUTHOR", "BUNIT", "EXTNAME", "INSTRUME", "OBJECT", "OBSERVER",
-                             "ORIGIN", "REFERENC", "TELESCOP"});
+    return IsOneOf(keyword,
+                   {"AUTHOR", "BUNIT", "CREATOR", "EXTNAME", "INSTRUME", "OBJECT", "OBSERVER",
+                    "ORIGIN", "REFERENC", "TELESCOP", "TIMESYS", "TIMEUNIT", "TREFPOS"}) ||
+           IsOneOfDescriptions(keyword, {"WCSNAME"});
+}
+
+/// Keywords of the frame that velocities are counted from, and what they may say.
+bool IsRestFrameKeyword(std::string_view keyword) {
+    return IsOneOfDescriptions(keyword, {"SPECSYS", "SSYSOBS", "SSYSSRC"});
+}
+bool IsRestFrame(std::string_view value) {
+    return IsOneOf(value, {"TOPOCENT", "GEOCENTR", "BARYCENT", "HELIOCEN", "LSRK", "LSRD",
+                           "GALACTOC", "LOCALGRP", "CMBDIPOL", "SOURCE"});
+}
+
+bool IsReservedForNumbers(std::string_view keyword) {
+    return IsOneOf(keyword, {"DATAMAX",  "DATAMIN",  "MJD-OBS",  "MJD-AVG",  "MJD-BEG",  "MJD-END",
+                             "MJDREF",   "JDREF",    "OBSGEO-B", "OBSGEO-L", "OBSGEO-H", "OBSGEO-X",
+                             "OBSGEO-Y", "OBSGEO-Z", "RESTFREQ", "TELAPSE",  "TIMEDEL",  "TIMEPIXR",
+                             "TSTART",   "TSTOP",    "XPOSURE"}) ||
+           IsOneOfDescriptions(keyword, {"RESTFRQ", "RESTWAV", "VELANGL", "VELOSYS", "ZSOURCE"});
 }
 
 bool IsDateKeyword(std::string_view keyword) {
@@ -182,15 +209,15 @@ bool MayHave(std::string_view keyword, const ValueField& field) {
     if (IsDateKeyword(keyword)) {
         return field.What == Kind::Text && IsStandardDate(field.Value);
     }
+    if (IsRestFrameKeyword(keyword)) return field.What == Kind::Text && IsRestFrame(field.Value);
     if (IsReservedForTexts(keyword)) return field.What == Kind::Text;
     const bool number = field.What == Kind::Whole || field.What == Kind::Real;
-    if (IsOneOf(keyword, {"DATAMAX", "DATAMIN", "MJD-OBS"})) {
-        return number;
-    }
+    if (IsReservedForNumbers(keyword)) return number;
     if (IsOneOf(keyword, {"BLANK", "EXTVER", "EXTLEVEL"})) return field.What == Kind::Whole;
     if (IsOneOf(keyword, {"EXTEND", "INHERIT"})) return field.What == Kind::Flag;
-    static constexpr std::string_view columns[] = {"TBCOL", "TDIM",  "TDISP", "TFORM", "TNULL",
-                                                   "TSCAL", "TTYPE", "TUNIT", "TZERO"};
+    static constexpr std::string_view columns[] = {
+        "PSCAL", "PTYPE", "PZERO", "TBCOL", "TCDLT", "TCROT", "TCRPX", "TCRVL", "TCTYP",
+        "TCUNI", "TDIM",  "TDISP", "TFORM", "TNULL", "TSCAL", "TTYPE", "TUNIT", "TZERO"};
     for (const std::string_view column : columns) {
         if (keyword.starts_with(column) && keyword.size() > column.size() &&
             std::all_of(keyword.begin() + static_cast<std::ptrdiff_t>(column.size()), keyword.end(),
@@ -306,8 +333,18 @@ std::vector<std::string> StandardCards(std::string_view bytes) {
         return {commentary + card.substr(keywordLength)};
     }
     const bool inColumn = text.substr(keywordLength, 2) == "= ";
-    // Two widespread conventions; the second continues the text of the card before it.
-    if (printable && IsOneOf(keyword, {"HIERARCH", "CONTINUE"}) && !inColumn) return {card};
+    // Two widespread conventions; the second continues the text of the card before it with another.
+    if (keyword == "HIERARCH" && !inColumn) {
+        const std::size_t assigned = text.find('=');
+        const bool value = assigned != std::string_view::npos &&
+                           SplitValueField(text.substr(assigned + 1)).Standard;
+        return printable && value ? std::vector{card} : AsComment(text);
+    }
+    if (keyword == "CONTINUE") {
+        const ValueField more = SplitValueField(text.substr(keywordLength));
+        const bool goesOn = printable && !inColumn && more.What == Kind::Text && more.Standard;
+        return goesOn ? std::vector{card} : AsComment(text);
+    }
     // What has no value is a comment under a name of its own.
     if (printable && !inColumn && leftAligned && IsStandardKeyword(keyword) && IsFree(keyword)) {
         return {card};

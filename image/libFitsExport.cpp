@@ -75,7 +75,7 @@ std::vector<unsigned char> ReadPixelBytes(const PlateImage& image) {
 std::optional<double> BlankValue(const ImageHeader& header) {
     for (std::size_t i = 1; i < static_cast<std::size_t>(header.CardCount); ++i) {
         for (const std::string& card : StandardCards(header.Cards[i])) {
-            if (KeywordOfCard(card) == "BLANK") return ParseNumber(ValueOfCard(card));
+            if (KeywordOfCard(card) == "BLANK") return ParseFitsNumber(ValueOfCard(card));
         }
     }
     return std::nullopt;
@@ -217,7 +217,7 @@ std::vector<std::string> KeptCards(const ImageHeader& header, int bitPix,
         if (found == first.end()) continue;
         const bool same =
             found->first == "BSCALE" || found->first == "BZERO"
-                ? ParseNumber(ValueOfCard(found->second)) == ParseNumber(ValueOfCard(card))
+                ? ParseFitsNumber(ValueOfCard(found->second)) == ParseFitsNumber(ValueOfCard(card))
                 : found->second.compare(0, 30, card, 0, 30) == 0;
         if (same) card = found->second;
     }

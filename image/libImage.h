@@ -106,6 +106,7 @@ bool FirstRowAtTop(const PlateImage& image);
 struct ReadFailure {
     std::string Text;
     std::string Title;
+    std::string Cause = {};  ///< what the message leaves unsaid, in words; may be empty
 };
 
 /// The title of message boxes that name none of their own.

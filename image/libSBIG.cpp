@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <variant>
 
@@ -23,6 +24,7 @@ constexpr int mostLines = 1000;
 constexpr std::size_t longestHeader = std::size_t{1} << 20;
 constexpr std::int32_t offset = 32768;
 constexpr std::int16_t pedestalReduction = 100;
+constexpr const char* generalFailure = "Can't open image file";
 
 double AsIs(double value) {
     return value;
@@ -79,31 +81,43 @@ const SbigKeyword* FindKeyword(std::string_view keyword) {
 /// The next line: the bytes up to a carriage return, without line feeds (writers disagree about
 /// the side of the carriage return on which they stand) and without the blanks around it.
 /// @param bytesRead grows by the bytes used, the carriage return included
-std::string ReadLine(std::FILE* file, std::size_t& bytesRead) {
+/// @param feedFollows whether line feeds stand after the carriage returns, by this line
+std::string ReadLine(std::FILE* file, std::size_t& bytesRead, bool& feedFollows) {
     std::string line;
-    for (;;) {
+    int last = '\r';
+    for (bool first = true;; first = false) {
         const int byte = std::getc(file);
         if (byte == EOF) throw std::runtime_error("the file ends inside the header");
         ++bytesRead;
-        if (byte == '\r') return std::string(Trim(line));
+        if (first) feedFollows = byte == '\n';
+        if (byte == '\r') {
+            feedFollows = feedFollows && last != '\n';
+            return std::string(Trim(line));
+        }
+        last = byte;
         if (byte != '\n') line += static_cast<char>(byte);
-        if (bytesRead > longestHeader) throw std::runtime_error("header without an end");
+        if (bytesRead > longestHeader) throw std::runtime_error("its header has no end");
     }
 }
 
 /// Reads the lines up to END and moves to the first byte of the rows.
 bool ReadHeader(std::FILE* file, ImageHeader& header, ReadFailure& failure) {
     std::size_t bytesRead = 0;
-    std::string line = ReadLine(file, bytesRead);
+    bool feedFollows = false;
+    std::string line = ReadLine(file, bytesRead, feedFollows);
     header.Cards[1] = line;
     header.Compressed = UpperCase(line).find("COMPRESSED") != std::string::npos;
     int counter = 1;
     while (UpperCase(line) != "END") {
         ++counter;
-        line = ReadLine(file, bytesRead);
+        line = ReadLine(file, bytesRead, feedFollows);
         if (counter < mostLines) header.Cards[static_cast<std::size_t>(counter)] = line;
         std::string error;
-        ParseSbigLine(line, header, error);
+        try {
+            ParseSbigLine(line, header, error);
+        } catch (const std::range_error&) {
+            throw std::range_error("a value that is too large: " + line);
+        }
         if (!error.empty()) {
             failure = {"Unable to read SBIG file. " + error, "SBIG Header Error"};
             return false;
@@ -115,6 +129,8 @@ bool ReadHeader(std::FILE* file, ImageHeader& header, ReadFailure& failure) {
         }
     }
     header.CardCount = static_cast<std::int16_t>(counter);
+    // Rows that begin at once would begin with the last line's own line feed.
+    if (feedFollows && bytesRead >= headerLength) (void)std::getc(file);
     for (; bytesRead < headerLength; ++bytesRead) (void)std::getc(file);
     return true;
 }
@@ -180,17 +196,23 @@ bool ReadRows(RowBytes bytes, PlateImage& image, const Progress& progress, ReadF
 
 bool ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
                 const Progress& progress, ReadFailure& failure) {
-    // One read of what the rows can take at the most.
-    constexpr std::size_t longestRow = 2 + 65535;
     ImageHeader& header = image.Header;
-    if (header.NAxis1 < 0 || header.NAxis2 < 0) throw std::range_error("negative size");
+    if (header.NAxis1 < 0 || header.NAxis2 < 0) {
+        throw std::range_error("a negative size: Width = " + std::to_string(header.NAxis1) +
+                               ", Height = " + std::to_string(header.NAxis2));
+    }
+    // One read of what the rows can take at the most: a count, and an escape for each pixel.
+    const std::size_t longestRow = 2 + 3 * (static_cast<std::size_t>(header.NAxis1) + 1);
     const std::size_t longest = std::min(static_cast<std::size_t>(fileLength),
                                          longestRow * static_cast<std::size_t>(header.NAxis2));
-    const auto data = std::make_unique_for_overwrite<std::uint8_t[]>(longest);
-    const std::size_t held = std::fread(data.get(), 1, longest, file);
+    const auto data = std::make_unique_for_overwrite<std::uint8_t[]>(longest + 1);
+    // The last byte of the last row counts as 0 when only that is missing.
+    const std::size_t read = std::fread(data.get(), 1, longest, file);
+    data[read] = 0;
+    const std::size_t held = read + 1;
 
     if (!RoundToInt16(header.Pedestal - pedestalReduction, header.Pedestal)) {
-        throw std::range_error("pedestal too small");
+        throw std::range_error("a value that is too small: Pedestal");
     }
     StartPixels(image, offset);
     return ReadRows({data.get(), held}, image, progress, failure);
@@ -205,10 +227,13 @@ bool ReadSbigFile(const std::filesystem::path& path, PlateImage& image, const Pr
     ClearHeader(header);
     try {
         const FileHandle file = OpenFile(path, "rb");
-        if (!file) throw std::runtime_error("cannot be opened");
+        if (!file) throw std::runtime_error("it cannot be opened");
         const std::int64_t fileLength = FileLength(file.get());
-        if (fileLength < 0) throw std::runtime_error("has no length");
-        if (fileLength < shortestFile) return false;
+        if (fileLength < 0) throw std::runtime_error("it is no file");
+        if (fileLength < shortestFile) {
+            failure.Cause = "it has " + std::to_string(fileLength) + " bytes, too few for an image";
+            return false;
+        }
         if (!ReadHeader(file.get(), header, failure)) return false;
         header.BitPix = 16;
         header.BScale = 1;
@@ -217,8 +242,11 @@ bool ReadSbigFile(const std::filesystem::path& path, PlateImage& image, const Pr
         header.NAxis = 2;
         header.Simple = true;
         return ReadPixels(file.get(), fileLength, image, progress, failure);
-    } catch (const std::exception&) {
-        failure = {"Can't open image file", DefaultTitle};
+    } catch (const std::bad_alloc&) {
+        failure = {generalFailure, DefaultTitle, "there is not enough memory for it"};
+        return false;
+    } catch (const std::exception& error) {
+        failure = {generalFailure, DefaultTitle, error.what()};
         return false;
     }
 }

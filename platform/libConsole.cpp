@@ -9,6 +9,7 @@
 #include <unistd.h>
 #endif
 
+#include <csignal>
 #include <memory>
 
 #include "platform/libPlatform.h"
@@ -32,6 +33,18 @@ ProgramArguments::ProgramArguments(int argc, const char* const* argv) : texts_(a
 
 namespace {
 
+struct LateEnd {
+    DWORD Milliseconds;
+    UINT ExitCode;
+};
+LateEnd lateEnd{};
+
+DWORD WINAPI EndLate(void* /*unused*/) {
+    Sleep(lateEnd.Milliseconds);
+    TerminateProcess(GetCurrentProcess(), lateEnd.ExitCode);
+    return 0;
+}
+
 /// The console that a stream leads to; null when it leads elsewhere. The C library's own test takes
 /// the null device for one too.
 HANDLE ConsoleOf(std::FILE* stream, DWORD& mode) {
@@ -40,6 +53,12 @@ HANDLE ConsoleOf(std::FILE* stream, DWORD& mode) {
 }
 
 }  // namespace
+
+void EndWithin(unsigned seconds, int exitCode) {
+    lateEnd = {seconds * 1000, static_cast<UINT>(exitCode)};
+    const HANDLE thread = CreateThread(nullptr, 0, EndLate, nullptr, 0, nullptr);
+    if (thread != nullptr) CloseHandle(thread);
+}
 
 PreparedConsole::PreparedConsole() : codePage_(GetConsoleOutputCP()) {
     for (std::FILE* stream : {stdout, stderr}) {
@@ -73,6 +92,23 @@ bool TakesEscapeSequences(std::FILE* stream) {
 }
 
 #else
+
+namespace {
+
+// A signal handler can reach nothing but such a number.
+volatile std::sig_atomic_t lateExitCode = 0;
+
+extern "C" void EndLate(int /*signal*/) {
+    _exit(lateExitCode);
+}
+
+}  // namespace
+
+void EndWithin(unsigned seconds, int exitCode) {
+    lateExitCode = exitCode;
+    std::signal(SIGALRM, EndLate);
+    alarm(seconds);
+}
 
 PreparedConsole::PreparedConsole() = default;
 PreparedConsole::~PreparedConsole() = default;

@@ -38,6 +38,10 @@ class PreparedConsole {
 #endif
 };
 
+/// Ends this process with an exit code when it still runs after so many seconds, whatever it waits
+/// for. May be called in a signal handler.
+void EndWithin(unsigned seconds, int exitCode);
+
 /// Whether a stream leads to a screen.
 bool IsTerminal(std::FILE* stream);
 

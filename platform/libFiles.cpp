@@ -1,18 +1,20 @@
 #include "platform/libFiles.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <system_error>
 
 #ifdef _WIN32
 #include <fcntl.h>
 #include <io.h>
-#include <process.h>
 #include <share.h>
 #include <sys/stat.h>
 
 #include <chrono>
 #include <thread>
 #else
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 #endif
 
@@ -22,14 +24,6 @@ namespace vestrel {
 namespace fs = std::filesystem;
 
 namespace {
-
-long ProcessNumber() {
-#ifdef _WIN32
-    return _getpid();
-#else
-    return getpid();
-#endif
-}
 
 /// Pushes the file's content to the disk, so that a rename never overtakes it.
 bool FlushToDisk(std::FILE* file) {
@@ -136,22 +130,6 @@ void RenameOver(const fs::path& from, const fs::path& to, std::error_code& error
 #endif
 }
 
-/// A new file beside `path`, under a name that it returns in `temporary`.
-FileHandle CreateTemporary(const fs::path& path, fs::path& temporary) {
-    // A name of the greatest length leaves no room for more. And never a file or link that is there
-    // already: whoever may write in the folder could have put it there for us to write through.
-    constexpr std::size_t nameLength = 200;
-    const std::string ending = "." + std::to_string(ProcessNumber());
-    FileHandle file;
-    constexpr int attempts = 100;
-    for (int i = 0; i < attempts && !file; ++i) {
-        temporary = path.parent_path() / path.filename().native().substr(0, nameLength);
-        temporary += ending + "." + std::to_string(i) + ".tmp";
-        file = CreateNewFile(temporary);
-    }
-    return file;
-}
-
 /// Whether this process may write to a file that is there.
 bool MayWrite(const fs::path& path) {
 #ifdef _WIN32
@@ -159,6 +137,82 @@ bool MayWrite(const fs::path& path) {
 #else
     return access(path.c_str(), W_OK) == 0;
 #endif
+}
+
+/// What the names of a file's temporaries begin with. A name of the greatest length leaves no room
+/// for more.
+fs::path TemporaryStem(const fs::path& path) {
+    constexpr std::size_t nameLength = 200;
+    return path.filename().native().substr(0, nameLength);
+}
+
+/// The process that a temporary's name tells of; 0 when it is none of this stem.
+long WriterOf(const fs::path& name, const fs::path& stem) {
+    if (!name.native().starts_with(stem.native())) return 0;
+    const fs::path::string_type rest = name.native().substr(stem.native().size());
+    const std::string ending(rest.begin(), rest.end());
+    long process = 0;
+    int number = 0;
+    int length = 0;
+    if (std::sscanf(ending.c_str(), ".%9ld.%9d.tmp%n", &process, &number, &length) != 2 ||
+        static_cast<std::size_t>(length) != ending.size()) {
+        return 0;
+    }
+    return process;
+}
+
+/// Marks an open temporary as in use, for programs on other machines that share the folder: there
+/// the number of its process says nothing.
+void HoldTemporary([[maybe_unused]] std::FILE* file) {
+#ifndef _WIN32
+    (void)flock(fileno(file), LOCK_EX | LOCK_NB);
+#endif
+}
+
+bool IsHeld(const fs::path& temporary) {
+#ifdef _WIN32
+    return !MayWrite(temporary);  // Windows removes no file that is open
+#else
+    // Never through a link, and never waiting for the other end of a pipe.
+    const int file = open(temporary.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) return true;
+    const bool held = flock(file, LOCK_EX | LOCK_NB) != 0;
+    close(file);
+    return held;
+#endif
+}
+
+/// Removes the temporaries of this file whose writers were killed.
+void RemoveStaleTemporaries(const fs::path& path) {
+    const fs::path stem = TemporaryStem(path);
+    const fs::path folder = path.has_parent_path() ? path.parent_path() : fs::path(".");
+    std::error_code error;
+    std::vector<fs::path> stale;
+    fs::directory_iterator entry(folder, error);
+    for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        const long writer = WriterOf(entry->path().filename(), stem);
+        if (writer > 0 && !IsRunning(writer)) stale.push_back(entry->path());
+    }
+    for (const fs::path& temporary : stale) {
+        if (!IsHeld(temporary)) fs::remove(temporary, error);
+    }
+}
+
+/// A new file beside `path`, under a name that it returns in `temporary`.
+FileHandle CreateTemporary(const fs::path& path, fs::path& temporary) {
+    // Never a file or link that is there already: whoever may write in the folder could have put it
+    // there for us to write through.
+    const std::string ending = "." + std::to_string(ProcessNumber());
+    RemoveStaleTemporaries(path);
+    FileHandle file;
+    constexpr int attempts = 100;
+    for (int i = 0; i < attempts && !file; ++i) {
+        temporary = path.parent_path() / TemporaryStem(path);
+        temporary += ending + "." + std::to_string(i) + ".tmp";
+        file = CreateNewFile(temporary);
+    }
+    if (file) HoldTemporary(file.get());
+    return file;
 }
 
 [[noreturn]] void Fail(const fs::path& path, std::error_code error) {

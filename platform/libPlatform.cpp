@@ -1,5 +1,7 @@
 #include "platform/libPlatform.h"
 
+#include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <new>
@@ -60,6 +62,26 @@ fs::path UserFolder(const char* variable, const char* fallback) {
 #endif
 
 }  // namespace
+
+#ifdef _WIN32
+long ProcessNumber() {
+    return static_cast<long>(GetCurrentProcessId());
+}
+bool IsRunning(long process) {
+    const HANDLE handle = OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(process));
+    if (handle == nullptr) return GetLastError() != ERROR_INVALID_PARAMETER;
+    const bool running = WaitForSingleObject(handle, 0) == WAIT_TIMEOUT;
+    CloseHandle(handle);
+    return running;
+}
+#else
+long ProcessNumber() {
+    return getpid();
+}
+bool IsRunning(long process) {
+    return kill(static_cast<pid_t>(process), 0) == 0 || errno != ESRCH;
+}
+#endif
 
 #ifdef _WIN32
 // The standard library's conversions throw on text that is no UTF-8 and on file names that are no

@@ -28,6 +28,10 @@ std::filesystem::path RecentImagesFilePath();
 /// The folder that holds the running program; the current folder when it cannot be told.
 std::filesystem::path ProgramFolder();
 
+/// The number of this process, and whether the one of a number runs; one of another user counts.
+long ProcessNumber();
+bool IsRunning(long process);
+
 /// A path from UTF-8 text, and back.
 std::filesystem::path PathFromText(const std::string& utf8);
 std::string TextFromPath(const std::filesystem::path& path);

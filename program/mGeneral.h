@@ -1,6 +1,7 @@
 // The state of the program: one loaded image, one list of each kind, one solution.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -89,7 +90,7 @@ struct SolveDisplay {
     std::string FoundInCatalog;
     std::string Matched;
     std::string RmsDifference;
-    std::string Details;            ///< what the last solve saw, in lines
+    std::string Details;            ///< what the last solve saw, or why an image was not read
     std::string Clock;              ///< universal time, Julian date, sidereal time
     std::string Countdown = "10";   ///< seconds until an unattended run closes the program
     bool SolutionOverlays = false;  ///< the three overlays that a solution switches on
@@ -170,6 +171,8 @@ struct ProgramState {
     Transfer DisplayTransfer =
         Transfer::Linear;  ///< between `Image.DisplayBlack` and `DisplayWhite`
     bool StopRequested = false;
+    /// When a kernel that runs first saw `StopRequested`.
+    std::optional<std::chrono::steady_clock::time_point> StopSeen;
     bool CloseRequested = false;  ///< the program is to end as soon as nothing runs
     Activity Running = Activity::None;
     int SecondsLeft = 10;  ///< of the countdown

@@ -53,6 +53,9 @@ bool ReadImage(ProgramState& state, Port& port, const std::string& type, const s
                       : type == "SBIG" ? ReadSbigFile(file, state.Image, progress, failure)
                                        : ReadPictureFile(file, state.Image, progress, failure);
     port.ShowProgress(0);
+    if (!good && !failure.Cause.empty()) {
+        state.Display.Details = "  Cause             " + WithoutControls(failure.Cause) + "\n";
+    }
     if (!good && !failure.Text.empty()) port.ShowMessage(failure.Text, failure.Title);
     return good;
 }

@@ -76,10 +76,10 @@ class RegionSearch {
         FitGeometry geometry;
         double fitError = 0;
         AlignReport& report = Report;
-        const bool matched = AlignImages(CatalogStars, catalogCount, state_.PlateStars, plateCount,
-                                         Attempt.Pairs, Attempt.PairCount, Attempt.Transform,
-                                         geometry, fitError, Attempt.MatchedCount, matchTolerance_,
-                                         settings, plateTriangles_, report, ShownProgress(port_));
+        const bool matched = AlignImages(
+            CatalogStars, catalogCount, state_.PlateStars, plateCount, Attempt.Pairs,
+            Attempt.PairCount, Attempt.Transform, geometry, fitError, Attempt.MatchedCount,
+            matchTolerance_, settings, plateTriangles_, report, StoppableProgress(state_, port_));
         port_.ShowProgress(0);
         ++state_.Report.RegionsTried;
         if (!matched) KeepBestAttempt(report, centre);
@@ -210,6 +210,7 @@ std::int16_t SolvePlate(ProgramState& state, Port& port, double& ra, double& dec
 
 void BeginSolve(ProgramState& state) {
     state.StopRequested = false;
+    state.StopSeen.reset();
     const double readingTime = state.Report.Times.Reading;
     state.Report = {};
     state.Report.Times.Reading = readingTime;
@@ -219,6 +220,13 @@ std::int16_t WithinMemory(ProgramState& state, Port& port,
                           const std::function<std::int16_t()>& piece) {
     try {
         return piece();
+    } catch (const StopOverdue&) {
+        state.Display.BusyIndicator = false;
+        state.Image.Header.PlateMatched = false;
+        port.ShowProgress(0);
+        port.ShowBusyPointer(false);
+        ShowStatus(state, port, "Search Terminated", StatusColour::Red);
+        return SolveCode::Stopped;
     } catch (const std::bad_alloc&) {
         state.Display.BusyIndicator = false;
         ShowStatus(state, port, "Out of memory", StatusColour::Red);
@@ -291,6 +299,7 @@ std::int16_t MatchPlateStars(ProgramState& state, Port& port, double& ra, double
         ++k;
         // The limit is looked at before the match: the region beyond it cannot succeed.
     } while (k <= regionLimit);
+    state.Report.RegionsTried = std::max(regionLimit, 1);
     ShowStatus(state, port, "No Match Found", StatusColour::Red);
     return SolveCode::NoMatch;
 }

@@ -38,7 +38,8 @@ std::int16_t SolvePlate(ProgramState& state, Port& port, double& ra, double& dec
 /// Forgets the last solve's report and a stop that was asked for.
 void BeginSolve(ProgramState& state);
 
-/// Runs a piece of a solve. When memory runs out, says so and returns `TooFewStars`.
+/// Runs a piece of a solve. When memory runs out, says so and returns `TooFewStars`; when a kernel
+/// is left for a stop, `Stopped`.
 std::int16_t WithinMemory(ProgramState& state, Port& port,
                           const std::function<std::int16_t()>& piece);
 

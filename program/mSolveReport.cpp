@@ -82,6 +82,20 @@ void AddQuads(Table& table, const ProgramState& state) {
     }
 }
 
+/// Whether an image of fractions lost them all when they became whole counts.
+bool HasNextToNoCounts(const PlateImage& image) {
+    if (image.Header.BitPix >= 0 || image.Width == 0 || image.Height == 0) return false;
+    std::int32_t least = image.Pixels(0, 0);
+    std::int32_t most = least;
+    for (std::int32_t y = 0; y < image.Height; ++y) {
+        const auto row = image.Pixels.Row(y).first(static_cast<std::size_t>(image.Width));
+        const auto [low, high] = std::minmax_element(row.begin(), row.end());
+        least = std::min(least, *low);
+        most = std::max(most, *high);
+    }
+    return std::int64_t{most} - least <= 1;
+}
+
 std::string TryLine(const std::string& advice) {
     return "  Try: " + advice + "\n";
 }
@@ -221,6 +235,12 @@ std::string CatalogComplaint(const ProgramState& state) {
 std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
                                 const InputWords& words) {
     std::vector<std::string> advice;
+    if (code == SolveCode::TooFewStars && HasNextToNoCounts(state.Image)) {
+        advice.emplace_back(
+            "scale the pixels up and write them again, as by 65535: Vestrel takes whole counts, "
+            "and these reach from 0 to 1");
+        return advice;
+    }
     if (code == SolveCode::TooFewStars) {
         advice.push_back(std::string("lower ") + words.Threshold + ", or " + words.MinStarSize +
                          " for sharp stars");

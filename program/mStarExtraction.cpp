@@ -22,6 +22,17 @@ Progress ShownProgress(Port& port) {
     };
 }
 
+Progress StoppableProgress(ProgramState& state, Port& port) {
+    return [&state, show = ShownProgress(port)](int done, int total) {
+        show(done, total);
+        if (!state.StopRequested) return;
+        constexpr std::chrono::seconds patience{1};
+        const auto now = std::chrono::steady_clock::now();
+        if (!state.StopSeen) state.StopSeen = now;
+        if (now - *state.StopSeen > patience) throw StopOverdue();
+    };
+}
+
 void ShowStatus(ProgramState& state, Port& port, const std::string& text, StatusColour colour) {
     state.Display.Status.Text = text;
     state.Display.Status.Colour = colour;
@@ -31,14 +42,14 @@ void ShowStatus(ProgramState& state, Port& port, const std::string& text, Status
 void SubtractBackground(ProgramState& state, Port& port, std::int16_t halfSize, double percentile) {
     if (state.BackgroundRemoved) return;
     PlateImage& image = state.Image;
-    const Progress progress = ShownProgress(port);
     ShowCaption(state, port, "Estimating Background");
-    const BackgroundBlocks background = EstimateBackgroundBlocks(
-        image.Pixels, image.DataOffset, image.Width, image.Height, halfSize, percentile, progress);
+    const BackgroundBlocks background =
+        EstimateBackgroundBlocks(image.Pixels, image.DataOffset, image.Width, image.Height,
+                                 halfSize, percentile, StoppableProgress(state, port));
     port.ShowProgress(0);
     ShowCaption(state, port, "Subtracting Background");
     SubtractBackgroundBlocks(image.Pixels, image.DataOffset, image.Width, image.Height, background,
-                             progress);
+                             ShownProgress(port));
     port.ShowProgress(0);
     state.BackgroundRemoved = true;
     // Other counts need other levels.
@@ -58,7 +69,8 @@ void ExtractStars(ProgramState& state, Port& port, PlateStarList& stars, std::in
     const SolveParameters& parameters = state.Parameters;
     const DetectionSettings settings{parameters.DetectionThreshold, parameters.EdgeExclusion,
                                      parameters.MinStarSize, parameters.MaxStarSize};
-    ExtractStars(state.Image, settings, stars, count, state.Extraction, ShownProgress(port));
+    ExtractStars(state.Image, settings, stars, count, state.Extraction,
+                 StoppableProgress(state, port));
     port.ShowProgress(0);
     port.Yield();
     port.ShowBusyPointer(false);

@@ -26,4 +26,11 @@ void ShowStatus(ProgramState& state, Port& port, const std::string& text,
 /// A kernel's progress, shown as percent; pending events run as it is reported.
 Progress ShownProgress(Port& port);
 
+/// Thrown out of a kernel that is still at work a second after a stop was asked for.
+struct StopOverdue {};
+
+/// `ShownProgress` for kernels of a solve that change nothing until they have ended.
+/// The progress throws StopOverdue.
+Progress StoppableProgress(ProgramState& state, Port& port);
+
 }  // namespace vestrel

@@ -57,7 +57,7 @@ TEST(Sexagesimal, EveryFormThatIsReadAndEveryFormThatIsNot) {
     readRa(0.5, {"1h-30m", "0 30"});
     EXPECT_EQ(ParseRA("24 00 00"), TwoPi);
     for (const char* text : {"24 00 01", "-1 0 0", "360.001", "", "h", "5h x", "5 30s", "\t12",
-                             "5h:30", "nan", "inf h", "5:30:15xyz"}) {
+                             "5h:30", "nan", "inf h", "5:30:15xyz", "1d1"}) {
         EXPECT_EQ(ParseRA(text), InvalidAngle) << text;
     }
 
@@ -109,11 +109,12 @@ TEST(Numbers, TextKeepsFifteenDigitsAndOneForm) {
         }
     }
     for (const char* text : {"", ".", "-", "1.2.3", "0x10", "inf", "nan", "1e", "+-1", "1 2", "1,5",
-                             "1e+", "\t1", "e5", "--1"}) {
+                             "1e+", "\t1", "e5", "--1", "1d1", "1D1"}) {
         EXPECT_FALSE(ParseNumber(text)) << text;
     }
     EXPECT_EQ(ParseNumber(" +.5 "), 0.5);
-    EXPECT_EQ(ParseNumber("5.D-1"), 0.5);
+    EXPECT_EQ(ParseFitsNumber("5.D-1"), 0.5);
+    EXPECT_FALSE(ParseFitsNumber("1d1d1"));
     EXPECT_EQ(ParseNumber("1e400"), std::numeric_limits<double>::infinity());
     EXPECT_EQ(ParseNumber("-1e-400"), 0);
 }

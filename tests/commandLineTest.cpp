@@ -34,7 +34,8 @@ TEST(ParameterString, FieldsAreSplitAtTheFirstSeparatorsAndTrimmed) {
     for (const char* bad :
          {"", ",,,,,", "1,2,3,4,5", "1,2,3,4,x,a.fit", "1,north,3,4,5,a.fit", "1,2,,4,5,a.fit",
           "1;2;3;4;5;a.fit", "1,2,3,4,2147483648,a.fit", "1,2,nan,4,5,a.fit", "inf,2,3,4,5,a.fit",
-          "1E999,2,3,4,5,a.fit", "0x1,2,3,4,5,a.fit", "1\t,2,3,4,5,a.fit", "1 2,2,3,4,5,a.fit"}) {
+          "1E999,2,3,4,5,a.fit", "0x1,2,3,4,5,a.fit", "1\t,2,3,4,5,a.fit", "1 2,2,3,4,5,a.fit",
+          "1,2,3,1d-2,5,a.fit"}) {
         EXPECT_FALSE(ParseParameterString(bad)) << bad;
     }
 }

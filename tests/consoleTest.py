@@ -12,6 +12,7 @@ import os
 import pathlib
 import pty
 import random
+import re
 import shutil
 import signal
 import struct
@@ -155,7 +156,9 @@ vestrel-catalog makes one. %VESTREL_THREADS% limits the threads.
                 run = self.run_solver(f"{start},-.1,0.1,0.1,2,{absent}", *more)
                 self.assertEqual((run.returncode, run.stderr.decode()),
                                  (NO_IMAGE, "Vestrel: Unable to read the image file.\n"
-                                            "Vestrel 1.13 Error: Can't open input file\n"))
+                                            "Vestrel 1.13 Error: Can't open input file\n" +
+                                  ("" if "--quiet" in more else
+                                   "  Cause             it cannot be opened\n")))
         for wrong in ("-a,b", "-,,,,,", "-1,2,3,4"):
             run = self.run_solver(wrong)
             self.assertEqual((run.returncode, run.stderr),
@@ -163,10 +166,65 @@ vestrel-catalog makes one. %VESTREL_THREADS% limits the threads.
         report = json.loads(self.run_solver("1,0,.1,.1,1,nodot", "--json").stdout)
         self.assertIsNone(report["code"])  # 0 would mean too few stars
 
-    def test_files_cannot_send_commands_to_the_terminal(self):
-        card = "EXPTIME = \x1b]0;owned\x07\x1b[2J"
+    def test_no_exit_lets_control_characters_through(self):
+        evil = "\x1b]0;owned\x07\x1b[2J\x7f\u0085\u009b"
+        card = f"EXPTIME = {evil}"
         run = self.run_solver(self.frame("x.fit", card.ljust(80).encode()), "--ra", "1", "--dec", "1")
-        self.assertIn(b"EXPTIME = ?]0;owned??[2J", run.stderr)
+        self.assertIn(b"EXPTIME = ?]0;owned??[2J?", run.stderr)
+        if WINDOWS:
+            return  # its file names hold none
+        header = spots().replace(b"END" + b" " * 77, ("OBJECT  = " + evil).encode()[:80].ljust(80) +
+                                 b"END" + b" " * 77, 1)
+        solved = self.frame("good.fit", header[:2880] + header[2960:])
+        folder = self.folder / ("KEL" + evil)
+        folder.mkdir()
+        (folder / "catalog.json").write_text(json.dumps({
+            "format": "vestrel-catalog", "version": 1, "tool": evil, "created": evil, "sources": [],
+            "filters": [evil], "remarks": [evil], "brightGapFilled": False, "duplicates": 3,
+            "magnitudes": [], "stars": 0, "cells": {}}))
+        (folder / ("stray" + evil)).write_text("")
+        frame = self.frame(f"frame{evil}.fit")
+        search = ["--ra", "10", "--dec=-5", "--size", "60x60", "--regions", "1"]
+        commands = [
+            [*SOLVER, solved, "--info", solved], [*SOLVER, frame, *search, "--catalog", folder],
+            [*SOLVER, frame, *search, "--catalog", folder, "--json"],
+            [*SOLVER, frame, "--blind", "--catalog", folder], [*SOLVER, evil],
+            [*SOLVER, f"1,0,.1,.1,1,{frame}"], [*SOLVER, f"1,0,.1,.1,1,{evil}"],
+            [*SOLVER, frame, *search, "--export", frame], [*SOLVER, "--" + evil], [*SOLVER, frame, evil],
+            [*SOLVER, frame, "--ra", evil, "--dec", "1"], [*SOLVER, frame, *search, "--max-stars", evil],
+            *([*RENDERER, command, *rest, "--catalog", folder]
+              for command, *rest in (["info"], ["info", "--json"], ["verify"], ["quads"],
+                                     ["build", "--csv", evil])),
+            [*RENDERER, "info", "--catalog", evil], [*RENDERER, evil], [*RENDERER, "info", "--" + evil],
+            [*RENDERER, "render", "--ra", "1", "--dec", "1", "--size", "9x9", "--random-stars", "9",
+             "--width-px", "60", "--out", self.folder / f"drawn{evil}.fit"]]
+        for command in commands:
+            with self.subTest(command=command[1:]):
+                run = subprocess.run(list(map(str, command)), env=self.environment, check=False,
+                                     capture_output=True, timeout=60)
+                said = (run.stdout + run.stderr).decode(errors="replace")
+                self.assertNotRegex(said, "[\0-\x09\x0b-\x1f\x7f-\x9f]")
+                if "--json" in command and run.returncode != 3:
+                    json.loads(run.stdout)
+
+    def test_an_image_that_is_not_read_says_what_is_wrong_with_it(self):
+        large = b"BITPIX  = 99999 / \x1b[2J"
+        faults = [(self.frame("x.fit", large.ljust(80)), "too large: BITPIX  = 99999 / ?[2J"),
+                  (self.frame("x.sbi", bytes(999)), "999 bytes"),
+                  (self.frame("y.sbi", b"W\n\rWidth = 1E9\n\r" + bytes(2000)), "Width = 1E9"),
+                  (self.frame("n.fit", spots().replace(b"= 200 ", b"= -1  ")), "NAXIS1 = -1")]
+        for path, words in faults:
+            for arguments in (["--ra", "1", "--dec", "1", path], [f"1,0,.1,.1,1,{path}"],
+                              ["--info", path], ["--json", "--ra", "1", "--dec", "1", path]):
+                run = self.run_solver(*arguments)
+                self.assertEqual(run.returncode, NO_IMAGE)
+                self.assertRegex(run.stderr.decode(), r"\n?  Cause +.*" + re.escape(words))
+
+    def test_fractions_are_told_from_darkness(self):
+        pixels = fits_bytes([0] * 40000, 200, 200).replace(b"= 16 ", b"= -32")
+        run = self.run_solver(self.frame("x.fit", pixels + bytes(80000)), "--ra", "1", "--dec", "1")
+        self.assertEqual(run.returncode, TOO_FEW_STARS)
+        self.assertIn(b"reach from 0 to 1", run.stderr)
 
     def test_outdated_settings_are_told_and_survived(self):
         (self.folder / "Vestrel.ini").write_bytes(b"OLD!!" + bytes(700))
@@ -228,6 +286,26 @@ vestrel-catalog makes one. %VESTREL_THREADS% limits the threads.
         result = frame.with_suffix(".kel").read_bytes().split(b"\r\n")
         self.assertEqual((result[0], result[2]),
                          (b"1000,1000,-2", b"Vestrel was terminated by user"))
+
+    @not_on_windows
+    def test_a_stop_ends_what_only_waits_and_a_second_one_ends_it_at_once(self):
+        pipe = self.folder / "never.fit"
+        os.mkfifo(pipe)
+        # The catalog tool's opening fails at the first one: there is nothing left to end.
+        for command, ends in (([*SOLVER, pipe, "--ra", "1", "--dec", "1"], (STOPPED, -signal.SIGINT)),
+                              ([*RENDERER, "build", "--csv", pipe, "--catalog", self.folder / "KEL"],
+                               (130, 130))):
+            for second in (None, signal.SIGINT):
+                process = subprocess.Popen(command, env=self.environment, stderr=subprocess.DEVNULL)
+                time.sleep(0.5)
+                start = time.monotonic()
+                process.send_signal(signal.SIGTERM)
+                if second:
+                    time.sleep(0.1)
+                    process.send_signal(second)
+                code = process.wait(timeout=60)
+                self.assertLess(time.monotonic() - start, 1 if second else 4)
+                self.assertEqual(code, ends[second is not None])
 
     @not_on_windows
     def test_progress_and_colour_only_on_a_terminal_that_wants_them(self):

@@ -14,6 +14,7 @@
 #include <csignal>
 #endif
 
+#include "image/libFITS.h"
 #include "image/libFitsCards.h"
 #include "image/libHeaderText.h"
 #include "image/libWorldCoordinates.h"
@@ -479,6 +480,40 @@ TEST(StandardCards, AnExportOfAnyReadableHeaderIsStandard) {
         ++exported;
     }
     EXPECT_GT(exported, 30);
+    // Keywords whose kind of value the standard fixes, with values of every kind.
+    const std::string values[] = {"'TOPOCENT'", "'x'", "T",     "1.5",
+                                  "(1.0, 2.0)", "",    "words", "NaN"};
+    for (const std::string& value : values) {
+        std::vector<std::string> cards;
+        for (const char* keyword :
+             {"AUTHOR",   "BUNIT",    "CREATOR",  "EXTNAME",  "INSTRUME", "OBJECT",   "OBSERVER",
+              "ORIGIN",   "REFERENC", "TELESCOP", "RADESYS",  "RADECSYS", "SPECSYS",  "SSYSOBS",
+              "SSYSSRC",  "SPECSYSA", "WCSNAME",  "DATAMAX",  "DATAMIN",  "EQUINOX",  "MJD-OBS",
+              "MJD-AVG",  "CRPIX1",   "CRDER1",   "RESTFRQ",  "RESTFREQ", "RESTWAV",  "RESTFRQB",
+              "OBSGEO-X", "OBSGEO-Y", "OBSGEO-Z", "VELOSYS",  "VELOSYSC", "ZSOURCE",  "VELANGL",
+              "LONPOLE",  "LATPOLE",  "CTYPE3",   "CUNIT1",   "CNAME1",   "TIMESYS",  "BLANK",
+              "EXTVER",   "EXTLEVEL", "EXTEND",   "INHERIT",  "GROUPS",   "BLOCKED",  "PTYPE1",
+              "PSCAL1",   "PZERO1",   "TFIELDS",  "THEAP",    "TCTYP1",   "TCRVL1",   "TUNIT1",
+              "DATE",     "DATE-OBS", "LONGSTRN", "CONTINUE", "HIERARCH", "CHECKSUM", "NEXTEND",
+              "XTENSION", "PCOUNT"}) {
+            cards.push_back((keyword + std::string(8, ' ')).substr(0, 8) + "= " + value);
+        }
+        cards.push_back("REMARK  = 'goes on &'");
+        cards.push_back("CONTINUE  " + value);
+        Opened opened;
+        // What Vestrel reads itself must be readable to it.
+        std::erase_if(cards, [&](const std::string& card) {
+            ImageHeader header;
+            std::string error;
+            ParseHeaderCard(card, header, error);
+            return !error.empty();
+        });
+        WriteFile(folder / "in.fit", FitsHeader(FitsCards(16, 4, 3, cards)));
+        ASSERT_TRUE(opened.Open(folder / "in.fit")) << value;
+        opened.Solve(1, 1, 2, 3, false);
+        const std::string name = "kind" + std::to_string(&value - values) + ".fits";
+        ASSERT_TRUE(ExportImage(opened.State, opened.Port, TextFromPath(folder / name))) << value;
+    }
     EXPECT_JUDGED("judgeFits.py", {"standard", folder.Path.string()});
 }
 

@@ -5,6 +5,7 @@ Environment: VESTREL_BUILD the build folder.
 """
 import os
 import pathlib
+import platform
 import re
 import shutil
 import struct
@@ -138,6 +139,21 @@ class Installed(unittest.TestCase):
                " _vestrel; printf '%s\\n' \"${COMPREPLY[@]}\"")
         offered = run("bash", "-c", ask, cwd=self.usr).stdout.splitlines()
         self.assertEqual(sorted(offered), ["a b.FIT", "bin", "c.sbig", "share"])
+
+    def test_programs_are_hardened(self):
+        for program in PROGRAMS:
+            binary = self.usr / "bin" / program
+            header = run("readelf", "-hldW", binary).stdout
+            self.assertRegex(header, r"Type: +DYN .*[Pp]osition-Independent Executable")
+            self.assertIn("GNU_RELRO", header)
+            self.assertRegex(header, r"FLAGS_1.* NOW")
+            self.assertRegex(header, r"GNU_STACK .* RW  ")  # and no E, which would run it
+            called = run("nm", "-D", binary).stdout
+            for check in ("__stack_chk_fail", "__fprintf_chk", "__memcpy_chk"):
+                self.assertIn(check, called, program)
+            if platform.machine() == "x86_64":
+                functions = run("objdump", "-d", "-j", ".text", binary).stdout
+                self.assertGreater(functions.count("endbr64"), 500)
 
     def test_the_package_depends_on_what_its_programs_link(self):
         control = run("dpkg-deb", "-f", self.package, "Depends").stdout

@@ -36,6 +36,10 @@ def judge_standard(paths):
         run = subprocess.run(["fitsverify", path], capture_output=True, text=True)
         if "Verification found 0 warning(s) and 0 error(s)" not in run.stdout:
             print(path.name, run.stdout, run.stderr)
+        try:
+            dict(fits.getheader(path))
+        except Exception as error:  # whatever a header does to it
+            print(path.name, repr(error))
 
 
 def judge_exported(folder):

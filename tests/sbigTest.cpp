@@ -90,9 +90,8 @@ TEST(Sbig, WhatACameraWritesIsReadBack) {
                 values.push_back(row);
             }
             std::vector<std::string> lines = Lines(width, height, {"nOtE = a / b = c "});
-            // Beyond 2048 bytes the rows follow the header at once; then only the usual order of
-            // line ends tells where it stops.
-            if (++files % 3 == 0 && lineEnd != "\r\n") {
+            // Beyond 2048 bytes the rows follow the header at once.
+            if (++files % 3 == 0) {
                 lines.push_back("Filler = " + std::string(2100, 'x'));
             }
             std::string bytes = Header(lines, lineEnd) + rows;
@@ -141,9 +140,17 @@ TEST(Sbig, RowsByHand) {
     EXPECT_EQ(stored(3), 65535 + 3 * 127);
     ASSERT_TRUE(read(3, std::string("\x04\0\0\0\x81\xFF", 6)));
     EXPECT_EQ(stored(2), -128);
-    // Three missing pixels are a failure, not zeros.
-    EXPECT_FALSE(read(4, std::string("\x05\0\xFF\xFF\x7F\x7F", 6)));
+    // One missing byte at the end is a zero, two are a failure.
+    ASSERT_TRUE(read(4, std::string("\x05\0\xFF\xFF\x7F\x7F", 6)));
+    EXPECT_EQ(stored(3), 65535 + 2 * 127);
+    EXPECT_FALSE(read(4, std::string("\x05\0\xFF\xFF\x7F", 5)));
     EXPECT_EQ(reader.Complaint, general);
+    // More bytes than a count can say are read before they are found to be too many.
+    std::string escapes = Two(65535) + Two(1);
+    for (int x = 1; x < 32767; ++x) escapes += "\x80" + Two(x);
+    EXPECT_FALSE(read(32767, escapes));
+    EXPECT_EQ(reader.Complaint,
+              "SBIG Reading Error: Unable to read SBIG file. Incorrect number of bytes in line 0");
 }
 
 TEST(Sbig, HeaderValuesTakeTheUnitsOfFitsAndBadOnesTheirMessages) {
@@ -212,8 +219,9 @@ TEST(Sbig, HeadersEndAt999LinesAndFilesAreNotTooShort) {
                               Row({9, 900, 9, 9000, 9}) + Row({5, 5, 5, 5, 5}) +
                               Row({7, 6, 5, 4, 3});
     for (std::size_t length = 1000; length <= whole.size(); ++length) {
-        EXPECT_EQ(reader.Read(whole.substr(0, length)), length == whole.size()) << length;
-        EXPECT_EQ(reader.Complaint, length == whole.size() ? "" : general) << length;
+        const bool enough = length + 1 >= whole.size();
+        EXPECT_EQ(reader.Read(whole.substr(0, length)), enough) << length;
+        EXPECT_EQ(reader.Complaint, enough ? "" : general) << length;
     }
 }
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 #ifndef _WIN32
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #endif
 #include <unistd.h>
@@ -210,6 +212,27 @@ TEST_F(Settings, SavingReplacesTheFileWholeOrNotAtAll) {
     SetVariable("VESTREL_SETTINGS", File);
     EXPECT_TRUE(SaveSettings(State));
     EXPECT_EQ(ReadFile(waiting), "precious");
+    // What killed writers of this file left goes with the next write, and nothing else.
+    std::filesystem::remove(waiting);
+    const std::string dead = ".999999999.0.tmp";
+    const std::string kept[] = {"Other.ini" + dead, "Vestrel.ini.999999999.tmp",
+                                "Vestrel.ini" + dead + "x",
+                                "Vestrel.ini." + std::to_string(OtherProcess()) + ".0.tmp"};
+    for (const std::string& name : kept) WriteFile(Folder / name, "");
+    WriteFile(Folder / ("Vestrel.ini" + dead), "");
+    EXPECT_TRUE(SaveSettings(State));
+    EXPECT_FALSE(std::filesystem::exists(Folder / ("Vestrel.ini" + dead)));
+    for (const std::string& name : kept)
+        EXPECT_TRUE(std::filesystem::exists(Folder / name)) << name;
+#ifndef _WIN32
+    // On a folder that machines share the number may be that of a live process elsewhere.
+    WriteFile(Folder / ("Vestrel.ini" + dead), "");
+    const int held = open((Folder / ("Vestrel.ini" + dead)).c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(flock(held, LOCK_EX), 0);
+    EXPECT_TRUE(SaveSettings(State));
+    EXPECT_TRUE(std::filesystem::exists(Folder / ("Vestrel.ini" + dead)));
+    close(held);
+#endif
     // A missing folder is made; a name of the greatest length leaves room for nothing more.
     const auto longest = Folder / "new/deep" / std::string(255, 'n');
     SetVariable("VESTREL_SETTINGS", longest);

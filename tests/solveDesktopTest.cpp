@@ -364,6 +364,19 @@ TEST_F(Windows, HeaderAndImageAreShownAsTheyAre) {
     QWidget* image = WindowNamed("fImage");
     ASSERT_NE(image, nullptr);
     EXPECT_EQ(image->findChild<QLabel*>("lblImageSize")->text(), "300 X 300");
+    // Whatever shows texts from outside shows them as they are, and not as markup.
+    const std::string marked = (Folder / "<b>&amp;<img src=x>.fit").string();
+    std::filesystem::copy_file(Frame, marked);
+    Window->OpenFile(marked);
+    for (QWidget* window : QApplication::topLevelWidgets()) {
+        for (const QLabel* label : window->findChildren<QLabel*>()) {
+            const bool outside = label->buddy() == nullptr && !label->objectName().isEmpty();
+            if (outside) {
+                EXPECT_EQ(label->textFormat(), Qt::PlainText) << Utf8(label->objectName());
+            }
+        }
+    }
+    Window->OpenFile(Frame);
     const QImage before = image->grab().toImage();
     TypeSearch();
     Press("cmdMatch");  // which subtracts the background

@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <map>
 #include <set>
+#include <thread>
 
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
@@ -229,7 +231,7 @@ TEST(SolvePlate, LimitCountsRegionsAndDiscardsTheMatchBeyondIt) {
     EXPECT_EQ(eighth.Solve(8), SolveCode::NoMatch);
     EXPECT_EQ(eighth.Port.Statuses,
               Joined({background, attempt, SpiralTexts(8), {"No Match Found"}}));
-    EXPECT_EQ(eighth.State.Report.RegionsTried, 9);
+    EXPECT_EQ(eighth.State.Report.RegionsTried, 8);
     EXPECT_TRUE(eighth.State.Image.Header.PlateMatched) << "the header is left as it was";
     EXPECT_EQ(eighth.Ra, skyCentre.Ra);
     EXPECT_EQ(eighth.State.CatalogStarCount, 0);
@@ -237,7 +239,7 @@ TEST(SolvePlate, LimitCountsRegionsAndDiscardsTheMatchBeyondIt) {
     for (const int limit : {-5, 0, 1, 2}) {
         Observation beside(1.5 * spiralStep, 0);  // within reach of cell (1, 0) alone
         EXPECT_EQ(beside.Solve(limit), limit == 2 ? SolveCode::Solved : SolveCode::NoMatch);
-        EXPECT_EQ(beside.State.Report.RegionsTried, 2);
+        EXPECT_EQ(beside.State.Report.RegionsTried, std::max(limit, 1));
         EXPECT_EQ(Observation(0, 0).Solve(limit), SolveCode::Solved);
     }
 }
@@ -258,6 +260,25 @@ TEST(SolvePlate, StopIsSeenBetweenRegionsOnly) {
     Observation there(0, 0);
     there.Port.StopAtYield = 1;
     EXPECT_EQ(there.Solve(100), SolveCode::Solved) << "a match is not thrown away";
+
+    // Kernels that go on for more than a second are left.
+    struct SlowPort : RecordingPort {
+        using RecordingPort::RecordingPort;
+        void Yield() override {
+            RecordingPort::Yield();
+            std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        }
+    };
+    Observation slow(0, 0);
+    SlowPort patient(slow.State);
+    patient.StopAtYield = 1;
+    double ra = slow.Ra;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(SolvePlate(slow.State, patient, ra, slow.Dec, plateWidth, plateHeight, 100, 2),
+              SolveCode::Stopped);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    EXPECT_EQ(patient.Statuses.back(), "Search Terminated");
+    EXPECT_FALSE(slow.State.Image.Header.PlateMatched);
 }
 
 TEST(SolvePlate, SmoothsOnceWhenStarsAreFewAndGivesUpBelowSix) {

@@ -11,6 +11,14 @@
 namespace vestrel {
 namespace fs = std::filesystem;
 
+unsigned SeedOffset() {
+    static std::atomic<unsigned> calls{0};
+    const char* seed = std::getenv("VESTREL_TEST_SEED");
+    if (seed == nullptr) return 0;
+    constexpr unsigned spread = 2654435761;  // neighbouring seeds share no cases
+    return (static_cast<unsigned>(std::strtoul(seed, nullptr, 10)) + calls++) * spread;
+}
+
 TemporaryFolder::TemporaryFolder() {
     static std::atomic<int> number{0};
     std::random_device random;

@@ -64,10 +64,13 @@ class ThreadsForNow {
     std::optional<std::string> before_;
 };
 
-/// Numbers that are the same in every run.
+/// 0; but with $VESTREL_TEST_SEED a number that follows from it, another one at each call.
+unsigned SeedOffset();
+
+/// Numbers that are the same in every run, unless $VESTREL_TEST_SEED asks for others.
 class Random {
  public:
-    explicit Random(unsigned seed) : engine_(seed) {}
+    explicit Random(unsigned seed) : engine_(seed + SeedOffset()) {}
     /// Evenly spread over low..high.
     double Between(double low, double high) {
         return std::uniform_real_distribution<double>(low, high)(engine_);
