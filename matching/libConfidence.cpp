@@ -58,6 +58,8 @@ class Trial {
             if (bestSeed != nullptr && log <= best) continue;
             best = log;
             bestSeed = &seed;
+            // More certainty than this is of no use.
+            if (best / std::log(10.0) > confidence.Log10Trials + 20) break;
         }
         if (bestSeed == nullptr) return confidence;
         CountMatches(*bestSeed, confidence);

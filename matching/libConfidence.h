@@ -67,7 +67,7 @@ MatchEvidence EvidenceOf(const PlateConstants& plate, const PlateStarList& catal
                          std::int32_t catalogCount, const PlateStarList& imageStars,
                          std::int32_t imageCount, std::int32_t width, std::int32_t height);
 
-/// Judges a match. Deterministic; takes about a millisecond at most.
+/// Judges a match. Deterministic; takes a few milliseconds at most.
 MatchConfidence ConfidenceOf(const MatchEvidence& evidence);
 
 /// log10 of what a running count of trials costs: n(1 + ln n)² with a factor that keeps the sum of
