@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <system_error>
 
 #include "astro/libMath.h"
@@ -156,6 +157,31 @@ CatalogPresence PresenceOfCatalog(const CatalogCache& cache) {
         }
     }
     return CatalogPresence::NoCells;
+}
+
+std::string OversizedCell(const CatalogCache& cache) {
+    for (const CachedCell& cell : cache.Cells) {
+        std::error_code error;
+        if (!cell.InUse || cell.StarCount > 0 || !IsCellName(cell.CellName)) continue;
+        const std::uintmax_t length = fs::file_size(cache.Folder / cell.CellName, error);
+        if (!error && length >= (MostStarsInCell + 1) * CatalogRecordBytes) return cell.CellName;
+    }
+    return {};
+}
+
+double FaintEnd(const CatalogCache& cache) {
+    std::vector<std::int16_t> magnitudes;
+    for (const CachedCell& cell : cache.Cells) {
+        if (!cell.InUse) continue;
+        for (std::size_t i = 1; i < cell.Stars.size(); ++i) {
+            magnitudes.push_back(cell.Stars[i].Mag);
+        }
+    }
+    if (magnitudes.empty()) return std::numeric_limits<double>::quiet_NaN();
+    const auto place =
+        magnitudes.begin() + static_cast<std::ptrdiff_t>((magnitudes.size() - 1) * 99 / 100);
+    std::nth_element(magnitudes.begin(), place, magnitudes.end());
+    return *place / 100.0;
 }
 
 }  // namespace vestrel

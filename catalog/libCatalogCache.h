@@ -59,4 +59,12 @@ enum class CatalogPresence {
 };
 CatalogPresence PresenceOfCatalog(const CatalogCache& cache);
 
+/// The first cell that the last `LoadRegion` touched whose file is longer than a cell can be: its
+/// name, or nothing.
+std::string OversizedCell(const CatalogCache& cache);
+
+/// Where the catalog ends in the cells that the last `LoadRegion` touched: the magnitude that all
+/// but the faintest hundredth of their stars reach. Not-a-number when they have no stars.
+double FaintEnd(const CatalogCache& cache);
+
 }  // namespace vestrel

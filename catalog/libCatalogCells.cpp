@@ -3,6 +3,7 @@
 #include <bit>
 #include <cmath>
 #include <limits>
+#include <system_error>
 
 #include "astro/libMath.h"
 #include "platform/libFiles.h"
@@ -107,8 +108,11 @@ CatalogStar DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes>
 
 bool ReadCellFile(const std::filesystem::path& file, std::vector<CatalogStar>& stars) {
     stars.clear();
-    // A cell is a few square degrees: the densest survey there is would not fill this.
-    constexpr std::size_t largestCell = std::size_t{1} << 30;
+    constexpr std::size_t largestCell =
+        MostStarsInCell * CatalogRecordBytes + CatalogRecordBytes - 1;
+    std::error_code error;
+    const std::uintmax_t length = std::filesystem::file_size(file, error);
+    if (error || length > largestCell) return false;
     std::vector<unsigned char> bytes;
     if (!ReadWholeFile(file, largestCell, bytes)) return false;
     const std::size_t count = bytes.size() / CatalogRecordBytes;

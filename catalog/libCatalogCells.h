@@ -55,8 +55,13 @@ bool IsCellName(std::string_view name);
 std::array<unsigned char, CatalogRecordBytes> EncodeCatalogStar(const CatalogStar& star);
 CatalogStar DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes> record);
 
+/// The most stars that a cell may have. A cell is a few square degrees: no survey fills this, and
+/// it is as much as the solver holds of all cells together.
+inline constexpr std::size_t MostStarsInCell = 5'000'000;
+
 /// Reads a cell file into a 0-based list: file length / 10 records, a longer tail ignored. A file
-/// that is missing or cannot be read gives an empty list and false.
+/// that is missing, cannot be read or is longer than a cell can be gives an empty list and false;
+/// nothing of such a file is read.
 bool ReadCellFile(const std::filesystem::path& file, std::vector<CatalogStar>& stars);
 
 }  // namespace vestrel

@@ -10,11 +10,12 @@
 
 #include "astro/libStrings.h"
 #include "catalogtool/commands.h"
+#include "catalogtool/libAstap.h"
 #include "catalogtool/libBrightStars.h"
 #include "catalogtool/libCatalogBuilder.h"
 #include "catalogtool/libCatalogFolder.h"
+#include "catalogtool/libIndexFile.h"
 #include "catalogtool/libStarTable.h"
-#include "catalogtool/libTycho2.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 
@@ -26,6 +27,8 @@ namespace {
 struct BuildOptions {
     std::string Catalog;
     std::string Tycho2;
+    std::vector<std::string> Indexes;
+    std::vector<std::string> Astap;
     std::vector<std::string> Tables;
     std::string Bright;
     std::optional<double> MagMin;
@@ -75,8 +78,14 @@ class Build {
         }
         BrightStarFinder finder(brightStars);
 
-        if (!Options.Tycho2.empty()) ReadTycho2(finder);
+        // What measures the bright stars well comes first: of a star that several have, the first
+        // one's is taken.
+        if (!Options.Tycho2.empty()) ReadIndex("tycho2", Options.Tycho2, "MAG_VT", finder);
         for (const std::string& table : Options.Tables) ReadTable(table, finder);
+        for (const std::string& index : Options.Indexes) {
+            ReadIndex("index", index, Options.Table.MagColumn, finder);
+        }
+        for (const std::string& database : Options.Astap) ReadAstap(database, finder);
 
         if (bright) {
             const std::vector<SkyStar> missing = finder.Missing();
@@ -115,7 +124,7 @@ class Build {
                    (Options.MagMax && star.Mag > *Options.MagMax)) {
             ++source.Filtered;
         } else {
-            Builder.Add(*stored);
+            Builder.Add(*stored, Number);
             ++source.Record.Used;
         }
     }
@@ -124,15 +133,46 @@ class Build {
         source.LeaveOut("no usable position or magnitude", source.Unusable);
         source.LeaveOut("left out by magnitude", source.Filtered);
         Manifest.Sources.push_back(source.Record);
+        // Index files beyond the 255th and the like are no less trusted than that one.
+        if (Number < 255) ++Number;
     }
 
-    void ReadTycho2(BrightStarFinder& finder) {
-        OpenSource source("tycho2", Options.Tycho2);
-        const auto sink = [&](const SkyStar& star) {
+    /// A sink that hands the stars of a source on.
+    StarSink Into(OpenSource& source, BrightStarFinder& finder) {
+        return [this, &source, &finder](const SkyStar& star) {
             finder.Visit(star);
             Add(star, source);
         };
-        source.Record.Rows = ReadTycho2Index(PathFromText(Options.Tycho2), sink, Progress);
+    }
+
+    void ReadIndex(const char* kind, const std::string& file, const std::string& magColumn,
+                   BrightStarFinder& finder) {
+        OpenSource source(kind, file);
+        const IndexStars stars =
+            ReadIndexFile(PathFromText(file), magColumn, Into(source, finder), Progress);
+        source.Record.Rows = stars.Count;
+        if (stars.MagColumn.empty()) {
+            Remark(source.Record.File +
+                   ": has no magnitudes; those given to its stars go by their rank");
+        } else if (stars.MagColumn != "MAG_VT") {
+            Remark(source.Record.File + ": magnitudes " + stars.MagColumn);
+        }
+        Close(source);
+    }
+
+    void ReadAstap(const std::string& folder, BrightStarFinder& finder) {
+        const AstapDatabase database = ChosenAstapDatabase(PathFromText(folder));
+        OpenSource source("astap", TextFromPath(database.Files.front()));
+        source.Record.File = database.Name + " (" + GroupedText(database.Files.size()) + " files)";
+        const StarSink sink = Into(source, finder);
+        for (std::size_t i = 0; i < database.Files.size(); ++i) {
+            Progress.Show("Reading " + database.Name, i, database.Files.size(), source.Record.Rows);
+            source.Record.Rows += ReadAstapFile(database.Files[i], sink);
+        }
+        if (source.Record.Rows == 0) {
+            throw ToolFailure(ExitBadInput, folder + ": holds not one star");
+        }
+        Remark(source.Record.File + ": positions of 2025, magnitudes in tenths");
         Close(source);
     }
 
@@ -149,12 +189,9 @@ class Build {
         }
         std::FILE* input = standardInput ? stdin : opened.get();
         const std::int64_t length = standardInput ? -1 : FileLength(input);
-        const auto sink = [&](const SkyStar& star) {
-            finder.Visit(star);
-            Add(star, source);
-        };
-        const StarTableResult result = ReadStarTable(
-            input, source.Record.File, length > 0 ? length : 0, Options.Table, sink, Progress);
+        const StarTableResult result =
+            ReadStarTable(input, source.Record.File, length > 0 ? length : 0, Options.Table,
+                          Into(source, finder), Progress);
         source.Record.Rows = result.Rows;
         for (std::size_t i = 0; i < result.Faults.size(); ++i) {
             source.LeaveOut(RowFaultText(static_cast<RowFault>(i)), result.Faults[i]);
@@ -176,6 +213,10 @@ class Build {
         Manifest.Cells = Builder.Cells();
         Manifest.Magnitudes = Builder.Magnitudes().Steps();
         Manifest.Duplicates = Builder.Duplicates();
+        if (Builder.Merged() > 0) {
+            Manifest.Remarks.push_back(GroupedText(Builder.Merged()) +
+                                       " stars that several sources have were taken once");
+        }
         const std::uint64_t stars = Manifest.StarCount();
         if (stars == 0) throw ToolFailure(ExitBadInput, "no star passes the filters");
         if (!WriteManifest(Folder.Path(), Manifest)) {
@@ -196,6 +237,10 @@ class Build {
         if (Manifest.Duplicates > 0) {
             std::printf("exact duplicates dropped: %s\n", GroupedText(Manifest.Duplicates).c_str());
         }
+        if (Builder.Merged() > 0) {
+            std::printf("stars of several sources, taken once: %s\n",
+                        GroupedText(Builder.Merged()).c_str());
+        }
         std::printf("%s stars in %s\n", GroupedText(stars).c_str(),
                     TextFromPath(ChosenCatalog(Options.Catalog)).c_str());
     }
@@ -205,6 +250,7 @@ class Build {
     CatalogBuilder Builder;
     ProgressLine Progress;
     CatalogManifest Manifest;
+    unsigned char Number = 0;  ///< of the source that is being read
 };
 
 /// Completes what the command line gives as text.
@@ -232,8 +278,7 @@ void AddTableOptions(CLI::App& command, CLI::Option* table, BuildOptions& option
         ->type_name("NAME")
         ->needs(table);
     command.add_option("--mag-column", options.Table.MagColumn, "Column of magnitudes, any band")
-        ->type_name("NAME")
-        ->needs(table);
+        ->type_name("NAME");
     command
         .add_option("--ra-unit", options.RaUnit,
                     "Unit of right ascensions that are plain numbers: degrees, hours or auto "
@@ -258,7 +303,9 @@ void AddBuildCommand(CLI::App& program, int& exitCode) {
         "build", "Make the catalog; the old one stays until the new one is complete");
     const auto options = std::make_shared<BuildOptions>();
     AddCatalogOption(command, options->Catalog);
-    CLI::Option_group& sources = *command.add_option_group("Source, one of");
+    CLI::Option_group& sources = *command.add_option_group(
+        "Sources, one or more; a star that several have is taken once, from the first of this "
+        "list");
     sources
         .add_option("--tycho2", options->Tycho2,
                     "Index file of Debian's astrometry-data-tycho2-07-littleendian")
@@ -271,7 +318,17 @@ void AddBuildCommand(CLI::App& program, int& exitCode) {
                         "not applied: export positions of a recent epoch")
             ->type_name("FILE")
             ->allow_extra_args(false);
-    sources.require_option(1);
+    sources
+        .add_option("--index", options->Indexes,
+                    "Index files of Astrometry.net, of any series, little-endian")
+        ->type_name("FILE...");
+    sources
+        .add_option("--astap", options->Astap,
+                    "Folder of a star database of ASTAP (.1476 or .001), or FOLDER/NAME (as in "
+                    "/opt/astap/d50)")
+        ->type_name("FOLDER")
+        ->allow_extra_args(false);
+    sources.require_option(1, 0);
     command
         .add_option("--bright", options->Bright,
                     "Adds the brightest stars that the survey lacks: stars.6.json of the npm "
@@ -281,6 +338,10 @@ void AddBuildCommand(CLI::App& program, int& exitCode) {
     command.add_option("--mag-max", options->MagMax, "Leave fainter stars out")->type_name("MAG");
     AddTableOptions(command, table, *options);
     command.callback([options, &exitCode] {
+        if (!options->Table.MagColumn.empty() && options->Tables.empty() &&
+            options->Indexes.empty()) {
+            throw ToolFailure(ExitWrongUsage, "--mag-column is for --csv and --index");
+        }
         InterpretOptions(*options);
         Build(*options).Run();
         exitCode = ExitGood;

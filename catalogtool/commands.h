@@ -13,6 +13,8 @@ void AddBuildCommand(CLI::App& program, int& exitCode);
 void AddInfoCommand(CLI::App& program, int& exitCode);
 void AddQuadsCommand(CLI::App& program, int& exitCode);
 void AddRenderCommand(CLI::App& program, int& exitCode);
+void AddSourcesCommand(CLI::App& program, int& exitCode);
+void AddSynthesizeCommand(CLI::App& program, int& exitCode);
 void AddVerifyCommand(CLI::App& program, int& exitCode);
 
 /// Adds `--catalog DIR` to a subcommand.

@@ -1,6 +1,11 @@
 #include "catalogtool/libCatalogBuilder.h"
 
 #include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdlib>
+#include <numbers>
+#include <span>
 #include <system_error>
 #include <tuple>
 #include <utility>
@@ -12,16 +17,51 @@ namespace vestrel {
 
 namespace {
 
-/// Beyond this a cell would need gigabytes to order, and no solver could use it.
-constexpr std::uint64_t largestCell = 50'000'000;
+/// A spilled star: its record and its source.
+constexpr std::size_t spillBytes = CatalogRecordBytes + 1;
 
-std::vector<unsigned char> Encode(const std::vector<CatalogStar>& stars) {
-    std::vector<unsigned char> bytes(stars.size() * CatalogRecordBytes);
-    for (std::size_t i = 0; i < stars.size(); ++i) {
-        const auto record = EncodeCatalogStar(stars[i]);
-        std::copy(record.begin(), record.end(), bytes.begin() + i * CatalogRecordBytes);
-    }
-    return bytes;
+constexpr double sameStar = 2 / 3600.0 * std::numbers::pi / 180;
+constexpr int sameMagnitude = 100;  // hundredths
+
+double RaOf(const CatalogStar& star) {
+    return static_cast<double>(star.Ra);
+}
+double DecOf(const CatalogStar& star) {
+    return static_cast<double>(star.Dec);
+}
+
+bool AreSameStar(const CatalogStar& a, const CatalogStar& b) {
+    if (std::abs(a.Mag - b.Mag) >= sameMagnitude) return false;
+    const double north = DecOf(a) - DecOf(b);
+    const double east =
+        std::remainder(RaOf(a) - RaOf(b), 2 * std::numbers::pi) * std::cos(DecOf(a));
+    return north * north + east * east < sameStar * sameStar;
+}
+
+/// Whether a star that lies as near as one that may be the same can be in another cell.
+bool IsAtAnEdge(const CatalogStar& star) {
+    const CellPosition cell = CellOfStored(star);
+    const double reach = 1.01 * sameStar;
+    const double aside = std::min(reach / std::max(std::cos(DecOf(star)), 1e-6), 0.1);
+    return !(CellOf(RaOf(star), DecOf(star) + reach) == cell) ||
+           !(CellOf(RaOf(star), DecOf(star) - reach) == cell) ||
+           (cell.Zone < ZonesPerHemisphere - 1 &&
+            (!(CellOf(RaOf(star) + aside, DecOf(star)) == cell) ||
+             !(CellOf(RaOf(star) - aside, DecOf(star)) == cell)));
+}
+
+/// Boxes of space somewhat larger than two stars can differ in place and still be one: without
+/// poles and without a seam. `shift` moves the place by boxes.
+std::uint64_t BoxOf(const CatalogStar& star, const std::array<int, 3>& shift) {
+    constexpr double boxesInUnit = 1 / (2 * sameStar);
+    const auto box = [](double value, int by) {
+        return static_cast<std::uint64_t>(
+            static_cast<std::int64_t>(std::floor((value + 1.5) * boxesInUnit)) + by);
+    };
+    const double cosDec = std::cos(DecOf(star));
+    return (box(cosDec * std::cos(RaOf(star)), shift[0]) << 42) +
+           (box(cosDec * std::sin(RaOf(star)), shift[1]) << 21) +
+           box(std::sin(DecOf(star)), shift[2]);
 }
 
 void WriteBytes(const std::filesystem::path& path, const char* mode,
@@ -51,9 +91,52 @@ std::filesystem::path CatalogBuilder::FileOf(std::size_t cell) const {
     return Folder / CellName(AllCells()[cell]);
 }
 
-void CatalogBuilder::Add(const CatalogStar& star) {
-    Gatherings[CellNumber(CellOfStored(star))].Stars.push_back(star);
+void CatalogBuilder::Add(const CatalogStar& star, unsigned char source) {
+    SeveralSources = SeveralSources || source > 0;
+    if (IsAtAnEdge(star) && IsKnownBeyondTheEdge(star, source)) {
+        ++MergedCount;
+        return;
+    }
+    Gatherings[CellNumber(CellOfStored(star))].Stars.push_back({star, source});
     if (++Gathered >= Limit) Spill();
+}
+
+bool CatalogBuilder::IsKnownBeyondTheEdge(const CatalogStar& star, unsigned char source) {
+    const CellPosition cell = CellOfStored(star);
+    for (int box = 0; box < 27; ++box) {
+        const auto near = EdgeStars.find(BoxOf(star, {box % 3 - 1, box / 3 % 3 - 1, box / 9 - 1}));
+        if (near == EdgeStars.end()) continue;
+        for (const SourceStar& other : near->second) {
+            if (other.Source < source && !(CellOfStored(other.Star) == cell) &&
+                AreSameStar(other.Star, star)) {
+                return true;
+            }
+        }
+    }
+    EdgeStars[BoxOf(star, {0, 0, 0})].push_back({star, source});
+    return false;
+}
+
+/// Leaves out the stars that an earlier source has.
+void CatalogBuilder::Merge(std::vector<SourceStar>& stars) {
+    std::sort(stars.begin(), stars.end(),
+              [](const SourceStar& a, const SourceStar& b) { return a.Star.Dec < b.Star.Dec; });
+    std::vector<bool> same(stars.size());
+    for (std::size_t i = 0; i < stars.size(); ++i) {
+        for (std::size_t j = i + 1;
+             j < stars.size() && DecOf(stars[j].Star) - DecOf(stars[i].Star) < sameStar; ++j) {
+            if (stars[i].Source == stars[j].Source || !AreSameStar(stars[i].Star, stars[j].Star)) {
+                continue;
+            }
+            same[stars[i].Source > stars[j].Source ? i : j] = true;
+        }
+    }
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < stars.size(); ++i) {
+        if (!same[i]) stars[kept++] = stars[i];
+    }
+    MergedCount += stars.size() - kept;
+    stars.resize(kept);
 }
 
 void CatalogBuilder::Spill() {
@@ -61,7 +144,14 @@ void CatalogBuilder::Spill() {
         Gathering& gathering = Gatherings[cell];
         if (gathering.Stars.empty()) continue;
         ThrowIfStopped();
-        WriteBytes(FileOf(cell), "ab", Encode(gathering.Stars));
+        std::vector<unsigned char> bytes;
+        bytes.reserve(gathering.Stars.size() * spillBytes);
+        for (const SourceStar& star : gathering.Stars) {
+            const auto record = EncodeCatalogStar(star.Star);
+            bytes.insert(bytes.end(), record.begin(), record.end());
+            bytes.push_back(star.Source);
+        }
+        WriteBytes(FileOf(cell), "ab", bytes);
         gathering.OnDisk += gathering.Stars.size();
         // Capacity is given back too: an export ordered by position fills other cells next.
         gathering.Stars = {};
@@ -69,25 +159,30 @@ void CatalogBuilder::Spill() {
     Gathered = 0;
 }
 
-std::vector<CatalogStar> CatalogBuilder::TakeCell(std::size_t cell) {
+std::vector<CatalogBuilder::SourceStar> CatalogBuilder::TakeCell(std::size_t cell) {
     Gathering& gathering = Gatherings[cell];
-    if (gathering.OnDisk + gathering.Stars.size() > largestCell) {
+    if (gathering.OnDisk + gathering.Stars.size() > MostStarsInCell) {
         throw ToolFailure(ExitBadInput, "cell " + CellName(AllCells()[cell]) + " would hold " +
                                             GroupedText(gathering.OnDisk + gathering.Stars.size()) +
                                             " stars, more than a catalog can; try --mag-max");
     }
-    std::vector<CatalogStar> stars = std::exchange(gathering.Stars, {});
+    std::vector<SourceStar> stars = std::exchange(gathering.Stars, {});
     if (gathering.OnDisk > 0) {
         const auto path = FileOf(cell);
-        std::vector<CatalogStar> spilled;
-        if (!ReadCellFile(path, spilled) || spilled.size() != gathering.OnDisk) {
+        std::vector<unsigned char> spilled;
+        if (!ReadWholeFile(path, MostStarsInCell * spillBytes, spilled) ||
+            spilled.size() != gathering.OnDisk * spillBytes) {
             throw ToolFailure(ExitCannotWrite, TextFromPath(path) + ": changed while in use");
         }
         // Written anew rather than over: ext4 waits for the disk when a file's content is replaced.
         std::error_code ignored;
         std::filesystem::remove(path, ignored);
-        spilled.insert(spilled.end(), stars.begin(), stars.end());
-        stars.swap(spilled);
+        stars.reserve(stars.size() + static_cast<std::size_t>(gathering.OnDisk));
+        for (std::size_t at = 0; at < spilled.size(); at += spillBytes) {
+            stars.push_back({DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes>(
+                                 &spilled[at], CatalogRecordBytes)),
+                             spilled[at + CatalogRecordBytes]});
+        }
     }
     return stars;
 }
@@ -96,22 +191,29 @@ void CatalogBuilder::Finish(ProgressLine& progress) {
     std::uint64_t written = 0;
     for (std::size_t cell = 0; cell < Gatherings.size(); ++cell) {
         progress.Show("Writing cells", cell, Gatherings.size(), written);
-        std::vector<CatalogStar> stars = TakeCell(cell);
-        std::sort(stars.begin(), stars.end(), [](const CatalogStar& a, const CatalogStar& b) {
-            return OrderKey(a) < OrderKey(b);
+        std::vector<SourceStar> stars = TakeCell(cell);
+        if (SeveralSources) Merge(stars);
+        std::sort(stars.begin(), stars.end(), [](const SourceStar& a, const SourceStar& b) {
+            return OrderKey(a.Star) < OrderKey(b.Star);
         });
-        const auto end = std::unique(
-            stars.begin(), stars.end(),
-            [](const CatalogStar& a, const CatalogStar& b) { return OrderKey(a) == OrderKey(b); });
+        const auto end =
+            std::unique(stars.begin(), stars.end(), [](const SourceStar& a, const SourceStar& b) {
+                return OrderKey(a.Star) == OrderKey(b.Star);
+            });
         DuplicateCount += static_cast<std::uint64_t>(stars.end() - end);
         stars.erase(end, stars.end());
 
-        const std::vector<unsigned char> bytes = Encode(stars);
+        std::vector<unsigned char> bytes;
+        bytes.reserve(stars.size() * CatalogRecordBytes);
+        for (const SourceStar& star : stars) {
+            const auto record = EncodeCatalogStar(star.Star);
+            bytes.insert(bytes.end(), record.begin(), record.end());
+        }
         WriteBytes(FileOf(cell), "wb", bytes);
         Checksum checksum;
         checksum.Add(bytes);
         Contents[CellName(AllCells()[cell])] = {stars.size(), checksum.Value()};
-        for (const CatalogStar& star : stars) Counts.Add(star.Mag);
+        for (const SourceStar& star : stars) Counts.Add(star.Star.Mag);
         written += stars.size();
     }
 }

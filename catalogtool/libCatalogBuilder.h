@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "catalog/libCellGrid.h"
@@ -26,27 +27,40 @@ class CatalogBuilder {
                             std::size_t gatheredStars = std::size_t{5} << 20);
 
     /// Adds a star to its cell. Throws a `ToolFailure` when the disk does not take it.
-    void Add(const CatalogStar& star);
+    /// @param source which source it is from, the most trusted one first
+    void Add(const CatalogStar& star, unsigned char source = 0);
 
     /// Writes every cell of the grid (an empty file where there are no stars), brightest star
     /// first, equal magnitudes by position. Of records that are equal in every bit one is kept, so
-    /// that overlapping exports can be given. The order in which stars were added does not matter.
-    /// Throws a `ToolFailure` when the disk is full or one cell has more than 50 million stars.
+    /// that overlapping exports can be given. A star that lies within 2" of one of an earlier
+    /// source and differs from it by less than a magnitude is the same star and left out. The order
+    /// in which the stars of a source were added does not matter. Throws a `ToolFailure` when the
+    /// disk is full or one cell has more than
+    /// `MostStarsInCell`.
     void Finish(ProgressLine& progress);
 
     const std::map<std::string, CellContent>& Cells() const { return Contents; }
     const MagnitudeCounts& Magnitudes() const { return Counts; }
     std::uint64_t Duplicates() const { return DuplicateCount; }
+    /// How many stars were left out because an earlier source has them.
+    std::uint64_t Merged() const { return MergedCount; }
 
  private:
+    /// A star and the number of its source.
+    struct SourceStar {
+        CatalogStar Star;
+        unsigned char Source = 0;
+    };
     struct Gathering {
-        std::vector<CatalogStar> Stars;
+        std::vector<SourceStar> Stars;
         std::uint64_t OnDisk = 0;
     };
 
     std::filesystem::path FileOf(std::size_t cell) const;
     void Spill();
-    std::vector<CatalogStar> TakeCell(std::size_t cell);
+    std::vector<SourceStar> TakeCell(std::size_t cell);
+    bool IsKnownBeyondTheEdge(const CatalogStar& star, unsigned char source);
+    void Merge(std::vector<SourceStar>& stars);
 
     std::filesystem::path Folder;
     std::size_t Limit;
@@ -55,6 +69,10 @@ class CatalogBuilder {
     std::map<std::string, CellContent> Contents;
     MagnitudeCounts Counts;
     std::uint64_t DuplicateCount = 0;
+    std::uint64_t MergedCount = 0;
+    bool SeveralSources = false;
+    /// Stars at the edges of cells by small boxes: those of another cell may be the same ones.
+    std::unordered_map<std::uint64_t, std::vector<SourceStar>> EdgeStars;
 };
 
 }  // namespace vestrel

@@ -40,6 +40,12 @@ class Surveyor {
             if (expected != nullptr) Report(name, "is missing");
             return;
         }
+        constexpr auto longest =
+            static_cast<std::int64_t>((MostStarsInCell + 1) * CatalogRecordBytes);
+        if (FileLength(file.get()) >= longest) {
+            Report(name, "is longer than a cell can be, and was not read");
+            return;
+        }
         const CellContent content = ReadRecords(file.get(), position, name);
         Survey.Stars += content.Stars;
         if (content.Stars > 0) {

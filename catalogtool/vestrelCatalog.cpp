@@ -55,6 +55,8 @@ int Run(int argc, const char* const* argv) {
     AddInfoCommand(program, exitCode);
     AddQuadsCommand(program, exitCode);
     AddRenderCommand(program, exitCode);
+    AddSourcesCommand(program, exitCode);
+    AddSynthesizeCommand(program, exitCode);
     AddVerifyCommand(program, exitCode);
     try {
         CatchStopSignals();

@@ -96,6 +96,9 @@ bool HasNextToNoCounts(const PlateImage& image) {
     return std::int64_t{most} - least <= 1;
 }
 
+/// So many magnitudes less than what the field is compared down to are worth a word.
+constexpr double shallow = 0.5;
+
 std::string TryLine(const std::string& advice) {
     return "  Try: " + advice + "\n";
 }
@@ -268,6 +271,8 @@ std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
     if (report.CatalogStarsAtStart < fewestUseful) {
         advice.emplace_back(
             "the catalog has few stars here: build a deeper one, or check the size of the field");
+    } else if (FaintEnd(state.Catalog) < report.MagnitudeLimit - shallow) {
+        advice.emplace_back("build a deeper catalog: \"vestrel-catalog sources\" says from what");
     }
     advice.push_back(std::string("check the size of the field (") + words.FieldSize +
                      "): it decides which stars are compared");
@@ -289,6 +294,17 @@ std::string FailureText(const ProgramState& state, std::int16_t code, const Inpu
                                         " stars in the first region, down to magnitude " +
                                         Fixed(report.MagnitudeLimit, 1)
                                   : complaint);
+        const double end = FaintEnd(state.Catalog);
+        if (end < report.MagnitudeLimit - shallow) {
+            table.Line("Too shallow", "the catalog ends at " + Fixed(end, 1) +
+                                          " here, this field is compared down to " +
+                                          Fixed(report.MagnitudeLimit, 1));
+        }
+        const std::string oversized = OversizedCell(state.Catalog);
+        if (!oversized.empty()) {
+            table.Line("Not read", TextFromPath(state.Catalog.Folder / oversized) +
+                                       ": no cell of a catalog is that large");
+        }
         table.Line("Regions tried", std::to_string(report.RegionsTried));
         table.Line("Best attempt", Count(report.BestAttempt.Selected, "pair", "pairs") +
                                        " by votes, " + std::to_string(report.BestAttempt.Kept) +

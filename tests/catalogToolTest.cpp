@@ -16,13 +16,16 @@
 
 #include "astro/libMath.h"
 #include "catalog/libCellGrid.h"
+#include "catalogtool/libAstap.h"
 #include "catalogtool/libBrightStars.h"
 #include "catalogtool/libCatalogBuilder.h"
 #include "catalogtool/libCatalogFolder.h"
 #include "catalogtool/libCatalogSurvey.h"
+#include "catalogtool/libIndexFile.h"
+#include "catalogtool/libSources.h"
 #include "catalogtool/libStarTable.h"
+#include "catalogtool/libSyntheticSky.h"
 #include "catalogtool/libTextLines.h"
-#include "catalogtool/libTycho2.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "tests/testSupport.h"
@@ -177,6 +180,14 @@ TEST(Verify, EveryKindOfDamageIsFoundAndNothingElse) {
     fs::remove(good / cell);
     EXPECT_EQ(Survey(good).FaultCount, 1U);
 
+    // A file that only looks large costs nothing.
+    WriteFile(good / cell, "");
+    fs::resize_file(good / cell, std::uintmax_t{1} << 30);
+    EXPECT_EQ(Survey(good).Faults.at(0), cell + " is longer than a cell can be, and was not read");
+    std::vector<CatalogStar> none;
+    EXPECT_FALSE(ReadCellFile(good / cell, none));
+    fs::remove(good / cell);
+
     // Without a manifest the cells still tell which stars are not theirs.
     ProgressLine silent(stdout);
     WriteFile(good / other, bytes);
@@ -201,7 +212,7 @@ TEST(Manifest, ChecksumIsTheUsualOneAndWhatIsNoCountIsRefused) {
     }
 }
 
-// ---- The Tycho-2 index ----
+// ---- Index files ----
 
 /// A number's bytes, little-endian as this machine is.
 template <typename Number>
@@ -250,12 +261,12 @@ std::string IndexFile(const std::vector<SkyStar>& stars, std::size_t magnitudes,
 std::vector<SkyStar> ReadIndex(const fs::path& file) {
     std::vector<SkyStar> stars;
     ProgressLine silent(stdout);
-    ReadTycho2Index(
-        file, [&](const SkyStar& star) { stars.push_back(star); }, silent);
+    ReadIndexFile(
+        file, "", [&](const SkyStar& star) { stars.push_back(star); }, silent);
     return stars;
 }
 
-TEST(Tycho2, StarsComeBackAsTheyWereWritten) {
+TEST(IndexFile, StarsComeBackAsTheyWereWritten) {
     const TemporaryFolder folder;
     std::vector<SkyStar> stars = RandomSky(70000, 6);  // more than one block
     stars.insert(stars.end(), {{0, 90 * degree, 1}, {3, -90 * degree, 2}, {0, 0, 3}});
@@ -269,7 +280,7 @@ TEST(Tycho2, StarsComeBackAsTheyWereWritten) {
     }
 }
 
-TEST(Tycho2, AFileCutAnywhereOrContradictingItselfIsRefused) {
+TEST(IndexFile, AFileCutAnywhereOrContradictingItselfIsRefused) {
     const TemporaryFolder folder;
     const std::vector<SkyStar> stars = RandomSky(500, 7);
     const std::string whole = IndexFile(stars, stars.size());
@@ -292,6 +303,192 @@ TEST(Tycho2, AFileCutAnywhereOrContradictingItselfIsRefused) {
         } catch (const ToolFailure& failure) {
             EXPECT_EQ(failure.Code, ExitBadInput) << i;
         }
+    }
+}
+
+TEST(IndexFile, DoublesAreReadAndStarsWithoutMagnitudesRankedLikeTheSky) {
+    const TemporaryFolder folder;
+    const std::vector<SkyStar> stars = RandomSky(3000, 8);
+    std::string positions;
+    std::string ranks;
+    for (std::size_t i = 0; i < stars.size(); ++i) {
+        const auto& [ra, dec, mag] = stars[i];
+        positions += LittleEndian(std::cos(dec) * std::cos(ra)) +
+                     LittleEndian(std::cos(dec) * std::sin(ra)) + LittleEndian(std::sin(dec));
+        ranks += static_cast<char>(i / 300);
+    }
+    const std::string head = FitsHeader(
+        {"SIMPLE  = T", "BITPIX  = 8", "NAXIS   = 0", "EXTEND  = T", "ENDIAN  = '04:03:02:01'"});
+    std::string rankTable = Table("sweep", 1, ranks);
+    rankTable.replace(rankTable.find("'1A'"), 4, "'1B'");
+    WriteFile(folder / "ranked", head + Table("kdtree_data_stars", 24, positions) + rankTable);
+    const std::vector<SkyStar> read = ReadIndex(folder / "ranked");
+    ASSERT_EQ(read.size(), stars.size());
+    for (std::size_t i = 0; i < stars.size(); ++i) {
+        ASSERT_LT(Separation(read[i], stars[i]), 1e-4 * arcsecond);
+        if (i >= 300) {
+            EXPECT_EQ(read[i].Mag > read[i - 300].Mag, true);
+        }
+    }
+    // 3,000 stars in the sky are those to about magnitude 6.3, 150 those to 3.2.
+    EXPECT_NEAR(read.front().Mag, 3.2, 0.5);
+    EXPECT_NEAR(read.back().Mag, 6.3, 0.5);
+    WriteFile(folder / "neither", head + Table("kdtree_data_stars", 24, positions));
+    EXPECT_THROW(ReadIndex(folder / "neither"), ToolFailure);
+}
+
+// ---- Star databases of ASTAP ----
+
+/// A file as the manual of that program has it, written without the code under test; the stars are
+/// in the order of their magnitudes.
+std::string AstapFile(const std::vector<SkyStar>& stars, int recordBytes) {
+    std::string file(109, ' ');
+    file += static_cast<char>(recordBytes);
+    int block = INT32_MIN;
+    const auto put = [&file](int value) { file += static_cast<char>(value & 255); };
+    const auto end = [&] {
+        if (recordBytes == 6) put(12);
+    };
+    for (const auto& [ra, dec, mag] : stars) {
+        const int ra24 = static_cast<int>(std::lround(ra / (2 * std::numbers::pi) * 16777215));
+        const int dec24 = static_cast<int>(std::lround(dec / (90 * degree) * 8388607));
+        const int tenths = static_cast<int>(std::lround(mag * 10));
+        const int high = dec24 >> 16;
+        if (tenths * 1000 + high != block) {
+            block = tenths * 1000 + high;
+            for (int i = 0; i < 3; ++i) put(255);
+            put(high + 128);
+            put(tenths + 16);
+            end();
+        }
+        for (const int value : {ra24, ra24 >> 8, ra24 >> 16, dec24, dec24 >> 8}) put(value);
+        end();
+    }
+    return file;
+}
+
+std::vector<SkyStar> ReadAstap(const fs::path& file) {
+    std::vector<SkyStar> stars;
+    ReadAstapFile(file, [&](const SkyStar& star) { stars.push_back(star); });
+    return stars;
+}
+
+TEST(Astap, StarsComeBackAndWhatIsDamagedIsRefused) {
+    const TemporaryFolder folder;
+    std::vector<SkyStar> stars = RandomSky(2000, 9);
+    stars.insert(stars.end(), {{0, -90 * degree, 1}, {3, 90 * degree, 1.1}, {0.1, -1e-7, -1.5}});
+    for (SkyStar& star : stars) star.Mag = std::round(star.Mag * 10) / 10;
+    std::sort(stars.begin(), stars.end(),
+              [](const SkyStar& a, const SkyStar& b) { return a.Mag < b.Mag; });
+    for (const int recordBytes : {5, 6}) {
+        const fs::path file = folder / "d05_0101.1476";
+        const std::string bytes = AstapFile(stars, recordBytes);
+        WriteFile(file, bytes);
+        const std::vector<SkyStar> read = ReadAstap(file);
+        ASSERT_EQ(read.size(), stars.size());
+        for (std::size_t i = 0; i < stars.size(); ++i) {
+            // Half a step of 24 bits.
+            ASSERT_LT(Separation(read[i], stars[i]), 0.06 * arcsecond) << i;
+            ASSERT_NEAR(read[i].Mag, stars[i].Mag, 1e-9);
+        }
+        std::string other = bytes;
+        other[109] = 7;
+        const std::string star = bytes.substr(110 + recordBytes, recordBytes);
+        for (const std::string& bad :
+             {std::string(), bytes.substr(0, 109), other, bytes.substr(0, bytes.size() - 1),
+              bytes.substr(0, 110) + star}) {
+            WriteFile(file, bad);
+            EXPECT_THROW(ReadAstap(file), ToolFailure) << bad.size();
+        }
+    }
+    const std::string floats = LittleEndian(std::uint32_t{2}) + LittleEndian(51.0F) +
+                               LittleEndian(1.5F) + LittleEndian(-0.5F) + LittleEndian(60.0F) +
+                               LittleEndian(6.0F) + LittleEndian(0.25F);
+    WriteFile(folder / "w08_0101.001", floats);
+    const std::vector<SkyStar> wide = ReadAstap(folder / "w08_0101.001");
+    ASSERT_EQ(wide.size(), 2U);
+    EXPECT_NEAR(wide[0].Mag, 5.1, 1e-6);
+    EXPECT_EQ(wide[1].Dec, 0.25);
+    WriteFile(folder / "w08_0101.001", floats + "x");
+    EXPECT_THROW(ReadAstap(folder / "w08_0101.001"), ToolFailure);
+
+    // Which database is meant must be clear.
+    WriteFile(folder / "d05_0102.1476", AstapFile(stars, 5));
+    EXPECT_THROW(ChosenAstapDatabase(folder.Path), ToolFailure);
+    EXPECT_EQ(ChosenAstapDatabase(folder / "d05").Files.size(), 2U);
+    EXPECT_THROW(ChosenAstapDatabase(folder / "d50"), ToolFailure);
+    WriteFile(folder / "index-4107.fits", "x");
+    const CatalogSources found = FindCatalogSources({folder.Path, folder / "none"});
+    ASSERT_EQ(found.Astap.size(), 2U);
+    EXPECT_EQ(found.Astap[0].Place, folder / "d05");
+    EXPECT_EQ(found.Indexes.at(0).Files.size(), 1U);
+}
+
+// ---- Several sources ----
+
+TEST(CatalogBuilder, AStarOfSeveralSourcesIsTakenOnceAlsoAcrossTheEdgesOfCells) {
+    const TemporaryFolder folder;
+    std::vector<SkyStar> stars = RandomSky(30000, 20);
+    // At the edges of cells, where two measurements fall into different ones.
+    for (int i = 0; i < 3000; ++i) {
+        stars.push_back({(i % 90) * 4 * degree, (i / 90 - 15) * 1.7 * degree, 9});
+        stars.push_back({1e-4 * i, (i % 33) * 2.5 * degree, 9});
+    }
+    Random random(21);
+    for (const std::size_t gathered : {1U << 20, 9000U}) {
+        const fs::path place = folder / std::to_string(gathered);
+        fs::create_directories(place);
+        CatalogBuilder builder(place, gathered);
+        std::set<std::string> kept;
+        for (unsigned char source = 0; source < 3; ++source) {
+            for (const SkyStar& star : stars) {
+                SkyStar seen = star;
+                seen.Mag += source * 0.3;
+                seen.Dec += source * random.Between(-0.4, 0.4) * arcsecond;
+                seen.Ra += source * random.Between(-0.4, 0.4) * arcsecond / std::cos(star.Dec);
+                if (seen.Ra < 0) seen.Ra += 2 * std::numbers::pi;
+                if (seen.Ra >= 2 * std::numbers::pi) seen.Ra -= 2 * std::numbers::pi;
+                if (const auto stored = StoredStar(seen)) builder.Add(*stored, source);
+            }
+            // Neighbours that are others: farther away, or of quite another brightness.
+            builder.Add(*StoredStar({2, 0.5 + source * 3 * arcsecond, 8}), source);
+            builder.Add(*StoredStar({3, 0.5, 8.0 + 2 * source}), source);
+        }
+        ProgressLine silent(stdout);
+        builder.Finish(silent);
+        std::uint64_t count = 0;
+        for (const auto& [name, cell] : builder.Cells()) count += cell.Stars;
+        EXPECT_EQ(count + builder.Merged() + builder.Duplicates(), 3 * stars.size() + 6);
+        EXPECT_EQ(count, stars.size() + 6 - builder.Duplicates());
+    }
+}
+
+TEST(SyntheticSky, APartHasTheStarsOfTheWholeAndTheNumbersAskedFor) {
+    SyntheticSky sky;
+    sky.Density = 3;
+    std::set<std::tuple<double, double, double>> whole;
+    int faint = 0;
+    MakeSyntheticSky(sky, [&](const SkyStar& star) {
+        whole.insert({star.Ra, star.Dec, star.Mag});
+        if (star.Mag > 17) ++faint;
+    });
+    EXPECT_NEAR(static_cast<double>(whole.size()), 3 * 41253, 0.03 * 3 * 41253);
+    EXPECT_NEAR(faint / static_cast<double>(whole.size()), 1 - std::pow(10, -0.42), 0.01);
+    for (const auto& [ra, dec] : {std::pair{266.0, -29.0}, {192.9, 27.1}, {0.5, 89.0}}) {
+        sky.CentreRa = ra;
+        sky.CentreDec = dec;
+        sky.Radius = 6;
+        std::size_t expected = 0;
+        const SkyStar centre{ra * degree, dec * degree, 0};
+        for (const auto& [starRa, starDec, mag] : whole) {
+            if (Separation({starRa, starDec, mag}, centre) < 6 * degree) ++expected;
+        }
+        std::size_t count = 0;
+        MakeSyntheticSky(sky, [&](const SkyStar& star) {
+            ++count;
+            EXPECT_TRUE(whole.contains({star.Ra, star.Dec, star.Mag}));
+        });
+        EXPECT_EQ(count, expected);
     }
 }
 

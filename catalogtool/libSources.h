@@ -1,0 +1,37 @@
+// Star catalogs that other programs have installed.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace vestrel {
+
+/// A star database of ASTAP.
+struct AstapSource {
+    std::filesystem::path Place;  ///< what `build --astap` takes
+    std::size_t Files = 0;
+    std::uint64_t Bytes = 0;
+};
+
+/// Index files of Astrometry.net in one folder.
+struct IndexSource {
+    std::filesystem::path Folder;
+    std::vector<std::filesystem::path> Files;
+    std::uint64_t Bytes = 0;
+};
+
+struct CatalogSources {
+    std::vector<AstapSource> Astap;
+    std::vector<IndexSource> Indexes;
+    std::vector<std::filesystem::path> LookedIn;
+};
+
+/// Where ASTAP, Astrometry.net, KStars and Siril keep theirs on this machine; each once.
+std::vector<std::filesystem::path> UsualSourceFolders();
+
+/// What there is in some folders, not below them.
+CatalogSources FindCatalogSources(const std::vector<std::filesystem::path>& folders);
+
+}  // namespace vestrel

@@ -1,0 +1,85 @@
+#include "catalogtool/libSyntheticSky.h"
+
+#include <cmath>
+#include <numbers>
+
+namespace vestrel {
+
+namespace {
+
+constexpr double degree = std::numbers::pi / 180;
+
+/// SplitMix64 (Steele, Lea and Flood 2014): the same on every machine, unlike the distributions of
+/// the standard library.
+class SkyRandom {
+ public:
+    explicit SkyRandom(std::uint64_t seed) : state_(seed) {}
+    double Uniform() { return static_cast<double>(Next() >> 11) * 0x1p-53; }
+
+ private:
+    std::uint64_t Next() {
+        std::uint64_t z = state_ += 0x9E3779B97F4A7C15;
+        z = (z ^ z >> 30) * 0xBF58476D1CE4E5B9;
+        z = (z ^ z >> 27) * 0x94D049BB133111EB;
+        return z ^ z >> 31;
+    }
+    std::uint64_t state_;
+};
+
+double Cosine(double ra1, double dec1, double ra2, double dec2) {
+    return std::sin(dec1) * std::sin(dec2) + std::cos(dec1) * std::cos(dec2) * std::cos(ra1 - ra2);
+}
+
+/// The density at a place relative to the densest: 1 in the galactic plane, 1/8 at the poles.
+double RelativeDensity(double ra, double dec) {
+    const double sine = std::fabs(Cosine(ra, dec, 192.8595 * degree, 27.1283 * degree));
+    return 0.125 + 0.875 * std::exp(-sine / 0.2);
+}
+
+/// The mean of `RelativeDensity` over the sky: of galactic latitudes with sine 0 to 1.
+double MeanDensity() {
+    return 0.125 + 0.875 * 0.2 * (1 - std::exp(-1 / 0.2));
+}
+
+}  // namespace
+
+void MakeSyntheticSky(const SyntheticSky& sky, const StarSink& sink) {
+    constexpr double skyDegrees = 41252.96;
+    constexpr double slope = 0.42;
+    constexpr double brightest = 2;
+    const double cosRadius = std::cos(std::min(sky.Radius, 180.0) * degree);
+    const std::vector<CellPosition>& cells = AllCells();
+    for (std::size_t number = 0; number < cells.size(); ++number) {
+        const CellPosition& cell = cells[number];
+        const double width = SliceWidth(cell.Zone) * degree;
+        const double ra0 = static_cast<double>(cell.Slice) * width;
+        const double sine0 = std::sin(2.5 * cell.Zone * degree);
+        const double sine1 = std::sin(2.5 * (cell.Zone + 1) * degree);
+        // A cell that is far away is not gone through. No cell has a diagonal above 8 degrees, but
+        // the polar ones.
+        const double middle = (cell.South ? -1 : 1) * std::asin((sine0 + sine1) / 2);
+        if (sky.Radius < 170 && cell.Zone < ZonesPerHemisphere - 5 &&
+            Cosine(ra0 + width / 2, middle, sky.CentreRa * degree, sky.CentreDec * degree) <
+                std::cos(std::min(sky.Radius + 8, 180.0) * degree)) {
+            continue;
+        }
+        SkyRandom random(sky.Seed * 1'000'003 + number);
+        const double most = sky.Density / MeanDensity() * skyDegrees * CellAreaFraction(cell);
+        const auto candidates = static_cast<std::uint64_t>(most);
+        for (std::uint64_t i = 0; i < candidates; ++i) {
+            const double ra = ra0 + width * random.Uniform();
+            const double dec =
+                (cell.South ? -1 : 1) * std::asin(sine0 + (sine1 - sine0) * random.Uniform());
+            const double share = random.Uniform();
+            const double chance = random.Uniform();
+            if (chance > RelativeDensity(ra, dec)) continue;
+            if (Cosine(ra, dec, sky.CentreRa * degree, sky.CentreDec * degree) < cosRadius)
+                continue;
+            const double magnitude =
+                sky.FaintestMagnitude + std::log10(std::max(share, 1e-12)) / slope;
+            sink({ra, dec, std::max(magnitude, brightest)});
+        }
+    }
+}
+
+}  // namespace vestrel
