@@ -6,69 +6,17 @@
 
 #include "astro/libMath.h"
 #include "astro/libProcessor.h"
-
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
+#include "extraction/libHistogramDrift.h"
+#include "extraction/libHistogramTree.h"
 
 namespace vestrel {
 
 namespace {
 
 constexpr std::int32_t step = 3;
-constexpr std::int32_t children = 16;
-constexpr std::int32_t mostLeaves = children * children * children;
-
-/// 16 numbers that the compiler adds and compares at once.
-using Sixteen [[gnu::vector_size(32)]] = std::int16_t;
-
-/// A node of a histogram: the running sums of its children.
-struct alignas(32) Node {
-    Sixteen Sums;
-};
-
-/// The lanes of a comparison's outcome that are true, as bits.
-VESTREL_KERNEL unsigned TrueLanes(const Sixteen& outcome) {
-#if defined(__SSE2__)
-    const auto* halves = reinterpret_cast<const __m128i*>(&outcome);
-    return static_cast<unsigned>(_mm_movemask_epi8(_mm_packs_epi16(halves[0], halves[1])));
-#else
-    unsigned bits = 0;
-    for (int i = 0; i < children; ++i) bits |= outcome[i] != 0 ? 1U << i : 0U;
-    return bits;
-#endif
-}
-
-/// For each child the running sums that one sample in it adds.
-struct SampleSums {
-    Node OfChild[children];
-    SampleSums() : OfChild() {
-        for (int child = 0; child < children; ++child) {
-            for (int i = 0; i < children; ++i) {
-                OfChild[child].Sums[i] = static_cast<std::int16_t>(i >= child ? 1 : 0);
-            }
-        }
-    }
-};
+constexpr std::int32_t children = NodeChildren;
+using Node = HistogramNode;
 const SampleSums sampleSums;
-
-/// How a histogram of some range lies in memory: the root, the nodes below it, then their children.
-struct TreeShape {
-    std::int32_t Shift = 0;  ///< a leaf stands for 2^Shift values
-    std::int32_t Leaves = 0;
-    std::int32_t LeafNodes = 0;
-    std::int32_t MiddleNodes = 0;
-
-    explicit TreeShape(std::int32_t values) {
-        while (((values - 1) >> Shift) >= mostLeaves) ++Shift;
-        Leaves = ((values - 1) >> Shift) + 1;
-        LeafNodes = (Leaves + children - 1) / children;
-        MiddleNodes = (LeafNodes + children - 1) / children;
-    }
-    std::int32_t MiddleAt(std::int32_t node) const { return 1 + node; }
-    std::int32_t LeafNodeAt(std::int32_t node) const { return 1 + MiddleNodes + node; }
-    std::int32_t Nodes() const { return 1 + MiddleNodes + LeafNodes; }
-};
 
 /// A node of the box, the sum of the columns' nodes, as it was at some place of the box.
 struct alignas(32) Window {
@@ -261,33 +209,10 @@ class Strip {
         }
     }
 
-    /// What a box holds of the first box's rows less those that leave without having come.
-    struct Drift {
-        std::vector<std::int32_t> Counts;        ///< of each leaf
-        std::vector<std::int32_t> Owed;          ///< those that leave alone
-        std::vector<std::int32_t> CountsOfNode;  ///< of each node of leaves
-        std::vector<std::int32_t> OwedOfNode;
-
-        explicit Drift(std::int32_t leafNodes)
-            : Counts(static_cast<std::size_t>(leafNodes) * children),
-              Owed(Counts.size()),
-              CountsOfNode(static_cast<std::size_t>(leafNodes)),
-              OwedOfNode(CountsOfNode.size()) {}
-        void AddFirst(std::uint16_t leaf, std::int32_t sign) {
-            Counts[leaf] += sign;
-            CountsOfNode[leaf / children] += sign;
-        }
-        void AddOwed(std::uint16_t leaf, std::int32_t sign) {
-            AddFirst(leaf, -sign);
-            Owed[leaf] += sign;
-            OwedOfNode[leaf / children] += sign;
-        }
-    };
-
     /// Sets the excesses, with the first box's rows or as if they were not there, which is what
     /// must be expected until all rows have left that never came.
     void SetExcesses(bool withFirstRows) {
-        Drift drift(shape_.LeafNodes);
+        HistogramDrift drift(shape_);
         const auto count = [&](std::int32_t column, std::int32_t sign) {
             if (column < firstSample_ || column >= endSample_) return;
             for (std::int32_t i = 0; i < reach_; ++i) {
@@ -302,41 +227,9 @@ class Strip {
         for (std::int32_t column = start_; column < first_ + reach_; ++column) count(column, 1);
         for (std::int32_t column = first_; column < end_; ++column) {
             count(column + reach_, 1);
-            SetExcessesOf(Excess(column), drift);
+            drift.SetExcesses(Excess(column));
             count(column - reach_, -1);
         }
-    }
-    void SetExcessesOf(Node* excess, const Drift& drift) {
-        for (std::int32_t middle = shape_.MiddleNodes - 1; middle >= 0; --middle) {
-            std::int32_t most = 0;
-            std::int32_t rest = 0;  // what follows in the middle node adds up to −rest
-            const std::int32_t last = std::min((middle + 1) * children, shape_.LeafNodes);
-            for (std::int32_t node = last - 1; node >= middle * children; --node) {
-                // Sums only fall where something is owed.
-                const bool falls = drift.OwedOfNode[static_cast<std::size_t>(node)] != 0;
-                const std::int32_t mostInNode = falls ? MostInNode(node, drift) : 0;
-                excess[shape_.MiddleAt(middle)].Sums[node % children] =
-                    static_cast<std::int16_t>(mostInNode);
-                most = std::max(most, rest + mostInNode);
-                rest -= drift.CountsOfNode[static_cast<std::size_t>(node)];
-                if (shape_.Shift == 0) continue;
-                for (std::int32_t i = 0; i < children; ++i) {
-                    excess[shape_.LeafNodeAt(node)].Sums[i] = static_cast<std::int16_t>(
-                        drift.Owed[static_cast<std::size_t>(node * children + i)]);
-                }
-            }
-            excess[0].Sums[middle] = static_cast<std::int16_t>(most);
-        }
-    }
-    std::int32_t MostInNode(std::int32_t node, const Drift& drift) const {
-        std::int32_t most = 0;
-        std::int32_t rest = 0;
-        for (std::int32_t i = children - 1; i >= 0; --i) {
-            const auto leaf = static_cast<std::size_t>(node * children + i);
-            most = std::max(most, rest + (shape_.Shift > 0 ? drift.Owed[leaf] : 0));
-            rest -= drift.Counts[leaf];
-        }
-        return most;
     }
 
     /// A place of the box: its column of blocks, the column of samples that has come in and the
