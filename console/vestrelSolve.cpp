@@ -19,6 +19,7 @@
 #include "program/mImageData.h"
 #include "program/mPlateMatch.h"
 #include "program/mSettings.h"
+#include "program/mSkyModel.h"
 #include "program/mSolveReport.h"
 #include "program/mSolvedImage.h"
 #include "program/mStopwatch.h"
@@ -161,6 +162,70 @@ nlohmann::ordered_json JsonConfidence(const MatchConfidence& confidence) {
             {"log10_trials", confidence.Log10Trials}};
 }
 
+/// Coefficients by their powers of X and Y, "2_0" and so on.
+nlohmann::ordered_json JsonPolynomial(const Polynomial& polynomial, int least) {
+    nlohmann::ordered_json json = nlohmann::ordered_json::object();
+    for (int degree = least; degree <= polynomial.Order; ++degree) {
+        for (int q = 0; q <= degree; ++q) {
+            json[std::to_string(degree - q) + "_" + std::to_string(q)] =
+                polynomial.At(degree - q, q);
+        }
+    }
+    return json;
+}
+
+/// The gnomonic model of the whole image, in grid pixels: x and y from 0, the centre between.
+nlohmann::ordered_json JsonSkyModel(const ImageSkyModel& image) {
+    constexpr double degreesPerRadian = 57.29577951308232;
+    const SkyModel& model = image.Model;
+    const auto degrees = [&](int row, int column) {
+        return model.Cd[row][column] * degreesPerRadian;
+    };
+    nlohmann::ordered_json json = {
+        {"ra_deg", model.Tangent.Ra * degreesPerRadian},
+        {"dec_deg", model.Tangent.Dec * degreesPerRadian},
+        {"x", model.Centre().X},
+        {"y", model.Centre().Y},
+        {"cd_deg", {{degrees(0, 0), degrees(0, 1)}, {degrees(1, 0), degrees(1, 1)}}},
+        {"scale_arcsec_px", model.Scale() * degreesPerRadian * 3600},
+        {"sip_order", model.Distortion[0].Order},
+        {"fitted_to_all_stars", image.Solution.has_value()}};
+    if (model.Distorted()) {
+        json["sip_a"] = JsonPolynomial(model.Distortion[0], 2);
+        json["sip_b"] = JsonPolynomial(model.Distortion[1], 2);
+        json["sip_ap"] = JsonPolynomial(model.InverseDistortion[0], 0);
+        json["sip_bp"] = JsonPolynomial(model.InverseDistortion[1], 0);
+    }
+    nlohmann::ordered_json corners = nlohmann::ordered_json::array();
+    for (const double y : {0.0, model.Height - 1.0}) {
+        for (const double x : {0.0, model.Width - 1.0}) {
+            const SkyPosition sky = model.SkyOf({x, y});
+            corners.push_back({{"x", x},
+                               {"y", y},
+                               {"ra_deg", sky.Ra * degreesPerRadian},
+                               {"dec_deg", sky.Dec * degreesPerRadian}});
+        }
+    }
+    json["corners"] = corners;
+    if (!image.Solution) return json;
+    const SkySolution& solution = *image.Solution;
+    const SkyModelFit& fit = solution.Fit;
+    json["stars"] = solution.Pairs.size();
+    json["rms_px"] = solution.Rms;
+    json["sigma"] = {{"star_px", fit.Sigma},
+                     {"centre_px", fit.CentreSigma},
+                     {"centre_arcsec", fit.CentreSigma * model.Scale() * degreesPerRadian * 3600},
+                     {"scale_relative", fit.ScaleSigma},
+                     {"rotation_deg", fit.RotationSigma * degreesPerRadian},
+                     {"edge_px", fit.EdgeSigma}};
+    nlohmann::ordered_json rings = nlohmann::ordered_json::array();
+    for (const SkyRing& ring : solution.Rings) {
+        rings.push_back({{"outer", ring.Outer}, {"stars", ring.Stars}, {"rms_px", ring.Rms}});
+    }
+    json["rings"] = rings;
+    return json;
+}
+
 /// What the search of the quad tables went through.
 nlohmann::ordered_json JsonQuads(const ProgramState& state) {
     const QuadSearch& search = state.QuadMatch;
@@ -216,6 +281,7 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
         json["confidence"] = JsonConfidence(solution.Confidence);
         json["cautions"] = Cautions(state);
         json["matches"] = JsonMatches(state);
+        if (const auto model = SkyModelOfImage(state)) json["sky_model"] = JsonSkyModel(*model);
     }
     const SolveReport& report = state.Report;
     json["width_px"] = state.Image.Width;

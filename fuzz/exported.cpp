@@ -40,7 +40,8 @@ void Solve(ImageHeader& header) {
 }
 
 std::string Exported(const PlateImage& image) {
-    const auto bytes = FitsExportBytes(image, {});
+    const auto bytes =
+        FitsExportBytes(image, WorldCoordinateCards(WorldCoordinatesOf(image).value()), {});
     return {bytes.begin(), bytes.end()};
 }
 

@@ -290,9 +290,9 @@ void AppendOwnCards(std::vector<std::string>& cards, const PlateImage& image, in
 }  // namespace
 
 std::vector<unsigned char> FitsExportBytes(const PlateImage& image,
+                                           const std::vector<std::string>& coordinateCards,
                                            const std::vector<std::string>& moreCards) {
-    const std::optional<WorldCoordinates> coordinates = WorldCoordinatesOf(image);
-    if (!coordinates) throw std::runtime_error("The image has no solution.");
+    if (coordinateCards.empty()) throw std::runtime_error("The image has no solution.");
     const ExportedPixels pixels =
         image.ImageType == "FITS" ? PixelsOfFits(image) : PixelsOfOthers(image);
 
@@ -301,7 +301,6 @@ std::vector<unsigned char> FitsExportBytes(const PlateImage& image,
         cards = KeptCards(image.Header, pixels.BitPix, std::move(cards));
     }
     if (image.ImageType == "SBIG") AppendSbigCards(cards, image.Header);
-    const std::vector<std::string> coordinateCards = WorldCoordinateCards(*coordinates);
     // An image that was exported before has the comments among them already.
     std::erase_if(cards, [&coordinateCards](const std::string& card) {
         return std::find(coordinateCards.begin(), coordinateCards.end(), card) !=

@@ -114,6 +114,60 @@ std::vector<std::string> WorldCoordinateCards(const WorldCoordinates& coordinate
     return cards;
 }
 
+std::vector<std::string> WorldCoordinateCards(const PlateImage& image, const SkyModel& model) {
+    // Rows that are counted from the top turn over.
+    const double upward = FirstRowAtTop(image) ? -1 : 1;
+    const bool distorted = model.Distorted();
+    const double ra = InCircle(model.Tangent.Ra * exactDegreesPerRadian);
+    const double dec = model.Tangent.Dec * exactDegreesPerRadian;
+    const auto cd = [&](int row, int column) {
+        return model.Cd[row][column] * exactDegreesPerRadian * (column == 1 ? upward : 1);
+    };
+    std::vector<std::string> cards = {
+        FitsNumberCard("WCSAXES", 2, "world coordinates of pixels"),
+        FitsTextCard("CTYPE1", distorted ? "RA---TAN-SIP" : "RA---TAN",
+                     "right ascension, gnomonic"),
+        FitsTextCard("CTYPE2", distorted ? "DEC--TAN-SIP" : "DEC--TAN", "declination, gnomonic"),
+        FitsTextCard("CUNIT1", "deg"),
+        FitsTextCard("CUNIT2", "deg"),
+        FitsNumberCard("CRPIX1", (image.Width + 1) / 2.0, "column of the image centre, from 1"),
+        FitsNumberCard("CRPIX2", (image.Height + 1) / 2.0, "row of the image centre, from 1"),
+        FitsNumberCard("CRVAL1", ra, "[deg] image centre"),
+        FitsNumberCard("CRVAL2", dec, "[deg] image centre"),
+        FitsNumberCard("CD1_1", cd(0, 0), "[deg] east per column"),
+        FitsNumberCard("CD1_2", cd(0, 1), "[deg] east per row"),
+        FitsNumberCard("CD2_1", cd(1, 0), "[deg] north per column"),
+        FitsNumberCard("CD2_2", cd(1, 1), "[deg] north per row"),
+        FitsNumberCard("LONPOLE", 180, "[deg]"),
+        FitsTextCard("RADESYS", "ICRS"),
+        FitsNumberCard("EQUINOX", 2000, "[yr]")};
+    const auto addPolynomial = [&](const std::string& name, const Polynomial& polynomial, int least,
+                                   double sign, const char* comment) {
+        cards.push_back(FitsNumberCard(name + "_ORDER", polynomial.Order, comment));
+        for (int degree = least; degree <= polynomial.Order; ++degree) {
+            for (int q = 0; q <= degree; ++q) {
+                const double turned = q % 2 == 0 ? sign : sign * upward;
+                cards.push_back(FitsNumberCard(
+                    name + "_" + std::to_string(degree - q) + "_" + std::to_string(q),
+                    polynomial.At(degree - q, q) * turned));
+            }
+        }
+    };
+    if (distorted) {
+        addPolynomial("A", model.Distortion[0], 2, 1, "distortion of columns");
+        addPolynomial("B", model.Distortion[1], 2, upward, "distortion of rows");
+        addPolynomial("AP", model.InverseDistortion[0], 0, 1, "its inverse");
+        addPolynomial("BP", model.InverseDistortion[1], 0, upward, "its inverse");
+    }
+    for (std::string& card : FitsCommentCards(
+             "Rows count from the bottom of the picture up, the lowest one is row 1.")) {
+        cards.push_back(std::move(card));
+    }
+    cards.push_back(FitsNumberCard("NH_CRA", ra, "[deg] J2000 right ascension, image centre"));
+    cards.push_back(FitsNumberCard("NH_CDEC", dec, "[deg] J2000 declination of the image centre"));
+    return cards;
+}
+
 bool IsStaleKeyword(std::string_view keyword) {
     static constexpr std::string_view stale[] = {
         "WCSAXES@", "WCSNAME@", "LONPOLE@", "LATPOLE@", "EQUINOX@", "RADESYS@", "CTYPE#@",

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "astro/libSkyModel.h"
 #include "image/libImage.h"
 
 namespace vestrel {
@@ -26,6 +27,10 @@ std::optional<WorldCoordinates> WorldCoordinatesOf(const PlateImage& image);
 
 /// Their keywords as standard header cards, with the image centre in two cards of its own.
 std::vector<std::string> WorldCoordinateCards(const WorldCoordinates& coordinates);
+
+/// The keywords of a sky model: of the kind RA---TAN, DEC--TAN (section 5.1.3) with the tangent
+/// point at the image centre, and SIP polynomials (RA---TAN-SIP) where the model has a distortion.
+std::vector<std::string> WorldCoordinateCards(const PlateImage& image, const SkyModel& model);
 
 /// Whether a header keyword speaks of world coordinates or of a plate solution, and so no longer
 /// holds when there is a new one.

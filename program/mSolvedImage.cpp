@@ -8,6 +8,7 @@
 #include "image/libWorldCoordinates.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
+#include "program/mSkyModel.h"
 #include "program/mSolveReport.h"
 
 namespace vestrel {
@@ -49,6 +50,16 @@ std::vector<std::string> QualityCards(const ProgramState& state) {
     return cards;
 }
 
+/// The world coordinates: of an ordinary photograph, or the plate itself where it spans more of the
+/// sky than one. Empty when there is no solution.
+std::vector<std::string> CoordinateCards(const ProgramState& state) {
+    if (const auto model = SkyModelOfImage(state)) {
+        return WorldCoordinateCards(state.Image, model->Model);
+    }
+    const auto plate = WorldCoordinatesOf(state.Image);
+    return plate ? WorldCoordinateCards(*plate) : std::vector<std::string>();
+}
+
 }  // namespace
 
 std::string WorldCoordinatePath(const std::string& imagePath) {
@@ -56,8 +67,8 @@ std::string WorldCoordinatePath(const std::string& imagePath) {
 }
 
 bool WriteWorldCoordinates(const ProgramState& state, Port& port) {
-    const auto coordinates = WorldCoordinatesOf(state.Image);
-    if (!state.ImageLoaded || !coordinates) {
+    const std::vector<std::string> coordinates = CoordinateCards(state);
+    if (!state.ImageLoaded || coordinates.empty()) {
         port.ShowMessage("The image has no solution.", DefaultTitle);
         return false;
     }
@@ -66,7 +77,7 @@ bool WriteWorldCoordinates(const ProgramState& state, Port& port) {
     const auto append = [&cards](const std::vector<std::string>& more) {
         cards.insert(cards.end(), more.begin(), more.end());
     };
-    append(WorldCoordinateCards(*coordinates));
+    append(coordinates);
     append({FitsNumberCard("IMAGEW", state.Image.Width, "columns of the image"),
             FitsNumberCard("IMAGEH", state.Image.Height, "rows of the image")});
     append(QualityCards(state));
@@ -79,7 +90,8 @@ bool WriteWorldCoordinates(const ProgramState& state, Port& port) {
 bool ExportImage(const ProgramState& state, Port& port, const std::string& path) {
     try {
         if (!state.ImageLoaded) throw std::runtime_error("There is no image to export.");
-        const std::vector<unsigned char> bytes = FitsExportBytes(state.Image, QualityCards(state));
+        const std::vector<unsigned char> bytes =
+            FitsExportBytes(state.Image, CoordinateCards(state), QualityCards(state));
         if (ReplaceFile(PathFromText(path), bytes)) return true;
         port.ShowMessage("The file " + path + " cannot be written.", DefaultTitle);
     } catch (const std::bad_alloc&) {

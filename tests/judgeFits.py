@@ -58,9 +58,24 @@ def judge_exported(folder):
                 for keyword in ("PC1_1", "CROTA2", "LATPOLE"):
                     if keyword in header:
                         print(name, ending, "has", keyword)
-                sky = WCS(header).all_pix2world(x, y, 1)
+                world = WCS(header)
+                centre = [(header.get("IMAGEW", header.get("NAXIS1")) + 1) / 2,
+                          (header.get("IMAGEH", header.get("NAXIS2")) + 1) / 2]
+                if "TAN" not in header["CTYPE1"] or list(world.wcs.crpix) != centre:
+                    print(name, ending, "is not gnomonic about its centre")
+                if ("SIP" in header["CTYPE1"]) != (world.sip is not None):
+                    print(name, ending, "has SIP terms or not")
+                if world.sip is not None:
+                    corrected = world.sip_pix2foc(x, y, 1)
+                    # About CRPIX, as the polynomials are.
+                    back = world.sip_foc2pix(*corrected, 1)
+                    error = numpy.hypot(back[0] - x, back[1] - y).max()
+                    if not error < 0.02:
+                        print(name, ending, "the inverse distortion is off by", error, "pixels")
+                scale = numpy.sqrt(abs(numpy.linalg.det(world.wcs.cd))) * 3600
+                sky = world.all_pix2world(x, y, 1)
                 worst = separation_arcsec(sky[0], sky[1], ra, dec).max()
-                if not worst < 0.001:
+                if not worst < 0.05 * scale:
                     print(name, ending, "is off by", worst, "arcsec")
                 if ending == ".export.fits":
                     shown = file[0].data[(y - 1).astype(int), (x - 1).astype(int)]
