@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <numbers>
 #include <tuple>
@@ -97,8 +98,8 @@ struct FrameStar {
     double Y = 0;
 };
 
-double Distance(const FrameStar& a, const FrameStar& b) {
-    return std::hypot(a.X - b.X, a.Y - b.Y);
+double SquaredDistance(const FrameStar& a, const FrameStar& b) {
+    return (a.X - b.X) * (a.X - b.X) + (a.Y - b.Y) * (a.Y - b.Y);
 }
 
 /// Places of four stars in the sky, brightest first.
@@ -178,15 +179,15 @@ class FrameSet {
 const FrameStar* StarBetween(const std::vector<FrameStar>& stars, std::size_t r1, std::size_t r2,
                              std::size_t r3) {
     const auto length = [&stars](std::size_t a, std::size_t b) {
-        return Distance(stars[a], stars[b]);
+        return SquaredDistance(stars[a], stars[b]);
     };
     const auto [longest, from, to] =
         std::max({std::make_tuple(length(r1, r2), r1, r2), std::make_tuple(length(r1, r3), r1, r3),
                   std::make_tuple(length(r2, r3), r2, r3)});
-    if (longest > neighbourRadius) return nullptr;
+    if (longest > neighbourRadius * neighbourRadius) return nullptr;
     const FrameStar middle{0, (stars[from].X + stars[to].X) / 2, (stars[from].Y + stars[to].Y) / 2};
     for (std::size_t i = r3 + 1; i < stars.size(); ++i) {
-        if (Distance(stars[i], middle) <= longest / 2) return &stars[i];
+        if (SquaredDistance(stars[i], middle) <= longest / 4) return &stars[i];
     }
     return nullptr;
 }
@@ -217,7 +218,7 @@ void AddWideQuads(const std::vector<FrameStar>& stars, const QuadPlan& plan,
         near.clear();
         for (std::size_t j = 0;
              j < stars.size() && near.size() < static_cast<std::size_t>(plan.Neighbours); ++j) {
-            if (j != s && Distance(stars[j], stars[s]) < neighbourRadius) {
+            if (j != s && SquaredDistance(stars[j], stars[s]) < neighbourRadius * neighbourRadius) {
                 near.push_back(stars[j].Star);
             }
         }
@@ -237,42 +238,37 @@ void KeepUnique(std::vector<T>& list) {
     list.erase(std::unique(list.begin(), list.end()), list.end());
 }
 
-/// What a run of consecutive frames gives, in order.
-struct FrameRun {
-    std::vector<StarQuad> Quads;
-    std::vector<std::int32_t> Stars;
-};
+/// The stars that any frame has, marked by threads in any order.
+using StarMarks = std::vector<std::atomic<bool>>;
 
-FrameRun GatherRun(const FrameSet& frames, const QuadPlan& plan, std::int64_t begin,
-                   std::int64_t end) {
-    FrameRun run;
+/// The quads of a run of consecutive frames, in order.
+std::vector<StarQuad> GatherRun(const FrameSet& frames, const QuadPlan& plan, std::int64_t begin,
+                                std::int64_t end, StarMarks& marks) {
+    std::vector<StarQuad> quads;
     std::vector<FrameStar> stars;
     // Neighbouring frames share most of what they have: what is held is made unique now and then.
     std::size_t enough = 1U << 17;
     for (std::int64_t i = begin; i < end; ++i) {
         frames.StarsOf(i, stars);
-        for (const FrameStar& star : stars) run.Stars.push_back(star.Star);
-        (plan.SharedBrightest ? AddNarrowQuads : AddWideQuads)(stars, plan, run.Quads);
-        if (run.Quads.size() + run.Stars.size() > enough) {
-            KeepUnique(run.Quads);
-            KeepUnique(run.Stars);
-            enough = 2 * (run.Quads.size() + run.Stars.size()) + (1U << 17);
+        for (const FrameStar& star : stars) {
+            marks[static_cast<std::size_t>(star.Star)].store(true, std::memory_order_relaxed);
+        }
+        (plan.SharedBrightest ? AddNarrowQuads : AddWideQuads)(stars, plan, quads);
+        if (quads.size() > enough) {
+            KeepUnique(quads);
+            enough = 2 * quads.size() + (1U << 17);
         }
     }
-    KeepUnique(run.Quads);
-    KeepUnique(run.Stars);
-    run.Quads.shrink_to_fit();
-    run.Stars.shrink_to_fit();
-    return run;
+    KeepUnique(quads);
+    quads.shrink_to_fit();
+    return quads;
 }
 
 /// The quads of all runs, each once, in order. The runs lose theirs.
-std::vector<StarQuad> MergeQuads(std::vector<FrameRun>& runs) {
+std::vector<StarQuad> MergeQuads(std::vector<std::vector<StarQuad>>& runs) {
     // Slices by the first star, of about equal size as the longest run shows.
-    const auto& longest =
-        std::max_element(runs.begin(), runs.end(), [](const auto& a, const auto& b) {
-            return a.Quads.size() < b.Quads.size();
-        })->Quads;
+    const auto& longest = *std::max_element(
+        runs.begin(), runs.end(), [](const auto& a, const auto& b) { return a.size() < b.size(); });
     constexpr std::size_t sliceCount = 64;
     std::vector<StarQuad> bounds;
     for (std::size_t i = 1; i < sliceCount && !longest.empty(); ++i) {
@@ -282,18 +278,18 @@ std::vector<StarQuad> MergeQuads(std::vector<FrameRun>& runs) {
     ParallelFor(static_cast<int>(slices.size()), [&](int number) {
         const auto slice = static_cast<std::size_t>(number);
         std::vector<StarQuad> quads;
-        for (const FrameRun& run : runs) {
+        for (const std::vector<StarQuad>& run : runs) {
             const auto place = [&run](const StarQuad& bound) {
-                return std::lower_bound(run.Quads.begin(), run.Quads.end(), bound);
+                return std::lower_bound(run.begin(), run.end(), bound);
             };
-            const auto begin = slice == 0 ? run.Quads.begin() : place(bounds[slice - 1]);
-            const auto end = slice == bounds.size() ? run.Quads.end() : place(bounds[slice]);
+            const auto begin = slice == 0 ? run.begin() : place(bounds[slice - 1]);
+            const auto end = slice == bounds.size() ? run.end() : place(bounds[slice]);
             quads.insert(quads.end(), begin, std::max(begin, end));
         }
         KeepUnique(quads);
         slices[slice].assign(quads.begin(), quads.end());
     });
-    for (FrameRun& run : runs) run.Quads = {};
+    runs.clear();
     std::vector<StarQuad> all;
     std::size_t count = 0;
     for (const auto& slice : slices) count += slice.size();
@@ -375,7 +371,8 @@ void QuadSky::Finish() {
 QuadList BuildQuadList(const QuadSky& sky, const QuadPlan& plan,
                        const std::function<void(int done, int total)>& progress) {
     constexpr int runCount = 32;
-    std::vector<FrameRun> runs(runCount);
+    std::vector<std::vector<StarQuad>> runs(runCount);
+    StarMarks marks(sky.Stars().size());
     {
         const FrameSet frames(sky, plan);
         ParallelFor(
@@ -383,23 +380,17 @@ QuadList BuildQuadList(const QuadSky& sky, const QuadPlan& plan,
             [&](int r) {
                 runs[static_cast<std::size_t>(r)] =
                     GatherRun(frames, plan, frames.Count() * r / runCount,
-                              frames.Count() * (r + 1) / runCount);
+                              frames.Count() * (r + 1) / runCount, marks);
             },
             progress);
     }
     QuadList list;
-    std::vector<std::int32_t> stars;
-    for (FrameRun& run : runs) {
-        stars.insert(stars.end(), run.Stars.begin(), run.Stars.end());
-        run.Stars = {};
-    }
-    KeepUnique(stars);
     list.Quads = MergeQuads(runs);
-
-    std::vector<std::int32_t> placeOf(sky.Stars().size());
-    for (const std::int32_t star : stars) {
-        placeOf[static_cast<std::size_t>(star)] = static_cast<std::int32_t>(list.Stars.size());
-        list.Stars.push_back(sky.Stars()[static_cast<std::size_t>(star)]);
+    std::vector<std::int32_t> placeOf(marks.size());
+    for (std::size_t star = 0; star < marks.size(); ++star) {
+        if (!marks[star]) continue;
+        placeOf[star] = static_cast<std::int32_t>(list.Stars.size());
+        list.Stars.push_back(sky.Stars()[star]);
     }
     for (StarQuad& quad : list.Quads) {
         for (std::int32_t& star : quad) star = placeOf[static_cast<std::size_t>(star)];

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <system_error>
 
+#include "astro/libParallel.h"
 #include "matching/libQuadTables.h"
 #include "matching/libSkyCells.h"
 
@@ -75,19 +76,17 @@ struct StoredShape {
     }
 };
 
-/// Writes numbers of any number of bits one after the other.
+/// Puts a number of any number of bits into bytes that are 0 there.
 void PutBits(unsigned char* bytes, std::size_t at, std::size_t bits, std::uint32_t value) {
-    for (std::size_t i = 0; i < bits; ++i, ++at) {
-        bytes[at / 8] = static_cast<unsigned char>(bytes[at / 8] | (value >> i & 1) << at % 8);
+    while (bits > 0) {
+        const std::size_t piece = std::min(8 - at % 8, bits);
+        const std::uint32_t part = value & ((1U << piece) - 1);
+        bytes[at / 8] = static_cast<unsigned char>(bytes[at / 8] | part << at % 8);
+        value >>= piece;
+        at += piece;
+        bits -= piece;
     }
 }
-
-/// Where the stars come in the order of their cells.
-struct StarOrder {
-    std::vector<std::uint32_t> Starts;  ///< of each cell
-    std::vector<std::uint32_t> Stars;   ///< by their new places
-    std::vector<std::uint32_t> Places;  ///< the new places of the stars
-};
 
 /// `cellOf` numbers 0..count−1 are spread over cells, those of a cell in their order.
 template <typename CellOf>
@@ -103,21 +102,84 @@ void SortByCell(std::size_t count, std::uint32_t cells, CellOf cellOf,
     }
 }
 
-StarOrder OrderStars(const std::vector<CatalogStar>& stars, const SkyCells& cells) {
-    StarOrder order;
+/// Puts the stars in the order of their cells, and their new places, rising, into the quads.
+/// @return the first star of each cell, and the end
+std::vector<std::uint32_t> OrderByPlace(QuadList& list, const SkyCells& cells) {
+    std::vector<std::uint32_t> starts;
+    std::vector<std::uint32_t> order;
     SortByCell(
-        stars.size(), cells.Count(),
+        list.Stars.size(), cells.Count(),
         [&](std::size_t i) {
-            return cells.CellOf(static_cast<double>(stars[i].Ra),
-                                static_cast<double>(stars[i].Dec));
+            return cells.CellOf(static_cast<double>(list.Stars[i].Ra),
+                                static_cast<double>(list.Stars[i].Dec));
         },
-        order.Starts, order.Stars);
-    order.Places.resize(stars.size());
-    for (std::uint32_t place = 0; place < order.Stars.size(); ++place) {
-        order.Places[order.Stars[place]] = place;
+        starts, order);
+    std::vector<std::int32_t> places(order.size());
+    std::vector<CatalogStar> stars;
+    stars.reserve(order.size());
+    for (const std::uint32_t star : order) {
+        places[star] = static_cast<std::int32_t>(stars.size());
+        stars.push_back(list.Stars[star]);
     }
-    return order;
+    list.Stars = std::move(stars);
+    for (auto& quad : list.Quads) {
+        for (std::int32_t& star : quad) star = places[static_cast<std::size_t>(star)];
+        std::sort(quad.begin(), quad.end());
+    }
+    return starts;
 }
+
+/// The shapes of a list's quads. Those that have none belong to a cell beyond the last.
+struct ListShapes {
+    std::vector<std::uint32_t> Cells;
+    std::vector<std::uint32_t> Packed;
+    std::size_t Last = 0;        ///< the quad with the greatest key
+    std::uint32_t Farthest = 0;  ///< that the place of a star is after that of its quad's first
+
+    explicit ListShapes(const QuadList& list)
+        : Cells(list.Quads.size(), ShapeCells), Packed(list.Quads.size()) {
+        std::vector<StarDirection> directions;
+        directions.reserve(list.Stars.size());
+        for (const CatalogStar& star : list.Stars) directions.push_back(DirectionOf(star));
+        const auto at = [&](std::int32_t place) {
+            return directions[static_cast<std::size_t>(place)];
+        };
+        constexpr int pieces = 64;
+        struct Extremes {
+            std::size_t Last = 0;
+            float GreatestKey = -1;
+            std::uint32_t Farthest = 0;
+        };
+        std::array<Extremes, pieces> extremes{};
+        ParallelFor(pieces, [&](int piece) {
+            const auto n = static_cast<std::size_t>(piece);
+            Extremes& own = extremes[n];
+            const std::size_t end = list.Quads.size() * (n + 1) / pieces;
+            for (std::size_t i = list.Quads.size() * n / pieces; i < end; ++i) {
+                const auto& quad = list.Quads[i];
+                const Quad shape =
+                    QuadOfDirections({at(quad[0]), at(quad[1]), at(quad[2]), at(quad[3])});
+                if (!(shape.QuadKey >= 0)) continue;
+                const StoredShape stored(shape);
+                Cells[i] = stored.Cell;
+                Packed[i] = stored.Packed;
+                own.Farthest =
+                    std::max(own.Farthest, static_cast<std::uint32_t>(quad[3] - quad[0]));
+                if (shape.QuadKey >= own.GreatestKey) {
+                    own.GreatestKey = shape.QuadKey;
+                    own.Last = i;
+                }
+            }
+        });
+        float greatest = -1;
+        for (const Extremes& own : extremes) {
+            Farthest = std::max(Farthest, own.Farthest);
+            if (own.GreatestKey < 0 || own.GreatestKey < greatest) continue;
+            greatest = own.GreatestKey;
+            Last = own.Last;
+        }
+    }
+};
 
 [[noreturn]] void ThrowLastError(const char* what) {
     throw std::system_error(errno != 0 ? errno : EIO, std::generic_category(), what);
@@ -203,86 +265,48 @@ QuadFileWriter::QuadFileWriter(const std::filesystem::path& path, std::uint32_t 
     Write(place.data(), place.size());
 }
 
-void QuadFileWriter::Add(double smallestDiagonal, double largestDiagonal, const QuadList& list) {
+void QuadFileWriter::Add(double smallestDiagonal, double largestDiagonal, QuadList list) {
     QuadBand band;
     band.SmallestDiagonal = smallestDiagonal;
     band.LargestDiagonal = largestDiagonal;
     // About as large as a field, so that one needs few of them.
     band.CellSize = std::clamp((smallestDiagonal + largestDiagonal) / 2, 1e-3, 0.3);
-    const SkyCells cells(band.CellSize);
-    const StarOrder stars = OrderStars(list.Stars, cells);
+    const std::vector<std::uint32_t> starStarts = OrderByPlace(list, SkyCells(band.CellSize));
+    const ListShapes shapes(list);
     band.StarCount = static_cast<std::uint32_t>(list.Stars.size());
     band.PlaceBits = BitsFor(band.StarCount);
+    band.OffsetBits = BitsFor(shapes.Farthest);
 
-    const auto quadOf = [&list](std::size_t i) {
-        std::array<CatalogStar, 4> four;
-        for (std::size_t k = 0; k < four.size(); ++k) {
-            four[k] = list.Stars[static_cast<std::size_t>(list.Quads[i][k])];
-        }
-        return QuadOfStars(four);
-    };
-    const auto placesOf = [&](std::size_t i) {
-        std::array<std::uint32_t, 4> places{};
-        for (std::size_t k = 0; k < places.size(); ++k) {
-            places[k] = stars.Places[static_cast<std::size_t>(list.Quads[i][k])];
-        }
-        std::sort(places.begin(), places.end());
-        return places;
-    };
-
-    // The shapes are worked out once; a cell beyond the last takes the quads that have none.
-    std::vector<std::uint32_t> cellOf(list.Quads.size());
-    std::vector<std::uint32_t> packed(list.Quads.size());
-    std::size_t last = list.Quads.size();
-    float greatest = -1;
-    std::uint32_t farthest = 0;
-    for (std::size_t i = 0; i < list.Quads.size(); ++i) {
-        const Quad shape = quadOf(i);
-        cellOf[i] = ShapeCells;
-        if (!(shape.QuadKey >= 0)) continue;
-        const StoredShape stored(shape);
-        cellOf[i] = stored.Cell;
-        packed[i] = stored.Packed;
-        const auto places = placesOf(i);
-        farthest = std::max(farthest, places[3] - places[0]);
-        if (shape.QuadKey >= greatest) {
-            greatest = shape.QuadKey;
-            last = i;
-        }
-    }
-    band.OffsetBits = BitsFor(farthest);
     std::vector<std::uint32_t> quadStarts;
     std::vector<std::uint32_t> quads;
     SortByCell(
-        list.Quads.size(), ShapeCells + 1, [&](std::size_t i) { return cellOf[i]; }, quadStarts,
-        quads);
+        list.Quads.size(), ShapeCells + 1, [&](std::size_t i) { return shapes.Cells[i]; },
+        quadStarts, quads);
     quadStarts.pop_back();
     quads.resize(quadStarts.back());
     band.QuadCount = quadStarts.back();
-    const auto lastPlace = std::find(quads.begin(), quads.end(), last);
-    if (lastPlace != quads.end()) {
-        band.LastQuad = static_cast<std::uint32_t>(lastPlace - quads.begin()) + 1;
-    }
+    const auto last = std::find(quads.begin(), quads.end(), shapes.Last);
+    if (last != quads.end()) band.LastQuad = static_cast<std::uint32_t>(last - quads.begin()) + 1;
 
-    Append(stars.Starts.data(), stars.Starts.size() * 4);
+    Append(starStarts.data(), starStarts.size() * 4);
     EndList();
-    for (const std::uint32_t star : stars.Stars) {
-        const auto record = EncodeCatalogStar(list.Stars[star]);
+    for (const CatalogStar& star : list.Stars) {
+        const auto record = EncodeCatalogStar(star);
         Append(record.data(), record.size());
     }
     EndList();
     Append(quadStarts.data(), quadStarts.size() * 4);
     EndList();
-    for (const std::uint32_t quad : quads) Append(&packed[quad], 4);
+    for (const std::uint32_t quad : quads) Append(&shapes.Packed[quad], 4);
     EndList();
     const QuadLayout layout = LayoutOf(band);
-    for (const std::uint32_t quad : quads) {
+    for (const std::uint32_t number : quads) {
+        const auto& quad = list.Quads[number];
         std::array<unsigned char, 16> bytes{};
-        const auto places = placesOf(quad);
-        PutBits(bytes.data(), 0, band.PlaceBits, places[0]);
-        for (std::size_t k = 1; k < places.size(); ++k) {
+        PutBits(bytes.data(), 0, band.PlaceBits, static_cast<std::uint32_t>(quad[0]));
+        for (std::size_t k = 1; k < quad.size(); ++k) {
             PutBits(bytes.data(), band.PlaceBits + (k - 1) * band.OffsetBits, band.OffsetBits,
-                    places[k] - places[0]);
+                    static_cast<std::uint32_t>(quad[k] - quad[0]));
         }
         Append(bytes.data(), layout.QuadStarBytes);
     }

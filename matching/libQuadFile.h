@@ -81,7 +81,7 @@ class QuadFileWriter {
     QuadFileWriter(const std::filesystem::path& path, std::uint32_t bandCount);
     /// Appends the table of the next band. Quads without a shape (all stars at one place) are left
     /// out. @throws std::system_error
-    void Add(double smallestDiagonal, double largestDiagonal, const QuadList& list);
+    void Add(double smallestDiagonal, double largestDiagonal, QuadList list);
     /// @throws std::system_error
     void Commit();
     const std::vector<QuadBand>& Bands() const { return bands_; }
