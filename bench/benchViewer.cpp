@@ -23,7 +23,7 @@ class Scene {
         PlateImage& image = State.Image;
         image.Header.NAxis1 = image.Header.NAxis2 = side;
         StartPixels(image, 32768);
-        image.ImageType = "FITS";
+        image.ImageType = ImageType::Fits;
         image.Header.BitPix = 16;
         std::mt19937 random(1);
         for (int y = 0; y < side; ++y) {

@@ -8,6 +8,7 @@
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "console/exitCodes.h"
+#include "image/libFormats.h"
 #include "platform/libPlatform.h"
 
 namespace vestrel {
@@ -113,13 +114,15 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     CLI::App app(description, "vestrel-solve");
     app.allow_windows_style_options(false);  // a path may begin with "/" there too
     app.footer(closing);
-    app.set_version_flag("--version", std::string("vestrel-solve ") + VESTREL_VERSION);
+    app.set_version_flag("--version", std::string("vestrel-solve ") + VESTREL_VERSION + "\nReads " +
+                                          ReadableFormats());
     std::string argument;
     std::string ra;
     std::string dec;
     std::string size;
     std::string catalog;
-    app.add_option("image", argument, "The image (FITS, SBIG or JPEG), or a parameter string");
+    app.add_option("image", argument,
+                   "The image (see --version for the formats), or a parameter string");
     app.add_option("--ra", ra, "Approximate centre: 08:40:24 (hours) or 130.1 (degrees)");
     app.add_option("--dec", dec, "Approximate centre: +19:40:00 or 19.667 (degrees)");
     app.add_option("--size", size,

@@ -117,7 +117,7 @@ int PrintHeader(ProgramState& state, Port& port, const std::string& path) {
     for (const std::string& line : HeaderLines(state.Image)) {
         std::printf("%s\n", WithoutControls(line).c_str());
     }
-    if (state.Image.ImageType == "JPEG") std::fputs("A picture has no header.\n", stderr);
+    if (HeaderLines(state.Image).empty()) std::fputs("A picture has no header.\n", stderr);
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return ExitCode::Solved;
     return ExitCode::NotWritten;
 }
@@ -284,6 +284,11 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
         if (const auto model = SkyModelOfImage(state)) json["sky_model"] = JsonSkyModel(*model);
     }
     const SolveReport& report = state.Report;
+    if (state.Image.ImageType == ImageType::Decoded) {
+        json["format"] = state.Image.Format;
+        json["counts"] = {{"zero", state.Image.Counts.Zero}, {"factor", state.Image.Counts.Factor}};
+        json["remarks"] = state.Image.Remarks;
+    }
     json["width_px"] = state.Image.Width;
     json["height_px"] = state.Image.Height;
     json["stars_extracted"] = state.Extraction.StarsFound;

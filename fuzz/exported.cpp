@@ -21,9 +21,9 @@ bool Open(std::string_view bytes, PlateImage& image) {
     WriteFile(file, bytes);
     ReadFailure failure;
     image.FileName = file.string();
-    image.ImageType = "FITS";
+    image.ImageType = ImageType::Fits;
     if (!ReadFitsFile(file, image, nullptr, failure)) {
-        image.ImageType = "SBIG";
+        image.ImageType = ImageType::Sbig;
         if (!ReadSbigFile(file, image, nullptr, failure)) return false;
     }
     return std::int64_t{image.Width} * image.Height <= mostPixels;
@@ -60,7 +60,7 @@ bool IsScaled(const ImageHeader& header) {
 
 /// Counts are their file's, but for those that are scaled, and sums of SBIG deltas out of range.
 void CheckCounts(const PlateImage& image, const PlateImage& again) {
-    const bool turned = image.ImageType == "SBIG" && again.Header.BitPix != -32;
+    const bool turned = image.ImageType == ImageType::Sbig && again.Header.BitPix != -32;
     Require(again.Width == image.Width && again.Height == image.Height, "the size stays");
     for (std::int32_t y = 0; y < image.Height && !IsScaled(image.Header); ++y) {
         for (std::int32_t x = 0; x < image.Width; ++x) {
@@ -84,7 +84,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     constexpr std::size_t shortEnough = std::size_t{2900} * 80;
     if (first.size() > shortEnough) return 0;
     PlateImage again;
-    const bool opens = Open(first, again) && again.ImageType == "FITS";
+    const bool opens = Open(first, again) && again.ImageType == ImageType::Fits;
     Require(opens || IsScaled(image.Header), "what is exported opens");
     if (!opens) return 0;
     Require(WorldCoordinatesOf(again).has_value(), "it opens solved");

@@ -13,7 +13,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         Require(!read.Failure.Text.empty(), "a failed read has a message");
         return 0;
     }
-    Require(image.DataOffset == 0 && image.ImageType == "JPEG", "a picture is known as one");
+    Require(image.DataOffset == 0 && image.ImageType == ImageType::Jpeg,
+            "a picture is known as one");
     for (std::int32_t y = 0; y < std::min(image.Height, WalkedSize); ++y) {
         for (std::int32_t x = 0; x < std::min(image.Width, WalkedSize); ++x) {
             const std::int32_t grey = image.Pixels(x, y);

@@ -13,8 +13,7 @@
 
 #include "astro/libStrings.h"
 #include "image/libFitsCards.h"
-#include "image/libPicture.h"
-#include "image/libSBIG.h"
+#include "image/libFormats.h"
 #include "image/libWorldCoordinates.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
@@ -111,14 +110,13 @@ ExportedPixels PixelsOfFits(const PlateImage& image) {
     return pixels;
 }
 
-/// The counts of an SBIG file or a picture, which are read again.
+/// The counts of a file of another kind, which is read again.
 ExportedPixels PixelsOfOthers(const PlateImage& image) {
     PlateImage original;
     ReadFailure failure;
-    const std::filesystem::path path = PathFromText(image.FileName);
-    const bool read = image.ImageType == "SBIG" ? ReadSbigFile(path, original, {}, failure)
-                                                : ReadPictureFile(path, original, {}, failure);
-    if (!read || original.Width != image.Width || original.Height != image.Height) {
+    const bool read = ReadImageFile(PathFromText(image.FileName), original, {}, failure);
+    if (!read || original.ImageType != image.ImageType || original.Width != image.Width ||
+        original.Height != image.Height) {
         throw std::runtime_error("The file " + image.FileName + " is no longer what it was.");
     }
     bool fits16 = true;
@@ -132,7 +130,8 @@ ExportedPixels PixelsOfOthers(const PlateImage& image) {
     ExportedPixels pixels{fits16 ? 16 : -32, fits16 ? double(original.DataOffset) : 0, {}};
     pixels.Bytes.reserve(static_cast<std::size_t>(original.Width) *
                          static_cast<std::size_t>(original.Height) * (fits16 ? 2 : 4));
-    for (std::int32_t y = original.Height - 1; y >= 0; --y) {
+    for (std::int32_t k = 0; k < original.Height; ++k) {
+        const std::int32_t y = FirstRowAtTop(original) ? original.Height - 1 - k : k;
         const std::int32_t* row = original.Pixels.Row(y).data();
         for (std::int32_t x = 0; x < original.Width; ++x) {
             if (fits16) {
@@ -294,13 +293,13 @@ std::vector<unsigned char> FitsExportBytes(const PlateImage& image,
                                            const std::vector<std::string>& moreCards) {
     if (coordinateCards.empty()) throw std::runtime_error("The image has no solution.");
     const ExportedPixels pixels =
-        image.ImageType == "FITS" ? PixelsOfFits(image) : PixelsOfOthers(image);
+        image.ImageType == ImageType::Fits ? PixelsOfFits(image) : PixelsOfOthers(image);
 
     std::vector<std::string> cards = LayoutCards(image, pixels);
-    if (image.ImageType == "FITS") {
+    if (image.ImageType == ImageType::Fits || image.ImageType == ImageType::Decoded) {
         cards = KeptCards(image.Header, pixels.BitPix, std::move(cards));
     }
-    if (image.ImageType == "SBIG") AppendSbigCards(cards, image.Header);
+    if (image.ImageType == ImageType::Sbig) AppendSbigCards(cards, image.Header);
     // An image that was exported before has the comments among them already.
     std::erase_if(cards, [&coordinateCards](const std::string& card) {
         return std::find(coordinateCards.begin(), coordinateCards.end(), card) !=

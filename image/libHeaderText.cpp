@@ -5,8 +5,9 @@
 namespace vestrel {
 
 std::vector<std::string> HeaderLines(const PlateImage& image) {
-    if (image.ImageType != "SBIG" && image.ImageType != "FITS") return {};
     const ImageHeader& header = image.Header;
+    // A picture says little: what there is stands in its cards.
+    if (image.ImageType == ImageType::None || header.CardCount == 0) return {};
     constexpr std::size_t ruleLength = 75;
     std::vector<std::string> lines = {
         "  Image Size = " + std::to_string(header.NAxis1) + " X " + std::to_string(header.NAxis2),
@@ -28,6 +29,7 @@ std::vector<std::string> HeaderLines(const PlateImage& image) {
         std::string(ruleLength, '-'),
         "  Complete Header Follows:",
         " "};
+    for (const std::string& remark : image.Remarks) lines.push_back("  " + remark);
     constexpr int shownCards = 299;
     for (int i = 1; i <= header.CardCount && i <= shownCards; ++i) {
         lines.push_back("  " + header.Cards[static_cast<std::size_t>(i)]);

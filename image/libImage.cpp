@@ -26,7 +26,8 @@ void StartPixels(PlateImage& image, std::int32_t dataOffset) {
 }
 
 bool FirstRowAtTop(const PlateImage& image) {
-    return image.ImageType != "FITS" || image.Header.BitPix == -32;
+    if (image.ImageType == ImageType::Decoded) return image.TopRowFirst;
+    return image.ImageType != ImageType::Fits || image.Header.BitPix == -32;
 }
 
 }  // namespace vestrel

@@ -77,6 +77,21 @@ struct ImageHeader {
 /// not to be shown.
 void ClearHeader(ImageHeader& header);
 
+/// What kind of file an image came from.
+enum class ImageType : std::uint8_t {
+    None,  ///< nothing was loaded yet
+    Fits,  ///< by the program's own readers
+    Sbig,
+    Jpeg,
+    Decoded,  ///< by a decoder: see `PlateImage::Format`
+};
+
+/// How the samples of a file became counts: count = (sample - Zero) x Factor.
+struct CountScale {
+    double Zero = 0;
+    double Factor = 1;
+};
+
 /// The loaded image. A stored value plus `DataOffset` is the physical count, which is never
 /// negative. All loops run x from 0 to Width − 1 and y from 0 to Height − 1.
 struct PlateImage {
@@ -89,7 +104,15 @@ struct PlateImage {
     std::int32_t DisplayBlack = 0;  ///< physical counts that are shown black and white; both are 0
     std::int32_t DisplayWhite = 0;  ///< until they are chosen
     ImageHeader Header;
-    std::string ImageType;  ///< "FITS", "SBIG" or "JPEG"; empty before the first load
+    vestrel::ImageType ImageType = vestrel::ImageType::None;
+    std::string Format;  ///< the format's name, "TIFF"; empty before the first load
+
+    // What a decoder adds.
+    CountScale Counts;
+    std::int32_t LargestCount = 65535;  ///< that the format can hold
+    bool TopRowFirst = true;            ///< of a decoded image, see `FirstRowAtTop`
+    int Orientation = 1;  ///< how to turn the picture for display, 1 to 8 as EXIF counts
+    std::vector<std::string> Remarks;  ///< what was left out, or done to the picture
 };
 
 /// Gives the image the size and the pedestal of its header, this offset, and a grid of zeros.
@@ -99,6 +122,7 @@ void StartPixels(PlateImage& image, std::int32_t dataOffset);
 /// Whether row 0 of the grid is the top of the image as it is displayed: of pictures, SBIG images
 /// and floating-point FITS images, which are turned over as they are read. Other FITS images have
 /// their bottom row first, and so has the file of any image that is written as standard FITS.
+/// Decoders say it of theirs.
 bool FirstRowAtTop(const PlateImage& image);
 
 /// What a reader shows when it fails: the text of a message box and its title. A reader that

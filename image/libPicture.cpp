@@ -49,6 +49,35 @@ bool PlausibleSize(std::uint64_t pixels, std::uint64_t bytes) {
     return pixels / 2048 <= bytes;
 }
 
+/// The sum of the three colours that four inks leave of white. Adobe's programs, which nearly all
+/// such pictures come from, store how much ink is missing.
+void AddInks(const JSAMPLE* row, std::int32_t* grey, std::int32_t width, bool inverted) {
+    constexpr int most = MAXJSAMPLE;
+    for (std::int32_t x = 0; x < width; ++x, row += 4) {
+        const auto light = [inverted](int ink) { return inverted ? ink : most - ink; };
+        const int black = light(row[3]);
+        int sum = 0;
+        for (int c = 0; c < 3; ++c) sum += (light(row[c]) * black + most / 2) / most;
+        grey[x] = sum;
+    }
+}
+
+#ifdef JCS_EXTENSIONS
+/// Four bytes a pixel, the last unused, so that the compiler can take many pixels at a time.
+constexpr J_COLOR_SPACE wantedColours = JCS_EXT_RGBX;
+constexpr int wantedChannels = 4;
+#else
+constexpr J_COLOR_SPACE wantedColours = JCS_RGB;
+constexpr int wantedChannels = 3;
+#endif
+
+void AddColours(const JSAMPLE* row, std::int32_t* grey, std::int32_t width) {
+    for (std::int32_t x = 0; x < width; ++x) {
+        const JSAMPLE* pixel = row + std::ptrdiff_t{wantedChannels} * x;
+        grey[x] = pixel[0] + pixel[1] + pixel[2];
+    }
+}
+
 /// Decodes into `image`. Objects with destructors live in the caller: an error jumps over them.
 bool Decode(jpeg_decompress_struct& info, ErrorManager& errors, std::FILE* file,
             std::uint64_t fileLength, PlateImage& image, std::vector<JSAMPLE>& row,
@@ -57,7 +86,9 @@ bool Decode(jpeg_decompress_struct& info, ErrorManager& errors, std::FILE* file,
     jpeg_create_decompress(&info);
     jpeg_stdio_src(&info, file);
     jpeg_read_header(&info, TRUE);
-    info.out_color_space = JCS_RGB;
+    const bool inks = info.jpeg_color_space == JCS_CMYK || info.jpeg_color_space == JCS_YCCK;
+    const bool invertedInks = info.saw_Adobe_marker != 0;
+    info.out_color_space = inks ? JCS_CMYK : wantedColours;
     constexpr auto largest = static_cast<JDIMENSION>(std::numeric_limits<std::int16_t>::max());
     if (info.image_width > largest || info.image_height > largest) return false;
     if (!PlausibleSize(std::uint64_t{info.image_width} * info.image_height, fileLength)) {
@@ -68,14 +99,16 @@ bool Decode(jpeg_decompress_struct& info, ErrorManager& errors, std::FILE* file,
     image.Header.NAxis1 = static_cast<std::int16_t>(info.output_width);
     image.Header.NAxis2 = static_cast<std::int16_t>(info.output_height);
     StartPixels(image, 0);
-    row.resize(std::size_t{3} * info.output_width);
+    row.resize(std::size_t{4} * info.output_width);
     while (info.output_scanline < info.output_height && !errors.CutShort) {
         const auto y = static_cast<std::int32_t>(info.output_scanline);
         JSAMPROW rows[] = {row.data()};
         jpeg_read_scanlines(&info, rows, 1);
         std::int32_t* grey = image.Pixels.Row(y).data();
-        for (std::int32_t x = 0; x < image.Width; ++x) {
-            grey[x] = row[3 * x] + row[3 * x + 1] + row[3 * x + 2];
+        if (inks) {
+            AddInks(row.data(), grey, image.Width, invertedInks);
+        } else {
+            AddColours(row.data(), grey, image.Width);
         }
         if (y % 10 == 0 && progress) progress(y, image.Height);
     }
@@ -113,7 +146,7 @@ bool ReadPictureFile(const std::filesystem::path& path, PlateImage& image, const
     if (!good) return false;
 
     if (progress) progress(0, image.Height);
-    image.ImageType = "JPEG";
+    image.ImageType = ImageType::Jpeg;
     image.FileName = TextFromPath(path);
     failure = {};
     return true;

@@ -9,7 +9,7 @@
 namespace vestrel {
 
 /// Reads a JPEG picture into `image`. A grey value is the plain sum of the three colour bytes
-/// (0..765); row 0 is the picture's top row.
+/// (0..765), which four inks are turned into; row 0 is the picture's top row.
 ///
 /// Fails on anything that libjpeg cannot turn into red, green and blue, on a picture cut short,
 /// and on more than 32767 columns or rows.

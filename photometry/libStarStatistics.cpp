@@ -237,8 +237,10 @@ StarMeasurement MeasureStar(const PlateImage& image, double x, double y,
 double SaturationLevel(const PlateImage& image) {
     constexpr double margin = 0.98;
     double largest = 65535;
-    if (image.ImageType == "JPEG") {
+    if (image.ImageType == ImageType::Jpeg) {
         largest = 3 * 255;  // the sum of three colours
+    } else if (image.ImageType == ImageType::Decoded) {
+        largest = image.LargestCount;
     } else if (image.Header.BitPix == 8) {
         largest = 255.0 + image.DataOffset;
     } else if (image.Header.BitPix == 16) {

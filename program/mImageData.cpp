@@ -4,10 +4,8 @@
 #include <string_view>
 
 #include "astro/libStrings.h"
-#include "image/libFITS.h"
 #include "image/libFitsWriter.h"
-#include "image/libPicture.h"
-#include "image/libSBIG.h"
+#include "image/libFormats.h"
 #include "platform/libPlatform.h"
 #include "program/mStarExtraction.h"
 #include "program/mStopwatch.h"
@@ -15,19 +13,6 @@
 namespace vestrel {
 
 namespace {
-
-/// The image type that an extension stands for; empty when it stands for none.
-std::string TypeOfFile(std::string_view path) {
-    const std::size_t dot = path.rfind('.');
-    const std::string extension =
-        dot == std::string_view::npos ? "" : UpperCase(path.substr(dot + 1));
-    // The misspelt form has been accepted for so long that callers rely on it.
-    if (extension == "JPG" || extension == "JEPG") return "JPEG";
-    if (extension == "BMP") return "BMP";
-    if (extension == "FIT" || extension == "FITS" || extension == "FTS") return "FITS";
-    if (extension == "SBIG" || extension == "SBI") return "SBIG";
-    return {};
-}
 
 std::size_t CharacterCount(std::string_view utf8) {
     return static_cast<std::size_t>(std::count_if(utf8.begin(), utf8.end(), [](char c) {
@@ -44,19 +29,22 @@ void ForgetStars(ProgramState& state) {
     state.Display.SolutionOverlays = false;
 }
 
-bool ReadImage(ProgramState& state, Port& port, const std::string& type, const std::string& path) {
-    const StageTimer timer(state.Report.Times.Reading);
+/// Reads a file into `image`, and shows why when that fails.
+bool ReadImage(ProgramState& state, Port& port, const std::string& path, PlateImage& image,
+               double& seconds) {
+    ShowStatus(state, port, "Loading Image");
     ReadFailure failure;
-    const Progress progress = ShownProgress(port);
-    const std::filesystem::path file = PathFromText(path);
-    const bool good = type == "FITS"   ? ReadFitsFile(file, state.Image, progress, failure)
-                      : type == "SBIG" ? ReadSbigFile(file, state.Image, progress, failure)
-                                       : ReadPictureFile(file, state.Image, progress, failure);
+    bool good = false;
+    {
+        const StageTimer timer(seconds);
+        good = ReadImageFile(PathFromText(path), image, ShownProgress(port), failure);
+    }
     port.ShowProgress(0);
     if (!good && !failure.Cause.empty()) {
         state.Display.Details = "  Cause             " + WithoutControls(failure.Cause) + "\n";
     }
     if (!good && !failure.Text.empty()) port.ShowMessage(failure.Text, failure.Title);
+    ShowStatus(state, port, "Ready");
     return good;
 }
 
@@ -78,24 +66,25 @@ bool OpenImage(ProgramState& state, Port& port, const std::string& path) {
     state.Parameters.LastOpenFolder = folder;
     state.Display.ImageName = ShortenedPath(path);
     port.DisplayChanged();
-    const std::string type = TypeOfFile(path);
-    // The open dialog offers BMP files all the same.
-    if (type != "SBIG" && type != "FITS" && type != "JPEG") {
+    // A file that no name of a known format vouches for leaves the image that is there as it is
+    // until it was read.
+    const bool vouched = OwnFormatOfName(path) != nullptr;
+    if (!vouched && FormatsOfFile(PathFromText(path)).empty()) {
         port.ShowMessage("File type is not supported", DefaultTitle);
         return false;
     }
-
-    ShowStatus(state, port, "Loading Image");
+    PlateImage candidate;
+    double reading = 0;
+    if (!vouched && !ReadImage(state, port, path, candidate, reading)) return false;
     state.ImageLoaded = false;
     state.BackgroundRemoved = false;
     state.Report = {};
     ForgetStars(state);
-    const bool read = ReadImage(state, port, type, path);
-    ShowStatus(state, port, "Ready");
-    if (!read) return false;
+    if (vouched && !ReadImage(state, port, path, state.Image, reading)) return false;
+    if (!vouched) state.Image = std::move(candidate);
+    state.Report.Times.Reading = reading;
     state.Parameters.LastOpenFolder = folder;
     if (!state.HaveConfig) state.Parameters.LastSaveFolder = folder;
-    state.Image.ImageType = type;
     state.Image.FileName = path;
     state.ImageLoaded = true;
     state.Display.ImageSize =

@@ -7,14 +7,13 @@
 
 namespace vestrel {
 
-/// Loads an image file (UTF-8 path) into the program's one image, by its extension: FIT, FITS,
-/// FTS; SBIG, SBI; JPG and, as it has always been accepted, JEPG. Shows the reader's message when
-/// that fails.
+/// Loads an image file (UTF-8 path) of any format that can be read into the program's one image.
+/// Shows the reader's message when that fails; `Display.Details` may say more.
 /// @return true on success; after a reader's failure no image is loaded
 bool OpenImage(ProgramState& state, Port& port, const std::string& path);
 
-/// Loads an image that the user has chosen in place of the one that is there. An image refused by
-/// its extension leaves that one as it was.
+/// Loads an image that the user has chosen in place of the one that is there. A file of no
+/// known format leaves that one as it was.
 bool OpenChosenImage(ProgramState& state, Port& port, const std::string& path);
 
 /// Asks the user for an image and loads it. Cancelling changes nothing.

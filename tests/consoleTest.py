@@ -140,7 +140,8 @@ The catalog is the first of --catalog, %VESTREL_CATALOG% and %ProgramData%\Harro
 vestrel-catalog makes one. %VESTREL_THREADS% limits the threads.
 """
         self.assertEqual(run.stdout.decode(), help_text)
-        self.assertRegex(self.run_solver("--version").stdout, rb"^vestrel-solve \d+\.\d+\.\d+\n$")
+        self.assertRegex(self.run_solver("--version").stdout,
+                         rb"^vestrel-solve \d+\.\d+\.\d+\nReads FITS, SBIG, JPEG")
 
     def test_negative_angles_are_values_and_no_options(self):
         frame = self.frame()

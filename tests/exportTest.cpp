@@ -278,7 +278,7 @@ TEST(FileDialogs, AskWithTheirFiltersAndRememberTheFolders) {
     WriteFile(folder / "image.sbi", Sbig(2, 1, {1, 2}));
     port.Answer = TextFromPath(folder / "image.sbi");
     OpenImageDialog(state, port);
-    EXPECT_EQ(state.Image.ImageType, "SBIG");
+    EXPECT_EQ(state.Image.ImageType, ImageType::Sbig);
     EXPECT_EQ(state.Parameters.LastOpenFolder, folder.Path.string());
     EXPECT_EQ(state.Parameters.LastSaveFolder, "/b");
     // Refused by its extension: the image that is there stays as it was and can be saved.

@@ -16,7 +16,7 @@ PlateImage ImageWith(const std::vector<std::string>& cards) {
     PlateImage image;
     image.Width = 1000;
     image.Height = 800;
-    image.ImageType = "FITS";
+    image.ImageType = ImageType::Fits;
     int n = 0;
     for (const std::string& card : cards) image.Header.Cards[static_cast<std::size_t>(++n)] = card;
     image.Header.CardCount = static_cast<std::int16_t>(n);

@@ -359,7 +359,8 @@ TEST(Pictures, GreyIsTheSumOfTheColoursAndRowZeroIsTheTop) {
     ASSERT_TRUE(reader.Good);
     EXPECT_EQ(reader.Image.Pixels(4, 4), 3 * 77);
     reader.Read(Jpeg(8, 8, JCS_CMYK, 4, std::vector<unsigned char>(256, 77)), "print.jpg");
-    EXPECT_EQ(reader.Complaint, general);
+    ASSERT_TRUE(reader.Good);
+    EXPECT_EQ(reader.Image.Pixels(4, 4), 3 * 23);  // 77 of 255 light through each colour and black
 }
 
 TEST(Pictures, CutShortOrForgedFail) {
@@ -395,7 +396,7 @@ TEST(OpenImage, ChoosesTheReaderByTheExtensionInAnyCase) {
         const bool picture = path.ends_with("g") || path.ends_with("G");
         WriteFile(folder / name, picture ? jpeg : fits);
         EXPECT_TRUE(OpenImage(state, port, path)) << name;
-        EXPECT_EQ(state.Image.ImageType, picture ? "JPEG" : "FITS");
+        EXPECT_EQ(state.Image.ImageType, picture ? ImageType::Jpeg : ImageType::Fits);
         EXPECT_EQ(state.Image.FileName, path);
         EXPECT_EQ(state.Parameters.LastOpenFolder, folder.Path.string());
         EXPECT_EQ(state.Parameters.LastSaveFolder, folder.Path.string());

@@ -138,7 +138,7 @@ class Installed(unittest.TestCase):
         ask = (". share/bash-completion/completions/vestrel; COMP_WORDS=(vestrel ''); COMP_CWORD=1;"
                " _vestrel; printf '%s\\n' \"${COMPREPLY[@]}\"")
         offered = run("bash", "-c", ask, cwd=self.usr).stdout.splitlines()
-        self.assertEqual(sorted(offered), ["a b.FIT", "bin", "c.sbig", "share"])
+        self.assertEqual(sorted(offered), ["a b.FIT", "bin", "c.sbig", "lib", "share"])
 
     def test_programs_are_hardened(self):
         for program in PROGRAMS:

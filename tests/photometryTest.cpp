@@ -33,7 +33,7 @@ struct Frame {
         Image.Height = height;
         Image.DataOffset = 32768;
         Image.Header.BitPix = 16;
-        Image.ImageType = "FITS";
+        Image.ImageType = ImageType::Fits;
         Image.Pixels = Grid<std::int32_t>(width, height);
     }
     void AddStar(double x, double y, double flux, double sigma) {

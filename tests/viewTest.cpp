@@ -15,7 +15,7 @@
 namespace vestrel {
 namespace {
 
-PlateImage ImageOf(int width, int height, const char* type, std::int16_t bitPix) {
+PlateImage ImageOf(int width, int height, ImageType type, std::int16_t bitPix) {
     PlateImage image;
     image.Width = width;
     image.Height = height;
@@ -96,10 +96,10 @@ TEST(View, PixelsAndWindowAgreeBothWaysAndZoomKeepsWhatIsUnderThePointer) {
 }
 
 TEST(Picture, StandsUprightAndFlipsOnlyForDisplay) {
-    for (const auto& [type, bitPix, firstRowAtTop] : {std::tuple{"JPEG", 0, true},
-                                                      {"SBIG", 16, true},
-                                                      {"FITS", -32, true},
-                                                      {"FITS", 16, false}}) {
+    for (const auto& [type, bitPix, firstRowAtTop] : {std::tuple{ImageType::Jpeg, 0, true},
+                                                      {ImageType::Sbig, 16, true},
+                                                      {ImageType::Fits, -32, true},
+                                                      {ImageType::Fits, 16, false}}) {
         PlateImage image = ImageOf(6, 4, type, static_cast<std::int16_t>(bitPix));
         image.Pixels(1, 0) = 200;
         PicturePyramid pyramid;
@@ -113,7 +113,8 @@ TEST(Picture, StandsUprightAndFlipsOnlyForDisplay) {
             const Painted painted = Paint(pyramid, view, 6, 4);
             const int x = leftRight ? 4 : 1;
             const int y = firstRowAtTop != upDown ? 0 : 3;
-            EXPECT_EQ(painted(x, y), 200) << type << bitPix << leftRight << upDown;
+            EXPECT_EQ(painted(x, y), 200)
+                << static_cast<int>(type) << bitPix << leftRight << upDown;
             EXPECT_EQ(std::count(painted.Pixels.begin(), painted.Pixels.end(), 0), 23);
         }
     }
@@ -121,7 +122,7 @@ TEST(Picture, StandsUprightAndFlipsOnlyForDisplay) {
 
 TEST(Picture, ShowsWhatThePlainMeanOfTheImageGivesAtEveryScale) {
     Random random(5);
-    PlateImage image = ImageOf(301, 203, "JPEG", 0);
+    PlateImage image = ImageOf(301, 203, ImageType::Jpeg, 0);
     for (int y = 0; y < image.Height; ++y) {
         for (int x = 0; x < image.Width; ++x) {
             image.Pixels(x, y) = static_cast<std::int32_t>(120 + 0.2 * x + 0.3 * y);
@@ -173,7 +174,7 @@ TEST(Picture, ShowsWhatThePlainMeanOfTheImageGivesAtEveryScale) {
         EXPECT_EQ(painted(i, row), image.Pixels(left + i, 100)) << i;
     }
     for (const auto& [width, height] : {std::pair{0, 0}, {3, 0}}) {
-        pyramid.Build(ImageOf(width, height, "FITS", 16), plainGrey);
+        pyramid.Build(ImageOf(width, height, ImageType::Fits, 16), plainGrey);
         EXPECT_TRUE(pyramid.Empty());
         EXPECT_EQ(Paint(pyramid, view, 2, 1).Pixels,
                   std::vector<std::uint8_t>(2, GreyOutsideImage));
@@ -181,7 +182,7 @@ TEST(Picture, ShowsWhatThePlainMeanOfTheImageGivesAtEveryScale) {
 }
 
 TEST(Readout, NamesPixelCountAndSkyAndNothingOffTheImage) {
-    PlateImage image = ImageOf(10, 8, "FITS", 16);
+    PlateImage image = ImageOf(10, 8, ImageType::Fits, 16);
     image.DataOffset = 32768;
     image.Pixels(3, 7) = -32768 + 1234;
     image.Header.PlateMatched = true;

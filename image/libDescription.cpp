@@ -1,0 +1,84 @@
+#include "image/libDescription.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+namespace vestrel {
+
+namespace {
+
+constexpr std::size_t cardLength = 80;
+constexpr std::size_t keywordLength = 8;
+constexpr std::size_t longestDescription = 1 << 20;
+
+bool IsKeyword(std::string_view text) {
+    return !text.empty() && text.size() <= keywordLength &&
+           std::all_of(text.begin(), text.end(), [](char c) {
+               return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-';
+           });
+}
+
+/// "KEYWORD = value": the keyword may be padded to any length.
+bool IsCard(std::string_view line) {
+    const std::size_t equals = line.find('=');
+    if (equals == std::string_view::npos || equals > 2 * keywordLength) return false;
+    std::string_view keyword = line.substr(0, equals);
+    keyword = keyword.substr(0, keyword.find_last_not_of(' ') + 1);
+    return IsKeyword(keyword);
+}
+
+void PassLine(std::string_view line, PictureSink& sink) {
+    const std::size_t last = line.find_last_not_of(" \r\t");
+    line = line.substr(0, last == std::string_view::npos ? 0 : last + 1);
+    if (line.empty() || line == "END") return;
+    const bool comment = line.starts_with("COMMENT") || line.starts_with("HISTORY");
+    if (comment || IsCard(line)) {
+        std::string card(line.substr(0, cardLength));
+        card.resize(cardLength, ' ');
+        sink.Card(card);
+        return;
+    }
+    constexpr std::size_t room = 70;
+    for (std::size_t at = 0; at < line.size(); at += room) {
+        std::string card = "COMMENT " + std::string(line.substr(at, room));
+        std::replace_if(
+            card.begin(), card.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+        card.resize(cardLength, ' ');
+        sink.Card(card);
+    }
+}
+
+bool PassJson(std::string_view text, PictureSink& sink) {
+    const auto json = nlohmann::json::parse(text, nullptr, false);
+    if (!json.is_object()) return false;
+    for (const auto& [name, value] : json.items()) {
+        if (!IsKeyword(name)) continue;
+        if (value.is_number()) sink.NumberCard(name, value.get<double>(), {});
+        if (value.is_string()) sink.TextCard(name, value.get<std::string>(), {});
+    }
+    return true;
+}
+
+}  // namespace
+
+void PassDescription(std::string_view text, PictureSink& sink) {
+    text = text.substr(0, std::min(longestDescription, text.find('\0')));
+    // Nesting is bounded: the parser goes as deep as the text does.
+    if (text.starts_with('{') && std::count(text.begin(), text.end(), '{') < 100 &&
+        std::count(text.begin(), text.end(), '[') < 100 && PassJson(text, sink)) {
+        return;
+    }
+    if (text.find('\n') == std::string_view::npos && text.size() % cardLength == 0) {
+        for (std::size_t at = 0; at < text.size(); at += cardLength) {
+            PassLine(text.substr(at, cardLength), sink);
+        }
+        return;
+    }
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        PassLine(text.substr(0, end), sink);
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+}
+
+}  // namespace vestrel

@@ -1,0 +1,248 @@
+// FITS beyond what the program's own reader takes: every type of sample, planes, extensions, tile
+// compression and gzip, by CFITSIO.
+#include <fitsio.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "image/libDecoder.h"
+
+namespace vestrel {
+
+PictureDecoder DecodeFits;
+
+namespace {
+
+constexpr std::size_t cardLength = 80;
+
+struct FitsCloser {
+    void operator()(fitsfile* file) const noexcept {
+        int status = 0;
+        ffclos(file, &status);
+        ffcmsg();
+    }
+};
+using FitsHandle = std::unique_ptr<fitsfile, FitsCloser>;
+
+[[noreturn]] void Fail(int status) {
+    char text[FLEN_STATUS] = {};
+    ffgerr(status, text);
+    ffcmsg();
+    throw DecodeFault(std::string("Its data cannot be decoded (") + text + ").");
+}
+
+/// The content of a gzip file of at most 2 GiB.
+std::vector<unsigned char> Inflated(std::span<const unsigned char> packed) {
+    constexpr std::size_t most = std::size_t{2} << 30;
+    z_stream stream{};
+    constexpr int gzipOnly = 15 + 16;
+    if (inflateInit2(&stream, gzipOnly) != Z_OK) throw std::bad_alloc();
+    const std::unique_ptr<z_stream, int (*)(z_stream*)> end(&stream, inflateEnd);
+    std::vector<unsigned char> content;
+    stream.next_in = const_cast<unsigned char*>(packed.data());
+    std::size_t left = packed.size();
+    int state = Z_OK;
+    std::size_t made = 0;
+    while (state == Z_OK) {
+        if (made == content.size()) {
+            if (made >= most) {
+                throw DecodeFault("Unpacked it has more than 2 GiB, which is the limit.");
+            }
+            content.resize(std::min(most, std::max<std::size_t>(1 << 20, made * 2)));
+        }
+        const auto chunk = static_cast<uInt>(std::min<std::size_t>(left, 1U << 30));
+        const auto room = static_cast<uInt>(std::min<std::size_t>(content.size() - made, 1U << 30));
+        stream.avail_in = chunk;
+        stream.next_out = content.data() + made;
+        stream.avail_out = room;
+        state = inflate(&stream, Z_NO_FLUSH);
+        left -= chunk - stream.avail_in;
+        made += room - stream.avail_out;
+        if (state == Z_BUF_ERROR && left > 0) state = Z_OK;
+    }
+    // What a file that was cut short still holds may be a whole image.
+    if (made == 0) throw DecodeFault("It is no gzip file that can be unpacked.");
+    content.resize(made);
+    return content;
+}
+
+/// Cards about how a packed image is stored as a table; and those that the pixels stand for.
+bool SpeaksOfStorage(std::string_view keyword, bool packed) {
+    static constexpr std::string_view prefixes[] = {
+        "ZTILE", "ZNAME", "ZVAL",  "ZNAXIS", "ZIMAGE",  "ZCMPT", "ZBITP",  "ZSIMPLE",
+        "ZTENS", "ZEXTE", "ZPCOU", "ZGCOU",  "ZQUAN",   "ZDITH", "ZBLANK", "ZHECK",
+        "ZDATA", "TTYPE", "TFORM", "TUNIT",  "TFIELDS", "TNULL", "TSCAL",  "TZERO"};
+    return packed && std::any_of(std::begin(prefixes), std::end(prefixes),
+                                 [keyword](auto prefix) { return keyword.starts_with(prefix); });
+}
+
+bool MayStandTwice(std::string_view keyword) {
+    return keyword.empty() || keyword == "COMMENT" || keyword == "HISTORY";
+}
+
+std::string_view KeywordIn(std::string_view card) {
+    card = card.substr(0, 8);
+    const std::size_t end = card.find_last_not_of(' ');
+    return card.substr(0, end == std::string_view::npos ? 0 : end + 1);
+}
+
+/// Hands the cards of the current header on, those left out that came before.
+void PassCards(fitsfile* file, bool packed, std::set<std::string>& passed, PictureSink& sink) {
+    int count = 0;
+    int status = 0;
+    ffghsp(file, &count, nullptr, &status);
+    std::set<std::string> present;
+    for (int n = 1; n <= count && status == 0; ++n) {
+        char card[FLEN_CARD] = {};
+        ffgrec(file, n, card, &status);
+        std::string text(card, std::min<std::size_t>(std::strlen(card), cardLength));
+        text.resize(cardLength, ' ');
+        const std::string keyword(KeywordIn(text));
+        if (SpeaksOfStorage(keyword, packed)) continue;
+        if (!MayStandTwice(keyword) && passed.contains(keyword)) continue;
+        present.insert(keyword);
+        sink.Card(text);
+    }
+    passed.merge(present);
+}
+
+/// Moves to the first image of two axes or more; false when there is none.
+bool FindImage(fitsfile* file) {
+    constexpr int mostParts = 1000;
+    for (int part = 1; part <= mostParts; ++part) {
+        int status = 0;
+        int kind = 0;
+        if (ffmahd(file, part, &kind, &status) != 0) return false;
+        if (kind != IMAGE_HDU && fits_is_compressed_image(file, &status) == 0) continue;
+        int axes = 0;
+        long sides[2] = {};
+        if (fits_get_img_dim(file, &axes, &status) != 0 || axes < 2 ||
+            fits_get_img_size(file, 2, sides, &status) != 0) {
+            continue;
+        }
+        if (sides[0] > 1 && sides[1] > 1) return true;
+    }
+    return false;
+}
+
+/// How the samples are asked for.
+struct Asked {
+    SampleKind Kind;
+    int CfitsioType;
+    std::size_t Bytes;
+};
+
+Asked AskedFor(fitsfile* file) {
+    int status = 0;
+    int type = 0;
+    if (fits_get_img_equivtype(file, &type, &status) != 0) Fail(status);
+    LONGLONG blank = 0;
+    const bool hasBlank = ffgkyjj(file, "BLANK", &blank, nullptr, &status) == 0;
+    ffcmsg();
+    if (type == FLOAT_IMG) return {SampleKind::Float32, TFLOAT, 4};
+    if (!hasBlank && type == BYTE_IMG) return {SampleKind::UInt8, TBYTE, 1};
+    if (!hasBlank && type == USHORT_IMG) return {SampleKind::UInt16, TUSHORT, 2};
+    if (!hasBlank && (type == SHORT_IMG || type == SBYTE_IMG)) {
+        return {SampleKind::Int16, TSHORT, 2};
+    }
+    return {SampleKind::Float64, TDOUBLE, 8};
+}
+
+/// Three planes side by side become one row of colours.
+void Interleave(const unsigned char* planes, std::size_t planeBytes, std::size_t rowStart,
+                std::size_t width, std::size_t sampleBytes, std::vector<unsigned char>& row) {
+    for (std::size_t x = 0; x < width; ++x) {
+        for (std::size_t c = 0; c < 3; ++c) {
+            std::memcpy(row.data() + (3 * x + c) * sampleBytes,
+                        planes + c * planeBytes + rowStart + x * sampleBytes, sampleBytes);
+        }
+    }
+}
+
+}  // namespace
+
+void DecodeFits(std::span<const unsigned char> file, PictureSink& sink) {
+    std::vector<unsigned char> unpacked;
+    if (file.size() > 2 && file[0] == 0x1F && file[1] == 0x8B) {
+        unpacked = Inflated(file);
+        file = unpacked;
+    }
+    void* buffer = const_cast<unsigned char*>(file.data());
+    std::size_t length = file.size();
+    int status = 0;
+    fitsfile* opened = nullptr;
+    if (ffomem(&opened, "image", READONLY, &buffer, &length, 0, nullptr, &status) != 0) {
+        Fail(status);
+    }
+    const FitsHandle fits(opened);
+    if (!FindImage(fits.get())) throw DecodeFault("It holds no image of two axes.");
+
+    const bool packed = fits_is_compressed_image(fits.get(), &status) != 0;
+    int axes = 0;
+    int bitPix = 0;
+    long sides[3] = {1, 1, 1};
+    if (fits_get_img_param(fits.get(), 3, &bitPix, &axes, sides, &status) != 0) Fail(status);
+    const Asked asked = AskedFor(fits.get());
+    const bool colour = axes >= 3 && sides[2] == 3;
+    RequirePlausible(sides[0], sides[1], colour ? 3 : 1, file.size());
+    // Floating-point images lie upside down in the program's record, however they came.
+    const bool turned = bitPix == FLOAT_IMG;
+    sink.Start({sides[0], sides[1], colour ? 3 : 1, asked.Kind, bitPix, turned});
+
+    const auto width = static_cast<std::size_t>(sides[0]);
+    const auto height = static_cast<std::size_t>(sides[1]);
+    const std::size_t rowBytes = width * asked.Bytes;
+    const std::size_t planeBytes = rowBytes * height;
+    const std::size_t planes = colour ? 3 : 1;
+    // An unpacked image is converted in pieces that stay in the cache, a packed one whole: its
+    // tiles may be of any shape.
+    const std::size_t piece =
+        packed || colour ? height : std::clamp<std::size_t>((1 << 18) / rowBytes, 1, height);
+    const auto samples = std::make_unique_for_overwrite<unsigned char[]>(rowBytes * piece * planes);
+    std::vector<unsigned char> row(colour ? 3 * rowBytes : 0);
+    float noSingle = std::numeric_limits<float>::quiet_NaN();
+    double noDouble = std::numeric_limits<double>::quiet_NaN();
+    void* const none = asked.CfitsioType == TFLOAT    ? static_cast<void*>(&noSingle)
+                       : asked.CfitsioType == TDOUBLE ? static_cast<void*>(&noDouble)
+                                                      : nullptr;
+    for (std::size_t y = 0; y < height; y += piece) {
+        const std::size_t rows = std::min(piece, height - y);
+        long first[9] = {1, static_cast<long>(y) + 1, 1, 1, 1, 1, 1, 1, 1};
+        int anyNone = 0;
+        fits_read_pix(fits.get(), asked.CfitsioType, first,
+                      static_cast<LONGLONG>(width * rows * planes), none, samples.get(), &anyNone,
+                      &status);
+        if (status == NUM_OVERFLOW) status = 0;
+        if (status != 0) Fail(status);
+        for (std::size_t k = 0; k < rows; ++k) {
+            const unsigned char* at = samples.get() + k * rowBytes;
+            if (colour) {
+                Interleave(samples.get(), planeBytes, k * rowBytes, width, asked.Bytes, row);
+                at = row.data();
+            }
+            const std::size_t target = turned ? height - 1 - (y + k) : y + k;
+            sink.Row(static_cast<std::int64_t>(target), at);
+        }
+    }
+
+    std::set<std::string> passed;
+    PassCards(fits.get(), packed, passed, sink);
+    int number = 0;
+    ffghdn(fits.get(), &number);
+    int kind = 0;
+    if (number > 1 && ffmahd(fits.get(), 1, &kind, &status) == 0) {
+        PassCards(fits.get(), false, passed, sink);
+    }
+    if (colour) sink.Remark("Three planes were taken for colours: counts are their mean.");
+    if (axes >= 3 && !colour && sides[2] > 1) {
+        sink.Remark("Of " + std::to_string(sides[2]) + " planes the first was read.");
+    }
+}
+
+}  // namespace vestrel

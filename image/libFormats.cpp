@@ -1,0 +1,256 @@
+#include "image/libFormats.h"
+
+#include <algorithm>
+#include <new>
+
+#include "astro/libStrings.h"
+#include "image/libDecoder.h"
+#include "image/libFITS.h"
+#include "image/libPicture.h"
+#include "image/libPictureBuilder.h"
+#include "image/libSBIG.h"
+#include "platform/libFiles.h"
+#include "platform/libModule.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+
+namespace {
+
+using namespace std::literals;
+
+bool IsFits(std::string_view start) {
+    return start.starts_with("SIMPLE  ="sv) || start.starts_with("\x1F\x8B"sv);
+}
+bool IsSbig(std::string_view start) {
+    return start.starts_with("ST-"sv) && start.substr(0, 80).find('\n') != std::string_view::npos;
+}
+bool IsJpeg(std::string_view start) {
+    return start.starts_with("\xFF\xD8\xFF"sv);
+}
+bool IsPng(std::string_view start) {
+    return start.starts_with("\x89PNG\r\n\x1A\n"sv);
+}
+bool IsTiff(std::string_view start) {
+    return start.starts_with("II*\0"sv) || start.starts_with("MM\0*"sv) ||
+           start.starts_with("II+\0"sv) || start.starts_with("MM\0+"sv);
+}
+bool IsXisf(std::string_view start) {
+    return start.starts_with("XISF0100"sv);
+}
+/// Most cameras' own formats are TIFF files of a kind.
+bool IsRaw(std::string_view start) {
+    return IsTiff(start) || start.starts_with("FUJIFILMCCD-RAW"sv) ||
+           start.starts_with("IIU\0"sv) || start.starts_with("IIRO"sv) ||
+           start.starts_with("IIRS"sv) || start.starts_with("MMOR"sv) ||
+           start.substr(std::min<std::size_t>(4, start.size())).starts_with("ftypcrx"sv);
+}
+
+constexpr ImageFormat formats[] = {
+    {"FITS", " FIT FITS FTS FZ GZ ", IsFits, ReadFitsFile, " FIT FITS FTS ", ImageType::Fits,
+     "fits"},
+    {"SBIG", " SBIG SBI ", IsSbig, ReadSbigFile, " SBIG SBI ", ImageType::Sbig, nullptr},
+    // The misspelt form has been accepted for so long that callers rely on it.
+    {"JPEG", " JPG JEPG JPEG JPE JFIF ", IsJpeg, ReadPictureFile, " JPG JEPG ", ImageType::Jpeg,
+     nullptr},
+    {"PNG", " PNG ", IsPng, nullptr, "", ImageType::Decoded, "png"},
+    {"TIFF", " TIF TIFF ", IsTiff, nullptr, "", ImageType::Decoded, "tiff"},
+    {"XISF", " XISF ", IsXisf, nullptr, "", ImageType::Decoded, "xisf"},
+    {"camera RAW", " DNG CR2 CR3 CRW NEF NRW ARW SR2 RAF ORF RW2 PEF SRW 3FR IIQ ", IsRaw, nullptr,
+     "", ImageType::Decoded, "raw"},
+};
+
+std::string ExtensionOf(std::string_view path) {
+    const std::size_t dot = path.rfind('.');
+    return dot == std::string_view::npos ? "" : UpperCase(path.substr(dot + 1));
+}
+
+bool Lists(std::string_view extensions, const std::string& extension) {
+    return !extension.empty() && extension.find(' ') == std::string::npos &&
+           extensions.find(" " + extension + " ") != std::string_view::npos;
+}
+
+/// What a module has to offer. Its answer is empty when the picture was decoded.
+using ModuleEntry = void(const unsigned char* bytes, std::size_t length, PictureSink& sink,
+                         std::string& fault);
+
+void Decode(const ImageFormat& format, const std::filesystem::path& path, PlateImage& image,
+            const Progress& progress) {
+    std::string reason;
+    const std::string module = std::string("decode-") + format.Decoder;
+    auto* const entry =
+        reinterpret_cast<ModuleEntry*>(ModuleFunction(module, "VestrelDecode", reason));
+    if (entry == nullptr) {
+        throw DecodeFault(HasModule(module) ? "Its decoder cannot be loaded: " + reason
+                                            : "This Vestrel was built without a decoder for it.");
+    }
+    constexpr std::uint64_t longest = std::uint64_t{4} << 30;
+    std::vector<unsigned char> bytes;
+    if (!ReadWholeFile(path, longest, bytes)) {
+        throw DecodeFault("It cannot be opened, or has more than 4 GiB.");
+    }
+    PictureBuilder builder(image, progress);
+    std::string fault;
+    entry(bytes.data(), bytes.size(), builder, fault);
+    if (!fault.empty()) throw DecodeFault(fault);
+    builder.Finish();
+    image.ImageType = ImageType::Decoded;
+    image.Format = format.Name;
+}
+
+/// As `Decode`. The `cause` of the first failure stays.
+bool TryDecoder(const ImageFormat& format, const std::filesystem::path& path, PlateImage& image,
+                const Progress& progress, std::string& cause) {
+    std::string fault;
+    try {
+        Decode(format, path, image, progress);
+        return true;
+    } catch (const std::bad_alloc&) {
+        fault = "There is not enough memory for it.";
+    } catch (const std::exception& error) {
+        fault = error.what();
+    }
+    if (cause.empty())
+        cause = std::string("This ") + format.Name + " file cannot be read. " + fault;
+    return false;
+}
+
+void ForgetDecoding(PlateImage& image) {
+    image.Counts = {};
+    image.LargestCount = 65535;
+    image.TopRowFirst = true;
+    image.Orientation = 1;
+    image.Remarks.clear();
+}
+
+/// Whether the reader of counts can have lost the picture: nothing above 1, or nearly all at 0.
+bool MayHaveLostTheSky(const PlateImage& image) {
+    constexpr std::int32_t smallestSide = 100;
+    if (image.Header.BitPix != -32 || image.Width < smallestSide || image.Height < smallestSide) {
+        return false;
+    }
+    bool anyAboveOne = false;
+    std::int64_t atZero = 0;
+    for (std::int32_t y = 0; y < image.Height; ++y) {
+        const std::int32_t* row = image.Pixels.Row(y).data();
+        std::int32_t zeros = 0;
+        std::int32_t above = 0;
+        for (std::int32_t x = 0; x < image.Width; ++x) {
+            const std::int32_t count = row[x] + image.DataOffset;
+            zeros += count == 0 ? 1 : 0;
+            above += count > 1 ? 1 : 0;
+        }
+        atZero += zeros;
+        anyAboveOne = anyAboveOne || above > 0;
+    }
+    return !anyAboveOne || atZero * 10 > std::int64_t{image.Width} * image.Height * 9;
+}
+
+/// Decodes an image that was no image of counts. What was read stays when that cannot be done, or
+/// when the decoder finds counts too.
+void DecodeLostSky(const ImageFormat& format, const std::filesystem::path& path, PlateImage& image,
+                   const Progress& progress) {
+    PlateImage again;
+    try {
+        Decode(format, path, again, progress);
+    } catch (const std::exception&) {
+        return;
+    }
+    if (again.Counts.Factor != 1) image = std::move(again);
+}
+
+}  // namespace
+
+std::span<const ImageFormat> ImageFormats() {
+    return formats;
+}
+
+const ImageFormat* OwnFormatOfName(std::string_view path) {
+    const std::string extension = ExtensionOf(path);
+    for (const ImageFormat& format : formats) {
+        if (Lists(format.OwnExtensions, extension)) return &format;
+    }
+    return nullptr;
+}
+
+std::vector<const ImageFormat*> FormatsOfFile(const std::filesystem::path& path) {
+    const std::string extension = ExtensionOf(TextFromPath(path));
+    // Files called BMP have always been refused, whatever they hold; callers rely on that. A result
+    // file would replace an image of its own name.
+    if (extension == "BMP" || extension == "KEL") return {};
+    char start[RecognisedLength];
+    std::size_t length = 0;
+    if (const FileHandle file = OpenFile(path, "rb")) {
+        length = std::fread(start, 1, sizeof start, file.get());
+    }
+    std::vector<const ImageFormat*> found;
+    const auto add = [&](bool byContent, bool byName) {
+        for (const ImageFormat& format : formats) {
+            if ((!byContent || format.Recognises({start, length})) &&
+                (!byName || Lists(format.Extensions, extension)) &&
+                std::find(found.begin(), found.end(), &format) == found.end()) {
+                found.push_back(&format);
+            }
+        }
+    };
+    add(true, true);
+    add(true, false);
+    if (found.empty()) add(false, true);
+    return found;
+}
+
+bool ReadImageFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
+                   ReadFailure& failure) {
+    failure = {};
+    ForgetDecoding(image);
+    const ImageFormat* const own = OwnFormatOfName(TextFromPath(path));
+    bool shown = false;
+    const auto read = [&](const ImageFormat& format) {
+        ReadFailure said;
+        if (!format.Read(path, image, progress, said)) {
+            if (!shown) failure = said;
+            shown = true;
+            return false;
+        }
+        image.ImageType = format.Type;
+        image.Format = format.Name;
+        return true;
+    };
+    bool good = false;
+    const ImageFormat* reader = own;
+    if (own != nullptr) good = read(*own);
+    std::string cause;
+    if (!good) {
+        for (const ImageFormat* format : FormatsOfFile(path)) {
+            reader = format;
+            good =
+                (format->Read != nullptr && format != own && read(*format)) ||
+                (format->Decoder != nullptr && TryDecoder(*format, path, image, progress, cause));
+            if (good) break;
+        }
+    }
+    if (!good) {
+        if (own == nullptr) {
+            if (cause.empty()) cause = failure.Cause.empty() ? failure.Text : failure.Cause;
+            failure = {"File type is not supported", DefaultTitle, {}};
+        }
+        if (failure.Cause.empty()) failure.Cause = cause;
+        return false;
+    }
+    if (image.ImageType == ImageType::Fits && MayHaveLostTheSky(image)) {
+        DecodeLostSky(*reader, path, image, progress);
+    }
+    failure = {};
+    return true;
+}
+
+std::string ReadableFormats() {
+    std::string list;
+    for (const ImageFormat& format : formats) {
+        if (format.Read == nullptr && !HasModule(std::string("decode-") + format.Decoder)) continue;
+        list.append(list.empty() ? "" : ", ").append(format.Name);
+    }
+    return list;
+}
+
+}  // namespace vestrel

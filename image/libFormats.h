@@ -1,0 +1,51 @@
+// The table of image formats, and the reading of a file in whichever it is.
+#pragma once
+
+#include <filesystem>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "astro/libParallel.h"
+#include "image/libImage.h"
+
+namespace vestrel {
+
+/// What the program can do with a format. To add one, write its decoder and a row.
+struct ImageFormat {
+    const char* Name;        ///< "TIFF"
+    const char* Extensions;  ///< those files of it have as a rule, in capitals, between blanks
+    bool (*Recognises)(std::string_view start);  ///< by the first `RecognisedLength` bytes
+    /// The program's own reader and the extensions that lead to it without a look at the content.
+    bool (*Read)(const std::filesystem::path&, PlateImage&, const Progress&, ReadFailure&);
+    const char* OwnExtensions;
+    ImageType Type;       ///< of an image that `Read` has read
+    const char* Decoder;  ///< the module that reads the format, or the rest of it; null: none
+};
+
+inline constexpr std::size_t RecognisedLength = 512;
+
+std::span<const ImageFormat> ImageFormats();
+
+/// The formats that a file may be of: by its content first, by its name second.
+std::vector<const ImageFormat*> FormatsOfFile(const std::filesystem::path& path);
+
+/// The format whose own reader a name leads to; null when there is none.
+const ImageFormat* OwnFormatOfName(std::string_view path);
+
+/// Reads an image file of any format into `image`.
+///
+/// The reader that the name leads to comes first. What it refuses, and files of other names, go to
+/// the formats that `FormatsOfFile` tells, one after the other, until one reads it. A
+/// floating-point FITS image whose counts are all 0 and 1, or of which nearly all pixels lie below
+/// 0, was no image of counts: it is decoded anew, with its range brought to 0..65535.
+/// @param failure what to show when the result is false: the message of the reader that the name
+///        leads to, and what all others made of it
+bool ReadImageFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
+                   ReadFailure& failure);
+
+/// The names of the formats that can be read here, as a sentence's list.
+std::string ReadableFormats();
+
+}  // namespace vestrel

@@ -1,0 +1,255 @@
+#include "image/libPictureBuilder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <span>
+
+#include "astro/libMath.h"
+#include "astro/libStrings.h"
+#include "image/libFITS.h"
+#include "image/libFitsCards.h"
+
+namespace vestrel {
+
+namespace {
+
+/// Counts are stored less this, as 16-bit files have them.
+constexpr std::int32_t offset = 32768;
+constexpr double largestCount = 65535;
+
+std::int32_t Stored(std::int32_t count) {
+    return count - offset;
+}
+
+template <typename Sample>
+void TakeCounts(const Sample* samples, int channels, std::int32_t* row, std::int32_t width) {
+    for (std::int32_t x = 0; x < width; ++x, samples += channels) {
+        std::int32_t count = samples[0];
+        if (channels >= 3) {
+            count += samples[1] + samples[2];
+            if constexpr (sizeof(Sample) > 1) count = (count + 1) / 3;
+        }
+        row[x] = Stored(std::max(count, 0));
+    }
+}
+
+template <typename Sample>
+void TakeNumbers(const Sample* samples, int channels, Sample* numbers, std::int32_t width) {
+    for (std::int32_t x = 0; x < width; ++x, samples += channels) {
+        numbers[x] = channels >= 3 ? (samples[0] + samples[1] + samples[2]) / 3 : samples[0];
+    }
+}
+
+/// What the finite numbers of a picture span.
+struct NumberRange {
+    double Least = std::numeric_limits<double>::infinity();
+    double Greatest = -std::numeric_limits<double>::infinity();
+    bool Whole = true;
+    bool AllFinite = true;
+};
+
+template <typename Number>
+NumberRange RangeOf(const std::vector<Number>& numbers) {
+    NumberRange range;
+    Number least = std::numeric_limits<Number>::infinity();
+    Number greatest = -least;
+    bool whole = true;
+    bool finite = true;
+    for (const Number number : numbers) {
+        if (!std::isfinite(number)) {
+            finite = false;
+            continue;
+        }
+        least = std::min(least, number);
+        greatest = std::max(greatest, number);
+        whole = whole && number == std::trunc(number);
+    }
+    range = {static_cast<double>(least), static_cast<double>(greatest), whole, finite};
+    return range;
+}
+
+/// The median of evenly spread finite numbers.
+template <typename Number>
+double SkyOf(const std::vector<Number>& numbers) {
+    constexpr std::size_t samples = 40009;
+    const std::size_t step = std::max<std::size_t>(1, numbers.size() / samples);
+    std::vector<Number> some;
+    for (std::size_t i = 0; i < numbers.size(); i += step) {
+        if (std::isfinite(numbers[i])) some.push_back(numbers[i]);
+    }
+    if (some.empty()) return 0;
+    const auto middle = some.begin() + static_cast<std::ptrdiff_t>(some.size() / 2);
+    std::nth_element(some.begin(), middle, some.end());
+    return static_cast<double>(*middle);
+}
+
+/// count = (sample − Zero) × Factor
+CountScale ScaleFor(const NumberRange& range, std::int32_t width, std::int32_t height) {
+    constexpr std::int32_t smallestSide = 100;
+    // A picture whose brightest pixel comes to less has too few steps left for its faint stars.
+    constexpr double fewSteps = 8192;
+    const bool counts = range.Least >= 0 && range.Greatest <= largestCount;
+    const bool fractions = counts && range.Greatest <= 1 && !range.Whole && width >= smallestSide &&
+                           height >= smallestSide;
+    if (fractions && range.Greatest * largestCount >= fewSteps) return {0, largestCount};
+    if ((counts && !fractions) || range.Greatest <= range.Least) return {0, 1};
+    const double factor = largestCount / (range.Greatest - range.Least);
+    return std::isnormal(factor) ? CountScale{range.Least, factor} : CountScale{0, 1};
+}
+
+template <typename Number>
+void MakeCounts(const std::vector<Number>& numbers, PlateImage& image) {
+    const NumberRange range = RangeOf(numbers);
+    if (range.Least > range.Greatest) throw DecodeFault("None of its pixels is a number.");
+    const CountScale scale = ScaleFor(range, image.Width, image.Height);
+    image.Counts = scale;
+    const double sky = range.AllFinite ? 0 : SkyOf(numbers);
+    const Number* number = numbers.data();
+    for (std::int32_t y = 0; y < image.Height; ++y) {
+        std::int32_t* row = image.Pixels.Row(y).data();
+        for (std::int32_t x = 0; x < image.Width; ++x, ++number) {
+            const double value = std::isfinite(*number) ? static_cast<double>(*number) : sky;
+            const double count = (value - scale.Zero) * scale.Factor;
+            row[x] = Stored(static_cast<std::int32_t>(
+                RoundHalfEven(std::clamp<double>(count, 0, largestCount))));
+        }
+    }
+}
+
+/// A number in quotes, or with the quotes of a text around it, as some programs write it.
+std::string WithoutQuotes(std::string_view card) {
+    const std::size_t equals = card.find('=');
+    const std::size_t open = card.find('\'');
+    if (equals == std::string_view::npos || open == std::string_view::npos) return {};
+    const std::size_t close = card.find('\'', open + 1);
+    const std::string_view value = Trim(card.substr(open + 1, close - open - 1));
+    if (!ParseNumber(value)) return {};
+    return std::string(card.substr(0, equals)) + "= " + std::string(value);
+}
+
+}  // namespace
+
+PictureBuilder::PictureBuilder(PlateImage& image, const Progress& progress)
+    : image_(image), progress_(progress) {
+    ClearHeader(image.Header);
+}
+
+void PictureBuilder::Start(const PictureShape& shape) {
+    const auto size = std::to_string(shape.Width) + " x " + std::to_string(shape.Height);
+    if (shape.Width < 1 || shape.Height < 1 || shape.Channels < 1) {
+        throw DecodeFault("It has no pixels.");
+    }
+    if (shape.Width > LongestSide || shape.Height > LongestSide) {
+        throw DecodeFault("It has " + size + " pixels; a side may have " +
+                          std::to_string(LongestSide) + ".");
+    }
+    if (shape.Width * shape.Height > MostPixels) {
+        throw DecodeFault("It has " + size + " pixels; the limit is " +
+                          std::to_string(MostPixels / 1'000'000) + " million.");
+    }
+    shape_ = shape;
+    started_ = true;
+    image_.Header.NAxis1 = static_cast<std::int16_t>(shape.Width);
+    image_.Header.NAxis2 = static_cast<std::int16_t>(shape.Height);
+    StartPixels(image_, offset);
+    image_.TopRowFirst = shape.TopRowFirst;
+    const bool colour = shape.Channels >= 3;
+    image_.LargestCount = shape.Kind != SampleKind::UInt8 ? 65535 : colour ? 3 * 255 : 255;
+    const auto pixels = static_cast<std::size_t>(shape.Width * shape.Height);
+    if (shape.Kind == SampleKind::Float32) singles_.resize(pixels);
+    if (shape.Kind == SampleKind::Float64) doubles_.resize(pixels);
+}
+
+void PictureBuilder::Row(std::int64_t y, const void* samples) {
+    const auto at = static_cast<std::int32_t>(y);
+    std::int32_t* row = image_.Pixels.Row(at).data();
+    const std::int32_t width = image_.Width;
+    const std::size_t start = static_cast<std::size_t>(y) * static_cast<std::size_t>(width);
+    switch (shape_.Kind) {
+        case SampleKind::UInt8:
+            TakeCounts(static_cast<const std::uint8_t*>(samples), shape_.Channels, row, width);
+            break;
+        case SampleKind::UInt16:
+            TakeCounts(static_cast<const std::uint16_t*>(samples), shape_.Channels, row, width);
+            break;
+        case SampleKind::Int16:
+            TakeCounts(static_cast<const std::int16_t*>(samples), shape_.Channels, row, width);
+            break;
+        case SampleKind::Float32:
+            TakeNumbers(static_cast<const float*>(samples), shape_.Channels,
+                        singles_.data() + start, width);
+            break;
+        case SampleKind::Float64:
+            TakeNumbers(static_cast<const double*>(samples), shape_.Channels,
+                        doubles_.data() + start, width);
+    }
+    if (at % 16 == 0 && progress_) progress_(at, image_.Height);
+}
+
+void PictureBuilder::Card(std::string_view card) {
+    ImageHeader& header = image_.Header;
+    if (header.CardCount + 2 >= ImageHeader::MaxCards) return;  // END needs room too
+    const auto parse = [&header](std::string_view text) {
+        std::string error;
+        try {
+            ParseHeaderCard(text, header, error);
+        } catch (const std::range_error&) {
+            error = "beyond any use";
+        }
+        return error.empty();
+    };
+    const std::string_view keyword = Trim(card.substr(0, std::min<std::size_t>(8, card.find('='))));
+    if (keyword.empty() && Trim(card).empty()) return;
+    header.Cards[static_cast<std::size_t>(++header.CardCount)] = card;
+    if (parse(card)) return;
+    const std::string plain = WithoutQuotes(card);
+    if (!plain.empty() && parse(plain)) return;
+    // Sizes beyond a field are told otherwise.
+    if (keyword.starts_with("NAXIS")) return;
+    Remark("The card " + std::string(Trim(card)) + " says nothing usable and was left out.");
+}
+
+void PictureBuilder::TextCard(std::string_view keyword, std::string_view text,
+                              std::string_view comment) {
+    Card(FitsTextCard(keyword, text, comment));
+}
+
+void PictureBuilder::NumberCard(std::string_view keyword, double value, std::string_view comment) {
+    if (std::isfinite(value)) Card(FitsNumberCard(keyword, value, comment));
+}
+
+void PictureBuilder::Remark(std::string text) {
+    constexpr std::size_t most = 100;
+    if (image_.Remarks.size() < most) image_.Remarks.push_back(std::move(text));
+}
+
+void PictureBuilder::Orientation(int value) {
+    if (value >= 1 && value <= 8) image_.Orientation = value;
+}
+
+void PictureBuilder::Finish() {
+    if (!started_) throw DecodeFault("It holds no picture.");
+    if (shape_.Kind == SampleKind::Float32) MakeCounts(singles_, image_);
+    if (shape_.Kind == SampleKind::Float64) MakeCounts(doubles_, image_);
+    ImageHeader& header = image_.Header;
+    header.Cards[static_cast<std::size_t>(++header.CardCount)] = std::string("END").append(77, ' ');
+    // The record speaks of the pixels as they lie in memory.
+    header.Simple = true;
+    header.BitPix = static_cast<std::int16_t>(shape_.BitPix);
+    header.NAxis = 2;
+    header.NAxis1 = static_cast<std::int16_t>(image_.Width);
+    header.NAxis2 = static_cast<std::int16_t>(image_.Height);
+    header.BZero = offset;
+    header.BScale = 1;
+    const CountScale& scale = image_.Counts;
+    if (scale.Factor != 1 || scale.Zero != 0) {
+        header.DataMax = largestCount;
+        Remark("Counts are (sample - " + NumberText(scale.Zero) + ") x " +
+               NumberText(scale.Factor) + ".");
+    }
+    image_.Pedestal = header.Pedestal;
+    if (progress_) progress_(0, image_.Height);
+}
+
+}  // namespace vestrel

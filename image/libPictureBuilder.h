@@ -1,0 +1,51 @@
+// Makes the program's image of what a decoder hands on: counts from samples of any range, and the
+// header from cards of any kind.
+#pragma once
+
+#include <vector>
+
+#include "astro/libParallel.h"
+#include "image/libDecoder.h"
+#include "image/libImage.h"
+
+namespace vestrel {
+
+/// The longest side and the most pixels of a picture: the record counts sides in 16 bits.
+inline constexpr std::int64_t LongestSide = 32767;
+inline constexpr std::int64_t MostPixels = std::int64_t{1} << 28;
+
+/// Fills a `PlateImage` from a decoder.
+///
+/// Counts: 8- and 16-bit samples are counts (negative ones become 0), and so are wider and
+/// floating-point ones that lie within 0..65535. Floating-point pictures of at least 100 x 100
+/// pixels within 0..1, not all whole, are taken times 65535, as stackers write them; where that
+/// would leave few steps, and for any wider range, the range becomes 0..65535 by a straight line.
+/// The record says which. Pixels that are no finite numbers become the background, by which the
+/// median of the others is meant. Of colours the mean is taken, of 8-bit ones the sum, as JPEG
+/// pictures have it.
+class PictureBuilder final : public PictureSink {
+ public:
+    PictureBuilder(PlateImage& image, const Progress& progress);
+
+    void Start(const PictureShape& shape) override;
+    void Row(std::int64_t y, const void* samples) override;
+    void Card(std::string_view card) override;
+    void TextCard(std::string_view keyword, std::string_view text,
+                  std::string_view comment) override;
+    void NumberCard(std::string_view keyword, double value, std::string_view comment) override;
+    void Remark(std::string text) override;
+    void Orientation(int value) override;
+
+    /// After the last row and card. Throws `DecodeFault` when there was no picture.
+    void Finish();
+
+ private:
+    PlateImage& image_;
+    const Progress& progress_;
+    PictureShape shape_;
+    bool started_ = false;
+    std::vector<float> singles_;  ///< one number a pixel, of floating-point pictures
+    std::vector<double> doubles_;
+};
+
+}  // namespace vestrel
