@@ -186,9 +186,6 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     if (argument.empty()) return UsageError("Name an image.");
     options.Image = argument;
     if (auto error = ReadSearchInputs(ra, dec, size, options)) return *error;
-    if (!options.Centre && !options.Blind) {
-        return UsageError("Give the approximate centre with --ra and --dec, or --blind.");
-    }
     return {};
 }
 

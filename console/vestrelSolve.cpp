@@ -17,6 +17,7 @@
 #include "program/mBlindSolve.h"
 #include "program/mCommandLine.h"
 #include "program/mImageData.h"
+#include "program/mPictureHints.h"
 #include "program/mPlateMatch.h"
 #include "program/mSettings.h"
 #include "program/mSkyModel.h"
@@ -33,6 +34,7 @@ struct Outcome {
     SolveResult Result;
     bool Attempted = false;  ///< an image was read and a solve ran
     std::string Image;
+    std::string StartedFrom;  ///< the cards that gave the start; empty: the user did
     double Seconds = 0;
 };
 
@@ -46,6 +48,12 @@ Outcome SolveParameterString(ProgramState& state, Port& port, const std::string&
     return outcome;
 }
 
+/// The field size that the settings remember, radians.
+std::pair<double, double> RememberedFieldSize(const SolveParameters& parameters) {
+    const double radiansPerUnit = (parameters.SizeUnit == 1 ? 60 : 1) * Pi / 180 / 60;
+    return {parameters.FieldWidth * radiansPerUnit, parameters.FieldHeight * radiansPerUnit};
+}
+
 Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& options) {
     Outcome outcome;
     outcome.Image = options.Image;
@@ -54,17 +62,37 @@ Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& option
         outcome.Result = {SolveCode::NoImage, ResultMessage(SolveCode::NoImage)};
         return outcome;
     }
-    const auto [width, height] = *options.FieldSize;
     const double tolerance = state.Parameters.MaxError;
-    double ra = options.Centre ? options.Centre->Ra : 0;
-    double dec = options.Centre ? options.Centre->Dec : 0;
+    const GivenStart given{options.Centre, options.FieldSize};
+    const auto remembered = RememberedFieldSize(state.Parameters);
+    // Who asks for a blind search does not want the picture's own word on where it points.
+    std::vector<SearchStart> starts;
+    if (!options.Blind || options.Centre) starts = SearchStarts(state.Image, given, remembered);
+    if (starts.empty() && !options.Blind) {
+        std::fputs(
+            "The picture does not say where it points. Give the approximate centre with "
+            "--ra and --dec, or --blind.\n",
+            stderr);
+        return outcome;
+    }
     std::int16_t code = SolveCode::NoMatch;
-    if (options.Centre) {
-        code = SolvePlate(state, port, ra, dec, width, height, options.Regions, tolerance);
+    double ra = 0;
+    double dec = 0;
+    for (std::size_t i = 0; i < starts.size() && code == SolveCode::NoMatch; ++i) {
+        const SearchStart& start = starts[i];
+        ra = start.Centre.Ra;
+        dec = start.Centre.Dec;
+        if (!start.Sources.empty() && !options.Quiet) {
+            std::fprintf(stderr, "Searching with %s\n", WithoutControls(start.Sources).c_str());
+        }
+        // The stars that the first search found serve them all.
+        code = (i == 0 ? SolvePlate : MatchPlateStars)(state, port, ra, dec, start.Width,
+                                                       start.Height, options.Regions, tolerance);
+        if (code == SolveCode::Solved) outcome.StartedFrom = start.Sources;
     }
     if (options.Blind && code == SolveCode::NoMatch) {
-        const bool extracted = options.Centre.has_value();
-        code = SolveBlind(state, port, ra, dec, width, height, tolerance, extracted);
+        const auto [width, height] = LikelyFieldSize(state.Image, given, remembered);
+        code = SolveBlind(state, port, ra, dec, width, height, tolerance, !starts.empty());
     }
     outcome.Result = {code, ResultMessage(code)};
     outcome.Exit = ExitCodeOf(code, state);
@@ -117,15 +145,12 @@ int PrintHeader(ProgramState& state, Port& port, const std::string& path) {
     for (const std::string& line : HeaderLines(state.Image)) {
         std::printf("%s\n", WithoutControls(line).c_str());
     }
+    for (const std::string& line : HintLines(HintsOf(state.Image))) {
+        std::printf("Hint: %s\n", WithoutControls(line).c_str());
+    }
     if (HeaderLines(state.Image).empty()) std::fputs("A picture has no header.\n", stderr);
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return ExitCode::Solved;
     return ExitCode::NotWritten;
-}
-
-/// The field size that the settings remember, radians.
-std::pair<double, double> RememberedFieldSize(const SolveParameters& parameters) {
-    const double radiansPerUnit = (parameters.SizeUnit == 1 ? 60 : 1) * Pi / 180 / 60;
-    return {parameters.FieldWidth * radiansPerUnit, parameters.FieldHeight * radiansPerUnit};
 }
 
 /// The matched pairs: where each star lies in the image and in the catalog.
@@ -289,6 +314,7 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
         json["counts"] = {{"zero", state.Image.Counts.Zero}, {"factor", state.Image.Counts.Factor}};
         json["remarks"] = state.Image.Remarks;
     }
+    if (!outcome.StartedFrom.empty()) json["started_from"] = outcome.StartedFrom;
     json["width_px"] = state.Image.Width;
     json["height_px"] = state.Image.Height;
     json["stars_extracted"] = state.Extraction.StarsFound;
@@ -372,7 +398,6 @@ int Run(int argc, const char* const* argv) {
         std::fprintf(stderr, "%s\n", WithoutControls(complaint).c_str());
         return ExitCode::Usage;
     }
-    if (!options.FieldSize) options.FieldSize = RememberedFieldSize(state->Parameters);
     double seconds = 0;
     {
         const StageTimer timer(seconds);

@@ -180,6 +180,7 @@ struct ProgramState {
     SolveParameters Parameters;
     bool HaveConfig = false;  ///< the settings were read from the file
     SolveInputs Inputs;
+    SolveInputs FilledInputs;  ///< what was last put into the inputs from a picture's hints
     std::vector<std::string> RecentImages;  ///< paths, the last one first
 
     ExtractionFacts Extraction;

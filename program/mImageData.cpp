@@ -103,13 +103,13 @@ bool OpenChosenImage(ProgramState& state, Port& port, const std::string& path) {
     return opened;
 }
 
-void OpenImageDialog(ProgramState& state, Port& port) {
+bool OpenImageDialog(ProgramState& state, Port& port) {
     const std::optional<std::string> path = port.AskForFile(
         {"Open Image",
          "JPG Files (*.jpg)|*.jpg|BMP Files (*.bmp)|*.bmp|SBIG Files (*.SBIG)|*.SBIG;*.SBI|"
          "FITS Files (*.FIT, *.FITS, *.FTS)|*.fit;*.fits;*.fts|All Files (*.*)|*.*",
          4, state.Parameters.LastOpenFolder + "\\*.*", false});
-    if (path) OpenChosenImage(state, port, *path);
+    return path && OpenChosenImage(state, port, *path);
 }
 
 bool SaveImage(const ProgramState& state, Port& port, const std::string& path) {

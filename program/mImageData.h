@@ -17,7 +17,8 @@ bool OpenImage(ProgramState& state, Port& port, const std::string& path);
 bool OpenChosenImage(ProgramState& state, Port& port, const std::string& path);
 
 /// Asks the user for an image and loads it. Cancelling changes nothing.
-void OpenImageDialog(ProgramState& state, Port& port);
+/// @return whether it was loaded
+bool OpenImageDialog(ProgramState& state, Port& port);
 
 /// Writes the image with its solution as a FITS file (UTF-8 path), whole or not at all. Shows the
 /// system's error when that fails.

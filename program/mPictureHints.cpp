@@ -76,26 +76,37 @@ std::vector<std::string> HintLines(const PictureHints& hints) {
 }
 
 void FillInputsFromHints(ProgramState& state, Port& port) {
-    state.Display.HintSources.clear();
     if (!state.ImageLoaded) return;
     const PictureHints hints = HintsOf(state.Image);
+    SolveInputs& inputs = state.Inputs;
+    SolveInputs& filled = state.FilledInputs;
+    const auto untouched = [](const std::string& text, const std::string& before) {
+        return Trim(text).empty() || text == before;
+    };
     std::string sources;
-    if (!hints.Centres.empty()) {
+    if (!hints.Centres.empty() && untouched(inputs.Ra, filled.Ra) &&
+        untouched(inputs.Dec, filled.Dec)) {
         const CentreHint& best = hints.Centres.front();
-        state.Inputs.Ra = FormatRA(best.Centre.Ra, false, 2);
-        state.Inputs.Dec = FormatDec(best.Centre.Dec, false, 1);
-        sources = "Centre from " + best.Source;
+        filled.Ra = inputs.Ra = FormatRA(best.Centre.Ra, false, 2);
+        filled.Dec = inputs.Dec = FormatDec(best.Centre.Dec, false, 1);
+        sources = "Centre from " + best.Source + "\n";
     }
-    if (!hints.Scales.empty()) {
+    // The size of the last session is nothing that was typed for this picture.
+    const SolveParameters& kept = state.Parameters;
+    const bool sizeUntouched = (untouched(inputs.SizeX, filled.SizeX) ||
+                                ParseNumber(inputs.SizeX) == double{kept.FieldWidth}) &&
+                               (untouched(inputs.SizeY, filled.SizeY) ||
+                                ParseNumber(inputs.SizeY) == double{kept.FieldHeight});
+    if (!hints.Scales.empty() && sizeUntouched) {
         const ScaleHint& best = hints.Scales.front();
         const auto [width, height] = FieldOfScale(state.Image, best.ArcsecondsPerPixel);
-        const bool degrees = state.Inputs.Units == "degrees";
+        const bool degrees = inputs.Units == "degrees";
         const double unit = arcminutesPerRadian / (degrees ? 60 : 1);
-        state.Inputs.SizeX = RoundedText(width * unit, degrees ? 4 : 2);
-        state.Inputs.SizeY = RoundedText(height * unit, degrees ? 4 : 2);
-        sources += (sources.empty() ? "Size from " : "; size from ") + best.Source;
+        filled.SizeX = inputs.SizeX = RoundedText(width * unit, degrees ? 4 : 2);
+        filled.SizeY = inputs.SizeY = RoundedText(height * unit, degrees ? 4 : 2);
+        sources += "Image size from " + best.Source + "\n";
     }
-    state.Display.HintSources = sources;
+    if (!sources.empty()) state.Display.Details = sources;
     port.DisplayChanged();
 }
 

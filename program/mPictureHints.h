@@ -13,8 +13,8 @@ namespace vestrel {
 
 /// A place to start a search from.
 struct SearchStart {
-    SkyPosition Centre;   ///< J2000, radians
-    double Width = 0;     ///< of the field, radians
+    SkyPosition Centre;  ///< J2000, radians
+    double Width = 0;    ///< of the field, radians
     double Height = 0;
     std::string Sources;  ///< the cards that it was taken from; empty for what the user gave
 };
@@ -39,7 +39,8 @@ std::pair<double, double> LikelyFieldSize(const PlateImage& image, const GivenSt
 std::vector<std::string> HintLines(const PictureHints& hints);
 
 /// Puts the best hints of the image that was just opened into the inputs of the solve window, and
-/// their sources into `Display.HintSources`. What the picture does not say stays as it is.
+/// says in `Display.Details` where they are from. What the user has typed stays, and what the
+/// picture does not say.
 void FillInputsFromHints(ProgramState& state, Port& port);
 
 }  // namespace vestrel

@@ -7,6 +7,7 @@
 #include "astro/libStrings.h"
 #include "program/mImageData.h"
 #include "program/mMORA.h"
+#include "program/mPictureHints.h"
 #include "program/mPlateMatch.h"
 #include "program/mRecentImages.h"
 #include "program/mSolveReport.h"
@@ -166,14 +167,17 @@ void SwitchUnits(ProgramState& state) {
 void OpenImageCommand(ProgramState& state, Port& port) {
     const Operation operation(state, port, Activity::Opening);
     if (!operation) return;
-    OpenImageDialog(state, port);
-    if (state.ImageLoaded) AddRecentImage(state, state.Image.FileName);
+    if (!OpenImageDialog(state, port)) return;
+    AddRecentImage(state, state.Image.FileName);
+    FillInputsFromHints(state, port);
 }
 
 void OpenImageCommand(ProgramState& state, Port& port, const std::string& path) {
     const Operation operation(state, port, Activity::Opening);
     if (!operation) return;
-    if (OpenChosenImage(state, port, path)) AddRecentImage(state, state.Image.FileName);
+    if (!OpenChosenImage(state, port, path)) return;
+    AddRecentImage(state, state.Image.FileName);
+    FillInputsFromHints(state, port);
 }
 
 void SaveImageCommand(ProgramState& state, Port& port) {
