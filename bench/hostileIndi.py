@@ -3,11 +3,12 @@
 
   bench/hostileIndi.py --programs build/release/bin [--short]
 
-Each of them is asked for the mount's position once. The client must end by itself within 10 s, with a
-position or a message, in bounded memory, and may not let anything through that a terminal obeys. Exit
+Each of them is asked for the mount's position once. The client must end by itself within the 30 s that
+a mount has to connect, with a position or a message, in bounded memory, and may not let anything through that a terminal obeys. Exit
 code 1 when it did not.
 """
 import argparse
+import concurrent.futures
 import os
 import pathlib
 import random
@@ -42,8 +43,9 @@ def good(ra=5.5, dec=45.0):
 
 
 def scripted(first, later="", pause=0.0, reset=False, hold=True):
-    """A server that sends `first` at once and `later` after each request."""
+    """A server that sends `first` when it is asked what it has and `later` after each request."""
     def serve(client):
+        client.recv(65536)
         client.sendall(first.encode(errors="surrogateescape"))
         while hold and client.recv(65536):
             if later:
@@ -138,6 +140,29 @@ class Server:
             pass  # the client has left
 
 
+def attempt(probe, name, serve):
+    server = Server(serve)
+    environment = dict(os.environ, VESTREL_TELESCOPE=f"indi://127.0.0.1:{server.port}/{DEVICE}")
+    start = time.monotonic()
+    try:
+        end = subprocess.run([probe, "telescope"], env=environment, capture_output=True, timeout=60,
+                             check=False)
+        code, said = end.returncode, end.stdout.decode(errors="replace")
+    except subprocess.TimeoutExpired:
+        code, said = "never ended", ""
+    seconds = time.monotonic() - start
+    server.listener.close()
+    peak = int((re.search(r"peak: (\d+)", said) or [0, 0])[1]) / 1048576
+    loaded = bool(re.search(r"loaded: \S", said))
+    message = re.search(r"message: (.*)", said)
+    outcome = "a position" if loaded else message[1] if message else f"nothing ({code})"
+    wrong = code != 0 or seconds > 33 or peak > 300 or outcome.startswith("nothing")
+    wrong |= bool(re.search("[\0-\x09\x0b-\x1f\x7f-\x9f]", said))
+    wrong |= name == "honest" and not loaded
+    wrong |= name in ("not a number", "infinite", "beyond the sky") and loaded
+    return [name, outcome, f"{seconds:.1f} s", f"{peak:.0f} MB", "**bad**" if wrong else ""]
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--programs", required=True)
@@ -151,32 +176,13 @@ def main():
     found = servers(random.Random(seed))
     if options.short:
         found = {name: found[name] for name in (
-            "honest", "gone after half a message", "control characters and markup", "wrong types",
-            "not a number", "damaged 1", "damaged 2")}
-    for name, serve in found.items():
-        server = Server(serve)
-        environment = dict(os.environ,
-                           VESTREL_TELESCOPE=f"indi://127.0.0.1:{server.port}/{DEVICE}")
-        start = time.monotonic()
-        try:
-            end = subprocess.run([probe, "telescope"], env=environment, capture_output=True,
-                                 timeout=40, check=False)
-            code, said = end.returncode, end.stdout.decode(errors="replace")
-        except subprocess.TimeoutExpired:
-            code, said = "never ended", ""
-        seconds = time.monotonic() - start
-        server.listener.close()
-        peak = int((re.search(r"peak: (\d+)", said) or [0, 0])[1]) / 1048576
-        loaded = bool(re.search(r"loaded: \S", said))
-        message = re.search(r"message: (.*)", said)
-        outcome = "a position" if loaded else message[1] if message else "nothing"
-        wrong = code != 0 or seconds > 10 or peak > 300 or outcome == "nothing"
-        wrong |= bool(re.search("[\0-\x09\x0b-\x1f\x7f-\x9f]", said))
-        wrong |= name == "honest" and not loaded
-        wrong |= name in ("not a number", "infinite", "beyond the sky") and loaded
-        bad += wrong
-        rows.append([name, outcome, f"{seconds:.1f} s", f"{peak:.0f} MB", "**bad**" if wrong else ""])
-        print(*rows[-1], code if wrong else "", flush=True)
+            "honest", "gone at once", "gone after half a message", "reset after the first request",
+            "control characters and markup", "another device")}
+    with concurrent.futures.ThreadPoolExecutor(8) as pool:  # most of the time they wait
+        for row in pool.map(lambda item: attempt(probe, *item), found.items()):
+            rows.append(row)
+            bad += bool(row[-1])
+            print(*row, flush=True)
     if not options.short:
         rows = [[re.sub(r"[|`<>]", "?", str(cell)) for cell in row] for row in rows]
         write_table("hostile INDI", ["server", "outcome", "time", "peak memory", ""], rows,
