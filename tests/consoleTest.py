@@ -438,6 +438,48 @@ class Solutions(DrawnSky):
         self.assertEqual(abs(skies[1] - skies[2]).max(), 0)
         self.assert_centre(*skies[0][4])
         self.assertEqual(self.run_solver("--info", self.folder / "p.jpg").stdout, b"")
+        if not WINDOWS:  # which has no decoders
+            self.check_other_formats(counts.clip(0, 65535).astype("uint16"), skies[0], corners)
+
+    def check_other_formats(self, counts, skies, corners):
+        """The same sky in other programs' files: found by what their headers say, exported as it was."""
+        from astropy.io import fits
+        from astropy.wcs import WCS
+        from PIL import Image
+        centre = skies[4]
+        scale = math.hypot(*(skies[3] - skies[2]) * [math.cos(math.radians(centre[1])), 1]) / 599
+        hints = fits.Header({"RA": centre[0] + 0.1, "DEC": centre[1] - 0.1, "FOCALLEN": 500.0,
+                             "XPIXSZ": scale * 3600 * 500 / 206.264806, "EXPTIME": "30.0"})
+        one = fits.PrimaryHDU(counts, hints)
+        one.writeto(self.folder / "f.fits.gz")
+        fits.PrimaryHDU(counts / 65535, hints).writeto(self.folder / "f64.fits")
+        fits.PrimaryHDU((counts / 65535).astype("float32"), hints).writeto(self.folder / "f32.fits")
+        fits.HDUList([fits.PrimaryHDU(header=hints), fits.ImageHDU(counts)]).writeto(
+            self.folder / "extension.fits")
+        for kind in ("RICE_1", "HCOMPRESS_1"):
+            fits.HDUList([fits.PrimaryHDU(), fits.CompImageHDU(counts, hints, compression_type=kind)]
+                         ).writeto(self.folder / f"{kind}.fits.fz")
+        picture = Image.fromarray(counts[::-1].copy())
+        picture.save(self.folder / "f.png")
+        picture.save(self.folder / "f.tif", description=json.dumps(dict(hints)))
+        for name in ("f.fits.gz", "f64.fits", "f32.fits", "extension.fits", "RICE_1.fits.fz",
+                     "HCOMPRESS_1.fits.fz", "f.tif", "f.png"):
+            with self.subTest(name):
+                given = self.search[1:] if name == "f.png" else []  # which says nothing
+                run = self.run_solver(self.folder / name, *given,
+                                      "--export", self.folder / "out.fits")
+                self.assertEqual(run.returncode, SOLVED, run.stderr)
+                with fits.open(self.folder / "out.fits") as out:
+                    sky = WCS(out[0].header).all_pix2world(corners, 1)
+                    self.assertLess(abs(sky[4] - centre).max(), 0.05 * scale)
+                    self.assertLess(abs(sky - skies).max(), scale)
+                    if name != "f32.fits":
+                        self.assertLessEqual(abs(out[0].data - counts.astype(float)).max(), 1)
+        (self.folder / "cut.png").write_bytes((self.folder / "f.png").read_bytes()[:5000])
+        run = self.run_solver("--info", self.folder / "cut.png")
+        self.assertEqual((run.returncode, run.stdout), (NO_IMAGE, b""))
+        self.assertIn(b"File type is not supported", run.stderr)
+        self.assertIn(b"This PNG file cannot be read", run.stderr)
 
     def test_a_lost_one_is_an_error(self):
         (self.folder / "sky.kel").mkdir()
