@@ -285,6 +285,7 @@ void SubtractRowPlainly(std::int32_t* row, const std::int32_t* sky, std::int32_t
 void SubtractBackgroundBlocks(Grid<std::int32_t>& pixels, std::int32_t offset, std::int32_t width,
                               std::int32_t height, const BackgroundBlocks& background,
                               const Progress& progress) {
+    if (width == 0) return;                    // rows of nothing have no first pixel
     constexpr std::int32_t rowsPerPiece = 63;  // whole blocks
     const auto subtract = HasAvx2() ? SubtractRowForAvx2 : SubtractRowPlainly;
     const auto subtractPiece = [&](int piece) {
