@@ -1,7 +1,7 @@
 // The star record that extraction, catalog and matching share.
 #pragma once
 
-#include <vector>
+#include "astro/libNumberedList.h"
 
 namespace vestrel {
 
@@ -14,8 +14,6 @@ struct PlateStar {
     double Dec = 0;  ///< J2000, radians; 0 for an extracted star
 };
 
-/// Lists of stars are 1-based: the stars stand at 1..count, element 0 is never used. A list may be
-/// longer than count + 1.
-using PlateStarList = std::vector<PlateStar>;
+using PlateStarList = NumberedList<PlateStar>;
 
 }  // namespace vestrel

@@ -146,10 +146,10 @@ void Extraction(benchmark::State& state) {
     const auto image = std::make_unique<PlateImage>();
     LoadFrame(static_cast<int>(state.range(0)), *image);
     SubtractSky(*image, EstimateSky(*image));
-    PlateStarList stars;
-    std::int32_t count = 0;
     ExtractionFacts facts;
-    for (auto _ : state) ExtractStars(*image, DetectionSettings(), stars, count, facts);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(ExtractStars(*image, DetectionSettings(), facts));
+    }
     state.counters["stars"] = facts.StarsFound;
 }
 void WholeSolve(benchmark::State& state) {
@@ -160,7 +160,7 @@ void WholeSolve(benchmark::State& state) {
                                    NumberText(geometry.CentreDec) + "," + NumberText(width) + "," +
                                    NumberText(width * 3 / 4) + ",9," + TextFromPath(path);
     SilentPort port;
-    std::int16_t code = 0;
+    SolveCode code = SolveCode::NoImage;
     while (state.KeepRunning()) {
         // A program started for one image: nothing is cached but the operating system's files.
         const auto program = std::make_unique<ProgramState>();
@@ -186,9 +186,7 @@ VESTREL_SIZES(WholeSolve)->UseRealTime();
 /// The catalog stars about the middle of the sky and the stars of a frame of it.
 struct Lists {
     PlateStarList Catalog;
-    std::int32_t CatalogCount = 0;
     PlateStarList Plate;
-    std::int32_t PlateCount = 0;
 
     explicit Lists(double offset) {
         const FrameGeometry geometry = Sky::Geometry(2);
@@ -196,7 +194,7 @@ struct Lists {
         LoadFrame(2, *image);
         SubtractSky(*image, EstimateSky(*image));
         ExtractionFacts facts;
-        ExtractStars(*image, DetectionSettings(), Plate, PlateCount, facts);
+        Plate = ExtractStars(*image, DetectionSettings(), facts);
         CatalogCache cache;
         cache.Folder = TheSky().CatalogFolder();
         Region(cache, geometry.CentreRa + offset, geometry.CentreDec);
@@ -205,8 +203,7 @@ struct Lists {
         const double radius = Sky::Geometry(2).Radius();
         Projection plane;
         plane.SetProjectionCentre(ra, dec, SolveArcsecondsPerRadian);
-        RegionStars(cache, plane, ra, dec, radius, SolveMagnitudeLimit(radius), Catalog,
-                    CatalogCount);
+        Catalog = RegionStars(cache, plane, {ra, dec}, radius, MagnitudeLimitFor(radius));
     }
 };
 
@@ -223,15 +220,15 @@ void CatalogRegion(benchmark::State& state) {
         }
         lists.Region(cache, 1.5, 0.4);
     }
-    state.counters["stars"] = lists.CatalogCount;
+    state.counters["stars"] = lists.Catalog.Count();
 }
 BENCHMARK(CatalogRegion)->Arg(0)->Arg(1)->ArgName("warm")->Unit(benchmark::kMicrosecond);
 
 void Triangles(benchmark::State& state) {
     const Lists lists(0);
     StarTriangleList triangles;
-    for (auto _ : state) benchmark::DoNotOptimize(BuildTriangles(lists.Plate, 45, triangles));
-    state.counters["triangles"] = static_cast<double>(triangles.size());
+    for (auto _ : state) triangles = BuildTriangles(lists.Plate, 45);
+    state.counters["triangles"] = triangles.Count();
 }
 BENCHMARK(Triangles)->Unit(benchmark::kMicrosecond);
 
@@ -241,18 +238,7 @@ void Alignment(benchmark::State& state) {
     KeptTriangles kept;
     bool matched = false;
     while (state.KeepRunning()) {
-        std::int32_t count1 = lists.CatalogCount;
-        std::int32_t count2 = lists.PlateCount;
-        StarMatchList matches;
-        std::int32_t matchCount = 0;
-        std::int32_t usedCount = 0;
-        PlateConstants constants;
-        FitGeometry geometry;
-        double fitError = 0;
-        AlignReport report;
-        matched =
-            AlignImages(lists.Catalog, count1, lists.Plate, count2, matches, matchCount, constants,
-                        geometry, fitError, usedCount, 2, AlignSettings(), kept, report);
+        matched = AlignImages(lists.Catalog, lists.Plate, 2, AlignSettings(), kept).Matched;
     }
     if (matched != (state.range(0) == 0)) state.SkipWithError("not the expected outcome");
 }

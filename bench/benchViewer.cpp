@@ -37,12 +37,11 @@ class Scene {
         image.Header.DecRef = 0.5;
         const double rows[2][3] = {{0.4, 0.3, side / 2.0}, {0.3, -0.4, side / 2.0}};
         std::copy_n(&rows[0][0], 6, &image.Header.PlateTransform[0][0]);
-        State.PlateStars.resize(501);
+        State.PlateStars.Resize(500);
         for (PlateStar& star : State.PlateStars) {
             star.X = static_cast<float>(random() % side);
             star.Y = static_cast<float>(random() % side);
         }
-        State.PlateStarCount = 500;
         State.ImageLoaded = true;
         Window.resize(1600, 1000);
         Window.show();

@@ -47,8 +47,8 @@ constexpr double arcsecondsPerRadian = 206264.806247;
 
 /// A star list to be matched.
 struct Case {
-    PlateStarList Stars = PlateStarList(1);  ///< 1-based, brightest first
-    int Width = 0;                           ///< pixels
+    PlateStarList Stars;  ///< brightest first
+    int Width = 0;        ///< pixels
     int Height = 0;
     double FieldWidth = 0;  ///< as the search is told, radians
     double FieldHeight = 0;
@@ -102,13 +102,11 @@ class Bench {
             ++tally.Regions;
             Projection plane;
             plane.SetProjectionCentre(centre.Ra, centre.Dec, arcsecondsPerRadian);
-            PlateStarList catalog;
-            std::int32_t catalogCount = 0;
-            RegionStars(cache_, plane, centre.Ra, centre.Dec, radius, SolveMagnitudeLimit(radius),
-                        catalog, catalogCount);
-            if (Match(list, catalog, catalogCount, settings, maxError, triangles)) {
-                const MatchConfidence confidence =
-                    Judge(list, catalog, catalogCount, settings, region);
+            const PlateStarList catalog =
+                RegionStars(cache_, plane, centre, radius, MagnitudeLimitFor(radius));
+            found_ = AlignImages(catalog, list.Stars, maxError, settings, triangles);
+            if (found_.Matched) {
+                const MatchConfidence confidence = Judge(list, catalog, settings, region);
                 if (IsRight(list, plane, radius)) {
                     ++tally.Right;
                     tally.RightSure += IsSure(confidence) ? 1 : 0;
@@ -131,25 +129,13 @@ class Bench {
     std::string Name;  ///< of the kind that is measured
 
  private:
-    bool Match(const Case& list, const PlateStarList& catalog, std::int32_t catalogCount,
-               const AlignSettings& settings, double maxError, KeptTriangles& triangles) {
-        auto imageCount = static_cast<std::int32_t>(list.Stars.size()) - 1;
-        FitGeometry geometry;
-        AlignReport report;
-        std::int32_t pairCount = 0;
-        std::int32_t used = 0;
-        return AlignImages(catalog, catalogCount, list.Stars, imageCount, pairs_, pairCount, plate_,
-                           geometry, rms_, used, maxError, settings, triangles, report);
-    }
-
-    MatchConfidence Judge(const Case& list, const PlateStarList& catalog, std::int32_t catalogCount,
+    MatchConfidence Judge(const Case& list, const PlateStarList& catalog,
                           const AlignSettings& settings, int regions) const {
-        const auto imageCount = static_cast<std::int32_t>(list.Stars.size()) - 1;
-        MatchEvidence evidence = EvidenceOf(plate_, catalog, catalogCount, list.Stars, imageCount,
-                                            list.Width, list.Height);
+        MatchEvidence evidence =
+            EvidenceOf(found_.Constants, catalog, list.Stars, list.Width, list.Height);
         const std::int32_t most = settings.MaxStars;
-        evidence.SearchedCatalog = std::min(catalogCount, most);
-        evidence.SearchedImage = std::min(imageCount, most);
+        evidence.SearchedCatalog = std::min(catalog.Count(), most);
+        evidence.SearchedImage = std::min(list.Stars.Count(), most);
         evidence.Trials = regions;
         return ConfidenceOf(evidence);
     }
@@ -159,22 +145,20 @@ class Bench {
         double xi = 0;
         double eta = 0;
         SkyPosition found;
-        InvertPlateFit(plate_, (list.Width - 1) / 2.0, (list.Height - 1) / 2.0, xi, eta);
+        InvertPlateFit(found_.Constants, (list.Width - 1) / 2.0, (list.Height - 1) / 2.0, xi, eta);
         plane.PlaneToSky(xi, eta, found.Ra, found.Dec);
         return Separation(found, *list.Truth) < 0.03 * radius;
     }
 
     void Remark(const char* what, const Case& list, const MatchConfidence& confidence) const {
-        std::fprintf(stderr, "%s: %s: %.1f from %d of %d, ratio 1e%.1f, rms %.2f, %zu stars\n",
+        std::fprintf(stderr, "%s: %s: %.1f from %d of %d, ratio 1e%.1f, rms %.2f, %d stars\n",
                      Name.c_str(), what, confidence.Log10FalseAlarm, confidence.Matched,
-                     confidence.Candidates, confidence.Log10LikelihoodRatio, rms_,
-                     list.Stars.size() - 1);
+                     confidence.Candidates, confidence.Log10LikelihoodRatio, found_.FitError,
+                     list.Stars.Count());
     }
 
     CatalogCache cache_;
-    StarMatchList pairs_;
-    PlateConstants plate_;
-    double rms_ = 0;
+    Alignment found_;
 };
 
 constexpr AlignSettings usual;
@@ -211,8 +195,8 @@ Case EmptyCase(Generator& random, double from, double to) {
 void AddStar(Case& list, double x, double y) {
     if (x < 0 || y < 0 || x > list.Width - 1 || y > list.Height - 1) return;
     // The stars come brightest first.
-    const double flux = 1e6 / static_cast<double>(list.Stars.size());
-    list.Stars.push_back({static_cast<float>(x), static_cast<float>(y), static_cast<float>(flux)});
+    const double flux = 1e6 / (list.Stars.Count() + 1);
+    list.Stars.Add({static_cast<float>(x), static_cast<float>(y), static_cast<float>(flux)});
 }
 
 Case RandomCase(Generator& random) {
@@ -293,7 +277,7 @@ Case LatticeCase(Generator& random) {
     }
     std::shuffle(lights.begin(), lights.end(), random);
     for (const auto& [x, y] : lights) {
-        if (list.Stars.size() <= 100) AddStar(list, x, y);
+        if (list.Stars.Count() < 100) AddStar(list, x, y);
     }
     return list;
 }
@@ -415,7 +399,6 @@ std::vector<Picture> ReadPictures(const fs::path& table, bool sky, Generator& ra
         picture.File = fields[0];
         Case& list = picture.List;
         list.Stars = state->PlateStars;
-        list.Stars.resize(static_cast<std::size_t>(state->PlateStarCount) + 1);
         list.Width = state->Image.Width;
         list.Height = state->Image.Height;
         if (sky) {
@@ -508,7 +491,7 @@ void MeasureExhaustive(const std::string& name, Maker make, int lists) {
     const auto pointsOf = [&random](const Case& list) {
         constexpr std::size_t most = 12;
         Points points;
-        std::vector<PlateStar> stars(list.Stars.begin() + 1, list.Stars.end());
+        std::vector<PlateStar> stars(list.Stars.begin(), list.Stars.end());
         std::shuffle(stars.begin(), stars.end(), random);
         stars.resize(std::min(stars.size(), most));
         for (const PlateStar& star : stars) {

@@ -87,7 +87,7 @@ PlateStarList ImageStars(const Trial& trial, Kind kind, const std::filesystem::p
         const auto faint = RandomFrameStars(trial.Geometry, added, limit, limit + 2, generator());
         stars.insert(stars.end(), faint.begin(), faint.end());
     }
-    PlateStarList list(1);
+    PlateStarList list;
     for (FrameStar& star : stars) {
         if (kind == Kind::Crowded) {
             star.Place = {800 + 70 * normal(generator), 600 + 70 * normal(generator)};
@@ -95,13 +95,13 @@ PlateStarList ImageStars(const Trial& trial, Kind kind, const std::filesystem::p
         // More than any plate may be.
         if (kind == Kind::Stretched) star.Place.X *= 1.1;
         const double magnitude = star.Sky.Mag + normal(generator) / 6;
-        list.push_back({static_cast<float>(star.Place.X + normal(generator) / 5),
-                        static_cast<float>(star.Place.Y + normal(generator) / 5),
-                        static_cast<float>(std::pow(10, -0.4 * (magnitude - 20)))});
+        list.Add({static_cast<float>(star.Place.X + normal(generator) / 5),
+                  static_cast<float>(star.Place.Y + normal(generator) / 5),
+                  static_cast<float>(std::pow(10, -0.4 * (magnitude - 20)))});
     }
-    std::sort(list.begin() + 1, list.end(),
+    std::sort(list.begin(), list.end(),
               [](const PlateStar& a, const PlateStar& b) { return a.Flux > b.Flux; });
-    list.resize(std::min(list.size(), most + 1));
+    list.Resize(std::min(list.Count(), static_cast<std::int32_t>(most)));
     return list;
 }
 
@@ -136,12 +136,10 @@ void Measure(ProgramState& state, const QuadBand& band, int lists) {
             state.Image.Width = trial.Geometry.Width;
             state.Image.Height = trial.Geometry.Height;
             state.PlateStars = ImageStars(trial, kind, state.Catalog.Folder, random);
-            state.PlateStarCount = static_cast<std::int32_t>(state.PlateStars.size()) - 1;
             OpenTables(state, trial);
             state.QuadMatch = {};
             Count(first, state, trial,
-                  SearchQuads(state, port, state.PlateStars, state.PlateStarCount, trial.Width,
-                              trial.Height, tolerance));
+                  SearchQuads(state, port, state.PlateStars, trial.Width, trial.Height, tolerance));
             state.QuadMatch = {};
             OpenTables(state, trial);
             Count(sure, state, trial,

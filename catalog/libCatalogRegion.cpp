@@ -17,8 +17,8 @@ double Magnitude(const CatalogStar& star) {
     return star.Mag / 100.0;
 }
 
-void SortByMagnitude(PlateStarList& stars, std::int32_t count) {
-    CombSort(stars, count, [](const PlateStar& earlier, const PlateStar& later) {
+void SortByMagnitude(PlateStarList& stars) {
+    CombSort(stars, stars.Count(), [](const PlateStar& earlier, const PlateStar& later) {
         return earlier.Flux > later.Flux;
     });
 }
@@ -52,16 +52,20 @@ class RegionReach {
 
 }  // namespace
 
-void RegionStars(CatalogCache& cache, const Projection& projection, double ra0, double dec0,
-                 double radius, double magLimit, PlateStarList& stars, std::int32_t& count) {
+double MagnitudeLimitFor(double halfDiagonal) {
+    const double relative = halfDiagonal * (180 / Pi) * 60 / 14;
+    return 15.0 - 2.5 * std::log10(relative * relative);
+}
+
+PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, SkyPosition centre,
+                          double radius, double magLimit) {
     constexpr std::int32_t mostStars = 10000;
     const double limit = radius * SolveArcsecondsPerRadian;
     const double limitSquared = limit * limit;
-    cache.LoadRegion(ra0, dec0, radius);
+    cache.LoadRegion(centre.Ra, centre.Dec, radius);
     const RegionReach reach(projection, limit);
 
-    stars.assign(1, PlateStar());
-    count = 0;
+    PlateStarList stars;
     for (const CachedCell& cell : cache.Cells) {
         if (reach.Excludes(cell)) continue;
         for (std::size_t i = 1; i < cell.Stars.size(); ++i) {
@@ -75,22 +79,21 @@ void RegionStars(CatalogCache& cache, const Projection& projection, double ra0, 
             double eta = 0;
             projection.SkyToPlane(static_cast<double>(star.Ra), static_cast<double>(star.Dec), xi,
                                   eta);
-            if (count < mostStars && xi * xi + eta * eta <= limitSquared) {
-                stars.push_back(ProjectedStar(star, xi, eta, magnitude));
-                ++count;
+            if (stars.Count() < mostStars && xi * xi + eta * eta <= limitSquared) {
+                stars.Add(ProjectedStar(star, xi, eta, magnitude));
             }
         }
     }
-    SortByMagnitude(stars, count);
+    SortByMagnitude(stars);
+    return stars;
 }
 
-void FieldStars(const CatalogCache& cache, Projection& projection, double ra0, double dec0,
-                double radius, double magLimit, PlateStarList& stars, std::int32_t& count) {
+PlateStarList FieldStars(const CatalogCache& cache, Projection& projection, SkyPosition centre,
+                         double radius, double magLimit) {
     constexpr std::int32_t mostStars = 1000;
     const double limit = radius * ArcsecondsPerRadian;
-    projection.SetProjectionCentre(ra0, dec0, ArcsecondsPerRadian);
-    stars.assign(1, PlateStar());
-    count = 0;
+    projection.SetProjectionCentre(centre.Ra, centre.Dec, ArcsecondsPerRadian);
+    PlateStarList stars;
     for (const CachedCell& cell : cache.Cells) {
         if (!cell.InUse) continue;
         for (std::size_t i = 1; i < cell.Stars.size(); ++i) {
@@ -102,13 +105,13 @@ void FieldStars(const CatalogCache& cache, Projection& projection, double ra0, d
             const double cosine = projection.SkyToPlane(static_cast<double>(star.Ra),
                                                         static_cast<double>(star.Dec), xi, eta);
             const double distance = std::sqrt(xi * xi + eta * eta);
-            if (count < mostStars && distance <= limit && cosine >= 0) {
-                stars.push_back(ProjectedStar(star, xi, eta, magnitude));
-                ++count;
+            if (stars.Count() < mostStars && distance <= limit && cosine >= 0) {
+                stars.Add(ProjectedStar(star, xi, eta, magnitude));
             }
         }
     }
-    SortByMagnitude(stars, count);
+    SortByMagnitude(stars);
+    return stars;
 }
 
 }  // namespace vestrel

@@ -9,6 +9,10 @@
 
 namespace vestrel {
 
+/// The faintest magnitude to compare a field with, so that fields of all sizes have about as many
+/// stars: 15 for a half-diagonal (radians) of 14', and 1.5 magnitudes less for every doubling.
+double MagnitudeLimitFor(double halfDiagonal);
+
 /// The stars of a region that are brighter than a limit, for a solve.
 ///
 /// Loads the region, then projects every cached star with `projection`, which the caller has
@@ -16,14 +20,14 @@ namespace vestrel {
 /// *on the plane* is at most the radius; stars on the far hemisphere are not told apart.
 /// @param radius   radians
 /// @param magLimit magnitudes; a star of just this magnitude is left out
-/// @param stars    1-based; at most 10000, later ones are dropped silently
-void RegionStars(CatalogCache& cache, const Projection& projection, double ra0, double dec0,
-                 double radius, double magLimit, PlateStarList& stars, std::int32_t& count);
+/// @return at most 10000; later ones are dropped silently
+PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, SkyPosition centre,
+                          double radius, double magLimit);
 
 /// The stars of the cells that the last `LoadRegion` touched, within `radius` (radians) of a
 /// centre and no fainter than `magLimit`, at most 1000, far hemisphere excluded. Centres
-/// `projection` on (ra0, dec0).
-void FieldStars(const CatalogCache& cache, Projection& projection, double ra0, double dec0,
-                double radius, double magLimit, PlateStarList& stars, std::int32_t& count);
+/// `projection` there.
+PlateStarList FieldStars(const CatalogCache& cache, Projection& projection, SkyPosition centre,
+                         double radius, double magLimit);
 
 }  // namespace vestrel

@@ -6,7 +6,7 @@
 
 namespace vestrel {
 
-int ExitCodeOf(std::int16_t code, const ProgramState& state) {
+int ExitCodeOf(SolveCode code, const ProgramState& state) {
     switch (code) {
         case SolveCode::Solved:
             return ExitCode::Solved;
@@ -16,14 +16,14 @@ int ExitCodeOf(std::int16_t code, const ProgramState& state) {
             return ExitCode::Stopped;
         case SolveCode::NoImage:
             return ExitCode::NoImage;
-        default:
-            // When a centre was given as well, its search decides.
-            if (state.Report.Blind && state.Report.RegionsTried == 0 &&
-                !state.Quads.Fault.empty()) {
-                return ExitCode::NoCatalog;
-            }
-            return CatalogComplaint(state).empty() ? ExitCode::NoMatch : ExitCode::NoCatalog;
+        case SolveCode::NoMatch:
+            break;
     }
+    // When a centre was given as well, its search decides.
+    if (state.Report.Blind && state.Report.RegionsTried == 0 && !state.Quads.Fault.empty()) {
+        return ExitCode::NoCatalog;
+    }
+    return CatalogComplaint(state).empty() ? ExitCode::NoMatch : ExitCode::NoCatalog;
 }
 
 int ExitCodeOf(const UnattendedOutcome& outcome, const ProgramState& state, Port& port) {

@@ -24,7 +24,7 @@ inline constexpr int NotWritten = 8;  ///< solved, but a result could not be wri
 namespace vestrel {
 
 /// The exit code for the code of a solve.
-int ExitCodeOf(std::int16_t code, const ProgramState& state);
+int ExitCodeOf(SolveCode code, const ProgramState& state);
 
 /// The exit code for an unattended run. Shows a message when its result file is missing.
 int ExitCodeOf(const UnattendedOutcome& outcome, const ProgramState& state, Port& port);

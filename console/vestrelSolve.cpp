@@ -6,6 +6,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "console/consoleOptions.h"
@@ -75,24 +76,21 @@ Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& option
             stderr);
         return outcome;
     }
-    std::int16_t code = SolveCode::NoMatch;
-    double ra = 0;
-    double dec = 0;
+    SolveCode code = SolveCode::NoMatch;
     for (std::size_t i = 0; i < starts.size() && code == SolveCode::NoMatch; ++i) {
         const SearchStart& start = starts[i];
-        ra = start.Centre.Ra;
-        dec = start.Centre.Dec;
         if (!start.Sources.empty() && !options.Quiet) {
             std::fprintf(stderr, "Searching with %s\n", WithoutControls(start.Sources).c_str());
         }
         // The stars that the first search found serve them all.
-        code = (i == 0 ? SolvePlate : MatchPlateStars)(state, port, ra, dec, start.Width,
-                                                       start.Height, options.Regions, tolerance);
+        const PlateSearch search{start.Centre, start.Width, start.Height, options.Regions,
+                                 tolerance};
+        code = (i == 0 ? SolvePlate : MatchPlateStars)(state, port, search);
         if (code == SolveCode::Solved) outcome.StartedFrom = start.Sources;
     }
     if (options.Blind && code == SolveCode::NoMatch) {
         const auto [width, height] = LikelyFieldSize(state.Image, given, remembered);
-        code = SolveBlind(state, port, ra, dec, width, height, tolerance, !starts.empty());
+        code = SolveBlind(state, port, width, height, tolerance, !starts.empty());
     }
     outcome.Result = {code, ResultMessage(code)};
     outcome.Exit = ExitCodeOf(code, state);
@@ -154,26 +152,20 @@ int PrintHeader(ProgramState& state, Port& port, const std::string& path) {
 }
 
 /// The matched pairs: where each star lies in the image and in the catalog.
-nlohmann::ordered_json JsonMatches(const ProgramState& state) {
+nlohmann::ordered_json JsonMatches(const PlateSolution& solution) {
     constexpr double degreesPerRadian = 57.29577951308232;
     nlohmann::ordered_json matches = nlohmann::ordered_json::array();
-    for (std::size_t k = 1; k < state.Solution.Pairs.size(); ++k) {
-        const StarMatch& pair = state.Solution.Pairs[k];
-        if (!pair.InUse) continue;
-        const PlateStar& plateStar = state.PlateStars[static_cast<std::size_t>(pair.Star2)];
-        const PlateStar& catalogStar = state.CatalogStars[static_cast<std::size_t>(pair.Star1)];
+    for (const auto& [catalog, plate] : MatchedStars(solution)) {
         double x = 0;
         double y = 0;
-        ApplyPlateFit(state.Solution.Transform, static_cast<double>(catalogStar.X),
-                      static_cast<double>(catalogStar.Y), x, y);
-        matches.push_back(
-            {{"x", plateStar.X},
-             {"y", plateStar.Y},
-             {"catalog_x", x},
-             {"catalog_y", y},
-             {"ra_deg", catalogStar.Ra * degreesPerRadian},
-             {"dec_deg", catalogStar.Dec * degreesPerRadian},
-             {"magnitude", RoundToDecimals(static_cast<double>(catalogStar.Flux), 2)}});
+        ApplyPlateFit(solution.Transform, double{catalog->X}, double{catalog->Y}, x, y);
+        matches.push_back({{"x", plate->X},
+                           {"y", plate->Y},
+                           {"catalog_x", x},
+                           {"catalog_y", y},
+                           {"ra_deg", catalog->Ra * degreesPerRadian},
+                           {"dec_deg", catalog->Dec * degreesPerRadian},
+                           {"magnitude", RoundToDecimals(double{catalog->Flux}, 2)}});
     }
     return matches;
 }
@@ -257,9 +249,9 @@ nlohmann::ordered_json JsonQuads(const ProgramState& state) {
     nlohmann::ordered_json json = {{"searched", search.Searched},
                                    {"candidates", search.Candidates},
                                    {"four_star_fits", search.FourStarFits},
-                                   {"matched", search.PairCount > 0},
+                                   {"matched", !search.Pairs.Empty()},
                                    {"seconds", search.Seconds}};
-    if (search.PairCount > 0) json["confidence"] = JsonConfidence(search.Confidence);
+    if (!search.Pairs.Empty()) json["confidence"] = JsonConfidence(search.Confidence);
     if (!state.Quads.Fault.empty()) json["fault"] = state.Quads.Fault;
     return json;
 }
@@ -273,23 +265,23 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
     if (outcome.Result.Message.empty()) {
         json["code"] = nullptr;
     } else {
-        json["code"] = outcome.Result.Code;
+        json["code"] = NumberOf(outcome.Result.Code);
     }
     json["message"] = outcome.Result.Message;
     json["exit_code"] = outcome.Exit;
     json["image"] = outcome.Image;
     if (!outcome.Attempted) return json;
-    const PlateSolution& solution = state.Solution;
     if (solved) {
+        const PlateSolution& solution = *state.Solution;
         const ImageOrientation orientation = OrientationOf(solution, state.Image);
         json["ra_deg"] = solution.CentreRA * degreesPerRadian;
         json["dec_deg"] = solution.CentreDec * degreesPerRadian;
-        json["ra"] = state.Display.CentreRA;
-        json["dec"] = state.Display.CentreDec;
+        json["ra"] = FormatRA(solution.CentreRA, true, 2);
+        json["dec"] = FormatDec(solution.CentreDec, true, 1);
         json["width_arcmin"] = solution.WidthArcmin;
         json["height_arcmin"] = solution.HeightArcmin;
-        json["scale_arcsec_px"] = state.Geometry.ScaleArcseconds;
-        json["rotation_deg"] = state.Geometry.AngleDegrees;
+        json["scale_arcsec_px"] = 1 / solution.Scale;
+        json["rotation_deg"] = PositionAngleDegrees(solution.Angle);
         json["up_position_angle_deg"] = orientation.UpPositionAngle;
         json["mirrored"] = orientation.Mirrored;
         json["stretch"] = solution.Stretch;
@@ -305,7 +297,7 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
         json["transform"] = {t.a, t.b, t.c, t.d, t.e, t.f};
         json["confidence"] = JsonConfidence(solution.Confidence);
         json["cautions"] = Cautions(state);
-        json["matches"] = JsonMatches(state);
+        json["matches"] = JsonMatches(solution);
         if (const auto model = SkyModelOfImage(state)) json["sky_model"] = JsonSkyModel(*model);
     }
     const SolveReport& report = state.Report;
@@ -318,7 +310,7 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
     json["width_px"] = state.Image.Width;
     json["height_px"] = state.Image.Height;
     json["stars_extracted"] = state.Extraction.StarsFound;
-    json["stars_in_catalog"] = solved ? solution.CatalogCount : report.CatalogStarsAtStart;
+    json["stars_in_catalog"] = solved ? state.Solution->CatalogCount() : report.CatalogStarsAtStart;
     json["sky_noise"] = state.Extraction.BackgroundSigma;
     json["smoothed"] = report.Smoothed;
     json["magnitude_limit"] = report.MagnitudeLimit;

@@ -45,7 +45,9 @@ HeaderWindow::HeaderWindow(const ProgramState& state)
 void HeaderWindow::ImageChanged() {
     if (!isVisible()) return;
     QString text;
-    for (const std::string& line : HeaderLines(state_.Image)) text += QtText(line) + "\n";
+    if (state_.ImageLoaded) {
+        for (const std::string& line : HeaderLines(state_.Image)) text += QtText(line) + "\n";
+    }
     // The same text keeps its place under the scroll bars.
     if (text_->toPlainText() != text) text_->setPlainText(text);
 }

@@ -144,7 +144,7 @@ void ImageWindow::BuildStatusBar() {
 }
 
 void ImageWindow::ImageChanged() {
-    const bool solved = state_.Display.SolutionOverlays;
+    const bool solved = state_.Solution.has_value();
     if (solved && !solutionSeen_) {
         for (QAction* overlay : {extracted_, catalog_, matched_}) overlay->setChecked(true);
     }

@@ -89,9 +89,7 @@ bool TakeViewer(SolveWindow& window, const ProgramState& state, Photographer& ph
     choose("mnuLevels");
     QApplication::processEvents();
     std::vector<const PlateStar*> stars;
-    for (const StarMatch& pair : state.Solution.Pairs) {
-        if (pair.InUse) stars.push_back(&state.PlateStars[static_cast<std::size_t>(pair.Star2)]);
-    }
+    for (const MatchedStar& star : MatchedStars(*state.Solution)) stars.push_back(star.Plate);
     if (stars.size() < 3) return false;
     const auto fromMiddle = [&state](const PlateStar* star) {
         return std::hypot(star->X - state.Image.Width / 2.0, star->Y - state.Image.Height / 2.0);
@@ -132,7 +130,7 @@ bool TakeAll(Photographer photographer, const std::string& frame, const QString&
     type("txtRA", ra);
     type("txtDec", dec);
     press("cmdMatch");
-    good = good && state->Solution.MatchedCount > 0;
+    good = good && state->Solution;
     good = photographer.Take("fKELInfo", "solved") && good;
     press("cmdImage");
     good = TakeViewer(window, *state, photographer) && good;

@@ -16,22 +16,6 @@ constexpr double exactArcsecondsPerRadian = 206264.80624709636;
 /// So that rounding does not take away what lies on the very rim of the sky.
 constexpr double rim = 1e-12;
 
-template <typename PixelOf>
-std::optional<NearestStar> Nearest(std::int32_t count, const PixelPoint& pixel, PixelOf pixelOf) {
-    std::optional<NearestStar> nearest;
-    for (std::int32_t i = 1; i <= count; ++i) {
-        const std::optional<PixelPoint> place = pixelOf(static_cast<std::size_t>(i));
-        if (!place) continue;
-        const double distance = std::hypot(place->X - pixel.X, place->Y - pixel.Y);
-        if (distance < (nearest ? nearest->Distance : HUGE_VAL)) nearest = {i, distance};
-    }
-    return nearest;
-}
-
-std::int32_t HeldCount(const PlateStarList& stars, std::int32_t count) {
-    return std::min(count, static_cast<std::int32_t>(stars.size()) - 1);
-}
-
 PixelPoint UnitVector(double x, double y) {
     const double length = std::hypot(x, y);
     return {x / length, y / length};
@@ -140,19 +124,16 @@ std::optional<ScaleBar> ScaleBarFor(const SkyMap& map, double longest) {
     return std::nullopt;
 }
 
-std::optional<NearestStar> NearestPlateStar(const PlateStarList& stars, std::int32_t count,
-                                            const PixelPoint& pixel) {
-    return Nearest(HeldCount(stars, count), pixel, [&](std::size_t i) {
-        return std::optional(
-            PixelPoint{static_cast<double>(stars[i].X), static_cast<double>(stars[i].Y)});
-    });
-}
-
 std::optional<NearestStar> NearestCatalogStar(const SkyMap& map, const PlateStarList& stars,
-                                              std::int32_t count, const PixelPoint& pixel) {
-    return Nearest(HeldCount(stars, count), pixel, [&](std::size_t i) {
-        return map.PixelOf({stars[i].Ra, stars[i].Dec});
-    });
+                                              const PixelPoint& pixel) {
+    std::optional<NearestStar> nearest;
+    for (std::int32_t i = 1; i <= stars.Count(); ++i) {
+        const std::optional<PixelPoint> place = map.PixelOf({stars[i].Ra, stars[i].Dec});
+        if (!place) continue;
+        const double distance = std::hypot(place->X - pixel.X, place->Y - pixel.Y);
+        if (distance < (nearest ? nearest->Distance : HUGE_VAL)) nearest = {i, distance};
+    }
+    return nearest;
 }
 
 double SkyDistance(const SkyPosition& a, const SkyPosition& b) {

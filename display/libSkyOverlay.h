@@ -69,12 +69,9 @@ struct NearestStar {
     std::int32_t Index = 0;  ///< in the list, from 1
     double Distance = 0;     ///< pixels
 };
-/// The nearest of stars 1..count of the image; nothing from an empty list.
-std::optional<NearestStar> NearestPlateStar(const PlateStarList& stars, std::int32_t count,
-                                            const PixelPoint& pixel);
-/// The nearest of catalog stars 1..count by where the solution puts them.
+/// The nearest catalog star by where the solution puts them; nothing from an empty list.
 std::optional<NearestStar> NearestCatalogStar(const SkyMap& map, const PlateStarList& stars,
-                                              std::int32_t count, const PixelPoint& pixel);
+                                              const PixelPoint& pixel);
 
 /// The distance of two positions on the sky, radians (haversine formula: good for small ones).
 double SkyDistance(const SkyPosition& a, const SkyPosition& b);

@@ -271,22 +271,20 @@ std::int32_t RejectLarge(std::vector<Region>& regions, std::int32_t count, doubl
 
 }  // namespace
 
-void ExtractStars(const PlateImage& image, const DetectionSettings& settings, PlateStarList& stars,
-                  std::int32_t& count, ExtractionFacts& facts, const Progress& progress) {
+PlateStarList ExtractStars(const PlateImage& image, const DetectionSettings& settings,
+                           ExtractionFacts& facts, const Progress& progress) {
     facts.StarsFound = 0;
-    count = 0;
-    stars.clear();
     constexpr std::int32_t smallestSide = 20;
-    if (image.Width < smallestSide || image.Height < smallestSide) return;
+    if (image.Width < smallestSide || image.Height < smallestSide) return {};
 
     const Border border{RoundToNearestInt32(image.Width * settings.EdgeExclusion),
                         RoundToNearestInt32(image.Height * settings.EdgeExclusion)};
     const SkySamples samples(image, border);
     const Sums all = samples.SumsUpTo(std::numeric_limits<double>::infinity());
-    if (all.Count == 0) return;
+    if (all.Count == 0) return {};
     const MeanAndSigma rough = Statistics(all);
     const Sums clipped = samples.SumsUpTo(rough.Mean + 3 * rough.Sigma);
-    if (clipped.Count == 0) return;
+    if (clipped.Count == 0) return {};
     const MeanAndSigma sky = Statistics(clipped);
     facts.BackgroundSigma = sky.Sigma;
     facts.SkyMean = sky.Mean;
@@ -296,7 +294,7 @@ void ExtractStars(const PlateImage& image, const DetectionSettings& settings, Pl
 
     const std::int32_t level = StoredLevel(threshold, image.DataOffset);
     BrightRuns bright(image.Pixels, image.Width, image.Height, level, progress);
-    count = bright.Label(facts.MaxFillDepth);
+    std::int32_t count = bright.Label(facts.MaxFillDepth);
     std::vector<Region> regions = MeasureRegions(bright, count, image.DataOffset, sky.Mean);
 
     RejectAtEdges(regions, image, border);
@@ -305,20 +303,20 @@ void ExtractStars(const PlateImage& image, const DetectionSettings& settings, Pl
            regions[static_cast<std::size_t>(count)].PixelCount < settings.MinStarSize) {
         --count;
     }
-    if (count == 0) return;
+    if (count == 0) return {};
     count = RejectLarge(regions, count, settings.MaxStarSize);
-    if (count == 0) return;
+    if (count == 0) return {};
     SortByFluxDescending(regions, count);
     facts.StarsFound = count;
-    count = std::min(count, MaxExtractedStars);
 
-    constexpr std::size_t spareEntries = 10;
-    stars.assign(static_cast<std::size_t>(count) + 1 + spareEntries, PlateStar());
-    for (std::size_t i = 1; i <= static_cast<std::size_t>(count); ++i) {
-        stars[i].X = static_cast<float>(regions[i].CentroidX);
-        stars[i].Y = static_cast<float>(regions[i].CentroidY);
-        stars[i].Flux = static_cast<float>(regions[i].FluxSum);
+    PlateStarList stars;
+    for (std::size_t i = 1; i <= static_cast<std::size_t>(std::min(count, MaxExtractedStars));
+         ++i) {
+        const Region& region = regions[i];
+        stars.Add({static_cast<float>(region.CentroidX), static_cast<float>(region.CentroidY),
+                   static_cast<float>(region.FluxSum)});
     }
+    return stars;
 }
 
 }  // namespace vestrel

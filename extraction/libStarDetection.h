@@ -28,13 +28,13 @@ struct ExtractionFacts {
 /// No more stars than this are handed on.
 inline constexpr std::int32_t MaxExtractedStars = 100;
 
-/// Extracts the stars of an image, brightest first, into `stars` (1-based, `count` of them).
+/// Extracts the stars of an image, brightest first.
 ///
 /// Sky mean and noise come from a two-pass 3-sigma clip of every third pixel; pixels above mean +
 /// threshold join into regions by touch, diagonals included; a star's position is the
 /// flux-weighted centroid of its region. Regions near the edges, with too few pixels or too large
 /// are rejected. Images under 20 × 20 pixels give no stars.
-void ExtractStars(const PlateImage& image, const DetectionSettings& settings, PlateStarList& stars,
-                  std::int32_t& count, ExtractionFacts& facts, const Progress& progress = {});
+PlateStarList ExtractStars(const PlateImage& image, const DetectionSettings& settings,
+                           ExtractionFacts& facts, const Progress& progress = {});
 
 }  // namespace vestrel

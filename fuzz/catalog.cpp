@@ -44,13 +44,10 @@ void CheckRecords(std::string_view bytes, const std::vector<CatalogStar>& stars)
     }
 }
 
-void CheckList(const PlateStarList& list, std::int32_t count, std::int64_t wanted) {
-    Require(count == wanted, "the region has the stars that plain loops find");
-    Require(list.size() == static_cast<std::size_t>(count) + 1, "the list has its length");
-    for (std::int32_t i = 2; i <= count; ++i) {
-        Require(
-            list[static_cast<std::size_t>(i) - 1].Flux <= list[static_cast<std::size_t>(i)].Flux,
-            "the brightest come first");
+void CheckList(const PlateStarList& list, std::int64_t wanted) {
+    Require(list.Count() == wanted, "the region has the stars that plain loops find");
+    for (std::int32_t i = 2; i <= list.Count(); ++i) {
+        Require(list[i - 1].Flux <= list[i].Flux, "the brightest come first");
     }
 }
 
@@ -58,9 +55,8 @@ void CheckRegion(CatalogCache& cache, const std::string& cell, const Region& reg
                  const std::vector<CatalogStar>& stars) {
     Projection plane;
     plane.SetProjectionCentre(region.Ra, region.Dec, SolveArcsecondsPerRadian);
-    PlateStarList list;
-    std::int32_t count = 0;
-    RegionStars(cache, plane, region.Ra, region.Dec, region.Radius, region.MagLimit, list, count);
+    const SkyPosition centre{region.Ra, region.Dec};
+    const PlateStarList list = RegionStars(cache, plane, centre, region.Radius, region.MagLimit);
     std::int64_t total = 0;
     for (const CachedCell& cached : cache.Cells) total += cached.StarCount;
     Require(total == cache.CachedStars, "the cache knows its stars");
@@ -81,9 +77,9 @@ void CheckRegion(CatalogCache& cache, const std::string& cell, const Region& reg
                                std::sqrt(xi * xi + eta * eta) <= limit;
         })};
     };
-    CheckList(list, count, std::min<std::int64_t>(wanted(true), 10000));
-    FieldStars(cache, plane, region.Ra, region.Dec, region.Radius, region.MagLimit, list, count);
-    CheckList(list, count, std::min<std::int64_t>(wanted(false), 1000));
+    CheckList(list, std::min<std::int64_t>(wanted(true), 10000));
+    const PlateStarList field = FieldStars(cache, plane, centre, region.Radius, region.MagLimit);
+    CheckList(field, std::min<std::int64_t>(wanted(false), 1000));
 }
 
 }  // namespace

@@ -65,8 +65,8 @@ void Search(ProgramState& state) {
     RecordingPort port(state);
     state.Image.Width = 1000;
     state.Image.Height = 800;
-    const PlateStarList stars = {{}, {100, 100}, {700, 150}, {300, 600}, {500, 420}, {20, 750}};
-    SearchQuads(state, port, stars, 5, 0.03, 0.024, 2);
+    const PlateStarList stars = {{100, 100}, {700, 150}, {300, 600}, {500, 420}, {20, 750}};
+    SearchQuads(state, port, stars, 0.03, 0.024, 2);
 }
 
 }  // namespace

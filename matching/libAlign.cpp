@@ -9,22 +9,22 @@ namespace vestrel {
 
 namespace {
 
-/// The state of one alignment, all of it the caller's.
+/// One alignment at work.
 struct Fit {
     const PlateStarList& List1;
     const PlateStarList& List2;
-    StarMatchList& Matches;
-    std::int32_t& MatchCount;
-    std::int32_t& UsedCount;
-    PlateConstants& Constants;
-    FitGeometry& Geometry;
-    double& FitError;
     double MaxError;
     double MaxGeometricError;
-    std::vector<double> Residuals;
+    Alignment& Result;
+    StarMatchList& Matches = Result.Matches;
+    std::int32_t& UsedCount = Result.UsedCount;
+    PlateConstants& Constants = Result.Constants;
+    FitGeometry& Geometry = Result.Geometry;
+    double& FitError = Result.FitError;
+    NumberedList<double> Residuals = {};
 
     void Refit() {
-        FitError = FitPlate(List1, List2, Matches, MatchCount, Constants, Residuals);
+        FitError = FitPlate(List1, List2, Matches, Constants, Residuals);
         Geometry = PlateGeometry(Constants);
     }
 
@@ -38,13 +38,13 @@ struct Fit {
         double Mean = 0;
         double Sigma = 0;
         double Largest = 0;
-        std::size_t Worst = 0;
+        std::int32_t Worst = 0;
     };
     ResidualFacts JudgeResiduals() const {
         ResidualFacts facts;
         double sum = 0;
         double squares = 0;
-        for (std::size_t k = 1; k <= static_cast<std::size_t>(MatchCount); ++k) {
+        for (std::int32_t k = 1; k <= Matches.Count(); ++k) {
             if (!Matches[k].InUse) continue;
             const double residual = Residuals[k];
             sum += residual;
@@ -60,7 +60,7 @@ struct Fit {
         return facts;
     }
 
-    void Drop(std::size_t pair) {
+    void Drop(std::int32_t pair) {
         --UsedCount;
         Matches[pair].InUse = false;
     }
@@ -83,22 +83,15 @@ struct Fit {
         return false;
     }
 
-    void CompactMatches() {
-        const auto unused = std::remove_if(Matches.begin() + 1, Matches.end(),
-                                           [](const StarMatch& match) { return !match.InUse; });
-        Matches.erase(unused, Matches.end());
-        MatchCount = static_cast<std::int32_t>(Matches.size()) - 1;
-    }
-
     /// Adds the pairs that the fit predicts. After a pair that does not fit, the constants of its
     /// trial stay in force for the following predictions.
-    void Extend(std::int32_t count1, std::int32_t count2, double invScale) {
+    void Extend(double invScale) {
         constexpr std::int32_t mostPairs = std::numeric_limits<std::int16_t>::max();
-        std::vector<bool> taken1(static_cast<std::size_t>(count1) + 1);
-        std::vector<bool> taken2(static_cast<std::size_t>(count2) + 1);
-        for (std::size_t k = 1; k < Matches.size(); ++k) {
-            const auto star1 = static_cast<std::size_t>(Matches[k].Star1);
-            const auto star2 = static_cast<std::size_t>(Matches[k].Star2);
+        std::vector<bool> taken1(static_cast<std::size_t>(Result.Count1) + 1);
+        std::vector<bool> taken2(static_cast<std::size_t>(Result.Count2) + 1);
+        for (const StarMatch& match : Matches) {
+            const auto star1 = static_cast<std::size_t>(match.Star1);
+            const auto star2 = static_cast<std::size_t>(match.Star2);
             if (star1 < taken1.size()) taken1[star1] = true;
             if (star2 < taken2.size()) taken2[star2] = true;
         }
@@ -106,19 +99,16 @@ struct Fit {
         for (std::size_t i = 1; i < taken1.size(); ++i) {
             if (taken1[i]) continue;
             for (std::size_t j = 1; j < taken2.size(); ++j) {
-                if (taken2[j] || MatchCount >= mostPairs) continue;
+                if (taken2[j] || Matches.Count() >= mostPairs) continue;
                 if (!(DistanceFromPrediction(i, j) < invScale * MaxError)) continue;
-                Matches.push_back(
-                    {static_cast<std::int16_t>(i), static_cast<std::int16_t>(j), 0, true});
-                ++MatchCount;
+                Matches.Add({static_cast<std::int16_t>(i), static_cast<std::int16_t>(j), 0, true});
                 Refit();
-                const bool fails = MatchCount > 4 && FitError > 2.5 * savedError;
+                const bool fails = Matches.Count() > 4 && FitError > 2.5 * savedError;
                 if (!fails && GeometryPasses()) {
                     taken1[i] = true;
                     taken2[j] = true;
                 } else {
-                    Matches.pop_back();
-                    --MatchCount;
+                    Matches.Resize(Matches.Count() - 1);
                 }
             }
         }
@@ -152,54 +142,51 @@ struct Fit {
 
 }  // namespace
 
-bool AlignImages(const PlateStarList& list1, std::int32_t& count1, const PlateStarList& list2,
-                 std::int32_t& count2, StarMatchList& matches, std::int32_t& matchCount,
-                 PlateConstants& constants, FitGeometry& geometry, double& fitError,
-                 std::int32_t& usedCount, double maxError, const AlignSettings& settings,
-                 KeptTriangles& triangles2, AlignReport& report, const Progress& progress) {
-    report = {};
+Alignment AlignImages(const PlateStarList& list1, const PlateStarList& list2, double maxError,
+                      const AlignSettings& settings, KeptTriangles& triangles2,
+                      const Progress& progress) {
+    Alignment result;
+    result.Count1 = list1.Count();
+    result.Count2 = list2.Count();
     // Neither list takes part with many more stars than the other could answer.
     constexpr std::int32_t surplus = 15;
     const std::int32_t cap = settings.MaxStars;
-    const std::int32_t m1 = std::min({count1, count2 + surplus, cap});
-    const std::int32_t m2 = std::min({count2, count1 + surplus, cap});
-    if (!(m1 > 4 && m2 > 4)) return false;
+    const std::int32_t m1 = std::min({list1.Count(), list2.Count() + surplus, cap});
+    const std::int32_t m2 = std::min({list2.Count(), list1.Count() + surplus, cap});
+    if (!(m1 > 4 && m2 > 4)) return result;
 
     if (triangles2.StarCount != m2) {
-        triangles2.Count = BuildTriangles(list2, m2, triangles2.Triangles);
+        triangles2.Triangles = BuildTriangles(list2, m2);
         triangles2.StarCount = m2;
     }
-    StarTriangleList triangles1;
-    const std::int32_t triangleCount1 = BuildTriangles(list1, m1, triangles1);
+    const StarTriangleList triangles1 = BuildTriangles(list1, m1);
     VoteTable votes(m1, m2);
-    report.Triangles1 = triangleCount1;
-    report.Triangles2 = triangles2.Count;
-    report.Voted = VoteTriangles(votes, triangles1, triangleCount1, triangles2.Triangles,
-                                 triangles2.Count, settings.MatchTolerance, progress);
-    matchCount = SelectMatches(votes, m1, m2, settings.MatchDivisor, matches);
-    usedCount = matchCount;
-    report.Selected = matchCount;
-    if (matchCount < 3) return false;
+    AlignReport& report = result.Report;
+    report.Triangles1 = triangles1.Count();
+    report.Triangles2 = triangles2.Triangles.Count();
+    report.Voted =
+        VoteTriangles(votes, triangles1, triangles2.Triangles, settings.MatchTolerance, progress);
+    result.Matches = SelectMatches(votes, m1, m2, settings.MatchDivisor);
+    result.UsedCount = report.Selected = result.Matches.Count();
+    if (report.Selected < 3) return result;
 
-    Fit fit{list1,     list2,    matches,  matchCount, usedCount,
-            constants, geometry, fitError, maxError,   settings.MaxGeometricError,
-            {}};
+    Fit fit{list1, list2, maxError, settings.MaxGeometricError, result};
     double invScale = 0;
     const bool clean = fit.CleanFirst(invScale);
-    report.Kept = usedCount;
-    if (!clean) return false;
+    report.Kept = result.UsedCount;
+    if (!clean) return result;
 
-    count1 = std::min(count1, cap);
-    count2 = std::min(count2, cap);
-    fit.CompactMatches();
-    fit.Extend(count1, count2, invScale);
-    report.Kept = matchCount;
-    if (matchCount < 5) return false;
-    usedCount = matchCount;
+    result.Count1 = std::min(result.Count1, cap);
+    result.Count2 = std::min(result.Count2, cap);
+    result.Matches.RemoveIf([](const StarMatch& match) { return !match.InUse; });
+    fit.Extend(invScale);
+    report.Kept = result.UsedCount = result.Matches.Count();
+    if (result.UsedCount < 5) return result;
     fit.CleanLast();
-    report.Kept = usedCount;
+    report.Kept = result.UsedCount;
     // A fit without a solution at the end is no match, however many pairs it has.
-    return usedCount >= 5 && std::isfinite(fitError);
+    result.Matched = result.UsedCount >= 5 && std::isfinite(result.FitError);
+    return result;
 }
 
 }  // namespace vestrel

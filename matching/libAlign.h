@@ -21,7 +21,6 @@ struct AlignSettings {
 /// The triangles of a list that is matched many times, kept from one match to the next.
 struct KeptTriangles {
     std::int32_t StarCount = -1;  ///< of how many stars; −1 when nothing is kept
-    std::int32_t Count = 0;
     StarTriangleList Triangles;
 };
 
@@ -34,23 +33,29 @@ struct AlignReport {
     std::int32_t Kept = 0;      ///< pairs that survived the fit
 };
 
+/// The outcome of a match. Without a solution all is as it was last computed.
+struct Alignment {
+    bool Matched = false;        ///< at least 5 pairs fit
+    StarMatchList Matches;       ///< pairs with `InUse` false were dropped
+    std::int32_t UsedCount = 0;  ///< pairs in use
+    PlateConstants Constants;    ///< list 1 to list 2
+    FitGeometry Geometry;
+    double FitError = 0;      ///< root mean square residual, list-2 units
+    std::int32_t Count1 = 0;  ///< stars in list 1; no more than `MaxStars` once a first fit stands
+    std::int32_t Count2 = 0;
+    AlignReport Report;
+};
+
 /// Matches list 1 (catalog stars on the plane) with list 2 (stars of the image).
 ///
 /// Triangle votes give the first pairs; a fit is cleaned of outliers, extended by the pairs that
 /// it predicts, and cleaned again. The worst pair alone is dropped at a time, also when it was the
 /// geometry that did not pass.
 ///
-/// @param count1, count2 stars in the lists; lowered to `MaxStars` once the first fit stands
-/// @param matches    1..matchCount; pairs with `InUse` false were dropped
-/// @param usedCount  pairs in use
-/// @param fitError   root mean square residual, list-2 units
 /// @param maxError   largest fit error allowed; it is compared times the plate scale's inverse
 /// @param triangles2 triangles of list 2 from an earlier match of the same list
-/// @return true when at least 5 pairs fit; false leaves the outputs as they were last computed
-bool AlignImages(const PlateStarList& list1, std::int32_t& count1, const PlateStarList& list2,
-                 std::int32_t& count2, StarMatchList& matches, std::int32_t& matchCount,
-                 PlateConstants& constants, FitGeometry& geometry, double& fitError,
-                 std::int32_t& usedCount, double maxError, const AlignSettings& settings,
-                 KeptTriangles& triangles2, AlignReport& report, const Progress& progress = {});
+Alignment AlignImages(const PlateStarList& list1, const PlateStarList& list2, double maxError,
+                      const AlignSettings& settings, KeptTriangles& triangles2,
+                      const Progress& progress = {});
 
 }  // namespace vestrel

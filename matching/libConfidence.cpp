@@ -333,14 +333,12 @@ class Trial {
 }  // namespace
 
 MatchEvidence EvidenceOf(const PlateConstants& plate, const PlateStarList& catalogStars,
-                         std::int32_t catalogCount, const PlateStarList& imageStars,
-                         std::int32_t imageCount, std::int32_t width, std::int32_t height) {
+                         const PlateStarList& imageStars, std::int32_t width, std::int32_t height) {
     MatchEvidence evidence;
     evidence.Width = width;
     evidence.Height = height;
     evidence.Plate = plate;
-    for (std::int32_t c = 1; c <= catalogCount; ++c) {
-        const PlateStar& star = catalogStars[static_cast<std::size_t>(c)];
+    for (const PlateStar& star : catalogStars) {
         PredictedStar predicted;
         ApplyPlateFit(plate, static_cast<double>(star.X), static_cast<double>(star.Y), predicted.X,
                       predicted.Y);
@@ -349,8 +347,7 @@ MatchEvidence EvidenceOf(const PlateConstants& plate, const PlateStarList& catal
                             predicted.Y < height - 0.5;
         if (inside) evidence.Catalog.push_back(predicted);
     }
-    for (std::int32_t i = 1; i <= imageCount; ++i) {
-        const PlateStar& star = imageStars[static_cast<std::size_t>(i)];
+    for (const PlateStar& star : imageStars) {
         evidence.Image.push_back({static_cast<double>(star.X), static_cast<double>(star.Y),
                                   static_cast<double>(star.Flux), 0});
     }

@@ -61,11 +61,10 @@ struct MatchEvidence {
 
 /// The evidence for a linear plate: the catalog stars that it puts into the frame, and the stars
 /// of the image. `Trials` and what follows it are left to the caller.
-/// @param catalogStars 1-based, on the plane of the fit, magnitude as flux
-/// @param imageStars   1-based, pixels
+/// @param catalogStars on the plane of the fit, magnitude as flux
+/// @param imageStars   pixels
 MatchEvidence EvidenceOf(const PlateConstants& plate, const PlateStarList& catalogStars,
-                         std::int32_t catalogCount, const PlateStarList& imageStars,
-                         std::int32_t imageCount, std::int32_t width, std::int32_t height);
+                         const PlateStarList& imageStars, std::int32_t width, std::int32_t height);
 
 /// Judges a match. Deterministic; takes a few milliseconds at most.
 MatchConfidence ConfidenceOf(const MatchEvidence& evidence);

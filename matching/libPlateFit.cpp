@@ -46,67 +46,49 @@ double Wide(float value) {
     return static_cast<double>(value);
 }
 
+/// The normal equations of x2 and y2 on (x1, y1, 1) over the pairs in use.
+NormalEquations SumPairs(const PlateStarList& list1, const PlateStarList& list2,
+                         const StarMatchList& matches) {
+    NormalEquations rows{};
+    for (const StarMatch& match : matches) {
+        if (!match.InUse) continue;
+        const PlateStar& star1 = list1[match.Star1];
+        const PlateStar& star2 = list2[match.Star2];
+        const std::array<double, 3> unknowns = {Wide(star1.X), Wide(star1.Y), 1};
+        const std::array<double, 5> columns = {Wide(star1.X), Wide(star1.Y), 1, Wide(star2.X),
+                                               Wide(star2.Y)};
+        for (std::size_t i = 0; i < unknowns.size(); ++i) {
+            for (std::size_t j = 0; j < columns.size(); ++j) rows[i][j] += unknowns[i] * columns[j];
+        }
+    }
+    return rows;
+}
+
 }  // namespace
 
 double FitPlate(const PlateStarList& list1, const PlateStarList& list2,
-                const StarMatchList& matches, std::int32_t matchCount, PlateConstants& constants,
-                std::vector<double>& residuals) {
-    double n = 0;
-    double x1Sum = 0;
-    double y1Sum = 0;
-    double x1x1 = 0;
-    double y1y1 = 0;
-    double x1y1 = 0;
-    double x2Sum = 0;
-    double y2Sum = 0;
-    double x1x2 = 0;
-    double y1x2 = 0;
-    double x1y2 = 0;
-    double y1y2 = 0;
-    for (std::int32_t k = 1; k <= matchCount; ++k) {
-        const StarMatch& match = matches[static_cast<std::size_t>(k)];
-        if (!match.InUse) continue;
-        const PlateStar& star1 = list1[static_cast<std::size_t>(match.Star1)];
-        const PlateStar& star2 = list2[static_cast<std::size_t>(match.Star2)];
-        const double x1 = Wide(star1.X);
-        const double y1 = Wide(star1.Y);
-        const double x2 = Wide(star2.X);
-        const double y2 = Wide(star2.Y);
-        n += 1;
-        x1Sum += x1;
-        y1Sum += y1;
-        x1x1 += x1 * x1;
-        y1y1 += y1 * y1;
-        x1y1 += x1 * y1;
-        x2Sum += x2;
-        y2Sum += y2;
-        x1x2 += x1 * x2;
-        y1x2 += y1 * x2;
-        x1y2 += x1 * y2;
-        y1y2 += y1 * y2;
-    }
-    NormalEquations rows = {{{x1x1, x1y1, x1Sum, x1x2, x1y2},
-                             {x1y1, y1y1, y1Sum, y1x2, y1y2},
-                             {x1Sum, y1Sum, n, x2Sum, y2Sum}}};
+                const StarMatchList& matches, PlateConstants& constants,
+                NumberedList<double>& residuals) {
+    NormalEquations rows = SumPairs(list1, list2, matches);
+    const double n = rows[2][2];
     if (SolveNormalEquations(rows)) {
         constants = {rows[0][3], rows[1][3], rows[2][3], rows[0][4], rows[1][4], rows[2][4]};
     } else {
         constants = {notANumber, notANumber, notANumber, notANumber, notANumber, notANumber};
     }
 
-    residuals.resize(static_cast<std::size_t>(matchCount) + 1);
+    residuals.Clear();
     double squares = 0;
-    for (std::int32_t k = 1; k <= matchCount; ++k) {
-        const StarMatch& match = matches[static_cast<std::size_t>(k)];
-        const PlateStar& star1 = list1[static_cast<std::size_t>(match.Star1)];
-        const PlateStar& star2 = list2[static_cast<std::size_t>(match.Star2)];
+    for (const StarMatch& match : matches) {
+        const PlateStar& star1 = list1[match.Star1];
+        const PlateStar& star2 = list2[match.Star2];
         double x = 0;
         double y = 0;
         ApplyPlateFit(constants, Wide(star1.X), Wide(star1.Y), x, y);
         const double dx = Wide(star2.X) - x;
         const double dy = Wide(star2.Y) - y;
         const double residual = std::sqrt(dx * dx + dy * dy);
-        residuals[static_cast<std::size_t>(k)] = residual;
+        residuals.Add(residual);
         if (match.InUse) squares += residual * residual;
     }
     return std::sqrt(squares / n);

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
 #include "astro/libPlateStar.h"
 
@@ -15,8 +14,7 @@ struct StarMatch {
     std::int16_t Votes = 0;  ///< triangle votes; 0 for a pair added by prediction
     bool InUse = false;      ///< a pair not in use takes no part in fits and statistics
 };
-/// 1-based; element 0 is never used.
-using StarMatchList = std::vector<StarMatch>;
+using StarMatchList = NumberedList<StarMatch>;
 
 /// x2 = a·x1 + b·y1 + c, y2 = d·x1 + e·y1 + f. In a solve (x1, y1) are arcseconds on the tangent
 /// plane and (x2, y2) pixels. All six are NaN after a fit to a singular system.
@@ -42,14 +40,13 @@ struct FitGeometry {
 
 /// Fits the plate constants to the pairs in use by unweighted linear least squares.
 ///
-/// @param matches    pairs 1..matchCount
 /// @param residuals  for every pair, in use or not: the distance (list-2 units) of the list-2 star
-///                   from the place that the fit gives the list-1 star; 1-based
+///                   from the place that the fit gives the list-1 star
 /// @return the root mean square of the residuals of the pairs in use (list-2 units); NaN, like all
 ///         constants, when the stars of list 1 lie on a line or are fewer than 3
 double FitPlate(const PlateStarList& list1, const PlateStarList& list2,
-                const StarMatchList& matches, std::int32_t matchCount, PlateConstants& constants,
-                std::vector<double>& residuals);
+                const StarMatchList& matches, PlateConstants& constants,
+                NumberedList<double>& residuals);
 
 FitGeometry PlateGeometry(const PlateConstants& constants);
 

@@ -69,10 +69,10 @@ class NearbyStars {
         double xi = 0;
         double eta = 0;
         const double cosine = projection_.SkyToPlane(Wide(star.Ra), Wide(star.Dec), xi, eta);
-        constexpr std::size_t mostStars = 1000;
-        if (list_.size() <= mostStars && std::sqrt(xi * xi + eta * eta) <= limit_ && cosine >= 0) {
-            list_.push_back({static_cast<float>(xi), static_cast<float>(eta),
-                             static_cast<float>(magnitude), Wide(star.Ra), Wide(star.Dec)});
+        constexpr std::int32_t mostStars = 1000;
+        if (list_.Count() < mostStars && std::sqrt(xi * xi + eta * eta) <= limit_ && cosine >= 0) {
+            list_.Add({static_cast<float>(xi), static_cast<float>(eta),
+                       static_cast<float>(magnitude), Wide(star.Ra), Wide(star.Dec)});
         }
     }
 
@@ -221,18 +221,20 @@ void QuadTables::Check() {
     for (std::uint32_t place = 0; place < band_.QuadCount; ++place) ReadQuad(place);
 }
 
-void NearbyCatalogStars(QuadTables& tables, Projection& projection, double ra, double dec,
-                        double radius, double magLimit, PlateStarList& list, std::int32_t& count) {
-    projection.SetProjectionCentre(ra, dec, ArcsecondsPerRadian);
-    list.assign(1, PlateStar());
+PlateStarList NearbyCatalogStars(QuadTables& tables, Projection& projection, SkyPosition centre,
+                                 double radius, double magLimit) {
+    projection.SetProjectionCentre(centre.Ra, centre.Dec, ArcsecondsPerRadian);
+    PlateStarList list;
     // On the orthographic plane a radius is the sine of an angle; the margin outweighs rounding.
     const double reach = radius < 0.99 ? std::asin(std::max(radius, 0.0)) + 1e-4 : Pi;
     NearbyStars nearby(projection, radius, magLimit, list);
-    for (const CatalogStar& star : tables.StarsAround(ra, dec, reach)) nearby.Consider(star);
-    count = static_cast<std::int32_t>(list.size()) - 1;
-    CombSort(list, count, [](const PlateStar& earlier, const PlateStar& later) {
+    for (const CatalogStar& star : tables.StarsAround(centre.Ra, centre.Dec, reach)) {
+        nearby.Consider(star);
+    }
+    CombSort(list, list.Count(), [](const PlateStar& earlier, const PlateStar& later) {
         return earlier.Flux > later.Flux;
     });
+    return list;
 }
 
 }  // namespace vestrel

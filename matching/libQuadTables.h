@@ -54,8 +54,8 @@ class QuadTables {
 
 /// The stars of the table within `radius` (radians) of a position and no fainter than `magLimit`,
 /// at most 1000 (the brightest), brightest first. Centres `projection` there.
-/// @param list 1-based: plane position (arcseconds), magnitude as flux, sky position (radians)
-void NearbyCatalogStars(QuadTables& tables, Projection& projection, double ra, double dec,
-                        double radius, double magLimit, PlateStarList& list, std::int32_t& count);
+/// @return plane positions (arcseconds), magnitudes as fluxes, sky positions (radians)
+PlateStarList NearbyCatalogStars(QuadTables& tables, Projection& projection, SkyPosition centre,
+                                 double radius, double magLimit);
 
 }  // namespace vestrel

@@ -32,17 +32,15 @@ class DistanceTable {
     std::vector<double> distances_;
 };
 
-/// A list of triangles reduced to what the search reads.
+/// A list of triangles reduced to what the search reads; entry 0 is none.
 struct RatioColumns {
     std::vector<double> Short;
     std::vector<double> Mid;
 
-    RatioColumns(const StarTriangleList& triangles, std::int32_t count) {
-        Short.reserve(static_cast<std::size_t>(count) + 1);
-        Mid.reserve(static_cast<std::size_t>(count) + 1);
-        for (std::size_t k = 0; k <= static_cast<std::size_t>(count); ++k) {
-            Short.push_back(triangles[k].ShortRatio);
-            Mid.push_back(triangles[k].MidRatio);
+    explicit RatioColumns(const StarTriangleList& triangles) : Short(1), Mid(1) {
+        for (const StarTriangle& triangle : triangles) {
+            Short.push_back(triangle.ShortRatio);
+            Mid.push_back(triangle.MidRatio);
         }
     }
 };
@@ -81,13 +79,11 @@ Nearest FindNearest(const RatioColumns& columns, std::size_t low, std::size_t hi
 
 }  // namespace
 
-std::int32_t BuildTriangles(const PlateStarList& list, std::int32_t n,
-                            StarTriangleList& triangles) {
+StarTriangleList BuildTriangles(const PlateStarList& list, std::int32_t n) {
     const DistanceTable distance(list, n);
-    triangles.assign(1, StarTriangle());
+    StarTriangleList triangles;
     // About half of all triples pass.
-    const double room = RoundHalfEven(static_cast<double>(n) * (n - 1) * (n - 2) / 12) + 2;
-    triangles.reserve(static_cast<std::size_t>(std::max(room, 1.0)));
+    triangles.Reserve(RoundToNearestInt32(static_cast<double>(n) * (n - 1) * (n - 2) / 12));
     for (std::int32_t i = 1; i <= n; ++i) {
         for (std::int32_t j = i + 1; j <= n; ++j) {
             for (std::int32_t k = j + 1; k <= n; ++k) {
@@ -117,48 +113,43 @@ std::int32_t BuildTriangles(const PlateStarList& list, std::int32_t n,
                                       midRatio + shortRatio > 1.3 &&
                                       std::fabs(midRatio - shortRatio) > 0.05;
                 if (!distinct) continue;
-                triangles.push_back({longest, midRatio, shortRatio,
-                                     static_cast<std::int16_t>(facesShortest),
-                                     static_cast<std::int16_t>(facesMiddle),
-                                     static_cast<std::int16_t>(facesLongest)});
+                triangles.Add({longest, midRatio, shortRatio,
+                               static_cast<std::int16_t>(facesShortest),
+                               static_cast<std::int16_t>(facesMiddle),
+                               static_cast<std::int16_t>(facesLongest)});
             }
         }
     }
-    const auto count = static_cast<std::int32_t>(triangles.size()) - 1;
-    SortTriangles(triangles, count);
-    return count;
+    SortTriangles(triangles);
+    return triangles;
 }
 
-void SortTriangles(StarTriangleList& triangles, std::int32_t count) {
-    const std::vector<std::int32_t> order = CombSortedOrder(
-        count, [&](std::int32_t i) { return triangles[static_cast<std::size_t>(i)].ShortRatio; });
+void SortTriangles(StarTriangleList& triangles) {
+    const std::vector<std::int32_t> order =
+        CombSortedOrder(triangles.Count(), [&](std::int32_t i) { return triangles[i].ShortRatio; });
     StarTriangleList sorted;
-    sorted.reserve(order.size());
-    for (const std::int32_t place : order) {
-        sorted.push_back(triangles[static_cast<std::size_t>(place)]);
-    }
-    triangles.swap(sorted);
+    sorted.Reserve(triangles.Count());
+    for (std::size_t i = 1; i < order.size(); ++i) sorted.Add(triangles[order[i]]);
+    triangles = std::move(sorted);
 }
 
 std::int32_t VoteTriangles(VoteTable& votes, const StarTriangleList& triangles1,
-                           std::int32_t triangleCount1, const StarTriangleList& triangles2,
-                           std::int32_t triangleCount2, double tolerance,
+                           const StarTriangleList& triangles2, double tolerance,
                            const Progress& progress) {
-    if (triangleCount1 == 0 || triangleCount2 == 0) return 0;
+    if (triangles1.Empty() || triangles2.Empty()) return 0;
     constexpr double window = 0.01;
     const double limit = std::min(tolerance * tolerance, 1e20);
-    const bool outerIsFirst = triangleCount1 <= triangleCount2;
+    const bool outerIsFirst = triangles1.Count() <= triangles2.Count();
     const StarTriangleList& outer = outerIsFirst ? triangles1 : triangles2;
     const StarTriangleList& inner = outerIsFirst ? triangles2 : triangles1;
-    const std::int32_t outerCount = outerIsFirst ? triangleCount1 : triangleCount2;
-    const auto last = static_cast<std::size_t>(outerIsFirst ? triangleCount2 : triangleCount1);
-    const RatioColumns columns(inner, static_cast<std::int32_t>(last));
+    const auto last = static_cast<std::size_t>(inner.Count());
+    const RatioColumns columns(inner);
 
     std::int32_t voted = 0;
     std::size_t low = 1;
     std::size_t high = 1;
-    for (std::int32_t k = 1; k <= outerCount; ++k) {
-        const StarTriangle& triangle = outer[static_cast<std::size_t>(k)];
+    for (std::int32_t k = 1; k <= outer.Count(); ++k) {
+        const StarTriangle& triangle = outer[k];
         const double wanted = triangle.ShortRatio;
         while (low < last && columns.Short[low] < wanted - window) ++low;
         while (high < last && columns.Short[high] < wanted + window) ++high;
@@ -172,18 +163,18 @@ std::int32_t VoteTriangles(VoteTable& votes, const StarTriangleList& triangles1,
             ++votes(of1.Corner3, of2.Corner3);
             ++voted;
         }
-        if (k % 100 == 0 && progress) progress(k, outerCount);
+        if (k % 100 == 0 && progress) progress(k, outer.Count());
     }
-    if (progress) progress(0, outerCount);
+    if (progress) progress(0, outer.Count());
     return voted;
 }
 
-std::int32_t SelectMatches(VoteTable& votes, std::int32_t count1, std::int32_t count2,
-                           double matchDivisor, StarMatchList& matches) {
+StarMatchList SelectMatches(VoteTable& votes, std::int32_t count1, std::int32_t count2,
+                            double matchDivisor) {
     const double smaller = std::min(count1, count2);
     const std::int32_t threshold =
         RoundToNearestInt32(std::max((smaller - 2) * (smaller - 1) / matchDivisor, 4.0));
-    matches.assign(1, StarMatch());
+    StarMatchList matches;
     for (std::int32_t i = 1; i <= count1; ++i) {
         std::int32_t most = 0;
         std::int32_t star2 = 0;
@@ -196,23 +187,22 @@ std::int32_t SelectMatches(VoteTable& votes, std::int32_t count1, std::int32_t c
         if (star2 == 0 || most < threshold) continue;
         const std::int32_t held =
             std::min<std::int32_t>(most, std::numeric_limits<std::int16_t>::max());
-        matches.push_back({static_cast<std::int16_t>(i), static_cast<std::int16_t>(star2),
-                           static_cast<std::int16_t>(held), false});
+        matches.Add({static_cast<std::int16_t>(i), static_cast<std::int16_t>(star2),
+                     static_cast<std::int16_t>(held), false});
         for (std::int32_t j = 1; j <= count2; ++j) votes(i, j) = 0;
         for (std::int32_t row = 1; row <= count1; ++row) votes(row, star2) = 0;
     }
-    const auto count = static_cast<std::int32_t>(matches.size()) - 1;
-    SortMatches(matches, count);
-    for (std::size_t k = 1; k < matches.size(); ++k) matches[k].InUse = true;
-    return count;
+    SortMatches(matches);
+    for (StarMatch& match : matches) match.InUse = true;
+    return matches;
 }
 
-void SortMatches(StarMatchList& matches, std::int32_t count) {
+void SortMatches(StarMatchList& matches) {
     // Ascending, then turned around: the order of equal votes is the one that this gives.
-    CombSort(matches, count, [](const StarMatch& earlier, const StarMatch& later) {
+    CombSort(matches, matches.Count(), [](const StarMatch& earlier, const StarMatch& later) {
         return later.Votes < earlier.Votes;
     });
-    ReverseList(matches, count);
+    std::reverse(matches.begin(), matches.end());
 }
 
 }  // namespace vestrel

@@ -23,8 +23,8 @@ struct StarTriangle {
     std::int16_t Corner2 = 0;  ///< opposite the middle side
     std::int16_t Corner3 = 0;  ///< opposite the longest side
 };
-/// 1-based; in rising order of `ShortRatio` once sorted.
-using StarTriangleList = std::vector<StarTriangle>;
+/// In rising order of `ShortRatio` once sorted.
+using StarTriangleList = NumberedList<StarTriangle>;
 
 /// Votes for pairings, indexed (list-1 star, list-2 star), both 1-based.
 struct VoteTable {
@@ -41,31 +41,28 @@ struct VoteTable {
 };
 
 /// Builds the triangles of stars 1..n that can be told apart reliably: not near-equilateral,
-/// near-isosceles or flat. Leaves them sorted.
-/// @return how many there are
-std::int32_t BuildTriangles(const PlateStarList& list, std::int32_t n, StarTriangleList& triangles);
+/// near-isosceles or flat, in order.
+StarTriangleList BuildTriangles(const PlateStarList& list, std::int32_t n);
 
-/// Sorts triangles 1..count into rising order of `ShortRatio`.
-void SortTriangles(StarTriangleList& triangles, std::int32_t count);
+/// Sorts triangles into rising order of `ShortRatio`.
+void SortTriangles(StarTriangleList& triangles);
 
 /// Lets each triangle of the shorter list vote, with its nearest one of the other list, for the
 /// pairing of their corners. Only triangles nearer than `tolerance` in the plane of the two ratios
 /// vote. The table is expected to be zero.
 /// @return how many triangles voted
 std::int32_t VoteTriangles(VoteTable& votes, const StarTriangleList& triangles1,
-                           std::int32_t triangleCount1, const StarTriangleList& triangles2,
-                           std::int32_t triangleCount2, double tolerance,
+                           const StarTriangleList& triangles2, double tolerance,
                            const Progress& progress = {});
 
 /// Picks for each star of list 1 the star of list 2 with the most votes, when they are enough:
 /// (m − 2)(m − 1) / `matchDivisor` with m the shorter list's count, and at least 4. A star is
 /// picked once at most; the votes of picked stars are cleared.
-/// @param matches 1-based, most votes first, all in use
-/// @return how many pairs were picked
-std::int32_t SelectMatches(VoteTable& votes, std::int32_t count1, std::int32_t count2,
-                           double matchDivisor, StarMatchList& matches);
+/// @return the pairs picked, most votes first, all in use
+StarMatchList SelectMatches(VoteTable& votes, std::int32_t count1, std::int32_t count2,
+                            double matchDivisor);
 
-/// Sorts pairs 1..count into falling order of votes.
-void SortMatches(StarMatchList& matches, std::int32_t count);
+/// Sorts pairs into falling order of votes.
+void SortMatches(StarMatchList& matches);
 
 }  // namespace vestrel

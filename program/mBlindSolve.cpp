@@ -35,11 +35,11 @@ std::vector<Triple> BrightTriples(std::int32_t imageCount) {
 }
 
 /// The list without the stars before the triple's last one that are not of the triple.
-PlateStarList ThinnedList(const PlateStarList& stars, std::int32_t count, const Triple& kept) {
-    PlateStarList thinned(1);
-    for (std::int32_t i = 1; i <= count; ++i) {
+PlateStarList ThinnedList(const PlateStarList& stars, const Triple& kept) {
+    PlateStarList thinned;
+    for (std::int32_t i = 1; i <= stars.Count(); ++i) {
         if (i > kept.back() || std::find(kept.begin(), kept.end(), i) != kept.end()) {
-            thinned.push_back(stars[static_cast<std::size_t>(i)]);
+            thinned.Add(stars[i]);
         }
     }
     return thinned;
@@ -51,16 +51,15 @@ bool FindCentreByQuads(ProgramState& state, Port& port, double width, double hei
                        double tolerance, const std::function<bool()>& confirm) {
     const QuadJudge sure = [](const QuadSearch& search) { return IsSure(search); };
     // The first triple leaves nothing out.
-    for (const Triple& triple : BrightTriples(state.PlateStarCount)) {
-        const PlateStarList stars = ThinnedList(state.PlateStars, state.PlateStarCount, triple);
-        if (SearchQuads(state, port, stars, static_cast<std::int32_t>(stars.size()) - 1, width,
-                        height, tolerance, sure) &&
+    for (const Triple& triple : BrightTriples(state.PlateStars.Count())) {
+        const PlateStarList stars = ThinnedList(state.PlateStars, triple);
+        if (SearchQuads(state, port, stars, width, height, tolerance, sure) &&
             (!confirm || confirm())) {
             return true;
         }
         if (state.StopRequested) break;
     }
-    state.QuadMatch.PairCount = 0;
+    state.QuadMatch.Pairs.Clear();
     return false;
 }
 
@@ -75,11 +74,9 @@ bool MeasureFromQuads(ProgramState& state, Port& port, double tolerance) {
     state.Report.RegionsTried = 0;
     state.Report.CatalogAtStart = CatalogPresence::Present;
     const double radiansPerPixel = 1 / state.QuadMatch.Geometry.Scale / ArcsecondsPerRadian;
-    SkyPosition centre = state.QuadMatch.Centre;
-    const std::int16_t code =
-        MatchPlateStars(state, port, centre.Ra, centre.Dec, state.Image.Width * radiansPerPixel,
-                        state.Image.Height * radiansPerPixel, regions, tolerance);
-    if (code == SolveCode::Solved) return true;
+    const PlateSearch search{state.QuadMatch.Centre, state.Image.Width * radiansPerPixel,
+                             state.Image.Height * radiansPerPixel, regions, tolerance};
+    if (MatchPlateStars(state, port, search) == SolveCode::Solved) return true;
     const StageTimes times = state.Report.Times;
     state.Report = before;
     state.Report.Times = times;
@@ -89,12 +86,12 @@ bool MeasureFromQuads(ProgramState& state, Port& port, double tolerance) {
 
 }  // namespace
 
-std::int16_t SolveBlind(ProgramState& state, Port& port, double& ra, double& dec, double plateWidth,
-                        double plateHeight, double matchTolerance, bool useStars) {
+SolveCode SolveBlind(ProgramState& state, Port& port, double plateWidth, double plateHeight,
+                     double matchTolerance, bool useStars) {
     if (!useStars) BeginSolve(state);
     state.Report.Blind = true;
     state.QuadMatch = {};
-    const std::int16_t code = WithinMemory(state, port, [&] {
+    const SolveCode code = WithinMemory(state, port, [&] {
         if (!useStars && !FindPlateStars(state, port)) return SolveCode::TooFewStars;
         ShowStatus(state, port, "Searching Quads");
         const bool solved =
@@ -105,8 +102,6 @@ std::int16_t SolveBlind(ProgramState& state, Port& port, double& ra, double& dec
             // The report compares the field with the size that the user gave, not with that of
             // the quads.
             state.Report.SearchRadius = std::hypot(plateWidth, plateHeight) / 2;
-            ra = state.SolvedCentre.Ra;
-            dec = state.SolvedCentre.Dec;
             return SolveCode::Solved;
         }
         const bool stopped = state.StopRequested;

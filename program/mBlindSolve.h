@@ -21,10 +21,9 @@ bool FindCentreByQuads(ProgramState& state, Port& port, double width, double hei
 ///
 /// Finds the centre by quads, and solves from there like `SolvePlate`: the result is that solve's,
 /// in every respect.
-/// @param ra, dec J2000 image centre (radians) on success
 /// @param useStars take the plate stars of a solve that has just failed
-/// @return a `SolveCode`; `Quads.Fault` tells when there are no tables
-std::int16_t SolveBlind(ProgramState& state, Port& port, double& ra, double& dec, double plateWidth,
-                        double plateHeight, double matchTolerance, bool useStars);
+/// @return as of `SolvePlate`; `Quads.Fault` tells when there are no tables
+SolveCode SolveBlind(ProgramState& state, Port& port, double plateWidth, double plateHeight,
+                     double matchTolerance, bool useStars);
 
 }  // namespace vestrel

@@ -9,7 +9,6 @@
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "program/mImageData.h"
-#include "program/mPlateMatch.h"
 
 namespace vestrel {
 
@@ -44,23 +43,6 @@ std::string RoundedPlain(double value, int decimals) {
 
 }  // namespace
 
-std::string ResultMessage(std::int16_t code) {
-    switch (code) {
-        case SolveCode::Solved:
-            return "Valid plate solution";
-        case SolveCode::TooFewStars:
-            return "Unanticipated problem during plate matching";
-        case SolveCode::NoMatch:
-            return "Maximum search limit exceeded";
-        case SolveCode::Stopped:
-            return "Vestrel was terminated by user";
-        case SolveCode::NoImage:
-            return "Can't open input file";
-        default:
-            return {};
-    }
-}
-
 std::optional<UnattendedRequest> ParseParameterString(const std::string& text) {
     UnattendedRequest request;
     std::string rest = text;
@@ -78,18 +60,18 @@ std::filesystem::path ResultFilePath(const std::string& imagePath) {
     return PathFromText(imagePath.substr(0, imagePath.rfind('.')) + ".kel");
 }
 
-std::string ResultFileText(const ProgramState& state, std::int16_t code) {
-    const bool solved = code == SolveCode::Solved;
-    const PlateSolution& solution = state.Solution;
-    const ShownGeometry& geometry = state.Geometry;
-    std::string text = (solved ? RoundedPlain(solution.CentreRA, 7) : "1000") + "," +
-                       (solved ? RoundedPlain(solution.CentreDec, 7) : "1000") + "," +
-                       std::to_string(code) + "\r\n";
-    text += RoundedPlain(geometry.ScaleArcseconds, 5) + "," +
-            RoundedPlain(geometry.AngleDegrees, 2) + "," + RoundedPlain(geometry.Stretch, 5) + "," +
-            RoundedPlain(geometry.Skew, 5) + "," + std::to_string(state.Extraction.StarsFound) +
-            "\r\n";
-    return text + ResultMessage(code) + "\r\n";
+std::string ResultFileText(const ProgramState& state, SolveCode code) {
+    std::string centre = "1000,1000";
+    std::string plate = "0,0,0,0";
+    if (code == SolveCode::Solved && state.Solution) {
+        const PlateSolution& solution = *state.Solution;
+        centre = RoundedPlain(solution.CentreRA, 7) + "," + RoundedPlain(solution.CentreDec, 7);
+        plate = RoundedPlain(1 / solution.Scale, 5) + "," +
+                RoundedPlain(PositionAngleDegrees(solution.Angle), 2) + "," +
+                RoundedPlain(solution.Stretch, 5) + "," + RoundedPlain(solution.Skew, 5);
+    }
+    return centre + "," + std::to_string(NumberOf(code)) + "\r\n" + plate + "," +
+           std::to_string(state.Extraction.StarsFound) + "\r\n" + ResultMessage(code) + "\r\n";
 }
 
 void ShowStartingValues(ProgramState& state, Port& port, const UnattendedRequest& request,
@@ -101,6 +83,14 @@ void ShowStartingValues(ProgramState& state, Port& port, const UnattendedRequest
     display.StartSize = arcminutes(request.Width) + "'" + times + arcminutes(request.Height) + "'";
     display.StartRegions = std::to_string(request.RegionLimit);
     port.DisplayChanged();
+}
+
+PlateSearch SearchFor(const UnattendedRequest& request, const SolveParameters& parameters) {
+    return {{request.Ra, request.Dec},
+            request.Width,
+            request.Height,
+            request.RegionLimit,
+            parameters.MaxError};
 }
 
 UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::string& parameters) {
@@ -126,16 +116,10 @@ UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::stri
     }
 
     ShowStartingValues(state, port, *request, " X ");
-    double ra = request->Ra;
-    double dec = request->Dec;
-    const std::int16_t code = SolvePlate(state, port, ra, dec, request->Width, request->Height,
-                                         request->RegionLimit, state.Parameters.MaxError);
+    const SolveCode code = SolvePlate(state, port, SearchFor(*request, state.Parameters));
     outcome.End = UnattendedEnd::Finished;
     outcome.Result = {code, ResultMessage(code)};
-    if (code == SolveCode::Solved) {
-        state.Display.SolutionOverlays = true;
-        port.ImageChanged();
-    }
+    if (code == SolveCode::Solved) port.ImageChanged();
     outcome.ResultFileWritten =
         ReplaceFile(ResultFilePath(request->Path), ResultFileText(state, code));
     port.Yield();

@@ -7,16 +7,14 @@
 #include <string>
 
 #include "program/mGeneral.h"
+#include "program/mPlateMatch.h"
 
 namespace vestrel {
 
-/// The message of a solve's code; empty for a code that is none.
-std::string ResultMessage(std::int16_t code);
-
 /// The numeric outcome of one solve and its message.
 struct SolveResult {
-    std::int16_t Code = 0;
-    std::string Message;
+    SolveCode Code = SolveCode::TooFewStars;
+    std::string Message;  ///< empty while there is no code
 };
 
 /// The five numbers of a parameter string and its image path.
@@ -29,6 +27,9 @@ struct UnattendedRequest {
     std::string Path;  ///< everything after the fifth comma, trimmed
 };
 
+/// What to search for a request.
+PlateSearch SearchFor(const UnattendedRequest& request, const SolveParameters& parameters);
+
 /// Reads "RA,Dec,width,height,regions,path". Nothing when one of the first five fields is missing
 /// or not a number of its type.
 std::optional<UnattendedRequest> ParseParameterString(const std::string& text);
@@ -37,7 +38,7 @@ std::optional<UnattendedRequest> ParseParameterString(const std::string& text);
 std::filesystem::path ResultFilePath(const std::string& imagePath);
 
 /// The three lines of the result file, each ended by CR LF.
-std::string ResultFileText(const ProgramState& state, std::int16_t code);
+std::string ResultFileText(const ProgramState& state, SolveCode code);
 
 enum class UnattendedEnd {
     InvalidParameters,  ///< the program ends at once

@@ -17,6 +17,8 @@
 #include "matching/libAlign.h"
 #include "matching/libConfidence.h"
 #include "matching/libQuadTables.h"
+#include "program/libPlateSolution.h"
+#include "program/libSolveCode.h"
 #include "program/mPort.h"
 #include "settings/libSettingsFile.h"
 #include "telescope/libTelescopeLink.h"
@@ -25,39 +27,6 @@ namespace vestrel {
 
 /// The program's title, also in the titles of error messages.
 inline constexpr const char* ProgramTitle = "Vestrel 1.13";
-
-/// Everything that one successful solve produces.
-struct PlateSolution {
-    StarMatchList Pairs;  ///< 1-based
-    std::int32_t PairCount = 0;
-    PlateConstants Transform;  ///< A, B, U0, C, D, V0: arcseconds about the tangent point
-                               ///< to pixels
-    double Scale = 0;          ///< pixels per arcsecond
-    double Stretch = 0;        ///< as fitted; shown with its sign turned
-    double Skew = 0;
-    double Angle = 0;               ///< position angle, radians
-    double Rms = 0;                 ///< pixels
-    std::int32_t MatchedCount = 0;  ///< pairs in use
-    double CentreRA = 0;            ///< J2000 image centre, radians
-    double CentreDec = 0;
-    double TangentRA = 0;  ///< tangent point of the projection, radians
-    double TangentDec = 0;
-    double WidthArcmin = 0;
-    double HeightArcmin = 0;
-    std::int32_t ExtractedCount = 0;   ///< stars that the extraction reported
-    std::int32_t CatalogCount = 0;     ///< catalog stars of the winning region
-    std::int32_t RegionsSearched = 0;  ///< the winning one included
-    double MagnitudeZeroPoint = 0;     ///< mean of instrumental − catalog magnitude
-    MatchConfidence Confidence;
-};
-
-/// The solve window's numbers of the last solution; 0 until there is one.
-struct ShownGeometry {
-    double ScaleArcseconds = 0;  ///< arcseconds per pixel
-    double AngleDegrees = 0;     ///< 0..360
-    double Stretch = 0;          ///< as fitted
-    double Skew = 0;
-};
 
 enum class StatusColour { Black, Red, Green };
 struct StatusLine {
@@ -71,7 +40,6 @@ struct SolveDisplay {
     StatusLine Status{"Ready", StatusColour::Black, true};
     StatusLine Status1{"", StatusColour::Black, false};
     bool BusyIndicator = false;
-    bool SyncEnabled = false;
     std::string ImageName;  ///< shortened path of the loaded image
     std::string ImageSize;
     std::string CentreCaption = "Search Center";
@@ -90,10 +58,9 @@ struct SolveDisplay {
     std::string FoundInCatalog;
     std::string Matched;
     std::string RmsDifference;
-    std::string Details;            ///< what the last solve saw, or why an image was not read
-    std::string Clock;              ///< universal time, Julian date, sidereal time
-    std::string Countdown = "10";   ///< seconds until an unattended run closes the program
-    bool SolutionOverlays = false;  ///< the three overlays that a solution switches on
+    std::string Details;           ///< what the last solve saw, or why an image was not read
+    std::string Clock;             ///< universal time, Julian date, sidereal time
+    std::string Countdown = "10";  ///< seconds until an unattended run closes the program
 };
 
 /// What the user has typed into the solve window.
@@ -146,14 +113,14 @@ struct LoadedQuadTables {
 
 /// What the last quad search left.
 struct QuadSearch {
-    std::int16_t Code = 0;          ///< of `MatchByQuads`: a `SolveCode`
-    std::int32_t Searched = 0;      ///< image quads looked up
-    std::int32_t Candidates = 0;    ///< table quads of the same shape
-    std::int32_t FourStarFits = 0;  ///< orderings of candidates that passed as a plate
-    StarMatchList Pairs;            ///< 1-based: stars of `Reference`, stars of the image
-    std::int32_t PairCount = 0;     ///< 0 when nothing matched
-    PlateStarList Reference;        ///< 1-based: the quad's four stars, then the stars around it
-    PlateConstants Transform;       ///< arcseconds about `Tangent` to pixels
+    SolveCode Code = SolveCode::TooFewStars;  ///< of `MatchByQuads`
+    std::int32_t Searched = 0;                ///< image quads looked up
+    std::int32_t Candidates = 0;              ///< table quads of the same shape
+    std::int32_t FourStarFits = 0;            ///< orderings of candidates that passed as a plate
+    StarMatchList Pairs;       ///< stars of `Reference`, stars of the image; empty when
+                               ///< nothing matched
+    PlateStarList Reference;   ///< the quad's four stars, then the stars around it
+    PlateConstants Transform;  ///< arcseconds about `Tangent` to pixels
     FitGeometry Geometry;
     double FitError = 0;    ///< root mean square, pixels
     double FieldRatio = 0;  ///< the field found / the field given
@@ -184,21 +151,12 @@ struct ProgramState {
     std::vector<std::string> RecentImages;  ///< paths, the last one first
 
     ExtractionFacts Extraction;
-    PlateStarList PlateStars;  ///< 1-based; of the last extraction that gave 6 or more
-    std::int32_t PlateStarCount = 0;
-    PlateStarList CatalogStars;  ///< 1-based; of the region of the last success
-    std::int32_t CatalogStarCount = 0;
-    std::vector<SkyPosition> MatchedPositions;
+    PlateStarList PlateStars;               ///< of the last extraction that gave 6 or more
+    std::optional<PlateSolution> Solution;  ///< of the loaded image
 
-    Projection Plane;
     CatalogCache Catalog;
     LoadedQuadTables Quads;
     QuadSearch QuadMatch;
-    PlateSolution Solution;
-    ShownGeometry Geometry;
-    SkyPosition SolvedCentre;
-    double MagnitudeZeroPoint = 0;
-    bool ZeroPointValid = false;
 
     bool TelescopeConnected = false;
     std::unique_ptr<TelescopeLink> Telescope;  ///< the driver, from the first use on
@@ -209,5 +167,17 @@ struct ProgramState {
     SolveDisplay Display;
     SolveReport Report;
 };
+
+// What depends on an image goes with it; all of it through these.
+
+/// Another image is about to be opened: nothing of the last one is left, neither its stars and
+/// solution nor what is shown of them.
+void ForgetImage(ProgramState& state);
+
+/// Other stars are about to be matched: the image has no solution until they are.
+void ForgetSolution(ProgramState& state);
+
+/// The counts of the image are no longer what they were: other levels are needed to show them.
+void CountsChanged(ProgramState& state);
 
 }  // namespace vestrel

@@ -20,15 +20,6 @@ std::size_t CharacterCount(std::string_view utf8) {
     }));
 }
 
-/// What was found in the last image says nothing about the next.
-void ForgetStars(ProgramState& state) {
-    state.PlateStarCount = 0;
-    state.CatalogStarCount = 0;
-    state.MatchedPositions.clear();
-    state.ZeroPointValid = false;
-    state.Display.SolutionOverlays = false;
-}
-
 /// Reads a file into `image`, and shows why when that fails.
 bool ReadImage(ProgramState& state, Port& port, const std::string& path, PlateImage& image,
                double& seconds) {
@@ -76,11 +67,11 @@ bool OpenImage(ProgramState& state, Port& port, const std::string& path) {
     PlateImage candidate;
     double reading = 0;
     if (!vouched && !ReadImage(state, port, path, candidate, reading)) return false;
-    state.ImageLoaded = false;
-    state.BackgroundRemoved = false;
-    state.Report = {};
-    ForgetStars(state);
-    if (vouched && !ReadImage(state, port, path, state.Image, reading)) return false;
+    ForgetImage(state);
+    if (vouched && !ReadImage(state, port, path, state.Image, reading)) {
+        port.ImageChanged();  // there is none
+        return false;
+    }
     if (!vouched) state.Image = std::move(candidate);
     state.Report.Times.Reading = reading;
     state.Parameters.LastOpenFolder = folder;

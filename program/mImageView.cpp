@@ -10,22 +10,15 @@ namespace vestrel {
 
 namespace {
 
-/// Calls `use(star)` for stars 1..count that the list holds.
-template <typename Use>
-void ForStars(const PlateStarList& stars, std::int32_t count, Use use) {
-    const auto last = std::min(static_cast<std::size_t>(std::max(count, 0)) + 1, stars.size());
-    for (std::size_t k = 1; k < last; ++k) use(stars[k]);
-}
-
 std::string MagnitudeText(double magnitude) {
     return std::isfinite(magnitude) ? FixedText(magnitude, 2) : std::string();
 }
 
 OverlayStar Extracted(const ProgramState& state, const PlateStar& star) {
     OverlayStar shown{{star.X, star.Y}, {}};
-    if (state.ZeroPointValid && star.Flux > 0) {
-        shown.Magnitude =
-            MagnitudeText(-2.5 * std::log10(double{star.Flux}) - state.MagnitudeZeroPoint);
+    if (state.Solution && star.Flux > 0) {
+        shown.Magnitude = MagnitudeText(-2.5 * std::log10(double{star.Flux}) -
+                                        state.Solution->MagnitudeZeroPoint);
     }
     return shown;
 }
@@ -33,10 +26,6 @@ OverlayStar Extracted(const ProgramState& state, const PlateStar& star) {
 bool OnImage(const PlateImage& image, const PixelPoint& place) {
     return place.X >= -0.5 && place.Y >= -0.5 && place.X < image.Width - 0.5 &&
            place.Y < image.Height - 0.5;
-}
-
-bool IsStar(std::int16_t index, std::int32_t count, const PlateStarList& stars) {
-    return index >= 1 && index <= count && static_cast<std::size_t>(index) < stars.size();
 }
 
 }  // namespace
@@ -70,26 +59,21 @@ GreyLookup LookupOf(const ProgramState& state, bool inverted) {
 Overlays OverlaysOf(const ProgramState& state) {
     Overlays overlays;
     if (!state.ImageLoaded) return overlays;
-    ForStars(state.PlateStars, state.PlateStarCount,
-             [&](const PlateStar& star) { overlays.Extracted.push_back(Extracted(state, star)); });
+    for (const PlateStar& star : state.PlateStars) {
+        overlays.Extracted.push_back(Extracted(state, star));
+    }
     overlays.Map = SkyMap::Of(state.Image.Header);
-    if (!overlays.Map) return overlays;
-    ForStars(state.CatalogStars, state.CatalogStarCount, [&](const PlateStar& star) {
+    if (!overlays.Map || !state.Solution) return overlays;
+    for (const PlateStar& star : state.Solution->CatalogStars) {
         const auto place = overlays.Map->PixelOf({star.Ra, star.Dec});
         if (place && OnImage(state.Image, *place)) {
             overlays.Catalog.push_back({*place, MagnitudeText(star.Flux)});
         }
-    });
-    if (!state.Display.SolutionOverlays) return overlays;
-    for (const StarMatch& pair : state.Solution.Pairs) {
-        if (!pair.InUse || !IsStar(pair.Star1, state.CatalogStarCount, state.CatalogStars) ||
-            !IsStar(pair.Star2, state.PlateStarCount, state.PlateStars)) {
-            continue;
-        }
-        const PlateStar& catalog = state.CatalogStars[static_cast<std::size_t>(pair.Star1)];
-        const PlateStar& plate = state.PlateStars[static_cast<std::size_t>(pair.Star2)];
-        if (const auto place = overlays.Map->PixelOf({catalog.Ra, catalog.Dec})) {
-            overlays.Matched.push_back({{{plate.X, plate.Y}, MagnitudeText(catalog.Flux)}, *place});
+    }
+    for (const auto& [catalog, plate] : MatchedStars(*state.Solution)) {
+        if (const auto place = overlays.Map->PixelOf({catalog->Ra, catalog->Dec})) {
+            overlays.Matched.push_back(
+                {{{plate->X, plate->Y}, MagnitudeText(catalog->Flux)}, *place});
         }
     }
     return overlays;

@@ -10,6 +10,7 @@
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "catalog/libCatalogRegion.h"
 #include "platform/libPlatform.h"
 #include "program/mPlateMatch.h"
 #include "program/mStarExtraction.h"
@@ -47,26 +48,18 @@ double HalfDiagonal(double width, double height) {
     return std::sqrt(width * width + height * height) / 2;
 }
 
-/// The faintest magnitude to compare with: 15 for a half-diagonal (radians) of 14', and every
-/// doubling of the field costs 1.5 magnitudes.
-double MagnitudeLimitFor(double halfDiagonal) {
-    const double relative = halfDiagonal * (180 / Pi) * 60 / 14;
-    return 15.0 - 2.5 * (std::log(relative * relative) / std::log(10.0));
-}
-
 /// Four stars of the image, as places in its list.
 using ImageQuad = std::array<std::int32_t, 4>;
 
 /// One search: what all its quads share.
 class QuadMatcher {
  public:
-    QuadMatcher(ProgramState& state, const PlateStarList& stars, std::int32_t count, double width,
-                double height, double maxError, const QuadJudge& accept)
+    QuadMatcher(ProgramState& state, const PlateStarList& stars, double width, double height,
+                double maxError, const QuadJudge& accept)
         : state_(state),
           tables_(state.Quads.Tables),
           search_(state.QuadMatch),
           stars_(stars),
-          count_(count),
           radius_(HalfDiagonal(width, height)),
           maxError_(maxError),
           maxGeometricError_(state.Parameters.MaxGeometricError),
@@ -80,7 +73,7 @@ class QuadMatcher {
     bool QuadOf(std::int32_t star, ImageQuad& quad) const {
         quad[0] = star;
         std::size_t found = 1;
-        for (std::int32_t j = 1; j <= count_ && found < quad.size(); ++j) {
+        for (std::int32_t j = 1; j <= stars_.Count() && found < quad.size(); ++j) {
             if (j != star && PixelDistance(Star(star), Star(j)) < neighbourRadius_) {
                 quad[found++] = j;
             }
@@ -107,9 +100,7 @@ class QuadMatcher {
     }
 
  private:
-    const PlateStar& Star(std::int32_t place) const {
-        return stars_[static_cast<std::size_t>(place)];
-    }
+    const PlateStar& Star(std::int32_t place) const { return stars_[place]; }
     static SkyPosition PositionOf(const CatalogStar& star) {
         return {static_cast<double>(star.Ra), static_cast<double>(star.Dec)};
     }
@@ -122,19 +113,18 @@ class QuadMatcher {
     /// Tries a table quad in all orderings of its stars.
     bool Verify(const CatalogQuad& candidate, const ImageQuad& quad) {
         search_.Tangent = PositionOf(candidate.Stars[0]);
-        Projection& plane = state_.Plane;
-        plane.SetProjectionCentre(search_.Tangent.Ra, search_.Tangent.Dec, ArcsecondsPerRadian);
-        search_.Reference.assign(1, PlateStar());
+        plane_.SetProjectionCentre(search_.Tangent.Ra, search_.Tangent.Dec, ArcsecondsPerRadian);
+        search_.Reference.Clear();
         for (const CatalogStar& star : candidate.Stars) {
             const SkyPosition position = PositionOf(star);
             double xi = 0;
             double eta = 0;
-            plane.SkyToPlane(position.Ra, position.Dec, xi, eta);
-            search_.Reference.push_back({static_cast<float>(xi), static_cast<float>(eta),
-                                         static_cast<float>(star.Mag / 100.0), position.Ra,
-                                         position.Dec});
+            plane_.SkyToPlane(position.Ra, position.Dec, xi, eta);
+            search_.Reference.Add({static_cast<float>(xi), static_cast<float>(eta),
+                                   static_cast<float>(star.Mag / 100.0), position.Ra,
+                                   position.Dec});
         }
-        nearbyCount_ = -1;
+        nearby_.reset();
         ImageQuad ordering = {1, 2, 3, 4};
         do {
             if (TryOrdering(ordering, quad)) return true;
@@ -143,10 +133,9 @@ class QuadMatcher {
     }
 
     bool TryOrdering(const ImageQuad& ordering, const ImageQuad& quad) {
-        search_.Pairs.assign(1, StarMatch());
+        search_.Pairs.Clear();
         for (std::size_t k = 0; k < quad.size(); ++k) AddPair(ordering[k], quad[k]);
-        search_.PairCount = 4;
-        search_.Reference.resize(5);
+        search_.Reference.Resize(4);
         FitPairs();
         if (!IsPlate(search_.Geometry, search_.FitError)) return false;
         ++search_.FourStarFits;
@@ -154,13 +143,13 @@ class QuadMatcher {
         const FitGeometry fourStarGeometry = search_.Geometry;
         if (talk_) SayFourStars(fourStarError, fourStarGeometry);
         Extend(quad);
-        if (search_.PairCount < fewestPairs) return false;
+        if (search_.Pairs.Count() < fewestPairs) return false;
         // What led to a match is said whatever was said before.
         if (!talk_) SayFourStars(fourStarError, fourStarGeometry);
-        Say(state_, "NumMatch=" + std::to_string(search_.PairCount));
+        Say(state_, "NumMatch=" + std::to_string(search_.Pairs.Count()));
         search_.Confidence = Judge();
         FitPairs();
-        Say(state_, "NumMatch = " + std::to_string(search_.PairCount) +
+        Say(state_, "NumMatch = " + std::to_string(search_.Pairs.Count()) +
                         "   FitError = " + NumberText(search_.FitError));
         FindCentre();
         Say(state_, "Plate Center = " + PositionText(search_.Centre));
@@ -181,51 +170,51 @@ class QuadMatcher {
     }
 
     void AddPair(std::int32_t reference, std::int32_t image) {
-        search_.Pairs.push_back(
+        search_.Pairs.Add(
             {static_cast<std::int16_t>(reference), static_cast<std::int16_t>(image), 0, true});
     }
 
     void FitPairs() {
-        search_.FitError = FitPlate(search_.Reference, stars_, search_.Pairs, search_.PairCount,
-                                    search_.Transform, residuals_);
+        search_.FitError =
+            FitPlate(search_.Reference, stars_, search_.Pairs, search_.Transform, residuals_);
         search_.Geometry = PlateGeometry(search_.Transform);
     }
 
     /// Adds the pairs that the plate predicts. An image star may get several.
     void Extend(const ImageQuad& quad) {
-        if (nearbyCount_ < 0) {
-            NearbyCatalogStars(tables_, state_.Plane, search_.Tangent.Ra, search_.Tangent.Dec,
-                               radius_, magnitudeLimit_, nearby_, nearbyCount_);
+        if (!nearby_) {
+            nearby_ =
+                NearbyCatalogStars(tables_, plane_, search_.Tangent, radius_, magnitudeLimit_);
         }
         struct Place {
             double X;
             double Y;
         };
-        std::vector<Place> predicted(static_cast<std::size_t>(nearbyCount_) + 1);
-        for (std::size_t c = 1; c < predicted.size(); ++c) {
-            ApplyPlateFit(search_.Transform, static_cast<double>(nearby_[c].X),
-                          static_cast<double>(nearby_[c].Y), predicted[c].X, predicted[c].Y);
-            search_.Reference.push_back(nearby_[c]);
+        NumberedList<Place> predicted;
+        for (const PlateStar& star : *nearby_) {
+            Place place{};
+            ApplyPlateFit(search_.Transform, double{star.X}, double{star.Y}, place.X, place.Y);
+            predicted.Add(place);
+            search_.Reference.Add(star);
         }
-        for (std::int32_t i = 1; i <= count_; ++i) {
+        for (std::int32_t i = 1; i <= stars_.Count(); ++i) {
             if (std::find(quad.begin(), quad.end(), i) != quad.end()) continue;
             const double x = static_cast<double>(Star(i).X);
             const double y = static_cast<double>(Star(i).Y);
-            for (std::size_t c = 1; c < predicted.size(); ++c) {
+            for (std::int32_t c = 1; c <= predicted.Count(); ++c) {
                 const double dx = predicted[c].X - x;
                 const double dy = predicted[c].Y - y;
                 if (std::sqrt(dx * dx + dy * dy) < maxError_) {
-                    AddPair(static_cast<std::int32_t>(c) + 4, i);
+                    AddPair(c + 4, i);
                 }
             }
         }
-        search_.PairCount = static_cast<std::int32_t>(search_.Pairs.size()) - 1;
     }
 
     /// How sure the plate of the four stars is, from all others around it.
     MatchConfidence Judge() const {
-        MatchEvidence evidence = EvidenceOf(search_.Transform, nearby_, nearbyCount_, stars_,
-                                            count_, state_.Image.Width, state_.Image.Height);
+        MatchEvidence evidence = EvidenceOf(search_.Transform, *nearby_, stars_, state_.Image.Width,
+                                            state_.Image.Height);
         for (std::size_t k = 1; k <= 4; ++k) evidence.Seed.push_back(SeedOf(k, evidence));
         evidence.Trials = search_.FourStarFits;
         return ConfidenceOf(evidence);
@@ -234,7 +223,7 @@ class QuadMatcher {
     /// A pair of the quad, whose catalog star may be among those around it.
     StarPlaces SeedOf(std::size_t pair, MatchEvidence& evidence) const {
         const StarMatch& match = search_.Pairs[pair];
-        const PlateStar& star = search_.Reference[static_cast<std::size_t>(match.Star1)];
+        const PlateStar& star = search_.Reference[match.Star1];
         PredictedStar predicted;
         ApplyPlateFit(search_.Transform, static_cast<double>(star.X), static_cast<double>(star.Y),
                       predicted.X, predicted.Y);
@@ -256,10 +245,8 @@ class QuadMatcher {
         double eta = 0;
         InvertPlateFit(search_.Transform, (state_.Image.Width - 1) / 2.0,
                        (state_.Image.Height - 1) / 2.0, xi, eta);
-        // Whoever judges a match may have used the plane for something else.
-        state_.Plane.SetProjectionCentre(search_.Tangent.Ra, search_.Tangent.Dec,
-                                         ArcsecondsPerRadian);
-        state_.Plane.PlaneToSky(xi, eta, search_.Centre.Ra, search_.Centre.Dec);
+        plane_.SetProjectionCentre(search_.Tangent.Ra, search_.Tangent.Dec, ArcsecondsPerRadian);
+        plane_.PlaneToSky(xi, eta, search_.Centre.Ra, search_.Centre.Dec);
         search_.FieldRatio = std::hypot(state_.Image.Width, state_.Image.Height) /
                              search_.Geometry.Scale / (2 * radius_ * ArcsecondsPerRadian);
     }
@@ -268,7 +255,6 @@ class QuadMatcher {
     QuadTables& tables_;
     QuadSearch& search_;
     const PlateStarList& stars_;
-    std::int32_t count_;
     double radius_;  ///< half the field's diagonal, radians
     double maxError_;
     double maxGeometricError_;
@@ -276,40 +262,30 @@ class QuadMatcher {
     bool talk_ = true;
     double magnitudeLimit_ = 0;
     double neighbourRadius_ = 0;  ///< pixels
-    PlateStarList nearby_;        ///< around the candidate's first star
-    std::int32_t nearbyCount_ = -1;
-    std::vector<double> residuals_;
+    Projection plane_;
+    std::optional<PlateStarList> nearby_;  ///< around the candidate's first star
+    NumberedList<double> residuals_;
 };
-
-/// The last solution's pairs go with other lists of stars, and its centre with another search.
-void ForgetSolution(ProgramState& state) {
-    state.Solution = {};
-    state.MatchedPositions.clear();
-    state.Image.Header.PlateMatched = false;
-    state.ZeroPointValid = false;
-    state.Display.SyncEnabled = false;
-}
 
 /// The outcome of a search that found something, and the catalog stars around the centre.
 void ShowMatch(ProgramState& state, Port& port, double width, double height, double seconds) {
     const QuadSearch& search = state.QuadMatch;
     const double radius = HalfDiagonal(width, height);
+    PlateStarList stars;
     try {
-        NearbyCatalogStars(state.Quads.Tables, state.Plane, search.Centre.Ra, search.Centre.Dec,
-                           radius, MagnitudeLimitFor(radius), state.CatalogStars,
-                           state.CatalogStarCount);
+        Projection plane;
+        stars = NearbyCatalogStars(state.Quads.Tables, plane, search.Centre, radius,
+                                   MagnitudeLimitFor(radius));
     } catch (const DamagedFile&) {
         // The match was made from pages that are good; the next search names the others.
-        state.CatalogStars.assign(1, PlateStar());
-        state.CatalogStarCount = 0;
     }
 
     SolveDisplay& display = state.Display;
     display.CentreCaption = "J2000 Image Center";
     display.CentreRA = FormatRA(search.Centre.Ra, true, 2);
     display.CentreDec = FormatDec(search.Centre.Dec, true, 1);
-    display.FoundInCatalog = std::to_string(state.CatalogStarCount);
-    ShowPlateGeometry(state, search.Geometry, search.FitError, search.PairCount);
+    display.FoundInCatalog = std::to_string(stars.Count());
+    ShowPlateGeometry(state, search.Geometry, search.FitError, search.Pairs.Count());
     Say(state, "MORA match successful");
     display.Status1 = {
         "Searched " + std::to_string(search.Searched) + (search.Searched == 1 ? " quad" : " quads"),
@@ -383,23 +359,22 @@ bool LoadQuadTables(ProgramState& state, double width, double height) {
     return tables.Fault.empty();
 }
 
-bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStars,
-                 std::int32_t imageCount, double width, double height, double maxError,
-                 const QuadJudge& accept) {
+bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStars, double width,
+                 double height, double maxError, const QuadJudge& accept) {
     const StageTimer seconds(state.QuadMatch.Seconds);
     bool matched = false;
     try {
-        QuadMatcher matcher(state, imageStars, imageCount, width, height, maxError, accept);
+        QuadMatcher matcher(state, imageStars, width, height, maxError, accept);
         const auto yield = [&port] { port.Yield(); };
         const bool any = state.Quads.Tables.QuadCount() > 0;
-        for (std::int32_t star = 1; any && star <= imageCount && !matched && !state.StopRequested;
-             ++star) {
+        const std::int32_t count = any ? imageStars.Count() : 0;
+        for (std::int32_t star = 1; star <= count && !matched && !state.StopRequested; ++star) {
             ImageQuad quad{};
             if (!matcher.QuadOf(star, quad)) continue;
             const std::size_t linesBefore = state.QuadMatch.Messages.size();
             matched = matcher.Match(quad, yield);
             if (state.QuadMatch.Messages.size() > linesBefore) port.DisplayChanged();
-            ShownProgress(port)(star, imageCount);
+            ShownProgress(port)(star, count);
         }
     } catch (const DamagedFile& damage) {
         // Whatever was found up to here rests on pages that were good.
@@ -407,31 +382,29 @@ bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStar
         state.Quads.Fault = TextFromPath(state.Quads.File) + " " + damage.what();
     }
     port.ShowProgress(0);
-    if (!matched) state.QuadMatch.PairCount = 0;
+    if (!matched) state.QuadMatch.Pairs.Clear();
     return matched;
 }
 
-void MatchByQuads(ProgramState& state, Port& port, double& centreRA, double& centreDec,
-                  double width, double height, double maxError) {
+SolveCode MatchByQuads(ProgramState& state, Port& port, double width, double height,
+                       double maxError) {
     const auto start = std::chrono::steady_clock::now();
     BeginSolve(state);
     state.Report.Blind = true;
     state.QuadMatch = {};
-    const std::int16_t code = WithinMemory(state, port, [&] {
+    state.QuadMatch.Code = WithinMemory(state, port, [&] {
         if (!FindPlateStars(state, port)) return SolveCode::TooFewStars;
-        ForgetSolution(state);
-        ShowStatus(state, port, "Extracted " + std::to_string(state.PlateStarCount) + " Stars");
+        // Nothing is drawn over the image but by a solution.
+        state.Image.Header.PlateMatched = false;
+        ShowStatus(state, port, "Extracted " + std::to_string(state.PlateStars.Count()) + " Stars");
         state.Display.Status1 = {"", StatusColour::Black, false};
         const double pixelScale = width * ArcsecondsPerRadian / state.Image.Width;
         Say(state, "Attempting Match by MORA");
         Say(state, "Starting MORA:");
         Say(state, "Pscale = " + NumberText(pixelScale) + " arcseconds/pix");
-        Say(state, "Plate Stars: " + std::to_string(state.PlateStarCount));
+        Say(state, "Plate Stars: " + std::to_string(state.PlateStars.Count()));
         port.DisplayChanged();
-        if (SearchQuads(state, port, state.PlateStars, state.PlateStarCount, width, height,
-                        maxError)) {
-            centreRA = state.QuadMatch.Centre.Ra;
-            centreDec = state.QuadMatch.Centre.Dec;
+        if (SearchQuads(state, port, state.PlateStars, width, height, maxError)) {
             const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
             ShowMatch(state, port, width, height, elapsed.count());
             return SolveCode::Solved;
@@ -443,7 +416,7 @@ void MatchByQuads(ProgramState& state, Port& port, double& centreRA, double& cen
         ShowStatus(state, port, "No Match Found", StatusColour::Red);
         return SolveCode::NoMatch;
     });
-    state.QuadMatch.Code = code;
+    return state.QuadMatch.Code;
 }
 
 }  // namespace vestrel

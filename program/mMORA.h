@@ -24,11 +24,12 @@ bool LoadQuadTables(ProgramState& state, double width, double height);
 /// Each star of the image and the first three others in the list within 1.5° make a quad. Table
 /// quads of the same shape are tried in all 24 orderings; a plate that fits their four stars is
 /// extended by the catalog stars around, and one more pair decides.
-/// @param centreRA, centreDec J2000 image centre (radians) on success
 /// @param width, height field of view (radians)
 /// @param maxError      match tolerance, pixels
-void MatchByQuads(ProgramState& state, Port& port, double& centreRA, double& centreDec,
-                  double width, double height, double maxError);
+/// @return Solved when `QuadMatch` holds a match, its `Centre` among it; the image has no solution
+///         by that. Else TooFewStars, NoMatch or Stopped
+SolveCode MatchByQuads(ProgramState& state, Port& port, double width, double height,
+                       double maxError);
 
 /// Whether a match can be relied on: chance does not give one like it, and the field is at most
 /// twice and at least half as large as it was said to be. (A plate of quite another scale may press
@@ -41,8 +42,7 @@ using QuadJudge = std::function<bool(const QuadSearch&)>;
 /// The search of `MatchByQuads` with any list of image stars, without showing its outcome. What it
 /// counts and says adds to what is in `QuadMatch`.
 /// @return whether a match was found and accepted
-bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStars,
-                 std::int32_t imageCount, double width, double height, double maxError,
-                 const QuadJudge& accept = {});
+bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStars, double width,
+                 double height, double maxError, const QuadJudge& accept = {});
 
 }  // namespace vestrel

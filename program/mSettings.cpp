@@ -69,7 +69,6 @@ void InitSettings(ProgramState& state, Port& port) {
     state.StopRequested = false;
     state.BackgroundRemoved = false;
     state.ImageLoaded = false;
-    state.ZeroPointValid = false;
     LoadSettings(state, port);
     if (!state.HaveConfig) SetDefaultSettings(state);
     state.Inputs.SizeX = RoundedText(state.Parameters.FieldWidth, 2);

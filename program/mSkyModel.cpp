@@ -24,51 +24,34 @@ PlateStarList CatalogOfImage(const ProgramState& state, const SkyModel& plate) {
     CatalogCache cache;
     cache.Folder = state.Catalog.Folder;
     PlateStarList stars;
-    std::int32_t count = 0;
     double limit = state.Report.MagnitudeLimit + deeper;
     for (int reading = 0; reading < mostReadings; ++reading) {
-        RegionStars(cache, plane, plate.Tangent.Ra, plate.Tangent.Dec, radius, limit, stars, count);
+        stars = RegionStars(cache, plane, plate.Tangent, radius, limit);
         // A list that is full is full of some cells only.
-        if (count <= enough) break;
+        if (stars.Count() <= enough) break;
         limit -= 1;
     }
     return stars;
 }
 
-/// Whether the solution of this run is the one that the header holds.
-bool IsSolutionOfHeader(const PlateSolution& solution, const ImageHeader& header) {
-    const PlateConstants& t = solution.Transform;
-    const auto& map = header.PlateTransform;
-    return header.PlateMatched && solution.TangentRA == header.RaRef &&
-           solution.TangentDec == header.DecRef && t.a == map[0][0] && t.b == map[0][1] &&
-           t.c == map[0][2] && t.d == map[1][0] && t.e == map[1][1] && t.f == map[1][2];
-}
-
 std::optional<SkySolution> SolutionOfAllStars(const ProgramState& state, const SkyModel& plate) {
-    const PlateSolution& solution = state.Solution;
+    const PlateSolution& solution = *state.Solution;
     const PlateStarList regionStars = CatalogOfImage(state, plate);
     std::vector<SkyPosition> catalog;
     std::vector<PixelPoint> stars;
     std::vector<SkyPair> start;
-    for (std::size_t i = 1; i < regionStars.size(); ++i) {
-        catalog.push_back({regionStars[i].Ra, regionStars[i].Dec});
-    }
-    const auto imageStars = static_cast<std::size_t>(std::max(state.PlateStarCount, 0));
-    for (std::size_t i = 1; i <= imageStars && i < state.PlateStars.size(); ++i) {
-        const PlateStar& star = state.PlateStars[i];
-        stars.push_back({static_cast<double>(star.X), static_cast<double>(star.Y)});
-    }
+    for (const PlateStar& star : regionStars) catalog.push_back({star.Ra, star.Dec});
+    for (const PlateStar& star : solution.PlateStars) stars.push_back({star.X, star.Y});
     // The same stars in the list that was read again.
-    for (std::size_t k = 1; k < solution.Pairs.size(); ++k) {
-        const StarMatch& pair = solution.Pairs[k];
+    for (const StarMatch& pair : solution.Pairs) {
         if (!pair.InUse) continue;
-        const PlateStar& wanted = state.CatalogStars[static_cast<std::size_t>(pair.Star1)];
+        const PlateStar& wanted = solution.CatalogStars[pair.Star1];
         const auto found =
             std::find_if(catalog.begin(), catalog.end(), [&](const SkyPosition& position) {
                 return position.Ra == wanted.Ra && position.Dec == wanted.Dec;
             });
         const auto plateStar = static_cast<std::size_t>(pair.Star2) - 1;
-        if (found != catalog.end() && plateStar < stars.size()) {
+        if (found != catalog.end()) {
             start.push_back({static_cast<std::size_t>(found - catalog.begin()), plateStar});
         }
     }
@@ -87,7 +70,7 @@ std::optional<ImageSkyModel> SkyModelOfImage(const ProgramState& state) {
                                  state.Image.Width, state.Image.Height);
     if (!plate) return std::nullopt;
     ImageSkyModel result{std::move(*plate), std::nullopt};
-    if (IsSolutionOfHeader(state.Solution, header)) {
+    if (state.Solution) {
         result.Solution = SolutionOfAllStars(state, result.Model);
         if (result.Solution) result.Model = result.Solution->Fit.Model;
     }

@@ -149,23 +149,24 @@ std::string ConfidenceText(const MatchConfidence& confidence) {
 }
 
 std::string SolutionText(const ProgramState& state) {
-    const PlateSolution& solution = state.Solution;
+    const PlateSolution& solution = *state.Solution;
     const ImageOrientation orientation = OrientationOf(solution, state.Image);
     Table table;
-    table.Line("Centre (J2000)", Position({solution.CentreRA, solution.CentreDec}));
-    table.Line("Field", state.Display.PlateSize);
-    table.Line("Scale", Fixed(state.Geometry.ScaleArcseconds, 4) + "\"/px");
-    table.Line("Rotation", Fixed(state.Geometry.AngleDegrees, 2) + DegreeSign + "   (up is " +
-                               Fixed(orientation.UpPositionAngle, 2) + DegreeSign +
+    table.Line("Centre (J2000)", Position(solution.Centre()));
+    table.Line("Field", FieldSizeText(state.Image.Width, state.Image.Height, solution.Scale));
+    table.Line("Scale", Fixed(1 / solution.Scale, 4) + "\"/px");
+    table.Line("Rotation", Fixed(PositionAngleDegrees(solution.Angle), 2) + DegreeSign +
+                               "   (up is " + Fixed(orientation.UpPositionAngle, 2) + DegreeSign +
                                " east of north)");
     table.Line("Mirrored", orientation.Mirrored ? "yes (with north up, east is right)"
                                                 : "no (with north up, east is left)");
     table.Line("Stretch, skew",
                Fixed(std::fabs(solution.Stretch), 5) + ", " + Fixed(solution.Skew, 5));
     table.Line("Stars", std::to_string(solution.ExtractedCount) + " extracted, " +
-                            std::to_string(solution.CatalogCount) + " in catalog, " +
+                            std::to_string(solution.CatalogCount()) + " in catalog, " +
                             std::to_string(solution.MatchedCount) + " matched");
-    table.Line("RMS", state.Display.RmsDifference + " (" + Fixed(solution.Rms, 3) + " px)");
+    table.Line("RMS",
+               ResidualText(solution.Rms, solution.Scale) + " (" + Fixed(solution.Rms, 3) + " px)");
     if (state.Report.Blind) {
         const QuadSearch& quads = state.QuadMatch;
         table.Line("Found by quads", std::to_string(quads.Searched) + " looked up, " +
@@ -183,9 +184,10 @@ std::string QuadMatchText(const ProgramState& state) {
     const QuadSearch& search = state.QuadMatch;
     Table table;
     table.Line("Centre (J2000)", Position(search.Centre));
-    table.Line("Field", state.Display.PlateSize);
-    table.Line("Scale", Fixed(state.Geometry.ScaleArcseconds, 4) + "\"/px");
-    table.Line("Pairs", std::to_string(search.PairCount) + ", fit error " +
+    const double scale = search.Geometry.Scale;
+    table.Line("Field", FieldSizeText(state.Image.Width, state.Image.Height, scale));
+    table.Line("Scale", Fixed(1 / scale, 4) + "\"/px");
+    table.Line("Pairs", std::to_string(search.Pairs.Count()) + ", fit error " +
                             Fixed(search.FitError, 3) + " px");
     AddQuads(table, state);
     table.Line("Certainty", ConfidenceText(search.Confidence));
@@ -195,14 +197,15 @@ std::string QuadMatchText(const ProgramState& state) {
     table.Line("Doubtful",
                (IsSure(search.Confidence)
                     ? "the field is " + Fixed(search.FieldRatio, 2) + " times the size given"
-                    : Count(search.PairCount, "pair", "pairs") + " can be chance") +
+                    : Count(search.Pairs.Count(), "pair", "pairs") + " can be chance") +
                    ": the approximate centre stays as it was");
     return table.Take() + TryLine("Plate Match, from this centre or another that is known");
 }
 
 std::vector<std::string> Cautions(const ProgramState& state) {
     std::vector<std::string> cautions;
-    const PlateSolution& solution = state.Solution;
+    if (!state.Solution) return cautions;
+    const PlateSolution& solution = *state.Solution;
     if (solution.Rms > state.Parameters.MaxError) {
         cautions.push_back("the fit is poor: RMS " + Fixed(solution.Rms, 1) + " px from " +
                            std::to_string(solution.MatchedCount) + " stars");
@@ -235,7 +238,7 @@ std::string CatalogComplaint(const ProgramState& state) {
     return {};
 }
 
-std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
+std::vector<std::string> Advice(const ProgramState& state, SolveCode code,
                                 const InputWords& words) {
     std::vector<std::string> advice;
     if (code == SolveCode::TooFewStars && HasNextToNoCounts(state.Image)) {
@@ -282,7 +285,7 @@ std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
     return advice;
 }
 
-std::string FailureText(const ProgramState& state, std::int16_t code, const InputWords& words) {
+std::string FailureText(const ProgramState& state, SolveCode code, const InputWords& words) {
     const SolveReport& report = state.Report;
     Table table;
     AddImage(table, state);

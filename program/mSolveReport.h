@@ -22,14 +22,15 @@ ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& 
 /// alarm below 1e-12".
 std::string ConfidenceText(const MatchConfidence& confidence);
 
-/// A solution as lines of "label   value", ready to print.
+/// The solution of the image as lines of "label   value", ready to print. There must be one.
 std::string SolutionText(const ProgramState& state);
 
 /// What `MatchByQuads` found, as such lines.
 std::string QuadMatchText(const ProgramState& state);
 
-/// What should make a user doubt a solution; empty as a rule. A handful of stars can fit by chance,
-/// and such a fit is either poor or of another scale than expected.
+/// What should make a user doubt the solution of the image; empty as a rule, and without one. A
+/// handful of stars can fit by chance, and such a fit is either poor or of another scale than
+/// expected.
 std::vector<std::string> Cautions(const ProgramState& state);
 
 /// What advice calls the inputs.
@@ -58,14 +59,14 @@ inline constexpr InputWords WindowWords{"Detection Threshold",
                                         "Plate Match, with the approximate centre (RA, Dec)"};
 
 /// Why a solve ended without a solution: what was seen, and what to try next.
-std::string FailureText(const ProgramState& state, std::int16_t code,
+std::string FailureText(const ProgramState& state, SolveCode code,
                         const InputWords& words = ConsoleWords);
 
 /// What is wrong with the catalog, in words; empty when it has stars for the starting region.
 std::string CatalogComplaint(const ProgramState& state);
 
 /// What a user might try next, most promising first.
-std::vector<std::string> Advice(const ProgramState& state, std::int16_t code,
+std::vector<std::string> Advice(const ProgramState& state, SolveCode code,
                                 const InputWords& words = ConsoleWords);
 
 /// The stages' names and seconds, in order.

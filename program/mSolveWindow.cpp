@@ -34,7 +34,7 @@ std::optional<double> ReadSize(const SolveInputs& inputs, const std::string& tex
     return inputs.Units == "degrees" ? radians * 60 : radians;
 }
 
-std::string DetailsOf(const ProgramState& state, std::int16_t code) {
+std::string DetailsOf(const ProgramState& state, SolveCode code) {
     return code == SolveCode::Solved ? SolutionText(state) : FailureText(state, code, WindowWords);
 }
 
@@ -46,7 +46,6 @@ std::optional<UnattendedRequest> BeginSearch(ProgramState& state, Port& port) {
     }
     const StatusLine statusBefore = state.Display.Status;
     state.Display.BusyIndicator = true;
-    state.Display.SolutionOverlays = false;
     ShowStatus(state, port, "Working...");
     port.ImageChanged();
     auto request = ReadSolveInputs(state, port);
@@ -79,8 +78,7 @@ AvailableCommands CommandsFor(const ProgramState& state) {
     const bool idle = state.Running == Activity::None;
     const bool image = idle && state.ImageLoaded;
     const bool lasting = state.Running == Activity::Solving || state.Running == Activity::Telescope;
-    return {idle, lasting, image, image && state.Image.Header.PlateMatched,
-            idle && state.Display.SyncEnabled};
+    return {idle, lasting, image, image && state.Image.Header.PlateMatched, idle && state.Solution};
 }
 
 std::optional<UnattendedRequest> ReadSolveInputs(const ProgramState& state, Port& port) {
@@ -112,15 +110,9 @@ void PlateMatchCommand(ProgramState& state, Port& port) {
     if (!operation) return;
     const auto request = BeginSearch(state, port);
     if (!request) return;
-    double ra = request->Ra;
-    double dec = request->Dec;
-    const std::int16_t code = SolvePlate(state, port, ra, dec, request->Width, request->Height,
-                                         request->RegionLimit, state.Parameters.MaxError);
+    const SolveCode code = SolvePlate(state, port, SearchFor(*request, state.Parameters));
     state.Display.Details = DetailsOf(state, code);
-    if (code == SolveCode::Solved) {
-        state.Display.SolutionOverlays = true;
-        port.ImageChanged();
-    }
+    if (code == SolveCode::Solved) port.ImageChanged();
 }
 
 void MoraCommand(ProgramState& state, Port& port) {
@@ -128,16 +120,15 @@ void MoraCommand(ProgramState& state, Port& port) {
     if (!operation) return;
     const auto request = BeginSearch(state, port);
     if (!request) return;
-    SkyPosition centre;
-    const std::int16_t code = WithinMemory(state, port, [&] {
+    const SolveCode code = WithinMemory(state, port, [&] {
         LoadQuadTables(state, request->Width, request->Height);
-        MatchByQuads(state, port, centre.Ra, centre.Dec, request->Width, request->Height,
-                     state.Parameters.MaxError);
-        return state.QuadMatch.Code;
+        return MatchByQuads(state, port, request->Width, request->Height,
+                            state.Parameters.MaxError);
     });
     const bool matched = code == SolveCode::Solved;
     state.Display.Details = matched ? QuadMatchText(state) : FailureText(state, code, WindowWords);
     if (matched && IsSure(state.QuadMatch)) {
+        const SkyPosition& centre = state.QuadMatch.Centre;
         state.Inputs.Ra = FormatRA(centre.Ra, false, 2);
         state.Inputs.Dec = FormatDec(centre.Dec, false, 1);
     }

@@ -15,20 +15,11 @@ namespace vestrel {
 
 namespace {
 
-/// Whether the solution of this run is the one that the header holds: an image that was saved
-/// solved brings its own, of whose quality nothing is known any more.
-bool IsSolutionOfHeader(const PlateSolution& solution, const ImageHeader& header) {
-    const PlateConstants& t = solution.Transform;
-    const auto& map = header.PlateTransform;
-    return header.PlateMatched && solution.TangentRA == header.RaRef &&
-           solution.TangentDec == header.DecRef && t.a == map[0][0] && t.b == map[0][1] &&
-           t.c == map[0][2] && t.d == map[1][0] && t.e == map[1][1] && t.f == map[1][2];
-}
-
-/// How good the solution is, as header cards.
+/// How good the solution is, as header cards. Of one that was read with the image nothing is
+/// known any more.
 std::vector<std::string> QualityCards(const ProgramState& state) {
-    const PlateSolution& solution = state.Solution;
-    if (!IsSolutionOfHeader(solution, state.Image.Header)) return {};
+    if (!state.Solution) return {};
+    const PlateSolution& solution = *state.Solution;
     const ImageOrientation orientation = OrientationOf(solution, state.Image);
     std::vector<std::string> cards = {
         FitsNumberCard("NH_SCALE", 1 / solution.Scale, "[arcsec] per pixel"),
@@ -37,7 +28,7 @@ std::vector<std::string> QualityCards(const ProgramState& state) {
         FitsNumberCard("NH_STRET", std::fabs(solution.Stretch), "stretch: 1 for square pixels"),
         FitsNumberCard("NH_SKEW", solution.Skew, "skew: 0 for upright pixels"),
         FitsNumberCard("NH_NSTAR", solution.ExtractedCount, "stars extracted"),
-        FitsNumberCard("NH_NCAT", solution.CatalogCount, "stars in the catalog"),
+        FitsNumberCard("NH_NCAT", solution.CatalogCount(), "stars in the catalog"),
         FitsNumberCard("NH_NMAT", solution.MatchedCount, "stars matched"),
         FitsNumberCard("NH_RMS", solution.Rms / solution.Scale, "[arcsec] RMS of matched stars"),
         FitsNumberCard("NH_RMSPX", solution.Rms, "[pixel] RMS of matched stars"),

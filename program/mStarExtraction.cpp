@@ -52,8 +52,7 @@ void SubtractBackground(ProgramState& state, Port& port, std::int16_t halfSize, 
                              ShownProgress(port));
     port.ShowProgress(0);
     state.BackgroundRemoved = true;
-    // Other counts need other levels.
-    image.DisplayBlack = image.DisplayWhite = 0;
+    CountsChanged(state);
 }
 
 void GaussianFilter(ProgramState& state, Port& port) {
@@ -63,17 +62,18 @@ void GaussianFilter(ProgramState& state, Port& port) {
     port.Yield();
 }
 
-void ExtractStars(ProgramState& state, Port& port, PlateStarList& stars, std::int32_t& count) {
+PlateStarList ExtractStars(ProgramState& state, Port& port) {
     ShowCaption(state, port, "Extracting Stars");
     port.ShowBusyPointer(true);
     const SolveParameters& parameters = state.Parameters;
     const DetectionSettings settings{parameters.DetectionThreshold, parameters.EdgeExclusion,
                                      parameters.MinStarSize, parameters.MaxStarSize};
-    ExtractStars(state.Image, settings, stars, count, state.Extraction,
-                 StoppableProgress(state, port));
+    PlateStarList stars =
+        ExtractStars(state.Image, settings, state.Extraction, StoppableProgress(state, port));
     port.ShowProgress(0);
     port.Yield();
     port.ShowBusyPointer(false);
+    return stars;
 }
 
 }  // namespace vestrel

@@ -16,8 +16,8 @@ void SubtractBackground(ProgramState& state, Port& port, std::int16_t halfSize, 
 /// Smooths the loaded image in place.
 void GaussianFilter(ProgramState& state, Port& port);
 
-/// Extracts the stars of the loaded image (1-based, brightest first, at most 100).
-void ExtractStars(ProgramState& state, Port& port, PlateStarList& stars, std::int32_t& count);
+/// Extracts the stars of the loaded image, brightest first, at most 100.
+PlateStarList ExtractStars(ProgramState& state, Port& port);
 
 /// Sets the status line of the solve window.
 void ShowStatus(ProgramState& state, Port& port, const std::string& text,

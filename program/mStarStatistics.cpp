@@ -19,10 +19,12 @@ std::string WithError(double value, double error, int decimals, const char* unit
 
 std::optional<CatalogNeighbour> NearestInCatalog(const ProgramState& state, const SkyMap& map,
                                                  const PixelPoint& place) {
-    const auto nearest = NearestCatalogStar(map, state.CatalogStars, state.CatalogStarCount, place);
+    if (!state.Solution) return std::nullopt;
+    const PlateStarList& stars = state.Solution->CatalogStars;
+    const auto nearest = NearestCatalogStar(map, stars, place);
     const auto here = map.SkyOf(place);
     if (!nearest || !here) return std::nullopt;
-    const PlateStar& star = state.CatalogStars[static_cast<std::size_t>(nearest->Index)];
+    const PlateStar& star = stars[nearest->Index];
     const SkyPosition sky{star.Ra, star.Dec};
     return CatalogNeighbour{sky, star.Flux, nearest->Distance,
                             SkyDistance(*here, sky) * arcsecondsPerRadian};
@@ -85,12 +87,10 @@ ApertureSettings ApertureSettingsOf(const SolveParameters& parameters) {
 std::vector<CalibrationStar> CalibrationStarsOf(const ProgramState& state) {
     std::vector<CalibrationStar> stars;
     const auto map = SkyMap::Of(state.Image.Header);
-    if (!state.ZeroPointValid || !map) return stars;
-    for (const StarMatch& pair : state.Solution.Pairs) {
-        if (!pair.InUse || pair.Star1 < 1 || pair.Star1 > state.CatalogStarCount) continue;
-        const PlateStar& star = state.CatalogStars[static_cast<std::size_t>(pair.Star1)];
-        if (const auto place = map->PixelOf({star.Ra, star.Dec})) {
-            stars.push_back({place->X, place->Y, star.Flux});
+    if (!state.Solution || !map) return stars;
+    for (const MatchedStar& star : MatchedStars(*state.Solution)) {
+        if (const auto place = map->PixelOf({star.Catalog->Ra, star.Catalog->Dec})) {
+            stars.push_back({place->X, place->Y, star.Catalog->Flux});
         }
     }
     return stars;

@@ -139,10 +139,11 @@ bool LoadTelescopeCommand(ProgramState& state, Port& port) {
 }
 
 void SyncTelescopeCommand(ProgramState& state, Port& port) {
-    if (!state.Display.SyncEnabled) return;
+    if (!state.Solution) return;
+    const SkyPosition centre = state.Solution->Centre();
     WithTelescope(state, port, [&] {
         UpdateClock(state);
-        const SkyPosition position = Precess(state.SolvedCentre, J2000, state.JulianDate);
+        const SkyPosition position = Precess(centre, J2000, state.JulianDate);
         Ask(state, port, state.TelescopePatience.Call,
             [hours = position.Ra * 12 / Pi,
              degrees = position.Dec * 180 / Pi](TelescopeDriver& driver) {

@@ -123,7 +123,7 @@ struct PlainCatalog {
     }
 
     PlateStarList Query(const Projection& plane, double limit2, double magLimit, bool field) const {
-        PlateStarList list(1);
+        PlateStarList list;
         for (const Entry& entry : Cells) {
             if (field && !entry.InUse) continue;
             for (const CatalogStar& star : entry.Stars) {
@@ -136,13 +136,13 @@ struct PlainCatalog {
                 const double cosine = plane.SkyToPlane(ra, dec, xi, eta);
                 const bool near = field ? std::sqrt(xi * xi + eta * eta) <= limit2 && cosine >= 0
                                         : xi * xi + eta * eta <= limit2;
-                if (list.size() <= (field ? 1000U : 10000U) && near) {
-                    list.push_back({static_cast<float>(xi), static_cast<float>(eta),
-                                    static_cast<float>(magnitude), ra, dec});
+                if (list.Count() < (field ? 1000 : 10000) && near) {
+                    list.Add({static_cast<float>(xi), static_cast<float>(eta),
+                              static_cast<float>(magnitude), ra, dec});
                 }
             }
         }
-        PlainCombSort(list, static_cast<int>(list.size()) - 1, &PlateStar::Flux);
+        PlainCombSort(list, list.Count(), &PlateStar::Flux);
         return list;
     }
 };
@@ -165,14 +165,14 @@ void AddStar(PlainCatalog& plain, double ra, double dec, double magnitude) {
          static_cast<std::int16_t>(std::lround(magnitude * 100))});
 }
 
-void ExpectSameList(const PlateStarList& stars, std::int32_t count, const PlateStarList& plain) {
-    ASSERT_EQ(count + 1U, plain.size());
-    for (std::size_t i = 1; i < plain.size(); ++i) {
+void ExpectSameList(const PlateStarList& stars, const PlateStarList& plain) {
+    ASSERT_EQ(stars.Count(), plain.Count());
+    for (int i = 1; i <= plain.Count(); ++i) {
         const PlateStar& one = stars[i];
         const PlateStar& other = plain[i];
         ASSERT_TRUE(one.X == other.X && one.Y == other.Y && one.Flux == other.Flux &&
                     one.Ra == other.Ra && one.Dec == other.Dec)
-            << "star " << i << " of " << count;
+            << "star " << i << " of " << stars.Count();
     }
 }
 
@@ -181,9 +181,7 @@ void ExpectSameRegion(CatalogCache& cache, PlainCatalog& plain, double ra0, doub
                       double radius, double magLimit, double away = 0) {
     Projection plane;
     plane.SetProjectionCentre(ra0 + away, dec0 * (1 - away), 206264.81 * (1 - away));
-    PlateStarList stars;
-    std::int32_t count = -1;
-    RegionStars(cache, plane, ra0, dec0, radius, magLimit, stars, count);
+    const PlateStarList stars = RegionStars(cache, plane, {ra0, dec0}, radius, magLimit);
     plain.LoadRegion(ra0, dec0, radius);
     ASSERT_EQ(cache.Cells.size(), plain.Cells.size());
     ASSERT_EQ(cache.CachedStars, plain.CachedStars);
@@ -193,14 +191,14 @@ void ExpectSameRegion(CatalogCache& cache, PlainCatalog& plain, double ra0, doub
         ASSERT_EQ(cache.Cells[i].InUse, plain.Cells[i].InUse) << plain.Cells[i].Name;
     }
     const double limit = radius * 206264.81;
-    ExpectSameList(stars, count, plain.Query(plane, limit * limit, magLimit, false));
+    ExpectSameList(stars, plain.Query(plane, limit * limit, magLimit, false));
     // Seen from the opposite point, all of the region's stars are on the far hemisphere.
     for (const double side : {1.0, -1.0}) {
         Projection fieldPlane;
-        FieldStars(cache, fieldPlane, ra0 + (side < 0 ? Pi : 0), side * dec0, radius, magLimit,
-                   stars, count);
+        const PlateStarList field = FieldStars(
+            cache, fieldPlane, {ra0 + (side < 0 ? Pi : 0), side * dec0}, radius, magLimit);
         EXPECT_EQ(fieldPlane.ProjectionScale, 206264.8062);
-        ExpectSameList(stars, count, plain.Query(fieldPlane, radius * 206264.8062, magLimit, true));
+        ExpectSameList(field, plain.Query(fieldPlane, radius * 206264.8062, magLimit, true));
     }
 }
 

@@ -139,7 +139,7 @@ TEST_F(ClosedLoop, SolutionsAreTheTruthInEveryFormatAndAttitude) {
         ASSERT_EQ(outcome.Result.Code, SolveCode::Solved) << outcome.Result.Message;
         EXPECT_TRUE(outcome.ResultFileWritten);
 
-        const PlateSolution& solution = State.Solution;
+        const PlateSolution& solution = *State.Solution;
         const auto centre = SkyToFrame(geometry, solution.CentreRA, solution.CentreDec);
         ASSERT_TRUE(centre);
         EXPECT_NEAR(centre->X, (frameWidth - 1) / 2.0, 0.1);
@@ -188,22 +188,20 @@ TEST_F(ClosedLoop, FramesAreSolvedWithoutACentreAndStrangersAreNot) {
         const auto path = Frames / "blind.fit";
         WriteFile(path, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
         EXPECT_TRUE(OpenImage(State, Port, TextFromPath(path)));
-        double ra = 0;
-        double dec = 0;
-        return SolveBlind(State, Port, ra, dec, fieldWidth, fieldHeight, State.Parameters.MaxError,
-                          false);
+        return SolveBlind(State, Port, fieldWidth, fieldHeight, State.Parameters.MaxError, false);
     };
     for (const SkyPlace place : {acrossZero, northPole, southPole, ordinary}) {
         const FrameGeometry geometry = FrameAt(place, 3 * place.Ra, place.Dec < 0);
         ASSERT_EQ(solve(geometry, CatalogFrameStars(Catalog.Path, geometry, FaintestDrawn())),
                   SolveCode::Solved)
             << place.Ra;
-        const auto centre = SkyToFrame(geometry, State.Solution.CentreRA, State.Solution.CentreDec);
+        const auto centre =
+            SkyToFrame(geometry, State.Solution->CentreRA, State.Solution->CentreDec);
         ASSERT_TRUE(centre);
         EXPECT_NEAR(centre->X, (frameWidth - 1) / 2.0, 0.1);
         EXPECT_NEAR(centre->Y, (frameHeight - 1) / 2.0, 0.1);
         EXPECT_LT(State.QuadMatch.Confidence.Log10FalseAlarm, SureLog10FalseAlarm);
-        EXPECT_LT(State.Solution.Confidence.Log10FalseAlarm, -15);
+        EXPECT_LT(State.Solution->Confidence.Log10FalseAlarm, -15);
         EXPECT_TRUE(State.Image.Header.PlateMatched);
     }
     const FrameGeometry geometry = FrameAt(ordinary);

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
+#include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "program/mCommandLine.h"
 #include "program/mPlateMatch.h"
@@ -43,26 +46,31 @@ TEST(ParameterString, FieldsAreSplitAtTheFirstSeparatorsAndTrimmed) {
 TEST(ResultFile, IsExactToTheByte) {
     ProgramState state;
     state.Extraction.StarsFound = 17;
-    for (const auto& [code, message] :
-         {std::pair<std::int16_t, std::string>(0, "Unanticipated problem during plate matching"),
-          {-1, "Maximum search limit exceeded"},
-          {-2, "Vestrel was terminated by user"},
-          {-10, "Can't open input file"}}) {
-        EXPECT_EQ(ResultFileText(state, code),
-                  "1000,1000," + std::to_string(code) + "\r\n0,0,0,0,17\r\n" + message + "\r\n");
+    const std::map<SolveCode, std::string> failures = {
+        {SolveCode::TooFewStars, "0\r\n0,0,0,0,17\r\nUnanticipated problem during plate matching"},
+        {SolveCode::NoMatch, "-1\r\n0,0,0,0,17\r\nMaximum search limit exceeded"},
+        {SolveCode::Stopped, "-2\r\n0,0,0,0,17\r\nVestrel was terminated by user"},
+        {SolveCode::NoImage, "-10\r\n0,0,0,0,17\r\nCan't open input file"}};
+    for (const SolveCode code : SolveCodes) {
+        if (code == SolveCode::Solved) continue;
+        EXPECT_EQ(ResultFileText(state, code), "1000,1000," + failures.at(code) + "\r\n");
     }
-    state.Solution.CentreRA = 1.23456785001;
-    state.Solution.CentreDec = -0.00000025;  // a tie: to the even digit
-    state.Geometry = {10.3076549, 359.996, -1.0000149, 0.0000051};
-    EXPECT_EQ(ResultFileText(state, 1),
+    PlateSolution& solution = state.Solution.emplace();
+    solution.CentreRA = 1.23456785001;
+    solution.CentreDec = -0.00000025;  // a tie: to the even digit
+    solution.Scale = 1 / 10.3076549;
+    solution.Angle = -0.004 * Pi / 180;
+    solution.Stretch = -1.0000149;
+    solution.Skew = 0.0000051;
+    EXPECT_EQ(ResultFileText(state, SolveCode::Solved),
               "1.2345679,-0.0000002,1\r\n10.30765,360,-1.00001,0.00001,17\r\n"
               "Valid plate solution\r\n");
-    state.Solution.CentreDec = -0.00000004;  // never "-0"
-    state.Geometry.AngleDegrees = 0.5;
-    EXPECT_EQ(ResultFileText(state, 1).substr(0, 15), "1.2345679,0,1\r\n");
-    EXPECT_NE(ResultFileText(state, 1).find("10.30765,0.5,"), std::string::npos);
+    solution.CentreDec = -0.00000004;  // never "-0"
+    solution.Angle = Pi / 360;
+    const std::string text = ResultFileText(state, SolveCode::Solved);
+    EXPECT_EQ(text.substr(0, 15), "1.2345679,0,1\r\n");
+    EXPECT_NE(text.find("10.30765,0.5,"), std::string::npos);
 
-    EXPECT_EQ(ResultMessage(-3), "");
     EXPECT_EQ(ResultFilePath("C:\\images\\m51.fit"), "C:\\images\\m51.kel");
     EXPECT_EQ(ResultFilePath("/x/a.b.fit"), "/x/a.b.kel");
 }

@@ -123,7 +123,7 @@ TEST_F(ViewerWindows, ASolveSwitchesItsOverlaysOnAndTheyLieOnTheStars) {
     }
     // Alone, a catalog star's cross is where the star was drawn.
     Action("mnuCatalog")->setChecked(true);
-    const PlateStar& star = State->CatalogStars[1];
+    const PlateStar& star = State->Solution->CatalogStars[1];
     const QColor mark(ColourAt(Drawn({star.Ra, star.Dec})));
     EXPECT_GT(mark.blue(), mark.red() + 60);
 
@@ -237,14 +237,13 @@ TEST_F(ViewerWindows, AClickMeasuresTheStarThatWasDrawnThere) {
     // Of the pairs the loneliest: its light is its own.
     PlateStar star;
     double loneliest = 0;
-    for (std::int32_t i = 1; i <= State->CatalogStarCount; ++i) {
-        const PlateStar& one = State->CatalogStars[i];
+    for (const PlateStar& one : State->Solution->CatalogStars) {
         const PixelPoint place = Drawn({one.Ra, one.Dec});
         double nearest = std::min({place.X, place.Y, side - 1 - place.X, side - 1 - place.Y});
-        for (std::int32_t j = 1; j <= State->CatalogStarCount; ++j) {
-            const PixelPoint other = Drawn({State->CatalogStars[j].Ra, State->CatalogStars[j].Dec});
+        for (const PlateStar& any : State->Solution->CatalogStars) {
+            const PixelPoint other = Drawn({any.Ra, any.Dec});
             const double distance = std::hypot(place.X - other.X, place.Y - other.Y);
-            if (j != i) nearest = std::min(nearest, distance);
+            if (&any != &one) nearest = std::min(nearest, distance);
         }
         if (nearest > loneliest && one.Flux < 14) star = one;
         if (nearest > loneliest && one.Flux < 14) loneliest = nearest;
@@ -289,9 +288,7 @@ TEST_F(ViewerWindows, TwoClicksMakeARowAndTheTableIsWritten) {
     ASSERT_NE(window, nullptr);
     const auto* rows = window->findChild<QTableWidget*>("tblPhotometry");
     std::vector<PlateStar> stars;
-    for (const StarMatch& pair : State->Solution.Pairs) {
-        if (pair.InUse) stars.push_back(State->CatalogStars[pair.Star1]);
-    }
+    for (const MatchedStar& star : MatchedStars(*State->Solution)) stars.push_back(*star.Catalog);
     ASSERT_GE(stars.size(), 4u);
     const auto click = [&](const PlateStar& star) {
         QTest::mouseClick(Area, Qt::LeftButton, {}, OnScreen(Drawn({star.Ra, star.Dec})));

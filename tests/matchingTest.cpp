@@ -21,7 +21,7 @@ double Side(const PlateStarList& list, int i, int j) {
 }
 
 StarTriangleList PlainTriangles(const PlateStarList& list, int m) {
-    StarTriangleList triangles(1);
+    StarTriangleList triangles;
     for (int i = 1; i <= m; ++i) {
         for (int j = i + 1; j <= m; ++j) {
             for (int k = j + 1; k <= m; ++k) {
@@ -32,33 +32,31 @@ StarTriangleList PlainTriangles(const PlateStarList& list, int m) {
                 const double mid = sides[1].first / sides[0].first;
                 const double small = sides[2].first / sides[0].first;
                 if (mid < 0.95 && small < 0.95 && mid + small > 1.3 && mid - small > 0.05) {
-                    triangles.push_back({sides[0].first, mid, small,
-                                         static_cast<std::int16_t>(sides[2].second),
-                                         static_cast<std::int16_t>(sides[1].second),
-                                         static_cast<std::int16_t>(sides[0].second)});
+                    triangles.Add({sides[0].first, mid, small,
+                                   static_cast<std::int16_t>(sides[2].second),
+                                   static_cast<std::int16_t>(sides[1].second),
+                                   static_cast<std::int16_t>(sides[0].second)});
                 }
             }
         }
     }
-    PlainCombSort(triangles, static_cast<int>(triangles.size()) - 1, &StarTriangle::ShortRatio);
+    PlainCombSort(triangles, triangles.Count(), &StarTriangle::ShortRatio);
     return triangles;
 }
 
 void PlainVotes(VoteTable& votes, const StarTriangleList& one, const StarTriangleList& two,
                 double tolerance) {
-    const bool swapped = two.size() < one.size();
+    const bool swapped = two.Count() < one.Count();
     const StarTriangleList& outer = swapped ? two : one;
     const StarTriangleList& inner = swapped ? one : two;
-    const auto last = static_cast<std::ptrdiff_t>(inner.size()) - 1;
     // The first triangle of at least this ratio, else the last one.
     const auto reach = [&](double ratio) {
         const auto found =
-            std::partition_point(inner.begin() + 1, inner.begin() + last,
+            std::partition_point(inner.begin(), inner.begin() + inner.Count() - 1,
                                  [&](const StarTriangle& t) { return t.ShortRatio < ratio; });
-        return static_cast<std::size_t>(found - inner.begin());
+        return static_cast<std::size_t>(found - inner.begin()) + 1;
     };
-    for (std::size_t o = 1; o < outer.size(); ++o) {
-        const StarTriangle& triangle = outer[o];
+    for (const StarTriangle& triangle : outer) {
         double least = 1e20;
         std::size_t best = 0;
         const std::size_t high = reach(triangle.ShortRatio + 0.01);
@@ -84,7 +82,7 @@ void PlainVotes(VoteTable& votes, const StarTriangleList& one, const StarTriangl
 StarMatchList PlainMatches(VoteTable& votes, int m1, int m2, double divisor) {
     const double least = std::min(m1, m2);
     const double threshold = std::nearbyint(std::max((least - 2) * (least - 1) / divisor, 4.0));
-    StarMatchList matches(1);
+    StarMatchList matches;
     for (int i = 1; i <= m1; ++i) {
         int most = 0;
         int best = 0;
@@ -95,36 +93,24 @@ StarMatchList PlainMatches(VoteTable& votes, int m1, int m2, double divisor) {
             }
         }
         if (!(most >= threshold)) continue;
-        matches.push_back({static_cast<std::int16_t>(i), static_cast<std::int16_t>(best),
-                           static_cast<std::int16_t>(most), false});
+        matches.Add({static_cast<std::int16_t>(i), static_cast<std::int16_t>(best),
+                     static_cast<std::int16_t>(most), false});
         for (int j = 1; j <= m2; ++j) votes(i, j) = 0;
         for (int k = 1; k <= m1; ++k) votes(k, best) = 0;
     }
-    PlainCombSort(matches, static_cast<int>(matches.size()) - 1, &StarMatch::Votes);
-    std::reverse(matches.begin() + 1, matches.end());
-    for (std::size_t k = 1; k < matches.size(); ++k) matches[k].InUse = true;
+    PlainCombSort(matches, matches.Count(), &StarMatch::Votes);
+    std::reverse(matches.begin(), matches.end());
+    for (StarMatch& match : matches) match.InUse = true;
     return matches;
 }
 
-struct Outcome {
-    bool Matched = false;
-    std::int32_t Count1 = 0;
-    std::int32_t Count2 = 0;
-    StarMatchList Matches;
-    std::int32_t MatchCount = -7;
-    PlateConstants Constants;
-    FitGeometry Geometry;
-    double FitError = -7;
-    std::int32_t UsedCount = -7;
-};
-
 // The whole alignment, step by step. The fit itself is the product's: it has its own judge.
-struct PlainAlignment : Outcome {
+struct PlainAlignment : Alignment {
     PlainAlignment(const PlateStarList& list1, const PlateStarList& list2, double maxError,
                    const AlignSettings& settings)
         : List1(list1), List2(list2), MaxError(maxError), Settings(settings) {
-        Count1 = static_cast<std::int32_t>(list1.size()) - 1;
-        Count2 = static_cast<std::int32_t>(list2.size()) - 1;
+        Count1 = list1.Count();
+        Count2 = list2.Count();
         Matched = Run();
     }
 
@@ -132,10 +118,10 @@ struct PlainAlignment : Outcome {
     const PlateStarList& List2;
     double MaxError;
     const AlignSettings& Settings;
-    std::vector<double> Residuals;
+    NumberedList<double> Residuals;
 
     void Fit() {
-        FitError = FitPlate(List1, List2, Matches, MatchCount, Constants, Residuals);
+        FitError = FitPlate(List1, List2, Matches, Constants, Residuals);
         Geometry = PlateGeometry(Constants);
     }
     bool GeometryPasses() const {
@@ -148,8 +134,8 @@ struct PlainAlignment : Outcome {
         Fit();
         double sum = 0;
         double squares = 0;
-        std::size_t worst = 0;
-        for (std::size_t k = 1; k < Matches.size(); ++k) {
+        int worst = 0;
+        for (int k = 1; k <= Matches.Count(); ++k) {
             if (!Matches[k].InUse) continue;
             sum += Residuals[k];
             squares += Residuals[k] * Residuals[k];
@@ -183,7 +169,7 @@ struct PlainAlignment : Outcome {
         PlainVotes(votes, PlainTriangles(List1, m1), PlainTriangles(List2, m2),
                    Settings.MatchTolerance);
         Matches = PlainMatches(votes, m1, m2, Settings.MatchDivisor);
-        MatchCount = UsedCount = static_cast<std::int32_t>(Matches.size()) - 1;
+        UsedCount = Matches.Count();
         if (UsedCount < 3) return false;
         while (Clean(2.5, true)) {
             if (UsedCount < 3) return false;
@@ -191,13 +177,11 @@ struct PlainAlignment : Outcome {
 
         Count1 = std::min<int>(Count1, Settings.MaxStars);
         Count2 = std::min<int>(Count2, Settings.MaxStars);
-        const auto unused = [](const StarMatch& match) { return !match.InUse; };
-        Matches.erase(std::remove_if(Matches.begin() + 1, Matches.end(), unused), Matches.end());
-        MatchCount = static_cast<std::int32_t>(Matches.size()) - 1;
+        Matches.RemoveIf([](const StarMatch& match) { return !match.InUse; });
         const double savedError = FitError;
         const double distance = 1 / Geometry.Scale * MaxError;
         const auto taken = [&](std::int16_t StarMatch::*star, int number) {
-            return std::any_of(Matches.begin() + 1, Matches.end(),
+            return std::any_of(Matches.begin(), Matches.end(),
                                [&](const StarMatch& match) { return match.*star == number; });
         };
         for (int i = 1; i <= Count1; ++i) {
@@ -205,34 +189,25 @@ struct PlainAlignment : Outcome {
             for (int j = 1; j <= Count2; ++j) {
                 // A star of list 1 that had no pair may still get several.
                 if (taken(&StarMatch::Star2, j) || !Predicted(i, j, distance)) continue;
-                Matches.push_back(
-                    {static_cast<std::int16_t>(i), static_cast<std::int16_t>(j), 0, true});
-                ++MatchCount;
+                Matches.Add({static_cast<std::int16_t>(i), static_cast<std::int16_t>(j), 0, true});
                 Fit();
-                if (!(MatchCount > 4 && FitError > 2.5 * savedError) && GeometryPasses()) continue;
-                Matches.pop_back();
-                --MatchCount;
+                if (!(Matches.Count() > 4 && FitError > 2.5 * savedError) && GeometryPasses())
+                    continue;
+                Matches.Resize(Matches.Count() - 1);
             }
         }
-        if (MatchCount < 5) return false;
-        UsedCount = MatchCount;
+        UsedCount = Matches.Count();
+        if (UsedCount < 5) return false;
         while (UsedCount > 5 && Clean(2, false)) {
         }
         return true;
     }
 };
 
-Outcome Align(const PlateStarList& list1, const PlateStarList& list2, double maxError = 2,
-              const AlignSettings& settings = {}) {
-    Outcome out;
-    out.Count1 = static_cast<std::int32_t>(list1.size()) - 1;
-    out.Count2 = static_cast<std::int32_t>(list2.size()) - 1;
+Alignment Align(const PlateStarList& list1, const PlateStarList& list2, double maxError = 2,
+                const AlignSettings& settings = {}) {
     KeptTriangles kept;
-    AlignReport report;
-    out.Matched = AlignImages(list1, out.Count1, list2, out.Count2, out.Matches, out.MatchCount,
-                              out.Constants, out.Geometry, out.FitError, out.UsedCount, maxError,
-                              settings, kept, report);
-    return out;
+    return AlignImages(list1, list2, maxError, settings, kept);
 }
 
 PlateStar StarAt(double x, double y) {
@@ -240,10 +215,10 @@ PlateStar StarAt(double x, double y) {
 }
 
 PlateStarList RandomStars(Random& random, int n, double size) {
-    PlateStarList list(1);
+    PlateStarList list;
     for (int i = 0; i < n; ++i) {
         const double x = random.Between(0, size);
-        list.push_back(StarAt(x, random.Between(0, size)));
+        list.Add(StarAt(x, random.Between(0, size)));
     }
     return list;
 }
@@ -266,24 +241,24 @@ struct Plate {
 
 // What a camera makes of list 1: turned, scaled, mirrored, with noise and with strangers.
 PlateStarList Photograph(Random& random, const PlateStarList& list1, const Plate& plate) {
-    PlateStarList list2(1);
-    for (std::size_t i = 1; i < list1.size(); ++i) {
-        const double x = static_cast<double>(list1[i].X) * (plate.Mirrored ? -1 : 1);
-        const auto y = static_cast<double>(list1[i].Y);
+    PlateStarList list2;
+    for (const PlateStar& star : list1) {
+        const double x = star.X * (plate.Mirrored ? -1.0 : 1.0);
+        const double y = star.Y;
         const double cosine = plate.Scale * std::cos(plate.Turn);
         const double sine = plate.Scale * std::sin(plate.Turn);
-        list2.push_back(StarAt(x * cosine - y * sine + random.Normal(plate.Noise),
-                               x * sine + y * cosine + random.Normal(plate.Noise)));
+        list2.Add(StarAt(x * cosine - y * sine + random.Normal(plate.Noise),
+                         x * sine + y * cosine + random.Normal(plate.Noise)));
     }
     for (int i = 0; i < plate.Outliers; ++i) {
-        list2[random.Whole(1, static_cast<int>(list1.size()) - 1)] = StarAt(
-            random.Between(-800, 800) * plate.Scale, random.Between(-800, 800) * plate.Scale);
+        list2[random.Whole(1, list1.Count())] = StarAt(random.Between(-800, 800) * plate.Scale,
+                                                       random.Between(-800, 800) * plate.Scale);
     }
     for (int i = 0; i < plate.Astray; ++i) {
-        list2[random.Whole(1, static_cast<int>(list1.size()) - 1)].X +=
+        list2[random.Whole(1, list1.Count())].X +=
             static_cast<float>(random.Normal(60 * plate.Scale));
     }
-    std::shuffle(list2.begin() + 1, list2.end(), random.Engine());
+    std::shuffle(list2.begin(), list2.end(), random.Engine());
     return list2;
 }
 
@@ -302,13 +277,13 @@ TEST(FitPlate, ResidualsOfThePairsInUseAreOrthogonalToTheModel) {
         const double size = trial % 2 == 0 ? 5000 : 0.5;
         const PlateStarList list1 = RandomStars(random, n, size);
         const PlateStarList list2 = RandomStars(random, n, 4000);
-        StarMatchList matches(1);
+        StarMatchList matches;
         for (std::int16_t i = 1; i <= n; ++i) {
-            matches.push_back({i, i, 0, i <= 4 || random.Whole(0, 3) > 0});
+            matches.Add({i, i, 0, i <= 4 || random.Whole(0, 3) > 0});
         }
         PlateConstants fit;
-        std::vector<double> residuals;
-        const double error = FitPlate(list1, list2, matches, n, fit, residuals);
+        NumberedList<double> residuals;
+        const double error = FitPlate(list1, list2, matches, fit, residuals);
         std::array<double, 6> products{};
         double squares = 0;
         int used = 0;
@@ -334,17 +309,17 @@ TEST(FitPlate, SingularSetsNeverPassAndTheInverseUndoesTheModel) {
     Random random(33);
     const PlateStarList list2 = RandomStars(random, 8, 100);
     for (const auto& [alongX, alongY] : {std::pair(0.F, 0.F), {0, 1}, {1, 0}, {1, 1}, {1, 2}}) {
-        PlateStarList line(1);
-        StarMatchList matches(1);
+        PlateStarList line;
+        StarMatchList matches;
         for (std::int16_t i = 1; i <= 8; ++i) {
             const auto place = static_cast<float>(random.Between(-900, 900));
             const auto along = [&](float times) { return times == 0 ? 3.3F : times * place; };
-            line.push_back({along(alongX), along(alongY), 0, 0, 0});
-            matches.push_back({i, i, 9, true});
+            line.Add({along(alongX), along(alongY), 0, 0, 0});
+            matches.Add({i, i, 9, true});
         }
         PlateConstants fit;
-        std::vector<double> residuals;
-        EXPECT_TRUE(std::isnan(FitPlate(line, list2, matches, 8, fit, residuals)));
+        NumberedList<double> residuals;
+        EXPECT_TRUE(std::isnan(FitPlate(line, list2, matches, fit, residuals)));
         EXPECT_FALSE(std::abs(PlateGeometry(fit).Stretch) < 1e300);
         EXPECT_FALSE(Align(line, list2).Matched);
         EXPECT_FALSE(Align(line, line).Matched);
@@ -399,12 +374,14 @@ TEST(AlignImages, IsThePlainProcedureStepByStep) {
                                           .Noise = random.Between(0, loose ? 0.5 : 4),
                                           .Outliers = random.Whole(0, n / (loose ? 8 : 2)),
                                           .Astray = loose ? n / 3 : 0});
-        if (trial % 7 == 0) list2.resize(list2.size() * 2 / 3);
-        if (trial % 7 == 1) list2.insert(list2.end(), list1.begin() + 1, list1.end());
+        if (trial % 7 == 0) list2.Resize(list2.Count() * 2 / 3);
+        if (trial % 7 == 1) {
+            for (const PlateStar& star : list1) list2.Add(star);
+        }
         if (trial % 7 == 2) {  // close companions, which the extension may take twice
-            for (std::size_t i = list1.size(); i-- > 1;) {
-                list1.push_back(list1[i]);
-                list1.back().X += 1;
+            for (std::int32_t i = list1.Count(); i >= 1; --i) {
+                list1.Add(list1[i]);
+                list1[list1.Count()].X += 1;
             }
         }
         AlignSettings settings;
@@ -415,16 +392,15 @@ TEST(AlignImages, IsThePlainProcedureStepByStep) {
         if (trial % 4 == 3) settings.MatchTolerance = random.Between(0.001, 0.03);
         const double maxError = random.Between(0.2, 6) * (loose ? 30 : 1);
         const PlainAlignment plain(list1, list2, maxError, settings);
-        const Outcome out = Align(list1, list2, maxError, settings);
+        const Alignment out = Align(list1, list2, maxError, settings);
         SCOPED_TRACE("trial " + std::to_string(trial));
         ASSERT_EQ(out.Matched, plain.Matched);
         ASSERT_EQ(out.Count1, plain.Count1);
         ASSERT_EQ(out.Count2, plain.Count2);
-        ASSERT_EQ(out.MatchCount, plain.MatchCount);
         ASSERT_EQ(out.UsedCount, plain.UsedCount);
         ASSERT_EQ(PartsOf(out.Matches), PartsOf(plain.Matches));
         matched += plain.Matched;
-        differing += plain.Matched && plain.UsedCount < plain.MatchCount;
+        differing += plain.Matched && plain.UsedCount < plain.Matches.Count();
         if (std::isnan(plain.FitError)) continue;
         ASSERT_EQ(out.FitError, plain.FitError);
         ASSERT_EQ(out.Constants.a, plain.Constants.a);

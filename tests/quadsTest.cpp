@@ -171,27 +171,25 @@ TEST(QuadStars, AroundAPlaceAreThoseOfAScanOfTheWholeTable) {
                                                : random.Between(0, 0.2);
         const double limit = random.Between(0, 12);
         Projection projection;
-        PlateStarList list;
-        std::int32_t count = 0;
-        NearbyCatalogStars(tables, projection, ra, dec, radius, limit, list, count);
+        const PlateStarList list = NearbyCatalogStars(tables, projection, {ra, dec}, radius, limit);
 
-        PlateStarList plain(1);
+        PlateStarList plain;
         Projection plane;
         plane.SetProjectionCentre(ra, dec, 206264.8062);
-        for (std::size_t i = 0; i < sky.Stars.size() && plain.size() <= 1000; ++i) {
+        for (std::size_t i = 0; i < sky.Stars.size() && plain.Count() < 1000; ++i) {
             const CatalogStar& star = sky.Stars[i];
             double xi = 0;
             double eta = 0;
             const double cosine = plane.SkyToPlane(star.Ra, star.Dec, xi, eta);
             if (star.Mag / 100.0 <= limit && cosine >= 0 &&
                 std::sqrt(xi * xi + eta * eta) <= radius * 206264.8062) {
-                plain.push_back({static_cast<float>(xi), static_cast<float>(eta),
-                                 static_cast<float>(star.Mag / 100.0), star.Ra, star.Dec});
+                plain.Add({static_cast<float>(xi), static_cast<float>(eta),
+                           static_cast<float>(star.Mag / 100.0), star.Ra, star.Dec});
             }
         }
-        PlainCombSort(plain, static_cast<int>(plain.size()) - 1, &PlateStar::Flux);
-        ASSERT_EQ(count, static_cast<std::int32_t>(plain.size()) - 1);
-        for (std::size_t i = 1; i < plain.size(); ++i) {
+        PlainCombSort(plain, plain.Count(), &PlateStar::Flux);
+        ASSERT_EQ(list.Count(), plain.Count());
+        for (int i = 1; i <= plain.Count(); ++i) {
             EXPECT_EQ(list[i].X, plain[i].X);
             EXPECT_EQ(list[i].Y, plain[i].Y);
             EXPECT_EQ(list[i].Ra, plain[i].Ra);
@@ -240,24 +238,21 @@ class QuadSkyTest : public testing::Test {
 
     /// The plate stars of a frame: the brightest catalog stars in it, off by a tenth of a pixel.
     void TakeFrame(const FrameGeometry& geometry) {
-        State.PlateStars.assign(1, PlateStar());
+        State.PlateStars.Clear();
         Random random(9);
         for (const CatalogStar& star : Sky().Stars()) {
             const auto place = SkyToFrame(geometry, star.Ra, star.Dec);
             if (!place || place->X < 0 || place->Y < 0 || place->X > frameWidth - 1 ||
-                place->Y > frameHeight - 1 || State.PlateStars.size() > 60) {
+                place->Y > frameHeight - 1 || State.PlateStars.Count() > 59) {
                 continue;
             }
-            State.PlateStars.push_back(
-                At(place->X + random.Normal(0.1), place->Y + random.Normal(0.1)));
+            State.PlateStars.Add(At(place->X + random.Normal(0.1), place->Y + random.Normal(0.1)));
         }
-        State.PlateStarCount = static_cast<std::int32_t>(State.PlateStars.size()) - 1;
         State.QuadMatch = {};
     }
 
     bool Search(const QuadJudge& judge = {}) {
-        return SearchQuads(State, Port, State.PlateStars, State.PlateStarCount, fieldWidth,
-                           fieldHeight, 2, judge);
+        return SearchQuads(State, Port, State.PlateStars, fieldWidth, fieldHeight, 2, judge);
     }
 
     /// How far the centre found is from the frame's, pixels.
@@ -301,8 +296,9 @@ TEST_F(QuadSkyTest, SearchFindsTheFrameHoweverItLies) {
 TEST_F(QuadSkyTest, FalseBrightStarsAreLeftOutUntilTheMatchIsSure) {
     TakeFrame(Frame(2));
     // Two false stars ahead of all others are in every quad of the list as it is.
-    State.PlateStars.insert(State.PlateStars.begin() + 1, {At(600, 430), At(640, 500)});
-    State.PlateStarCount += 2;
+    PlateStarList stars = {At(600, 430), At(640, 500)};
+    for (const PlateStar& star : State.PlateStars) stars.Add(star);
+    State.PlateStars = stars;
     ASSERT_TRUE(FindCentreByQuads(State, Port, fieldWidth, fieldHeight, 2));
     EXPECT_LT(CentreError(), 1);
     EXPECT_LT(State.QuadMatch.Confidence.Log10FalseAlarm, SureLog10FalseAlarm);
@@ -311,14 +307,13 @@ TEST_F(QuadSkyTest, FalseBrightStarsAreLeftOutUntilTheMatchIsSure) {
 TEST_F(QuadSkyTest, RandomStarsAreNeverSure) {
     Random random(12);
     for (int trial = 0; trial < 60; ++trial) {
-        State.PlateStars.assign(1, PlateStar());
+        State.PlateStars.Clear();
         for (int i = 0; i < 60; ++i) {
             // Every second list crowds around a place, as false stars in a nebula do.
-            State.PlateStars.push_back(
+            State.PlateStars.Add(
                 trial % 2 == 0 ? At(random.Between(0, frameWidth), random.Between(0, frameHeight))
                                : At(700 + random.Normal(50), 300 + random.Normal(50)));
         }
-        State.PlateStarCount = 60;
         State.QuadMatch = {};
         EXPECT_FALSE(FindCentreByQuads(State, Port, fieldWidth, fieldHeight, 2));
     }
@@ -378,7 +373,7 @@ TEST_F(QuadSkyTest, TablesDoNotDependOnThreadsAndSurviveTheirFileOrAreRefused) {
         TakeFrame(Frame(4));
         const bool found = Search();
         EXPECT_EQ(found, State.Quads.Fault.empty()) << State.Quads.Fault;
-        EXPECT_EQ(found, State.QuadMatch.PairCount > 0);
+        EXPECT_EQ(found, State.QuadMatch.Pairs.Count() > 0);
         return found;
     };
     ASSERT_TRUE(LoadQuadTables(State, 0.04, 0.03));
@@ -417,10 +412,11 @@ TEST_F(QuadSkyTest, TablesDoNotDependOnThreadsAndSurviveTheirFileOrAreRefused) {
 
 /// Stars anywhere in a frame of 500 x 400 pixels, their flux falling.
 PlateStarList Scattered(int count, Random& random) {
-    PlateStarList list(1);
+    PlateStarList list;
     for (int i = 0; i < count; ++i) {
-        list.push_back(At(random.Between(0, 499), random.Between(0, 399)));
-        list.back().Flux = static_cast<float>(1000 - i);
+        PlateStar star = At(random.Between(0, 499), random.Between(0, 399));
+        star.Flux = static_cast<float>(1000 - i);
+        list.Add(star);
     }
     return list;
 }
@@ -437,11 +433,9 @@ PlateConstants PlateThrough(const PlateStar& from1, const PlateStar& from2, cons
 /// Evidence for the plate through two pairs of lists whose n-th stars belong together.
 MatchEvidence Through(std::int32_t first, std::int32_t second, const PlateStarList& catalog,
                       const PlateStarList& image) {
-    const PlateConstants plate = PlateThrough(
-        catalog[static_cast<std::size_t>(first)], catalog[static_cast<std::size_t>(second)],
-        image[static_cast<std::size_t>(first)], image[static_cast<std::size_t>(second)]);
-    return EvidenceOf(plate, catalog, static_cast<std::int32_t>(catalog.size()) - 1, image,
-                      static_cast<std::int32_t>(image.size()) - 1, 500, 400);
+    const PlateConstants plate =
+        PlateThrough(catalog[first], catalog[second], image[first], image[second]);
+    return EvidenceOf(plate, catalog, image, 500, 400);
 }
 
 TEST(Confidence, ChanceGivesALikelihoodRatioNoMoreOftenThanItsInverse) {
@@ -506,10 +500,10 @@ TEST(Confidence, OfARightPlateIsSureFromFewStarsAndPaysForWhatWasTried) {
                     Log10TrialsCharge(1e6) - Log10TrialsCharge(1), 1e-9);
 
         // Two pairs agree with any plate, and three are no match either.
-        catalog.resize(4);
+        catalog.Resize(3);
         image = catalog;
         const PlateStarList others = Scattered(20, random);
-        image.insert(image.end(), others.begin() + 1, others.end());
+        for (const PlateStar& star : others) image.Add(star);
         EXPECT_FALSE(IsSure(ConfidenceOf(Through(1, 2, catalog, image))));
     }
     double inverses = 0;

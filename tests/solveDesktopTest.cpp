@@ -31,6 +31,7 @@
 #include "desktop/fKELInfo.h"
 #include "image/libHeaderText.h"
 #include "matching/libQuadFile.h"
+#include "platform/libPlatform.h"
 #include "program/mParameterTexts.h"
 #include "program/mPlateMatch.h"
 #include "tests/desktopSupport.h"
@@ -58,8 +59,8 @@ TEST_F(Windows, ASolveByHandShowsItsResult) {
     EXPECT_EQ(Shown("lblStatus"), "Plate Match Found");
     EXPECT_EQ(Shown("lblStatus1"), "Searched 1 region");
     EXPECT_EQ(Find<QGroupBox>("fraCenter")->title(), "J2000 Image Center");
-    EXPECT_NEAR(State->SolvedCentre.Ra, centre.Ra, 2e-6);
-    EXPECT_NEAR(State->SolvedCentre.Dec, centre.Dec, 2e-6);
+    EXPECT_NEAR(State->Solution->CentreRA, centre.Ra, 2e-6);
+    EXPECT_NEAR(State->Solution->CentreDec, centre.Dec, 2e-6);
     const std::map<std::string, std::string> shown = {{"lblRA0", "00h04m30s"},
                                                       {"lblDec0", "00\xC2\xB0 34' 00\""},
                                                       {"lblSize", "10' x 10'"},
@@ -382,6 +383,14 @@ TEST_F(Windows, HeaderAndImageAreShownAsTheyAre) {
     Press("cmdMatch");  // which subtracts the background
     EXPECT_NE(image->grab().toImage(), before);
     EXPECT_EQ(Shown("lblStatus"), "Plate Match Found");
+
+    // A file that cannot be read leaves no image, nor anything of the one before.
+    const std::string broken = Frame + ".broken.fit";
+    WriteFile(PathFromText(broken), "SIMPLE  =");
+    Window->OpenFile(broken);
+    EXPECT_EQ(Utf8(header->findChild<QPlainTextEdit*>("textbox")->toPlainText()), "");
+    EXPECT_EQ(image->findChild<QLabel*>("lblImageSize")->text(), "Please Load an Image");
+    EXPECT_FALSE(Find<QPushButton>("cmdSync")->isEnabled());
 }
 
 TEST_F(Windows, TheTelescopeIsAskedWithTheWindowAlive) {

@@ -74,8 +74,6 @@ const SmallSky& Sky() {
 struct Observation {
     ProgramState State;
     RecordingPort Port{State};
-    double Ra = skyCentre.Ra;
-    double Dec = skyCentre.Dec;
     SkyPosition True;  ///< of the image centre
 
     /// The image centre lies (xi, eta) arcseconds from the middle of the sky. No more than `most`
@@ -109,9 +107,9 @@ struct Observation {
         }
     }
 
-    int Solve(int regionLimit) {
+    SolveCode Solve(int regionLimit) {
         Port.Statuses.clear();
-        return SolvePlate(State, Port, Ra, Dec, plateWidth, plateHeight, regionLimit, 2);
+        return SolvePlate(State, Port, {skyCentre, plateWidth, plateHeight, regionLimit, 2});
     }
 };
 
@@ -156,17 +154,16 @@ TEST(SolvePlate, StoresWhatItFoundAndShowsIt) {
         Observation seen(30, -50, 100000, mirrored);
         ASSERT_EQ(seen.Solve(1), SolveCode::Solved);
         const ProgramState& state = seen.State;
-        const PlateSolution& found = state.Solution;
+        ASSERT_TRUE(state.Solution);
+        const PlateSolution& found = *state.Solution;
         EXPECT_EQ(seen.Port.Statuses, Joined({background, attempt, {"Plate Match Found"}}));
         EXPECT_EQ(state.Display.Status.Colour, StatusColour::Green);
         EXPECT_EQ(state.Display.Status1.Text, "Searched 1 region");
-        EXPECT_TRUE(state.Display.Status1.Visible && state.Display.SyncEnabled);
+        EXPECT_TRUE(state.Display.Status1.Visible);
         EXPECT_FALSE(state.Display.BusyIndicator);
 
-        EXPECT_NEAR((seen.Ra - seen.True.Ra) * std::cos(seen.Dec), 0, 0.2 * arcsecond);
-        EXPECT_NEAR(seen.Dec, seen.True.Dec, 0.2 * arcsecond);
-        EXPECT_EQ(found.CentreRA, seen.Ra);
-        EXPECT_EQ(state.SolvedCentre.Dec, seen.Dec);
+        EXPECT_NEAR((found.CentreRA - seen.True.Ra) * std::cos(seen.True.Dec), 0, 0.2 * arcsecond);
+        EXPECT_NEAR(found.CentreDec, seen.True.Dec, 0.2 * arcsecond);
         EXPECT_EQ(found.TangentRA, skyCentre.Ra);
         EXPECT_NEAR(found.Scale, 1 / pixelScale, 3e-4);
         EXPECT_NEAR(found.Stretch, mirrored ? -1 : 1, 1e-3);
@@ -177,8 +174,6 @@ TEST(SolvePlate, StoresWhatItFoundAndShowsIt) {
         EXPECT_EQ(found.ExtractedCount, state.Extraction.StarsFound);
         EXPECT_EQ(found.RegionsSearched, 1);
         EXPECT_NEAR(found.MagnitudeZeroPoint, -24, 0.3);
-        EXPECT_TRUE(state.ZeroPointValid);
-        EXPECT_EQ(state.CatalogStarCount, found.CatalogCount);
 
         // The header's solution takes every matched star to the place where it was seen.
         const ImageHeader& header = state.Image.Header;
@@ -188,25 +183,21 @@ TEST(SolvePlate, StoresWhatItFoundAndShowsIt) {
         EXPECT_NEAR(header.ImageSizeY, 8, 0.01);
         Projection plane;
         plane.SetProjectionCentre(header.RaRef, header.DecRef, header.PlateScale);
-        std::size_t position = 0;
-        for (int k = 1; k <= found.PairCount; ++k) {
-            if (!found.Pairs[k].InUse) continue;
-            const SkyPosition& place = state.MatchedPositions.at(position++);
+        const std::vector<MatchedStar> stars = MatchedStars(found);
+        for (const auto& [catalog, plate] : stars) {
             double xi = 0;
             double eta = 0;
-            plane.SkyToPlane(place.Ra, place.Dec, xi, eta);
-            const PlateStar& star = state.PlateStars[found.Pairs[k].Star2];
+            plane.SkyToPlane(catalog->Ra, catalog->Dec, xi, eta);
             const auto& t = header.PlateTransform;
-            EXPECT_NEAR(t[0][0] * xi + t[0][1] * eta + t[0][2], static_cast<double>(star.X), 1);
-            EXPECT_NEAR(t[1][0] * xi + t[1][1] * eta + t[1][2], static_cast<double>(star.Y), 1);
+            EXPECT_NEAR(t[0][0] * xi + t[0][1] * eta + t[0][2], plate->X, 1);
+            EXPECT_NEAR(t[1][0] * xi + t[1][1] * eta + t[1][2], plate->Y, 1);
         }
-        EXPECT_EQ(position, state.MatchedPositions.size());
-        EXPECT_EQ(static_cast<int>(position), found.MatchedCount);
+        EXPECT_EQ(static_cast<int>(stars.size()), found.MatchedCount);
 
-        EXPECT_EQ(state.Display.FoundInCatalog, std::to_string(found.CatalogCount));
+        EXPECT_EQ(state.Display.FoundInCatalog, std::to_string(found.CatalogCount()));
         EXPECT_EQ(state.Display.CentreCaption, "J2000 Image Center");
-        EXPECT_EQ(state.Display.CentreRA, FormatRA(seen.Ra, true, 2));
-        EXPECT_EQ(state.Display.CentreDec, FormatDec(seen.Dec, true, 1));
+        EXPECT_EQ(state.Display.CentreRA, FormatRA(found.CentreRA, true, 2));
+        EXPECT_EQ(state.Display.CentreDec, FormatDec(found.CentreDec, true, 1));
     }
 }
 
@@ -218,12 +209,12 @@ TEST(SolvePlate, LimitCountsRegionsAndDiscardsTheMatchBeyondIt) {
     EXPECT_EQ(ninth.Port.Statuses,
               Joined({background, attempt, SpiralTexts(8), {"Plate Match Found"}}));
     EXPECT_EQ(ninth.State.Display.Status1.Text, "Searched 9 regions");
-    EXPECT_NEAR(ninth.Dec, ninth.True.Dec, 0.5 * arcsecond);
+    EXPECT_NEAR(ninth.State.Solution->CentreDec, ninth.True.Dec, 0.5 * arcsecond);
     Projection plane;
     plane.SetProjectionCentre(skyCentre.Ra, skyCentre.Dec, SolveArcsecondsPerRadian);
     SkyPosition tangent;
     plane.PlaneToSky(spiralStep, spiralStep, tangent.Ra, tangent.Dec);
-    EXPECT_NEAR(ninth.State.Solution.TangentRA, tangent.Ra, 1e-12);
+    EXPECT_NEAR(ninth.State.Solution->TangentRA, tangent.Ra, 1e-12);
     EXPECT_NEAR(ninth.State.Image.Header.DecRef, tangent.Dec, 1e-12);
 
     Observation eighth(place, place);
@@ -233,8 +224,7 @@ TEST(SolvePlate, LimitCountsRegionsAndDiscardsTheMatchBeyondIt) {
               Joined({background, attempt, SpiralTexts(8), {"No Match Found"}}));
     EXPECT_EQ(eighth.State.Report.RegionsTried, 8);
     EXPECT_TRUE(eighth.State.Image.Header.PlateMatched) << "the header is left as it was";
-    EXPECT_EQ(eighth.Ra, skyCentre.Ra);
-    EXPECT_EQ(eighth.State.CatalogStarCount, 0);
+    EXPECT_FALSE(eighth.State.Solution);
 
     for (const int limit : {-5, 0, 1, 2}) {
         Observation beside(1.5 * spiralStep, 0);  // within reach of cell (1, 0) alone
@@ -285,20 +275,22 @@ TEST(SolvePlate, SmoothsOnceWhenStarsAreFewAndGivesUpBelowSix) {
     const Texts smoothed = {"Extracting Stars", "Gaussian Filter", "Extracting Stars"};
     Observation five(0, 0, 5);
     five.State.Display.BusyIndicator = true;
-    five.State.PlateStarCount = 77;
+    five.State.PlateStars.Resize(77);
+    five.State.Solution.emplace();
     EXPECT_EQ(five.Solve(9), SolveCode::TooFewStars);
     EXPECT_EQ(five.Port.Statuses, Joined({background, smoothed, {"Extracted 5 Stars"}}));
     EXPECT_EQ(five.State.Display.Status1.Text, "Insufficient Plate Stars");
     EXPECT_EQ(five.State.Display.Status1.Colour, StatusColour::Red);
     EXPECT_EQ(five.State.Display.Status.Colour, StatusColour::Red);
     EXPECT_FALSE(five.State.Display.BusyIndicator);
-    EXPECT_EQ(five.State.PlateStarCount, 77) << "the last good list is kept";
+    EXPECT_EQ(five.State.PlateStars.Count(), 77) << "the last good list is kept";
+    EXPECT_TRUE(five.State.Solution) << "with what was solved";
     EXPECT_EQ(five.State.Report.RegionsTried, 0);
 
     Observation eight(0, 0, 8);
     EXPECT_NE(eight.Solve(1), SolveCode::TooFewStars);
     EXPECT_TRUE(eight.State.Report.Smoothed);
-    EXPECT_EQ(eight.State.PlateStarCount, 8);
+    EXPECT_EQ(eight.State.PlateStars.Count(), 8);
 }
 
 TEST(SolvePlate, SecondSolveTakesTheImageAsItIsAndThreadsChangeNothing) {
@@ -311,12 +303,10 @@ TEST(SolvePlate, SecondSolveTakesTheImageAsItIsAndThreadsChangeNothing) {
         const ThreadsForNow now(threads);
         Observation seen(20, 10);
         ASSERT_EQ(seen.Solve(1), SolveCode::Solved);
-        solutions.push_back(numbers(seen.State.Solution));
-        seen.Ra = skyCentre.Ra;
-        seen.Dec = skyCentre.Dec;
+        solutions.push_back(numbers(*seen.State.Solution));
         ASSERT_EQ(seen.Solve(1), SolveCode::Solved);
         EXPECT_EQ(seen.Port.Statuses, Joined({attempt, {"Plate Match Found"}}));
-        EXPECT_EQ(numbers(seen.State.Solution), solutions[0]);
+        EXPECT_EQ(numbers(*seen.State.Solution), solutions[0]);
     }
     EXPECT_EQ(solutions[1], solutions[0]);
 }
@@ -343,22 +333,21 @@ TEST(PlateTexts, UnitsSignsAndRangesOfWhatIsShown) {
         RecordingPort port(state);
         state.Image.Width = 100;
         state.Image.Height = wanted.Height;
-        PlateStarList catalog(1);
-        PlateStarList plate(1);
-        state.Solution.Pairs.resize(1);
+        PlateSolution solution;
         const double turn = wanted.Degrees / 57.29577950560105;
         for (const auto& [x, y] :
              {std::pair{-500, -400}, {600, -300}, {50, 700}, {-300, 200}, {400, 100}}) {
             const double c = std::cos(turn) * wanted.Scale;
             const double s = std::sin(turn) * wanted.Scale;
-            catalog.push_back({static_cast<float>(x), static_cast<float>(y), 10, 0, 0.5});
-            plate.push_back({static_cast<float>(c * x - s * y),
-                             static_cast<float>(wanted.Parity * (s * x + c * y)), 1000, 0, 0});
-            const auto star = static_cast<std::int16_t>(catalog.size() - 1);
-            state.Solution.Pairs.push_back({star, star, 3, star != 3});
+            solution.CatalogStars.Add({static_cast<float>(x), static_cast<float>(y), 10, 0, 0.5});
+            solution.PlateStars.Add({static_cast<float>(c * x - s * y),
+                                     static_cast<float>(wanted.Parity * (s * x + c * y)), 1000, 0,
+                                     0});
+            const auto star = static_cast<std::int16_t>(solution.PlateStars.Count());
+            solution.Pairs.Add({star, star, 3, star != 3});
         }
-        state.Solution.PairCount = 5;
-        FinishPlateSolution(state, port, catalog, plate);
+        FitSolution(solution, state.Image.Width, state.Image.Height);
+        FinishPlateSolution(state, port, solution);
         EXPECT_EQ(state.Display.PlateSize, wanted.Size);
         EXPECT_EQ(state.Display.Angle, wanted.Angle);
         EXPECT_EQ(state.Display.Stretch, wanted.Stretch);

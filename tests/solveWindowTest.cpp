@@ -192,17 +192,16 @@ TEST_F(SolveWindowLogic, MoraStartsPlateMatchWhenItIsSureAndLeavesNoSolution) {
     const double threshold = std::exchange(State.Parameters.DetectionThreshold, 1e6);
     MoraCommand(State, Port);
     EXPECT_EQ(State.Display.Status1.Text, "Insufficient Plate Stars");
-    EXPECT_TRUE(CommandsFor(State).WriteWorldCoordinates && State.Display.SyncEnabled);
+    EXPECT_TRUE(CommandsFor(State).WriteWorldCoordinates && CommandsFor(State).Sync);
     State.Parameters.DetectionThreshold = threshold;
 
     State.Inputs.Ra = "12 00 00";
     State.Inputs.Dec = "-60 00 00";
     const SolveInputs elsewhere = State.Inputs;
     const auto expectNoSolution = [&] {
-        EXPECT_FALSE(CommandsFor(State).WriteWorldCoordinates);
-        EXPECT_FALSE(State.Display.SyncEnabled || State.Display.SolutionOverlays);
+        EXPECT_FALSE(CommandsFor(State).WriteWorldCoordinates || CommandsFor(State).Sync);
         const Overlays overlays = OverlaysOf(State);
-        EXPECT_EQ(overlays.Extracted.size(), static_cast<std::size_t>(State.PlateStarCount));
+        EXPECT_EQ(overlays.Extracted.size(), static_cast<std::size_t>(State.PlateStars.Count()));
         EXPECT_TRUE(overlays.Catalog.empty() && overlays.Matched.empty());
         const StarReport report = MeasureStarAt(State, overlays.Extracted[0].Place);
         EXPECT_FALSE(report.Sky || report.Nearest || report.Calibration);
@@ -214,7 +213,7 @@ TEST_F(SolveWindowLogic, MoraStartsPlateMatchWhenItIsSureAndLeavesNoSolution) {
 
     WriteQuadTables(State.Catalog.Folder, stars, 5);
     MoraCommand(State, Port);
-    EXPECT_EQ(State.QuadMatch.PairCount, 5);
+    EXPECT_EQ(State.QuadMatch.Pairs.Count(), 5);
     EXPECT_TRUE(details("Doubtful          5 pairs can be chance"));
     EXPECT_EQ(State.Inputs.Ra + State.Inputs.Dec, elsewhere.Ra + elsewhere.Dec);
     expectNoSolution();
@@ -230,9 +229,53 @@ TEST_F(SolveWindowLogic, MoraStartsPlateMatchWhenItIsSureAndLeavesNoSolution) {
     expectNoSolution();
     PlateMatchCommand(State, Port);
     EXPECT_EQ(State.Display.Status1.Text, "Searched 1 region");
-    EXPECT_NEAR(State.SolvedCentre.Ra, centre.Ra, 2e-6);
+    EXPECT_NEAR(State.Solution->CentreRA, centre.Ra, 2e-6);
     EXPECT_TRUE(details("Certainty"));
     EXPECT_EQ(Port.Messages, Texts{});
+}
+
+TEST_F(SolveWindowLogic, ASolutionGoesWithItsImage) {
+    const std::string frame = (Folder / "frame.fit").string();
+    MakeSky(State.Catalog.Folder, frame);
+    const auto solve = [&] {
+        OpenImageCommand(State, Port, frame);
+        State.Inputs = {"10", "10", "arcminutes", "2", "00 04 30", "00 34 00"};
+        PlateMatchCommand(State, Port);
+        return State.Solution && CommandsFor(State).Sync && !OverlaysOf(State).Matched.empty() &&
+               !State.Display.Details.empty();
+    };
+    // A file refused by its name leaves the image, and so all that goes with it.
+    ASSERT_TRUE(solve());
+    const std::string details = State.Display.Details;
+    WriteFile(Folder / "picture.bmp", "BM");
+    OpenImageCommand(State, Port, (Folder / "picture.bmp").string());
+    EXPECT_TRUE(State.Solution && CommandsFor(State).Sync);
+    EXPECT_EQ(State.Display.Details, details);
+
+    WriteFile(Folder / "broken.fit", "SIMPLE  =");
+    for (const char* next : {"grains.fit", "broken.fit"}) {
+        ASSERT_TRUE(solve());
+        const int imageChanges = Port.ImageChanges;
+        if (next == std::string("grains.fit")) {
+            OpenGrains();
+        } else {
+            OpenImageCommand(State, Port, (Folder / next).string());
+        }
+        EXPECT_GT(Port.ImageChanges, imageChanges) << "the windows let go of the old picture";
+        EXPECT_FALSE(State.Solution || CommandsFor(State).Sync) << next;
+        EXPECT_EQ(State.Display.Details, "") << "nothing to be copied";
+        EXPECT_EQ(State.Display.CentreCaption + State.Display.CentreRA, "Search Center");
+        const Overlays overlays = OverlaysOf(State);
+        EXPECT_TRUE(overlays.Extracted.empty() && overlays.Catalog.empty());
+    }
+
+    // A match that fails leaves the image without a solution, too.
+    ASSERT_TRUE(solve());
+    State.Inputs.Dec = "-60 00 00";
+    PlateMatchCommand(State, Port);
+    EXPECT_EQ(State.Display.Status.Text, "No Match Found");
+    EXPECT_FALSE(State.Solution || CommandsFor(State).Sync);
+    EXPECT_FALSE(OverlaysOf(State).Extracted.empty());
 }
 
 TEST(ConfidenceText, PromisesNoMoreThanTheNumbers) {

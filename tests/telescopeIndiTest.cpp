@@ -95,7 +95,7 @@ class IndiTelescope : public testing::Test {
  protected:
     IndiTelescope() {
         State.CreateTelescope = CreateTelescopeDriver;
-        State.Display.SyncEnabled = true;
+        State.Solution.emplace();
         Use("Telescope%20Simulator");
     }
     void SetUp() override {
@@ -128,7 +128,8 @@ TEST_F(IndiTelescope, IsSyncedToTheSolvedCentreAndReadBack) {
     const Server server(Folder.Path, Number);
     double worst = 0;
     for (const SkyPosition& centre : {SkyPosition{1.2, 0.5}, {6.28, -1.1}, {3.5, 1.3}}) {
-        State.SolvedCentre = centre;
+        State.Solution->CentreRA = centre.Ra;
+        State.Solution->CentreDec = centre.Dec;
         const auto start = steady_clock::now();
         SyncTelescopeCommand(State, Port);
         EXPECT_EQ(State.Display.Status.Text, "Telescope: synced to the image center");

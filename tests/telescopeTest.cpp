@@ -44,7 +44,7 @@ class Telescope : public testing::Test {
     }
     /// Load or Sync, by the driver's call that only it makes.
     void Give(const std::string& call) {
-        State.Display.SyncEnabled = call == "sync";
+        if (!State.Solution) State.Solution.emplace();  // at the vernal equinox
         if (call == "sync") {
             SyncTelescopeCommand(State, Port);
         } else {
@@ -136,7 +136,6 @@ TEST(Clock, IsTheSameInEveryTimeZoneAndThroughSummerTime) {
 TEST_F(Telescope, SyncSendsTheCentreOfDateAndLoadBringsItBack) {
     SyncTelescopeCommand(State, Port);  // nothing has been solved
     EXPECT_EQ(Script->Calls(), Texts{});
-    State.SolvedCentre = {0, 0};
     Give("sync");
     EXPECT_EQ(Script->Calls(), (Texts{"create", "connect", "sync"}));
     // The vernal equinox moves by 3.075 seconds of time and 20.04" in a year.
@@ -145,13 +144,14 @@ TEST_F(Telescope, SyncSendsTheCentreOfDateAndLoadBringsItBack) {
     EXPECT_NEAR(Script->SentDegrees * 3600, 20.04 * years, 0.01 * years);
     Random random(5);
     for (int k = 0; k < 50; ++k) {
-        State.SolvedCentre = {random.Between(0, TwoPi), random.Between(-1.57, 1.57)};
+        State.Solution->CentreRA = random.Between(0, TwoPi);
+        State.Solution->CentreDec = random.Between(-1.57, 1.57);
         Give("sync");
         Script->Set({}, {}, Script->SentHours, Script->SentDegrees);
         Give("ra");
         EXPECT_EQ(Script->Calls(), (Texts{"ra", "dec"}));  // connected once
         const SkyPosition loaded{ParseRA(State.Inputs.Ra), ParseDec(State.Inputs.Dec)};
-        EXPECT_LT(Separation(State.SolvedCentre, loaded), 0.15) << State.Inputs.Ra;
+        EXPECT_LT(Separation(State.Solution->Centre(), loaded), 0.15) << State.Inputs.Ra;
     }
     EXPECT_EQ(Port.Messages, Texts{});
     EXPECT_EQ(Port.Statuses.back(), "Telescope: position loaded");

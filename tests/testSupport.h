@@ -86,8 +86,8 @@ class Random {
 
 /// The sort of every list, written as plainly as it goes, to judge sorted results by: rising
 /// `keyOf` of elements 1..n.
-template <typename Record, typename KeyOf>
-void PlainCombSort(std::vector<Record>& list, int n, KeyOf keyOf) {
+template <typename List, typename KeyOf>
+void PlainCombSort(List& list, int n, KeyOf keyOf) {
     for (int gap = n / 2; gap != 0; gap = static_cast<int>(gap / 1.3)) {
         for (int i = gap + 1; i <= n; ++i) {
             if (std::invoke(keyOf, list[i - gap]) > std::invoke(keyOf, list[i])) {

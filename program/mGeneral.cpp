@@ -1,0 +1,34 @@
+#include "program/mGeneral.h"
+
+namespace vestrel {
+
+void ForgetImage(ProgramState& state) {
+    ForgetSolution(state);
+    state.ImageLoaded = false;
+    state.BackgroundRemoved = false;
+    state.PlateStars.Clear();
+    state.Report = {};
+
+    SolveDisplay& display = state.Display;
+    const SolveDisplay nothing;
+    display.CentreCaption = nothing.CentreCaption;
+    display.Status1 = nothing.Status1;
+    for (std::string SolveDisplay::*text :
+         {&SolveDisplay::CentreRA, &SolveDisplay::CentreDec, &SolveDisplay::ImageSize,
+          &SolveDisplay::PlateSize, &SolveDisplay::Scale, &SolveDisplay::Stretch,
+          &SolveDisplay::Skew, &SolveDisplay::Angle, &SolveDisplay::Extracted,
+          &SolveDisplay::FoundInCatalog, &SolveDisplay::Matched, &SolveDisplay::RmsDifference,
+          &SolveDisplay::Details}) {
+        (display.*text).clear();
+    }
+}
+
+void ForgetSolution(ProgramState& state) {
+    state.Solution.reset();
+}
+
+void CountsChanged(ProgramState& state) {
+    state.Image.DisplayBlack = state.Image.DisplayWhite = 0;
+}
+
+}  // namespace vestrel
