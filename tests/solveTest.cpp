@@ -262,9 +262,8 @@ TEST(SolvePlate, StopIsSeenBetweenRegionsOnly) {
     Observation slow(0, 0);
     SlowPort patient(slow.State);
     patient.StopAtYield = 1;
-    double ra = slow.Ra;
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(SolvePlate(slow.State, patient, ra, slow.Dec, plateWidth, plateHeight, 100, 2),
+    EXPECT_EQ(SolvePlate(slow.State, patient, {skyCentre, plateWidth, plateHeight, 100, 2}),
               SolveCode::Stopped);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
     EXPECT_EQ(patient.Statuses.back(), "Search Terminated");
