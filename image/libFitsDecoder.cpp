@@ -191,6 +191,16 @@ void DecodeFits(std::span<const unsigned char> file, PictureSink& sink) {
     const Asked asked = AskedFor(fits.get());
     const bool colour = axes >= 3 && sides[2] == 3;
     RequirePlausible(sides[0], sides[1], colour ? 3 : 1, file.size());
+    // CFITSIO does not look where its memory ends.
+    LONGLONG start = 0;
+    if (fits_get_hduaddrll(fits.get(), nullptr, &start, nullptr, &status) != 0) Fail(status);
+    const auto held = static_cast<std::uint64_t>(std::abs(bitPix)) / 8 *
+                      static_cast<std::uint64_t>(sides[0]) * static_cast<std::uint64_t>(sides[1]) *
+                      (colour ? 3 : 1);
+    if (start < 0 || static_cast<std::uint64_t>(start) > file.size() ||
+        (!packed && held > file.size() - static_cast<std::uint64_t>(start))) {
+        throw DecodeFault("It ends before its pixels do.");
+    }
     // Floating-point images lie upside down in the program's record, however they came.
     const bool turned = bitPix == FLOAT_IMG;
     sink.Start({sides[0], sides[1], colour ? 3 : 1, asked.Kind, bitPix, turned});
