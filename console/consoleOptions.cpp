@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdlib>
+#include <string_view>
 #include <system_error>
 
 #include "astro/libConversions.h"
@@ -19,7 +21,7 @@ constexpr const char* description =
     "Finds where a photograph of the night sky points.\n"
     "\n"
     "  vestrel-solve m44.jpg --ra 08:40:24 --dec +19:40:00 --size 120x90 --regions 25\n"
-    "  vestrel-solve m44.jpg --blind --size 120x90\n"
+    "  vestrel-solve m44.jpg\n"
     "  vestrel-solve \"2.2704,0.3431,0.0349,0.0262,25,/pictures/m44.fit\"\n"
     "\n"
     "The last form takes right ascension, declination, width, height (radians), region limit\n"
@@ -31,14 +33,16 @@ constexpr const char* closing =
     "  1  fewer than 6 stars              6  the parameter string's path has no \".\"\n"
     "  2  wrong use of the command line   7  no match, as there is no catalog for this field\n"
     "  3  no match                        8  solved, but the result could not be written\n"
-    "  4  stopped by the user\n"
+    "  4  stopped by the user             9  not sure: only a candidate was found\n"
     "\n"
 #ifdef _WIN32
     "The catalog is the first of --catalog, %VESTREL_CATALOG% and %ProgramData%\\Harrowdene\\KEL;\n"
-    "vestrel-catalog makes one. %VESTREL_THREADS% limits the threads.";
+    "vestrel-catalog makes one. %VESTREL_THREADS% limits the threads; %VESTREL_TRY_HARDER%=1 is\n"
+    "--try-harder.";
 #else
     "The catalog is the first of --catalog, $VESTREL_CATALOG, $XDG_DATA_HOME/Harrowdene/KEL and\n"
-    "/var/lib/Harrowdene/KEL; vestrel-catalog makes one. $VESTREL_THREADS limits the threads.";
+    "/var/lib/Harrowdene/KEL; vestrel-catalog makes one. $VESTREL_THREADS limits the threads;\n"
+    "$VESTREL_TRY_HARDER=1 is --try-harder.";
 #endif
 
 /// A parameter string is one argument with commas that names no file.
@@ -126,12 +130,18 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     app.add_option("--ra", ra, "Approximate centre: 08:40:24 (hours) or 130.1 (degrees)");
     app.add_option("--dec", dec, "Approximate centre: +19:40:00 or 19.667 (degrees)");
     app.add_option("--size", size,
-                   "Approximate field: 120x90 (arcminutes) or 2x1.5d (degrees); as in the "
-                   "settings file when left out");
+                   "Approximate field: 120x90 (arcminutes) or 2x1.5d (degrees); when left out, as "
+                   "the picture says");
     app.add_option("--regions", options.Regions, "Regions to search")->capture_default_str();
     app.add_flag("--blind", options.Blind,
-                 "Needs no centre: finds it by the quad tables (vestrel-catalog quads); after a "
-                 "centre that does not match, too");
+                 "Searches the whole sky by the quad tables (vestrel-catalog quads), also after a "
+                 "centre that does not match; without a centre that is so anyway");
+    app.add_option("--time-limit", options.TimeLimit,
+                   "Seconds after which no further attempt is begun")
+        ->capture_default_str()
+        ->check(CLI::NonNegativeNumber);
+    app.add_flag("--try-harder", options.TryHarder,
+                 "For a parameter string too: go on after the one search that it asks for");
     app.add_option("--catalog", catalog, "Folder of the catalog");
     const CLI::Validator named(
         [](const std::string& name) -> std::string {
@@ -177,6 +187,9 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     options.CatalogFolder = PathFromText(catalog);
     if (options.Blind && LooksLikeParameterString(argument)) {
         return UsageError("A parameter string has a centre: it goes without --blind.");
+    }
+    if (const char* harder = std::getenv("VESTREL_TRY_HARDER")) {
+        options.TryHarder = options.TryHarder || std::string_view(harder) == "1";
     }
     const bool anySearchInput = !ra.empty() || !dec.empty() || !size.empty() || options.Blind;
     if (!anySearchInput && LooksLikeParameterString(argument)) {

@@ -18,7 +18,9 @@ struct ConsoleOptions {
     std::optional<SkyPosition> Centre;
     std::optional<std::pair<double, double>> FieldSize;  ///< width, height, radians
     std::int32_t Regions = 25;
-    bool Blind = false;             ///< without a centre, or when the solve from it fails
+    bool Blind = false;             ///< over the whole sky, also when the solve from a centre fails
+    double TimeLimit = 20;          ///< seconds
+    bool TryHarder = false;         ///< the whole search plan for a parameter string too
     std::string InfoFile;           ///< the file whose header to show; nothing else is then done
     std::string SaveFile;           ///< where the solved image goes; empty: nowhere
     std::string ExportFile;         ///< where its standard FITS copy goes; empty: nowhere

@@ -18,6 +18,7 @@ inline constexpr int NoImage = 5;          ///< code −10: image missing, broke
 inline constexpr int InvalidFileName = 6;  ///< the parameter string's path has no "."
 inline constexpr int NoCatalog = 7;   ///< code −1, because there is no catalog for this field
 inline constexpr int NotWritten = 8;  ///< solved, but a result could not be written
+inline constexpr int NotSure = 9;  ///< code −1: there is a candidate that chance may have given
 
 }  // namespace vestrel::ExitCode
 

@@ -15,11 +15,11 @@
 #include "image/libHeaderText.h"
 #include "platform/libConsole.h"
 #include "platform/libPlatform.h"
-#include "program/mBlindSolve.h"
 #include "program/mCommandLine.h"
 #include "program/mImageData.h"
 #include "program/mPictureHints.h"
 #include "program/mPlateMatch.h"
+#include "program/mSearchPlan.h"
 #include "program/mSettings.h"
 #include "program/mSkyModel.h"
 #include "program/mSolveReport.h"
@@ -31,6 +31,7 @@ namespace {
 
 /// How a run ended.
 struct Outcome {
+    PlanReport Plan;
     int Exit = ExitCode::Usage;
     SolveResult Result;
     bool Attempted = false;  ///< an image was read and a solve ran
@@ -39,8 +40,9 @@ struct Outcome {
     double Seconds = 0;
 };
 
-Outcome SolveParameterString(ProgramState& state, Port& port, const std::string& parameters) {
-    const UnattendedOutcome run = RunUnattended(state, port, parameters);
+Outcome SolveParameterString(ProgramState& state, Port& port, const ConsoleOptions& options) {
+    const UnattendedOutcome run = RunUnattended(state, port, *options.ParameterString,
+                                                options.TryHarder ? options.TimeLimit : 0);
     Outcome outcome;
     outcome.Result = run.Result;
     outcome.Image = run.Request.Path;
@@ -55,6 +57,29 @@ std::pair<double, double> RememberedFieldSize(const SolveParameters& parameters)
     return {parameters.FieldWidth * radiansPerUnit, parameters.FieldHeight * radiansPerUnit};
 }
 
+/// What to search for: what was given, filled up by what the picture says.
+SearchRequest RequestFrom(const ConsoleOptions& options, const PlateImage& image,
+                          const std::vector<SearchStart>& starts) {
+    constexpr std::size_t mostStarts = 4;
+    SearchRequest request;
+    request.Everywhere = options.Blind || !options.Centre;
+    request.TimeLimit = options.TimeLimit;
+    for (std::size_t i = 0; i < std::min(starts.size(), mostStarts); ++i) {
+        request.Around.push_back(
+            {starts[i].Centre, starts[i].Width, starts[i].Height, options.Regions});
+    }
+    if (options.FieldSize) {
+        request.Diagonals.push_back(
+            std::hypot(options.FieldSize->first, options.FieldSize->second));
+    } else {
+        for (const ScaleHint& hint : HintsOf(image).Scales) {
+            const auto [width, height] = FieldOfScale(image, hint.ArcsecondsPerPixel);
+            request.Diagonals.push_back(std::hypot(width, height));
+        }
+    }
+    return request;
+}
+
 Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& options) {
     Outcome outcome;
     outcome.Image = options.Image;
@@ -63,37 +88,20 @@ Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& option
         outcome.Result = {SolveCode::NoImage, ResultMessage(SolveCode::NoImage)};
         return outcome;
     }
-    const double tolerance = state.Parameters.MaxError;
     const GivenStart given{options.Centre, options.FieldSize};
-    const auto remembered = RememberedFieldSize(state.Parameters);
     // Who asks for a blind search does not want the picture's own word on where it points.
     std::vector<SearchStart> starts;
-    if (!options.Blind || options.Centre) starts = SearchStarts(state.Image, given, remembered);
-    if (starts.empty() && !options.Blind) {
-        std::fputs(
-            "The picture does not say where it points. Give the approximate centre with "
-            "--ra and --dec, or --blind.\n",
-            stderr);
-        return outcome;
+    if (!options.Blind || options.Centre) {
+        starts = SearchStarts(state.Image, given, RememberedFieldSize(state.Parameters));
     }
-    SolveCode code = SolveCode::NoMatch;
-    for (std::size_t i = 0; i < starts.size() && code == SolveCode::NoMatch; ++i) {
-        const SearchStart& start = starts[i];
-        if (!start.Sources.empty() && !options.Quiet) {
-            std::fprintf(stderr, "Searching with %s\n", WithoutControls(start.Sources).c_str());
-        }
-        // The stars that the first search found serve them all.
-        const PlateSearch search{start.Centre, start.Width, start.Height, options.Regions,
-                                 tolerance};
-        code = (i == 0 ? SolvePlate : MatchPlateStars)(state, port, search);
-        if (code == SolveCode::Solved) outcome.StartedFrom = start.Sources;
-    }
-    if (options.Blind && code == SolveCode::NoMatch) {
-        const auto [width, height] = LikelyFieldSize(state.Image, given, remembered);
-        code = SolveBlind(state, port, width, height, tolerance, !starts.empty());
+    const SolveCode code =
+        SolveByPlan(state, port, RequestFrom(options, state.Image, starts), outcome.Plan);
+    if (code == SolveCode::Solved && outcome.Plan.Start) {
+        outcome.StartedFrom = starts[*outcome.Plan.Start].Sources;
     }
     outcome.Result = {code, ResultMessage(code)};
-    outcome.Exit = ExitCodeOf(code, state);
+    outcome.Exit = code == SolveCode::NoMatch && outcome.Plan.Candidate ? ExitCode::NotSure
+                                                                        : ExitCodeOf(code, state);
     outcome.Attempted = true;
     return outcome;
 }
@@ -256,6 +264,75 @@ nlohmann::ordered_json JsonQuads(const ProgramState& state) {
     return json;
 }
 
+nlohmann::ordered_json JsonAttempts(const PlanReport& report) {
+    nlohmann::ordered_json attempts = nlohmann::ordered_json::array();
+    for (const PlanAttempt& attempt : report.Attempts) {
+        attempts.push_back(
+            {{"name", attempt.Name}, {"seconds", attempt.Seconds}, {"sure", attempt.Sure}});
+    }
+    return attempts;
+}
+
+/// Everything about the solution, or about the candidate in its place.
+void AddSolution(nlohmann::ordered_json& json, const ProgramState& state) {
+    constexpr double degreesPerRadian = 57.29577951308232;
+    const PlateSolution& solution = state.Solution;
+    const ImageOrientation orientation = OrientationOf(solution, state.Image);
+    json["ra_deg"] = solution.CentreRA * degreesPerRadian;
+    json["dec_deg"] = solution.CentreDec * degreesPerRadian;
+    json["ra"] = state.Display.CentreRA;
+    json["dec"] = state.Display.CentreDec;
+    json["width_arcmin"] = solution.WidthArcmin;
+    json["height_arcmin"] = solution.HeightArcmin;
+    json["scale_arcsec_px"] = state.Geometry.ScaleArcseconds;
+    json["rotation_deg"] = state.Geometry.AngleDegrees;
+    json["up_position_angle_deg"] = orientation.UpPositionAngle;
+    json["mirrored"] = orientation.Mirrored;
+    json["stretch"] = solution.Stretch;
+    json["skew"] = solution.Skew;
+    json["rms_px"] = solution.Rms;
+    json["rms_arcsec"] = solution.Rms / solution.Scale;
+    json["stars_matched"] = solution.MatchedCount;
+    json["regions_searched"] = solution.RegionsSearched;
+    json["magnitude_zero_point"] = solution.MagnitudeZeroPoint;
+    json["tangent_ra_deg"] = solution.TangentRA * degreesPerRadian;
+    json["tangent_dec_deg"] = solution.TangentDec * degreesPerRadian;
+    const PlateConstants& t = solution.Transform;
+    json["transform"] = {t.a, t.b, t.c, t.d, t.e, t.f};
+    json["confidence"] = JsonConfidence(solution.Confidence);
+    json["cautions"] = Cautions(state);
+    json["matches"] = JsonMatches(state);
+}
+
+/// The figures of a solution, or of a candidate that is not sure.
+void AddSolution(nlohmann::ordered_json& json, const PlateSolution& solution,
+                 const PlateImage& image) {
+    constexpr double degreesPerRadian = 57.29577951308232;
+    const ImageOrientation orientation = OrientationOf(solution, image);
+    json["ra_deg"] = solution.CentreRA * degreesPerRadian;
+    json["dec_deg"] = solution.CentreDec * degreesPerRadian;
+    json["ra"] = FormatRA(solution.CentreRA, true, 2);
+    json["dec"] = FormatDec(solution.CentreDec, true, 1);
+    json["width_arcmin"] = solution.WidthArcmin;
+    json["height_arcmin"] = solution.HeightArcmin;
+    json["scale_arcsec_px"] = 1 / solution.Scale;
+    json["rotation_deg"] = PositionAngleDegrees(solution.Angle);
+    json["up_position_angle_deg"] = orientation.UpPositionAngle;
+    json["mirrored"] = orientation.Mirrored;
+    json["stretch"] = solution.Stretch;
+    json["skew"] = solution.Skew;
+    json["rms_px"] = solution.Rms;
+    json["rms_arcsec"] = solution.Rms / solution.Scale;
+    json["stars_matched"] = solution.MatchedCount;
+    json["regions_searched"] = solution.RegionsSearched;
+    json["magnitude_zero_point"] = solution.MagnitudeZeroPoint;
+    json["tangent_ra_deg"] = solution.TangentRA * degreesPerRadian;
+    json["tangent_dec_deg"] = solution.TangentDec * degreesPerRadian;
+    const PlateConstants& t = solution.Transform;
+    json["transform"] = {t.a, t.b, t.c, t.d, t.e, t.f};
+    json["confidence"] = JsonConfidence(solution.Confidence);
+}
+
 nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outcome) {
     constexpr double degreesPerRadian = 57.29577951308232;
     const bool solved = outcome.Result.Code == SolveCode::Solved && outcome.Attempted;
@@ -272,33 +349,12 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
     json["image"] = outcome.Image;
     if (!outcome.Attempted) return json;
     if (solved) {
-        const PlateSolution& solution = *state.Solution;
-        const ImageOrientation orientation = OrientationOf(solution, state.Image);
-        json["ra_deg"] = solution.CentreRA * degreesPerRadian;
-        json["dec_deg"] = solution.CentreDec * degreesPerRadian;
-        json["ra"] = FormatRA(solution.CentreRA, true, 2);
-        json["dec"] = FormatDec(solution.CentreDec, true, 1);
-        json["width_arcmin"] = solution.WidthArcmin;
-        json["height_arcmin"] = solution.HeightArcmin;
-        json["scale_arcsec_px"] = 1 / solution.Scale;
-        json["rotation_deg"] = PositionAngleDegrees(solution.Angle);
-        json["up_position_angle_deg"] = orientation.UpPositionAngle;
-        json["mirrored"] = orientation.Mirrored;
-        json["stretch"] = solution.Stretch;
-        json["skew"] = solution.Skew;
-        json["rms_px"] = solution.Rms;
-        json["rms_arcsec"] = solution.Rms / solution.Scale;
-        json["stars_matched"] = solution.MatchedCount;
-        json["regions_searched"] = solution.RegionsSearched;
-        json["magnitude_zero_point"] = solution.MagnitudeZeroPoint;
-        json["tangent_ra_deg"] = solution.TangentRA * degreesPerRadian;
-        json["tangent_dec_deg"] = solution.TangentDec * degreesPerRadian;
-        const PlateConstants& t = solution.Transform;
-        json["transform"] = {t.a, t.b, t.c, t.d, t.e, t.f};
-        json["confidence"] = JsonConfidence(solution.Confidence);
+        AddSolution(json, *state.Solution, state.Image);
         json["cautions"] = Cautions(state);
-        json["matches"] = JsonMatches(solution);
+        json["matches"] = JsonMatches(*state.Solution);
         if (const auto model = SkyModelOfImage(state)) json["sky_model"] = JsonSkyModel(*model);
+    } else if (outcome.Plan.Candidate) {
+        AddSolution(json["candidate"], *outcome.Plan.Candidate, state.Image);
     }
     const SolveReport& report = state.Report;
     if (state.Image.ImageType == ImageType::Decoded) {
@@ -316,6 +372,9 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
     json["magnitude_limit"] = report.MagnitudeLimit;
     json["regions_tried"] = report.RegionsTried;
     if (report.Blind) json["quads"] = JsonQuads(state);
+    if (!outcome.Plan.Attempts.empty()) json["attempts"] = JsonAttempts(outcome.Plan);
+    if (!outcome.Plan.SolvedBy.empty()) json["solved_by"] = outcome.Plan.SolvedBy;
+    if (outcome.Plan.TimeLimitReached) json["time_limit_reached"] = true;
     json["catalog_folder"] = TextFromPath(state.Catalog.Folder);
     if (!solved) {
         json["catalog_complaint"] = CatalogComplaint(state);
@@ -360,6 +419,14 @@ void PrintForPeople(const ProgramState& state, const Outcome& outcome, bool quie
     if (state.Display.Status1.Visible && !state.Display.Status1.Text.empty()) {
         text = state.Display.Status1.Text;
     }
+    if (outcome.Plan.Candidate) {
+        const PlateSolution& candidate = *outcome.Plan.Candidate;
+        std::fprintf(stderr, "Not sure: %s %s, %s\"/px; %s\n",
+                     FormatRA(candidate.CentreRA, true, 2).c_str(),
+                     FormatDec(candidate.CentreDec, true, 1).c_str(),
+                     RoundedText(1 / candidate.Scale, 4).c_str(),
+                     ConfidenceText(candidate.Confidence).c_str());
+    }
     std::fprintf(stderr, "%s%s%s: %s\n%s", colour, text.c_str(), plain, image.c_str(),
                  WithoutControls(FailureText(state, outcome.Result.Code), "\n").c_str());
     PrintTimes(stderr, state, outcome);
@@ -394,9 +461,8 @@ int Run(int argc, const char* const* argv) {
     {
         const StageTimer timer(seconds);
         ConsolePort port(*state, options.Quiet);
-        outcome = options.ParameterString
-                      ? SolveParameterString(*state, port, *options.ParameterString)
-                      : SolveImage(*state, port, options);
+        outcome = options.ParameterString ? SolveParameterString(*state, port, options)
+                                          : SolveImage(*state, port, options);
         if (outcome.Result.Code == SolveCode::Solved && outcome.Attempted &&
             !WriteOutputs(*state, port, options)) {
             outcome.Exit = ExitCode::NotWritten;

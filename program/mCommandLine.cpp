@@ -9,6 +9,8 @@
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "program/mImageData.h"
+#include "program/mPlateMatch.h"
+#include "program/mSearchPlan.h"
 
 namespace vestrel {
 
@@ -93,7 +95,30 @@ PlateSearch SearchFor(const UnattendedRequest& request, const SolveParameters& p
             parameters.MaxError};
 }
 
-UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::string& parameters) {
+namespace {
+
+/// What follows a solve that gave this code when the user asked for more.
+SolveCode TryHarder(ProgramState& state, Port& port, const UnattendedRequest& request,
+                    SolveCode code, double seconds) {
+    const bool sure = state.Solution && IsSure(state.Solution->Confidence);
+    if (code == SolveCode::Stopped || (code == SolveCode::Solved && sure)) return code;
+    std::optional<PlateSolution> first;
+    if (code == SolveCode::Solved) first = state.Solution;
+    SearchRequest search;
+    search.Around = {
+        {{request.Ra, request.Dec}, request.Width, request.Height, request.RegionLimit}};
+    search.TimeLimit = seconds;
+    PlanReport plan;
+    const SolveCode harder = SolveByPlan(state, port, search, plan);
+    if (harder == SolveCode::Solved || !first) return harder;
+    FinishPlateSolution(state, port, std::move(*first));
+    return SolveCode::Solved;
+}
+
+}  // namespace
+
+UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::string& parameters,
+                                double harderFor) {
     UnattendedOutcome outcome;
     const auto request = ParseParameterString(parameters);
     if (!request) {
@@ -116,7 +141,8 @@ UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::stri
     }
 
     ShowStartingValues(state, port, *request, " X ");
-    const SolveCode code = SolvePlate(state, port, SearchFor(*request, state.Parameters));
+    SolveCode code = SolvePlate(state, port, SearchFor(*request, state.Parameters));
+    if (harderFor > 0) code = TryHarder(state, port, *request, code, harderFor);
     outcome.End = UnattendedEnd::Finished;
     outcome.Result = {code, ResultMessage(code)};
     if (code == SolveCode::Solved) port.ImageChanged();

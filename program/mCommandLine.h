@@ -55,7 +55,10 @@ struct UnattendedOutcome {
 
 /// Solves the image of a parameter string and writes the result file beside it. An older result
 /// file is removed first, so that a caller never reads a stale one.
-UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::string& parameters);
+/// @param harderFor seconds for the search plan when that solve gives nothing sure; 0: none. What
+///                  the solve gave stays the result when the plan gives nothing sure either.
+UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::string& parameters,
+                                double harderFor = 0);
 
 /// Shows a solve's starting values: centre, plate size in arcminutes, region limit.
 /// @param times what stands between width and height, blanks included

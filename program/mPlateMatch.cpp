@@ -67,6 +67,16 @@ MatchConfidence ConfidenceOfSolution(const ProgramState& state, const PlateSolut
     return ConfidenceOf(evidence);
 }
 
+PlateSolution RegionSolution(const ProgramState& state, const RegionMatch& region,
+                             std::int32_t regions) {
+    PlateSolution solution =
+        SolutionOf(region, state.PlateStars, state.Image.Width, state.Image.Height);
+    solution.ExtractedCount = state.Extraction.StarsFound;
+    solution.RegionsSearched = regions;
+    solution.Confidence = ConfidenceOfSolution(state, solution);
+    return solution;
+}
+
 }  // namespace
 
 SolveCode SolvePlate(ProgramState& state, Port& port, const PlateSearch& search) {
@@ -180,8 +190,11 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
     std::int64_t k = 1;
     do {
         if (region.Found.Matched) {
-            TakeRegion(state, port, region, static_cast<std::int32_t>(k));
-            return SolveCode::Solved;
+            PlateSolution solution = RegionSolution(state, region, static_cast<std::int32_t>(k));
+            if (!search.Accept || search.Accept(solution)) {
+                FinishPlateSolution(state, port, std::move(solution));
+                return SolveCode::Solved;
+            }
         }
         if (state.StopRequested) {
             state.Image.Header.PlateMatched = false;
@@ -233,12 +246,7 @@ void ShowPlateGeometry(ProgramState& state, const FitGeometry& geometry, double 
 }
 
 void TakeRegion(ProgramState& state, Port& port, const RegionMatch& region, std::int32_t regions) {
-    PlateSolution solution =
-        SolutionOf(region, state.PlateStars, state.Image.Width, state.Image.Height);
-    solution.ExtractedCount = state.Extraction.StarsFound;
-    solution.RegionsSearched = regions;
-    solution.Confidence = ConfidenceOfSolution(state, solution);
-    FinishPlateSolution(state, port, std::move(solution));
+    FinishPlateSolution(state, port, RegionSolution(state, region, regions));
 }
 
 void FinishPlateSolution(ProgramState& state, Port& port, PlateSolution solution) {

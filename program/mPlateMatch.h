@@ -16,6 +16,8 @@ struct PlateSearch {
     std::int32_t RegionLimit = 1;  ///< regions to try, the starting one included; below 1 counts
                                    ///< as 1
     double MatchTolerance = 0;     ///< largest fit error, pixels
+    /// Asked about every solution: false lets the search go on.
+    std::function<bool(const PlateSolution&)> Accept = {};
 };
 
 /// Solves the loaded image; the outcome is the state's `Solution`.

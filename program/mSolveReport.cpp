@@ -214,7 +214,8 @@ std::vector<std::string> Cautions(const ProgramState& state) {
     const double expected = 2 * state.Report.SearchRadius * exactDegreesPerRadian * 60;
     const double ratio = found / expected;
     constexpr double tolerated = 1.25;
-    if (!(ratio < tolerated && ratio > 1 / tolerated)) {
+    // Without a size that was given there is none to differ from.
+    if (expected > 0 && !(ratio < tolerated && ratio > 1 / tolerated)) {
         cautions.push_back("the field is " + Fixed(ratio, 2) + " times the size given");
     }
     if (solution.Confidence.Candidates > 0 && !IsSure(solution.Confidence)) {

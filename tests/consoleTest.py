@@ -105,7 +105,7 @@ class Contract(Solver):
         cases = [
             (TOO_FEW_STARS, [dark, *search, "--catalog", empty], "Insufficient Plate Stars"),
             (USAGE, ["--size"], "--size"),
-            (USAGE, [frame], "--ra and --dec"),
+            (NO_CATALOG, [frame, "--catalog", empty], "vestrel-catalog quads"),
             (USAGE, [frame, "--ra", "25:00:00", "--dec", "0"], "Please enter a valid RA value"),
             (USAGE, [frame, "--ra", "1", "--dec", "91"], "Please enter a valid Declination value"),
             (USAGE, [frame, *search[:3], "--size", "10"], "Please enter a valid Image Size"),

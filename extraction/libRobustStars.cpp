@@ -1,0 +1,517 @@
+#include "extraction/libRobustStars.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstddef>
+
+namespace vestrel {
+
+namespace {
+
+/// Counts in 32-bit floats, row by row.
+struct Plane {
+    std::int32_t Width = 0;
+    std::int32_t Height = 0;
+    std::vector<float> Values;
+
+    Plane(std::int32_t width, std::int32_t height)
+        : Width(width),
+          Height(height),
+          Values(static_cast<std::size_t>(width) * static_cast<std::size_t>(height)) {}
+    float* Row(std::int32_t y) {
+        return Values.data() + static_cast<std::ptrdiff_t>(y) * static_cast<std::ptrdiff_t>(Width);
+    }
+    const float* Row(std::int32_t y) const {
+        return Values.data() + static_cast<std::ptrdiff_t>(y) * static_cast<std::ptrdiff_t>(Width);
+    }
+    bool Inside(std::int32_t x, std::int32_t y) const {
+        return x >= 0 && y >= 0 && x < Width && y < Height;
+    }
+};
+
+constexpr std::int32_t rowsPerPiece = 64;
+
+void ForRows(std::int32_t height, const std::function<void(std::int32_t, std::int32_t)>& work) {
+    ParallelFor((height + rowsPerPiece - 1) / rowsPerPiece, [&](int piece) {
+        const std::int32_t first = piece * rowsPerPiece;
+        work(first, std::min(first + rowsPerPiece, height));
+    });
+}
+
+Plane Binned(const PlateImage& image, std::int32_t binning) {
+    Plane plane(image.Width / binning, image.Height / binning);
+    const float part = 1.0F / static_cast<float>(binning * binning);
+    ForRows(plane.Height, [&](std::int32_t first, std::int32_t end) {
+        for (std::int32_t y = first; y < end; ++y) {
+            float* row = plane.Row(y);
+            for (std::int32_t dy = 0; dy < binning; ++dy) {
+                const std::int32_t* from = image.Pixels.Row(y * binning + dy).data();
+                for (std::int32_t x = 0; x < plane.Width; ++x) {
+                    std::int64_t sum = 0;
+                    for (std::int32_t dx = 0; dx < binning; ++dx) sum += from[x * binning + dx];
+                    row[x] += static_cast<float>(sum) * part;
+                }
+            }
+        }
+    });
+    return plane;
+}
+
+/// Smooths with a Gaussian of standard deviation 1.2 pixels, along rows and then columns. Beyond
+/// the edges the edge goes on.
+Plane Smoothed(const Plane& plane) {
+    constexpr std::array<float, 4> weights{0.3345F, 0.2364F, 0.0834F, 0.0130F};
+    constexpr std::int32_t reach = 3;
+    Plane rows(plane.Width, plane.Height);
+    ForRows(plane.Height, [&](std::int32_t first, std::int32_t end) {
+        for (std::int32_t y = first; y < end; ++y) {
+            const float* from = plane.Row(y);
+            float* to = rows.Row(y);
+            for (std::int32_t x = 0; x < plane.Width; ++x) {
+                float sum = weights[0] * from[x];
+                for (std::int32_t d = 1; d <= reach; ++d) {
+                    sum += weights[static_cast<std::size_t>(d)] *
+                           (from[std::max(x - d, 0)] + from[std::min(x + d, plane.Width - 1)]);
+                }
+                to[x] = sum;
+            }
+        }
+    });
+    Plane smoothed(plane.Width, plane.Height);
+    ForRows(plane.Height, [&](std::int32_t first, std::int32_t end) {
+        for (std::int32_t y = first; y < end; ++y) {
+            float* to = smoothed.Row(y);
+            const float* middle = rows.Row(y);
+            for (std::int32_t x = 0; x < plane.Width; ++x) to[x] = weights[0] * middle[x];
+            for (std::int32_t d = 1; d <= reach; ++d) {
+                const float* above = rows.Row(std::max(y - d, 0));
+                const float* below = rows.Row(std::min(y + d, plane.Height - 1));
+                const float weight = weights[static_cast<std::size_t>(d)];
+                for (std::int32_t x = 0; x < plane.Width; ++x)
+                    to[x] += weight * (above[x] + below[x]);
+            }
+        }
+    });
+    return smoothed;
+}
+
+struct LevelAndNoise {
+    float Level;
+    float Noise;
+};
+
+/// Level and noise of the smoothed image in square cells.
+class SkyMesh {
+ public:
+    explicit SkyMesh(const Plane& plane)
+        : columns_((plane.Width + cell - 1) / cell), rows_((plane.Height + cell - 1) / cell) {
+        std::vector<LevelAndNoise> raw(static_cast<std::size_t>(columns_) *
+                                       static_cast<std::size_t>(rows_));
+        ParallelFor(rows_, [&](int row) {
+            std::vector<float> values;
+            for (std::int32_t column = 0; column < columns_; ++column) {
+                raw[Place(column, row)] = Measure(plane, column, row, values);
+            }
+        });
+        // A large star fills its cell; the cells around it tell what lies behind.
+        cells_ = raw;
+        for (std::int32_t row = 0; row < rows_; ++row) {
+            for (std::int32_t column = 0; column < columns_; ++column) {
+                cells_[Place(column, row)] = MedianAround(raw, column, row);
+            }
+        }
+    }
+
+    /// Interpolated between the centres of the cells.
+    LevelAndNoise At(std::int32_t x, std::int32_t y) const {
+        const float u = Held((static_cast<float>(x) + 0.5F) / cell - 0.5F, columns_);
+        const float v = Held((static_cast<float>(y) + 0.5F) / cell - 0.5F, rows_);
+        const auto column = static_cast<std::int32_t>(u);
+        const auto row = static_cast<std::int32_t>(v);
+        const float fx = u - static_cast<float>(column);
+        const float fy = v - static_cast<float>(row);
+        const std::int32_t nextColumn = std::min(column + 1, columns_ - 1);
+        const std::int32_t nextRow = std::min(row + 1, rows_ - 1);
+        LevelAndNoise sum{0, 0};
+        const auto add = [&](std::int32_t c, std::int32_t r, float weight) {
+            const LevelAndNoise& one = cells_[Place(c, r)];
+            sum.Level += weight * one.Level;
+            sum.Noise += weight * one.Noise;
+        };
+        add(column, row, (1 - fx) * (1 - fy));
+        add(nextColumn, row, fx * (1 - fy));
+        add(column, nextRow, (1 - fx) * fy);
+        add(nextColumn, nextRow, fx * fy);
+        return sum;
+    }
+
+ private:
+    static constexpr std::int32_t cell = 32;
+    /// Pictures are quantised: without noise every ripple would be a star.
+    static constexpr float leastNoise = 0.4F;
+
+    static float Held(float value, std::int32_t count) {
+        return std::clamp(value, 0.0F, static_cast<float>(count - 1));
+    }
+    std::size_t Place(std::int32_t column, std::int32_t row) const {
+        return static_cast<std::size_t>(row) * static_cast<std::size_t>(columns_) +
+               static_cast<std::size_t>(column);
+    }
+
+    static LevelAndNoise Measure(const Plane& plane, std::int32_t column, std::int32_t row,
+                                 std::vector<float>& values) {
+        values.clear();
+        for (std::int32_t y = row * cell; y < std::min((row + 1) * cell, plane.Height); ++y) {
+            const float* from = plane.Row(y);
+            for (std::int32_t x = column * cell; x < std::min((column + 1) * cell, plane.Width);
+                 ++x) {
+                values.push_back(from[x]);
+            }
+        }
+        const auto at = [&values](double part) {
+            const auto place =
+                static_cast<std::ptrdiff_t>(part * static_cast<double>(values.size() - 1));
+            std::nth_element(values.begin(), values.begin() + place, values.end());
+            return values[static_cast<std::size_t>(place)];
+        };
+        // Stars lift the upper half of the values; the lower one is the sky's.
+        const float median = at(0.5);
+        const float low = at(0.1587);
+        return {median, std::max(median - low, leastNoise)};
+    }
+
+    LevelAndNoise MedianAround(const std::vector<LevelAndNoise>& raw, std::int32_t column,
+                               std::int32_t row) const {
+        std::vector<float> levels;
+        std::vector<float> noises;
+        for (std::int32_t r = std::max(row - 1, 0); r <= std::min(row + 1, rows_ - 1); ++r) {
+            for (std::int32_t c = std::max(column - 1, 0); c <= std::min(column + 1, columns_ - 1);
+                 ++c) {
+                levels.push_back(raw[Place(c, r)].Level);
+                noises.push_back(raw[Place(c, r)].Noise);
+            }
+        }
+        const auto median = [](std::vector<float>& list) {
+            const auto middle = list.begin() + static_cast<std::ptrdiff_t>(list.size() / 2);
+            std::nth_element(list.begin(), middle, list.end());
+            return *middle;
+        };
+        const LevelAndNoise& own = raw[Place(column, row)];
+        return {std::min(own.Level, median(levels)), median(noises)};
+    }
+
+    std::int32_t columns_;
+    std::int32_t rows_;
+    std::vector<LevelAndNoise> cells_;
+};
+
+/// A place that is higher than those around it.
+struct Summit {
+    std::int32_t X;
+    std::int32_t Y;
+    float Height;
+};
+
+bool IsHighest(const Plane& plane, std::int32_t x, std::int32_t y) {
+    const float value = plane.Row(y)[x];
+    for (std::int32_t dy = -1; dy <= 1; ++dy) {
+        const float* row = plane.Row(y + dy);
+        for (std::int32_t dx = -1; dx <= 1; ++dx) {
+            // Of equal ones the last is taken.
+            const bool later = dy > 0 || (dy == 0 && dx > 0);
+            if (later ? row[x + dx] >= value : row[x + dx] > value) return false;
+        }
+    }
+    return true;
+}
+
+std::vector<Summit> FindSummits(const Plane& plane, const SkyMesh& sky, double threshold,
+                                std::int32_t border, const Progress& progress) {
+    const std::int32_t pieces = (plane.Height + rowsPerPiece - 1) / rowsPerPiece;
+    std::vector<std::vector<Summit>> found(static_cast<std::size_t>(pieces));
+    const auto look = [&](int piece) {
+        const std::int32_t first = std::max(piece * rowsPerPiece, border);
+        const std::int32_t end = std::min((piece + 1) * rowsPerPiece, plane.Height - border);
+        for (std::int32_t y = first; y < end; ++y) {
+            const float* row = plane.Row(y);
+            for (std::int32_t x = border; x < plane.Width - border; ++x) {
+                if (row[x] < row[x - 1] || row[x] <= row[x + 1] || !IsHighest(plane, x, y))
+                    continue;
+                const LevelAndNoise around = sky.At(x, y);
+                const float height = row[x] - around.Level;
+                if (height > static_cast<float>(threshold) * around.Noise) {
+                    found[static_cast<std::size_t>(piece)].push_back({x, y, height});
+                }
+            }
+        }
+    };
+    ParallelFor(pieces, look, progress);
+    std::vector<Summit> all;
+    for (const auto& piece : found) all.insert(all.end(), piece.begin(), piece.end());
+    std::stable_sort(all.begin(), all.end(),
+                     [](const Summit& a, const Summit& b) { return a.Height > b.Height; });
+    return all;
+}
+
+/// Measures one peak on the planes.
+class PeakMeasure {
+ public:
+    PeakMeasure(const Plane& plane, const Plane& smoothed, const SkyMesh& sky)
+        : plane_(plane), smoothed_(smoothed), sky_(sky) {}
+
+    /// In binned pixels.
+    Peak Measure(const Summit& summit) const {
+        const float level = sky_.At(summit.X, summit.Y).Level;
+        Peak peak;
+        peak.Height = static_cast<double>(summit.Height);
+        peak.HalfWidth = HalfWidth(summit, level);
+        peak.Sharp = IsSharp(summit, level);
+        Moments(summit, level, peak);
+        return peak;
+    }
+
+ private:
+    static constexpr std::int32_t widest = 40;
+
+    /// The mean distance at which eight rays fall to half of the height.
+    double HalfWidth(const Summit& summit, float level) const {
+        constexpr std::array<std::array<int, 2>, 8> ways{
+            {{1, 0}, {0, 1}, {-1, 0}, {0, -1}, {1, 1}, {-1, 1}, {-1, -1}, {1, -1}}};
+        const float half = level + summit.Height / 2;
+        double sum = 0;
+        for (const auto& [dx, dy] : ways) {
+            const double step = dx != 0 && dy != 0 ? std::sqrt(2.0) : 1.0;
+            double distance = 0;
+            float before = smoothed_.Row(summit.Y)[summit.X];
+            for (std::int32_t n = 1; n <= widest; ++n) {
+                const std::int32_t x = summit.X + n * dx;
+                const std::int32_t y = summit.Y + n * dy;
+                if (!smoothed_.Inside(x, y)) break;
+                const float value = smoothed_.Row(y)[x];
+                if (value <= half) {
+                    distance += step * static_cast<double>((before - half) /
+                                                           std::max(before - value, 1e-6F));
+                    break;
+                }
+                distance += step;
+                before = value;
+            }
+            sum += distance;
+        }
+        return sum / static_cast<double>(ways.size());
+    }
+
+    bool IsSharp(const Summit& summit, float level) const {
+        constexpr float leastPart = 0.1F;  // of a peak's light that its four neighbours have
+        float brightest = 0;
+        std::int32_t px = summit.X;
+        std::int32_t py = summit.Y;
+        for (std::int32_t y = summit.Y - 1; y <= summit.Y + 1; ++y) {
+            for (std::int32_t x = summit.X - 1; x <= summit.X + 1; ++x) {
+                if (plane_.Inside(x, y) && plane_.Row(y)[x] - level > brightest) {
+                    brightest = plane_.Row(y)[x] - level;
+                    px = x;
+                    py = y;
+                }
+            }
+        }
+        if (px < 1 || py < 1 || px >= plane_.Width - 1 || py >= plane_.Height - 1) return false;
+        const float around = (plane_.Row(py)[px - 1] + plane_.Row(py)[px + 1] +
+                              plane_.Row(py - 1)[px] + plane_.Row(py + 1)[px]) /
+                                 4 -
+                             level;
+        return around < leastPart * brightest;
+    }
+
+    /// Centroid, light and shape, over what is brighter than a part of the height.
+    void Moments(const Summit& summit, float level, Peak& peak) const {
+        const auto reach =
+            static_cast<std::int32_t>(std::min(2.0 * peak.HalfWidth + 2, 1.0 * widest));
+        const float floor = level + summit.Height * 0.25F;
+        double sum = 0;
+        double sx = 0;
+        double sy = 0;
+        double sxx = 0;
+        double syy = 0;
+        double sxy = 0;
+        for (std::int32_t y = summit.Y - reach; y <= summit.Y + reach; ++y) {
+            for (std::int32_t x = summit.X - reach; x <= summit.X + reach; ++x) {
+                if (!plane_.Inside(x, y)) continue;
+                const double dx = x - summit.X;
+                const double dy = y - summit.Y;
+                if (dx * dx + dy * dy > reach * reach) continue;
+                const float value = smoothed_.Row(y)[x];
+                if (value <= floor) continue;
+                const double light = static_cast<double>(value - floor);
+                sum += light;
+                sx += light * dx;
+                sy += light * dy;
+                sxx += light * dx * dx;
+                syy += light * dy * dy;
+                sxy += light * dx * dy;
+            }
+        }
+        peak.X = summit.X;
+        peak.Y = summit.Y;
+        if (!(sum > 0)) return;
+        const double cx = sx / sum;
+        const double cy = sy / sum;
+        peak.X += cx;
+        peak.Y += cy;
+        peak.Flux = sum;
+        const double vx = sxx / sum - cx * cx;
+        const double vy = syy / sum - cy * cy;
+        const double vxy = sxy / sum - cx * cy;
+        const double mean = (vx + vy) / 2;
+        const double spread = std::hypot((vx - vy) / 2, vxy);
+        constexpr double pixel = 1.0 / 12;  // the variance of a pixel itself
+        peak.Elongation =
+            std::sqrt((mean + spread + pixel) / (std::max(mean - spread, 0.0) + pixel));
+        peak.Angle = 0.5 * std::atan2(2 * vxy, vx - vy);
+    }
+
+    const Plane& plane_;
+    const Plane& smoothed_;
+    const SkyMesh& sky_;
+};
+
+double MedianOf(std::vector<double> values, double part = 0.5) {
+    if (values.empty()) return 0;
+    const auto place = static_cast<std::ptrdiff_t>(part * static_cast<double>(values.size() - 1));
+    std::nth_element(values.begin(), values.begin() + place, values.end());
+    return values[static_cast<std::size_t>(place)];
+}
+
+/// Marks the peaks that share a row or column with far more others than chance brings together.
+void MarkCrowdedLines(const std::vector<Peak>& peaks, std::int32_t size, double Peak::*coordinate,
+                      std::vector<bool>& marked) {
+    constexpr double width = 3;
+    std::vector<std::int32_t> counts(static_cast<std::size_t>(size / width) + 2);
+    const auto place = [&](const Peak& peak) {
+        return std::min(static_cast<std::size_t>(std::max(peak.*coordinate, 0.0) / width),
+                        counts.size() - 1);
+    };
+    for (const Peak& peak : peaks) ++counts[place(peak)];
+    const double mean = static_cast<double>(peaks.size()) * width / size;
+    const double limit = 6 + 6 * mean;
+    for (std::size_t i = 0; i < peaks.size(); ++i) {
+        if (counts[place(peaks[i])] > limit) marked[i] = true;
+    }
+}
+
+}  // namespace
+
+std::vector<Peak> FindPeaks(const PlateImage& image, const PeakSettings& settings,
+                            const Progress& progress) {
+    constexpr std::int32_t smallestSide = 20;
+    const std::int32_t binning = std::max(settings.Binning, 1);
+    if (image.Width / binning < smallestSide || image.Height / binning < smallestSide) return {};
+    const Plane plane = Binned(image, binning);
+    const Plane smoothed = Smoothed(plane);
+    const SkyMesh sky(smoothed);
+    const auto border = std::max(
+        static_cast<std::int32_t>(settings.EdgeExclusion * std::min(plane.Width, plane.Height)), 2);
+    const std::vector<Summit> summits =
+        FindSummits(smoothed, sky, settings.Threshold, border, progress);
+
+    const PeakMeasure measure(plane, smoothed, sky);
+    std::vector<Peak> peaks;
+    for (const Summit& summit : summits) {
+        if (peaks.size() >= settings.MostPeaks) break;
+        // A lower summit on a higher peak's slope belongs to that peak.
+        const bool swallowed = std::any_of(peaks.begin(), peaks.end(), [&summit](const Peak& peak) {
+            const double reach = 1.6 * peak.HalfWidth + 1.5;
+            const double dx = peak.X - summit.X;
+            const double dy = peak.Y - summit.Y;
+            return dx * dx + dy * dy < reach * reach;
+        });
+        if (!swallowed) peaks.push_back(measure.Measure(summit));
+    }
+    const double middle = (binning - 1) / 2.0;
+    for (Peak& peak : peaks) {
+        peak.X = peak.X * binning + middle;
+        peak.Y = peak.Y * binning + middle;
+        peak.HalfWidth *= binning;
+        peak.Flux *= binning * binning;
+    }
+    std::stable_sort(peaks.begin(), peaks.end(),
+                     [](const Peak& a, const Peak& b) { return a.Flux > b.Flux; });
+    return peaks;
+}
+
+std::vector<Peak> StarsAmong(const std::vector<Peak>& peaks, const PlateImage& image) {
+    std::vector<double> widths;
+    std::vector<double> elongations;
+    for (const Peak& peak : peaks) {
+        if (peak.Sharp) continue;
+        widths.push_back(peak.HalfWidth);
+        elongations.push_back(peak.Elongation);
+    }
+    // Where nothing but single pixels shine, these are the stars.
+    const bool sharpStars = widths.size() < 12 || widths.size() * 5 < peaks.size();
+    if (sharpStars) {
+        for (const Peak& peak : peaks) {
+            if (!peak.Sharp) continue;
+            widths.push_back(peak.HalfWidth);
+            elongations.push_back(peak.Elongation);
+        }
+    }
+    const double widest = 5 * std::max(MedianOf(widths), 1.0) + 3;
+    const double longest = std::max(1.6 * MedianOf(elongations, 0.6), 2.0);
+    std::vector<bool> onLine(peaks.size());
+    MarkCrowdedLines(peaks, image.Width, &Peak::X, onLine);
+    MarkCrowdedLines(peaks, image.Height, &Peak::Y, onLine);
+    std::vector<Peak> stars;
+    for (std::size_t i = 0; i < peaks.size(); ++i) {
+        const Peak& peak = peaks[i];
+        const bool star = (sharpStars || !peak.Sharp) && !onLine[i] && peak.Elongation <= longest &&
+                          peak.HalfWidth <= widest;
+        if (star) stars.push_back(peak);
+    }
+    return stars;
+}
+
+PlateStarList StarListOf(const std::vector<Peak>& peaks) {
+    PlateStarList stars;
+    for (const Peak& peak : peaks) {
+        stars.Add({static_cast<float>(peak.X), static_cast<float>(peak.Y),
+                   static_cast<float>(peak.Flux), 0, 0});
+    }
+    return stars;
+}
+
+PlateStarList SpreadEvenly(const PlateStarList& stars, std::int32_t width, std::int32_t height) {
+    constexpr std::int32_t cells = 4;
+    std::array<std::vector<PlateStar>, static_cast<std::size_t>(cells * cells)> byCell;
+    const auto cellOf = [](float place, std::int32_t size) {
+        return std::clamp(static_cast<std::int32_t>(static_cast<double>(place) / size * cells), 0,
+                          cells - 1);
+    };
+    for (const PlateStar& star : stars) {
+        byCell[static_cast<std::size_t>(cellOf(star.Y, height) * cells + cellOf(star.X, width))]
+            .push_back(star);
+    }
+    PlateStarList even;
+    for (std::size_t rank = 0; even.Count() < stars.Count(); ++rank) {
+        std::vector<PlateStar> ranked;
+        for (const auto& cell : byCell) {
+            if (rank < cell.size()) ranked.push_back(cell[rank]);
+        }
+        std::stable_sort(ranked.begin(), ranked.end(),
+                         [](const PlateStar& a, const PlateStar& b) { return a.Flux > b.Flux; });
+        for (const PlateStar& star : ranked) even.Add(star);
+    }
+    return even;
+}
+
+std::int32_t BinningFor(const PlateImage& image) {
+    constexpr double mostPixels = 3.2e6;
+    std::int32_t binning = 1;
+    while (static_cast<double>(image.Width) * image.Height / (binning * binning) > mostPixels) {
+        binning *= 2;
+    }
+    return binning;
+}
+
+}  // namespace vestrel

@@ -1,0 +1,335 @@
+#include "matching/libSeededMatch.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "astro/libMath.h"
+
+namespace vestrel {
+
+namespace {
+
+double XOf(const PlateStar& star) {
+    return static_cast<double>(star.X);
+}
+double YOf(const PlateStar& star) {
+    return static_cast<double>(star.Y);
+}
+
+constexpr std::int32_t densityCells = 8;  // along each side
+
+/// The plate that takes two catalog stars onto two places: a turn, a scale and a shift, with one
+/// axis turned over when it is mirrored.
+PlateConstants SimilarPlate(const PlateStar& c1, const PlateStar& c2, const PlateStar& p1,
+                            const PlateStar& p2, bool mirrored) {
+    const double sign = mirrored ? -1 : 1;
+    const double zx = XOf(c2) - XOf(c1);
+    const double zy = sign * (YOf(c2) - YOf(c1));
+    const double wx = XOf(p2) - XOf(p1);
+    const double wy = YOf(p2) - YOf(p1);
+    const double square = zx * zx + zy * zy;
+    const double re = (wx * zx + wy * zy) / square;
+    const double im = (wy * zx - wx * zy) / square;
+    PlateConstants plate{re, -sign * im, 0, im, sign * re, 0};
+    plate.c = XOf(p1) - plate.a * XOf(c1) - plate.b * YOf(c1);
+    plate.f = YOf(p1) - plate.d * XOf(c1) - plate.e * YOf(c1);
+    return plate;
+}
+
+/// The least-squares fit of such a plate to the pairs; mirrored like the plate before.
+void FitSimilarPlate(const PlateStarList& catalog, const PlateStarList& image,
+                     const StarMatchList& pairs, PlateConstants& plate) {
+    const double sign = plate.a * plate.e - plate.b * plate.d < 0 ? -1 : 1;
+    double n = 0;
+    double zx = 0;
+    double zy = 0;
+    double wx = 0;
+    double wy = 0;
+    for (const StarMatch& pair : pairs) {
+        const PlateStar& c = catalog[pair.Star1];
+        const PlateStar& p = image[pair.Star2];
+        n += 1;
+        zx += XOf(c);
+        zy += sign * YOf(c);
+        wx += XOf(p);
+        wy += YOf(p);
+    }
+    zx /= n;
+    zy /= n;
+    wx /= n;
+    wy /= n;
+    double square = 0;
+    double re = 0;
+    double im = 0;
+    for (const StarMatch& pair : pairs) {
+        const PlateStar& c = catalog[pair.Star1];
+        const PlateStar& p = image[pair.Star2];
+        const double x = XOf(c) - zx;
+        const double y = sign * YOf(c) - zy;
+        const double u = XOf(p) - wx;
+        const double v = YOf(p) - wy;
+        square += x * x + y * y;
+        re += u * x + v * y;
+        im += v * x - u * y;
+    }
+    if (!(square > 0)) return;
+    re /= square;
+    im /= square;
+    plate = {re, -sign * im, wx - re * zx + im * zy, im, sign * re, wy - im * zx - re * zy};
+}
+
+double Residual(const PlateStarList& catalog, const PlateStarList& image, const StarMatch& pair,
+                const PlateConstants& plate) {
+    const PlateStar& c = catalog[pair.Star1];
+    const PlateStar& p = image[pair.Star2];
+    double x = 0;
+    double y = 0;
+    ApplyPlateFit(plate, XOf(c), YOf(c), x, y);
+    return std::hypot(XOf(p) - x, YOf(p) - y);
+}
+
+}  // namespace
+
+ImageStars::ImageStars(const PlateStarList& stars, std::int32_t width, std::int32_t height)
+    : stars_(stars), width_(width), height_(height) {
+    const std::int32_t count = stars.Count();
+    constexpr double smallestSide = 8;
+    const double area = static_cast<double>(width) * height;
+    side_ = std::max(smallestSide, std::sqrt(area / std::max(count, 1) / 2));
+    columns_ = static_cast<std::int32_t>(width / side_) + 1;
+    rows_ = static_cast<std::int32_t>(height / side_) + 1;
+    starts_.assign(static_cast<std::size_t>(columns_) * static_cast<std::size_t>(rows_) + 1, 0);
+    const auto bucketOf = [this](std::int32_t i) {
+        const PlateStar& star = stars_[i];
+        return Bucket(XOf(star), YOf(star));
+    };
+    for (std::int32_t i = 1; i <= count; ++i) ++starts_[bucketOf(i) + 1];
+    for (std::size_t b = 1; b < starts_.size(); ++b) starts_[b] += starts_[b - 1];
+    order_.resize(static_cast<std::size_t>(count));
+    std::vector<std::int32_t> next(starts_.begin(), starts_.end() - 1);
+    for (std::int32_t i = 1; i <= count; ++i) {
+        order_[static_cast<std::size_t>(next[bucketOf(i)]++)] = i;
+    }
+
+    const double mean = count / area;
+    const double cellArea = area / (densityCells * densityCells);
+    density_.assign(static_cast<std::size_t>(densityCells) * densityCells, 0);
+    for (std::int32_t i = 1; i <= count; ++i) {
+        const PlateStar& star = stars_[i];
+        const auto column = static_cast<std::size_t>(
+            std::clamp(XOf(star) / width * densityCells, 0.0, densityCells - 1.0));
+        const auto row = static_cast<std::size_t>(
+            std::clamp(YOf(star) / height * densityCells, 0.0, densityCells - 1.0));
+        density_[row * densityCells + column] += 1 / cellArea;
+    }
+    for (double& density : density_) density = std::max(density, mean);
+}
+
+std::size_t ImageStars::Bucket(double x, double y) const {
+    const auto column = std::clamp(static_cast<std::int32_t>(x / side_), 0, columns_ - 1);
+    const auto row = std::clamp(static_cast<std::int32_t>(y / side_), 0, rows_ - 1);
+    return static_cast<std::size_t>(row) * static_cast<std::size_t>(columns_) +
+           static_cast<std::size_t>(column);
+}
+
+double ImageStars::DensityAt(double x, double y) const {
+    const auto column =
+        static_cast<std::size_t>(std::clamp(x / width_ * densityCells, 0.0, densityCells - 1.0));
+    const auto row =
+        static_cast<std::size_t>(std::clamp(y / height_ * densityCells, 0.0, densityCells - 1.0));
+    return density_[row * densityCells + column];
+}
+
+std::int32_t ImageStars::Nearest(double x, double y, double reach) const {
+    const auto first = [this](double value, std::int32_t count) {
+        return std::clamp(static_cast<std::int32_t>(value / side_), 0, count - 1);
+    };
+    double best = reach * reach;
+    std::int32_t nearest = 0;
+    for (std::int32_t row = first(y - reach, rows_); row <= first(y + reach, rows_); ++row) {
+        for (std::int32_t column = first(x - reach, columns_); column <= first(x + reach, columns_);
+             ++column) {
+            const std::size_t bucket =
+                static_cast<std::size_t>(row) * static_cast<std::size_t>(columns_) +
+                static_cast<std::size_t>(column);
+            for (std::int32_t place = starts_[bucket]; place < starts_[bucket + 1]; ++place) {
+                const std::int32_t i = order_[static_cast<std::size_t>(place)];
+                const double dx = XOf(stars_[i]) - x;
+                const double dy = YOf(stars_[i]) - y;
+                const double distance = dx * dx + dy * dy;
+                if (distance < best) {
+                    best = distance;
+                    nearest = i;
+                }
+            }
+        }
+    }
+    return nearest;
+}
+
+bool RefinePlate(const PlateStarList& catalog, const ImageStars& image, double tolerance,
+                 MatchedPlate& match) {
+    constexpr int mostRounds = 12;
+    constexpr double closest = 1.2;       // pixels
+    constexpr std::size_t fewest = 3;     // pairs
+    constexpr std::size_t forSixths = 8;  // pairs for all six constants
+    constexpr std::int32_t mostStars = std::numeric_limits<std::int16_t>::max();
+    std::vector<double> residuals;
+    std::size_t before = 0;
+    for (int round = 0; round < mostRounds; ++round) {
+        // The nearer of two catalog stars gets the image star.
+        std::vector<std::pair<double, std::int32_t>> owner(
+            static_cast<std::size_t>(image.Count()) + 1, {0, 0});
+        for (std::int32_t c = 1; c <= std::min(catalog.Count(), mostStars); ++c) {
+            const PlateStar& star = catalog[c];
+            double x = 0;
+            double y = 0;
+            ApplyPlateFit(match.Plate, XOf(star), YOf(star), x, y);
+            if (!image.InFrame(x, y)) continue;
+            const std::int32_t i = image.Nearest(x, y, tolerance);
+            if (i == 0 || i > mostStars) continue;
+            const PlateStar& there = image.Stars()[i];
+            const double distance = std::hypot(XOf(there) - x, YOf(there) - y);
+            auto& [nearest, who] = owner[static_cast<std::size_t>(i)];
+            if (who == 0 || distance < nearest) {
+                nearest = distance;
+                who = c;
+            }
+        }
+        match.Pairs.Clear();
+        for (std::size_t i = 1; i < owner.size(); ++i) {
+            if (owner[i].second == 0) continue;
+            match.Pairs.Add({static_cast<std::int16_t>(owner[i].second),
+                             static_cast<std::int16_t>(i), 0, true});
+        }
+        const auto count = static_cast<std::size_t>(match.Pairs.Count());
+        if (count < fewest) return false;
+        match.Similar = count < forSixths;
+        if (match.Similar) {
+            FitSimilarPlate(catalog, image.Stars(), match.Pairs, match.Plate);
+        } else {
+            NumberedList<double> ignored;
+            FitPlate(catalog, image.Stars(), match.Pairs, match.Plate, ignored);
+        }
+        if (!std::isfinite(match.Plate.a + match.Plate.c + match.Plate.e + match.Plate.f)) {
+            return false;
+        }
+        residuals.clear();
+        double squares = 0;
+        for (const StarMatch& pair : match.Pairs) {
+            residuals.push_back(Residual(catalog, image.Stars(), pair, match.Plate));
+            squares += residuals.back() * residuals.back();
+        }
+        match.Rms = std::sqrt(squares / static_cast<double>(count));
+        const auto middle = residuals.begin() + static_cast<std::ptrdiff_t>(count / 2);
+        std::nth_element(residuals.begin(), middle, residuals.end());
+        // The median of such distances is 1.18 standard deviations along one axis.
+        const double closer = std::clamp(3.5 * *middle / 1.18, closest, tolerance);
+        if (closer >= 0.98 * tolerance && count == before) break;
+        tolerance = std::max(closer, 0.6 * tolerance);
+        before = count;
+    }
+    return true;
+}
+
+SeedMatcher::SeedMatcher(const ImageStars& image, const SeedSettings& settings)
+    : image_(image), settings_(settings) {
+    // Close pairs do not tell where the corners lie.
+    shortest_ = 0.12 * std::hypot(image.Width(), image.Height());
+    const std::int32_t n = std::min(settings.ImageSeeds, image.Count());
+    for (std::int32_t i = 1; i <= n; ++i) {
+        for (std::int32_t j = i + 1; j <= n; ++j) {
+            const double length = PixelDistanceOf(i, j);
+            if (length >= shortest_) pairs_.push_back({length, i, j});
+        }
+    }
+    std::sort(pairs_.begin(), pairs_.end(), [](const ImagePair& a, const ImagePair& b) {
+        return a.Length != b.Length ? a.Length < b.Length
+                                    : std::pair(a.First, a.Second) < std::pair(b.First, b.Second);
+    });
+    taken_.assign(static_cast<std::size_t>(image.Count()) + 1, 0);
+}
+
+double SeedMatcher::PixelDistanceOf(std::int32_t i, std::int32_t j) const {
+    const PlateStar& a = image_.Stars()[i];
+    const PlateStar& b = image_.Stars()[j];
+    return std::hypot(XOf(a) - XOf(b), YOf(a) - YOf(b));
+}
+
+bool SeedMatcher::Promising(const PlateStarList& catalog, std::int32_t checked,
+                            const PlateConstants& plate) {
+    constexpr double hitPart = 0.5;    // of the catalog stars that an image shows
+    constexpr double hopeless = -4.5;  // of the logarithm of the odds
+    constexpr double promising = 7;
+    ++plateNumber_;
+    double odds = 0;
+    double best = 0;
+    std::int32_t seeds = 2;  // they agree by construction
+    for (std::int32_t c = 1; c <= checked; ++c) {
+        const PlateStar& star = catalog[c];
+        double x = 0;
+        double y = 0;
+        ApplyPlateFit(plate, XOf(star), YOf(star), x, y);
+        if (!image_.InFrame(x, y)) continue;
+        const double area = Pi * settings_.Tolerance * settings_.Tolerance;
+        const double chance = std::min(image_.DensityAt(x, y) * area, 0.9);
+        const std::int32_t i = image_.Nearest(x, y, settings_.Tolerance);
+        if (i != 0 && taken_[static_cast<std::size_t>(i)] != plateNumber_) {
+            taken_[static_cast<std::size_t>(i)] = plateNumber_;
+            if (seeds > 0) {
+                --seeds;
+                continue;
+            }
+            odds += std::log(hitPart / chance + (1 - hitPart));
+            best = std::max(best, odds);
+        } else if (i == 0) {
+            odds += std::log(1 - hitPart);
+        }
+        if (odds < hopeless) break;
+    }
+    return best > promising;
+}
+
+bool SeedMatcher::Match(const PlateStarList& catalog,
+                        const std::function<bool(const MatchedPlate&)>& accept,
+                        const std::function<bool()>& stop) {
+    constexpr double betweenLooks = 20000;
+    const std::int32_t n = std::min(settings_.CatalogSeeds, catalog.Count());
+    const std::int32_t checked = std::min(settings_.CheckedStars, catalog.Count());
+    double nextLook = tried_ + betweenLooks;
+    // Pairs of bright stars first: both orders of the sum of their places.
+    for (std::int32_t sum = 3; sum < 2 * n; ++sum) {
+        for (std::int32_t c1 = std::max(1, sum - n); 2 * c1 < sum; ++c1) {
+            const PlateStar& star1 = catalog[c1];
+            const PlateStar& star2 = catalog[sum - c1];
+            const double length = std::hypot(XOf(star1) - XOf(star2), YOf(star1) - YOf(star2));
+            const auto from = std::lower_bound(
+                pairs_.begin(), pairs_.end(), length / settings_.LargestScale,
+                [](const ImagePair& pair, double value) { return pair.Length < value; });
+            for (auto pair = from;
+                 pair != pairs_.end() && pair->Length <= length / settings_.SmallestScale; ++pair) {
+                for (int way = 0; way < 4; ++way) {
+                    const bool turned = way % 2 != 0;
+                    const std::int32_t first = turned ? pair->Second : pair->First;
+                    const std::int32_t second = turned ? pair->First : pair->Second;
+                    MatchedPlate match;
+                    match.Plate = SimilarPlate(star1, star2, image_.Stars()[first],
+                                               image_.Stars()[second], way >= 2);
+                    ++tried_;
+                    if (Promising(catalog, checked, match.Plate) &&
+                        RefinePlate(catalog, image_, settings_.Tolerance, match) && accept(match)) {
+                        return true;
+                    }
+                }
+            }
+            if (tried_ >= nextLook) {
+                nextLook = tried_ + betweenLooks;
+                if (stop()) return false;
+            }
+        }
+    }
+    return false;
+}
+
+}  // namespace vestrel

@@ -1,0 +1,111 @@
+// A match that needs few true stars: two bright catalog stars and two stars of the image make a
+// plate, and the other catalog stars of the frame confirm it or drop it.
+//
+// Hypotheses are dropped as early as a sequential odds test allows, after Lang et al. 2010 (AJ 139,
+// 1782), section 3. Unlike triangle votes it knows the scale, so that a third of each list may be
+// false.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "astro/libPlateStar.h"
+#include "matching/libPlateFit.h"
+
+namespace vestrel {
+
+/// The stars of an image in buckets, to find the one at a place.
+class ImageStars {
+ public:
+    /// @param stars pixels; they must outlive this
+    ImageStars(const PlateStarList& stars, std::int32_t width, std::int32_t height);
+
+    /// The star nearest to a place and closer than `reach` (pixels); 0 when there is none.
+    std::int32_t Nearest(double x, double y, double reach) const;
+
+    bool InFrame(double x, double y) const {
+        return x > -0.5 && y > -0.5 && x < width_ - 0.5 && y < height_ - 0.5;
+    }
+    /// Stars per square pixel around a place of the frame, at least their mean over it.
+    double DensityAt(double x, double y) const;
+    std::int32_t Count() const { return stars_.Count(); }
+    const PlateStarList& Stars() const { return stars_; }
+    std::int32_t Width() const { return width_; }
+    std::int32_t Height() const { return height_; }
+
+ private:
+    std::size_t Bucket(double x, double y) const;
+
+    const PlateStarList& stars_;
+    std::int32_t width_;
+    std::int32_t height_;
+    double side_;  ///< of a bucket, pixels
+    std::int32_t columns_;
+    std::int32_t rows_;
+    std::vector<std::int32_t> starts_;  ///< of each bucket in `order_`
+    std::vector<std::int32_t> order_;
+    std::vector<double> density_;  ///< in cells of an eighth of the frame
+};
+
+/// A plate and the stars that agree with it.
+struct MatchedPlate {
+    PlateConstants Plate;  ///< catalog plane to pixels
+    StarMatchList Pairs;   ///< catalog star, image star
+    double Rms = 0;        ///< pixels
+    bool Similar = false;  ///< too few pairs for more than a turn, a scale and a shift
+};
+
+/// Pairs every catalog star with the image star where the plate puts it, fits, and does so again
+/// with a closer tolerance until nothing changes.
+/// @param tolerance of the first round, pixels
+/// @return false when fewer than 3 pairs are left
+bool RefinePlate(const PlateStarList& catalog, const ImageStars& image, double tolerance,
+                 MatchedPlate& match);
+
+/// What is compared.
+struct SeedSettings {
+    double SmallestScale = 0;         ///< arcseconds per pixel
+    double LargestScale = 0;          ///< arcseconds per pixel
+    std::int32_t CatalogSeeds = 22;   ///< brightest catalog stars that seed
+    std::int32_t ImageSeeds = 40;     ///< first stars of the image that seed
+    std::int32_t CheckedStars = 120;  ///< brightest catalog stars that confirm
+    double Tolerance = 4;             ///< of a seeded plate, pixels
+};
+
+/// Seeds of one image, matched with the catalog stars of one region after the other.
+class SeedMatcher {
+ public:
+    SeedMatcher(const ImageStars& image, const SeedSettings& settings);
+
+    /// Tries all plates that two catalog stars and two image stars give, brightest catalog stars
+    /// first. @param catalog brightest first, arcseconds on a gnomonic plane
+    /// @param accept shown every refined plate that many stars confirm; true ends the search
+    /// @param stop asked now and then; true ends the search
+    /// @return whether a plate was accepted
+    bool Match(const PlateStarList& catalog, const std::function<bool(const MatchedPlate&)>& accept,
+               const std::function<bool()>& stop);
+
+    /// How many plates have been tried.
+    double Tried() const { return tried_; }
+
+ private:
+    struct ImagePair {
+        double Length;
+        std::int32_t First;
+        std::int32_t Second;
+    };
+
+    double PixelDistanceOf(std::int32_t i, std::int32_t j) const;
+    bool Promising(const PlateStarList& catalog, std::int32_t checked, const PlateConstants& plate);
+
+    const ImageStars& image_;
+    SeedSettings settings_;
+    std::vector<ImagePair> pairs_;  ///< of the image, by rising length
+    double shortest_ = 0;           ///< pixels
+    double tried_ = 0;
+    std::vector<std::int32_t> taken_;  ///< per image star: the plate that met it last
+    std::int32_t plateNumber_ = 0;
+};
+
+}  // namespace vestrel

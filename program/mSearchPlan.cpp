@@ -1,0 +1,366 @@
+#include "program/mSearchPlan.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "astro/libMath.h"
+#include "catalog/libCatalogRegion.h"
+#include "extraction/libRobustStars.h"
+#include "matching/libCameraPlane.h"
+#include "matching/libSeededMatch.h"
+#include "program/mMORA.h"
+#include "program/mPlateMatch.h"
+#include "program/mStarExtraction.h"
+#include "program/mStopwatch.h"
+
+namespace vestrel {
+
+namespace {
+
+/// The lists of stars that attempts take.
+enum class StarSource {
+    Extracted,   ///< as the plain solve has them
+    Peaks,       ///< peaks above the noise around them
+    EvenPeaks,   ///< these, ranked within each part of the frame
+    CoarsePeaks  ///< peaks of the image binned three times more
+};
+constexpr std::size_t starSources = 4;
+
+enum class Method {
+    ShortSide,  ///< the plain search with the catalog stars of a circle within the frame
+    Seeds       ///< two stars of each list, confirmed by the others
+};
+
+/// One attempt around a hint.
+struct HintAttempt {
+    const char* Name;
+    Method How;
+    StarSource From;
+    double SizeError;  ///< of the given size, as a part of it
+};
+constexpr std::array hintAttempts{
+    HintAttempt{"short side", Method::ShortSide, StarSource::Extracted, 0},
+    HintAttempt{"seeds", Method::Seeds, StarSource::Peaks, 0.08},
+    HintAttempt{"even seeds", Method::Seeds, StarSource::EvenPeaks, 0.08},
+    HintAttempt{"coarse seeds", Method::Seeds, StarSource::CoarsePeaks, 0.08},
+    HintAttempt{"seeds of other sizes", Method::Seeds, StarSource::Peaks, 0.35},
+};
+
+/// One attempt over the whole sky, for a size of the field.
+struct SkyAttempt {
+    const char* Name;
+    StarSource From;
+};
+constexpr std::array skyAttempts{
+    SkyAttempt{"quads of peaks", StarSource::Peaks},
+    SkyAttempt{"quads", StarSource::Extracted},
+};
+
+/// The diagonals of fields to look for, degrees, likeliest first.
+constexpr std::array likelyDiagonals{1.5, 2.1, 3.0, 4.2, 5.9, 8.4, 1.06, 11.5, 15.0};
+
+/// The tolerance of a plate that few stars gave, pixels: lenses bend it.
+double RoughTolerance(const PlateImage& image) {
+    return std::max(3.0, 0.005 * std::max(image.Width, image.Height));
+}
+
+/// All attempts on one image, and the lists that they share.
+class Plan {
+ public:
+    Plan(ProgramState& state, Port& port, const SearchRequest& request, PlanReport& report)
+        : state_(state),
+          port_(port),
+          request_(request),
+          report_(report),
+          start_(std::chrono::steady_clock::now()) {}
+
+    SolveCode Run() {
+        BeginSolve(state_);
+        port_.Yield();
+        return WithinMemory(state_, port_, [this] { return RunAttempts(); });
+    }
+
+ private:
+    double Seconds() const {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    }
+    bool MustEnd() {
+        port_.Yield();
+        return state_.StopRequested || Seconds() > request_.TimeLimit;
+    }
+
+    SolveCode RunAttempts() {
+        enoughStars_ = FindPlateStars(state_, port_);
+        if (enoughStars_) lists_[Place(StarSource::Extracted)] = state_.PlateStars;
+        if (SureSomewhere()) return SolveCode::Solved;
+        if (enoughStars_) state_.PlateStars = ListOf(StarSource::Extracted);
+        state_.Display.Status1 = {"", StatusColour::Black, false};
+        if (state_.StopRequested) {
+            ShowStatus(state_, port_, "Search Terminated", StatusColour::Red);
+            return SolveCode::Stopped;
+        }
+        report_.TimeLimitReached = Seconds() > request_.TimeLimit;
+        const bool candidate = report_.Candidate.has_value();
+        if (!enoughStars_ && !candidate) {
+            state_.Display.Status1 = {"Insufficient Plate Stars", StatusColour::Red, true};
+            return SolveCode::TooFewStars;
+        }
+        ShowStatus(state_, port_, candidate ? "No Sure Match Found" : "No Match Found",
+                   StatusColour::Red);
+        return SolveCode::NoMatch;
+    }
+
+    bool SureSomewhere() {
+        for (std::size_t i = 0; i < request_.Around.size(); ++i) {
+            if (SureAround(request_.Around[i])) {
+                report_.Start = i;
+                return true;
+            }
+            if (MustEnd()) return false;
+        }
+        return request_.Everywhere && SearchEverywhere();
+    }
+
+    bool SureAround(const SearchHint& hint) {
+        if (Try("search", [&] { return PlainSearch(hint); })) return true;
+        return std::any_of(hintAttempts.begin(), hintAttempts.end(), [&](const auto& attempt) {
+            return !MustEnd() && Try(attempt.Name, [&] { return SearchAround(attempt, hint); });
+        });
+    }
+
+    template <typename Attempt>
+    bool Try(const std::string& name, const Attempt& attempt) {
+        const double before = Seconds();
+        const bool sure = attempt();
+        report_.Attempts.push_back({name, Seconds() - before, sure});
+        if (sure) report_.SolvedBy = name;
+        return sure;
+    }
+
+    bool PlainSearch(const SearchHint& hint) {
+        if (!enoughStars_) return false;
+        state_.PlateStars = ListOf(StarSource::Extracted);
+        PlateSearch search{hint.Centre, hint.Width, hint.Height, hint.Regions,
+                           state_.Parameters.MaxError};
+        search.Accept = [this](const PlateSolution& solution) {
+            if (IsSure(solution.Confidence)) return true;
+            KeepCandidate(solution);
+            return false;
+        };
+        return MatchPlateStars(state_, port_, search) == SolveCode::Solved;
+    }
+
+    void KeepCandidate(const PlateSolution& solution) {
+        const double log = solution.Confidence.Log10FalseAlarm;
+        if (!report_.Candidate || log < report_.Candidate->Confidence.Log10FalseAlarm) {
+            report_.Candidate = solution;
+        }
+    }
+
+    bool SearchAround(const HintAttempt& attempt, const SearchHint& hint) {
+        if (attempt.How == Method::Seeds) return SeededSearch(attempt, hint);
+        constexpr double part = 0.78;
+        SearchHint inner = hint;
+        inner.Width = inner.Height = part * std::min(hint.Width, hint.Height);
+        const SolveReport before = state_.Report;
+        const bool sure = PlainSearch(inner);
+        // What is told of the search is told of the plain one.
+        state_.Report.SearchRadius = before.SearchRadius;
+        state_.Report.MagnitudeLimit = before.MagnitudeLimit;
+        return sure;
+    }
+
+    static std::size_t Place(StarSource from) { return static_cast<std::size_t>(from); }
+
+    const PlateStarList& ListOf(StarSource from) {
+        std::optional<PlateStarList>& list = lists_[Place(from)];
+        if (list) return *list;
+        if (from == StarSource::Extracted) {
+            list.emplace();
+        } else if (from == StarSource::EvenPeaks) {
+            list = SpreadEvenly(ListOf(StarSource::Peaks), state_.Image.Width, state_.Image.Height);
+        } else {
+            const StageTimer timer(state_.Report.Times.Extraction);
+            PeakSettings settings;
+            constexpr std::int32_t coarser = 3;
+            settings.Binning =
+                BinningFor(state_.Image) * (from == StarSource::CoarsePeaks ? coarser : 1);
+            list = StarListOf(StarsAmong(FindPeaks(state_.Image, settings), state_.Image));
+        }
+        return *list;
+    }
+
+    /// All catalog stars about a centre that an image of this size may show, brightest first, on
+    /// the solve's own plane.
+    PlateStarList CatalogAbout(SkyPosition centre, double radius) {
+        const StageTimer timer(state_.Report.Times.Catalog);
+        constexpr double deeper = 1.5;  // magnitudes than the plain search
+        constexpr double widest = 1.2;  // radians
+        constexpr std::int32_t most = 600;
+        Projection plane;
+        plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
+        PlateStarList stars =
+            RegionStars(state_.Catalog, plane, centre, std::sin(std::min(radius, widest)),
+                        MagnitudeLimitFor(radius) + deeper);
+        stars.Resize(std::min(stars.Count(), most));
+        return stars;
+    }
+
+    bool SeededSearch(const HintAttempt& attempt, const SearchHint& hint) {
+        const PlateStarList& stars = ListOf(attempt.From);
+        constexpr std::int32_t fewest = 4;
+        if (stars.Count() < fewest) return false;
+        const PlateImage& image = state_.Image;
+        const ImageStars places(stars, image.Width, image.Height);
+        const double diagonal = std::hypot(hint.Width, hint.Height);
+        const double scale = diagonal * ArcsecondsPerRadian / std::hypot(image.Width, image.Height);
+        SeedSettings settings;
+        settings.SmallestScale = scale / (1 + attempt.SizeError);
+        settings.LargestScale = scale * (1 + attempt.SizeError);
+        settings.Tolerance = RoughTolerance(image);
+        SeedMatcher matcher(places, settings);
+
+        const double radius = diagonal / 2 * (1 + attempt.SizeError / 2);
+        const double step = std::min(hint.Width, hint.Height) / 2.5 * SolveArcsecondsPerRadian;
+        Projection grid;
+        grid.SetProjectionCentre(hint.Centre.Ra, hint.Centre.Dec, SolveArcsecondsPerRadian);
+        std::int16_t i = 0;
+        std::int16_t j = 0;
+        std::int16_t ring = 0;
+        SkyPosition centre = hint.Centre;
+        for (std::int32_t k = 1; k <= std::max(hint.Regions, 1) && !MustEnd(); ++k) {
+            if (k > 1) {
+                NextSpiralCell(i, j, ring);
+                grid.PlaneToSky(i * step, j * step, centre.Ra, centre.Dec);
+            }
+            const PlateStarList catalog = OnCameraPlane(CatalogAbout(centre, radius), centre);
+            ++searches_;
+            const StageTimer timer(state_.Report.Times.Matching);
+            const auto accept = [&](const MatchedPlate& match) {
+                return TakePlate(match, centre, catalog, places, k, searches_);
+            };
+            if (matcher.Match(catalog, accept, [this] { return MustEnd(); })) return true;
+        }
+        return false;
+    }
+
+    /// How sure a plate is that agrees with these stars.
+    /// @param trials searches made so far, this one included
+    MatchConfidence Judge(const MatchedPlate& match, const PlateStarList& catalog,
+                          const ImageStars& places, double trials) const {
+        const SeedSettings seeds;
+        MatchEvidence evidence =
+            EvidenceOf(match.Plate, catalog, places.Stars(), places.Width(), places.Height());
+        evidence.SearchedCatalog = std::min(seeds.CatalogSeeds, catalog.Count());
+        evidence.SearchedImage = std::min(seeds.ImageSeeds, places.Count());
+        evidence.Trials = trials;
+        return ConfidenceOf(evidence);
+    }
+
+    /// Makes the solution from a plate about a place when it is sure: the catalog is read again
+    /// about the middle of the image, and all stars take part.
+    bool TakePlate(const MatchedPlate& match, SkyPosition about, const PlateStarList& catalog,
+                   const ImageStars& places, std::int32_t regions, double trials) {
+        const PlateImage& image = state_.Image;
+        const MatchConfidence confidence = Judge(match, catalog, places, trials);
+        if (!IsSure(confidence)) return false;
+        const auto middle =
+            PlateAboutMiddle(match.Plate, about, PlaneKind::Camera, image.Width, image.Height);
+        if (!middle) return false;
+        const double radius = std::hypot(image.Width, image.Height) / 2 /
+                              PlateGeometry(middle->Plate).Scale / SolveArcsecondsPerRadian;
+        RegionMatch region{middle->Centre, CatalogAbout(middle->Centre, radius), {}};
+        MatchedPlate flat;
+        flat.Plate = middle->Plate;
+        if (!RefinePlate(region.CatalogStars, places, std::max(3.0, 2.5 * match.Rms), flat)) {
+            return false;
+        }
+        region.Found.Matches = flat.Pairs;
+        region.Found.Constants = flat.Plate;
+        PlateSolution solution = SolutionOf(region, places.Stars(), image.Width, image.Height);
+        solution.ExtractedCount = state_.Extraction.StarsFound;
+        solution.RegionsSearched = regions;
+        solution.Confidence = confidence;
+        if (!std::isfinite(solution.Rms)) return false;
+        state_.PlateStars = places.Stars();
+        if (request_.Around.empty()) {
+            // What differs from the size that was given is told; what is only tried was not given.
+            state_.Report.SearchRadius =
+                request_.Diagonals.empty() ? 0 : request_.Diagonals.front() / 2;
+        }
+        FinishPlateSolution(state_, port_, std::move(solution));
+        return true;
+    }
+
+    bool SearchEverywhere() {
+        constexpr double degree = Pi / 180;
+        state_.Report.Blind = true;
+        std::vector<double> diagonals;
+        for (const double diagonal : request_.Diagonals) {
+            for (const double factor : {1.0, 0.82, 1.2}) diagonals.push_back(factor * diagonal);
+        }
+        for (const double degrees : likelyDiagonals) diagonals.push_back(degrees * degree);
+        for (const double diagonal : diagonals) {
+            for (const SkyAttempt& attempt : skyAttempts) {
+                if (MustEnd()) return false;
+                if (Try(attempt.Name, [&] { return QuadAttempt(attempt.From, diagonal); })) {
+                    return true;
+                }
+            }
+        }
+        return false;
+    }
+
+    bool QuadAttempt(StarSource from, double diagonal) {
+        const PlateImage& image = state_.Image;
+        const double pixels = std::hypot(image.Width, image.Height);
+        const double width = diagonal * image.Width / pixels;
+        const double height = diagonal * image.Height / pixels;
+        const PlateStarList& all = ListOf(from);
+        constexpr std::int32_t fewest = 5;
+        constexpr std::int32_t most = 100;
+        if (!LoadQuadTables(state_, width, height) || all.Count() < fewest) return false;
+        PlateStarList stars = all;
+        stars.Resize(std::min(stars.Count(), most));
+        const ImageStars places(all, image.Width, image.Height);
+        const QuadJudge judge = [&](const QuadSearch& found) {
+            const double ratio = pixels / found.Geometry.Scale / ArcsecondsPerRadian / diagonal;
+            if (!(ratio > 0.5 && ratio < 2)) return false;
+            const auto middle = PlateAboutMiddle(
+                found.Transform, found.Tangent, PlaneKind::Orthographic, image.Width, image.Height);
+            if (!middle) return false;
+            const PlateStarList catalog =
+                OnCameraPlane(CatalogAbout(middle->Centre, ratio * diagonal / 2), middle->Centre);
+            MatchedPlate match;
+            match.Plate = middle->Plate;
+            return RefinePlate(catalog, places, RoughTolerance(image), match) &&
+                   TakePlate(match, middle->Centre, catalog, places, 1,
+                             searches_ + found.FourStarFits);
+        };
+        return SearchQuads(state_, port_, stars, width, height, state_.Parameters.MaxError, judge);
+    }
+
+    ProgramState& state_;
+    Port& port_;
+    const SearchRequest& request_;
+    PlanReport& report_;
+    std::chrono::steady_clock::time_point start_;
+    bool enoughStars_ = false;
+    double searches_ = 0;  ///< regions and lists that were tried
+    std::array<std::optional<PlateStarList>, starSources> lists_;
+};
+
+}  // namespace
+
+SolveCode SolveByPlan(ProgramState& state, Port& port, const SearchRequest& request,
+                      PlanReport& report) {
+    report = {};
+    return Plan(state, port, request, report).Run();
+}
+
+}  // namespace vestrel

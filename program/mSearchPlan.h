@@ -1,0 +1,53 @@
+// The search plan: what is tried, one after the other, until a solution is sure.
+//
+// The first attempt is the plain solve. The others take other lists of stars, other regions and
+// other matchers, the cheapest and likeliest first; docs/ACCURACY.md has what each one yields.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "program/mGeneral.h"
+
+namespace vestrel {
+
+/// A place to search around.
+struct SearchHint {
+    SkyPosition Centre;  ///< J2000, radians
+    double Width = 0;    ///< of the field, radians; may be 30 % off
+    double Height = 0;
+    std::int32_t Regions = 25;
+};
+
+/// What a plan starts from.
+struct SearchRequest {
+    std::vector<SearchHint> Around;  ///< likeliest first; may be empty
+    bool Everywhere = false;         ///< looks at the whole sky when the hints give nothing
+    std::vector<double> Diagonals;   ///< likely diagonals of the field, radians; may be empty
+    double TimeLimit = 20;           ///< seconds; the first attempt is not cut short
+};
+
+/// One attempt of a plan.
+struct PlanAttempt {
+    std::string Name;
+    double Seconds = 0;
+    bool Sure = false;  ///< gave the solution
+};
+
+/// What a plan went through.
+struct PlanReport {
+    std::vector<PlanAttempt> Attempts;       ///< in order
+    std::string SolvedBy;                    ///< the attempt that gave the solution
+    std::optional<std::size_t> Start;        ///< which of `Around` gave it
+    std::optional<PlateSolution> Candidate;  ///< the likeliest match that was not sure
+    bool TimeLimitReached = false;
+};
+
+/// Solves the loaded image by a plan; the outcome is the state's `Solution`.
+/// @return Solved for a sure solution only. Else `report.Candidate` may hold what was not sure.
+SolveCode SolveByPlan(ProgramState& state, Port& port, const SearchRequest& request,
+                      PlanReport& report);
+
+}  // namespace vestrel
