@@ -273,37 +273,6 @@ nlohmann::ordered_json JsonAttempts(const PlanReport& report) {
     return attempts;
 }
 
-/// Everything about the solution, or about the candidate in its place.
-void AddSolution(nlohmann::ordered_json& json, const ProgramState& state) {
-    constexpr double degreesPerRadian = 57.29577951308232;
-    const PlateSolution& solution = state.Solution;
-    const ImageOrientation orientation = OrientationOf(solution, state.Image);
-    json["ra_deg"] = solution.CentreRA * degreesPerRadian;
-    json["dec_deg"] = solution.CentreDec * degreesPerRadian;
-    json["ra"] = state.Display.CentreRA;
-    json["dec"] = state.Display.CentreDec;
-    json["width_arcmin"] = solution.WidthArcmin;
-    json["height_arcmin"] = solution.HeightArcmin;
-    json["scale_arcsec_px"] = state.Geometry.ScaleArcseconds;
-    json["rotation_deg"] = state.Geometry.AngleDegrees;
-    json["up_position_angle_deg"] = orientation.UpPositionAngle;
-    json["mirrored"] = orientation.Mirrored;
-    json["stretch"] = solution.Stretch;
-    json["skew"] = solution.Skew;
-    json["rms_px"] = solution.Rms;
-    json["rms_arcsec"] = solution.Rms / solution.Scale;
-    json["stars_matched"] = solution.MatchedCount;
-    json["regions_searched"] = solution.RegionsSearched;
-    json["magnitude_zero_point"] = solution.MagnitudeZeroPoint;
-    json["tangent_ra_deg"] = solution.TangentRA * degreesPerRadian;
-    json["tangent_dec_deg"] = solution.TangentDec * degreesPerRadian;
-    const PlateConstants& t = solution.Transform;
-    json["transform"] = {t.a, t.b, t.c, t.d, t.e, t.f};
-    json["confidence"] = JsonConfidence(solution.Confidence);
-    json["cautions"] = Cautions(state);
-    json["matches"] = JsonMatches(state);
-}
-
 /// The figures of a solution, or of a candidate that is not sure.
 void AddSolution(nlohmann::ordered_json& json, const PlateSolution& solution,
                  const PlateImage& image) {
