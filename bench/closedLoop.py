@@ -113,6 +113,11 @@ def run_frame(frame, options, folder, random_stars=None):
               f"--seed={frame['seed']}", f"--out={path}"]
     if frame["mirrored"]:
         render.append("--mirrored")
+    if options.distortion:
+        rng = random.Random(frame["seed"])
+        half = math.hypot(1, frame["height"] / frame["width"]) * frame["width_px"] / 2
+        render += ["--distortion", f"{rng.choice((-1, 1)) * rng.uniform(1, 12):.3f}",
+                   f"{rng.uniform(-.1, .1) * half:.2f}", f"{rng.uniform(-.1, .1) * half:.2f}"]
     if random_stars:
         render.append(f"--random-stars={random_stars}")
     elif not options.catalog_stars_only:
@@ -134,6 +139,8 @@ def run_frame(frame, options, folder, random_stars=None):
                  solved=result["solved"], wrong=False, complaint="")
     if result["solved"]:
         judge(frame, truth, result)
+        if options.distortion:
+            judge_model(frame, truth, result)
     if options.keep is None:
         path.unlink()
         path.with_suffix(".truth.json").unlink()
@@ -161,6 +168,40 @@ def judge(frame, truth, result):
         reasons.append("parity")
     frame["wrong"] = bool(reasons)
     frame["complaint"] = ", ".join(reasons)
+
+
+def judge_model(frame, truth, result):
+    """The errors of the sky model's centre and of its worst corner, pixels."""
+    model = result["sky_model"]
+    scale = truth["scale_arcsec_px"] / 3600
+
+    def error(one, other):
+        return separation(one["ra_deg"], one["dec_deg"], other["ra_deg"], other["dec_deg"]) / scale
+
+    # Grid rows of floating-point files count from the top of the picture.
+    found = {(c["x"], truth["height_px"] - 1 - c["y"] if frame["format"] == -32 else c["y"]): c
+             for c in model["corners"]}
+    frame["model_centre_px"] = error(model, truth)
+    frame["model_corner_px"] = max(error(found[c["x"], c["y"]], c) for c in truth["corners"])
+    frame["model_order"] = model["sip_order"]
+
+
+def print_model_table(frames):
+    print("\n| field, ° | frames | solved | all stars fitted | centre, median px | centre, 95 % "
+          "| worst corner, median px | 95 % |\n|---|--:|--:|--:|--:|--:|--:|--:|")
+    for low, high in ((0, 90), (0, 3), (3, 7), (7, 90)):
+        chosen = [f for f in frames if low <= f["width"] < high]
+        solved = [f for f in chosen if f["solved"] and not f["wrong"]]
+        if not solved:
+            continue
+        cells = [f"{low} to {high}" if high < 90 or low else "all", str(len(chosen)),
+                 str(len(solved)),
+                 str(sum(f["result"]["sky_model"]["fitted_to_all_stars"] for f in solved))]
+        for key in ("model_centre_px", "model_corner_px"):
+            errors = sorted(f[key] for f in solved)
+            cells += [f"{statistics.median(errors):.3f}",
+                      f"{errors[math.ceil(0.95 * len(errors)) - 1]:.3f}"]
+        print("| " + " | ".join(cells) + " |")
 
 
 def table_row(label, frames):
@@ -230,11 +271,15 @@ def main():
     parser.add_argument("--blind", action="store_true", help="give no centre")
     parser.add_argument("--catalog-stars-only", action="store_true",
                         help="draw no stars beyond the end of the catalog")
+    parser.add_argument("--distortion", action="store_true",
+                        help="lenses that move the corners by 1 to 12 pixels, fields 1 to 18 wide; "
+                             "judges the sky model")
     parser.add_argument("--keep", type=pathlib.Path, help="folder that keeps the frames")
     parser.add_argument("--facts", type=pathlib.Path, help="write all facts here, as JSON")
     options = parser.parse_args()
     frames = frame_list(max(options.frames, 2), options.seed,
-                        BLIND_WIDTHS if options.blind else None)
+                        (1, 18) if options.distortion else BLIND_WIDTHS if options.blind
+                        else None)
     controls = [dict(frame) for frame in frames[:options.controls]]
     with tempfile.TemporaryDirectory() as temporary:
         folder = pathlib.Path(temporary)
@@ -251,6 +296,8 @@ def main():
         options.facts.write_text(json.dumps({"frames": frames, "controls": controls}, indent=1))
 
     print_table(frames)
+    if options.distortion:
+        print_model_table(frames)
     good = [frame for frame in frames if frame["solved"] and not frame["wrong"]]
     wrong = [frame for frame in frames if frame["wrong"]]
     false_alarms = [frame for frame in controls if frame["solved"]]

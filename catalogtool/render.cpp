@@ -35,6 +35,7 @@ struct RenderOptions {
     int WidthPixels = 1600;
     double Rotation = 0;
     bool Mirrored = false;
+    std::vector<double> Distortion;
     int Format = 16;
     FrameExposure Exposure;
     std::optional<double> MagnitudeLimit;
@@ -84,6 +85,21 @@ FrameGeometry GeometryOf(const RenderOptions& options) {
     geometry.RadiansPerPixel = size->first / options.WidthPixels;
     geometry.UpPositionAngle = options.Rotation * radiansPerDegree;
     geometry.Mirrored = options.Mirrored;
+    if (!options.Distortion.empty()) {
+        geometry.Distortion = options.Distortion[0];
+        if (options.Distortion.size() == 3) {
+            geometry.AxisX = options.Distortion[1];
+            geometry.AxisY = options.Distortion[2];
+        }
+        // More would fold the frame over.
+        const double half = geometry.HalfDiagonal();
+        if (options.Distortion.size() == 2 || !(std::fabs(geometry.Distortion) <= half / 10) ||
+            !(std::hypot(geometry.AxisX, geometry.AxisY) <= half / 2)) {
+            WrongUsage(
+                "--distortion: at most a tenth of the half-diagonal, and its axis at most "
+                "half of it off the middle");
+        }
+    }
     if (geometry.Radius() > 60 * radiansPerDegree) WrongUsage("--size: the field is too wide");
     return geometry;
 }
@@ -193,6 +209,21 @@ Json TruthOf(const RenderOptions& options, const RenderPlan& plan,
     truth["zero_point"] = exposure.ZeroPoint;
     truth["solve_magnitude_limit"] = plan.SolveLimit;
     truth["drawn_magnitude_limit"] = plan.DrawnLimit;
+    truth["distortion_px"] = geometry.Distortion;
+    truth["axis_px"] = {geometry.AxisX, geometry.AxisY};
+    Json corners = Json::array();
+    for (const double y : {0.0, geometry.Height - 1.0}) {
+        for (const double x : {0.0, geometry.Width - 1.0}) {
+            double ra = 0;
+            double dec = 0;
+            FrameToSky(geometry, {x, y}, ra, dec);
+            corners.push_back({{"x", x},
+                               {"y", y},
+                               {"ra_deg", ra / radiansPerDegree},
+                               {"dec_deg", dec / radiansPerDegree}});
+        }
+    }
+    truth["corners"] = std::move(corners);
     truth["random_stars"] = options.RandomStars.has_value();
     truth["faint_stars"] = options.FaintStars;
     truth["stars_drawn"] = inFrame;
@@ -274,6 +305,11 @@ void AddRenderCommand(CLI::App& program, int& exitCode) {
                     "Position angle of the picture's upward direction, degrees east of north")
         ->capture_default_str();
     command.add_flag("--mirrored", options->Mirrored, "With north up, east is right");
+    command
+        .add_option("--distortion", options->Distortion,
+                    "How far the lens moves a corner outward, pixels; then its axis, columns and "
+                    "rows from the middle")
+        ->expected(1, 3);
     command.add_option("--format", options->Format, "BITPIX: 8, 16 (unsigned) or -32")
         ->check(CLI::IsMember({8, 16, -32}))
         ->capture_default_str();

@@ -245,6 +245,20 @@ struct PictureAxes {
     std::array<double, 2> Right;
 };
 
+/// How far the lens moves a point at (u, v) pixels from the middle, where nothing moves.
+FramePoint LensShift(const FrameGeometry& geometry, double u, double v) {
+    if (geometry.Distortion == 0) return {};
+    const double half = geometry.HalfDiagonal();
+    const double constant = geometry.Distortion / (half * half * half);
+    const auto cube = [&](double x, double y) {
+        const double square = constant * (x * x + y * y);
+        return FramePoint{square * x, square * y};
+    };
+    const FramePoint here = cube(u - geometry.AxisX, v - geometry.AxisY);
+    const FramePoint middle = cube(-geometry.AxisX, -geometry.AxisY);
+    return {here.X - middle.X, here.Y - middle.Y};
+}
+
 void SortBrightestFirst(std::vector<FrameStar>& stars) {
     std::stable_sort(stars.begin(), stars.end(),
                      [](const FrameStar& a, const FrameStar& b) { return a.Sky.Mag < b.Sky.Mag; });
@@ -273,13 +287,29 @@ std::optional<FramePoint> SkyToFrame(const FrameGeometry& geometry, double ra, d
     const PictureAxes axes(geometry);
     const double right = east * axes.Right[0] + north * axes.Right[1];
     const double up = east * axes.Up[0] + north * axes.Up[1];
-    return FramePoint{(geometry.Width - 1) / 2.0 + right / geometry.RadiansPerPixel,
-                      (geometry.Height - 1) / 2.0 + up / geometry.RadiansPerPixel};
+    const double u = right / geometry.RadiansPerPixel;
+    const double v = up / geometry.RadiansPerPixel;
+    // Far outside the frame a lens would bring stars back into it.
+    if (geometry.Distortion != 0 && std::hypot(u, v) > 1.5 * geometry.HalfDiagonal()) {
+        return std::nullopt;
+    }
+    const FramePoint shift = LensShift(geometry, u, v);
+    return FramePoint{(geometry.Width - 1) / 2.0 + u + shift.X,
+                      (geometry.Height - 1) / 2.0 + v + shift.Y};
 }
 
 void FrameToSky(const FrameGeometry& geometry, FramePoint point, double& ra, double& dec) {
-    const double right = (point.X - (geometry.Width - 1) / 2.0) * geometry.RadiansPerPixel;
-    const double up = (point.Y - (geometry.Height - 1) / 2.0) * geometry.RadiansPerPixel;
+    const double x = point.X - (geometry.Width - 1) / 2.0;
+    const double y = point.Y - (geometry.Height - 1) / 2.0;
+    // A lens moves neighbours alike, so that this converges quickly.
+    constexpr int steps = 40;
+    FramePoint ideal{x, y};
+    for (int step = 0; step < steps && geometry.Distortion != 0; ++step) {
+        const FramePoint shift = LensShift(geometry, ideal.X, ideal.Y);
+        ideal = {x - shift.X, y - shift.Y};
+    }
+    const double right = ideal.X * geometry.RadiansPerPixel;
+    const double up = ideal.Y * geometry.RadiansPerPixel;
     const PictureAxes axes(geometry);
     const double east = right * axes.Right[0] + up * axes.Up[0];
     const double north = right * axes.Right[1] + up * axes.Up[1];

@@ -20,6 +20,11 @@ struct FrameGeometry {
     int Height = 0;
     double UpPositionAngle = 0;  ///< of the picture's upward direction, radians east of north
     bool Mirrored = false;       ///< with north up, east is right
+    /// How far the lens moves a corner outward, pixels: as the third power of the distance from its
+    /// axis, which stands off the middle of the frame by (AxisX, AxisY) pixels.
+    double Distortion = 0;
+    double AxisX = 0;
+    double AxisY = 0;
 
     /// The radius on the sky of a circle about the centre that holds the frame, radians.
     double Radius() const;
@@ -33,7 +38,7 @@ struct FramePoint {
     double Y = 0;
 };
 
-/// Nothing for a position that lies 90° or more from the centre.
+/// Nothing for a position that lies 90° or more from the centre, or far outside a distorted frame.
 std::optional<FramePoint> SkyToFrame(const FrameGeometry& geometry, double ra, double dec);
 /// The position (radians, `ra` in 0..2π) at a place in the frame.
 void FrameToSky(const FrameGeometry& geometry, FramePoint point, double& ra, double& dec);
