@@ -37,7 +37,7 @@ class Ascom : public testing::Test {
         Fault("");
         State.CreateTelescope = CreateTelescopeDriver;
         State.TelescopePatience = {milliseconds(20000), milliseconds(20000)};
-        State.Display.SyncEnabled = true;
+        State.Solution.emplace();
     }
     ~Ascom() override {
         if (Ours) Unregister();
@@ -88,12 +88,13 @@ class Ascom : public testing::Test {
 TEST_F(Ascom, SyncAndLoadGoToTheDriverAndBack) {
     for (const wchar_t* threading : {L"Both", L"Apartment"}) {
         Register(threading);
-        State.SolvedCentre = {1.2345, -0.4567};
+        State.Solution->CentreRA = 1.2345;
+        State.Solution->CentreDec = -0.4567;
         SyncTelescopeCommand(State, Port);
         LoadTelescopeCommand(State, Port);
         EXPECT_EQ(State.Display.Status.Text, "Telescope: position loaded");
-        EXPECT_NEAR(ParseRA(State.Inputs.Ra), State.SolvedCentre.Ra, 1e-6);
-        EXPECT_NEAR(ParseDec(State.Inputs.Dec), State.SolvedCentre.Dec, 1e-6);
+        EXPECT_NEAR(ParseRA(State.Inputs.Ra), State.Solution->CentreRA, 1e-6);
+        EXPECT_NEAR(ParseDec(State.Inputs.Dec), State.Solution->CentreDec, 1e-6);
         EXPECT_TRUE(State.TelescopeConnected && Port.Messages.empty());
         Texts log = Log();
         ASSERT_EQ(log.size(), 5U) << testing::PrintToString(log);
