@@ -13,9 +13,8 @@ constexpr std::size_t longestDescription = 1 << 20;
 
 bool IsKeyword(std::string_view text) {
     return !text.empty() && text.size() <= keywordLength &&
-           std::all_of(text.begin(), text.end(), [](char c) {
-               return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-';
-           });
+           text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-") ==
+               std::string_view::npos;
 }
 
 /// "KEYWORD = value": the keyword may be padded to any length.

@@ -226,8 +226,8 @@ void DecodeFits(std::span<const unsigned char> file, PictureSink& sink) {
         long first[9] = {1, static_cast<long>(y) + 1, 1, 1, 1, 1, 1, 1, 1};
         int anyNone = 0;
         fits_read_pix(fits.get(), asked.CfitsioType, first,
-                      static_cast<LONGLONG>(width * rows * planes), none, samples.get(), &anyNone,
-                      &status);
+                      static_cast<LONGLONG>(width) * static_cast<LONGLONG>(rows * planes), none,
+                      samples.get(), &anyNone, &status);
         if (status == NUM_OVERFLOW) status = 0;
         if (status != 0) Fail(status);
         for (std::size_t k = 0; k < rows; ++k) {

@@ -23,6 +23,8 @@ inline constexpr std::int64_t MostPixels = std::int64_t{1} << 28;
 /// The record says which. Pixels that are no finite numbers become the background, by which the
 /// median of the others is meant. Of colours the mean is taken, of 8-bit ones the sum, as JPEG
 /// pictures have it.
+// Nothing is deleted through its base.
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor)
 class PictureBuilder final : public PictureSink {
  public:
     PictureBuilder(PlateImage& image, const Progress& progress);

@@ -62,8 +62,8 @@ bool Guarded(png_structp png, const Call& call) {
 void DecodePng(std::span<const unsigned char> file, PictureSink& sink) {
     Source source{file, {}};
     const Reader reader(source);
-    png_structp const png = reader.Png;
-    png_infop const info = reader.Info;
+    png_struct* const png = reader.Png;
+    png_info* const info = reader.Info;
     const auto require = [&source](bool good) {
         if (!good) throw DecodeFault("Its data cannot be decoded (" + source.Error + ").");
     };

@@ -1,7 +1,9 @@
 #include "platform/libFiles.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
+#include <string_view>
 #include <system_error>
 
 #ifdef _WIN32
@@ -151,13 +153,17 @@ long WriterOf(const fs::path& name, const fs::path& stem) {
     if (!name.native().starts_with(stem.native())) return 0;
     const fs::path::string_type rest = name.native().substr(stem.native().size());
     const std::string ending(rest.begin(), rest.end());
+    const char* place = ending.data();
+    const char* const end = place + ending.size();
+    const auto read = [&](auto& number) {
+        if (place == end || *place != '.') return false;
+        const auto [after, error] = std::from_chars(place + 1, end, number);
+        place = after;
+        return error == std::errc();
+    };
     long process = 0;
     int number = 0;
-    int length = 0;
-    if (std::sscanf(ending.c_str(), ".%9ld.%9d.tmp%n", &process, &number, &length) != 2 ||
-        static_cast<std::size_t>(length) != ending.size()) {
-        return 0;
-    }
+    if (!read(process) || !read(number) || std::string_view(place, end) != ".tmp") return 0;
     return process;
 }
 

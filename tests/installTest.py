@@ -111,7 +111,8 @@ class Installed(unittest.TestCase):
 
     def test_manual_and_completion_know_every_option_and_no_other(self):
         commands = [[program] for program in PROGRAMS]
-        commands += [["vestrel-catalog", sub] for sub in ("build", "info", "render", "verify")]
+        commands += [["vestrel-catalog", sub] for sub in 
+                     ("build", "info", "quads", "render", "sources", "synthesize", "verify")]
         manuals = {program: set() for program in PROGRAMS}
         for command in commands:
             text = run(*command, "--help", env=self.environment).stdout
