@@ -47,12 +47,18 @@ PlateStarList ThinnedList(const PlateStarList& stars, const Triple& kept) {
 
 }  // namespace
 
+std::vector<PlateStarList> ThinnedLists(const PlateStarList& stars) {
+    std::vector<PlateStarList> lists;
+    for (const Triple& triple : BrightTriples(stars.Count())) {
+        lists.push_back(ThinnedList(stars, triple));
+    }
+    return lists;
+}
+
 bool FindCentreByQuads(ProgramState& state, Port& port, double width, double height,
                        double tolerance, const std::function<bool()>& confirm) {
     const QuadJudge sure = [](const QuadSearch& search) { return IsSure(search); };
-    // The first triple leaves nothing out.
-    for (const Triple& triple : BrightTriples(state.PlateStars.Count())) {
-        const PlateStarList stars = ThinnedList(state.PlateStars, triple);
+    for (const PlateStarList& stars : ThinnedLists(state.PlateStars)) {
         if (SearchQuads(state, port, stars, width, height, tolerance, sure) &&
             (!confirm || confirm())) {
             return true;

@@ -3,16 +3,20 @@
 
 #include <cstdint>
 #include <functional>
+#include <vector>
 
 #include "program/mGeneral.h"
 
 namespace vestrel {
 
+/// The list, and the list without some of its brightest stars, in the order in which a search by
+/// quads tries them: in a narrow field all quads share the three brightest, and one that the
+/// catalog lacks spoils them all.
+std::vector<PlateStarList> ThinnedLists(const PlateStarList& stars);
+
 /// Searches the open quad tables with the plate stars until a match is sure (`QuadMatch`).
 ///
-/// When the star list as it is finds nothing, it is searched again with some of its brightest stars
-/// left out: in a narrow field all quads share the three brightest, and one that the catalog lacks
-/// spoils them all.
+/// All of `ThinnedLists` are tried.
 /// @param confirm asked about every sure match: false lets the search go on with the next list
 bool FindCentreByQuads(ProgramState& state, Port& port, double width, double height,
                        double tolerance, const std::function<bool()>& confirm = {});

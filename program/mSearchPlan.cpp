@@ -13,6 +13,7 @@
 #include "extraction/libRobustStars.h"
 #include "matching/libCameraPlane.h"
 #include "matching/libSeededMatch.h"
+#include "program/mBlindSolve.h"
 #include "program/mMORA.h"
 #include "program/mPlateMatch.h"
 #include "program/mStarExtraction.h"
@@ -49,16 +50,6 @@ constexpr std::array hintAttempts{
     HintAttempt{"even seeds", Method::Seeds, StarSource::EvenPeaks, 0.08},
     HintAttempt{"coarse seeds", Method::Seeds, StarSource::CoarsePeaks, 0.08},
     HintAttempt{"seeds of other sizes", Method::Seeds, StarSource::Peaks, 0.35},
-};
-
-/// One attempt over the whole sky, for a size of the field.
-struct SkyAttempt {
-    const char* Name;
-    StarSource From;
-};
-constexpr std::array skyAttempts{
-    SkyAttempt{"quads of peaks", StarSource::Peaks},
-    SkyAttempt{"quads", StarSource::Extracted},
 };
 
 /// The diagonals of fields to look for, degrees, likeliest first.
@@ -300,32 +291,45 @@ class Plan {
     bool SearchEverywhere() {
         constexpr double degree = Pi / 180;
         state_.Report.Blind = true;
+        // A given size is a hint: what lies beside it follows, and then all sizes.
         std::vector<double> diagonals;
-        for (const double diagonal : request_.Diagonals) {
-            for (const double factor : {1.0, 0.82, 1.2}) diagonals.push_back(factor * diagonal);
+        for (const double factor : {1.0, 0.82, 1.2}) {
+            for (const double diagonal : request_.Diagonals) diagonals.push_back(factor * diagonal);
         }
         for (const double degrees : likelyDiagonals) diagonals.push_back(degrees * degree);
-        for (const double diagonal : diagonals) {
-            for (const SkyAttempt& attempt : skyAttempts) {
-                if (MustEnd()) return false;
-                if (Try(attempt.Name, [&] { return QuadAttempt(attempt.From, diagonal); })) {
-                    return true;
-                }
-            }
-        }
-        return false;
+        return std::any_of(
+                   diagonals.begin(), diagonals.end(),
+                   [&](double diagonal) { return !MustEnd() && ThinnedAttempt(diagonal); }) ||
+               std::any_of(diagonals.begin(), diagonals.end(), [&](double diagonal) {
+                   const PlateStarList& peaks = ListOf(StarSource::Peaks);
+                   return !MustEnd() && Try("quads of peaks",
+                                            [&] { return QuadAttempt(peaks, peaks, diagonal); });
+               });
     }
 
-    bool QuadAttempt(StarSource from, double diagonal) {
+    /// Quads of the list, then without one or another of the brightest stars, which cameras lose.
+    bool ThinnedAttempt(double diagonal) {
+        const PlateStarList& all = ListOf(StarSource::Extracted);
+        return Try("quads", [&] {
+            for (const PlateStarList& stars : ThinnedLists(all)) {
+                if (MustEnd()) return false;
+                if (QuadAttempt(stars, all, diagonal)) return true;
+            }
+            return false;
+        });
+    }
+
+    /// @param from where the quads come from
+    /// @param all  what confirms them
+    bool QuadAttempt(const PlateStarList& from, const PlateStarList& all, double diagonal) {
         const PlateImage& image = state_.Image;
         const double pixels = std::hypot(image.Width, image.Height);
         const double width = diagonal * image.Width / pixels;
         const double height = diagonal * image.Height / pixels;
-        const PlateStarList& all = ListOf(from);
         constexpr std::int32_t fewest = 5;
         constexpr std::int32_t most = 100;
         if (!LoadQuadTables(state_, width, height) || all.Count() < fewest) return false;
-        PlateStarList stars = all;
+        PlateStarList stars = from;
         stars.Resize(std::min(stars.Count(), most));
         const ImageStars places(all, image.Width, image.Height);
         const QuadJudge judge = [&](const QuadSearch& found) {
