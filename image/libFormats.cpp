@@ -4,6 +4,7 @@
 #include <new>
 
 #include "astro/libStrings.h"
+#include "image/libApartDecoder.h"
 #include "image/libDecoder.h"
 #include "image/libFITS.h"
 #include "image/libPicture.h"
@@ -48,7 +49,7 @@ bool IsRaw(std::string_view start) {
 
 constexpr ImageFormat formats[] = {
     {"FITS", " FIT FITS FTS FZ GZ ", IsFits, ReadFitsFile, " FIT FITS FTS ", ImageType::Fits,
-     "fits"},
+     "fits", true},
     {"SBIG", " SBIG SBI ", IsSbig, ReadSbigFile, " SBIG SBI ", ImageType::Sbig, nullptr},
     // The misspelt form has been accepted for so long that callers rely on it.
     {"JPEG", " JPG JEPG JPEG JPE JFIF ", IsJpeg, ReadPictureFile, " JPG JEPG ", ImageType::Jpeg,
@@ -57,7 +58,7 @@ constexpr ImageFormat formats[] = {
     {"TIFF", " TIF TIFF ", IsTiff, nullptr, "", ImageType::Decoded, "tiff"},
     {"XISF", " XISF ", IsXisf, nullptr, "", ImageType::Decoded, "xisf"},
     {"camera RAW", " DNG CR2 CR3 CRW NEF NRW ARW SR2 RAF ORF RW2 PEF SRW 3FR IIQ ", IsRaw, nullptr,
-     "", ImageType::Decoded, "raw"},
+     "", ImageType::Decoded, "raw", true},
 };
 
 std::string ExtensionOf(std::string_view path) {
@@ -90,9 +91,16 @@ void Decode(const ImageFormat& format, const std::filesystem::path& path, PlateI
         throw DecodeFault("It cannot be opened, or has more than 4 GiB.");
     }
     PictureBuilder builder(image, progress);
-    std::string fault;
-    entry(bytes.data(), bytes.size(), builder, fault);
-    if (!fault.empty()) throw DecodeFault(fault);
+    const auto decode = [&](PictureSink& sink) {
+        std::string fault;
+        entry(bytes.data(), bytes.size(), sink, fault);
+        return fault;
+    };
+    if (format.Apart) {
+        DecodeApart(decode, builder);
+    } else if (const std::string fault = decode(builder); !fault.empty()) {
+        throw DecodeFault(fault);
+    }
     builder.Finish();
     image.ImageType = ImageType::Decoded;
     image.Format = format.Name;

@@ -11,6 +11,7 @@
 
 #include "image/libFITS.h"
 #include "image/libFitsWriter.h"
+#include "image/libFormats.h"
 #include "image/libPicture.h"
 #include "platform/libPlatform.h"
 #include "program/mImageData.h"
@@ -420,6 +421,32 @@ TEST(OpenImage, ChoosesTheReaderByTheExtensionInAnyCase) {
     EXPECT_EQ(port.Messages, std::vector<std::string>{general});
     EXPECT_FALSE(state.ImageLoaded || state.BackgroundRemoved);
 }
+
+#ifndef _WIN32  // where there are no decoders
+TEST(OpenImage, ADamagedPackedFileIsRefusedOrAPictureAndNeverTheEnd) {
+    const std::string seeds = VESTREL_SOURCE_DIR "/fuzz/corpus/decoders/";
+    TemporaryFolder folder;
+    int refused = 0;
+    for (const char* name : {"rice.fits.fz", "hcompress.fits.fz"}) {
+        const std::string good = ReadFile(seeds + name);
+        for (std::uint32_t seed = 0; seed < 100; ++seed) {
+            // Every other one has its faults in the packed pixels, behind the headers.
+            const std::size_t from = seed % 2 == 0 ? 0 : good.size() - 2880;
+            WriteFile(
+                folder / "in.fz",
+                seed == 0 ? good : good.substr(0, from) + Damaged(good.substr(from), seed, 2400));
+            PlateImage image;
+            ReadFailure failure;
+            const bool read = ReadImageFile(folder / "in.fz", image, nullptr, failure);
+            EXPECT_TRUE(read ? image.Width > 0 && image.Height > 0 : !failure.Cause.empty())
+                << name << seed;
+            EXPECT_TRUE(read || seed > 0) << name << ": " << failure.Cause;
+            refused += read ? 0 : 1;
+        }
+    }
+    EXPECT_GT(refused, 10);
+}
+#endif
 
 TEST(OpenImage, LongPathsAreShownFromTheirEnd) {
     const std::string file50 = std::string(46, 'n') + ".fit";

@@ -1,0 +1,307 @@
+#include "image/libApartDecoder.h"
+
+#ifndef _WIN32
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace vestrel {
+
+namespace {
+
+enum Kind : std::int64_t {
+    StartMessage,
+    RowMessage,
+    CardMessage,
+    TextCardMessage,
+    NumberCardMessage,
+    RemarkMessage,
+    OrientationMessage,
+    FaultMessage,
+    EndMessage
+};
+
+/// What goes through the pipe, one for each call of the sink; the bytes of its texts follow it.
+struct Message {
+    std::int64_t Kind = EndMessage;
+    std::int64_t Number = 0;
+    double Value = 0;
+    std::uint64_t Lengths[3] = {};
+};
+
+/// The numbers of a picture's shape as they are sent.
+constexpr std::size_t ShapeNumbers = 6;
+
+std::size_t RowBytes(const PictureShape& shape) {
+    constexpr std::size_t bytes[] = {1, 2, 2, 4, 8};
+    return static_cast<std::size_t>(shape.Width) * static_cast<std::size_t>(shape.Channels) *
+           bytes[static_cast<std::size_t>(shape.Kind)];
+}
+
+/// The child's side: sends every call on.
+class Sender final : public PictureSink {  // NOLINT(*-virtual-class-destructor): final
+ public:
+    explicit Sender(int pipe) : pipe_(pipe) {}
+
+    void Start(const PictureShape& shape) override {
+        rowBytes_ = RowBytes(shape);
+        const std::int64_t numbers[ShapeNumbers] = {
+            shape.Width,    shape.Height,
+            shape.Channels, static_cast<std::int64_t>(shape.Kind),
+            shape.BitPix,   shape.TopRowFirst ? 1 : 0};
+        Send({StartMessage, 0, 0, {}}, {reinterpret_cast<const char*>(numbers), sizeof numbers});
+    }
+    void Row(std::int64_t y, const void* samples) override {
+        Send({RowMessage, y, 0, {}}, {static_cast<const char*>(samples), rowBytes_});
+    }
+    void Card(std::string_view card) override { Send({CardMessage, 0, 0, {}}, card); }
+    void TextCard(std::string_view keyword, std::string_view text,
+                  std::string_view comment) override {
+        Send({TextCardMessage, 0, 0, {}}, keyword, text, comment);
+    }
+    void NumberCard(std::string_view keyword, double value, std::string_view comment) override {
+        Send({NumberCardMessage, 0, value, {}}, keyword, comment);
+    }
+    void Remark(std::string text) override { Send({RemarkMessage, 0, 0, {}}, text); }
+    void Orientation(int value) override { Send({OrientationMessage, value, 0, {}}); }
+    /// The last message; `fault` is empty when all went well.
+    void End(std::string_view fault) {
+        Send({fault.empty() ? EndMessage : FaultMessage, 0, 0, {}}, fault);
+    }
+
+ private:
+    void Send(Message message, std::string_view first = {}, std::string_view second = {},
+              std::string_view third = {}) const {
+        const std::string_view texts[] = {first, second, third};
+        for (int n = 0; n < 3; ++n) message.Lengths[n] = texts[n].size();
+        Write(&message, sizeof message);
+        for (const std::string_view text : texts) Write(text.data(), text.size());
+    }
+    void Write(const void* bytes, std::size_t length) const {
+        const auto* from = static_cast<const char*>(bytes);
+        while (length > 0) {
+            const ssize_t written = write(pipe_, from, length);
+            if (written < 0 && errno == EINTR) continue;
+            if (written <= 0) _exit(1);
+            from += written;
+            length -= static_cast<std::size_t>(written);
+        }
+    }
+
+    int pipe_;
+    std::size_t rowBytes_ = 0;
+};
+
+/// The parent's side. The child may have written over its own memory: nothing it sends is trusted.
+class Receiver {
+ public:
+    Receiver(pid_t child, int pipe) : child_(child), pipe_(pipe) {}
+    Receiver(const Receiver&) = delete;
+    Receiver& operator=(const Receiver&) = delete;
+    /// Whatever the child still does is of no use any more.
+    ~Receiver() {
+        close(pipe_);
+        kill(child_, SIGKILL);
+        while (waitpid(child_, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+
+    /// Hands the next message on; false after the last one.
+    bool Next(PictureSink& sink) {
+        Message message;
+        Read(&message, sizeof message);
+        std::string texts[3];
+        if (message.Kind == RowMessage) {
+            if (message.Lengths[0] != row_.size() || message.Lengths[1] + message.Lengths[2] != 0 ||
+                message.Number < 0 || message.Number >= height_) {
+                BrokenOff();
+            }
+            Read(row_.data(), row_.size());
+        } else {
+            for (int n = 0; n < 3; ++n) texts[n] = Text(message.Lengths[n]);
+        }
+        switch (message.Kind) {
+            case StartMessage:
+                Start(texts[0], sink);
+                return true;
+            case RowMessage:
+                sink.Row(message.Number, row_.data());
+                return true;
+            case CardMessage:
+                sink.Card(texts[0]);
+                return true;
+            case TextCardMessage:
+                sink.TextCard(texts[0], texts[1], texts[2]);
+                return true;
+            case NumberCardMessage:
+                sink.NumberCard(texts[0], message.Value, texts[1]);
+                return true;
+            case RemarkMessage:
+                sink.Remark(texts[0]);
+                return true;
+            case OrientationMessage:
+                sink.Orientation(static_cast<int>(std::clamp<std::int64_t>(message.Number, 0, 9)));
+                return true;
+            case FaultMessage:
+                throw DecodeFault(texts[0]);
+            case EndMessage:
+                return false;
+            default:
+                BrokenOff();
+        }
+    }
+
+ private:
+    [[noreturn]] static void BrokenOff() {
+        throw DecodeFault("Its packed pixels are damaged: the decoder broke off.");
+    }
+
+    void Start(const std::string& sent, PictureSink& sink) {
+        std::int64_t numbers[ShapeNumbers] = {};
+        if (sent.size() != sizeof numbers || height_ > 0) BrokenOff();
+        std::memcpy(numbers, sent.data(), sizeof numbers);
+        const auto [width, height, channels, kind, bitPix, topRowFirst] = numbers;
+        constexpr std::int64_t longest = 1 << 24;
+        constexpr std::int64_t mostChannels = 1 << 10;
+        if (width < 1 || width > longest || height < 1 || height > longest || channels < 1 ||
+            channels > mostChannels || kind < 0 ||
+            kind > static_cast<std::int64_t>(SampleKind::Float64) || bitPix < -64 || bitPix > 64) {
+            BrokenOff();
+        }
+        const PictureShape shape{width,
+                                 height,
+                                 static_cast<int>(channels),
+                                 static_cast<SampleKind>(kind),
+                                 static_cast<int>(bitPix),
+                                 topRowFirst != 0};
+        sink.Start(shape);
+        height_ = height;
+        row_.resize(RowBytes(shape));
+    }
+
+    /// All texts together stay below what any header holds.
+    std::string Text(std::uint64_t length) {
+        constexpr std::uint64_t most = std::uint64_t{64} << 20;
+        if (length > most - texts_) BrokenOff();
+        texts_ += length;
+        std::string text(static_cast<std::size_t>(length), '\0');
+        Read(text.data(), text.size());
+        return text;
+    }
+
+    void Read(void* bytes, std::size_t length) const {
+        constexpr int longestSilence = 60000;
+        auto* to = static_cast<char*>(bytes);
+        while (length > 0) {
+            pollfd waited{pipe_, POLLIN, 0};
+            const int ready = poll(&waited, 1, longestSilence);
+            if (ready < 0 && errno == EINTR) continue;
+            if (ready <= 0) BrokenOff();
+            const ssize_t got = read(pipe_, to, length);
+            if (got < 0 && errno == EINTR) continue;
+            if (got <= 0) BrokenOff();
+            to += got;
+            length -= static_cast<std::size_t>(got);
+        }
+    }
+
+    pid_t child_;
+    int pipe_;
+    std::int64_t height_ = 0;
+    std::vector<char> row_;
+    std::uint64_t texts_ = 0;
+};
+
+void Limit(decltype(RLIMIT_AS) resource, std::uint64_t most) {
+    rlimit limit{};
+    if (getrlimit(resource, &limit) != 0) return;
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, most);
+    setrlimit(resource, &limit);
+}
+
+/// What this process has mapped; sanitizers map far more than any machine has.
+std::uint64_t MappedBytes() {
+    unsigned long long pages = 0;
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/proc/self/statm", "r"),
+                                                               std::fclose);
+    char line[64] = {};
+    if (file == nullptr || std::fgets(line, sizeof line, file.get()) == nullptr) return 0;
+    pages = std::strtoull(line, nullptr, 10);
+    return pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
+/// The child from its first step to its last.
+[[noreturn]] void Child(int pipe, std::uint64_t mapped, const DecodeCall& decode) {
+    // Nobody is to see or to handle its end but the parent: no report, no core, no handler, and no
+    // file that a tool would write about it.
+    for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTERM, SIGINT, SIGHUP,
+                             SIGPIPE, SIGXCPU, SIGALRM, SIGUSR1, SIGUSR2}) {
+        std::signal(number, SIG_DFL);
+    }
+    pipe = fcntl(pipe, F_DUPFD, 3);
+    const int nowhere = open("/dev/null", O_RDWR);
+    for (const int stream : {0, 1, 2}) dup2(nowhere, stream);
+    constexpr std::uint64_t mostMemory = std::uint64_t{12} << 30;
+    constexpr std::uint64_t mostSeconds = 120;
+    if (mapped > 0) Limit(RLIMIT_AS, mapped + mostMemory);
+    Limit(RLIMIT_CPU, mostSeconds);
+    Limit(RLIMIT_CORE, 0);
+    Limit(RLIMIT_FSIZE, 0);
+    try {
+        Sender sender(pipe);
+        sender.End(decode(sender));
+    } catch (...) {
+        _exit(1);
+    }
+    _exit(0);  // no destructors and no buffers: they are the parent's
+}
+
+}  // namespace
+
+void DecodeApart(const DecodeCall& decode, PictureSink& sink) {
+    int ends[2] = {};
+    if (pipe(ends) != 0) throw DecodeFault("The system has no pipe left to decode it.");
+    for (const int end : ends) fcntl(end, F_SETFD, FD_CLOEXEC);
+#ifdef F_SETPIPE_SZ
+    constexpr int severalRows = 1 << 20;
+    fcntl(ends[1], F_SETPIPE_SZ, severalRows);
+#endif
+    const std::uint64_t mapped = MappedBytes();
+    const pid_t child = fork();
+    if (child == 0) Child(ends[1], mapped, decode);
+    close(ends[1]);
+    if (child < 0) {
+        close(ends[0]);
+        throw DecodeFault("The system has no process left to decode it.");
+    }
+    Receiver receiver(child, ends[0]);
+    while (receiver.Next(sink)) {
+    }
+}
+
+}  // namespace vestrel
+
+#else
+
+namespace vestrel {
+
+void DecodeApart(const DecodeCall& decode, PictureSink& sink) {
+    const std::string fault = decode(sink);
+    if (!fault.empty()) throw DecodeFault(fault);
+}
+
+}  // namespace vestrel
+
+#endif
