@@ -128,7 +128,7 @@ void StatsWindow::ImageChanged() {
 
 void StatsWindow::showEvent(QShowEvent* event) {
     QDialog::showEvent(event);
-    // The parameters have other doors.
+    // Another window may have changed the parameters.
     const QSignalBlocker noAperture(aperture_);
     const QSignalBlocker noBackground(background_);
     aperture_->setValue(state_.Parameters.ApertureRadius);

@@ -28,7 +28,8 @@ void Say(ProgramState& state, const std::string& text) {
     state.QuadMatch.Messages.push_back(text);
 }
 
-/// Of what is said of one candidate after the other there may be any number.
+/// Whether there is room for another line: each candidate adds some, and there is no limit to the
+/// number of candidates.
 bool MayTalk(const ProgramState& state) {
     constexpr std::size_t mostLines = 5000;
     return state.QuadMatch.Messages.size() < mostLines;

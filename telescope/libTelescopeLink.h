@@ -23,9 +23,10 @@ class TelescopeLink {
     TelescopeLink(const TelescopeLink&) = delete;
     TelescopeLink& operator=(const TelescopeLink&) = delete;
 
-    /// What `call` returns. Throws `TelescopeError` when it failed. It is a lost one too when
-    /// `limit` has passed, or when `goOn`, asked every few milliseconds, said no. After a lost one
-    /// the link is of no more use and its driver goes.
+    /// Runs `call` on the driver's thread and returns its result. Throws `TelescopeError` when the
+    /// call failed, when it took longer than `limit`, or when `goOn`, asked every few milliseconds,
+    /// returned false. In the last two cases the error says that the connection is lost: the link
+    /// cannot be used any more, and the driver goes as soon as it returns.
     double Run(Call call, std::chrono::milliseconds limit, const std::function<bool()>& goOn);
 
  private:
