@@ -17,12 +17,16 @@ constexpr std::int64_t mostPixels = 4096;
 
 /// Opens bytes as FITS, else as SBIG file; false when they are neither, or too many pixels.
 bool Open(std::string_view bytes, PlateImage& image) {
-    static const std::filesystem::path file = InputFolder() / "original";
+    // An export reads the file again, by its name where its content does not tell.
+    const std::filesystem::path file = InputFolder() / "original.fits";
+    const std::filesystem::path sbigFile = InputFolder() / "original.sbig";
     WriteFile(file, bytes);
     ReadFailure failure;
     image.FileName = file.string();
     image.ImageType = ImageType::Fits;
     if (!ReadFitsFile(file, image, nullptr, failure)) {
+        WriteFile(sbigFile, bytes);
+        image.FileName = sbigFile.string();
         image.ImageType = ImageType::Sbig;
         if (!ReadSbigFile(file, image, nullptr, failure)) return false;
     }

@@ -16,8 +16,9 @@ class PlainRows {
         at_ = std::max<std::size_t>(at_, 2048);
     }
     int Byte() {
-        Require(at_ < bytes_.size(), "no row ends beyond its file");
-        return static_cast<unsigned char>(bytes_[at_++]);
+        // Where only the last byte of all is missing it is a 0.
+        Require(at_ <= bytes_.size(), "no row ends beyond its file");
+        return at_ < bytes_.size() ? static_cast<unsigned char>(bytes_[at_++]) : (++at_, 0);
     }
     int Word() {
         const int low = Byte();

@@ -202,7 +202,7 @@ class Receiver {
     }
 
     void Read(void* bytes, std::size_t length) const {
-        constexpr int longestSilence = 60000;
+        constexpr int longestSilence = 20000;  // milliseconds
         auto* to = static_cast<char*>(bytes);
         while (length > 0) {
             pollfd waited{pipe_, POLLIN, 0};
@@ -253,8 +253,9 @@ std::uint64_t MappedBytes() {
     pipe = fcntl(pipe, F_DUPFD, 3);
     const int nowhere = open("/dev/null", O_RDWR);
     for (const int stream : {0, 1, 2}) dup2(nowhere, stream);
-    constexpr std::uint64_t mostMemory = std::uint64_t{12} << 30;
-    constexpr std::uint64_t mostSeconds = 120;
+    constexpr std::uint64_t mostMemory = std::uint64_t{6} << 30;
+    // Of processor time: twice what the largest picture takes.
+    constexpr std::uint64_t mostSeconds = 10;
     if (mapped > 0) Limit(RLIMIT_AS, mapped + mostMemory);
     Limit(RLIMIT_CPU, mostSeconds);
     Limit(RLIMIT_CORE, 0);
