@@ -44,6 +44,8 @@ struct RenderOptions {
     std::optional<double> Gain;
     std::optional<double> Saturation;
     std::optional<int> HotPixels;
+    std::vector<double> Trail;
+    std::vector<double> Defocus;
     std::optional<int> RandomStars;
     int FaintStars = 0;
     double FaintFrom = 11.5;  ///< where the completeness of the usual catalog ends
@@ -125,6 +127,21 @@ RenderPlan PlanOf(const RenderOptions& options) {
     if (exposure.SkyLevel >= exposure.Saturation) WrongUsage("--sky: the sky alone saturates");
     exposure.HotPixels = options.HotPixels.value_or(
         static_cast<int>(static_cast<double>(plan.Geometry.Width) * plan.Geometry.Height / 20000));
+    if (!options.Trail.empty()) {
+        exposure.TrailLength = options.Trail[0];
+        if (options.Trail.size() > 1) exposure.TrailAngle = options.Trail[1] * radiansPerDegree;
+    }
+    if (!options.Defocus.empty()) {
+        exposure.DefocusDiameter = options.Defocus[0];
+        if (options.Defocus.size() > 1) exposure.DefocusHole = options.Defocus[1];
+    }
+    constexpr double widestSpread = 500;
+    constexpr double largestHole = 0.9;
+    if (!(exposure.TrailLength >= 0 && exposure.TrailLength <= widestSpread &&
+          exposure.DefocusDiameter >= 0 && exposure.DefocusDiameter <= widestSpread &&
+          exposure.DefocusHole >= 0 && exposure.DefocusHole <= largestHole)) {
+        WrongUsage("--trail, --defocus: at most 500 pixels, and a hole of at most 0.9");
+    }
     // By default stars well below what a solve needs still stand clear of the noise.
     constexpr double deeper = 1.5;
     constexpr double clearSigmas = 8;
@@ -208,6 +225,9 @@ Json TruthOf(const RenderOptions& options, const RenderPlan& plan,
     truth["read_noise"] = exposure.ReadNoise;
     truth["zero_point"] = exposure.ZeroPoint;
     truth["solve_magnitude_limit"] = plan.SolveLimit;
+    truth["trail_px"] = exposure.TrailLength;
+    truth["trail_angle_deg"] = exposure.TrailAngle / radiansPerDegree;
+    truth["defocus_px"] = exposure.DefocusDiameter;
     truth["drawn_magnitude_limit"] = plan.DrawnLimit;
     truth["distortion_px"] = geometry.Distortion;
     truth["axis_px"] = {geometry.AxisX, geometry.AxisY};
@@ -364,6 +384,18 @@ void AddRenderCommand(CLI::App& program, int& exitCode) {
         ->group(camera);
     command.add_option("--hot-pixels", options->HotPixels, "(default: one in 20000)")
         ->check(CLI::NonNegativeNumber)
+        ->group(camera);
+    command
+        .add_option("--trail", options->Trail,
+                    "How far the stars moved, pixels; then the way's angle, degrees from the "
+                    "columns' direction toward the top")
+        ->expected(1, 2)
+        ->group(camera);
+    command
+        .add_option("--defocus", options->Defocus,
+                    "Diameter of an unfocused star, pixels; then the part of it that is hollow "
+                    "(default 0.35)")
+        ->expected(1, 2)
         ->group(camera);
     command.callback([options, &exitCode] {
         Render(*options);

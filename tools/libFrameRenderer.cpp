@@ -72,11 +72,11 @@ class RandomNumbers {
     bool haveSpare_ = false;
 };
 
-/// The light of a star on the pixels around it: a Moffat profile with exponent 3.5, which has the
-/// wings that the atmosphere gives.
-class StarProfile {
+/// The light of a sharp star on the pixels around it: a Moffat profile with exponent 3.5, which has
+/// the wings that the atmosphere gives.
+class SharpProfile {
  public:
-    explicit StarProfile(double seeing)
+    explicit SharpProfile(double seeing)
         : core_(std::max(2 * seeing, 2.0)),
           // Half the height at half the seeing: (1 + (s/2α)²)^3.5 = 2.
           widthSquared_(seeing * seeing / 4 / (std::exp2(1 / 3.5) - 1)),
@@ -114,6 +114,78 @@ class StarProfile {
     double height_;
 };
 
+/// The light of a star as the exposure has it: sharp, or spread over a disc, along its way, or
+/// both.
+class StarProfile {
+ public:
+    explicit StarProfile(const FrameExposure& exposure) : sharp_(exposure.Seeing) {
+        // Sharp images this close run into one another.
+        const double spacing = exposure.Seeing / 3;
+        if (exposure.DefocusDiameter > 0) MakeDisc(exposure, spacing);
+        if (!(exposure.TrailLength > 0)) return;
+        const int steps = static_cast<int>(std::ceil(exposure.TrailLength / spacing)) + 1;
+        for (int k = 0; k < steps; ++k) {
+            const double along = exposure.TrailLength * (k / (steps - 1.0) - 0.5);
+            way_.push_back(
+                {along * std::cos(exposure.TrailAngle), along * std::sin(exposure.TrailAngle)});
+        }
+        extent_ += exposure.TrailLength / 2;
+    }
+
+    /// The part of the light that a pixel receives whose centre lies (dx, dy) from the star.
+    double PixelShare(double dx, double dy) const {
+        if (way_.empty()) return ShareAtRest(dx, dy);
+        double sum = 0;
+        for (const FramePoint& place : way_) sum += ShareAtRest(dx - place.X, dy - place.Y);
+        return sum / static_cast<double>(way_.size());
+    }
+
+    /// Beyond this distance a pixel receives a smaller part of the light than `share`.
+    double ReachOf(double share) const { return sharp_.ReachOf(share) + extent_; }
+
+ private:
+    static constexpr double perPixel = 4;  // entries of the disc's table
+
+    /// The disc is round: a table of its light by the distance from its middle.
+    void MakeDisc(const FrameExposure& exposure, double spacing) {
+        const double outer = exposure.DefocusDiameter / 2;
+        const double inner = outer * exposure.DefocusHole;
+        // Points of a sunflower lie evenly over a ring.
+        const double area = pi * (outer * outer - inner * inner);
+        const int points = std::clamp(static_cast<int>(area / (spacing * spacing)), 50, 4000);
+        const double golden = pi * (3 - std::sqrt(5.0));
+        std::vector<FramePoint> places;
+        for (int k = 0; k < points; ++k) {
+            const double radius =
+                std::sqrt(inner * inner + (outer * outer - inner * inner) * (k + 0.5) / points);
+            places.push_back({radius * std::cos(k * golden), radius * std::sin(k * golden)});
+        }
+        const auto entries = static_cast<std::size_t>((outer + 30 * exposure.Seeing) * perPixel);
+        for (std::size_t i = 0; i <= entries; ++i) {
+            double sum = 0;
+            for (const FramePoint& place : places) {
+                sum += sharp_.PixelShare(static_cast<double>(i) / perPixel - place.X, place.Y);
+            }
+            disc_.push_back(sum / points);
+        }
+        extent_ += outer;
+    }
+
+    double ShareAtRest(double dx, double dy) const {
+        if (disc_.empty()) return sharp_.PixelShare(dx, dy);
+        const double place = std::hypot(dx, dy) * perPixel;
+        const auto entry = static_cast<std::size_t>(place);
+        if (entry + 1 >= disc_.size()) return sharp_.PixelShare(dx, dy);
+        const double part = place - static_cast<double>(entry);
+        return disc_[entry] * (1 - part) + disc_[entry + 1] * part;
+    }
+
+    SharpProfile sharp_;
+    std::vector<FramePoint> way_;
+    std::vector<double> disc_;
+    double extent_ = 0;
+};
+
 double Electrons(const FrameExposure& exposure, double magnitude) {
     return std::pow(10.0, 0.4 * (exposure.ZeroPoint - magnitude));
 }
@@ -129,7 +201,7 @@ class ExpectedLight {
  public:
     ExpectedLight(const FrameGeometry& geometry, const FrameExposure& exposure,
                   const std::vector<FrameStar>& stars)
-        : geometry_(geometry), exposure_(exposure), profile_(exposure.Seeing), stars_(stars) {
+        : geometry_(geometry), exposure_(exposure), profile_(exposure), stars_(stars) {
         RandomNumbers random(exposure.Seed, Stream::Gradient);
         const double direction = 2 * pi * random.Uniform();
         slopeX_ = exposure.Gradient * std::cos(direction) / geometry.Width;
@@ -328,13 +400,14 @@ double SolveMagnitudeLimit(double halfDiagonal) {
 }
 
 double PeakSigmas(const FrameExposure& exposure, double magnitude) {
-    const double share = StarProfile(exposure.Seeing).PixelShare(0, 0);
+    const double share = StarProfile(exposure).PixelShare(0, 0);
     return Electrons(exposure, magnitude) * share / SkySigma(exposure);
 }
 
 double ZeroPointFor(const FrameExposure& exposure, double magnitude, double sigmas) {
     FrameExposure trial = exposure;
     trial.ZeroPoint = magnitude;
+    trial.TrailLength = trial.DefocusDiameter = 0;
     return magnitude + 2.5 * std::log10(sigmas / PeakSigmas(trial, magnitude));
 }
 

@@ -53,6 +53,12 @@ struct FrameExposure {
     double Gain = 1;            ///< electrons per count
     double Saturation = 65535;  ///< counts; nothing is brighter
     int HotPixels = 0;
+    double TrailLength = 0;  ///< how far the stars moved during the exposure, pixels
+    double TrailAngle = 0;   ///< of that way, radians from the columns' direction toward the top
+    /// Of the disc that an unfocused star is, pixels; 0: in focus.
+    double DefocusDiameter = 0;
+    double DefocusHole =
+        0.35;                 ///< the part of that diameter that a secondary mirror shades, 0..0.9
     bool WholeCounts = true;  ///< counts are rounded, as a converter does
     std::uint64_t Seed = 1;
 };
@@ -73,8 +79,8 @@ struct Frame {
 /// The faintest catalog stars that a solve of a field with this half-diagonal (radians) looks at.
 double SolveMagnitudeLimit(double halfDiagonal);
 
-/// The zero point with which a star of `magnitude` stands `sigmas` standard deviations of the sky
-/// above it with its brightest pixel.
+/// The zero point with which a star of `magnitude` that is sharp and stands still is `sigmas`
+/// standard deviations of the sky above it with its brightest pixel.
 double ZeroPointFor(const FrameExposure& exposure, double magnitude, double sigmas);
 
 /// How many standard deviations of the sky a star's brightest pixel stands above it at most.
