@@ -4,13 +4,14 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <numbers>
 #include <utility>
 #include <vector>
 
 namespace vestrel {
 
-// These decimal values, not exact ones, are what positions have always been computed with;
-// a digit more would move results in the last place.
+// Positions have always been computed with these decimal values. A digit more would move results in
+// the last place.
 inline constexpr double Pi = 3.141592654;
 inline constexpr double TwoPi = 6.283185308;
 inline constexpr double DegreesPerRadian = 57.2957795131;
@@ -18,6 +19,11 @@ inline constexpr double DegreesPerRadian = 57.2957795131;
 inline constexpr double ArcsecondsPerRadian = 206264.8062;
 /// Arcseconds per radian as the solve and the catalog set the projection up.
 inline constexpr double SolveArcsecondsPerRadian = 206264.81;
+
+// The exact ones, to 64 bits, are for everything that was never computed with those.
+inline constexpr double RadiansPerDegree = std::numbers::pi / 180;
+inline constexpr double ExactDegreesPerRadian = 180 / std::numbers::pi;
+inline constexpr double ExactArcsecondsPerRadian = 3600 * 180 / std::numbers::pi;
 
 /// Rounds to the nearest whole number, halves to even. Relies on the default rounding mode, which
 /// the program never changes.

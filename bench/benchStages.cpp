@@ -77,7 +77,7 @@ class Sky {
             const FrameGeometry geometry = Geometry(megapixels);
             FrameExposure exposure;
             exposure.ZeroPoint =
-                ZeroPointFor(exposure, SolveMagnitudeLimit(geometry.Radius()) + 1.5, 8);
+                ZeroPointFor(exposure, MagnitudeLimitFor(geometry.Radius()) + 1.5, 8);
             std::vector<FrameStar> placed;
             for (const FrameStar& star : stars_) {
                 if (const auto place = SkyToFrame(geometry, star.Sky.Ra, star.Sky.Dec)) {

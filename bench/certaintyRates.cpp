@@ -43,8 +43,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr double arcsecondsPerRadian = 206264.806247;
-
 /// A star list to be matched.
 struct Case {
     PlateStarList Stars;  ///< brightest first
@@ -92,7 +90,8 @@ class Bench {
                 Tally& tally) {
         ++tally.Lists;
         const double radius = std::hypot(list.FieldWidth, list.FieldHeight) / 2;
-        const double step = std::min(list.FieldWidth, list.FieldHeight) / 2.5 * arcsecondsPerRadian;
+        const double step =
+            std::min(list.FieldWidth, list.FieldHeight) / 2.5 * ExactArcsecondsPerRadian;
         KeptTriangles triangles;
         SkyPosition centre = list.Start;
         std::int16_t i = 0;
@@ -101,7 +100,7 @@ class Bench {
         for (int region = 1; region <= regions; ++region) {
             ++tally.Regions;
             Projection plane;
-            plane.SetProjectionCentre(centre.Ra, centre.Dec, arcsecondsPerRadian);
+            plane.SetProjectionCentre(centre.Ra, centre.Dec, ExactArcsecondsPerRadian);
             const PlateStarList catalog =
                 RegionStars(cache_, plane, centre, radius, MagnitudeLimitFor(radius));
             found_ = AlignImages(catalog, list.Stars, maxError, settings, triangles);
@@ -121,7 +120,7 @@ class Bench {
                 if (surest < 2) Remark("wrong", list, confidence);
             }
             NextSpiralCell(i, j, ring);
-            plane.SetProjectionCentre(list.Start.Ra, list.Start.Dec, arcsecondsPerRadian);
+            plane.SetProjectionCentre(list.Start.Ra, list.Start.Dec, ExactArcsecondsPerRadian);
             plane.PlaneToSky(i * step, j * step, centre.Ra, centre.Dec);
         }
     }
@@ -305,7 +304,7 @@ Case SkyCase(const fs::path& catalog, Generator& random, double from, double to,
     geometry.Mirrored = Uniform(random, 0, 1) < 0.5;
     const double half = std::hypot(list.FieldWidth, list.FieldHeight) / 2;
     std::vector<FrameStar> stars =
-        CatalogFrameStars(catalog, geometry, SolveMagnitudeLimit(half) + 0.5);
+        CatalogFrameStars(catalog, geometry, MagnitudeLimitFor(half) + 0.5);
     std::erase_if(stars, [&](const FrameStar& star) {
         return star.Place.X < 0 || star.Place.Y < 0 || star.Place.X > list.Width - 1 ||
                star.Place.Y > list.Height - 1 || Uniform(random, 0, 1) < exposure.Lost;

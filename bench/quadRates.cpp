@@ -14,6 +14,7 @@
 #include <random>
 
 #include "bench/silentPort.h"
+#include "catalog/libCatalogRegion.h"
 #include "platform/libPlatform.h"
 #include "program/mBlindSolve.h"
 #include "program/mMORA.h"
@@ -70,7 +71,7 @@ PlateStarList ImageStars(const Trial& trial, Kind kind, const std::filesystem::p
     constexpr std::size_t most = 100;  // as an extraction keeps
     std::normal_distribution<double> normal(0, 1);
     std::uniform_real_distribution<double> uniform(0, 1);
-    const double limit = SolveMagnitudeLimit(trial.HalfDiagonal);
+    const double limit = MagnitudeLimitFor(trial.HalfDiagonal);
     std::vector<FrameStar> stars;
     const bool inCatalog = kind == Kind::Known || kind == Kind::Stretched;
     if (inCatalog) stars = CatalogFrameStars(catalog, trial.Geometry, limit);

@@ -10,7 +10,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr double degree = std::numbers::pi / 180;
 // Rounded to 32 bits both lie just above the true value.
 constexpr float wholeCircle = static_cast<float>(2 * std::numbers::pi);
 constexpr float rightAngle = static_cast<float>(std::numbers::pi / 2);
@@ -49,7 +48,8 @@ std::size_t CellNumber(const CellPosition& cell) {
 
 double CellAreaFraction(const CellPosition& cell) {
     const double lower = 2.5 * cell.Zone;
-    const double height = std::sin((lower + 2.5) * degree) - std::sin(lower * degree);
+    const double height =
+        std::sin((lower + 2.5) * RadiansPerDegree) - std::sin(lower * RadiansPerDegree);
     return height / 2 / SlicesInZone(cell.Zone);
 }
 

@@ -170,7 +170,7 @@ class Build {
             source.Record.Rows += ReadAstapFile(database.Files[i], sink);
         }
         if (source.Record.Rows == 0) {
-            throw ToolFailure(ExitBadInput, folder + ": holds not one star");
+            throw ToolFailure(ToolExit::BadInput, folder + ": holds not one star");
         }
         Remark(source.Record.File + ": positions of 2025, magnitudes in tenths");
         Close(source);
@@ -184,7 +184,7 @@ class Build {
             std::error_code ignored;
             const bool folder = fs::is_directory(PathFromText(file), ignored);
             throw ToolFailure(
-                ExitBadInput,
+                ToolExit::BadInput,
                 file + (folder ? ": is a folder" : ": cannot be opened: " + SystemErrorText()));
         }
         std::FILE* input = standardInput ? stdin : opened.get();
@@ -218,10 +218,10 @@ class Build {
                                        " stars that several sources have were taken once");
         }
         const std::uint64_t stars = Manifest.StarCount();
-        if (stars == 0) throw ToolFailure(ExitBadInput, "no star passes the filters");
+        if (stars == 0) throw ToolFailure(ToolExit::BadInput, "no star passes the filters");
         if (!WriteManifest(Folder.Path(), Manifest)) {
-            throw ToolFailure(ExitCannotWrite, TextFromPath(Folder.Path() / ManifestName) + ": " +
-                                                   SystemErrorText());
+            throw ToolFailure(ToolExit::CannotWrite, TextFromPath(Folder.Path() / ManifestName) +
+                                                         ": " + SystemErrorText());
         }
         ThrowIfStopped();
         Folder.Publish();
@@ -298,7 +298,7 @@ void AddTableOptions(CLI::App& command, CLI::Option* table, BuildOptions& option
 
 }  // namespace
 
-void AddBuildCommand(CLI::App& program, int& exitCode) {
+void AddBuildCommand(CLI::App& program, ToolExit& exitCode) {
     CLI::App& command = *program.add_subcommand(
         "build", "Make the catalog; the old one stays until the new one is complete");
     const auto options = std::make_shared<BuildOptions>();
@@ -340,11 +340,11 @@ void AddBuildCommand(CLI::App& program, int& exitCode) {
     command.callback([options, &exitCode] {
         if (!options->Table.MagColumn.empty() && options->Tables.empty() &&
             options->Indexes.empty()) {
-            throw ToolFailure(ExitWrongUsage, "--mag-column is for --csv and --index");
+            throw ToolFailure(ToolExit::WrongUsage, "--mag-column is for --csv and --index");
         }
         InterpretOptions(*options);
         Build(*options).Run();
-        exitCode = ExitGood;
+        exitCode = ToolExit::Good;
     });
 }
 

@@ -5,17 +5,19 @@
 #include <filesystem>
 #include <string>
 
+#include "catalogtool/libToolReport.h"
+
 namespace vestrel {
 
 // Each adds its subcommand and options to the program. When the subcommand is chosen, its work is
 // done while the command line is parsed, and `exitCode` set; it throws a `ToolFailure` otherwise.
-void AddBuildCommand(CLI::App& program, int& exitCode);
-void AddInfoCommand(CLI::App& program, int& exitCode);
-void AddQuadsCommand(CLI::App& program, int& exitCode);
-void AddRenderCommand(CLI::App& program, int& exitCode);
-void AddSourcesCommand(CLI::App& program, int& exitCode);
-void AddSynthesizeCommand(CLI::App& program, int& exitCode);
-void AddVerifyCommand(CLI::App& program, int& exitCode);
+void AddBuildCommand(CLI::App& program, ToolExit& exitCode);
+void AddInfoCommand(CLI::App& program, ToolExit& exitCode);
+void AddQuadsCommand(CLI::App& program, ToolExit& exitCode);
+void AddRenderCommand(CLI::App& program, ToolExit& exitCode);
+void AddSourcesCommand(CLI::App& program, ToolExit& exitCode);
+void AddSynthesizeCommand(CLI::App& program, ToolExit& exitCode);
+void AddVerifyCommand(CLI::App& program, ToolExit& exitCode);
 
 /// Adds `--catalog DIR` to a subcommand.
 void AddCatalogOption(CLI::App& command, std::string& folder);

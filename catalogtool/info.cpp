@@ -210,7 +210,7 @@ void PrintText(const CatalogFacts& facts) {
 
 }  // namespace
 
-void AddInfoCommand(CLI::App& program, int& exitCode) {
+void AddInfoCommand(CLI::App& program, ToolExit& exitCode) {
     CLI::App& command = *program.add_subcommand(
         "info", "Describe the catalog: sources, stars, depth, sky coverage and gaps");
     const auto folder = std::make_shared<std::string>();
@@ -220,7 +220,7 @@ void AddInfoCommand(CLI::App& program, int& exitCode) {
     command.callback([folder, asJson, &exitCode] {
         const CatalogFacts facts = GatherFacts(ExistingCatalog(*folder));
         *asJson ? PrintJson(facts) : PrintText(facts);
-        exitCode = ExitGood;
+        exitCode = ToolExit::Good;
     });
 }
 

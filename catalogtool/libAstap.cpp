@@ -8,6 +8,7 @@
 #include <numbers>
 #include <span>
 
+#include "astro/libMath.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 
@@ -16,11 +17,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr double degree = std::numbers::pi / 180;
 constexpr std::size_t textBytes = 110;  ///< before the records; the last one is their size
 
 [[noreturn]] void Fail(const fs::path& file, const std::string& why) {
-    throw ToolFailure(ExitBadInput, TextFromPath(file) + ": " + why);
+    throw ToolFailure(ToolExit::BadInput, TextFromPath(file) + ": " + why);
 }
 
 /// Whether a file is one of a database; its name without the four digits, and without "_" at its
@@ -50,7 +50,7 @@ std::uint32_t LittleEndian(const unsigned char* bytes, int count) {
 std::uint64_t ReadPackedStars(const fs::path& file, std::span<const unsigned char> records,
                               std::size_t size, const StarSink& sink) {
     constexpr double raUnit = 2 * std::numbers::pi / 0xFFFFFF;
-    constexpr double decUnit = 90 * degree / (128 * 256 * 256 - 1);
+    constexpr double decUnit = 90 * RadiansPerDegree / (128 * 256 * 256 - 1);
     std::uint64_t stars = 0;
     bool known = false;
     int decHigh = 0;
@@ -65,7 +65,8 @@ std::uint64_t ReadPackedStars(const fs::path& file, std::span<const unsigned cha
         }
         if (!known) Fail(file, "has stars before their magnitude");
         const int dec = decHigh * 65536 + static_cast<int>(LittleEndian(&records[3], 2));
-        sink({ra * raUnit, std::clamp(dec * decUnit, -90 * degree, 90 * degree), magnitude});
+        sink({ra * raUnit, std::clamp(dec * decUnit, -90 * RadiansPerDegree, 90 * RadiansPerDegree),
+              magnitude});
         ++stars;
     }
     return stars;

@@ -2,10 +2,10 @@
 
 #include <cmath>
 #include <nlohmann/json.hpp>
-#include <numbers>
 #include <set>
 #include <utility>
 
+#include "astro/libMath.h"
 #include "catalogtool/libToolReport.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
@@ -16,8 +16,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr double degree = std::numbers::pi / 180;
-constexpr double arcsecond = degree / 3600;
+constexpr double arcsecond = RadiansPerDegree / 3600;
 constexpr double reach = 60 * arcsecond;
 
 /// Boxes of about half a degree: most hold no bright star at all.
@@ -44,7 +43,7 @@ bool ReadFeature(const json& feature, SkyStar& star) {
     const double latitude = coordinates[1].get<double>();
     if (!(longitude >= -180 && longitude <= 360 && std::fabs(latitude) <= 90)) return false;
     if (longitude < 0) longitude += 360;
-    star = {longitude * degree, latitude * degree, magnitude.get<double>()};
+    star = {longitude * RadiansPerDegree, latitude * RadiansPerDegree, magnitude.get<double>()};
     return true;
 }
 
@@ -52,7 +51,7 @@ bool ReadFeature(const json& feature, SkyStar& star) {
 
 std::vector<SkyStar> ReadBrightStars(const std::filesystem::path& file, std::size_t& unusable) {
     const auto fail = [&](const char* why) {
-        throw ToolFailure(ExitBadInput, TextFromPath(file) + ": " + why);
+        throw ToolFailure(ToolExit::BadInput, TextFromPath(file) + ": " + why);
     };
     constexpr std::size_t largestFile = std::size_t{64} << 20;
     std::vector<unsigned char> text;

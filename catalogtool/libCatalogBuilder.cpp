@@ -10,6 +10,7 @@
 #include <tuple>
 #include <utility>
 
+#include "astro/libMath.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 
@@ -20,7 +21,7 @@ namespace {
 /// A spilled star: its record and its source.
 constexpr std::size_t spillBytes = CatalogRecordBytes + 1;
 
-constexpr double sameStar = 2 / 3600.0 * std::numbers::pi / 180;
+constexpr double sameStar = 2 / 3600.0 * RadiansPerDegree;
 constexpr int sameMagnitude = 100;  // hundredths
 
 double RaOf(const CatalogStar& star) {
@@ -74,7 +75,7 @@ void WriteBytes(const std::filesystem::path& path, const char* mode,
     // Closing writes what is still buffered, and so may find the disk full.
     good = good && std::fclose(file.release()) == 0;
     if (!good) {
-        throw ToolFailure(ExitCannotWrite, TextFromPath(path) + ": " + SystemErrorText());
+        throw ToolFailure(ToolExit::CannotWrite, TextFromPath(path) + ": " + SystemErrorText());
     }
 }
 
@@ -162,9 +163,10 @@ void CatalogBuilder::Spill() {
 std::vector<CatalogBuilder::SourceStar> CatalogBuilder::TakeCell(std::size_t cell) {
     Gathering& gathering = Gatherings[cell];
     if (gathering.OnDisk + gathering.Stars.size() > MostStarsInCell) {
-        throw ToolFailure(ExitBadInput, "cell " + CellName(AllCells()[cell]) + " would hold " +
-                                            GroupedText(gathering.OnDisk + gathering.Stars.size()) +
-                                            " stars, more than a catalog can; try --mag-max");
+        throw ToolFailure(ToolExit::BadInput,
+                          "cell " + CellName(AllCells()[cell]) + " would hold " +
+                              GroupedText(gathering.OnDisk + gathering.Stars.size()) +
+                              " stars, more than a catalog can; try --mag-max");
     }
     std::vector<SourceStar> stars = std::exchange(gathering.Stars, {});
     if (gathering.OnDisk > 0) {
@@ -172,7 +174,7 @@ std::vector<CatalogBuilder::SourceStar> CatalogBuilder::TakeCell(std::size_t cel
         std::vector<unsigned char> spilled;
         if (!ReadWholeFile(path, MostStarsInCell * spillBytes, spilled) ||
             spilled.size() != gathering.OnDisk * spillBytes) {
-            throw ToolFailure(ExitCannotWrite, TextFromPath(path) + ": changed while in use");
+            throw ToolFailure(ToolExit::CannotWrite, TextFromPath(path) + ": changed while in use");
         }
         // Written anew rather than over: ext4 waits for the disk when a file's content is replaced.
         std::error_code ignored;

@@ -30,7 +30,7 @@ constexpr std::string_view buildingMark = ".building-";
 constexpr std::string_view asideMark = ".replaced-";
 
 [[noreturn]] void FailToWrite(const fs::path& path, const std::string& why) {
-    throw ToolFailure(ExitCannotWrite, TextFromPath(path) + ": " + why);
+    throw ToolFailure(ToolExit::CannotWrite, TextFromPath(path) + ": " + why);
 }
 
 #ifdef _WIN32

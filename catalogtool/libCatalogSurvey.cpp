@@ -75,7 +75,7 @@ class Surveyor {
             }
         }
         if (error) {
-            throw ToolFailure(ExitBadInput, TextFromPath(Folder) + ": " + error.message());
+            throw ToolFailure(ToolExit::BadInput, TextFromPath(Folder) + ": " + error.message());
         }
         std::sort(Survey.Strays.begin(), Survey.Strays.end());
     }

@@ -64,7 +64,7 @@ class IndexFile {
     }
 
     [[noreturn]] void Fail(const std::string& why) const {
-        throw ToolFailure(ExitBadInput, Name + ": " + why);
+        throw ToolFailure(ToolExit::BadInput, Name + ": " + why);
     }
 
     /// The text of a header card of the first header; empty when it lacks it.

@@ -8,6 +8,7 @@
 #include <tuple>
 #include <unordered_map>
 
+#include "astro/libMath.h"
 #include "astro/libParallel.h"
 
 namespace vestrel {
@@ -16,9 +17,8 @@ namespace {
 
 using std::numbers::pi;
 
-constexpr double radiansPerDegree = pi / 180;
 /// How far the stars of a quad may lie from its central one, on the plane of a frame.
-constexpr double neighbourRadius = 1.5 * radiansPerDegree;
+constexpr double neighbourRadius = 1.5 * RadiansPerDegree;
 
 /// Unit vector.
 struct Direction {
@@ -36,7 +36,7 @@ Direction DirectionOf(double ra, double dec) {
 }
 
 double MiddleDiagonal(const QuadPlan& plan) {
-    return std::sqrt(plan.SmallestDiagonal * plan.LargestDiagonal) * radiansPerDegree;
+    return std::sqrt(plan.SmallestDiagonal * plan.LargestDiagonal) * RadiansPerDegree;
 }
 
 /// The cells in which the brightest stars of a plan's frames are looked for.
@@ -129,7 +129,7 @@ class FrameSet {
         const double dec = std::asin(1 - (2 * i + 1) / static_cast<double>(count_));
         const double ra = std::fmod(i * 2.399963229728653, 2 * pi);
         const double turn = std::fmod(i * 0.5698402909980532, 1.0) * pi;
-        const double diagonal = plan_.SmallestDiagonal * radiansPerDegree *
+        const double diagonal = plan_.SmallestDiagonal * RadiansPerDegree *
                                 std::pow(plan_.LargestDiagonal / plan_.SmallestDiagonal,
                                          std::fmod(i * 0.7548776662466927, 1.0));
         constexpr std::array<double, 3> aspects = {1, 4 / 3.0, 1.5};

@@ -5,10 +5,10 @@
 #include <cmath>
 #include <initializer_list>
 #include <limits>
-#include <numbers>
 #include <utility>
 
 #include "astro/libConversions.h"
+#include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "catalogtool/libTextLines.h"
 
@@ -16,7 +16,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr double degree = std::numbers::pi / 180;
 constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
 constexpr std::size_t noColumn = static_cast<std::size_t>(-1);
 
@@ -100,7 +99,7 @@ class TableRows {
     bool LooksLikeHours() const { return LeastRa < 0.1 && GreatestRa > 23.9 && GreatestRa <= 24; }
 
     [[noreturn]] void Fail(const std::string& why) const {
-        throw ToolFailure(ExitBadInput, Name + ": " + why);
+        throw ToolFailure(ToolExit::BadInput, Name + ": " + why);
     }
 
  private:
@@ -188,15 +187,15 @@ class TableRows {
             star.Ra = ParseRA(Fields[Ra]);
         } else if (Options.RaUnit == AngleUnit::Hours) {
             if (ra < 0 || ra > 24) return false;
-            star.Ra = ra * 15 * degree;
+            star.Ra = ra * 15 * RadiansPerDegree;
         } else {
             if (ra < -180 || ra > 360) return false;
             LeastRa = std::min(LeastRa, ra);
             GreatestRa = std::max(GreatestRa, ra);
-            star.Ra = (ra < 0 ? ra + 360 : ra) * degree;
+            star.Ra = (ra < 0 ? ra + 360 : ra) * RadiansPerDegree;
         }
         const double dec = FieldNumber(Fields[Dec]);
-        star.Dec = std::isnan(dec) ? ParseDec(Fields[Dec]) : dec * degree;
+        star.Dec = std::isnan(dec) ? ParseDec(Fields[Dec]) : dec * RadiansPerDegree;
         return star.Ra != InvalidAngle && IsStoredPosition(0, static_cast<float>(star.Dec));
     }
 
@@ -250,7 +249,7 @@ StarTableResult ReadStarTable(std::FILE* input, const std::string& name, std::ui
                               const StarTableOptions& options, const StarSink& sink,
                               ProgressLine& progress) {
     const auto fail = [&](const std::string& why) {
-        throw ToolFailure(ExitBadInput, name + ": " + why);
+        throw ToolFailure(ToolExit::BadInput, name + ": " + why);
     };
     StarTableResult result;
     LineReader reader(input);

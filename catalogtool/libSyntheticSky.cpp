@@ -1,13 +1,12 @@
 #include "catalogtool/libSyntheticSky.h"
 
 #include <cmath>
-#include <numbers>
+
+#include "astro/libMath.h"
 
 namespace vestrel {
 
 namespace {
-
-constexpr double degree = std::numbers::pi / 180;
 
 /// SplitMix64 (Steele, Lea and Flood 2014): the same on every machine, unlike the distributions of
 /// the standard library.
@@ -32,7 +31,8 @@ double Cosine(double ra1, double dec1, double ra2, double dec2) {
 
 /// The density at a place relative to the densest: 1 in the galactic plane, 1/8 at the poles.
 double RelativeDensity(double ra, double dec) {
-    const double sine = std::fabs(Cosine(ra, dec, 192.8595 * degree, 27.1283 * degree));
+    const double sine =
+        std::fabs(Cosine(ra, dec, 192.8595 * RadiansPerDegree, 27.1283 * RadiansPerDegree));
     return 0.125 + 0.875 * std::exp(-sine / 0.2);
 }
 
@@ -47,20 +47,21 @@ void MakeSyntheticSky(const SyntheticSky& sky, const StarSink& sink) {
     constexpr double skyDegrees = 41252.96;
     constexpr double slope = 0.42;
     constexpr double brightest = 2;
-    const double cosRadius = std::cos(std::min(sky.Radius, 180.0) * degree);
+    const double cosRadius = std::cos(std::min(sky.Radius, 180.0) * RadiansPerDegree);
     const std::vector<CellPosition>& cells = AllCells();
     for (std::size_t number = 0; number < cells.size(); ++number) {
         const CellPosition& cell = cells[number];
-        const double width = SliceWidth(cell.Zone) * degree;
+        const double width = SliceWidth(cell.Zone) * RadiansPerDegree;
         const double ra0 = static_cast<double>(cell.Slice) * width;
-        const double sine0 = std::sin(2.5 * cell.Zone * degree);
-        const double sine1 = std::sin(2.5 * (cell.Zone + 1) * degree);
+        const double sine0 = std::sin(2.5 * cell.Zone * RadiansPerDegree);
+        const double sine1 = std::sin(2.5 * (cell.Zone + 1) * RadiansPerDegree);
         // A cell that is far away is not gone through. No cell has a diagonal above 8 degrees, but
         // the polar ones.
         const double middle = (cell.South ? -1 : 1) * std::asin((sine0 + sine1) / 2);
         if (sky.Radius < 170 && cell.Zone < ZonesPerHemisphere - 5 &&
-            Cosine(ra0 + width / 2, middle, sky.CentreRa * degree, sky.CentreDec * degree) <
-                std::cos(std::min(sky.Radius + 8, 180.0) * degree)) {
+            Cosine(ra0 + width / 2, middle, sky.CentreRa * RadiansPerDegree,
+                   sky.CentreDec * RadiansPerDegree) <
+                std::cos(std::min(sky.Radius + 8, 180.0) * RadiansPerDegree)) {
             continue;
         }
         SkyRandom random(sky.Seed * 1'000'003 + number);
@@ -73,7 +74,8 @@ void MakeSyntheticSky(const SyntheticSky& sky, const StarSink& sink) {
             const double share = random.Uniform();
             const double chance = random.Uniform();
             if (chance > RelativeDensity(ra, dec)) continue;
-            if (Cosine(ra, dec, sky.CentreRa * degree, sky.CentreDec * degree) < cosRadius)
+            if (Cosine(ra, dec, sky.CentreRa * RadiansPerDegree, sky.CentreDec * RadiansPerDegree) <
+                cosRadius)
                 continue;
             const double magnitude =
                 sky.FaintestMagnitude + std::log10(std::max(share, 1e-12)) / slope;

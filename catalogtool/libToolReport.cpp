@@ -22,7 +22,7 @@ extern "C" void RaiseStopFlag(int signal) {
         std::raise(signal);
     }
     stopSignalled = true;
-    EndWithin(2, ExitStopped);
+    EndWithin(2, NumberOf(ToolExit::Stopped));
 }
 
 }  // namespace
@@ -40,11 +40,11 @@ void CatchStopSignals() {
 }
 
 void ThrowIfStopped() {
-    if (stopSignalled) throw ToolFailure(ExitStopped, "stopped; nothing was changed");
+    if (stopSignalled) throw ToolFailure(ToolExit::Stopped, "stopped; nothing was changed");
 }
 
-int ExitCodeAfter(int failure) {
-    return stopSignalled ? ExitStopped : failure;
+ToolExit ExitCodeAfter(ToolExit failure) {
+    return stopSignalled ? ToolExit::Stopped : failure;
 }
 
 std::string SystemErrorText() {

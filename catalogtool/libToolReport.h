@@ -11,32 +11,35 @@
 namespace vestrel {
 
 /// What the program returns to the shell. Scripts rely on the numbers.
-enum ExitCode : int {
-    ExitGood = 0,
-    ExitFaultsFound = 1,  ///< `verify` found something wrong
-    ExitWrongUsage = 2,
-    ExitBadInput = 3,  ///< something to be read is missing, unreadable or not what it should be
-    ExitCannotWrite = 4,
-    ExitStopped = 130,  ///< Ctrl-C, or a polite request to end
+enum class ToolExit : int {
+    Good = 0,
+    FaultsFound = 1,  ///< `verify` found something wrong
+    WrongUsage = 2,
+    BadInput = 3,  ///< something to be read is missing, unreadable or not what it should be
+    CannotWrite = 4,
+    Stopped = 130  ///< Ctrl-C, or a polite request to end
 };
+inline constexpr int NumberOf(ToolExit code) {
+    return static_cast<int>(code);
+}
 
 /// Ends a subcommand: the text goes to standard error, the code to the shell.
 class ToolFailure : public std::runtime_error {
  public:
-    ToolFailure(ExitCode code, const std::string& message)
+    ToolFailure(ToolExit code, const std::string& message)
         : std::runtime_error(message), Code(code) {}
-    ExitCode Code;
+    ToolExit Code;
 };
 
 /// From here on Ctrl-C (and the signals that end a session) only raises a flag, so that work in
 /// progress can be taken back. A second Ctrl-C ends the program at once.
 void CatchStopSignals();
 
-/// Throws a `ToolFailure` with `ExitStopped` once a stop was signalled. Cheap.
+/// Throws a `ToolFailure` with `ToolExit::Stopped` once a stop was signalled. Cheap.
 void ThrowIfStopped();
 
 /// The exit code of a failure: a stop often shows itself as a read that failed.
-int ExitCodeAfter(int failure);
+ToolExit ExitCodeAfter(ToolExit failure);
 
 /// The text of the system's current error number, as in "No space left on device".
 std::string SystemErrorText();

@@ -31,14 +31,14 @@ QuadSky ReadSky(const std::filesystem::path& folder, const std::vector<QuadPlan>
         const std::filesystem::path file = folder / CellName(cells[i]);
         std::error_code ignored;
         if (!ReadCellFile(file, cell) && std::filesystem::exists(file, ignored)) {
-            throw ToolFailure(ExitBadInput, TextFromPath(file) + ": cannot be read");
+            throw ToolFailure(ToolExit::BadInput, TextFromPath(file) + ": cannot be read");
         }
         std::erase_if(cell,
                       [](const CatalogStar& star) { return !IsStoredPosition(star.Ra, star.Dec); });
         sky.Add(cell);
     }
     if (sky.Stars().empty()) {
-        throw ToolFailure(ExitBadInput, TextFromPath(folder) + ": the catalog has no stars");
+        throw ToolFailure(ToolExit::BadInput, TextFromPath(folder) + ": the catalog has no stars");
     }
     sky.Finish();
     return sky;
@@ -47,7 +47,7 @@ QuadSky ReadSky(const std::filesystem::path& folder, const std::vector<QuadPlan>
 void MakeTables(const std::filesystem::path& folder, double from, double to) {
     const std::vector<QuadPlan> plans = PlansFor(from, to);
     if (plans.empty()) {
-        throw ToolFailure(ExitWrongUsage,
+        throw ToolFailure(ToolExit::WrongUsage,
                           "there are quads for fields of " +
                               NumberText(QuadPlans().front().SmallestDiagonal) + " to " +
                               NumberText(QuadPlans().back().LargestDiagonal) + " degrees across");
@@ -76,7 +76,7 @@ void MakeTables(const std::filesystem::path& folder, double from, double to) {
         ThrowIfStopped();
         writer.Commit();
     } catch (const std::system_error& error) {
-        throw ToolFailure(ExitCannotWrite, error.what());
+        throw ToolFailure(ToolExit::CannotWrite, error.what());
     }
     std::printf("%s quads in %s\n", GroupedText(quads).c_str(),
                 WithoutControls(TextFromPath(path)).c_str());
@@ -84,7 +84,7 @@ void MakeTables(const std::filesystem::path& folder, double from, double to) {
 
 }  // namespace
 
-void AddQuadsCommand(CLI::App& program, int& exitCode) {
+void AddQuadsCommand(CLI::App& program, ToolExit& exitCode) {
     CLI::App& command = *program.add_subcommand(
         "quads",
         "Make the quad tables of the catalog, for solving without a starting centre; the old ones "
@@ -105,7 +105,7 @@ void AddQuadsCommand(CLI::App& program, int& exitCode) {
         ->capture_default_str();
     command.callback([folder, from, to, &exitCode] {
         MakeTables(ExistingCatalog(*folder), *from, *to);
-        exitCode = ExitGood;
+        exitCode = ToolExit::Good;
     });
 }
 

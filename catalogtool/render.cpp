@@ -5,12 +5,12 @@
 #include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <numbers>
 #include <optional>
 
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "catalog/libCatalogRegion.h"
 #include "catalogtool/commands.h"
 #include "catalogtool/libToolReport.h"
 #include "image/libFitsCards.h"
@@ -23,8 +23,6 @@ namespace vestrel {
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr double radiansPerDegree = std::numbers::pi / 180;
 
 struct RenderOptions {
     std::string Catalog;
@@ -61,7 +59,7 @@ struct RenderPlan {
 };
 
 [[noreturn]] void WrongUsage(const std::string& text) {
-    throw ToolFailure(ExitWrongUsage, text);
+    throw ToolFailure(ToolExit::WrongUsage, text);
 }
 
 FrameGeometry GeometryOf(const RenderOptions& options) {
@@ -85,7 +83,7 @@ FrameGeometry GeometryOf(const RenderOptions& options) {
     geometry.Width = options.WidthPixels;
     geometry.Height = static_cast<int>(height);
     geometry.RadiansPerPixel = size->first / options.WidthPixels;
-    geometry.UpPositionAngle = options.Rotation * radiansPerDegree;
+    geometry.UpPositionAngle = options.Rotation * RadiansPerDegree;
     geometry.Mirrored = options.Mirrored;
     if (!options.Distortion.empty()) {
         geometry.Distortion = options.Distortion[0];
@@ -102,7 +100,7 @@ FrameGeometry GeometryOf(const RenderOptions& options) {
                 "half of it off the middle");
         }
     }
-    if (geometry.Radius() > 60 * radiansPerDegree) WrongUsage("--size: the field is too wide");
+    if (geometry.Radius() > 60 * RadiansPerDegree) WrongUsage("--size: the field is too wide");
     return geometry;
 }
 
@@ -110,7 +108,7 @@ RenderPlan PlanOf(const RenderOptions& options) {
     RenderPlan plan;
     plan.Geometry = GeometryOf(options);
     plan.FieldHalfDiagonal = plan.Geometry.HalfDiagonal() * plan.Geometry.RadiansPerPixel;
-    plan.SolveLimit = SolveMagnitudeLimit(plan.FieldHalfDiagonal);
+    plan.SolveLimit = MagnitudeLimitFor(plan.FieldHalfDiagonal);
 
     FrameExposure& exposure = plan.Exposure;
     exposure = options.Exposure;
@@ -129,7 +127,7 @@ RenderPlan PlanOf(const RenderOptions& options) {
         static_cast<int>(static_cast<double>(plan.Geometry.Width) * plan.Geometry.Height / 20000));
     if (!options.Trail.empty()) {
         exposure.TrailLength = options.Trail[0];
-        if (options.Trail.size() > 1) exposure.TrailAngle = options.Trail[1] * radiansPerDegree;
+        if (options.Trail.size() > 1) exposure.TrailAngle = options.Trail[1] * RadiansPerDegree;
     }
     if (!options.Defocus.empty()) {
         exposure.DefocusDiameter = options.Defocus[0];
@@ -158,7 +156,7 @@ std::string ToTheMinute(const std::string& sexagesimal) {
 
 std::vector<std::string> HeaderCards(const RenderOptions& options, const RenderPlan& plan) {
     const FrameGeometry& geometry = plan.Geometry;
-    const double arcsecondsPerPixel = geometry.RadiansPerPixel / radiansPerDegree * 3600;
+    const double arcsecondsPerPixel = geometry.RadiansPerPixel / RadiansPerDegree * 3600;
     constexpr double pixelMicrometres = 5;
     return {
         FitsTextCard("OBJECT", options.RandomStars ? "random stars" : "catalog stars"),
@@ -200,22 +198,22 @@ Json TruthOf(const RenderOptions& options, const RenderPlan& plan,
         if (inFrame > mostListed) continue;
         listed.push_back({{"x", place.X},
                           {"y", place.Y},
-                          {"ra_deg", star.Sky.Ra / radiansPerDegree},
-                          {"dec_deg", star.Sky.Dec / radiansPerDegree},
+                          {"ra_deg", star.Sky.Ra / RadiansPerDegree},
+                          {"dec_deg", star.Sky.Dec / RadiansPerDegree},
                           {"mag", star.Sky.Mag}});
     }
 
     double up = std::fmod(options.Rotation, 360);
     if (up < 0) up += 360;
     Json truth;
-    truth["ra_deg"] = geometry.CentreRa / radiansPerDegree;
-    truth["dec_deg"] = geometry.CentreDec / radiansPerDegree;
-    truth["scale_arcsec_px"] = geometry.RadiansPerPixel / radiansPerDegree * 3600;
+    truth["ra_deg"] = geometry.CentreRa / RadiansPerDegree;
+    truth["dec_deg"] = geometry.CentreDec / RadiansPerDegree;
+    truth["scale_arcsec_px"] = geometry.RadiansPerPixel / RadiansPerDegree * 3600;
     truth["up_position_angle_deg"] = up;
     truth["mirrored"] = geometry.Mirrored;
     truth["width_px"] = geometry.Width;
     truth["height_px"] = geometry.Height;
-    truth["half_diagonal_arcmin"] = plan.FieldHalfDiagonal / radiansPerDegree * 60;
+    truth["half_diagonal_arcmin"] = plan.FieldHalfDiagonal / RadiansPerDegree * 60;
     truth["bitpix"] = options.Format;
     truth["seed"] = exposure.Seed;
     truth["seeing_px"] = exposure.Seeing;
@@ -226,7 +224,7 @@ Json TruthOf(const RenderOptions& options, const RenderPlan& plan,
     truth["zero_point"] = exposure.ZeroPoint;
     truth["solve_magnitude_limit"] = plan.SolveLimit;
     truth["trail_px"] = exposure.TrailLength;
-    truth["trail_angle_deg"] = exposure.TrailAngle / radiansPerDegree;
+    truth["trail_angle_deg"] = exposure.TrailAngle / RadiansPerDegree;
     truth["defocus_px"] = exposure.DefocusDiameter;
     truth["drawn_magnitude_limit"] = plan.DrawnLimit;
     truth["distortion_px"] = geometry.Distortion;
@@ -239,8 +237,8 @@ Json TruthOf(const RenderOptions& options, const RenderPlan& plan,
             FrameToSky(geometry, {x, y}, ra, dec);
             corners.push_back({{"x", x},
                                {"y", y},
-                               {"ra_deg", ra / radiansPerDegree},
-                               {"dec_deg", dec / radiansPerDegree}});
+                               {"ra_deg", ra / RadiansPerDegree},
+                               {"dec_deg", dec / RadiansPerDegree}});
         }
     }
     truth["corners"] = std::move(corners);
@@ -255,7 +253,7 @@ Json TruthOf(const RenderOptions& options, const RenderPlan& plan,
 
 void Write(const fs::path& path, bool written) {
     if (!written) {
-        throw ToolFailure(ExitCannotWrite,
+        throw ToolFailure(ToolExit::CannotWrite,
                           TextFromPath(path) + ": cannot be written: " + SystemErrorText());
     }
 }
@@ -303,7 +301,7 @@ void Render(const RenderOptions& options) {
 
 }  // namespace
 
-void AddRenderCommand(CLI::App& program, int& exitCode) {
+void AddRenderCommand(CLI::App& program, ToolExit& exitCode) {
     CLI::App& command = *program.add_subcommand(
         "render",
         "Draw a frame of the sky from the catalog, and its truth beside it (.truth.json)");
@@ -399,7 +397,7 @@ void AddRenderCommand(CLI::App& program, int& exitCode) {
         ->group(camera);
     command.callback([options, &exitCode] {
         Render(*options);
-        exitCode = ExitGood;
+        exitCode = ToolExit::Good;
     });
 }
 

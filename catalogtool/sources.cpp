@@ -50,7 +50,7 @@ void Print(const CatalogSources& found) {
 
 }  // namespace
 
-void AddSourcesCommand(CLI::App& program, int& exitCode) {
+void AddSourcesCommand(CLI::App& program, ToolExit& exitCode) {
     CLI::App& command = *program.add_subcommand(
         "sources", "List what other programs have installed that a catalog can be made from");
     const auto folders = std::make_shared<std::vector<std::string>>();
@@ -59,7 +59,7 @@ void AddSourcesCommand(CLI::App& program, int& exitCode) {
         std::vector<std::filesystem::path> places;
         for (const std::string& folder : *folders) places.push_back(PathFromText(folder));
         Print(FindCatalogSources(places.empty() ? UsualSourceFolders() : places));
-        exitCode = ExitGood;
+        exitCode = ToolExit::Good;
     });
 }
 

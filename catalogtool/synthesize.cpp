@@ -43,9 +43,9 @@ void Synthesize(const Request& request) {
     manifest.Cells = builder.Cells();
     manifest.Magnitudes = builder.Magnitudes().Steps();
     manifest.Duplicates = builder.Duplicates();
-    if (manifest.StarCount() == 0) throw ToolFailure(ExitWrongUsage, "not one star");
+    if (manifest.StarCount() == 0) throw ToolFailure(ToolExit::WrongUsage, "not one star");
     if (!WriteManifest(folder.Path(), manifest)) {
-        throw ToolFailure(ExitCannotWrite,
+        throw ToolFailure(ToolExit::CannotWrite,
                           TextFromPath(folder.Path() / ManifestName) + ": " + SystemErrorText());
     }
     ThrowIfStopped();
@@ -57,7 +57,7 @@ void Synthesize(const Request& request) {
 
 }  // namespace
 
-void AddSynthesizeCommand(CLI::App& program, int& exitCode) {
+void AddSynthesizeCommand(CLI::App& program, ToolExit& exitCode) {
     CLI::App& command = *program.add_subcommand(
         "synthesize", "Make a catalog of random stars, for tests only: it solves rendered frames");
     const auto request = std::make_shared<Request>();
@@ -83,7 +83,7 @@ void AddSynthesizeCommand(CLI::App& program, int& exitCode) {
         ->check(CLI::Range(0.01, 180.0));
     command.callback([request, &exitCode] {
         Synthesize(*request);
-        exitCode = ExitGood;
+        exitCode = ToolExit::Good;
     });
 }
 

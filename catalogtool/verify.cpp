@@ -13,7 +13,7 @@ namespace vestrel {
 
 namespace {
 
-int Verify(const std::filesystem::path& folder) {
+ToolExit Verify(const std::filesystem::path& folder) {
     CatalogManifest manifest;
     const ManifestState state = ReadManifest(folder, manifest);
     const bool hasManifest = state == ManifestState::Good;
@@ -53,12 +53,12 @@ int Verify(const std::filesystem::path& folder) {
         "%s: %s stars, %s\n", WithoutControls(TextFromPath(folder)).c_str(),
         GroupedText(survey.Stars).c_str(),
         survey.FaultCount == 0 ? "all good" : (GroupedText(survey.FaultCount) + " faults").c_str());
-    return survey.FaultCount == 0 ? ExitGood : ExitFaultsFound;
+    return survey.FaultCount == 0 ? ToolExit::Good : ToolExit::FaultsFound;
 }
 
 }  // namespace
 
-void AddVerifyCommand(CLI::App& program, int& exitCode) {
+void AddVerifyCommand(CLI::App& program, ToolExit& exitCode) {
     CLI::App& command = *program.add_subcommand(
         "verify",
         "Check every cell file (length, ranges, place, order, checksum) and the quad tables");

@@ -31,16 +31,17 @@ std::filesystem::path ExistingCatalog(const std::string& folder) {
     std::filesystem::path chosen = ChosenCatalog(folder);
     std::error_code ignored;
     if (!std::filesystem::is_directory(chosen, ignored)) {
-        throw ToolFailure(ExitBadInput, TextFromPath(chosen) +
-                                            ": there is no catalog; \"vestrel-catalog build\" "
-                                            "makes one");
+        throw ToolFailure(ToolExit::BadInput,
+                          TextFromPath(chosen) +
+                              ": there is no catalog; \"vestrel-catalog build\" "
+                              "makes one");
     }
     return chosen;
 }
 
 namespace {
 
-int Run(int argc, const char* const* argv) {
+ToolExit Run(int argc, const char* const* argv) {
     CLI::App program("Makes, describes and checks the star catalog of Vestrel.", "vestrel-catalog");
     program.allow_windows_style_options(false);  // a path may begin with "/" there too
     program.set_version_flag("--version", "vestrel-catalog " VESTREL_VERSION);
@@ -50,7 +51,7 @@ int Run(int argc, const char* const* argv) {
         "Exit codes: 0 good, 1 verify found faults, 2 wrong usage, 3 input missing or invalid,\n"
         "4 cannot write, 130 stopped by Ctrl-C.");
 
-    int exitCode = ExitGood;
+    ToolExit exitCode = ToolExit::Good;
     AddBuildCommand(program, exitCode);
     AddInfoCommand(program, exitCode);
     AddQuadsCommand(program, exitCode);
@@ -68,11 +69,11 @@ int Run(int argc, const char* const* argv) {
         const bool good = program.exit(error, out, errors) == 0;
         std::fputs(WithoutControls(out.str(), "\n").c_str(), stdout);
         std::fputs(WithoutControls(errors.str(), "\n").c_str(), stderr);
-        return good ? ExitGood : ExitWrongUsage;
+        return good ? ToolExit::Good : ToolExit::WrongUsage;
     }
     // Results that never arrived are no success.
     if (std::fflush(stdout) != 0) {
-        throw ToolFailure(ExitCannotWrite, "standard output: " + SystemErrorText());
+        throw ToolFailure(ToolExit::CannotWrite, "standard output: " + SystemErrorText());
     }
     return exitCode;
 }
@@ -84,14 +85,14 @@ int main(int argc, char** argv) {
     try {
         const vestrel::ProgramArguments arguments(argc, argv);
         const vestrel::PreparedConsole console;
-        return vestrel::Run(arguments.Count(), arguments.Values());
+        return NumberOf(vestrel::Run(arguments.Count(), arguments.Values()));
     } catch (const vestrel::ToolFailure& failure) {
         std::fprintf(stderr, "vestrel-catalog: %s\n",
                      vestrel::WithoutControls(failure.what(), "\n").c_str());
-        return vestrel::ExitCodeAfter(failure.Code);
+        return NumberOf(vestrel::ExitCodeAfter(failure.Code));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "vestrel-catalog: %s\n",
                      vestrel::WithoutControls(error.what(), "\n").c_str());
-        return vestrel::ExitBadInput;
+        return NumberOf(vestrel::ToolExit::BadInput);
     }
 }

@@ -9,7 +9,6 @@
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
-#include "console/exitCodes.h"
 #include "image/libFormats.h"
 #include "platform/libPlatform.h"
 
@@ -28,13 +27,6 @@ constexpr const char* description =
     "and path as one argument, and writes a result file (.kel) beside the image.";
 
 constexpr const char* closing =
-    "Exit codes:\n"
-    "  0  solved                          5  the image cannot be read\n"
-    "  1  fewer than 6 stars              6  the parameter string's path has no \".\"\n"
-    "  2  wrong use of the command line   7  no match, as there is no catalog for this field\n"
-    "  3  no match                        8  solved, but the result could not be written\n"
-    "  4  stopped by the user             9  not sure: only a candidate was found\n"
-    "\n"
 #ifdef _WIN32
     "The catalog is the first of --catalog, %VESTREL_CATALOG% and %ProgramData%\\Harrowdene\\KEL;\n"
     "vestrel-catalog makes one. %VESTREL_THREADS% limits the threads; %VESTREL_TRY_HARDER%=1 is\n"
@@ -44,6 +36,22 @@ constexpr const char* closing =
     "/var/lib/Harrowdene/KEL; vestrel-catalog makes one. $VESTREL_THREADS limits the threads;\n"
     "$VESTREL_TRY_HARDER=1 is --try-harder.";
 #endif
+
+/// All exit codes, in two columns.
+std::string ExitCodeText() {
+    constexpr std::size_t columnWidth = 35;
+    constexpr std::size_t rows = ExitCodes.size() / 2;
+    const auto entry = [](ExitCode code) {
+        return "  " + std::to_string(NumberOf(code)) + "  " + std::string(MeaningOf(code));
+    };
+    std::string text = "Exit codes:\n";
+    for (std::size_t row = 0; row < rows; ++row) {
+        std::string line = entry(ExitCodes[row]);
+        line.resize(std::max(line.size(), columnWidth), ' ');
+        text += line + entry(ExitCodes[row + rows]) + "\n";
+    }
+    return text + "\n";
+}
 
 /// A parameter string is one argument with commas that names no file.
 bool LooksLikeParameterString(const std::string& argument) {
@@ -117,7 +125,7 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
                                   SolveParameters& parameters) {
     CLI::App app(description, "vestrel-solve");
     app.allow_windows_style_options(false);  // a path may begin with "/" there too
-    app.footer(closing);
+    app.footer(ExitCodeText() + closing);
     app.set_version_flag("--version", std::string("vestrel-solve ") + VESTREL_VERSION + "\nReads " +
                                           ReadableFormats());
     std::string argument;
@@ -179,7 +187,7 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
         std::ostringstream out;
         std::ostringstream errors;
         const int code = app.exit(end, out, errors);
-        if (code == 0) return {0, out.str()};
+        if (code == 0) return {ExitCode::Solved, out.str()};
         return {ExitCode::Usage, errors.str()};
     }
     if (!options.InfoFile.empty()) return {};

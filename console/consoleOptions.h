@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "console/exitCodes.h"
 #include "program/mCommandLine.h"
 #include "program/mGeneral.h"
 
@@ -30,10 +31,10 @@ struct ConsoleOptions {
     bool Quiet = false;
 };
 
-/// The outcome of reading the command line: go on, or end with a code (0 after --help).
+/// The outcome of reading the command line: go on, or end with a code (`Solved` after --help).
 struct ParsedOptions {
-    std::optional<int> EndWith;
-    std::string Output;  ///< for stdout when the code is 0, else for stderr
+    std::optional<ExitCode> EndWith;
+    std::string Output;  ///< for stdout when the code is `Solved`, else for stderr
 };
 
 /// Reads the command line into `options`. `parameters` holds the settings and takes what the

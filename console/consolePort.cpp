@@ -20,7 +20,7 @@ extern "C" void OnStopSignal(int /*signal*/) {
     for (const int other : {SIGINT, SIGTERM}) std::signal(other, SIG_DFL);
     stopSignals = 1;
     // What is underway sees the first one by itself, unless it waits for a disk or a peer.
-    EndWithin(2, ExitCode::Stopped);
+    EndWithin(2, NumberOf(ExitCode::Stopped));
 }
 
 }  // namespace

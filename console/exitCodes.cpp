@@ -6,7 +6,33 @@
 
 namespace vestrel {
 
-int ExitCodeOf(SolveCode code, const ProgramState& state) {
+std::string_view MeaningOf(ExitCode code) {
+    switch (code) {
+        case ExitCode::Solved:
+            return "solved";
+        case ExitCode::TooFewStars:
+            return "fewer than 6 stars";
+        case ExitCode::Usage:
+            return "wrong use of the command line";
+        case ExitCode::NoMatch:
+            return "no match";
+        case ExitCode::Stopped:
+            return "stopped by the user";
+        case ExitCode::NoImage:
+            return "the image cannot be read";
+        case ExitCode::InvalidFileName:
+            return "the parameter string's path has no \".\"";
+        case ExitCode::NoCatalog:
+            return "no match, as there is no catalog for this field";
+        case ExitCode::NotWritten:
+            return "solved, but the result could not be written";
+        case ExitCode::NotSure:
+            return "not sure: only a candidate was found";
+    }
+    return {};
+}
+
+ExitCode ExitCodeOf(SolveCode code, const ProgramState& state) {
     switch (code) {
         case SolveCode::Solved:
             return ExitCode::Solved;
@@ -26,7 +52,7 @@ int ExitCodeOf(SolveCode code, const ProgramState& state) {
     return CatalogComplaint(state).empty() ? ExitCode::NoMatch : ExitCode::NoCatalog;
 }
 
-int ExitCodeOf(const UnattendedOutcome& outcome, const ProgramState& state, Port& port) {
+ExitCode ExitCodeOf(const UnattendedOutcome& outcome, const ProgramState& state, Port& port) {
     switch (outcome.End) {
         case UnattendedEnd::InvalidParameters:
             return ExitCode::Usage;
@@ -37,7 +63,7 @@ int ExitCodeOf(const UnattendedOutcome& outcome, const ProgramState& state, Port
         case UnattendedEnd::Finished:
             break;
     }
-    const int code = ExitCodeOf(outcome.Result.Code, state);
+    const ExitCode code = ExitCodeOf(outcome.Result.Code, state);
     if (outcome.ResultFileWritten) return code;
     port.ShowMessage("The result file " + TextFromPath(ResultFilePath(outcome.Request.Path)) +
                          " cannot be written.",

@@ -32,7 +32,7 @@ namespace {
 /// How a run ended.
 struct Outcome {
     PlanReport Plan;
-    int Exit = ExitCode::Usage;
+    ExitCode Exit = ExitCode::Usage;
     SolveResult Result;
     bool Attempted = false;  ///< an image was read and a solve ran
     std::string Image;
@@ -143,7 +143,7 @@ bool WriteOutputs(const ProgramState& state, Port& port, const ConsoleOptions& o
     return good;
 }
 
-int PrintHeader(ProgramState& state, Port& port, const std::string& path) {
+ExitCode PrintHeader(ProgramState& state, Port& port, const std::string& path) {
     if (!OpenImage(state, port, path)) {
         std::fputs(state.Display.Details.c_str(), stderr);
         return ExitCode::NoImage;
@@ -161,7 +161,6 @@ int PrintHeader(ProgramState& state, Port& port, const std::string& path) {
 
 /// The matched pairs: where each star lies in the image and in the catalog.
 nlohmann::ordered_json JsonMatches(const PlateSolution& solution) {
-    constexpr double degreesPerRadian = 57.29577951308232;
     nlohmann::ordered_json matches = nlohmann::ordered_json::array();
     for (const auto& [catalog, plate] : MatchedStars(solution)) {
         double x = 0;
@@ -171,8 +170,8 @@ nlohmann::ordered_json JsonMatches(const PlateSolution& solution) {
                            {"y", plate->Y},
                            {"catalog_x", x},
                            {"catalog_y", y},
-                           {"ra_deg", catalog->Ra * degreesPerRadian},
-                           {"dec_deg", catalog->Dec * degreesPerRadian},
+                           {"ra_deg", catalog->Ra * ExactDegreesPerRadian},
+                           {"dec_deg", catalog->Dec * ExactDegreesPerRadian},
                            {"magnitude", RoundToDecimals(double{catalog->Flux}, 2)}});
     }
     return matches;
@@ -201,18 +200,17 @@ nlohmann::ordered_json JsonPolynomial(const Polynomial& polynomial, int least) {
 
 /// The gnomonic model of the whole image, in grid pixels: x and y from 0, the centre between.
 nlohmann::ordered_json JsonSkyModel(const ImageSkyModel& image) {
-    constexpr double degreesPerRadian = 57.29577951308232;
     const SkyModel& model = image.Model;
     const auto degrees = [&](int row, int column) {
-        return model.Cd[row][column] * degreesPerRadian;
+        return model.Cd[row][column] * ExactDegreesPerRadian;
     };
     nlohmann::ordered_json json = {
-        {"ra_deg", model.Tangent.Ra * degreesPerRadian},
-        {"dec_deg", model.Tangent.Dec * degreesPerRadian},
+        {"ra_deg", model.Tangent.Ra * ExactDegreesPerRadian},
+        {"dec_deg", model.Tangent.Dec * ExactDegreesPerRadian},
         {"x", model.Centre().X},
         {"y", model.Centre().Y},
         {"cd_deg", {{degrees(0, 0), degrees(0, 1)}, {degrees(1, 0), degrees(1, 1)}}},
-        {"scale_arcsec_px", model.Scale() * degreesPerRadian * 3600},
+        {"scale_arcsec_px", model.Scale() * ExactDegreesPerRadian * 3600},
         {"sip_order", model.Distortion[0].Order},
         {"fitted_to_all_stars", image.Solution.has_value()}};
     if (model.Distorted()) {
@@ -227,8 +225,8 @@ nlohmann::ordered_json JsonSkyModel(const ImageSkyModel& image) {
             const SkyPosition sky = model.SkyOf({x, y});
             corners.push_back({{"x", x},
                                {"y", y},
-                               {"ra_deg", sky.Ra * degreesPerRadian},
-                               {"dec_deg", sky.Dec * degreesPerRadian}});
+                               {"ra_deg", sky.Ra * ExactDegreesPerRadian},
+                               {"dec_deg", sky.Dec * ExactDegreesPerRadian}});
         }
     }
     json["corners"] = corners;
@@ -237,12 +235,13 @@ nlohmann::ordered_json JsonSkyModel(const ImageSkyModel& image) {
     const SkyModelFit& fit = solution.Fit;
     json["stars"] = solution.Pairs.size();
     json["rms_px"] = solution.Rms;
-    json["sigma"] = {{"star_px", fit.Sigma},
-                     {"centre_px", fit.CentreSigma},
-                     {"centre_arcsec", fit.CentreSigma * model.Scale() * degreesPerRadian * 3600},
-                     {"scale_relative", fit.ScaleSigma},
-                     {"rotation_deg", fit.RotationSigma * degreesPerRadian},
-                     {"edge_px", fit.EdgeSigma}};
+    json["sigma"] = {
+        {"star_px", fit.Sigma},
+        {"centre_px", fit.CentreSigma},
+        {"centre_arcsec", fit.CentreSigma * model.Scale() * ExactDegreesPerRadian * 3600},
+        {"scale_relative", fit.ScaleSigma},
+        {"rotation_deg", fit.RotationSigma * ExactDegreesPerRadian},
+        {"edge_px", fit.EdgeSigma}};
     nlohmann::ordered_json rings = nlohmann::ordered_json::array();
     for (const SkyRing& ring : solution.Rings) {
         rings.push_back({{"outer", ring.Outer}, {"stars", ring.Stars}, {"rms_px", ring.Rms}});
@@ -276,10 +275,9 @@ nlohmann::ordered_json JsonAttempts(const PlanReport& report) {
 /// The figures of a solution, or of a candidate that is not sure.
 void AddSolution(nlohmann::ordered_json& json, const PlateSolution& solution,
                  const PlateImage& image) {
-    constexpr double degreesPerRadian = 57.29577951308232;
     const ImageOrientation orientation = OrientationOf(solution, image);
-    json["ra_deg"] = solution.CentreRA * degreesPerRadian;
-    json["dec_deg"] = solution.CentreDec * degreesPerRadian;
+    json["ra_deg"] = solution.CentreRA * ExactDegreesPerRadian;
+    json["dec_deg"] = solution.CentreDec * ExactDegreesPerRadian;
     json["ra"] = FormatRA(solution.CentreRA, true, 2);
     json["dec"] = FormatDec(solution.CentreDec, true, 1);
     json["width_arcmin"] = solution.WidthArcmin;
@@ -295,15 +293,14 @@ void AddSolution(nlohmann::ordered_json& json, const PlateSolution& solution,
     json["stars_matched"] = solution.MatchedCount;
     json["regions_searched"] = solution.RegionsSearched;
     json["magnitude_zero_point"] = solution.MagnitudeZeroPoint;
-    json["tangent_ra_deg"] = solution.TangentRA * degreesPerRadian;
-    json["tangent_dec_deg"] = solution.TangentDec * degreesPerRadian;
+    json["tangent_ra_deg"] = solution.TangentRA * ExactDegreesPerRadian;
+    json["tangent_dec_deg"] = solution.TangentDec * ExactDegreesPerRadian;
     const PlateConstants& t = solution.Transform;
     json["transform"] = {t.a, t.b, t.c, t.d, t.e, t.f};
     json["confidence"] = JsonConfidence(solution.Confidence);
 }
 
 nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outcome) {
-    constexpr double degreesPerRadian = 57.29577951308232;
     const bool solved = outcome.Result.Code == SolveCode::Solved && outcome.Attempted;
     nlohmann::ordered_json json;
     json["solved"] = solved;
@@ -314,7 +311,7 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
         json["code"] = NumberOf(outcome.Result.Code);
     }
     json["message"] = outcome.Result.Message;
-    json["exit_code"] = outcome.Exit;
+    json["exit_code"] = NumberOf(outcome.Exit);
     json["image"] = outcome.Image;
     if (!outcome.Attempted) return json;
     if (solved) {
@@ -349,8 +346,8 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
         json["catalog_complaint"] = CatalogComplaint(state);
         json["best_attempt"] = {{"pairs_by_votes", report.BestAttempt.Selected},
                                 {"pairs_left", report.BestAttempt.Kept},
-                                {"ra_deg", report.BestAttemptCentre.Ra * degreesPerRadian},
-                                {"dec_deg", report.BestAttemptCentre.Dec * degreesPerRadian}};
+                                {"ra_deg", report.BestAttemptCentre.Ra * ExactDegreesPerRadian},
+                                {"dec_deg", report.BestAttemptCentre.Dec * ExactDegreesPerRadian}};
         json["advice"] = Advice(state, outcome.Result.Code);
     }
     for (const auto& [stage, seconds] : StageTable(report.Times)) json["seconds"][stage] = seconds;
@@ -401,7 +398,7 @@ void PrintForPeople(const ProgramState& state, const Outcome& outcome, bool quie
     PrintTimes(stderr, state, outcome);
 }
 
-int Run(int argc, const char* const* argv) {
+ExitCode Run(int argc, const char* const* argv) {
     const auto state = std::make_unique<ProgramState>();
     Outcome outcome;
     ConsoleOptions options;
@@ -413,7 +410,7 @@ int Run(int argc, const char* const* argv) {
     const ParsedOptions parsed = ParseConsoleOptions(argc, argv, options, state->Parameters);
     if (parsed.EndWith) {
         std::fputs(WithoutControls(parsed.Output, "\n").c_str(),
-                   *parsed.EndWith == 0 ? stdout : stderr);
+                   *parsed.EndWith == ExitCode::Solved ? stdout : stderr);
         return *parsed.EndWith;
     }
     state->Catalog.Folder =
@@ -461,9 +458,9 @@ int main(int argc, char** argv) {
     try {
         const vestrel::ProgramArguments arguments(argc, argv);
         const vestrel::PreparedConsole console;
-        return vestrel::Run(arguments.Count(), arguments.Values());
+        return NumberOf(vestrel::Run(arguments.Count(), arguments.Values()));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "vestrel-solve: %s\n", vestrel::WithoutControls(error.what()).c_str());
-        return vestrel::ExitCode::Usage;
+        return NumberOf(vestrel::ExitCode::Usage);
     }
 }

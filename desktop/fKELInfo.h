@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "console/exitCodes.h"
 #include "desktop/fFITSHeader.h"
 #include "desktop/fHelp.h"
 #include "desktop/fHistogram.h"
@@ -46,7 +47,7 @@ class SolveWindow : public QMainWindow {
     /// Solves as a parameter string says, then counts down and closes the program.
     void StartUnattended(const std::string& parameters);
     /// What the program is to end with.
-    int ExitCode() const { return exitCode_; }
+    ExitCode EndsWith() const { return exitCode_; }
     /// One tick of the countdown; a second unless it is set.
     void SetCountdownInterval(int milliseconds) { countdown_.setInterval(milliseconds); }
 
@@ -115,7 +116,7 @@ class SolveWindow : public QMainWindow {
     QTimer clock_;
     QTimer openDropped_;
     std::string droppedFile_;
-    int exitCode_ = 0;
+    ExitCode exitCode_ = ExitCode::Solved;
 
     std::vector<std::pair<QLabel*, std::string SolveDisplay::*>> shown_;
     std::vector<std::pair<QLineEdit*, std::string SolveInputs::*>> inputs_;

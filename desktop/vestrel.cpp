@@ -22,7 +22,7 @@
 namespace vestrel {
 namespace {
 
-int RunWithoutWindow(const DesktopStart& start, ProgramState& state) {
+ExitCode RunWithoutWindow(const DesktopStart& start, ProgramState& state) {
     if (start.What != DesktopStart::Kind::Unattended) {
         std::fputs(
             "vestrel: there is no display to open a window on; vestrel-solve solves without one\n",
@@ -35,7 +35,7 @@ int RunWithoutWindow(const DesktopStart& start, ProgramState& state) {
     return ExitCodeOf(outcome, state, port);
 }
 
-int Run(int argc, char** argv) {
+ExitCode Run(int argc, char** argv) {
     // An installed program finds its icon and its windows by this.
     constexpr const char* applicationId = "org.vestrel.Vestrel";
     const auto state = std::make_unique<ProgramState>();
@@ -48,7 +48,7 @@ int Run(int argc, char** argv) {
     DesktopStart start = readArguments();
     if (start.What == DesktopStart::Kind::Print) {
         std::fputs(WithoutControls(start.Text, "\n").c_str(), stdout);
-        return 0;
+        return ExitCode::Solved;
     }
     auto probe = std::make_unique<DisplayProbe>(argc, argv);
     if (!probe->CanOpenWindows()) return RunWithoutWindow(start, *state);
@@ -65,7 +65,7 @@ int Run(int argc, char** argv) {
         if (start.What == DesktopStart::Kind::Unattended) window.StartUnattended(start.Text);
     });
     QApplication::exec();
-    return window.ExitCode();
+    return window.EndsWith();
 }
 
 }  // namespace
@@ -73,9 +73,9 @@ int Run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     try {
-        return vestrel::Run(argc, argv);
+        return NumberOf(vestrel::Run(argc, argv));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "vestrel: %s\n", vestrel::WithoutControls(error.what()).c_str());
-        return vestrel::ExitCode::Usage;
+        return NumberOf(vestrel::ExitCode::Usage);
     }
 }

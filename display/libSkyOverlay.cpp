@@ -5,13 +5,12 @@
 #include <numbers>
 
 #include "astro/libConversions.h"
+#include "astro/libMath.h"
 #include "astro/libStrings.h"
 
 namespace vestrel {
 
 namespace {
-
-constexpr double exactArcsecondsPerRadian = 206264.80624709636;
 
 /// So that rounding does not take away what lies on the very rim of the sky.
 constexpr double rim = 1e-12;
@@ -111,7 +110,7 @@ std::optional<ScaleBar> ScaleBarFor(const SkyMap& map, double longest) {
                           {1, "\"", {30, 20, 10, 5, 2}},
                           {1, "\"", {1, 0.5, 0.2, 0.1, 0.05}},
                           {1, "\"", {0.02, 0.01, 0.005, 0.002, 0.001}}};
-    const double pixelsPerArcsecond = map.PixelsPerRadian() / exactArcsecondsPerRadian;
+    const double pixelsPerArcsecond = map.PixelsPerRadian() / ExactArcsecondsPerRadian;
     for (const Unit& unit : units) {
         for (const double step : unit.Steps) {
             const double pixels = step * unit.Arcseconds * pixelsPerArcsecond;

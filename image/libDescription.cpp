@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "image/libFitsCards.h"
+
 namespace vestrel {
 
 namespace {
 
-constexpr std::size_t cardLength = 80;
 constexpr std::size_t keywordLength = 8;
 constexpr std::size_t longestDescription = 1 << 20;
 
@@ -32,8 +33,8 @@ void PassLine(std::string_view line, PictureSink& sink) {
     if (line.empty() || line == "END") return;
     const bool comment = line.starts_with("COMMENT") || line.starts_with("HISTORY");
     if (comment || IsCard(line)) {
-        std::string card(line.substr(0, cardLength));
-        card.resize(cardLength, ' ');
+        std::string card(line.substr(0, FitsCardLength));
+        card.resize(FitsCardLength, ' ');
         sink.Card(card);
         return;
     }
@@ -42,7 +43,7 @@ void PassLine(std::string_view line, PictureSink& sink) {
         std::string card = "COMMENT " + std::string(line.substr(at, room));
         std::replace_if(
             card.begin(), card.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-        card.resize(cardLength, ' ');
+        card.resize(FitsCardLength, ' ');
         sink.Card(card);
     }
 }
@@ -67,9 +68,9 @@ void PassDescription(std::string_view text, PictureSink& sink) {
         std::count(text.begin(), text.end(), '[') < 100 && PassJson(text, sink)) {
         return;
     }
-    if (text.find('\n') == std::string_view::npos && text.size() % cardLength == 0) {
-        for (std::size_t at = 0; at < text.size(); at += cardLength) {
-            PassLine(text.substr(at, cardLength), sink);
+    if (text.find('\n') == std::string_view::npos && text.size() % FitsCardLength == 0) {
+        for (std::size_t at = 0; at < text.size(); at += FitsCardLength) {
+            PassLine(text.substr(at, FitsCardLength), sink);
         }
         return;
     }

@@ -10,6 +10,7 @@
 
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "image/libFitsCards.h"
 #include "image/libPixelRows.h"
 #include "platform/libFileParts.h"
 #include "platform/libFiles.h"
@@ -18,8 +19,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr std::size_t cardLength = 80;
-constexpr std::size_t blockLength = 2880;
 /// Counts must fit 32 bits after the offset has been added, with room for what is added later.
 constexpr std::int64_t largestOffset = 2'000'000'000;
 /// A file must hold a byte for so many pixels that it lacks, if they cost memory.
@@ -115,7 +114,7 @@ struct SplitCard {
 };
 
 SplitCard SplitHeaderCard(std::string_view card) {
-    card = card.substr(0, cardLength);
+    card = card.substr(0, FitsCardLength);
     const std::size_t equals = card.find('=');
     // Without "=" the keyword has 8 columns, and the value starts in column 10.
     const bool assigned = equals != std::string_view::npos;
@@ -186,12 +185,12 @@ bool ReadHeader(std::FILE* file, ImageHeader& header, ReadFailure& failure) {
     std::string keyword;
     while (keyword != "END") {
         ++n;
-        blockPosition = (blockPosition + cardLength) % blockLength;
-        char text[cardLength];
-        if (std::fread(text, 1, cardLength, file) != cardLength) {
+        blockPosition = (blockPosition + FitsCardLength) % FitsBlockLength;
+        char text[FitsCardLength];
+        if (std::fread(text, 1, FitsCardLength, file) != FitsCardLength) {
             throw std::runtime_error("the file ends inside the header");
         }
-        const std::string card(text, cardLength);
+        const std::string card(text, FitsCardLength);
         if (n < ImageHeader::MaxCards) header.Cards[static_cast<std::size_t>(n)] = card;
         std::string error;
         try {
@@ -212,8 +211,8 @@ bool ReadHeader(std::FILE* file, ImageHeader& header, ReadFailure& failure) {
     }
     header.CardCount = static_cast<std::int16_t>(n);
     if (blockPosition > 0) {
-        char filler[blockLength];
-        const std::size_t rest = blockLength - blockPosition;
+        char filler[FitsBlockLength];
+        const std::size_t rest = FitsBlockLength - blockPosition;
         // A file that ends here simply has no pixel data.
         (void)!std::fread(filler, 1, rest, file);
     }
@@ -275,7 +274,7 @@ std::int32_t OffsetOf(const ImageHeader& header) {
 void RefuseForgedSize(const PixelLayout& layout) {
     const std::size_t missing = (layout.Wanted - layout.Held) / layout.PixelBytes();
     if (!layout.MissingCostNothing() &&
-        missing / missingPixelsPerByte > layout.Held + blockLength) {
+        missing / missingPixelsPerByte > layout.Held + FitsBlockLength) {
         throw std::runtime_error("next to none of its pixels are there");
     }
 }

@@ -9,10 +9,8 @@ namespace vestrel {
 
 namespace {
 
-constexpr std::size_t cardLength = 80;
 constexpr std::size_t keywordLength = 8;
 constexpr std::size_t valueStart = 10;
-constexpr std::size_t blockLength = 2880;
 
 bool Printable(char c) {
     return c >= ' ' && c <= '~';
@@ -31,7 +29,7 @@ std::string Card(std::string_view keyword, const std::string& value, std::string
     card.resize(keywordLength, ' ');
     card.append("= ").append(value);
     if (!comment.empty()) card.append(" / ").append(PrintableText(comment));
-    card.resize(cardLength, ' ');
+    card.resize(FitsCardLength, ' ');
     return card;
 }
 
@@ -256,7 +254,7 @@ std::vector<std::string> AsComment(std::string_view card) {
 
 std::string FitsTextCard(std::string_view keyword, std::string_view text,
                          std::string_view comment) {
-    constexpr std::size_t longest = cardLength - valueStart - 1;
+    constexpr std::size_t longest = FitsCardLength - valueStart - 1;
     std::string value = "'";
     for (const char c : PrintableText(text)) {
         const std::string_view written = c == '\'' ? "''" : std::string_view(&c, 1);
@@ -279,12 +277,12 @@ std::string FitsFlagCard(std::string_view keyword, bool value, std::string_view 
 }
 
 std::vector<std::string> FitsCommentCards(std::string_view text) {
-    constexpr std::size_t room = cardLength - valueStart;
+    constexpr std::size_t room = FitsCardLength - valueStart;
     std::vector<std::string> cards;
     const std::string printable = PrintableText(text);
     for (std::size_t start = 0; start < printable.size() || cards.empty(); start += room) {
         std::string card = "COMMENT   " + printable.substr(start, room);
-        card.resize(cardLength, ' ');
+        card.resize(FitsCardLength, ' ');
         cards.push_back(std::move(card));
     }
     return cards;
@@ -294,7 +292,7 @@ std::string FitsHeaderBlocks(const std::vector<std::string>& cards) {
     std::string header;
     for (const std::string& card : cards) header += card;
     header += "END";
-    header.resize((header.size() + blockLength - 1) / blockLength * blockLength, ' ');
+    header.resize(WholeFitsBlocks(header.size()), ' ');
     return header;
 }
 
@@ -313,15 +311,15 @@ std::string_view ValueOfCard(std::string_view card) {
 
 std::vector<std::string> StandardCards(std::string_view bytes) {
     // Zero bytes stand for blanks in the headers of writers that fill with them.
-    std::string card(bytes.substr(0, cardLength));
+    std::string card(bytes.substr(0, FitsCardLength));
     std::replace(card.begin(), card.end(), '\0', ' ');
-    card.resize(cardLength, ' ');
+    card.resize(FitsCardLength, ' ');
     const bool printable = std::all_of(card.begin(), card.end(), Printable);
     card = PrintableText(card);
 
     const std::string_view text(card);
     // A keyword with such blanks was none to whoever read it, and must not become one.
-    if (bytes.substr(0, std::min(bytes.find('='), cardLength)).find('\0') != bytes.npos) {
+    if (bytes.substr(0, std::min(bytes.find('='), FitsCardLength)).find('\0') != bytes.npos) {
         return AsComment(text);
     }
     std::string_view keyword = KeywordOfCard(text);

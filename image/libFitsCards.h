@@ -2,11 +2,20 @@
 // programs read.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace vestrel {
+
+inline constexpr std::size_t FitsCardLength = 80;
+inline constexpr std::size_t FitsBlockLength = 2880;
+
+/// A length (bytes) made up to whole blocks.
+constexpr std::size_t WholeFitsBlocks(std::size_t length) {
+    return (length + FitsBlockLength - 1) / FitsBlockLength * FitsBlockLength;
+}
 
 // Cards of 80 characters in the fixed format. Texts may be any bytes: those that a header cannot
 // hold become "?", and what does not fit is cut.

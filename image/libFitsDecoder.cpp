@@ -12,14 +12,13 @@
 #include <vector>
 
 #include "image/libDecoder.h"
+#include "image/libFitsCards.h"
 
 namespace vestrel {
 
 PictureDecoder DecodeFits;
 
 namespace {
-
-constexpr std::size_t cardLength = 80;
 
 struct FitsCloser {
     void operator()(fitsfile* file) const noexcept {
@@ -101,8 +100,8 @@ void PassCards(fitsfile* file, bool packed, std::set<std::string>& passed, Pictu
     for (int n = 1; n <= count && status == 0; ++n) {
         char card[FLEN_CARD] = {};
         ffgrec(file, n, card, &status);
-        std::string text(card, std::min<std::size_t>(std::strlen(card), cardLength));
-        text.resize(cardLength, ' ');
+        std::string text(card, std::min<std::size_t>(std::strlen(card), FitsCardLength));
+        text.resize(FitsCardLength, ' ');
         const std::string keyword(KeywordIn(text));
         if (SpeaksOfStorage(keyword, packed)) continue;
         if (!MayStandTwice(keyword) && passed.contains(keyword)) continue;

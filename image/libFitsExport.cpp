@@ -22,13 +22,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr std::size_t cardLength = 80;
-constexpr std::size_t blockLength = 2880;
-
-std::size_t WholeBlocks(std::size_t length) {
-    return (length + blockLength - 1) / blockLength * blockLength;
-}
-
 /// The pixels as they stand in the file.
 struct ExportedPixels {
     int BitPix = 16;
@@ -55,11 +48,12 @@ std::vector<unsigned char> ReadPixelBytes(const PlateImage& image) {
     const FileHandle file = OpenFile(PathFromText(image.FileName), "rb");
     if (!file) throw changed();
     const auto cards = static_cast<std::size_t>(header.CardCount);
-    std::string text(WholeBlocks(cards * cardLength), ' ');
+    std::string text(WholeFitsBlocks(cards * FitsCardLength), ' ');
     const std::size_t held = std::fread(text.data(), 1, text.size(), file.get());
-    if (held < cards * cardLength) throw changed();
+    if (held < cards * FitsCardLength) throw changed();
     for (std::size_t i = 1; i <= cards; ++i) {
-        if (text.compare((i - 1) * cardLength, cardLength, header.Cards[i]) != 0) throw changed();
+        if (text.compare((i - 1) * FitsCardLength, FitsCardLength, header.Cards[i]) != 0)
+            throw changed();
     }
     const std::size_t pixels =
         static_cast<std::size_t>(header.NAxis1) * static_cast<std::size_t>(header.NAxis2);
@@ -311,10 +305,10 @@ std::vector<unsigned char> FitsExportBytes(const PlateImage& image,
 
     const std::string header = FitsHeaderBlocks(cards);
     std::vector<unsigned char> bytes;
-    bytes.reserve(header.size() + WholeBlocks(pixels.Bytes.size()));
+    bytes.reserve(header.size() + WholeFitsBlocks(pixels.Bytes.size()));
     bytes.assign(header.begin(), header.end());
     bytes.insert(bytes.end(), pixels.Bytes.begin(), pixels.Bytes.end());
-    bytes.resize(WholeBlocks(bytes.size()), 0);
+    bytes.resize(WholeFitsBlocks(bytes.size()), 0);
     return bytes;
 }
 

@@ -8,14 +8,13 @@
 #include <vector>
 
 #include "astro/libStrings.h"
+#include "image/libFitsCards.h"
 #include "platform/libFiles.h"
 
 namespace vestrel {
 
 namespace {
 
-constexpr std::size_t cardLength = 80;
-constexpr std::size_t blockLength = 2880;
 /// What 48 cards leave of two blocks. It is not adapted when a long value has made them longer.
 constexpr std::size_t headerFiller = 1920;
 
@@ -44,7 +43,7 @@ class CardText {
  private:
     static constexpr std::size_t keywordLength = 8;
     void Add(std::string card) {
-        card.resize(std::max(card.size(), cardLength), ' ');
+        card.resize(std::max(card.size(), FitsCardLength), ' ');
         text_ += card;
     }
     std::string text_;
@@ -115,8 +114,7 @@ void WriteFitsFile(const std::filesystem::path& path, const PlateImage& image,
     const std::size_t dataStart = header.size() + headerFiller;
     const std::size_t dataLength =
         std::size_t{2} * static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-    const std::size_t blocks = (dataLength + blockLength - 1) / blockLength;
-    std::vector<unsigned char> bytes(dataStart + blocks * blockLength);
+    std::vector<unsigned char> bytes(dataStart + WholeFitsBlocks(dataLength));
     std::copy(header.begin(), header.end(), bytes.begin());
     unsigned char* next = bytes.data() + dataStart;
     for (std::int32_t y = 0; y < height; ++y) {

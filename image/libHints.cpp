@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "astro/libConversions.h"
+#include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "astro/libTime.h"
 #include "image/libWorldCoordinates.h"
@@ -15,8 +16,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr double radiansPerDegree = std::numbers::pi / 180;
-constexpr double arcsecondsPerRadian = 3600 / radiansPerDegree;
 constexpr double fullCircle = 2 * std::numbers::pi;
 
 /// The values of a header by keyword, without quotes and comments; the first card of a keyword
@@ -84,7 +83,7 @@ bool ReadMatrix(const CardValues& cards, double (&matrix)[2][2], std::string& ke
         const double delta[2] = {cards.Number("CDELT1").value_or(0),
                                  cards.Number("CDELT2").value_or(0)};
         const double turn =
-            cards.Number("CROTA2").value_or(cards.Number("CROTA1").value_or(0)) * radiansPerDegree;
+            cards.Number("CROTA2").value_or(cards.Number("CROTA1").value_or(0)) * RadiansPerDegree;
         const bool hasPc = cards.Number("PC1_1") || cards.Number("PC2_1");
         const double rotation[2][2] = {
             {std::cos(turn), -std::sin(turn) * (delta[0] != 0 ? delta[1] / delta[0] : 0)},
@@ -139,11 +138,11 @@ double DistanceInPlane(std::string_view projection, double r) {
 }
 
 SkyPosition MiddleOf(const LinearPart& part) {
-    const double east = part.FromTangent[0] * radiansPerDegree;
-    const double north = part.FromTangent[1] * radiansPerDegree;
+    const double east = part.FromTangent[0] * RadiansPerDegree;
+    const double north = part.FromTangent[1] * RadiansPerDegree;
     const double r = std::hypot(east, north);
-    const double ra0 = part.Tangent[0] * radiansPerDegree;
-    const double dec0 = part.Tangent[1] * radiansPerDegree;
+    const double ra0 = part.Tangent[0] * RadiansPerDegree;
+    const double dec0 = part.Tangent[1] * RadiansPerDegree;
     if (r == 0) return {ra0, dec0};
     const double distance = DistanceInPlane(part.ProjectionCode, r);
     // The orthographic plane has the sine of the distance for its radius.
@@ -190,9 +189,9 @@ void AddPositionCards(PictureHints& hints, const CardValues& cards, const char* 
     }
     const auto number = ParseNumber(raText);
     if (!number || *number < -360 || *number > 360) return;
-    AddCentre(hints, {*number * radiansPerDegree, dec}, source + ", as degrees");
+    AddCentre(hints, {*number * RadiansPerDegree, dec}, source + ", as degrees");
     if (*number >= 0 && *number < 24) {
-        AddCentre(hints, {*number * 15 * radiansPerDegree, dec},
+        AddCentre(hints, {*number * 15 * RadiansPerDegree, dec},
                   source + ", with the first as hours");
     }
 }
@@ -216,7 +215,7 @@ void AddStoredSolution(PictureHints& hints, const PlateImage& image) {
     const auto solution = WorldCoordinatesOf(image);
     if (!solution) return;
     AddCentre(hints,
-              {solution->Centre[0] * radiansPerDegree, solution->Centre[1] * radiansPerDegree},
+              {solution->Centre[0] * RadiansPerDegree, solution->Centre[1] * RadiansPerDegree},
               "the stored solution");
     const auto& cd = solution->Cd;
     AddScale(hints, 3600 * std::sqrt(std::fabs(cd[0][0] * cd[1][1] - cd[0][1] * cd[1][0])),
@@ -243,7 +242,7 @@ void AddOptics(PictureHints& hints, const CardValues& cards, const PlateImage& i
         pixel = cards.Positive(name).value_or(0);
     }
     if (focal > 0 && pixel > 0) {
-        const double scale = arcsecondsPerRadian * pixel / 1000 / focal;
+        const double scale = ExactArcsecondsPerRadian * pixel / 1000 / focal;
         const std::string source = std::string("FOCALLEN and ") + name;
         AddScale(hints, scale, source);
         const double binning =
@@ -255,7 +254,7 @@ void AddOptics(PictureHints& hints, const CardValues& cards, const PlateImage& i
     if (const auto equal = cards.Positive("FOCLEN35")) {
         const double pixels = std::hypot(image.Width, image.Height);
         if (pixels > 0) {
-            AddScale(hints, arcsecondsPerRadian * diagonal / *equal / pixels,
+            AddScale(hints, ExactArcsecondsPerRadian * diagonal / *equal / pixels,
                      "FOCLEN35, the focal length of an equal 35 mm camera");
         }
     }
@@ -313,7 +312,7 @@ PictureHints HintsOf(const PlateImage& image) {
 }
 
 std::pair<double, double> FieldOfScale(const PlateImage& image, double arcsecondsPerPixel) {
-    const double radiansPerPixel = arcsecondsPerPixel / arcsecondsPerRadian;
+    const double radiansPerPixel = arcsecondsPerPixel / ExactArcsecondsPerRadian;
     return {image.Width * radiansPerPixel, image.Height * radiansPerPixel};
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "astro/libMath.h"
 #include "astro/libSphericalMath.h"
 #include "image/libFitsCards.h"
 
@@ -10,7 +11,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr double exactDegreesPerRadian = 57.29577951308232;
 constexpr double fullCircle = 360;
 
 double InCircle(double degrees) {
@@ -40,7 +40,7 @@ std::optional<WorldCoordinates> WorldCoordinatesOf(const PlateImage& image) {
     if (!header.PlateMatched) return std::nullopt;
     const auto& map = header.PlateTransform;
     const double determinant = map[0][0] * map[1][1] - map[0][1] * map[1][0];
-    const double degreesPerUnit = exactDegreesPerRadian / header.PlateScale;
+    const double degreesPerUnit = ExactDegreesPerRadian / header.PlateScale;
     if (!std::isnormal(determinant) || !std::isnormal(degreesPerUnit)) return std::nullopt;
 
     // The map from pixels to the plane; xi grows west. Rows that are counted from the top turn
@@ -53,19 +53,19 @@ std::optional<WorldCoordinates> WorldCoordinatesOf(const PlateImage& image) {
     result.Cd[1][1] = degreesPerUnit * map[0][0] / determinant * upward;
     result.Crpix[0] = map[0][2] + 1;
     result.Crpix[1] = upward > 0 ? map[1][2] + 1 : image.Height - map[1][2];
-    result.Crval[0] = InCircle(header.RaRef * exactDegreesPerRadian);
-    result.Crval[1] = std::remainder(header.DecRef * exactDegreesPerRadian, fullCircle);
+    result.Crval[0] = InCircle(header.RaRef * ExactDegreesPerRadian);
+    result.Crval[1] = std::remainder(header.DecRef * ExactDegreesPerRadian, fullCircle);
 
     const double dx = (image.Width + 1) / 2.0 - result.Crpix[0];
     const double dy = (image.Height + 1) / 2.0 - result.Crpix[1];
     Projection plane;
-    plane.SetProjectionCentre(header.RaRef, header.DecRef, exactDegreesPerRadian);
+    plane.SetProjectionCentre(header.RaRef, header.DecRef, ExactDegreesPerRadian);
     double ra = 0;
     double dec = 0;
     plane.PlaneToSky(-(result.Cd[0][0] * dx + result.Cd[0][1] * dy),
                      result.Cd[1][0] * dx + result.Cd[1][1] * dy, ra, dec);
-    result.Centre[0] = InCircle(ra * exactDegreesPerRadian);
-    result.Centre[1] = dec * exactDegreesPerRadian;
+    result.Centre[0] = InCircle(ra * ExactDegreesPerRadian);
+    result.Centre[1] = dec * ExactDegreesPerRadian;
     // A tangent point beyond a pole, where a search may well end: the same point on the other side,
     // where east and north have changed their directions.
     if (std::fabs(result.Crval[1]) > fullCircle / 4) {
@@ -118,10 +118,10 @@ std::vector<std::string> WorldCoordinateCards(const PlateImage& image, const Sky
     // Rows that are counted from the top turn over.
     const double upward = FirstRowAtTop(image) ? -1 : 1;
     const bool distorted = model.Distorted();
-    const double ra = InCircle(model.Tangent.Ra * exactDegreesPerRadian);
-    const double dec = model.Tangent.Dec * exactDegreesPerRadian;
+    const double ra = InCircle(model.Tangent.Ra * ExactDegreesPerRadian);
+    const double dec = model.Tangent.Dec * ExactDegreesPerRadian;
     const auto cd = [&](int row, int column) {
-        return model.Cd[row][column] * exactDegreesPerRadian * (column == 1 ? upward : 1);
+        return model.Cd[row][column] * ExactDegreesPerRadian * (column == 1 ? upward : 1);
     };
     std::vector<std::string> cards = {
         FitsNumberCard("WCSAXES", 2, "world coordinates of pixels"),

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "image/libDecoder.h"
+#include "image/libFitsCards.h"
 
 namespace vestrel {
 
@@ -230,7 +231,7 @@ void PassCards(const pugi::xml_node& image, PictureSink& sink) {
         }
         std::replace_if(
             card.begin(), card.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-        card.resize(80, ' ');
+        card.resize(FitsCardLength, ' ');
         sink.Card(card);
     }
     struct Property {

@@ -3,13 +3,12 @@
 #include <cmath>
 #include <string_view>
 
+#include "astro/libMath.h"
 #include "astro/libStrings.h"
 
 namespace vestrel {
 
 namespace {
-
-constexpr double exactDegreesPerRadian = 57.29577951308232;
 
 bool HasLight(const StarMeasurement& star) {
     return star.Outcome == StarOutcome::Measured && star.InstrumentalMagnitude.has_value();
@@ -73,7 +72,7 @@ void AddStar(CsvLine& line, const StarMeasurement& star, const std::optional<Sky
     line.Number(star.X, positionDecimals);
     line.Number(star.Y, positionDecimals);
     const auto degrees = [&](double SkyPosition::*angle) {
-        return sky ? std::optional((*sky).*angle * exactDegreesPerRadian) : std::nullopt;
+        return sky ? std::optional((*sky).*angle * ExactDegreesPerRadian) : std::nullopt;
     };
     line.Number(degrees(&SkyPosition::Ra), degreeDecimals);
     line.Number(degrees(&SkyPosition::Dec), degreeDecimals);

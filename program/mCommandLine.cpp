@@ -16,8 +16,6 @@ namespace vestrel {
 
 namespace {
 
-const std::string errorTitle = std::string(ProgramTitle) + " Error";
-
 /// Removes an older result file. A path whose only "." stands in a folder, or that is itself named
 /// like a result file, names no image: nothing of the user's may go for it.
 void RemoveOldResult(const std::string& imagePath) {
@@ -122,12 +120,12 @@ UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::stri
     UnattendedOutcome outcome;
     const auto request = ParseParameterString(parameters);
     if (!request) {
-        port.ShowMessage("Invalid parameter string", errorTitle);
+        port.ShowMessage("Invalid parameter string", ErrorTitle);
         return outcome;
     }
     outcome.Request = *request;
     if (request->Path.find('.') == std::string::npos) {
-        port.ShowMessage("Invalid file name", errorTitle);
+        port.ShowMessage("Invalid file name", ErrorTitle);
         outcome.End = UnattendedEnd::InvalidFileName;
         return outcome;
     }
@@ -136,7 +134,7 @@ UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::stri
     if (!OpenImage(state, port, request->Path)) {
         outcome.End = UnattendedEnd::NoImage;
         outcome.Result = {SolveCode::NoImage, ResultMessage(SolveCode::NoImage)};
-        port.ShowMessage(outcome.Result.Message, errorTitle);
+        port.ShowMessage(outcome.Result.Message, ErrorTitle);
         return outcome;
     }
 

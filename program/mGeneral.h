@@ -25,8 +25,9 @@
 
 namespace vestrel {
 
-/// The program's title, also in the titles of error messages.
+/// The title of the program, and of the message boxes of its errors.
 inline constexpr const char* ProgramTitle = "Vestrel 1.13";
+inline const std::string ErrorTitle = std::string(ProgramTitle) + " Error";
 
 enum class StatusColour { Black, Red, Green };
 struct StatusLine {

@@ -97,7 +97,7 @@ std::optional<std::size_t> StoreParameterTexts(ProgramState& state, Port& port,
     });
     if (all) return std::nullopt;
     port.ShowMessage(CaptionOf(ParameterBoxes[box]) + ": \"" + texts[box] + "\" " + fault + ".",
-                     std::string(ProgramTitle) + " Error");
+                     ErrorTitle);
     return box;
 }
 

@@ -14,8 +14,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr double exactDegreesPerRadian = 57.29577951308232;
-
 /// Lines of a label column and a value.
 class Table {
  public:
@@ -49,8 +47,8 @@ std::string Fixed(double value, int decimals) {
 std::string Position(SkyPosition position) {
     const std::string sign = position.Dec < 0 ? "" : "+";
     return FormatRA(position.Ra, true, 2) + "  " + sign + FormatDec(position.Dec, true, 1) +
-           "   (" + Fixed(position.Ra * exactDegreesPerRadian, 6) + DegreeSign + ", " + sign +
-           Fixed(position.Dec * exactDegreesPerRadian, 6) + DegreeSign + ")";
+           "   (" + Fixed(position.Ra * ExactDegreesPerRadian, 6) + DegreeSign + ", " + sign +
+           Fixed(position.Dec * ExactDegreesPerRadian, 6) + DegreeSign + ")";
 }
 
 std::string Count(std::int64_t n, const char* one, const char* many) {
@@ -131,7 +129,7 @@ ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& 
     const double alongNorth = poleNorth * upNorth + poleOutward * upOutward;
     const double alongEast = (poleNorth * outward - poleOutward * north) * upEast +
                              poleOutward * east * upNorth - poleNorth * east * upOutward;
-    double angle = std::atan2(alongEast, alongNorth) * exactDegreesPerRadian;
+    double angle = std::atan2(alongEast, alongNorth) * ExactDegreesPerRadian;
     if (angle < 0) angle += 360;
     // xi grows west: with rows counted downward the ordinary sky has a negative stretch.
     return {angle, firstRowAtTop ? solution.Stretch > 0 : solution.Stretch < 0};
@@ -211,7 +209,7 @@ std::vector<std::string> Cautions(const ProgramState& state) {
                            std::to_string(solution.MatchedCount) + " stars");
     }
     const double found = std::hypot(solution.WidthArcmin, solution.HeightArcmin);
-    const double expected = 2 * state.Report.SearchRadius * exactDegreesPerRadian * 60;
+    const double expected = 2 * state.Report.SearchRadius * ExactDegreesPerRadian * 60;
     const double ratio = found / expected;
     constexpr double tolerated = 1.25;
     // Without a size that was given there is none to differ from.

@@ -18,8 +18,6 @@ namespace vestrel {
 
 namespace {
 
-const std::string errorTitle = std::string(ProgramTitle) + " Error";
-
 /// A number that can be computed with.
 std::optional<double> FiniteNumber(const std::string& text) {
     const auto value = ParseNumber(text);
@@ -41,7 +39,7 @@ std::string DetailsOf(const ProgramState& state, SolveCode code) {
 /// What every search from the inputs begins with. Nothing when there is nothing to search with.
 std::optional<UnattendedRequest> BeginSearch(ProgramState& state, Port& port) {
     if (!state.ImageLoaded) {
-        port.ShowMessage("No Image Loaded", errorTitle);
+        port.ShowMessage("No Image Loaded", ErrorTitle);
         return std::nullopt;
     }
     const StatusLine statusBefore = state.Display.Status;
@@ -83,7 +81,7 @@ AvailableCommands CommandsFor(const ProgramState& state) {
 
 std::optional<UnattendedRequest> ReadSolveInputs(const ProgramState& state, Port& port) {
     const auto refuse = [&port](const char* text) {
-        port.ShowMessage(text, errorTitle);
+        port.ShowMessage(text, ErrorTitle);
         return std::nullopt;
     };
     const SolveInputs& inputs = state.Inputs;

@@ -4,13 +4,12 @@
 #include <cmath>
 #include <utility>
 
+#include "astro/libMath.h"
 #include "display/libReadout.h"
 
 namespace vestrel {
 
 namespace {
-
-constexpr double arcsecondsPerRadian = 206264.80624709636;
 
 /// "value ± error unit".
 std::string WithError(double value, double error, int decimals, const char* unit = "") {
@@ -27,7 +26,7 @@ std::optional<CatalogNeighbour> NearestInCatalog(const ProgramState& state, cons
     const PlateStar& star = stars[nearest->Index];
     const SkyPosition sky{star.Ra, star.Dec};
     return CatalogNeighbour{sky, star.Flux, nearest->Distance,
-                            SkyDistance(*here, sky) * arcsecondsPerRadian};
+                            SkyDistance(*here, sky) * ExactArcsecondsPerRadian};
 }
 
 void Calibrate(const ProgramState& state, StarReport& report) {

@@ -21,8 +21,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-const std::string errorTitle = std::string(ProgramTitle) + " Error";
-
 /// Shows what goes on with the telescope; the text may come from its driver.
 void Tell(ProgramState& state, Port& port, const std::string& text, StatusColour colour) {
     state.Display.Status1 = {"", StatusColour::Black, false};  // it belongs to the solve
@@ -68,7 +66,7 @@ void WithTelescope(ProgramState& state, Port& port, Work work) {
         state.Display.BusyIndicator = false;
         Tell(state, port, error.what(), StatusColour::Red);
         if (!wasConnected && !state.StopRequested) {
-            port.ShowMessage("Can't connect to SiTech", errorTitle);
+            port.ShowMessage("Can't connect to SiTech", ErrorTitle);
         }
     }
 }

@@ -301,7 +301,7 @@ TEST(IndexFile, AFileCutAnywhereOrContradictingItselfIsRefused) {
             ReadIndex(folder / "index");
             ADD_FAILURE() << "taken: " << i;
         } catch (const ToolFailure& failure) {
-            EXPECT_EQ(failure.Code, ExitBadInput) << i;
+            EXPECT_EQ(failure.Code, ToolExit::BadInput) << i;
         }
     }
 }
@@ -727,13 +727,13 @@ TEST(CatalogFolder, FilesThatAreNoCatalogAreNeverReplaced) {
         const fs::path target = folder / (std::string("t") + file);
         fs::create_directories(target);
         WriteFile(target / file, content);
-        int code = 0;
+        ToolExit code = ToolExit::Good;
         try {
             const BuildingFolder building(target);
         } catch (const ToolFailure& failure) {
             code = failure.Code;
         }
-        EXPECT_EQ(code, refused ? ExitCannotWrite : 0) << file;
+        EXPECT_EQ(code, refused ? ToolExit::CannotWrite : ToolExit::Good) << file;
         EXPECT_EQ(ReadFile(target / file), content);
     }
 #ifndef _WIN32
@@ -755,16 +755,16 @@ constexpr const char* nowhere = "NUL";
 constexpr const char* nowhere = "/dev/null";
 #endif
 
-int RunTool(const std::string& arguments, const fs::path& output = nowhere) {
+ToolExit RunTool(const std::string& arguments, const fs::path& output = nowhere) {
     const std::string program = TextFromPath(ProgramFolder() / "vestrel-catalog");
     const std::string command =
         "\"" + program + "\" " + arguments + " >\"" + TextFromPath(output) + "\" 2>" + nowhere;
 #ifdef _WIN32
     // The shell takes away the outermost quotes.
-    return _wsystem(PathFromText("\"" + command + "\"").c_str());
+    return static_cast<ToolExit>(_wsystem(PathFromText("\"" + command + "\"").c_str()));
 #else
     const int status = std::system(command.c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return static_cast<ToolExit>(WIFEXITED(status) ? WEXITSTATUS(status) : -1);
 #endif
 }
 
@@ -776,10 +776,11 @@ TEST(CatalogTool, BuildInfoAndVerifyAgreeAndExitCodesHold) {
     WriteFile(folder / "stars.csv", "ra,dec,Vmag\n10,41,8.25\n10,41,8.25\n280,-89.9,12\n5,5,14\n");
     WriteFile(folder / "bright.json", R"({"features":[{"properties":{"mag":-1.44},
         "geometry":{"coordinates":[101.2872,-16.7161]}}]})");
-    EXPECT_EQ(RunTool("info" + catalog), ExitBadInput);
-    ASSERT_EQ(RunTool("build --mag-max 13 --csv " + table + " --bright " + bright + catalog), 0);
-    EXPECT_EQ(RunTool("verify" + catalog), ExitGood);
-    ASSERT_EQ(RunTool("info --json" + catalog, folder / "info"), ExitGood);
+    EXPECT_EQ(RunTool("info" + catalog), ToolExit::BadInput);
+    ASSERT_EQ(RunTool("build --mag-max 13 --csv " + table + " --bright " + bright + catalog),
+              ToolExit::Good);
+    EXPECT_EQ(RunTool("verify" + catalog), ToolExit::Good);
+    ASSERT_EQ(RunTool("info --json" + catalog, folder / "info"), ToolExit::Good);
     const std::string info = ReadFile(folder / "info");
     // Two of four rows (one a repetition, one too faint) and Sirius; three cells of 4502.
     for (const char* fact : {"\"stars\": 3,", "\"withStars\": 3", "\"empty\": 4499",
@@ -789,26 +790,26 @@ TEST(CatalogTool, BuildInfoAndVerifyAgreeAndExitCodesHold) {
     EXPECT_EQ(fs::file_size(folder / "KEL" / "S06R25"), CatalogRecordBytes);
 
     const std::string before = ReadFile(folder / "KEL" / ManifestName);
-    const std::vector<std::pair<std::string, int>> refused = {
-        {"--csv " + bright + catalog, ExitBadInput},
-        {"--tycho2 " + table + catalog, ExitBadInput},
-        {"--mag-max -9 --csv " + table + catalog, ExitBadInput},
-        {catalog, ExitWrongUsage},
-        {"--csv " + table + " --tycho2 x" + catalog, ExitBadInput},
-        {"--index x --mag-column y --astap" + catalog, ExitWrongUsage},
-        {"--csv " + table + " --where ra~1" + catalog, ExitWrongUsage},
-        {"--csv " + table + " --catalog " + table, ExitCannotWrite}};
+    const std::vector<std::pair<std::string, ToolExit>> refused = {
+        {"--csv " + bright + catalog, ToolExit::BadInput},
+        {"--tycho2 " + table + catalog, ToolExit::BadInput},
+        {"--mag-max -9 --csv " + table + catalog, ToolExit::BadInput},
+        {catalog, ToolExit::WrongUsage},
+        {"--csv " + table + " --tycho2 x" + catalog, ToolExit::BadInput},
+        {"--index x --mag-column y --astap" + catalog, ToolExit::WrongUsage},
+        {"--csv " + table + " --where ra~1" + catalog, ToolExit::WrongUsage},
+        {"--csv " + table + " --catalog " + table, ToolExit::CannotWrite}};
     for (const auto& [arguments, code] : refused) {
         EXPECT_EQ(RunTool("build " + arguments), code) << arguments;
     }
 #ifndef _WIN32
-    EXPECT_EQ(RunTool("info" + catalog, "/dev/full"), ExitCannotWrite);
+    EXPECT_EQ(RunTool("info" + catalog, "/dev/full"), ToolExit::CannotWrite);
 #endif
     EXPECT_EQ(ReadFile(folder / "KEL" / ManifestName), before);
     EXPECT_EQ(Listing(folder.Path).size(), 4U);  // nothing half built is left
 
     WriteFile(folder / "KEL" / "N00R00", "0123456789");
-    EXPECT_EQ(RunTool("verify" + catalog), ExitFaultsFound);
+    EXPECT_EQ(RunTool("verify" + catalog), ToolExit::FaultsFound);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "astro/libStrings.h"
+#include "catalog/libCatalogRegion.h"
 #include "catalogtool/libQuadBuilder.h"
 #include "matching/libQuadFile.h"
 #include "platform/libPlatform.h"
@@ -50,7 +51,7 @@ FrameGeometry FrameAt(SkyPlace place, double up = 0, bool mirrored = false) {
 }
 
 double FaintestDrawn() {
-    return SolveMagnitudeLimit(std::hypot(fieldWidth, fieldHeight) / 2) + 1.5;
+    return MagnitudeLimitFor(std::hypot(fieldWidth, fieldHeight) / 2) + 1.5;
 }
 
 FrameExposure ExposureFor(int bitPix) {

@@ -210,7 +210,7 @@ TEST_F(Windows, AnUnattendedRunLeavesItsFileAndCloses) {
     EXPECT_EQ(Shown("lblTimer"), "10");
     Find<QCheckBox>("chkKeep")->setChecked(false);
     EXPECT_TRUE(WaitUntilClosed());
-    EXPECT_EQ(Window->ExitCode(), ExitCode::Solved);
+    EXPECT_EQ(Window->EndsWith(), ExitCode::Solved);
     EXPECT_EQ(Dialogs.Messages, Texts{});
 }
 
@@ -220,7 +220,7 @@ TEST_F(Windows, EveryUnattendedFailureHasItsMessagesFileAndExitCode) {
     const std::string noMatch = "1000,1000,-1\r\n0,0,0,0,N\r\nMaximum search limit exceeded\r\n";
     struct Case {
         std::string Parameters;
-        int Exit;
+        ExitCode Exit;
         Texts Messages;
         std::string File;  ///< of "frame" or "dark"; empty: none
     };
@@ -250,7 +250,7 @@ TEST_F(Windows, EveryUnattendedFailureHasItsMessagesFileAndExitCode) {
         EXPECT_EQ(Dialogs.Messages, one.Messages);
         EXPECT_EQ(Window->isVisible(), one.Exit != ExitCode::Usage);  // else without a countdown
         EXPECT_TRUE(WaitUntilClosed());
-        EXPECT_EQ(Window->ExitCode(), one.Exit);
+        EXPECT_EQ(Window->EndsWith(), one.Exit);
         std::string expected = one.File;
         const std::size_t count = expected.find('N');
         if (count != std::string::npos) {
@@ -265,7 +265,7 @@ TEST_F(Windows, EveryUnattendedFailureHasItsMessagesFileAndExitCode) {
     QTimer::singleShot(0, Window.get(), [this] { Window->close(); });
     Window->StartUnattended("2" + Parameters(Frame, "30000").substr(6));
     EXPECT_FALSE(Window->isVisible());  // at once: the countdown is for those who watch
-    EXPECT_EQ(Window->ExitCode(), ExitCode::Stopped);
+    EXPECT_EQ(Window->EndsWith(), ExitCode::Stopped);
     EXPECT_TRUE(ResultFile().starts_with("1000,1000,-2\r\n"));
     EXPECT_TRUE(ResultFile().ends_with("\r\nVestrel was terminated by user\r\n"));
 }

@@ -5,10 +5,13 @@
 #include <cmath>
 #include <cstdlib>
 #include <functional>
+#include <set>
+#include <string_view>
 #include <utility>
 
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
+#include "console/exitCodes.h"
 #include "desktop/desktopOptions.h"
 #include "platform/libPlatform.h"
 #include "program/mImageData.h"
@@ -276,6 +279,20 @@ TEST_F(SolveWindowLogic, ASolutionGoesWithItsImage) {
     EXPECT_EQ(State.Display.Status.Text, "No Match Found");
     EXPECT_FALSE(State.Solution || CommandsFor(State).Sync);
     EXPECT_FALSE(OverlaysOf(State).Extracted.empty());
+}
+
+TEST(ExitCodes, CountFromZeroAndEachSaysWhatItMeans) {
+    std::set<std::string_view> meanings;
+    for (std::size_t i = 0; i < ExitCodes.size(); ++i) {
+        EXPECT_EQ(NumberOf(ExitCodes[i]), static_cast<int>(i));
+        EXPECT_NE(MeaningOf(ExitCodes[i]), "") << i;
+        meanings.insert(MeaningOf(ExitCodes[i]));
+    }
+    EXPECT_EQ(meanings.size(), ExitCodes.size());
+    const ProgramState state;
+    std::set<ExitCode> failures;
+    for (const SolveCode code : SolveCodes) failures.insert(ExitCodeOf(code, state));
+    EXPECT_EQ(failures.size(), SolveCodes.size());
 }
 
 TEST(ConfidenceText, PromisesNoMoreThanTheNumbers) {

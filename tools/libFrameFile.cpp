@@ -9,8 +9,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr std::size_t blockBytes = 2880;
-
 void AppendBigEndian(std::vector<unsigned char>& bytes, std::uint32_t bits, int count) {
     for (int i = count - 1; i >= 0; --i) bytes.push_back(static_cast<unsigned char>(bits >> 8 * i));
 }
@@ -30,13 +28,10 @@ std::vector<unsigned char> FrameFileBytes(const Frame& frame, int bitPix,
     }
     all.insert(all.end(), cards.begin(), cards.end());
     const std::string header = FitsHeaderBlocks(all);
-    const auto wholeBlocks = [](std::size_t length) {
-        return (length + blockBytes - 1) / blockBytes * blockBytes;
-    };
     const int pixelBytes = bitPix == 8 ? 1 : bitPix == 16 ? 2 : 4;
     std::vector<unsigned char> bytes;
     bytes.reserve(header.size() +
-                  wholeBlocks(frame.Pixels.size() * static_cast<std::size_t>(pixelBytes)));
+                  WholeFitsBlocks(frame.Pixels.size() * static_cast<std::size_t>(pixelBytes)));
     bytes.assign(header.begin(), header.end());
     for (const float value : frame.Pixels) {
         std::uint32_t bits = 0;
@@ -48,7 +43,7 @@ std::vector<unsigned char> FrameFileBytes(const Frame& frame, int bitPix,
         }
         AppendBigEndian(bytes, bits, pixelBytes);
     }
-    bytes.resize(wholeBlocks(bytes.size()), 0);
+    bytes.resize(WholeFitsBlocks(bytes.size()), 0);
     return bytes;
 }
 

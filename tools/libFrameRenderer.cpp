@@ -5,6 +5,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "astro/libMath.h"
 #include "astro/libParallel.h"
 
 namespace vestrel {
@@ -290,15 +291,14 @@ double AngularDistance(double ra1, double dec1, double ra2, double dec2) {
 
 /// Whether a cell may hold a star within `radius` of a position.
 bool CellTouches(const CellPosition& cell, double ra, double dec, double radius) {
-    constexpr double radiansPerDegree = pi / 180;
-    constexpr double zoneHeight = 2.5 * radiansPerDegree;
+    constexpr double zoneHeight = 2.5 * RadiansPerDegree;
     const double sign = cell.South ? -1 : 1;
     const double nearEquator = cell.Zone * zoneHeight * sign;
     const double nearPole = nearEquator + zoneHeight * sign;
     // The cap about a pole is one cell; any other is far from half a circle wide, so that its
     // corners are its farthest points.
     const bool cap = SlicesInZone(cell.Zone) == 1;
-    const double width = SliceWidth(cell.Zone) * radiansPerDegree;
+    const double width = SliceWidth(cell.Zone) * RadiansPerDegree;
     const double middleRa = (static_cast<double>(cell.Slice) + 0.5) * width;
     const double middleDec = cap ? nearPole : (nearEquator + nearPole) / 2;
     const double corner = middleRa + width / 2;
@@ -392,11 +392,6 @@ void FrameToSky(const FrameGeometry& geometry, FramePoint point, double& ra, dou
     if (ra < 0) ra += 2 * pi;
     if (ra >= 2 * pi) ra -= 2 * pi;
     dec = std::atan2(sinCentre + north * cosCentre, std::hypot(east, towardPole));
-}
-
-double SolveMagnitudeLimit(double halfDiagonal) {
-    const double ratio = halfDiagonal * (180 / pi) * 60 / 14;
-    return 15 - 2.5 * std::log10(ratio * ratio);
 }
 
 double PeakSigmas(const FrameExposure& exposure, double magnitude) {

@@ -76,9 +76,6 @@ struct Frame {
     std::vector<float> Pixels;
 };
 
-/// The faintest catalog stars that a solve of a field with this half-diagonal (radians) looks at.
-double SolveMagnitudeLimit(double halfDiagonal);
-
 /// The zero point with which a star of `magnitude` that is sharp and stands still is `sigmas`
 /// standard deviations of the sky above it with its brightest pixel.
 double ZeroPointFor(const FrameExposure& exposure, double magnitude, double sigmas);
