@@ -13,7 +13,21 @@
 
 namespace vestrel {
 
+namespace {
+
+thread_local int threadLimit = 0;
+
+}  // namespace
+
+ThreadLimit::ThreadLimit(int threads) : before_(threadLimit) {
+    if (threads > 0) threadLimit = threads;
+}
+ThreadLimit::~ThreadLimit() {
+    threadLimit = before_;
+}
+
 int ParallelThreads() {
+    if (threadLimit > 0) return threadLimit;
     if (const char* text = std::getenv("VESTREL_THREADS")) {
         int wanted = 0;
         const auto result = std::from_chars(text, text + std::strlen(text), wanted);

@@ -15,8 +15,23 @@ using Progress = std::function<void(int done, int total)>;
 /// threads. The first exception of a piece is thrown on after the others have ended.
 void ParallelFor(int count, const std::function<void(int)>& work, const Progress& progress = {});
 
-/// How many threads `ParallelFor` uses, the calling one included: `$VESTREL_THREADS` when that is
-/// a whole number above 0, else the number of processors.
+/// How many threads `ParallelFor` uses, the calling one included: what a `ThreadLimit` says, else
+/// `$VESTREL_THREADS` when that is a whole number above 0, else the number of processors.
 int ParallelThreads();
+
+/// Sets the number of threads for all work that the calling thread starts, for as long as it lives.
+/// The one setting that belongs to a thread and is not passed on: several solvers in one process
+/// share the processors, and no kernel is to know of that.
+class ThreadLimit {
+ public:
+    /// @param threads 1..256; 0 leaves the number as it is
+    explicit ThreadLimit(int threads);
+    ~ThreadLimit();
+    ThreadLimit(const ThreadLimit&) = delete;
+    ThreadLimit& operator=(const ThreadLimit&) = delete;
+
+ private:
+    int before_;
+};
 
 }  // namespace vestrel

@@ -30,4 +30,8 @@ bool FirstRowAtTop(const PlateImage& image) {
     return image.ImageType != ImageType::Fits || image.Header.BitPix == -32;
 }
 
+bool TurnedOver(const PlateImage& image) {
+    return image.ImageType == ImageType::Fits && image.Header.BitPix == -32;
+}
+
 }  // namespace vestrel

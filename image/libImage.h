@@ -125,6 +125,9 @@ void StartPixels(PlateImage& image, std::int32_t dataOffset);
 /// Decoders say it of theirs.
 bool FirstRowAtTop(const PlateImage& image);
 
+/// Whether the rows of the grid are those of the file in reverse: of floating-point FITS images.
+bool TurnedOver(const PlateImage& image);
+
 /// What a reader shows when it fails: the text of a message box and its title. A reader that
 /// fails without a message leaves the text empty.
 struct ReadFailure {

@@ -33,9 +33,21 @@ bool MatchesPattern(std::string_view text, std::string_view pattern) {
     return text.empty();
 }
 
+/// 1 where the rows of the grid count as those of the coordinates, −1 where they turn over.
+double Upward(const PlateImage& image, RowOrder rows) {
+    const bool turns = rows == RowOrder::BottomUp ? FirstRowAtTop(image) : TurnedOver(image);
+    return turns ? -1 : 1;
+}
+
+const char* RowRemark(RowOrder rows) {
+    return rows == RowOrder::BottomUp
+               ? "Rows count from the bottom of the picture up, the lowest one is row 1."
+               : "Rows count as they lie in the file of the picture, the first one is row 1.";
+}
+
 }  // namespace
 
-std::optional<WorldCoordinates> WorldCoordinatesOf(const PlateImage& image) {
+std::optional<WorldCoordinates> WorldCoordinatesOf(const PlateImage& image, RowOrder rows) {
     const ImageHeader& header = image.Header;
     if (!header.PlateMatched) return std::nullopt;
     const auto& map = header.PlateTransform;
@@ -43,9 +55,8 @@ std::optional<WorldCoordinates> WorldCoordinatesOf(const PlateImage& image) {
     const double degreesPerUnit = ExactDegreesPerRadian / header.PlateScale;
     if (!std::isnormal(determinant) || !std::isnormal(degreesPerUnit)) return std::nullopt;
 
-    // The map from pixels to the plane; xi grows west. Rows that are counted from the top turn
-    // over.
-    const double upward = FirstRowAtTop(image) ? -1 : 1;
+    // The map from pixels to the plane; xi grows west.
+    const double upward = Upward(image, rows);
     WorldCoordinates result;
     result.Cd[0][0] = -degreesPerUnit * map[1][1] / determinant;
     result.Cd[0][1] = degreesPerUnit * map[0][1] / determinant * upward;
@@ -83,7 +94,7 @@ std::optional<WorldCoordinates> WorldCoordinatesOf(const PlateImage& image) {
     return result;
 }
 
-std::vector<std::string> WorldCoordinateCards(const WorldCoordinates& coordinates) {
+std::vector<std::string> WorldCoordinateCards(const WorldCoordinates& coordinates, RowOrder rows) {
     std::vector<std::string> cards = {
         FitsNumberCard("WCSAXES", 2, "world coordinates of pixels"),
         FitsTextCard("CTYPE1", "RA---SIN", "right ascension, orthographic"),
@@ -103,8 +114,7 @@ std::vector<std::string> WorldCoordinateCards(const WorldCoordinates& coordinate
         FitsNumberCard("EQUINOX", 2000, "[yr]")};
     for (const char* line :
          {"CRVAL and CRPIX are the tangent point, where the search began: it need",
-          "not lie in the image. The image centre is NH_CRA, NH_CDEC.",
-          "Rows count from the bottom of the picture up, the lowest one is row 1."}) {
+          "not lie in the image. The image centre is NH_CRA, NH_CDEC.", RowRemark(rows)}) {
         for (std::string& card : FitsCommentCards(line)) cards.push_back(std::move(card));
     }
     cards.push_back(FitsNumberCard("NH_CRA", coordinates.Centre[0],
@@ -114,9 +124,9 @@ std::vector<std::string> WorldCoordinateCards(const WorldCoordinates& coordinate
     return cards;
 }
 
-std::vector<std::string> WorldCoordinateCards(const PlateImage& image, const SkyModel& model) {
-    // Rows that are counted from the top turn over.
-    const double upward = FirstRowAtTop(image) ? -1 : 1;
+std::vector<std::string> WorldCoordinateCards(const PlateImage& image, const SkyModel& model,
+                                              RowOrder rows) {
+    const double upward = Upward(image, rows);
     const bool distorted = model.Distorted();
     const double ra = InCircle(model.Tangent.Ra * ExactDegreesPerRadian);
     const double dec = model.Tangent.Dec * ExactDegreesPerRadian;
@@ -159,8 +169,7 @@ std::vector<std::string> WorldCoordinateCards(const PlateImage& image, const Sky
         addPolynomial("AP", model.InverseDistortion[0], 0, 1, "its inverse");
         addPolynomial("BP", model.InverseDistortion[1], 0, upward, "its inverse");
     }
-    for (std::string& card : FitsCommentCards(
-             "Rows count from the bottom of the picture up, the lowest one is row 1.")) {
+    for (std::string& card : FitsCommentCards(RowRemark(rows))) {
         cards.push_back(std::move(card));
     }
     cards.push_back(FitsNumberCard("NH_CRA", ra, "[deg] J2000 right ascension, image centre"));

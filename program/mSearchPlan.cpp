@@ -86,7 +86,7 @@ class Plan {
     }
 
     SolveCode RunAttempts() {
-        enoughStars_ = FindPlateStars(state_, port_);
+        enoughStars_ = request_.Stars ? TakeGivenStars() : FindPlateStars(state_, port_);
         if (enoughStars_) lists_[Place(StarSource::Extracted)] = state_.PlateStars;
         if (SureSomewhere()) return SolveCode::Solved;
         if (enoughStars_) state_.PlateStars = ListOf(StarSource::Extracted);
@@ -106,6 +106,16 @@ class Plan {
         return SolveCode::NoMatch;
     }
 
+    /// As `FindPlateStars`, for stars that were given.
+    bool TakeGivenStars() {
+        constexpr std::int32_t fewest = 6;
+        ForgetSolution(state_);
+        state_.PlateStars = *request_.Stars;
+        state_.PlateStars.Resize(std::min(state_.PlateStars.Count(), MaxExtractedStars));
+        state_.Extraction.StarsFound = request_.Stars->Count();
+        return state_.PlateStars.Count() >= fewest;
+    }
+
     bool SureSomewhere() {
         for (std::size_t i = 0; i < request_.Around.size(); ++i) {
             if (SureAround(request_.Around[i])) {
@@ -119,6 +129,7 @@ class Plan {
 
     bool SureAround(const SearchHint& hint) {
         if (Try("search", [&] { return PlainSearch(hint); })) return true;
+        if (hint.Briefly) return false;
         return std::any_of(hintAttempts.begin(), hintAttempts.end(), [&](const auto& attempt) {
             return !MustEnd() && Try(attempt.Name, [&] { return SearchAround(attempt, hint); });
         });
@@ -173,6 +184,8 @@ class Plan {
         if (list) return *list;
         if (from == StarSource::Extracted) {
             list.emplace();
+        } else if (request_.Stars && from != StarSource::EvenPeaks) {
+            list = request_.Stars;
         } else if (from == StarSource::EvenPeaks) {
             list = SpreadEvenly(ListOf(StarSource::Peaks), state_.Image.Width, state_.Image.Height);
         } else {

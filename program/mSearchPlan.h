@@ -19,6 +19,7 @@ struct SearchHint {
     double Width = 0;    ///< of the field, radians; may be 30 % off
     double Height = 0;
     std::int32_t Regions = 25;
+    bool Briefly = false;  ///< only the plain search
 };
 
 /// What a plan starts from.
@@ -27,6 +28,8 @@ struct SearchRequest {
     bool Everywhere = false;         ///< looks at the whole sky when the hints give nothing
     std::vector<double> Diagonals;   ///< likely diagonals of the field, radians; may be empty
     double TimeLimit = 20;           ///< seconds; the first attempt is not cut short
+    /// The stars of the image, brightest first, in place of those that its pixels show.
+    std::optional<PlateStarList> Stars;
 };
 
 /// One attempt of a plan.

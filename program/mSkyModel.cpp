@@ -34,9 +34,9 @@ PlateStarList CatalogOfImage(const ProgramState& state, const SkyModel& plate) {
     return stars;
 }
 
-std::optional<SkySolution> SolutionOfAllStars(const ProgramState& state, const SkyModel& plate) {
+std::optional<SkySolution> SolutionOfAllStars(const ProgramState& state,
+                                              const PlateStarList& regionStars) {
     const PlateSolution& solution = *state.Solution;
-    const PlateStarList regionStars = CatalogOfImage(state, plate);
     std::vector<SkyPosition> catalog;
     std::vector<PixelPoint> stars;
     std::vector<SkyPair> start;
@@ -69,9 +69,10 @@ std::optional<ImageSkyModel> SkyModelOfImage(const ProgramState& state) {
     auto plate = SkyModelOfPlate(constants, {header.RaRef, header.DecRef}, header.PlateScale,
                                  state.Image.Width, state.Image.Height);
     if (!plate) return std::nullopt;
-    ImageSkyModel result{std::move(*plate), std::nullopt};
+    ImageSkyModel result{std::move(*plate), std::nullopt, {}};
     if (state.Solution) {
-        result.Solution = SolutionOfAllStars(state, result.Model);
+        result.CatalogStars = CatalogOfImage(state, result.Model);
+        result.Solution = SolutionOfAllStars(state, result.CatalogStars);
         if (result.Solution) result.Model = result.Solution->Fit.Model;
     }
     return result;

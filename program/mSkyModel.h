@@ -15,6 +15,7 @@ struct ImageSkyModel {
     /// The fit to all stars. Nothing for an image that was opened solved, or where the stars bear
     /// no better model than the plate: then the model is the plate as an ordinary photograph.
     std::optional<SkySolution> Solution;
+    PlateStarList CatalogStars;  ///< that its pairs point to, index 0 being number 1
 };
 
 /// The model of the loaded image's solution; nothing when it has none, or none that a photograph

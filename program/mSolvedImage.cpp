@@ -58,6 +58,10 @@ std::string WorldCoordinatePath(const std::string& imagePath) {
 }
 
 bool WriteWorldCoordinates(const ProgramState& state, Port& port) {
+    return WriteWorldCoordinates(state, port, WorldCoordinatePath(state.Image.FileName));
+}
+
+bool WriteWorldCoordinates(const ProgramState& state, Port& port, const std::string& path) {
     const std::vector<std::string> coordinates = CoordinateCards(state);
     if (!state.ImageLoaded || coordinates.empty()) {
         port.ShowMessage("The image has no solution.", DefaultTitle);
@@ -72,7 +76,6 @@ bool WriteWorldCoordinates(const ProgramState& state, Port& port) {
     append({FitsNumberCard("IMAGEW", state.Image.Width, "columns of the image"),
             FitsNumberCard("IMAGEH", state.Image.Height, "rows of the image")});
     append(QualityCards(state));
-    const std::string path = WorldCoordinatePath(state.Image.FileName);
     if (ReplaceFile(PathFromText(path), FitsHeaderBlocks(cards))) return true;
     port.ShowMessage("The file " + path + " cannot be written.", DefaultTitle);
     return false;

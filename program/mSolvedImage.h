@@ -13,6 +13,8 @@ std::string WorldCoordinatePath(const std::string& imagePath);
 /// Writes a FITS header with the world coordinates of the loaded image's solution beside it, whole
 /// or not at all. Shows a message when that fails.
 bool WriteWorldCoordinates(const ProgramState& state, Port& port);
+/// Likewise, into any file (UTF-8 path).
+bool WriteWorldCoordinates(const ProgramState& state, Port& port, const std::string& path);
 
 /// Writes the loaded image, as its file has it, with its solution as a standard FITS file (UTF-8
 /// path), whole or not at all. Shows a message when that fails.

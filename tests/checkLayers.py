@@ -29,6 +29,7 @@ FOLDERS = {
     "photometry": "astro image",
     "display": "astro image photometry",
     "program": "platform astro telescope image extraction catalog matching settings photometry display",
+    "solver": "platform astro image program",
     "console": "platform astro image program",
     "desktop": "platform astro telescope image photometry display program console",
     "tools": "astro image catalog",
