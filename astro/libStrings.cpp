@@ -212,4 +212,9 @@ std::string FolderOfPath(std::string_view path) {
     return std::string(path.substr(0, last == 0 ? 1 : last));
 }
 
+std::string FileNameOfPath(std::string_view path) {
+    const std::size_t last = LastFolderSeparator(path);
+    return std::string(last == std::string_view::npos ? path : path.substr(last + 1));
+}
+
 }  // namespace vestrel

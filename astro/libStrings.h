@@ -52,4 +52,7 @@ std::size_t LastFolderSeparator(std::string_view path);
 /// a file in the root folder); empty when the path has none.
 std::string FolderOfPath(std::string_view path);
 
+/// The part of a path after its last separator.
+std::string FileNameOfPath(std::string_view path);
+
 }  // namespace vestrel

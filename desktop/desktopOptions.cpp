@@ -1,5 +1,6 @@
 #include "desktop/desktopOptions.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <system_error>
 
@@ -41,11 +42,21 @@ DesktopStart ReadDesktopArguments(const std::vector<std::string>& arguments) {
         // The folder is shown and remembered.
         return {DesktopStart::Kind::OpenImage, TextFromPath(AbsolutePath(PathFromText(text)))};
     }
+    if (arguments.size() > 1 && std::all_of(arguments.begin(), arguments.end(), IsFile)) {
+        return {DesktopStart::Kind::OpenImage,
+                TextFromPath(AbsolutePath(PathFromText(arguments.front()))),
+                "One image is opened at a time: " + FileNameOfPath(arguments.front()) +
+                    " is, the others are not."};
+    }
     text = Trim(text);
     if (text.empty()) return {};
     if (text == "--help" || text == "-h") return {DesktopStart::Kind::Print, help};
     if (text == "--version") {
         return {DesktopStart::Kind::Print, std::string("vestrel ") + VESTREL_VERSION + "\n"};
+    }
+    // A parameter string has commas.
+    if (text.find(',') == std::string::npos) {
+        return {DesktopStart::Kind::Complain, "There is no image file " + text};
     }
     return {DesktopStart::Kind::Unattended, text};
 }

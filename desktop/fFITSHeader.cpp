@@ -40,13 +40,14 @@ HeaderWindow::HeaderWindow(const ProgramState& state)
     layout->addWidget(text_);
     layout->addWidget(buttons);
     resize(fontMetrics().averageCharWidth() * 110, 600);
+    WithoutDefaultButtons(*this);
 }
 
 void HeaderWindow::ImageChanged() {
     if (!isVisible()) return;
     QString text;
     if (state_.ImageLoaded) {
-        for (const std::string& line : HeaderLines(state_.Image)) text += QtText(line) + "\n";
+        for (const std::string& line : HeaderLines(state_.Image)) text += HeaderText(line) + "\n";
     }
     // The same text keeps its place under the scroll bars.
     if (text_->toPlainText() != text) text_->setPlainText(text);
@@ -54,6 +55,7 @@ void HeaderWindow::ImageChanged() {
 
 void HeaderWindow::showEvent(QShowEvent* event) {
     QDialog::showEvent(event);
+    KeepOnScreen(*this);
     ImageChanged();
 }
 

@@ -14,13 +14,14 @@
 #include <limits>
 
 #include "desktop/libGraph.h"
+#include "desktop/libWindows.h"
 #include "display/libPlot.h"
 #include "program/mImageView.h"
 
 namespace vestrel {
 
-LevelsWindow::LevelsWindow(ProgramState& state)
-    : QDialog(nullptr, Qt::Window), state_(state), area_(new HistogramArea) {
+LevelsWindow::LevelsWindow(ProgramState& state, QWidget* parent)
+    : QDialog(parent, Qt::Window), state_(state), area_(new HistogramArea) {
     setObjectName("fHistogram");
     setWindowTitle("Levels");
     auto* rows = new QGridLayout;
@@ -65,6 +66,7 @@ LevelsWindow::LevelsWindow(ProgramState& state)
     layout->addLayout(rows);
     layout->addLayout(options);
     resize(620, 380);
+    WithoutDefaultButtons(*this);
 }
 
 LevelsWindow::LevelRow LevelsWindow::AddLevel(QGridLayout* layout, int row, const char* name,
@@ -77,6 +79,7 @@ LevelsWindow::LevelRow LevelsWindow::AddLevel(QGridLayout* layout, int row, cons
     added.Number->setRange(-std::numeric_limits<int>::max(), std::numeric_limits<int>::max());
     added.Number->setMinimumWidth(fontMetrics().horizontalAdvance("-00000000000"));
     added.Number->setKeyboardTracking(false);
+    added.Number->setLocale(QLocale::c());
     auto* label = new QLabel(caption);
     label->setBuddy(added.Number);
     connect(added.Slider, &QSlider::valueChanged, this, [this, level](int position) {
@@ -138,6 +141,7 @@ void LevelsWindow::LevelsChanged() {
 
 void LevelsWindow::showEvent(QShowEvent* event) {
     QDialog::showEvent(event);
+    KeepOnScreen(*this);
     if (state_.Running == Activity::None) ImageChanged();
 }
 

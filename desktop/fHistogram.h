@@ -19,7 +19,7 @@ class HistogramArea;
 
 class LevelsWindow : public QDialog {
  public:
-    explicit LevelsWindow(ProgramState& state);
+    explicit LevelsWindow(ProgramState& state, QWidget* parent = nullptr);
 
     /// The pixels have changed, and nothing is at work on them.
     void ImageChanged();

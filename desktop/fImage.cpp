@@ -4,6 +4,7 @@
 #include <QApplication>
 #include <QBuffer>
 #include <QClipboard>
+#include <QDropEvent>
 #include <QFontDatabase>
 #include <QLabel>
 #include <QMenuBar>
@@ -39,6 +40,7 @@ ImageWindow::ImageWindow(ProgramState& state, Port& port)
     setObjectName("fImage");
     setWindowTitle("Image");
     setCentralWidget(area_);
+    setAcceptDrops(true);
     BuildMenus();
     BuildStatusBar();
     area_->OnPaintOverlays = [this](QPainter& painter) { PaintOverlays(painter); };
@@ -152,7 +154,8 @@ void ImageWindow::ImageChanged() {
     if (!isVisible()) return;
     size_->setText(state_.ImageLoaded ? QtText(state_.Display.ImageSize)
                                       : QtText(ImageNameText(state_)));
-    setWindowTitle(state_.ImageLoaded ? QtText(ImageNameText(state_)) : "Image");
+    setWindowTitle(state_.ImageLoaded ? QtText(ImageBaseName(state_)) : "Image");
+    ClearReadout();
     const PlateImage& image = state_.Image;
     if (!state_.ImageLoaded) {
         area_->Picture.Clear();
@@ -293,8 +296,19 @@ void ImageWindow::ExportView() {
     if (!written) port_.ShowMessage("The view cannot be written to " + *path, DefaultTitle);
 }
 
+void ImageWindow::dragEnterEvent(QDragEnterEvent* event) {
+    const bool idle = state_.Running == Activity::None;
+    if (idle && !DraggedFiles(event->mimeData()).isEmpty()) AcceptAsCopy(*event);
+}
+
+void ImageWindow::dropEvent(QDropEvent* event) {
+    AcceptAsCopy(*event);
+    if (OnFilesDropped) OnFilesDropped(DraggedFiles(event->mimeData()));
+}
+
 void ImageWindow::showEvent(QShowEvent* event) {
     QMainWindow::showEvent(event);
+    KeepOnScreen(*this);
     // While a solve works on the pixels they are not to be read; it tells when it has done.
     if (state_.Running == Activity::None) ImageChanged();
 }

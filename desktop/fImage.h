@@ -44,11 +44,15 @@ class ImageWindow : public QMainWindow {
 
     std::function<void(PixelPoint)> OnStarClicked;
     std::function<void(PixelPoint)> OnStarDoubleClicked;
+    /// Files were dropped on the image.
+    std::function<void(const QStringList&)> OnFilesDropped;
     /// The image got its first levels.
     std::function<void()> OnLevelsChosen;
 
  protected:
     void showEvent(QShowEvent* event) override;
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
 
  private:
     void BuildMenus();

@@ -10,13 +10,16 @@
 #include <QMessageBox>
 #include <QMimeData>
 #include <QPlainTextEdit>
+#include <QPointer>
 #include <QProgressBar>
 #include <QPushButton>
 #include <cstdio>
 
 #include "console/exitCodes.h"
 #include "desktop/fParms.h"
+#include "program/mJustSolve.h"
 #include "program/mMORA.h"
+#include "program/mPreferences.h"
 #include "program/mRecentImages.h"
 #include "program/mSettings.h"
 #include "program/mSolveWindow.h"
@@ -28,9 +31,10 @@ SolveWindow::SolveWindow(ProgramState& state)
     : state_(state),
       port_(state, *this),
       imageWindow_(state, port_),
-      levelsWindow_(state),
-      statsWindow_(state),
-      photometryWindow_(state, port_),
+      levelsWindow_(state, &imageWindow_),
+      statsWindow_(state, &imageWindow_),
+      photometryWindow_(state, port_, &imageWindow_),
+      residualsWindow_(state, &imageWindow_),
       headerWindow_(state),
       quadMessagesWindow_(state) {
     setObjectName("fKELInfo");
@@ -49,6 +53,7 @@ SolveWindow::SolveWindow(ProgramState& state)
         statsWindow_.ImageChanged();
         photometryWindow_.ImageChanged();
         headerWindow_.ImageChanged();
+        residualsWindow_.SolutionChanged();
     };
     port_.OnProgress = [this](int percent) { ShowProgressPercent(percent); };
     ConnectWindows();
@@ -59,9 +64,11 @@ SolveWindow::SolveWindow(ProgramState& state)
     connect(&clock_, &QTimer::timeout, this, [this] { TickClock(); });
     clock_.start();
     openDropped_.setSingleShot(true);
-    connect(&openDropped_, &QTimer::timeout, this, [this] { OpenFile(droppedFile_); });
+    connect(&openDropped_, &QTimer::timeout, this, [this] { OpenDropped(); });
     InitSettings(state_, port_);
     LoadRecentImages(state_);
+    LoadPreferences(state_);
+    RestorePlaces();
     ShowInputs();
     ShowQuadCommands();
     UpdateClock(state_);
@@ -96,13 +103,12 @@ void SolveWindow::closeEvent(QCloseEvent* event) {
     if (!SaveRecentImages(state_)) {
         std::fputs("vestrel: the list of recent images cannot be written\n", stderr);
     }
-    imageWindow_.close();
-    levelsWindow_.close();
-    statsWindow_.close();
-    photometryWindow_.close();
-    headerWindow_.close();
-    quadMessagesWindow_.close();
-    helpWindow_.close();
+    KeepPlaces();
+    if (!SavePreferences(state_))
+        std::fputs("vestrel: the preferences cannot be written\n", stderr);
+    for (QWidget* window : Windows()) {
+        if (window != this) window->close();
+    }
     event->accept();
 }
 
@@ -115,17 +121,57 @@ void SolveWindow::changeEvent(QEvent* event) {
 }
 
 void SolveWindow::dragEnterEvent(QDragEnterEvent* event) {
-    const QList<QUrl> urls = event->mimeData()->urls();
-    if (CommandsFor(state_).Start && urls.size() == 1 && urls[0].isLocalFile()) {
-        event->acceptProposedAction();
+    if (CommandsFor(state_).Start && !DraggedFiles(event->mimeData()).isEmpty()) {
+        AcceptAsCopy(*event);
     }
 }
 
 void SolveWindow::dropEvent(QDropEvent* event) {
-    event->acceptProposedAction();
-    droppedFile_ = Utf8(event->mimeData()->urls().constFirst().toLocalFile());
+    AcceptAsCopy(*event);
+    Drop(DraggedFiles(event->mimeData()));
+}
+
+void SolveWindow::Drop(const QStringList& files) {
+    droppedFiles_ = files;
     // Later: the program that the image comes from waits for this event to end.
     openDropped_.start();
+}
+
+void SolveWindow::OpenDropped() {
+    if (droppedFiles_.isEmpty()) return;
+    OpenFile(Utf8(droppedFiles_.constFirst()));
+    if (droppedFiles_.size() > 1 && state_.ImageLoaded) {
+        state_.Display.Status = {"Opened the first of " + std::to_string(droppedFiles_.size()) +
+                                     " files: one image is opened at a time",
+                                 StatusColour::Black, true};
+        ShowState();
+    }
+}
+
+void SolveWindow::Complain(const std::string& text) {
+    port_.ShowMessage(text, ProgramTitle);
+}
+
+std::vector<QWidget*> SolveWindow::Windows() {
+    return {
+        this,           &imageWindow_,     &levelsWindow_, &statsWindow_,       &photometryWindow_,
+        &headerWindow_, &residualsWindow_, &helpWindow_,   &quadMessagesWindow_};
+}
+
+void SolveWindow::RestorePlaces() {
+    for (QWidget* window : Windows()) {
+        const std::string place = PreferenceOf(state_, "window." + Utf8(window->objectName()));
+        if (!place.empty()) window->restoreGeometry(QByteArray::fromHex(place.c_str()));
+    }
+}
+
+void SolveWindow::KeepPlaces() {
+    for (QWidget* window : Windows()) {
+        // One that was never shown has no place yet.
+        if (!window->testAttribute(Qt::WA_WState_Created)) continue;
+        SetPreference(state_, "window." + Utf8(window->objectName()),
+                      window->saveGeometry().toHex().toStdString());
+    }
 }
 
 void SolveWindow::ShowInputs() {
@@ -140,17 +186,22 @@ void SolveWindow::ShowQuadCommands() {
 
 void SolveWindow::ShowTexts() {
     for (const auto& [label, text] : shown_) label->setText(QtText(state_.Display.*text));
+    const QString stage = QtText(StageText(state_));
+    stageLabel_->setText(stage);
+    stageLabel_->setVisible(!stage.isEmpty());
 }
 
 void SolveWindow::ShowState() {
     const SolveDisplay& display = state_.Display;
     ShowTexts();
     nameLabel_->setText(QtText(ImageNameText(state_)));
+    nameLabel_->setToolTip(state_.ImageLoaded ? QtText(state_.Image.FileName) : QString());
     folderLabel_->setText(QtText(ImageFolderText(state_)));
     unitsButton_->setText(QtText(state_.Inputs.Units));
     centrePanel_->setTitle(QtText(display.CentreCaption));
     ShowStatusLine(statusLabel_, display.Status);
     ShowStatusLine(status1Label_, display.Status1);
+    ShowTrust();
     ShowProgressPercent(0);
     const QString details = QtText(display.Details);
     if (details_->toPlainText() != details) details_->setPlainText(details);
@@ -164,6 +215,23 @@ void SolveWindow::ShowState() {
     copyAction_->setEnabled(!display.Details.empty());
     stopButton_->setEnabled(commands.Stop);
     syncButton_->setEnabled(commands.Sync);
+}
+
+void SolveWindow::ShowTrust() {
+    const Trust trust = state_.Running == Activity::None ? TrustOf(state_) : Trust();
+    const QString why = QtText(trust.Why);
+    const bool settles = !trust.Settle.empty();
+    QPalette colours = palette();
+    colours.setColor(QPalette::WindowText, TrustColour(trust.Level, palette()));
+    trustLabel_->setPalette(colours);
+    trustLabel_->setText(WordOf(trust.Level));
+    trustWhyLabel_->setText(settles ? why + ".\n" + QtText(trust.Settle) + "." : why);
+    const bool offers = state_.Running == Activity::None && state_.Display.OffersJustSolve;
+    if (offers) trustWhyLabel_->setText("Nothing was found from these starting values.");
+    trustLabel_->setVisible(trust.Level != TrustLevel::None);
+    trustWhyLabel_->setVisible(!trustWhyLabel_->text().isEmpty());
+    offerButton_->setVisible(offers);
+    residualsButton_->setVisible(state_.Solution.has_value());
 }
 
 void SolveWindow::ShowStatusLine(QLabel* label, const StatusLine& line) {
@@ -193,113 +261,17 @@ void SolveWindow::FillRecentImages() {
 }
 
 void SolveWindow::Run(const std::function<void()>& command) {
+    const QPointer<QWidget> focus = focusWidget();
     command();
     ShowQuadCommands();
     ShowState();
+    // A control that is off meanwhile loses the keyboard to the next one.
+    const bool fault = focusFault_ != nullptr;
+    QWidget* back = fault ? focusFault_ : focus.data();
+    focusFault_ = nullptr;
+    if (back != nullptr && back->isEnabled() && back->isVisible()) back->setFocus();
+    if (fault) static_cast<QLineEdit*>(back)->selectAll();
     if (state_.CloseRequested) close();
-}
-
-void SolveWindow::Match() {
-    Run([this] { PlateMatchCommand(state_, port_); });
-}
-
-void SolveWindow::MatchQuads() {
-    if (state_.ImageLoaded) quadMessagesWindow_.show();
-    MoraCommand(state_, port_);
-    ShowInputs();
-}
-
-void SolveWindow::Stop() {
-    if (CommandsFor(state_).Stop) StopSearch(state_);
-}
-
-void SolveWindow::FocusStop() {
-    // A button that is off takes no focus; the command, which begins next, would switch it on.
-    stopButton_->setEnabled(true);
-    stopButton_->setFocus();
-}
-
-void SolveWindow::LoadTelescope() {
-    FocusStop();
-    if (LoadTelescopeCommand(state_, port_)) ShowInputs();
-}
-
-void SolveWindow::SyncTelescope() {
-    FocusStop();
-    SyncTelescopeCommand(state_, port_);
-}
-
-void SolveWindow::ConnectWindows() {
-    imageWindow_.OnLevelsChosen = [this] { levelsWindow_.LevelsChanged(); };
-    levelsWindow_.OnLevelsChanged = [this] { imageWindow_.LevelsChanged(); };
-    // A click is for the windows that are open; a double click opens the statistics.
-    imageWindow_.OnStarClicked = [this](PixelPoint pixel) {
-        if (statsWindow_.isVisible()) statsWindow_.Measure(pixel);
-        if (photometryWindow_.isVisible()) photometryWindow_.Take(pixel);
-    };
-    imageWindow_.OnStarDoubleClicked = [this](PixelPoint pixel) {
-        if (statsWindow_.isVisible()) return;
-        statsWindow_.show();
-        statsWindow_.Measure(pixel);
-    };
-    statsWindow_.OnMeasured = [this](const std::optional<StarMeasurement>& star) {
-        statsMarks_ = star ? std::vector{MarkOf(*star, {})} : std::vector<MeasuredMark>();
-        MarkStars();
-    };
-    photometryWindow_.OnTaken = [this](const std::vector<StarMeasurement>& stars) {
-        photometryMarks_.clear();
-        for (const StarMeasurement& star : stars) {
-            photometryMarks_.push_back(MarkOf(star, photometryMarks_.empty() ? "1" : "2"));
-        }
-        MarkStars();
-    };
-}
-
-void SolveWindow::MarkStars() {
-    std::vector<MeasuredMark> marks = statsMarks_;
-    marks.insert(marks.end(), photometryMarks_.begin(), photometryMarks_.end());
-    imageWindow_.SetMarks(std::move(marks));
-}
-
-void SolveWindow::Bring(QWidget& window) {
-    window.show();
-    window.raise();
-    window.activateWindow();
-}
-
-void SolveWindow::EditParameters() {
-    auto* dialog = new ParametersWindow(
-        state_, port_, [this] { ShowHelp(); }, this);
-    dialog->setAttribute(Qt::WA_DeleteOnClose);
-    dialog->open();
-}
-
-void SolveWindow::ShowHelp() {
-    Bring(helpWindow_);
-}
-
-void SolveWindow::ShowAbout() {
-    auto* box = new QMessageBox(QMessageBox::NoIcon, "About Vestrel",
-                                QString("<h3>") + ProgramTitle +
-                                    "</h3><p>Finds where a photograph of the night sky points.</p>"
-                                    "<p>Version " VESTREL_VERSION ". MIT licence.</p>",
-                                QMessageBox::Close, this);
-    box->setIconPixmap(windowIcon().pixmap(64));
-    box->setAttribute(Qt::WA_DeleteOnClose);
-    // A solve can be stopped all the same.
-    box->setModal(false);
-    box->show();
-}
-
-void SolveWindow::Tick() {
-    const bool ends = CountdownTick(state_);
-    ShowState();
-    if (ends) close();
-}
-
-void SolveWindow::TickClock() {
-    UpdateClock(state_);
-    ShowTexts();
 }
 
 }  // namespace vestrel

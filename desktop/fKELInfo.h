@@ -16,6 +16,7 @@
 #include "desktop/fImage.h"
 #include "desktop/fMORA.h"
 #include "desktop/fRelPhot.h"
+#include "desktop/fResiduals.h"
 #include "desktop/fStats.h"
 #include "desktop/libWindows.h"
 #include "program/mGeneral.h"
@@ -44,6 +45,8 @@ class SolveWindow : public QMainWindow {
 
     /// Opens an image as if the user had chosen it.
     void OpenFile(const std::string& path);
+    /// Tells the user what cannot be done.
+    void Complain(const std::string& text);
     /// Solves as a parameter string says, then counts down and closes the program.
     void StartUnattended(const std::string& parameters);
     /// What the program is to end with.
@@ -71,6 +74,8 @@ class SolveWindow : public QMainWindow {
         const QString& title,
         const std::vector<std::tuple<const char*, const char*, std::string SolveDisplay::*>>& rows);
     QGroupBox* BuildStatus();
+    QLayout* BuildTrust();
+    void ShowTrust();
     QWidget* BuildCountdown();
     QLineEdit* AddInput(const char* name, const QString& accessibleName,
                         std::string SolveInputs::*text);
@@ -89,12 +94,21 @@ class SolveWindow : public QMainWindow {
     void ShowStatusLine(QLabel* label, const StatusLine& line);
     void ShowProgressPercent(int percent);
     void FillRecentImages();
+    /// Every window that keeps its place between runs.
+    std::vector<QWidget*> Windows();
+    void RestorePlaces();
+    void KeepPlaces();
 
     // The commands.
     /// Runs a command and closes the window when that was asked for meanwhile.
     void Run(const std::function<void()>& command);
     void Match();
     void MatchQuads();
+    void JustSolve();
+    /// Puts the pointer of the keyboard where a search found a fault.
+    void FocusFault(bool asked);
+    void Drop(const QStringList& files);
+    void OpenDropped();
     void Stop();
     void LoadTelescope();
     void SyncTelescope();
@@ -115,11 +129,12 @@ class SolveWindow : public QMainWindow {
     QTimer countdown_;
     QTimer clock_;
     QTimer openDropped_;
-    std::string droppedFile_;
+    QStringList droppedFiles_;
     ExitCode exitCode_ = ExitCode::Solved;
 
     std::vector<std::pair<QLabel*, std::string SolveDisplay::*>> shown_;
     std::vector<std::pair<QLineEdit*, std::string SolveInputs::*>> inputs_;
+    QLineEdit* focusFault_ = nullptr;  ///< takes the keyboard when the command has ended
     // What needs nothing to run, something that can be stopped, an image to save.
     std::vector<QWidget*> startWidgets_;
     std::vector<QAction*> startActions_;
@@ -138,6 +153,11 @@ class SolveWindow : public QMainWindow {
     QLabel* folderLabel_ = nullptr;
     QLabel* statusLabel_ = nullptr;
     QLabel* status1Label_ = nullptr;
+    QLabel* stageLabel_ = nullptr;
+    QLabel* trustLabel_ = nullptr;
+    QLabel* trustWhyLabel_ = nullptr;
+    QPushButton* offerButton_ = nullptr;
+    QPushButton* residualsButton_ = nullptr;
     QProgressBar* busyBar_ = nullptr;
     QPlainTextEdit* details_ = nullptr;
     QWidget* countdownRow_ = nullptr;
@@ -148,6 +168,7 @@ class SolveWindow : public QMainWindow {
     LevelsWindow levelsWindow_;
     StatsWindow statsWindow_;
     RelativePhotometryWindow photometryWindow_;
+    ResidualsWindow residualsWindow_;
     HeaderWindow headerWindow_;
     QuadMessagesWindow quadMessagesWindow_;
     HelpWindow helpWindow_;

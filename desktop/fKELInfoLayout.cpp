@@ -97,10 +97,10 @@ QGroupBox* SolveWindow::BuildCentreInputs() {
     auto* group = new QGroupBox("Approximate Image Center");
     auto* layout = new QGridLayout(group);
     QLineEdit* ra =
-        AddInput("txtRA", "Right ascension of the approximate image center", &SolveInputs::Ra);
+        AddInput("txtRA", "Right ascension of the approximate image centre", &SolveInputs::Ra);
     ra->setPlaceholderText("hh mm ss or degrees");
     QLineEdit* dec =
-        AddInput("txtDec", "Declination of the approximate image center", &SolveInputs::Dec);
+        AddInput("txtDec", "Declination of the approximate image centre", &SolveInputs::Dec);
     dec->setPlaceholderText("dd mm ss or degrees");
     ra->setMinimumWidth(fontMetrics().horizontalAdvance("dd mm ss or degrees  "));
     auto* raLabel = new QLabel("&RA");
@@ -145,8 +145,8 @@ QGroupBox* SolveWindow::BuildSearchLimit() {
 
 QLayout* SolveWindow::BuildCommands() {
     auto* layout = new QGridLayout;
-    QPushButton* match = AddButton("cmdMatch", "Plate &Match", "Attempt a plate match",
-                                   [this] { PlateMatchCommand(state_, port_); });
+    QPushButton* match =
+        AddButton("cmdMatch", "Plate &Match", "Attempt a plate match", [this] { Match(); });
     startWidgets_.push_back(match);
     stopButton_ =
         AddButton("cmdStop", "&Stop Search", "Stop the Current Search", [this] { Stop(); });
@@ -160,12 +160,18 @@ QLayout* SolveWindow::BuildCommands() {
         AddButton("cmdMORA", "M&ORA", "Match patterns of four stars, wherever the image points",
                   [this] { MatchQuads(); });
     quadsButton_->hide();
+    QPushButton* just =
+        AddButton("cmdJustSolve", "&Just Solve",
+                  "Solve with whatever is known, else over the whole sky (Ctrl+Enter)",
+                  [this] { JustSolve(); });
+    startWidgets_.push_back(just);
     startWidgets_.push_back(quadsButton_);
-    layout->addWidget(match, 0, 0);
-    layout->addWidget(stopButton_, 0, 1);
-    layout->addWidget(image, 1, 0);
-    layout->addWidget(parameters, 1, 1);
-    layout->addWidget(quadsButton_, 2, 0, 1, 2);
+    layout->addWidget(just, 0, 0, 1, 2);
+    layout->addWidget(match, 1, 0);
+    layout->addWidget(stopButton_, 1, 1);
+    layout->addWidget(image, 2, 0);
+    layout->addWidget(parameters, 2, 1);
+    layout->addWidget(quadsButton_, 3, 0, 1, 2);
     layout->setColumnStretch(0, 1);
     layout->setColumnStretch(1, 1);
     return layout;
@@ -224,6 +230,7 @@ QGroupBox* SolveWindow::BuildStatus() {
     };
     statusLabel_ = addLine("lblStatus");
     status1Label_ = addLine("lblStatus1");
+    stageLabel_ = addLine("lblStage");
     busyBar_ = new QProgressBar;
     busyBar_->setObjectName("picBusy");
     busyBar_->setAccessibleName("Progress");
@@ -245,12 +252,42 @@ QGroupBox* SolveWindow::BuildStatus() {
     lines->setSpacing(16);
     lines->addWidget(statusLabel_);
     lines->addWidget(status1Label_);
+    lines->addWidget(stageLabel_);
     lines->addStretch();
     lines->addWidget(busyBar_);
     auto* layout = new QVBoxLayout(group);
     layout->addLayout(lines);
+    layout->addLayout(BuildTrust());
     layout->addWidget(details_);
     return group;
+}
+
+QLayout* SolveWindow::BuildTrust() {
+    trustLabel_ = new QLabel;
+    trustLabel_->setObjectName("lblTrust");
+    trustLabel_->setAccessibleName("How far the result can be trusted");
+    trustLabel_->setTextFormat(Qt::PlainText);
+    QFont font = trustLabel_->font();
+    font.setBold(true);
+    font.setPointSizeF(font.pointSizeF() * 1.3);
+    trustLabel_->setFont(font);
+    trustWhyLabel_ = new QLabel;
+    trustWhyLabel_->setObjectName("lblTrustWhy");
+    trustWhyLabel_->setAccessibleName("Why, and what would settle it");
+    trustWhyLabel_->setTextFormat(Qt::PlainText);
+    trustWhyLabel_->setWordWrap(true);
+    offerButton_ = AddButton("cmdOffer", "Just Solve", "Look everywhere (Ctrl+Enter)",
+                             [this] { JustSolve(); });
+    startWidgets_.push_back(offerButton_);
+    residualsButton_ = AddButton("cmdResiduals", "Resid&uals", "Where the matched stars lie",
+                                 [this] { Bring(residualsWindow_); });
+    auto* layout = new QHBoxLayout;
+    layout->setSpacing(12);
+    layout->addWidget(trustLabel_);
+    layout->addWidget(trustWhyLabel_, 1);
+    layout->addWidget(offerButton_);
+    layout->addWidget(residualsButton_);
+    return layout;
 }
 
 QWidget* SolveWindow::BuildCountdown() {
@@ -286,8 +323,9 @@ void SolveWindow::BuildMenus() {
     file->setToolTipsVisible(true);
     exportAction_ = AddAction(file, "&Export...", QKeySequence("Ctrl+E"),
                               [this] { ExportImageCommand(state_, port_); });
-    worldCoordinatesAction_ = AddAction(file, "Write &World Coordinates", QKeySequence("Ctrl+W"),
-                                        [this] { WorldCoordinatesCommand(state_, port_); });
+    worldCoordinatesAction_ =
+        AddAction(file, "Write &World Coordinates", QKeySequence("Ctrl+Shift+W"),
+                  [this] { WorldCoordinatesCommand(state_, port_); });
     file->addSeparator();
     AddAction(file, "&Quit", QKeySequence::Quit, [this] { close(); });
 
@@ -298,6 +336,16 @@ void SolveWindow::BuildMenus() {
     edit->addSeparator();
     startActions_.push_back(AddAction(edit, "Edit &Parameters...", QKeySequence("Ctrl+P"),
                                       [this] { EditParameters(); }));
+
+    QMenu* solve = menuBar()->addMenu("&Solve");
+    QAction* just =
+        AddAction(solve, "&Just Solve", QKeySequence("Ctrl+Return"), [this] { JustSolve(); });
+    just->setShortcuts({QKeySequence("Ctrl+Return"), QKeySequence("Ctrl+Enter")});
+    just->setObjectName("mnuJustSolve");
+    startActions_.push_back(just);
+    startActions_.push_back(
+        AddAction(solve, "&Plate Match", QKeySequence("Ctrl+Shift+M"), [this] { Match(); }));
+    AddAction(solve, "&Stop Search", QKeySequence("Ctrl+."), [this] { Stop(); });
 
     QMenu* view = menuBar()->addMenu("&View");
     AddAction(view, "Show &Image", QKeySequence("Ctrl+I"), [this] { Bring(imageWindow_); });
@@ -310,6 +358,9 @@ void SolveWindow::BuildMenus() {
     AddAction(view, "&Relative Photometry", QKeySequence("Ctrl+R"), [this] {
         Bring(photometryWindow_);
     })->setObjectName("mnuRelPhot");
+    AddAction(view, "Residua&ls", QKeySequence("Ctrl+D"), [this] {
+        Bring(residualsWindow_);
+    })->setObjectName("mnuResiduals");
     AddAction(view, "Show &Header", QKeySequence("Ctrl+H"), [this] {
         Bring(headerWindow_);
     })->setObjectName("mnuHeader");
@@ -324,12 +375,12 @@ void SolveWindow::BuildMenus() {
 
 QLineEdit* SolveWindow::AddInput(const char* name, const QString& accessibleName,
                                  std::string SolveInputs::*text) {
-    auto* input = new QLineEdit;
+    auto* input = new InputBox;
     input->setObjectName(name);
     input->setAccessibleName(accessibleName);
     connect(input, &QLineEdit::textChanged, this,
             [this, text](const QString& typed) { state_.Inputs.*text = Utf8(typed); });
-    connect(input, &QLineEdit::returnPressed, this, [this] { Match(); });
+    connect(input, &QLineEdit::returnPressed, this, [this] { Run([this] { Match(); }); });
     inputs_.emplace_back(input, text);
     return input;
 }

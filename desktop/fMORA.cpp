@@ -39,6 +39,7 @@ QuadMessagesWindow::QuadMessagesWindow(const ProgramState& state)
     layout->addWidget(list_);
     layout->addWidget(buttons);
     resize(fontMetrics().averageCharWidth() * 90, 400);
+    WithoutDefaultButtons(*this);
 }
 
 void QuadMessagesWindow::MessagesChanged() {

@@ -12,8 +12,8 @@
 
 namespace vestrel {
 
-RelativePhotometryWindow::RelativePhotometryWindow(ProgramState& state, Port& port)
-    : QDialog(nullptr, Qt::Window),
+RelativePhotometryWindow::RelativePhotometryWindow(ProgramState& state, Port& port, QWidget* parent)
+    : QDialog(parent, Qt::Window),
       state_(state),
       port_(port),
       hint_(new QLabel),
@@ -66,6 +66,7 @@ RelativePhotometryWindow::RelativePhotometryWindow(ProgramState& state, Port& po
     layout->addWidget(keep_);
     layout->addWidget(buttons);
     resize(fontMetrics().averageCharWidth() * 120, 340);
+    WithoutDefaultButtons(*this);
     ShowTable();
 }
 

@@ -17,7 +17,7 @@ namespace vestrel {
 
 class RelativePhotometryWindow : public QDialog {
  public:
-    RelativePhotometryWindow(ProgramState& state, Port& port);
+    RelativePhotometryWindow(ProgramState& state, Port& port, QWidget* parent = nullptr);
 
     /// Takes the star at a place of the image as the next one.
     void Take(const PixelPoint& pixel);

@@ -17,8 +17,8 @@
 
 namespace vestrel {
 
-StatsWindow::StatsWindow(ProgramState& state)
-    : QDialog(nullptr, Qt::Window),
+StatsWindow::StatsWindow(ProgramState& state, QWidget* parent)
+    : QDialog(parent, Qt::Window),
       state_(state),
       aperture_(AddRadius("numAperture", "Radius of the circle whose counts are added", 200,
                           &SolveParameters::ApertureRadius)),
@@ -67,6 +67,7 @@ StatsWindow::StatsWindow(ProgramState& state)
     layout->addWidget(profile_, 2);
     layout->addWidget(buttons);
     resize(metrics.averageCharWidth() * 64, 760);
+    WithoutDefaultButtons(*this);
     Clear();
 }
 
@@ -79,6 +80,7 @@ QDoubleSpinBox* StatsWindow::AddRadius(const char* name, const QString& toolTip,
     box->setDecimals(1);
     box->setSuffix(" px");
     box->setKeyboardTracking(false);
+    box->setLocale(QLocale::c());
     box->setValue(state_.Parameters.*radius);
     connect(box, &QDoubleSpinBox::valueChanged, this, [this, radius](double value) {
         state_.Parameters.*radius = value;
@@ -128,6 +130,7 @@ void StatsWindow::ImageChanged() {
 
 void StatsWindow::showEvent(QShowEvent* event) {
     QDialog::showEvent(event);
+    KeepOnScreen(*this);
     // Another window may have changed the parameters.
     const QSignalBlocker noAperture(aperture_);
     const QSignalBlocker noBackground(background_);

@@ -19,7 +19,7 @@ class ProfileArea;
 
 class StatsWindow : public QDialog {
  public:
-    explicit StatsWindow(ProgramState& state);
+    explicit StatsWindow(ProgramState& state, QWidget* parent = nullptr);
 
     /// Measures the star at a place of the image.
     void Measure(const PixelPoint& pixel);

@@ -3,6 +3,8 @@
 #include <QFontMetrics>
 #include <QPainter>
 #include <QPainterPath>
+#include <algorithm>
+#include <utility>
 
 #include "astro/libStrings.h"
 #include "desktop/libWindows.h"
@@ -83,6 +85,85 @@ void HistogramArea::paintEvent(QPaintEvent* /*event*/) {
         const int x = qRound(counts.PlaceOf(level));
         painter.drawLine(x, place.top(), x, place.bottom());
     }
+}
+
+ResidualArea::ResidualArea() {
+    setObjectName("picResiduals");
+    setAccessibleName("Residuals of the matched stars");
+    setMinimumSize(320, 320);
+    setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
+}
+
+void ResidualArea::paintEvent(QPaintEvent* /*event*/) {
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.fillRect(rect(), palette().color(QPalette::Window));
+    if (Residuals.empty() || ImageSize.isEmpty()) return;
+    const int textHeight = fontMetrics().height();
+    const int below = qMax(height() / 4, 90);
+    const QRect upper = rect().adjusted(8, 4, -8, -(below + textHeight + 8));
+    const QSize size = ImageSize.scaled(upper.size(), Qt::KeepAspectRatio);
+    PaintVectors(painter, QRect(upper.left() + (upper.width() - size.width()) / 2, upper.top(),
+                                size.width(), size.height()));
+    PaintHistogram(painter,
+                   QRect(8 + fontMetrics().horizontalAdvance("-000000 "), height() - below + 4,
+                         width() - 24 - fontMetrics().horizontalAdvance("-000000 "),
+                         below - 2 * textHeight - 12));
+}
+
+void ResidualArea::PaintVectors(QPainter& painter, const QRect& place) const {
+    painter.fillRect(place, palette().color(QPalette::Base));
+    painter.setPen(palette().color(QPalette::Mid));
+    painter.drawRect(place);
+    const double times = ResidualMagnification(Residuals, ImageSize.width(), ImageSize.height());
+    const PlotAxis x{-0.5, ImageSize.width() - 0.5, double(place.left()), double(place.right())};
+    PlotAxis y{-0.5, ImageSize.height() - 0.5, double(place.top()), double(place.bottom())};
+    if (!FirstRowAtTop) std::swap(y.From, y.To);
+    painter.save();
+    painter.setClipRect(place.adjusted(1, 1, 0, 0));
+    const QColor colour = palette().color(QPalette::Link);
+    for (const Residual& one : Residuals) {
+        const QPointF from(x.PlaceOf(one.Predicted.X), y.PlaceOf(one.Predicted.Y));
+        const QPointF to(x.PlaceOf(one.Predicted.X + times * one.Dx),
+                         y.PlaceOf(one.Predicted.Y + times * one.Dy));
+        painter.setPen(QPen(colour, 1.5));
+        painter.drawLine(from, to);
+        painter.setPen(Qt::NoPen);
+        painter.setBrush(colour);
+        painter.drawEllipse(from, 2, 2);
+    }
+    painter.restore();
+    painter.setPen(palette().color(QPalette::WindowText));
+    painter.drawText(QRect(0, place.bottom() + 4, width(), fontMetrics().height()),
+                     Qt::AlignHCenter,
+                     "From where the solution puts a star (dot) to where it is, " +
+                         QtText(NumberText(times)) + " times enlarged");
+}
+
+void ResidualArea::PaintHistogram(QPainter& painter, const QRect& place) const {
+    const ResidualHistogram histogram = HistogramOf(Residuals);
+    const auto bins = static_cast<int>(histogram.Counts.size());
+    const int most = *std::max_element(histogram.Counts.begin(), histogram.Counts.end());
+    painter.setRenderHint(QPainter::Antialiasing, false);
+    painter.fillRect(place, palette().color(QPalette::Base));
+    painter.setPen(palette().color(QPalette::Mid));
+    painter.drawRect(place);
+    const PlotAxis x{0, bins * histogram.BinWidth, double(place.left()), double(place.right())};
+    const PlotAxis y{0, double(most), double(place.bottom()), double(place.top() + 3)};
+    PaintTicksBelow(painter, *this, place, x);
+    PaintTicksAtLeft(painter, *this, place, y);
+    painter.setPen(palette().color(QPalette::Base));
+    painter.setBrush(palette().color(QPalette::Link));
+    for (int k = 0; k < bins; ++k) {
+        const int left = qRound(x.PlaceOf(k * histogram.BinWidth));
+        const int right = qRound(x.PlaceOf((k + 1) * histogram.BinWidth));
+        const int top = qRound(y.PlaceOf(histogram.Counts[static_cast<std::size_t>(k)]));
+        if (top < place.bottom()) painter.drawRect(left, top, right - left, place.bottom() - top);
+    }
+    painter.setPen(palette().color(QPalette::WindowText));
+    painter.drawText(
+        QRect(0, place.bottom() + fontMetrics().height() + 6, width(), fontMetrics().height()),
+        Qt::AlignHCenter, "Stars by the length of their residual, pixels");
 }
 
 ProfileArea::ProfileArea() {

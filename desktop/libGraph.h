@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "display/libDisplayLevels.h"
+#include "display/libResiduals.h"
 #include "photometry/libStarStatistics.h"
 
 namespace vestrel {
@@ -21,6 +22,22 @@ class HistogramArea : public QWidget {
 
  protected:
     void paintEvent(QPaintEvent* event) override;
+};
+
+/// Residuals as magnified vectors over the frame, and the histogram of their lengths below it.
+class ResidualArea : public QWidget {
+ public:
+    ResidualArea();
+    std::vector<Residual> Residuals;
+    QSize ImageSize;
+    bool FirstRowAtTop = true;
+
+ protected:
+    void paintEvent(QPaintEvent* event) override;
+
+ private:
+    void PaintVectors(QPainter& painter, const QRect& place) const;
+    void PaintHistogram(QPainter& painter, const QRect& place) const;
 };
 
 /// The pixels around a star by their distance from it, and the fitted Moffat profile.

@@ -1,11 +1,18 @@
 #include "desktop/libWindows.h"
 
 #include <QApplication>
+#include <QDropEvent>
 #include <QFileDialog>
 #include <QHelpEvent>
+#include <QKeyEvent>
 #include <QMessageBox>
+#include <QMimeData>
 #include <QPainter>
+#include <QPushButton>
+#include <QScreen>
+#include <QStringDecoder>
 #include <QToolTip>
+#include <QUrl>
 #include <algorithm>
 #include <cstdlib>
 #include <string_view>
@@ -44,14 +51,43 @@ std::string Utf8(const QString& text) {
     return text.toStdString();
 }
 
+namespace {
+
+bool IsDark(const QPalette& palette) {
+    return palette.color(QPalette::Window).lightness() < 128;
+}
+
+/// A theme for eyes that are used to the dark has one colour only.
+bool IsRedOnly(const QPalette& palette) {
+    return palette.color(QPalette::WindowText).blue() < 140 && IsDark(palette);
+}
+
+}  // namespace
+
 QColor StatusTextColour(StatusColour colour, const QPalette& palette) {
-    const bool dark = palette.color(QPalette::Window).lightness() < 128;
+    const bool dark = IsDark(palette);
+    if (IsRedOnly(palette)) return palette.color(QPalette::WindowText);
     switch (colour) {
         case StatusColour::Red:
-            return dark ? QColor(255, 120, 110) : QColor(250, 0, 0);
+            return dark ? QColor(255, 130, 120) : QColor(185, 0, 0);
         case StatusColour::Green:
-            return dark ? QColor(110, 220, 110) : QColor(0, 150, 0);
+            return dark ? QColor(110, 220, 110) : QColor(0, 105, 0);
         case StatusColour::Black:
+            break;
+    }
+    return palette.color(QPalette::WindowText);
+}
+
+QColor TrustColour(TrustLevel level, const QPalette& palette) {
+    switch (level) {
+        case TrustLevel::Sure:
+            return StatusTextColour(StatusColour::Green, palette);
+        case TrustLevel::Doubtful:
+            return StatusTextColour(StatusColour::Red, palette);
+        case TrustLevel::Check:
+            if (IsRedOnly(palette)) break;
+            return IsDark(palette) ? QColor(255, 200, 80) : QColor(130, 75, 0);
+        case TrustLevel::None:
             break;
     }
     return palette.color(QPalette::WindowText);
@@ -104,6 +140,59 @@ DisplayProbe::~DisplayProbe() {
 }
 #endif
 
+QString HeaderText(const std::string& bytes) {
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    const QString text =
+        decoder(QByteArrayView(bytes.data(), static_cast<qsizetype>(bytes.size())));
+    return decoder.hasError()
+               ? QString::fromLatin1(bytes.data(), static_cast<qsizetype>(bytes.size()))
+               : text;
+}
+
+void WithoutDefaultButtons(QDialog& dialog) {
+    for (QPushButton* button : dialog.findChildren<QPushButton*>()) {
+        button->setAutoDefault(false);
+        button->setDefault(false);
+    }
+}
+
+void KeepOnScreen(QWidget& window) {
+    const QScreen* screen = window.screen();
+    if (screen == nullptr || window.isMaximized() || window.isFullScreen()) return;
+    // The window manager puts a frame around it.
+    constexpr int titleBar = 32;
+    const QRect room = screen->availableGeometry().adjusted(0, titleBar, 0, 0);
+    const QSize size = window.size().boundedTo(room.size());
+    if (size != window.size()) window.resize(size);
+    const QPoint at(qBound(room.left(), window.x(), room.right() + 1 - size.width()),
+                    qBound(room.top(), window.y(), room.bottom() + 1 - size.height()));
+    if (at != window.pos()) window.move(at);
+}
+
+QStringList DraggedFiles(const QMimeData* data) {
+    QStringList files;
+    for (const QUrl& url : data->urls()) {
+        if (url.isLocalFile()) files << url.toLocalFile();
+    }
+    return files;
+}
+
+void AcceptAsCopy(QDropEvent& event) {
+    event.setDropAction(Qt::CopyAction);
+    event.accept();
+}
+
+bool InputBox::event(QEvent* event) {
+    if (event->type() == QEvent::ShortcutOverride) {
+        const auto* key = static_cast<QKeyEvent*>(event);
+        if (key->modifiers() == Qt::ControlModifier && key->key() == Qt::Key_E) {
+            event->ignore();
+            return true;
+        }
+    }
+    return QLineEdit::event(event);
+}
+
 ElidedLabel::ElidedLabel() {
     setTextFormat(Qt::PlainText);
     setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
@@ -112,8 +201,9 @@ ElidedLabel::ElidedLabel() {
 bool ElidedLabel::event(QEvent* event) {
     if (event->type() != QEvent::ToolTip) return QLabel::event(event);
     const bool cut = fontMetrics().horizontalAdvance(text()) > contentsRect().width();
+    const QString whole = !toolTip().isEmpty() ? toolTip() : cut ? text() : QString();
     QToolTip::showText(static_cast<QHelpEvent*>(event)->globalPos(),
-                       cut ? "<p>" + text().toHtmlEscaped() + "</p>" : QString(), this);
+                       whole.isEmpty() ? whole : "<p>" + whole.toHtmlEscaped() + "</p>", this);
     return true;
 }
 
@@ -136,6 +226,15 @@ void WindowPort::ShowMessage(const std::string& text, const std::string& title) 
     box.exec();
 }
 
+bool WindowPort::Confirm(const std::string& question, const std::string& title) {
+    QWidget* dialog = QApplication::activeModalWidget();
+    QMessageBox box(QMessageBox::Question, QtText(title), QtText(question),
+                    QMessageBox::Yes | QMessageBox::No, dialog != nullptr ? dialog : &window_);
+    box.setDefaultButton(QMessageBox::No);
+    box.setTextFormat(Qt::PlainText);
+    return box.exec() == QMessageBox::Yes;
+}
+
 std::optional<std::string> WindowPort::AskForFile(const FileDialog& dialog) {
     QFileDialog box(&window_, QtText(dialog.Title));
     const QStringList filters = NameFilters(dialog);
@@ -149,6 +248,7 @@ std::optional<std::string> WindowPort::AskForFile(const FileDialog& dialog) {
     }
     if (dialog.Saves) box.setDefaultSuffix(QtText(dialog.Suffix));
     box.setDirectory(QtText(FolderOfPath(dialog.InitialName)));
+    if (!dialog.SuggestedName.empty()) box.selectFile(QtText(dialog.SuggestedName));
     if (box.exec() != QDialog::Accepted || box.selectedFiles().isEmpty()) return std::nullopt;
     return Utf8(box.selectedFiles().constFirst());
 }

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <QColor>
+#include <QDialog>
 #include <QLabel>
+#include <QLineEdit>
 #include <QPalette>
 #include <QString>
 #include <QStringList>
@@ -12,6 +14,10 @@
 #include <string>
 
 #include "program/mGeneral.h"
+#include "program/mTrust.h"
+
+class QDropEvent;
+class QMimeData;
 
 namespace vestrel {
 
@@ -20,6 +26,9 @@ std::string Utf8(const QString& text);
 
 /// The colour of a status line, readable on the palette's background.
 QColor StatusTextColour(StatusColour colour, const QPalette& palette);
+
+/// The colour of a word about trust, readable on the palette's background.
+QColor TrustColour(TrustLevel level, const QPalette& palette);
 
 /// The entries of a file dialog in Qt's form. "*.*" stands for every file.
 QStringList NameFilters(const FileDialog& dialog);
@@ -39,6 +48,29 @@ class DisplayProbe {
     bool canOpenWindows_ = true;
     int child_ = -1;
     int socket_ = -1;  ///< the child lives until this is closed
+};
+
+/// Text of a file's header: UTF-8, or Latin-1 where it is not.
+QString HeaderText(const std::string& bytes);
+
+/// Return is for the control that has the focus: no button of the dialog takes it.
+void WithoutDefaultButtons(QDialog& dialog);
+
+/// Makes a window no larger than its screen, and moves it there.
+void KeepOnScreen(QWidget& window);
+
+/// The files that are dragged over a window; the first is opened.
+QStringList DraggedFiles(const QMimeData* data);
+/// Accepts files that are dropped: they stay where they are.
+void AcceptAsCopy(QDropEvent& event);
+
+/// An input of one line. Files that are dropped are for the window, and Ctrl+E for its menu.
+class InputBox : public QLineEdit {
+ public:
+    InputBox() { setAcceptDrops(false); }
+
+ protected:
+    bool event(QEvent* event) override;
 };
 
 /// A line of text that is cut in its middle when it does not fit, and is whole in its tool tip
@@ -61,6 +93,7 @@ class WindowPort : public Port {
     WindowPort& operator=(const WindowPort&) = delete;
 
     void ShowMessage(const std::string& text, const std::string& title) override;
+    bool Confirm(const std::string& question, const std::string& title) override;
     std::optional<std::string> AskForFile(const FileDialog& dialog) override;
     void DisplayChanged() override { OnDisplayChanged(); }
     void ImageChanged() override { OnImageChanged(); }

@@ -23,6 +23,10 @@ namespace vestrel {
 namespace {
 
 ExitCode RunWithoutWindow(const DesktopStart& start, ProgramState& state) {
+    if (start.What == DesktopStart::Kind::Complain) {
+        std::fputs(("vestrel: " + WithoutControls(start.Text) + "\n").c_str(), stderr);
+        return ExitCode::Usage;
+    }
     if (start.What != DesktopStart::Kind::Unattended) {
         std::fputs(
             "vestrel: there is no display to open a window on; vestrel-solve solves without one\n",
@@ -62,6 +66,8 @@ ExitCode Run(int argc, char** argv) {
     window.show();
     QTimer::singleShot(0, &window, [&] {
         if (start.What == DesktopStart::Kind::OpenImage) window.OpenFile(start.Text);
+        if (start.What == DesktopStart::Kind::Complain) window.Complain(start.Text);
+        if (!start.Notice.empty()) window.Complain(start.Notice);
         if (start.What == DesktopStart::Kind::Unattended) window.StartUnattended(start.Text);
     });
     QApplication::exec();

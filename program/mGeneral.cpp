@@ -8,11 +8,13 @@ void ForgetImage(ProgramState& state) {
     state.BackgroundRemoved = false;
     state.PlateStars.Clear();
     state.Report = {};
+    state.QuadMatch = {};
 
     SolveDisplay& display = state.Display;
     const SolveDisplay nothing;
     display.CentreCaption = nothing.CentreCaption;
     display.Status1 = nothing.Status1;
+    display.OffersJustSolve = false;
     for (std::string SolveDisplay::*text :
          {&SolveDisplay::CentreRA, &SolveDisplay::CentreDec, &SolveDisplay::ImageSize,
           &SolveDisplay::PlateSize, &SolveDisplay::Scale, &SolveDisplay::Stretch,

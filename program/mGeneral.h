@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -60,6 +61,8 @@ struct SolveDisplay {
     std::string Matched;
     std::string RmsDifference;
     std::string Details;           ///< what the last solve saw, or why an image was not read
+    std::string Stage;             ///< of a search of several that runs
+    bool OffersJustSolve = false;  ///< a search from a centre found nothing
     std::string Clock;             ///< universal time, Julian date, sidereal time
     std::string Countdown = "10";  ///< seconds until an unattended run closes the program
 };
@@ -149,11 +152,15 @@ struct ProgramState {
     bool HaveConfig = false;  ///< the settings were read from the file
     SolveInputs Inputs;
     SolveInputs FilledInputs;  ///< what was last put into the inputs from a picture's hints
-    std::vector<std::string> RecentImages;  ///< paths, the last one first
+    std::vector<std::string> RecentImages;           ///< paths, the last one first
+    std::map<std::string, std::string> Preferences;  ///< of the windows, kept between runs
 
     ExtractionFacts Extraction;
     PlateStarList PlateStars;               ///< of the last extraction that gave 6 or more
     std::optional<PlateSolution> Solution;  ///< of the loaded image
+
+    /// When a search with a time limit ends at the latest.
+    std::optional<std::chrono::steady_clock::time_point> SearchEnds;
 
     CatalogCache Catalog;
     LoadedQuadTables Quads;

@@ -91,6 +91,7 @@ bool OpenChosenImage(ProgramState& state, Port& port, const std::string& path) {
     const bool opened = OpenImage(state, port, path);
     // Refused by its extension: the image that stays keeps its header, or it could not be saved.
     if (!opened && state.ImageLoaded) state.Image.Header = std::move(previous);
+    if (!opened && !state.ImageLoaded) state.Display.ImageName.clear();
     return opened;
 }
 

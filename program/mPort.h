@@ -13,7 +13,8 @@ struct FileDialog {
     int FilterIndex = 1;      ///< the preselected pair, from 1; one that does not exist is ignored
     std::string InitialName;  ///< folder and pattern
     bool Saves = false;       ///< asks for a file to write, and before overwriting one
-    std::string Suffix = ".fit";  ///< of a file to write when the user gives none
+    std::string Suffix = ".fit";     ///< of a file to write when the user gives none
+    std::string SuggestedName = {};  ///< of a file to write, without its folder
 };
 
 /// The one way from the program's logic to the user. Everything that is shown as text stands in
@@ -24,6 +25,10 @@ class Port {
 
     /// A message box: waits for the user where there is one to wait for.
     virtual void ShowMessage(const std::string& text, const std::string& title) = 0;
+    /// A question whose answer may be no. Where nobody can be asked it is yes.
+    virtual bool Confirm(const std::string& /*question*/, const std::string& /*title*/) {
+        return true;
+    }
     /// A file dialog. @return the chosen path (UTF-8); nothing when the user cancelled, or when
     /// there is no user to ask
     virtual std::optional<std::string> AskForFile(const FileDialog& dialog) = 0;

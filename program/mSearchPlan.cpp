@@ -138,6 +138,7 @@ class Plan {
     template <typename Attempt>
     bool Try(const std::string& name, const Attempt& attempt) {
         const double before = Seconds();
+        if (request_.OnAttempt) request_.OnAttempt(name);
         const bool sure = attempt();
         report_.Attempts.push_back({name, Seconds() - before, sure});
         if (sure) report_.SolvedBy = name;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,6 +31,8 @@ struct SearchRequest {
     double TimeLimit = 20;           ///< seconds; the first attempt is not cut short
     /// The stars of the image, brightest first, in place of those that its pixels show.
     std::optional<PlateStarList> Stars;
+    /// Told the name of every attempt before it begins.
+    std::function<void(const std::string&)> OnAttempt = {};
 };
 
 /// One attempt of a plan.

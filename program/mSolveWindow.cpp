@@ -1,10 +1,13 @@
 #include "program/mSolveWindow.h"
 
 #include <cmath>
+#include <cstdio>
 
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "platform/libFiles.h"
+#include "platform/libPlatform.h"
 #include "program/mImageData.h"
 #include "program/mMORA.h"
 #include "program/mPictureHints.h"
@@ -32,20 +35,47 @@ std::optional<double> ReadSize(const SolveInputs& inputs, const std::string& tex
     return inputs.Units == "degrees" ? radians * 60 : radians;
 }
 
+/// Reads all inputs in their order, up to one that is not valid.
+std::optional<InputFault> ReadInputs(const SolveInputs& inputs, UnattendedRequest& request) {
+    request.Ra = ParseRA(inputs.Ra);
+    if (request.Ra < 0) return InputFault{&SolveInputs::Ra, "Please enter a valid RA value"};
+    request.Dec = ParseDec(inputs.Dec);
+    if (request.Dec < -Pi / 2) {
+        return InputFault{&SolveInputs::Dec, "Please enter a valid Declination value"};
+    }
+    constexpr const char* badSize = "Please enter a valid Image Size";
+    const auto width = ReadSize(inputs, inputs.SizeX);
+    if (!width) return InputFault{&SolveInputs::SizeX, badSize};
+    const auto height = ReadSize(inputs, inputs.SizeY);
+    if (!height) return InputFault{&SolveInputs::SizeY, badSize};
+    const auto regions = FiniteNumber(inputs.Regions);
+    if (!regions || !RoundToInt32(*regions, request.RegionLimit)) {
+        return InputFault{&SolveInputs::Regions,
+                          "Please enter a valid number of Regions to Search"};
+    }
+    request.Width = *width;
+    request.Height = *height;
+    return std::nullopt;
+}
+
 std::string DetailsOf(const ProgramState& state, SolveCode code) {
     return code == SolveCode::Solved ? SolutionText(state) : FailureText(state, code, WindowWords);
 }
 
+/// Whether there is a file of a name that some other program wrote.
+bool IsForeignFile(const std::string& path) {
+    constexpr std::size_t head = 1 << 16;
+    const FileHandle file = OpenFile(PathFromText(path), "rb");
+    if (!file) return false;
+    std::string bytes(head, ' ');
+    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file.get()));
+    return bytes.find("NH_SCALE") == std::string::npos;
+}
+
 /// What every search from the inputs begins with. Nothing when there is nothing to search with.
 std::optional<UnattendedRequest> BeginSearch(ProgramState& state, Port& port) {
-    if (!state.ImageLoaded) {
-        port.ShowMessage("No Image Loaded", ErrorTitle);
-        return std::nullopt;
-    }
     const StatusLine statusBefore = state.Display.Status;
-    state.Display.BusyIndicator = true;
-    ShowStatus(state, port, "Working...");
-    port.ImageChanged();
+    if (!BeginAnySearch(state, port)) return std::nullopt;
     auto request = ReadSolveInputs(state, port);
     if (!request) {
         state.Display.Status = statusBefore;
@@ -53,6 +83,7 @@ std::optional<UnattendedRequest> BeginSearch(ProgramState& state, Port& port) {
     }
     ShowStartingValues(state, port, *request, " x ");
     state.Display.Details.clear();
+    state.QuadMatch.Code = SolveCode::NoMatch;
     return request;
 }
 
@@ -72,6 +103,25 @@ Operation::~Operation() {
     port_.DisplayChanged();
 }
 
+bool BeginAnySearch(ProgramState& state, Port& port) {
+    if (!state.ImageLoaded) {
+        port.ShowMessage("No Image Loaded", ErrorTitle);
+        return false;
+    }
+    state.Display.OffersJustSolve = false;
+    state.Display.BusyIndicator = true;
+    ShowStatus(state, port, "Working...");
+    port.ImageChanged();
+    return true;
+}
+
+std::optional<std::pair<double, double>> FieldSizeOf(const SolveInputs& inputs) {
+    const auto width = ReadSize(inputs, inputs.SizeX);
+    const auto height = ReadSize(inputs, inputs.SizeY);
+    if (!width || !height || !(*width > 0) || !(*height > 0)) return std::nullopt;
+    return std::pair(*width, *height);
+}
+
 AvailableCommands CommandsFor(const ProgramState& state) {
     const bool idle = state.Running == Activity::None;
     const bool image = idle && state.ImageLoaded;
@@ -80,27 +130,17 @@ AvailableCommands CommandsFor(const ProgramState& state) {
 }
 
 std::optional<UnattendedRequest> ReadSolveInputs(const ProgramState& state, Port& port) {
-    const auto refuse = [&port](const char* text) {
-        port.ShowMessage(text, ErrorTitle);
-        return std::nullopt;
-    };
-    const SolveInputs& inputs = state.Inputs;
     UnattendedRequest request;
-    request.Ra = ParseRA(inputs.Ra);
-    if (request.Ra < 0) return refuse("Please enter a valid RA value");
-    request.Dec = ParseDec(inputs.Dec);
-    if (request.Dec < -Pi / 2) return refuse("Please enter a valid Declination value");
-    const auto width = ReadSize(inputs, inputs.SizeX);
-    if (!width) return refuse("Please enter a valid Image Size");
-    const auto height = ReadSize(inputs, inputs.SizeY);
-    if (!height) return refuse("Please enter a valid Image Size");
-    const auto regions = FiniteNumber(inputs.Regions);
-    if (!regions || !RoundToInt32(*regions, request.RegionLimit)) {
-        return refuse("Please enter a valid number of Regions to Search");
+    if (const auto fault = ReadInputs(state.Inputs, request)) {
+        port.ShowMessage(fault->Text, ErrorTitle);
+        return std::nullopt;
     }
-    request.Width = *width;
-    request.Height = *height;
     return request;
+}
+
+std::optional<InputFault> FaultOfInputs(const SolveInputs& inputs) {
+    UnattendedRequest request;
+    return ReadInputs(inputs, request);
 }
 
 void PlateMatchCommand(ProgramState& state, Port& port) {
@@ -110,6 +150,7 @@ void PlateMatchCommand(ProgramState& state, Port& port) {
     if (!request) return;
     const SolveCode code = SolvePlate(state, port, SearchFor(*request, state.Parameters));
     state.Display.Details = DetailsOf(state, code);
+    state.Display.OffersJustSolve = code == SolveCode::NoMatch;
     if (code == SolveCode::Solved) port.ImageChanged();
 }
 
@@ -124,6 +165,11 @@ void MoraCommand(ProgramState& state, Port& port) {
                             state.Parameters.MaxError);
     });
     const bool matched = code == SolveCode::Solved;
+    state.Display.OffersJustSolve = code == SolveCode::NoMatch;
+    // What can be chance is not to look like a success.
+    if (matched && !IsSure(state.QuadMatch)) {
+        state.Display.Status.Colour = state.Display.Status1.Colour = StatusColour::Black;
+    }
     state.Display.Details = matched ? QuadMatchText(state) : FailureText(state, code, WindowWords);
     if (matched && IsSure(state.QuadMatch)) {
         const SkyPosition& centre = state.QuadMatch.Centre;
@@ -183,18 +229,35 @@ void ExportImageCommand(ProgramState& state, Port& port) {
     if (!path) return;
     state.Parameters.LastSaveFolder = FolderOfPath(*path);
     if (ExportImage(state, port, *path))
-        ShowStatus(state, port, "Exported " + ShortenedPath(*path));
+        ShowStatus(state, port, "Exported " + FileNameOfPath(*path));
 }
 
 void WorldCoordinatesCommand(ProgramState& state, Port& port) {
     const Operation operation(state, port, Activity::Saving);
-    if (!operation || !WriteWorldCoordinates(state, port)) return;
-    ShowStatus(state, port, "Wrote " + ShortenedPath(WorldCoordinatePath(state.Image.FileName)));
+    if (!operation) return;
+    const std::string path = WorldCoordinatePath(state.Image.FileName);
+    if (IsForeignFile(path) &&
+        !port.Confirm(FileNameOfPath(path) + " is there and is not Vestrel's. Replace it?",
+                      ProgramTitle)) {
+        return;
+    }
+    if (!WriteWorldCoordinates(state, port)) return;
+    ShowStatus(state, port, "Wrote " + FileNameOfPath(path));
 }
 
 std::string ImageNameText(const ProgramState& state) {
-    if (state.ImageLoaded) return ShortenedPath(state.Image.FileName);
-    return state.Running == Activity::None ? "Please Load an Image" : state.Display.ImageName;
+    if (state.ImageLoaded) {
+        const std::string shortened = ShortenedPath(state.Image.FileName);
+        return shortened.empty() ? ImageBaseName(state) : shortened;
+    }
+    // While one is read its name stands there.
+    const bool reads = state.Running == Activity::Opening || state.Running == Activity::Solving;
+    return reads && !state.Display.ImageName.empty() ? state.Display.ImageName
+                                                     : "Please Load an Image";
+}
+
+std::string ImageBaseName(const ProgramState& state) {
+    return state.ImageLoaded ? FileNameOfPath(state.Image.FileName) : std::string();
 }
 
 std::string ImageFolderText(const ProgramState& state) {

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "program/mCommandLine.h"
 #include "program/mGeneral.h"
@@ -35,9 +36,23 @@ struct AvailableCommands {
 };
 AvailableCommands CommandsFor(const ProgramState& state);
 
+/// What is wrong with an input.
+struct InputFault {
+    std::string SolveInputs::*Box;
+    const char* Text;
+};
+/// The first of the inputs, in their order, that is not valid; nothing when a search can begin.
+std::optional<InputFault> FaultOfInputs(const SolveInputs& inputs);
+
 /// Checks the inputs in their order and shows a message about the first that is not valid.
 /// @return what to solve for, without a path
 std::optional<UnattendedRequest> ReadSolveInputs(const ProgramState& state, Port& port);
+
+/// The size of the field that the inputs give, radians; nothing when they give none.
+std::optional<std::pair<double, double>> FieldSizeOf(const SolveInputs& inputs);
+
+/// What every search in the window begins with: says that there is no image, or that it works.
+bool BeginAnySearch(ProgramState& state, Port& port);
 
 /// Plate Match: solves the loaded image from the inputs.
 void PlateMatchCommand(ProgramState& state, Port& port);
@@ -66,8 +81,9 @@ void SaveImageCommand(ProgramState& state, Port& port);
 void ExportImageCommand(ProgramState& state, Port& port);
 void WorldCoordinatesCommand(ProgramState& state, Port& port);
 
-/// The text for the name of the loaded image, and for its folder.
+/// The text for the name of the loaded image, its name alone, and the text for its folder.
 std::string ImageNameText(const ProgramState& state);
+std::string ImageBaseName(const ProgramState& state);
 std::string ImageFolderText(const ProgramState& state);
 
 /// The user closes the program. While something runs this asks it to stop, and the program is to

@@ -14,6 +14,7 @@
 #include "astro/libTime.h"
 #include "program/mSolveWindow.h"
 #include "program/mStarExtraction.h"
+#include "program/mTrust.h"
 
 namespace vestrel {
 
@@ -137,7 +138,7 @@ bool LoadTelescopeCommand(ProgramState& state, Port& port) {
 }
 
 void SyncTelescopeCommand(ProgramState& state, Port& port) {
-    if (!state.Solution) return;
+    if (!state.Solution || state.Running != Activity::None || !MaySync(state, port)) return;
     const SkyPosition centre = state.Solution->Centre();
     WithTelescope(state, port, [&] {
         UpdateClock(state);
@@ -148,7 +149,7 @@ void SyncTelescopeCommand(ProgramState& state, Port& port) {
                 driver.SyncToCoordinates(hours, degrees);
                 return 0.0;
             });
-        Tell(state, port, "synced to the image center", StatusColour::Green);
+        Tell(state, port, "synced to the image centre", StatusColour::Green);
     });
 }
 

@@ -31,6 +31,7 @@ class DialogReader {
         timer_.start(1);
     }
     Texts Messages;        ///< "title: text"
+    bool Agrees = true;    ///< to questions
     QString FileToChoose;  ///< empty: file dialogs are cancelled
     QString Title;         ///< of the last file dialog
     QStringList Filters;
@@ -42,7 +43,12 @@ class DialogReader {
         QWidget* dialog = QApplication::activeModalWidget();
         if (auto* box = dynamic_cast<QMessageBox*>(dialog)) {
             Messages.push_back(Utf8(box->windowTitle() + ": " + box->text()));
-            box->accept();
+            QAbstractButton* yes = box->button(QMessageBox::Yes);
+            if (yes != nullptr) {
+                (Agrees ? yes : box->button(QMessageBox::No))->click();
+            } else {
+                box->accept();
+            }
         } else if (auto* files = dynamic_cast<QFileDialog*>(dialog)) {
             Title = files->windowTitle();
             Filters = files->nameFilters();

@@ -415,7 +415,8 @@ TEST(DesktopArguments, AreOneTextAndAFileIsAnImage) {
     EXPECT_EQ(read({file}), std::pair(Kind::OpenImage, file));
     EXPECT_EQ(read({"-1,2,3,4,5,/my", "images/a.fit"}),
               std::pair(Kind::Unattended, std::string("-1,2,3,4,5,/my images/a.fit")));
-    EXPECT_EQ(read({folder.Path.string()}).first, Kind::Unattended);
+    EXPECT_EQ(read({folder.Path.string()}).first, Kind::Complain);
+    EXPECT_EQ(read({"missing.fits"}).first, Kind::Complain);
     EXPECT_EQ(read({"--help"}).first, Kind::Print);
 }
 

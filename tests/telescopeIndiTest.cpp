@@ -132,7 +132,7 @@ TEST_F(IndiTelescope, IsSyncedToTheSolvedCentreAndReadBack) {
         State.Solution->CentreDec = centre.Dec;
         const auto start = steady_clock::now();
         SyncTelescopeCommand(State, Port);
-        EXPECT_EQ(State.Display.Status.Text, "Telescope: synced to the image center");
+        EXPECT_EQ(State.Display.Status.Text, "Telescope: synced to the image centre");
         ASSERT_TRUE(Load()) << State.Display.Status.Text;
         const double dec = ParseDec(State.Inputs.Dec);
         const double east =

@@ -1,0 +1,136 @@
+// The commands of the solve window, and what the other windows ask of it.
+#include <QApplication>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QPushButton>
+
+#include "desktop/fKELInfo.h"
+#include "desktop/fParms.h"
+#include "program/mJustSolve.h"
+#include "program/mSolveWindow.h"
+#include "program/mTelescope.h"
+
+namespace vestrel {
+
+void SolveWindow::Match() {
+    const bool asked = state_.ImageLoaded && CommandsFor(state_).Start;
+    PlateMatchCommand(state_, port_);
+    FocusFault(asked);
+}
+
+void SolveWindow::JustSolve() {
+    JustSolveCommand(state_, port_);
+}
+
+void SolveWindow::FocusFault(bool asked) {
+    const auto fault = FaultOfInputs(state_.Inputs);
+    if (!asked || !fault) return;
+    for (const auto& [input, text] : inputs_) {
+        if (text == fault->Box) focusFault_ = input;
+    }
+}
+
+void SolveWindow::MatchQuads() {
+    const bool asked = state_.ImageLoaded && CommandsFor(state_).Start;
+    if (asked && !FaultOfInputs(state_.Inputs)) quadMessagesWindow_.show();
+    MoraCommand(state_, port_);
+    ShowInputs();
+    FocusFault(asked);
+}
+
+void SolveWindow::Stop() {
+    if (CommandsFor(state_).Stop) StopSearch(state_);
+}
+
+void SolveWindow::FocusStop() {
+    // A button that is off takes no focus; the command, which begins next, would switch it on.
+    stopButton_->setEnabled(true);
+    stopButton_->setFocus();
+}
+
+void SolveWindow::LoadTelescope() {
+    FocusStop();
+    if (LoadTelescopeCommand(state_, port_)) ShowInputs();
+}
+
+void SolveWindow::SyncTelescope() {
+    FocusStop();
+    SyncTelescopeCommand(state_, port_);
+}
+
+void SolveWindow::ConnectWindows() {
+    imageWindow_.OnLevelsChosen = [this] { levelsWindow_.LevelsChanged(); };
+    levelsWindow_.OnLevelsChanged = [this] { imageWindow_.LevelsChanged(); };
+    imageWindow_.OnFilesDropped = [this](const QStringList& files) { Drop(files); };
+    // A click is for the windows that are open; a double click opens the statistics.
+    imageWindow_.OnStarClicked = [this](PixelPoint pixel) {
+        if (statsWindow_.isVisible()) statsWindow_.Measure(pixel);
+        if (photometryWindow_.isVisible()) photometryWindow_.Take(pixel);
+    };
+    imageWindow_.OnStarDoubleClicked = [this](PixelPoint pixel) {
+        if (statsWindow_.isVisible()) return;
+        statsWindow_.show();
+        statsWindow_.Measure(pixel);
+    };
+    statsWindow_.OnMeasured = [this](const std::optional<StarMeasurement>& star) {
+        statsMarks_ = star ? std::vector{MarkOf(*star, {})} : std::vector<MeasuredMark>();
+        MarkStars();
+    };
+    photometryWindow_.OnTaken = [this](const std::vector<StarMeasurement>& stars) {
+        photometryMarks_.clear();
+        for (const StarMeasurement& star : stars) {
+            photometryMarks_.push_back(MarkOf(star, photometryMarks_.empty() ? "1" : "2"));
+        }
+        MarkStars();
+    };
+}
+
+void SolveWindow::MarkStars() {
+    std::vector<MeasuredMark> marks = statsMarks_;
+    marks.insert(marks.end(), photometryMarks_.begin(), photometryMarks_.end());
+    imageWindow_.SetMarks(std::move(marks));
+}
+
+void SolveWindow::Bring(QWidget& window) {
+    window.show();
+    window.raise();
+    window.activateWindow();
+}
+
+void SolveWindow::EditParameters() {
+    auto* dialog = new ParametersWindow(
+        state_, port_, [this] { ShowHelp(); }, this);
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->open();
+}
+
+void SolveWindow::ShowHelp() {
+    Bring(helpWindow_);
+}
+
+void SolveWindow::ShowAbout() {
+    auto* box =
+        new QMessageBox(QMessageBox::NoIcon, "About Vestrel",
+                        "<h3>Vestrel</h3><p>Finds where a photograph of the night sky points.</p>"
+                        "<p>Version " VESTREL_VERSION ". MIT licence.</p>",
+                        QMessageBox::Close, this);
+    box->setIconPixmap(windowIcon().pixmap(64));
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    // A solve can be stopped all the same.
+    box->setModal(false);
+    box->show();
+}
+
+void SolveWindow::Tick() {
+    const bool ends = CountdownTick(state_);
+    ShowState();
+    if (ends) close();
+}
+
+void SolveWindow::TickClock() {
+    UpdateClock(state_);
+    ShowTexts();
+}
+
+}  // namespace vestrel

@@ -1,0 +1,35 @@
+// How far matched stars lie from where a solution puts them, laid out for drawing.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "astro/libPlateStar.h"
+#include "display/libSkyOverlay.h"
+
+namespace vestrel {
+
+/// A matched star: where the solution puts it, and how far from there it was found, pixels.
+struct Residual {
+    PixelPoint Predicted;
+    double Dx = 0;
+    double Dy = 0;
+};
+
+/// The lengths of residuals in bins of a round width: bin k holds those of k..k + 1 widths.
+struct ResidualHistogram {
+    double BinWidth = 0;  ///< pixels, 1, 2 or 5 times a power of ten
+    std::vector<std::int32_t> Counts;
+    double Median = 0;   ///< pixels
+    double Largest = 0;  ///< pixels
+};
+/// At most `mostBins` bins (2 or more); nothing in it without residuals.
+ResidualHistogram HistogramOf(const std::vector<Residual>& residuals, int mostBins = 12);
+
+/// How many times vectors over the frame of an image are to be lengthened: 1, 2 or 5 times a power
+/// of ten, so that all but the longest twentieth are shorter than a twelfth of the shorter side. 1
+/// at least; 1 without residuals.
+double ResidualMagnification(const std::vector<Residual>& residuals, std::int32_t width,
+                             std::int32_t height);
+
+}  // namespace vestrel

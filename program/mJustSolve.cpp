@@ -1,0 +1,146 @@
+#include "program/mJustSolve.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <utility>
+
+#include "astro/libConversions.h"
+#include "astro/libMath.h"
+#include "astro/libStrings.h"
+#include "program/mPictureHints.h"
+#include "program/mPlateMatch.h"
+#include "program/mSolveReport.h"
+#include "program/mSolveWindow.h"
+
+namespace vestrel {
+
+namespace {
+
+using std::chrono::steady_clock;
+
+/// Seconds; the stop button is there for those who have less patience.
+constexpr double patience = 90;
+
+/// What the attempts of a plan are called in the window.
+constexpr std::array<std::pair<const char*, const char*>, 8> stageNames{{
+    {"search", "stars around the place"},
+    {"short side", "stars of a smaller circle"},
+    {"seeds", "pairs of bright stars"},
+    {"even seeds", "pairs of stars from all parts"},
+    {"coarse seeds", "pairs of blurred stars"},
+    {"seeds of other sizes", "pairs of stars, other field sizes"},
+    {"quads", "patterns over the whole sky"},
+    {"quads of peaks", "patterns of faint stars over the whole sky"},
+}};
+
+std::string StageName(const std::string& attempt) {
+    const auto found = std::find_if(stageNames.begin(), stageNames.end(),
+                                    [&](const auto& name) { return attempt == name.first; });
+    return found == stageNames.end() ? attempt : found->second;
+}
+
+/// A line for each stage that has ended; the many searches of the whole sky share one.
+std::string StagesText(const PlanReport& report) {
+    std::string text;
+    std::size_t i = 0;
+    while (i < report.Attempts.size()) {
+        const std::string& name = report.Attempts[i].Name;
+        double seconds = 0;
+        bool sure = false;
+        int times = 0;
+        for (; i < report.Attempts.size() && report.Attempts[i].Name == name; ++i, ++times) {
+            seconds += report.Attempts[i].Seconds;
+            sure = sure || report.Attempts[i].Sure;
+        }
+        text += "  Tried " + StageName(name);
+        if (times > 1) text += ", " + std::to_string(times) + " sizes";
+        text += (sure ? ": found, " : ": nothing sure, ") + RoundedText(seconds, 1) + " s\n";
+    }
+    return text;
+}
+
+}  // namespace
+
+SearchRequest RequestForAnything(const ProgramState& state) {
+    constexpr std::size_t mostPlaces = 4;
+    constexpr std::int32_t usualRegions = 25;
+    SearchRequest request;
+    request.Everywhere = true;
+    request.TimeLimit = patience;
+    const SolveInputs& inputs = state.Inputs;
+    GivenStart given;
+    const double ra = ParseRA(inputs.Ra);
+    const double dec = ParseDec(inputs.Dec);
+    if (ra >= 0 && dec >= -Pi / 2) given.Centre = SkyPosition{ra, dec};
+    const auto size = FieldSizeOf(inputs);
+    const auto remembered = size ? *size : std::pair(Pi / 180, Pi / 180);
+    const auto add = [&](const SkyPosition& centre, double width, double height) {
+        const bool known =
+            std::any_of(request.Around.begin(), request.Around.end(), [&](const SearchHint& hint) {
+                return hint.Centre.Ra == centre.Ra && hint.Centre.Dec == centre.Dec &&
+                       hint.Width == width && hint.Height == height;
+            });
+        if (known || request.Around.size() == mostPlaces) return;
+        request.Around.push_back({centre, width, height, usualRegions});
+        request.Diagonals.push_back(std::hypot(width, height));
+    };
+    if (given.Centre && size) add(*given.Centre, size->first, size->second);
+    for (const GivenStart& what : {given, GivenStart()}) {
+        for (const SearchStart& start : SearchStarts(state.Image, what, remembered)) {
+            add(start.Centre, start.Width, start.Height);
+        }
+    }
+    if (request.Diagonals.empty()) {
+        const auto [width, height] = LikelyFieldSize(state.Image, {}, remembered);
+        request.Diagonals.push_back(std::hypot(width, height));
+    }
+    return request;
+}
+
+std::string CandidateText(const PlanReport& report) {
+    if (!report.Candidate) return {};
+    const PlateSolution& candidate = *report.Candidate;
+    return "  Not sure          " + FormatRA(candidate.CentreRA, true, 1) + "  " +
+           FormatDec(candidate.CentreDec, true, 0) + ": " + ConfidenceText(candidate.Confidence) +
+           "\n";
+}
+
+void JustSolveCommand(ProgramState& state, Port& port) {
+    const Operation operation(state, port, Activity::Solving);
+    if (!operation || !BeginAnySearch(state, port)) return;
+    SolveDisplay& display = state.Display;
+    display.StartRA = display.StartDec = display.StartSize = display.StartRegions = {};
+    state.QuadMatch.Code = SolveCode::NoMatch;
+    PlanReport report;
+    SearchRequest request = RequestForAnything(state);
+    request.OnAttempt = [&](const std::string& name) {
+        display.Details = StagesText(report);
+        display.Stage =
+            "Stage " + std::to_string(report.Attempts.size() + 1) + ": " + StageName(name);
+        port.DisplayChanged();
+    };
+    state.SearchEnds =
+        steady_clock::now() + std::chrono::milliseconds(static_cast<std::int64_t>(patience * 1000));
+    const SolveCode code = SolveByPlan(state, port, request, report);
+    state.SearchEnds.reset();
+    display.Stage.clear();
+    const std::string stages = StagesText(report);
+    if (code == SolveCode::Solved) {
+        display.Details = SolutionText(state) + stages;
+        port.ImageChanged();
+        return;
+    }
+    display.Details = FailureText(state, code, WindowWords) + CandidateText(report) + stages;
+    if (report.TimeLimitReached) display.Details += "  The time was up.\n";
+}
+
+std::string StageText(const ProgramState& state) {
+    if (!state.SearchEnds || state.Display.Stage.empty()) return {};
+    const auto left = std::chrono::duration<double>(*state.SearchEnds - steady_clock::now());
+    return state.Display.Stage + ", " + std::to_string(std::max(0L, std::lround(left.count()))) +
+           " s left at most";
+}
+
+}  // namespace vestrel
