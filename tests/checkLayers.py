@@ -27,7 +27,7 @@ FOLDERS = {
     "matching": "platform astro catalog",
     "settings": "astro",
     "photometry": "astro image",
-    "display": "astro image photometry",
+    "display": "platform astro image photometry",
     "program": "platform astro telescope image extraction catalog matching settings photometry display",
     "solver": "platform astro image program",
     "console": "platform astro image program",

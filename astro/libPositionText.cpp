@@ -1,0 +1,127 @@
+#include "astro/libPositionText.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+#include <vector>
+
+#include "astro/libConversions.h"
+#include "astro/libStrings.h"
+
+namespace vestrel {
+
+namespace {
+
+using Replacement = std::pair<std::string_view, std::string_view>;
+
+constexpr std::array signs{
+    Replacement{"\xE2\x88\x92", "-"},     // minus
+    Replacement{"\xE2\x80\x90", "-"},     // hyphen
+    Replacement{"\xE2\x80\x91", "-"},     // hyphen that does not break
+    Replacement{"\xE2\x80\x92", "-"},     // figure dash
+    Replacement{"\xE2\x80\x93", "-"},     // en dash
+    Replacement{"\xEF\xBC\x8D", "-"},     // wide minus
+    Replacement{"\xE2\x80\xB2", "'"},     // prime
+    Replacement{"\xE2\x80\x99", "'"},     // quote
+    Replacement{"\xCA\xB9", "'"},         // letter prime
+    Replacement{"\xC2\xB4", "'"},         // accent
+    Replacement{"\xE2\x80\xB3", "\""},    // double prime
+    Replacement{"\xE2\x80\x9D", "\""},    // double quote
+    Replacement{"\xCA\xBA", "\""},        // letter double prime
+    Replacement{"''", "\""},              // typed primes
+    Replacement{"\xC2\xBA", DegreeSign},  // ordinal sign
+    Replacement{"\xCB\x9A", DegreeSign},  // ring above
+    Replacement{"\xCA\xB0", "h"},         // raised letters
+    Replacement{"\xE1\xB5\x90", "m"},
+    Replacement{"\xCB\xA2", "s"},
+    Replacement{"\xC2\xA0", " "},  // blanks
+    Replacement{"\xE2\x80\x89", " "},
+    Replacement{"\xE2\x80\xAF", " "},
+    Replacement{"\xEF\xBB\xBF", ""},
+    Replacement{"\t", " "},
+    Replacement{"\r", " "},
+    Replacement{"\n", " "},
+};
+
+/// Words around the two numbers. None begins another one that comes after it.
+constexpr std::array captions{
+    Replacement{"right ascension", " "},
+    Replacement{"declination", " , "},
+    Replacement{"ra (j2000)", " "},
+    Replacement{"dec (j2000)", " , "},
+    Replacement{"(j2000)", " "},
+    Replacement{"(icrs)", " "},
+    Replacement{"j2000.0", " "},
+    Replacement{"j2000", " "},
+    Replacement{"icrs", " "},
+    Replacement{"dec.", " , "},
+    Replacement{"dec", " , "},
+    Replacement{"de ", " , "},
+    Replacement{"r.a.", " "},
+    Replacement{"ra", " "},
+    Replacement{"\xCE\xB1", " "},
+    Replacement{"\xCE\xB4", " , "},
+    Replacement{"=", " "},
+};
+
+void ReplaceAll(std::string& text, const Replacement& replacement) {
+    const auto& [from, to] = replacement;
+    for (std::size_t at = text.find(from); at != std::string::npos;
+         at = text.find(from, at + to.size())) {
+        text.replace(at, from.size(), to);
+    }
+}
+
+std::string Lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    });
+    return text;
+}
+
+/// One of the two, without what stands around it.
+std::string Part(std::string_view text) {
+    constexpr std::string_view around = " ,;:";
+    const std::size_t first = text.find_first_not_of(around);
+    if (first == std::string_view::npos) return {};
+    const std::size_t last = text.find_last_not_of(around);
+    return std::string(text.substr(first, last - first + 1));
+}
+
+std::optional<SkyPosition> SplitAt(std::string_view text, std::size_t place) {
+    const std::string raText = Part(text.substr(0, place));
+    const std::string decText = Part(text.substr(place));
+    const double ra = ParseRA(raText);
+    const double dec = ParseDec(decText);
+    if (raText.empty() || decText.empty() || ra < 0 || dec == InvalidAngle) return std::nullopt;
+    return SkyPosition{ra, dec};
+}
+
+}  // namespace
+
+std::string PlainAngleText(std::string_view utf8) {
+    std::string text(utf8);
+    for (const Replacement& sign : signs) ReplaceAll(text, sign);
+    return std::string(Trim(text));
+}
+
+std::optional<SkyPosition> ParsePosition(std::string_view utf8) {
+    constexpr std::size_t longest = 200;
+    if (utf8.size() > longest) return std::nullopt;
+    std::string text = Lower(PlainAngleText(utf8));
+    for (const Replacement& caption : captions) ReplaceAll(text, caption);
+    text = Part(text);
+    // What separates most surely comes first: a comma, a sign, the middle of so many parts.
+    const std::size_t comma = text.find_first_of(",;");
+    if (comma != std::string::npos) return SplitAt(text, comma);
+    const std::size_t sign = text.find_first_of("+-", 1);
+    if (sign != std::string::npos) return SplitAt(text, sign);
+    std::vector<std::size_t> blanks;
+    for (std::size_t i = 1; i < text.size(); ++i) {
+        if (text[i] == ' ' && text[i - 1] != ' ') blanks.push_back(i);
+    }
+    if (blanks.size() % 2 == 0) return std::nullopt;
+    return SplitAt(text, blanks[blanks.size() / 2]);
+}
+
+}  // namespace vestrel
