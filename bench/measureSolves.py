@@ -13,6 +13,7 @@ solve-field tries too. --write puts the tables between the marks in the document
 import argparse
 import csv
 import json
+import math
 import os
 import pathlib
 import platform
@@ -27,7 +28,6 @@ import numpy
 
 FIELD = ["--size", "2x1.5d"]
 NEAR = ["--ra", "84.4", "--dec=-0.8", *FIELD]
-FAR = ["--ra", "264", "--dec", "1", *FIELD, "--regions", "500"]
 MARKS = ("<!-- measured -->", "<!-- end of measured -->")
 DEADLINE = 270  # seconds after which optional runs are left out
 
@@ -153,8 +153,9 @@ def worst_frames(folder, normal):
 
 class Bench:
     def __init__(self, arguments, folder):
-        self.programs = pathlib.Path(arguments.build) / "bin"
-        self.before = arguments.before and pathlib.Path(arguments.before) / "bin/vestrel-solve"
+        self.programs = pathlib.Path(arguments.build).resolve() / "bin"
+        self.before = (arguments.before and
+                       pathlib.Path(arguments.before).resolve() / "bin/vestrel-solve")
         self.catalog = arguments.catalog
         self.runs = arguments.runs
         self.folder = folder
@@ -171,9 +172,18 @@ class Bench:
         print(line, flush=True)
         self.lines.append(line)
 
-    def solve(self, frame, arguments, program=None):
-        return [str(program or self.programs / "vestrel-solve"), str(frame), "--catalog",
-                self.catalog, *arguments]
+    def options(self, frame, arguments=()):
+        return [str(frame), "--catalog", self.catalog, *(arguments or NEAR)]
+
+    def solve(self, arguments):
+        return [str(self.programs / "vestrel-solve"), *arguments]
+
+    def search(self, frame, right_ascension=84.4, regions=25):
+        """The plain search alone, as a parameter string starts it: what fails is not tried
+        further. Centre and field in radians."""
+        numbers = (math.radians(right_ascension), math.radians(-0.8), math.radians(2),
+                   math.radians(1.5), regions)
+        return ["--catalog", self.catalog, ",".join(map(repr, numbers)) + f",{frame}"]
 
     def plain_reader(self, frame, threads):
         return [str(self.programs / "vestrel-plain-reader"), str(frame), str(threads)]
@@ -192,9 +202,9 @@ class Bench:
         commands = {}
         if frame.suffix == ".fit":
             commands["floor"] = self.plain_reader(frame, threads)
-        commands["solve"] = self.solve(frame, arguments)
+        commands["solve"] = [str(self.programs / "vestrel-solve"), *arguments]
         if self.before and not self.late():
-            commands["before"] = self.solve(frame, arguments, self.before)
+            commands["before"] = [str(self.before), *arguments]
         counted = interleaved(commands, self.runs, threads)
         solves = counted["solve"]
         if any(run.code != expected for run in solves):
@@ -219,16 +229,16 @@ class Bench:
         self.say(self.HEAD)
         for name, frame, pixels in frames:
             for threads in (1, 2):
-                self.row(name, frame, NEAR, threads, pixels)
+                self.row(name, frame, self.options(frame), threads, pixels)
         self.say()
 
     def worst(self, normal, frame):
-        self.say("### Frames that are hard\n\nOf the same size; with the time as a multiple of the "
-                 "normal frame's.\n")
+        self.say("### Frames that are hard\n\nOf the same size, by the plain search alone; with the "
+                 "time as a multiple of the normal frame's.\n")
         self.say(self.HEAD)
         pixels = normal.size
         # Only the exit codes differ: nothing is there to be matched.
-        usual = self.row("normal", frame, NEAR, 2, pixels)
+        usual = self.row("normal", frame, self.search(frame), 2, pixels)
         crowded = self.folder / "crowded.fit"
         render(self.programs, self.catalog, crowded, normal.shape[1], "--random-stars", "50000")
         cases = [("50,000 stars", crowded)]
@@ -239,11 +249,12 @@ class Bench:
             cases.append((name, path))
             del values
         for name, path in cases:
-            code = Run(self.solve(path, NEAR)).code
-            times[name] = self.row(name, path, NEAR, 2, pixels, code)
+            search = self.search(path)
+            times[name] = self.row(name, path, search, 2, pixels, Run(self.solve(search)).code)
             path.unlink()
         spiral = "a spiral of 500 regions"
-        times[spiral] = self.row(spiral, frame, FAR, 2, pixels, Run(self.solve(frame, FAR)).code)
+        search = self.search(frame, 264, 500)
+        times[spiral] = self.row(spiral, frame, search, 2, pixels, Run(self.solve(search)).code)
         self.say("\n" + ", ".join(f"{name} × {seconds / usual:.1f}"
                                   for name, seconds in times.items()) + "\n")
 
@@ -259,7 +270,7 @@ class Bench:
             if self.late():
                 self.say(f"| {name} | not run: no time left | | | | |")
                 continue
-            commands = {"solve": self.solve(frame, arguments)}
+            commands = {"solve": self.solve(self.options(frame, arguments))}
             if self.peer:
                 commands["peer"] = self.peer_command(frame, ra, dec, width)
             if self.extractor and frame.suffix in (".fit", ".fits"):
@@ -343,7 +354,8 @@ def main():
         frames.append(("24 Mpx, SBIG compressed", sbig, normal.size))
         bench.normal(frames)
         bench.say("### Smoothing and a second extraction\n\n" + bench.HEAD)
-        bench.row(few[0], few[1], NEAR, 2, few[2], Run(bench.solve(few[1], NEAR)).code)
+        search = bench.search(few[1])
+        bench.row(few[0], few[1], search, 2, few[2], Run(bench.solve(search)).code)
         bench.say()
         bench.start_up()
         against = [(n, p, 84.4, -0.8, 2.0, NEAR) for n, p, _ in frames[:2]]
