@@ -8,6 +8,7 @@
 #include "astro/libProcessor.h"
 #include "extraction/libHistogramDrift.h"
 #include "extraction/libHistogramTree.h"
+#include "extraction/libLeafSamples.h"
 
 namespace vestrel {
 
@@ -48,9 +49,9 @@ class Strip {
           excessNodes_(shape_.Shift > 0 ? shape_.Nodes() : shape_.LeafNodeAt(0)),
           excess_(static_cast<std::size_t>(end - first) * static_cast<std::size_t>(excessNodes_)),
           rowLength_(width_ + 2 * children),
-          leaves_(RowsOf<std::uint16_t>(4 * reach_)),
+          leaves_(static_cast<std::size_t>(4 * reach_) * static_cast<std::size_t>(rowLength_)),
           leaving_(static_cast<std::size_t>(width_)),
-          lowParts_(RowsOf<std::uint8_t>(shape_.Shift > 0 ? 4 * reach_ : 0)) {}
+          leafSamples_(shape_.Shift > 0 ? width_ : 0, 3 * reach_, reach_) {}
 
     VESTREL_KERNEL void Run(std::int32_t rows, Grid<std::int32_t>& blocks) {
         if (shape_.Shift > 0) {
@@ -61,23 +62,12 @@ class Strip {
     }
 
  private:
-    static constexpr std::uint16_t noLeaf = 0xFFFF;
-
-    template <typename T>
-    std::vector<T> RowsOf(std::int32_t rows) const {
-        return std::vector<T>(static_cast<std::size_t>(rows) * static_cast<std::size_t>(rowLength_),
-                              static_cast<T>(noLeaf));
-    }
-
     // Rows of leaf numbers by place: those that slide, then the first box's, then those that
     // leave without having come.
     std::int32_t FirstRow(std::int32_t i) const { return 2 * reach_ + i; }
     std::int32_t OwedRow(std::int32_t i) const { return 3 * reach_ + i; }
     std::uint16_t* Leaves(std::int32_t row) {
         return leaves_.data() + static_cast<std::ptrdiff_t>(row) * rowLength_;
-    }
-    std::uint8_t* LowParts(std::int32_t row) {
-        return lowParts_.data() + static_cast<std::ptrdiff_t>(row) * rowLength_;
     }
     Node* Column(std::int32_t sampleColumn) {
         return columns_.data() +
@@ -87,24 +77,32 @@ class Strip {
         return excess_.data() + static_cast<std::ptrdiff_t>(column - first_) * excessNodes_;
     }
 
+    VESTREL_KERNEL std::int32_t Held(std::int32_t stored) const {
+        return std::min(std::max(stored + samples_.Offset, samples_.Darkest), samples_.Brightest) -
+               samples_.Low;
+    }
     /// Turns row y of the image into leaf numbers at `row`.
     template <bool Shared>
     VESTREL_KERNEL void TakeRow(std::int32_t y, std::int32_t row) {
         const std::int32_t* pixels = samples_.Values.Row(y).data();
         std::uint16_t* leaves = Leaves(row) - start_;
-        const std::int32_t offset = samples_.Offset;
-        const std::int32_t darkest = samples_.Darkest;
-        const std::int32_t brightest = samples_.Brightest;
-        const std::int32_t low = samples_.Low;
         const std::int32_t shift = Shared ? shape_.Shift : 0;
         const std::int32_t end = endSample_;
         for (std::int32_t i = firstSample_; i < end; ++i) {
-            const std::int32_t held =
-                std::min(std::max(pixels[i * step] + offset, darkest), brightest) - low;
-            leaves[i] = static_cast<std::uint16_t>(held >> shift);
-            if constexpr (Shared) {
-                (LowParts(row) - start_)[i] = static_cast<std::uint8_t>(held & ((1 << shift) - 1));
-            }
+            leaves[i] = static_cast<std::uint16_t>(Held(pixels[i * step]) >> shift);
+        }
+    }
+    /// Puts the samples of row y at a place of their columns, where leaves stand for several
+    /// values.
+    template <bool Shared>
+    VESTREL_KERNEL void PlaceRow(std::int32_t y, std::int32_t place) {
+        if constexpr (!Shared) return;
+        const std::int32_t* pixels = samples_.Values.Row(y).data();
+        for (std::int32_t i = firstSample_; i < endSample_; ++i) {
+            const std::int32_t held = Held(pixels[i * step]);
+            const auto leaf = static_cast<std::uint16_t>(held >> shape_.Shift);
+            leafSamples_.Set(i - start_, place, leaf, held & ((1 << shape_.Shift) - 1));
+            if (place >= leafSamples_.OwedFrom()) leafSamples_.Owe(leaf);
         }
     }
 
@@ -176,6 +174,7 @@ class Strip {
             for (std::int32_t i = 0; i < reach_; ++i) {
                 if (1 + step * i < samples_.Height) {
                     TakeRow<Shared>(1 + step * i, FirstRow(i));
+                    PlaceRow<Shared>(1 + step * i, FirstRow(i));
                     CountRow<1>(FirstRow(i));
                 }
                 if (2 + step * i < samples_.Height) {
@@ -192,6 +191,7 @@ class Strip {
         if (leaving >= reach_ && enters) {
             std::copy_n(Leaves(place), width_, leaving_.data());
             TakeRow<Shared>(2 + step * entering, place);
+            PlaceRow<Shared>(2 + step * entering, place);
             ExchangeRows(leaving_.data(), Leaves(place));
             return;
         }
@@ -199,13 +199,14 @@ class Strip {
             CountRow<-1>(place);
         } else if (leaving >= 0) {
             CountRow<-1>(OwedRow(leaving));
-            owedRows_ = leaving + 1;
+            PlaceRow<Shared>(2 + step * leaving, leafSamples_.OwedFrom() + leaving);
         }
         if (enters) {
             TakeRow<Shared>(2 + step * entering, place);
+            PlaceRow<Shared>(2 + step * entering, place);
             CountRow<1>(place);
-        } else {
-            std::fill_n(Leaves(place), rowLength_, noLeaf);
+        } else if constexpr (Shared) {
+            leafSamples_.Clear(width_, place);
         }
     }
 
@@ -265,37 +266,6 @@ class Strip {
         window.Column = place.Column;
     }
 
-    /// Finds the value within a leaf: how far it lies above the leaf's first value, nothing (< 0)
-    /// when the sum of the box's samples reaches `target` nowhere in it.
-    VESTREL_KERNEL std::int32_t FindInLeaf(std::int32_t column, std::int32_t leaf,
-                                           std::int32_t target) {
-        std::int32_t counts[64] = {};
-        const std::int32_t samples = 2 * reach_ + 1;
-        const std::int32_t offset = column - reach_ - start_;
-        const auto wanted = static_cast<std::int16_t>(leaf);
-        const auto add = [&](std::int32_t row, std::int32_t sign) VESTREL_KERNEL_LAMBDA {
-            const std::uint16_t* leaves = Leaves(row) + offset;
-            const std::uint8_t* lowParts = LowParts(row) + offset;
-            for (std::int32_t i = 0; i < samples; i += children) {
-                Sixteen some;
-                __builtin_memcpy(&some, leaves + i, sizeof some);
-                unsigned found = TrueLanes(some == wanted);
-                if (samples - i < children) found &= (1U << (samples - i)) - 1;
-                for (; found != 0; found &= found - 1) {
-                    counts[lowParts[i + std::countr_zero(found)]] += sign;
-                }
-            }
-        };
-        for (std::int32_t row = 0; row < 3 * reach_; ++row) add(row, 1);
-        for (std::int32_t row = 0; row < owedRows_; ++row) add(OwedRow(row), -1);
-        std::int32_t sum = 0;
-        for (std::int32_t i = 0; i < 1 << shape_.Shift; ++i) {
-            sum += counts[i];
-            if (sum >= target) return i;
-        }
-        return -1;
-    }
-
     /// The first value at which the running sum of the box about `column` reaches `target`.
     template <bool Shared>
     VESTREL_KERNEL std::int32_t Find(const Place& place, const Node* excess, std::int32_t target) {
@@ -326,8 +296,10 @@ class Strip {
                      k != 0; k &= k - 1) {
                     const std::int32_t last = std::countr_zero(k);
                     const std::int32_t leaf = node * children + last;
-                    const std::int32_t above =
-                        FindInLeaf(place.Column, leaf, leafTarget - window.SumBefore(last));
+                    const std::int32_t column = place.Column - start_;
+                    const std::int32_t above = leafSamples_.Find(
+                        column - reach_, column + reach_, leaf, leafTarget - window.SumBefore(last),
+                        place.Come + shape_.LeafNodeAt(node), shape_.Nodes());
                     if (above >= 0) return samples_.Low + (leaf << shape_.Shift) + above;
                 }
             }
@@ -343,6 +315,7 @@ class Strip {
             std::int32_t* blockRow = blocks.Row(k).data();
             MoveTo<Shared>(k);
             if (k == 0 || k == 2 * reach_) SetExcesses(k > 0);
+            leafSamples_.Forget();
             root_.Node = -1;
             for (Window& window : middle_) window.Node = -1;
             for (Window& window : leafWindows_) window.Node = -1;
@@ -382,9 +355,8 @@ class Strip {
     std::int32_t rowLength_;
     std::vector<std::uint16_t> leaves_;
     std::vector<std::uint16_t> leaving_;  ///< the row that leaves
-    std::vector<std::uint8_t> lowParts_;
-    std::int32_t boxRows_ = 0;   ///< rows put in minus rows taken out
-    std::int32_t owedRows_ = 0;  ///< rows taken out that were never in
+    LeafSamples leafSamples_;             ///< none where a leaf is one value
+    std::int32_t boxRows_ = 0;            ///< rows put in minus rows taken out
     Window root_;
     Window middle_[2];
     Window leafWindows_[4];

@@ -38,9 +38,9 @@ constexpr bool HasBoxPercentiles(std::int32_t halfSize) {
 /// add up as counters do, and one comparison of 16 numbers finds the child in which the sum is
 /// reached. Nodes of the box are only brought up to date when a search comes to them. Where values
 /// spread over more than 4096, a leaf stands for several, and those few samples of the box that
-/// are in the leaf decide. As rows leave that never came, sums may fall from child to child: each
-/// child has an excess, the most that a sum inside it can lie above the sum at its end, and is
-/// looked into when sum and excess reach the target.
+/// are in the leaf decide (`LeafSamples`). As rows leave that never came, sums may fall from child
+/// to child: each child has an excess, the most that a sum inside it can lie above the sum at its
+/// end, and is looked into when sum and excess reach the target.
 ///
 /// @param rows   of blocks
 /// @param blocks indexed by the column and row of the block

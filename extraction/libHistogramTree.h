@@ -13,6 +13,8 @@ namespace vestrel {
 
 inline constexpr std::int32_t NodeChildren = 16;
 inline constexpr std::int32_t MostLeaves = NodeChildren * NodeChildren * NodeChildren;
+/// Enough for histograms of 2^17 values.
+inline constexpr std::int32_t MostValuesOfLeaf = 2 * NodeChildren;
 
 /// 16 numbers that the compiler adds and compares at once.
 using Sixteen [[gnu::vector_size(32)]] = std::int16_t;
@@ -20,6 +22,12 @@ using Sixteen [[gnu::vector_size(32)]] = std::int16_t;
 /// A node of a histogram: the running sums of its children.
 struct alignas(32) HistogramNode {
     Sixteen Sums;
+
+    /// Whether a child adds nothing to the sums.
+    bool IsEmpty(std::int32_t child) const {
+        const auto* sums = reinterpret_cast<const std::int16_t*>(&Sums);
+        return sums[child] == (child > 0 ? sums[child - 1] : 0);
+    }
 };
 
 /// The lanes of a comparison's outcome that are true, as bits.
