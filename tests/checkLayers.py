@@ -31,6 +31,7 @@ FOLDERS = {
     "program": "platform astro telescope image extraction catalog matching settings photometry display",
     "solver": "platform astro image program",
     "console": "platform astro image program",
+    "batch": "platform astro image solver",
     "desktop": "platform astro telescope image photometry display program console",
     "tools": "astro image catalog",
     "catalogtool": "platform astro image catalog matching tools",

@@ -1,0 +1,192 @@
+#include "batch/libPictureFiles.h"
+
+#include <glob.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <stdexcept>
+#include <system_error>
+
+#include "astro/libStrings.h"
+#include "image/libFormats.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::chrono::milliseconds restAfterClosing{500};
+constexpr std::chrono::milliseconds restOfFound{3000};
+constexpr std::chrono::seconds betweenScans{30};
+
+/// Calls `take` for every entry of a folder and all below it; links to folders are not followed.
+template <typename Take>
+void ForAllBelow(const fs::path& folder, const Take& take) {
+    std::error_code error;
+    fs::recursive_directory_iterator entry(folder, fs::directory_options::skip_permission_denied,
+                                           error);
+    while (!error && entry != fs::recursive_directory_iterator()) {
+        take(*entry);
+        entry.increment(error);
+    }
+}
+
+}  // namespace
+
+bool LooksLikePicture(const fs::path& file) {
+    const std::string name = TextFromPath(file.filename());
+    if (name.empty() || name.front() == '.' || name.ends_with(SolvedSuffix)) return false;
+    std::string extension = UpperCase(TextFromPath(file.extension()));
+    if (extension.size() < 2 || extension.find(' ') != std::string::npos) return false;
+    extension = " " + extension.substr(1) + " ";
+    const auto formats = ImageFormats();
+    return std::any_of(formats.begin(), formats.end(), [&](const ImageFormat& format) {
+        return std::string_view(format.Extensions).find(extension) != std::string_view::npos;
+    });
+}
+
+std::vector<fs::path> PicturesIn(const fs::path& folder) {
+    std::vector<fs::path> found;
+    ForAllBelow(folder, [&found](const fs::directory_entry& entry) {
+        std::error_code ignored;
+        if (LooksLikePicture(entry.path()) && entry.is_regular_file(ignored)) {
+            found.push_back(entry.path());
+        }
+    });
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+std::vector<fs::path> PicturesOf(const std::string& word) {
+    std::error_code ignored;
+    const fs::path named = AbsolutePath(PathFromText(word)).lexically_normal();
+    if (fs::is_directory(named, ignored)) return PicturesIn(named);
+    if (fs::exists(named, ignored)) return {named};
+    glob_t found = {};
+    std::vector<fs::path> pictures;
+    if (glob(word.c_str(), 0, nullptr, &found) == 0) {
+        for (std::size_t i = 0; i < found.gl_pathc; ++i) {
+            const fs::path path = AbsolutePath(found.gl_pathv[i]).lexically_normal();
+            if (fs::is_directory(path, ignored)) {
+                const std::vector<fs::path> inside = PicturesIn(path);
+                pictures.insert(pictures.end(), inside.begin(), inside.end());
+            } else {
+                pictures.push_back(path);
+            }
+        }
+    }
+    globfree(&found);
+    return pictures;
+}
+
+FolderWatch::FolderWatch(const fs::path& folder)
+    : root_(AbsolutePath(folder).lexically_normal()),
+      handle_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    std::error_code ignored;
+    if (handle_ < 0 || !fs::is_directory(root_, ignored)) {
+        if (handle_ >= 0) close(handle_);
+        throw std::runtime_error(TextFromPath(root_) + " is no folder that can be watched.");
+    }
+    WatchFolder(root_);
+    Rescan(restOfFound);
+}
+
+FolderWatch::~FolderWatch() {
+    close(handle_);
+}
+
+void FolderWatch::WatchFolder(const fs::path& folder) {
+    const int number = inotify_add_watch(handle_, folder.c_str(),
+                                         IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_ONLYDIR);
+    // Without a watch, as when the system has none left, looking finds what comes.
+    if (number >= 0) folders_[number] = folder;
+}
+
+void FolderWatch::Rescan(std::chrono::milliseconds rest) {
+    scanned_ = Clock::now();
+    ForAllBelow(root_, [&](const fs::directory_entry& entry) {
+        std::error_code ignored;
+        if (entry.is_directory(ignored) && !entry.is_symlink(ignored)) WatchFolder(entry.path());
+        if (LooksLikePicture(entry.path()) && entry.is_regular_file(ignored)) {
+            Note(entry.path(), rest);
+        }
+    });
+}
+
+void FolderWatch::Note(const fs::path& file, std::chrono::milliseconds rest) {
+    if (!LooksLikePicture(file)) return;
+    std::error_code error;
+    const Look look{fs::file_size(file, error), fs::last_write_time(file, error)};
+    if (error) return;
+    const auto given = given_.find(file);
+    if (given != given_.end() && given->second == look) return;
+    const auto [entry, isNew] = pending_.try_emplace(file, Pending{look, Clock::now(), rest});
+    if (!isNew) entry->second.Rest = std::min(entry->second.Rest, rest);
+}
+
+void FolderWatch::TakeEvents(std::chrono::milliseconds longest) {
+    pollfd waited{handle_, POLLIN, 0};
+    if (poll(&waited, 1, static_cast<int>(longest.count())) <= 0) return;
+    alignas(inotify_event) char buffer[1 << 16];
+    for (;;) {
+        const ssize_t length = read(handle_, buffer, sizeof buffer);
+        if (length <= 0) return;
+        for (const char* at = buffer; at < buffer + length;) {
+            inotify_event event{};
+            std::memcpy(&event, at, sizeof event);
+            const char* name = at + sizeof event;
+            at += sizeof event + event.len;
+            if ((event.mask & IN_Q_OVERFLOW) != 0) Rescan(restOfFound);
+            const auto folder = folders_.find(event.wd);
+            if (folder == folders_.end() || event.len == 0) continue;
+            const fs::path path = folder->second / name;
+            if ((event.mask & IN_ISDIR) != 0) {
+                // What came into it before it was watched is found by looking.
+                Rescan(restOfFound);
+            } else if ((event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO)) != 0) {
+                Note(path, restAfterClosing);
+            }
+        }
+    }
+}
+
+std::vector<fs::path> FolderWatch::Wait(std::chrono::milliseconds longest) {
+    constexpr std::chrono::milliseconds betweenLooks{100};
+    const Clock::time_point end = Clock::now() + longest;
+    std::vector<fs::path> ready;
+    do {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+        TakeEvents(std::clamp(left, std::chrono::milliseconds(0), betweenLooks));
+        const Clock::time_point now = Clock::now();
+        if (now - scanned_ > betweenScans) Rescan(restOfFound);
+        for (auto entry = pending_.begin(); entry != pending_.end();) {
+            std::error_code error;
+            Pending& pending = entry->second;
+            const Look look{fs::file_size(entry->first, error),
+                            fs::last_write_time(entry->first, error)};
+            if (!error && look != pending.Last) {
+                pending.Last = look;
+                pending.Since = now;
+            }
+            if (!error && now - pending.Since < pending.Rest) {
+                ++entry;
+                continue;
+            }
+            // A file without a byte is one that somebody has only made room for.
+            if (!error && look.Size > 0) {
+                ready.push_back(entry->first);
+                given_[entry->first] = look;
+            }
+            entry = pending_.erase(entry);
+        }
+    } while (ready.empty() && Clock::now() < end);
+    return ready;
+}
+
+}  // namespace vestrel

@@ -1,0 +1,302 @@
+// vestrel-batch: solves the pictures of a night, those that are there or as they arrive.
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "astro/libParallel.h"
+#include "astro/libStrings.h"
+#include "batch/libJournal.h"
+#include "batch/libNightReport.h"
+#include "batch/libPictureFiles.h"
+#include "batch/nightRun.h"
+#include "platform/libConsole.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+namespace {
+
+namespace Exit {
+constexpr int Done = 0;
+constexpr int Usage = 2;
+constexpr int Stopped = 4;
+constexpr int NoPictures = 5;
+constexpr int NotWritten = 8;
+}  // namespace Exit
+
+constexpr const char* description =
+    "Solves the pictures of a night: files, folders and patterns, or whatever arrives in a "
+    "folder.\n"
+    "\n"
+    "  vestrel-batch lights/ --out night.jsonl --wcs --report night.html\n"
+    "  vestrel-batch --watch /captures --out night.jsonl --report night.html\n"
+    "\n"
+    "The journal has one line of JSON for each picture. A run that was ended in any way goes on\n"
+    "where it was when it is started again with the same journal.";
+
+constexpr const char* closing =
+    "Exit codes:\n"
+    "  0  every picture was gone through, solved or not\n"
+    "  2  wrong use of the command line\n"
+    "  4  stopped by the user; the next run goes on from there\n"
+    "  5  there are no pictures\n"
+    "  8  the journal or the report could not be written";
+
+struct Options {
+    std::vector<std::string> Words;
+    std::string Watch;
+    std::string Journal;
+    std::string Report;
+    std::string Catalog;
+    std::string To;
+    std::string Scale;
+    int Workers = 0;
+    double IdleEnd = 0;
+    bool Quiet = false;
+    NightOptions Night;
+};
+
+volatile std::sig_atomic_t stopSignals = 0;
+
+extern "C" void OnStopSignal(int /*signal*/) {
+    for (const int other : {SIGINT, SIGTERM}) std::signal(other, SIG_DFL);
+    stopSignals = 1;
+    EndWithin(2, Exit::Stopped);
+}
+
+/// "1.55" or "1-3": arcseconds per pixel.
+std::optional<SolverRange> ScaleOf(const std::string& text) {
+    const std::size_t dash = text.find('-', 1);
+    const auto low = ParseNumber(text.substr(0, dash));
+    const auto high = dash == std::string::npos ? low : ParseNumber(text.substr(dash + 1));
+    if (!low || !high || !(*low > 0) || !(*high >= *low) || !(*high < 1e6)) return std::nullopt;
+    return SolverRange{*low, *high};
+}
+
+std::optional<int> ReadOptions(int argc, const char* const* argv, Options& options) {
+    CLI::App app(description, "vestrel-batch");
+    app.footer(closing);
+    app.set_version_flag("--version", std::string("vestrel-batch ") + VESTREL_VERSION);
+    NightOptions& night = options.Night;
+    const auto& positive = CLI::PositiveNumber;
+    app.add_option("pictures", options.Words, "Pictures, folders, or patterns in quotes");
+    app.add_option("--watch", options.Watch, "Solve what arrives in this folder, until stopped")
+        ->type_name("FOLDER");
+    app.add_option("--idle-end", options.IdleEnd,
+                   "With --watch: end when nothing has arrived for so many seconds")
+        ->check(positive);
+    app.add_option("--out", options.Journal,
+                   "The journal; without it the lines go to standard output and are not remembered")
+        ->type_name("FILE");
+    app.add_option(
+           "--report", options.Report,
+           "At the end, the whole journal as one HTML page with plots; also without pictures")
+        ->type_name("FILE");
+    app.add_option("--workers", options.Workers,
+                   "Pictures solved at once; as many as there are processors, 4 at most")
+        ->check(CLI::Range(1, 64));
+    app.add_option("--catalog", options.Catalog, "Folder of the catalog")->type_name("FOLDER");
+    app.add_option("--scale", options.Scale,
+                   "Arcseconds per pixel, as 1.55 or 1-3; when left out, as the pictures say");
+    app.add_option("--time-limit", night.TimeLimit, "Seconds for one picture")
+        ->capture_default_str()
+        ->check(positive);
+    const char* outputs = "Files written for each picture";
+    app.add_flag("--wcs", night.Coordinates, "World coordinates as a FITS header (.wcs)")
+        ->group(outputs);
+    app.add_flag("--export", night.Copy, "A copy as standard FITS with the solution (.solved.fits)")
+        ->group(outputs);
+    app.add_flag("--kel", night.Result, "The result file of unattended runs (.kel)")
+        ->group(outputs);
+    app.add_option("--to", options.To, "Folder for them; when left out, beside each picture")
+        ->type_name("FOLDER")
+        ->group(outputs);
+    app.add_flag("--quiet", options.Quiet, "No line on standard error for each picture");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& end) {
+        std::ostringstream out;
+        std::ostringstream errors;
+        const int code = app.exit(end, out, errors);
+        std::fputs(WithoutControls(code == 0 ? out.str() : errors.str(), "\n").c_str(),
+                   code == 0 ? stdout : stderr);
+        return code == 0 ? Exit::Done : Exit::Usage;
+    }
+    const auto wrong = [](const char* text) {
+        std::fprintf(stderr, "%s\nRun with --help for more information.\n", text);
+        return Exit::Usage;
+    };
+    if (!options.Scale.empty() && !(night.Scale = ScaleOf(options.Scale))) {
+        return wrong("--scale: arcseconds per pixel, as 1.55 or 1-3");
+    }
+    const bool work = !options.Words.empty() || !options.Watch.empty();
+    if (!work && (options.Report.empty() || options.Journal.empty())) {
+        return wrong("Name pictures, or a folder to watch.");
+    }
+    if (!options.Report.empty() && options.Journal.empty()) {
+        return wrong("A report is made of a journal: name one (--out).");
+    }
+    return std::nullopt;
+}
+
+/// What is told of a picture on standard error.
+void PrintLine(std::size_t done, std::size_t left, const nlohmann::ordered_json& line) {
+    std::string text = line.value("end", "");
+    if (text == "solved") {
+        char place[64];
+        std::snprintf(place, sizeof place, "  %.4f %+.4f", line.value("ra_deg", 0.0),
+                      line.value("dec_deg", 0.0));
+        text += place;
+    } else {
+        text += ": " + line.value("reason", "");
+    }
+    std::fprintf(stderr, "%zu done, %zu left  %s  %s\n", done, left,
+                 WithoutControls(line.value("picture", "")).c_str(), WithoutControls(text).c_str());
+}
+
+class Night {
+ public:
+    explicit Night(const Options& options) : options_(options) {
+        if (!options.Journal.empty()) {
+            journal_.emplace(PathFromText(options.Journal));
+            if (journal_->Strange() > 0) {
+                std::fprintf(stderr, "%zu lines of the journal cannot be read; they stay.\n",
+                             journal_->Strange());
+            }
+            ReadJournal(PathFromText(options.Journal), [this](const auto& line) {
+                const auto files = line.find("files");
+                if (files == line.end() || !files->is_object()) return;
+                for (const auto& file : *files) {
+                    if (file.is_string()) {
+                        names_.Take(PathFromText(file.template get<std::string>()),
+                                    PicturePathOf(line));
+                    }
+                }
+            });
+        }
+    }
+
+    int Run() {
+        NightRun run(options_.Night, names_,
+                     [this](const auto& picture, const auto& line) { Take(picture, line); });
+        run_ = &run;
+        bool any = false;
+        for (const std::string& word : options_.Words) {
+            const auto pictures = PicturesOf(word);
+            if (pictures.empty()) {
+                std::fprintf(stderr, "%s: there are no pictures.\n", WithoutControls(word).c_str());
+            }
+            any = any || !pictures.empty();
+            for (const auto& picture : pictures) Add(run, picture);
+        }
+        if (!options_.Watch.empty()) {
+            Watch(run);
+            any = true;
+        }
+        while (stopSignals == 0 && !run.Wait(tick)) {
+        }
+        run.Stop();
+        if (stopSignals != 0) return Exit::Stopped;
+        return any || options_.Words.empty() ? Exit::Done : Exit::NoPictures;
+    }
+
+ private:
+    static constexpr std::chrono::milliseconds tick{100};
+
+    void Add(NightRun& run, const std::filesystem::path& picture) {
+        if (!added_.insert(picture.native()).second) return;
+        if (journal_ && journal_->Has(picture.native())) return;
+        run.Add(picture);
+    }
+
+    void Watch(NightRun& run) {
+        FolderWatch watch(PathFromText(options_.Watch));
+        auto last = std::chrono::steady_clock::now();
+        while (stopSignals == 0) {
+            const auto pictures = watch.Wait(tick);
+            for (const auto& picture : pictures) Add(run, picture);
+            const bool idle = run.Wait(std::chrono::milliseconds(0)) && pictures.empty();
+            const auto now = std::chrono::steady_clock::now();
+            if (!idle) last = now;
+            if (options_.IdleEnd > 0 &&
+                now - last > std::chrono::duration<double>(options_.IdleEnd)) {
+                return;
+            }
+        }
+    }
+
+    void Take(const std::string& picture, const nlohmann::ordered_json& line) {
+        if (journal_) {
+            journal_->Add(picture, line);
+        } else {
+            const std::string text =
+                line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+            if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
+                throw std::runtime_error("The lines cannot be written to standard output.");
+            }
+        }
+        ++done_;
+        if (!options_.Quiet) PrintLine(done_, run_->Left() - 1, line);
+    }
+
+    const Options& options_;
+    std::optional<Journal> journal_;
+    OutputNames names_;
+    std::unordered_set<std::string> added_;
+    NightRun* run_ = nullptr;
+    std::size_t done_ = 0;
+};
+
+int Run(int argc, const char* const* argv) {
+    Options options;
+    if (const auto end = ReadOptions(argc, argv, options)) return *end;
+    const int processors = ParallelThreads();
+    constexpr int mostByItself = 4;
+    options.Night.Workers =
+        options.Workers > 0 ? options.Workers : std::min(processors, mostByItself);
+    options.Night.Settings = SettingsOfUser();
+    options.Night.Settings.CatalogFolder = options.Catalog;
+    options.Night.Settings.Threads = std::clamp(processors / options.Night.Workers, 1, 256);
+    if (!options.To.empty()) {
+        options.Night.To = AbsolutePath(PathFromText(options.To)).lexically_normal();
+        std::error_code error;
+        std::filesystem::create_directories(options.Night.To, error);
+        if (error) {
+            std::fprintf(stderr, "The folder %s cannot be made.\n",
+                         WithoutControls(options.To).c_str());
+            return Exit::NotWritten;
+        }
+    }
+    for (const int number : {SIGINT, SIGTERM}) std::signal(number, OnStopSignal);
+    int code = Exit::Done;
+    try {
+        if (!options.Words.empty() || !options.Watch.empty()) code = Night(options).Run();
+        if (!options.Report.empty()) {
+            WriteNightReport(PathFromText(options.Journal), PathFromText(options.Report));
+        }
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vestrel-batch: %s\n", WithoutControls(error.what()).c_str());
+        return Exit::NotWritten;
+    }
+    return code;
+}
+
+}  // namespace
+}  // namespace vestrel
+
+int main(int argc, char** argv) {
+    try {
+        const vestrel::ProgramArguments arguments(argc, argv);
+        const vestrel::PreparedConsole console;
+        return vestrel::Run(arguments.Count(), arguments.Values());
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vestrel-batch: %s\n", vestrel::WithoutControls(error.what()).c_str());
+        return vestrel::Exit::Usage;
+    }
+}
