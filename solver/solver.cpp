@@ -86,6 +86,7 @@ class WatchPort final : public QuietPort {
 /// The reader's words for why a picture was not read, in one line.
 std::string FaultOf(const ProgramState& state, const QuietPort& port) {
     std::string cause(Trim(state.Display.Details));
+    while (cause.ends_with('\n')) cause.pop_back();
     constexpr std::string_view label = "Cause";
     if (cause.starts_with(label)) cause = Trim(cause.substr(label.size()));
     if (!cause.empty()) return WithoutControls(cause);

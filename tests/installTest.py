@@ -16,7 +16,7 @@ import xml.etree.ElementTree as xml
 
 BUILD = pathlib.Path(os.environ["VESTREL_BUILD"])
 ID = "org.vestrel.Vestrel"
-PROGRAMS = ("vestrel", "vestrel-solve", "vestrel-catalog")
+PROGRAMS = ("vestrel", "vestrel-solve", "vestrel-batch", "vestrel-catalog")
 
 
 def run(*command, **options):
