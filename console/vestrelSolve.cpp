@@ -16,6 +16,7 @@
 #include "platform/libConsole.h"
 #include "platform/libPlatform.h"
 #include "program/mCommandLine.h"
+#include "program/mFailureCause.h"
 #include "program/mImageData.h"
 #include "program/mPictureHints.h"
 #include "program/mPlateMatch.h"
@@ -36,7 +37,8 @@ struct Outcome {
     SolveResult Result;
     bool Attempted = false;  ///< an image was read and a solve ran
     std::string Image;
-    std::string StartedFrom;  ///< the cards that gave the start; empty: the user did
+    std::optional<FailureCause> Cause;  ///< of a failure
+    std::string StartedFrom;            ///< the cards that gave the start; empty: the user did
     double Seconds = 0;
 };
 
@@ -94,8 +96,11 @@ Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& option
     if (!options.Blind || options.Centre) {
         starts = SearchStarts(state.Image, given, RememberedFieldSize(state.Parameters));
     }
-    const SolveCode code =
-        SolveByPlan(state, port, RequestFrom(options, state.Image, starts), outcome.Plan);
+    const SearchRequest request = RequestFrom(options, state.Image, starts);
+    SearchRequest search = request;
+    search.TimeLimit -= InquirySeconds(request);
+    const SolveCode code = SolveByPlan(state, port, search, outcome.Plan);
+    outcome.Cause = CauseOfFailure(state, port, code, request);
     if (code == SolveCode::Solved && outcome.Plan.Start) {
         outcome.StartedFrom = starts[*outcome.Plan.Start].Sources;
     }
@@ -263,6 +268,45 @@ nlohmann::ordered_json JsonQuads(const ProgramState& state) {
     return json;
 }
 
+/// The likeliest cause of a failure, and all that was looked at.
+nlohmann::ordered_json JsonCause(const FailureCause& cause) {
+    constexpr double degreesPerRadian = 57.29577951308232;
+    const FailureEvidence& evidence = cause.Evidence;
+    const ImageHealth& health = evidence.Health;
+    nlohmann::ordered_json json = {
+        {"kind", NameOf(cause.Kind)}, {"text", cause.Text}, {"try", cause.Try}};
+    nlohmann::ordered_json& found = json["evidence"];
+    found = {{"sky_level", health.SkyLevel},
+             {"sky_noise_px", health.SkyNoise},
+             {"full_scale", evidence.FullScale},
+             {"patches", health.Patches},
+             {"hot_pixels", health.HotPixels},
+             {"dark_patches", health.DarkPatches},
+             {"covered_part", health.CoveredPart},
+             {"width_px", health.Width},
+             {"elongation", health.Elongation},
+             {"trail_px", health.TrailLength},
+             {"trail_spread", health.LengthSpread},
+             {"trail_angle_deg", evidence.TrailAngle},
+             {"angle_agreement", health.AngleAgreement},
+             {"hollow_part", health.HollowPart},
+             {"stars_extracted", evidence.StarsExtracted},
+             {"catalog_stars", evidence.CatalogStars}};
+    if (evidence.MagnitudeLimit > 0) found["magnitude_limit"] = evidence.MagnitudeLimit;
+    if (evidence.CatalogEnd > 0) found["catalog_end"] = evidence.CatalogEnd;
+    if (evidence.Elsewhere) {
+        const PlateSolution& solution = *evidence.Elsewhere;
+        found["elsewhere"] = {{"ra_deg", solution.CentreRA * degreesPerRadian},
+                              {"dec_deg", solution.CentreDec * degreesPerRadian},
+                              {"width_arcmin", solution.WidthArcmin},
+                              {"height_arcmin", solution.HeightArcmin},
+                              {"separation_deg", evidence.Separation * degreesPerRadian},
+                              {"size_ratio", evidence.SizeRatio},
+                              {"log10_false_alarm", solution.Confidence.Log10FalseAlarm}};
+    }
+    return json;
+}
+
 nlohmann::ordered_json JsonAttempts(const PlanReport& report) {
     nlohmann::ordered_json attempts = nlohmann::ordered_json::array();
     for (const PlanAttempt& attempt : report.Attempts) {
@@ -349,6 +393,7 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
                                 {"ra_deg", report.BestAttemptCentre.Ra * ExactDegreesPerRadian},
                                 {"dec_deg", report.BestAttemptCentre.Dec * ExactDegreesPerRadian}};
         json["advice"] = Advice(state, outcome.Result.Code);
+        if (outcome.Cause) json["cause"] = JsonCause(*outcome.Cause);
     }
     for (const auto& [stage, seconds] : StageTable(report.Times)) json["seconds"][stage] = seconds;
     json["seconds"]["total"] = outcome.Seconds;
@@ -393,8 +438,11 @@ void PrintForPeople(const ProgramState& state, const Outcome& outcome, bool quie
                      RoundedText(1 / candidate.Scale, 4).c_str(),
                      ConfidenceText(candidate.Confidence).c_str());
     }
+    CauseAndCure likeliest;
+    if (outcome.Cause) likeliest = {outcome.Cause->Text, outcome.Cause->Try};
+    const std::string failure = FailureText(state, outcome.Result.Code, ConsoleWords, likeliest);
     std::fprintf(stderr, "%s%s%s: %s\n%s", colour, text.c_str(), plain, image.c_str(),
-                 WithoutControls(FailureText(state, outcome.Result.Code), "\n").c_str());
+                 WithoutControls(failure, "\n").c_str());
     PrintTimes(stderr, state, outcome);
 }
 

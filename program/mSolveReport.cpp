@@ -284,7 +284,16 @@ std::vector<std::string> Advice(const ProgramState& state, SolveCode code,
     return advice;
 }
 
-std::string FailureText(const ProgramState& state, SolveCode code, const InputWords& words) {
+std::string ShallowCatalogText(const ProgramState& state) {
+    const SolveReport& report = state.Report;
+    const double end = FaintEnd(state.Catalog);
+    if (report.RegionsTried == 0 || !(end < report.MagnitudeLimit - shallow)) return {};
+    return "the catalog ends at " + Fixed(end, 1) + " here, this field is compared down to " +
+           Fixed(report.MagnitudeLimit, 1);
+}
+
+std::string FailureText(const ProgramState& state, SolveCode code, const InputWords& words,
+                        const CauseAndCure& likeliest) {
     const SolveReport& report = state.Report;
     Table table;
     AddImage(table, state);
@@ -296,11 +305,9 @@ std::string FailureText(const ProgramState& state, SolveCode code, const InputWo
                                         " stars in the first region, down to magnitude " +
                                         Fixed(report.MagnitudeLimit, 1)
                                   : complaint);
-        const double end = FaintEnd(state.Catalog);
-        if (end < report.MagnitudeLimit - shallow) {
-            table.Line("Too shallow", "the catalog ends at " + Fixed(end, 1) +
-                                          " here, this field is compared down to " +
-                                          Fixed(report.MagnitudeLimit, 1));
+        const std::string tooShallow = ShallowCatalogText(state);
+        if (!tooShallow.empty() && !likeliest.Cause.starts_with(tooShallow)) {
+            table.Line("Too shallow", tooShallow);
         }
         const std::string oversized = OversizedCell(state.Catalog);
         if (!oversized.empty()) {
@@ -312,6 +319,10 @@ std::string FailureText(const ProgramState& state, SolveCode code, const InputWo
                                        " by votes, " + std::to_string(report.BestAttempt.Kept) +
                                        " left by the fit, about " +
                                        Position(report.BestAttemptCentre));
+    }
+    if (!likeliest.Cause.empty()) {
+        table.Line("Likely cause", likeliest.Cause);
+        return table.Take() + TryLine(likeliest.Cure);
     }
     std::string text = table.Take();
     for (const std::string& line : Advice(state, code, words)) text += TryLine(line);

@@ -58,9 +58,20 @@ inline constexpr InputWords WindowWords{"Detection Threshold",
                                         "Search Limit",
                                         "Plate Match, with the approximate centre (RA, Dec)"};
 
-/// Why a solve ended without a solution: what was seen, and what to try next.
+/// What is wrong, and the one thing to try. Empty when that is not known.
+struct CauseAndCure {
+    std::string Cause;
+    std::string Cure;
+};
+
+/// Why a solve ended without a solution: what was seen, the likeliest cause, and what to try next.
+/// Where no cause is known, all that might help.
 std::string FailureText(const ProgramState& state, SolveCode code,
-                        const InputWords& words = ConsoleWords);
+                        const InputWords& words = ConsoleWords, const CauseAndCure& likeliest = {});
+
+/// That the catalog ends before the magnitude that this field is compared down to; empty when it
+/// does not, or no region was searched.
+std::string ShallowCatalogText(const ProgramState& state);
 
 /// What is wrong with the catalog, in words; empty when it has stars for the starting region.
 std::string CatalogComplaint(const ProgramState& state);

@@ -115,30 +115,26 @@ class SharpProfile {
     double height_;
 };
 
-/// The light of a star as the exposure has it: sharp, or spread over a disc, along its way, or
-/// both.
+/// Sharp images this close run into one another.
+double MergingDistance(const FrameExposure& exposure) {
+    return exposure.Seeing / 3;
+}
+
+/// The light of a star that stands still: sharp, or spread over a disc.
 class StarProfile {
  public:
     explicit StarProfile(const FrameExposure& exposure) : sharp_(exposure.Seeing) {
-        // Sharp images this close run into one another.
-        const double spacing = exposure.Seeing / 3;
-        if (exposure.DefocusDiameter > 0) MakeDisc(exposure, spacing);
-        if (!(exposure.TrailLength > 0)) return;
-        const int steps = static_cast<int>(std::ceil(exposure.TrailLength / spacing)) + 1;
-        for (int k = 0; k < steps; ++k) {
-            const double along = exposure.TrailLength * (k / (steps - 1.0) - 0.5);
-            way_.push_back(
-                {along * std::cos(exposure.TrailAngle), along * std::sin(exposure.TrailAngle)});
-        }
-        extent_ += exposure.TrailLength / 2;
+        if (exposure.DefocusDiameter > 0) MakeDisc(exposure, MergingDistance(exposure));
     }
 
     /// The part of the light that a pixel receives whose centre lies (dx, dy) from the star.
     double PixelShare(double dx, double dy) const {
-        if (way_.empty()) return ShareAtRest(dx, dy);
-        double sum = 0;
-        for (const FramePoint& place : way_) sum += ShareAtRest(dx - place.X, dy - place.Y);
-        return sum / static_cast<double>(way_.size());
+        if (disc_.empty()) return sharp_.PixelShare(dx, dy);
+        const double place = std::hypot(dx, dy) * perPixel;
+        const auto entry = static_cast<std::size_t>(place);
+        if (entry + 1 >= disc_.size()) return sharp_.PixelShare(dx, dy);
+        const double part = place - static_cast<double>(entry);
+        return disc_[entry] * (1 - part) + disc_[entry + 1] * part;
     }
 
     /// Beyond this distance a pixel receives a smaller part of the light than `share`.
@@ -172,20 +168,24 @@ class StarProfile {
         extent_ += outer;
     }
 
-    double ShareAtRest(double dx, double dy) const {
-        if (disc_.empty()) return sharp_.PixelShare(dx, dy);
-        const double place = std::hypot(dx, dy) * perPixel;
-        const auto entry = static_cast<std::size_t>(place);
-        if (entry + 1 >= disc_.size()) return sharp_.PixelShare(dx, dy);
-        const double part = place - static_cast<double>(entry);
-        return disc_[entry] * (1 - part) + disc_[entry + 1] * part;
-    }
-
     SharpProfile sharp_;
-    std::vector<FramePoint> way_;
     std::vector<double> disc_;
     double extent_ = 0;
 };
+
+/// Where a star is during the exposure, from its middle place.
+std::vector<FramePoint> WayOf(const FrameExposure& exposure) {
+    if (!(exposure.TrailLength > 0)) return {{0, 0}};
+    const int steps =
+        static_cast<int>(std::ceil(exposure.TrailLength / MergingDistance(exposure))) + 1;
+    std::vector<FramePoint> way;
+    for (int k = 0; k < steps; ++k) {
+        const double along = exposure.TrailLength * (k / (steps - 1.0) - 0.5);
+        way.push_back(
+            {along * std::cos(exposure.TrailAngle), along * std::sin(exposure.TrailAngle)});
+    }
+    return way;
+}
 
 double Electrons(const FrameExposure& exposure, double magnitude) {
     return std::pow(10.0, 0.4 * (exposure.ZeroPoint - magnitude));
@@ -202,7 +202,7 @@ class ExpectedLight {
  public:
     ExpectedLight(const FrameGeometry& geometry, const FrameExposure& exposure,
                   const std::vector<FrameStar>& stars)
-        : geometry_(geometry), exposure_(exposure), profile_(exposure), stars_(stars) {
+        : geometry_(geometry), exposure_(exposure), profile_(exposure) {
         RandomNumbers random(exposure.Seed, Stream::Gradient);
         const double direction = 2 * pi * random.Uniform();
         slopeX_ = exposure.Gradient * std::cos(direction) / geometry.Width;
@@ -211,16 +211,14 @@ class ExpectedLight {
         // Light below a hundredth of the noise cannot be told from none.
         const double faintest = SkySigma(exposure) / 100;
         bands_.resize(static_cast<std::size_t>(geometry.Height - 1) / bandRows + 1);
-        for (std::size_t i = 0; i < stars.size(); ++i) {
-            const double electrons = Electrons(exposure, stars[i].Sky.Mag);
+        const std::vector<FramePoint> way = WayOf(exposure);
+        for (const FrameStar& star : stars) {
+            const double electrons = Electrons(exposure, star.Sky.Mag);
             const double reach = std::min(profile_.ReachOf(faintest / electrons),
                                           2.0 * (geometry.Width + geometry.Height));
-            const double y = stars[i].Place.Y;
-            if (y + reach < 0 || y - reach > geometry.Height - 1) continue;
-            const int first = RowIn(y - reach) / bandRows;
-            const int last = RowIn(y + reach) / bandRows;
-            for (int band = first; band <= last; ++band) {
-                bands_[static_cast<std::size_t>(band)].push_back({i, electrons, reach});
+            for (const FramePoint& step : way) {
+                AddLight({star.Place.X + step.X, star.Place.Y + step.Y},
+                         electrons / static_cast<double>(way.size()), reach);
             }
         }
     }
@@ -237,7 +235,7 @@ class ExpectedLight {
             for (int x = 0; x < geometry_.Width; ++x) row[x] = static_cast<float>(Sky(x, y));
         }
         for (const LitStar& star : bands_[static_cast<std::size_t>(band)]) {
-            const FramePoint& place = stars_[star.Number].Place;
+            const FramePoint& place = star.Place;
             const int bottom = std::max(firstRow, RowIn(place.Y - star.Reach));
             const int top = std::min(lastRow, RowIn(place.Y + star.Reach));
             const int left = static_cast<int>(std::max(0.0, std::ceil(place.X - star.Reach)));
@@ -255,10 +253,19 @@ class ExpectedLight {
 
  private:
     struct LitStar {
-        std::size_t Number;
+        FramePoint Place;
         double Electrons;
         double Reach;
     };
+
+    void AddLight(const FramePoint& place, double electrons, double reach) {
+        if (place.Y + reach < 0 || place.Y - reach > geometry_.Height - 1) return;
+        const int first = RowIn(place.Y - reach) / bandRows;
+        const int last = RowIn(place.Y + reach) / bandRows;
+        for (int band = first; band <= last; ++band) {
+            bands_[static_cast<std::size_t>(band)].push_back({place, electrons, reach});
+        }
+    }
 
     int RowIn(double y) const {
         return static_cast<int>(std::clamp(std::nearbyint(y), 0.0, geometry_.Height - 1.0));
@@ -276,7 +283,6 @@ class ExpectedLight {
     const FrameGeometry& geometry_;
     const FrameExposure& exposure_;
     StarProfile profile_;
-    const std::vector<FrameStar>& stars_;
     double slopeX_ = 0;
     double slopeY_ = 0;
     std::vector<std::vector<LitStar>> bands_;
@@ -395,7 +401,11 @@ void FrameToSky(const FrameGeometry& geometry, FramePoint point, double& ra, dou
 }
 
 double PeakSigmas(const FrameExposure& exposure, double magnitude) {
-    const double share = StarProfile(exposure).PixelShare(0, 0);
+    const StarProfile profile(exposure);
+    const std::vector<FramePoint> way = WayOf(exposure);
+    double share = 0;
+    for (const FramePoint& step : way) share += profile.PixelShare(step.X, step.Y);
+    share /= static_cast<double>(way.size());
     return Electrons(exposure, magnitude) * share / SkySigma(exposure);
 }
 

@@ -1,0 +1,337 @@
+#include "program/mFailureCause.h"
+
+#include <algorithm>
+#include <cmath>
+#include <new>
+
+#include "astro/libConversions.h"
+#include "astro/libMath.h"
+#include "display/libReadout.h"
+#include "display/libSkyOverlay.h"
+#include "image/libFormats.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+
+namespace {
+
+constexpr double degreesPerRadian = 57.29577951308232;
+
+std::string Count(std::int32_t n, const char* one, const char* many) {
+    return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+/// The port of a search that is not to be seen; it can be stopped like any other.
+class HiddenPort : public Port {
+ public:
+    explicit HiddenPort(Port& port) : port_(port) {}
+    void ShowMessage(const std::string& /*text*/, const std::string& /*title*/) override {}
+    std::optional<std::string> AskForFile(const FileDialog& /*dialog*/) override {
+        return std::nullopt;
+    }
+    void DisplayChanged() override {}
+    void ImageChanged() override {}
+    void ShowProgress(int /*percent*/) override {}
+    void Yield() override { port_.Yield(); }
+    void ShowBusyPointer(bool /*busy*/) override {}
+
+ private:
+    Port& port_;
+};
+
+/// Looks for the picture over the whole sky, and leaves all else in the state as it was.
+std::optional<PlateSolution> LookElsewhere(ProgramState& state, Port& port, double seconds) {
+    const SolveReport report = state.Report;
+    const SolveDisplay display = state.Display;
+    const ExtractionFacts extraction = state.Extraction;
+    const PlateStarList stars = state.PlateStars;
+    QuadSearch quads = std::move(state.QuadMatch);
+    const ImageHeader header = state.Image.Header;
+    HiddenPort hidden(port);
+    SearchRequest request;
+    request.Everywhere = true;
+    request.TimeLimit = seconds;
+    PlanReport plan;
+    SolveByPlan(state, hidden, request, plan);
+    std::optional<PlateSolution> found = std::move(state.Solution);
+    ForgetSolution(state);
+    state.Report = report;
+    state.Display = display;
+    state.Extraction = extraction;
+    state.PlateStars = stars;
+    state.QuadMatch = std::move(quads);
+    state.Image.Header = header;
+    port.DisplayChanged();
+    return found;
+}
+
+/// Judges one failure.
+class Inquiry {
+ public:
+    Inquiry(ProgramState& state, Port& port, const SearchRequest& request, const InputWords& words)
+        : state_(state), port_(port), request_(request), words_(words) {}
+
+    FailureCause Find() {
+        GatherEvidence();
+        // The surest comes first. A picture that is good speaks for what was given with it.
+        if (!HasNoCatalog() && !IsNoSky() && !IsTrailed() && !IsOutOfFocus() && !HasFewStars() &&
+            !IsElsewhere() && !CatalogIsShallow() && !StartIsDoubtful()) {
+            cause_.Kind = FailureKind::Unknown;
+        }
+        return std::move(cause_);
+    }
+
+ private:
+    const ImageHealth& Health() const { return cause_.Evidence.Health; }
+    bool Found(FailureKind kind, std::string text, std::string what) {
+        cause_.Kind = kind;
+        cause_.Text = std::move(text);
+        cause_.Try = std::move(what);
+        return true;
+    }
+
+    void GatherEvidence() {
+        FailureEvidence& evidence = cause_.Evidence;
+        const PlateImage& image = state_.Image;
+        PlateImage asRead;
+        ReadFailure ignored;
+        const bool read = ReadImageFile(
+            PathFromText(image.FileName), asRead, [this](int, int) { port_.Yield(); }, ignored);
+        evidence.Health = HealthOf(read ? asRead : image);
+        evidence.TrailAngle = evidence.Health.TrailAngle * degreesPerRadian;
+        if (FirstRowAtTop(image)) evidence.TrailAngle = -evidence.TrailAngle;
+        if (evidence.TrailAngle < 0) evidence.TrailAngle += 180;
+        constexpr double largestByte = 255;
+        evidence.FullScale = image.LargestCount;
+        if (image.ImageType == ImageType::Jpeg) evidence.FullScale = 3 * largestByte;
+        if (image.ImageType == ImageType::Fits && image.Header.BitPix == 8) {
+            evidence.FullScale = largestByte;
+        }
+        evidence.StarsExtracted = state_.Extraction.StarsFound;
+        if (state_.Report.RegionsTried == 0) return;
+        evidence.CatalogStars = state_.Report.CatalogStarsAtStart;
+        evidence.MagnitudeLimit = state_.Report.MagnitudeLimit;
+        const double end = FaintEnd(state_.Catalog);
+        if (std::isfinite(end)) evidence.CatalogEnd = end;
+    }
+
+    bool HasNoCatalog() {
+        const std::string complaint = CatalogComplaint(state_);
+        if (complaint.empty()) return false;
+        return Found(FailureKind::NoCatalog, complaint,
+                     std::string("make a catalog with vestrel-catalog build, or name its folder "
+                                 "with ") +
+                         words_.CatalogFolder);
+    }
+
+    /// The sky has patches of light on a darker ground, each one small and on its own.
+    bool IsNoSky() {
+        const ImageHealth& health = Health();
+        constexpr std::int32_t fewestDark = 5;
+        constexpr double darkPart = 0.3;
+        constexpr double texture = 0.15;  // of the full scale
+        constexpr double tilted = 3;      // degrees
+        const double angle = cause_.Evidence.TrailAngle;
+        const bool upright = std::fabs(std::remainder(angle, 90)) < tilted;
+        const bool filled = health.CoveredPart > 0.2 && health.Elongation > 2.2;
+        const bool lines = health.CoveredPart > 0.1 && health.Elongation > 2.2 && upright &&
+                           health.AngleAgreement > 0.5 && health.LengthSpread > 1;
+        std::string sign;
+        if (health.DarkPatches >= fewestDark && health.DarkPatches > darkPart * health.Patches) {
+            sign = Count(health.DarkPatches, "dark patch", "dark patches") + " beside " +
+                   std::to_string(health.Patches) + " bright ones";
+        } else if (health.SkyNoise > texture * cause_.Evidence.FullScale) {
+            sign = "what would be the sky varies by " + FixedText(health.SkyNoise, 0) + " of " +
+                   FixedText(cause_.Evidence.FullScale, 0) + " counts from pixel to pixel";
+        } else if (filled || lines) {
+            sign = "bright patches cover " + FixedText(100 * health.CoveredPart, 0) +
+                   " % of it, and are no dots but " + FixedText(health.Elongation, 1) +
+                   " times as long as wide";
+        }
+        if (sign.empty()) return false;
+        return Found(FailureKind::NotSky, "this does not look like a picture of stars: " + sign,
+                     "check that it is the picture that was meant, and no negative");
+    }
+
+    bool IsTrailed() {
+        const ImageHealth& health = Health();
+        constexpr std::int32_t fewest = 4;
+        const bool alike = health.AngleAgreement > 0.75 && health.LengthSpread < 1;
+        if (health.Patches < fewest || !alike || health.Elongation < 1.8 ||
+            health.TrailLength < 5) {
+            return false;
+        }
+        return Found(FailureKind::Trailed,
+                     "the stars are trailed: " + FixedText(health.TrailLength, 0) +
+                         " pixels long and " + FixedText(health.Width, 1) + " wide, at " +
+                         FixedText(cause_.Evidence.TrailAngle, 0) + DegreeSign +
+                         " from the horizontal, all of them alike",
+                     "expose for a shorter time, or track the sky");
+    }
+
+    bool IsOutOfFocus() {
+        const ImageHealth& health = Health();
+        constexpr std::int32_t fewest = 4;
+        constexpr double wide = 9;  // pixels
+        const bool ring = health.HollowPart > 0.4 && health.Width > wide / 2;
+        if (health.Patches < fewest || health.Elongation > 1.5 || !(ring || health.Width > wide)) {
+            return false;
+        }
+        return Found(FailureKind::OutOfFocus,
+                     "the stars are out of focus: round and " + FixedText(health.Width, 0) +
+                         " pixels wide" +
+                         (ring ? ", " + FixedText(100 * health.HollowPart, 0) +
+                                     " % of them darker in the middle"
+                               : ""),
+                     "focus, or make the picture smaller until its stars are dots");
+    }
+
+    bool HasFewStars() {
+        const FailureEvidence& evidence = cause_.Evidence;
+        const ImageHealth& health = Health();
+        constexpr std::int32_t enough = 12;
+        const std::int32_t stars = health.Patches;
+        const bool onlyHot = health.HotPixels > 5 * std::max(stars, 1);
+        if (stars >= enough || (evidence.StarsExtracted >= enough && !onlyHot)) return false;
+        const double sky = health.SkyLevel / evidence.FullScale;
+        // Pictures for people have their sky far above that of a camera's counts.
+        const bool forPeople = evidence.FullScale < 1024;
+        const double bright = forPeople ? 0.4 : 0.15;
+        const double dark = forPeople ? 0.1 : 0.03;
+        const std::string level =
+            ", and the sky is at " + FixedText(100 * sky, 1) + " % of the full scale";
+        const std::string few =
+            stars == 0 ? std::string("no star stands out of the sky")
+                       : "only " + Count(stars, "star stands", "stars stand") + " out of the sky";
+        if (sky > bright) {
+            return Found(FailureKind::BrightSky, few + level,
+                         "wait for a clear and dark sky, or expose for a shorter time");
+        }
+        if (sky < dark) {
+            return Found(FailureKind::UnderExposed, few + level,
+                         "expose for longer, and check that nothing covers the lens");
+        }
+        return Found(FailureKind::FewStars, few + level, "expose for longer, or check for clouds");
+    }
+
+    /// Searches the whole sky when it was not searched yet.
+    bool IsElsewhere() {
+        FailureEvidence& evidence = cause_.Evidence;
+        constexpr std::int32_t enough = 12;
+        const double seconds = InquirySeconds(request_);
+        if (seconds <= 0 || evidence.StarsExtracted < enough) return false;
+        evidence.Elsewhere = LookElsewhere(state_, port_, seconds);
+        if (!evidence.Elsewhere) return false;
+        const SearchHint& given = request_.Around.front();
+        const PlateSolution& found = *evidence.Elsewhere;
+        evidence.Separation = SkyDistance(found.Centre(), given.Centre);
+        const double diagonal = std::hypot(found.WidthArcmin, found.HeightArcmin);
+        const double givenDiagonal = std::hypot(given.Width, given.Height);
+        evidence.SizeRatio = diagonal / 60 / degreesPerRadian / givenDiagonal;
+        const std::string place =
+            FormatRA(found.CentreRA, true, 0) + " " + FormatDec(found.CentreDec, true, 0);
+        const std::string size =
+            FixedText(found.WidthArcmin, 1) + "x" + FixedText(found.HeightArcmin, 1);
+        const bool otherSize = !(evidence.SizeRatio > 0.7 && evidence.SizeRatio < 1.4);
+        if (evidence.Separation < givenDiagonal / 2) {
+            if (!otherSize) {
+                return Found(FailureKind::Start,
+                             "only a search of the whole sky finds the picture, at " + place,
+                             "search the whole sky (--blind)");
+            }
+            return Found(FailureKind::WrongSize,
+                         "the field is " + FixedText(evidence.SizeRatio, 2) +
+                             " times the size given: " + size + "'",
+                         std::string("give its size (") + words_.FieldSize + " " + size + ")");
+        }
+        std::string text = "the picture shows " + place + ", " +
+                           FixedText(evidence.Separation * degreesPerRadian, 1) + DegreeSign +
+                           " from the centre given";
+        if (otherSize) {
+            text += ", and " + FixedText(evidence.SizeRatio, 2) + " times the size given";
+        }
+        return Found(FailureKind::WrongCentre, text,
+                     std::string("give that centre (") + words_.Ra + ")" +
+                         (otherSize ? std::string(" and size (") + words_.FieldSize + ")" : "") +
+                         ", or none");
+    }
+
+    bool CatalogIsShallow() {
+        const std::string shallow = ShallowCatalogText(state_);
+        constexpr std::int32_t fewestUseful = 10;
+        if (shallow.empty() || cause_.Evidence.CatalogStars >= fewestUseful) return false;
+        return Found(FailureKind::CatalogTooShallow,
+                     shallow + ": it has " + Count(cause_.Evidence.CatalogStars, "star", "stars") +
+                         " in the first region",
+                     "build a deeper catalog: \"vestrel-catalog sources\" says from what");
+    }
+
+    bool StartIsDoubtful() {
+        if (request_.Around.empty() || request_.Everywhere) return false;
+        return Found(FailureKind::Start,
+                     Count(Health().Patches, "star stands", "stars stand") +
+                         " out of the sky, sharp and round, and the catalog has " +
+                         std::to_string(cause_.Evidence.CatalogStars) +
+                         " in the first region: the centre or the size given is likely wrong",
+                     "search the whole sky (--blind)");
+    }
+
+    ProgramState& state_;
+    Port& port_;
+    const SearchRequest& request_;
+    const InputWords& words_;
+    FailureCause cause_;
+};
+
+}  // namespace
+
+const char* NameOf(FailureKind kind) {
+    switch (kind) {
+        case FailureKind::NoCatalog:
+            return "no_catalog";
+        case FailureKind::NotSky:
+            return "not_sky";
+        case FailureKind::UnderExposed:
+            return "under_exposed";
+        case FailureKind::BrightSky:
+            return "bright_sky";
+        case FailureKind::FewStars:
+            return "few_stars";
+        case FailureKind::Trailed:
+            return "trailed";
+        case FailureKind::OutOfFocus:
+            return "out_of_focus";
+        case FailureKind::CatalogTooShallow:
+            return "catalog_too_shallow";
+        case FailureKind::WrongCentre:
+            return "wrong_centre";
+        case FailureKind::WrongSize:
+            return "wrong_size";
+        case FailureKind::Start:
+            return "wrong_start";
+        case FailureKind::Unknown:
+            break;
+    }
+    return "unknown";
+}
+
+double InquirySeconds(const SearchRequest& request) {
+    constexpr double part = 0.1;
+    constexpr double most = 2;
+    if (request.Around.empty() || request.Everywhere) return 0;
+    return std::min(part * request.TimeLimit, most);
+}
+
+std::optional<FailureCause> CauseOfFailure(ProgramState& state, Port& port, SolveCode code,
+                                           const SearchRequest& request, const InputWords& words) {
+    if ((code != SolveCode::NoMatch && code != SolveCode::TooFewStars) || !state.ImageLoaded) {
+        return std::nullopt;
+    }
+    try {
+        return Inquiry(state, port, request, words).Find();
+    } catch (const std::bad_alloc&) {
+        return std::nullopt;  // the picture is there twice for a moment
+    }
+}
+
+}  // namespace vestrel
