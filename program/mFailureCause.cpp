@@ -40,7 +40,8 @@ class HiddenPort : public Port {
 };
 
 /// Looks for the picture over the whole sky, and leaves all else in the state as it was.
-std::optional<PlateSolution> LookElsewhere(ProgramState& state, Port& port, double seconds) {
+std::optional<PlateSolution> LookElsewhere(ProgramState& state, Port& port,
+                                           const SearchRequest& given, double seconds) {
     const SolveReport report = state.Report;
     const SolveDisplay display = state.Display;
     const ExtractionFacts extraction = state.Extraction;
@@ -50,6 +51,7 @@ std::optional<PlateSolution> LookElsewhere(ProgramState& state, Port& port, doub
     HiddenPort hidden(port);
     SearchRequest request;
     request.Everywhere = true;
+    request.Diagonals = given.Diagonals;
     request.TimeLimit = seconds;
     PlanReport plan;
     SolveByPlan(state, hidden, request, plan);
@@ -220,7 +222,7 @@ class Inquiry {
         constexpr std::int32_t enough = 12;
         const double seconds = InquirySeconds(request_);
         if (seconds <= 0 || evidence.StarsExtracted < enough) return false;
-        evidence.Elsewhere = LookElsewhere(state_, port_, seconds);
+        evidence.Elsewhere = LookElsewhere(state_, port_, request_, seconds);
         if (!evidence.Elsewhere) return false;
         const SearchHint& given = request_.Around.front();
         const PlateSolution& found = *evidence.Elsewhere;
