@@ -75,6 +75,8 @@ class Inquiry {
 
     FailureCause Find() {
         GatherEvidence();
+        // Such a picture cannot be judged; the advice for it is well known.
+        if (HasNextToNoCounts(state_.Image)) return std::move(cause_);
         // The surest comes first. A picture that is good speaks for what was given with it.
         if (!HasNoCatalog() && !IsNoSky() && !IsTrailed() && !IsOutOfFocus() && !HasFewStars() &&
             !IsElsewhere() && !CatalogIsShallow() && !StartIsDoubtful()) {

@@ -80,7 +80,15 @@ void AddQuads(Table& table, const ProgramState& state) {
     }
 }
 
-/// Whether an image of fractions lost them all when they became whole counts.
+/// So many magnitudes less than what the field is compared down to are worth a word.
+constexpr double shallow = 0.5;
+
+std::string TryLine(const std::string& advice) {
+    return "  Try: " + advice + "\n";
+}
+
+}  // namespace
+
 bool HasNextToNoCounts(const PlateImage& image) {
     if (image.Header.BitPix >= 0 || image.Width == 0 || image.Height == 0) return false;
     std::int32_t least = image.Pixels(0, 0);
@@ -93,15 +101,6 @@ bool HasNextToNoCounts(const PlateImage& image) {
     }
     return std::int64_t{most} - least <= 1;
 }
-
-/// So many magnitudes less than what the field is compared down to are worth a word.
-constexpr double shallow = 0.5;
-
-std::string TryLine(const std::string& advice) {
-    return "  Try: " + advice + "\n";
-}
-
-}  // namespace
 
 ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& image) {
     const bool firstRowAtTop = FirstRowAtTop(image);

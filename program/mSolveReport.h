@@ -69,6 +69,9 @@ struct CauseAndCure {
 std::string FailureText(const ProgramState& state, SolveCode code,
                         const InputWords& words = ConsoleWords, const CauseAndCure& likeliest = {});
 
+/// Whether an image of fractions lost them all when they became whole counts.
+bool HasNextToNoCounts(const PlateImage& image);
+
 /// That the catalog ends before the magnitude that this field is compared down to; empty when it
 /// does not, or no region was searched.
 std::string ShallowCatalogText(const ProgramState& state);
