@@ -298,33 +298,64 @@ def row_of(name, kind, width, height, ra, dec, scale, rng):
                               round(h * error, 3))))
 
 
+def real_picture(path):
+    """A real picture as grey values, 0 to 255. Counts are stretched; which way up does not matter
+    to what is done with them."""
+    if path.suffix == ".jpg":
+        return Image.open(path).convert("L")
+    counts = np.asarray(fits.getdata(path), dtype=float)
+    return Image.fromarray(np.uint8(stretched(Sky(counts, 0, 0, 1, 0, False))))
+
+
+def middle(picture, width, height):
+    """Crops about the centre: by an even number, so that it stays."""
+    dx, dy = (picture.width - int(width)) // 2, (picture.height - int(height)) // 2
+    return picture.crop((dx, dy, picture.width - dx, picture.height - dy))
+
+
+def masked(picture, rng):
+    """Trees and hills before the lower third."""
+    values = np.asarray(picture, float)
+    height, width = values.shape
+    ridge = height * (0.72 + 0.16 * (cloud((8, width), rng, 1.2)[0] - 0.5))
+    ground = np.arange(height)[:, None] > ridge[None, :]
+    leaves = np.random.default_rng(rng.randrange(10**9)).random(values.shape) ** 4 * 90
+    return Image.fromarray(np.uint8(np.where(ground, 12 + leaves, values)))
+
+
+def reduced(picture, part):
+    return picture.resize((int(picture.width * part), int(picture.height * part)), Image.LANCZOS)
+
+
+# What is done to a real picture; its centre stays where it is.
+CHANGES = {
+    "crop": lambda p, rng: middle(p, 0.6 * p.width, 0.6 * p.height),
+    "turn": lambda p, rng: middle(p.rotate(rng.uniform(10, 350), Image.BICUBIC),
+                                  0.7 * min(p.size), 0.7 * min(p.size)),
+    "blur": lambda p, rng: p.filter(ImageFilter.GaussianBlur(1.5)),
+    "half": lambda p, rng: reduced(p, 0.5),
+    "jpeg30": lambda p, rng: p,
+    "ground": masked,
+    "mirror": lambda p, rng: reduced(p.transpose(Image.FLIP_LEFT_RIGHT), rng.uniform(0.55, 0.8)),
+}
+
+
 def real_variants(folder, out, rng):
-    """Resized, turned and blurred copies of real pictures; JPEGs only, whose rows lie as displayed."""
+    """Changed copies of real pictures."""
     with open(folder / "truth.tsv", encoding="utf-8") as file:
         rows = [row for row in csv.DictReader(file, delimiter="\t") if row["expect"] == "solved"]
     for row in rows:
-        if not row["file"].endswith(".jpg"):
-            continue
-        picture = Image.open(folder / row["file"]).convert("L")
-        for number in range(3):
-            changed, scale = picture, float(row["scale_arcsec_px"])
-            if number == 0:
-                changed = picture.rotate(90 * rng.randrange(4), expand=True)
-                changed = changed.filter(ImageFilter.GaussianBlur(1.2))
-            elif number == 1:
-                factor = rng.uniform(0.5, 0.7)
-                changed = picture.resize((int(picture.width * factor), int(picture.height * factor)),
-                                         Image.LANCZOS)
+        picture = real_picture(folder / row["file"])
+        for change, work in CHANGES.items():
+            changed = work(picture, rng)
+            scale = float(row["scale_arcsec_px"])
+            if change in ("half", "mirror"):
                 scale *= picture.width / changed.width
-            else:  # about the same centre
-                part = rng.uniform(0.6, 0.75)
-                dx, dy = int(picture.width * (1 - part) / 2), int(picture.height * (1 - part) / 2)
-                changed = picture.crop((dx, dy, picture.width - dx, picture.height - dy))
-                changed = changed.transpose(Image.FLIP_LEFT_RIGHT)
-            name = f"real_{pathlib.Path(row['file']).stem}_{number}.jpg"
-            changed.save(out / name, quality=rng.choice((60, 85)))
-            yield row_of(name, "real", changed.width, changed.height, float(row["ra_deg"]),
-                         float(row["dec_deg"]), scale, rng)
+            name = f"real_{pathlib.Path(row['file']).stem}_{change}.jpg"
+            quality = 30 if change == "jpeg30" else rng.choice((60, 85))
+            changed.save(out / name, quality=quality)
+            yield row_of(name, f"real {change}", changed.width, changed.height,
+                         float(row["ra_deg"]), float(row["dec_deg"]), scale, rng)
 
 
 def main():

@@ -6,7 +6,8 @@
 
 hinted: the hint's centre and size; sized: its size only; nothing: neither; away: a centre 40
 degrees off, where nothing may be solved. A solution is right when its centre lies within 3 pixels
-or a hundredth of the picture's width of the truth.
+or a hundredth of the picture's width of the truth. --diagonals leaves out what the quad tables do
+not cover.
 """
 import argparse
 import csv
@@ -15,6 +16,7 @@ import math
 import pathlib
 import statistics
 import subprocess
+import sys
 import time
 from collections import Counter, defaultdict
 
@@ -24,6 +26,12 @@ def separation(ra1, dec1, ra2, dec2):
     h = (math.sin((d2 - d1) / 2) ** 2
          + math.cos(d1) * math.cos(d2) * math.sin((a2 - a1) / 2) ** 2)
     return math.degrees(2 * math.asin(math.sqrt(min(1, h))))
+
+
+def inside(row, diagonals):
+    pixels = math.hypot(int(row["width_px"]), int(row["height_px"]))
+    diagonal = pixels * float(row["scale_arcsec_px"]) / 3600
+    return not diagonals or diagonals[0] <= diagonal <= diagonals[1]
 
 
 def solve(options, row):
@@ -57,11 +65,14 @@ def main():
                         choices=("hinted", "sized", "nothing", "away"))
     parser.add_argument("--blind-flag", action="store_true", help="say --blind as well")
     parser.add_argument("--only", default="", help="part of the file names")
+    parser.add_argument("--diagonals", nargs=2, type=float, metavar=("FROM", "TO"), help="degrees")
     parser.add_argument("--json", type=pathlib.Path)
-    parser.add_argument("more", nargs="*")
-    options = parser.parse_args()
+    before = sys.argv.index("--") if "--" in sys.argv else len(sys.argv)
+    options = parser.parse_args(sys.argv[1:before])
+    options.more = sys.argv[before + 1:]
     with open(options.folder / "truth.tsv", encoding="utf-8") as file:
-        rows = [row for row in csv.DictReader(file, delimiter="\t") if options.only in row["file"]]
+        rows = [row for row in csv.DictReader(file, delimiter="\t")
+                if options.only in row["file"] and inside(row, options.diagonals)]
     kinds, by_attempt = defaultdict(Counter), Counter()
     errors, times, facts = [], [], []
     for row in rows:

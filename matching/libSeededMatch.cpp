@@ -37,7 +37,18 @@ PlateConstants SimilarPlate(const PlateStar& c1, const PlateStar& c2, const Plat
     return plate;
 }
 
-/// The least-squares fit of such a plate to the pairs; mirrored like the plate before.
+double Residual(const PlateStarList& catalog, const PlateStarList& image, const StarMatch& pair,
+                const PlateConstants& plate) {
+    const PlateStar& c = catalog[pair.Star1];
+    const PlateStar& p = image[pair.Star2];
+    double x = 0;
+    double y = 0;
+    ApplyPlateFit(plate, XOf(c), YOf(c), x, y);
+    return std::hypot(XOf(p) - x, YOf(p) - y);
+}
+
+}  // namespace
+
 void FitSimilarPlate(const PlateStarList& catalog, const PlateStarList& image,
                      const StarMatchList& pairs, PlateConstants& plate) {
     const double sign = plate.a * plate.e - plate.b * plate.d < 0 ? -1 : 1;
@@ -78,18 +89,6 @@ void FitSimilarPlate(const PlateStarList& catalog, const PlateStarList& image,
     im /= square;
     plate = {re, -sign * im, wx - re * zx + im * zy, im, sign * re, wy - im * zx - re * zy};
 }
-
-double Residual(const PlateStarList& catalog, const PlateStarList& image, const StarMatch& pair,
-                const PlateConstants& plate) {
-    const PlateStar& c = catalog[pair.Star1];
-    const PlateStar& p = image[pair.Star2];
-    double x = 0;
-    double y = 0;
-    ApplyPlateFit(plate, XOf(c), YOf(c), x, y);
-    return std::hypot(XOf(p) - x, YOf(p) - y);
-}
-
-}  // namespace
 
 ImageStars::ImageStars(const PlateStarList& stars, std::int32_t width, std::int32_t height)
     : stars_(stars), width_(width), height_(height) {

@@ -56,6 +56,12 @@ struct MatchedPlate {
     bool Similar = false;  ///< too few pairs for more than a turn, a scale and a shift
 };
 
+/// The least-squares plate of a turn, a scale and a shift through the pairs.
+/// @param plate says whether it is to be mirrored; the fit takes its place, unless all stars of the
+///              catalog lie at one place
+void FitSimilarPlate(const PlateStarList& catalog, const PlateStarList& image,
+                     const StarMatchList& pairs, PlateConstants& plate);
+
 /// Pairs every catalog star with the image star where the plate puts it, fits, and does so again
 /// with a closer tolerance until nothing changes.
 /// @param tolerance of the first round, pixels

@@ -313,15 +313,34 @@ bool IsSure(const QuadSearch& search) {
 
 namespace {
 
-/// The band that a field of this diagonal (radians) belongs to; nothing, and the reason in
-/// `tables.Fault`, when the file has none.
-std::optional<QuadBand> BandFor(std::FILE* file, double diagonal, LoadedQuadTables& tables) {
+/// Opens the file of the tables; null, and the reason in `Quads.Fault`, when there is none.
+FileHandle OpenTables(ProgramState& state) {
+    LoadedQuadTables& tables = state.Quads;
+    tables = {};
+    tables.File = QuadFilePath(state);
+    FileHandle file = OpenQuadFile(tables.File);
+    if (!file) {
+        tables.Fault = "there are no quad tables (" + TextFromPath(tables.File) +
+                       "): vestrel-catalog quads makes them";
+    }
+    return file;
+}
+
+std::vector<QuadBand> ReadBands(std::FILE* file, LoadedQuadTables& tables) {
     std::vector<QuadBand> bands;
     std::string fault;
     if (!ReadQuadBands(file, bands, fault)) {
         tables.Fault = TextFromPath(tables.File) + " " + fault;
-        return std::nullopt;
+        bands.clear();
     }
+    return bands;
+}
+
+/// The band that a field of this diagonal (radians) belongs to; nothing, and the reason in
+/// `tables.Fault`, when the file has none.
+std::optional<QuadBand> BandFor(std::FILE* file, double diagonal, LoadedQuadTables& tables) {
+    const std::vector<QuadBand> bands = ReadBands(file, tables);
+    if (!tables.Fault.empty()) return std::nullopt;
     const auto band = std::find_if(bands.begin(), bands.end(), [diagonal](const QuadBand& b) {
         return diagonal >= b.SmallestDiagonal && diagonal < b.LargestDiagonal;
     });
@@ -336,28 +355,34 @@ std::optional<QuadBand> BandFor(std::FILE* file, double diagonal, LoadedQuadTabl
     return std::nullopt;
 }
 
-}  // namespace
-
-bool LoadQuadTables(ProgramState& state, double width, double height) {
-    LoadedQuadTables& tables = state.Quads;
-    tables = {};
-    tables.File = QuadFilePath(state);
-    FileHandle file = OpenQuadFile(tables.File);
-    if (!file) {
-        tables.Fault = "there are no quad tables (" + TextFromPath(tables.File) +
-                       "): vestrel-catalog quads makes them";
-        return false;
-    }
-    const auto band = BandFor(file.get(), std::sqrt(width * width + height * height), tables);
-    if (!band) return false;
+bool OpenBand(LoadedQuadTables& tables, FileHandle file, const QuadBand& band) {
     try {
-        tables.Tables = QuadTables(std::move(file), *band);
+        tables.Tables = QuadTables(std::move(file), band);
     } catch (const DamagedFile& damage) {
         tables.Fault = TextFromPath(tables.File) + " " + damage.what();
     } catch (const std::bad_alloc&) {
         tables.Fault = "there is not enough memory for the quad tables";
     }
     return tables.Fault.empty();
+}
+
+}  // namespace
+
+std::vector<QuadBand> QuadBandsOf(ProgramState& state) {
+    const FileHandle file = OpenTables(state);
+    return file ? ReadBands(file.get(), state.Quads) : std::vector<QuadBand>{};
+}
+
+bool OpenQuadBand(ProgramState& state, const QuadBand& band) {
+    FileHandle file = OpenTables(state);
+    return file && OpenBand(state.Quads, std::move(file), band);
+}
+
+bool LoadQuadTables(ProgramState& state, double width, double height) {
+    FileHandle file = OpenTables(state);
+    if (!file) return false;
+    const auto band = BandFor(file.get(), std::sqrt(width * width + height * height), state.Quads);
+    return band && OpenBand(state.Quads, std::move(file), *band);
 }
 
 bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStars, double width,

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <vector>
 
 #include "program/mGeneral.h"
 
@@ -18,6 +19,13 @@ bool HaveQuadTables(const ProgramState& state);
 /// a search comes to it, which then ends without a match and leaves `Quads.Fault`.
 /// @return false, `Quads.Fault` with the reason and the tables empty, when there are none
 bool LoadQuadTables(ProgramState& state, double width, double height);
+
+/// The bands of the catalog's quad tables, the smallest fields first; none, and `Quads.Fault` with
+/// the reason, when there are no tables.
+std::vector<QuadBand> QuadBandsOf(ProgramState& state);
+
+/// Opens the table of a band. @return as of `LoadQuadTables`
+bool OpenQuadBand(ProgramState& state, const QuadBand& band);
 
 /// Matches the loaded image with the open quad tables and shows the outcome.
 ///

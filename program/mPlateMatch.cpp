@@ -196,7 +196,7 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
                 return SolveCode::Solved;
             }
         }
-        if (state.StopRequested) {
+        if (state.StopRequested || (search.MustEnd && search.MustEnd())) {
             state.Image.Header.PlateMatched = false;
             ShowStatus(state, port, "Search Terminated", StatusColour::Red);
             return SolveCode::Stopped;

@@ -18,6 +18,8 @@ struct PlateSearch {
     double MatchTolerance = 0;     ///< largest fit error, pixels
     /// Asked about every solution: false lets the search go on.
     std::function<bool(const PlateSolution&)> Accept = {};
+    /// Asked between two regions: true stops the search.
+    std::function<bool()> MustEnd = {};
 };
 
 /// Solves the loaded image; the outcome is the state's `Solution`.

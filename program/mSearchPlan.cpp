@@ -10,11 +10,11 @@
 
 #include "astro/libMath.h"
 #include "catalog/libCatalogRegion.h"
-#include "extraction/libRobustStars.h"
 #include "matching/libCameraPlane.h"
+#include "matching/libQuadLookup.h"
 #include "matching/libSeededMatch.h"
-#include "program/mBlindSolve.h"
 #include "program/mMORA.h"
+#include "program/mPlanStars.h"
 #include "program/mPlateMatch.h"
 #include "program/mStarExtraction.h"
 #include "program/mStopwatch.h"
@@ -22,15 +22,6 @@
 namespace vestrel {
 
 namespace {
-
-/// The lists of stars that attempts take.
-enum class StarSource {
-    Extracted,   ///< as the plain solve has them
-    Peaks,       ///< peaks above the noise around them
-    EvenPeaks,   ///< these, ranked within each part of the frame
-    CoarsePeaks  ///< peaks of the image binned three times more
-};
-constexpr std::size_t starSources = 4;
 
 enum class Method {
     ShortSide,  ///< the plain search with the catalog stars of a circle within the frame
@@ -52,8 +43,21 @@ constexpr std::array hintAttempts{
     HintAttempt{"seeds of other sizes", Method::Seeds, StarSource::Peaks, 0.35},
 };
 
-/// The diagonals of fields to look for, degrees, likeliest first.
-constexpr std::array likelyDiagonals{1.5, 2.1, 3.0, 4.2, 5.9, 8.4, 1.06, 11.5, 15.0};
+/// One attempt without a hint: quads of all bands are looked up.
+struct QuadAttempt {
+    const char* Name;
+    StarSource From;
+    std::int32_t FirstStars;  ///< that lead quads in narrow fields; thrice as many in wide ones
+    std::int32_t LookedUp;    ///< led the quads of an attempt before
+};
+constexpr std::array quadAttempts{
+    QuadAttempt{"quads of peaks", StarSource::Peaks, 10, 0},
+    QuadAttempt{"quads", StarSource::Extracted, 10, 0},
+    QuadAttempt{"quads of even peaks", StarSource::EvenPeaks, 10, 0},
+    QuadAttempt{"more quads of peaks", StarSource::Peaks, 20, 10},
+    QuadAttempt{"more quads", StarSource::Extracted, 20, 10},
+    QuadAttempt{"more quads of even peaks", StarSource::EvenPeaks, 20, 10},
+};
 
 /// The tolerance of a plate that few stars gave, pixels: lenses bend it.
 double RoughTolerance(const PlateImage& image) {
@@ -68,7 +72,8 @@ class Plan {
           port_(port),
           request_(request),
           report_(report),
-          start_(std::chrono::steady_clock::now()) {}
+          start_(std::chrono::steady_clock::now()),
+          lists_(state, request.Stars) {}
 
     SolveCode Run() {
         BeginSolve(state_);
@@ -80,16 +85,22 @@ class Plan {
     double Seconds() const {
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
     }
+    /// Cheap enough to be asked for every quad.
     bool MustEnd() {
-        port_.Yield();
-        return state_.StopRequested || Seconds() > request_.TimeLimit;
+        constexpr double between = 0.01;  // looks at what the user does, seconds
+        const double now = Seconds();
+        if (now > lastYield_ + between) {
+            lastYield_ = now;
+            port_.Yield();
+        }
+        return state_.StopRequested || now > request_.TimeLimit;
     }
 
     SolveCode RunAttempts() {
         enoughStars_ = request_.Stars ? TakeGivenStars() : FindPlateStars(state_, port_);
-        if (enoughStars_) lists_[Place(StarSource::Extracted)] = state_.PlateStars;
+        if (enoughStars_) lists_.SetExtracted(state_.PlateStars);
         if (SureSomewhere()) return SolveCode::Solved;
-        if (enoughStars_) state_.PlateStars = ListOf(StarSource::Extracted);
+        if (enoughStars_) state_.PlateStars = lists_.Of(StarSource::Extracted);
         state_.Display.Status1 = {"", StatusColour::Black, false};
         if (state_.StopRequested) {
             ShowStatus(state_, port_, "Search Terminated", StatusColour::Red);
@@ -147,9 +158,10 @@ class Plan {
 
     bool PlainSearch(const SearchHint& hint) {
         if (!enoughStars_) return false;
-        state_.PlateStars = ListOf(StarSource::Extracted);
+        state_.PlateStars = lists_.Of(StarSource::Extracted);
         PlateSearch search{hint.Centre, hint.Width, hint.Height, hint.Regions,
                            state_.Parameters.MaxError};
+        search.MustEnd = [this] { return MustEnd(); };
         search.Accept = [this](const PlateSolution& solution) {
             if (IsSure(solution.Confidence)) return true;
             KeepCandidate(solution);
@@ -178,28 +190,6 @@ class Plan {
         return sure;
     }
 
-    static std::size_t Place(StarSource from) { return static_cast<std::size_t>(from); }
-
-    const PlateStarList& ListOf(StarSource from) {
-        std::optional<PlateStarList>& list = lists_[Place(from)];
-        if (list) return *list;
-        if (from == StarSource::Extracted) {
-            list.emplace();
-        } else if (request_.Stars && from != StarSource::EvenPeaks) {
-            list = request_.Stars;
-        } else if (from == StarSource::EvenPeaks) {
-            list = SpreadEvenly(ListOf(StarSource::Peaks), state_.Image.Width, state_.Image.Height);
-        } else {
-            const StageTimer timer(state_.Report.Times.Extraction);
-            PeakSettings settings;
-            constexpr std::int32_t coarser = 3;
-            settings.Binning =
-                BinningFor(state_.Image) * (from == StarSource::CoarsePeaks ? coarser : 1);
-            list = StarListOf(StarsAmong(FindPeaks(state_.Image, settings), state_.Image));
-        }
-        return *list;
-    }
-
     /// All catalog stars about a centre that an image of this size may show, brightest first, on
     /// the solve's own plane.
     PlateStarList CatalogAbout(SkyPosition centre, double radius) {
@@ -217,7 +207,7 @@ class Plan {
     }
 
     bool SeededSearch(const HintAttempt& attempt, const SearchHint& hint) {
-        const PlateStarList& stars = ListOf(attempt.From);
+        const PlateStarList& stars = lists_.Of(attempt.From);
         constexpr std::int32_t fewest = 4;
         if (stars.Count() < fewest) return false;
         const PlateImage& image = state_.Image;
@@ -303,64 +293,100 @@ class Plan {
     }
 
     bool SearchEverywhere() {
-        constexpr double degree = Pi / 180;
         state_.Report.Blind = true;
-        // A given size is a hint: what lies beside it follows, and then all sizes.
-        std::vector<double> diagonals;
-        for (const double factor : {1.0, 0.82, 1.2}) {
-            for (const double diagonal : request_.Diagonals) diagonals.push_back(factor * diagonal);
-        }
-        for (const double degrees : likelyDiagonals) diagonals.push_back(degrees * degree);
-        return std::any_of(
-                   diagonals.begin(), diagonals.end(),
-                   [&](double diagonal) { return !MustEnd() && ThinnedAttempt(diagonal); }) ||
-               std::any_of(diagonals.begin(), diagonals.end(), [&](double diagonal) {
-                   const PlateStarList& peaks = ListOf(StarSource::Peaks);
-                   return !MustEnd() && Try("quads of peaks",
-                                            [&] { return QuadAttempt(peaks, peaks, diagonal); });
-               });
+        state_.QuadMatch = {};
+        const std::vector<QuadBand> bands = LikelyBands();
+        const bool sure =
+            std::any_of(quadAttempts.begin(), quadAttempts.end(), [&](const auto& attempt) {
+                return !bands.empty() && !MustEnd() &&
+                       Try(attempt.Name, [&] { return LookUpQuads(attempt, bands); });
+            });
+        if (!sure && !quadFault_.empty()) state_.Quads.Fault = quadFault_;
+        return sure;
     }
 
-    /// Quads of the list, then without one or another of the brightest stars, which cameras lose.
-    bool ThinnedAttempt(double diagonal) {
-        const PlateStarList& all = ListOf(StarSource::Extracted);
-        return Try("quads", [&] {
-            for (const PlateStarList& stars : ThinnedLists(all)) {
-                if (MustEnd()) return false;
-                if (QuadAttempt(stars, all, diagonal)) return true;
+    /// All bands: those of the sizes given first, then the wide ones, whose tables are small.
+    std::vector<QuadBand> LikelyBands() {
+        std::vector<QuadBand> bands = QuadBandsOf(state_);
+        std::reverse(bands.begin(), bands.end());
+        std::stable_partition(bands.begin(), bands.end(), [&](const QuadBand& band) {
+            constexpr double error = 1.3;  // of a size that is given
+            return std::any_of(request_.Diagonals.begin(), request_.Diagonals.end(), [&](double d) {
+                return d * error > band.SmallestDiagonal && d / error < band.LargestDiagonal;
+            });
+        });
+        return bands;
+    }
+
+    bool LookUpQuads(const QuadAttempt& attempt, const std::vector<QuadBand>& bands) {
+        constexpr std::int32_t fewest = 5;
+        const PlateStarList& stars = lists_.Of(attempt.From);
+        const bool twice = request_.Stars && attempt.From == StarSource::Extracted;
+        if (stars.Count() < fewest || twice) return false;
+        const ImageStars places(stars, state_.Image.Width, state_.Image.Height);
+        return std::any_of(bands.begin(), bands.end(), [&](const QuadBand& band) {
+            if (MustEnd()) return false;
+            if (!OpenQuadBand(state_, band)) {
+                quadFault_ = state_.Quads.Fault;
+                return false;
             }
-            return false;
+            QuadLookupSettings settings;
+            settings.SmallestDiagonal = band.SmallestDiagonal;
+            settings.LargestDiagonal = band.LargestDiagonal;
+            const int more = IsNarrowBand(band) ? 1 : 3;
+            settings.FirstStars = more * attempt.FirstStars;
+            settings.LookedUp = more * attempt.LookedUp;
+            return LookUpBand(places, settings);
         });
     }
 
-    /// @param from where the quads come from
-    /// @param all  what confirms them
-    bool QuadAttempt(const PlateStarList& from, const PlateStarList& all, double diagonal) {
-        const PlateImage& image = state_.Image;
-        const double pixels = std::hypot(image.Width, image.Height);
-        const double width = diagonal * image.Width / pixels;
-        const double height = diagonal * image.Height / pixels;
-        constexpr std::int32_t fewest = 5;
-        constexpr std::int32_t most = 100;
-        if (!LoadQuadTables(state_, width, height) || all.Count() < fewest) return false;
-        PlateStarList stars = from;
-        stars.Resize(std::min(stars.Count(), most));
-        const ImageStars places(all, image.Width, image.Height);
-        const QuadJudge judge = [&](const QuadSearch& found) {
-            const double ratio = pixels / found.Geometry.Scale / ArcsecondsPerRadian / diagonal;
-            if (!(ratio > 0.5 && ratio < 2)) return false;
-            const auto middle = PlateAboutMiddle(
-                found.Transform, found.Tangent, PlaneKind::Orthographic, image.Width, image.Height);
-            if (!middle) return false;
-            const PlateStarList catalog =
-                OnCameraPlane(CatalogAbout(middle->Centre, ratio * diagonal / 2), middle->Centre);
-            MatchedPlate match;
-            match.Plate = middle->Plate;
-            return RefinePlate(catalog, places, RoughTolerance(image), match) &&
-                   TakePlate(match, middle->Centre, catalog, places, 1,
-                             searches_ + found.FourStarFits);
+    bool LookUpBand(const ImageStars& places, const QuadLookupSettings& settings) {
+        QuadSearch& search = state_.QuadMatch;
+        const StageTimer timer(search.Seconds);
+        QuadLookup lookup(state_.Quads.Tables, places, settings);
+        const QuadSearch before = search;
+        const auto count = [&] {
+            search.Searched = before.Searched + lookup.Searched();
+            search.Candidates = before.Candidates + lookup.Candidates();
+            search.FourStarFits = before.FourStarFits + lookup.Fitted();
         };
-        return SearchQuads(state_, port_, stars, width, height, state_.Parameters.MaxError, judge);
+        const auto accept = [&](const CentredPlate& plate) {
+            count();
+            return TakeQuadPlate(plate, places);
+        };
+        bool found = false;
+        try {
+            found = lookup.Search(accept, [this] { return MustEnd(); });
+        } catch (const DamagedFile& damage) {
+            quadFault_ = TextFromPath(state_.Quads.File) + " " + damage.what();
+        }
+        count();
+        return found;
+    }
+
+    /// Refines a plate of four stars with all others, and takes it when it is sure.
+    bool TakeQuadPlate(const CentredPlate& plate, const ImageStars& places) {
+        const double radius = std::hypot(places.Width(), places.Height()) / 2 /
+                              PlateGeometry(plate.Plate).Scale / SolveArcsecondsPerRadian;
+        const PlateStarList catalog =
+            OnCameraPlane(CatalogAbout(plate.Centre, radius), plate.Centre);
+        MatchedPlate match;
+        match.Plate = plate.Plate;
+        QuadSearch& search = state_.QuadMatch;
+        if (!RefinePlate(catalog, places, RoughTolerance(state_.Image), match) ||
+            !TakePlate(match, plate.Centre, catalog, places, 1, searches_ + search.FourStarFits)) {
+            return false;
+        }
+        search.Code = SolveCode::Solved;
+        search.Reference = catalog;
+        search.Pairs = match.Pairs;
+        search.Transform = match.Plate;
+        search.Geometry = PlateGeometry(match.Plate);
+        search.FitError = match.Rms;
+        search.Tangent = plate.Centre;
+        search.Centre = state_.Solution->Centre();
+        search.Confidence = state_.Solution->Confidence;
+        return true;
     }
 
     ProgramState& state_;
@@ -368,9 +394,11 @@ class Plan {
     const SearchRequest& request_;
     PlanReport& report_;
     std::chrono::steady_clock::time_point start_;
+    double lastYield_ = 0;
     bool enoughStars_ = false;
+    std::string quadFault_;
     double searches_ = 0;  ///< regions and lists that were tried
-    std::array<std::optional<PlateStarList>, starSources> lists_;
+    PlanStars lists_;
 };
 
 }  // namespace

@@ -28,7 +28,7 @@ struct SearchRequest {
     std::vector<SearchHint> Around;  ///< likeliest first; may be empty
     bool Everywhere = false;         ///< looks at the whole sky when the hints give nothing
     std::vector<double> Diagonals;   ///< likely diagonals of the field, radians; may be empty
-    double TimeLimit = 20;           ///< seconds; the first attempt is not cut short
+    double TimeLimit = 20;           ///< seconds; all but reading and extracting keep to it
     /// The stars of the image, brightest first, in place of those that its pixels show.
     std::optional<PlateStarList> Stars;
     /// Told the name of every attempt before it begins.

@@ -9,10 +9,12 @@
 #include <complex>
 #include <cstring>
 #include <numbers>
+#include <set>
 
 #include "astro/libMath.h"
 #include "catalogtool/libQuadBuilder.h"
 #include "matching/libQuadFile.h"
+#include "matching/libQuadLookup.h"
 #include "program/mBlindSolve.h"
 #include "program/mMORA.h"
 #include "tests/testSupport.h"
@@ -302,6 +304,85 @@ TEST_F(QuadSkyTest, FalseBrightStarsAreLeftOutUntilTheMatchIsSure) {
     ASSERT_TRUE(FindCentreByQuads(State, Port, fieldWidth, fieldHeight, 2));
     EXPECT_LT(CentreError(), 1);
     EXPECT_LT(State.QuadMatch.Confidence.Log10FalseAlarm, SureLog10FalseAlarm);
+}
+
+/// What a lookup shows until a plate lies within two pixels of a frame's centre.
+struct LookupOutcome {
+    bool Found = false;
+    int Shown = 0;
+    int Searched = 0;
+};
+
+TEST_F(QuadSkyTest, LookupFindsTheFrameAmongFalseAndLostBrightStarsAndNothingInRandomOnes) {
+    QuadLookupSettings settings;
+    settings.SmallestDiagonal = Plans().front().SmallestDiagonal * degree;
+    settings.LargestDiagonal = Plans().front().LargestDiagonal * degree;
+    const auto lookUp = [&](const PlateStarList& stars) {
+        const ImageStars image(stars, frameWidth, frameHeight);
+        QuadLookup lookup(State.Quads.Tables, image, settings);
+        LookupOutcome outcome;
+        const auto accept = [&](const CentredPlate& plate) {
+            ++outcome.Shown;
+            State.QuadMatch.Centre = plate.Centre;
+            outcome.Found = CentreError() < 2;
+            return outcome.Found;
+        };
+        EXPECT_EQ(lookup.Search(accept, [] { return false; }), outcome.Found);
+        outcome.Searched = lookup.Searched();
+        return outcome;
+    };
+    Random random(31);
+    const auto anywhere = [&random] {
+        return At(random.Between(0, frameWidth), random.Between(0, frameHeight));
+    };
+    for (const bool mirrored : {false, true}) {
+        for (const double up : {0.5, 2.5, 4.5}) {
+            TakeFrame(Frame(up, mirrored));
+            // Half of the first twelve are false, and every fifth true one is lost.
+            PlateStarList stars;
+            int number = 0;
+            for (const PlateStar& star : State.PlateStars) {
+                if (++number <= 6) stars.Add(anywhere());
+                if (number % 5 != 0) stars.Add(star);
+            }
+            EXPECT_TRUE(lookUp(stars).Found) << up << mirrored;
+        }
+    }
+    LookupOutcome all;
+    for (int trial = 0; trial < 12; ++trial) {
+        PlateStarList stars;
+        for (int i = 0; i < 60; ++i) stars.Add(anywhere());
+        const LookupOutcome outcome = lookUp(stars);
+        all.Shown += outcome.Shown;
+        all.Searched += outcome.Searched;
+    }
+    EXPECT_LE(all.Shown, 12);
+    EXPECT_GT(all.Searched, 3000);
+}
+
+TEST_F(QuadSkyTest, LookupOfMoreStarsLeavesOutWhatWasLookedUpBefore) {
+    TakeFrame(Frame());
+    QuadLookupSettings few;
+    few.SmallestDiagonal = 2.5 * degree;
+    few.LargestDiagonal = 3.5 * degree;
+    QuadLookupSettings all = few;
+    QuadLookupSettings rest = few;
+    few.FirstStars = rest.LookedUp = 9;
+    const double diagonal = std::hypot(frameWidth, frameHeight);
+    for (const double size : {1.0, 2.0}) {  // triples, and neighbours
+        for (QuadLookupSettings* settings : {&few, &all, &rest}) {
+            settings->SmallestDiagonal *= size;
+            settings->LargestDiagonal *= size;
+        }
+        const auto set = [&](const QuadLookupSettings& settings) {
+            const auto quads = QuadsOfImage(State.PlateStars, diagonal, settings);
+            return std::set<ImageQuad>(quads.begin(), quads.end());
+        };
+        std::set<ImageQuad> both = set(few);
+        EXPECT_GT(both.size(), 100U);
+        both.merge(set(rest));
+        EXPECT_EQ(both, set(all));
+    }
 }
 
 TEST_F(QuadSkyTest, RandomStarsAreNeverSure) {

@@ -1,0 +1,79 @@
+// Looks all quads of an image up in the table of a band, and keeps the plates that the stars around
+// confirm.
+//
+// Unlike the second matcher, which looks up one quad for each star, this one takes every quad that
+// the table could have of the image's first stars: three of them and one between them in a narrow
+// field, one and three of its neighbours in a wide one. So false and missing stars among the
+// brightest ones spoil some quads only. Shapes are compared as closely as the stars are measured,
+// on the sky of a camera, which makes up for the number of quads.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "astro/libSphericalMath.h"
+#include "matching/libCameraPlane.h"
+#include "matching/libQuadTables.h"
+#include "matching/libSeededMatch.h"
+
+namespace vestrel {
+
+/// Four stars of an image: places in its list, rising.
+using ImageQuad = std::array<std::int32_t, 4>;
+
+/// The quads that are formed, and what is taken for one of them.
+struct QuadLookupSettings {
+    double SmallestDiagonal = 0;   ///< of the field, radians
+    double LargestDiagonal = 0;    ///< radians
+    std::int32_t FirstStars = 16;  ///< of the list: those that lead quads
+    std::int32_t LookedUp = 0;     ///< of the list: quads led by these alone are left out
+    double PlaceError = 0.5;       ///< of a star in the image, each axis, pixels
+};
+
+/// Whether the quads of a band are triples with a star between them, not stars and neighbours.
+bool IsNarrowBand(const QuadBand& band);
+
+/// The quads of an image that a table of such fields may have, brightest first.
+/// @param diagonal of the image, pixels
+std::vector<ImageQuad> QuadsOfImage(const PlateStarList& stars, double diagonal,
+                                    const QuadLookupSettings& settings);
+
+class QuadLookup {
+ public:
+    /// @param image brightest first; must outlive this
+    QuadLookup(QuadTables& tables, const ImageStars& image, const QuadLookupSettings& settings);
+
+    /// Shown a plate on the camera's plane whose tangent point is the middle of the image, and that
+    /// the table's stars confirm; true ends the search.
+    using Accept = std::function<bool(const CentredPlate&)>;
+
+    /// @param stop asked before every quad; true ends the search
+    /// @return whether a plate was accepted. @throws DamagedFile
+    bool Search(const Accept& accept, const std::function<bool()>& stop);
+
+    std::int32_t Searched() const { return searched_; }      ///< quads looked up
+    std::int32_t Candidates() const { return candidates_; }  ///< table quads of the same shape
+    std::int32_t Fitted() const { return fitted_; }          ///< plates that fitted four stars
+
+ private:
+    Quad ShapeOf(const ImageQuad& quad) const;
+    StarDirection DirectionAt(std::int32_t star) const;
+    bool Try(const ImageQuad& quad, const CatalogQuad& candidate, double tolerance,
+             const Accept& accept);
+    bool FitFour(const ImageQuad& quad, const std::array<CatalogStar, 4>& stars,
+                 CentredPlate& plate) const;
+    bool Confirmed(const ImageQuad& quad, const CentredPlate& plate);
+
+    QuadTables& tables_;
+    const ImageStars& image_;
+    QuadLookupSettings settings_;
+    double diagonal_;         ///< of the image, pixels
+    double radiansPerPixel_;  ///< of a field in the middle of the band
+    std::int32_t searched_ = 0;
+    std::int32_t candidates_ = 0;
+    std::int32_t fitted_ = 0;
+};
+
+}  // namespace vestrel
