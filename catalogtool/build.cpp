@@ -1,5 +1,6 @@
 // vestrel-catalog build: makes a catalog from a survey.
 #include <CLI/App.hpp>
+#include <cmath>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -9,11 +10,14 @@
 #include <vector>
 
 #include "astro/libStrings.h"
+#include "astro/libTime.h"
 #include "catalogtool/commands.h"
 #include "catalogtool/libAstap.h"
 #include "catalogtool/libBrightStars.h"
 #include "catalogtool/libCatalogBuilder.h"
 #include "catalogtool/libCatalogFolder.h"
+#include "catalogtool/libFastStars.h"
+#include "catalogtool/libFitsTable.h"
 #include "catalogtool/libIndexFile.h"
 #include "catalogtool/libStarTable.h"
 #include "platform/libFiles.h"
@@ -35,7 +39,8 @@ struct BuildOptions {
     std::optional<double> MagMax;
     std::string RaUnit = "auto";
     std::vector<std::string> Where;
-    StarTableOptions Table;
+    std::optional<double> Epoch;
+    StarTableOptions Table;  ///< its `Epoch` is that of the catalog
 };
 
 /// A source while its stars come in.
@@ -73,6 +78,7 @@ class Build {
             bright.emplace("bright", Options.Bright);
             std::size_t unusable = 0;
             brightStars = ReadBrightStars(PathFromText(Options.Bright), unusable);
+            for (SkyStar& star : brightStars) MoveIfFast(star, *bright);
             bright->Record.Rows = brightStars.size() + unusable;
             bright->Unusable = unusable;
         }
@@ -137,6 +143,14 @@ class Build {
         if (Number < 255) ++Number;
     }
 
+    /// Carries one of the fastest stars, of a source without proper motions, to the epoch.
+    void MoveIfFast(SkyStar& star, OpenSource& source) {
+        const std::optional<SkyStar> moved = FastStarAt(star, Options.Table.Epoch);
+        if (!moved) return;
+        star = *moved;
+        ++source.Record.Moved;
+    }
+
     /// A sink that hands the stars of a source on.
     StarSink Into(OpenSource& source, BrightStarFinder& finder) {
         return [this, &source, &finder](const SkyStar& star) {
@@ -148,8 +162,14 @@ class Build {
     void ReadIndex(const char* kind, const std::string& file, const std::string& magColumn,
                    BrightStarFinder& finder) {
         OpenSource source(kind, file);
+        const StarSink into = Into(source, finder);
+        const auto moveAndHandOn = [&](const SkyStar& star) {
+            SkyStar moved = star;
+            MoveIfFast(moved, source);
+            into(moved);
+        };
         const IndexStars stars =
-            ReadIndexFile(PathFromText(file), magColumn, Into(source, finder), Progress);
+            ReadIndexFile(PathFromText(file), magColumn, moveAndHandOn, Progress);
         source.Record.Rows = stars.Count;
         if (stars.MagColumn.empty()) {
             Remark(source.Record.File +
@@ -187,17 +207,29 @@ class Build {
                 ToolExit::BadInput,
                 file + (folder ? ": is a folder" : ": cannot be opened: " + SystemErrorText()));
         }
-        std::FILE* input = standardInput ? stdin : opened.get();
-        const std::int64_t length = standardInput ? -1 : FileLength(input);
-        const StarTableResult result =
-            ReadStarTable(input, source.Record.File, length > 0 ? length : 0, Options.Table,
-                          Into(source, finder), Progress);
+        std::FILE* stream = standardInput ? stdin : opened.get();
+        const std::int64_t length = standardInput ? -1 : FileLength(stream);
+        UnpackedInput input(stream);
+        StarTableResult result;
+        if (input.StartsWith("SIMPLE  =")) {
+            const bool asItLies = !standardInput && !input.IsPacked();
+            const fs::path fits =
+                asItLies ? PathFromText(file) : Unpacked(input, source.Record.File);
+            result = ReadFitsStarTable(fits, source.Record.File, Options.Table,
+                                       Into(source, finder), Progress);
+            std::error_code ignored;
+            if (!asItLies) fs::remove(fits, ignored);
+            source.Record.Kind = "fits";
+        } else {
+            result = ReadStarTable(input, source.Record.File, length > 0 ? length : 0,
+                                   Options.Table, Into(source, finder), Progress);
+        }
         source.Record.Rows = result.Rows;
         for (std::size_t i = 0; i < result.Faults.size(); ++i) {
             source.LeaveOut(RowFaultText(static_cast<RowFault>(i)), result.Faults[i]);
         }
-        Remark(source.Record.File + ": columns " + result.Columns +
-               "; positions as listed, no proper motion applied");
+        Remark(source.Record.File + ": columns " + result.Columns + "; " + result.Motions);
+        source.Record.Moved = result.Moved;
         if (result.LooksLikeHours) {
             Remark(source.Record.File +
                    ": its right ascensions, read as degrees, end at 24; if "
@@ -206,10 +238,28 @@ class Build {
         Close(source);
     }
 
+    /// A FITS table that came packed or by a pipe, in a file of the folder that is being built.
+    fs::path Unpacked(UnpackedInput& input, const std::string& name) {
+        const fs::path path = Folder.Path() / (std::string(ManifestName) + ".unpacked.tmp");
+        const FileHandle file = OpenFile(path, "wb");
+        std::vector<char> bytes(std::size_t{1} << 20);
+        bool good = file != nullptr;
+        for (std::size_t count = 0; good && (count = input.Read(bytes.data(), bytes.size())) > 0;) {
+            Progress.Show("Unpacking " + name, 0, 0, 0);
+            good = std::fwrite(bytes.data(), 1, count, file.get()) == count;
+        }
+        if (!good || std::fflush(file.get()) != 0) {
+            throw ToolFailure(ExitCannotWrite, TextFromPath(path) + ": " + SystemErrorText());
+        }
+        if (!input.Fault().empty()) throw ToolFailure(ExitBadInput, name + ": " + input.Fault());
+        return path;
+    }
+
     void Finish() {
         Builder.Finish(Progress);
         Manifest.Tool = "vestrel-catalog " VESTREL_VERSION;
         Manifest.Created = CurrentTimeText();
+        Manifest.Epoch = Options.Table.Epoch;
         Manifest.Cells = Builder.Cells();
         Manifest.Magnitudes = Builder.Magnitudes().Steps();
         Manifest.Duplicates = Builder.Duplicates();
@@ -229,6 +279,11 @@ class Build {
         for (const CatalogSource& source : Manifest.Sources) {
             std::printf("%s: %s of %s rows used\n", WithoutControls(source.File).c_str(),
                         GroupedText(source.Used).c_str(), GroupedText(source.Rows).c_str());
+            if (source.Moved > 0) {
+                std::printf("    moved to the epoch %s: %s\n",
+                            NumberText(Manifest.Epoch.value_or(0)).c_str(),
+                            GroupedText(source.Moved).c_str());
+            }
             for (const auto& [reason, rows] : source.LeftOut) {
                 std::printf("    %s: %s\n", WithoutControls(reason).c_str(),
                             GroupedText(rows).c_str());
@@ -257,6 +312,9 @@ class Build {
 void InterpretOptions(BuildOptions& options) {
     if (options.RaUnit == "degrees") options.Table.RaUnit = AngleUnit::Degrees;
     if (options.RaUnit == "hours") options.Table.RaUnit = AngleUnit::Hours;
+    // To a tenth of a year: nothing in the sky moves so fast that more would show.
+    const double today = std::round(JulianEpoch(CurrentJulianDate()) * 10) / 10;
+    options.Table.Epoch = options.Epoch.value_or(today);
     for (const std::string& where : options.Where) {
         options.Table.Filters.emplace_back();
         ParseRowFilter(where, options.Table.Filters.back());
@@ -287,6 +345,12 @@ void AddTableOptions(CLI::App& command, CLI::Option* table, BuildOptions& option
         ->type_name("UNIT")
         ->needs(table);
     command
+        .add_option("--table-epoch", options.Table.TableEpoch,
+                    "Epoch of the table's positions (a year), where it has none itself")
+        ->check(CLI::Range(1800.0, 2200.0))
+        ->type_name("YEAR")
+        ->needs(table);
+    command
         .add_option("--where", options.Where,
                     "Use only rows with COLUMN=VALUE, COLUMN<NUMBER or COLUMN>NUMBER. May be "
                     "given several times; all must hold")
@@ -312,10 +376,10 @@ void AddBuildCommand(CLI::App& program, ToolExit& exitCode) {
         ->type_name("FILE");
     CLI::Option* table =
         sources
-            .add_option("--csv", options->Tables,
-                        "Table with named columns (Gaia, UCAC, VizieR): comma, tab, semicolon or "
-                        "bar. - is standard input. May be given several times. Proper motions are "
-                        "not applied: export positions of a recent epoch")
+            .add_option("--csv,--table", options->Tables,
+                        "Table with named columns (Gaia, UCAC, APASS, VizieR): text with comma, "
+                        "tab, semicolon or bar, or FITS; gzip is unpacked. - is standard input. "
+                        "May be given several times")
             ->type_name("FILE")
             ->allow_extra_args(false);
     sources
@@ -336,6 +400,11 @@ void AddBuildCommand(CLI::App& program, ToolExit& exitCode) {
         ->type_name("FILE");
     command.add_option("--mag-min", options->MagMin, "Leave brighter stars out")->type_name("MAG");
     command.add_option("--mag-max", options->MagMax, "Leave fainter stars out")->type_name("MAG");
+    command
+        .add_option("--epoch", options->Epoch,
+                    "Epoch to carry stars to that have proper motions (a year; default: today)")
+        ->check(CLI::Range(1800.0, 2200.0))
+        ->type_name("YEAR");
     AddTableOptions(command, table, *options);
     command.callback([options, &exitCode] {
         if (!options->Table.MagColumn.empty() && options->Tables.empty() &&

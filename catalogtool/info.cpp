@@ -126,6 +126,7 @@ void PrintJson(const CatalogFacts& facts) {
     if (facts.State == ManifestState::Good) {
         document["tool"] = facts.Manifest.Tool;
         document["created"] = facts.Manifest.Created;
+        if (facts.Manifest.Epoch) document["epoch"] = *facts.Manifest.Epoch;
         document["filters"] = facts.Manifest.Filters;
         document["remarks"] = facts.Manifest.Remarks;
         for (const CatalogSource& source : facts.Manifest.Sources) {
@@ -145,11 +146,18 @@ void PrintSources(const CatalogManifest& manifest) {
                     source.Modified.empty() ? "" : ", of ",
                     WithoutControls(source.Modified).c_str(), GroupedText(source.Used).c_str(),
                     GroupedText(source.Rows).c_str());
+        if (source.Moved > 0) {
+            std::printf("            moved to the epoch: %s\n", GroupedText(source.Moved).c_str());
+        }
         for (const auto& [reason, rows] : source.LeftOut) {
             std::printf("            %s: %s\n", WithoutControls(reason).c_str(),
                         GroupedText(rows).c_str());
         }
     }
+    std::printf("Epoch:      %s\n",
+                manifest.Epoch
+                    ? (NumberText(*manifest.Epoch) + ", of the stars with proper motions").c_str()
+                    : "as in the sources: no proper motion was applied");
     for (const std::string& filter : manifest.Filters) {
         std::printf("Filter:     %s\n", WithoutControls(filter).c_str());
     }

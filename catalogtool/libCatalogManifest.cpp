@@ -57,6 +57,7 @@ CatalogSource SourceFromJson(const json& value) {
     value.at("modified").get_to(source.Modified);
     source.Rows = CountFromJson(value.at("rows"));
     source.Used = CountFromJson(value.at("used"));
+    if (value.contains("moved")) source.Moved = CountFromJson(value.at("moved"));
     for (const auto& [reason, rows] : value.at("leftOut").items()) {
         source.LeftOut.emplace_back(reason, CountFromJson(rows));
     }
@@ -74,6 +75,7 @@ CatalogManifest ManifestFromJson(const json& document) {
     document.at("filters").get_to(manifest.Filters);
     document.at("remarks").get_to(manifest.Remarks);
     document.at("brightGapFilled").get_to(manifest.BrightGapFilled);
+    if (document.contains("epoch")) manifest.Epoch = document.at("epoch").get<double>();
     manifest.Duplicates = CountFromJson(document.at("duplicates"));
     for (const json& step : document.at("magnitudes")) {
         manifest.Magnitudes.push_back({step.at("from").get<double>(),
@@ -94,7 +96,8 @@ nlohmann::json SourceJson(const CatalogSource& source) {
     json leftOut = json::object();
     for (const auto& [reason, rows] : source.LeftOut) leftOut[reason] = rows;
     return {{"kind", source.Kind}, {"file", source.File}, {"modified", source.Modified},
-            {"rows", source.Rows}, {"used", source.Used}, {"leftOut", leftOut}};
+            {"rows", source.Rows}, {"used", source.Used}, {"moved", source.Moved},
+            {"leftOut", leftOut}};
 }
 
 void Checksum::Add(std::span<const unsigned char> bytes) {
@@ -138,6 +141,7 @@ bool WriteManifest(const std::filesystem::path& folder, const CatalogManifest& m
                      {"magnitudes", json::array()},
                      {"stars", manifest.StarCount()},
                      {"cells", json::object()}};
+    if (manifest.Epoch) document["epoch"] = *manifest.Epoch;
     for (const CatalogSource& source : manifest.Sources) {
         document["sources"].push_back(SourceJson(source));
     }

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <map>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -56,11 +57,12 @@ struct CellContent {
 
 /// One file that stars were taken from.
 struct CatalogSource {
-    std::string Kind;      ///< "tycho2", "csv" or "bright"
+    std::string Kind;      ///< "tycho2", "csv", "fits", "index", "astap", "bright" or "synthetic"
     std::string File;      ///< its name without the folder
     std::string Modified;  ///< when it was last changed, UTC; empty when unknown (a pipe)
     std::uint64_t Rows = 0;
-    std::uint64_t Used = 0;                                      ///< rows that became catalog stars
+    std::uint64_t Used = 0;   ///< rows that became catalog stars
+    std::uint64_t Moved = 0;  ///< stars that were carried to the catalog's epoch
     std::vector<std::pair<std::string, std::uint64_t>> LeftOut;  ///< reason, number of rows
 };
 
@@ -70,6 +72,8 @@ struct CatalogManifest {
     std::vector<CatalogSource> Sources;
     std::vector<std::string> Filters;  ///< what was asked to be left out, as it was written
     std::vector<std::string> Remarks;  ///< what a user of the catalog should know
+    /// The year to which stars with proper motions were carried. Older builds applied none.
+    std::optional<double> Epoch;
     bool BrightGapFilled = false;
     std::uint64_t Duplicates = 0;
     std::vector<MagnitudeCounts::Step> Magnitudes;

@@ -2,11 +2,11 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
-#include <cstdio>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "catalogtool/libUnpackedInput.h"
 
 namespace vestrel {
 
@@ -16,7 +16,7 @@ class LineReader {
     /// Longer lines are no table rows.
     static constexpr std::size_t LongestLine = std::size_t{64} << 10;
 
-    explicit LineReader(std::FILE* input);
+    explicit LineReader(UnpackedInput& input);
 
     enum class Outcome { Line, TooLong, End, Failed };
 
@@ -24,20 +24,19 @@ class LineReader {
     /// of UTF-8. The text lives until the next call. `TooLong` skips a line beyond the limit.
     Outcome Next(std::string_view& line);
 
-    /// Bytes read from the stream so far.
-    std::uint64_t BytesRead() const { return Read; }
-
  private:
     void Refill();
 
-    std::FILE* Input;
+    UnpackedInput& Input;
     std::vector<char> Buffer;
     std::size_t Begin = 0;  // of what was not handed out yet
     std::size_t End = 0;
-    std::uint64_t Read = 0;
     bool AtEnd = false;
     bool FirstLine = true;
 };
+
+/// The value of a field that is a plain number; not-a-number when it is none.
+double FieldNumber(std::string_view field);
 
 /// Splits lines into fields.
 class FieldSplitter {

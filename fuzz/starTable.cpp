@@ -29,12 +29,13 @@ bool ReadText(std::string_view text, const StarTableOptions& options, StarTableR
               std::vector<SkyStar>& stars) {
     static const std::filesystem::path file = InputFolder() / "table.csv";
     WriteFile(file, text);
-    const FileHandle input = OpenFile(file, "rb");
+    const FileHandle opened = OpenFile(file, "rb");
+    UnpackedInput input(opened.get());
     static const FileHandle nowhere = OpenFile("/dev/null", "wb");
     ProgressLine silent(nowhere.get());
     try {
         result = ReadStarTable(
-            input.get(), "table", text.size(), options,
+            input, "table", text.size(), options,
             [&stars](const SkyStar& star) { stars.push_back(star); }, silent);
         return true;
     } catch (const ToolFailure& failure) {

@@ -21,6 +21,8 @@
 #include "catalogtool/libCatalogBuilder.h"
 #include "catalogtool/libCatalogFolder.h"
 #include "catalogtool/libCatalogSurvey.h"
+#include "catalogtool/libFastStars.h"
+#include "catalogtool/libFitsTable.h"
 #include "catalogtool/libIndexFile.h"
 #include "catalogtool/libSources.h"
 #include "catalogtool/libStarTable.h"
@@ -563,8 +565,9 @@ TableOutcome ReadTable(const std::string& text, const StarTableOptions& options 
 #endif
     TableOutcome outcome;
     ProgressLine silent(stdout);
+    UnpackedInput input(file.get());
     outcome.Result = ReadStarTable(
-        file.get(), "table", text.size(), options,
+        input, "table", text.size(), options,
         [&](const SkyStar& star) { outcome.Stars.push_back(star); }, silent);
     return outcome;
 }
@@ -663,6 +666,150 @@ TEST(StarTable, WhatIsNoTableIsRefusedAndHoursAreNoticed) {
     std::string sweep = "ra,dec,mag\n";
     for (int i = 0; i <= 2400; ++i) sweep += std::to_string(i / 100.0) + ",0,5\n";
     EXPECT_TRUE(ReadTable(sweep).Result.LooksLikeHours);
+}
+
+/// A gzip file of stored blocks, made without the library that reads it.
+std::string Gzip(const std::string& text) {
+    std::string packed = {'\x1F', '\x8B', 8, 0, 0, 0, 0, 0, 0, 3};
+    for (std::size_t at = 0; at < text.size() || at == 0; at += 60000) {
+        const std::string piece = text.substr(at, 60000);
+        const auto length = static_cast<std::uint16_t>(piece.size());
+        packed += at + piece.size() == text.size() ? '\1' : '\0';
+        packed += LittleEndian(length) + LittleEndian(static_cast<std::uint16_t>(~length)) + piece;
+    }
+    Checksum checksum;
+    checksum.Add({reinterpret_cast<const unsigned char*>(text.data()), text.size()});
+    return packed + LittleEndian(checksum.Value()) +
+           LittleEndian(static_cast<std::uint32_t>(text.size()));
+}
+
+TEST(StarTable, PackedTextIsThePlainTextAndWhatIsCutOrDamagedIsRefused) {
+    std::string text = "ra,dec,mag\n";
+    for (int i = 0; i < 20000; ++i) text += std::to_string(i % 360) + ",5," + "7.25\n";
+    const std::size_t half = text.find('\n', text.size() / 2) + 1;
+    const std::string packed = Gzip(text);
+    ASSERT_EQ(ReadTable(text).Result.Rows, 20000U);
+    for (const std::string& same : {packed, packed + std::string(512, '\0'),
+                                    Gzip(text.substr(0, half)) + Gzip(text.substr(half))}) {
+        EXPECT_EQ(ReadTable(same).Result.Stars, 20000U);
+    }
+    std::string damaged = packed;
+    damaged[packed.size() / 2] ^= 1;  // a digit, which the checksum tells
+    for (const std::string& bad : {packed.substr(0, 5), packed.substr(0, packed.size() / 2),
+                                   packed.substr(0, packed.size() - 1), damaged, packed + "x"}) {
+        EXPECT_THROW(ReadTable(bad), ToolFailure) << bad.size();
+    }
+}
+
+template <typename Number>
+std::string BigEndian(Number value) {
+    std::string bytes = LittleEndian(value);
+    std::reverse(bytes.begin(), bytes.end());
+    return bytes;
+}
+
+/// A FITS file with an image and a table as VizieR writes Gaia's, without the code under test.
+std::string FitsStars(const std::vector<SkyStar>& stars, float motionDec, const char* unit) {
+    std::string rows;
+    for (const SkyStar& star : stars) {
+        rows += "star" + BigEndian(star.Ra / degree) + BigEndian(star.Dec / degree) +
+                BigEndian(static_cast<float>(star.Mag)) + BigEndian(0.0F) + BigEndian(motionDec);
+    }
+    std::vector<std::string> cards = {"XTENSION= 'BINTABLE'",
+                                      "BITPIX  = 8",
+                                      "NAXIS   = 2",
+                                      "NAXIS1  = 32",
+                                      "NAXIS2  = " + std::to_string(stars.size()),
+                                      "PCOUNT  = 0",
+                                      "GCOUNT  = 1",
+                                      "TFIELDS = 6"};
+    const std::array<std::array<const char*, 3>, 6> columns = {{{"kind", "4A", ""},
+                                                                {"RA_ICRS", "1D", "deg"},
+                                                                {"DE_ICRS", "1D", "deg"},
+                                                                {"Gmag", "1E", "mag"},
+                                                                {"pmRA", "1E", unit},
+                                                                {"pmDE", "1E", unit}}};
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+        const std::string number = std::to_string(i + 1) + "  = '";
+        cards.push_back("TTYPE" + number + columns[i][0] + "'");
+        cards.push_back("TFORM" + number + columns[i][1] + "'");
+        cards.push_back("TUNIT" + number + columns[i][2] + "'");
+    }
+    rows.resize((rows.size() + 2879) / 2880 * 2880, '\0');
+    return FitsHeader({"SIMPLE  = T", "BITPIX  = 8", "NAXIS   = 0", "EXTEND  = T"}) +
+           FitsHeader(cards) + rows;
+}
+
+TEST(StarTable, FitsTablesGiveTheirStarsAtTheEpochAndAreRefusedWhenCut) {
+    const TemporaryFolder folder;
+    ProgressLine silent(stdout);
+    std::vector<SkyStar> stars = RandomSky(20000, 12);
+    const auto read = [&](const std::string& bytes, const StarTableOptions& options,
+                          std::vector<SkyStar>& found) {
+        WriteFile(folder / "table", bytes);
+        return ReadFitsStarTable(
+            folder / "table", "table", options,
+            [&found](const SkyStar& star) { found.push_back(star); }, silent);
+    };
+    StarTableOptions options;
+    options.Epoch = 2026;
+    for (const auto& [unit, factor] : {std::pair{"mas/yr", 1.0}, {"arcsec.yr**-1", 1000.0}}) {
+        std::vector<SkyStar> found;
+        const auto result = read(FitsStars(stars, 10, unit), options, found);
+        ASSERT_EQ(found.size(), stars.size());
+        EXPECT_EQ(result.Moved, stars.size());
+        for (std::size_t i = 0; i < stars.size(); ++i) {
+            // Ten years northward; over the pole where it is that near.
+            const double moved = 0.1 * factor * arcsecond;
+            ASSERT_NEAR(Separation(found[i], stars[i]), moved, 1e-4 * arcsecond) << i;
+            ASSERT_LT(std::fabs(found[i].Dec - stars[i].Dec - moved), 1e-4 * arcsecond) << i;
+        }
+    }
+    StarTableOptions filtered;
+    ASSERT_TRUE(ParseRowFilter("Gmag<5", filtered.Filters.emplace_back()));
+    ASSERT_TRUE(ParseRowFilter("kind=star", filtered.Filters.emplace_back()));
+    std::vector<SkyStar> found;
+    read(FitsStars(stars, 0, ""), filtered, found);
+    EXPECT_EQ(found.size(), std::count_if(stars.begin(), stars.end(), [](const SkyStar& star) {
+                  return static_cast<float>(star.Mag) < 5;
+              }));
+    const std::string whole = FitsStars(stars, 0, "");
+    for (std::size_t length = 0; length < whole.size() - 2880; length += 30011) {
+        EXPECT_THROW(read(whole.substr(0, length), {}, found), ToolFailure) << length;
+    }
+    std::string renamed = whole;
+    renamed.replace(renamed.find("RA_ICRS"), 7, "longitu");
+    try {
+        read(renamed, {}, found);
+        ADD_FAILURE();
+    } catch (const ToolFailure& failure) {
+        EXPECT_NE(std::string(failure.what()).find("_RAJ2000/_DEJ2000"), std::string::npos);
+    }
+}
+
+TEST(ProperMotion, CarriesStarsToWhereOtherCatalogsHaveThem) {
+    // Barnard's star as Gaia has it in 2016; Hipparcos' place of it for 2000.
+    const SkyStar barnard{269.44850 * degree, 4.73942 * degree, 9.5};
+    const SkyStar at2000 = MovedStar(barnard, {-801.55, 10362.39}, -16);
+    EXPECT_LT(Separation(at2000, {269.45208 * degree, 4.69336 * degree, 0}), 0.1 * arcsecond);
+    StarTableOptions options;
+    options.Epoch = 2000;
+    const std::string row = "269.44850,4.73942,9.5,-801.55,10362.39,2016\n";
+    const TableOutcome read = ReadTable("ra,dec,mag,pmra,pmdec,ref_epoch\n" + row, options);
+    EXPECT_LT(Separation(read.Stars.at(0), at2000), 0.001 * arcsecond);
+    // Values for "none" move nothing.
+    const TableOutcome null = ReadTable("ra,dec,mag,pmra,pmdec\n9,5,6,99999,99999\n9,5,6,,\n");
+    EXPECT_EQ(null.Result.Moved, 0U);
+
+    // Arcturus of the Tycho-2 index (1991) and of the bright stars' list (2000) become one.
+    const auto old = FastStarAt({213.9181 * degree, 19.1873 * degree, 0.16}, 2026);
+    const auto recent = FastStarAt({213.9153 * degree, 19.1824 * degree, -0.05}, 2026);
+    ASSERT_TRUE(old && recent);
+    EXPECT_LT(Separation(*old, *recent), 0.001 * arcsecond);
+    EXPECT_NEAR(Separation(*recent, {213.9153 * degree, 19.1824 * degree, 0}) / arcsecond,
+                26 * 2.279, 1);
+    EXPECT_FALSE(FastStarAt({213.9181 * degree, 19.1893 * degree, 0.16}, 2026));
+    EXPECT_FALSE(FastStarAt({213.9181 * degree, 19.1873 * degree, 8}, 2026));
 }
 
 // ---- Folders ----

@@ -1,0 +1,310 @@
+#include "catalogtool/libStarColumns.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <initializer_list>
+#include <numbers>
+#include <utility>
+
+#include "astro/libConversions.h"
+#include "astro/libStrings.h"
+#include "catalogtool/libTextLines.h"
+
+namespace vestrel {
+
+namespace {
+
+constexpr double degree = std::numbers::pi / 180;
+constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
+
+using ColumnPairs = std::initializer_list<std::pair<const char*, const char*>>;
+
+// VizieR computes the columns with "_" for J2000 and in degrees, so they come before its others.
+constexpr ColumnPairs positionColumns = {{"_RAJ2000", "_DEJ2000"},
+                                         {"RAJ2000", "DEJ2000"},
+                                         {"ra", "dec"},
+                                         {"RA_ICRS", "DE_ICRS"},
+                                         {"_RA", "_DE"},
+                                         {"RAdeg", "DEdeg"},
+                                         {"radeg", "decdeg"},
+                                         {"ra_deg", "dec_deg"},
+                                         {"ra_j2000", "dec_j2000"},
+                                         {"ALPHA_J2000", "DELTA_J2000"},
+                                         {"raMean", "decMean"},
+                                         {"RAICRS", "DEICRS"},
+                                         {"_RA.icrs", "_DE.icrs"},
+                                         {"ra", "decl"},
+                                         {"alpha", "delta"},
+                                         {"right_ascension", "declination"}};
+constexpr ColumnPairs motionColumns = {
+    {"pmra", "pmdec"}, {"pmRA", "pmDE"}, {"pm_ra", "pm_dec"}, {"pmRAcosDec", "pmDec"}};
+constexpr std::initializer_list<const char*> epochColumns = {"ref_epoch"};
+constexpr std::initializer_list<const char*> magnitudeColumns = {"Vmag",        "phot_g_mean_mag",
+                                                                 "Gmag",        "f.mag",
+                                                                 "a.mag",       "VTmag",
+                                                                 "Johnson_V",   "Johnson_V (V)",
+                                                                 "gmag",        "rmag",
+                                                                 "Rmag",        "mag",
+                                                                 "magnitude",   "vmag",
+                                                                 "gMeanPSFMag", "rMeanPSFMag",
+                                                                 "r2mag",       "Jmag",
+                                                                 "j_m",         "Hpmag",
+                                                                 "mag_auto"};
+
+/// Faster than any star; nulls of some surveys are 9999 or more.
+constexpr double largestMotion = 15000;
+
+bool SameText(std::string_view a, std::string_view b) {
+    return a == b || UpperCase(a) == UpperCase(b);
+}
+
+std::string Listed(std::initializer_list<const char*> names) {
+    std::string list;
+    for (const char* name : names) list += (list.empty() ? "" : ", ") + std::string(name);
+    return list;
+}
+
+/// The unit of a proper motion in milliarcseconds a year; 0 when it is none that is known.
+double MotionUnitOf(const std::string& text) {
+    const std::string unit = UpperCase(text);
+    if (unit.empty() || unit.find("MAS") != std::string::npos) return 1;
+    if (unit.find("ARCSEC") != std::string::npos || unit.starts_with('"')) return 1000;
+    if (unit.find("DEG") != std::string::npos) return 3.6e6;
+    return 0;
+}
+
+}  // namespace
+
+bool ParseRowFilter(std::string_view text, RowFilter& filter) {
+    const std::size_t at = text.find_first_of("=<>");
+    if (at == std::string_view::npos) return false;
+    filter.Column = Trim(text.substr(0, at));
+    filter.Comparison = text[at];
+    filter.Value = Trim(text.substr(at + 1));
+    filter.Number = FieldNumber(filter.Value);
+    return !filter.Column.empty() && (filter.Comparison == '=' || !std::isnan(filter.Number));
+}
+
+const char* RowFaultText(RowFault fault) {
+    switch (fault) {
+        case RowFault::Malformed:
+            return "wrong number of fields, or an unclosed quote";
+        case RowFault::TooLong:
+            return "line too long";
+        case RowFault::Filtered:
+            return "left out by --where";
+        case RowFault::NoPosition:
+            return "no position";
+        case RowFault::BadPosition:
+            return "position unreadable or out of range";
+        case RowFault::NoMagnitude:
+            return "no magnitude, or one out of range";
+        case RowFault::Count:
+            break;
+    }
+    return "";
+}
+
+void RequireStars(const StarTableResult& result, const std::string& table) {
+    if (result.Stars > 0) return;
+    std::string why = table + ": gives no star";
+    for (std::size_t i = 0; i < result.Faults.size(); ++i) {
+        if (result.Faults[i] == 0) continue;
+        why += "; " + GroupedText(result.Faults[i]) +
+               " rows: " + RowFaultText(static_cast<RowFault>(i));
+    }
+    throw ToolFailure(ExitBadInput, why);
+}
+
+StarColumns::StarColumns(std::vector<std::string> names, std::string table,
+                         const StarTableOptions& options)
+    : Names(std::move(names)), Table(std::move(table)), Options(options) {
+    FindPositionColumns();
+    FindMagnitudeColumn();
+    FindMotionColumns();
+    for (const RowFilter& filter : Options.Filters) FilterColumns.push_back(Require(filter.Column));
+}
+
+void StarColumns::Fail(const std::string& why) const {
+    throw ToolFailure(ExitBadInput, Table + ": " + why);
+}
+
+/// An exact match comes first, for some tables have both "Gmag" and "gmag".
+std::size_t StarColumns::Find(std::string_view column) const {
+    auto found = std::find(Names.begin(), Names.end(), column);
+    if (found == Names.end()) {
+        found = std::find_if(Names.begin(), Names.end(),
+                             [&](const auto& name) { return SameText(name, column); });
+    }
+    return found == Names.end() ? NoColumn : static_cast<std::size_t>(found - Names.begin());
+}
+
+std::size_t StarColumns::Require(const std::string& column) const {
+    const std::size_t found = Find(column);
+    if (found == NoColumn) Fail("has no column \"" + column + "\"; it has " + ColumnList());
+    return found;
+}
+
+std::string StarColumns::ColumnList() const {
+    constexpr std::size_t enough = 30;
+    constexpr std::size_t longName = 40;
+    std::string list;
+    for (std::size_t i = 0; i < std::min(Names.size(), enough); ++i) {
+        list += (i > 0 ? ", " : "") + Names[i].substr(0, longName);
+    }
+    // What is no table may hold bytes that a terminal would obey.
+    std::replace_if(
+        list.begin(), list.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+    return Names.size() > enough ? list + ", ..." : list;
+}
+
+void StarColumns::FindPositionColumns() {
+    std::string looked;
+    for (const auto& [ra, dec] : positionColumns) {
+        const std::string raName = Options.RaColumn.empty() ? ra : Options.RaColumn;
+        const std::string decName = Options.DecColumn.empty() ? dec : Options.DecColumn;
+        Ra = Find(raName);
+        Dec = Find(decName);
+        if (Ra != NoColumn && Dec != NoColumn) return;
+        looked += (looked.empty() ? "" : ", ") + raName + "/" + decName;
+    }
+    if (!Options.RaColumn.empty()) Require(Options.RaColumn);
+    if (!Options.DecColumn.empty()) Require(Options.DecColumn);
+    Fail("has no position columns known by name (looked for " + looked +
+         ", in any case; give --ra-column and --dec-column); it has " + ColumnList());
+}
+
+void StarColumns::FindMagnitudeColumn() {
+    if (!Options.MagColumn.empty()) {
+        Mag = Require(Options.MagColumn);
+        return;
+    }
+    for (const char* name : magnitudeColumns) {
+        Mag = Find(name);
+        if (Mag != NoColumn) return;
+    }
+    Fail("has no magnitude column known by name (looked for " + Listed(magnitudeColumns) +
+         ", in any case; give --mag-column); it has " + ColumnList());
+}
+
+void StarColumns::FindMotionColumns() {
+    for (const auto& [ra, dec] : motionColumns) {
+        MotionRa = Find(ra);
+        MotionDec = Find(dec);
+        if (MotionRa != NoColumn && MotionDec != NoColumn) break;
+        MotionRa = MotionDec = NoColumn;
+    }
+    const std::string& position = Names[Ra];
+    if (Options.TableEpoch) {
+        SourceEpoch = *Options.TableEpoch;
+        return;
+    }
+    // VizieR's J2000 columns are at the epoch 2000, whatever the others of the table are.
+    if (position.find("2000") != std::string::npos) return;
+    for (const char* name : epochColumns) {
+        EpochColumn = Find(name);
+        if (EpochColumn != NoColumn) return;
+    }
+    if (SameText(position, "RA_ICRS")) {
+        SourceEpoch = 2016;  // Gaia's third release
+    } else if (SameText(position, "RAICRS")) {
+        SourceEpoch = 1991.25;  // Hipparcos
+    }
+    EpochIsAssumed = true;
+}
+
+void StarColumns::SetUnits(const std::vector<std::string>& units) {
+    if (MotionRa == NoColumn || MotionRa >= units.size() || MotionDec >= units.size()) return;
+    MotionUnit = MotionUnitOf(units[MotionRa]);
+    // Seconds of time in one and of arc in the other: tables older than the convention.
+    if (MotionUnitOf(units[MotionDec]) != MotionUnit) MotionUnit = 0;
+}
+
+bool StarColumns::IsUsed(std::size_t column) const {
+    return column == Ra || column == Dec || column == Mag || column == MotionRa ||
+           column == MotionDec || column == EpochColumn ||
+           std::find(FilterColumns.begin(), FilterColumns.end(), column) != FilterColumns.end();
+}
+
+bool StarColumns::PassesFilters(const TableRow& row) const {
+    for (std::size_t i = 0; i < FilterColumns.size(); ++i) {
+        const RowFilter& filter = Options.Filters[i];
+        const double number = std::isnan(filter.Number) ? notANumber : row.Number(FilterColumns[i]);
+        bool passes = false;
+        if (filter.Comparison == '<') passes = number < filter.Number;
+        if (filter.Comparison == '>') passes = number > filter.Number;
+        if (filter.Comparison == '=') {
+            passes = std::isnan(number) ? row.Text(FilterColumns[i]) == filter.Value
+                                        : number == filter.Number;
+        }
+        if (!passes) return false;
+    }
+    return true;
+}
+
+bool StarColumns::ReadPosition(const TableRow& row, SkyStar& star) {
+    const double ra = row.Number(Ra);
+    if (std::isnan(ra)) {
+        const std::string_view text = row.Text(Ra);
+        if (text.find_first_of(":hH ") == std::string_view::npos) return false;
+        star.Ra = ParseRA(text);
+    } else if (Options.RaUnit == AngleUnit::Hours) {
+        if (ra < 0 || ra > 24) return false;
+        star.Ra = ra * 15 * degree;
+    } else {
+        if (ra < -180 || ra > 360) return false;
+        LeastRa = std::min(LeastRa, ra);
+        GreatestRa = std::max(GreatestRa, ra);
+        star.Ra = (ra < 0 ? ra + 360 : ra) * degree;
+    }
+    const double dec = row.Number(Dec);
+    star.Dec = std::isnan(dec) ? ParseDec(row.Text(Dec)) : dec * degree;
+    return star.Ra != InvalidAngle && IsStoredPosition(0, static_cast<float>(star.Dec));
+}
+
+void StarColumns::Move(const TableRow& row, SkyStar& star) {
+    if (MotionRa == NoColumn || MotionUnit == 0) return;
+    const ProperMotion motion{row.Number(MotionRa) * MotionUnit,
+                              row.Number(MotionDec) * MotionUnit};
+    const bool known =
+        std::fabs(motion.Ra) <= largestMotion && std::fabs(motion.Dec) <= largestMotion;
+    const double epoch = EpochColumn == NoColumn ? SourceEpoch : row.Number(EpochColumn);
+    if (!known || !(epoch > 1800 && epoch < 2200)) return;
+    star = MovedStar(star, motion, Options.Epoch - epoch);
+    ++Moved;
+}
+
+bool StarColumns::ReadStar(const TableRow& row, SkyStar& star, RowFault& fault) {
+    const auto refuse = [&fault](RowFault reason) {
+        fault = reason;
+        return false;
+    };
+    if (!PassesFilters(row)) return refuse(RowFault::Filtered);
+    if (row.Text(Ra).empty() || row.Text(Dec).empty()) return refuse(RowFault::NoPosition);
+    if (!ReadPosition(row, star)) return refuse(RowFault::BadPosition);
+    star.Mag = row.Number(Mag);
+    if (!StoredStar(star)) return refuse(RowFault::NoMagnitude);
+    Move(row, star);
+    return true;
+}
+
+void StarColumns::Describe(StarTableResult& result) const {
+    result.Columns = Names[Ra] + ", " + Names[Dec] + ", " + Names[Mag];
+    result.Moved = Moved;
+    // Right ascensions all over 0..24 and none beyond: no survey of the sky in degrees has that.
+    result.LooksLikeHours = Options.RaUnit == AngleUnit::Automatic && LeastRa < 0.1 &&
+                            GreatestRa > 23.9 && GreatestRa <= 24;
+    if (MotionRa == NoColumn) {
+        result.Motions = "no proper motions: positions as listed";
+    } else if (MotionUnit == 0) {
+        result.Motions = "its proper motions, which are in units not known, were not applied";
+    } else {
+        result.Motions = "proper motions " + Names[MotionRa] + ", " + Names[MotionDec] +
+                         " applied from " +
+                         (EpochColumn != NoColumn ? Names[EpochColumn] : NumberText(SourceEpoch));
+        if (EpochIsAssumed) result.Motions += " (supposed: --table-epoch YEAR says otherwise)";
+    }
+}
+
+}  // namespace vestrel

@@ -1,0 +1,132 @@
+// What the columns of a table of stars are called, and the star of a row, whatever kind of file the
+// table is in.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "catalog/libCellGrid.h"
+#include "catalogtool/libFastStars.h"
+#include "catalogtool/libToolReport.h"
+
+namespace vestrel {
+
+/// A condition on one column. `=` compares numbers when both sides are numbers, else texts.
+struct RowFilter {
+    std::string Column;
+    char Comparison = '=';  ///< one of = < >
+    std::string Value;
+    double Number = 0;  ///< the value as a number; not-a-number when it is none
+};
+
+/// Reads a filter like "ruwe<1.4"; false when it is none. `<` and `>` need a number.
+bool ParseRowFilter(std::string_view text, RowFilter& filter);
+
+enum class AngleUnit { Automatic, Degrees, Hours };
+
+struct StarTableOptions {
+    // Names of columns, any case; empty to look for the usual ones.
+    std::string RaColumn;
+    std::string DecColumn;
+    std::string MagColumn;
+    /// Unit of right ascensions that are plain numbers: degrees when automatic. Sexagesimal ones
+    /// ("05:23:12.3", "05 23 12.3") are always hours.
+    AngleUnit RaUnit = AngleUnit::Automatic;
+    std::vector<RowFilter> Filters;
+    /// The epoch of the positions (years), when the table does not tell it.
+    std::optional<double> TableEpoch;
+    /// The epoch to carry stars to, those that the table has proper motions of.
+    double Epoch = 2000;
+};
+
+/// Why a row gave no star.
+enum class RowFault { Malformed, TooLong, Filtered, NoPosition, BadPosition, NoMagnitude, Count };
+
+/// Words for a fault, as in "12 rows: no magnitude".
+const char* RowFaultText(RowFault fault);
+
+struct StarTableResult {
+    std::uint64_t Rows = 0;
+    std::uint64_t Stars = 0;
+    std::uint64_t Moved = 0;  ///< stars that have a proper motion, which was applied
+    std::array<std::uint64_t, static_cast<std::size_t>(RowFault::Count)> Faults{};
+    std::string Columns;  ///< the columns used, for the record: "ra, dec, phot_g_mean_mag"
+    std::string Motions;  ///< what was done about proper motions, for the record
+    /// The right ascensions read as degrees fill 0..24 and nothing beyond: they are hours.
+    bool LooksLikeHours = false;
+};
+
+/// Throws a `ToolFailure` that says why a table that was read to its end gave no star.
+void RequireStars(const StarTableResult& result, const std::string& table);
+
+/// One row of a table.
+class TableRow {
+ public:
+    virtual ~TableRow() = default;
+    /// The value of a column, counted from 0; not-a-number when it has none.
+    virtual double Number(std::size_t column) const = 0;
+    /// The text of a column. For a column of numbers: empty when it has no value, else anything.
+    virtual std::string_view Text(std::size_t column) const = 0;
+};
+
+/// The columns that stars are taken from.
+class StarColumns {
+ public:
+    /// Looks for the columns by the names that surveys give them, exact ones first.
+    /// @param table its name, for messages
+    /// Throws a `ToolFailure` that lists the names looked for when a column is lacking.
+    StarColumns(std::vector<std::string> names, std::string table, const StarTableOptions& options);
+
+    /// Takes note of the units of all columns, as far as they are known, before the first row.
+    void SetUnits(const std::vector<std::string>& units);
+
+    std::size_t Count() const { return Names.size(); }
+    /// Whether rows are asked for this column.
+    bool IsUsed(std::size_t column) const;
+    std::size_t RaColumn() const { return Ra; }
+    std::size_t DecColumn() const { return Dec; }
+
+    /// The star of a row, at the epoch wanted; false and a reason when it gives none.
+    bool ReadStar(const TableRow& row, SkyStar& star, RowFault& fault);
+
+    /// Completes the record of a table.
+    void Describe(StarTableResult& result) const;
+
+ private:
+    static constexpr std::size_t NoColumn = static_cast<std::size_t>(-1);
+
+    std::size_t Find(std::string_view column) const;
+    std::size_t Require(const std::string& column) const;
+    void FindPositionColumns();
+    void FindMagnitudeColumn();
+    void FindMotionColumns();
+    std::string ColumnList() const;
+    [[noreturn]] void Fail(const std::string& why) const;
+    bool PassesFilters(const TableRow& row) const;
+    bool ReadPosition(const TableRow& row, SkyStar& star);
+    void Move(const TableRow& row, SkyStar& star);
+
+    std::vector<std::string> Names;
+    std::string Table;
+    const StarTableOptions& Options;
+    std::vector<std::size_t> FilterColumns;
+    std::size_t Ra = NoColumn;
+    std::size_t Dec = NoColumn;
+    std::size_t Mag = NoColumn;
+    std::size_t MotionRa = NoColumn;  ///< proper motions, both or neither
+    std::size_t MotionDec = NoColumn;
+    std::size_t EpochColumn = NoColumn;
+    double MotionUnit = 1;      ///< milliarcseconds
+    double SourceEpoch = 2000;  ///< of rows without one of their own
+    bool EpochIsAssumed = false;
+    std::uint64_t Moved = 0;
+    double LeastRa = 360;
+    double GreatestRa = -180;
+};
+
+}  // namespace vestrel
