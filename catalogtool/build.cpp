@@ -249,9 +249,10 @@ class Build {
             good = std::fwrite(bytes.data(), 1, count, file.get()) == count;
         }
         if (!good || std::fflush(file.get()) != 0) {
-            throw ToolFailure(ExitCannotWrite, TextFromPath(path) + ": " + SystemErrorText());
+            throw ToolFailure(ToolExit::CannotWrite, TextFromPath(path) + ": " + SystemErrorText());
         }
-        if (!input.Fault().empty()) throw ToolFailure(ExitBadInput, name + ": " + input.Fault());
+        if (!input.Fault().empty())
+            throw ToolFailure(ToolExit::BadInput, name + ": " + input.Fault());
         return path;
     }
 

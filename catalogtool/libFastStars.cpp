@@ -5,12 +5,13 @@
 #include <cmath>
 #include <numbers>
 
+#include "astro/libMath.h"
+
 namespace vestrel {
 
 namespace {
 
-constexpr double degree = std::numbers::pi / 180;
-constexpr double arcsecond = degree / 3600;
+constexpr double arcsecond = RadiansPerDegree / 3600;
 
 /// Degrees of J2000 at the epoch 2000, magnitude in V, milliarcseconds a year.
 struct FastStar {
@@ -121,13 +122,13 @@ SkyStar MovedStar(const SkyStar& star, const ProperMotion& motion, double years)
 std::optional<SkyStar> FastStarAt(const SkyStar& star, double epoch) {
     constexpr double near = 3 * arcsecond;
     constexpr double farthest = 100 / 3600.0;  // degrees: none moved so far from 1991 to 2000
-    const double dec = star.Dec / degree;
+    const double dec = star.Dec / RadiansPerDegree;
     const auto* known =
         std::lower_bound(fastStars.begin(), fastStars.end(), dec - farthest,
                          [](const FastStar& fast, double limit) { return fast.Dec < limit; });
     for (; known != fastStars.end() && known->Dec < dec + farthest; ++known) {
         if (std::fabs(known->Mag - star.Mag) >= 1) continue;
-        const SkyStar at2000{known->Ra * degree, known->Dec * degree, star.Mag};
+        const SkyStar at2000{known->Ra * RadiansPerDegree, known->Dec * RadiansPerDegree, star.Mag};
         const ProperMotion motion{known->MotionRa, known->MotionDec};
         for (const double years : {0.0, 1991.25 - 2000}) {
             const SkyStar place = MovedStar(at2000, motion, years);

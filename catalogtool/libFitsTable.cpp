@@ -132,7 +132,7 @@ class FitsTable {
 
  private:
     [[noreturn]] void Fail(const std::string& why) const {
-        throw ToolFailure(ExitBadInput, Name + ": " + why);
+        throw ToolFailure(ToolExit::BadInput, Name + ": " + why);
     }
 
     void Check(int status, const std::string& task) const {

@@ -4,10 +4,10 @@
 #include <charconv>
 #include <cmath>
 #include <initializer_list>
-#include <numbers>
 #include <utility>
 
 #include "astro/libConversions.h"
+#include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "catalogtool/libTextLines.h"
 
@@ -15,7 +15,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr double degree = std::numbers::pi / 180;
 constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
 
 using ColumnPairs = std::initializer_list<std::pair<const char*, const char*>>;
@@ -114,7 +113,7 @@ void RequireStars(const StarTableResult& result, const std::string& table) {
         why += "; " + GroupedText(result.Faults[i]) +
                " rows: " + RowFaultText(static_cast<RowFault>(i));
     }
-    throw ToolFailure(ExitBadInput, why);
+    throw ToolFailure(ToolExit::BadInput, why);
 }
 
 StarColumns::StarColumns(std::vector<std::string> names, std::string table,
@@ -127,7 +126,7 @@ StarColumns::StarColumns(std::vector<std::string> names, std::string table,
 }
 
 void StarColumns::Fail(const std::string& why) const {
-    throw ToolFailure(ExitBadInput, Table + ": " + why);
+    throw ToolFailure(ToolExit::BadInput, Table + ": " + why);
 }
 
 /// An exact match comes first, for some tables have both "Gmag" and "gmag".
@@ -251,15 +250,15 @@ bool StarColumns::ReadPosition(const TableRow& row, SkyStar& star) {
         star.Ra = ParseRA(text);
     } else if (Options.RaUnit == AngleUnit::Hours) {
         if (ra < 0 || ra > 24) return false;
-        star.Ra = ra * 15 * degree;
+        star.Ra = ra * 15 * RadiansPerDegree;
     } else {
         if (ra < -180 || ra > 360) return false;
         LeastRa = std::min(LeastRa, ra);
         GreatestRa = std::max(GreatestRa, ra);
-        star.Ra = (ra < 0 ? ra + 360 : ra) * degree;
+        star.Ra = (ra < 0 ? ra + 360 : ra) * RadiansPerDegree;
     }
     const double dec = row.Number(Dec);
-    star.Dec = std::isnan(dec) ? ParseDec(row.Text(Dec)) : dec * degree;
+    star.Dec = std::isnan(dec) ? ParseDec(row.Text(Dec)) : dec * RadiansPerDegree;
     return star.Ra != InvalidAngle && IsStoredPosition(0, static_cast<float>(star.Dec));
 }
 

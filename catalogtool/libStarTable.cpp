@@ -57,7 +57,8 @@ class TextTable {
     std::vector<std::string> NamesIn(std::string_view header, const std::string& table) {
         std::vector<std::string_view> names;
         if (!Splitter.Split(header, names)) {
-            throw ToolFailure(ExitBadInput, table + ": has an unclosed quote in its column names");
+            throw ToolFailure(ToolExit::BadInput,
+                              table + ": has an unclosed quote in its column names");
         }
         return {names.begin(), names.end()};
     }
@@ -73,7 +74,7 @@ StarTableResult ReadStarTable(UnpackedInput& input, const std::string& name, std
                               const StarTableOptions& options, const StarSink& sink,
                               ProgressLine& progress) {
     const auto fail = [&](const std::string& why) {
-        throw ToolFailure(ExitBadInput, name + ": " + why);
+        throw ToolFailure(ToolExit::BadInput, name + ": " + why);
     };
     StarTableResult result;
     LineReader reader(input);
