@@ -1,26 +1,36 @@
 #include "astro/libSphericalMath.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "astro/libMath.h"
 
 namespace vestrel {
 
-void Projection::SetProjectionCentre(double ra0, double dec0, double scale) {
-    CentreRa = ra0;
-    CentreDec = dec0;
-    CosCentreRa = std::cos(ra0);
-    SinCentreRa = std::sin(ra0);
-    CosCentreDec = std::cos(dec0);
-    SinCentreDec = std::sin(dec0);
+Direction DirectionOf(SkyPosition position) {
+    const double cosDec = std::cos(position.Dec);
+    return {cosDec * std::cos(position.Ra), cosDec * std::sin(position.Ra), std::sin(position.Dec)};
+}
+
+double SkyDistance(const SkyPosition& a, const SkyPosition& b) {
+    const double halfDec = std::sin((b.Dec - a.Dec) / 2);
+    const double halfRa = std::sin((b.Ra - a.Ra) / 2);
+    const double square = halfDec * halfDec + std::cos(a.Dec) * std::cos(b.Dec) * halfRa * halfRa;
+    return 2 * std::asin(std::sqrt(std::clamp(square, 0.0, 1.0)));
+}
+
+void Projection::SetProjectionCentre(SkyPosition centre, double scale) {
+    CentreRa = centre.Ra;
+    CentreDec = centre.Dec;
+    CosCentreRa = std::cos(centre.Ra);
+    SinCentreRa = std::sin(centre.Ra);
+    CosCentreDec = std::cos(centre.Dec);
+    SinCentreDec = std::sin(centre.Dec);
     ProjectionScale = scale;
 }
 
-double Projection::SkyToPlane(double ra, double dec, double& xi, double& eta) const {
-    const double cosDec = std::cos(dec);
-    const double x = std::cos(ra) * cosDec;
-    const double y = std::sin(ra) * cosDec;
-    const double z = std::sin(dec);
+double Projection::SkyToPlane(SkyPosition sky, double& xi, double& eta) const {
+    const auto [x, y, z] = DirectionOf(sky);
     const double towardMeridian = SinCentreRa * y + CosCentreRa * x;
     const double east = CosCentreRa * y - SinCentreRa * x;
     xi = -east * ProjectionScale;
@@ -28,7 +38,7 @@ double Projection::SkyToPlane(double ra, double dec, double& xi, double& eta) co
     return CosCentreDec * towardMeridian + SinCentreDec * z;
 }
 
-void Projection::PlaneToSky(double xi, double eta, double& ra, double& dec) const {
+SkyPosition Projection::PlaneToSky(double xi, double eta) const {
     const bool scaled = ProjectionScale != 0;
     const double a = scaled ? -xi / ProjectionScale : 0;
     const double b = scaled ? eta / ProjectionScale : 0;
@@ -38,10 +48,10 @@ void Projection::PlaneToSky(double xi, double eta, double& ra, double& dec) cons
     const double z = SinCentreDec * w + CosCentreDec * b;
     const double x = CosCentreRa * q - SinCentreRa * a;
     const double y = SinCentreRa * q + CosCentreRa * a;
-    dec = Atan2(z, std::sqrt(x * x + y * y));
-    ra = Atan2(y, x);
-    if (ra < 0) ra += TwoPi;
-    if (ra > TwoPi) ra -= TwoPi;
+    SkyPosition sky{Atan2(y, x), Atan2(z, std::sqrt(x * x + y * y))};
+    if (sky.Ra < 0) sky.Ra += TwoPi;
+    if (sky.Ra > TwoPi) sky.Ra -= TwoPi;
+    return sky;
 }
 
 double Atan2(double y, double x) {

@@ -1,5 +1,7 @@
-// Between the sky and a flat plate: the projection about a chosen centre, and angle helpers.
+// Positions on the sky, and the projection between the sky and a flat plate.
 #pragma once
+
+#include <array>
 
 #include "astro/libPlateStar.h"
 
@@ -10,6 +12,19 @@ struct SkyPosition {
     double Ra = 0;
     double Dec = 0;
 };
+inline SkyPosition PositionOf(const PlateStar& star) {
+    return {star.Ra, star.Dec};
+}
+
+/// A unit vector: toward right ascension 0 and 90° on the equator, and toward the north pole.
+using Direction = std::array<double, 3>;
+Direction DirectionOf(SkyPosition position);
+inline double Dot(const Direction& a, const Direction& b) {
+    return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
+}
+
+/// The distance of two positions, radians (haversine formula: good for small ones).
+double SkyDistance(const SkyPosition& a, const SkyPosition& b);
 
 /// The projection of the sky onto a plane that touches it at a centre. It is the orthographic one
 /// (direction cosines, no division by the distance cosine): the SIN projection of Calabretta &
@@ -24,16 +39,16 @@ struct Projection {
     double SinCentreDec = 0;
     double ProjectionScale = 1;  ///< plane units per radian
 
-    /// Sets the centre (radians) and the scale (plane units per radian, arcseconds as a rule).
-    void SetProjectionCentre(double ra0, double dec0, double scale);
+    /// Sets the centre and the scale (plane units per radian, arcseconds as a rule).
+    void SetProjectionCentre(SkyPosition centre, double scale);
 
-    /// Projects a position (radians): `xi` grows west, `eta` north, both in plane units.
+    /// Projects a position: `xi` grows west, `eta` north, both in plane units.
     /// @return the cosine of the angular distance from the centre; below 0 on the far hemisphere
-    double SkyToPlane(double ra, double dec, double& xi, double& eta) const;
+    double SkyToPlane(SkyPosition sky, double& xi, double& eta) const;
 
-    /// The position (radians, `ra` in 0..2π) of a point of the plane, on the near hemisphere. A
-    /// point outside the unit circle is placed on its rim.
-    void PlaneToSky(double xi, double eta, double& ra, double& dec) const;
+    /// The position (`Ra` in 0..2π) of a point of the plane, on the near hemisphere. A point
+    /// outside the unit circle is placed on its rim.
+    SkyPosition PlaneToSky(double xi, double eta) const;
 };
 
 /// Four-quadrant arctangent (radians, −π..π) built from the one-argument one and the program's π;

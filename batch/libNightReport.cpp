@@ -6,13 +6,13 @@
 #include <cstdio>
 #include <limits>
 #include <map>
-#include <numbers>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "astro/libConversions.h"
+#include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "batch/libJournal.h"
 #include "platform/libFiles.h"
@@ -22,7 +22,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr double degree = std::numbers::pi / 180;
 constexpr double notThere = std::numeric_limits<double>::quiet_NaN();
 
 /// What the page says of a picture; numbers that are not there are no numbers.
@@ -82,7 +81,7 @@ void FindDrift(std::vector<Row>& rows) {
         if (!row.Solved() || !std::isfinite(row.Ra) || !std::isfinite(row.Dec)) continue;
         const auto place = [&row](const Row& from) {
             const double ra = std::remainder(row.Ra - from.Ra, 360);
-            return std::pair{ra * std::cos(from.Dec * degree), row.Dec - from.Dec};
+            return std::pair{ra * std::cos(from.Dec * RadiansPerDegree), row.Dec - from.Dec};
         };
         if (first != nullptr) {
             const auto [east, north] = place(*first);
@@ -295,8 +294,8 @@ std::string Table(const std::vector<Row>& rows) {
                 Escaped(row.Picture.substr(LastFolderSeparator(row.Picture) + 1)) + "</td><td>" +
                 Escaped(row.Observed) + "</td><td>" +
                 Escaped(row.Reason.empty() ? row.End : row.End + ": " + row.Reason) + "</td>" +
-                number(placed ? Escaped(FormatRA(row.Ra * degree, true, 1)) : "") +
-                number(placed ? Escaped(FormatDec(row.Dec * degree, true, 0)) : "") +
+                number(placed ? Escaped(FormatRA(row.Ra * RadiansPerDegree, true, 1)) : "") +
+                number(placed ? Escaped(FormatDec(row.Dec * RadiansPerDegree, true, 0)) : "") +
                 number(Fixed(row.Scale, 3)) + number(Fixed(turned < 0 ? turned + 360 : turned, 2)) +
                 number(Fixed(row.Stars, 0)) + number(Fixed(row.Rms, 2)) +
                 number(Fixed(row.Seconds, 2)) + "</tr>\n";

@@ -60,8 +60,7 @@ class Sky {
     static constexpr double WidthDegrees = 2;
     static FrameGeometry Geometry(int megapixels) {
         FrameGeometry geometry;
-        geometry.CentreRa = 1.5;
-        geometry.CentreDec = 0.4;
+        geometry.Centre = {1.5, 0.4};
         geometry.Width = static_cast<int>(std::lround(std::sqrt(megapixels * 1e6 * 4 / 3)));
         geometry.Height = geometry.Width * 3 / 4;
         geometry.RadiansPerPixel = WidthDegrees / DegreesPerRadian / geometry.Width;
@@ -80,7 +79,7 @@ class Sky {
                 ZeroPointFor(exposure, MagnitudeLimitFor(geometry.Radius()) + 1.5, 8);
             std::vector<FrameStar> placed;
             for (const FrameStar& star : stars_) {
-                if (const auto place = SkyToFrame(geometry, star.Sky.Ra, star.Sky.Dec)) {
+                if (const auto place = SkyToFrame(geometry, PositionOf(star.Sky))) {
                     placed.push_back({star.Sky, *place});
                 }
             }
@@ -156,8 +155,8 @@ void WholeSolve(benchmark::State& state) {
     const auto path = TheSky().FramePath(static_cast<int>(state.range(0)), 16);
     const FrameGeometry geometry = Sky::Geometry(static_cast<int>(state.range(0)));
     const double width = geometry.Width * geometry.RadiansPerPixel;
-    const std::string parameters = NumberText(geometry.CentreRa + width / 6) + "," +
-                                   NumberText(geometry.CentreDec) + "," + NumberText(width) + "," +
+    const std::string parameters = NumberText(geometry.Centre.Ra + width / 6) + "," +
+                                   NumberText(geometry.Centre.Dec) + "," + NumberText(width) + "," +
                                    NumberText(width * 3 / 4) + ",9," + TextFromPath(path);
     SilentPort port;
     SolveCode code = SolveCode::NoImage;
@@ -197,12 +196,12 @@ struct Lists {
         Plate = ExtractStars(*image, DetectionSettings(), facts);
         CatalogCache cache;
         cache.Folder = TheSky().CatalogFolder();
-        Region(cache, geometry.CentreRa + offset, geometry.CentreDec);
+        Region(cache, geometry.Centre.Ra + offset, geometry.Centre.Dec);
     }
     void Region(CatalogCache& cache, double ra, double dec) {
         const double radius = Sky::Geometry(2).Radius();
         Projection plane;
-        plane.SetProjectionCentre(ra, dec, SolveArcsecondsPerRadian);
+        plane.SetProjectionCentre({ra, dec}, SolveArcsecondsPerRadian);
         Catalog = RegionStars(cache, plane, {ra, dec}, radius, MagnitudeLimitFor(radius));
     }
 };

@@ -100,7 +100,7 @@ class Bench {
         for (int region = 1; region <= regions; ++region) {
             ++tally.Regions;
             Projection plane;
-            plane.SetProjectionCentre(centre.Ra, centre.Dec, ExactArcsecondsPerRadian);
+            plane.SetProjectionCentre(centre, ExactArcsecondsPerRadian);
             const PlateStarList catalog =
                 RegionStars(cache_, plane, centre, radius, MagnitudeLimitFor(radius));
             found_ = AlignImages(catalog, list.Stars, maxError, settings, triangles);
@@ -120,8 +120,8 @@ class Bench {
                 if (surest < 2) Remark("wrong", list, confidence);
             }
             NextSpiralCell(i, j, ring);
-            plane.SetProjectionCentre(list.Start.Ra, list.Start.Dec, ExactArcsecondsPerRadian);
-            plane.PlaneToSky(i * step, j * step, centre.Ra, centre.Dec);
+            plane.SetProjectionCentre(list.Start, ExactArcsecondsPerRadian);
+            centre = plane.PlaneToSky(i * step, j * step);
         }
     }
 
@@ -143,9 +143,8 @@ class Bench {
         if (!list.Truth) return false;
         double xi = 0;
         double eta = 0;
-        SkyPosition found;
         InvertPlateFit(found_.Constants, (list.Width - 1) / 2.0, (list.Height - 1) / 2.0, xi, eta);
-        plane.PlaneToSky(xi, eta, found.Ra, found.Dec);
+        const SkyPosition found = plane.PlaneToSky(xi, eta);
         return Separation(found, *list.Truth) < 0.03 * radius;
     }
 
@@ -297,8 +296,7 @@ Case SkyCase(const fs::path& catalog, Generator& random, double from, double to,
     FrameGeometry geometry;
     geometry.Width = list.Width;
     geometry.Height = list.Height;
-    geometry.CentreRa = list.Start.Ra;
-    geometry.CentreDec = list.Start.Dec;
+    geometry.Centre = list.Start;
     geometry.RadiansPerPixel = 2 * std::tan(list.FieldWidth / 2) / list.Width;
     geometry.UpPositionAngle = Uniform(random, 0, 2 * Pi);
     geometry.Mirrored = Uniform(random, 0, 1) < 0.5;
@@ -341,10 +339,9 @@ Case SkyCase(const fs::path& catalog, Generator& random, double from, double to,
     for (const Seen& star : seen) AddStar(list, star.X, star.Y);
     list.Truth = list.Start;
     Projection plane;
-    plane.SetProjectionCentre(list.Truth->Ra, list.Truth->Dec, 1);
-    plane.PlaneToSky(list.FieldWidth * Uniform(random, -0.25, 0.25),
-                     list.FieldHeight * Uniform(random, -0.25, 0.25), list.Start.Ra,
-                     list.Start.Dec);
+    plane.SetProjectionCentre(*list.Truth, 1);
+    list.Start = plane.PlaneToSky(list.FieldWidth * Uniform(random, -0.25, 0.25),
+                                  list.FieldHeight * Uniform(random, -0.25, 0.25));
     const double told = Uniform(random, 0.96, 1.04);
     list.FieldWidth *= told;
     list.FieldHeight *= told;

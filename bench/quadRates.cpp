@@ -56,8 +56,8 @@ Trial DrawTrial(const QuadBand& band, std::mt19937_64& random) {
     trial.HalfDiagonal = diagonal / 2;
     trial.Geometry.Width = 1600;
     trial.Geometry.Height = 1200;
-    trial.Geometry.CentreRa = 2 * std::numbers::pi * uniform(random);
-    trial.Geometry.CentreDec = std::asin(2 * uniform(random) - 1);
+    trial.Geometry.Centre.Ra = 2 * std::numbers::pi * uniform(random);
+    trial.Geometry.Centre.Dec = std::asin(2 * uniform(random) - 1);
     trial.Geometry.RadiansPerPixel = 2 * std::tan(trial.Width / 2) / trial.Geometry.Width;
     trial.Geometry.UpPositionAngle = 2 * std::numbers::pi * uniform(random);
     trial.Geometry.Mirrored = uniform(random) < 0.5;
@@ -107,7 +107,7 @@ PlateStarList ImageStars(const Trial& trial, Kind kind, const std::filesystem::p
 }
 
 void Count(Counts& counts, const ProgramState& state, const Trial& trial, bool matched) {
-    const SkyPosition truth{trial.Geometry.CentreRa, trial.Geometry.CentreDec};
+    const SkyPosition truth = trial.Geometry.Centre;
     if (!matched) {
         ++counts.None;
     } else if (Separation(state.QuadMatch.Centre, truth) < 0.05 * trial.HalfDiagonal) {

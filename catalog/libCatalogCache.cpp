@@ -29,30 +29,21 @@ void Describe(CachedCell& cell) {
         std::is_sorted(first, cell.Stars.end(),
                        [](const CatalogStar& a, const CatalogStar& b) { return a.Mag < b.Mag; });
 
-    std::vector<double> vectors;
-    vectors.reserve(cell.Stars.size() * 3);
-    double sum[3] = {0, 0, 0};
+    std::vector<Direction> directions;
+    directions.reserve(cell.Stars.size());
+    Direction sum{};
     for (auto star = first; star != cell.Stars.end(); ++star) {
-        const double ra = static_cast<double>(star->Ra);
-        const double dec = static_cast<double>(star->Dec);
-        const double vector[3] = {std::cos(ra) * std::cos(dec), std::sin(ra) * std::cos(dec),
-                                  std::sin(dec)};
-        for (int i = 0; i < 3; ++i) {
-            sum[i] += vector[i];
-            vectors.push_back(vector[i]);
-        }
+        const Direction& direction = directions.emplace_back(DirectionOf(PositionOf(*star)));
+        for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += direction[i];
     }
-    const double length = std::sqrt(sum[0] * sum[0] + sum[1] * sum[1] + sum[2] * sum[2]);
+    const double length = std::sqrt(Dot(sum, sum));
     // A circle of half the sky excludes nothing; it also serves for broken positions.
     cell.Radius = Pi;
     if (!(length > 0)) return;
-    cell.CentreX = sum[0] / length;
-    cell.CentreY = sum[1] / length;
-    cell.CentreZ = sum[2] / length;
+    cell.Centre = {sum[0] / length, sum[1] / length, sum[2] / length};
     double smallestCosine = 1;
-    for (std::size_t i = 0; i < vectors.size(); i += 3) {
-        const double cosine = cell.CentreX * vectors[i] + cell.CentreY * vectors[i + 1] +
-                              cell.CentreZ * vectors[i + 2];
+    for (const Direction& direction : directions) {
+        const double cosine = Dot(cell.Centre, direction);
         if (!(cosine >= smallestCosine)) smallestCosine = cosine;
     }
     if (smallestCosine >= -1) cell.Radius = std::acos(smallestCosine);
@@ -104,7 +95,7 @@ void CatalogCache::LoadCell(const std::string& name) {
     Index[name] = place;
 }
 
-void CatalogCache::LoadRegion(double ra0, double dec0, double radius) {
+void CatalogCache::LoadRegion(SkyPosition centre, double radius) {
     for (CachedCell& cell : Cells) {
         cell.InUse = false;
         ++cell.Age;
@@ -112,15 +103,14 @@ void CatalogCache::LoadRegion(double ra0, double dec0, double radius) {
     constexpr int raSteps = 30;
     constexpr int decSteps = 5;
     // Near a pole a small circle reaches around the whole of the right ascensions.
-    const bool nearPole = !(std::fabs(dec0 * (180 / Pi)) < 80);
-    const double q = nearPole ? TwoPi : radius / std::cos(dec0);
+    const bool nearPole = !(std::fabs(centre.Dec * (180 / Pi)) < 80);
+    const double q = nearPole ? TwoPi : radius / std::cos(centre.Dec);
     CellPosition last;
     int timesInARow = 0;
     for (int i = -raSteps; i <= raSteps; ++i) {
         for (int j = -decSteps; j <= decSteps; ++j) {
-            const double dec = j * radius / decSteps + dec0;
-            const double ra = i * q / raSteps + ra0;
-            const CellPosition cell = CellOf(ra, dec);
+            const CellPosition cell =
+                CellOf({i * q / raSteps + centre.Ra, j * radius / decSteps + centre.Dec});
             timesInARow = cell == last ? timesInARow + 1 : 1;
             last = cell;
             // The second touch resets the age of a cell just read; further ones change nothing.

@@ -20,10 +20,8 @@ struct CachedCell {
     std::int32_t Age = 0;            ///< regions since the cell was last touched
 
     bool BrightestFirst = false;  ///< the stars are in rising order of magnitude
-    /// A circle on the sky that holds all stars: its centre as a unit vector, its radius (radians).
-    double CentreX = 0;
-    double CentreY = 0;
-    double CentreZ = 0;
+    /// A circle on the sky that holds all stars; the radius in radians.
+    Direction Centre{};
     double Radius = 0;
 };
 
@@ -42,9 +40,9 @@ struct CatalogCache {
     /// where that is possible, and counts as a cell without stars.
     void LoadCell(const std::string& name);
 
-    /// Loads every cell that a circular region touches (radians), marks these `InUse`, and trims
-    /// the cache.
-    void LoadRegion(double ra0, double dec0, double radius);
+    /// Loads every cell that a circular region touches, marks these `InUse`, and trims the cache.
+    /// @param radius radians
+    void LoadRegion(SkyPosition centre, double radius);
 
  private:
     void Trim();

@@ -28,14 +28,14 @@ void WriteLittleEndian32(std::uint32_t value, unsigned char* bytes) {
 
 }  // namespace
 
-CellPosition CellOf(double ra, double dec) {
+CellPosition CellOf(SkyPosition position) {
     CellPosition cell;
-    cell.South = !(dec >= 0);
-    const double declination = std::fabs(dec) * DegreesPerRadian;
+    cell.South = !(position.Dec >= 0);
+    const double declination = std::fabs(position.Dec) * DegreesPerRadian;
     // The bound also catches what is not a number.
     cell.Zone =
         declination < 90 ? static_cast<int>(std::floor(declination / 2.5)) : ZonesPerHemisphere - 1;
-    double degrees = ra * DegreesPerRadian;
+    double degrees = position.Ra * DegreesPerRadian;
     if (degrees < 0) degrees += 360;
     if (degrees > 360) degrees -= 360;
     const double slice = std::floor(degrees / SliceWidth(cell.Zone));
@@ -47,10 +47,6 @@ CellPosition CellOf(double ra, double dec) {
 
 std::string CellName(const CellPosition& cell) {
     return (cell.South ? "S" : "N") + TwoDigits(cell.Zone) + "R" + TwoDigits(cell.Slice);
-}
-
-std::string CellName(double ra, double dec) {
-    return CellName(CellOf(ra, dec));
 }
 
 double SliceWidth(int zone) {

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "astro/libSphericalMath.h"
+
 namespace vestrel {
 
 /// One catalog entry, J2000.
@@ -18,6 +20,9 @@ struct CatalogStar {
     float Dec = 0;         ///< radians
     std::int16_t Mag = 0;  ///< hundredths of a magnitude
 };
+inline SkyPosition PositionOf(const CatalogStar& star) {
+    return {static_cast<double>(star.Ra), static_cast<double>(star.Dec)};
+}
 
 /// A record on disk: Ra, Dec, Mag, little-endian.
 inline constexpr std::size_t CatalogRecordBytes = 10;
@@ -34,13 +39,11 @@ struct CellPosition {
     friend bool operator==(const CellPosition&, const CellPosition&) = default;
 };
 
-/// The cell that holds a position (radians).
-CellPosition CellOf(double ra, double dec);
+/// The cell that holds a position.
+CellPosition CellOf(SkyPosition position);
 
 /// The name of a cell: hemisphere, zone, "R", slice, as in "N05R12".
 std::string CellName(const CellPosition& cell);
-/// The name of the cell that holds a position (radians).
-std::string CellName(double ra, double dec);
 
 /// How many slices of right ascension a zone (0..35) has, and how wide they are (degrees).
 int SlicesInZone(int zone);

@@ -28,25 +28,21 @@ void SortByMagnitude(PlateStarList& stars) {
 class RegionReach {
  public:
     RegionReach(const Projection& projection, double limit)
-        : x_(projection.CosCentreRa * projection.CosCentreDec),
-          y_(projection.SinCentreRa * projection.CosCentreDec),
-          z_(projection.SinCentreDec) {
+        : centre_(DirectionOf({projection.CentreRa, projection.CentreDec})) {
         const double sine = std::fabs(limit / projection.ProjectionScale);
         // Beyond this the region covers the plane. The margin outweighs all rounding.
         if (sine < 0.99) reach_ = std::asin(sine) + 1e-4;
     }
 
     bool Excludes(const CachedCell& cell) const {
-        const double cosine = x_ * cell.CentreX + y_ * cell.CentreY + z_ * cell.CentreZ;
+        const double cosine = Dot(centre_, cell.Centre);
         const double distance = std::acos(std::fmin(std::fmax(cosine, -1.0), 1.0));
         const double needed = reach_ + cell.Radius;
         return distance > needed && distance < Pi - needed;
     }
 
  private:
-    double x_;
-    double y_;
-    double z_;
+    Direction centre_;
     double reach_ = Pi;  ///< radians
 };
 
@@ -62,7 +58,7 @@ PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, Sky
     constexpr std::int32_t mostStars = 10000;
     const double limit = radius * SolveArcsecondsPerRadian;
     const double limitSquared = limit * limit;
-    cache.LoadRegion(centre.Ra, centre.Dec, radius);
+    cache.LoadRegion(centre, radius);
     const RegionReach reach(projection, limit);
 
     PlateStarList stars;
@@ -77,8 +73,7 @@ PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, Sky
             }
             double xi = 0;
             double eta = 0;
-            projection.SkyToPlane(static_cast<double>(star.Ra), static_cast<double>(star.Dec), xi,
-                                  eta);
+            projection.SkyToPlane(PositionOf(star), xi, eta);
             if (stars.Count() < mostStars && xi * xi + eta * eta <= limitSquared) {
                 stars.Add(ProjectedStar(star, xi, eta, magnitude));
             }
@@ -92,7 +87,7 @@ PlateStarList FieldStars(const CatalogCache& cache, Projection& projection, SkyP
                          double radius, double magLimit) {
     constexpr std::int32_t mostStars = 1000;
     const double limit = radius * ArcsecondsPerRadian;
-    projection.SetProjectionCentre(centre.Ra, centre.Dec, ArcsecondsPerRadian);
+    projection.SetProjectionCentre(centre, ArcsecondsPerRadian);
     PlateStarList stars;
     for (const CachedCell& cell : cache.Cells) {
         if (!cell.InUse) continue;
@@ -102,8 +97,7 @@ PlateStarList FieldStars(const CatalogCache& cache, Projection& projection, SkyP
             if (!(magnitude <= magLimit)) continue;
             double xi = 0;
             double eta = 0;
-            const double cosine = projection.SkyToPlane(static_cast<double>(star.Ra),
-                                                        static_cast<double>(star.Dec), xi, eta);
+            const double cosine = projection.SkyToPlane(PositionOf(star), xi, eta);
             const double distance = std::sqrt(xi * xi + eta * eta);
             if (stars.Count() < mostStars && distance <= limit && cosine >= 0) {
                 stars.Add(ProjectedStar(star, xi, eta, magnitude));

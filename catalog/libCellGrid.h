@@ -16,6 +16,9 @@ struct SkyStar {
     double Dec = 0;  ///< radians, −π/2..π/2
     double Mag = 0;  ///< magnitudes
 };
+inline SkyPosition PositionOf(const SkyStar& star) {
+    return {star.Ra, star.Dec};
+}
 
 /// Takes the stars of a source one by one.
 using StarSink = std::function<void(const SkyStar&)>;
@@ -44,7 +47,7 @@ std::optional<CatalogStar> StoredStar(const SkyStar& star);
 /// The cell of a stored star. It goes by the stored, rounded position: so does whoever looks the
 /// star up or checks the file.
 inline CellPosition CellOfStored(const CatalogStar& star) {
-    return CellOf(star.Ra, star.Dec);
+    return CellOf(PositionOf(star));
 }
 
 }  // namespace vestrel

@@ -75,22 +75,17 @@ std::vector<SkyStar> ReadBrightStars(const std::filesystem::path& file, std::siz
     return stars;
 }
 
-BrightStarFinder::Direction BrightStarFinder::DirectionOf(const SkyStar& star) {
-    const double equatorial = std::cos(star.Dec);
-    return {equatorial * std::cos(star.Ra), equatorial * std::sin(star.Ra), std::sin(star.Dec)};
-}
-
 BrightStarFinder::BrightStarFinder(std::vector<SkyStar> stars)
     : Stars(std::move(stars)), Present(Stars.size(), false) {
     for (std::size_t i = 0; i < Stars.size(); ++i) {
-        const Direction at = DirectionOf(Stars[i]);
+        const Direction at = DirectionOf(PositionOf(Stars[i]));
         Directions.push_back(at);
         // The corners of the cube around the star lie in every box that its reach touches.
         std::set<int> boxes;
         for (int corner = 0; corner < 8; ++corner) {
-            boxes.insert(BoxNumber(at.X + ((corner & 1) != 0 ? reach : -reach),
-                                   at.Y + ((corner & 2) != 0 ? reach : -reach),
-                                   at.Z + ((corner & 4) != 0 ? reach : -reach)));
+            boxes.insert(BoxNumber(at[0] + ((corner & 1) != 0 ? reach : -reach),
+                                   at[1] + ((corner & 2) != 0 ? reach : -reach),
+                                   at[2] + ((corner & 4) != 0 ? reach : -reach)));
         }
         for (const int box : boxes) Boxes[box].push_back(i);
     }
@@ -99,13 +94,13 @@ BrightStarFinder::BrightStarFinder(std::vector<SkyStar> stars)
 void BrightStarFinder::Visit(const SkyStar& star) {
     constexpr double near = 10 * arcsecond;
     if (Stars.empty()) return;
-    const Direction at = DirectionOf(star);
-    const auto box = Boxes.find(BoxNumber(at.X, at.Y, at.Z));
+    const Direction at = DirectionOf(PositionOf(star));
+    const auto box = Boxes.find(BoxNumber(at[0], at[1], at[2]));
     if (box == Boxes.end()) return;
     for (const std::size_t i : box->second) {
         const Direction& bright = Directions[i];
         // At these distances the chord is as long as the arc.
-        const double distance = std::hypot(at.X - bright.X, at.Y - bright.Y, at.Z - bright.Z);
+        const double distance = std::hypot(at[0] - bright[0], at[1] - bright[1], at[2] - bright[2]);
         const double difference = std::fabs(star.Mag - Stars[i].Mag);
         if ((distance <= near && difference < 2) || (distance <= reach && difference < 0.75)) {
             Present[i] = true;

@@ -33,11 +33,6 @@ class BrightStarFinder {
     std::vector<SkyStar> Missing() const;
 
  private:
-    struct Direction {
-        double X, Y, Z;
-    };
-    static Direction DirectionOf(const SkyStar& star);
-
     std::vector<SkyStar> Stars;
     std::vector<Direction> Directions;
     std::vector<bool> Present;

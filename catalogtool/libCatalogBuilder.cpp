@@ -44,11 +44,11 @@ bool IsAtAnEdge(const CatalogStar& star) {
     const CellPosition cell = CellOfStored(star);
     const double reach = 1.01 * sameStar;
     const double aside = std::min(reach / std::max(std::cos(DecOf(star)), 1e-6), 0.1);
-    return !(CellOf(RaOf(star), DecOf(star) + reach) == cell) ||
-           !(CellOf(RaOf(star), DecOf(star) - reach) == cell) ||
+    return !(CellOf({RaOf(star), DecOf(star) + reach}) == cell) ||
+           !(CellOf({RaOf(star), DecOf(star) - reach}) == cell) ||
            (cell.Zone < ZonesPerHemisphere - 1 &&
-            (!(CellOf(RaOf(star) + aside, DecOf(star)) == cell) ||
-             !(CellOf(RaOf(star) - aside, DecOf(star)) == cell)));
+            (!(CellOf({RaOf(star) + aside, DecOf(star)}) == cell) ||
+             !(CellOf({RaOf(star) - aside, DecOf(star)}) == cell)));
 }
 
 /// Boxes of space somewhat larger than two stars can differ in place and still be one: without

@@ -20,21 +20,6 @@ using std::numbers::pi;
 /// How far the stars of a quad may lie from its central one, on the plane of a frame.
 constexpr double neighbourRadius = 1.5 * RadiansPerDegree;
 
-/// Unit vector.
-struct Direction {
-    double X = 0;
-    double Y = 0;
-    double Z = 0;
-};
-
-double Dot(const Direction& a, const Direction& b) {
-    return a.X * b.X + a.Y * b.Y + a.Z * b.Z;
-}
-
-Direction DirectionOf(double ra, double dec) {
-    return {std::cos(dec) * std::cos(ra), std::cos(dec) * std::sin(ra), std::sin(dec)};
-}
-
 double MiddleDiagonal(const QuadPlan& plan) {
     return std::sqrt(plan.SmallestDiagonal * plan.LargestDiagonal) * RadiansPerDegree;
 }
@@ -50,14 +35,14 @@ class BrightCells {
  public:
     struct Star {
         std::int32_t Place = 0;  ///< in the sky: the fainter, the larger
-        Direction At;
+        Direction At{};
     };
 
     BrightCells(const std::vector<CatalogStar>& sky, const QuadPlan& plan)
         : cells_(CellsFor(plan)) {
         const auto most = static_cast<std::uint32_t>(plan.StarsPerFrame);
         const auto cellOf = [&](const CatalogStar& star) {
-            return cells_.CellOf(static_cast<double>(star.Ra), static_cast<double>(star.Dec));
+            return cells_.CellOf(PositionOf(star));
         };
         std::vector<std::uint32_t> counts(cells_.Count());
         for (const CatalogStar& star : sky) {
@@ -71,16 +56,15 @@ class BrightCells {
         for (std::size_t i = 0; i < sky.size(); ++i) {
             const std::uint32_t cell = cellOf(sky[i]);
             if (counts[cell] == most) continue;
-            stars_[starts_[cell] + counts[cell]++] = {
-                static_cast<std::int32_t>(i),
-                DirectionOf(static_cast<double>(sky[i].Ra), static_cast<double>(sky[i].Dec))};
+            stars_[starts_[cell] + counts[cell]++] = {static_cast<std::int32_t>(i),
+                                                      DirectionOf(PositionOf(sky[i]))};
         }
     }
 
     /// Calls `visit` with every star of the cells that a circle touches.
     template <typename Visit>
-    void Around(double ra, double dec, double radius, Visit visit) const {
-        cells_.Around(ra, dec, radius, [&](std::uint32_t first, std::uint32_t count) {
+    void Around(SkyPosition centre, double radius, Visit visit) const {
+        cells_.Around(centre, radius, [&](std::uint32_t first, std::uint32_t count) {
             for (std::uint32_t i = starts_[first]; i < starts_[first + count]; ++i)
                 visit(stars_[i]);
         });
@@ -136,7 +120,7 @@ class FrameSet {
         const double aspect = aspects[static_cast<std::size_t>(number % 3)];
         const double width = diagonal * aspect / std::hypot(aspect, 1.0);
 
-        const Direction centre = DirectionOf(ra, dec);
+        const Direction centre = DirectionOf({ra, dec});
         const Direction east{-std::sin(ra), std::cos(ra), 0};
         const Direction north{-std::sin(dec) * std::cos(ra), -std::sin(dec) * std::sin(ra),
                               std::cos(dec)};
@@ -145,7 +129,7 @@ class FrameSet {
         const double cosTurn = std::cos(turn);
         const double sinTurn = std::sin(turn);
         stars.clear();
-        cells_.Around(ra, dec, diagonal / 2 * 1.1, [&](const BrightCells::Star& star) {
+        cells_.Around({ra, dec}, diagonal / 2 * 1.1, [&](const BrightCells::Star& star) {
             const double z = Dot(star.At, centre);
             if (z <= 0) return;
             const double e = Dot(star.At, east) / z;
@@ -358,8 +342,7 @@ void QuadSky::Add(std::vector<CatalogStar> cell) {
     std::sort(cell.begin(), cell.end(), ComesBefore);
     std::unordered_map<std::uint32_t, std::size_t> counts;
     for (const CatalogStar& star : cell) {
-        std::size_t& count =
-            counts[cells_.CellOf(static_cast<double>(star.Ra), static_cast<double>(star.Dec))];
+        std::size_t& count = counts[cells_.CellOf(PositionOf(star))];
         if (++count <= mostInCell_) stars_.push_back(star);
     }
 }

@@ -25,14 +25,16 @@ class SkyRandom {
     std::uint64_t state_;
 };
 
-double Cosine(double ra1, double dec1, double ra2, double dec2) {
-    return std::sin(dec1) * std::sin(dec2) + std::cos(dec1) * std::cos(dec2) * std::cos(ra1 - ra2);
+/// Of the distance of two positions.
+double Cosine(SkyPosition a, SkyPosition b) {
+    return std::sin(a.Dec) * std::sin(b.Dec) +
+           std::cos(a.Dec) * std::cos(b.Dec) * std::cos(a.Ra - b.Ra);
 }
 
 /// The density at a place relative to the densest: 1 in the galactic plane, 1/8 at the poles.
-double RelativeDensity(double ra, double dec) {
+double RelativeDensity(SkyPosition sky) {
     const double sine =
-        std::fabs(Cosine(ra, dec, 192.8595 * RadiansPerDegree, 27.1283 * RadiansPerDegree));
+        std::fabs(Cosine(sky, {192.8595 * RadiansPerDegree, 27.1283 * RadiansPerDegree}));
     return 0.125 + 0.875 * std::exp(-sine / 0.2);
 }
 
@@ -48,6 +50,7 @@ void MakeSyntheticSky(const SyntheticSky& sky, const StarSink& sink) {
     constexpr double slope = 0.42;
     constexpr double brightest = 2;
     const double cosRadius = std::cos(std::min(sky.Radius, 180.0) * RadiansPerDegree);
+    const SkyPosition centre{sky.CentreRa * RadiansPerDegree, sky.CentreDec * RadiansPerDegree};
     const std::vector<CellPosition>& cells = AllCells();
     for (std::size_t number = 0; number < cells.size(); ++number) {
         const CellPosition& cell = cells[number];
@@ -59,8 +62,7 @@ void MakeSyntheticSky(const SyntheticSky& sky, const StarSink& sink) {
         // the polar ones.
         const double middle = (cell.South ? -1 : 1) * std::asin((sine0 + sine1) / 2);
         if (sky.Radius < 170 && cell.Zone < ZonesPerHemisphere - 5 &&
-            Cosine(ra0 + width / 2, middle, sky.CentreRa * RadiansPerDegree,
-                   sky.CentreDec * RadiansPerDegree) <
+            Cosine({ra0 + width / 2, middle}, centre) <
                 std::cos(std::min(sky.Radius + 8, 180.0) * RadiansPerDegree)) {
             continue;
         }
@@ -73,10 +75,8 @@ void MakeSyntheticSky(const SyntheticSky& sky, const StarSink& sink) {
                 (cell.South ? -1 : 1) * std::asin(sine0 + (sine1 - sine0) * random.Uniform());
             const double share = random.Uniform();
             const double chance = random.Uniform();
-            if (chance > RelativeDensity(ra, dec)) continue;
-            if (Cosine(ra, dec, sky.CentreRa * RadiansPerDegree, sky.CentreDec * RadiansPerDegree) <
-                cosRadius)
-                continue;
+            if (chance > RelativeDensity({ra, dec})) continue;
+            if (Cosine({ra, dec}, centre) < cosRadius) continue;
             const double magnitude =
                 sky.FaintestMagnitude + std::log10(std::max(share, 1e-12)) / slope;
             sink({ra, dec, std::max(magnitude, brightest)});

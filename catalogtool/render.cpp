@@ -64,10 +64,10 @@ struct RenderPlan {
 
 FrameGeometry GeometryOf(const RenderOptions& options) {
     FrameGeometry geometry;
-    geometry.CentreRa = ParseRA(options.Ra);
-    if (geometry.CentreRa == InvalidAngle) WrongUsage("--ra: no right ascension: " + options.Ra);
-    geometry.CentreDec = ParseDec(options.Dec);
-    if (geometry.CentreDec == InvalidAngle) WrongUsage("--dec: no declination: " + options.Dec);
+    geometry.Centre.Ra = ParseRA(options.Ra);
+    if (geometry.Centre.Ra == InvalidAngle) WrongUsage("--ra: no right ascension: " + options.Ra);
+    geometry.Centre.Dec = ParseDec(options.Dec);
+    if (geometry.Centre.Dec == InvalidAngle) WrongUsage("--dec: no declination: " + options.Dec);
     const auto size = ParseFieldSize(options.Size);
     if (!size) WrongUsage("--size: no field size: " + options.Size);
 
@@ -171,8 +171,8 @@ std::vector<std::string> HeaderCards(const RenderOptions& options, const RenderP
                        std::nearbyint(pixelMicrometres / 1000 / geometry.RadiansPerPixel),
                        "millimetres"),
         FitsNumberCard("SECPIX", RoundToDecimals(arcsecondsPerPixel, 2), "arcseconds per pixel"),
-        FitsTextCard("OBJCTRA", ToTheMinute(FormatRA(geometry.CentreRa, false, 0))),
-        FitsTextCard("OBJCTDEC", ToTheMinute(FormatDec(geometry.CentreDec, false, 0))),
+        FitsTextCard("OBJCTRA", ToTheMinute(FormatRA(geometry.Centre.Ra, false, 0))),
+        FitsTextCard("OBJCTDEC", ToTheMinute(FormatDec(geometry.Centre.Dec, false, 0))),
     };
 }
 
@@ -206,8 +206,8 @@ Json TruthOf(const RenderOptions& options, const RenderPlan& plan,
     double up = std::fmod(options.Rotation, 360);
     if (up < 0) up += 360;
     Json truth;
-    truth["ra_deg"] = geometry.CentreRa / RadiansPerDegree;
-    truth["dec_deg"] = geometry.CentreDec / RadiansPerDegree;
+    truth["ra_deg"] = geometry.Centre.Ra / RadiansPerDegree;
+    truth["dec_deg"] = geometry.Centre.Dec / RadiansPerDegree;
     truth["scale_arcsec_px"] = geometry.RadiansPerPixel / RadiansPerDegree * 3600;
     truth["up_position_angle_deg"] = up;
     truth["mirrored"] = geometry.Mirrored;
@@ -232,9 +232,7 @@ Json TruthOf(const RenderOptions& options, const RenderPlan& plan,
     Json corners = Json::array();
     for (const double y : {0.0, geometry.Height - 1.0}) {
         for (const double x : {0.0, geometry.Width - 1.0}) {
-            double ra = 0;
-            double dec = 0;
-            FrameToSky(geometry, {x, y}, ra, dec);
+            const auto [ra, dec] = FrameToSky(geometry, {x, y});
             corners.push_back({{"x", x},
                                {"y", y},
                                {"ra_deg", ra / RadiansPerDegree},

@@ -270,7 +270,6 @@ nlohmann::ordered_json JsonQuads(const ProgramState& state) {
 
 /// The likeliest cause of a failure, and all that was looked at.
 nlohmann::ordered_json JsonCause(const FailureCause& cause) {
-    constexpr double degreesPerRadian = 57.29577951308232;
     const FailureEvidence& evidence = cause.Evidence;
     const ImageHealth& health = evidence.Health;
     nlohmann::ordered_json json = {
@@ -296,11 +295,11 @@ nlohmann::ordered_json JsonCause(const FailureCause& cause) {
     if (evidence.CatalogEnd > 0) found["catalog_end"] = evidence.CatalogEnd;
     if (evidence.Elsewhere) {
         const PlateSolution& solution = *evidence.Elsewhere;
-        found["elsewhere"] = {{"ra_deg", solution.CentreRA * degreesPerRadian},
-                              {"dec_deg", solution.CentreDec * degreesPerRadian},
+        found["elsewhere"] = {{"ra_deg", solution.CentreRA * ExactDegreesPerRadian},
+                              {"dec_deg", solution.CentreDec * ExactDegreesPerRadian},
                               {"width_arcmin", solution.WidthArcmin},
                               {"height_arcmin", solution.HeightArcmin},
-                              {"separation_deg", evidence.Separation * degreesPerRadian},
+                              {"separation_deg", evidence.Separation * ExactDegreesPerRadian},
                               {"size_ratio", evidence.SizeRatio},
                               {"log10_false_alarm", solution.Confidence.Log10FalseAlarm}};
     }

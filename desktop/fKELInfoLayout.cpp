@@ -38,7 +38,7 @@ void SolveWindow::BuildControls() {
     auto* results = new QGridLayout;
     results->addWidget(BuildCentre(), 0, 0);
     results->addWidget(BuildShownValues("Starting Values",
-                                        {{"RA", "lblRA0", &Display::StartRA},
+                                        {{"RA", "lblRA0", &Display::StartRa},
                                          {"Dec", "lblDec0", &Display::StartDec},
                                          {"Plate Size", "lblSize", &Display::StartSize},
                                          {"Max Regions", "lblMaxRegions", &Display::StartRegions}}),
@@ -180,7 +180,7 @@ QLayout* SolveWindow::BuildCommands() {
 QGroupBox* SolveWindow::BuildCentre() {
     centrePanel_ = new QGroupBox;
     centrePanel_->setObjectName("fraCenter");
-    QLabel* ra = AddShown("lblRA", &SolveDisplay::CentreRA);
+    QLabel* ra = AddShown("lblRA", &SolveDisplay::CentreRa);
     QLabel* dec = AddShown("lblDec", &SolveDisplay::CentreDec);
     ra->setAccessibleName("Right ascension");
     dec->setAccessibleName("Declination");

@@ -6,14 +6,13 @@
 #include <numbers>
 #include <utility>
 
+#include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "platform/libFiles.h"
 
 namespace vestrel {
 
 namespace {
-
-constexpr double degree = std::numbers::pi / 180;
 
 std::vector<std::string_view> Split(std::string_view text, char separator) {
     std::vector<std::string_view> parts;
@@ -43,14 +42,14 @@ std::optional<SkyObject> ObjectOfLine(std::string_view line) {
         if (!name.empty()) object.OtherNames.emplace_back(name);
     }
     object.Kind = columns[2];
-    object.Position = {*ra * degree, *dec * degree};
+    object.Position = {*ra * RadiansPerDegree, *dec * RadiansPerDegree};
     object.Magnitude = NumberWithin(columns[5], -30, 40);
     constexpr double largest = 90 * 60;
-    object.Major = NumberWithin(columns[6], 0, largest).value_or(0) / 60 * degree;
-    object.Minor = NumberWithin(columns[7], 0, largest).value_or(0) / 60 * degree;
+    object.Major = NumberWithin(columns[6], 0, largest).value_or(0) / 60 * RadiansPerDegree;
+    object.Minor = NumberWithin(columns[7], 0, largest).value_or(0) / 60 * RadiansPerDegree;
     const auto angle = NumberWithin(columns[8], -360, 360);
     if (!angle || object.Minor == 0) object.Minor = object.Major;
-    object.PositionAngle = angle.value_or(0) * degree;
+    object.PositionAngle = angle.value_or(0) * RadiansPerDegree;
     return object;
 }
 
@@ -74,7 +73,7 @@ double Conspicuousness(const SkyObject& object) {
     const bool named = object.Name.starts_with("M ") ||
                        std::any_of(object.OtherNames.begin(), object.OtherNames.end(),
                                    [](const std::string& name) { return !IsNumbered(name); });
-    const double arcminutes = object.Major / degree * 60;
+    const double arcminutes = object.Major / RadiansPerDegree * 60;
     const double bySize = 13 - 2 * std::log2(std::max(arcminutes, 0.5));
     const double magnitude =
         object.Magnitude ? std::min(*object.Magnitude, std::max(bySize, 6.0)) : bySize;

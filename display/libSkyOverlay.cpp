@@ -43,14 +43,14 @@ std::optional<SkyMap> SkyMap::Of(const ImageHeader& header) {
         !(std::fabs(map.tangent_.X) < farthest) || !(std::fabs(map.tangent_.Y) < farthest)) {
         return std::nullopt;
     }
-    map.plane_.SetProjectionCentre(header.RaRef, header.DecRef, 1);
+    map.plane_.SetProjectionCentre({header.RaRef, header.DecRef}, 1);
     return map;
 }
 
 std::optional<PixelPoint> SkyMap::PixelOf(const SkyPosition& sky) const {
     double xi = 0;
     double eta = 0;
-    if (!(plane_.SkyToPlane(sky.Ra, sky.Dec, xi, eta) >= -rim)) return std::nullopt;
+    if (!(plane_.SkyToPlane(sky, xi, eta) >= -rim)) return std::nullopt;
     return PixelPoint{xXi_ * xi + xEta_ * eta + tangent_.X, yXi_ * xi + yEta_ * eta + tangent_.Y};
 }
 
@@ -127,19 +127,12 @@ std::optional<NearestStar> NearestCatalogStar(const SkyMap& map, const PlateStar
                                               const PixelPoint& pixel) {
     std::optional<NearestStar> nearest;
     for (std::int32_t i = 1; i <= stars.Count(); ++i) {
-        const std::optional<PixelPoint> place = map.PixelOf({stars[i].Ra, stars[i].Dec});
+        const std::optional<PixelPoint> place = map.PixelOf(PositionOf(stars[i]));
         if (!place) continue;
         const double distance = std::hypot(place->X - pixel.X, place->Y - pixel.Y);
         if (distance < (nearest ? nearest->Distance : HUGE_VAL)) nearest = {i, distance};
     }
     return nearest;
-}
-
-double SkyDistance(const SkyPosition& a, const SkyPosition& b) {
-    const double halfDec = std::sin((b.Dec - a.Dec) / 2);
-    const double halfRa = std::sin((b.Ra - a.Ra) / 2);
-    const double square = halfDec * halfDec + std::cos(a.Dec) * std::cos(b.Dec) * halfRa * halfRa;
-    return 2 * std::asin(std::sqrt(std::clamp(square, 0.0, 1.0)));
 }
 
 }  // namespace vestrel

@@ -73,7 +73,4 @@ struct NearestStar {
 std::optional<NearestStar> NearestCatalogStar(const SkyMap& map, const PlateStarList& stars,
                                               const PixelPoint& pixel);
 
-/// The distance of two positions on the sky, radians (haversine formula: good for small ones).
-double SkyDistance(const SkyPosition& a, const SkyPosition& b);
-
 }  // namespace vestrel

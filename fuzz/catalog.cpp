@@ -54,7 +54,7 @@ void CheckList(const PlateStarList& list, std::int64_t wanted) {
 void CheckRegion(CatalogCache& cache, const std::string& cell, const Region& region,
                  const std::vector<CatalogStar>& stars) {
     Projection plane;
-    plane.SetProjectionCentre(region.Ra, region.Dec, SolveArcsecondsPerRadian);
+    plane.SetProjectionCentre({region.Ra, region.Dec}, SolveArcsecondsPerRadian);
     const SkyPosition centre{region.Ra, region.Dec};
     const PlateStarList list = RegionStars(cache, plane, centre, region.Radius, region.MagLimit);
     std::int64_t total = 0;
@@ -68,8 +68,7 @@ void CheckRegion(CatalogCache& cache, const std::string& cell, const Region& reg
         return std::int64_t{std::count_if(stars.begin(), stars.end(), [&](const CatalogStar& star) {
             double xi = 0;
             double eta = 0;
-            const double cosine = plane.SkyToPlane(static_cast<double>(star.Ra),
-                                                   static_cast<double>(star.Dec), xi, eta);
+            const double cosine = plane.SkyToPlane(PositionOf(star), xi, eta);
             const double magnitude = star.Mag / 100.0;
             const double limit = region.Radius * plane.ProjectionScale;
             return solve ? magnitude < region.MagLimit && xi * xi + eta * eta <= limit * limit

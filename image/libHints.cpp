@@ -148,9 +148,8 @@ SkyPosition MiddleOf(const LinearPart& part) {
     // The orthographic plane has the sine of the distance for its radius.
     const double stretch = std::sin(distance) / r;
     Projection plane;
-    plane.SetProjectionCentre(ra0, dec0, 1);
-    SkyPosition position;
-    plane.PlaneToSky(-east * stretch, north * stretch, position.Ra, position.Dec);
+    plane.SetProjectionCentre({ra0, dec0}, 1);
+    const SkyPosition position = plane.PlaneToSky(-east * stretch, north * stretch);
     return position;
 }
 

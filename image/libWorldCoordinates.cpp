@@ -70,11 +70,9 @@ std::optional<WorldCoordinates> WorldCoordinatesOf(const PlateImage& image, RowO
     const double dx = (image.Width + 1) / 2.0 - result.Crpix[0];
     const double dy = (image.Height + 1) / 2.0 - result.Crpix[1];
     Projection plane;
-    plane.SetProjectionCentre(header.RaRef, header.DecRef, ExactDegreesPerRadian);
-    double ra = 0;
-    double dec = 0;
-    plane.PlaneToSky(-(result.Cd[0][0] * dx + result.Cd[0][1] * dy),
-                     result.Cd[1][0] * dx + result.Cd[1][1] * dy, ra, dec);
+    plane.SetProjectionCentre({header.RaRef, header.DecRef}, ExactDegreesPerRadian);
+    const auto [ra, dec] = plane.PlaneToSky(-(result.Cd[0][0] * dx + result.Cd[0][1] * dy),
+                                            result.Cd[1][0] * dx + result.Cd[1][1] * dy);
     result.Centre[0] = InCircle(ra * ExactDegreesPerRadian);
     result.Centre[1] = dec * ExactDegreesPerRadian;
     // A tangent point beyond a pole, where a search may well end: the same point on the other side,

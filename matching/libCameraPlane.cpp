@@ -11,7 +11,7 @@ namespace {
 
 Projection PlaneAbout(SkyPosition centre) {
     Projection plane;
-    plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
+    plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
     return plane;
 }
 
@@ -25,8 +25,7 @@ SkyPosition PositionOf(const PlateConstants& plate, const Projection& plane, Pla
         xi /= secant;
         eta /= secant;
     }
-    SkyPosition position;
-    plane.PlaneToSky(xi, eta, position.Ra, position.Dec);
+    const SkyPosition position = plane.PlaneToSky(xi, eta);
     return position;
 }
 
@@ -39,7 +38,7 @@ PlateStarList OnCameraPlane(const PlateStarList& stars, SkyPosition centre) {
     for (PlateStar star : stars) {
         double xi = 0;
         double eta = 0;
-        const double cosine = plane.SkyToPlane(star.Ra, star.Dec, xi, eta);
+        const double cosine = plane.SkyToPlane(PositionOf(star), xi, eta);
         if (cosine < leastCosine) continue;
         star.X = static_cast<float>(xi / cosine);
         star.Y = static_cast<float>(eta / cosine);
@@ -70,7 +69,7 @@ std::optional<CentredPlate> PlateAboutMiddle(const PlateConstants& plate, SkyPos
             const SkyPosition there = PositionOf(plate, before, kind, x + sign * dx, y + sign * dy);
             double xi = 0;
             double eta = 0;
-            after.SkyToPlane(there.Ra, there.Dec, xi, eta);
+            after.SkyToPlane(there, xi, eta);
             sum.Xi += sign * xi / (2 * arm);
             sum.Eta += sign * eta / (2 * arm);
         }

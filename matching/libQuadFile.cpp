@@ -109,11 +109,7 @@ std::vector<std::uint32_t> OrderByPlace(QuadList& list, const SkyCells& cells) {
     std::vector<std::uint32_t> order;
     SortByCell(
         list.Stars.size(), cells.Count(),
-        [&](std::size_t i) {
-            return cells.CellOf(static_cast<double>(list.Stars[i].Ra),
-                                static_cast<double>(list.Stars[i].Dec));
-        },
-        starts, order);
+        [&](std::size_t i) { return cells.CellOf(PositionOf(list.Stars[i])); }, starts, order);
     std::vector<std::int32_t> places(order.size());
     std::vector<CatalogStar> stars;
     stars.reserve(order.size());
@@ -138,9 +134,11 @@ struct ListShapes {
 
     explicit ListShapes(const QuadList& list)
         : Cells(list.Quads.size(), ShapeCells), Packed(list.Quads.size()) {
-        std::vector<StarDirection> directions;
+        std::vector<Direction> directions;
         directions.reserve(list.Stars.size());
-        for (const CatalogStar& star : list.Stars) directions.push_back(DirectionOf(star));
+        for (const CatalogStar& star : list.Stars) {
+            directions.push_back(DirectionOf(PositionOf(star)));
+        }
         const auto at = [&](std::int32_t place) {
             return directions[static_cast<std::size_t>(place)];
         };

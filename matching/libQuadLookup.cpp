@@ -128,7 +128,7 @@ QuadLookup::QuadLookup(QuadTables& tables, const ImageStars& image,
           2 * std::tan(std::sqrt(settings.SmallestDiagonal * settings.LargestDiagonal) / 2) /
           diagonal_) {}
 
-StarDirection QuadLookup::DirectionAt(std::int32_t star) const {
+Direction QuadLookup::DirectionAt(std::int32_t star) const {
     const PlateStar& at = image_.Stars()[star];
     const double x = (XOf(at) - (image_.Width() - 1) / 2.0) * radiansPerPixel_;
     const double y = (YOf(at) - (image_.Height() - 1) / 2.0) * radiansPerPixel_;
@@ -168,13 +168,13 @@ bool QuadLookup::Search(const Accept& accept, const std::function<bool()>& stop)
 
 bool QuadLookup::Try(const ImageQuad& quad, const CatalogQuad& candidate, double tolerance,
                      const Accept& accept) {
-    std::array<StarDirection, 4> here{};
-    std::array<StarDirection, 4> there{};
+    std::array<Direction, 4> here{};
+    std::array<Direction, 4> there{};
     for (std::size_t i = 0; i < 4; ++i) {
         here[i] = DirectionAt(quad[i]);
-        there[i] = DirectionOf(candidate.Stars[i]);
+        there[i] = DirectionOf(PositionOf(candidate.Stars[i]));
     }
-    const auto chord = [](const StarDirection& a, const StarDirection& b) {
+    const auto chord = [](const Direction& a, const Direction& b) {
         return std::hypot(a[0] - b[0], a[1] - b[1], a[2] - b[2]);
     };
     const auto own =
@@ -267,7 +267,7 @@ bool QuadLookup::Confirmed(const ImageQuad& quad, const CentredPlate& plate) {
     const double scale = PlateGeometry(plate.Plate).Scale;  // pixels per arcsecond
     const double reach = std::atan(diagonal_ / 2 / scale / SolveArcsecondsPerRadian);
     PlateStarList around;
-    for (const CatalogStar& star : tables_.StarsAround(plate.Centre.Ra, plate.Centre.Dec, reach)) {
+    for (const CatalogStar& star : tables_.StarsAround(plate.Centre, reach)) {
         around.Add({0, 0, 0, static_cast<double>(star.Ra), static_cast<double>(star.Dec)});
     }
     double x0 = 0;

@@ -59,7 +59,7 @@ class QuadLookup {
 
  private:
     Quad ShapeOf(const ImageQuad& quad) const;
-    StarDirection DirectionAt(std::int32_t star) const;
+    Direction DirectionAt(std::int32_t star) const;
     bool Try(const ImageQuad& quad, const CatalogQuad& candidate, double tolerance,
              const Accept& accept);
     bool FitFour(const ImageQuad& quad, const std::array<CatalogStar, 4>& stars,

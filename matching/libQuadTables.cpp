@@ -68,7 +68,7 @@ class NearbyStars {
         if (!(magnitude <= magLimit_)) return;
         double xi = 0;
         double eta = 0;
-        const double cosine = projection_.SkyToPlane(Wide(star.Ra), Wide(star.Dec), xi, eta);
+        const double cosine = projection_.SkyToPlane(PositionOf(star), xi, eta);
         constexpr std::int32_t mostStars = 1000;
         if (list_.Count() < mostStars && std::sqrt(xi * xi + eta * eta) <= limit_ && cosine >= 0) {
             list_.Add({static_cast<float>(xi), static_cast<float>(eta),
@@ -177,26 +177,21 @@ std::vector<CatalogQuad> QuadTables::QuadsLike(const Quad& shape, double toleran
     return found;
 }
 
-std::vector<CatalogStar> QuadTables::StarsAround(double ra, double dec, double reach) {
+std::vector<CatalogStar> QuadTables::StarsAround(SkyPosition centre, double reach) {
     std::vector<CatalogStar> stars;
     if (band_.StarCount == 0) return stars;
     constexpr double rounding = 1e-6;  // of the directions' products
     const double cosineReach = std::cos(std::min(reach, Pi)) - rounding;
-    const std::array<double, 3> centre = {std::cos(dec) * std::cos(ra),
-                                          std::cos(dec) * std::sin(ra), std::sin(dec)};
+    const Direction middle = DirectionOf(centre);
     std::vector<unsigned char> records;
-    cells_->Around(ra, dec, reach, [&](std::uint32_t first, std::uint32_t count) {
+    cells_->Around(centre, reach, [&](std::uint32_t first, std::uint32_t count) {
         const Run run = RunOf(layout_.StarStarts, first, count, band_.StarCount);
         records.resize(std::size_t{run.End - run.Begin} * CatalogRecordBytes);
         pages_.Copy(layout_.Stars + std::uint64_t{run.Begin} * CatalogRecordBytes, records.data(),
                     records.size());
         for (std::size_t at = 0; at < records.size(); at += CatalogRecordBytes) {
             const CatalogStar star = StarOf(&records[at]);
-            const double cosDec = std::cos(Wide(star.Dec));
-            const double cosine = centre[0] * cosDec * std::cos(Wide(star.Ra)) +
-                                  centre[1] * cosDec * std::sin(Wide(star.Ra)) +
-                                  centre[2] * std::sin(Wide(star.Dec));
-            if (cosine >= cosineReach) stars.push_back(star);
+            if (Dot(middle, DirectionOf(PositionOf(star))) >= cosineReach) stars.push_back(star);
         }
     });
     std::sort(stars.begin(), stars.end(), ComesBefore);
@@ -223,12 +218,12 @@ void QuadTables::Check() {
 
 PlateStarList NearbyCatalogStars(QuadTables& tables, Projection& projection, SkyPosition centre,
                                  double radius, double magLimit) {
-    projection.SetProjectionCentre(centre.Ra, centre.Dec, ArcsecondsPerRadian);
+    projection.SetProjectionCentre(centre, ArcsecondsPerRadian);
     PlateStarList list;
     // On the orthographic plane a radius is the sine of an angle; the margin outweighs rounding.
     const double reach = radius < 0.99 ? std::asin(std::max(radius, 0.0)) + 1e-4 : Pi;
     NearbyStars nearby(projection, radius, magLimit, list);
-    for (const CatalogStar& star : tables.StarsAround(centre.Ra, centre.Dec, reach)) {
+    for (const CatalogStar& star : tables.StarsAround(centre, reach)) {
         nearby.Consider(star);
     }
     CombSort(list, list.Count(), [](const PlateStar& earlier, const PlateStar& later) {

@@ -31,7 +31,7 @@ class QuadTables {
 
     /// The stars of the cells around a place (radians) that lie no farther from it than `reach`,
     /// and a few more, in the order of `ComesBefore`.
-    std::vector<CatalogStar> StarsAround(double ra, double dec, double reach);
+    std::vector<CatalogStar> StarsAround(SkyPosition centre, double reach);
 
     /// Reads everything. @throws DamagedFile
     void Check();

@@ -15,7 +15,7 @@ double Wide(float value) {
 }
 
 /// The chord between two directions: at a few degrees as good as any other distance.
-double Chord(const StarDirection& a, const StarDirection& b) {
+double Chord(const Direction& a, const Direction& b) {
     return std::sqrt((a[0] - b[0]) * (a[0] - b[0]) + (a[1] - b[1]) * (a[1] - b[1]) +
                      (a[2] - b[2]) * (a[2] - b[2]));
 }
@@ -44,21 +44,15 @@ Quad QuadDescriptor(const PlateStar& s1, const PlateStar& s2, const PlateStar& s
                              PixelDistance(s2, s3), PixelDistance(s2, s4), PixelDistance(s3, s4));
 }
 
-StarDirection DirectionOf(const CatalogStar& star) {
-    const double ra = Wide(star.Ra);
-    const double dec = Wide(star.Dec);
-    return {std::cos(dec) * std::cos(ra), std::cos(dec) * std::sin(ra), std::sin(dec)};
-}
-
-Quad QuadOfDirections(const std::array<StarDirection, 4>& stars) {
+Quad QuadOfDirections(const std::array<Direction, 4>& stars) {
     return QuadFromDistances(Chord(stars[0], stars[1]), Chord(stars[0], stars[2]),
                              Chord(stars[0], stars[3]), Chord(stars[1], stars[2]),
                              Chord(stars[1], stars[3]), Chord(stars[2], stars[3]));
 }
 
 Quad QuadOfStars(const std::array<CatalogStar, 4>& stars) {
-    return QuadOfDirections({DirectionOf(stars[0]), DirectionOf(stars[1]), DirectionOf(stars[2]),
-                             DirectionOf(stars[3])});
+    const auto direction = [&](std::size_t i) { return DirectionOf(PositionOf(stars[i])); };
+    return QuadOfDirections({direction(0), direction(1), direction(2), direction(3)});
 }
 
 double QuadDistance(const Quad& q1, const Quad& q2) {

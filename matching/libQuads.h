@@ -38,11 +38,9 @@ Quad QuadDescriptor(const PlateStar& s1, const PlateStar& s2, const PlateStar& s
                     const PlateStar& s4);
 
 /// A unit vector.
-using StarDirection = std::array<double, 3>;
-StarDirection DirectionOf(const CatalogStar& star);
 
 /// The shape of four stars on the sky, from the chords between them.
-Quad QuadOfDirections(const std::array<StarDirection, 4>& stars);
+Quad QuadOfDirections(const std::array<Direction, 4>& stars);
 Quad QuadOfStars(const std::array<CatalogStar, 4>& stars);
 
 /// How unlike two shapes are: the distance of their five ratios.

@@ -15,7 +15,7 @@ RegionSettings RegionSettingsFor(double width, double height, double maxError,
 
 RegionMatch RegionMatcher::Read(SkyPosition centre) {
     Projection plane;
-    plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
+    plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
     return {centre,
             RegionStars(catalog_, plane, centre, settings_.Radius, settings_.MagnitudeLimit),
             {}};

@@ -30,27 +30,28 @@ std::size_t SkyCells::ZoneOf(double dec) const {
     return zone > 0 ? static_cast<std::size_t>(std::min(zone, last)) : 0;
 }
 
-std::uint32_t SkyCells::CellOf(double ra, double dec) const {
-    const std::size_t zone = ZoneOf(dec);
+std::uint32_t SkyCells::CellOf(SkyPosition position) const {
+    const std::size_t zone = ZoneOf(position.Dec);
     const std::uint32_t slices = first_[zone + 1] - first_[zone];
-    const double slice = std::floor(ra / (2 * pi) * slices);
+    const double slice = std::floor(position.Ra / (2 * pi) * slices);
     return first_[zone] +
            (slice > 0 ? static_cast<std::uint32_t>(std::min(slice, slices - 1.0)) : 0);
 }
 
 void SkyCells::Around(
-    double ra, double dec, double radius,
+    SkyPosition centre, double radius,
     const std::function<void(std::uint32_t first, std::uint32_t count)>& visit) const {
-    const bool pole = !(std::fabs(dec) + radius < pi / 2);
-    const double reach = pole ? pi : std::asin(std::min(1.0, std::sin(radius) / std::cos(dec)));
-    for (std::size_t z = ZoneOf(dec - radius); z <= ZoneOf(dec + radius); ++z) {
+    const bool pole = !(std::fabs(centre.Dec) + radius < pi / 2);
+    const double reach =
+        pole ? pi : std::asin(std::min(1.0, std::sin(radius) / std::cos(centre.Dec)));
+    for (std::size_t z = ZoneOf(centre.Dec - radius); z <= ZoneOf(centre.Dec + radius); ++z) {
         const auto slices = static_cast<std::int64_t>(first_[z + 1] - first_[z]);
         const auto slice = [&](double at) {
             return static_cast<std::int64_t>(
                 std::floor(at / (2 * pi) * static_cast<double>(slices)));
         };
-        const std::int64_t low = slice(ra - reach);
-        const std::int64_t count = std::min(slice(ra + reach) - low + 1, slices);
+        const std::int64_t low = slice(centre.Ra - reach);
+        const std::int64_t count = std::min(slice(centre.Ra + reach) - low + 1, slices);
         const std::int64_t begin = (low % slices + slices) % slices;
         const std::int64_t beforeSeam = std::min(count, slices - begin);
         visit(first_[z] + static_cast<std::uint32_t>(begin),

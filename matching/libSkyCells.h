@@ -5,6 +5,8 @@
 #include <functional>
 #include <vector>
 
+#include "astro/libSphericalMath.h"
+
 namespace vestrel {
 
 class SkyCells {
@@ -14,13 +16,12 @@ class SkyCells {
 
     std::uint32_t Count() const { return first_.back(); }
 
-    /// The cell that holds a position (radians). Anything outside the sphere counts to a cell at
-    /// its end.
-    std::uint32_t CellOf(double ra, double dec) const;
+    /// The cell that holds a position. Anything outside the sphere counts to a cell at its end.
+    std::uint32_t CellOf(SkyPosition position) const;
 
     /// Calls `visit` with the first cell and the number of cells of each run of neighbours that a
     /// circle (radians) touches.
-    void Around(double ra, double dec, double radius,
+    void Around(SkyPosition centre, double radius,
                 const std::function<void(std::uint32_t first, std::uint32_t count)>& visit) const;
 
  private:

@@ -17,9 +17,8 @@ SkyPosition CentreOf(const RegionMatch& region, std::int32_t width, std::int32_t
     double eta = 0;
     InvertPlateFit(region.Found.Constants, (width - 1) / 2.0, (height - 1) / 2.0, xi, eta);
     Projection plane;
-    plane.SetProjectionCentre(region.Centre.Ra, region.Centre.Dec, SolveArcsecondsPerRadian);
-    SkyPosition centre;
-    plane.PlaneToSky(xi, eta, centre.Ra, centre.Dec);
+    plane.SetProjectionCentre(region.Centre, SolveArcsecondsPerRadian);
+    const SkyPosition centre = plane.PlaneToSky(xi, eta);
     return centre;
 }
 

@@ -47,7 +47,7 @@ std::optional<UnattendedRequest> ParseParameterString(const std::string& text) {
     UnattendedRequest request;
     std::string rest = text;
     double regions = 0;
-    if (!TakeNumber(rest, request.Ra) || !TakeNumber(rest, request.Dec) ||
+    if (!TakeNumber(rest, request.Start.Ra) || !TakeNumber(rest, request.Start.Dec) ||
         !TakeNumber(rest, request.Width) || !TakeNumber(rest, request.Height) ||
         !TakeNumber(rest, regions) || !RoundToInt32(regions, request.RegionLimit)) {
         return std::nullopt;
@@ -78,19 +78,15 @@ void ShowStartingValues(ProgramState& state, Port& port, const UnattendedRequest
                         const char* times) {
     const auto arcminutes = [](double radians) { return RoundedText(radians * 180 / Pi * 60, 1); };
     SolveDisplay& display = state.Display;
-    display.StartRA = FormatRA(request.Ra, true, 2);
-    display.StartDec = FormatDec(request.Dec, true, 1);
+    display.StartRa = FormatRA(request.Start.Ra, true, 2);
+    display.StartDec = FormatDec(request.Start.Dec, true, 1);
     display.StartSize = arcminutes(request.Width) + "'" + times + arcminutes(request.Height) + "'";
     display.StartRegions = std::to_string(request.RegionLimit);
     port.DisplayChanged();
 }
 
 PlateSearch SearchFor(const UnattendedRequest& request, const SolveParameters& parameters) {
-    return {{request.Ra, request.Dec},
-            request.Width,
-            request.Height,
-            request.RegionLimit,
-            parameters.MaxError};
+    return {request.Start, request.Width, request.Height, request.RegionLimit, parameters.MaxError};
 }
 
 namespace {
@@ -103,8 +99,7 @@ SolveCode TryHarder(ProgramState& state, Port& port, const UnattendedRequest& re
     std::optional<PlateSolution> first;
     if (code == SolveCode::Solved) first = state.Solution;
     SearchRequest search;
-    search.Around = {
-        {{request.Ra, request.Dec}, request.Width, request.Height, request.RegionLimit}};
+    search.Around = {{request.Start, request.Width, request.Height, request.RegionLimit}};
     search.TimeLimit = seconds;
     PlanReport plan;
     const SolveCode harder = SolveByPlan(state, port, search, plan);

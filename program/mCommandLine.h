@@ -19,8 +19,7 @@ struct SolveResult {
 
 /// The five numbers of a parameter string and its image path.
 struct UnattendedRequest {
-    double Ra = 0;      ///< J2000 starting centre, radians
-    double Dec = 0;     ///< radians
+    SkyPosition Start;  ///< starting centre
     double Width = 0;   ///< field of view, radians
     double Height = 0;  ///< radians
     std::int32_t RegionLimit = 0;

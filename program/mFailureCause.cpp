@@ -15,8 +15,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr double degreesPerRadian = 57.29577951308232;
-
 std::string Count(std::int32_t n, const char* one, const char* many) {
     return std::to_string(n) + " " + (n == 1 ? one : many);
 }
@@ -102,7 +100,7 @@ class Inquiry {
         const bool read = ReadImageFile(
             PathFromText(image.FileName), asRead, [this](int, int) { port_.Yield(); }, ignored);
         evidence.Health = HealthOf(read ? asRead : image);
-        evidence.TrailAngle = evidence.Health.TrailAngle * degreesPerRadian;
+        evidence.TrailAngle = evidence.Health.TrailAngle * ExactDegreesPerRadian;
         if (FirstRowAtTop(image)) evidence.TrailAngle = -evidence.TrailAngle;
         if (evidence.TrailAngle < 0) evidence.TrailAngle += 180;
         constexpr double largestByte = 255;
@@ -231,7 +229,7 @@ class Inquiry {
         evidence.Separation = SkyDistance(found.Centre(), given.Centre);
         const double diagonal = std::hypot(found.WidthArcmin, found.HeightArcmin);
         const double givenDiagonal = std::hypot(given.Width, given.Height);
-        evidence.SizeRatio = diagonal / 60 / degreesPerRadian / givenDiagonal;
+        evidence.SizeRatio = diagonal / 60 / ExactDegreesPerRadian / givenDiagonal;
         const std::string place =
             FormatRA(found.CentreRA, true, 0) + " " + FormatDec(found.CentreDec, true, 0);
         const std::string size =
@@ -249,7 +247,7 @@ class Inquiry {
                          std::string("give its size (") + words_.FieldSize + " " + size + ")");
         }
         std::string text = "the picture shows " + place + ", " +
-                           FixedText(evidence.Separation * degreesPerRadian, 1) + DegreeSign +
+                           FixedText(evidence.Separation * ExactDegreesPerRadian, 1) + DegreeSign +
                            " from the centre given";
         if (otherSize) {
             text += ", and " + FixedText(evidence.SizeRatio, 2) + " times the size given";

@@ -16,7 +16,7 @@ void ForgetImage(ProgramState& state) {
     display.Status1 = nothing.Status1;
     display.OffersJustSolve = false;
     for (std::string SolveDisplay::*text :
-         {&SolveDisplay::CentreRA, &SolveDisplay::CentreDec, &SolveDisplay::ImageSize,
+         {&SolveDisplay::CentreRa, &SolveDisplay::CentreDec, &SolveDisplay::ImageSize,
           &SolveDisplay::PlateSize, &SolveDisplay::Scale, &SolveDisplay::Stretch,
           &SolveDisplay::Skew, &SolveDisplay::Angle, &SolveDisplay::Extracted,
           &SolveDisplay::FoundInCatalog, &SolveDisplay::Matched, &SolveDisplay::RmsDifference,

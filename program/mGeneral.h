@@ -45,9 +45,9 @@ struct SolveDisplay {
     std::string ImageName;  ///< shortened path of the loaded image
     std::string ImageSize;
     std::string CentreCaption = "Search Center";
-    std::string CentreRA;
+    std::string CentreRa;
     std::string CentreDec;
-    std::string StartRA;
+    std::string StartRa;
     std::string StartDec;
     std::string StartSize;
     std::string StartRegions;

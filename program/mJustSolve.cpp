@@ -111,7 +111,7 @@ void JustSolveCommand(ProgramState& state, Port& port) {
     const Operation operation(state, port, Activity::Solving);
     if (!operation || !BeginAnySearch(state, port)) return;
     SolveDisplay& display = state.Display;
-    display.StartRA = display.StartDec = display.StartSize = display.StartRegions = {};
+    display.StartRa = display.StartDec = display.StartSize = display.StartRegions = {};
     state.QuadMatch.Code = SolveCode::NoMatch;
     PlanReport report;
     SearchRequest request = RequestForAnything(state);

@@ -102,9 +102,6 @@ class QuadMatcher {
 
  private:
     const PlateStar& Star(std::int32_t place) const { return stars_[place]; }
-    static SkyPosition PositionOf(const CatalogStar& star) {
-        return {static_cast<double>(star.Ra), static_cast<double>(star.Dec)};
-    }
     bool IsPlate(const FitGeometry& geometry, double fitError) const {
         return fitError < maxError_ &&
                std::fabs(std::fabs(geometry.Stretch) - 1) <= maxGeometricError_ &&
@@ -114,13 +111,13 @@ class QuadMatcher {
     /// Tries a table quad in all orderings of its stars.
     bool Verify(const CatalogQuad& candidate, const ImageQuad& quad) {
         search_.Tangent = PositionOf(candidate.Stars[0]);
-        plane_.SetProjectionCentre(search_.Tangent.Ra, search_.Tangent.Dec, ArcsecondsPerRadian);
+        plane_.SetProjectionCentre(search_.Tangent, ArcsecondsPerRadian);
         search_.Reference.Clear();
         for (const CatalogStar& star : candidate.Stars) {
             const SkyPosition position = PositionOf(star);
             double xi = 0;
             double eta = 0;
-            plane_.SkyToPlane(position.Ra, position.Dec, xi, eta);
+            plane_.SkyToPlane(position, xi, eta);
             search_.Reference.Add({static_cast<float>(xi), static_cast<float>(eta),
                                    static_cast<float>(star.Mag / 100.0), position.Ra,
                                    position.Dec});
@@ -246,8 +243,8 @@ class QuadMatcher {
         double eta = 0;
         InvertPlateFit(search_.Transform, (state_.Image.Width - 1) / 2.0,
                        (state_.Image.Height - 1) / 2.0, xi, eta);
-        plane_.SetProjectionCentre(search_.Tangent.Ra, search_.Tangent.Dec, ArcsecondsPerRadian);
-        plane_.PlaneToSky(xi, eta, search_.Centre.Ra, search_.Centre.Dec);
+        plane_.SetProjectionCentre(search_.Tangent, ArcsecondsPerRadian);
+        search_.Centre = plane_.PlaneToSky(xi, eta);
         search_.FieldRatio = std::hypot(state_.Image.Width, state_.Image.Height) /
                              search_.Geometry.Scale / (2 * radius_ * ArcsecondsPerRadian);
     }
@@ -283,7 +280,7 @@ void ShowMatch(ProgramState& state, Port& port, double width, double height, dou
 
     SolveDisplay& display = state.Display;
     display.CentreCaption = "J2000 Image Center";
-    display.CentreRA = FormatRA(search.Centre.Ra, true, 2);
+    display.CentreRa = FormatRA(search.Centre.Ra, true, 2);
     display.CentreDec = FormatDec(search.Centre.Dec, true, 1);
     display.FoundInCatalog = std::to_string(stars.Count());
     ShowPlateGeometry(state, search.Geometry, search.FitError, search.Pairs.Count());

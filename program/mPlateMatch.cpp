@@ -17,7 +17,7 @@ namespace {
 constexpr std::int32_t fewestStars = 6;
 
 void ShowCentre(ProgramState& state, Port& port, SkyPosition centre) {
-    state.Display.CentreRA = FormatRA(centre.Ra, true, 2);
+    state.Display.CentreRa = FormatRA(centre.Ra, true, 2);
     state.Display.CentreDec = FormatDec(centre.Dec, true, 1);
     port.DisplayChanged();
 }
@@ -182,7 +182,7 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
     port.DisplayChanged();
 
     Projection grid;
-    grid.SetProjectionCentre(search.Start.Ra, search.Start.Dec, SolveArcsecondsPerRadian);
+    grid.SetProjectionCentre(search.Start, SolveArcsecondsPerRadian);
     const double step = std::min(search.Width, search.Height) / 2.5 * SolveArcsecondsPerRadian;
     std::int16_t i = 0;
     std::int16_t j = 0;
@@ -205,8 +205,7 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
                    "Spiral search " + std::to_string(k) + " [" + std::to_string(i) + "," +
                        std::to_string(j) + "]");
         NextSpiralCell(i, j, ring);
-        SkyPosition centre;
-        grid.PlaneToSky(i * step, j * step, centre.Ra, centre.Dec);
+        const SkyPosition centre = grid.PlaneToSky(i * step, j * step);
         ShowCentre(state, port, centre);
         port.Yield();
         region = TryRegion(state, port, matcher, centre);

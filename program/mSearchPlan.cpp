@@ -198,7 +198,7 @@ class Plan {
         constexpr double widest = 1.2;  // radians
         constexpr std::int32_t most = 600;
         Projection plane;
-        plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
+        plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
         PlateStarList stars =
             RegionStars(state_.Catalog, plane, centre, std::sin(std::min(radius, widest)),
                         MagnitudeLimitFor(radius) + deeper);
@@ -223,7 +223,7 @@ class Plan {
         const double radius = diagonal / 2 * (1 + attempt.SizeError / 2);
         const double step = std::min(hint.Width, hint.Height) / 2.5 * SolveArcsecondsPerRadian;
         Projection grid;
-        grid.SetProjectionCentre(hint.Centre.Ra, hint.Centre.Dec, SolveArcsecondsPerRadian);
+        grid.SetProjectionCentre(hint.Centre, SolveArcsecondsPerRadian);
         std::int16_t i = 0;
         std::int16_t j = 0;
         std::int16_t ring = 0;
@@ -231,7 +231,7 @@ class Plan {
         for (std::int32_t k = 1; k <= std::max(hint.Regions, 1) && !MustEnd(); ++k) {
             if (k > 1) {
                 NextSpiralCell(i, j, ring);
-                grid.PlaneToSky(i * step, j * step, centre.Ra, centre.Dec);
+                centre = grid.PlaneToSky(i * step, j * step);
             }
             const PlateStarList catalog = OnCameraPlane(CatalogAbout(centre, radius), centre);
             ++searches_;

@@ -19,7 +19,7 @@ PlateStarList CatalogOfImage(const ProgramState& state, const SkyModel& plate) {
     const double radius =
         1.02 * std::atan(plate.Scale() * std::hypot(plate.Width, plate.Height) / 2);
     Projection plane;
-    plane.SetProjectionCentre(plate.Tangent.Ra, plate.Tangent.Dec, SolveArcsecondsPerRadian);
+    plane.SetProjectionCentre(plate.Tangent, SolveArcsecondsPerRadian);
     // The solve's own cache stays as it left it.
     CatalogCache cache;
     cache.Folder = state.Catalog.Folder;

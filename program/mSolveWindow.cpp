@@ -37,10 +37,10 @@ std::optional<double> ReadSize(const SolveInputs& inputs, const std::string& tex
 
 /// Reads all inputs in their order, up to one that is not valid.
 std::optional<InputFault> ReadInputs(const SolveInputs& inputs, UnattendedRequest& request) {
-    request.Ra = ParseRA(inputs.Ra);
-    if (request.Ra < 0) return InputFault{&SolveInputs::Ra, "Please enter a valid RA value"};
-    request.Dec = ParseDec(inputs.Dec);
-    if (request.Dec < -Pi / 2) {
+    request.Start.Ra = ParseRA(inputs.Ra);
+    if (request.Start.Ra < 0) return InputFault{&SolveInputs::Ra, "Please enter a valid RA value"};
+    request.Start.Dec = ParseDec(inputs.Dec);
+    if (request.Start.Dec < -Pi / 2) {
         return InputFault{&SolveInputs::Dec, "Please enter a valid Declination value"};
     }
     constexpr const char* badSize = "Please enter a valid Image Size";

@@ -12,8 +12,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr double degreesPerRadian = 57.29577951308232;
-
 /// What advice calls the inputs.
 constexpr InputWords libraryWords{"DetectionThreshold",
                                   "MinStarSize",
@@ -48,17 +46,10 @@ SipPolynomial SipOf(const Polynomial& polynomial, double sign, double upward) {
     return sip;
 }
 
-double Distance(const SkyPosition& one, const SkyPosition& other) {
-    const double dec = std::sin((one.Dec - other.Dec) / 2);
-    const double ra = std::sin((one.Ra - other.Ra) / 2);
-    const double square = dec * dec + std::cos(one.Dec) * std::cos(other.Dec) * ra * ra;
-    return 2 * std::asin(std::min(1.0, std::sqrt(square)));
-}
-
 SolverPosition InDegrees(const SkyPosition& sky) {
-    double ra = std::fmod(sky.Ra * degreesPerRadian, 360);
+    double ra = std::fmod(sky.Ra * ExactDegreesPerRadian, 360);
     if (ra < 0) ra += 360;
-    return {ra, sky.Dec * degreesPerRadian};
+    return {ra, sky.Dec * ExactDegreesPerRadian};
 }
 
 SolverCertainty CertaintyOf(const MatchConfidence& confidence) {
@@ -117,8 +108,8 @@ SolverCoordinates CoordinatesOf(const SkyModel& model, const PlateImage& image, 
     result.Crval[0] = centre.Ra;
     result.Crval[1] = centre.Dec;
     for (int row = 0; row < 2; ++row) {
-        result.Cd[row][0] = model.Cd[row][0] * degreesPerRadian;
-        result.Cd[row][1] = model.Cd[row][1] * degreesPerRadian * upward;
+        result.Cd[row][0] = model.Cd[row][0] * ExactDegreesPerRadian;
+        result.Cd[row][1] = model.Cd[row][1] * ExactDegreesPerRadian * upward;
     }
     if (model.Distorted()) {
         result.A = SipOf(model.Distortion[0], 1, upward);
@@ -171,15 +162,17 @@ SolvedField FieldOf(const ProgramState& state, const std::optional<ImageSkyModel
     const SkyModel& map = model->Model;
     const PixelPoint middle = map.Centre();
     field.Centre = InDegrees(map.Tangent);
-    field.Width = Distance(map.SkyOf({-0.5, middle.Y}), map.SkyOf({map.Width - 0.5, middle.Y})) *
-                  degreesPerRadian;
-    field.Height = Distance(map.SkyOf({middle.X, -0.5}), map.SkyOf({middle.X, map.Height - 0.5})) *
-                   degreesPerRadian;
+    field.Width = SkyDistance(map.SkyOf({-0.5, middle.Y}), map.SkyOf({map.Width - 0.5, middle.Y})) *
+                  ExactDegreesPerRadian;
+    field.Height =
+        SkyDistance(map.SkyOf({middle.X, -0.5}), map.SkyOf({middle.X, map.Height - 0.5})) *
+        ExactDegreesPerRadian;
     field.Coordinates = CoordinatesOf(map, state.Image, RowOrder::AsStored);
     if (!model->Solution) return field;
     field.FittedToAllStars = true;
     field.Rms = model->Solution->Rms;
-    field.CentreError = model->Solution->Fit.CentreSigma * map.Scale() * degreesPerRadian * 3600;
+    field.CentreError =
+        model->Solution->Fit.CentreSigma * map.Scale() * ExactDegreesPerRadian * 3600;
     return field;
 }
 

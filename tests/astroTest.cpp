@@ -165,10 +165,10 @@ TEST(Projection, IsOrthographicAndGrowsTowardWestAndNorth) {
         const double dec0 = random.Between(-1.57, 1.57);
         const double ra = random.Between(0, 6.28);
         const double dec = random.Between(-1.57, 1.57);
-        plane.SetProjectionCentre(ra0, dec0, 1000);
+        plane.SetProjectionCentre({ra0, dec0}, 1000);
         double xi = 0;
         double eta = 0;
-        const double cosine = plane.SkyToPlane(ra, dec, xi, eta);
+        const double cosine = plane.SkyToPlane({ra, dec}, xi, eta);
         const double part = std::cos(dec) * std::cos(ra - ra0);
         ASSERT_NEAR(xi, -1000 * std::cos(dec) * std::sin(ra - ra0), 1e-9);
         ASSERT_NEAR(eta, 1000 * (std::cos(dec0) * std::sin(dec) - std::sin(dec0) * part), 1e-9);
@@ -182,14 +182,12 @@ TEST(Projection, PlaneToSkyUndoesSkyToPlaneApartFromTheDecimalPi) {
     for (int trial = 0; trial < 20000; ++trial) {
         const double dec0 = trial % 5 == 0 ? std::copysign(std::numbers::pi / 2, trial % 2 - 0.5)
                                            : random.Between(-1.57, 1.57);
-        plane.SetProjectionCentre(random.Between(0, 6.28), dec0, SolveArcsecondsPerRadian);
+        plane.SetProjectionCentre({random.Between(0, 6.28), dec0}, SolveArcsecondsPerRadian);
         const double distance = random.Between(0, 1.2) * plane.ProjectionScale * 0.7;
         const double turn = random.Between(0, 6.3);
         const double xi = distance * std::cos(turn);
         const double eta = distance * std::sin(turn);
-        double ra = 0;
-        double dec = 0;
-        plane.PlaneToSky(xi, eta, ra, dec);
+        const auto [ra, dec] = plane.PlaneToSky(xi, eta);
         ASSERT_GE(ra, 0);
         ASSERT_LE(ra, TwoPi);
         // The decimal π of the arctangent turns the second and third quadrants by one error of it,
@@ -198,22 +196,21 @@ TEST(Projection, PlaneToSkyUndoesSkyToPlaneApartFromTheDecimalPi) {
         const double exact = ra < Pi / 2 ? ra : ra < 1.5 * Pi ? ra - error : ra - 2 * error;
         double xiBack = 0;
         double etaBack = 0;
-        const double cosine = plane.SkyToPlane(exact, dec, xiBack, etaBack);
+        const double cosine = plane.SkyToPlane({exact, dec}, xiBack, etaBack);
         // Near the rim the inverse is ill-conditioned.
         const double tolerance = 1e-9 + 1e-9 / cosine / cosine;
         ASSERT_NEAR(xiBack, xi, tolerance);
         ASSERT_NEAR(etaBack, eta, tolerance);
         ASSERT_NEAR(cosine, std::sqrt(1 - std::pow(distance / plane.ProjectionScale, 2)), 1e-9);
     }
-    plane.SetProjectionCentre(1, 0.5, 1000);
-    double ra = 0;
-    double dec = 0;
-    plane.PlaneToSky(0, 5000, ra, dec);  // beyond the rim: w = 0, the distance is not shortened
-    EXPECT_NEAR(dec, std::atan2(5 * std::cos(0.5), 5 * std::sin(0.5)), 1e-12);
-    plane.SetProjectionCentre(1, 0.5, 0);
-    plane.PlaneToSky(123, 456, ra, dec);
-    EXPECT_NEAR(ra, 1, 1e-12);
-    EXPECT_NEAR(dec, 0.5, 1e-12);
+    plane.SetProjectionCentre({1, 0.5}, 1000);
+    // Beyond the rim: w = 0, the distance is not shortened.
+    EXPECT_NEAR(plane.PlaneToSky(0, 5000).Dec, std::atan2(5 * std::cos(0.5), 5 * std::sin(0.5)),
+                1e-12);
+    plane.SetProjectionCentre({1, 0.5}, 0);
+    const SkyPosition same = plane.PlaneToSky(123, 456);
+    EXPECT_NEAR(same.Ra, 1, 1e-12);
+    EXPECT_NEAR(same.Dec, 0.5, 1e-12);
 }
 
 TEST(Atan2, HasTheDecimalPiOnTheAxes) {

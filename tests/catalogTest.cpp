@@ -28,8 +28,8 @@ TEST(CellName, GridHoldsEveryPlaceOnceAndAnEvenSpread) {
             // Close to all four sides, on either hemisphere.
             for (const double off : {1e-9, 1 - 1e-9}) {
                 const double ra = (slice + off) * SliceWidth(zone) * degree;
-                const std::string north = CellName(ra, (zone + 1 - off) * 2.5 * degree);
-                const std::string south = CellName(ra, -(zone + off) * 2.5 * degree);
+                const std::string north = CellName(CellOf({ra, (zone + 1 - off) * 2.5 * degree}));
+                const std::string south = CellName(CellOf({ra, -(zone + off) * 2.5 * degree}));
                 EXPECT_EQ(north.substr(1), south.substr(1));
                 hit.insert({north, south});
             }
@@ -41,14 +41,14 @@ TEST(CellName, GridHoldsEveryPlaceOnceAndAnEvenSpread) {
         EXPECT_FALSE(IsCellName(text)) << text;
     }
     EXPECT_TRUE(std::all_of(names.begin(), names.end(), IsCellName));
-    EXPECT_EQ(CellName(0, 0), "N00R00");
-    EXPECT_EQ(CellName(0, -0.1 * degree), "S00R00");
-    EXPECT_EQ(CellName(50 * degree, 14 * degree), "N05R12");
-    EXPECT_EQ(CellName(-1e-9, 0.1), "N02R89");
-    EXPECT_EQ(CellName(365 * degree, -0.1), "S02R01");
-    EXPECT_EQ(CellName(-365 * degree, 0.1), "N02R-2");
-    EXPECT_EQ(CellName(359.9 * degree, -89 * degree), "S35R00");
-    EXPECT_EQ(CellName(1, 1.7), "N35R00");
+    EXPECT_EQ(CellName(CellOf({0, 0})), "N00R00");
+    EXPECT_EQ(CellName(CellOf({0, -0.1 * degree})), "S00R00");
+    EXPECT_EQ(CellName(CellOf({50 * degree, 14 * degree})), "N05R12");
+    EXPECT_EQ(CellName(CellOf({-1e-9, 0.1})), "N02R89");
+    EXPECT_EQ(CellName(CellOf({365 * degree, -0.1})), "S02R01");
+    EXPECT_EQ(CellName(CellOf({-365 * degree, 0.1})), "N02R-2");
+    EXPECT_EQ(CellName(CellOf({359.9 * degree, -89 * degree})), "S35R00");
+    EXPECT_EQ(CellName(CellOf({1, 1.7})), "N35R00");
 }
 
 // A catalog in memory, and the cache and the queries as plain loops over it.
@@ -111,7 +111,7 @@ struct PlainCatalog {
             std::abs(dec0) * (180 / 3.141592654) < 80 ? radius / std::cos(dec0) : 6.283185308;
         for (int i = -30; i <= 30; ++i) {
             for (int j = -5; j <= 5; ++j) {
-                LoadCell(CellName(i * q / 30 + ra0, j * radius / 5 + dec0));
+                LoadCell(CellName(CellOf({i * q / 30 + ra0, j * radius / 5 + dec0})));
             }
         }
         if (CachedStars <= MaxStars) return;
@@ -133,7 +133,7 @@ struct PlainCatalog {
                 const auto dec = static_cast<double>(star.Dec);
                 double xi = 0;
                 double eta = 0;
-                const double cosine = plane.SkyToPlane(ra, dec, xi, eta);
+                const double cosine = plane.SkyToPlane({ra, dec}, xi, eta);
                 const bool near = field ? std::sqrt(xi * xi + eta * eta) <= limit2 && cosine >= 0
                                         : xi * xi + eta * eta <= limit2;
                 if (list.Count() < (field ? 1000 : 10000) && near) {
@@ -160,7 +160,7 @@ void WriteCells(const fs::path& folder, const PlainCatalog& plain) {
 }
 
 void AddStar(PlainCatalog& plain, double ra, double dec, double magnitude) {
-    plain.Files[CellName(ra, dec)].push_back(
+    plain.Files[CellName(CellOf({ra, dec}))].push_back(
         {static_cast<float>(ra), static_cast<float>(dec),
          static_cast<std::int16_t>(std::lround(magnitude * 100))});
 }
@@ -180,7 +180,7 @@ void ExpectSameList(const PlateStarList& stars, const PlateStarList& plain) {
 void ExpectSameRegion(CatalogCache& cache, PlainCatalog& plain, double ra0, double dec0,
                       double radius, double magLimit, double away = 0) {
     Projection plane;
-    plane.SetProjectionCentre(ra0 + away, dec0 * (1 - away), 206264.81 * (1 - away));
+    plane.SetProjectionCentre({ra0 + away, dec0 * (1 - away)}, 206264.81 * (1 - away));
     const PlateStarList stars = RegionStars(cache, plane, {ra0, dec0}, radius, magLimit);
     plain.LoadRegion(ra0, dec0, radius);
     ASSERT_EQ(cache.Cells.size(), plain.Cells.size());

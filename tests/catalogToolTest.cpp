@@ -72,7 +72,8 @@ TEST(CellGrid, EveryPositionIsStoredInACellThatExists) {
         for (const double dec : decs) {
             const auto stored = StoredStar({ra, dec, 5});
             ASSERT_TRUE(stored) << ra << " " << dec;
-            ASSERT_TRUE(IsCellName(CellName(stored->Ra, stored->Dec))) << ra << " " << dec;
+            ASSERT_TRUE(IsCellName(CellName(CellOf({stored->Ra, stored->Dec}))))
+                << ra << " " << dec;
             ASSERT_EQ(AllCells().at(CellNumber(CellOfStored(*stored))), CellOfStored(*stored));
             ASSERT_LT(Separation({ra, dec, 0}, {stored->Ra, stored->Dec, 0}), 0.1 * arcsecond);
         }
@@ -136,7 +137,7 @@ TEST(CatalogBuilder, CellsDependNeitherOnTheOrderOfStarsNorOnMemory) {
             return a.Mag < b.Mag;
         })) << name;
         for (const CatalogStar& star : cell) {
-            ASSERT_EQ(CellName(star.Ra, star.Dec), name);
+            ASSERT_EQ(CellName(CellOf({star.Ra, star.Dec})), name);
             ASSERT_EQ(expected.erase({star.Ra, star.Dec, int{star.Mag}}), 1U) << name;
         }
     }
@@ -149,8 +150,8 @@ TEST(Verify, EveryKindOfDamageIsFoundAndNothingElse) {
     const fs::path good = folder / "good";
     const std::vector<SkyStar> stars = RandomSky(40000, 3);
     BuildCatalog(good, stars, 1U << 20);
-    const std::string cell = CellName(stars[0].Ra, stars[0].Dec);
-    const std::string other = CellName(stars[0].Ra, -stars[0].Dec);
+    const std::string cell = CellName(CellOf({stars[0].Ra, stars[0].Dec}));
+    const std::string other = CellName(CellOf({stars[0].Ra, -stars[0].Dec}));
     const std::string bytes = ReadFile(good / cell);
     const std::string first = bytes.substr(0, CatalogRecordBytes);
     ASSERT_GT(bytes.size(), 2 * first.size());

@@ -95,9 +95,8 @@ class ClosedLoop : public testing::Test {
         const auto bytes = FrameFileBytes(RenderFrame(geometry, exposure, stars), bitPix, {});
         const auto path = Frames / "frame.fit";
         WriteFile(path, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
-        double ra = 0;
-        double dec = 0;
-        FrameToSky(geometry, {(0.5 + offX) * frameWidth, (0.5 + offY) * frameHeight}, ra, dec);
+        const auto [ra, dec] =
+            FrameToSky(geometry, {(0.5 + offX) * frameWidth, (0.5 + offY) * frameHeight});
         std::string parameters;
         for (const double value : {ra, dec, fieldWidth, fieldHeight}) {
             parameters += NumberText(value) + ",";
@@ -141,7 +140,7 @@ TEST_F(ClosedLoop, SolutionsAreTheTruthInEveryFormatAndAttitude) {
         EXPECT_TRUE(outcome.ResultFileWritten);
 
         const PlateSolution& solution = *State.Solution;
-        const auto centre = SkyToFrame(geometry, solution.CentreRA, solution.CentreDec);
+        const auto centre = SkyToFrame(geometry, solution.Centre());
         ASSERT_TRUE(centre);
         EXPECT_NEAR(centre->X, (frameWidth - 1) / 2.0, 0.1);
         EXPECT_NEAR(centre->Y, (frameHeight - 1) / 2.0, 0.1);
@@ -196,8 +195,7 @@ TEST_F(ClosedLoop, FramesAreSolvedWithoutACentreAndStrangersAreNot) {
         ASSERT_EQ(solve(geometry, CatalogFrameStars(Catalog.Path, geometry, FaintestDrawn())),
                   SolveCode::Solved)
             << place.Ra;
-        const auto centre =
-            SkyToFrame(geometry, State.Solution->CentreRA, State.Solution->CentreDec);
+        const auto centre = SkyToFrame(geometry, State.Solution->Centre());
         ASSERT_TRUE(centre);
         EXPECT_NEAR(centre->X, (frameWidth - 1) / 2.0, 0.1);
         EXPECT_NEAR(centre->Y, (frameHeight - 1) / 2.0, 0.1);
@@ -229,7 +227,7 @@ TEST_F(ClosedLoop, NoNumberOfTheCallerOrTheSettingsIsTooStrange) {
         EXPECT_EQ(std::count(result.begin(), result.end(), '\n'), 3);
         return outcome.Result.Code;
     };
-    const std::vector<double> usual = {geometry.CentreRa, geometry.CentreDec,
+    const std::vector<double> usual = {geometry.Centre.Ra, geometry.Centre.Dec,
                                        300 * geometry.RadiansPerPixel,
                                        240 * geometry.RadiansPerPixel};
     const auto text = [](const std::vector<double>& numbers) {
@@ -278,7 +276,7 @@ TEST_F(ClosedLoop, NoStarOfAFrameIsForgotten) {
         };
         std::size_t expected = 0;
         for (const CatalogStar& star : CatalogStars) {
-            const auto point = SkyToFrame(geometry, star.Ra, star.Dec);
+            const auto point = SkyToFrame(geometry, PositionOf(star));
             expected += point && inFrame(*point) && star.Mag <= 1300 ? 1 : 0;
         }
         std::size_t found = 0;

@@ -26,8 +26,8 @@ TEST(ParameterString, FieldsAreSplitAtTheFirstSeparatorsAndTrimmed) {
     const auto request =
         ParseParameterString(" -1.5 , +.5,1E-2, 5.e-3 ,9.6 ,  C:\\my, images\\m51, b.fit ");
     ASSERT_TRUE(request);
-    EXPECT_EQ(request->Ra, -1.5);
-    EXPECT_EQ(request->Dec, 0.5);
+    EXPECT_EQ(request->Start.Ra, -1.5);
+    EXPECT_EQ(request->Start.Dec, 0.5);
     EXPECT_EQ(request->Width, 0.01);
     EXPECT_EQ(request->Height, 0.005);
     EXPECT_EQ(request->RegionLimit, 10);

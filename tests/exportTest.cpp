@@ -56,12 +56,11 @@ struct Opened {
         const auto& m = header.PlateTransform;
         const PlateConstants map{m[0][0], m[0][1], m[0][2], m[1][0], m[1][1], m[1][2]};
         Projection plane;
-        plane.SetProjectionCentre(header.RaRef, header.DecRef, header.PlateScale);
+        plane.SetProjectionCentre({header.RaRef, header.DecRef}, header.PlateScale);
         double xi = 0;
         double eta = 0;
         InvertPlateFit(map, x, y, xi, eta);
-        SkyPosition sky;
-        plane.PlaneToSky(xi, eta, sky.Ra, sky.Dec);
+        const SkyPosition sky = plane.PlaneToSky(xi, eta);
         constexpr double degreesPerRadian = 57.29577951308232;
         return {sky.Ra * degreesPerRadian, sky.Dec * degreesPerRadian};
     }

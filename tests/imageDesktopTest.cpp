@@ -57,10 +57,10 @@ class ViewerWindows : public Windows {
     /// Where a star of the frame was drawn.
     static PixelPoint Drawn(const SkyPosition& star) {
         Projection plane;
-        plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
+        plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
         double xi = 0;
         double eta = 0;
-        plane.SkyToPlane(star.Ra, star.Dec, xi, eta);
+        plane.SkyToPlane(star, xi, eta);
         return {(side - 1) / 2.0 + xi / scale, (side - 1) / 2.0 + eta / scale};
     }
 
@@ -78,14 +78,13 @@ TEST_F(ViewerWindows, TheReadoutSaysWhatTheFrameWasDrawnFrom) {
               std::to_string(State->Image.Pixels(100, 200) + State->Image.DataOffset));
     Solve();
     Projection plane;
-    plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
+    plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
     for (const PixelPoint& pixel : {PixelPoint{20, 30}, {250, 40}, {149, 151}, {60, 280}}) {
         const QPoint at = OnScreen(pixel);
         Hover(at);
         const PixelPoint under = Area->View.PixelAt({at.x() + 0.5, at.y() + 0.5});
-        SkyPosition truth;
-        plane.PlaneToSky((under.X - (side - 1) / 2.0) * scale, (under.Y - (side - 1) / 2.0) * scale,
-                         truth.Ra, truth.Dec);
+        const SkyPosition truth = plane.PlaneToSky((under.X - (side - 1) / 2.0) * scale,
+                                                   (under.Y - (side - 1) / 2.0) * scale);
         const std::string sky = Told("lblSky");
         const std::size_t gap = sky.find("  ");
         ASSERT_NE(gap, std::string::npos) << sky;

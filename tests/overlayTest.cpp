@@ -210,7 +210,7 @@ TEST(SkyMap, ThereAndBackIsTheSamePixelAndTheSolvesOwnProjection) {
     for (const Solved& field : Fields()) {
         const SkyMap map = field.Map();
         Projection plane;
-        plane.SetProjectionCentre(field.Header.RaRef, field.Header.DecRef, 206264.81);
+        plane.SetProjectionCentre({field.Header.RaRef, field.Header.DecRef}, 206264.81);
         const auto& rows = field.Header.PlateTransform;
         for (int trial = 0; trial < 200; ++trial) {
             const PixelPoint pixel{random.Between(-0.5, field.Width - 0.5),
@@ -223,12 +223,11 @@ TEST(SkyMap, ThereAndBackIsTheSamePixelAndTheSolvesOwnProjection) {
             EXPECT_LT(Apart(*back, pixel), 1e-6);
             double xi = 0;
             double eta = 0;
-            EXPECT_GE(plane.SkyToPlane(sky->Ra, sky->Dec, xi, eta), 0);
+            EXPECT_GE(plane.SkyToPlane(*sky, xi, eta), 0);
             EXPECT_LT(Apart(*back, {rows[0][0] * xi + rows[0][1] * eta + rows[0][2],
                                     rows[1][0] * xi + rows[1][1] * eta + rows[1][2]}),
                       1e-6);
-            SkyPosition theirs;
-            plane.PlaneToSky(xi, eta, theirs.Ra, theirs.Dec);
+            const SkyPosition theirs = plane.PlaneToSky(xi, eta);
             EXPECT_LT(SkyDistance(*sky, theirs), 0.0003 * arcsecond);
             EXPECT_TRUE(sky->Ra >= 0 && sky->Ra <= 2 * pi);
         }

@@ -177,12 +177,12 @@ TEST(QuadStars, AroundAPlaceAreThoseOfAScanOfTheWholeTable) {
 
         PlateStarList plain;
         Projection plane;
-        plane.SetProjectionCentre(ra, dec, 206264.8062);
+        plane.SetProjectionCentre({ra, dec}, 206264.8062);
         for (std::size_t i = 0; i < sky.Stars.size() && plain.Count() < 1000; ++i) {
             const CatalogStar& star = sky.Stars[i];
             double xi = 0;
             double eta = 0;
-            const double cosine = plane.SkyToPlane(star.Ra, star.Dec, xi, eta);
+            const double cosine = plane.SkyToPlane(PositionOf(star), xi, eta);
             if (star.Mag / 100.0 <= limit && cosine >= 0 &&
                 std::sqrt(xi * xi + eta * eta) <= radius * 206264.8062) {
                 plain.Add({static_cast<float>(xi), static_cast<float>(eta),
@@ -243,7 +243,7 @@ class QuadSkyTest : public testing::Test {
         State.PlateStars.Clear();
         Random random(9);
         for (const CatalogStar& star : Sky().Stars()) {
-            const auto place = SkyToFrame(geometry, star.Ra, star.Dec);
+            const auto place = SkyToFrame(geometry, PositionOf(star));
             if (!place || place->X < 0 || place->Y < 0 || place->X > frameWidth - 1 ||
                 place->Y > frameHeight - 1 || State.PlateStars.Count() > 59) {
                 continue;
@@ -259,8 +259,7 @@ class QuadSkyTest : public testing::Test {
 
     /// How far the centre found is from the frame's, pixels.
     double CentreError() const {
-        const auto place =
-            SkyToFrame(Frame(), State.QuadMatch.Centre.Ra, State.QuadMatch.Centre.Dec);
+        const auto place = SkyToFrame(Frame(), State.QuadMatch.Centre);
         return place ? std::hypot(place->X - (frameWidth - 1) / 2.0,
                                   place->Y - (frameHeight - 1) / 2.0)
                      : INFINITY;

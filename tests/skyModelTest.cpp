@@ -301,7 +301,7 @@ TEST(SkyModel, APlateIsReplacedWithoutLossByTheModelOfAnOrdinaryPhotograph) {
         const auto model = SkyModelOfPlate(plate, tangent, 206264.81, width, height);
         ASSERT_TRUE(model) << degrees;
         Projection plane;
-        plane.SetProjectionCentre(tangent.Ra, tangent.Dec, 206264.81);
+        plane.SetProjectionCentre(tangent, 206264.81);
         double worst = 0;
         for (int k = 0; k < 200; ++k) {
             const PixelPoint pixel{random.Between(-0.5, width - 0.5),
@@ -309,7 +309,7 @@ TEST(SkyModel, APlateIsReplacedWithoutLossByTheModelOfAnOrdinaryPhotograph) {
             const SkyPosition sky = model->SkyOf(pixel);
             double xi = 0;
             double eta = 0;
-            plane.SkyToPlane(sky.Ra, sky.Dec, xi, eta);
+            plane.SkyToPlane(sky, xi, eta);
             PixelPoint back;
             ApplyPlateFit(plate, xi, eta, back.X, back.Y);
             worst = std::max(worst, Apart(back, pixel));

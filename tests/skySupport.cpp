@@ -16,7 +16,7 @@ std::vector<CatalogStar> MakeSky(const std::filesystem::path& catalog,
     std::vector<CatalogStar> stars;
     Random random(17);
     Projection plane;
-    plane.SetProjectionCentre(centre.Ra, centre.Dec, SolveArcsecondsPerRadian);
+    plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
     std::map<std::string, std::string> cells;
     std::vector<double> pixels(side * side);
     for (double& pixel : pixels) pixel = 300 + random.Normal(2);
@@ -24,13 +24,11 @@ std::vector<CatalogStar> MakeSky(const std::filesystem::path& catalog,
         const double xi = random.Between(-280, 280);  // grows to the west
         const double eta = random.Between(-280, 280);
         const double magnitude = random.Between(12, 15);
-        double ra = 0;
-        double dec = 0;
-        plane.PlaneToSky(xi, eta, ra, dec);
+        const auto [ra, dec] = plane.PlaneToSky(xi, eta);
         stars.push_back({static_cast<float>(ra), static_cast<float>(dec),
                          static_cast<std::int16_t>(magnitude * 100)});
         for (const unsigned char byte : EncodeCatalogStar(stars.back())) {
-            cells[CellName(ra, dec)] += static_cast<char>(byte);
+            cells[CellName(CellOf({ra, dec}))] += static_cast<char>(byte);
         }
         const double x0 = (side - 1) / 2.0 + xi / scale;
         const double y0 = (side - 1) / 2.0 + eta / scale;

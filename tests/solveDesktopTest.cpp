@@ -65,7 +65,7 @@ TEST_F(Windows, ASolveByHandShowsItsResult) {
                                                       {"lblDec0", "00\xC2\xB0 34' 00\""},
                                                       {"lblSize", "10' x 10'"},
                                                       {"lblMaxRegions", "9"},
-                                                      {"lblRA", State->Display.CentreRA},
+                                                      {"lblRA", State->Display.CentreRa},
                                                       {"lblStretch", "-1"},
                                                       {"lblNPlate", State->Display.Extracted},
                                                       {"lblNCat", State->Display.FoundInCatalog},

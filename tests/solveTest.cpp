@@ -42,18 +42,17 @@ class SmallSky {
     SmallSky() {
         Random random(41);
         Projection plane;
-        plane.SetProjectionCentre(skyCentre.Ra, skyCentre.Dec, SolveArcsecondsPerRadian);
+        plane.SetProjectionCentre(skyCentre, SolveArcsecondsPerRadian);
         std::map<std::string, std::string> cells;
         for (int i = 0; i < 1250; ++i) {
-            double ra = 0;
-            double dec = 0;
-            plane.PlaneToSky(random.Between(-1500, 1500), random.Between(-1500, 1500), ra, dec);
+            const auto [ra, dec] =
+                plane.PlaneToSky(random.Between(-1500, 1500), random.Between(-1500, 1500));
             const CatalogStar star{
                 static_cast<float>(ra), static_cast<float>(dec),
                 static_cast<std::int16_t>(1600 - 350 * std::pow(random.Between(0, 1), 2))};
             Stars.push_back(star);
             for (const unsigned char byte : EncodeCatalogStar(star)) {
-                cells[CellName(ra, dec)] += static_cast<char>(byte);
+                cells[CellName(CellOf({ra, dec}))] += static_cast<char>(byte);
             }
         }
         for (const auto& [name, bytes] : cells) WriteFile(Folder / name, bytes);
@@ -80,8 +79,8 @@ struct Observation {
     /// stars, the brightest, are drawn.
     Observation(double xi, double eta, std::size_t most = 100000, bool mirrored = false) {
         Projection plane;
-        plane.SetProjectionCentre(skyCentre.Ra, skyCentre.Dec, SolveArcsecondsPerRadian);
-        plane.PlaneToSky(xi, eta, True.Ra, True.Dec);
+        plane.SetProjectionCentre(skyCentre, SolveArcsecondsPerRadian);
+        True = plane.PlaneToSky(xi, eta);
         State.Catalog.Folder = Sky().Folder.Path;
         State.ImageLoaded = true;
         State.Image = EmptyImage(imageWidth, imageHeight, 200);
@@ -92,11 +91,11 @@ struct Observation {
                     static_cast<std::int32_t>(700 + 0.5 * x - 0.3 * y + random.Normal(2));
             }
         }
-        plane.SetProjectionCentre(True.Ra, True.Dec, SolveArcsecondsPerRadian);
+        plane.SetProjectionCentre(True, SolveArcsecondsPerRadian);
         for (const CatalogStar& star : Sky().Stars) {
             double u = 0;
             double v = 0;
-            plane.SkyToPlane(static_cast<double>(star.Ra), static_cast<double>(star.Dec), u, v);
+            plane.SkyToPlane(PositionOf(star), u, v);
             u /= pixelScale;
             v /= mirrored ? -pixelScale : pixelScale;
             const double x = (imageWidth - 1) / 2.0 + u * std::cos(0.6) - v * std::sin(0.6);
@@ -182,12 +181,12 @@ TEST(SolvePlate, StoresWhatItFoundAndShowsIt) {
         EXPECT_NEAR(header.ImageSizeX, 10, 0.01);
         EXPECT_NEAR(header.ImageSizeY, 8, 0.01);
         Projection plane;
-        plane.SetProjectionCentre(header.RaRef, header.DecRef, header.PlateScale);
+        plane.SetProjectionCentre({header.RaRef, header.DecRef}, header.PlateScale);
         const std::vector<MatchedStar> stars = MatchedStars(found);
         for (const auto& [catalog, plate] : stars) {
             double xi = 0;
             double eta = 0;
-            plane.SkyToPlane(catalog->Ra, catalog->Dec, xi, eta);
+            plane.SkyToPlane(PositionOf(*catalog), xi, eta);
             const auto& t = header.PlateTransform;
             EXPECT_NEAR(t[0][0] * xi + t[0][1] * eta + t[0][2], plate->X, 1);
             EXPECT_NEAR(t[1][0] * xi + t[1][1] * eta + t[1][2], plate->Y, 1);
@@ -196,7 +195,7 @@ TEST(SolvePlate, StoresWhatItFoundAndShowsIt) {
 
         EXPECT_EQ(state.Display.FoundInCatalog, std::to_string(found.CatalogCount()));
         EXPECT_EQ(state.Display.CentreCaption, "J2000 Image Center");
-        EXPECT_EQ(state.Display.CentreRA, FormatRA(found.CentreRA, true, 2));
+        EXPECT_EQ(state.Display.CentreRa, FormatRA(found.CentreRA, true, 2));
         EXPECT_EQ(state.Display.CentreDec, FormatDec(found.CentreDec, true, 1));
     }
 }
@@ -211,9 +210,8 @@ TEST(SolvePlate, LimitCountsRegionsAndDiscardsTheMatchBeyondIt) {
     EXPECT_EQ(ninth.State.Display.Status1.Text, "Searched 9 regions");
     EXPECT_NEAR(ninth.State.Solution->CentreDec, ninth.True.Dec, 0.5 * arcsecond);
     Projection plane;
-    plane.SetProjectionCentre(skyCentre.Ra, skyCentre.Dec, SolveArcsecondsPerRadian);
-    SkyPosition tangent;
-    plane.PlaneToSky(spiralStep, spiralStep, tangent.Ra, tangent.Dec);
+    plane.SetProjectionCentre(skyCentre, SolveArcsecondsPerRadian);
+    const SkyPosition tangent = plane.PlaneToSky(spiralStep, spiralStep);
     EXPECT_NEAR(ninth.State.Solution->TangentRA, tangent.Ra, 1e-12);
     EXPECT_NEAR(ninth.State.Image.Header.DecRef, tangent.Dec, 1e-12);
 

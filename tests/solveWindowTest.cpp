@@ -107,7 +107,7 @@ TEST_F(SolveWindowLogic, TheFirstInvalidInputStopsTheMatchAndChangesNothing) {
     EXPECT_EQ(State.Display.Status.Text, "as it was");
     EXPECT_EQ(State.Display.Status.Colour, StatusColour::Green);
     EXPECT_FALSE(State.Display.BusyIndicator);
-    EXPECT_EQ(State.Display.StartRA, "");
+    EXPECT_EQ(State.Display.StartRa, "");
     EXPECT_FALSE(State.BackgroundRemoved);  // no solve has begun
 
     Port.Messages.clear();
@@ -267,7 +267,7 @@ TEST_F(SolveWindowLogic, ASolutionGoesWithItsImage) {
         EXPECT_GT(Port.ImageChanges, imageChanges) << "the windows let go of the old picture";
         EXPECT_FALSE(State.Solution || CommandsFor(State).Sync) << next;
         EXPECT_EQ(State.Display.Details.find("Certainty"), std::string::npos) << "to be copied";
-        EXPECT_EQ(State.Display.CentreCaption + State.Display.CentreRA, "Search Center");
+        EXPECT_EQ(State.Display.CentreCaption + State.Display.CentreRa, "Search Center");
         const Overlays overlays = OverlaysOf(State);
         EXPECT_TRUE(overlays.Extracted.empty() && overlays.Catalog.empty());
     }

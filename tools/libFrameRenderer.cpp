@@ -288,15 +288,8 @@ class ExpectedLight {
     std::vector<std::vector<LitStar>> bands_;
 };
 
-double AngularDistance(double ra1, double dec1, double ra2, double dec2) {
-    const double sine1 = std::sin((dec2 - dec1) / 2);
-    const double sine2 = std::sin((ra2 - ra1) / 2);
-    const double haversine = sine1 * sine1 + std::cos(dec1) * std::cos(dec2) * sine2 * sine2;
-    return 2 * std::asin(std::sqrt(std::min(haversine, 1.0)));
-}
-
-/// Whether a cell may hold a star within `radius` of a position.
-bool CellTouches(const CellPosition& cell, double ra, double dec, double radius) {
+/// Whether a cell may hold a star within `radius` (radians) of a position.
+bool CellTouches(const CellPosition& cell, SkyPosition centre, double radius) {
     constexpr double zoneHeight = 2.5 * RadiansPerDegree;
     const double sign = cell.South ? -1 : 1;
     const double nearEquator = cell.Zone * zoneHeight * sign;
@@ -305,13 +298,13 @@ bool CellTouches(const CellPosition& cell, double ra, double dec, double radius)
     // corners are its farthest points.
     const bool cap = SlicesInZone(cell.Zone) == 1;
     const double width = SliceWidth(cell.Zone) * RadiansPerDegree;
-    const double middleRa = (static_cast<double>(cell.Slice) + 0.5) * width;
-    const double middleDec = cap ? nearPole : (nearEquator + nearPole) / 2;
-    const double corner = middleRa + width / 2;
-    const double reach = std::max(AngularDistance(middleRa, middleDec, corner, nearEquator),
-                                  AngularDistance(middleRa, middleDec, corner, nearPole));
+    const SkyPosition middle{(static_cast<double>(cell.Slice) + 0.5) * width,
+                             cap ? nearPole : (nearEquator + nearPole) / 2};
+    const double corner = middle.Ra + width / 2;
+    const double reach = std::max(SkyDistance(middle, {corner, nearEquator}),
+                                  SkyDistance(middle, {corner, nearPole}));
     constexpr double rounding = 1e-5;
-    return AngularDistance(middleRa, middleDec, ra, dec) <= radius + reach + rounding;
+    return SkyDistance(middle, centre) <= radius + reach + rounding;
 }
 
 /// The unit vectors of the picture's right and up, as (east, north) on the plane.
@@ -352,15 +345,15 @@ double FrameGeometry::Radius() const {
     return std::atan(RadiansPerPixel * HalfDiagonal());
 }
 
-std::optional<FramePoint> SkyToFrame(const FrameGeometry& geometry, double ra, double dec) {
-    const double sinCentre = std::sin(geometry.CentreDec);
-    const double cosCentre = std::cos(geometry.CentreDec);
-    const double sinDec = std::sin(dec);
-    const double cosDec = std::cos(dec);
-    const double cosRa = std::cos(ra - geometry.CentreRa);
+std::optional<FramePoint> SkyToFrame(const FrameGeometry& geometry, SkyPosition sky) {
+    const double sinCentre = std::sin(geometry.Centre.Dec);
+    const double cosCentre = std::cos(geometry.Centre.Dec);
+    const double sinDec = std::sin(sky.Dec);
+    const double cosDec = std::cos(sky.Dec);
+    const double cosRa = std::cos(sky.Ra - geometry.Centre.Ra);
     const double distanceCosine = sinCentre * sinDec + cosCentre * cosDec * cosRa;
     if (!(distanceCosine > 1e-6)) return std::nullopt;
-    const double east = cosDec * std::sin(ra - geometry.CentreRa) / distanceCosine;
+    const double east = cosDec * std::sin(sky.Ra - geometry.Centre.Ra) / distanceCosine;
     const double north = (cosCentre * sinDec - sinCentre * cosDec * cosRa) / distanceCosine;
     const PictureAxes axes(geometry);
     const double right = east * axes.Right[0] + north * axes.Right[1];
@@ -376,7 +369,7 @@ std::optional<FramePoint> SkyToFrame(const FrameGeometry& geometry, double ra, d
                       (geometry.Height - 1) / 2.0 + v + shift.Y};
 }
 
-void FrameToSky(const FrameGeometry& geometry, FramePoint point, double& ra, double& dec) {
+SkyPosition FrameToSky(const FrameGeometry& geometry, FramePoint point) {
     const double x = point.X - (geometry.Width - 1) / 2.0;
     const double y = point.Y - (geometry.Height - 1) / 2.0;
     // A lens moves neighbours alike, so that this converges quickly.
@@ -391,13 +384,13 @@ void FrameToSky(const FrameGeometry& geometry, FramePoint point, double& ra, dou
     const PictureAxes axes(geometry);
     const double east = right * axes.Right[0] + up * axes.Up[0];
     const double north = right * axes.Right[1] + up * axes.Up[1];
-    const double sinCentre = std::sin(geometry.CentreDec);
-    const double cosCentre = std::cos(geometry.CentreDec);
+    const double sinCentre = std::sin(geometry.Centre.Dec);
+    const double cosCentre = std::cos(geometry.Centre.Dec);
     const double towardPole = cosCentre - north * sinCentre;
-    ra = geometry.CentreRa + std::atan2(east, towardPole);
+    double ra = geometry.Centre.Ra + std::atan2(east, towardPole);
     if (ra < 0) ra += 2 * pi;
     if (ra >= 2 * pi) ra -= 2 * pi;
-    dec = std::atan2(sinCentre + north * cosCentre, std::hypot(east, towardPole));
+    return {ra, std::atan2(sinCentre + north * cosCentre, std::hypot(east, towardPole))};
 }
 
 double PeakSigmas(const FrameExposure& exposure, double magnitude) {
@@ -424,12 +417,12 @@ std::vector<FrameStar> CatalogFrameStars(const std::filesystem::path& catalog,
     std::vector<FrameStar> stars;
     std::vector<CatalogStar> cellStars;
     for (const CellPosition& cell : AllCells()) {
-        if (!CellTouches(cell, geometry.CentreRa, geometry.CentreDec, radius)) continue;
+        if (!CellTouches(cell, geometry.Centre, radius)) continue;
         ReadCellFile(catalog / CellName(cell), cellStars);
         for (const CatalogStar& star : cellStars) {
             const SkyStar sky{star.Ra, star.Dec, star.Mag / 100.0};
             if (!(sky.Mag <= magnitudeLimit)) continue;
-            const std::optional<FramePoint> place = SkyToFrame(geometry, sky.Ra, sky.Dec);
+            const std::optional<FramePoint> place = SkyToFrame(geometry, PositionOf(sky));
             if (!place || place->X < -margin || place->Y < -margin ||
                 place->X > geometry.Width - 1 + margin || place->Y > geometry.Height - 1 + margin) {
                 continue;
@@ -451,7 +444,9 @@ std::vector<FrameStar> RandomFrameStars(const FrameGeometry& geometry, int count
     for (FrameStar& star : stars) {
         star.Place = {random.Uniform() * geometry.Width - 0.5,
                       random.Uniform() * geometry.Height - 0.5};
-        FrameToSky(geometry, star.Place, star.Sky.Ra, star.Sky.Dec);
+        const SkyPosition sky = FrameToSky(geometry, star.Place);
+        star.Sky.Ra = sky.Ra;
+        star.Sky.Dec = sky.Dec;
         const double share = 1 - random.Uniform() * (1 - brightestShare);
         star.Sky.Mag = faintest + std::log10(share) / slope;
     }

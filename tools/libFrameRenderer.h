@@ -13,8 +13,7 @@ namespace vestrel {
 /// Where a frame points and how it lies on the sky. The optics are gnomonic about the middle of
 /// the frame, pixel ((Width − 1) / 2, (Height − 1) / 2).
 struct FrameGeometry {
-    double CentreRa = 0;         ///< J2000, radians
-    double CentreDec = 0;        ///< radians
+    SkyPosition Centre;
     double RadiansPerPixel = 0;  ///< at the centre
     int Width = 0;               ///< pixels
     int Height = 0;
@@ -39,9 +38,9 @@ struct FramePoint {
 };
 
 /// Nothing for a position that lies 90° or more from the centre, or far outside a distorted frame.
-std::optional<FramePoint> SkyToFrame(const FrameGeometry& geometry, double ra, double dec);
-/// The position (radians, `ra` in 0..2π) at a place in the frame.
-void FrameToSky(const FrameGeometry& geometry, FramePoint point, double& ra, double& dec);
+std::optional<FramePoint> SkyToFrame(const FrameGeometry& geometry, SkyPosition sky);
+/// The position (`Ra` in 0..2π) at a place in the frame.
+SkyPosition FrameToSky(const FrameGeometry& geometry, FramePoint point);
 
 /// How the frame was taken.
 struct FrameExposure {
