@@ -208,7 +208,7 @@ void ImageWindow::ShowViewChange() {
 void ImageWindow::PaintOverlays(QPainter& painter) {
     OverlayPainter over(painter, area_->View, area_->size());
     if (grid_->isChecked() && overlays_.Map) {
-        if (!skyGridFits_) skyGrid_ = GridOver(state_.Image.Header, area_->View.Visible());
+        if (!skyGridFits_) skyGrid_ = GridOver(overlays_.Map, area_->View.Visible());
         skyGridFits_ = true;
         over.Grid(skyGrid_);
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <numbers>
+#include <utility>
 
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
@@ -47,7 +48,27 @@ std::optional<SkyMap> SkyMap::Of(const ImageHeader& header) {
     return map;
 }
 
+SkyMap SkyMap::Of(SkyModel model) {
+    SkyMap map;
+    map.model_ = std::move(model);
+    return map;
+}
+
+SkyMap SkyMap::PartFrom(const PixelPoint& corner) const {
+    SkyMap part = *this;
+    part.tangent_.X -= corner.X;
+    part.tangent_.Y -= corner.Y;
+    part.corner_.X += corner.X;
+    part.corner_.Y += corner.Y;
+    return part;
+}
+
 std::optional<PixelPoint> SkyMap::PixelOf(const SkyPosition& sky) const {
+    if (model_) {
+        std::optional<PixelPoint> pixel = model_->PixelOf(sky);
+        if (pixel) *pixel = {pixel->X - corner_.X, pixel->Y - corner_.Y};
+        return pixel;
+    }
     double xi = 0;
     double eta = 0;
     if (!(plane_.SkyToPlane(sky, xi, eta) >= -rim)) return std::nullopt;
@@ -55,6 +76,7 @@ std::optional<PixelPoint> SkyMap::PixelOf(const SkyPosition& sky) const {
 }
 
 std::optional<SkyPosition> SkyMap::SkyOf(const PixelPoint& pixel) const {
+    if (model_) return model_->SkyOf({pixel.X + corner_.X, pixel.Y + corner_.Y});
     const double dx = pixel.X - tangent_.X;
     const double dy = pixel.Y - tangent_.Y;
     const double east = -(yEta_ * dx - xEta_ * dy) / determinant_;
@@ -74,6 +96,7 @@ std::optional<SkyPosition> SkyMap::SkyOf(const PixelPoint& pixel) const {
 std::optional<SkyMap::Compass> SkyMap::CompassAt(const PixelPoint& pixel) const {
     const std::optional<SkyPosition> sky = SkyOf(pixel);
     if (!sky) return std::nullopt;
+    if (model_) return CompassByStep(pixel, *sky);
     // The derivatives of the projection along a meridian and along a parallel, the latter divided
     // by cos(dec), so that they do not vanish at the poles.
     const double sinRa =
@@ -90,7 +113,30 @@ std::optional<SkyMap::Compass> SkyMap::CompassAt(const PixelPoint& pixel) const 
                    UnitVector(xXi_ * eastXi + xEta_ * eastEta, yXi_ * eastXi + yEta_ * eastEta)};
 }
 
+std::optional<SkyMap::Compass> SkyMap::CompassByStep(const PixelPoint& pixel,
+                                                     const SkyPosition& sky) const {
+    constexpr double step = 1e-6;  // radians; places of the model are true to 1e-9 pixels
+    const double sinRa = std::sin(sky.Ra);
+    const double cosRa = std::cos(sky.Ra);
+    const double sinDec = std::sin(sky.Dec);
+    const double cosDec = std::cos(sky.Dec);
+    // Where a step in a direction leads, without the angles, which end at the poles.
+    const auto toward = [&](double x, double y, double z) -> std::optional<PixelPoint> {
+        x = cosDec * cosRa + step * x;
+        y = cosDec * sinRa + step * y;
+        z = sinDec + step * z;
+        const auto there = PixelOf({std::atan2(y, x), std::atan2(z, std::hypot(x, y))});
+        if (!there) return std::nullopt;
+        return UnitVector(there->X - pixel.X, there->Y - pixel.Y);
+    };
+    const auto north = toward(-sinDec * cosRa, -sinDec * sinRa, cosDec);
+    const auto east = toward(-sinRa, cosRa, 0);
+    if (!north || !east) return std::nullopt;
+    return Compass{*north, *east};
+}
+
 double SkyMap::PixelsPerRadian() const {
+    if (model_) return 1 / model_->Scale();
     return std::sqrt(std::fabs(determinant_));
 }
 

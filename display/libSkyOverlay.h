@@ -1,7 +1,8 @@
 // Where things of the sky lie on a solved image.
 //
-// The projection is the program's own, orthographic one (Calabretta & Greisen 2002, A&A 395, 1077,
-// section 5.1.5; see docs/CONVENTIONS.md), so anything drawn here falls where the solve put it.
+// The map is that of the plate constants, the program's own, orthographic one (Calabretta & Greisen
+// 2002, A&A 395, 1077, section 5.1.5; see docs/CONVENTIONS.md), so that anything drawn falls where
+// the solve put it; or the sky model of all stars, which is true to the corners.
 // Pixels are those of the grid: rows count as `FirstRowAtTop` says, and directions are grid
 // directions; the window turns them over together with the image.
 #pragma once
@@ -22,6 +23,11 @@ class SkyMap {
  public:
     /// Nothing when the header holds no solution, or one that is no map of the sky.
     static std::optional<SkyMap> Of(const ImageHeader& header);
+    /// The map of a model that `CompleteSkyModel` has accepted.
+    static SkyMap Of(SkyModel model);
+
+    /// The map of a part of the image: its pixel (0, 0) is this one's `corner`.
+    SkyMap PartFrom(const PixelPoint& corner) const;
 
     /// The pixel of a position; nothing on the far hemisphere, which the plane would fold over.
     std::optional<PixelPoint> PixelOf(const SkyPosition& sky) const;
@@ -43,6 +49,8 @@ class SkyMap {
     double PixelsPerRadian() const;
 
  private:
+    std::optional<Compass> CompassByStep(const PixelPoint& pixel, const SkyPosition& sky) const;
+
     Projection plane_;  ///< scale 1: plane units are radians
     // Pixels per radian, and the tangent point.
     double xXi_ = 0;
@@ -51,6 +59,8 @@ class SkyMap {
     double yEta_ = 0;
     PixelPoint tangent_;
     double determinant_ = 0;
+    std::optional<SkyModel> model_;  ///< in place of all above
+    PixelPoint corner_;              ///< of the part, in pixels of the model
 };
 
 /// A round angle and how long it is on the image.

@@ -27,6 +27,7 @@ void ForgetImage(ProgramState& state) {
 
 void ForgetSolution(ProgramState& state) {
     state.Solution.reset();
+    state.Sky = {};
 }
 
 void CountsChanged(ProgramState& state) {

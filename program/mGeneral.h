@@ -18,6 +18,7 @@
 #include "matching/libAlign.h"
 #include "matching/libConfidence.h"
 #include "matching/libQuadTables.h"
+#include "program/libImageSkyModel.h"
 #include "program/libPlateSolution.h"
 #include "program/libSolveCode.h"
 #include "program/mPort.h"
@@ -135,6 +136,12 @@ struct QuadSearch {
     std::vector<std::string> Messages;  ///< the lines of the test list
 };
 
+/// The sky model of the solution, once somebody has asked for it.
+struct KeptSky {
+    bool Made = false;
+    std::optional<ImageSkyModel> Model;  ///< nothing also when the solution bears none
+};
+
 struct ProgramState {
     PlateImage Image;
     bool ImageLoaded = false;
@@ -158,6 +165,7 @@ struct ProgramState {
     ExtractionFacts Extraction;
     PlateStarList PlateStars;               ///< of the last extraction that gave 6 or more
     std::optional<PlateSolution> Solution;  ///< of the loaded image
+    KeptSky Sky;                            ///< goes with `Solution`
 
     /// When a search with a time limit ends at the latest.
     std::optional<std::chrono::steady_clock::time_point> SearchEnds;

@@ -5,6 +5,7 @@
 
 #include "astro/libMath.h"
 #include "display/libReadout.h"
+#include "program/mSkyModel.h"
 
 namespace vestrel {
 
@@ -56,45 +57,47 @@ GreyLookup LookupOf(const ProgramState& state, bool inverted) {
             inverted};
 }
 
-Overlays OverlaysOf(const ProgramState& state) {
+Overlays OverlaysOf(ProgramState& state) {
     Overlays overlays;
     if (!state.ImageLoaded) return overlays;
     for (const PlateStar& star : state.PlateStars) {
         overlays.Extracted.push_back(Extracted(state, star));
     }
-    overlays.Map = SkyMap::Of(state.Image.Header);
+    overlays.Map = SkyMapOf(state);
     if (!overlays.Map || !state.Solution) return overlays;
-    for (const PlateStar& star : state.Solution->CatalogStars) {
+    const PlateSolution& solution = *state.Solution;
+    const auto& sky = KeptSkyModel(state);
+    const bool whole = sky && sky->Solution;
+    for (const PlateStar& star : whole ? sky->CatalogStars : solution.CatalogStars) {
+        if (whole && double{star.Flux} > state.Report.MagnitudeLimit) continue;
         const auto place = overlays.Map->PixelOf({star.Ra, star.Dec});
         if (place && OnImage(state.Image, *place)) {
             overlays.Catalog.push_back({*place, MagnitudeText(star.Flux)});
         }
     }
-    for (const auto& [catalog, plate] : MatchedStars(*state.Solution)) {
-        if (const auto place = overlays.Map->PixelOf({catalog->Ra, catalog->Dec})) {
-            overlays.Matched.push_back(
-                {{{plate->X, plate->Y}, MagnitudeText(catalog->Flux)}, *place});
+    const auto addPair = [&](const PlateStar& catalog, const PlateStar& plate) {
+        if (const auto place = overlays.Map->PixelOf({catalog.Ra, catalog.Dec})) {
+            overlays.Matched.push_back({{{plate.X, plate.Y}, MagnitudeText(catalog.Flux)}, *place});
         }
+    };
+    if (whole) {
+        for (const SkyPair& pair : sky->Solution->Pairs) {
+            addPair(sky->CatalogStars[static_cast<std::int32_t>(pair.CatalogStar) + 1],
+                    solution.PlateStars[static_cast<std::int32_t>(pair.PlateStar) + 1]);
+        }
+    } else {
+        for (const auto& [catalog, plate] : MatchedStars(solution)) addPair(*catalog, *plate);
     }
     return overlays;
 }
 
-SkyGrid GridOver(const ImageHeader& header, const PixelRectangle& visible) {
-    if (visible.Width <= 0 || visible.Height <= 0) return {};
+SkyGrid GridOver(const std::optional<SkyMap>& map, const PixelRectangle& visible) {
+    if (!map || visible.Width <= 0 || visible.Height <= 0) return {};
     // The grid of an image that is only the visible part.
     const double left = std::floor(visible.Left);
     const double first = std::floor(visible.First);
-    ImageHeader part;
-    part.PlateMatched = header.PlateMatched;
-    std::copy_n(&header.PlateTransform[0][0], 6, &part.PlateTransform[0][0]);
-    part.PlateScale = header.PlateScale;
-    part.RaRef = header.RaRef;
-    part.DecRef = header.DecRef;
-    part.PlateTransform[0][2] -= left;
-    part.PlateTransform[1][2] -= first;
-    const auto map = SkyMap::Of(part);
-    if (!map) return {};
-    SkyGrid grid = MakeSkyGrid(*map, static_cast<std::int32_t>(std::ceil(visible.Width)) + 1,
+    SkyGrid grid = MakeSkyGrid(map->PartFrom({left, first}),
+                               static_cast<std::int32_t>(std::ceil(visible.Width)) + 1,
                                static_cast<std::int32_t>(std::ceil(visible.Height)) + 1);
     const auto moveBack = [&](PixelPoint& point) {
         point.X += left;

@@ -36,11 +36,13 @@ struct Overlays {
     std::vector<OverlayPair> Matched;
     std::optional<SkyMap> Map;
 };
-/// Everything that lies over the image, catalog stars where the solution puts them. Stars without
-/// a solution of this image, or pairs of a search that failed since, are left out.
-Overlays OverlaysOf(const ProgramState& state);
+/// Everything that lies over the image. Catalog stars lie where the sky model puts them, over the
+/// whole frame, down to the magnitude that the solve compared; without a model, those of the solve
+/// where the plate puts them. Stars without a solution of this image, or pairs of a search that
+/// failed since, are left out.
+Overlays OverlaysOf(ProgramState& state);
 
 /// The grid of right ascension and declination over the visible part of the image.
-SkyGrid GridOver(const ImageHeader& header, const PixelRectangle& visible);
+SkyGrid GridOver(const std::optional<SkyMap>& map, const PixelRectangle& visible);
 
 }  // namespace vestrel

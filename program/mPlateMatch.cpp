@@ -273,6 +273,7 @@ void FinishPlateSolution(ProgramState& state, Port& port, PlateSolution solution
         StatusColour::Green, true};
     ShowCentre(state, port, solution.Centre());
     state.Solution = std::move(solution);
+    state.Sky = {};
 }
 
 }  // namespace vestrel

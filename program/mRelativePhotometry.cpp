@@ -43,7 +43,7 @@ std::string DifferenceText(const RelativeMagnitude& result) {
 
 }  // namespace
 
-std::string TakePhotometryStar(const ProgramState& state, PhotometryTable& table,
+std::string TakePhotometryStar(ProgramState& state, PhotometryTable& table,
                                const PixelPoint& pixel) {
     const StarReport report = MeasureStarAt(state, pixel);
     if (report.Star.Outcome != StarOutcome::Measured) return OutcomeText(report.Star.Outcome);

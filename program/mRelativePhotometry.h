@@ -21,7 +21,7 @@ struct PhotometryTable {
 /// Measures the clicked star. It becomes the first of a pair, or makes a row with the first one; a
 /// place without a star changes nothing.
 /// @return the outcome in words, warnings included
-std::string TakePhotometryStar(const ProgramState& state, PhotometryTable& table,
+std::string TakePhotometryStar(ProgramState& state, PhotometryTable& table,
                                const PixelPoint& pixel);
 
 /// What the user is to do next.

@@ -62,6 +62,7 @@ std::optional<SkySolution> SolutionOfAllStars(const ProgramState& state,
 
 std::optional<ImageSkyModel> SkyModelOfImage(const ProgramState& state) {
     const ImageHeader& header = state.Image.Header;
+    if (state.Sky.Made) return state.Sky.Model;
     if (!state.ImageLoaded || !header.PlateMatched) return std::nullopt;
     const auto& map = header.PlateTransform;
     const PlateConstants constants{map[0][0], map[0][1], map[0][2],
@@ -76,6 +77,20 @@ std::optional<ImageSkyModel> SkyModelOfImage(const ProgramState& state) {
         if (result.Solution) result.Model = result.Solution->Fit.Model;
     }
     return result;
+}
+
+const std::optional<ImageSkyModel>& KeptSkyModel(ProgramState& state) {
+    if (!state.Sky.Made) state.Sky = {true, SkyModelOfImage(state)};
+    return state.Sky.Model;
+}
+
+std::optional<SkyMap> SkyMapOf(ProgramState& state) {
+    // What has no fit of its own is the plate in other words.
+    if (state.Solution) {
+        const auto& sky = KeptSkyModel(state);
+        if (sky && sky->Solution) return SkyMap::Of(sky->Model);
+    }
+    return SkyMap::Of(state.Image.Header);
 }
 
 }  // namespace vestrel

@@ -4,22 +4,21 @@
 
 #include <optional>
 
-#include "matching/libSkyMatch.h"
+#include "display/libSkyOverlay.h"
+#include "program/libImageSkyModel.h"
 #include "program/mGeneral.h"
 
 namespace vestrel {
 
-/// Which place of the sky each pixel of the loaded image shows.
-struct ImageSkyModel {
-    SkyModel Model;
-    /// The fit to all stars. Nothing for an image that was opened solved, or where the stars bear
-    /// no better model than the plate: then the model is the plate as an ordinary photograph.
-    std::optional<SkySolution> Solution;
-    PlateStarList CatalogStars;  ///< that its pairs point to, index 0 being number 1
-};
-
 /// The model of the loaded image's solution; nothing when it has none, or none that a photograph
 /// could have. Reads the catalog of the whole image, a few milliseconds.
 std::optional<ImageSkyModel> SkyModelOfImage(const ProgramState& state);
+
+/// The same, made when it is asked for first and kept in the state as long as the solution is.
+const std::optional<ImageSkyModel>& KeptSkyModel(ProgramState& state);
+
+/// Where things of the sky lie on the image: by the model when the stars gave one, else by the
+/// plate; nothing without a solution.
+std::optional<SkyMap> SkyMapOf(ProgramState& state);
 
 }  // namespace vestrel

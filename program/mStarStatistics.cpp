@@ -6,6 +6,7 @@
 
 #include "astro/libMath.h"
 #include "display/libReadout.h"
+#include "program/mSkyModel.h"
 
 namespace vestrel {
 
@@ -16,10 +17,12 @@ std::string WithError(double value, double error, int decimals, const char* unit
     return FixedText(value, decimals) + " \xC2\xB1 " + FixedText(error, decimals) + unit;
 }
 
-std::optional<CatalogNeighbour> NearestInCatalog(const ProgramState& state, const SkyMap& map,
+std::optional<CatalogNeighbour> NearestInCatalog(ProgramState& state, const SkyMap& map,
                                                  const PixelPoint& place) {
     if (!state.Solution) return std::nullopt;
-    const PlateStarList& stars = state.Solution->CatalogStars;
+    const auto& kept = KeptSkyModel(state);
+    const PlateStarList& stars =
+        kept && kept->Solution ? kept->CatalogStars : state.Solution->CatalogStars;
     const auto nearest = NearestCatalogStar(map, stars, place);
     const auto here = map.SkyOf(place);
     if (!nearest || !here) return std::nullopt;
@@ -95,13 +98,13 @@ std::vector<CalibrationStar> CalibrationStarsOf(const ProgramState& state) {
     return stars;
 }
 
-StarReport MeasureStarAt(const ProgramState& state, const PixelPoint& pixel) {
+StarReport MeasureStarAt(ProgramState& state, const PixelPoint& pixel) {
     StarReport report;
     if (!state.ImageLoaded) return report;
     report.Star = MeasureStar(state.Image, pixel.X, pixel.Y, ApertureSettingsOf(state.Parameters));
     if (report.Star.Outcome != StarOutcome::Measured) return report;
     const PixelPoint place{report.Star.X, report.Star.Y};
-    if (const auto map = SkyMap::Of(state.Image.Header)) {
+    if (const auto map = SkyMapOf(state)) {
         report.Sky = map->SkyOf(place);
         report.Nearest = NearestInCatalog(state, *map, place);
     }

@@ -36,7 +36,7 @@ ApertureSettings ApertureSettingsOf(const SolveParameters& parameters);
 std::vector<CalibrationStar> CalibrationStarsOf(const ProgramState& state);
 
 /// Measures the star that a click on the image means.
-StarReport MeasureStarAt(const ProgramState& state, const PixelPoint& pixel);
+StarReport MeasureStarAt(ProgramState& state, const PixelPoint& pixel);
 
 /// The magnitude of the catalog star that a measured star is: the nearest one, when it is within
 /// the star's own light.

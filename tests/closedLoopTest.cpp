@@ -18,6 +18,7 @@
 #include "program/mBlindSolve.h"
 #include "program/mCommandLine.h"
 #include "program/mImageData.h"
+#include "program/mImageView.h"
 #include "program/mPlateMatch.h"
 #include "program/mSolveReport.h"
 #include "tests/testSupport.h"
@@ -149,6 +150,73 @@ TEST_F(ClosedLoop, SolutionsAreTheTruthInEveryFormatAndAttitude) {
         EXPECT_NEAR(std::remainder(shown.UpPositionAngle - one.Up, 360), 0, 0.05);
         EXPECT_EQ(shown.Mirrored, one.Mirrored);
     }
+}
+
+// What lies over an image must be true where the lens bends most, which a plate is not.
+TEST_F(ClosedLoop, OverlaysAndGridAreTrueToTheCornersOfADistortedFrame) {
+    FrameGeometry geometry = FrameAt(ordinary, 33);
+    geometry.Distortion = 8;
+    const auto stars = CatalogFrameStars(Catalog.Path, geometry, FaintestDrawn());
+    ASSERT_EQ(Solve(geometry, ExposureFor(16), stars, 16).Result.Code, SolveCode::Solved);
+    const auto isCorner = [](const PixelPoint& place) {
+        return std::hypot(place.X - (frameWidth - 1) / 2.0, place.Y - (frameHeight - 1) / 2.0) >
+               0.65 * std::hypot(frameWidth, frameHeight) / 2;
+    };
+    const Overlays overlays = OverlaysOf(State);
+    ASSERT_TRUE(overlays.Map);
+    int quadrants[4] = {};
+    for (const FrameStar& star : stars) {
+        const PixelPoint truth{star.Place.X, star.Place.Y};
+        if (!isCorner(truth) || star.Sky.Mag > State.Report.MagnitudeLimit - 0.02) continue;
+        if (truth.X < 0 || truth.Y < 0 || truth.X > frameWidth - 1 || truth.Y > frameHeight - 1) {
+            continue;
+        }
+        const auto shown = std::min_element(
+            overlays.Catalog.begin(), overlays.Catalog.end(), [&](const auto& a, const auto& b) {
+                return std::hypot(a.Place.X - truth.X, a.Place.Y - truth.Y) <
+                       std::hypot(b.Place.X - truth.X, b.Place.Y - truth.Y);
+            });
+        ASSERT_NE(shown, overlays.Catalog.end());
+        EXPECT_NEAR(std::hypot(shown->Place.X - truth.X, shown->Place.Y - truth.Y), 0, 0.5);
+        ++quadrants[(truth.X > frameWidth / 2.0 ? 1 : 0) + (truth.Y > frameHeight / 2.0 ? 2 : 0)];
+    }
+    for (const int found : quadrants) EXPECT_GT(found, 0);
+    EXPECT_GT(overlays.Matched.size(), static_cast<std::size_t>(State.Solution->MatchedCount));
+
+    const SkyGrid grid = GridOver(overlays.Map, {0, 0, frameWidth, frameHeight});
+    int vertices = 0;
+    for (const GridLine& line : grid.Lines) {
+        for (const auto& piece : line.Pieces) {
+            for (const PixelPoint& vertex : piece) {
+                if (!isCorner(vertex)) continue;
+                double ra = 0;
+                double dec = 0;
+                FrameToSky(geometry, {vertex.X, vertex.Y}, ra, dec);
+                const double off =
+                    line.IsMeridian ? (ra - line.Angle) * std::cos(dec) : dec - line.Angle;
+                EXPECT_NEAR(off / geometry.RadiansPerPixel, 0, 0.5);
+                ++vertices;
+            }
+        }
+    }
+    EXPECT_GT(vertices, 50);
+
+    // Directions on the image are those that a step on the true sky has.
+    const PixelPoint corner{30, 25};
+    const auto compass = overlays.Map->CompassAt(corner);
+    double ra = 0;
+    double dec = 0;
+    FrameToSky(geometry, {corner.X, corner.Y}, ra, dec);
+    const auto north = SkyToFrame(geometry, ra, dec + 1e-4);
+    ASSERT_TRUE(compass && north);
+    EXPECT_NEAR(std::atan2(compass->North.Y, compass->North.X),
+                std::atan2(north->Y - corner.Y, north->X - corner.X), 0.002);
+    EXPECT_NEAR(compass->North.X * compass->East.X + compass->North.Y * compass->East.Y, 0, 0.05);
+
+    // It goes with the solution.
+    EXPECT_TRUE(State.Sky.Made);
+    ForgetSolution(State);
+    EXPECT_FALSE(State.Sky.Made || State.Sky.Model);
 }
 
 TEST_F(ClosedLoop, FramesWithoutASolutionGetNone) {

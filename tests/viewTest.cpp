@@ -214,7 +214,7 @@ TEST(Readout, GridOfAPartLiesOnTheGridOfTheSky) {
     std::copy_n(&rows[0][0], 6, &header.PlateTransform[0][0]);
     const auto map = SkyMap::Of(header);
     const PixelRectangle part{800.25, 1200.5, 90, 60};
-    const SkyGrid grid = GridOver(header, part);
+    const SkyGrid grid = GridOver(map, part);
     int vertices = 0;
     for (const GridLine& line : grid.Lines) {
         for (const auto& piece : line.Pieces) {
@@ -230,7 +230,7 @@ TEST(Readout, GridOfAPartLiesOnTheGridOfTheSky) {
     }
     EXPECT_GT(grid.Lines.size(), 3u);
     EXPECT_GT(vertices, 8);
-    EXPECT_TRUE(GridOver(header, {}).Lines.empty());
+    EXPECT_TRUE(GridOver(map, {}).Lines.empty());
 }
 
 TEST(Plot, AxesGoBothWaysAndTicksAreRoundAndFew) {

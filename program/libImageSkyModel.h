@@ -1,0 +1,20 @@
+// The sky model of an image, with the stars that it was fitted to.
+#pragma once
+
+#include <optional>
+
+#include "astro/libPlateStar.h"
+#include "matching/libSkyMatch.h"
+
+namespace vestrel {
+
+/// Which place of the sky each pixel of the loaded image shows.
+struct ImageSkyModel {
+    SkyModel Model;
+    /// The fit to all stars. Nothing for an image that was opened solved, or where the stars bear
+    /// no better model than the plate: then the model is the plate as an ordinary photograph.
+    std::optional<SkySolution> Solution;
+    PlateStarList CatalogStars;  ///< that its pairs point to, index 0 being number 1
+};
+
+}  // namespace vestrel
