@@ -189,9 +189,7 @@ TEST_F(ClosedLoop, OverlaysAndGridAreTrueToTheCornersOfADistortedFrame) {
         for (const auto& piece : line.Pieces) {
             for (const PixelPoint& vertex : piece) {
                 if (!isCorner(vertex)) continue;
-                double ra = 0;
-                double dec = 0;
-                FrameToSky(geometry, {vertex.X, vertex.Y}, ra, dec);
+                const auto [ra, dec] = FrameToSky(geometry, {vertex.X, vertex.Y});
                 const double off =
                     line.IsMeridian ? (ra - line.Angle) * std::cos(dec) : dec - line.Angle;
                 EXPECT_NEAR(off / geometry.RadiansPerPixel, 0, 0.5);
@@ -204,10 +202,8 @@ TEST_F(ClosedLoop, OverlaysAndGridAreTrueToTheCornersOfADistortedFrame) {
     // Directions on the image are those that a step on the true sky has.
     const PixelPoint corner{30, 25};
     const auto compass = overlays.Map->CompassAt(corner);
-    double ra = 0;
-    double dec = 0;
-    FrameToSky(geometry, {corner.X, corner.Y}, ra, dec);
-    const auto north = SkyToFrame(geometry, ra, dec + 1e-4);
+    const auto [ra, dec] = FrameToSky(geometry, {corner.X, corner.Y});
+    const auto north = SkyToFrame(geometry, {ra, dec + 1e-4});
     ASSERT_TRUE(compass && north);
     EXPECT_NEAR(std::atan2(compass->North.Y, compass->North.X),
                 std::atan2(north->Y - corner.Y, north->X - corner.X), 0.002);
