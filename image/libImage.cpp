@@ -31,6 +31,9 @@ bool FirstRowAtTop(const PlateImage& image) {
 }
 
 bool TurnedOver(const PlateImage& image) {
+    // The FITS decoder turns the same images as the program's own reader, and calls the others
+    // bottom row first; no other format is turned.
+    if (image.ImageType == ImageType::Decoded) return image.Format == "FITS" && image.TopRowFirst;
     return image.ImageType == ImageType::Fits && image.Header.BitPix == -32;
 }
 

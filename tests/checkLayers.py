@@ -30,6 +30,7 @@ FOLDERS = {
     "display": "platform astro image photometry",
     "program": "platform astro telescope image extraction catalog matching settings photometry display",
     "solver": "platform astro image program",
+    "compat": "platform astro image solver",
     "console": "platform astro image program",
     "batch": "platform astro image solver",
     "desktop": "platform astro telescope image photometry display program console",

@@ -74,6 +74,14 @@ class Installed(unittest.TestCase):
             with self.subTest(environment):
                 self.assertEqual(self.unattended("vestrel", **environment), solver)
 
+    def test_the_commands_for_hosts_lie_in_a_folder_of_their_own(self):
+        folder = self.usr / "libexec/vestrel/compat"
+        for name, said in (("astap", "usage: astap"), ("astap_cli", "usage: astap"),
+                           ("solve-field", "usage: solve-field"), ("wcsinfo", "usage: wcsinfo")):
+            end = run(folder / name, "-h", env=self.environment)
+            self.assertIn(said, end.stdout + end.stderr)
+            self.assertFalse((self.usr / "bin" / name).exists())
+
     def test_without_a_display_there_is_a_word_about_it(self):
         for arguments in ([], [self.frame]):
             end = run("vestrel", *arguments, env=self.environment)

@@ -1,0 +1,224 @@
+// `astap`: one image, its results in an .ini and a .wcs file.
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "astro/libStrings.h"
+#include "compat/hostCommands.h"
+#include "compat/hostFiles.h"
+#include "compat/libAstapOptions.h"
+#include "compat/libNumberFormats.h"
+#include "image/libFitsCards.h"
+#include "platform/libFiles.h"
+#include "platform/libPlatform.h"
+#include "solver/solver.h"
+
+namespace vestrel {
+
+namespace {
+
+/// The exit codes that hosts know, and the words that belong to them.
+struct AstapFault {
+    int Exit;
+    const char* Text;
+};
+constexpr AstapFault wrongUse{1, ""};
+constexpr AstapFault noSolution{1, "No solution found."};
+constexpr AstapFault notEnoughStars{2, "Not enough stars."};
+constexpr AstapFault noImage{16, "Error reading image file."};
+constexpr AstapFault noCatalog{32, "No star database found."};
+
+AstapFault FaultOf(SolverEnd end) {
+    switch (end) {
+        case SolverEnd::NoPicture:
+            return noImage;
+        case SolverEnd::TooFewStars:
+            return notEnoughStars;
+        case SolverEnd::NoCatalog:
+            return noCatalog;
+        default:
+            return noSolution;
+    }
+}
+
+/// The number of a card of the picture; nothing when it has none.
+std::optional<double> CardNumber(const std::vector<std::string>& cards, std::string_view keyword) {
+    for (const std::string& card : cards) {
+        if (KeywordOfCard(card) == keyword) return ParseFitsNumber(ValueOfCard(card));
+    }
+    return std::nullopt;
+}
+
+bool TellsPosition(const std::vector<std::string>& cards) {
+    return std::any_of(cards.begin(), cards.end(), [](const std::string& card) {
+        const std::string_view keyword = KeywordOfCard(card);
+        return keyword == "RA" || keyword == "OBJCTRA" || keyword == "CRVAL1";
+    });
+}
+
+SolverHints HintsFrom(const AstapOptions& options, const std::vector<std::string>& cards) {
+    constexpr double degreesPerHour = 15;
+    constexpr double hintedLimit = 60;  // seconds; hosts give up then, or later
+    constexpr double blindLimit = 300;
+    SolverHints hints;
+    if (options.Ra && options.Declination) {
+        hints.Centres = {
+            {*options.Ra * degreesPerHour, *options.Declination, std::min(options.Radius, 180.0)}};
+    }
+    // A guess that may be far off: hosts send anything from 0.6 to 1.3 of the truth.
+    if (options.Height) hints.FieldHeight = SolverRange{*options.Height, *options.Height};
+    hints.TimeLimit = !hints.Centres.empty() || TellsPosition(cards) ? hintedLimit : blindLimit;
+    hints.EndAfter = hints.TimeLimit;
+    return hints;
+}
+
+/// What the user has to do about the scale; empty when it was good to 5 %.
+std::string ScaleWarning(const AstapOptions& options, const SolvedField& field,
+                         const std::vector<std::string>& cards) {
+    constexpr double good = 0.05;
+    if (!options.Height || std::fabs(*options.Height / field.Height - 1) <= good) return {};
+    const double scale = field.Coordinates.Scale();
+    std::string text = "Warning scale was inaccurate! Set FOV=" + FixedText(field.Height, 2) +
+                       "d, scale=" + FixedText(scale, 1) + "\"";
+    constexpr double arcsecondsTimes = 206.265;  // a micrometre seen from a millimetre
+    if (const auto pixel = CardNumber(cards, "XPIXSZ"); pixel && *pixel > 0) {
+        text += ", FL=" + FixedText(arcsecondsTimes * *pixel / scale, 0) + "mm";
+    }
+    return text;
+}
+
+bool HoldsCatalog(const std::string& folder) {
+    std::error_code ignored;
+    return !folder.empty() &&
+           (std::filesystem::exists(PathFromText(folder) / "catalog.json", ignored) ||
+            std::filesystem::exists(PathFromText(folder) / "N00R00", ignored));
+}
+
+/// One run over one image.
+class AstapRun {
+ public:
+    AstapRun(const AstapOptions& options, std::string command)
+        : options_(options), command_(std::move(command)) {}
+
+    int Run() {
+        for (const char* extension : {".ini", ".wcs", ".log"}) {
+            if (IsImage(AstapOutputPath(options_, extension))) {
+                std::fputs("The results would take the place of the image.\n", stderr);
+                return wrongUse.Exit;
+            }
+        }
+        // What an earlier run has left must not be taken for this one's.
+        std::error_code ignored;
+        for (const char* extension : {".ini", ".wcs"}) {
+            std::filesystem::remove(PathFromText(AstapOutputPath(options_, extension)), ignored);
+        }
+        if (!options_.Refused.empty()) {
+            return Fail({wrongUse.Exit,
+                         ("The option " + options_.Refused + " is not for a solve.").c_str()});
+        }
+        SolverSettings settings = SettingsOfUser();
+        if (HoldsCatalog(options_.CatalogFolder)) settings.CatalogFolder = options_.CatalogFolder;
+        Solver solver(settings);
+        const PictureFacts picture = solver.Open(options_.Image);
+        if (!picture.Opened) {
+            log_ += picture.Fault + "\n";
+            return Fail(noImage);
+        }
+        const std::vector<std::string> cards = solver.PictureCards();
+        const SolverOutcome outcome = solver.Solve(HintsFrom(options_, cards));
+        const auto straight = solver.Coordinates({0, true});
+        if (!outcome.Solved() || !straight) {
+            log_ += outcome.Reason + "\n";
+            return Fail(FaultOf(outcome.Solved() ? SolverEnd::NoMatch : outcome.End));
+        }
+        const std::string warning = Warnings(*outcome.Field, cards);
+        HeaderContents contents;
+        contents.Coordinates =
+            options_.Distortion ? solver.Coordinates().value_or(*straight) : *straight;
+        contents.Width = picture.Width;
+        contents.Height = picture.Height;
+        contents.PictureCards = cards;
+        contents.Classic = true;
+        contents.Warning = warning;
+        contents.Comments = {"Solved by Vestrel: " + outcome.SolvedBy, command_};
+        const std::vector<std::string> header = HeaderCards(contents);
+        // The .ini says that all is there, so it comes last.
+        if (!Write(".wcs",
+                   options_.BlockHeader ? FitsHeaderBlocks(header) : HeaderLinesText(header))) {
+            return Fail({wrongUse.Exit, "The .wcs file cannot be written."});
+        }
+        const std::string ini = SolvedIniText(*straight, command_, warning);
+        const std::string seconds =
+            "Solved in " + FixedText(picture.Seconds + outcome.Seconds, 1) + " sec.\n";
+        WriteLog(ini + seconds);
+        if (!Write(".ini", ini)) return wrongUse.Exit;
+        std::fputs((ini.substr(0, ini.find("CMDLINE=")) + seconds).c_str(), stdout);
+        return 0;
+    }
+
+ private:
+    bool IsImage(const std::string& path) const {
+        std::error_code ignored;
+        return std::filesystem::equivalent(PathFromText(path), PathFromText(options_.Image),
+                                           ignored);
+    }
+
+    std::string Warnings(const SolvedField& field, const std::vector<std::string>& cards) const {
+        std::string text = ScaleWarning(options_, field, cards);
+        if (options_.Update) {
+            text += std::string(text.empty() ? "" : " ") + "The image file was not updated.";
+        }
+        return text;
+    }
+
+    bool Write(const char* extension, const std::string& text) const {
+        const std::string path = AstapOutputPath(options_, extension);
+        if (ReplaceFile(PathFromText(path), text)) return true;
+        std::fputs((std::string("The ") + extension + " file cannot be written.\n").c_str(),
+                   stderr);
+        return false;
+    }
+
+    void WriteLog(const std::string& text) {
+        if (options_.Log) Write(".log", command_ + "\n" + log_ + text);
+    }
+
+    int Fail(const AstapFault& fault) {
+        const std::string ini = FailedIniText(command_, fault.Text);
+        WriteLog(ini);
+        Write(".ini", ini);
+        std::fputs("PLTSOLVD=F\n", stdout);
+        std::fputs(fault.Text, stderr);
+        std::fputs("\n", stderr);
+        return fault.Exit;
+    }
+
+    const AstapOptions& options_;
+    std::string command_;
+    std::string log_;
+};
+
+}  // namespace
+
+int RunAstap(const std::vector<std::string>& arguments) {
+    const AstapOptions options = ParseAstapOptions(arguments);
+    if (options.Help) {
+        std::fputs(AstapUsage, stdout);
+        return 0;
+    }
+    if (options.Image.empty()) {
+        std::fputs("There is no image to solve: -f names it.\n", stderr);
+        return wrongUse.Exit;
+    }
+    std::string command = "astap";
+    for (const std::string& argument : arguments) command += " " + argument;
+    return AstapRun(options, command).Run();
+}
+
+}  // namespace vestrel

@@ -1,0 +1,61 @@
+// The command line of `solve-field`, as imaging programs send it.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "astro/libSphericalMath.h"
+
+namespace vestrel {
+
+enum class ScaleUnit { DegreesWidth, ArcminutesWidth, ArcsecondsPerPixel, FocalLength35mm };
+
+/// What such a command line asks for. An output called "none" is not wanted, and an empty one has
+/// its usual name.
+struct SolveFieldOptions {
+    bool Help = false;
+    bool Version = false;
+    std::string Fault;                ///< what is wrong with the line, in words; empty: nothing
+    std::vector<std::string> Inputs;  ///< UTF-8 paths
+    std::optional<double> ScaleLow;   ///< above 0, in `Unit`
+    std::optional<double> ScaleHigh;
+    ScaleUnit Unit = ScaleUnit::DegreesWidth;
+    std::optional<SkyPosition> Centre;  ///< radians
+    double Radius = 0;                  ///< degrees; 0: not given
+    int Parity = 0;                     ///< +1, −1, or 0 for either
+    double TimeLimit = 0;               ///< seconds; 0: not given
+    std::string Cancel;                 ///< a file whose appearance ends the search
+    std::string Solved;
+    std::string Wcs;
+    std::string NewFits;
+    std::string Base;
+    std::string Folder;
+    bool CentreIsReference = false;
+    int TweakOrder = -1;  ///< highest order of the distortion, 0 for none, −1: as the stars bear
+    bool Overwrite = false;
+    bool SkipSolved = false;
+    bool Continue = false;
+    int Width = 0;  ///< of the field of a star table, pixels; 0: not given
+    int Height = 0;
+    std::string XColumn;
+    std::string YColumn;
+    std::string SortColumn;
+    bool SortAscending = false;
+};
+
+/// Reads the arguments after the program's name as getopt_long of the GNU library does: options
+/// and files in any order, "--name value" and "--name=value", names cut short as long as they are
+/// unique, letters joined, "--" before files only.
+SolveFieldOptions ParseSolveFieldOptions(const std::vector<std::string>& arguments);
+
+/// What `--help` prints.
+extern const char* const SolveFieldUsage;
+
+/// The path of a result of an input: `named` when it is not empty, else the input's with its last
+/// extension replaced; the base and the folder that the options name come in. Empty for "none".
+/// @param extension with its dot
+std::string SolveFieldOutputPath(const SolveFieldOptions& options, const std::string& input,
+                                 const std::string& named, const std::string& extension);
+
+}  // namespace vestrel

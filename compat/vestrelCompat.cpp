@@ -1,0 +1,60 @@
+// One program with the names of others: what it does follows from the name that it is called by.
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "astro/libStrings.h"
+#include "compat/hostCommands.h"
+#include "platform/libConsole.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+namespace {
+
+int Run(int argc, const char* const* argv) {
+    std::vector<std::string> arguments(argv, argv + argc);
+    if (arguments.empty()) arguments.emplace_back();
+    const auto nameIn = [](const std::string& path) {
+        std::filesystem::path file = PathFromText(path).filename();
+        if (file.extension() == ".exe" || file.extension() == ".EXE") file = file.stem();
+        return TextFromPath(file);
+    };
+    std::string name = nameIn(arguments.front());
+    arguments.erase(arguments.begin());
+    if (name == "vestrel-compat" && !arguments.empty()) {
+        name = nameIn(arguments.front());
+        arguments.erase(arguments.begin());
+    }
+    if (name == "astap" || name == "astap_cli") return RunAstap(arguments);
+    if (name == "solve-field") return RunSolveField(arguments);
+    if (name == "wcsinfo") return RunWcsInfo(arguments);
+    const bool help = name == "-h" || name == "--help";
+    std::fputs(
+        "usage: vestrel-compat astap|astap_cli|solve-field|wcsinfo arguments...\n"
+        "Links of these names do the same; programs that call such a solver are given their "
+        "folder.\n",
+        help ? stdout : stderr);
+    return help ? 0 : 1;
+}
+
+}  // namespace
+}  // namespace vestrel
+
+int main(int argc, char** argv) {
+    try {
+#ifndef _WIN32
+        // The exit code tells hosts of a solution, also those that have closed the pipe.
+        std::signal(SIGPIPE, SIG_IGN);
+#endif
+        const vestrel::ProgramArguments arguments(argc, argv);
+        const vestrel::PreparedConsole console;
+        return vestrel::Run(arguments.Count(), arguments.Values());
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vestrel-compat: %s\n",
+                     vestrel::WithoutControls(error.what()).c_str());
+        return 1;
+    }
+}
