@@ -31,6 +31,7 @@ FOLDERS = {
     "program": "platform astro telescope image extraction catalog matching settings photometry display",
     "solver": "platform astro image program",
     "compat": "platform astro image solver",
+    "server": "platform astro image solver compat",
     "console": "platform astro image program",
     "batch": "platform astro image solver",
     "desktop": "platform astro telescope image photometry display program console",

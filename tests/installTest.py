@@ -16,7 +16,7 @@ import xml.etree.ElementTree as xml
 
 BUILD = pathlib.Path(os.environ["VESTREL_BUILD"])
 ID = "org.vestrel.Vestrel"
-PROGRAMS = ("vestrel", "vestrel-solve", "vestrel-batch", "vestrel-catalog")
+PROGRAMS = ("vestrel", "vestrel-solve", "vestrel-batch", "vestrel-server", "vestrel-catalog")
 
 
 def run(*command, **options):
@@ -147,7 +147,7 @@ class Installed(unittest.TestCase):
         ask = (". share/bash-completion/completions/vestrel; COMP_WORDS=(vestrel ''); COMP_CWORD=1;"
                " _vestrel; printf '%s\\n' \"${COMPREPLY[@]}\"")
         offered = run("bash", "-c", ask, cwd=self.usr).stdout.splitlines()
-        self.assertEqual(sorted(offered), ["a b.FIT", "bin", "c.sbig", "lib", "share"])
+        self.assertEqual(sorted(offered), ["a b.FIT", "bin", "c.sbig", "lib", "libexec", "share"])
 
     def test_programs_are_hardened(self):
         for program in PROGRAMS:

@@ -1,0 +1,453 @@
+#include "server/novaServer.h"
+
+#include <httplib.h>
+#include <array>
+#include <atomic>
+#include <charconv>
+#include <cmath>
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <thread>
+
+#include "astro/libStrings.h"
+#include "platform/libFiles.h"
+#include "server/libFormData.h"
+
+namespace vestrel {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using httplib::ContentReader;
+using httplib::Request;
+using httplib::Response;
+
+/// The status of a request that is refused, and its reason.
+class Refusal : public std::runtime_error {
+ public:
+    Refusal(int status, const std::string& text) : std::runtime_error(text), Status(status) {}
+    int Status;
+};
+
+void Reply(Response& response, const Json& json, int status = 200) {
+    response.status = status;
+    // Names of files need not be UTF-8; JSON must be.
+    const std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    response.set_content(WithEscapedControls(text), "application/json");
+}
+
+void ReplyError(Response& response, int status, const std::string& text) {
+    Reply(response, {{"status", "error"}, {"errormessage", text}}, status);
+}
+
+/// "2026-11-22 01:02:03" in universal time; "None" for what has not happened.
+std::string TimeText(const std::optional<std::chrono::system_clock::time_point>& moment) {
+    if (!moment) return "None";
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(*moment);
+    std::tm parts{};
+    gmtime_r(&seconds, &parts);
+    std::array<char, 40> text{};
+    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts)};
+}
+
+const char* StateText(JobState state) {
+    switch (state) {
+        case JobState::Solved:
+            return "success";
+        case JobState::Failed:
+            return "failure";
+        default:
+            return "solving";
+    }
+}
+
+Json CalibrationJson(const JobCalibration& calibration) {
+    return {{"ra", calibration.Ra},
+            {"dec", calibration.Dec},
+            {"width_arcsec", calibration.Width},
+            {"height_arcsec", calibration.Height},
+            {"radius", calibration.Radius},
+            {"pixscale", calibration.Scale},
+            {"orientation", calibration.Orientation},
+            {"parity", calibration.Parity}};
+}
+
+Json SubmissionJson(const JobReport& job) {
+    const bool begun = job.State != JobState::Waiting;
+    Json json = {{"user", 1},
+                 {"processing_started", TimeText(job.Started)},
+                 {"processing_finished", TimeText(job.Finished)},
+                 {"user_images", Json::array()},
+                 {"images", Json::array()},
+                 {"jobs", Json::array()},
+                 {"job_calibrations", Json::array()}};
+    if (begun) {
+        json["user_images"] = {job.Id};
+        json["jobs"] = {job.Id};
+    }
+    if (job.Calibration) json["job_calibrations"].push_back({job.Id, job.Id});
+    return json;
+}
+
+Json InfoJson(const JobReport& job) {
+    Json json = {{"status", StateText(job.State)},
+                 {"objects_in_field", Json::array()},
+                 {"machine_tags", Json::array()},
+                 {"tags", Json::array()},
+                 {"original_filename", job.Name}};
+    if (job.Calibration) json["calibration"] = CalibrationJson(*job.Calibration);
+    return json;
+}
+
+Json QueueJson(const std::vector<JobReport>& jobs) {
+    Json list = Json::array();
+    for (const JobReport& job : jobs) {
+        Json entry = {{"id", job.Id},
+                      {"name", job.Name},
+                      {"state", job.State == JobState::Waiting ? "waiting" : StateText(job.State)},
+                      {"submitted", TimeText(job.Submitted)},
+                      {"log", job.Log},
+                      {"new_fits", !job.NewFits.empty()}};
+        if (job.Calibration) entry["calibration"] = CalibrationJson(*job.Calibration);
+        list.push_back(std::move(entry));
+    }
+    return list;
+}
+
+std::string RandomToken() {
+    std::random_device source;
+    std::string token;
+    constexpr int length = 32;
+    for (int i = 0; i < length; ++i) token += "0123456789abcdef"[source() % 16];
+    return token;
+}
+
+/// Something to tell uploads apart by; nobody checks it. FNV-1a, 64 bits, filled up to the length
+/// of a SHA-1.
+std::string DigestOf(std::string_view bytes) {
+    std::uint64_t hash = 14695981039346656037U;
+    for (const char c : bytes) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211U;
+    std::array<char, 17> digits{};
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), hash, 16);
+    std::string text(digits.data(), end.ptr);
+    constexpr std::size_t length = 40;
+    return std::string(length - text.size(), '0') + text;
+}
+
+/// The name in an address "name:port", also "[::1]:80".
+std::string HostName(std::string_view address) {
+    const std::size_t bracket = address.rfind(']');
+    const std::size_t colon = address.rfind(':');
+    const bool hasPort =
+        colon != std::string_view::npos && (bracket == std::string_view::npos || colon > bracket);
+    return std::string(hasPort ? address.substr(0, colon) : address);
+}
+
+constexpr const char* contentTypeAsSent = "X-Content-Type-As-Sent";
+
+}  // namespace
+
+/// The paths and what is behind them.
+class NovaServer::Routes {
+ public:
+    Routes(const ServerSettings& settings, JobQueue& queue)
+        : settings_(settings), queue_(queue), token_(RandomToken()) {
+        constexpr std::size_t threads = 24;
+        constexpr time_t patience = 10;  // seconds
+        server_.new_task_queue = [] { return new httplib::ThreadPool(threads); };
+        server_.set_payload_max_length(settings.MostBody);
+        server_.set_read_timeout(patience);
+        server_.set_write_timeout(patience);
+        server_.set_keep_alive_timeout(2);
+        server_.set_default_headers({{"X-Content-Type-Options", "nosniff"},
+                                     {"Cache-Control", "no-store"},
+                                     {"Content-Security-Policy",
+                                      "default-src 'self'; script-src 'unsafe-inline'; "
+                                      "style-src 'unsafe-inline'; frame-ancestors 'none'"}});
+        server_.set_pre_routing_handler([this](const Request& request, Response& response) {
+            return Admit(request, response);
+        });
+        AddPosts();
+        AddReadings();
+        AddFiles();
+    }
+
+    int Start() {
+        int port = settings_.Port;
+        if (port == 0) {
+            port = std::max(server_.bind_to_any_port(settings_.Address), 0);
+        } else if (!server_.bind_to_port(settings_.Address, port)) {
+            port = 0;
+        }
+        if (port != 0) listener_ = std::jthread([this] { server_.listen_after_bind(); });
+        return port;
+    }
+
+    void Stop() {
+        server_.stop();
+        if (listener_.joinable()) listener_.join();
+    }
+
+ private:
+    /// Browsers are asked who sent them: a page from elsewhere is to have no say here. And bodies
+    /// are taken as they come, as the library knows neither forms longer than 8 kB nor parts whose
+    /// lines end with a line feed alone.
+    httplib::Server::HandlerResponse Admit(const Request& request, Response& response) const {
+        const std::string host = request.get_header_value("Host");
+        const std::string name = HostName(host);
+        const std::string origin = request.get_header_value("Origin");
+        const bool local = settings_.Address == "127.0.0.1" || settings_.Address == "localhost" ||
+                           settings_.Address == "::1";
+        const bool known = name.empty() || name == "127.0.0.1" || name == "localhost" ||
+                           name == "[::1]" || name == settings_.Address;
+        if ((local && !known) || (!origin.empty() && origin != "http://" + host)) {
+            ReplyError(response, 403, "this server is for programs and pages of its own machine");
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        // The request is the library's own, and not constant there.
+        auto& headers = const_cast<Request&>(request).headers;  // NOLINT
+        const std::string type = request.get_header_value("Content-Type");
+        headers.erase("Content-Type");
+        headers.erase(contentTypeAsSent);
+        if (!type.empty()) headers.emplace(contentTypeAsSent, type);
+        return httplib::Server::HandlerResponse::Unhandled;
+    }
+
+    /// A body within its bounds; all of them together are bounded too.
+    class Body {
+     public:
+        Body(Routes& routes, const ContentReader& reader, std::uint64_t most,
+             const Response& response)
+            : routes_(routes) {
+            bool tooLong = false;
+            bool tooMany = false;
+            const bool whole = reader([&](const char* data, std::size_t length) {
+                tooLong = Text.size() + length > most;
+                if (tooLong) return false;
+                tooMany =
+                    routes_.inFlight_.fetch_add(length) + length > routes_.settings_.MostInFlight;
+                counted_ += length;
+                if (tooMany) return false;
+                Text.append(data, length);
+                return true;
+            });
+            // The library sees by itself what is announced to be too long.
+            if (tooLong || (!whole && response.status == 413)) {
+                Refuse(413, "the request is too long");
+            }
+            if (tooMany) Refuse(503, "the server is busy: try again later");
+            if (!whole) Refuse(400, "the request is not whole");
+        }
+        ~Body() { Release(); }
+        Body(const Body&) = delete;
+        Body& operator=(const Body&) = delete;
+
+        std::string Text;
+
+     private:
+        [[noreturn]] void Refuse(int status, const char* text) {
+            Release();
+            throw Refusal(status, text);
+        }
+        void Release() {
+            routes_.inFlight_ -= counted_;
+            counted_ = 0;
+        }
+        Routes& routes_;
+        std::uint64_t counted_ = 0;
+    };
+
+    /// What a request holds: its `request-json`, and the file of a multipart one.
+    struct Form {
+        std::string Json;
+        const FormPart* File = nullptr;
+        std::vector<FormPart> Parts;
+    };
+    static Form FormOf(const Request& request, const Body& body) {
+        Form form;
+        if (const auto boundary = BoundaryOf(request.get_header_value(contentTypeAsSent))) {
+            auto parts = ParseMultipart(body.Text, *boundary);
+            if (!parts) throw Refusal(400, "the multipart body is damaged");
+            form.Parts = std::move(*parts);
+            for (const FormPart& part : form.Parts) {
+                if (part.Name == "request-json") form.Json = part.Body;
+                if (part.Name == "file" || (!part.FileName.empty() && form.File == nullptr)) {
+                    form.File = &part;
+                }
+            }
+        } else if (const auto field = UrlEncodedField(body.Text, "request-json")) {
+            form.Json = *field;
+        } else {
+            form.Json = body.Text.starts_with("request-json=")
+                            ? body.Text.substr(std::string_view("request-json=").size())
+                            : body.Text;
+        }
+        return form;
+    }
+
+    static NovaRequest RequestIn(const Form& form) {
+        std::string fault;
+        auto request = ParseNovaRequest(form.Json, fault);
+        if (!request) throw Refusal(400, fault);
+        return *std::move(request);
+    }
+
+    using PostHandler = std::function<void(const Request&, Response&, const Body&)>;
+
+    void AddPost(const std::string& path, std::uint64_t most, PostHandler handler) {
+        server_.Post(path,
+                     [this, most, handler = std::move(handler)](
+                         const Request& request, Response& response, const ContentReader& reader) {
+                         try {
+                             const Body body(*this, reader, most, response);
+                             handler(request, response, body);
+                         } catch (const Refusal& refusal) {
+                             ReplyError(response, refusal.Status, refusal.what());
+                         } catch (const JobRefused& refusal) {
+                             ReplyError(response, refusal.Status, refusal.what());
+                         } catch (const std::bad_alloc&) {
+                             ReplyError(response, 503, "the server has no memory for this request");
+                         }
+                     });
+    }
+
+    void RequireSession(const NovaRequest& request) const {
+        if (request.Session != token_) throw Refusal(401, "no session with this key: log in first");
+    }
+
+    void AddPosts() {
+        constexpr std::uint64_t mostText = std::uint64_t{64} << 20;
+        constexpr std::uint64_t mostLogin = 65536;
+        AddPost("/api/login/?", mostLogin,
+                [this](const Request& request, Response& response, const Body& body) {
+                    const std::string key = RequestIn(FormOf(request, body)).ApiKey;
+                    if (key.empty() || (!settings_.Key.empty() && key != settings_.Key)) {
+                        return ReplyError(response, 200, "bad apikey");
+                    }
+                    Reply(response, {{"status", "success"},
+                                     {"message", "authenticated user: local"},
+                                     {"session", token_}});
+                });
+        AddPost("/api/upload/?", settings_.MostBody,
+                [this](const Request& request, Response& response, const Body& body) {
+                    const Form form = FormOf(request, body);
+                    const NovaRequest asked = RequestIn(form);
+                    RequireSession(asked);
+                    if (form.File == nullptr) throw Refusal(400, "there is no file in the request");
+                    Take(response, asked, form.File->FileName, form.File->Body);
+                });
+        AddPost("/api/url_upload/?", mostText,
+                [this](const Request& request, Response& response, const Body& body) {
+                    const NovaRequest asked = RequestIn(FormOf(request, body));
+                    RequireSession(asked);
+                    if (!asked.Stars) {
+                        throw Refusal(400, "this server fetches nothing: upload the picture");
+                    }
+                    Take(response, asked, asked.Stars->Name, {});
+                });
+    }
+
+    void Take(Response& response, const NovaRequest& request, const std::string& name,
+              std::string_view picture) {
+        const int id = queue_.Submit(request, name.empty() ? "picture" : name, picture);
+        Reply(response, {{"status", "success"}, {"subid", id}, {"hash", DigestOf(picture)}});
+    }
+
+    using JobHandler = std::function<void(const JobReport&, Response&)>;
+
+    /// A path that ends with the number of a job, for clients that ask by GET or by POST.
+    void AddReading(const std::string& path, const JobHandler& handler) {
+        const auto answer = [this, handler](const Request& request, Response& response) {
+            const std::string digits = request.matches[1].str();
+            int id = 0;
+            const auto read = std::from_chars(digits.data(), digits.data() + digits.size(), id);
+            const auto job = read.ec == std::errc() ? queue_.Find(id) : std::nullopt;
+            if (!job) return ReplyError(response, 404, "there is no job of this number");
+            handler(*job, response);
+        };
+        server_.Get(path, answer);
+        constexpr std::uint64_t most = 65536;
+        AddPost(path, most, [answer](const Request& request, Response& response, const Body&) {
+            answer(request, response);
+        });
+    }
+
+    void AddReadings() {
+        AddReading("/api/submissions/([0-9]+)/?", [](const JobReport& job, Response& response) {
+            Reply(response, SubmissionJson(job));
+        });
+        AddReading("/api/jobs/([0-9]+)/?", [](const JobReport& job, Response& response) {
+            Reply(response, {{"status", StateText(job.State)}});
+        });
+        AddReading("/api/jobs/([0-9]+)/calibration/?",
+                   [](const JobReport& job, Response& response) {
+                       if (!job.Calibration) {
+                           return ReplyError(response, 404, "the job has no solution");
+                       }
+                       Reply(response, CalibrationJson(*job.Calibration));
+                   });
+        AddReading("/api/jobs/([0-9]+)/info/?", [](const JobReport& job, Response& response) {
+            Reply(response, InfoJson(job));
+        });
+        server_.Get("/queue", [this](const Request&, Response& response) {
+            constexpr std::size_t shown = 100;
+            Reply(response, QueueJson(queue_.Latest(shown)));
+        });
+    }
+
+    void AddFiles() {
+        AddReading("/wcs_file/([0-9]+)/?", [](const JobReport& job, Response& response) {
+            if (job.Wcs.empty()) return ReplyError(response, 404, "the job has no solution");
+            response.set_header("Content-Disposition", "attachment; filename=wcs.fits");
+            response.set_content(job.Wcs, "application/fits");
+        });
+        AddReading("/joblog/([0-9]+)/?", [](const JobReport& job, Response& response) {
+            response.set_content(job.Log, "text/plain; charset=utf-8");
+        });
+        AddReading("/new_fits_file/([0-9]+)/?", [](const JobReport& job, Response& response) {
+            std::shared_ptr<std::FILE> file;
+            if (!job.NewFits.empty()) file = OpenFile(job.NewFits, "rb");
+            const std::int64_t length = file ? FileLength(file.get()) : -1;
+            if (length <= 0)
+                return ReplyError(response, 404, "the job has no such file, or no longer");
+            response.set_header("Content-Disposition", "attachment; filename=new-image.fits");
+            response.set_content_provider(
+                static_cast<std::size_t>(length), "application/fits",
+                [file](std::size_t offset, std::size_t wanted, httplib::DataSink& sink) {
+                    std::array<char, 65536> piece{};
+                    if (!SeekFile(file.get(), offset)) return false;
+                    const std::size_t got =
+                        std::fread(piece.data(), 1, std::min(piece.size(), wanted), file.get());
+                    return got > 0 && sink.write(piece.data(), got);
+                });
+        });
+        server_.Get("/", [](const Request&, Response& response) {
+            response.set_content(ServerPage, "text/html; charset=utf-8");
+        });
+    }
+
+    ServerSettings settings_;
+    JobQueue& queue_;
+    std::string token_;
+    std::atomic<std::uint64_t> inFlight_{0};
+    httplib::Server server_;
+    std::jthread listener_;
+};
+
+NovaServer::NovaServer(const ServerSettings& settings, JobQueue& queue)
+    : routes_(std::make_unique<Routes>(settings, queue)) {}
+
+NovaServer::~NovaServer() {
+    Stop();
+}
+
+int NovaServer::Start() {
+    return routes_->Start();
+}
+
+void NovaServer::Stop() {
+    routes_->Stop();
+}
+
+}  // namespace vestrel

@@ -1,0 +1,126 @@
+// vestrel-server: solves pictures that other programs, or people with a browser, send.
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "platform/libPlatform.h"
+#include "server/jobQueue.h"
+#include "server/novaServer.h"
+
+namespace vestrel {
+namespace {
+
+constexpr std::string_view folderPrefix = "vestrel-server-";
+
+/// A folder of this process's own for what is sent, removed at the end. Those of servers that did
+/// not come to their end go too.
+class SpoolFolder {
+ public:
+    SpoolFolder() {
+        const std::filesystem::path parent = std::filesystem::temp_directory_path();
+        RemoveLeftOvers(parent);
+        std::string name =
+            (parent / (std::string(folderPrefix) + std::to_string(ProcessNumber()) + "-XXXXXX"))
+                .string();
+        if (mkdtemp(name.data()) == nullptr) {
+            throw std::system_error(errno, std::generic_category(),
+                                    "no folder in " + parent.string());
+        }
+        Path = name;
+    }
+    ~SpoolFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(Path, ignored);
+    }
+    SpoolFolder(const SpoolFolder&) = delete;
+    SpoolFolder& operator=(const SpoolFolder&) = delete;
+
+    std::filesystem::path Path;
+
+ private:
+    static void RemoveLeftOvers(const std::filesystem::path& parent) {
+        std::error_code ignored;
+        for (const auto& entry : std::filesystem::directory_iterator(parent, ignored)) {
+            const std::string name = entry.path().filename().string();
+            if (!name.starts_with(folderPrefix) || !entry.is_directory(ignored)) continue;
+            long process = 0;
+            std::from_chars(name.data() + folderPrefix.size(), name.data() + name.size(), process);
+            if (process > 0 && !IsRunning(process)) std::filesystem::remove_all(entry, ignored);
+        }
+    }
+};
+
+int Run(int argc, const char* const* argv) {
+    CLI::App app("Solves pictures that are sent over HTTP, as astrometry.net's web service does.");
+    ServerSettings server;
+    QueueSettings queue;
+    std::uint64_t megabytes = server.MostBody >> 20;
+    app.add_option("--address", server.Address, "Address to listen at")->capture_default_str();
+    app.add_option("--port", server.Port, "Port; 0: any that is free")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 65535));
+    app.add_option("--key", server.Key, "API key that clients have to give (default: any)");
+    app.add_option("--catalog", queue.CatalogFolder, "Catalog folder");
+    app.add_option("--max-upload", megabytes, "Largest picture, megabytes")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 4096));
+    app.add_option("--max-queue", queue.MostWaiting, "Most pictures that wait")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 100000));
+    app.set_version_flag("--version", "vestrel-server " VESTREL_VERSION);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+    server.MostBody = megabytes << 20;
+    server.MostInFlight = std::max(server.MostInFlight, 2 * server.MostBody);
+
+    // Waited for below; threads take this mask over.
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGTERM);
+    sigaddset(&ends, SIGINT);
+    sigaddset(&ends, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+
+    const SpoolFolder spool;
+    queue.Folder = spool.Path;
+    JobQueue jobs(queue);
+    NovaServer nova(server, jobs);
+    const int port = nova.Start();
+    if (port == 0) {
+        std::fprintf(stderr, "vestrel-server: %s:%d cannot be listened at; is it in use?\n",
+                     server.Address.c_str(), server.Port);
+        return 1;
+    }
+    std::printf("Listening at http://%s:%d\n", server.Address.c_str(), port);
+    std::fflush(stdout);
+    int signal = 0;
+    sigwait(&ends, &signal);
+    std::fputs("vestrel-server: ending\n", stderr);
+    nova.Stop();
+    return 0;
+}
+
+}  // namespace
+}  // namespace vestrel
+
+int main(int argc, char** argv) {
+    try {
+        return vestrel::Run(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vestrel-server: %s\n", error.what());
+        return 1;
+    }
+}

@@ -1,0 +1,303 @@
+#!/usr/bin/env python3
+"""Runs the real vestrel-server: clients as they are, hostile ones, and a browser.
+
+Environment: VESTREL_SERVER the program; VESTREL_CATALOG_TOOL the one that draws frames;
+VESTREL_TEST_CATALOG a real catalog (else the usual folder).
+"""
+import concurrent.futures
+import http.client
+import json
+import os
+import pathlib
+import random
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+import unittest
+import urllib.parse
+import warnings
+
+import numpy
+from astropy.io import fits
+from astropy.wcs import WCS, FITSFixedWarning
+
+warnings.simplefilter("ignore", FITSFixedWarning)
+CATALOG = pathlib.Path(os.environ.get("VESTREL_TEST_CATALOG") or os.path.join(
+    os.environ.get("XDG_DATA_HOME", os.path.expanduser("~/.local/share")), "Harrowdene/KEL"))
+RA, DEC, SCALE, WIDTH, HEIGHT = 56.7, 24.1, 9.0, 600, 400
+
+
+def skip_or_fail(test, reason):
+    if os.environ.get("CI"):
+        test.fail(reason)
+    test.skipTest(reason)
+
+
+class Server(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory(prefix="vestrel-servertest-")
+        cls.addClassCleanup(folder.cleanup)
+        cls.folder = pathlib.Path(folder.name)
+        cls.frame = cls.folder / "frame <b>&\"ü.fit"
+        subprocess.run([os.environ["VESTREL_CATALOG_TOOL"], "render", "--catalog", CATALOG, "--ra", str(RA), "--dec",
+                        str(DEC), "--size", f"{WIDTH * SCALE / 60}x{HEIGHT * SCALE / 60}", "--width-px", str(WIDTH),
+                        "--out", cls.frame], check=True, stdout=subprocess.DEVNULL)
+
+    def setUp(self):
+        if not (CATALOG / "quads.tables").exists():
+            skip_or_fail(self, f"no quad tables in {CATALOG}; vestrel-catalog quads makes them")
+
+    def start(self, *options, spool=None, before=None):
+        spool = spool or self.folder / "spool"
+        spool.mkdir(exist_ok=True)
+        environment = dict(os.environ, VESTREL_CATALOG=str(CATALOG), TMPDIR=str(spool),
+                           VESTREL_SETTINGS=str(self.folder / "Vestrel.ini"))
+        self.server = subprocess.Popen([os.environ["VESTREL_SERVER"], "--port", "0", *options], env=environment,
+                                       stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, preexec_fn=before)
+        self.addCleanup(self.end, spool)
+        line = self.server.stdout.readline()
+        self.port = int(re.search(r"http://127\.0\.0\.1:(\d+)", line)[1])
+        self.session = self.post("login", {"apikey": "x"})["session"]
+
+    def end(self, spool):
+        """A clean end: soon, with code 0, and nothing left behind."""
+        if self.server.poll() is None:
+            self.server.send_signal(signal.SIGTERM)
+        end = self.server.communicate(timeout=40)
+        self.assertEqual(self.server.returncode, 0, end)
+        self.assertEqual(list(spool.iterdir()), [])
+
+    def ask(self, method, path, body=None, headers=None):
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=60)
+        try:
+            connection.request(method, path, body, headers or {})
+            reply = connection.getresponse()
+            return reply.status, reply.read()
+        finally:
+            connection.close()
+
+    def get(self, path):
+        return json.loads(self.ask("GET", path)[1])
+
+    def post(self, path, fields):
+        body = urllib.parse.urlencode({"request-json": json.dumps(fields)})
+        status, text = self.ask("POST", "/api/" + path, body, {"Content-Type": "application/x-www-form-urlencoded"})
+        self.assertEqual(status, 200, text)
+        return json.loads(text)
+
+    def upload(self, picture, name="x.fit", line="\r\n", **settings):
+        fields = json.dumps({"session": self.session, **settings})
+        body = line.join(["--AaB03x", 'Content-Disposition: form-data; name="request-json"', "Content-Type: text/plain",
+                          "", fields, "--AaB03x",
+                          f'Content-Disposition: form-data; name="file"; filename="{name}"',
+                          "Content-Type: application/octet-stream", "", ""]).encode()
+        body += picture + f"{line}--AaB03x--{line}".encode()
+        status, text = self.ask("POST", "/api/upload", body, {"Content-Type": 'multipart/form-data; boundary="AaB03x"'})
+        return status, json.loads(text)
+
+    def result(self, number, seconds=60):
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            job = self.get(f"/api/jobs/{number}")["status"]
+            if job != "solving":
+                return job
+            time.sleep(0.1)
+        self.fail(f"job {number} does not end")
+
+    def test_astroquery(self):
+        try:
+            from astroquery.astrometry_net import AstrometryNetClass, conf
+        except ImportError:
+            skip_or_fail(self, "no astroquery")
+        self.start()
+        client = AstrometryNetClass()
+        client.URL = f"http://127.0.0.1:{self.port}/"
+        client.API_URL = client.URL + "api"
+        conf.api_key = "any"
+        header = client.solve_from_image(str(self.frame), force_image_upload=True, solve_timeout=60, scale_units="arcsecperpix",
+                                         scale_type="ev", scale_est=SCALE, scale_err=10.0)
+        self.assertAlmostEqual(header["CRVAL1"], RA, delta=1e-3)
+        self.assertAlmostEqual(header["CRVAL2"], DEC, delta=1e-3)
+        truth = json.loads(self.frame.with_suffix(".truth.json").read_text())
+        stars = [star for star in truth["brightest_stars"] if 0 < star["x"] < WIDTH and 0 < star["y"] < HEIGHT]
+        header = client.solve_from_source_list([star["x"] for star in stars], [star["y"] for star in stars], WIDTH,
+                                               HEIGHT, solve_timeout=60)
+        self.assertAlmostEqual(header["CRVAL1"], RA, delta=1e-3)
+
+    def test_the_way_of_other_clients(self):
+        self.start()
+        picture = self.frame.read_bytes()
+        # Lines with a line feed alone, everything by POST, slashes at the end.
+        status, reply = self.upload(picture, self.frame.name.replace('"', '\\"'), "\n", scale_units="degwidth",
+                                    scale_lower=1.2, scale_upper=1.8, center_ra=RA, center_dec=DEC, radius=5)
+        self.assertEqual((status, reply["status"]), (200, "success"))
+        number = reply["subid"]
+        self.assertEqual(self.result(number), "success")
+        submission = json.loads(self.ask("POST", f"/api/submissions/{number}/", b"request-json={}")[1])
+        self.assertNotEqual(submission["processing_finished"], "None")
+        job = submission["jobs"][0]
+        self.assertEqual(submission["job_calibrations"], [[job, job]])
+        calibration = self.get(f"/api/jobs/{job}/calibration/")
+        for key, value, off in (("ra", RA, 1e-3), ("dec", DEC, 1e-3), ("pixscale", SCALE, 0.01), ("orientation", 0, 0.1),
+                                ("width_arcsec", WIDTH * SCALE, 5), ("height_arcsec", HEIGHT * SCALE, 5),
+                                ("radius", 0.9014, 0.002)):
+            self.assertAlmostEqual(calibration[key], value, delta=off, msg=key)
+        self.assertEqual(calibration["parity"], -1)  # a bottom row first, as the sky is
+        info = self.get(f"/api/jobs/{job}/info")
+        self.assertEqual(info["original_filename"], self.frame.name)
+        self.assertEqual(info["calibration"], calibration)
+        written = self.ask("GET", f"/new_fits_file/{job}")[1]
+        (self.folder / "new.fits").write_bytes(written)
+        numpy.testing.assert_array_equal(fits.getdata(self.folder / "new.fits"), fits.getdata(self.frame))
+        self.assertAlmostEqual(float(WCS(fits.getheader(self.folder / "new.fits")).wcs.crval[0]), RA, delta=1e-3)
+        # What is no picture fails, with a reason.
+        number = self.upload(b"no picture")[1]["subid"]
+        self.assertEqual(self.result(number), "failure")
+        self.assertIn(b"cannot be read", self.ask("GET", f"/joblog/{number}")[1])
+        self.assertEqual(self.ask("GET", f"/api/jobs/{number}/calibration")[0], 404)
+        self.assertEqual(self.ask("GET", "/api/jobs/99999999999999999999")[0], 404)
+        status, reply = self.upload(picture, session="forged")
+        self.assertEqual((status, reply["status"]), (401, "error"))
+        self.assertEqual(self.post("login", {"apikey": ""})["errormessage"], "bad apikey")
+        # A page from elsewhere, or by a name that was bent to this machine.
+        for headers in ({"Origin": "http://evil.example"}, {"Host": "evil.example"}):
+            self.assertEqual(self.ask("GET", "/queue", headers=headers)[0], 403)
+
+    def test_200_requests_of_8_clients_and_no_lost_job(self):
+        self.start()
+        picture = fits.PrimaryHDU(fits.getdata(self.frame)[:200, :300]).header.tostring().encode()  # a small, bad one
+        good = self.frame.read_bytes()
+
+        def send(i):
+            return self.upload(good if i % 20 == 0 else picture, f"{i}.fit", scale_units="arcsecperpix", scale_lower=8,
+                               scale_upper=10, center_ra=RA, center_dec=DEC, radius=2)
+        with concurrent.futures.ThreadPoolExecutor(8) as clients:
+            replies = list(clients.map(send, range(200)))
+        self.assertEqual({status for status, _ in replies}, {200})
+        numbers = [reply["subid"] for _, reply in replies]
+        self.assertEqual(sorted(numbers), list(range(1, 201)))
+        for i, number in enumerate(numbers):
+            self.assertEqual((i, self.result(number)), (i, "failure" if i % 20 else "success"))
+
+    def test_hostile_requests(self):
+        self.start("--max-upload", "1", "--max-queue", "500")
+        fields = json.dumps({"session": self.session})
+        whole = (f'--b\r\nContent-Disposition: form-data; name="request-json"\r\n\r\n{fields}\r\n--b\r\nContent-Disposition: '
+                 'form-data; name="file"; filename="../../../tmp/x.fit"\r\n\r\nSIMPLE\r\n--b--\r\n').encode()
+        order = random.Random(9)
+        for _ in range(120):
+            body = bytearray(whole)
+            for _ in range(order.randint(1, 8)):
+                at = order.randrange(len(body))
+                body[at:at + order.randint(0, 9)] = order.choice([b"", b"\n", b"--b", b"\r\n", b'"', b"\0", b"{[", b"\\"])
+            status, text = self.ask("POST", "/api/upload", bytes(body), {"Content-Type": "multipart/form-data; boundary=b"})
+            self.assertIn(status, (200, 400, 401), text)
+            json.loads(text)
+        for body, kind, status in ((b"[" * 100000, "text/plain", 400), (b"x" * 2_000_000, "multipart/form-data; boundary=b", 413),
+                                   (b"", "multipart/form-data", 400), (b"--b--", "multipart/form-data; boundary=b", 400)):
+            self.assertEqual(self.ask("POST", "/api/upload", body, {"Content-Type": kind})[0], status)
+        # Connections that drop at every stage, and a client that says nothing.
+        head = (f"POST /api/upload HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: multipart/form-data; boundary=b\r\n"
+                f"Content-Length: {len(whole)}\r\n\r\n").encode() + whole
+        silent = []
+        for cut in range(0, len(head), 23):
+            with socket.create_connection(("127.0.0.1", self.port)) as client:
+                client.sendall(head[:cut])
+            if cut % 230 == 0:
+                silent.append(socket.create_connection(("127.0.0.1", self.port)))
+        self.assertEqual(self.ask("GET", "/queue")[0], 200)
+        for client in silent:
+            client.close()
+        self.assertFalse(pathlib.Path("/tmp/x.fit").exists())
+
+    def test_a_full_queue_and_a_full_disk_are_told(self):
+        import resource
+        # Files may not grow beyond 64 kB: the picture does not fit, the small ones do.
+        limit = 65536
+        self.start("--max-queue", "3", before=lambda: (signal.signal(signal.SIGXFSZ, signal.SIG_IGN),
+                                                       resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))))
+        status, reply = self.upload(self.frame.read_bytes())
+        self.assertEqual(status, 507)
+        self.assertIn("disk may be full", reply["errormessage"])
+        with concurrent.futures.ThreadPoolExecutor(8) as clients:
+            replies = list(clients.map(lambda i: self.upload(b"no picture"), range(60)))
+        taken = [reply["subid"] for status, reply in replies if status == 200]
+        self.assertTrue(taken)
+        self.assertEqual({status for status, _ in replies} - {200, 503}, set())
+        for number in taken:
+            self.assertEqual(self.result(number), "failure")
+
+    def test_the_page_in_a_browser(self):
+        browser = shutil.which("chromium")
+        if browser is None:
+            skip_or_fail(self, "no chromium")
+        self.start()
+        name = '<img src=x onerror="document.title=1">.fit'
+        self.upload(self.frame.read_bytes(), name.replace('"', '\\"'))
+        self.assertEqual(self.result(1), "success")
+        into, out = os.pipe(), os.pipe()
+        # The browser takes commands from descriptor 3 and answers on 4, each text ended by a zero.
+        line = [browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+                "--remote-debugging-pipe", f"--user-data-dir={self.folder / 'browser'}"]
+        run = subprocess.Popen(["bash", "-c", f'exec "$0" "$@" 3<&{into[0]} 4>&{out[1]}', *line],
+                               pass_fds=(into[0], out[1]), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        os.close(into[0]), os.close(out[1])
+        commands, answers = os.fdopen(into[1], "wb", 0), os.fdopen(out[0], "rb")
+        self.addCleanup(answers.close)
+        self.addCleanup(commands.close)
+        self.addCleanup(run.wait)
+        self.addCleanup(run.terminate)
+        numbers = iter(range(1, 10000))
+        rest = b""
+
+        def call(method, session=None, **parameters):
+            nonlocal rest
+            number = next(numbers)
+            text = {"id": number, "method": method, "params": parameters}
+            if session:
+                text["sessionId"] = session
+            commands.write(json.dumps(text).encode() + b"\0")
+            while True:
+                while b"\0" not in rest:
+                    piece = os.read(answers.fileno(), 65536)
+                    self.assertTrue(piece, "the browser has ended")
+                    rest += piece
+                answer, rest = rest.split(b"\0", 1)
+                answer = json.loads(answer)
+                if answer.get("id") == number:
+                    self.assertNotIn("error", answer)
+                    return answer["result"]
+        target = call("Target.createTarget", url=f"http://127.0.0.1:{self.port}/")["targetId"]
+        session = call("Target.attachToTarget", targetId=target, flatten=True)["sessionId"]
+
+        def evaluate(script):
+            result = call("Runtime.evaluate", session, expression=script, awaitPromise=True, returnByValue=True)
+            self.assertNotIn("exceptionDetails", result)
+            return result["result"].get("value")
+
+        def wait_for(text):
+            end = time.monotonic() + 40
+            while text not in (seen := evaluate("document.body ? document.body.innerText : ''")):
+                self.assertLess(time.monotonic(), end, f"{text!r} is not in {seen!r}")
+                time.sleep(0.2)
+        wait_for(name)
+        self.assertEqual(evaluate("document.title + document.images.length"), "Vestrel0")
+        evaluate("""(async () => {
+            const bytes = await (await fetch("/new_fits_file/1")).arrayBuffer();
+            const data = new DataTransfer();
+            data.items.add(new File([bytes], "dropped.fit"));
+            document.getElementById("drop").dispatchEvent(new DragEvent("drop", {dataTransfer: data}));
+        })()""")
+        wait_for("dropped.fit is job 2")
+        self.assertEqual(self.result(2), "success")
+        wait_for("dropped.fit\tsuccess\t56.")
+        self.assertEqual(evaluate("document.querySelectorAll('a[href=\"/wcs_file/2\"]').length"), 1)
+
+
+if __name__ == "__main__":
+    unittest.main()
