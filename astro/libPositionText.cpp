@@ -117,10 +117,21 @@ std::optional<SkyPosition> ParsePosition(std::string_view utf8) {
     const std::size_t sign = text.find_first_of("+-", 1);
     if (sign != std::string::npos) return SplitAt(text, sign);
     std::vector<std::size_t> blanks;
+    std::vector<SkyPosition> readings;
     for (std::size_t i = 1; i < text.size(); ++i) {
-        if (text[i] == ' ' && text[i - 1] != ' ') blanks.push_back(i);
+        if (text[i] != ' ' || text[i - 1] == ' ') continue;
+        blanks.push_back(i);
+        // Hours belong to the right ascension, degree signs to the declination.
+        const bool hours = text.find('h', i) != std::string::npos;
+        const bool degrees = text.find(DegreeSign) < i;
+        if (hours || degrees) continue;
+        if (const auto reading = SplitAt(text, i)) readings.push_back(*reading);
     }
-    if (blanks.size() % 2 == 0) return std::nullopt;
+    const bool lettered = text.find('h') != std::string::npos;
+    const bool secondsFirst = !lettered || text.find('s') != std::string::npos;
+    if (readings.size() == 1 && secondsFirst) return readings.front();
+    // Numbers alone: as many for the one as for the other.
+    if (lettered || blanks.size() % 2 == 0) return std::nullopt;
     return SplitAt(text, blanks[blanks.size() / 2]);
 }
 

@@ -51,6 +51,7 @@ LevelsWindow::LevelsWindow(ProgramState& state, QWidget* parent)
     connect(automatic, &QPushButton::clicked, this, [this] {
         if (area_->Histogram.Pixels > 0) TakeLevels(LevelsFromHistogram(area_->Histogram), false);
     });
+    area_->OnDragged = [this](const CountLevels& levels) { TakeLevels(levels, true); };
     auto* close = new QDialogButtonBox(QDialogButtonBox::Close);
     connect(close, &QDialogButtonBox::rejected, this, &QDialog::reject);
 

@@ -1,25 +1,14 @@
 #include "desktop/fImage.h"
 
-#include <QActionGroup>
-#include <QApplication>
-#include <QBuffer>
-#include <QClipboard>
 #include <QDropEvent>
-#include <QFontDatabase>
 #include <QLabel>
-#include <QMenuBar>
 #include <QPainter>
-#include <QPixmap>
-#include <QStatusBar>
-#include <QToolBar>
 #include <utility>
 
 #include "astro/libStrings.h"
 #include "desktop/libGraphics.h"
 #include "desktop/libWindows.h"
 #include "display/libReadout.h"
-#include "platform/libFiles.h"
-#include "platform/libPlatform.h"
 #include "program/mImageData.h"
 #include "program/mSolveWindow.h"
 
@@ -43,10 +32,20 @@ ImageWindow::ImageWindow(ProgramState& state, Port& port)
     setAcceptDrops(true);
     BuildMenus();
     BuildStatusBar();
-    area_->OnPaintOverlays = [this](QPainter& painter) { PaintOverlays(painter); };
+    area_->OnPaintOverlays = [this](QPainter& painter) {
+        PaintOverlays(painter, area_->View, area_->size());
+        if (magnifier_->isChecked()) PaintMagnifier(painter);
+    };
+    area_->OnContextMenu = [this](PixelPoint pixel, QPoint global) {
+        ShowContextMenu(pixel, global);
+    };
     area_->OnViewChanged = [this] { ShowViewChange(); };
     area_->OnPointerMoved = [this](PixelPoint pixel) { ShowReadout(pixel); };
-    area_->OnPointerLeft = [this] { ClearReadout(); };
+    area_->OnPointerLeft = [this] {
+        ClearReadout();
+        pointer_.reset();
+        if (magnifier_->isChecked()) area_->update();
+    };
     area_->OnClicked = [this](PixelPoint pixel) {
         if (state_.Running == Activity::None && OnStarClicked) OnStarClicked(pixel);
     };
@@ -54,95 +53,6 @@ ImageWindow::ImageWindow(ProgramState& state, Port& port)
         if (state_.Running == Activity::None && OnStarDoubleClicked) OnStarDoubleClicked(pixel);
     };
     resize(900, 740);
-}
-
-QAction* ImageWindow::AddCommand(QMenu* menu, const char* name, const QString& text,
-                                 const QKeySequence& keys, std::function<void()> command) {
-    QAction* action = menu->addAction(text);
-    action->setObjectName(name);
-    action->setShortcut(keys);
-    connect(action, &QAction::triggered, this, [command = std::move(command)] { command(); });
-    return action;
-}
-
-QAction* ImageWindow::AddSwitch(QMenu* menu, const char* name, const QString& text,
-                                const QString& shortText, const QKeySequence& keys) {
-    QAction* action = menu->addAction(text);
-    action->setObjectName(name);
-    action->setIconText(shortText);
-    action->setShortcut(keys);
-    action->setCheckable(true);
-    connect(action, &QAction::toggled, area_, [this] { area_->update(); });
-    return action;
-}
-
-void ImageWindow::BuildMenus() {
-    QMenu* file = menuBar()->addMenu("&File");
-    AddCommand(file, "mnuExportView", "&Export View as PNG...", QKeySequence("Ctrl+E"),
-               [this] { ExportView(); });
-    AddCommand(file, "mnuCopyView", "&Copy View", QKeySequence::Copy, [this] { CopyView(); });
-    file->addSeparator();
-    AddCommand(file, "mnuCloseImage", "C&lose", QKeySequence::Close, [this] { close(); });
-
-    QMenu* view = menuBar()->addMenu("&View");
-    QAction* zoomIn =
-        AddCommand(view, "mnuZoomIn", "Zoom &In", QKeySequence("+"), [this] { area_->ZoomBy(1); });
-    QAction* zoomOut = AddCommand(view, "mnuZoomOut", "Zoom &Out", QKeySequence("-"),
-                                  [this] { area_->ZoomBy(-1); });
-    QAction* fit =
-        AddCommand(view, "mnuFit", "&Fit to Window", QKeySequence("F"), [this] { area_->Fit(); });
-    QAction* whole = AddCommand(view, "mnuOneToOne", "&Actual Pixels (1:1)", QKeySequence("1"),
-                                [this] { area_->ZoomTo(1 / area_->devicePixelRatioF()); });
-    zoomIn->setIconText("Zoom +");
-    zoomOut->setIconText("Zoom \u2212");
-    fit->setIconText("Fit");
-    whole->setIconText("1:1");
-    view->addSeparator();
-    invert_ = AddSwitch(view, "mnuInvert", "In&vert", "Invert", QKeySequence("I"));
-    flipLeftRight_ = AddSwitch(view, "mnuFlipLeftRight", "Flip &Left to Right", "Flip \u2194", {});
-    flipUpDown_ = AddSwitch(view, "mnuFlipUpDown", "Flip &Upside Down", "Flip \u2195", {});
-    connect(invert_, &QAction::toggled, this, [this] { LevelsChanged(); });
-    for (QAction* flip : {flipLeftRight_, flipUpDown_}) {
-        connect(flip, &QAction::toggled, this, [this] { Flip(); });
-    }
-
-    QMenu* over = menuBar()->addMenu("&Overlays");
-    extracted_ =
-        AddSwitch(over, "mnuExtracted", "&Extracted Stars", "Extracted", QKeySequence("E"));
-    catalog_ = AddSwitch(over, "mnuCatalog", "&Catalog Stars", "Catalog", QKeySequence("C"));
-    matched_ = AddSwitch(over, "mnuMatched", "&Matched Stars", "Matched", QKeySequence("M"));
-    magnitudes_ = AddSwitch(over, "mnuMagnitudes", "Ma&gnitudes", "Magnitudes", QKeySequence("G"));
-    over->addSeparator();
-    compass_ = AddSwitch(over, "mnuCompass", "Com&pass and Scale", "Compass", QKeySequence("N"));
-    grid_ = AddSwitch(over, "mnuGrid", "&RA/Dec Grid", "Grid", QKeySequence("R"));
-    compass_->setChecked(true);
-
-    bar_ = addToolBar("View");
-    bar_->setObjectName("tbrView");
-    bar_->setMovable(false);
-    bar_->setToolButtonStyle(Qt::ToolButtonTextOnly);
-    bar_->addActions({zoomIn, zoomOut, fit, whole, invert_});
-    bar_->addSeparator();
-    bar_->addActions({extracted_, catalog_, matched_, magnitudes_, compass_, grid_});
-}
-
-void ImageWindow::BuildStatusBar() {
-    const auto add = [this](const char* name, const char* meaning, const QString& widest) {
-        auto* label = new QLabel;
-        label->setObjectName(name);
-        label->setAccessibleName(meaning);
-        label->setTextFormat(Qt::PlainText);
-        // What is shown changes with every move: it is not to push its neighbours about.
-        label->setMinimumWidth(fontMetrics().horizontalAdvance(widest));
-        return label;
-    };
-    pixel_ = add("lblPixel", "Pixel under the pointer", "x 00000.0  y 00000.0  ");
-    count_ = add("lblCount", "Count under the pointer", "0000000  ");
-    sky_ = add("lblSky", "Position under the pointer", "00h00m00.00s  -00\u00b0 00' 00.0\"  ");
-    zoom_ = add("lblZoom", "Zoom", "0000.0%  ");
-    size_ = add("lblImageSize", "Size of the image", {});
-    for (QLabel* label : {pixel_, count_, sky_}) statusBar()->addWidget(label);
-    for (QLabel* label : {zoom_, size_}) statusBar()->addPermanentWidget(label);
 }
 
 void ImageWindow::ImageChanged() {
@@ -170,6 +80,10 @@ void ImageWindow::ImageChanged() {
         if (OnLevelsChosen) OnLevelsChosen();
     }
     overlays_ = OverlaysOf(state_);
+    objects_.clear();
+    if (overlays_.Map) {
+        objects_ = ObjectsOnImage(names_.Objects(), *overlays_.Map, image.Width, image.Height);
+    }
     ShowViewChange();
     BuildPicture();
 }
@@ -180,6 +94,12 @@ void ImageWindow::LevelsChanged() {
     ActivityChanged();
 }
 
+void ImageWindow::ShowLevels() {
+    // Which tells of it.
+    if (stretch_->isChecked()) return stretch_->setChecked(false);
+    LevelsChanged();
+}
+
 void ImageWindow::ActivityChanged() {
     if (pictureIsOld_ && isVisible() && state_.Running == Activity::None) BuildPicture();
 }
@@ -187,7 +107,11 @@ void ImageWindow::ActivityChanged() {
 void ImageWindow::BuildPicture() {
     pictureIsOld_ = false;
     if (state_.ImageLoaded) {
-        area_->Picture.Build(state_.Image, LookupOf(state_, invert_->isChecked()));
+        if (stretch_->isChecked()) {
+            area_->Picture.BuildForScreen(state_.Image, invert_->isChecked());
+        } else {
+            area_->Picture.Build(state_.Image, LookupOf(state_, invert_->isChecked()));
+        }
     }
     area_->update();
 }
@@ -205,21 +129,72 @@ void ImageWindow::ShowViewChange() {
             : QString());
 }
 
-void ImageWindow::PaintOverlays(QPainter& painter) {
-    OverlayPainter over(painter, area_->View, area_->size());
+void ImageWindow::PaintOverlays(QPainter& painter, const ViewGeometry& view, const QSize& size) {
+    OverlayPainter over(painter, view, size);
     if (grid_->isChecked() && overlays_.Map) {
-        if (!skyGridFits_) skyGrid_ = GridOver(overlays_.Map, area_->View.Visible());
-        skyGridFits_ = true;
+        // The window's grid is kept; that of another view is made for it.
+        const bool own = &view == &area_->View;
+        const bool fits = own && skyGridFits_;
+        if (!fits) skyGrid_ = GridOver(overlays_.Map, view.Visible());
+        skyGridFits_ = own;
         over.Grid(skyGrid_);
     }
     PaintStars(over);
+    if (nameSwitch_->isChecked()) PaintNames(over);
     for (const MeasuredMark& mark : marks_) {
         over.Aperture(mark.Place, mark.Aperture, MeasuredColour, false);
         if (mark.Inner > 0) over.Aperture(mark.Place, mark.Inner, MeasuredColour, true);
         if (mark.Outer > 0) over.Aperture(mark.Place, mark.Outer, MeasuredColour, true);
-        over.LowerLabel(mark.Place, mark.Aperture * area_->View.Scale(), mark.Name, MeasuredColour);
+        over.Label(mark.Place, mark.Aperture * view.Scale(), mark.Name, MeasuredColour,
+                   LabelWorth::Measured);
     }
+    over.PaintLabels();
     if (compass_->isChecked() && overlays_.Map) over.CompassAndScale(*overlays_.Map);
+}
+
+void ImageWindow::PaintNames(OverlayPainter& over) const {
+    for (const ObjectOnImage& one : objects_) {
+        if (!one.Outline.empty()) over.Outline(one.Outline, NameColour);
+        over.Label(one.Place, markRadius, QtText(one.Object->Label()), NameColour,
+                   LabelWorth::Name);
+    }
+}
+
+void ImageWindow::PaintMagnifier(QPainter& painter) {
+    if (!pointer_) return;
+    constexpr int side = 168;
+    constexpr double zoom = 8;
+    constexpr int margin = 12;
+    const double ratio = area_->devicePixelRatioF();
+    ViewGeometry lens;
+    lens.SetWindow(side, side);
+    lens.SetImage(state_.Image.Width, state_.Image.Height, FirstRowAtTop(state_.Image));
+    lens.Flip(flipLeftRight_->isChecked(), flipUpDown_->isChecked());
+    lens.ZoomTo(zoom, lens.Middle());
+    const ScreenPoint at = lens.ScreenOf(*pointer_);
+    lens.Pan(lens.Middle().X - at.X, lens.Middle().Y - at.Y);
+    const QSize pixels = QSize(side, side) * ratio;
+    QImage picture(pixels, QImage::Format_Grayscale8);
+    PaintView(area_->Picture, lens, ratio,
+              {{picture.bits(), static_cast<std::size_t>(picture.sizeInBytes())},
+               picture.width(),
+               picture.height(),
+               static_cast<std::size_t>(picture.bytesPerLine())});
+    // Away from the pointer.
+    const ScreenPoint pointer = area_->View.ScreenOf(*pointer_);
+    const bool left = pointer.X > area_->width() / 2.0;
+    const QRect place(left ? margin : area_->width() - side - margin,
+                      area_->height() - side - margin - 36, side, side);
+    painter.drawImage(place, picture);
+    painter.setRenderHint(QPainter::Antialiasing, false);
+    painter.setPen(QColor(255, 255, 255, 200));
+    painter.setBrush(Qt::NoBrush);
+    painter.drawRect(place);
+    painter.setPen(QColor(255, 80, 80, 200));
+    const QPoint middle = place.center();
+    for (const QPoint& arm : {QPoint(1, 0), QPoint(-1, 0), QPoint(0, 1), QPoint(0, -1)}) {
+        painter.drawLine(middle + 10 * arm, middle + 24 * arm);
+    }
 }
 
 void ImageWindow::PaintStars(OverlayPainter& over) const {
@@ -263,6 +238,8 @@ void ImageWindow::ShowReadout(const PixelPoint& pixel) {
     pixel_->setText(QtText(readout.Pixel));
     count_->setText(QtText(readout.Count));
     sky_->setText(QtText(readout.Sky));
+    pointer_ = readable && area_->View.OnImage(pixel) ? std::optional(pixel) : std::nullopt;
+    if (magnifier_->isChecked()) area_->update();
 }
 
 void ImageWindow::ClearReadout() {
@@ -273,27 +250,6 @@ void ImageWindow::Flip() {
     area_->View.Flip(flipLeftRight_->isChecked(), flipUpDown_->isChecked());
     ShowViewChange();
     area_->update();
-}
-
-void ImageWindow::CopyView() {
-    QApplication::clipboard()->setImage(area_->grab().toImage());
-}
-
-void ImageWindow::ExportView() {
-    if (!state_.ImageLoaded) return;
-    const QImage picture = area_->grab().toImage();
-    const auto path =
-        port_.AskForFile({"Export View", "PNG Files (*.png)|*.png|All Files (*.*)|*.*", 1,
-                          state_.Parameters.LastSaveFolder + "\\*.*", true, ".png"});
-    if (!path) return;
-    state_.Parameters.LastSaveFolder = FolderOfPath(*path);
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    const bool written =
-        buffer.open(QIODevice::WriteOnly) && picture.save(&buffer, "PNG") &&
-        ReplaceFile(PathFromText(*path),
-                    std::string_view(bytes.constData(), static_cast<std::size_t>(bytes.size())));
-    if (!written) port_.ShowMessage("The view cannot be written to " + *path, DefaultTitle);
 }
 
 void ImageWindow::dragEnterEvent(QDragEnterEvent* event) {

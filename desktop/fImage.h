@@ -3,12 +3,15 @@
 
 #include <QMainWindow>
 #include <functional>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "desktop/fPictureArea.h"
 #include "photometry/libStarStatistics.h"
 #include "program/mGeneral.h"
 #include "program/mImageView.h"
+#include "program/mSkyObjects.h"
 
 class QAction;
 class QLabel;
@@ -34,16 +37,25 @@ class ImageWindow : public QMainWindow {
  public:
     ImageWindow(ProgramState& state, Port& port);
 
+    /// Commands of the program that are to be had here too.
+    void ShareCommands(const QList<QAction*>& file, const QList<QAction*>& solve,
+                       const QList<QAction*>& windows);
+    SkyNames& Names() { return names_; }
+
     /// The pixels have changed, and nothing is at work on them.
     void ImageChanged();
     /// Black, white or the transfer between them have changed.
     void LevelsChanged();
+    /// The user has chosen levels: they count, and not those that the screen takes by itself.
+    void ShowLevels();
     /// Something has ended, or begun.
     void ActivityChanged();
     void SetMarks(std::vector<MeasuredMark> marks);
 
     std::function<void(PixelPoint)> OnStarClicked;
     std::function<void(PixelPoint)> OnStarDoubleClicked;
+    /// A place of the sky is to be the approximate centre.
+    std::function<void(const SkyPosition&)> OnCentreChosen;
     /// Files were dropped on the image.
     std::function<void(const QStringList&)> OnFilesDropped;
     /// The image got its first levels.
@@ -63,14 +75,26 @@ class ImageWindow : public QMainWindow {
                        const QKeySequence& keys);
 
     void BuildPicture();
+    void ShowContextMenu(const PixelPoint& pixel, const QPoint& global);
+    void PaintMagnifier(QPainter& painter);
     void ShowViewChange();
-    void PaintOverlays(QPainter& painter);
+    void PaintOverlays(QPainter& painter, const ViewGeometry& view, const QSize& size);
     void PaintStars(OverlayPainter& over) const;
+    void PaintNames(OverlayPainter& over) const;
     void ShowReadout(const PixelPoint& pixel);
     void ClearReadout();
     void Flip();
     void CopyView();
     void ExportView();
+    // The whole picture with everything that lies over it, at full size (fImageOutput.cpp).
+    ViewGeometry WholeView(double ratio) const;
+    QImage WholePicture(double ratio);
+    void PaintWhole(QPainter& painter, double ratio);
+    QByteArray PictureAsPng();
+    QByteArray PictureAsPdf();
+    void ExportPicture();
+    void Print();
+    void Write(const std::string& path, const QByteArray& bytes);
 
     ProgramState& state_;
     Port& port_;
@@ -90,8 +114,15 @@ class ImageWindow : public QMainWindow {
     QAction* magnitudes_ = nullptr;
     QAction* compass_ = nullptr;
     QAction* grid_ = nullptr;
+    QAction* nameSwitch_ = nullptr;
+    QAction* stretch_ = nullptr;
+    QAction* magnifier_ = nullptr;
+    QMenu* fileMenu_ = nullptr;
 
     Overlays overlays_;
+    SkyNames names_;
+    std::vector<ObjectOnImage> objects_;
+    std::optional<PixelPoint> pointer_;
     SkyGrid skyGrid_;
     bool skyGridFits_ = false;  ///< it was made for the view as it is
     std::vector<MeasuredMark> marks_;

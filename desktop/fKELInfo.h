@@ -108,6 +108,8 @@ class SolveWindow : public QMainWindow {
     /// Puts the pointer of the keyboard where a search found a fault.
     void FocusFault(bool asked);
     void Drop(const QStringList& files);
+    /// A whole position or a name in one of the centre inputs becomes both.
+    void CompleteInputs();
     void OpenDropped();
     void Stop();
     void LoadTelescope();

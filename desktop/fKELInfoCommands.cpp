@@ -15,12 +15,18 @@ namespace vestrel {
 
 void SolveWindow::Match() {
     const bool asked = state_.ImageLoaded && CommandsFor(state_).Start;
+    if (asked) CompleteInputs();
     PlateMatchCommand(state_, port_);
     FocusFault(asked);
 }
 
 void SolveWindow::JustSolve() {
+    CompleteInputs();
     JustSolveCommand(state_, port_);
+}
+
+void SolveWindow::CompleteInputs() {
+    if (CompleteCentre(state_.Inputs, imageWindow_.Names())) ShowInputs();
 }
 
 void SolveWindow::FocusFault(bool asked) {
@@ -33,6 +39,7 @@ void SolveWindow::FocusFault(bool asked) {
 
 void SolveWindow::MatchQuads() {
     const bool asked = state_.ImageLoaded && CommandsFor(state_).Start;
+    if (asked) CompleteInputs();
     if (asked && !FaultOfInputs(state_.Inputs)) quadMessagesWindow_.show();
     MoraCommand(state_, port_);
     ShowInputs();
@@ -61,7 +68,11 @@ void SolveWindow::SyncTelescope() {
 
 void SolveWindow::ConnectWindows() {
     imageWindow_.OnLevelsChosen = [this] { levelsWindow_.LevelsChanged(); };
-    levelsWindow_.OnLevelsChanged = [this] { imageWindow_.LevelsChanged(); };
+    levelsWindow_.OnLevelsChanged = [this] { imageWindow_.ShowLevels(); };
+    imageWindow_.OnCentreChosen = [this](const SkyPosition& centre) {
+        SetCentre(state_.Inputs, centre);
+        ShowInputs();
+    };
     imageWindow_.OnFilesDropped = [this](const QStringList& files) { Drop(files); };
     // A click is for the windows that are open; a double click opens the statistics.
     imageWindow_.OnStarClicked = [this](PixelPoint pixel) {
@@ -69,7 +80,6 @@ void SolveWindow::ConnectWindows() {
         if (photometryWindow_.isVisible()) photometryWindow_.Take(pixel);
     };
     imageWindow_.OnStarDoubleClicked = [this](PixelPoint pixel) {
-        if (statsWindow_.isVisible()) return;
         statsWindow_.show();
         statsWindow_.Measure(pixel);
     };

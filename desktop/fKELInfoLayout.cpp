@@ -20,7 +20,9 @@
 #include <QVBoxLayout>
 #include <utility>
 
+#include "astro/libPositionText.h"
 #include "desktop/fKELInfo.h"
+#include "program/mSkyObjects.h"
 #include "program/mSolveWindow.h"
 
 namespace vestrel {
@@ -98,11 +100,11 @@ QGroupBox* SolveWindow::BuildCentreInputs() {
     auto* layout = new QGridLayout(group);
     QLineEdit* ra =
         AddInput("txtRA", "Right ascension of the approximate image centre", &SolveInputs::Ra);
-    ra->setPlaceholderText("hh mm ss or degrees");
+    ra->setPlaceholderText("hh mm ss, degrees, name");
     QLineEdit* dec =
         AddInput("txtDec", "Declination of the approximate image centre", &SolveInputs::Dec);
     dec->setPlaceholderText("dd mm ss or degrees");
-    ra->setMinimumWidth(fontMetrics().horizontalAdvance("dd mm ss or degrees  "));
+    ra->setMinimumWidth(fontMetrics().horizontalAdvance("hh mm ss, degrees, name  "));
     auto* raLabel = new QLabel("&RA");
     raLabel->setBuddy(ra);
     auto* decLabel = new QLabel("&Dec");
@@ -311,8 +313,9 @@ QWidget* SolveWindow::BuildCountdown() {
 
 void SolveWindow::BuildMenus() {
     QMenu* file = menuBar()->addMenu("&File");
-    startActions_.push_back(AddAction(file, "&Open...", QKeySequence::Open,
-                                      [this] { OpenImageCommand(state_, port_); }));
+    QAction* open = AddAction(file, "&Open...", QKeySequence::Open,
+                              [this] { OpenImageCommand(state_, port_); });
+    startActions_.push_back(open);
     recentMenu_ = file->addMenu("Open &Recent");
     startActions_.push_back(recentMenu_->menuAction());
     connect(recentMenu_, &QMenu::aboutToShow, this, [this] { FillRecentImages(); });
@@ -368,6 +371,9 @@ void SolveWindow::BuildMenus() {
                                     [this] { Bring(quadMessagesWindow_); });
     quadMessagesAction_->setObjectName("mnuMORA");
 
+    imageWindow_.ShareCommands({open, recentMenu_->menuAction(), saveAction_}, solve->actions(),
+                               view->actions());
+
     QMenu* help = menuBar()->addMenu("&Help");
     AddAction(help, "&Help", QKeySequence::HelpContents, [this] { ShowHelp(); });
     AddAction(help, "&About", {}, [this] { ShowAbout(); });
@@ -378,8 +384,18 @@ QLineEdit* SolveWindow::AddInput(const char* name, const QString& accessibleName
     auto* input = new InputBox;
     input->setObjectName(name);
     input->setAccessibleName(accessibleName);
-    connect(input, &QLineEdit::textChanged, this,
-            [this, text](const QString& typed) { state_.Inputs.*text = Utf8(typed); });
+    connect(input, &QLineEdit::textChanged, this, [this, text](const QString& typed) {
+        // So much at once was pasted.
+        constexpr qsizetype pasted = 6;
+        const auto before = QtText(state_.Inputs.*text).size();
+        state_.Inputs.*text = Utf8(typed);
+        const bool centre = text == &SolveInputs::Ra || text == &SolveInputs::Dec;
+        if (!centre || typed.size() < before + pasted) return;
+        if (const auto position = ParsePosition(Utf8(typed))) {
+            SetCentre(state_.Inputs, *position);
+            ShowInputs();
+        }
+    });
     connect(input, &QLineEdit::returnPressed, this, [this] { Run([this] { Match(); }); });
     inputs_.emplace_back(input, text);
     return input;

@@ -134,6 +134,13 @@ void PictureArea::keyPressEvent(QKeyEvent* event) {
     ViewChanged();
 }
 
+void PictureArea::contextMenuEvent(QContextMenuEvent* event) {
+    const bool byKey = event->reason() == QContextMenuEvent::Keyboard;
+    const QPoint at = byKey ? rect().center() : event->pos();
+    const PixelPoint pixel = View.PixelAt(PointOf(at));
+    if (OnContextMenu && View.OnImage(pixel)) OnContextMenu(pixel, mapToGlobal(at));
+}
+
 void PictureArea::leaveEvent(QEvent* /*event*/) {
     if (OnPointerLeft) OnPointerLeft();
 }

@@ -24,6 +24,8 @@ class PictureArea : public QWidget {
     std::function<void()> OnPointerLeft;
     std::function<void(PixelPoint)> OnClicked;
     std::function<void(PixelPoint)> OnDoubleClicked;
+    /// The menu of a place is asked for; with the keyboard, of the middle of the window.
+    std::function<void(PixelPoint, QPoint)> OnContextMenu;
 
     void Fit();
     /// About the middle of the window.
@@ -39,6 +41,7 @@ class PictureArea : public QWidget {
     void mouseReleaseEvent(QMouseEvent* event) override;
     void mouseDoubleClickEvent(QMouseEvent* event) override;
     void keyPressEvent(QKeyEvent* event) override;
+    void contextMenuEvent(QContextMenuEvent* event) override;
     void leaveEvent(QEvent* event) override;
 
  private:

@@ -1,6 +1,7 @@
 #include "desktop/libGraph.h"
 
 #include <QFontMetrics>
+#include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
 #include <algorithm>
@@ -68,7 +69,7 @@ void HistogramArea::paintEvent(QPaintEvent* /*event*/) {
     const QRect place = PlotPlace(*this, false);
     PaintFrame(painter, *this, place);
     if (Histogram.Pixels == 0) return;
-    const PlotAxis counts{Span.Black, Span.White, double(place.left()), double(place.right())};
+    const PlotAxis counts = Counts();
     PaintTicksBelow(painter, *this, place, counts);
     const std::vector<double> columns =
         HistogramColumns(Histogram, Span, place.width(), Logarithmic);
@@ -85,6 +86,27 @@ void HistogramArea::paintEvent(QPaintEvent* /*event*/) {
         const int x = qRound(counts.PlaceOf(level));
         painter.drawLine(x, place.top(), x, place.bottom());
     }
+}
+
+PlotAxis HistogramArea::Counts() const {
+    const QRect place = PlotPlace(*this, false);
+    return {Span.Black, Span.White, double(place.left()), double(place.right())};
+}
+
+void HistogramArea::mousePressEvent(QMouseEvent* event) {
+    const PlotAxis counts = Counts();
+    const double x = event->position().x();
+    const bool black =
+        qAbs(counts.PlaceOf(Levels.Black) - x) < qAbs(counts.PlaceOf(Levels.White) - x);
+    dragged_ = black ? &CountLevels::Black : &CountLevels::White;
+    mouseMoveEvent(event);
+}
+
+void HistogramArea::mouseMoveEvent(QMouseEvent* event) {
+    if (!(event->buttons() & Qt::LeftButton) || Histogram.Pixels == 0 || !OnDragged) return;
+    CountLevels levels = Levels;
+    levels.*dragged_ = Counts().ValueAt(event->position().x());
+    OnDragged(levels);
 }
 
 ResidualArea::ResidualArea() {

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <QWidget>
+#include <functional>
 #include <optional>
 #include <vector>
 
 #include "display/libDisplayLevels.h"
+#include "display/libPlot.h"
 #include "display/libResiduals.h"
 #include "photometry/libStarStatistics.h"
 
@@ -19,9 +21,17 @@ class HistogramArea : public QWidget {
     CountLevels Span;
     CountLevels Levels;
     bool Logarithmic = true;
+    /// One of the two lines was dragged: the levels that it stands for.
+    std::function<void(const CountLevels&)> OnDragged;
 
  protected:
     void paintEvent(QPaintEvent* event) override;
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseMoveEvent(QMouseEvent* event) override;
+
+ private:
+    PlotAxis Counts() const;
+    double CountLevels::*dragged_ = &CountLevels::Black;
 };
 
 /// Residuals as magnified vectors over the frame, and the histogram of their lengths below it.

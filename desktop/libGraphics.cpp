@@ -72,6 +72,9 @@ void OverlayPainter::PutStamp(const PixelPoint& place, bool isCross, double radi
         stamp = stamps_.insert(stamps_.end(), {isCross, radius, colour.rgba(), picture});
     }
     painter_.drawImage(at - QPointF(half, half), stamp->Picture);
+    // A label may touch a ring, not what is in it.
+    const double side = 1.4 * radius;
+    marks_.push_back({at.x() - side / 2, at.y() - side / 2, side, side});
 }
 
 void OverlayPainter::Circle(const PixelPoint& place, double radius, const QColor& colour) {
@@ -101,19 +104,44 @@ void OverlayPainter::Link(const PixelPoint& from, const PixelPoint& to, const QC
     Stroke(path, colour);
 }
 
-void OverlayPainter::Label(const PixelPoint& place, double radius, const QString& text,
-                           const QColor& colour) {
-    const QPointF at = At(place);
-    if (text.isEmpty() || !Shows(at, radius)) return;
-    Text(at + QPointF(radius, -radius / 2), text, colour);
+void OverlayPainter::Outline(const std::vector<PixelPoint>& line, const QColor& colour) {
+    QPainterPath path;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        if (i == 0) path.moveTo(At(line[i]));
+        if (i > 0) path.lineTo(At(line[i]));
+    }
+    if (path.boundingRect().intersects(QRectF(QPointF(), size_))) Stroke(path, colour);
 }
 
-void OverlayPainter::LowerLabel(const PixelPoint& place, double radius, const QString& text,
-                                const QColor& colour) {
+void OverlayPainter::Label(const PixelPoint& place, double radius, const QString& text,
+                           const QColor& colour, LabelWorth worth) {
     const QPointF at = At(place);
-    if (text.isEmpty() || !Shows(at, radius)) return;
+    if (!text.isEmpty() && Shows(at, radius)) {
+        AddLabel({at.x(), at.y()}, radius, false, text, colour, worth);
+    }
+}
+
+void OverlayPainter::AddLabel(const ScreenPoint& mark, double radius, bool fixed,
+                              const QString& text, const QColor& colour, LabelWorth worth) {
     const QFontMetricsF metrics(painter_.font());
-    Text(at + QPointF(radius, radius / 2 + metrics.capHeight()), text, colour);
+    const LabelWish wish{mark, radius, metrics.horizontalAdvance(text) + 2,
+                         metrics.capHeight() + metrics.descent() + 2, fixed};
+    labels_.push_back({wish, text, colour, worth});
+}
+
+void OverlayPainter::PaintLabels() {
+    std::stable_sort(labels_.begin(), labels_.end(),
+                     [](const auto& a, const auto& b) { return a.Worth < b.Worth; });
+    std::vector<LabelWish> wishes;
+    for (const PendingLabel& label : labels_) wishes.push_back(label.Wish);
+    const auto places = PlaceLabels(wishes, marks_, size_.width(), size_.height());
+    const double descent = QFontMetricsF(painter_.font()).descent();
+    for (std::size_t i = 0; i < places.size(); ++i) {
+        if (!places[i]) continue;
+        Text({places[i]->Left + 1, places[i]->Top + places[i]->Height - descent - 1},
+             labels_[i].Text, labels_[i].Colour);
+    }
+    labels_.clear();
 }
 
 void OverlayPainter::Grid(const SkyGrid& grid) {
@@ -134,9 +162,10 @@ void OverlayPainter::Grid(const SkyGrid& grid) {
     for (const GridLine& line : grid.Lines) {
         const QString text = QtText(line.Label);
         QPointF at = At(line.LabelPlace) + QPointF(4, -4);
-        at.setX(qBound(inside.left(), at.x(), inside.right() - metrics.horizontalAdvance(text)));
+        at.setX(
+            qBound(inside.left(), at.x(), inside.right() - metrics.horizontalAdvance(text) - 2));
         at.setY(qBound(inside.top(), at.y(), inside.bottom()));
-        Text(at, text, GridColour);
+        AddLabel({at.x(), at.y()}, 0, true, text, GridColour, LabelWorth::Grid);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <QString>
 #include <vector>
 
+#include "display/libLabelPlacement.h"
 #include "display/libSkyGrid.h"
 #include "display/libViewGeometry.h"
 
@@ -17,6 +18,11 @@ inline constexpr QColor CatalogColour(90, 190, 255);
 inline constexpr QColor MatchedColour(80, 230, 110);
 inline constexpr QColor GridColour(120, 150, 255);
 inline constexpr QColor MeasuredColour(255, 110, 200);
+
+inline constexpr QColor NameColour(255, 175, 255);
+
+/// Which labels get their places first.
+enum class LabelWorth { Measured, Name, Grid, Figure };
 
 /// A painter over a view. Texts and lines get a dark rim, so that they show on any sky.
 class OverlayPainter {
@@ -29,10 +35,13 @@ class OverlayPainter {
     void Cross(const PixelPoint& place, double radius, const QColor& colour);
     /// A line from one place of the image to another.
     void Link(const PixelPoint& from, const PixelPoint& to, const QColor& colour);
-    /// To the upper right of a mark, and to the lower right.
-    void Label(const PixelPoint& place, double radius, const QString& text, const QColor& colour);
-    void LowerLabel(const PixelPoint& place, double radius, const QString& text,
-                    const QColor& colour);
+    /// A closed line through places of the image.
+    void Outline(const std::vector<PixelPoint>& line, const QColor& colour);
+    /// Beside a mark, where there is room; `PaintLabels` puts it down. Of those with the same worth
+    /// the first one goes first.
+    void Label(const PixelPoint& place, double radius, const QString& text, const QColor& colour,
+               LabelWorth worth = LabelWorth::Figure);
+    void PaintLabels();
     void Grid(const SkyGrid& grid);
     /// North and east in the upper right corner, a scale bar in the lower left one.
     void CompassAndScale(const SkyMap& map);
@@ -47,6 +56,15 @@ class OverlayPainter {
     };
     void PutStamp(const PixelPoint& place, bool isCross, double radius, const QColor& colour);
 
+    struct PendingLabel {
+        LabelWish Wish;
+        QString Text;
+        QColor Colour;
+        LabelWorth Worth = LabelWorth::Figure;
+    };
+    void AddLabel(const ScreenPoint& mark, double radius, bool fixed, const QString& text,
+                  const QColor& colour, LabelWorth worth);
+
     bool Shows(const QPointF& point, double margin) const;
     QPointF At(const PixelPoint& place) const;
     void Stroke(const QPainterPath& path, const QColor& colour, double width = 1.5,
@@ -58,6 +76,8 @@ class OverlayPainter {
     const ViewGeometry& view_;
     QSizeF size_;
     std::vector<Stamp> stamps_;
+    std::vector<PendingLabel> labels_;
+    std::vector<ScreenBox> marks_;  ///< what no label is to cover
 };
 
 }  // namespace vestrel

@@ -1,7 +1,9 @@
 #include "display/libPicturePyramid.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <utility>
 
 #include "astro/libParallel.h"
 
@@ -53,6 +55,99 @@ void Halve(const GreyLevel& from, GreyLevel& to) {
     });
 }
 
+/// The mean counts of an image, halved in size some times.
+struct CountLevel {
+    int Width = 0;
+    int Height = 0;
+    std::vector<float> Counts;
+
+    const float* Row(int row) const {
+        return Counts.data() + static_cast<std::size_t>(row) * static_cast<std::size_t>(Width);
+    }
+};
+
+/// @param at gives the count of a column and row, each within the size
+template <typename At>
+CountLevel Halved(int width, int height, At at) {
+    CountLevel half{(width + 1) / 2, (height + 1) / 2, {}};
+    half.Counts.resize(static_cast<std::size_t>(half.Width) *
+                       static_cast<std::size_t>(half.Height));
+    ForRows(half.Height, [&](int row) {
+        float* mean = half.Counts.data() +
+                      static_cast<std::size_t>(row) * static_cast<std::size_t>(half.Width);
+        const int lower = std::min(2 * row + 1, height - 1);
+        for (int x = 0; x < half.Width; ++x) {
+            const int right = std::min(2 * x + 1, width - 1);
+            mean[x] =
+                (at(2 * x, 2 * row) + at(right, 2 * row) + at(2 * x, lower) + at(right, lower)) / 4;
+        }
+    });
+    return half;
+}
+
+/// From counts to grey, by a table over the levels that show a picture's faint stars.
+class ScreenStretch {
+ public:
+    /// @param sample counts of the picture, in any order; there is one at least
+    ScreenStretch(std::vector<float> sample, bool inverted) {
+        std::sort(sample.begin(), sample.end());
+        const auto quantile = [&sample](double part) {
+            return sample[static_cast<std::size_t>(part * static_cast<double>(sample.size() - 1))];
+        };
+        // The lower half of the sky is free of stars.
+        constexpr double sigmaPerQuarter = 1.4826;
+        const float sky = quantile(0.5);
+        const double noise = sigmaPerQuarter * (sky - quantile(0.25));
+        black_ = static_cast<float>(sky - 0.5 * noise);
+        const double white = std::max({sky + 15 * noise, double{quantile(0.998)}, sky + 1.0});
+        steps_ = static_cast<float>(static_cast<double>(table_.size() - 1) / (white - black_));
+        for (std::size_t k = 0; k < table_.size(); ++k) {
+            const double place = static_cast<double>(k) / static_cast<double>(table_.size() - 1);
+            const auto grey =
+                static_cast<std::uint8_t>(std::lround(255 * Transferred(Transfer::Asinh, place)));
+            table_[k] = static_cast<std::uint8_t>(inverted ? 255 - grey : grey);
+        }
+    }
+    std::uint8_t operator()(float count) const {
+        const float step = (count - black_) * steps_;
+        if (!(step > 0)) return table_.front();
+        return step < static_cast<float>(table_.size() - 1) ? table_[static_cast<std::size_t>(step)]
+                                                            : table_.back();
+    }
+
+ private:
+    std::array<std::uint8_t, 4096> table_{};
+    float black_ = 0;
+    float steps_ = 0;
+};
+
+/// Makes a grey level of counts.
+template <typename At>
+void Stretch(GreyLevel& level, int width, int height, bool inverted, At at) {
+    SetSize(level, width, height);
+    constexpr int mostEachWay = 200;
+    const int stepX = std::max(width / mostEachWay, 1);
+    const int stepY = std::max(height / mostEachWay, 1);
+    std::vector<float> sample;
+    for (int y = 0; y < height; y += stepY) {
+        for (int x = 0; x < width; x += stepX) sample.push_back(at(x, y));
+    }
+    const ScreenStretch grey(std::move(sample), inverted);
+    ForRows(height, [&](int row) {
+        std::uint8_t* out = RowOf(level, row);
+        for (int x = 0; x < width; ++x) out[x] = grey(at(x, row));
+    });
+}
+
+std::size_t LevelCount(const PlateImage& image) {
+    std::size_t count = 1;
+    for (int longest = std::max(image.Width, image.Height); longest > 1;
+         longest = (longest + 1) / 2) {
+        ++count;
+    }
+    return count;
+}
+
 /// Where the pixels of one row or column of the target come from: two pixels of the level and the
 /// weight of the second, in 256ths. Outside the image `First` is below 0.
 struct Source {
@@ -98,10 +193,7 @@ PaintedLevel LevelFor(double scale, std::size_t levels) {
 
 void PicturePyramid::Build(const PlateImage& image, const GreyLookup& grey) {
     if (image.Width < 1 || image.Height < 1 || image.Pixels.Empty()) return Clear();
-    std::size_t count = 1;
-    for (int longest = std::max(image.Width, image.Height); longest > 1;
-         longest = (longest + 1) / 2)
-        ++count;
+    const std::size_t count = LevelCount(image);
     levels_.resize(count);
     SetSize(levels_[0], image.Width, image.Height);
     ForRows(image.Height, [&](int row) {
@@ -110,6 +202,21 @@ void PicturePyramid::Build(const PlateImage& image, const GreyLookup& grey) {
                        [&grey](std::int32_t stored) { return grey(stored); });
     });
     for (std::size_t k = 1; k < count; ++k) Halve(levels_[k - 1], levels_[k]);
+}
+
+void PicturePyramid::BuildForScreen(const PlateImage& image, bool inverted) {
+    if (image.Width < 1 || image.Height < 1 || image.Pixels.Empty()) return Clear();
+    levels_.resize(LevelCount(image));
+    const auto stored = [&image](int x, int y) { return static_cast<float>(image.Pixels(x, y)); };
+    Stretch(levels_[0], image.Width, image.Height, inverted, stored);
+    CountLevel counts;
+    for (std::size_t k = 1; k < levels_.size(); ++k) {
+        const auto mean = [&counts](int x, int y) { return counts.Row(y)[x]; };
+        CountLevel half = k == 1 ? Halved(image.Width, image.Height, stored)
+                                 : Halved(counts.Width, counts.Height, mean);
+        counts = std::move(half);
+        Stretch(levels_[k], counts.Width, counts.Height, inverted, mean);
+    }
 }
 
 void PaintView(const PicturePyramid& pyramid, const ViewGeometry& view, double pixelRatio,

@@ -22,6 +22,10 @@ class PicturePyramid {
  public:
     /// Takes the grey values of every pixel, in parallel. Memory is kept for the next time.
     void Build(const PlateImage& image, const GreyLookup& grey);
+
+    /// The same from the counts themselves, each level with levels of its own that show its faint
+    /// stars: the mean of many pixels has less noise, and would be plain grey by the levels of one.
+    void BuildForScreen(const PlateImage& image, bool inverted);
     void Clear() { levels_.clear(); }
     bool Empty() const { return levels_.empty(); }
 

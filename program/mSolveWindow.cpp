@@ -225,7 +225,8 @@ void ExportImageCommand(ProgramState& state, Port& port) {
     if (!operation) return;
     const auto path = port.AskForFile({"Export Image",
                                        "FITS Files (*.fits)|*.fits;*.fit;*.fts|All Files (*.*)|*.*",
-                                       1, state.Parameters.LastSaveFolder + "\\*.*", true});
+                                       1, state.Parameters.LastSaveFolder + "\\*.*", true, ".fits",
+                                       SuggestedName(state, "-solved.fits")});
     if (!path) return;
     state.Parameters.LastSaveFolder = FolderOfPath(*path);
     if (ExportImage(state, port, *path))
@@ -262,6 +263,11 @@ std::string ImageBaseName(const ProgramState& state) {
 
 std::string ImageFolderText(const ProgramState& state) {
     return state.ImageLoaded ? FolderOfPath(state.Image.FileName) : std::string();
+}
+
+std::string SuggestedName(const ProgramState& state, const std::string& ending) {
+    const std::string name = ImageBaseName(state);
+    return name.substr(0, name.rfind('.')) + ending;
 }
 
 bool RequestClose(ProgramState& state) {

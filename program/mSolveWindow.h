@@ -86,6 +86,10 @@ std::string ImageNameText(const ProgramState& state);
 std::string ImageBaseName(const ProgramState& state);
 std::string ImageFolderText(const ProgramState& state);
 
+/// A name for a file that is made from the loaded image: its own without the last suffix, and this
+/// ending.
+std::string SuggestedName(const ProgramState& state, const std::string& ending);
+
 /// The user closes the program. While something runs this asks it to stop, and the program is to
 /// be closed when it has.
 /// @return true when it may close now

@@ -3,12 +3,16 @@
 #include <QClipboard>
 #include <QDoubleSpinBox>
 #include <QDropEvent>
+#include <QMenu>
+#include <QMenuBar>
 #include <QMimeData>
 #include <QPlainTextEdit>
 #include <QScreen>
 #include <QSpinBox>
+#include <QStatusBar>
 
 #include "astro/libConversions.h"
+#include "astro/libPositionText.h"
 #include "desktop/fPictureArea.h"
 #include "program/mTrust.h"
 #include "tests/desktopSupport.h"
@@ -204,6 +208,93 @@ TEST_F(Evening, ADoubtfulSolutionSaysSoAndSyncAsks) {
     Dialogs.Agrees = true;
     Press("cmdSync");
     EXPECT_EQ(Shown("lblStatus"), "Telescope: synced to the image centre");
+}
+
+TEST_F(Evening, ThePlaceUnderThePointerCanBeCopiedChosenAndNamed) {
+    Solve();
+    Press("cmdImage");
+    QWidget* image = WindowNamed("fImage");
+    auto* area = dynamic_cast<PictureArea*>(image->findChild<QWidget*>("picImage"));
+    const PlateStar star = *MatchedStars(*State->Solution).front().Catalog;
+    const auto place = SkyMap::Of(State->Image.Header)->PixelOf({star.Ra, star.Dec});
+    const auto choose = [&](const char* name) {
+        area->OnContextMenu(*place, area->mapToGlobal(QPoint(5, 5)));
+        auto* menu = image->findChild<QMenu*>("mnuPlace");
+        menu->findChild<QAction*>(name)->trigger();
+        menu->close();
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    };
+    choose("mnuCopyPlace");
+    const auto copied = ParsePosition(Utf8(QApplication::clipboard()->text()));
+    ASSERT_TRUE(copied);
+    EXPECT_NEAR(copied->Ra, star.Ra, 2e-6);
+    EXPECT_NEAR(copied->Dec, star.Dec, 2e-6);
+    choose("mnuSetCentre");
+    EXPECT_NEAR(ParseRA(Utf8(Find<QLineEdit>("txtRA")->text())), star.Ra, 2e-6);
+    choose("mnuMeasure");
+    ASSERT_NE(WindowNamed("fStats"), nullptr);
+    EXPECT_TRUE(
+        WindowNamed("fStats")->findChild<QPlainTextEdit*>()->toPlainText().contains("Centroid x"));
+    choose("mnuIdentify");
+    EXPECT_TRUE(dynamic_cast<QMainWindow*>(image)->statusBar()->currentMessage().startsWith(
+        "Catalog star at "));
+
+    // Commands of the solve window are here too.
+    EXPECT_NE(image->findChild<QMenuBar*>(), nullptr);
+    QTest::keyClick(image, Qt::Key_D, Qt::ControlModifier);
+    EXPECT_TRUE(QTest::qWaitFor([] { return WindowNamed("fResiduals") != nullptr; }));
+}
+
+TEST_F(Evening, TheWholePictureIsExportedWithEverythingOverIt) {
+    Solve();
+    Press("cmdImage");
+    QWidget* image = WindowNamed("fImage");
+    const auto exported = [&](const char* name) {
+        Dialogs.FileToChoose = QtText((Folder / name).string());
+        image->findChild<QAction*>("mnuExportPicture")->trigger();
+        return ReadFile(Folder / name);
+    };
+    exported("marked.png");
+    for (const char* overlay : {"mnuExtracted", "mnuCatalog", "mnuMatched", "mnuCompass"}) {
+        image->findChild<QAction*>(overlay)->setChecked(false);
+    }
+    exported("plain.png");
+    const QImage marked(QtText((Folder / "marked.png").string()));
+    const QImage plain(QtText((Folder / "plain.png").string()));
+    EXPECT_EQ(marked.size(), QSize(side, side));
+    EXPECT_EQ(plain.size(), QSize(side, side));
+    EXPECT_TRUE(plain.allGray() && !marked.allGray());
+    // Pixel for pixel the picture of the image: the brightest are the stars.
+    const PlateStar star = *MatchedStars(*State->Solution).front().Plate;
+    const int x = static_cast<int>(std::lround(star.X));
+    const int y = side - 1 - static_cast<int>(std::lround(star.Y));
+    EXPECT_GT(qRed(plain.pixel(x, y)), 200);
+    EXPECT_TRUE(exported("plain.pdf").starts_with("%PDF"));
+    EXPECT_EQ(Dialogs.Messages, Texts{});
+}
+
+TEST_F(Evening, AnObjectOrAWholePositionIsEnoughForTheCentre) {
+    Window->OpenFile(Frame);
+    TypeSearch();
+    const auto expectCentre = [this](double ra, double dec) {
+        EXPECT_NEAR(ParseRA(Utf8(Find<QLineEdit>("txtRA")->text())), ra, 1e-5);
+        EXPECT_NEAR(ParseDec(Utf8(Find<QLineEdit>("txtDec")->text())), dec, 1e-5);
+    };
+    Type("txtRegions", "1");
+    Type("txtRA", "andromeda galaxy");
+    Press("cmdMatch");
+    expectCentre(10.6848 * 3.14159265 / 180, 41.2691 * 3.14159265 / 180);
+    EXPECT_EQ(Dialogs.Messages, Texts{});
+    for (const char* box : {"txtRA", "txtDec"}) {
+        Find<QLineEdit>("txtRA")->clear();
+        QApplication::clipboard()->setText(QString::fromUtf8("00h 04m 35s, −00° 34′ 22″"));
+        Find<QLineEdit>(box)->clear();
+        Find<QLineEdit>(box)->paste();
+        expectCentre((4 * 60 + 35) * 15 / 206264.806, -(34 * 60 + 22) / 206264.806);
+    }
+    Type("txtRA", "nowhere");
+    Press("cmdMatch");
+    EXPECT_EQ(Dialogs.Messages, Texts{errorTitle + "Please enter a valid RA value"});
 }
 
 }  // namespace vestrel

@@ -280,4 +280,40 @@ TEST(Plot, HistogramColumnsShareTheirPixelsOutAndShowBothLevels) {
     }
 }
 
+TEST(PicturePyramid, TheScreenStretchShowsWhatOnlyTheMeanOfManyPixelsHolds) {
+    // A glow far below the noise of a pixel.
+    constexpr int size = 512;
+    PlateImage image = EmptyImage(size, size, 0);
+    Random random(5);
+    for (int y = 0; y < size; ++y) {
+        for (int x = 0; x < size; ++x) {
+            const bool glow = x >= 256 && x < 320 && y >= 128 && y < 192;
+            image.Pixels(x, y) =
+                static_cast<std::int32_t>(std::lround(1000 + random.Normal(20) + (glow ? 10 : 0)));
+        }
+    }
+    const auto contrast = [](const PicturePyramid& pyramid) {
+        const GreyLevel& level = pyramid.Levels()[4];  // of 32 x 32 pixels
+        const auto mean = [&](int left, int top) {
+            int sum = 0;
+            for (int y = top; y < top + 4; ++y) {
+                for (int x = left; x < left + 4; ++x) {
+                    sum += level.Pixels[static_cast<std::size_t>(y * level.Width + x)];
+                }
+            }
+            return sum / 16;
+        };
+        return mean(16, 8) - mean(4, 20);
+    };
+    PicturePyramid pyramid;
+    const CountLevels levels = LevelsFromHistogram(MakeImageHistogram(image));
+    pyramid.Build(image, {levels, image.DataOffset, Transfer::Linear, false});
+    EXPECT_LT(std::abs(contrast(pyramid)), 20);
+    pyramid.BuildForScreen(image, false);
+    const int seen = contrast(pyramid);
+    EXPECT_GT(seen, 60);
+    pyramid.BuildForScreen(image, true);
+    EXPECT_NEAR(contrast(pyramid), -seen, 2);
+}
+
 }  // namespace vestrel
