@@ -24,15 +24,19 @@ using std::chrono::steady_clock;
 constexpr double patience = 90;
 
 /// What the attempts of a plan are called in the window.
-constexpr std::array<std::pair<const char*, const char*>, 8> stageNames{{
+constexpr std::array<std::pair<const char*, const char*>, 12> stageNames{{
     {"search", "stars around the place"},
     {"short side", "stars of a smaller circle"},
     {"seeds", "pairs of bright stars"},
     {"even seeds", "pairs of stars from all parts"},
     {"coarse seeds", "pairs of blurred stars"},
     {"seeds of other sizes", "pairs of stars, other field sizes"},
-    {"quads", "patterns over the whole sky"},
-    {"quads of peaks", "patterns of faint stars over the whole sky"},
+    {"quads", "patterns of stars over the whole sky"},
+    {"quads of peaks", "patterns of bright spots over the whole sky"},
+    {"quads of even peaks", "patterns of spots from all parts over the whole sky"},
+    {"more quads", "more patterns of stars over the whole sky"},
+    {"more quads of peaks", "more patterns of bright spots over the whole sky"},
+    {"more quads of even peaks", "more patterns of spots from all parts over the whole sky"},
 }};
 
 std::string StageName(const std::string& attempt) {

@@ -142,7 +142,7 @@ TEST_F(Evening, FilesThatAreDroppedAreOpenedAndStayWhereTheyAre) {
 }
 
 TEST_F(Evening, JustSolveNeedsNothingAndIsOfferedAfterAFailure) {
-    WriteQuadTables(Folder / "catalog", Stars, Stars.size());
+    WriteQuadTables(Folder / "catalog", Stars, Stars.size(), 0.003, 0.006);
     Window->OpenFile(Frame);
     TypeSearch("60 00 00", "2");
     Press("cmdMatch");

@@ -49,7 +49,7 @@ std::vector<CatalogStar> MakeSky(const std::filesystem::path& catalog,
 }
 
 void WriteQuadTables(const std::filesystem::path& catalog, std::vector<CatalogStar> stars,
-                     std::size_t most) {
+                     std::size_t most, double smallest, double largest) {
     QuadList list;
     stars.resize(std::min(most, stars.size()));
     std::sort(stars.begin(), stars.end(), ComesBefore);
@@ -66,7 +66,7 @@ void WriteQuadTables(const std::filesystem::path& catalog, std::vector<CatalogSt
         }
     }
     QuadFileWriter writer(catalog / QuadFileName, 1);
-    writer.Add(0, 10, list);
+    writer.Add(smallest, largest, list);
     writer.Commit();
 }
 

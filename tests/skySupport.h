@@ -18,9 +18,9 @@ inline const SkyPosition centre{0.02, 0.01};  // radians
 std::vector<CatalogStar> MakeSky(const std::filesystem::path& catalog,
                                  const std::filesystem::path& frame);
 
-/// Adds quad tables for fields of every size to a catalog. They hold the `most` first of the stars:
-/// every one with three of the six brightest.
+/// Adds quad tables for fields of a range of diagonals (radians) to a catalog. They hold the `most`
+/// first of the stars: every one with three of the six brightest.
 void WriteQuadTables(const std::filesystem::path& catalog, std::vector<CatalogStar> stars,
-                     std::size_t most);
+                     std::size_t most, double smallest = 0, double largest = 10);
 
 }  // namespace vestrel
