@@ -9,8 +9,34 @@ namespace vestrel {
 
 namespace {
 
+#ifndef _WIN32
+/// The shared library that this code is part of; empty when it is part of the program.
+std::filesystem::path OwnLibrary() {
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<const void*>(&OwnLibrary), &info) == 0) return {};
+    std::error_code error;
+    std::filesystem::path file = std::filesystem::canonical(info.dli_fname, error);
+    if (error || std::filesystem::equivalent(file, "/proc/self/exe", error)) return {};
+    return file;
+}
+#endif
+
+/// Beside the program's folder; of a library, beside itself or its folder.
+std::filesystem::path ModuleFolder() {
+#ifndef _WIN32
+    if (const std::filesystem::path library = OwnLibrary(); !library.empty()) {
+        std::error_code ignored;
+        const std::filesystem::path folder = library.parent_path();
+        for (const auto& parent : {folder, folder.parent_path()}) {
+            if (std::filesystem::exists(parent / "vestrel", ignored)) return parent / "vestrel";
+        }
+    }
+#endif
+    return ProgramFolder().parent_path() / "lib" / "vestrel";
+}
+
 std::filesystem::path ModulePath(const std::string& module) {
-    return ProgramFolder().parent_path() / "lib" / "vestrel" / (module + ".so");
+    return ModuleFolder() / (module + ".so");
 }
 
 }  // namespace

@@ -7,7 +7,8 @@
 namespace vestrel {
 
 /// The address of a function in one of the program's own modules, which lie in ../lib/vestrel
-/// beside the folder of the program. Null when there is no such module, or when it cannot be
+/// beside the folder of the program, or in vestrel beside the library that this is part of or
+/// beside its folder. Null when there is no such module, or when it cannot be
 /// loaded: then `reason` says why. A module stays loaded.
 void* ModuleFunction(const std::string& module, const char* function, std::string& reason);
 

@@ -180,7 +180,7 @@ struct SipPolynomial {
 
 /// How the pixels lie on the sky: gnomonic about the middle of the picture, with a distortion
 /// when the stars tell of one (FITS papers I and II; SIP: Shupe et al. 2005).
-struct SolverCoordinates {
+struct VESTREL_PUBLIC SolverCoordinates {
     double Crpix[2] = {};  ///< the middle of the picture in FITS pixels, which count from 1
     double Crval[2] = {};  ///< its position, degrees
     double Cd[2][2] = {};  ///< degrees toward east and north per column and per row

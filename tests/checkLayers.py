@@ -34,11 +34,12 @@ FOLDERS = {
     "server": "platform astro image solver compat",
     "console": "platform astro image program",
     "batch": "platform astro image solver",
+    "python": "solver",
     "desktop": "platform astro telescope image photometry display program console",
     "tools": "astro image catalog",
     "catalogtool": "platform astro image catalog matching tools",
 }
-USERS = {"tests", "bench", "fuzz"}  # may include every folder; none may include them
+USERS = {"tests", "bench", "fuzz", "docs"}  # may include every folder; none may include them
 WINDOW_LIBRARIES = {"libGraphics", "libGraph", "libWindows"}
 WINDOW_PROGRAMS = {"vestrel", "makeScreenshots"}
 

@@ -149,6 +149,24 @@ class Installed(unittest.TestCase):
         offered = run("bash", "-c", ask, cwd=self.usr).stdout.splitlines()
         self.assertEqual(sorted(offered), ["a b.FIT", "bin", "c.sbig", "lib", "libexec", "share"])
 
+    def test_another_project_builds_with_the_library(self):
+        example = pathlib.Path(__file__).parents[1] / "docs/examples/embed"
+        build = self.usr.parent / "embed"
+        for step in (["-S", example, "-B", build, f"-DCMAKE_PREFIX_PATH={self.usr}"], ["--build", build]):
+            made = run("cmake", *step)
+            self.assertEqual(made.returncode, 0, made.stdout + made.stderr)
+        end = run(build / "embed", self.frame, env=self.environment)
+        self.assertEqual(end.returncode, 1)
+        self.assertRegex(end.stderr, "fr, ame.fit: the catalog folder .*/no catalog does not exist")
+
+    @unittest.skipUnless((BUILD / "python").exists(), "built without pybind11")
+    def test_python_finds_the_module(self):
+        code = "import vestrel; print(vestrel.__version__, vestrel.solve('none.png').reason)"
+        modules = self.usr / "lib/python3/dist-packages"
+        end = run("/usr/bin/python3", "-c", code, env={**self.environment, "PYTHONPATH": str(modules)})
+        version = run("vestrel", "--version", env=self.environment).stdout.split()[-1]
+        self.assertEqual((end.stdout.split()[:1], end.stderr), ([version], ""))
+
     def test_programs_are_hardened(self):
         for program in PROGRAMS:
             binary = self.usr / "bin" / program

@@ -1,0 +1,203 @@
+"""Finds where photographs of the night sky point.
+
+>>> import vestrel
+>>> solution = vestrel.solve("m44.fit")            # doctest: +SKIP
+>>> solution.wcs.pixel_to_world(10, 20)            # doctest: +SKIP
+
+Angles are degrees, positions J2000 (ICRS). Pixels are those of numpy: ``array[y, x]``, from 0, whole
+numbers are the middles of pixels, rows in the order of the file or the array.
+"""
+from __future__ import annotations
+
+import dataclasses
+import os
+from functools import cached_property
+from typing import TYPE_CHECKING, Any, Optional, Union
+
+import numpy as np
+import numpy.typing as npt
+
+from . import _native
+
+if TYPE_CHECKING:
+    from astropy.io.fits import Header
+    from astropy.wcs import WCS
+
+__all__ = ["Solution", "Solver", "solve"]
+__version__: str = _native.version
+
+Picture = Union[str, "os.PathLike[str]", npt.NDArray[Any]]
+Range = Union[float, tuple[float, float]]
+
+STARS = np.dtype([("x", "f8"), ("y", "f8"), ("flux", "f8")])
+MATCHES = np.dtype([("x", "f8"), ("y", "f8"), ("flux", "f8"), ("ra", "f8"), ("dec", "f8"),
+                    ("magnitude", "f8"), ("residual", "f8")])
+
+
+@dataclasses.dataclass(frozen=True)
+class Solution:
+    """What came of a solve. It is true when there is a solution, else ``reason`` says why not."""
+
+    end: str
+    """How it ended: "solved", "no picture", "too few stars", "no match", "not sure", "no catalog",
+    "time limit", "stopped" or "out of memory"."""
+    reason: str
+    """Why there is no solution, in a sentence; else empty."""
+    advice: list[str]
+    """What to try next."""
+    width: int
+    """Columns of the picture."""
+    height: int
+    """Rows of the picture."""
+    stars: npt.NDArray[Any]
+    """The stars found, brightest first: fields x, y (pixels), flux (counts above the sky)."""
+    matches: npt.NDArray[Any]
+    """The stars matched: x, y, flux, and of the catalog ra, dec, magnitude; residual (pixels)."""
+    log10_false_alarm: float
+    """How sure it is: log10 of the probability that chance gives a match as good. A solution has
+    -6 or less."""
+    seconds: float
+    """That the solve took, without reading the picture."""
+    solved_by: str = ""
+    """The attempt that gave the solution."""
+    started_from: str = ""
+    """The header cards that gave the start; may be empty."""
+    ra: float = float("nan")
+    """Right ascension of the middle of the picture, 0 to 360."""
+    dec: float = float("nan")
+    """Its declination."""
+    field: tuple[float, float] = (float("nan"), float("nan"))
+    """Width and height of the field."""
+    scale: float = float("nan")
+    """Arcseconds per pixel at the middle."""
+    rotation: float = float("nan")
+    """Of the direction of rising rows, east of north, 0 to 360."""
+    mirrored: bool = False
+    """Whether east lies clockwise of north where rows rise upward."""
+    rms: float = float("nan")
+    """Root mean square of the residuals, pixels."""
+    centre_error: float = 0
+    """Standard deviation of the middle's position, arcseconds; 0 when not known."""
+    cautions: list[str] = dataclasses.field(default_factory=list)
+    """What should make one doubt the solution; empty as a rule."""
+    cards: list[str] = dataclasses.field(default_factory=list, repr=False)
+    """The world coordinates as FITS header cards."""
+    stars_in_frame: int = 0
+    """Catalog stars in the frame."""
+    expected_by_chance: float = 0
+    """How many of them would meet a star of some other picture."""
+
+    def __bool__(self) -> bool:
+        return self.end == "solved"
+
+    @cached_property
+    def header(self) -> Header:
+        """The world coordinates as an astropy header, to update a picture's own with."""
+        from astropy.io import fits
+
+        return fits.Header.fromstring("".join(card.ljust(80) for card in self.cards))
+
+    @cached_property
+    def wcs(self) -> WCS:
+        """The world coordinates, SIP distortion included.
+
+        Raises ValueError when there is no solution."""
+        if not self:
+            raise ValueError(f"There is no solution: {self.reason}")
+        from astropy.wcs import WCS
+
+        coordinates = WCS(self.header)
+        coordinates.pixel_shape = (self.width, self.height)
+        return coordinates
+
+
+def _range(value: Optional[Range]) -> Optional[tuple[float, float]]:
+    if value is None:
+        return None
+    if np.ndim(value) == 0:
+        return float(value), float(value)  # type: ignore[arg-type]
+    low, high = value  # type: ignore[misc]
+    return float(low), float(high)
+
+
+def _cards(header: Optional[Header]) -> list[str]:
+    if header is None:
+        return []
+    text = header.tostring(sep="", endcard=False, padding=False)
+    return [text[at:at + 80] for at in range(0, len(text), 80)]
+
+
+class Solver:
+    """Solves pictures one after the other and keeps the catalog in memory between them.
+
+    One Solver works for one thread at a time; any number of them work at once, without holding up
+    other Python threads.
+
+    catalog: folder of the catalog and its quad tables; None: the usual one.
+    threads: for one picture, 1 to 256; 0: as many as there are processors.
+    detection_threshold: standard deviations of the sky above its mean that make a star.
+    min_star_size: pixels of the smallest star.
+    max_stars: stars of each list that take part.
+    max_error: largest error of the fit, pixels.
+
+    Raises ValueError for a setting out of its range.
+    """
+
+    def __init__(self, catalog: Union[str, "os.PathLike[str]", None] = None, *, threads: int = 0,
+                 detection_threshold: float = 6, min_star_size: int = 3, max_stars: int = 45,
+                 max_error: float = 2) -> None:
+        self._native = _native.Solver(os.fspath(catalog) if catalog is not None else "", threads,
+                                      detection_threshold, min_star_size, max_stars, max_error)
+
+    def solve(self, picture: Optional[Picture] = None, *,
+              stars: Optional[npt.ArrayLike] = None, shape: Optional[tuple[int, int]] = None,
+              ra: Optional[float] = None, dec: Optional[float] = None, radius: float = 1,
+              scale: Optional[Range] = None, field_width: Optional[Range] = None,
+              field_height: Optional[Range] = None, header: Optional[Header] = None,
+              use_header: bool = True, whole_sky: bool = True, top_row_first: bool = False,
+              time_limit: float = 20) -> Solution:
+        """Solves a picture: a file name; an array of shape (rows, columns) or (rows, columns,
+        channels) of integers up to 32 bits or floats; or, in place of it, stars.
+
+        stars: rows of x, y, flux (pixels, any unit), any order; shape is then (rows, columns).
+        ra, dec, radius: where the picture's middle lies, about; radius in degrees.
+        scale: arcseconds per pixel, a number (may be 30 % off) or (low, high); or
+        field_width, field_height: degrees, likewise.
+        header: an astropy header that goes with an array or with stars, for its hints.
+        use_header: fill what is not given with what the picture's header says.
+        whole_sky: look at the whole sky when there is no centre, or none was right.
+        top_row_first: an array whose row 0 is the top, as cameras have it.
+        time_limit: seconds.
+
+        Raises ValueError and TypeError for arguments that make no sense, KeyboardInterrupt; never
+        because of the picture: then the solution is false and says why.
+        """
+        if (picture is None) == (stars is None):
+            raise ValueError("Give a picture or stars.")
+        if (ra is None) != (dec is None):
+            raise ValueError("Give both ra and dec.")
+        if stars is not None:
+            if shape is None:
+                raise ValueError("Stars need the shape of their picture: rows, columns.")
+            self._native.open_stars(np.asarray(stars, dtype=float), shape[1], shape[0], _cards(header))
+        elif isinstance(picture, (str, os.PathLike)):
+            self._native.open_path(os.fspath(picture))
+        else:
+            pixels = np.asarray(picture)
+            pixels = pixels.astype(pixels.dtype.newbyteorder("="), copy=False)
+            self._native.open_pixels(pixels, top_row_first, _cards(header))
+        found = self._native.solve((float(ra), float(dec)) if ra is not None and dec is not None
+                                   else None, radius, _range(scale), _range(field_width),
+                                   _range(field_height), use_header, whole_sky, time_limit)
+        for name, kind in (("stars", STARS), ("matches", MATCHES)):
+            found[name] = np.ascontiguousarray(found[name]).view(kind).reshape(-1)
+        return Solution(**found)
+
+
+def solve(picture: Optional[Picture] = None, *, catalog: Union[str, "os.PathLike[str]", None] = None,
+          threads: int = 0, **hints: Any) -> Solution:
+    """Solves one picture; see `Solver` and `Solver.solve` for the arguments.
+
+    For many pictures keep a `Solver`: it keeps the catalog in memory.
+    """
+    return Solver(catalog, threads=threads).solve(picture, **hints)
