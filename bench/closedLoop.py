@@ -36,6 +36,8 @@ REGIONS = 25
 WRONG_CENTRE = 0.005  # of the half-diagonal
 WRONG_ANGLE = 0.2  # degrees
 WRONG_SCALE = 0.005
+WRONG_MODEL_CENTRE = 1  # pixels
+WRONG_MODEL_CORNER = 5  # pixels
 
 
 def frame_list(count, seed, widths=None):
@@ -184,6 +186,15 @@ def judge_model(frame, truth, result):
     frame["model_centre_px"] = error(model, truth)
     frame["model_corner_px"] = max(error(found[c["x"], c["y"]], c) for c in truth["corners"])
     frame["model_order"] = model["sip_order"]
+    # The plate is linear: through a lens its scale is that of the stars it matched. The model's
+    # corners tell the scale everywhere.
+    reasons = [name for name in ("rotation", "parity") if name in frame["complaint"]]
+    if frame["model_centre_px"] > WRONG_MODEL_CENTRE:
+        reasons.append("the model's centre")
+    if frame["model_corner_px"] > WRONG_MODEL_CORNER:
+        reasons.append("the model's corners")
+    frame["wrong"] = bool(reasons)
+    frame["complaint"] = ", ".join(reasons)
 
 
 def print_model_table(frames):

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <limits>
 
 #include "astro/libMath.h"
@@ -35,6 +36,10 @@ PlateConstants SimilarPlate(const PlateStar& c1, const PlateStar& c2, const Plat
     plate.c = XOf(p1) - plate.a * XOf(c1) - plate.b * YOf(c1);
     plate.f = YOf(p1) - plate.d * XOf(c1) - plate.e * YOf(c1);
     return plate;
+}
+
+StarMatch SeedPair(std::int32_t catalog, std::int32_t image) {
+    return {static_cast<std::int16_t>(catalog), static_cast<std::int16_t>(image), 0, true};
 }
 
 double Residual(const PlateStarList& catalog, const PlateStarList& image, const StarMatch& pair,
@@ -256,6 +261,28 @@ double SeedMatcher::PixelDistanceOf(std::int32_t i, std::int32_t j) const {
     return std::hypot(XOf(a) - XOf(b), YOf(a) - YOf(b));
 }
 
+SeedMatcher::PairPlaces SeedMatcher::PairsLike(const PlateStar& star1,
+                                               const PlateStar& star2) const {
+    const double length = std::hypot(XOf(star1) - XOf(star2), YOf(star1) - YOf(star2));
+    const auto shorter = [](const ImagePair& pair, double value) { return pair.Length < value; };
+    const auto longer = [](double value, const ImagePair& pair) { return value < pair.Length; };
+    return {
+        std::lower_bound(pairs_.begin(), pairs_.end(), length / settings_.LargestScale, shorter),
+        std::upper_bound(pairs_.begin(), pairs_.end(), length / settings_.SmallestScale, longer)};
+}
+
+double SeedMatcher::PlatesOf(const PlateStarList& catalog) const {
+    const std::int32_t n = std::min(settings_.CatalogSeeds, catalog.Count());
+    double plates = 0;
+    for (std::int32_t c1 = 1; c1 <= n; ++c1) {
+        for (std::int32_t c2 = c1 + 1; c2 <= n; ++c2) {
+            const auto [from, to] = PairsLike(catalog[c1], catalog[c2]);
+            plates += 4 * static_cast<double>(std::distance(from, to));
+        }
+    }
+    return plates;
+}
+
 bool SeedMatcher::Promising(const PlateStarList& catalog, std::int32_t checked,
                             const PlateConstants& plate) {
     constexpr double hitPart = 0.5;    // of the catalog stars that an image shows
@@ -302,12 +329,8 @@ bool SeedMatcher::Match(const PlateStarList& catalog,
         for (std::int32_t c1 = std::max(1, sum - n); 2 * c1 < sum; ++c1) {
             const PlateStar& star1 = catalog[c1];
             const PlateStar& star2 = catalog[sum - c1];
-            const double length = std::hypot(XOf(star1) - XOf(star2), YOf(star1) - YOf(star2));
-            const auto from = std::lower_bound(
-                pairs_.begin(), pairs_.end(), length / settings_.LargestScale,
-                [](const ImagePair& pair, double value) { return pair.Length < value; });
-            for (auto pair = from;
-                 pair != pairs_.end() && pair->Length <= length / settings_.SmallestScale; ++pair) {
+            const auto [from, to] = PairsLike(star1, star2);
+            for (auto pair = from; pair != to; ++pair) {
                 for (int way = 0; way < 4; ++way) {
                     const bool turned = way % 2 != 0;
                     const std::int32_t first = turned ? pair->Second : pair->First;
@@ -316,8 +339,9 @@ bool SeedMatcher::Match(const PlateStarList& catalog,
                     match.Plate = SimilarPlate(star1, star2, image_.Stars()[first],
                                                image_.Stars()[second], way >= 2);
                     ++tried_;
-                    if (Promising(catalog, checked, match.Plate) &&
-                        RefinePlate(catalog, image_, settings_.Tolerance, match) && accept(match)) {
+                    if (!Promising(catalog, checked, match.Plate)) continue;
+                    match.Seed = {SeedPair(c1, first), SeedPair(sum - c1, second)};
+                    if (RefinePlate(catalog, image_, settings_.Tolerance, match) && accept(match)) {
                         return true;
                     }
                 }

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <utility>
 #include <vector>
 
 #include "astro/libPlateStar.h"
@@ -54,6 +55,7 @@ struct MatchedPlate {
     StarMatchList Pairs;   ///< catalog star, image star
     double Rms = 0;        ///< pixels
     bool Similar = false;  ///< too few pairs for more than a turn, a scale and a shift
+    StarMatchList Seed;    ///< the pairs that the plate was made from first
 };
 
 /// The least-squares plate of a turn, a scale and a shift through the pairs.
@@ -92,8 +94,8 @@ class SeedMatcher {
     bool Match(const PlateStarList& catalog, const std::function<bool(const MatchedPlate&)>& accept,
                const std::function<bool()>& stop);
 
-    /// How many plates have been tried.
-    double Tried() const { return tried_; }
+    /// How many plates `Match` tries when none is accepted: as many pairs have the lengths for it.
+    double PlatesOf(const PlateStarList& catalog) const;
 
  private:
     struct ImagePair {
@@ -102,6 +104,10 @@ class SeedMatcher {
         std::int32_t Second;
     };
 
+    using PairPlaces =
+        std::pair<std::vector<ImagePair>::const_iterator, std::vector<ImagePair>::const_iterator>;
+    /// The pairs of the image that two catalog stars may be.
+    PairPlaces PairsLike(const PlateStar& star1, const PlateStar& star2) const;
     double PixelDistanceOf(std::int32_t i, std::int32_t j) const;
     bool Promising(const PlateStarList& catalog, std::int32_t checked, const PlateConstants& plate);
 

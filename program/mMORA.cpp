@@ -305,7 +305,7 @@ bool HaveQuadTables(const ProgramState& state) {
 }
 
 bool IsSure(const QuadSearch& search) {
-    return IsSure(search.Confidence) && search.FieldRatio > 0.5 && search.FieldRatio < 2;
+    return IsSure(search.Confidence);
 }
 
 namespace {

@@ -39,9 +39,8 @@ bool OpenQuadBand(ProgramState& state, const QuadBand& band);
 SolveCode MatchByQuads(ProgramState& state, Port& port, double width, double height,
                        double maxError);
 
-/// Whether a match can be relied on: chance does not give one like it, and the field is at most
-/// twice and at least half as large as it was said to be. (A plate of quite another scale may press
-/// many catalog stars onto one crowded spot of the image, where the odds are no measure.)
+/// Whether a match can be relied on: chance does not give one like it. That the field is of another
+/// size than was said makes it no less sure.
 bool IsSure(const QuadSearch& search);
 
 /// Looks at a match of five or more pairs (in `QuadMatch`): false lets the search go on.

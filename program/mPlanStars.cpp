@@ -18,8 +18,7 @@ const PlateStarList& PlanStars::Of(StarSource from) {
     } else {
         const StageTimer timer(state_.Report.Times.Extraction);
         PeakSettings settings;
-        constexpr std::int32_t coarser = 3;
-        settings.Binning = BinningFor(image) * (from == StarSource::CoarsePeaks ? coarser : 1);
+        settings.Binning = BinningFor(image);
         list = StarListOf(StarsAmong(FindPeaks(image, settings), image));
     }
     return *list;

@@ -9,10 +9,9 @@
 namespace vestrel {
 
 enum class StarSource {
-    Extracted,   ///< as the plain solve has them
-    Peaks,       ///< peaks above the noise around them
-    EvenPeaks,   ///< these, ranked within each part of the frame
-    CoarsePeaks  ///< peaks of the image binned three times more
+    Extracted,  ///< as the plain solve has them
+    Peaks,      ///< peaks above the noise around them
+    EvenPeaks   ///< these, ranked within each part of the frame
 };
 
 /// The lists of the loaded image.
@@ -35,7 +34,7 @@ class PlanStars {
 
     ProgramState& state_;
     const std::optional<PlateStarList>& given_;
-    std::array<std::optional<PlateStarList>, 4> lists_;
+    std::array<std::optional<PlateStarList>, 3> lists_;
 };
 
 }  // namespace vestrel

@@ -12,6 +12,7 @@
 #include "catalog/libCatalogRegion.h"
 #include "matching/libCameraPlane.h"
 #include "matching/libQuadLookup.h"
+#include "matching/libSeededConfidence.h"
 #include "matching/libSeededMatch.h"
 #include "program/mMORA.h"
 #include "program/mPlanStars.h"
@@ -39,8 +40,8 @@ constexpr std::array hintAttempts{
     HintAttempt{"short side", Method::ShortSide, StarSource::Extracted, 0},
     HintAttempt{"seeds", Method::Seeds, StarSource::Peaks, 0.08},
     HintAttempt{"even seeds", Method::Seeds, StarSource::EvenPeaks, 0.08},
-    HintAttempt{"coarse seeds", Method::Seeds, StarSource::CoarsePeaks, 0.08},
     HintAttempt{"seeds of other sizes", Method::Seeds, StarSource::Peaks, 0.35},
+    HintAttempt{"even seeds of other sizes", Method::Seeds, StarSource::EvenPeaks, 0.35},
 };
 
 /// One attempt without a hint: quads of all bands are looked up.
@@ -237,32 +238,20 @@ class Plan {
             ++searches_;
             const StageTimer timer(state_.Report.Times.Matching);
             const auto accept = [&](const MatchedPlate& match) {
-                return TakePlate(match, centre, catalog, places, k, searches_);
+                return TakePlate(match, centre, catalog, places, k, searches_,
+                                 matcher.PlatesOf(catalog));
             };
             if (matcher.Match(catalog, accept, [this] { return MustEnd(); })) return true;
         }
         return false;
     }
 
-    /// How sure a plate is that agrees with these stars.
-    /// @param trials searches made so far, this one included
-    MatchConfidence Judge(const MatchedPlate& match, const PlateStarList& catalog,
-                          const ImageStars& places, double trials) const {
-        const SeedSettings seeds;
-        MatchEvidence evidence =
-            EvidenceOf(match.Plate, catalog, places.Stars(), places.Width(), places.Height());
-        evidence.SearchedCatalog = std::min(seeds.CatalogSeeds, catalog.Count());
-        evidence.SearchedImage = std::min(seeds.ImageSeeds, places.Count());
-        evidence.Trials = trials;
-        return ConfidenceOf(evidence);
-    }
-
     /// Makes the solution from a plate about a place when it is sure: the catalog is read again
     /// about the middle of the image, and all stars take part.
     bool TakePlate(const MatchedPlate& match, SkyPosition about, const PlateStarList& catalog,
-                   const ImageStars& places, std::int32_t regions, double trials) {
+                   const ImageStars& places, std::int32_t regions, double trials, double plates) {
         const PlateImage& image = state_.Image;
-        const MatchConfidence confidence = Judge(match, catalog, places, trials);
+        const MatchConfidence confidence = ConfidenceOf(match, catalog, places, trials, plates);
         if (!IsSure(confidence)) return false;
         const auto middle =
             PlateAboutMiddle(match.Plate, about, PlaneKind::Camera, image.Width, image.Height);
@@ -374,7 +363,8 @@ class Plan {
         match.Plate = plate.Plate;
         QuadSearch& search = state_.QuadMatch;
         if (!RefinePlate(catalog, places, RoughTolerance(state_.Image), match) ||
-            !TakePlate(match, plate.Centre, catalog, places, 1, searches_ + search.FourStarFits)) {
+            !TakePlate(match, plate.Centre, catalog, places, 1, searches_ + search.FourStarFits,
+                       0)) {
             return false;
         }
         search.Code = SolveCode::Solved;

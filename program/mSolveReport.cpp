@@ -188,14 +188,15 @@ std::string QuadMatchText(const ProgramState& state) {
                             Fixed(search.FitError, 3) + " px");
     AddQuads(table, state);
     table.Line("Certainty", ConfidenceText(search.Confidence));
+    if (!(search.FieldRatio > 0.5 && search.FieldRatio < 2)) {
+        table.Line("Size", "the field is " + Fixed(search.FieldRatio, 2) +
+                               " times the size given: give that size to Plate Match");
+    }
     if (IsSure(search)) {
         return table.Take() + TryLine("Plate Match, which measures the image from this centre");
     }
-    table.Line("Doubtful",
-               (IsSure(search.Confidence)
-                    ? "the field is " + Fixed(search.FieldRatio, 2) + " times the size given"
-                    : Count(search.Pairs.Count(), "pair", "pairs") + " can be chance") +
-                   ": the approximate centre stays as it was");
+    table.Line("Doubtful", Count(search.Pairs.Count(), "pair", "pairs") +
+                               " can be chance: the approximate centre stays as it was");
     return table.Take() + TryLine("Plate Match, from this centre or another that is known");
 }
 

@@ -1,0 +1,44 @@
+#include "matching/libSeededConfidence.h"
+
+#include <algorithm>
+
+namespace vestrel {
+
+namespace {
+
+/// Names a pair as one that the search began with, when its star is in the frame.
+void AddSeed(MatchEvidence& evidence, const PlateConstants& plate, const PlateStarList& catalog,
+             const StarMatch& pair) {
+    const PlateStar& star = catalog[pair.Star1];
+    double x = 0;
+    double y = 0;
+    ApplyPlateFit(plate, static_cast<double>(star.X), static_cast<double>(star.Y), x, y);
+    const auto found =
+        std::find_if(evidence.Catalog.begin(), evidence.Catalog.end(),
+                     [x, y](const PredictedStar& other) { return other.X == x && other.Y == y; });
+    if (found == evidence.Catalog.end()) return;
+    evidence.Seed.push_back({static_cast<std::size_t>(found - evidence.Catalog.begin()),
+                             static_cast<std::size_t>(pair.Star2) - 1});
+}
+
+}  // namespace
+
+MatchConfidence ConfidenceOf(const MatchedPlate& match, const PlateStarList& catalog,
+                             const ImageStars& image, double trials, double plates) {
+    const SeedSettings usual;
+    MatchEvidence evidence =
+        EvidenceOf(match.Plate, catalog, image.Stars(), image.Width(), image.Height());
+    evidence.SearchedCatalog = std::min(usual.CatalogSeeds, catalog.Count());
+    evidence.SearchedImage = std::min(usual.ImageSeeds, image.Count());
+    evidence.Trials = trials;
+    const MatchConfidence confidence = ConfidenceOf(evidence);
+    if (IsSure(confidence) || plates <= 0) return confidence;
+    for (const StarMatch& pair : match.Seed) AddSeed(evidence, match.Plate, catalog, pair);
+    if (evidence.Seed.size() < 2) return confidence;
+    // A second test costs as much as another search.
+    evidence.PlatesInEach = 2 * plates;
+    const MatchConfidence own = ConfidenceOf(evidence);
+    return IsSure(own) ? own : confidence;
+}
+
+}  // namespace vestrel
