@@ -124,7 +124,8 @@ class Installed(unittest.TestCase):
         manuals = {program: set() for program in PROGRAMS}
         for command in commands:
             text = run(*command, "--help", env=self.environment).stdout
-            options = set(re.findall(r"^ +(?:-h,)?(--[a-z0-9-]+)", text, re.MULTILINE))
+            named = re.findall(r"^ +((?:-h,)?--[a-z0-9,-]+)", text, re.MULTILINE)
+            options = {name for names in named for name in names.split(",") if name != "-h"}
             if command == ["vestrel"]:
                 options = {"--help", "--version"}
             manuals[command[0]] |= options
@@ -147,7 +148,8 @@ class Installed(unittest.TestCase):
         ask = (". share/bash-completion/completions/vestrel; COMP_WORDS=(vestrel ''); COMP_CWORD=1;"
                " _vestrel; printf '%s\\n' \"${COMPREPLY[@]}\"")
         offered = run("bash", "-c", ask, cwd=self.usr).stdout.splitlines()
-        self.assertEqual(sorted(offered), ["a b.FIT", "bin", "c.sbig", "lib", "libexec", "share"])
+        self.assertEqual(sorted(offered), ["a b.FIT", "bin", "c.sbig", "include", "lib", "libexec",
+                                           "share"])
 
     def test_another_project_builds_with_the_library(self):
         example = pathlib.Path(__file__).parents[1] / "docs/examples/embed"
