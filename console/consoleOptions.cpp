@@ -174,6 +174,20 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
         ->type_name("FILE")
         ->check(named)
         ->group(outputs);
+    const char* bundles = "To show others why a picture is not solved";
+    app.add_option("--bundle", options.BundleFile,
+                   "A zip with all that the solve went by, but for the pixels: settings, hints, "
+                   "header, star lists, catalog cells")
+        ->type_name("FILE")
+        ->check(named)
+        ->group(bundles);
+    app.add_flag("--bundle-pixels", options.BundlePixels, "The picture goes into the bundle too")
+        ->group(bundles);
+    app.add_option("--replay", options.ReplayFile,
+                   "Solve what a bundle holds again, and compare the outcome")
+        ->type_name("FILE")
+        ->check(named)
+        ->group(bundles);
     app.add_flag("--json", options.Json, "Print the result as JSON");
     app.add_flag("--quiet", options.Quiet, "No progress, and no explanation of failures");
     AddParameterOptions(app, parameters);
@@ -201,8 +215,21 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     }
     const bool anySearchInput = !ra.empty() || !dec.empty() || !size.empty() || options.Blind;
     if (!anySearchInput && LooksLikeParameterString(argument)) {
+        if (!options.BundleFile.empty() || !options.ReplayFile.empty()) {
+            return UsageError("A parameter string goes without bundles: give options instead.");
+        }
         options.ParameterString = argument;
         return {};
+    }
+    if (!options.ReplayFile.empty()) {
+        const bool others = !argument.empty() || anySearchInput || options.WorldCoordinates ||
+                            !options.ExportFile.empty() || !options.SaveFile.empty() ||
+                            !options.BundleFile.empty();
+        if (others) return UsageError("--replay takes all it needs from the bundle.");
+        return {};
+    }
+    if (options.BundlePixels && options.BundleFile.empty()) {
+        return UsageError("--bundle-pixels goes with --bundle.");
     }
     if (argument.empty()) return UsageError("Name an image.");
     options.Image = argument;

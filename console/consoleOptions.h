@@ -26,6 +26,9 @@ struct ConsoleOptions {
     std::string SaveFile;           ///< where the solved image goes; empty: nowhere
     std::string ExportFile;         ///< where its standard FITS copy goes; empty: nowhere
     bool WorldCoordinates = false;  ///< a .wcs file beside the image
+    std::string BundleFile;         ///< where all that the solve went by goes; empty: nowhere
+    bool BundlePixels = false;      ///< the picture too
+    std::string ReplayFile;         ///< the bundle to solve again in place of an image
     std::filesystem::path CatalogFolder;  ///< empty: the usual one
     bool Json = false;
     bool Quiet = false;

@@ -15,6 +15,7 @@
 #include "image/libHeaderText.h"
 #include "platform/libConsole.h"
 #include "platform/libPlatform.h"
+#include "program/mBundle.h"
 #include "program/mCommandLine.h"
 #include "program/mFailureCause.h"
 #include "program/mImageData.h"
@@ -38,7 +39,10 @@ struct Outcome {
     bool Attempted = false;  ///< an image was read and a solve ran
     std::string Image;
     std::optional<FailureCause> Cause;  ///< of a failure
-    std::string StartedFrom;            ///< the cards that gave the start; empty: the user did
+    std::shared_ptr<Bundle> Replayed;   ///< keeps the catalog cells that the state points to
+    bool SameOutcome = false;           ///< as the bundle's
+    bool BundleWritten = true;
+    std::string StartedFrom;  ///< the cards that gave the start; empty: the user did
     double Seconds = 0;
 };
 
@@ -100,10 +104,46 @@ Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& option
     SearchRequest search = request;
     search.TimeLimit -= InquirySeconds(request);
     const SolveCode code = SolveByPlan(state, port, search, outcome.Plan);
+    if (!options.BundleFile.empty()) {
+        try {
+            WriteBundle(PathFromText(options.BundleFile), state, search, outcome.Plan, code,
+                        options.BundlePixels);
+        } catch (const std::runtime_error& fault) {
+            port.ShowMessage(fault.what(), DefaultTitle);
+            outcome.BundleWritten = false;
+        }
+    }
     outcome.Cause = CauseOfFailure(state, port, code, request);
     if (code == SolveCode::Solved && outcome.Plan.Start) {
         outcome.StartedFrom = starts[*outcome.Plan.Start].Sources;
     }
+    outcome.Result = {code, ResultMessage(code)};
+    outcome.Exit = code == SolveCode::NoMatch && outcome.Plan.Candidate ? ExitCode::NotSure
+                                                                        : ExitCodeOf(code, state);
+    outcome.Attempted = true;
+    return outcome;
+}
+
+/// Solves what a bundle holds as it was solved before.
+Outcome SolveBundle(ProgramState& state, Port& port, const ConsoleOptions& options) {
+    Outcome outcome;
+    outcome.Image = options.ReplayFile;
+    try {
+        outcome.Replayed = std::make_shared<Bundle>(PathFromText(options.ReplayFile));
+    } catch (const std::runtime_error& fault) {
+        port.ShowMessage(fault.what(), DefaultTitle);
+        outcome.Exit = ExitCode::NoImage;
+        outcome.Result = {SolveCode::NoImage, ResultMessage(SolveCode::NoImage)};
+        return outcome;
+    }
+    const Bundle& bundle = *outcome.Replayed;
+    outcome.Image = bundle.Picture();
+    SearchRequest request = bundle.Prepare(state);
+    // A slower machine takes the same way, only longer.
+    constexpr double slower = 20;
+    if (bundle.Outcome().Code == SolveCode::Solved) request.TimeLimit *= slower;
+    const SolveCode code = SolveByPlan(state, port, request, outcome.Plan);
+    outcome.SameOutcome = OutcomeOf(state, code, outcome.Plan) == bundle.Outcome();
     outcome.Result = {code, ResultMessage(code)};
     outcome.Exit = code == SolveCode::NoMatch && outcome.Plan.Candidate ? ExitCode::NotSure
                                                                         : ExitCodeOf(code, state);
@@ -123,7 +163,7 @@ std::string CoincidingFiles(const ConsoleOptions& options) {
     }
     files.emplace_back("the image itself", image);
     if (options.WorldCoordinates) files.emplace_back("the .wcs file", WorldCoordinatePath(image));
-    for (const std::string& output : {options.ExportFile, options.SaveFile}) {
+    for (const std::string& output : {options.ExportFile, options.SaveFile, options.BundleFile}) {
         if (output.empty()) continue;
         for (const auto& [what, path] : files) {
             std::error_code ignored;
@@ -357,6 +397,7 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
     json["exit_code"] = NumberOf(outcome.Exit);
     json["image"] = outcome.Image;
     if (!outcome.Attempted) return json;
+    if (outcome.Replayed) json["same_outcome_as_bundle"] = outcome.SameOutcome;
     if (solved) {
         AddSolution(json, *state.Solution, state.Image);
         json["cautions"] = Cautions(state);
@@ -474,12 +515,20 @@ ExitCode Run(int argc, const char* const* argv) {
     {
         const StageTimer timer(seconds);
         ConsolePort port(*state, options.Quiet);
-        outcome = options.ParameterString ? SolveParameterString(*state, port, options)
-                                          : SolveImage(*state, port, options);
+        outcome = !options.ReplayFile.empty() ? SolveBundle(*state, port, options)
+                  : options.ParameterString   ? SolveParameterString(*state, port, options)
+                                              : SolveImage(*state, port, options);
         if (outcome.Result.Code == SolveCode::Solved && outcome.Attempted &&
             !WriteOutputs(*state, port, options)) {
             outcome.Exit = ExitCode::NotWritten;
         }
+        if (outcome.Exit == ExitCode::Solved && !outcome.BundleWritten) {
+            outcome.Exit = ExitCode::NotWritten;
+        }
+    }
+    if (outcome.Replayed && !options.Quiet) {
+        std::fprintf(stderr, "The outcome is %s the bundle's.\n",
+                     outcome.SameOutcome ? "just" : "NOT");
     }
     outcome.Seconds = seconds;
     if (!outcome.Attempted && !options.Quiet) std::fputs(state->Display.Details.c_str(), stderr);

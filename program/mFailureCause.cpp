@@ -158,14 +158,18 @@ class Inquiry {
     bool IsTrailed() {
         const ImageHealth& health = Health();
         constexpr std::int32_t fewest = 4;
-        const bool alike = health.AngleAgreement > 0.75 && health.LengthSpread < 1;
+        // Noise breaks faint trails into pieces, which still lie along one direction.
+        const bool alike = health.AngleAgreement > 0.9 ||
+                           (health.AngleAgreement > 0.75 && health.LengthSpread < 1);
+        const bool broken = health.LengthSpread > 0.7;
         if (health.Patches < fewest || !alike || health.Elongation < 1.8 ||
             health.TrailLength < 5) {
             return false;
         }
         return Found(FailureKind::Trailed,
-                     "the stars are trailed: " + FixedText(health.TrailLength, 0) +
-                         " pixels long and " + FixedText(health.Width, 1) + " wide, at " +
+                     std::string("the stars are trailed: ") + (broken ? "at least " : "") +
+                         FixedText(health.TrailLength, 0) + " pixels long and " +
+                         FixedText(health.Width, 1) + " wide, at " +
                          FixedText(cause_.Evidence.TrailAngle, 0) + DegreeSign +
                          " from the horizontal, all of them alike",
                      "expose for a shorter time, or track the sky");
@@ -230,8 +234,9 @@ class Inquiry {
         const double diagonal = std::hypot(found.WidthArcmin, found.HeightArcmin);
         const double givenDiagonal = std::hypot(given.Width, given.Height);
         evidence.SizeRatio = diagonal / 60 / ExactDegreesPerRadian / givenDiagonal;
-        const std::string place =
-            FormatRA(found.CentreRA, true, 0) + " " + FormatDec(found.CentreDec, true, 0);
+        const std::string place = FormatRA(found.CentreRA, true, 0) +
+                                  (found.CentreDec < 0 ? " " : " +") +
+                                  FormatDec(found.CentreDec, true, 0);
         const std::string size =
             FixedText(found.WidthArcmin, 1) + "x" + FixedText(found.HeightArcmin, 1);
         const bool otherSize = !(evidence.SizeRatio > 0.7 && evidence.SizeRatio < 1.4);

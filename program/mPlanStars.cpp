@@ -9,7 +9,7 @@ const PlateStarList& PlanStars::Of(StarSource from) {
     std::optional<PlateStarList>& list = ListOf(from);
     if (list) return *list;
     const PlateImage& image = state_.Image;
-    if (from == StarSource::Extracted) {
+    if (from == StarSource::Extracted || (!pixels_ && from != StarSource::EvenPeaks)) {
         list.emplace();
     } else if (from == StarSource::EvenPeaks) {
         list = SpreadEvenly(Of(StarSource::Peaks), image.Width, image.Height);

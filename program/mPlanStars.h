@@ -14,13 +14,22 @@ enum class StarSource {
     EvenPeaks   ///< these, ranked within each part of the frame
 };
 
+/// The lists that were made, by `StarSource`.
+using StarLists = std::array<std::optional<PlateStarList>, 3>;
+
 /// The lists of the loaded image.
 class PlanStars {
  public:
     /// @param given stars in place of those that the pixels show; like the state, they must outlive
     ///              this
-    PlanStars(ProgramState& state, const std::optional<PlateStarList>& given)
-        : state_(state), given_(given) {}
+    /// @param kept  all lists of an earlier plan: none is made any more
+    PlanStars(ProgramState& state, const std::optional<PlateStarList>& given,
+              const std::optional<StarLists>& kept)
+        : state_(state), given_(given), pixels_(!kept) {
+        if (kept) lists_ = *kept;
+    }
+
+    const StarLists& Made() const { return lists_; }
 
     void SetExtracted(const PlateStarList& stars) { ListOf(StarSource::Extracted) = stars; }
 
@@ -34,7 +43,8 @@ class PlanStars {
 
     ProgramState& state_;
     const std::optional<PlateStarList>& given_;
-    std::array<std::optional<PlateStarList>, 3> lists_;
+    bool pixels_;  ///< may be looked at
+    StarLists lists_;
 };
 
 }  // namespace vestrel

@@ -74,12 +74,14 @@ class Plan {
           request_(request),
           report_(report),
           start_(std::chrono::steady_clock::now()),
-          lists_(state, request.Stars) {}
+          lists_(state, request.Stars, request.Lists) {}
 
     SolveCode Run() {
         BeginSolve(state_);
         port_.Yield();
-        return WithinMemory(state_, port_, [this] { return RunAttempts(); });
+        const SolveCode code = WithinMemory(state_, port_, [this] { return RunAttempts(); });
+        report_.Lists = lists_.Made();
+        return code;
     }
 
  private:
@@ -98,7 +100,11 @@ class Plan {
     }
 
     SolveCode RunAttempts() {
-        enoughStars_ = request_.Stars ? TakeGivenStars() : FindPlateStars(state_, port_);
+        if (request_.Lists) {
+            enoughStars_ = TakeKeptStars();
+        } else {
+            enoughStars_ = request_.Stars ? TakeGivenStars() : FindPlateStars(state_, port_);
+        }
         if (enoughStars_) lists_.SetExtracted(state_.PlateStars);
         if (SureSomewhere()) return SolveCode::Solved;
         if (enoughStars_) state_.PlateStars = lists_.Of(StarSource::Extracted);
@@ -116,6 +122,15 @@ class Plan {
         ShowStatus(state_, port_, candidate ? "No Sure Match Found" : "No Match Found",
                    StatusColour::Red);
         return SolveCode::NoMatch;
+    }
+
+    /// As `FindPlateStars`, for the lists of an earlier plan, which has them when there were
+    /// enough.
+    bool TakeKeptStars() {
+        ForgetSolution(state_);
+        const auto& kept = (*request_.Lists)[static_cast<std::size_t>(StarSource::Extracted)];
+        if (kept) state_.PlateStars = *kept;
+        return kept && !kept->Empty();
     }
 
     /// As `FindPlateStars`, for stars that were given.

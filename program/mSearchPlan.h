@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "program/mGeneral.h"
+#include "program/mPlanStars.h"
 
 namespace vestrel {
 
@@ -31,6 +32,8 @@ struct SearchRequest {
     double TimeLimit = 20;           ///< seconds; all but reading and extracting keep to it
     /// The stars of the image, brightest first, in place of those that its pixels show.
     std::optional<PlateStarList> Stars;
+    /// All star lists of an earlier plan on the same image, to repeat it without the pixels.
+    std::optional<StarLists> Lists;
     /// Told the name of every attempt before it begins.
     std::function<void(const std::string&)> OnAttempt = {};
 };
@@ -49,6 +52,7 @@ struct PlanReport {
     std::optional<std::size_t> Start;        ///< which of `Around` gave it
     std::optional<PlateSolution> Candidate;  ///< the likeliest match that was not sure
     bool TimeLimitReached = false;
+    StarLists Lists;  ///< all that were made
 };
 
 /// Solves the loaded image by a plan; the outcome is the state's `Solution`.

@@ -10,7 +10,7 @@ jobs=$(nproc 2>/dev/null || echo 2)
 
 build_packages="g++ cmake ninja-build pkg-config libjpeg62-turbo-dev libcfitsio-dev libcli11-dev
     nlohmann-json3-dev zlib1g-dev libpng-dev libtiff-dev libraw-dev libpugixml-dev liblz4-dev
-    libzstd-dev libcpp-httplib-dev pybind11-dev python3-dev"
+    libzstd-dev libzip-dev libcpp-httplib-dev pybind11-dev python3-dev"
 desktop_packages="qt6-base-dev libindi-dev"
 test_packages="libgtest-dev libbenchmark-dev python3 python3-astropy python3-photutils python3-pil
     python3-erfa python3-scipy indi-bin libcfitsio-bin fitsverify desktop-file-utils appstream man-db dpkg-dev
