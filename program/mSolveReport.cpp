@@ -90,7 +90,8 @@ std::string TryLine(const std::string& advice) {
 }  // namespace
 
 bool HasNextToNoCounts(const PlateImage& image) {
-    if (image.Pixels.Empty() || image.Header.BitPix >= 0 || image.Width == 0 || image.Height == 0) return false;
+    if (image.Pixels.Empty() || image.Header.BitPix >= 0 || image.Width == 0 || image.Height == 0)
+        return false;
     std::int32_t least = image.Pixels(0, 0);
     std::int32_t most = least;
     for (std::int32_t y = 0; y < image.Height; ++y) {
