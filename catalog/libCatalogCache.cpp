@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <span>
 #include <system_error>
 
 #include "astro/libMath.h"
@@ -49,6 +50,26 @@ void Describe(CachedCell& cell) {
     if (smallestCosine >= -1) cell.Radius = std::acos(smallestCosine);
 }
 
+/// A circle around all of a cell of the grid, for one whose stars are not all known.
+void DescribeByGrid(CachedCell& cell) {
+    cell.BrightestFirst = true;
+    cell.Radius = Pi;
+    const int zone = (cell.CellName[1] - '0') * 10 + (cell.CellName[2] - '0');
+    const int slice = (cell.CellName[4] - '0') * 10 + (cell.CellName[5] - '0');
+    const double side = cell.CellName[0] == 'S' ? -1 : 1;
+    const double width = SliceWidth(zone) * RadiansPerDegree;
+    if (width > 1) return;  // the polar caps
+    const double low = 2.5 * zone * RadiansPerDegree;
+    const double high = low + 2.5 * RadiansPerDegree;
+    const double ra = (slice + 0.5) * width;
+    const double dec = (low + high) / 2;
+    cell.Centre = DirectionOf({ra, side * dec});
+    // The farthest places are the corners nearer to the equator; the margin outweighs all rounding.
+    const double cosine =
+        std::sin(dec) * std::sin(low) + std::cos(dec) * std::cos(low) * std::cos(width / 2);
+    cell.Radius = std::acos(cosine) + 1e-3;
+}
+
 /// The entry with the largest age, the first one on ties and when no entry has an age.
 std::size_t OldestCell(const std::vector<CachedCell>& cells) {
     std::size_t oldest = 0;
@@ -75,12 +96,19 @@ void CatalogCache::LoadCell(const std::string& name) {
     // A right ascension outside the circle gives the name of no cell. Without a folder the file
     // would be looked for, and left behind, in the current one.
     const bool readable = IsCellName(name) && !Folder.empty();
-    cell.Stars = readable ? ReadCell(Folder / name) : std::vector<CatalogStar>(1);
-    cell.StarCount = static_cast<std::int32_t>(cell.Stars.size()) - 1;
     cell.CellName = name;
+    cell.Stars.resize(1);
+    cell.IsWhole = !readable || !IsDeepCell(Folder / name, cell.File);
+    if (!cell.IsWhole) {
+        cell.StarCount = static_cast<std::int32_t>(cell.File.Length / CatalogRecordBytes);
+        DescribeByGrid(cell);
+    } else {
+        if (readable) cell.Stars = ReadCell(Folder / name);
+        cell.StarCount = static_cast<std::int32_t>(cell.Stars.size()) - 1;
+        Describe(cell);
+    }
     cell.InUse = true;
     cell.Age = 1;
-    Describe(cell);
 
     CachedStars += cell.StarCount;
     std::size_t place = Cells.size();
@@ -93,6 +121,23 @@ void CatalogCache::LoadCell(const std::string& name) {
         Cells.push_back(std::move(cell));
     }
     Index[name] = place;
+}
+
+void CatalogCache::ReadDownTo(CachedCell& cell, double magnitude) const {
+    constexpr std::size_t pieceOfStars = 4096;
+    const auto all = static_cast<std::size_t>(cell.StarCount);
+    while (!cell.IsWhole &&
+           (cell.Stars.size() == 1 || cell.Stars.back().Mag / 100.0 <= magnitude)) {
+        if (!ReadDeepCell(Folder / cell.CellName, cell.File, cell.Stars.size() - 1, pieceOfStars,
+                          cell.Stars)) {
+            // The file was replaced meanwhile. The count stays what the cache has reckoned with.
+            cell.Stars = ReadCell(Folder / cell.CellName);
+            cell.IsWhole = true;
+            Describe(cell);
+            return;
+        }
+        cell.IsWhole = cell.Stars.size() - 1 >= all;
+    }
 }
 
 void CatalogCache::LoadRegion(SkyPosition centre, double radius) {
@@ -163,9 +208,11 @@ double FaintEnd(const CatalogCache& cache) {
     std::vector<std::int16_t> magnitudes;
     for (const CachedCell& cell : cache.Cells) {
         if (!cell.InUse) continue;
-        for (std::size_t i = 1; i < cell.Stars.size(); ++i) {
-            magnitudes.push_back(cell.Stars[i].Mag);
-        }
+        std::vector<CatalogStar> whole;
+        if (!cell.IsWhole) (void)ReadCellFile(cache.Folder / cell.CellName, whole);
+        const std::span<const CatalogStar> stars =
+            cell.IsWhole ? std::span(cell.Stars).subspan(1) : std::span(whole);
+        for (const CatalogStar& star : stars) magnitudes.push_back(star.Mag);
     }
     if (magnitudes.empty()) return std::numeric_limits<double>::quiet_NaN();
     const auto place =

@@ -13,9 +13,11 @@ namespace vestrel {
 
 /// One cached cell.
 struct CachedCell {
-    std::int32_t StarCount = 0;
+    std::int32_t StarCount = 0;  ///< in its file
     std::string CellName;
-    std::vector<CatalogStar> Stars;  ///< 1-based
+    std::vector<CatalogStar> Stars;  ///< 1-based; of a deep cell the brightest ones so far
+    bool IsWhole = true;             ///< all stars of the file are here
+    DeepCellFile File;               ///< of a cell that is not
     bool InUse = false;              ///< touched by the last `LoadRegion`
     std::int32_t Age = 0;            ///< regions since the cell was last touched
 
@@ -43,6 +45,10 @@ struct CatalogCache {
     /// Loads every cell that a circular region touches, marks these `InUse`, and trims the cache.
     /// @param radius radians
     void LoadRegion(SkyPosition centre, double radius);
+
+    /// Makes sure that all stars of a cell down to a magnitude are in memory. Cells of a few
+    /// thousand stars always are whole; deeper ones are read as far as anybody asked.
+    void ReadDownTo(CachedCell& cell, double magnitude) const;
 
  private:
     void Trim();

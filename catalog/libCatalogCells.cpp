@@ -1,5 +1,6 @@
 #include "catalog/libCatalogCells.h"
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <limits>
@@ -100,6 +101,52 @@ CatalogStar DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes>
     star.Dec = std::bit_cast<float>(ReadLittleEndian32(record.data() + 4));
     star.Mag = static_cast<std::int16_t>(record[8] | record[9] << 8);
     return star;
+}
+
+bool ReadDeepCell(const std::filesystem::path& file, const DeepCellFile& found, std::size_t first,
+                  std::size_t count, std::vector<CatalogStar>& stars) {
+    const FileHandle handle = OpenFile(file, "rb");
+    if (!handle) return false;
+    std::error_code error;
+    DeepCellFile now;
+    now.Length = std::filesystem::file_size(file, error);
+    if (!error) now.Written = std::filesystem::last_write_time(file, error);
+    if (error || !(now == found)) return false;
+    const std::size_t all = static_cast<std::size_t>(found.Length) / CatalogRecordBytes;
+    count = std::min(count, all - std::min(first, all));
+    std::vector<unsigned char> bytes(count * CatalogRecordBytes);
+    if (!SeekFile(handle.get(), std::uint64_t{first} * CatalogRecordBytes) ||
+        std::fread(bytes.data(), 1, bytes.size(), handle.get()) != bytes.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        stars.push_back(DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes>(
+            bytes.data() + i * CatalogRecordBytes, CatalogRecordBytes)));
+    }
+    return true;
+}
+
+bool IsDeepCell(const std::filesystem::path& file, DeepCellFile& found) {
+    constexpr std::size_t fewStars = 8192;  // read as fast whole
+    std::error_code error;
+    found.Length = std::filesystem::file_size(file, error);
+    if (error || found.Length < fewStars * CatalogRecordBytes ||
+        found.Length >= (MostStarsInCell + 1) * CatalogRecordBytes) {
+        return false;
+    }
+    found.Written = std::filesystem::last_write_time(file, error);
+    if (error) return false;
+    const auto built = std::filesystem::last_write_time(file.parent_path() / ManifestName, error);
+    if (error || found.Written > built) return false;
+    // Including the last star: one that somebody appended would be looked for in vain.
+    constexpr std::size_t looks = 16;
+    const std::size_t last = static_cast<std::size_t>(found.Length) / CatalogRecordBytes - 1;
+    std::vector<CatalogStar> stars;
+    for (std::size_t i = 0; i <= looks; ++i) {
+        if (!ReadDeepCell(file, found, last * i / looks, 1, stars)) return false;
+    }
+    return std::is_sorted(stars.begin(), stars.end(),
+                          [](const auto& a, const auto& b) { return a.Mag < b.Mag; });
 }
 
 bool ReadCellFile(const std::filesystem::path& file, std::vector<CatalogStar>& stars) {

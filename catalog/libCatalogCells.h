@@ -62,6 +62,28 @@ CatalogStar DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes>
 /// it is as much as the solver holds of all cells together.
 inline constexpr std::size_t MostStarsInCell = 5'000'000;
 
+/// The record of its build that a catalog carries. Builds write it after all cells, and cells
+/// brightest first.
+inline constexpr const char* ManifestName = "catalog.json";
+
+/// A cell file of a catalog that was built here, long enough to be worth reading by parts.
+struct DeepCellFile {
+    std::uintmax_t Length = 0;
+    std::filesystem::file_time_type Written;
+
+    friend bool operator==(const DeepCellFile&, const DeepCellFile&) = default;
+};
+
+/// Whether a cell file may be read by parts, its brightest stars first: it has more than a few
+/// thousand stars, was not written after the manifest beside it, and a look here and there finds
+/// nothing out of order.
+bool IsDeepCell(const std::filesystem::path& file, DeepCellFile& found);
+
+/// Adds up to `count` stars of such a file to a list, from the star of that number (0-based) on.
+/// False when the file is no longer as it was found, or cannot be read.
+bool ReadDeepCell(const std::filesystem::path& file, const DeepCellFile& found, std::size_t first,
+                  std::size_t count, std::vector<CatalogStar>& stars);
+
 /// Reads a cell file into a 0-based list: file length / 10 records, a longer tail ignored. A file
 /// that is missing, cannot be read or is longer than a cell can be gives an empty list and false;
 /// nothing of such a file is read.

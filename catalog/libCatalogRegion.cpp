@@ -32,6 +32,7 @@ class RegionReach {
         const double sine = std::fabs(limit / projection.ProjectionScale);
         // Beyond this the region covers the plane. The margin outweighs all rounding.
         if (sine < 0.99) reach_ = std::asin(sine) + 1e-4;
+        dec_ = std::asin(std::fmin(std::fmax(centre_.Z, -1.0), 1.0));
     }
 
     bool Excludes(const CachedCell& cell) const {
@@ -41,8 +42,21 @@ class RegionReach {
         return distance > needed && distance < Pi - needed;
     }
 
+    /// Whether all stars of a cell lie on the hemisphere around the centre.
+    bool IsOnThisSide(const CachedCell& cell) const {
+        constexpr double farthest = 1.5;  // a right angle and a margin
+        const double cosine = Dot(centre_, cell.Centre);
+        return std::acos(std::fmin(std::fmax(cosine, -1.0), 1.0)) + cell.Radius < farthest;
+    }
+
+    /// Whether a star of such a cell is too far north or south, which needs no projection to see.
+    bool Excludes(const CatalogStar& star) const {
+        return std::fabs(static_cast<double>(star.Dec) - dec_) > reach_;
+    }
+
  private:
     Direction centre_;
+    double dec_ = 0;     ///< radians
     double reach_ = Pi;  ///< radians
 };
 
@@ -62,8 +76,10 @@ PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, Sky
     const RegionReach reach(projection, limit);
 
     PlateStarList stars;
-    for (const CachedCell& cell : cache.Cells) {
+    for (CachedCell& cell : cache.Cells) {
         if (reach.Excludes(cell)) continue;
+        cache.ReadDownTo(cell, magLimit);
+        const bool near = reach.IsOnThisSide(cell);
         for (std::size_t i = 1; i < cell.Stars.size(); ++i) {
             const CatalogStar& star = cell.Stars[i];
             const double magnitude = Magnitude(star);
@@ -71,6 +87,7 @@ PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, Sky
                 if (cell.BrightestFirst) break;  // only fainter ones follow
                 continue;
             }
+            if (near && reach.Excludes(star)) continue;
             double xi = 0;
             double eta = 0;
             projection.SkyToPlane(PositionOf(star), xi, eta);
@@ -83,14 +100,15 @@ PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, Sky
     return stars;
 }
 
-PlateStarList FieldStars(const CatalogCache& cache, Projection& projection, SkyPosition centre,
+PlateStarList FieldStars(CatalogCache& cache, Projection& projection, SkyPosition centre,
                          double radius, double magLimit) {
     constexpr std::int32_t mostStars = 1000;
     const double limit = radius * ArcsecondsPerRadian;
     projection.SetProjectionCentre(centre, ArcsecondsPerRadian);
     PlateStarList stars;
-    for (const CachedCell& cell : cache.Cells) {
+    for (CachedCell& cell : cache.Cells) {
         if (!cell.InUse) continue;
+        cache.ReadDownTo(cell, magLimit);
         for (std::size_t i = 1; i < cell.Stars.size(); ++i) {
             const CatalogStar& star = cell.Stars[i];
             const double magnitude = Magnitude(star);

@@ -27,7 +27,7 @@ PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, Sky
 /// The stars of the cells that the last `LoadRegion` touched, within `radius` (radians) of a
 /// centre and no fainter than `magLimit`, at most 1000, far hemisphere excluded. Centres
 /// `projection` there.
-PlateStarList FieldStars(const CatalogCache& cache, Projection& projection, SkyPosition centre,
+PlateStarList FieldStars(CatalogCache& cache, Projection& projection, SkyPosition centre,
                          double radius, double magLimit);
 
 }  // namespace vestrel

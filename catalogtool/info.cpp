@@ -1,9 +1,12 @@
 // vestrel-catalog info: what a catalog holds and where it is from.
 #include <CLI/App.hpp>
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
@@ -81,6 +84,69 @@ std::vector<std::string> Gaps(const CatalogSurvey& survey) {
     return gaps;
 }
 
+/// The field (degrees) that can be solved in a share of some part of the sky, by area; infinite
+/// when none can be.
+double FieldForShare(const std::vector<std::pair<double, double>>& fieldsAndAreas, double share) {
+    std::vector<std::pair<double, double>> sorted = fieldsAndAreas;
+    std::sort(sorted.begin(), sorted.end());
+    double whole = 0;
+    for (const auto& [field, area] : sorted) whole += area;
+    double sum = 0;
+    for (const auto& [field, area] : sorted) {
+        sum += area;
+        if (sum >= share * whole * (1 - 1e-9)) return field;
+    }
+    return std::numeric_limits<double>::infinity();
+}
+
+constexpr int partsInDec = 6;  // of 30° each
+constexpr int partsInRa = 6;   // of 4 h each
+
+/// The smallest field that can be solved in nine tenths of each part of the sky, from north to
+/// south, in each band from right ascension 0 on.
+std::vector<double> FieldsByPart(const CatalogSurvey& survey) {
+    std::vector<std::vector<std::pair<double, double>>> parts(partsInDec * partsInRa);
+    for (std::size_t i = 0; i < AllCells().size(); ++i) {
+        const CellPosition& cell = AllCells()[i];
+        const double dec = (cell.South ? -1 : 1) * 2.5 * (cell.Zone + 0.5);
+        const double ra = (static_cast<double>(cell.Slice) + 0.5) * SliceWidth(cell.Zone);
+        const auto part = static_cast<std::size_t>(static_cast<int>((90 - dec) / 30) * partsInRa +
+                                                   static_cast<int>(ra / 60) % partsInRa);
+        parts[part].emplace_back(survey.SmallestFields[i], CellAreaFraction(cell));
+    }
+    std::vector<double> fields;
+    for (const auto& part : parts) fields.push_back(FieldForShare(part, 0.9));
+    return fields;
+}
+
+/// Degrees, and "-" for no field at all.
+std::string FieldText(double degrees) {
+    return std::isfinite(degrees) ? RoundedText(degrees, 2) : "-";
+}
+
+void PrintFields(const CatalogSurvey& survey) {
+    std::vector<std::pair<double, double>> sky;
+    for (std::size_t i = 0; i < AllCells().size(); ++i) {
+        sky.emplace_back(survey.SmallestFields[i], CellAreaFraction(AllCells()[i]));
+    }
+    std::printf(
+        "Fields:     %s degrees across or more in a tenth of the sky, %s in half, %s in nine "
+        "tenths,\n            where they have %s stars or more to be solved with\n",
+        FieldText(FieldForShare(sky, 0.1)).c_str(), FieldText(FieldForShare(sky, 0.5)).c_str(),
+        FieldText(FieldForShare(sky, 0.9)).c_str(), NumberText(StarsToSolveWith).c_str());
+    std::printf("\n  Declination    RA 0-4h   4-8h  8-12h 12-16h 16-20h 20-24h   degrees across\n");
+    const std::vector<double> fields = FieldsByPart(survey);
+    for (int band = 0; band < partsInDec; ++band) {
+        std::printf("  %+3d to %+3d   ", 90 - 30 * band, 60 - 30 * band);
+        for (int part = 0; part < partsInRa; ++part) {
+            std::printf(
+                "%7s",
+                FieldText(fields[static_cast<std::size_t>(band * partsInRa + part)]).c_str());
+        }
+        std::printf("\n");
+    }
+}
+
 /// Whether the brightest stars are there, as far as can be told.
 std::string BrightStatement(const CatalogFacts& facts) {
     if (facts.State != ManifestState::Good) return "unknown: there is no record of the build";
@@ -111,7 +177,21 @@ void PrintJson(const CatalogFacts& facts) {
                      {"brightGapFilled", facts.Manifest.BrightGapFilled},
                      {"quadTables", json::array()},
                      {"quadTablesFault", facts.QuadFault},
+                     {"smallestFields", json::array()},
+                     {"holes", json::array()},
                      {"faults", survey.FaultCount}};
+    const std::vector<double> fields = FieldsByPart(survey);
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+        const auto band = static_cast<int>(i) / partsInRa;
+        const auto part = static_cast<int>(i) % partsInRa;
+        document["smallestFields"].push_back(
+            {{"decDegrees", {60 - 30 * band, 90 - 30 * band}},
+             {"raHours", {4 * part, 4 * part + 4}},
+             {"degrees", std::isfinite(fields[i]) ? json(fields[i]) : json()}});
+    }
+    for (const CatalogHole& hole : survey.Holes) {
+        document["holes"].push_back(CellName(AllCells()[hole.Cell]));
+    }
     for (const QuadBand& band : facts.Bands) {
         document["quadTables"].push_back({{"fromDegrees", band.SmallestDiagonal * 180 / Pi},
                                           {"toDegrees", band.LargestDiagonal * 180 / Pi},
@@ -203,6 +283,7 @@ void PrintText(const CatalogFacts& facts) {
     if (!facts.Steps.empty()) {
         std::printf("Depth:      about complete to magnitude %s, where the counts peak\n",
                     NumberText(facts.FaintLimit).c_str());
+        PrintFields(survey);
         std::printf("\n  Magnitude            Stars       So far\n");
     }
     for (const auto& step : facts.Steps) {

@@ -13,10 +13,9 @@
 #include <utility>
 #include <vector>
 
-namespace vestrel {
+#include "catalog/libCatalogCells.h"
 
-/// The manifest's name in the catalog folder. It is no cell name, so a solver never opens it.
-inline constexpr const char* ManifestName = "catalog.json";
+namespace vestrel {
 
 /// The CRC-32 of Ethernet, zip and gzip, so that a cell can be checked with everyday programs.
 class Checksum {

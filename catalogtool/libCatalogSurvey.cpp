@@ -18,7 +18,11 @@ namespace {
 class Surveyor {
  public:
     Surveyor(const fs::path& folder, const CatalogManifest* manifest, CatalogSurvey& survey)
-        : Folder(folder), Manifest(manifest), Survey(survey) {}
+        : Folder(folder), Manifest(manifest), Survey(survey), StarsInCells(AllCells().size()) {
+        Survey.SmallestFields.assign(AllCells().size(), std::numeric_limits<double>::infinity());
+    }
+
+    void FindHolesAmongCells() { Survey.Holes = FindHoles(StarsInCells); }
 
     void ReadCell(const CellPosition& position) {
         const std::string name = CellName(position);
@@ -48,6 +52,12 @@ class Surveyor {
         }
         const CellContent content = ReadRecords(file.get(), position, name);
         Survey.Stars += content.Stars;
+        const std::size_t number = CellNumber(position);
+        StarsInCells[number] = content.Stars;
+        constexpr double skyDegrees = 41252.96;
+        std::sort(MagnitudesHere.begin(), MagnitudesHere.end());
+        Survey.SmallestFields[number] =
+            SmallestField(MagnitudesHere, skyDegrees * CellAreaFraction(position));
         if (content.Stars > 0) {
             ++Survey.CellsWithStars;
             Survey.Coverage += CellAreaFraction(position);
@@ -90,6 +100,7 @@ class Surveyor {
     CellContent ReadRecords(std::FILE* file, const CellPosition& position,
                             const std::string& name) {
         CellContent content;
+        MagnitudesHere.clear();
         Checksum checksum;
         std::uint64_t misplaced = 0;
         std::uint64_t outOfRange = 0;
@@ -106,6 +117,7 @@ class Surveyor {
                         &block[at], CatalogRecordBytes));
                 ++content.Stars;
                 Survey.Magnitudes.Add(star.Mag);
+                MagnitudesHere.push_back(star.Mag);
                 if (!IsStoredPosition(star.Ra, star.Dec)) {
                     ++outOfRange;
                 } else if (!(CellOfStored(star) == position)) {
@@ -131,6 +143,8 @@ class Surveyor {
     const fs::path& Folder;
     const CatalogManifest* Manifest;
     CatalogSurvey& Survey;
+    std::vector<std::uint64_t> StarsInCells;
+    std::vector<std::int16_t> MagnitudesHere;  ///< of the cell that is being read
 };
 
 }  // namespace
@@ -145,6 +159,7 @@ CatalogSurvey SurveyCatalog(const fs::path& folder, const CatalogManifest* manif
         progress.Show("Reading cells", i, cells.size(), survey.Stars);
         surveyor.ReadCell(cells[i]);
     }
+    surveyor.FindHolesAmongCells();
     return survey;
 }
 

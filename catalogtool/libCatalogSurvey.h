@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "catalogtool/libCatalogCoverage.h"
 #include "catalogtool/libCatalogManifest.h"
 #include "catalogtool/libToolReport.h"
 
@@ -18,6 +19,10 @@ struct CatalogSurvey {
     std::vector<std::string> MissingCells;  ///< there is no file
     double Coverage = 0;                    ///< part of the sphere's area in cells with stars, 0..1
     MagnitudeCounts Magnitudes;
+    std::vector<CatalogHole> Holes;
+    /// Of each cell of `AllCells`: the diagonal (degrees) of the smallest field that can be solved
+    /// there, infinite where none can be.
+    std::vector<double> SmallestFields;
 
     std::uint64_t FaultCount = 0;
     std::vector<std::string> Faults;  ///< the first of them, in words

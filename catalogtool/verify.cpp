@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "astro/libStrings.h"
+#include "catalog/libCellGrid.h"
 #include "catalogtool/commands.h"
 #include "catalogtool/libCatalogSurvey.h"
 #include "matching/libQuadFile.h"
@@ -33,6 +34,13 @@ ToolExit Verify(const std::filesystem::path& folder) {
     const std::string quadFault = FaultOfQuadFile(folder / QuadFileName);
     if (!quadFault.empty()) addFault(std::string(QuadFileName) + " " + quadFault);
 
+    // The first to be named: other faults may be many.
+    for (const CatalogHole& hole : survey.Holes) {
+        addFault(CellName(AllCells()[hole.Cell]) + " is a hole: " + GroupedText(hole.Stars) +
+                 " stars where its neighbours make one expect " +
+                 GroupedText(static_cast<std::uint64_t>(hole.Expected)));
+    }
+
     for (const std::string& stray : survey.Strays) {
         std::fprintf(stderr, "note: %s is no part of the catalog\n",
                      WithoutControls(stray).c_str());
@@ -59,9 +67,10 @@ ToolExit Verify(const std::filesystem::path& folder) {
 }  // namespace
 
 void AddVerifyCommand(CLI::App& program, ToolExit& exitCode) {
-    CLI::App& command = *program.add_subcommand(
-        "verify",
-        "Check every cell file (length, ranges, place, order, checksum) and the quad tables");
+    CLI::App& command = *program.add_subcommand("verify",
+                                                "Check every cell file (length, ranges, place, "
+                                                "order, checksum), the sky for holes, and the "
+                                                "quad tables");
     const auto folder = std::make_shared<std::string>();
     AddCatalogOption(command, *folder);
     command.callback([folder, &exitCode] { exitCode = Verify(ExistingCatalog(*folder)); });

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <map>
+#include <numeric>
 #include <set>
 
 #include "astro/libMath.h"
@@ -281,6 +283,68 @@ TEST(Region, DropsTheStarsBeyondTheTenThousandthAndNeedsNoFolder) {
         ExpectSameRegion(empty, none, 1.01, 0.51, 0.1, 20);
     }
     EXPECT_FALSE(fs::exists(folder / "not there"));
+}
+
+TEST(Region, OfADeepCellReadsItsBrightestStarsOnlyAndMissesNoneOfAnyFile) {
+    Random random(25);
+    PlainCatalog plain;
+    // Four cells that meet in a corner.
+    for (int i = 0; i < 120000; ++i) {
+        AddStar(plain, random.Between(0.10, 0.18), random.Between(0.02, 0.07),
+                18 + std::log10(random.Between(1e-5, 1)) / 0.42);
+    }
+    const TemporaryFolder folder;
+    const auto brighter = [](const CatalogStar& a, const CatalogStar& b) { return a.Mag < b.Mag; };
+    for (auto& [name, stars] : plain.Files) std::sort(stars.begin(), stars.end(), brighter);
+    enum class Fault { None, FaintFirst, AddedLater, AddedUnnoticed };
+    for (const Fault fault :
+         {Fault::None, Fault::FaintFirst, Fault::AddedLater, Fault::AddedUnnoticed}) {
+        SCOPED_TRACE(static_cast<int>(fault));
+        for (auto& [name, stars] : plain.Files) {
+            if (fault == Fault::FaintFirst) std::reverse(stars.begin(), stars.end());
+            if (fault == Fault::AddedLater) std::sort(stars.begin(), stars.end(), brighter);
+            if (fault == Fault::AddedLater) std::swap(stars[7], stars[stars.size() - 9]);
+            if (fault == Fault::AddedUnnoticed) stars.push_back(stars.front());
+        }
+        WriteCells(folder.Path, plain);
+        WriteFile(folder / ManifestName, "{}");
+        const auto hour = std::chrono::hours(fault == Fault::AddedLater ? -1 : 1);
+        fs::last_write_time(folder / ManifestName, fs::file_time_type::clock::now() + hour);
+        CatalogCache cache;
+        cache.Folder = folder.Path;
+        plain.Forget();
+        for (const double magLimit : {9.0, 12.0, std::nan(""), 10.0, 16.0, 30.0}) {
+            for (const double radius : {0.003, 0.02}) {
+                ExpectSameRegion(cache, plain, 0.1396, 0.0436, radius, magLimit);
+                ASSERT_FALSE(HasFatalFailure()) << magLimit;
+            }
+            if (magLimit == 9.0) {
+                const auto inMemory = [](std::size_t sum, const CachedCell& cell) {
+                    return sum + cell.Stars.size();
+                };
+                const std::size_t read = std::accumulate(cache.Cells.begin(), cache.Cells.end(),
+                                                         std::size_t{0}, inMemory);
+                EXPECT_EQ(read < 20000, fault == Fault::None) << read;
+            }
+        }
+    }
+    // A file that is replaced between two regions is read anew, not mixed.
+    CatalogCache cache;
+    cache.Folder = folder.Path;
+    for (auto& [name, stars] : plain.Files) std::sort(stars.begin(), stars.end(), brighter);
+    WriteCells(folder.Path, plain);
+    fs::last_write_time(folder / ManifestName,
+                        fs::file_time_type::clock::now() + std::chrono::hours(1));
+    plain.Forget();
+    ExpectSameRegion(cache, plain, 0.1396, 0.0436, 0.01, 9);
+    for (auto& [name, stars] : plain.Files) {
+        WriteFile(folder / name, std::string(20, '\0'));
+        fs::last_write_time(folder / name,
+                            fs::file_time_type::clock::now() - std::chrono::hours(2));
+    }
+    Projection plane;
+    plane.SetProjectionCentre(0.1396, 0.0436, SolveArcsecondsPerRadian);
+    EXPECT_EQ(RegionStars(cache, plane, {0.1396, 0.0436}, 0.01, 30).Count(), 0);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include "catalogtool/libAstap.h"
 #include "catalogtool/libBrightStars.h"
 #include "catalogtool/libCatalogBuilder.h"
+#include "catalogtool/libCatalogCoverage.h"
 #include "catalogtool/libCatalogFolder.h"
 #include "catalogtool/libCatalogSurvey.h"
 #include "catalogtool/libFastStars.h"
@@ -195,6 +196,43 @@ TEST(Verify, EveryKindOfDamageIsFoundAndNothingElse) {
     ProgressLine silent(stdout);
     WriteFile(good / other, bytes);
     EXPECT_EQ(SurveyCatalog(good, nullptr, silent).FaultCount, 1U);
+}
+
+TEST(Coverage, HolesAreFoundAndFieldsAreAsSmallAsTheStarsAllow) {
+    Random random(31);
+    std::vector<std::uint64_t> stars;
+    for (const CellPosition& cell : AllCells()) {
+        // A sky that is three times denser on one side.
+        const double density =
+            40 + 80 * std::pow(std::sin(static_cast<double>(cell.Slice) * 0.03), 2);
+        const double mean = density * 41253 * CellAreaFraction(cell);
+        stars.push_back(static_cast<std::uint64_t>(mean * random.Between(0.7, 1.3)));
+    }
+    EXPECT_TRUE(FindHoles(stars).empty());
+    std::vector<std::size_t> dug = {CellNumber({false, 35, 0}), CellNumber({true, 34, 17}),
+                                    CellNumber({false, 0, 89}), CellNumber({true, 12, 0}), 1234};
+    std::sort(dug.begin(), dug.end());
+    for (const std::size_t cell : dug) stars[cell] = stars[cell] / 20;
+    std::vector<std::size_t> found;
+    for (const CatalogHole& hole : FindHoles(stars)) found.push_back(hole.Cell);
+    EXPECT_EQ(found, dug);
+    // Of a catalog of a part of the sky the edge is none.
+    for (std::size_t i = 0; i < stars.size(); ++i) {
+        const double ra = static_cast<double>(AllCells()[i].Slice) * SliceWidth(AllCells()[i].Zone);
+        if (AllCells()[i].South || ra > 120 || AllCells()[i].Zone > 30) stars[i] = 0;
+    }
+    for (const CatalogHole& hole : FindHoles(stars))
+        EXPECT_TRUE(std::count(dug.begin(), dug.end(), hole.Cell)) << hole.Cell;
+
+    constexpr double area = 10;  // square degrees
+    for (const int count : {100, 1000, 50000}) {
+        const double enough = std::sqrt(StarsToSolveWith * area / (0.48 * count));
+        const std::vector<std::int16_t> bright(static_cast<std::size_t>(count), 500);
+        EXPECT_NEAR(SmallestField(bright, area), std::max(enough, 0.05), 0.03 * enough) << count;
+        // A field of 44.4' and more is compared with stars brighter than magnitude 14 only.
+        const std::vector<std::int16_t> faint(static_cast<std::size_t>(count), 1400);
+        EXPECT_EQ(std::isfinite(SmallestField(faint, area)), enough < 0.74) << count;
+    }
 }
 
 TEST(Manifest, ChecksumIsTheUsualOneAndWhatIsNoCountIsRefused) {
