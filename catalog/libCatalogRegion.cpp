@@ -32,7 +32,7 @@ class RegionReach {
         const double sine = std::fabs(limit / projection.ProjectionScale);
         // Beyond this the region covers the plane. The margin outweighs all rounding.
         if (sine < 0.99) reach_ = std::asin(sine) + 1e-4;
-        dec_ = std::asin(std::fmin(std::fmax(centre_.Z, -1.0), 1.0));
+        dec_ = std::asin(std::fmin(std::fmax(centre_[2], -1.0), 1.0));
     }
 
     bool Excludes(const CachedCell& cell) const {
