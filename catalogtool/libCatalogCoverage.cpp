@@ -32,8 +32,7 @@ std::vector<std::size_t> Neighbours(std::size_t number) {
             places.push_back({std::fmod(ra + width + TwoPi, TwoPi), dec + share * height * 0.99});
             places.push_back({std::fmod(ra - width + TwoPi, TwoPi), dec + share * height * 0.99});
         }
-        for (const SkyPosition& place : places)
-            around.push_back(CellNumber(CellOf(place.Ra, place.Dec)));
+        for (const SkyPosition& place : places) around.push_back(CellNumber(CellOf(place)));
     }
     std::sort(around.begin(), around.end());
     around.erase(std::unique(around.begin(), around.end()), around.end());

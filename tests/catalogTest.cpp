@@ -343,7 +343,7 @@ TEST(Region, OfADeepCellReadsItsBrightestStarsOnlyAndMissesNoneOfAnyFile) {
                             fs::file_time_type::clock::now() - std::chrono::hours(2));
     }
     Projection plane;
-    plane.SetProjectionCentre(0.1396, 0.0436, SolveArcsecondsPerRadian);
+    plane.SetProjectionCentre({0.1396, 0.0436}, SolveArcsecondsPerRadian);
     EXPECT_EQ(RegionStars(cache, plane, {0.1396, 0.0436}, 0.01, 30).Count(), 0);
 }
 
