@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <span>
 
@@ -84,6 +85,43 @@ double SkyOf(const std::vector<Number>& numbers) {
     return static_cast<double>(*middle);
 }
 
+/// The k-th greatest finite number, k from 1; the least one when there are fewer.
+template <typename Number, typename Ahead>
+double Extreme(const std::vector<Number>& numbers, std::size_t k, const Ahead& ahead) {
+    std::vector<Number> heap;  // the k first ones, the last of them on top
+    for (const Number number : numbers) {
+        if (!std::isfinite(number)) continue;
+        if (heap.size() < k) {
+            heap.push_back(number);
+            std::push_heap(heap.begin(), heap.end(), ahead);
+        } else if (ahead(number, heap.front())) {
+            std::pop_heap(heap.begin(), heap.end(), ahead);
+            heap.back() = number;
+            std::push_heap(heap.begin(), heap.end(), ahead);
+        }
+    }
+    return static_cast<double>(heap.front());
+}
+
+/// The range without the few pixels that have nothing to do with the picture: a defect of 1e9 would
+/// leave a line no steps for the stars. The light of a star falls on many pixels, so its brightest
+/// one is never alone.
+template <typename Number>
+NumberRange WithoutStrays(NumberRange range, const std::vector<Number>& numbers) {
+    constexpr std::size_t pixelsPerStray = 50000;
+    constexpr double alone = 200;  // times as far from the sky as all but the strays
+    constexpr double room = 2;
+    const std::size_t strays = 1 + numbers.size() / pixelsPerStray;
+    const double sky = SkyOf(numbers);
+    const double greatest = Extreme(numbers, strays + 1, std::greater<>());
+    const double least = Extreme(numbers, strays + 1, std::less<>());
+    const double reach = std::max(greatest - sky, sky - least);
+    if (!(reach > 0)) return range;
+    if (range.Greatest - sky > alone * reach) range.Greatest = sky + room * (greatest - sky);
+    if (sky - range.Least > alone * reach) range.Least = sky - room * (sky - least);
+    return range;
+}
+
 /// count = (sample − Zero) × Factor
 CountScale ScaleFor(const NumberRange& range, std::int32_t width, std::int32_t height) {
     constexpr std::int32_t smallestSide = 100;
@@ -100,8 +138,9 @@ CountScale ScaleFor(const NumberRange& range, std::int32_t width, std::int32_t h
 
 template <typename Number>
 void MakeCounts(const std::vector<Number>& numbers, PlateImage& image) {
-    const NumberRange range = RangeOf(numbers);
+    NumberRange range = RangeOf(numbers);
     if (range.Least > range.Greatest) throw DecodeFault("None of its pixels is a number.");
+    if (range.Least < 0 || range.Greatest > largestCount) range = WithoutStrays(range, numbers);
     const CountScale scale = ScaleFor(range, image.Width, image.Height);
     image.Counts = scale;
     const double sky = range.AllFinite ? 0 : SkyOf(numbers);

@@ -13,6 +13,7 @@
 #include "image/libFitsWriter.h"
 #include "image/libFormats.h"
 #include "image/libPicture.h"
+#include "image/libPictureBuilder.h"
 #include "platform/libPlatform.h"
 #include "program/mImageData.h"
 #include "tests/testSupport.h"
@@ -383,6 +384,42 @@ TEST(Pictures, CutShortOrForgedFail) {
         EXPECT_EQ(reader.Complaint, general);
         EXPECT_LT(PeakMemoryBytes() - before, std::size_t{32} << 20);
     }
+}
+
+// Faulty pixels of floating-point pictures hold anything.
+TEST(Pictures, AFewStrayPixelsLeaveTheStarsTheirSteps) {
+    const auto build = [](double factor, double stray) {
+        PlateImage image;
+        PictureBuilder builder(image, {});
+        builder.Start({200, 150, 1, SampleKind::Float64, -64, false});
+        for (int y = 0; y < 150; ++y) {
+            std::vector<double> row(200);
+            for (int x = 0; x < 200; ++x) {
+                const double r2 = std::pow(x - 90, 2) + std::pow(y - 70, 2);
+                row[static_cast<std::size_t>(x)] =
+                    factor * (300 + (x * 7 + y * 3) % 11 + 5000 * std::exp(-r2 / 8));
+            }
+            if (y == 20 && stray != 0) row[33] = stray;
+            builder.Row(y, row.data());
+        }
+        builder.Finish();
+        return image;
+    };
+    const auto height = [](const PlateImage& image) {
+        return image.Pixels(90, 70) - image.Pixels(10, 10);
+    };
+    // Counts stay counts.
+    const PlateImage clean = build(1, 0);
+    for (const double stray : {1e9, -1e9, 1e300}) {
+        const PlateImage image = build(1, stray);
+        EXPECT_EQ(image.Counts.Factor, 1) << stray;
+        EXPECT_EQ(height(image), height(clean)) << stray;
+        EXPECT_EQ(image.Pixels(33, 20), stray > 0 ? 32767 : -32768);
+    }
+    // What has no place among counts keeps the steps that it has without the stray.
+    const PlateImage wide = build(1000, 0);
+    EXPECT_GT(height(wide), 30000);
+    EXPECT_GT(height(build(1000, 1e12)), 10000);
 }
 
 TEST(OpenImage, ChoosesTheReaderByTheExtensionInAnyCase) {
