@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -28,6 +29,9 @@ struct AstapFault {
     int Exit;
     const char* Text;
 };
+/// The highest order of the distortion: what a lens needs. Beyond it a few stars at the edge decide
+/// on the corners.
+constexpr int sipOrder = 3;
 constexpr AstapFault wrongUse{1, ""};
 constexpr AstapFault noSolution{1, "No solution found."};
 constexpr AstapFault notEnoughStars{2, "Not enough stars."};
@@ -122,6 +126,17 @@ class AstapRun {
             return Fail({wrongUse.Exit,
                          ("The option " + options_.Refused + " is not for a solve.").c_str()});
         }
+        try {
+            return Solve();
+        } catch (const std::exception& error) {
+            // Such as memory that ran out: hosts wait for the .ini whatever happens.
+            log_ += std::string(error.what()) + "\n";
+            return Fail(noSolution);
+        }
+    }
+
+ private:
+    int Solve() {
         SolverSettings settings = SettingsOfUser();
         if (HoldsCatalog(options_.CatalogFolder)) settings.CatalogFolder = options_.CatalogFolder;
         Solver solver(settings);
@@ -139,8 +154,9 @@ class AstapRun {
         }
         const std::string warning = Warnings(*outcome.Field, cards);
         HeaderContents contents;
-        contents.Coordinates =
-            options_.Distortion ? solver.Coordinates().value_or(*straight) : *straight;
+        contents.Coordinates = options_.Distortion
+                                   ? solver.Coordinates({sipOrder, true}).value_or(*straight)
+                                   : *straight;
         contents.Width = picture.Width;
         contents.Height = picture.Height;
         contents.PictureCards = cards;
@@ -162,7 +178,6 @@ class AstapRun {
         return 0;
     }
 
- private:
     bool IsImage(const std::string& path) const {
         std::error_code ignored;
         return std::filesystem::equivalent(PathFromText(path), PathFromText(options_.Image),

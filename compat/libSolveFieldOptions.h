@@ -32,7 +32,7 @@ struct SolveFieldOptions {
     std::string Base;
     std::string Folder;
     bool CentreIsReference = false;
-    int TweakOrder = -1;  ///< highest order of the distortion, 0 for none, −1: as the stars bear
+    int TweakOrder = -1;  ///< highest order of the distortion, 0 for none, −1: not given
     bool Overwrite = false;
     bool SkipSolved = false;
     bool Continue = false;

@@ -127,7 +127,7 @@ Bounds BoundsOf(const HeaderCoordinates& wcs, const std::pair<double, double>& c
         bounds.DecMax = std::max(bounds.DecMax, dec);
     };
     constexpr double step = 10;
-    constexpr double longest = 1e6;  // of a forged size
+    constexpr double longest = 1e5;  // of a forged size
     const double width = std::min(wcs.Width, longest);
     const double height = std::min(wcs.Height, longest);
     for (double x = 0; x < width; x += step) {

@@ -253,9 +253,12 @@ class FieldRun {
 
     SipChoice Coordinates() const {
         CardOptions card;
-        // One that has no terms of its own is a linear one.
-        if (options_.TweakOrder >= 0 && options_.TweakOrder < card.MostSipOrder) {
-            card.MostSipOrder = options_.TweakOrder < 2 ? 0 : options_.TweakOrder;
+        card.MostSipOrder = HostSipOrder;
+        if (options_.TweakOrder >= 0) {
+            // A first order has no terms of its own: it is a linear one.
+            constexpr int highest = 6;
+            card.MostSipOrder =
+                options_.TweakOrder < 2 ? 0 : std::min(options_.TweakOrder, highest);
         }
         return solver_.Coordinates(card);
     }

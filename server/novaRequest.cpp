@@ -107,8 +107,8 @@ std::optional<NovaRequest> ParseNovaRequest(std::string_view text, std::string& 
     TakeScale(json, request.Hints);
     TakeCentre(json, request.Hints);
     if (const auto order = NumberIn(json, "tweak_order"); order && *order >= 0) {
-        const int highest = request.MostSipOrder;
-        request.MostSipOrder = *order < 2 ? 0 : static_cast<int>(std::min<double>(*order, highest));
+        constexpr double highest = 6;
+        request.MostSipOrder = *order < 2 ? 0 : static_cast<int>(std::min(*order, highest));
     }
     if (!TakeStars(json, request)) {
         fault = "x, y, image_width and image_height are no list of stars";

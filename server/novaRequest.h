@@ -14,7 +14,7 @@ struct NovaRequest {
     std::string ApiKey;
     std::string Url;  ///< of a picture somewhere else
     SolverHints Hints;
-    int MostSipOrder = 6;
+    int MostSipOrder = 3;            ///< of the distortion
     std::optional<StarField> Stars;  ///< a list in place of a picture
 };
 
