@@ -253,13 +253,11 @@ class FieldRun {
 
     SipChoice Coordinates() const {
         CardOptions card;
-        card.MostSipOrder = HostSipOrder;
-        if (options_.TweakOrder >= 0) {
-            // A first order has no terms of its own: it is a linear one.
-            constexpr int highest = 6;
-            card.MostSipOrder =
-                options_.TweakOrder < 2 ? 0 : std::min(options_.TweakOrder, highest);
-        }
+        constexpr int usual = 2;  // as solve-field has it
+        constexpr int highest = 6;
+        const int asked = options_.TweakOrder < 0 ? usual : options_.TweakOrder;
+        // A first order has no terms of its own: it is a linear one.
+        card.MostSipOrder = asked < 2 ? 0 : std::min(asked, highest);
         return solver_.Coordinates(card);
     }
 
