@@ -8,6 +8,9 @@
 #include <sstream>
 // jpeglib.h needs the two before it.
 #include <jpeglib.h>
+#ifdef VESTREL_READS_RAW
+#include <tiffio.h>
+#endif
 
 #include "image/libFITS.h"
 #include "image/libFitsWriter.h"
@@ -460,6 +463,67 @@ TEST(OpenImage, ChoosesTheReaderByTheExtensionInAnyCase) {
 }
 
 #ifndef _WIN32  // where there are no decoders
+#ifdef VESTREL_READS_RAW
+// Written by the library that digital negatives are made with: a mosaic of red, green and blue.
+TEST(OpenImage, ADigitalNegativeIsItsMosaicTwoByTwo) {
+    const TemporaryFolder folder;
+    const std::string path = TextFromPath(folder / "camera.dng");
+    constexpr int width = 64;
+    constexpr int height = 48;
+    const auto sample = [](int x, int y) {
+        const bool star = std::abs(x - 21) < 3 && std::abs(y - 30) < 3;
+        return static_cast<std::uint16_t>(700 + 11 * x + 5 * y + (x * 31 + y * 17) % 13 +
+                                          (star ? 9000 : 0));
+    };
+    TIFF* tiff = TIFFOpen(path.c_str(), "w");
+    ASSERT_NE(tiff, nullptr);
+    const std::uint16_t pattern[2] = {2, 2};
+    const unsigned char colours[4] = {0, 1, 1, 2};
+    TIFFSetField(tiff, TIFFTAG_SUBFILETYPE, 0);
+    TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, width);
+    TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, height);
+    TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 16);
+    TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 1);
+    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_CFA);
+    TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, height);
+    TIFFSetField(tiff, TIFFTAG_ORIENTATION, ORIENTATION_RIGHTTOP);
+    TIFFSetField(tiff, TIFFTAG_MAKE, "Maker");
+    TIFFSetField(tiff, TIFFTAG_MODEL, "Model");
+    TIFFSetField(tiff, TIFFTAG_UNIQUECAMERAMODEL, "Maker Model");
+    TIFFSetField(tiff, TIFFTAG_DNGVERSION, "\001\003\000\000");
+    TIFFSetField(tiff, TIFFTAG_CFAREPEATPATTERNDIM, pattern);
+    TIFFSetField(tiff, TIFFTAG_CFAPATTERN, 4, colours);
+    for (int y = 0; y < height; ++y) {
+        std::uint16_t row[width];
+        for (int x = 0; x < width; ++x) row[x] = sample(x, y);
+        ASSERT_EQ(TIFFWriteScanline(tiff, row, static_cast<std::uint32_t>(y), 0), 1);
+    }
+    TIFFClose(tiff);
+
+    ProgramState state;
+    RecordingPort port(state);
+    ASSERT_TRUE(OpenImage(state, port, path)) << state.Display.Details;
+    const PlateImage& image = state.Image;
+    EXPECT_EQ(image.Format, "camera RAW");
+    ASSERT_EQ(image.Width, width / 2);
+    ASSERT_EQ(image.Height, height / 2);
+    EXPECT_EQ(image.Counts.Factor, 1);
+    for (int y = 0; y < image.Height; ++y) {
+        for (int x = 0; x < image.Width; ++x) {
+            const int sum = sample(2 * x, 2 * y) + sample(2 * x + 1, 2 * y) +
+                            sample(2 * x, 2 * y + 1) + sample(2 * x + 1, 2 * y + 1);
+            ASSERT_EQ(image.Pixels(x, y) + image.DataOffset, sum) << x << ", " << y;
+        }
+    }
+    EXPECT_EQ(image.Orientation, 6) << "a quarter turn";
+    EXPECT_TRUE(FirstRowAtTop(image));
+    ASSERT_EQ(image.Remarks.size(), 2U);
+    EXPECT_NE(image.Remarks[0].find("turned right by a quarter"), std::string::npos);
+    EXPECT_NE(image.Remarks[1].find("the scale is twice"), std::string::npos);
+}
+#endif
+
 TEST(OpenImage, ADamagedPackedFileIsRefusedOrAPictureAndNeverTheEnd) {
     const std::string seeds = VESTREL_SOURCE_DIR "/fuzz/corpus/decoders/";
     TemporaryFolder folder;
