@@ -3,6 +3,8 @@
 #include <QDialogButtonBox>
 #include <QLabel>
 #include <QScrollArea>
+#include <QTabWidget>
+#include <QTextBrowser>
 #include <QVBoxLayout>
 
 #include "desktop/libWindows.h"
@@ -10,9 +12,13 @@
 
 namespace vestrel {
 
-HelpWindow::HelpWindow() : QDialog(nullptr, Qt::Window) {
+HelpWindow::HelpWindow()
+    : QDialog(nullptr, Qt::Window), pages_(new QTabWidget), guide_(new QTextBrowser) {
     setObjectName("fHelp");
     setWindowTitle("Vestrel Help");
+    guide_->setObjectName("txtGuide");
+    guide_->setAccessibleName("Guide");
+    guide_->setHtml(HelpGuide());
     auto* label = new QLabel(QtText(ParameterHelpText()));
     label->setObjectName("lblHelp");
     label->setTextFormat(Qt::PlainText);
@@ -23,12 +29,27 @@ HelpWindow::HelpWindow() : QDialog(nullptr, Qt::Window) {
     auto* scroll = new QScrollArea;
     scroll->setWidget(label);
     scroll->setWidgetResizable(true);
+    pages_->setObjectName("tabHelp");
+    pages_->addTab(guide_, "&Guide");
+    pages_->addTab(scroll, "&Parameters");
     auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close);
     connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
     auto* layout = new QVBoxLayout(this);
-    layout->addWidget(scroll);
+    layout->addWidget(pages_);
     layout->addWidget(buttons);
-    resize(620, 560);
+    WithoutDefaultButtons(*this);
+    resize(680, 600);
+}
+
+void HelpWindow::ShowTopic(const QString& name) {
+    const bool parameters = name == "fParms";
+    pages_->setCurrentIndex(parameters ? 1 : 0);
+    if (!parameters) guide_->scrollToAnchor(name.isEmpty() ? "top" : name);
+}
+
+void HelpWindow::showEvent(QShowEvent* event) {
+    QDialog::showEvent(event);
+    KeepOnScreen(*this);
 }
 
 }  // namespace vestrel

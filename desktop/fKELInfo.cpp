@@ -36,6 +36,7 @@ SolveWindow::SolveWindow(ProgramState& state)
       photometryWindow_(state, port_, &imageWindow_),
       residualsWindow_(state, &imageWindow_),
       headerWindow_(state),
+      solutionsWindow_(state, port_),
       quadMessagesWindow_(state) {
     setObjectName("fKELInfo");
     setWindowTitle(ProgramTitle);
@@ -69,6 +70,8 @@ SolveWindow::SolveWindow(ProgramState& state)
     LoadRecentImages(state_);
     LoadPreferences(state_);
     RestorePlaces();
+    usualCatalog_ = state_.Catalog.Folder;
+    ApplySettings();
     ShowInputs();
     ShowQuadCommands();
     UpdateClock(state_);
@@ -110,6 +113,11 @@ void SolveWindow::closeEvent(QCloseEvent* event) {
         if (window != this) window->close();
     }
     event->accept();
+}
+
+void SolveWindow::showEvent(QShowEvent* event) {
+    QMainWindow::showEvent(event);
+    KeepOnScreen(*this);
 }
 
 void SolveWindow::changeEvent(QEvent* event) {
@@ -154,8 +162,8 @@ void SolveWindow::Complain(const std::string& text) {
 
 std::vector<QWidget*> SolveWindow::Windows() {
     return {
-        this,           &imageWindow_,     &levelsWindow_, &statsWindow_,       &photometryWindow_,
-        &headerWindow_, &residualsWindow_, &helpWindow_,   &quadMessagesWindow_};
+        this,           &imageWindow_,     &levelsWindow_,    &statsWindow_, &photometryWindow_,
+        &headerWindow_, &residualsWindow_, &solutionsWindow_, &helpWindow_,  &quadMessagesWindow_};
 }
 
 void SolveWindow::RestorePlaces() {
@@ -265,6 +273,7 @@ void SolveWindow::Run(const std::function<void()>& command) {
     command();
     ShowQuadCommands();
     ShowState();
+    NoteSolution();
     // A control that is off meanwhile loses the keyboard to the next one.
     const bool fault = focusFault_ != nullptr;
     QWidget* back = fault ? focusFault_ : focus.data();

@@ -3,6 +3,7 @@
 
 #include <QMainWindow>
 #include <QTimer>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -17,6 +18,7 @@
 #include "desktop/fMORA.h"
 #include "desktop/fRelPhot.h"
 #include "desktop/fResiduals.h"
+#include "desktop/fSolutions.h"
 #include "desktop/fStats.h"
 #include "desktop/libWindows.h"
 #include "program/mGeneral.h"
@@ -49,6 +51,10 @@ class SolveWindow : public QMainWindow {
     void Complain(const std::string& text);
     /// Solves as a parameter string says, then counts down and closes the program.
     void StartUnattended(const std::string& parameters);
+    /// How a telescope at an address is driven, when one is set.
+    std::function<std::unique_ptr<TelescopeDriver>(const std::string&)> TelescopeAt;
+    /// Takes catalog, telescope and colours from the preferences.
+    void ApplySettings();
     /// What the program is to end with.
     ExitCode EndsWith() const { return exitCode_; }
     /// One tick of the countdown; a second unless it is set.
@@ -56,6 +62,7 @@ class SolveWindow : public QMainWindow {
 
  protected:
     void closeEvent(QCloseEvent* event) override;
+    void showEvent(QShowEvent* event) override;
     void changeEvent(QEvent* event) override;
     void dragEnterEvent(QDragEnterEvent* event) override;
     void dropEvent(QDropEvent* event) override;
@@ -122,6 +129,9 @@ class SolveWindow : public QMainWindow {
     static void Bring(QWidget& window);
     void EditParameters();
     void ShowHelp();
+    void EditSettings();
+    /// The image has a new solution, which goes into the table.
+    void NoteSolution();
     void ShowAbout();
     void Tick();
     void TickClock();
@@ -163,6 +173,9 @@ class SolveWindow : public QMainWindow {
     QProgressBar* busyBar_ = nullptr;
     QPlainTextEdit* details_ = nullptr;
     QWidget* countdownRow_ = nullptr;
+    std::filesystem::path usualCatalog_;  ///< when the preferences name none
+    std::string setTelescope_;
+    bool noted_ = false;  ///< the present solution is in the table
     std::vector<MeasuredMark> statsMarks_;
     std::vector<MeasuredMark> photometryMarks_;
 
@@ -172,6 +185,7 @@ class SolveWindow : public QMainWindow {
     RelativePhotometryWindow photometryWindow_;
     ResidualsWindow residualsWindow_;
     HeaderWindow headerWindow_;
+    SolutionsWindow solutionsWindow_;
     QuadMessagesWindow quadMessagesWindow_;
     HelpWindow helpWindow_;
 };

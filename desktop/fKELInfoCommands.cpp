@@ -7,7 +7,10 @@
 
 #include "desktop/fKELInfo.h"
 #include "desktop/fParms.h"
+#include "desktop/fSettings.h"
+#include "platform/libPlatform.h"
 #include "program/mJustSolve.h"
+#include "program/mPreferences.h"
 #include "program/mSolveWindow.h"
 #include "program/mTelescope.h"
 
@@ -67,6 +70,10 @@ void SolveWindow::SyncTelescope() {
 }
 
 void SolveWindow::ConnectWindows() {
+    solutionsWindow_.OnRestore = [this](const SolvedPicture& picture) {
+        noted_ = true;
+        Run([&] { RestoreSolution(state_, port_, picture); });
+    };
     imageWindow_.OnLevelsChosen = [this] { levelsWindow_.LevelsChanged(); };
     levelsWindow_.OnLevelsChanged = [this] { imageWindow_.ShowLevels(); };
     imageWindow_.OnCentreChosen = [this](const SkyPosition& centre) {
@@ -115,8 +122,51 @@ void SolveWindow::EditParameters() {
     dialog->open();
 }
 
+void SolveWindow::NoteSolution() {
+    if (!state_.Solution) noted_ = false;
+    if (!state_.Solution || noted_ || state_.Running != Activity::None) return;
+    noted_ = true;
+    solutionsWindow_.Add(PictureOf(state_));
+}
+
+void SolveWindow::ApplySettings() {
+    ApplyTheme(PreferenceOf(state_, "theme"));
+    const std::string catalog = PreferenceOf(state_, "catalog");
+    const std::filesystem::path folder = catalog.empty() ? usualCatalog_ : PathFromText(catalog);
+    if (state_.Catalog.Folder != folder && state_.Running == Activity::None) {
+        state_.Catalog = {};
+        state_.Catalog.Folder = folder;
+        state_.Quads = {};
+    }
+    const std::string telescope = PreferenceOf(state_, "telescope");
+    if (telescope != setTelescope_ && TelescopeAt && state_.Running == Activity::None) {
+        setTelescope_ = telescope;
+        state_.Telescope.reset();
+        state_.TelescopeConnected = false;
+        state_.CreateTelescope = [at = TelescopeAt, telescope] { return at(telescope); };
+    }
+    ShowQuadCommands();
+}
+
+void SolveWindow::EditSettings() {
+    auto* dialog = new SettingsWindow(state_, port_, this);
+    dialog->OnChanged = [this] { ApplySettings(); };
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->open();
+}
+
 void SolveWindow::ShowHelp() {
+    // Of the control that has the keyboard, else of its window.
+    const QWidget* window = QApplication::activeWindow();
+    QWidget* control = QApplication::focusWidget();
     Bring(helpWindow_);
+    const QString guide = HelpGuide();
+    for (const QWidget* one : {static_cast<const QWidget*>(control), window}) {
+        const QString name = one != nullptr ? one->objectName() : QString();
+        const bool known = name == "fParms" || guide.contains("<a name=\"" + name + "\">");
+        if (!name.isEmpty() && known) return helpWindow_.ShowTopic(name);
+    }
+    helpWindow_.ShowTopic({});
 }
 
 void SolveWindow::ShowAbout() {

@@ -3,7 +3,6 @@
 #include <QAction>
 #include <QApplication>
 #include <QCheckBox>
-#include <QClipboard>
 #include <QFontDatabase>
 #include <QFormLayout>
 #include <QGridLayout>
@@ -11,10 +10,10 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
-#include <QMenuBar>
 #include <QPlainTextEdit>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QScrollArea>
 #include <QShortcut>
 #include <QStatusBar>
 #include <QVBoxLayout>
@@ -70,11 +69,18 @@ void SolveWindow::BuildControls() {
     rows->addLayout(columns);
     rows->addWidget(BuildStatus(), 1);
     rows->addWidget(BuildCountdown());
-    setCentralWidget(central);
+    // Where the screen is small or letters are large, it scrolls.
+    auto* scroll = new QScrollArea;
+    scroll->setFrameShape(QFrame::NoFrame);
+    scroll->setFocusPolicy(Qt::NoFocus);
+    scroll->setWidgetResizable(true);
+    scroll->setWidget(central);
+    setCentralWidget(scroll);
     QLabel* clock = AddShown("lblClock", &SolveDisplay::Clock);
     clock->setAccessibleName("Universal time, Julian date and local sidereal time");
     statusBar()->addPermanentWidget(clock);
-    resize(sizeHint() + QSize(60, 36));
+    const int bars = 2 * (fontMetrics().height() + 12);
+    resize(central->sizeHint() + QSize(60, 36 + bars));
 
     auto* escape = new QShortcut(Qt::Key_Escape, this);
     connect(escape, &QShortcut::activated, this, [this] { Stop(); });
@@ -311,74 +317,6 @@ QWidget* SolveWindow::BuildCountdown() {
     return countdownRow_;
 }
 
-void SolveWindow::BuildMenus() {
-    QMenu* file = menuBar()->addMenu("&File");
-    QAction* open = AddAction(file, "&Open...", QKeySequence::Open,
-                              [this] { OpenImageCommand(state_, port_); });
-    startActions_.push_back(open);
-    recentMenu_ = file->addMenu("Open &Recent");
-    startActions_.push_back(recentMenu_->menuAction());
-    connect(recentMenu_, &QMenu::aboutToShow, this, [this] { FillRecentImages(); });
-    saveAction_ = AddAction(file, "Save &As...", QKeySequence::SaveAs,
-                            [this] { SaveImageCommand(state_, port_); });
-    saveAction_->setToolTip(
-        "For Vestrel: other programs may show it black, the export is for them");
-    file->setToolTipsVisible(true);
-    exportAction_ = AddAction(file, "&Export...", QKeySequence("Ctrl+E"),
-                              [this] { ExportImageCommand(state_, port_); });
-    worldCoordinatesAction_ =
-        AddAction(file, "Write &World Coordinates", QKeySequence("Ctrl+Shift+W"),
-                  [this] { WorldCoordinatesCommand(state_, port_); });
-    file->addSeparator();
-    AddAction(file, "&Quit", QKeySequence::Quit, [this] { close(); });
-
-    QMenu* edit = menuBar()->addMenu("&Edit");
-    copyAction_ = AddAction(edit, "&Copy Result", QKeySequence("Ctrl+Shift+C"), [this] {
-        QApplication::clipboard()->setText(QtText(state_.Display.Details));
-    });
-    edit->addSeparator();
-    startActions_.push_back(AddAction(edit, "Edit &Parameters...", QKeySequence("Ctrl+P"),
-                                      [this] { EditParameters(); }));
-
-    QMenu* solve = menuBar()->addMenu("&Solve");
-    QAction* just =
-        AddAction(solve, "&Just Solve", QKeySequence("Ctrl+Return"), [this] { JustSolve(); });
-    just->setShortcuts({QKeySequence("Ctrl+Return"), QKeySequence("Ctrl+Enter")});
-    just->setObjectName("mnuJustSolve");
-    startActions_.push_back(just);
-    startActions_.push_back(
-        AddAction(solve, "&Plate Match", QKeySequence("Ctrl+Shift+M"), [this] { Match(); }));
-    AddAction(solve, "&Stop Search", QKeySequence("Ctrl+."), [this] { Stop(); });
-
-    QMenu* view = menuBar()->addMenu("&View");
-    AddAction(view, "Show &Image", QKeySequence("Ctrl+I"), [this] { Bring(imageWindow_); });
-    AddAction(view, "&Levels", QKeySequence("Ctrl+L"), [this] {
-        Bring(levelsWindow_);
-    })->setObjectName("mnuLevels");
-    AddAction(view, "&Star Statistics", QKeySequence("Ctrl+T"), [this] {
-        Bring(statsWindow_);
-    })->setObjectName("mnuStats");
-    AddAction(view, "&Relative Photometry", QKeySequence("Ctrl+R"), [this] {
-        Bring(photometryWindow_);
-    })->setObjectName("mnuRelPhot");
-    AddAction(view, "Residua&ls", QKeySequence("Ctrl+D"), [this] {
-        Bring(residualsWindow_);
-    })->setObjectName("mnuResiduals");
-    AddAction(view, "Show &Header", QKeySequence("Ctrl+H"), [this] {
-        Bring(headerWindow_);
-    })->setObjectName("mnuHeader");
-    quadMessagesAction_ = AddAction(view, "&MORA Messages", QKeySequence("Ctrl+M"),
-                                    [this] { Bring(quadMessagesWindow_); });
-    quadMessagesAction_->setObjectName("mnuMORA");
-
-    imageWindow_.ShareCommands({open, recentMenu_->menuAction(), saveAction_}, solve->actions(),
-                               view->actions());
-
-    QMenu* help = menuBar()->addMenu("&Help");
-    AddAction(help, "&Help", QKeySequence::HelpContents, [this] { ShowHelp(); });
-    AddAction(help, "&About", {}, [this] { ShowAbout(); });
-}
-
 QLineEdit* SolveWindow::AddInput(const char* name, const QString& accessibleName,
                                  std::string SolveInputs::*text) {
     auto* input = new InputBox;
@@ -418,15 +356,6 @@ QPushButton* SolveWindow::AddButton(const char* name, const QString& text, const
     connect(button, &QPushButton::clicked, this,
             [this, command = std::move(command)] { Run(command); });
     return button;
-}
-
-QAction* SolveWindow::AddAction(QMenu* menu, const QString& text, const QKeySequence& keys,
-                                std::function<void()> command) {
-    QAction* action = menu->addAction(text);
-    action->setShortcut(keys);
-    connect(action, &QAction::triggered, this,
-            [this, command = std::move(command)] { Run(command); });
-    return action;
 }
 
 }  // namespace vestrel

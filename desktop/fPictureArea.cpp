@@ -6,6 +6,8 @@
 #include <QWheelEvent>
 #include <cmath>
 
+#include "desktop/libWindows.h"
+
 namespace vestrel {
 
 namespace {
@@ -60,6 +62,10 @@ void PictureArea::paintEvent(QPaintEvent* /*event*/) {
     QPainter painter(this);
     painter.drawImage(rect(), buffer_);
     if (OnPaintOverlays && !Picture.Empty()) OnPaintOverlays(painter);
+    if (IsRedOnly(palette())) {
+        painter.setCompositionMode(QPainter::CompositionMode_Multiply);
+        painter.fillRect(rect(), QColor(255, 60, 40));
+    }
 }
 
 void PictureArea::resizeEvent(QResizeEvent* /*event*/) {

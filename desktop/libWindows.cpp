@@ -11,6 +11,7 @@
 #include <QPushButton>
 #include <QScreen>
 #include <QStringDecoder>
+#include <QStyle>
 #include <QToolTip>
 #include <QUrl>
 #include <algorithm>
@@ -57,12 +58,55 @@ bool IsDark(const QPalette& palette) {
     return palette.color(QPalette::Window).lightness() < 128;
 }
 
-/// A theme for eyes that are used to the dark has one colour only.
-bool IsRedOnly(const QPalette& palette) {
-    return palette.color(QPalette::WindowText).blue() < 140 && IsDark(palette);
+/// A palette of three greys, or of three reds.
+QPalette PaletteFrom(const QColor& window, const QColor& base, const QColor& text,
+                     const QColor& faint, const QColor& accent) {
+    QPalette palette(window, window);
+    palette.setColor(QPalette::Base, base);
+    palette.setColor(QPalette::AlternateBase, window);
+    palette.setColor(QPalette::ToolTipBase, base);
+    palette.setColor(QPalette::Highlight, accent);
+    palette.setColor(QPalette::HighlightedText, base);
+    palette.setColor(QPalette::Link, accent);
+    palette.setColor(QPalette::LinkVisited, accent);
+    palette.setColor(QPalette::PlaceholderText, faint);
+    for (const auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText,
+                            QPalette::ToolTipText, QPalette::BrightText}) {
+        palette.setColor(role, text);
+        palette.setColor(QPalette::Disabled, role, faint);
+    }
+    return palette;
 }
 
 }  // namespace
+
+std::optional<QPalette> PaletteOf(const std::string& theme) {
+    if (theme == "light") {
+        return PaletteFrom({239, 240, 241}, {252, 252, 252}, {30, 33, 36}, {95, 99, 104},
+                           {20, 90, 160});
+    }
+    if (theme == "dark") {
+        return PaletteFrom({49, 54, 59}, {35, 38, 41}, {239, 240, 241}, {170, 175, 180},
+                           {90, 190, 245});
+    }
+    if (theme == "night") {
+        return PaletteFrom({28, 4, 2}, {14, 0, 0}, {255, 95, 80}, {215, 72, 60}, {255, 110, 90});
+    }
+    return std::nullopt;
+}
+
+void ApplyTheme(const std::string& theme) {
+    static const QPalette systems = QApplication::palette();
+    static const QString systemStyle = QApplication::style()->objectName();
+    const auto palette = PaletteOf(theme);
+    // Styles of desktops have colours of their own.
+    QApplication::setStyle(palette ? QString("Fusion") : systemStyle);
+    QApplication::setPalette(palette.value_or(systems));
+}
+
+bool IsRedOnly(const QPalette& palette) {
+    return palette.color(QPalette::WindowText).blue() < 140 && IsDark(palette);
+}
 
 QColor StatusTextColour(StatusColour colour, const QPalette& palette) {
     const bool dark = IsDark(palette);

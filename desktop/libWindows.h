@@ -9,6 +9,7 @@
 #include <QString>
 #include <QStringList>
 #include <QWidget>
+#include <array>
 #include <functional>
 #include <optional>
 #include <string>
@@ -23,6 +24,19 @@ namespace vestrel {
 
 QString QtText(const std::string& utf8);
 std::string Utf8(const QString& text);
+
+/// The colours of all windows. The first theme is the system's.
+struct Theme {
+    const char* Name;  ///< as kept between runs
+    const char* Caption;
+};
+inline constexpr std::array<Theme, 4> Themes{
+    {{"", "Of the system"}, {"light", "Light"}, {"dark", "Dark"}, {"night", "Night (red)"}}};
+/// The palette of a theme; nothing for the system's.
+std::optional<QPalette> PaletteOf(const std::string& theme);
+void ApplyTheme(const std::string& theme);
+/// Whether everything is to be red, for eyes that are used to the dark.
+bool IsRedOnly(const QPalette& palette);
 
 /// The colour of a status line, readable on the palette's background.
 QColor StatusTextColour(StatusColour colour, const QPalette& palette);

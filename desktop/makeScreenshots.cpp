@@ -1,4 +1,5 @@
-// Takes pictures of every window around a real solve: makeScreenshots FRAME RA DEC FOLDER
+// Takes pictures of every window around a real solve: makeScreenshots FRAME RA DEC FOLDER THEME
+// SUFFIX
 
 #include <QAction>
 #include <QApplication>
@@ -17,22 +18,10 @@
 #include "desktop/fPictureArea.h"
 #include "platform/libPlatform.h"
 #include "program/mPlateMatch.h"
+#include "program/mPreferences.h"
 
 namespace vestrel {
 namespace {
-
-QPalette DarkPalette() {
-    QPalette palette(QColor(49, 54, 59), QColor(49, 54, 59));
-    palette.setColor(QPalette::Base, QColor(35, 38, 41));
-    palette.setColor(QPalette::AlternateBase, QColor(49, 54, 59));
-    palette.setColor(QPalette::Highlight, QColor(61, 174, 233));
-    for (const auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText}) {
-        palette.setColor(role, QColor(239, 240, 241));
-        palette.setColor(QPalette::Disabled, role, QColor(127, 131, 135));
-    }
-    palette.setColor(QPalette::PlaceholderText, QColor(150, 155, 160));
-    return palette;
-}
 
 /// The one open window of a name.
 QWidget* WindowNamed(const QString& name) {
@@ -112,10 +101,12 @@ bool TakeViewer(SolveWindow& window, const ProgramState& state, Photographer& ph
 }
 
 bool TakeAll(Photographer photographer, const std::string& frame, const QString& ra,
-             const QString& dec) {
+             const QString& dec, const std::string& theme) {
     const auto state = std::make_unique<ProgramState>();
     state->Catalog.Folder = DefaultCatalogFolder();
     SolveWindow window(*state);
+    SetPreference(*state, "theme", theme);
+    window.ApplySettings();
     window.show();
     const auto type = [&window](const char* name, const QString& text) {
         window.findChild<QLineEdit*>(name)->setText(text);
@@ -134,6 +125,8 @@ bool TakeAll(Photographer photographer, const std::string& frame, const QString&
     good = photographer.Take("fKELInfo", "solved") && good;
     press("cmdImage");
     good = TakeViewer(window, *state, photographer) && good;
+    press("cmdResiduals");
+    good = photographer.Take("fResiduals", "residuals") && good;
     window.findChild<QAction*>("mnuHeader")->trigger();
     good = photographer.Take("fFITSHeader", "header") && good;
     press("Command1");
@@ -141,6 +134,9 @@ bool TakeAll(Photographer photographer, const std::string& frame, const QString&
     WindowNamed("fParms")->findChild<QPushButton*>("cmdHelp")->click();
     good = photographer.Take("fHelp", "help") && good;
     WindowNamed("fParms")->close();
+    window.findChild<QAction*>("mnuSettings")->trigger();
+    good = photographer.Take("fSettings", "settings") && good;
+    WindowNamed("fSettings")->close();
 
     // From anywhere: the quads tell where.
     type("txtRA", "00 00 00");
@@ -154,6 +150,10 @@ bool TakeAll(Photographer photographer, const std::string& frame, const QString&
     type("txtDec", "60 00 00");
     press("cmdMatch");
     good = photographer.Take("fKELInfo", "failed") && good;
+    press("cmdJustSolve");
+    good = photographer.Take("fKELInfo", "just-solved") && good;
+    window.findChild<QAction*>("mnuSolutions")->trigger();
+    good = photographer.Take("fSolutions", "solutions") && good;
     window.StartUnattended("1.4451,-0.0291,0.0524,0.0349,4," + frame);
     good = photographer.Take("fKELInfo", "unattended") && good;
     window.close();
@@ -165,17 +165,11 @@ bool TakeAll(Photographer photographer, const std::string& frame, const QString&
 
 int main(int argc, char** argv) {
     QApplication application(argc, argv);
-    if (argc != 5) {
-        std::fputs("makeScreenshots FRAME RA DEC FOLDER\n", stderr);
+    if (argc != 7) {
+        std::fputs("makeScreenshots FRAME RA DEC FOLDER THEME SUFFIX\n", stderr);
         return 2;
     }
     QApplication::setQuitOnLastWindowClosed(false);
     QApplication::setStyle("Fusion");
-    const auto takeAll = [argv](const char* suffix) {
-        return vestrel::TakeAll({argv[4], suffix}, argv[1], argv[2], argv[3]);
-    };
-    const bool light = takeAll("");
-    QApplication::setPalette(vestrel::DarkPalette());
-    const bool dark = takeAll("-dark");
-    return light && dark ? 0 : 1;
+    return vestrel::TakeAll({argv[4], argv[6]}, argv[1], argv[2], argv[3], argv[5]) ? 0 : 1;
 }

@@ -63,6 +63,8 @@ ExitCode Run(int argc, char** argv) {
     QApplication::setWindowIcon(QIcon::fromTheme(applicationId));
     start = readArguments();  // without those that were Qt's
     SolveWindow window(*state);
+    window.TelescopeAt = CreateTelescopeDriverAt;
+    window.ApplySettings();
     window.show();
     QTimer::singleShot(0, &window, [&] {
         if (start.What == DesktopStart::Kind::OpenImage) window.OpenFile(start.Text);

@@ -45,6 +45,12 @@ std::string StageName(const std::string& attempt) {
     return found == stageNames.end() ? attempt : found->second;
 }
 
+/// The size of the field that the settings remember, radians.
+std::pair<double, double> RememberedSize(const SolveParameters& parameters) {
+    const double unit = Pi / 180 / (parameters.SizeUnit == 1 ? 1 : 60);
+    return {parameters.FieldWidth * unit, parameters.FieldHeight * unit};
+}
+
 /// A line for each stage that has ended; the many searches of the whole sky share one.
 std::string StagesText(const PlanReport& report) {
     std::string text;
@@ -79,7 +85,7 @@ SearchRequest RequestForAnything(const ProgramState& state) {
     const double dec = ParseDec(inputs.Dec);
     if (ra >= 0 && dec >= -Pi / 2) given.Centre = SkyPosition{ra, dec};
     const auto size = FieldSizeOf(inputs);
-    const auto remembered = size ? *size : std::pair(Pi / 180, Pi / 180);
+    const auto remembered = size ? *size : RememberedSize(state.Parameters);
     const auto add = [&](const SkyPosition& centre, double width, double height) {
         const bool known =
             std::any_of(request.Around.begin(), request.Around.end(), [&](const SearchHint& hint) {
@@ -95,10 +101,6 @@ SearchRequest RequestForAnything(const ProgramState& state) {
         for (const SearchStart& start : SearchStarts(state.Image, what, remembered)) {
             add(start.Centre, start.Width, start.Height);
         }
-    }
-    if (request.Diagonals.empty()) {
-        const auto [width, height] = LikelyFieldSize(state.Image, {}, remembered);
-        request.Diagonals.push_back(std::hypot(width, height));
     }
     return request;
 }

@@ -12,6 +12,7 @@
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "astro/libTime.h"
+#include "program/mPreferences.h"
 #include "program/mSolveWindow.h"
 #include "program/mStarExtraction.h"
 #include "program/mTrust.h"
@@ -98,12 +99,23 @@ std::string DayTimeText(double seconds) {
 
 }  // namespace
 
+namespace {
+
+/// The longitude of the preferences, degrees east; nothing when none is set, or one that cannot be.
+std::optional<double> SetLongitude(const ProgramState& state) {
+    const auto degrees = ParseNumber(PreferenceOf(state, "longitude"));
+    return degrees && std::abs(*degrees) <= 360 ? degrees : std::nullopt;
+}
+
+}  // namespace
+
 void UpdateClock(ProgramState& state) {
     const LocalTime time = LocalTimeAt(std::chrono::system_clock::now());
     state.JulianDate = JulianDate(time);
     // Digits of a constant number, so that the text stands still.
     const auto fraction = static_cast<int>(std::fmod(state.JulianDate, 1) * 100000);
-    const double sidereal = LocalSiderealTime(state.JulianDate, ObserverLongitude(time));
+    const double sidereal =
+        LocalSiderealTime(state.JulianDate, SetLongitude(state).value_or(ObserverLongitude(time)));
     // A Julian date counts from noon.
     state.Display.Clock = "UT " + DayTimeText((state.JulianDate + 0.5) * 86400) + "   JD " +
                           NumberText(std::floor(state.JulianDate)) + "." +
@@ -111,30 +123,51 @@ void UpdateClock(ProgramState& state) {
                           DayTimeText(sidereal * 3600);
 }
 
+namespace {
+
+/// Where a connected telescope points, J2000. What it says that is no position is told.
+std::optional<SkyPosition> AskForPosition(ProgramState& state, Port& port) {
+    const milliseconds limit = state.TelescopePatience.Call;
+    const double hours =
+        Ask(state, port, limit, [](TelescopeDriver& driver) { return driver.RightAscension(); });
+    const double degrees =
+        Ask(state, port, limit, [](TelescopeDriver& driver) { return driver.Declination(); });
+    const std::optional<SkyPosition> ofDate = PositionFrom(hours, degrees);
+    if (!ofDate) {
+        Tell(state, port,
+             "no valid position: " + NumberText(hours) + " hours, " + NumberText(degrees) +
+                 " degrees",
+             StatusColour::Red);
+        return std::nullopt;
+    }
+    UpdateClock(state);
+    return Precess(*ofDate, state.JulianDate, J2000);
+}
+
+}  // namespace
+
 bool LoadTelescopeCommand(ProgramState& state, Port& port) {
     bool loaded = false;
     WithTelescope(state, port, [&] {
-        const milliseconds limit = state.TelescopePatience.Call;
-        const double hours = Ask(state, port, limit,
-                                 [](TelescopeDriver& driver) { return driver.RightAscension(); });
-        const double degrees =
-            Ask(state, port, limit, [](TelescopeDriver& driver) { return driver.Declination(); });
-        const std::optional<SkyPosition> ofDate = PositionFrom(hours, degrees);
-        if (!ofDate) {
-            Tell(state, port,
-                 "no valid position: " + NumberText(hours) + " hours, " + NumberText(degrees) +
-                     " degrees",
-                 StatusColour::Red);
-            return;
-        }
-        UpdateClock(state);
-        const SkyPosition position = Precess(*ofDate, state.JulianDate, J2000);
-        state.Inputs.Ra = FormatRA(position.Ra, false, 2);
-        state.Inputs.Dec = FormatDec(position.Dec, false, 1);
+        const auto position = AskForPosition(state, port);
+        if (!position) return;
+        state.Inputs.Ra = FormatRA(position->Ra, false, 2);
+        state.Inputs.Dec = FormatDec(position->Dec, false, 1);
         loaded = true;
         Tell(state, port, "position loaded", StatusColour::Green);
     });
     return loaded;
+}
+
+void TestTelescopeCommand(ProgramState& state, Port& port) {
+    WithTelescope(state, port, [&] {
+        const auto position = AskForPosition(state, port);
+        if (!position) return;
+        Tell(state, port,
+             "connected, it points to " + FormatRA(position->Ra, true, 0) + "  " +
+                 FormatDec(position->Dec, true, 0) + " (J2000)",
+             StatusColour::Green);
+    });
 }
 
 void SyncTelescopeCommand(ProgramState& state, Port& port) {

@@ -19,6 +19,9 @@ void UpdateClock(ProgramState& state);
 /// @return whether the inputs have changed
 bool LoadTelescopeCommand(ProgramState& state, Port& port);
 
+/// Connects to the telescope and tells in the status line where it points.
+void TestTelescopeCommand(ProgramState& state, Port& port);
+
 /// Sync: tells the telescope that it points to the solved centre. Fails as Load does; does nothing
 /// before a solve has succeeded.
 void SyncTelescopeCommand(ProgramState& state, Port& port);

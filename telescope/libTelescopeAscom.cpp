@@ -183,4 +183,8 @@ std::unique_ptr<TelescopeDriver> CreateTelescopeDriver() {
     return std::make_unique<AscomDriver>(id);
 }
 
+std::unique_ptr<TelescopeDriver> CreateTelescopeDriverAt(const std::string& /*address*/) {
+    return CreateTelescopeDriver();
+}
+
 }  // namespace vestrel

@@ -53,4 +53,8 @@ using TelescopeFactory = std::function<std::unique_ptr<TelescopeDriver>()>;
 /// when what is set up cannot be used.
 std::unique_ptr<TelescopeDriver> CreateTelescopeDriver();
 
+/// The driver of a telescope at an address, in the form of `$VESTREL_TELESCOPE`; where telescopes
+/// have none, as on Windows, the one that is set up.
+std::unique_ptr<TelescopeDriver> CreateTelescopeDriverAt(const std::string& address);
+
 }  // namespace vestrel

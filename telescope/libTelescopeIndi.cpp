@@ -385,4 +385,10 @@ std::unique_ptr<TelescopeDriver> CreateTelescopeDriver() {
     return std::make_unique<IndiTelescope>(std::move(*address));
 }
 
+std::unique_ptr<TelescopeDriver> CreateTelescopeDriverAt(const std::string& address) {
+    auto parts = ParseAddress(address.c_str());
+    if (!parts) throw TelescopeError("the address is not indi://host:port/Device Name");
+    return std::make_unique<IndiTelescope>(std::move(*parts));
+}
+
 }  // namespace vestrel

@@ -8,4 +8,8 @@ std::unique_ptr<TelescopeDriver> CreateTelescopeDriver() {
     return nullptr;
 }
 
+std::unique_ptr<TelescopeDriver> CreateTelescopeDriverAt(const std::string& /*address*/) {
+    return CreateTelescopeDriver();
+}
+
 }  // namespace vestrel

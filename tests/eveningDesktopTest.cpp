@@ -1,6 +1,8 @@
 // What an observer meets in an evening with the windows.
 
+#include <QAccessible>
 #include <QClipboard>
+#include <QComboBox>
 #include <QDoubleSpinBox>
 #include <QDropEvent>
 #include <QMenu>
@@ -8,12 +10,19 @@
 #include <QMimeData>
 #include <QPlainTextEdit>
 #include <QScreen>
+#include <QScrollBar>
 #include <QSpinBox>
 #include <QStatusBar>
+#include <QTableWidget>
+#include <QTextBrowser>
+#include <cmath>
 
 #include "astro/libConversions.h"
 #include "astro/libPositionText.h"
 #include "desktop/fPictureArea.h"
+#include "display/libReadout.h"
+#include "program/mPreferences.h"
+#include "program/mTelescope.h"
 #include "program/mTrust.h"
 #include "tests/desktopSupport.h"
 #include "tests/recordingTelescope.h"
@@ -295,6 +304,180 @@ TEST_F(Evening, AnObjectOrAWholePositionIsEnoughForTheCentre) {
     Type("txtRA", "nowhere");
     Press("cmdMatch");
     EXPECT_EQ(Dialogs.Messages, Texts{errorTitle + "Please enter a valid RA value"});
+}
+
+TEST_F(Evening, TheTableKeepsEverySolveAndAFolderIsSolvedBesides) {
+    Solve();
+    Choose("Table of Solutions");
+    QWidget* window = WindowNamed("fSolutions");
+    ASSERT_NE(window, nullptr);
+    auto* rows = window->findChild<QTableWidget*>("tblSolutions");
+    ASSERT_EQ(rows->rowCount(), 1);
+    EXPECT_EQ(Utf8(rows->item(0, 5)->text()), "Sure");
+    const PlateConstants plate = State->Solution->Transform;
+
+    std::filesystem::create_directory(Folder / "night");
+    for (const char* name : {"night/a.fit", "night/b.fit"}) Copy(name);
+    WriteFile(Folder / "night/notes.txt", "no picture");
+    WriteFile(Folder / "night/broken.fit", "SIMPLE  =");
+    WriteQuadTables(Folder / "catalog", Stars, Stars.size(), 0.003, 0.006);
+    auto* solutions = dynamic_cast<SolutionsWindow*>(window);
+    solutions->SolveFolder(QtText((Folder / "night").string()));
+    Window->OpenFile(Copy("other.fit"));  // the windows go on meanwhile
+    EXPECT_TRUE(window->windowTitle().contains(" of 3 - Solutions"));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return rows->rowCount() == 4; }, 30000));
+    EXPECT_EQ(window->windowTitle(), "Solutions");
+    for (const int row : {1, 2}) {
+        EXPECT_EQ(Utf8(rows->item(row, 5)->text()), "Sure") << row;
+        EXPECT_EQ(rows->item(row, 1)->text(), rows->item(0, 1)->text());
+    }
+    EXPECT_EQ(Utf8(rows->item(3, 0)->text()), "broken.fit");
+    EXPECT_EQ(Utf8(rows->item(3, 5)->text()), "No solution");
+    EXPECT_FALSE(State->Solution);
+
+    rows->setCurrentCell(0, 0);
+    QMetaObject::invokeMethod(rows, "cellActivated", Q_ARG(int, 0), Q_ARG(int, 0));
+    ASSERT_TRUE(State->Solution);
+    EXPECT_EQ(State->Image.FileName, Frame);
+    EXPECT_EQ(State->Solution->Transform.a, plate.a);
+    EXPECT_EQ(State->Solution->Transform.c, plate.c);
+    EXPECT_EQ(Shown("lblTrust"), "Sure");
+    EXPECT_EQ(rows->rowCount(), 4);
+    Dialogs.FileToChoose = QtText((Folder / "table").string());
+    QTest::mouseClick(window->findChild<QPushButton*>("cmdExportSolutions"), Qt::LeftButton);
+    const std::string csv = ReadFile(Folder / "table.csv");
+    EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 5);
+    EXPECT_NE(csv.find(FixedText(State->Solution->CentreRA * 57.29577951308232, 6)),
+              std::string::npos);
+}
+
+TEST_F(Evening, SettingsAreKeptAndTakeEffectAtOnce) {
+    const auto script = std::make_shared<TelescopeScript>();
+    std::string asked;
+    Window->TelescopeAt = [&, factory = FactoryOf(script)](const std::string& address) {
+        asked = address;
+        return factory();
+    };
+    const std::filesystem::path usual = State->Catalog.Folder;
+    const auto set = [](const char* name, const std::string& text) {
+        QWidget* settings = WindowNamed("fSettings");
+        auto* input = settings->findChild<QLineEdit*>(name);
+        input->setText(QtText(text));
+        QMetaObject::invokeMethod(input, "editingFinished");
+    };
+    Choose("Settings...");
+    QWidget* settings = WindowNamed("fSettings");
+    ASSERT_NE(settings, nullptr);
+    const auto* facts = settings->findChild<QPlainTextEdit*>("txtCatalogFacts");
+    EXPECT_TRUE(facts->toPlainText().contains("Depth: about magnitude"));
+    set("txtCatalogFolder", (Folder / "none").string());
+    EXPECT_EQ(State->Catalog.Folder, Folder / "none");
+    EXPECT_TRUE(facts->toPlainText().contains("no such folder"));
+    set("txtCatalogFolder", "");
+    EXPECT_EQ(State->Catalog.Folder, usual);
+    set("txtTelescope", "indi://here/Mount");
+    script->Set({}, {}, 5, 20);
+    QTest::mouseClick(settings->findChild<QPushButton*>("cmdTestTelescope"), Qt::LeftButton);
+    EXPECT_EQ(asked, "indi://here/Mount");
+    EXPECT_TRUE(settings->findChild<QLabel*>("lblTelescopeTest")
+                    ->text()
+                    .startsWith("Telescope: connected, it points to "));
+    set("txtLongitude", "-90");
+    UpdateClock(*State);
+    const std::string west = State->Display.Clock;
+    set("txtLongitude", "90");
+    UpdateClock(*State);
+    EXPECT_NE(State->Display.Clock.substr(State->Display.Clock.find("LST")).substr(4, 2),
+              west.substr(west.find("LST")).substr(4, 2));
+    auto* theme = settings->findChild<QComboBox*>("cboTheme");
+    theme->setCurrentIndex(3);
+    QMetaObject::invokeMethod(theme, "activated", Q_ARG(int, 3));
+    EXPECT_TRUE(IsRedOnly(QApplication::palette()));
+    settings->close();
+    Window->close();
+    Open();
+    EXPECT_EQ(PreferenceOf(*State, "telescope"), "indi://here/Mount");
+    EXPECT_TRUE(IsRedOnly(QApplication::palette()));
+    ApplyTheme("");
+}
+
+TEST_F(Evening, HelpOpensAtWhatHasTheKeyboard) {
+    Window->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(Window.get()));
+    Find<QLineEdit>("txtRegions")->setFocus();
+    QTest::keyClick(Find<QLineEdit>("txtRegions"), Qt::Key_F1);
+    QWidget* help = WindowNamed("fHelp");
+    ASSERT_NE(help, nullptr);
+    const int atRegions = help->findChild<QTextBrowser*>()->verticalScrollBar()->value();
+    EXPECT_GT(atRegions, 0);
+    Window->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(Window.get()));
+    Find<QLineEdit>("txtRA")->setFocus();
+    QTest::keyClick(Find<QLineEdit>("txtRA"), Qt::Key_F1);
+    EXPECT_LT(help->findChild<QTextBrowser*>()->verticalScrollBar()->value(), atRegions);
+}
+
+TEST_F(Evening, EveryControlHasANameAndEveryThemeIsReadable) {
+    for (const char* entry :
+         {"Show Image", "Levels", "Star Statistics", "Relative Photometry", "Residuals",
+          "Table of Solutions", "Show Header", "Help", "Edit Parameters...", "Settings..."}) {
+        Choose(entry);
+    }
+    int controls = 0;
+    for (QWidget* window : QApplication::topLevelWidgets()) {
+        if (!window->isVisible()) continue;
+        for (QWidget* control : window->findChildren<QWidget*>()) {
+            const bool takesKeys = (control->focusPolicy() & Qt::TabFocus) != 0;
+            const bool own = !control->objectName().startsWith("qt_");
+            if (!takesKeys || !own || !control->isVisible()) continue;
+            ++controls;
+            QAccessibleInterface* face = QAccessible::queryAccessibleInterface(control);
+            ASSERT_NE(face, nullptr);
+            EXPECT_FALSE(face->text(QAccessible::Name).isEmpty())
+                << Utf8(window->objectName()) << " " << Utf8(control->objectName()) << " "
+                << control->metaObject()->className();
+        }
+        const QSize least = window->minimumSizeHint();
+        EXPECT_TRUE(least.width() <= 960 && least.height() <= 500)
+            << Utf8(window->objectName()) << " " << least.width() << " x " << least.height();
+    }
+    EXPECT_GT(controls, 50);
+
+    // WCAG 2.1, success criterion 1.4.3.
+    const auto luminance = [](const QColor& colour) {
+        const auto part = [](double value) {
+            return value <= 0.03928 ? value / 12.92 : std::pow((value + 0.055) / 1.055, 2.4);
+        };
+        return 0.2126 * part(colour.redF()) + 0.7152 * part(colour.greenF()) +
+               0.0722 * part(colour.blueF());
+    };
+    const auto contrast = [&](const QColor& a, const QColor& b) {
+        const double one = luminance(a) + 0.05;
+        const double other = luminance(b) + 0.05;
+        return std::max(one, other) / std::min(one, other);
+    };
+    for (const char* theme : {"light", "dark", "night"}) {
+        const QPalette palette = *PaletteOf(theme);
+        const QColor window = palette.color(QPalette::Window);
+        const QColor base = palette.color(QPalette::Base);
+        for (const auto role :
+             {QPalette::WindowText, QPalette::Text, QPalette::ButtonText, QPalette::Link}) {
+            EXPECT_GE(contrast(palette.color(role), window), 4.5) << theme << role;
+            EXPECT_GE(contrast(palette.color(role), base), 4.5) << theme << role;
+        }
+        EXPECT_GE(contrast(palette.color(QPalette::PlaceholderText), base), 4.5) << theme;
+        EXPECT_GE(
+            contrast(palette.color(QPalette::HighlightedText), palette.color(QPalette::Highlight)),
+            4.5)
+            << theme;
+        for (const TrustLevel level : {TrustLevel::Sure, TrustLevel::Check, TrustLevel::Doubtful}) {
+            EXPECT_GE(contrast(TrustColour(level, palette), window), 4.5) << theme;
+        }
+        for (const StatusColour colour :
+             {StatusColour::Black, StatusColour::Red, StatusColour::Green}) {
+            EXPECT_GE(contrast(StatusTextColour(colour, palette), window), 4.5) << theme;
+        }
+    }
 }
 
 }  // namespace vestrel

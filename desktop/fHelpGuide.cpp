@@ -1,0 +1,86 @@
+// The guide that F1 opens.
+#include <QString>
+
+#include "desktop/fHelp.h"
+
+namespace vestrel {
+
+QString HelpGuide() {
+    return QString::fromUtf8(R"(
+<a name="top"></a><h2>From a picture to its place in the sky</h2>
+<ol>
+<li><b>Open</b> a picture (Ctrl+O), or drop it on a window.</li>
+<li>Press <b>Just Solve</b> (Ctrl+Enter).</li>
+<li>Look at the word below the status line: <b>Sure</b>, <b>Check</b> or <b>Doubtful</b>.</li>
+<li><b>Show Image</b> (Ctrl+I) shows what was matched, with the names of what is in the picture.</li>
+<li><b>Export Whole Picture</b> (Ctrl+Shift+E in the image window) writes it as PNG or PDF.</li>
+</ol>
+<p>F1 opens this page at the field that has the keyboard.
+<a href="#fKELInfo">Solving</a>, <a href="#trust">trust</a>, <a href="#fImage">the image</a>,
+<a href="#fStats">measuring</a>, <a href="#fSolutions">many pictures</a>,
+<a href="#telescope">the telescope</a>, <a href="#fSettings">settings</a>.</p>
+
+<a name="fKELInfo"></a><h2>Solving</h2>
+<a name="txtRA"></a><a name="txtDec"></a><h3>Approximate centre</h3>
+<p>Right ascension as hours, minutes and seconds (<tt>05 34 32</tt>, <tt>5h34m32s</tt>) or as degrees
+when it is a plain number; declination as degrees, minutes and seconds or plain degrees. A whole
+position pasted into either box fills both, whatever minus and prime signs it has. The name of an
+object does too: <tt>M 42</tt>, <tt>NGC 7000</tt>, <tt>Vega</tt>, <tt>Andromeda Galaxy</tt>. What the
+header of a picture says is filled in when it is opened.</p>
+<a name="txtXsize"></a><a name="txtYsize"></a><a name="cmdUnits"></a><h3>Approximate size</h3>
+<p>Width and height of the picture on the sky. The button beside them changes between arcminutes and
+degrees and leaves the numbers. A size that is 10 % off does no harm, one that is 30 % off does.</p>
+<a name="txtRegions"></a><h3>Search limit</h3>
+<p>How many regions Plate Match tries, on a spiral about the centre. 25 reach about one picture
+farther on each side.</p>
+<a name="cmdMatch"></a><h3>Plate Match</h3>
+<p>Compares the stars of the picture with those of the catalog around the centre, region by region.</p>
+<a name="cmdJustSolve"></a><a name="cmdOffer"></a><h3>Just Solve</h3>
+<p>Tries what is typed, then what the header says, then the whole sky, with ever more patient methods,
+until a match is sure. The stage that runs and the time left stand in the status line. Looking over
+the whole sky needs quad tables (<tt>vestrel-catalog quads</tt>).</p>
+<a name="cmdMORA"></a><h3>MORA</h3>
+<p>Looks four-star patterns up in the quad tables. It finds where the picture points and puts that into
+the inputs; Plate Match then measures it.</p>
+<a name="cmdStop"></a><h3>Stop Search</h3>
+<p>Ends what runs (Escape). What was found before stays.</p>
+
+<a name="trust"></a><a name="fResiduals"></a><a name="cmdResiduals"></a><h2>Trust</h2>
+<p><b>Sure</b>: chance gives such a match less than once in a million searches. <b>Check</b>: it is a
+match, but the fit is poor, the field has another size than was given, or only its place is known.
+<b>Doubtful</b>: it can be chance. The text beside the word says why, and what would settle it.</p>
+<p>The residuals window (Ctrl+D) shows how far each matched star is from where the solution puts it.
+Arrows in all directions are noise; arrows that grow toward the corners are the lens; one long arrow
+is a wrong pair.</p>
+
+<a name="fImage"></a><a name="picImage"></a><h2>The image</h2>
+<p>The wheel zooms about the pointer, dragging moves. F fits, 1 shows single pixels, S lets the screen
+choose levels that show the stars at each zoom, Z magnifies under the pointer, I inverts. E, C, M
+show the stars extracted, of the catalog, and matched; G their magnitudes, O names of objects, R the
+grid, N the compass. The right button (or the menu key) copies coordinates, makes a place the
+approximate centre, measures a star, and tells what is there.</p>
+<a name="fHistogram"></a><h3>Levels</h3>
+<p>Drag the two lines, the sliders or type counts. Then the screen no longer chooses by itself (S).</p>
+
+<a name="fStats"></a><a name="fRelPhot"></a><h2>Measuring</h2>
+<p>With the star statistics open (Ctrl+T) a click on a star measures it; a double click opens them.
+Relative photometry (Ctrl+R) compares two stars that are clicked one after the other.</p>
+
+<a name="fSolutions"></a><a name="tblSolutions"></a><h2>Many pictures</h2>
+<p>The table of solutions (Ctrl+B) keeps every solve of the session. Enter or a double click opens one
+again. <b>Solve Folder</b> solves all pictures of a folder in the background, while you go on.</p>
+
+<a name="telescope"></a><a name="cmdLoad"></a><a name="cmdSync"></a><h2>The telescope</h2>
+<p><b>Load</b> takes the centre from where the telescope points, <b>Sync</b> tells it where it really
+points; a result that is not sure is asked about first.</p>
+
+<a name="fSettings"></a><a name="txtCatalogFolder"></a><a name="txtTelescope"></a>
+<a name="txtLongitude"></a><a name="cboTheme"></a><h2>Settings</h2>
+<p>Where the catalog is and what it holds, the address of the telescope with a test, the longitude for
+the sidereal time, and the colours. <b>Night</b> is dark red, for eyes that are used to the dark. An
+environment variable (<tt>VESTREL_CATALOG</tt>, <tt>VESTREL_TELESCOPE</tt>,
+<tt>VESTREL_LONGITUDE</tt>) is for the start; what is set here wins.</p>
+)");
+}
+
+}  // namespace vestrel

@@ -1,0 +1,108 @@
+#include "desktop/fSettings.h"
+
+#include <QComboBox>
+#include <QDialogButtonBox>
+#include <QFileDialog>
+#include <QFormLayout>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+#include "desktop/libWindows.h"
+#include "platform/libPlatform.h"
+#include "program/mCatalogFacts.h"
+#include "program/mPreferences.h"
+#include "program/mTelescope.h"
+
+namespace vestrel {
+
+SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
+    : QDialog(parent),
+      state_(state),
+      port_(port),
+      theme_(new QComboBox),
+      catalog_(new QPlainTextEdit),
+      telescope_(new QLabel) {
+    setObjectName("fSettings");
+    setWindowTitle("Settings");
+    auto* form = new QFormLayout;
+    auto* choose = new QPushButton("&Choose...");
+    choose->setObjectName("cmdChooseCatalog");
+    auto* test = new QPushButton("&Test");
+    test->setObjectName("cmdTestTelescope");
+    test->setToolTip("Connect, and ask where the telescope points");
+    QLineEdit* folder = AddText(form, "txtCatalogFolder", "Catalog &folder",
+                                QtText(TextFromPath(state.Catalog.Folder)), "catalog", choose);
+    AddText(form, "txtTelescope", "T&elescope", "indi://localhost:7624/Telescope Simulator",
+            "telescope", test);
+    form->addRow({}, telescope_);
+    AddText(form, "txtLongitude", "&Longitude, degrees east", "from the time zone", "longitude");
+    theme_->setObjectName("cboTheme");
+    for (const Theme& theme : Themes) theme_->addItem(theme.Caption, theme.Name);
+    theme_->setCurrentIndex(qMax(0, theme_->findData(QtText(PreferenceOf(state, "theme")))));
+    connect(theme_, &QComboBox::activated, this,
+            [this](int index) { Keep("theme", theme_->itemData(index).toString()); });
+    form->addRow("Co&lours", theme_);
+    telescope_->setObjectName("lblTelescopeTest");
+    telescope_->setTextFormat(Qt::PlainText);
+    telescope_->setWordWrap(true);
+    catalog_->setObjectName("txtCatalogFacts");
+    catalog_->setAccessibleName("What the catalog holds");
+    catalog_->setReadOnly(true);
+    catalog_->setTabChangesFocus(true);
+    catalog_->setMinimumHeight(fontMetrics().lineSpacing() * 6);
+    connect(choose, &QPushButton::clicked, this, [this, folder] {
+        const QString chosen =
+            QFileDialog::getExistingDirectory(this, "Catalog Folder", folder->text());
+        if (chosen.isEmpty()) return;
+        folder->setText(chosen);
+        Keep("catalog", chosen);
+    });
+    connect(test, &QPushButton::clicked, this, [this] {
+        TestTelescopeCommand(state_, port_);
+        telescope_->setText(QtText(state_.Display.Status.Text));
+    });
+    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close);
+    connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
+    auto* layout = new QVBoxLayout(this);
+    layout->addLayout(form);
+    layout->addWidget(catalog_);
+    layout->addWidget(buttons);
+    WithoutDefaultButtons(*this);
+    resize(fontMetrics().averageCharWidth() * 90, sizeHint().height());
+    ShowCatalog();
+}
+
+QLineEdit* SettingsWindow::AddText(QFormLayout* layout, const char* name, const QString& caption,
+                                   const QString& hint, const char* preference, QWidget* button) {
+    auto* input = new QLineEdit(QtText(PreferenceOf(state_, preference)));
+    input->setObjectName(name);
+    input->setPlaceholderText(hint);
+    input->setAccessibleName(QString(caption).remove('&'));
+    connect(input, &QLineEdit::editingFinished, this,
+            [this, input, preference] { Keep(preference, input->text()); });
+    auto* label = new QLabel(caption);
+    label->setBuddy(input);
+    auto* row = new QHBoxLayout;
+    row->addWidget(input, 1);
+    if (button != nullptr) row->addWidget(button);
+    layout->addRow(label, row);
+    return input;
+}
+
+void SettingsWindow::Keep(const char* preference, const QString& text) {
+    const std::string value = Utf8(text.trimmed());
+    if (PreferenceOf(state_, preference) == value) return;
+    SetPreference(state_, preference, value);
+    if (OnChanged) OnChanged();
+    ShowCatalog();
+}
+
+void SettingsWindow::ShowCatalog() {
+    catalog_->setPlainText(QtText(CatalogFacts(state_)));
+}
+
+}  // namespace vestrel

@@ -1,0 +1,38 @@
+// The settings window: where the catalog, the telescope and the observer are, and how the windows
+// look.
+#pragma once
+
+#include <QDialog>
+#include <functional>
+
+#include "program/mGeneral.h"
+
+class QComboBox;
+class QFormLayout;
+class QLabel;
+class QLineEdit;
+class QPlainTextEdit;
+
+namespace vestrel {
+
+class SettingsWindow : public QDialog {
+ public:
+    SettingsWindow(ProgramState& state, Port& port, QWidget* parent);
+
+    /// A setting has changed: what is kept of it is in the preferences.
+    std::function<void()> OnChanged;
+
+ private:
+    QLineEdit* AddText(QFormLayout* layout, const char* name, const QString& caption,
+                       const QString& hint, const char* preference, QWidget* button = nullptr);
+    void Keep(const char* preference, const QString& text);
+    void ShowCatalog();
+
+    ProgramState& state_;
+    Port& port_;
+    QComboBox* theme_;
+    QPlainTextEdit* catalog_;
+    QLabel* telescope_;
+};
+
+}  // namespace vestrel

@@ -1,0 +1,131 @@
+#include "desktop/fSolutions.h"
+
+#include <QDialogButtonBox>
+#include <QFileDialog>
+#include <QHeaderView>
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTableWidget>
+#include <QVBoxLayout>
+
+#include "desktop/libWindows.h"
+
+namespace vestrel {
+
+SolutionsWindow::SolutionsWindow(ProgramState& state, Port& port)
+    : QDialog(nullptr, Qt::Window),
+      state_(state),
+      port_(port),
+      rows_(new QTableWidget(0, static_cast<int>(SolutionColumns.size()))),
+      told_(new QLabel("Every solve of this session. Enter or a double click opens it again.")),
+      bar_(new QProgressBar) {
+    setObjectName("fSolutions");
+    setWindowTitle("Solutions");
+    told_->setObjectName("lblSolutions");
+    told_->setTextFormat(Qt::PlainText);
+    told_->setWordWrap(true);
+    bar_->setObjectName("picFolder");
+    bar_->setAccessibleName("Pictures of the folder that are done");
+    bar_->hide();
+    rows_->setObjectName("tblSolutions");
+    rows_->setAccessibleName("Solutions of this session");
+    QStringList captions;
+    for (const char* caption : SolutionColumns) captions << caption;
+    rows_->setHorizontalHeaderLabels(captions);
+    rows_->setEditTriggers(QTableWidget::NoEditTriggers);
+    rows_->setSelectionBehavior(QTableWidget::SelectRows);
+    rows_->setWordWrap(false);
+    rows_->setTabKeyNavigation(false);
+    rows_->horizontalHeader()->setSectionResizeMode(QHeaderView::ResizeToContents);
+    rows_->horizontalHeader()->setSectionResizeMode(rows_->columnCount() - 1, QHeaderView::Stretch);
+    rows_->verticalHeader()->setDefaultSectionSize(fontMetrics().height() + 8);
+    connect(rows_, &QTableWidget::cellActivated, this, [this](int row, int) {
+        if (OnRestore) OnRestore(pictures_[static_cast<std::size_t>(row)]);
+    });
+    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close);
+    auto* folder = buttons->addButton("Solve &Folder...", QDialogButtonBox::ActionRole);
+    folder->setObjectName("cmdFolder");
+    stop_ = buttons->addButton("S&top", QDialogButtonBox::ActionRole);
+    stop_->setObjectName("cmdStopFolder");
+    export_ = buttons->addButton("&Export CSV...", QDialogButtonBox::ActionRole);
+    export_->setObjectName("cmdExportSolutions");
+    connect(folder, &QPushButton::clicked, this, [this] { AskForFolder(); });
+    connect(stop_, &QPushButton::clicked, this, [this] {
+        if (solver_) solver_->Stop();
+    });
+    connect(export_, &QPushButton::clicked, this,
+            [this] { ExportSolutions(state_, port_, pictures_); });
+    connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
+    auto* layout = new QVBoxLayout(this);
+    layout->addWidget(told_);
+    layout->addWidget(rows_, 1);
+    layout->addWidget(bar_);
+    layout->addWidget(buttons);
+    resize(fontMetrics().averageCharWidth() * 130, 420);
+    WithoutDefaultButtons(*this);
+    ShowProgress();
+}
+
+void SolutionsWindow::Add(const SolvedPicture& picture) {
+    pictures_.push_back(picture);
+    const int row = rows_->rowCount();
+    rows_->insertRow(row);
+    int column = 0;
+    for (const std::string& cell : SolutionCells(picture)) {
+        auto* item = new QTableWidgetItem(QtText(cell));
+        item->setToolTip(column == 0 ? QtText(picture.Path) : QtText(cell));
+        rows_->setItem(row, column++, item);
+    }
+    rows_->item(row, 5)->setForeground(
+        TrustColour(picture.Solution ? picture.Verdict.Level : TrustLevel::Doubtful, palette()));
+    rows_->scrollToBottom();
+    ShowProgress();
+}
+
+void SolutionsWindow::ShowProgress() {
+    const bool runs = done_ < wanted_;
+    setWindowTitle(runs ? QString("%1 of %2 - Solutions").arg(done_).arg(wanted_) : "Solutions");
+    bar_->setRange(0, wanted_);
+    bar_->setValue(done_);
+    bar_->setVisible(runs);
+    stop_->setEnabled(runs);
+    export_->setEnabled(!pictures_.empty());
+}
+
+void SolutionsWindow::AskForFolder() {
+    const QString folder = QFileDialog::getExistingDirectory(
+        this, "Solve Folder", QtText(state_.Parameters.LastOpenFolder));
+    if (!folder.isEmpty()) SolveFolder(folder);
+}
+
+void SolutionsWindow::SolveFolder(const QString& folder) {
+    solver_.reset();
+    const std::vector<std::string> paths = PicturesIn(Utf8(folder));
+    wanted_ = static_cast<int>(paths.size());
+    done_ = 0;
+    if (paths.empty()) told_->setText("There is no picture in " + folder);
+    if (!paths.empty()) told_->setText("Solving the pictures of " + folder);
+    const auto last = paths.empty() ? std::string() : paths.back();
+    solver_ = std::make_unique<BackgroundSolver>(
+        state_.Parameters, state_.Catalog.Folder, paths,
+        [this, last](const SolvedPicture& picture) {
+            // From the solver's thread to that of the windows.
+            QMetaObject::invokeMethod(
+                this,
+                [this, picture, ends = picture.Path == last || picture.Failure == "Stopped"] {
+                    ++done_;
+                    if (ends) wanted_ = done_;
+                    Add(picture);
+                },
+                Qt::QueuedConnection);
+        });
+    ShowProgress();
+}
+
+void SolutionsWindow::showEvent(QShowEvent* event) {
+    QDialog::showEvent(event);
+    KeepOnScreen(*this);
+}
+
+}  // namespace vestrel

@@ -1,0 +1,50 @@
+// The solutions window: every solve of the session, and folders that are solved in the background.
+#pragma once
+
+#include <QDialog>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "program/mSolutionTable.h"
+
+class QLabel;
+class QProgressBar;
+class QPushButton;
+class QTableWidget;
+
+namespace vestrel {
+
+class SolutionsWindow : public QDialog {
+ public:
+    SolutionsWindow(ProgramState& state, Port& port);
+
+    /// The loaded image was solved.
+    void Add(const SolvedPicture& picture);
+    /// Solves all pictures of a folder while the windows go on.
+    void SolveFolder(const QString& folder);
+
+    /// The picture of a row is to be opened with its solution.
+    std::function<void(const SolvedPicture&)> OnRestore;
+
+ protected:
+    void showEvent(QShowEvent* event) override;
+
+ private:
+    void ShowProgress();
+    void AskForFolder();
+
+    ProgramState& state_;
+    Port& port_;
+    QTableWidget* rows_;
+    QLabel* told_;
+    QProgressBar* bar_;
+    QPushButton* stop_ = nullptr;
+    QPushButton* export_ = nullptr;
+    std::vector<SolvedPicture> pictures_;
+    int wanted_ = 0;
+    int done_ = 0;
+    std::unique_ptr<BackgroundSolver> solver_;
+};
+
+}  // namespace vestrel
