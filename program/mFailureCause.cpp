@@ -323,8 +323,8 @@ const char* NameOf(FailureKind kind) {
 }
 
 double InquirySeconds(const SearchRequest& request) {
-    constexpr double part = 0.1;
-    constexpr double most = 2;
+    constexpr double part = 0.15;
+    constexpr double most = 3;
     if (request.Around.empty() || request.Everywhere) return 0;
     return std::min(part * request.TimeLimit, most);
 }
