@@ -188,11 +188,15 @@ std::string Plot(const std::vector<Row>& rows, const std::string& title, double 
                       "\" role=\"img\"><title>" + Escaped(title) + "</title>\n";
     const double step = StepFor(greatest - least);
     const int decimals = std::max(0, static_cast<int>(std::ceil(-std::log10(step) - 1e-9)));
-    for (double tick = std::ceil(least / step) * step; tick <= greatest; tick += step) {
+    const auto firstTick = static_cast<long>(std::ceil(least / step));
+    const auto lastTick = static_cast<long>(std::floor(greatest / step));
+    for (long number = firstTick; number <= lastTick; ++number) {
+        const double tick = static_cast<double>(number) * step;
         const std::string y = Fixed(height(tick), 1);
-        svg += "<path class=\"grid\" d=\"M" + Fixed(leftMargin, 0) + " " + y + "H" +
-               Fixed(plotWidth - plotMargin, 0) + "\"/><text x=\"" + Fixed(leftMargin - 6, 0) +
-               "\" y=\"" + y + "\" class=\"tick\">" + Fixed(tick + 0.0, decimals) + "</text>\n";
+        svg.append("<path class=\"grid\" d=\"M" + Fixed(leftMargin, 0) + " ")
+            .append(y + "H" + Fixed(plotWidth - plotMargin, 0) + "\"/><text x=\"")
+            .append(Fixed(leftMargin - 6, 0) + "\" y=\"" + y + "\" class=\"tick\">")
+            .append(Fixed(tick + 0.0, decimals) + "</text>\n");
     }
     for (std::size_t i = 1; i < rows.size(); ++i) {
         if (!rows[i].NewTarget) continue;
@@ -249,7 +253,7 @@ constexpr const char* head =
     "table{border-collapse:collapse;width:100%;font-variant-numeric:tabular-nums}\n"
     "th,td{text-align:left;padding:.2em .5em;border-bottom:1px solid #8884;vertical-align:top}\n"
     "td.n,th.n{text-align:right;white-space:nowrap}.failed td{color:#c22f3a}\n"
-    "td.p{overflow-wrap:anywhere}.w{overflow-x:auto}\n"
+    "td.p{overflow-wrap:anywhere;min-width:11em}.w{overflow-x:auto}\n"
     "@media(prefers-color-scheme:dark){body{color:#ddd;background:#16181c}"
     ".failed td{color:#ff7a82}}\n"
     "</style></head><body>\n";
