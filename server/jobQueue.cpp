@@ -237,7 +237,8 @@ void JobQueue::Finish(Job job) {
     bytes_ = bytes_ - job.Bytes + size;
     job.Bytes = size;
     --waiting_;
-    jobs_[job.Report.Id] = std::move(job);
+    const int id = job.Report.Id;
+    jobs_[id] = std::move(job);
     MakeRoom();
 }
 
