@@ -80,7 +80,7 @@ void SolveWindow::BuildControls() {
     clock->setAccessibleName("Universal time, Julian date and local sidereal time");
     statusBar()->addPermanentWidget(clock);
     const int bars = 2 * (fontMetrics().height() + 12);
-    resize(central->sizeHint() + QSize(60, 36 + bars));
+    resize(central->sizeHint() + QSize(60, 36 + bars + 6 * fontMetrics().lineSpacing()));
 
     auto* escape = new QShortcut(Qt::Key_Escape, this);
     connect(escape, &QShortcut::activated, this, [this] { Stop(); });
@@ -254,6 +254,8 @@ QGroupBox* SolveWindow::BuildStatus() {
     details_->setLineWrapMode(QPlainTextEdit::NoWrap);
     details_->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
     details_->setPlaceholderText("What a solve saw is told here.");
+    // It takes the room that is left.
+    details_->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Ignored);
     details_->setMinimumHeight(QFontMetrics(details_->font()).lineSpacing() * 5);
 
     auto* lines = new QHBoxLayout;

@@ -78,7 +78,6 @@ SearchRequest RequestForAnything(const ProgramState& state) {
     constexpr std::int32_t usualRegions = 25;
     SearchRequest request;
     request.Everywhere = true;
-    request.TimeLimit = patience;
     const SolveInputs& inputs = state.Inputs;
     GivenStart given;
     const double ra = ParseRA(inputs.Ra);
@@ -105,6 +104,40 @@ SearchRequest RequestForAnything(const ProgramState& state) {
     return request;
 }
 
+SolveCode SolveWithAnything(ProgramState& state, Port& port, double seconds, PlanReport& report,
+                            const std::function<void(const std::string&)>& onAttempt) {
+    const auto start = steady_clock::now();
+    const auto left = [&] {
+        return seconds - std::chrono::duration<double>(steady_clock::now() - start).count();
+    };
+    SolveCode code = SolveCode::NoMatch;
+    const SearchRequest all = RequestForAnything(state);
+    report = {};
+    // What is typed may be of another picture: the whole sky comes before any patience with it.
+    for (const bool patient : {false, true}) {
+        SearchRequest request = all;
+        request.Everywhere = !patient;
+        request.TimeLimit = left();
+        for (SearchHint& hint : request.Around) hint.Briefly = !patient;
+        if (patient && (request.Around.empty() || code != SolveCode::NoMatch || left() <= 0)) break;
+        PlanReport before = std::move(report);
+        report = {};
+        request.OnAttempt = [&](const std::string& name) {
+            if (!onAttempt) return;
+            PlanReport so = before;
+            so.Attempts.insert(so.Attempts.end(), report.Attempts.begin(), report.Attempts.end());
+            std::swap(report, so);
+            onAttempt(name);
+            std::swap(report, so);
+        };
+        code = SolveByPlan(state, port, request, report);
+        report.Attempts.insert(report.Attempts.begin(), before.Attempts.begin(),
+                               before.Attempts.end());
+        if (!report.Candidate) report.Candidate = std::move(before.Candidate);
+    }
+    return code;
+}
+
 std::string CandidateText(const PlanReport& report) {
     if (!report.Candidate) return {};
     const PlateSolution& candidate = *report.Candidate;
@@ -120,16 +153,15 @@ void JustSolveCommand(ProgramState& state, Port& port) {
     display.StartRa = display.StartDec = display.StartSize = display.StartRegions = {};
     state.QuadMatch.Code = SolveCode::NoMatch;
     PlanReport report;
-    SearchRequest request = RequestForAnything(state);
-    request.OnAttempt = [&](const std::string& name) {
-        display.Details = StagesText(report);
-        display.Stage =
-            "Stage " + std::to_string(report.Attempts.size() + 1) + ": " + StageName(name);
-        port.DisplayChanged();
-    };
     state.SearchEnds =
         steady_clock::now() + std::chrono::milliseconds(static_cast<std::int64_t>(patience * 1000));
-    const SolveCode code = SolveByPlan(state, port, request, report);
+    const SolveCode code =
+        SolveWithAnything(state, port, patience, report, [&](const std::string& name) {
+            display.Details = StagesText(report);
+            display.Stage =
+                "Stage " + std::to_string(report.Attempts.size() + 1) + ": " + StageName(name);
+            port.DisplayChanged();
+        });
     state.SearchEnds.reset();
     display.Stage.clear();
     const std::string stages = StagesText(report);

@@ -2,6 +2,7 @@
 // then the whole sky, until a solution is sure.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "program/mGeneral.h"
@@ -12,6 +13,12 @@ namespace vestrel {
 /// What there is to start from: the inputs that are valid, then what the picture says, at most four
 /// places; and the whole sky after them.
 SearchRequest RequestForAnything(const ProgramState& state);
+
+/// Solves the loaded image with whatever is known: first the plain search around each place and the
+/// whole sky, then every other method around the places.
+/// @param onAttempt told the name of each attempt; `report` has those before it
+SolveCode SolveWithAnything(ProgramState& state, Port& port, double seconds, PlanReport& report,
+                            const std::function<void(const std::string&)>& onAttempt = {});
 
 /// The likeliest match of a plan that was not sure, in a line; empty when there was none.
 std::string CandidateText(const PlanReport& report);

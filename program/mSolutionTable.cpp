@@ -68,10 +68,8 @@ SolvedPicture SolveFile(const SolveParameters& parameters, const std::filesystem
         picture.Failure = port.Message.empty() ? "Not an image" : FirstLine(port.Message);
         return picture;
     }
-    SearchRequest request = RequestForAnything(*state);
-    request.TimeLimit = patience;
     PlanReport report;
-    const SolveCode code = SolveByPlan(*state, port, request, report);
+    const SolveCode code = SolveWithAnything(*state, port, patience, report);
     picture = PictureOf(*state);
     if (code != SolveCode::Solved) {
         picture.Failure = stopped ? "Stopped" : state->Display.Status.Text;
