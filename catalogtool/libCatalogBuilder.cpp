@@ -39,16 +39,24 @@ bool AreSameStar(const CatalogStar& a, const CatalogStar& b) {
     return north * north + east * east < sameStar * sameStar;
 }
 
-/// Whether a star that lies as near as one that may be the same can be in another cell.
-bool IsAtAnEdge(const CatalogStar& star) {
-    const CellPosition cell = CellOfStored(star);
-    const double reach = 1.01 * sameStar;
-    const double aside = std::min(reach / std::max(std::cos(DecOf(star)), 1e-6), 0.1);
-    return !(CellOf({RaOf(star), DecOf(star) + reach}) == cell) ||
-           !(CellOf({RaOf(star), DecOf(star) - reach}) == cell) ||
-           (cell.Zone < ZonesPerHemisphere - 1 &&
-            (!(CellOf({RaOf(star) + aside, DecOf(star)}) == cell) ||
-             !(CellOf({RaOf(star) - aside, DecOf(star)}) == cell)));
+/// Whether a star that may be the same as this one can be in another cell. Asked of every star, so
+/// it makes do with the place in the cell and the cosine at the cell's end.
+bool IsAtAnEdge(const CatalogStar& star, const CellPosition& cell) {
+    static const auto cosines = [] {
+        std::array<double, ZonesPerHemisphere> atEnd{};
+        for (std::size_t zone = 0; zone < atEnd.size(); ++zone) {
+            atEnd[zone] = std::cos(2.5 * static_cast<double>(zone + 1) * RadiansPerDegree);
+        }
+        return atEnd;
+    }();
+    constexpr double reach = 1.01 * sameStar * ExactDegreesPerRadian;
+    const double inZone = std::fabs(DecOf(star)) * DegreesPerRadian - 2.5 * cell.Zone;
+    if (inZone < reach || inZone > 2.5 - reach) return true;
+    if (cell.Zone == ZonesPerHemisphere - 1) return false;
+    const double width = SliceWidth(cell.Zone);
+    const double inSlice = RaOf(star) * DegreesPerRadian - static_cast<double>(cell.Slice) * width;
+    const double aside = reach / cosines[static_cast<std::size_t>(cell.Zone)];
+    return inSlice < aside || inSlice > width - aside;
 }
 
 /// Boxes of space somewhat larger than two stars can differ in place and still be one: without
@@ -94,11 +102,12 @@ std::filesystem::path CatalogBuilder::FileOf(std::size_t cell) const {
 
 void CatalogBuilder::Add(const CatalogStar& star, unsigned char source) {
     SeveralSources = SeveralSources || source > 0;
-    if (IsAtAnEdge(star) && IsKnownBeyondTheEdge(star, source)) {
+    const CellPosition cell = CellOfStored(star);
+    if (IsAtAnEdge(star, cell) && IsKnownBeyondTheEdge(star, source)) {
         ++MergedCount;
         return;
     }
-    Gatherings[CellNumber(CellOfStored(star))].Stars.push_back({star, source});
+    Gatherings[CellNumber(cell)].Stars.push_back({star, source});
     if (++Gathered >= Limit) Spill();
 }
 
