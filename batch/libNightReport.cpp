@@ -52,7 +52,10 @@ std::string TextAt(const nlohmann::ordered_json& line, const char* key) {
 
 double NumberAt(const nlohmann::ordered_json& line, const char* key) {
     const auto found = line.find(key);
-    return found != line.end() && found->is_number() ? found->get<double>() : notThere;
+    const double value =
+        found != line.end() && found->is_number() ? found->get<double>() : notThere;
+    constexpr double beyondAnyUse = 1e9;
+    return std::fabs(value) < beyondAnyUse ? value : notThere;
 }
 
 Row RowOf(const nlohmann::ordered_json& line) {

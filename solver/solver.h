@@ -272,7 +272,8 @@ class VESTREL_PUBLIC Solver {
     /// range and numbers that are not finite
     PictureFacts Open(const StarField& stars, const SolverWatch& watch = SolverWatch());
 
-    /// Solves the picture that is open. A second time it begins anew, with the stars of the first.
+    /// Solves the picture that is open. A second time it begins anew, on the picture as the first
+    /// time left it: without its background, and smoothed when there were few stars.
     /// @throws std::invalid_argument for hints outside their ranges
     SolverOutcome Solve(const SolverHints& hints, const SolverWatch& watch = SolverWatch());
 
