@@ -81,6 +81,12 @@ class Installed(unittest.TestCase):
             end = run(folder / name, "-h", env=self.environment)
             self.assertIn(said, end.stdout + end.stderr)
             self.assertFalse((self.usr / "bin" / name).exists())
+        # They find the decoders: this picture needs one, and has no stars.
+        picture = self.frame.with_name("wide.fits")
+        cards = ["SIMPLE  =                    T", "BITPIX  =                   32", "NAXIS   =                    2",
+                 "NAXIS1  =                  300", "NAXIS2  =                  300", "END"]
+        picture.write_bytes("".join(card.ljust(80) for card in cards).ljust(2880).encode() + bytes(362880))
+        self.assertEqual(run(folder / "astap", "-f", picture, env=self.environment).returncode, 2)
 
     def test_without_a_display_there_is_a_word_about_it(self):
         for arguments in ([], [self.frame]):
