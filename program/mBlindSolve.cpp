@@ -71,21 +71,22 @@ bool FindCentreByQuads(ProgramState& state, Port& port, double width, double hei
 
 namespace {
 
-/// Solves from the centre and with the field that the quads gave. A failure leaves the report of
-/// an earlier search as it was.
+/// Solves from the centre and with the field that the quads gave. Unless it succeeds the report
+/// stays that of the searches before, but for the times.
 bool MeasureFromQuads(ProgramState& state, Port& port, double tolerance) {
     // The centre that few stars near a corner give may be off by a small part of the field.
     constexpr std::int32_t regions = 9;
-    const SolveReport before = state.Report;
-    state.Report.RegionsTried = 0;
-    state.Report.CatalogAtStart = CatalogPresence::Present;
+    SolveReport report = state.Report;
+    report.RegionsTried = 0;
+    report.CatalogAtStart = CatalogPresence::Present;
     const double radiansPerPixel = 1 / state.QuadMatch.Geometry.Scale / ArcsecondsPerRadian;
     const PlateSearch search{state.QuadMatch.Centre, state.Image.Width * radiansPerPixel,
                              state.Image.Height * radiansPerPixel, regions, tolerance};
-    if (MatchPlateStars(state, port, search) == SolveCode::Solved) return true;
-    const StageTimes times = state.Report.Times;
-    state.Report = before;
-    state.Report.Times = times;
+    if (MatchPlateStars(state, port, search, report) == SolveCode::Solved) {
+        state.Report = report;
+        return true;
+    }
+    state.Report.Times = report.Times;
     state.Report.UnmeasuredCentre = state.QuadMatch.Centre;
     return false;
 }

@@ -77,6 +77,36 @@ PlateSolution RegionSolution(const ProgramState& state, const RegionMatch& regio
     return solution;
 }
 
+RegionSettings SettingsFor(const PlateSearch& search, const SolveParameters& parameters) {
+    return RegionSettingsFor(search.Width, search.Height, search.MatchTolerance,
+                             {parameters.MatchTolerance, parameters.MatchDivisor,
+                              parameters.MaxGeometricError, parameters.MaxStars});
+}
+
+/// Reads and matches one region, and shows and reports how far it came. `Found.Matched` tells
+/// whether it goes with the plate stars.
+RegionMatch TryRegion(ProgramState& state, Port& port, RegionMatcher& matcher, SkyPosition centre,
+                      SolveReport& report) {
+    RegionMatch region;
+    {
+        const StageTimer timer(report.Times.Catalog);
+        region = matcher.Read(centre);
+        const std::int32_t count = region.CatalogStars.Count();
+        state.Display.FoundInCatalog = std::to_string(count);
+        if (report.RegionsTried == 0) {
+            report.CatalogStarsAtStart = count;
+            if (count == 0) report.CatalogAtStart = PresenceOfCatalog(state.Catalog);
+        }
+        port.DisplayChanged();
+    }
+    const StageTimer timer(report.Times.Matching);
+    matcher.Match(region, StoppableProgress(state, port));
+    port.ShowProgress(0);
+    ++report.RegionsTried;
+    if (!region.Found.Matched) KeepBestAttempt(report, region);
+    return region;
+}
+
 }  // namespace
 
 SolveCode SolvePlate(ProgramState& state, Port& port, const PlateSearch& search) {
@@ -84,7 +114,7 @@ SolveCode SolvePlate(ProgramState& state, Port& port, const PlateSearch& search)
     port.Yield();
     return WithinMemory(state, port, [&] {
         if (!FindPlateStars(state, port)) return SolveCode::TooFewStars;
-        return MatchPlateStars(state, port, search);
+        return MatchPlateStars(state, port, search, state.Report);
     });
 }
 
@@ -133,50 +163,19 @@ bool FindPlateStars(ProgramState& state, Port& port) {
     return count >= fewestStars;
 }
 
-RegionSettings BeginRegions(ProgramState& state, double width, double height,
-                            double matchTolerance) {
-    const SolveParameters& parameters = state.Parameters;
-    const RegionSettings settings =
-        RegionSettingsFor(width, height, matchTolerance,
-                          {parameters.MatchTolerance, parameters.MatchDivisor,
-                           parameters.MaxGeometricError, parameters.MaxStars});
-    state.Report.SearchRadius = settings.Radius;
-    state.Report.MagnitudeLimit = settings.MagnitudeLimit;
-    return settings;
-}
-
-RegionMatch TryRegion(ProgramState& state, Port& port, RegionMatcher& matcher, SkyPosition centre) {
-    SolveReport& report = state.Report;
-    RegionMatch region;
-    {
-        const StageTimer timer(report.Times.Catalog);
-        region = matcher.Read(centre);
-        const std::int32_t count = region.CatalogStars.Count();
-        state.Display.FoundInCatalog = std::to_string(count);
-        if (report.RegionsTried == 0) {
-            report.CatalogStarsAtStart = count;
-            if (count == 0) report.CatalogAtStart = PresenceOfCatalog(state.Catalog);
-        }
-        port.DisplayChanged();
-    }
-    const StageTimer timer(report.Times.Matching);
-    matcher.Match(region, StoppableProgress(state, port));
-    port.ShowProgress(0);
-    ++report.RegionsTried;
-    if (!region.Found.Matched) KeepBestAttempt(report, region);
-    return region;
-}
-
-SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& search) {
+SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& search,
+                          SolveReport& report) {
     state.Display.BusyIndicator = true;
     state.Display.Status1 = {"", StatusColour::Black, false};
     state.Display.CentreCaption = "Search Center";
     ShowStatus(state, port, "Attempting Match");
     port.Yield();
 
-    RegionMatcher matcher(state.Catalog, state.PlateStars,
-                          BeginRegions(state, search.Width, search.Height, search.MatchTolerance));
-    RegionMatch region = TryRegion(state, port, matcher, search.Start);
+    const RegionSettings settings = SettingsFor(search, state.Parameters);
+    report.SearchRadius = settings.Radius;
+    report.MagnitudeLimit = settings.MagnitudeLimit;
+    RegionMatcher matcher(state.Catalog, state.PlateStars, settings);
+    RegionMatch region = TryRegion(state, port, matcher, search.Start, report);
     ShowCentre(state, port, region.Centre);
     state.Display.BusyIndicator = false;
     port.DisplayChanged();
@@ -208,11 +207,11 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
         const SkyPosition centre = grid.PlaneToSky(i * step, j * step);
         ShowCentre(state, port, centre);
         port.Yield();
-        region = TryRegion(state, port, matcher, centre);
+        region = TryRegion(state, port, matcher, centre, report);
         ++k;
         // The limit is looked at before the match: the region beyond it cannot succeed.
     } while (k <= search.RegionLimit);
-    state.Report.RegionsTried = std::max(search.RegionLimit, 1);
+    report.RegionsTried = std::max(search.RegionLimit, 1);
     ShowStatus(state, port, "No Match Found", StatusColour::Red);
     return SolveCode::NoMatch;
 }
@@ -242,10 +241,6 @@ void ShowPlateGeometry(ProgramState& state, const FitGeometry& geometry, double 
     display.Stretch = RoundedText(-geometry.Stretch, 3);
     display.Skew = RoundedText(geometry.Skew, 3);
     display.Angle = RoundedText(PositionAngleDegrees(geometry.Angle), 2) + DegreeSign;
-}
-
-void TakeRegion(ProgramState& state, Port& port, const RegionMatch& region, std::int32_t regions) {
-    FinishPlateSolution(state, port, RegionSolution(state, region, regions));
 }
 
 void FinishPlateSolution(ProgramState& state, Port& port, PlateSolution solution) {

@@ -46,20 +46,9 @@ SolveCode WithinMemory(ProgramState& state, Port& port, const std::function<Solv
 bool FindPlateStars(ProgramState& state, Port& port);
 
 /// The search of `SolvePlate` over regions, with the plate stars that are there.
-SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& search);
-
-/// Reads and matches one region, and shows and reports how far it came. `Found.Matched` tells
-/// whether it goes with the plate stars.
-RegionMatch TryRegion(ProgramState& state, Port& port, RegionMatcher& matcher, SkyPosition centre);
-
-/// The settings that the state gives to a search over regions of a field of view (radians).
-/// Begins its report.
-RegionSettings BeginRegions(ProgramState& state, double width, double height,
-                            double matchTolerance);
-
-/// After a match: makes the solution that follows from it that of the image.
-/// @param regions tried, this one included
-void TakeRegion(ProgramState& state, Port& port, const RegionMatch& region, std::int32_t regions);
+/// @param report takes what the search goes through: the report of the state, or another one
+SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& search,
+                          SolveReport& report);
 
 /// Makes a solution that of the image: shows it and stores it in the image header.
 void FinishPlateSolution(ProgramState& state, Port& port, PlateSolution solution);
