@@ -16,7 +16,6 @@
 #include "bench/silentPort.h"
 #include "catalog/libCatalogRegion.h"
 #include "platform/libPlatform.h"
-#include "program/mBlindSolve.h"
 #include "program/mMORA.h"
 #include "tools/libFrameRenderer.h"
 
@@ -144,7 +143,8 @@ void Measure(ProgramState& state, const QuadBand& band, int lists) {
             state.QuadMatch = {};
             OpenTables(state, trial);
             Count(sure, state, trial,
-                  FindCentreByQuads(state, port, trial.Width, trial.Height, tolerance));
+                  SearchQuads(state, port, state.PlateStars, trial.Width, trial.Height, tolerance,
+                              [](const QuadSearch& search) { return IsSure(search); }));
             seconds += state.QuadMatch.Seconds;
             read.push_back(state.Quads.Tables.BytesRead());
         }

@@ -64,18 +64,6 @@ int SlicesInZone(int zone) {
     return static_cast<int>(360 / SliceWidth(zone));
 }
 
-std::vector<std::string> AllCellNames() {
-    std::vector<std::string> names;
-    for (const bool south : {false, true}) {
-        for (int zone = 0; zone < ZonesPerHemisphere; ++zone) {
-            for (int slice = 0; slice < SlicesInZone(zone); ++slice) {
-                names.push_back(CellName(CellPosition{south, zone, slice}));
-            }
-        }
-    }
-    return names;
-}
-
 bool IsCellName(std::string_view name) {
     const auto digit = [&](std::size_t i) { return name[i] >= '0' && name[i] <= '9'; };
     if (name.size() != 6 || (name[0] != 'N' && name[0] != 'S') || name[3] != 'R') return false;

@@ -49,9 +49,6 @@ std::string CellName(const CellPosition& cell);
 int SlicesInZone(int zone);
 double SliceWidth(int zone);
 
-/// The names of all cells of the grid, north before south, outward from the equator.
-std::vector<std::string> AllCellNames();
-
 /// Whether a text names a cell of the grid.
 bool IsCellName(std::string_view name);
 

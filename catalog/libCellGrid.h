@@ -27,7 +27,7 @@ using StarSink = std::function<void(const SkyStar&)>;
 inline constexpr double BrightestMagnitude = -30;
 inline constexpr double FaintestMagnitude = 40;
 
-/// All cells, in the order of `AllCellNames`.
+/// All cells of the grid, north before south, outward from the equator.
 const std::vector<CellPosition>& AllCells();
 
 /// The place of a cell of the grid in `AllCells`.

@@ -166,20 +166,6 @@ ImageHistogram MakeImageHistogram(const PlateImage& image, std::int64_t mostBins
     return histogram;
 }
 
-ImageHistogram Rebinned(const ImageHistogram& histogram, std::int64_t columns) {
-    const auto bins = static_cast<std::int64_t>(histogram.Bins.size());
-    columns = std::max<std::int64_t>(columns, 1);
-    const std::int64_t together = std::max<std::int64_t>((bins + columns - 1) / columns, 1);
-    ImageHistogram result = histogram;
-    result.BinWidth = histogram.BinWidth * together;
-    result.Bins.assign(static_cast<std::size_t>((bins + together - 1) / together), 0);
-    for (std::int64_t k = 0; k < bins; ++k) {
-        result.Bins[static_cast<std::size_t>(k / together)] +=
-            histogram.Bins[static_cast<std::size_t>(k)];
-    }
-    return result;
-}
-
 SkyEstimate EstimateSky(const ImageHistogram& histogram) {
     if (histogram.Pixels < 1) return {};
     // Half of the pixels lie within 0.6745 sigmas of a Gaussian's middle.

@@ -35,9 +35,6 @@ inline constexpr std::int64_t MostHistogramBins = 65536;
 ImageHistogram MakeImageHistogram(const PlateImage& image,
                                   std::int64_t mostBins = MostHistogramBins);
 
-/// The same in fewer, wider bins, for drawing: `columns` at most.
-ImageHistogram Rebinned(const ImageHistogram& histogram, std::int64_t columns);
-
 struct SkyEstimate {
     double Level = 0;  ///< counts
     double Noise = 0;  ///< standard deviation of a pixel

@@ -7,6 +7,7 @@
 
 #include "astro/libMath.h"
 #include "catalog/libCatalogRegion.h"
+#include "catalog/libCellGrid.h"
 #include "fuzz/fuzzSupport.h"
 
 namespace vestrel {
@@ -86,10 +87,11 @@ void CheckRegion(CatalogCache& cache, const std::string& cell, const Region& reg
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace vestrel;
-    static const std::vector<std::string> names = AllCellNames();
     std::string_view rest = TextOf(data, size);
     Choices choose{rest};
-    const std::string& cell = names[static_cast<std::size_t>(choose.Word()) % names.size()];
+    const std::vector<CellPosition>& cells = AllCells();
+    const std::string cell =
+        CellName(cells[static_cast<std::size_t>(choose.Word()) % cells.size()]);
     Region region{};
     region.Ra = choose.Word() * TwoPi / 65536;
     region.Dec = (choose.Word() - 32768) * Pi / 65536;

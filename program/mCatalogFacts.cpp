@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "astro/libStrings.h"
-#include "catalog/libCatalogCells.h"
+#include "catalog/libCellGrid.h"
 #include "display/libReadout.h"
 #include "matching/libQuadFile.h"
 #include "platform/libPlatform.h"
@@ -94,7 +94,7 @@ std::string CatalogFacts(const ProgramState& state) {
     std::uint64_t stars = 0;
     for (const Cell& cell : cells) stars += cell.Stars;
     text += "Stars: " + std::to_string(stars) + " in " + std::to_string(cells.size()) + " of " +
-            std::to_string(AllCellNames().size()) + " cells of the sky\n";
+            std::to_string(AllCells().size()) + " cells of the sky\n";
     text += "Depth: about magnitude " + FixedText(DepthOf(cells), 1) + "\n";
     return text + TableFacts(state);
 }

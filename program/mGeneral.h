@@ -103,8 +103,6 @@ struct SolveReport {
     CatalogPresence CatalogAtStart = CatalogPresence::Present;
     AlignReport BestAttempt;  ///< of the regions that failed
     SkyPosition BestAttemptCentre;
-    /// A sure match of quads whose centre gave no solution.
-    std::optional<SkyPosition> UnmeasuredCentre;
     StageTimes Times;
 };
 

@@ -85,8 +85,8 @@ RegionSettings SettingsFor(const PlateSearch& search, const SolveParameters& par
 
 /// Reads and matches one region, and shows and reports how far it came. `Found.Matched` tells
 /// whether it goes with the plate stars.
-RegionMatch TryRegion(ProgramState& state, Port& port, RegionMatcher& matcher, SkyPosition centre,
-                      SolveReport& report) {
+RegionMatch TryRegion(ProgramState& state, Port& port, RegionMatcher& matcher, SkyPosition centre) {
+    SolveReport& report = state.Report;
     RegionMatch region;
     {
         const StageTimer timer(report.Times.Catalog);
@@ -114,7 +114,7 @@ SolveCode SolvePlate(ProgramState& state, Port& port, const PlateSearch& search)
     port.Yield();
     return WithinMemory(state, port, [&] {
         if (!FindPlateStars(state, port)) return SolveCode::TooFewStars;
-        return MatchPlateStars(state, port, search, state.Report);
+        return MatchPlateStars(state, port, search);
     });
 }
 
@@ -163,8 +163,8 @@ bool FindPlateStars(ProgramState& state, Port& port) {
     return count >= fewestStars;
 }
 
-SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& search,
-                          SolveReport& report) {
+SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& search) {
+    SolveReport& report = state.Report;
     state.Display.BusyIndicator = true;
     state.Display.Status1 = {"", StatusColour::Black, false};
     state.Display.CentreCaption = "Search Center";
@@ -175,7 +175,7 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
     report.SearchRadius = settings.Radius;
     report.MagnitudeLimit = settings.MagnitudeLimit;
     RegionMatcher matcher(state.Catalog, state.PlateStars, settings);
-    RegionMatch region = TryRegion(state, port, matcher, search.Start, report);
+    RegionMatch region = TryRegion(state, port, matcher, search.Start);
     ShowCentre(state, port, region.Centre);
     state.Display.BusyIndicator = false;
     port.DisplayChanged();
@@ -207,7 +207,7 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
         const SkyPosition centre = grid.PlaneToSky(i * step, j * step);
         ShowCentre(state, port, centre);
         port.Yield();
-        region = TryRegion(state, port, matcher, centre, report);
+        region = TryRegion(state, port, matcher, centre);
         ++k;
         // The limit is looked at before the match: the region beyond it cannot succeed.
     } while (k <= search.RegionLimit);

@@ -46,9 +46,7 @@ SolveCode WithinMemory(ProgramState& state, Port& port, const std::function<Solv
 bool FindPlateStars(ProgramState& state, Port& port);
 
 /// The search of `SolvePlate` over regions, with the plate stars that are there.
-/// @param report takes what the search goes through: the report of the state, or another one
-SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& search,
-                          SolveReport& report);
+SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& search);
 
 /// Makes a solution that of the image: shows it and stores it in the image header.
 void FinishPlateSolution(ProgramState& state, Port& port, PlateSolution solution);

@@ -183,7 +183,7 @@ class Plan {
             KeepCandidate(solution);
             return false;
         };
-        return MatchPlateStars(state_, port_, search, state_.Report) == SolveCode::Solved;
+        return MatchPlateStars(state_, port_, search) == SolveCode::Solved;
     }
 
     void KeepCandidate(const PlateSolution& solution) {

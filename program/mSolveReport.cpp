@@ -74,10 +74,6 @@ void AddQuads(Table& table, const ProgramState& state) {
                                   std::to_string(search.Candidates) + " of the same shape, " +
                                   std::to_string(search.FourStarFits) + " tried as plates"
                             : fault);
-    if (state.Report.UnmeasuredCentre) {
-        table.Line("Quads agree at", Position(*state.Report.UnmeasuredCentre) +
-                                         ", where the star lists give no solution");
-    }
 }
 
 /// So many magnitudes less than what the field is compared down to are worth a word.

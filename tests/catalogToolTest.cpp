@@ -129,7 +129,8 @@ TEST(CatalogBuilder, CellsDependNeitherOnTheOrderOfStarsNorOnMemory) {
         const CatalogStar stored = *StoredStar(star);
         expected.insert({stored.Ra, stored.Dec, stored.Mag});
     }
-    for (const std::string& name : AllCellNames()) {
+    for (const CellPosition& position : AllCells()) {
+        const std::string name = CellName(position);
         ASSERT_TRUE(fs::exists(folder / "scant" / name)) << name;
         ASSERT_EQ(ReadFile(folder / "plenty" / name), ReadFile(folder / "scant" / name)) << name;
         std::vector<CatalogStar> cell;

@@ -15,11 +15,11 @@
 #include "catalogtool/libQuadBuilder.h"
 #include "matching/libQuadFile.h"
 #include "platform/libPlatform.h"
-#include "program/mBlindSolve.h"
 #include "program/mCommandLine.h"
 #include "program/mImageData.h"
 #include "program/mImageView.h"
 #include "program/mPlateMatch.h"
+#include "program/mSearchPlan.h"
 #include "program/mSolveReport.h"
 #include "tests/testSupport.h"
 #include "tools/libFrameFile.h"
@@ -252,7 +252,11 @@ TEST_F(ClosedLoop, FramesAreSolvedWithoutACentreAndStrangersAreNot) {
         const auto path = Frames / "blind.fit";
         WriteFile(path, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
         EXPECT_TRUE(OpenImage(State, Port, TextFromPath(path)));
-        return SolveBlind(State, Port, fieldWidth, fieldHeight, State.Parameters.MaxError, false);
+        SearchRequest request;
+        request.Everywhere = true;
+        request.Diagonals = {std::hypot(fieldWidth, fieldHeight)};
+        PlanReport report;
+        return SolveByPlan(State, Port, request, report);
     };
     for (const SkyPlace place : {acrossZero, northPole, southPole, ordinary}) {
         const FrameGeometry geometry = FrameAt(place, 3 * place.Ra, place.Dec < 0);
