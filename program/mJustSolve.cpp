@@ -51,7 +51,7 @@ std::pair<double, double> RememberedSize(const SolveParameters& parameters) {
     return {parameters.FieldWidth * unit, parameters.FieldHeight * unit};
 }
 
-/// A line for each stage that has ended; the many searches of the whole sky share one.
+/// A line for each stage that has ended; searches of one kind in a row share one.
 std::string StagesText(const PlanReport& report) {
     std::string text;
     std::size_t i = 0;
@@ -65,7 +65,7 @@ std::string StagesText(const PlanReport& report) {
             sure = sure || report.Attempts[i].Sure;
         }
         text += "  Tried " + StageName(name);
-        if (times > 1) text += ", " + std::to_string(times) + " sizes";
+        if (times > 1) text += ", " + std::to_string(times) + " times";
         text += (sure ? ": found, " : ": nothing sure, ") + RoundedText(seconds, 1) + " s\n";
     }
     return text;
