@@ -6,6 +6,7 @@
 #include <cmath>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "astro/libMath.h"
@@ -24,24 +25,17 @@ namespace vestrel {
 
 namespace {
 
-enum class Method {
-    ShortSide,  ///< the plain search with the catalog stars of a circle within the frame
-    Seeds       ///< two stars of each list, confirmed by the others
-};
-
-/// One attempt around a hint.
-struct HintAttempt {
+/// One attempt around a hint: two stars of each list, confirmed by the others.
+struct SeedAttempt {
     const char* Name;
-    Method How;
     StarSource From;
     double SizeError;  ///< of the given size, as a part of it
 };
-constexpr std::array hintAttempts{
-    HintAttempt{"short side", Method::ShortSide, StarSource::Extracted, 0},
-    HintAttempt{"seeds", Method::Seeds, StarSource::Peaks, 0.08},
-    HintAttempt{"even seeds", Method::Seeds, StarSource::EvenPeaks, 0.08},
-    HintAttempt{"seeds of other sizes", Method::Seeds, StarSource::Peaks, 0.35},
-    HintAttempt{"even seeds of other sizes", Method::Seeds, StarSource::EvenPeaks, 0.35},
+constexpr std::array seedAttempts{
+    SeedAttempt{"seeds", StarSource::Peaks, 0.08},
+    SeedAttempt{"even seeds", StarSource::EvenPeaks, 0.08},
+    SeedAttempt{"seeds of other sizes", StarSource::Peaks, 0.35},
+    SeedAttempt{"even seeds of other sizes", StarSource::EvenPeaks, 0.35},
 };
 
 /// One attempt without a hint: quads of all bands are looked up.
@@ -143,24 +137,44 @@ class Plan {
         return state_.PlateStars.Count() >= fewest;
     }
 
+    /// The whole sky costs less than seeds around a hint that is wrong.
     bool SureSomewhere() {
-        for (std::size_t i = 0; i < request_.Around.size(); ++i) {
-            if (SureAround(request_.Around[i])) {
-                report_.Start = i;
-                return true;
-            }
-            if (MustEnd()) return false;
-        }
-        return request_.Everywhere && SearchEverywhere();
+        if (SureAroundHints([this](const SearchHint& hint) { return SearchesOf(hint); }))
+            return true;
+        if (request_.Everywhere && !MustEnd() && SearchEverywhere()) return true;
+        const bool blind = std::exchange(state_.Report.Blind, false);
+        if (SureAroundHints([this](const SearchHint& hint) { return SeedsOf(hint); })) return true;
+        state_.Report.Blind = blind;
+        return false;
     }
 
-    bool SureAround(const SearchHint& hint) {
-        if (Try("search", [&] { return PlainSearch(hint); })) return true;
-        if (hint.Briefly) return false;
-        return std::any_of(hintAttempts.begin(), hintAttempts.end(), [&](const auto& attempt) {
-            return !MustEnd() && Try(attempt.Name, [&] { return SearchAround(attempt, hint); });
-        });
+    template <typename Attempts>
+    bool SureAroundHints(const Attempts& attempts) {
+        for (std::size_t i = 0; i < request_.Around.size() && (i == 0 || !MustEnd()); ++i) {
+            if (!attempts(request_.Around[i])) continue;
+            report_.Start = i;
+            return true;
+        }
+        return false;
     }
+
+    bool SearchesOf(const SearchHint& hint) {
+        if (Try("search", [&] { return PlainSearch(hint); })) return true;
+        return !hint.Briefly && !MustEnd() &&
+               Try("short side", [&] { return ShortSideSearch(hint); });
+    }
+
+    bool SeedsOf(const SearchHint& hint) {
+        return !hint.Briefly &&
+               std::any_of(seedAttempts.begin(), seedAttempts.end(), [&](const auto& attempt) {
+                   return !MustEnd() &&
+                          Try(attempt.Name, [&] { return SeededSearch(attempt, hint); });
+               });
+    }
+
+    /// Hints and the whole sky share the chance to be wrong: each is charged as if it were twice as
+    /// long.
+    double Shares() const { return request_.Everywhere && !request_.Around.empty() ? 2 : 1; }
 
     template <typename Attempt>
     bool Try(const std::string& name, const Attempt& attempt) {
@@ -193,8 +207,8 @@ class Plan {
         }
     }
 
-    bool SearchAround(const HintAttempt& attempt, const SearchHint& hint) {
-        if (attempt.How == Method::Seeds) return SeededSearch(attempt, hint);
+    /// The plain search with the catalog stars of a circle within the frame.
+    bool ShortSideSearch(const SearchHint& hint) {
         constexpr double part = 0.78;
         SearchHint inner = hint;
         inner.Width = inner.Height = part * std::min(hint.Width, hint.Height);
@@ -222,7 +236,7 @@ class Plan {
         return stars;
     }
 
-    bool SeededSearch(const HintAttempt& attempt, const SearchHint& hint) {
+    bool SeededSearch(const SeedAttempt& attempt, const SearchHint& hint) {
         const PlateStarList& stars = lists_.Of(attempt.From);
         constexpr std::int32_t fewest = 4;
         if (stars.Count() < fewest) return false;
@@ -253,7 +267,7 @@ class Plan {
             ++searches_;
             const StageTimer timer(state_.Report.Times.Matching);
             const auto accept = [&](const MatchedPlate& match) {
-                return TakePlate(match, centre, catalog, places, k, searches_,
+                return TakePlate(match, centre, catalog, places, k, Shares() * searches_,
                                  matcher.PlatesOf(catalog));
             };
             if (matcher.Match(catalog, accept, [this] { return MustEnd(); })) return true;
@@ -378,7 +392,7 @@ class Plan {
         match.Plate = plate.Plate;
         QuadSearch& search = state_.QuadMatch;
         if (!RefinePlate(catalog, places, RoughTolerance(state_.Image), match) ||
-            !TakePlate(match, plate.Centre, catalog, places, 1, searches_ + search.FourStarFits,
+            !TakePlate(match, plate.Centre, catalog, places, 1, Shares() * search.FourStarFits,
                        0)) {
             return false;
         }
