@@ -199,8 +199,8 @@ void ExplainEnd(const ProgramState& state, SolveCode code, const PlanReport& pla
         return end(SolverEnd::OutOfMemory, "There is not enough memory for this picture.");
     }
     if (code == SolveCode::TooFewStars) {
-        return end(SolverEnd::TooFewStars, "Only " + std::to_string(state.Extraction.StarsFound) +
-                                               " stars were found, 6 are needed.");
+        return end(SolverEnd::TooFewStars, std::to_string(state.Extraction.StarsFound) +
+                                               " stars were found; 6 are the fewest.");
     }
     if (plan.Candidate) {
         const PlateSolution& candidate = *plan.Candidate;
