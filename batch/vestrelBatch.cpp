@@ -145,7 +145,7 @@ std::optional<int> ReadOptions(int argc, const char* const* argv, Options& optio
     return std::nullopt;
 }
 
-/// What is told of a picture on standard error.
+/// The line on standard error about a picture.
 void PrintLine(std::size_t done, std::size_t left, const nlohmann::ordered_json& line) {
     std::string text = line.value("end", "");
     if (text == "solved") {

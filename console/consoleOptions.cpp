@@ -195,7 +195,7 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     std::vector<std::string> arguments(argv + 1, argv + argc);
     std::string negative = TakeNegativeParameterString(arguments);
     try {
-        std::reverse(arguments.begin(), arguments.end());  // as it wants them
+        std::reverse(arguments.begin(), arguments.end());  // CLI11 takes them from the end
         app.parse(std::move(arguments));
     } catch (const CLI::ParseError& end) {
         std::ostringstream out;

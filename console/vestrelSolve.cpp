@@ -95,7 +95,7 @@ Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& option
         return outcome;
     }
     const GivenStart given{options.Centre, options.FieldSize};
-    // Who asks for a blind search does not want the picture's own word on where it points.
+    // A blind search that was asked for ignores where the picture says that it points.
     std::vector<SearchStart> starts;
     if (!options.Blind || options.Centre) {
         starts = SearchStarts(state.Image, given, RememberedFieldSize(state.Parameters));

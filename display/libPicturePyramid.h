@@ -29,8 +29,8 @@ class PicturePyramid {
     void Clear() { levels_.clear(); }
     bool Empty() const { return levels_.empty(); }
 
-    /// Level 0 is the image; a pixel of the next is the mean of 2 × 2, or of those that there are.
-    /// The last one is a single pixel.
+    /// Level 0 is the image. Each pixel of the next level is the mean of 2 × 2 pixels, or of fewer
+    /// at the edge. The last level is a single pixel.
     const std::vector<GreyLevel>& Levels() const { return levels_; }
 
  private:

@@ -26,8 +26,8 @@ struct ValueHistogram {
     // block, and one counter for both would make each step wait for the one before.
     std::vector<std::int32_t> BlockAdded;
     std::vector<std::int32_t> BlockRemoved;
-    /// Of the removed values those that had not been added: within a block no running sum rises
-    /// above the block's sum by more.
+    /// Counts the removed values that had not been added. Within a block, no running sum exceeds
+    /// the sum of the block by more than that.
     std::vector<std::int32_t> BlockOwed;
 
     static constexpr int BlockShift = 5;

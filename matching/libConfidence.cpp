@@ -110,8 +110,8 @@ class Trial {
         return {seed};
     }
 
-    /// The pairs of pairs to begin with: far apart, of bright stars and of those that the plate
-    /// puts closest. Whichever does best stands for the match; all that there could be are charged.
+    /// The pairs of pairs to begin with: far apart, of bright stars, or of stars that the plate
+    /// puts closest. The best one stands for the match, which is charged for all possible ones.
     std::vector<Seed> SeedsOfTwoPairs() const {
         constexpr std::size_t mostOfEach = 6;
         constexpr std::size_t mostSeeds = 8;
@@ -272,8 +272,8 @@ class Trial {
         return std::max(largest - std::log(static_cast<double>(spreads.size())), 0.0);
     }
 
-    /// Counts the catalog stars that meet an image star within 3 σ of the plate in the end, and
-    /// those that would if the image's stars were as dense but others: the seed does in any case.
+    /// Counts the catalog stars that have an image star within 3 σ of the final plate, and how many
+    /// would have one by chance among as many other image stars. The seed counts in both.
     void CountMatches(const Seed& seed, MatchConfidence& confidence) const {
         constexpr double within = 9;  // of the squared distance, in variances
         std::vector<double> logs;

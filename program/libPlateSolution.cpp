@@ -43,7 +43,7 @@ PlateSolution SolutionOf(const RegionMatch& region, const PlateStarList& plateSt
     solution.Pairs = region.Found.Matches;
     solution.CatalogStars = region.CatalogStars;
     solution.PlateStars = plateStars;
-    // From the match, not from the last fit, as it has always been.
+    // The centre comes from the match, as it always has, and not from the last fit.
     const SkyPosition centre = CentreOf(region, width, height);
     solution.CentreRA = centre.Ra;
     solution.CentreDec = centre.Dec;

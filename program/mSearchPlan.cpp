@@ -214,7 +214,7 @@ class Plan {
         inner.Width = inner.Height = part * std::min(hint.Width, hint.Height);
         const SolveReport before = state_.Report;
         const bool sure = PlainSearch(inner);
-        // What is told of the search is told of the plain one.
+        // The report describes the plain search, not this one of a part of the field.
         state_.Report.SearchRadius = before.SearchRadius;
         state_.Report.MagnitudeLimit = before.MagnitudeLimit;
         return sure;
@@ -302,7 +302,8 @@ class Plan {
         if (!std::isfinite(solution.Rms)) return false;
         state_.PlateStars = places.Stars();
         if (request_.Around.empty()) {
-            // What differs from the size that was given is told; what is only tried was not given.
+            // The report names a size that differs from the given one. A size that is only tried
+            // was not given.
             state_.Report.SearchRadius =
                 request_.Diagonals.empty() ? 0 : request_.Diagonals.front() / 2;
         }
