@@ -14,6 +14,8 @@ struct ImageSkyModel {
     /// The fit to all stars. Nothing for an image that was opened solved, or where the stars bear
     /// no better model than the plate: then the model is the plate as an ordinary photograph.
     std::optional<SkySolution> Solution;
+    /// How faint the stars are that a solve of this field compares: those that overlays show.
+    double MagnitudeLimit = 0;
     PlateStarList CatalogStars;  ///< that its pairs point to, index 0 being number 1
 };
 

@@ -69,7 +69,7 @@ Overlays OverlaysOf(ProgramState& state) {
     const auto& sky = KeptSkyModel(state);
     const bool whole = sky && sky->Solution;
     for (const PlateStar& star : whole ? sky->CatalogStars : solution.CatalogStars) {
-        if (whole && double{star.Flux} > state.Report.MagnitudeLimit) continue;
+        if (whole && double{star.Flux} > sky->MagnitudeLimit) continue;
         const auto place = overlays.Map->PixelOf({star.Ra, star.Dec});
         if (place && OnImage(state.Image, *place)) {
             overlays.Catalog.push_back({*place, MagnitudeText(star.Flux)});

@@ -10,21 +10,26 @@ namespace vestrel {
 
 namespace {
 
+/// The radius of a circle about the image, radians.
+double RadiusOf(const SkyModel& plate) {
+    return std::atan(plate.Scale() * std::hypot(plate.Width, plate.Height) / 2);
+}
+
 /// The catalog stars of the whole image that it may show, brightest first.
-PlateStarList CatalogOfImage(const ProgramState& state, const SkyModel& plate) {
+/// @param compared magnitude that the solve compares down to
+PlateStarList CatalogOfImage(const ProgramState& state, const SkyModel& plate, double compared) {
     // The solve reads as many stars as it needs; an image shows fainter ones.
     constexpr double deeper = 1.5;
     constexpr std::int32_t enough = 2000;
     constexpr int mostReadings = 4;
-    const double radius =
-        1.02 * std::atan(plate.Scale() * std::hypot(plate.Width, plate.Height) / 2);
+    const double radius = 1.02 * RadiusOf(plate);
     Projection plane;
     plane.SetProjectionCentre(plate.Tangent, SolveArcsecondsPerRadian);
     // The solve's own cache stays as it left it.
     CatalogCache cache;
     cache.Folder = state.Catalog.Folder;
     PlateStarList stars;
-    double limit = state.Report.MagnitudeLimit + deeper;
+    double limit = compared + deeper;
     for (int reading = 0; reading < mostReadings; ++reading) {
         stars = RegionStars(cache, plane, plate.Tangent, radius, limit);
         // A list that is full is full of some cells only.
@@ -70,9 +75,12 @@ std::optional<ImageSkyModel> SkyModelOfImage(const ProgramState& state) {
     auto plate = SkyModelOfPlate(constants, {header.RaRef, header.DecRef}, header.PlateScale,
                                  state.Image.Width, state.Image.Height);
     if (!plate) return std::nullopt;
-    ImageSkyModel result{std::move(*plate), std::nullopt, {}};
+    ImageSkyModel result{std::move(*plate), std::nullopt, 0, {}};
     if (state.Solution) {
-        result.CatalogStars = CatalogOfImage(state, result.Model);
+        // A search over the whole sky by quads compares to no limit.
+        const double compared = state.Report.MagnitudeLimit;
+        result.MagnitudeLimit = compared > 0 ? compared : MagnitudeLimitFor(RadiusOf(result.Model));
+        result.CatalogStars = CatalogOfImage(state, result.Model, result.MagnitudeLimit);
         result.Solution = SolutionOfAllStars(state, result.CatalogStars);
         if (result.Solution) result.Model = result.Solution->Fit.Model;
     }
