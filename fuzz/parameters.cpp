@@ -23,7 +23,7 @@ void CheckParameters(const std::string& text) {
     const auto request = ParseParameterString(text);
     if (!request) return;
     const UnattendedRequest& r = *request;
-    for (const double number : {r.Ra, r.Dec, r.Width, r.Height}) {
+    for (const double number : {r.Start.Ra, r.Start.Dec, r.Width, r.Height}) {
         Require(std::isfinite(number), "the numbers are finite");
     }
     Require(Trim(r.Path) == r.Path && text.find(r.Path) != std::string::npos,
