@@ -28,7 +28,7 @@ void CheckParameters(const std::string& text) {
     }
     Require(Trim(r.Path) == r.Path && text.find(r.Path) != std::string::npos,
             "the path is part of the text");
-    const auto again = ParseParameterString(Exactly(r.Ra) + "," + Exactly(r.Dec) + "," +
+    const auto again = ParseParameterString(Exactly(r.Start.Ra) + "," + Exactly(r.Start.Dec) + "," +
                                             Exactly(r.Width) + "," + Exactly(r.Height) + "," +
                                             std::to_string(r.RegionLimit) + "," + r.Path);
     Require(again && again->Ra == r.Ra && again->Dec == r.Dec && again->Width == r.Width &&
