@@ -31,9 +31,9 @@ void CheckParameters(const std::string& text) {
     const auto again = ParseParameterString(Exactly(r.Start.Ra) + "," + Exactly(r.Start.Dec) + "," +
                                             Exactly(r.Width) + "," + Exactly(r.Height) + "," +
                                             std::to_string(r.RegionLimit) + "," + r.Path);
-    Require(again && again->Ra == r.Ra && again->Dec == r.Dec && again->Width == r.Width &&
-                again->Height == r.Height && again->RegionLimit == r.RegionLimit &&
-                again->Path == r.Path,
+    Require(again && again->Start.Ra == r.Start.Ra && again->Start.Dec == r.Start.Dec &&
+                again->Width == r.Width && again->Height == r.Height &&
+                again->RegionLimit == r.RegionLimit && again->Path == r.Path,
             "parsing again changes nothing");
     ProgramState state;
     RecordingPort port(state);
