@@ -20,8 +20,8 @@ constexpr double degree = std::numbers::pi / 180;
 
 FrameGeometry Geometry(int width, int height) {
     FrameGeometry geometry;
-    geometry.CentreRa = 1;
-    geometry.CentreDec = 0.3;
+    geometry.Centre.Ra = 1;
+    geometry.Centre.Dec = 0.3;
     geometry.RadiansPerPixel = 4.0 / 3600 * degree;
     geometry.Width = width;
     geometry.Height = height;
