@@ -17,7 +17,7 @@ class Bundles : public testing::Test {
  protected:
     void SetUp() override {
         const auto stars = MakeSky(folder_ / "catalog", folder_ / "frame.fit");
-        WriteQuadTables(folder_ / "catalog", stars, 40);
+        WriteQuadTables(folder_ / "catalog", stars, 40, 0.003, 0.006);
         // The programs take them from $TMPDIR.
         std::filesystem::create_directory(folder_ / "temporary");
         SetVariable("TMPDIR", folder_ / "temporary");

@@ -108,7 +108,7 @@ class Causes : public testing::Test {
  protected:
     void SetUp() override {
         const auto stars = MakeSky(folder_ / "catalog", folder_ / "good.fit");
-        WriteQuadTables(folder_ / "catalog", stars, 40);
+        WriteQuadTables(folder_ / "catalog", stars, 40, 0.003, 0.006);
     }
 
     /// @param size of the field that is given, in parts of the sky's own

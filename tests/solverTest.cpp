@@ -21,7 +21,7 @@ constexpr double degreesPerRadian = 57.29577951308232;
 class SmallSky {
  public:
     SmallSky() {
-        WriteQuadTables(Catalog, MakeSky(Catalog, Frame), 40);
+        WriteQuadTables(Catalog, MakeSky(Catalog, Frame), 40, 0.003, 0.006);
         const std::string file = ReadFile(Frame);
         const std::size_t samples = std::size_t{side} * side;
         std::size_t at = 2880;
