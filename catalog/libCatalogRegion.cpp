@@ -50,8 +50,10 @@ class RegionReach {
     }
 
     /// Whether a star of such a cell is too far north or south, which needs no projection to see.
+    /// A declination beyond the poles, in a damaged file, stands for another one.
     bool Excludes(const CatalogStar& star) const {
-        return std::fabs(static_cast<double>(star.Dec) - dec_) > reach_;
+        const auto dec = static_cast<double>(star.Dec);
+        return std::fabs(dec - dec_) > reach_ && std::fabs(dec) <= Pi / 2;
     }
 
  private:

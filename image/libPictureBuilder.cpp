@@ -6,6 +6,7 @@
 #include <functional>
 #include <limits>
 #include <span>
+#include <utility>
 
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
@@ -170,8 +171,8 @@ std::string WithoutQuotes(std::string_view card) {
 
 }  // namespace
 
-PictureBuilder::PictureBuilder(PlateImage& image, const Progress& progress)
-    : image_(image), progress_(progress) {
+PictureBuilder::PictureBuilder(PlateImage& image, Progress progress)
+    : image_(image), progress_(std::move(progress)) {
     ClearHeader(image.Header);
 }
 

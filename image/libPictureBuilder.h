@@ -28,7 +28,7 @@ inline constexpr std::int64_t MostPixels = std::int64_t{1} << 28;
 // NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor)
 class PictureBuilder final : public PictureSink {
  public:
-    PictureBuilder(PlateImage& image, const Progress& progress);
+    PictureBuilder(PlateImage& image, Progress progress);
 
     void Start(const PictureShape& shape) override;
     void Row(std::int64_t y, const void* samples) override;
@@ -44,7 +44,7 @@ class PictureBuilder final : public PictureSink {
 
  private:
     PlateImage& image_;
-    const Progress& progress_;
+    Progress progress_;
     PictureShape shape_;
     bool started_ = false;
     std::vector<float> singles_;  ///< one number a pixel, of floating-point pictures
