@@ -192,7 +192,10 @@ BackgroundSolver::BackgroundSolver(const SolveParameters& parameters, std::files
               try {
                   onSolved(SolveFile(parameters, catalog, path, stopped_));
               } catch (const std::exception& error) {
-                  onSolved({path, {}, {}, 0, false, error.what()});
+                  SolvedPicture unsolved;
+                  unsolved.Path = path;
+                  unsolved.Failure = error.what();
+                  onSolved(unsolved);
               }
           }
       }) {}
