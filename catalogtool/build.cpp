@@ -66,18 +66,18 @@ struct OpenSource {
 class Build {
  public:
     explicit Build(const BuildOptions& buildOptions)
-        : Options(buildOptions),
-          Folder(ChosenCatalog(buildOptions.Catalog)),
-          Builder(Folder.Path()),
-          Progress(stderr) {}
+        : options_(buildOptions),
+          folder_(ChosenCatalog(buildOptions.Catalog)),
+          builder_(folder_.Path()),
+          progress_(stderr) {}
 
     void Run() {
         std::optional<OpenSource> bright;
         std::vector<SkyStar> brightStars;
-        if (!Options.Bright.empty()) {
-            bright.emplace("bright", Options.Bright);
+        if (!options_.Bright.empty()) {
+            bright.emplace("bright", options_.Bright);
             std::size_t unusable = 0;
-            brightStars = ReadBrightStars(PathFromText(Options.Bright), unusable);
+            brightStars = ReadBrightStars(PathFromText(options_.Bright), unusable);
             for (SkyStar& star : brightStars) MoveIfFast(star, *bright);
             bright->Record.Rows = brightStars.size() + unusable;
             bright->Unusable = unusable;
@@ -86,51 +86,51 @@ class Build {
 
         // What measures the bright stars well comes first: of a star that several have, the first
         // one's is taken.
-        if (!Options.Tycho2.empty()) ReadIndex("tycho2", Options.Tycho2, "MAG_VT", finder);
-        for (const std::string& table : Options.Tables) ReadTable(table, finder);
-        for (const std::string& index : Options.Indexes) {
-            ReadIndex("index", index, Options.Table.MagColumn, finder);
+        if (!options_.Tycho2.empty()) ReadIndex("tycho2", options_.Tycho2, "MAG_VT", finder);
+        for (const std::string& table : options_.Tables) ReadTable(table, finder);
+        for (const std::string& index : options_.Indexes) {
+            ReadIndex("index", index, options_.Table.MagColumn, finder);
         }
-        for (const std::string& database : Options.Astap) ReadAstap(database, finder);
+        for (const std::string& database : options_.Astap) ReadAstap(database, finder);
 
         if (bright) {
             const std::vector<SkyStar> missing = finder.Missing();
             bright->LeaveOut("in the survey already", brightStars.size() - missing.size());
             for (const SkyStar& star : missing) Add(star, *bright);
             Close(*bright);
-            Manifest.BrightGapFilled = true;
+            manifest_.BrightGapFilled = true;
         } else {
             Note("the survey's brightest stars are lacking; build with --bright FILE to add them");
         }
-        if (Options.MagMin) Filter("magnitude at least " + NumberText(*Options.MagMin));
-        if (Options.MagMax) Filter("magnitude at most " + NumberText(*Options.MagMax));
-        for (const std::string& where : Options.Where) Filter(where);
+        if (options_.MagMin) Filter("magnitude at least " + NumberText(*options_.MagMin));
+        if (options_.MagMax) Filter("magnitude at most " + NumberText(*options_.MagMax));
+        for (const std::string& where : options_.Where) Filter(where);
         Finish();
     }
 
  private:
     void Note(const std::string& text) {
-        Progress.Clear();
+        progress_.Clear();
         std::fprintf(stderr, "vestrel-catalog: %s\n", WithoutControls(text).c_str());
     }
 
     /// Says something now that later users of the catalog should know too.
     void Remark(const std::string& text) {
         Note(text);
-        Manifest.Remarks.push_back(text);
+        manifest_.Remarks.push_back(text);
     }
 
-    void Filter(const std::string& text) { Manifest.Filters.push_back(text); }
+    void Filter(const std::string& text) { manifest_.Filters.push_back(text); }
 
     void Add(const SkyStar& star, OpenSource& source) {
         const std::optional<CatalogStar> stored = StoredStar(star);
         if (!stored) {
             ++source.Unusable;
-        } else if ((Options.MagMin && star.Mag < *Options.MagMin) ||
-                   (Options.MagMax && star.Mag > *Options.MagMax)) {
+        } else if ((options_.MagMin && star.Mag < *options_.MagMin) ||
+                   (options_.MagMax && star.Mag > *options_.MagMax)) {
             ++source.Filtered;
         } else {
-            Builder.Add(*stored, Number);
+            builder_.Add(*stored, number_);
             ++source.Record.Used;
         }
     }
@@ -138,14 +138,14 @@ class Build {
     void Close(OpenSource& source) {
         source.LeaveOut("no usable position or magnitude", source.Unusable);
         source.LeaveOut("left out by magnitude", source.Filtered);
-        Manifest.Sources.push_back(source.Record);
+        manifest_.Sources.push_back(source.Record);
         // Index files beyond the 255th and the like are no less trusted than that one.
-        if (Number < 255) ++Number;
+        if (number_ < 255) ++number_;
     }
 
     /// Carries one of the fastest stars, of a source without proper motions, to the epoch.
     void MoveIfFast(SkyStar& star, OpenSource& source) {
-        const std::optional<SkyStar> moved = FastStarAt(star, Options.Table.Epoch);
+        const std::optional<SkyStar> moved = FastStarAt(star, options_.Table.Epoch);
         if (!moved) return;
         star = *moved;
         ++source.Record.Moved;
@@ -169,7 +169,7 @@ class Build {
             into(moved);
         };
         const IndexStars stars =
-            ReadIndexFile(PathFromText(file), magColumn, moveAndHandOn, Progress);
+            ReadIndexFile(PathFromText(file), magColumn, moveAndHandOn, progress_);
         source.Record.Rows = stars.Count;
         if (stars.MagColumn.empty()) {
             Remark(source.Record.File +
@@ -186,7 +186,8 @@ class Build {
         source.Record.File = database.Name + " (" + GroupedText(database.Files.size()) + " files)";
         const StarSink sink = Into(source, finder);
         for (std::size_t i = 0; i < database.Files.size(); ++i) {
-            Progress.Show("Reading " + database.Name, i, database.Files.size(), source.Record.Rows);
+            progress_.Show("Reading " + database.Name, i, database.Files.size(),
+                           source.Record.Rows);
             source.Record.Rows += ReadAstapFile(database.Files[i], sink);
         }
         if (source.Record.Rows == 0) {
@@ -215,14 +216,14 @@ class Build {
             const bool asItLies = !standardInput && !input.IsPacked();
             const fs::path fits =
                 asItLies ? PathFromText(file) : Unpacked(input, source.Record.File);
-            result = ReadFitsStarTable(fits, source.Record.File, Options.Table,
-                                       Into(source, finder), Progress);
+            result = ReadFitsStarTable(fits, source.Record.File, options_.Table,
+                                       Into(source, finder), progress_);
             std::error_code ignored;
             if (!asItLies) fs::remove(fits, ignored);
             source.Record.Kind = "fits";
         } else {
             result = ReadStarTable(input, source.Record.File, length > 0 ? length : 0,
-                                   Options.Table, Into(source, finder), Progress);
+                                   options_.Table, Into(source, finder), progress_);
         }
         source.Record.Rows = result.Rows;
         for (std::size_t i = 0; i < result.Faults.size(); ++i) {
@@ -240,12 +241,12 @@ class Build {
 
     /// A FITS table that came packed or by a pipe, in a file of the folder that is being built.
     fs::path Unpacked(UnpackedInput& input, const std::string& name) {
-        const fs::path path = Folder.Path() / (std::string(ManifestName) + ".unpacked.tmp");
+        const fs::path path = folder_.Path() / (std::string(ManifestName) + ".unpacked.tmp");
         const FileHandle file = OpenFile(path, "wb");
         std::vector<char> bytes(std::size_t{1} << 20);
         bool good = file != nullptr;
         for (std::size_t count = 0; good && (count = input.Read(bytes.data(), bytes.size())) > 0;) {
-            Progress.Show("Unpacking " + name, 0, 0, 0);
+            progress_.Show("Unpacking " + name, 0, 0, 0);
             good = std::fwrite(bytes.data(), 1, count, file.get()) == count;
         }
         if (!good || std::fflush(file.get()) != 0) {
@@ -257,32 +258,32 @@ class Build {
     }
 
     void Finish() {
-        Builder.Finish(Progress);
-        Manifest.Tool = "vestrel-catalog " VESTREL_VERSION;
-        Manifest.Created = CurrentTimeText();
-        Manifest.Epoch = Options.Table.Epoch;
-        Manifest.Cells = Builder.Cells();
-        Manifest.Magnitudes = Builder.Magnitudes().Steps();
-        Manifest.Duplicates = Builder.Duplicates();
-        if (Builder.Merged() > 0) {
-            Manifest.Remarks.push_back(GroupedText(Builder.Merged()) +
-                                       " stars that several sources have were taken once");
+        builder_.Finish(progress_);
+        manifest_.Tool = "vestrel-catalog " VESTREL_VERSION;
+        manifest_.Created = CurrentTimeText();
+        manifest_.Epoch = options_.Table.Epoch;
+        manifest_.Cells = builder_.Cells();
+        manifest_.Magnitudes = builder_.Magnitudes().Steps();
+        manifest_.Duplicates = builder_.Duplicates();
+        if (builder_.Merged() > 0) {
+            manifest_.Remarks.push_back(GroupedText(builder_.Merged()) +
+                                        " stars that several sources have were taken once");
         }
-        const std::uint64_t stars = Manifest.StarCount();
+        const std::uint64_t stars = manifest_.StarCount();
         if (stars == 0) throw ToolFailure(ToolExit::BadInput, "no star passes the filters");
-        if (!WriteManifest(Folder.Path(), Manifest)) {
-            throw ToolFailure(ToolExit::CannotWrite, TextFromPath(Folder.Path() / ManifestName) +
+        if (!WriteManifest(folder_.Path(), manifest_)) {
+            throw ToolFailure(ToolExit::CannotWrite, TextFromPath(folder_.Path() / ManifestName) +
                                                          ": " + SystemErrorText());
         }
         ThrowIfStopped();
-        Folder.Publish();
-        Progress.Clear();
-        for (const CatalogSource& source : Manifest.Sources) {
+        folder_.Publish();
+        progress_.Clear();
+        for (const CatalogSource& source : manifest_.Sources) {
             std::printf("%s: %s of %s rows used\n", WithoutControls(source.File).c_str(),
                         GroupedText(source.Used).c_str(), GroupedText(source.Rows).c_str());
             if (source.Moved > 0) {
                 std::printf("    moved to the epoch %s: %s\n",
-                            NumberText(Manifest.Epoch.value_or(0)).c_str(),
+                            NumberText(manifest_.Epoch.value_or(0)).c_str(),
                             GroupedText(source.Moved).c_str());
             }
             for (const auto& [reason, rows] : source.LeftOut) {
@@ -290,23 +291,24 @@ class Build {
                             GroupedText(rows).c_str());
             }
         }
-        if (Manifest.Duplicates > 0) {
-            std::printf("exact duplicates dropped: %s\n", GroupedText(Manifest.Duplicates).c_str());
+        if (manifest_.Duplicates > 0) {
+            std::printf("exact duplicates dropped: %s\n",
+                        GroupedText(manifest_.Duplicates).c_str());
         }
-        if (Builder.Merged() > 0) {
+        if (builder_.Merged() > 0) {
             std::printf("stars of several sources, taken once: %s\n",
-                        GroupedText(Builder.Merged()).c_str());
+                        GroupedText(builder_.Merged()).c_str());
         }
         std::printf("%s stars in %s\n", GroupedText(stars).c_str(),
-                    TextFromPath(ChosenCatalog(Options.Catalog)).c_str());
+                    TextFromPath(ChosenCatalog(options_.Catalog)).c_str());
     }
 
-    const BuildOptions& Options;
-    BuildingFolder Folder;
-    CatalogBuilder Builder;
-    ProgressLine Progress;
-    CatalogManifest Manifest;
-    unsigned char Number = 0;  ///< of the source that is being read
+    const BuildOptions& options_;
+    BuildingFolder folder_;
+    CatalogBuilder builder_;
+    ProgressLine progress_;
+    CatalogManifest manifest_;
+    unsigned char number_ = 0;  ///< of the source that is being read
 };
 
 /// Completes what the command line gives as text.

@@ -76,10 +76,10 @@ std::vector<SkyStar> ReadBrightStars(const std::filesystem::path& file, std::siz
 }
 
 BrightStarFinder::BrightStarFinder(std::vector<SkyStar> stars)
-    : Stars(std::move(stars)), Present(Stars.size(), false) {
-    for (std::size_t i = 0; i < Stars.size(); ++i) {
-        const Direction at = DirectionOf(PositionOf(Stars[i]));
-        Directions.push_back(at);
+    : stars_(std::move(stars)), present_(stars_.size(), false) {
+    for (std::size_t i = 0; i < stars_.size(); ++i) {
+        const Direction at = DirectionOf(PositionOf(stars_[i]));
+        directions_.push_back(at);
         // The corners of the cube around the star lie in every box that its reach touches.
         std::set<int> boxes;
         for (int corner = 0; corner < 8; ++corner) {
@@ -87,31 +87,31 @@ BrightStarFinder::BrightStarFinder(std::vector<SkyStar> stars)
                                    at[1] + ((corner & 2) != 0 ? reach : -reach),
                                    at[2] + ((corner & 4) != 0 ? reach : -reach)));
         }
-        for (const int box : boxes) Boxes[box].push_back(i);
+        for (const int box : boxes) boxes_[box].push_back(i);
     }
 }
 
 void BrightStarFinder::Visit(const SkyStar& star) {
     constexpr double near = 10 * arcsecond;
-    if (Stars.empty()) return;
+    if (stars_.empty()) return;
     const Direction at = DirectionOf(PositionOf(star));
-    const auto box = Boxes.find(BoxNumber(at[0], at[1], at[2]));
-    if (box == Boxes.end()) return;
+    const auto box = boxes_.find(BoxNumber(at[0], at[1], at[2]));
+    if (box == boxes_.end()) return;
     for (const std::size_t i : box->second) {
-        const Direction& bright = Directions[i];
+        const Direction& bright = directions_[i];
         // At these distances the chord is as long as the arc.
         const double distance = std::hypot(at[0] - bright[0], at[1] - bright[1], at[2] - bright[2]);
-        const double difference = std::fabs(star.Mag - Stars[i].Mag);
+        const double difference = std::fabs(star.Mag - stars_[i].Mag);
         if ((distance <= near && difference < 2) || (distance <= reach && difference < 0.75)) {
-            Present[i] = true;
+            present_[i] = true;
         }
     }
 }
 
 std::vector<SkyStar> BrightStarFinder::Missing() const {
     std::vector<SkyStar> missing;
-    for (std::size_t i = 0; i < Stars.size(); ++i) {
-        if (!Present[i]) missing.push_back(Stars[i]);
+    for (std::size_t i = 0; i < stars_.size(); ++i) {
+        if (!present_[i]) missing.push_back(stars_[i]);
     }
     return missing;
 }

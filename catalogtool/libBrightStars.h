@@ -33,12 +33,12 @@ class BrightStarFinder {
     std::vector<SkyStar> Missing() const;
 
  private:
-    std::vector<SkyStar> Stars;
-    std::vector<Direction> Directions;
-    std::vector<bool> Present;
+    std::vector<SkyStar> stars_;
+    std::vector<Direction> directions_;
+    std::vector<bool> present_;
     /// The stars in reach of each box of a coarse division of space: without poles and without a
     /// seam where right ascension starts anew.
-    std::unordered_map<int, std::vector<std::size_t>> Boxes;
+    std::unordered_map<int, std::vector<std::size_t>> boxes_;
 };
 
 }  // namespace vestrel

@@ -94,28 +94,28 @@ auto OrderKey(const CatalogStar& star) {
 }  // namespace
 
 CatalogBuilder::CatalogBuilder(std::filesystem::path folder, std::size_t gatheredStars)
-    : Folder(std::move(folder)), Limit(gatheredStars), Gatherings(AllCells().size()) {}
+    : folder_(std::move(folder)), limit_(gatheredStars), gatherings_(AllCells().size()) {}
 
 std::filesystem::path CatalogBuilder::FileOf(std::size_t cell) const {
-    return Folder / CellName(AllCells()[cell]);
+    return folder_ / CellName(AllCells()[cell]);
 }
 
 void CatalogBuilder::Add(const CatalogStar& star, unsigned char source) {
-    SeveralSources = SeveralSources || source > 0;
+    severalSources_ = severalSources_ || source > 0;
     const CellPosition cell = CellOfStored(star);
     if (IsAtAnEdge(star, cell) && IsKnownBeyondTheEdge(star, source)) {
-        ++MergedCount;
+        ++mergedCount_;
         return;
     }
-    Gatherings[CellNumber(cell)].Stars.push_back({star, source});
-    if (++Gathered >= Limit) Spill();
+    gatherings_[CellNumber(cell)].Stars.push_back({star, source});
+    if (++gathered_ >= limit_) Spill();
 }
 
 bool CatalogBuilder::IsKnownBeyondTheEdge(const CatalogStar& star, unsigned char source) {
     const CellPosition cell = CellOfStored(star);
     for (int box = 0; box < 27; ++box) {
-        const auto near = EdgeStars.find(BoxOf(star, {box % 3 - 1, box / 3 % 3 - 1, box / 9 - 1}));
-        if (near == EdgeStars.end()) continue;
+        const auto near = edgeStars_.find(BoxOf(star, {box % 3 - 1, box / 3 % 3 - 1, box / 9 - 1}));
+        if (near == edgeStars_.end()) continue;
         for (const SourceStar& other : near->second) {
             if (other.Source < source && !(CellOfStored(other.Star) == cell) &&
                 AreSameStar(other.Star, star)) {
@@ -123,7 +123,7 @@ bool CatalogBuilder::IsKnownBeyondTheEdge(const CatalogStar& star, unsigned char
             }
         }
     }
-    EdgeStars[BoxOf(star, {0, 0, 0})].push_back({star, source});
+    edgeStars_[BoxOf(star, {0, 0, 0})].push_back({star, source});
     return false;
 }
 
@@ -145,13 +145,13 @@ void CatalogBuilder::Merge(std::vector<SourceStar>& stars) {
     for (std::size_t i = 0; i < stars.size(); ++i) {
         if (!same[i]) stars[kept++] = stars[i];
     }
-    MergedCount += stars.size() - kept;
+    mergedCount_ += stars.size() - kept;
     stars.resize(kept);
 }
 
 void CatalogBuilder::Spill() {
-    for (std::size_t cell = 0; cell < Gatherings.size(); ++cell) {
-        Gathering& gathering = Gatherings[cell];
+    for (std::size_t cell = 0; cell < gatherings_.size(); ++cell) {
+        Gathering& gathering = gatherings_[cell];
         if (gathering.Stars.empty()) continue;
         ThrowIfStopped();
         std::vector<unsigned char> bytes;
@@ -166,11 +166,11 @@ void CatalogBuilder::Spill() {
         // Capacity is given back too: an export ordered by position fills other cells next.
         gathering.Stars = {};
     }
-    Gathered = 0;
+    gathered_ = 0;
 }
 
 std::vector<CatalogBuilder::SourceStar> CatalogBuilder::TakeCell(std::size_t cell) {
-    Gathering& gathering = Gatherings[cell];
+    Gathering& gathering = gatherings_[cell];
     if (gathering.OnDisk + gathering.Stars.size() > MostStarsInCell) {
         throw ToolFailure(ToolExit::BadInput,
                           "cell " + CellName(AllCells()[cell]) + " would hold " +
@@ -200,10 +200,10 @@ std::vector<CatalogBuilder::SourceStar> CatalogBuilder::TakeCell(std::size_t cel
 
 void CatalogBuilder::Finish(ProgressLine& progress) {
     std::uint64_t written = 0;
-    for (std::size_t cell = 0; cell < Gatherings.size(); ++cell) {
-        progress.Show("Writing cells", cell, Gatherings.size(), written);
+    for (std::size_t cell = 0; cell < gatherings_.size(); ++cell) {
+        progress.Show("Writing cells", cell, gatherings_.size(), written);
         std::vector<SourceStar> stars = TakeCell(cell);
-        if (SeveralSources) Merge(stars);
+        if (severalSources_) Merge(stars);
         std::sort(stars.begin(), stars.end(), [](const SourceStar& a, const SourceStar& b) {
             return OrderKey(a.Star) < OrderKey(b.Star);
         });
@@ -211,7 +211,7 @@ void CatalogBuilder::Finish(ProgressLine& progress) {
             std::unique(stars.begin(), stars.end(), [](const SourceStar& a, const SourceStar& b) {
                 return OrderKey(a.Star) == OrderKey(b.Star);
             });
-        DuplicateCount += static_cast<std::uint64_t>(stars.end() - end);
+        duplicateCount_ += static_cast<std::uint64_t>(stars.end() - end);
         stars.erase(end, stars.end());
 
         std::vector<unsigned char> bytes;
@@ -223,8 +223,8 @@ void CatalogBuilder::Finish(ProgressLine& progress) {
         WriteBytes(FileOf(cell), "wb", bytes);
         Checksum checksum;
         checksum.Add(bytes);
-        Contents[CellName(AllCells()[cell])] = {stars.size(), checksum.Value()};
-        for (const SourceStar& star : stars) Counts.Add(star.Star.Mag);
+        contents_[CellName(AllCells()[cell])] = {stars.size(), checksum.Value()};
+        for (const SourceStar& star : stars) counts_.Add(star.Star.Mag);
         written += stars.size();
     }
 }

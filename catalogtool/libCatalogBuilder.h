@@ -39,11 +39,11 @@ class CatalogBuilder {
     /// `MostStarsInCell`.
     void Finish(ProgressLine& progress);
 
-    const std::map<std::string, CellContent>& Cells() const { return Contents; }
-    const MagnitudeCounts& Magnitudes() const { return Counts; }
-    std::uint64_t Duplicates() const { return DuplicateCount; }
+    const std::map<std::string, CellContent>& Cells() const { return contents_; }
+    const MagnitudeCounts& Magnitudes() const { return counts_; }
+    std::uint64_t Duplicates() const { return duplicateCount_; }
     /// How many stars were left out because an earlier source has them.
-    std::uint64_t Merged() const { return MergedCount; }
+    std::uint64_t Merged() const { return mergedCount_; }
 
  private:
     /// A star and the number of its source.
@@ -62,17 +62,17 @@ class CatalogBuilder {
     bool IsKnownBeyondTheEdge(const CatalogStar& star, unsigned char source);
     void Merge(std::vector<SourceStar>& stars);
 
-    std::filesystem::path Folder;
-    std::size_t Limit;
-    std::size_t Gathered = 0;
-    std::vector<Gathering> Gatherings;
-    std::map<std::string, CellContent> Contents;
-    MagnitudeCounts Counts;
-    std::uint64_t DuplicateCount = 0;
-    std::uint64_t MergedCount = 0;
-    bool SeveralSources = false;
+    std::filesystem::path folder_;
+    std::size_t limit_;
+    std::size_t gathered_ = 0;
+    std::vector<Gathering> gatherings_;
+    std::map<std::string, CellContent> contents_;
+    MagnitudeCounts counts_;
+    std::uint64_t duplicateCount_ = 0;
+    std::uint64_t mergedCount_ = 0;
+    bool severalSources_ = false;
     /// Stars at the edges of cells by small boxes: those of another cell may be the same ones.
-    std::unordered_map<std::uint64_t, std::vector<SourceStar>> EdgeStars;
+    std::unordered_map<std::uint64_t, std::vector<SourceStar>> edgeStars_;
 };
 
 }  // namespace vestrel

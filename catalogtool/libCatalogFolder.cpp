@@ -154,50 +154,50 @@ void ClearDeadBuilds(const fs::path& catalog) {
 BuildingFolder::BuildingFolder(const fs::path& catalog) {
     std::error_code error;
     // A link is followed, so that not the link but the folder behind it is replaced.
-    Catalog = FollowLinks(AbsolutePath(catalog), error);
-    if (Catalog.filename().empty()) Catalog = Catalog.parent_path();
-    if (error || Catalog.filename().empty()) FailToWrite(catalog, "is no place for a catalog");
+    catalog_ = FollowLinks(AbsolutePath(catalog), error);
+    if (catalog_.filename().empty()) catalog_ = catalog_.parent_path();
+    if (error || catalog_.filename().empty()) FailToWrite(catalog, "is no place for a catalog");
     const std::string process = std::to_string(ProcessNumber());
-    Building = Catalog;
-    Building += std::string(buildingMark) + process;
-    Aside = Catalog;
-    Aside += std::string(asideMark) + process;
+    building_ = catalog_;
+    building_ += std::string(buildingMark) + process;
+    aside_ = catalog_;
+    aside_ += std::string(asideMark) + process;
 
-    fs::create_directories(Catalog.parent_path(), error);
-    if (error) FailToWrite(Catalog.parent_path(), error.message());
-    ClearDeadBuilds(Catalog);
-    RequireCatalogOnly(Catalog);
-    if (IsMountPoint(Catalog)) {
-        FailToWrite(Catalog, "is a mount point, which cannot be replaced; name a folder in it");
+    fs::create_directories(catalog_.parent_path(), error);
+    if (error) FailToWrite(catalog_.parent_path(), error.message());
+    ClearDeadBuilds(catalog_);
+    RequireCatalogOnly(catalog_);
+    if (IsMountPoint(catalog_)) {
+        FailToWrite(catalog_, "is a mount point, which cannot be replaced; name a folder in it");
     }
-    if (!fs::create_directory(Building, error)) {
-        FailToWrite(Building, error ? error.message() : "exists already");
+    if (!fs::create_directory(building_, error)) {
+        FailToWrite(building_, error ? error.message() : "exists already");
     }
 }
 
 BuildingFolder::~BuildingFolder() {
     // After publishing, this is where the old catalog was exchanged to, if anything is here.
-    RemoveCatalog(Building);
+    RemoveCatalog(building_);
 }
 
 void BuildingFolder::Publish(bool inOneStep) {
-    SyncFolder(Building, true);
+    SyncFolder(building_, true);
     std::error_code error;
-    if (!fs::exists(Catalog, error)) {
-        fs::rename(Building, Catalog, error);
-        if (error) FailToWrite(Catalog, error.message());
-    } else if (!inOneStep || !ExchangeFolders(Building, Catalog)) {
-        fs::rename(Catalog, Aside, error);
-        if (error) FailToWrite(Catalog, error.message());
-        fs::rename(Building, Catalog, error);
+    if (!fs::exists(catalog_, error)) {
+        fs::rename(building_, catalog_, error);
+        if (error) FailToWrite(catalog_, error.message());
+    } else if (!inOneStep || !ExchangeFolders(building_, catalog_)) {
+        fs::rename(catalog_, aside_, error);
+        if (error) FailToWrite(catalog_, error.message());
+        fs::rename(building_, catalog_, error);
         if (error) {
             const std::string why = error.message();
-            fs::rename(Aside, Catalog, error);
-            FailToWrite(Catalog, why);
+            fs::rename(aside_, catalog_, error);
+            FailToWrite(catalog_, why);
         }
-        RemoveCatalog(Aside);
+        RemoveCatalog(aside_);
     }
-    SyncFolder(Catalog.parent_path(), false);
+    SyncFolder(catalog_.parent_path(), false);
 }
 
 }  // namespace vestrel

@@ -19,7 +19,7 @@ class BuildingFolder {
     BuildingFolder(const BuildingFolder&) = delete;
     BuildingFolder& operator=(const BuildingFolder&) = delete;
 
-    const std::filesystem::path& Path() const { return Building; }
+    const std::filesystem::path& Path() const { return building_; }
 
     /// Brings everything to the disk and puts the folder in the catalog's place. In one step where
     /// the file system can exchange two folders; otherwise, or with `inOneStep` false, in two with
@@ -28,9 +28,9 @@ class BuildingFolder {
     void Publish(bool inOneStep = true);
 
  private:
-    std::filesystem::path Catalog;
-    std::filesystem::path Building;
-    std::filesystem::path Aside;
+    std::filesystem::path catalog_;
+    std::filesystem::path building_;
+    std::filesystem::path aside_;
 };
 
 }  // namespace vestrel

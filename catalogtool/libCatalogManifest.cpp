@@ -102,21 +102,22 @@ nlohmann::json SourceJson(const CatalogSource& source) {
 
 void Checksum::Add(std::span<const unsigned char> bytes) {
     static const auto table = ChecksumTable();
-    for (const unsigned char byte : bytes) State = State >> 8 ^ table[(State ^ byte) & 0xFF];
+    for (const unsigned char byte : bytes) state_ = state_ >> 8 ^ table[(state_ ^ byte) & 0xFF];
 }
 
 void MagnitudeCounts::Add(std::int16_t hundredths) {
     // Shifted to be never negative, so that the division rounds down.
-    ++Stars[static_cast<std::size_t>((hundredths - FirstStep * StepSize) / StepSize)];
+    ++stars_[static_cast<std::size_t>((hundredths - firstStep_ * stepSize_) / stepSize_)];
 }
 
 std::vector<MagnitudeCounts::Step> MagnitudeCounts::Steps() const {
     std::vector<Step> steps;
     std::uint64_t total = 0;
-    for (std::size_t i = 0; i < Stars.size(); ++i) {
-        total += Stars[i];
+    for (std::size_t i = 0; i < stars_.size(); ++i) {
+        total += stars_[i];
         if (total == 0) continue;
-        steps.push_back({(static_cast<int>(i) + FirstStep) * (StepSize / 100.0), Stars[i], total});
+        steps.push_back(
+            {(static_cast<int>(i) + firstStep_) * (stepSize_ / 100.0), stars_[i], total});
     }
     while (!steps.empty() && steps.back().Stars == 0) steps.pop_back();
     return steps;

@@ -21,10 +21,10 @@ namespace vestrel {
 class Checksum {
  public:
     void Add(std::span<const unsigned char> bytes);
-    std::uint32_t Value() const { return ~State; }
+    std::uint32_t Value() const { return ~state_; }
 
  private:
-    std::uint32_t State = 0xFFFFFFFF;
+    std::uint32_t state_ = 0xFFFFFFFF;
 };
 
 /// How many stars there are of each magnitude, in steps of half a magnitude.
@@ -41,9 +41,9 @@ class MagnitudeCounts {
     std::vector<Step> Steps() const;
 
  private:
-    static constexpr int StepSize = 50;
-    static constexpr int FirstStep = -656;  // holds the smallest 16-bit number
-    std::array<std::uint64_t, 1312> Stars{};
+    static constexpr int stepSize_ = 50;
+    static constexpr int firstStep_ = -656;  // holds the smallest 16-bit number
+    std::array<std::uint64_t, 1312> stars_{};
 };
 
 /// What one cell file holds.

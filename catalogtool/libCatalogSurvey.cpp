@@ -18,29 +18,29 @@ namespace {
 class Surveyor {
  public:
     Surveyor(const fs::path& folder, const CatalogManifest* manifest, CatalogSurvey& survey)
-        : Folder(folder), Manifest(manifest), Survey(survey), StarsInCells(AllCells().size()) {
-        Survey.SmallestFields.assign(AllCells().size(), std::numeric_limits<double>::infinity());
+        : folder_(folder), manifest_(manifest), survey_(survey), starsInCells_(AllCells().size()) {
+        survey_.SmallestFields.assign(AllCells().size(), std::numeric_limits<double>::infinity());
     }
 
-    void FindHolesAmongCells() { Survey.Holes = FindHoles(StarsInCells); }
+    void FindHolesAmongCells() { survey_.Holes = FindHoles(starsInCells_); }
 
     void ReadCell(const CellPosition& position) {
         const std::string name = CellName(position);
         const CellContent* expected = nullptr;
-        if (Manifest != nullptr) {
-            const auto listed = Manifest->Cells.find(name);
-            if (listed != Manifest->Cells.end()) expected = &listed->second;
+        if (manifest_ != nullptr) {
+            const auto listed = manifest_->Cells.find(name);
+            if (listed != manifest_->Cells.end()) expected = &listed->second;
         }
         std::error_code ignored;
-        const fs::file_status status = fs::status(Folder / name, ignored);
+        const fs::file_status status = fs::status(folder_ / name, ignored);
         const FileHandle file =
-            fs::is_regular_file(status) ? OpenFile(Folder / name, "rb") : nullptr;
+            fs::is_regular_file(status) ? OpenFile(folder_ / name, "rb") : nullptr;
         if (!file && fs::exists(status)) {
             Report(name, "cannot be read");
             return;
         }
         if (!file) {
-            Survey.MissingCells.push_back(name);
+            survey_.MissingCells.push_back(name);
             if (expected != nullptr) Report(name, "is missing");
             return;
         }
@@ -51,18 +51,18 @@ class Surveyor {
             return;
         }
         const CellContent content = ReadRecords(file.get(), position, name);
-        Survey.Stars += content.Stars;
+        survey_.Stars += content.Stars;
         const std::size_t number = CellNumber(position);
-        StarsInCells[number] = content.Stars;
+        starsInCells_[number] = content.Stars;
         constexpr double skyDegrees = 41252.96;
-        std::sort(MagnitudesHere.begin(), MagnitudesHere.end());
-        Survey.SmallestFields[number] =
-            SmallestField(MagnitudesHere, skyDegrees * CellAreaFraction(position));
+        std::sort(magnitudesHere_.begin(), magnitudesHere_.end());
+        survey_.SmallestFields[number] =
+            SmallestField(magnitudesHere_, skyDegrees * CellAreaFraction(position));
         if (content.Stars > 0) {
-            ++Survey.CellsWithStars;
-            Survey.Coverage += CellAreaFraction(position);
+            ++survey_.CellsWithStars;
+            survey_.Coverage += CellAreaFraction(position);
         } else {
-            Survey.EmptyCells.push_back(name);
+            survey_.EmptyCells.push_back(name);
         }
         if (expected != nullptr && content.Stars != expected->Stars) {
             Report(name, "has " + GroupedText(content.Stars) + " stars instead of " +
@@ -70,37 +70,37 @@ class Surveyor {
         } else if (expected != nullptr && content.Crc != expected->Crc) {
             Report(name, "is not as it was built: its checksum differs");
         }
-        if (Manifest != nullptr && expected == nullptr && content.Stars > 0) {
+        if (manifest_ != nullptr && expected == nullptr && content.Stars > 0) {
             Report(name, "has stars but was not built");
         }
     }
 
     void ListStrays() {
         std::error_code error;
-        for (fs::directory_iterator entry(Folder, error), end; !error && entry != end;
+        for (fs::directory_iterator entry(folder_, error), end; !error && entry != end;
              entry.increment(error)) {
             const std::string name = TextFromPath(entry->path().filename());
             if (!IsCellName(name) && name != ManifestName && name != QuadFileName) {
-                Survey.Strays.push_back(name);
+                survey_.Strays.push_back(name);
             }
         }
         if (error) {
-            throw ToolFailure(ToolExit::BadInput, TextFromPath(Folder) + ": " + error.message());
+            throw ToolFailure(ToolExit::BadInput, TextFromPath(folder_) + ": " + error.message());
         }
-        std::sort(Survey.Strays.begin(), Survey.Strays.end());
+        std::sort(survey_.Strays.begin(), survey_.Strays.end());
     }
 
     void Report(const std::string& name, const std::string& what) {
         constexpr std::size_t faultsInWords = 20;
-        ++Survey.FaultCount;
-        if (Survey.Faults.size() < faultsInWords) Survey.Faults.push_back(name + " " + what);
+        ++survey_.FaultCount;
+        if (survey_.Faults.size() < faultsInWords) survey_.Faults.push_back(name + " " + what);
     }
 
  private:
     CellContent ReadRecords(std::FILE* file, const CellPosition& position,
                             const std::string& name) {
         CellContent content;
-        MagnitudesHere.clear();
+        magnitudesHere_.clear();
         Checksum checksum;
         std::uint64_t misplaced = 0;
         std::uint64_t outOfRange = 0;
@@ -116,8 +116,8 @@ class Surveyor {
                     DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes>(
                         &block[at], CatalogRecordBytes));
                 ++content.Stars;
-                Survey.Magnitudes.Add(star.Mag);
-                MagnitudesHere.push_back(star.Mag);
+                survey_.Magnitudes.Add(star.Mag);
+                magnitudesHere_.push_back(star.Mag);
                 if (!IsStoredPosition(star.Ra, star.Dec)) {
                     ++outOfRange;
                 } else if (!(CellOfStored(star) == position)) {
@@ -135,16 +135,16 @@ class Surveyor {
         if (misplaced > 0) {
             Report(name, "has " + GroupedText(misplaced) + " stars of other cells");
         }
-        if (!ordered && Manifest != nullptr) Report(name, "is not brightest first");
+        if (!ordered && manifest_ != nullptr) Report(name, "is not brightest first");
         content.Crc = checksum.Value();
         return content;
     }
 
-    const fs::path& Folder;
-    const CatalogManifest* Manifest;
-    CatalogSurvey& Survey;
-    std::vector<std::uint64_t> StarsInCells;
-    std::vector<std::int16_t> MagnitudesHere;  ///< of the cell that is being read
+    const fs::path& folder_;
+    const CatalogManifest* manifest_;
+    CatalogSurvey& survey_;
+    std::vector<std::uint64_t> starsInCells_;
+    std::vector<std::int16_t> magnitudesHere_;  ///< of the cell that is being read
 };
 
 }  // namespace

@@ -59,12 +59,12 @@ class BlockRow final : public TableRow {
 
 class FitsTable {
  public:
-    FitsTable(const std::filesystem::path& path, std::string name) : Name(std::move(name)) {
+    FitsTable(const std::filesystem::path& path, std::string name) : name_(std::move(name)) {
         fitsfile* opened = nullptr;
         int status = 0;
         // The "disk file" form reads the name as it stands, brackets and all.
         fits_open_diskfile(&opened, TextFromPath(path).c_str(), READONLY, &status);
-        File.reset(opened);
+        file_.reset(opened);
         Check(status, "open it");
     }
 
@@ -72,23 +72,23 @@ class FitsTable {
     StarColumns FindColumns(const StarTableOptions& options) {
         int count = 0;
         int status = 0;
-        fits_get_num_hdus(File.get(), &count, &status);
+        fits_get_num_hdus(file_.get(), &count, &status);
         Check(status, "list its tables");
         std::optional<ToolFailure> firstFailure;
         for (int number = 2; number <= count; ++number) {
             int type = 0;
-            fits_movabs_hdu(File.get(), number, &type, &status);
+            fits_movabs_hdu(file_.get(), number, &type, &status);
             Check(status, "read header " + std::to_string(number));
             if (type == IMAGE_HDU) continue;
             try {
-                StarColumns columns(ReadNames(), Name, options);
+                StarColumns columns(ReadNames(), name_, options);
                 for (std::size_t i = 0; i < Row.Columns.size(); ++i) {
                     if (columns.IsUsed(i) && !Row.Columns[i].IsUsable) {
                         Fail("column " + std::to_string(i + 1) +
                              " holds neither one number a row nor a short text");
                     }
                 }
-                columns.SetUnits(Units);
+                columns.SetUnits(units_);
                 return columns;
             } catch (const ToolFailure& failure) {
                 if (!firstFailure) firstFailure = failure;
@@ -101,7 +101,7 @@ class FitsTable {
     std::uint64_t RowCount() {
         LONGLONG rows = 0;
         int status = 0;
-        fits_get_num_rowsll(File.get(), &rows, &status);
+        fits_get_num_rowsll(file_.get(), &rows, &status);
         Check(status, "count its rows");
         if (rows < 0) Fail("has a table of an impossible size");
         return static_cast<std::uint64_t>(rows);
@@ -118,7 +118,7 @@ class FitsTable {
             } else {
                 double none = notANumber;
                 column.Numbers.assign(rows, notANumber);
-                fits_read_col(File.get(), TDOUBLE, static_cast<int>(i) + 1,
+                fits_read_col(file_.get(), TDOUBLE, static_cast<int>(i) + 1,
                               static_cast<LONGLONG>(first) + 1, 1, static_cast<LONGLONG>(rows),
                               &none, column.Numbers.data(), nullptr, &status);
             }
@@ -132,7 +132,7 @@ class FitsTable {
 
  private:
     [[noreturn]] void Fail(const std::string& why) const {
-        throw ToolFailure(ToolExit::BadInput, Name + ": " + why);
+        throw ToolFailure(ToolExit::BadInput, name_ + ": " + why);
     }
 
     void Check(int status, const std::string& task) const {
@@ -147,18 +147,18 @@ class FitsTable {
     std::vector<std::string> ReadNames() {
         int count = 0;
         int status = 0;
-        fits_get_num_cols(File.get(), &count, &status);
+        fits_get_num_cols(file_.get(), &count, &status);
         Check(status, "list its columns");
         std::vector<std::string> names;
         Row.Columns.assign(static_cast<std::size_t>(std::max(count, 0)), {});
-        Units.clear();
+        units_.clear();
         for (int i = 1; i <= count; ++i) {
             names.push_back(Trimmed("TTYPE" + std::to_string(i)));
-            Units.push_back(Trimmed("TUNIT" + std::to_string(i)));
+            units_.push_back(Trimmed("TUNIT" + std::to_string(i)));
             int type = 0;
             long repeat = 0;
             long width = 0;
-            fits_get_coltype(File.get(), i, &type, &repeat, &width, &status);
+            fits_get_coltype(file_.get(), i, &type, &repeat, &width, &status);
             Column& column = Row.Columns[static_cast<std::size_t>(i) - 1];
             column.IsText = type == TSTRING;
             // A text of a binary table may be an array of pieces; the whole of it is meant.
@@ -180,7 +180,7 @@ class FitsTable {
     std::string Trimmed(const std::string& keyword) {
         std::array<char, FLEN_VALUE> value{};
         int status = 0;
-        fits_read_key(File.get(), TSTRING, keyword.c_str(), value.data(), nullptr, &status);
+        fits_read_key(file_.get(), TSTRING, keyword.c_str(), value.data(), nullptr, &status);
         return status == 0 ? std::string(Trim(value.data())) : "";
     }
 
@@ -190,7 +190,7 @@ class FitsTable {
         std::vector<char*> starts(rows);
         for (std::size_t i = 0; i < rows; ++i) starts[i] = &bytes[i * length];
         std::array<char, 1> none{};
-        fits_read_col(File.get(), TSTRING, number, static_cast<LONGLONG>(first) + 1, 1,
+        fits_read_col(file_.get(), TSTRING, number, static_cast<LONGLONG>(first) + 1, 1,
                       static_cast<LONGLONG>(rows), none.data(), starts.data(), nullptr, &status);
         column.Texts.resize(rows);
         for (std::size_t i = 0; i < rows; ++i) {
@@ -199,9 +199,9 @@ class FitsTable {
         }
     }
 
-    std::string Name;
-    std::unique_ptr<fitsfile, FitsCloser> File;
-    std::vector<std::string> Units;
+    std::string name_;
+    std::unique_ptr<fitsfile, FitsCloser> file_;
+    std::vector<std::string> units_;
 };
 
 }  // namespace

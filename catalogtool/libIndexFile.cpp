@@ -44,7 +44,7 @@ std::uint64_t LittleEndian(const unsigned char* bytes, std::size_t count) {
 /// The index file, with every failure of the FITS library turned into one message.
 class IndexFile {
  public:
-    explicit IndexFile(const std::filesystem::path& path) : Name(TextFromPath(path)) {
+    explicit IndexFile(const std::filesystem::path& path) : name_(TextFromPath(path)) {
         // The library would unpack a compressed file into memory, however large it becomes.
         const FileHandle plain = OpenFile(path, "rb");
         if (!plain) Fail("cannot be opened: " + SystemErrorText());
@@ -56,23 +56,23 @@ class IndexFile {
         fitsfile* opened = nullptr;
         int status = 0;
         // The "disk file" form reads the name as it stands, brackets and all.
-        fits_open_diskfile(&opened, Name.c_str(), READONLY, &status);
-        File.reset(opened);
+        fits_open_diskfile(&opened, name_.c_str(), READONLY, &status);
+        file_.reset(opened);
         Check(status, "open it");
-        fits_get_num_hdus(File.get(), &TableCount, &status);
+        fits_get_num_hdus(file_.get(), &tableCount_, &status);
         Check(status, "list its tables");
     }
 
     [[noreturn]] void Fail(const std::string& why) const {
-        throw ToolFailure(ToolExit::BadInput, Name + ": " + why);
+        throw ToolFailure(ToolExit::BadInput, name_ + ": " + why);
     }
 
     /// The text of a header card of the first header; empty when it lacks it.
     std::string Card(const char* keyword) {
         std::array<char, FLEN_VALUE> value{};
         int status = 0;
-        fits_movabs_hdu(File.get(), 1, nullptr, &status);
-        fits_read_key(File.get(), TSTRING, keyword, value.data(), nullptr, &status);
+        fits_movabs_hdu(file_.get(), 1, nullptr, &status);
+        fits_read_key(file_.get(), TSTRING, keyword, value.data(), nullptr, &status);
         return status == 0 ? value.data() : "";
     }
 
@@ -80,8 +80,8 @@ class IndexFile {
     int Number(const char* keyword, int otherwise) {
         int value = 0;
         int status = 0;
-        fits_movabs_hdu(File.get(), 1, nullptr, &status);
-        fits_read_key(File.get(), TINT, keyword, &value, nullptr, &status);
+        fits_movabs_hdu(file_.get(), 1, nullptr, &status);
+        fits_read_key(file_.get(), TINT, keyword, &value, nullptr, &status);
         return status == 0 ? value : otherwise;
     }
 
@@ -91,14 +91,14 @@ class IndexFile {
         int Number = 0;
     };
     Column Find(const char* name) {
-        for (int table = 2; table <= TableCount; ++table) {
+        for (int table = 2; table <= tableCount_; ++table) {
             int status = 0;
-            fits_movabs_hdu(File.get(), table, nullptr, &status);
+            fits_movabs_hdu(file_.get(), table, nullptr, &status);
             Check(status, "read header " + std::to_string(table));
             Column column{table, 0};
             std::array<char, FLEN_VALUE> copy{};
             std::string(name).copy(copy.data(), copy.size() - 1);
-            fits_get_colnum(File.get(), CASEINSEN, copy.data(), &column.Number, &status);
+            fits_get_colnum(file_.get(), CASEINSEN, copy.data(), &column.Number, &status);
             fits_clear_errmsg();
             if (status == 0) return column;
         }
@@ -123,9 +123,9 @@ class IndexFile {
         LONGLONG length = 0;
         LONGLONG rows = 0;
         int status = 0;
-        fits_movabs_hdu(File.get(), number, nullptr, &status);
-        fits_read_key(File.get(), TLONGLONG, "NAXIS1", &length, nullptr, &status);
-        fits_get_num_rowsll(File.get(), &rows, &status);
+        fits_movabs_hdu(file_.get(), number, nullptr, &status);
+        fits_read_key(file_.get(), TLONGLONG, "NAXIS1", &length, nullptr, &status);
+        fits_get_num_rowsll(file_.get(), &rows, &status);
         Check(status, "open table " + std::to_string(number));
         if (length < 0 || rows < 0) Fail("has a table of an impossible size");
         return {static_cast<std::size_t>(length), static_cast<std::uint64_t>(rows)};
@@ -134,7 +134,7 @@ class IndexFile {
     /// Bytes of the current table as they stand in the file, from a row (0-based) on.
     void ReadBytes(std::uint64_t row, std::vector<unsigned char>& bytes) {
         int status = 0;
-        fits_read_tblbytes(File.get(), static_cast<LONGLONG>(row) + 1, 1,
+        fits_read_tblbytes(file_.get(), static_cast<LONGLONG>(row) + 1, 1,
                            static_cast<LONGLONG>(bytes.size()), bytes.data(), &status);
         Check(status, "read its stars");
     }
@@ -142,7 +142,7 @@ class IndexFile {
     /// Numbers of a column of the current table, not-a-number where none is stored.
     void ReadFloats(int column, std::uint64_t row, std::vector<float>& values) {
         int status = 0;
-        fits_read_col(File.get(), TFLOAT, column, static_cast<LONGLONG>(row) + 1, 1,
+        fits_read_col(file_.get(), TFLOAT, column, static_cast<LONGLONG>(row) + 1, 1,
                       static_cast<LONGLONG>(values.size()), nullptr, values.data(), nullptr,
                       &status);
         Check(status, "read its magnitudes");
@@ -157,9 +157,9 @@ class IndexFile {
         Fail("could not " + task + " (" + text.data() + "); the file may be cut short");
     }
 
-    std::string Name;
-    FitsHandle File;
-    int TableCount = 0;
+    std::string name_;
+    FitsHandle file_;
+    int tableCount_ = 0;
 };
 
 /// How the stars are stored: as doubles, or as integers with coordinate = Minimum + integer /

@@ -118,25 +118,26 @@ void RequireStars(const StarTableResult& result, const std::string& table) {
 
 StarColumns::StarColumns(std::vector<std::string> names, std::string table,
                          const StarTableOptions& options)
-    : Names(std::move(names)), Table(std::move(table)), Options(options) {
+    : names_(std::move(names)), table_(std::move(table)), options_(options) {
     FindPositionColumns();
     FindMagnitudeColumn();
     FindMotionColumns();
-    for (const RowFilter& filter : Options.Filters) FilterColumns.push_back(Require(filter.Column));
+    for (const RowFilter& filter : options_.Filters)
+        filterColumns_.push_back(Require(filter.Column));
 }
 
 void StarColumns::Fail(const std::string& why) const {
-    throw ToolFailure(ToolExit::BadInput, Table + ": " + why);
+    throw ToolFailure(ToolExit::BadInput, table_ + ": " + why);
 }
 
 /// An exact match comes first, for some tables have both "Gmag" and "gmag".
 std::size_t StarColumns::Find(std::string_view column) const {
-    auto found = std::find(Names.begin(), Names.end(), column);
-    if (found == Names.end()) {
-        found = std::find_if(Names.begin(), Names.end(),
+    auto found = std::find(names_.begin(), names_.end(), column);
+    if (found == names_.end()) {
+        found = std::find_if(names_.begin(), names_.end(),
                              [&](const auto& name) { return SameText(name, column); });
     }
-    return found == Names.end() ? NoColumn : static_cast<std::size_t>(found - Names.begin());
+    return found == names_.end() ? NoColumn : static_cast<std::size_t>(found - names_.begin());
 }
 
 std::size_t StarColumns::Require(const std::string& column) const {
@@ -149,39 +150,39 @@ std::string StarColumns::ColumnList() const {
     constexpr std::size_t enough = 30;
     constexpr std::size_t longName = 40;
     std::string list;
-    for (std::size_t i = 0; i < std::min(Names.size(), enough); ++i) {
-        list += (i > 0 ? ", " : "") + Names[i].substr(0, longName);
+    for (std::size_t i = 0; i < std::min(names_.size(), enough); ++i) {
+        list += (i > 0 ? ", " : "") + names_[i].substr(0, longName);
     }
     // What is no table may hold bytes that a terminal would obey.
     std::replace_if(
         list.begin(), list.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-    return Names.size() > enough ? list + ", ..." : list;
+    return names_.size() > enough ? list + ", ..." : list;
 }
 
 void StarColumns::FindPositionColumns() {
     std::string looked;
     for (const auto& [ra, dec] : positionColumns) {
-        const std::string raName = Options.RaColumn.empty() ? ra : Options.RaColumn;
-        const std::string decName = Options.DecColumn.empty() ? dec : Options.DecColumn;
-        Ra = Find(raName);
-        Dec = Find(decName);
-        if (Ra != NoColumn && Dec != NoColumn) return;
+        const std::string raName = options_.RaColumn.empty() ? ra : options_.RaColumn;
+        const std::string decName = options_.DecColumn.empty() ? dec : options_.DecColumn;
+        ra_ = Find(raName);
+        dec_ = Find(decName);
+        if (ra_ != NoColumn && dec_ != NoColumn) return;
         looked += (looked.empty() ? "" : ", ") + raName + "/" + decName;
     }
-    if (!Options.RaColumn.empty()) Require(Options.RaColumn);
-    if (!Options.DecColumn.empty()) Require(Options.DecColumn);
+    if (!options_.RaColumn.empty()) Require(options_.RaColumn);
+    if (!options_.DecColumn.empty()) Require(options_.DecColumn);
     Fail("has no position columns known by name (looked for " + looked +
          ", in any case; give --ra-column and --dec-column); it has " + ColumnList());
 }
 
 void StarColumns::FindMagnitudeColumn() {
-    if (!Options.MagColumn.empty()) {
-        Mag = Require(Options.MagColumn);
+    if (!options_.MagColumn.empty()) {
+        mag_ = Require(options_.MagColumn);
         return;
     }
     for (const char* name : magnitudeColumns) {
-        Mag = Find(name);
-        if (Mag != NoColumn) return;
+        mag_ = Find(name);
+        if (mag_ != NoColumn) return;
     }
     Fail("has no magnitude column known by name (looked for " + Listed(magnitudeColumns) +
          ", in any case; give --mag-column); it has " + ColumnList());
@@ -189,52 +190,53 @@ void StarColumns::FindMagnitudeColumn() {
 
 void StarColumns::FindMotionColumns() {
     for (const auto& [ra, dec] : motionColumns) {
-        MotionRa = Find(ra);
-        MotionDec = Find(dec);
-        if (MotionRa != NoColumn && MotionDec != NoColumn) break;
-        MotionRa = MotionDec = NoColumn;
+        motionRa_ = Find(ra);
+        motionDec_ = Find(dec);
+        if (motionRa_ != NoColumn && motionDec_ != NoColumn) break;
+        motionRa_ = motionDec_ = NoColumn;
     }
-    const std::string& position = Names[Ra];
-    if (Options.TableEpoch) {
-        SourceEpoch = *Options.TableEpoch;
+    const std::string& position = names_[ra_];
+    if (options_.TableEpoch) {
+        sourceEpoch_ = *options_.TableEpoch;
         return;
     }
     // VizieR's J2000 columns are at the epoch 2000, whatever the others of the table are.
     if (position.find("2000") != std::string::npos) return;
     for (const char* name : epochColumns) {
-        EpochColumn = Find(name);
-        if (EpochColumn != NoColumn) return;
+        epochColumn_ = Find(name);
+        if (epochColumn_ != NoColumn) return;
     }
     if (SameText(position, "RA_ICRS")) {
-        SourceEpoch = 2016;  // Gaia's third release
+        sourceEpoch_ = 2016;  // Gaia's third release
     } else if (SameText(position, "RAICRS")) {
-        SourceEpoch = 1991.25;  // Hipparcos
+        sourceEpoch_ = 1991.25;  // Hipparcos
     }
-    EpochIsAssumed = true;
+    epochIsAssumed_ = true;
 }
 
 void StarColumns::SetUnits(const std::vector<std::string>& units) {
-    if (MotionRa == NoColumn || MotionRa >= units.size() || MotionDec >= units.size()) return;
-    MotionUnit = MotionUnitOf(units[MotionRa]);
+    if (motionRa_ == NoColumn || motionRa_ >= units.size() || motionDec_ >= units.size()) return;
+    motionUnit_ = MotionUnitOf(units[motionRa_]);
     // Seconds of time in one and of arc in the other: tables older than the convention.
-    if (MotionUnitOf(units[MotionDec]) != MotionUnit) MotionUnit = 0;
+    if (MotionUnitOf(units[motionDec_]) != motionUnit_) motionUnit_ = 0;
 }
 
 bool StarColumns::IsUsed(std::size_t column) const {
-    return column == Ra || column == Dec || column == Mag || column == MotionRa ||
-           column == MotionDec || column == EpochColumn ||
-           std::find(FilterColumns.begin(), FilterColumns.end(), column) != FilterColumns.end();
+    return column == ra_ || column == dec_ || column == mag_ || column == motionRa_ ||
+           column == motionDec_ || column == epochColumn_ ||
+           std::find(filterColumns_.begin(), filterColumns_.end(), column) != filterColumns_.end();
 }
 
 bool StarColumns::PassesFilters(const TableRow& row) const {
-    for (std::size_t i = 0; i < FilterColumns.size(); ++i) {
-        const RowFilter& filter = Options.Filters[i];
-        const double number = std::isnan(filter.Number) ? notANumber : row.Number(FilterColumns[i]);
+    for (std::size_t i = 0; i < filterColumns_.size(); ++i) {
+        const RowFilter& filter = options_.Filters[i];
+        const double number =
+            std::isnan(filter.Number) ? notANumber : row.Number(filterColumns_[i]);
         bool passes = false;
         if (filter.Comparison == '<') passes = number < filter.Number;
         if (filter.Comparison == '>') passes = number > filter.Number;
         if (filter.Comparison == '=') {
-            passes = std::isnan(number) ? row.Text(FilterColumns[i]) == filter.Value
+            passes = std::isnan(number) ? row.Text(filterColumns_[i]) == filter.Value
                                         : number == filter.Number;
         }
         if (!passes) return false;
@@ -243,35 +245,35 @@ bool StarColumns::PassesFilters(const TableRow& row) const {
 }
 
 bool StarColumns::ReadPosition(const TableRow& row, SkyStar& star) {
-    const double ra = row.Number(Ra);
+    const double ra = row.Number(ra_);
     if (std::isnan(ra)) {
-        const std::string_view text = row.Text(Ra);
+        const std::string_view text = row.Text(ra_);
         if (text.find_first_of(":hH ") == std::string_view::npos) return false;
         star.Ra = ParseRA(text);
-    } else if (Options.RaUnit == AngleUnit::Hours) {
+    } else if (options_.RaUnit == AngleUnit::Hours) {
         if (ra < 0 || ra > 24) return false;
         star.Ra = ra * 15 * RadiansPerDegree;
     } else {
         if (ra < -180 || ra > 360) return false;
-        LeastRa = std::min(LeastRa, ra);
-        GreatestRa = std::max(GreatestRa, ra);
+        leastRa_ = std::min(leastRa_, ra);
+        greatestRa_ = std::max(greatestRa_, ra);
         star.Ra = (ra < 0 ? ra + 360 : ra) * RadiansPerDegree;
     }
-    const double dec = row.Number(Dec);
-    star.Dec = std::isnan(dec) ? ParseDec(row.Text(Dec)) : dec * RadiansPerDegree;
+    const double dec = row.Number(dec_);
+    star.Dec = std::isnan(dec) ? ParseDec(row.Text(dec_)) : dec * RadiansPerDegree;
     return star.Ra != InvalidAngle && IsStoredPosition(0, static_cast<float>(star.Dec));
 }
 
 void StarColumns::Move(const TableRow& row, SkyStar& star) {
-    if (MotionRa == NoColumn || MotionUnit == 0) return;
-    const ProperMotion motion{row.Number(MotionRa) * MotionUnit,
-                              row.Number(MotionDec) * MotionUnit};
+    if (motionRa_ == NoColumn || motionUnit_ == 0) return;
+    const ProperMotion motion{row.Number(motionRa_) * motionUnit_,
+                              row.Number(motionDec_) * motionUnit_};
     const bool known =
         std::fabs(motion.Ra) <= largestMotion && std::fabs(motion.Dec) <= largestMotion;
-    const double epoch = EpochColumn == NoColumn ? SourceEpoch : row.Number(EpochColumn);
+    const double epoch = epochColumn_ == NoColumn ? sourceEpoch_ : row.Number(epochColumn_);
     if (!known || !(epoch > 1800 && epoch < 2200)) return;
-    star = MovedStar(star, motion, Options.Epoch - epoch);
-    ++Moved;
+    star = MovedStar(star, motion, options_.Epoch - epoch);
+    ++moved_;
 }
 
 bool StarColumns::ReadStar(const TableRow& row, SkyStar& star, RowFault& fault) {
@@ -280,29 +282,29 @@ bool StarColumns::ReadStar(const TableRow& row, SkyStar& star, RowFault& fault) 
         return false;
     };
     if (!PassesFilters(row)) return refuse(RowFault::Filtered);
-    if (row.Text(Ra).empty() || row.Text(Dec).empty()) return refuse(RowFault::NoPosition);
+    if (row.Text(ra_).empty() || row.Text(dec_).empty()) return refuse(RowFault::NoPosition);
     if (!ReadPosition(row, star)) return refuse(RowFault::BadPosition);
-    star.Mag = row.Number(Mag);
+    star.Mag = row.Number(mag_);
     if (!StoredStar(star)) return refuse(RowFault::NoMagnitude);
     Move(row, star);
     return true;
 }
 
 void StarColumns::Describe(StarTableResult& result) const {
-    result.Columns = Names[Ra] + ", " + Names[Dec] + ", " + Names[Mag];
-    result.Moved = Moved;
+    result.Columns = names_[ra_] + ", " + names_[dec_] + ", " + names_[mag_];
+    result.Moved = moved_;
     // Right ascensions all over 0..24 and none beyond: no survey of the sky in degrees has that.
-    result.LooksLikeHours = Options.RaUnit == AngleUnit::Automatic && LeastRa < 0.1 &&
-                            GreatestRa > 23.9 && GreatestRa <= 24;
-    if (MotionRa == NoColumn) {
+    result.LooksLikeHours = options_.RaUnit == AngleUnit::Automatic && leastRa_ < 0.1 &&
+                            greatestRa_ > 23.9 && greatestRa_ <= 24;
+    if (motionRa_ == NoColumn) {
         result.Motions = "no proper motions: positions as listed";
-    } else if (MotionUnit == 0) {
+    } else if (motionUnit_ == 0) {
         result.Motions = "its proper motions, which are in units not known, were not applied";
     } else {
-        result.Motions = "proper motions " + Names[MotionRa] + ", " + Names[MotionDec] +
-                         " applied from " +
-                         (EpochColumn != NoColumn ? Names[EpochColumn] : NumberText(SourceEpoch));
-        if (EpochIsAssumed) result.Motions += " (supposed: --table-epoch YEAR says otherwise)";
+        result.Motions =
+            "proper motions " + names_[motionRa_] + ", " + names_[motionDec_] + " applied from " +
+            (epochColumn_ != NoColumn ? names_[epochColumn_] : NumberText(sourceEpoch_));
+        if (epochIsAssumed_) result.Motions += " (supposed: --table-epoch YEAR says otherwise)";
     }
 }
 

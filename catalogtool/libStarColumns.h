@@ -85,11 +85,11 @@ class StarColumns {
     /// Takes note of the units of all columns, as far as they are known, before the first row.
     void SetUnits(const std::vector<std::string>& units);
 
-    std::size_t Count() const { return Names.size(); }
+    std::size_t Count() const { return names_.size(); }
     /// Whether rows are asked for this column.
     bool IsUsed(std::size_t column) const;
-    std::size_t RaColumn() const { return Ra; }
-    std::size_t DecColumn() const { return Dec; }
+    std::size_t RaColumn() const { return ra_; }
+    std::size_t DecColumn() const { return dec_; }
 
     /// The star of a row, at the epoch wanted; false and a reason when it gives none.
     bool ReadStar(const TableRow& row, SkyStar& star, RowFault& fault);
@@ -111,22 +111,22 @@ class StarColumns {
     bool ReadPosition(const TableRow& row, SkyStar& star);
     void Move(const TableRow& row, SkyStar& star);
 
-    std::vector<std::string> Names;
-    std::string Table;
-    const StarTableOptions& Options;
-    std::vector<std::size_t> FilterColumns;
-    std::size_t Ra = NoColumn;
-    std::size_t Dec = NoColumn;
-    std::size_t Mag = NoColumn;
-    std::size_t MotionRa = NoColumn;  ///< proper motions, both or neither
-    std::size_t MotionDec = NoColumn;
-    std::size_t EpochColumn = NoColumn;
-    double MotionUnit = 1;      ///< milliarcseconds
-    double SourceEpoch = 2000;  ///< of rows without one of their own
-    bool EpochIsAssumed = false;
-    std::uint64_t Moved = 0;
-    double LeastRa = 360;
-    double GreatestRa = -180;
+    std::vector<std::string> names_;
+    std::string table_;
+    const StarTableOptions& options_;
+    std::vector<std::size_t> filterColumns_;
+    std::size_t ra_ = NoColumn;
+    std::size_t dec_ = NoColumn;
+    std::size_t mag_ = NoColumn;
+    std::size_t motionRa_ = NoColumn;  ///< proper motions, both or neither
+    std::size_t motionDec_ = NoColumn;
+    std::size_t epochColumn_ = NoColumn;
+    double motionUnit_ = 1;      ///< milliarcseconds
+    double sourceEpoch_ = 2000;  ///< of rows without one of their own
+    bool epochIsAssumed_ = false;
+    std::uint64_t moved_ = 0;
+    double leastRa_ = 360;
+    double greatestRa_ = -180;
 };
 
 }  // namespace vestrel

@@ -23,8 +23,8 @@ class TextRow final : public TableRow {
 class TextTable {
  public:
     TextTable(std::string_view header, const std::string& name, const StarTableOptions& options)
-        : Splitter(FieldSplitter::DelimiterOf(header)),
-          Columns(NamesIn(header, name), name, options) {}
+        : splitter_(FieldSplitter::DelimiterOf(header)),
+          columns_(NamesIn(header, name), name, options) {}
 
     /// Whether a line under the names is one of dashes, or of units: words for a position.
     bool IsDecoration(std::string_view line) {
@@ -32,40 +32,41 @@ class TextTable {
         const auto isWord = [](std::string_view field) {
             return !field.empty() && field.find_first_of("0123456789") == std::string_view::npos;
         };
-        if (!Splitter.Split(line, Row.Fields) || Row.Fields.size() != Columns.Count() ||
-            !isWord(Row.Fields[Columns.RaColumn()]) || !isWord(Row.Fields[Columns.DecColumn()])) {
+        if (!splitter_.Split(line, row_.Fields) || row_.Fields.size() != columns_.Count() ||
+            !isWord(row_.Fields[columns_.RaColumn()]) ||
+            !isWord(row_.Fields[columns_.DecColumn()])) {
             return false;
         }
-        Columns.SetUnits({Row.Fields.begin(), Row.Fields.end()});
+        columns_.SetUnits({row_.Fields.begin(), row_.Fields.end()});
         return true;
     }
 
     /// The star of a row; false and a reason when it gives none.
     bool ReadRow(std::string_view line, SkyStar& star, RowFault& fault) {
         fault = RowFault::Malformed;
-        if (!Splitter.Split(line, Row.Fields)) return false;
+        if (!splitter_.Split(line, row_.Fields)) return false;
         // Some programs end each row, but not the names, with a delimiter.
-        if (Row.Fields.size() == Columns.Count() + 1 && Row.Fields.back().empty()) {
-            Row.Fields.pop_back();
+        if (row_.Fields.size() == columns_.Count() + 1 && row_.Fields.back().empty()) {
+            row_.Fields.pop_back();
         }
-        return Row.Fields.size() == Columns.Count() && Columns.ReadStar(Row, star, fault);
+        return row_.Fields.size() == columns_.Count() && columns_.ReadStar(row_, star, fault);
     }
 
-    void Describe(StarTableResult& result) const { Columns.Describe(result); }
+    void Describe(StarTableResult& result) const { columns_.Describe(result); }
 
  private:
     std::vector<std::string> NamesIn(std::string_view header, const std::string& table) {
         std::vector<std::string_view> names;
-        if (!Splitter.Split(header, names)) {
+        if (!splitter_.Split(header, names)) {
             throw ToolFailure(ToolExit::BadInput,
                               table + ": has an unclosed quote in its column names");
         }
         return {names.begin(), names.end()};
     }
 
-    FieldSplitter Splitter;
-    StarColumns Columns;
-    TextRow Row;
+    FieldSplitter splitter_;
+    StarColumns columns_;
+    TextRow row_;
 };
 
 }  // namespace

@@ -10,48 +10,49 @@
 
 namespace vestrel {
 
-LineReader::LineReader(UnpackedInput& input) : Input(input), Buffer(16 * LongestLine) {}
+LineReader::LineReader(UnpackedInput& input) : input_(input), buffer_(16 * LongestLine) {}
 
 void LineReader::Refill() {
-    std::copy(Buffer.begin() + static_cast<std::ptrdiff_t>(Begin),
-              Buffer.begin() + static_cast<std::ptrdiff_t>(End), Buffer.begin());
-    End -= Begin;
-    Begin = 0;
-    const std::size_t room = Buffer.size() - End;
-    const std::size_t count = Input.Read(Buffer.data() + End, room);
-    End += count;
-    AtEnd = count < room;
+    std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_),
+              buffer_.begin() + static_cast<std::ptrdiff_t>(end_), buffer_.begin());
+    end_ -= begin_;
+    begin_ = 0;
+    const std::size_t room = buffer_.size() - end_;
+    const std::size_t count = input_.Read(buffer_.data() + end_, room);
+    end_ += count;
+    atEnd_ = count < room;
 }
 
 LineReader::Outcome LineReader::Next(std::string_view& line) {
-    std::size_t searched = 0;  // of the bytes from Begin on
+    std::size_t searched = 0;  // of the bytes from `begin_` on
     bool tooLong = false;
     for (;;) {
         const void* found =
-            std::memchr(Buffer.data() + Begin + searched, '\n', End - Begin - searched);
+            std::memchr(buffer_.data() + begin_ + searched, '\n', end_ - begin_ - searched);
         const bool whole = found != nullptr;
-        if (!whole && !AtEnd) {
-            searched = End - Begin;
+        if (!whole && !atEnd_) {
+            searched = end_ - begin_;
             if (searched > LongestLine) {
                 tooLong = true;
-                Begin = End;
+                begin_ = end_;
                 searched = 0;
             }
             Refill();
             continue;
         }
-        if (!whole && !Input.Fault().empty()) return Outcome::Failed;
-        if (!whole && Begin == End && !tooLong) return Outcome::End;
+        if (!whole && !input_.Fault().empty()) return Outcome::Failed;
+        if (!whole && begin_ == end_ && !tooLong) return Outcome::End;
         const std::size_t stop =
-            whole ? static_cast<std::size_t>(static_cast<const char*>(found) - Buffer.data()) : End;
-        line = std::string_view(Buffer.data() + Begin, stop - Begin);
-        Begin = whole ? stop + 1 : End;
+            whole ? static_cast<std::size_t>(static_cast<const char*>(found) - buffer_.data())
+                  : end_;
+        line = std::string_view(buffer_.data() + begin_, stop - begin_);
+        begin_ = whole ? stop + 1 : end_;
         break;
     }
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
-    if (FirstLine && line.starts_with(byteOrderMark)) line.remove_prefix(byteOrderMark.size());
-    FirstLine = false;
+    if (firstLine_ && line.starts_with(byteOrderMark)) line.remove_prefix(byteOrderMark.size());
+    firstLine_ = false;
     return tooLong || line.size() > LongestLine ? Outcome::TooLong : Outcome::Line;
 }
 
@@ -69,30 +70,30 @@ bool FieldSplitter::Split(std::string_view line, std::vector<std::string_view>& 
     fields.clear();
     if (line.find('"') == std::string_view::npos) {
         for (;;) {
-            const std::size_t end = line.find(Delimiter);
+            const std::size_t end = line.find(delimiter_);
             fields.push_back(Trim(line.substr(0, end)));
             if (end == std::string_view::npos) return true;
             line.remove_prefix(end + 1);
         }
     }
     // The unquoted text is never longer than the line, so the fields' text does not move.
-    Unquoted.clear();
-    Unquoted.reserve(line.size());
+    unquoted_.clear();
+    unquoted_.reserve(line.size());
     for (std::size_t i = 0;; ++i) {
-        while (i < line.size() && line[i] == ' ' && Delimiter != ' ') ++i;
-        const std::size_t start = Unquoted.size();
+        while (i < line.size() && line[i] == ' ' && delimiter_ != ' ') ++i;
+        const std::size_t start = unquoted_.size();
         if (i < line.size() && line[i] == '"') {
             for (++i;; ++i) {
                 if (i >= line.size()) return false;
                 if (line[i] == '"' && (++i >= line.size() || line[i] != '"')) break;
-                Unquoted += line[i];
+                unquoted_ += line[i];
             }
             while (i < line.size() && line[i] == ' ') ++i;
-            if (i < line.size() && line[i] != Delimiter) return false;
+            if (i < line.size() && line[i] != delimiter_) return false;
         } else {
-            for (; i < line.size() && line[i] != Delimiter; ++i) Unquoted += line[i];
+            for (; i < line.size() && line[i] != delimiter_; ++i) unquoted_ += line[i];
         }
-        fields.push_back(Trim(std::string_view(Unquoted).substr(start)));
+        fields.push_back(Trim(std::string_view(unquoted_).substr(start)));
         if (i >= line.size()) return true;
     }
 }

@@ -27,12 +27,12 @@ class LineReader {
  private:
     void Refill();
 
-    UnpackedInput& Input;
-    std::vector<char> Buffer;
-    std::size_t Begin = 0;  // of what was not handed out yet
-    std::size_t End = 0;
-    bool AtEnd = false;
-    bool FirstLine = true;
+    UnpackedInput& input_;
+    std::vector<char> buffer_;
+    std::size_t begin_ = 0;  // of what was not handed out yet
+    std::size_t end_ = 0;
+    bool atEnd_ = false;
+    bool firstLine_ = true;
 };
 
 /// The value of a field that is a plain number; not-a-number when it is none.
@@ -41,7 +41,7 @@ double FieldNumber(std::string_view field);
 /// Splits lines into fields.
 class FieldSplitter {
  public:
-    explicit FieldSplitter(char delimiter) : Delimiter(delimiter) {}
+    explicit FieldSplitter(char delimiter) : delimiter_(delimiter) {}
 
     /// The fields of a line, blanks around them removed. A field may stand in double quotes, which
     /// are removed; inside them the delimiter is text and a doubled quote one quote. The fields
@@ -54,8 +54,8 @@ class FieldSplitter {
     static char DelimiterOf(std::string_view header);
 
  private:
-    char Delimiter;
-    std::string Unquoted;
+    char delimiter_;
+    std::string unquoted_;
 };
 
 }  // namespace vestrel

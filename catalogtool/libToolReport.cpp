@@ -59,15 +59,15 @@ std::string GroupedText(std::uint64_t number) {
     return text;
 }
 
-ProgressLine::ProgressLine(std::FILE* stream) : Stream(IsTerminal(stream) ? stream : nullptr) {}
+ProgressLine::ProgressLine(std::FILE* stream) : stream_(IsTerminal(stream) ? stream : nullptr) {}
 
 void ProgressLine::Show(std::string_view task, std::uint64_t done, std::uint64_t total,
                         std::uint64_t count) {
     ThrowIfStopped();
-    if (Stream == nullptr) return;
+    if (stream_ == nullptr) return;
     const auto now = std::chrono::steady_clock::now();
-    if (now < Next) return;
-    Next = now + std::chrono::milliseconds(150);
+    if (now < next_) return;
+    next_ = now + std::chrono::milliseconds(150);
 
     std::string line(task);
     line += ": ";
@@ -78,18 +78,18 @@ void ProgressLine::Show(std::string_view task, std::uint64_t done, std::uint64_t
     line += GroupedText(count);
     const std::size_t shown = line.size();
     // Blanks wipe what a longer line left; an escape sequence would need to know the terminal.
-    line.resize(std::max(shown, Drawn), ' ');
-    std::fprintf(Stream, "\r%s", line.c_str());
-    std::fflush(Stream);
-    Drawn = shown;
+    line.resize(std::max(shown, drawn_), ' ');
+    std::fprintf(stream_, "\r%s", line.c_str());
+    std::fflush(stream_);
+    drawn_ = shown;
 }
 
 void ProgressLine::Clear() {
-    if (Stream == nullptr || Drawn == 0) return;
-    std::fprintf(Stream, "\r%s\r", std::string(Drawn, ' ').c_str());
-    std::fflush(Stream);
-    Drawn = 0;
-    Next = {};
+    if (stream_ == nullptr || drawn_ == 0) return;
+    std::fprintf(stream_, "\r%s\r", std::string(drawn_, ' ').c_str());
+    std::fflush(stream_);
+    drawn_ = 0;
+    next_ = {};
 }
 
 }  // namespace vestrel

@@ -65,9 +65,9 @@ class ProgressLine {
     void Clear();
 
  private:
-    std::FILE* Stream;
-    std::size_t Drawn = 0;  // characters on the screen
-    std::chrono::steady_clock::time_point Next{};
+    std::FILE* stream_;
+    std::size_t drawn_ = 0;  // characters on the screen
+    std::chrono::steady_clock::time_point next_{};
 };
 
 }  // namespace vestrel

@@ -21,87 +21,87 @@ struct UnpackedInput::Inflater {
     bool BetweenFiles = false;
 };
 
-UnpackedInput::UnpackedInput(std::FILE* input) : Input(input), Buffer(std::size_t{1} << 18) {
+UnpackedInput::UnpackedInput(std::FILE* input) : input_(input), buffer_(std::size_t{1} << 18) {
     Refill();
-    if (End >= 2 && Buffer[0] == 0x1F && Buffer[1] == 0x8B) {
-        Unpacker = std::make_unique<Inflater>();
-        if (!Unpacker->Good) Failure = "cannot be unpacked: out of memory";
+    if (end_ >= 2 && buffer_[0] == 0x1F && buffer_[1] == 0x8B) {
+        unpacker_ = std::make_unique<Inflater>();
+        if (!unpacker_->Good) failure_ = "cannot be unpacked: out of memory";
     }
 }
 
 UnpackedInput::~UnpackedInput() = default;
 
 void UnpackedInput::Refill() {
-    if (AtEnd || Begin < End) return;
-    Begin = 0;
-    End = std::fread(Buffer.data(), 1, Buffer.size(), Input);
-    Taken += End;
+    if (atEnd_ || begin_ < end_) return;
+    begin_ = 0;
+    end_ = std::fread(buffer_.data(), 1, buffer_.size(), input_);
+    taken_ += end_;
     // A short read is the end or a failure; to read on would wait again on an interrupted pipe.
-    AtEnd = End < Buffer.size();
-    if (AtEnd && std::ferror(Input) != 0) Failure = SystemErrorText();
+    atEnd_ = end_ < buffer_.size();
+    if (atEnd_ && std::ferror(input_) != 0) failure_ = SystemErrorText();
 }
 
 std::size_t UnpackedInput::Unpack(char* data, std::size_t room) {
-    z_stream& stream = Unpacker->Stream;
+    z_stream& stream = unpacker_->Stream;
     stream.next_out = reinterpret_cast<unsigned char*>(data);
     stream.avail_out = static_cast<unsigned int>(room);
-    while (stream.avail_out > 0 && Failure.empty()) {
+    while (stream.avail_out > 0 && failure_.empty()) {
         Refill();
-        if (Begin == End) {
-            if (!Unpacker->BetweenFiles) Failure = "is cut short: its packed data break off";
+        if (begin_ == end_) {
+            if (!unpacker_->BetweenFiles) failure_ = "is cut short: its packed data break off";
             break;
         }
-        if (Unpacker->BetweenFiles) {
+        if (unpacker_->BetweenFiles) {
             // Zeros after the end are padding, as gzip itself takes them.
-            if (Buffer[Begin] == 0) {
-                ++Begin;
+            if (buffer_[begin_] == 0) {
+                ++begin_;
                 continue;
             }
             inflateReset(&stream);
-            Unpacker->BetweenFiles = false;
+            unpacker_->BetweenFiles = false;
         }
-        stream.next_in = &Buffer[Begin];
-        stream.avail_in = static_cast<unsigned int>(End - Begin);
+        stream.next_in = &buffer_[begin_];
+        stream.avail_in = static_cast<unsigned int>(end_ - begin_);
         const int outcome = inflate(&stream, Z_NO_FLUSH);
-        Begin = End - stream.avail_in;
+        begin_ = end_ - stream.avail_in;
         if (outcome == Z_STREAM_END) {
-            Unpacker->BetweenFiles = true;
+            unpacker_->BetweenFiles = true;
         } else if (outcome != Z_OK) {
-            Failure = "is damaged: its packed data cannot be unpacked";
+            failure_ = "is damaged: its packed data cannot be unpacked";
         }
     }
     return room - stream.avail_out;
 }
 
 std::size_t UnpackedInput::ReadOn(char* data, std::size_t room) {
-    if (!Failure.empty()) return 0;
-    if (Unpacker) return Unpack(data, room);
+    if (!failure_.empty()) return 0;
+    if (unpacker_) return Unpack(data, room);
     std::size_t count = 0;
     while (count < room) {
         Refill();
-        const std::size_t piece = std::min(room - count, End - Begin);
+        const std::size_t piece = std::min(room - count, end_ - begin_);
         if (piece == 0) break;
-        std::memcpy(data + count, &Buffer[Begin], piece);
-        Begin += piece;
+        std::memcpy(data + count, &buffer_[begin_], piece);
+        begin_ += piece;
         count += piece;
     }
     return count;
 }
 
 std::size_t UnpackedInput::Read(char* data, std::size_t room) {
-    const std::size_t known = std::min(room, Front.size());
-    std::memcpy(data, Front.data(), known);
-    Front.erase(0, known);
+    const std::size_t known = std::min(room, front_.size());
+    std::memcpy(data, front_.data(), known);
+    front_.erase(0, known);
     return known + ReadOn(data + known, room - known);
 }
 
 bool UnpackedInput::StartsWith(std::string_view bytes) {
     constexpr std::size_t longest = 64;
-    if (Front.empty()) {
-        Front.resize(longest);
-        Front.resize(ReadOn(Front.data(), longest));
+    if (front_.empty()) {
+        front_.resize(longest);
+        front_.resize(ReadOn(front_.data(), longest));
     }
-    return Front.starts_with(bytes);
+    return front_.starts_with(bytes);
 }
 
 }  // namespace vestrel

@@ -20,7 +20,7 @@ class UnpackedInput {
     UnpackedInput(const UnpackedInput&) = delete;
     UnpackedInput& operator=(const UnpackedInput&) = delete;
 
-    bool IsPacked() const { return Unpacker != nullptr; }
+    bool IsPacked() const { return unpacker_ != nullptr; }
     /// Whether the unpacked bytes, before any were read, start so (at most 64 bytes).
     bool StartsWith(std::string_view bytes);
 
@@ -28,9 +28,9 @@ class UnpackedInput {
     std::size_t Read(char* data, std::size_t room);
 
     /// Why reading ended early; empty when it did not.
-    const std::string& Fault() const { return Failure; }
+    const std::string& Fault() const { return failure_; }
     /// Bytes taken from the stream so far, as they lie there.
-    std::uint64_t BytesRead() const { return Taken; }
+    std::uint64_t BytesRead() const { return taken_; }
 
  private:
     struct Inflater;
@@ -38,15 +38,15 @@ class UnpackedInput {
     std::size_t Unpack(char* data, std::size_t room);
     void Refill();
 
-    std::FILE* Input;
-    std::vector<unsigned char> Buffer;
-    std::size_t Begin = 0;  // of what was not handed out yet
-    std::size_t End = 0;
-    bool AtEnd = false;
-    std::uint64_t Taken = 0;
-    std::string Front;  ///< unpacked bytes that were looked at before they were read
-    std::string Failure;
-    std::unique_ptr<Inflater> Unpacker;
+    std::FILE* input_;
+    std::vector<unsigned char> buffer_;
+    std::size_t begin_ = 0;  // of what was not handed out yet
+    std::size_t end_ = 0;
+    bool atEnd_ = false;
+    std::uint64_t taken_ = 0;
+    std::string front_;  ///< unpacked bytes that were looked at before they were read
+    std::string failure_;
+    std::unique_ptr<Inflater> unpacker_;
 };
 
 }  // namespace vestrel
