@@ -45,11 +45,7 @@ ExitCode ExitCodeOf(SolveCode code, const ProgramState& state) {
         case SolveCode::NoMatch:
             break;
     }
-    // When a centre was given as well, its search decides.
-    if (state.Report.Blind && state.Report.RegionsTried == 0 && !state.Quads.Fault.empty()) {
-        return ExitCode::NoCatalog;
-    }
-    return CatalogComplaint(state).empty() ? ExitCode::NoMatch : ExitCode::NoCatalog;
+    return LackOfCatalog(state).empty() ? ExitCode::NoMatch : ExitCode::NoCatalog;
 }
 
 ExitCode ExitCodeOf(const UnattendedOutcome& outcome, const ProgramState& state, Port& port) {

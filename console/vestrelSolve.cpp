@@ -57,33 +57,20 @@ Outcome SolveParameterString(ProgramState& state, Port& port, const ConsoleOptio
     return outcome;
 }
 
-/// The field size that the settings remember, radians.
-std::pair<double, double> RememberedFieldSize(const SolveParameters& parameters) {
-    const double radiansPerUnit = (parameters.SizeUnit == 1 ? 60 : 1) * Pi / 180 / 60;
-    return {parameters.FieldWidth * radiansPerUnit, parameters.FieldHeight * radiansPerUnit};
-}
-
-/// What to search for: what was given, filled up by what the picture says.
-SearchRequest RequestFrom(const ConsoleOptions& options, const PlateImage& image,
-                          const std::vector<SearchStart>& starts) {
-    constexpr std::size_t mostStarts = 4;
-    SearchRequest request;
-    request.Everywhere = options.Blind || !options.Centre;
-    request.TimeLimit = options.TimeLimit;
-    for (std::size_t i = 0; i < std::min(starts.size(), mostStarts); ++i) {
-        request.Around.push_back(
-            {starts[i].Centre, starts[i].Width, starts[i].Height, options.Regions});
-    }
+/// What is known of the picture: what was given; what it says itself fills that up.
+KnownOfPicture KnownFrom(const ConsoleOptions& options, const SolveParameters& parameters) {
+    KnownOfPicture known;
+    known.Regions = options.Regions;
+    known.Everywhere = options.Blind || !options.Centre;
+    known.TimeLimit = options.TimeLimit;
+    if (options.Centre) known.Places = {{*options.Centre, options.Regions}};
     if (options.FieldSize) {
-        request.Diagonals.push_back(
-            std::hypot(options.FieldSize->first, options.FieldSize->second));
-    } else {
-        for (const ScaleHint& hint : HintsOf(image).Scales) {
-            const auto [width, height] = FieldOfScale(image, hint.ArcsecondsPerPixel);
-            request.Diagonals.push_back(std::hypot(width, height));
-        }
+        known.Sizes = {{options.FieldSize->first, options.FieldSize->second, {}}};
     }
-    return request;
+    known.LastSizes = {RememberedFieldSize(parameters)};
+    // A blind search that was asked for ignores where the picture says that it points.
+    known.PlacesFromPicture = !options.Blind;
+    return known;
 }
 
 Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& options) {
@@ -94,13 +81,8 @@ Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& option
         outcome.Result = {SolveCode::NoImage, ResultMessage(SolveCode::NoImage)};
         return outcome;
     }
-    const GivenStart given{options.Centre, options.FieldSize};
-    // A blind search that was asked for ignores where the picture says that it points.
-    std::vector<SearchStart> starts;
-    if (!options.Blind || options.Centre) {
-        starts = SearchStarts(state.Image, given, RememberedFieldSize(state.Parameters));
-    }
-    const SearchRequest request = RequestFrom(options, state.Image, starts);
+    const PlannedSearch plan = PlanFor(KnownFrom(options, state.Parameters), state.Image);
+    const SearchRequest& request = plan.Search;
     SearchRequest search = request;
     search.TimeLimit -= InquirySeconds(request);
     const SolveCode code = SolveByPlan(state, port, search, outcome.Plan);
@@ -115,7 +97,7 @@ Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& option
     }
     outcome.Cause = CauseOfFailure(state, port, code, request);
     if (code == SolveCode::Solved && outcome.Plan.Start) {
-        outcome.StartedFrom = starts[*outcome.Plan.Start].Sources;
+        outcome.StartedFrom = plan.Sources[*outcome.Plan.Start];
     }
     outcome.Result = {code, ResultMessage(code)};
     outcome.Exit = code == SolveCode::NoMatch && outcome.Plan.Candidate ? ExitCode::NotSure

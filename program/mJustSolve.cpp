@@ -45,12 +45,6 @@ std::string StageName(const std::string& attempt) {
     return found == stageNames.end() ? attempt : found->second;
 }
 
-/// The size of the field that the settings remember, radians.
-std::pair<double, double> RememberedSize(const SolveParameters& parameters) {
-    const double unit = Pi / 180 / (parameters.SizeUnit == 1 ? 1 : 60);
-    return {parameters.FieldWidth * unit, parameters.FieldHeight * unit};
-}
-
 /// A line for each stage that has ended; searches of one kind in a row share one.
 std::string StagesText(const PlanReport& report) {
     std::string text;
@@ -75,32 +69,40 @@ std::string StagesText(const PlanReport& report) {
 
 SearchRequest RequestForAnything(const ProgramState& state) {
     constexpr std::size_t mostPlaces = 4;
-    constexpr std::int32_t usualRegions = 25;
     SearchRequest request;
     request.Everywhere = true;
     const SolveInputs& inputs = state.Inputs;
-    GivenStart given;
+    KnownOfPicture typed;
     const double ra = ParseRA(inputs.Ra);
     const double dec = ParseDec(inputs.Dec);
-    if (ra >= 0 && dec >= -Pi / 2) given.Centre = SkyPosition{ra, dec};
+    if (ra >= 0 && dec >= -Pi / 2) typed.Places = {{{ra, dec}}};
     const auto size = FieldSizeOf(inputs);
-    const auto remembered = size ? *size : RememberedSize(state.Parameters);
-    const auto add = [&](const SkyPosition& centre, double width, double height) {
-        const bool known =
-            std::any_of(request.Around.begin(), request.Around.end(), [&](const SearchHint& hint) {
-                return hint.Centre.Ra == centre.Ra && hint.Centre.Dec == centre.Dec &&
-                       hint.Width == width && hint.Height == height;
-            });
-        if (known || request.Around.size() == mostPlaces) return;
-        request.Around.push_back({centre, width, height, usualRegions});
-        request.Diagonals.push_back(std::hypot(width, height));
-    };
-    if (given.Centre && size) add(*given.Centre, size->first, size->second);
-    for (const GivenStart& what : {given, GivenStart()}) {
-        for (const SearchStart& start : SearchStarts(state.Image, what, remembered)) {
-            add(start.Centre, start.Width, start.Height);
+    const KnownSize last =
+        size ? KnownSize{size->first, size->second, {}} : RememberedFieldSize(state.Parameters);
+    const auto add = [&](const KnownOfPicture& known) {
+        for (const SearchHint& place : PlanFor(known, state.Image).Search.Around) {
+            const bool there = std::any_of(
+                request.Around.begin(), request.Around.end(), [&](const SearchHint& hint) {
+                    return hint.Centre.Ra == place.Centre.Ra &&
+                           hint.Centre.Dec == place.Centre.Dec && hint.Width == place.Width &&
+                           hint.Height == place.Height;
+                });
+            if (there || request.Around.size() == mostPlaces) continue;
+            request.Around.push_back(place);
+            request.Diagonals.push_back(std::hypot(place.Width, place.Height));
         }
+    };
+    // What is typed first; then what the picture says fills it up, and then takes its place.
+    if (!typed.Places.empty() && size) {
+        KnownOfPicture both = typed;
+        both.Sizes = {last};
+        add(both);
     }
+    typed.LastSizes = {last};
+    add(typed);
+    KnownOfPicture picture;
+    picture.LastSizes = {last};
+    add(picture);
     return request;
 }
 

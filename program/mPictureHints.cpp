@@ -1,9 +1,12 @@
 #include "program/mPictureHints.h"
 
 #include <algorithm>
+#include <cmath>
 #include <numbers>
+#include <utility>
 
 #include "astro/libConversions.h"
+#include "astro/libMath.h"
 #include "astro/libStrings.h"
 
 namespace vestrel {
@@ -12,54 +15,75 @@ namespace {
 
 constexpr double arcminutesPerRadian = 60 * 180 / std::numbers::pi;
 
-struct SizeChoice {
-    std::pair<double, double> Size;
-    std::string Source;
-};
+/// The regions that reach so far from a centre.
+std::int32_t RegionsWithin(double radius, double width, double height, std::int32_t most) {
+    const double step = std::min(width, height) / 2.5;
+    const double rings = std::ceil(std::min(radius / step, 200.0));
+    return std::clamp(static_cast<std::int32_t>((2 * rings + 1) * (2 * rings + 1)), 1, most);
+}
 
-std::vector<SizeChoice> SizeChoices(const PlateImage& image, const PictureHints& hints,
-                                    const GivenStart& given,
-                                    const std::pair<double, double>& remembered) {
-    if (given.FieldSize) return {{*given.FieldSize, {}}};
-    std::vector<SizeChoice> sizes;
-    for (const ScaleHint& hint : hints.Scales) {
-        sizes.push_back({FieldOfScale(image, hint.ArcsecondsPerPixel), hint.Source});
-    }
-    sizes.push_back({remembered, {}});
-    return sizes;
+void Add(PlannedSearch& plan, const KnownPlace& place, const KnownSize& size) {
+    const std::int32_t regions =
+        place.Radius ? RegionsWithin(*place.Radius, size.Width, size.Height, place.Regions)
+                     : place.Regions;
+    plan.Search.Around.push_back({place.Centre, size.Width, size.Height, regions, place.Briefly});
+    std::string sources = place.Source;
+    if (!size.Source.empty()) sources.append(sources.empty() ? "" : "; ").append(size.Source);
+    plan.Sources.push_back(std::move(sources));
 }
 
 }  // namespace
 
-std::vector<SearchStart> SearchStarts(const PlateImage& image, const GivenStart& given,
-                                      const std::pair<double, double>& remembered) {
-    const bool asks = !given.Centre || !given.FieldSize;
-    PictureHints hints = asks ? HintsOf(image) : PictureHints();
-    if (given.Centre) hints.Centres = {{*given.Centre, {}}};
-    const std::vector<SizeChoice> sizes = SizeChoices(image, hints, given, remembered);
-    constexpr std::size_t most = 8;
-    std::vector<SearchStart> starts;
-    // The best of both first, then the pairs in which one of them is the next best.
-    for (std::size_t rank = 0; rank < hints.Centres.size() + sizes.size(); ++rank) {
-        for (std::size_t i = 0; i <= rank && i < hints.Centres.size(); ++i) {
-            const std::size_t k = rank - i;
-            if (k >= sizes.size() || starts.size() == most) continue;
-            const CentreHint& centre = hints.Centres[i];
-            const SizeChoice& size = sizes[k];
-            std::string sources = centre.Source;
-            if (!size.Source.empty()) {
-                sources.append(sources.empty() ? "" : "; ").append(size.Source);
-            }
-            starts.push_back({centre.Centre, size.Size.first, size.Size.second, sources});
+PlannedSearch PlanFor(const KnownOfPicture& known, const PlateImage& image) {
+    const bool asks = (known.Places.empty() && known.PlacesFromPicture) ||
+                      (known.Sizes.empty() && known.SizesFromPicture);
+    const PictureHints header = asks ? HintsOf(image) : PictureHints();
+    PlannedSearch plan;
+    plan.Search.Everywhere = known.Everywhere;
+    plan.Search.TimeLimit = known.TimeLimit;
+
+    std::vector<KnownSize> sizes = known.Sizes;
+    if (sizes.empty() && known.SizesFromPicture) {
+        for (const ScaleHint& hint : header.Scales) {
+            const auto [width, height] = FieldOfScale(image, hint.ArcsecondsPerPixel);
+            sizes.push_back({width, height, hint.Source});
         }
     }
-    return starts;
+    for (const KnownSize& size : sizes) {
+        plan.Search.Diagonals.push_back(std::hypot(size.Width, size.Height));
+    }
+    if (known.Sizes.empty()) {
+        sizes.insert(sizes.end(), known.LastSizes.begin(), known.LastSizes.end());
+    }
+
+    std::vector<KnownPlace> places;
+    for (const KnownPlace& place : known.Places) {
+        if (!place.Briefly) {
+            places.push_back(place);
+        } else if (!sizes.empty()) {
+            Add(plan, place, sizes.front());
+        }
+    }
+    if (places.empty() && known.PlacesFromPicture) {
+        for (const CentreHint& hint : header.Centres) {
+            places.push_back({hint.Centre, known.Regions, {}, false, hint.Source});
+        }
+    }
+    // The best of both first, then the pairs in which one of them is the next best.
+    constexpr std::size_t most = 4;
+    const std::size_t room = plan.Search.Around.size() + most;
+    for (std::size_t rank = 0; rank < places.size() + sizes.size(); ++rank) {
+        for (std::size_t i = 0; i <= rank && i < places.size(); ++i) {
+            if (rank - i >= sizes.size() || plan.Search.Around.size() == room) continue;
+            Add(plan, places[i], sizes[rank - i]);
+        }
+    }
+    return plan;
 }
 
-std::pair<double, double> LikelyFieldSize(const PlateImage& image, const GivenStart& given,
-                                          const std::pair<double, double>& remembered) {
-    const PictureHints hints = given.FieldSize ? PictureHints() : HintsOf(image);
-    return SizeChoices(image, hints, given, remembered).front().Size;
+KnownSize RememberedFieldSize(const SolveParameters& parameters) {
+    const double radiansPerUnit = (parameters.SizeUnit == 1 ? 60 : 1) * Pi / 180 / 60;
+    return {parameters.FieldWidth * radiansPerUnit, parameters.FieldHeight * radiansPerUnit, {}};
 }
 
 std::vector<std::string> HintLines(const PictureHints& hints) {

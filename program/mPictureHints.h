@@ -1,39 +1,58 @@
-// Where a search may start when the user leaves something out: what the picture itself says.
+// From what is known of a picture, by the user and by its own header, to what is searched for.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "image/libHints.h"
 #include "program/mGeneral.h"
+#include "program/mSearchPlan.h"
 
 namespace vestrel {
 
-/// A place to start a search from.
-struct SearchStart {
-    SkyPosition Centre;  ///< J2000, radians
-    double Width = 0;    ///< of the field, radians
+/// A place to search around, of the user's or the picture's.
+struct KnownPlace {
+    SkyPosition Centre;                 ///< J2000, radians
+    std::int32_t Regions = 25;          ///< at most so many
+    std::optional<double> Radius = {};  ///< and, when given, no farther than this, radians
+    bool Briefly = false;               ///< only the plain search, with the likeliest size
+    std::string Source = {};  ///< the cards that it was taken from; empty: the user gave it
+};
+
+/// A likely size of the field.
+struct KnownSize {
+    double Width = 0;  ///< radians
     double Height = 0;
-    std::string Sources;  ///< the cards that it was taken from; empty for what the user gave
+    std::string Source = {};
 };
 
-/// What the user gave, which always wins.
-struct GivenStart {
-    std::optional<SkyPosition> Centre;
-    std::optional<std::pair<double, double>> FieldSize;  ///< radians
+/// What is known of a picture before it is solved. What the user gives always wins.
+struct KnownOfPicture {
+    std::vector<KnownPlace> Places;  ///< the likeliest first
+    std::vector<KnownSize> Sizes;    ///< the likeliest first
+    /// What the picture's header says takes the place of what was not given.
+    bool PlacesFromPicture = true;
+    bool SizesFromPicture = true;
+    std::int32_t Regions = 25;         ///< around the picture's places
+    std::vector<KnownSize> LastSizes;  ///< tried after all others, unless sizes were given
+    bool Everywhere = false;           ///< the whole sky too
+    double TimeLimit = 20;             ///< seconds
 };
 
-/// The starts to try, the best first: what was given, filled up from the hints of the loaded image.
-/// Each centre goes with each scale, at most eight pairs. A `remembered` size comes last. None when
-/// there is no centre.
-std::vector<SearchStart> SearchStarts(const PlateImage& image, const GivenStart& given,
-                                      const std::pair<double, double>& remembered);
+/// What a plan is asked for, and for each of its places the cards that gave it.
+struct PlannedSearch {
+    SearchRequest Search;
+    std::vector<std::string> Sources;
+};
 
-/// The size of the field to search with when only that matters: given, hinted, remembered.
-std::pair<double, double> LikelyFieldSize(const PlateImage& image, const GivenStart& given,
-                                          const std::pair<double, double>& remembered);
+/// The request that all programs solve a picture by: each place goes with each size, at most four
+/// pairs, the best first; those to be searched briefly come before them.
+PlannedSearch PlanFor(const KnownOfPicture& known, const PlateImage& image);
+
+/// The size of the field that the settings remember.
+KnownSize RememberedFieldSize(const SolveParameters& parameters);
 
 /// The hints in lines for people.
 std::vector<std::string> HintLines(const PictureHints& hints);

@@ -234,6 +234,14 @@ std::string CatalogComplaint(const ProgramState& state) {
     return {};
 }
 
+std::string LackOfCatalog(const ProgramState& state) {
+    std::string complaint = CatalogComplaint(state);
+    if (!complaint.empty()) return complaint;
+    // When there was a place to search as well, that search decides.
+    const bool onlyQuads = state.Report.Blind && state.Report.RegionsTried == 0;
+    return onlyQuads ? state.Quads.Fault : std::string();
+}
+
 std::vector<std::string> Advice(const ProgramState& state, SolveCode code,
                                 const InputWords& words) {
     std::vector<std::string> advice;

@@ -79,6 +79,10 @@ std::string ShallowCatalogText(const ProgramState& state);
 /// What is wrong with the catalog, in words; empty when it has stars for the starting region.
 std::string CatalogComplaint(const ProgramState& state);
 
+/// What a search of the loaded image lacked to find anything: stars, or quad tables where it had
+/// nothing else. Empty when it lacked nothing.
+std::string LackOfCatalog(const ProgramState& state);
+
 /// What a user might try next, most promising first.
 std::vector<std::string> Advice(const ProgramState& state, SolveCode code,
                                 const InputWords& words = ConsoleWords);

@@ -203,7 +203,7 @@ class Solver::Session {
 
     void SolveOpened(const SolverHints& hints, const SolverWatch& watch, SolverOutcome& outcome) {
         WatchPort port(state_, watch, hints.EndAfter);
-        HintedRequest request = RequestFor(hints, state_.Image);
+        PlannedSearch request = PlanFor(KnownFrom(hints, state_.Image), state_.Image);
         request.Search.Stars = stars_;
         PlanReport plan;
         state_.Quads.Fault.clear();

@@ -13,7 +13,6 @@ namespace vestrel {
 namespace {
 
 constexpr double degree = Pi / 180;
-constexpr std::size_t mostPlaces = 4;
 
 void Require(bool good, const char* what) {
     if (!good) throw std::invalid_argument(what);
@@ -38,41 +37,17 @@ std::vector<double> ScalesIn(const SolverRange& range) {
     return scales;
 }
 
-struct Size {
-    double ArcsecondsPerPixel = 0;
-    std::string Source;
-};
-struct Place {
-    SkyPosition Centre;
-    double Radius = 0;  ///< radians
-    bool Briefly = false;
-    std::string Source;
-};
-
-std::vector<Size> GivenSizes(const SolverHints& hints, const PlateImage& image) {
+/// In arcseconds per pixel.
+std::vector<double> GivenScales(const SolverHints& hints, const PlateImage& image) {
     constexpr double arcseconds = 3600;  // of a degree
-    std::vector<Size> sizes;
-    double factor = 1;
-    std::optional<SolverRange> range = hints.Scale;
-    if (!range && hints.FieldWidth) {
-        range = hints.FieldWidth;
-        factor = arcseconds / image.Width;
-    } else if (!range && hints.FieldHeight) {
-        range = hints.FieldHeight;
-        factor = arcseconds / image.Height;
-    }
-    if (!range) return sizes;
-    for (const double scale : ScalesIn({range->Low * factor, range->High * factor})) {
-        sizes.push_back({scale, {}});
-    }
-    return sizes;
-}
-
-/// The regions that reach so far from a centre.
-std::int32_t RegionsWithin(double radius, double width, double height, std::int32_t most) {
-    const double step = std::min(width, height) / 2.5;
-    const double rings = std::ceil(std::min(radius / step, 200.0));
-    return std::clamp(static_cast<std::int32_t>((2 * rings + 1) * (2 * rings + 1)), 1, most);
+    if (hints.Scale) return ScalesIn(*hints.Scale);
+    const auto ofSide = [](const SolverRange& range, std::int32_t pixels) {
+        const double factor = arcseconds / pixels;
+        return ScalesIn({range.Low * factor, range.High * factor});
+    };
+    if (hints.FieldWidth) return ofSide(*hints.FieldWidth, image.Width);
+    if (hints.FieldHeight) return ofSide(*hints.FieldHeight, image.Height);
+    return {};
 }
 
 }  // namespace
@@ -134,68 +109,34 @@ SolverSettings SettingsOf(const SolveParameters& parameters) {
     return settings;
 }
 
-HintedRequest RequestFor(const SolverHints& hints, const PlateImage& image) {
-    const PictureHints header = hints.FromPicture ? HintsOf(image) : PictureHints();
-    std::vector<Size> sizes = GivenSizes(hints, image);
-    if (sizes.empty()) {
-        for (const ScaleHint& hint : header.Scales) {
-            sizes.push_back({hint.ArcsecondsPerPixel, hint.Source});
-        }
-    }
-    HintedRequest request;
-    request.Search.Everywhere = hints.WholeSky;
-    request.Search.TimeLimit = hints.TimeLimit;
-    for (const Size& size : sizes) {
-        const auto [width, height] = FieldOfScale(image, size.ArcsecondsPerPixel);
-        request.Search.Diagonals.push_back(std::hypot(width, height));
-    }
-    if (sizes.empty() && !hints.WholeSky) {
+KnownOfPicture KnownFrom(const SolverHints& hints, const PlateImage& image) {
+    constexpr std::size_t mostPlaces = 8;
+    KnownOfPicture known;
+    known.PlacesFromPicture = known.SizesFromPicture = hints.FromPicture;
+    known.Regions = hints.MostRegions;
+    known.Everywhere = hints.WholeSky;
+    known.TimeLimit = hints.TimeLimit;
+    const auto add = [&image](std::vector<KnownSize>& sizes, double arcsecondsPerPixel) {
+        const auto [width, height] = FieldOfScale(image, arcsecondsPerPixel);
+        sizes.push_back({width, height, {}});
+    };
+    for (const double scale : GivenScales(hints, image)) add(known.Sizes, scale);
+    if (!hints.WholeSky && (!hints.FromPicture || HintsOf(image).Scales.empty())) {
         // Something has to be tried.
         const double pixels = std::hypot(image.Width, image.Height);
         for (const double diagonal : {1.5, 3.0, 0.75, 6.0}) {
-            sizes.push_back({diagonal * 3600 / pixels, {}});
+            add(known.LastSizes, diagonal * 3600 / pixels);
         }
     }
-
-    std::vector<Place> brief;
-    std::vector<Place> places;
     for (const SolverCentre& centre : hints.Centres) {
-        constexpr std::size_t most = 8;
-        if (brief.size() + places.size() == most) break;
-        (centre.Briefly ? brief : places)
-            .push_back({{centre.Ra * degree, centre.Dec * degree},
-                        centre.Radius * degree,
-                        centre.Briefly,
-                        {}});
+        if (known.Places.size() == mostPlaces) break;
+        known.Places.push_back({{centre.Ra * degree, centre.Dec * degree},
+                                hints.MostRegions,
+                                centre.Radius * degree,
+                                centre.Briefly,
+                                {}});
     }
-    if (places.empty()) {
-        for (const CentreHint& hint : header.Centres) {
-            places.push_back({hint.Centre, Pi, false, hint.Source});
-        }
-    }
-    const auto add = [&](const Place& place, const Size& size) {
-        const auto [width, height] = FieldOfScale(image, size.ArcsecondsPerPixel);
-        request.Search.Around.push_back(
-            {place.Centre, width, height,
-             RegionsWithin(place.Radius, width, height, hints.MostRegions), place.Briefly});
-        request.Sources.push_back(place.Source);
-        if (!size.Source.empty()) {
-            std::string& text = request.Sources.back();
-            text.append(text.empty() ? "" : "; ").append(size.Source);
-        }
-    };
-    if (!sizes.empty()) {
-        for (const Place& place : brief) add(place, sizes.front());
-    }
-    // The best of both first, then the pairs in which one of them is the next best.
-    const std::size_t room = request.Search.Around.size() + mostPlaces;
-    for (std::size_t rank = 0; rank < places.size() + sizes.size(); ++rank) {
-        for (std::size_t i = 0; i <= rank && i < places.size(); ++i) {
-            if (rank - i >= sizes.size() || request.Search.Around.size() == room) continue;
-            add(places[i], sizes[rank - i]);
-        }
-    }
-    return request;
+    return known;
 }
 
 }  // namespace vestrel

@@ -1,10 +1,7 @@
-// From hints to what the search plan is asked for.
+// From a caller's settings and hints to the program's.
 #pragma once
 
-#include <string>
-#include <vector>
-
-#include "program/mSearchPlan.h"
+#include "program/mPictureHints.h"
 #include "solver/solver.h"
 
 namespace vestrel {
@@ -17,13 +14,7 @@ void RequireValid(const SolverHints& hints);
 void TakeSettings(const SolverSettings& settings, SolveParameters& parameters);
 SolverSettings SettingsOf(const SolveParameters& parameters);
 
-/// What to search for, and for each of its places the header cards that gave it.
-struct HintedRequest {
-    SearchRequest Search;
-    std::vector<std::string> Sources;
-};
-
-/// Fills what the hints leave open with those of the loaded image's header, if that is wished.
-HintedRequest RequestFor(const SolverHints& hints, const PlateImage& image);
+/// The hints as what is known of the loaded image, of which they may name sizes in pixels.
+KnownOfPicture KnownFrom(const SolverHints& hints, const PlateImage& image);
 
 }  // namespace vestrel

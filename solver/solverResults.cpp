@@ -209,11 +209,8 @@ void ExplainEnd(const ProgramState& state, SolveCode code, const PlanReport& pla
                                            FormatDec(candidate.CentreDec, true, 0) + ": " +
                                            ConfidenceText(candidate.Confidence) + ".");
     }
-    const std::string complaint = CatalogComplaint(state);
-    if (!complaint.empty()) return end(SolverEnd::NoCatalog, complaint);
-    if (state.Report.Blind && state.Report.RegionsTried == 0 && !state.Quads.Fault.empty()) {
-        return end(SolverEnd::NoCatalog, state.Quads.Fault);
-    }
+    const std::string lack = LackOfCatalog(state);
+    if (!lack.empty()) return end(SolverEnd::NoCatalog, lack);
     if (plan.TimeLimitReached) {
         return end(SolverEnd::TimeLimit, "The time limit came before all attempts were made.");
     }

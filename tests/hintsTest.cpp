@@ -6,6 +6,7 @@
 
 #include "astro/libStrings.h"
 #include "image/libHints.h"
+#include "program/mPictureHints.h"
 
 namespace vestrel {
 namespace {
@@ -97,6 +98,63 @@ TEST(Hints, WorldCoordinatesAreCarriedToTheMiddleOfTheImage) {
     galactic[0] = "CTYPE1  = 'GLON-TAN'";
     galactic.insert(galactic.end(), {"CDELT1  = -0.05", "CDELT2  = 0.05"});
     EXPECT_TRUE(HintsOf(ImageWith(galactic)).Centres.empty());
+}
+
+TEST(Hints, PlansTakeWhatWasGivenFirstAndFourPlacesAtMost) {
+    // Two places and three scales in the header.
+    const PlateImage image = ImageWith({"RA      = 187.5", "DEC     = 10.5", "OBJCTRA = '01 00 00'",
+                                        "OBJCTDEC= '20 00 00'", "SECPIX  = 2.0", "FOCALLEN= 500",
+                                        "XPIXSZ  = 3.76", "XBINNING= 2", "END"});
+    const PictureHints header = HintsOf(image);
+    ASSERT_EQ(header.Centres.size(), 2U);
+    ASSERT_EQ(header.Scales.size(), 3U);
+    const auto widthOf = [&](std::size_t i) {
+        return FieldOfScale(image, header.Scales[i].ArcsecondsPerPixel).first;
+    };
+    KnownOfPicture known;
+    known.LastSizes = {{0.5, 0.4}};
+    const PlannedSearch picture = PlanFor(known, image);
+    const auto& around = picture.Search.Around;
+    ASSERT_EQ(around.size(), 4U);
+    // The best place with the best size, then the pairs with one second choice, and so on.
+    const std::size_t places[] = {0, 0, 1, 0};
+    const std::size_t sizes[] = {0, 1, 0, 2};
+    for (std::size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(around[i].Centre.Ra, header.Centres[places[i]].Centre.Ra) << i;
+        EXPECT_EQ(around[i].Width, widthOf(sizes[i])) << i;
+        EXPECT_EQ(picture.Sources[i],
+                  header.Centres[places[i]].Source + "; " + header.Scales[sizes[i]].Source);
+    }
+    // A remembered size is no knowledge of this picture: no table is chosen by it.
+    EXPECT_EQ(picture.Search.Diagonals.size(), 3U);
+
+    // What was given takes the place of what the header says; the rest is still the header's.
+    known.Sizes = {{0.02, 0.015}};
+    const PlannedSearch sized = PlanFor(known, image);
+    ASSERT_EQ(sized.Search.Around.size(), 2U);
+    EXPECT_EQ(sized.Search.Around[1].Width, 0.02);
+    EXPECT_EQ(sized.Sources[1], header.Centres[1].Source);
+    EXPECT_EQ(sized.Search.Diagonals, std::vector<double>{std::hypot(0.02, 0.015)});
+    known.Places = {{{1, 0.5}, 9}, {{2, 0.5}, 100, 0.012}, {{3, 0.5}, 25, {}, true}};
+    const PlannedSearch given = PlanFor(known, image);
+    ASSERT_EQ(given.Search.Around.size(), 3U);
+    // The brief one is first, the regions of the second end with its radius: two rings.
+    EXPECT_EQ(given.Search.Around[0].Centre.Ra, 3);
+    EXPECT_TRUE(given.Search.Around[0].Briefly);
+    EXPECT_EQ(given.Search.Around[1].Regions, 9);
+    EXPECT_EQ(given.Search.Around[2].Regions, 25);
+    EXPECT_EQ(given.Sources, std::vector<std::string>(3));
+
+    // Nothing but the whole sky is left when the header is not to be asked for places.
+    known = {};
+    known.PlacesFromPicture = false;
+    known.Everywhere = true;
+    const PlannedSearch blind = PlanFor(known, image);
+    EXPECT_TRUE(blind.Search.Around.empty());
+    EXPECT_TRUE(blind.Search.Everywhere);
+    EXPECT_EQ(blind.Search.Diagonals.size(), 3U);
+    known.SizesFromPicture = false;
+    EXPECT_TRUE(PlanFor(known, image).Search.Diagonals.empty());
 }
 
 }  // namespace
