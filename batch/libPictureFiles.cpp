@@ -1,5 +1,6 @@
 #include "batch/libPictureFiles.h"
 
+#include <fcntl.h>
 #include <glob.h>
 #include <poll.h>
 #include <sys/inotify.h>
@@ -7,10 +8,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <optional>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "astro/libStrings.h"
 #include "image/libFormats.h"
@@ -35,6 +38,19 @@ void ForAllBelow(const fs::path& folder, const Take& take) {
         take(*entry);
         entry.increment(error);
     }
+}
+
+/// Whether somebody has a file open for writing; false where the system cannot tell.
+bool IsBeingWritten(const fs::path& file) {
+    const int handle = open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (handle < 0) return false;
+    // A lease for reading is refused while there is a writer. One that comes meanwhile waits until
+    // it is given back, and its signal is one that does nothing.
+    fcntl(handle, F_SETSIG, SIGURG);
+    const bool refused = fcntl(handle, F_SETLEASE, F_RDLCK) != 0 && errno == EAGAIN;
+    if (!refused) fcntl(handle, F_SETLEASE, F_UNLCK);
+    close(handle);
+    return refused;
 }
 
 }  // namespace
@@ -93,7 +109,6 @@ FolderWatch::FolderWatch(const fs::path& folder)
         if (handle_ >= 0) close(handle_);
         throw std::runtime_error(TextFromPath(root_) + " is no folder that can be watched.");
     }
-    WatchFolder(root_);
     Rescan(restOfFound);
 }
 
@@ -110,6 +125,7 @@ void FolderWatch::WatchFolder(const fs::path& folder) {
 
 void FolderWatch::Rescan(std::chrono::milliseconds rest) {
     scanned_ = Clock::now();
+    WatchFolder(root_);  // it may be another one of the same name by now
     ForAllBelow(root_, [&](const fs::directory_entry& entry) {
         std::error_code ignored;
         if (entry.is_directory(ignored) && !entry.is_symlink(ignored)) WatchFolder(entry.path());
@@ -143,14 +159,17 @@ void FolderWatch::TakeEvents(std::chrono::milliseconds longest) {
             const char* name = at + sizeof event;
             at += sizeof event + event.len;
             if ((event.mask & IN_Q_OVERFLOW) != 0) Rescan(restOfFound);
+            if ((event.mask & IN_IGNORED) != 0) folders_.erase(event.wd);
             const auto folder = folders_.find(event.wd);
             if (folder == folders_.end() || event.len == 0) continue;
             const fs::path path = folder->second / name;
             if ((event.mask & IN_ISDIR) != 0) {
                 // What came into it before it was watched is found by looking.
                 Rescan(restOfFound);
-            } else if ((event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO)) != 0) {
-                Note(path, restAfterClosing);
+            } else {
+                // A link is complete when it is made; whatever else is made is written yet.
+                const bool closed = (event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO)) != 0;
+                Note(path, closed ? restAfterClosing : restOfFound);
             }
         }
     }
@@ -164,13 +183,16 @@ std::vector<fs::path> FolderWatch::Wait(std::chrono::milliseconds longest) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
         TakeEvents(std::clamp(left, std::chrono::milliseconds(0), betweenLooks));
         const Clock::time_point now = Clock::now();
-        if (now - scanned_ > betweenScans) Rescan(restOfFound);
+        std::error_code ignored;
+        const bool wasGone = std::exchange(gone_, !fs::is_directory(root_, ignored));
+        if ((wasGone && !gone_) || now - scanned_ > betweenScans) Rescan(restOfFound);
         for (auto entry = pending_.begin(); entry != pending_.end();) {
             std::error_code error;
             Pending& pending = entry->second;
             const Look look{fs::file_size(entry->first, error),
                             fs::last_write_time(entry->first, error)};
-            if (!error && look != pending.Last) {
+            const bool rested = now - pending.Since >= pending.Rest;
+            if (!error && (look != pending.Last || (rested && IsBeingWritten(entry->first)))) {
                 pending.Last = look;
                 pending.Since = now;
             }

@@ -29,7 +29,8 @@ std::vector<std::filesystem::path> PicturesOf(const std::string& word);
 ///
 /// A picture is complete when whoever wrote it has closed it or moved it here, and its size has
 /// then been the same for half a second. Files that no such event was seen of, as on a file server,
-/// are found by looking, and have to rest for three seconds.
+/// are found by looking, and have to rest for three seconds. One that somebody of this machine has
+/// open for writing waits, whatever it looks like. When the folder goes away it is waited for.
 class FolderWatch {
  public:
     /// @throws std::runtime_error when the folder cannot be watched
@@ -41,6 +42,8 @@ class FolderWatch {
     /// The pictures that have become complete, each one once for as long as its time of change
     /// stays; waits at most so long for the first one.
     std::vector<std::filesystem::path> Wait(std::chrono::milliseconds longest);
+    /// Whether the folder was not there when it was last looked for.
+    bool Gone() const { return gone_; }
 
  private:
     using Clock = std::chrono::steady_clock;
@@ -66,6 +69,7 @@ class FolderWatch {
     std::map<std::filesystem::path, Pending> pending_;
     std::map<std::filesystem::path, Look> given_;
     Clock::time_point scanned_;
+    bool gone_ = false;
 };
 
 }  // namespace vestrel

@@ -8,6 +8,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "astro/libParallel.h"
@@ -218,9 +219,15 @@ class Night {
     void Watch(NightRun& run) {
         FolderWatch watch(PathFromText(options_.Watch));
         auto last = std::chrono::steady_clock::now();
+        bool gone = false;
         while (stopSignals == 0) {
             const auto pictures = watch.Wait(tick);
             for (const auto& picture : pictures) Add(run, picture);
+            if (std::exchange(gone, watch.Gone()) != gone) {
+                std::fprintf(stderr, "The folder %s is %s.\n",
+                             WithoutControls(options_.Watch).c_str(),
+                             gone ? "gone: it is waited for" : "there again");
+            }
             const bool idle = run.Wait(std::chrono::milliseconds(0)) && pictures.empty();
             const auto now = std::chrono::steady_clock::now();
             if (!idle) last = now;

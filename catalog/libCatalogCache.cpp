@@ -204,6 +204,20 @@ std::string OversizedCell(const CatalogCache& cache) {
     return {};
 }
 
+std::string DamagedCell(const CatalogCache& cache) {
+    for (const CachedCell& cell : cache.Cells) {
+        if (!cell.InUse || !IsCellName(cell.CellName)) continue;
+        const fs::path file = cache.Folder / cell.CellName;
+        std::error_code error;
+        const std::uintmax_t length = fs::file_size(file, error);
+        if (error) continue;  // a cell without a file is one without stars
+        const bool good = length % CatalogRecordBytes == 0 &&
+                          length / CatalogRecordBytes <= MostStarsInCell && OpenFile(file, "rb");
+        if (!good) return cell.CellName;
+    }
+    return {};
+}
+
 double FaintEnd(const CatalogCache& cache) {
     std::vector<std::int16_t> magnitudes;
     for (const CachedCell& cell : cache.Cells) {

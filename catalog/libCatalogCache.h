@@ -67,6 +67,10 @@ CatalogPresence PresenceOfCatalog(const CatalogCache& cache);
 /// name, or nothing.
 std::string OversizedCell(const CatalogCache& cache);
 
+/// The first cell that the last `LoadRegion` touched whose file cannot be opened, or holds no whole
+/// number of stars, or more than a cell can have: its name, or nothing.
+std::string DamagedCell(const CatalogCache& cache);
+
 /// Where the catalog ends in the cells that the last `LoadRegion` touched: the magnitude that all
 /// but the faintest hundredth of their stars reach. Not-a-number when they have no stars.
 double FaintEnd(const CatalogCache& cache);

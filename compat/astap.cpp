@@ -6,6 +6,7 @@
 #include <exception>
 #include <filesystem>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -14,6 +15,8 @@
 #include "compat/hostCommands.h"
 #include "compat/hostFiles.h"
 #include "compat/libAstapOptions.h"
+#include "compat/libHeaderHints.h"
+#include "compat/libHeaderUpdate.h"
 #include "compat/libNumberFormats.h"
 #include "image/libFitsCards.h"
 #include "platform/libFiles.h"
@@ -37,6 +40,8 @@ constexpr AstapFault noSolution{1, "No solution found."};
 constexpr AstapFault notEnoughStars{2, "Not enough stars."};
 constexpr AstapFault noImage{16, "Error reading image file."};
 constexpr AstapFault noCatalog{32, "No star database found."};
+constexpr AstapFault damagedCatalog{33, "Error reading star database."};
+constexpr int notUpdated = 34;
 
 AstapFault FaultOf(SolverEnd end) {
     switch (end) {
@@ -46,6 +51,8 @@ AstapFault FaultOf(SolverEnd end) {
             return notEnoughStars;
         case SolverEnd::NoCatalog:
             return noCatalog;
+        case SolverEnd::DamagedCatalog:
+            return damagedCatalog;
         default:
             return noSolution;
     }
@@ -59,25 +66,26 @@ std::optional<double> CardNumber(const std::vector<std::string>& cards, std::str
     return std::nullopt;
 }
 
-bool TellsPosition(const std::vector<std::string>& cards) {
-    return std::any_of(cards.begin(), cards.end(), [](const std::string& card) {
-        const std::string_view keyword = KeywordOfCard(card);
-        return keyword == "RA" || keyword == "OBJCTRA" || keyword == "CRVAL1";
-    });
-}
-
 SolverHints HintsFrom(const AstapOptions& options, const std::vector<std::string>& cards) {
     constexpr double degreesPerHour = 15;
     constexpr double hintedLimit = 60;  // seconds; hosts give up then, or later
     constexpr double blindLimit = 300;
+    const double radius = std::min(options.Radius, 180.0);
     SolverHints hints;
     if (options.Ra && options.Declination) {
-        hints.Centres = {
-            {*options.Ra * degreesPerHour, *options.Declination, std::min(options.Radius, 180.0)}};
+        hints.Centres = {{*options.Ra * degreesPerHour, *options.Declination, radius}};
+    } else {
+        for (const HeaderCentre& centre : HeaderCentres(cards)) {
+            hints.Centres.push_back({centre.Ra, centre.Dec, radius});
+        }
     }
     // A guess that may be far off: hosts send anything from 0.6 to 1.3 of the truth.
-    if (options.Height) hints.FieldHeight = SolverRange{*options.Height, *options.Height};
-    hints.TimeLimit = !hints.Centres.empty() || TellsPosition(cards) ? hintedLimit : blindLimit;
+    if (options.Height) {
+        hints.FieldHeight = SolverRange{*options.Height, *options.Height};
+    } else if (const auto perRow = HeaderMatrixScale(cards)) {
+        hints.Scale = SolverRange{*perRow * 3600, *perRow * 3600};
+    }
+    hints.TimeLimit = hints.Centres.empty() ? blindLimit : hintedLimit;
     hints.EndAfter = hints.TimeLimit;
     return hints;
 }
@@ -152,7 +160,7 @@ class AstapRun {
             log_ += outcome.Reason + "\n";
             return Fail(FaultOf(outcome.Solved() ? SolverEnd::NoMatch : outcome.End));
         }
-        const std::string warning = Warnings(*outcome.Field, cards);
+        std::string warning = ScaleWarning(options_, *outcome.Field, cards);
         HeaderContents contents;
         contents.Coordinates = options_.Distortion
                                    ? solver.Coordinates({sipOrder, true}).value_or(*straight)
@@ -163,6 +171,11 @@ class AstapRun {
         contents.Classic = true;
         contents.Warning = warning;
         contents.Comments = {"Solved by Vestrel: " + outcome.SolvedBy, command_};
+        const bool updated = !options_.Update || Update(contents);
+        if (!updated) {
+            warning += std::string(warning.empty() ? "" : " ") + "The image file was not updated.";
+            contents.Warning = warning;
+        }
         const std::vector<std::string> header = HeaderCards(contents);
         // The .ini says that all is there, so it comes last.
         if (!Write(".wcs",
@@ -175,21 +188,31 @@ class AstapRun {
         WriteLog(ini + seconds);
         if (!Write(".ini", ini)) return wrongUse.Exit;
         std::fputs((ini.substr(0, ini.find("CMDLINE=")) + seconds).c_str(), stdout);
-        return 0;
+        return updated ? 0 : notUpdated;
+    }
+
+    /// Puts the solution into the image's own file, whole or not at all.
+    bool Update(const HeaderContents& contents) {
+        constexpr std::size_t longest = std::size_t{4} << 30;
+        const std::filesystem::path path = PathFromText(options_.Image);
+        try {
+            std::vector<unsigned char> bytes;
+            if (!ReadWholeFile(path, longest, bytes)) throw std::runtime_error("It is too long.");
+            if (ReplaceFile(path, WithCoordinates(bytes, CoordinateCards(contents), contents.Width,
+                                                  contents.Height))) {
+                return true;
+            }
+            log_ += "The image file cannot be written.\n";
+        } catch (const std::exception& fault) {
+            log_ += "The image file was not updated. " + std::string(fault.what()) + "\n";
+        }
+        return false;
     }
 
     bool IsImage(const std::string& path) const {
         std::error_code ignored;
         return std::filesystem::equivalent(PathFromText(path), PathFromText(options_.Image),
                                            ignored);
-    }
-
-    std::string Warnings(const SolvedField& field, const std::vector<std::string>& cards) const {
-        std::string text = ScaleWarning(options_, field, cards);
-        if (options_.Update) {
-            text += std::string(text.empty() ? "" : " ") + "The image file was not updated.";
-        }
-        return text;
     }
 
     bool Write(const char* extension, const std::string& text) const {

@@ -1,6 +1,8 @@
 // The commands that other programs know solvers by.
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,5 +16,15 @@ int RunSolveField(const std::vector<std::string>& arguments);
 
 /// Tells of world coordinates as `wcsinfo` does. @return the exit code
 int RunWcsInfo(const std::vector<std::string>& arguments);
+
+/// Runs the command of a name; nothing when there is none of that name.
+using CommandRunner =
+    std::function<std::optional<int>(const std::string& name, const std::vector<std::string>&)>;
+
+/// Runs these commands as `bash -l -c` does. Hosts on Windows have a folder of astrometry.net with
+/// a shell in `bin`, and write scripts to `tmp` beside it: `/tmp` for that shell.
+/// @param program path that the shell was called by. @return the exit code of the last command
+int RunBash(const std::string& program, const std::vector<std::string>& arguments,
+            const CommandRunner& run);
 
 }  // namespace vestrel

@@ -90,8 +90,6 @@ std::string FailedIniText(const std::string& command, const std::string& error) 
 }
 
 std::vector<std::string> HeaderCards(const HeaderContents& contents) {
-    const SolverCoordinates& wcs = contents.Coordinates;
-    const bool distorted = wcs.A.Order > 1 || wcs.B.Order > 1;
     std::vector<std::string> cards = {FitsFlagCard("SIMPLE", true, "standard FITS"),
                                       FitsNumberCard("BITPIX", 8), FitsNumberCard("NAXIS", 0),
                                       FitsFlagCard("EXTEND", true)};
@@ -100,6 +98,15 @@ std::vector<std::string> HeaderCards(const HeaderContents& contents) {
         if (SpeaksOfLayout(keyword) || IsStaleKeyword(keyword) || GoesOn(card)) continue;
         cards.push_back(card);
     }
+    const std::vector<std::string> coordinates = CoordinateCards(contents);
+    cards.insert(cards.end(), coordinates.begin(), coordinates.end());
+    return cards;
+}
+
+std::vector<std::string> CoordinateCards(const HeaderContents& contents) {
+    const SolverCoordinates& wcs = contents.Coordinates;
+    const bool distorted = wcs.A.Order > 1 || wcs.B.Order > 1;
+    std::vector<std::string> cards;
     const auto append = [&cards](const std::vector<std::string>& more) {
         cards.insert(cards.end(), more.begin(), more.end());
     };

@@ -40,6 +40,9 @@ struct HeaderContents {
 /// those stay out that speak of its layout, of older coordinates, or go on in the next card.
 std::vector<std::string> HeaderCards(const HeaderContents& contents);
 
+/// The part of such a header that speaks of the coordinates, from WCSAXES on.
+std::vector<std::string> CoordinateCards(const HeaderContents& contents);
+
 /// Cards and END as lines of text.
 std::string HeaderLinesText(const std::vector<std::string>& cards);
 

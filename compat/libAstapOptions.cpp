@@ -110,6 +110,7 @@ const char* const AstapUsage =
     "  -o FILE        base of the names of the results\n"
     "  -d FOLDER      a catalog of Vestrel\n"
     "  -wcs           .wcs in blocks of FITS   -sip  with distortion\n"
+    "  -update        into the header of the image too, when it is a FITS file\n"
     "  -log           writes a .log file\n"
     "Solves as Vestrel does; the results are IMAGE.ini and IMAGE.wcs.\n";
 

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,13 @@
 namespace vestrel {
 namespace {
 
+std::optional<int> RunCommand(const std::string& name, const std::vector<std::string>& arguments) {
+    if (name == "astap" || name == "astap_cli") return RunAstap(arguments);
+    if (name == "solve-field") return RunSolveField(arguments);
+    if (name == "wcsinfo") return RunWcsInfo(arguments);
+    return std::nullopt;
+}
+
 int Run(int argc, const char* const* argv) {
     std::vector<std::string> arguments(argv, argv + argc);
     if (arguments.empty()) arguments.emplace_back();
@@ -22,18 +30,18 @@ int Run(int argc, const char* const* argv) {
         if (file.extension() == ".exe" || file.extension() == ".EXE") file = file.stem();
         return TextFromPath(file);
     };
-    std::string name = nameIn(arguments.front());
+    std::string program = arguments.front();
     arguments.erase(arguments.begin());
-    if (name == "vestrel-compat" && !arguments.empty()) {
-        name = nameIn(arguments.front());
+    if (nameIn(program) == "vestrel-compat" && !arguments.empty()) {
+        program = arguments.front();
         arguments.erase(arguments.begin());
     }
-    if (name == "astap" || name == "astap_cli") return RunAstap(arguments);
-    if (name == "solve-field") return RunSolveField(arguments);
-    if (name == "wcsinfo") return RunWcsInfo(arguments);
+    const std::string name = nameIn(program);
+    if (name == "bash") return RunBash(program, arguments, RunCommand);
+    if (const auto code = RunCommand(name, arguments)) return *code;
     const bool help = name == "-h" || name == "--help";
     std::fputs(
-        "usage: vestrel-compat astap|astap_cli|solve-field|wcsinfo arguments...\n"
+        "usage: vestrel-compat astap|astap_cli|solve-field|wcsinfo|bash arguments...\n"
         "Links of these names do the same; programs that call such a solver are given their "
         "folder.\n",
         help ? stdout : stderr);

@@ -55,7 +55,7 @@ constexpr ImageFormat formats[] = {
     {"JPEG", " JPG JEPG JPEG JPE JFIF ", IsJpeg, ReadPictureFile, " JPG JEPG ", ImageType::Jpeg,
      nullptr},
     {"PNG", " PNG ", IsPng, nullptr, "", ImageType::Decoded, "png"},
-    {"TIFF", " TIF TIFF ", IsTiff, nullptr, "", ImageType::Decoded, "tiff"},
+    {"TIFF", " TIF TIFF ", IsTiff, nullptr, "", ImageType::Decoded, "tiff", true},
     {"XISF", " XISF ", IsXisf, nullptr, "", ImageType::Decoded, "xisf"},
     {"camera RAW", " DNG CR2 CR3 CRW NEF NRW ARW SR2 RAF ORF RW2 PEF SRW 3FR IIQ ", IsRaw, nullptr,
      "", ImageType::Decoded, "raw", true},

@@ -234,6 +234,18 @@ std::string CatalogComplaint(const ProgramState& state) {
     return {};
 }
 
+std::string CatalogDamage(const ProgramState& state) {
+    const std::string cell = DamagedCell(state.Catalog);
+    if (!cell.empty()) {
+        return "the file " + TextFromPath(state.Catalog.Folder / cell) +
+               " of the catalog is damaged or cannot be read";
+    }
+    // The faults of the tables themselves begin with the name of their file.
+    const std::string tables = TextFromPath(state.Quads.File);
+    const bool damaged = !tables.empty() && state.Quads.Fault.starts_with(tables + " ");
+    return damaged ? state.Quads.Fault : std::string();
+}
+
 std::string LackOfCatalog(const ProgramState& state) {
     std::string complaint = CatalogComplaint(state);
     if (!complaint.empty()) return complaint;

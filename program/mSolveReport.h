@@ -79,6 +79,10 @@ std::string ShallowCatalogText(const ProgramState& state);
 /// What is wrong with the catalog, in words; empty when it has stars for the starting region.
 std::string CatalogComplaint(const ProgramState& state);
 
+/// Which file of the catalog could not be read as it should in the last search; empty when all
+/// could that were needed.
+std::string CatalogDamage(const ProgramState& state);
+
 /// What a search of the loaded image lacked to find anything: stars, or quad tables where it had
 /// nothing else. Empty when it lacked nothing.
 std::string LackOfCatalog(const ProgramState& state);

@@ -335,6 +335,8 @@ const char* NameOf(SolverEnd end) {
             return "not sure";
         case SolverEnd::NoCatalog:
             return "no catalog";
+        case SolverEnd::DamagedCatalog:
+            return "damaged catalog";
         case SolverEnd::TimeLimit:
             return "time limit";
         case SolverEnd::Stopped:

@@ -135,13 +135,14 @@ struct VESTREL_PUBLIC PictureFacts {
 /// How a solve ended.
 enum class SolverEnd {
     Solved,
-    NoPicture,    ///< the picture cannot be read: see the reason
-    TooFewStars,  ///< fewer than 6
-    NoMatch,      ///< nothing in the places and sizes that were searched
-    NotSure,      ///< only a candidate that chance may have given
-    NoCatalog,    ///< no catalog, or no stars or quad tables in it for this field
-    TimeLimit,    ///< before all attempts were made
-    Stopped,      ///< by the stop token
+    NoPicture,       ///< the picture cannot be read: see the reason
+    TooFewStars,     ///< fewer than 6
+    NoMatch,         ///< nothing in the places and sizes that were searched
+    NotSure,         ///< only a candidate that chance may have given
+    NoCatalog,       ///< no catalog, or no stars or quad tables in it for this field
+    DamagedCatalog,  ///< files of it that were needed cannot be read
+    TimeLimit,       ///< before all attempts were made
+    Stopped,         ///< by the stop token
     OutOfMemory
 };
 /// A name that never changes, "no match", for journals and other programs.

@@ -209,6 +209,8 @@ void ExplainEnd(const ProgramState& state, SolveCode code, const PlanReport& pla
                                            FormatDec(candidate.CentreDec, true, 0) + ": " +
                                            ConfidenceText(candidate.Confidence) + ".");
     }
+    const std::string damage = CatalogDamage(state);
+    if (!damage.empty()) return end(SolverEnd::DamagedCatalog, damage);
     const std::string lack = LackOfCatalog(state);
     if (!lack.empty()) return end(SolverEnd::NoCatalog, lack);
     if (plan.TimeLimitReached) {

@@ -5,13 +5,16 @@ Environment: VESTREL_COMPAT the program; VESTREL_CATALOG_TOOL the one that draws
 VESTREL_TEST_CATALOG a real catalog (else the usual folder); VESTREL_STELLARSOLVER a program that calls
 solvers through StellarSolver, where it was built.
 """
+import gzip
 import json
 import math
 import os
 import pathlib
 import random
 import re
+import resource
 import shutil
+import signal
 import subprocess
 import tempfile
 import time
@@ -212,6 +215,114 @@ class Astap(Hosts):
             self.assertEqual((ini["PLTSOLVD"], ini["ERROR"]), ("F", error))
             self.assertFalse((self.folder / f"{name}.wcs").exists())
 
+    def damaged_catalog(self):
+        """The whole catalog by links, without its tables, and the cells of the frame cut in the middle of a star."""
+        folder = self.folder / "damaged"
+        folder.mkdir()
+        for cell in CATALOG.iterdir():
+            if cell.name != "quads.tables":
+                (folder / cell.name).symlink_to(cell)
+        cut = 0
+        for zone in range(int((DEC - 2) / 2.5), int((DEC + 2) / 2.5) + 1):
+            for cell in folder.glob(f"N{zone:02d}R*"):
+                data = cell.read_bytes()
+                cell.unlink()
+                cell.write_bytes(data[:25])
+                cut += 1
+        self.assertGreater(cut, 20)
+        return folder
+
+    def test_a_damaged_catalog_is_told_from_none(self):
+        folder = self.damaged_catalog()
+        line = ["-f", self.copy(), "-fov", FIELD_HEIGHT, *POSITION, "-d", folder, "-r", 3]
+        self.run_as("astap", *line, code=33)
+        ini = ini_of(self.folder / "image.ini")
+        self.assertEqual((ini["PLTSOLVD"], ini["ERROR"]), ("F", "Error reading star database."))
+        # Whole cells, but tables that somebody has written over.
+        for cell in folder.glob("N*"):
+            if not cell.is_symlink():
+                cell.unlink()
+                cell.symlink_to(CATALOG / cell.name)
+        with open(CATALOG / "quads.tables", "rb") as tables:
+            (folder / "quads.tables").write_bytes(tables.read(16) + bytes(5000))
+        bare = self.folder / "bare.fits"
+        fits.PrimaryHDU(self.pixels.astype(numpy.uint16)).writeto(bare)
+        self.run_as("astap", "-f", bare, "-fov", FIELD_HEIGHT, "-d", folder, code=33)
+        # What does not need them is solved nevertheless.
+        self.solved(*line)
+
+    def test_update_touches_nothing_but_the_coordinates(self):
+        header = fits.Header({"OBJECT": "Maia", "LONG": "x" * 90, "CRVAL1": 1.0, "CTYPE1": "RA---SIN", "CD1_1": 5.0,
+                              "A_ORDER": 2, "A_2_0": 1.0})
+        table = fits.BinTableHDU(Table({"a": [1, 2, 3]}))
+        image = self.folder / "image.fits"
+        fits.HDUList([fits.PrimaryHDU(self.pixels.astype(numpy.uint16), header), table]).writeto(image, checksum=True)
+        image.chmod(0o640)
+        before = fits.open(image, memmap=False)
+        self.addCleanup(before.close)
+        line = ["-f", image, "-fov", FIELD_HEIGHT, *POSITION, "-update", "-sip"]
+        for _ in range(2):  # the second time over what the first one has written
+            self.assertNotIn("WARNING", self.solved(*line))
+            after = fits.open(image, memmap=False)
+            self.addCleanup(after.close)
+            numpy.testing.assert_array_equal(after[0].data, before[0].data)
+            self.assertEqual(after[1].data.tolist(), before[1].data.tolist())
+            self.assertEqual((after[0].header["OBJECT"], after[0].header["LONG"]), ("Maia", "x" * 90))
+            self.check_wcs(WCS(after[0].header))
+            for key in ("CRVAL1", "CTYPE1", "CD1_1", "PLTSOLVD"):
+                self.assertEqual(after[0].header.count(key), 1)
+            after.verify("exception")
+        self.assertEqual(image.stat().st_mode & 0o777, 0o640)
+        # Killed at any moment the image is the old one or the new one.
+        fits.HDUList(before).writeto(image, overwrite=True)
+        whole = image.read_bytes()
+        self.solved(*line)
+        new = image.read_bytes()
+        order = random.Random(5)
+        for _ in range(8):
+            image.write_bytes(whole)
+            run = subprocess.Popen([self.links / "astap", *map(str, line)], env=self.environment, cwd=self.folder,
+                                   stdout=subprocess.DEVNULL)
+            time.sleep(order.uniform(0, 0.25))
+            run.kill()
+            run.wait()
+            self.assertIn(len(image.read_bytes()), (len(whole), len(new)))
+            self.assertEqual(fits.getdata(image).tobytes(), before[0].data.tobytes())
+
+    def test_an_image_that_cannot_be_updated_is_left_and_told(self):
+        packed = self.folder / "image.fits.gz"
+        packed.write_bytes(gzip.compress(self.frame.read_bytes()))
+        before = packed.read_bytes()
+        run = self.run_as("astap", "-f", packed, "-fov", FIELD_HEIGHT, *POSITION, "-update", "-log", code=34)
+        ini = ini_of(self.folder / "image.fits.ini")
+        self.assertEqual((ini["PLTSOLVD"], ini["WARNING"]), ("T", "The image file was not updated."))
+        self.assertIn("no FITS file", (self.folder / "image.fits.log").read_text())
+        self.check_wcs(linear_wcs(ini))
+        self.assertEqual(packed.read_bytes(), before, run.stdout)
+        # A disk on which only the small files have room.
+        image = self.copy()
+        before = image.read_bytes()
+        limit = 65536
+        run = subprocess.run([self.links / "astap", "-f", str(image), "-fov", str(FIELD_HEIGHT), *POSITION, "-update"],
+                             env=self.environment, stdout=subprocess.DEVNULL,
+                             preexec_fn=lambda: (signal.signal(signal.SIGXFSZ, signal.SIG_IGN),
+                                                 resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))))
+        self.assertEqual(run.returncode, 34)
+        self.assertEqual(image.read_bytes(), before)
+        self.assertEqual(ini_of(self.folder / "image.ini")["PLTSOLVD"], "T")
+
+    def test_a_full_disk_leaves_nothing_and_is_told(self):
+        image = self.copy()
+        for name in ("astap", "solve-field"):
+            line = ["-f", str(image), "-fov", str(FIELD_HEIGHT), *POSITION] if name == "astap" else \
+                ["-O", "-N", "none", "--ra", str(RA), "--dec", str(DEC), "-u", "app", "-L", "8", "-H", "10", str(image)]
+            run = subprocess.run([self.links / name, *line], env=self.environment, capture_output=True, text=True,
+                                 preexec_fn=lambda: (signal.signal(signal.SIGXFSZ, signal.SIG_IGN),
+                                                     resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100))))
+            self.assertNotEqual(run.returncode, 0, run)
+            self.assertIn("cannot be written", run.stderr)
+            self.assertEqual([file.name for file in self.folder.iterdir()], [image.name])
+
     def test_no_half_file_remains(self):
         image = self.copy()
         line = [self.links / "astap", "-f", str(image), "-fov", str(FIELD_HEIGHT), *POSITION, "-wcs"]
@@ -335,6 +446,61 @@ class SolveField(Hosts):
                                  env=self.environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                  timeout=60)
             self.assertIn(run.returncode, (0, 1))
+
+
+class Bash(Hosts):
+    """The shell that hosts on Windows run solve-field by."""
+
+    def setUp(self):
+        super().setUp()
+        self.root = self.folder / "asnet"
+        (self.root / "bin").mkdir(parents=True)
+        (self.root / "tmp").mkdir()
+        (self.root / "bin/bash").symlink_to(COMPAT)
+
+    def run_bash(self, *arguments, program=None):
+        return subprocess.run([program or self.root / "bin/bash", *map(str, arguments)], capture_output=True, text=True,
+                              env=dict(self.environment, PATH=f"{self.links}:{os.environ['PATH']}"), cwd=self.folder,
+                              timeout=100)
+
+    def test_siril_and_nina_on_windows(self):
+        self.assertEqual(self.run_bash("-l", "-c", "solve-field --version").stdout, "0.93\n")
+        picture = self.copy("of a night.fits")
+        self.folder.joinpath("stop").unlink(missing_ok=True)
+        (self.root / "tmp/asnet.sh").write_text(
+            f'p="{picture}"\nc="stop"\nsolve-field -C "$c" -p -O -N none -R none -M none -B none -U none -S none '
+            f'--crpix-center -u arcsecperpix -L {SCALE * 0.9} -H {SCALE * 1.1} -T --ra {RA} --dec {DEC} '
+            '--radius 10.0 "$p"\n')
+        run = self.run_bash("-l", "-c", "/tmp/asnet.sh")
+        self.assertIn("Field center: (RA,Dec)", run.stdout, run.stderr)
+        self.check_wcs(wcs_of(self.folder / "of a night.wcs"))
+        (self.folder / "of a night.wcs").unlink()
+        # A command line of Windows comes with its single quotes, and without the double ones.
+        run = self.run_bash("--login", "-c", "'/usr/bin/solve-field", "--overwrite", "--index-xyls", "none", "--corr",
+                            "none", "--rdls", "none", "--match", "none", "--new-fits", "none", "-center", "--objs", "100",
+                            "--no-plots", "--resort", "--downsample", "2", "--scale-units", "arcsecperpix", "-L",
+                            SCALE * .93, "-H", SCALE * 1.08, "--ra", RA, "--dec", DEC, "--radius", "30.00",
+                            f"{picture}'")
+        self.assertEqual(run.returncode, 0, run.stderr)
+        self.check_wcs(wcs_of(self.folder / "of a night.wcs"), 0.5)
+        self.assertEqual(self.run_bash("-l", "-c", "rm -rf /").returncode, 127)
+        self.assertEqual(self.run_bash("-l", "-c", "/tmp/gone.sh").returncode, 127)
+        self.assertEqual(self.run_bash().returncode, 127)
+
+    def test_words_are_those_of_the_real_shell(self):
+        order = random.Random(12)
+        pieces = ["word", "'single q'", '"double q"', '"it\'s"', "'say \"x\"'", "\\ ", "\\'", '"a\\"b"', '"C:\\dir\\f"',
+                  "$p", '"$p"', "'$p'", "${p}x", '"${p}"', "$none", "x=1", "=", "a#b", "''", '"\\$p"', "\\\n", "ü", "-5"]
+        for _ in range(40):
+            words = " ".join("".join(order.choices(pieces, k=order.randint(1, 3))) for _ in range(order.randint(1, 5)))
+            script = f"p='path_w'  # a comment\n{order.choice(['', 'q=2;', 'q=2 ; '])}astap -f none.fits {words}\n#end"
+            answers = []
+            for program in ("/bin/bash", None):
+                (self.folder / "none.ini").unlink(missing_ok=True)
+                run = self.run_bash("-c", script, program=program)
+                self.assertEqual(run.returncode, 16, script + run.stderr)
+                answers.append((self.folder / "none.ini").read_text())
+            self.assertEqual(answers[0], answers[1], script)
 
 
 class WcsInfo(Hosts):
