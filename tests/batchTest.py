@@ -8,6 +8,7 @@ import os
 import pathlib
 import random
 import re
+import resource
 import shutil
 import signal
 import subprocess
@@ -116,6 +117,147 @@ class Batch(unittest.TestCase):
         process.send_signal(signal.SIGTERM)
         self.assertEqual(process.wait(5), 4)
         self.assertLess(time.monotonic() - start, 2.5)
+
+    def watch(self, folder, journal, *words):
+        process = subprocess.Popen([PROGRAMS / "vestrel-batch", "--watch", folder, "--out", journal, "--catalog",
+                                    self.catalog, *words], stderr=subprocess.PIPE)
+        self.addCleanup(process.stderr.close)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
+    def lines_when(self, journal, count, seconds=40):
+        """The lines of a journal as soon as there are so many, by the last part of their picture's path."""
+        end = time.monotonic() + seconds
+        while time.monotonic() < end and (not journal.exists() or journal.read_bytes().count(b"\n") < count):
+            time.sleep(0.05)
+        lines = [json.loads(line) for line in journal.read_bytes().splitlines()]
+        self.assertEqual(len(lines), count, lines)
+        names = {os.path.basename(killBatch.path_of(line)): line["end"] for line in lines}
+        self.assertEqual(len(names), count, "a picture stands there twice")
+        return names
+
+    def test_only_files_that_are_whole_and_there_are_taken(self):
+        watched, journal = self.work / "whole", self.work / "whole.jsonl"
+        watched.mkdir()
+        elsewhere = self.work / "elsewhere"
+        elsewhere.mkdir()
+        frames = [path.read_bytes() for path in sorted(self.frames.glob("light_*.fit"))[:6]]
+        # There already when the watch begins, and still being written, with long pauses.
+        slow = open(watched / "slow.fit", "wb", buffering=0)
+        slow.write(frames[0][:5000])
+        self.watch(watched, journal)
+        time.sleep(0.4)
+        growing = open(watched / "growing.fit", "wb", buffering=0)
+        growing.write(frames[1][:-100])
+        (watched / "gone.fit").write_bytes(frames[2][:3000])
+        (watched / "gone.fit").unlink()
+        (watched / "empty.fit").write_bytes(b"")
+        (watched / "letter.txt").write_bytes(frames[2])
+        (watched / ".hidden.fit").write_bytes(frames[2])
+        (elsewhere / "far.fit").write_bytes(frames[2])
+        (watched / "far").symlink_to(elsewhere)  # a folder that is not of this one
+        (elsewhere / "one.fit").write_bytes(frames[3])
+        (watched / "link.fit").symlink_to(elsewhere / "one.fit")
+        (watched / "dangling.fit").symlink_to(elsewhere / "none.fit")
+        os.link(elsewhere / "one.fit", watched / "in.fit")
+        with open(os.path.join(os.fsencode(watched), b"no\xffutf8.fit"), "wb") as file:
+            file.write(frames[4])
+        part = watched / "renamed.part"
+        part.write_bytes(frames[5])
+        part.rename(watched / "renamed.fit")
+        taken = {b"link.fit": "solved", b"in.fit": "solved", b"no\xffutf8.fit": "solved", b"renamed.fit": "solved"}
+        self.assertEqual(self.lines_when(journal, 4), taken)
+        time.sleep(3.6)  # longer than a file has to rest
+        self.assertEqual(self.lines_when(journal, 4), taken)
+        growing.write(frames[1][-100:])
+        growing.close()
+        slow.write(frames[0][5000:])
+        slow.close()
+        taken.update({b"growing.fit": "solved", b"slow.fit": "solved"})
+        self.assertEqual(self.lines_when(journal, 6), taken)
+        # Written anew, moved away and back, named in another way: it is done.
+        (watched / "in.fit").unlink()
+        (watched / "in.fit").write_bytes(frames[3])
+        (watched / "renamed.fit").rename(elsewhere / "renamed.fit")
+        (elsewhere / "renamed.fit").rename(watched / "renamed.fit")
+        (watched / "last.fit").write_bytes(b"no picture")
+        taken[b"last.fit"] = "no picture"
+        self.assertEqual(self.lines_when(journal, 7), taken)
+        pictures = [watched / "in.fit", watched / "far/../in.fit", str(watched / "i?.fit"), watched / "./last.fit"]
+        self.assertEqual(self.batch(*pictures, "--out", journal, cwd=watched).returncode, 8)  # it is in use
+
+    def test_a_watch_that_is_killed_goes_on_with_what_came_meanwhile(self):
+        watched, journal = self.work / "again", self.work / "again.jsonl"
+        watched.mkdir()
+        frames = [path.read_bytes() for path in sorted(self.frames.glob("light_*.fit"))[:5]]
+        order = random.Random(8)
+        for number, frame in enumerate(frames):
+            process = self.watch(watched, journal)
+            time.sleep(order.uniform(0, 0.5))
+            (watched / f"{number}.fit").write_bytes(frame)
+            time.sleep(order.uniform(0, 1.2))
+            process.kill()
+            process.wait()
+        last = self.watch(watched, journal, "--idle-end", "4")
+        self.assertEqual(last.wait(60), 0)
+        self.assertEqual(self.lines_when(journal, 5), {b"%d.fit" % i: "solved" for i in range(5)})
+        self.assertEqual(journal.read_bytes().count(b"\n"), 5)
+        # Those that are named in other ways are the same.
+        ways = [watched, watched / ".." / watched.name / "1.fit", str(watched / "[12].fit"), os.path.relpath(watched)]
+        self.assertEqual(self.batch(*ways, "--out", journal).returncode, 0)
+        self.assertEqual(journal.read_bytes().count(b"\n"), 5)
+
+    def test_a_folder_that_goes_away_is_waited_for(self):
+        watched, journal = self.work / "card", self.work / "card.jsonl"
+        (watched / "deep").mkdir(parents=True)
+        frames = [path.read_bytes() for path in sorted(self.frames.glob("light_*.fit"))[:3]]
+        process = self.watch(watched, journal)
+        time.sleep(0.3)
+        (watched / "deep/first.fit").write_bytes(frames[0])
+        self.lines_when(journal, 1)
+        shutil.rmtree(watched)
+        while b"gone" not in (line := process.stderr.readline()):
+            self.assertTrue(line)
+        # Another one of that name, with a picture in it before it is seen, and one after.
+        (watched / "deep").mkdir(parents=True)
+        (watched / "deep/second.fit").write_bytes(frames[1])
+        while b"there again" not in (line := process.stderr.readline()):
+            self.assertTrue(line)
+        (watched / "deep/third.fit").write_bytes(frames[2])
+        self.assertEqual(self.lines_when(journal, 3),
+                         {b"first.fit": "solved", b"second.fit": "solved", b"third.fit": "solved"})
+        self.assertIsNone(process.poll())
+        missing = self.batch("--watch", self.work / "never", "--out", self.work / "never.jsonl")
+        self.assertEqual(missing.returncode, 8)
+        self.assertIn("no folder that can be watched", missing.stderr)
+
+    def test_what_cannot_be_written_ends_the_night_with_what_is_done(self):
+        def limited(size):
+            return {"preexec_fn": lambda: (signal.signal(signal.SIGXFSZ, signal.SIG_IGN),
+                                           resource.setrlimit(resource.RLIMIT_FSIZE, (size, size)))}
+        journal = self.work / "full.jsonl"
+        end = self.batch(self.frames, "--out", journal, "--workers", "1", **limited(2000))
+        self.assertEqual(end.returncode, 8, end.stderr)
+        self.assertIn("cannot be written", end.stderr)
+        done = journal.read_bytes()
+        self.assertTrue(done.endswith(b"\n") and len(done) <= 2000)
+        self.assertTrue(0 < done.count(b"\n") < len(self.truth))
+        # With room it goes on, and nothing is done twice.
+        self.assertEqual(self.batch(self.frames, "--out", journal).returncode, 0)
+        self.assertTrue(journal.read_bytes().startswith(done))
+        self.assertEqual(killBatch.check(journal, self.truth, False), [])
+        # No room for the files of a picture is told in its line, and ends nothing.
+        journal = self.work / "copies.jsonl"
+        picture = sorted(self.frames.glob("light_*.fit"))[0]
+        end = self.batch(picture, "--out", journal, "--export", "--wcs", "--to", self.work / "copies", **limited(20000))
+        self.assertEqual(end.returncode, 0, end.stderr)
+        line = json.loads(journal.read_text())
+        self.assertEqual((line["end"], list(line["files"])), ("solved", ["wcs"]))
+        self.assertIn("cannot be written", line["faults"][0])
+        self.assertEqual([file.name for file in (self.work / "copies").iterdir()], [picture.stem + ".wcs"])
+        (self.work / "empty").mkdir()
+        self.assertEqual(self.batch(self.work / "empty", "--out", journal).returncode, 5)
 
 
 if __name__ == "__main__":
