@@ -46,7 +46,8 @@ double SmallestField(std::span<const std::int16_t> magnitudes, double area) {
     constexpr double smallest = 0.05;
     constexpr double largest = 30;
     constexpr double step = 1.02;
-    for (double diagonal = smallest; diagonal < largest; diagonal *= step) {
+    double diagonal = smallest;
+    while (diagonal < largest) {
         const double limit = MagnitudeLimitFor(diagonal / 2 * RadiansPerDegree) * 100;
         const auto end = std::lower_bound(
             magnitudes.begin(), magnitudes.end(), limit,
@@ -54,6 +55,7 @@ double SmallestField(std::span<const std::int16_t> magnitudes, double area) {
         const auto stars = static_cast<double>(end - magnitudes.begin());
         // A frame of 4 : 3 covers 0.48 of the square of its diagonal.
         if (stars / area * 0.48 * diagonal * diagonal >= StarsToSolveWith) return diagonal;
+        diagonal *= step;
     }
     return std::numeric_limits<double>::infinity();
 }

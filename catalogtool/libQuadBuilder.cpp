@@ -182,8 +182,8 @@ void AddNarrowQuads(const std::vector<FrameStar>& stars, const QuadPlan& plan,
         for (int gaps = 0; gaps <= plan.Gaps; ++gaps) {
             for (int early = 0; early <= gaps; ++early) {
                 const auto r1 = static_cast<std::size_t>(lost);
-                const auto r2 = static_cast<std::size_t>(lost + 1 + early);
-                const auto r3 = static_cast<std::size_t>(lost + 2 + gaps);
+                const std::size_t r2 = r1 + 1 + static_cast<std::size_t>(early);
+                const std::size_t r3 = r1 + 2 + static_cast<std::size_t>(gaps);
                 if (r3 >= stars.size()) continue;
                 const FrameStar* between = StarBetween(stars, r1, r2, r3);
                 if (between == nullptr) continue;

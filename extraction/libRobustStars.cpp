@@ -289,15 +289,14 @@ PlateStarList StarListOf(const std::vector<Peak>& peaks) {
 }
 
 PlateStarList SpreadEvenly(const PlateStarList& stars, std::int32_t width, std::int32_t height) {
-    constexpr std::int32_t cells = 4;
-    std::array<std::vector<PlateStar>, static_cast<std::size_t>(cells * cells)> byCell;
+    constexpr std::size_t cells = 4;
+    std::array<std::vector<PlateStar>, cells * cells> byCell;
     const auto cellOf = [](float place, std::int32_t size) {
-        return std::clamp(static_cast<std::int32_t>(static_cast<double>(place) / size * cells), 0,
-                          cells - 1);
+        return static_cast<std::size_t>(
+            std::clamp(static_cast<double>(place) / size * cells, 0.0, cells - 1.0));
     };
     for (const PlateStar& star : stars) {
-        byCell[static_cast<std::size_t>(cellOf(star.Y, height) * cells + cellOf(star.X, width))]
-            .push_back(star);
+        byCell[cellOf(star.Y, height) * cells + cellOf(star.X, width)].push_back(star);
     }
     PlateStarList even;
     for (std::size_t rank = 0; even.Count() < stars.Count(); ++rank) {

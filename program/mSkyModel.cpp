@@ -75,7 +75,7 @@ std::optional<ImageSkyModel> SkyModelOfImage(const ProgramState& state) {
     auto plate = SkyModelOfPlate(constants, {header.RaRef, header.DecRef}, header.PlateScale,
                                  state.Image.Width, state.Image.Height);
     if (!plate) return std::nullopt;
-    ImageSkyModel result{std::move(*plate), std::nullopt, 0, {}};
+    ImageSkyModel result{*plate, std::nullopt, 0, {}};
     if (state.Solution) {
         // A search over the whole sky by quads compares to no limit.
         const double compared = state.Report.MagnitudeLimit;
