@@ -13,14 +13,6 @@ std::string_view Trim(std::string_view text);
 /// The text with the letters a to z in upper case; other bytes stay.
 std::string UpperCase(std::string_view text);
 
-/// The text (UTF-8) with "?" and "¿" for control characters. Texts out of files go through it on
-/// their way to a terminal, which would obey them. The characters in `kept` stay.
-std::string WithoutControls(std::string text, std::string_view kept = {});
-
-/// A JSON text whose strings hold control characters as escapes only: also those that JSON lets
-/// pass (DEL and the ones from 128 on).
-std::string WithEscapedControls(std::string_view json);
-
 /// The value of a numeric text: surrounding blanks, an optional sign, digits with at most one
 /// decimal point, an optional exponent after an E. Nothing else is numeric. A value beyond the
 /// range of a double gives an infinity, one below it 0.

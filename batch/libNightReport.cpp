@@ -15,6 +15,7 @@
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "batch/libJournal.h"
+#include "platform/libConsole.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 

@@ -23,13 +23,11 @@
 namespace vestrel {
 namespace {
 
-namespace Exit {
-constexpr int Done = 0;
-constexpr int Usage = 2;
-constexpr int Stopped = 4;
-constexpr int NoPictures = 5;
-constexpr int NotWritten = 8;
-}  // namespace Exit
+constexpr int exitDone = 0;
+constexpr int exitUsage = 2;
+constexpr int exitStopped = 4;
+constexpr int exitNoPictures = 5;
+constexpr int exitNotWritten = 8;
 
 constexpr const char* description =
     "Solves the pictures of a night: files, folders and patterns, or whatever arrives in a "
@@ -68,7 +66,7 @@ volatile std::sig_atomic_t stopSignals = 0;
 extern "C" void OnStopSignal(int /*signal*/) {
     for (const int other : {SIGINT, SIGTERM}) std::signal(other, SIG_DFL);
     stopSignals = 1;
-    EndWithin(2, Exit::Stopped);
+    EndWithin(2, exitStopped);
 }
 
 /// "1.55" or "1-3": arcseconds per pixel.
@@ -127,11 +125,11 @@ std::optional<int> ReadOptions(int argc, const char* const* argv, Options& optio
         const int code = app.exit(end, out, errors);
         std::fputs(WithoutControls(code == 0 ? out.str() : errors.str(), "\n").c_str(),
                    code == 0 ? stdout : stderr);
-        return code == 0 ? Exit::Done : Exit::Usage;
+        return code == 0 ? exitDone : exitUsage;
     }
     const auto wrong = [](const char* text) {
         std::fprintf(stderr, "%s\nRun with --help for more information.\n", text);
-        return Exit::Usage;
+        return exitUsage;
     };
     if (!options.Scale.empty() && !(night.Scale = ScaleOf(options.Scale))) {
         return wrong("--scale: arcseconds per pixel, as 1.55 or 1-3");
@@ -203,8 +201,8 @@ class Night {
         while (stopSignals == 0 && !run.Wait(tick)) {
         }
         run.Stop();
-        if (stopSignals != 0) return Exit::Stopped;
-        return any || options_.Words.empty() ? Exit::Done : Exit::NoPictures;
+        if (stopSignals != 0) return exitStopped;
+        return any || options_.Words.empty() ? exitDone : exitNoPictures;
     }
 
  private:
@@ -277,11 +275,11 @@ int Run(int argc, const char* const* argv) {
         if (error) {
             std::fprintf(stderr, "The folder %s cannot be made.\n",
                          WithoutControls(options.To).c_str());
-            return Exit::NotWritten;
+            return exitNotWritten;
         }
     }
     for (const int number : {SIGINT, SIGTERM}) std::signal(number, OnStopSignal);
-    int code = Exit::Done;
+    int code = exitDone;
     try {
         if (!options.Words.empty() || !options.Watch.empty()) code = Night(options).Run();
         if (!options.Report.empty()) {
@@ -289,7 +287,7 @@ int Run(int argc, const char* const* argv) {
         }
     } catch (const std::exception& error) {
         std::fprintf(stderr, "vestrel-batch: %s\n", WithoutControls(error.what()).c_str());
-        return Exit::NotWritten;
+        return exitNotWritten;
     }
     return code;
 }
@@ -298,12 +296,6 @@ int Run(int argc, const char* const* argv) {
 }  // namespace vestrel
 
 int main(int argc, char** argv) {
-    try {
-        const vestrel::ProgramArguments arguments(argc, argv);
-        const vestrel::PreparedConsole console;
-        return vestrel::Run(arguments.Count(), arguments.Values());
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "vestrel-batch: %s\n", vestrel::WithoutControls(error.what()).c_str());
-        return vestrel::Exit::Usage;
-    }
+    return vestrel::RunProgram("vestrel-batch", argc, argv, vestrel::Run,
+                               [](const std::exception&) { return vestrel::exitUsage; });
 }

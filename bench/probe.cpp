@@ -19,6 +19,7 @@
 
 #include "astro/libStrings.h"
 #include "bench/silentPort.h"
+#include "platform/libConsole.h"
 #include "platform/libPlatform.h"
 #include "program/mCommandLine.h"
 #include "program/mPlateMatch.h"

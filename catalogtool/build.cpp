@@ -20,6 +20,7 @@
 #include "catalogtool/libFitsTable.h"
 #include "catalogtool/libIndexFile.h"
 #include "catalogtool/libStarTable.h"
+#include "platform/libConsole.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 
@@ -241,7 +242,7 @@ class Build {
 
     /// A FITS table that came packed or by a pipe, in a file of the folder that is being built.
     fs::path Unpacked(UnpackedInput& input, const std::string& name) {
-        const fs::path path = folder_.Path() / (std::string(ManifestName) + ".unpacked.tmp");
+        fs::path path = folder_.Path() / (std::string(ManifestName) + ".unpacked.tmp");
         const FileHandle file = OpenFile(path, "wb");
         std::vector<char> bytes(std::size_t{1} << 20);
         bool good = file != nullptr;

@@ -14,6 +14,7 @@
 #include "catalogtool/commands.h"
 #include "catalogtool/libCatalogSurvey.h"
 #include "matching/libQuadFile.h"
+#include "platform/libConsole.h"
 #include "platform/libPlatform.h"
 
 namespace vestrel {
@@ -99,8 +100,8 @@ double FieldForShare(const std::vector<std::pair<double, double>>& fieldsAndArea
     return std::numeric_limits<double>::infinity();
 }
 
-constexpr int partsInDec = 6;  // of 30° each
-constexpr int partsInRa = 6;   // of 4 h each
+constexpr std::size_t partsInDec = 6;  // of 30° each
+constexpr std::size_t partsInRa = 6;   // of 4 h each
 
 /// The smallest field that can be solved in nine tenths of each part of the sky, from north to
 /// south, in each band from right ascension 0 on.
@@ -110,11 +111,12 @@ std::vector<double> FieldsByPart(const CatalogSurvey& survey) {
         const CellPosition& cell = AllCells()[i];
         const double dec = (cell.South ? -1 : 1) * 2.5 * (cell.Zone + 0.5);
         const double ra = (static_cast<double>(cell.Slice) + 0.5) * SliceWidth(cell.Zone);
-        const auto part = static_cast<std::size_t>(static_cast<int>((90 - dec) / 30) * partsInRa +
-                                                   static_cast<int>(ra / 60) % partsInRa);
+        const auto band = static_cast<std::size_t>((90 - dec) / 30);
+        const std::size_t part = band * partsInRa + static_cast<std::size_t>(ra / 60) % partsInRa;
         parts[part].emplace_back(survey.SmallestFields[i], CellAreaFraction(cell));
     }
     std::vector<double> fields;
+    fields.reserve(parts.size());
     for (const auto& part : parts) fields.push_back(FieldForShare(part, 0.9));
     return fields;
 }
@@ -136,12 +138,11 @@ void PrintFields(const CatalogSurvey& survey) {
         FieldText(FieldForShare(sky, 0.9)).c_str(), NumberText(StarsToSolveWith).c_str());
     std::printf("\n  Declination    RA 0-4h   4-8h  8-12h 12-16h 16-20h 20-24h   degrees across\n");
     const std::vector<double> fields = FieldsByPart(survey);
-    for (int band = 0; band < partsInDec; ++band) {
-        std::printf("  %+3d to %+3d   ", 90 - 30 * band, 60 - 30 * band);
-        for (int part = 0; part < partsInRa; ++part) {
-            std::printf(
-                "%7s",
-                FieldText(fields[static_cast<std::size_t>(band * partsInRa + part)]).c_str());
+    for (std::size_t band = 0; band < partsInDec; ++band) {
+        const int north = 90 - 30 * static_cast<int>(band);
+        std::printf("  %+3d to %+3d   ", north, north - 30);
+        for (std::size_t part = 0; part < partsInRa; ++part) {
+            std::printf("%7s", FieldText(fields[band * partsInRa + part]).c_str());
         }
         std::printf("\n");
     }
@@ -182,8 +183,8 @@ void PrintJson(const CatalogFacts& facts) {
                      {"faults", survey.FaultCount}};
     const std::vector<double> fields = FieldsByPart(survey);
     for (std::size_t i = 0; i < fields.size(); ++i) {
-        const auto band = static_cast<int>(i) / partsInRa;
-        const auto part = static_cast<int>(i) % partsInRa;
+        const auto band = static_cast<int>(i / partsInRa);
+        const auto part = static_cast<int>(i % partsInRa);
         document["smallestFields"].push_back(
             {{"decDegrees", {60 - 30 * band, 90 - 30 * band}},
              {"raHours", {4 * part, 4 * part + 4}},

@@ -11,6 +11,7 @@
 #include "catalogtool/libQuadBuilder.h"
 #include "catalogtool/libToolReport.h"
 #include "matching/libQuadFile.h"
+#include "platform/libConsole.h"
 #include "platform/libPlatform.h"
 
 namespace vestrel {

@@ -14,6 +14,7 @@
 #include "catalogtool/commands.h"
 #include "catalogtool/libToolReport.h"
 #include "image/libFitsCards.h"
+#include "platform/libConsole.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "tools/libFrameFile.h"

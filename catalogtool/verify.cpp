@@ -8,6 +8,7 @@
 #include "catalogtool/commands.h"
 #include "catalogtool/libCatalogSurvey.h"
 #include "matching/libQuadFile.h"
+#include "platform/libConsole.h"
 #include "platform/libPlatform.h"
 
 namespace vestrel {

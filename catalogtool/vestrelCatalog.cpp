@@ -41,7 +41,7 @@ std::filesystem::path ExistingCatalog(const std::string& folder) {
 
 namespace {
 
-ToolExit Run(int argc, const char* const* argv) {
+int Run(int argc, const char* const* argv) {
     CLI::App program("Makes, describes and checks the star catalog of Vestrel.", "vestrel-catalog");
     program.allow_windows_style_options(false);  // a path may begin with "/" there too
     program.set_version_flag("--version", "vestrel-catalog " VESTREL_VERSION);
@@ -69,30 +69,23 @@ ToolExit Run(int argc, const char* const* argv) {
         const bool good = program.exit(error, out, errors) == 0;
         std::fputs(WithoutControls(out.str(), "\n").c_str(), stdout);
         std::fputs(WithoutControls(errors.str(), "\n").c_str(), stderr);
-        return good ? ToolExit::Good : ToolExit::WrongUsage;
+        return NumberOf(good ? ToolExit::Good : ToolExit::WrongUsage);
     }
     // Results that never arrived are no success.
     if (std::fflush(stdout) != 0) {
         throw ToolFailure(ToolExit::CannotWrite, "standard output: " + SystemErrorText());
     }
-    return exitCode;
+    return NumberOf(exitCode);
+}
+
+int CodeOf(const std::exception& failure) {
+    const auto* known = dynamic_cast<const ToolFailure*>(&failure);
+    return NumberOf(known != nullptr ? ExitCodeAfter(known->Code) : ToolExit::BadInput);
 }
 
 }  // namespace
 }  // namespace vestrel
 
 int main(int argc, char** argv) {
-    try {
-        const vestrel::ProgramArguments arguments(argc, argv);
-        const vestrel::PreparedConsole console;
-        return NumberOf(vestrel::Run(arguments.Count(), arguments.Values()));
-    } catch (const vestrel::ToolFailure& failure) {
-        std::fprintf(stderr, "vestrel-catalog: %s\n",
-                     vestrel::WithoutControls(failure.what(), "\n").c_str());
-        return NumberOf(vestrel::ExitCodeAfter(failure.Code));
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "vestrel-catalog: %s\n",
-                     vestrel::WithoutControls(error.what(), "\n").c_str());
-        return NumberOf(vestrel::ToolExit::BadInput);
-    }
+    return vestrel::RunProgram("vestrel-catalog", argc, argv, vestrel::Run, vestrel::CodeOf);
 }

@@ -7,6 +7,7 @@
 #include "astro/libStrings.h"
 #include "compat/hostCommands.h"
 #include "compat/libShellScript.h"
+#include "platform/libConsole.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 

@@ -2,18 +2,17 @@
 
 #include <algorithm>
 #include <cmath>
-#include <numbers>
 
+#include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "compat/libNumberFormats.h"
 #include "image/libFitsCards.h"
 #include "image/libWorldCoordinates.h"
+#include "platform/libConsole.h"
 
 namespace vestrel {
 
 namespace {
-
-constexpr double degree = std::numbers::pi / 180;
 
 bool SpeaksOfLayout(std::string_view keyword) {
     if (keyword.starts_with("NAXIS")) return true;
@@ -54,9 +53,10 @@ ClassicGeometry ClassicGeometryOf(const SolverCoordinates& coordinates) {
     ClassicGeometry classic;
     classic.Cdelt[0] = sign * std::hypot(cd[0][0], cd[0][1]);
     classic.Cdelt[1] = std::hypot(cd[1][0], cd[1][1]);
-    classic.Crota[1] = std::atan2(sign * cd[1][0], cd[1][1]) / degree;
+    classic.Crota[1] = std::atan2(sign * cd[1][0], cd[1][1]) / RadiansPerDegree;
     classic.Crota[0] =
-        std::atan2(-cd[0][1] / (sign * classic.Cdelt[1]), cd[0][0] / classic.Cdelt[0]) / degree;
+        std::atan2(-cd[0][1] / (sign * classic.Cdelt[1]), cd[0][0] / classic.Cdelt[0]) /
+        RadiansPerDegree;
     return classic;
 }
 
@@ -148,7 +148,7 @@ std::vector<std::string> CoordinateCards(const HeaderContents& contents) {
 std::string HeaderLinesText(const std::vector<std::string>& cards) {
     std::string text;
     for (const std::string& card : cards) {
-        std::string line = card.substr(0, 80);
+        std::string line = card.substr(0, FitsCardLength);
         line.erase(line.find_last_not_of(' ') + 1);
         text += line + "\n";
     }

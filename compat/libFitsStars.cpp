@@ -13,8 +13,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr std::size_t cardLength = 80;
-constexpr std::size_t blockLength = 2880;
 /// More stars than any list for a solve has; forged tables end here.
 constexpr std::size_t mostStars = 1'000'000;
 
@@ -52,12 +50,12 @@ struct Header {
 
 std::optional<Header> ReadHeader(std::span<const unsigned char> bytes, std::size_t start) {
     Header header;
-    for (std::size_t at = start; at + cardLength <= bytes.size(); at += cardLength) {
-        std::string card(cardLength, ' ');
-        std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(at), cardLength, card.begin());
+    for (std::size_t at = start; at + FitsCardLength <= bytes.size(); at += FitsCardLength) {
+        std::string card(FitsCardLength, ' ');
+        std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(at), FitsCardLength, card.begin());
         if (KeywordOfCard(card) == "END") {
-            const std::size_t length = at + cardLength - start;
-            header.DataStart = start + (length + blockLength - 1) / blockLength * blockLength;
+            const std::size_t length = at + FitsCardLength - start;
+            header.DataStart = start + WholeFitsBlocks(length);
             return header;
         }
         header.Cards.push_back(std::move(card));

@@ -6,6 +6,7 @@
 #include <numbers>
 #include <string_view>
 
+#include "astro/libMath.h"
 #include "astro/libSkyModel.h"
 #include "astro/libStrings.h"
 #include "compat/libNumberFormats.h"
@@ -15,7 +16,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr double degree = std::numbers::pi / 180;
 constexpr double fullCircle = 360;
 constexpr double arcsecondsPerDegree = 3600;
 
@@ -23,11 +23,10 @@ using CardValues = std::map<std::string, std::string, std::less<>>;
 
 /// The cards up to END; nothing without one.
 std::optional<CardValues> ReadCards(std::span<const unsigned char> bytes) {
-    constexpr std::size_t cardLength = 80;
     CardValues values;
-    for (std::size_t at = 0; at + cardLength <= bytes.size(); at += cardLength) {
+    for (std::size_t at = 0; at + FitsCardLength <= bytes.size(); at += FitsCardLength) {
         const std::string card(bytes.begin() + static_cast<std::ptrdiff_t>(at),
-                               bytes.begin() + static_cast<std::ptrdiff_t>(at + cardLength));
+                               bytes.begin() + static_cast<std::ptrdiff_t>(at + FitsCardLength));
         if (at == 0 && !card.starts_with("SIMPLE  =")) return std::nullopt;
         const std::string_view keyword = KeywordOfCard(card);
         if (keyword == "END") return values;
@@ -56,7 +55,7 @@ bool ReadMatrix(const CardValues& cards, double (&cd)[2][2]) {
     const auto first = NumberIn(cards, "CDELT1");
     const auto second = NumberIn(cards, "CDELT2");
     if (!first || !second) return false;
-    const double turn = NumberIn(cards, "CROTA2").value_or(0) * degree;
+    const double turn = NumberIn(cards, "CROTA2").value_or(0) * RadiansPerDegree;
     cd[0][0] = *first * std::cos(turn);
     cd[0][1] = -*second * std::sin(turn);
     cd[1][0] = *first * std::sin(turn);
@@ -89,11 +88,11 @@ double DeterminantOf(const double (&cd)[2][2]) {
 
 /// The distance of two positions, arcseconds, by the chord, which is good for small ones.
 double DistanceOf(const std::pair<double, double>& a, const std::pair<double, double>& b) {
-    const double half = std::hypot(std::sin((a.second - b.second) / 2 * degree),
-                                   std::sin((a.first - b.first) / 2 * degree) *
-                                       std::sqrt(std::cos(a.second * degree)) *
-                                       std::sqrt(std::cos(b.second * degree)));
-    return 2 * std::asin(std::min(half, 1.0)) / degree * arcsecondsPerDegree;
+    const double half = std::hypot(std::sin((a.second - b.second) / 2 * RadiansPerDegree),
+                                   std::sin((a.first - b.first) / 2 * RadiansPerDegree) *
+                                       std::sqrt(std::cos(a.second * RadiansPerDegree)) *
+                                       std::sqrt(std::cos(b.second * RadiansPerDegree)));
+    return 2 * std::asin(std::min(half, 1.0)) / RadiansPerDegree * arcsecondsPerDegree;
 }
 
 /// Hours or degrees, minutes and seconds with `decimals`, none of them 60.
@@ -141,12 +140,13 @@ Bounds BoundsOf(const HeaderCoordinates& wcs, const std::pair<double, double>& c
     for (const double pole : {90.0, -90.0}) {
         // In the frame when the border goes once around it: then its distance in the plane lies
         // inside the image.
-        const auto place = GnomonicOf({wcs.Crval[0] * degree, wcs.Crval[1] * degree},
-                                      {wcs.Crval[0] * degree, pole * degree});
+        const auto place =
+            GnomonicOf({wcs.Crval[0] * RadiansPerDegree, wcs.Crval[1] * RadiansPerDegree},
+                       {wcs.Crval[0] * RadiansPerDegree, pole * RadiansPerDegree});
         if (!place) continue;
         const double determinant = DeterminantOf(wcs.Cd);
-        const double east = place->East / degree;
-        const double north = place->North / degree;
+        const double east = place->East / RadiansPerDegree;
+        const double north = place->North / RadiansPerDegree;
         const double x = wcs.Crpix[0] + (wcs.Cd[1][1] * east - wcs.Cd[0][1] * north) / determinant;
         const double y = wcs.Crpix[1] + (wcs.Cd[0][0] * north - wcs.Cd[1][0] * east) / determinant;
         if (x < 1 || y < 1 || x > wcs.Width || y > wcs.Height) continue;
@@ -162,7 +162,7 @@ double MercatorX(double ra) {
 }
 
 double MercatorY(double dec) {
-    return 0.5 + std::asinh(std::tan(dec * degree)) / (2 * std::numbers::pi);
+    return 0.5 + std::asinh(std::tan(dec * RadiansPerDegree)) / (2 * std::numbers::pi);
 }
 
 }  // namespace
@@ -173,10 +173,11 @@ std::pair<double, double> HeaderCoordinates::SkyOf(double x, double y) const {
     const double du = SumOf(Distortion[0], u, v);
     v += SumOf(Distortion[1], u, v);
     u += du;
-    const SkyPosition sky = SkyOfGnomonic(
-        {Crval[0] * degree, Crval[1] * degree},
-        {(Cd[0][0] * u + Cd[0][1] * v) * degree, (Cd[1][0] * u + Cd[1][1] * v) * degree});
-    return {sky.Ra / degree, sky.Dec / degree};
+    const SkyPosition sky =
+        SkyOfGnomonic({Crval[0] * RadiansPerDegree, Crval[1] * RadiansPerDegree},
+                      {(Cd[0][0] * u + Cd[0][1] * v) * RadiansPerDegree,
+                       (Cd[1][0] * u + Cd[1][1] * v) * RadiansPerDegree});
+    return {sky.Ra / RadiansPerDegree, sky.Dec / RadiansPerDegree};
 }
 
 std::optional<HeaderCoordinates> ReadHeaderCoordinates(std::span<const unsigned char> bytes) {
@@ -235,7 +236,8 @@ std::string DegreesText(double dec) {
 
 double OrientationOf(const double (&cd)[2][2]) {
     const double parity = DeterminantOf(cd) >= 0 ? 1 : -1;
-    return -std::atan2(parity * cd[1][0] - cd[0][1], parity * cd[0][0] + cd[1][1]) / degree;
+    return -std::atan2(parity * cd[1][0] - cd[0][1], parity * cd[0][0] + cd[1][1]) /
+           RadiansPerDegree;
 }
 
 std::string WcsInfoText(const HeaderCoordinates& wcs) {
@@ -274,9 +276,9 @@ std::string WcsInfoText(const HeaderCoordinates& wcs) {
     number("ra_center", centre.first, fine);
     number("dec_center", centre.second, fine);
     // North turns along the parallel.
-    const double turn = std::atan(std::tan((centre.first - wcs.Crval[0]) * degree) *
-                                  std::sin(wcs.Crval[1] * degree));
-    number("orientation_center", orientation + turn / degree, middling);
+    const double turn = std::atan(std::tan((centre.first - wcs.Crval[0]) * RadiansPerDegree) *
+                                  std::sin(wcs.Crval[1] * RadiansPerDegree));
+    number("orientation_center", orientation + turn / RadiansPerDegree, middling);
     const double hours = centre.first / 15;
     add("ra_center_h", std::to_string(static_cast<int>(hours)));
     const double minutes = (hours - std::floor(hours)) * 60;

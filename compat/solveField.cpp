@@ -22,6 +22,7 @@
 #include "compat/libWcsInfo.h"
 #include "image/libFitsCards.h"
 #include "image/libFormats.h"
+#include "platform/libConsole.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "solver/solver.h"

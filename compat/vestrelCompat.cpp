@@ -23,6 +23,10 @@ std::optional<int> RunCommand(const std::string& name, const std::vector<std::st
 }
 
 int Run(int argc, const char* const* argv) {
+#ifndef _WIN32
+    // The exit code tells hosts of a solution, also those that have closed the pipe.
+    std::signal(SIGPIPE, SIG_IGN);
+#endif
     std::vector<std::string> arguments(argv, argv + argc);
     if (arguments.empty()) arguments.emplace_back();
     const auto nameIn = [](const std::string& path) {
@@ -52,17 +56,6 @@ int Run(int argc, const char* const* argv) {
 }  // namespace vestrel
 
 int main(int argc, char** argv) {
-    try {
-#ifndef _WIN32
-        // The exit code tells hosts of a solution, also those that have closed the pipe.
-        std::signal(SIGPIPE, SIG_IGN);
-#endif
-        const vestrel::ProgramArguments arguments(argc, argv);
-        const vestrel::PreparedConsole console;
-        return vestrel::Run(arguments.Count(), arguments.Values());
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "vestrel-compat: %s\n",
-                     vestrel::WithoutControls(error.what()).c_str());
-        return 1;
-    }
+    return vestrel::RunProgram("vestrel-compat", argc, argv, vestrel::Run,
+                               [](const std::exception&) { return 1; });
 }

@@ -533,12 +533,8 @@ ExitCode Run(int argc, const char* const* argv) {
 }  // namespace vestrel
 
 int main(int argc, char** argv) {
-    try {
-        const vestrel::ProgramArguments arguments(argc, argv);
-        const vestrel::PreparedConsole console;
-        return NumberOf(vestrel::Run(arguments.Count(), arguments.Values()));
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "vestrel-solve: %s\n", vestrel::WithoutControls(error.what()).c_str());
-        return NumberOf(vestrel::ExitCode::Usage);
-    }
+    return vestrel::RunProgram(
+        "vestrel-solve", argc, argv,
+        [](int count, const char* const* values) { return NumberOf(vestrel::Run(count, values)); },
+        [](const std::exception&) { return NumberOf(vestrel::ExitCode::Usage); });
 }

@@ -14,6 +14,7 @@
 #include "console/exitCodes.h"
 #include "desktop/desktopOptions.h"
 #include "desktop/fKELInfo.h"
+#include "platform/libConsole.h"
 #include "platform/libPlatform.h"
 #include "program/mCommandLine.h"
 #include "program/mSettings.h"

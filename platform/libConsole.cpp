@@ -29,6 +29,52 @@ ProgramArguments::ProgramArguments(int argc, const char* const* argv) : texts_(a
     for (const std::string& text : texts_) pointers_.push_back(text.c_str());
 }
 
+int RunProgram(const char* name, int argc, const char* const* argv,
+               int (*run)(int argc, const char* const* argv),
+               int (*codeOf)(const std::exception& failure)) {
+    try {
+        const ProgramArguments arguments(argc, argv);
+        const PreparedConsole console;
+        return run(arguments.Count(), arguments.Values());
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "%s: %s\n", name, WithoutControls(failure.what(), "\n").c_str());
+        return codeOf(failure);
+    }
+}
+
+std::string WithoutControls(std::string text, std::string_view kept) {
+    unsigned char before = 0;
+    for (char& c : text) {
+        const auto code = static_cast<unsigned char>(c);
+        // Also those of two bytes, C2 80 to C2 9F: the second becomes a letter without meaning.
+        const bool second = before == 0xC2 && code >= 0x80 && code < 0xA0;
+        if ((code < 32 || code == 127) && kept.find(c) == std::string_view::npos) c = '?';
+        if (second) c = '\xBF';
+        before = code;
+    }
+    return text;
+}
+
+std::string WithEscapedControls(std::string_view json) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    std::string result;
+    for (std::size_t i = 0; i < json.size(); ++i) {
+        const auto code = static_cast<unsigned char>(json[i]);
+        const auto next = static_cast<unsigned char>(i + 1 < json.size() ? json[i + 1] : 0);
+        const bool second = code == 0xC2 && next >= 0x80 && next < 0xA0;
+        if (code != 127 && !second) {
+            result += json[i];
+            continue;
+        }
+        const unsigned char control = second ? next : code;
+        result += "\\u00";
+        result += digits[control >> 4];
+        result += digits[control & 15];
+        if (second) ++i;
+    }
+    return result;
+}
+
 #ifdef _WIN32
 
 namespace {

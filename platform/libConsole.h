@@ -2,7 +2,9 @@
 #pragma once
 
 #include <cstdio>
+#include <exception>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -37,6 +39,21 @@ class PreparedConsole {
     unsigned codePage_ = 0;
 #endif
 };
+
+/// What `main` does: hands the arguments to `run` and returns what it returns. A failure that
+/// reaches it is told on standard error, after the program's name; `codeOf` says what it returns
+/// then.
+int RunProgram(const char* name, int argc, const char* const* argv,
+               int (*run)(int argc, const char* const* argv),
+               int (*codeOf)(const std::exception& failure));
+
+/// The text (UTF-8) with "?" and "¿" for control characters. Texts out of files go through it on
+/// their way to a terminal, which would obey them. The characters in `kept` stay.
+std::string WithoutControls(std::string text, std::string_view kept = {});
+
+/// A JSON text whose strings hold control characters as escapes only: also those that JSON lets
+/// pass (DEL and the ones from 128 on).
+std::string WithEscapedControls(std::string_view json);
 
 /// Ends this process with an exit code when it still runs after so many seconds, whatever it waits
 /// for. May be called in a signal handler.

@@ -6,6 +6,7 @@
 #include <system_error>
 #include <vector>
 
+#include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "catalog/libCellGrid.h"
 #include "display/libReadout.h"
@@ -16,8 +17,6 @@
 namespace vestrel {
 
 namespace {
-
-constexpr double degreesPerRadian = 57.29577951308232;
 
 struct Cell {
     std::filesystem::path File;
@@ -76,8 +75,8 @@ std::string TableFacts(const ProgramState& state) {
         largest = std::max(largest, band.LargestDiagonal);
     }
     return "Quad tables: for fields with diagonals of " +
-           FixedText(smallest * degreesPerRadian, 2) + " to " +
-           FixedText(largest * degreesPerRadian, 1) + " degrees\n";
+           FixedText(smallest * ExactDegreesPerRadian, 2) + " to " +
+           FixedText(largest * ExactDegreesPerRadian, 1) + " degrees\n";
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include "astro/libStrings.h"
 #include "image/libFitsWriter.h"
 #include "image/libFormats.h"
+#include "platform/libConsole.h"
 #include "platform/libPlatform.h"
 #include "program/mStarExtraction.h"
 #include "program/mStopwatch.h"

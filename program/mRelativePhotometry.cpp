@@ -2,6 +2,7 @@
 
 #include "astro/libStrings.h"
 #include "display/libReadout.h"
+#include "platform/libConsole.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "program/mImageData.h"

@@ -23,8 +23,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr double exactDegrees = 57.29577951308232;
-
 /// Shows nothing, keeps the last message, and hears when to stop.
 class SilentWorker : public Port {
  public:
@@ -114,8 +112,8 @@ std::string SolutionsCsv(const std::vector<SolvedPicture>& pictures) {
         text += CsvField(picture.Path) + ",";
         if (picture.Solution) {
             const PlateSolution& solution = *picture.Solution;
-            text += FixedText(solution.CentreRA * exactDegrees, 6) + "," +
-                    FixedText(solution.CentreDec * exactDegrees, 6) + "," +
+            text += FixedText(solution.CentreRA * ExactDegreesPerRadian, 6) + "," +
+                    FixedText(solution.CentreDec * ExactDegreesPerRadian, 6) + "," +
                     FixedText(1 / solution.Scale, 5) + "," + FixedText(picture.UpPositionAngle, 3) +
                     "," + (picture.Mirrored ? "yes" : "no") + "," +
                     std::to_string(solution.MatchedCount) + "," +

@@ -12,6 +12,7 @@
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "astro/libTime.h"
+#include "platform/libConsole.h"
 #include "program/mPreferences.h"
 #include "program/mSolveWindow.h"
 #include "program/mStarExtraction.h"

@@ -12,6 +12,7 @@
 #include "compat/libNumberFormats.h"
 #include "compat/libWcsInfo.h"
 #include "image/libFitsCards.h"
+#include "platform/libConsole.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "astro/libStrings.h"
+#include "platform/libConsole.h"
 #include "platform/libFiles.h"
 #include "server/libFormData.h"
 

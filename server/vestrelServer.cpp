@@ -12,6 +12,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "platform/libConsole.h"
 #include "platform/libPlatform.h"
 #include "server/jobQueue.h"
 #include "server/novaServer.h"
@@ -117,10 +118,6 @@ int Run(int argc, const char* const* argv) {
 }  // namespace vestrel
 
 int main(int argc, char** argv) {
-    try {
-        return vestrel::Run(argc, argv);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "vestrel-server: %s\n", error.what());
-        return 1;
-    }
+    return vestrel::RunProgram("vestrel-server", argc, argv, vestrel::Run,
+                               [](const std::exception&) { return 1; });
 }

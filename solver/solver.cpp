@@ -9,6 +9,7 @@
 #include "astro/libStrings.h"
 #include "image/libDecoder.h"
 #include "image/libWorldCoordinates.h"
+#include "platform/libConsole.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "program/mCommandLine.h"

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "image/libFitsCards.h"
 #include "image/libPictureBuilder.h"
 
 namespace vestrel {
@@ -46,9 +47,8 @@ void RequireSize(std::int64_t width, std::int64_t height) {
 }
 
 void TakeCards(const std::vector<std::string>& cards, PictureBuilder& builder) {
-    constexpr std::size_t length = 80;
     for (std::string card : cards) {
-        card.resize(length, ' ');
+        card.resize(FitsCardLength, ' ');
         if (!card.starts_with("END     ")) builder.Card(card);
     }
 }

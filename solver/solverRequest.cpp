@@ -12,8 +12,6 @@ namespace vestrel {
 
 namespace {
 
-constexpr double degree = Pi / 180;
-
 void Require(bool good, const char* what) {
     if (!good) throw std::invalid_argument(what);
 }
@@ -130,9 +128,9 @@ KnownOfPicture KnownFrom(const SolverHints& hints, const PlateImage& image) {
     }
     for (const SolverCentre& centre : hints.Centres) {
         if (known.Places.size() == mostPlaces) break;
-        known.Places.push_back({{centre.Ra * degree, centre.Dec * degree},
+        known.Places.push_back({{centre.Ra * RadiansPerDegree, centre.Dec * RadiansPerDegree},
                                 hints.MostRegions,
-                                centre.Radius * degree,
+                                centre.Radius * RadiansPerDegree,
                                 centre.Briefly,
                                 {}});
     }

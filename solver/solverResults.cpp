@@ -6,6 +6,7 @@
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "platform/libConsole.h"
 #include "program/mSolveReport.h"
 
 namespace vestrel {
