@@ -1,6 +1,7 @@
 #include "image/libHints.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <map>
 #include <numbers>
@@ -308,6 +309,20 @@ PictureHints HintsOf(const PlateImage& image) {
     AddOptics(hints, cards, image);
     DropRepetitions(hints);
     return hints;
+}
+
+bool IsMosaic(const PlateImage& image) {
+    const CardValues cards(image.Header);
+    const auto isPattern = [](std::string_view text) {
+        constexpr std::size_t colours = 4;
+        return text.size() == colours &&
+               text.find_first_not_of("RGBCMYW") == std::string_view::npos &&
+               text.find_first_not_of(text[0]) != std::string_view::npos;
+    };
+    constexpr std::array keywords{"BAYERPAT", "COLORTYP", "CFAPAT", "CFA-PAT"};
+    return std::any_of(keywords.begin(), keywords.end(), [&](const char* keyword) {
+        return isPattern(UpperCase(cards.Text(keyword)));
+    });
 }
 
 std::pair<double, double> FieldOfScale(const PlateImage& image, double arcsecondsPerPixel) {

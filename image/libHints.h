@@ -39,6 +39,10 @@ struct PictureHints {
 /// focal length of an equal 35 mm camera.
 PictureHints HintsOf(const PlateImage& image);
 
+/// Whether the header says that each pixel lies behind a filter of its own colour, in a pattern of
+/// two by two: BAYERPAT, COLORTYP and their like hold the letters of the colours.
+bool IsMosaic(const PlateImage& image);
+
 /// The field that a scale gives the image: width and height, radians.
 std::pair<double, double> FieldOfScale(const PlateImage& image, double arcsecondsPerPixel);
 

@@ -234,6 +234,8 @@ void PassCards(const pugi::xml_node& image, PictureSink& sink) {
         card.resize(FitsCardLength, ' ');
         sink.Card(card);
     }
+    const char* const pattern = image.child("ColorFilterArray").attribute("pattern").value();
+    if (*pattern != 0 && !present.contains("BAYERPAT")) sink.TextCard("BAYERPAT", pattern, {});
     struct Property {
         std::string_view Id;
         const char* Keyword;

@@ -10,7 +10,9 @@
 #include <system_error>
 
 #include "catalog/libCatalogCells.h"
+#include "image/libFitsCards.h"
 #include "image/libHeaderText.h"
+#include "image/libHints.h"
 #include "matching/libQuadFile.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
@@ -203,6 +205,7 @@ void WriteBundle(const std::filesystem::path& path, const ProgramState& state,
                        {"format", image.Format},
                        {"bitpix", image.Header.BitPix},
                        {"top_row_first", image.TopRowFirst},
+                       {"mosaic", IsMosaic(image)},
                        {"cards", HeaderLines(image)}};
     json["settings"] = Written(state.Parameters, [](const auto& parameters, const auto& visit) {
         ForParameters(parameters, visit);
@@ -265,6 +268,11 @@ Bundle::Bundle(const std::filesystem::path& path) : contents_(std::make_unique<C
         image.Format = picture.at("format").get<std::string>();
         image.Header.BitPix = static_cast<std::int16_t>(ReadNumber(picture, "bitpix", -64, 64));
         image.TopRowFirst = picture.at("top_row_first").get<bool>();
+        if (picture.value("mosaic", false)) {
+            // All of the header that a plan looks at.
+            image.Header.Cards[1] = FitsTextCard("BAYERPAT", "RGGB");
+            image.Header.CardCount = 1;
+        }
         ForParameters(contents_->Parameters, [&](const char* name, auto& field) {
             field = static_cast<std::remove_reference_t<decltype(field)>>(
                 ReadNumber(json.at("settings"), name, 0, 32767));

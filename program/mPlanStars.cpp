@@ -1,9 +1,16 @@
 #include "program/mPlanStars.h"
 
+#include <utility>
+
+#include "extraction/libMosaic.h"
 #include "extraction/libRobustStars.h"
 #include "program/mStopwatch.h"
 
 namespace vestrel {
+
+void PlanStars::KeepMosaicSums() {
+    if (pixels_ && !given_) mosaicSums_ = SumsOfMosaic(state_.Image);
+}
 
 const PlateStarList& PlanStars::Of(StarSource from) {
     std::optional<PlateStarList>& list = ListOf(from);
@@ -17,9 +24,11 @@ const PlateStarList& PlanStars::Of(StarSource from) {
         list = given_;
     } else {
         const StageTimer timer(state_.Report.Times.Extraction);
+        const PlateImage& looked = mosaicSums_ ? *mosaicSums_ : image;
         PeakSettings settings;
-        settings.Binning = BinningFor(image);
-        list = StarListOf(StarsAmong(FindPeaks(image, settings), image));
+        settings.Binning = BinningFor(looked);
+        list = StarListOf(StarsAmong(FindPeaks(looked, settings), looked));
+        if (mosaicSums_) list = InMosaicPixels(*std::move(list));
     }
     return *list;
 }

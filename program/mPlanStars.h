@@ -31,6 +31,10 @@ class PlanStars {
 
     const StarLists& Made() const { return lists_; }
 
+    /// Peaks are to be looked for in the sums of two by two pixels of a mosaic as they are now: the
+    /// plain extraction changes them, and leaves little of the darker colours.
+    void KeepMosaicSums();
+
     void SetExtracted(const PlateStarList& stars) { ListOf(StarSource::Extracted) = stars; }
 
     /// Brightest first, but for the even ones; empty when there are none.
@@ -45,6 +49,7 @@ class PlanStars {
     const std::optional<PlateStarList>& given_;
     bool pixels_;  ///< may be looked at
     StarLists lists_;
+    std::optional<PlateImage> mosaicSums_;
 };
 
 }  // namespace vestrel

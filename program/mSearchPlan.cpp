@@ -11,6 +11,7 @@
 
 #include "astro/libMath.h"
 #include "catalog/libCatalogRegion.h"
+#include "image/libHints.h"
 #include "matching/libCameraPlane.h"
 #include "matching/libQuadLookup.h"
 #include "matching/libSeededConfidence.h"
@@ -54,6 +55,8 @@ constexpr std::array quadAttempts{
     QuadAttempt{"more quads of even peaks", StarSource::EvenPeaks, 20, 10},
 };
 
+constexpr std::int32_t fewestStars = 6;  // for the plain search
+
 /// The tolerance of a plate that few stars gave, pixels: lenses bend it.
 double RoughTolerance(const PlateImage& image) {
     return std::max(3.0, 0.005 * std::max(image.Width, image.Height));
@@ -68,6 +71,7 @@ class Plan {
           request_(request),
           report_(report),
           start_(std::chrono::steady_clock::now()),
+          mosaic_(IsMosaic(state.Image)),
           lists_(state, request.Stars, request.Lists) {}
 
     SolveCode Run() {
@@ -94,6 +98,7 @@ class Plan {
     }
 
     SolveCode RunAttempts() {
+        if (mosaic_) lists_.KeepMosaicSums();
         if (request_.Lists) {
             enoughStars_ = TakeKeptStars();
         } else {
@@ -129,12 +134,11 @@ class Plan {
 
     /// As `FindPlateStars`, for stars that were given.
     bool TakeGivenStars() {
-        constexpr std::int32_t fewest = 6;
         ForgetSolution(state_);
         state_.PlateStars = *request_.Stars;
         state_.PlateStars.Resize(std::min(state_.PlateStars.Count(), MaxExtractedStars));
         state_.Extraction.StarsFound = request_.Stars->Count();
-        return state_.PlateStars.Count() >= fewest;
+        return state_.PlateStars.Count() >= fewestStars;
     }
 
     /// The whole sky costs less than seeds around a hint that is wrong.
@@ -160,6 +164,7 @@ class Plan {
 
     bool SearchesOf(const SearchHint& hint) {
         if (Try("search", [&] { return PlainSearch(hint); })) return true;
+        if (mosaic_ && !MustEnd() && Try("mosaic", [&] { return MosaicSearch(hint); })) return true;
         return !hint.Briefly && !MustEnd() &&
                Try("short side", [&] { return ShortSideSearch(hint); });
     }
@@ -187,8 +192,25 @@ class Plan {
     }
 
     bool PlainSearch(const SearchHint& hint) {
-        if (!enoughStars_) return false;
-        state_.PlateStars = lists_.Of(StarSource::Extracted);
+        return enoughStars_ && PlainSearch(hint, lists_.Of(StarSource::Extracted));
+    }
+
+    /// The plain search with peaks, which are looked for in the sums of two by two pixels: as it
+    /// stands, the pattern of a mosaic's colours hides the stars from the plain extraction.
+    bool MosaicSearch(const SearchHint& hint) {
+        const PlateStarList& stars = lists_.Of(StarSource::Peaks);
+        if (stars.Count() < fewestStars) return false;
+        const PlateStarList before = state_.PlateStars;
+        const std::int32_t found = std::exchange(state_.Extraction.StarsFound, stars.Count());
+        if (PlainSearch(hint, stars)) return true;
+        state_.PlateStars = before;
+        state_.Extraction.StarsFound = found;
+        return false;
+    }
+
+    bool PlainSearch(const SearchHint& hint, const PlateStarList& stars) {
+        state_.PlateStars = stars;
+        state_.PlateStars.Resize(std::min(stars.Count(), MaxExtractedStars));
         PlateSearch search{hint.Centre, hint.Width, hint.Height, hint.Regions,
                            state_.Parameters.MaxError};
         search.MustEnd = [this] { return MustEnd(); };
@@ -418,6 +440,7 @@ class Plan {
     bool enoughStars_ = false;
     std::string quadFault_;
     double searches_ = 0;  ///< regions and lists that were tried
+    bool mosaic_;          ///< the pixels of the image have colours of their own
     PlanStars lists_;
 };
 

@@ -13,6 +13,7 @@
 #include "astro/libStrings.h"
 #include "catalog/libCatalogRegion.h"
 #include "catalogtool/libQuadBuilder.h"
+#include "image/libHints.h"
 #include "matching/libQuadFile.h"
 #include "platform/libPlatform.h"
 #include "program/mCommandLine.h"
@@ -65,6 +66,11 @@ FrameExposure ExposureFor(int bitPix) {
     }
     exposure.ZeroPoint = ZeroPointFor(exposure, FaintestDrawn(), 10);
     return exposure;
+}
+
+std::string Padded(std::string card) {
+    card.resize(80, ' ');
+    return card;
 }
 
 class ClosedLoop : public testing::Test {
@@ -235,6 +241,46 @@ TEST_F(ClosedLoop, FramesWithoutASolutionGetNone) {
     }
     EXPECT_EQ(Solve(geometry, ExposureFor(16), few, 16).Result.Code, SolveCode::TooFewStars);
     EXPECT_EQ(Port.Statuses.back(), "Extracted 5 Stars");
+}
+
+// Filters of this kind leave the plain extraction nothing but their own pattern.
+TEST_F(ClosedLoop, AMosaicOfColoursIsSolvedInItsOwnPixels) {
+    const FrameGeometry geometry = FrameAt(ordinary, 70);
+    const auto stars = CatalogFrameStars(Catalog.Path, geometry, FaintestDrawn());
+    FrameExposure exposure = ExposureFor(16);
+    exposure.SkyLevel = 20000;  // a city's
+    exposure.ZeroPoint = ZeroPointFor(exposure, FaintestDrawn(), 4);
+    const Frame grey = RenderFrame(geometry, exposure, stars);
+    constexpr float gains[2][2] = {{0.35F, 1}, {0.9F, 0.15F}};
+    for (int phase = 0; phase < 4; ++phase) {
+        Frame frame = grey;
+        for (int y = 0; y < frameHeight; ++y) {
+            for (int x = 0; x < frameWidth; ++x) {
+                float& count = frame.Pixels[static_cast<std::size_t>(y * frameWidth + x)];
+                count = std::round(count * gains[(y + phase / 2) % 2][(x + phase) % 2]);
+            }
+        }
+        for (const char* card : {"COMMENT the same pixels", "BAYERPAT= 'RGGB'"}) {
+            const auto bytes = FrameFileBytes(frame, 16, {Padded(card)});
+            const auto path = Frames / "mosaic.fit";
+            WriteFile(path, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+            ASSERT_TRUE(OpenImage(State, Port, TextFromPath(path)));
+            const bool told = IsMosaic(State.Image);
+            SearchRequest request;
+            request.Around = {{geometry.Centre, fieldWidth, fieldHeight, 9, true}};
+            PlanReport report;
+            const SolveCode code = SolveByPlan(State, Port, request, report);
+            ASSERT_EQ(code == SolveCode::Solved, told) << phase << card;
+            if (!told) continue;
+            EXPECT_EQ(report.SolvedBy, "mosaic");
+            // The filters themselves draw the light of a cell off its middle by 0.06 pixels.
+            const auto centre = SkyToFrame(geometry, State.Solution->Centre());
+            ASSERT_TRUE(centre);
+            EXPECT_NEAR(centre->X, (frameWidth - 1) / 2.0, 0.15);
+            EXPECT_NEAR(centre->Y, (frameHeight - 1) / 2.0, 0.15);
+            EXPECT_EQ(State.Extraction.StarsFound, State.Solution->ExtractedCount);
+        }
+    }
 }
 
 TEST_F(ClosedLoop, FramesAreSolvedWithoutACentreAndStrangersAreNot) {
