@@ -393,6 +393,8 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
         json["format"] = state.Image.Format;
         json["counts"] = {{"zero", state.Image.Counts.Zero}, {"factor", state.Image.Counts.Factor}};
         json["remarks"] = state.Image.Remarks;
+    } else if (!state.Image.Remarks.empty()) {
+        json["remarks"] = state.Image.Remarks;
     }
     if (!outcome.StartedFrom.empty()) json["started_from"] = outcome.StartedFrom;
     json["width_px"] = state.Image.Width;

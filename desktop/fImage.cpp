@@ -72,7 +72,7 @@ void ImageWindow::ImageChanged() {
     } else if (area_->Picture.Empty() || shownFile_ != image.FileName ||
                area_->Picture.Levels().front().Width != image.Width ||
                area_->Picture.Levels().front().Height != image.Height) {
-        area_->View.SetImage(image.Width, image.Height, FirstRowAtTop(image));
+        area_->View.SetImage(image);
         shownFile_ = image.FileName;
     }
     if (state_.ImageLoaded && !HasLevels(image)) {
@@ -168,7 +168,7 @@ void ImageWindow::PaintMagnifier(QPainter& painter) {
     const double ratio = area_->devicePixelRatioF();
     ViewGeometry lens;
     lens.SetWindow(side, side);
-    lens.SetImage(state_.Image.Width, state_.Image.Height, FirstRowAtTop(state_.Image));
+    lens.SetImage(state_.Image);
     lens.Flip(flipLeftRight_->isChecked(), flipUpDown_->isChecked());
     lens.ZoomTo(zoom, lens.Middle());
     const ScreenPoint at = lens.ScreenOf(*pointer_);

@@ -60,8 +60,9 @@ void ImageWindow::ExportView() {
 
 ViewGeometry ImageWindow::WholeView(double ratio) const {
     ViewGeometry whole;
-    whole.SetWindow(state_.Image.Width / ratio, state_.Image.Height / ratio);
-    whole.SetImage(state_.Image.Width, state_.Image.Height, FirstRowAtTop(state_.Image));
+    const ShownSize size = ShownSizeOf(state_.Image);
+    whole.SetWindow(size.Width / ratio, size.Height / ratio);
+    whole.SetImage(state_.Image);
     whole.Flip(flipLeftRight_->isChecked(), flipUpDown_->isChecked());
     whole.Fit();
     return whole;
@@ -69,7 +70,8 @@ ViewGeometry ImageWindow::WholeView(double ratio) const {
 
 QImage ImageWindow::WholePicture(double ratio) {
     if (pictureIsOld_ || area_->Picture.Empty()) BuildPicture();
-    QImage grey(state_.Image.Width, state_.Image.Height, QImage::Format_Grayscale8);
+    const ShownSize size = ShownSizeOf(state_.Image);
+    QImage grey(size.Width, size.Height, QImage::Format_Grayscale8);
     if (grey.isNull()) return grey;
     PaintView(area_->Picture, WholeView(ratio), ratio,
               {{grey.bits(), static_cast<std::size_t>(grey.sizeInBytes())},
@@ -80,8 +82,9 @@ QImage ImageWindow::WholePicture(double ratio) {
 }
 
 void ImageWindow::PaintWhole(QPainter& painter, double ratio) {
-    const QSize size(static_cast<int>(std::lround(state_.Image.Width / ratio)),
-                     static_cast<int>(std::lround(state_.Image.Height / ratio)));
+    const ShownSize shown = ShownSizeOf(state_.Image);
+    const QSize size(static_cast<int>(std::lround(shown.Width / ratio)),
+                     static_cast<int>(std::lround(shown.Height / ratio)));
     PaintOverlays(painter, WholeView(ratio), size);
 }
 
@@ -137,7 +140,8 @@ void ImageWindow::Print() {
     if (!state_.ImageLoaded || state_.Running != Activity::None) return;
     QPrinter printer(QPrinter::HighResolution);
     printer.setDocName(QtText(ImageBaseName(state_)));
-    const bool wide = state_.Image.Width > state_.Image.Height;
+    const ShownSize shown = ShownSizeOf(state_.Image);
+    const bool wide = shown.Width > shown.Height;
     printer.setPageOrientation(wide ? QPageLayout::Landscape : QPageLayout::Portrait);
     QPrintDialog dialog(&printer, this);
     if (dialog.exec() != QDialog::Accepted) return;

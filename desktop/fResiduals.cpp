@@ -53,8 +53,9 @@ void ResidualsWindow::SolutionChanged() {
     trust_->setVisible(!text.isEmpty());
     summary_->setText(QtText(ResidualSummary(state_)));
     area_->Residuals = ResidualsOf(state_);
-    area_->ImageSize = {state_.Image.Width, state_.Image.Height};
-    area_->FirstRowAtTop = FirstRowAtTop(state_.Image);
+    const ShownSize shown = ShownSizeOf(state_.Image);
+    area_->ImageSize = {shown.Width, shown.Height};
+    area_->View.SetImage(state_.Image);
     area_->update();
 }
 

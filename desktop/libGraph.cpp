@@ -138,16 +138,18 @@ void ResidualArea::PaintVectors(QPainter& painter, const QRect& place) const {
     painter.setPen(palette().color(QPalette::Mid));
     painter.drawRect(place);
     const double times = ResidualMagnification(Residuals, ImageSize.width(), ImageSize.height());
-    const PlotAxis x{-0.5, ImageSize.width() - 0.5, double(place.left()), double(place.right())};
-    PlotAxis y{-0.5, ImageSize.height() - 0.5, double(place.top()), double(place.bottom())};
-    if (!FirstRowAtTop) std::swap(y.From, y.To);
+    ViewGeometry view = View;
+    view.SetWindow(place.width(), place.height());
+    const auto at = [&](double x, double y) {
+        const ScreenPoint point = view.ScreenOf({x, y});
+        return QPointF(place.left() + point.X, place.top() + point.Y);
+    };
     painter.save();
     painter.setClipRect(place.adjusted(1, 1, 0, 0));
     const QColor colour = palette().color(QPalette::Link);
     for (const Residual& one : Residuals) {
-        const QPointF from(x.PlaceOf(one.Predicted.X), y.PlaceOf(one.Predicted.Y));
-        const QPointF to(x.PlaceOf(one.Predicted.X + times * one.Dx),
-                         y.PlaceOf(one.Predicted.Y + times * one.Dy));
+        const QPointF from = at(one.Predicted.X, one.Predicted.Y);
+        const QPointF to = at(one.Predicted.X + times * one.Dx, one.Predicted.Y + times * one.Dy);
         painter.setPen(QPen(colour, 1.5));
         painter.drawLine(from, to);
         painter.setPen(Qt::NoPen);

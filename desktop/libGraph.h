@@ -9,6 +9,7 @@
 #include "display/libDisplayLevels.h"
 #include "display/libPlot.h"
 #include "display/libResiduals.h"
+#include "display/libViewGeometry.h"
 #include "photometry/libStarStatistics.h"
 
 namespace vestrel {
@@ -39,8 +40,8 @@ class ResidualArea : public QWidget {
  public:
     ResidualArea();
     std::vector<Residual> Residuals;
-    QSize ImageSize;
-    bool FirstRowAtTop = true;
+    QSize ImageSize;  ///< as it is shown
+    ViewGeometry View;
 
  protected:
     void paintEvent(QPaintEvent* event) override;

@@ -189,6 +189,69 @@ PaintedLevel LevelFor(double scale, std::size_t levels) {
     return {std::clamp(number, 0, static_cast<int>(levels) - 1), true};
 }
 
+/// The lines of a target along each of which one row of the level is shown.
+struct Lines {
+    std::vector<Source> Along;   ///< the source of each pixel of a line that shows the image
+    std::vector<Source> Across;  ///< of each line
+    int Begin = 0;               ///< pixels of a line before those
+};
+
+void PaintLines(const GreyLevel& level, const Lines& lines, bool interpolated,
+                const GreyTarget& target) {
+    const std::vector<Source>& columns = lines.Along;
+    ForRows(target.Height, [&](int row) {
+        const Source& rows = lines.Across[static_cast<std::size_t>(row)];
+        const auto out = target.Pixels.subspan(static_cast<std::size_t>(row) * target.RowBytes,
+                                               static_cast<std::size_t>(target.Width));
+        std::fill(out.begin(), out.end(), GreyOutsideImage);
+        if (rows.First < 0 || columns.empty()) return;
+        std::uint8_t* to = out.data() + lines.Begin;
+        const std::uint8_t* upper = RowOf(level, rows.First);
+        if (!interpolated) {
+            for (const Source& column : columns) *to++ = upper[column.First];
+            return;
+        }
+        // First between the two rows, in one sweep, then between neighbours.
+        const std::uint8_t* lower = RowOf(level, rows.Second);
+        // A flipped image runs the other way.
+        const int left = std::min(columns.front().First, columns.back().First);
+        const int right = std::max(columns.front().First, columns.back().First);
+        const int last = std::min(right + 1, level.Width - 1);
+        std::vector<std::uint16_t> between(static_cast<std::size_t>(last - left + 1));
+        for (int x = left; x <= last; ++x) {
+            between[static_cast<std::size_t>(x - left)] =
+                static_cast<std::uint16_t>(upper[x] * (256 - rows.Weight) + lower[x] * rows.Weight);
+        }
+        const auto value = [&](int x) -> int {
+            return between[static_cast<std::size_t>(x - left)];
+        };
+        for (const Source& column : columns) {
+            *to++ = static_cast<std::uint8_t>((value(column.First) * (256 - column.Weight) +
+                                               value(column.Second) * column.Weight + 32768) >>
+                                              16);
+        }
+    });
+}
+
+/// From lines that are to be the columns of the target, in squares that fit the cache.
+void Transpose(const std::vector<std::uint8_t>& lines, const GreyTarget& target) {
+    constexpr int side = 32;
+    const auto lineBytes = static_cast<std::size_t>(target.Height);
+    ForRows((target.Height + side - 1) / side, [&](int band) {
+        const int first = band * side;
+        const int last = std::min(first + side, target.Height);
+        for (int left = 0; left < target.Width; left += side) {
+            for (int y = first; y < last; ++y) {
+                std::uint8_t* out = &target.Pixels[static_cast<std::size_t>(y) * target.RowBytes];
+                for (int x = left; x < std::min(left + side, target.Width); ++x) {
+                    out[x] = lines[static_cast<std::size_t>(x) * lineBytes +
+                                   static_cast<std::size_t>(y)];
+                }
+            }
+        }
+    });
+}
+
 }  // namespace
 
 void PicturePyramid::Build(const PlateImage& image, const GreyLookup& grey) {
@@ -228,47 +291,26 @@ void PaintView(const PicturePyramid& pyramid, const ViewGeometry& view, double p
     const GreyLevel& image = pyramid.Levels().front();
     const PaintedLevel painted = LevelFor(view.Scale() * pixelRatio, pyramid.Levels().size());
     const GreyLevel& level = pyramid.Levels()[static_cast<std::size_t>(painted.Number)];
-    std::vector<Source> columns;
-    int begin = 0;  // the first column of the target that shows the image
-    for (int i = 0; i < target.Width; ++i) {
-        const PixelPoint at = view.PixelAt({(i + 0.5) / pixelRatio, 0});
+    // Of a turned image, the columns of the target show rows of it.
+    const bool turned = view.Turned();
+    Lines lines;
+    for (int i = 0, size = turned ? target.Height : target.Width; i < size; ++i) {
+        const double place = (i + 0.5) / pixelRatio;
+        const PixelPoint at = view.PixelAt(turned ? ScreenPoint{0, place} : ScreenPoint{place, 0});
         const Source source = SourceOf(at.X, image.Width, painted, level.Width);
-        if (source.First >= 0) columns.push_back(source);
-        if (source.First < 0 && columns.empty()) ++begin;
+        if (source.First >= 0) lines.Along.push_back(source);
+        if (source.First < 0 && lines.Along.empty()) ++lines.Begin;
     }
-    ForRows(target.Height, [&](int row) {
-        const PixelPoint at = view.PixelAt({0, (row + 0.5) / pixelRatio});
-        const Source rows = SourceOf(at.Y, image.Height, painted, level.Height);
-        const auto out = target.Pixels.subspan(static_cast<std::size_t>(row) * target.RowBytes,
-                                               static_cast<std::size_t>(target.Width));
-        std::fill(out.begin(), out.end(), GreyOutsideImage);
-        if (rows.First < 0 || columns.empty()) return;
-        std::uint8_t* to = out.data() + begin;
-        const std::uint8_t* upper = RowOf(level, rows.First);
-        if (!painted.Interpolated) {
-            for (const Source& column : columns) *to++ = upper[column.First];
-            return;
-        }
-        // First between the two rows, in one sweep, then between neighbours.
-        const std::uint8_t* lower = RowOf(level, rows.Second);
-        // A flipped image runs the other way.
-        const int left = std::min(columns.front().First, columns.back().First);
-        const int right = std::max(columns.front().First, columns.back().First);
-        const int last = std::min(right + 1, level.Width - 1);
-        std::vector<std::uint16_t> between(static_cast<std::size_t>(last - left + 1));
-        for (int x = left; x <= last; ++x) {
-            between[static_cast<std::size_t>(x - left)] =
-                static_cast<std::uint16_t>(upper[x] * (256 - rows.Weight) + lower[x] * rows.Weight);
-        }
-        const auto value = [&](int x) -> int {
-            return between[static_cast<std::size_t>(x - left)];
-        };
-        for (const Source& column : columns) {
-            *to++ = static_cast<std::uint8_t>((value(column.First) * (256 - column.Weight) +
-                                               value(column.Second) * column.Weight + 32768) >>
-                                              16);
-        }
-    });
+    for (int i = 0, size = turned ? target.Width : target.Height; i < size; ++i) {
+        const double place = (i + 0.5) / pixelRatio;
+        const PixelPoint at = view.PixelAt(turned ? ScreenPoint{place, 0} : ScreenPoint{0, place});
+        lines.Across.push_back(SourceOf(at.Y, image.Height, painted, level.Height));
+    }
+    if (!turned) return PaintLines(level, lines, painted.Interpolated, target);
+    const auto rowBytes = static_cast<std::size_t>(target.Height);
+    std::vector<std::uint8_t> pixels(rowBytes * static_cast<std::size_t>(target.Width));
+    PaintLines(level, lines, painted.Interpolated, {pixels, target.Height, target.Width, rowBytes});
+    Transpose(pixels, target);
 }
 
 }  // namespace vestrel

@@ -2,13 +2,45 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace vestrel {
 
-void ViewGeometry::SetImage(std::int32_t width, std::int32_t height, bool firstRowAtTop) {
+namespace {
+
+/// Where columns and rows lead on the screen, as EXIF counts the ways (CIPA DC-008, tag 0x0112).
+struct Ways {
+    ScreenPoint Columns;
+    ScreenPoint Rows;
+};
+constexpr Ways ways[] = {
+    {{1, 0}, {0, 1}}, {{-1, 0}, {0, 1}}, {{-1, 0}, {0, -1}}, {{1, 0}, {0, -1}},
+    {{0, 1}, {1, 0}}, {{0, 1}, {-1, 0}}, {{0, -1}, {-1, 0}}, {{0, -1}, {1, 0}},
+};
+
+const Ways& WaysOf(int orientation) {
+    return ways[orientation < 1 || orientation > 8 ? 0 : orientation - 1];
+}
+
+}  // namespace
+
+ShownSize ShownSizeOf(const PlateImage& image) {
+    const bool turned = WaysOf(image.Orientation).Columns.X == 0;
+    return turned ? ShownSize{image.Height, image.Width} : ShownSize{image.Width, image.Height};
+}
+
+void ViewGeometry::SetImage(const PlateImage& image) {
+    SetImage(image.Width, image.Height, FirstRowAtTop(image), image.Orientation);
+}
+
+void ViewGeometry::SetImage(std::int32_t width, std::int32_t height, bool firstRowAtTop,
+                            int orientation) {
     width_ = width;
     height_ = height;
-    firstRowAtTop_ = firstRowAtTop;
+    const Ways& shown = WaysOf(orientation);
+    along_[0] = shown.Columns;
+    along_[1] = shown.Rows;
+    if (!firstRowAtTop) along_[1] = {-along_[1].X, -along_[1].Y};
     Fit();
 }
 
@@ -20,6 +52,7 @@ void ViewGeometry::SetWindow(double width, double height) {
 
 double ViewGeometry::FittingScale() const {
     if (width_ < 1 || height_ < 1) return 1;
+    if (Turned()) return std::min(windowWidth_ / height_, windowHeight_ / width_);
     return std::min(windowWidth_ / width_, windowHeight_ / height_);
 }
 
@@ -59,13 +92,19 @@ void ViewGeometry::SetCentre(const PixelPoint& centre) {
 }
 
 ScreenPoint ViewGeometry::DirectionOnScreen(const PixelPoint& direction) const {
-    return {flippedLeftRight_ ? -direction.X : direction.X,
-            firstRowAtTop_ != flippedUpDown_ ? direction.Y : -direction.Y};
+    const double x = along_[0].X * direction.X + along_[1].X * direction.Y;
+    const double y = along_[0].Y * direction.X + along_[1].Y * direction.Y;
+    return {flippedLeftRight_ ? -x : x, flippedUpDown_ ? -y : y};
+}
+
+PixelPoint ViewGeometry::DirectionOnGrid(const ScreenPoint& direction) const {
+    const double x = flippedLeftRight_ ? -direction.X : direction.X;
+    const double y = flippedUpDown_ ? -direction.Y : direction.Y;
+    return {along_[0].X * x + along_[0].Y * y, along_[1].X * x + along_[1].Y * y};
 }
 
 PixelPoint ViewGeometry::PixelAt(const ScreenPoint& point) const {
-    // The directions are their own inverse.
-    const ScreenPoint way = DirectionOnScreen(
+    const PixelPoint way = DirectionOnGrid(
         {(point.X - windowWidth_ / 2) / scale_, (point.Y - windowHeight_ / 2) / scale_});
     return {centre_.X + way.X, centre_.Y + way.Y};
 }
@@ -81,8 +120,9 @@ bool ViewGeometry::OnImage(const PixelPoint& pixel) const {
 }
 
 PixelRectangle ViewGeometry::Visible() const {
-    const double halfWidth = windowWidth_ / 2 / scale_;
-    const double halfHeight = windowHeight_ / 2 / scale_;
+    double halfWidth = windowWidth_ / 2 / scale_;
+    double halfHeight = windowHeight_ / 2 / scale_;
+    if (Turned()) std::swap(halfWidth, halfHeight);
     const double left = std::max(centre_.X - halfWidth, -0.5);
     const double first = std::max(centre_.Y - halfHeight, -0.5);
     const double right = std::min(centre_.X + halfWidth, width_ - 0.5);

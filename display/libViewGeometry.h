@@ -1,12 +1,14 @@
 // Which part of an image a window shows: between pixels of the image and points of the window.
 //
-// The image is shown upright, as docs/CONVENTIONS.md says, unless it is flipped for display. A
-// pixel is the square of half a pixel around its whole coordinates.
+// The image is shown upright, as docs/CONVENTIONS.md says, turned as its camera wants it, unless it
+// is flipped for display. Pixels stay those of the stored image. A pixel is the square of half a
+// pixel around its whole coordinates.
 #pragma once
 
 #include <cstdint>
 
 #include "display/libSkyOverlay.h"
+#include "image/libImage.h"
 
 namespace vestrel {
 
@@ -25,10 +27,19 @@ struct PixelRectangle {
     double Height = 0;
 };
 
+/// Columns and rows of an image as it is shown.
+struct ShownSize {
+    std::int32_t Width = 0;
+    std::int32_t Height = 0;
+};
+ShownSize ShownSizeOf(const PlateImage& image);
+
 class ViewGeometry {
  public:
-    /// Another image: it is shown whole.
-    void SetImage(std::int32_t width, std::int32_t height, bool firstRowAtTop);
+    /// Another image: it is shown whole, and turned as its camera wants it.
+    void SetImage(const PlateImage& image);
+    /// @param orientation of an image whose first row is the top one, 1 to 8 as EXIF counts
+    void SetImage(std::int32_t width, std::int32_t height, bool firstRowAtTop, int orientation = 1);
     /// A fitted image stays fitted; else the middle and the scale stay.
     void SetWindow(double width, double height);
 
@@ -47,6 +58,8 @@ class ViewGeometry {
     /// Which ways round the upright image is shown.
     void Flip(bool leftRight, bool upDown);
 
+    /// Whether columns of the image are rows in the window.
+    bool Turned() const { return along_[0].X == 0; }
     double Scale() const { return scale_; }
     ScreenPoint Middle() const { return {windowWidth_ / 2, windowHeight_ / 2}; }
     PixelPoint PixelAt(const ScreenPoint& point) const;
@@ -59,13 +72,14 @@ class ViewGeometry {
 
  private:
     void SetCentre(const PixelPoint& centre);
+    PixelPoint DirectionOnGrid(const ScreenPoint& direction) const;
     double FittingScale() const;
 
     std::int32_t width_ = 0;
     std::int32_t height_ = 0;
     double windowWidth_ = 1;
     double windowHeight_ = 1;
-    bool firstRowAtTop_ = true;
+    ScreenPoint along_[2] = {{1, 0}, {0, 1}};  ///< where columns and rows lead, unless flipped
     bool flippedLeftRight_ = false;
     bool flippedUpDown_ = false;
     bool fitted_ = true;

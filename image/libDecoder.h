@@ -30,14 +30,9 @@ struct PictureShape {
     bool TopRowFirst = true;
 };
 
-/// Takes a picture. Every procedure throws `DecodeFault` when the picture cannot be taken.
-class PictureSink {
+/// Takes what a file says beside its pixels.
+class CardSink {
  public:
-    /// Has to come first. Refuses more pixels than there is room for.
-    virtual void Start(const PictureShape& shape) = 0;
-    /// Row y from 0 on: `Width` times `Channels` samples, in the machine's byte order.
-    virtual void Row(std::int64_t y, const void* samples) = 0;
-
     /// A header card of 80 characters as it stands in a FITS file.
     virtual void Card(std::string_view card) = 0;
     /// Cards of what other formats say, in the words that FITS headers have for it.
@@ -48,6 +43,21 @@ class PictureSink {
     virtual void Remark(std::string text) = 0;
     /// How the picture is to be turned for display: 1 to 8 as EXIF counts.
     virtual void Orientation(int value) = 0;
+
+ protected:
+    CardSink() = default;
+    CardSink(const CardSink&) = default;
+    CardSink& operator=(const CardSink&) = default;
+    ~CardSink() = default;
+};
+
+/// Takes a picture. Every procedure throws `DecodeFault` when the picture cannot be taken.
+class PictureSink : public CardSink {
+ public:
+    /// Has to come first. Refuses more pixels than there is room for.
+    virtual void Start(const PictureShape& shape) = 0;
+    /// Row y from 0 on: `Width` times `Channels` samples, in the machine's byte order.
+    virtual void Row(std::int64_t y, const void* samples) = 0;
 
  protected:
     PictureSink() = default;

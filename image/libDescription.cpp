@@ -27,7 +27,7 @@ bool IsCard(std::string_view line) {
     return IsKeyword(keyword);
 }
 
-void PassLine(std::string_view line, PictureSink& sink) {
+void PassLine(std::string_view line, CardSink& sink) {
     const std::size_t last = line.find_last_not_of(" \r\t");
     line = line.substr(0, last == std::string_view::npos ? 0 : last + 1);
     if (line.empty() || line == "END") return;
@@ -48,7 +48,7 @@ void PassLine(std::string_view line, PictureSink& sink) {
     }
 }
 
-bool PassJson(std::string_view text, PictureSink& sink) {
+bool PassJson(std::string_view text, CardSink& sink) {
     const auto json = nlohmann::json::parse(text, nullptr, false);
     if (!json.is_object()) return false;
     for (const auto& [name, value] : json.items()) {
@@ -61,7 +61,7 @@ bool PassJson(std::string_view text, PictureSink& sink) {
 
 }  // namespace
 
-void PassDescription(std::string_view text, PictureSink& sink) {
+void PassDescription(std::string_view text, CardSink& sink) {
     text = text.substr(0, std::min(longestDescription, text.find('\0')));
     // Nesting is bounded: the parser goes as deep as the text does.
     if (text.starts_with('{') && std::count(text.begin(), text.end(), '{') < 100 &&

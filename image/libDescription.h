@@ -9,6 +9,6 @@ namespace vestrel {
 
 /// Hands on what a description says: the cards of a FITS header kept as text, the members of a JSON
 /// object whose names could be keywords, else the lines as COMMENT cards.
-void PassDescription(std::string_view text, PictureSink& sink);
+void PassDescription(std::string_view text, CardSink& sink);
 
 }  // namespace vestrel

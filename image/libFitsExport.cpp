@@ -167,7 +167,7 @@ std::vector<std::string> LayoutCards(const PlateImage& image, const ExportedPixe
             FitsNumberCard("BZERO", pixels.BZero, "count of a stored 0")};
 }
 
-/// A FITS file's own cards as far as they still hold, with `layout` in front. Of a keyword that
+/// A file's own cards as far as they still hold, with `layout` in front. Of a keyword that
 /// stands in several cards the first one holds, by which most programs go; the others become
 /// comments.
 std::vector<std::string> KeptCards(const ImageHeader& header, int bitPix,
@@ -290,10 +290,11 @@ std::vector<unsigned char> FitsExportBytes(const PlateImage& image,
         image.ImageType == ImageType::Fits ? PixelsOfFits(image) : PixelsOfOthers(image);
 
     std::vector<std::string> cards = LayoutCards(image, pixels);
-    if (image.ImageType == ImageType::Fits || image.ImageType == ImageType::Decoded) {
+    if (image.ImageType == ImageType::Sbig) {
+        AppendSbigCards(cards, image.Header);
+    } else {
         cards = KeptCards(image.Header, pixels.BitPix, std::move(cards));
     }
-    if (image.ImageType == ImageType::Sbig) AppendSbigCards(cards, image.Header);
     // An image that was exported before has the comments among them already.
     std::erase_if(cards, [&coordinateCards](const std::string& card) {
         return std::find(coordinateCards.begin(), coordinateCards.end(), card) !=

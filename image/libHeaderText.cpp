@@ -6,10 +6,23 @@ namespace vestrel {
 
 std::vector<std::string> HeaderLines(const PlateImage& image) {
     const ImageHeader& header = image.Header;
-    // A picture says little: what there is stands in its cards.
-    if (image.ImageType == ImageType::None || header.CardCount == 0) return {};
+    std::vector<std::string> lines;
+    const auto appendCards = [&] {
+        for (const std::string& remark : image.Remarks) lines.push_back("  " + remark);
+        constexpr int shownCards = 299;
+        for (int i = 1; i <= header.CardCount && i <= shownCards; ++i) {
+            lines.push_back("  " + header.Cards[static_cast<std::size_t>(i)]);
+        }
+    };
+    if (image.ImageType == ImageType::None) return {};
+    if (image.ImageType == ImageType::Jpeg) {
+        // There are no fields to sum up, only what the camera says.
+        appendCards();
+        return lines;
+    }
+    if (header.CardCount == 0) return {};
     constexpr std::size_t ruleLength = 75;
-    std::vector<std::string> lines = {
+    lines = {
         "  Image Size = " + std::to_string(header.NAxis1) + " X " + std::to_string(header.NAxis2),
         "  Image Size = " + RoundedText(header.ImageSizeX, 3) + "'  X  " +
             RoundedText(header.ImageSizeY, 3) + "'",
@@ -29,11 +42,7 @@ std::vector<std::string> HeaderLines(const PlateImage& image) {
         std::string(ruleLength, '-'),
         "  Complete Header Follows:",
         " "};
-    for (const std::string& remark : image.Remarks) lines.push_back("  " + remark);
-    constexpr int shownCards = 299;
-    for (int i = 1; i <= header.CardCount && i <= shownCards; ++i) {
-        lines.push_back("  " + header.Cards[static_cast<std::size_t>(i)]);
-    }
+    appendCards();
     return lines;
 }
 

@@ -9,7 +9,7 @@
 namespace vestrel {
 
 /// A summary of the header, a rule, then the header's own lines, of which those beyond the 299th
-/// are left out. A picture has no header: no lines.
+/// are left out. A JPEG picture has only the lines that its camera wrote, often none.
 std::vector<std::string> HeaderLines(const PlateImage& image);
 
 }  // namespace vestrel

@@ -4,13 +4,19 @@
 // jerror.h needs jpeglib.h before it.
 #include <jerror.h>
 
+#include <algorithm>
+#include <cmath>
 #include <csetjmp>
 #include <limits>
 #include <memory>
 #include <new>
+#include <span>
+#include <string_view>
 #include <vector>
 
 #include "astro/libStrings.h"
+#include "image/libExif.h"
+#include "image/libFitsCards.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 
@@ -40,6 +46,57 @@ void OnMessage(j_common_ptr info, int level) {
         ManagerOf(info).CutShort = true;
     }
 }
+
+constexpr int exifMarker = JPEG_APP0 + 1;
+
+/// The camera's own block among the markers that were kept.
+std::span<const JOCTET> ExifBlock(const jpeg_decompress_struct& info) {
+    constexpr std::string_view sign("Exif\0\0", 6);
+    for (auto* marker = info.marker_list; marker != nullptr; marker = marker->next) {
+        const std::span<const JOCTET> data(marker->data, marker->data_length);
+        if (marker->marker == exifMarker && data.size() > sign.size() &&
+            std::equal(sign.begin(), sign.end(), data.begin())) {
+            return data.subspan(sign.size());
+        }
+    }
+    return {};
+}
+
+/// Keeps what a camera says as cards. The header's fields stay empty: files that are saved from a
+/// picture have never had more than its pixels.
+class CardKeeper final : public CardSink {  // NOLINT(*-virtual-class-destructor): final
+ public:
+    explicit CardKeeper(PlateImage& image) : image_(image) {}
+
+    void Card(std::string_view card) override {
+        ImageHeader& header = image_.Header;
+        if (header.CardCount + 2 >= ImageHeader::MaxCards) return;  // END needs room too
+        header.Cards[static_cast<std::size_t>(++header.CardCount)] = card;
+    }
+    void TextCard(std::string_view keyword, std::string_view text,
+                  std::string_view comment) override {
+        Card(FitsTextCard(keyword, text, comment));
+    }
+    void NumberCard(std::string_view keyword, double value, std::string_view comment) override {
+        if (std::isfinite(value)) Card(FitsNumberCard(keyword, value, comment));
+    }
+    void Remark(std::string text) override { image_.Remarks.push_back(std::move(text)); }
+    void Orientation(int value) override {
+        image_.Orientation = value;
+        if (std::string remark = OrientationRemark(value); !remark.empty()) {
+            Remark(std::move(remark));
+        }
+    }
+    void Finish() {
+        ImageHeader& header = image_.Header;
+        if (header.CardCount == 0) return;
+        header.Cards[static_cast<std::size_t>(++header.CardCount)] =
+            std::string("END").append(FitsCardLength - 3, ' ');
+    }
+
+ private:
+    PlateImage& image_;
+};
 
 void OnOutput(j_common_ptr /*info*/) {}
 
@@ -81,11 +138,14 @@ void AddColours(const JSAMPLE* row, std::int32_t* grey, std::int32_t width) {
 /// Decodes into `image`. Objects with destructors live in the caller: an error jumps over them.
 bool Decode(jpeg_decompress_struct& info, ErrorManager& errors, std::FILE* file,
             std::uint64_t fileLength, PlateImage& image, std::vector<JSAMPLE>& row,
-            const Progress& progress) {
+            std::vector<JOCTET>& exif, const Progress& progress) {
     if (setjmp(errors.Escape) != 0) return false;
     jpeg_create_decompress(&info);
     jpeg_stdio_src(&info, file);
+    jpeg_save_markers(&info, exifMarker, 0xFFFF);
     jpeg_read_header(&info, TRUE);
+    const std::span<const JOCTET> block = ExifBlock(info);
+    exif.assign(block.begin(), block.end());
     const bool inks = info.jpeg_color_space == JCS_CMYK || info.jpeg_color_space == JCS_YCCK;
     const bool invertedInks = info.saw_Adobe_marker != 0;
     info.out_color_space = inks ? JCS_CMYK : wantedColours;
@@ -135,16 +195,22 @@ bool ReadPictureFile(const std::filesystem::path& path, PlateImage& image, const
     errors.Base.emit_message = OnMessage;
     errors.Base.output_message = OnOutput;
     std::vector<JSAMPLE> row;
+    std::vector<JOCTET> exif;
     bool good = false;
     try {
         good = Decode(info, errors, file.get(), static_cast<std::uint64_t>(length), image, row,
-                      progress);
+                      exif, progress);
     } catch (const std::bad_alloc&) {
         good = false;
     }
     jpeg_destroy_decompress(&info);
     if (!good) return false;
 
+    image.Orientation = 1;
+    image.Remarks.clear();
+    CardKeeper keeper(image);
+    PassCameraFacts(ReadExif(exif), std::max(image.Width, image.Height), keeper);
+    keeper.Finish();
     if (progress) progress(0, image.Height);
     image.ImageType = ImageType::Jpeg;
     image.FileName = TextFromPath(path);

@@ -1,7 +1,6 @@
 #include "image/libPictureBuilder.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -10,6 +9,7 @@
 
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "image/libExif.h"
 #include "image/libFITS.h"
 #include "image/libFitsCards.h"
 
@@ -268,18 +268,7 @@ void PictureBuilder::Remark(std::string text) {
 void PictureBuilder::Orientation(int value) {
     if (value < 1 || value > 8) return;
     image_.Orientation = value;
-    // As EXIF counts them.
-    constexpr std::array ways{"",
-                              "mirrored left to right",
-                              "turned by half",
-                              "mirrored upside down",
-                              "mirrored left to right and turned left by a quarter",
-                              "turned right by a quarter",
-                              "mirrored left to right and turned right by a quarter",
-                              "turned left by a quarter"};
-    if (value == 1) return;
-    Remark(std::string("The camera wants it shown ") + ways[static_cast<std::size_t>(value) - 1] +
-           "; it is shown, and its pixels are counted, as they are stored.");
+    if (std::string remark = OrientationRemark(value); !remark.empty()) Remark(std::move(remark));
 }
 
 void PictureBuilder::Finish() {

@@ -1,6 +1,7 @@
 // PNG pictures, by libpng: grey, colour and palettes, 16 bits kept.
 #include <png.h>
 
+#include <algorithm>
 #include <bit>
 #include <csetjmp>
 #include <cstring>
@@ -8,6 +9,7 @@
 
 #include "image/libDecoder.h"
 #include "image/libDescription.h"
+#include "image/libExif.h"
 
 namespace vestrel {
 
@@ -113,6 +115,11 @@ void DecodePng(std::span<const unsigned char> file, PictureSink& sink) {
         } else {
             PassDescription(std::string(key) + " = " + texts[i].text, sink);
         }
+    }
+    png_uint_32 exifLength = 0;
+    png_bytep exif = nullptr;
+    if (png_get_eXIf_1(png, info, &exifLength, &exif) != 0 && exif != nullptr) {
+        PassCameraFacts(ReadExif({exif, exifLength}), std::max(width, height), sink);
     }
     if (!whole) sink.Remark("The end of the file is damaged.");
 }

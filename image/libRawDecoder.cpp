@@ -2,12 +2,12 @@
 // by two pixels become one, so that each has all colours of the mosaic in it.
 #include <libraw/libraw.h>
 
-#include <cmath>
+#include <algorithm>
 #include <ctime>
 #include <memory>
 #include <vector>
 
-#include "image/libDecoder.h"
+#include "image/libExif.h"
 
 namespace vestrel {
 
@@ -15,36 +15,13 @@ PictureDecoder DecodeRaw;
 
 namespace {
 
-void PassCards(const LibRaw& raw, PictureSink& sink) {
-    const libraw_data_t& data = raw.imgdata;
-    const std::string camera = std::string(data.idata.make) + " " + data.idata.model;
-    if (camera.size() > 1) sink.TextCard("INSTRUME", camera, {});
-    if (data.other.shutter > 0) {
-        sink.NumberCard("EXPTIME", static_cast<double>(data.other.shutter), "[s] exposure");
-    }
-    if (data.other.focal_len > 0) {
-        sink.NumberCard("FOCALLEN", static_cast<double>(data.other.focal_len), "[mm] focal length");
-    }
-    if (data.lens.FocalLengthIn35mmFormat > 0) {
-        sink.NumberCard("FOCLEN35", data.lens.FocalLengthIn35mmFormat,
-                        "[mm] focal length of an equal 35 mm camera");
-    }
-    if (data.other.iso_speed > 0) {
-        sink.NumberCard("ISOSPEED", static_cast<double>(data.other.iso_speed), {});
-    }
-    if (data.other.timestamp > 0) {
-        std::tm time{};
-        char text[32] = {};
-        const std::time_t seconds = data.other.timestamp;
-#ifdef _WIN32
-        if (gmtime_s(&time, &seconds) == 0 &&
-#else
-        if (gmtime_r(&seconds, &time) != nullptr &&
-#endif
-            std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &time) > 0) {
-            sink.TextCard("DATE-OBS", text, "by the camera's clock");
-        }
-    }
+/// "2024:05:03 21:04:05", as EXIF writes it; empty when the camera has no clock.
+std::string TimeText(std::time_t seconds) {
+    std::tm time{};
+    char text[32] = {};
+    if (seconds <= 0 || gmtime_r(&seconds, &time) == nullptr) return {};
+    std::strftime(text, sizeof text, "%Y:%m:%d %H:%M:%S", &time);
+    return text;
 }
 
 /// The turn for display, as EXIF counts.
@@ -59,6 +36,29 @@ int OrientationOf(int flip) {
         default:
             return 1;
     }
+}
+
+/// What the decoder knows goes before what the file's first directory says, which not all have.
+CameraFacts FactsOf(const LibRaw& raw, std::span<const unsigned char> file) {
+    CameraFacts facts = ReadExif(file);
+    const libraw_data_t& data = raw.imgdata;
+    const auto take = [](double& fact, double value) {
+        if (value > 0) fact = value;
+    };
+    facts.Make = data.idata.make;
+    facts.Model = data.idata.model;
+    take(facts.ExposureTime, static_cast<double>(data.other.shutter));
+    take(facts.FocalLength, static_cast<double>(data.other.focal_len));
+    take(facts.FocalLength35, data.lens.FocalLengthIn35mmFormat);
+    take(facts.FNumber, static_cast<double>(data.other.aperture));
+    take(facts.IsoSpeed, static_cast<double>(data.other.iso_speed));
+    if (const std::string taken = TimeText(data.other.timestamp); !taken.empty()) {
+        facts.Taken = taken;
+    }
+    // The sensor's resolution is that of its own pixels, two of which become one.
+    facts.LongSide = std::max(data.sizes.width, data.sizes.height);
+    facts.Orientation = OrientationOf(data.sizes.flip);
+    return facts;
 }
 
 }  // namespace
@@ -101,8 +101,7 @@ void DecodeRaw(std::span<const unsigned char> file, PictureSink& sink) {
         }
         sink.Row(static_cast<std::int64_t>(y), row.data());
     }
-    PassCards(*raw, sink);
-    sink.Orientation(OrientationOf(sizes.flip));
+    PassCameraFacts(FactsOf(*raw, file), static_cast<std::int64_t>(std::max(width, height)), sink);
     sink.Remark("Two by two pixels of the sensor became one: the scale is twice the sensor's.");
 }
 

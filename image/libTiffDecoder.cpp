@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "image/libDecoder.h"
-#include "image/libDescription.h"
+#include "image/libExif.h"
 
 namespace vestrel {
 
@@ -293,26 +293,6 @@ void PassText(TIFF* tiff, std::uint32_t tag, const char* keyword, PictureSink& s
     }
 }
 
-/// What the camera wrote into the file.
-void PassExif(TIFF* tiff, PictureSink& sink) {
-    toff_t offset = 0;
-    if (TIFFGetField(tiff, TIFFTAG_EXIFIFD, &offset) == 0 ||
-        TIFFReadEXIFDirectory(tiff, offset) == 0) {
-        return;
-    }
-    float number = 0;
-    if (TIFFGetField(tiff, EXIFTAG_EXPOSURETIME, &number) != 0) {
-        sink.NumberCard("EXPTIME", static_cast<double>(number), "[s] exposure");
-    }
-    if (TIFFGetField(tiff, EXIFTAG_FOCALLENGTH, &number) != 0 && number > 0) {
-        sink.NumberCard("FOCALLEN", static_cast<double>(number), "[mm] focal length");
-    }
-    std::uint16_t whole = 0;
-    if (TIFFGetField(tiff, EXIFTAG_FOCALLENGTHIN35MMFILM, &whole) != 0 && whole > 0) {
-        sink.NumberCard("FOCLEN35", whole, "[mm] focal length of an equal 35 mm camera");
-    }
-}
-
 }  // namespace
 
 void DecodeTiff(std::span<const unsigned char> file, PictureSink& sink) {
@@ -328,16 +308,16 @@ void DecodeTiff(std::span<const unsigned char> file, PictureSink& sink) {
     source.Error.clear();
     PassPixels(tiff, layout, source, sink);
 
-    std::uint16_t orientation = 1;
-    if (TIFFGetField(tiff, TIFFTAG_ORIENTATION, &orientation) != 0) sink.Orientation(orientation);
+    // What cameras say stands in tags of the file's first directory and of one behind it.
+    CameraFacts facts = ReadExif(file);
     const char* description = nullptr;
-    if (TIFFGetField(tiff, TIFFTAG_IMAGEDESCRIPTION, &description) != 0 && description != nullptr) {
-        PassDescription(description, sink);
+    if (facts.Description.empty() && TIFFGetField(tiff, TIFFTAG_IMAGEDESCRIPTION, &description) &&
+        description != nullptr) {
+        facts.Description = description;
     }
+    PassCameraFacts(facts, std::max(layout.Width, layout.Height), sink);
     PassText(tiff, TIFFTAG_DATETIME, "DATE", sink);
-    PassText(tiff, TIFFTAG_MODEL, "INSTRUME", sink);
     PassText(tiff, TIFFTAG_SOFTWARE, "SWCREATE", sink);
-    PassExif(tiff, sink);
 }
 
 }  // namespace vestrel

@@ -172,6 +172,38 @@ TEST_F(ViewerWindows, TheWheelZoomsAboutThePointerAndDraggingMovesTheImage) {
               shown);
 }
 
+TEST_F(ViewerWindows, ATurnedPictureIsShownAndExportedTurnedAndReadAsItIsStored) {
+    QImage picture(60, 40, QImage::Format_Grayscale8);
+    picture.fill(20);
+    for (int y = 8; y < 24; ++y) {
+        for (int x = 40; x < 56; ++x) picture.setPixelColor(x, y, Qt::white);
+    }
+    const auto path = Folder / "turned.jpg";
+    ASSERT_TRUE(picture.save(QtText(path.string()), "JPG", 100));
+    ExifMaker exif;
+    exif.Orientation = 6;  // the top of the stored picture belongs to the right
+    WriteFile(path, WithExif(ReadFile(path), exif.Block()));
+    Frame = path.string();
+    OpenAll();
+    const PixelPoint bright{47, 15};
+    EXPECT_GT(qRed(ColourAt(bright)), 250);
+    EXPECT_LT(qRed(ColourAt({bright.Y, bright.X})), 250);
+    EXPECT_GT(OnScreen({0, 0}).x(), OnScreen({0, 39}).x());
+    EXPECT_LT(OnScreen({0, 0}).y(), OnScreen({59, 0}).y());
+    Hover(OnScreen(bright));
+    EXPECT_EQ(Told("lblPixel").substr(0, 4), "x 47");
+    EXPECT_GT(std::stoi(Told("lblCount")), 750);
+    Action("mnuFlipLeftRight")->toggle();
+    EXPECT_LT(OnScreen({0, 0}).x(), OnScreen({0, 39}).x());
+    Action("mnuFlipLeftRight")->toggle();
+
+    Dialogs.FileToChoose = QtText((Folder / "whole").string());
+    Action("mnuExportPicture")->trigger();
+    const QImage exported(QtText((Folder / "whole.png").string()));
+    ASSERT_EQ(exported.size(), QSize(40, 60));
+    EXPECT_GT(qRed(exported.pixel(39 - 15, 47)), 250);
+}
+
 TEST_F(ViewerWindows, LevelsAreCountsAndChangeWhatIsShown) {
     OpenAll();
     Choose("Levels");

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <sstream>
 // jpeglib.h needs the two before it.
 #include <jpeglib.h>
@@ -12,9 +13,13 @@
 #include <tiffio.h>
 #endif
 
+#include "astro/libStrings.h"
 #include "image/libFITS.h"
+#include "image/libFitsCards.h"
 #include "image/libFitsWriter.h"
 #include "image/libFormats.h"
+#include "image/libHeaderText.h"
+#include "image/libHints.h"
 #include "image/libPicture.h"
 #include "image/libPictureBuilder.h"
 #include "platform/libPlatform.h"
@@ -366,6 +371,59 @@ TEST(Pictures, GreyIsTheSumOfTheColoursAndRowZeroIsTheTop) {
     reader.Read(Jpeg(8, 8, JCS_CMYK, 4, std::vector<unsigned char>(256, 77)), "print.jpg");
     ASSERT_TRUE(reader.Good);
     EXPECT_EQ(reader.Image.Pixels(4, 4), 3 * 23);  // 77 of 255 light through each colour and black
+}
+
+TEST(Pictures, TheCameraSaysHowItWasTakenAndOnlyCardsKnow) {
+    Reader reader;
+    const std::string plain = Jpeg(16, 8, JCS_GRAYSCALE, 1, std::vector<unsigned char>(128, 77));
+    for (const bool bigEndian : {false, true}) {
+        ExifMaker exif;
+        exif.BigEndian = bigEndian;
+        exif.Orientation = 6;
+        exif.FocalLength35 = 75;
+        exif.PixelsPerCentimetre = 2500;  // pixels of 4 micrometres
+        exif.Columns = 32;                // and now half as many
+        reader.Read(WithExif(plain, exif.Block()), "taken.jpg");
+        ASSERT_TRUE(reader.Good);
+        EXPECT_EQ(reader.Image.Width, 16) << "stored pixels stay";
+        EXPECT_EQ(reader.Image.Orientation, 6);
+        ASSERT_EQ(reader.Image.Remarks.size(), 1U);
+        EXPECT_NE(reader.Image.Remarks[0].find("turned right by a quarter"), std::string::npos);
+        std::map<std::string, std::string> said;
+        const ImageHeader& header = reader.Image.Header;
+        for (std::size_t i = 1; i <= static_cast<std::size_t>(header.CardCount); ++i) {
+            EXPECT_EQ(header.Cards[i].size(), 80U);
+            said[std::string(KeywordOfCard(header.Cards[i]))] = ValueOfCard(header.Cards[i]);
+        }
+        EXPECT_EQ(said["INSTRUME"], "'Maker Model 5'");
+        EXPECT_EQ(said["DATE-OBS"], "'2024-05-03T21:04:05'");
+        EXPECT_EQ(ParseNumber(said["EXPTIME"]), 2.5);
+        EXPECT_EQ(ParseNumber(said["FOCALLEN"]), 50);
+        EXPECT_EQ(ParseNumber(said["FOCLEN35"]), 75);
+        EXPECT_EQ(ParseNumber(said["XPIXSZ"]), 8);
+        EXPECT_EQ(said.count("END"), 1U);
+        EXPECT_EQ(HeaderLines(reader.Image).size(),
+                  1U + static_cast<std::size_t>(header.CardCount));
+        // What is saved from a picture has never had more than its pixels.
+        EXPECT_EQ(header.ExposureTime, 0);
+        EXPECT_EQ(header.Instrument, "0");
+        const std::vector<ScaleHint> scales = HintsOf(reader.Image).Scales;
+        ASSERT_EQ(scales.size(), 2U);
+        EXPECT_NEAR(scales[0].ArcsecondsPerPixel, 206264.806 * 0.008 / 50, 1e-6);
+        EXPECT_NEAR(scales[1].ArcsecondsPerPixel,
+                    206264.806 * std::hypot(36, 24) / 75 / std::hypot(16, 8), 1e-3);
+    }
+    reader.Read(plain, "plain.jpg");
+    EXPECT_EQ(reader.Image.Orientation, 1);
+    EXPECT_TRUE(reader.Image.Remarks.empty() && HeaderLines(reader.Image).empty());
+
+    // A damaged block costs what it says, never the picture.
+    const std::string block = ExifMaker().Block();
+    for (std::uint32_t seed = 1; seed <= 500; ++seed) {
+        reader.Read(WithExif(plain, Damaged(block, seed)), "damaged.jpg");
+        ASSERT_TRUE(reader.Good) << seed;
+        ASSERT_TRUE(reader.Image.Orientation >= 1 && reader.Image.Orientation <= 8) << seed;
+    }
 }
 
 TEST(Pictures, CutShortOrForgedFail) {

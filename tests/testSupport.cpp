@@ -1,5 +1,6 @@
 #include "tests/testSupport.h"
 
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cmath>
@@ -80,6 +81,70 @@ std::string FitsPixels(int bitPix, std::span<const double> values) {
         }
     }
     return bytes;
+}
+
+std::string ExifMaker::Block() const {
+    const auto number = [this](std::uint64_t value, int length) {
+        std::string bytes;
+        for (int i = 0; i < length; ++i) bytes += static_cast<char>(value >> (8 * i));
+        if (BigEndian) std::reverse(bytes.begin(), bytes.end());
+        return bytes;
+    };
+    struct Entry {
+        int Tag;
+        int Type;
+        std::size_t Count;
+        std::string Value;
+    };
+    const auto text = [](int tag, std::string value) {
+        value += '\0';
+        return Entry{tag, 2, value.size(), value};
+    };
+    const auto whole = [&](int tag, int value) { return Entry{tag, 3, 1, number(value, 2)}; };
+    const auto ratio = [&](int tag, double value) {
+        return Entry{tag, 5, 1, number(std::llround(value * 1000), 4) + number(1000, 4)};
+    };
+    // A directory and behind it the values that have more than four bytes.
+    const auto directory = [&](const std::vector<Entry>& entries, std::size_t start) {
+        std::string heads = number(entries.size(), 2);
+        std::string values;
+        for (const Entry& entry : entries) {
+            heads += number(entry.Tag, 2) + number(entry.Type, 2) + number(entry.Count, 4);
+            std::string value = entry.Value;
+            if (value.size() > 4) {
+                const std::size_t behind = start + 2 + 12 * entries.size() + 4 + values.size();
+                values += value;
+                value = number(behind, 4);
+            }
+            value.resize(4, '\0');
+            heads += value;
+        }
+        return heads + number(0, 4) + values;
+    };
+    std::vector<Entry> exif = {ratio(0x829A, ExposureTime), whole(0x8827, 1600),
+                               text(0x9003, "2024:05:03 21:04:05"), ratio(0x920A, FocalLength)};
+    if (Columns > 0) exif.push_back(whole(0xA002, Columns));
+    if (PixelsPerCentimetre > 0) {
+        exif.push_back(ratio(0xA20E, PixelsPerCentimetre));
+        exif.push_back(whole(0xA210, 3));
+    }
+    if (FocalLength35 > 0) exif.push_back(whole(0xA405, FocalLength35));
+    const auto main = [&](std::size_t exifAt) {
+        return directory({text(0x010F, Make), text(0x0110, Model), whole(0x0112, Orientation),
+                          Entry{0x8769, 4, 1, number(exifAt, 4)}},
+                         8);
+    };
+    const std::size_t exifAt = 8 + main(0).size();
+    return (BigEndian ? "MM" : "II") + number(42, 2) + number(8, 4) + main(exifAt) +
+           directory(exif, exifAt);
+}
+
+std::string WithExif(const std::string& jpeg, const std::string& block) {
+    const std::size_t length = 2 + 6 + block.size();
+    std::string marker("\xFF\xE1", 2);
+    marker += static_cast<char>(length >> 8);
+    marker += static_cast<char>(length);
+    return jpeg.substr(0, 2) + marker + std::string("Exif\0\0", 6) + block + jpeg.substr(2);
 }
 
 void SetVariable(const char* name, const fs::path& value) {

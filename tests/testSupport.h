@@ -45,6 +45,22 @@ std::vector<std::string> FitsCards(int bitPix, int width, int height,
 /// Pixels as big-endian bytes: 8-bit unsigned, 16-bit signed or 32-bit floating-point.
 std::string FitsPixels(int bitPix, std::span<const double> values);
 
+/// An EXIF block of a camera that says all that cameras say of an exposure.
+struct ExifMaker {
+    bool BigEndian = false;
+    int Orientation = 1;
+    std::string Make = "Maker";
+    std::string Model = "Model 5";
+    double ExposureTime = 2.5;       ///< seconds
+    double FocalLength = 50;         ///< millimetres
+    int FocalLength35 = 0;           ///< millimetres; 0: not said
+    double PixelsPerCentimetre = 0;  ///< of the sensor; 0: not said
+    int Columns = 0;                 ///< of the picture as it was taken
+    std::string Block() const;
+};
+/// A JPEG file with such a block in it.
+std::string WithExif(const std::string& jpeg, const std::string& block);
+
 /// Sets an environment variable of this process, or removes it.
 void SetVariable(const char* name, const std::filesystem::path& value);
 void UnsetVariable(const char* name);

@@ -55,10 +55,16 @@ TEST(View, PixelsAndWindowAgreeBothWaysAndZoomKeepsWhatIsUnderThePointer) {
         const int width = random.Whole(1, 5000);
         const int height = random.Whole(1, 5000);
         view.SetWindow(random.Between(200, 1500), random.Between(150, 900));
-        view.SetImage(width, height, random.Whole(0, 1) == 1);
+        view.SetImage(width, height, random.Whole(0, 1) == 1, random.Whole(1, 8));
         view.Flip(random.Whole(0, 1) == 1, random.Whole(0, 1) == 1);
         EXPECT_TRUE(view.Fitted());
         const PixelRectangle whole = view.Visible();
+        const PixelPoint there = {random.Between(-9, 9), random.Between(-9, 9)};
+        const ScreenPoint start = view.ScreenOf({5, 6});
+        const ScreenPoint end = view.ScreenOf({5 + there.X, 6 + there.Y});
+        const ScreenPoint direction = view.DirectionOnScreen(there);
+        EXPECT_NEAR(end.X - start.X, direction.X * view.Scale(), 1e-6);
+        EXPECT_NEAR(end.Y - start.Y, direction.Y * view.Scale(), 1e-6);
         EXPECT_NEAR(whole.Width, width, 1e-6);
         EXPECT_NEAR(whole.Height, height, 1e-6);
 
@@ -120,6 +126,63 @@ TEST(Picture, StandsUprightAndFlipsOnlyForDisplay) {
     }
 }
 
+// Each way is said in operations on a matrix, by which other programs turn pictures.
+TEST(Picture, IsTurnedAsTheCameraWantsIt) {
+    using Matrix = std::vector<std::vector<int>>;
+    const auto transposed = [](const Matrix& from) {
+        Matrix to(from[0].size(), std::vector<int>(from.size()));
+        for (std::size_t y = 0; y < from.size(); ++y) {
+            for (std::size_t x = 0; x < from[0].size(); ++x) to[x][y] = from[y][x];
+        }
+        return to;
+    };
+    const auto upsideDown = [](Matrix matrix) {
+        std::reverse(matrix.begin(), matrix.end());
+        return matrix;
+    };
+    const auto leftRight = [](Matrix matrix) {
+        for (auto& row : matrix) std::reverse(row.begin(), row.end());
+        return matrix;
+    };
+    PlateImage image = ImageOf(6, 4, ImageType::Jpeg, 0);
+    Matrix stored(4, std::vector<int>(6));
+    for (int y = 0; y < 4; ++y) {
+        for (int x = 0; x < 6; ++x) {
+            image.Pixels(x, y) = stored[static_cast<std::size_t>(y)][static_cast<std::size_t>(x)] =
+                10 * y + x + 100;
+        }
+    }
+    PicturePyramid pyramid;
+    pyramid.Build(image, plainGrey);
+    const Matrix wanted[] = {stored,
+                             leftRight(stored),
+                             upsideDown(leftRight(stored)),
+                             upsideDown(stored),
+                             transposed(stored),
+                             leftRight(transposed(stored)),
+                             upsideDown(leftRight(transposed(stored))),
+                             upsideDown(transposed(stored))};
+    for (int orientation = 1; orientation <= 8; ++orientation) {
+        image.Orientation = orientation;
+        const ShownSize size = ShownSizeOf(image);
+        ViewGeometry view;
+        view.SetWindow(size.Width, size.Height);
+        view.SetImage(image);
+        EXPECT_EQ(view.Scale(), 1);
+        const Painted painted = Paint(pyramid, view, size.Width, size.Height);
+        const Matrix& shown = wanted[orientation - 1];
+        ASSERT_EQ(shown.size(), static_cast<std::size_t>(size.Height));
+        for (int y = 0; y < size.Height; ++y) {
+            for (int x = 0; x < size.Width; ++x) {
+                const int value = shown[static_cast<std::size_t>(y)][static_cast<std::size_t>(x)];
+                EXPECT_EQ(painted(x, y), value) << orientation << ": " << x << ", " << y;
+                const PixelPoint pixel = view.PixelAt({x + 0.5, y + 0.5});
+                EXPECT_EQ(10 * pixel.Y + pixel.X + 100, value) << orientation;
+            }
+        }
+    }
+}
+
 TEST(Picture, ShowsWhatThePlainMeanOfTheImageGivesAtEveryScale) {
     Random random(5);
     PlateImage image = ImageOf(301, 203, ImageType::Jpeg, 0);
@@ -134,7 +197,7 @@ TEST(Picture, ShowsWhatThePlainMeanOfTheImageGivesAtEveryScale) {
     for (const double scale : {0.04, 0.11, 0.25, 0.3, 0.49, 0.5, 0.75, 1.0, 1.7, 3.0}) {
         ViewGeometry view;
         view.SetWindow(120, 90);
-        view.SetImage(image.Width, image.Height, true);
+        view.SetImage(image.Width, image.Height, true, random.Whole(1, 8));
         view.ZoomTo(scale, {70, 20});
         for (const int ratio : {1, 2}) {
             const Painted painted = Paint(pyramid, view, 120 * ratio, 90 * ratio, ratio);
