@@ -197,12 +197,14 @@ void AddStar(Case& list, double x, double y) {
     list.Stars.Add({static_cast<float>(x), static_cast<float>(y), static_cast<float>(flux)});
 }
 
+void AddStarAnywhere(Case& list, Generator& random) {
+    AddStar(list, Uniform(random, 0, list.Width), Uniform(random, 0, list.Height));
+}
+
 Case RandomCase(Generator& random) {
     Case list = EmptyCase(random, 0.7, 20);
     const int count = static_cast<int>(Uniform(random, 12, 101));
-    for (int i = 0; i < count; ++i) {
-        AddStar(list, Uniform(random, 0, list.Width), Uniform(random, 0, list.Height));
-    }
+    for (int i = 0; i < count; ++i) AddStarAnywhere(list, random);
     return list;
 }
 
@@ -211,9 +213,7 @@ Case CoarseCase(Generator& random) {
     list.Width = 512;
     list.Height = static_cast<int>(list.Width * list.FieldHeight / list.FieldWidth);
     const int count = static_cast<int>(Uniform(random, 25, 31));
-    for (int i = 0; i < count; ++i) {
-        AddStar(list, Uniform(random, 0, list.Width), Uniform(random, 0, list.Height));
-    }
+    for (int i = 0; i < count; ++i) AddStarAnywhere(list, random);
     return list;
 }
 
@@ -229,7 +229,7 @@ Case ClumpedCase(Generator& random) {
     for (int i = 0; i < 100; ++i) {
         const auto& [x, y, spread] = places[static_cast<std::size_t>(i % clumps)];
         if (Uniform(random, 0, 1) < 0.2) {
-            AddStar(list, Uniform(random, 0, list.Width), Uniform(random, 0, list.Height));
+            AddStarAnywhere(list, random);
         } else {
             AddStar(list, x + spread * Normal(random), y + spread * Normal(random));
         }
@@ -250,7 +250,7 @@ Case LinedCase(Generator& random) {
         const auto& [x0, y0, x1, y1] = places[static_cast<std::size_t>(i % lines)];
         const double along = Uniform(random, 0, 1);
         if (Uniform(random, 0, 1) < 0.2) {
-            AddStar(list, Uniform(random, 0, list.Width), Uniform(random, 0, list.Height));
+            AddStarAnywhere(list, random);
         } else {
             AddStar(list, x0 + along * (x1 - x0) + Normal(random),
                     y0 + along * (y1 - y0) + Normal(random));

@@ -1,17 +1,15 @@
 #include "catalogtool/libFitsTable.h"
 
-#include <fitsio.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
-#include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
 
 #include "astro/libStrings.h"
+#include "catalogtool/libFitsFile.h"
 #include "catalogtool/libTextLines.h"
 #include "platform/libPlatform.h"
 
@@ -22,14 +20,6 @@ namespace {
 constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
 constexpr LONGLONG blockRows = 8192;
 constexpr long widestText = 256;  ///< of a position or what is filtered by
-
-struct FitsCloser {
-    void operator()(fitsfile* file) const noexcept {
-        int status = 0;
-        fits_close_file(file, &status);
-        fits_clear_errmsg();
-    }
-};
 
 /// What a column holds and, of those that are used, a block of it.
 struct Column {
@@ -57,31 +47,24 @@ class BlockRow final : public TableRow {
     std::size_t Row = 0;
 };
 
-class FitsTable {
+class FitsTable : public FitsFile {
  public:
-    FitsTable(const std::filesystem::path& path, std::string name) : name_(std::move(name)) {
-        fitsfile* opened = nullptr;
-        int status = 0;
-        // The "disk file" form reads the name as it stands, brackets and all.
-        fits_open_diskfile(&opened, TextFromPath(path).c_str(), READONLY, &status);
-        file_.reset(opened);
-        Check(status, "open it");
-    }
+    using FitsFile::FitsFile;
 
     /// Goes to the first table that stars can be taken from.
     StarColumns FindColumns(const StarTableOptions& options) {
         int count = 0;
         int status = 0;
-        fits_get_num_hdus(file_.get(), &count, &status);
+        fits_get_num_hdus(Handle(), &count, &status);
         Check(status, "list its tables");
         std::optional<ToolFailure> firstFailure;
         for (int number = 2; number <= count; ++number) {
             int type = 0;
-            fits_movabs_hdu(file_.get(), number, &type, &status);
+            fits_movabs_hdu(Handle(), number, &type, &status);
             Check(status, "read header " + std::to_string(number));
             if (type == IMAGE_HDU) continue;
             try {
-                StarColumns columns(ReadNames(), name_, options);
+                StarColumns columns(ReadNames(), Name(), options);
                 for (std::size_t i = 0; i < Row.Columns.size(); ++i) {
                     if (columns.IsUsed(i) && !Row.Columns[i].IsUsable) {
                         Fail("column " + std::to_string(i + 1) +
@@ -101,7 +84,7 @@ class FitsTable {
     std::uint64_t RowCount() {
         LONGLONG rows = 0;
         int status = 0;
-        fits_get_num_rowsll(file_.get(), &rows, &status);
+        fits_get_num_rowsll(Handle(), &rows, &status);
         Check(status, "count its rows");
         if (rows < 0) Fail("has a table of an impossible size");
         return static_cast<std::uint64_t>(rows);
@@ -118,7 +101,7 @@ class FitsTable {
             } else {
                 double none = notANumber;
                 column.Numbers.assign(rows, notANumber);
-                fits_read_col(file_.get(), TDOUBLE, static_cast<int>(i) + 1,
+                fits_read_col(Handle(), TDOUBLE, static_cast<int>(i) + 1,
                               static_cast<LONGLONG>(first) + 1, 1, static_cast<LONGLONG>(rows),
                               &none, column.Numbers.data(), nullptr, &status);
             }
@@ -131,23 +114,11 @@ class FitsTable {
     BlockRow Row;
 
  private:
-    [[noreturn]] void Fail(const std::string& why) const {
-        throw ToolFailure(ToolExit::BadInput, name_ + ": " + why);
-    }
-
-    void Check(int status, const std::string& task) const {
-        if (status == 0) return;
-        std::array<char, FLEN_STATUS> text{};
-        fits_get_errstatus(status, text.data());
-        fits_clear_errmsg();
-        Fail("could not " + task + " (" + text.data() + "); the file may be cut short");
-    }
-
     /// The names of the columns of the current table; takes note of what they hold.
     std::vector<std::string> ReadNames() {
         int count = 0;
         int status = 0;
-        fits_get_num_cols(file_.get(), &count, &status);
+        fits_get_num_cols(Handle(), &count, &status);
         Check(status, "list its columns");
         std::vector<std::string> names;
         Row.Columns.assign(static_cast<std::size_t>(std::max(count, 0)), {});
@@ -158,7 +129,7 @@ class FitsTable {
             int type = 0;
             long repeat = 0;
             long width = 0;
-            fits_get_coltype(file_.get(), i, &type, &repeat, &width, &status);
+            fits_get_coltype(Handle(), i, &type, &repeat, &width, &status);
             Column& column = Row.Columns[static_cast<std::size_t>(i) - 1];
             column.IsText = type == TSTRING;
             // A text of a binary table may be an array of pieces; the whole of it is meant.
@@ -180,7 +151,7 @@ class FitsTable {
     std::string Trimmed(const std::string& keyword) {
         std::array<char, FLEN_VALUE> value{};
         int status = 0;
-        fits_read_key(file_.get(), TSTRING, keyword.c_str(), value.data(), nullptr, &status);
+        fits_read_key(Handle(), TSTRING, keyword.c_str(), value.data(), nullptr, &status);
         return status == 0 ? std::string(Trim(value.data())) : "";
     }
 
@@ -190,7 +161,7 @@ class FitsTable {
         std::vector<char*> starts(rows);
         for (std::size_t i = 0; i < rows; ++i) starts[i] = &bytes[i * length];
         std::array<char, 1> none{};
-        fits_read_col(file_.get(), TSTRING, number, static_cast<LONGLONG>(first) + 1, 1,
+        fits_read_col(Handle(), TSTRING, number, static_cast<LONGLONG>(first) + 1, 1,
                       static_cast<LONGLONG>(rows), none.data(), starts.data(), nullptr, &status);
         column.Texts.resize(rows);
         for (std::size_t i = 0; i < rows; ++i) {
@@ -199,8 +170,6 @@ class FitsTable {
         }
     }
 
-    std::string name_;
-    std::unique_ptr<fitsfile, FitsCloser> file_;
     std::vector<std::string> units_;
 };
 

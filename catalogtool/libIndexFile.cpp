@@ -1,31 +1,21 @@
 #include "catalogtool/libIndexFile.h"
 
-#include <fitsio.h>
-
 #include <algorithm>
 #include <array>
 #include <bit>
 #include <cmath>
-#include <memory>
 #include <numbers>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "catalogtool/libFitsFile.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 
 namespace vestrel {
 
 namespace {
-
-struct FitsCloser {
-    void operator()(fitsfile* file) const noexcept {
-        int status = 0;
-        fits_close_file(file, &status);
-    }
-};
-using FitsHandle = std::unique_ptr<fitsfile, FitsCloser>;
 
 constexpr std::size_t packedBytes = 12;  // three 32-bit integers
 constexpr std::size_t doubleBytes = 24;  // three doubles
@@ -41,38 +31,37 @@ std::uint64_t LittleEndian(const unsigned char* bytes, std::size_t count) {
     return value;
 }
 
-/// The index file, with every failure of the FITS library turned into one message.
-class IndexFile {
- public:
-    explicit IndexFile(const std::filesystem::path& path) : name_(TextFromPath(path)) {
-        // The library would unpack a compressed file into memory, however large it becomes.
-        const FileHandle plain = OpenFile(path, "rb");
-        if (!plain) Fail("cannot be opened: " + SystemErrorText());
-        std::array<char, 10> start{};
-        if (std::fread(start.data(), 1, start.size(), plain.get()) != start.size() ||
-            std::string_view(start.data(), 9) != "SIMPLE  =") {
-            Fail("is not a FITS file");
-        }
-        fitsfile* opened = nullptr;
-        int status = 0;
-        // The "disk file" form reads the name as it stands, brackets and all.
-        fits_open_diskfile(&opened, name_.c_str(), READONLY, &status);
-        file_.reset(opened);
-        Check(status, "open it");
-        fits_get_num_hdus(file_.get(), &tableCount_, &status);
-        Check(status, "list its tables");
+/// The path of a file that is not compressed: the library would unpack it into memory, however
+/// large it becomes.
+const std::filesystem::path& RequirePlain(const std::filesystem::path& path) {
+    const auto fail = [&](const std::string& why) {
+        throw ToolFailure(ToolExit::BadInput, TextFromPath(path) + ": " + why);
+    };
+    const FileHandle plain = OpenFile(path, "rb");
+    if (!plain) fail("cannot be opened: " + SystemErrorText());
+    std::array<char, 10> start{};
+    if (std::fread(start.data(), 1, start.size(), plain.get()) != start.size() ||
+        std::string_view(start.data(), 9) != "SIMPLE  =") {
+        fail("is not a FITS file");
     }
+    return path;
+}
 
-    [[noreturn]] void Fail(const std::string& why) const {
-        throw ToolFailure(ToolExit::BadInput, name_ + ": " + why);
+class IndexFile : public FitsFile {
+ public:
+    explicit IndexFile(const std::filesystem::path& path)
+        : FitsFile(RequirePlain(path), TextFromPath(path)) {
+        int status = 0;
+        fits_get_num_hdus(Handle(), &tableCount_, &status);
+        Check(status, "list its tables");
     }
 
     /// The text of a header card of the first header; empty when it lacks it.
     std::string Card(const char* keyword) {
         std::array<char, FLEN_VALUE> value{};
         int status = 0;
-        fits_movabs_hdu(file_.get(), 1, nullptr, &status);
-        fits_read_key(file_.get(), TSTRING, keyword, value.data(), nullptr, &status);
+        fits_movabs_hdu(Handle(), 1, nullptr, &status);
+        fits_read_key(Handle(), TSTRING, keyword, value.data(), nullptr, &status);
         return status == 0 ? value.data() : "";
     }
 
@@ -80,8 +69,8 @@ class IndexFile {
     int Number(const char* keyword, int otherwise) {
         int value = 0;
         int status = 0;
-        fits_movabs_hdu(file_.get(), 1, nullptr, &status);
-        fits_read_key(file_.get(), TINT, keyword, &value, nullptr, &status);
+        fits_movabs_hdu(Handle(), 1, nullptr, &status);
+        fits_read_key(Handle(), TINT, keyword, &value, nullptr, &status);
         return status == 0 ? value : otherwise;
     }
 
@@ -93,12 +82,12 @@ class IndexFile {
     Column Find(const char* name) {
         for (int table = 2; table <= tableCount_; ++table) {
             int status = 0;
-            fits_movabs_hdu(file_.get(), table, nullptr, &status);
+            fits_movabs_hdu(Handle(), table, nullptr, &status);
             Check(status, "read header " + std::to_string(table));
             Column column{table, 0};
             std::array<char, FLEN_VALUE> copy{};
             std::string(name).copy(copy.data(), copy.size() - 1);
-            fits_get_colnum(file_.get(), CASEINSEN, copy.data(), &column.Number, &status);
+            fits_get_colnum(Handle(), CASEINSEN, copy.data(), &column.Number, &status);
             fits_clear_errmsg();
             if (status == 0) return column;
         }
@@ -123,9 +112,9 @@ class IndexFile {
         LONGLONG length = 0;
         LONGLONG rows = 0;
         int status = 0;
-        fits_movabs_hdu(file_.get(), number, nullptr, &status);
-        fits_read_key(file_.get(), TLONGLONG, "NAXIS1", &length, nullptr, &status);
-        fits_get_num_rowsll(file_.get(), &rows, &status);
+        fits_movabs_hdu(Handle(), number, nullptr, &status);
+        fits_read_key(Handle(), TLONGLONG, "NAXIS1", &length, nullptr, &status);
+        fits_get_num_rowsll(Handle(), &rows, &status);
         Check(status, "open table " + std::to_string(number));
         if (length < 0 || rows < 0) Fail("has a table of an impossible size");
         return {static_cast<std::size_t>(length), static_cast<std::uint64_t>(rows)};
@@ -134,7 +123,7 @@ class IndexFile {
     /// Bytes of the current table as they stand in the file, from a row (0-based) on.
     void ReadBytes(std::uint64_t row, std::vector<unsigned char>& bytes) {
         int status = 0;
-        fits_read_tblbytes(file_.get(), static_cast<LONGLONG>(row) + 1, 1,
+        fits_read_tblbytes(Handle(), static_cast<LONGLONG>(row) + 1, 1,
                            static_cast<LONGLONG>(bytes.size()), bytes.data(), &status);
         Check(status, "read its stars");
     }
@@ -142,23 +131,13 @@ class IndexFile {
     /// Numbers of a column of the current table, not-a-number where none is stored.
     void ReadFloats(int column, std::uint64_t row, std::vector<float>& values) {
         int status = 0;
-        fits_read_col(file_.get(), TFLOAT, column, static_cast<LONGLONG>(row) + 1, 1,
+        fits_read_col(Handle(), TFLOAT, column, static_cast<LONGLONG>(row) + 1, 1,
                       static_cast<LONGLONG>(values.size()), nullptr, values.data(), nullptr,
                       &status);
         Check(status, "read its magnitudes");
     }
 
  private:
-    void Check(int status, const std::string& task) const {
-        if (status == 0) return;
-        std::array<char, FLEN_STATUS> text{};
-        fits_get_errstatus(status, text.data());
-        fits_clear_errmsg();
-        Fail("could not " + task + " (" + text.data() + "); the file may be cut short");
-    }
-
-    std::string name_;
-    FitsHandle file_;
     int tableCount_ = 0;
 };
 

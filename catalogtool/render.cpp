@@ -382,18 +382,15 @@ void AddRenderCommand(CLI::App& program, ToolExit& exitCode) {
     command.add_option("--hot-pixels", options->HotPixels, "(default: one in 20000)")
         ->check(CLI::NonNegativeNumber)
         ->group(camera);
-    command
-        .add_option("--trail", options->Trail,
-                    "How far the stars moved, pixels; then the way's angle, degrees from the "
-                    "columns' direction toward the top")
-        ->expected(1, 2)
-        ->group(camera);
-    command
-        .add_option("--defocus", options->Defocus,
-                    "Diameter of an unfocused star, pixels; then the part of it that is hollow "
-                    "(default 0.35)")
-        ->expected(1, 2)
-        ->group(camera);
+    const auto addPair = [&](const char* name, std::vector<double>& numbers, const char* text) {
+        command.add_option(name, numbers, text)->expected(1, 2)->group(camera);
+    };
+    addPair("--trail", options->Trail,
+            "How far the stars moved, pixels; then the way's angle, degrees from the columns' "
+            "direction toward the top");
+    addPair("--defocus", options->Defocus,
+            "Diameter of an unfocused star, pixels; then the part of it that is hollow (default "
+            "0.35)");
     command.callback([options, &exitCode] {
         Render(*options);
         exitCode = ToolExit::Good;

@@ -176,7 +176,7 @@ class RowWriter {
             row = wide_.data();
         } else if (!short_.empty()) {
             for (std::size_t i = 0; i < count; ++i) {
-                const int value = static_cast<unsigned char>(samples[i]);
+                const int value = samples[i];
                 short_[i] = static_cast<std::int16_t>(value < 128 ? value : value - 256);
             }
             row = short_.data();

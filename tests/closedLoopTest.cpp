@@ -22,6 +22,7 @@
 #include "program/mPlateMatch.h"
 #include "program/mSearchPlan.h"
 #include "program/mSolveReport.h"
+#include "tests/skySupport.h"
 #include "tests/testSupport.h"
 #include "tools/libFrameFile.h"
 #include "tools/libFrameRenderer.h"
@@ -77,20 +78,16 @@ class ClosedLoop : public testing::Test {
  protected:
     ClosedLoop() {
         // Patches 5 degrees wide, with the sky's mix of magnitudes.
-        std::map<std::string, std::string> cells;
         std::uint64_t seed = 7;
         for (const SkyPlace place : {acrossZero, northPole, southPole, ordinary}) {
             FrameGeometry patch = FrameAt(place);
             patch.Width = patch.Height = static_cast<int>(5 * degree / patch.RadiansPerPixel);
             for (const FrameStar& star :
                  RandomFrameStars(patch, 2500, 3, FaintestDrawn(), ++seed)) {
-                const CatalogStar stored = *StoredStar(star.Sky);
-                CatalogStars.push_back(stored);
-                const auto record = EncodeCatalogStar(stored);
-                cells[CellName(CellOfStored(stored))].append(record.begin(), record.end());
+                CatalogStars.push_back(*StoredStar(star.Sky));
             }
         }
-        for (const auto& [name, bytes] : cells) WriteFile(Catalog / name, bytes);
+        WriteCatalog(Catalog.Path, CatalogStars);
         State.Catalog.Folder = Catalog.Path;
     }
 

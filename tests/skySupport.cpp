@@ -11,13 +11,22 @@
 
 namespace vestrel {
 
+void WriteCatalog(const std::filesystem::path& catalog, const std::vector<CatalogStar>& stars) {
+    std::map<std::string, std::string> cells;
+    for (const CatalogStar& star : stars) {
+        const auto record = EncodeCatalogStar(star);
+        cells[CellName(CellOf(PositionOf(star)))].append(record.begin(), record.end());
+    }
+    std::filesystem::create_directories(catalog);
+    for (const auto& [name, bytes] : cells) WriteFile(catalog / name, bytes);
+}
+
 std::vector<CatalogStar> MakeSky(const std::filesystem::path& catalog,
                                  const std::filesystem::path& frame) {
     std::vector<CatalogStar> stars;
     Random random(17);
     Projection plane;
     plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
-    std::map<std::string, std::string> cells;
     std::vector<double> pixels(side * side);
     for (double& pixel : pixels) pixel = 300 + random.Normal(2);
     for (int star = 0; star < 60; ++star) {
@@ -27,9 +36,6 @@ std::vector<CatalogStar> MakeSky(const std::filesystem::path& catalog,
         const auto [ra, dec] = plane.PlaneToSky(xi, eta);
         stars.push_back({static_cast<float>(ra), static_cast<float>(dec),
                          static_cast<std::int16_t>(magnitude * 100)});
-        for (const unsigned char byte : EncodeCatalogStar(stars.back())) {
-            cells[CellName(CellOf({ra, dec}))] += static_cast<char>(byte);
-        }
         const double x0 = (side - 1) / 2.0 + xi / scale;
         const double y0 = (side - 1) / 2.0 + eta / scale;
         for (int i = 0; i < side * side; ++i) {
@@ -39,8 +45,7 @@ std::vector<CatalogStar> MakeSky(const std::filesystem::path& catalog,
             if (r2 < 60) pixels[i] += std::pow(10, 0.4 * (21.5 - magnitude)) * std::exp(-r2 / 3);
         }
     }
-    std::filesystem::create_directories(catalog);
-    for (const auto& [name, bytes] : cells) WriteFile(catalog / name, bytes);
+    WriteCatalog(catalog, stars);
     WriteFile(frame, FitsHeader(FitsCards(16, side, side, {"OBSERVER= 'Ann & <b>Bob'"})) +
                          FitsPixels(16, pixels));
     std::sort(stars.begin(), stars.end(),

@@ -13,6 +13,10 @@ inline constexpr int side = 300;              // of the frame, pixels
 inline constexpr double scale = 2;            // arcseconds a pixel
 inline const SkyPosition centre{0.02, 0.01};  // radians
 
+/// Writes the cells of a catalog: each star, in the order given, into the cell that it is stored
+/// in.
+void WriteCatalog(const std::filesystem::path& catalog, const std::vector<CatalogStar>& stars);
+
 /// A field of stars as a catalog and as a frame, the frame's row 0 to the south.
 /// @return the stars, brightest first
 std::vector<CatalogStar> MakeSky(const std::filesystem::path& catalog,

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <map>
 #include <set>
 #include <thread>
 
@@ -14,6 +13,7 @@
 #include "astro/libStrings.h"
 #include "catalog/libCatalogCells.h"
 #include "program/mPlateMatch.h"
+#include "tests/skySupport.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {
@@ -43,19 +43,14 @@ class SmallSky {
         Random random(41);
         Projection plane;
         plane.SetProjectionCentre(skyCentre, SolveArcsecondsPerRadian);
-        std::map<std::string, std::string> cells;
         for (int i = 0; i < 1250; ++i) {
             const auto [ra, dec] =
                 plane.PlaneToSky(random.Between(-1500, 1500), random.Between(-1500, 1500));
-            const CatalogStar star{
-                static_cast<float>(ra), static_cast<float>(dec),
-                static_cast<std::int16_t>(1600 - 350 * std::pow(random.Between(0, 1), 2))};
-            Stars.push_back(star);
-            for (const unsigned char byte : EncodeCatalogStar(star)) {
-                cells[CellName(CellOf({ra, dec}))] += static_cast<char>(byte);
-            }
+            Stars.push_back(
+                {static_cast<float>(ra), static_cast<float>(dec),
+                 static_cast<std::int16_t>(1600 - 350 * std::pow(random.Between(0, 1), 2))});
         }
-        for (const auto& [name, bytes] : cells) WriteFile(Folder / name, bytes);
+        WriteCatalog(Folder.Path, Stars);
         std::sort(Stars.begin(), Stars.end(),
                   [](const CatalogStar& a, const CatalogStar& b) { return a.Mag < b.Mag; });
     }
