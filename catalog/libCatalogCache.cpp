@@ -110,6 +110,7 @@ void CatalogCache::LoadCell(const std::string& name) {
     cell.InUse = true;
     cell.Age = 1;
 
+    ++Changes;
     CachedStars += cell.StarCount;
     std::size_t place = Cells.size();
     if (!Cells.empty() && (Cells.size() >= MaxCells || CachedStars - cell.StarCount >= MaxStars)) {
@@ -126,8 +127,7 @@ void CatalogCache::LoadCell(const std::string& name) {
 void CatalogCache::ReadDownTo(CachedCell& cell, double magnitude) const {
     constexpr std::size_t pieceOfStars = 4096;
     const auto all = static_cast<std::size_t>(cell.StarCount);
-    while (!cell.IsWhole &&
-           (cell.Stars.size() == 1 || cell.Stars.back().Mag / 100.0 <= magnitude)) {
+    while (!HoldsDownTo(cell, magnitude)) {
         if (!ReadDeepCell(Folder / cell.CellName, cell.File, cell.Stars.size() - 1, pieceOfStars,
                           cell.Stars)) {
             // The file was replaced meanwhile. The count stays what the cache has reckoned with.
@@ -140,11 +140,12 @@ void CatalogCache::ReadDownTo(CachedCell& cell, double magnitude) const {
     }
 }
 
-void CatalogCache::LoadRegion(SkyPosition centre, double radius) {
-    for (CachedCell& cell : Cells) {
-        cell.InUse = false;
-        ++cell.Age;
-    }
+namespace {
+
+/// Calls visit(cell) for the cells that a region touches, in order, twice where places that lie
+/// together are looked at more than once; ends when it returns false.
+template <typename Visit>
+bool ForCellsOfRegion(SkyPosition centre, double radius, Visit visit) {
     constexpr int raSteps = 30;
     constexpr int decSteps = 5;
     // Near a pole a small circle reaches around the whole of the right ascensions.
@@ -159,14 +160,40 @@ void CatalogCache::LoadRegion(SkyPosition centre, double radius) {
             timesInARow = cell == last ? timesInARow + 1 : 1;
             last = cell;
             // The second touch resets the age of a cell just read; further ones change nothing.
-            if (timesInARow <= 2) LoadCell(CellName(cell));
+            if (timesInARow <= 2 && !visit(cell)) return false;
         }
     }
+    return true;
+}
+
+}  // namespace
+
+void CatalogCache::LoadRegion(SkyPosition centre, double radius) {
+    for (CachedCell& cell : Cells) {
+        cell.InUse = false;
+        ++cell.Age;
+    }
+    ForCellsOfRegion(centre, radius, [&](const CellPosition& cell) {
+        LoadCell(CellName(cell));
+        return true;
+    });
     Trim();
+}
+
+bool CatalogCache::HoldsRegion(SkyPosition centre, double radius) const {
+    if (CachedStars > MaxStars) return false;
+    return ForCellsOfRegion(centre, radius, [&](const CellPosition& cell) {
+        return Index.find(CellName(cell)) != Index.end();
+    });
+}
+
+bool CatalogCache::HoldsDownTo(const CachedCell& cell, double magnitude) {
+    return cell.IsWhole || (cell.Stars.size() > 1 && !(cell.Stars.back().Mag / 100.0 <= magnitude));
 }
 
 void CatalogCache::Trim() {
     if (CachedStars <= MaxStars) return;
+    ++Changes;
     while (CachedStars >= MaxStars + 1 && !Cells.empty()) {
         const std::size_t oldest = OldestCell(Cells);
         CachedStars -= Cells[oldest].StarCount;

@@ -37,6 +37,7 @@ struct CatalogCache {
     std::vector<CachedCell> Cells;
     std::int32_t CachedStars = 0;                        ///< sum of `StarCount` over the cells
     std::unordered_map<std::string, std::size_t> Index;  ///< cell name to place in `Cells`
+    std::uint64_t Changes = 0;                           ///< how often cells came or went
 
     /// Makes sure that a cell is in the cache. A cell file that does not exist is created empty
     /// where that is possible, and counts as a cell without stars.
@@ -49,6 +50,12 @@ struct CatalogCache {
     /// Makes sure that all stars of a cell down to a magnitude are in memory. Cells of a few
     /// thousand stars always are whole; deeper ones are read as far as anybody asked.
     void ReadDownTo(CachedCell& cell, double magnitude) const;
+
+    /// Whether `LoadRegion` would find all cells in memory, so that it changed nothing but which
+    /// ones were touched when.
+    bool HoldsRegion(SkyPosition centre, double radius) const;
+    /// Whether `ReadDownTo` would find all stars in memory.
+    static bool HoldsDownTo(const CachedCell& cell, double magnitude);
 
  private:
     void Trim();

@@ -69,18 +69,22 @@ double MagnitudeLimitFor(double halfDiagonal) {
     return 15.0 - 2.5 * std::log10(relative * relative);
 }
 
-PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, SkyPosition centre,
-                          double radius, double magLimit) {
+namespace {
+
+/// The stars of a region from the cells of a cache. Before a cell is looked through, has(cell) sees
+/// to it that its stars are in memory; when it says that they are not, there is no result.
+template <typename Cache, typename Has>
+std::optional<PlateStarList> CollectRegion(Cache& cache, const Projection& projection,
+                                           double radius, double magLimit, Has has) {
     constexpr std::int32_t mostStars = 10000;
     const double limit = radius * SolveArcsecondsPerRadian;
     const double limitSquared = limit * limit;
-    cache.LoadRegion(centre, radius);
     const RegionReach reach(projection, limit);
 
     PlateStarList stars;
-    for (CachedCell& cell : cache.Cells) {
+    for (auto& cell : cache.Cells) {
         if (reach.Excludes(cell)) continue;
-        cache.ReadDownTo(cell, magLimit);
+        if (!has(cell)) return std::nullopt;
         const bool near = reach.IsOnThisSide(cell);
         for (std::size_t i = 1; i < cell.Stars.size(); ++i) {
             const CatalogStar& star = cell.Stars[i];
@@ -100,6 +104,26 @@ PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, Sky
     }
     SortByMagnitude(stars);
     return stars;
+}
+
+}  // namespace
+
+PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, SkyPosition centre,
+                          double radius, double magLimit) {
+    cache.LoadRegion(centre, radius);
+    return *CollectRegion(cache, projection, radius, magLimit, [&](CachedCell& cell) {
+        cache.ReadDownTo(cell, magLimit);
+        return true;
+    });
+}
+
+std::optional<PlateStarList> RegionStarsInMemory(const CatalogCache& cache,
+                                                 const Projection& projection, SkyPosition centre,
+                                                 double radius, double magLimit) {
+    if (!cache.HoldsRegion(centre, radius)) return std::nullopt;
+    return CollectRegion(cache, projection, radius, magLimit, [&](const CachedCell& cell) {
+        return CatalogCache::HoldsDownTo(cell, magLimit);
+    });
 }
 
 PlateStarList FieldStars(CatalogCache& cache, Projection& projection, SkyPosition centre,

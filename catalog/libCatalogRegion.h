@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "astro/libPlateStar.h"
 #include "astro/libSphericalMath.h"
@@ -23,6 +24,11 @@ double MagnitudeLimitFor(double halfDiagonal);
 /// @return at most 10000; later ones are dropped silently
 PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, SkyPosition centre,
                           double radius, double magLimit);
+
+/// What `RegionStars` would give, without touching the cache; nothing when it would have to read.
+std::optional<PlateStarList> RegionStarsInMemory(const CatalogCache& cache,
+                                                 const Projection& projection, SkyPosition centre,
+                                                 double radius, double magLimit);
 
 /// The stars of the cells that the last `LoadRegion` touched, within `radius` (radians) of a
 /// centre and no fainter than `magLimit`, at most 1000, far hemisphere excluded. Centres

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <optional>
 #include <vector>
 
 namespace vestrel {
@@ -140,6 +141,37 @@ struct Fit {
     }
 };
 
+/// The first stars of two lists.
+struct FirstStars {
+    const PlateStarList& List1;
+    const PlateStarList& List2;
+    std::int32_t Count1;
+    std::int32_t Count2;
+};
+
+/// The votes of all triangles: by grids, and where that leaves a choice, as the sorted lists say.
+void LetTrianglesVote(VoteTable& votes, const FirstStars& stars, double tolerance,
+                      KeptTriangles& triangles2, AlignReport& report, const Progress& progress) {
+    const TriangleColumns triangles1 = BuildTriangleColumns(stars.List1, stars.Count1);
+    report.Triangles1 = triangles1.Count();
+    report.Triangles2 = triangles2.Triangles.Count();
+    const std::optional<std::int32_t> voted =
+        report.Triangles1 <= report.Triangles2
+            ? VoteByGrid(votes, triangles1, triangles2.Grid, true, tolerance, progress)
+            : VoteByGrid(votes, triangles2.Triangles, TriangleGrid(triangles1), false, tolerance,
+                         progress);
+    if (voted) {
+        report.Voted = *voted;
+        return;
+    }
+    if (triangles2.Sorted.Empty()) {
+        triangles2.Sorted = BuildTriangles(stars.List2, stars.Count2);
+    }
+    votes = VoteTable(stars.Count1, stars.Count2);
+    report.Voted = VoteTriangles(votes, BuildTriangles(stars.List1, stars.Count1),
+                                 triangles2.Sorted, tolerance, progress);
+}
+
 }  // namespace
 
 Alignment AlignImages(const PlateStarList& list1, const PlateStarList& list2, double maxError,
@@ -156,17 +188,16 @@ Alignment AlignImages(const PlateStarList& list1, const PlateStarList& list2, do
     if (!(m1 > 4 && m2 > 4)) return result;
 
     if (triangles2.StarCount != m2) {
-        triangles2.Triangles = BuildTriangles(list2, m2);
+        triangles2 = {};
+        triangles2.Triangles = BuildTriangleColumns(list2, m2);
+        triangles2.Grid = TriangleGrid(triangles2.Triangles);
         triangles2.StarCount = m2;
     }
-    const StarTriangleList triangles1 = BuildTriangles(list1, m1);
     VoteTable votes(m1, m2);
-    AlignReport& report = result.Report;
-    report.Triangles1 = triangles1.Count();
-    report.Triangles2 = triangles2.Triangles.Count();
-    report.Voted =
-        VoteTriangles(votes, triangles1, triangles2.Triangles, settings.MatchTolerance, progress);
+    LetTrianglesVote(votes, {list1, list2, m1, m2}, settings.MatchTolerance, triangles2,
+                     result.Report, progress);
     result.Matches = SelectMatches(votes, m1, m2, settings.MatchDivisor);
+    AlignReport& report = result.Report;
     result.UsedCount = report.Selected = result.Matches.Count();
     if (report.Selected < 3) return result;
 

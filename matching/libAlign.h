@@ -6,6 +6,8 @@
 #include "astro/libParallel.h"
 #include "astro/libPlateStar.h"
 #include "matching/libPlateFit.h"
+#include "matching/libTriangleColumns.h"
+#include "matching/libTriangleGrid.h"
 #include "matching/libTriangles.h"
 
 namespace vestrel {
@@ -21,7 +23,9 @@ struct AlignSettings {
 /// The triangles of a list that is matched many times, kept from one match to the next.
 struct KeptTriangles {
     std::int32_t StarCount = -1;  ///< of how many stars; −1 when nothing is kept
-    StarTriangleList Triangles;
+    TriangleColumns Triangles;
+    TriangleGrid Grid;        ///< of these
+    StarTriangleList Sorted;  ///< the same ones; empty until they are needed
 };
 
 /// How far a match got.

@@ -1,7 +1,11 @@
 // Matches the stars of an image with one region of the catalog after the other.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
+#include <span>
+#include <vector>
 
 #include "astro/libSphericalMath.h"
 #include "catalog/libCatalogCache.h"
@@ -29,6 +33,11 @@ struct RegionMatch {
 };
 
 /// Reads and matches regions. The triangles of the image are made once.
+///
+/// Regions are searched one after the other until one matches, so the threads take the coming ones
+/// ahead: those whose catalog cells are in memory already, as long as all before them are. That
+/// changes nothing but the time, since the cache is as it would be and reading a region brings it
+/// to where it would have been. What was matched ahead waits until its region is read.
 class RegionMatcher {
  public:
     /// @param plateStars brightest first; they and the catalog must outlive the matcher
@@ -40,14 +49,28 @@ class RegionMatcher {
 
     /// Reads the catalog stars about a centre.
     RegionMatch Read(SkyPosition centre);
-    /// Matches a region that was read.
+    /// Matches the region that was read last.
     void Match(RegionMatch& region, const Progress& progress = {});
 
+    /// How many centres after the one read last `MatchWithNext` would like to know: 0 when that
+    /// one has been matched, or when there is one thread.
+    std::size_t WantsNext() const;
+    /// Matches the region that was read last, and regions that are likely to be read next, in this
+    /// order.
+    void MatchWithNext(RegionMatch& region, std::span<const SkyPosition> next,
+                       const Progress& progress = {});
+
  private:
+    void MatchUsing(KeptTriangles& triangles, RegionMatch& region, const Progress& progress) const;
+
     CatalogCache& catalog_;
     const PlateStarList& plateStars_;
     RegionSettings settings_;
-    KeptTriangles plateTriangles_;
+    std::vector<KeptTriangles> plateTriangles_ = std::vector<KeptTriangles>(1);  ///< of each piece
+    std::deque<RegionMatch> ahead_;     ///< regions matched ahead, in order
+    std::uint64_t changesAtMatch_ = 0;  ///< of the catalog, when they were
+    bool isMatched_ = false;            ///< the region read last
+    std::size_t regionsAhead_ = 7;
 };
 
 }  // namespace vestrel

@@ -7,6 +7,7 @@
 
 #include "astro/libMath.h"
 #include "astro/libSphericalMath.h"
+#include "matching/libTriangleColumns.h"
 
 namespace vestrel {
 
@@ -109,9 +110,11 @@ StarTriangleList BuildTriangles(const PlateStarList& list, std::int32_t n) {
                 if (!(longest > 0)) continue;
                 const double midRatio = middle / longest;
                 const double shortRatio = shortest / longest;
-                const bool distinct = midRatio < 0.95 && shortRatio < 0.95 &&
-                                      midRatio + shortRatio > 1.3 &&
-                                      std::fabs(midRatio - shortRatio) > 0.05;
+                const bool distinct =
+                    midRatio < RatioBounds::LargestRatio &&
+                    shortRatio < RatioBounds::LargestRatio &&
+                    midRatio + shortRatio > RatioBounds::LeastSum &&
+                    std::fabs(midRatio - shortRatio) > RatioBounds::LeastDifference;
                 if (!distinct) continue;
                 triangles.Add({longest, midRatio, shortRatio,
                                static_cast<std::int16_t>(facesShortest),
@@ -137,7 +140,6 @@ std::int32_t VoteTriangles(VoteTable& votes, const StarTriangleList& triangles1,
                            const StarTriangleList& triangles2, double tolerance,
                            const Progress& progress) {
     if (triangles1.Empty() || triangles2.Empty()) return 0;
-    constexpr double window = 0.01;
     const double limit = std::min(tolerance * tolerance, 1e20);
     const bool outerIsFirst = triangles1.Count() <= triangles2.Count();
     const StarTriangleList& outer = outerIsFirst ? triangles1 : triangles2;
@@ -151,8 +153,8 @@ std::int32_t VoteTriangles(VoteTable& votes, const StarTriangleList& triangles1,
     for (std::int32_t k = 1; k <= outer.Count(); ++k) {
         const StarTriangle& triangle = outer[k];
         const double wanted = triangle.ShortRatio;
-        while (low < last && columns.Short[low] < wanted - window) ++low;
-        while (high < last && columns.Short[high] < wanted + window) ++high;
+        while (low < last && columns.Short[low] < wanted - VoteWindow) ++low;
+        while (high < last && columns.Short[high] < wanted + VoteWindow) ++high;
         const Nearest nearest = FindNearest(columns, low, high, wanted, triangle.MidRatio, limit);
         if (nearest.Squared < limit) {
             const StarTriangle& other = inner[nearest.Index];

@@ -47,6 +47,10 @@ StarTriangleList BuildTriangles(const PlateStarList& list, std::int32_t n);
 /// Sorts triangles into rising order of `ShortRatio`.
 void SortTriangles(StarTriangleList& triangles);
 
+/// Triangles vote for each other when their short ratios differ by no more than this, but for the
+/// first one beyond.
+inline constexpr double VoteWindow = 0.01;
+
 /// Lets each triangle of the shorter list vote, with its nearest one of the other list, for the
 /// pairing of their corners. Only triangles nearer than `tolerance` in the plane of the two ratios
 /// vote. The table is expected to be zero.

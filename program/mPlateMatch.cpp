@@ -83,9 +83,42 @@ RegionSettings SettingsFor(const PlateSearch& search, const SolveParameters& par
                               parameters.MaxGeometricError, parameters.MaxStars});
 }
 
+/// The centres of a square spiral about a starting centre, which it leaves out.
+class SpiralCentres {
+ public:
+    SpiralCentres(SkyPosition start, double step) : step_(step) {
+        grid_.SetProjectionCentre(start, SolveArcsecondsPerRadian);
+    }
+    SkyPosition Next() {
+        NextSpiralCell(i_, j_, ring_);
+        return grid_.PlaneToSky(i_ * step_, j_ * step_);
+    }
+    /// The place in the spiral of the centre given last.
+    std::string PlaceText() const {
+        return "[" + std::to_string(i_) + "," + std::to_string(j_) + "]";
+    }
+
+ private:
+    Projection grid_;
+    double step_;  ///< plane units
+    std::int16_t i_ = 0;
+    std::int16_t j_ = 0;
+    std::int16_t ring_ = 0;
+};
+
+/// The centres that come next.
+std::vector<SkyPosition> CentresAhead(SpiralCentres spiral, std::size_t count) {
+    std::vector<SkyPosition> centres(count);
+    for (SkyPosition& centre : centres) centre = spiral.Next();
+    return centres;
+}
+
 /// Reads and matches one region, and shows and reports how far it came. `Found.Matched` tells
 /// whether it goes with the plate stars.
-RegionMatch TryRegion(ProgramState& state, Port& port, RegionMatcher& matcher, SkyPosition centre) {
+/// @param next      where the centres after this one come from
+/// @param mayFollow how many of these may be wanted
+RegionMatch TryRegion(ProgramState& state, Port& port, RegionMatcher& matcher, SkyPosition centre,
+                      const SpiralCentres& next, std::int64_t mayFollow) {
     SolveReport& report = state.Report;
     RegionMatch region;
     {
@@ -100,7 +133,9 @@ RegionMatch TryRegion(ProgramState& state, Port& port, RegionMatcher& matcher, S
         port.DisplayChanged();
     }
     const StageTimer timer(report.Times.Matching);
-    matcher.Match(region, StoppableProgress(state, port));
+    const auto ahead = static_cast<std::size_t>(
+        std::clamp<std::int64_t>(mayFollow, 0, static_cast<std::int64_t>(matcher.WantsNext())));
+    matcher.MatchWithNext(region, CentresAhead(next, ahead), StoppableProgress(state, port));
     port.ShowProgress(0);
     ++report.RegionsTried;
     if (!region.Found.Matched) KeepBestAttempt(report, region);
@@ -175,17 +210,14 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
     report.SearchRadius = settings.Radius;
     report.MagnitudeLimit = settings.MagnitudeLimit;
     RegionMatcher matcher(state.Catalog, state.PlateStars, settings);
-    RegionMatch region = TryRegion(state, port, matcher, search.Start);
+    const double step = std::min(search.Width, search.Height) / 2.5 * SolveArcsecondsPerRadian;
+    SpiralCentres spiral(search.Start, step);
+    // Most searches end with the first region, so none is taken ahead of time yet.
+    RegionMatch region = TryRegion(state, port, matcher, search.Start, spiral, 0);
     ShowCentre(state, port, region.Centre);
     state.Display.BusyIndicator = false;
     port.DisplayChanged();
 
-    Projection grid;
-    grid.SetProjectionCentre(search.Start, SolveArcsecondsPerRadian);
-    const double step = std::min(search.Width, search.Height) / 2.5 * SolveArcsecondsPerRadian;
-    std::int16_t i = 0;
-    std::int16_t j = 0;
-    std::int16_t ring = 0;
     std::int64_t k = 1;
     do {
         if (region.Found.Matched) {
@@ -200,14 +232,11 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
             ShowStatus(state, port, "Search Terminated", StatusColour::Red);
             return SolveCode::Stopped;
         }
-        ShowStatus(state, port,
-                   "Spiral search " + std::to_string(k) + " [" + std::to_string(i) + "," +
-                       std::to_string(j) + "]");
-        NextSpiralCell(i, j, ring);
-        const SkyPosition centre = grid.PlaneToSky(i * step, j * step);
+        ShowStatus(state, port, "Spiral search " + std::to_string(k) + " " + spiral.PlaceText());
+        const SkyPosition centre = spiral.Next();
         ShowCentre(state, port, centre);
         port.Yield();
-        region = TryRegion(state, port, matcher, centre);
+        region = TryRegion(state, port, matcher, centre, spiral, search.RegionLimit - k);
         ++k;
         // The limit is looked at before the match: the region beyond it cannot succeed.
     } while (k <= search.RegionLimit);

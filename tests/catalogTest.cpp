@@ -185,7 +185,19 @@ void ExpectSameRegion(CatalogCache& cache, PlainCatalog& plain, double ra0, doub
                       double radius, double magLimit, double away = 0) {
     Projection plane;
     plane.SetProjectionCentre({ra0 + away, dec0 * (1 - away)}, 206264.81 * (1 - away));
+    const std::uint64_t changes = cache.Changes;
+    const auto inMemory = RegionStarsInMemory(cache, plane, {ra0, dec0}, radius, magLimit);
     const PlateStarList stars = RegionStars(cache, plane, {ra0, dec0}, radius, magLimit);
+    if (inMemory) {
+        ExpectSameList(*inMemory, stars);
+        EXPECT_EQ(cache.Changes, changes) << "cells were read that were said to be there";
+    }
+    // Once read it is there, unless there was no room for it.
+    const auto readBefore = RegionStarsInMemory(cache, plane, {ra0, dec0}, radius, magLimit);
+    if (cache.MaxCells > 900) {
+        ASSERT_TRUE(readBefore);
+        ExpectSameList(*readBefore, stars);
+    }
     plain.LoadRegion(ra0, dec0, radius);
     ASSERT_EQ(cache.Cells.size(), plain.Cells.size());
     ASSERT_EQ(cache.CachedStars, plain.CachedStars);

@@ -5,11 +5,14 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <numbers>
+#include <numeric>
 #include <tuple>
 
 #include "matching/libAlign.h"
 #include "tests/testSupport.h"
+#include "tests/vectorsForNow.h"
 
 namespace vestrel {
 namespace {
@@ -357,6 +360,70 @@ TEST(PlateGeometry, RecoversScaleStretchSkewAndAngleInEveryQuadrant) {
     }
 }
 
+TEST(AlignImages, IsThePlainProcedureInWhatTrianglesAndGridsSay) {
+    using Triangle = std::tuple<double, double, int, int, int>;
+    Random random(36);
+    int clear = 0;
+    int unclear = 0;
+    for (int trial = 0; trial < 300; ++trial) {
+        SCOPED_TRACE("trial " + std::to_string(trial));
+        const VectorsForNow vectors(trial % 2 == 0);
+        const bool ties = trial % 10 == 9;
+        const int n = random.Whole(3, trial % 20 == 0 ? 90 : 40);
+        PlateStarList list1 = ties ? StarsOnAGrid(random, n) : RandomStars(random, n, 600);
+        PlateStarList list2 = Photograph(random, list1,
+                                         {.Turn = random.Between(-3, 3),
+                                          .Scale = random.Between(0.3, 3),
+                                          .Noise = random.Between(0, 2),
+                                          .Outliers = random.Whole(0, n / 2)});
+        if (trial % 3 == 0) list2.Resize(std::max(list2.Count() / 2, 3));
+        if (trial % 11 == 10) list1[random.Whole(1, n)].X = std::nanf("");
+        if (trial % 11 == 9) list2[1].Y = std::numeric_limits<float>::infinity();
+        const std::array<const PlateStarList*, 2> lists = {&list1, &list2};
+        std::array<StarTriangleList, 2> plain;
+        std::array<TriangleColumns, 2> columns;
+        for (std::size_t k = 0; k < 2; ++k) {
+            plain[k] = PlainTriangles(*lists[k], lists[k]->Count());
+            columns[k] = BuildTriangleColumns(*lists[k], lists[k]->Count());
+            std::vector<Triangle> expected;
+            std::vector<Triangle> made;
+            for (const StarTriangle& t : plain[k]) {
+                expected.emplace_back(t.ShortRatio, t.MidRatio, t.Corner1, t.Corner2, t.Corner3);
+            }
+            for (std::size_t i = 0; i < columns[k].Corners.size(); ++i) {
+                const TriangleCorners corners = columns[k].Corners[i];
+                made.emplace_back(columns[k].Short[i], columns[k].Mid[i], StarAtCorner(corners, 0),
+                                  StarAtCorner(corners, 1), StarAtCorner(corners, 2));
+            }
+            std::sort(expected.begin(), expected.end());
+            std::sort(made.begin(), made.end());
+            ASSERT_EQ(made, expected);
+        }
+        const bool wide = trial % 13 == 12;
+        const double tolerance =
+            wide ? 0.02 : (trial % 4 == 0 ? 0.01 : random.Between(0.0001, 0.01));
+        VoteTable expected(list1.Count(), list2.Count());
+        PlainVotes(expected, plain[0], plain[1], tolerance);
+        VoteTable votes(list1.Count(), list2.Count());
+        const bool firstIsOuter = columns[0].Count() <= columns[1].Count();
+        const std::size_t outer = firstIsOuter ? 0 : 1;
+        const auto voted = VoteByGrid(votes, columns[outer], TriangleGrid(columns[1 - outer]),
+                                      firstIsOuter, tolerance);
+        if (!voted) {
+            // Only where there is something to be decided by the order of sorting.
+            EXPECT_TRUE(ties || wide);
+            ++unclear;
+            continue;
+        }
+        ASSERT_EQ(votes.Votes, expected.Votes);
+        const int sum = std::accumulate(votes.Votes.begin(), votes.Votes.end(), 0);
+        ASSERT_EQ(*voted * 3, sum);
+        clear += sum > 0 ? 1 : 0;
+    }
+    EXPECT_GT(clear, 200);
+    EXPECT_GT(unclear, 15);
+}
+
 TEST(AlignImages, IsThePlainProcedureStepByStep) {
     Random random(35);
     int matched = 0;
@@ -391,6 +458,7 @@ TEST(AlignImages, IsThePlainProcedureStepByStep) {
         if (loose) settings.MaxGeometricError = 0.6;
         if (trial % 4 == 3) settings.MatchTolerance = random.Between(0.001, 0.03);
         const double maxError = random.Between(0.2, 6) * (loose ? 30 : 1);
+        const VectorsForNow vectors(trial % 3 == 0);
         const PlainAlignment plain(list1, list2, maxError, settings);
         const Alignment out = Align(list1, list2, maxError, settings);
         SCOPED_TRACE("trial " + std::to_string(trial));

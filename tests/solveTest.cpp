@@ -6,7 +6,9 @@
 #include <chrono>
 #include <cmath>
 #include <set>
+#include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
@@ -261,6 +263,97 @@ TEST(SolvePlate, StopIsSeenBetweenRegionsOnly) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
     EXPECT_EQ(patient.Statuses.back(), "Search Terminated");
     EXPECT_FALSE(slow.State.Image.Header.PlateMatched);
+}
+
+/// All that a search leaves behind.
+struct Outcome {
+    SolveCode Code;
+    Texts Statuses;
+    std::string Found;  ///< solution, report and display
+    std::vector<std::tuple<std::string, int, bool>> Cells;
+    std::set<std::string> Files;
+};
+
+Outcome OutcomeOfSpiral(const TemporaryFolder& folder, double xi, int limit, int threads,
+                        int acceptFrom, int endAfter) {
+    std::filesystem::remove_all(folder.Path);
+    std::filesystem::copy(Sky().Folder.Path, folder.Path);
+    const ThreadLimit limited(threads);
+    Observation at(xi, 0);
+    at.State.Catalog.Folder = folder.Path;
+    int asked = 0;
+    PlateSearch search{skyCentre, plateWidth, plateHeight, limit, 2};
+    search.Accept = [&](const PlateSolution& solution) {
+        // A search that goes on reads other cells meanwhile.
+        at.State.Catalog.LoadRegion({skyCentre.Ra + 0.1 * ++asked, skyCentre.Dec}, 0.01);
+        return solution.RegionsSearched >= acceptFrom;
+    };
+    search.MustEnd = [&, regions = 0]() mutable { return ++regions > endAfter; };
+    Outcome outcome;
+    outcome.Code = SolvePlate(at.State, at.Port, search);
+    outcome.Statuses = at.Port.Statuses;
+    const SolveReport& report = at.State.Report;
+    std::ostringstream found;
+    found << std::hexfloat << report.RegionsTried << ' ' << report.CatalogStarsAtStart << ' '
+          << report.BestAttempt.Triangles1 << ' ' << report.BestAttempt.Triangles2 << ' '
+          << report.BestAttempt.Voted << ' ' << report.BestAttempt.Selected << ' '
+          << report.BestAttemptCentre.Ra << ' ' << at.State.Display.FoundInCatalog << ' '
+          << at.State.Display.CentreRa << at.State.Display.CentreDec
+          << at.State.Display.Status1.Text;
+    if (at.State.Solution) {
+        const PlateSolution& solution = *at.State.Solution;
+        found << ' ' << solution.RegionsSearched << ' ' << solution.CatalogCount() << ' '
+              << solution.Rms << ' ' << solution.Centre().Ra << ' ' << solution.Centre().Dec;
+    }
+    outcome.Found = found.str();
+    for (const CachedCell& cell : at.State.Catalog.Cells) {
+        outcome.Cells.emplace_back(cell.CellName, cell.Age, cell.InUse);
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(folder.Path)) {
+        outcome.Files.insert(entry.path().filename().string());
+    }
+    return outcome;
+}
+
+TEST(SolvePlate, ASpiralOfManyThreadsLeavesWhatTheSearchOfRegionAfterRegionLeaves) {
+    const TemporaryFolder folder;
+    struct Case {
+        double Xi;  ///< of the image centre, in steps of the spiral
+        int Limit;
+        int AcceptFrom = 1;
+        int EndAfter = 1000;
+    };
+    int matched = 0;
+    int turnedDown = 0;
+    for (const Case& c : {Case{2.1, 60},
+                          {4.4, 90},
+                          {40, 70},
+                          {40, 0},
+                          {40, 2},
+                          {40, 9},
+                          {2.9, 90, 22},
+                          {2.1, 60, 1000},
+                          {40, 70, 1, 17},
+                          {3.1, 29, 28}}) {
+        SCOPED_TRACE("at " + std::to_string(c.Xi) + ", limit " + std::to_string(c.Limit));
+        const auto run = [&](int threads) {
+            return OutcomeOfSpiral(folder, c.Xi * spiralStep, c.Limit, threads, c.AcceptFrom,
+                                   c.EndAfter);
+        };
+        const Outcome alone = run(1);
+        matched += alone.Code == SolveCode::Solved ? 1 : 0;
+        turnedDown += alone.Cells.size() > 2 ? 1 : 0;
+        for (const int threads : {2, 7}) {
+            const Outcome together = run(threads);
+            EXPECT_EQ(together.Code, alone.Code);
+            EXPECT_EQ(together.Statuses, alone.Statuses);
+            EXPECT_EQ(together.Found, alone.Found);
+            EXPECT_EQ(together.Cells, alone.Cells);
+            EXPECT_EQ(together.Files, alone.Files);
+        }
+    }
+    EXPECT_GE(matched, 3);
+    EXPECT_GE(turnedDown, 3);
 }
 
 TEST(SolvePlate, SmoothsOnceWhenStarsAreFewAndGivesUpBelowSix) {
