@@ -214,7 +214,10 @@ std::vector<Peak> FindPeaks(const PlateImage& image, const PeakSettings& setting
     constexpr std::int32_t smallestSide = 20;
     const std::int32_t binning = std::max(settings.Binning, 1);
     if (image.Width / binning < smallestSide || image.Height / binning < smallestSide) return {};
-    const Plane plane = Binned(image, binning);
+    Plane plane = Binned(image, binning);
+    if (settings.Dark) {
+        for (float& value : plane.Values) value = -value;
+    }
     const Plane smoothed = Smoothed(plane);
     const SkyMesh sky(smoothed);
     const auto border = std::max(
@@ -245,6 +248,29 @@ std::vector<Peak> FindPeaks(const PlateImage& image, const PeakSettings& setting
     std::stable_sort(peaks.begin(), peaks.end(),
                      [](const Peak& a, const Peak& b) { return a.Flux > b.Flux; });
     return peaks;
+}
+
+bool MayBeNegative(const PlateImage& image) {
+    constexpr std::int32_t step = 3;
+    constexpr double far = 6;      // standard deviations
+    constexpr double fewest = 20;  // pixels
+    constexpr double muchMore = 5;
+    std::vector<double> values;
+    for (std::int32_t y = 0; y < image.Height; y += step) {
+        const std::int32_t* row = image.Pixels.Row(y).data();
+        for (std::int32_t x = 0; x < image.Width; x += step) values.push_back(row[x]);
+    }
+    const double sky = MedianOf(values);
+    const double below = sky - MedianOf(values, 0.1587);
+    const double above = MedianOf(values, 0.8413) - sky;
+    const double noise = std::max(std::min(below, above), 1.0);
+    double dark = 0;
+    double bright = 0;
+    for (const double value : values) {
+        if (value < sky - far * noise) ++dark;
+        if (value > sky + far * noise) ++bright;
+    }
+    return dark > fewest && dark > muchMore * bright;
 }
 
 std::vector<Peak> StarsAmong(const std::vector<Peak>& peaks, const PlateImage& image) {

@@ -32,6 +32,7 @@ struct PeakSettings {
     double Threshold = 5;          ///< local standard deviations of the smoothed image
     double EdgeExclusion = 0.005;  ///< width of the ignored border, fraction of the image size
     std::size_t MostPeaks = 600;   ///< the highest ones are measured
+    bool Dark = false;             ///< stars are darker than the sky, as in a negative
 };
 
 /// Finds the peaks of an image, those with the most light first.
@@ -41,6 +42,10 @@ struct PeakSettings {
 /// saturated is one peak. Images under 20 × 20 binned pixels have none.
 std::vector<Peak> FindPeaks(const PlateImage& image, const PeakSettings& settings,
                             const Progress& progress = {});
+
+/// Whether far more of an image lies far below its sky than above: a negative, or something dark
+/// before the sky.
+bool MayBeNegative(const PlateImage& image);
 
 /// Keeps the peaks that look like the stars among them: leaves out single hot pixels, what is far
 /// more elongated or wider than the others, and rows and columns of peaks. Trailed or unfocused

@@ -253,6 +253,7 @@ SeedMatcher::SeedMatcher(const ImageStars& image, const SeedSettings& settings)
                                     : std::pair(a.First, a.Second) < std::pair(b.First, b.Second);
     });
     taken_.assign(static_cast<std::size_t>(image.Count()) + 1, 0);
+    MarkNear();
 }
 
 double SeedMatcher::PixelDistanceOf(std::int32_t i, std::int32_t j) const {
@@ -261,14 +262,22 @@ double SeedMatcher::PixelDistanceOf(std::int32_t i, std::int32_t j) const {
     return std::hypot(XOf(a) - XOf(b), YOf(a) - YOf(b));
 }
 
-SeedMatcher::PairPlaces SeedMatcher::PairsLike(const PlateStar& star1,
-                                               const PlateStar& star2) const {
+std::array<SeedMatcher::PairPlaces, 2> SeedMatcher::PairsLike(const PlateStar& star1,
+                                                              const PlateStar& star2) const {
     const double length = std::hypot(XOf(star1) - XOf(star2), YOf(star1) - YOf(star2));
-    const auto shorter = [](const ImagePair& pair, double value) { return pair.Length < value; };
-    const auto longer = [](double value, const ImagePair& pair) { return value < pair.Length; };
-    return {
-        std::lower_bound(pairs_.begin(), pairs_.end(), length / settings_.LargestScale, shorter),
-        std::upper_bound(pairs_.begin(), pairs_.end(), length / settings_.SmallestScale, longer)};
+    const auto between = [&](double smallest, double largest) -> PairPlaces {
+        const auto shorter = [](const ImagePair& pair, double value) {
+            return pair.Length < value;
+        };
+        const auto longer = [](double value, const ImagePair& pair) { return value < pair.Length; };
+        return {std::lower_bound(pairs_.begin(), pairs_.end(), length / largest, shorter),
+                std::upper_bound(pairs_.begin(), pairs_.end(), length / smallest, longer)};
+    };
+    const PairPlaces all = between(settings_.SmallestScale, settings_.LargestScale);
+    if (settings_.TriedLargest <= 0) return {all, PairPlaces{all.second, all.second}};
+    const PairPlaces tried = between(settings_.TriedSmallest, settings_.TriedLargest);
+    return {PairPlaces{all.first, std::clamp(tried.first, all.first, all.second)},
+            PairPlaces{std::clamp(tried.second, all.first, all.second), all.second}};
 }
 
 double SeedMatcher::PlatesOf(const PlateStarList& catalog) const {
@@ -276,45 +285,91 @@ double SeedMatcher::PlatesOf(const PlateStarList& catalog) const {
     double plates = 0;
     for (std::int32_t c1 = 1; c1 <= n; ++c1) {
         for (std::int32_t c2 = c1 + 1; c2 <= n; ++c2) {
-            const auto [from, to] = PairsLike(catalog[c1], catalog[c2]);
-            plates += 4 * static_cast<double>(std::distance(from, to));
+            for (const auto& [from, to] : PairsLike(catalog[c1], catalog[c2])) {
+                plates += 4 * static_cast<double>(std::distance(from, to));
+            }
         }
     }
     return plates;
 }
 
-bool SeedMatcher::Promising(const PlateStarList& catalog, std::int32_t checked,
-                            const PlateConstants& plate) {
+void SeedMatcher::MarkNear() {
+    cellsPerPixel_ = 2 / settings_.Tolerance;
+    const auto cells = [this](std::int32_t pixels) {
+        return static_cast<std::int32_t>(pixels * cellsPerPixel_) + 1;
+    };
+    columns_ = cells(image_.Width());
+    const std::int32_t rows = cells(image_.Height());
+    near_.assign(static_cast<std::size_t>(columns_) * static_cast<std::size_t>(rows), 0);
+    // Two cells are a tolerance.
+    constexpr double reach = 2.001;
+    constexpr auto steps = static_cast<std::int32_t>(reach) + 1;
+    for (const PlateStar& star : image_.Stars()) {
+        const double x = (XOf(star) + 0.5) * cellsPerPixel_;
+        const double y = (YOf(star) + 0.5) * cellsPerPixel_;
+        const auto column = static_cast<std::int32_t>(std::floor(x));
+        const auto row = static_cast<std::int32_t>(std::floor(y));
+        for (std::int32_t j = std::max(row - steps, 0); j <= std::min(row + steps, rows - 1); ++j) {
+            for (std::int32_t i = std::max(column - steps, 0);
+                 i <= std::min(column + steps, columns_ - 1); ++i) {
+                const double dx = x - std::clamp(x, double(i), i + 1.0);
+                const double dy = y - std::clamp(y, double(j), j + 1.0);
+                if (dx * dx + dy * dy > reach * reach) continue;
+                near_[static_cast<std::size_t>(j) * static_cast<std::size_t>(columns_) +
+                      static_cast<std::size_t>(i)] = 1;
+            }
+        }
+    }
+}
+
+bool SeedMatcher::Promising(const std::vector<CatalogPlace>& checked, const PlateConstants& plate) {
     constexpr double hitPart = 0.5;    // of the catalog stars that an image shows
     constexpr double hopeless = -4.5;  // of the logarithm of the odds
     constexpr double promising = 7;
+    const double miss = std::log(1 - hitPart);
     ++plateNumber_;
     double odds = 0;
     double best = 0;
     std::int32_t seeds = 2;  // they agree by construction
-    for (std::int32_t c = 1; c <= checked; ++c) {
-        const PlateStar& star = catalog[c];
-        double x = 0;
-        double y = 0;
-        ApplyPlateFit(plate, XOf(star), YOf(star), x, y);
+    for (const auto& [east, north] : checked) {
+        const double x = plate.a * east + plate.b * north + plate.c;
+        const double y = plate.d * east + plate.e * north + plate.f;
         if (!image_.InFrame(x, y)) continue;
-        const double area = Pi * settings_.Tolerance * settings_.Tolerance;
-        const double chance = std::min(image_.DensityAt(x, y) * area, 0.9);
-        const std::int32_t i = image_.Nearest(x, y, settings_.Tolerance);
-        if (i != 0 && taken_[static_cast<std::size_t>(i)] != plateNumber_) {
+        const std::int32_t i = MayMeet(x, y) ? image_.Nearest(x, y, settings_.Tolerance) : 0;
+        if (i == 0) {
+            odds += miss;
+        } else if (taken_[static_cast<std::size_t>(i)] != plateNumber_) {
             taken_[static_cast<std::size_t>(i)] = plateNumber_;
             if (seeds > 0) {
                 --seeds;
                 continue;
             }
+            const double area = Pi * settings_.Tolerance * settings_.Tolerance;
+            const double chance = std::min(image_.DensityAt(x, y) * area, 0.9);
             odds += std::log(hitPart / chance + (1 - hitPart));
             best = std::max(best, odds);
-        } else if (i == 0) {
-            odds += std::log(1 - hitPart);
         }
         if (odds < hopeless) break;
     }
     return best > promising;
+}
+
+bool SeedMatcher::TryPair(const PlateStarList& catalog, const std::vector<CatalogPlace>& checked,
+                          std::int32_t c1, std::int32_t c2, const ImagePair& pair,
+                          const std::function<bool(const MatchedPlate&)>& accept) {
+    for (int way = 0; way < 4; ++way) {
+        const bool turned = way % 2 != 0;
+        const std::int32_t first = turned ? pair.Second : pair.First;
+        const std::int32_t second = turned ? pair.First : pair.Second;
+        MatchedPlate match;
+        match.Plate = SimilarPlate(catalog[c1], catalog[c2], image_.Stars()[first],
+                                   image_.Stars()[second], way >= 2);
+        ++tried_;
+        if (!Promising(checked, match.Plate)) continue;
+        match.Seed = {SeedPair(c1, first), SeedPair(c2, second)};
+        if (RefinePlate(catalog, image_, settings_.Tolerance, match) && accept(match)) return true;
+    }
+    return false;
 }
 
 bool SeedMatcher::Match(const PlateStarList& catalog,
@@ -322,28 +377,18 @@ bool SeedMatcher::Match(const PlateStarList& catalog,
                         const std::function<bool()>& stop) {
     constexpr double betweenLooks = 20000;
     const std::int32_t n = std::min(settings_.CatalogSeeds, catalog.Count());
-    const std::int32_t checked = std::min(settings_.CheckedStars, catalog.Count());
+    std::vector<CatalogPlace> checked;
+    for (std::int32_t c = 1; c <= std::min(settings_.CheckedStars, catalog.Count()); ++c) {
+        checked.push_back({XOf(catalog[c]), YOf(catalog[c])});
+    }
     double nextLook = tried_ + betweenLooks;
     // Pairs of bright stars first: both orders of the sum of their places.
     for (std::int32_t sum = 3; sum < 2 * n; ++sum) {
         for (std::int32_t c1 = std::max(1, sum - n); 2 * c1 < sum; ++c1) {
-            const PlateStar& star1 = catalog[c1];
-            const PlateStar& star2 = catalog[sum - c1];
-            const auto [from, to] = PairsLike(star1, star2);
-            for (auto pair = from; pair != to; ++pair) {
-                for (int way = 0; way < 4; ++way) {
-                    const bool turned = way % 2 != 0;
-                    const std::int32_t first = turned ? pair->Second : pair->First;
-                    const std::int32_t second = turned ? pair->First : pair->Second;
-                    MatchedPlate match;
-                    match.Plate = SimilarPlate(star1, star2, image_.Stars()[first],
-                                               image_.Stars()[second], way >= 2);
-                    ++tried_;
-                    if (!Promising(catalog, checked, match.Plate)) continue;
-                    match.Seed = {SeedPair(c1, first), SeedPair(sum - c1, second)};
-                    if (RefinePlate(catalog, image_, settings_.Tolerance, match) && accept(match)) {
-                        return true;
-                    }
+            const std::int32_t c2 = sum - c1;
+            for (const auto& [from, to] : PairsLike(catalog[c1], catalog[c2])) {
+                for (auto pair = from; pair != to; ++pair) {
+                    if (TryPair(catalog, checked, c1, c2, *pair, accept)) return true;
                 }
             }
             if (tried_ >= nextLook) {

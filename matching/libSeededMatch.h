@@ -6,6 +6,7 @@
 // false.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <utility>
@@ -75,6 +76,8 @@ bool RefinePlate(const PlateStarList& catalog, const ImageStars& image, double t
 struct SeedSettings {
     double SmallestScale = 0;         ///< arcseconds per pixel
     double LargestScale = 0;          ///< arcseconds per pixel
+    double TriedSmallest = 0;         ///< scales from this one were tried before and are left out
+    double TriedLargest = 0;          ///< up to this one; 0: none were
     std::int32_t CatalogSeeds = 22;   ///< brightest catalog stars that seed
     std::int32_t ImageSeeds = 40;     ///< first stars of the image that seed
     std::int32_t CheckedStars = 120;  ///< brightest catalog stars that confirm
@@ -106,15 +109,35 @@ class SeedMatcher {
 
     using PairPlaces =
         std::pair<std::vector<ImagePair>::const_iterator, std::vector<ImagePair>::const_iterator>;
-    /// The pairs of the image that two catalog stars may be.
-    PairPlaces PairsLike(const PlateStar& star1, const PlateStar& star2) const;
+    /// The pairs of the image that two catalog stars may be, in two parts: scales below those tried
+    /// before and above.
+    std::array<PairPlaces, 2> PairsLike(const PlateStar& star1, const PlateStar& star2) const;
     double PixelDistanceOf(std::int32_t i, std::int32_t j) const;
-    bool Promising(const PlateStarList& catalog, std::int32_t checked, const PlateConstants& plate);
+    struct CatalogPlace {
+        double East;
+        double North;
+    };
+    /// The four plates of a pair of catalog stars and a pair of the image. @return true: accepted
+    bool TryPair(const PlateStarList& catalog, const std::vector<CatalogPlace>& checked,
+                 std::int32_t c1, std::int32_t c2, const ImagePair& pair,
+                 const std::function<bool(const MatchedPlate&)>& accept);
+    bool Promising(const std::vector<CatalogPlace>& checked, const PlateConstants& plate);
+    /// Marks the cells of which a part is nearer to a star of the image than the tolerance.
+    void MarkNear();
+    /// Whether a place of the frame may be so near to a star; most plates need no closer look.
+    bool MayMeet(double x, double y) const {
+        const auto column = static_cast<std::size_t>((x + 0.5) * cellsPerPixel_);
+        const auto row = static_cast<std::size_t>((y + 0.5) * cellsPerPixel_);
+        return near_[row * static_cast<std::size_t>(columns_) + column] != 0;
+    }
 
     const ImageStars& image_;
     SeedSettings settings_;
-    std::vector<ImagePair> pairs_;  ///< of the image, by rising length
-    double shortest_ = 0;           ///< pixels
+    std::vector<ImagePair> pairs_;    ///< of the image, by rising length
+    double shortest_ = 0;             ///< pixels
+    std::vector<std::uint8_t> near_;  ///< by row
+    std::int32_t columns_ = 0;
+    double cellsPerPixel_ = 0;
     double tried_ = 0;
     std::vector<std::int32_t> taken_;  ///< per image star: the plate that met it last
     std::int32_t plateNumber_ = 0;

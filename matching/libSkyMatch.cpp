@@ -145,15 +145,21 @@ class Rounds {
     static bool Suffices(std::size_t stars, std::size_t shape) {
         return stars >= shapes[shape].Constants();
     }
+    /// Whether the stars reach far enough out. A polynomial that they do not hold there follows
+    /// what no lens does, by more than its errors say; a lens goes on outward as it began.
     bool CoversImage() const {
         constexpr double leastSure = 3;
-        return fit_.EdgeLeverage <= leastSure;
+        constexpr double leastSureOfPolynomials = 1.75;
+        return fit_.EdgeLeverage <= (shape_ > quadratic ? leastSureOfPolynomials : leastSure);
     }
 
     /// Lets the most flexible shape that the pairs bear decide which of them are outliers, then
     /// takes the simplest that the F-test leaves.
     bool FitBestShape(std::size_t most) {
-        constexpr double chance = 0.01;
+        // Cameras have lenses; what else bends a picture has to show more plainly. Centroids have
+        // common errors that polynomials follow.
+        constexpr double chanceOfLens = 0.01;
+        constexpr double chanceOfPolynomial = 1e-4;
         const std::vector<SkyPair> all = pairs_;
         for (;; --most) {
             pairs_ = all;
@@ -174,7 +180,8 @@ class Rounds {
             auto fit = Fit(pairs_, shape);
             if (fit && Contains(shape, best) &&
                 ChanceOfImprovement(bestFit->Squares, fit->Squares, pairs_.size(), shapes[best],
-                                    shapes[shape]) < chance) {
+                                    shapes[shape]) <
+                    (shapes[shape].Lens > 0 ? chanceOfLens : chanceOfPolynomial)) {
                 bestFit = std::move(fit);
                 best = shape;
             }

@@ -38,8 +38,10 @@ struct SkySolution {
 /// to each other within a tolerance become pairs; outliers are left out by the median of the
 /// residuals; and the tolerance shrinks with the fit. The distortion is none, that of a lens,
 /// or a SIP polynomial of order 2 to 4: a larger one is taken when the F-test gives chance less
-/// than 1 in 100 to do as well, when there are at least as many stars as constants, and when they
-/// cover the image, so that the model is nowhere in it three times less sure than one of its stars.
+/// than 1 in 100 (of a lens) or 1 in 10,000 (of a polynomial) to do as well, when there are at
+/// least as many stars as constants, and when they cover the image, so that the model is nowhere in
+/// it three times less sure than one of its stars (1.75 times for orders 3 and 4, which run away
+/// where no star holds them).
 ///
 /// @param catalog J2000 positions, brightest first
 /// @param plate   where the stars of the image are, brightest first

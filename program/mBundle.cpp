@@ -277,6 +277,8 @@ Bundle::Bundle(const std::filesystem::path& path) : contents_(std::make_unique<C
             field = static_cast<std::remove_reference_t<decltype(field)>>(
                 ReadNumber(json.at("settings"), name, 0, 32767));
         });
+        constexpr std::int16_t mostStars = 1000;  // as everywhere: triangles grow with the cube
+        contents_->Parameters.MaxStars = std::min(contents_->Parameters.MaxStars, mostStars);
         contents_->Request = ReadRequest(json.at("request"));
         const Json& extraction = json.at("extraction");
         contents_->Extraction.StarsFound =

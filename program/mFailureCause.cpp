@@ -99,7 +99,9 @@ class Inquiry {
         ReadFailure ignored;
         const bool read = ReadImageFile(
             PathFromText(image.FileName), asRead, [this](int, int) { port_.Yield(); }, ignored);
-        evidence.Health = HealthOf(read ? asRead : image);
+        // A picture from memory has a name only, which may be that of some other file.
+        const bool same = read && asRead.Width == image.Width && asRead.Height == image.Height;
+        evidence.Health = HealthOf(same ? asRead : image);
         evidence.TrailAngle = evidence.Health.TrailAngle * ExactDegreesPerRadian;
         if (FirstRowAtTop(image)) evidence.TrailAngle = -evidence.TrailAngle;
         if (evidence.TrailAngle < 0) evidence.TrailAngle += 180;
@@ -244,7 +246,7 @@ class Inquiry {
             if (!otherSize) {
                 return Found(FailureKind::Start,
                              "only a search of the whole sky finds the picture, at " + place,
-                             "search the whole sky (--blind)");
+                             words_.SearchWholeSky);
             }
             return Found(FailureKind::WrongSize,
                          "the field is " + FixedText(evidence.SizeRatio, 2) +
@@ -280,7 +282,7 @@ class Inquiry {
                          " out of the sky, sharp and round, and the catalog has " +
                          std::to_string(cause_.Evidence.CatalogStars) +
                          " in the first region: the centre or the size given is likely wrong",
-                     "search the whole sky (--blind)");
+                     words_.SearchWholeSky);
     }
 
     ProgramState& state_;

@@ -9,6 +9,7 @@
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "program/mFailureCause.h"
 #include "program/mPictureHints.h"
 #include "program/mPlateMatch.h"
 #include "program/mSolveReport.h"
@@ -172,7 +173,11 @@ void JustSolveCommand(ProgramState& state, Port& port) {
         port.ImageChanged();
         return;
     }
-    display.Details = FailureText(state, code, WindowWords) + CandidateText(report) + stages;
+    const auto cause = CauseOfFailure(state, port, code, RequestForAnything(state), WindowWords);
+    CauseAndCure likeliest;
+    if (cause) likeliest = {cause->Text, cause->Try};
+    display.Details =
+        FailureText(state, code, WindowWords, likeliest) + CandidateText(report) + stages;
     if (report.TimeLimitReached) display.Details += "  The time was up.\n";
 }
 

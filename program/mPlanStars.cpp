@@ -1,6 +1,7 @@
 #include "program/mPlanStars.h"
 
 #include <utility>
+#include <vector>
 
 #include "extraction/libMosaic.h"
 #include "extraction/libRobustStars.h"
@@ -27,7 +28,13 @@ const PlateStarList& PlanStars::Of(StarSource from) {
         const PlateImage& looked = mosaicSums_ ? *mosaicSums_ : image;
         PeakSettings settings;
         settings.Binning = BinningFor(looked);
-        list = StarListOf(StarsAmong(FindPeaks(looked, settings), looked));
+        std::vector<Peak> stars = StarsAmong(FindPeaks(looked, settings), looked);
+        if (MayBeNegative(looked)) {
+            settings.Dark = true;
+            std::vector<Peak> dark = StarsAmong(FindPeaks(looked, settings), looked);
+            if (dark.size() > stars.size()) stars = std::move(dark);
+        }
+        list = StarListOf(stars);
         if (mosaicSums_) list = InMosaicPixels(*std::move(list));
     }
     return *list;

@@ -31,12 +31,13 @@ struct SeedAttempt {
     const char* Name;
     StarSource From;
     double SizeError;  ///< of the given size, as a part of it
+    double Tried;      ///< the error up to which an attempt before has tried these stars
 };
 constexpr std::array seedAttempts{
-    SeedAttempt{"seeds", StarSource::Peaks, 0.08},
-    SeedAttempt{"even seeds", StarSource::EvenPeaks, 0.08},
-    SeedAttempt{"seeds of other sizes", StarSource::Peaks, 0.35},
-    SeedAttempt{"even seeds of other sizes", StarSource::EvenPeaks, 0.35},
+    SeedAttempt{"seeds", StarSource::Peaks, 0.08, 0},
+    SeedAttempt{"even seeds", StarSource::EvenPeaks, 0.08, 0},
+    SeedAttempt{"seeds of other sizes", StarSource::Peaks, 0.35, 0.08},
+    SeedAttempt{"even seeds of other sizes", StarSource::EvenPeaks, 0.35, 0.08},
 };
 
 /// One attempt without a hint: quads of all bands are looked up.
@@ -269,6 +270,10 @@ class Plan {
         SeedSettings settings;
         settings.SmallestScale = scale / (1 + attempt.SizeError);
         settings.LargestScale = scale * (1 + attempt.SizeError);
+        if (attempt.Tried > 0) {
+            settings.TriedSmallest = scale / (1 + attempt.Tried);
+            settings.TriedLargest = scale * (1 + attempt.Tried);
+        }
         settings.Tolerance = RoughTolerance(image);
         SeedMatcher matcher(places, settings);
 

@@ -42,6 +42,7 @@ struct InputWords {
     const char* Ra;
     const char* Regions;
     const char* SearchFromCentre;  ///< what to do where quads find nothing
+    const char* SearchWholeSky;    ///< what to do where no place that is given is right
 };
 inline constexpr InputWords ConsoleWords{"--detection-threshold",
                                          "--min-star-size",
@@ -49,14 +50,16 @@ inline constexpr InputWords ConsoleWords{"--detection-threshold",
                                          "--size",
                                          "--ra",
                                          "--regions",
-                                         "give the approximate centre (--ra)"};
+                                         "give the approximate centre (--ra)",
+                                         "search the whole sky (--blind)"};
 inline constexpr InputWords WindowWords{"Detection Threshold",
                                         "Min Star Size",
                                         "$VESTREL_CATALOG",
                                         "Approximate Image Size",
                                         "RA",
                                         "Search Limit",
-                                        "Plate Match, with the approximate centre (RA, Dec)"};
+                                        "Plate Match, with the approximate centre (RA, Dec)",
+                                        "Just Solve, which searches the whole sky"};
 
 /// What is wrong, and the one thing to try. Empty when that is not known.
 struct CauseAndCure {

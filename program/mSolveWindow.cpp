@@ -8,6 +8,7 @@
 #include "astro/libStrings.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
+#include "program/mFailureCause.h"
 #include "program/mImageData.h"
 #include "program/mMORA.h"
 #include "program/mPictureHints.h"
@@ -58,8 +59,21 @@ std::optional<InputFault> ReadInputs(const SolveInputs& inputs, UnattendedReques
     return std::nullopt;
 }
 
-std::string DetailsOf(const ProgramState& state, SolveCode code) {
-    return code == SolveCode::Solved ? SolutionText(state) : FailureText(state, code, WindowWords);
+std::string DetailsOf(const ProgramState& state, SolveCode code,
+                      const CauseAndCure& likeliest = {}) {
+    return code == SolveCode::Solved ? SolutionText(state)
+                                     : FailureText(state, code, WindowWords, likeliest);
+}
+
+/// What the picture tells of a search around a place that found nothing. The whole sky is left to
+/// Just Solve, which the user is offered.
+CauseAndCure CauseOfSearch(ProgramState& state, Port& port, SolveCode code,
+                           const PlateSearch& search) {
+    SearchRequest request;
+    request.Around = {{search.Start, search.Width, search.Height, search.RegionLimit}};
+    request.TimeLimit = 0;
+    const auto cause = CauseOfFailure(state, port, code, request, WindowWords);
+    return cause ? CauseAndCure{cause->Text, cause->Try} : CauseAndCure{};
 }
 
 /// Whether there is a file of a name that some other program wrote.
@@ -148,8 +162,9 @@ void PlateMatchCommand(ProgramState& state, Port& port) {
     if (!operation) return;
     const auto request = BeginSearch(state, port);
     if (!request) return;
-    const SolveCode code = SolvePlate(state, port, SearchFor(*request, state.Parameters));
-    state.Display.Details = DetailsOf(state, code);
+    const PlateSearch search = SearchFor(*request, state.Parameters);
+    const SolveCode code = SolvePlate(state, port, search);
+    state.Display.Details = DetailsOf(state, code, CauseOfSearch(state, port, code, search));
     state.Display.OffersJustSolve = code == SolveCode::NoMatch;
     if (code == SolveCode::Solved) port.ImageChanged();
 }

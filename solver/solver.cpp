@@ -13,6 +13,7 @@
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "program/mCommandLine.h"
+#include "program/mFailureCause.h"
 #include "program/mImageData.h"
 #include "program/mSettings.h"
 #include "program/mSolvedImage.h"
@@ -208,9 +209,12 @@ class Solver::Session {
         request.Search.Stars = stars_;
         PlanReport plan;
         state_.Quads.Fault.clear();
-        code_ = SolveByPlan(state_, port, request.Search, plan);
+        SearchRequest search = request.Search;
+        search.TimeLimit -= InquirySeconds(request.Search);
+        code_ = SolveByPlan(state_, port, search, plan);
         ExplainEnd(state_, code_, plan, watch.Stop.stop_requested(), outcome);
         outcome.Stars = StarsOfPicture(state_);
+        if (!stars_) ExplainCause(state_, port, code_, request.Search, outcome);
         outcome.SolvedBy = plan.SolvedBy;
         if (code_ != SolveCode::Solved) return;
         if (plan.Start) outcome.StartedFrom = request.Sources[*plan.Start];

@@ -216,6 +216,10 @@ struct VESTREL_PUBLIC SolverOutcome {
     SolverEnd End = SolverEnd::NoPicture;
     std::string Reason;               ///< why there is no solution, in a sentence; else empty
     std::vector<std::string> Advice;  ///< what to try next
+    /// The likeliest cause of a failure: a name that never changes ("trailed"), and a sentence with
+    /// the figures that speak for it; empty when nothing is known. The first advice belongs to it.
+    std::string CauseKind;
+    std::string Cause;
     PictureFacts Picture;
     std::optional<SolvedField> Field;         ///< when it was solved
     SolverCertainty Certainty;                ///< of the solution, or of the candidate

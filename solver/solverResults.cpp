@@ -7,6 +7,7 @@
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "platform/libConsole.h"
+#include "program/mFailureCause.h"
 #include "program/mSolveReport.h"
 
 namespace vestrel {
@@ -20,7 +21,8 @@ constexpr InputWords libraryWords{"DetectionThreshold",
                                   "the scale",
                                   "the centre",
                                   "MostRegions",
-                                  "give the approximate centre"};
+                                  "give the approximate centre",
+                                  "search the whole sky (WholeSky)"};
 
 /// The header's text of a keyword; a reader keeps its quotes, and "0" stands for none.
 std::string PlainText(const std::string& text) {
@@ -219,6 +221,15 @@ void ExplainEnd(const ProgramState& state, SolveCode code, const PlanReport& pla
     }
     end(SolverEnd::NoMatch, "No place that was searched matches its " +
                                 std::to_string(state.Extraction.StarsFound) + " stars.");
+}
+
+void ExplainCause(ProgramState& state, Port& port, SolveCode code, const SearchRequest& request,
+                  SolverOutcome& outcome) {
+    const auto cause = CauseOfFailure(state, port, code, request, libraryWords);
+    if (!cause || cause->Text.empty()) return;
+    outcome.CauseKind = NameOf(cause->Kind);
+    outcome.Cause = cause->Text;
+    outcome.Advice.insert(outcome.Advice.begin(), cause->Try);
 }
 
 }  // namespace vestrel

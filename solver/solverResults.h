@@ -33,4 +33,8 @@ SolvedField FieldOf(const ProgramState& state, const std::optional<ImageSkyModel
 void ExplainEnd(const ProgramState& state, SolveCode code, const PlanReport& plan, bool stopped,
                 SolverOutcome& outcome);
 
+/// Adds why the loaded image was not solved, as far as its pixels tell.
+void ExplainCause(ProgramState& state, Port& port, SolveCode code, const SearchRequest& request,
+                  SolverOutcome& outcome);
+
 }  // namespace vestrel

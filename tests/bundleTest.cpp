@@ -141,5 +141,61 @@ TEST_F(Bundles, HostileOnesAreRefusedAndWriteNowhere) {
     }
 }
 
+/// Every key of a text of JSON, with what follows it up to the end of its line.
+std::vector<std::pair<std::size_t, std::size_t>> ValuesOf(const std::string& json) {
+    std::vector<std::pair<std::size_t, std::size_t>> values;
+    for (std::size_t at = 0; (at = json.find("\": ", at)) != std::string::npos;) {
+        at += 3;
+        std::size_t end = json.find_first_of("\n", at);
+        if (json[end - 1] == ',') --end;
+        values.emplace_back(at, end);
+    }
+    return values;
+}
+
+TEST_F(Bundles, CutShortOrWithoutAMemberOrOfAnotherTypeAreRefused) {
+    const auto path = folder_ / "one.zip";
+    Make(path, Around(centre, 1));
+    const std::string whole = ReadFile(path);
+    for (std::size_t length = 0; length < whole.size(); length += 1 + whole.size() / 60) {
+        WriteFile(folder_ / "cut.zip", whole.substr(0, length));
+        EXPECT_THROW(Bundle{folder_ / "cut.zip"}, std::runtime_error) << length;
+    }
+    const auto entries = ReadZip(path);
+    ASSERT_EQ(entries[0].Name, "bundle.json");
+    const std::string& good = entries[0].Bytes;
+    const auto values = ValuesOf(good);
+    EXPECT_GT(values.size(), 30U);
+    int refused = 0;
+    for (const auto& [from, to] : values) {
+        if (good[to - 1] == '{' || good[to - 1] == '[') continue;  // goes on in the next line
+        for (const std::string other : {"[[1]]", "{}", "\"1e\"", "-1e999", "null", "true"}) {
+            auto changed = entries;
+            changed[0].Bytes.replace(from, to - from, other);
+            WriteZip(folder_ / "evil.zip", changed);
+            try {
+                const Bundle bundle(folder_ / "evil.zip");
+            } catch (const std::runtime_error& fault) {
+                EXPECT_FALSE(std::string(fault.what()).empty());
+                ++refused;
+            }
+        }
+        // Without the member under this name.
+        auto renamed = entries;
+        renamed[0].Bytes[from - 4] ^= 1;
+        WriteZip(folder_ / "evil.zip", renamed);
+        const std::string name = good.substr(good.rfind('\n', from) + 1, from - 3);
+        const bool optional = name.find("program") != std::string::npos ||
+                              name.find("cards") != std::string::npos ||
+                              name.find("attempts") != std::string::npos;
+        if (optional) continue;
+        EXPECT_THROW(Bundle{folder_ / "evil.zip"}, std::runtime_error) << name;
+    }
+    EXPECT_GT(refused, 100);
+    EXPECT_THROW(Bundle{folder_ / "no such.zip"}, std::runtime_error);
+    WriteZip(folder_ / "evil.zip", {{"cells/N00R03", "x"}});
+    EXPECT_THROW(Bundle{folder_ / "evil.zip"}, std::runtime_error) << "no main entry";
+}
+
 }  // namespace
 }  // namespace vestrel

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <numbers>
 #include <set>
@@ -133,32 +134,129 @@ TEST_F(SeededField, OfOtherStarsIsNeverSure) {
     }
 }
 
-TEST_F(SeededField, PlatesTriedAreThoseWithALengthInRange) {
+double LengthOf(const PlateStar& a, const PlateStar& b) {
+    return std::hypot(double{a.X} - double{b.X}, double{a.Y} - double{b.Y});
+}
+
+TEST_F(SeededField, PlatesTriedAreThoseWithALengthInRangeThatWereNotTriedBefore) {
     Random random(43);
     Make(random, 60, 20, 20, false);
     const ImageStars places(Image, columns, rows);
-    const SeedSettings settings = Settings();
-    const auto length = [](const PlateStar& a, const PlateStar& b) {
-        return std::hypot(double{a.X} - double{b.X}, double{a.Y} - double{b.Y});
-    };
-    double expected = 0;
+    SeedSettings settings = Settings();
+    for (const bool wider : {false, true}) {
+        if (wider) {
+            settings.TriedSmallest = settings.SmallestScale;
+            settings.TriedLargest = settings.LargestScale;
+            settings.SmallestScale /= 1.2;
+            settings.LargestScale *= 1.3;
+        }
+        double expected = 0;
+        for (int c1 = 1; c1 <= settings.CatalogSeeds; ++c1) {
+            for (int c2 = 1; c2 < c1; ++c2) {
+                for (int i = 1; i <= std::min(settings.ImageSeeds, Image.Count()); ++i) {
+                    for (int j = 1; j <= std::min(settings.ImageSeeds, Image.Count()); ++j) {
+                        const double pixels = LengthOf(Image[i], Image[j]);
+                        const double scale = LengthOf(Catalog[c1], Catalog[c2]) / pixels;
+                        const bool tried =
+                            scale >= settings.TriedSmallest && scale <= settings.TriedLargest;
+                        // Both sides of the sky for each order.
+                        if (i != j && pixels >= 0.12 * std::hypot(columns, rows) && !tried &&
+                            scale >= settings.SmallestScale && scale <= settings.LargestScale) {
+                            expected += 2;
+                        }
+                    }
+                }
+            }
+        }
+        EXPECT_GT(expected, 1000);
+        EXPECT_EQ(SeedMatcher(places, settings).PlatesOf(Catalog), expected);
+    }
+}
+
+/// Whether the catalog's stars speak for a plate, with a plain search for each of them.
+bool SpeaksFor(const PlateConstants& plate, const PlateStarList& catalog, const ImageStars& image,
+               double tolerance) {
+    std::set<int> met;
+    double odds = 0;
+    double best = 0;
+    for (int c = 1; c <= std::min(120, catalog.Count()) && odds >= -4.5; ++c) {
+        double x = 0;
+        double y = 0;
+        ApplyPlateFit(plate, double{catalog[c].X}, double{catalog[c].Y}, x, y);
+        if (!image.InFrame(x, y)) continue;
+        int nearest = 0;
+        double closest = tolerance;
+        for (int i = 1; i <= image.Count(); ++i) {
+            const double distance = LengthOf(image.Stars()[i], At(x, y));
+            if (distance < closest) {
+                closest = distance;
+                nearest = i;
+            }
+        }
+        if (nearest == 0) {
+            odds -= std::log(2);
+        } else if (met.insert(nearest).second && met.size() > 2) {
+            const double chance =
+                std::min(image.DensityAt(x, y) * std::numbers::pi * tolerance * tolerance, 0.9);
+            odds += std::log(0.5 / chance + 0.5);
+            best = std::max(best, odds);
+        }
+    }
+    return best > 7;
+}
+
+TEST_F(SeededField, PlatesShownAreThoseThatAPlainSearchFinds) {
+    Random random(50);
+    // Crowded, so that chance confirms many; with stars at the very edges.
+    Make(random, 150, 60, 40, true);
+    for (const auto& [x, y] : {std::pair(-0.45, -0.45), std::pair(columns - 0.55, rows - 0.55),
+                               std::pair(0.0, rows / 2.0), std::pair(columns - 0.6, 3.0)}) {
+        Image.Add(At(x, y, 1));
+    }
+    const ImageStars places(Image, columns, rows);
+    SeedSettings settings = Settings();
+    settings.CatalogSeeds = 12;
+    settings.ImageSeeds = 16;
+    settings.Tolerance = 4.5;
+    std::set<std::array<int, 4>> shown;
+    SeedMatcher matcher(places, settings);
+    matcher.Match(
+        Catalog,
+        [&](const MatchedPlate& match) {
+            shown.insert({match.Seed[1].Star1, match.Seed[1].Star2, match.Seed[2].Star1,
+                          match.Seed[2].Star2});
+            return false;
+        },
+        [] { return false; });
+    std::set<std::array<int, 4>> expected;
     for (int c1 = 1; c1 <= settings.CatalogSeeds; ++c1) {
-        for (int c2 = 1; c2 < c1; ++c2) {
-            for (int i = 1; i <= std::min(settings.ImageSeeds, Image.Count()); ++i) {
-                for (int j = 1; j <= std::min(settings.ImageSeeds, Image.Count()); ++j) {
-                    const double pixels = length(Image[i], Image[j]);
-                    const double scale = length(Catalog[c1], Catalog[c2]) / pixels;
-                    // Both sides of the sky for each order.
-                    if (i != j && pixels >= 0.12 * std::hypot(columns, rows) &&
-                        scale >= settings.SmallestScale && scale <= settings.LargestScale) {
-                        expected += 2;
+        for (int c2 = c1 + 1; c2 <= settings.CatalogSeeds; ++c2) {
+            for (int i = 1; i <= settings.ImageSeeds; ++i) {
+                for (int j = 1; j <= settings.ImageSeeds; ++j) {
+                    const double pixels = LengthOf(Image[i], Image[j]);
+                    const double scale = LengthOf(Catalog[c1], Catalog[c2]) / pixels;
+                    if (i == j || pixels < 0.12 * std::hypot(columns, rows) ||
+                        scale < settings.SmallestScale || scale > settings.LargestScale) {
+                        continue;
+                    }
+                    for (const double side : {1.0, -1.0}) {
+                        PlateStarList ends{Catalog[c1], Catalog[c2]};
+                        PlateConstants plate{1, 0, 0, 0, side, 0};
+                        const PlateStarList there{Image[i], Image[j]};
+                        FitSimilarPlate(ends, there, {{1, 1, 0, true}, {2, 2, 0, true}}, plate);
+                        MatchedPlate match;
+                        match.Plate = plate;
+                        if (SpeaksFor(plate, Catalog, places, settings.Tolerance) &&
+                            RefinePlate(Catalog, places, settings.Tolerance, match)) {
+                            expected.insert({c1, i, c2, j});
+                        }
                     }
                 }
             }
         }
     }
-    EXPECT_GT(expected, 1000);
-    EXPECT_EQ(SeedMatcher(places, settings).PlatesOf(Catalog), expected);
+    EXPECT_GT(expected.size(), 3U);
+    EXPECT_EQ(shown, expected);
 }
 
 TEST(CameraPlane, IsGnomonicAndAPlateAboutTheMiddleIsTheSamePlate) {
@@ -272,6 +370,47 @@ TEST(Peaks, SpreadEvenlyComeFromEveryPartFirst) {
     }
     EXPECT_EQ(fluxes.size(), 300U);
     EXPECT_EQ(cells.size(), 16U);
+}
+
+TEST(Peaks, OfANegativeAreThoseOfThePicture) {
+    Random random(49);
+    PlateImage image = EmptyImage(columns, rows, 300);
+    for (int y = 0; y < rows; ++y) {
+        for (int x = 0; x < columns; ++x) {
+            image.Pixels(x, y) += static_cast<std::int32_t>(std::lround(random.Normal(5)));
+        }
+    }
+    for (int i = 0; i < 60; ++i) {
+        AddStar(image, random.Between(20, columns - 20), random.Between(20, rows - 20),
+                random.Between(1500, 5500), 1.6);
+    }
+    const auto turnOver = [&image] {
+        for (int y = 0; y < rows; ++y) {
+            for (int x = 0; x < columns; ++x) image.Pixels(x, y) = 700 - image.Pixels(x, y);
+        }
+    };
+    EXPECT_FALSE(MayBeNegative(image));
+    const std::vector<Peak> plain = StarsAmong(FindPeaks(image, {}), image);
+    PeakSettings dark;
+    dark.Dark = true;
+    turnOver();
+    EXPECT_TRUE(MayBeNegative(image));
+    const std::vector<Peak> turned = StarsAmong(FindPeaks(image, dark), image);
+    EXPECT_GT(plain.size(), 50U);
+    ASSERT_EQ(turned.size(), plain.size());
+    for (std::size_t i = 0; i < plain.size(); ++i) {
+        const auto same = [&](const Peak& peak) {
+            return std::hypot(peak.X - plain[i].X, peak.Y - plain[i].Y) < 0.2;
+        };
+        EXPECT_TRUE(std::any_of(turned.begin(), turned.end(), same)) << i;
+    }
+    // Hills before the sky are dark, but no stars.
+    turnOver();
+    for (int y = 0; y < rows / 3; ++y) {
+        for (int x = 0; x < columns; ++x) image.Pixels(x, y) = 20;
+    }
+    EXPECT_GT(StarsAmong(FindPeaks(image, {}), image).size(),
+              StarsAmong(FindPeaks(image, dark), image).size());
 }
 
 TEST(SearchPlan, EndsWithinItsTimeLimitAndWhenItIsStopped) {

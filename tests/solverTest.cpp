@@ -155,7 +155,11 @@ TEST(Solver, TellsWhyThereIsNoSolution) {
     EXPECT_TRUE(solver.CoordinateCards().empty());
 
     const std::vector<std::uint8_t> dark(std::size_t{side} * side, 40);
-    EXPECT_EQ(solver.Solve(sky.Pixels(dark, SampleType::UInt8)).End, SolverEnd::TooFewStars);
+    const SolverOutcome empty = solver.Solve(sky.Pixels(dark, SampleType::UInt8));
+    EXPECT_EQ(empty.End, SolverEnd::TooFewStars);
+    EXPECT_NE(empty.CauseKind, "");
+    EXPECT_NE(empty.Cause, "");
+    ASSERT_FALSE(empty.Advice.empty());
 
     SolverHints elsewhere = sky.Near;
     elsewhere.WholeSky = false;
@@ -163,6 +167,8 @@ TEST(Solver, TellsWhyThereIsNoSolution) {
     elsewhere.Centres[0].Dec += 0.5;
     const SolverOutcome off = solver.Solve(TextFromPath(sky.Frame), elsewhere);
     EXPECT_EQ(off.End, SolverEnd::NoMatch) << NameOf(off.End);
+    EXPECT_NE(off.CauseKind, "") << "the pixels are good: so the place is not";
+    EXPECT_TRUE(solver.Solve(TextFromPath(sky.Frame), sky.Near).Cause.empty());
 
     SolverSettings nowhere;
     nowhere.CatalogFolder = TextFromPath(sky.Folder / "no such folder");
