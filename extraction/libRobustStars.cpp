@@ -251,10 +251,13 @@ std::vector<Peak> FindPeaks(const PlateImage& image, const PeakSettings& setting
 }
 
 bool MayBeNegative(const PlateImage& image) {
-    constexpr std::int32_t step = 3;
+    constexpr double samples = 1e5;
     constexpr double far = 6;      // standard deviations
     constexpr double fewest = 20;  // pixels
     constexpr double muchMore = 5;
+    const auto step = std::max(static_cast<std::int32_t>(std::sqrt(
+                                   static_cast<double>(image.Width) * image.Height / samples)),
+                               1);
     std::vector<double> values;
     for (std::int32_t y = 0; y < image.Height; y += step) {
         const std::int32_t* row = image.Pixels.Row(y).data();

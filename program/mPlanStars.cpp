@@ -1,7 +1,6 @@
 #include "program/mPlanStars.h"
 
 #include <utility>
-#include <vector>
 
 #include "extraction/libMosaic.h"
 #include "extraction/libRobustStars.h"
@@ -11,6 +10,15 @@ namespace vestrel {
 
 void PlanStars::KeepMosaicSums() {
     if (pixels_ && !given_) mosaicSums_ = SumsOfMosaic(state_.Image);
+}
+
+void PlanStars::LookForNegative() {
+    if (!pixels_ || given_ || mosaicSums_ || !MayBeNegative(state_.Image)) return;
+    const StageTimer timer(state_.Report.Times.Extraction);
+    PeakSettings settings;
+    settings.Binning = BinningFor(state_.Image);
+    settings.Dark = true;
+    darkStars_ = StarListOf(StarsAmong(FindPeaks(state_.Image, settings), state_.Image));
 }
 
 const PlateStarList& PlanStars::Of(StarSource from) {
@@ -28,13 +36,9 @@ const PlateStarList& PlanStars::Of(StarSource from) {
         const PlateImage& looked = mosaicSums_ ? *mosaicSums_ : image;
         PeakSettings settings;
         settings.Binning = BinningFor(looked);
-        std::vector<Peak> stars = StarsAmong(FindPeaks(looked, settings), looked);
-        if (MayBeNegative(looked)) {
-            settings.Dark = true;
-            std::vector<Peak> dark = StarsAmong(FindPeaks(looked, settings), looked);
-            if (dark.size() > stars.size()) stars = std::move(dark);
-        }
-        list = StarListOf(stars);
+        list = StarListOf(StarsAmong(FindPeaks(looked, settings), looked));
+        // Hills before the sky are dark too, but have few peaks.
+        if (darkStars_.Count() > list->Count()) list = darkStars_;
         if (mosaicSums_) list = InMosaicPixels(*std::move(list));
     }
     return *list;

@@ -35,6 +35,10 @@ class PlanStars {
     /// plain extraction changes them, and leaves little of the darker colours.
     void KeepMosaicSums();
 
+    /// Looks for the stars of a negative. As `KeepMosaicSums`, before the plain extraction cuts off
+    /// what is far below the sky.
+    void LookForNegative();
+
     void SetExtracted(const PlateStarList& stars) { ListOf(StarSource::Extracted) = stars; }
 
     /// Brightest first, but for the even ones; empty when there are none.
@@ -50,6 +54,7 @@ class PlanStars {
     bool pixels_;  ///< may be looked at
     StarLists lists_;
     std::optional<PlateImage> mosaicSums_;
+    PlateStarList darkStars_;
 };
 
 }  // namespace vestrel

@@ -100,6 +100,7 @@ class Plan {
 
     SolveCode RunAttempts() {
         if (mosaic_) lists_.KeepMosaicSums();
+        lists_.LookForNegative();
         if (request_.Lists) {
             enoughStars_ = TakeKeptStars();
         } else {

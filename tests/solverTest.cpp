@@ -106,6 +106,17 @@ TEST(Solver, SameSkyHoweverThePictureComes) {
     ASSERT_TRUE(widened.Solved()) << widened.Reason;
     ExpectSameSky(*widened.Field, *file.Field, 1e-9);
 
+    // A negative, as charts and scans of plates are: the same stars, measured in another way.
+    std::vector<std::uint16_t> negative;
+    for (const std::uint16_t sample : sky.Samples) {
+        negative.push_back(static_cast<std::uint16_t>(20000 - sample));
+    }
+    for (const SolverHints& hints : {sky.Near, sky.Sized}) {
+        const SolverOutcome turned = solver.Solve(sky.Pixels(negative, SampleType::UInt16), hints);
+        ASSERT_TRUE(turned.Solved()) << turned.Reason;
+        ExpectSameSky(*turned.Field, *file.Field, 0.3);
+    }
+
     // The stars that were found, in any order.
     StarField stars{{file.Stars.rbegin(), file.Stars.rend()}, side, side, {}, "a list"};
     for (const SolverHints& hints : {sky.Near, sky.Sized}) {
