@@ -1,7 +1,6 @@
 #include "program/mSearchPlan.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cmath>
 #include <optional>
@@ -10,13 +9,13 @@
 #include <vector>
 
 #include "astro/libMath.h"
-#include "catalog/libCatalogRegion.h"
 #include "image/libHints.h"
 #include "matching/libCameraPlane.h"
 #include "matching/libQuadLookup.h"
 #include "matching/libSeededConfidence.h"
 #include "matching/libSeededMatch.h"
 #include "program/mMORA.h"
+#include "program/mPlanAttempts.h"
 #include "program/mPlanStars.h"
 #include "program/mPlateMatch.h"
 #include "program/mStarExtraction.h"
@@ -26,42 +25,7 @@ namespace vestrel {
 
 namespace {
 
-/// One attempt around a hint: two stars of each list, confirmed by the others.
-struct SeedAttempt {
-    const char* Name;
-    StarSource From;
-    double SizeError;  ///< of the given size, as a part of it
-    double Tried;      ///< the error up to which an attempt before has tried these stars
-};
-constexpr std::array seedAttempts{
-    SeedAttempt{"seeds", StarSource::Peaks, 0.08, 0},
-    SeedAttempt{"even seeds", StarSource::EvenPeaks, 0.08, 0},
-    SeedAttempt{"seeds of other sizes", StarSource::Peaks, 0.35, 0.08},
-    SeedAttempt{"even seeds of other sizes", StarSource::EvenPeaks, 0.35, 0.08},
-};
-
-/// One attempt without a hint: quads of all bands are looked up.
-struct QuadAttempt {
-    const char* Name;
-    StarSource From;
-    std::int32_t FirstStars;  ///< that lead quads in narrow fields; thrice as many in wide ones
-    std::int32_t LookedUp;    ///< led the quads of an attempt before
-};
-constexpr std::array quadAttempts{
-    QuadAttempt{"quads of peaks", StarSource::Peaks, 10, 0},
-    QuadAttempt{"quads", StarSource::Extracted, 10, 0},
-    QuadAttempt{"quads of even peaks", StarSource::EvenPeaks, 10, 0},
-    QuadAttempt{"more quads of peaks", StarSource::Peaks, 20, 10},
-    QuadAttempt{"more quads", StarSource::Extracted, 20, 10},
-    QuadAttempt{"more quads of even peaks", StarSource::EvenPeaks, 20, 10},
-};
-
 constexpr std::int32_t fewestStars = 6;  // for the plain search
-
-/// The tolerance of a plate that few stars gave, pixels: lenses bend it.
-double RoughTolerance(const PlateImage& image) {
-    return std::max(3.0, 0.005 * std::max(image.Width, image.Height));
-}
 
 /// All attempts on one image, and the lists that they share.
 class Plan {
@@ -173,7 +137,7 @@ class Plan {
 
     bool SeedsOf(const SearchHint& hint) {
         return !hint.Briefly &&
-               std::any_of(seedAttempts.begin(), seedAttempts.end(), [&](const auto& attempt) {
+               std::any_of(SeedAttempts.begin(), SeedAttempts.end(), [&](const auto& attempt) {
                    return !MustEnd() &&
                           Try(attempt.Name, [&] { return SeededSearch(attempt, hint); });
                });
@@ -244,22 +208,6 @@ class Plan {
         return sure;
     }
 
-    /// All catalog stars about a centre that an image of this size may show, brightest first, on
-    /// the solve's own plane.
-    PlateStarList CatalogAbout(SkyPosition centre, double radius) {
-        const StageTimer timer(state_.Report.Times.Catalog);
-        constexpr double deeper = 1.5;  // magnitudes than the plain search
-        constexpr double widest = 1.2;  // radians
-        constexpr std::int32_t most = 600;
-        Projection plane;
-        plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
-        PlateStarList stars =
-            RegionStars(state_.Catalog, plane, centre, std::sin(std::min(radius, widest)),
-                        MagnitudeLimitFor(radius) + deeper);
-        stars.Resize(std::min(stars.Count(), most));
-        return stars;
-    }
-
     bool SeededSearch(const SeedAttempt& attempt, const SearchHint& hint) {
         const PlateStarList& stars = lists_.Of(attempt.From);
         constexpr std::int32_t fewest = 4;
@@ -291,7 +239,8 @@ class Plan {
                 NextSpiralCell(i, j, ring);
                 centre = grid.PlaneToSky(i * step, j * step);
             }
-            const PlateStarList catalog = OnCameraPlane(CatalogAbout(centre, radius), centre);
+            const PlateStarList catalog =
+                OnCameraPlane(CatalogAbout(state_, centre, radius), centre);
             ++searches_;
             const StageTimer timer(state_.Report.Times.Matching);
             const auto accept = [&](const MatchedPlate& match) {
@@ -315,7 +264,7 @@ class Plan {
         if (!middle) return false;
         const double radius = std::hypot(image.Width, image.Height) / 2 /
                               PlateGeometry(middle->Plate).Scale / SolveArcsecondsPerRadian;
-        RegionMatch region{middle->Centre, CatalogAbout(middle->Centre, radius), {}};
+        RegionMatch region{middle->Centre, CatalogAbout(state_, middle->Centre, radius), {}};
         MatchedPlate flat;
         flat.Plate = middle->Plate;
         if (!RefinePlate(region.CatalogStars, places, std::max(3.0, 2.5 * match.Rms), flat)) {
@@ -342,27 +291,14 @@ class Plan {
     bool SearchEverywhere() {
         state_.Report.Blind = true;
         state_.QuadMatch = {};
-        const std::vector<QuadBand> bands = LikelyBands();
+        const std::vector<QuadBand> bands = LikelyBands(state_, request_.Diagonals);
         const bool sure =
-            std::any_of(quadAttempts.begin(), quadAttempts.end(), [&](const auto& attempt) {
+            std::any_of(QuadAttempts.begin(), QuadAttempts.end(), [&](const auto& attempt) {
                 return !bands.empty() && !MustEnd() &&
                        Try(attempt.Name, [&] { return LookUpQuads(attempt, bands); });
             });
         if (!sure && !quadFault_.empty()) state_.Quads.Fault = quadFault_;
         return sure;
-    }
-
-    /// All bands: those of the sizes given first, then the wide ones, whose tables are small.
-    std::vector<QuadBand> LikelyBands() {
-        std::vector<QuadBand> bands = QuadBandsOf(state_);
-        std::reverse(bands.begin(), bands.end());
-        std::stable_partition(bands.begin(), bands.end(), [&](const QuadBand& band) {
-            constexpr double error = 1.3;  // of a size that is given
-            return std::any_of(request_.Diagonals.begin(), request_.Diagonals.end(), [&](double d) {
-                return d * error > band.SmallestDiagonal && d / error < band.LargestDiagonal;
-            });
-        });
-        return bands;
     }
 
     bool LookUpQuads(const QuadAttempt& attempt, const std::vector<QuadBand>& bands) {
@@ -416,7 +352,7 @@ class Plan {
         const double radius = std::hypot(places.Width(), places.Height()) / 2 /
                               PlateGeometry(plate.Plate).Scale / SolveArcsecondsPerRadian;
         const PlateStarList catalog =
-            OnCameraPlane(CatalogAbout(plate.Centre, radius), plate.Centre);
+            OnCameraPlane(CatalogAbout(state_, plate.Centre, radius), plate.Centre);
         MatchedPlate match;
         match.Plate = plate.Plate;
         QuadSearch& search = state_.QuadMatch;
