@@ -22,6 +22,9 @@ void AddVerifyCommand(CLI::App& program, ToolExit& exitCode);
 /// Adds `--catalog DIR` to a subcommand.
 void AddCatalogOption(CLI::App& command, std::string& folder);
 
+/// Adds `--progress-json` to a subcommand. The style must live while the line is parsed.
+void AddProgressOption(CLI::App& command, ProgressStyle& style);
+
 /// The folder that `--catalog` names, or the usual one when it was not given.
 std::filesystem::path ChosenCatalog(const std::string& folder);
 

@@ -151,13 +151,15 @@ void PrintFields(const CatalogSurvey& survey) {
 /// Whether the brightest stars are there, as far as can be told.
 std::string BrightStatement(const CatalogFacts& facts) {
     if (facts.State != ManifestState::Good) return "unknown: there is no record of the build";
+    std::string statement;
     for (const CatalogSource& source : facts.Manifest.Sources) {
-        if (source.Kind == "bright") {
-            return GroupedText(source.Used) + " that the survey lacks were added from " +
-                   source.File;
-        }
+        if (source.Kind != "bright" && source.Kind != "kstars") continue;
+        if (!statement.empty()) statement += "; ";
+        statement +=
+            GroupedText(source.Used) + " that no other source has were added from " + source.File;
     }
-    return "lacking: no second source was given; build with --bright FILE to add them";
+    return statement.empty() ? "lacking: build with --kstars FOLDER or --bright FILE to add them"
+                             : statement;
 }
 
 void PrintJson(const CatalogFacts& facts) {

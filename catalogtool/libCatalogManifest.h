@@ -56,7 +56,8 @@ struct CellContent {
 
 /// One file that stars were taken from.
 struct CatalogSource {
-    std::string Kind;      ///< "tycho2", "csv", "fits", "index", "astap", "bright" or "synthetic"
+    std::string
+        Kind;  ///< "tycho2", "csv", "fits", "index", "astap", "kstars", "bright", "synthetic"
     std::string File;      ///< its name without the folder
     std::string Modified;  ///< when it was last changed, UTC; empty when unknown (a pipe)
     std::uint64_t Rows = 0;

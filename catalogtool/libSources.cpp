@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "catalogtool/libAstap.h"
+#include "catalogtool/libKStars.h"
 #include "platform/libPlatform.h"
 
 namespace vestrel {
@@ -47,6 +48,8 @@ std::vector<fs::path> UsualSourceFolders() {
     for (const char* variable : {"ProgramFiles", "ProgramFiles(x86)", "LOCALAPPDATA"}) {
         const char* base = std::getenv(variable);
         if (base == nullptr) continue;
+        folders.push_back(PathFromText(base) / "KStars Desktop Planetarium" / "data");
+        folders.push_back(PathFromText(base) / "kstars");
         folders.push_back(PathFromText(base) / "astap");
         folders.push_back(PathFromText(base) / "cygwin_ansvr" / "usr" / "share" / "astrometry");
         folders.push_back(PathFromText(base) / "cygwin_ansvr" / "usr" / "share" / "astrometry" /
@@ -56,13 +59,16 @@ std::vector<fs::path> UsualSourceFolders() {
     for (const char* folder :
          {"/opt/astap", "/usr/share/astap/data", "/usr/local/share/astap", "/usr/share/astrometry",
           "/usr/local/astrometry/data", "/usr/local/share/astrometry",
-          "/Library/Application Support/ASTAP", "/Applications/ASTAP.app/Contents/MacOS"}) {
+          "/Library/Application Support/ASTAP", "/Applications/ASTAP.app/Contents/MacOS",
+          "/usr/share/kstars", "/usr/local/share/kstars",
+          "/Applications/kstars.app/Contents/Resources/kstars"}) {
         folders.emplace_back(folder);
     }
     if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {
         for (const char* folder :
-             {".astap", "astap", ".local/share/astap", ".local/share/kstars/astrometry",
-              "Library/Application Support/Astrometry", ".local/share/astrometry"}) {
+             {".astap", "astap", ".local/share/astap", ".local/share/kstars",
+              ".local/share/kstars/astrometry", "Library/Application Support/Astrometry",
+              ".local/share/astrometry"}) {
             folders.push_back(PathFromText(home) / folder);
         }
     }
@@ -80,6 +86,8 @@ CatalogSources FindCatalogSources(const std::vector<fs::path>& folders) {
         }
         const std::vector<fs::path> indexes = IndexFilesIn(folder);
         if (!indexes.empty()) found.Indexes.push_back({folder, indexes, BytesOf(indexes)});
+        const std::vector<fs::path> stars = KStarsFilesIn(folder);
+        if (!stars.empty()) found.KStars.push_back({folder, stars.size(), BytesOf(stars)});
     }
     return found;
 }

@@ -22,9 +22,17 @@ struct IndexSource {
     std::uint64_t Bytes = 0;
 };
 
+/// Star files of KStars in one folder.
+struct KStarsSource {
+    std::filesystem::path Folder;  ///< what `build --kstars` takes
+    std::size_t Files = 0;
+    std::uint64_t Bytes = 0;
+};
+
 struct CatalogSources {
     std::vector<AstapSource> Astap;
     std::vector<IndexSource> Indexes;
+    std::vector<KStarsSource> KStars;
     std::vector<std::filesystem::path> LookedIn;
 };
 

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <nlohmann/json.hpp>
 #include <system_error>
 
 #include "platform/libConsole.h"
@@ -59,7 +60,9 @@ std::string GroupedText(std::uint64_t number) {
     return text;
 }
 
-ProgressLine::ProgressLine(std::FILE* stream) : stream_(IsTerminal(stream) ? stream : nullptr) {}
+ProgressLine::ProgressLine(std::FILE* stream, ProgressStyle style)
+    : stream_(style == ProgressStyle::Json || IsTerminal(stream) ? stream : nullptr),
+      style_(style) {}
 
 void ProgressLine::Show(std::string_view task, std::uint64_t done, std::uint64_t total,
                         std::uint64_t count) {
@@ -68,13 +71,24 @@ void ProgressLine::Show(std::string_view task, std::uint64_t done, std::uint64_t
     const auto now = std::chrono::steady_clock::now();
     if (now < next_) return;
     next_ = now + std::chrono::milliseconds(150);
+    std::optional<int> percent;
+    if (total > 0) {
+        const double share = static_cast<double>(done) / static_cast<double>(total);
+        percent = static_cast<int>(100 * std::min(share, 1.0));
+    }
+    if (style_ == ProgressStyle::Terminal) return Draw(task, percent, count);
+    nlohmann::ordered_json line = {{"task", task}, {"percent", nullptr}, {"count", count}};
+    if (percent) line["percent"] = *percent;
+    // ASCII: the task may hold the name of a file in whatever bytes.
+    const std::string text = line.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
+    std::fprintf(stream_, "%s\n", text.c_str());
+    std::fflush(stream_);
+}
 
+void ProgressLine::Draw(std::string_view task, std::optional<int> percent, std::uint64_t count) {
     std::string line(task);
     line += ": ";
-    if (total > 0) {
-        const double percent = 100.0 * static_cast<double>(done) / static_cast<double>(total);
-        line += std::to_string(std::min(static_cast<int>(percent), 100)) + " %, ";
-    }
+    if (percent) line += std::to_string(*percent) + " %, ";
     line += GroupedText(count);
     const std::size_t shown = line.size();
     // Blanks wipe what a longer line left; an escape sequence would need to know the terminal.

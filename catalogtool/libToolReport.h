@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -47,17 +48,21 @@ std::string SystemErrorText();
 /// A number with its thousands set apart, "1,871,011".
 std::string GroupedText(std::uint64_t number);
 
-/// One line on a terminal that says how far the work is. Plain characters only, no colours.
+enum class ProgressStyle {
+    Terminal,  ///< one line that is drawn over; nothing where there is no terminal
+    Json       ///< for other programs: one object a line, {"task":"...","percent":37,"count":12}
+};
+
+/// Says how far the work is. Plain characters only, no colours.
 class ProgressLine {
  public:
-    /// Shows nothing unless `stream` is a terminal.
-    explicit ProgressLine(std::FILE* stream);
+    explicit ProgressLine(std::FILE* stream, ProgressStyle style = ProgressStyle::Terminal);
     ProgressLine(const ProgressLine&) = delete;
     ProgressLine& operator=(const ProgressLine&) = delete;
     ~ProgressLine() { Clear(); }
 
-    /// Says what is done: `done` of `total` as a percentage (no percentage when `total` is 0), and
-    /// `count` things so far. Redraws a few times a second at most. Throws if a stop was signalled,
+    /// Says what is done: `done` of `total` as a percentage (none when `total` is 0), and `count`
+    /// things so far. Speaks a few times a second at most. Throws if a stop was signalled,
     /// so a loop that reports can be stopped.
     void Show(std::string_view task, std::uint64_t done, std::uint64_t total, std::uint64_t count);
 
@@ -65,7 +70,10 @@ class ProgressLine {
     void Clear();
 
  private:
+    void Draw(std::string_view task, std::optional<int> percent, std::uint64_t count);
+
     std::FILE* stream_;
+    ProgressStyle style_;
     std::size_t drawn_ = 0;  // characters on the screen
     std::chrono::steady_clock::time_point next_{};
 };

@@ -45,15 +45,23 @@ QuadSky ReadSky(const std::filesystem::path& folder, const std::vector<QuadPlan>
     return sky;
 }
 
-void MakeTables(const std::filesystem::path& folder, double from, double to) {
-    const std::vector<QuadPlan> plans = PlansFor(from, to);
+struct QuadOptions {
+    std::string Catalog;
+    double From = usualFrom;  ///< degrees
+    double To = usualTo;
+    ProgressStyle Progress = ProgressStyle::Terminal;
+};
+
+void MakeTables(const QuadOptions& options) {
+    const std::filesystem::path folder = ExistingCatalog(options.Catalog);
+    const std::vector<QuadPlan> plans = PlansFor(options.From, options.To);
     if (plans.empty()) {
         throw ToolFailure(ToolExit::WrongUsage,
                           "there are quads for fields of " +
                               NumberText(QuadPlans().front().SmallestDiagonal) + " to " +
                               NumberText(QuadPlans().back().LargestDiagonal) + " degrees across");
     }
-    ProgressLine progress(stderr);
+    ProgressLine progress(stderr, options.Progress);
     const QuadSky sky = ReadSky(folder, plans, progress);
     const std::filesystem::path path = folder / QuadFileName;
     std::uint64_t quads = 0;
@@ -90,22 +98,21 @@ void AddQuadsCommand(CLI::App& program, ToolExit& exitCode) {
         "quads",
         "Make the quad tables of the catalog, for solving without a starting centre; the old ones "
         "stay until the new ones are complete");
-    const auto folder = std::make_shared<std::string>();
-    const auto from = std::make_shared<double>(usualFrom);
-    const auto to = std::make_shared<double>(usualTo);
-    AddCatalogOption(command, *folder);
+    const auto options = std::make_shared<QuadOptions>();
+    AddCatalogOption(command, options->Catalog);
     command
         .add_option(
-            "--from", *from,
+            "--from", options->From,
             "Diagonal of the smallest fields, degrees, 0.2 or more. Fields below 0.9 need a "
             "catalog deeper than Tycho-2")
         ->type_name("DEGREES")
         ->capture_default_str();
-    command.add_option("--to", *to, "Diagonal of the largest fields, degrees, 30 or less")
+    command.add_option("--to", options->To, "Diagonal of the largest fields, degrees, 30 or less")
         ->type_name("DEGREES")
         ->capture_default_str();
-    command.callback([folder, from, to, &exitCode] {
-        MakeTables(ExistingCatalog(*folder), *from, *to);
+    AddProgressOption(command, options->Progress);
+    command.callback([options, &exitCode] {
+        MakeTables(*options);
         exitCode = ToolExit::Good;
     });
 }

@@ -1,12 +1,16 @@
 // vestrel-catalog sources: what other programs have installed that a catalog can be made from.
 #include <CLI/App.hpp>
 #include <cstdio>
-#include <cstdlib>
+#include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
+#include "astro/libStrings.h"
 #include "catalogtool/commands.h"
 #include "catalogtool/libSources.h"
 #include "catalogtool/libToolReport.h"
+#include "platform/libConsole.h"
 #include "platform/libPlatform.h"
 
 namespace vestrel {
@@ -23,29 +27,62 @@ std::string Quoted(const std::string& text) {
     return quoted + "'";
 }
 
-void Print(const CatalogSources& found) {
+/// A source in words, and the options of `build` that take it.
+struct SourceEntry {
+    std::string Text;
+    std::vector<std::string> Options;
+};
+
+std::vector<SourceEntry> EntriesOf(const CatalogSources& found) {
+    const auto words = [](const std::filesystem::path& place, const std::string& what,
+                          std::size_t files, std::uint64_t bytes) {
+        return TextFromPath(place) + ": " + what + ", " + GroupedText(files) + " files, " +
+               GroupedText((bytes + 500'000) / 1'000'000) + " MB";
+    };
+    std::vector<SourceEntry> entries;
     for (const AstapSource& source : found.Astap) {
-        std::printf(
-            "%s: star database of ASTAP, %s files, %s MB\n    vestrel-catalog build --astap %s\n",
-            TextFromPath(source.Place).c_str(), GroupedText(source.Files).c_str(),
-            GroupedText(source.Bytes / 1'000'000).c_str(),
-            Quoted(TextFromPath(source.Place)).c_str());
+        entries.push_back(
+            {words(source.Place, "star database of ASTAP", source.Files, source.Bytes),
+             {"--astap", TextFromPath(source.Place)}});
     }
     for (const IndexSource& source : found.Indexes) {
-        std::printf(
-            "%s: %s index files of Astrometry.net, %s MB\n    vestrel-catalog build --index",
-            TextFromPath(source.Folder).c_str(), GroupedText(source.Files.size()).c_str(),
-            GroupedText(source.Bytes / 1'000'000).c_str());
-        for (const auto& file : source.Files)
-            std::printf(" %s", Quoted(TextFromPath(file)).c_str());
+        entries.push_back({words(source.Folder, "index files of Astrometry.net",
+                                 source.Files.size(), source.Bytes),
+                           {"--index"}});
+        for (const auto& file : source.Files) entries.back().Options.push_back(TextFromPath(file));
+    }
+    for (const KStarsSource& source : found.KStars) {
+        entries.push_back({words(source.Folder, "stars of KStars", source.Files, source.Bytes),
+                           {"--kstars", TextFromPath(source.Folder)}});
+    }
+    return entries;
+}
+
+void Print(const CatalogSources& found) {
+    const std::vector<SourceEntry> entries = EntriesOf(found);
+    for (const SourceEntry& entry : entries) {
+        std::printf("%s\n    vestrel-catalog build", WithoutControls(entry.Text).c_str());
+        for (const std::string& option : entry.Options) std::printf(" %s", Quoted(option).c_str());
         std::printf("\n");
     }
-    if (found.Astap.empty() && found.Indexes.empty()) {
-        std::printf("nothing that a catalog can be made from was found in\n");
-        for (const auto& folder : found.LookedIn) {
-            std::printf("    %s\n", TextFromPath(folder).c_str());
-        }
+    if (!entries.empty()) return;
+    std::printf("nothing that a catalog can be made from was found in\n");
+    for (const auto& folder : found.LookedIn) {
+        std::printf("    %s\n", TextFromPath(folder).c_str());
     }
+}
+
+void PrintJson(const CatalogSources& found) {
+    nlohmann::ordered_json document = {{"sources", nlohmann::json::array()},
+                                       {"lookedIn", nlohmann::json::array()}};
+    for (const SourceEntry& entry : EntriesOf(found)) {
+        document["sources"].push_back({{"text", entry.Text}, {"buildOptions", entry.Options}});
+    }
+    for (const auto& folder : found.LookedIn) {
+        document["lookedIn"].push_back(TextFromPath(folder));
+    }
+    const std::string text = document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+    std::printf("%s\n", WithEscapedControls(text).c_str());
 }
 
 }  // namespace
@@ -54,11 +91,15 @@ void AddSourcesCommand(CLI::App& program, ToolExit& exitCode) {
     CLI::App& command = *program.add_subcommand(
         "sources", "List what other programs have installed that a catalog can be made from");
     const auto folders = std::make_shared<std::vector<std::string>>();
+    const auto asJson = std::make_shared<bool>(false);
     command.add_option("FOLDER", *folders, "Look in these folders instead of those that are usual");
-    command.callback([folders, &exitCode] {
+    command.add_flag("--json", *asJson, "List them as JSON, for other programs");
+    command.callback([folders, asJson, &exitCode] {
         std::vector<std::filesystem::path> places;
         for (const std::string& folder : *folders) places.push_back(PathFromText(folder));
-        Print(FindCatalogSources(places.empty() ? UsualSourceFolders() : places));
+        const CatalogSources found =
+            FindCatalogSources(places.empty() ? UsualSourceFolders() : places);
+        *asJson ? PrintJson(found) : Print(found);
         exitCode = ToolExit::Good;
     });
 }

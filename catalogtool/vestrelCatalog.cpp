@@ -23,6 +23,12 @@ void AddCatalogOption(CLI::App& command, std::string& folder) {
         ->type_name("DIR");
 }
 
+void AddProgressOption(CLI::App& command, ProgressStyle& style) {
+    command.add_flag_callback(
+        "--progress-json", [&style] { style = ProgressStyle::Json; },
+        "Say how far the work is in lines of JSON on standard error, for other programs");
+}
+
 std::filesystem::path ChosenCatalog(const std::string& folder) {
     return folder.empty() ? DefaultCatalogFolder() : PathFromText(folder);
 }

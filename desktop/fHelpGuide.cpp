@@ -80,6 +80,15 @@ points; a result that is not sure is asked about first.</p>
 the sidereal time, and the colours. <b>Night</b> is dark red, for eyes that are used to the dark. An
 environment variable (<tt>VESTREL_CATALOG</tt>, <tt>VESTREL_TELESCOPE</tt>,
 <tt>VESTREL_LONGITUDE</tt>) is for the start; what is set here wins.</p>
+
+<a name="fCatalog"></a><h2>The catalog</h2>
+<p><b>Build Catalog</b> (menu Edit) makes the catalog of stars from what other programs have installed,
+from tables of your own, or from both: a star that several sources have is taken once. The old catalog
+stays until the new one is complete, and <b>Stop</b> leaves it as it was. The window may be closed
+meanwhile.</p>
+<p><b>Tables</b> are for searches without a centre, for fields whose diagonals lie in the range that is
+given. Fields below 0.9° need a catalog deeper than Tycho-2. Without a tick at any source only the
+tables are made.</p>
 )");
 }
 

@@ -38,6 +38,8 @@ class QPushButton;
 
 namespace vestrel {
 
+class CatalogWindow;
+
 /// Shows the program state and hands the user's commands on. What a control means is said by its
 /// object name; the controls are found by it too.
 class SolveWindow : public QMainWindow {
@@ -130,6 +132,7 @@ class SolveWindow : public QMainWindow {
     void EditParameters();
     void ShowHelp();
     void EditSettings();
+    void BuildCatalog();
     /// The image has a new solution, which goes into the table.
     void NoteSolution();
     void ShowAbout();
@@ -173,7 +176,8 @@ class SolveWindow : public QMainWindow {
     QProgressBar* busyBar_ = nullptr;
     QPlainTextEdit* details_ = nullptr;
     QWidget* countdownRow_ = nullptr;
-    std::filesystem::path usualCatalog_;  ///< when the preferences name none
+    CatalogWindow* catalogWindow_ = nullptr;  ///< once it was asked for; a child of this
+    std::filesystem::path usualCatalog_;      ///< when the preferences name none
     std::string setTelescope_;
     bool noted_ = false;  ///< the present solution is in the table
     std::vector<MeasuredMark> statsMarks_;

@@ -5,6 +5,7 @@
 #include <QMessageBox>
 #include <QPushButton>
 
+#include "desktop/fCatalog.h"
 #include "desktop/fKELInfo.h"
 #include "desktop/fParms.h"
 #include "desktop/fSettings.h"
@@ -151,8 +152,19 @@ void SolveWindow::ApplySettings() {
 void SolveWindow::EditSettings() {
     auto* dialog = new SettingsWindow(state_, port_, this);
     dialog->OnChanged = [this] { ApplySettings(); };
+    dialog->OnBuildCatalog = [this] { BuildCatalog(); };
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->open();
+}
+
+void SolveWindow::BuildCatalog() {
+    if (catalogWindow_ == nullptr) {
+        // Kept when it is closed: a build goes on meanwhile.
+        catalogWindow_ = new CatalogWindow(state_, port_, this);
+        catalogWindow_->OnCatalogChanged = [this] { ShowQuadCommands(); };
+    }
+    catalogWindow_->Refresh();
+    Bring(*catalogWindow_);
 }
 
 void SolveWindow::ShowHelp() {

@@ -55,6 +55,9 @@ void SolveWindow::BuildMenus() {
     QAction* settings =
         AddAction(edit, "&Settings...", QKeySequence("Ctrl+,"), [this] { EditSettings(); });
     settings->setObjectName("mnuSettings");
+    AddAction(edit, "&Build Catalog...", {}, [this] {
+        BuildCatalog();
+    })->setObjectName("mnuBuildCatalog");
     startActions_.push_back(settings);
 
     QMenu* view = menuBar()->addMenu("&View");

@@ -66,6 +66,14 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
         telescope_->setText(QtText(state_.Display.Status.Text));
     });
     auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close);
+    auto* build = buttons->addButton("&Build Catalog...", QDialogButtonBox::ActionRole);
+    build->setObjectName("cmdBuildCatalog");
+    build->setToolTip("Make a catalog, or its tables, from what other programs have installed");
+    connect(build, &QPushButton::clicked, this, [this] {
+        const auto buildCatalog = OnBuildCatalog;
+        close();
+        if (buildCatalog) buildCatalog();
+    });
     connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
     auto* layout = new QVBoxLayout(this);
     layout->addLayout(form);

@@ -21,6 +21,8 @@ class SettingsWindow : public QDialog {
 
     /// A setting has changed: what is kept of it is in the preferences.
     std::function<void()> OnChanged;
+    /// The catalog is to be built; the window closes first.
+    std::function<void()> OnBuildCatalog;
 
  private:
     QLineEdit* AddText(QFormLayout* layout, const char* name, const QString& caption,

@@ -7,6 +7,8 @@
 #include <shellapi.h>
 #else
 #include <unistd.h>
+
+#include <algorithm>
 #endif
 
 #include <csignal>
@@ -144,16 +146,25 @@ namespace {
 // A signal handler can reach nothing but such a number.
 volatile std::sig_atomic_t lateExitCode = 0;
 
+volatile std::sig_atomic_t secondsLeft = 0;
+
+/// The first time it only wakes what waits: a signal that came just before that began to wait did
+/// not.
 extern "C" void EndLate(int /*signal*/) {
-    _exit(lateExitCode);
+    if (secondsLeft == 0) _exit(lateExitCode);
+    alarm(static_cast<unsigned>(secondsLeft));
+    secondsLeft = 0;
 }
 
 }  // namespace
 
 void EndWithin(unsigned seconds, int exitCode) {
     lateExitCode = exitCode;
-    std::signal(SIGALRM, EndLate);
-    alarm(seconds);
+    struct sigaction action {};
+    action.sa_handler = EndLate;  // without SA_RESTART: what waits is to end
+    sigaction(SIGALRM, &action, nullptr);
+    secondsLeft = static_cast<std::sig_atomic_t>(seconds - seconds / 2);
+    alarm(std::max(seconds / 2, 1U));
 }
 
 PreparedConsole::PreparedConsole() = default;

@@ -25,12 +25,15 @@
 #include "catalogtool/libFastStars.h"
 #include "catalogtool/libFitsTable.h"
 #include "catalogtool/libIndexFile.h"
+#include "catalogtool/libKStars.h"
 #include "catalogtool/libSources.h"
 #include "catalogtool/libStarTable.h"
 #include "catalogtool/libSyntheticSky.h"
 #include "catalogtool/libTextLines.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
+#include "tests/judge.h"
+#include "tests/starSources.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {
@@ -256,14 +259,6 @@ TEST(Manifest, ChecksumIsTheUsualOneAndWhatIsNoCountIsRefused) {
 
 // ---- Index files ----
 
-/// A number's bytes, little-endian as this machine is.
-template <typename Number>
-std::string LittleEndian(Number value) {
-    std::string bytes(sizeof value, '\0');
-    std::memcpy(bytes.data(), &value, sizeof value);
-    return bytes;
-}
-
 std::string Table(const char* column, std::size_t rowBytes, std::string data) {
     const std::string header =
         FitsHeader({"XTENSION= 'BINTABLE'", "BITPIX  = 8", "NAXIS   = 2",
@@ -381,34 +376,6 @@ TEST(IndexFile, DoublesAreReadAndStarsWithoutMagnitudesRankedLikeTheSky) {
 
 // ---- Star databases of ASTAP ----
 
-/// A file as the manual of that program has it, written without the code under test; the stars are
-/// in the order of their magnitudes.
-std::string AstapFile(const std::vector<SkyStar>& stars, int recordBytes) {
-    std::string file(109, ' ');
-    file += static_cast<char>(recordBytes);
-    int block = INT32_MIN;
-    const auto put = [&file](int value) { file += static_cast<char>(value & 255); };
-    const auto end = [&] {
-        if (recordBytes == 6) put(12);
-    };
-    for (const auto& [ra, dec, mag] : stars) {
-        const int ra24 = static_cast<int>(std::lround(ra / (2 * std::numbers::pi) * 16777215));
-        const int dec24 = static_cast<int>(std::lround(dec / (90 * degree) * 8388607));
-        const int tenths = static_cast<int>(std::lround(mag * 10));
-        const int high = dec24 >> 16;
-        if (tenths * 1000 + high != block) {
-            block = tenths * 1000 + high;
-            for (int i = 0; i < 3; ++i) put(255);
-            put(high + 128);
-            put(tenths + 16);
-            end();
-        }
-        for (const int value : {ra24, ra24 >> 8, ra24 >> 16, dec24, dec24 >> 8}) put(value);
-        end();
-    }
-    return file;
-}
-
 std::vector<SkyStar> ReadAstap(const fs::path& file) {
     std::vector<SkyStar> stars;
     ReadAstapFile(file, [&](const SkyStar& star) { stars.push_back(star); });
@@ -464,6 +431,114 @@ TEST(Astap, StarsComeBackAndWhatIsDamagedIsRefused) {
     ASSERT_EQ(found.Astap.size(), 2U);
     EXPECT_EQ(found.Astap[0].Place, folder / "d05");
     EXPECT_EQ(found.Indexes.at(0).Files.size(), 1U);
+}
+
+// ---- Stars of KStars ----
+
+std::vector<SkyStar> ReadKStars(const fs::path& file, double epoch = 2000) {
+    std::vector<SkyStar> stars;
+    ProgressLine silent(stdout);
+    ReadKStarsFile(
+        file, epoch, [&](const SkyStar& star) { stars.push_back(star); }, silent);
+    return stars;
+}
+
+TEST(KStars, BrightAndDeepFilesGiveTheirStarsWhereTheyAreAtTheEpoch) {
+    const TemporaryFolder folder;
+    std::vector<MovingStar> stars;
+    Random random(21);
+    for (const SkyStar& star : RandomSky(3000, 20)) {
+        stars.push_back({star, 1.0 * random.Whole(-900, 900), 1.0 * random.Whole(-900, 900)});
+    }
+    for (const bool deep : {false, true}) {
+        const fs::path file = folder / (deep ? "deepstars.dat" : "namedstars.dat");
+        WriteFile(file, KStarsFile(stars, deep));
+        const std::vector<SkyStar> still = ReadKStars(file, 2000);
+        const std::vector<SkyStar> later = ReadKStars(file, 2025);
+        ASSERT_EQ(still.size(), stars.size());
+        for (std::size_t i = 0; i < stars.size(); ++i) {
+            const auto& [star, motionRa, motionDec] = stars[i];
+            // Half a millionth of an hour, half a hundred-thousandth of a degree.
+            ASSERT_LT(Separation(still[i], star), 0.04 * arcsecond) << i;
+            ASSERT_NEAR(still[i].Mag, star.Mag, 0.0051);
+            const double moved = std::hypot(motionRa, motionDec) * 25 / 1000 * arcsecond;
+            ASSERT_NEAR(Separation(later[i], still[i]), moved, 0.01 * arcsecond) << i;
+            if (std::fabs(star.Dec) < 80 * degree && motionDec != 0) {
+                ASSERT_EQ(later[i].Dec > still[i].Dec, motionDec > 0) << i;
+            }
+        }
+        EXPECT_EQ(HasBrightStarsOnly(file), !deep);
+    }
+    // Without a visual magnitude the blue one serves; without any the star cannot be stored.
+    WriteFile(folder / "deepstars.dat",
+              KStarsFile({{{1, 0.5, 10}, 0, 0}}, true, /*blueOnly=*/true));
+    EXPECT_NEAR(ReadKStars(folder / "deepstars.dat").at(0).Mag, 8.4, 1e-9);
+
+    // The bright stars first; other files of that folder are none.
+    WriteFile(folder / "starnames.dat", std::string(200, ' '));
+    WriteFile(folder / "stars.dat", "text");
+    EXPECT_EQ(KStarsFilesIn(folder.Path),
+              (std::vector<fs::path>{folder / "namedstars.dat", folder / "deepstars.dat"}));
+    EXPECT_EQ(FindCatalogSources({folder.Path}).KStars.at(0).Files, 2U);
+}
+
+TEST(KStars, AFileCutAnywhereOrContradictingItselfIsRefusedByName) {
+    const TemporaryFolder folder;
+    const fs::path file = folder / "namedstars.dat";
+    const std::string bytes = KStarsFile({{{1, 0.5, 3}, 10, 20}, {{2, -0.5, 4}, 0, 0}}, false);
+    const auto isRefused = [&](const std::string& content) {
+        WriteFile(file, content);
+        try {
+            ReadKStars(file);
+        } catch (const ToolFailure& failure) {
+            return std::string(failure.what()).find("namedstars.dat") != std::string::npos;
+        }
+        return false;
+    };
+    ASSERT_FALSE(isRefused(bytes));
+    for (std::size_t length = 0; length < bytes.size(); ++length) {
+        ASSERT_TRUE(isRefused(bytes.substr(0, length))) << length;
+    }
+    EXPECT_TRUE(isRefused(bytes + "x"));
+    // What says where things are: the mark, the number and sizes of the fields, the parts.
+    for (const std::size_t at : {124U, 125U, 127U, 128U, 129U, 139U, 155U}) {
+        std::string bad = bytes;
+        bad[at] ^= 0x40;
+        EXPECT_TRUE(isRefused(bad)) << at;
+    }
+    const std::size_t parts = 129 + 11 * 16;
+    for (std::size_t at = parts; at < parts + 4 + 2 * 12; ++at) {
+        std::string bad = bytes;
+        bad[at] ^= 1;
+        EXPECT_TRUE(isRefused(bad)) << at;
+    }
+}
+
+TEST(KStars, TheFilesOfDebianAreTheBrightSky) {
+    const fs::path folder = "/usr/share/kstars";
+    if (!fs::exists(folder / "namedstars.dat")) {
+        SKIP_OR_FAIL("kstars-data is not installed");
+    }
+    std::vector<SkyStar> stars;
+    for (const fs::path& file : KStarsFilesIn(folder)) {
+        const std::vector<SkyStar> some = ReadKStars(file, 2000);
+        stars.insert(stars.end(), some.begin(), some.end());
+    }
+    // Of a sky complete to magnitude 6.5 there are about 9,000 so bright (Yale Bright Star
+    // Catalog).
+    const auto count = std::count_if(stars.begin(), stars.end(),
+                                     [](const SkyStar& star) { return star.Mag <= 6.5; });
+    EXPECT_TRUE(count > 8000 && count < 10000) << count;
+    // Places of 2000 in the Hipparcos Catalogue: Vega (which stands where it was in 1991), Canopus,
+    // Rigil Kentaurus (which moves fast).
+    for (const SkyStar& known : {SkyStar{279.234735 * degree, 38.783689 * degree, 0.03},
+                                 SkyStar{95.987958 * degree, -52.695661 * degree, -0.62},
+                                 SkyStar{219.902066 * degree, -60.833975 * degree, -0.01}}) {
+        const auto found = std::find_if(stars.begin(), stars.end(), [&](const SkyStar& star) {
+            return Separation(star, known) < 4 * arcsecond && std::fabs(star.Mag - known.Mag) < 0.1;
+        });
+        EXPECT_NE(found, stars.end()) << known.Ra / degree;
+    }
 }
 
 // ---- Several sources ----

@@ -1,0 +1,350 @@
+#include "catalogtool/buildRun.h"
+
+#include <cstdio>
+#include <system_error>
+#include <utility>
+
+#include "astro/libStrings.h"
+#include "catalogtool/commands.h"
+#include "catalogtool/libAstap.h"
+#include "catalogtool/libBrightStars.h"
+#include "catalogtool/libCatalogBuilder.h"
+#include "catalogtool/libCatalogFolder.h"
+#include "catalogtool/libFastStars.h"
+#include "catalogtool/libFitsTable.h"
+#include "catalogtool/libIndexFile.h"
+#include "catalogtool/libKStars.h"
+#include "catalogtool/libStarTable.h"
+#include "platform/libConsole.h"
+#include "platform/libFiles.h"
+#include "platform/libPlatform.h"
+
+namespace vestrel {
+namespace fs = std::filesystem;
+
+namespace {
+
+/// A source while its stars come in.
+struct OpenSource {
+    OpenSource(const char* kind, const std::string& file) {
+        Record.Kind = kind;
+        Record.File = file == "-" ? "standard input" : TextFromPath(PathFromText(file).filename());
+        std::error_code error;
+        const auto time = fs::last_write_time(PathFromText(file), error);
+        if (!error) Record.Modified = TimeText(time);
+    }
+
+    void LeaveOut(const char* reason, std::uint64_t rows) {
+        if (rows > 0) Record.LeftOut.emplace_back(reason, rows);
+    }
+
+    CatalogSource Record;
+    std::size_t Unusable = 0;  // no magnitude, as a rule
+    std::uint64_t Filtered = 0;
+};
+
+/// One run of `build`, from the sources to the finished folder.
+class Build {
+ public:
+    explicit Build(const BuildOptions& buildOptions)
+        : options_(buildOptions),
+          folder_(ChosenCatalog(buildOptions.Catalog)),
+          builder_(folder_.Path()),
+          progress_(stderr, buildOptions.Progress) {}
+
+    void Run() {
+        // KStars before the list of bright stars: it knows where they have moved to.
+        for (const std::string& folder : options_.KStars) ReadBrightKStars(folder);
+        if (!options_.Bright.empty()) ReadBrightList();
+
+        // What measures the bright stars well comes first: of a star that several have, the first
+        // one's is taken.
+        if (!options_.Tycho2.empty()) ReadIndex("tycho2", options_.Tycho2, "MAG_VT");
+        for (const std::string& table : options_.Tables) ReadTable(table);
+        for (const std::string& index : options_.Indexes) {
+            ReadIndex("index", index, options_.Table.MagColumn);
+        }
+        for (const fs::path& file : deepKStars_) ReadDeepKStars(file);
+        for (const std::string& database : options_.Astap) ReadAstap(database);
+
+        if (bright_.empty()) {
+            Note(
+                "the survey's brightest stars are lacking; build with --kstars FOLDER or --bright "
+                "FILE to add them");
+        }
+        for (std::size_t list = 0; list < bright_.size(); ++list) AddMissing(list);
+        if (options_.MagMin) Filter("magnitude at least " + NumberText(*options_.MagMin));
+        if (options_.MagMax) Filter("magnitude at most " + NumberText(*options_.MagMax));
+        for (const std::string& where : options_.Where) Filter(where);
+        Finish();
+    }
+
+ private:
+    void Note(const std::string& text) {
+        progress_.Clear();
+        std::fprintf(stderr, "vestrel-catalog: %s\n", WithoutControls(text).c_str());
+    }
+
+    /// Says something now that later users of the catalog should know too.
+    void Remark(const std::string& text) {
+        Note(text);
+        manifest_.Remarks.push_back(text);
+    }
+
+    void Filter(const std::string& text) { manifest_.Filters.push_back(text); }
+
+    void Add(const SkyStar& star, OpenSource& source) {
+        const std::optional<CatalogStar> stored = StoredStar(star);
+        if (!stored) {
+            ++source.Unusable;
+        } else if ((options_.MagMin && star.Mag < *options_.MagMin) ||
+                   (options_.MagMax && star.Mag > *options_.MagMax)) {
+            ++source.Filtered;
+        } else {
+            builder_.Add(*stored, number_);
+            ++source.Record.Used;
+        }
+    }
+
+    void Close(OpenSource& source) {
+        source.LeaveOut("no usable position or magnitude", source.Unusable);
+        source.LeaveOut("left out by magnitude", source.Filtered);
+        manifest_.Sources.push_back(source.Record);
+        // Index files beyond the 255th and the like are no less trusted than that one.
+        if (number_ < 255) ++number_;
+    }
+
+    /// Carries one of the fastest stars, of a source without proper motions, to the epoch.
+    void MoveIfFast(SkyStar& star, OpenSource& source) {
+        const std::optional<SkyStar> moved = FastStarAt(star, options_.Table.Epoch);
+        if (!moved) return;
+        star = *moved;
+        ++source.Record.Moved;
+    }
+
+    /// Stars of which those are added that no source before has.
+    struct BrightList {
+        OpenSource Source;
+        std::size_t Count = 0;
+        BrightStarFinder Finder;
+    };
+
+    void ReadBrightList() {
+        OpenSource source("bright", options_.Bright);
+        std::vector<SkyStar> stars =
+            ReadBrightStars(PathFromText(options_.Bright), source.Unusable);
+        for (SkyStar& star : stars) MoveIfFast(star, source);
+        source.Record.Rows = stars.size() + source.Unusable;
+        bright_.push_back({source, stars.size(), BrightStarFinder(stars)});
+    }
+
+    /// The files of bright stars of a folder; the deep ones are read when their turn comes.
+    void ReadBrightKStars(const std::string& folder) {
+        const std::vector<fs::path> files = KStarsFilesIn(PathFromText(folder));
+        if (files.empty()) {
+            throw ToolFailure(ToolExit::BadInput, folder + ": holds no star file of KStars");
+        }
+        for (const fs::path& file : files) {
+            if (!HasBrightStarsOnly(file)) {
+                deepKStars_.push_back(file);
+                continue;
+            }
+            OpenSource source("kstars", TextFromPath(file));
+            std::vector<SkyStar> stars;
+            const StarSink sink = [&stars](const SkyStar& star) { stars.push_back(star); };
+            TakeCounts(ReadKStarsFile(file, options_.Table.Epoch, sink, progress_), source);
+            bright_.push_back({source, stars.size(), BrightStarFinder(stars)});
+        }
+    }
+
+    void ReadDeepKStars(const fs::path& file) {
+        OpenSource source("kstars", TextFromPath(file));
+        TakeCounts(ReadKStarsFile(file, options_.Table.Epoch, Into(source), progress_), source);
+        Close(source);
+    }
+
+    static void TakeCounts(const KStarsStars& stars, OpenSource& source) {
+        source.Record.Rows = stars.Rows;
+        source.Record.Moved = stars.Moved;
+    }
+
+    void AddMissing(std::size_t number) {
+        BrightList& list = bright_[number];
+        const std::vector<SkyStar> missing = list.Finder.Missing();
+        list.Source.LeaveOut("in the survey already", list.Count - missing.size());
+        for (const SkyStar& star : missing) {
+            for (std::size_t i = number + 1; i < bright_.size(); ++i) bright_[i].Finder.Visit(star);
+            Add(star, list.Source);
+        }
+        Close(list.Source);
+        manifest_.BrightGapFilled = true;
+    }
+
+    /// A sink that hands the stars of a source on.
+    StarSink Into(OpenSource& source) {
+        return [this, &source](const SkyStar& star) {
+            for (BrightList& list : bright_) list.Finder.Visit(star);
+            Add(star, source);
+        };
+    }
+
+    void ReadIndex(const char* kind, const std::string& file, const std::string& magColumn) {
+        OpenSource source(kind, file);
+        const StarSink into = Into(source);
+        const auto moveAndHandOn = [&](const SkyStar& star) {
+            SkyStar moved = star;
+            MoveIfFast(moved, source);
+            into(moved);
+        };
+        const IndexStars stars =
+            ReadIndexFile(PathFromText(file), magColumn, moveAndHandOn, progress_);
+        source.Record.Rows = stars.Count;
+        if (stars.MagColumn.empty()) {
+            Remark(source.Record.File +
+                   ": has no magnitudes; those given to its stars go by their rank");
+        } else if (stars.MagColumn != "MAG_VT") {
+            Remark(source.Record.File + ": magnitudes " + stars.MagColumn);
+        }
+        Close(source);
+    }
+
+    void ReadAstap(const std::string& folder) {
+        const AstapDatabase database = ChosenAstapDatabase(PathFromText(folder));
+        OpenSource source("astap", TextFromPath(database.Files.front()));
+        source.Record.File = database.Name + " (" + GroupedText(database.Files.size()) + " files)";
+        const StarSink sink = Into(source);
+        for (std::size_t i = 0; i < database.Files.size(); ++i) {
+            progress_.Show("Reading " + database.Name, i, database.Files.size(),
+                           source.Record.Rows);
+            source.Record.Rows += ReadAstapFile(database.Files[i], sink);
+        }
+        if (source.Record.Rows == 0) {
+            throw ToolFailure(ToolExit::BadInput, folder + ": holds not one star");
+        }
+        Remark(source.Record.File + ": positions of 2025, magnitudes in tenths");
+        Close(source);
+    }
+
+    void ReadTable(const std::string& file) {
+        OpenSource source("csv", file);
+        const bool standardInput = file == "-";
+        const FileHandle opened = standardInput ? nullptr : OpenFile(PathFromText(file), "rb");
+        if (!standardInput && !opened) {
+            std::error_code ignored;
+            const bool folder = fs::is_directory(PathFromText(file), ignored);
+            throw ToolFailure(
+                ToolExit::BadInput,
+                file + (folder ? ": is a folder" : ": cannot be opened: " + SystemErrorText()));
+        }
+        std::FILE* stream = standardInput ? stdin : opened.get();
+        const std::int64_t length = standardInput ? -1 : FileLength(stream);
+        UnpackedInput input(stream);
+        StarTableResult result;
+        if (input.StartsWith("SIMPLE  =")) {
+            const bool asItLies = !standardInput && !input.IsPacked();
+            const fs::path fits =
+                asItLies ? PathFromText(file) : Unpacked(input, source.Record.File);
+            result = ReadFitsStarTable(fits, source.Record.File, options_.Table, Into(source),
+                                       progress_);
+            std::error_code ignored;
+            if (!asItLies) fs::remove(fits, ignored);
+            source.Record.Kind = "fits";
+        } else {
+            result = ReadStarTable(input, source.Record.File, length > 0 ? length : 0,
+                                   options_.Table, Into(source), progress_);
+        }
+        source.Record.Rows = result.Rows;
+        for (std::size_t i = 0; i < result.Faults.size(); ++i) {
+            source.LeaveOut(RowFaultText(static_cast<RowFault>(i)), result.Faults[i]);
+        }
+        Remark(source.Record.File + ": columns " + result.Columns + "; " + result.Motions);
+        source.Record.Moved = result.Moved;
+        if (result.LooksLikeHours) {
+            Remark(source.Record.File +
+                   ": its right ascensions, read as degrees, end at 24; if "
+                   "they are hours, build again with --ra-unit hours");
+        }
+        Close(source);
+    }
+
+    /// A FITS table that came packed or by a pipe, in a file of the folder that is being built.
+    fs::path Unpacked(UnpackedInput& input, const std::string& name) {
+        fs::path path = folder_.Path() / (std::string(ManifestName) + ".unpacked.tmp");
+        const FileHandle file = OpenFile(path, "wb");
+        std::vector<char> bytes(std::size_t{1} << 20);
+        bool good = file != nullptr;
+        for (std::size_t count = 0; good && (count = input.Read(bytes.data(), bytes.size())) > 0;) {
+            progress_.Show("Unpacking " + name, 0, 0, 0);
+            good = std::fwrite(bytes.data(), 1, count, file.get()) == count;
+        }
+        if (!good || std::fflush(file.get()) != 0) {
+            throw ToolFailure(ToolExit::CannotWrite, TextFromPath(path) + ": " + SystemErrorText());
+        }
+        if (!input.Fault().empty())
+            throw ToolFailure(ToolExit::BadInput, name + ": " + input.Fault());
+        return path;
+    }
+
+    void Finish() {
+        builder_.Finish(progress_);
+        manifest_.Tool = "vestrel-catalog " VESTREL_VERSION;
+        manifest_.Created = CurrentTimeText();
+        manifest_.Epoch = options_.Table.Epoch;
+        manifest_.Cells = builder_.Cells();
+        manifest_.Magnitudes = builder_.Magnitudes().Steps();
+        manifest_.Duplicates = builder_.Duplicates();
+        if (builder_.Merged() > 0) {
+            manifest_.Remarks.push_back(GroupedText(builder_.Merged()) +
+                                        " stars that several sources have were taken once");
+        }
+        const std::uint64_t stars = manifest_.StarCount();
+        if (stars == 0) throw ToolFailure(ToolExit::BadInput, "no star passes the filters");
+        if (!WriteManifest(folder_.Path(), manifest_)) {
+            throw ToolFailure(ToolExit::CannotWrite, TextFromPath(folder_.Path() / ManifestName) +
+                                                         ": " + SystemErrorText());
+        }
+        ThrowIfStopped();
+        folder_.Publish();
+        progress_.Clear();
+        for (const CatalogSource& source : manifest_.Sources) {
+            std::printf("%s: %s of %s rows used\n", WithoutControls(source.File).c_str(),
+                        GroupedText(source.Used).c_str(), GroupedText(source.Rows).c_str());
+            if (source.Moved > 0) {
+                std::printf("    moved to the epoch %s: %s\n",
+                            NumberText(manifest_.Epoch.value_or(0)).c_str(),
+                            GroupedText(source.Moved).c_str());
+            }
+            for (const auto& [reason, rows] : source.LeftOut) {
+                std::printf("    %s: %s\n", WithoutControls(reason).c_str(),
+                            GroupedText(rows).c_str());
+            }
+        }
+        if (manifest_.Duplicates > 0) {
+            std::printf("exact duplicates dropped: %s\n",
+                        GroupedText(manifest_.Duplicates).c_str());
+        }
+        if (builder_.Merged() > 0) {
+            std::printf("stars of several sources, taken once: %s\n",
+                        GroupedText(builder_.Merged()).c_str());
+        }
+        std::printf("%s stars in %s\n", GroupedText(stars).c_str(),
+                    TextFromPath(ChosenCatalog(options_.Catalog)).c_str());
+    }
+
+    const BuildOptions& options_;
+    BuildingFolder folder_;
+    CatalogBuilder builder_;
+    ProgressLine progress_;
+    CatalogManifest manifest_;
+    std::vector<BrightList> bright_;
+    std::vector<fs::path> deepKStars_;
+    unsigned char number_ = 0;  ///< of the source that is being read
+};
+
+}  // namespace
+
+void RunBuild(const BuildOptions& options) {
+    Build(options).Run();
+}
+
+}  // namespace vestrel

@@ -1,0 +1,80 @@
+// The catalog window: builds the star catalog and its quad tables from what other programs have
+// installed.
+#pragma once
+
+#include <QDialog>
+#include <QProcess>
+#include <functional>
+#include <vector>
+
+#include "program/mCatalogBuild.h"
+#include "program/mGeneral.h"
+
+class QCheckBox;
+class QDoubleSpinBox;
+class QGridLayout;
+class QLabel;
+class QLineEdit;
+class QListWidget;
+class QPlainTextEdit;
+class QProgressBar;
+class QPushButton;
+
+namespace vestrel {
+
+class CatalogWindow : public QDialog {
+ public:
+    CatalogWindow(ProgramState& state, Port& port, QWidget* parent);
+    ~CatalogWindow() override;
+    CatalogWindow(const CatalogWindow&) = delete;
+    CatalogWindow& operator=(const CatalogWindow&) = delete;
+
+    /// Looks at the catalog and for sources again, unless a build runs.
+    void Refresh();
+    bool IsBuilding() const { return !runs_.empty(); }
+
+    /// A new catalog or new tables are there.
+    std::function<void()> OnCatalogChanged;
+
+ private:
+    void AddWishes(QGridLayout& grid);
+    void Ask(const ToolArguments& question);
+    void AddSource(const CatalogSourceChoice& source);
+    void AddFolder();
+    void AddTable();
+    CatalogWish Wish() const;
+    void Build();
+    void Stop();
+    void StartRun();
+    void ReadErrors();
+    void TakeLine(const QString& line);
+    void RunEnded(int exitCode, bool crashed);
+    void UseNewCatalog();
+    void ShowRunning();
+
+    ProgramState& state_;
+    Port& port_;
+    QPlainTextEdit* facts_;
+    QListWidget* sources_;
+    QLineEdit* faintest_;
+    QCheckBox* tables_;
+    QDoubleSpinBox* smallest_;
+    QDoubleSpinBox* largest_;
+    QProgressBar* progress_;
+    QLabel* status_;
+    QPlainTextEdit* log_;
+    QPushButton* build_;
+    QPushButton* stop_;
+    QPushButton* addFolder_;
+    QPushButton* addTable_;
+
+    std::vector<CatalogSourceChoice> choices_;  ///< of the list, in its order
+    QProcess process_;
+    std::vector<ToolArguments> runs_;  ///< those that are left, the present one first
+    std::string folder_;               ///< that is being built
+    QByteArray errors_;                ///< the begun line of standard error
+    bool isNew_ = false;               ///< a run has replaced the catalog
+    bool isStopped_ = false;
+};
+
+}  // namespace vestrel
