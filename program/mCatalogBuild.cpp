@@ -7,6 +7,7 @@
 
 #include "astro/libStrings.h"
 #include "display/libReadout.h"
+#include "platform/libConsole.h"
 
 namespace vestrel {
 

@@ -418,9 +418,9 @@ TEST_F(Evening, HelpOpensAtWhatHasTheKeyboard) {
 }
 
 TEST_F(Evening, EveryControlHasANameAndEveryThemeIsReadable) {
-    for (const char* entry :
-         {"Show Image", "Levels", "Star Statistics", "Relative Photometry", "Residuals",
-          "Table of Solutions", "Show Header", "Help", "Edit Parameters...", "Settings..."}) {
+    for (const char* entry : {"Show Image", "Levels", "Star Statistics", "Relative Photometry",
+                              "Residuals", "Table of Solutions", "Show Header", "Help",
+                              "Build Catalog...", "Edit Parameters...", "Settings..."}) {
         Choose(entry);
     }
     int controls = 0;
