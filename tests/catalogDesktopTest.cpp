@@ -22,6 +22,7 @@ class CatalogPage : public Windows {
     CatalogPage() {
         // What is installed here is not looked at.
         setenv("HOME", (Folder / "home").c_str(), 1);
+        std::filesystem::create_directory(Folder / "home");
         std::filesystem::create_directory(Folder / "astap");
         std::vector<SkyStar> stars;
         for (const CatalogStar& star : Stars) {
