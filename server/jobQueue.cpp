@@ -66,8 +66,12 @@ JobQueue::JobQueue(const QueueSettings& settings)
     : settings_(settings), worker_([this](const std::stop_token& stop) { Work(stop); }) {}
 
 JobQueue::~JobQueue() {
+    Stop();
+}
+
+void JobQueue::Stop() {
     worker_.request_stop();
-    worker_.join();
+    if (worker_.joinable()) worker_.join();
 }
 
 int JobQueue::Submit(const NovaRequest& request, const std::string& name,

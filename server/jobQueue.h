@@ -67,7 +67,6 @@ class JobRefused : public std::runtime_error {
 class JobQueue {
  public:
     explicit JobQueue(const QueueSettings& settings);
-    /// Leaves what waits unsolved, and ends the solve that runs.
     ~JobQueue();
     JobQueue(const JobQueue&) = delete;
     JobQueue& operator=(const JobQueue&) = delete;
@@ -75,6 +74,9 @@ class JobQueue {
     /// Puts a picture, or the list of stars of the request, at the end of the queue.
     /// @return the number of the job, from 1 on. @throws JobRefused
     int Submit(const NovaRequest& request, const std::string& name, std::string_view picture);
+
+    /// Leaves what waits unsolved, and ends the solve that runs. Nothing is solved afterwards.
+    void Stop();
 
     std::optional<JobReport> Find(int id) const;
     /// The last ones, the newest first.

@@ -1,6 +1,7 @@
 #include "server/novaServer.h"
 
 #include <httplib.h>
+#include <sys/socket.h>
 #include <array>
 #include <atomic>
 #include <charconv>
@@ -157,6 +158,12 @@ class NovaServer::Routes {
         constexpr std::size_t threads = 24;
         constexpr time_t patience = 10;  // seconds
         server_.new_task_queue = [] { return new httplib::ThreadPool(threads); };
+        // The library would share the port with any other server that asks for it: clients' jobs
+        // would be spread over both.
+        server_.set_socket_options([](socket_t listener) {
+            const int yes = 1;
+            setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+        });
         server_.set_payload_max_length(settings.MostBody);
         server_.set_read_timeout(patience);
         server_.set_write_timeout(patience);

@@ -38,12 +38,14 @@ class SpoolFolder {
         }
         Path = name;
     }
-    ~SpoolFolder() {
+    ~SpoolFolder() { Remove(); }
+    SpoolFolder(const SpoolFolder&) = delete;
+    SpoolFolder& operator=(const SpoolFolder&) = delete;
+
+    void Remove() const {
         std::error_code ignored;
         std::filesystem::remove_all(Path, ignored);
     }
-    SpoolFolder(const SpoolFolder&) = delete;
-    SpoolFolder& operator=(const SpoolFolder&) = delete;
 
     std::filesystem::path Path;
 
@@ -110,6 +112,10 @@ int Run(int argc, const char* const* argv) {
     int signal = 0;
     sigwait(&ends, &signal);
     std::fputs("vestrel-server: ending\n", stderr);
+    // A client may keep its connection waiting for longer than this.
+    EndWithin(2, 0);
+    jobs.Stop();
+    spool.Remove();
     nova.Stop();
     return 0;
 }

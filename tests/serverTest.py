@@ -6,6 +6,7 @@ VESTREL_TEST_CATALOG a real catalog (else the usual folder).
 """
 import concurrent.futures
 import http.client
+import io
 import json
 import os
 import pathlib
@@ -52,17 +53,17 @@ class Server(unittest.TestCase):
         if not (CATALOG / "quads.tables").exists():
             skip_or_fail(self, f"no quad tables in {CATALOG}; vestrel-catalog quads makes them")
 
-    def start(self, *options, spool=None, before=None):
+    def start(self, *options, spool=None, before=None, wrapper=()):
         spool = spool or self.folder / "spool"
         spool.mkdir(exist_ok=True)
         environment = dict(os.environ, VESTREL_CATALOG=str(CATALOG), TMPDIR=str(spool),
                            VESTREL_SETTINGS=str(self.folder / "Vestrel.ini"))
-        self.server = subprocess.Popen([os.environ["VESTREL_SERVER"], "--port", "0", *options], env=environment,
+        self.server = subprocess.Popen([*wrapper, os.environ["VESTREL_SERVER"], "--port", "0", *options], env=environment,
                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, preexec_fn=before)
         self.addCleanup(self.end, spool)
         line = self.server.stdout.readline()
         self.port = int(re.search(r"http://127\.0\.0\.1:(\d+)", line)[1])
-        self.session = self.post("login", {"apikey": "x"})["session"]
+        self.session = self.post("login", {"apikey": "secret"})["session"]
 
     def end(self, spool):
         """A clean end: soon, with code 0, and nothing left behind."""
@@ -231,6 +232,113 @@ class Server(unittest.TestCase):
         self.assertEqual({status for status, _ in replies} - {200, 503}, set())
         for number in taken:
             self.assertEqual(self.result(number), "failure")
+
+    def test_a_disk_that_fills_up_loses_no_job(self):
+        # A disk of the server's own, with room for two pictures and a bit, and one of them with its copy.
+        room = 2 * self.frame.stat().st_size + 100_000
+        mounted = ["unshare", "-rm", "sh", "-c", f'mount -t tmpfs -o size={room} tmpfs "$TMPDIR" && exec "$0" "$@"']
+        if subprocess.run([*mounted, "true"], env=dict(os.environ, TMPDIR=str(self.folder)), stderr=subprocess.DEVNULL).returncode:
+            mounted = []  # no file systems may be made here: the bound of the queue stands in
+        self.start(*([] if mounted else ["--max-upload", "1"]), wrapper=mounted)
+        hints = {"scale_units": "arcsecperpix", "scale_lower": 8, "scale_upper": 10, "center_ra": RA, "center_dec": DEC,
+                 "radius": 2}
+        picture = self.frame.read_bytes()
+        with concurrent.futures.ThreadPoolExecutor(8) as clients:
+            replies = list(clients.map(lambda i: self.upload(picture, f"{i}.fit", **hints), range(24)))
+        taken = [reply["subid"] for status, reply in replies if status == 200]
+        refused = [reply["errormessage"] for status, reply in replies if status != 200]
+        self.assertEqual({status for status, _ in replies} - {200, 507}, set())
+        self.assertTrue(taken)
+        if mounted:
+            self.assertTrue(refused)
+            self.assertIn("disk may be full", refused[0])
+        # Whatever was taken is solved; what had no room for its copy says so.
+        for number in taken:
+            self.assertEqual(self.result(number), "success")
+            self.assertAlmostEqual(self.get(f"/api/jobs/{number}/calibration")["ra"], RA, delta=1e-3)
+            status, copy = self.ask("GET", f"/new_fits_file/{number}")
+            log = self.ask("GET", f"/joblog/{number}")[1]
+            self.assertEqual(b"is not there" in log, status == 404, log)
+            self.assertTrue(status == 404 or len(copy) % 2880 == 0)
+        # The refused ones left nothing behind: there is room again for what fits.
+        self.assertEqual(self.result(self.upload(picture[:20000])[1]["subid"]), "failure")
+
+    def test_a_server_that_was_killed_leaves_nothing_to_the_next(self):
+        spool = self.folder / "killed"
+        self.start(spool=spool)
+        for _ in range(5):
+            self.upload(self.frame.read_bytes())
+        self.assertEqual(len(list(spool.iterdir())), 1)
+        self.server.kill()
+        self.server.communicate()
+        self.server.returncode = 0  # as wished
+        (spool / "vestrel-server-of somebody").mkdir()
+        environment = dict(os.environ, TMPDIR=str(spool), VESTREL_CATALOG=str(CATALOG))
+        line = [os.environ["VESTREL_SERVER"], "--port", "0"]
+        second = subprocess.Popen(line, env=environment, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(second.kill)
+        port = re.search(r":(\d+)$", second.stdout.readline())[1]
+        self.assertEqual(len(list(spool.glob("vestrel-server-[0-9]*"))), 1)
+        # A third one does not take the port, nor the second one's folder.
+        third = subprocess.run([*line[:1], "--port", port], env=environment, capture_output=True, text=True, timeout=20)
+        self.assertEqual(third.returncode, 1)
+        self.assertIn("is it in use?", third.stderr)
+        self.assertEqual(len(list(spool.glob("vestrel-server-[0-9]*"))), 1)
+        second.send_signal(signal.SIGINT)
+        second.communicate(timeout=20)
+        self.assertEqual(second.returncode, 0)
+        self.assertEqual([path.name for path in spool.iterdir()], ["vestrel-server-of somebody"])
+        shutil.rmtree(spool / "vestrel-server-of somebody")
+        for wrong in (["--port", "70000"], ["--max-upload", "0"], ["--bogus"], ["--port", "x"]):
+            end = subprocess.run([line[0], *wrong], env=environment, capture_output=True, timeout=20)
+            self.assertEqual((wrong, end.returncode), (wrong, 2))
+
+    def test_an_end_in_the_middle_of_work_is_soon_and_clean(self):
+        self.start()
+        noise = fits.PrimaryHDU(numpy.random.default_rng(1).normal(1000, 99, (900, 900)).astype(numpy.uint16))
+        packed = io.BytesIO()
+        noise.writeto(packed)
+        for _ in range(6):
+            self.assertEqual(self.upload(packed.getvalue())[0], 200)
+        with socket.create_connection(("127.0.0.1", self.port)) as half:
+            half.sendall(b"POST /api/upload HTTP/1.1\r\nHost: localhost\r\nContent-Length: 100000\r\n\r\nhalf a request")
+            time.sleep(0.3)
+            start = time.monotonic()
+            self.server.send_signal(signal.SIGTERM)
+            self.assertEqual(self.server.wait(30), 0)
+            self.assertLess(time.monotonic() - start, 5)
+
+    def test_wrong_requests_are_told_apart(self):
+        self.start("--key", "secret")
+        self.assertEqual(self.post("login", {"apikey": "x"})["errormessage"], "bad apikey")
+        form = {"Content-Type": "application/x-www-form-urlencoded"}
+        stars = {"x": [1, 2, 3], "y": [1, 2, 3], "image_width": 100, "image_height": 100}
+
+        def url_upload(**changes):
+            fields = {"session": self.session, **stars, **changes}
+            body = urllib.parse.urlencode({"request-json": json.dumps(fields)})
+            return self.ask("POST", "/api/url_upload", body, form)
+        self.assertEqual(url_upload()[0], 200)
+        for changes in ({"x": [1]}, {"x": "123"}, {"y": None}, {"x": [1, "2", 3]}, {"image_width": 0}, {"image_height": -5},
+                        {"image_width": 1e9}, {"image_width": "NaN"}, {"x": {}, "y": {}}):
+            status, text = url_upload(**changes)
+            self.assertEqual((status, json.loads(text)["status"]), (400, "error"), changes)
+        self.assertEqual(url_upload(session="x")[0], 401)
+        self.assertEqual(url_upload(x=None, y=None)[0], 400)
+        status, text = self.ask("POST", "/api/url_upload", urllib.parse.urlencode(
+            {"request-json": json.dumps({"session": self.session, "url": "http://127.0.0.1/x.fit"})}), form)
+        self.assertEqual(status, 400)
+        self.assertIn("fetches nothing", json.loads(text)["errormessage"])
+        # Hints that are none are left out, whatever they are.
+        nonsense = {"scale_units": ["x"], "scale_type": 5, "scale_lower": "low", "scale_upper": -1, "center_ra": 1e300,
+                    "center_dec": "north", "radius": {}, "tweak_order": "x", "parity": [], "downsample_factor": 1e9}
+        status, reply = self.upload(self.frame.read_bytes(), **nonsense)
+        self.assertEqual((status, self.result(reply["subid"])), (200, "success"))
+        for method, path, status in (("GET", "/../../etc/passwd", 404), ("GET", "/new_fits_file/..%2f..", 404),
+                                     ("GET", "/wcs_file/-1", 404), ("GET", "/api/upload", 404), ("DELETE", "/queue", 404),
+                                     ("POST", "/api/nothing", 404), ("GET", "/api/jobs/3000000000", 404),
+                                     ("GET", "/joblog/0", 404), ("HEAD", "/", 200), ("GET", "/api/jobs/2/", 200)):
+            self.assertEqual((path, self.ask(method, path)[0]), (path, status))
 
     def test_the_page_in_a_browser(self):
         browser = shutil.which("chromium")
