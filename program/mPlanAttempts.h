@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <limits>
 #include <vector>
 
 #include "program/mGeneral.h"
@@ -16,12 +17,16 @@ struct SeedAttempt {
     StarSource From;
     double SizeError;  ///< of the given size, as a part of it
     double Tried;      ///< the error up to which an attempt before has tried these stars
+    /// Around a centre that is right the first regions have it; where it is wrong, every further
+    /// one only costs time.
+    std::int32_t MostRegions;
 };
+inline constexpr std::int32_t NearRegions = 9;
 inline constexpr std::array SeedAttempts{
-    SeedAttempt{"seeds", StarSource::Peaks, 0.08, 0},
-    SeedAttempt{"even seeds", StarSource::EvenPeaks, 0.08, 0},
-    SeedAttempt{"seeds of other sizes", StarSource::Peaks, 0.35, 0.08},
-    SeedAttempt{"even seeds of other sizes", StarSource::EvenPeaks, 0.35, 0.08},
+    SeedAttempt{"seeds", StarSource::Peaks, 0.08, 0, std::numeric_limits<std::int32_t>::max()},
+    SeedAttempt{"even seeds", StarSource::EvenPeaks, 0.08, 0, NearRegions},
+    SeedAttempt{"seeds of other sizes", StarSource::Peaks, 0.35, 0.08, NearRegions},
+    SeedAttempt{"even seeds of other sizes", StarSource::EvenPeaks, 0.35, 0.08, NearRegions},
 };
 
 /// One attempt without a hint: quads of all bands are looked up.

@@ -234,7 +234,8 @@ class Plan {
         std::int16_t j = 0;
         std::int16_t ring = 0;
         SkyPosition centre = hint.Centre;
-        for (std::int32_t k = 1; k <= std::max(hint.Regions, 1) && !MustEnd(); ++k) {
+        const std::int32_t regions = std::clamp(hint.Regions, 1, attempt.MostRegions);
+        for (std::int32_t k = 1; k <= regions && !MustEnd(); ++k) {
             if (k > 1) {
                 NextSpiralCell(i, j, ring);
                 centre = grid.PlaneToSky(i * step, j * step);
