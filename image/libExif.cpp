@@ -49,6 +49,7 @@ class Block {
     }
 
     bool Good() const { return good_; }
+    std::uint64_t Length() const { return bytes_.size(); }
 
     /// A whole number of 2 or 4 bytes; 0 beyond the end.
     std::uint32_t Number(std::uint64_t at, std::size_t length) const {
@@ -76,7 +77,10 @@ class Block {
 class Directory {
  public:
     Directory(const Block& block, std::uint64_t at) : block_(block), first_(at + 2) {
-        if (at > 0) count_ = block.Number(at, 2);
+        if (at == 0 || first_ >= block.Length()) return;
+        // No more than there is room for, whatever it says.
+        count_ =
+            std::min<std::uint64_t>(block.Number(at, 2), (block.Length() - first_) / entryLength);
     }
 
     /// 0 when there is no such number.
@@ -114,7 +118,7 @@ class Directory {
 
     const Block& block_;
     std::uint64_t first_;
-    std::uint32_t count_ = 0;
+    std::uint64_t count_ = 0;
 };
 
 /// "2024:05:03 21:04:05" as FITS writes a time; empty when it is none.

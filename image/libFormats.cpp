@@ -7,6 +7,7 @@
 #include "image/libApartDecoder.h"
 #include "image/libDecoder.h"
 #include "image/libFITS.h"
+#include "image/libForeignFormats.h"
 #include "image/libPicture.h"
 #include "image/libPictureBuilder.h"
 #include "image/libSBIG.h"
@@ -82,8 +83,10 @@ void Decode(const ImageFormat& format, const std::filesystem::path& path, PlateI
     auto* const entry =
         reinterpret_cast<ModuleEntry*>(ModuleFunction(module, "VestrelDecode", reason));
     if (entry == nullptr) {
-        throw DecodeFault(HasModule(module) ? "Its decoder cannot be loaded: " + reason
-                                            : "This Vestrel was built without a decoder for it.");
+        throw DecodeFault(
+            HasModule(module)
+                ? "Its decoder cannot be loaded: " + reason
+                : "This Vestrel was built without a decoder for it: save it as FITS or JPEG.");
     }
     constexpr std::uint64_t longest = std::uint64_t{4} << 30;
     std::vector<unsigned char> bytes;
@@ -131,14 +134,16 @@ void ForgetDecoding(PlateImage& image) {
     image.Remarks.clear();
 }
 
-/// Whether the reader of counts can have lost the picture: nothing above 1, or nearly all at 0.
+/// Whether the reader of counts can have lost the picture: next to nothing above 2, or nearly all
+/// at 0.
 bool MayHaveLostTheSky(const PlateImage& image) {
     constexpr std::int32_t smallestSide = 100;
     if (image.Header.BitPix != -32 || image.Width < smallestSide || image.Height < smallestSide) {
         return false;
     }
-    bool anyAboveOne = false;
+    const std::int64_t pixels = std::int64_t{image.Width} * image.Height;
     std::int64_t atZero = 0;
+    std::int64_t aboveTwo = 0;
     for (std::int32_t y = 0; y < image.Height; ++y) {
         const std::int32_t* row = image.Pixels.Row(y).data();
         std::int32_t zeros = 0;
@@ -146,12 +151,13 @@ bool MayHaveLostTheSky(const PlateImage& image) {
         for (std::int32_t x = 0; x < image.Width; ++x) {
             const std::int32_t count = row[x] + image.DataOffset;
             zeros += count == 0 ? 1 : 0;
-            above += count > 1 ? 1 : 0;
+            above += count > 2 ? 1 : 0;
         }
         atZero += zeros;
-        anyAboveOne = anyAboveOne || above > 0;
+        aboveTwo += above;
     }
-    return !anyAboveOne || atZero * 10 > std::int64_t{image.Width} * image.Height * 9;
+    constexpr std::int64_t pixelsPerStray = 50000;
+    return aboveTwo <= pixels / pixelsPerStray || atZero * 10 > pixels * 9;
 }
 
 /// Decodes an image that was no image of counts. What was read stays when that cannot be done, or
@@ -179,6 +185,12 @@ const ImageFormat* OwnFormatOfName(std::string_view path) {
         if (Lists(format.OwnExtensions, extension)) return &format;
     }
     return nullptr;
+}
+
+std::string ForeignCauseOf(const std::filesystem::path& path) {
+    char start[ForeignLength];
+    const FileHandle file = OpenFile(path, "rb");
+    return ForeignFormatCause({start, file ? std::fread(start, 1, sizeof start, file.get()) : 0});
 }
 
 std::vector<const ImageFormat*> FormatsOfFile(const std::filesystem::path& path) {
@@ -242,7 +254,11 @@ bool ReadImageFile(const std::filesystem::path& path, PlateImage& image, const P
             if (cause.empty()) cause = failure.Cause.empty() ? failure.Text : failure.Cause;
             failure = {"File type is not supported", DefaultTitle, {}};
         }
-        if (failure.Cause.empty()) failure.Cause = cause;
+        // What it is says more than what a reader of something else met in it.
+        const std::string foreign = ForeignCauseOf(path);
+        if (!foreign.empty() || failure.Cause.empty()) {
+            failure.Cause = foreign.empty() ? cause : foreign;
+        }
         return false;
     }
     if (image.ImageType == ImageType::Fits && MayHaveLostTheSky(image)) {

@@ -32,6 +32,10 @@ std::span<const ImageFormat> ImageFormats();
 /// The formats that a file may be of: by its content first, by its name second.
 std::vector<const ImageFormat*> FormatsOfFile(const std::filesystem::path& path);
 
+/// What a file is that none of them reads, and what to do about it, in a sentence; empty when its
+/// first bytes are of nothing that is known.
+std::string ForeignCauseOf(const std::filesystem::path& path);
+
 /// The format whose own reader a name leads to; null when there is none.
 const ImageFormat* OwnFormatOfName(std::string_view path);
 
@@ -39,7 +43,7 @@ const ImageFormat* OwnFormatOfName(std::string_view path);
 ///
 /// The reader that the name leads to comes first. What it refuses, and files of other names, go to
 /// the formats that `FormatsOfFile` tells, one after the other, until one reads it. A
-/// floating-point FITS image whose counts are all 0 and 1, or of which nearly all pixels lie below
+/// floating-point FITS image with hardly a count above 2, or of which nearly all pixels lie below
 /// 0, was no image of counts: it is decoded anew, with its range brought to 0..65535.
 /// @param failure what to show when the result is false: the message of the reader that the name
 ///        leads to, and what all others made of it

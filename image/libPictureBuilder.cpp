@@ -105,15 +105,21 @@ double Extreme(const std::vector<Number>& numbers, std::size_t k, const Ahead& a
     return static_cast<double>(heap.front());
 }
 
+/// How many pixels of a picture may have nothing to do with it.
+template <typename Number>
+std::size_t StraysAmong(const std::vector<Number>& numbers) {
+    constexpr std::size_t pixelsPerStray = 50000;
+    return 1 + numbers.size() / pixelsPerStray;
+}
+
 /// The range without the few pixels that have nothing to do with the picture: a defect of 1e9 would
 /// leave a line no steps for the stars. The light of a star falls on many pixels, so its brightest
 /// one is never alone.
 template <typename Number>
 NumberRange WithoutStrays(NumberRange range, const std::vector<Number>& numbers) {
-    constexpr std::size_t pixelsPerStray = 50000;
     constexpr double alone = 200;  // times as far from the sky as all but the strays
     constexpr double room = 2;
-    const std::size_t strays = 1 + numbers.size() / pixelsPerStray;
+    const std::size_t strays = StraysAmong(numbers);
     const double sky = SkyOf(numbers);
     const double greatest = Extreme(numbers, strays + 1, std::greater<>());
     const double least = Extreme(numbers, strays + 1, std::less<>());
@@ -124,15 +130,29 @@ NumberRange WithoutStrays(NumberRange range, const std::vector<Number>& numbers)
     return range;
 }
 
+/// The range of fractions of which a few faulty pixels are above 1; else the range as it is.
+template <typename Number>
+NumberRange FractionsOf(NumberRange range, const std::vector<Number>& numbers) {
+    const double greatest = Extreme(numbers, 1 + StraysAmong(numbers), std::greater<>());
+    if (greatest > 1) return range;
+    const double sky = SkyOf(numbers);
+    range.Greatest = std::min(1.0, sky + 2 * (greatest - sky));
+    return range;
+}
+
 /// count = (sample − Zero) × Factor
 CountScale ScaleFor(const NumberRange& range, std::int32_t width, std::int32_t height) {
     constexpr std::int32_t smallestSide = 100;
     // A picture whose brightest pixel comes to less has too few steps left for its faint stars.
     constexpr double fewSteps = 8192;
     const bool counts = range.Least >= 0 && range.Greatest <= largestCount;
-    const bool fractions = counts && range.Greatest <= 1 && !range.Whole && width >= smallestSide &&
-                           height >= smallestSide;
-    if (fractions && range.Greatest * largestCount >= fewSteps) return {0, largestCount};
+    // Packing and resampling leave fractions a little above 1.
+    constexpr double overshoot = 2;
+    const bool fractions = counts && range.Greatest <= overshoot && !range.Whole &&
+                           width >= smallestSide && height >= smallestSide;
+    if (fractions && range.Greatest <= 1 && range.Greatest * largestCount >= fewSteps) {
+        return {0, largestCount};
+    }
     if ((counts && !fractions) || range.Greatest <= range.Least) return {0, 1};
     const double factor = largestCount / (range.Greatest - range.Least);
     return std::isnormal(factor) ? CountScale{range.Least, factor} : CountScale{0, 1};
@@ -143,6 +163,7 @@ void MakeCounts(const std::vector<Number>& numbers, PlateImage& image) {
     NumberRange range = RangeOf(numbers);
     if (range.Least > range.Greatest) throw DecodeFault("None of its pixels is a number.");
     if (range.Least < 0 || range.Greatest > largestCount) range = WithoutStrays(range, numbers);
+    if (range.Greatest > 1 && !range.Whole) range = FractionsOf(range, numbers);
     const CountScale scale = ScaleFor(range, image.Width, image.Height);
     image.Counts = scale;
     const double sky = range.AllFinite ? 0 : SkyOf(numbers);

@@ -19,11 +19,11 @@ inline constexpr std::int64_t MostPixels = std::int64_t{1} << 28;
 /// Counts: 8- and 16-bit samples are counts (negative ones become 0), and so are wider and
 /// floating-point ones that lie within 0..65535. Floating-point pictures of at least 100 x 100
 /// pixels within 0..1, not all whole, are taken times 65535, as stackers write them; where that
-/// would leave few steps, and for any wider range, the range becomes 0..65535 by a straight line;
-/// of a wider range, strays are cut off first: one pixel in 50,000, 200 times as far from the sky
-/// as all others. The record says which. Pixels that are no finite numbers become the background,
-/// by which the median of the others is meant. Of colours the mean is taken, of 8-bit ones the sum,
-/// as JPEG pictures have it.
+/// would leave few steps, where packing left them a little above 1, and for any wider range, the
+/// range becomes 0..65535 by a straight line; of a wider range, strays are cut off first: one pixel
+/// in 50,000, 200 times as far from the sky as all others. The record says which. Pixels that are
+/// no finite numbers become the background, by which the median of the others is meant. Of colours
+/// the mean is taken, of 8-bit ones the sum, as JPEG pictures have it.
 // Nothing is deleted through its base.
 // NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor)
 class PictureBuilder final : public PictureSink {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <bit>
 #include <csetjmp>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -21,7 +22,16 @@ namespace {
 struct Source {
     std::span<const unsigned char> Left;
     std::string Error;
+    std::size_t MostMemory = 0;  ///< of one piece: libpng believes the lengths that chunks give
 };
+
+png_voidp Allocate(png_structp png, png_alloc_size_t length) {
+    const auto* source = static_cast<Source*>(png_get_mem_ptr(png));
+    return length > source->MostMemory ? nullptr : std::malloc(length);
+}
+void Free(png_structp /*png*/, png_voidp memory) {
+    std::free(memory);
+}
 
 [[noreturn]] void OnError(png_structp png, png_const_charp message) {
     static_cast<Source*>(png_get_error_ptr(png))->Error = message;
@@ -42,7 +52,8 @@ struct Reader {
     png_structp Png;
     png_infop Info;
     explicit Reader(Source& source)
-        : Png(png_create_read_struct(PNG_LIBPNG_VER_STRING, &source, OnError, OnWarning)),
+        : Png(png_create_read_struct_2(PNG_LIBPNG_VER_STRING, &source, OnError, OnWarning, &source,
+                                       Allocate, Free)),
           Info(Png == nullptr ? nullptr : png_create_info_struct(Png)) {
         if (Info == nullptr) throw std::bad_alloc();
     }
@@ -62,7 +73,8 @@ bool Guarded(png_structp png, const Call& call) {
 }  // namespace
 
 void DecodePng(std::span<const unsigned char> file, PictureSink& sink) {
-    Source source{file, {}};
+    constexpr png_alloc_size_t longestChunk = 16 << 20;
+    Source source{file, {}, file.size() + longestChunk};
     const Reader reader(source);
     png_struct* const png = reader.Png;
     png_info* const info = reader.Info;
@@ -70,7 +82,6 @@ void DecodePng(std::span<const unsigned char> file, PictureSink& sink) {
         if (!good) throw DecodeFault("Its data cannot be decoded (" + source.Error + ").");
     };
     constexpr png_uint_32 longestSide = 1 << 24;
-    constexpr png_alloc_size_t longestChunk = 16 << 20;
     int passes = 1;
     require(Guarded(png, [&] {
         png_set_read_fn(png, &source, Read);
@@ -86,6 +97,8 @@ void DecodePng(std::span<const unsigned char> file, PictureSink& sink) {
     const auto width = static_cast<std::int64_t>(png_get_image_width(png, info));
     const auto height = static_cast<std::int64_t>(png_get_image_height(png, info));
     RequirePlausible(width, height, 1, file.size());
+    constexpr std::size_t largestPixel = 8;
+    source.MostMemory += static_cast<std::size_t>(width) * largestPixel;
     require(Guarded(png, [&] { png_read_update_info(png, info); }));
     const int bits = png_get_bit_depth(png, info);
     sink.Start({width, height, png_get_channels(png, info),

@@ -21,6 +21,11 @@ std::size_t CharacterCount(std::string_view utf8) {
     }));
 }
 
+void ShowCause(ProgramState& state, const std::string& cause) {
+    if (cause.empty()) return;
+    state.Display.Details = "  Cause             " + WithoutControls(cause) + "\n";
+}
+
 /// Reads a file into `image`, and shows why when that fails.
 bool ReadImage(ProgramState& state, Port& port, const std::string& path, PlateImage& image,
                double& seconds) {
@@ -32,9 +37,7 @@ bool ReadImage(ProgramState& state, Port& port, const std::string& path, PlateIm
         good = ReadImageFile(PathFromText(path), image, ShownProgress(port), failure);
     }
     port.ShowProgress(0);
-    if (!good && !failure.Cause.empty()) {
-        state.Display.Details = "  Cause             " + WithoutControls(failure.Cause) + "\n";
-    }
+    if (!good) ShowCause(state, failure.Cause);
     if (!good && !failure.Text.empty()) port.ShowMessage(failure.Text, failure.Title);
     ShowStatus(state, port, "Ready");
     return good;
@@ -62,6 +65,7 @@ bool OpenImage(ProgramState& state, Port& port, const std::string& path) {
     // until it was read.
     const bool vouched = OwnFormatOfName(path) != nullptr;
     if (!vouched && FormatsOfFile(PathFromText(path)).empty()) {
+        ShowCause(state, ForeignCauseOf(PathFromText(path)));
         port.ShowMessage("File type is not supported", DefaultTitle);
         return false;
     }

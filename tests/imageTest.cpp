@@ -481,6 +481,28 @@ TEST(Pictures, AFewStrayPixelsLeaveTheStarsTheirSteps) {
     const PlateImage wide = build(1000, 0);
     EXPECT_GT(height(wide), 30000);
     EXPECT_GT(height(build(1000, 1e12)), 10000);
+    // Fractions are fractions when packing took the brightest above 1, and with a faulty pixel.
+    EXPECT_GT(height(build(1 / 5400.0, 0)), 50000);
+    EXPECT_GT(height(build(1 / 5000.0, 0)), 50000);
+    EXPECT_GT(height(build(1 / 5400.0, 5)), 20000);
+}
+
+TEST(Pictures, FractionsThatThePlainReaderWouldShowBlackAreDecodedAnew) {
+    TemporaryFolder folder;
+    for (const double brightest : {0.9, 1.4, 60.0, 6000.0}) {
+        std::vector<double> pixels(120 * 110);
+        for (std::size_t i = 0; i < pixels.size(); ++i) {
+            pixels[i] = 0.1 + 0.001 * static_cast<double>(i % 7) + (i % 1009 == 0 ? 0.5 : 0);
+        }
+        pixels[5000] = brightest;
+        WriteFile(folder / "unit.fits", Fits(-32, 120, 110, pixels));
+        PlateImage image;
+        ReadFailure failure;
+        ASSERT_TRUE(ReadImageFile(folder / "unit.fits", image, nullptr, failure));
+        EXPECT_GT(image.Counts.Factor, 1) << brightest;
+        // Row 0 is the file's last one.
+        EXPECT_GT(image.Pixels(0, 109) - image.Pixels(1, 109), 15000) << brightest;
+    }
 }
 
 TEST(OpenImage, ChoosesTheReaderByTheExtensionInAnyCase) {

@@ -1,0 +1,11 @@
+// The decoder of TIFF pictures in this process, so that mutations are led by what they reach.
+
+#include "fuzz/checkDecoder.h"
+
+namespace vestrel {
+PictureDecoder DecodeTiff;
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    return vestrel::CheckDecoder(vestrel::DecodeTiff, data, size);
+}
