@@ -1,8 +1,12 @@
 // What hosts hand over, read piece by piece: the parts that no host's answer shows.
 #include <gtest/gtest.h>
 
+#include <array>
+#include <bit>
+#include <cstdint>
 #include <stdexcept>
 
+#include "compat/libFitsStars.h"
 #include "compat/libHeaderHints.h"
 #include "compat/libHeaderUpdate.h"
 #include "compat/libShellScript.h"
@@ -81,6 +85,64 @@ TEST(HostHeaders, AnUpdateTouchesNothingButTheCoordinates) {
                  std::runtime_error);
     EXPECT_THROW(WithCoordinates(Bytes("JPEG" + data), coordinates, 5, 4), std::runtime_error);
     EXPECT_THROW(WithCoordinates({}, coordinates, 5, 4), std::runtime_error);
+}
+
+/// A number as FITS stores it, the most significant byte first.
+std::string BigEndian(std::uint64_t bits, int bytes) {
+    std::string text;
+    for (int i = bytes - 1; i >= 0; --i) text += static_cast<char>(bits >> (8 * i) & 0xFF);
+    return text;
+}
+
+TEST(HostStars, EveryKindOfColumnIsReadWithItsScale) {
+    struct Kind {
+        const char* Form;
+        std::string Stored;
+        double Value;
+    };
+    const std::vector<Kind> kinds = {
+        {"1B", BigEndian(200, 1), 200},
+        {"1I", BigEndian(0xFFFF - 99, 2), -100},
+        {"J", BigEndian(0xFFFFFFFF - 999, 4), -1000},
+        {"1K", BigEndian(std::uint64_t{0} - 5, 8), -5},
+        {"1E", BigEndian(std::bit_cast<std::uint32_t>(12.25F), 4), 12.25},
+        {"1D", BigEndian(std::bit_cast<std::uint64_t>(-3.125), 8), -3.125}};
+    for (const Kind& kind : kinds) {
+        SCOPED_TRACE(kind.Form);
+        // Columns that are passed over, of widths that have to be counted, and the number thrice.
+        const std::string row = std::string(3, 'a') + std::string(2, '\0') + kind.Stored +
+                                kind.Stored + std::string(16, '\0') + kind.Stored;
+        std::vector<std::string> cards = {
+            "XTENSION= 'BINTABLE'", "BITPIX  = 8",
+            "NAXIS   = 2",          "NAXIS1  = " + std::to_string(row.size()),
+            "NAXIS2  = 2",          "TFIELDS = 6",
+            "TTYPE1  = 'NAME'",     "TFORM1  = '3A'",
+            "TFORM2  = '9X'",       "TTYPE3  = 'x'",
+            "TTYPE4  = 'Y'",        "TFORM5  = '1M'",
+            "TTYPE6  = 'FLUX'",     "TSCAL3  = 0.5",
+            "TZERO3  = 1000.0",     "TZERO4  = 32768"};
+        for (const char* number : {"3", "4", "6"}) {
+            cards.push_back(std::string("TFORM") + number + "  = '" + kind.Form + "'");
+        }
+        const std::string file = FitsHeaderBlocks(Cards({"SIMPLE  =                    T",
+                                                         "BITPIX  = 8", "NAXIS   = 0"})) +
+                                 FitsHeaderBlocks(Cards(cards)) + row + row;
+        const auto read = [&](std::size_t length) {
+            std::string fault;
+            const std::string_view part = std::string_view(file).substr(0, length);
+            return ReadFitsStars({reinterpret_cast<const unsigned char*>(part.data()), part.size()},
+                                 {}, fault);
+        };
+        const auto stars = read(file.size());
+        ASSERT_TRUE(stars);
+        ASSERT_EQ(stars->Stars.size(), 2U);
+        for (const ListedStar& star : stars->Stars) {
+            EXPECT_EQ(star.X, 1000 + 0.5 * kind.Value);
+            EXPECT_EQ(star.Y, 32768 + kind.Value);
+            EXPECT_EQ(star.Rank, kind.Value);
+        }
+        EXPECT_FALSE(read(file.size() - 1));
+    }
 }
 
 TEST(HostScripts, ScriptsThatEndInTheMiddleAreReadToTheirEnd) {

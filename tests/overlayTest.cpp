@@ -267,6 +267,7 @@ TEST(SkyMap, TheCompassPointsWhereAStepNorthAndEastLeads) {
 
 TEST(SkyGrid, LinesLieOnTheirAnglesAndNoneIsMissing) {
     Random random(5);
+    int poles = 0;
     for (const Solved& field : Fields()) {
         const SkyMap map = field.Map();
         const SkyGrid grid = MakeSkyGrid(map, field.Width, field.Height);
@@ -302,6 +303,15 @@ TEST(SkyGrid, LinesLieOnTheirAnglesAndNoneIsMissing) {
         }
         EXPECT_LE(std::max(kinds[0], kinds[1]), MostGridLines);
         EXPECT_GE(std::min(kinds[0], kinds[1]), 2) << field.Header.RaRef;
+        for (const double dec : {-pi / 2, pi / 2}) {
+            const auto pole = map.PixelOf({0, dec});
+            if (!pole || pole->X < 0 || pole->Y < 0 || pole->X > field.Width - 1 ||
+                pole->Y > field.Height - 1) {
+                continue;
+            }
+            EXPECT_LT(grid.RaStep, 0.53);  // two hours: as many go all around it as across a field
+            ++poles;
+        }
 
         // Wherever a line's angle shows, the line is there.
         int looked = 0;
@@ -332,6 +342,7 @@ TEST(SkyGrid, LinesLieOnTheirAnglesAndNoneIsMissing) {
         }
         EXPECT_GT(looked, 20);
     }
+    EXPECT_GT(poles, 0);
 }
 
 TEST(SkyGrid, LabelsHaveTheDigitsOfTheStep) {

@@ -546,6 +546,24 @@ TEST(Confidence, ChanceGivesALikelihoodRatioNoMoreOftenThanItsInverse) {
     EXPECT_LT(matched / expected, 1.3);
 }
 
+TEST(Confidence, IsTheSameInAMirror) {
+    Random random(8);
+    for (int trial = 0; trial < 10; ++trial) {
+        const PlateStarList catalog = Scattered(40, random);
+        PlateStarList image = catalog;
+        for (PlateStar& star : image) star.X += static_cast<float>(random.Between(-0.5, 0.5));
+        PlateConstants plate = PlateThrough(catalog[1], catalog[9], image[1], image[9]);
+        const MatchConfidence seen = ConfidenceOf(EvidenceOf(plate, catalog, image, 500, 400));
+        EXPECT_TRUE(IsSure(seen)) << seen.Log10FalseAlarm;
+
+        for (PlateStar& star : image) star.X = 499 - star.X;
+        plate = {-plate.a, -plate.b, 499 - plate.c, plate.d, plate.e, plate.f};
+        const MatchConfidence mirrored = ConfidenceOf(EvidenceOf(plate, catalog, image, 500, 400));
+        EXPECT_EQ(mirrored.Matched, seen.Matched);
+        EXPECT_NEAR(mirrored.Log10FalseAlarm, seen.Log10FalseAlarm, 0.01);
+    }
+}
+
 TEST(Confidence, OfARightPlateIsSureFromFewStarsAndPaysForWhatWasTried) {
     Random random(7);
     for (int trial = 0; trial < 40; ++trial) {

@@ -165,6 +165,43 @@ TEST(SkyModel, TheFTestIsRightAsOftenAsItSays) {
     }
 }
 
+TEST(SkyModel, ErrorsAreAsClaimedAlsoWhenFewStarsAreLeft) {
+    Random random(5);
+    constexpr int trials = 400;
+    constexpr double noise = 0.1;  // pixels
+    constexpr double pixel = 1e-3;
+    const SkyPosition tangent{1, 0.5};
+    for (const auto& [shape, count] :
+         {std::pair{SkyModelShape{1, 0}, 5}, {SkyModelShape{1, 1}, 6}, {SkyModelShape{2, 0}, 8}}) {
+        const double freedom = 2.0 * count - static_cast<double>(shape.Constants());
+        double variance = 0;
+        double ofCentre = 0;
+        double centreSquares = 0;
+        for (int trial = 0; trial < trials; ++trial) {
+            std::vector<SkyPoint> points;
+            for (int i = 0; i < count; ++i) {
+                const PixelPoint place{random.Between(0, 999), random.Between(0, 799)};
+                const PlanePoint plane{(place.X - 499.5 + random.Normal(noise)) * pixel,
+                                       (place.Y - 399.5 + random.Normal(noise)) * pixel};
+                points.push_back({place, SkyOfGnomonic(tangent, plane)});
+            }
+            const auto fit = FitSkyModel(points, shape, 1000, 800, tangent);
+            if (!fit || fit->EdgeLeverage > 5) {  // points that leave a side of the image out
+                --trial;
+                continue;
+            }
+            variance += fit->Sigma * fit->Sigma / trials;
+            ofCentre += fit->CentreSigma * fit->CentreSigma / trials;
+            const auto middle = fit->Model.PixelOf(tangent);
+            ASSERT_TRUE(middle);
+            centreSquares +=
+                (std::pow(middle->X - 499.5, 2) + std::pow(middle->Y - 399.5, 2)) / 2 / trials;
+        }
+        EXPECT_NEAR(variance / (noise * noise), 1, 4 * std::sqrt(2 / (freedom * trials))) << count;
+        EXPECT_NEAR(centreSquares / ofCentre, 1, 0.35) << count;
+    }
+}
+
 TEST(SkyMatch, CornersAreTrueWhateverTheLensAndErrorsAreAsClaimed) {
     Random random(3);
     constexpr int trials = 80;
