@@ -349,7 +349,7 @@ def real_variants(folder, out, rng):
         for change, work in CHANGES.items():
             changed = work(picture, rng)
             scale = float(row["scale_arcsec_px"])
-            if change in ("half", "mirror"):
+            if change in ("half", "mirror", "large"):
                 scale *= picture.width / changed.width
             name = f"real_{pathlib.Path(row['file']).stem}_{change}.jpg"
             quality = 30 if change == "jpeg30" else rng.choice((60, 85))
