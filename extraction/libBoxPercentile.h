@@ -42,6 +42,10 @@ constexpr bool HasBoxPercentiles(std::int32_t halfSize) {
 /// to child: each child has an excess, the most that a sum inside it can lie above the sum at its
 /// end, and is looked into when sum and excess reach the target.
 ///
+/// Where values spread that far, most of them are still close together (a sky with hot pixels): a
+/// strip is first tried with samples held within a window of 2047 values, which moves no percentile
+/// that lies inside it, and done again when one lies outside.
+///
 /// @param rows   of blocks
 /// @param blocks indexed by the column and row of the block
 void BoxPercentiles(const BoxSamples& samples, std::int32_t halfSize, double percentile,

@@ -169,12 +169,37 @@ std::int32_t StoredLevel(double threshold, std::int32_t offset) {
 
 // ---- Measurement and rejection -----------------------------------------------------------------
 
-/// Flux-weighted moments of regions 1..count, added up column by column.
-std::vector<Region> MeasureRegions(const BrightRuns& bright, std::int32_t count,
-                                   std::int32_t dataOffset, double skyMean) {
-    std::vector<Region> regions(static_cast<std::size_t>(count) + 1);
+/// The regions that can become stars, measured; the others, most of them hot pixels, would only
+/// take memory.
+struct Candidates {
+    std::vector<std::int32_t> Place;  ///< of each region in `Regions`, by number; 0 = not there
+    std::vector<Region> Regions;      ///< from place 1 on
+};
+
+/// Chooses the regions of several pixels, or all when single pixels count too.
+Candidates ChooseCandidates(const BrightRuns& bright, std::int32_t count, bool singlePixels) {
+    Candidates candidates;
+    std::vector<std::int32_t>& pixels = candidates.Place;
+    pixels.resize(static_cast<std::size_t>(count) + 1);
+    bright.ForEach([&](std::int32_t, const BrightRun& run, const std::int32_t*) {
+        pixels[static_cast<std::size_t>(run.Label)] += run.End - run.First;
+    });
+    std::int32_t places = 0;
+    for (std::int32_t& region : candidates.Place) {
+        region = region > 1 || (region == 1 && singlePixels) ? ++places : 0;
+    }
+    candidates.Regions.resize(static_cast<std::size_t>(places) + 1);
+    return candidates;
+}
+
+/// Flux-weighted moments of the candidates, added up column by column.
+void MeasureRegions(const BrightRuns& bright, std::int32_t dataOffset, double skyMean,
+                    Candidates& candidates) {
+    std::vector<Region>& regions = candidates.Regions;
     bright.ForEach([&](double x, const BrightRun& run, const std::int32_t* value) {
-        Region& region = regions[static_cast<std::size_t>(run.Label)];
+        const std::int32_t place = candidates.Place[static_cast<std::size_t>(run.Label)];
+        if (place == 0) return;
+        Region& region = regions[static_cast<std::size_t>(place)];
         for (std::int32_t rowNumber = run.First; rowNumber < run.End; ++rowNumber, ++value) {
             const double y = rowNumber;
             const double flux = static_cast<double>(*value) + dataOffset - skyMean;
@@ -200,7 +225,6 @@ std::vector<Region> MeasureRegions(const BrightRuns& bright, std::int32_t count,
             region.Size = std::sqrt(std::max(region.VarX, 0.0) + std::max(region.VarY, 0.0));
         }
     }
-    return regions;
 }
 
 /// Marks regions near the edges by a pixel count of 0. Regions without size count as one pixel,
@@ -217,24 +241,37 @@ void RejectAtEdges(std::vector<Region>& regions, const PlateImage& image, Border
     }
 }
 
-/// Sorts regions 1..count by a key, largest first.
-void SortDescending(std::vector<Region>& regions, std::int32_t count, double Region::*key) {
+/// The regions of at least `fewest` pixels, the largest ones first. The order of equal ones depends
+/// on all that are sorted, so those that are no candidates take part: they count as one pixel.
+std::vector<Region> SortedByPixelCount(const Candidates& candidates, std::int32_t fewest) {
+    const auto pixelsOf = [&](std::int32_t region) {
+        const std::int32_t place = candidates.Place[static_cast<std::size_t>(region)];
+        return place == 0 ? 1
+                          : static_cast<std::int32_t>(
+                                candidates.Regions[static_cast<std::size_t>(place)].PixelCount);
+    };
+    const auto count = static_cast<std::int32_t>(candidates.Place.size()) - 1;
+    const std::vector<std::int32_t> order = CombSortedOrder(count, pixelsOf);
+    std::vector<Region> sorted(1);
+    for (std::int32_t i = count; i >= 1; --i) {
+        const std::int32_t region = order[static_cast<std::size_t>(i)];
+        if (pixelsOf(region) < fewest) break;
+        const std::int32_t place = candidates.Place[static_cast<std::size_t>(region)];
+        sorted.push_back(candidates.Regions[static_cast<std::size_t>(place)]);
+    }
+    return sorted;
+}
+
+/// Sorts regions 1..count by their light, brightest first.
+void SortByFluxDescending(std::vector<Region>& regions, std::int32_t count) {
     std::vector<std::int32_t> order = CombSortedOrder(
-        count, [&](std::int32_t i) { return regions[static_cast<std::size_t>(i)].*key; });
+        count, [&](std::int32_t i) { return regions[static_cast<std::size_t>(i)].FluxSum; });
     ReverseList(order, count);
     std::vector<Region> sorted;
     sorted.reserve(order.size());
     for (const std::int32_t place : order)
         sorted.push_back(regions[static_cast<std::size_t>(place)]);
     regions = std::move(sorted);
-}
-
-void SortByFluxDescending(std::vector<Region>& regions, std::int32_t count) {
-    SortDescending(regions, count, &Region::FluxSum);
-}
-
-void SortByPixelCountDescending(std::vector<Region>& regions, std::int32_t count) {
-    SortDescending(regions, count, &Region::PixelCount);
 }
 
 /// The largest size that a star may have (not included), from the regions below `limit`; nothing
@@ -294,15 +331,12 @@ PlateStarList ExtractStars(const PlateImage& image, const DetectionSettings& set
 
     const std::int32_t level = StoredLevel(threshold, image.DataOffset);
     BrightRuns bright(image.Pixels, image.Width, image.Height, level, progress);
-    std::int32_t count = bright.Label(facts.MaxFillDepth);
-    std::vector<Region> regions = MeasureRegions(bright, count, image.DataOffset, sky.Mean);
-
-    RejectAtEdges(regions, image, border);
-    SortByPixelCountDescending(regions, count);
-    while (count > 0 &&
-           regions[static_cast<std::size_t>(count)].PixelCount < settings.MinStarSize) {
-        --count;
-    }
+    const std::int32_t found = bright.Label(facts.MaxFillDepth);
+    Candidates candidates = ChooseCandidates(bright, found, settings.MinStarSize <= 1);
+    MeasureRegions(bright, image.DataOffset, sky.Mean, candidates);
+    RejectAtEdges(candidates.Regions, image, border);
+    std::vector<Region> regions = SortedByPixelCount(candidates, settings.MinStarSize);
+    auto count = static_cast<std::int32_t>(regions.size()) - 1;
     if (count == 0) return {};
     count = RejectLarge(regions, count, settings.MaxStarSize);
     if (count == 0) return {};

@@ -202,6 +202,47 @@ TEST(Background, HasThePlainPercentileOfEveryBoxWhateverTheValues) {
     }
 }
 
+// A narrow sky with hot and dark pixels, so that values spread over all of the range and the boxes'
+// percentiles do not; rows at the top and a step or a slope may lead these away from each other.
+Image SaltedSky(Random& random, int width, int height) {
+    Image image(width, height);
+    const double level = random.Whole(0, 1) == 0 ? random.Between(0, 3000) : 30000;
+    const double noise = std::vector{0.0, 3.0, 80.0, 700.0}[random.Whole(0, 3)];
+    const double slope = std::vector{0.0, 1.0, 20.0}[random.Whole(0, 2)];
+    const double step = std::vector{0.0, 0.0, 900.0, 1300.0, 5000.0}[random.Whole(0, 4)];
+    const double top = std::vector{0.0, -1500.0, 1500.0, -9000.0}[random.Whole(0, 3)];
+    const int topRows = random.Whole(0, 60);
+    const int salt = random.Whole(1, 6);  // percent
+    ForPixels(width, height, [&](int x, int y) {
+        double value = level + slope * y + (y > height / 2 ? step : 0) + random.Normal(noise);
+        if (y < topRows) value += top;
+        if (random.Whole(0, 99) < salt)
+            value = random.Whole(0, 3) == 0 ? 0 : random.Between(3000, 1e5);
+        image(x, y) = static_cast<int>(value);
+    });
+    return image;
+}
+
+TEST(Background, IsThePlainProcedureUnderHotAndDarkPixels) {
+    Random random(19);
+    for (int trial = 0; trial < 40; ++trial) {
+        const int width = trial % 9 == 0 ? random.Whole(300, 400) : random.Whole(20, 150);
+        const int height = random.Whole(20, 250);
+        const int half = std::vector{30, 30, 30, 3}[random.Whole(0, 3)];
+        const double percentile = std::vector{50.0, 50.0, 50.0, 2.0, 99.0}[random.Whole(0, 4)];
+        const Image image = SaltedSky(random, width, height);
+        const Image plain = PlainBackground().Estimate(image, width, height, half, percentile);
+        for (const int threads : {1, 2, 7}) {
+            const ThreadsForNow now(threads);
+            const VectorsForNow vectors(threads == 2);
+            Image map = Copy(image, width, height);
+            EstimateBackground(map, width, height, static_cast<std::int16_t>(half), percentile);
+            ASSERT_EQ(Difference(map, plain, width, height), "")
+                << "trial " << trial << ": " << width << " x " << height << ", half-size " << half;
+        }
+    }
+}
+
 Image PlainlyFiltered(const Image& pixels, int width, int height) {
     Image result = Copy(pixels, width, height);
     ForPixels(width - 2, height - 2, [&](int x, int y) {
