@@ -91,6 +91,8 @@ py::dict DictionaryOf(const SolverOutcome& outcome, const Solver& solver) {
     result["end"] = NameOf(outcome.End);
     result["reason"] = outcome.Reason;
     result["advice"] = outcome.Advice;
+    result["cause"] = outcome.Cause;
+    result["cause_kind"] = outcome.CauseKind;
     result["width"] = outcome.Picture.Width;
     result["height"] = outcome.Picture.Height;
     result["seconds"] = outcome.Seconds;

@@ -205,6 +205,9 @@ void JobQueue::Solve(Job& job, Solver& solver, const std::stop_token& stop) cons
     const auto coordinates = solver.Coordinates({job.Request.MostSipOrder, true});
     if (!outcome.Solved() || !coordinates) {
         job.Report.Log = WithoutControls(outcome.Reason) + "\n";
+        if (!outcome.Cause.empty()) {
+            job.Report.Log += "Likely cause: " + WithoutControls(outcome.Cause) + "\n";
+        }
         for (const std::string& advice : outcome.Advice) {
             job.Report.Log += WithoutControls(advice) + "\n";
         }

@@ -62,6 +62,11 @@ class Solution:
     """The attempt that gave the solution."""
     started_from: str = ""
     """The header cards that gave the start; may be empty."""
+    cause: str = ""
+    """The likeliest cause of a failure, with the figures that speak for it; empty when nothing is
+    known."""
+    cause_kind: str = ""
+    """The name of that cause, which never changes: "trailed", "wrong_centre"."""
     ra: float = float("nan")
     """Right ascension of the middle of the picture, 0 to 360."""
     dec: float = float("nan")
