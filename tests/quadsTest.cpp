@@ -548,17 +548,21 @@ TEST(Confidence, ChanceGivesALikelihoodRatioNoMoreOftenThanItsInverse) {
 
 TEST(Confidence, IsTheSameInAMirror) {
     Random random(8);
+    constexpr float stretch = 0.97F;  // of the columns, as no lens does it
     for (int trial = 0; trial < 10; ++trial) {
         const PlateStarList catalog = Scattered(40, random);
         PlateStarList image = catalog;
-        for (PlateStar& star : image) star.X += static_cast<float>(random.Between(-0.5, 0.5));
-        PlateConstants plate = PlateThrough(catalog[1], catalog[9], image[1], image[9]);
-        const MatchConfidence seen = ConfidenceOf(EvidenceOf(plate, catalog, image, 500, 400));
-        EXPECT_TRUE(IsSure(seen)) << seen.Log10FalseAlarm;
+        for (PlateStar& star : image) {
+            star.X = stretch * star.X + static_cast<float>(random.Between(-0.5, 0.5));
+        }
+        const double a = double{stretch};
+        const MatchConfidence seen =
+            ConfidenceOf(EvidenceOf({a, 0, 0, 0, 1, 0}, catalog, image, 500, 400));
+        EXPECT_GE(seen.Matched, 20);
 
         for (PlateStar& star : image) star.X = 499 - star.X;
-        plate = {-plate.a, -plate.b, 499 - plate.c, plate.d, plate.e, plate.f};
-        const MatchConfidence mirrored = ConfidenceOf(EvidenceOf(plate, catalog, image, 500, 400));
+        const MatchConfidence mirrored =
+            ConfidenceOf(EvidenceOf({-a, 0, 499, 0, 1, 0}, catalog, image, 500, 400));
         EXPECT_EQ(mirrored.Matched, seen.Matched);
         EXPECT_NEAR(mirrored.Log10FalseAlarm, seen.Log10FalseAlarm, 0.01);
     }
