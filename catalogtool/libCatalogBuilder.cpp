@@ -94,7 +94,7 @@ auto OrderKey(const CatalogStar& star) {
 }  // namespace
 
 CatalogBuilder::CatalogBuilder(std::filesystem::path folder, std::size_t gatheredStars)
-    : folder_(std::move(folder)), limit_(gatheredStars), gatherings_(AllCells().size()) {}
+    : folder_(std::move(folder)), limit_(gatheredStars), onDisk_(AllCells().size()) {}
 
 std::filesystem::path CatalogBuilder::FileOf(std::size_t cell) const {
     return folder_ / CellName(AllCells()[cell]);
@@ -107,8 +107,12 @@ void CatalogBuilder::Add(const CatalogStar& star, unsigned char source) {
         ++mergedCount_;
         return;
     }
-    gatherings_[CellNumber(cell)].Stars.push_back({star, source});
-    if (++gathered_ >= limit_) Spill();
+    // One after the other: to go to the cell's own list for every star costs a wait for memory.
+    gathered_.push_back({star, source, static_cast<std::uint16_t>(CellNumber(cell))});
+    if (gathered_.size() >= limit_) {
+        Sort();
+        Spill();
+    }
 }
 
 bool CatalogBuilder::IsKnownBeyondTheEdge(const CatalogStar& star, unsigned char source) {
@@ -149,46 +153,57 @@ void CatalogBuilder::Merge(std::vector<SourceStar>& stars) {
     stars.resize(kept);
 }
 
+/// Puts the gathered stars in the order of their cells, else as they came.
+void CatalogBuilder::Sort() {
+    starts_.assign(onDisk_.size() + 1, 0);
+    for (const SourceStar& star : gathered_) ++starts_[star.Cell + 1U];
+    for (std::size_t cell = 1; cell < starts_.size(); ++cell) starts_[cell] += starts_[cell - 1];
+    std::vector<std::size_t> next(starts_.begin(), starts_.end() - 1);
+    std::vector<SourceStar> sorted(gathered_.size());
+    for (const SourceStar& star : gathered_) sorted[next[star.Cell]++] = star;
+    gathered_ = std::move(sorted);
+}
+
 void CatalogBuilder::Spill() {
-    for (std::size_t cell = 0; cell < gatherings_.size(); ++cell) {
-        Gathering& gathering = gatherings_[cell];
-        if (gathering.Stars.empty()) continue;
+    for (std::size_t cell = 0; cell < onDisk_.size(); ++cell) {
+        const std::span stars =
+            std::span(gathered_).subspan(starts_[cell], starts_[cell + 1] - starts_[cell]);
+        if (stars.empty()) continue;
         ThrowIfStopped();
         std::vector<unsigned char> bytes;
-        bytes.reserve(gathering.Stars.size() * spillBytes);
-        for (const SourceStar& star : gathering.Stars) {
+        bytes.reserve(stars.size() * spillBytes);
+        for (const SourceStar& star : stars) {
             const auto record = EncodeCatalogStar(star.Star);
             bytes.insert(bytes.end(), record.begin(), record.end());
             bytes.push_back(star.Source);
         }
         WriteBytes(FileOf(cell), "ab", bytes);
-        gathering.OnDisk += gathering.Stars.size();
-        // Capacity is given back too: an export ordered by position fills other cells next.
-        gathering.Stars = {};
+        onDisk_[cell] += stars.size();
     }
-    gathered_ = 0;
+    gathered_.clear();
 }
 
 std::vector<CatalogBuilder::SourceStar> CatalogBuilder::TakeCell(std::size_t cell) {
-    Gathering& gathering = gatherings_[cell];
-    if (gathering.OnDisk + gathering.Stars.size() > MostStarsInCell) {
-        throw ToolFailure(ToolExit::BadInput,
-                          "cell " + CellName(AllCells()[cell]) + " would hold " +
-                              GroupedText(gathering.OnDisk + gathering.Stars.size()) +
-                              " stars, more than a catalog can; try --mag-max");
+    const auto count = starts_[cell + 1] - starts_[cell];
+    const std::uint64_t onDisk = onDisk_[cell];
+    if (onDisk + count > MostStarsInCell) {
+        throw ToolFailure(ToolExit::BadInput, "cell " + CellName(AllCells()[cell]) +
+                                                  " would hold " + GroupedText(onDisk + count) +
+                                                  " stars, more than a catalog can; try --mag-max");
     }
-    std::vector<SourceStar> stars = std::exchange(gathering.Stars, {});
-    if (gathering.OnDisk > 0) {
+    const auto first = gathered_.begin() + static_cast<std::ptrdiff_t>(starts_[cell]);
+    std::vector<SourceStar> stars(first, first + static_cast<std::ptrdiff_t>(count));
+    if (onDisk > 0) {
         const auto path = FileOf(cell);
         std::vector<unsigned char> spilled;
         if (!ReadWholeFile(path, MostStarsInCell * spillBytes, spilled) ||
-            spilled.size() != gathering.OnDisk * spillBytes) {
+            spilled.size() != onDisk * spillBytes) {
             throw ToolFailure(ToolExit::CannotWrite, TextFromPath(path) + ": changed while in use");
         }
         // Written anew rather than over: ext4 waits for the disk when a file's content is replaced.
         std::error_code ignored;
         std::filesystem::remove(path, ignored);
-        stars.reserve(stars.size() + static_cast<std::size_t>(gathering.OnDisk));
+        stars.reserve(stars.size() + static_cast<std::size_t>(onDisk));
         for (std::size_t at = 0; at < spilled.size(); at += spillBytes) {
             stars.push_back({DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes>(
                                  &spilled[at], CatalogRecordBytes)),
@@ -200,8 +215,9 @@ std::vector<CatalogBuilder::SourceStar> CatalogBuilder::TakeCell(std::size_t cel
 
 void CatalogBuilder::Finish(ProgressLine& progress) {
     std::uint64_t written = 0;
-    for (std::size_t cell = 0; cell < gatherings_.size(); ++cell) {
-        progress.Show("Writing cells", cell, gatherings_.size(), written);
+    Sort();
+    for (std::size_t cell = 0; cell < onDisk_.size(); ++cell) {
+        progress.Show("Writing cells", cell, onDisk_.size(), written);
         std::vector<SourceStar> stars = TakeCell(cell);
         if (severalSources_) Merge(stars);
         std::sort(stars.begin(), stars.end(), [](const SourceStar& a, const SourceStar& b) {

@@ -16,9 +16,9 @@ namespace vestrel {
 
 /// Builds the cell files of a catalog in an empty folder.
 ///
-/// Stars are gathered by cell; when the gathered ones fill the memory allowed they are appended to
-/// the cells' files, unordered. `Finish` then orders one cell at a time. So memory holds the
-/// gathered stars or one cell, however many stars there are in all.
+/// Stars are gathered as they come; when they fill the memory allowed they are put in the order of
+/// their cells and appended to the cells' files. `Finish` then orders one cell at a time. So memory
+/// holds the gathered stars twice or one cell, however many stars there are in all.
 class CatalogBuilder {
  public:
     /// @param folder an existing, empty folder
@@ -46,17 +46,15 @@ class CatalogBuilder {
     std::uint64_t Merged() const { return mergedCount_; }
 
  private:
-    /// A star and the number of its source.
+    /// A star and the numbers of its source and of its cell.
     struct SourceStar {
         CatalogStar Star;
         unsigned char Source = 0;
-    };
-    struct Gathering {
-        std::vector<SourceStar> Stars;
-        std::uint64_t OnDisk = 0;
+        std::uint16_t Cell = 0;
     };
 
     std::filesystem::path FileOf(std::size_t cell) const;
+    void Sort();
     void Spill();
     std::vector<SourceStar> TakeCell(std::size_t cell);
     bool IsKnownBeyondTheEdge(const CatalogStar& star, unsigned char source);
@@ -64,8 +62,9 @@ class CatalogBuilder {
 
     std::filesystem::path folder_;
     std::size_t limit_;
-    std::size_t gathered_ = 0;
-    std::vector<Gathering> gatherings_;
+    std::vector<SourceStar> gathered_;
+    std::vector<std::size_t> starts_;    ///< of each cell in the gathered stars, once sorted
+    std::vector<std::uint64_t> onDisk_;  ///< stars of each cell
     std::map<std::string, CellContent> contents_;
     MagnitudeCounts counts_;
     std::uint64_t duplicateCount_ = 0;

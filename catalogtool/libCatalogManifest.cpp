@@ -1,5 +1,7 @@
 #include "catalogtool/libCatalogManifest.h"
 
+#include <zlib.h>
+
 #include <chrono>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -17,19 +19,6 @@ using nlohmann::json;
 
 constexpr const char* formatName = "vestrel-catalog";
 constexpr int formatVersion = 1;
-
-std::array<std::uint32_t, 256> ChecksumTable() {
-    constexpr std::uint32_t polynomial = 0xEDB88320;
-    std::array<std::uint32_t, 256> table{};
-    for (std::uint32_t byte = 0; byte < table.size(); ++byte) {
-        std::uint32_t remainder = byte;
-        for (int bit = 0; bit < 8; ++bit) {
-            remainder = remainder >> 1 ^ ((remainder & 1) != 0 ? polynomial : 0);
-        }
-        table[byte] = remainder;
-    }
-    return table;
-}
 
 std::string TimeText(std::chrono::sys_seconds time) {
     const auto day = std::chrono::floor<std::chrono::days>(time);
@@ -101,8 +90,7 @@ nlohmann::json SourceJson(const CatalogSource& source) {
 }
 
 void Checksum::Add(std::span<const unsigned char> bytes) {
-    static const auto table = ChecksumTable();
-    for (const unsigned char byte : bytes) state_ = state_ >> 8 ^ table[(state_ ^ byte) & 0xFF];
+    value_ = static_cast<std::uint32_t>(crc32_z(value_, bytes.data(), bytes.size()));
 }
 
 void MagnitudeCounts::Add(std::int16_t hundredths) {

@@ -21,10 +21,10 @@ namespace vestrel {
 class Checksum {
  public:
     void Add(std::span<const unsigned char> bytes);
-    std::uint32_t Value() const { return ~state_; }
+    std::uint32_t Value() const { return value_; }
 
  private:
-    std::uint32_t state_ = 0xFFFFFFFF;
+    std::uint32_t value_ = 0;
 };
 
 /// How many stars there are of each magnitude, in steps of half a magnitude.

@@ -108,14 +108,24 @@ constexpr std::array fastStars = {
 SkyStar MovedStar(const SkyStar& star, const ProperMotion& motion, double years) {
     const double east = motion.Ra * arcsecond / 1000 * years;
     const double north = motion.Dec * arcsecond / 1000 * years;
+    const double cosDec = std::cos(star.Dec);
+    const double sinDec = std::sin(star.Dec);
     // On the plane that touches the sphere at the star: no pole and no cosine to divide by.
-    const double outward = std::cos(star.Dec) - north * std::sin(star.Dec);
-    const double upward = std::sin(star.Dec) + north * std::cos(star.Dec);
+    const double outward = cosDec - north * sinDec;
     SkyStar moved = star;
-    moved.Ra += std::atan2(east, outward);
+    // Nearly all stars move so little that the first terms of both series are exact to 1e-13.
+    constexpr double little = 1e-5;
+    const bool isLittle = std::fabs(north) + std::fabs(east) < little * cosDec;
+    if (isLittle) {
+        const double aside = east / outward;
+        moved.Ra += aside;
+        moved.Dec += north - aside * aside / 2 * sinDec * cosDec;
+    } else {
+        moved.Ra += std::atan2(east, outward);
+        moved.Dec = std::atan2(sinDec + north * cosDec, std::hypot(outward, east));
+    }
     if (moved.Ra < 0) moved.Ra += 2 * std::numbers::pi;
     if (moved.Ra >= 2 * std::numbers::pi) moved.Ra -= 2 * std::numbers::pi;
-    moved.Dec = std::atan2(upward, std::hypot(outward, east));
     return moved;
 }
 

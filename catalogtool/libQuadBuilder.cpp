@@ -4,9 +4,12 @@
 #include <array>
 #include <atomic>
 #include <cmath>
+#include <limits>
 #include <numbers>
+#include <numeric>
 #include <tuple>
 #include <unordered_map>
+#include <utility>
 
 #include "astro/libMath.h"
 #include "astro/libParallel.h"
@@ -105,13 +108,27 @@ class FrameSet {
 
     std::int64_t Count() const { return count_; }
 
+    /// The frames from `begin` to `end` in the order of their right ascensions: so neighbours on
+    /// the sky, which share stars and most of their quads, come soon after one another.
+    static std::vector<std::int64_t> AlongTheSky(std::int64_t begin, std::int64_t end) {
+        std::vector<std::int64_t> frames(static_cast<std::size_t>(end - begin));
+        std::iota(frames.begin(), frames.end(), begin);
+        std::vector<std::pair<double, std::int64_t>> places;
+        places.reserve(frames.size());
+        for (const std::int64_t frame : frames) places.emplace_back(RaOf(frame), frame);
+        std::sort(places.begin(), places.end());
+        std::transform(places.begin(), places.end(), frames.begin(),
+                       [](const auto& place) { return place.second; });
+        return frames;
+    }
+
     /// The brightest stars of a frame, brightest first.
     void StarsOf(std::int64_t number, std::vector<FrameStar>& stars) const {
         const auto i = static_cast<double>(number);
         // Multiples of irrational numbers spread evenly over everything that a frame can differ in:
         // a spiral with the golden angle for the centres, two more for rotation and size.
         const double dec = std::asin(1 - (2 * i + 1) / static_cast<double>(count_));
-        const double ra = std::fmod(i * 2.399963229728653, 2 * pi);
+        const double ra = RaOf(number);
         const double turn = std::fmod(i * 0.5698402909980532, 1.0) * pi;
         const double diagonal = plan_.SmallestDiagonal * RadiansPerDegree *
                                 std::pow(plan_.LargestDiagonal / plan_.SmallestDiagonal,
@@ -153,6 +170,10 @@ class FrameSet {
     }
 
  private:
+    static double RaOf(std::int64_t number) {
+        return std::fmod(static_cast<double>(number) * 2.399963229728653, 2 * pi);
+    }
+
     const QuadPlan& plan_;
     BrightCells cells_;
     std::int64_t count_ = 0;
@@ -225,63 +246,97 @@ void KeepUnique(std::vector<T>& list) {
 /// The stars that any frame has, marked by threads in any order.
 using StarMarks = std::vector<std::atomic<bool>>;
 
-/// The quads of a run of consecutive frames, in order.
+/// Tells quads that were met a little before, most of them.
+class RecentQuads {
+ public:
+    bool IsNew(const StarQuad& quad) {
+        std::uint64_t mixed = 0;
+        for (const std::int32_t star : quad) {
+            mixed = (mixed ^ static_cast<std::uint64_t>(star)) * 0x9E3779B97F4A7C15U;
+        }
+        StarQuad& known = quads_[mixed >> (64 - sizeBits)];
+        if (known == quad) return false;
+        known = quad;
+        return true;
+    }
+
+ private:
+    static constexpr int sizeBits = 14;  // 256 KB
+    std::vector<StarQuad> quads_ = std::vector<StarQuad>(std::size_t{1} << sizeBits, {-1, 0, 0, 0});
+};
+
+/// The quads of a run of consecutive frames, the greatest first.
 std::vector<StarQuad> GatherRun(const FrameSet& frames, const QuadPlan& plan, std::int64_t begin,
                                 std::int64_t end, StarMarks& marks) {
     std::vector<StarQuad> quads;
     std::vector<FrameStar> stars;
-    // Neighbouring frames share most of what they have: what is held is made unique now and then.
+    RecentQuads recent;
+    // What is held is made unique now and then.
     std::size_t enough = 1U << 17;
-    for (std::int64_t i = begin; i < end; ++i) {
-        frames.StarsOf(i, stars);
+    for (const std::int64_t frame : FrameSet::AlongTheSky(begin, end)) {
+        frames.StarsOf(frame, stars);
         for (const FrameStar& star : stars) {
-            marks[static_cast<std::size_t>(star.Star)].store(true, std::memory_order_relaxed);
+            std::atomic<bool>& mark = marks[static_cast<std::size_t>(star.Star)];
+            // Not written anew: threads would take its memory from each other.
+            if (!mark.load(std::memory_order_relaxed)) mark.store(true, std::memory_order_relaxed);
         }
+        const auto before = static_cast<std::ptrdiff_t>(quads.size());
         (plan.SharedBrightest ? AddNarrowQuads : AddWideQuads)(stars, plan, quads);
+        quads.erase(std::remove_if(quads.begin() + before, quads.end(),
+                                   [&](const StarQuad& quad) { return !recent.IsNew(quad); }),
+                    quads.end());
         if (quads.size() > enough) {
             KeepUnique(quads);
             enough = 2 * quads.size() + (1U << 17);
         }
     }
     KeepUnique(quads);
+    std::reverse(quads.begin(), quads.end());
     quads.shrink_to_fit();
     return quads;
 }
 
-/// The quads of all runs, each once, in order. The runs lose theirs.
+/// The quads of all runs, each once, in order. The runs lose theirs, bit by bit, so that they are
+/// not held twice.
 std::vector<StarQuad> MergeQuads(std::vector<std::vector<StarQuad>>& runs) {
     // Slices by the first star, of about equal size as the longest run shows.
     const auto& longest = *std::max_element(
         runs.begin(), runs.end(), [](const auto& a, const auto& b) { return a.size() < b.size(); });
     constexpr std::size_t sliceCount = 64;
-    std::vector<StarQuad> bounds;
-    for (std::size_t i = 1; i < sliceCount && !longest.empty(); ++i) {
-        bounds.push_back({longest[longest.size() * i / sliceCount][0], 0, 0, 0});
+    constexpr std::size_t atOnce = 8;
+    constexpr std::int32_t beyondAll = std::numeric_limits<std::int32_t>::max();
+    std::vector<std::int32_t> bounds = {0};
+    for (std::size_t i = 1; i < sliceCount; ++i) {
+        const std::size_t place = longest.size() * (sliceCount - i) / sliceCount;
+        bounds.push_back(longest.empty() ? 0 : longest[std::min(place, longest.size() - 1)][0]);
     }
-    std::vector<std::vector<StarQuad>> slices(bounds.size() + 1);
-    ParallelFor(static_cast<int>(slices.size()), [&](int number) {
-        const auto slice = static_cast<std::size_t>(number);
-        std::vector<StarQuad> quads;
-        for (const std::vector<StarQuad>& run : runs) {
-            const auto place = [&run](const StarQuad& bound) {
-                return std::lower_bound(run.begin(), run.end(), bound);
-            };
-            const auto begin = slice == 0 ? run.begin() : place(bounds[slice - 1]);
-            const auto end = slice == bounds.size() ? run.end() : place(bounds[slice]);
-            quads.insert(quads.end(), begin, std::max(begin, end));
-        }
-        KeepUnique(quads);
-        slices[slice].assign(quads.begin(), quads.end());
-    });
-    runs.clear();
+    bounds.push_back(beyondAll);
+    std::size_t most = 0;
+    for (const auto& run : runs) most += run.size();
     std::vector<StarQuad> all;
-    std::size_t count = 0;
-    for (const auto& slice : slices) count += slice.size();
-    all.reserve(count);
-    for (auto& slice : slices) {
-        all.insert(all.end(), slice.begin(), slice.end());
-        slice = {};
+    all.reserve(most);
+    for (std::size_t begin = 0; begin < sliceCount; begin += atOnce) {
+        std::vector<std::vector<StarQuad>> slices(atOnce);
+        // Where the quads of a run end that have a first star from `bound` on.
+        const auto place = [](const std::vector<StarQuad>& run, std::int32_t bound) {
+            return std::partition_point(run.begin(), run.end(),
+                                        [bound](const StarQuad& quad) { return quad[0] >= bound; });
+        };
+        ParallelFor(static_cast<int>(atOnce), [&](int number) {
+            const std::size_t slice = begin + static_cast<std::size_t>(number);
+            std::vector<StarQuad>& quads = slices[static_cast<std::size_t>(number)];
+            for (const std::vector<StarQuad>& run : runs) {
+                quads.insert(quads.end(), place(run, bounds[slice + 1]), place(run, bounds[slice]));
+            }
+            KeepUnique(quads);
+        });
+        for (std::vector<StarQuad>& run : runs) {
+            run.erase(place(run, bounds[begin + atOnce]), run.end());
+            run.shrink_to_fit();
+        }
+        for (const auto& slice : slices) all.insert(all.end(), slice.begin(), slice.end());
     }
+    runs.clear();
     return all;
 }
 

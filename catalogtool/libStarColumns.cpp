@@ -285,7 +285,9 @@ bool StarColumns::ReadStar(const TableRow& row, SkyStar& star, RowFault& fault) 
     if (row.Text(ra_).empty() || row.Text(dec_).empty()) return refuse(RowFault::NoPosition);
     if (!ReadPosition(row, star)) return refuse(RowFault::BadPosition);
     star.Mag = row.Number(mag_);
-    if (!StoredStar(star)) return refuse(RowFault::NoMagnitude);
+    if (!(star.Mag >= BrightestMagnitude && star.Mag <= FaintestMagnitude)) {
+        return refuse(RowFault::NoMagnitude);
+    }
     Move(row, star);
     return true;
 }

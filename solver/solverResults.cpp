@@ -219,8 +219,10 @@ void ExplainEnd(const ProgramState& state, SolveCode code, const PlanReport& pla
     if (plan.TimeLimitReached) {
         return end(SolverEnd::TimeLimit, "The time limit came before all attempts were made.");
     }
+    const std::string shallow = ShallowCatalogText(state);
     end(SolverEnd::NoMatch, "No place that was searched matches its " +
-                                std::to_string(state.Extraction.StarsFound) + " stars.");
+                                std::to_string(state.Extraction.StarsFound) + " stars" +
+                                (shallow.empty() ? "" : "; " + shallow) + ".");
 }
 
 void ExplainCause(ProgramState& state, Port& port, SolveCode code, const SearchRequest& request,

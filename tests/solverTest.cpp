@@ -178,6 +178,9 @@ TEST(Solver, TellsWhyThereIsNoSolution) {
     elsewhere.Centres[0].Dec += 0.5;
     const SolverOutcome off = solver.Solve(TextFromPath(sky.Frame), elsewhere);
     EXPECT_EQ(off.End, SolverEnd::NoMatch) << NameOf(off.End);
+    EXPECT_NE(off.Reason.find("the catalog ends at 15.0 here, this field is compared down to 16.5"),
+              std::string::npos)
+        << off.Reason;
     EXPECT_NE(off.CauseKind, "") << "the pixels are good: so the place is not";
     EXPECT_TRUE(solver.Solve(TextFromPath(sky.Frame), sky.Near).Cause.empty());
 
