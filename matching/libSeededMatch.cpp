@@ -253,7 +253,7 @@ SeedMatcher::SeedMatcher(const ImageStars& image, const SeedSettings& settings)
                                     : std::pair(a.First, a.Second) < std::pair(b.First, b.Second);
     });
     taken_.assign(static_cast<std::size_t>(image.Count()) + 1, 0);
-    MarkNear();
+    MarkCells();
 }
 
 double SeedMatcher::PixelDistanceOf(std::int32_t i, std::int32_t j) const {
@@ -293,14 +293,22 @@ double SeedMatcher::PlatesOf(const PlateStarList& catalog) const {
     return plates;
 }
 
-void SeedMatcher::MarkNear() {
+void SeedMatcher::MarkCells() {
     cellsPerPixel_ = 2 / settings_.Tolerance;
     const auto cells = [this](std::int32_t pixels) {
         return static_cast<std::int32_t>(pixels * cellsPerPixel_) + 1;
     };
     columns_ = cells(image_.Width());
-    const std::int32_t rows = cells(image_.Height());
-    near_.assign(static_cast<std::size_t>(columns_) * static_cast<std::size_t>(rows), 0);
+    rows_ = cells(image_.Height());
+    cells_.assign(static_cast<std::size_t>(columns_ + 2) * static_cast<std::size_t>(rows_ + 2),
+                  Cell::Outside);
+    for (std::int32_t row = 0; row < rows_; ++row) {
+        for (std::int32_t column = 0; column < columns_; ++column) {
+            // The frame may end within a cell.
+            const bool edge = row == 0 || column == 0 || row == rows_ - 1 || column == columns_ - 1;
+            CellAt(column, row) = edge ? Cell::Unknown : Cell::Empty;
+        }
+    }
     // Two cells are a tolerance.
     constexpr double reach = 2.001;
     constexpr auto steps = static_cast<std::int32_t>(reach) + 1;
@@ -309,14 +317,13 @@ void SeedMatcher::MarkNear() {
         const double y = (YOf(star) + 0.5) * cellsPerPixel_;
         const auto column = static_cast<std::int32_t>(std::floor(x));
         const auto row = static_cast<std::int32_t>(std::floor(y));
-        for (std::int32_t j = std::max(row - steps, 0); j <= std::min(row + steps, rows - 1); ++j) {
+        for (std::int32_t j = std::max(row - steps, 0); j <= std::min(row + steps, rows_ - 1);
+             ++j) {
             for (std::int32_t i = std::max(column - steps, 0);
                  i <= std::min(column + steps, columns_ - 1); ++i) {
                 const double dx = x - std::clamp(x, double(i), i + 1.0);
                 const double dy = y - std::clamp(y, double(j), j + 1.0);
-                if (dx * dx + dy * dy > reach * reach) continue;
-                near_[static_cast<std::size_t>(j) * static_cast<std::size_t>(columns_) +
-                      static_cast<std::size_t>(i)] = 1;
+                if (dx * dx + dy * dy <= reach * reach) CellAt(i, j) = Cell::Unknown;
             }
         }
     }
@@ -327,6 +334,7 @@ bool SeedMatcher::Promising(const std::vector<CatalogPlace>& checked, const Plat
     constexpr double hopeless = -4.5;  // of the logarithm of the odds
     constexpr double promising = 7;
     const double miss = std::log(1 - hitPart);
+    const std::array<double, 2> change{0, miss};  // outside of the frame, and in an empty part
     ++plateNumber_;
     double odds = 0;
     double best = 0;
@@ -334,20 +342,24 @@ bool SeedMatcher::Promising(const std::vector<CatalogPlace>& checked, const Plat
     for (const auto& [east, north] : checked) {
         const double x = plate.a * east + plate.b * north + plate.c;
         const double y = plate.d * east + plate.e * north + plate.f;
-        if (!image_.InFrame(x, y)) continue;
-        const std::int32_t i = MayMeet(x, y) ? image_.Nearest(x, y, settings_.Tolerance) : 0;
-        if (i == 0) {
-            odds += miss;
-        } else if (taken_[static_cast<std::size_t>(i)] != plateNumber_) {
-            taken_[static_cast<std::size_t>(i)] = plateNumber_;
-            if (seeds > 0) {
-                --seeds;
-                continue;
+        const Cell cell = CellOf(x, y);
+        if (cell != Cell::Unknown) {
+            odds += change[static_cast<std::size_t>(cell)];
+        } else if (image_.InFrame(x, y)) {
+            const std::int32_t i = image_.Nearest(x, y, settings_.Tolerance);
+            if (i == 0) {
+                odds += miss;
+            } else if (taken_[static_cast<std::size_t>(i)] != plateNumber_) {
+                taken_[static_cast<std::size_t>(i)] = plateNumber_;
+                if (seeds > 0) {
+                    --seeds;
+                    continue;
+                }
+                const double area = Pi * settings_.Tolerance * settings_.Tolerance;
+                const double chance = std::min(image_.DensityAt(x, y) * area, 0.9);
+                odds += std::log(hitPart / chance + (1 - hitPart));
+                best = std::max(best, odds);
             }
-            const double area = Pi * settings_.Tolerance * settings_.Tolerance;
-            const double chance = std::min(image_.DensityAt(x, y) * area, 0.9);
-            odds += std::log(hitPart / chance + (1 - hitPart));
-            best = std::max(best, odds);
         }
         if (odds < hopeless) break;
     }

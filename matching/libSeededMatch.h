@@ -6,6 +6,7 @@
 // false.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <functional>
@@ -122,21 +123,31 @@ class SeedMatcher {
                  std::int32_t c1, std::int32_t c2, const ImagePair& pair,
                  const std::function<bool(const MatchedPlate&)>& accept);
     bool Promising(const std::vector<CatalogPlace>& checked, const PlateConstants& plate);
-    /// Marks the cells of which a part is nearer to a star of the image than the tolerance.
-    void MarkNear();
-    /// Whether a place of the frame may be so near to a star; most plates need no closer look.
-    bool MayMeet(double x, double y) const {
-        const auto column = static_cast<std::size_t>((x + 0.5) * cellsPerPixel_);
-        const auto row = static_cast<std::size_t>((y + 0.5) * cellsPerPixel_);
-        return near_[row * static_cast<std::size_t>(columns_) + column] != 0;
+    /// What is known of a cell without a closer look, which most plates never need.
+    enum class Cell : std::uint8_t {
+        Outside,  ///< of the frame
+        Empty,    ///< in the frame, and farther than the tolerance from all stars of the image
+        Unknown
+    };
+    void MarkCells();
+    Cell& CellAt(std::int32_t column, std::int32_t row) {
+        return cells_[static_cast<std::size_t>(row + 1) * static_cast<std::size_t>(columns_ + 2) +
+                      static_cast<std::size_t>(column + 1)];
+    }
+    Cell CellOf(double x, double y) {
+        // Without branches. There is one more row or column beyond each side.
+        const double column = std::max(-1.0, std::min((x + 0.5) * cellsPerPixel_, columns_ * 1.0));
+        const double row = std::max(-1.0, std::min((y + 0.5) * cellsPerPixel_, rows_ * 1.0));
+        return CellAt(static_cast<std::int32_t>(column), static_cast<std::int32_t>(row));
     }
 
     const ImageStars& image_;
     SeedSettings settings_;
-    std::vector<ImagePair> pairs_;    ///< of the image, by rising length
-    double shortest_ = 0;             ///< pixels
-    std::vector<std::uint8_t> near_;  ///< by row
+    std::vector<ImagePair> pairs_;  ///< of the image, by rising length
+    double shortest_ = 0;           ///< pixels
+    std::vector<Cell> cells_;       ///< half a tolerance wide, by row, with one more on each side
     std::int32_t columns_ = 0;
+    std::int32_t rows_ = 0;
     double cellsPerPixel_ = 0;
     double tried_ = 0;
     std::vector<std::int32_t> taken_;  ///< per image star: the plate that met it last
