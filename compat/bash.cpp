@@ -45,7 +45,8 @@ class Shell {
         constexpr std::size_t longest = 1 << 20;
         constexpr int deepest = 4;
         std::vector<unsigned char> bytes;
-        const std::filesystem::path inRoot = root_ / name.substr(name.starts_with('/') ? 1 : 0);
+        const std::filesystem::path inRoot =
+            root_ / PathFromText(name.substr(name.starts_with('/') ? 1 : 0));
         const bool found = depth_ < deepest && (ReadWholeFile(inRoot, longest, bytes) ||
                                                 ReadWholeFile(PathFromText(name), longest, bytes));
         if (!found) {
