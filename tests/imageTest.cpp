@@ -487,6 +487,7 @@ TEST(Pictures, AFewStrayPixelsLeaveTheStarsTheirSteps) {
     EXPECT_GT(height(build(1 / 5400.0, 5)), 20000);
 }
 
+#ifdef VESTREL_READS_FITS
 TEST(Pictures, FractionsThatThePlainReaderWouldShowBlackAreDecodedAnew) {
     TemporaryFolder folder;
     for (const double brightest : {0.9, 1.4, 60.0, 6000.0}) {
@@ -504,6 +505,7 @@ TEST(Pictures, FractionsThatThePlainReaderWouldShowBlackAreDecodedAnew) {
         EXPECT_GT(image.Pixels(0, 109) - image.Pixels(1, 109), 15000) << brightest;
     }
 }
+#endif
 
 TEST(OpenImage, ChoosesTheReaderByTheExtensionInAnyCase) {
     TemporaryFolder folder;
@@ -604,6 +606,7 @@ TEST(OpenImage, ADigitalNegativeIsItsMosaicTwoByTwo) {
 }
 #endif
 
+#ifdef VESTREL_READS_FITS
 TEST(OpenImage, ADamagedPackedFileIsRefusedOrAPictureAndNeverTheEnd) {
     const std::string seeds = VESTREL_SOURCE_DIR "/fuzz/corpus/decoders/";
     TemporaryFolder folder;
@@ -627,6 +630,7 @@ TEST(OpenImage, ADamagedPackedFileIsRefusedOrAPictureAndNeverTheEnd) {
     }
     EXPECT_GT(refused, 10);
 }
+#endif
 #endif
 
 TEST(OpenImage, LongPathsAreShownFromTheirEnd) {
