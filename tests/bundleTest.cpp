@@ -75,6 +75,12 @@ TEST_F(Bundles, WhatWasSolvedOrFailedDoesSoAgainWithoutPictureAndCatalog) {
         const Bundle bundle(path);
         EXPECT_TRUE(bundle.Outcome() == outcome);
         EXPECT_EQ(bundle.Picture(), "frame.fit");
+        ProgramState state;
+        const SearchRequest again = Bundle(path).Prepare(state);
+        EXPECT_EQ(again.Everywhere, request.Everywhere);
+        EXPECT_EQ(again.Diagonals, request.Diagonals);
+        EXPECT_EQ(again.TimeLimit, request.TimeLimit);
+        EXPECT_EQ(again.Around.size(), request.Around.size());
         EXPECT_TRUE(Replay(bundle, folder_ / "catalog") == outcome);
         const bool needsTables = request.Everywhere;
         EXPECT_TRUE(needsTables || Replay(bundle, folder_ / "nowhere") == outcome);

@@ -141,6 +141,22 @@ class Causes : public testing::Test {
     TemporaryFolder folder_;
 };
 
+// Frames of floating-point numbers are stored with the top row first, the others are not.
+TEST_F(Causes, ATrailRunsTheSameWayWhicheverRowIsStoredFirst) {
+    FrameExposure exposure = Exposure(21, 1);
+    exposure.TrailLength = 80;
+    exposure.TrailAngle = 0.6;
+    const Frame frame = Render(exposure, 60);
+    for (const int bitPix : {16, -32}) {
+        const auto path = folder_ / "trailed.fit";
+        const auto bytes = FrameFileBytes(frame, bitPix, {});
+        WriteFile(path, std::string(bytes.begin(), bytes.end()));
+        const auto cause = CauseOf(path);
+        ASSERT_TRUE(cause);
+        EXPECT_NEAR(cause->Evidence.TrailAngle, 0.6 / degree, 3) << bitPix;
+    }
+}
+
 TEST_F(Causes, EachFaultIsNamed) {
     FrameExposure exposure = Exposure(21, 1);
     exposure.TrailLength = 80;

@@ -32,6 +32,10 @@ TEST(HostHeaders, TheFirstKeywordsThatHostsWriteAreBelievedFirst) {
         EXPECT_NEAR(centres[i].Ra, expected[i][0], 1e-7) << i;
         EXPECT_NEAR(centres[i].Dec, expected[i][1], 1e-7) << i;
     }
+    // Both halves of the circle may be counted from its middle.
+    const auto west = HeaderCentres(Cards({"CRVAL1  = -10", "CRVAL2  = 5"}));
+    ASSERT_EQ(west.size(), 1U);
+    EXPECT_EQ(west[0].Ra, 350);
     // What is half there, off the sky or no number at all is passed over.
     EXPECT_TRUE(HeaderCentres(Cards({"RA      = 10", "OBJCTRA = ''", "OBJCTDEC= ''",
                                      "CRVAL1  = 1E999", "CRVAL2  = 5"}))

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "solver/solverRequest.h"
 #include "tests/skySupport.h"
 #include "tests/testSupport.h"
 
@@ -200,6 +201,21 @@ TEST(Solver, TellsWhyThereIsNoSolution) {
     EXPECT_THROW(Solver{threads}, std::invalid_argument);
     // What went wrong before leaves no trace.
     EXPECT_TRUE(solver.Solve(TextFromPath(sky.Frame), sky.Near).Solved());
+}
+
+TEST(Solver, TheSizeOfASideIsThatOfItsPixels) {
+    const PlateImage image = EmptyImage(400, 100, 0);
+    SolverHints hints;
+    hints.FieldWidth = SolverRange{2, 2};
+    const KnownOfPicture byWidth = KnownFrom(hints, image);
+    hints.FieldWidth.reset();
+    hints.FieldHeight = SolverRange{0.5, 0.5};
+    const KnownOfPicture byHeight = KnownFrom(hints, image);
+    for (const KnownOfPicture& known : {byWidth, byHeight}) {
+        ASSERT_EQ(known.Sizes.size(), 1U);
+        EXPECT_NEAR(known.Sizes[0].Width * degreesPerRadian, 2, 1e-6);
+        EXPECT_NEAR(known.Sizes[0].Height * degreesPerRadian, 0.5, 1e-6);
+    }
 }
 
 TEST(Solver, StopsWhenAskedTo) {
