@@ -1,8 +1,12 @@
 #include "desktop/fHelp.h"
 
 #include <QDialogButtonBox>
+#include <QEvent>
+#include <QImage>
 #include <QLabel>
+#include <QPainter>
 #include <QScrollArea>
+#include <QScrollBar>
 #include <QTabWidget>
 #include <QTextBrowser>
 #include <QVBoxLayout>
@@ -10,10 +14,43 @@
 #include "desktop/libWindows.h"
 #include "program/mParameterTexts.h"
 
+/// A library's pictures are not there by themselves. The macro works outside namespaces only.
+static void HaveGuidePictures() {
+    Q_INIT_RESOURCE(guide);
+}
+
 namespace vestrel {
 
+namespace {
+
+/// Shows the pictures of the program in the colours of the theme.
+class GuideBrowser : public QTextBrowser {
+ protected:
+    QVariant loadResource(int type, const QUrl& name) override {
+        if (type != QTextDocument::ImageResource) return QTextBrowser::loadResource(type, name);
+        QImage picture(":" + name.path());
+        if (IsRedOnly(palette())) {
+            QPainter painter(&picture);
+            Redden(painter, picture.rect());
+        }
+        return picture;
+    }
+    void changeEvent(QEvent* event) override {
+        QTextBrowser::changeEvent(event);
+        if (event->type() != QEvent::PaletteChange || document()->isEmpty()) return;
+        // Links and pictures keep the colours that they were read with.
+        const int place = verticalScrollBar()->value();
+        document()->clear();
+        setHtml(HelpGuide());
+        verticalScrollBar()->setValue(place);
+    }
+};
+
+}  // namespace
+
 HelpWindow::HelpWindow()
-    : QDialog(nullptr, Qt::Window), pages_(new QTabWidget), guide_(new QTextBrowser) {
+    : QDialog(nullptr, Qt::Window), pages_(new QTabWidget), guide_(new GuideBrowser) {
+    HaveGuidePictures();
     setObjectName("fHelp");
     setWindowTitle("Vestrel Help");
     guide_->setObjectName("txtGuide");

@@ -21,6 +21,7 @@ QString HelpGuide() {
 <a href="#telescope">the telescope</a>, <a href="#fSettings">settings</a>.</p>
 
 <a name="fKELInfo"></a><h2>Solving</h2>
+<p><img src="qrc:/help/solved.png" alt="The solve window after a match: inputs on the left, what was found on the right"></p>
 <a name="txtRA"></a><a name="txtDec"></a><h3>Approximate centre</h3>
 <p>Right ascension as hours, minutes and seconds (<tt>05 34 32</tt>, <tt>5h34m32s</tt>) or as degrees
 when it is a plain number; declination as degrees, minutes and seconds or plain degrees. A whole
@@ -53,22 +54,31 @@ match, but the fit is poor, the field has another size than was given, or only i
 Arrows in all directions are noise; arrows that grow toward the corners are the lens; one long arrow
 is a wrong pair.</p>
 
+<p><img src="qrc:/help/residuals.png" alt="The residuals window: an arrow for each matched star"></p>
+
 <a name="fImage"></a><a name="picImage"></a><h2>The image</h2>
 <p>The wheel zooms about the pointer, dragging moves. F fits, 1 shows single pixels, S lets the screen
 choose levels that show the stars at each zoom, Z magnifies under the pointer, I inverts. E, C, M
 show the stars extracted, of the catalog, and matched; G their magnitudes, O names of objects, R the
 grid, N the compass. The right button (or the menu key) copies coordinates, makes a place the
 approximate centre, measures a star, and tells what is there.</p>
+<p><img src="qrc:/help/image.png" alt="The image window with matched stars, their magnitudes, names and the grid"></p>
 <a name="fHistogram"></a><h3>Levels</h3>
 <p>Drag the two lines, the sliders or type counts. Then the screen no longer chooses by itself (S).</p>
+
+<p><img src="qrc:/help/levels.png" alt="The levels window: a histogram with two lines to drag"></p>
 
 <a name="fStats"></a><a name="fRelPhot"></a><h2>Measuring</h2>
 <p>With the star statistics open (Ctrl+T) a click on a star measures it; a double click opens them.
 Relative photometry (Ctrl+R) compares two stars that are clicked one after the other.</p>
 
+<p><img src="qrc:/help/statistics.png" alt="The star statistics: figures, and the profile of a star"></p>
+
 <a name="fSolutions"></a><a name="tblSolutions"></a><h2>Many pictures</h2>
 <p>The table of solutions (Ctrl+B) keeps every solve of the session. Enter or a double click opens one
 again. <b>Solve Folder</b> solves all pictures of a folder in the background, while you go on.</p>
+
+<p><img src="qrc:/help/solutions.png" alt="The table of solutions"></p>
 
 <a name="telescope"></a><a name="cmdLoad"></a><a name="cmdSync"></a><h2>The telescope</h2>
 <p><b>Load</b> takes the centre from where the telescope points, <b>Sync</b> tells it where it really
@@ -76,10 +86,12 @@ points; a result that is not sure is asked about first.</p>
 
 <a name="fSettings"></a><a name="txtCatalogFolder"></a><a name="txtTelescope"></a>
 <a name="txtLongitude"></a><a name="cboTheme"></a><h2>Settings</h2>
-<p>Where the catalog is and what it holds, the address of the telescope with a test, the longitude for
+<p>Where the catalog is and what it holds, the address of the telescope with the
+devices that its server has and a test, the longitude for
 the sidereal time, and the colours. <b>Night</b> is dark red, for eyes that are used to the dark. An
 environment variable (<tt>VESTREL_CATALOG</tt>, <tt>VESTREL_TELESCOPE</tt>,
 <tt>VESTREL_LONGITUDE</tt>) is for the start; what is set here wins.</p>
+<p><img src="qrc:/help/settings.png" alt="The settings"></p>
 
 <a name="fCatalog"></a><h2>The catalog</h2>
 <p><b>Build Catalog</b> (menu Edit) makes the catalog of stars from what other programs have installed,

@@ -3,22 +3,16 @@
 #include <QDropEvent>
 #include <QLabel>
 #include <QPainter>
+#include <new>
 #include <utility>
 
 #include "astro/libStrings.h"
-#include "desktop/libGraphics.h"
 #include "desktop/libWindows.h"
 #include "display/libReadout.h"
 #include "program/mImageData.h"
 #include "program/mSolveWindow.h"
 
 namespace vestrel {
-
-namespace {
-
-constexpr double markRadius = 9;
-
-}  // namespace
 
 MeasuredMark MarkOf(const StarMeasurement& star, const QString& name) {
     return {{star.X, star.Y}, star.Radii.Aperture, star.Radii.Inner, star.Radii.Outer, name};
@@ -32,8 +26,9 @@ ImageWindow::ImageWindow(ProgramState& state, Port& port)
     setAcceptDrops(true);
     BuildMenus();
     BuildStatusBar();
+    area_->OnBeforePaint = [this] { BuildPicture(); };
     area_->OnPaintOverlays = [this](QPainter& painter) {
-        PaintOverlays(painter, area_->View, area_->size());
+        PaintOverlays(painter);
         if (magnifier_->isChecked()) PaintMagnifier(painter);
     };
     area_->OnContextMenu = [this](PixelPoint pixel, QPoint global) {
@@ -72,26 +67,23 @@ void ImageWindow::ImageChanged() {
     } else if (area_->Picture.Empty() || shownFile_ != image.FileName ||
                area_->Picture.Levels().front().Width != image.Width ||
                area_->Picture.Levels().front().Height != image.Height) {
+        area_->Picture.Clear();
         area_->View.SetImage(image);
         shownFile_ = image.FileName;
     }
-    if (state_.ImageLoaded && !HasLevels(image)) {
-        ChooseFirstLevels(state_);
-        if (OnLevelsChosen) OnLevelsChosen();
-    }
-    overlays_ = OverlaysOf(state_);
-    objects_.clear();
-    if (overlays_.Map) {
-        objects_ = ObjectsOnImage(names_.Objects(), *overlays_.Map, image.Width, image.Height);
+    annotation_.Stars = OverlaysOf(state_);
+    annotation_.Objects.clear();
+    if (annotation_.Stars.Map) {
+        annotation_.Objects =
+            ObjectsOnImage(names_.Objects(), *annotation_.Stars.Map, image.Width, image.Height);
     }
     ShowViewChange();
-    BuildPicture();
+    LevelsChanged();
 }
 
 void ImageWindow::LevelsChanged() {
-    // While something runs, threads may be at work on the pixels.
     pictureIsOld_ = true;
-    ActivityChanged();
+    area_->update();
 }
 
 void ImageWindow::ShowLevels() {
@@ -101,23 +93,74 @@ void ImageWindow::ShowLevels() {
 }
 
 void ImageWindow::ActivityChanged() {
-    if (pictureIsOld_ && isVisible() && state_.Running == Activity::None) BuildPicture();
+    if (state_.Running != Activity::None) StopBuilding();
+    if (pictureIsOld_) area_->update();
+}
+
+ImageWindow::~ImageWindow() {
+    StopBuilding();
+}
+
+PictureRecipe ImageWindow::Recipe() {
+    const bool inverted = invert_->isChecked();
+    if (stretch_->isChecked()) return {inverted, std::nullopt};
+    if (!HasLevels(state_.Image)) {
+        ChooseFirstLevels(state_);
+        if (OnLevelsChosen) OnLevelsChosen();
+    }
+    return {inverted, LookupOf(state_, inverted)};
+}
+
+void PictureRecipe::Make(PicturePyramid& picture, const PlateImage& image,
+                         const std::stop_token& stop) const {
+    if (Grey) return picture.Build(image, *Grey, stop);
+    picture.BuildForScreen(image, Inverted, stop);
 }
 
 void ImageWindow::BuildPicture() {
+    // While something runs, threads may be at work on the pixels.
+    const bool busy = state_.Running != Activity::None || builder_.joinable();
+    if (!pictureIsOld_ || busy) return;
     pictureIsOld_ = false;
-    if (state_.ImageLoaded) {
-        if (stretch_->isChecked()) {
-            area_->Picture.BuildForScreen(state_.Image, invert_->isChecked());
-        } else {
-            area_->Picture.Build(state_.Image, LookupOf(state_, invert_->isChecked()));
-        }
+    if (!state_.ImageLoaded) return;
+    const PlateImage& image = state_.Image;
+    // One that is small is there sooner than a thread.
+    constexpr std::int64_t small = 1000000;
+    if (std::int64_t{image.Width} * image.Height < small) {
+        return Recipe().Make(area_->Picture, image, {});
     }
+    builder_ = std::jthread(
+        [this, &image, recipe = Recipe(), number = ++build_](const std::stop_token& stop) {
+            const auto picture = std::make_shared<PicturePyramid>();
+            try {
+                recipe.Make(*picture, image, stop);
+            } catch (const std::bad_alloc&) {
+                picture->Clear();
+            }
+            QMetaObject::invokeMethod(this, [=, this] { TakePicture(number, *picture); });
+        });
+}
+
+void ImageWindow::TakePicture(int number, PicturePyramid& picture) {
+    // One that was stopped may have come all the same.
+    if (number != build_) return;
+    builder_.join();
+    builder_ = {};
+    std::swap(area_->Picture, picture);
     area_->update();
 }
 
+void ImageWindow::StopBuilding() {
+    if (!builder_.joinable()) return;
+    builder_.request_stop();
+    builder_.join();
+    builder_ = {};
+    ++build_;
+    pictureIsOld_ = true;
+}
+
 void ImageWindow::SetMarks(std::vector<MeasuredMark> marks) {
-    marks_ = std::move(marks);
+    annotation_.Marks = std::move(marks);
     area_->update();
 }
 
@@ -129,35 +172,19 @@ void ImageWindow::ShowViewChange() {
             : QString());
 }
 
-void ImageWindow::PaintOverlays(QPainter& painter, const ViewGeometry& view, const QSize& size) {
-    OverlayPainter over(painter, view, size);
-    if (grid_->isChecked() && overlays_.Map) {
-        // The window's grid is kept; that of another view is made for it.
-        const bool own = &view == &area_->View;
-        const bool fits = own && skyGridFits_;
-        if (!fits) skyGrid_ = GridOver(overlays_.Map, view.Visible());
-        skyGridFits_ = own;
-        over.Grid(skyGrid_);
-    }
-    PaintStars(over);
-    if (nameSwitch_->isChecked()) PaintNames(over);
-    for (const MeasuredMark& mark : marks_) {
-        over.Aperture(mark.Place, mark.Aperture, MeasuredColour, false);
-        if (mark.Inner > 0) over.Aperture(mark.Place, mark.Inner, MeasuredColour, true);
-        if (mark.Outer > 0) over.Aperture(mark.Place, mark.Outer, MeasuredColour, true);
-        over.Label(mark.Place, mark.Aperture * view.Scale(), mark.Name, MeasuredColour,
-                   LabelWorth::Measured);
-    }
-    over.PaintLabels();
-    if (compass_->isChecked() && overlays_.Map) over.CompassAndScale(*overlays_.Map);
+OverlaySwitches ImageWindow::Switches() const {
+    return {extracted_->isChecked(),  catalog_->isChecked(), matched_->isChecked(),
+            magnitudes_->isChecked(), compass_->isChecked(), grid_->isChecked(),
+            nameSwitch_->isChecked()};
 }
 
-void ImageWindow::PaintNames(OverlayPainter& over) const {
-    for (const ObjectOnImage& one : objects_) {
-        if (!one.Outline.empty()) over.Outline(one.Outline, NameColour);
-        over.Label(one.Place, markRadius, QtText(one.Object->Label()), NameColour,
-                   LabelWorth::Name);
+void ImageWindow::PaintOverlays(QPainter& painter) {
+    annotation_.Shows = Switches();
+    if (annotation_.Shows.Grid && !skyGridFits_) {
+        skyGrid_ = GridOver(annotation_.Stars.Map, area_->View.Visible());
+        skyGridFits_ = true;
     }
+    annotation_.Paint(painter, area_->View, area_->size(), skyGrid_);
 }
 
 void ImageWindow::PaintMagnifier(QPainter& painter) {
@@ -197,44 +224,11 @@ void ImageWindow::PaintMagnifier(QPainter& painter) {
     }
 }
 
-void ImageWindow::PaintStars(OverlayPainter& over) const {
-    // Rings of different sizes, as most stars are of all three kinds.
-    constexpr double outerRadius = markRadius + 4;
-    const bool labels = magnitudes_->isChecked();
-    if (catalog_->isChecked()) {
-        for (const OverlayStar& star : overlays_.Catalog) {
-            over.Cross(star.Place, markRadius / 2, CatalogColour);
-            if (labels) {
-                over.Label(star.Place, markRadius, QtText(star.Magnitude), CatalogColour);
-            }
-        }
-    }
-    if (extracted_->isChecked()) {
-        for (const OverlayStar& star : overlays_.Extracted) {
-            over.Circle(star.Place, markRadius, ExtractedColour);
-            // A catalog magnitude in the same place says more.
-            if (labels && !catalog_->isChecked() && !matched_->isChecked()) {
-                over.Label(star.Place, markRadius, QtText(star.Magnitude), ExtractedColour);
-            }
-        }
-    }
-    if (matched_->isChecked()) {
-        for (const OverlayPair& pair : overlays_.Matched) {
-            over.Circle(pair.OnImage.Place, outerRadius, MatchedColour);
-            over.Cross(pair.InCatalog, outerRadius, MatchedColour);
-            over.Link(pair.OnImage.Place, pair.InCatalog, MatchedColour);
-            if (labels && !catalog_->isChecked()) {
-                over.Label(pair.OnImage.Place, outerRadius, QtText(pair.OnImage.Magnitude),
-                           MatchedColour);
-            }
-        }
-    }
-}
-
 void ImageWindow::ShowReadout(const PixelPoint& pixel) {
     // While something runs, threads may be at work on the pixels.
     const bool readable = state_.ImageLoaded && state_.Running == Activity::None;
-    const Readout readout = readable ? ReadoutAt(state_.Image, overlays_.Map, pixel) : Readout();
+    const Readout readout =
+        readable ? ReadoutAt(state_.Image, annotation_.Stars.Map, pixel) : Readout();
     pixel_->setText(QtText(readout.Pixel));
     count_->setText(QtText(readout.Count));
     sky_->setText(QtText(readout.Sky));
@@ -266,7 +260,8 @@ void ImageWindow::showEvent(QShowEvent* event) {
     QMainWindow::showEvent(event);
     KeepOnScreen(*this);
     // While a solve works on the pixels they are not to be read; it tells when it has done.
-    if (state_.Running == Activity::None) ImageChanged();
+    // Back from an icon nothing has changed.
+    if (state_.Running == Activity::None && !event->spontaneous()) ImageChanged();
 }
 
 }  // namespace vestrel

@@ -3,10 +3,14 @@
 
 #include <QMainWindow>
 #include <functional>
+#include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "desktop/fAnnotation.h"
 #include "desktop/fPictureArea.h"
 #include "photometry/libStarStatistics.h"
 #include "program/mGeneral.h"
@@ -16,19 +20,18 @@
 class QAction;
 class QLabel;
 class QMenu;
+class QPrinter;
 class QToolBar;
 
 namespace vestrel {
 
-class OverlayPainter;
+struct WholePicture;
 
-/// A star that was measured: its aperture, the sky ring around it, and what it is called.
-struct MeasuredMark {
-    PixelPoint Place;
-    double Aperture = 0;  ///< pixels
-    double Inner = 0;     ///< 0: no ring
-    double Outer = 0;
-    QString Name;
+/// How the counts of an image become its picture.
+struct PictureRecipe {
+    bool Inverted = false;
+    std::optional<GreyLookup> Grey;  ///< nothing: levels that the screen takes by itself
+    void Make(PicturePyramid& picture, const PlateImage& image, const std::stop_token& stop) const;
 };
 
 MeasuredMark MarkOf(const StarMeasurement& star, const QString& name);
@@ -36,6 +39,9 @@ MeasuredMark MarkOf(const StarMeasurement& star, const QString& name);
 class ImageWindow : public QMainWindow {
  public:
     ImageWindow(ProgramState& state, Port& port);
+    ~ImageWindow() override;
+    ImageWindow(const ImageWindow&) = delete;
+    ImageWindow& operator=(const ImageWindow&) = delete;
 
     /// Commands of the program that are to be had here too.
     void ShareCommands(const QList<QAction*>& file, const QList<QAction*>& solve,
@@ -51,6 +57,8 @@ class ImageWindow : public QMainWindow {
     /// Something has ended, or begun.
     void ActivityChanged();
     void SetMarks(std::vector<MeasuredMark> marks);
+    /// Prints the picture with everything that lies over it, as large as the page allows.
+    void PrintOn(QPrinter& printer);
 
     std::function<void(PixelPoint)> OnStarClicked;
     std::function<void(PixelPoint)> OnStarDoubleClicked;
@@ -58,6 +66,8 @@ class ImageWindow : public QMainWindow {
     std::function<void(const SkyPosition&)> OnCentreChosen;
     /// Files were dropped on the image.
     std::function<void(const QStringList&)> OnFilesDropped;
+    /// How a command is run that lasts; the main window ends the program after it when asked to.
+    std::function<void(const std::function<void()>&)> OnRun;
     /// The image got its first levels.
     std::function<void()> OnLevelsChosen;
 
@@ -74,24 +84,24 @@ class ImageWindow : public QMainWindow {
     QAction* AddSwitch(QMenu* menu, const char* name, const QString& text, const QString& shortText,
                        const QKeySequence& keys);
 
+    PictureRecipe Recipe();
+    /// Begins to make the picture when it is old. That of a large image comes later.
     void BuildPicture();
+    void TakePicture(int number, PicturePyramid& picture);
+    void StopBuilding();
     void ShowContextMenu(const PixelPoint& pixel, const QPoint& global);
     void PaintMagnifier(QPainter& painter);
     void ShowViewChange();
-    void PaintOverlays(QPainter& painter, const ViewGeometry& view, const QSize& size);
-    void PaintStars(OverlayPainter& over) const;
-    void PaintNames(OverlayPainter& over) const;
+    OverlaySwitches Switches() const;
+    void PaintOverlays(QPainter& painter);
     void ShowReadout(const PixelPoint& pixel);
     void ClearReadout();
     void Flip();
     void CopyView();
     void ExportView();
-    // The whole picture with everything that lies over it, at full size (fImageOutput.cpp).
-    ViewGeometry WholeView(double ratio) const;
-    QImage WholePicture(double ratio);
-    void PaintWhole(QPainter& painter, double ratio);
-    QByteArray PictureAsPng();
-    QByteArray PictureAsPdf();
+    // The whole picture with everything that lies over it (fImageOutput.cpp).
+    /// Does something with the whole picture, while the windows go on.
+    void WithWhole(const std::function<void(const WholePicture&)>& work);
     void ExportPicture();
     void Print();
     void Write(const std::string& path, const QByteArray& bytes);
@@ -119,14 +129,14 @@ class ImageWindow : public QMainWindow {
     QAction* magnifier_ = nullptr;
     QMenu* fileMenu_ = nullptr;
 
-    Overlays overlays_;
+    Annotation annotation_;
     SkyNames names_;
-    std::vector<ObjectOnImage> objects_;
     std::optional<PixelPoint> pointer_;
     SkyGrid skyGrid_;
-    bool skyGridFits_ = false;  ///< it was made for the view as it is
-    std::vector<MeasuredMark> marks_;
-    bool pictureIsOld_ = false;  ///< it is to be built as soon as nothing runs
+    bool skyGridFits_ = false;   ///< it was made for the view as it is
+    bool pictureIsOld_ = false;  ///< it is built before it is painted, when nothing runs
+    std::jthread builder_;       ///< makes the picture; it reads the pixels
+    int build_ = 0;              ///< counts what was begun and what was stopped
     bool solutionSeen_ = false;  ///< the overlays of the present solution were switched on
     std::string shownFile_;
 };

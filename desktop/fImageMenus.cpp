@@ -127,7 +127,7 @@ void ImageWindow::ShareCommands(const QList<QAction*>& file, const QList<QAction
 }
 
 void ImageWindow::ShowContextMenu(const PixelPoint& pixel, const QPoint& global) {
-    const auto sky = overlays_.Map ? overlays_.Map->SkyOf(pixel) : std::nullopt;
+    const auto sky = annotation_.Stars.Map ? annotation_.Stars.Map->SkyOf(pixel) : std::nullopt;
     const bool idle = state_.Running == Activity::None;
     auto* menu = new QMenu(this);
     menu->setObjectName("mnuPlace");
@@ -146,7 +146,7 @@ void ImageWindow::ShowContextMenu(const PixelPoint& pixel, const QPoint& global)
     add("mnuIdentify", "&Identify", state_.ImageLoaded, [this, pixel, global] {
         constexpr double reach = 12;
         const QString text =
-            QtText(IdentityAt(state_, objects_, pixel, reach / area_->View.Scale()));
+            QtText(IdentityAt(state_, annotation_.Objects, pixel, reach / area_->View.Scale()));
         constexpr int milliseconds = 20000;
         statusBar()->showMessage(QString(text).replace('\n', "   "), milliseconds);
         QToolTip::showText(global, "<p style='white-space:pre'>" + text.toHtmlEscaped() + "</p>",

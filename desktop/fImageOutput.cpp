@@ -8,6 +8,7 @@
 #include <QPixmap>
 #include <QPrintDialog>
 #include <QPrinter>
+#include <QStatusBar>
 #include <algorithm>
 #include <cmath>
 
@@ -17,6 +18,7 @@
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "program/mSolveWindow.h"
+#include "program/mWorkBeside.h"
 
 namespace vestrel {
 
@@ -28,7 +30,87 @@ double MarkRatio(const PlateImage& image) {
     return std::max(1.0, std::max(image.Width, image.Height) / usualSide);
 }
 
+QByteArray PngOf(const QImage& picture) {
+    // Noise hardly gets smaller, whatever time is spent on it.
+    constexpr int quickly = 80;
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    if (!picture.save(&buffer, "PNG", quickly)) bytes.clear();
+    return bytes;
+}
+
 }  // namespace
+
+/// All of a picture with everything that lies over it. It needs no window, and the picture stays as
+/// it is while something runs.
+struct WholePicture {
+    const PicturePyramid& Picture;
+    Annotation Over;
+    ViewGeometry View;
+    double Ratio = 1;      ///< pixels of the image for each point
+    int LetterSize = 0;    ///< points
+    ShownSize Shown = {};  ///< pixels
+
+    /// Points.
+    QSizeF Size() const { return QSizeF(Shown.Width, Shown.Height) / Ratio; }
+
+    /// Empty when there is no memory for it.
+    QByteArray AsPng() const {
+        QImage picture = Grey().convertToFormat(QImage::Format_RGB32);
+        if (picture.isNull()) return {};
+        picture.setDevicePixelRatio(Ratio);
+        QPainter painter(&picture);
+        PaintOver(painter);
+        painter.end();
+        picture.setDevicePixelRatio(1);
+        return PngOf(picture);
+    }
+
+    QByteArray AsPdf(const QString& title) const {
+        QByteArray bytes;
+        QBuffer buffer(&bytes);
+        buffer.open(QIODevice::WriteOnly);
+        QPdfWriter writer(&buffer);
+        constexpr int pointsPerInch = 72;
+        writer.setResolution(pointsPerInch);
+        writer.setPageSize(QPageSize(Size(), QPageSize::Point, {}, QPageSize::ExactMatch));
+        writer.setPageMargins(QMarginsF());
+        writer.setTitle(title);
+        QPainter painter(&writer);
+        const bool painted = Paint(painter);
+        painter.end();
+        return painted ? bytes : QByteArray();
+    }
+
+    /// At the painter's origin, in points. False when there is no memory for it.
+    bool Paint(QPainter& painter) const {
+        const QImage grey = Grey();
+        if (grey.isNull()) return false;
+        painter.drawImage(QRectF(QPointF(), Size()), grey);
+        PaintOver(painter);
+        return true;
+    }
+
+ private:
+    QImage Grey() const {
+        QImage grey(Shown.Width, Shown.Height, QImage::Format_Grayscale8);
+        if (grey.isNull()) return grey;
+        PaintView(Picture, View, Ratio,
+                  {{grey.bits(), static_cast<std::size_t>(grey.sizeInBytes())},
+                   grey.width(),
+                   grey.height(),
+                   static_cast<std::size_t>(grey.bytesPerLine())});
+        return grey;
+    }
+    void PaintOver(QPainter& painter) const {
+        // A size of its own would make letters grow and shrink with the device.
+        QFont font = painter.font();
+        font.setPixelSize(LetterSize);
+        painter.setFont(font);
+        Over.Paint(painter, View, Size().toSize(), GridOver(Over.Stars.Map, View.Visible()));
+    }
+};
 
 void ImageWindow::CopyView() {
     QApplication::clipboard()->setImage(area_->grab().toImage());
@@ -40,7 +122,12 @@ void ImageWindow::Write(const std::string& path, const QByteArray& bytes) {
         !bytes.isEmpty() &&
         ReplaceFile(PathFromText(path),
                     std::string_view(bytes.constData(), static_cast<std::size_t>(bytes.size())));
-    if (!written) port_.ShowMessage("The picture cannot be written to " + path, DefaultTitle);
+    if (!written) {
+        port_.ShowMessage("The picture cannot be written to " + path, DefaultTitle);
+        return;
+    }
+    constexpr int milliseconds = 10000;
+    statusBar()->showMessage("Written: " + QtText(path), milliseconds);
 }
 
 void ImageWindow::ExportView() {
@@ -51,78 +138,35 @@ void ImageWindow::ExportView() {
                           state_.Parameters.LastSaveFolder + "\\*.*", true, ".png",
                           SuggestedName(state_, "-view.png")});
     if (!path) return;
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    if (!picture.save(&buffer, "PNG")) bytes.clear();
-    Write(*path, bytes);
+    Write(*path, PngOf(picture));
 }
 
-ViewGeometry ImageWindow::WholeView(double ratio) const {
-    ViewGeometry whole;
-    const ShownSize size = ShownSizeOf(state_.Image);
-    whole.SetWindow(size.Width / ratio, size.Height / ratio);
-    whole.SetImage(state_.Image);
-    whole.Flip(flipLeftRight_->isChecked(), flipUpDown_->isChecked());
-    whole.Fit();
-    return whole;
-}
-
-QImage ImageWindow::WholePicture(double ratio) {
-    if (pictureIsOld_ || area_->Picture.Empty()) BuildPicture();
-    const ShownSize size = ShownSizeOf(state_.Image);
-    QImage grey(size.Width, size.Height, QImage::Format_Grayscale8);
-    if (grey.isNull()) return grey;
-    PaintView(area_->Picture, WholeView(ratio), ratio,
-              {{grey.bits(), static_cast<std::size_t>(grey.sizeInBytes())},
-               grey.width(),
-               grey.height(),
-               static_cast<std::size_t>(grey.bytesPerLine())});
-    return grey;
-}
-
-void ImageWindow::PaintWhole(QPainter& painter, double ratio) {
-    const ShownSize shown = ShownSizeOf(state_.Image);
-    const QSize size(static_cast<int>(std::lround(shown.Width / ratio)),
-                     static_cast<int>(std::lround(shown.Height / ratio)));
-    PaintOverlays(painter, WholeView(ratio), size);
-}
-
-QByteArray ImageWindow::PictureAsPng() {
-    const double ratio = MarkRatio(state_.Image);
-    QByteArray bytes;
-    QImage picture = WholePicture(ratio).convertToFormat(QImage::Format_RGB32);
-    if (picture.isNull()) return bytes;
-    picture.setDevicePixelRatio(ratio);
-    QPainter painter(&picture);
-    PaintWhole(painter, ratio);
-    painter.end();
-    picture.setDevicePixelRatio(1);
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    if (!picture.save(&buffer, "PNG")) bytes.clear();
-    return bytes;
-}
-
-QByteArray ImageWindow::PictureAsPdf() {
-    const double ratio = MarkRatio(state_.Image);
-    const QImage picture = WholePicture(ratio);
-    QByteArray bytes;
-    if (picture.isNull()) return bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    QPdfWriter writer(&buffer);
-    constexpr int pointsPerInch = 72;
-    const QSizeF size = QSizeF(picture.size()) / ratio;
-    writer.setResolution(pointsPerInch);
-    writer.setPageSize(QPageSize(size, QPageSize::Point, {}, QPageSize::ExactMatch));
-    writer.setPageMargins(QMarginsF());
-    writer.setTitle(QtText(ImageBaseName(state_)));
-    QPainter painter(&writer);
-    painter.drawImage(QRectF(QPointF(), size), picture);
-    PaintWhole(painter, ratio);
-    painter.end();
-    return bytes;
+void ImageWindow::WithWhole(const std::function<void(const WholePicture&)>& work) {
+    const auto command = [&] {
+        const Operation operation(state_, port_, Activity::Saving);
+        if (!operation) return;
+        state_.Display.BusyIndicator = true;
+        port_.DisplayChanged();
+        const PlateImage& image = state_.Image;
+        PicturePyramid fresh;
+        const bool old = pictureIsOld_ || area_->Picture.Empty();
+        WholePicture whole{old ? fresh : area_->Picture,
+                           annotation_,
+                           {},
+                           MarkRatio(image),
+                           area_->fontInfo().pixelSize()};
+        whole.Over.Shows = Switches();
+        whole.Shown = ShownSizeOf(image);
+        whole.View.SetWindow(whole.Shown.Width / whole.Ratio, whole.Shown.Height / whole.Ratio);
+        whole.View.SetImage(image);
+        whole.View.Flip(flipLeftRight_->isChecked(), flipUpDown_->isChecked());
+        whole.View.Fit();
+        WorkBeside(port_, [&, recipe = Recipe()] {
+            if (old) recipe.Make(fresh, image, {});
+            work(whole);
+        });
+    };
+    OnRun ? OnRun(command) : command();
 }
 
 void ImageWindow::ExportPicture() {
@@ -133,7 +177,10 @@ void ImageWindow::ExportPicture() {
                           SuggestedName(state_, "-annotated.png")});
     if (!path) return;
     const bool pdf = QtText(*path).endsWith(".pdf", Qt::CaseInsensitive);
-    Write(*path, pdf ? PictureAsPdf() : PictureAsPng());
+    const QString title = QtText(ImageBaseName(state_));
+    QByteArray bytes;
+    WithWhole([&](const WholePicture& whole) { bytes = pdf ? whole.AsPdf(title) : whole.AsPng(); });
+    Write(*path, bytes);
 }
 
 void ImageWindow::Print() {
@@ -144,20 +191,21 @@ void ImageWindow::Print() {
     const bool wide = shown.Width > shown.Height;
     printer.setPageOrientation(wide ? QPageLayout::Landscape : QPageLayout::Portrait);
     QPrintDialog dialog(&printer, this);
-    if (dialog.exec() != QDialog::Accepted) return;
-    const double ratio = MarkRatio(state_.Image);
-    const QImage picture = WholePicture(ratio);
-    QPainter painter(&printer);
-    if (picture.isNull() || !painter.isActive()) {
-        port_.ShowMessage("The picture cannot be printed.", DefaultTitle);
-        return;
-    }
-    const QSizeF size = QSizeF(picture.size()) / ratio;
-    const QRectF page = painter.viewport();
-    const double scale = std::min(page.width() / size.width(), page.height() / size.height());
-    painter.scale(scale, scale);
-    painter.drawImage(QRectF(QPointF(), size), picture);
-    PaintWhole(painter, ratio);
+    if (dialog.exec() == QDialog::Accepted) PrintOn(printer);
+}
+
+void ImageWindow::PrintOn(QPrinter& printer) {
+    bool printed = false;
+    WithWhole([&](const WholePicture& whole) {
+        QPainter painter(&printer);
+        if (!painter.isActive()) return;
+        const QSizeF size = whole.Size();
+        const QRectF page = painter.viewport();
+        const double scale = std::min(page.width() / size.width(), page.height() / size.height());
+        painter.scale(scale, scale);
+        printed = whole.Paint(painter) && painter.end();
+    });
+    if (!printed) port_.ShowMessage("The picture cannot be printed.", DefaultTitle);
 }
 
 }  // namespace vestrel

@@ -50,7 +50,11 @@ SolveWindow::SolveWindow(ProgramState& state)
     };
     port_.OnImageChanged = [this] {
         imageWindow_.ImageChanged();
+        // Each of them looks at all pixels. At the start of a solve a stop would be forgotten.
+        const bool mayYield = state_.Running == Activity::Opening;
+        if (mayYield) port_.Yield();
         levelsWindow_.ImageChanged();
+        if (mayYield) port_.Yield();
         statsWindow_.ImageChanged();
         photometryWindow_.ImageChanged();
         headerWindow_.ImageChanged();
@@ -193,7 +197,21 @@ void SolveWindow::ShowQuadCommands() {
 }
 
 void SolveWindow::ShowTexts() {
-    for (const auto& [label, text] : shown_) label->setText(QtText(state_.Display.*text));
+    // Those of an earlier search stay while a new one runs, and when it finds nothing.
+    const bool stands = state_.Solution || state_.QuadMatch.Code == SolveCode::Solved;
+    using Display = SolveDisplay;
+    for (const auto& [label, text] : shown_) {
+        label->setText(QtText(state_.Display.*text));
+        for (const auto result :
+             {&Display::PlateSize, &Display::Scale, &Display::Stretch, &Display::Skew,
+              &Display::Angle, &Display::Matched, &Display::RmsDifference}) {
+            if (text == result) label->setEnabled(stands);
+        }
+    }
+    ShowStage();
+}
+
+void SolveWindow::ShowStage() {
     const QString stage = QtText(StageText(state_));
     stageLabel_->setText(stage);
     stageLabel_->setVisible(!stage.isEmpty());
@@ -236,6 +254,8 @@ void SolveWindow::ShowTrust() {
     trustWhyLabel_->setText(settles ? why + ".\n" + QtText(trust.Settle) + "." : why);
     const bool offers = state_.Running == Activity::None && state_.Display.OffersJustSolve;
     if (offers) trustWhyLabel_->setText("Nothing was found from these starting values.");
+    const QString cause = QtText(state_.Display.Cause);
+    if (state_.Running == Activity::None && !cause.isEmpty()) trustWhyLabel_->setText(cause);
     trustLabel_->setVisible(trust.Level != TrustLevel::None);
     trustWhyLabel_->setVisible(!trustWhyLabel_->text().isEmpty());
     offerButton_->setVisible(offers);

@@ -97,6 +97,7 @@ class SolveWindow : public QMainWindow {
     // What the state says, put on the screen.
     void ShowState();
     void ShowTexts();
+    void ShowStage();
     void ShowInputs();
     /// MORA can be had where there are quad tables.
     void ShowQuadCommands();

@@ -75,6 +75,7 @@ void SolveWindow::ConnectWindows() {
         noted_ = true;
         Run([&] { RestoreSolution(state_, port_, picture); });
     };
+    imageWindow_.OnRun = [this](const std::function<void()>& command) { Run(command); };
     imageWindow_.OnLevelsChosen = [this] { levelsWindow_.LevelsChanged(); };
     levelsWindow_.OnLevelsChanged = [this] { imageWindow_.ShowLevels(); };
     imageWindow_.OnCentreChosen = [this](const SkyPosition& centre) {
@@ -202,7 +203,11 @@ void SolveWindow::Tick() {
 
 void SolveWindow::TickClock() {
     UpdateClock(state_);
-    ShowTexts();
+    // The other texts may be those of a search that is not to be seen.
+    for (const auto& [label, text] : shown_) {
+        if (text == &SolveDisplay::Clock) label->setText(QtText(state_.Display.Clock));
+    }
+    ShowStage();
 }
 
 }  // namespace vestrel

@@ -26,14 +26,22 @@
 
 namespace vestrel {
 
+namespace {
+
+/// Between lines that are only read.
+constexpr int closeLines = 3;
+
+}  // namespace
+
 void SolveWindow::BuildControls() {
     auto* central = new QWidget(this);
     auto* inputs = new QVBoxLayout;
     inputs->addWidget(BuildCentreInputs());
     inputs->addWidget(BuildSizeInputs());
     inputs->addWidget(BuildSearchLimit());
-    inputs->addStretch();
+    inputs->addSpacing(closeLines);
     inputs->addLayout(BuildCommands());
+    inputs->addStretch();
 
     using Display = SolveDisplay;
     auto* results = new QGridLayout;
@@ -59,15 +67,16 @@ void SolveWindow::BuildControls() {
         1, 1);
     results->setColumnStretch(0, 1);
     results->setColumnStretch(1, 1);
-    results->setRowStretch(2, 1);
 
+    auto* outcome = new QVBoxLayout;
+    outcome->addLayout(results);
+    outcome->addWidget(BuildStatus(), 1);
     auto* columns = new QHBoxLayout;
     columns->addLayout(inputs, 0);
-    columns->addLayout(results, 1);
+    columns->addLayout(outcome, 1);
     auto* rows = new QVBoxLayout(central);
     rows->addWidget(BuildImageName());
-    rows->addLayout(columns);
-    rows->addWidget(BuildStatus(), 1);
+    rows->addLayout(columns, 1);
     rows->addWidget(BuildCountdown());
     // Where the screen is small or letters are large, it scrolls.
     auto* scroll = new QScrollArea;
@@ -79,8 +88,11 @@ void SolveWindow::BuildControls() {
     QLabel* clock = AddShown("lblClock", &SolveDisplay::Clock);
     clock->setAccessibleName("Universal time, Julian date and local sidereal time");
     statusBar()->addPermanentWidget(clock);
+    // Room for the details of a solve, in lines and columns.
+    const QFontMetrics letters(details_->font());
     const int bars = 2 * (fontMetrics().height() + 12);
-    resize(central->sizeHint() + QSize(60, 36 + bars + 6 * fontMetrics().lineSpacing()));
+    resize(inputs->sizeHint().width() + letters.averageCharWidth() * 90,
+           central->sizeHint().height() + bars + 11 * letters.lineSpacing());
 
     auto* escape = new QShortcut(Qt::Key_Escape, this);
     connect(escape, &QShortcut::activated, this, [this] { Stop(); });
@@ -95,9 +107,14 @@ QGroupBox* SolveWindow::BuildImageName() {
     nameLabel_->setFont(font);
     folderLabel_ = new ElidedLabel;
     folderLabel_->setObjectName("lblDir");
-    auto* layout = new QVBoxLayout(group);
-    layout->addWidget(nameLabel_);
-    layout->addWidget(folderLabel_);
+    auto* layout = new QHBoxLayout(group);
+    layout->setSpacing(16);
+    for (QLabel* label : {nameLabel_, folderLabel_}) {
+        label->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
+        label->setMinimumWidth(1);
+        layout->addWidget(label);
+    }
+    layout->addStretch();
     return group;
 }
 
@@ -202,6 +219,7 @@ QGroupBox* SolveWindow::BuildCentre() {
     syncButton_ =
         AddButton("cmdSync", "Sync", "Send coords to SiTech", [this] { SyncTelescope(); });
     auto* layout = new QFormLayout(centrePanel_);
+    layout->setVerticalSpacing(closeLines);
     layout->addRow("RA", ra);
     layout->addRow("Dec", dec);
     layout->addRow({}, syncButton_);
@@ -214,6 +232,7 @@ QGroupBox* SolveWindow::BuildShownValues(
     auto* group = new QGroupBox(title);
     auto* layout = new QFormLayout(group);
     layout->setHorizontalSpacing(16);
+    layout->setVerticalSpacing(closeLines);
     for (const auto& [caption, name, text] : rows) {
         QLabel* shown = AddShown(name, text);
         shown->setAccessibleName(title + ", " + caption);
@@ -243,6 +262,7 @@ QGroupBox* SolveWindow::BuildStatus() {
     busyBar_->setObjectName("picBusy");
     busyBar_->setAccessibleName("Progress");
     busyBar_->setTextVisible(false);
+    busyBar_->setFixedWidth(fontMetrics().averageCharWidth() * 18);
     QSizePolicy policy = busyBar_->sizePolicy();
     policy.setRetainSizeWhenHidden(true);
     busyBar_->setSizePolicy(policy);
@@ -251,24 +271,23 @@ QGroupBox* SolveWindow::BuildStatus() {
     details_->setAccessibleName("Details of the last solve");
     details_->setReadOnly(true);
     details_->setTabChangesFocus(true);
-    details_->setLineWrapMode(QPlainTextEdit::NoWrap);
     details_->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
     details_->setPlaceholderText("What a solve saw is told here.");
     // It takes the room that is left.
     details_->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Ignored);
-    details_->setMinimumHeight(QFontMetrics(details_->font()).lineSpacing() * 5);
+    details_->setMinimumHeight(QFontMetrics(details_->font()).lineSpacing() * 3);
 
     auto* lines = new QHBoxLayout;
     lines->setSpacing(16);
     lines->addWidget(statusLabel_);
     lines->addWidget(status1Label_);
-    lines->addWidget(stageLabel_);
     lines->addStretch();
     lines->addWidget(busyBar_);
     auto* layout = new QVBoxLayout(group);
     layout->addLayout(lines);
+    layout->addWidget(stageLabel_);
     layout->addLayout(BuildTrust());
-    layout->addWidget(details_);
+    layout->addWidget(details_, 1);
     return group;
 }
 

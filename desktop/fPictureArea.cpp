@@ -52,6 +52,7 @@ void PictureArea::ViewChanged() {
 }
 
 void PictureArea::paintEvent(QPaintEvent* /*event*/) {
+    if (OnBeforePaint) OnBeforePaint();
     const QSize wanted = size() * devicePixelRatioF();
     if (buffer_.size() != wanted) buffer_ = QImage(wanted, QImage::Format_Grayscale8);
     PaintView(Picture, View, devicePixelRatioF(),
@@ -62,10 +63,7 @@ void PictureArea::paintEvent(QPaintEvent* /*event*/) {
     QPainter painter(this);
     painter.drawImage(rect(), buffer_);
     if (OnPaintOverlays && !Picture.Empty()) OnPaintOverlays(painter);
-    if (IsRedOnly(palette())) {
-        painter.setCompositionMode(QPainter::CompositionMode_Multiply);
-        painter.fillRect(rect(), QColor(255, 60, 40));
-    }
+    if (IsRedOnly(palette())) Redden(painter, rect());
 }
 
 void PictureArea::resizeEvent(QResizeEvent* /*event*/) {

@@ -18,6 +18,7 @@ class PictureArea : public QWidget {
     PicturePyramid Picture;
     ViewGeometry View;
 
+    std::function<void()> OnBeforePaint;
     std::function<void(QPainter&)> OnPaintOverlays;
     std::function<void()> OnViewChanged;
     std::function<void(PixelPoint)> OnPointerMoved;

@@ -7,7 +7,9 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMenu>
 #include <QPlainTextEdit>
+#include <QPointer>
 #include <QPushButton>
 #include <QVBoxLayout>
 
@@ -31,13 +33,17 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
     auto* form = new QFormLayout;
     auto* choose = new QPushButton("&Choose...");
     choose->setObjectName("cmdChooseCatalog");
+    auto* devices = new QPushButton("&Devices");
+    devices->setObjectName("cmdTelescopeDevices");
+    devices->setToolTip("Ask the server which devices it has");
     auto* test = new QPushButton("&Test");
     test->setObjectName("cmdTestTelescope");
     test->setToolTip("Connect, and ask where the telescope points");
     QLineEdit* folder = AddText(form, "txtCatalogFolder", "Catalog &folder",
-                                QtText(TextFromPath(state.Catalog.Folder)), "catalog", choose);
-    AddText(form, "txtTelescope", "T&elescope", "indi://localhost:7624/Telescope Simulator",
-            "telescope", test);
+                                QtText(TextFromPath(state.Catalog.Folder)), "catalog", {choose});
+    QLineEdit* telescope =
+        AddText(form, "txtTelescope", "T&elescope", "indi://localhost:7624/Telescope Simulator",
+                "telescope", {devices, test});
     form->addRow({}, telescope_);
     AddText(form, "txtLongitude", "&Longitude, degrees east", "from the time zone", "longitude");
     theme_->setObjectName("cboTheme");
@@ -62,9 +68,12 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
         Keep("catalog", chosen);
     });
     connect(test, &QPushButton::clicked, this, [this] {
+        const QPointer<SettingsWindow> self = this;  // it may be closed meanwhile
         TestTelescopeCommand(state_, port_);
-        telescope_->setText(QtText(state_.Display.Status.Text));
+        if (self) telescope_->setText(QtText(state_.Display.Status.Text));
     });
+    connect(devices, &QPushButton::clicked, this,
+            [this, telescope, devices] { OfferDevices(*telescope, *devices); });
     auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close);
     auto* build = buttons->addButton("&Build Catalog...", QDialogButtonBox::ActionRole);
     build->setObjectName("cmdBuildCatalog");
@@ -85,7 +94,8 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
 }
 
 QLineEdit* SettingsWindow::AddText(QFormLayout* layout, const char* name, const QString& caption,
-                                   const QString& hint, const char* preference, QWidget* button) {
+                                   const QString& hint, const char* preference,
+                                   const QList<QWidget*>& buttons) {
     auto* input = new QLineEdit(QtText(PreferenceOf(state_, preference)));
     input->setObjectName(name);
     input->setPlaceholderText(hint);
@@ -96,9 +106,32 @@ QLineEdit* SettingsWindow::AddText(QFormLayout* layout, const char* name, const 
     label->setBuddy(input);
     auto* row = new QHBoxLayout;
     row->addWidget(input, 1);
-    if (button != nullptr) row->addWidget(button);
+    for (QWidget* button : buttons) row->addWidget(button);
     layout->addRow(label, row);
     return input;
+}
+
+void SettingsWindow::OfferDevices(QLineEdit& address, QPushButton& button) {
+    if (address.text().trimmed().isEmpty()) {
+        address.setText("indi://localhost:7624/");
+        Keep("telescope", address.text());
+    }
+    const QPointer<SettingsWindow> self = this;  // it may be closed meanwhile
+    const std::vector<std::string> names = TelescopeDevicesCommand(state_, port_);
+    if (!self) return;
+    telescope_->setText(QtText(state_.Display.Status.Text));
+    if (names.empty()) return;
+    auto* menu = new QMenu(this);
+    menu->setObjectName("mnuDevices");
+    menu->setAttribute(Qt::WA_DeleteOnClose);
+    for (const std::string& name : names) {
+        connect(menu->addAction(QtText(name).replace('&', "&&")), &QAction::triggered, this,
+                [this, name, input = &address] {
+                    input->setText(QtText(AddressOfDevice(Utf8(input->text().trimmed()), name)));
+                    Keep("telescope", input->text());
+                });
+    }
+    menu->popup(button.mapToGlobal(QPoint(0, button.height())));
 }
 
 void SettingsWindow::Keep(const char* preference, const QString& text) {

@@ -12,6 +12,7 @@ class QFormLayout;
 class QLabel;
 class QLineEdit;
 class QPlainTextEdit;
+class QPushButton;
 
 namespace vestrel {
 
@@ -26,7 +27,9 @@ class SettingsWindow : public QDialog {
 
  private:
     QLineEdit* AddText(QFormLayout* layout, const char* name, const QString& caption,
-                       const QString& hint, const char* preference, QWidget* button = nullptr);
+                       const QString& hint, const char* preference,
+                       const QList<QWidget*>& buttons = {});
+    void OfferDevices(QLineEdit& address, QPushButton& button);
     void Keep(const char* preference, const QString& text);
     void ShowCatalog();
 

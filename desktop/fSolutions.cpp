@@ -89,6 +89,7 @@ void SolutionsWindow::ShowProgress() {
     bar_->setRange(0, wanted_);
     bar_->setValue(done_);
     bar_->setVisible(runs);
+    if (wanted_ > 0) ShowTaskbarProgress(done_, wanted_);
     stop_->setEnabled(runs);
     export_->setEnabled(!pictures_.empty());
 }

@@ -1,6 +1,7 @@
 #include "desktop/libGraphics.h"
 
 #include <QFontMetricsF>
+#include <QPaintEngine>
 #include <QPainterPath>
 #include <algorithm>
 
@@ -9,7 +10,10 @@
 namespace vestrel {
 
 OverlayPainter::OverlayPainter(QPainter& painter, const ViewGeometry& view, const QSize& size)
-    : painter_(painter), view_(view), size_(size) {
+    : painter_(painter),
+      view_(view),
+      size_(size),
+      keepsPaths_(painter.paintEngine()->type() == QPaintEngine::Pdf) {
     painter_.setRenderHint(QPainter::Antialiasing);
     painter_.setBrush(Qt::NoBrush);
 }
@@ -40,14 +44,32 @@ void OverlayPainter::Text(const QPointF& baseline, const QString& text, const QC
     painter_.drawText(baseline, text);
 }
 
-void OverlayPainter::PutStamp(const PixelPoint& place, bool isCross, double radius,
+QPainterPath OverlayPainter::PathOf(Shape shape, const QPointF& middle, double radius) {
+    QPainterPath path;
+    if (shape == Shape::Circle) {
+        path.addEllipse(middle, radius, radius);
+        return path;
+    }
+    const double gap = shape == Shape::Cross ? 0 : 0.5 * radius;
+    for (const QPointF& arm : {QPointF(1, 0), QPointF(-1, 0), QPointF(0, 1), QPointF(0, -1)}) {
+        path.moveTo(middle + gap * arm);
+        path.lineTo(middle + radius * arm);
+    }
+    return path;
+}
+
+void OverlayPainter::PutStamp(const PixelPoint& place, Shape shape, double radius,
                               const QColor& colour) {
     constexpr double rimWidth = 3;
     const QPointF at = At(place);
     if (!Shows(at, radius + rimWidth)) return;
+    // A label may touch a ring, not what is in it.
+    const double side = 1.4 * radius;
+    marks_.push_back({at.x() - side / 2, at.y() - side / 2, side, side});
+    if (keepsPaths_) return Stroke(PathOf(shape, at, radius), colour);
     const double half = radius + rimWidth;
     auto stamp = std::find_if(stamps_.begin(), stamps_.end(), [&](const Stamp& one) {
-        return one.IsCross == isCross && one.Radius == radius && one.Colour == colour.rgba();
+        return one.Kind == shape && one.Radius == radius && one.Colour == colour.rgba();
     });
     if (stamp == stamps_.end()) {
         const double ratio = painter_.device()->devicePixelRatioF();
@@ -57,32 +79,23 @@ void OverlayPainter::PutStamp(const PixelPoint& place, bool isCross, double radi
         picture.fill(Qt::transparent);
         QPainter painter(&picture);
         OverlayPainter over(painter, view_, picture.size());
-        QPainterPath path;
-        const QPointF middle(half, half);
-        if (isCross) {
-            path.moveTo(middle - QPointF(radius, 0));
-            path.lineTo(middle + QPointF(radius, 0));
-            path.moveTo(middle - QPointF(0, radius));
-            path.lineTo(middle + QPointF(0, radius));
-        } else {
-            path.addEllipse(middle, radius, radius);
-        }
-        over.Stroke(path, colour);
+        over.Stroke(PathOf(shape, QPointF(half, half), radius), colour);
         painter.end();
-        stamp = stamps_.insert(stamps_.end(), {isCross, radius, colour.rgba(), picture});
+        stamp = stamps_.insert(stamps_.end(), {shape, radius, colour.rgba(), picture});
     }
     painter_.drawImage(at - QPointF(half, half), stamp->Picture);
-    // A label may touch a ring, not what is in it.
-    const double side = 1.4 * radius;
-    marks_.push_back({at.x() - side / 2, at.y() - side / 2, side, side});
 }
 
 void OverlayPainter::Circle(const PixelPoint& place, double radius, const QColor& colour) {
-    PutStamp(place, false, radius, colour);
+    PutStamp(place, Shape::Circle, radius, colour);
 }
 
 void OverlayPainter::Cross(const PixelPoint& place, double radius, const QColor& colour) {
-    PutStamp(place, true, radius, colour);
+    PutStamp(place, Shape::Cross, radius, colour);
+}
+
+void OverlayPainter::OpenCross(const PixelPoint& place, double radius, const QColor& colour) {
+    PutStamp(place, Shape::OpenCross, radius, colour);
 }
 
 void OverlayPainter::Aperture(const PixelPoint& place, double imageRadius, const QColor& colour,

@@ -33,6 +33,8 @@ class OverlayPainter {
     /// A circle whose radius is in image pixels.
     void Aperture(const PixelPoint& place, double imageRadius, const QColor& colour, bool dashed);
     void Cross(const PixelPoint& place, double radius, const QColor& colour);
+    /// A cross that leaves its middle free, for what is there to be seen.
+    void OpenCross(const PixelPoint& place, double radius, const QColor& colour);
     /// A line from one place of the image to another.
     void Link(const PixelPoint& from, const PixelPoint& to, const QColor& colour);
     /// A closed line through places of the image.
@@ -48,13 +50,15 @@ class OverlayPainter {
 
  private:
     /// A mark of fixed size, drawn once: a picture is put down far faster than a path.
+    enum class Shape { Circle, Cross, OpenCross };
     struct Stamp {
-        bool IsCross = false;
+        Shape Kind = Shape::Circle;
         double Radius = 0;
         QRgb Colour = 0;
         QImage Picture;
     };
-    void PutStamp(const PixelPoint& place, bool isCross, double radius, const QColor& colour);
+    static QPainterPath PathOf(Shape shape, const QPointF& middle, double radius);
+    void PutStamp(const PixelPoint& place, Shape shape, double radius, const QColor& colour);
 
     struct PendingLabel {
         LabelWish Wish;
@@ -75,6 +79,7 @@ class OverlayPainter {
     QPainter& painter_;
     const ViewGeometry& view_;
     QSizeF size_;
+    bool keepsPaths_;  ///< a page stays sharp at any size
     std::vector<Stamp> stamps_;
     std::vector<PendingLabel> labels_;
     std::vector<ScreenBox> marks_;  ///< what no label is to cover

@@ -1,6 +1,10 @@
 #include "desktop/libWindows.h"
 
 #include <QApplication>
+#ifdef VESTREL_DBUS
+#include <QDBusConnection>
+#include <QDBusMessage>
+#endif
 #include <QDropEvent>
 #include <QFileDialog>
 #include <QHelpEvent>
@@ -107,6 +111,27 @@ void ApplyTheme(const std::string& theme) {
 bool IsRedOnly(const QPalette& palette) {
     return palette.color(QPalette::WindowText).blue() < 140 && IsDark(palette);
 }
+
+void Redden(QPainter& painter, const QRect& place) {
+    painter.setCompositionMode(QPainter::CompositionMode_Multiply);
+    painter.fillRect(place, QColor(255, 60, 40));
+}
+
+#ifdef VESTREL_DBUS
+void ShowTaskbarProgress(int done, int total) {
+    // Without a session there is no dock, and Qt would look for one.
+    if (!IsSet("DBUS_SESSION_BUS_ADDRESS")) return;
+    // https://wiki.ubuntu.com/Unity/LauncherAPI
+    QDBusMessage message = QDBusMessage::createSignal(
+        "/org/vestrel/Vestrel", "com.canonical.Unity.LauncherEntry", "Update");
+    message << "application://" + QGuiApplication::desktopFileName() + ".desktop"
+            << QVariantMap{{"progress", total > 0 ? static_cast<double>(done) / total : 0.0},
+                           {"progress-visible", done < total}};
+    QDBusConnection::sessionBus().send(message);
+}
+#else
+void ShowTaskbarProgress(int /*done*/, int /*total*/) {}
+#endif
 
 QColor StatusTextColour(StatusColour colour, const QPalette& palette) {
     const bool dark = IsDark(palette);

@@ -19,6 +19,7 @@
 
 class QDropEvent;
 class QMimeData;
+class QPainter;
 
 namespace vestrel {
 
@@ -37,6 +38,12 @@ std::optional<QPalette> PaletteOf(const std::string& theme);
 void ApplyTheme(const std::string& theme);
 /// Whether everything is to be red, for eyes that are used to the dark.
 bool IsRedOnly(const QPalette& palette);
+/// Lets nothing but red through what was painted.
+void Redden(QPainter& painter, const QRect& place);
+
+/// Tells the dock of the desktop how much of a long piece of work is done; the bar goes when all
+/// is.
+void ShowTaskbarProgress(int done, int total);
 
 /// The colour of a status line, readable on the palette's background.
 QColor StatusTextColour(StatusColour colour, const QPalette& palette);

@@ -48,15 +48,27 @@ class Photographer {
         QWidget* window = WindowNamed(windowName);
         if (window != nullptr) StopClock(*window);
         const QString file = QDir(folder_).filePath(fileName + suffix_ + ".png");
-        if (window != nullptr &&
-            window->grab().toImage().convertToFormat(QImage::Format_RGB888).save(file)) {
-            return true;
+        const QImage picture = window != nullptr ? window->grab().toImage() : QImage();
+        if (!picture.isNull() && picture.convertToFormat(QImage::Format_RGB888).save(file)) {
+            return TakeForGuide(picture, fileName);
         }
         std::fprintf(stderr, "no picture: %s\n", qPrintable(file));
         return false;
     }
 
  private:
+    /// The guide of the program has some of them, smaller.
+    bool TakeForGuide(const QImage& picture, const QString& fileName) const {
+        constexpr int widest = 560;
+        const QDir guide(QDir(folder_).filePath("help"));
+        const QString name = fileName == "image-close" ? "image" : fileName;
+        const bool wanted = guide.exists(name + ".png") && fileName != "image";
+        if (!wanted) return true;
+        const QImage small = picture.scaledToWidth(std::min(widest, picture.width() * 3 / 4),
+                                                   Qt::SmoothTransformation);
+        return small.convertToFormat(QImage::Format_Indexed8).save(guide.filePath(name + ".png"));
+    }
+
     QString folder_;
     QString suffix_;
 };

@@ -13,10 +13,11 @@ namespace {
 
 constexpr int rowsPerPiece = 32;
 
-/// Calls `work(row)` for every row, in parallel.
+/// Calls `work(row)` for every row, in parallel; not for those that are left when it is to stop.
 template <typename Work>
-void ForRows(int rows, Work work) {
+void ForRows(int rows, const std::stop_token& stop, Work work) {
     ParallelFor((rows + rowsPerPiece - 1) / rowsPerPiece, [&](int piece) {
+        if (stop.stop_requested()) return;
         const int end = std::min((piece + 1) * rowsPerPiece, rows);
         for (int row = piece * rowsPerPiece; row < end; ++row) work(row);
     });
@@ -37,9 +38,9 @@ const std::uint8_t* RowOf(const GreyLevel& level, int row) {
            static_cast<std::size_t>(row) * static_cast<std::size_t>(level.Width);
 }
 
-void Halve(const GreyLevel& from, GreyLevel& to) {
+void Halve(const GreyLevel& from, GreyLevel& to, const std::stop_token& stop) {
     SetSize(to, (from.Width + 1) / 2, (from.Height + 1) / 2);
-    ForRows(to.Height, [&](int row) {
+    ForRows(to.Height, stop, [&](int row) {
         const std::uint8_t* upper = RowOf(from, 2 * row);
         const std::uint8_t* lower = RowOf(from, std::min(2 * row + 1, from.Height - 1));
         std::uint8_t* mean = RowOf(to, row);
@@ -64,24 +65,15 @@ struct CountLevel {
     const float* Row(int row) const {
         return Counts.data() + static_cast<std::size_t>(row) * static_cast<std::size_t>(Width);
     }
+    float* Row(int row) {
+        return Counts.data() + static_cast<std::size_t>(row) * static_cast<std::size_t>(Width);
+    }
 };
 
-/// @param at gives the count of a column and row, each within the size
-template <typename At>
-CountLevel Halved(int width, int height, At at) {
+CountLevel HalfSized(int width, int height) {
     CountLevel half{(width + 1) / 2, (height + 1) / 2, {}};
     half.Counts.resize(static_cast<std::size_t>(half.Width) *
                        static_cast<std::size_t>(half.Height));
-    ForRows(half.Height, [&](int row) {
-        float* mean = half.Counts.data() +
-                      static_cast<std::size_t>(row) * static_cast<std::size_t>(half.Width);
-        const int lower = std::min(2 * row + 1, height - 1);
-        for (int x = 0; x < half.Width; ++x) {
-            const int right = std::min(2 * x + 1, width - 1);
-            mean[x] =
-                (at(2 * x, 2 * row) + at(right, 2 * row) + at(2 * x, lower) + at(right, lower)) / 4;
-        }
-    });
     return half;
 }
 
@@ -90,9 +82,11 @@ class ScreenStretch {
  public:
     /// @param sample counts of the picture, in any order; there is one at least
     ScreenStretch(std::vector<float> sample, bool inverted) {
-        std::sort(sample.begin(), sample.end());
         const auto quantile = [&sample](double part) {
-            return sample[static_cast<std::size_t>(part * static_cast<double>(sample.size() - 1))];
+            const auto place = sample.begin() + static_cast<std::ptrdiff_t>(
+                                                    part * static_cast<double>(sample.size() - 1));
+            std::nth_element(sample.begin(), place, sample.end());
+            return *place;
         };
         // The lower half of the sky is free of stars.
         constexpr double sigmaPerQuarter = 1.4826;
@@ -110,9 +104,8 @@ class ScreenStretch {
     }
     std::uint8_t operator()(float count) const {
         const float step = (count - black_) * steps_;
-        if (!(step > 0)) return table_.front();
-        return step < static_cast<float>(table_.size() - 1) ? table_[static_cast<std::size_t>(step)]
-                                                            : table_.back();
+        const float last = static_cast<float>(table_.size() - 1);
+        return table_[static_cast<std::size_t>(step > 0 ? std::min(step, last) : 0.0F)];
     }
 
  private:
@@ -121,22 +114,42 @@ class ScreenStretch {
     float steps_ = 0;
 };
 
-/// Makes a grey level of counts.
-template <typename At>
-void Stretch(GreyLevel& level, int width, int height, bool inverted, At at) {
+/// Makes a grey level of counts, and the counts of the next one in the same sweep: what takes time
+/// is to fetch them.
+/// @param counts gives the counts of a row
+template <typename Counts>
+CountLevel StretchAndHalve(GreyLevel& level, int width, int height, bool inverted,
+                           const std::stop_token& stop, Counts counts) {
     SetSize(level, width, height);
+    CountLevel half = HalfSized(width, height);
     constexpr int mostEachWay = 200;
     const int stepX = std::max(width / mostEachWay, 1);
     const int stepY = std::max(height / mostEachWay, 1);
     std::vector<float> sample;
     for (int y = 0; y < height; y += stepY) {
-        for (int x = 0; x < width; x += stepX) sample.push_back(at(x, y));
+        const auto* row = counts(y);
+        for (int x = 0; x < width; x += stepX) sample.push_back(static_cast<float>(row[x]));
     }
     const ScreenStretch grey(std::move(sample), inverted);
-    ForRows(height, [&](int row) {
-        std::uint8_t* out = RowOf(level, row);
-        for (int x = 0; x < width; ++x) out[x] = grey(at(x, row));
+    ForRows(half.Height, stop, [&](int pair) {
+        const int first = 2 * pair;
+        const int second = std::min(first + 1, height - 1);
+        const auto* upper = counts(first);
+        const auto* lower = counts(second);
+        std::uint8_t* out = RowOf(level, first);
+        for (int x = 0; x < width; ++x) out[x] = grey(static_cast<float>(upper[x]));
+        out = RowOf(level, second);
+        for (int x = 0; x < width; ++x) out[x] = grey(static_cast<float>(lower[x]));
+        float* mean = half.Row(pair);
+        const auto meanOf = [&](int left, int right) {
+            return (static_cast<float>(upper[left]) + static_cast<float>(upper[right]) +
+                    static_cast<float>(lower[left]) + static_cast<float>(lower[right])) /
+                   4;
+        };
+        for (int x = 0; x < width / 2; ++x) mean[x] = meanOf(2 * x, 2 * x + 1);
+        if (width % 2 != 0) mean[width / 2] = meanOf(width - 1, width - 1);
     });
+    return half;
 }
 
 std::size_t LevelCount(const PlateImage& image) {
@@ -199,7 +212,7 @@ struct Lines {
 void PaintLines(const GreyLevel& level, const Lines& lines, bool interpolated,
                 const GreyTarget& target) {
     const std::vector<Source>& columns = lines.Along;
-    ForRows(target.Height, [&](int row) {
+    ForRows(target.Height, {}, [&](int row) {
         const Source& rows = lines.Across[static_cast<std::size_t>(row)];
         const auto out = target.Pixels.subspan(static_cast<std::size_t>(row) * target.RowBytes,
                                                static_cast<std::size_t>(target.Width));
@@ -237,7 +250,7 @@ void PaintLines(const GreyLevel& level, const Lines& lines, bool interpolated,
 void Transpose(const std::vector<std::uint8_t>& lines, const GreyTarget& target) {
     constexpr int side = 32;
     const auto lineBytes = static_cast<std::size_t>(target.Height);
-    ForRows((target.Height + side - 1) / side, [&](int band) {
+    ForRows((target.Height + side - 1) / side, {}, [&](int band) {
         const int first = band * side;
         const int last = std::min(first + side, target.Height);
         for (int left = 0; left < target.Width; left += side) {
@@ -254,31 +267,29 @@ void Transpose(const std::vector<std::uint8_t>& lines, const GreyTarget& target)
 
 }  // namespace
 
-void PicturePyramid::Build(const PlateImage& image, const GreyLookup& grey) {
+void PicturePyramid::Build(const PlateImage& image, const GreyLookup& grey,
+                           const std::stop_token& stop) {
     if (image.Width < 1 || image.Height < 1 || image.Pixels.Empty()) return Clear();
     const std::size_t count = LevelCount(image);
     levels_.resize(count);
     SetSize(levels_[0], image.Width, image.Height);
-    ForRows(image.Height, [&](int row) {
+    ForRows(image.Height, stop, [&](int row) {
         const auto pixels = image.Pixels.Row(row).first(static_cast<std::size_t>(image.Width));
         std::transform(pixels.begin(), pixels.end(), RowOf(levels_[0], row),
                        [&grey](std::int32_t stored) { return grey(stored); });
     });
-    for (std::size_t k = 1; k < count; ++k) Halve(levels_[k - 1], levels_[k]);
+    for (std::size_t k = 1; k < count; ++k) Halve(levels_[k - 1], levels_[k], stop);
 }
 
-void PicturePyramid::BuildForScreen(const PlateImage& image, bool inverted) {
+void PicturePyramid::BuildForScreen(const PlateImage& image, bool inverted,
+                                    const std::stop_token& stop) {
     if (image.Width < 1 || image.Height < 1 || image.Pixels.Empty()) return Clear();
     levels_.resize(LevelCount(image));
-    const auto stored = [&image](int x, int y) { return static_cast<float>(image.Pixels(x, y)); };
-    Stretch(levels_[0], image.Width, image.Height, inverted, stored);
-    CountLevel counts;
+    CountLevel counts = StretchAndHalve(levels_[0], image.Width, image.Height, inverted, stop,
+                                        [&image](int y) { return image.Pixels.Row(y).data(); });
     for (std::size_t k = 1; k < levels_.size(); ++k) {
-        const auto mean = [&counts](int x, int y) { return counts.Row(y)[x]; };
-        CountLevel half = k == 1 ? Halved(image.Width, image.Height, stored)
-                                 : Halved(counts.Width, counts.Height, mean);
-        counts = std::move(half);
-        Stretch(levels_[k], counts.Width, counts.Height, inverted, mean);
+        counts = StretchAndHalve(levels_[k], counts.Width, counts.Height, inverted, stop,
+                                 [&counts](int y) { return counts.Row(y); });
     }
 }
 

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <span>
+#include <stop_token>
 #include <vector>
 
 #include "display/libDisplayLevels.h"
@@ -20,12 +21,13 @@ struct GreyLevel {
 
 class PicturePyramid {
  public:
-    /// Takes the grey values of every pixel, in parallel. Memory is kept for the next time.
-    void Build(const PlateImage& image, const GreyLookup& grey);
+    /// Takes the grey values of every pixel, in parallel. Memory is kept for the next time. When it
+    /// is asked to stop it does so soon, and leaves a picture that is not to be shown.
+    void Build(const PlateImage& image, const GreyLookup& grey, const std::stop_token& stop = {});
 
     /// The same from the counts themselves, each level with levels of its own that show its faint
     /// stars: the mean of many pixels has less noise, and would be plain grey by the levels of one.
-    void BuildForScreen(const PlateImage& image, bool inverted);
+    void BuildForScreen(const PlateImage& image, bool inverted, const std::stop_token& stop = {});
     void Clear() { levels_.clear(); }
     bool Empty() const { return levels_.empty(); }
 

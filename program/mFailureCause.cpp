@@ -10,6 +10,7 @@
 #include "display/libSkyOverlay.h"
 #include "image/libFormats.h"
 #include "platform/libPlatform.h"
+#include "program/mWorkBeside.h"
 
 namespace vestrel {
 
@@ -101,7 +102,7 @@ class Inquiry {
             PathFromText(image.FileName), asRead, [this](int, int) { port_.Yield(); }, ignored);
         // A picture from memory has a name only, which may be that of some other file.
         const bool same = read && asRead.Width == image.Width && asRead.Height == image.Height;
-        evidence.Health = HealthOf(same ? asRead : image);
+        WorkBeside(port_, [&] { evidence.Health = HealthOf(same ? asRead : image); });
         evidence.TrailAngle = evidence.Health.TrailAngle * ExactDegreesPerRadian;
         if (FirstRowAtTop(image)) evidence.TrailAngle = -evidence.TrailAngle;
         if (evidence.TrailAngle < 0) evidence.TrailAngle += 180;
@@ -262,7 +263,7 @@ class Inquiry {
         return Found(FailureKind::WrongCentre, text,
                      std::string("give that centre (") + words_.Ra + ")" +
                          (otherSize ? std::string(" and size (") + words_.FieldSize + ")" : "") +
-                         ", or none");
+                         ", or " + words_.NoCentre);
     }
 
     bool CatalogIsShallow() {

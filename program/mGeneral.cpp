@@ -15,6 +15,7 @@ void ForgetImage(ProgramState& state) {
     display.CentreCaption = nothing.CentreCaption;
     display.Status1 = nothing.Status1;
     display.OffersJustSolve = false;
+    display.Cause.clear();
     for (std::string SolveDisplay::*text :
          {&SolveDisplay::CentreRa, &SolveDisplay::CentreDec, &SolveDisplay::ImageSize,
           &SolveDisplay::PlateSize, &SolveDisplay::Scale, &SolveDisplay::Stretch,

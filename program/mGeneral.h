@@ -63,6 +63,7 @@ struct SolveDisplay {
     std::string RmsDifference;
     std::string Details;           ///< what the last solve saw, or why an image was not read
     std::string Stage;             ///< of a search of several that runs
+    std::string Cause;             ///< why the last search failed and what to try, in a sentence
     bool OffersJustSolve = false;  ///< a search from a centre found nothing
     std::string Clock;             ///< universal time, Julian date, sidereal time
     std::string Countdown = "10";  ///< seconds until an unattended run closes the program

@@ -9,7 +9,6 @@
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
-#include "program/mFailureCause.h"
 #include "program/mPictureHints.h"
 #include "program/mPlateMatch.h"
 #include "program/mSolveReport.h"
@@ -173,11 +172,8 @@ void JustSolveCommand(ProgramState& state, Port& port) {
         port.ImageChanged();
         return;
     }
-    const auto cause = CauseOfFailure(state, port, code, RequestForAnything(state), WindowWords);
-    CauseAndCure likeliest;
-    if (cause) likeliest = {cause->Text, cause->Try};
-    display.Details =
-        FailureText(state, code, WindowWords, likeliest) + CandidateText(report) + stages;
+    ExplainFailure(state, port, code, RequestForAnything(state));
+    display.Details += CandidateText(report) + stages;
     if (report.TimeLimitReached) display.Details += "  The time was up.\n";
 }
 

@@ -43,6 +43,7 @@ struct InputWords {
     const char* Regions;
     const char* SearchFromCentre;  ///< what to do where quads find nothing
     const char* SearchWholeSky;    ///< what to do where no place that is given is right
+    const char* NoCentre;          ///< what to do where the picture has another centre
 };
 inline constexpr InputWords ConsoleWords{"--detection-threshold",
                                          "--min-star-size",
@@ -51,7 +52,8 @@ inline constexpr InputWords ConsoleWords{"--detection-threshold",
                                          "--ra",
                                          "--regions",
                                          "give the approximate centre (--ra)",
-                                         "search the whole sky (--blind)"};
+                                         "search the whole sky (--blind)",
+                                         "none"};
 inline constexpr InputWords WindowWords{"Detection Threshold",
                                         "Min Star Size",
                                         "$VESTREL_CATALOG",
@@ -59,7 +61,8 @@ inline constexpr InputWords WindowWords{"Detection Threshold",
                                         "RA",
                                         "Search Limit",
                                         "Plate Match, with the approximate centre (RA, Dec)",
-                                        "Just Solve, which searches the whole sky"};
+                                        "Just Solve, which searches the whole sky",
+                                        "press Just Solve"};
 
 /// What is wrong, and the one thing to try. Empty when that is not known.
 struct CauseAndCure {

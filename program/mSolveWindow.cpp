@@ -59,21 +59,9 @@ std::optional<InputFault> ReadInputs(const SolveInputs& inputs, UnattendedReques
     return std::nullopt;
 }
 
-std::string DetailsOf(const ProgramState& state, SolveCode code,
-                      const CauseAndCure& likeliest = {}) {
-    return code == SolveCode::Solved ? SolutionText(state)
-                                     : FailureText(state, code, WindowWords, likeliest);
-}
-
-/// What the picture tells of a search around a place that found nothing. The whole sky is left to
-/// Just Solve, which the user is offered.
-CauseAndCure CauseOfSearch(ProgramState& state, Port& port, SolveCode code,
-                           const PlateSearch& search) {
-    SearchRequest request;
-    request.Around = {{search.Start, search.Width, search.Height, search.RegionLimit}};
-    request.TimeLimit = 0;
-    const auto cause = CauseOfFailure(state, port, code, request, WindowWords);
-    return cause ? CauseAndCure{cause->Text, cause->Try} : CauseAndCure{};
+std::string AsSentence(std::string text) {
+    if (!text.empty() && text[0] >= 'a' && text[0] <= 'z') text[0] += 'A' - 'a';
+    return text + ".";
 }
 
 /// Whether there is a file of a name that some other program wrote.
@@ -123,10 +111,25 @@ bool BeginAnySearch(ProgramState& state, Port& port) {
         return false;
     }
     state.Display.OffersJustSolve = false;
+    state.Display.Cause.clear();
     state.Display.BusyIndicator = true;
     ShowStatus(state, port, "Working...");
     port.ImageChanged();
     return true;
+}
+
+void ExplainFailure(ProgramState& state, Port& port, SolveCode code, const SearchRequest& request) {
+    SolveDisplay& display = state.Display;
+    display.BusyIndicator = true;
+    port.DisplayChanged();
+    const auto cause = CauseOfFailure(state, port, code, request, WindowWords);
+    CauseAndCure likeliest;
+    if (cause) likeliest = {cause->Text, cause->Try};
+    display.Details = FailureText(state, code, WindowWords, likeliest);
+    if (!likeliest.Cause.empty()) {
+        display.Cause = AsSentence(likeliest.Cause);
+        if (!likeliest.Cure.empty()) display.Cause += "\nTry: " + AsSentence(likeliest.Cure);
+    }
 }
 
 std::optional<std::pair<double, double>> FieldSizeOf(const SolveInputs& inputs) {
@@ -164,9 +167,17 @@ void PlateMatchCommand(ProgramState& state, Port& port) {
     if (!request) return;
     const PlateSearch search = SearchFor(*request, state.Parameters);
     const SolveCode code = SolvePlate(state, port, search);
-    state.Display.Details = DetailsOf(state, code, CauseOfSearch(state, port, code, search));
+    if (code == SolveCode::Solved) {
+        state.Display.Details = SolutionText(state);
+        port.ImageChanged();
+        return;
+    }
     state.Display.OffersJustSolve = code == SolveCode::NoMatch;
-    if (code == SolveCode::Solved) port.ImageChanged();
+    SearchRequest around;
+    around.Around = {{search.Start, search.Width, search.Height, search.RegionLimit}};
+    // The whole sky is left to Just Solve, which the user is offered.
+    around.TimeLimit = 0;
+    ExplainFailure(state, port, code, around);
 }
 
 void MoraCommand(ProgramState& state, Port& port) {
@@ -185,7 +196,13 @@ void MoraCommand(ProgramState& state, Port& port) {
     if (matched && !IsSure(state.QuadMatch)) {
         state.Display.Status.Colour = state.Display.Status1.Colour = StatusColour::Black;
     }
-    state.Display.Details = matched ? QuadMatchText(state) : FailureText(state, code, WindowWords);
+    if (matched) {
+        state.Display.Details = QuadMatchText(state);
+    } else {
+        SearchRequest everywhere;
+        everywhere.Everywhere = true;
+        ExplainFailure(state, port, code, everywhere);
+    }
     if (matched && IsSure(state.QuadMatch)) {
         const SkyPosition& centre = state.QuadMatch.Centre;
         state.Inputs.Ra = FormatRA(centre.Ra, false, 2);
@@ -201,7 +218,9 @@ std::optional<UnattendedOutcome> UnattendedCommand(ProgramState& state, Port& po
     if (!operation) return std::nullopt;
     UnattendedOutcome outcome = RunUnattended(state, port, parameters);
     if (outcome.End == UnattendedEnd::Finished) {
-        state.Display.Details = DetailsOf(state, outcome.Result.Code);
+        const SolveCode code = outcome.Result.Code;
+        state.Display.Details =
+            code == SolveCode::Solved ? SolutionText(state) : FailureText(state, code, WindowWords);
     }
     return outcome;
 }

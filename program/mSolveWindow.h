@@ -7,6 +7,7 @@
 
 #include "program/mCommandLine.h"
 #include "program/mGeneral.h"
+#include "program/mSearchPlan.h"
 
 namespace vestrel {
 
@@ -53,6 +54,10 @@ std::optional<std::pair<double, double>> FieldSizeOf(const SolveInputs& inputs);
 
 /// What every search in the window begins with: says that there is no image, or that it works.
 bool BeginAnySearch(ProgramState& state, Port& port);
+
+/// Looks for the cause of a failed search and tells it in the details; the search was for a
+/// request.
+void ExplainFailure(ProgramState& state, Port& port, SolveCode code, const SearchRequest& request);
 
 /// Plate Match: solves the loaded image from the inputs.
 void PlateMatchCommand(ProgramState& state, Port& port);

@@ -10,6 +10,7 @@
 #include "platform/libPlatform.h"
 #include "program/mSkyModel.h"
 #include "program/mSolveReport.h"
+#include "program/mWorkBeside.h"
 
 namespace vestrel {
 
@@ -82,18 +83,23 @@ bool WriteWorldCoordinates(const ProgramState& state, Port& port, const std::str
 }
 
 bool ExportImage(const ProgramState& state, Port& port, const std::string& path) {
-    try {
-        if (!state.ImageLoaded) throw std::runtime_error("There is no image to export.");
-        const std::vector<unsigned char> bytes =
-            FitsExportBytes(state.Image, CoordinateCards(state), QualityCards(state));
-        if (ReplaceFile(PathFromText(path), bytes)) return true;
-        port.ShowMessage("The file " + path + " cannot be written.", DefaultTitle);
-    } catch (const std::bad_alloc&) {
-        port.ShowMessage("There is not enough memory for this image.", DefaultTitle);
-    } catch (const std::exception& error) {
-        port.ShowMessage(error.what(), DefaultTitle);
-    }
-    return false;
+    std::string fault;
+    WorkBeside(port, [&] {
+        try {
+            if (!state.ImageLoaded) throw std::runtime_error("There is no image to export.");
+            const std::vector<unsigned char> bytes =
+                FitsExportBytes(state.Image, CoordinateCards(state), QualityCards(state));
+            if (!ReplaceFile(PathFromText(path), bytes)) {
+                fault = "The file " + path + " cannot be written.";
+            }
+        } catch (const std::bad_alloc&) {
+            fault = "There is not enough memory for this image.";
+        } catch (const std::exception& error) {
+            fault = error.what();
+        }
+    });
+    if (!fault.empty()) port.ShowMessage(fault, DefaultTitle);
+    return fault.empty();
 }
 
 }  // namespace vestrel

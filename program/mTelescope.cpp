@@ -5,7 +5,9 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <memory>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include "astro/libConversions.h"
@@ -169,6 +171,46 @@ void TestTelescopeCommand(ProgramState& state, Port& port) {
                  FormatDec(position->Dec, true, 0) + " (J2000)",
              StatusColour::Green);
     });
+}
+
+std::vector<std::string> TelescopeDevicesCommand(ProgramState& state, Port& port) {
+    const Operation operation(state, port, Activity::Telescope);
+    if (!operation || !state.CreateTelescope) return {};
+    state.StopRequested = false;
+    state.Display.BusyIndicator = true;
+    // Shared with the driver, which may still be at it when nobody waits any more.
+    const auto devices = std::make_shared<std::vector<std::string>>();
+    try {
+        Tell(state, port, "looking for devices...", StatusColour::Black);
+        TelescopeLink link(state.CreateTelescope);
+        link.Run(
+            [devices](TelescopeDriver& driver) {
+                *devices = driver.Devices();
+                return 0.0;
+            },
+            state.TelescopePatience.Connect,
+            [&] {
+                port.Yield();
+                return !state.StopRequested;
+            });
+    } catch (const TelescopeError& error) {
+        Tell(state, port, error.what(), StatusColour::Red);
+        return {};
+    }
+    const std::size_t count = devices->size();
+    Tell(state, port, std::to_string(count) + (count == 1 ? " device" : " devices"),
+         count > 0 ? StatusColour::Green : StatusColour::Red);
+    return *devices;
+}
+
+std::string AddressOfDevice(const std::string& address, const std::string& device) {
+    constexpr std::string_view schemeEnd = "://";
+    const std::size_t scheme = address.find(schemeEnd);
+    const std::size_t host = scheme == std::string::npos ? 0 : scheme + schemeEnd.size();
+    std::string text = address.substr(0, address.find('/', host)) + "/";
+    for (const char letter : device)
+        text += letter == '%' ? std::string("%25") : std::string(1, letter);
+    return text;
 }
 
 void SyncTelescopeCommand(ProgramState& state, Port& port) {

@@ -2,6 +2,9 @@
 // it really points. And the clock, which both need.
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "program/mGeneral.h"
 
 namespace vestrel {
@@ -21,6 +24,13 @@ bool LoadTelescopeCommand(ProgramState& state, Port& port);
 
 /// Connects to the telescope and tells in the status line where it points.
 void TestTelescopeCommand(ProgramState& state, Port& port);
+
+/// The devices that could be connected where the telescope is looked for, mounts first; tells in
+/// the status line what came of it. Fails as Load does.
+std::vector<std::string> TelescopeDevicesCommand(ProgramState& state, Port& port);
+
+/// The address of another device of the server that an address names.
+std::string AddressOfDevice(const std::string& address, const std::string& device);
 
 /// Sync: tells the telescope that it points to the solved centre. Fails as Load does; does nothing
 /// before a solve has succeeded.

@@ -6,6 +6,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace vestrel {
 
@@ -44,6 +45,9 @@ class TelescopeDriver {
     virtual double RightAscension() = 0;  ///< hours
     virtual double Declination() = 0;     ///< degrees
     virtual void SyncToCoordinates(double hours, double degrees) = 0;
+    /// What else could be connected where this telescope is looked for: mounts first. It needs no
+    /// connection. Empty where there is nothing to choose from.
+    virtual std::vector<std::string> Devices() { return {}; }
 };
 
 using TelescopeFactory = std::function<std::unique_ptr<TelescopeDriver>()>;
@@ -54,7 +58,8 @@ using TelescopeFactory = std::function<std::unique_ptr<TelescopeDriver>()>;
 std::unique_ptr<TelescopeDriver> CreateTelescopeDriver();
 
 /// The driver of a telescope at an address, in the form of `$VESTREL_TELESCOPE`; where telescopes
-/// have none, as on Windows, the one that is set up.
+/// have none, as on Windows, the one that is set up. One without a device can only tell the
+/// devices.
 std::unique_ptr<TelescopeDriver> CreateTelescopeDriverAt(const std::string& address);
 
 }  // namespace vestrel

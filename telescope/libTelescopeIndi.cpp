@@ -69,12 +69,12 @@ std::optional<std::string> PercentDecoded(std::string_view text) {
     return decoded;
 }
 
+/// The device may be missing.
 std::optional<Address> ParseAddress(std::string_view text) {
     constexpr std::string_view scheme = "indi://";
     if (!text.starts_with(scheme)) return std::nullopt;
     text.remove_prefix(scheme.size());
-    const std::size_t slash = text.find('/');
-    if (slash == std::string_view::npos) return std::nullopt;
+    const std::size_t slash = std::min(text.find('/'), text.size());
     std::string_view host = text.substr(0, slash);
     Address address;
     if (const std::size_t colon = host.find(':'); colon != std::string_view::npos) {
@@ -86,8 +86,8 @@ std::optional<Address> ParseAddress(std::string_view text) {
         }
         host = host.substr(0, colon);
     }
-    const auto device = PercentDecoded(text.substr(slash + 1));
-    if (host.empty() || !device || device->empty()) return std::nullopt;
+    const auto device = PercentDecoded(text.substr(std::min(slash + 1, text.size())));
+    if (host.empty() || !device) return std::nullopt;
     address.Host = host;
     address.Device = *device;
     return address;
@@ -246,6 +246,59 @@ class Client : public INDI::BaseClient {
     bool gone_ = false;
 };
 
+/// Listens to the server for the devices that it has.
+class DeviceListener : public INDI::BaseClient {
+ public:
+    ~DeviceListener() override {
+        if (isServerConnected()) disconnectServer();  // waits for the library's thread
+    }
+    /// Servers do not say when they have told all: it is over when nothing comes any more.
+    std::vector<std::string> Wait(steady_clock::time_point end) {
+        constexpr milliseconds silence(400);
+        std::unique_lock lock(lock_);
+        for (std::size_t heard = heard_ + 1; heard != heard_ && steady_clock::now() < end;) {
+            heard = heard_;
+            changed_.wait_until(lock,
+                                heard == 0 ? end : std::min(end, steady_clock::now() + silence),
+                                [&] { return heard_ != heard; });
+        }
+        std::vector<std::string> mounts;
+        std::vector<std::string> others;
+        for (const auto& [name, isMount] : devices_) (isMount ? mounts : others).push_back(name);
+        mounts.insert(mounts.end(), others.begin(), others.end());
+        return mounts;
+    }
+
+ protected:
+    void newProperty(INDI::Property property) override {
+        const std::lock_guard lock(lock_);
+        bool& isMount = devices_[property.getDeviceName()];
+        isMount = isMount || property.isNameMatch(coordinates) || TellsMount(property);
+        ++heard_;
+        changed_.notify_all();
+    }
+
+ private:
+    /// Drivers tell what they are before they are connected.
+    static bool TellsMount(INDI::Property& property) {
+        constexpr unsigned telescope = 1;
+        if (!property.isNameMatch("DRIVER_INFO") || property.getType() != INDI_TEXT) return false;
+        for (const auto& text : *property.getText()) {
+            unsigned kinds = 0;
+            const std::string_view value = text.getText() != nullptr ? text.getText() : "";
+            if (text.isNameMatch("DRIVER_INTERFACE")) {
+                std::from_chars(value.data(), value.data() + value.size(), kinds);
+                return (kinds & telescope) != 0;
+            }
+        }
+        return false;
+    }
+    std::mutex lock_;
+    std::condition_variable changed_;
+    std::map<std::string, bool> devices_;
+    std::size_t heard_ = 0;
+};
+
 class IndiTelescope : public TelescopeDriver {
  public:
     explicit IndiTelescope(Address address) : address_(std::move(address)) {
@@ -259,14 +312,13 @@ class IndiTelescope : public TelescopeDriver {
     void SetConnected(bool connected) override {
         client_.reset();
         if (!connected) return;  // the mount stays so for others that use it
+        if (address_.Device.empty()) throw TelescopeError("the address names no device");
         const auto end = steady_clock::now() + limits_.Connect - TelescopeLimits::Margin;
-        const std::string host = Resolved(address_.Host);
-        if (host.empty()) throw TelescopeError("there is no host " + address_.Host);
+        const std::string host = Host();
         client_ = std::make_unique<Client>(address_.Device);
         if (!client_->Start(host, address_.Port, serverLimit)) {
             client_.reset();
-            throw TelescopeError("no INDI server at " + address_.Host + ":" +
-                                 std::to_string(address_.Port));
+            throw NoServer();
         }
         client_->WaitUntil(steady_clock::now() + deviceLimit, "the INDI server has no such device",
                            [this] { return client_->Known(connection) != nullptr; });
@@ -274,6 +326,16 @@ class IndiTelescope : public TelescopeDriver {
         ConnectMount(end, "the mount does not connect");
         client_->WaitUntil(end, "the mount tells no coordinates of date",
                            [this] { return client_->Known(coordinates) != nullptr; });
+    }
+
+    std::vector<std::string> Devices() override {
+        DeviceListener listener;
+        listener.setServer(Host().c_str(), address_.Port);
+        const auto microseconds = std::chrono::microseconds(serverLimit).count();
+        listener.setConnectionTimeout(static_cast<std::uint32_t>(microseconds / 1000000),
+                                      static_cast<std::uint32_t>(microseconds % 1000000));
+        if (!listener.connectServer()) throw NoServer();
+        return listener.Wait(steady_clock::now() + deviceLimit);
     }
 
     double RightAscension() override { return Coordinate("RA"); }
@@ -306,6 +368,15 @@ class IndiTelescope : public TelescopeDriver {
  private:
     steady_clock::time_point End() const {
         return steady_clock::now() + limits_.Call - TelescopeLimits::Margin;
+    }
+    std::string Host() const {
+        std::string host = Resolved(address_.Host);
+        if (host.empty()) throw TelescopeError("there is no host " + address_.Host);
+        return host;
+    }
+    TelescopeError NoServer() const {
+        return TelescopeError("no INDI server at " + address_.Host + ":" +
+                              std::to_string(address_.Port));
     }
     /// The client, with nothing said yet about what comes next.
     Client& Begin() const {
@@ -379,7 +450,7 @@ std::unique_ptr<TelescopeDriver> CreateTelescopeDriver() {
     const char* text = std::getenv("VESTREL_TELESCOPE");
     if (text == nullptr || *text == 0) return nullptr;
     auto address = ParseAddress(text);
-    if (!address) {
+    if (!address || address->Device.empty()) {
         throw TelescopeError("$VESTREL_TELESCOPE is not indi://host:port/Device Name");
     }
     return std::make_unique<IndiTelescope>(std::move(*address));

@@ -9,6 +9,7 @@
 #include <QMenuBar>
 #include <QMimeData>
 #include <QPlainTextEdit>
+#include <QPrinter>
 #include <QScreen>
 #include <QScrollBar>
 #include <QSpinBox>
@@ -16,6 +17,9 @@
 #include <QTableWidget>
 #include <QTextBrowser>
 #include <cmath>
+#include <cstdlib>
+#include <map>
+#include <regex>
 
 #include "astro/libConversions.h"
 #include "astro/libPositionText.h"
@@ -282,6 +286,69 @@ TEST_F(Evening, TheWholePictureIsExportedWithEverythingOverIt) {
     EXPECT_EQ(Dialogs.Messages, Texts{});
 }
 
+TEST_F(Evening, APageHasThePictureAndEverythingOverItWhereAnotherReaderLooks) {
+    if (std::system("pdftoppm -v && pdftotext -v") != 0) SKIP_OR_FAIL("no poppler-utils");
+    Solve();
+    Press("cmdImage");
+    QWidget* image = WindowNamed("fImage");
+    for (const char* overlay : {"mnuExtracted", "mnuCatalog"}) {
+        image->findChild<QAction*>(overlay)->setChecked(false);
+    }
+    image->findChild<QAction*>("mnuMagnitudes")->setChecked(true);
+    const auto fileOf = [this](const char* name) { return QtText((Folder / name).string()); };
+    const auto run = [this](const std::string& command) {
+        return std::system(("cd " + Folder.Path.string() + " && " + command).c_str()) == 0;
+    };
+    for (const char* name : {"page.png", "page.pdf"}) {
+        Dialogs.FileToChoose = fileOf(name);
+        image->findChild<QAction*>("mnuExportPicture")->trigger();
+    }
+    QPrinter printer(QPrinter::HighResolution);
+    printer.setOutputFormat(QPrinter::PdfFormat);
+    printer.setPageSize(QPageSize(QPageSize::A4));
+    printer.setPageOrientation(QPageLayout::Landscape);
+    printer.setOutputFileName(fileOf("printed.pdf"));
+    dynamic_cast<ImageWindow*>(image)->PrintOn(printer);
+    ASSERT_TRUE(run("pdftoppm -r 72 -png -singlefile page.pdf drawn"));
+    ASSERT_TRUE(
+        run("pdftotext -bbox page.pdf page.html && pdftotext -bbox printed.pdf printed.html"));
+
+    // Pixel for pixel, but for the edges of letters and rings.
+    const QImage wanted(fileOf("page.png"));
+    const QImage drawn(fileOf("drawn.png"));
+    ASSERT_EQ(drawn.size(), wanted.size());
+    int different = 0;
+    for (int y = 0; y < side; ++y) {
+        for (int x = 0; x < side; ++x) {
+            const int apart = std::abs(qGreen(drawn.pixel(x, y)) - qGreen(wanted.pixel(x, y)));
+            different += apart > 100 ? 1 : 0;
+        }
+    }
+    EXPECT_LT(different, side * side / 50);
+
+    // The magnitude beside a star, in letters of the same size on any paper.
+    const std::regex word(R"(<page width="([0-9.]+)" height="([0-9.]+)\"|)"
+                          R"(<word xMin="([0-9.]+)" yMin="([0-9.]+)" xMax="([0-9.]+)" )"
+                          R"(yMax="([0-9.]+)">(1[0-9]\.[0-9]{
+        2})<)");
+    std::map<std::string, std::map<std::string, double>> heights;
+    for (const char* name : {"page.html", "printed.html"}) {
+        const std::string html = ReadFile(Folder / name);
+        double page = 0;
+        for (std::sregex_iterator one(html.begin(), html.end(), word), end; one != end; ++one) {
+            const auto number = [&](int k) { return std::stod((*one)[k].str()); };
+            if ((*one)[1].matched) page = std::min(number(1), number(2));
+            if ((*one)[7].matched) heights[name][(*one)[7].str()] = (number(6) - number(4)) / page;
+        }
+    }
+    ASSERT_GT(heights["page.html"].size(), 5u);
+    for (const auto& [text, height] : heights["page.html"]) {
+        EXPECT_NEAR(height * side, 14, 5) << text;
+        ASSERT_TRUE(heights["printed.html"].contains(text)) << text;
+        EXPECT_NEAR(heights["printed.html"][text], height, 0.2 * height) << text;
+    }
+}
+
 TEST_F(Evening, AnObjectOrAWholePositionIsEnoughForTheCentre) {
     Window->OpenFile(Frame);
     TypeSearch();
@@ -351,6 +418,42 @@ TEST_F(Evening, TheTableKeepsEverySolveAndAFolderIsSolvedBesides) {
               std::string::npos);
 }
 
+TEST_F(Evening, TheDockIsToldHowMuchOfAFolderIsDone) {
+    if (std::system("command -v dbus-daemon dbus-monitor >/dev/null") != 0) {
+        SKIP_OR_FAIL("no dbus");
+    }
+    // A session of its own, in which another program listens.
+    const std::string address = "unix:path=" + (Folder / "bus").string();
+    const auto run = [this](const std::string& command) {
+        ASSERT_EQ(std::system(("cd " + Folder.Path.string() + " && " + command).c_str()), 0);
+    };
+    run("dbus-daemon --session --fork --nopidfile --print-pid --address=" + address + " > daemon");
+    run("{ dbus-monitor --address " + address +
+        " \"interface='com.canonical.Unity.LauncherEntry'\" > heard & echo $! > monitor; }");
+    EXPECT_TRUE(QTest::qWaitFor(
+        [this] { return ReadFile(Folder / "heard").find("NameAcquired") != std::string::npos; }));
+    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    QGuiApplication::setDesktopFileName("org.vestrel.Vestrel");
+    std::filesystem::create_directory(Folder / "night");
+    for (const char* name : {"night/a.fit", "night/b.fit"}) Copy(name);
+    Choose("Table of Solutions");
+    auto* solutions = dynamic_cast<SolutionsWindow*>(WindowNamed("fSolutions"));
+    solutions->SolveFolder(QtText((Folder / "night").string()));
+    const auto* rows = solutions->findChild<QTableWidget*>("tblSolutions");
+    EXPECT_TRUE(QTest::qWaitFor([&] { return rows->rowCount() == 2; }, 30000));
+    EXPECT_TRUE(QTest::qWaitFor([this] {
+        const std::string heard = ReadFile(Folder / "heard");
+        return heard.find("boolean false") != std::string::npos;
+    }));
+    const std::string heard = ReadFile(Folder / "heard");
+    for (const char* told : {"application://org.vestrel.Vestrel.desktop", "boolean true",
+                             "double 0\n", "double 0.5\n", "double 1\n"}) {
+        EXPECT_NE(heard.find(told), std::string::npos) << told;
+    }
+    unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    run("kill $(cat monitor daemon)");
+}
+
 TEST_F(Evening, SettingsAreKeptAndTakeEffectAtOnce) {
     const auto script = std::make_shared<TelescopeScript>();
     std::string asked;
@@ -382,6 +485,18 @@ TEST_F(Evening, SettingsAreKeptAndTakeEffectAtOnce) {
     EXPECT_TRUE(settings->findChild<QLabel*>("lblTelescopeTest")
                     ->text()
                     .startsWith("Telescope: connected, it points to "));
+    script->Offered = {"Mount & Dome", "Focuser 100%"};
+    QTest::mouseClick(settings->findChild<QPushButton*>("cmdTelescopeDevices"), Qt::LeftButton);
+    auto* offered = settings->findChild<QMenu*>("mnuDevices");
+    ASSERT_NE(offered, nullptr);
+    ASSERT_EQ(offered->actions().size(), 2);
+    for (QAction* action : offered->actions()) action->trigger();
+    EXPECT_EQ(asked, "indi://here/Mount");  // until it is needed
+    script->Set("devices", {}, 5, 20);
+    QTest::mouseClick(settings->findChild<QPushButton*>("cmdTelescopeDevices"), Qt::LeftButton);
+    EXPECT_EQ(asked, "indi://here/Focuser 100%25");
+    EXPECT_TRUE(settings->findChild<QLabel*>("lblTelescopeTest")->text().contains("cat"));
+    set("txtTelescope", "indi://here/Mount");
     set("txtLongitude", "-90");
     UpdateClock(*State);
     const std::string west = State->Display.Clock;

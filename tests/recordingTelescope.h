@@ -15,6 +15,7 @@ namespace vestrel {
 struct TelescopeScript {
     double Hours = 1;
     double Degrees = 2;
+    std::vector<std::string> Offered;
     double SentHours = 0;
     double SentDegrees = 0;
     std::string Complaint = "the cat is on the \x1bmount";  ///< of the calls that fail
@@ -75,6 +76,10 @@ class RecordingTelescope : public TelescopeDriver {
     double Declination() override {
         s_->Enter("dec");
         return s_->Degrees;
+    }
+    std::vector<std::string> Devices() override {
+        s_->Enter("devices");
+        return s_->Offered;
     }
     void SyncToCoordinates(double hours, double degrees) override {
         s_->SentHours = hours;

@@ -124,6 +124,19 @@ class IndiTelescope : public testing::Test {
 
 }  // namespace
 
+TEST_F(IndiTelescope, TheServerTellsItsDevicesBeforeOneIsChosen) {
+    const std::string address = "indi://localhost:" + std::to_string(Number);
+    State.CreateTelescope = [address] { return CreateTelescopeDriverAt(address); };
+    EXPECT_EQ(TelescopeDevicesCommand(State, Port), Texts{});
+    EXPECT_NE(State.Display.Status.Text.find("no INDI server"), std::string::npos);
+    const Server server(Folder.Path, Number);
+    EXPECT_EQ(TelescopeDevicesCommand(State, Port), Texts{"Telescope Simulator"});
+    EXPECT_EQ(AddressOfDevice(address, "Telescope Simulator"), address + "/Telescope Simulator");
+    EXPECT_EQ(AddressOfDevice(address + "/Other", "A/B %"), address + "/A/B %25");
+    EXPECT_FALSE(Load());
+    EXPECT_NE(State.Display.Status.Text.find("names no device"), std::string::npos);
+}
+
 TEST_F(IndiTelescope, IsSyncedToTheSolvedCentreAndReadBack) {
     const Server server(Folder.Path, Number);
     double worst = 0;
