@@ -29,6 +29,7 @@
 #include "program/mTelescope.h"
 #include "program/mTrust.h"
 #include "tests/desktopSupport.h"
+#include "tests/judge.h"
 #include "tests/recordingTelescope.h"
 
 namespace vestrel {
@@ -327,10 +328,9 @@ TEST_F(Evening, APageHasThePictureAndEverythingOverItWhereAnotherReaderLooks) {
     EXPECT_LT(different, side * side / 50);
 
     // The magnitude beside a star, in letters of the same size on any paper.
-    const std::regex word(R"(<page width="([0-9.]+)" height="([0-9.]+)\"|)"
-                          R"(<word xMin="([0-9.]+)" yMin="([0-9.]+)" xMax="([0-9.]+)" )"
-                          R"(yMax="([0-9.]+)">(1[0-9]\.[0-9]{
-        2})<)");
+    const std::regex word(R"re(<page width="([0-9.]+)" height="([0-9.]+)"|)re"
+                          R"re(<word xMin="([0-9.]+)" yMin="([0-9.]+)" xMax="([0-9.]+)" )re"
+                          R"re(yMax="([0-9.]+)">(1[0-9]\.[0-9]{2})<)re");
     std::map<std::string, std::map<std::string, double>> heights;
     for (const char* name : {"page.html", "printed.html"}) {
         const std::string html = ReadFile(Folder / name);
