@@ -104,7 +104,7 @@ class ImageWindow : public QMainWindow {
     void WithWhole(const std::function<void(const WholePicture&)>& work);
     void ExportPicture();
     void Print();
-    void Write(const std::string& path, const QByteArray& bytes);
+    void TellWritten(const std::string& path, bool written);
 
     ProgramState& state_;
     Port& port_;

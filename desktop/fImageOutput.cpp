@@ -40,6 +40,12 @@ QByteArray PngOf(const QImage& picture) {
     return bytes;
 }
 
+bool WritePicture(const std::string& path, const QByteArray& bytes) {
+    return !bytes.isEmpty() &&
+           ReplaceFile(PathFromText(path),
+                       std::string_view(bytes.constData(), static_cast<std::size_t>(bytes.size())));
+}
+
 }  // namespace
 
 /// All of a picture with everything that lies over it. It needs no window, and the picture stays as
@@ -116,16 +122,12 @@ void ImageWindow::CopyView() {
     QApplication::clipboard()->setImage(area_->grab().toImage());
 }
 
-void ImageWindow::Write(const std::string& path, const QByteArray& bytes) {
-    state_.Parameters.LastSaveFolder = FolderOfPath(path);
-    const bool written =
-        !bytes.isEmpty() &&
-        ReplaceFile(PathFromText(path),
-                    std::string_view(bytes.constData(), static_cast<std::size_t>(bytes.size())));
+void ImageWindow::TellWritten(const std::string& path, bool written) {
     if (!written) {
         port_.ShowMessage("The picture cannot be written to " + path, DefaultTitle);
         return;
     }
+    state_.Parameters.LastSaveFolder = FolderOfPath(path);
     constexpr int milliseconds = 10000;
     statusBar()->showMessage("Written: " + QtText(path), milliseconds);
 }
@@ -138,7 +140,7 @@ void ImageWindow::ExportView() {
                           state_.Parameters.LastSaveFolder + "\\*.*", true, ".png",
                           SuggestedName(state_, "-view.png")});
     if (!path) return;
-    Write(*path, PngOf(picture));
+    TellWritten(*path, WritePicture(*path, PngOf(picture)));
 }
 
 void ImageWindow::WithWhole(const std::function<void(const WholePicture&)>& work) {
@@ -178,9 +180,11 @@ void ImageWindow::ExportPicture() {
     if (!path) return;
     const bool pdf = QtText(*path).endsWith(".pdf", Qt::CaseInsensitive);
     const QString title = QtText(ImageBaseName(state_));
-    QByteArray bytes;
-    WithWhole([&](const WholePicture& whole) { bytes = pdf ? whole.AsPdf(title) : whole.AsPng(); });
-    Write(*path, bytes);
+    bool written = false;
+    WithWhole([&](const WholePicture& whole) {
+        written = WritePicture(*path, pdf ? whole.AsPdf(title) : whole.AsPng());
+    });
+    TellWritten(*path, written);
 }
 
 void ImageWindow::Print() {

@@ -127,7 +127,10 @@ void SolveWindow::showEvent(QShowEvent* event) {
 void SolveWindow::changeEvent(QEvent* event) {
     QMainWindow::changeEvent(event);
     if (details_ == nullptr) return;
-    if (event->type() == QEvent::PaletteChange) ShowState();
+    if (event->type() == QEvent::PaletteChange) {
+        ShowState();
+        residualsWindow_.SolutionChanged();
+    }
     // The tables may have been made meanwhile.
     if (event->type() == QEvent::ActivationChange && isActiveWindow()) ShowQuadCommands();
 }

@@ -183,8 +183,6 @@ TEST_F(Walk, NoCommandHoldsTheWindowsUp) {
     printer.setOutputFileName(QtText((Folder / "printed.pdf").string()));
     Do("Print", [&] { dynamic_cast<ImageWindow*>(Image())->PrintOn(printer); });
     EXPECT_TRUE(ReadFile(Folder / "printed.pdf").starts_with("%PDF"));
-    Dialogs.FileToChoose = QtText((Folder / "saved.fit").string());
-    Do("Save As", [this] { Choose("Save As..."); });
     Dialogs.FileToChoose = QtText((Folder / "exported.fits").string());
     Do("Export", [this] { Choose("Export..."); });
     EXPECT_EQ(Dialogs.Messages, Texts{});
