@@ -1,4 +1,4 @@
-// The windows for everybody: by keyboard alone, and on a small screen.
+// The windows for everybody: on a small screen.
 
 #include <QCheckBox>
 #include <QDialog>
@@ -7,7 +7,6 @@
 #include <QMainWindow>
 #include <QScrollArea>
 #include <QScrollBar>
-#include <set>
 
 #include "tests/desktopSupport.h"
 
@@ -45,44 +44,6 @@ class Access : public Windows {
 };
 
 }  // namespace
-
-TEST_F(Access, TheTabKeyReachesEveryControlOfEveryWindow) {
-    std::size_t reached = 0;
-    std::vector<QWidget*> windows = All();
-    EXPECT_GE(windows.size(), 11u);
-    // Those in front keep the keyboard from the others.
-    for (const char* modal : {"fParms", "fSettings"}) {
-        std::stable_partition(windows.begin(), windows.end(),
-                              [&](const QWidget* window) { return window->objectName() == modal; });
-    }
-    for (QWidget* window : windows) {
-        window->activateWindow();
-        ASSERT_TRUE(QTest::qWaitForWindowActive(window)) << NameOf(window);
-        std::set<const QWidget*> wanted;
-        for (const QWidget* control : window->findChildren<QWidget*>()) {
-            const bool takes = (control->focusPolicy() & Qt::TabFocus) != 0;
-            const bool own = !control->objectName().startsWith("qt_");
-            if (takes && own && control->isVisible() && control->isEnabled() &&
-                control->focusProxy() == nullptr && control->window() == window) {
-                wanted.insert(control);
-            }
-        }
-        for (int presses = 0; presses < 60 && QApplication::focusWidget() != nullptr; ++presses) {
-            wanted.erase(QApplication::focusWidget());
-            QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
-            ++reached;
-        }
-        if (QApplication::focusWidget() == nullptr) {
-            QTest::keyClick(window, Qt::Key_Tab);
-        }
-        for (const QWidget* control : wanted) ADD_FAILURE() << NameOf(control);
-        if (auto* dialog = dynamic_cast<QDialog*>(window); dialog != nullptr && dialog->isModal()) {
-            dialog->reject();
-            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-        }
-    }
-    EXPECT_GT(reached, 100u);
-}
 
 TEST_F(Access, OnASmallScreenNothingIsCutOffAndTheStatusIsSeenWithoutScrolling) {
     for (QWidget* window : All()) {
