@@ -117,6 +117,10 @@ struct Outputs {
     }
 };
 
+bool LacksCatalog(SolverEnd end) {
+    return end == SolverEnd::NoCatalog || end == SolverEnd::DamagedCatalog;
+}
+
 bool Exists(const std::string& path) {
     std::error_code ignored;
     return std::filesystem::exists(PathFromText(path), ignored);
@@ -153,7 +157,7 @@ class FieldRun {
         const SipChoice choice = Coordinates();
         if (!outcome->Solved() || !choice) {
             if (outcome->End == SolverEnd::TimeLimit) Say("Total CPU time limit reached");
-            if (outcome->End == SolverEnd::NoCatalog) Complain(outcome->Reason);
+            if (LacksCatalog(outcome->End)) Complain(outcome->Reason);
             Say("Did not solve (or no WCS file was written).");
             return 0;
         }
@@ -245,7 +249,7 @@ class FieldRun {
             hints.EndAfter -= outcome.Seconds;
             hints.TimeLimit = hints.EndAfter;
             if (outcome.Solved() || outcome.End == SolverEnd::Stopped ||
-                outcome.End == SolverEnd::NoCatalog || !(hints.EndAfter > 0)) {
+                LacksCatalog(outcome.End) || !(hints.EndAfter > 0)) {
                 break;
             }
         }

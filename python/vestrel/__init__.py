@@ -39,7 +39,7 @@ class Solution:
     """What came of a solve. It is true when there is a solution, else ``reason`` says why not."""
 
     end: str
-    """How it ended: "solved", "no picture", "too few stars", "no match", "not sure", "no catalog",
+    """How it ended: "solved", "no picture", "too few stars", "no match", "not sure", "no catalog", "damaged catalog",
     "time limit", "stopped" or "out of memory"."""
     reason: str
     """Why there is no solution, in a sentence; else empty."""
