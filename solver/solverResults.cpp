@@ -22,7 +22,8 @@ constexpr InputWords libraryWords{"DetectionThreshold",
                                   "the centre",
                                   "MostRegions",
                                   "give the approximate centre",
-                                  "search the whole sky (WholeSky)"};
+                                  "search the whole sky (WholeSky)",
+                                  "none"};
 
 /// The header's text of a keyword; a reader keeps its quotes, and "0" stands for none.
 std::string PlainText(const std::string& text) {
