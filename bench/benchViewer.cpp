@@ -24,8 +24,8 @@ class Scene {
  public:
     Scene(int width, int height) : Window(State, Quiet) {
         PlateImage& image = State.Image;
-        image.Header.NAxis1 = width;
-        image.Header.NAxis2 = height;
+        image.Header.NAxis1 = static_cast<std::int16_t>(width);
+        image.Header.NAxis2 = static_cast<std::int16_t>(height);
         StartPixels(image, 32768);
         image.ImageType = ImageType::Fits;
         image.Header.BitPix = 16;
