@@ -232,6 +232,9 @@ class Server(unittest.TestCase):
         self.assertEqual({status for status, _ in replies} - {200, 503}, set())
         for number in taken:
             self.assertEqual(self.result(number), "failure")
+        for _ in range(4):  # the jobs that have ended leave their places
+            status, reply = self.upload(b"no picture")
+            self.assertEqual((status, self.result(reply.get("subid"))), (200, "failure"))
 
     def test_a_disk_that_fills_up_loses_no_job(self):
         # A disk of the server's own, with room for two pictures and a bit, and one of them with its copy.
