@@ -28,7 +28,7 @@ class GuideBrowser : public QTextBrowser {
  protected:
     QVariant loadResource(int type, const QUrl& name) override {
         if (type != QTextDocument::ImageResource) return QTextBrowser::loadResource(type, name);
-        QImage picture(":" + name.path());
+        QImage picture = QImage(":" + name.path()).convertToFormat(QImage::Format_RGB32);
         if (IsRedOnly(palette())) {
             QPainter painter(&picture);
             Redden(painter, picture.rect());

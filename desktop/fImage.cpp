@@ -125,7 +125,7 @@ void ImageWindow::BuildPicture() {
     if (!state_.ImageLoaded) return;
     const PlateImage& image = state_.Image;
     // One that is small is there sooner than a thread.
-    constexpr std::int64_t small = 1000000;
+    constexpr std::int64_t small = 3000000;
     if (std::int64_t{image.Width} * image.Height < small) {
         return Recipe().Make(area_->Picture, image, {});
     }
