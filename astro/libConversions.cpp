@@ -91,7 +91,7 @@ bool ParseSignedPart(std::string_view part, double& value, double& sign) {
     return number.has_value();
 }
 
-/// One side of a field size in radians; `unit` is set when the text carries one.
+/// The number of one side of a field size. `radiansPerUnit` is set when the text carries a unit.
 std::optional<double> ParseSide(std::string_view text, double& radiansPerUnit) {
     constexpr double radiansPerArcminute = Pi / 180 / 60;
     text = Trim(text);

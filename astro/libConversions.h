@@ -31,13 +31,14 @@ std::string FormatDec(double dec, bool symbols, int decimals);
 /// @return radians in 0..2π (both ends included), or `InvalidAngle`
 double ParseRA(std::string_view text);
 
-/// Reads a declination: `-0°30'10"`, "-0:30:10", "-0 30 10", "45d30m", or plain degrees.
-/// A sign on any part counts and two cancel: "-10 -30 00" is +10.5 degrees.
+/// Reads a declination: `-0°30'10"`, "-0:30:10", "-0 30 10", "45d30m", or plain degrees. A minus
+/// sign on any part counts, and two cancel: "-10 -30 00" is +10.5 degrees.
 /// @return radians in −π/2..π/2 (both ends included), or `InvalidAngle`
 double ParseDec(std::string_view text);
 
-/// A field size such as "120x90" (arcminutes), "2x1.5d" (degrees), "2dx90m"; radians. A unit at
-/// the end counts for both sides when the first has none. Nothing when it is not one.
+/// Reads a field size such as "120x90" (arcminutes), "2x1.5d" or "2°×1.5°" (degrees), "2dx90m".
+/// When only the second side has a unit, it counts for both.
+/// @return width and height in radians, each above 0 and at most 2π; nothing for any other text
 std::optional<std::pair<double, double>> ParseFieldSize(std::string_view text);
 
 }  // namespace vestrel

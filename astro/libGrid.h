@@ -23,7 +23,7 @@ class Grid {
 
  public:
     Grid() = default;
-    /// Throws std::bad_alloc when there is no room; negative sizes count as that.
+    /// Throws std::bad_alloc when memory is short or a size is negative.
     Grid(std::int32_t width, std::int32_t height, MemoryUse use = MemoryUse::Swept) {
         if (width < 0 || height < 0) throw std::bad_alloc();
         rowLength_ = static_cast<std::size_t>(width) + 1;

@@ -15,12 +15,12 @@ namespace vestrel {
 inline constexpr double Pi = 3.141592654;
 inline constexpr double TwoPi = 6.283185308;
 inline constexpr double DegreesPerRadian = 57.2957795131;
-/// Arcseconds per radian in the projection proper.
+/// Arcseconds per radian where the projection itself is computed.
 inline constexpr double ArcsecondsPerRadian = 206264.8062;
-/// Arcseconds per radian as the solve and the catalog set the projection up.
+/// Arcseconds per radian with which the solve and the catalog set up the projection.
 inline constexpr double SolveArcsecondsPerRadian = 206264.81;
 
-// The exact ones, to 64 bits, are for everything that was never computed with those.
+// Exact to 64 bits, for everything that has never used the short values above.
 inline constexpr double RadiansPerDegree = std::numbers::pi / 180;
 inline constexpr double ExactDegreesPerRadian = 180 / std::numbers::pi;
 inline constexpr double ExactArcsecondsPerRadian = 3600 * 180 / std::numbers::pi;
@@ -36,13 +36,14 @@ inline double RoundHalfEven(double value) {
 bool RoundToInt16(double value, std::int16_t& result);
 bool RoundToInt32(double value, std::int32_t& result);
 
-/// As above for a value known to fit: the nearest 32-bit integer, held at the type's bounds (a
-/// value that is not a number gives 0).
+/// The nearest 32-bit integer, halves to even, clamped to the range of the type; 0 for NaN.
 std::int32_t RoundToNearestInt32(double value);
 
-/// Rounds to `decimals` (0..15) decimal places: times 10^decimals, half to even, divided again.
+/// Rounds to `decimals` (0..15) decimal places: multiplies by 10^decimals, rounds halves to even
+/// and divides. A value that overflows on the way, or is not finite, stays as it is.
 double RoundToDecimals(double value, int decimals);
 
+/// The gap of the comb sort's next pass: `gap` / 1.3, rounded down.
 inline std::ptrdiff_t NextCombGap(std::ptrdiff_t gap) {
     return static_cast<std::ptrdiff_t>(static_cast<double>(gap) / 1.3);
 }
@@ -71,9 +72,10 @@ void CombSort(List& records, std::ptrdiff_t n, OutOfOrder outOfOrder) {
     }
 }
 
-/// A pass of the comb sort over keys and the places that go with them, for a gap of several
-/// elements: so many neighbours do not depend on each other, which lets the compiler compare them
-/// at once, and choices without branches spare it the guesses that a sort makes half of wrongly.
+/// One pass of the comb sort over 1-based keys and the places that go with them. At a gap of
+/// several elements, as many neighbours do not depend on each other, so the compiler can compare
+/// them at once. Choices without branches avoid the mispredictions that a sort makes half of the
+/// time.
 template <typename Key>
 void CombPass(Key* __restrict keys, std::int64_t* __restrict places, std::ptrdiff_t n,
               std::ptrdiff_t gap) {
@@ -136,7 +138,7 @@ std::vector<std::int32_t> CombSortedOrder(std::int32_t n, KeyOf keyOf) {
     return {places.begin(), places.end()};
 }
 
-/// Turns elements 1..n of a 1-based list around.
+/// Reverses elements 1..n of a 1-based list.
 template <typename List>
 void ReverseList(List& records, std::ptrdiff_t n) {
     using std::swap;

@@ -1,4 +1,4 @@
-// The list that star lists are: its elements are numbered from 1.
+// A list whose elements are numbered from 1, as all star lists are.
 #pragma once
 
 #include <concepts>
@@ -26,7 +26,7 @@ class NumberedList {
         return number >= 1 && std::cmp_less_equal(number, elements_.size());
     }
 
-    /// The element of a number, which the list must have.
+    /// The element with this number, 1..Count(); not checked.
     template <std::integral Number>
     Element& operator[](Number number) {
         return elements_[static_cast<std::size_t>(number) - 1];
@@ -39,7 +39,7 @@ class NumberedList {
     void Add(const Element& element) { elements_.push_back(element); }
     void Clear() { elements_.clear(); }
     void Reserve(std::int32_t count) { elements_.reserve(static_cast<std::size_t>(count)); }
-    /// Makes room for, or keeps, the elements 1..count.
+    /// Sets the number of elements: those beyond `count` go, new ones are value-initialised.
     void Resize(std::int32_t count) { elements_.resize(static_cast<std::size_t>(count)); }
     template <typename Condition>
     void RemoveIf(Condition condition) {

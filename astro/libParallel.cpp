@@ -66,7 +66,7 @@ void ParallelFor(int count, const std::function<void(int)>& work, const Progress
                 helpers.emplace_back([&takePieces] { takePieces({}); });
             }
         } catch (const std::system_error&) {
-            // A system without room for another thread: the ones there are do all of it.
+            // The system cannot start another thread; those that run do all the work.
         }
         takePieces(progress);
     }

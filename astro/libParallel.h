@@ -5,23 +5,25 @@
 
 namespace vestrel {
 
-/// Told how much of a long piece of work is done. Always called on the thread that started it, so
-/// it may touch windows. An empty one is allowed everywhere.
+/// Learns that `done` of `total` pieces of a long operation are finished. It is always called on
+/// the thread that started the operation, so it may touch windows. It may be empty.
 using Progress = std::function<void(int done, int total)>;
 
 /// Calls `work(i)` once for every i in 0..count−1, in any order and on several threads, and
-/// `progress(done, count)` after each piece that the calling thread did itself. Returns when all
-/// is done. Pieces must not share what they write; then the result cannot depend on the number of
-/// threads. The first exception of a piece is thrown on after the others have ended.
+/// `progress(done, count)` after each piece that the calling thread did itself. Returns when all is
+/// done. Pieces must not share what they write; then the result cannot depend on the number of
+/// threads. When a piece throws, no further pieces are begun, and the first exception is rethrown
+/// once the running ones have ended.
 void ParallelFor(int count, const std::function<void(int)>& work, const Progress& progress = {});
 
-/// How many threads `ParallelFor` uses, the calling one included: what a `ThreadLimit` says, else
-/// `$VESTREL_THREADS` when that is a whole number above 0, else the number of processors.
+/// How many threads `ParallelFor` uses, the calling one included: the `ThreadLimit` of this thread,
+/// else `$VESTREL_THREADS` when that is a whole number above 0 (at most 256 count), else the number
+/// of processors.
 int ParallelThreads();
 
-/// Sets the number of threads for all work that the calling thread starts, for as long as it lives.
-/// The one setting that belongs to a thread and is not passed on: several solvers in one process
-/// share the processors, and no kernel is to know of that.
+/// While it lives, sets the number of threads for all work that the calling thread starts. It is
+/// the only setting that belongs to a thread instead of being a parameter: several solvers in one
+/// process share the processors, and kernels need not know about that.
 class ThreadLimit {
  public:
     /// @param threads 1..256; 0 leaves the number as it is

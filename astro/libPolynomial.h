@@ -7,7 +7,7 @@
 
 namespace vestrel {
 
-/// How many terms x^p·y^q with p + q <= order there are.
+/// The number of terms x^p·y^q with p + q <= order.
 constexpr std::size_t PolynomialTerms(int order) {
     return static_cast<std::size_t>((order + 1) * (order + 2) / 2);
 }
@@ -34,9 +34,10 @@ struct Polynomial {
 class PolynomialFit {
  public:
     /// @param order 0..`Polynomial::MostOrder`
-    /// @param unit  a typical size of the variables
+    /// @param unit a typical size of the variables, above 0
     PolynomialFit(int order, double unit);
 
+    /// Adds a point (x, y) with the values of both polynomials there.
     void Add(double x, double y, double first, double second);
 
     /// Fits. False when the points do not determine the coefficients.

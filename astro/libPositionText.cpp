@@ -43,7 +43,7 @@ constexpr std::array signs{
     Replacement{"\n", " "},
 };
 
-/// Words around the two numbers. None begins another one that comes after it.
+/// Words around the two numbers. A word comes before any shorter word that it begins with.
 constexpr std::array captions{
     Replacement{"right ascension", " "},
     Replacement{"declination", " , "},
@@ -79,7 +79,7 @@ std::string Lower(std::string text) {
     return text;
 }
 
-/// One of the two, without what stands around it.
+/// One of the two coordinates, without the separators around it.
 std::string Part(std::string_view text) {
     constexpr std::string_view around = " ,;:";
     const std::size_t first = text.find_first_not_of(around);
@@ -111,7 +111,7 @@ std::optional<SkyPosition> ParsePosition(std::string_view utf8) {
     std::string text = Lower(PlainAngleText(utf8));
     for (const Replacement& caption : captions) ReplaceAll(text, caption);
     text = Part(text);
-    // What separates most surely comes first: a comma, a sign, the middle of so many parts.
+    // The surest separator is tried first: a comma, then a sign, then the middle of the parts.
     const std::size_t comma = text.find_first_of(",;");
     if (comma != std::string::npos) return SplitAt(text, comma);
     const std::size_t sign = text.find_first_of("+-", 1);
@@ -130,7 +130,7 @@ std::optional<SkyPosition> ParsePosition(std::string_view utf8) {
     const bool lettered = text.find('h') != std::string::npos;
     const bool secondsFirst = !lettered || text.find('s') != std::string::npos;
     if (readings.size() == 1 && secondsFirst) return readings.front();
-    // Numbers alone: as many for the one as for the other.
+    // Numbers without letters: both coordinates have equally many parts.
     if (lettered || blanks.size() % 2 == 0) return std::nullopt;
     return SplitAt(text, blanks[blanks.size() / 2]);
 }

@@ -18,7 +18,8 @@ std::string PlainAngleText(std::string_view utf8);
 /// `ParseDec` take, with a comma, a semicolon, a sign or blanks between, and captions such as "RA",
 /// "Dec", "J2000", "α =". "05:34:31.9 +22:00:52", "5h34m32s, −22°0′52″", "83.63 22.01", "RA 05 34
 /// 32 Dec 22 00 52".
-/// @return radians; nothing when the text is no position, or could be several
+/// @return radians; nothing when the text is no position, has several readings, or is longer than
+///   200 bytes
 std::optional<SkyPosition> ParsePosition(std::string_view utf8);
 
 }  // namespace vestrel

@@ -1,4 +1,4 @@
-// What this processor can do beyond the least that its kind can.
+// Which optional instructions this processor has.
 #pragma once
 
 namespace vestrel {
@@ -10,13 +10,13 @@ namespace vestrel {
 #define VESTREL_FOR_AVX2
 #endif
 
-/// For the bodies of kernels: they become part of their caller, and so are compiled once for each
-/// kind of processor that has a caller of its own.
+/// For the bodies of kernels. They are inlined into their callers, so that each is compiled once
+/// for every kind of processor that has a caller of its own.
 #define VESTREL_KERNEL [[gnu::always_inline]] inline
 #define VESTREL_KERNEL_LAMBDA __attribute__((always_inline))
 
-/// Whether the processor has AVX2; false when `$VESTREL_VECTORS` is "plain", so that both ways can
-/// be compared.
+/// Whether the processor has AVX2; false when `$VESTREL_VECTORS` is "plain", so that both versions
+/// can be compared.
 bool HasAvx2();
 
 }  // namespace vestrel

@@ -8,7 +8,8 @@ namespace vestrel {
 
 namespace {
 
-/// Calls `visit(u, v)` for a lattice over the image, its edges included, from the image centre.
+/// Calls `visit(u, v)` for a lattice over the image, its edges included; u and v are offsets from
+/// the image centre in pixels.
 template <typename Visit>
 void OverImage(const SkyModel& model, int steps, Visit visit) {
     for (int j = 0; j <= steps; ++j) {
@@ -19,7 +20,7 @@ void OverImage(const SkyModel& model, int steps, Visit visit) {
     }
 }
 
-/// How far the distortion moves a point: pixels, by the offset from the image centre.
+/// How far the distortion moves the point at an offset from the image centre; pixels.
 PixelPoint Shift(const SkyModel& model, double u, double v) {
     if (!model.Distorted()) return {};
     const double halfWidth = model.Width / 2.0;
@@ -34,7 +35,7 @@ double SteepestDistortion(const SkyModel& model) {
     constexpr int steps = 16;
     double steepest = 0;
     OverImage(model, steps, [&](double u, double v) {
-        // Inward, as the distortion stands still beyond the edge.
+        // The neighbours lie inward, because the distortion is constant beyond the edge.
         const PixelPoint here = Shift(model, u, v);
         const PixelPoint inX = Shift(model, u > 0 ? u - 1 : u + 1, v);
         const PixelPoint inY = Shift(model, u, v > 0 ? v - 1 : v + 1);
@@ -106,8 +107,8 @@ PixelPoint SkyModel::PixelOf(const PlanePoint& place) const {
     const double determinant = Cd[0][0] * Cd[1][1] - Cd[0][1] * Cd[1][0];
     const double u = (Cd[1][1] * place.East - Cd[0][1] * place.North) / determinant;
     const double v = (Cd[0][0] * place.North - Cd[1][0] * place.East) / determinant;
-    // The distortion changes slowly, so that each step brings at least one more binary digit, as a
-    // rule several decimal ones.
+    // The distortion changes slowly (see `CompleteSkyModel`), so each step adds at least one
+    // correct binary digit and usually several decimal ones.
     constexpr int mostSteps = 60;
     constexpr double close = 1e-10;
     PixelPoint found{u, v};
@@ -143,7 +144,7 @@ bool CompleteSkyModel(SkyModel& model) {
     }
     model.InverseDistortion[0] = model.InverseDistortion[1] = {};
     if (!model.Distorted()) return true;
-    // `PixelOf` needs less than 1.
+    // The iteration of `PixelOf` converges when this is below 1.
     constexpr double steepestUsable = 0.4;
     if (!(SteepestDistortion(model) < steepestUsable)) return false;
     constexpr double closeEnough = 0.01;

@@ -16,7 +16,7 @@ struct PixelPoint {
     double Y = 0;
 };
 
-/// Directions on the plane that touches the sky at a point: radians toward east and north.
+/// A point of a gnomonic plane: its offset from the tangent point, radians toward east and north.
 struct PlanePoint {
     double East = 0;
     double North = 0;
@@ -28,13 +28,13 @@ std::optional<PlanePoint> GnomonicOf(const SkyPosition& tangent, const SkyPositi
 /// Its inverse; `Ra` in 0..2π.
 SkyPosition SkyOfGnomonic(const SkyPosition& tangent, const PlanePoint& place);
 
-/// Which place of the sky each pixel shows.
+/// Maps the pixels of an image to the sky and back.
 ///
-/// With u and v the columns and rows from the image centre, (east, north) = Cd·(u + A(u, v),
-/// v + B(u, v)) on the gnomonic plane that touches the sky at the image centre: the SIP convention
+/// With u and v the columns and rows from the image centre, (east, north) = Cd·(u + A(u, v), v +
+/// B(u, v)) on the gnomonic plane that touches the sky at the image centre: the SIP convention
 /// (Shupe et al. 2005, ASP Conf. Ser. 347, 491) in grid pixels. Outside the image, where nothing
-/// was measured, the distortion stays what it is at the nearest point of the edge: so the map
-/// nowhere folds over.
+/// was measured, the distortion stays what it is at the nearest point of the edge: so the map folds
+/// over nowhere.
 struct SkyModel {
     std::int32_t Width = 0;   ///< pixels
     std::int32_t Height = 0;  ///< pixels
@@ -51,17 +51,19 @@ struct SkyModel {
     /// The pixel of a position, within 1e-9 pixels of the inverse of `SkyOf`; nothing 90° or more
     /// from the image centre.
     std::optional<PixelPoint> PixelOf(const SkyPosition& sky) const;
-    /// Likewise, for a place on the gnomonic plane.
+    /// The same for a point of the gnomonic plane about `Tangent`.
     PixelPoint PixelOf(const PlanePoint& place) const;
+    /// The point of the gnomonic plane about `Tangent` that a pixel shows.
     PlanePoint PlaneOf(const PixelPoint& pixel) const;
 
-    /// Radians per pixel at the image centre, the geometric mean of all directions.
+    /// Radians per pixel at the image centre: the square root of the area that a pixel covers.
     double Scale() const;
 };
 
-/// Makes the inverse polynomials of a model, of the least order (at most one more than that of the
-/// distortion and 5, or that of the distortion) that leaves no more than 0.01 pixels.
-/// @return whether the model can be used: a map that is finite, and nowhere near folding over
+/// Makes the inverse polynomials of a model. Their order rises from that of the distortion until
+/// they are wrong by less than 0.01 pixels everywhere, up to one order more (at least 5, at most
+/// 7). When none is that good, the last ones stay: `PixelOf` does not use them.
+/// @return false when the model cannot be used: the map is not finite, or is close to folding over
 bool CompleteSkyModel(SkyModel& model);
 
 }  // namespace vestrel

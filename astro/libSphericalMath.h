@@ -16,19 +16,21 @@ inline SkyPosition PositionOf(const PlateStar& star) {
     return {star.Ra, star.Dec};
 }
 
-/// A unit vector: toward right ascension 0 and 90° on the equator, and toward the north pole.
+/// A unit vector. Its axes point to right ascension 0° and 90° on the equator and to the north
+/// pole.
 using Direction = std::array<double, 3>;
 Direction DirectionOf(SkyPosition position);
 inline double Dot(const Direction& a, const Direction& b) {
     return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
 }
 
-/// The distance of two positions, radians (haversine formula: good for small ones).
+/// The angular distance of two positions, radians in 0..π, by the haversine formula, which is
+/// accurate for small distances.
 double SkyDistance(const SkyPosition& a, const SkyPosition& b);
 
-/// The projection of the sky onto a plane that touches it at a centre. It is the orthographic one
-/// (direction cosines, no division by the distance cosine): the SIN projection of Calabretta &
-/// Greisen 2002 (A&A 395, 1077), section 5.1.5, with xi turned to grow toward decreasing right
+/// The projection of the sky onto a plane that touches it at a centre. It is orthographic
+/// (direction cosines, not divided by the cosine of the distance): the SIN projection of Calabretta
+/// & Greisen 2002 (A&A 395, 1077), section 5.1.5, with xi turned to grow toward decreasing right
 /// ascension. Wide fields therefore differ from a gnomonic plate by about θ³/2.
 struct Projection {
     double CentreRa = 0;   ///< radians

@@ -23,7 +23,8 @@ std::optional<double> ParseNumber(std::string_view text);
 std::optional<double> ParseFitsNumber(std::string_view text);
 
 /// Number as text: at most 15 significant digits, no trailing zeros, a leading zero ("0.5"), the
-/// exponent form ("1E-05") below 1E-04 and from 1E+15 on. Never "-0".
+/// exponent form ("1E-05") below 1E-04 and from 1E+15 on. Never "-0"; "NaN", "INF" and "-INF" when
+/// it is not finite.
 std::string NumberText(double value);
 
 /// As `NumberText`, but never in exponent form ("0.00001").

@@ -15,17 +15,17 @@ double JulianDate(const LocalTime& time);
 /// The Julian date of the system's clock.
 double CurrentJulianDate();
 
-/// The Julian date of an epoch in years, and back.
+/// The Julian date of a Julian epoch (years), and the inverse.
 double EpochJulianDate(double year);
 double JulianEpoch(double julianDate);
 
-/// Mean sidereal time, hours in 0..24.
+/// Mean sidereal time (IAU 1982), hours in 0..24.
 /// @param longitude degrees, east positive
 double LocalSiderealTime(double julianDate, double longitude);
 
-/// Where the observer is (degrees, east positive): `$VESTREL_LONGITUDE`, −360..360; when it is
-/// unset or no such number, the middle of the time zone, 15 degrees an hour without summer time.
-/// That is good for a rough sidereal time only.
+/// The observer's longitude in degrees, east positive: `$VESTREL_LONGITUDE`, −360..360. When that
+/// is unset or no such number, it is the middle of the time zone: 15 degrees an hour, without
+/// summer time. That is good for a rough sidereal time only.
 double ObserverLongitude(const LocalTime& time);
 
 /// Precesses a position from the mean equator and equinox of one Julian date to those of another:

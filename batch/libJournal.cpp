@@ -21,7 +21,7 @@ using Json = nlohmann::ordered_json;
 constexpr const char* pictureKey = "picture";
 constexpr const char* bytesKey = "picture_hex";
 
-/// What every line begins with; a file that begins otherwise is no journal.
+/// The beginning of every line; a file that begins otherwise is no journal.
 constexpr std::string_view firstWords = "{\"picture\":";
 
 bool IsUtf8(const std::string& text) {
@@ -38,7 +38,7 @@ int DigitOf(char c) {
     return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
 }
 
-/// The object of a line; null when it is none of a picture.
+/// The object of a line; null when it is not the line of a picture.
 Json LineOf(const std::string& text) {
     Json line = Json::parse(text, nullptr, false);
     if (!line.is_object() || !line.contains(pictureKey) || !line[pictureKey].is_string()) return {};
@@ -81,7 +81,7 @@ std::size_t ReadJournal(const std::filesystem::path& file,
     std::size_t strange = 0;
     std::string text;
     while (std::getline(in, text)) {
-        if (in.eof()) break;  // without its end: it is being written, or never was
+        if (in.eof()) break;  // incomplete: still being written, or never finished
         const Json line = LineOf(text);
         if (line.is_null()) {
             ++strange;
@@ -120,7 +120,7 @@ void Journal::Heal() {
     start.resize(static_cast<std::size_t>(in.gcount()));
     if (start != firstWords.substr(0, start.size())) Fail(file_, "is a file of another kind.");
     const off_t length = lseek(handle_, 0, SEEK_END);
-    // Back from the end, piece by piece, to the end of the last whole line.
+    // Searches back from the end, piece by piece, for the end of the last complete line.
     constexpr off_t piece = 1 << 16;
     off_t keep = 0;
     for (off_t end = length; end > 0 && keep == 0; end -= piece) {

@@ -1,5 +1,5 @@
-// The journal of a night: one line of JSON for each picture, which is also the memory of what is
-// done. A process that is killed leaves at most half a last line, which the next one takes away.
+// The journal of a night: one line of JSON for each picture, which also records what is done. A
+// process that is killed leaves at most an incomplete last line, which the next process removes.
 #pragma once
 
 #include <cstddef>
@@ -12,22 +12,23 @@
 
 namespace vestrel {
 
-/// The path of a picture as a line holds it. JSON is UTF-8, file names are any bytes: those of a
-/// name that is none stand in hexadecimal beside what can be shown of it.
+/// Adds the path of a picture to a line. JSON is UTF-8, but file names may be any bytes: a name
+/// that is not UTF-8 is also written in hexadecimal, beside a readable approximation.
 void AddPicturePath(nlohmann::ordered_json& line, const std::string& path);
+/// The path of the picture in a line.
 std::string PicturePathOf(const nlohmann::ordered_json& line);
 
-/// Calls `take` with every whole line of a journal that is one.
-/// @return whole lines that are none
+/// Calls `take` with every complete and valid line of a journal.
+/// @return the number of complete lines that are not valid
 std::size_t ReadJournal(const std::filesystem::path& file,
                         const std::function<void(const nlohmann::ordered_json& line)>& take);
 
-/// A journal that is written. One process at a time has it.
+/// A journal that is being written. Only one process at a time can open it.
 class Journal {
  public:
-    /// Opens it, or makes a new one; a half last line goes.
-    /// @throws std::runtime_error when it cannot be had, or is another kind of file: that is left
-    ///         as it is
+    /// Opens it, or makes a new one; removes an incomplete last line.
+    /// @throws std::runtime_error when it cannot be opened, is in use, or is another kind of file,
+    ///         which is left as it is
     explicit Journal(const std::filesystem::path& file);
     ~Journal();
     Journal(const Journal&) = delete;
@@ -35,7 +36,7 @@ class Journal {
 
     bool Has(const std::string& picture) const { return done_.contains(picture); }
     std::size_t Count() const { return done_.size(); }
-    /// Whole lines in it that are none.
+    /// The number of complete lines in it that are not valid.
     std::size_t Strange() const { return strange_; }
 
     /// Adds the line of a picture, whole or not at all.

@@ -25,7 +25,7 @@ namespace {
 
 constexpr double notThere = std::numeric_limits<double>::quiet_NaN();
 
-/// What the page says of a picture; numbers that are not there are no numbers.
+/// What the page shows of a picture; missing numbers are NaN.
 struct Row {
     std::string Picture;
     std::string Observed;
@@ -77,7 +77,8 @@ Row RowOf(const nlohmann::ordered_json& line) {
     return row;
 }
 
-/// Pictures that point within half a field of the first one belong to one target.
+/// Groups pictures into targets, which are pictures within half a field of the first one, and finds
+/// their drift.
 void FindDrift(std::vector<Row>& rows) {
     const Row* first = nullptr;
     double lastRotation = 0;
@@ -99,7 +100,7 @@ void FindDrift(std::vector<Row>& rows) {
         const auto [east, north] = place(*first);
         row.East = east * arcseconds;
         row.North = north * arcseconds;
-        // Across 0 the curve goes on.
+        // Keeps the curve continuous across 0°.
         if (std::isfinite(row.Rotation)) {
             row.Rotation = lastRotation + std::remainder(row.Rotation - lastRotation, 360);
             lastRotation = row.Rotation;
@@ -225,7 +226,7 @@ std::string Plot(const std::vector<Row>& rows, const std::string& title, double 
     return "<h2>" + Escaped(title) + legend + "</h2>\n" + svg + "</svg>\n";
 }
 
-/// Which pictures were solved, as a strip.
+/// A strip that shows which pictures were solved.
 std::string Strip(const std::vector<Row>& rows) {
     std::string svg = "<h2>Solved and not</h2>\n<svg viewBox=\"0 0 " + Fixed(plotWidth, 0) +
                       " 40\" role=\"img\"><title>Solved and not</title>\n";

@@ -1,5 +1,5 @@
-// The journal of a night as one HTML page: what was solved, what was not and why, and how pointing,
-// scale and rotation went.
+// Makes an HTML page of the journal of a night: what was solved, what was not and why, and how
+// pointing, scale and rotation changed.
 #pragma once
 
 #include <filesystem>

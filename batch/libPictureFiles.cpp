@@ -28,7 +28,8 @@ constexpr std::chrono::milliseconds restAfterClosing{500};
 constexpr std::chrono::milliseconds restOfFound{3000};
 constexpr std::chrono::seconds betweenScans{30};
 
-/// Calls `take` for every entry of a folder and all below it; links to folders are not followed.
+/// Calls `take` for every entry of a folder and of all folders below it. Links to folders are not
+/// followed.
 template <typename Take>
 void ForAllBelow(const fs::path& folder, const Take& take) {
     std::error_code error;
@@ -119,7 +120,7 @@ FolderWatch::~FolderWatch() {
 void FolderWatch::WatchFolder(const fs::path& folder) {
     const int number = inotify_add_watch(handle_, folder.c_str(),
                                          IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_ONLYDIR);
-    // Without a watch, as when the system has none left, looking finds what comes.
+    // When the system has no watch left, scanning still finds new files.
     if (number >= 0) folders_[number] = folder;
 }
 
@@ -164,7 +165,7 @@ void FolderWatch::TakeEvents(std::chrono::milliseconds longest) {
             if (folder == folders_.end() || event.len == 0) continue;
             const fs::path path = folder->second / name;
             if ((event.mask & IN_ISDIR) != 0) {
-                // What came into it before it was watched is found by looking.
+                // Finds files that arrived before the folder was watched.
                 Rescan(restOfFound);
             } else {
                 // A link is complete when it is made; whatever else is made is written yet.
@@ -200,7 +201,7 @@ std::vector<fs::path> FolderWatch::Wait(std::chrono::milliseconds longest) {
                 ++entry;
                 continue;
             }
-            // A file without a byte is one that somebody has only made room for.
+            // An empty file has only been created so far.
             if (!error && look.Size > 0) {
                 ready.push_back(entry->first);
                 given_[entry->first] = look;

@@ -1,4 +1,4 @@
-// Which files are the pictures of a night, and when one that is being written is complete.
+// Finds the pictures of a night, and decides when one that is being written is complete.
 #pragma once
 
 #include <chrono>
@@ -10,27 +10,27 @@
 
 namespace vestrel {
 
-/// What exported copies end with; they are no pictures of a night.
+/// The ending of exported copies, which are not pictures of a night.
 inline constexpr const char* SolvedSuffix = ".solved.fits";
 
-/// Whether a file of this name is taken for a picture where nobody named it: by the extensions of
-/// the formats that can be read. Hidden files and exported copies are none.
+/// Whether a file that nobody named counts as a picture: by the extensions of the readable formats.
+/// Hidden files and exported copies do not.
 bool LooksLikePicture(const std::filesystem::path& file);
 
-/// The pictures in a folder and all below it, in the order of their names. What cannot be read is
-/// passed over.
+/// The pictures in a folder and all folders below it, by name. Folders that cannot be read are
+/// skipped.
 std::vector<std::filesystem::path> PicturesIn(const std::filesystem::path& folder);
 
-/// The pictures that a word of the command line stands for: a file, whatever its name; a folder; or
-/// a pattern with * ? [ ]. Absolute paths; none when there is nothing of the kind.
+/// The pictures that a command-line argument means: a file with any name, a folder, or a pattern
+/// with * ? [ ]. The paths are absolute; empty when nothing matches.
 std::vector<std::filesystem::path> PicturesOf(const std::string& word);
 
-/// A folder, and all below it, that pictures arrive in.
+/// Watches a folder, and all folders below it, for pictures that arrive.
 ///
-/// A picture is complete when whoever wrote it has closed it or moved it here, and its size has
-/// then been the same for half a second. Files that no such event was seen of, as on a file server,
-/// are found by looking, and have to rest for three seconds. One that somebody of this machine has
-/// open for writing waits, whatever it looks like. When the folder goes away it is waited for.
+/// A picture is complete when its writer has closed it or moved it here and it has then not changed
+/// for half a second. Files without such an event, as on a file server, are found by scanning, and
+/// must not change for three seconds. One that somebody of this machine has open for writing waits,
+/// whatever it looks like. When the folder goes away it is waited for.
 class FolderWatch {
  public:
     /// @throws std::runtime_error when the folder cannot be watched
@@ -39,8 +39,8 @@ class FolderWatch {
     FolderWatch(const FolderWatch&) = delete;
     FolderWatch& operator=(const FolderWatch&) = delete;
 
-    /// The pictures that have become complete, each one once for as long as its time of change
-    /// stays; waits at most so long for the first one.
+    /// Waits at most `longest` for pictures to become complete and returns them. Each is returned
+    /// once, and again only after its file has changed.
     std::vector<std::filesystem::path> Wait(std::chrono::milliseconds longest);
     /// Whether the folder was not there when it was last looked for.
     bool Gone() const { return gone_; }
@@ -54,7 +54,7 @@ class FolderWatch {
     };
     struct Pending {
         Look Last;
-        Clock::time_point Since;  ///< it has looked like that
+        Clock::time_point Since;  ///< when it began to look like `Last`
         std::chrono::milliseconds Rest{};
     };
 
@@ -65,7 +65,7 @@ class FolderWatch {
 
     std::filesystem::path root_;
     int handle_ = -1;
-    std::map<int, std::filesystem::path> folders_;  ///< by number of their watch
+    std::map<int, std::filesystem::path> folders_;  ///< by watch descriptor
     std::map<std::filesystem::path, Pending> pending_;
     std::map<std::filesystem::path, Look> given_;
     Clock::time_point scanned_;

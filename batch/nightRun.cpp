@@ -30,7 +30,7 @@ std::string UniversalTime() {
     return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 
-/// What tells one camera from another: its pixels and what it calls itself.
+/// Identifies a camera: by its number of pixels and its name.
 std::string CameraOf(const PictureFacts& facts) {
     return std::to_string(facts.Width) + "x" + std::to_string(facts.Height) + " " +
            facts.Instrument;
@@ -170,8 +170,8 @@ SolverOutcome NightRun::SolveOpened(Solver& solver, const PictureFacts& facts,
     }
     double before = 0;
     if (last) {
-        // Where the same camera looked last, and a step around it: next to nothing when it is
-        // wrong.
+        // Tries the last field of the same camera and one step around it, which costs next to
+        // nothing when it is wrong.
         SolverHints near = hints;
         near.Centres = {{last->Centre.Ra, last->Centre.Dec, last->Side / 2.5, true}};
         near.Scale = SolverRange{last->Scale, last->Scale};
@@ -221,7 +221,7 @@ void NightRun::WriteFiles(const Solver& solver, const std::string& picture, bool
     if (options_.Result) write("kel", ".kel", result);
 }
 
-/// Nothing when it was stopped: then the picture is not done.
+/// Solves a picture and makes its line. Nothing when it was stopped: the picture is then not done.
 std::optional<Json> NightRun::LineOf(Solver& solver, const std::string& picture,
                                      const std::stop_token& stop) {
     const Clock::time_point start = Clock::now();

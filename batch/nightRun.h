@@ -1,4 +1,4 @@
-// The pictures of a night solved one after the other, several at once.
+// Solves the pictures of a night, several at the same time.
 #pragma once
 
 #include <condition_variable>
@@ -24,22 +24,22 @@ namespace vestrel {
 
 struct NightOptions {
     SolverSettings Settings;
-    int Workers = 1;                   ///< pictures that are solved at once
+    int Workers = 1;                   ///< pictures solved at the same time
     double TimeLimit = 20;             ///< seconds for one picture
     std::optional<SolverRange> Scale;  ///< arcseconds per pixel
-    bool Coordinates = false;          ///< a .wcs file for each solved picture
-    bool Copy = false;                 ///< a copy as standard FITS
-    bool Result = false;               ///< a .kel file for each picture
+    bool Coordinates = false;          ///< whether to write a .wcs file for each solved picture
+    bool Copy = false;                 ///< whether to write a copy as standard FITS
+    bool Result = false;               ///< whether to write a .kel file for each picture
     std::filesystem::path To;          ///< folder of these files; empty: beside the pictures
 };
 
-/// Which picture each written file belongs to, so that none writes over another's.
+/// Remembers which picture each written file belongs to, so that none overwrites another's.
 class OutputNames {
  public:
-    /// A file that belongs to a picture already.
+    /// Registers a file that already belongs to a picture.
     void Take(const std::filesystem::path& file, const std::string& picture);
-    /// The file of a picture: its name with another ending; with the picture's own ending kept
-    /// before it when that is another picture's already, and then with a number.
+    /// The output file of a picture: its name with another ending. When that belongs to another
+    /// picture already, the picture's own ending is kept before it, and then a number is added.
     std::filesystem::path For(const std::filesystem::path& picture,
                               const std::filesystem::path& folder, const std::string& ending);
 
@@ -48,35 +48,36 @@ class OutputNames {
     std::unordered_map<std::string, std::string> owners_;
 };
 
-/// Workers with a Solver each, whose catalogs stay in memory from picture to picture.
+/// Workers with one Solver each, which keeps its catalog in memory from picture to picture.
 class NightRun {
  public:
-    /// Takes the line of a picture that is done. Called by one worker at a time; what it throws
-    /// ends the run.
+    /// Receives the line of a finished picture. Called by one worker at a time; an exception ends
+    /// the run.
     using TakeLine =
         std::function<void(const std::string& picture, const nlohmann::ordered_json& line)>;
 
     NightRun(const NightOptions& options, OutputNames& names, TakeLine take);
-    /// Stops what is underway.
+    /// Stops the running solves.
     ~NightRun();
     NightRun(const NightRun&) = delete;
     NightRun& operator=(const NightRun&) = delete;
 
     void Add(const std::filesystem::path& picture);
-    /// Pictures that wait or are being solved.
+    /// The number of pictures that are waiting or being solved.
     std::size_t Left();
-    /// Waits until none is left, the run has failed, or so long. @return whether none is left
+    /// Waits until none is left or the run has failed, at most `longest`. @return whether none is
+    /// left
     /// @throws what `TakeLine` threw
     bool Wait(std::chrono::milliseconds longest);
-    /// Leaves what waits, and ends what is underway without a line.
+    /// Drops the waiting pictures, and ends the running solves without a line.
     void Stop();
 
  private:
-    /// Where a camera looked when it was solved last.
+    /// Where a camera pointed in its last solved picture.
     struct LastLook {
         SolverPosition Centre;
         double Scale = 0;  ///< arcseconds per pixel
-        double Side = 0;   ///< the shorter one of the field, degrees
+        double Side = 0;   ///< the shorter side of the field, degrees
     };
 
     void Work(const std::stop_token& stop);

@@ -1,4 +1,4 @@
-// vestrel-batch: solves the pictures of a night, those that are there or as they arrive.
+// vestrel-batch: solves the pictures of a night, existing ones or as they arrive.
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

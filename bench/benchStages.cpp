@@ -1,5 +1,5 @@
-// Times every stage of a solve, and the whole of it from file to result, on rendered frames of 2,
-// 8, 16 and 32 megapixels. The sky is made up: no catalog is needed.
+// Times every stage of a solve, and the whole solve from file to result, on rendered frames of 2,
+// 8, 16 and 32 megapixels. The sky is synthetic: no catalog is needed.
 
 #include <benchmark/benchmark.h>
 
@@ -29,7 +29,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// A made-up sky of 12° by 12° as a catalog, and frames of its middle, in a folder of their own.
+/// A synthetic sky of 12° by 12° as a catalog, and frames of its middle, in a new folder.
 class Sky {
  public:
     Sky() : folder_(fs::temp_directory_path() / "vestrel-bench") {
@@ -68,7 +68,7 @@ class Sky {
     }
     fs::path CatalogFolder() const { return folder_ / "KEL"; }
 
-    /// The file of a 16-bit or other frame, drawn when it is first wanted.
+    /// The path of a frame, which is rendered when it is first requested.
     fs::path FramePath(int megapixels, int bitPix) const {
         fs::path path =
             folder_ / (std::to_string(megapixels) + "mp" + std::to_string(bitPix) + ".fit");
@@ -161,7 +161,8 @@ void WholeSolve(benchmark::State& state) {
     SilentPort port;
     SolveCode code = SolveCode::NoImage;
     while (state.KeepRunning()) {
-        // A program started for one image: nothing is cached but the operating system's files.
+        // Like a program that is started for one image: only the operating system's file cache is
+        // warm.
         const auto program = std::make_unique<ProgramState>();
         program->Catalog.Folder = TheSky().CatalogFolder();
         code = RunUnattended(*program, port, parameters).Result.Code;
@@ -231,7 +232,7 @@ void Triangles(benchmark::State& state) {
 }
 BENCHMARK(Triangles)->Unit(benchmark::kMicrosecond);
 
-/// One region of a spiral: 0 on the frame's own place, 1 where nothing matches.
+/// One region of a spiral. Argument 0: at the frame's place; 1: where nothing matches.
 void Alignment(benchmark::State& state) {
     const Lists lists(state.range(0) == 0 ? 0 : 0.07);
     KeptTriangles kept;

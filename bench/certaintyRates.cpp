@@ -1,12 +1,12 @@
-// How sure wrong and right matches are: the calibration of the certainty.
+// How sure wrong and right matches are: calibrates the certainty.
 //
 //   vestrel-certainty-rates CATALOG-FOLDER [--share S] [--pictures TABLE.tsv]... [--others
 //   TABLE.tsv]
 //
 // Star lists of many kinds are matched, region by region, with the solver's matcher and with an
 // eager one that lets far more wrong matches through, and each match is judged. For each kind: the
-// regions tried, the wrong matches among them, how far the most certain one was from being none by
-// chance, and how many were sure; the right matches, and how many were sure. Last, every plate
+// regions tried, the wrong matches among them, how near the most certain one came to being sure,
+// and how many were sure; the right matches, and how many of these were sure. Last, every plate
 // through two pairs of short lists is judged, as a search without bounds would.
 //
 // A table of pictures has a line of names first, with tabs between: file (beside the table),
@@ -42,7 +42,7 @@ struct Tally {
     int Regions = 0;
     int Wrong = 0;  ///< matches
     int WrongSure = 0;
-    double SurestWrong = INFINITY;  ///< log10 of the trials over its likelihood ratio
+    double SurestWrong = INFINITY;  ///< log10 of the number of trials over its likelihood ratio
     int Right = 0;
     int RightSure = 0;
     std::vector<double> RightLogs;
@@ -102,7 +102,7 @@ class Bench {
         }
     }
 
-    std::string Name;  ///< of the kind that is measured
+    std::string Name;  ///< of the measured kind
 
  private:
     MatchConfidence Judge(const Case& list, const PlateStarList& catalog,
@@ -138,7 +138,7 @@ class Bench {
 
 constexpr AlignSettings usual;
 constexpr double usualError = 2;  // pixels
-/// Lets hundreds of times as many wrong matches through.
+/// Accepts hundreds of times as many wrong matches.
 constexpr AlignSettings eager{0.02, 400, 0.1, 45};
 constexpr double eagerError = 8;
 
@@ -153,7 +153,7 @@ void Print(const std::string& name, const Tally& tally) {
 
 using Points = std::vector<std::complex<double>>;
 
-/// A plate through two pairs, with these as its seed; nothing when it is no plate.
+/// The log10 likelihood ratio of the plate through two pairs, which are its seed.
 double Log10RatioOf(const Points& catalog, const Points& image, int width, int height,
                     const std::array<std::size_t, 4>& stars, bool mirrored) {
     const auto [c1, c2, i1, i2] = stars;
@@ -185,8 +185,8 @@ double Log10RatioOf(const Points& catalog, const Points& image, int width, int h
     return ConfidenceOf(evidence).Log10LikelihoodRatio;
 }
 
-/// The best of all plates through two pairs of two short lists: its likelihood ratio over their
-/// number, log10.
+/// Judges all plates through two pairs of two short lists. @return log10 of the best likelihood
+/// ratio divided by the number of plates
 double BestOfAllPlates(const Points& catalog, const Points& image, int width, int height) {
     double best = 0;
     double plates = 0;
@@ -209,8 +209,8 @@ double BestOfAllPlates(const Points& catalog, const Points& image, int width, in
 
 using Maker = Case (*)(Generator&);
 
-/// What a search finds that tries everything, on lists where nothing is right. The catalog's are
-/// even.
+/// Measures what an exhaustive search finds on lists where nothing is right. The catalog's stars
+/// are evenly spread.
 void MeasureExhaustive(const std::string& name, Maker make, int lists) {
     constexpr std::array<double, 3> levels = {0, 0.5, 1};
     Generator random(99);

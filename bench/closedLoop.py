@@ -32,7 +32,7 @@ CATALOG_END = 11.5
 STARS_TO_END = 30
 COUNT_SLOPE = 0.42
 REGIONS = 25
-# Beyond any error of measurement: such a solution shows another place.
+# Larger than any error of measurement: such a solution shows another place.
 WRONG_CENTRE = 0.005  # of the half-diagonal
 WRONG_ANGLE = 0.2  # degrees
 WRONG_SCALE = 0.005
@@ -65,7 +65,7 @@ def frame_list(count, seed, widths=None):
             "number": i, "place": place, "ra": ra, "dec": dec, "half": half,
             "width": width, "height": width / aspect,
             "format": FORMATS[i % 3], "mirrored": rng.random() < 0.5,
-            # The golden ratio spreads the rotations evenly; some stand on the axes.
+            # The golden ratio spreads the rotations evenly; some are multiples of 90°.
             "rotation": 90.0 * (i % 4) if i % 16 == 5 else 360 * (i * 0.6180339887 % 1),
             "width_px": rng.choice((1200, 1600, 2000, 2400)),
             "seeing": rng.uniform(2, 5), "seed": seed * 1000 + i,

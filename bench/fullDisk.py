@@ -54,7 +54,7 @@ def attempt(sky, target, program, arguments, refused, whole, **more):
     there = target.read_bytes()
     written = there == whole
     wrong = not written and there != OLD
-    # A drawn picture has its truth beside it, which may be what found no room.
+    # A rendered picture has its truth file beside it, which may be the one without room.
     truth = target.with_suffix(".truth.json")
     complete = written and (arguments[0] != "render" or truth.exists())
     wrong |= end.returncode != (0 if complete else refused)
@@ -97,7 +97,7 @@ def main():
                          sum(written for _, written in outcomes), sum(w for w, _ in outcomes)])
             outcomes = []
             for size in sizes if mounts else []:
-                # The old file takes a page of it.
+                # The old file occupies one page.
                 with small_disk(folder / "small", f"size={(size // 4096 + 1) * 4096}") as disk:
                     outcomes.append(attempt(sky, disk / "t.fit", program, arguments(disk / "t.fit"),
                                             refused, whole))

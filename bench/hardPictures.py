@@ -72,7 +72,7 @@ def rendered(tool, rng, width_deg, aspect=1.5, width_px=None, faint=0.6, **optio
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
         truth = json.loads(path.with_suffix(".truth.json").read_text())
         counts = np.array(fits.getdata(path), dtype=float)
-    # Floating-point frames have their top row first in the file's opposite order.
+    # Floating-point frames have the opposite order of rows.
     return Sky(np.flipud(counts), truth["ra_deg"], truth["dec_deg"], truth["scale_arcsec_px"],
                truth["up_position_angle_deg"], truth["mirrored"])
 

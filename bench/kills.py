@@ -66,7 +66,7 @@ def bench(name, command, files, sky, out, kills, numbers):
         left += len(leftovers(out))
         for path, bytes_ in new.items():
             there = path.read_bytes() if path.exists() else None
-            # An old result goes first: it must not be taken for that of the run.
+            # An old result file is removed first, so that it is not taken for that of the run.
             lost += there not in (OLD, bytes_, *([None] if path.suffix == ".kel" else []))
         if catalog:
             lost += sky.run("vestrel-catalog", "verify", "--catalog", files).returncode != 0

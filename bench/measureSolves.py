@@ -237,7 +237,7 @@ class Bench:
                  "time as a multiple of the normal frame's.\n")
         self.say(self.HEAD)
         pixels = normal.size
-        # Only the exit codes differ: nothing is there to be matched.
+        # Only the exit codes differ, as these frames have nothing to match.
         usual = self.row("normal", frame, self.search(frame), 2, pixels)
         crowded = self.folder / "crowded.fit"
         render(self.programs, self.catalog, crowded, normal.shape[1], "--random-stars", "50000")

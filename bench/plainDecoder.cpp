@@ -1,8 +1,9 @@
-// The floor under the reading of a format: the library's bare decoding into memory, nothing else.
+// The lower bound for reading a format: only the library's decoding into memory.
 //
 //     vestrel-plain-decoder FILE
 //
-// Prints a sum of the samples, so that nothing can be left out. For bench/readFormats.py.
+// Prints a sum of the samples, so that the compiler cannot leave anything out. For
+// bench/readFormats.py.
 #include <fitsio.h>
 #include <libraw/libraw.h>
 #include <png.h>
@@ -36,7 +37,7 @@ Bytes WholeFile(const char* path) {
     return bytes;
 }
 
-/// As 16-bit counts where the file has such, as floats where it has those.
+/// Decodes to 16-bit counts or floats, whichever the file has.
 Bytes DecodeFits(const char* path) {
     fitsfile* file = nullptr;
     int status = 0;
@@ -122,13 +123,13 @@ Bytes DecodeRaw(const char* path) {
             samples + std::size_t{raw.imgdata.sizes.raw_pitch} * raw.imgdata.sizes.raw_height};
 }
 
-/// A number of the header, which our own script wrote.
+/// A number of the header, which bench/readFormats.py wrote.
 std::size_t NumberAfter(const std::string& text, const char* words) {
     const std::size_t at = text.find(words);
     return at == std::string::npos ? 0 : std::stoull(text.substr(at + std::strlen(words)));
 }
 
-/// The plain samples, or those that zlib unpacks, still shuffled.
+/// The samples as stored or as zlib unpacks them, still shuffled.
 Bytes DecodeXisf(const char* path) {
     const Bytes file = WholeFile(path);
     const std::string head(file.begin(), file.begin() + 4096);

@@ -1,10 +1,10 @@
-// The floor under a solve: reads the pixels of a file and converts them to 32 bits, nothing else.
+// The lower bound of a solve's time: only reads the pixels of a file and converts them to 32 bits.
 //
 //     vestrel-plain-reader FILE THREADS
 //
-// The fastest way that a plain program has: pieces that stay in the cache, shared out to the
-// threads, large pages, vectors by the compiler. Prints a sum of the pixels, so that nothing can be
-// left out.
+// Uses the fastest means of a plain program: pieces that stay in the cache, shared by the threads;
+// large pages; vectorization by the compiler. Prints a sum of the pixels, so that the compiler
+// cannot leave anything out.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -34,7 +34,7 @@ int NumberOf(const std::string& header, const std::string& keyword) {
     return at == std::string::npos ? 0 : std::atoi(header.c_str() + at + 10);
 }
 
-/// A FITS file's pixels, found with no more than is needed for files of our own.
+/// Finds the pixels of a FITS file; parses only what Vestrel's own files need.
 PixelFile OpenFits(const char* path) {
     PixelFile pixels;
     pixels.File = OpenFile(path, "rb");

@@ -1,13 +1,13 @@
-// What the whole search plan makes of star lists: how often it is sure and wrong, and how often it
-// solves what can be solved.
+// Measures the whole search plan with star lists: how often it is sure and wrong, and how often it
+// solves lists that can be solved.
 //
 //   vestrel-plan-rates CATALOG-FOLDER [--share S] [--only KIND] [--others TABLE.tsv]
 //
-// Lists that are of no sky, of another place, or of a sky that is stretched out of shape are
-// searched around a wrong place, over the whole sky, or both: nothing may be solved. Lists of the
-// sky are searched around a place nearby and over the whole sky. The pictures of --others show no
-// sky. For each kind: lists, those solved rightly and wrongly, the likeliest match that was not
-// sure, and the time that a list takes.
+// Lists without sky, of another place, or of a stretched sky are searched for around a wrong place,
+// over the whole sky, or both: none of them may be solved. Lists of the sky are searched around a
+// place nearby and over the whole sky. The pictures of --others show no sky. For each kind: lists,
+// those solved rightly and wrongly, the likeliest match that was not sure, and the time that a list
+// takes.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -30,14 +30,15 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Where the plan may look.
+/// Where the plan may search.
 enum class Scope { Around, WholeSky, Both };
 
 struct Tally {
     int Lists = 0;
     int Right = 0;
     int Wrong = 0;
-    double Surest = 0;  ///< log10 of the false alarm of the likeliest match that was not taken
+    double Surest = 0;  ///< log10 of the false-alarm probability of the likeliest match that was
+                        ///< not accepted
     double Seconds = 0;
     std::map<std::string, int> By;  ///< right solutions by attempt
 
@@ -93,13 +94,13 @@ class Bench {
                      found.Confidence.Log10LikelihoodRatio, list.Stars.Count());
     }
 
-    std::string Name;  ///< of the kind that is measured
+    std::string Name;  ///< of the measured kind
 
  private:
     std::unique_ptr<ProgramState> state_ = std::make_unique<ProgramState>();
 };
 
-/// A list of the sky that no camera can have seen: stretched along one axis, clumps and all.
+/// A list of the sky that no camera can record: stretched along one axis, including its clumps.
 Case OutOfShape(Case list, Generator& random) {
     const double angle = Uniform(random, 0, Pi);
     const double stretch = Uniform(random, 1.15, 1.4);

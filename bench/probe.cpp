@@ -1,4 +1,5 @@
-// What the reliability benches ask of one process: many solves, or one look at a telescope.
+// Runs in one process what the reliability benches measure: many solves, or one reading of a
+// telescope.
 //
 //   vestrel-probe soak COUNT PARAMETERS   solves; a line of resident bytes and open descriptors
 //   each
@@ -29,7 +30,7 @@
 namespace vestrel {
 namespace {
 
-/// A port that tells messages.
+/// A port that prints messages.
 class TellingPort : public SilentPort {
  public:
     void ShowMessage(const std::string& text, const std::string& /*title*/) override {
@@ -46,7 +47,7 @@ std::size_t ResidentBytes() {
 }
 
 std::ptrdiff_t OpenDescriptors() {
-    // One of them is the folder that is being listed.
+    // One of them belongs to the listing itself.
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}) - 1;
 }
 

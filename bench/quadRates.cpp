@@ -1,10 +1,10 @@
-// How often the quad search is right and wrong: on star lists of places in the tables, of places
-// that are in no table (real ones, stretched), and of random stars, spread evenly or crowded.
+// Measures how often the quad search is right and wrong: on star lists of places in the tables, of
+// places in no table (real ones, stretched), and of random stars, spread evenly or crowded.
 //
 //   vestrel-quad-rates CATALOG-FOLDER [LISTS]
 //
-// For each range of field sizes and kind of list: how the search ends that takes the first five
-// pairs, and how the one ends that asks for a sure match and may thin the list.
+// For each range of field sizes and kind of list: the outcome of the search that accepts the first
+// five pairs, and of the search that requires a sure match and may thin the list.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -25,7 +25,7 @@ namespace {
 enum class Kind { Known, Stretched, Random, Crowded };
 constexpr const char* kindNames[] = {"known", "stretched", "random", "crowded"};
 
-/// A list of image stars, and what belongs to it.
+/// A frame whose star list is searched for.
 struct Trial {
     FrameGeometry Geometry;
     double Width = 0;  ///< radians
@@ -63,11 +63,11 @@ Trial DrawTrial(const QuadBand& band, std::mt19937_64& random) {
     return trial;
 }
 
-/// What an extraction would give: places to a fifth of a pixel, magnitudes to a sixth; of every
-/// second frame up to four of the brightest stars are lost; the faintest are in no catalog.
+/// The list that an extraction would give: places off by 0.2 pixels, magnitudes by 1/6. Every
+/// second frame lacks up to four of the brightest stars; the faintest are in no catalog.
 PlateStarList ImageStars(const Trial& trial, Kind kind, const std::filesystem::path& catalog,
                          std::mt19937_64& generator) {
-    constexpr std::size_t most = 100;  // as an extraction keeps
+    constexpr std::size_t most = 100;  // as many as an extraction keeps
     std::normal_distribution<double> normal(0, 1);
     std::uniform_real_distribution<double> uniform(0, 1);
     const double limit = MagnitudeLimitFor(trial.HalfDiagonal);
@@ -92,7 +92,7 @@ PlateStarList ImageStars(const Trial& trial, Kind kind, const std::filesystem::p
         if (kind == Kind::Crowded) {
             star.Place = {800 + 70 * normal(generator), 600 + 70 * normal(generator)};
         }
-        // More than any plate may be.
+        // More than the limit for any plate.
         if (kind == Kind::Stretched) star.Place.X *= 1.1;
         const double magnitude = star.Sky.Mag + normal(generator) / 6;
         list.Add({static_cast<float>(star.Place.X + normal(generator) / 5),

@@ -1,4 +1,4 @@
-// A port for benchmarks, which have nobody to show anything to.
+// A port for benchmarks, which show nothing.
 #pragma once
 
 #include <optional>

@@ -52,7 +52,7 @@ def main():
         write_table("soak", ["how", "solves", "time", "memory", "descriptors open"], rows,
                     f"resident memory of the one process changed by {growth:.0f} KB over the last "
                     "four fifths.")
-    # What the allocator keeps may differ by some pages from one solve to the next.
+    # The memory that the allocator keeps may differ by some pages between solves.
     return growth > 2048 or len(descriptors) != 1
 
 

@@ -42,7 +42,7 @@ Case EmptyCase(Generator& random, double from, double to) {
 
 void AddStar(Case& list, double x, double y) {
     if (x < 0 || y < 0 || x > list.Width - 1 || y > list.Height - 1) return;
-    // The stars come brightest first.
+    // Stars are added brightest first.
     const double flux = 1e6 / (list.Stars.Count() + 1);
     list.Stars.Add({static_cast<float>(x), static_cast<float>(y), static_cast<float>(flux)});
 }

@@ -1,4 +1,4 @@
-// Star lists of many kinds, for what measures matchers: of the sky, of no sky, of pictures.
+// Star lists of many kinds for measuring matchers: of the sky, without sky, of pictures.
 #pragma once
 
 #include <cstddef>
@@ -17,10 +17,10 @@ struct Case {
     PlateStarList Stars;  ///< brightest first
     int Width = 0;        ///< pixels
     int Height = 0;
-    double FieldWidth = 0;  ///< as the search is told, radians
+    double FieldWidth = 0;  ///< as given to the search, radians
     double FieldHeight = 0;
     SkyPosition Start;
-    std::optional<SkyPosition> Truth;  ///< nothing: no match is right
+    std::optional<SkyPosition> Truth;  ///< empty: no match is right
 };
 
 using Generator = std::mt19937_64;
@@ -28,7 +28,7 @@ double Uniform(Generator& random, double from, double to);
 
 double Separation(SkyPosition a, SkyPosition b);  ///< radians
 
-// Lists that are of no sky, 500 to 4000 pixels wide, with a place and a size to search for.
+// Lists without sky, 500 to 4000 pixels wide, with a place and a size to search for.
 
 Case RandomCase(Generator& random);   ///< 12 to 100 stars
 Case CoarseCase(Generator& random);   ///< 25 to 30 stars on 512 columns, 5° to 20°
@@ -36,16 +36,16 @@ Case ClumpedCase(Generator& random);  ///< one to five clumps, and stars between
 Case LinedCase(Generator& random);    ///< on lines: edges of foregrounds, spikes, columns
 Case LatticeCase(Generator& random);  ///< lights in rows and columns, some of them dark
 
-/// What belongs to a simulated exposure.
+/// The errors of a simulated exposure.
 struct Exposure {
     double Noise = 0.2;           ///< of centroids, pixels
     double Distortion = 0;        ///< at the corner, pixels
-    double Lost = 0.1;            ///< share of the catalog's stars that are not seen
-    double False = 0.2;           ///< share of what is seen that is in no catalog
-    std::size_t TrueStars = 100;  ///< seen at most
+    double Lost = 0.1;            ///< share of the catalog's stars that are missing
+    double False = 0.2;           ///< share of the listed stars that are in no catalog
+    std::size_t TrueStars = 100;  ///< largest number of true stars
 };
 
-/// A list of catalog stars, with what optics and extraction do to it; `from` to `to` degrees wide.
+/// A list of catalog stars with the errors of optics and extraction, `from` to `to` degrees wide.
 /// The search begins up to a quarter of the field off, with a size up to 4 % off.
 Case SkyCase(const std::filesystem::path& catalog, Generator& random, double from, double to,
              const Exposure& exposure);

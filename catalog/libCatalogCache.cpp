@@ -17,13 +17,13 @@ namespace {
 /// Reads a cell into a 1-based list.
 std::vector<CatalogStar> ReadCell(const fs::path& file) {
     std::vector<CatalogStar> stars;
-    // Other programs that share the catalog expect a cell, once asked for, to be there.
+    // Other programs that share the catalog expect a cell to exist once it was requested.
     if (!ReadCellFile(file, stars)) (void)OpenFile(file, "ab");
     stars.insert(stars.begin(), CatalogStar());
     return stars;
 }
 
-/// Fills in what lets a region skip the cell unread.
+/// Sets the fields that let a region skip the cell.
 void Describe(CachedCell& cell) {
     const auto first = cell.Stars.begin() + 1;
     cell.BrightestFirst =
@@ -38,7 +38,7 @@ void Describe(CachedCell& cell) {
         for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += direction[i];
     }
     const double length = std::sqrt(Dot(sum, sum));
-    // A circle of half the sky excludes nothing; it also serves for broken positions.
+    // A circle around the whole sky excludes nothing, which also suits damaged positions.
     cell.Radius = Pi;
     if (!(length > 0)) return;
     cell.Centre = {sum[0] / length, sum[1] / length, sum[2] / length};
@@ -50,7 +50,7 @@ void Describe(CachedCell& cell) {
     if (smallestCosine >= -1) cell.Radius = std::acos(smallestCosine);
 }
 
-/// A circle around all of a cell of the grid, for one whose stars are not all known.
+/// Sets a circle around a whole grid cell, for a cell whose stars are not all read.
 void DescribeByGrid(CachedCell& cell) {
     cell.BrightestFirst = true;
     cell.Radius = Pi;
@@ -64,7 +64,7 @@ void DescribeByGrid(CachedCell& cell) {
     const double ra = (slice + 0.5) * width;
     const double dec = (low + high) / 2;
     cell.Centre = DirectionOf({ra, side * dec});
-    // The farthest places are the corners nearer to the equator; the margin outweighs all rounding.
+    // The farthest points are the corners nearer to the equator; the margin outweighs all rounding.
     const double cosine =
         std::sin(dec) * std::sin(low) + std::cos(dec) * std::cos(low) * std::cos(width / 2);
     cell.Radius = std::acos(cosine) + 1e-3;
@@ -93,8 +93,8 @@ void CatalogCache::LoadCell(const std::string& name) {
         return;
     }
     CachedCell cell;
-    // A right ascension outside the circle gives the name of no cell. Without a folder the file
-    // would be looked for, and left behind, in the current one.
+    // A right ascension out of range does not give the name of a cell. Without a folder, the file
+    // would be searched for and created in the current folder.
     const bool readable = IsCellName(name) && !Folder.empty();
     cell.CellName = name;
     cell.Stars.resize(1);
@@ -130,7 +130,8 @@ void CatalogCache::ReadDownTo(CachedCell& cell, double magnitude) const {
     while (!HoldsDownTo(cell, magnitude)) {
         if (!ReadDeepCell(Folder / cell.CellName, cell.File, cell.Stars.size() - 1, pieceOfStars,
                           cell.Stars)) {
-            // The file was replaced meanwhile. The count stays what the cache has reckoned with.
+            // The file was replaced meanwhile. `StarCount` keeps the number that the cache has
+            // counted.
             cell.Stars = ReadCell(Folder / cell.CellName);
             cell.IsWhole = true;
             Describe(cell);
@@ -142,13 +143,13 @@ void CatalogCache::ReadDownTo(CachedCell& cell, double magnitude) const {
 
 namespace {
 
-/// Calls visit(cell) for the cells that a region touches, in order, twice where places that lie
-/// together are looked at more than once; ends when it returns false.
+/// Calls visit(cell) for the cells that a region touches, in order; a cell may be visited twice.
+/// Ends when `visit` returns false.
 template <typename Visit>
 bool ForCellsOfRegion(SkyPosition centre, double radius, Visit visit) {
     constexpr int raSteps = 30;
     constexpr int decSteps = 5;
-    // Near a pole a small circle reaches around the whole of the right ascensions.
+    // Near a pole a small circle spans all right ascensions.
     const bool nearPole = !(std::fabs(centre.Dec * (180 / Pi)) < 80);
     const double q = nearPole ? TwoPi : radius / std::cos(centre.Dec);
     CellPosition last;

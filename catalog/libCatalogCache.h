@@ -1,4 +1,4 @@
-// The cells that were read lately, kept in memory between regions and solves.
+// Keeps recently read cells in memory between regions and solves.
 #pragma once
 
 #include <cstdint>
@@ -15,20 +15,21 @@ namespace vestrel {
 struct CachedCell {
     std::int32_t StarCount = 0;  ///< in its file
     std::string CellName;
-    std::vector<CatalogStar> Stars;  ///< 1-based; of a deep cell the brightest ones so far
-    bool IsWhole = true;             ///< all stars of the file are here
-    DeepCellFile File;               ///< of a cell that is not
+    std::vector<CatalogStar> Stars;  ///< 1-based; for a deep cell the brightest ones, as far as
+                                     ///< read
+    bool IsWhole = true;             ///< all stars of the file are in memory
+    DeepCellFile File;               ///< of a cell that is not whole
     bool InUse = false;              ///< touched by the last `LoadRegion`
     std::int32_t Age = 0;            ///< regions since the cell was last touched
 
     bool BrightestFirst = false;  ///< the stars are in rising order of magnitude
-    /// A circle on the sky that holds all stars; the radius in radians.
+    /// A circle on the sky that contains all stars; the radius in radians.
     Direction Centre{};
     double Radius = 0;
 };
 
-/// At most `MaxCells` cells and, between regions, `MaxStars` stars; the cells that have gone unused
-/// for longest leave first.
+/// At most `MaxCells` cells and, between regions, `MaxStars` stars; the cells unused for longest
+/// are dropped first.
 struct CatalogCache {
     std::size_t MaxCells = 999;
     std::int64_t MaxStars = 5'000'000;
@@ -37,7 +38,8 @@ struct CatalogCache {
     std::vector<CachedCell> Cells;
     std::int32_t CachedStars = 0;                        ///< sum of `StarCount` over the cells
     std::unordered_map<std::string, std::size_t> Index;  ///< cell name to place in `Cells`
-    std::uint64_t Changes = 0;                           ///< how often cells came or went
+    std::uint64_t Changes = 0;                           ///< incremented whenever cells are loaded
+                                                         ///< or dropped
 
     /// Makes sure that a cell is in the cache. A cell file that does not exist is created empty
     /// where that is possible, and counts as a cell without stars.
@@ -48,20 +50,21 @@ struct CatalogCache {
     void LoadRegion(SkyPosition centre, double radius);
 
     /// Makes sure that all stars of a cell down to a magnitude are in memory. Cells of a few
-    /// thousand stars always are whole; deeper ones are read as far as anybody asked.
+    /// thousand stars are always whole; larger ones are read only as deep as needed.
     void ReadDownTo(CachedCell& cell, double magnitude) const;
 
-    /// Whether `LoadRegion` would find all cells in memory, so that it changed nothing but which
-    /// ones were touched when.
+    /// Whether `LoadRegion` would find all cells in memory, so that it would only change the order
+    /// of last use.
     bool HoldsRegion(SkyPosition centre, double radius) const;
     /// Whether `ReadDownTo` would find all stars in memory.
     static bool HoldsDownTo(const CachedCell& cell, double magnitude);
 
  private:
+    /// Drops the oldest cells until at most `MaxStars` stars are left.
     void Trim();
 };
 
-/// How much of a catalog there is.
+/// Whether there is a catalog for the last region.
 enum class CatalogPresence {
     FolderMissing,  ///< no such folder
     NoCells,        ///< the folder holds no cell with stars
@@ -78,8 +81,8 @@ std::string OversizedCell(const CatalogCache& cache);
 /// number of stars, or more than a cell can have: its name, or nothing.
 std::string DamagedCell(const CatalogCache& cache);
 
-/// Where the catalog ends in the cells that the last `LoadRegion` touched: the magnitude that all
-/// but the faintest hundredth of their stars reach. Not-a-number when they have no stars.
+/// Where the catalog ends in the cells that the last `LoadRegion` touched: the magnitude that 99 %
+/// of their stars do not exceed. NaN when they have no stars.
 double FaintEnd(const CatalogCache& cache);
 
 }  // namespace vestrel

@@ -33,7 +33,7 @@ CellPosition CellOf(SkyPosition position) {
     CellPosition cell;
     cell.South = !(position.Dec >= 0);
     const double declination = std::fabs(position.Dec) * DegreesPerRadian;
-    // The bound also catches what is not a number.
+    // The comparison also catches NaN.
     cell.Zone =
         declination < 90 ? static_cast<int>(std::floor(declination / 2.5)) : ZonesPerHemisphere - 1;
     double degrees = position.Ra * DegreesPerRadian;
@@ -115,7 +115,7 @@ bool ReadDeepCell(const std::filesystem::path& file, const DeepCellFile& found, 
 }
 
 bool IsDeepCell(const std::filesystem::path& file, DeepCellFile& found) {
-    constexpr std::size_t fewStars = 8192;  // read as fast whole
+    constexpr std::size_t fewStars = 8192;  // faster to read whole
     std::error_code error;
     found.Length = std::filesystem::file_size(file, error);
     if (error || found.Length < fewStars * CatalogRecordBytes ||
@@ -126,7 +126,7 @@ bool IsDeepCell(const std::filesystem::path& file, DeepCellFile& found) {
     if (error) return false;
     const auto built = std::filesystem::last_write_time(file.parent_path() / ManifestName, error);
     if (error || found.Written > built) return false;
-    // Including the last star: one that somebody appended would be looked for in vain.
+    // The last star is checked too: one that was appended later would never be found.
     constexpr std::size_t looks = 16;
     const std::size_t last = static_cast<std::size_t>(found.Length) / CatalogRecordBytes - 1;
     std::vector<CatalogStar> stars;

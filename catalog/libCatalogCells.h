@@ -34,7 +34,7 @@ inline constexpr int ZonesPerHemisphere = 36;
 struct CellPosition {
     bool South = false;
     int Zone = 0;            ///< 0..35
-    std::int64_t Slice = 0;  ///< 0 upward; beyond the last one only for absurd right ascensions
+    std::int64_t Slice = 0;  ///< from 0; beyond the last one only for absurd right ascensions
 
     friend bool operator==(const CellPosition&, const CellPosition&) = default;
 };
@@ -53,17 +53,18 @@ double SliceWidth(int zone);
 bool IsCellName(std::string_view name);
 
 std::array<unsigned char, CatalogRecordBytes> EncodeCatalogStar(const CatalogStar& star);
+/// Any record gives a star, even one with an impossible position.
 CatalogStar DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes> record);
 
-/// The most stars that a cell may have. A cell is a few square degrees: no survey fills this, and
-/// it is as much as the solver holds of all cells together.
+/// The most stars that a cell may have. A cell has a few square degrees, so no survey reaches this
+/// number, which is also the limit of the cache for all cells together.
 inline constexpr std::size_t MostStarsInCell = 5'000'000;
 
-/// The record of its build that a catalog carries. Builds write it after all cells, and cells
-/// brightest first.
+/// The file with the record of a catalog's build. A build writes it after all cells, and sorts
+/// cells by brightness.
 inline constexpr const char* ManifestName = "catalog.json";
 
-/// A cell file of a catalog that was built here, long enough to be worth reading by parts.
+/// A cell file of a catalog that Vestrel built, long enough to be worth reading in parts.
 struct DeepCellFile {
     std::uintmax_t Length = 0;
     std::filesystem::file_time_type Written;
@@ -71,19 +72,18 @@ struct DeepCellFile {
     friend bool operator==(const DeepCellFile&, const DeepCellFile&) = default;
 };
 
-/// Whether a cell file may be read by parts, its brightest stars first: it has more than a few
-/// thousand stars, was not written after the manifest beside it, and a look here and there finds
-/// nothing out of order.
+/// Whether a cell file may be read in parts, its brightest stars first. It must have at least 8192
+/// stars, be no newer than the manifest beside it, and have its stars in order at the places that
+/// are checked.
 bool IsDeepCell(const std::filesystem::path& file, DeepCellFile& found);
 
-/// Adds up to `count` stars of such a file to a list, from the star of that number (0-based) on.
-/// False when the file is no longer as it was found, or cannot be read.
+/// Appends up to `count` stars of such a file to a list, from star number `first` (0-based) on.
+/// False when the file has changed or cannot be read.
 bool ReadDeepCell(const std::filesystem::path& file, const DeepCellFile& found, std::size_t first,
                   std::size_t count, std::vector<CatalogStar>& stars);
 
 /// Reads a cell file into a 0-based list: file length / 10 records, a longer tail ignored. A file
-/// that is missing, cannot be read or is longer than a cell can be gives an empty list and false;
-/// nothing of such a file is read.
+/// that is missing, cannot be read or is longer than a cell may be gives an empty list and false.
 bool ReadCellFile(const std::filesystem::path& file, std::vector<CatalogStar>& stars);
 
 }  // namespace vestrel

@@ -24,7 +24,7 @@ void SortByMagnitude(PlateStarList& stars) {
 }
 
 /// Whether no star of a cell can lie within `limit` of the projection's centre on its plane. On the
-/// orthographic plane stars near the opposite point fall inside too.
+/// orthographic plane, stars near the opposite point fall inside too.
 class RegionReach {
  public:
     RegionReach(const Projection& projection, double limit)
@@ -44,13 +44,14 @@ class RegionReach {
 
     /// Whether all stars of a cell lie on the hemisphere around the centre.
     bool IsOnThisSide(const CachedCell& cell) const {
-        constexpr double farthest = 1.5;  // a right angle and a margin
+        constexpr double farthest = 1.5;  // a right angle minus a margin
         const double cosine = Dot(centre_, cell.Centre);
         return std::acos(std::fmin(std::fmax(cosine, -1.0), 1.0)) + cell.Radius < farthest;
     }
 
-    /// Whether a star of such a cell is too far north or south, which needs no projection to see.
-    /// A declination beyond the poles, in a damaged file, stands for another one.
+    /// Whether a star of such a cell is too far north or south, which needs no projection.
+    /// Declinations beyond the poles, from damaged files, are not excluded, because they mean
+    /// another declination.
     bool Excludes(const CatalogStar& star) const {
         const auto dec = static_cast<double>(star.Dec);
         return std::fabs(dec - dec_) > reach_ && std::fabs(dec) <= Pi / 2;
@@ -71,8 +72,8 @@ double MagnitudeLimitFor(double halfDiagonal) {
 
 namespace {
 
-/// The stars of a region from the cells of a cache. Before a cell is looked through, has(cell) sees
-/// to it that its stars are in memory; when it says that they are not, there is no result.
+/// The stars of a region from the cells of a cache. Before a cell is used, has(cell) makes sure
+/// that its stars are in memory; when it returns false, there is no result.
 template <typename Cache, typename Has>
 std::optional<PlateStarList> CollectRegion(Cache& cache, const Projection& projection,
                                            double radius, double magLimit, Has has) {

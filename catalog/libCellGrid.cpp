@@ -14,7 +14,8 @@ namespace {
 constexpr float wholeCircle = static_cast<float>(2 * std::numbers::pi);
 constexpr float rightAngle = static_cast<float>(std::numbers::pi / 2);
 
-/// Per zone, the number of cells of the hemisphere before it; last, of the whole hemisphere.
+/// Per zone, the number of cells of the hemisphere before it; the last entry counts the whole
+/// hemisphere.
 std::array<std::size_t, ZonesPerHemisphere + 1> ZoneStarts() {
     std::array<std::size_t, ZonesPerHemisphere + 1> starts{};
     for (int zone = 0; zone < ZonesPerHemisphere; ++zone) {
@@ -62,7 +63,7 @@ std::optional<CatalogStar> StoredStar(const SkyStar& star) {
     // Adding 0 turns −0 into 0, so that equal stars have equal bytes.
     stored.Ra = static_cast<float>(star.Ra) + 0.0F;
     stored.Dec = static_cast<float>(star.Dec) + 0.0F;
-    // A right ascension of 24 h, given so or rounded up to it, would name a slice beyond the last.
+    // A right ascension of 24 h, exact or rounded, would give a slice beyond the last.
     if (stored.Ra == wholeCircle) stored.Ra = 0;
     if (!IsStoredPosition(stored.Ra, stored.Dec)) return std::nullopt;
     if (!(star.Mag >= BrightestMagnitude && star.Mag <= FaintestMagnitude)) return std::nullopt;

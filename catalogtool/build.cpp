@@ -12,11 +12,11 @@ namespace vestrel {
 
 namespace {
 
-/// Completes what the command line gives as text.
+/// Interprets options that the command line gives as text.
 void InterpretOptions(BuildOptions& options) {
     if (options.RaUnit == "degrees") options.Table.RaUnit = AngleUnit::Degrees;
     if (options.RaUnit == "hours") options.Table.RaUnit = AngleUnit::Hours;
-    // To a tenth of a year: nothing in the sky moves so fast that more would show.
+    // Rounded to a tenth of a year: no star moves so fast that more would matter.
     const double today = std::round(JulianEpoch(CurrentJulianDate()) * 10) / 10;
     options.Table.Epoch = options.Epoch.value_or(today);
     for (const std::string& where : options.Where) {

@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// A source while its stars come in.
+/// A source while its stars are read.
 struct OpenSource {
     OpenSource(const char* kind, const std::string& file) {
         Record.Kind = kind;
@@ -39,7 +39,7 @@ struct OpenSource {
     }
 
     CatalogSource Record;
-    std::size_t Unusable = 0;  // no magnitude, as a rule
+    std::size_t Unusable = 0;  // mostly stars without a magnitude
     std::uint64_t Filtered = 0;
 };
 
@@ -53,12 +53,12 @@ class Build {
           progress_(stderr, buildOptions.Progress) {}
 
     void Run() {
-        // KStars before the list of bright stars: it knows where they have moved to.
+        // KStars comes before the list of bright stars, as it has proper motions.
         for (const std::string& folder : options_.KStars) ReadBrightKStars(folder);
         if (!options_.Bright.empty()) ReadBrightList();
 
-        // What measures the bright stars well comes first: of a star that several have, the first
-        // one's is taken.
+        // Sources that measure bright stars well come first: when several have a star, that of the
+        // first is kept.
         if (!options_.Tycho2.empty()) ReadIndex("tycho2", options_.Tycho2, "MAG_VT");
         for (const std::string& table : options_.Tables) ReadTable(table);
         for (const std::string& index : options_.Indexes) {
@@ -85,7 +85,7 @@ class Build {
         std::fprintf(stderr, "vestrel-catalog: %s\n", WithoutControls(text).c_str());
     }
 
-    /// Says something now that later users of the catalog should know too.
+    /// Reports something now, and records it for later users of the catalog.
     void Remark(const std::string& text) {
         Note(text);
         manifest_.Remarks.push_back(text);
@@ -110,11 +110,12 @@ class Build {
         source.LeaveOut("no usable position or magnitude", source.Unusable);
         source.LeaveOut("left out by magnitude", source.Filtered);
         manifest_.Sources.push_back(source.Record);
-        // Index files beyond the 255th and the like are no less trusted than that one.
+        // Sources beyond the 255th share its rank.
         if (number_ < 255) ++number_;
     }
 
-    /// Carries one of the fastest stars, of a source without proper motions, to the epoch.
+    /// Moves a star to the epoch when it is one of the fastest stars, for sources without proper
+    /// motions.
     void MoveIfFast(SkyStar& star, OpenSource& source) {
         const std::optional<SkyStar> moved = FastStarAt(star, options_.Table.Epoch);
         if (!moved) return;
@@ -122,7 +123,7 @@ class Build {
         ++source.Record.Moved;
     }
 
-    /// Stars of which those are added that no source before has.
+    /// Adds the stars that no earlier source has.
     struct BrightList {
         OpenSource Source;
         std::size_t Count = 0;
@@ -138,7 +139,7 @@ class Build {
         bright_.push_back({source, stars.size(), BrightStarFinder(stars)});
     }
 
-    /// The files of bright stars of a folder; the deep ones are read when their turn comes.
+    /// The files of bright stars in a folder; the deep ones are read later, in their order.
     void ReadBrightKStars(const std::string& folder) {
         const std::vector<fs::path> files = KStarsFilesIn(PathFromText(folder));
         if (files.empty()) {
@@ -180,7 +181,7 @@ class Build {
         manifest_.BrightGapFilled = true;
     }
 
-    /// A sink that hands the stars of a source on.
+    /// A sink that adds the stars of a source.
     StarSink Into(OpenSource& source) {
         return [this, &source](const SkyStar& star) {
             for (BrightList& list : bright_) list.Finder.Visit(star);
@@ -267,7 +268,8 @@ class Build {
         Close(source);
     }
 
-    /// A FITS table that came packed or by a pipe, in a file of the folder that is being built.
+    /// Writes a FITS table that is compressed or comes through a pipe to a file in the building
+    /// folder.
     fs::path Unpacked(UnpackedInput& input, const std::string& name) {
         fs::path path = folder_.Path() / (std::string(ManifestName) + ".unpacked.tmp");
         const FileHandle file = OpenFile(path, "wb");
@@ -338,7 +340,7 @@ class Build {
     CatalogManifest manifest_;
     std::vector<BrightList> bright_;
     std::vector<fs::path> deepKStars_;
-    unsigned char number_ = 0;  ///< of the source that is being read
+    unsigned char number_ = 0;  ///< rank of the source that is being read
 };
 
 }  // namespace

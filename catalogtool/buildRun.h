@@ -1,4 +1,4 @@
-// The making of a catalog: from the sources that a command line names to the finished folder.
+// Builds a catalog from the sources that a command line names.
 #pragma once
 
 #include <optional>
@@ -24,11 +24,11 @@ struct BuildOptions {
     std::vector<std::string> Where;
     std::optional<double> Epoch;
     ProgressStyle Progress = ProgressStyle::Terminal;
-    StarTableOptions Table;  ///< its `Epoch` is that of the catalog
+    StarTableOptions Table;  ///< its `Epoch` is the epoch of the catalog
 };
 
-/// Reads the sources, writes the cells and puts the folder in the place of the old one. Prints what
-/// became of each source. Throws a `ToolFailure`, the old catalog in its place, when it fails.
+/// Reads the sources, writes the cells and puts the folder in the place of the old one. Prints the
+/// result of each source. @throws ToolFailure when it fails; the old catalog is then still in place
 void RunBuild(const BuildOptions& options);
 
 }  // namespace vestrel

@@ -9,8 +9,8 @@
 
 namespace vestrel {
 
-// Each adds its subcommand and options to the program. When the subcommand is chosen, its work is
-// done while the command line is parsed, and `exitCode` set; it throws a `ToolFailure` otherwise.
+// Each adds its subcommand and options to the program. When the subcommand is chosen, it does its
+// work while the command line is parsed and sets `exitCode`, or throws a `ToolFailure`.
 void AddBuildCommand(CLI::App& program, ToolExit& exitCode);
 void AddInfoCommand(CLI::App& program, ToolExit& exitCode);
 void AddQuadsCommand(CLI::App& program, ToolExit& exitCode);
@@ -25,7 +25,7 @@ void AddCatalogOption(CLI::App& command, std::string& folder);
 /// Adds `--progress-json` to a subcommand. The style must live while the line is parsed.
 void AddProgressOption(CLI::App& command, ProgressStyle& style);
 
-/// The folder that `--catalog` names, or the usual one when it was not given.
+/// The folder that `--catalog` names, or the default one when it was not given.
 std::filesystem::path ChosenCatalog(const std::string& folder);
 
 /// As `ChosenCatalog`, for reading: throws a `ToolFailure` when there is no such folder.

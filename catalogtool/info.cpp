@@ -1,4 +1,4 @@
-// vestrel-catalog info: what a catalog holds and where it is from.
+// vestrel-catalog info: shows what a catalog holds and where it is from.
 #include <CLI/App.hpp>
 #include <algorithm>
 #include <cmath>
@@ -29,9 +29,9 @@ struct CatalogFacts {
     CatalogManifest Manifest;
     CatalogSurvey Survey;
     std::vector<MagnitudeCounts::Step> Steps;
-    double FaintLimit = 0;        ///< magnitudes: where the counts stop growing
+    double FaintLimit = 0;        ///< magnitude where the counts stop growing
     std::vector<QuadBand> Bands;  ///< of the quad tables; none when there are no tables
-    std::string QuadFault;        ///< why they cannot be used
+    std::string QuadFault;        ///< why the quad tables cannot be used
 };
 
 CatalogFacts GatherFacts(const std::filesystem::path& folder) {
@@ -45,7 +45,7 @@ CatalogFacts GatherFacts(const std::filesystem::path& folder) {
     const auto peak =
         std::max_element(facts.Steps.begin(), facts.Steps.end(),
                          [](const auto& a, const auto& b) { return a.Stars < b.Stars; });
-    // There are ever more stars the fainter they are; a survey that stops growing misses some.
+    // Star counts grow with magnitude; where those of a survey stop growing, it misses stars.
     if (peak != facts.Steps.end()) facts.FaintLimit = peak->From + 0.5;
     const FileHandle quads = OpenQuadFile(folder / QuadFileName);
     if (quads) ReadQuadBands(quads.get(), facts.Bands, facts.QuadFault);
@@ -62,7 +62,7 @@ std::string DegreesText(double radians) {
     return RoundedText(radians * 180 / Pi, 2);
 }
 
-/// Cells without stars, runs along right ascension drawn together: "N35R00", "S10R03-R07".
+/// Cells without stars, with runs along right ascension combined: "N35R00", "S10R03-R07".
 std::vector<std::string> Gaps(const CatalogSurvey& survey) {
     std::vector<std::string> cells = survey.EmptyCells;
     cells.insert(cells.end(), survey.MissingCells.begin(), survey.MissingCells.end());
@@ -85,8 +85,8 @@ std::vector<std::string> Gaps(const CatalogSurvey& survey) {
     return gaps;
 }
 
-/// The field (degrees) that can be solved in a share of some part of the sky, by area; infinite
-/// when none can be.
+/// The smallest field (degrees) that can be solved in a given share of an area of the sky; infinite
+/// when none can.
 double FieldForShare(const std::vector<std::pair<double, double>>& fieldsAndAreas, double share) {
     std::vector<std::pair<double, double>> sorted = fieldsAndAreas;
     std::sort(sorted.begin(), sorted.end());
@@ -103,8 +103,8 @@ double FieldForShare(const std::vector<std::pair<double, double>>& fieldsAndArea
 constexpr std::size_t partsInDec = 6;  // of 30° each
 constexpr std::size_t partsInRa = 6;   // of 4 h each
 
-/// The smallest field that can be solved in nine tenths of each part of the sky, from north to
-/// south, in each band from right ascension 0 on.
+/// The smallest field that can be solved in nine tenths of each part of the sky. Parts are ordered
+/// from north to south, and within a zone from right ascension 0 on.
 std::vector<double> FieldsByPart(const CatalogSurvey& survey) {
     std::vector<std::vector<std::pair<double, double>>> parts(partsInDec * partsInRa);
     for (std::size_t i = 0; i < AllCells().size(); ++i) {
@@ -121,7 +121,7 @@ std::vector<double> FieldsByPart(const CatalogSurvey& survey) {
     return fields;
 }
 
-/// Degrees, and "-" for no field at all.
+/// Degrees, or "-" when no field can be solved.
 std::string FieldText(double degrees) {
     return std::isfinite(degrees) ? RoundedText(degrees, 2) : "-";
 }
@@ -148,7 +148,7 @@ void PrintFields(const CatalogSurvey& survey) {
     }
 }
 
-/// Whether the brightest stars are there, as far as can be told.
+/// Says whether the catalog has the brightest stars, as far as is known.
 std::string BrightStatement(const CatalogFacts& facts) {
     if (facts.State != ManifestState::Good) return "unknown: there is no record of the build";
     std::string statement;

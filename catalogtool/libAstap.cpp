@@ -17,14 +17,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t textBytes = 110;  ///< before the records; the last one is their size
+constexpr std::size_t textBytes = 110;  ///< text before the records; its last byte is their size
 
 [[noreturn]] void Fail(const fs::path& file, const std::string& why) {
     throw ToolFailure(ToolExit::BadInput, TextFromPath(file) + ": " + why);
 }
 
-/// Whether a file is one of a database; its name without the four digits, and without "_" at its
-/// end.
+/// Whether a file belongs to a database. `database` becomes its name without the four digits and
+/// without "_" at the end.
 bool IsAstapFile(const fs::path& file, std::string& database) {
     const std::string extension = TextFromPath(file.extension());
     if (extension != ".1476" && extension != ".001") return false;
@@ -45,8 +45,8 @@ std::uint32_t LittleEndian(const unsigned char* bytes, int count) {
     return value;
 }
 
-/// Records of 5 or 6 bytes. One that starts with three bytes of 255 gives the magnitude and the
-/// highest byte of the declination of those that follow.
+/// Reads records of 5 or 6 bytes. A record that starts with three bytes of 255 gives the magnitude
+/// and the highest byte of the declination for those that follow.
 std::uint64_t ReadPackedStars(const fs::path& file, std::span<const unsigned char> records,
                               std::size_t size, const StarSink& sink) {
     constexpr double raUnit = 2 * std::numbers::pi / 0xFFFFFF;
@@ -72,7 +72,8 @@ std::uint64_t ReadPackedStars(const fs::path& file, std::span<const unsigned cha
     return stars;
 }
 
-/// A count, and for each star three floats: ten times the magnitude, right ascension, declination.
+/// Reads a count, and for each star three floats: ten times the magnitude, right ascension,
+/// declination.
 std::uint64_t ReadFloatStars(const fs::path& file, std::span<const unsigned char> bytes,
                              const StarSink& sink) {
     constexpr std::size_t recordBytes = 12;
@@ -100,7 +101,7 @@ std::vector<AstapDatabase> AstapDatabasesIn(const fs::path& folder) {
          entry.increment(error)) {
         files.push_back(entry->path());
     }
-    // By name: the order of a folder's entries must not matter.
+    // Sorted by name, because the order of a folder's entries must not matter.
     std::sort(files.begin(), files.end());
     std::vector<AstapDatabase> databases;
     for (const fs::path& file : files) {

@@ -19,7 +19,7 @@ using nlohmann::json;
 constexpr double arcsecond = RadiansPerDegree / 3600;
 constexpr double reach = 60 * arcsecond;
 
-/// Boxes of about half a degree: most hold no bright star at all.
+/// The number of a box of about half a degree; most boxes hold no bright star.
 int BoxNumber(double x, double y, double z) {
     constexpr double boxSize = 0.01;
     constexpr int boxesPerSide = 256;
@@ -27,12 +27,13 @@ int BoxNumber(double x, double y, double z) {
     return (index(x) * boxesPerSide + index(y)) * boxesPerSide + index(z);
 }
 
-/// The star of a GeoJSON feature; false when it is none.
+/// Reads the star of a GeoJSON feature; false when it is not a star.
 bool ReadFeature(const json& feature, SkyStar& star) {
     static const json::json_pointer coordinatesPath("/geometry/coordinates");
     static const json::json_pointer magnitudePath("/properties/mag");
     if (!feature.contains(coordinatesPath) || !feature.contains(magnitudePath)) return false;
-    // No copies: the library's run as deep as the value is nested, and out of stack.
+    // References, because copying recurses as deep as the value is nested and could exhaust the
+    // stack.
     const json& coordinates = feature.at(coordinatesPath);
     const json& magnitude = feature.at(magnitudePath);
     if (!coordinates.is_array() || coordinates.size() < 2 || !magnitude.is_number() ||
@@ -99,7 +100,7 @@ void BrightStarFinder::Visit(const SkyStar& star) {
     if (box == boxes_.end()) return;
     for (const std::size_t i : box->second) {
         const Direction& bright = directions_[i];
-        // At these distances the chord is as long as the arc.
+        // At these distances the chord equals the arc.
         const double distance = std::hypot(at[0] - bright[0], at[1] - bright[1], at[2] - bright[2]);
         const double difference = std::fabs(star.Mag - stars_[i].Mag);
         if ((distance <= near && difference < 2) || (distance <= reach && difference < 0.75)) {

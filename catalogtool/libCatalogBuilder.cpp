@@ -39,8 +39,8 @@ bool AreSameStar(const CatalogStar& a, const CatalogStar& b) {
     return north * north + east * east < sameStar * sameStar;
 }
 
-/// Whether a star that may be the same as this one can be in another cell. Asked of every star, so
-/// it makes do with the place in the cell and the cosine at the cell's end.
+/// Whether a star that may be the same as this one can be in another cell. It is called for every
+/// star, so it uses only the place in the cell and the cosine at the cell's end.
 bool IsAtAnEdge(const CatalogStar& star, const CellPosition& cell) {
     static const auto cosines = [] {
         std::array<double, ZonesPerHemisphere> atEnd{};
@@ -59,8 +59,8 @@ bool IsAtAnEdge(const CatalogStar& star, const CellPosition& cell) {
     return inSlice < aside || inSlice > width - aside;
 }
 
-/// Boxes of space somewhat larger than two stars can differ in place and still be one: without
-/// poles and without a seam. `shift` moves the place by boxes.
+/// The box of space that contains a star, moved by `shift` boxes. Boxes are larger than the
+/// distance of stars that count as the same, and avoid special cases at the poles.
 std::uint64_t BoxOf(const CatalogStar& star, const std::array<int, 3>& shift) {
     constexpr double boxesInUnit = 1 / (2 * sameStar);
     const auto box = [](double value, int by) {
@@ -80,7 +80,7 @@ void WriteBytes(const std::filesystem::path& path, const char* mode,
     // An empty list may have no address, which fwrite does not allow.
     good = good && (bytes.empty() ||
                     std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size());
-    // Closing writes what is still buffered, and so may find the disk full.
+    // Closing writes what is still buffered, so it may fail on a full disk.
     good = good && std::fclose(file.release()) == 0;
     if (!good) {
         throw ToolFailure(ToolExit::CannotWrite, TextFromPath(path) + ": " + SystemErrorText());
@@ -107,7 +107,8 @@ void CatalogBuilder::Add(const CatalogStar& star, unsigned char source) {
         ++mergedCount_;
         return;
     }
-    // One after the other: to go to the cell's own list for every star costs a wait for memory.
+    // Stars are appended to one list: an access to the cell's own list for every star would wait
+    // for memory.
     gathered_.push_back({star, source, static_cast<std::uint16_t>(CellNumber(cell))});
     if (gathered_.size() >= limit_) {
         Sort();
@@ -131,7 +132,7 @@ bool CatalogBuilder::IsKnownBeyondTheEdge(const CatalogStar& star, unsigned char
     return false;
 }
 
-/// Leaves out the stars that an earlier source has.
+/// Removes the stars that an earlier source has.
 void CatalogBuilder::Merge(std::vector<SourceStar>& stars) {
     std::sort(stars.begin(), stars.end(),
               [](const SourceStar& a, const SourceStar& b) { return a.Star.Dec < b.Star.Dec; });
@@ -153,7 +154,7 @@ void CatalogBuilder::Merge(std::vector<SourceStar>& stars) {
     stars.resize(kept);
 }
 
-/// Puts the gathered stars in the order of their cells, else as they came.
+/// Sorts the gathered stars by cell, keeping their order within a cell.
 void CatalogBuilder::Sort() {
     starts_.assign(onDisk_.size() + 1, 0);
     for (const SourceStar& star : gathered_) ++starts_[star.Cell + 1U];
@@ -200,7 +201,8 @@ std::vector<CatalogBuilder::SourceStar> CatalogBuilder::TakeCell(std::size_t cel
             spilled.size() != onDisk * spillBytes) {
             throw ToolFailure(ToolExit::CannotWrite, TextFromPath(path) + ": changed while in use");
         }
-        // Written anew rather than over: ext4 waits for the disk when a file's content is replaced.
+        // The file is removed and written again, because ext4 waits for the disk when content is
+        // replaced.
         std::error_code ignored;
         std::filesystem::remove(path, ignored);
         stars.reserve(stars.size() + static_cast<std::size_t>(onDisk));

@@ -1,4 +1,4 @@
-// Sorts a stream of stars of any length into cell files.
+// Sorts any number of stars into cell files.
 #pragma once
 
 #include <cstdint>
@@ -16,33 +16,32 @@ namespace vestrel {
 
 /// Builds the cell files of a catalog in an empty folder.
 ///
-/// Stars are gathered as they come; when they fill the memory allowed they are put in the order of
-/// their cells and appended to the cells' files. `Finish` then orders one cell at a time. So memory
-/// holds the gathered stars twice or one cell, however many stars there are in all.
+/// Stars are gathered in memory; when they fill the allowed memory they are sorted by cell and
+/// appended to the cells' files. `Finish` then sorts one cell at a time. So memory holds the
+/// gathered stars twice or one cell, however many stars there are in all.
 class CatalogBuilder {
  public:
     /// @param folder an existing, empty folder
-    /// @param gatheredStars how many stars may be held in memory before they go to the files
+    /// @param gatheredStars how many stars are held in memory before they are written
     explicit CatalogBuilder(std::filesystem::path folder,
                             std::size_t gatheredStars = std::size_t{5} << 20);
 
-    /// Adds a star to its cell. Throws a `ToolFailure` when the disk does not take it.
-    /// @param source which source it is from, the most trusted one first
+    /// Adds a star to its cell. Throws a `ToolFailure` when writing fails.
+    /// @param source rank of its source, 0 for the most trusted one
     void Add(const CatalogStar& star, unsigned char source = 0);
 
     /// Writes every cell of the grid (an empty file where there are no stars), brightest star
-    /// first, equal magnitudes by position. Of records that are equal in every bit one is kept, so
-    /// that overlapping exports can be given. A star that lies within 2" of one of an earlier
-    /// source and differs from it by less than a magnitude is the same star and left out. The order
-    /// in which the stars of a source were added does not matter. Throws a `ToolFailure` when the
-    /// disk is full or one cell has more than
-    /// `MostStarsInCell`.
+    /// first, equal magnitudes by position. Identical records are kept once, so that overlapping
+    /// exports can be used. A star within 2" of one of an earlier source, with less than a
+    /// magnitude of difference, counts as the same star and is left out. The order in which the
+    /// stars of a source were added does not matter. Throws a `ToolFailure` when the disk is full
+    /// or a cell has more than `MostStarsInCell` stars.
     void Finish(ProgressLine& progress);
 
     const std::map<std::string, CellContent>& Cells() const { return contents_; }
     const MagnitudeCounts& Magnitudes() const { return counts_; }
     std::uint64_t Duplicates() const { return duplicateCount_; }
-    /// How many stars were left out because an earlier source has them.
+    /// The number of stars left out because an earlier source has them.
     std::uint64_t Merged() const { return mergedCount_; }
 
  private:
@@ -63,14 +62,15 @@ class CatalogBuilder {
     std::filesystem::path folder_;
     std::size_t limit_;
     std::vector<SourceStar> gathered_;
-    std::vector<std::size_t> starts_;    ///< of each cell in the gathered stars, once sorted
+    std::vector<std::size_t> starts_;    ///< first of the gathered stars of each cell, once sorted
     std::vector<std::uint64_t> onDisk_;  ///< stars of each cell
     std::map<std::string, CellContent> contents_;
     MagnitudeCounts counts_;
     std::uint64_t duplicateCount_ = 0;
     std::uint64_t mergedCount_ = 0;
     bool severalSources_ = false;
-    /// Stars at the edges of cells by small boxes: those of another cell may be the same ones.
+    /// Stars at the edges of cells, by small boxes: a star of a neighbouring cell may be the same
+    /// one.
     std::unordered_map<std::uint64_t, std::vector<SourceStar>> edgeStars_;
 };
 

@@ -21,7 +21,7 @@ std::vector<std::size_t> Neighbours(std::size_t number) {
     const double dec = (cell.South ? -1 : 1) * (cell.Zone + 0.5) * height;
     const bool isCap = cell.Zone == ZonesPerHemisphere - 1;
     std::vector<std::size_t> around;
-    // Twelve steps along each side see all of the narrower cells above and below.
+    // Twelve steps along each side find all of the narrower cells above and below.
     for (int step = 0; step < 12; ++step) {
         const double share = (step + 0.5) / 12 - 0.5;
         const double along = std::fmod(ra + share * width + 2 * TwoPi, TwoPi);
@@ -68,7 +68,7 @@ std::vector<CatalogHole> FindHoles(const std::vector<std::uint64_t>& stars) {
             densities.push_back(static_cast<double>(stars[other]) /
                                 CellAreaFraction(AllCells()[other]));
         }
-        // Beside the edge of a catalog of a part of the sky up to half of them are empty.
+        // At the edge of a catalog of a part of the sky, up to half of the neighbours are empty.
         const auto quarter = densities.begin() + static_cast<std::ptrdiff_t>(densities.size() / 4);
         std::nth_element(densities.begin(), quarter, densities.end());
         const double expected = *quarter * CellAreaFraction(AllCells()[cell]);

@@ -1,4 +1,5 @@
-// What the stars of a catalog are enough for, part by part of the sky, and where some are lacking.
+// Which fields the stars of a catalog suffice for, in each part of the sky, and where stars are
+// missing.
 #pragma once
 
 #include <cstddef>
@@ -8,26 +9,27 @@
 
 namespace vestrel {
 
-/// A field counts as one that can be solved when it has so many stars of the catalog down to the
-/// magnitude that a solve compares: what was solved in docs/ACCURACY.md with fewer is luck.
+/// A field counts as solvable when it has this many catalog stars down to the magnitude that a
+/// solve compares. Fields with fewer were solved only by luck (docs/ACCURACY.md).
 inline constexpr double StarsToSolveWith = 15;
 
-/// The diagonal (degrees) of the smallest field of 4 : 3 that can be solved on the average in a
-/// part of the sky; infinite when none up to 30° can be.
-/// @param magnitudes of its stars, hundredths, in rising order
+/// The diagonal (degrees) of the smallest 4 : 3 field that can be solved on average in a part of
+/// the sky; infinite when none up to 30° can.
+/// @param magnitudes magnitudes of its stars, hundredths, in rising order
 /// @param area square degrees
 double SmallestField(std::span<const std::int16_t> magnitudes, double area);
 
-/// A cell that is far emptier than those around it.
+/// A cell with far fewer stars than those around it.
 struct CatalogHole {
-    std::size_t Cell = 0;  ///< number in `AllCells`
+    std::size_t Cell = 0;  ///< index in `AllCells`
     std::uint64_t Stars = 0;
-    double Expected = 0;  ///< stars that it would have with the density of its neighbours
+    double Expected = 0;  ///< stars expected from the density of its neighbours
 };
 
-/// The cells with less than a tenth of the stars that three quarters of their neighbours make one
-/// expect, where that is 50 or more: no cloud of the Milky Way is that dark and that large.
-/// @param stars of each cell of `AllCells`
+/// The cells with less than a tenth of the expected stars, when 50 or more are expected. The
+/// expectation is the density that three quarters of the neighbours exceed. No dark cloud of the
+/// Milky Way is that dark and that large.
+/// @param stars number for each cell of `AllCells`
 std::vector<CatalogHole> FindHoles(const std::vector<std::uint64_t>& stars);
 
 }  // namespace vestrel

@@ -43,8 +43,8 @@ bool IsMountPoint(const fs::path&) {
     return false;
 }
 #else
-/// Waits until a folder's entries are on the disk; with `wholeDisk` everything below it as well,
-/// by flushing its file system once instead of every file by itself.
+/// Waits until a folder's entries are on the disk. With `wholeDisk`, everything below it too, by
+/// flushing the file system once instead of every file.
 void SyncFolder(const fs::path& folder, bool wholeDisk) {
     const int handle = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (handle < 0) FailToWrite(folder, SystemErrorText());
@@ -76,7 +76,7 @@ bool IsMountPoint(const fs::path& folder) {
 }
 #endif
 
-/// Whether an entry of a catalog folder is one that builds and solvers make.
+/// Whether an entry of a catalog folder was made by builds or solvers.
 bool IsCatalogEntry(const fs::directory_entry& entry) {
     const std::string name = TextFromPath(entry.path().filename());
     const bool unfinished = (name.starts_with(std::string(ManifestName) + ".") ||
@@ -87,7 +87,7 @@ bool IsCatalogEntry(const fs::directory_entry& entry) {
            (IsCellName(name) || name == ManifestName || name == QuadFileName || unfinished);
 }
 
-/// Removes a catalog, and only what belongs to one: a folder with other things in it stays.
+/// Removes the files of a catalog, and its folder unless that holds other things.
 void RemoveCatalog(const fs::path& folder) {
     std::error_code ignored;
     for (fs::directory_iterator entry(folder, ignored), end; entry != end;
@@ -97,7 +97,7 @@ void RemoveCatalog(const fs::path& folder) {
     fs::remove(folder, ignored);
 }
 
-/// Refuses a folder that building would take something else away with.
+/// Refuses a folder whose replacement would delete something other than a catalog.
 void RequireCatalogOnly(const fs::path& folder) {
     std::error_code error;
     if (!fs::exists(folder, error)) return;
@@ -121,7 +121,8 @@ void RequireCatalogOnly(const fs::path& folder) {
     }
 }
 
-/// The process that a building or set-aside folder of this catalog belongs to; 0 when it is none.
+/// The process to which a building or set-aside folder of this catalog belongs; 0 when the name is
+/// of neither kind.
 long OwnerOf(const std::string& name, const std::string& prefix) {
     if (!name.starts_with(prefix)) return 0;
     long process = 0;
@@ -130,7 +131,7 @@ long OwnerOf(const std::string& name, const std::string& prefix) {
     return result.ec == std::errc() && result.ptr == end ? process : 0;
 }
 
-/// Repairs what a build left that was killed or lost power.
+/// Repairs what builds left that were killed or lost power.
 void ClearDeadBuilds(const fs::path& catalog) {
     const std::string base = TextFromPath(catalog.filename());
     std::error_code ignored;
@@ -153,7 +154,7 @@ void ClearDeadBuilds(const fs::path& catalog) {
 
 BuildingFolder::BuildingFolder(const fs::path& catalog) {
     std::error_code error;
-    // A link is followed, so that not the link but the folder behind it is replaced.
+    // Links are followed, so that the folder behind a link is replaced and not the link.
     catalog_ = FollowLinks(AbsolutePath(catalog), error);
     if (catalog_.filename().empty()) catalog_ = catalog_.parent_path();
     if (error || catalog_.filename().empty()) FailToWrite(catalog, "is no place for a catalog");
@@ -176,7 +177,7 @@ BuildingFolder::BuildingFolder(const fs::path& catalog) {
 }
 
 BuildingFolder::~BuildingFolder() {
-    // After publishing, this is where the old catalog was exchanged to, if anything is here.
+    // After publishing, the old catalog is here if the two folders were exchanged.
     RemoveCatalog(building_);
 }
 

@@ -1,19 +1,21 @@
-// Replaces a whole catalog folder at once, so that a solver sees the old catalog or the new one.
+// Replaces a catalog folder as a whole, so that a solver sees either the old catalog or the new
+// one.
 #pragma once
 
 #include <filesystem>
 
 namespace vestrel {
 
-/// A folder beside the catalog's in which its successor grows. Unless published it is removed
-/// again, so that a failure or Ctrl-C leaves the old catalog and nothing else.
+/// A folder beside the catalog's in which the new catalog is built. Unless it is published it is
+/// removed, so that a failure or Ctrl-C leaves only the old catalog.
 class BuildingFolder {
  public:
-    /// Prepares to replace the catalog at `catalog` (which need not exist yet): clears away what
-    /// dead builds left, puts back a catalog that one had set aside, creates the building folder.
+    /// Prepares to replace the catalog at `catalog` (which need not exist yet): removes leftovers
+    /// of killed builds, restores a catalog that one of them had set aside, and creates the
+    /// building folder.
     ///
     /// Throws a `ToolFailure` when `catalog` holds anything that is not part of a catalog, so that
-    /// a mistyped path costs nobody their files, or when its parent cannot be written to.
+    /// a mistyped path does not delete other files, or when its parent cannot be written to.
     explicit BuildingFolder(const std::filesystem::path& catalog);
     ~BuildingFolder();
     BuildingFolder(const BuildingFolder&) = delete;
@@ -21,10 +23,10 @@ class BuildingFolder {
 
     const std::filesystem::path& Path() const { return building_; }
 
-    /// Brings everything to the disk and puts the folder in the catalog's place. In one step where
-    /// the file system can exchange two folders; otherwise, or with `inOneStep` false, in two with
-    /// a moment between them, which the next build repairs if the machine dies in it.
-    /// Throws a `ToolFailure`, the old catalog in place, when that fails.
+    /// Flushes everything to the disk and puts the folder in the catalog's place: in one step where
+    /// the file system can exchange two folders. Otherwise, or when `inOneStep` is false, it takes
+    /// two steps; the next build repairs a crash between them. Throws a `ToolFailure`, the old
+    /// catalog in place, when that fails.
     void Publish(bool inOneStep = true);
 
  private:

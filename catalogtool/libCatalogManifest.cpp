@@ -34,7 +34,7 @@ std::string TimeText(std::chrono::sys_seconds time) {
            padded(clock.minutes().count()) + ":" + padded(clock.seconds().count()) + "Z";
 }
 
-/// A count, and nothing that would have to be made one first, as 1E300, −1 and 0.5 would.
+/// A count. Throws for numbers that are not counts, such as 1E300, −1 and 0.5.
 std::uint64_t CountFromJson(const json& value) {
     return value.get_ref<const json::number_unsigned_t&>();
 }
@@ -94,7 +94,7 @@ void Checksum::Add(std::span<const unsigned char> bytes) {
 }
 
 void MagnitudeCounts::Add(std::int16_t hundredths) {
-    // Shifted to be never negative, so that the division rounds down.
+    // Shifted to be nonnegative, so that the division rounds down.
     ++stars_[static_cast<std::size_t>((hundredths - firstStep_ * stepSize_) / stepSize_)];
 }
 

@@ -1,5 +1,5 @@
-// The manifest that a catalog carries beside its cells: where the stars are from, and what every
-// cell file should hold.
+// The manifest beside the cells of a catalog: where the stars are from, and what every cell file
+// should contain.
 #pragma once
 
 #include <array>
@@ -17,7 +17,7 @@
 
 namespace vestrel {
 
-/// The CRC-32 of Ethernet, zip and gzip, so that a cell can be checked with everyday programs.
+/// The CRC-32 of zip and gzip, so that cells can be checked with common programs.
 class Checksum {
  public:
     void Add(std::span<const unsigned char> bytes);
@@ -27,7 +27,7 @@ class Checksum {
     std::uint32_t value_ = 0;
 };
 
-/// How many stars there are of each magnitude, in steps of half a magnitude.
+/// Counts stars by magnitude, in steps of half a magnitude.
 class MagnitudeCounts {
  public:
     struct Step {
@@ -42,11 +42,11 @@ class MagnitudeCounts {
 
  private:
     static constexpr int stepSize_ = 50;
-    static constexpr int firstStep_ = -656;  // holds the smallest 16-bit number
+    static constexpr int firstStep_ = -656;  // contains the smallest 16-bit number
     std::array<std::uint64_t, 1312> stars_{};
 };
 
-/// What one cell file holds.
+/// The contents of a cell file.
 struct CellContent {
     std::uint64_t Stars = 0;
     std::uint32_t Crc = 0;
@@ -54,12 +54,12 @@ struct CellContent {
     friend bool operator==(const CellContent&, const CellContent&) = default;
 };
 
-/// One file that stars were taken from.
+/// A file from which stars were read.
 struct CatalogSource {
     std::string
         Kind;  ///< "tycho2", "csv", "fits", "index", "astap", "kstars", "bright", "synthetic"
     std::string File;      ///< its name without the folder
-    std::string Modified;  ///< when it was last changed, UTC; empty when unknown (a pipe)
+    std::string Modified;  ///< time of its last change, UTC; empty when unknown (a pipe)
     std::uint64_t Rows = 0;
     std::uint64_t Used = 0;   ///< rows that became catalog stars
     std::uint64_t Moved = 0;  ///< stars that were carried to the catalog's epoch
@@ -70,9 +70,10 @@ struct CatalogManifest {
     std::string Tool;     ///< program and version that built the catalog
     std::string Created;  ///< UTC, "2025-01-31T12:00:00Z"
     std::vector<CatalogSource> Sources;
-    std::vector<std::string> Filters;  ///< what was asked to be left out, as it was written
+    std::vector<std::string> Filters;  ///< the filters, as the user wrote them
     std::vector<std::string> Remarks;  ///< what a user of the catalog should know
-    /// The year to which stars with proper motions were carried. Older builds applied none.
+    /// The year to which stars with proper motions were moved. Older builds applied no proper
+    /// motions.
     std::optional<double> Epoch;
     bool BrightGapFilled = false;
     std::uint64_t Duplicates = 0;
@@ -91,10 +92,10 @@ enum class ManifestState { Good, Absent, Unreadable };
 /// not a manifest in the present format or whose numbers contradict each other.
 ManifestState ReadManifest(const std::filesystem::path& folder, CatalogManifest& manifest);
 
-/// A source as the manifest has it.
+/// A source in the form of the manifest.
 nlohmann::json SourceJson(const CatalogSource& source);
 
-/// A time of day as the manifest has it.
+/// A time, and the present time, in the form of the manifest.
 std::string TimeText(std::filesystem::file_time_type time);
 std::string CurrentTimeText();
 

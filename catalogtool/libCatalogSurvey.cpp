@@ -108,7 +108,7 @@ class Surveyor {
         int previous = std::numeric_limits<std::int16_t>::min();
         std::vector<unsigned char> block(CatalogRecordBytes << 13);
         std::size_t length = 0;
-        // Only the last block is not full, so that records never straddle two.
+        // Only the last block is not full, so records never span two blocks.
         while ((length = std::fread(block.data(), 1, block.size(), file)) > 0) {
             checksum.Add({block.data(), length});
             for (std::size_t at = 0; at + CatalogRecordBytes <= length; at += CatalogRecordBytes) {

@@ -13,15 +13,15 @@ namespace {
 
 constexpr double arcsecond = RadiansPerDegree / 3600;
 
-/// Degrees of J2000 at the epoch 2000, magnitude in V, milliarcseconds a year.
+/// J2000 position at epoch 2000 in degrees, V magnitude, milliarcseconds per year.
 struct FastStar {
     double Ra, Dec, Mag, MotionRa, MotionDec;
 };
 
-// Motions of the Hipparcos Catalogue (ESA 1997) as Debian's kstars-data has them, those in right
-// ascension times the cosine of the declination. The places, carried on to 2000 where they were of
-// 1991.25, lie within 1" of those of the Tycho-2 index or of the list of bright stars, but for
-// three stars that neither has. From south to north.
+// Motions of the Hipparcos Catalogue (ESA 1997), from Debian's kstars-data; those in right
+// ascension include the cosine of the declination. Positions of 1991.25 were moved to 2000. They
+// lie within 1" of those of the Tycho-2 index or of the list of bright stars, except for three
+// stars that neither has. Sorted from south to north.
 constexpr std::array fastStars = {
     // clang-format off
     FastStar{84.2912, -80.4691, 5.65, 312, 1050},
@@ -110,10 +110,11 @@ SkyStar MovedStar(const SkyStar& star, const ProperMotion& motion, double years)
     const double north = motion.Dec * arcsecond / 1000 * years;
     const double cosDec = std::cos(star.Dec);
     const double sinDec = std::sin(star.Dec);
-    // On the plane that touches the sphere at the star: no pole and no cosine to divide by.
+    // Computed on the tangent plane at the star, which avoids the poles and a division by the
+    // cosine.
     const double outward = cosDec - north * sinDec;
     SkyStar moved = star;
-    // Nearly all stars move so little that the first terms of both series are exact to 1e-13.
+    // Nearly all stars move so little that the first terms of both series have errors below 1e-13.
     constexpr double little = 1e-5;
     const bool isLittle = std::fabs(north) + std::fabs(east) < little * cosDec;
     if (isLittle) {
@@ -131,7 +132,7 @@ SkyStar MovedStar(const SkyStar& star, const ProperMotion& motion, double years)
 
 std::optional<SkyStar> FastStarAt(const SkyStar& star, double epoch) {
     constexpr double near = 3 * arcsecond;
-    constexpr double farthest = 100 / 3600.0;  // degrees: none moved so far from 1991 to 2000
+    constexpr double farthest = 100 / 3600.0;  // degrees; none moved as far from 1991 to 2000
     const double dec = star.Dec / RadiansPerDegree;
     const auto* known =
         std::lower_bound(fastStars.begin(), fastStars.end(), dec - farthest,

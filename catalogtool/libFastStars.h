@@ -1,4 +1,4 @@
-// Proper motion: where stars are at the epoch of the catalog, not at that of their source.
+// Proper motion: moves stars from the epoch of their source to that of the catalog.
 #pragma once
 
 #include <optional>
@@ -7,20 +7,20 @@
 
 namespace vestrel {
 
-/// Milliarcseconds a year; `Ra` along the parallel, that is times the cosine of the declination, as
-/// all surveys since Hipparcos give it.
+/// Milliarcseconds per year; `Ra` includes the factor cos(declination), as in all surveys since
+/// Hipparcos.
 struct ProperMotion {
     double Ra = 0;
     double Dec = 0;
 };
 
-/// A star after a number of years (before, when negative), along its great circle.
+/// The star moved along a great circle by a number of years, which may be negative.
 SkyStar MovedStar(const SkyStar& star, const ProperMotion& motion, double years);
 
-/// Where one of the 76 brightest stars that move by more than 1" a year is at an epoch (years).
-/// For sources without motions, which have these stars where they were in 2000 or, the very
-/// brightest, in 1991. Nothing when the star is none of them: that is within 3" and a magnitude of
-/// either place.
+/// The position at an epoch (years) of one of the 76 brightest stars that move by more than 1" per
+/// year, for sources without proper motions. Such sources list these stars at their positions of
+/// 2000 or, the very brightest, of 1991. Nothing unless the star lies within 3" and a magnitude of
+/// one of these positions.
 std::optional<SkyStar> FastStarAt(const SkyStar& star, double epoch);
 
 }  // namespace vestrel

@@ -17,7 +17,7 @@ void FitsFile::Closer::operator()(fitsfile* file) const noexcept {
 FitsFile::FitsFile(const std::filesystem::path& path, std::string name) : name_(std::move(name)) {
     fitsfile* opened = nullptr;
     int status = 0;
-    // The "disk file" form reads the name as it stands, brackets and all.
+    // The "disk file" function takes the name literally, including brackets.
     fits_open_diskfile(&opened, TextFromPath(path).c_str(), READONLY, &status);
     handle_.reset(opened);
     Check(status, "open it");

@@ -1,4 +1,4 @@
-// An input file of the FITS library, whose failures end the subcommand with one message.
+// An input file of cfitsio; each failure ends the subcommand with one message.
 #pragma once
 
 #include <fitsio.h>
@@ -18,10 +18,10 @@ class FitsFile {
     fitsfile* Handle() const { return handle_.get(); }
     const std::string& Name() const { return name_; }
 
-    /// Throws a `ToolFailure`: the input is not what it should be.
+    /// Throws a `ToolFailure` that says why the input is not usable.
     [[noreturn]] void Fail(const std::string& why) const;
 
-    /// Throws one when a call of the library ended with a fault.
+    /// Throws a `ToolFailure` when a call of the library has failed.
     /// @param task what could not be done: "list its columns"
     void Check(int status, const std::string& task) const;
 

@@ -19,9 +19,9 @@ namespace {
 
 constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
 constexpr LONGLONG blockRows = 8192;
-constexpr long widestText = 256;  ///< of a position or what is filtered by
+constexpr long widestText = 256;  ///< of a position or a filter column
 
-/// What a column holds and, of those that are used, a block of it.
+/// The type of a column and, for columns in use, a block of its values.
 struct Column {
     bool IsText = false;
     long Width = 0;  ///< of a text
@@ -51,7 +51,7 @@ class FitsTable : public FitsFile {
  public:
     using FitsFile::FitsFile;
 
-    /// Goes to the first table that stars can be taken from.
+    /// Moves to the first table from which stars can be read.
     StarColumns FindColumns(const StarTableOptions& options) {
         int count = 0;
         int status = 0;
@@ -105,7 +105,7 @@ class FitsTable : public FitsFile {
                               static_cast<LONGLONG>(first) + 1, 1, static_cast<LONGLONG>(rows),
                               &none, column.Numbers.data(), nullptr, &status);
             }
-            // A number that does not fit is none; it has been left as it was.
+            // A number that does not fit is ignored; the library leaves the old value.
             if (status == NUM_OVERFLOW) status = 0;
             Check(status, "read its rows");
         }
@@ -114,7 +114,7 @@ class FitsTable : public FitsFile {
     BlockRow Row;
 
  private:
-    /// The names of the columns of the current table; takes note of what they hold.
+    /// The names of the columns of the current table. Also records their types.
     std::vector<std::string> ReadNames() {
         int count = 0;
         int status = 0;
@@ -132,7 +132,7 @@ class FitsTable : public FitsFile {
             fits_get_coltype(Handle(), i, &type, &repeat, &width, &status);
             Column& column = Row.Columns[static_cast<std::size_t>(i) - 1];
             column.IsText = type == TSTRING;
-            // A text of a binary table may be an array of pieces; the whole of it is meant.
+            // A text in a binary table may be an array of pieces, which belong together.
             column.Width = column.IsText ? std::max(repeat, width) : 0;
             const bool isNumber = type == TBYTE || type == TSHORT || type == TLONG ||
                                   type == TLONGLONG || type == TFLOAT || type == TDOUBLE ||

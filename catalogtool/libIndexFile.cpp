@@ -21,7 +21,7 @@ constexpr std::size_t packedBytes = 12;  // three 32-bit integers
 constexpr std::size_t doubleBytes = 24;  // three doubles
 constexpr std::size_t rangeBytes = 8;    // a double
 
-/// What surveys call their magnitudes, those of the eye's band first.
+/// The names of magnitudes in surveys, those of visual bands first.
 constexpr std::array magnitudeColumns = {"MAG_VT", "phot_g_mean_mag", "mag",  "mag_g", "VMAG",
                                          "RMAG",   "R_MAG",           "JMAG", "J_MAG", "J"};
 
@@ -31,8 +31,8 @@ std::uint64_t LittleEndian(const unsigned char* bytes, std::size_t count) {
     return value;
 }
 
-/// The path of a file that is not compressed: the library would unpack it into memory, however
-/// large it becomes.
+/// Requires that a file is not compressed, as the library would unpack it into memory, however
+/// large it is. @return its path
 const std::filesystem::path& RequirePlain(const std::filesystem::path& path) {
     const auto fail = [&](const std::string& why) {
         throw ToolFailure(ToolExit::BadInput, TextFromPath(path) + ": " + why);
@@ -56,7 +56,7 @@ class IndexFile : public FitsFile {
         Check(status, "list its tables");
     }
 
-    /// The text of a header card of the first header; empty when it lacks it.
+    /// The text of a card of the first header; empty when it is missing.
     std::string Card(const char* keyword) {
         std::array<char, FLEN_VALUE> value{};
         int status = 0;
@@ -65,7 +65,7 @@ class IndexFile : public FitsFile {
         return status == 0 ? value.data() : "";
     }
 
-    /// A whole number of the first header; `otherwise` when it lacks it.
+    /// A whole number of the first header; `otherwise` when it is missing.
     int Number(const char* keyword, int otherwise) {
         int value = 0;
         int status = 0;
@@ -74,7 +74,7 @@ class IndexFile : public FitsFile {
         return status == 0 ? value : otherwise;
     }
 
-    /// A column by name: its table and its number there, from 1. Table 0 when there is none.
+    /// The table of a column and its number there, from 1. Table 0 when there is none.
     struct Column {
         int Table = 0;
         int Number = 0;
@@ -103,7 +103,7 @@ class IndexFile : public FitsFile {
         return found.Table;
     }
 
-    /// Goes to a table.
+    /// Moves to a table.
     struct Table {
         std::size_t RowBytes = 0;
         std::uint64_t Rows = 0;
@@ -120,7 +120,7 @@ class IndexFile : public FitsFile {
         return {static_cast<std::size_t>(length), static_cast<std::uint64_t>(rows)};
     }
 
-    /// Bytes of the current table as they stand in the file, from a row (0-based) on.
+    /// Raw bytes of the current table, from a row (0-based) on.
     void ReadBytes(std::uint64_t row, std::vector<unsigned char>& bytes) {
         int status = 0;
         fits_read_tblbytes(Handle(), static_cast<LONGLONG>(row) + 1, 1,
@@ -128,7 +128,7 @@ class IndexFile : public FitsFile {
         Check(status, "read its stars");
     }
 
-    /// Numbers of a column of the current table, not-a-number where none is stored.
+    /// Numbers of a column of the current table; NaN where none is stored.
     void ReadFloats(int column, std::uint64_t row, std::vector<float>& values) {
         int status = 0;
         fits_read_col(Handle(), TFLOAT, column, static_cast<LONGLONG>(row) + 1, 1,
@@ -179,14 +179,14 @@ bool ReadPosition(const unsigned char* bytes, const Coordinates& coordinates, Sk
     const double equatorial = std::hypot(vector[0], vector[1]);
     const double length = std::hypot(equatorial, vector[2]);
     if (!(std::fabs(length - 1) < 1e-3)) return false;
-    // Both arctangents take ratios, so that the vector need not be brought to length 1 first.
+    // Both arctangents use ratios, so the vector need not be normalised.
     star.Ra = std::atan2(vector[1], vector[0]);
     if (star.Ra < 0) star.Ra += 2 * std::numbers::pi;
     star.Dec = std::atan2(vector[2], equatorial);
     return true;
 }
 
-/// Where the magnitudes stand: in a column of that name, of a usual name, or nowhere.
+/// The column of magnitudes: the one with the given name, else with a usual name, else none.
 IndexFile::Column MagnitudeColumn(IndexFile& file, const std::string& wanted, std::string& name) {
     if (!wanted.empty()) {
         name = wanted;
@@ -203,7 +203,7 @@ IndexFile::Column MagnitudeColumn(IndexFile& file, const std::string& wanted, st
     return {};
 }
 
-/// Magnitudes for ranks: the stars of an index are the first of each cell of the sky, then the
+/// Makes magnitudes from ranks: an index lists the brightest star of each cell of the sky, then the
 /// second ones, and so on ("sweep").
 class RankMagnitudes {
  public:
@@ -219,8 +219,8 @@ class RankMagnitudes {
         double before = 0;
         for (const std::uint64_t n : stars) {
             const auto here = static_cast<double>(n);
-            // There are about 30 stars to magnitude 11.5 in a square degree, and 0.42 more in the
-            // logarithm with each magnitude.
+            // A square degree has about 30 stars down to magnitude 11.5, and the logarithm of their
+            // number grows by 0.42 per magnitude.
             const double density = std::max(before + here / 2, 0.5) / area;
             magnitudes_.push_back(static_cast<float>(11.5 + std::log10(density / 30) / 0.42));
             before += here;

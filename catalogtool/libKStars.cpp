@@ -28,7 +28,7 @@ constexpr std::size_t lastBytes = 5;  ///< between the parts of the sky and the 
 constexpr std::uint32_t mostFields = 64;
 constexpr std::uint32_t mostParts = 1U << 17;  ///< the finest division that is in use has 32,768
 
-/// A number of two's complement in little-endian bytes, at most 4.
+/// A two's complement number of at most 4 bytes, little-endian.
 std::int64_t SignedNumber(const unsigned char* bytes, std::size_t size) {
     std::uint64_t value = 0;
     for (std::size_t i = size; i-- > 0;) value = value << 8 | bytes[i];
@@ -44,7 +44,7 @@ struct Field {
     std::string Name;
     std::size_t At = 0;  ///< in a record
     std::size_t Size = 0;
-    double Factor = 1;  ///< by which values were multiplied
+    double Factor = 1;  ///< factor by which the stored values were multiplied
 
     std::int64_t Raw(const unsigned char* record) const { return SignedNumber(record + At, Size); }
     double Value(const unsigned char* record) const {
@@ -67,7 +67,7 @@ class KStarsFile {
         ReadParts();
     }
 
-    /// A field by name; nothing when the stars have none of it.
+    /// A field by name; empty when the records lack it.
     const Field* Find(std::string_view name) const {
         const auto found = std::find_if(fields_.begin(), fields_.end(),
                                         [&](const Field& field) { return field.Name == name; });
@@ -82,7 +82,7 @@ class KStarsFile {
     std::uint64_t Count() const { return count_; }
     std::size_t RecordBytes() const { return recordBytes_; }
 
-    /// The next records, fewer than `most` at the end only.
+    /// The next `most` records; fewer only at the end of the file.
     std::vector<unsigned char> ReadRecords(std::uint64_t most) {
         return Read(static_cast<std::size_t>(most) * recordBytes_);
     }
@@ -152,7 +152,7 @@ class KStarsFile {
     std::uint64_t count_ = 0;
 };
 
-/// The magnitude of a star, from the blue one where there is no other; 99 when it has none.
+/// The magnitude of a star: the visual one, else the blue one; 99 when it has neither.
 class StarMagnitude {
  public:
     explicit StarMagnitude(const KStarsFile& file) : mag_(file.Find("mag")), blue_(nullptr) {
@@ -188,7 +188,7 @@ std::vector<fs::path> KStarsFilesIn(const fs::path& folder) {
         std::vector<char> start(startBytes + nameBytes);
         if (!file || std::fread(start.data(), 1, start.size(), file.get()) != start.size())
             continue;
-        // The file of names has another first field.
+        // The file of names has a different first field.
         if (std::memcmp(&start[textBytes], "SK", 2) == 0 &&
             std::memcmp(&start[startBytes], "RA", 3) == 0) {
             files.push_back(entry->path());

@@ -27,12 +27,12 @@ double MiddleDiagonal(const QuadPlan& plan) {
     return std::sqrt(plan.SmallestDiagonal * plan.LargestDiagonal) * RadiansPerDegree;
 }
 
-/// The cells in which the brightest stars of a plan's frames are looked for.
+/// The cells in which the brightest stars of a plan's frames are searched.
 SkyCells CellsFor(const QuadPlan& plan) {
     return SkyCells(MiddleDiagonal(plan) / 2.2);
 }
 
-/// The sky in cells, each with its brightest stars only, so that a frame's brightest are found
+/// The sky in cells with only the brightest stars of each, to find a frame's brightest stars
 /// quickly.
 class BrightCells {
  public:
@@ -80,7 +80,7 @@ class BrightCells {
 };
 
 struct FrameStar {
-    std::int32_t Star = 0;  ///< place in the sky: the fainter, the larger
+    std::int32_t Star = 0;  ///< index in the sky's list; fainter stars have larger ones
     double X = 0;           ///< radians on the gnomonic plane
     double Y = 0;
 };
@@ -89,7 +89,7 @@ double SquaredDistance(const FrameStar& a, const FrameStar& b) {
     return (a.X - b.X) * (a.X - b.X) + (a.Y - b.Y) * (a.Y - b.Y);
 }
 
-/// Places of four stars in the sky, brightest first.
+/// The indices of four stars in the sky's list, brightest first.
 using StarQuad = std::array<std::int32_t, 4>;
 
 StarQuad Sorted(StarQuad quad) {
@@ -108,8 +108,8 @@ class FrameSet {
 
     std::int64_t Count() const { return count_; }
 
-    /// The frames from `begin` to `end` in the order of their right ascensions: so neighbours on
-    /// the sky, which share stars and most of their quads, come soon after one another.
+    /// The frames from `begin` to `end` by right ascension. So neighbours on the sky, which share
+    /// stars and most of their quads, follow each other closely.
     static std::vector<std::int64_t> AlongTheSky(std::int64_t begin, std::int64_t end) {
         std::vector<std::int64_t> frames(static_cast<std::size_t>(end - begin));
         std::iota(frames.begin(), frames.end(), begin);
@@ -125,8 +125,8 @@ class FrameSet {
     /// The brightest stars of a frame, brightest first.
     void StarsOf(std::int64_t number, std::vector<FrameStar>& stars) const {
         const auto i = static_cast<double>(number);
-        // Multiples of irrational numbers spread evenly over everything that a frame can differ in:
-        // a spiral with the golden angle for the centres, two more for rotation and size.
+        // Multiples of irrational numbers spread all properties of frames evenly: a spiral with the
+        // golden angle for the centres, and two more for rotation and size.
         const double dec = std::asin(1 - (2 * i + 1) / static_cast<double>(count_));
         const double ra = RaOf(number);
         const double turn = std::fmod(i * 0.5698402909980532, 1.0) * pi;
@@ -179,8 +179,9 @@ class FrameSet {
     std::int64_t count_ = 0;
 };
 
-/// The brightest star after the triple's last one that lies in the circle over the longest side of
-/// the triple: wherever the triple is seen, so is that star. Nothing when the triple is too wide.
+/// The brightest star after the last one of the triple that lies in the circle over the triple's
+/// longest side: every frame that shows the triple shows that star too. Null when the triple is too
+/// wide.
 const FrameStar* StarBetween(const std::vector<FrameStar>& stars, std::size_t r1, std::size_t r2,
                              std::size_t r3) {
     const auto length = [&stars](std::size_t a, std::size_t b) {
@@ -243,10 +244,10 @@ void KeepUnique(std::vector<T>& list) {
     list.erase(std::unique(list.begin(), list.end()), list.end());
 }
 
-/// The stars that any frame has, marked by threads in any order.
+/// Marks the stars that any frame contains; threads set the marks in any order.
 using StarMarks = std::vector<std::atomic<bool>>;
 
-/// Tells quads that were met a little before, most of them.
+/// Recognizes most of the quads that occurred shortly before.
 class RecentQuads {
  public:
     bool IsNew(const StarQuad& quad) {
@@ -265,19 +266,19 @@ class RecentQuads {
     std::vector<StarQuad> quads_ = std::vector<StarQuad>(std::size_t{1} << sizeBits, {-1, 0, 0, 0});
 };
 
-/// The quads of a run of consecutive frames, the greatest first.
+/// The quads of a range of consecutive frames, the greatest first.
 std::vector<StarQuad> GatherRun(const FrameSet& frames, const QuadPlan& plan, std::int64_t begin,
                                 std::int64_t end, StarMarks& marks) {
     std::vector<StarQuad> quads;
     std::vector<FrameStar> stars;
     RecentQuads recent;
-    // What is held is made unique now and then.
+    // Duplicates are removed from time to time.
     std::size_t enough = 1U << 17;
     for (const std::int64_t frame : FrameSet::AlongTheSky(begin, end)) {
         frames.StarsOf(frame, stars);
         for (const FrameStar& star : stars) {
             std::atomic<bool>& mark = marks[static_cast<std::size_t>(star.Star)];
-            // Not written anew: threads would take its memory from each other.
+            // Not written when unchanged, as threads would compete for the cache line.
             if (!mark.load(std::memory_order_relaxed)) mark.store(true, std::memory_order_relaxed);
         }
         const auto before = static_cast<std::ptrdiff_t>(quads.size());
@@ -296,10 +297,10 @@ std::vector<StarQuad> GatherRun(const FrameSet& frames, const QuadPlan& plan, st
     return quads;
 }
 
-/// The quads of all runs, each once, in order. The runs lose theirs, bit by bit, so that they are
-/// not held twice.
+/// The quads of all ranges, each once, in order. They are removed from the ranges step by step, so
+/// that memory does not hold them twice.
 std::vector<StarQuad> MergeQuads(std::vector<std::vector<StarQuad>>& runs) {
-    // Slices by the first star, of about equal size as the longest run shows.
+    // Slices by the first star, of about equal size in the longest run.
     const auto& longest = *std::max_element(
         runs.begin(), runs.end(), [](const auto& a, const auto& b) { return a.size() < b.size(); });
     constexpr std::size_t sliceCount = 64;
@@ -317,7 +318,7 @@ std::vector<StarQuad> MergeQuads(std::vector<std::vector<StarQuad>>& runs) {
     all.reserve(most);
     for (std::size_t begin = 0; begin < sliceCount; begin += atOnce) {
         std::vector<std::vector<StarQuad>> slices(atOnce);
-        // Where the quads of a run end that have a first star from `bound` on.
+        // The end of the quads of a range whose first star is `bound` or later.
         const auto place = [](const std::vector<StarQuad>& run, std::int32_t bound) {
             return std::partition_point(run.begin(), run.end(),
                                         [bound](const StarQuad& quad) { return quad[0] >= bound; });

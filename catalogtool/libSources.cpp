@@ -30,7 +30,7 @@ std::vector<fs::path> IndexFilesIn(const fs::path& folder) {
     for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
          entry.increment(error)) {
         const std::string name = TextFromPath(entry->path().filename());
-        // The big-endian ones of Debian are for other machines.
+        // Debian's big-endian files are for other machines.
         if (name.starts_with("index-") && name.ends_with(".fits") &&
             name.find("bigendian") == std::string::npos) {
             files.push_back(entry->path());

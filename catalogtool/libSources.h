@@ -1,4 +1,4 @@
-// Star catalogs that other programs have installed.
+// Finds star catalogs that other programs have installed.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@ namespace vestrel {
 
 /// A star database of ASTAP.
 struct AstapSource {
-    std::filesystem::path Place;  ///< what `build --astap` takes
+    std::filesystem::path Place;  ///< the argument for `build --astap`
     std::size_t Files = 0;
     std::uint64_t Bytes = 0;
 };
@@ -24,7 +24,7 @@ struct IndexSource {
 
 /// Star files of KStars in one folder.
 struct KStarsSource {
-    std::filesystem::path Folder;  ///< what `build --kstars` takes
+    std::filesystem::path Folder;  ///< the argument of `build --kstars`
     std::size_t Files = 0;
     std::uint64_t Bytes = 0;
 };
@@ -36,10 +36,11 @@ struct CatalogSources {
     std::vector<std::filesystem::path> LookedIn;
 };
 
-/// Where ASTAP, Astrometry.net, KStars and Siril keep theirs on this machine; each once.
+/// The folders where ASTAP, Astrometry.net, KStars and Siril keep their catalogs on this machine;
+/// each once.
 std::vector<std::filesystem::path> UsualSourceFolders();
 
-/// What there is in some folders, not below them.
+/// The catalogs in some folders, without their subfolders.
 CatalogSources FindCatalogSources(const std::vector<std::filesystem::path>& folders);
 
 }  // namespace vestrel

@@ -51,7 +51,7 @@ constexpr std::initializer_list<const char*> magnitudeColumns = {"Vmag",        
                                                                  "j_m",         "Hpmag",
                                                                  "mag_auto"};
 
-/// Faster than any star; nulls of some surveys are 9999 or more.
+/// Faster than any star; some surveys mark missing values by 9999 or more.
 constexpr double largestMotion = 15000;
 
 bool SameText(std::string_view a, std::string_view b) {
@@ -64,7 +64,7 @@ std::string Listed(std::initializer_list<const char*> names) {
     return list;
 }
 
-/// The unit of a proper motion in milliarcseconds a year; 0 when it is none that is known.
+/// The unit of a proper motion in milliarcseconds per year; 0 when it is unknown.
 double MotionUnitOf(const std::string& text) {
     const std::string unit = UpperCase(text);
     if (unit.empty() || unit.find("MAS") != std::string::npos) return 1;
@@ -130,7 +130,7 @@ void StarColumns::Fail(const std::string& why) const {
     throw ToolFailure(ToolExit::BadInput, table_ + ": " + why);
 }
 
-/// An exact match comes first, for some tables have both "Gmag" and "gmag".
+/// An exact match comes first, because some tables have both "Gmag" and "gmag".
 std::size_t StarColumns::Find(std::string_view column) const {
     auto found = std::find(names_.begin(), names_.end(), column);
     if (found == names_.end()) {
@@ -153,7 +153,7 @@ std::string StarColumns::ColumnList() const {
     for (std::size_t i = 0; i < std::min(names_.size(), enough); ++i) {
         list += (i > 0 ? ", " : "") + names_[i].substr(0, longName);
     }
-    // What is no table may hold bytes that a terminal would obey.
+    // A file that is not a table may hold bytes that a terminal would obey.
     std::replace_if(
         list.begin(), list.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
     return names_.size() > enough ? list + ", ..." : list;
@@ -200,7 +200,7 @@ void StarColumns::FindMotionColumns() {
         sourceEpoch_ = *options_.TableEpoch;
         return;
     }
-    // VizieR's J2000 columns are at the epoch 2000, whatever the others of the table are.
+    // VizieR's J2000 columns are for epoch 2000, whatever the other columns are.
     if (position.find("2000") != std::string::npos) return;
     for (const char* name : epochColumns) {
         epochColumn_ = Find(name);
@@ -217,7 +217,8 @@ void StarColumns::FindMotionColumns() {
 void StarColumns::SetUnits(const std::vector<std::string>& units) {
     if (motionRa_ == NoColumn || motionRa_ >= units.size() || motionDec_ >= units.size()) return;
     motionUnit_ = MotionUnitOf(units[motionRa_]);
-    // Seconds of time in one and of arc in the other: tables older than the convention.
+    // Different units mean seconds of time and of arc, as in old tables: then the motions are not
+    // used.
     if (MotionUnitOf(units[motionDec_]) != motionUnit_) motionUnit_ = 0;
 }
 
@@ -295,7 +296,7 @@ bool StarColumns::ReadStar(const TableRow& row, SkyStar& star, RowFault& fault) 
 void StarColumns::Describe(StarTableResult& result) const {
     result.Columns = names_[ra_] + ", " + names_[dec_] + ", " + names_[mag_];
     result.Moved = moved_;
-    // Right ascensions all over 0..24 and none beyond: no survey of the sky in degrees has that.
+    // Right ascensions that span 0..24 and no more do not occur in surveys in degrees.
     result.LooksLikeHours = options_.RaUnit == AngleUnit::Automatic && leastRa_ < 0.1 &&
                             greatestRa_ > 23.9 && greatestRa_ <= 24;
     if (motionRa_ == NoColumn) {

@@ -1,4 +1,4 @@
-// What the columns of a table of stars are called, and the star of a row, whatever kind of file the
+// Finds the columns of a star table by name, and makes the star of a row, whatever kind of file the
 // table is in.
 #pragma once
 
@@ -21,16 +21,16 @@ struct RowFilter {
     std::string Column;
     char Comparison = '=';  ///< one of = < >
     std::string Value;
-    double Number = 0;  ///< the value as a number; not-a-number when it is none
+    double Number = 0;  ///< the value as a number; NaN when it is not one
 };
 
-/// Reads a filter like "ruwe<1.4"; false when it is none. `<` and `>` need a number.
+/// Reads a filter like "ruwe<1.4"; false when it is not valid. `<` and `>` need a number.
 bool ParseRowFilter(std::string_view text, RowFilter& filter);
 
 enum class AngleUnit { Automatic, Degrees, Hours };
 
 struct StarTableOptions {
-    // Names of columns, any case; empty to look for the usual ones.
+    // Names of columns, upper or lower case; empty to search for the usual ones.
     std::string RaColumn;
     std::string DecColumn;
     std::string MagColumn;
@@ -38,60 +38,62 @@ struct StarTableOptions {
     /// ("05:23:12.3", "05 23 12.3") are always hours.
     AngleUnit RaUnit = AngleUnit::Automatic;
     std::vector<RowFilter> Filters;
-    /// The epoch of the positions (years), when the table does not tell it.
+    /// The epoch of the positions (years), when the table does not give it.
     std::optional<double> TableEpoch;
-    /// The epoch to carry stars to, those that the table has proper motions of.
+    /// The epoch (years) to which stars with proper motions are moved.
     double Epoch = 2000;
 };
 
 /// Why a row gave no star.
 enum class RowFault { Malformed, TooLong, Filtered, NoPosition, BadPosition, NoMagnitude, Count };
 
-/// Words for a fault, as in "12 rows: no magnitude".
+/// The text of a fault, as in "12 rows: no magnitude".
 const char* RowFaultText(RowFault fault);
 
 struct StarTableResult {
     std::uint64_t Rows = 0;
     std::uint64_t Stars = 0;
-    std::uint64_t Moved = 0;  ///< stars that have a proper motion, which was applied
+    std::uint64_t Moved = 0;  ///< stars whose proper motion was applied
     std::array<std::uint64_t, static_cast<std::size_t>(RowFault::Count)> Faults{};
-    std::string Columns;  ///< the columns used, for the record: "ra, dec, phot_g_mean_mag"
-    std::string Motions;  ///< what was done about proper motions, for the record
-    /// The right ascensions read as degrees fill 0..24 and nothing beyond: they are hours.
+    std::string Columns;  ///< the columns used, for the manifest: "ra, dec, phot_g_mean_mag"
+    std::string Motions;  ///< how proper motions were treated, for the manifest
+    /// The right ascensions, read as degrees, fill 0..24 and no more: they are probably hours.
     bool LooksLikeHours = false;
 };
 
-/// Throws a `ToolFailure` that says why a table that was read to its end gave no star.
+/// Throws a `ToolFailure` with the reason when a table that was read to its end gave no star.
 void RequireStars(const StarTableResult& result, const std::string& table);
 
 /// One row of a table.
 class TableRow {
  public:
     virtual ~TableRow() = default;
-    /// The value of a column, counted from 0; not-a-number when it has none.
+    /// The value of a column, counted from 0; NaN when it has none.
     virtual double Number(std::size_t column) const = 0;
-    /// The text of a column. For a column of numbers: empty when it has no value, else anything.
+    /// The text of a column. For a column of numbers it is empty when there is no value, else any
+    /// text.
     virtual std::string_view Text(std::size_t column) const = 0;
 };
 
-/// The columns that stars are taken from.
+/// The columns from which stars are read.
 class StarColumns {
  public:
-    /// Looks for the columns by the names that surveys give them, exact ones first.
-    /// @param table its name, for messages
-    /// Throws a `ToolFailure` that lists the names looked for when a column is lacking.
+    /// Searches for the columns by the names that surveys use; exact matches come first.
+    /// @param table its name, for messages Throws a `ToolFailure` with the names that were searched
+    ///   when a column is missing.
     StarColumns(std::vector<std::string> names, std::string table, const StarTableOptions& options);
 
-    /// Takes note of the units of all columns, as far as they are known, before the first row.
+    /// Sets the units of all columns, as far as known. Must be called before the first row.
     void SetUnits(const std::vector<std::string>& units);
 
     std::size_t Count() const { return names_.size(); }
-    /// Whether rows are asked for this column.
+    /// Whether `ReadStar` uses this column.
     bool IsUsed(std::size_t column) const;
     std::size_t RaColumn() const { return ra_; }
     std::size_t DecColumn() const { return dec_; }
 
-    /// The star of a row, at the epoch wanted; false and a reason when it gives none.
+    /// Makes the star of a row at the requested epoch; false, with a reason, when the row gives
+    /// none.
     bool ReadStar(const TableRow& row, SkyStar& star, RowFault& fault);
 
     /// Completes the record of a table.
@@ -122,7 +124,7 @@ class StarColumns {
     std::size_t motionDec_ = NoColumn;
     std::size_t epochColumn_ = NoColumn;
     double motionUnit_ = 1;      ///< milliarcseconds
-    double sourceEpoch_ = 2000;  ///< of rows without one of their own
+    double sourceEpoch_ = 2000;  ///< of rows without their own epoch
     bool epochIsAssumed_ = false;
     std::uint64_t moved_ = 0;
     double leastRa_ = 360;

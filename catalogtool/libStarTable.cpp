@@ -10,7 +10,7 @@ namespace vestrel {
 
 namespace {
 
-/// A row of text that was split into its fields.
+/// A row of text, split into its fields.
 class TextRow final : public TableRow {
  public:
     double Number(std::size_t column) const override { return FieldNumber(Fields[column]); }
@@ -19,14 +19,15 @@ class TextRow final : public TableRow {
     std::vector<std::string_view> Fields;
 };
 
-/// One table being read: its columns are known, its rows come.
+/// A table of which the header was read.
 class TextTable {
  public:
     TextTable(std::string_view header, const std::string& name, const StarTableOptions& options)
         : splitter_(FieldSplitter::DelimiterOf(header)),
           columns_(NamesIn(header, name), name, options) {}
 
-    /// Whether a line under the names is one of dashes, or of units: words for a position.
+    /// Whether a line under the names holds dashes or units: units have words instead of a
+    /// position.
     bool IsDecoration(std::string_view line) {
         if (line.find_first_not_of("-+=|,;\t ") == std::string_view::npos) return true;
         const auto isWord = [](std::string_view field) {
@@ -41,7 +42,7 @@ class TextTable {
         return true;
     }
 
-    /// The star of a row; false and a reason when it gives none.
+    /// Makes the star of a row; false, with a reason, when the row gives none.
     bool ReadRow(std::string_view line, SkyStar& star, RowFault& fault) {
         fault = RowFault::Malformed;
         if (!splitter_.Split(line, row_.Fields)) return false;
@@ -80,7 +81,7 @@ StarTableResult ReadStarTable(UnpackedInput& input, const std::string& name, std
     StarTableResult result;
     LineReader reader(input);
     std::string_view line;
-    // The whole reading loop, for the names and the rows alike; false at the end.
+    // Reads the next line of names or rows; false at the end.
     const auto nextLine = [&](bool& tooLong) {
         for (;;) {
             const LineReader::Outcome outcome = reader.Next(line);

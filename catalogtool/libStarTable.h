@@ -1,4 +1,4 @@
-// Stars out of delimited text with named columns: exports of Gaia, UCAC, VizieR and the like.
+// Reads stars from delimited text with named columns: exports of Gaia, UCAC, VizieR and the like.
 #pragma once
 
 #include <cstdint>
@@ -9,14 +9,14 @@
 
 namespace vestrel {
 
-/// Hands every star of a table to `sink`.
+/// Passes every star of a table to `sink`.
 ///
-/// Lines that start with "#" and empty lines are skipped, then comes the line of column names,
-/// delimited by comma, tab, semicolon or bar; lines of units and of dashes may follow it. A row
-/// must have as many fields as there are names. Rows that give no star are counted by reason.
+/// Lines that start with "#" and empty lines are skipped. The first other line has the column
+/// names, delimited by comma, tab, semicolon or bar; lines of units and of dashes may follow it. A
+/// row must have as many fields as there are names. Rows that give no star are counted by reason.
 /// @param name of the input, for messages
-/// @param length of the input in bytes, packed, for the progress shown, 0 when unknown
-/// Throws a `ToolFailure` when the input cannot be read, lacks a column or gives not one star.
+/// @param length of the (compressed) input in bytes, for the progress; 0 when unknown Throws a
+///   `ToolFailure` when the input cannot be read, lacks a column or gives no star.
 StarTableResult ReadStarTable(UnpackedInput& input, const std::string& name, std::uint64_t length,
                               const StarTableOptions& options, const StarSink& sink,
                               ProgressLine& progress);

@@ -25,7 +25,7 @@ class SkyRandom {
     std::uint64_t state_;
 };
 
-/// Of the distance of two positions.
+/// The cosine of the distance of two positions.
 double Cosine(SkyPosition a, SkyPosition b) {
     return std::sin(a.Dec) * std::sin(b.Dec) +
            std::cos(a.Dec) * std::cos(b.Dec) * std::cos(a.Ra - b.Ra);
@@ -38,7 +38,7 @@ double RelativeDensity(SkyPosition sky) {
     return 0.125 + 0.875 * std::exp(-sine / 0.2);
 }
 
-/// The mean of `RelativeDensity` over the sky: of galactic latitudes with sine 0 to 1.
+/// The mean of `RelativeDensity` over the sky, by integration over the sine of galactic latitude.
 double MeanDensity() {
     return 0.125 + 0.875 * 0.2 * (1 - std::exp(-1 / 0.2));
 }
@@ -58,8 +58,7 @@ void MakeSyntheticSky(const SyntheticSky& sky, const StarSink& sink) {
         const double ra0 = static_cast<double>(cell.Slice) * width;
         const double sine0 = std::sin(2.5 * cell.Zone * RadiansPerDegree);
         const double sine1 = std::sin(2.5 * (cell.Zone + 1) * RadiansPerDegree);
-        // A cell that is far away is not gone through. No cell has a diagonal above 8 degrees, but
-        // the polar ones.
+        // Skips cells that are far away. Only polar cells have a diagonal above 8 degrees.
         const double middle = (cell.South ? -1 : 1) * std::asin((sine0 + sine1) / 2);
         if (sky.Radius < 170 && cell.Zone < ZonesPerHemisphere - 5 &&
             Cosine({ra0 + width / 2, middle}, centre) <

@@ -24,7 +24,7 @@ void LineReader::Refill() {
 }
 
 LineReader::Outcome LineReader::Next(std::string_view& line) {
-    std::size_t searched = 0;  // of the bytes from `begin_` on
+    std::size_t searched = 0;  // number of bytes from `begin_` on that were searched
     bool tooLong = false;
     for (;;) {
         const void* found =
@@ -57,7 +57,7 @@ LineReader::Outcome LineReader::Next(std::string_view& line) {
 }
 
 double FieldNumber(std::string_view field) {
-    // As fast as it gets, for it is called hundreds of millions of times.
+    // Written for speed, because it is called hundreds of millions of times.
     constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
     if (field.starts_with('+')) field.remove_prefix(1);
     double value = notANumber;

@@ -17,7 +17,7 @@ std::atomic<bool> stopSignalled = false;
 static_assert(std::atomic<bool>::is_always_lock_free, "set from a signal handler");
 
 extern "C" void RaiseStopFlag(int signal) {
-    // A second one means it.
+    // A second signal ends the program at once.
     if (stopSignalled) {
         std::signal(signal, SIG_DFL);
         std::raise(signal);
@@ -34,7 +34,7 @@ void CatchStopSignals() {
 #else
     struct sigaction action {};
     action.sa_handler = RaiseStopFlag;
-    // Without SA_RESTART a read that waits on a pipe ends too.
+    // Without SA_RESTART, a read that waits for a pipe is interrupted too.
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
 #endif
@@ -79,7 +79,7 @@ void ProgressLine::Show(std::string_view task, std::uint64_t done, std::uint64_t
     if (style_ == ProgressStyle::Terminal) return Draw(task, percent, count);
     nlohmann::ordered_json line = {{"task", task}, {"percent", nullptr}, {"count", count}};
     if (percent) line["percent"] = *percent;
-    // ASCII: the task may hold the name of a file in whatever bytes.
+    // ASCII only: the task may contain a file name that is not UTF-8.
     const std::string text = line.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
     std::fprintf(stream_, "%s\n", text.c_str());
     std::fflush(stream_);
@@ -91,7 +91,7 @@ void ProgressLine::Draw(std::string_view task, std::optional<int> percent, std::
     if (percent) line += std::to_string(*percent) + " %, ";
     line += GroupedText(count);
     const std::size_t shown = line.size();
-    // Blanks wipe what a longer line left; an escape sequence would need to know the terminal.
+    // Blanks erase the rest of a longer line; an escape sequence would depend on the terminal.
     line.resize(std::max(shown, drawn_), ' ');
     std::fprintf(stream_, "\r%s", line.c_str());
     std::fflush(stream_);

@@ -1,4 +1,4 @@
-// How the tool speaks to whoever runs it: exit codes, failures, progress and Ctrl-C.
+// Exit codes, failures, progress and Ctrl-C of the tool.
 #pragma once
 
 #include <chrono>
@@ -11,14 +11,14 @@
 
 namespace vestrel {
 
-/// What the program returns to the shell. Scripts rely on the numbers.
+/// The exit codes of the program. Scripts rely on the numbers.
 enum class ToolExit : int {
     Good = 0,
     FaultsFound = 1,  ///< `verify` found something wrong
     WrongUsage = 2,
-    BadInput = 3,  ///< something to be read is missing, unreadable or not what it should be
+    BadInput = 3,  ///< an input is missing, unreadable or of the wrong kind
     CannotWrite = 4,
-    Stopped = 130  ///< Ctrl-C, or a polite request to end
+    Stopped = 130  ///< Ctrl-C, or another signal to end
 };
 inline constexpr int NumberOf(ToolExit code) {
     return static_cast<int>(code);
@@ -32,28 +32,28 @@ class ToolFailure : public std::runtime_error {
     ToolExit Code;
 };
 
-/// From here on Ctrl-C (and the signals that end a session) only raises a flag, so that work in
-/// progress can be taken back. A second Ctrl-C ends the program at once.
+/// Makes Ctrl-C (and the signals that end a session) only set a flag, so that unfinished work can
+/// be undone. A second Ctrl-C ends the program at once.
 void CatchStopSignals();
 
-/// Throws a `ToolFailure` with `ToolExit::Stopped` once a stop was signalled. Cheap.
+/// Throws a `ToolFailure` with `ToolExit::Stopped` after a stop signal. Cheap to call.
 void ThrowIfStopped();
 
-/// The exit code of a failure: a stop often shows itself as a read that failed.
+/// The exit code after a failure: `Stopped` after a stop signal, which often makes a read fail.
 ToolExit ExitCodeAfter(ToolExit failure);
 
-/// The text of the system's current error number, as in "No space left on device".
+/// The text of the system's current error number, such as "No space left on device".
 std::string SystemErrorText();
 
-/// A number with its thousands set apart, "1,871,011".
+/// A number with thousands separators, "1,871,011".
 std::string GroupedText(std::uint64_t number);
 
 enum class ProgressStyle {
-    Terminal,  ///< one line that is drawn over; nothing where there is no terminal
+    Terminal,  ///< one line that is redrawn; nothing without a terminal
     Json       ///< for other programs: one object a line, {"task":"...","percent":37,"count":12}
 };
 
-/// Says how far the work is. Plain characters only, no colours.
+/// Reports progress. Uses plain characters only, no colours.
 class ProgressLine {
  public:
     explicit ProgressLine(std::FILE* stream, ProgressStyle style = ProgressStyle::Terminal);
@@ -61,9 +61,9 @@ class ProgressLine {
     ProgressLine& operator=(const ProgressLine&) = delete;
     ~ProgressLine() { Clear(); }
 
-    /// Says what is done: `done` of `total` as a percentage (none when `total` is 0), and `count`
-    /// things so far. Speaks a few times a second at most. Throws if a stop was signalled,
-    /// so a loop that reports can be stopped.
+    /// Reports `done` of `total` as a percentage (none when `total` is 0), and `count` processed
+    /// items. Writes at most a few times a second. Throws if a stop was signalled, so a loop that
+    /// reports can be stopped.
     void Show(std::string_view task, std::uint64_t done, std::uint64_t total, std::uint64_t count);
 
     /// Removes the line, so that messages can be written.

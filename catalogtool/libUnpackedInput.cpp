@@ -36,7 +36,7 @@ void UnpackedInput::Refill() {
     begin_ = 0;
     end_ = std::fread(buffer_.data(), 1, buffer_.size(), input_);
     taken_ += end_;
-    // A short read is the end or a failure; to read on would wait again on an interrupted pipe.
+    // A short read is the end or a failure. Reading again would wait for an interrupted pipe.
     atEnd_ = end_ < buffer_.size();
     if (atEnd_ && std::ferror(input_) != 0) failure_ = SystemErrorText();
 }
@@ -52,7 +52,7 @@ std::size_t UnpackedInput::Unpack(char* data, std::size_t room) {
             break;
         }
         if (unpacker_->BetweenFiles) {
-            // Zeros after the end are padding, as gzip itself takes them.
+            // Zeros after the end are padding, as for gzip itself.
             if (buffer_[begin_] == 0) {
                 ++begin_;
                 continue;

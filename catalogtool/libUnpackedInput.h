@@ -1,4 +1,4 @@
-// A stream of bytes that may be packed by gzip.
+// A stream of bytes that may be compressed by gzip.
 #pragma once
 
 #include <cstddef>
@@ -11,8 +11,8 @@
 
 namespace vestrel {
 
-/// Reads a stream; what starts as a gzip file is unpacked on the way, in a fixed amount of memory,
-/// several ones after another as one.
+/// Reads a stream. A gzip stream is unpacked on the fly in a fixed amount of memory; several gzip
+/// files in a row count as one.
 class UnpackedInput {
  public:
     explicit UnpackedInput(std::FILE* input);
@@ -21,15 +21,16 @@ class UnpackedInput {
     UnpackedInput& operator=(const UnpackedInput&) = delete;
 
     bool IsPacked() const { return unpacker_ != nullptr; }
-    /// Whether the unpacked bytes, before any were read, start so (at most 64 bytes).
+    /// Whether the unpacked bytes start with these (at most 64). Must be called before the first
+    /// read.
     bool StartsWith(std::string_view bytes);
 
-    /// Reads up to `room` bytes: fewer at the end only, or after a failure.
+    /// Reads up to `room` bytes; fewer only at the end or after a failure.
     std::size_t Read(char* data, std::size_t room);
 
     /// Why reading ended early; empty when it did not.
     const std::string& Fault() const { return failure_; }
-    /// Bytes taken from the stream so far, as they lie there.
+    /// Bytes taken from the stream so far, before unpacking.
     std::uint64_t BytesRead() const { return taken_; }
 
  private:
@@ -40,11 +41,11 @@ class UnpackedInput {
 
     std::FILE* input_;
     std::vector<unsigned char> buffer_;
-    std::size_t begin_ = 0;  // of what was not handed out yet
+    std::size_t begin_ = 0;  // start of the bytes not yet used
     std::size_t end_ = 0;
     bool atEnd_ = false;
     std::uint64_t taken_ = 0;
-    std::string front_;  ///< unpacked bytes that were looked at before they were read
+    std::string front_;  ///< unpacked bytes that `StartsWith` has taken in advance
     std::string failure_;
     std::unique_ptr<Inflater> unpacker_;
 };

@@ -18,7 +18,7 @@ namespace vestrel {
 
 namespace {
 
-/// The range of fields that a catalog like Tycho-2 has the stars for.
+/// The range of fields (degrees) for which a catalog like Tycho-2 has enough stars.
 constexpr double usualFrom = 0.9;
 constexpr double usualTo = 30;
 

@@ -1,4 +1,4 @@
-// vestrel-catalog render: draws a frame of the sky from the catalog, with its truth beside it.
+// vestrel-catalog render: renders a frame of the sky from the catalog, with its truth beside it.
 #include <CLI/App.hpp>
 #include <algorithm>
 #include <cmath>
@@ -50,7 +50,7 @@ struct RenderOptions {
     double FaintFrom = 11.5;  ///< where the completeness of the usual catalog ends
 };
 
-/// What the options come to.
+/// The frame that the options describe.
 struct RenderPlan {
     FrameGeometry Geometry;
     FrameExposure Exposure;
@@ -72,7 +72,7 @@ FrameGeometry GeometryOf(const RenderOptions& options) {
     const auto size = ParseFieldSize(options.Size);
     if (!size) WrongUsage("--size: no field size: " + options.Size);
 
-    // A larger header value than this is more than the solver reads.
+    // The solver cannot read larger sizes.
     constexpr double mostPixels = 32767;
     constexpr double fewestPixels = 20;
     const double height = std::nearbyint(options.WidthPixels * size->second / size->first);
@@ -92,7 +92,7 @@ FrameGeometry GeometryOf(const RenderOptions& options) {
             geometry.AxisX = options.Distortion[1];
             geometry.AxisY = options.Distortion[2];
         }
-        // More would fold the frame over.
+        // More distortion would fold the frame over.
         const double half = geometry.HalfDiagonal();
         if (options.Distortion.size() == 2 || !(std::fabs(geometry.Distortion) <= half / 10) ||
             !(std::hypot(geometry.AxisX, geometry.AxisY) <= half / 2)) {
@@ -113,7 +113,7 @@ RenderPlan PlanOf(const RenderOptions& options) {
 
     FrameExposure& exposure = plan.Exposure;
     exposure = options.Exposure;
-    // Few counts leave less room between the noise of the sky and the brightest stars.
+    // With few counts there is less room between the noise of the sky and the brightest stars.
     const bool bytes = options.Format == 8;
     exposure.WholeCounts = options.Format != -32;
     exposure.Gain = options.Gain.value_or(bytes ? 24 : 1);
@@ -141,7 +141,7 @@ RenderPlan PlanOf(const RenderOptions& options) {
           exposure.DefocusHole >= 0 && exposure.DefocusHole <= largestHole)) {
         WrongUsage("--trail, --defocus: at most 500 pixels, and a hole of at most 0.9");
     }
-    // By default stars well below what a solve needs still stand clear of the noise.
+    // By default, stars well below what a solve needs are still above the noise.
     constexpr double deeper = 1.5;
     constexpr double clearSigmas = 8;
     exposure.ZeroPoint =
@@ -150,7 +150,7 @@ RenderPlan PlanOf(const RenderOptions& options) {
     return plan;
 }
 
-/// A mount would not know the seconds: "08 40 24" becomes "08 40 00".
+/// Removes the seconds, which a mount would not know: "08 40 24" becomes "08 40 00".
 std::string ToTheMinute(const std::string& sexagesimal) {
     return sexagesimal.substr(0, sexagesimal.size() - 2) + "00";
 }
@@ -257,7 +257,7 @@ void Write(const fs::path& path, bool written) {
     }
 }
 
-/// A real sky goes on where the catalog ends.
+/// Adds stars fainter than the catalog, as in a real sky.
 void AddFaintStars(const RenderOptions& options, const RenderPlan& plan,
                    std::vector<FrameStar>& stars) {
     const double faintest = std::max(plan.DrawnLimit, options.FaintFrom);
@@ -277,7 +277,7 @@ void Render(const RenderOptions& options) {
     }
     std::vector<FrameStar> stars;
     if (options.RandomStars) {
-        // Seven magnitudes: what a frame shows between its brightest star and the noise.
+        // A frame shows about seven magnitudes between its brightest star and the noise.
         stars = RandomFrameStars(plan.Geometry, *options.RandomStars, plan.DrawnLimit - 7,
                                  plan.DrawnLimit, plan.Exposure.Seed);
     } else {

@@ -1,4 +1,4 @@
-// vestrel-catalog sources: what other programs have installed that a catalog can be made from.
+// vestrel-catalog sources: lists catalogs of other programs from which a catalog can be made.
 #include <CLI/App.hpp>
 #include <cstdio>
 #include <memory>
@@ -27,7 +27,7 @@ std::string Quoted(const std::string& text) {
     return quoted + "'";
 }
 
-/// A source in words, and the options of `build` that take it.
+/// Describes a source in words, with the options of `build` that use it.
 struct SourceEntry {
     std::string Text;
     std::vector<std::string> Options;

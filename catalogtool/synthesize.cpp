@@ -1,4 +1,4 @@
-// vestrel-catalog synthesize: a catalog of stars that are nowhere, for tests and benches.
+// vestrel-catalog synthesize: makes a catalog of artificial stars, for tests and benchmarks.
 #include <CLI/App.hpp>
 #include <cstdio>
 #include <system_error>
@@ -61,7 +61,7 @@ void AddSynthesizeCommand(CLI::App& program, ToolExit& exitCode) {
     CLI::App& command = *program.add_subcommand(
         "synthesize", "Make a catalog of random stars, for tests only: it solves rendered frames");
     const auto request = std::make_shared<Request>();
-    // The usual folder holds the real catalog, which nothing of this kind may replace.
+    // There is no default folder: that holds the real catalog, which must not be replaced.
     command.add_option("--catalog", request->Catalog, "Folder of the new catalog")
         ->type_name("DIR")
         ->required();

@@ -35,7 +35,7 @@ ToolExit Verify(const std::filesystem::path& folder) {
     const std::string quadFault = FaultOfQuadFile(folder / QuadFileName);
     if (!quadFault.empty()) addFault(std::string(QuadFileName) + " " + quadFault);
 
-    // The first to be named: other faults may be many.
+    // Holes are named first, because there may be many other faults.
     for (const CatalogHole& hole : survey.Holes) {
         addFault(CellName(AllCells()[hole.Cell]) + " is a hole: " + GroupedText(hole.Stars) +
                  " stars where its neighbours make one expect " +

@@ -1,4 +1,4 @@
-// vestrel-catalog: makes the star catalog that solving needs, and looks after it.
+// vestrel-catalog: makes, describes and checks the star catalog for solving.
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
@@ -49,7 +49,7 @@ namespace {
 
 int Run(int argc, const char* const* argv) {
     CLI::App program("Makes, describes and checks the star catalog of Vestrel.", "vestrel-catalog");
-    program.allow_windows_style_options(false);  // a path may begin with "/" there too
+    program.allow_windows_style_options(false);  // a path may begin with "/" on Windows too
     program.set_version_flag("--version", "vestrel-catalog " VESTREL_VERSION);
     program.require_subcommand(1);
     program.footer(
@@ -77,7 +77,7 @@ int Run(int argc, const char* const* argv) {
         std::fputs(WithoutControls(errors.str(), "\n").c_str(), stderr);
         return NumberOf(good ? ToolExit::Good : ToolExit::WrongUsage);
     }
-    // Results that never arrived are no success.
+    // When the output could not be written, the run has failed.
     if (std::fflush(stdout) != 0) {
         throw ToolFailure(ToolExit::CannotWrite, "standard output: " + SystemErrorText());
     }

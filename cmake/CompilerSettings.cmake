@@ -1,4 +1,4 @@
-# One place for the flags that every target shares.
+# The compiler flags that all targets share.
 
 add_library(vestrel_settings_for_compiler INTERFACE)
 target_compile_options(vestrel_settings_for_compiler INTERFACE
@@ -9,12 +9,12 @@ target_compile_options(vestrel_settings_for_compiler INTERFACE
 if(VESTREL_WARNINGS_ARE_ERRORS)
     target_compile_options(vestrel_settings_for_compiler INTERFACE -Werror)
 endif()
-# Byte and pixel loops are written to be vectorised, which -O2 leaves undone. Daily builds do without:
-# -O3 takes half as long again to compile.
+# Byte and pixel loops are written to be vectorised, which -O2 does not do. Development builds do
+# without -O3, which takes half as long again to compile.
 target_compile_options(vestrel_settings_for_compiler INTERFACE
     $<$<CONFIG:Release>:-O3>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-    # GCC 12 warns of overlaps inside its own std::string (GCC bug 105651).
+    # GCC 12 wrongly warns of overlaps inside its own std::string (GCC bug 105651).
     target_compile_options(vestrel_settings_for_compiler INTERFACE -Wno-restrict)
 endif()
 target_include_directories(vestrel_settings_for_compiler INTERFACE ${PROJECT_SOURCE_DIR})
@@ -23,8 +23,8 @@ if(VESTREL_ASSERTIONS)
     string(REPLACE "-DNDEBUG" "" CMAKE_CXX_FLAGS_RELWITHDEBINFO "${CMAKE_CXX_FLAGS_RELWITHDEBINFO}")
 endif()
 
-# Programs for people read files of strangers: a fault in them is to end the program and no more.
-# Sanitizers see more by themselves and do not go with it.
+# Released programs read files of unknown origin: a memory fault must end the program and do nothing
+# worse. Sanitizers detect more by themselves and cannot be combined with this.
 if(UNIX AND NOT APPLE AND NOT VESTREL_SANITIZE)
     set(hardened $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
     target_compile_options(vestrel_settings_for_compiler INTERFACE
@@ -36,7 +36,7 @@ if(UNIX AND NOT APPLE AND NOT VESTREL_SANITIZE)
     endif()
     target_link_options(vestrel_settings_for_compiler INTERFACE
         -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
-    # Debian's compilers make position-independent programs by themselves, others are told to.
+    # Debian's compilers make position-independent programs by default; others must be told.
     include(CheckCXXSourceCompiles)
     check_cxx_source_compiles("
 #ifndef __PIE__

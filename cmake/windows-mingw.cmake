@@ -16,11 +16,12 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(ENV{PKG_CONFIG_LIBDIR} ${libraries}/lib/pkgconfig)
 set(PKG_CONFIG_ARGN --static)
 
-# A program that needs nothing beside itself, not even the compiler's own libraries.
+# The programs need no libraries beside them, not even the compiler's own.
 set(CMAKE_EXE_LINKER_FLAGS_INIT -static)
 set(CMAKE_SHARED_LINKER_FLAGS_INIT -static)
 
-# The programs run in a Windows of the build folder's own. Names beyond ASCII pass in UTF-8 only.
+# The programs run in a Wine environment inside the build folder. Names beyond ASCII work only in
+# UTF-8.
 find_program(VESTREL_WINE NAMES wine wine64)
 if(VESTREL_WINE)
     set(VESTREL_WINE_ENVIRONMENT WINEPREFIX=${CMAKE_BINARY_DIR}/wine WINEDEBUG=-all LC_ALL=C.UTF-8

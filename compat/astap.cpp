@@ -27,13 +27,13 @@ namespace vestrel {
 
 namespace {
 
-/// The exit codes that hosts know, and the words that belong to them.
+/// An exit code that hosts know, and its text.
 struct AstapFault {
     int Exit;
     const char* Text;
 };
-/// The highest order of the distortion: what a lens needs. Beyond it a few stars at the edge decide
-/// on the corners.
+/// The highest order of the distortion, which suits a lens. With higher orders a few stars at the
+/// edge would determine the corners.
 constexpr int sipOrder = 3;
 constexpr AstapFault wrongUse{1, ""};
 constexpr AstapFault noSolution{1, "No solution found."};
@@ -79,7 +79,7 @@ SolverHints HintsFrom(const AstapOptions& options, const std::vector<std::string
             hints.Centres.push_back({centre.Ra, centre.Dec, radius});
         }
     }
-    // A guess that may be far off: hosts send anything from 0.6 to 1.3 of the truth.
+    // The guess may be far off: hosts send 0.6 to 1.3 times the true size.
     if (options.Height) {
         hints.FieldHeight = SolverRange{*options.Height, *options.Height};
     } else if (const auto perRow = HeaderMatrixScale(cards)) {
@@ -90,7 +90,7 @@ SolverHints HintsFrom(const AstapOptions& options, const std::vector<std::string
     return hints;
 }
 
-/// What the user has to do about the scale; empty when it was good to 5 %.
+/// What the user should do about the scale; empty when it was right to 5 %.
 std::string ScaleWarning(const AstapOptions& options, const SolvedField& field,
                          const std::vector<std::string>& cards) {
     constexpr double good = 0.05;
@@ -125,7 +125,7 @@ class AstapRun {
                 return wrongUse.Exit;
             }
         }
-        // What an earlier run has left must not be taken for this one's.
+        // Results of an earlier run must not be taken for those of this one.
         std::error_code ignored;
         for (const char* extension : {".ini", ".wcs"}) {
             std::filesystem::remove(PathFromText(AstapOutputPath(options_, extension)), ignored);
@@ -137,7 +137,7 @@ class AstapRun {
         try {
             return Solve();
         } catch (const std::exception& error) {
-            // Such as memory that ran out: hosts wait for the .ini whatever happens.
+            // For example when memory runs out: hosts wait for the .ini file whatever happens.
             log_ += std::string(error.what()) + "\n";
             return Fail(noSolution);
         }
@@ -177,7 +177,7 @@ class AstapRun {
             contents.Warning = warning;
         }
         const std::vector<std::string> header = HeaderCards(contents);
-        // The .ini says that all is there, so it comes last.
+        // Hosts take the .ini file as a sign that everything is written, so it comes last.
         if (!Write(".wcs",
                    options_.BlockHeader ? FitsHeaderBlocks(header) : HeaderLinesText(header))) {
             return Fail({wrongUse.Exit, "The .wcs file cannot be written."});

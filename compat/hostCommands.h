@@ -1,4 +1,4 @@
-// The commands that other programs know solvers by.
+// The solver commands that other programs call.
 #pragma once
 
 #include <functional>
@@ -14,7 +14,7 @@ int RunAstap(const std::vector<std::string>& arguments);
 /// Solves as `solve-field` does. @return the exit code
 int RunSolveField(const std::vector<std::string>& arguments);
 
-/// Tells of world coordinates as `wcsinfo` does. @return the exit code
+/// Prints world coordinates as `wcsinfo` does. @return the exit code
 int RunWcsInfo(const std::vector<std::string>& arguments);
 
 /// Runs the command of a name; nothing when there is none of that name.

@@ -23,7 +23,7 @@ bool SpeaksOfLayout(std::string_view keyword) {
     return std::find(std::begin(layout), std::end(layout), keyword) != std::end(layout);
 }
 
-/// A text that goes on in a CONTINUE card ends with "&"; alone that would be no more than wrong.
+/// Whether a text continues in a CONTINUE card: it then ends with "&" and would be wrong alone.
 bool GoesOn(std::string_view card) {
     return Trim(card).ends_with("&'");
 }
@@ -40,7 +40,7 @@ void AddPolynomial(std::vector<std::string>& cards, const std::string& name,
     }
 }
 
-/// One line, whatever the text holds.
+/// The text as a single line.
 std::string OneLine(const std::string& text) {
     return WithoutControls(text);
 }
@@ -85,7 +85,7 @@ std::string SolvedIniText(const SolverCoordinates& coordinates, const std::strin
 }
 
 std::string FailedIniText(const std::string& command, const std::string& error) {
-    // No blank line first: one reader takes it for an empty file.
+    // There must be no blank line first: one reader would take the file for empty.
     return "PLTSOLVD=F\nCMDLINE=" + OneLine(command) + "\nERROR=" + OneLine(error) + "\n";
 }
 

@@ -1,4 +1,4 @@
-// The files in which hosts read a solution.
+// The files from which hosts read a solution.
 #pragma once
 
 #include <string>
@@ -8,36 +8,37 @@
 
 namespace vestrel {
 
-/// The `.ini` of a solution. `coordinates` without distortion: there is no room for it.
-/// @param command the command line, for people
-/// @param warning what the user has to do, else empty: hosts open a window for it
+/// The `.ini` file of a solution. `coordinates` must have no distortion, for which the file has no
+/// keys.
+/// @param command the command line, for human readers
+/// @param warning what the user should do, or empty: hosts show it in a window
 std::string SolvedIniText(const SolverCoordinates& coordinates, const std::string& command,
                           const std::string& warning);
 
-/// The `.ini` of a solve that failed.
+/// The `.ini` file of a failed solve.
 std::string FailedIniText(const std::string& command, const std::string& error);
 
-/// The geometry of coordinates in the older keywords, degrees: signs as hosts know them, the first
-/// scale below 0 when the determinant is.
+/// The geometry of coordinates in the older keywords, degrees, with the signs that hosts expect:
+/// the first scale is below 0 when the determinant is.
 struct ClassicGeometry {
     double Cdelt[2] = {};
     double Crota[2] = {};
 };
 ClassicGeometry ClassicGeometryOf(const SolverCoordinates& coordinates);
 
-/// What a `.wcs` header is made of.
+/// The contents of a `.wcs` header.
 struct HeaderContents {
     SolverCoordinates Coordinates;
     int Width = 0;
     int Height = 0;
-    std::vector<std::string> PictureCards;  ///< of the image, to hand on
+    std::vector<std::string> PictureCards;  ///< header cards of the image, to be kept
     bool Classic = false;                   ///< with CDELT and CROTA, and PLTSOLVD
     std::string Warning;
     std::vector<std::string> Comments;
 };
 
-/// The cards of a header without data, 80 characters each, without END. Of the picture's cards
-/// those stay out that speak of its layout, of older coordinates, or go on in the next card.
+/// The cards of a header without data, 80 characters each, without END. It omits cards of the
+/// picture about its layout or older coordinates, and cards that continue in the next one.
 std::vector<std::string> HeaderCards(const HeaderContents& contents);
 
 /// The part of such a header that speaks of the coordinates, from WCSAXES on.

@@ -1,4 +1,4 @@
-// A stop that is asked for by creating a file.
+// Turns the creation of a file into a stop request.
 #pragma once
 
 #include <stop_token>
@@ -7,7 +7,7 @@
 
 namespace vestrel {
 
-/// Watches for a file while it lives, ten times a second; once it is there a stop is asked for.
+/// Looks for a file ten times a second while it lives, and requests a stop once the file exists.
 class CancelFile {
  public:
     /// @param path UTF-8; empty: nothing is watched

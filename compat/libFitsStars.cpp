@@ -13,10 +13,10 @@ namespace vestrel {
 
 namespace {
 
-/// More stars than any list for a solve has; forged tables end here.
+/// More stars than any list for a solve has; the limit stops forged tables.
 constexpr std::size_t mostStars = 1'000'000;
 
-/// A header and where the data after it begin.
+/// A header, and where the data after it begin.
 struct Header {
     std::vector<std::string> Cards;  ///< without END
     std::size_t DataStart = 0;
@@ -37,7 +37,7 @@ struct Header {
         const auto number = ParseFitsNumber(Text(keyword));
         return number && std::isfinite(*number) ? number : std::nullopt;
     }
-    /// A whole number from 0 on that a size can be.
+    /// A whole number from 0 on that can be a size.
     std::optional<std::size_t> Count(std::string_view keyword) const {
         constexpr double largest = 1e12;
         const auto number = Number(keyword);
@@ -112,7 +112,7 @@ std::size_t BytesOf(char type) {
     }
 }
 
-/// The columns of a table; nothing when a format is none.
+/// The columns of a table; nothing when a format is not valid.
 std::optional<std::vector<Column>> ReadColumns(const Header& table) {
     constexpr std::size_t most = 999;
     const auto count = table.Count("TFIELDS");
@@ -202,7 +202,7 @@ std::optional<FitsStars> ReadFitsStars(std::span<const unsigned char> bytes,
     if (!rowBytes || !rows || *rowBytes == 0 || !all) return std::nullopt;
     const Column* const x = ColumnOf(*all, columns.X, {"X", "X_IMAGE", "XIMAGE"});
     const Column* const y = ColumnOf(*all, columns.Y, {"Y", "Y_IMAGE", "YIMAGE"});
-    // A list without the column to sort by is one in order.
+    // A list without the column to sort by is already in order.
     const Column* const sort =
         ColumnOf(*all, columns.Sort,
                  columns.Sort.empty() ? std::initializer_list<std::string_view>{"FLUX"}

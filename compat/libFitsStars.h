@@ -1,4 +1,4 @@
-// Stars that another program has listed in a binary table of FITS.
+// Reads stars that another program has listed in a FITS binary table.
 #pragma once
 
 #include <optional>
@@ -8,7 +8,7 @@
 
 namespace vestrel {
 
-/// Which columns to take; empty: the usual names.
+/// The names of the columns to read; empty: the usual names.
 struct StarColumns {
     std::string X;
     std::string Y;
@@ -20,17 +20,19 @@ struct StarColumns {
 struct ListedStar {
     double X = 0;
     double Y = 0;
-    double Rank = 0;  ///< the larger, the sooner it is taken
+    double Rank = 0;  ///< stars with a larger rank come first
 };
 
 struct FitsStars {
-    std::vector<ListedStar> Stars;  ///< in the order of the table, without those that have no place
+    std::vector<ListedStar> Stars;  ///< in the order of the table, without stars that have no
+                                    ///< position
     double Width = 0;               ///< IMAGEW and IMAGEH; else the largest X and Y
     double Height = 0;
-    std::vector<std::string> Cards;  ///< of the table's header, with that of the file
+    std::vector<std::string> Cards;  ///< of the table's header and of the file's primary header
 };
 
-/// Whether a file is FITS with a binary table as its first extension and no image before it.
+/// Whether a file is FITS with a binary table as its first extension and no image in the primary
+/// header.
 bool HoldsStarTable(std::span<const unsigned char> bytes);
 
 /// Reads the table of such a file.

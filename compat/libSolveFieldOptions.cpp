@@ -114,7 +114,8 @@ constexpr KnownOption known[] = {
     {'a', "sort-ascending", false},
 };
 
-/// The option of a name, which may be cut short; null and a fault when there is none, or several.
+/// The option with a name, which may be abbreviated. Null, with a fault, when there is none or the
+/// name is ambiguous.
 const KnownOption* LongOption(std::string_view name, std::string& fault) {
     const KnownOption* found = nullptr;
     bool several = false;
@@ -141,7 +142,7 @@ const KnownOption* LetterOption(char letter, std::string& fault) {
     return nullptr;
 }
 
-/// Reads the values; what cannot be read becomes a fault.
+/// Reads the values of options; invalid ones become a fault.
 class Reader {
  public:
     explicit Reader(SolveFieldOptions& options) : options_(options) {}
@@ -188,7 +189,7 @@ class Reader {
     }
     std::optional<double> Positive(const std::string& value, std::string_view name) {
         const auto number = ParseNumber(value);
-        // 0 has always stood for "not known".
+        // 0 means "unknown".
         if (number && std::isfinite(*number) && *number >= 0) {
             return *number > 0 ? number : std::nullopt;
         }
@@ -319,7 +320,7 @@ std::string SolveFieldOutputPath(const SolveFieldOptions& options, const std::st
     if (named == "none") return {};
     if (!named.empty()) return named;
     const std::filesystem::path folder = PathFromText(options.Folder);
-    // A base may hold dots of its own.
+    // A base name may contain dots.
     if (!options.Base.empty()) return TextFromPath(folder / PathFromText(options.Base + extension));
     std::filesystem::path path = PathFromText(input).replace_extension(extension);
     return TextFromPath(options.Folder.empty() ? path : folder / path.filename());

@@ -1,4 +1,4 @@
-// The command line of `solve-field`, as imaging programs send it.
+// The command line of `solve-field`, as imaging programs use it.
 #pragma once
 
 #include <optional>
@@ -11,12 +11,13 @@ namespace vestrel {
 
 enum class ScaleUnit { DegreesWidth, ArcminutesWidth, ArcsecondsPerPixel, FocalLength35mm };
 
-/// What such a command line asks for. An output called "none" is not wanted, and an empty one has
+/// The options of such a command line. An output named "none" is not written, and an empty one gets
 /// its usual name.
 struct SolveFieldOptions {
     bool Help = false;
     bool Version = false;
-    std::string Fault;                ///< what is wrong with the line, in words; empty: nothing
+    std::string Fault;                ///< what is wrong with the command line; empty when nothing
+                                      ///< is
     std::vector<std::string> Inputs;  ///< UTF-8 paths
     std::optional<double> ScaleLow;   ///< above 0, in `Unit`
     std::optional<double> ScaleHigh;
@@ -32,7 +33,7 @@ struct SolveFieldOptions {
     std::string Base;
     std::string Folder;
     bool CentreIsReference = false;
-    int TweakOrder = -1;  ///< highest order of the distortion, 0 for none, −1: not given
+    int TweakOrder = -1;  ///< highest order of the distortion, 0 for none; −1: not given
     bool Overwrite = false;
     bool SkipSolved = false;
     bool Continue = false;
@@ -44,16 +45,16 @@ struct SolveFieldOptions {
     bool SortAscending = false;
 };
 
-/// Reads the arguments after the program's name as getopt_long of the GNU library does: options
-/// and files in any order, "--name value" and "--name=value", names cut short as long as they are
-/// unique, letters joined, "--" before files only.
+/// Reads the arguments after the program's name like getopt_long of the GNU C library: options and
+/// files in any order, "--name value" and "--name=value", abbreviated names as long as they are
+/// unique, joined letters, and "--" before arguments that are only files.
 SolveFieldOptions ParseSolveFieldOptions(const std::vector<std::string>& arguments);
 
 /// What `--help` prints.
 extern const char* const SolveFieldUsage;
 
-/// The path of a result of an input: `named` when it is not empty, else the input's with its last
-/// extension replaced; the base and the folder that the options name come in. Empty for "none".
+/// The path of a result: `named` unless it is empty, else the input's path with its last extension
+/// replaced; the base name and folder of the options apply. Empty for "none".
 /// @param extension with its dot
 std::string SolveFieldOutputPath(const SolveFieldOptions& options, const std::string& input,
                                  const std::string& named, const std::string& extension);

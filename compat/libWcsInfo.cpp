@@ -86,7 +86,8 @@ double DeterminantOf(const double (&cd)[2][2]) {
     return cd[0][0] * cd[1][1] - cd[0][1] * cd[1][0];
 }
 
-/// The distance of two positions, arcseconds, by the chord, which is good for small ones.
+/// The distance of two positions (degrees) in arcseconds, by the chord, which is accurate for small
+/// distances.
 double DistanceOf(const std::pair<double, double>& a, const std::pair<double, double>& b) {
     const double half = std::hypot(std::sin((a.second - b.second) / 2 * RadiansPerDegree),
                                    std::sin((a.first - b.first) / 2 * RadiansPerDegree) *
@@ -95,7 +96,7 @@ double DistanceOf(const std::pair<double, double>& a, const std::pair<double, do
     return 2 * std::asin(std::min(half, 1.0)) / RadiansPerDegree * arcsecondsPerDegree;
 }
 
-/// Hours or degrees, minutes and seconds with `decimals`, none of them 60.
+/// Hours or degrees, minutes and seconds with `decimals`; neither minutes nor seconds reach 60.
 std::string SexagesimalText(double value, int decimals) {
     constexpr double unitsOfSecond[] = {1, 10, 100, 1000};
     const double unit = unitsOfSecond[decimals];
@@ -113,7 +114,7 @@ struct Bounds {
     double RaMin, RaMax, DecMin, DecMax;
 };
 
-/// What the border of the image spans, at steps of ten pixels.
+/// The range that the border of the image spans, in steps of ten pixels.
 Bounds BoundsOf(const HeaderCoordinates& wcs, const std::pair<double, double>& centre) {
     Bounds bounds{centre.first, centre.first, centre.second, centre.second};
     const auto take = [&](double x, double y) {
@@ -126,7 +127,7 @@ Bounds BoundsOf(const HeaderCoordinates& wcs, const std::pair<double, double>& c
         bounds.DecMax = std::max(bounds.DecMax, dec);
     };
     constexpr double step = 10;
-    constexpr double longest = 1e5;  // of a forged size
+    constexpr double longest = 1e5;  // limits a forged size
     const double width = std::min(wcs.Width, longest);
     const double height = std::min(wcs.Height, longest);
     for (double x = 0; x < width; x += step) {
@@ -138,8 +139,7 @@ Bounds BoundsOf(const HeaderCoordinates& wcs, const std::pair<double, double>& c
         take(0.5, height + 0.5 - y);
     }
     for (const double pole : {90.0, -90.0}) {
-        // In the frame when the border goes once around it: then its distance in the plane lies
-        // inside the image.
+        // The pole is in the frame when its place on the tangent plane lies inside the image.
         const auto place =
             GnomonicOf({wcs.Crval[0] * RadiansPerDegree, wcs.Crval[1] * RadiansPerDegree},
                        {wcs.Crval[0] * RadiansPerDegree, pole * RadiansPerDegree});
@@ -275,7 +275,7 @@ std::string WcsInfoText(const HeaderCoordinates& wcs) {
     const auto centre = wcs.SkyOf((wcs.Width + 1) / 2, (wcs.Height + 1) / 2);
     number("ra_center", centre.first, fine);
     number("dec_center", centre.second, fine);
-    // North turns along the parallel.
+    // The direction of north changes along a parallel.
     const double turn = std::atan(std::tan((centre.first - wcs.Crval[0]) * RadiansPerDegree) *
                                   std::sin(wcs.Crval[1] * RadiansPerDegree));
     number("orientation_center", orientation + turn / RadiansPerDegree, middling);

@@ -1,4 +1,4 @@
-// What `wcsinfo` tells of the world coordinates in a FITS header.
+// What `wcsinfo` prints about the world coordinates in a FITS header.
 #pragma once
 
 #include <optional>
@@ -9,7 +9,7 @@
 
 namespace vestrel {
 
-/// Gnomonic world coordinates with the forward terms of SIP, as a header holds them.
+/// Gnomonic world coordinates with the forward terms of SIP, from a header.
 struct HeaderCoordinates {
     struct Term {
         int P = 0;  ///< powers of the distance from Crpix in X and in Y
@@ -19,11 +19,11 @@ struct HeaderCoordinates {
     double Crpix[2] = {};
     double Crval[2] = {};  ///< degrees
     double Cd[2][2] = {};  ///< degrees per pixel
-    double Width = 0;      ///< IMAGEW, else NAXIS1; 0: not told
+    double Width = 0;      ///< IMAGEW, else NAXIS1; 0 when unknown
     double Height = 0;
     std::vector<Term> Distortion[2];
 
-    /// Right ascension in 0..360 and declination of a FITS pixel, degrees.
+    /// Right ascension (0..360) and declination of a FITS pixel, degrees.
     std::pair<double, double> SkyOf(double x, double y) const;
 };
 
@@ -34,7 +34,7 @@ std::optional<HeaderCoordinates> ReadHeaderCoordinates(std::span<const unsigned 
 /// Width and height of the field along its middle lines, arcseconds.
 std::pair<double, double> FieldSizeOf(const HeaderCoordinates& coordinates);
 
-/// A field size in the unit that goes with its smaller side: "arcseconds" below 1 arcminute,
+/// A field size in the unit that suits its smaller side: "arcseconds" below 1 arcminute,
 /// "arcminutes" below 1 degree, else "degrees".
 struct FieldInUnits {
     double Width = 0;
@@ -43,11 +43,11 @@ struct FieldInUnits {
 };
 FieldInUnits InSuitableUnits(double widthArcseconds, double heightArcseconds);
 
-/// "01:26:34.185" of degrees, and "+69:15:09.427".
+/// Degrees as "01:26:34.185" (hours) and as "+69:15:09.427".
 std::string HoursText(double ra);
 std::string DegreesText(double dec);
 
-/// Of "up" in the image, degrees east of north, −180..180.
+/// The position angle of "up" in the image, degrees east of north, −180..180.
 double OrientationOf(const double (&cd)[2][2]);
 
 /// The lines "key value" of wcsinfo, in its order.

@@ -33,7 +33,7 @@ namespace {
 
 constexpr int faultExit = 1;
 
-/// A line that a host reads as it comes.
+/// Prints a line for the host at once.
 void Say(const std::string& line) {
     std::fputs((line + "\n").c_str(), stdout);
     std::fflush(stdout);
@@ -43,7 +43,7 @@ void Complain(const std::string& line) {
     std::fputs(("solve-field: " + WithoutControls(line) + "\n").c_str(), stderr);
 }
 
-/// The range of what the options tell of the scale, in the unit that the solver wants.
+/// Adds the range of scales in the options, converted to the units of the solver.
 void AddScale(const SolveFieldOptions& options, SolverHints& hints) {
     if (!options.ScaleLow && !options.ScaleHigh) return;
     double low = options.ScaleLow.value_or(options.ScaleHigh.value_or(0));
@@ -83,7 +83,7 @@ SolverHints HintsFrom(const SolveFieldOptions& options) {
     return hints;
 }
 
-/// The lists of a table in the order in which to try them.
+/// The star lists of a table, in the order in which to try them.
 std::vector<std::vector<ListedStar>> ListsOf(const FitsStars& table,
                                              const std::filesystem::path& path) {
     std::vector<std::vector<ListedStar>> lists;
@@ -102,7 +102,7 @@ std::vector<std::vector<ListedStar>> ListsOf(const FitsStars& table,
     return lists;
 }
 
-/// The paths of the results; empty where there is to be none.
+/// The paths of the results; empty for results that are not wanted.
 struct Outputs {
     std::string Wcs;
     std::string Solved;
@@ -126,7 +126,7 @@ bool Exists(const std::string& path) {
     return std::filesystem::exists(PathFromText(path), ignored);
 }
 
-/// One input, from opening it to its files.
+/// One input, from opening it to writing its files.
 class FieldRun {
  public:
     FieldRun(const SolveFieldOptions& options, Solver& solver, std::string input)
@@ -167,7 +167,7 @@ class FieldRun {
  private:
     using SipChoice = std::optional<SolverCoordinates>;
 
-    /// Removes the results of an earlier run, as far as that is allowed.
+    /// Removes the results of an earlier run, if the options allow it.
     bool MakeRoom() const {
         for (const std::string& path : outputs_.Wanted()) {
             if (!options_.Overwrite && !options_.Continue && Exists(path)) {
@@ -184,7 +184,7 @@ class FieldRun {
         return true;
     }
 
-    /// Nothing, with a complaint, for an input that cannot be read.
+    /// Opens and solves the input. Nothing, with a message, when it cannot be read.
     std::optional<SolverOutcome> OpenAndSolve(const SolverWatch& watch) {
         constexpr std::size_t longest = std::size_t{1} << 30;
         std::vector<unsigned char> start(std::size_t{1} << 20);
@@ -240,7 +240,7 @@ class FieldRun {
             field.Cards = table->Cards;
             field.Name = input_;
             for (const ListedStar& star : list) {
-                // Their order is all that is sure of their brightness.
+                // Only their order by brightness is reliable.
                 const auto place = static_cast<double>(list.size() - field.Stars.size());
                 field.Stars.push_back({star.X - 1, star.Y - 1, place});
             }
@@ -258,10 +258,10 @@ class FieldRun {
 
     SipChoice Coordinates() const {
         CardOptions card;
-        constexpr int usual = 2;  // as solve-field has it
+        constexpr int usual = 2;  // the default of solve-field
         constexpr int highest = 6;
         const int asked = options_.TweakOrder < 0 ? usual : options_.TweakOrder;
-        // A first order has no terms of its own: it is a linear one.
+        // First order means linear, without SIP terms.
         card.MostSipOrder = asked < 2 ? 0 : std::min(asked, highest);
         return solver_.Coordinates(card);
     }
@@ -286,7 +286,7 @@ class FieldRun {
             Complain(fault);
             good = false;
         }
-        // The sign that all is there comes last.
+        // The file that marks success comes last.
         if (good) write(outputs_.Solved, std::string_view("\x01", 1));
         if (!good) {
             Say("Did not solve (or no WCS file was written).");

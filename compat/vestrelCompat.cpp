@@ -1,4 +1,4 @@
-// One program with the names of others: what it does follows from the name that it is called by.
+// One program under several names: the name by which it is called decides what it does.
 
 #include <csignal>
 #include <cstdio>
@@ -24,7 +24,7 @@ std::optional<int> RunCommand(const std::string& name, const std::vector<std::st
 
 int Run(int argc, const char* const* argv) {
 #ifndef _WIN32
-    // The exit code tells hosts of a solution, also those that have closed the pipe.
+    // Hosts need the exit code even when they have closed the pipe.
     std::signal(SIGPIPE, SIG_IGN);
 #endif
     std::vector<std::string> arguments(argv, argv + argc);

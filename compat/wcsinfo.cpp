@@ -1,4 +1,4 @@
-// `wcsinfo`: what a header's world coordinates say, line by line.
+// `wcsinfo`: prints the world coordinates of a header, line by line.
 
 #include <cstdio>
 #include <vector>
@@ -14,7 +14,7 @@ namespace {
 
 constexpr int faultExit = 255;
 
-/// The start of a file, as far as a header may reach.
+/// The start of a file, as long as a header may be.
 std::vector<unsigned char> StartOfFile(const std::string& path) {
     constexpr std::size_t longestHeader = std::size_t{4} << 20;
     std::vector<unsigned char> bytes;

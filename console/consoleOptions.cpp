@@ -53,15 +53,15 @@ std::string ExitCodeText() {
     return text + "\n";
 }
 
-/// A parameter string is one argument with commas that names no file.
+/// A parameter string is an argument with commas that is not the name of a file.
 bool LooksLikeParameterString(const std::string& argument) {
     std::error_code ignored;
     return !argument.empty() && !std::filesystem::exists(PathFromText(argument), ignored) &&
            argument.find(',') != std::string::npos;
 }
 
-/// Takes a parameter string that begins with "-", as the right ascension of one may, out of the
-/// arguments: it would be read as an option.
+/// Removes a parameter string that begins with "-" (a negative right ascension) from the arguments,
+/// where it would be read as an option, and returns it.
 std::string TakeNegativeParameterString(std::vector<std::string>& arguments) {
     constexpr std::ptrdiff_t commas = 5;
     const bool alone = arguments.size() == 1;

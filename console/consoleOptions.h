@@ -1,4 +1,4 @@
-// What the command line of `vestrel-solve` asks for.
+// The options of `vestrel-solve`.
 #pragma once
 
 #include <filesystem>
@@ -13,35 +13,36 @@
 namespace vestrel {
 
 struct ConsoleOptions {
-    /// The six-field parameter string; the other inputs are then not used.
+    /// The parameter string of six fields; the other inputs are unused when it is given.
     std::optional<std::string> ParameterString;
     std::string Image;
     std::optional<SkyPosition> Centre;
     std::optional<std::pair<double, double>> FieldSize;  ///< width, height, radians
     std::int32_t Regions = 25;
-    bool Blind = false;             ///< over the whole sky, also when the solve from a centre fails
+    bool Blind = false;             ///< search the whole sky, also when the solve from a centre
+                                    ///< fails
     double TimeLimit = 20;          ///< seconds
-    bool TryHarder = false;         ///< the whole search plan for a parameter string too
-    std::string InfoFile;           ///< the file whose header to show; nothing else is then done
-    std::string SaveFile;           ///< where the solved image goes; empty: nowhere
-    std::string ExportFile;         ///< where its standard FITS copy goes; empty: nowhere
-    bool WorldCoordinates = false;  ///< a .wcs file beside the image
-    std::string BundleFile;         ///< where all that the solve went by goes; empty: nowhere
-    bool BundlePixels = false;      ///< the picture too
-    std::string ReplayFile;         ///< the bundle to solve again in place of an image
-    std::filesystem::path CatalogFolder;  ///< empty: the usual one
+    bool TryHarder = false;         ///< use the whole search plan for a parameter string too
+    std::string InfoFile;           ///< a file whose header to show; then nothing else is done
+    std::string SaveFile;           ///< where to save the solved image; empty: nowhere
+    std::string ExportFile;         ///< where to export its standard FITS copy; empty: nowhere
+    bool WorldCoordinates = false;  ///< write a .wcs file beside the image
+    std::string BundleFile;         ///< where to write the bundle of the solve; empty: nowhere
+    bool BundlePixels = false;      ///< include the picture in the bundle
+    std::string ReplayFile;         ///< a bundle to solve again instead of an image
+    std::filesystem::path CatalogFolder;  ///< empty: the default one
     bool Json = false;
     bool Quiet = false;
 };
 
-/// The outcome of reading the command line: go on, or end with a code (`Solved` after --help).
+/// The outcome of reading the command line: continue, or end with a code (`Solved` after --help).
 struct ParsedOptions {
     std::optional<ExitCode> EndWith;
     std::string Output;  ///< for stdout when the code is `Solved`, else for stderr
 };
 
-/// Reads the command line into `options`. `parameters` holds the settings and takes what the
-/// options change in them.
+/// Reads the command line into `options`. `parameters` holds the settings and receives the changes
+/// that the options make.
 ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOptions& options,
                                   SolveParameters& parameters);
 

@@ -12,14 +12,15 @@ namespace vestrel {
 
 namespace {
 
-// A signal handler can reach nothing but such a flag.
+// A signal handler may only use an object of this type.
 volatile std::sig_atomic_t stopSignals = 0;
 
 extern "C" void OnStopSignal(int /*signal*/) {
-    // A second one means it: the default action ends the program.
+    // A second signal gets the default action and ends the program at once.
     for (const int other : {SIGINT, SIGTERM}) std::signal(other, SIG_DFL);
     stopSignals = 1;
-    // What is underway sees the first one by itself, unless it waits for a disk or a peer.
+    // The running solve notices the first signal, unless it is waiting for a disk or another
+    // program.
     EndWithin(2, NumberOf(ExitCode::Stopped));
 }
 

@@ -1,4 +1,4 @@
-// The program on a terminal or a pipe: messages and progress on stderr, Ctrl-C as Stop.
+// The port of the console program: messages and progress go to stderr, and Ctrl-C means Stop.
 #pragma once
 
 #include <cstdio>
@@ -24,7 +24,7 @@ class ConsolePort : public Port {
     void Yield() override;
     void ShowBusyPointer(bool /*busy*/) override {}
 
-    /// Wipes the progress line, so that other text can follow.
+    /// Erases the progress line, so that other text can follow.
     void EndProgressLine();
 
  private:

@@ -1,5 +1,5 @@
 // The exit codes of `vestrel-solve`, and of `vestrel` with a parameter string. Scripts rely on
-// them: they never change their meaning.
+// them, so their meaning never changes.
 #pragma once
 
 #include <array>
@@ -20,7 +20,7 @@ enum class ExitCode : int {
     InvalidFileName = 6,  ///< the parameter string's path has no "."
     NoCatalog = 7,        ///< code −1, because there is no catalog for this field
     NotWritten = 8,       ///< solved, but a result could not be written
-    NotSure = 9           ///< code −1: there is a candidate that chance may have given
+    NotSure = 9           ///< code −1: there is a candidate, but it may be due to chance
 };
 inline constexpr std::array ExitCodes = {
     ExitCode::Solved,     ExitCode::TooFewStars, ExitCode::Usage,           ExitCode::NoMatch,
@@ -32,7 +32,7 @@ inline constexpr int NumberOf(ExitCode code) {
     return static_cast<int>(code);
 }
 
-/// What a code says, in a few words.
+/// The meaning of a code, in a few words.
 std::string_view MeaningOf(ExitCode code);
 
 /// The exit code for the code of a solve.

@@ -40,9 +40,9 @@ struct Outcome {
     std::string Image;
     std::optional<FailureCause> Cause;  ///< of a failure
     std::shared_ptr<Bundle> Replayed;   ///< keeps the catalog cells that the state points to
-    bool SameOutcome = false;           ///< as the bundle's
+    bool SameOutcome = false;           ///< whether the outcome equals that of the bundle
     bool BundleWritten = true;
-    std::string StartedFrom;  ///< the cards that gave the start; empty: the user did
+    std::string StartedFrom;  ///< the cards that gave the start; empty when the user gave it
     double Seconds = 0;
 };
 
@@ -68,7 +68,7 @@ KnownOfPicture KnownFrom(const ConsoleOptions& options, const SolveParameters& p
         known.Sizes = {{options.FieldSize->first, options.FieldSize->second, {}}};
     }
     known.LastSizes = {RememberedFieldSize(parameters)};
-    // A blind search that was asked for ignores where the picture says that it points.
+    // A blind search that the user asked for ignores where the header says that the picture points.
     known.PlacesFromPicture = !options.Blind;
     return known;
 }
@@ -106,7 +106,7 @@ Outcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& option
     return outcome;
 }
 
-/// Solves what a bundle holds as it was solved before.
+/// Repeats the solve in a bundle.
 Outcome SolveBundle(ProgramState& state, Port& port, const ConsoleOptions& options) {
     Outcome outcome;
     outcome.Image = options.ReplayFile;
@@ -121,7 +121,7 @@ Outcome SolveBundle(ProgramState& state, Port& port, const ConsoleOptions& optio
     const Bundle& bundle = *outcome.Replayed;
     outcome.Image = bundle.Picture();
     SearchRequest request = bundle.Prepare(state);
-    // A slower machine takes the same way, only longer.
+    // A slower machine makes the same attempts but needs more time.
     constexpr double slower = 20;
     if (bundle.Outcome().Code == SolveCode::Solved) request.TimeLimit *= slower;
     const SolveCode code = SolveByPlan(state, port, request, outcome.Plan);
@@ -133,7 +133,7 @@ Outcome SolveBundle(ProgramState& state, Port& port, const ConsoleOptions& optio
     return outcome;
 }
 
-/// Two of the files of a run that are one and the same, in words; empty when there are none.
+/// Describes two files of a run that are the same file; empty when there are none.
 std::string CoincidingFiles(const ConsoleOptions& options) {
     std::vector<std::pair<std::string, std::string>> files;
     std::string image = options.Image;
@@ -161,7 +161,7 @@ std::string CoincidingFiles(const ConsoleOptions& options) {
     return {};
 }
 
-/// Writes the files that were asked for. The export reads the image's file once more.
+/// Writes the requested files. The export reads the image's file again.
 bool WriteOutputs(const ProgramState& state, Port& port, const ConsoleOptions& options) {
     bool good = true;
     if (!options.ExportFile.empty()) good = ExportImage(state, port, options.ExportFile);
@@ -186,7 +186,7 @@ ExitCode PrintHeader(ProgramState& state, Port& port, const std::string& path) {
     return ExitCode::NotWritten;
 }
 
-/// The matched pairs: where each star lies in the image and in the catalog.
+/// The matched pairs: the place of each star in the image and in the catalog.
 nlohmann::ordered_json JsonMatches(const PlateSolution& solution) {
     nlohmann::ordered_json matches = nlohmann::ordered_json::array();
     for (const auto& [catalog, plate] : MatchedStars(solution)) {
@@ -225,7 +225,7 @@ nlohmann::ordered_json JsonPolynomial(const Polynomial& polynomial, int least) {
     return json;
 }
 
-/// The gnomonic model of the whole image, in grid pixels: x and y from 0, the centre between.
+/// The gnomonic model of the whole image, in grid pixels: x and y count from 0.
 nlohmann::ordered_json JsonSkyModel(const ImageSkyModel& image) {
     const SkyModel& model = image.Model;
     const auto degrees = [&](int row, int column) {
@@ -277,7 +277,7 @@ nlohmann::ordered_json JsonSkyModel(const ImageSkyModel& image) {
     return json;
 }
 
-/// What the search of the quad tables went through.
+/// The counts of the search in the quad tables.
 nlohmann::ordered_json JsonQuads(const ProgramState& state) {
     const QuadSearch& search = state.QuadMatch;
     nlohmann::ordered_json json = {{"searched", search.Searched},
@@ -290,7 +290,7 @@ nlohmann::ordered_json JsonQuads(const ProgramState& state) {
     return json;
 }
 
-/// The likeliest cause of a failure, and all that was looked at.
+/// The likeliest cause of a failure, with all the evidence.
 nlohmann::ordered_json JsonCause(const FailureCause& cause) {
     const FailureEvidence& evidence = cause.Evidence;
     const ImageHealth& health = evidence.Health;
@@ -369,7 +369,7 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const Outcome& outc
     const bool solved = outcome.Result.Code == SolveCode::Solved && outcome.Attempted;
     nlohmann::ordered_json json;
     json["solved"] = solved;
-    // Code 0 stands for too few stars: an outcome without a code must not look like it.
+    // Code 0 means too few stars; an outcome without a code must not look like that.
     if (outcome.Result.Message.empty()) {
         json["code"] = nullptr;
     } else {
@@ -474,7 +474,7 @@ ExitCode Run(int argc, const char* const* argv) {
     const auto state = std::make_unique<ProgramState>();
     Outcome outcome;
     ConsoleOptions options;
-    // The settings come first: they are what the options change.
+    // The settings are loaded first, because the options change them.
     {
         ConsolePort port(*state, true);
         InitSettings(*state, port);

@@ -39,7 +39,7 @@ DesktopStart ReadDesktopArguments(const std::vector<std::string>& arguments) {
         text += (text.empty() ? "" : " ") + argument;
     }
     if (IsFile(text)) {
-        // The folder is shown and remembered.
+        // An absolute path, because its folder is shown and remembered.
         return {DesktopStart::Kind::OpenImage, TextFromPath(AbsolutePath(PathFromText(text)))};
     }
     if (arguments.size() > 1 && std::all_of(arguments.begin(), arguments.end(), IsFile)) {

@@ -1,4 +1,4 @@
-// What the command line of `vestrel` asks for.
+// The command line of `vestrel`.
 #pragma once
 
 #include <string>
@@ -8,19 +8,19 @@ namespace vestrel {
 
 struct DesktopStart {
     enum class Kind {
-        Interactive,  ///< just the window
+        Interactive,  ///< only the window
         OpenImage,    ///< the window with an image: `Text` is its path
         Unattended,   ///< `Text` is a parameter string
-        Complain,     ///< the window, and `Text` says what it was not given
+        Complain,     ///< the window with a message, `Text`, about what was wrong
         Print         ///< `Text` goes to stdout, and the program ends
     };
     Kind What = Kind::Interactive;
     std::string Text;
-    std::string Notice = {};  ///< what was left out of an image to open
+    std::string Notice = {};  ///< a message about files that are not opened
 };
 
-/// Reads the arguments, without the program's name. They are one text, as callers need not quote a
-/// parameter string whose path has blanks in it.
+/// Reads the arguments without the program's name. They are joined to one text, so callers need not
+/// quote a parameter string whose path contains blanks.
 DesktopStart ReadDesktopArguments(const std::vector<std::string>& arguments);
 
 }  // namespace vestrel

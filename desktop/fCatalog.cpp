@@ -24,7 +24,7 @@ namespace vestrel {
 
 namespace {
 
-/// The program that builds catalogs: beside this one, else where programs are.
+/// The path of vestrel-catalog: beside this program, else on the PATH.
 QString CatalogProgram() {
     const QString name = "vestrel-catalog";
     const QString beside =
@@ -134,8 +134,8 @@ CatalogWindow::CatalogWindow(ProgramState& state, Port& port, QWidget* parent)
 CatalogWindow::~CatalogWindow() {
     process_.disconnect(this);
     if (process_.state() == QProcess::NotRunning) return;
-    // What a build that is killed leaves, the next one clears away; one that is asked to end does
-    // it itself.
+    // A build that is asked to end removes its files itself; those of a killed one are removed by
+    // the next build.
     constexpr int patience = 3000;  // ms
     process_.terminate();
     if (!process_.waitForFinished(patience)) process_.kill();
@@ -186,7 +186,7 @@ void CatalogWindow::Refresh() {
 }
 
 void CatalogWindow::Ask(const ToolArguments& question) {
-    // It looks at a few folders only.
+    // The subcommand only searches a few folders.
     constexpr int patience = 20000;  // ms
     QProcess asked;
     asked.start(CatalogProgram(), Words(question));
@@ -259,7 +259,7 @@ void CatalogWindow::Build() {
                                    "Catalog")) {
         return;
     }
-    // A mapped table cannot be replaced everywhere.
+    // Some systems cannot replace a file that is mapped.
     if (state_.Running == Activity::None) state_.Quads = {};
     runs_ = asked.Runs;
     folder_ = wish.Folder;
@@ -282,7 +282,7 @@ void CatalogWindow::Stop() {
     stop_->setEnabled(false);
     status_->setText("Stopping");
 #ifdef Q_OS_WIN
-    process_.kill();  // programs of a console cannot be asked there
+    process_.kill();  // console programs cannot be asked to end there
 #else
     process_.terminate();
 #endif
@@ -334,7 +334,7 @@ void CatalogWindow::RunEnded(int exitCode, bool crashed) {
 
 void CatalogWindow::UseNewCatalog() {
     if (state_.Running != Activity::None) {
-        // A search goes through the cells that it has read; it is left to end.
+        // A running search uses the cells that it has read, so wait until it ends.
         constexpr int later = 200;  // ms
         QTimer::singleShot(later, this, [this] { UseNewCatalog(); });
         return;

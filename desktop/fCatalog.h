@@ -1,5 +1,4 @@
-// The catalog window: builds the star catalog and its quad tables from what other programs have
-// installed.
+// The catalog window: builds the star catalog and its quad tables from star data of other programs.
 #pragma once
 
 #include <QDialog>
@@ -29,11 +28,11 @@ class CatalogWindow : public QDialog {
     CatalogWindow(const CatalogWindow&) = delete;
     CatalogWindow& operator=(const CatalogWindow&) = delete;
 
-    /// Looks at the catalog and for sources again, unless a build runs.
+    /// Reads the catalog and searches for sources again, unless a build runs.
     void Refresh();
     bool IsBuilding() const { return !runs_.empty(); }
 
-    /// A new catalog or new tables are there.
+    /// Called when there is a new catalog or new tables.
     std::function<void()> OnCatalogChanged;
 
  private:
@@ -68,11 +67,11 @@ class CatalogWindow : public QDialog {
     QPushButton* addFolder_;
     QPushButton* addTable_;
 
-    std::vector<CatalogSourceChoice> choices_;  ///< of the list, in its order
+    std::vector<CatalogSourceChoice> choices_;  ///< the sources in the order of the list
     QProcess process_;
-    std::vector<ToolArguments> runs_;  ///< those that are left, the present one first
-    std::string folder_;               ///< that is being built
-    QByteArray errors_;                ///< the begun line of standard error
+    std::vector<ToolArguments> runs_;  ///< the runs that remain, the current one first
+    std::string folder_;               ///< the folder that is being built
+    QByteArray errors_;                ///< the incomplete last line of standard error
     bool isNew_ = false;               ///< a run has replaced the catalog
     bool isStopped_ = false;
 };

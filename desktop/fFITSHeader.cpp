@@ -27,7 +27,7 @@ HeaderWindow::HeaderWindow(const ProgramState& state)
     text_->setTabChangesFocus(true);
     text_->setLineWrapMode(QPlainTextEdit::NoWrap);
     text_->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
-    // The keyboard scrolls and selects.
+    // The keyboard can scroll and select.
     text_->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
     auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close);
     QPushButton* copy = buttons->addButton("&Copy", QDialogButtonBox::ActionRole);
@@ -49,7 +49,7 @@ void HeaderWindow::ImageChanged() {
     if (state_.ImageLoaded) {
         for (const std::string& line : HeaderLines(state_.Image)) text += HeaderText(line) + "\n";
     }
-    // The same text keeps its place under the scroll bars.
+    // An unchanged text keeps its scroll position.
     if (text_->toPlainText() != text) text_->setPlainText(text);
 }
 

@@ -14,7 +14,7 @@ class HeaderWindow : public QDialog {
  public:
     explicit HeaderWindow(const ProgramState& state);
 
-    /// There may be another image.
+    /// Call when there may be another image.
     void ImageChanged();
 
  protected:

@@ -7,12 +7,13 @@ class QTextBrowser;
 
 namespace vestrel {
 
-/// A guide to the windows, and what the parameters mean. It blocks nothing.
+/// A guide to the windows, and the meaning of the parameters. It blocks no other window.
 class HelpWindow : public QDialog {
  public:
     HelpWindow();
 
-    /// Shows what is said about a control or a window, by its name; the start without one.
+    /// Shows the help on a control or a window with this object name; the start of the guide when
+    /// there is none.
     void ShowTopic(const QString& name);
 
  protected:
@@ -23,7 +24,7 @@ class HelpWindow : public QDialog {
     QTextBrowser* guide_;
 };
 
-/// The guide as rich text. Names of controls and windows are its anchors.
+/// The guide as rich text. Its anchors are the object names of controls and windows.
 QString HelpGuide();
 
 }  // namespace vestrel

@@ -1,4 +1,4 @@
-// The levels window: which counts are shown black and white, and how brightness runs between them.
+// The levels window: which counts are shown as black and white, and the transfer between them.
 #pragma once
 
 #include <QDialog>
@@ -21,12 +21,12 @@ class LevelsWindow : public QDialog {
  public:
     explicit LevelsWindow(ProgramState& state, QWidget* parent = nullptr);
 
-    /// The pixels have changed, and nothing is at work on them.
+    /// Call when the pixels have changed and nothing is working on them.
     void ImageChanged();
-    /// The levels were set elsewhere.
+    /// Call when the levels were set elsewhere.
     void LevelsChanged();
 
-    /// The user has changed levels or transfer.
+    /// Called when the user has changed the levels or the transfer.
     std::function<void()> OnLevelsChanged;
 
  protected:

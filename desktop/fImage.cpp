@@ -87,7 +87,7 @@ void ImageWindow::LevelsChanged() {
 }
 
 void ImageWindow::ShowLevels() {
-    // Which tells of it.
+    // The switch then calls this again through its signal.
     if (stretch_->isChecked()) return stretch_->setChecked(false);
     LevelsChanged();
 }
@@ -207,7 +207,7 @@ void ImageWindow::PaintMagnifier(QPainter& painter) {
                picture.width(),
                picture.height(),
                static_cast<std::size_t>(picture.bytesPerLine())});
-    // Away from the pointer.
+    // The magnifier is on the side away from the pointer.
     const ScreenPoint pointer = area_->View.ScreenOf(*pointer_);
     const bool left = pointer.X > area_->width() / 2.0;
     const QRect place(left ? margin : area_->width() - side - margin,
@@ -259,8 +259,8 @@ void ImageWindow::dropEvent(QDropEvent* event) {
 void ImageWindow::showEvent(QShowEvent* event) {
     QMainWindow::showEvent(event);
     KeepOnScreen(*this);
-    // While a solve works on the pixels they are not to be read; it tells when it has done.
-    // Back from an icon nothing has changed.
+    // While a solve works on the pixels they must not be read; `ImageChanged` is called when it is
+    // done. Back from an icon nothing has changed.
     if (state_.Running == Activity::None && !event->spontaneous()) ImageChanged();
 }
 

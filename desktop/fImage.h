@@ -1,4 +1,4 @@
-// The image window: the loaded image, what was found on it, and what is under the pointer.
+// The image window: the loaded image with its overlays, and the readout under the mouse pointer.
 #pragma once
 
 #include <QMainWindow>
@@ -43,18 +43,18 @@ class ImageWindow : public QMainWindow {
     ImageWindow(const ImageWindow&) = delete;
     ImageWindow& operator=(const ImageWindow&) = delete;
 
-    /// Commands of the program that are to be had here too.
+    /// Adds commands of the solve window to the menus of this one.
     void ShareCommands(const QList<QAction*>& file, const QList<QAction*>& solve,
                        const QList<QAction*>& windows);
     SkyNames& Names() { return names_; }
 
-    /// The pixels have changed, and nothing is at work on them.
+    /// Call when the pixels have changed and nothing is working on them.
     void ImageChanged();
-    /// Black, white or the transfer between them have changed.
+    /// Call when black, white or the transfer has changed.
     void LevelsChanged();
-    /// The user has chosen levels: they count, and not those that the screen takes by itself.
+    /// Call when the user has chosen levels: they replace the automatic ones.
     void ShowLevels();
-    /// Something has ended, or begun.
+    /// Call when a command has begun or ended.
     void ActivityChanged();
     void SetMarks(std::vector<MeasuredMark> marks);
     /// Prints the picture with everything that lies over it, as large as the page allows.
@@ -62,9 +62,9 @@ class ImageWindow : public QMainWindow {
 
     std::function<void(PixelPoint)> OnStarClicked;
     std::function<void(PixelPoint)> OnStarDoubleClicked;
-    /// A place of the sky is to be the approximate centre.
+    /// Called when the user makes a position the approximate centre.
     std::function<void(const SkyPosition&)> OnCentreChosen;
-    /// Files were dropped on the image.
+    /// Called when files were dropped on the image.
     std::function<void(const QStringList&)> OnFilesDropped;
     /// How a command is run that lasts; the main window ends the program after it when asked to.
     std::function<void(const std::function<void()>&)> OnRun;

@@ -100,7 +100,7 @@ void ImageWindow::BuildStatusBar() {
         label->setObjectName(name);
         label->setAccessibleName(meaning);
         label->setTextFormat(Qt::PlainText);
-        // What is shown changes with every move: it is not to push its neighbours about.
+        // The text changes with every move of the pointer and must not move its neighbours.
         label->setMinimumWidth(fontMetrics().horizontalAdvance(widest));
         return label;
     };

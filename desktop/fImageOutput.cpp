@@ -1,4 +1,4 @@
-// What the image window gives away: pictures of what it shows, and of the whole image.
+// The output of the image window: pictures of the visible part and of the whole image.
 #include <QApplication>
 #include <QBuffer>
 #include <QClipboard>
@@ -24,7 +24,7 @@ namespace vestrel {
 
 namespace {
 
-/// Pixels of the image for each point of a drawing whose marks are to be seen.
+/// How many image pixels a point of a drawing covers so that its marks are visible.
 double MarkRatio(const PlateImage& image) {
     constexpr double usualSide = 1600;
     return std::max(1.0, std::max(image.Width, image.Height) / usualSide);

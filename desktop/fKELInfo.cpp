@@ -131,7 +131,7 @@ void SolveWindow::changeEvent(QEvent* event) {
         ShowState();
         residualsWindow_.SolutionChanged();
     }
-    // The tables may have been made meanwhile.
+    // The quad tables may have been made meanwhile.
     if (event->type() == QEvent::ActivationChange && isActiveWindow()) ShowQuadCommands();
 }
 
@@ -148,7 +148,7 @@ void SolveWindow::dropEvent(QDropEvent* event) {
 
 void SolveWindow::Drop(const QStringList& files) {
     droppedFiles_ = files;
-    // Later: the program that the image comes from waits for this event to end.
+    // Opens the file later, because the program it is dragged from waits for this event to end.
     openDropped_.start();
 }
 
@@ -182,7 +182,7 @@ void SolveWindow::RestorePlaces() {
 
 void SolveWindow::KeepPlaces() {
     for (QWidget* window : Windows()) {
-        // One that was never shown has no place yet.
+        // A window that was never shown has no place yet.
         if (!window->testAttribute(Qt::WA_WState_Created)) continue;
         SetPreference(state_, "window." + Utf8(window->objectName()),
                       window->saveGeometry().toHex().toStdString());
@@ -274,7 +274,7 @@ void SolveWindow::ShowStatusLine(QLabel* label, const StatusLine& line) {
 }
 
 void SolveWindow::ShowProgressPercent(int percent) {
-    // Without a percentage the bar only shows that something goes on.
+    // Without a percentage the bar only shows that something is running.
     busyBar_->setRange(0, percent > 0 ? 100 : 0);
     busyBar_->setValue(percent);
     busyBar_->setVisible(percent > 0 || state_.Display.BusyIndicator);
@@ -297,7 +297,7 @@ void SolveWindow::Run(const std::function<void()>& command) {
     ShowQuadCommands();
     ShowState();
     NoteSolution();
-    // A control that is off meanwhile loses the keyboard to the next one.
+    // A control that is disabled meanwhile loses the focus to the next one, so it is given back.
     const bool fault = focusFault_ != nullptr;
     QWidget* back = fault ? focusFault_ : focus.data();
     focusFault_ = nullptr;

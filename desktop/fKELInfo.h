@@ -40,8 +40,8 @@ namespace vestrel {
 
 class CatalogWindow;
 
-/// Shows the program state and hands the user's commands on. What a control means is said by its
-/// object name; the controls are found by it too.
+/// Shows the program state and passes on the user's commands. Tests and the help find controls by
+/// their object names.
 class SolveWindow : public QMainWindow {
  public:
     /// Loads the settings.
@@ -49,17 +49,17 @@ class SolveWindow : public QMainWindow {
 
     /// Opens an image as if the user had chosen it.
     void OpenFile(const std::string& path);
-    /// Tells the user what cannot be done.
+    /// Shows the user a message about what cannot be done.
     void Complain(const std::string& text);
-    /// Solves as a parameter string says, then counts down and closes the program.
+    /// Solves by a parameter string, then counts down and closes the program.
     void StartUnattended(const std::string& parameters);
-    /// How a telescope at an address is driven, when one is set.
+    /// Creates the driver for a telescope at an address, when the preferences have one.
     std::function<std::unique_ptr<TelescopeDriver>(const std::string&)> TelescopeAt;
-    /// Takes catalog, telescope and colours from the preferences.
+    /// Applies catalog, telescope and theme from the preferences.
     void ApplySettings();
-    /// What the program is to end with.
+    /// The exit code with which the program ends.
     ExitCode EndsWith() const { return exitCode_; }
-    /// One tick of the countdown; a second unless it is set.
+    /// Sets the tick of the countdown, which is one second by default.
     void SetCountdownInterval(int milliseconds) { countdown_.setInterval(milliseconds); }
 
  protected:
@@ -94,37 +94,37 @@ class SolveWindow : public QMainWindow {
     QAction* AddAction(QMenu* menu, const QString& text, const QKeySequence& keys,
                        std::function<void()> command);
 
-    // What the state says, put on the screen.
+    // Showing the state.
     void ShowState();
     void ShowTexts();
     void ShowStage();
     void ShowInputs();
-    /// MORA can be had where there are quad tables.
+    /// Enables MORA when there are quad tables.
     void ShowQuadCommands();
     void ShowStatusLine(QLabel* label, const StatusLine& line);
     void ShowProgressPercent(int percent);
     void FillRecentImages();
-    /// Every window that keeps its place between runs.
+    /// All windows that keep their place between runs.
     std::vector<QWidget*> Windows();
     void RestorePlaces();
     void KeepPlaces();
 
     // The commands.
-    /// Runs a command and closes the window when that was asked for meanwhile.
+    /// Runs a command, and closes the window when that was requested meanwhile.
     void Run(const std::function<void()>& command);
     void Match();
     void MatchQuads();
     void JustSolve();
-    /// Puts the pointer of the keyboard where a search found a fault.
+    /// Gives the keyboard focus to the input that a search found invalid.
     void FocusFault(bool asked);
     void Drop(const QStringList& files);
-    /// A whole position or a name in one of the centre inputs becomes both.
+    /// Completes both centre inputs when one holds a whole position or a name.
     void CompleteInputs();
     void OpenDropped();
     void Stop();
     void LoadTelescope();
     void SyncTelescope();
-    /// Stop Search takes the focus: it is the command for the time until the telescope answers.
+    /// Gives the focus to Stop Search while the program waits for the telescope.
     void FocusStop();
     void ConnectWindows();
     void MarkStars();
@@ -134,7 +134,7 @@ class SolveWindow : public QMainWindow {
     void ShowHelp();
     void EditSettings();
     void BuildCatalog();
-    /// The image has a new solution, which goes into the table.
+    /// Adds a new solution to the table of solutions.
     void NoteSolution();
     void ShowAbout();
     void Tick();
@@ -150,8 +150,9 @@ class SolveWindow : public QMainWindow {
 
     std::vector<std::pair<QLabel*, std::string SolveDisplay::*>> shown_;
     std::vector<std::pair<QLineEdit*, std::string SolveInputs::*>> inputs_;
-    QLineEdit* focusFault_ = nullptr;  ///< takes the keyboard when the command has ended
-    // What needs nothing to run, something that can be stopped, an image to save.
+    QLineEdit* focusFault_ = nullptr;  ///< gets the keyboard focus when the command has ended
+    // Controls that are enabled only while nothing runs; the members after them depend on other
+    // states.
     std::vector<QWidget*> startWidgets_;
     std::vector<QAction*> startActions_;
     QAction* saveAction_ = nullptr;
@@ -177,8 +178,9 @@ class SolveWindow : public QMainWindow {
     QProgressBar* busyBar_ = nullptr;
     QPlainTextEdit* details_ = nullptr;
     QWidget* countdownRow_ = nullptr;
-    CatalogWindow* catalogWindow_ = nullptr;  ///< once it was asked for; a child of this
-    std::filesystem::path usualCatalog_;      ///< when the preferences name none
+    CatalogWindow* catalogWindow_ = nullptr;  ///< created when first opened; a child of this
+    std::filesystem::path usualCatalog_;      ///< the catalog folder the folder when the
+                                              ///< preferences name none
     std::string setTelescope_;
     bool noted_ = false;  ///< the present solution is in the table
     std::vector<MeasuredMark> statsMarks_;

@@ -1,4 +1,4 @@
-// The commands of the solve window, and what the other windows ask of it.
+// The commands of the solve window, and its connections to the other windows.
 #include <QApplication>
 #include <QLabel>
 #include <QLineEdit>
@@ -55,7 +55,7 @@ void SolveWindow::Stop() {
 }
 
 void SolveWindow::FocusStop() {
-    // A button that is off takes no focus; the command, which begins next, would switch it on.
+    // A disabled button takes no focus, and the command that enables it begins only after this.
     stopButton_->setEnabled(true);
     stopButton_->setFocus();
 }
@@ -83,7 +83,7 @@ void SolveWindow::ConnectWindows() {
         ShowInputs();
     };
     imageWindow_.OnFilesDropped = [this](const QStringList& files) { Drop(files); };
-    // A click is for the windows that are open; a double click opens the statistics.
+    // A click goes to the open windows; a double click opens the statistics.
     imageWindow_.OnStarClicked = [this](PixelPoint pixel) {
         if (statsWindow_.isVisible()) statsWindow_.Measure(pixel);
         if (photometryWindow_.isVisible()) photometryWindow_.Take(pixel);
@@ -160,7 +160,7 @@ void SolveWindow::EditSettings() {
 
 void SolveWindow::BuildCatalog() {
     if (catalogWindow_ == nullptr) {
-        // Kept when it is closed: a build goes on meanwhile.
+        // The window is kept when it is closed, as a build may be running.
         catalogWindow_ = new CatalogWindow(state_, port_, this);
         catalogWindow_->OnCatalogChanged = [this] { ShowQuadCommands(); };
     }
@@ -169,7 +169,7 @@ void SolveWindow::BuildCatalog() {
 }
 
 void SolveWindow::ShowHelp() {
-    // Of the control that has the keyboard, else of its window.
+    // Help on the control with the focus, else on its window.
     const QWidget* window = QApplication::activeWindow();
     QWidget* control = QApplication::focusWidget();
     Bring(helpWindow_);
@@ -190,7 +190,7 @@ void SolveWindow::ShowAbout() {
                         QMessageBox::Close, this);
     box->setIconPixmap(windowIcon().pixmap(64));
     box->setAttribute(Qt::WA_DeleteOnClose);
-    // A solve can be stopped all the same.
+    // Not modal, so that a solve can still be stopped.
     box->setModal(false);
     box->show();
 }

@@ -1,4 +1,4 @@
-// Where the controls of the solve window stand.
+// The layout of the solve window.
 
 #include <QAction>
 #include <QApplication>
@@ -78,7 +78,7 @@ void SolveWindow::BuildControls() {
     rows->addWidget(BuildImageName());
     rows->addLayout(columns, 1);
     rows->addWidget(BuildCountdown());
-    // Where the screen is small or letters are large, it scrolls.
+    // On small screens or with large fonts it scrolls.
     auto* scroll = new QScrollArea;
     scroll->setFrameShape(QFrame::NoFrame);
     scroll->setFocusPolicy(Qt::NoFocus);
@@ -245,7 +245,7 @@ QGroupBox* SolveWindow::BuildShownValues(
 QGroupBox* SolveWindow::BuildStatus() {
     auto* group = new QGroupBox("Status");
     const auto addLine = [](const char* name) {
-        // As wide as its text, except that a long one does not make the window wider.
+        // As wide as its text, but a long text does not widen the window.
         auto* label = new ElidedLabel;
         label->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
         label->setMinimumWidth(1);
@@ -273,7 +273,7 @@ QGroupBox* SolveWindow::BuildStatus() {
     details_->setTabChangesFocus(true);
     details_->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
     details_->setPlaceholderText("What a solve saw is told here.");
-    // It takes the room that is left.
+    // It takes the remaining space.
     details_->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Ignored);
     details_->setMinimumHeight(QFontMetrics(details_->font()).lineSpacing() * 3);
 
@@ -344,7 +344,7 @@ QLineEdit* SolveWindow::AddInput(const char* name, const QString& accessibleName
     input->setObjectName(name);
     input->setAccessibleName(accessibleName);
     connect(input, &QLineEdit::textChanged, this, [this, text](const QString& typed) {
-        // So much at once was pasted.
+        // This many new characters at once were pasted.
         constexpr qsizetype pasted = 6;
         const auto before = QtText(state_.Inputs.*text).size();
         state_.Inputs.*text = Utf8(typed);

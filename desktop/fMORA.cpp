@@ -17,7 +17,8 @@ QuadMessagesWindow::QuadMessagesWindow(const ProgramState& state)
     : QDialog(nullptr, Qt::Window), state_(state), list_(new QPlainTextEdit) {
     setObjectName("fMORA");
     setWindowTitle("MORA");
-    // It comes up beside a search, which Escape in the solve window is to stop.
+    // It opens during a search without taking the focus, so that Escape in the solve window stops
+    // the search.
     setAttribute(Qt::WA_ShowWithoutActivating);
     list_->setObjectName("ListMORA");
     list_->setAccessibleName("Messages of the quad search");
@@ -50,7 +51,7 @@ void QuadMessagesWindow::MessagesChanged() {
         shown_ = 0;
     }
     if (messages.size() == shown_) return;
-    // Only what is new, in one piece: there are thousands of lines.
+    // Appends only new lines, in one piece, because there may be thousands.
     QStringList lines;
     for (; shown_ < messages.size(); ++shown_) lines << QtText(messages[shown_]);
     list_->appendPlainText(lines.join('\n'));
@@ -58,7 +59,7 @@ void QuadMessagesWindow::MessagesChanged() {
 
 void QuadMessagesWindow::showEvent(QShowEvent* event) {
     QDialog::showEvent(event);
-    // There may have been another search meanwhile.
+    // Another search may have run meanwhile.
     list_->clear();
     shown_ = 0;
     MessagesChanged();

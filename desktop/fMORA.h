@@ -1,4 +1,4 @@
-// The list of what a quad search says.
+// The list of messages of a quad search.
 #pragma once
 
 #include <QDialog>
@@ -10,12 +10,12 @@ class QPlainTextEdit;
 
 namespace vestrel {
 
-/// Follows the messages of the search that runs, and keeps those of the last one.
+/// Shows the messages of the running search, and keeps those of the last one.
 class QuadMessagesWindow : public QDialog {
  public:
     explicit QuadMessagesWindow(const ProgramState& state);
 
-    /// There may be more messages, or those of another search.
+    /// Call when there may be more messages, or those of another search.
     void MessagesChanged();
 
  protected:

@@ -12,7 +12,7 @@ namespace vestrel {
 
 namespace {
 
-/// A pointer is in the middle of the pixel that it names.
+/// The pointer is in the middle of the window pixel that its coordinates name.
 ScreenPoint PointOf(const QPointF& point) {
     return {point.x() + 0.5, point.y() + 0.5};
 }
@@ -27,7 +27,7 @@ PictureArea::PictureArea() {
     setMouseTracking(true);
     setFocusPolicy(Qt::StrongFocus);
     setCursor(Qt::CrossCursor);
-    // Every pixel is painted: nothing is to be cleared first.
+    // Every pixel is painted, so nothing needs to be cleared first.
     setAttribute(Qt::WA_OpaquePaintEvent);
 }
 
@@ -87,7 +87,7 @@ void PictureArea::mousePressEvent(QMouseEvent* event) {
 void PictureArea::mouseMoveEvent(QMouseEvent* event) {
     const QPointF here = event->position();
     if (event->buttons() & Qt::LeftButton) {
-        // A hand that clicks is not quite still.
+        // A clicking hand moves a little.
         dragging_ =
             dragging_ || (here - pressed_).manhattanLength() >= QApplication::startDragDistance();
         if (dragging_) {

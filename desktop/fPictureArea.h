@@ -1,4 +1,4 @@
-// The part of the image window that shows the image: zoom, pan, and where the pointer is.
+// The part of the image window that shows the image, with zoom, pan and pointer events.
 #pragma once
 
 #include <QImage>
@@ -10,7 +10,8 @@
 
 namespace vestrel {
 
-/// The wheel zooms about the pointer, dragging moves the image, a click without moving is told.
+/// The wheel zooms about the pointer, dragging moves the image, and a click without moving is
+/// reported.
 class PictureArea : public QWidget {
  public:
     PictureArea();
@@ -25,11 +26,12 @@ class PictureArea : public QWidget {
     std::function<void()> OnPointerLeft;
     std::function<void(PixelPoint)> OnClicked;
     std::function<void(PixelPoint)> OnDoubleClicked;
-    /// The menu of a place is asked for; with the keyboard, of the middle of the window.
+    /// Called when the context menu of a place is requested; from the keyboard, of the middle of
+    /// the window.
     std::function<void(PixelPoint, QPoint)> OnContextMenu;
 
     void Fit();
-    /// About the middle of the window.
+    /// Zooms about the middle of the window, as does `ZoomBy`.
     void ZoomTo(double scale);
     void ZoomBy(double steps);
 

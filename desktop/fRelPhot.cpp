@@ -91,7 +91,7 @@ void RelativePhotometryWindow::GiveFirstUp() {
 }
 
 void RelativePhotometryWindow::ImageChanged() {
-    // A difference is good within one image only.
+    // A difference is valid only within one image.
     GiveFirstUp();
 }
 

@@ -19,12 +19,13 @@ class RelativePhotometryWindow : public QDialog {
  public:
     RelativePhotometryWindow(ProgramState& state, Port& port, QWidget* parent = nullptr);
 
-    /// Takes the star at a place of the image as the next one.
+    /// Measures the star at a place of the image as the next one.
     void Take(const PixelPoint& pixel);
-    /// The image has changed, and nothing is at work on it.
+    /// Call when the image has changed and nothing is working on it.
     void ImageChanged();
 
-    /// The stars to be marked on the image: the first and, when a row was made, the second.
+    /// Called with the stars to mark on the image: the first and, when a row was completed, the
+    /// second.
     std::function<void(const std::vector<StarMeasurement>&)> OnTaken;
 
  private:

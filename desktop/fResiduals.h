@@ -1,5 +1,5 @@
-// The residuals window: where the matched stars lie against the solution, as vectors over the frame
-// and as a histogram of their lengths.
+// The residuals window: the residuals of the matched stars as vectors over the frame and as a
+// histogram of their lengths.
 #pragma once
 
 #include <QDialog>
@@ -16,7 +16,7 @@ class ResidualsWindow : public QDialog {
  public:
     explicit ResidualsWindow(const ProgramState& state, QWidget* parent = nullptr);
 
-    /// The image or its solution has changed.
+    /// Call when the image or its solution has changed.
     void SolutionChanged();
 
  protected:

@@ -1,5 +1,4 @@
-// The settings window: where the catalog, the telescope and the observer are, and how the windows
-// look.
+// The settings window: catalog, telescope, observer's longitude, and the look of the windows.
 #pragma once
 
 #include <QDialog>
@@ -20,9 +19,9 @@ class SettingsWindow : public QDialog {
  public:
     SettingsWindow(ProgramState& state, Port& port, QWidget* parent);
 
-    /// A setting has changed: what is kept of it is in the preferences.
+    /// Called when a setting has changed and is in the preferences.
     std::function<void()> OnChanged;
-    /// The catalog is to be built; the window closes first.
+    /// Called when the user wants to build the catalog; this window closes first.
     std::function<void()> OnBuildCatalog;
 
  private:

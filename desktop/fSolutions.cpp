@@ -111,7 +111,7 @@ void SolutionsWindow::SolveFolder(const QString& folder) {
     solver_ = std::make_unique<BackgroundSolver>(
         state_.Parameters, state_.Catalog.Folder, paths,
         [this, last](const SolvedPicture& picture) {
-            // From the solver's thread to that of the windows.
+            // Passes the result from the solver's thread to that of the windows.
             QMetaObject::invokeMethod(
                 this,
                 [this, picture, ends = picture.Path == last || picture.Failure == "Stopped"] {

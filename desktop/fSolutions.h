@@ -19,12 +19,12 @@ class SolutionsWindow : public QDialog {
  public:
     SolutionsWindow(ProgramState& state, Port& port);
 
-    /// The loaded image was solved.
+    /// Adds the solution of the loaded image.
     void Add(const SolvedPicture& picture);
-    /// Solves all pictures of a folder while the windows go on.
+    /// Solves all pictures of a folder in the background.
     void SolveFolder(const QString& folder);
 
-    /// The picture of a row is to be opened with its solution.
+    /// Called when the user wants to open the picture of a row with its solution.
     std::function<void(const SolvedPicture&)> OnRestore;
 
  protected:

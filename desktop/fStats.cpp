@@ -124,7 +124,7 @@ void StatsWindow::Clear() {
 }
 
 void StatsWindow::ImageChanged() {
-    // What stands there is of the image as it was.
+    // The shown measurements belong to the former image.
     if (clicked_) Clear();
 }
 

@@ -1,4 +1,4 @@
-// The star statistics window: all figures of a clicked star, and its radial profile.
+// The star statistics window: all measurements of a clicked star, and its radial profile.
 #pragma once
 
 #include <QDialog>
@@ -23,10 +23,10 @@ class StatsWindow : public QDialog {
 
     /// Measures the star at a place of the image.
     void Measure(const PixelPoint& pixel);
-    /// The image has changed, and nothing is at work on it.
+    /// Call when the image has changed and nothing is working on it.
     void ImageChanged();
 
-    /// Another star was measured, or none.
+    /// Called when another star was measured, or none.
     std::function<void(const std::optional<StarMeasurement>&)> OnMeasured;
 
  protected:

@@ -16,7 +16,7 @@ namespace vestrel {
 
 namespace {
 
-/// The place for the drawing, with room for the numbers below it and at its left.
+/// The area of the drawing, with space for the numbers below and to its left.
 QRect PlotPlace(const QWidget& widget, bool numbersAtLeft) {
     const QFontMetrics metrics(widget.font());
     const int left = numbersAtLeft ? metrics.horizontalAdvance("-000000 ") : 8;

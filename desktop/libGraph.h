@@ -1,4 +1,4 @@
-// The drawings of the analysis windows: the histogram and the radial profile.
+// The drawings of the analysis windows: histogram, residuals and radial profile.
 #pragma once
 
 #include <QWidget>
@@ -14,7 +14,7 @@
 
 namespace vestrel {
 
-/// The histogram of an image with its two levels.
+/// The histogram of an image, with lines at its two levels.
 class HistogramArea : public QWidget {
  public:
     HistogramArea();
@@ -22,7 +22,7 @@ class HistogramArea : public QWidget {
     CountLevels Span;
     CountLevels Levels;
     bool Logarithmic = true;
-    /// One of the two lines was dragged: the levels that it stands for.
+    /// Called with the new levels when one of the two lines was dragged.
     std::function<void(const CountLevels&)> OnDragged;
 
  protected:
@@ -40,7 +40,7 @@ class ResidualArea : public QWidget {
  public:
     ResidualArea();
     std::vector<Residual> Residuals;
-    QSize ImageSize;  ///< as it is shown
+    QSize ImageSize;  ///< width and height as displayed
     ViewGeometry View;
 
  protected:

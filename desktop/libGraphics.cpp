@@ -63,7 +63,7 @@ void OverlayPainter::PutStamp(const PixelPoint& place, Shape shape, double radiu
     constexpr double rimWidth = 3;
     const QPointF at = At(place);
     if (!Shows(at, radius + rimWidth)) return;
-    // A label may touch a ring, not what is in it.
+    // A label may touch a ring, but not what is inside.
     const double side = 1.4 * radius;
     marks_.push_back({at.x() - side / 2, at.y() - side / 2, side, side});
     if (keepsPaths_) return Stroke(PathOf(shape, at, radius), colour);

@@ -1,4 +1,4 @@
-// Draws what lies over the image. Sizes are those of the screen: they do not grow with the image.
+// Draws the overlays. Sizes are in screen pixels and do not scale with the image.
 #pragma once
 
 #include <QColor>
@@ -21,10 +21,10 @@ inline constexpr QColor MeasuredColour(255, 110, 200);
 
 inline constexpr QColor NameColour(255, 175, 255);
 
-/// Which labels get their places first.
+/// The priority of labels, most important first.
 enum class LabelWorth { Measured, Name, Grid, Figure };
 
-/// A painter over a view. Texts and lines get a dark rim, so that they show on any sky.
+/// Paints over a view. Texts and lines get a dark rim, so that they are visible on any background.
 class OverlayPainter {
  public:
     OverlayPainter(QPainter& painter, const ViewGeometry& view, const QSize& size);
@@ -39,8 +39,8 @@ class OverlayPainter {
     void Link(const PixelPoint& from, const PixelPoint& to, const QColor& colour);
     /// A closed line through places of the image.
     void Outline(const std::vector<PixelPoint>& line, const QColor& colour);
-    /// Beside a mark, where there is room; `PaintLabels` puts it down. Of those with the same worth
-    /// the first one goes first.
+    /// Adds a label beside a mark, where there is room; `PaintLabels` draws it. Labels of equal
+    /// worth keep their order.
     void Label(const PixelPoint& place, double radius, const QString& text, const QColor& colour,
                LabelWorth worth = LabelWorth::Figure);
     void PaintLabels();
@@ -49,7 +49,7 @@ class OverlayPainter {
     void CompassAndScale(const SkyMap& map);
 
  private:
-    /// A mark of fixed size, drawn once: a picture is put down far faster than a path.
+    /// A mark of fixed size, drawn once as a picture, which is painted far faster than a path.
     enum class Shape { Circle, Cross, OpenCross };
     struct Stamp {
         Shape Kind = Shape::Circle;
@@ -82,7 +82,7 @@ class OverlayPainter {
     bool keepsPaths_;  ///< a page stays sharp at any size
     std::vector<Stamp> stamps_;
     std::vector<PendingLabel> labels_;
-    std::vector<ScreenBox> marks_;  ///< what no label is to cover
+    std::vector<ScreenBox> marks_;  ///< boxes that no label may cover
 };
 
 }  // namespace vestrel

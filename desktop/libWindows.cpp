@@ -40,7 +40,7 @@ bool IsSet(const char* variable) {
     return value != nullptr && *value != 0;
 }
 
-/// Says nothing, and ends the process where Qt would abort it.
+/// Prints nothing, and exits where Qt would abort.
 void QuietHandler(QtMsgType type, const QMessageLogContext& /*context*/, const QString& /*text*/) {
     if (type == QtFatalMsg) _exit(1);
 }
@@ -62,7 +62,7 @@ bool IsDark(const QPalette& palette) {
     return palette.color(QPalette::Window).lightness() < 128;
 }
 
-/// A palette of three greys, or of three reds.
+/// Makes a palette of a few greys or reds.
 QPalette PaletteFrom(const QColor& window, const QColor& base, const QColor& text,
                      const QColor& faint, const QColor& accent) {
     QPalette palette(window, window);
@@ -103,7 +103,7 @@ void ApplyTheme(const std::string& theme) {
     static const QPalette systems = QApplication::palette();
     static const QString systemStyle = QApplication::style()->objectName();
     const auto palette = PaletteOf(theme);
-    // Styles of desktops have colours of their own.
+    // Styles of desktop environments would use their own colours.
     QApplication::setStyle(palette ? QString("Fusion") : systemStyle);
     QApplication::setPalette(palette.value_or(systems));
 }
@@ -168,7 +168,7 @@ QStringList NameFilters(const FileDialog& dialog) {
     for (qsizetype i = 0; i + 1 < parts.size(); i += 2) {
         QString patterns = parts[i + 1];
         patterns.replace(';', ' ');
-        // Outside Windows this means files with a dot in their name.
+        // Outside Windows "*.*" would mean files with a dot in their name.
         if (patterns == "*.*") patterns = "*";
         filters << parts[i] + " (" + patterns + ")";
     }
@@ -228,7 +228,7 @@ void WithoutDefaultButtons(QDialog& dialog) {
 void KeepOnScreen(QWidget& window) {
     const QScreen* screen = window.screen();
     if (screen == nullptr || window.isMaximized() || window.isFullScreen()) return;
-    // The window manager puts a frame around it.
+    // Leaves space for the frame that the window manager adds.
     constexpr int titleBar = 32;
     const QRect room = screen->availableGeometry().adjusted(0, titleBar, 0, 0);
     const QSize size = window.size().boundedTo(room.size());
@@ -290,7 +290,7 @@ void WindowPort::ShowMessage(const std::string& text, const std::string& title) 
     QWidget* dialog = QApplication::activeModalWidget();
     QMessageBox box(QMessageBox::Warning, QtText(title), QtText(text), QMessageBox::Ok,
                     dialog != nullptr ? dialog : &window_);
-    // Messages quote files, which may look like markup.
+    // Messages contain file names and texts, which may look like markup.
     box.setTextFormat(Qt::PlainText);
     box.exec();
 }
@@ -309,7 +309,7 @@ std::optional<std::string> WindowPort::AskForFile(const FileDialog& dialog) {
     const QStringList filters = NameFilters(dialog);
     box.setAcceptMode(dialog.Saves ? QFileDialog::AcceptSave : QFileDialog::AcceptOpen);
     box.setFileMode(dialog.Saves ? QFileDialog::AnyFile : QFileDialog::ExistingFile);
-    // The descriptions name the patterns already.
+    // The descriptions already contain the patterns.
     box.setOption(QFileDialog::HideNameFilterDetails);
     box.setNameFilters(filters);
     if (dialog.FilterIndex >= 1 && dialog.FilterIndex <= filters.size()) {
@@ -327,7 +327,7 @@ void WindowPort::Yield() {
     yielding_ = true;
     QApplication::processEvents();
     yielding_ = false;
-    // A solve forgets, as it starts, what was asked for before.
+    // A solve that starts resets earlier stop requests, so the request is repeated here.
     if (state_.CloseRequested) state_.StopRequested = true;
 }
 

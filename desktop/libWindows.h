@@ -1,4 +1,4 @@
-// What the windows share: texts to and from Qt, and the port to the user in front of the screen.
+// What the windows share: text conversion, themes, common controls, and the port to the user.
 #pragma once
 
 #include <QColor>
@@ -28,7 +28,7 @@ std::string Utf8(const QString& text);
 
 /// The colours of all windows. The first theme is the system's.
 struct Theme {
-    const char* Name;  ///< as kept between runs
+    const char* Name;  ///< name in the preferences
     const char* Caption;
 };
 inline constexpr std::array<Theme, 4> Themes{
@@ -36,7 +36,7 @@ inline constexpr std::array<Theme, 4> Themes{
 /// The palette of a theme; nothing for the system's.
 std::optional<QPalette> PaletteOf(const std::string& theme);
 void ApplyTheme(const std::string& theme);
-/// Whether everything is to be red, for eyes that are used to the dark.
+/// Whether the palette is the red one for dark-adapted eyes.
 bool IsRedOnly(const QPalette& palette);
 /// Lets nothing but red through what was painted.
 void Redden(QPainter& painter, const QRect& place);
@@ -48,15 +48,15 @@ void ShowTaskbarProgress(int done, int total);
 /// The colour of a status line, readable on the palette's background.
 QColor StatusTextColour(StatusColour colour, const QPalette& palette);
 
-/// The colour of a word about trust, readable on the palette's background.
+/// The colour of a trust level's word, readable on the palette's background.
 QColor TrustColour(TrustLevel level, const QPalette& palette);
 
 /// The entries of a file dialog in Qt's form. "*.*" stands for every file.
 QStringList NameFilters(const FileDialog& dialog);
 
-/// Finds out whether a window can be opened at all. Qt ends the program when it cannot, so this is
-/// tried in a process of its own. It keeps its connection to the display until the object goes:
-/// display servers may restart when the last program leaves, and refuse the next one meanwhile.
+/// Finds out whether a window can be opened. Qt ends the program when it cannot, so a child process
+/// tries it. The child keeps its connection to the display until this object is destroyed, because
+/// a display server may restart when its last client leaves and refuse the next one meanwhile.
 class DisplayProbe {
  public:
     DisplayProbe(int argc, char** argv);
@@ -71,21 +71,22 @@ class DisplayProbe {
     int socket_ = -1;  ///< the child lives until this is closed
 };
 
-/// Text of a file's header: UTF-8, or Latin-1 where it is not.
+/// The text of a file's header: UTF-8, or Latin-1 when it is not valid UTF-8.
 QString HeaderText(const std::string& bytes);
 
-/// Return is for the control that has the focus: no button of the dialog takes it.
+/// Leaves the Return key to the control with the focus: no button of the dialog is a default
+/// button.
 void WithoutDefaultButtons(QDialog& dialog);
 
-/// Makes a window no larger than its screen, and moves it there.
+/// Moves a window onto its screen, and reduces it to the screen's size if needed.
 void KeepOnScreen(QWidget& window);
 
-/// The files that are dragged over a window; the first is opened.
+/// The files that are dragged over a window.
 QStringList DraggedFiles(const QMimeData* data);
-/// Accepts files that are dropped: they stay where they are.
+/// Accepts dropped files as a copy, so that their source does not delete them.
 void AcceptAsCopy(QDropEvent& event);
 
-/// An input of one line. Files that are dropped are for the window, and Ctrl+E for its menu.
+/// An input of one line. It leaves dropped files to the window, and Ctrl+E to its menu.
 class InputBox : public QLineEdit {
  public:
     InputBox() { setAcceptDrops(false); }
@@ -94,8 +95,8 @@ class InputBox : public QLineEdit {
     bool event(QEvent* event) override;
 };
 
-/// A line of text that is cut in its middle when it does not fit, and is whole in its tool tip
-/// then.
+/// A line of text that is shortened in its middle when it does not fit; its tool tip then shows the
+/// whole text.
 class ElidedLabel : public QLabel {
  public:
     ElidedLabel();
@@ -105,7 +106,7 @@ class ElidedLabel : public QLabel {
     void paintEvent(QPaintEvent* event) override;
 };
 
-/// The program as windows: message boxes and file dialogs over its main window.
+/// The port of the desktop program: message boxes and file dialogs over its main window.
 class WindowPort : public Port {
  public:
     WindowPort(ProgramState& state, QWidget& window) : state_(state), window_(window) {}
@@ -119,12 +120,11 @@ class WindowPort : public Port {
     void DisplayChanged() override { OnDisplayChanged(); }
     void ImageChanged() override { OnImageChanged(); }
     void ShowProgress(int percent) override { OnProgress(percent); }
-    /// Runs pending events. An event that yields again, from inside this, runs none: what was
-    /// started first is always ended last.
+    /// Runs pending events. When one of them yields again, that runs none, so commands cannot nest.
     void Yield() override;
     void ShowBusyPointer(bool busy) override;
 
-    // What the main window does about it; all are to be set.
+    // The actions of the main window; all must be set.
     std::function<void()> OnDisplayChanged;
     std::function<void()> OnImageChanged;
     std::function<void(int)> OnProgress;

@@ -23,7 +23,7 @@
 namespace vestrel {
 namespace {
 
-/// The one open window of a name.
+/// The window with an object name.
 QWidget* WindowNamed(const QString& name) {
     for (QWidget* window : QApplication::topLevelWidgets()) {
         if (window->objectName() == name) return window;
@@ -31,7 +31,7 @@ QWidget* WindowNamed(const QString& name) {
     return nullptr;
 }
 
-/// A clock that goes would change every picture.
+/// A running clock would change every picture.
 void StopClock(QWidget& window) {
     if (auto* clock = window.findChild<QLabel*>("lblClock")) {
         clock->setText("UT 21:04:37   JD 2461366.37820   LST 02:08:07");
@@ -73,7 +73,7 @@ class Photographer {
     QString suffix_;
 };
 
-/// The image window and those that belong to it.
+/// Takes the image window and those that belong to it.
 bool TakeViewer(SolveWindow& window, const ProgramState& state, Photographer& photographer) {
     const auto choose = [&window](const char* name) {
         window.findChild<QAction*>(name)->trigger();
@@ -84,7 +84,7 @@ bool TakeViewer(SolveWindow& window, const ProgramState& state, Photographer& ph
     QApplication::processEvents();
     bool good = photographer.Take("fImage", "image");
 
-    // A closer look: the matched stars with their magnitudes on the grid, two of them measured.
+    // A closer view: the matched stars with magnitudes on the grid, two of them measured.
     choose("mnuStats");
     choose("mnuRelPhot");
     choose("mnuLevels");
@@ -150,7 +150,7 @@ bool TakeAll(Photographer photographer, const std::string& frame, const QString&
     good = photographer.Take("fSettings", "settings") && good;
     WindowNamed("fSettings")->close();
 
-    // From anywhere: the quads tell where.
+    // The centre does not matter here, because quads find it.
     type("txtRA", "00 00 00");
     type("txtDec", "00 00 00");
     press("cmdMORA");

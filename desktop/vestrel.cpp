@@ -1,4 +1,5 @@
-// The desktop program: the solve window, or without a display an unattended solve all the same.
+// The desktop program: the solve window, or an unattended solve, which also works without a
+// display.
 
 #include <QApplication>
 #include <QIcon>
@@ -41,7 +42,7 @@ ExitCode RunWithoutWindow(const DesktopStart& start, ProgramState& state) {
 }
 
 ExitCode Run(int argc, char** argv) {
-    // An installed program finds its icon and its windows by this.
+    // Desktops connect the windows with the installed icon by this name.
     constexpr const char* applicationId = "org.vestrel.Vestrel";
     const auto state = std::make_unique<ProgramState>();
     state->Catalog.Folder = DefaultCatalogFolder();
@@ -62,7 +63,7 @@ ExitCode Run(int argc, char** argv) {
     probe.reset();
     QApplication::setDesktopFileName(applicationId);
     QApplication::setWindowIcon(QIcon::fromTheme(applicationId));
-    start = readArguments();  // without those that were Qt's
+    start = readArguments();  // without Qt's own arguments
     SolveWindow window(*state);
     window.TelescopeAt = CreateTelescopeDriverAt;
     window.ApplySettings();

@@ -52,7 +52,7 @@ std::pair<std::int32_t, std::int32_t> StoredRange(const PlateImage& image) {
     return whole;
 }
 
-/// Bins first..end − 1 of a histogram, the part of it that clipping has left.
+/// Bins first..end − 1 of a histogram: the part that clipping has left.
 struct HistogramPart {
     const ImageHistogram& Histogram;
     std::size_t First;
@@ -90,7 +90,7 @@ struct HistogramPart {
         }
         return std::sqrt(squares / static_cast<double>(std::max<std::int64_t>(Pixels(), 1)));
     }
-    /// The half width about a count that holds half of the pixels, to a bin.
+    /// The half width around a count that contains half of the pixels, to the precision of a bin.
     double HalfWidthOfHalf(double about) const {
         const std::int64_t half = (Pixels() + 1) / 2;
         auto low = static_cast<std::size_t>(
@@ -142,7 +142,7 @@ ImageHistogram MakeImageHistogram(const PlateImage& image, std::int64_t mostBins
     histogram.Bins.assign(bins, 0);
     histogram.Pixels = std::int64_t{image.Width} * image.Height;
 
-    // Each batch of rows has counters of its own; whole numbers add up the same in any order.
+    // Each batch of rows has its own counters; sums of whole numbers do not depend on the order.
     constexpr int mostBatches = 16;
     const int pieces = PieceCount(image);
     const int batches = std::min(pieces, mostBatches);
@@ -170,7 +170,8 @@ SkyEstimate EstimateSky(const ImageHistogram& histogram) {
     if (histogram.Pixels < 1) return {};
     // Half of the pixels lie within 0.6745 sigmas of a Gaussian's middle.
     constexpr double sigmaPerHalfWidth = 1.4826;
-    constexpr double widening = 1.0136;  // a Gaussian cut at 3 sigmas has lost this much
+    constexpr double widening = 1.0136;  // cutting a Gaussian at 3 sigmas reduces its standard
+                                         // deviation by this factor
     HistogramPart part = WholeOf(histogram);
     double level = part.Quantile(0.5);
     double noise = sigmaPerHalfWidth * part.HalfWidthOfHalf(level);
@@ -234,7 +235,7 @@ double Transferred(Transfer transfer, double place) {
 
 GreyLookup::GreyLookup(const CountLevels& levels, std::int32_t dataOffset, Transfer transfer,
                        bool inverted) {
-    // Levels come from people and files: hold them where every stored value lies between.
+    // Levels come from users and files: clamp them to a range that contains every stored value.
     constexpr double farthest = 1e10;
     const auto held = [&](double level, double otherwise) {
         return std::isfinite(level) ? std::clamp(level, -farthest, farthest) : otherwise;

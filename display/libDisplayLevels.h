@@ -1,9 +1,9 @@
-// The histogram of an image, the counts to show black and white, and the way between them.
+// The histogram of an image, the counts to show as black and white, and the transfer between them.
 //
-// All counts are physical ones, stored value + `DataOffset`; the lookup alone takes stored values,
-// as that is what pixels are. Sky and noise come from clipping about the median (Da
-// Costa 1992, ASP Conf. Ser. 23, 90); the transfers are those of common image viewers, the
-// arc-hyperbolic sine after Lupton et al. 1999 (AJ 118, 1406).
+// All counts are physical: stored value + `DataOffset`. Only `GreyLookup` takes stored values, as
+// they are in the pixels. Sky and noise come from clipping about the median (Da Costa 1992, ASP
+// Conf. Ser. 23, 90); the transfers are those of common image viewers, the arc-hyperbolic sine
+// after Lupton et al. 1999 (AJ 118, 1406).
 #pragma once
 
 #include <cstdint>
@@ -19,11 +19,11 @@ struct ImageHistogram {
     std::int64_t Low = 0;  ///< the smallest count of the image
     std::int64_t High = 0;
     std::int64_t BinWidth = 1;
-    std::vector<std::int64_t> Bins;  ///< pixels; empty when the image is
+    std::vector<std::int64_t> Bins;  ///< numbers of pixels; empty when the image is
     std::int64_t Pixels = 0;
 
-    /// The count below which a fraction (0..1) of the pixels lie, as if each bin's were evenly
-    /// spread from half a count below its first; 0 without pixels.
+    /// The count below which a fraction (0..1) of the pixels lies, as if the pixels of a bin were
+    /// spread evenly from half a count below its first count; 0 without pixels.
     double Quantile(double fraction) const;
 };
 
@@ -39,7 +39,7 @@ struct SkyEstimate {
     double Level = 0;  ///< counts
     double Noise = 0;  ///< standard deviation of a pixel
 };
-/// The sky of an image in which stars, or a border without data, cover less than half.
+/// Estimates the sky of an image of which stars, or a border without data, cover less than half.
 SkyEstimate EstimateSky(const ImageHistogram& histogram);
 
 /// Counts that are shown black and white; `White` is above `Black`.
@@ -48,8 +48,8 @@ struct CountLevels {
     double White = 1;
 };
 
-/// Levels that show stars and noise: black two sigmas below the sky, white where some thousandths
-/// of the pixels end, and ten sigmas above the sky at least.
+/// Levels that show stars and noise: black is two sigmas below the sky; white is where 99.7 % of
+/// the pixels lie below, and at least ten sigmas above the sky.
 CountLevels LevelsFromHistogram(const ImageHistogram& histogram);
 
 /// Whether the header's `CBLACK` and `CWHITE` would show anything: white is above black and above
@@ -58,18 +58,18 @@ CountLevels LevelsFromHistogram(const ImageHistogram& histogram);
 /// been subtracted since, and the 0 of absent cards, fail.
 bool HeaderLevelsSensible(const ImageHeader& header, const ImageHistogram& histogram);
 
-/// What to show an image with at first: the header's levels when they are sensible, else those of
-/// its histogram.
+/// The first levels of an image: those of the header when they are sensible, else those from its
+/// histogram.
 CountLevels FirstLevels(const ImageHeader& header, const ImageHistogram& histogram);
 
 enum class Transfer { Linear, SquareRoot, Asinh, Logarithmic };
 
-/// The brightness (0..1) of a place between black (0) and white (1): x, √x, asinh(10 x) / asinh(10)
-/// or log(1 + 1000 x) / log(1001). Places outside are held at the ends; no number is black.
+/// The brightness (0..1) of a value between black (0) and white (1): x, √x, asinh(10 x) / asinh(10)
+/// or log(1 + 1000 x) / log(1001). Values outside are clamped; NaN is black.
 double Transferred(Transfer transfer, double place);
 
-/// Stored values to grey values, by table: exact for ranges up to 131072 counts, else in even steps
-/// of which there are more than 65536.
+/// Converts stored values to grey values by a table. It is exact for ranges up to 131072 counts;
+/// larger ranges have more than 65536 even steps.
 class GreyLookup {
  public:
     /// @param dataOffset of the image

@@ -8,7 +8,7 @@ namespace vestrel {
 
 namespace {
 
-/// Boxes of a drawing by the squares that they touch, so that few are compared.
+/// Boxes of a drawing, sorted by the squares that they touch, so that few must be compared.
 class BoxGrid {
  public:
     BoxGrid(double width, double height)

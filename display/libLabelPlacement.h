@@ -1,8 +1,8 @@
-// Places for labels on a drawing, so that none covers another one or a mark.
+// Finds places for labels on a drawing, so that none covers another label or a mark.
 //
-// Greedy, as maps have been labelled since Imhof 1975 (The American Cartographer 2, 128): labels
-// are taken in the order of their worth, each gets the first of eight places around its mark that
-// is free, and goes without when none is.
+// The method is greedy, as is usual for maps (Imhof 1975, The American Cartographer 2, 128): in
+// order of importance, each label gets the first free one of eight places around its mark, or is
+// omitted when none is free.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@
 
 namespace vestrel {
 
-/// A rectangle of a drawing; its right and lower sides are outside.
+/// A rectangle of a drawing, pixels; its right and lower sides do not belong to it.
 struct ScreenBox {
     double Left = 0;
     double Top = 0;
@@ -26,19 +26,19 @@ struct ScreenBox {
     }
 };
 
-/// A label that wants a place beside its mark.
+/// A label that needs a place beside its mark; lengths are pixels.
 struct LabelWish {
     ScreenPoint Mark;
     double Radius = 0;  ///< of the mark
     double Width = 0;   ///< of the label
     double Height = 0;
-    bool Fixed = false;  ///< only the place whose lower left corner is `Mark` will do
+    bool Fixed = false;  ///< its lower left corner must be at `Mark`
 };
 
 /// Finds places for labels.
-/// @param wishes    the most worthy first
-/// @param obstacles what no label may cover
-/// @return for each wish its place within 0..width, 0..height; nothing where there is none
+/// @param wishes the most important first
+/// @param obstacles boxes that no label may cover
+/// @return for each wish its place within 0..width, 0..height; nothing when there is none
 std::vector<std::optional<ScreenBox>> PlaceLabels(const std::vector<LabelWish>& wishes,
                                                   const std::vector<ScreenBox>& obstacles,
                                                   double width, double height);

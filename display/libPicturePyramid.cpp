@@ -56,7 +56,7 @@ void Halve(const GreyLevel& from, GreyLevel& to, const std::stop_token& stop) {
     });
 }
 
-/// The mean counts of an image, halved in size some times.
+/// The mean counts of an image that was halved in size one or more times.
 struct CountLevel {
     int Width = 0;
     int Height = 0;
@@ -77,10 +77,10 @@ CountLevel HalfSized(int width, int height) {
     return half;
 }
 
-/// From counts to grey, by a table over the levels that show a picture's faint stars.
+/// Converts counts to grey by a table, with levels that show a picture's faint stars.
 class ScreenStretch {
  public:
-    /// @param sample counts of the picture, in any order; there is one at least
+    /// @param sample counts of the picture, in any order; at least one
     ScreenStretch(std::vector<float> sample, bool inverted) {
         const auto quantile = [&sample](double part) {
             const auto place = sample.begin() + static_cast<std::ptrdiff_t>(
@@ -161,15 +161,15 @@ std::size_t LevelCount(const PlateImage& image) {
     return count;
 }
 
-/// Where the pixels of one row or column of the target come from: two pixels of the level and the
-/// weight of the second, in 256ths. Outside the image `First` is below 0.
+/// The source of a row or column of the target: two rows or columns of the level, and the weight of
+/// the second in 256ths. Outside the image `First` is below 0.
 struct Source {
     int First = -1;
     int Second = -1;
     int Weight = 0;
 };
 
-/// The level to paint from, and how.
+/// The level to paint from, and whether to interpolate.
 struct PaintedLevel {
     int Number = 0;
     bool Interpolated = false;
@@ -178,8 +178,8 @@ struct PaintedLevel {
 /// @param at        image coordinate
 /// @param levelSize pixels of the level along this axis
 Source SourceOf(double at, std::int32_t imageSize, PaintedLevel level, int levelSize) {
-    // At whole scales all coordinates may lie on the border of two pixels: rounding must not make
-    // some of them fall to one side and some to the other.
+    // At whole-number scales all coordinates may lie on the border of two pixels. Rounding must not
+    // put some on one side and some on the other.
     constexpr double borders = 1e-6;
     const double fromEdge = at + 0.5 + borders;
     if (!(fromEdge >= 0 && fromEdge < imageSize)) return {};
@@ -194,7 +194,7 @@ Source SourceOf(double at, std::int32_t imageSize, PaintedLevel level, int level
             static_cast<int>((place - whole) * 256)};
 }
 
-/// The level to paint a scale from.
+/// The level from which to paint at a scale (target pixels per image pixel).
 PaintedLevel LevelFor(double scale, std::size_t levels) {
     constexpr double rounding = 1e-9;
     if (!(scale < 1 - rounding)) return {};
@@ -202,11 +202,11 @@ PaintedLevel LevelFor(double scale, std::size_t levels) {
     return {std::clamp(number, 0, static_cast<int>(levels) - 1), true};
 }
 
-/// The lines of a target along each of which one row of the level is shown.
+/// The lines of the target, each of which shows one row of the level.
 struct Lines {
     std::vector<Source> Along;   ///< the source of each pixel of a line that shows the image
     std::vector<Source> Across;  ///< of each line
-    int Begin = 0;               ///< pixels of a line before those
+    int Begin = 0;               ///< pixels of a line before the image
 };
 
 void PaintLines(const GreyLevel& level, const Lines& lines, bool interpolated,
@@ -224,9 +224,9 @@ void PaintLines(const GreyLevel& level, const Lines& lines, bool interpolated,
             for (const Source& column : columns) *to++ = upper[column.First];
             return;
         }
-        // First between the two rows, in one sweep, then between neighbours.
+        // Interpolates between the two rows first, then between neighbours in the row.
         const std::uint8_t* lower = RowOf(level, rows.Second);
-        // A flipped image runs the other way.
+        // A flipped image is read in the other direction.
         const int left = std::min(columns.front().First, columns.back().First);
         const int right = std::max(columns.front().First, columns.back().First);
         const int last = std::min(right + 1, level.Width - 1);
@@ -246,7 +246,7 @@ void PaintLines(const GreyLevel& level, const Lines& lines, bool interpolated,
     });
 }
 
-/// From lines that are to be the columns of the target, in squares that fit the cache.
+/// Copies lines into the columns of the target, in squares that fit the cache.
 void Transpose(const std::vector<std::uint8_t>& lines, const GreyTarget& target) {
     constexpr int side = 32;
     const auto lineBytes = static_cast<std::size_t>(target.Height);

@@ -50,7 +50,7 @@ std::vector<double> HistogramColumns(const ImageHistogram& histogram, const Coun
     const auto width = static_cast<double>(histogram.BinWidth);
     for (std::size_t bin = 0; bin < histogram.Bins.size(); ++bin) {
         if (histogram.Bins[bin] == 0) continue;
-        // A bin of whole counts begins half a count before its first.
+        // A bin of whole counts begins half a count before its first count.
         const double begin = (static_cast<double>(histogram.Low) +
                               static_cast<double>(bin) * width - 0.5 - span.Black) /
                              columnWidth;

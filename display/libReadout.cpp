@@ -14,7 +14,7 @@ std::string FixedText(double value, int decimals) {
     const auto end =
         std::to_chars(std::begin(text), std::end(text), value, std::chars_format::fixed, decimals);
     const std::string result(std::begin(text), end.ptr);
-    // What rounds to nothing has no sign.
+    // A number that rounds to 0 has no sign.
     return result.find_first_not_of("-0.") == std::string::npos && value < 0 ? result.substr(1)
                                                                              : result;
 }

@@ -1,4 +1,4 @@
-// What is under the pointer, as text.
+// Describes the pixel under the mouse pointer as text.
 #pragma once
 
 #include <optional>
@@ -8,10 +8,10 @@
 
 namespace vestrel {
 
-/// Pixel coordinates as docs/CONVENTIONS.md counts them, the physical count of that pixel, and the
-/// J2000 position where there is one.
+/// Pixel coordinates as in docs/CONVENTIONS.md, the physical count of that pixel, and its J2000
+/// position when the image is solved.
 struct Readout {
-    std::string Pixel;  ///< empty off the image, as are the others
+    std::string Pixel;  ///< empty outside the image, like the others
     std::string Count;
     std::string Sky;
 };

@@ -18,7 +18,7 @@ std::vector<double> SortedLengths(const std::vector<Residual>& residuals) {
     return lengths;
 }
 
-/// The smallest of 1, 2, 5, 10, ... times a power of ten that is no less than a positive value.
+/// The smallest of 1, 2 or 5 times a power of ten that is not below a positive value.
 double RoundUp(double value) {
     const double power = std::pow(10, std::floor(std::log10(value)));
     for (const double step : {1.0, 2.0, 5.0}) {
@@ -39,7 +39,7 @@ ResidualHistogram HistogramOf(const std::vector<Residual>& residuals, int mostBi
     histogram.Median =
         lengths.size() % 2 == 1 ? lengths[half] : (lengths[half - 1] + lengths[half]) / 2;
     const int bins = std::max(mostBins, 2);
-    // One bin is kept free, for the largest may lie on a border.
+    // One bin is reserved, because the largest residual may lie on the border of a bin.
     histogram.BinWidth = RoundUp(std::max(histogram.Largest, shortest) / (bins - 1));
     const auto binOf = [&](double length) {
         return static_cast<std::size_t>(length / histogram.BinWidth);
@@ -58,7 +58,7 @@ double ResidualMagnification(const std::vector<Residual>& residuals, std::int32_
     const double typical = lengths[(lengths.size() - 1) * 19 / 20];
     const double wanted = longest * std::min(width, height) / std::max(typical, 1e-9);
     if (!(wanted > 1)) return 1;
-    // Down to a round number.
+    // Rounds down to a round number.
     return 1 / RoundUp(1 / std::min(wanted, largest));
 }
 

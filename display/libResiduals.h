@@ -1,4 +1,4 @@
-// How far matched stars lie from where a solution puts them, laid out for drawing.
+// Residuals of matched stars, prepared for drawing.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace vestrel {
 
-/// A matched star: where the solution puts it, and how far from there it was found, pixels.
+/// A matched star: its place by the solution, and the offset of its measured place; pixels.
 struct Residual {
     PixelPoint Predicted;
     double Dx = 0;
@@ -23,12 +23,12 @@ struct ResidualHistogram {
     double Median = 0;   ///< pixels
     double Largest = 0;  ///< pixels
 };
-/// At most `mostBins` bins (2 or more); nothing in it without residuals.
+/// At most `mostBins` bins (2 or more); empty without residuals.
 ResidualHistogram HistogramOf(const std::vector<Residual>& residuals, int mostBins = 12);
 
-/// How many times vectors over the frame of an image are to be lengthened: 1, 2 or 5 times a power
-/// of ten, so that all but the longest twentieth are shorter than a twelfth of the shorter side. 1
-/// at least; 1 without residuals.
+/// The factor by which to enlarge residual vectors drawn over an image: 1, 2 or 5 times a power of
+/// ten, so that 95 % of them are shorter than a twelfth of the shorter side. At least 1, and 1
+/// without residuals.
 double ResidualMagnification(const std::vector<Residual>& residuals, std::int32_t width,
                              std::int32_t height);
 

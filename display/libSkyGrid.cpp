@@ -14,7 +14,7 @@ namespace {
 
 constexpr double pi = std::numbers::pi;
 
-// Angles on lines are whole numbers of thousandths of seconds, of time or of arc: steps add up
+// Angles of lines are whole numbers of milliseconds of time or milliarcseconds: steps add up
 // without error and labels need no rounding.
 constexpr std::int64_t perSecond = 1000;
 constexpr std::int64_t perMinute = 60 * perSecond;
@@ -30,7 +30,7 @@ constexpr std::int64_t finerSteps[] = {1,     2,     5,      10,     20,     50,
 constexpr std::int64_t wholeRaSteps[] = {1, 2, 3, 6};
 constexpr std::int64_t wholeDecSteps[] = {1, 2, 5, 10, 15, 30, 45};
 
-/// The smallest round step that is not below `smallest`, or the largest one there is.
+/// The smallest round step that is not below `smallest`, or the largest of all.
 std::int64_t RoundStep(double smallest, bool isRa) {
     for (const std::int64_t step : finerSteps) {
         if (static_cast<double>(step) >= smallest) return step;
@@ -51,7 +51,7 @@ std::string TwoDigits(std::int64_t number) {
     return (number < 10 ? "0" : "") + std::to_string(number);
 }
 
-/// A sexagesimal text that ends with the digits that multiples of the step need.
+/// A sexagesimal text with as many digits as multiples of the step need.
 std::string AngleLabel(std::int64_t angle, std::int64_t step, bool isRa) {
     const std::int64_t amount = std::abs(angle);
     std::string text = angle < 0 ? "-" : "";
@@ -71,7 +71,7 @@ std::string AngleLabel(std::int64_t angle, std::int64_t step, bool isRa) {
 /// The part of the sky that an image shows, in the units of lines.
 struct SkyRange {
     double CentreRa = 0;  ///< radians
-    double LowRa = 0;     ///< about the centre's
+    double LowRa = 0;     ///< relative to the centre's
     double HighRa = 0;
     double LowDec = 0;
     double HighDec = 0;
@@ -93,10 +93,10 @@ class GridMaker {
         const double raWidth = range.AllRa ? double(raCircle) : range.HighRa - range.LowRa;
         const double decHeight = range.HighDec - range.LowDec;
         if (!(raWidth >= 1 && decHeight >= 1)) return grid;
-        // Steps are mostly rounded up.
+        // Corrects for steps being mostly rounded up.
         constexpr double allowance = 0.7;
         const std::int64_t decStep = RoundStep(allowance * decHeight / wanted, false);
-        // All around a pole, more lines are as far apart.
+        // Around a pole, more lines have the same spacing.
         const int meridians = range.AllRa ? std::max(2 * wanted, 12) : wanted;
         const std::int64_t raStep = RoundStep(allowance * raWidth / meridians, true);
         grid.RaStep = static_cast<double>(raStep) / raPerRadian;
@@ -115,7 +115,7 @@ class GridMaker {
         return pixel && Inside(*pixel);
     }
 
-    /// The range of a lattice of pixels, widened by a cell.
+    /// The range of the sky over a lattice of pixels, widened by one cell.
     std::optional<SkyRange> FindRange() const {
         constexpr int cells = 32;
         constexpr std::size_t samples = (cells + 1) * (cells + 1);
@@ -129,7 +129,7 @@ class GridMaker {
         }
         if (positions.empty()) return std::nullopt;
         SkyRange range;
-        // The middle one is far from where right ascension tears when any is.
+        // The middle position is as far as possible from the discontinuity of right ascension.
         range.CentreRa = positions[positions.size() / 2].Ra;
         range.LowDec = range.HighDec = positions.front().Dec * decPerRadian;
         for (const SkyPosition& sky : positions) {
@@ -149,7 +149,7 @@ class GridMaker {
         range.Pole[1] = Shows({range.CentreRa, pi / 2});
         if (range.Pole[0]) range.LowDec = -double(decQuarter);
         if (range.Pole[1]) range.HighDec = double(decQuarter);
-        // Close to the rim of the sky everything changes within a cell.
+        // Close to the rim of the projection, everything changes within a cell.
         const bool showsRim = positions.size() < samples;
         if (showsRim) {
             range.LowDec = -double(decQuarter);
@@ -170,7 +170,7 @@ class GridMaker {
         return pixel && Inside(*pixel) ? pixel : std::nullopt;
     }
 
-    /// The last point within the image on the way from a place within to one outside.
+    /// The last point within the image on a curve from a place inside to one outside.
     PixelPoint Crossing(const Curve& curve, double inside, double outside,
                         PixelPoint lastInside) const {
         constexpr int halvings = 40;
@@ -186,9 +186,9 @@ class GridMaker {
         return lastInside;
     }
 
-    /// Follows a curve over low..high and keeps what lies within the image.
+    /// Follows a curve over low..high and keeps the parts within the image.
     std::vector<std::vector<PixelPoint>> Follow(const Curve& curve, double low, double high) const {
-        // Each of them may bring the two ends of a piece of its own.
+        // Each step may add two ends of a piece.
         constexpr int steps = MostLineVertices / 2 - 2;
         std::vector<std::vector<PixelPoint>> pieces;
         double before = low;
@@ -229,7 +229,7 @@ class GridMaker {
         const auto last = static_cast<std::int64_t>(std::floor(range.HighDec / double(step)));
         for (std::int64_t k = first; k <= last && k - first < MostGridLines; ++k) {
             const std::int64_t angle = k * step;
-            if (std::abs(angle) >= decQuarter) continue;  // a pole is no line
+            if (std::abs(angle) >= decQuarter) continue;  // a pole is not a line
             GridLine line;
             line.Angle = static_cast<double>(angle) / decPerRadian;
             line.Label = AngleLabel(angle, step, false);
@@ -248,7 +248,7 @@ class GridMaker {
         const double atFirst = (offset + range.LowRa) / double(step);
         const auto first = static_cast<std::int64_t>(std::ceil(atFirst));
         auto last = static_cast<std::int64_t>(std::floor((offset + range.HighRa) / double(step)));
-        // Around the whole circle the first one would come twice.
+        // Around the whole circle the first line would come twice.
         last = std::min(last, first + raCircle / step - 1);
         const double low = range.Pole[0] ? -double(decQuarter) + double(decStep) : range.LowDec;
         const double high = range.Pole[1] ? double(decQuarter) - double(decStep) : range.HighDec;

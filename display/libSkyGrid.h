@@ -1,8 +1,8 @@
-// The lines of equal right ascension and declination over a solved image.
+// The grid of right ascension and declination over a solved image.
 //
-// Every vertex lies on its line, to the accuracy of `SkyMap`, and within the image; what a window
-// joins by straight strokes in between is within a pixel of it. The number of lines and vertices
-// is bounded whatever the solution says.
+// Every vertex lies within the image and on its line, to the accuracy of `SkyMap`; straight strokes
+// between vertices stay within a pixel of the line. The number of lines and vertices is bounded,
+// whatever the solution is.
 #pragma once
 
 #include <cstdint>
@@ -14,12 +14,12 @@
 namespace vestrel {
 
 struct GridLine {
-    bool IsMeridian = false;  ///< equal right ascension; else equal declination
+    bool IsMeridian = false;  ///< line of equal right ascension, else of equal declination
     double Angle = 0;         ///< that right ascension (0..2π) or declination, radians
-    std::string Label;        ///< such as 05h32m or -00°30', with the digits that the step needs
+    std::string Label;        ///< such as 05h32m or -00°30', with as many digits as the step needs
     PixelPoint LabelPlace;    ///< where the line is nearest to the grid's left side (parallels) or
                               ///< first row (meridians)
-    std::vector<std::vector<PixelPoint>> Pieces;  ///< the stretches within the image
+    std::vector<std::vector<PixelPoint>> Pieces;  ///< the parts within the image
 };
 
 struct SkyGrid {
@@ -28,13 +28,13 @@ struct SkyGrid {
     std::vector<GridLine> Lines;
 };
 
-/// No more than this many lines of each kind, and vertices a line, ever come.
+/// The largest number of lines of each kind, and of vertices in a line.
 inline constexpr std::int32_t MostGridLines = 50;
 inline constexpr std::int32_t MostLineVertices = 400;
 
-/// The grid with about `wanted` (2..20) lines across the image each way, at round steps. Meridians
-/// end a step before a pole that the image shows, where they would only blacken it. Empty where
-/// the image shows less than a thousandth of an arcsecond, or no sky.
+/// The grid with about `wanted` (2..20) lines across the image in each direction, at round steps.
+/// Meridians end one step before a pole that the image shows, so that they do not merge there.
+/// Empty when the image spans less than a thousandth of an arcsecond, or shows no sky.
 SkyGrid MakeSkyGrid(const SkyMap& map, std::int32_t width, std::int32_t height, int wanted = 5);
 
 }  // namespace vestrel

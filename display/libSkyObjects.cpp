@@ -24,7 +24,7 @@ std::vector<std::string_view> Split(std::string_view text, char separator) {
     }
 }
 
-/// A number within limits; nothing for an empty or a faulty one.
+/// A number within limits; nothing when it is empty or invalid.
 std::optional<double> NumberWithin(std::string_view text, double low, double high) {
     const auto value = ParseNumber(std::string(text));
     return value && *value >= low && *value <= high ? value : std::nullopt;
@@ -53,7 +53,7 @@ std::optional<SkyObject> ObjectOfLine(std::string_view line) {
     return object;
 }
 
-/// Letters in one case, without blanks.
+/// The name in upper case, without blanks.
 std::string Key(std::string_view name) {
     std::string key;
     for (const char c : name) {
@@ -67,7 +67,7 @@ bool IsNumbered(const std::string& name) {
     return !name.empty() && name.back() >= '0' && name.back() <= '9';
 }
 
-/// A magnitude to compare by. Nebulae have none, and show by their size.
+/// A magnitude for comparing objects. Nebulae have none and are rated by their size.
 double Conspicuousness(const SkyObject& object) {
     constexpr double bonusOfName = 2;
     const bool named = object.Name.starts_with("M ") ||
@@ -80,7 +80,7 @@ double Conspicuousness(const SkyObject& object) {
     return object.IsStar() ? object.Magnitude.value_or(7) : magnitude - (named ? bonusOfName : 0);
 }
 
-/// A place at a distance (radians) and position angle from another one.
+/// The position at a distance and position angle (radians) from another one.
 SkyPosition Offset(const SkyPosition& from, double distance, double angle) {
     const double sine = std::sin(from.Dec) * std::cos(distance) +
                         std::cos(from.Dec) * std::sin(distance) * std::cos(angle);
@@ -149,7 +149,7 @@ std::vector<ObjectOnImage> ObjectsOnImage(const std::vector<SkyObject>& objects,
     if (!middle) return shown;
     const double reach = std::hypot(width, height) / map.PixelsPerRadian();
     for (const SkyObject& object : objects) {
-        // The map is known for its own half of the sky.
+        // The map is valid only for its own half of the sky.
         if (SkyDistance(object.Position, *middle) > reach) continue;
         const auto place = map.PixelOf(object.Position);
         const bool inside = place && place->X >= -0.5 && place->Y >= -0.5 &&

@@ -1,4 +1,4 @@
-// Objects of the sky that have names: bright stars, clusters, nebulae and galaxies.
+// Named objects of the sky: bright stars, clusters, nebulae and galaxies.
 #pragma once
 
 #include <cstdint>
@@ -19,34 +19,34 @@ struct SkyObject {
     std::string Kind;                     ///< such as "galaxy"
     SkyPosition Position;                 ///< J2000, radians
     std::optional<double> Magnitude;
-    double Major = 0;  ///< diameters, radians; 0 when not known
+    double Major = 0;  ///< diameters, radians; 0 when unknown
     double Minor = 0;
     double PositionAngle = 0;  ///< of the longer axis, radians east of north
 
     bool IsStar() const { return Kind == "star"; }
-    /// What to call it in a picture: a common name and the designation.
+    /// Its label in a picture: a common name and the designation.
     std::string Label() const;
 };
 
-/// The objects of a table as data/ has them: nine columns with tabs between, the first line their
-/// captions. Lines that are none, or hold numbers that cannot be, are left out. Nothing of a file
-/// that cannot be read or is longer than 16 MB.
+/// Reads a table of objects in the form of data/: nine columns separated by tabs, with captions in
+/// the first line. Malformed lines and lines with impossible numbers are left out. Empty for a file
+/// that cannot be read or is longer than 16 MiB.
 std::vector<SkyObject> ReadSkyObjects(const std::filesystem::path& file);
 
-/// The object of a name, letters of either case and blanks of any number: "m31", "NGC 224",
-/// "andromeda galaxy", "Vega". Null when there is none.
+/// Finds an object by name; upper and lower case and the number of blanks do not matter: "m31",
+/// "NGC 224", "andromeda galaxy", "Vega". Null when there is none.
 const SkyObject* FindSkyObject(const std::vector<SkyObject>& objects, std::string_view name);
 
 /// An object on an image.
 struct ObjectOnImage {
     const SkyObject* Object = nullptr;
     PixelPoint Place;
-    std::vector<PixelPoint> Outline;  ///< a closed line; empty for stars and what has no size
+    std::vector<PixelPoint> Outline;  ///< a closed line; empty for stars and objects without size
 };
 
 /// The objects on an image, the most conspicuous first.
 /// @param width, height of the image, pixels
-/// @param most          how many at most
+/// @param most the largest number of objects
 std::vector<ObjectOnImage> ObjectsOnImage(const std::vector<SkyObject>& objects, const SkyMap& map,
                                           std::int32_t width, std::int32_t height,
                                           std::size_t most = 400);

@@ -13,7 +13,7 @@ namespace vestrel {
 
 namespace {
 
-/// So that rounding does not take away what lies on the very rim of the sky.
+/// A tolerance, so that rounding does not exclude points on the very rim of the projection.
 constexpr double rim = 1e-12;
 
 PixelPoint UnitVector(double x, double y) {
@@ -33,7 +33,7 @@ std::optional<SkyMap> SkyMap::Of(const ImageHeader& header) {
     map.yEta_ = rows[1][1] * header.PlateScale;
     map.tangent_ = {rows[0][2], rows[1][2]};
     map.determinant_ = map.xXi_ * map.yEta_ - map.xEta_ * map.yXi_;
-    // Beyond these nothing of an image is left, or the two axes are the same.
+    // Beyond these limits the image would be empty, or its two axes parallel.
     constexpr double farthest = 1e9;
     constexpr double largest = 1e15;
     constexpr double smallestAngle = 1e-6;
@@ -115,12 +115,12 @@ std::optional<SkyMap::Compass> SkyMap::CompassAt(const PixelPoint& pixel) const 
 
 std::optional<SkyMap::Compass> SkyMap::CompassByStep(const PixelPoint& pixel,
                                                      const SkyPosition& sky) const {
-    constexpr double step = 1e-6;  // radians; places of the model are true to 1e-9 pixels
+    constexpr double step = 1e-6;  // radians; the model is accurate to 1e-9 pixels
     const double sinRa = std::sin(sky.Ra);
     const double cosRa = std::cos(sky.Ra);
     const double sinDec = std::sin(sky.Dec);
     const double cosDec = std::cos(sky.Dec);
-    // Where a step in a direction leads, without the angles, which end at the poles.
+    // The pixel after a small step in a direction, without angles, which fail at the poles.
     const auto toward = [&](double x, double y, double z) -> std::optional<PixelPoint> {
         x = cosDec * cosRa + step * x;
         y = cosDec * sinRa + step * y;
@@ -148,7 +148,7 @@ std::optional<ScaleBar> ScaleBarFor(const SkyMap& map, double longest) {
         const char* Sign;
         double Steps[5];
     };
-    // In falling order; 0 ends a row.
+    // In descending order; 0 ends a row.
     const Unit units[] = {{perDegree, DegreeSign, {45, 30, 20, 10, 5}},
                           {perDegree, DegreeSign, {2, 1, 0}},
                           {perMinute, "'", {30, 20, 10, 5, 2}},
@@ -161,7 +161,7 @@ std::optional<ScaleBar> ScaleBarFor(const SkyMap& map, double longest) {
         for (const double step : unit.Steps) {
             const double pixels = step * unit.Arcseconds * pixelsPerArcsecond;
             if (step == 0 || !(pixels <= longest)) continue;
-            // A field wider than the sky: even the longest bar is a dot.
+            // In a field wider than the sky even the longest bar would be a dot.
             if (step == 45 && pixels < longest / 100) return std::nullopt;
             return ScaleBar{pixels, step * unit.Arcseconds, NumberText(step) + unit.Sign};
         }

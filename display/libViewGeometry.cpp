@@ -8,7 +8,7 @@ namespace vestrel {
 
 namespace {
 
-/// Where columns and rows lead on the screen, as EXIF counts the ways (CIPA DC-008, tag 0x0112).
+/// The directions of columns and rows on the screen, by EXIF orientation (CIPA DC-008, tag 0x0112).
 struct Ways {
     ScreenPoint Columns;
     ScreenPoint Rows;

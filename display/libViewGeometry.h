@@ -1,8 +1,8 @@
-// Which part of an image a window shows: between pixels of the image and points of the window.
+// Converts between pixels of an image and points of the window that shows a part of it.
 //
-// The image is shown upright, as docs/CONVENTIONS.md says, turned as its camera wants it, unless it
-// is flipped for display. Pixels stay those of the stored image. A pixel is the square of half a
-// pixel around its whole coordinates.
+// The image is shown upright as docs/CONVENTIONS.md describes, turned by its EXIF orientation, and
+// flipped when the user wants it. Pixel coordinates are those of the stored image. A pixel is the
+// square that extends half a pixel around its integer coordinates.
 #pragma once
 
 #include <cstdint>
@@ -12,14 +12,14 @@
 
 namespace vestrel {
 
-/// A point of a window, in its pixels: from the left, from the top; the window's first pixel is
-/// the square 0..1.
+/// A point of a window, in window pixels from the left and from the top; the window's first pixel
+/// is the square 0..1.
 struct ScreenPoint {
     double X = 0;
     double Y = 0;
 };
 
-/// The part of the grid that a window shows, pixels; empty when the image is.
+/// The part of the grid that a window shows, pixels; empty when there is no image.
 struct PixelRectangle {
     double Left = 0;   ///< smallest column
     double First = 0;  ///< smallest row
@@ -36,26 +36,26 @@ ShownSize ShownSizeOf(const PlateImage& image);
 
 class ViewGeometry {
  public:
-    /// Another image: it is shown whole, and turned as its camera wants it.
+    /// Sets another image, which is shown whole and turned by its EXIF orientation.
     void SetImage(const PlateImage& image);
-    /// @param orientation of an image whose first row is the top one, 1 to 8 as EXIF counts
+    /// @param orientation EXIF orientation, 1 to 8, of an image whose first row is the top one
     void SetImage(std::int32_t width, std::int32_t height, bool firstRowAtTop, int orientation = 1);
-    /// A fitted image stays fitted; else the middle and the scale stay.
+    /// Sets the window size. A fitted image stays fitted; otherwise the middle and the scale stay.
     void SetWindow(double width, double height);
 
     /// Shows the whole image as large as the window allows.
     void Fit();
     bool Fitted() const { return fitted_; }
-    /// Changes the scale and leaves the pixel under a point where it is, unless the image would
-    /// then leave the middle of the window.
-    /// @param scale window pixels per image pixel; held between a quarter of the fitting scale (or
-    ///              1 when that is less) and 64
+    /// Changes the scale and keeps the pixel under a point in place, unless the image would then
+    /// leave the middle of the window.
+    /// @param scale window pixels per image pixel; clamped to a quarter of the fitting scale (of 1
+    ///              when that is less) up to 64
     void ZoomTo(double scale, const ScreenPoint& about);
-    /// Two steps double the scale.
+    /// Zooms by steps; two steps double the scale.
     void ZoomBy(double steps, const ScreenPoint& about);
-    /// Moves the image in the window; some of it stays in its middle.
+    /// Moves the image in the window; the middle of the window stays on the image.
     void Pan(double dx, double dy);
-    /// Which ways round the upright image is shown.
+    /// Sets how the upright image is mirrored.
     void Flip(bool leftRight, bool upDown);
 
     /// Whether columns of the image are rows in the window.
@@ -64,7 +64,7 @@ class ViewGeometry {
     ScreenPoint Middle() const { return {windowWidth_ / 2, windowHeight_ / 2}; }
     PixelPoint PixelAt(const ScreenPoint& point) const;
     ScreenPoint ScreenOf(const PixelPoint& pixel) const;
-    /// A direction on the grid as one in the window.
+    /// Converts a direction on the grid to one in the window.
     ScreenPoint DirectionOnScreen(const PixelPoint& direction) const;
     /// Whether a pixel coordinate lies on the image.
     bool OnImage(const PixelPoint& pixel) const;
@@ -79,7 +79,8 @@ class ViewGeometry {
     std::int32_t height_ = 0;
     double windowWidth_ = 1;
     double windowHeight_ = 1;
-    ScreenPoint along_[2] = {{1, 0}, {0, 1}};  ///< where columns and rows lead, unless flipped
+    ScreenPoint along_[2] = {{1, 0}, {0, 1}};  ///< directions of columns and rows on the screen,
+                                               ///< unless flipped
     bool flippedLeftRight_ = false;
     bool flippedUpDown_ = false;
     bool fitted_ = true;

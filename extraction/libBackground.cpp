@@ -23,7 +23,7 @@ struct ClipLevels {
     std::int32_t High;
 };
 
-/// How often each value occurs among the samples of some rows.
+/// How often each value occurs in the samples of some rows.
 struct SampleCounts {
     std::vector<std::int32_t> Counts = std::vector<std::int32_t>(LargestHistogramValue + 1, 0);
     std::int32_t Minimum = LargestHistogramValue;
@@ -54,7 +54,7 @@ struct SampleCounts {
 /// than 250 samples clip nothing: the levels then lie just outside the values that occur.
 ClipLevels FindClipLevels(const Grid<std::int32_t>& values, std::int32_t offset, std::int32_t width,
                           std::int32_t height) {
-    // Each piece counts on its own, for which it has to be worth while.
+    // Each piece has counters of its own, so it must be large enough to be worth them.
     constexpr std::int64_t pixelsPerPiece = 1 << 20;
     constexpr std::int64_t mostPieces = 8;
     const auto pieces = static_cast<std::int32_t>(
@@ -87,7 +87,7 @@ ClipLevels FindClipLevels(const Grid<std::int32_t>& values, std::int32_t offset,
 /// The first box takes rows 1, 4, 7, …; the slide adds and removes the rows yc ± halfSize, which
 /// for the usual half-size are 2, 5, 8, …. So the first rows are never removed, and rows are
 /// removed that were never added: counters may go negative, but they always sum to the number of
-/// samples. Solutions have been judged with exactly these rows; do not "repair" them.
+/// samples. Results depend on exactly these rows, so do not "repair" them.
 class ColumnOfBoxes {
  public:
     ColumnOfBoxes(const Grid<std::int32_t>& values, std::int32_t offset, std::int32_t width,
@@ -116,7 +116,8 @@ class ColumnOfBoxes {
         for (std::int32_t yc = 2; yc < height_; yc += step) {
             const std::int32_t leaving = yc - halfSize_;
             const std::int32_t entering = yc + halfSize_;
-            // Rows from here on entered by sliding, one whole box ago.
+            // From here on, the rows that leave are those that entered by sliding, one box height
+            // ago.
             const bool entered = leaving >= 2 + halfSize_ && (2 * halfSize_) % step == 0;
             if (entered && entering < height_) {
                 ExchangeRows(leaving, entering);
@@ -148,7 +149,7 @@ class ColumnOfBoxes {
         }
         return columns_;
     }
-    /// Takes out a row that had been added and puts in another one.
+    /// Removes a row that was added before and adds another one.
     void ExchangeRows(std::int32_t leaving, std::int32_t entering) {
         const std::int32_t* out = FirstSample(leaving);
         const std::int32_t* in = FirstSample(entering);
@@ -236,7 +237,7 @@ BackgroundBlocks EstimateBackgroundBlocks(const Grid<std::int32_t>& values, std:
         ParallelFor((blocks.Columns + columns - 1) / columns, estimateStrip, progress);
         return blocks;
     }
-    // A histogram is made once for this many columns of boxes, whose memory they share.
+    // This many columns of boxes share one histogram, one after the other.
     constexpr std::int32_t columnsPerPiece = 16;
     const auto estimatePiece = [&](int piece) {
         ColumnOfBoxes boxes(values, offset, width, height, halfSize, clip);
@@ -260,8 +261,8 @@ void EstimateBackground(Grid<std::int32_t>& values, std::int32_t width, std::int
 
 namespace {
 
-/// Subtracts the background of a row and holds the result within `least`..`most`. Written so that
-/// the compiler does several pixels at once.
+/// Subtracts the background of a row and clamps the result to `least`..`most`. Written so that the
+/// compiler vectorises it.
 VESTREL_KERNEL void SubtractRow(std::int32_t* __restrict row, const std::int32_t* __restrict sky,
                                 std::int32_t width, std::int32_t least, std::int32_t most) {
     for (std::int32_t x = 0; x < width; ++x) {
@@ -285,7 +286,7 @@ void SubtractRowPlainly(std::int32_t* row, const std::int32_t* sky, std::int32_t
 void SubtractBackgroundBlocks(Grid<std::int32_t>& pixels, std::int32_t offset, std::int32_t width,
                               std::int32_t height, const BackgroundBlocks& background,
                               const Progress& progress) {
-    if (width == 0) return;                    // rows of nothing have no first pixel
+    if (width == 0) return;                    // empty rows have no first pixel
     constexpr std::int32_t rowsPerPiece = 63;  // whole blocks
     const auto subtract = HasAvx2() ? SubtractRowForAvx2 : SubtractRowPlainly;
     const auto subtractPiece = [&](int piece) {
@@ -300,7 +301,7 @@ void SubtractBackgroundBlocks(Grid<std::int32_t>& pixels, std::int32_t offset, s
                     place[0] = place[1] = place[2] = block[i];
                 }
             }
-            // Stored and physical values differ by the offset alone, so it only shifts the bounds.
+            // Stored and physical values differ only by the offset, so it just shifts the bounds.
             subtract(pixels.Row(y).data(), sky.data(), width, -offset, brightest - offset);
         }
     };

@@ -1,8 +1,8 @@
 // The slowly varying sky background: a local percentile on a sparse grid, and its subtraction.
 //
-// One pixel in nine is looked at, and the percentile is found once per 3 × 3 block: for the usual
-// boxes as libBoxPercentile does, for others by the sliding histogram of Huang, Yang & Tang 1979
-// (IEEE Trans. ASSP 27, 13).
+// Only one pixel in nine is sampled, and the percentile is found once per 3 × 3 block.
+// libBoxPercentile does this for the usual box sizes; others use the sliding histogram of Huang,
+// Yang & Tang 1979 (IEEE Trans. ASSP 27, 13).
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace vestrel {
 
-/// Physical values outside 0..LargestHistogramValue are held at these bounds for the histogram.
+/// Physical values are clamped to 0..LargestHistogramValue for the histogram.
 inline constexpr std::int32_t LargestHistogramValue = 100000;
 
 /// Counters for the values `Low`..`High`, with sums over blocks of values so that a percentile is
@@ -22,8 +22,8 @@ struct ValueHistogram {
     std::int32_t Low = 0;
     std::int32_t High = -1;
     std::vector<std::int32_t> Counts;  ///< value v at index v − Low
-    // Adding and removing keep sums of their own: neighbouring samples mostly fall into the same
-    // block, and one counter for both would make each step wait for the one before.
+    // Adding and removing have separate sums: neighbouring samples mostly fall into the same block,
+    // and with one counter for both, each step would have to wait for the one before.
     std::vector<std::int32_t> BlockAdded;
     std::vector<std::int32_t> BlockRemoved;
     /// Counts the removed values that had not been added. Within a block, no running sum exceeds
@@ -34,7 +34,7 @@ struct ValueHistogram {
 
     ValueHistogram(std::int32_t low, std::int32_t high);
     void Clear();
-    // All take values in Low..High.
+    // All take values in Low..High; not checked.
     void Add(std::int32_t value) {
         const auto i = static_cast<std::size_t>(value - Low);
         ++Counts[i];
@@ -72,22 +72,22 @@ struct BackgroundBlocks {
 /// Estimates the background of `width` × `height` physical values (stored value + `offset`).
 ///
 /// The percentile is taken over a box of ±`halfSize` pixels, sampled every third pixel, after the
-/// darkest and brightest 0.2 % of the image's samples have been held at their limits. The rows
-/// that enter and leave the box as it slides down are not the same set (see the .cpp file).
-/// @param halfSize   of the box, pixels, 0 or more
+/// darkest and brightest 0.2 % of the image's samples have been clipped to their limits. The rows
+/// that enter the box as it slides down are not those that leave it (see the .cpp file).
+/// @param halfSize half the side of the box, pixels, 0 or more
 /// @param percentile 0..100; 50 is the median
 BackgroundBlocks EstimateBackgroundBlocks(const Grid<std::int32_t>& values, std::int32_t offset,
                                           std::int32_t width, std::int32_t height,
                                           std::int16_t halfSize, double percentile,
                                           const Progress& progress = {});
 
-/// As above on a grid of physical values, which is replaced by its background map; the spare
-/// column and row stay as they are.
+/// Replaces a grid of physical values by its background map, as above; the spare column and row
+/// stay as they are.
 void EstimateBackground(Grid<std::int32_t>& values, std::int32_t width, std::int32_t height,
                         std::int16_t halfSize, double percentile, const Progress& progress = {});
 
-/// Subtracts a background from stored values and lifts the result by 100 counts: afterwards a
-/// physical value is (value − background + 100), held within 0..65535.
+/// Subtracts a background from stored values and adds 100 counts: each physical value becomes value
+/// − background + 100, clamped to 0..65535.
 void SubtractBackgroundBlocks(Grid<std::int32_t>& pixels, std::int32_t offset, std::int32_t width,
                               std::int32_t height, const BackgroundBlocks& background,
                               const Progress& progress = {});

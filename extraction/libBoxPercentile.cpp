@@ -20,7 +20,8 @@ constexpr std::int32_t children = NodeChildren;
 using Node = HistogramNode;
 const SampleSums sampleSums;
 
-/// A node of the box, the sum of the columns' nodes, as it was at some place of the box.
+/// A node of the box's histogram (the sum of the columns' nodes) at the box position where it was
+/// last updated.
 struct alignas(32) Window {
     Sixteen Before{};  ///< zeros, so that the sum before child 0 can be looked up too
     Sixteen Sums{};
@@ -77,8 +78,8 @@ class Strip {
     /// lies outside the window and is held at its ends.
     enum class Values { Apart, Shared, Held };
 
-    // Rows of leaf numbers by place: those that slide, then the first box's, then those that
-    // leave without having come.
+    // Rows of leaf numbers: first those that slide, then those of the first box, then those that
+    // are removed without having been added.
     std::int32_t FirstRow(std::int32_t i) const { return 2 * reach_ + i; }
     std::int32_t OwedRow(std::int32_t i) const { return 3 * reach_ + i; }
     std::uint16_t* Leaves(std::int32_t row) {
@@ -96,7 +97,7 @@ class Strip {
         return std::min(std::max(stored + samples_.Offset, samples_.Darkest), samples_.Brightest) -
                samples_.Low;
     }
-    /// Turns row y of the image into leaf numbers at `row`.
+    /// Converts row y of the image to leaf numbers at `row`.
     template <bool Shared>
     VESTREL_KERNEL void TakeRow(std::int32_t y, std::int32_t row) {
         const std::int32_t* pixels = samples_.Values.Row(y).data();
@@ -107,7 +108,7 @@ class Strip {
             leaves[i] = static_cast<std::uint16_t>(Held(pixels[i * step]) >> shift);
         }
     }
-    /// Puts the samples of row y at a place of their columns, where leaves stand for several
+    /// Stores the samples of row y at `place` in their columns, when leaves stand for several
     /// values.
     template <bool Shared>
     VESTREL_KERNEL void PlaceRow(std::int32_t y, std::int32_t place) {
@@ -121,7 +122,8 @@ class Strip {
         }
     }
 
-    /// The nodes of a column of samples that a leaf is in, and the sums that a sample adds to each.
+    /// The nodes of a column's histogram that contain a leaf, and the sums that a sample adds to
+    /// each.
     struct Path {
         std::int32_t LeafNode;
         std::int32_t MiddleNode;
@@ -161,7 +163,7 @@ class Strip {
         }
         boxRows_ += Sign;
     }
-    /// Takes a row out and puts another one in.
+    /// Removes a row and adds another one.
     VESTREL_KERNEL void ExchangeRows(const std::uint16_t* out, const std::uint16_t* in) {
         const Node* sums = sampleSums.OfChild;
         const std::int32_t nodes = shape_.Nodes();
@@ -198,7 +200,8 @@ class Strip {
             }
             return;
         }
-        // Rows 2, 5, 8, … have the numbers 0, 1, 2, …; a row comes 2·reach steps before it leaves.
+        // Rows 2, 5, 8, … have the numbers 0, 1, 2, …; a row is added 2·reach steps before it is
+        // removed.
         const std::int32_t entering = k - 1 + reach_;
         const std::int32_t leaving = k - 1 - reach_;
         const std::int32_t place = entering % (2 * reach_);
@@ -225,8 +228,8 @@ class Strip {
         }
     }
 
-    /// Sets the excesses, with the first box's rows or as if they were not there, which is what
-    /// must be expected until all rows have left that never came.
+    /// Sets the excesses, with the rows of the first box or without them. The latter hold until all
+    /// rows have been removed that were never added.
     void SetExcesses(bool withFirstRows) {
         HistogramDrift drift(shape_);
         const auto count = [&](std::int32_t column, std::int32_t sign) {
@@ -248,15 +251,15 @@ class Strip {
         }
     }
 
-    /// A place of the box: its column of blocks, the column of samples that has come in and the
-    /// one that has gone out on the way from the place before.
+    /// A position of the box: its column of blocks, the column of samples that was just added, and
+    /// the one that was just removed.
     struct Place {
         std::int32_t Column;
         const Node* Come;
         const Node* Gone;
     };
 
-    /// Brings a node of the box up to date.
+    /// Updates a node of the box to its present position.
     VESTREL_KERNEL void BringTo(Window& window, std::int32_t node, const Place& place) {
         const bool same = window.Node == node;
         if (same && window.Column + 1 == place.Column) [[likely]] {
@@ -265,7 +268,7 @@ class Strip {
             return;
         } else {
             const std::int32_t nodes = shape_.Nodes();
-            // Either all columns of the box, or those that have come and gone since.
+            // Adds either all columns of the box, or only the changes since the last update.
             std::int32_t columns = 2 * reach_ + 1;
             const Node* come = place.Come + node;
             if (same && place.Column - window.Column <= reach_) {
@@ -401,22 +404,23 @@ class Strip {
 
     const BoxSamples& samples_;
     double percentile_;
-    std::int32_t reach_;  ///< of the box, in samples
+    std::int32_t reach_;  ///< half the side of the box, in samples
     std::int32_t first_;
     std::int32_t end_;
-    std::int32_t start_;  ///< the first column of samples that a box touches, maybe outside
+    std::int32_t start_;  ///< the first column of samples that a box touches; may lie outside the
+                          ///< image
     std::int32_t width_;
     std::int32_t firstSample_;
     std::int32_t endSample_;
     TreeShape shape_;
     std::vector<Node> columns_;
-    std::int32_t excessNodes_;  ///< leaves have one only where they stand for several values
+    std::int32_t excessNodes_;  ///< leaves have an excess only when they stand for several values
     std::vector<Node> excess_;
     std::int32_t rowLength_;
     std::vector<std::uint16_t> leaves_;
-    std::vector<std::uint16_t> leaving_;  ///< the row that leaves
-    LeafSamples leafSamples_;             ///< none where a leaf is one value
-    std::int32_t boxRows_ = 0;            ///< rows put in minus rows taken out
+    std::vector<std::uint16_t> leaving_;  ///< the row that is removed
+    LeafSamples leafSamples_;             ///< empty when a leaf is one value
+    std::int32_t boxRows_ = 0;            ///< rows added minus rows removed
     Window root_;
     Window middle_[2];
     Window leafWindows_[4];

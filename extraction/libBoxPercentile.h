@@ -1,4 +1,4 @@
-// Percentiles of the samples in a box that slides over an image: what the background is made of.
+// Percentiles of the samples in a box that slides over an image, for the background.
 #pragma once
 
 #include <cstdint>
@@ -7,8 +7,8 @@
 
 namespace vestrel {
 
-/// The samples of an image: every third column from 0 on, their physical values (stored +
-/// `Offset`) held within `Darkest`..`Brightest`.
+/// The samples of an image: every third column from 0 on, their physical values (stored + `Offset`)
+/// clamped to `Darkest`..`Brightest`.
 struct BoxSamples {
     const Grid<std::int32_t>& Values;
     std::int32_t Offset;
@@ -20,7 +20,8 @@ struct BoxSamples {
     std::int32_t Brightest;
 };
 
-/// Whether `BoxPercentiles` can do boxes of this half-size: whole steps, counters of 16 bits.
+/// Whether `BoxPercentiles` can handle boxes of this half-size (pixels): it needs whole steps and
+/// counts that fit 16 bits.
 constexpr bool HasBoxPercentiles(std::int32_t halfSize) {
     return halfSize >= 3 && halfSize <= 90 && halfSize % 3 == 0;
 }
@@ -28,32 +29,31 @@ constexpr bool HasBoxPercentiles(std::int32_t halfSize) {
 /// The percentiles of the boxes in the columns `first`..`end` − 1 of blocks, from the top down.
 ///
 /// The box of block column c reaches over the samples c ± halfSize / 3. The first box of a column
-/// holds the rows 1, 4, 7, … up to `halfSize`; sliding down to the row centres 2, 5, 8, … takes out
-/// row centre − halfSize, though it may never have been put in, and puts in row centre + halfSize.
+/// holds the rows 1, 4, 7, … up to `halfSize`; sliding down to the row centres 2, 5, 8, … removes
+/// row centre − halfSize, even if it was never added, and adds row centre + halfSize.
 ///
-/// One histogram a column of samples: sliding down takes one sample out of it and puts one in, and
-/// sliding right adds a column's histogram to the box and subtracts another's, so that the size of
-/// the box does not matter (Perreault & Hébert 2007, IEEE Trans. Image Process. 16, 2389). The
-/// histograms are trees of three levels. A node holds the running sums of its 16 children, which
-/// add up as counters do, and one comparison of 16 numbers finds the child in which the sum is
-/// reached. Nodes of the box are only brought up to date when a search comes to them. Where values
-/// spread over more than 4096, a leaf stands for several, and those few samples of the box that
-/// are in the leaf decide (`LeafSamples`). As rows leave that never came, sums may fall from child
-/// to child: each child has an excess, the most that a sum inside it can lie above the sum at its
-/// end, and is looked into when sum and excess reach the target.
+/// Each column of samples has a histogram. Sliding down removes one sample from it and adds one;
+/// sliding right adds a column's histogram to that of the box and subtracts another, so the cost
+/// does not depend on the size of the box (Perreault & Hébert 2007, IEEE Trans. Image Process. 16,
+/// 2389). The histograms are trees of three levels. A node holds the running sums of its 16
+/// children, which can be added like counters, and one comparison of 16 numbers finds the child in
+/// which a sum is reached. Nodes of the box are updated only when a search reaches them. When
+/// values span more than 4096, a leaf stands for several values, and the few samples of the box in
+/// that leaf decide (`LeafSamples`). Because rows are removed that were never added, sums may fall
+/// from child to child. Each child therefore has an excess: the most by which a sum inside it can
+/// exceed the sum at its end. A child is searched when sum plus excess reaches the target.
 ///
 /// Where values spread that far, most of them are still close together (a sky with hot pixels): a
 /// strip is first tried with samples held within a window of 2047 values, which moves no percentile
 /// that lies inside it, and done again when one lies outside.
 ///
-/// @param rows   of blocks
+/// @param rows number of rows of blocks
 /// @param blocks indexed by the column and row of the block
 void BoxPercentiles(const BoxSamples& samples, std::int32_t halfSize, double percentile,
                     std::int32_t first, std::int32_t end, std::int32_t rows,
                     Grid<std::int32_t>& blocks);
 
-/// How many columns of blocks are best done in one call, so that their histograms stay in the
-/// cache.
+/// How many columns of blocks to process in one call, so that their histograms stay in the cache.
 std::int32_t BoxPercentileColumns(const BoxSamples& samples);
 
 }  // namespace vestrel

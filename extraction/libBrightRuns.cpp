@@ -68,7 +68,7 @@ BrightRuns::Piece BrightRuns::FindPiece(const Grid<std::int32_t>& pixels, std::i
     std::vector<BrightPixel> list;
     (HasAvx2() ? ListForAvx2 : ListPlainly)(pixels, firstColumn, columns, height, level, list);
 
-    // From rows to columns by counting, which keeps the order of the rows.
+    // Sorts the pixels from rows to columns by counting, which keeps the order of the rows.
     Piece piece;
     piece.ValueStart.assign(static_cast<std::size_t>(columns) + 1, 0);
     for (const BrightPixel& pixel : list) ++piece.ValueStart[pixel.Column + 1U];
@@ -123,7 +123,7 @@ void BrightRuns::Fill(std::int32_t x, BrightRun& run, std::int32_t label, std::i
     maxFillDepth_ = std::max(maxFillDepth_, depth);
     if (depth >= DepthLimit || run.Label != 0) return;
     run.Label = label;
-    // The pixels just beyond the run belong to the span: that joins diagonal neighbours.
+    // The span includes the pixels just beyond the run, which joins diagonal neighbours.
     const std::int32_t top = std::max(run.First - 1, 0);
     const std::int32_t bottom = std::min<std::int32_t>(run.End, height_ - 1);
     if (x > 0) FillTouching(x - 1, top, bottom, label, depth);

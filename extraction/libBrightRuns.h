@@ -1,4 +1,5 @@
-// The pixels above a level, as runs down the columns of an image, and the regions that they form.
+// Finds the pixels above a level as vertical runs in the columns of an image, and joins them to
+// regions.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +11,7 @@
 
 namespace vestrel {
 
-/// Rows `First`..`End` − 1 of one column, with nothing bright above and below.
+/// Rows `First`..`End` − 1 of one column, with no bright pixel above and below.
 struct BrightRun {
     std::uint16_t First;
     std::uint16_t End;
@@ -19,20 +20,21 @@ struct BrightRun {
 
 /// The runs of an image and the values of their pixels, both column by column and downward.
 ///
-/// Bright pixels are few: one sweep in memory order lists them, and everything after it, which has
-/// to go column by column, visits only these and needs no map of labels.
+/// Bright pixels are few. One sweep in memory order lists them; all later steps, which must go
+/// column by column, visit only these and need no map of labels.
 class BrightRuns {
  public:
     /// Finds the stored values strictly above `level`.
     BrightRuns(const Grid<std::int32_t>& pixels, std::int32_t width, std::int32_t height,
                std::int32_t level, const Progress& progress);
 
-    /// A fill this deep is cut off; the runs not yet reached may start a region of their own.
+    /// A fill is cut off at this depth; runs that it has not reached may start a region of their
+    /// own.
     static constexpr std::int32_t DepthLimit = 1001;
 
     /// Joins runs of neighbouring columns that touch, diagonals included, into regions 1, 2, …
-    /// @param maxFillDepth grows to the deepest fill
-    /// @return how many regions there are
+    /// @param maxFillDepth raised to the depth of the deepest fill
+    /// @return the number of regions
     std::int32_t Label(std::int32_t& maxFillDepth);
 
     /// Calls visit(column, run, values of the run) for all runs in order.

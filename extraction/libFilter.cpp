@@ -13,16 +13,16 @@ constexpr double centreWeight = 0.2042;
 constexpr double sideWeight = 0.12385;
 constexpr double cornerWeight = 0.0751;
 
-/// The nearest whole number, halves to even, of a value far below 2^51: where the last digit of a
-/// number is a one, adding rounds. The compiler makes vectors of it, which it does not of a call.
+/// Rounds a value far below 2^51 to the nearest whole number, halves to even: adding 1.5 × 2^52
+/// leaves no binary digits for fractions. The compiler vectorises this, unlike a library call.
 VESTREL_KERNEL double RoundByAdding(double value) {
     constexpr double lastDigitIsOne = 6755399441055744.0;  // 1.5 × 2^52
     return (value + lastDigitIsOne) - lastDigitIsOne;
 }
 
-/// Smooths one row of unfiltered values `here` into `out`. Sums of whole numbers are exact in 64
-/// bits, whatever the order; so only the step to 32 bits rounds.
-/// @param sides   room for a row: what stands above and below each pixel
+/// Smooths one row of unfiltered values `here` into `out`. Sums of whole numbers are exact in
+/// 64-bit floats in any order.
+/// @param sides buffer for a row: the sums of the pixels above and below each pixel
 VESTREL_KERNEL void SmoothRow(const std::int32_t* __restrict above,
                               const std::int32_t* __restrict here,
                               const std::int32_t* __restrict below, double* __restrict sides,
@@ -63,7 +63,7 @@ Row CopyOfRow(const Grid<std::int32_t>& pixels, std::int32_t y, std::int32_t wid
 void GaussianFilter(Grid<std::int32_t>& pixels, std::int32_t width, std::int32_t height,
                     const Progress& progress) {
     if (width < 3 || height < 3) return;
-    // Bands of rows share nothing but the rows at their edges, of which copies are made first.
+    // Bands of rows share only the rows at their edges, which are copied first.
     constexpr std::int32_t rowsPerBand = 256;
     const std::int32_t bands = (height - 2 + rowsPerBand - 1) / rowsPerBand;
     std::vector<Row> aboveBand;

@@ -1,4 +1,4 @@
-// A 3 × 3 Gaussian smoothing, the second chance when too few stars were found.
+// A 3 × 3 Gaussian smoothing, used when too few stars were found.
 #pragma once
 
 #include <cstdint>

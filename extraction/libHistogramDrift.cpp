@@ -14,10 +14,10 @@ HistogramDrift::HistogramDrift(const TreeShape& shape)
 void HistogramDrift::SetExcesses(HistogramNode* excess) const {
     for (std::int32_t middle = shape_.MiddleNodes - 1; middle >= 0; --middle) {
         std::int32_t most = 0;
-        std::int32_t rest = 0;  // what follows in the middle node adds up to −rest
+        std::int32_t rest = 0;  // the sum of what follows in the middle node is −rest
         const std::int32_t last = std::min((middle + 1) * NodeChildren, shape_.LeafNodes);
         for (std::int32_t node = last - 1; node >= middle * NodeChildren; --node) {
-            // Sums only fall where something is owed.
+            // Sums fall only where something was removed without having been added.
             const bool falls = owedOfNode_[static_cast<std::size_t>(node)] != 0;
             const std::int32_t mostInNode = falls ? MostInNode(node) : 0;
             excess[shape_.MiddleAt(middle)].Sums[node % NodeChildren] =

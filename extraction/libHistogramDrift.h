@@ -1,4 +1,5 @@
-// What a sliding box keeps of rows that never leave it, less what leaves without having come.
+// The lasting error of a sliding box: rows that are never removed, minus rows that are removed
+// without having been added.
 #pragma once
 
 #include <cstdint>
@@ -8,26 +9,26 @@
 
 namespace vestrel {
 
-/// The part of a box's histogram whose counters may be negative, and what that does to the sums.
+/// The part of a box's histogram whose counters may be negative, and its effect on running sums.
 class HistogramDrift {
  public:
     explicit HistogramDrift(const TreeShape& shape);
 
-    /// Counts (`sign` 1) or takes back (−1) a sample that never leaves.
+    /// Adds (`sign` 1) or takes back (−1) a sample that is never removed.
     void AddFirst(std::uint16_t leaf, std::int32_t sign) {
         counts_[leaf] += sign;
         countsOfNode_[leaf / NodeChildren] += sign;
     }
-    /// As above for one that leaves without having come.
+    /// The same for a sample that is removed without having been added.
     void AddOwed(std::uint16_t leaf, std::int32_t sign) {
         AddFirst(leaf, -sign);
         owed_[leaf] += sign;
         owedOfNode_[leaf / NodeChildren] += sign;
     }
 
-    /// Sets for each child of each node how far a running sum inside it can lie above the one at
-    /// its end, whatever else is in the box. Leaves only have that where they stand for several
-    /// values; `excess` need not have room for them otherwise.
+    /// Sets for each child of each node by how much a running sum inside it can exceed the one at
+    /// its end, whatever else is in the box. Leaves have an excess only when they stand for several
+    /// values; otherwise `excess` needs no room for them.
     void SetExcesses(HistogramNode* excess) const;
 
  private:
@@ -35,7 +36,7 @@ class HistogramDrift {
 
     TreeShape shape_;
     std::vector<std::int32_t> counts_;        ///< of each leaf
-    std::vector<std::int32_t> owed_;          ///< those that leave alone
+    std::vector<std::int32_t> owed_;          ///< samples removed without having been added
     std::vector<std::int32_t> countsOfNode_;  ///< of each node of leaves
     std::vector<std::int32_t> owedOfNode_;
 };

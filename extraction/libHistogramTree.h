@@ -16,7 +16,7 @@ inline constexpr std::int32_t MostLeaves = NodeChildren * NodeChildren * NodeChi
 /// Enough for histograms of 2^17 values.
 inline constexpr std::int32_t MostValuesOfLeaf = 2 * NodeChildren;
 
-/// 16 numbers that the compiler adds and compares at once.
+/// 16 numbers that the compiler adds and compares in one step.
 using Sixteen [[gnu::vector_size(32)]] = std::int16_t;
 
 /// A node of a histogram: the running sums of its children.
@@ -30,7 +30,7 @@ struct alignas(32) HistogramNode {
     }
 };
 
-/// The lanes of a comparison's outcome that are true, as bits.
+/// The lanes of a comparison that are true, as bits.
 VESTREL_KERNEL unsigned TrueLanes(const Sixteen& outcome) {
 #if defined(__SSE2__)
     const auto* halves = reinterpret_cast<const __m128i*>(&outcome);
@@ -54,7 +54,8 @@ struct SampleSums {
     }
 };
 
-/// How a histogram of some range lies in memory: the root, the nodes below it, then their children.
+/// The memory layout of a histogram for `values` values (at most 2^17): the root, the nodes below
+/// it, then their children.
 struct TreeShape {
     std::int32_t Shift = 0;  ///< a leaf stands for 2^Shift values
     std::int32_t Leaves = 0;

@@ -14,7 +14,7 @@ namespace vestrel {
 namespace {
 
 constexpr double sigmasAbove = 5;
-/// Whole numbers hold the deviations: these are their units in a standard deviation.
+/// Deviations are whole numbers in units of a standard deviation / this.
 constexpr double perSigma = 100;
 
 /// A patch, in binned pixels.
@@ -26,16 +26,17 @@ struct Patch {
     double Xx = 0;  // first Σ x²·light, then the second moments
     double Yy = 0;
     double Xy = 0;
-    double RawLight = 0;  // of the pixels before they were smoothed
+    double RawLight = 0;  // of the pixels before smoothing
     double RawPeak = 0;
     bool AtEdge = false;
 
-    double Long = 0;  // the moments along the axes
+    double Long = 0;  // the variances along the axes
     double Short = 0;
     bool Hollow = false;
 };
 
-/// How far every pixel is from the level around it, in hundredths of the standard deviation there.
+/// The deviation of every pixel from the level around it, in hundredths of the local standard
+/// deviation.
 struct Deviations {
     Plane Raw;
     Grid<std::int32_t> Smooth;
@@ -75,7 +76,7 @@ struct Deviations {
  private:
     void MeasureSky(const SkyMesh& sky) {
         constexpr std::int32_t step = 16;
-        // A Gaussian of 1.2 pixels leaves this part of the noise of single pixels.
+        // Smoothing with a Gaussian of 1.2 pixels leaves this fraction of the noise.
         constexpr double leftBySmoothing = 0.235;
         std::vector<float> levels;
         std::vector<float> noises;
@@ -128,9 +129,9 @@ std::vector<Patch> SumPatches(const Deviations& deviations) {
     return patches;
 }
 
-/// Makes centroid and axes of the sums.
+/// Computes the centroid and the axes from the sums.
 void Finish(Patch& patch, const Deviations& deviations) {
-    // What smoothing adds, and what a pixel is wide itself.
+    // The variance that smoothing adds, minus that of a pixel.
     constexpr double added = 1.2 * 1.2 - 1.0 / 12;
     constexpr double least = 0.1;
     patch.X /= patch.Light;
@@ -143,7 +144,7 @@ void Finish(Patch& patch, const Deviations& deviations) {
     patch.Long = std::max(mean + spread - added, least);
     patch.Short = std::max(mean - spread - added, least);
 
-    // The middle of a star is its brightest place, that of a ring is not.
+    // A star is brightest in its middle, a ring is not.
     const auto valueAt = [&](double x, double y) {
         const auto column = static_cast<std::int32_t>(std::lround(x));
         const auto row = static_cast<std::int32_t>(std::lround(y));
@@ -168,7 +169,7 @@ double MedianOf(std::vector<double> values) {
 
 constexpr double leastArea = 5;
 
-/// What the patches of light of a picture at some binning are like.
+/// The health of a picture at one binning.
 ImageHealth LookAt(Deviations& deviations, std::int32_t binning) {
     ImageHealth health;
     health.SkyLevel = deviations.Level;
@@ -210,7 +211,7 @@ ImageHealth LookAt(Deviations& deviations, std::int32_t binning) {
         cosine += std::cos(angle);
         sine += std::sin(angle);
         if (patch.Hollow) hollow += 1;
-        // An even ellipse covers 4π of the product of its axes' standard deviations.
+        // A uniform ellipse covers 4π times the product of the standard deviations along its axes.
         const double moments = patch.Xx * patch.Yy - patch.Xy * patch.Xy;
         if (patch.Area < 0.6 * 4 * 3.14159 * std::sqrt(std::max(moments, 0.0))) ragged += 1;
     }
@@ -239,7 +240,7 @@ ImageHealth LookAt(Deviations& deviations, std::int32_t binning) {
     return health;
 }
 
-/// Whether the coarser look shows what the finer one has in pieces or not at all: large discs, or
+/// Whether a coarser binning shows what a finer one shows in pieces or not at all: large discs, or
 /// long faint lines.
 bool ShowsMore(const ImageHealth& coarse, const ImageHealth& fine, std::int32_t binning) {
     constexpr std::int32_t enough = 5;

@@ -1,4 +1,5 @@
-// The samples of a strip by columns, to count the values within one leaf of a box's histogram.
+// Keeps the samples of a strip by columns, to count the values within one leaf of a box's
+// histogram.
 #pragma once
 
 #include <bit>
@@ -9,17 +10,17 @@
 
 namespace vestrel {
 
-/// Where leaves stand for several values, the samples that are in a leaf decide which value a sum
-/// is reached at. They are kept column by column, so that a box which slides right looks at the
-/// column that comes and the one that goes, 16 samples at once, and counts the values of the few
-/// that are in the leaf.
+/// When leaves stand for several values, the samples in a leaf decide at which value a sum is
+/// reached. They are kept column by column: a box that slides right examines the column that is
+/// added and the one that is removed, 16 samples at once, and counts the values of the few samples
+/// in the leaf.
 ///
-/// A column has places for rows that are counted once, then places for rows that are counted −1.
+/// A column has places for rows that count +1, then places for rows that count −1.
 class LeafSamples {
  public:
     /// @param columns of samples
-    /// @param counted rows of the box that are counted once
-    /// @param owed    rows that are counted −1
+    /// @param counted rows of the box that count +1
+    /// @param owed rows that count −1
     LeafSamples(std::int32_t columns, std::int32_t counted, std::int32_t owed)
         : owedFrom_(WholeVectors(counted)),
           places_(owedFrom_ + WholeVectors(owed)),
@@ -27,7 +28,7 @@ class LeafSamples {
           lowParts_(leaves_.size()),
           owed_(columns > 0 ? MostLeaves : 0) {}
 
-    /// The place of the first row that is counted −1.
+    /// The place of the first row that counts −1.
     std::int32_t OwedFrom() const { return owedFrom_; }
 
     VESTREL_KERNEL void Set(std::int32_t column, std::int32_t place, std::uint16_t leaf,
@@ -40,21 +41,21 @@ class LeafSamples {
         for (std::int32_t column = 0; column < columns; ++column) Set(column, place, noLeaf, 0);
     }
 
-    /// The box moves to another row: what was counted is void.
+    /// Discards the counts, when the box moves to another row.
     void Forget() {
         for (Counts& counts : counts_) counts.Leaf = -1;
     }
 
-    /// A row of the box is counted −1 from now on: its samples may hide others of their leaf, whose
-    /// sum is then nothing though values inside it are not.
+    /// Marks the leaf of a sample that counts −1 from now on. Such samples may cancel others of
+    /// their leaf, so that its sum is 0 although sums inside it are not.
     void Owe(std::uint16_t leaf) { owed_[leaf] = 1; }
 
-    /// Finds the value within a leaf: how far it lies above the leaf's first value, nothing (< 0)
-    /// when the sum of the box's samples reaches `target` nowhere in it.
+    /// Finds the value within a leaf: its distance from the leaf's first value, or a number below 0
+    /// when the sum of the box's samples reaches `target` nowhere in the leaf.
     ///
     /// @param first, last the columns of the box
-    /// @param inLast      the histogram's node of the leaf in column `last`; those of the columns
-    ///                    before it lie `nodes` before each other
+    /// @param inLast the histogram node of the leaf in column `last`; those of the columns before
+    ///                    lie `nodes` apart
     VESTREL_KERNEL std::int32_t Find(std::int32_t first, std::int32_t last, std::int32_t leaf,
                                      std::int32_t target, const HistogramNode* inLast,
                                      std::int32_t nodes) {
@@ -145,8 +146,8 @@ class LeafSamples {
     std::int32_t owedFrom_;
     std::int32_t places_;  ///< of a column
     std::vector<std::uint16_t> leaves_;
-    std::vector<std::uint8_t> lowParts_;  ///< the values less the first of their leaf
-    std::vector<std::uint8_t> owed_;      ///< whether a leaf may hold samples counted −1
+    std::vector<std::uint8_t> lowParts_;  ///< values minus the first value of their leaf
+    std::vector<std::uint8_t> owed_;      ///< whether a leaf may hold samples that count −1
     Counts counts_[cachedLeaves];
 };
 

@@ -1,4 +1,4 @@
-// Pictures of sensors with colour filters: each pixel saw one colour, two by two of them saw all.
+// Mosaics of colours (Bayer patterns): each pixel has one colour, and a cell of two by two has all.
 #pragma once
 
 #include "astro/libPlateStar.h"
@@ -6,11 +6,11 @@
 
 namespace vestrel {
 
-/// The sums of two by two pixels, in which the pattern of the filters is gone whatever it is. A
-/// last odd column or row is left out.
+/// An image of half the size whose pixels are the sums of two by two pixels, which removes any
+/// pattern of filters. A last odd column or row is left out.
 PlateImage SumsOfMosaic(const PlateImage& mosaic);
 
-/// Stars of such sums, at their places in the mosaic.
+/// Converts stars of such an image to pixel coordinates of the mosaic.
 PlateStarList InMosaicPixels(PlateStarList stars);
 
 }  // namespace vestrel

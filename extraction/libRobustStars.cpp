@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::int32_t rowsPerPiece = 64;
 
-/// A place that is higher than those around it.
+/// A local maximum.
 struct Summit {
     std::int32_t X;
     std::int32_t Y;
@@ -25,7 +25,7 @@ bool IsHighest(const Plane& plane, std::int32_t x, std::int32_t y) {
     for (std::int32_t dy = -1; dy <= 1; ++dy) {
         const float* row = plane.Row(y + dy);
         for (std::int32_t dx = -1; dx <= 1; ++dx) {
-            // Of equal ones the last is taken.
+            // Of equal neighbours the last one counts.
             const bool later = dy > 0 || (dy == 0 && dx > 0);
             if (later ? row[x + dx] >= value : row[x + dx] > value) return false;
         }
@@ -61,13 +61,13 @@ std::vector<Summit> FindSummits(const Plane& plane, const SkyMesh& sky, double t
     return all;
 }
 
-/// Measures one peak on the planes.
+/// Measures single peaks on the planes.
 class PeakMeasure {
  public:
     PeakMeasure(const Plane& plane, const Plane& smoothed, const SkyMesh& sky)
         : plane_(plane), smoothed_(smoothed), sky_(sky) {}
 
-    /// In binned pixels.
+    /// Measures a peak; lengths are binned pixels.
     Peak Measure(const Summit& summit) const {
         const float level = sky_.At(summit.X, summit.Y).Level;
         Peak peak;
@@ -110,7 +110,7 @@ class PeakMeasure {
     }
 
     bool IsSharp(const Summit& summit, float level) const {
-        constexpr float leastPart = 0.1F;  // of a peak's light that its four neighbours have
+        constexpr float leastPart = 0.1F;  // least share of a peak's light in its four neighbours
         float brightest = 0;
         std::int32_t px = summit.X;
         std::int32_t py = summit.Y;
@@ -131,7 +131,7 @@ class PeakMeasure {
         return around < leastPart * brightest;
     }
 
-    /// Centroid, light and shape, over what is brighter than a part of the height.
+    /// Sets centroid, light and shape from the pixels above a quarter of the height.
     void Moments(const Summit& summit, float level, Peak& peak) const {
         const auto reach =
             static_cast<std::int32_t>(std::min(2.0 * peak.HalfWidth + 2, 1.0 * widest));
@@ -190,7 +190,7 @@ double MedianOf(std::vector<double> values, double part = 0.5) {
     return values[static_cast<std::size_t>(place)];
 }
 
-/// Marks the peaks that share a row or column with far more others than chance brings together.
+/// Marks peaks that share a row or column with far more others than chance would bring together.
 void MarkCrowdedLines(const std::vector<Peak>& peaks, std::int32_t size, double Peak::*coordinate,
                       std::vector<bool>& marked) {
     constexpr double width = 3;
@@ -284,7 +284,7 @@ std::vector<Peak> StarsAmong(const std::vector<Peak>& peaks, const PlateImage& i
         widths.push_back(peak.HalfWidth);
         elongations.push_back(peak.Elongation);
     }
-    // Where nothing but single pixels shine, these are the stars.
+    // When nearly all peaks are single pixels, those are the stars.
     const bool sharpStars = widths.size() < 12 || widths.size() * 5 < peaks.size();
     if (sharpStars) {
         for (const Peak& peak : peaks) {

@@ -92,7 +92,7 @@ SkyMesh::SkyMesh(const Plane& plane)
             raw[Place(column, row)] = Measure(plane, column, row, values);
         }
     });
-    // A large star fills its cell; the cells around it tell what lies behind.
+    // A large star fills its cell, so the median of the surrounding cells replaces it.
     cells_ = raw;
     for (std::int32_t row = 0; row < rows_; ++row) {
         for (std::int32_t column = 0; column < columns_; ++column) {
@@ -138,7 +138,7 @@ LevelAndNoise SkyMesh::Measure(const Plane& plane, std::int32_t column, std::int
         std::nth_element(values.begin(), values.begin() + place, values.end());
         return values[static_cast<std::size_t>(place)];
     };
-    // Stars lift the upper half of the values; the lower one is the sky's.
+    // Stars raise the upper half of the values; the lower half belongs to the sky.
     const float median = at(0.5);
     const float low = at(0.1587);
     return {median, std::max(median - low, leastNoise)};

@@ -1,4 +1,4 @@
-// The picture as stars are looked for in it: binned, smoothed, with the level and the noise around
+// Prepares a picture for the search for stars: binning, smoothing, and the level and noise around
 // each place.
 #pragma once
 
@@ -39,21 +39,21 @@ void ForRows(std::int32_t height, const std::function<void(std::int32_t, std::in
 /// The mean stored value of every square of `binning` columns and rows.
 Plane Binned(const PlateImage& image, std::int32_t binning);
 
-/// Smooths with a Gaussian of standard deviation 1.2 pixels, along rows and then columns. Beyond
-/// the edges the edge goes on.
+/// Smooths with a Gaussian of standard deviation 1.2 pixels, along rows and then columns. The edge
+/// pixels are repeated beyond the edges.
 Plane Smoothed(const Plane& plane);
 
 struct LevelAndNoise {
     float Level;
-    float Noise;  ///< a standard deviation, 0.4 or more: pictures are quantised
+    float Noise;  ///< standard deviation, at least 0.4, because pictures are quantised
 };
 
-/// Level and noise of a plane in square cells: the median and the spread below it.
+/// Level and noise of a plane in cells of 32 × 32 pixels: the median, and the spread below it.
 class SkyMesh {
  public:
     explicit SkyMesh(const Plane& plane);
 
-    /// Interpolated between the centres of the cells.
+    /// Level and noise at a pixel, interpolated between the centres of the cells.
     LevelAndNoise At(std::int32_t x, std::int32_t y) const;
 
  private:

@@ -26,7 +26,7 @@ struct Region {
     double CentroidY = 0;
 };
 
-/// The border that is left out, in pixels.
+/// The ignored border, in pixels.
 struct Border {
     std::int32_t X;
     std::int32_t Y;
@@ -52,8 +52,8 @@ MeanAndSigma Statistics(const Sums& sums) {
     return {mean, std::sqrt(std::max(sums.Squares / n - mean * mean, 0.0))};
 }
 
-/// Every third pixel inside the border, both ends included: at border 0 that reaches the spare
-/// column and row, whose stored zeros take part.
+/// Every third pixel inside the border, both ends included. At border 0 this includes the spare
+/// column and row with their stored zeros.
 class SkySamples {
  public:
     SkySamples(const PlateImage& image, Border border)
@@ -71,7 +71,7 @@ class SkySamples {
 
  private:
     static std::int64_t First(std::int64_t border) {
-        // A negative border starts outside the image; the grid keeps its phase.
+        // With a negative border the samples start outside the image and keep their phase.
         return border >= 0 ? border : (3 + border % 3) % 3;
     }
     static std::int64_t Last(std::int64_t size, std::int64_t border) {
@@ -87,14 +87,15 @@ class SkySamples {
     static constexpr std::uint64_t exactLimit = std::uint64_t{1} << 53;
     static constexpr std::int64_t largestValue = 1 << 20;
 
-    /// The sums as whole numbers, bands of rows at once. While they stay below 2^53 every order of
-    /// adding gives the same 64-bit float, so this equals `SumsInOrder`; beyond, nothing.
+    /// The sums as whole numbers, by bands of rows in parallel. Below 2^53 every order of adding
+    /// gives the same 64-bit float, so the result equals `SumsInOrder`. Nothing when they are
+    /// larger.
     std::optional<Sums> ExactSums(double limit) const {
         constexpr std::int64_t rowsPerBand = 64;
         const std::int64_t rows = lastY_ < firstY_ ? 0 : (lastY_ - firstY_) / 3 + 1;
         std::vector<WholeSums> sums(
             static_cast<std::size_t>((rows + rowsPerBand - 1) / rowsPerBand));
-        // Samples are whole numbers, and so may the limit be.
+        // Samples are whole numbers, so the limit can be rounded down.
         const std::int64_t whole = limit < static_cast<double>(largestValue)
                                        ? static_cast<std::int64_t>(std::floor(limit))
                                        : largestValue;
@@ -113,7 +114,7 @@ class SkySamples {
         return Sums{all.Count, static_cast<double>(all.Values), static_cast<double>(all.Squares)};
     }
 
-    /// The sums over some rows; `exactLimit` squares when a value is too large to tell.
+    /// The sums over some rows; `Squares` is `exactLimit` when a value is too large.
     WholeSums SumsOfRows(std::int64_t firstY, std::int64_t lastY, std::int64_t limit) const {
         WholeSums sums;
         for (std::int64_t y = firstY; y <= lastY; y += 3) {
@@ -163,7 +164,7 @@ std::int32_t StoredLevel(double threshold, std::int32_t offset) {
     constexpr auto largest = std::numeric_limits<std::int32_t>::max();
     constexpr auto smallest = std::numeric_limits<std::int32_t>::min();
     const double level = std::floor(threshold) - offset;
-    if (!(level < largest)) return largest;  // nothing is above a threshold that is no number
+    if (!(level < largest)) return largest;  // nothing is above a threshold that is NaN
     return level > smallest ? static_cast<std::int32_t>(level) : smallest;
 }
 
@@ -228,7 +229,7 @@ void MeasureRegions(const BrightRuns& bright, std::int32_t dataOffset, double sk
 }
 
 /// Marks regions near the edges by a pixel count of 0. Regions without size count as one pixel,
-/// also at the edge.
+/// even at the edge.
 void RejectAtEdges(std::vector<Region>& regions, const PlateImage& image, Border border) {
     for (std::size_t k = 1; k < regions.size(); ++k) {
         Region& region = regions[k];
@@ -274,8 +275,8 @@ void SortByFluxDescending(std::vector<Region>& regions, std::int32_t count) {
     regions = std::move(sorted);
 }
 
-/// The largest size that a star may have (not included), from the regions below `limit`; nothing
-/// when there are none.
+/// The size that a star must stay below, from the regions smaller than `limit`; nothing when there
+/// are none.
 std::optional<double> SizeLimit(const std::vector<Region>& regions, std::int32_t count,
                                 double limit, double maxStarSize) {
     Sums sums;
@@ -292,7 +293,7 @@ std::optional<double> SizeLimit(const std::vector<Region>& regions, std::int32_t
     return maxStarSize * sizes.Sigma + sizes.Mean;
 }
 
-/// Keeps the regions of ordinary size, in their order; returns how many.
+/// Keeps the regions of ordinary size, in their order. Returns their number.
 std::int32_t RejectLarge(std::vector<Region>& regions, std::int32_t count, double maxStarSize) {
     constexpr double unlimited = std::numeric_limits<double>::infinity();
     const auto first = SizeLimit(regions, count, unlimited, maxStarSize);

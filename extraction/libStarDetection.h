@@ -9,15 +9,16 @@
 
 namespace vestrel {
 
-/// What decides which regions of bright pixels count as stars.
+/// The parameters that decide which regions of bright pixels are stars.
 struct DetectionSettings {
     double DetectionThreshold = 6;  ///< standard deviations of the sky above its mean
     double EdgeExclusion = 0.02;    ///< width of the ignored border, fraction of the image size
     std::int16_t MinStarSize = 3;   ///< pixels
-    double MaxStarSize = 6;         ///< standard deviations of the sizes above their mean
+    double MaxStarSize = 6;         ///< limit, in standard deviations of the sizes above their mean
 };
 
-/// What an extraction found out. `MaxFillDepth` is never reset: it keeps the deepest fill ever.
+/// The results of an extraction besides the stars. `MaxFillDepth` is never reset: it keeps the
+/// deepest fill ever.
 struct ExtractionFacts {
     std::int32_t StarsFound = 0;  ///< stars that passed all filters, before the cap
     double BackgroundSigma = 0;   ///< clipped standard deviation of the sky, counts
@@ -25,15 +26,15 @@ struct ExtractionFacts {
     std::int32_t MaxFillDepth = 0;
 };
 
-/// No more stars than this are handed on.
+/// At most this many stars are returned.
 inline constexpr std::int32_t MaxExtractedStars = 100;
 
 /// Extracts the stars of an image, brightest first.
 ///
 /// Sky mean and noise come from a two-pass 3-sigma clip of every third pixel; pixels above mean +
-/// threshold join into regions by touch, diagonals included; a star's position is the
-/// flux-weighted centroid of its region. Regions near the edges, with too few pixels or too large
-/// are rejected. Images under 20 × 20 pixels give no stars.
+/// threshold form regions when they touch, diagonally too; a star's position is the flux-weighted
+/// centroid of its region. Regions near the edges, with too few pixels or too large are rejected.
+/// Images under 20 × 20 pixels give no stars.
 PlateStarList ExtractStars(const PlateImage& image, const DetectionSettings& settings,
                            ExtractionFacts& facts, const Progress& progress = {});
 

@@ -1,4 +1,4 @@
-// Files of ASTAP's star databases: whatever they hold, stars that can be looked at, or a refusal.
+// Files of ASTAP's star databases: any content gives valid stars or is refused.
 
 #include <cmath>
 

@@ -1,4 +1,4 @@
-// The table of bright stars, and the finder that is made from it.
+// The table of bright stars, and the finder that uses it.
 
 #include <algorithm>
 

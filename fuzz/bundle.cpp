@@ -1,9 +1,9 @@
-// Bundles of any content: refused with a sentence, or replayed in bounded time; nothing is written
-// outside their own folder, which is gone afterwards.
+// Bundles of any content are refused with a sentence or replayed in bounded time. Nothing is
+// written outside their own folder, which is removed afterwards.
 //
-// The first byte says what the rest is: an archive as it comes, or the text of an archive's main
-// entry. With the latter comes a catalog cell of its last bytes, under the name of a cell or, as a
-// forger would, under the first line of the text.
+// The first byte chooses what the rest is: a whole archive, or the text of an archive's main entry.
+// In the second case the last bytes also become a catalog cell, under the name of a cell or, as a
+// forger might, under the first line of the text.
 
 #include <memory>
 
@@ -74,7 +74,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
                             {"cells/" + cell,
                              text.substr(text.size() - std::min(text.size(), cellBytes))}});
         } catch (const ZipFault&) {
-            return 0;  // a name that archives do not bear
+            return 0;  // a name that archives do not allow
         }
     }
     try {

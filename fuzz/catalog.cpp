@@ -1,4 +1,4 @@
-// A catalog cell: its file, its place in the cache, and a region's stars against plain loops.
+// A catalog cell: its file, the cache, and the stars of a region, compared with plain loops.
 //
 // The first bytes choose the cell and the region, the rest is the cell file.
 
@@ -13,7 +13,7 @@
 namespace vestrel {
 namespace {
 
-/// Small numbers out of the head of the input; zeros when that is too short.
+/// Takes small numbers from the start of the input; zeros when it is too short.
 struct Choices {
     std::string_view& Rest;
     int Byte() {
@@ -95,7 +95,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Region region{};
     region.Ra = choose.Word() * TwoPi / 65536;
     region.Dec = (choose.Word() - 32768) * Pi / 65536;
-    // Up to half a radian, the small ones as likely as the large: few cells, quickly read.
+    // Up to half a radian, uniform in the logarithm: most regions have few cells and are read
+    // quickly.
     region.Radius = std::pow(2, -1 - choose.Byte() / 16.0);
     region.MagLimit = static_cast<std::int16_t>(choose.Word()) / 100.0;
 

@@ -1,4 +1,4 @@
-// The decoders of every format, chosen by content as for any file: some in a process apart.
+// The decoders of every format, chosen by content as for any file; some run in a child process.
 
 #include "fuzz/fuzzSupport.h"
 #include "image/libFormats.h"

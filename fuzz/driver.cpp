@@ -1,6 +1,6 @@
-// Stands in for libFuzzer where that is not to be had: runs the files of the folders given, then
-// seeded mutations of them. Its flags are some of libFuzzer's; it ignores the others, so that one
-// command serves both.
+// Replaces libFuzzer where it is not available: runs the files of the given folders, then seeded
+// mutations of them. It knows some of libFuzzer's flags and ignores the others, so that the same
+// command works for both.
 
 #include <algorithm>
 #include <chrono>
@@ -38,7 +38,8 @@ class Driver {
         }
         Require(!inputs.empty(), "there are files to start from");
 
-        // Written before it is run: nothing need be left of a process to say what ended it.
+        // The input is written before it is run, so that it is known even when the process is
+        // killed.
         const fs::path current = Text("artifact_prefix", "") + "last-input";
         std::fprintf(stderr, "Each mutation is in %s while it runs\n", current.c_str());
         const double runs = Number("runs", std::numeric_limits<std::uint32_t>::max());
@@ -66,7 +67,8 @@ class Driver {
         return ParseNumber(Text(flag, "")).value_or(otherwise);
     }
 
-    /// The files of all places given, in the order of their names: the same run everywhere.
+    /// The files of all given places in the order of their names, so that runs are the same
+    /// everywhere.
     std::vector<fs::path> Files() const {
         std::vector<fs::path> files;
         for (const std::string& place : arguments_) {

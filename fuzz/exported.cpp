@@ -1,4 +1,5 @@
-// Standard FITS files out of any header: they open again, solved, with the same counts.
+// Exports of images with any header: the standard FITS files open again, solved, with the same
+// counts.
 
 #include <algorithm>
 #include <cmath>
@@ -15,9 +16,11 @@ namespace {
 
 constexpr std::int64_t mostPixels = 4096;
 
-/// Opens bytes as FITS, else as SBIG file; false when they are neither, or too many pixels.
+/// Opens bytes as a FITS or else an SBIG file. @return false when they are neither, or have too
+/// many pixels
 bool Open(std::string_view bytes, PlateImage& image) {
-    // An export reads the file again, by its name where its content does not tell.
+    // An export reads the file again, and chooses the reader by the name when the content does not
+    // tell the format.
     const std::filesystem::path file = InputFolder() / "original.fits";
     const std::filesystem::path sbigFile = InputFolder() / "original.sbig";
     WriteFile(file, bytes);
@@ -33,7 +36,7 @@ bool Open(std::string_view bytes, PlateImage& image) {
     return std::int64_t{image.Width} * image.Height <= mostPixels;
 }
 
-/// Most inputs have no solution, and would not get far.
+/// Gives the header a solution: most inputs have none and could not be exported.
 void Solve(ImageHeader& header) {
     header.PlateMatched = true;
     header.PlateScale = 206264.81;
@@ -57,12 +60,12 @@ void CheckCards(const std::string& bytes, const ImageHeader& header) {
             "cards are printable");
 }
 
-/// Scaled counts may be more than can be read again, or blank.
+/// Scaled counts may be blank, or too large to be read again.
 bool IsScaled(const ImageHeader& header) {
     return header.BScale != 0 && header.BScale != 1;
 }
 
-/// Counts are their file's, but for those that are scaled, and sums of SBIG deltas out of range.
+/// Requires equal counts, except for scaled ones and sums of SBIG deltas out of range.
 void CheckCounts(const PlateImage& image, const PlateImage& again) {
     const bool turned = image.ImageType == ImageType::Sbig && again.Header.BitPix != -32;
     Require(again.Width == image.Width && again.Height == image.Height, "the size stays");
@@ -95,7 +98,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     CheckCards(first, again.Header);
     CheckCounts(image, again);
 
-    // The first writes numbers to 15 digits; from then on nothing is left to change.
+    // The first export rounds numbers to 15 digits; further ones must change nothing.
     const std::string second = Exported(again);
     PlateImage third;
     Require(Open(second, third), "it opens once more");

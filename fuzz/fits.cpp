@@ -1,4 +1,4 @@
-// The FITS reader against pixels decoded one by one.
+// The FITS reader, compared with pixels decoded one by one.
 
 #include <algorithm>
 
@@ -9,7 +9,7 @@
 namespace vestrel {
 namespace {
 
-/// The stored value that byte `at` of a file begins; bytes beyond its end are zero.
+/// The stored value that begins at byte `at` of a file; bytes beyond the end count as zero.
 std::int32_t PlainValue(std::string_view bytes, std::size_t at, const PlateImage& image) {
     const auto byte = [&](std::size_t i) {
         return static_cast<std::uint8_t>(at + i < bytes.size() ? bytes[at + i] : 0);

@@ -1,4 +1,4 @@
-// FITS tables of stars: every row is a star that can be stored or a fault, or the file is refused.
+// FITS tables of stars: every row gives a valid star or counts as faulty, or the file is refused.
 
 #include <numeric>
 

@@ -1,4 +1,5 @@
-// What the fuzz targets share: the check that ends a process, and what holds for every image read.
+// Shared by the fuzz targets: the check that ends a process, and the checks of every image that is
+// read.
 #pragma once
 
 #include <cstddef>
@@ -9,12 +10,12 @@
 #include "image/libImage.h"
 #include "tests/testSupport.h"
 
-/// What libFuzzer and driver.cpp call with one input after the other.
+/// Called by libFuzzer and driver.cpp for one input after the other.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace vestrel {
 
-/// Ends the process with a line on standard error unless `holds`: that is how a target reports.
+/// Reports a broken promise: unless `holds`, writes `what` to standard error and ends the process.
 void Require(bool holds, std::string_view what);
 
 /// The input as text.
@@ -22,11 +23,11 @@ inline std::string_view TextOf(const std::uint8_t* data, std::size_t size) {
     return {reinterpret_cast<const char*>(data), size};
 }
 
-/// A folder of the process's own. Its files are written anew for every input.
+/// A folder that only this process uses. Its files are written again for every input.
 const std::filesystem::path& InputFolder();
 
-/// What a reader of image files made of an input. The contract that all readers share has been
-/// checked: sizes that agree, empty spare cells, finite numbers, a message for a failure.
+/// The result of reading an input. `ReadChecked` has checked what all readers promise: sizes that
+/// agree, empty spare cells, finite numbers, a message for a failure.
 struct CheckedImage {
     PlateImage Image;
     bool Good = false;
@@ -37,10 +38,10 @@ using ImageReader = bool (*)(const std::filesystem::path&, PlateImage&, const Pr
 CheckedImage ReadChecked(ImageReader read, std::string_view bytes);
 
 /// Saves an image that a reader made and opens it again: pixels, texts and the plate solution must
-/// have survived. Large images, and headers with texts too long for a card, are let pass.
+/// have survived. Large images, and headers with texts too long for a card, are not checked.
 void CheckSaved(const PlateImage& image);
 
-/// Pixels are walked up to this many rows and columns: forged headers promise far more.
+/// Checks of pixels stop at this many rows and columns, as forged headers announce far more.
 inline constexpr std::int32_t WalkedSize = 256;
 
 }  // namespace vestrel

@@ -1,4 +1,4 @@
-// Index files: whatever they hold, stars on the sphere, or a refusal.
+// Index files: any content gives stars on the sphere or is refused.
 
 #include <cmath>
 

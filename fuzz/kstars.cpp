@@ -1,4 +1,4 @@
-// Star files of KStars: whatever they hold, stars that can be looked at, or a refusal.
+// Star files of KStars: any content gives valid stars or is refused.
 
 #include "catalogtool/libKStars.h"
 #include "fuzz/fuzzSupport.h"

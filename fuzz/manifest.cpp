@@ -1,4 +1,4 @@
-// The manifest of a catalog: what is good is written again as it was.
+// The manifest of a catalog: a valid one is written again as it was.
 
 #include "catalog/libCatalogCells.h"
 #include "catalogtool/libCatalogManifest.h"

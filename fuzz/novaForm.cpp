@@ -1,4 +1,4 @@
-// What clients send to the server: the first line is a Content-Type, the rest is the body.
+// Requests to the server: the first line is a Content-Type, the rest is the body.
 
 #include "fuzz/fuzzSupport.h"
 #include "server/libFormData.h"

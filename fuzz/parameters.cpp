@@ -1,4 +1,4 @@
-// What callers write: the parameter string, paths, angles and field sizes.
+// Texts from callers: the parameter string, paths, angles and field sizes.
 
 #include <charconv>
 #include <cmath>
@@ -13,7 +13,7 @@
 namespace vestrel {
 namespace {
 
-/// Text that names exactly this number.
+/// A text that is read back as exactly this number.
 std::string Exactly(double number) {
     char text[64];
     return {text, std::to_chars(text, text + sizeof text, number).ptr};
@@ -49,7 +49,7 @@ void CheckResultFile(const std::string& path) {
     Require(result == stem + ".kel", "the result lies beside its image");
 }
 
-/// What can be read can be shown and read again, to the last decimal shown.
+/// A text that can be read can be formatted and read again, equal to the last decimal shown.
 void CheckAngles(std::string_view text) {
     constexpr double tolerance = 1e-9;
     const double ra = ParseRA(text);

@@ -19,9 +19,9 @@ namespace {
 using namespace vestrel;
 
 constexpr std::array endings = {".fit", ".sbig", ".jpg"};
-/// Whatever the header promises: a solve of more pixels is only slow.
+/// Larger images would only be slow.
 constexpr std::int32_t mostPixels = 300 * 300;
-/// Where the cells lie that the seeds fill.
+/// The place of the cells in the seed inputs, radians.
 constexpr double ra = 0.1833;
 constexpr double dec = 0.0995;
 

@@ -1,4 +1,4 @@
-// The file of quad tables: what is read is in order, and a search in tables of any content stays
+// The file of quad tables: what is read is valid, and a search in tables of any content stays
 // inside them.
 
 #include <algorithm>
@@ -13,8 +13,8 @@ namespace {
 
 using namespace vestrel;
 
-/// A table from bytes: how many stars, the stars, the quads. Checksums, which no mutation would get
-/// right, are put in by the writer.
+/// Makes a table from bytes: the number of stars, the stars, the quads. The writer adds the
+/// checksums, which no mutation would get right.
 void WriteTables(const std::filesystem::path& file, const std::uint8_t* data, std::size_t size) {
     constexpr std::size_t starBytes = 10;
     const auto stars = std::min<std::size_t>(data[0], (size - 1) / starBytes);
@@ -33,7 +33,7 @@ void WriteTables(const std::filesystem::path& file, const std::uint8_t* data, st
     writer.Commit();
 }
 
-/// Puts any bytes into the pages of a good file and makes the checksums agree, as a forger would.
+/// Puts bytes into the pages of a good file and corrects the checksums, as a forger would.
 void Forge(const std::filesystem::path& file, const std::uint8_t* data, std::size_t size) {
     std::vector<unsigned char> bytes;
     Require(ReadWholeFile(file, 1U << 26, bytes), "the file is there");
@@ -41,7 +41,7 @@ void Forge(const std::filesystem::path& file, const std::uint8_t* data, std::siz
     std::string fault;
     Require(ReadQuadBands(OpenFile(file, "rb").get(), bands, fault), "and good");
     PagedPart& part = bands.at(0).Part;
-    // Three bytes each: a place, and what is put there.
+    // Three bytes each: two for the place, one for the new value.
     for (; size >= 3; data += 3, size -= 3) {
         const std::size_t place =
             (data[0] + std::size_t{256} * data[1]) * 2654435761U % part.Length;

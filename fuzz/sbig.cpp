@@ -1,4 +1,4 @@
-// The SBIG reader against rows decoded one value after the other.
+// The SBIG reader, compared with rows decoded one value after the other.
 
 #include <algorithm>
 
@@ -8,7 +8,7 @@
 namespace vestrel {
 namespace {
 
-/// The rows of a file that was read well: each a 16-bit length, then as many bytes.
+/// The rows of a file that was read: each has a 16-bit length and as many bytes.
 class PlainRows {
  public:
     PlainRows(std::string_view bytes, int headerLines) : bytes_(bytes) {
@@ -16,7 +16,7 @@ class PlainRows {
         at_ = std::max<std::size_t>(at_, 2048);
     }
     int Byte() {
-        // Where only the last byte of all is missing it is a 0.
+        // When only the very last byte is missing, it counts as 0.
         Require(at_ <= bytes_.size(), "no row ends beyond its file");
         return at_ < bytes_.size() ? static_cast<unsigned char>(bytes_[at_++]) : (++at_, 0);
     }

@@ -1,4 +1,5 @@
-// Tables of stars: every row is accounted for, and the stars survive a table of their own.
+// Tables of stars: every row is accounted for, and the stars are the same after writing and reading
+// a table of them.
 //
 // The first byte chooses the options, the rest is the table.
 

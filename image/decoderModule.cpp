@@ -1,4 +1,4 @@
-// What every decoder module offers: its decoder, which is named at compile time.
+// The entry of every decoder module. The build names the decoder that it calls.
 #include <new>
 
 #include "image/libDecoder.h"
@@ -9,7 +9,7 @@ PictureDecoder VESTREL_DECODER;
 
 }  // namespace vestrel
 
-/// Nothing is thrown out of a module.
+/// Exceptions must not leave a module: they become `fault`.
 extern "C" __attribute__((visibility("default"))) void VestrelDecode(const unsigned char* bytes,
                                                                      std::size_t length,
                                                                      vestrel::PictureSink& sink,

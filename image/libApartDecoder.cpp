@@ -33,7 +33,7 @@ enum Kind : std::int64_t {
     EndMessage
 };
 
-/// What goes through the pipe, one for each call of the sink; the bytes of its texts follow it.
+/// One call of the sink, as it goes through the pipe; the bytes of its texts follow.
 struct Message {
     std::int64_t Kind = EndMessage;
     std::int64_t Number = 0;
@@ -41,7 +41,7 @@ struct Message {
     std::uint64_t Lengths[3] = {};
 };
 
-/// The numbers of a picture's shape as they are sent.
+/// How many numbers make up a picture's shape in a message.
 constexpr std::size_t ShapeNumbers = 6;
 
 std::size_t RowBytes(const PictureShape& shape) {
@@ -50,7 +50,7 @@ std::size_t RowBytes(const PictureShape& shape) {
            bytes[static_cast<std::size_t>(shape.Kind)];
 }
 
-/// The child's side: sends every call on.
+/// The child's side: sends every call to the parent.
 class Sender final : public PictureSink {  // NOLINT(*-virtual-class-destructor): final
  public:
     explicit Sender(int pipe) : pipe_(pipe) {}
@@ -110,7 +110,7 @@ class Receiver {
     Receiver(pid_t child, int pipe) : child_(child), pipe_(pipe) {}
     Receiver(const Receiver&) = delete;
     Receiver& operator=(const Receiver&) = delete;
-    /// Whatever the child still does is of no use any more.
+    /// The child is no longer needed, whatever it still does.
     ~Receiver() {
         close(pipe_);
         kill(child_, SIGKILL);
@@ -118,7 +118,7 @@ class Receiver {
         }
     }
 
-    /// Hands the next message on; false after the last one.
+    /// Passes the next message to the sink; false after the last one.
     bool Next(PictureSink& sink) {
         Message message;
         Read(&message, sizeof message);
@@ -191,7 +191,7 @@ class Receiver {
         row_.resize(RowBytes(shape));
     }
 
-    /// All texts together stay below what any header holds.
+    /// Bounds the length of all texts together by more than any header holds.
     std::string Text(std::uint64_t length) {
         constexpr std::uint64_t most = std::uint64_t{64} << 20;
         if (length > most - texts_) BrokenOff();
@@ -231,7 +231,8 @@ void Limit(decltype(RLIMIT_AS) resource, std::uint64_t most) {
     setrlimit(resource, &limit);
 }
 
-/// What this process has mapped; sanitizers map far more than any machine has.
+/// The address space in use: the child's limit comes on top of it, because sanitizers map far more
+/// than any machine has.
 std::uint64_t MappedBytes() {
     unsigned long long pages = 0;
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/proc/self/statm", "r"),
@@ -242,10 +243,10 @@ std::uint64_t MappedBytes() {
     return pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
-/// The child from its first step to its last.
+/// All that the child process does.
 [[noreturn]] void Child(int pipe, std::uint64_t mapped, const DecodeCall& decode) {
-    // Nobody is to see or to handle its end but the parent: no report, no core, no handler, and no
-    // file that a tool would write about it.
+    // Only the parent may notice how it ends: no crash report, no core file, no signal handler, and
+    // no file that a tool would write.
     for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTERM, SIGINT, SIGHUP,
                              SIGPIPE, SIGXCPU, SIGALRM, SIGUSR1, SIGUSR2}) {
         std::signal(number, SIG_DFL);
@@ -254,7 +255,7 @@ std::uint64_t MappedBytes() {
     const int nowhere = open("/dev/null", O_RDWR);
     for (const int stream : {0, 1, 2}) dup2(nowhere, stream);
     constexpr std::uint64_t mostMemory = std::uint64_t{6} << 30;
-    // Of processor time: twice what the largest picture takes.
+    // Processor time: twice what the largest picture takes.
     constexpr std::uint64_t mostSeconds = 10;
     if (mapped > 0) Limit(RLIMIT_AS, mapped + mostMemory);
     Limit(RLIMIT_CPU, mostSeconds);

@@ -1,4 +1,5 @@
-// Decoding in a process of its own, which a damaged file may end without ending the program.
+// Decoding in a child process, so that a damaged file which crashes a library does not end the
+// program.
 #pragma once
 
 #include <functional>
@@ -8,14 +9,14 @@
 
 namespace vestrel {
 
-/// Decodes for a sink. The result is the reason why that failed, empty when it did not.
+/// Decodes into a sink. Returns why that failed; empty when it succeeded.
 using DecodeCall = std::function<std::string(PictureSink&)>;
 
-/// Runs `decode` in a child process and hands on to `sink` what it makes of the picture.
+/// Runs `decode` in a child process and passes every call that it makes to `sink`.
 ///
-/// Some libraries read past the end of damaged data. Of a child that crashes, that falls silent
-/// for a minute, or that takes more memory or processor time than any picture needs, nothing is
-/// left but a `DecodeFault`. Where there are no child processes, `decode` runs right here.
+/// Some libraries read past the end of damaged data. A child that crashes, that sends nothing for
+/// 20 s, or that needs more than 6 GiB or 10 s of processor time ends in a `DecodeFault`. On
+/// Windows `decode` runs in this process.
 /// @throws DecodeFault, and what `sink` throws
 void DecodeApart(const DecodeCall& decode, PictureSink& sink);
 

@@ -63,7 +63,7 @@ bool PassJson(std::string_view text, CardSink& sink) {
 
 void PassDescription(std::string_view text, CardSink& sink) {
     text = text.substr(0, std::min(longestDescription, text.find('\0')));
-    // Nesting is bounded: the parser goes as deep as the text does.
+    // Nesting is bounded, because the parser recurses as deep as the text nests.
     if (text.starts_with('{') && std::count(text.begin(), text.end(), '{') < 100 &&
         std::count(text.begin(), text.end(), '[') < 100 && PassJson(text, sink)) {
         return;

@@ -1,4 +1,4 @@
-// Cards out of the texts that pictures carry.
+// Header cards from the description texts in pictures.
 #pragma once
 
 #include <string_view>
@@ -7,8 +7,9 @@
 
 namespace vestrel {
 
-/// Hands on what a description says: the cards of a FITS header kept as text, the members of a JSON
-/// object whose names could be keywords, else the lines as COMMENT cards.
+/// Passes a description on as cards. A FITS header that is kept as text gives its cards, a JSON
+/// object its members whose names could be keywords, and any other text COMMENT cards. Only the
+/// first MiB counts.
 void PassDescription(std::string_view text, CardSink& sink);
 
 }  // namespace vestrel

@@ -73,7 +73,7 @@ class Block {
     bool good_ = false;
 };
 
-/// One directory of a block: entries of a tag, a type, a count and a value or where it stands.
+/// One directory of a block: each entry has a tag, a type, a count, and a value or its offset.
 class Directory {
  public:
     Directory(const Block& block, std::uint64_t at) : block_(block), first_(at + 2) {
@@ -83,7 +83,7 @@ class Directory {
             std::min<std::uint64_t>(block.Number(at, 2), (block.Length() - first_) / entryLength);
     }
 
-    /// 0 when there is no such number.
+    /// The number of a tag; 0 when it is missing.
     double Number(std::uint16_t tag) const {
         const auto entry = Find(tag);
         if (!entry) return 0;
@@ -121,7 +121,7 @@ class Directory {
     std::uint64_t count_ = 0;
 };
 
-/// "2024:05:03 21:04:05" as FITS writes a time; empty when it is none.
+/// "2024:05:03 21:04:05" in the form of FITS; empty when it is not a time.
 std::string FitsTime(std::string text) {
     constexpr std::string_view form = "dddd:dd:dd dd:dd:dd";
     if (text.size() != form.size() || text.starts_with("0000")) return {};
@@ -134,14 +134,14 @@ std::string FitsTime(std::string text) {
     return text;
 }
 
-/// Most makers say their name in the model's too.
+/// The maker and model; most makers repeat their name in the model.
 std::string CameraName(const CameraFacts& facts) {
     const std::string firstWord = facts.Make.substr(0, facts.Make.find(' '));
     if (facts.Make.empty() || facts.Model.starts_with(firstWord)) return facts.Model;
     return facts.Model.empty() ? facts.Make : facts.Make + " " + facts.Model;
 }
 
-/// Micrometres; 0 when it is not known, or no pixel's.
+/// The size of a pixel, micrometres; 0 when it is unknown or implausible.
 double PixelSize(const CameraFacts& facts, std::int64_t longSide) {
     if (!(facts.PixelsPerMillimetre > 0) || longSide < 1) return 0;
     const double reduced =
@@ -179,7 +179,7 @@ CameraFacts ReadExif(std::span<const unsigned char> bytes) {
 }
 
 std::string OrientationRemark(int orientation) {
-    // As EXIF counts them.
+    // In the order of EXIF.
     constexpr std::array ways{"",
                               "mirrored left to right",
                               "turned by half",

@@ -19,14 +19,14 @@ namespace vestrel {
 
 namespace {
 
-/// Counts must fit 32 bits after the offset has been added, with room for what is added later.
+/// Counts must fit 32 bits after the offset has been added, with room for later sums.
 constexpr std::int64_t largestOffset = 2'000'000'000;
-/// A file must hold a byte for so many pixels that it lacks, if they cost memory.
+/// When missing pixels cost memory, the file must hold at least one byte for this many of them.
 constexpr std::size_t missingPixelsPerByte = 2048;
 constexpr const char* generalFailure = "Unable to read the image file.";
 
-/// Where a keyword's value goes. A flag is "T" or "F"; a `Negated` one is stored with its sign
-/// turned; the value of a `Quiet` one is ignored when it is not numeric.
+/// Where a keyword's value goes. A flag is "T" or "F". A `Negated` value is stored with its sign
+/// changed. A `Quiet` value is ignored when it is not numeric.
 struct Negated {
     std::int16_t ImageHeader::*Field;
 };
@@ -283,7 +283,7 @@ void RefuseForgedSize(const PixelLayout& layout) {
 void StoreRows(const PixelLayout& layout, const std::uint8_t* bytes, std::int32_t first,
                std::int32_t end, PlateImage& image) {
     if (end <= first) return;
-    // Floating-point images alone are turned upside down.
+    // Only floating-point images are turned upside down.
     const bool turned = layout.BitPix == -32;
     const std::int32_t y = turned ? image.Height - 1 - first : first;
     const std::ptrdiff_t rowLength = std::ptrdiff_t{image.Width} + 1;
@@ -298,10 +298,10 @@ void StoreRows(const PixelLayout& layout, const std::uint8_t* bytes, std::int32_
     }
 }
 
-/// Reads the pixels in pieces, which the processors share: each is converted while it is in the
-/// cache, and no buffer is needed for the file.
-/// @param read puts that many of the pixels' bytes from a place on into a buffer; gives how many
-///             there were
+/// Reads the pixels in pieces that the processors share. Each piece is converted while it is in the
+/// cache, and no buffer for the whole file is needed.
+/// @param read called as read(start, buffer, length): copies the pixels' bytes from `start` on into
+///             `buffer` and returns how many there were
 template <typename Read>
 void ReadPieces(const PixelLayout& layout, PlateImage& image, const Progress& progress, Read read) {
     constexpr std::size_t pieceBytes = std::size_t{256} << 10;

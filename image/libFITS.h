@@ -13,13 +13,13 @@ namespace vestrel {
 
 /// Reads a whole FITS file into `image`.
 ///
-/// Rows keep the order of the file for 8- and 16-bit pixels; floating-point images alone are
-/// turned upside down. `BSCALE` is not applied. Counts below 0 become 0; floating-point counts
-/// above 65535 become 65535. Pixel data that the file does not hold read as zero bytes; where
-/// those are not stored as 0 (`BZERO` below 0, for floating-point ones above 65535 too), a file
-/// that holds next to none of it is refused.
+/// Rows of 8- and 16-bit pixels keep the order of the file; floating-point images are turned upside
+/// down. `BSCALE` is not applied. Counts below 0 become 0; floating-point counts above 65535 become
+/// 65535. Missing pixel data count as zero bytes. When zero bytes are not stored as 0 (with `BZERO`
+/// below 0, or above 65535 for floating-point pixels), a file that lacks nearly all of its pixels
+/// is refused, since they would cost memory.
 ///
-/// @param progress told of the pieces done
+/// @param progress receives the pieces done
 /// @param failure  what to show when the result is false
 /// @return true when the whole image was read. After false, `image` holds what had been set
 ///         before the failure and is not to be used.
@@ -33,8 +33,8 @@ bool ReadFitsFile(const std::filesystem::path& path, PlateImage& image, const Pr
 /// @throws std::range_error when a number does not fit its field
 std::string ParseHeaderCard(std::string_view card, ImageHeader& header, std::string& error);
 
-/// A number from four bytes in file order, big-endian IEEE 754 single precision, without the
-/// special cases: a stored zero gives about 5.9E-39, the all-ones exponent a huge number.
+/// The number in four bytes in file order: big-endian IEEE 754 single precision without its special
+/// cases. A stored zero gives about 5.9E-39, the all-ones exponent a huge number.
 double DecodeFloat32(std::uint8_t b0, std::uint8_t b1, std::uint8_t b2, std::uint8_t b3);
 
 }  // namespace vestrel

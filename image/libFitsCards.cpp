@@ -42,7 +42,7 @@ bool IsDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-/// A number as the standard has it: capital exponent letters, no blanks inside.
+/// A number in the form of the standard: capital exponent letters, no blanks inside.
 bool IsStandardNumber(std::string_view text) {
     return ParseFitsNumber(text).has_value() && text.find_first_of("ed ") == std::string_view::npos;
 }
@@ -147,8 +147,8 @@ bool IsStandardDate(std::string_view text) {
     return sign(19, '.') && text.size() > 20 && std::all_of(text.begin() + 20, text.end(), IsDigit);
 }
 
-/// The date in the standard's form, as far as it can be told: without the letter of the time zone,
-/// with "T" before the time and with seconds.
+/// The date in the form of the standard, as far as that is possible: without the letter of the time
+/// zone, with "T" before the time and with seconds.
 std::string StandardDate(std::string text) {
     if (IsStandardDate(text)) return text;
     constexpr std::size_t dayLength = 10;
@@ -164,7 +164,7 @@ bool IsOneOf(std::string_view keyword, std::initializer_list<std::string_view> l
     return std::find(list.begin(), list.end(), keyword) != list.end();
 }
 
-/// As `IsOneOf`, or one of them with the letter of an alternative description of the coordinates.
+/// As `IsOneOf`, also with the letter of an alternative coordinate description behind the keyword.
 bool IsOneOfDescriptions(std::string_view keyword, std::initializer_list<std::string_view> list) {
     if (IsOneOf(keyword, list)) return true;
     if (keyword.empty() || keyword.back() < 'A' || keyword.back() > 'Z') return false;
@@ -179,7 +179,7 @@ bool IsReservedForTexts(std::string_view keyword) {
            IsOneOfDescriptions(keyword, {"WCSNAME"});
 }
 
-/// Keywords of the frame that velocities are counted from, and what they may say.
+/// The keywords of velocity reference frames, and the values they may have.
 bool IsRestFrameKeyword(std::string_view keyword) {
     return IsOneOfDescriptions(keyword, {"SPECSYS", "SSYSOBS", "SSYSSRC"});
 }
@@ -200,8 +200,8 @@ bool IsDateKeyword(std::string_view keyword) {
     return keyword == "DATE" || keyword.starts_with("DATE-");
 }
 
-/// Whether the standard allows a keyword a value of this kind. Keywords of tables are none of an
-/// image's.
+/// Whether the standard allows a value of this kind for a keyword. Keywords of tables do not belong
+/// in an image.
 bool MayHave(std::string_view keyword, const ValueField& field) {
     if (field.What == Kind::Nothing) return false;
     if (IsDateKeyword(keyword)) {
@@ -226,7 +226,7 @@ bool MayHave(std::string_view keyword, const ValueField& field) {
     return !IsOneOf(keyword, {"TFIELDS", "THEAP"});
 }
 
-/// Whether a keyword may have any value, and so none as well.
+/// Whether a keyword may have any value, and therefore none.
 bool IsFree(std::string_view keyword) {
     const auto may = [keyword](Kind kind) { return MayHave(keyword, {kind, {}, {}, true}); };
     return may(Kind::Flag) && may(Kind::Whole) && may(Kind::Text);
@@ -243,7 +243,7 @@ bool IsCommentary(std::string_view keyword) {
     return keyword.empty() || keyword == "COMMENT" || keyword == "HISTORY";
 }
 
-/// The card itself, however little of it is one, as a comment.
+/// The text of a card as a comment, whether or not it is a valid card.
 std::vector<std::string> AsComment(std::string_view card) {
     card = Trim(card);
     if (card.empty()) return {};
@@ -261,7 +261,7 @@ std::string FitsTextCard(std::string_view keyword, std::string_view text,
         if (value.size() + written.size() > longest) break;
         value += written;
     }
-    // Texts have eight characters at least, and comments start in one column where they can.
+    // Texts have at least eight characters, and comments start in the same column where possible.
     if (value.size() < 9) value.resize(9, ' ');
     value += "'";
     if (value.size() < 20) value.resize(20, ' ');
@@ -310,7 +310,7 @@ std::string_view ValueOfCard(std::string_view card) {
 }
 
 std::vector<std::string> StandardCards(std::string_view bytes) {
-    // Zero bytes stand for blanks in the headers of writers that fill with them.
+    // Some programs fill headers with zero bytes in place of blanks.
     std::string card(bytes.substr(0, FitsCardLength));
     std::replace(card.begin(), card.end(), '\0', ' ');
     card.resize(FitsCardLength, ' ');
@@ -318,7 +318,7 @@ std::vector<std::string> StandardCards(std::string_view bytes) {
     card = PrintableText(card);
 
     const std::string_view text(card);
-    // A keyword with such blanks was none to whoever read it, and must not become one.
+    // A keyword with such bytes was not known to any reader, and must not become a known one.
     if (bytes.substr(0, std::min(bytes.find('='), FitsCardLength)).find('\0') != bytes.npos) {
         return AsComment(text);
     }
@@ -331,7 +331,7 @@ std::vector<std::string> StandardCards(std::string_view bytes) {
         return {commentary + card.substr(keywordLength)};
     }
     const bool inColumn = text.substr(keywordLength, 2) == "= ";
-    // Two widespread conventions; the second continues the text of the card before it with another.
+    // Two widespread conventions: HIERARCH for long keywords, CONTINUE for the rest of a long text.
     if (keyword == "HIERARCH" && !inColumn) {
         const std::size_t assigned = text.find('=');
         const bool value = assigned != std::string_view::npos &&
@@ -343,7 +343,7 @@ std::vector<std::string> StandardCards(std::string_view bytes) {
         const bool goesOn = printable && !inColumn && more.What == Kind::Text && more.Standard;
         return goesOn ? std::vector{card} : AsComment(text);
     }
-    // What has no value is a comment under a name of its own.
+    // A card without a value is a comment under its own keyword.
     if (printable && !inColumn && leftAligned && IsStandardKeyword(keyword) && IsFree(keyword)) {
         return {card};
     }

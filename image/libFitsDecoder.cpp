@@ -1,5 +1,5 @@
-// FITS beyond what the program's own reader takes: every type of sample, planes, extensions, tile
-// compression and gzip, by CFITSIO.
+// FITS files that the program's own reader does not take: every type of sample, planes, extensions,
+// tile compression and gzip, by CFITSIO.
 #include <fitsio.h>
 #include <zlib.h>
 
@@ -65,13 +65,13 @@ std::vector<unsigned char> Inflated(std::span<const unsigned char> packed) {
         made += room - stream.avail_out;
         if (state == Z_BUF_ERROR && left > 0) state = Z_OK;
     }
-    // What a file that was cut short still holds may be a whole image.
+    // The rest of a file that was cut short may still hold a whole image.
     if (made == 0) throw DecodeFault("It is no gzip file that can be unpacked.");
     content.resize(made);
     return content;
 }
 
-/// Cards about how a packed image is stored as a table; and those that the pixels stand for.
+/// Whether a card describes how a compressed image is stored as a table.
 bool SpeaksOfStorage(std::string_view keyword, bool packed) {
     static constexpr std::string_view prefixes[] = {
         "ZTILE", "ZNAME", "ZVAL",  "ZNAXIS", "ZIMAGE",  "ZCMPT", "ZBITP",  "ZSIMPLE",
@@ -91,7 +91,7 @@ std::string_view KeywordIn(std::string_view card) {
     return card.substr(0, end == std::string_view::npos ? 0 : end + 1);
 }
 
-/// Hands the cards of the current header on, those left out that came before.
+/// Passes on the cards of the current header, except keywords that are in `passed` already.
 void PassCards(fitsfile* file, bool packed, std::set<std::string>& passed, PictureSink& sink) {
     int count = 0;
     int status = 0;
@@ -130,7 +130,7 @@ bool FindImage(fitsfile* file) {
     return false;
 }
 
-/// How the samples are asked for.
+/// The type in which the samples are requested.
 struct Asked {
     SampleKind Kind;
     int CfitsioType;
@@ -153,7 +153,7 @@ Asked AskedFor(fitsfile* file) {
     return {SampleKind::Float64, TDOUBLE, 8};
 }
 
-/// Three planes side by side become one row of colours.
+/// Makes one row of colours from three planes.
 void Interleave(const unsigned char* planes, std::size_t planeBytes, std::size_t rowStart,
                 std::size_t width, std::size_t sampleBytes, std::vector<unsigned char>& row) {
     for (std::size_t x = 0; x < width; ++x) {
@@ -190,7 +190,7 @@ void DecodeFits(std::span<const unsigned char> file, PictureSink& sink) {
     const Asked asked = AskedFor(fits.get());
     const bool colour = axes >= 3 && sides[2] == 3;
     RequirePlausible(sides[0], sides[1], colour ? 3 : 1, file.size());
-    // CFITSIO does not look where its memory ends.
+    // CFITSIO does not check where its memory ends.
     LONGLONG start = 0;
     if (fits_get_hduaddrll(fits.get(), nullptr, &start, nullptr, &status) != 0) Fail(status);
     const auto held = static_cast<std::uint64_t>(std::abs(bitPix)) / 8 *
@@ -200,7 +200,8 @@ void DecodeFits(std::span<const unsigned char> file, PictureSink& sink) {
         (!packed && held > file.size() - static_cast<std::uint64_t>(start))) {
         throw DecodeFault("It ends before its pixels do.");
     }
-    // Floating-point images lie upside down in the program's record, however they came.
+    // Floating-point images are stored upside down in the image record, whichever reader they came
+    // through.
     const bool turned = bitPix == FLOAT_IMG;
     sink.Start({sides[0], sides[1], colour ? 3 : 1, asked.Kind, bitPix, turned});
 
@@ -209,8 +210,8 @@ void DecodeFits(std::span<const unsigned char> file, PictureSink& sink) {
     const std::size_t rowBytes = width * asked.Bytes;
     const std::size_t planeBytes = rowBytes * height;
     const std::size_t planes = colour ? 3 : 1;
-    // An unpacked image is converted in pieces that stay in the cache, a packed one whole: its
-    // tiles may be of any shape.
+    // An uncompressed image is converted in pieces that stay in the cache. A compressed one is
+    // converted whole, because its tiles may have any shape.
     const std::size_t piece =
         packed || colour ? height : std::clamp<std::size_t>((1 << 18) / rowBytes, 1, height);
     const auto samples = std::make_unique_for_overwrite<unsigned char[]>(rowBytes * piece * planes);

@@ -22,7 +22,7 @@ namespace vestrel {
 
 namespace {
 
-/// The pixels as they stand in the file.
+/// The pixels as the exported file stores them.
 struct ExportedPixels {
     int BitPix = 16;
     double BZero = 0;
@@ -104,7 +104,7 @@ ExportedPixels PixelsOfFits(const PlateImage& image) {
     return pixels;
 }
 
-/// The counts of a file of another kind, which is read again.
+/// The counts of a file in another format, which is read again.
 ExportedPixels PixelsOfOthers(const PlateImage& image) {
     PlateImage original;
     ReadFailure failure;
@@ -138,7 +138,7 @@ ExportedPixels PixelsOfOthers(const PlateImage& image) {
     return pixels;
 }
 
-/// Keywords that speak of the layout of the file or of its checksums.
+/// Keywords about the layout of the file or its checksums.
 bool IsLayoutKeyword(std::string_view keyword, int bitPix) {
     static constexpr std::string_view layout[] = {
         "SIMPLE", "BITPIX", "NAXIS",   "BSCALE",  "BZERO",    "XTENSION", "PCOUNT",
@@ -148,8 +148,8 @@ bool IsLayoutKeyword(std::string_view keyword, int bitPix) {
     return keyword == "BLANK" && bitPix < 0;
 }
 
-/// The keyword that Vestrel makes of a card. It goes by the "=" alone: to the standard a card that
-/// begins with blanks is a comment.
+/// The keyword that Vestrel reads from a card. Only the "=" matters to it, whereas by the standard
+/// a card that begins with blanks is a comment.
 std::string KeywordAsRead(std::string_view card) {
     const std::size_t equals = card.find('=');
     return equals == std::string_view::npos ? std::string(KeywordOfCard(card))
@@ -174,7 +174,7 @@ std::vector<std::string> KeptCards(const ImageHeader& header, int bitPix,
                                    std::vector<std::string> layout) {
     enum class Fate { Kept, Comment, Dropped };
     Fate fate = Fate::Kept;
-    bool goesOn = false;  // the last card ends with the sign that CONTINUE cards follow
+    bool goesOn = false;  // the last card ends with "&": CONTINUE cards may follow
     bool anyContinued = false;
     std::vector<std::string> kept;
     std::map<std::string, std::string, std::less<>> first;
@@ -187,7 +187,7 @@ std::vector<std::string> KeptCards(const ImageHeader& header, int bitPix,
             if (IsLayoutKeyword(asRead, bitPix) || IsStaleKeyword(asRead)) {
                 fate = Fate::Dropped;
             } else if (keyword == "CONTINUE") {
-                // What it continues is gone, or was put right and perhaps cut.
+                // The card that it continues was dropped, or repaired and perhaps cut.
                 if (!goesOn && fate != Fate::Dropped) fate = Fate::Comment;
                 anyContinued = anyContinued || fate == Fate::Kept;
             } else {
@@ -203,8 +203,8 @@ std::vector<std::string> KeptCards(const ImageHeader& header, int bitPix,
             }
         }
     }
-    // Where the original says the same of its pixels, it is said in its words. The mandatory values
-    // must end in column 30; those of BSCALE and BZERO may stand anywhere.
+    // An original card that says the same about the pixels is kept as it is. Mandatory values must
+    // end in column 30; those of BSCALE and BZERO may stand anywhere.
     for (std::string& card : layout) {
         const auto found = first.find(KeywordOfCard(card));
         if (found == first.end()) continue;
@@ -214,7 +214,7 @@ std::vector<std::string> KeptCards(const ImageHeader& header, int bitPix,
                 : found->second.compare(0, 30, card, 0, 30) == 0;
         if (same) card = found->second;
     }
-    // Programs from before the standard took long texts over look for this sign of them.
+    // Programs older than long texts in the standard look for this card.
     if (anyContinued && !first.contains("LONGSTRN")) {
         layout.push_back(FitsTextCard("LONGSTRN", "OGIP 1.0"));
     }
@@ -222,7 +222,7 @@ std::vector<std::string> KeptCards(const ImageHeader& header, int bitPix,
     return layout;
 }
 
-/// What an SBIG header says, in FITS keywords, and its own lines as comments.
+/// The values of an SBIG header under FITS keywords, and its lines as comments.
 void AppendSbigCards(std::vector<std::string>& cards, const ImageHeader& header) {
     std::set<std::string> present;
     for (std::size_t i = 1; i <= static_cast<std::size_t>(header.CardCount); ++i) {
@@ -253,10 +253,10 @@ void AppendSbigCards(std::vector<std::string>& cards, const ImageHeader& header)
     }
 }
 
-/// The solution in the keywords that Vestrel reads, for the rows as the exported file has them.
+/// The solution under the keywords that Vestrel reads, for the row order of the exported file.
 void AppendOwnCards(std::vector<std::string>& cards, const PlateImage& image, int bitPix) {
     const ImageHeader& header = image.Header;
-    // On reading, floating-point images alone are turned over.
+    // Only floating-point images are turned over when they are read.
     const bool turned = FirstRowAtTop(image) != (bitPix == -32);
     const double sign = turned ? -1 : 1;
     const double v0 = header.PlateTransform[1][2];
@@ -295,7 +295,7 @@ std::vector<unsigned char> FitsExportBytes(const PlateImage& image,
     } else {
         cards = KeptCards(image.Header, pixels.BitPix, std::move(cards));
     }
-    // An image that was exported before has the comments among them already.
+    // An image that was exported before already has these comments.
     std::erase_if(cards, [&coordinateCards](const std::string& card) {
         return std::find(coordinateCards.begin(), coordinateCards.end(), card) !=
                coordinateCards.end();

@@ -15,7 +15,8 @@ namespace vestrel {
 
 namespace {
 
-/// What 48 cards leave of two blocks. It is not adapted when a long value has made them longer.
+/// The bytes that 48 cards leave free in two blocks. They stay as many when a long value makes the
+/// cards longer.
 constexpr std::size_t headerFiller = 1920;
 
 /// The cards, one after the other.

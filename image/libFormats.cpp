@@ -40,7 +40,7 @@ bool IsTiff(std::string_view start) {
 bool IsXisf(std::string_view start) {
     return start.starts_with("XISF0100"sv);
 }
-/// Most cameras' own formats are TIFF files of a kind.
+/// The raw formats of most cameras are variants of TIFF.
 bool IsRaw(std::string_view start) {
     return IsTiff(start) || start.starts_with("FUJIFILMCCD-RAW"sv) ||
            start.starts_with("IIU\0"sv) || start.starts_with("IIRO"sv) ||
@@ -52,7 +52,7 @@ constexpr ImageFormat formats[] = {
     {"FITS", " FIT FITS FTS FZ GZ ", IsFits, ReadFitsFile, " FIT FITS FTS ", ImageType::Fits,
      "fits", true},
     {"SBIG", " SBIG SBI ", IsSbig, ReadSbigFile, " SBIG SBI ", ImageType::Sbig, nullptr},
-    // The misspelt form has been accepted for so long that callers rely on it.
+    // The misspelt extension has always been accepted, and callers rely on it.
     {"JPEG", " JPG JEPG JPEG JPE JFIF ", IsJpeg, ReadPictureFile, " JPG JEPG ", ImageType::Jpeg,
      nullptr},
     {"PNG", " PNG ", IsPng, nullptr, "", ImageType::Decoded, "png"},
@@ -72,7 +72,7 @@ bool Lists(std::string_view extensions, const std::string& extension) {
            extensions.find(" " + extension + " ") != std::string_view::npos;
 }
 
-/// What a module has to offer. Its answer is empty when the picture was decoded.
+/// The function that a module exports. `fault` stays empty when the picture was decoded.
 using ModuleEntry = void(const unsigned char* bytes, std::size_t length, PictureSink& sink,
                          std::string& fault);
 
@@ -160,7 +160,7 @@ bool MayHaveLostTheSky(const PlateImage& image) {
     return aboveTwo <= pixels / pixelsPerStray || atZero * 10 > pixels * 9;
 }
 
-/// Decodes an image that was no image of counts. What was read stays when that cannot be done, or
+/// Decodes an image that did not hold counts. The image stays as it was read when that fails, or
 /// when the decoder finds counts too.
 void DecodeLostSky(const ImageFormat& format, const std::filesystem::path& path, PlateImage& image,
                    const Progress& progress) {
@@ -195,8 +195,8 @@ std::string ForeignCauseOf(const std::filesystem::path& path) {
 
 std::vector<const ImageFormat*> FormatsOfFile(const std::filesystem::path& path) {
     const std::string extension = ExtensionOf(TextFromPath(path));
-    // Files called BMP have always been refused, whatever they hold; callers rely on that. A result
-    // file would replace an image of its own name.
+    // Files named .bmp have always been refused, whatever they hold, and callers rely on that. An
+    // image named .kel would be replaced by its own result file.
     if (extension == "BMP" || extension == "KEL") return {};
     char start[RecognisedLength];
     std::size_t length = 0;

@@ -1,4 +1,4 @@
-// The table of image formats, and the reading of a file in whichever it is.
+// The table of image formats, and reading a file in any of them.
 #pragma once
 
 #include <filesystem>
@@ -12,12 +12,13 @@
 
 namespace vestrel {
 
-/// What the program can do with a format. To add one, write its decoder and a row.
+/// What the program can do with a format. To add one, write its decoder and add a row to the table.
 struct ImageFormat {
     const char* Name;        ///< "TIFF"
-    const char* Extensions;  ///< those files of it have as a rule, in capitals, between blanks
+    const char* Extensions;  ///< usual extensions, in capitals, each between blanks
     bool (*Recognises)(std::string_view start);  ///< by the first `RecognisedLength` bytes
-    /// The program's own reader and the extensions that lead to it without a look at the content.
+    /// The program's own reader, null when there is none, and the extensions that lead to it
+    /// whatever the content is.
     bool (*Read)(const std::filesystem::path&, PlateImage&, const Progress&, ReadFailure&);
     const char* OwnExtensions;
     ImageType Type;       ///< of an image that `Read` has read
@@ -29,14 +30,15 @@ inline constexpr std::size_t RecognisedLength = 512;
 
 std::span<const ImageFormat> ImageFormats();
 
-/// The formats that a file may be of: by its content first, by its name second.
+/// The formats that a file may have, the likeliest first: those that match content and name, then
+/// those that match the content. The name alone decides only when no content matches.
 std::vector<const ImageFormat*> FormatsOfFile(const std::filesystem::path& path);
 
 /// What a file is that none of them reads, and what to do about it, in a sentence; empty when its
 /// first bytes are of nothing that is known.
 std::string ForeignCauseOf(const std::filesystem::path& path);
 
-/// The format whose own reader a name leads to; null when there is none.
+/// The format whose own reader a file name leads to; null when there is none.
 const ImageFormat* OwnFormatOfName(std::string_view path);
 
 /// Reads an image file of any format into `image`.
@@ -46,11 +48,11 @@ const ImageFormat* OwnFormatOfName(std::string_view path);
 /// floating-point FITS image with hardly a count above 2, or of which nearly all pixels lie below
 /// 0, was no image of counts: it is decoded anew, with its range brought to 0..65535.
 /// @param failure what to show when the result is false: the message of the reader that the name
-///        leads to, and what all others made of it
+///        leads to, and as its cause the first failure of the others
 bool ReadImageFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
                    ReadFailure& failure);
 
-/// The names of the formats that can be read here, as a sentence's list.
+/// The names of the formats that this installation can read, separated by commas.
 std::string ReadableFormats();
 
 }  // namespace vestrel

@@ -19,8 +19,8 @@ namespace {
 
 constexpr double fullCircle = 2 * std::numbers::pi;
 
-/// The values of a header by keyword, without quotes and comments; the first card of a keyword
-/// holds.
+/// The values of a header by keyword, without quotes and comments. When a keyword is repeated, its
+/// first card counts.
 class CardValues {
  public:
     explicit CardValues(const ImageHeader& header) {
@@ -64,13 +64,13 @@ bool IsPosition(const SkyPosition& position) {
 /// The part of a header's world coordinates that a hint needs.
 struct LinearPart {
     double Tangent[2] = {};           ///< right ascension, declination, degrees
-    double FromTangent[2] = {};       ///< of the image's middle, east and north, degrees
+    double FromTangent[2] = {};       ///< the image's middle from there, degrees east and north
     double DegreesPerPixel = 0;       ///< mean of both directions
     std::string_view ProjectionCode;  ///< "TAN"
     std::string Matrix;               ///< the keywords of the scale
 };
 
-/// The matrix from pixels to degrees; false when there is none, or no map of the sky.
+/// Reads the matrix from pixels to degrees. False when there is none, or when it is singular.
 bool ReadMatrix(const CardValues& cards, double (&matrix)[2][2], std::string& keywords) {
     const char* const cd[2][2] = {{"CD1_1", "CD1_2"}, {"CD2_1", "CD2_2"}};
     const char* const pc[2][2] = {{"PC1_1", "PC1_2"}, {"PC2_1", "PC2_2"}};
@@ -108,7 +108,7 @@ std::optional<LinearPart> ReadWorldCoordinates(const CardValues& cards, const Pl
     const auto second = cards.Number("CRVAL2");
     if (!first || !second || !ReadMatrix(cards, matrix, part.Matrix)) return std::nullopt;
     std::string_view type = cards.Text("CTYPE1");
-    // Declination may come first. Other systems than the equatorial one are no help here.
+    // Declination may come first. Only equatorial coordinates can be used.
     const bool turned = type.starts_with("DEC");
     if (turned) type = cards.Text("CTYPE2");
     if (!type.starts_with("RA")) return std::nullopt;
@@ -128,14 +128,14 @@ std::optional<LinearPart> ReadWorldCoordinates(const CardValues& cards, const Pl
     return part;
 }
 
-/// The distance from the tangent point that a distance in the plane stands for, radians
-/// (Calabretta & Greisen 2002, A&A 395, 1077, section 5.1).
+/// The angular distance from the tangent point for a distance in the projection plane, both in
+/// radians (Calabretta & Greisen 2002, A&A 395, 1077, section 5.1).
 double DistanceInPlane(std::string_view projection, double r) {
     if (projection == "SIN") return std::asin(std::min(r, 1.0));
     if (projection == "ARC") return r;
     if (projection == "STG") return 2 * std::atan(r / 2);
     if (projection == "ZEA") return 2 * std::asin(std::min(r / 2, 1.0));
-    return std::atan(r);  // TAN and its distorted forms; near the centre all are alike
+    return std::atan(r);  // TAN and its distorted forms; near the centre all projections agree
 }
 
 SkyPosition MiddleOf(const LinearPart& part) {
@@ -146,7 +146,7 @@ SkyPosition MiddleOf(const LinearPart& part) {
     const double dec0 = part.Tangent[1] * RadiansPerDegree;
     if (r == 0) return {ra0, dec0};
     const double distance = DistanceInPlane(part.ProjectionCode, r);
-    // The orthographic plane has the sine of the distance for its radius.
+    // On the orthographic plane the radius is the sine of the distance.
     const double stretch = std::sin(distance) / r;
     Projection plane;
     plane.SetProjectionCentre({ra0, dec0}, 1);
@@ -164,7 +164,7 @@ void AddCentre(PictureHints& hints, SkyPosition position, std::string source) {
 }
 
 void AddScale(PictureHints& hints, double arcsecondsPerPixel, std::string source) {
-    // From an eyepiece full of planet to a fish-eye lens; what lies beyond is no scale.
+    // The range from planetary imaging to fish-eye lenses; values beyond it are no scales.
     if (!(arcsecondsPerPixel > 1e-3 && arcsecondsPerPixel < 3600.0 * 10)) return;
     hints.Scales.push_back({arcsecondsPerPixel, std::move(source)});
 }
@@ -229,7 +229,8 @@ void AddScaleCards(PictureHints& hints, const CardValues& cards) {
     }
 }
 
-/// From the optics. The header's own fields serve formats whose lines are no FITS cards.
+/// Adds scales from focal length and pixel size. The fields of `ImageHeader` serve formats whose
+/// header lines are not FITS cards.
 void AddOptics(PictureHints& hints, const CardValues& cards, const PlateImage& image) {
     const auto orField = [](std::optional<double> card, double field) {
         return card ? *card : std::max(field, 0.0);
@@ -260,7 +261,7 @@ void AddOptics(PictureHints& hints, const CardValues& cards, const PlateImage& i
     }
 }
 
-/// Later hints that say the same again are no use.
+/// Removes hints that repeat an earlier one.
 void DropRepetitions(PictureHints& hints) {
     const auto sameScale = [](const ScaleHint& a, const ScaleHint& b) {
         return std::fabs(a.ArcsecondsPerPixel / b.ArcsecondsPerPixel - 1) < 0.01;

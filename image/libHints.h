@@ -1,4 +1,4 @@
-// What a picture's own header says about where it points and how large its field is.
+// What a picture's header says about where it points and how large its field is.
 #pragma once
 
 #include <optional>
@@ -11,10 +11,11 @@
 
 namespace vestrel {
 
-/// A centre to search from. Only as good as the mount's or another program's word.
+/// A centre to search from. It is only as good as the mount or program that wrote it.
 struct CentreHint {
     SkyPosition Centre;  ///< J2000, radians, of the image's middle
-    std::string Source;  ///< the cards it was taken from, and how: "RA and DEC, as degrees"
+    std::string Source;  ///< the cards that it comes from, and how they were read: "RA and DEC, as
+                         ///< degrees"
 };
 
 /// A scale to search with.
@@ -23,7 +24,7 @@ struct ScaleHint {
     std::string Source;             ///< "FOCALLEN and XPIXSZ, times XBINNING"
 };
 
-/// The candidates in the order in which to try them; none where the header says nothing usable.
+/// The candidates, in the order in which to try them; empty when the header says nothing usable.
 struct PictureHints {
     std::vector<CentreHint> Centres;
     std::vector<ScaleHint> Scales;
@@ -32,15 +33,16 @@ struct PictureHints {
 /// The hints of a loaded image's header.
 ///
 /// Centres: a stored solution; world coordinates of any zenithal projection, carried to the middle
-/// of the image; OBJCTRA and OBJCTDEC; RA and DEC; the names that fewer programs use. A text with
-/// parts is hours and degrees; a lone number is degrees, and once more hours where it can be.
-/// Scales: a stored solution; world coordinates; SECPIX and its kin; the focal length with the
-/// pixel size, which most programs give with the binning in it, so that this is tried first; the
-/// focal length of an equal 35 mm camera.
+/// of the image; OBJCTRA and OBJCTDEC; RA and DEC; rarer keyword pairs. A text with parts means
+/// hours and degrees. A single number means degrees, and is tried as hours too when it is in 0..24.
+///
+/// Scales: a stored solution; world coordinates; SECPIX and similar keywords; the focal length with
+/// the pixel size, first as it stands, since most programs include the binning in it, then times
+/// the binning; the focal length of an equivalent 35 mm camera.
 PictureHints HintsOf(const PlateImage& image);
 
-/// Whether the header says that each pixel lies behind a filter of its own colour, in a pattern of
-/// two by two: BAYERPAT, COLORTYP and their like hold the letters of the colours.
+/// Whether the header says that the pixels form a mosaic of colours: BAYERPAT, COLORTYP, CFAPAT or
+/// CFA-PAT holds the letters of a two by two pattern.
 bool IsMosaic(const PlateImage& image);
 
 /// The field that a scale gives the image: width and height, radians.

@@ -21,7 +21,7 @@ void StartPixels(PlateImage& image, std::int32_t dataOffset) {
     image.DataOffset = dataOffset;
     image.Pedestal = image.Header.Pedestal;
     image.DisplayBlack = image.DisplayWhite = 0;
-    image.Pixels = Grid<std::int32_t>();  // gives the old image's memory back first
+    image.Pixels = Grid<std::int32_t>();  // frees the old image's memory first
     image.Pixels = Grid<std::int32_t>(image.Width, image.Height);
 }
 
@@ -31,8 +31,8 @@ bool FirstRowAtTop(const PlateImage& image) {
 }
 
 bool TurnedOver(const PlateImage& image) {
-    // The FITS decoder turns the same images as the program's own reader, and calls the others
-    // bottom row first; no other format is turned.
+    // The FITS decoder turns over the same images as the program's own reader and states that all
+    // others have the bottom row first. Other formats are never turned over.
     if (image.ImageType == ImageType::Decoded) return image.Format == "FITS" && image.TopRowFirst;
     return image.ImageType == ImageType::Fits && image.Header.BitPix == -32;
 }

@@ -1,4 +1,4 @@
-// The one loaded image and everything that its file header said about it.
+// The image record: pixels and everything that the file header says.
 #pragma once
 
 #include <cstdint>
@@ -9,14 +9,13 @@
 
 namespace vestrel {
 
-/// The metadata of a file header and the stored plate solution. Text fields hold the text as it
-/// stood in the file (a FITS text keeps its quotes). Header bytes are kept as they are, whatever
-/// their encoding.
+/// The metadata of a file header and the stored plate solution. Text fields hold the text of the
+/// file unchanged (a FITS text keeps its quotes), in whatever encoding it is.
 struct ImageHeader {
     /// Room for header cards: indices 1..2999 are used, 0 never.
     static constexpr int MaxCards = 3000;
 
-    bool Compressed = false;         ///< the SBIG file declared itself compressed
+    bool Compressed = false;         ///< the SBIG file says that it is compressed
     std::vector<std::string> Cards;  ///< raw header lines; number n at index n, see `CardCount`
     std::int16_t CardCount = 0;      ///< cards kept, the END card included
     bool Simple = false;
@@ -73,14 +72,14 @@ struct ImageHeader {
 };
 
 /// Resets every field but `Cards` before a load: numbers to 0, flags to false, texts to "0",
-/// `ObjectRA` and `ObjectDec` to empty. Cards beyond the next `CardCount` keep old text and are
-/// not to be shown.
+/// `ObjectRA` and `ObjectDec` to empty. Cards beyond the next `CardCount` keep old text and must
+/// not be shown.
 void ClearHeader(ImageHeader& header);
 
 /// What kind of file an image came from.
 enum class ImageType : std::uint8_t {
     None,  ///< nothing was loaded yet
-    Fits,  ///< by the program's own readers
+    Fits,  ///< read, like the next two, by the program's own readers
     Sbig,
     Jpeg,
     Decoded,  ///< by a decoder: see `PlateImage::Format`
@@ -92,8 +91,9 @@ struct CountScale {
     double Factor = 1;
 };
 
-/// The loaded image. A stored value plus `DataOffset` is the physical count, which is never
-/// negative. All loops run x from 0 to Width − 1 and y from 0 to Height − 1.
+/// The loaded image. A stored value plus `DataOffset` is the physical count. It is never negative,
+/// except in compressed SBIG files whose deltas run below 0. All loops run x from 0 to Width − 1
+/// and y from 0 to Height − 1.
 struct PlateImage {
     std::string FileName;
     Grid<std::int32_t> Pixels;  ///< bounds 0..Width, 0..Height; the spare column and row stay 0
@@ -101,39 +101,39 @@ struct PlateImage {
     std::int32_t Height = 0;
     std::int32_t DataOffset = 0;
     std::int32_t Pedestal = 0;
-    std::int32_t DisplayBlack = 0;  ///< physical counts that are shown black and white; both are 0
+    std::int32_t DisplayBlack = 0;  ///< counts that are shown as black and white; both are 0
     std::int32_t DisplayWhite = 0;  ///< until they are chosen
     ImageHeader Header;
     vestrel::ImageType ImageType = vestrel::ImageType::None;
     std::string Format;  ///< the format's name, "TIFF"; empty before the first load
 
-    // What a decoder adds.
+    // Set by decoders only.
     CountScale Counts;
-    std::int32_t LargestCount = 65535;  ///< that the format can hold
-    bool TopRowFirst = true;            ///< of a decoded image, see `FirstRowAtTop`
-    int Orientation = 1;  ///< how to turn the picture for display, 1 to 8 as EXIF counts
-    std::vector<std::string> Remarks;  ///< what was left out, or done to the picture
+    std::int32_t LargestCount = 65535;  ///< the largest count that the format can hold
+    bool TopRowFirst = true;            ///< see `FirstRowAtTop`
+    int Orientation = 1;                ///< how to turn the picture for display, 1..8 as in EXIF
+    std::vector<std::string> Remarks;   ///< what was left out, or done to the picture
 };
 
 /// Gives the image the size and the pedestal of its header, this offset, and a grid of zeros.
-/// Throws std::bad_alloc when there is no room.
+/// Throws std::bad_alloc when memory is short.
 void StartPixels(PlateImage& image, std::int32_t dataOffset);
 
-/// Whether row 0 of the grid is the top of the image as it is displayed: of pictures, SBIG images
-/// and floating-point FITS images, which are turned over as they are read. Other FITS images have
-/// their bottom row first, and so has the file of any image that is written as standard FITS.
-/// Decoders say it of theirs.
+/// Whether row 0 of the grid is the top of the image as displayed. It is for pictures, SBIG images
+/// and floating-point FITS images, which are turned over when they are read. Other FITS images have
+/// their bottom row first, and so has every exported standard FITS file. Decoders state it for
+/// their images.
 bool FirstRowAtTop(const PlateImage& image);
 
-/// Whether the rows of the grid are those of the file in reverse: of floating-point FITS images.
+/// Whether the grid has the rows of the file in reverse order, as for floating-point FITS images.
 bool TurnedOver(const PlateImage& image);
 
-/// What a reader shows when it fails: the text of a message box and its title. A reader that
-/// fails without a message leaves the text empty.
+/// What to show when reading fails: the text of a message box and its title. The text is empty when
+/// the reader fails without a message.
 struct ReadFailure {
     std::string Text;
     std::string Title;
-    std::string Cause = {};  ///< what the message leaves unsaid, in words; may be empty
+    std::string Cause = {};  ///< the reason, which the message does not tell; may be empty
 };
 
 /// The title of message boxes that name none of their own.

@@ -24,7 +24,7 @@ namespace vestrel {
 
 namespace {
 
-/// libjpeg's error handling, turned into a jump back and into silence.
+/// Replaces libjpeg's error handling: errors jump back to the caller, and nothing is printed.
 struct ErrorManager {
     jpeg_error_mgr Base;  // must stay first: libjpeg only knows this member
     std::jmp_buf Escape;
@@ -40,7 +40,8 @@ ErrorManager& ManagerOf(j_common_ptr info) {
 }
 
 void OnMessage(j_common_ptr info, int level) {
-    // Warnings are -1. Decoders go on after these two with grey pixels nobody photographed.
+    // Warnings have level -1. After these two libjpeg would go on with grey pixels that are not in
+    // the file.
     const int code = info->err->msg_code;
     if (level < 0 && (code == JWRN_JPEG_EOF || code == JWRN_HIT_MARKER)) {
         ManagerOf(info).CutShort = true;
@@ -49,7 +50,7 @@ void OnMessage(j_common_ptr info, int level) {
 
 constexpr int exifMarker = JPEG_APP0 + 1;
 
-/// The camera's own block among the markers that were kept.
+/// The EXIF block among the stored markers.
 std::span<const JOCTET> ExifBlock(const jpeg_decompress_struct& info) {
     constexpr std::string_view sign("Exif\0\0", 6);
     for (auto* marker = info.marker_list; marker != nullptr; marker = marker->next) {
@@ -62,8 +63,8 @@ std::span<const JOCTET> ExifBlock(const jpeg_decompress_struct& info) {
     return {};
 }
 
-/// Keeps what a camera says as cards. The header's fields stay empty: files that are saved from a
-/// picture have never had more than its pixels.
+/// Stores the camera's facts as cards. The header's fields stay empty: files saved from a picture
+/// have always had only its pixels.
 class CardKeeper final : public CardSink {  // NOLINT(*-virtual-class-destructor): final
  public:
     explicit CardKeeper(PlateImage& image) : image_(image) {}
@@ -100,14 +101,14 @@ class CardKeeper final : public CardSink {  // NOLINT(*-virtual-class-destructor
 
 void OnOutput(j_common_ptr /*info*/) {}
 
-/// A picture of this many pixels could not have come from so few bytes: no Huffman or arithmetic
-/// code is shorter, and a forged size must not cost memory.
+/// Whether a file of `bytes` can hold so many pixels: no Huffman or arithmetic code is shorter. A
+/// forged size must not cost memory.
 bool PlausibleSize(std::uint64_t pixels, std::uint64_t bytes) {
     return pixels / 2048 <= bytes;
 }
 
-/// The sum of the three colours that four inks leave of white. Adobe's programs, which nearly all
-/// such pictures come from, store how much ink is missing.
+/// The sum of the three colours that a pixel of four inks (CMYK) shows. Adobe's programs, from
+/// which nearly all such pictures come, store the inks inverted.
 void AddInks(const JSAMPLE* row, std::int32_t* grey, std::int32_t width, bool inverted) {
     constexpr int most = MAXJSAMPLE;
     for (std::int32_t x = 0; x < width; ++x, row += 4) {
@@ -120,7 +121,7 @@ void AddInks(const JSAMPLE* row, std::int32_t* grey, std::int32_t width, bool in
 }
 
 #ifdef JCS_EXTENSIONS
-/// Four bytes a pixel, the last unused, so that the compiler can take many pixels at a time.
+/// Four bytes a pixel, the last one unused, so that the compiler can vectorise the sum.
 constexpr J_COLOR_SPACE wantedColours = JCS_EXT_RGBX;
 constexpr int wantedChannels = 4;
 #else

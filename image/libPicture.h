@@ -9,10 +9,10 @@
 namespace vestrel {
 
 /// Reads a JPEG picture into `image`. A grey value is the plain sum of the three colour bytes
-/// (0..765), which four inks are turned into; row 0 is the picture's top row.
+/// (0..765); CMYK pictures are converted to three colours first. Row 0 is the picture's top row.
 ///
-/// What the camera says of the exposure becomes cards, nothing else of the header; how it wants the
-/// picture turned becomes `Orientation` and a remark.
+/// The camera's facts (EXIF) become cards, but no other fields of the header. The EXIF orientation
+/// becomes `Orientation` and a remark.
 ///
 /// Fails on anything that libjpeg cannot turn into red, green and blue, on a picture cut short,
 /// and on more than 32767 columns or rows.

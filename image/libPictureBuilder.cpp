@@ -16,7 +16,7 @@ namespace vestrel {
 
 namespace {
 
-/// Counts are stored less this, as 16-bit files have them.
+/// Counts are stored minus this, as in 16-bit files.
 constexpr std::int32_t offset = 32768;
 constexpr double largestCount = 65535;
 
@@ -43,7 +43,7 @@ void TakeNumbers(const Sample* samples, int channels, Sample* numbers, std::int3
     }
 }
 
-/// What the finite numbers of a picture span.
+/// The range of the finite numbers of a picture.
 struct NumberRange {
     double Least = std::numeric_limits<double>::infinity();
     double Greatest = -std::numeric_limits<double>::infinity();
@@ -71,7 +71,7 @@ NumberRange RangeOf(const std::vector<Number>& numbers) {
     return range;
 }
 
-/// The median of evenly spread finite numbers.
+/// The median of some 40,000 evenly spaced finite numbers; 0 when there are none.
 template <typename Number>
 double SkyOf(const std::vector<Number>& numbers) {
     constexpr std::size_t samples = 40009;
@@ -86,10 +86,11 @@ double SkyOf(const std::vector<Number>& numbers) {
     return static_cast<double>(*middle);
 }
 
-/// The k-th greatest finite number, k from 1; the least one when there are fewer.
+/// The k-th number, k from 1, in the order of `ahead` (the k-th greatest for std::greater) among
+/// the finite ones, or the last when there are fewer. At least one must be finite.
 template <typename Number, typename Ahead>
 double Extreme(const std::vector<Number>& numbers, std::size_t k, const Ahead& ahead) {
-    std::vector<Number> heap;  // the k first ones, the last of them on top
+    std::vector<Number> heap;  // the first k, with the last of them on top
     for (const Number number : numbers) {
         if (!std::isfinite(number)) continue;
         if (heap.size() < k) {
@@ -111,12 +112,12 @@ std::size_t StraysAmong(const std::vector<Number>& numbers) {
     return 1 + numbers.size() / pixelsPerStray;
 }
 
-/// The range without the few pixels that have nothing to do with the picture: a defect of 1e9 would
-/// leave a line no steps for the stars. The light of a star falls on many pixels, so its brightest
-/// one is never alone.
+/// The range without the few pixels that do not belong to the picture: one defect of 1e9 would
+/// leave the stars no steps on a linear scale. The light of a star falls on many pixels, so its
+/// brightest pixel is never alone.
 template <typename Number>
 NumberRange WithoutStrays(NumberRange range, const std::vector<Number>& numbers) {
-    constexpr double alone = 200;  // times as far from the sky as all but the strays
+    constexpr double alone = 200;  // times as far from the sky as everything but the strays
     constexpr double room = 2;
     const std::size_t strays = StraysAmong(numbers);
     const double sky = SkyOf(numbers);
@@ -142,7 +143,7 @@ NumberRange FractionsOf(NumberRange range, const std::vector<Number>& numbers) {
 /// count = (sample − Zero) × Factor
 CountScale ScaleFor(const NumberRange& range, std::int32_t width, std::int32_t height) {
     constexpr std::int32_t smallestSide = 100;
-    // A picture whose brightest pixel comes to less has too few steps left for its faint stars.
+    // With a brightest pixel below this, faint stars would have too few steps.
     constexpr double fewSteps = 8192;
     const bool counts = range.Least >= 0 && range.Greatest <= largestCount;
     // Packing and resampling leave fractions a little above 1.
@@ -180,7 +181,8 @@ void MakeCounts(const std::vector<Number>& numbers, PlateImage& image) {
     }
 }
 
-/// A number in quotes, or with the quotes of a text around it, as some programs write it.
+/// The card with its number freed from quotes, which some programs put around numbers; empty when
+/// there is no such number.
 std::string WithoutQuotes(std::string_view card) {
     const std::size_t equals = card.find('=');
     const std::size_t open = card.find('\'');
@@ -268,7 +270,7 @@ void PictureBuilder::Card(std::string_view card) {
     if (parse(card)) return;
     const std::string plain = WithoutQuotes(card);
     if (!plain.empty() && parse(plain)) return;
-    // Sizes beyond a field are told otherwise.
+    // The size that the decoder states counts, so that of a card does not matter.
     if (keyword.starts_with("NAXIS")) return;
     Remark("The card " + std::string(Trim(card)) + " says nothing usable and was left out.");
 }
@@ -299,7 +301,7 @@ void PictureBuilder::Finish() {
     if (shape_.Kind == SampleKind::Float64) MakeCounts(doubles_, image_);
     ImageHeader& header = image_.Header;
     header.Cards[static_cast<std::size_t>(++header.CardCount)] = std::string("END").append(77, ' ');
-    // The record speaks of the pixels as they lie in memory.
+    // The header fields describe the pixels as they are in memory.
     header.Simple = true;
     header.BitPix = static_cast<std::int16_t>(shape_.BitPix);
     header.NAxis = 2;

@@ -1,4 +1,4 @@
-// Makes the program's image of what a decoder hands on: counts from samples of any range, and the
+// Builds the image record from what a decoder passes on: counts from samples of any range, and the
 // header from cards of any kind.
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace vestrel {
 
-/// The longest side and the most pixels of a picture: the record counts sides in 16 bits.
+/// The limits of a picture. The image record holds sides as signed 16-bit numbers.
 inline constexpr std::int64_t LongestSide = 32767;
 inline constexpr std::int64_t MostPixels = std::int64_t{1} << 28;
 
@@ -39,7 +39,7 @@ class PictureBuilder final : public PictureSink {
     void Remark(std::string text) override;
     void Orientation(int value) override;
 
-    /// After the last row and card. Throws `DecodeFault` when there was no picture.
+    /// Must be called after the last row and card. Throws `DecodeFault` when there was no picture.
     void Finish();
 
  private:
@@ -47,7 +47,7 @@ class PictureBuilder final : public PictureSink {
     Progress progress_;
     PictureShape shape_;
     bool started_ = false;
-    std::vector<float> singles_;  ///< one number a pixel, of floating-point pictures
+    std::vector<float> singles_;  ///< one number a pixel, for floating-point pictures
     std::vector<double> doubles_;
 };
 

@@ -41,8 +41,8 @@ VESTREL_KERNEL void ConvertWords(const std::uint8_t* __restrict bytes, std::int3
     }
 }
 
-/// The machine's own floats equal `DecodeFloat32` but for the smallest, which round to 0 both ways,
-/// and for infinities and NaN, which are refused both ways.
+/// The machine's own floats equal those of `DecodeFloat32`, except the smallest, which round to 0
+/// either way, and infinities and NaN, which are refused either way.
 VESTREL_KERNEL bool ConvertFloats(const std::uint8_t* __restrict bytes,
                                   std::int32_t* __restrict row, std::size_t width,
                                   StoredBounds bounds) {
@@ -52,7 +52,7 @@ VESTREL_KERNEL bool ConvertFloats(const std::uint8_t* __restrict bytes,
     std::int32_t misfits = 0;
     for (std::size_t x = 0; x < width; ++x) {
         const auto number = std::bit_cast<float>(FromBigEndian<std::uint32_t>(bytes + 4 * x));
-        // Beyond 2^51 this is not the nearest whole number, but far from fitting all the same.
+        // Beyond 2^51 this is not the nearest whole number, but then it does not fit anyway.
         const double value = (static_cast<double>(number) + lastDigitIsOne) - lastDigitIsOne;
         const bool fits = value >= smallest && value <= largest;
         misfits |= fits ? 0 : 1;

@@ -1,4 +1,4 @@
-// Rows of pixel bytes, as FITS files hold them, turned into stored values.
+// Converts rows of pixel bytes, as FITS files hold them, to stored values.
 #pragma once
 
 #include <cstddef>
@@ -6,7 +6,7 @@
 
 namespace vestrel {
 
-/// The bounds of stored values: a count is never below 0, floating-point ones not above 65535.
+/// The bounds of stored values: counts are never below 0, and floating-point ones not above 65535.
 struct StoredBounds {
     std::int32_t Floor;
     std::int32_t Ceiling;  ///< for floating-point pixels only
@@ -19,14 +19,15 @@ struct PixelRows {
     std::size_t Width;
     std::size_t Rows;
     std::int32_t* First;     ///< stored values of the first row
-    std::ptrdiff_t RowStep;  ///< from a row of stored values to that of the next one in the file
+    std::ptrdiff_t RowStep;  ///< elements from a row of stored values to that of the file's next
+                             ///< row
 };
 
-/// Turns pixels into stored values; floating-point ones are rounded, halves to even.
+/// Converts pixels to stored values; floating-point ones are rounded, halves to even.
 ///
-/// The compiler makes vectors of these loops, of twice the length for processors with AVX2: bytes
-/// are put together by shifts, choices are made without branches, and floating-point values are
-/// rounded by adding a number whose last binary digit is a one.
+/// The compiler vectorises these loops, with twice the width on processors with AVX2. For that,
+/// bytes are combined by shifts, choices have no branches, and floating-point values are rounded by
+/// adding and subtracting 1.5 × 2^52.
 /// @return false when a floating-point value does not fit 32 bits or is not a number
 bool ConvertPixelRows(const PixelRows& rows, StoredBounds bounds);
 

@@ -18,7 +18,7 @@ PictureDecoder DecodePng;
 
 namespace {
 
-/// What libpng reads from and where its errors go.
+/// What libpng reads from, and where its errors go.
 struct Source {
     std::span<const unsigned char> Left;
     std::string Error;
@@ -62,7 +62,7 @@ struct Reader {
     Reader& operator=(const Reader&) = delete;
 };
 
-/// A call into libpng. Its errors jump back to here, over nothing that has a destructor.
+/// Calls into libpng. Errors jump back to here, so `call` must not own anything with a destructor.
 template <typename Call>
 bool Guarded(png_structp png, const Call& call) {
     if (setjmp(png_jmpbuf(png)) != 0) return false;
@@ -104,7 +104,7 @@ void DecodePng(std::span<const unsigned char> file, PictureSink& sink) {
     sink.Start({width, height, png_get_channels(png, info),
                 bits == 16 ? SampleKind::UInt16 : SampleKind::UInt8, bits, true});
 
-    // The rows of an interlaced picture are complete after its last pass only.
+    // The rows of an interlaced picture are complete only after its last pass.
     const std::size_t rowBytes = png_get_rowbytes(png, info);
     const std::size_t kept = passes > 1 ? static_cast<std::size_t>(height) : 1;
     std::vector<unsigned char> rows(rowBytes * kept);
@@ -115,7 +115,7 @@ void DecodePng(std::span<const unsigned char> file, PictureSink& sink) {
             if (pass == passes - 1) sink.Row(y, row);
         }
     }
-    // What stands behind the pixels may be damaged: they are there.
+    // Damage behind the pixels does not matter, since the pixels are complete.
     const bool whole = Guarded(png, [&] { png_read_end(png, info); });
     png_textp texts = nullptr;
     int count = 0;

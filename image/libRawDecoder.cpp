@@ -1,5 +1,5 @@
-// Raw pictures of cameras, by LibRaw: the sensor's own counts, without making colours of them. Two
-// by two pixels become one, so that each has all colours of the mosaic in it.
+// Raw pictures of cameras, by LibRaw: the counts of the sensor, not developed into colours. Two by
+// two pixels become one, so that each contains all colours of the mosaic.
 #include <libraw/libraw.h>
 
 #include <algorithm>
@@ -15,7 +15,7 @@ PictureDecoder DecodeRaw;
 
 namespace {
 
-/// "2024:05:03 21:04:05", as EXIF writes it; empty when the camera has no clock.
+/// "2024:05:03 21:04:05", in the form of EXIF; empty when the camera has no clock.
 std::string TimeText(std::time_t seconds) {
     std::tm time{};
     char text[32] = {};
@@ -38,7 +38,8 @@ int OrientationOf(int flip) {
     }
 }
 
-/// What the decoder knows goes before what the file's first directory says, which not all have.
+/// Facts from the RAW library take precedence over those of the file's first directory, which some
+/// files lack.
 CameraFacts FactsOf(const LibRaw& raw, std::span<const unsigned char> file) {
     CameraFacts facts = ReadExif(file);
     const libraw_data_t& data = raw.imgdata;
@@ -55,7 +56,7 @@ CameraFacts FactsOf(const LibRaw& raw, std::span<const unsigned char> file) {
     if (const std::string taken = TimeText(data.other.timestamp); !taken.empty()) {
         facts.Taken = taken;
     }
-    // The sensor's resolution is that of its own pixels, two of which become one.
+    // The stated resolution is that of the sensor's pixels, two of which become one here.
     facts.LongSide = std::max(data.sizes.width, data.sizes.height);
     facts.Orientation = OrientationOf(data.sizes.flip);
     return facts;

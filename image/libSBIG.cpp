@@ -20,7 +20,8 @@ namespace {
 constexpr std::int64_t shortestFile = 1000;
 constexpr std::size_t headerLength = 2048;
 constexpr int mostLines = 1000;
-/// No camera writes so much; a file without line ends must not be read as a header.
+/// No camera writes a longer header. Without the limit, a file without line ends would be read as
+/// one.
 constexpr std::size_t longestHeader = std::size_t{1} << 20;
 constexpr std::int32_t offset = 32768;
 constexpr std::int16_t pedestalReduction = 100;
@@ -42,7 +43,7 @@ double MillimetresToMicrometres(double value) {
     return value * 1000;
 }
 
-/// A number that changes its unit on the way from the file to the field.
+/// A number that is converted to the unit of its field.
 struct Measure {
     double ImageHeader::*Field;
     double (*Convert)(double);
@@ -78,8 +79,9 @@ const SbigKeyword* FindKeyword(std::string_view keyword) {
     return found == std::end(table) ? nullptr : found;
 }
 
-/// The next line: the bytes up to a carriage return, without line feeds (writers disagree about
-/// the side of the carriage return on which they stand) and without the blanks around it.
+/// The next line: the bytes up to a carriage return, without line feeds (which stand before or
+/// after the carriage return, depending on the program that wrote the file) and without the blanks
+/// around it.
 /// @param bytesRead grows by the bytes used, the carriage return included
 /// @param feedFollows whether line feeds stand after the carriage returns, by this line
 std::string ReadLine(std::FILE* file, std::size_t& bytesRead, bool& feedFollows) {
@@ -129,13 +131,14 @@ bool ReadHeader(std::FILE* file, ImageHeader& header, ReadFailure& failure) {
         }
     }
     header.CardCount = static_cast<std::int16_t>(counter);
-    // Rows that begin at once would begin with the last line's own line feed.
+    // A header that fills its block is followed by the rows at once: the line feed of its last line
+    // must not become part of them.
     if (feedFollows && bytesRead >= headerLength) (void)std::getc(file);
     for (; bytesRead < headerLength; ++bytesRead) (void)std::getc(file);
     return true;
 }
 
-/// What is left of the rows; whoever takes more than there is throws.
+/// The bytes of the rows that are not yet used. `Take` throws when too few are left.
 class RowBytes {
  public:
     RowBytes(const std::uint8_t* bytes, std::size_t count) : next_(bytes), left_(count) {}
@@ -201,7 +204,8 @@ bool ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
         throw std::range_error("a negative size: Width = " + std::to_string(header.NAxis1) +
                                ", Height = " + std::to_string(header.NAxis2));
     }
-    // One read of what the rows can take at the most: a count, and an escape for each pixel.
+    // Reads at once what the rows can need at most: a length, and an escape sequence for each
+    // pixel.
     const std::size_t longestRow = 2 + 3 * (static_cast<std::size_t>(header.NAxis1) + 1);
     const std::size_t longest = std::min(static_cast<std::size_t>(fileLength),
                                          longestRow * static_cast<std::size_t>(header.NAxis2));

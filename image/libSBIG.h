@@ -12,10 +12,10 @@ namespace vestrel {
 
 /// Reads a whole SBIG file into `image`: row 0 is the top one, `DataOffset` 32768.
 ///
-/// The header's values are turned into the units of FITS keywords, and its pedestal is reduced by
-/// 100. Sums of deltas may leave 16 bits: such counts are kept as they come out, negative ones too.
+/// The header's values are converted to the units of FITS keywords, and the pedestal is reduced by
+/// 100. Sums of deltas may leave the range of 16 bits: such counts are kept, even negative ones.
 ///
-/// @param progress told of rows done after every twentieth row
+/// @param progress receives the rows done, after every twentieth row
 /// @param failure  what to show when the result is false; empty for a file under 1000 bytes
 /// @return true when the whole image was read. After false, `image` holds what had been set
 ///         before the failure and is not to be used.

@@ -1,5 +1,5 @@
 // TIFF pictures, by libtiff: grey or colour of 8 to 64 bits, whole numbers or floating point,
-// strips and tiles. Of several pages the first is read.
+// strips and tiles. Only the first of several pages is read.
 #include <tiffio.h>
 
 #include <algorithm>
@@ -73,7 +73,7 @@ TiffHandle OpenSource(Source& source) {
     TIFFOpenOptionsSetMaxSingleMemAlloc(options.get(), largestPiece);
     TIFFOpenOptionsSetErrorHandlerExtR(options.get(), OnError, &source);
     TIFFOpenOptionsSetWarningHandlerExtR(options.get(), OnWarning, &source);
-    // "m": no memory mapping, which there is none of.
+    // "m" turns off memory mapping, since there is no file to map.
     return TiffHandle(TIFFClientOpenExt("picture", "rm", &source, Read, Write, Seek, Close, Size,
                                         nullptr, nullptr, options.get()));
 }
@@ -145,7 +145,7 @@ SampleKind KindOf(const Layout& layout) {
     return SampleKind::Float64;
 }
 
-/// Brings rows of samples as libtiff gives them into the sink's kinds.
+/// Converts rows of samples from libtiff to the kinds that the sink knows.
 class RowWriter {
  public:
     RowWriter(const Layout& layout, PictureSink& sink) : layout_(layout), sink_(sink) {
@@ -210,7 +210,7 @@ class Pieces {
         }
         const tmsize_t bytes = tiled_ ? TIFFTileSize(tiff) : TIFFStripSize(tiff);
         if (width_ == 0 || height_ == 0 || bytes <= 0) FailPixels(source);
-        // A piece larger than the picture is as good as any other, as far as the file can fill it.
+        // A piece may be larger than the picture, as long as the file can fill it.
         if (static_cast<std::uint64_t>(bytes) / MostBytesFromOne > source.Bytes.size()) {
             FailPixels(source);
         }
@@ -308,7 +308,7 @@ void DecodeTiff(std::span<const unsigned char> file, PictureSink& sink) {
     source.Error.clear();
     PassPixels(tiff, layout, source, sink);
 
-    // What cameras say stands in tags of the file's first directory and of one behind it.
+    // The camera's facts are in tags of the file's first directory and of one to which it points.
     CameraFacts facts = ReadExif(file);
     const char* description = nullptr;
     if (facts.Description.empty() && TIFFGetField(tiff, TIFFTAG_IMAGEDESCRIPTION, &description) &&

@@ -19,8 +19,8 @@ double InCircle(double degrees) {
     return rest < 0 ? rest + fullCircle : rest;
 }
 
-/// In a pattern "#" stands for a number and "@" at its end for a capital letter or nothing: the
-/// letter of an alternative description.
+/// In a pattern, "#" stands for a number, and "@" at the end for a capital letter or nothing: the
+/// letter of an alternative coordinate description.
 bool MatchesPattern(std::string_view text, std::string_view pattern) {
     const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
     for (const char c : pattern) {
@@ -33,7 +33,7 @@ bool MatchesPattern(std::string_view text, std::string_view pattern) {
     return text.empty();
 }
 
-/// 1 where the rows of the grid count as those of the coordinates, −1 where they turn over.
+/// 1 when the rows of the grid run like those of the coordinates, −1 when they run the other way.
 double Upward(const PlateImage& image, RowOrder rows) {
     const bool turns = rows == RowOrder::BottomUp ? FirstRowAtTop(image) : TurnedOver(image);
     return turns ? -1 : 1;
@@ -75,8 +75,8 @@ std::optional<WorldCoordinates> WorldCoordinatesOf(const PlateImage& image, RowO
                                             result.Cd[1][0] * dx + result.Cd[1][1] * dy);
     result.Centre[0] = InCircle(ra * ExactDegreesPerRadian);
     result.Centre[1] = dec * ExactDegreesPerRadian;
-    // A tangent point beyond a pole, where a search may well end: the same point on the other side,
-    // where east and north have changed their directions.
+    // A search may end with a tangent point beyond a pole. The same point in valid coordinates lies
+    // on the opposite meridian, where east and north point the other way.
     if (std::fabs(result.Crval[1]) > fullCircle / 4) {
         result.Crval[0] = InCircle(result.Crval[0] + fullCircle / 2);
         result.Crval[1] = std::copysign(fullCircle / 2, result.Crval[1]) - result.Crval[1];

@@ -1,5 +1,5 @@
 // XISF pictures (version 1.0, monolithic): an XML header, by pugixml, and the samples after it,
-// plain or packed by zlib, LZ4 or Zstandard, with their bytes shuffled or not.
+// plain or compressed by zlib, LZ4 or Zstandard, with or without byte shuffling.
 #include <lz4.h>
 #include <zlib.h>
 #include <zstd.h>
@@ -105,7 +105,7 @@ Layout LayoutOf(const pugi::xml_node& image, std::uint64_t fileBytes) {
     return layout;
 }
 
-/// Unpacks one block into `out`, all of which it must fill.
+/// Unpacks one block into `out`. False unless it fills `out` exactly.
 bool UnpackBlock(std::string_view codec, std::span<const unsigned char> in,
                  std::span<unsigned char> out) {
     if (codec == "zlib") {
@@ -212,7 +212,7 @@ void PassRows(const unsigned char* samples, const Layout& layout, PictureSink& s
     }
 }
 
-/// The cards of the picture, and the properties that say the same as a card would.
+/// Passes on the cards of the picture, and those properties that correspond to a card.
 void PassCards(const pugi::xml_node& image, PictureSink& sink) {
     std::set<std::string> present;
     for (const pugi::xml_node& keyword : image.children("FITSKeyword")) {
@@ -272,7 +272,7 @@ void DecodeXisf(std::span<const unsigned char> file, PictureSink& sink) {
     const std::uint32_t length =
         file[8] | file[9] << 8 | file[10] << 16 | static_cast<std::uint32_t>(file[11]) << 24;
     if (length > file.size() - start) throw DecodeFault("It ends inside its header.");
-    // The tree takes several times the memory of its text.
+    // The parsed tree takes several times the memory of its text.
     constexpr std::uint32_t longestHeader = 64 << 20;
     if (length > longestHeader) throw DecodeFault("Its header has more than 64 MiB.");
     pugi::xml_document document;

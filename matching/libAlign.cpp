@@ -10,7 +10,7 @@ namespace vestrel {
 
 namespace {
 
-/// One alignment at work.
+/// The state of one alignment.
 struct Fit {
     const PlateStarList& List1;
     const PlateStarList& List2;
@@ -29,7 +29,7 @@ struct Fit {
         Geometry = PlateGeometry(Constants);
     }
 
-    /// False also for the geometry of a failed fit.
+    /// False for the NaNs of a failed fit too.
     bool GeometryPasses() const {
         return std::fabs(std::fabs(Geometry.Stretch) - 1) <= MaxGeometricError &&
                std::fabs(Geometry.Skew) <= MaxGeometricError;
@@ -50,7 +50,7 @@ struct Fit {
             const double residual = Residuals[k];
             sum += residual;
             squares += residual * residual;
-            // Without any residual above 0 the first pair is the worst.
+            // When no residual is above 0, the first pair counts as the worst.
             if (facts.Worst == 0 || residual > facts.Largest) {
                 facts.Largest = residual;
                 facts.Worst = k;
@@ -66,8 +66,8 @@ struct Fit {
         Matches[pair].InUse = false;
     }
 
-    /// Cleans the pairs that the votes gave. False when fewer than 3 would be left. `invScale`
-    /// is left as the last pass had it.
+    /// Drops outliers among the pairs of the votes until the fit passes. False when fewer than 3
+    /// would be left. `invScale` keeps the value of the last pass.
     bool CleanFirst(double& invScale) {
         constexpr double sigmas = 2.5;
         while (UsedCount >= 3) {
@@ -84,8 +84,8 @@ struct Fit {
         return false;
     }
 
-    /// Adds the pairs that the fit predicts. After a pair that does not fit, the constants of its
-    /// trial stay in force for the following predictions.
+    /// Adds the pairs that the fit predicts. After a pair that is rejected, the following
+    /// predictions use the constants of that trial fit.
     void Extend(double invScale) {
         constexpr std::int32_t mostPairs = std::numeric_limits<std::int16_t>::max();
         std::vector<bool> taken1(static_cast<std::size_t>(Result.Count1) + 1);
@@ -115,7 +115,7 @@ struct Fit {
         }
     }
 
-    /// Cleans the extended pairs down to 5 at least.
+    /// Drops outliers among the extended pairs, down to 5 at the least.
     void CleanLast() {
         constexpr double sigmas = 2;
         bool dropped = true;
@@ -149,7 +149,7 @@ struct FirstStars {
     std::int32_t Count2;
 };
 
-/// The votes of all triangles: by grids, and where that leaves a choice, as the sorted lists say.
+/// The votes of all triangles: by grids, and by the sorted lists where grids leave ties undecided.
 void LetTrianglesVote(VoteTable& votes, const FirstStars& stars, double tolerance,
                       KeptTriangles& triangles2, AlignReport& report, const Progress& progress) {
     const TriangleColumns triangles1 = BuildTriangleColumns(stars.List1, stars.Count1);
@@ -180,7 +180,7 @@ Alignment AlignImages(const PlateStarList& list1, const PlateStarList& list2, do
     Alignment result;
     result.Count1 = list1.Count();
     result.Count2 = list2.Count();
-    // Neither list takes part with many more stars than the other could answer.
+    // Neither list uses many more stars than the other has, since those would have no counterparts.
     constexpr std::int32_t surplus = 15;
     const std::int32_t cap = settings.MaxStars;
     const std::int32_t m1 = std::min({list1.Count(), list2.Count() + surplus, cap});
@@ -215,7 +215,7 @@ Alignment AlignImages(const PlateStarList& list1, const PlateStarList& list2, do
     if (result.UsedCount < 5) return result;
     fit.CleanLast();
     report.Kept = result.UsedCount;
-    // A fit without a solution at the end is no match, however many pairs it has.
+    // A fit that is singular at the end is no match, however many pairs it has.
     result.Matched = result.UsedCount >= 5 && std::isfinite(result.FitError);
     return result;
 }

@@ -14,7 +14,8 @@ namespace vestrel {
 
 /// What the matcher allows. The defaults are those of the settings.
 struct AlignSettings {
-    double MatchTolerance = 0.01;      ///< triangles farther apart than this do not vote
+    double MatchTolerance = 0.01;      ///< triangles farther apart than this, in the plane of side
+                                       ///< ratios, do not vote
     double MatchDivisor = 150;         ///< the larger, the fewer votes a pair needs
     double MaxGeometricError = 0.025;  ///< limit on |(|Stretch| − 1)| and on |Skew|
     std::int16_t MaxStars = 45;        ///< stars of each list that take part
@@ -24,11 +25,11 @@ struct AlignSettings {
 struct KeptTriangles {
     std::int32_t StarCount = -1;  ///< of how many stars; −1 when nothing is kept
     TriangleColumns Triangles;
-    TriangleGrid Grid;        ///< of these
-    StarTriangleList Sorted;  ///< the same ones; empty until they are needed
+    TriangleGrid Grid;        ///< the grid of these triangles
+    StarTriangleList Sorted;  ///< the same triangles; empty until they are needed
 };
 
-/// How far a match got.
+/// How far a match got: counts after each step.
 struct AlignReport {
     std::int32_t Triangles1 = 0;
     std::int32_t Triangles2 = 0;
@@ -37,7 +38,7 @@ struct AlignReport {
     std::int32_t Kept = 0;      ///< pairs that survived the fit
 };
 
-/// The outcome of a match. Without a solution all is as it was last computed.
+/// The outcome of a match. When `Matched` is false, all fields hold what was computed last.
 struct Alignment {
     bool Matched = false;        ///< at least 5 pairs fit
     StarMatchList Matches;       ///< pairs with `InUse` false were dropped
@@ -45,18 +46,19 @@ struct Alignment {
     PlateConstants Constants;    ///< list 1 to list 2
     FitGeometry Geometry;
     double FitError = 0;      ///< root mean square residual, list-2 units
-    std::int32_t Count1 = 0;  ///< stars in list 1; no more than `MaxStars` once a first fit stands
+    std::int32_t Count1 = 0;  ///< stars in list 1; at most `MaxStars` once the first fit succeeded
     std::int32_t Count2 = 0;
     AlignReport Report;
 };
 
 /// Matches list 1 (catalog stars on the plane) with list 2 (stars of the image).
 ///
-/// Triangle votes give the first pairs; a fit is cleaned of outliers, extended by the pairs that
-/// it predicts, and cleaned again. The worst pair alone is dropped at a time, also when it was the
-/// geometry that did not pass.
+/// Triangle votes give the first pairs. The fit to them is freed from outliers, extended by the
+/// pairs that it predicts, and freed from outliers again. Only the pair with the largest residual
+/// is dropped at a time, even when the geometry was what failed.
 ///
-/// @param maxError   largest fit error allowed; it is compared times the plate scale's inverse
+/// @param maxError largest fit error allowed, list-2 units (pixels) times the fitted scale (pixels
+///   per arcsecond): a fit passes when its error is at most maxError / Scale
 /// @param triangles2 triangles of list 2 from an earlier match of the same list
 Alignment AlignImages(const PlateStarList& list1, const PlateStarList& list2, double maxError,
                       const AlignSettings& settings, KeptTriangles& triangles2,

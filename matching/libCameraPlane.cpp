@@ -53,7 +53,7 @@ std::optional<CentredPlate> PlateAboutMiddle(const PlateConstants& plate, SkyPos
     const Projection before = PlaneAbout(tangent);
     const double x = (width - 1) / 2.0;
     const double y = (height - 1) / 2.0;
-    // Short enough for the planes to agree, long enough for rounding.
+    // Short enough for the planes to agree, long enough to keep rounding errors small.
     const double arm = std::max(std::min(width, height) / 32.0, 1.0);
     CentredPlate centred;
     centred.Centre = PositionOf(plate, before, kind, x, y);
@@ -62,7 +62,7 @@ std::optional<CentredPlate> PlateAboutMiddle(const PlateConstants& plate, SkyPos
         double Xi = 0;
         double Eta = 0;
     };
-    // Both ways, so that what is quadratic cancels.
+    // Steps both ways, so that quadratic terms cancel.
     const auto step = [&](double dx, double dy) {
         Step sum;
         for (const double sign : {1.0, -1.0}) {

@@ -1,7 +1,7 @@
-// Plates on the plane of a camera, and from one plane to another.
+// Plates on the gnomonic plane of a camera, and their conversion from other planes.
 //
-// A camera draws the sky on a gnomonic plane (Calabretta & Greisen 2002, A&A 395, 1077, section
-// 5.1.3); the solver's own plane is orthographic. About the middle of the image both agree.
+// A camera maps the sky to a gnomonic plane (Calabretta & Greisen 2002, A&A 395, 1077, section
+// 5.1.3); the solver's own plane is orthographic. Near the middle of the image both agree.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,8 @@
 
 namespace vestrel {
 
-/// The stars on the camera's plane about a centre, in their order: X and Y arcseconds, growing west
-/// and north. Stars more than 78° away are left out.
+/// The stars on the camera's plane about a centre, in the same order. X and Y are arcseconds and
+/// grow west and north. Stars more than 78° away are left out.
 PlateStarList OnCameraPlane(const PlateStarList& stars, SkyPosition centre);
 
 enum class PlaneKind { Orthographic, Camera };
@@ -25,8 +25,8 @@ struct CentredPlate {
     PlateConstants Plate;
 };
 
-/// What a plate about any tangent point is in the middle of an image: exact there in place, scale
-/// and turn, on both kinds of plane. Nothing when the plate has no inverse.
+/// Converts a plate about any tangent point to one about the middle of the image. It is exact there
+/// in position, scale and rotation, for both kinds of plane. Nothing when the plate has no inverse.
 /// @param width, height of the image, pixels
 std::optional<CentredPlate> PlateAboutMiddle(const PlateConstants& plate, SkyPosition tangent,
                                              PlaneKind kind, std::int32_t width,

@@ -6,8 +6,8 @@
 
 namespace vestrel {
 
-// Eight bytes at a time in four lanes, each turned and multiplied (the scheme of the xxHash
-// family).
+// Takes eight bytes at a time in four lanes and rotates and multiplies each (the scheme of the
+// xxHash family).
 std::uint64_t FastChecksum(const void* data, std::size_t length) {
     constexpr std::uint64_t first = 0x9E3779B185EBCA87;
     constexpr std::uint64_t second = 0xC2B2AE3D27D4EB4F;
@@ -32,7 +32,7 @@ std::uint64_t FastChecksum(const void* data, std::size_t length) {
 
 CheckedPages::CheckedPages(FileHandle file, const PagedPart& part)
     : file_(std::move(file)), part_(part) {
-    // Whole pages are read: a buffer of the library's would be filled for nothing.
+    // Whole pages are read, so the C library's buffer would be useless.
     std::setvbuf(file_.get(), nullptr, _IONBF, 0);
     checksums_.resize(part.PageCount());
     const std::size_t bytes = checksums_.size() * sizeof(std::uint64_t);

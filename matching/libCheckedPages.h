@@ -1,8 +1,8 @@
-// A part of a file in pages, each read and checked when it is first wanted.
+// A part of a file in pages, each read and checked when it is first needed.
 //
-// Pages are read rather than mapped: a file that is cut short while it is mapped ends the program,
-// and one that is changed would give other bytes than those that were checked. A read of 8 KB that
-// the system has in memory takes about a microsecond, the check another one.
+// Pages are read rather than mapped. A mapped file that is cut short ends the program, and one that
+// is changed could give other bytes than those that were checked. Reading 8 KB from the system's
+// cache takes about a microsecond, and the check another one.
 #pragma once
 
 #include <array>
@@ -18,20 +18,20 @@ namespace vestrel {
 
 inline constexpr std::size_t PageBytes = 8192;
 
-/// A 64-bit checksum that keeps up with the disk. It finds damage, not forgery.
+/// A fast 64-bit checksum. It detects damage, not forgery.
 std::uint64_t FastChecksum(const void* data, std::size_t length);
 
-/// Thrown when a page is not as it was written.
+/// Thrown when a page does not match its checksum.
 class DamagedFile : public std::runtime_error {
  public:
     DamagedFile() : std::runtime_error("is damaged") {}
 };
 
-/// How the pages of a part of a file are written: the bytes, then the checksum of each page.
+/// Where a paged part of a file lies: its bytes are followed by the checksum of each page.
 struct PagedPart {
     std::uint64_t Offset = 0;    ///< of the first page in the file
     std::uint64_t Length = 0;    ///< bytes; the last page may be shorter
-    std::uint64_t Checksum = 0;  ///< of the checksums
+    std::uint64_t Checksum = 0;  ///< of the page checksums
 
     std::uint64_t PageCount() const { return (Length + PageBytes - 1) / PageBytes; }
     /// Bytes in the file, checksums included.
@@ -41,12 +41,12 @@ struct PagedPart {
 class CheckedPages {
  public:
     CheckedPages() = default;
-    /// @throws DamagedFile when the checksums are not as they were written
+    /// @throws DamagedFile when the page checksums do not match `Checksum`
     CheckedPages(FileHandle file, const PagedPart& part);
 
     /// Copies bytes of the part. @throws DamagedFile, also when they lie beyond its end
     void Copy(std::uint64_t at, void* bytes, std::size_t length);
-    /// The bytes from a place to the end of its page; they stay until the next call.
+    /// The bytes from a place to the end of its page; they stay valid until the next call.
     /// @param length is set to their number. @throws DamagedFile
     const unsigned char* Bytes(std::uint64_t at, std::size_t& length);
 

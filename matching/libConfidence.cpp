@@ -12,9 +12,9 @@ namespace vestrel {
 
 namespace {
 
-/// What optics and centroids may be like, each as likely as the others: a sharp small field to a
-/// lens that bends the corners by several pixels. A mixture of tests is a test, and no tolerance
-/// has to be chosen from the data.
+/// Possible qualities of optics and centroids, all equally likely: from a sharp small field to a
+/// lens that shifts the corners by several pixels. A mixture of tests is itself a test, so no
+/// tolerance has to be chosen from the data.
 constexpr std::array<PlateSpread, 5> spreads = {{{0.25, 0.001, 0},
                                                  {0.5, 0.004, 0.001},
                                                  {1, 0.004, 0.004},
@@ -27,7 +27,7 @@ double LogSum(double a, double b) {
     return std::isinf(larger) ? larger : larger + std::log1p(std::exp(std::min(a, b) - larger));
 }
 
-/// Two or more pairs by their places in the sorted lists.
+/// Two or more pairs, as indices into the sorted lists.
 using Seed = std::vector<StarPlaces>;
 
 double Distance(const ObservedStar& a, const ObservedStar& b) {
@@ -58,7 +58,7 @@ class Trial {
             if (bestSeed != nullptr && log <= best) continue;
             best = log;
             bestSeed = &seed;
-            // More certainty than this is of no use.
+            // More certainty than this would change nothing.
             if (best / std::log(10.0) > confidence.Log10Trials + 20) break;
         }
         if (bestSeed == nullptr) return confidence;
@@ -70,14 +70,14 @@ class Trial {
     }
 
  private:
-    /// The stretch and skew that would make a similarity of the plate.
+    /// Finds the stretch and skew that would turn the plate into a similarity.
     void MeasureGeometry() {
         const PlateConstants& plate = evidence_.Plate;
         const double determinant = plate.a * plate.e - plate.b * plate.d;
         const double side = determinant < 0 ? -1 : 1;
         const double p = (plate.a + side * plate.e) / 2;
         const double q = (plate.d - side * plate.b) / 2;
-        // (p, −side·q; q, side·p) times the plate's inverse.
+        // The matrix (p, −side·q; q, side·p) times the inverse of the plate.
         const double xx = (p * plate.e + side * q * plate.d) / determinant;
         const double xy = (-p * plate.b - side * q * plate.a) / determinant;
         const double yx = (q * plate.e - side * p * plate.d) / determinant;
@@ -94,7 +94,7 @@ class Trial {
             };
             const double m = count(evidence_.SearchedCatalog, stars_.Catalog.size());
             const double n = count(evidence_.SearchedImage, stars_.Image.size());
-            // Two catalog stars, the two image stars that they are, and the side of the sky.
+            // Any two catalog stars paired with any two image stars, mirrored or not.
             plates = std::log10(std::max(m * (m - 1) / 2 * n * (n - 1) * 2, 1.0));
         }
         return plates + Log10TrialsCharge(evidence_.Trials);
@@ -110,8 +110,8 @@ class Trial {
         return {seed};
     }
 
-    /// The pairs of pairs to begin with: far apart, of bright stars, or of stars that the plate
-    /// puts closest. The best one stands for the match, which is charged for all possible ones.
+    /// The seeds to try: two pairs that are far apart and of bright stars, or of stars that the
+    /// plate predicts best. The best seed counts, and the match is charged for all possible ones.
     std::vector<Seed> SeedsOfTwoPairs() const {
         constexpr std::size_t mostOfEach = 6;
         constexpr std::size_t mostSeeds = 8;
@@ -184,7 +184,7 @@ class Trial {
         return plate;
     }
 
-    /// An image star against a catalog star's prediction.
+    /// An image star compared with the predicted place of a catalog star.
     struct Comparison {
         double Square = 0;     ///< squared distance in variances, of 2 degrees of freedom
         double LogSigmas = 0;  ///< log of the product of the two principal deviations, px²
@@ -205,9 +205,9 @@ class Trial {
                 std::log(determinant) / 2};
     }
 
-    /// Tests all stars but the seed's, brightest first.
-    /// @param logs log of the running product after each star
-    /// @return the plate that all stars met give
+    /// Tests all stars except the seed's, brightest first.
+    /// @param logs receives the log of the running product after each star
+    /// @return the plate after learning from all matched stars
     PlatePosterior Run(const Seed& seed, const PlateSpread& spread,
                        std::vector<double>& logs) const {
         PlatePosterior plate = Begin(spread, seed);
@@ -223,7 +223,7 @@ class Trial {
         logs.clear();
         for (std::size_t i = 0; i < stars_.Image.size(); ++i) {
             if (usedImage[i]) continue;
-            // The share of distractors is that of the stars before (Laplace's rule).
+            // The share of distractors is estimated from the stars before (Laplace's rule).
             const double distractors = (missed + 1) / (met + missed + 2);
             double sum = -INFINITY;
             double best = -INFINITY;
@@ -257,8 +257,8 @@ class Trial {
         return plate;
     }
 
-    /// The largest value of the running likelihood ratio, as a log: the mean of those of all
-    /// spreads.
+    /// The log of the largest value of the running likelihood ratio, which is the mean of the
+    /// ratios of all spreads.
     double LogLikelihoodRatio(const Seed& seed) const {
         std::vector<double> mixture;
         std::vector<double> logs;
@@ -275,7 +275,7 @@ class Trial {
     /// Counts the catalog stars that have an image star within 3 σ of the final plate, and how many
     /// would have one by chance among as many other image stars. The seed counts in both.
     void CountMatches(const Seed& seed, MatchConfidence& confidence) const {
-        constexpr double within = 9;  // of the squared distance, in variances
+        constexpr double within = 9;  // limit of the squared distance, in variances
         std::vector<double> logs;
         const PlateSpread* spread = &spreads.front();
         double best = -INFINITY;

@@ -13,7 +13,8 @@ namespace {
 constexpr std::size_t mostCatalogStars = 1000;
 constexpr std::size_t mostImageStars = 400;
 
-/// The order of a list by a key, rising; equal keys as they stand. Stars nowhere are left out.
+/// The order of a list by a rising key; equal keys keep their order. Stars without a finite
+/// position are left out.
 template <typename List, typename Key>
 std::vector<std::size_t> OrderBy(const List& list, std::size_t most, Key key) {
     std::vector<std::size_t> order;
@@ -79,8 +80,8 @@ void FrameStars::FindNear() {
     }
 }
 
-/// Stars of the same rank by brightness are likelier to be the same; colours, clouds, saturation
-/// and false stars change ranks, so the law has long tails, and a tenth knows no ranks.
+/// Stars of the same brightness rank are likelier to be the same. Colours, clouds, saturation and
+/// false stars change ranks, so the law has long tails, and a tenth of the weight ignores ranks.
 void FrameStars::Weigh(Observed& star, std::size_t place) {
     const double logRank = std::log(static_cast<double>(place + 1));
     const auto likeness = [logRank](double other) {
@@ -109,13 +110,13 @@ double FrameStars::DensityAt(double x, double y, std::size_t except) const {
     }
     const auto kth = squares.begin() + static_cast<std::ptrdiff_t>(k - 1);
     std::nth_element(squares.begin(), kth, squares.end());
-    // The unbiased estimate has k − 1 (Loftsgaarden & Quesenberry 1965).
+    // k − 1 makes the estimate unbiased (Loftsgaarden & Quesenberry 1965).
     const double local =
         static_cast<double>(k - 1) / (Pi * std::max(*kth, 1.0) * static_cast<double>(others));
     return std::max(evenDensity_, local);
 }
 
-/// Of the part of the frame that has image stars, square pixels.
+/// The area of the part of the frame that has image stars, square pixels.
 double FrameStars::UsedArea(int width, int height) const {
     const auto extent = [this](auto coordinate, double whole) {
         double low = INFINITY;

@@ -1,5 +1,5 @@
-// What a match is judged by: the stars of the image, the catalog's in the frame, which may be
-// which, and how dense the image's stars lie.
+// The stars by which a match is judged: those of the image, those of the catalog in the frame,
+// which pairs are possible, and how dense the image stars are.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@ struct PredictedStar {
     double X = 0;  ///< pixels
     double Y = 0;
     double Magnitude = 0;
-    double Error = 0;  ///< of the catalog's position, one axis, pixels (1 σ); 0 when not known
+    double Error = 0;  ///< of the catalog position, per axis, pixels (1 σ); 0 when unknown
 };
 
 /// A star of the image.
@@ -20,31 +20,32 @@ struct ObservedStar {
     double X = 0;  ///< pixels
     double Y = 0;
     double Flux = 0;
-    double Error = 0;  ///< of the centroid, one axis, pixels (1 σ); 0 when not known
+    double Error = 0;  ///< of the centroid, per axis, pixels (1 σ); 0 when unknown
 };
 
-/// A pair of stars: places in a list of the catalog's and in one of the image's.
+/// A pair of stars, as indices into a list of catalog stars and a list of image stars.
 struct StarPlaces {
     std::size_t Catalog = 0;
     std::size_t Image = 0;
 };
 
-/// Stars of both kinds, brightest first, and who is near whom.
+/// The stars of both lists, brightest first, with the possible pairs.
 class FrameStars {
  public:
     /// A catalog star near an image star.
     struct Candidate {
         std::size_t Catalog = 0;
-        double Weight = 0;  ///< that the image star is this one, of all in the frame
+        double Weight = 0;  ///< probability that the image star is this one of all in the frame
     };
     struct Observed {
         ObservedStar Star;
         std::vector<Candidate> Near;  ///< rising
-        double LogDensity = 0;        ///< of the image's stars here, when there is one near
+        double LogDensity = 0;        ///< log of the density of image stars here; set when `Near`
+                                      ///< is not empty
     };
 
     /// @param width, height of the image, pixels
-    /// @param reach         how far from its place a catalog star may be, pixels
+    /// @param reach how far from its predicted place a catalog star may be, pixels
     FrameStars(const std::vector<PredictedStar>& catalog, const std::vector<ObservedStar>& image,
                int width, int height, double reach);
 
@@ -52,13 +53,13 @@ class FrameStars {
     std::vector<Observed> Image;         ///< the brightest 400
     double Reach = 0;
 
-    /// The places in `Catalog` and `Image` of places in the lists given; false when a star is not
-    /// among those kept.
+    /// Converts indices into the given lists to indices into `Catalog` and `Image`; false when a
+    /// star is not among those kept.
     bool Find(const StarPlaces& given, StarPlaces& found) const;
 
-    /// The density of image stars about a place, as a probability per square pixel, from the
-    /// distance of the sixth nearest star; at least that of evenly spread ones.
-    /// @param except place in `Image` of a star that is left out
+    /// The density of image stars around a place, as a probability per square pixel, from the
+    /// distance of the sixth nearest star; at least the density of evenly spread stars.
+    /// @param except index into `Image` of a star that is left out
     double DensityAt(double x, double y, std::size_t except) const;
 
     double Distance(const StarPlaces& pair) const;
@@ -68,7 +69,7 @@ class FrameStars {
     void Weigh(Observed& star, std::size_t place);
     double UsedArea(int width, int height) const;
 
-    std::vector<std::size_t> catalogOrder_;  ///< places in the lists given
+    std::vector<std::size_t> catalogOrder_;  ///< indices into the given lists
     std::vector<std::size_t> imageOrder_;
     std::vector<double> logRanks_;
     double evenDensity_ = 0;

@@ -20,9 +20,10 @@ using NormalEquations = std::array<std::array<double, 5>, 3>;
 /// Solves in place by elimination; the solutions end in columns 3 and 4. False when the system is
 /// singular.
 ///
-/// The matrix is symmetric and positive: its pivots may be taken in any order, and a pivot divided
-/// by its original diagonal value is the share of that unknown which the others do not explain
-/// (1 − R²). So the test for a singular system does not depend on the units of the unknowns.
+/// The matrix is symmetric and positive definite, so its pivots may be taken in any order. A pivot
+/// divided by its original diagonal value is the share of that unknown which the others do not
+/// explain (1 − R²). So the test for a singular system does not depend on the units of the
+/// unknowns.
 bool SolveNormalEquations(NormalEquations& rows) {
     constexpr double smallestShare = 1e-13;
     const std::array<double, 3> diagonal = {rows[0][0], rows[1][1], rows[2][2]};
@@ -103,7 +104,7 @@ FitGeometry PlateGeometry(const PlateConstants& constants) {
     const double t = geometry.Stretch * geometry.Scale;
     const double cosine = std::cos(geometry.Angle);
     const double sine = std::sin(geometry.Angle);
-    // Both forms are equal; the one with the larger divisor loses no digits.
+    // Both forms are equal; the one with the larger divisor loses fewer digits.
     geometry.Skew =
         std::fabs(cosine) >= std::fabs(sine) ? (d / t - sine) / cosine : (cosine - e / t) / sine;
     geometry.OffsetX = c;

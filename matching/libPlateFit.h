@@ -1,4 +1,5 @@
-// The six-constant linear plate model: least-squares fit, geometry, and its use both ways.
+// The linear plate model with six plate constants: least-squares fit, geometry, and its use in both
+// directions.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +18,7 @@ struct StarMatch {
 using StarMatchList = NumberedList<StarMatch>;
 
 /// x2 = a·x1 + b·y1 + c, y2 = d·x1 + e·y1 + f. In a solve (x1, y1) are arcseconds on the tangent
-/// plane and (x2, y2) pixels. All six are NaN after a fit to a singular system.
+/// plane and (x2, y2) pixels. All six are NaN when the fit was singular.
 struct PlateConstants {
     double a = 0;
     double b = 0;
@@ -40,8 +41,8 @@ struct FitGeometry {
 
 /// Fits the plate constants to the pairs in use by unweighted linear least squares.
 ///
-/// @param residuals  for every pair, in use or not: the distance (list-2 units) of the list-2 star
-///                   from the place that the fit gives the list-1 star
+/// @param residuals receives for every pair, in use or not, the distance (list-2 units) of the
+///                   list-2 star from the fitted place of the list-1 star
 /// @return the root mean square of the residuals of the pairs in use (list-2 units); NaN, like all
 ///         constants, when the stars of list 1 lie on a line or are fewer than 3
 double FitPlate(const PlateStarList& list1, const PlateStarList& list2,
@@ -50,7 +51,7 @@ double FitPlate(const PlateStarList& list1, const PlateStarList& list2,
 
 FitGeometry PlateGeometry(const PlateConstants& constants);
 
-/// Applies the model.
+/// Applies the model: from (x1, y1) to (x2, y2).
 void ApplyPlateFit(const PlateConstants& constants, double x1, double y1, double& x2, double& y2);
 
 /// Inverts the model; both results are 0 when it cannot be inverted.

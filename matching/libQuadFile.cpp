@@ -15,7 +15,7 @@ namespace vestrel {
 
 namespace {
 
-// Numbers are read and written as they stand in memory.
+// Numbers are read and written as they are in memory.
 static_assert(std::endian::native == std::endian::little, "the file is little-endian");
 
 constexpr std::array<char, 8> magic = {'V', 'Q', 'U', 'A', 'D', 'S', '\r', '\n'};
@@ -38,7 +38,7 @@ bool Read(std::FILE* file, void* bytes, std::size_t length) {
     return length == 0 || std::fread(bytes, 1, length, file) == length;
 }
 
-/// Whether a band's numbers go together and its part lies in a file of this length.
+/// Whether a band's numbers are consistent and its part lies within a file of this length.
 bool IsSound(const QuadBand& band, std::uint64_t fileLength) {
     constexpr std::uint32_t mostRecords = 0x7FFFFFFE;
     constexpr double smallestCell = 2e-4;  // 80 million cells
@@ -55,7 +55,7 @@ std::uint16_t BitsFor(std::uint32_t largest) {
     return static_cast<std::uint16_t>(std::bit_width(largest));
 }
 
-/// A ratio in 1024 steps.
+/// The step of a ratio, of 1024.
 std::uint32_t FineStep(float ratio) {
     return static_cast<std::uint32_t>(std::clamp(static_cast<double>(ratio) * 1024, 0.0, 1023.0));
 }
@@ -76,7 +76,7 @@ struct StoredShape {
     }
 };
 
-/// Puts a number of any number of bits into bytes that are 0 there.
+/// Writes the lowest `bits` bits of a number from bit `at` on; they must be 0 before.
 void PutBits(unsigned char* bytes, std::size_t at, std::size_t bits, std::uint32_t value) {
     while (bits > 0) {
         const std::size_t piece = std::min(8 - at % 8, bits);
@@ -88,7 +88,8 @@ void PutBits(unsigned char* bytes, std::size_t at, std::size_t bits, std::uint32
     }
 }
 
-/// `cellOf` numbers 0..count−1 are spread over cells, those of a cell in their order.
+/// Sorts the numbers 0..count−1 by their cell, `cellOf(number)`; numbers of the same cell keep
+/// their order.
 template <typename CellOf>
 void SortByCell(std::size_t count, std::uint32_t cells, CellOf cellOf,
                 std::vector<std::uint32_t>& starts, std::vector<std::uint32_t>& order) {
@@ -102,7 +103,7 @@ void SortByCell(std::size_t count, std::uint32_t cells, CellOf cellOf,
     }
 }
 
-/// Puts the stars in the order of their cells, and their new places, rising, into the quads.
+/// Orders the stars by their cells, and puts their new indices, rising, into the quads.
 /// @return the first star of each cell, and the end
 std::vector<std::uint32_t> OrderByPlace(QuadList& list, const SkyCells& cells) {
     std::vector<std::uint32_t> starts;
@@ -125,12 +126,13 @@ std::vector<std::uint32_t> OrderByPlace(QuadList& list, const SkyCells& cells) {
     return starts;
 }
 
-/// The shapes of a list's quads. Those that have none belong to a cell beyond the last.
+/// The shapes of a list's quads. Quads without a shape belong to a cell beyond the last.
 struct ListShapes {
     std::vector<std::uint32_t> Cells;
     std::vector<std::uint32_t> Packed;
     std::size_t Last = 0;        ///< the quad with the greatest key
-    std::uint32_t Farthest = 0;  ///< that the place of a star is after that of its quad's first
+    std::uint32_t Farthest = 0;  ///< the largest distance of a star's index from that of its quad's
+                                 ///< first star
 
     explicit ListShapes(const QuadList& list)
         : Cells(list.Quads.size(), ShapeCells), Packed(list.Quads.size()) {
@@ -204,7 +206,7 @@ QuadLayout LayoutOf(const QuadBand& band) {
 }
 
 FileHandle OpenQuadFile(const std::filesystem::path& path) {
-    // A pipe would keep its reader waiting.
+    // Opening a pipe would block.
     std::error_code ignored;
     return std::filesystem::is_regular_file(path, ignored) ? OpenFile(path, "rb") : nullptr;
 }
@@ -258,7 +260,7 @@ std::string FaultOfQuadFile(const std::filesystem::path& path) {
 
 QuadFileWriter::QuadFileWriter(const std::filesystem::path& path, std::uint32_t bandCount)
     : file_(path), bandCount_(bandCount), end_(sizeof(FileHead) + bandCount * sizeof(QuadBand)) {
-    // The head is known last: until then its place is filled.
+    // The head is written last; until then zeros keep its place.
     const std::vector<char> place(end_);
     Write(place.data(), place.size());
 }
@@ -267,7 +269,7 @@ void QuadFileWriter::Add(double smallestDiagonal, double largestDiagonal, QuadLi
     QuadBand band;
     band.SmallestDiagonal = smallestDiagonal;
     band.LargestDiagonal = largestDiagonal;
-    // About as large as a field, so that one needs few of them.
+    // About as large as a field, so that a search reads few cells.
     band.CellSize = std::clamp((smallestDiagonal + largestDiagonal) / 2, 1e-3, 0.3);
     const std::vector<std::uint32_t> starStarts = OrderByPlace(list, SkyCells(band.CellSize));
     const ListShapes shapes(list);

@@ -11,7 +11,7 @@ namespace vestrel {
 namespace {
 
 constexpr double neighbourRadius = 1.5 * Pi / 180;
-/// Fields up to this diagonal have tables of triples with a star between (radians).
+/// The quads of fields up to this diagonal (radians) are three stars with one between them.
 constexpr double narrow = 3.501 * Pi / 180;
 
 double XOf(const PlateStar& star) {
@@ -27,7 +27,8 @@ double SquaredDistance(const PlateStar& a, const PlateStar& b) {
     return dx * dx + dy * dy;
 }
 
-/// Triples of the first stars, each with the first stars of the circle over its longest side.
+/// Three of the first stars, with each of the brightest stars in the circle over their longest
+/// side.
 void AddNarrowQuads(const PlateStarList& stars, double neighbours,
                     const QuadLookupSettings& settings, std::vector<ImageQuad>& quads) {
     constexpr int mostBetween = 3;
@@ -65,7 +66,7 @@ void AddNarrowQuads(const PlateStarList& stars, double neighbours,
     }
 }
 
-/// Each of the first stars with three of its first neighbours.
+/// Each of the first stars with three of its brightest neighbours.
 void AddWideQuads(const PlateStarList& stars, double neighbours, const QuadLookupSettings& settings,
                   std::vector<ImageQuad>& quads) {
     constexpr std::size_t mostNeighbours = 7;
@@ -90,7 +91,7 @@ void AddWideQuads(const PlateStarList& stars, double neighbours, const QuadLooku
     }
 }
 
-/// The six distances of four things, by the places of both.
+/// The six distances between four stars; `distance` takes their two indices.
 template <typename Distance>
 std::array<double, 6> SixDistances(Distance distance) {
     return {distance(0, 1), distance(0, 2), distance(0, 3),
@@ -106,7 +107,7 @@ bool IsNarrowBand(const QuadBand& band) {
 std::vector<ImageQuad> QuadsOfImage(const PlateStarList& stars, double diagonal,
                                     const QuadLookupSettings& settings) {
     std::vector<ImageQuad> quads;
-    // In the smallest field of the band the neighbourhood takes the most pixels.
+    // The neighbourhood covers the most pixels in the smallest field of the band.
     const double neighbours = neighbourRadius / settings.SmallestDiagonal * diagonal;
     const bool triples = settings.LargestDiagonal < narrow;
     (triples ? AddNarrowQuads : AddWideQuads)(stars, neighbours, settings, quads);
@@ -187,7 +188,7 @@ bool QuadLookup::Try(const ImageQuad& quad, const CatalogQuad& candidate, double
     };
     const auto first = theirs();
     const double scale = *std::max_element(first.begin(), first.end()) / longest;
-    // The field that follows must be one of the band, about.
+    // The resulting field must belong to the band, with some margin.
     constexpr double margin = 1.06;
     const double middle = std::sqrt(settings_.SmallestDiagonal * settings_.LargestDiagonal);
     if (scale * middle < settings_.SmallestDiagonal / margin ||
@@ -213,7 +214,8 @@ bool QuadLookup::Try(const ImageQuad& quad, const CatalogQuad& candidate, double
     return false;
 }
 
-/// The plate of a camera that takes four catalog stars onto four of the image.
+/// Fits the camera plate that takes four catalog stars to four image stars. False when no fit is
+/// good.
 bool QuadLookup::FitFour(const ImageQuad& quad, const std::array<CatalogStar, 4>& stars,
                          CentredPlate& plate) const {
     PlateStarList catalog;
@@ -224,10 +226,11 @@ bool QuadLookup::FitFour(const ImageQuad& quad, const std::array<CatalogStar, 4>
     for (std::int16_t i = 1; i <= 4; ++i) {
         pairs.Add({i, static_cast<std::int16_t>(quad[static_cast<std::size_t>(i - 1)]), 0, true});
     }
-    double least = std::max(2.0, 4 * settings_.PlaceError);  // of the fit errors allowed
+    double least = std::max(2.0, 4 * settings_.PlaceError);  // the largest fit error allowed,
+                                                             // pixels
     bool found = false;
     for (const double side : {1.0, -1.0}) {
-        // Around the first star at first; then the middle of the image is known.
+        // The tangent point is the first star at first, later the middle of the image.
         CentredPlate centred{{catalog[1].Ra, catalog[1].Dec}, {1, 0, 0, 0, side, 0}};
         double error = INFINITY;
         constexpr int rounds = 3;
@@ -258,7 +261,7 @@ bool QuadLookup::FitFour(const ImageQuad& quad, const std::array<CatalogStar, 4>
     return found;
 }
 
-/// Whether enough of the table's stars meet stars of the image, against what chance would give.
+/// Whether more of the table's stars match image stars than chance would give.
 bool QuadLookup::Confirmed(const ImageQuad& quad, const CentredPlate& plate) {
     constexpr double hitPart = 0.5;    // of the catalog stars that an image shows
     constexpr double hopeless = -4.5;  // of the logarithm of the odds
@@ -287,7 +290,7 @@ bool QuadLookup::Confirmed(const ImageQuad& quad, const CentredPlate& plate) {
         ApplyPlateFit(plate.Plate, XOf(star), YOf(star), x, y);
         if (!image_.InFrame(x, y)) continue;
         if (++checked > mostChecked) break;
-        // The farther from the quad, the less exact the plate is.
+        // The plate gets less exact with the distance from the quad.
         const double lever = std::hypot(x - x0, y - y0) / longest;
         const double tolerance =
             std::min(1.5 + 2 * settings_.PlaceError * (1 + lever), 0.015 * diagonal_);

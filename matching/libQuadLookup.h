@@ -1,11 +1,11 @@
-// Looks all quads of an image up in the table of a band, and keeps the plates that the stars around
-// confirm.
+// Looks up all quads of an image in the table of a band, and keeps the plates that the surrounding
+// stars confirm.
 //
-// Unlike the second matcher, which looks up one quad for each star, this one takes every quad that
-// the table could have of the image's first stars: three of them and one between them in a narrow
-// field, one and three of its neighbours in a wide one. So false and missing stars among the
-// brightest ones spoil some quads only. Shapes are compared as closely as the stars are measured,
-// on the sky of a camera, which makes up for the number of quads.
+// The quad match of the window (`MatchByQuads`) looks up one quad for each star. This search takes
+// every quad of the image's first stars that the table could contain: in a narrow field three of
+// them and one star between them, in a wide field one and three of its neighbours. So false and
+// missing stars among the brightest ones spoil only some quads. Shapes are compared as exactly as
+// the stars are measured, on the plane of a camera, which makes up for the number of quads.
 #pragma once
 
 #include <array>
@@ -20,22 +20,24 @@
 
 namespace vestrel {
 
-/// Four stars of an image: places in its list, rising.
+/// Four stars of an image: their numbers in its list, rising.
 using ImageQuad = std::array<std::int32_t, 4>;
 
-/// The quads that are formed, and what is taken for one of them.
+/// Which quads are formed, and how exactly they are compared.
 struct QuadLookupSettings {
     double SmallestDiagonal = 0;   ///< of the field, radians
     double LargestDiagonal = 0;    ///< radians
-    std::int32_t FirstStars = 16;  ///< of the list: those that lead quads
-    std::int32_t LookedUp = 0;     ///< of the list: quads led by these alone are left out
-    double PlaceError = 0.5;       ///< of a star in the image, each axis, pixels
+    std::int32_t FirstStars = 16;  ///< how many first stars of the list lead quads
+    std::int32_t LookedUp = 0;     ///< how many first stars were looked up before: quads led by
+                                   ///< these alone are left out
+    double PlaceError = 0.5;       ///< of a star in the image, per axis, pixels
 };
 
-/// Whether the quads of a band are triples with a star between them, not stars and neighbours.
+/// Whether the quads of a band are three stars with one between them, not a star and three
+/// neighbours.
 bool IsNarrowBand(const QuadBand& band);
 
-/// The quads of an image that a table of such fields may have, brightest first.
+/// The quads of an image that a table for these field sizes may contain, brightest first.
 /// @param diagonal of the image, pixels
 std::vector<ImageQuad> QuadsOfImage(const PlateStarList& stars, double diagonal,
                                     const QuadLookupSettings& settings);
@@ -45,8 +47,8 @@ class QuadLookup {
     /// @param image brightest first; must outlive this
     QuadLookup(QuadTables& tables, const ImageStars& image, const QuadLookupSettings& settings);
 
-    /// Shown a plate on the camera's plane whose tangent point is the middle of the image, and that
-    /// the table's stars confirm; true ends the search.
+    /// Receives each plate that the table's stars confirm, on the camera's plane with its tangent
+    /// point in the middle of the image; true ends the search.
     using Accept = std::function<bool(const CentredPlate&)>;
 
     /// @param stop asked before every quad; true ends the search

@@ -33,7 +33,7 @@ class ShapeFilter {
     ShapeFilter(const Quad& shape, double tolerance) {
         const std::array<float, 5> ratios = {shape.Ratio1, shape.Ratio3, shape.Ratio5, shape.Ratio2,
                                              shape.Ratio4};
-        // A stored ratio stands for those up to half a step to both sides.
+        // A stored ratio stands for all ratios up to half a step away.
         for (std::size_t i = 0; i < ratios.size(); ++i) at_[i] = ratios[i] * 1024 - 0.5F;
         const double reach = tolerance * 1024 + 0.5 * std::sqrt(5.0) + 0.01;
         limit_ = static_cast<float>(reach * reach);
@@ -54,7 +54,7 @@ class ShapeFilter {
     float limit_ = 0;
 };
 
-/// Takes a star into a list when it is bright and near enough.
+/// Adds a star to a list when it is bright and near enough.
 class NearbyStars {
  public:
     NearbyStars(Projection& projection, double radius, double magLimit, PlateStarList& list)
@@ -111,7 +111,8 @@ CatalogStar QuadTables::ReadStar(std::uint32_t place) {
 }
 
 CatalogQuad QuadTables::ReadQuad(std::uint32_t place) {
-    // The bit fields are read eight bytes at a time, also at the end.
+    // The bit fields are read eight bytes at a time, even at the end, so the buffer is longer than
+    // needed.
     std::array<unsigned char, 32> bytes{};
     pages_.Copy(layout_.QuadStars + std::uint64_t{place} * layout_.QuadStarBytes, bytes.data(),
                 layout_.QuadStarBytes);
@@ -180,7 +181,7 @@ std::vector<CatalogQuad> QuadTables::QuadsLike(const Quad& shape, double toleran
 std::vector<CatalogStar> QuadTables::StarsAround(SkyPosition centre, double reach) {
     std::vector<CatalogStar> stars;
     if (band_.StarCount == 0) return stars;
-    constexpr double rounding = 1e-6;  // of the directions' products
+    constexpr double rounding = 1e-6;  // of the dot products
     const double cosineReach = std::cos(std::min(reach, Pi)) - rounding;
     const Direction middle = DirectionOf(centre);
     std::vector<unsigned char> records;

@@ -1,4 +1,4 @@
-// The table of one band, open for searches: quads of a shape, stars around a place.
+// The table of one band, open for searches: quads of a shape, stars around a position.
 #pragma once
 
 #include <cstdint>
@@ -12,12 +12,12 @@
 
 namespace vestrel {
 
-/// All calls throw `DamagedFile` when something is not as it was written.
+/// All calls throw `DamagedFile` when a page does not match its checksum.
 class QuadTables {
  public:
     /// An empty table.
     QuadTables() = default;
-    /// @param file holds the band, as `ReadQuadBands` gave it
+    /// @param file holds the band that `ReadQuadBands` returned
     QuadTables(FileHandle file, const QuadBand& band);
 
     std::uint32_t QuadCount() const { return band_.QuadCount; }
@@ -29,15 +29,15 @@ class QuadTables {
     /// whole table is never among them.
     std::vector<CatalogQuad> QuadsLike(const Quad& shape, double tolerance);
 
-    /// The stars of the cells around a place (radians) that lie no farther from it than `reach`,
-    /// and a few more, in the order of `ComesBefore`.
+    /// The stars no farther than `reach` (radians) from a position, and a few more, in the order of
+    /// `ComesBefore`.
     std::vector<CatalogStar> StarsAround(SkyPosition centre, double reach);
 
     /// Reads everything. @throws DamagedFile
     void Check();
 
  private:
-    /// The places, from 0, of what some neighbouring cells hold.
+    /// The indices, from 0, of what neighbouring cells hold.
     struct Run {
         std::uint32_t Begin = 0;
         std::uint32_t End = 0;
@@ -53,7 +53,7 @@ class QuadTables {
 };
 
 /// The stars of the table within `radius` (radians) of a position and no fainter than `magLimit`,
-/// at most 1000 (the brightest), brightest first. Centres `projection` there.
+/// at most 1000 (the brightest), brightest first. Sets the centre of `projection` to the position.
 /// @return plane positions (arcseconds), magnitudes as fluxes, sky positions (radians)
 PlateStarList NearbyCatalogStars(QuadTables& tables, Projection& projection, SkyPosition centre,
                                  double radius, double magLimit);

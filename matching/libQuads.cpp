@@ -14,7 +14,7 @@ double Wide(float value) {
     return static_cast<double>(value);
 }
 
-/// The chord between two directions: at a few degrees as good as any other distance.
+/// The chord between two directions; at a few degrees it is as good as the angle.
 double Chord(const Direction& a, const Direction& b) {
     return std::sqrt((a[0] - b[0]) * (a[0] - b[0]) + (a[1] - b[1]) * (a[1] - b[1]) +
                      (a[2] - b[2]) * (a[2] - b[2]));

@@ -1,7 +1,7 @@
-// Four-star patterns: their shape, by which images are looked up.
+// Quads: patterns of four stars, whose shapes are looked up to recognise an image.
 //
 // The shape of a quad is the six distances between its stars, sorted and divided by the longest:
-// neither shift, rotation, scale nor mirroring change it, nor the order of the stars.
+// shift, rotation, scale, mirroring and the order of the stars do not change it.
 #pragma once
 
 #include <array>
@@ -22,11 +22,11 @@ struct Quad {
     float Ratio5 = 0;  ///< shortest distance / longest distance
 };
 
-/// A quad of the tables.
+/// A quad of a table.
 struct CatalogQuad {
     std::array<CatalogStar, 4> Stars;  ///< brightest first
     Quad Shape;
-    std::int32_t Place = 0;  ///< in the table, from 1
+    std::int32_t Place = 0;  ///< number in the table, from 1
 };
 
 /// The shape of a quad from its six distances, in any order and unit. All ratios are NaN when the
@@ -37,16 +37,14 @@ Quad QuadFromDistances(double d12, double d13, double d14, double d23, double d2
 Quad QuadDescriptor(const PlateStar& s1, const PlateStar& s2, const PlateStar& s3,
                     const PlateStar& s4);
 
-/// A unit vector.
-
 /// The shape of four stars on the sky, from the chords between them.
 Quad QuadOfDirections(const std::array<Direction, 4>& stars);
 Quad QuadOfStars(const std::array<CatalogStar, 4>& stars);
 
-/// How unlike two shapes are: the distance of their five ratios.
+/// How different two shapes are: the Euclidean distance of their five ratios.
 double QuadDistance(const Quad& q1, const Quad& q2);
 
-/// The one order of catalog stars: brightest first, by position where the magnitudes are equal.
+/// The order of all catalog star lists: brightest first; by position when the magnitudes are equal.
 bool ComesBefore(const CatalogStar& a, const CatalogStar& b);
 
 }  // namespace vestrel

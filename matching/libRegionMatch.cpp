@@ -65,7 +65,7 @@ void RegionMatcher::MatchWithNext(RegionMatch& region, std::span<const SkyPositi
         Match(region, progress);
         return;
     }
-    // Not many more in vain, should one of the first be the right one.
+    // Limits the wasted work if one of the first regions matches.
     constexpr std::size_t mostAhead = 31;
     regionsAhead_ = std::min(2 * regionsAhead_ + 1, mostAhead);
 

@@ -1,4 +1,4 @@
-// Matches the stars of an image with one region of the catalog after the other.
+// Matches the stars of an image with regions of the catalog, one after the other.
 #pragma once
 
 #include <cstddef>
@@ -13,19 +13,19 @@
 
 namespace vestrel {
 
-/// What all regions of a search share.
+/// The settings that all regions of a search share.
 struct RegionSettings {
     double Radius = 0;          ///< of a region, radians
-    double MagnitudeLimit = 0;  ///< stars of this magnitude and fainter ones are left out
-    double MaxError = 0;        ///< largest fit error, pixels
+    double MagnitudeLimit = 0;  ///< stars of this magnitude and fainter are left out
+    double MaxError = 0;        ///< as in `AlignImages`
     AlignSettings Align;
 };
-/// The regions of a field of view (radians): the radius is half its diagonal, the magnitude limit
-/// what suits that.
+/// The settings for a field of view (radians): the radius is half its diagonal, and the magnitude
+/// limit suits that radius.
 RegionSettings RegionSettingsFor(double width, double height, double maxError,
                                  const AlignSettings& align);
 
-/// A region of the catalog, and how the stars of the image go with it.
+/// A region of the catalog, and its match with the stars of the image.
 struct RegionMatch {
     SkyPosition Centre;          ///< of the region, and tangent point of its plane
     PlateStarList CatalogStars;  ///< brightest first; X and Y are arcseconds about `Centre`
@@ -34,10 +34,10 @@ struct RegionMatch {
 
 /// Reads and matches regions. The triangles of the image are made once.
 ///
-/// Regions are searched one after the other until one matches, so the threads take the coming ones
-/// ahead: those whose catalog cells are in memory already, as long as all before them are. That
-/// changes nothing but the time, since the cache is as it would be and reading a region brings it
-/// to where it would have been. What was matched ahead waits until its region is read.
+/// Regions are searched one after the other until one matches. Meanwhile other threads match the
+/// next regions ahead, as long as the catalog cells of all these are in memory. This only saves
+/// time: it leaves the cache unchanged, and reading a region later updates the cache as usual. The
+/// results wait until their region is read.
 class RegionMatcher {
  public:
     /// @param plateStars brightest first; they and the catalog must outlive the matcher
@@ -49,11 +49,11 @@ class RegionMatcher {
 
     /// Reads the catalog stars about a centre.
     RegionMatch Read(SkyPosition centre);
-    /// Matches the region that was read last.
+    /// Matches the last region that was read.
     void Match(RegionMatch& region, const Progress& progress = {});
 
-    /// How many centres after the one read last `MatchWithNext` would like to know: 0 when that
-    /// one has been matched, or when there is one thread.
+    /// How many of the next centres `MatchWithNext` can use: 0 when the last region has been
+    /// matched already, or with one thread.
     std::size_t WantsNext() const;
     /// Matches the region that was read last, and regions that are likely to be read next, in this
     /// order.
@@ -68,8 +68,8 @@ class RegionMatcher {
     RegionSettings settings_;
     std::vector<KeptTriangles> plateTriangles_ = std::vector<KeptTriangles>(1);  ///< of each piece
     std::deque<RegionMatch> ahead_;     ///< regions matched ahead, in order
-    std::uint64_t changesAtMatch_ = 0;  ///< of the catalog, when they were
-    bool isMatched_ = false;            ///< the region read last
+    std::uint64_t changesAtMatch_ = 0;  ///< `Changes` of the catalog cache at that time
+    bool isMatched_ = false;            ///< whether the last region read has been matched
     std::size_t regionsAhead_ = 7;
 };
 

@@ -6,7 +6,7 @@ namespace vestrel {
 
 namespace {
 
-/// Names a pair as one that the search began with, when its star is in the frame.
+/// Adds a pair to the seed of the evidence, when its catalog star is in the frame.
 void AddSeed(MatchEvidence& evidence, const PlateConstants& plate, const PlateStarList& catalog,
              const StarMatch& pair) {
     const PlateStar& star = catalog[pair.Star1];
@@ -35,7 +35,7 @@ MatchConfidence ConfidenceOf(const MatchedPlate& match, const PlateStarList& cat
     if (IsSure(confidence) || plates <= 0) return confidence;
     for (const StarMatch& pair : match.Seed) AddSeed(evidence, match.Plate, catalog, pair);
     if (evidence.Seed.size() < 2) return confidence;
-    // A second test costs as much as another search.
+    // The second test of the same match doubles the number of plates charged.
     evidence.PlatesInEach = 2 * plates;
     const MatchConfidence own = ConfidenceOf(evidence);
     return IsSure(own) ? own : confidence;

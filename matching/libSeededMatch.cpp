@@ -20,8 +20,8 @@ double YOf(const PlateStar& star) {
 
 constexpr std::int32_t densityCells = 8;  // along each side
 
-/// The plate that takes two catalog stars onto two places: a turn, a scale and a shift, with one
-/// axis turned over when it is mirrored.
+/// The similarity that takes two catalog stars to two places, with one axis reversed when it is
+/// mirrored.
 PlateConstants SimilarPlate(const PlateStar& c1, const PlateStar& c2, const PlateStar& p1,
                             const PlateStar& p2, bool mirrored) {
     const double sign = mirrored ? -1 : 1;
@@ -182,7 +182,7 @@ bool RefinePlate(const PlateStarList& catalog, const ImageStars& image, double t
     std::vector<double> residuals;
     std::size_t before = 0;
     for (int round = 0; round < mostRounds; ++round) {
-        // The nearer of two catalog stars gets the image star.
+        // When two catalog stars claim an image star, the nearer one gets it.
         std::vector<std::pair<double, std::int32_t>> owner(
             static_cast<std::size_t>(image.Count()) + 1, {0, 0});
         for (std::int32_t c = 1; c <= std::min(catalog.Count(), mostStars); ++c) {
@@ -239,7 +239,7 @@ bool RefinePlate(const PlateStarList& catalog, const ImageStars& image, double t
 
 SeedMatcher::SeedMatcher(const ImageStars& image, const SeedSettings& settings)
     : image_(image), settings_(settings) {
-    // Close pairs do not tell where the corners lie.
+    // Close pairs do not determine the corners of the frame.
     shortest_ = 0.12 * std::hypot(image.Width(), image.Height());
     const std::int32_t n = std::min(settings.ImageSeeds, image.Count());
     for (std::int32_t i = 1; i <= n; ++i) {
@@ -334,7 +334,7 @@ bool SeedMatcher::Promising(const std::vector<CatalogPlace>& checked, const Plat
     constexpr double hopeless = -4.5;  // of the logarithm of the odds
     constexpr double promising = 7;
     const double miss = std::log(1 - hitPart);
-    const std::array<double, 2> change{0, miss};  // outside of the frame, and in an empty part
+    const std::array<double, 2> change{0, miss};  // outside the frame, and in an empty cell
     ++plateNumber_;
     double odds = 0;
     double best = 0;
@@ -394,7 +394,7 @@ bool SeedMatcher::Match(const PlateStarList& catalog,
         checked.push_back({XOf(catalog[c]), YOf(catalog[c])});
     }
     double nextLook = tried_ + betweenLooks;
-    // Pairs of bright stars first: both orders of the sum of their places.
+    // Pairs of bright stars come first: by the sum of their numbers.
     for (std::int32_t sum = 3; sum < 2 * n; ++sum) {
         for (std::int32_t c1 = std::max(1, sum - n); 2 * c1 < sum; ++c1) {
             const std::int32_t c2 = sum - c1;

@@ -1,4 +1,5 @@
-// The sphere in cells of about equal size: zones of declination, each in slices of right ascension.
+// The sphere divided into cells of about equal size: zones of declination, each cut into slices of
+// right ascension.
 #pragma once
 
 #include <cstdint>
@@ -11,16 +12,16 @@ namespace vestrel {
 
 class SkyCells {
  public:
-    /// @param cellSize the height of a zone at most, radians
+    /// @param cellSize the largest height of a zone, radians
     explicit SkyCells(double cellSize);
 
     std::uint32_t Count() const { return first_.back(); }
 
-    /// The cell that holds a position. Anything outside the sphere counts to a cell at its end.
+    /// The cell that holds a position. Positions out of range belong to the nearest cell.
     std::uint32_t CellOf(SkyPosition position) const;
 
-    /// Calls `visit` with the first cell and the number of cells of each run of neighbours that a
-    /// circle (radians) touches.
+    /// Calls `visit` for each run of neighbouring cells that a circle (radians) touches, with the
+    /// first cell and their number.
     void Around(SkyPosition centre, double radius,
                 const std::function<void(std::uint32_t first, std::uint32_t count)>& visit) const;
 
@@ -28,7 +29,7 @@ class SkyCells {
     std::size_t ZoneOf(double dec) const;
 
     double height_;
-    std::vector<std::uint32_t> first_;  ///< of each zone; last, the number of all cells
+    std::vector<std::uint32_t> first_;  ///< first cell of each zone; last, the number of all cells
 };
 
 }  // namespace vestrel

@@ -7,19 +7,19 @@ namespace vestrel {
 
 namespace {
 
-/// From the simplest to what is hardest to bear.
+/// From the simplest shape to the one that needs the most stars.
 constexpr SkyModelShape shapes[] = {{1, 0}, {1, 1}, {1, 3}, {2, 0}, {3, 0}, {4, 0}};
 constexpr std::size_t linear = 0;
 constexpr std::size_t quadratic = 3;
 constexpr std::size_t quartic = 5;
 
-/// Whether a shape has all that a simpler one has.
+/// Whether a shape contains a simpler one as a special case.
 bool Contains(std::size_t shape, std::size_t simpler) {
     return shape != quadratic || simpler == linear;
 }
 
-/// The standard deviation of a coordinate, from distances of which some may be anything: their
-/// median is that of a Rayleigh distribution. Fitted constants take their share.
+/// The standard deviation of a coordinate from distances that may include outliers: their median is
+/// that of a Rayleigh distribution. Corrected for the number of fitted constants.
 double RobustSigma(std::vector<double> residuals, std::size_t shape) {
     const auto middle = residuals.begin() + static_cast<std::ptrdiff_t>(residuals.size() / 2);
     std::nth_element(residuals.begin(), middle, residuals.end());
@@ -39,7 +39,7 @@ class Rounds {
     std::optional<SkySolution> Run(const std::vector<SkyPair>& start) {
         if (start.size() < 3) return std::nullopt;
         pairs_ = start;
-        // Far from all stars of the match the image centre may be, but not off the sky.
+        // The image centre may be far from all stars of the match, but it must be on the sky.
         tangent_ = catalog_[start.front().CatalogStar];
         if (!FitWithoutOutliers(linear)) return std::nullopt;
         const std::size_t trusted = pairs_.size();
@@ -49,9 +49,9 @@ class Rounds {
         const double spacing =
             std::sqrt(static_cast<double>(width_) * height_ /
                       static_cast<double>(std::max<std::size_t>(FirstStars(), 1)));
-        // Wide enough for the lenses that there are, and too narrow for most wrong pairs.
+        // Wide enough for real lenses, and too narrow for most wrong pairs.
         constexpr double largestDistortion = 0.012;
-        constexpr double closest = 0.7;  // pixels: a faint star may be that far off
+        constexpr double closest = 0.7;  // pixels: a faint star's error may be as large
         const double sigma = RobustSigma(fit_.Residuals, linear);
         double tolerance =
             std::max({closest, 4 * sigma, std::min(0.2 * spacing, largestDistortion * diagonal)});
@@ -67,7 +67,7 @@ class Rounds {
             tolerance = std::min(tolerance, next);
             if (settled) break;
         }
-        // A fit that has lost what it started from is of something else.
+        // A fit that has lost most of the pairs it started from is a different match.
         if (2 * pairs_.size() < trusted || pairs_.size() < 4) return std::nullopt;
         return Solution();
     }
@@ -79,7 +79,7 @@ class Rounds {
                               return a.CatalogStar == b.CatalogStar && a.PlateStar == b.PlateStar;
                           });
     }
-    /// Of the brightest catalog stars in the image, about as many as it shows.
+    /// The number of brightest catalog stars in the image to use: about as many as the image shows.
     std::size_t FirstStars() const { return std::min(stars_.size(), plate_.size() * 3 / 2); }
 
     std::optional<SkyModelFit> Fit(const std::vector<SkyPair>& pairs, std::size_t shape) const {
@@ -102,15 +102,15 @@ class Rounds {
         return place ? std::hypot(place->X - pixel.X, place->Y - pixel.Y) : HUGE_VAL;
     }
 
-    /// Fits, and leaves pairs out that lie far beyond the others, until nothing changes.
+    /// Fits and leaves out pairs with outlying residuals, until nothing changes.
     bool FitWithoutOutliers(std::size_t shape) {
         const std::vector<SkyPair> all = pairs_;
         constexpr int mostPasses = 20;
         for (int pass = 0; pass < mostPasses; ++pass) {
             auto fit = Fit(pairs_, shape);
             if (!fit) return false;
-            // A star by itself in a corner draws the fit to it: its residual is judged as what it
-            // would be without it.
+            // A lone star in a corner pulls the fit toward itself, so it is judged by the residual
+            // of a fit without it.
             constexpr double mostHidden = 0.99;
             std::vector<double> residuals;
             residuals.reserve(all.size());
@@ -123,7 +123,7 @@ class Rounds {
                 }
                 residuals.push_back(Residual(pair, fit->Model) / std::sqrt(shown));
             }
-            // Of 500 good stars one is farther away. Rounded positions are never exact.
+            // One of 500 good stars lies farther away. Rounded positions are never exact.
             constexpr double farthest = 3.5;
             constexpr double exact = 0.01;
             const double limit = std::max(exact, farthest * RobustSigma(residuals, shape));
@@ -141,29 +141,29 @@ class Rounds {
         return fit.has_value();
     }
 
-    /// Whether there are stars enough for a shape.
+    /// Whether there are enough stars for a shape.
     static bool Suffices(std::size_t stars, std::size_t shape) {
         return stars >= shapes[shape].Constants();
     }
-    /// Whether the stars reach far enough out. A polynomial that they do not hold there follows
-    /// what no lens does, by more than its errors say; a lens goes on outward as it began.
+    /// Whether the stars reach far enough out. A polynomial without stars there departs from any
+    /// lens by more than its stated errors; a lens model extrapolates safely.
     bool CoversImage() const {
         constexpr double leastSure = 3;
         constexpr double leastSureOfPolynomials = 1.75;
         return fit_.EdgeLeverage <= (shape_ > quadratic ? leastSureOfPolynomials : leastSure);
     }
 
-    /// Lets the most flexible shape that the pairs bear decide which of them are outliers, then
-    /// takes the simplest that the F-test leaves.
+    /// Lets the most flexible shape that the pairs support decide which of them are outliers, then
+    /// takes the simplest shape that passes the F-test.
     bool FitBestShape(std::size_t most) {
-        // Cameras have lenses; what else bends a picture has to show more plainly. Centroids have
-        // common errors that polynomials follow.
+        // Lens distortion is common; other distortions need stronger evidence, as polynomials also
+        // fit common errors of centroids.
         constexpr double chanceOfLens = 0.01;
         constexpr double chanceOfPolynomial = 1e-4;
         const std::vector<SkyPair> all = pairs_;
         for (;; --most) {
             pairs_ = all;
-            // A lens says more of a picture than polynomials of the second order.
+            // A lens model describes pictures better than polynomials of the second order.
             if (most == quadratic) continue;
             if (most == linear || Suffices(all.size(), most)) {
                 if (FitWithoutOutliers(most) &&
@@ -203,7 +203,7 @@ class Rounds {
         }
     }
 
-    /// Pairs of stars that are nearest to each other, among the first `most` of the catalog's.
+    /// Pairs of stars that are nearest to each other, among the first `most` catalog stars.
     std::vector<SkyPair> NearestPairs(double tolerance, std::size_t most) const {
         std::vector<SkyPair> nearest(most);  // to each catalog star
         for (SkyPair& pair : nearest) pair.Residual = tolerance;
@@ -267,7 +267,8 @@ class Rounds {
     std::int32_t width_;
     std::int32_t height_;
     SkyPosition tangent_;
-    std::vector<std::size_t> stars_;  ///< of the catalog that may be in the image, brightest first
+    std::vector<std::size_t> stars_;  ///< indices of catalog stars that may be in the image,
+                                      ///< brightest first
     std::vector<SkyPair> pairs_;
     SkyModelFit fit_;
     std::size_t shape_ = linear;  ///< of the fit

@@ -11,24 +11,24 @@
 
 namespace vestrel {
 
-/// A star of the catalog and the star of the image that it is.
+/// A star of the catalog and its star in the image.
 struct SkyPair {
     std::size_t CatalogStar = 0;  ///< index in its list
     std::size_t PlateStar = 0;    ///< index in its list
     double Residual = 0;          ///< pixels; set by `MatchSky`
 };
 
-/// A part of the image between two distances from its centre.
+/// A ring of the image between two distances from its centre.
 struct SkyRing {
-    double Outer = 0;  ///< its larger distance, as a part of the half-diagonal
+    double Outer = 0;  ///< its outer distance, as a fraction of the half-diagonal
     std::int32_t Stars = 0;
-    double Rms = 0;  ///< root mean square of their distances from the model, pixels
+    double Rms = 0;  ///< root mean square of the residuals, pixels
 };
 
 struct SkySolution {
     SkyModelFit Fit;
-    std::vector<SkyPair> Pairs;  ///< in the order of the image's stars; each star is in one at most
-    double Rms = 0;              ///< root mean square of their residuals, pixels
+    std::vector<SkyPair> Pairs;  ///< in the order of the image stars; each star is in at most one
+    double Rms = 0;              ///< root mean square of the pairs' residuals, pixels
     std::array<SkyRing, 4> Rings;
 };
 
@@ -44,9 +44,9 @@ struct SkySolution {
 /// where no star holds them).
 ///
 /// @param catalog J2000 positions, brightest first
-/// @param plate   where the stars of the image are, brightest first
-/// @param start   three pairs or more; wrong ones among them should be few
-/// @return nothing when no fit stands: then the first match is all that is known
+/// @param plate positions of the image stars, brightest first
+/// @param start three pairs or more, with few wrong ones
+/// @return nothing when no fit succeeds; only the first match is known then
 std::optional<SkySolution> MatchSky(const std::vector<SkyPosition>& catalog,
                                     const std::vector<PixelPoint>& plate, std::int32_t width,
                                     std::int32_t height, const std::vector<SkyPair>& start);

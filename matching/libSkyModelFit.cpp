@@ -8,14 +8,14 @@ namespace vestrel {
 
 namespace {
 
-/// Turns a displacement on the plane into pixels.
+/// Converts a displacement on the plane to pixels.
 PixelPoint InPixels(const double (&cd)[2][2], double east, double north) {
     const double determinant = cd[0][0] * cd[1][1] - cd[0][1] * cd[1][0];
     return {(cd[1][1] * east - cd[0][1] * north) / determinant,
             (cd[0][0] * north - cd[1][0] * east) / determinant};
 }
 
-/// The model that two polynomials from pixels to the plane make; their constant terms are 0.
+/// The model from two polynomials that map pixels to the plane; their constant terms are 0.
 SkyModel ModelOf(const std::array<Polynomial, 2>& plane, SkyPosition tangent, std::int32_t width,
                  std::int32_t height) {
     const auto& [east, north] = plane;
@@ -39,11 +39,11 @@ struct Place {
     PlanePoint Plane;
 };
 
-/// One constant of a lens: what it adds to the plane, less what the other constants before it can
-/// do as well. So it has nothing in common with them and is fitted by itself (Frisch & Waugh 1933).
+/// One constant of a lens: what it adds to the plane, minus what the constants before it can
+/// express. It is then orthogonal to them and can be fitted by itself (Frisch & Waugh 1933).
 struct LensTerm {
-    std::array<Polynomial, 2> Plane;  ///< that a constant of 1 adds
-    double Squares = 0;               ///< of that, over the stars
+    std::array<Polynomial, 2> Plane;  ///< what a constant of 1 adds
+    double Squares = 0;               ///< sum of its squares over the stars
     double Constant = 0;
 
     PlanePoint At(const PixelPoint& offset) const {
@@ -58,7 +58,7 @@ void AddTimes(Polynomial& sum, double factor, const Polynomial& more) {
     sum.Order = std::max(sum.Order, more.Order);
 }
 
-/// What the constants of a lens add to the plane: (u, v)·r², (3u² + v², 2uv) and (2uv, u² + 3v²),
+/// What each constant of a lens adds to the plane: (u, v)·r², (3u² + v², 2uv) or (2uv, u² + 3v²),
 /// times CD.
 LensTerm LensTermOf(int number, const std::array<Polynomial, 2>& cd) {
     Polynomial u;
@@ -75,7 +75,7 @@ LensTerm LensTermOf(int number, const std::array<Polynomial, 2>& cd) {
     return term;
 }
 
-/// Fits the constants of a lens to what linear polynomials leave. Empty when the stars do not
+/// Fits the constants of a lens to the residuals of linear polynomials. Empty when the stars do not
 /// determine them.
 std::vector<LensTerm> FitLens(const std::vector<Place>& places, int count,
                               const std::array<Polynomial, 2>& linear,
@@ -154,8 +154,8 @@ void SetSigmas(SkyModelFit& result, const PolynomialFit& fit, const std::vector<
     result.EdgeSigma = result.Sigma * result.EdgeLeverage;
     result.CentreSigma = result.Sigma * std::sqrt(leverageAt({}));
 
-    // Linear propagation from the elements of CD: its rows are independent and have the same
-    // covariance, but for what they owe to the lens.
+    // Linear propagation from the elements of CD: apart from the lens, its rows are independent and
+    // have the same covariance.
     const auto& cd = model.Cd;
     const auto sigma = [&](const double(&gradient)[2][2]) {
         constexpr std::size_t alongX = 1;
@@ -187,7 +187,7 @@ void SetSigmas(SkyModelFit& result, const PolynomialFit& fit, const std::vector<
         {{-sine * parity / square, -cosine / square}, {cosine * parity / square, -sine / square}});
 }
 
-/// The logarithm of the gamma function of half a whole number.
+/// The logarithm of the gamma function at `twice` / 2.
 double LogGammaOfHalf(std::size_t twice) {
     constexpr double ofHalf = 0.57236494292470008707;  // half the logarithm of π
     double sum = twice % 2 == 0 ? 0 : ofHalf;
@@ -197,12 +197,12 @@ double LogGammaOfHalf(std::size_t twice) {
     return sum;
 }
 
-/// The incomplete beta function I_x(a, b), of which a and b are given twice over, by its continued
+/// The incomplete beta function I_x(a, b), with a and b given as 2a and 2b, by its continued
 /// fraction (Abramowitz & Stegun 26.5.8, evaluated as by Lentz).
 double IncompleteBeta(double x, std::size_t twiceA, std::size_t twiceB) {
     const double a = static_cast<double>(twiceA) / 2;
     const double b = static_cast<double>(twiceB) / 2;
-    // It converges quickly on this side only.
+    // The fraction converges quickly only on this side.
     if (x > (a + 1) / (a + b + 2)) return 1 - IncompleteBeta(1 - x, twiceB, twiceA);
     if (!(x > 0)) return 0;
     constexpr double tiny = 1e-300;
@@ -229,13 +229,13 @@ double IncompleteBeta(double x, std::size_t twiceA, std::size_t twiceB) {
     return std::exp(logFront) * fraction / a;
 }
 
-/// The exact position of a point of the orthographic plane, in radians west and north.
+/// The exact sky position of a point of the orthographic plane, given in radians west and north.
 std::optional<SkyPosition> SkyOfOrthographic(const SkyPosition& tangent, double west,
                                              double north) {
     const double square = 1 - (west * west + north * north);
     if (!(square > 0)) return std::nullopt;
     const double outward = std::sqrt(square);
-    // The same direction on the gnomonic plane.
+    // The same direction as a point of the gnomonic plane.
     return SkyOfGnomonic(tangent, {-west / outward, north / outward});
 }
 
@@ -252,7 +252,7 @@ std::optional<SkyModelFit> FitSkyModel(const std::vector<SkyPoint>& points, SkyM
     for (const SkyPoint& point : points) {
         places.push_back({{point.Pixel.X - centre.X, point.Pixel.Y - centre.Y}, {}});
     }
-    // Moving the plane changes it by the square of the step only.
+    // Moving the plane changes the fit only by the square of the step.
     constexpr int mostMoves = 15;
     constexpr double arrived = 1e-13;
     for (int move = 0; move <= mostMoves; ++move) {
@@ -267,7 +267,8 @@ std::optional<SkyModelFit> FitSkyModel(const std::vector<SkyPoint>& points, SkyM
         const std::array<Polynomial, 2> linear = {fit.Fitted(0), fit.Fitted(1)};
         std::array<Polynomial, 2> plane = linear;
         std::vector<LensTerm> lens;
-        // A lens changes CD, by which its constants are multiplied, by a small part.
+        // The constants of a lens are multiplied by CD, which they change only a little: a few
+        // passes suffice.
         constexpr int lensPasses = 4;
         for (int pass = 0; pass < lensPasses && shape.Lens > 0; ++pass) {
             lens = FitLens(places, shape.Lens, linear, plane, unit);

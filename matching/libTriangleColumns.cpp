@@ -16,7 +16,7 @@ using Doubles [[gnu::vector_size(32)]] = double;
 using Numbers [[gnu::vector_size(32)]] = std::int64_t;
 
 /// The distances of all pairs of stars 1..n, with zeros after each row: a triangle with a side of
-/// length 0 does not pass, so nobody needs to know where a row ends. What is no number is 0 too.
+/// length 0 does not pass, so loops may run past the end of a row. NaN becomes 0 too.
 class PaddedDistances {
  public:
     PaddedDistances(const PlateStarList& list, std::size_t n)
@@ -63,7 +63,7 @@ class Builder {
     }
 
  private:
-    /// Makes room for so many more.
+    /// Makes room for more triangles.
     void Reserve(std::size_t more) {
         if (count_ + more <= triangles_.Corners.size()) return;
         const std::size_t size = count_ + std::max(more, count_ / 2);
@@ -101,7 +101,7 @@ class Builder {
             const Doubles shortest = rest < smaller ? rest : smaller;
             const Doubles midRatio = middle / longest;
             const Doubles shortRatio = shortest / longest;
-            // Sides of length 0 make ratios of 0 or none, and neither passes.
+            // Sides of length 0 give ratios of 0 or NaN, and neither passes.
             const Numbers passed = (midRatio < RatioBounds::LargestRatio) &
                                    (midRatio + shortRatio > RatioBounds::LeastSum) &
                                    (midRatio - shortRatio > RatioBounds::LeastDifference);

@@ -1,4 +1,4 @@
-// The triangles of a star list as columns of numbers, for comparing many of them at once.
+// The triangles of a star list as columns of numbers, so that many can be compared at once.
 #pragma once
 
 #include <cstdint>
@@ -34,12 +34,12 @@ struct RatioBounds {
 };
 
 /// The triangles of stars 1..n (at most 65535) that can be told apart reliably, in the order of
-/// their stars: the very ones of `BuildTriangles`.
+/// their stars: the same triangles as those of `BuildTriangles`.
 ///
-/// Four triangles with two stars in common are made at once. Sides are put in order by minima and
-/// maxima; which corner faces which follows from where they came from, which is clear as sides of
-/// one length never pass. Every triangle is then written behind the ones before, and the place
-/// only moves on after one that passed, so that there are no branches to guess.
+/// Four triangles with two stars in common are made at once. Minima and maxima sort the sides. The
+/// corners follow from which side is which; this is unambiguous because triangles with equal sides
+/// never pass. Every triangle is written at the end of the columns, and the end only advances when
+/// the triangle passes, so that there are no unpredictable branches.
 TriangleColumns BuildTriangleColumns(const PlateStarList& list, std::int32_t n);
 
 }  // namespace vestrel

@@ -15,8 +15,8 @@ constexpr std::size_t atOnce = 4;
 using Doubles [[gnu::vector_size(32)]] = double;
 using Numbers [[gnu::vector_size(32)]] = std::int64_t;
 
-// The corner of the plane at which the grid begins, and how far it reaches; no triangle lies
-// outside, and one cell is left over all around.
+// The corner of the plane where the grid begins, and its size. No triangle lies outside, and there
+// is a border of one cell on all sides.
 constexpr double leastShort = RatioBounds::LeastSum - RatioBounds::LargestRatio - 0.01;
 constexpr double leastMid = (RatioBounds::LeastSum + RatioBounds::LeastDifference) / 2 - 0.005;
 constexpr double shortRange = RatioBounds::LargestRatio - leastShort;
@@ -28,13 +28,13 @@ VESTREL_KERNEL void Load(Doubles& numbers, const double* from) {
 
 }  // namespace
 
-/// Looks into a grid.
+/// Searches a grid.
 class GridSearch {
  public:
     struct Nearest {
         std::int32_t Index = 0;
-        double Squared = 0;    ///< distance, as `VoteTriangles` reckons it
-        bool Unclear = false;  ///< another one is just as near
+        double Squared = 0;    ///< squared distance, computed as in `VoteTriangles`
+        bool Unclear = false;  ///< another triangle is equally near
     };
 
     explicit GridSearch(const TriangleGrid& grid)
@@ -103,7 +103,7 @@ class GridSearch {
     }
 
  private:
-    /// As above, knowing that nothing farther away than the square root of `bound` counts.
+    /// As above, when only triangles within the square root of `bound` count.
     Nearest FindCarefully(double shortRatio, double midRatio, double bound) const {
         const std::int32_t reach = static_cast<std::int32_t>(std::sqrt(bound) * cellsPerUnit_) + 2;
         const std::int32_t column = ColumnOf(shortRatio, cellsPerUnit_);
@@ -131,7 +131,7 @@ class GridSearch {
 };
 
 TriangleGrid::TriangleGrid(const TriangleColumns& triangles) : count_(triangles.Count()) {
-    // Triangles fill about half of the plane. Beyond the usual tolerance cells gain nothing.
+    // Triangles fill about half of the plane. Cells larger than the usual tolerance gain nothing.
     constexpr double smallestSide = 0.001;
     constexpr double largestSide = 0.0101;
     constexpr double trianglesPerCell = 2;
@@ -142,7 +142,7 @@ TriangleGrid::TriangleGrid(const TriangleColumns& triangles) : count_(triangles.
     columns_ = GridSearch::ColumnOf(RatioBounds::LargestRatio, cellsPerUnit) + 2;
     rows_ = GridSearch::RowOf(RatioBounds::LargestRatio, cellsPerUnit) + 2;
 
-    // Sorted by counting.
+    // A counting sort.
     const auto count = static_cast<std::size_t>(count_);
     std::vector<std::int32_t> cells(count);
     starts_.resize(static_cast<std::size_t>(columns_ * rows_) + 2);
@@ -169,7 +169,7 @@ TriangleGrid::TriangleGrid(const TriangleColumns& triangles) : count_(triangles.
 
 namespace {
 
-/// Votes of a stretch of the outer triangles.
+/// The votes of a range of the outer triangles.
 class GridVoter {
  public:
     GridVoter(VoteTable& votes, const TriangleColumns& outer, const TriangleGrid& inner,
@@ -180,7 +180,7 @@ class GridVoter {
           outerIsFirst_(outerIsFirst),
           limit_(limit) {}
 
-    /// False when something is unclear.
+    /// Returns false when the nearest triangle is unclear.
     VESTREL_KERNEL bool Vote(std::size_t first, std::size_t end) {
         for (std::size_t i = first; i < end; ++i) {
             const double shortRatio = outer_.Short[i];
@@ -226,7 +226,7 @@ std::optional<std::int32_t> VoteByGrid(VoteTable& votes, const TriangleColumns& 
                                        double tolerance, const Progress& progress) {
     if (outer.Count() == 0 || inner.Count() == 0) return 0;
     const double limit = tolerance * tolerance;
-    // Farther than the window reaches, what is nearest depends on where the window ends.
+    // Beyond the reach of the window, the nearest triangle depends on where the window ends.
     if (!(limit <= VoteWindow * VoteWindow)) return std::nullopt;
     constexpr std::size_t atATime = 1024;
     GridVoter voter(votes, outer, inner, outerIsFirst, limit);

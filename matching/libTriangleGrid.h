@@ -1,5 +1,5 @@
-// The nearest of many triangles in the plane of their two ratios, found by looking into a few cells
-// of a grid.
+// Finds the nearest of many triangles in the plane of their two ratios by comparing those in a few
+// cells of a grid.
 #pragma once
 
 #include <cstdint>
@@ -16,10 +16,10 @@ namespace vestrel {
 /// Yao 1980, ACM Trans. Math. Softw. 6, 563), about two to a cell.
 ///
 /// The nearest one is nearly always among those of the 3 × 3 cells around a place. Each row of
-/// three cells lies together in memory and is compared four triangles at a time; what is read
-/// beyond its end are other triangles, which do no harm. A distance is only trusted when it is
-/// shorter than the way out of the 3 × 3 cells; else, and when two seem to be equally near, all
-/// cells within reach are looked through one by one.
+/// three cells lies together in memory and is compared four triangles at a time; reading beyond the
+/// end only adds other triangles, which do no harm. A distance is only trusted when it is shorter
+/// than the distance to the edge of the 3 × 3 cells. Otherwise, and when two triangles seem to be
+/// equally near, all cells within reach are searched one by one.
 class TriangleGrid {
  public:
     TriangleGrid() = default;
@@ -36,17 +36,17 @@ class TriangleGrid {
     std::int32_t rows_ = 0;     ///< of cells
     std::vector<std::int32_t>
         starts_;                 ///< the first triangle of each cell, row by row, and the end
-    TriangleColumns triangles_;  ///< cell by cell, then some that are far from everything
+    TriangleColumns triangles_;  ///< cell by cell, then padding that is far from everything
 };
 
-/// Votes as `VoteTriangles` does, from triangles that nobody has sorted.
+/// Votes like `VoteTriangles`, but from unsorted triangles.
 ///
 /// @param outer        the shorter list of triangles, in any order
 /// @param inner        the other one
 /// @param outerIsFirst whether the stars of `outer` are those of list 1
-/// @return how many triangles voted; nothing when this depends on an order that only sorting gives,
-///         as two triangles are equally near or one lies at the very edge of the search. Then the
-///         table is of no use.
+/// @return how many triangles voted; empty when the result depends on the order of sorted lists,
+///         because two triangles are equally near or one lies exactly at the edge of the search.
+///         Then the table must not be used.
 std::optional<std::int32_t> VoteByGrid(VoteTable& votes, const TriangleColumns& outer,
                                        const TriangleGrid& inner, bool outerIsFirst,
                                        double tolerance, const Progress& progress = {});

@@ -33,7 +33,7 @@ class DistanceTable {
     std::vector<double> distances_;
 };
 
-/// A list of triangles reduced to what the search reads; entry 0 is none.
+/// The ratios of a list of triangles, which are all that the search reads; entry 0 is unused.
 struct RatioColumns {
     std::vector<double> Short;
     std::vector<double> Mid;
@@ -51,8 +51,8 @@ struct Nearest {
     double Squared;
 };
 
-/// The entry of low..high that is nearest to (shortRatio, midRatio), the first one on ties; any
-/// or none when all are `limit` (squared) or more away.
+/// The entry of low..high that is nearest to (shortRatio, midRatio), the first one on ties. Any
+/// entry or none when all are at a squared distance of `limit` or more.
 ///
 /// The entries are sorted on the short ratio, so the search goes outward from the wanted value and
 /// ends where that ratio alone is farther away than the best entry.
@@ -200,7 +200,8 @@ StarMatchList SelectMatches(VoteTable& votes, std::int32_t count1, std::int32_t 
 }
 
 void SortMatches(StarMatchList& matches) {
-    // Ascending, then turned around: the order of equal votes is the one that this gives.
+    // Sorted ascending and then reversed, because results depend on the order of equal votes that
+    // this gives.
     CombSort(matches, matches.Count(), [](const StarMatch& earlier, const StarMatch& later) {
         return later.Votes < earlier.Votes;
     });

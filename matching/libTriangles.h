@@ -1,5 +1,5 @@
-// Triangle voting: which star of one list is which star of another, whatever the shift, rotation
-// and scale between them.
+// Triangle voting: finds which star of one list is which star of another, whatever the shift,
+// rotation and scale between them.
 //
 // Triangles are described by two side ratios and matched in that plane, after Groth 1986 (AJ 91,
 // 1244) and Valdes et al. 1995 (PASP 107, 1119).
@@ -14,7 +14,7 @@
 
 namespace vestrel {
 
-/// Three stars of one list, told apart by the sides that they face.
+/// Three stars of one list, distinguished by the sides that they face.
 struct StarTriangle {
     double LongSide = 0;       ///< plane units of the list
     double MidRatio = 0;       ///< middle side / longest side
@@ -23,10 +23,10 @@ struct StarTriangle {
     std::int16_t Corner2 = 0;  ///< opposite the middle side
     std::int16_t Corner3 = 0;  ///< opposite the longest side
 };
-/// In rising order of `ShortRatio` once sorted.
+/// Sorted by rising `ShortRatio` after `SortTriangles`.
 using StarTriangleList = NumberedList<StarTriangle>;
 
-/// Votes for pairings, indexed (list-1 star, list-2 star), both 1-based.
+/// Votes for pairs, indexed by (list-1 star, list-2 star), both from 1.
 struct VoteTable {
     std::int32_t Count2 = 0;
     std::vector<std::int32_t> Votes;
@@ -40,8 +40,8 @@ struct VoteTable {
     }
 };
 
-/// Builds the triangles of stars 1..n that can be told apart reliably: not near-equilateral,
-/// near-isosceles or flat, in order.
+/// Builds those triangles of stars 1..n whose corners can be told apart reliably, in the order of
+/// their stars: none that are nearly equilateral, nearly isosceles or flat.
 StarTriangleList BuildTriangles(const PlateStarList& list, std::int32_t n);
 
 /// Sorts triangles into rising order of `ShortRatio`.
@@ -51,17 +51,17 @@ void SortTriangles(StarTriangleList& triangles);
 /// first one beyond.
 inline constexpr double VoteWindow = 0.01;
 
-/// Lets each triangle of the shorter list vote, with its nearest one of the other list, for the
-/// pairing of their corners. Only triangles nearer than `tolerance` in the plane of the two ratios
-/// vote. The table is expected to be zero.
+/// Lets each triangle of the shorter list vote, together with the nearest triangle of the other
+/// list, for pairing their corners. They vote only when they are closer than `tolerance` in the
+/// plane of the two ratios. The table must be zero before.
 /// @return how many triangles voted
 std::int32_t VoteTriangles(VoteTable& votes, const StarTriangleList& triangles1,
                            const StarTriangleList& triangles2, double tolerance,
                            const Progress& progress = {});
 
-/// Picks for each star of list 1 the star of list 2 with the most votes, when they are enough:
-/// (m − 2)(m − 1) / `matchDivisor` with m the shorter list's count, and at least 4. A star is
-/// picked once at most; the votes of picked stars are cleared.
+/// Picks for each star of list 1 the star of list 2 with the most votes, if they are enough: at
+/// least (m − 2)(m − 1) / `matchDivisor`, where m is the count of the shorter list, and at least 4.
+/// Each star is picked at most once; the votes of picked stars are cleared.
 /// @return the pairs picked, most votes first, all in use
 StarMatchList SelectMatches(VoteTable& votes, std::int32_t count1, std::int32_t count2,
                             double matchDivisor);

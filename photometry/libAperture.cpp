@@ -20,7 +20,7 @@ double OverlapFromCentre(double r, double x, double y) {
     return sign * (corners + sector) / 2;
 }
 
-/// Counts in rising order of which a part is in use.
+/// Sorted counts, of which a part is in use.
 struct ClippedCounts {
     std::vector<std::int32_t> Sorted;
     std::size_t First = 0;
@@ -48,7 +48,7 @@ struct ClippedCounts {
         }
         return std::sqrt(squares / double(End - First));
     }
-    /// Whether other values are in use now.
+    /// Restricts the part to low..high. Returns whether that changed it.
     bool Clip(double low, double high) {
         const auto first = static_cast<std::size_t>(
             std::lower_bound(Sorted.begin(), Sorted.end(), low) - Sorted.begin());
@@ -98,8 +98,8 @@ double CorrelationOfSky(const PlateImage& image, double x, double y, double inne
             if (count > 0) correlation += 2 * sums[i + reach][j] / (count * variance);
         }
     }
-    // Twelve lags, each counted twice, are uncertain by 2 √(12 / count) together. Less than three
-    // times that is no sign of correlation.
+    // Twelve lags, each counted twice, together have an uncertainty of 2 √(12 / count). Less than
+    // three times that is no evidence of correlation.
     const bool significant = correlation - 1 > 3 * 2 * std::sqrt(12 / std::max(smallestCount, 1.0));
     return significant ? correlation : 1;
 }
@@ -156,14 +156,14 @@ LocalBackground MeasureBackground(const PlateImage& image, double x, double y, d
     std::sort(counts.Sorted.begin(), counts.Sorted.end());
     counts.End = counts.Sorted.size();
 
-    // Stars, or a border without data, spoil one side: the narrower side tells the noise.
+    // Stars, or a border without data, affect one side only; the narrower side gives the noise.
     double level = counts.Median();
     double sigma = std::min(level - counts.AtFraction(0.1587), counts.AtFraction(0.8413) - level);
     double clip = 0;
-    // A Gaussian that is cut at 3 sigma has lost this much of its standard deviation.
+    // Cutting a Gaussian at 3 sigma reduces its standard deviation by this factor.
     constexpr double widening = 1.0136;
     for (int round = 0; round < 20; ++round) {
-        // Never so narrow that whole counts next to the level are lost.
+        // Never narrower than to keep the whole counts next to the level.
         clip = std::max(3 * sigma, 1.5);
         if (!counts.Clip(level - clip, level + clip)) break;
         level = counts.Median();

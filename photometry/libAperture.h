@@ -1,8 +1,8 @@
-// Sums of counts in a circle, and the sky around it.
+// Sums counts in a circle, and measures the sky around it.
 //
-// A pixel counts with the exact part of its square that lies in the circle, so that a sum has no
-// steps as the circle moves. The sky is the sigma-clipped median of a ring (Da Costa 1992, ASP
-// Conf. Ser. 23, 90; Stetson 1987, PASP 99, 191).
+// A pixel counts with the exact fraction of its square that lies in the circle, so that the sum
+// changes smoothly as the circle moves. The sky is the sigma-clipped median of a ring (Da Costa
+// 1992, ASP Conf. Ser. 23, 90; Stetson 1987, PASP 99, 191).
 #pragma once
 
 #include <algorithm>
@@ -24,12 +24,12 @@ struct PixelRange {
     std::int32_t Last = -1;
 };
 
-/// The pixels of 0..size − 1 whose squares come within `reach` of a coordinate. Anything that is
-/// not a number gives an empty range.
+/// The pixels of 0..size − 1 whose squares come within `reach` of a coordinate. NaN gives an empty
+/// range.
 PixelRange PixelsWithin(double coordinate, double reach, std::int32_t size);
 
 /// Calls `work(x, y, dx, dy)` for the pixels of the image whose centres lie within `radius` of a
-/// point, with their distance from it along both axes.
+/// point, with their offset from it along both axes.
 template <typename Work>
 void ForPixelsAround(const PlateImage& image, double x, double y, double radius, Work work) {
     const PixelRange columns = PixelsWithin(x, radius, image.Width);
@@ -50,32 +50,32 @@ double CirclePixelOverlap(double radius, double dx, double dy);
 struct ApertureSum {
     double Sum = 0;          ///< physical counts
     double Area = 0;         ///< pixels
-    double SquaredArea = 0;  ///< sum of the squares of the pixels' parts: carries their noise
-    bool Cut = false;        ///< a part of the circle lies outside the image and is missing
+    double SquaredArea = 0;  ///< sum of the squared fractions of the pixels, for the noise
+    bool Cut = false;        ///< part of the circle lies outside the image and is missing
 };
 /// The sum of the counts in a circle about (x, y).
-/// @param radius pixels; 0 or less, or no number, gives an empty sum
+/// @param radius pixels; NaN or at most 0 gives an empty sum
 ApertureSum SumInAperture(const PlateImage& image, double x, double y, double radius);
 
 struct LocalBackground {
     double Level = 0;        ///< physical counts
     double Scatter = 0;      ///< standard deviation of a pixel, counts
-    std::int32_t Count = 0;  ///< pixels that remained after clipping
-    /// The variance of a sum of pixels, per pixel, over that of a single pixel: 1 for independent
-    /// pixels, more where the image was smoothed or decoded from a compressed picture.
+    std::int32_t Count = 0;  ///< pixels that remain after clipping
+    /// The variance of a sum of pixels, per pixel, divided by that of a single pixel: 1 for
+    /// independent pixels, more when the image was smoothed or comes from a compressed picture.
     double Correlation = 1;
 
-    /// Standard deviation of `Level`: that of a median.
+    /// Standard deviation of `Level`, which is a median.
     double LevelError() const {
         return Count > 0 ? Scatter * std::sqrt(1.5708 * Correlation / Count) : 0;
     }
 };
 
-/// Fewer sky pixels than this tell nothing; `MeasureBackground` then gives a `Count` of 0.
+/// With fewer sky pixels than this, `MeasureBackground` returns a `Count` of 0.
 inline constexpr std::int32_t FewestSkyPixels = 20;
 
 /// The sky in the ring of pixel centres with `inner` < distance <= `outer` from (x, y). Stars in
-/// the ring do no harm as long as they cover much less than half of it.
+/// the ring do no harm as long as they cover much less than half of it. Radii are pixels.
 LocalBackground MeasureBackground(const PlateImage& image, double x, double y, double inner,
                                   double outer);
 

@@ -26,7 +26,7 @@ template <std::size_t N>
 using Vector = std::array<double, N>;
 
 // Both profiles have the parameters height, x, y, log of the half width at half height, and more.
-// Widths and exponents enter by their logarithms, which keeps them positive.
+// Widths and exponents are fitted as logarithms, which keeps them positive.
 
 struct GaussianProfile {
     static constexpr std::size_t Count = 4;
@@ -109,7 +109,7 @@ double SquaredResiduals(const std::vector<Sample>& samples, const Vector<Profile
     return squares;
 }
 
-/// Improves the parameters; false when the steps do not end.
+/// Improves the parameters; false when it does not converge.
 template <typename Profile>
 bool Minimise(const std::vector<Sample>& samples, Vector<Profile::Count>& p, double& squares) {
     constexpr std::size_t n = Profile::Count;
@@ -146,7 +146,7 @@ bool Minimise(const std::vector<Sample>& samples, Vector<Profile::Count>& p, dou
                 }
             }
             damping *= 10;
-            // No smaller step is better: this is the minimum, to the last digit.
+            // Not even smaller steps improve it: this is the minimum, to the last digit.
             if (damping > largestDamping) return true;
         }
         damping = std::max(damping / 10, 1e-12);

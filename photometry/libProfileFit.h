@@ -1,9 +1,9 @@
 // Least-squares fits of round star profiles.
 //
 // The method is Levenberg's and Marquardt's (Marquardt 1963, J. SIAM 11, 431); the second profile
-// is Moffat's (1969, A&A 3, 455). All pixels weigh the same, so no gain is needed and a wrong one
-// does no harm; the profile is taken at pixel centres, so its width includes that of a pixel. The
-// sky is given and not fitted, as it cannot be told from a Moffat profile's wings.
+// is Moffat's (1969, A&A 3, 455). All pixels have the same weight, so the gain does not matter. The
+// profile is evaluated at pixel centres, so its width includes that of a pixel. The sky is given
+// and not fitted, because a fit cannot distinguish it from the wings of a Moffat profile.
 #pragma once
 
 #include <cstdint>
@@ -12,10 +12,10 @@
 
 namespace vestrel {
 
-/// A fitted profile: `Height` × (1 + k r² / w²)^−Beta about (X, Y), w half of `Fwhm` and
-/// k = 2^(1/Beta) − 1; for a Gaussian its limit at an infinite `Beta`.
+/// A fitted profile: `Height` × (1 + k r² / w²)^−Beta about (X, Y), w half of `Fwhm` and k =
+/// 2^(1/Beta) − 1; for a Gaussian the limit of infinite `Beta`.
 struct ProfileFit {
-    bool Valid = false;  ///< a star came out; else the numbers mean nothing
+    bool Valid = false;  ///< the fit succeeded; else the numbers mean nothing
     double X = 0;        ///< pixels
     double Y = 0;
     double Height = 0;    ///< above the sky, counts
@@ -24,7 +24,7 @@ struct ProfileFit {
     double Residual = 0;  ///< root mean square of counts − profile
 };
 
-/// Where a fit starts and what it sees: the pixel centres within `Radius` of (X, Y).
+/// The start values of a fit, and its data: the pixel centres within `Radius` of (X, Y).
 struct ProfileFitStart {
     double X = 0;
     double Y = 0;

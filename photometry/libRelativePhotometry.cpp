@@ -32,7 +32,7 @@ std::vector<PhotometryWarning> WarningsOf(const StarMeasurement& first,
     warn(second.Cut, SecondCut);
     warn(same, SameStar);
     warn(!same && distance < first.Radii.Aperture + second.Radii.Aperture, AperturesOverlap);
-    // Each radius catches another share of a star's light.
+    // Different radii collect different shares of a star's light.
     warn(first.Radii.Aperture != second.Radii.Aperture, AperturesDiffer);
     warn(!first.GainKnown || !second.GainKnown, GainUnknown);
     warn(first.SignalToNoise < lowSignal || second.SignalToNoise < lowSignal, LowSignal);

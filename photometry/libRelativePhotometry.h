@@ -1,9 +1,9 @@
 // The magnitude difference of two measured stars, and a table of such differences.
 //
 // Differential photometry in one frame (Howell 2006, Handbook of CCD Astronomy, 2nd ed., chapter
-// 5): what dims both stars alike falls out of the difference, and the errors of the two fluxes add
-// in squares. They hold each star's photons (when the header knows the gain), the sky's scatter
-// under its aperture, read-out noise included, and the error of its sky level.
+// 5): what dims both stars alike cancels in the difference, and the errors of the two fluxes add in
+// quadrature. They contain each star's photon noise (when the header has the gain), the scatter of
+// the sky under its aperture, including read-out noise, and the error of its sky level.
 #pragma once
 
 #include <optional>
@@ -32,11 +32,11 @@ enum class PhotometryWarning {
 const char* WarningText(PhotometryWarning warning);
 
 struct RelativeMagnitude {
-    bool Valid = false;     ///< both stars were measured and have light; else there is no number
+    bool Valid = false;     ///< both stars were measured and have light; else there is no result
     double Difference = 0;  ///< second − first: above 0 when the second star is fainter
     double Error = 0;       ///< standard deviation
-    /// The second star's magnitude when the first one's is known. Its error is `Error` and the
-    /// known magnitude's own, which the catalog does not tell.
+    /// The second star's magnitude when that of the first is known. Its error is `Error` plus that
+    /// of the known magnitude, which the catalog does not give.
     std::optional<double> SecondMagnitude;
     std::vector<PhotometryWarning> Warnings;
 };
@@ -46,7 +46,7 @@ struct RelativeMagnitude {
 RelativeMagnitude CompareStars(const StarMeasurement& first, const StarMeasurement& second,
                                std::optional<double> firstMagnitude);
 
-/// One row of the table. A difference is only as good as its frame, so a row names it.
+/// One row of the table. A row names its image, because the difference holds for that frame.
 struct PhotometryRow {
     std::string Image;  ///< file name, UTF-8
     std::string DateObs;
@@ -60,7 +60,7 @@ struct PhotometryRow {
 
 /// The whole table as comma-separated values (RFC 4180): a header row, lines end with CR LF, texts
 /// with commas, quotes or line ends are quoted, numbers have a decimal point whatever the locale;
-/// what is not known is empty.
+/// unknown values are empty.
 std::string PhotometryCsv(const std::vector<PhotometryRow>& rows);
 
 }  // namespace vestrel

@@ -55,11 +55,11 @@ void MeasureWidth(const PlateImage& image, double windowSigma, StarMeasurement& 
     star.FwhmFromRms = star.RmsDiameter * fwhmPerSigma / (2 * std::numbers::sqrt2);
 }
 
-/// The highest pixel near the centre, and whether the sensor could not count it.
+/// Finds the highest pixel near the centre, and whether it is saturated.
 ///
 /// The level alone would miss stars that clip below it, and those of an image whose background was
-/// subtracted. They have a flat top instead: of a Gaussian, 2π σ² × 0.01 pixels lie within a
-/// hundredth of its peak, and four when the star is sharp and falls between four pixels.
+/// subtracted. Such stars have a flat top: of a Gaussian, only 2π σ² × 0.01 pixels lie within a
+/// hundredth of its peak, or four when a sharp star falls between four pixels.
 void LookAtPeak(const PlateImage& image, double windowSigma, StarMeasurement& star) {
     constexpr double depth = 0.01;
     constexpr double clearOfNoise = 20;
@@ -82,11 +82,11 @@ void LookAtPeak(const PlateImage& image, double windowSigma, StarMeasurement& st
         (star.Peak > clearOfNoise * star.BackgroundScatter && topPixels > 5 + 3 * topOfGaussian);
 }
 
-/// Whether the aperture holds another peak. The star's own light is taken to be the same on
-/// opposite sides; companions within its own width do not show.
+/// Whether the aperture contains another peak. The star's own light is assumed to be equal on
+/// opposite sides; companions within its own width are not detected.
 bool HasCompanion(const PlateImage& image, const LocalBackground& sky, double gain,
                   double windowSigma, const StarMeasurement& star) {
-    constexpr double smallestShare = 0.01;  // of the star's peak: less does not matter
+    constexpr double smallestShare = 0.01;  // of the star's peak; weaker companions do not matter
     constexpr double unevenness = 0.1;      // of the star's own light on opposite sides
     const double core = std::max(2.0, fwhmPerSigma * windowSigma);
     bool found = false;
@@ -145,7 +145,7 @@ ZeroPoint ClippedMean(const std::vector<double>& values) {
 
 ApertureRadii RadiiFor(const ApertureSettings& settings) {
     const auto held = [](double radius, double largest) {
-        return radius > 1 ? std::min(radius, largest) : 1;  // also for what is no number
+        return radius > 1 ? std::min(radius, largest) : 1;  // NaN becomes 1
     };
     constexpr double fewestSquare = 200 / std::numbers::pi;
     ApertureRadii radii;
@@ -189,7 +189,6 @@ StarMeasurement MeasureAperture(const PlateImage& image, double x, double y,
     LocalBackground sky = skyAround(x, y);
     if (sky.Count == 0) return failed(StarOutcome::TooLittleSky);
 
-    // Find it.
     const double searchRadius = std::clamp(star.Radii.Aperture, 2.0, 8.0);
     const GridPixel peak = PeakNear(image, x, y, searchRadius, sky);
     sky = skyAround(peak.X, peak.Y);
@@ -204,7 +203,6 @@ StarMeasurement MeasureAperture(const PlateImage& image, double x, double y,
         return failed(StarOutcome::NoStar);
     }
 
-    // Measure it.
     star.Outcome = StarOutcome::Measured;
     star.X = windowed.X;
     star.Y = windowed.Y;

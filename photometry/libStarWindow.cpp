@@ -8,7 +8,7 @@ namespace vestrel {
 
 namespace {
 
-/// The pixel that `here` stands beside, or itself, with the highest smoothed count.
+/// The pixel with the highest smoothed count among `here` and its neighbours.
 GridPixel HighestNeighbour(const PlateImage& image, GridPixel here) {
     GridPixel highest = here;
     double height = SmoothedCount(image, here.X, here.Y);
@@ -29,8 +29,9 @@ bool Same(GridPixel a, GridPixel b) {
     return a.X == b.X && a.Y == b.Y;
 }
 
-/// How far from its peak a star's light falls before a neighbour's rises: the brightest pixel of
-/// each ring, one pixel wide, is looked at from the inside out. `largest` where none rises.
+/// The distance from the peak at which a star's light stops falling because a neighbour's begins:
+/// compares the brightest pixels of rings, one pixel wide, from the inside out. `largest` when
+/// there is no neighbour.
 double ValleyRadius(const PlateImage& image, GridPixel peak, const LocalBackground& sky,
                     double gain, double largest) {
     std::vector<double> brightest(static_cast<std::size_t>(largest) + 2, 0);
@@ -115,7 +116,8 @@ WindowedStar FollowWindow(const PlateImage& image, GridPixel peak, const LocalBa
     constexpr double smallestSigma = 0.5;
     constexpr int mostRounds = 60;
     constexpr double reach = 3;  // window sigmas: all but a millionth of the star
-    // A moment moves by 1 / 1.5 of the star's shift when the window's variance is twice the star's.
+    // The moment shifts by 1 / 1.5 of the star's shift when the window's variance is twice the
+    // star's.
     constexpr double shiftPerMoment = 1.5;
     WindowedStar star{false, double(peak.X), double(peak.Y), startSigma, 0};
     const double largestSigma = std::max(largestRadius / 2, startSigma);
@@ -161,7 +163,7 @@ WindowedStar FollowWindow(const PlateImage& image, GridPixel peak, const LocalBa
         sigma = std::clamp(sigma, smallestSigma, largestSigma);
         const double widening = std::fabs(sigma - star.Sigma);
         star.Sigma = sigma;
-        // GridPixels at the window's rim come and go: there may be no end below these steps.
+        // Pixels at the window's rim enter and leave, so the steps may never get smaller than this.
         const bool last = round == mostRounds - 1;
         if ((step < 1e-5 && widening < 1e-4) || (last && step < 0.01)) {
             star.PositionError = shiftPerMoment * std::sqrt(noise) / sum;

@@ -72,7 +72,8 @@ LocalTime LocalTimeAt(system_clock::time_point moment) {
 #else
     std::tm local{};
     const int bias = BiasAt(seconds, local);
-    // Summer time is ahead, whichever end of the year it is at and whatever the zone calls it.
+    // Summer time is ahead of standard time, so standard time has the larger bias of two days half
+    // a year apart, in either hemisphere and whatever the zone calls it.
     std::tm ignored{};
     const std::time_t newYear = seconds - local.tm_yday * std::time_t{86400};
     const int standard =

@@ -5,7 +5,7 @@
 
 namespace vestrel {
 
-/// A moment as the clock on the wall shows it. Universal time is this and the bias.
+/// A moment in local time. Universal time is local time plus the bias.
 struct LocalTime {
     int Year = 2000;
     int Month = 1;  ///< 1..12
@@ -17,8 +17,8 @@ struct LocalTime {
     int StandardBiasSeconds = 0;  ///< the same without summer time
 };
 
-/// The local time of a moment, its bias taken together with it: the hour that summer time repeats
-/// is told apart. Safe on any thread.
+/// The local time of a moment with the bias of that same moment, so that the hour which occurs
+/// twice at the end of summer time is unambiguous. Safe on any thread.
 LocalTime LocalTimeAt(std::chrono::system_clock::time_point moment);
 
 }  // namespace vestrel

@@ -143,13 +143,13 @@ bool TakesEscapeSequences(std::FILE* stream) {
 
 namespace {
 
-// A signal handler can reach nothing but such a number.
+// A signal handler may use objects of this type only.
 volatile std::sig_atomic_t lateExitCode = 0;
 
 volatile std::sig_atomic_t secondsLeft = 0;
 
-/// The first time it only wakes what waits: a signal that came just before that began to wait did
-/// not.
+/// The first alarm only interrupts waiting calls: a signal that came just before a call began to
+/// wait did not interrupt it.
 extern "C" void EndLate(int /*signal*/) {
     if (secondsLeft == 0) _exit(lateExitCode);
     alarm(static_cast<unsigned>(secondsLeft));

@@ -23,12 +23,12 @@ class ProgramArguments {
     std::vector<const char*> pointers_;  ///< into `texts_`
 };
 
-/// While it lives the console shows UTF-8 and takes escape sequences, as consoles elsewhere do
-/// anyway; after it, it is as it was.
+/// While it lives, a Windows console shows UTF-8 and takes escape sequences, as other consoles do
+/// anyway. The destructor restores the console's former state.
 class PreparedConsole {
  public:
     PreparedConsole();
-    // It has something to do on Windows.
+    // The destructor has work to do on Windows only.
     ~PreparedConsole();  // NOLINT(performance-trivially-destructible)
     PreparedConsole(const PreparedConsole&) = delete;
     PreparedConsole& operator=(const PreparedConsole&) = delete;
@@ -40,29 +40,29 @@ class PreparedConsole {
 #endif
 };
 
-/// What `main` does: hands the arguments to `run` and returns what it returns. A failure that
-/// reaches it is told on standard error, after the program's name; `codeOf` says what it returns
-/// then.
+/// The body of `main`: passes the arguments to `run` and returns its exit code. An exception that
+/// leaves `run` is reported on standard error after the program's name, and the exit code is
+/// `codeOf(exception)`.
 int RunProgram(const char* name, int argc, const char* const* argv,
                int (*run)(int argc, const char* const* argv),
                int (*codeOf)(const std::exception& failure));
 
-/// The text (UTF-8) with "?" and "¿" for control characters. Texts out of files go through it on
-/// their way to a terminal, which would obey them. The characters in `kept` stay.
+/// The text (UTF-8) with "?" or "¿" in place of each control character that is not in `kept`. Texts
+/// from files go through it before they reach a terminal, which would obey such characters.
 std::string WithoutControls(std::string text, std::string_view kept = {});
 
-/// A JSON text whose strings hold control characters as escapes only: also those that JSON lets
-/// pass (DEL and the ones from 128 on).
+/// The JSON text with DEL and the control characters U+0080 to U+009F as escapes too, which JSON
+/// itself lets pass.
 std::string WithEscapedControls(std::string_view json);
 
-/// Ends this process with an exit code when it still runs after so many seconds, whatever it waits
-/// for. May be called in a signal handler.
+/// Ends this process with `exitCode` if it still runs after `seconds`, whatever it waits for. May
+/// be called in a signal handler.
 void EndWithin(unsigned seconds, int exitCode);
 
 /// Whether a stream leads to a screen.
 bool IsTerminal(std::FILE* stream);
 
-/// Whether it leads to one that takes escape sequences; old consoles print them.
+/// Whether a stream leads to a screen that takes escape sequences; old consoles print them instead.
 bool TakesEscapeSequences(std::FILE* stream);
 
 }  // namespace vestrel

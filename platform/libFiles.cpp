@@ -122,8 +122,8 @@ FileHandle CreateNewFile(const fs::path& path) {
 void RenameOver(const fs::path& from, const fs::path& to, std::error_code& error) {
     fs::rename(from, to, error);
 #ifdef _WIN32
-    // Windows refuses while anyone reads the file that goes. Whoever waits for a result does so
-    // often, and so do the programs that look for viruses, but never for long.
+    // Windows refuses while another program reads the old file. Programs that wait for a result and
+    // virus scanners read it often, but never for long.
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
     while (error && std::chrono::steady_clock::now() < end && fs::exists(to)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -141,14 +141,15 @@ bool MayWrite(const fs::path& path) {
 #endif
 }
 
-/// What the names of a file's temporaries begin with. A name of the greatest length leaves no room
-/// for more.
+/// What the names of a file's temporaries begin with. It is cut, because a name of the greatest
+/// length leaves no room for the ending.
 fs::path TemporaryStem(const fs::path& path) {
     constexpr std::size_t nameLength = 200;
     return path.filename().native().substr(0, nameLength);
 }
 
-/// The process that a temporary's name tells of; 0 when it is none of this stem.
+/// The number of the process that writes a temporary, read from its name; 0 when the name is not
+/// that of a temporary of this stem.
 long WriterOf(const fs::path& name, const fs::path& stem) {
     if (!name.native().starts_with(stem.native())) return 0;
     const fs::path::string_type rest = name.native().substr(stem.native().size());
@@ -206,8 +207,8 @@ void RemoveStaleTemporaries(const fs::path& path) {
 
 /// A new file beside `path`, under a name that it returns in `temporary`.
 FileHandle CreateTemporary(const fs::path& path, fs::path& temporary) {
-    // Never a file or link that is there already: whoever may write in the folder could have put it
-    // there for us to write through.
+    // Existing files and links are never used: anyone who may write in the folder could have put
+    // one there to make this program write elsewhere.
     const std::string ending = "." + std::to_string(ProcessNumber());
     RemoveStaleTemporaries(path);
     FileHandle file;
@@ -241,7 +242,7 @@ NewFile::NewFile(const fs::path& path) {
     std::error_code error;
     path_ = FollowLinks(path, error);
     if (error || path_.empty()) path_ = path;
-    // A rename would put a file in the place of a device, and of one that is write-protected.
+    // A rename would replace even a device or a write-protected file.
     const fs::file_status there = fs::status(path_, error);
     if (fs::exists(there)) {
         if (fs::is_directory(there)) Fail(path, std::make_error_code(std::errc::is_a_directory));

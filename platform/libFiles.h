@@ -26,17 +26,17 @@ FileHandle OpenFile(const std::filesystem::path& path, const char* mode);
 /// file has no length (a pipe).
 std::int64_t FileLength(std::FILE* file);
 
-/// Moves the position of an open file to a byte counted from its start.
+/// Moves the position of an open file to a byte counted from its start. False when that fails.
 bool SeekFile(std::FILE* file, std::uint64_t position);
 
 /// Reads a whole file of at most `limit` bytes. False when it cannot be read or is longer.
 bool ReadWholeFile(const std::filesystem::path& path, std::size_t limit,
                    std::vector<unsigned char>& bytes);
 
-/// A file that is written piece by piece and takes its place whole or not at all: it grows as a
-/// temporary in the same folder, which `Commit` renames. A file that is replaced hands on its
-/// permissions, and a link keeps pointing at its file. Write-protected files and anything that is
-/// not a file are refused.
+/// A file that is written piece by piece and appears whole or not at all: it grows as a temporary
+/// file in the same folder, which `Commit` renames. The new file takes over the permissions of the
+/// one it replaces, and a link keeps pointing to its file. Write-protected files and anything that
+/// is not a file are refused.
 class NewFile {
  public:
     /// @throws std::system_error with the system's reason

@@ -21,7 +21,7 @@ std::filesystem::path OwnLibrary() {
 }
 #endif
 
-/// Beside the program's folder; of a library, beside itself or its folder.
+/// lib/vestrel beside the program's folder; for a library, vestrel beside it or its folder.
 std::filesystem::path ModuleFolder() {
 #ifndef _WIN32
     if (const std::filesystem::path library = OwnLibrary(); !library.empty()) {

@@ -1,4 +1,4 @@
-// The few facts that only the operating system knows: where files live and how memory is had.
+// What only the operating system knows: where files lie, which processes run, and memory.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,7 @@
 
 namespace vestrel {
 
-/// The folder that holds the catalog when nothing else is said, without a test that it exists.
+/// The folder that holds the catalog unless the user names another one. It need not exist.
 ///
 /// `$VESTREL_CATALOG` when set; else on Windows the common application-data folder +
 /// "\Harrowdene\KEL\", elsewhere the first of `$XDG_DATA_HOME/Harrowdene/KEL` (`~/.local/share`
@@ -20,41 +20,47 @@ std::filesystem::path DefaultCatalogFolder();
 /// `$XDG_CONFIG_HOME/vestrel/Vestrel.ini` (`~/.config` when unset).
 std::filesystem::path SettingsFilePath();
 
-/// The file that remembers which images were opened last. On Windows it is beside the
-/// settings, $VESTREL_SETTINGS aside; elsewhere `$XDG_STATE_HOME/vestrel/recent-images`
-/// (`~/.local/state` when unset).
+/// The file that remembers which images were opened last. On Windows it lies where the settings
+/// file lies when `$VESTREL_SETTINGS` is unset; elsewhere it is
+/// `$XDG_STATE_HOME/vestrel/recent-images` (`~/.local/state` when unset).
 std::filesystem::path RecentImagesFilePath();
 
 /// The folder that holds the running program; the current folder when it cannot be told.
 std::filesystem::path ProgramFolder();
 
-/// The number of this process, and whether the one of a number runs; one of another user counts.
+/// The number of this process.
 long ProcessNumber();
+/// Whether the process with a number runs, whoever owns it.
 bool IsRunning(long process);
 
-/// A path from UTF-8 text, and back.
+/// A path from UTF-8 text, and back. On Windows, text that is not valid becomes replacement
+/// characters.
 std::filesystem::path PathFromText(const std::string& utf8);
 std::string TextFromPath(const std::filesystem::path& path);
 
-/// A path from its root on, without a look at what is there; the path itself when that fails. On
-/// Windows the standard library takes a share ("\\server\share") for a folder of the current
-/// drive.
+/// The absolute form of a path, whether or not the file exists; the path itself when that fails. It
+/// is our own, because on Windows the standard library takes a share ("\\server\share") for a
+/// folder of the current drive.
 std::filesystem::path AbsolutePath(const std::filesystem::path& path);
 
-/// The path without the links in it; what it leads to need not be there. The path itself with an
-/// `error`. On Windows links are not looked for: the standard library knows none there.
+/// The path with its links resolved; its target need not exist. The path itself when there is an
+/// `error`, and always on Windows, where the standard library knows no links.
 std::filesystem::path FollowLinks(const std::filesystem::path& path, std::error_code& error);
 
-/// The largest resident memory that this process has had so far (bytes); 0 when unknown.
+/// The largest resident memory of this process so far (bytes); 0 when unknown.
 std::size_t PeakMemoryBytes();
 
-/// Zero-filled memory for `bytes` bytes; throws std::bad_alloc when there is none. Pages that are
-/// never touched cost nothing, so a huge but empty image is cheap until it is written to.
+/// How a block of memory will be used.
 enum class MemoryUse {
     Swept,     ///< all of it will be touched: large pages save page faults
     Scattered  ///< little of it will be touched: small pages save memory
 };
+/// Zero-filled memory for `bytes` bytes. Pages that are never touched cost nothing, so a huge but
+/// empty image is cheap until it is written to.
+/// @return null for 0 bytes
+/// @throws std::bad_alloc
 void* AllocateZeroed(std::size_t bytes, MemoryUse use);
+/// Frees such a block; `bytes` as it was allocated. Null is allowed.
 void FreeZeroed(void* block, std::size_t bytes) noexcept;
 
 }  // namespace vestrel

@@ -32,7 +32,7 @@ using Entry = std::unique_ptr<zip_file_t, EntryCloser>;
     throw ZipFault(TextFromPath(path) + " " + what);
 }
 
-/// An archive over bytes in memory. The source stays the caller's too.
+/// An archive over bytes in memory. The caller keeps its own reference to the source.
 Archive OpenArchive(zip_source_t* source, int flags, const std::filesystem::path& path) {
     zip_error_t error;
     zip_error_init(&error);
@@ -51,7 +51,7 @@ std::string ReadEntry(zip_t* archive, zip_uint64_t number, std::size_t room,
                       const std::filesystem::path& path) {
     const Entry entry(zip_fopen_index(archive, number, 0));
     if (!entry) Fail(path, std::string("cannot be unpacked: ") + zip_strerror(archive));
-    // What the archive says of its sizes is not relied on.
+    // The sizes that the archive states are not trusted.
     constexpr std::size_t piece = std::size_t{1} << 16;
     std::string bytes;
     for (;;) {

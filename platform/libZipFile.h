@@ -19,14 +19,14 @@ struct ZipFault : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// What an archive may hold; a small one can unpack to any size.
+/// The limits of an archive, since a small one can unpack to any size.
 struct ZipLimits {
     std::size_t MostEntries = 5000;
     std::size_t MostBytes = std::size_t{512}
                             << 20;  ///< of the archive, and of all entries unpacked
 };
 
-/// Whether this program was built with what archives need.
+/// Whether this program was built with the library for archives.
 bool HasZip();
 
 /// Writes an archive, whole or not at all.

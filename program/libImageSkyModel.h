@@ -8,15 +8,16 @@
 
 namespace vestrel {
 
-/// Which place of the sky each pixel of the loaded image shows.
+/// The map between the pixels of the loaded image and the sky.
 struct ImageSkyModel {
     SkyModel Model;
-    /// The fit to all stars. Nothing for an image that was opened solved, or where the stars bear
-    /// no better model than the plate: then the model is the plate as an ordinary photograph.
+    /// The fit to all stars. Nothing for an image that was opened solved, or when the stars support
+    /// no better model than the plate: the model is then the plate, converted to a gnomonic map.
     std::optional<SkySolution> Solution;
-    /// How faint the stars are that a solve of this field compares: those that overlays show.
+    /// The faintest magnitude that a solve of this field compares; overlays show stars down to it.
     double MagnitudeLimit = 0;
-    PlateStarList CatalogStars;  ///< that its pairs point to, index 0 being number 1
+    PlateStarList CatalogStars;  ///< the stars that `Solution`'s pairs point to: index 0 there is
+                                 ///< number 1 here
 };
 
 }  // namespace vestrel

@@ -43,7 +43,7 @@ PlateSolution SolutionOf(const RegionMatch& region, const PlateStarList& plateSt
     solution.Pairs = region.Found.Matches;
     solution.CatalogStars = region.CatalogStars;
     solution.PlateStars = plateStars;
-    // The centre comes from the match, as it always has, and not from the last fit.
+    // The centre comes from the match, not from the last fit, as it always has.
     const SkyPosition centre = CentreOf(region, width, height);
     solution.CentreRA = centre.Ra;
     solution.CentreDec = centre.Dec;

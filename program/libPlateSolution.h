@@ -1,4 +1,4 @@
-// What a successful solve produces, and what follows from it.
+// The result of a successful solve, and what follows from it.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,8 @@
 
 namespace vestrel {
 
-/// Everything that one successful solve produces. It belongs to the image that was solved, and
-/// needs nothing else: it keeps the stars that its pairs point to.
+/// Everything that one successful solve produces. It belongs to the image that was solved and keeps
+/// the stars that its pairs point to, so it depends on nothing else.
 struct PlateSolution {
     StarMatchList Pairs;         ///< star 1 of `CatalogStars`, star 2 of `PlateStars`
     PlateStarList CatalogStars;  ///< of the winning region, about the tangent point
@@ -22,7 +22,7 @@ struct PlateSolution {
     PlateConstants Transform;    ///< A, B, U0, C, D, V0: arcseconds about the tangent point
                                  ///< to pixels
     double Scale = 0;            ///< pixels per arcsecond
-    double Stretch = 0;          ///< as fitted; shown with its sign turned
+    double Stretch = 0;          ///< as fitted; shown with its sign changed
     double Skew = 0;
     double Angle = 0;               ///< position angle, radians
     double Rms = 0;                 ///< pixels
@@ -34,7 +34,7 @@ struct PlateSolution {
     double WidthArcmin = 0;
     double HeightArcmin = 0;
     std::int32_t ExtractedCount = 0;   ///< stars that the extraction reported
-    std::int32_t RegionsSearched = 0;  ///< the winning one included
+    std::int32_t RegionsSearched = 0;  ///< including the winning one
     double MagnitudeZeroPoint = 0;     ///< mean of instrumental − catalog magnitude
     MatchConfidence Confidence;
 
@@ -44,15 +44,14 @@ struct PlateSolution {
     SkyPosition Tangent() const { return {TangentRA, TangentDec}; }
 };
 
-/// The solution that a matched region gives: its plate fitted once more to the pairs in use, and
-/// what follows from that. The counts of stars and regions and the confidence are left to the
-/// caller.
+/// The solution of a matched region: its plate is fitted once more to the pairs in use. The caller
+/// sets `ExtractedCount`, `RegionsSearched` and `Confidence`.
 /// @param width, height of the image, pixels
 PlateSolution SolutionOf(const RegionMatch& region, const PlateStarList& plateStars,
                          std::int32_t width, std::int32_t height);
 
-/// Fits the plate to the pairs in use, and sets what follows from the fit alone: the transform with
-/// its geometry, the residual, the count of the pairs in use, and the size of the field.
+/// Fits the plate to the pairs in use and sets what follows from the fit alone: the transform and
+/// its geometry, `Rms`, `MatchedCount`, and the size of the field.
 /// @param width, height of the image, pixels
 void FitSolution(PlateSolution& solution, std::int32_t width, std::int32_t height);
 
@@ -61,7 +60,7 @@ struct MatchedStar {
     const PlateStar* Catalog = nullptr;
     const PlateStar* Plate = nullptr;
 };
-/// The pairs in use, in their order. They point into the solution.
+/// The pairs in use, in their order, as pointers into the solution.
 std::vector<MatchedStar> MatchedStars(const PlateSolution& solution);
 
 /// An angle (radians) as position angle, degrees 0..360.

@@ -1,4 +1,4 @@
-// The codes that a solve ends with. Other programs read them: they never change their meaning.
+// The codes with which a solve ends. Other programs read them, so their meaning never changes.
 #pragma once
 
 #include <array>
@@ -18,7 +18,7 @@ inline constexpr std::array SolveCodes = {SolveCode::Solved, SolveCode::TooFewSt
                                           SolveCode::NoMatch, SolveCode::Stopped,
                                           SolveCode::NoImage};
 
-/// The code as it stands in files and reports.
+/// The number of a code in files and reports.
 inline constexpr std::int16_t NumberOf(SolveCode code) {
     return static_cast<std::int16_t>(code);
 }

@@ -34,7 +34,7 @@ constexpr std::size_t largestFile = std::size_t{256} << 20;
     throw std::runtime_error("The bundle is damaged: " + what + ".");
 }
 
-/// Every number of the settings under its name, in both directions.
+/// Visits every number of the settings with its name, for reading and writing.
 template <typename Parameters, typename Visit>
 void ForParameters(Parameters& parameters, const Visit& visit) {
     visit("max_star_size", parameters.MaxStarSize);
@@ -103,7 +103,7 @@ Json WrittenRequest(const SearchRequest& request) {
             {"time_limit", request.TimeLimit}};
 }
 
-/// A number that a search can begin with.
+/// Reads a number of a request and refuses one that is out of range.
 double ReadNumber(const Json& json, const char* name, double least, double most) {
     const double value = json.at(name).get<double>();
     if (!(value >= least && value <= most)) Damaged(std::string(name) + " is out of range");
@@ -143,7 +143,7 @@ void AddFile(std::vector<ZipEntry>& entries, std::string name, const fs::path& p
     entries.push_back({std::move(name), std::string(bytes.begin(), bytes.end())});
 }
 
-/// A new folder of this process alone, within that for temporary files.
+/// Makes a new folder for this process alone, inside the system's folder for temporary files.
 fs::path MakeFolder() {
     std::random_device random;
     for (int attempt = 0; attempt < 100; ++attempt) {
@@ -245,7 +245,7 @@ Bundle::Bundle(const std::filesystem::path& path) : contents_(std::make_unique<C
         throw std::runtime_error(TextFromPath(path) + " is an archive, but no bundle.");
     }
     try {
-        // Brackets within brackets would take the stack.
+        // Deep nesting would exhaust the stack.
         constexpr int deepest = 20;
         bool tooDeep = false;
         const Json json = Json::parse(main->Bytes, [&](int depth, auto, auto&) {
@@ -269,7 +269,7 @@ Bundle::Bundle(const std::filesystem::path& path) : contents_(std::make_unique<C
         image.Header.BitPix = static_cast<std::int16_t>(ReadNumber(picture, "bitpix", -64, 64));
         image.TopRowFirst = picture.at("top_row_first").get<bool>();
         if (picture.value("mosaic", false)) {
-            // All of the header that a plan looks at.
+            // The only parts of the header that a plan reads.
             image.Header.Cards[1] = FitsTextCard("BAYERPAT", "RGGB");
             image.Header.CardCount = 1;
         }

@@ -15,7 +15,7 @@ namespace {
 
 using nlohmann::json;
 
-/// The options of several sources as one command line: those that take a list once.
+/// Combines the options of several sources into one command line; options with a list occur once.
 ToolArguments MergedOptions(const std::vector<CatalogSourceChoice>& sources) {
     std::map<std::string, ToolArguments> values;
     std::vector<std::string> order;

@@ -1,7 +1,7 @@
-// Building a catalog from a window: what vestrel-catalog is asked for, and what it answers.
+// Building a catalog from a window: the command lines of vestrel-catalog and its answers.
 //
-// It runs as a process of its own, so that neither a failure nor the end of the window harms a
-// catalog: its builds are complete or absent.
+// vestrel-catalog runs as a separate process, so that neither a failure nor closing the window
+// harms a catalog: a build is complete or absent.
 #pragma once
 
 #include <optional>
@@ -11,53 +11,55 @@
 
 namespace vestrel {
 
-/// Something that a catalog can be made from.
+/// A source from which a catalog can be made.
 struct CatalogSourceChoice {
     std::string Text;                       ///< for the user
-    std::vector<std::string> BuildOptions;  ///< that make `vestrel-catalog build` take it
+    std::vector<std::string> BuildOptions;  ///< the options of `vestrel-catalog build` that use it
 };
 
-/// The words after the program's name.
+/// The arguments after the program's name.
 using ToolArguments = std::vector<std::string>;
 
-/// Asks for what there is: in the usual places, or in some folder.
+/// The arguments that list the sources in the usual places, or in a folder.
 ToolArguments SourcesQuestion(const std::string& folder = {});
 
-/// Reads the answer; nothing when it is none.
+/// Parses the answer; empty when it is not valid.
 std::optional<std::vector<CatalogSourceChoice>> ReadSources(const std::string& json);
 
-/// A table that the user names.
+/// The source for a table that the user has chosen.
 CatalogSourceChoice SourceOfTable(const std::string& path);
 
-/// What is to be made, as the user says it.
+/// What the user wants to build.
 struct CatalogWish {
     std::string Folder;
-    std::vector<CatalogSourceChoice> Sources;  ///< none: the catalog stays, tables only
+    std::vector<CatalogSourceChoice> Sources;  ///< empty: the catalog stays, only the tables are
+                                               ///< made
     std::string FaintestMagnitude;             ///< empty: all stars
     bool Tables = true;
     double SmallestField = 0.9;  ///< diagonal of the fields that the tables are for, degrees
     double LargestField = 30;
 };
 
-/// The runs that it takes, one after another; a `Fault` and no runs when the wish makes no sense.
+/// The runs that are needed, one after another; a `Fault` and no runs when the inputs are not
+/// valid.
 struct CatalogRuns {
     std::vector<ToolArguments> Runs;
     std::string Fault;
 };
 CatalogRuns RunsFor(const CatalogWish& wish);
 
-/// How far a run is.
+/// The progress of a run.
 struct ToolProgress {
     std::string Task;            ///< "Reading d50"
     std::optional<int> Percent;  ///< 0..100
-    std::string Count;           ///< of what is done, "1,871,011"
+    std::string Count;           ///< processed items, "1,871,011"
 };
 
-/// Reads a line that a run wrote to standard error; nothing when it is a message.
+/// Parses a line that a run wrote to standard error; empty when it is a message.
 std::optional<ToolProgress> ReadProgress(std::string_view line);
 
-/// How all ended, from the exit code of the last run that was made.
-/// @param catalogIsNew a run before it has replaced the catalog
+/// The outcome in words, from the exit code of the last run.
+/// @param catalogIsNew an earlier run has replaced the catalog
 std::string EndOfRunsText(int exitCode, bool stopped, bool catalogIsNew);
 
 }  // namespace vestrel

@@ -42,7 +42,7 @@ std::vector<Cell> CellsIn(const std::filesystem::path& folder) {
     return cells;
 }
 
-/// The magnitude that all but the faintest hundredth of the stars of some cells reach.
+/// The magnitude that 99 % of the stars in some of the cells do not exceed.
 double DepthOf(const std::vector<Cell>& cells) {
     constexpr std::size_t wanted = 24;
     std::vector<std::int16_t> magnitudes;

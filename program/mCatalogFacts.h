@@ -1,4 +1,4 @@
-// What the catalog folder holds, for the user.
+// Describes the contents of the catalog folder to the user.
 #pragma once
 
 #include <string>
@@ -7,9 +7,9 @@
 
 namespace vestrel {
 
-/// The catalog and its quad tables in lines: where it is, how many stars in how much of the sky,
-/// how deep, and for which fields a blind search can be made. Looks at the sizes of all cells and
-/// into some of them.
+/// The catalog and its quad tables as lines of text: where the catalog lies, how many stars it has
+/// in how much of the sky, how deep it is, and which field sizes a blind search can handle. Reads
+/// the sizes of all cells and the contents of some.
 std::string CatalogFacts(const ProgramState& state);
 
 }  // namespace vestrel

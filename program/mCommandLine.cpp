@@ -16,8 +16,8 @@ namespace vestrel {
 
 namespace {
 
-/// Removes an older result file. A path whose only "." stands in a folder, or that is itself named
-/// like a result file, names no image: nothing of the user's may go for it.
+/// Removes an older result file. A path whose only "." is in a folder name, or that is itself named
+/// like a result file, names no image, so no file of the user is removed for it.
 void RemoveOldResult(const std::string& imagePath) {
     const std::size_t separator = LastFolderSeparator(imagePath);
     const std::filesystem::path file = ResultFilePath(imagePath);
@@ -91,7 +91,7 @@ PlateSearch SearchFor(const UnattendedRequest& request, const SolveParameters& p
 
 namespace {
 
-/// What follows a solve that gave this code when the user asked for more.
+/// Runs the search plan after a solve with this code, unless that was sure or stopped.
 SolveCode TryHarder(ProgramState& state, Port& port, const UnattendedRequest& request,
                     SolveCode code, double seconds) {
     const bool sure = state.Solution && IsSure(state.Solution->Confidence);

@@ -14,7 +14,7 @@ namespace vestrel {
 /// The numeric outcome of one solve and its message.
 struct SolveResult {
     SolveCode Code = SolveCode::TooFewStars;
-    std::string Message;  ///< empty while there is no code
+    std::string Message;  ///< empty before there is a code
 };
 
 /// The five numbers of a parameter string and its image path.
@@ -26,11 +26,11 @@ struct UnattendedRequest {
     std::string Path;  ///< everything after the fifth comma, trimmed
 };
 
-/// What to search for a request.
+/// The search that a request describes.
 PlateSearch SearchFor(const UnattendedRequest& request, const SolveParameters& parameters);
 
-/// Reads "RA,Dec,width,height,regions,path". Nothing when one of the first five fields is missing
-/// or not a number of its type.
+/// Reads "RA,Dec,width,height,regions,path". Angles are radians. Nothing when one of the first five
+/// fields is missing or not a number of its type.
 std::optional<UnattendedRequest> ParseParameterString(const std::string& text);
 
 /// The result file of an image: its path with everything from the last "." replaced by ".kel".
@@ -43,24 +43,24 @@ enum class UnattendedEnd {
     InvalidParameters,  ///< the program ends at once
     InvalidFileName,    ///< no result file
     NoImage,            ///< code −10, no result file
-    Finished            ///< solved or not: `Code` tells
+    Finished            ///< solved or not, see `Result.Code`
 };
 struct UnattendedOutcome {
     UnattendedEnd End = UnattendedEnd::InvalidParameters;
-    SolveResult Result;  ///< of the solve, or code −10
+    SolveResult Result;  ///< result of the solve, or code −10
     bool ResultFileWritten = false;
     UnattendedRequest Request;
 };
 
 /// Solves the image of a parameter string and writes the result file beside it. An older result
 /// file is removed first, so that a caller never reads a stale one.
-/// @param harderFor seconds for the search plan when that solve gives nothing sure; 0: none. What
-///                  the solve gave stays the result when the plan gives nothing sure either.
+/// @param harderFor seconds for a search plan when the plain solve gives nothing sure; 0: no plan.
+///                  The result of the plain solve stays when the plan finds nothing sure either.
 UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::string& parameters,
                                 double harderFor = 0);
 
 /// Shows a solve's starting values: centre, plate size in arcminutes, region limit.
-/// @param times what stands between width and height, blanks included
+/// @param times the text between width and height, including blanks
 void ShowStartingValues(ProgramState& state, Port& port, const UnattendedRequest& request,
                         const char* times);
 

@@ -20,7 +20,7 @@ std::string Count(std::int32_t n, const char* one, const char* many) {
     return std::to_string(n) + " " + (n == 1 ? one : many);
 }
 
-/// The port of a search that is not to be seen; it can be stopped like any other.
+/// The port of a search that shows nothing. It can be stopped like any other.
 class HiddenPort : public Port {
  public:
     explicit HiddenPort(Port& port) : port_(port) {}
@@ -38,7 +38,7 @@ class HiddenPort : public Port {
     Port& port_;
 };
 
-/// Looks for the picture over the whole sky, and leaves all else in the state as it was.
+/// Searches the whole sky for the picture and restores the rest of the state.
 std::optional<PlateSolution> LookElsewhere(ProgramState& state, Port& port,
                                            const SearchRequest& given, double seconds) {
     const SolveReport report = state.Report;
@@ -74,9 +74,10 @@ class Inquiry {
 
     FailureCause Find() {
         GatherEvidence();
-        // Such a picture cannot be judged; the advice for it is well known.
+        // Such a picture cannot be judged, and the general advice covers it.
         if (HasNextToNoCounts(state_.Image)) return std::move(cause_);
-        // The surest comes first. A picture that is good speaks for what was given with it.
+        // The surest causes come first. When the picture itself is good, the given centre or size
+        // is to blame.
         if (!HasNoCatalog() && !IsNoSky() && !IsTrailed() && !IsOutOfFocus() && !HasFewStars() &&
             !IsElsewhere() && !CatalogIsShallow() && !StartIsDoubtful()) {
             cause_.Kind = FailureKind::Unknown;
@@ -100,7 +101,7 @@ class Inquiry {
         ReadFailure ignored;
         const bool read = ReadImageFile(
             PathFromText(image.FileName), asRead, [this](int, int) { port_.Yield(); }, ignored);
-        // A picture from memory has a name only, which may be that of some other file.
+        // A picture from memory has only a name, which may be that of an unrelated file.
         const bool same = read && asRead.Width == image.Width && asRead.Height == image.Height;
         WorkBeside(port_, [&] { evidence.Health = HealthOf(same ? asRead : image); });
         evidence.TrailAngle = evidence.Health.TrailAngle * ExactDegreesPerRadian;
@@ -129,7 +130,8 @@ class Inquiry {
                          words_.CatalogFolder);
     }
 
-    /// The sky has patches of light on a darker ground, each one small and on its own.
+    /// Whether the picture does not look like a sky, which shows small separate patches of light on
+    /// a darker background.
     bool IsNoSky() {
         const ImageHealth& health = Health();
         constexpr std::int32_t fewestDark = 5;
@@ -161,7 +163,7 @@ class Inquiry {
     bool IsTrailed() {
         const ImageHealth& health = Health();
         constexpr std::int32_t fewest = 4;
-        // Noise breaks faint trails into pieces, which still lie along one direction.
+        // Noise breaks faint trails into pieces that still lie along one direction.
         const bool alike = health.AngleAgreement > 0.9 ||
                            (health.AngleAgreement > 0.75 && health.LengthSpread < 1);
         const bool broken = health.LengthSpread > 0.7;
@@ -203,7 +205,7 @@ class Inquiry {
         const bool onlyHot = health.HotPixels > 5 * std::max(stars, 1);
         if (stars >= enough || (evidence.StarsExtracted >= enough && !onlyHot)) return false;
         const double sky = health.SkyLevel / evidence.FullScale;
-        // Pictures for people have their sky far above that of a camera's counts.
+        // In pictures made for viewing the sky is much brighter than in a camera's counts.
         const bool forPeople = evidence.FullScale < 1024;
         const double bright = forPeople ? 0.4 : 0.15;
         const double dark = forPeople ? 0.1 : 0.03;
@@ -223,7 +225,7 @@ class Inquiry {
         return Found(FailureKind::FewStars, few + level, "expose for longer, or check for clouds");
     }
 
-    /// Searches the whole sky when it was not searched yet.
+    /// Searches the whole sky, unless the plan has done so.
     bool IsElsewhere() {
         FailureEvidence& evidence = cause_.Evidence;
         constexpr std::int32_t enough = 12;
@@ -340,7 +342,7 @@ std::optional<FailureCause> CauseOfFailure(ProgramState& state, Port& port, Solv
     try {
         return Inquiry(state, port, request, words).Find();
     } catch (const std::bad_alloc&) {
-        return std::nullopt;  // the picture is there twice for a moment
+        return std::nullopt;  // two copies of the picture are in memory for a moment
     }
 }
 

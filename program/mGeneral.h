@@ -38,7 +38,7 @@ struct StatusLine {
     bool Visible = true;
 };
 
-/// The texts of the solve window, as they are to be shown.
+/// The texts of the solve window, exactly as shown.
 struct SolveDisplay {
     StatusLine Status{"Ready", StatusColour::Black, true};
     StatusLine Status1{"", StatusColour::Black, false};
@@ -61,7 +61,7 @@ struct SolveDisplay {
     std::string FoundInCatalog;
     std::string Matched;
     std::string RmsDifference;
-    std::string Details;           ///< what the last solve saw, or why an image was not read
+    std::string Details;           ///< report of the last solve, or why an image was not read
     std::string Stage;             ///< of a search of several that runs
     std::string Cause;             ///< why the last search failed and what to try, in a sentence
     bool OffersJustSolve = false;  ///< a search from a centre found nothing
@@ -77,7 +77,7 @@ struct SolveInputs {
     std::string Regions = "25";
     std::string Ra = {};
     std::string Dec = {};
-    bool KeepOpen = false;  ///< holds the countdown
+    bool KeepOpen = false;  ///< stops the countdown
 };
 
 /// The one operation that runs at a time.
@@ -93,21 +93,21 @@ struct StageTimes {
     double Quads = 0;
 };
 
-/// What a solve went through, for the report of its outcome.
+/// What happened in a solve, for the report of its outcome.
 struct SolveReport {
     double MagnitudeLimit = 0;
     double SearchRadius = 0;        ///< radians
     std::int32_t RegionsTried = 0;  ///< regions read and matched
     bool Smoothed = false;
-    bool Blind = false;                    ///< quads were to find the centre
+    bool Blind = false;                    ///< the centre was searched with quads
     std::int32_t CatalogStarsAtStart = 0;  ///< in the starting region
     CatalogPresence CatalogAtStart = CatalogPresence::Present;
-    AlignReport BestAttempt;  ///< of the regions that failed
+    AlignReport BestAttempt;  ///< the failed region that came farthest
     SkyPosition BestAttemptCentre;
     StageTimes Times;
 };
 
-/// The quad tables that are open, and where they are.
+/// The open quad table, and its file.
 struct LoadedQuadTables {
     QuadTables Tables;
     std::filesystem::path File;
@@ -115,7 +115,7 @@ struct LoadedQuadTables {
     bool OtherSizes = false;  ///< there are tables, but for fields of other sizes
 };
 
-/// What the last quad search left.
+/// The result of the last quad search.
 struct QuadSearch {
     SolveCode Code = SolveCode::TooFewStars;  ///< of `MatchByQuads`
     std::int32_t Searched = 0;                ///< image quads looked up
@@ -127,18 +127,18 @@ struct QuadSearch {
     PlateConstants Transform;  ///< arcseconds about `Tangent` to pixels
     FitGeometry Geometry;
     double FitError = 0;    ///< root mean square, pixels
-    double FieldRatio = 0;  ///< the field found / the field given
+    double FieldRatio = 0;  ///< field size found / field size given
     SkyPosition Tangent;
     SkyPosition Centre;  ///< of the image
     MatchConfidence Confidence;
     double Seconds = 0;
-    std::vector<std::string> Messages;  ///< the lines of the test list
+    std::vector<std::string> Messages;  ///< lines of the message window
 };
 
-/// The sky model of the solution, once somebody has asked for it.
+/// The sky model of the solution, made when it is first needed.
 struct KeptSky {
     bool Made = false;
-    std::optional<ImageSkyModel> Model;  ///< nothing also when the solution bears none
+    std::optional<ImageSkyModel> Model;  ///< nothing when there is no usable one
 };
 
 struct ProgramState {
@@ -148,25 +148,26 @@ struct ProgramState {
     Transfer DisplayTransfer =
         Transfer::Linear;  ///< between `Image.DisplayBlack` and `DisplayWhite`
     bool StopRequested = false;
-    /// When a kernel that runs first saw `StopRequested`.
+    /// When the running kernel first noticed `StopRequested`.
     std::optional<std::chrono::steady_clock::time_point> StopSeen;
-    bool CloseRequested = false;  ///< the program is to end as soon as nothing runs
+    bool CloseRequested = false;  ///< the program ends as soon as nothing runs
     Activity Running = Activity::None;
     int SecondsLeft = 10;  ///< of the countdown
 
     SolveParameters Parameters;
     bool HaveConfig = false;  ///< the settings were read from the file
     SolveInputs Inputs;
-    SolveInputs FilledInputs;  ///< what was last put into the inputs from a picture's hints
+    SolveInputs FilledInputs;  ///< what was last filled into the inputs from a picture's hints
     std::vector<std::string> RecentImages;           ///< paths, the last one first
-    std::map<std::string, std::string> Preferences;  ///< of the windows, kept between runs
+    std::map<std::string, std::string> Preferences;  ///< preferences of the windows, kept between
+                                                     ///< runs
 
     ExtractionFacts Extraction;
-    PlateStarList PlateStars;               ///< of the last extraction that gave 6 or more
+    PlateStarList PlateStars;               ///< from the last extraction that found 6 or more
     std::optional<PlateSolution> Solution;  ///< of the loaded image
-    KeptSky Sky;                            ///< goes with `Solution`
+    KeptSky Sky;                            ///< belongs to `Solution`
 
-    /// When a search with a time limit ends at the latest.
+    /// When the time limit of the running search expires.
     std::optional<std::chrono::steady_clock::time_point> SearchEnds;
 
     CatalogCache Catalog;
@@ -174,25 +175,26 @@ struct ProgramState {
     QuadSearch QuadMatch;
 
     bool TelescopeConnected = false;
-    std::unique_ptr<TelescopeLink> Telescope;  ///< the driver, from the first use on
-    TelescopeFactory CreateTelescope;          ///< makes the driver; none where there is none
+    std::unique_ptr<TelescopeLink> Telescope;  ///< null before the first use
+    TelescopeFactory CreateTelescope;          ///< makes the driver; empty when the program has
+                                               ///< none
     TelescopeLimits TelescopePatience;
-    double JulianDate = 0;  ///< of the clock when it was looked at last
+    double JulianDate = 0;  ///< at the last `UpdateClock`
 
     SolveDisplay Display;
     SolveReport Report;
 };
 
-// What depends on an image goes with it; all of it through these.
+// Everything that depends on an image is dropped through these.
 
-/// Another image is about to be opened: nothing of the last one is left, neither its stars and
-/// solution nor what is shown of them.
+/// Call before another image is opened: drops the stars and the solution of the last one, and all
+/// that is shown of them.
 void ForgetImage(ProgramState& state);
 
-/// Other stars are about to be matched: the image has no solution until they are.
+/// Call before other stars are matched: drops the solution.
 void ForgetSolution(ProgramState& state);
 
-/// The counts of the image are no longer what they were: other levels are needed to show them.
+/// Call after the counts of the image have changed: drops the display levels.
 void CountsChanged(ProgramState& state);
 
 }  // namespace vestrel

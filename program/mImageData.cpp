@@ -61,8 +61,8 @@ bool OpenImage(ProgramState& state, Port& port, const std::string& path) {
     state.Parameters.LastOpenFolder = folder;
     state.Display.ImageName = ShortenedPath(path);
     port.DisplayChanged();
-    // A file that no name of a known format vouches for leaves the image that is there as it is
-    // until it was read.
+    // When the extension does not name a known format, the loaded image stays until the file has
+    // been read.
     const bool vouched = OwnFormatOfName(path) != nullptr;
     if (!vouched && FormatsOfFile(PathFromText(path)).empty()) {
         ShowCause(state, ForeignCauseOf(PathFromText(path)));
@@ -74,7 +74,7 @@ bool OpenImage(ProgramState& state, Port& port, const std::string& path) {
     if (!vouched && !ReadImage(state, port, path, candidate, reading)) return false;
     ForgetImage(state);
     if (vouched && !ReadImage(state, port, path, state.Image, reading)) {
-        port.ImageChanged();  // there is none
+        port.ImageChanged();  // to show that there is no image
         return false;
     }
     if (!vouched) state.Image = std::move(candidate);
@@ -94,7 +94,8 @@ bool OpenChosenImage(ProgramState& state, Port& port, const std::string& path) {
     ImageHeader previous = state.Image.Header;
     ClearHeader(state.Image.Header);
     const bool opened = OpenImage(state, port, path);
-    // Refused by its extension: the image that stays keeps its header, or it could not be saved.
+    // The file was refused by its extension: the loaded image needs its header back, or it could
+    // not be saved.
     if (!opened && state.ImageLoaded) state.Image.Header = std::move(previous);
     if (!opened && !state.ImageLoaded) state.Display.ImageName.clear();
     return opened;

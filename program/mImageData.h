@@ -1,4 +1,4 @@
-// Opening images: the choice of reader, and what is remembered and shown afterwards.
+// Opening and saving images, and what is remembered and shown afterwards.
 #pragma once
 
 #include <string>
@@ -12,8 +12,8 @@ namespace vestrel {
 /// @return true on success; after a reader's failure no image is loaded
 bool OpenImage(ProgramState& state, Port& port, const std::string& path);
 
-/// Loads an image that the user has chosen in place of the one that is there. A file of no
-/// known format leaves that one as it was.
+/// Loads an image that the user has chosen. A file of an unknown format leaves the loaded image as
+/// it was.
 bool OpenChosenImage(ProgramState& state, Port& port, const std::string& path);
 
 /// Asks the user for an image and loads it. Cancelling changes nothing.
@@ -27,8 +27,8 @@ bool SaveImage(const ProgramState& state, Port& port, const std::string& path);
 /// Asks the user for a file name and saves the image there. Cancelling changes nothing.
 void SaveImageDialog(ProgramState& state, Port& port);
 
-/// A path shortened from its start for a label: leading folders go until it has under 51
-/// characters; empty when no folder is left to go.
+/// A path shortened from its start for a label: leading folders are removed until it has fewer than
+/// 51 characters; empty when no folder is left to remove.
 std::string ShortenedPath(const std::string& path);
 
 }  // namespace vestrel

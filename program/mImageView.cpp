@@ -41,7 +41,7 @@ void ChooseFirstLevels(ProgramState& state) {
 }
 
 void SetLevels(ProgramState& state, const CountLevels& levels) {
-    // White can then be one more.
+    // Leaves room for white, which is at least one more.
     constexpr std::int32_t farthest = 2000000000;
     PlateImage& image = state.Image;
     image.DisplayBlack = std::clamp(RoundToNearestInt32(levels.Black), -farthest, farthest);
@@ -93,7 +93,7 @@ Overlays OverlaysOf(ProgramState& state) {
 
 SkyGrid GridOver(const std::optional<SkyMap>& map, const PixelRectangle& visible) {
     if (!map || visible.Width <= 0 || visible.Height <= 0) return {};
-    // The grid of an image that is only the visible part.
+    // Makes the grid as if the visible part were the whole image.
     const double left = std::floor(visible.Left);
     const double first = std::floor(visible.First);
     SkyGrid grid = MakeSkyGrid(map->PartFrom({left, first}),

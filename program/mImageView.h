@@ -1,4 +1,4 @@
-// What the image window shows of the program state: the levels of the image and what lies over it.
+// What the image window shows of the program state: the display levels and the overlays.
 #pragma once
 
 #include <optional>
@@ -11,21 +11,21 @@
 
 namespace vestrel {
 
-/// Whether levels were chosen for the image as it is now.
+/// Whether display levels were chosen for the present counts of the image.
 bool HasLevels(const PlateImage& image);
-/// Gives an image that has no levels its first ones.
+/// Chooses levels for an image that has none.
 void ChooseFirstLevels(ProgramState& state);
-/// Takes levels as whole counts; white is kept above black.
+/// Sets the levels, rounded to whole counts; white stays above black.
 void SetLevels(ProgramState& state, const CountLevels& levels);
-/// From stored values to grey by the present levels.
+/// The conversion of stored values to grey with the present levels.
 GreyLookup LookupOf(const ProgramState& state, bool inverted);
 
 /// A star to be marked.
 struct OverlayStar {
     PixelPoint Place;
-    std::string Magnitude;  ///< empty when it is not known
+    std::string Magnitude;  ///< empty when unknown
 };
-/// A pair of the solution: a mismatch shows as a distance.
+/// A pair of the solution. The distance of its two places is the residual.
 struct OverlayPair {
     OverlayStar OnImage;
     PixelPoint InCatalog;
@@ -36,10 +36,9 @@ struct Overlays {
     std::vector<OverlayPair> Matched;
     std::optional<SkyMap> Map;
 };
-/// Everything that lies over the image. Catalog stars lie where the sky model puts them, over the
-/// whole frame, down to the magnitude that the solve compared; without a model, those of the solve
-/// where the plate puts them. Stars without a solution of this image, or pairs of a search that
-/// failed since, are left out.
+/// Everything that is drawn over the image. With a sky model these are the catalog stars of the
+/// whole frame, down to the magnitude that the solve compared; without one, the catalog stars of
+/// the solve at their places by the plate. Only stars of the present solution are included.
 Overlays OverlaysOf(ProgramState& state);
 
 /// The grid of right ascension and declination over the visible part of the image.

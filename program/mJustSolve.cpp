@@ -20,10 +20,10 @@ namespace {
 
 using std::chrono::steady_clock;
 
-/// Seconds; the stop button is there for those who have less patience.
+/// Seconds. Users with less patience have the stop button.
 constexpr double patience = 90;
 
-/// What the attempts of a plan are called in the window.
+/// The names of a plan's attempts in the window.
 constexpr std::array<std::pair<const char*, const char*>, 12> stageNames{{
     {"search", "stars around the place"},
     {"short side", "stars of a smaller circle"},
@@ -45,7 +45,7 @@ std::string StageName(const std::string& attempt) {
     return found == stageNames.end() ? attempt : found->second;
 }
 
-/// A line for each stage that has ended; searches of one kind in a row share one.
+/// A line for each finished stage; consecutive searches of the same kind share one.
 std::string StagesText(const PlanReport& report) {
     std::string text;
     std::size_t i = 0;
@@ -115,7 +115,8 @@ SolveCode SolveWithAnything(ProgramState& state, Port& port, double seconds, Pla
     SolveCode code = SolveCode::NoMatch;
     const SearchRequest all = RequestForAnything(state);
     report = {};
-    // What is typed may be of another picture: the whole sky comes before any patience with it.
+    // The inputs may belong to another picture, so the whole sky comes before the slow methods
+    // around them.
     for (const bool patient : {false, true}) {
         SearchRequest request = all;
         request.Everywhere = !patient;

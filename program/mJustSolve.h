@@ -1,5 +1,5 @@
-// Just Solve: the solve that needs nothing. What the inputs and the picture say is tried first,
-// then the whole sky, until a solution is sure.
+// Just Solve: solves without any input. It tries what the inputs and the picture say, then the
+// whole sky, until a solution is sure.
 #pragma once
 
 #include <functional>
@@ -10,24 +10,25 @@
 
 namespace vestrel {
 
-/// What there is to start from: the inputs that are valid, then what the picture says, at most four
-/// places; and the whole sky after them.
+/// The request from everything known: the valid inputs, then the hints of the picture, at most four
+/// centres in all, and the whole sky after them.
 SearchRequest RequestForAnything(const ProgramState& state);
 
-/// Solves the loaded image with whatever is known: first the plain search around each place and the
-/// whole sky, then every other method around the places.
-/// @param onAttempt told the name of each attempt; `report` has those before it
+/// Solves the loaded image with everything known: first the plain search around each centre and the
+/// whole sky, then all other methods around the centres.
+/// @param seconds time limit
+/// @param onAttempt receives the name of each attempt; `report` has the earlier ones
 SolveCode SolveWithAnything(ProgramState& state, Port& port, double seconds, PlanReport& report,
                             const std::function<void(const std::string&)>& onAttempt = {});
 
-/// The likeliest match of a plan that was not sure, in a line; empty when there was none.
+/// One line about the likeliest match of a plan without a sure one; empty when there was no match.
 std::string CandidateText(const PlanReport& report);
 
-/// Solves the loaded image with whatever is known. `Display.Details` grows by a line for each stage
-/// that has ended; `Display.Stage` names the one that runs.
+/// The Just Solve command. `Display.Details` gets a line for each finished stage; `Display.Stage`
+/// names the running one.
 void JustSolveCommand(ProgramState& state, Port& port);
 
-/// The stage that runs and how much time is left at most; empty when no such search runs.
+/// The running stage and the time that is left at most; empty when no such search runs.
 std::string StageText(const ProgramState& state);
 
 }  // namespace vestrel

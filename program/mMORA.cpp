@@ -28,8 +28,8 @@ void Say(ProgramState& state, const std::string& text) {
     state.QuadMatch.Messages.push_back(text);
 }
 
-/// Whether there is room for another line: each candidate adds some, and there is no limit to the
-/// number of candidates.
+/// Whether there is room for another message. Each candidate adds some, and their number is
+/// unlimited.
 bool MayTalk(const ProgramState& state) {
     constexpr std::size_t mostLines = 5000;
     return state.QuadMatch.Messages.size() < mostLines;
@@ -49,10 +49,10 @@ double HalfDiagonal(double width, double height) {
     return std::sqrt(width * width + height * height) / 2;
 }
 
-/// Four stars of the image, as places in its list.
+/// Four stars of the image, as numbers in its list.
 using ImageQuad = std::array<std::int32_t, 4>;
 
-/// One search: what all its quads share.
+/// One search, with the data that all its quads share.
 class QuadMatcher {
  public:
     QuadMatcher(ProgramState& state, const PlateStarList& stars, double width, double height,
@@ -70,7 +70,8 @@ class QuadMatcher {
         neighbourRadius_ = (ArcsecondsPerRadian / pixelScale) * (1.5 * Pi / 180);
     }
 
-    /// A star and the first three others in the list that are near it. False when there are fewer.
+    /// Makes the quad of a star and the first three others in the list near it. False when there
+    /// are fewer.
     bool QuadOf(std::int32_t star, ImageQuad& quad) const {
         quad[0] = star;
         std::size_t found = 1;
@@ -82,7 +83,7 @@ class QuadMatcher {
         return found == quad.size();
     }
 
-    /// Looks a quad of the image up and tries what is like it.
+    /// Looks up a quad of the image and tries the table quads of similar shape.
     bool Match(const ImageQuad& quad, const std::function<void()>& yield) {
         const Quad shape =
             QuadDescriptor(Star(quad[0]), Star(quad[1]), Star(quad[2]), Star(quad[3]));
@@ -142,7 +143,7 @@ class QuadMatcher {
         if (talk_) SayFourStars(fourStarError, fourStarGeometry);
         Extend(quad);
         if (search_.Pairs.Count() < fewestPairs) return false;
-        // What led to a match is said whatever was said before.
+        // The quad that led to a match is reported even when the messages are full.
         if (!talk_) SayFourStars(fourStarError, fourStarGeometry);
         Say(state_, "NumMatch=" + std::to_string(search_.Pairs.Count()));
         search_.Confidence = Judge();
@@ -178,7 +179,7 @@ class QuadMatcher {
         search_.Geometry = PlateGeometry(search_.Transform);
     }
 
-    /// Adds the pairs that the plate predicts. An image star may get several.
+    /// Adds the pairs that the plate predicts. An image star may be in several.
     void Extend(const ImageQuad& quad) {
         if (!nearby_) {
             nearby_ =
@@ -209,7 +210,7 @@ class QuadMatcher {
         }
     }
 
-    /// How sure the plate of the four stars is, from all others around it.
+    /// How sure the plate of the four stars is, judged by all other stars around.
     MatchConfidence Judge() const {
         MatchEvidence evidence = EvidenceOf(search_.Transform, *nearby_, stars_, state_.Image.Width,
                                             state_.Image.Height);
@@ -218,7 +219,8 @@ class QuadMatcher {
         return ConfidenceOf(evidence);
     }
 
-    /// A pair of the quad, whose catalog star may be among those around it.
+    /// A pair of the quad as indices into the evidence. Its catalog star is added there when it is
+    /// not among the surrounding ones.
     StarPlaces SeedOf(std::size_t pair, MatchEvidence& evidence) const {
         const StarMatch& match = search_.Pairs[pair];
         const PlateStar& star = search_.Reference[match.Star1];
@@ -261,11 +263,11 @@ class QuadMatcher {
     double magnitudeLimit_ = 0;
     double neighbourRadius_ = 0;  ///< pixels
     Projection plane_;
-    std::optional<PlateStarList> nearby_;  ///< around the candidate's first star
+    std::optional<PlateStarList> nearby_;  ///< catalog stars around the candidate's first star
     NumberedList<double> residuals_;
 };
 
-/// The outcome of a search that found something, and the catalog stars around the centre.
+/// Shows a match and the catalog stars around the centre.
 void ShowMatch(ProgramState& state, Port& port, double width, double height, double seconds) {
     const QuadSearch& search = state.QuadMatch;
     const double radius = HalfDiagonal(width, height);
@@ -275,7 +277,7 @@ void ShowMatch(ProgramState& state, Port& port, double width, double height, dou
         stars = NearbyCatalogStars(state.Quads.Tables, plane, search.Centre, radius,
                                    MagnitudeLimitFor(radius));
     } catch (const DamagedFile&) {
-        // The match was made from pages that are good; the next search names the others.
+        // The match itself used undamaged pages; the next search will report the damaged ones.
     }
 
     SolveDisplay& display = state.Display;
@@ -310,7 +312,7 @@ bool IsSure(const QuadSearch& search) {
 
 namespace {
 
-/// Opens the file of the tables; null, and the reason in `Quads.Fault`, when there is none.
+/// Opens the file of the tables. Null when there is none; `Quads.Fault` then has the reason.
 FileHandle OpenTables(ProgramState& state) {
     LoadedQuadTables& tables = state.Quads;
     tables = {};
@@ -333,8 +335,8 @@ std::vector<QuadBand> ReadBands(std::FILE* file, LoadedQuadTables& tables) {
     return bands;
 }
 
-/// The band that a field of this diagonal (radians) belongs to; nothing, and the reason in
-/// `tables.Fault`, when the file has none.
+/// The band for a field with this diagonal (radians). Nothing when the file has none;
+/// `tables.Fault` then has the reason.
 std::optional<QuadBand> BandFor(std::FILE* file, double diagonal, LoadedQuadTables& tables) {
     const std::vector<QuadBand> bands = ReadBands(file, tables);
     if (!tables.Fault.empty()) return std::nullopt;
@@ -400,7 +402,7 @@ bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStar
             ShownProgress(port)(star, count);
         }
     } catch (const DamagedFile& damage) {
-        // Whatever was found up to here rests on pages that were good.
+        // What was found before this comes from undamaged pages.
         state.Quads.Tables = {};
         state.Quads.Fault = TextFromPath(state.Quads.File) + " " + damage.what();
     }
@@ -417,7 +419,7 @@ SolveCode MatchByQuads(ProgramState& state, Port& port, double width, double hei
     state.QuadMatch = {};
     state.QuadMatch.Code = WithinMemory(state, port, [&] {
         if (!FindPlateStars(state, port)) return SolveCode::TooFewStars;
-        // Nothing is drawn over the image but by a solution.
+        // A match alone is not drawn over the image; only solutions are.
         state.Image.Header.PlateMatched = false;
         ShowStatus(state, port, "Extracted " + std::to_string(state.PlateStars.Count()) + " Stars");
         state.Display.Status1 = {"", StatusColour::Black, false};

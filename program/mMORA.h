@@ -1,4 +1,4 @@
-// The second matcher: recognises four-star patterns of the image in precomputed tables, without a
+// MORA: recognises quads (patterns of four stars) of the image in precomputed tables, without a
 // starting centre.
 #pragma once
 
@@ -12,42 +12,42 @@ namespace vestrel {
 /// The file of quad tables that belongs to the catalog.
 std::filesystem::path QuadFilePath(const ProgramState& state);
 
-/// Whether there are quad tables, without reading more than their head.
+/// Whether there are quad tables. Reads only their head.
 bool HaveQuadTables(const ProgramState& state);
 
-/// Opens the tables for a field of this size (radians). What is damaged within them is found when
-/// a search comes to it, which then ends without a match and leaves `Quads.Fault`.
-/// @return false, `Quads.Fault` with the reason and the tables empty, when there are none
+/// Opens the table for a field of this size (radians). Damage inside is found when a search reads
+/// it: the search then ends without a match and sets `Quads.Fault`.
+/// @return false when there is no table: `Quads.Fault` then has the reason, and the table is empty
 bool LoadQuadTables(ProgramState& state, double width, double height);
 
-/// The bands of the catalog's quad tables, the smallest fields first; none, and `Quads.Fault` with
-/// the reason, when there are no tables.
+/// The bands of the catalog's quad tables, smallest fields first. When there are no tables, it is
+/// empty and `Quads.Fault` has the reason.
 std::vector<QuadBand> QuadBandsOf(ProgramState& state);
 
-/// Opens the table of a band. @return as of `LoadQuadTables`
+/// Opens the table of a band. @return as `LoadQuadTables`
 bool OpenQuadBand(ProgramState& state, const QuadBand& band);
 
 /// Matches the loaded image with the open quad tables and shows the outcome.
 ///
-/// Each star of the image and the first three others in the list within 1.5° make a quad. Table
-/// quads of the same shape are tried in all 24 orderings; a plate that fits their four stars is
-/// extended by the catalog stars around, and one more pair decides.
+/// Each star of the image makes a quad with the first three others in the list within 1.5°. Table
+/// quads of the same shape are tried in all 24 orderings. A plate that fits their four stars is
+/// extended by the catalog stars around it, and is accepted when at least one more pair matches.
 /// @param width, height field of view (radians)
 /// @param maxError      match tolerance, pixels
-/// @return Solved when `QuadMatch` holds a match, its `Centre` among it; the image has no solution
-///         by that. Else TooFewStars, NoMatch or Stopped
+/// @return Solved when `QuadMatch` holds a match with its `Centre`, which is not yet a solution of
+///         the image. Else TooFewStars, NoMatch or Stopped
 SolveCode MatchByQuads(ProgramState& state, Port& port, double width, double height,
                        double maxError);
 
-/// Whether a match can be relied on: chance does not give one like it. That the field is of another
-/// size than was said makes it no less sure.
+/// Whether a match is sure, which means that chance does not give one as good. A field size other
+/// than the given one does not count against it.
 bool IsSure(const QuadSearch& search);
 
-/// Looks at a match of five or more pairs (in `QuadMatch`): false lets the search go on.
+/// Judges a match of five or more pairs (in `QuadMatch`); false continues the search.
 using QuadJudge = std::function<bool(const QuadSearch&)>;
 
-/// The search of `MatchByQuads` with any list of image stars, without showing its outcome. What it
-/// counts and says adds to what is in `QuadMatch`.
+/// The search of `MatchByQuads` with any list of image stars, without showing its outcome. Its
+/// counts and messages are added to those in `QuadMatch`.
 /// @return whether a match was found and accepted
 bool SearchQuads(ProgramState& state, Port& port, const PlateStarList& imageStars, double width,
                  double height, double maxError, const QuadJudge& accept = {});

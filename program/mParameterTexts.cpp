@@ -34,7 +34,7 @@ constexpr const char* paragraphs[] = {
     "Edge Exclusion (normalized) -- A region around the entire image is excluded from the plate "
     "matching process.  This parameter defines the size of that region, as a fraction of the image "
     "dimensions.",
-    // "more that" has always stood here.
+    // The text has always said "more that".
     "Maximum Error (pixels) -- The location of each matched star in the image is compared with its "
     "expected catalog position.  If the position difference is more that this parameter then the "
     "star is rejected from the match."};

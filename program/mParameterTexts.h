@@ -1,4 +1,4 @@
-// The parameters dialog without its window: texts from the parameters and back, and its help.
+// The logic of the parameters dialog: converts parameters to texts and back, and has its help text.
 #pragma once
 
 #include <array>
@@ -33,9 +33,9 @@ using ParameterTexts = std::array<std::string, ParameterBoxes.size()>;
 ParameterTexts TextsOfParameters(const SolveParameters& parameters);
 ParameterTexts DefaultParameterTexts();
 
-/// Converts and stores the texts one after the other. The first that is not a number of its
-/// parameter's type ends this with a message; those before it stay stored.
-/// @return the place of that text; nothing when all are stored
+/// Converts and stores the texts in their order. The first one that is not a number of its
+/// parameter's type ends this with a message; the ones before it stay stored.
+/// @return the index of that text; nothing when all are stored
 std::optional<std::size_t> StoreParameterTexts(ProgramState& state, Port& port,
                                                const ParameterTexts& texts);
 

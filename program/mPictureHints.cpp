@@ -69,7 +69,7 @@ PlannedSearch PlanFor(const KnownOfPicture& known, const PlateImage& image) {
             places.push_back({hint.Centre, known.Regions, {}, false, hint.Source});
         }
     }
-    // The best of both first, then the pairs in which one of them is the next best.
+    // The pair of both best comes first, then pairs with a rising sum of ranks.
     constexpr std::size_t most = 4;
     const std::size_t room = plan.Search.Around.size() + most;
     for (std::size_t rank = 0; rank < places.size() + sizes.size(); ++rank) {
@@ -115,7 +115,7 @@ void FillInputsFromHints(ProgramState& state, Port& port) {
         filled.Dec = inputs.Dec = FormatDec(best.Centre.Dec, false, 1);
         sources = "Centre from " + best.Source + "\n";
     }
-    // The size of the last session is nothing that was typed for this picture.
+    // The size of the last session was not typed for this picture.
     const SolveParameters& kept = state.Parameters;
     const bool sizeUntouched = (untouched(inputs.SizeX, filled.SizeX) ||
                                 ParseNumber(inputs.SizeX) == double{kept.FieldWidth}) &&

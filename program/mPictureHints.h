@@ -1,4 +1,5 @@
-// From what is known of a picture, by the user and by its own header, to what is searched for.
+// Turns what is known about a picture, from the user and from its header, into the request of a
+// search.
 #pragma once
 
 #include <cstdint>
@@ -12,13 +13,14 @@
 
 namespace vestrel {
 
-/// A place to search around, of the user's or the picture's.
+/// A place to search around, from the user or the picture.
 struct KnownPlace {
     SkyPosition Centre;                 ///< J2000, radians
-    std::int32_t Regions = 25;          ///< at most so many
-    std::optional<double> Radius = {};  ///< and, when given, no farther than this, radians
+    std::int32_t Regions = 25;          ///< largest number of regions
+    std::optional<double> Radius = {};  ///< when given, the largest distance from the centre,
+                                        ///< radians
     bool Briefly = false;               ///< only the plain search, with the likeliest size
-    std::string Source = {};  ///< the cards that it was taken from; empty: the user gave it
+    std::string Source = {};            ///< the cards it comes from; empty: the user gave it
 };
 
 /// A likely size of the field.
@@ -28,38 +30,38 @@ struct KnownSize {
     std::string Source = {};
 };
 
-/// What is known of a picture before it is solved. What the user gives always wins.
+/// What is known about a picture before it is solved. Values from the user always take precedence.
 struct KnownOfPicture {
     std::vector<KnownPlace> Places;  ///< the likeliest first
     std::vector<KnownSize> Sizes;    ///< the likeliest first
-    /// What the picture's header says takes the place of what was not given.
+    /// Whether the picture's header supplies values that were not given.
     bool PlacesFromPicture = true;
     bool SizesFromPicture = true;
     std::int32_t Regions = 25;         ///< around the picture's places
     std::vector<KnownSize> LastSizes;  ///< tried after all others, unless sizes were given
-    bool Everywhere = false;           ///< the whole sky too
+    bool Everywhere = false;           ///< search the whole sky too
     double TimeLimit = 20;             ///< seconds
 };
 
-/// What a plan is asked for, and for each of its places the cards that gave it.
+/// The request for a plan, and for each of its places the cards that it comes from.
 struct PlannedSearch {
     SearchRequest Search;
     std::vector<std::string> Sources;
 };
 
-/// The request that all programs solve a picture by: each place goes with each size, at most four
-/// pairs, the best first; those to be searched briefly come before them.
+/// The request with which all programs solve a picture. It combines each place with each size, best
+/// first, at most four pairs; places to be searched briefly come before them.
 PlannedSearch PlanFor(const KnownOfPicture& known, const PlateImage& image);
 
-/// The size of the field that the settings remember.
+/// The size of the field from the last session, stored in the settings.
 KnownSize RememberedFieldSize(const SolveParameters& parameters);
 
-/// The hints in lines for people.
+/// The hints as lines of text.
 std::vector<std::string> HintLines(const PictureHints& hints);
 
-/// Puts the best hints of the image that was just opened into the inputs of the solve window, and
-/// says in `Display.Details` where they are from. What the user has typed stays, and what the
-/// picture does not say.
+/// Fills the inputs of the solve window with the best hints of the image that was just opened, and
+/// names their source in `Display.Details`. Inputs that the user has typed, or for which there is
+/// no hint, stay as they are.
 void FillInputsFromHints(ProgramState& state, Port& port);
 
 }  // namespace vestrel

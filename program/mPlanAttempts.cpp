@@ -16,7 +16,7 @@ double RoughTolerance(const PlateImage& image) {
 
 PlateStarList CatalogAbout(ProgramState& state, SkyPosition centre, double radius) {
     const StageTimer timer(state.Report.Times.Catalog);
-    constexpr double deeper = 1.5;  // magnitudes than the plain search
+    constexpr double deeper = 1.5;  // magnitudes deeper than the plain search
     constexpr double widest = 1.2;  // radians
     constexpr std::int32_t most = 600;
     Projection plane;
@@ -32,7 +32,7 @@ std::vector<QuadBand> LikelyBands(ProgramState& state, const std::vector<double>
     std::vector<QuadBand> bands = QuadBandsOf(state);
     std::reverse(bands.begin(), bands.end());
     std::stable_partition(bands.begin(), bands.end(), [&](const QuadBand& band) {
-        constexpr double error = 1.3;  // of a size that is given
+        constexpr double error = 1.3;  // tolerated error factor of a given size
         return std::any_of(diagonals.begin(), diagonals.end(), [&](double d) {
             return d * error > band.SmallestDiagonal && d / error < band.LargestDiagonal;
         });

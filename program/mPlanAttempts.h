@@ -1,4 +1,4 @@
-// The attempts of a search plan, and the stars and tables that they look things up in.
+// The attempts of a search plan, and the catalog stars and quad tables that they use.
 #pragma once
 
 #include <array>
@@ -11,12 +11,12 @@
 
 namespace vestrel {
 
-/// One attempt around a hint: two stars of each list, confirmed by the others.
+/// An attempt around a hint: plates from two stars of each list, confirmed by the other stars.
 struct SeedAttempt {
     const char* Name;
     StarSource From;
-    double SizeError;  ///< of the given size, as a part of it
-    double Tried;      ///< the error up to which an attempt before has tried these stars
+    double SizeError;  ///< tolerated error of the given size, as a fraction
+    double Tried;      ///< the error up to which an earlier attempt has tried these stars
     /// Around a centre that is right the first regions have it; where it is wrong, every further
     /// one only costs time.
     std::int32_t MostRegions;
@@ -29,12 +29,13 @@ inline constexpr std::array SeedAttempts{
     SeedAttempt{"even seeds of other sizes", StarSource::EvenPeaks, 0.35, 0.08, NearRegions},
 };
 
-/// One attempt without a hint: quads of all bands are looked up.
+/// An attempt without a hint: quads are looked up in all bands.
 struct QuadAttempt {
     const char* Name;
     StarSource From;
-    std::int32_t FirstStars;  ///< that lead quads in narrow fields; thrice as many in wide ones
-    std::int32_t LookedUp;    ///< led the quads of an attempt before
+    std::int32_t FirstStars;  ///< how many stars lead quads in narrow fields; three times as many
+                              ///< in wide ones
+    std::int32_t LookedUp;    ///< how many of these led quads in an earlier attempt
 };
 inline constexpr std::array QuadAttempts{
     QuadAttempt{"quads of peaks", StarSource::Peaks, 10, 0},
@@ -45,14 +46,15 @@ inline constexpr std::array QuadAttempts{
     QuadAttempt{"more quads of even peaks", StarSource::EvenPeaks, 20, 10},
 };
 
-/// The tolerance of a plate that few stars gave, pixels: lenses bend it.
+/// The tolerance of a plate from few stars, pixels: distortion of the lens is not in it.
 double RoughTolerance(const PlateImage& image);
 
-/// All catalog stars about a centre that an image may show whose half diagonal is `radius`
-/// (radians), brightest first, on the solve's own plane.
+/// The catalog stars that an image about a centre may show, brightest first, on the solver's plane.
+/// `radius` is half the image's diagonal, radians.
 PlateStarList CatalogAbout(ProgramState& state, SkyPosition centre, double radius);
 
-/// All bands: those of the sizes given first, then the wide ones, whose tables are small.
+/// All bands: first those of the given sizes, then the others from wide to narrow, because tables
+/// of wide fields are small.
 /// @param diagonals of fields, radians
 std::vector<QuadBand> LikelyBands(ProgramState& state, const std::vector<double>& diagonals);
 

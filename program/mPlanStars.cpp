@@ -39,7 +39,7 @@ const PlateStarList& PlanStars::Of(StarSource from) {
         list = StarListOf(StarsAmong(FindPeaks(looked, settings), looked));
         // An uneven sky may have hidden it.
         if (darkStars_.Empty()) LookForNegative();
-        // Hills before the sky are dark too, but have few peaks.
+        // Hills in front of the sky are dark too, but have few peaks.
         if (darkStars_.Count() > list->Count()) list = darkStars_;
         if (mosaicSums_) list = InMosaicPixels(*std::move(list));
     }

@@ -1,4 +1,4 @@
-// The lists of stars that the attempts of a search plan take, each made when it is first wanted.
+// The star lists that the attempts of a search plan use, each made when it is first needed.
 #pragma once
 
 #include <array>
@@ -9,9 +9,9 @@
 namespace vestrel {
 
 enum class StarSource {
-    Extracted,  ///< as the plain solve has them
+    Extracted,  ///< the list of the plain solve
     Peaks,      ///< peaks above the noise around them
-    EvenPeaks   ///< these, ranked within each part of the frame
+    EvenPeaks   ///< the same peaks, ranked within each part of the frame
 };
 
 /// The lists that were made, by `StarSource`.
@@ -20,9 +20,9 @@ using StarLists = std::array<std::optional<PlateStarList>, 3>;
 /// The lists of the loaded image.
 class PlanStars {
  public:
-    /// @param given stars in place of those that the pixels show; like the state, they must outlive
+    /// @param given stars to use instead of those in the pixels; they and the state must outlive
     ///              this
-    /// @param kept  all lists of an earlier plan: none is made any more
+    /// @param kept all lists of an earlier plan; no others are made then
     PlanStars(ProgramState& state, const std::optional<PlateStarList>& given,
               const std::optional<StarLists>& kept)
         : state_(state), given_(given), pixels_(!kept) {
@@ -31,17 +31,18 @@ class PlanStars {
 
     const StarLists& Made() const { return lists_; }
 
-    /// Peaks are to be looked for in the sums of two by two pixels of a mosaic as they are now: the
-    /// plain extraction changes them, and leaves little of the darker colours.
+    /// From now on, finds peaks in the sums of two by two pixels of a mosaic, with the present
+    /// counts. Must be called before the plain extraction, which changes the counts and leaves
+    /// little of the darker colours.
     void KeepMosaicSums();
 
-    /// Looks for the stars of a negative. As `KeepMosaicSums`, before the plain extraction cuts off
-    /// what is far below the sky.
+    /// Finds the stars of a negative. Like `KeepMosaicSums`, it must be called before the plain
+    /// extraction, which cuts off counts far below the sky.
     void LookForNegative();
 
     void SetExtracted(const PlateStarList& stars) { ListOf(StarSource::Extracted) = stars; }
 
-    /// Brightest first, but for the even ones; empty when there are none.
+    /// The list of a source, brightest first except `EvenPeaks`; empty when there are no stars.
     const PlateStarList& Of(StarSource from);
 
  private:
@@ -51,7 +52,7 @@ class PlanStars {
 
     ProgramState& state_;
     const std::optional<PlateStarList>& given_;
-    bool pixels_;  ///< may be looked at
+    bool pixels_;  ///< whether lists may be made from the pixels
     StarLists lists_;
     std::optional<PlateImage> mosaicSums_;
     PlateStarList darkStars_;

@@ -22,7 +22,7 @@ void ShowCentre(ProgramState& state, Port& port, SkyPosition centre) {
     port.DisplayChanged();
 }
 
-/// Extracts the plate stars, with one smoothing when they are few.
+/// Extracts the plate stars, after one smoothing when they are fewer than 12.
 PlateStarList ExtractPlateStars(ProgramState& state, Port& port) {
     constexpr std::int32_t enoughStars = 12;
     ShowStatus(state, port, "Extracting Stars", state.Display.Status.Colour);
@@ -43,7 +43,7 @@ void ShowTooFewStars(ProgramState& state, Port& port, std::int32_t count) {
     ShowStatus(state, port, "Extracted " + std::to_string(count) + " Stars", StatusColour::Red);
 }
 
-/// A region that failed, when it came farther than the ones before.
+/// Remembers a failed region when it came farther than the ones before.
 void KeepBestAttempt(SolveReport& report, const RegionMatch& region) {
     const auto merit = [](const AlignReport& r) {
         return std::make_tuple(r.Kept, r.Selected, r.Voted);
@@ -54,8 +54,8 @@ void KeepBestAttempt(SolveReport& report, const RegionMatch& region) {
     }
 }
 
-/// How sure the solution is, judged with all stars, of which the matcher used the brightest. The
-/// quads that fitted before, in a blind solve, were searches as well.
+/// How sure the solution is, judged with all stars (the matcher used only the brightest). In a
+/// blind solve, the quads that fitted before count as searches too.
 MatchConfidence ConfidenceOfSolution(const ProgramState& state, const PlateSolution& solution) {
     const std::int32_t most = state.Parameters.MaxStars;
     MatchEvidence evidence = EvidenceOf(solution.Transform, solution.CatalogStars,
@@ -83,7 +83,7 @@ RegionSettings SettingsFor(const PlateSearch& search, const SolveParameters& par
                               parameters.MaxGeometricError, parameters.MaxStars});
 }
 
-/// The centres of a square spiral about a starting centre, which it leaves out.
+/// The centres of a square spiral about a starting centre, without that centre.
 class SpiralCentres {
  public:
     SpiralCentres(SkyPosition start, double step) : step_(step) {
@@ -93,7 +93,7 @@ class SpiralCentres {
         NextSpiralCell(i_, j_, ring_);
         return grid_.PlaneToSky(i_ * step_, j_ * step_);
     }
-    /// The place in the spiral of the centre given last.
+    /// The place in the spiral of the last centre.
     std::string PlaceText() const {
         return "[" + std::to_string(i_) + "," + std::to_string(j_) + "]";
     }
@@ -106,17 +106,17 @@ class SpiralCentres {
     std::int16_t ring_ = 0;
 };
 
-/// The centres that come next.
+/// The next centres.
 std::vector<SkyPosition> CentresAhead(SpiralCentres spiral, std::size_t count) {
     std::vector<SkyPosition> centres(count);
     for (SkyPosition& centre : centres) centre = spiral.Next();
     return centres;
 }
 
-/// Reads and matches one region, and shows and reports how far it came. `Found.Matched` tells
-/// whether it goes with the plate stars.
-/// @param next      where the centres after this one come from
-/// @param mayFollow how many of these may be wanted
+/// Reads and matches one region, and shows and reports how far it came. `Found.Matched` says
+/// whether it matches the plate stars.
+/// @param next gives the centres after this one
+/// @param mayFollow how many of these may be used
 RegionMatch TryRegion(ProgramState& state, Port& port, RegionMatcher& matcher, SkyPosition centre,
                       const SpiralCentres& next, std::int64_t mayFollow) {
     SolveReport& report = state.Report;
@@ -212,7 +212,7 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
     RegionMatcher matcher(state.Catalog, state.PlateStars, settings);
     const double step = std::min(search.Width, search.Height) / 2.5 * SolveArcsecondsPerRadian;
     SpiralCentres spiral(search.Start, step);
-    // Most searches end with the first region, so none is taken ahead of time yet.
+    // Most searches end with the first region, so no other region is matched ahead of it.
     RegionMatch region = TryRegion(state, port, matcher, search.Start, spiral, 0);
     ShowCentre(state, port, region.Centre);
     state.Display.BusyIndicator = false;
@@ -238,7 +238,7 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
         port.Yield();
         region = TryRegion(state, port, matcher, centre, spiral, search.RegionLimit - k);
         ++k;
-        // The limit is looked at before the match: the region beyond it cannot succeed.
+        // The limit is checked before the match, so the region beyond it cannot succeed.
     } while (k <= search.RegionLimit);
     report.RegionsTried = std::max(search.RegionLimit, 1);
     ShowStatus(state, port, "No Match Found", StatusColour::Red);

@@ -1,4 +1,4 @@
-// What the program's logic asks of whatever shows it: a window, a console or a test.
+// The interface from the program's logic to the user: a window, a console or a test.
 #pragma once
 
 #include <optional>
@@ -10,22 +10,22 @@ namespace vestrel {
 struct FileDialog {
     std::string Title;
     std::string Filters;      ///< pairs of description and ";"-separated patterns, all split by "|"
-    int FilterIndex = 1;      ///< the preselected pair, from 1; one that does not exist is ignored
+    int FilterIndex = 1;      ///< the preselected pair, from 1; ignored when it does not exist
     std::string InitialName;  ///< folder and pattern
-    bool Saves = false;       ///< asks for a file to write, and before overwriting one
-    std::string Suffix = ".fit";     ///< of a file to write when the user gives none
-    std::string SuggestedName = {};  ///< of a file to write, without its folder
+    bool Saves = false;       ///< asks for a file to write, and for consent before overwriting one
+    std::string Suffix = ".fit";     ///< of a file to write, when the user gives no suffix
+    std::string SuggestedName = {};  ///< of a file to write, without folder
 };
 
-/// The one way from the program's logic to the user. Everything that is shown as text stands in
-/// the program state; the port is told when to look.
+/// The only way from the program's logic to the user. All text that is shown stands in the program
+/// state; the port is told when it has changed.
 class Port {
  public:
     virtual ~Port() = default;
 
-    /// A message box: waits for the user where there is one to wait for.
+    /// A message box. Waits for the user, if there is one.
     virtual void ShowMessage(const std::string& text, const std::string& title) = 0;
-    /// A question whose answer may be no. Where nobody can be asked it is yes.
+    /// Asks the user a question. The answer is yes when there is nobody to ask.
     virtual bool Confirm(const std::string& /*question*/, const std::string& /*title*/) {
         return true;
     }
@@ -38,7 +38,7 @@ class Port {
     virtual void ImageChanged() = 0;
     /// Progress of the present step, 0..100; 0 clears it.
     virtual void ShowProgress(int percent) = 0;
-    /// Lets pending user-interface events run. The only place where a stop can be asked for.
+    /// Lets pending user-interface events run. Only here can the user request a stop.
     virtual void Yield() = 0;
     /// Shows or hides the busy (hourglass) pointer.
     virtual void ShowBusyPointer(bool busy) = 0;

@@ -1,5 +1,6 @@
-// What the windows remember between runs beside the settings: places, theme, addresses. A text file
-// of "name=value" lines, so that the settings file stays as other programs know it.
+// What the windows remember between runs in addition to the settings: window positions, theme,
+// addresses. They are in a text file of "name=value" lines, so that the settings file keeps the
+// form that other programs know.
 #pragma once
 
 #include <string>
@@ -8,7 +9,7 @@
 
 namespace vestrel {
 
-/// Reads the preferences. Whatever the file holds, there are few of them and each is one line.
+/// Reads the preferences: at most 100 single lines of at most 4096 bytes, whatever the file holds.
 void LoadPreferences(ProgramState& state);
 
 /// Writes them, whole or not at all.
@@ -17,7 +18,7 @@ bool SavePreferences(const ProgramState& state);
 /// A preference; empty when there is none.
 std::string PreferenceOf(const ProgramState& state, const std::string& name);
 
-/// Keeps a preference; an empty value removes it, and what is no single line.
+/// Sets a preference. A value that is empty or not a single line removes it.
 void SetPreference(ProgramState& state, const std::string& name, const std::string& value);
 
 }  // namespace vestrel

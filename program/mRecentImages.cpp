@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t mostImages = 8;
 
-/// One line of the file; other paths are not remembered.
+/// Whether a path fits on one line of the file; other paths are not remembered.
 bool IsLine(const std::string& path) {
     return !path.empty() && std::none_of(path.begin(), path.end(),
                                          [](char c) { return static_cast<unsigned char>(c) < 32; });

@@ -1,4 +1,4 @@
-// The images opened last, remembered between runs.
+// The list of recently opened images, remembered between runs.
 #pragma once
 
 #include <string>
@@ -7,13 +7,13 @@
 
 namespace vestrel {
 
-/// Puts an image first; of a path that was there already the older entry goes.
+/// Puts a path first in the list, at most 8 long, and removes its older entry.
 void AddRecentImage(ProgramState& state, const std::string& path);
 
-/// Reads the list. Whatever the file holds, the list is short and its entries are single lines.
+/// Reads the list: at most 8 single lines, whatever the file holds.
 void LoadRecentImages(ProgramState& state);
 
-/// Writes the list, whole or not at all.
+/// Writes the list, whole or not at all. False when that fails.
 bool SaveRecentImages(const ProgramState& state);
 
 }  // namespace vestrel

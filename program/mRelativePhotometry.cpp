@@ -16,7 +16,7 @@ std::string FileNameOf(const std::string& path) {
     return separator == std::string::npos ? path : path.substr(separator + 1);
 }
 
-/// A text of the header without its quotes; empty where the header has none ("0").
+/// A text of the header without its quotes; empty when the header has none ("0").
 std::string HeaderText(std::string_view text) {
     text = Trim(text);
     if (text.size() >= 2 && text.front() == '\'' && text.back() == '\'') {

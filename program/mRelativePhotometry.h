@@ -13,18 +13,18 @@
 namespace vestrel {
 
 struct PhotometryTable {
-    std::optional<StarReport> First;  ///< the next star is compared with it
+    std::optional<StarReport> First;  ///< the star with which the next one is compared
     bool KeepsFirst = false;          ///< all following stars are compared with the same one
     std::vector<PhotometryRow> Rows;
 };
 
-/// Measures the clicked star. It becomes the first of a pair, or makes a row with the first one; a
-/// place without a star changes nothing.
+/// Measures the clicked star. It becomes the first star of a pair, or completes a row; a place
+/// without a star changes nothing.
 /// @return the outcome in words, warnings included
 std::string TakePhotometryStar(ProgramState& state, PhotometryTable& table,
                                const PixelPoint& pixel);
 
-/// What the user is to do next.
+/// What the user should do next.
 std::string PhotometryHint(const PhotometryTable& table);
 
 /// The table as the window shows it.

@@ -51,9 +51,9 @@ class Plan {
     double Seconds() const {
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
     }
-    /// Cheap enough to be asked for every quad.
+    /// Cheap enough to call for every quad.
     bool MustEnd() {
-        constexpr double between = 0.01;  // looks at what the user does, seconds
+        constexpr double between = 0.01;  // seconds between two yields
         const double now = Seconds();
         if (now > lastYield_ + between) {
             lastYield_ = now;
@@ -89,8 +89,8 @@ class Plan {
         return SolveCode::NoMatch;
     }
 
-    /// As `FindPlateStars`, for the lists of an earlier plan, which has them when there were
-    /// enough.
+    /// Replaces `FindPlateStars` when the lists come from an earlier plan. That plan kept them only
+    /// when there were enough stars.
     bool TakeKeptStars() {
         ForgetSolution(state_);
         const auto& kept = (*request_.Lists)[static_cast<std::size_t>(StarSource::Extracted)];
@@ -98,7 +98,7 @@ class Plan {
         return kept && !kept->Empty();
     }
 
-    /// As `FindPlateStars`, for stars that were given.
+    /// Replaces `FindPlateStars` when the stars were given.
     bool TakeGivenStars() {
         ForgetSolution(state_);
         state_.PlateStars = *request_.Stars;
@@ -107,7 +107,8 @@ class Plan {
         return state_.PlateStars.Count() >= fewestStars;
     }
 
-    /// The whole sky costs less than seeds around a hint that is wrong.
+    /// The whole sky comes before seeds around a hint, because it costs less when the hint is
+    /// wrong.
     bool SureSomewhere() {
         if (SureAroundHints([this](const SearchHint& hint) { return SearchesOf(hint); }))
             return true;
@@ -143,8 +144,8 @@ class Plan {
                });
     }
 
-    /// Hints and the whole sky share the chance to be wrong: each is charged as if it were twice as
-    /// long.
+    /// Hints and the whole sky share the allowed false-alarm probability: each is charged as if it
+    /// had twice as many trials.
     double Shares() const { return request_.Everywhere && !request_.Around.empty() ? 2 : 1; }
 
     template <typename Attempt>
@@ -161,8 +162,8 @@ class Plan {
         return enoughStars_ && PlainSearch(hint, lists_.Of(StarSource::Extracted));
     }
 
-    /// The plain search with peaks, which are looked for in the sums of two by two pixels: as it
-    /// stands, the pattern of a mosaic's colours hides the stars from the plain extraction.
+    /// The plain search with peaks of the sums of two by two pixels: in the counts themselves, the
+    /// pattern of a mosaic's colours hides the stars from the plain extraction.
     bool MosaicSearch(const SearchHint& hint) {
         const PlateStarList& stars = lists_.Of(StarSource::Peaks);
         if (stars.Count() < fewestStars) return false;
@@ -195,14 +196,14 @@ class Plan {
         }
     }
 
-    /// The plain search with the catalog stars of a circle within the frame.
+    /// The plain search with the catalog stars of a circle inside the frame.
     bool ShortSideSearch(const SearchHint& hint) {
         constexpr double part = 0.78;
         SearchHint inner = hint;
         inner.Width = inner.Height = part * std::min(hint.Width, hint.Height);
         const SolveReport before = state_.Report;
         const bool sure = PlainSearch(inner);
-        // The report describes the plain search, not this one of a part of the field.
+        // The report describes the plain search, not this search of a part of the field.
         state_.Report.SearchRadius = before.SearchRadius;
         state_.Report.MagnitudeLimit = before.MagnitudeLimit;
         return sure;
@@ -253,8 +254,8 @@ class Plan {
         return false;
     }
 
-    /// Makes the solution from a plate about a place when it is sure: the catalog is read again
-    /// about the middle of the image, and all stars take part.
+    /// Turns a plate about `about` into the solution when it is sure: reads the catalog again
+    /// around the middle of the image and uses all stars.
     bool TakePlate(const MatchedPlate& match, SkyPosition about, const PlateStarList& catalog,
                    const ImageStars& places, std::int32_t regions, double trials, double plates) {
         const PlateImage& image = state_.Image;
@@ -280,8 +281,8 @@ class Plan {
         if (!std::isfinite(solution.Rms)) return false;
         state_.PlateStars = places.Stars();
         if (request_.Around.empty()) {
-            // The report names a size that differs from the given one. A size that is only tried
-            // was not given.
+            // The report mentions a size that differs from the given one; a size that was only
+            // tried does not count as given.
             state_.Report.SearchRadius =
                 request_.Diagonals.empty() ? 0 : request_.Diagonals.front() / 2;
         }
@@ -348,7 +349,7 @@ class Plan {
         return found;
     }
 
-    /// Refines a plate of four stars with all others, and takes it when it is sure.
+    /// Refines a plate of four stars with all others, and accepts it when it is sure.
     bool TakeQuadPlate(const CentredPlate& plate, const ImageStars& places) {
         const double radius = std::hypot(places.Width(), places.Height()) / 2 /
                               PlateGeometry(plate.Plate).Scale / SolveArcsecondsPerRadian;
@@ -383,7 +384,7 @@ class Plan {
     bool enoughStars_ = false;
     std::string quadFault_;
     double searches_ = 0;  ///< regions and lists that were tried
-    bool mosaic_;          ///< the pixels of the image have colours of their own
+    bool mosaic_;          ///< the image is a mosaic of colours
     PlanStars lists_;
 };
 

@@ -18,7 +18,7 @@ constexpr const char* degrees = "degrees";
 
 void TakeSize(const std::string& text, double& field) {
     const auto value = ParseNumber(text);
-    // A file with an infinity in it would be refused, and all other settings with it.
+    // A file that contains an infinity would be refused as a whole.
     if (value && std::isfinite(*value)) field = RoundToDecimals(*value, 2);
 }
 
@@ -31,7 +31,7 @@ void EnsureFolderOf(const std::filesystem::path& file) {
 
 void LoadSettings(ProgramState& state, Port& port) {
     const std::filesystem::path file = SettingsFilePath();
-    // Only the first bytes are ours; a file of any length is read no further.
+    // Only the first bytes are settings; the rest of a longer file is not read.
     std::vector<unsigned char> bytes(SettingsFileBytes);
     if (const FileHandle handle = OpenFile(file, "rb")) {
         bytes.resize(std::fread(bytes.data(), 1, bytes.size(), handle.get()));

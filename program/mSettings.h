@@ -1,12 +1,12 @@
-// The settings between the program state and their file.
+// Transfers the settings between the program state and their file.
 #pragma once
 
 #include "program/mGeneral.h"
 
 namespace vestrel {
 
-/// Reads the settings file. An out-of-date one gives a message, a missing one is created empty.
-/// Sets `HaveConfig`.
+/// Reads the settings file. An outdated one gives a message, a missing one is created empty. Sets
+/// `HaveConfig`.
 void LoadSettings(ProgramState& state, Port& port);
 
 /// Stores the defaults into every parameter; both folders become the program's own.

@@ -10,29 +10,29 @@ namespace vestrel {
 
 namespace {
 
-/// The radius of a circle about the image, radians.
+/// The radius of the circle around the image, radians.
 double RadiusOf(const SkyModel& plate) {
     return std::atan(plate.Scale() * std::hypot(plate.Width, plate.Height) / 2);
 }
 
-/// The catalog stars of the whole image that it may show, brightest first.
-/// @param compared magnitude that the solve compares down to
+/// The catalog stars that the whole image may show, brightest first.
+/// @param compared magnitude down to which the solve compares
 PlateStarList CatalogOfImage(const ProgramState& state, const SkyModel& plate, double compared) {
-    // The solve reads as many stars as it needs; an image shows fainter ones.
+    // The solve reads only the stars that it needs; the image shows fainter ones.
     constexpr double deeper = 1.5;
     constexpr std::int32_t enough = 2000;
     constexpr int mostReadings = 4;
     const double radius = 1.02 * RadiusOf(plate);
     Projection plane;
     plane.SetProjectionCentre(plate.Tangent, SolveArcsecondsPerRadian);
-    // The solve's own cache stays as it left it.
+    // A cache of its own leaves that of the solve unchanged.
     CatalogCache cache;
     cache.Folder = state.Catalog.Folder;
     PlateStarList stars;
     double limit = compared + deeper;
     for (int reading = 0; reading < mostReadings; ++reading) {
         stars = RegionStars(cache, plane, plate.Tangent, radius, limit);
-        // A list that is full is full of some cells only.
+        // A list that reached its limit holds stars of some cells only.
         if (stars.Count() <= enough) break;
         limit -= 1;
     }
@@ -47,7 +47,7 @@ std::optional<SkySolution> SolutionOfAllStars(const ProgramState& state,
     std::vector<SkyPair> start;
     for (const PlateStar& star : regionStars) catalog.push_back({star.Ra, star.Dec});
     for (const PlateStar& star : solution.PlateStars) stars.push_back({star.X, star.Y});
-    // The same stars in the list that was read again.
+    // Finds the solution's stars in the list that was read again.
     for (const StarMatch& pair : solution.Pairs) {
         if (!pair.InUse) continue;
         const PlateStar& wanted = solution.CatalogStars[pair.Star1];
@@ -77,7 +77,7 @@ std::optional<ImageSkyModel> SkyModelOfImage(const ProgramState& state) {
     if (!plate) return std::nullopt;
     ImageSkyModel result{*plate, std::nullopt, 0, {}};
     if (state.Solution) {
-        // A search over the whole sky by quads compares to no limit.
+        // A search over the whole sky by quads has no magnitude limit.
         const double compared = state.Report.MagnitudeLimit;
         result.MagnitudeLimit = compared > 0 ? compared : MagnitudeLimitFor(RadiusOf(result.Model));
         result.CatalogStars = CatalogOfImage(state, result.Model, result.MagnitudeLimit);
@@ -93,7 +93,7 @@ const std::optional<ImageSkyModel>& KeptSkyModel(ProgramState& state) {
 }
 
 std::optional<SkyMap> SkyMapOf(ProgramState& state) {
-    // What has no fit of its own is the plate in other words.
+    // A model without a fit of its own is just the plate.
     if (state.Solution) {
         const auto& sky = KeptSkyModel(state);
         if (sky && sky->Solution) return SkyMap::Of(sky->Model);

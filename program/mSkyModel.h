@@ -10,15 +10,16 @@
 
 namespace vestrel {
 
-/// The model of the loaded image's solution; nothing when it has none, or none that a photograph
-/// could have. Reads the catalog of the whole image, a few milliseconds.
+/// The model of the loaded image's solution. Nothing when there is no solution, or when its plate
+/// cannot be that of a photograph. Reads the catalog of the whole image, which takes a few
+/// milliseconds.
 std::optional<ImageSkyModel> SkyModelOfImage(const ProgramState& state);
 
-/// The same, made when it is asked for first and kept in the state as long as the solution is.
+/// The same, made at the first call and kept in the state as long as the solution.
 const std::optional<ImageSkyModel>& KeptSkyModel(ProgramState& state);
 
-/// Where things of the sky lie on the image: by the model when the stars gave one, else by the
-/// plate; nothing without a solution.
+/// The map between sky and image: the model when it was fitted to stars, else the plate; nothing
+/// without a solution.
 std::optional<SkyMap> SkyMapOf(ProgramState& state);
 
 }  // namespace vestrel

@@ -32,7 +32,7 @@ std::string MagnitudeText(double magnitude) {
     return ", magnitude " + FixedText(magnitude, 2);
 }
 
-/// Whether a closed line goes around a place: it crosses a ray from there an odd number of times.
+/// Whether a closed line surrounds a place: it crosses a ray from there an odd number of times.
 bool GoesAround(const std::vector<PixelPoint>& line, const PixelPoint& place) {
     bool around = false;
     for (std::size_t i = 1; i < line.size(); ++i) {

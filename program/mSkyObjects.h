@@ -1,4 +1,4 @@
-// The objects of the sky that have names: in the inputs, and under the pointer.
+// Named objects of the sky: as input for the centre, and under the mouse pointer.
 #pragma once
 
 #include <optional>
@@ -10,8 +10,8 @@
 
 namespace vestrel {
 
-/// The tables of objects, read when they are asked for first. They lie in $VESTREL_DATA, or in
-/// share/vestrel beside the folder of the program; without them there are no names.
+/// The tables of objects, read when they are first needed. They lie in $VESTREL_DATA, or in
+/// share/vestrel beside the program's folder. Without them there are no names.
 class SkyNames {
  public:
     const std::vector<SkyObject>& Objects();
@@ -20,16 +20,15 @@ class SkyNames {
     std::optional<std::vector<SkyObject>> objects_;
 };
 
-/// Fills both centre inputs from what one of them holds that is no angle by itself: a whole
+/// Completes the centre inputs when one of them holds something other than a plain angle: a whole
 /// position, an angle with typographic signs, or the name of an object.
 /// @return whether they have changed
 bool CompleteCentre(SolveInputs& inputs, SkyNames& names);
 
-/// Makes a position the approximate centre.
+/// Puts a position into the inputs as approximate centre.
 void SetCentre(SolveInputs& inputs, const SkyPosition& centre);
 
-/// What is known about a place of the image: the catalog star there and the objects around it, a
-/// line each.
+/// Describes a place of the image: the catalog star there and the objects around it, one line each.
 /// @param reach how near a star or an object without a size has to be, pixels
 std::string IdentityAt(const ProgramState& state, const std::vector<ObjectOnImage>& objects,
                        const PixelPoint& pixel, double reach);

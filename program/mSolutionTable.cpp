@@ -23,7 +23,7 @@ namespace vestrel {
 
 namespace {
 
-/// Shows nothing, keeps the last message, and hears when to stop.
+/// Shows nothing, keeps the last message, and passes on the request to stop.
 class SilentWorker : public Port {
  public:
     SilentWorker(ProgramState& state, const std::atomic<bool>& stopped)
@@ -49,7 +49,7 @@ class SilentWorker : public Port {
     const std::atomic<bool>& stopped_;
 };
 
-/// The first line of a text, without its ends.
+/// The first line of a text, trimmed.
 std::string FirstLine(const std::string& text) {
     return std::string(Trim(text.substr(0, text.find('\n'))));
 }
@@ -76,7 +76,7 @@ SolvedPicture SolveFile(const SolveParameters& parameters, const std::filesystem
     return picture;
 }
 
-/// A field of a line with commas. What a spreadsheet would take for a formula is kept text.
+/// A field of a comma-separated line. Text that a spreadsheet would take for a formula stays text.
 std::string CsvField(const std::string& text) {
     constexpr std::string_view formulas = "=+-@\t";
     std::string field = text;

@@ -1,4 +1,4 @@
-// The table of what was solved in a session, by hand and in the background.
+// The table of the pictures of a session, solved by hand or in the background.
 #pragma once
 
 #include <array>
@@ -14,7 +14,7 @@
 
 namespace vestrel {
 
-/// A picture and what came of it.
+/// A picture and its outcome.
 struct SolvedPicture {
     std::string Path;
     Trust Verdict;
@@ -30,31 +30,31 @@ inline constexpr std::array<const char*, 7> SolutionColumns{
 /// The texts of a row, as shown.
 std::array<std::string, SolutionColumns.size()> SolutionCells(const SolvedPicture& picture);
 
-/// The table as text with commas, angles as degrees: for spreadsheets.
+/// The table as comma-separated values for spreadsheets; angles are in degrees.
 std::string SolutionsCsv(const std::vector<SolvedPicture>& pictures);
 
 /// The loaded image and its solution, or why it has none.
 SolvedPicture PictureOf(const ProgramState& state);
 
-/// Opens the picture of a row again and gives it its solution.
+/// Opens the picture of a row again and restores its solution.
 void RestoreSolution(ProgramState& state, Port& port, const SolvedPicture& picture);
 
-/// Asks for a file and writes the table there.
+/// Asks for a file and writes the table there as comma-separated values.
 void ExportSolutions(ProgramState& state, Port& port, const std::vector<SolvedPicture>& pictures);
 
-/// The pictures of a folder that can be read, by name.
+/// The paths of the readable pictures in a folder, sorted by name; at most 10,000.
 std::vector<std::string> PicturesIn(const std::string& folder);
 
-/// Solves pictures one after the other on a thread of its own, each with all that is known of it
-/// and the whole sky after that. The program's own image is left alone.
+/// Solves pictures one after the other on its own thread by `SolveWithAnything`, each for at most
+/// 40 s. The program's own image is not touched.
 class BackgroundSolver {
  public:
-    /// @param parameters, catalog what the solves take, copied
+    /// @param parameters, catalog settings and folder for the solves
     /// @param onSolved called on the solver's thread after each picture
     BackgroundSolver(const SolveParameters& parameters, std::filesystem::path catalog,
                      std::vector<std::string> paths,
                      std::function<void(const SolvedPicture&)> onSolved);
-    /// Stops at the next chance, and waits for it.
+    /// Stops as soon as possible and waits for the thread.
     ~BackgroundSolver();
     BackgroundSolver(const BackgroundSolver&) = delete;
     BackgroundSolver& operator=(const BackgroundSolver&) = delete;

@@ -28,7 +28,7 @@ class Table {
     std::string text_;
 };
 
-/// A number with just this many decimals.
+/// A number with exactly this many decimals.
 std::string Fixed(double value, int decimals) {
     std::string text = PlainNumberText(RoundToDecimals(value, decimals));
     if (decimals == 0) return text;
@@ -55,7 +55,7 @@ std::string Count(std::int64_t n, const char* one, const char* many) {
     return std::to_string(n) + " " + (n == 1 ? one : many);
 }
 
-/// What a failed search had to start from.
+/// Adds what a failed search started from.
 void AddImage(Table& table, const ProgramState& state) {
     table.Line("Image", std::to_string(state.Image.Width) + " x " +
                             std::to_string(state.Image.Height) + " pixels");
@@ -65,7 +65,7 @@ void AddImage(Table& table, const ProgramState& state) {
                                   " counts");
 }
 
-/// How far a quad search came, or why it had nothing to search.
+/// Adds how far a quad search came, or why there was none.
 void AddQuads(Table& table, const ProgramState& state) {
     const QuadSearch& search = state.QuadMatch;
     const std::string& fault = state.Quads.Fault;
@@ -76,7 +76,7 @@ void AddQuads(Table& table, const ProgramState& state) {
                             : fault);
 }
 
-/// So many magnitudes less than what the field is compared down to are worth a word.
+/// A catalog that ends this many magnitudes too early is worth mentioning.
 constexpr double shallow = 0.5;
 
 std::string TryLine(const std::string& advice) {
@@ -111,9 +111,9 @@ ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& 
     InvertPlateFit(solution.Transform, centreX, centreY, xi0, eta0);
     InvertPlateFit(solution.Transform, centreX, centreY + upward, xi1, eta1);
 
-    // North of the image centre, not of the tangent point: the two differ by the turn of the
-    // meridians between them, which near a pole can be anything. Vectors are (east, north,
-    // outward) at the tangent point.
+    // North at the image centre, not at the tangent point: the two differ by the convergence of the
+    // meridians, which near a pole can be any angle. Vectors are (east, north, outward) at the
+    // tangent point.
     const double east = -xi0 / SolveArcsecondsPerRadian;
     const double north = eta0 / SolveArcsecondsPerRadian;
     const double outward = std::sqrt(std::max(0.0, 1 - east * east - north * north));
@@ -127,7 +127,7 @@ ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& 
                              poleOutward * east * upNorth - poleNorth * east * upOutward;
     double angle = std::atan2(alongEast, alongNorth) * ExactDegreesPerRadian;
     if (angle < 0) angle += 360;
-    // xi grows west: with rows counted downward the ordinary sky has a negative stretch.
+    // xi grows west, so with rows counted downward the unmirrored sky has a negative stretch.
     return {angle, firstRowAtTop ? solution.Stretch > 0 : solution.Stretch < 0};
 }
 
@@ -209,7 +209,7 @@ std::vector<std::string> Cautions(const ProgramState& state) {
     const double expected = 2 * state.Report.SearchRadius * ExactDegreesPerRadian * 60;
     const double ratio = found / expected;
     constexpr double tolerated = 1.25;
-    // Without a size that was given there is none to differ from.
+    // Without a given size there is nothing to compare with.
     if (expected > 0 && !(ratio < tolerated && ratio > 1 / tolerated)) {
         cautions.push_back("the field is " + Fixed(ratio, 2) + " times the size given");
     }

@@ -22,7 +22,7 @@ namespace vestrel {
 
 namespace {
 
-/// A number that can be computed with.
+/// The finite number in a text; nothing when there is none.
 std::optional<double> FiniteNumber(const std::string& text) {
     const auto value = ParseNumber(text);
     return value && std::isfinite(*value) ? value : std::nullopt;
@@ -36,7 +36,7 @@ std::optional<double> ReadSize(const SolveInputs& inputs, const std::string& tex
     return inputs.Units == "degrees" ? radians * 60 : radians;
 }
 
-/// Reads all inputs in their order, up to one that is not valid.
+/// Reads the inputs in their order, up to the first invalid one.
 std::optional<InputFault> ReadInputs(const SolveInputs& inputs, UnattendedRequest& request) {
     request.Start.Ra = ParseRA(inputs.Ra);
     if (request.Start.Ra < 0) return InputFault{&SolveInputs::Ra, "Please enter a valid RA value"};
@@ -64,7 +64,7 @@ std::string AsSentence(std::string text) {
     return text + ".";
 }
 
-/// Whether there is a file of a name that some other program wrote.
+/// Whether another program wrote the file of this name.
 bool IsForeignFile(const std::string& path) {
     constexpr std::size_t head = 1 << 16;
     const FileHandle file = OpenFile(PathFromText(path), "rb");
@@ -74,7 +74,7 @@ bool IsForeignFile(const std::string& path) {
     return bytes.find("NH_SCALE") == std::string::npos;
 }
 
-/// What every search from the inputs begins with. Nothing when there is nothing to search with.
+/// Begins every search from the inputs. Nothing when they are not valid or there is no image.
 std::optional<UnattendedRequest> BeginSearch(ProgramState& state, Port& port) {
     const StatusLine statusBefore = state.Display.Status;
     if (!BeginAnySearch(state, port)) return std::nullopt;
@@ -192,7 +192,7 @@ void MoraCommand(ProgramState& state, Port& port) {
     });
     const bool matched = code == SolveCode::Solved;
     state.Display.OffersJustSolve = code == SolveCode::NoMatch;
-    // What can be chance is not to look like a success.
+    // A match that may be chance must not look like a success.
     if (matched && !IsSure(state.QuadMatch)) {
         state.Display.Status.Colour = state.Display.Status1.Colour = StatusColour::Black;
     }
@@ -208,7 +208,7 @@ void MoraCommand(ProgramState& state, Port& port) {
         state.Inputs.Ra = FormatRA(centre.Ra, false, 2);
         state.Inputs.Dec = FormatDec(centre.Dec, false, 1);
     }
-    // What lay over the image was the solution before.
+    // The overlays showed the previous solution.
     port.ImageChanged();
 }
 
@@ -285,7 +285,7 @@ std::string ImageNameText(const ProgramState& state) {
         const std::string shortened = ShortenedPath(state.Image.FileName);
         return shortened.empty() ? ImageBaseName(state) : shortened;
     }
-    // While one is read its name stands there.
+    // While an image is being read, its name is shown.
     const bool reads = state.Running == Activity::Opening || state.Running == Activity::Solving;
     return reads && !state.Display.ImageName.empty() ? state.Display.ImageName
                                                      : "Please Load an Image";

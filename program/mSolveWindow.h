@@ -1,4 +1,4 @@
-// What the commands of the solve window do, without the window.
+// The commands of the solve window, without the window.
 #pragma once
 
 #include <optional>
@@ -11,8 +11,8 @@
 
 namespace vestrel {
 
-/// Marks the program busy for as long as it lives. False when something runs already: then nothing
-/// else may start.
+/// Marks the program as busy while it lives. It converts to false when something else is running:
+/// the command must then do nothing.
 class Operation {
  public:
     Operation(ProgramState& state, Port& port, Activity activity);
@@ -27,13 +27,13 @@ class Operation {
     bool started_;
 };
 
-/// Which commands may be given now.
+/// Which commands are available now.
 struct AvailableCommands {
-    bool Start = true;  ///< to match, open an image, edit parameters, ask the telescope
+    bool Start = true;  ///< to solve, open an image, edit parameters, use the telescope
     bool Stop = false;
     bool Save = false;
     bool WriteWorldCoordinates = false;
-    bool Sync = false;  ///< to send a solved centre to the telescope
+    bool Sync = false;  ///< sending a solved centre to the telescope
 };
 AvailableCommands CommandsFor(const ProgramState& state);
 
@@ -42,17 +42,17 @@ struct InputFault {
     std::string SolveInputs::*Box;
     const char* Text;
 };
-/// The first of the inputs, in their order, that is not valid; nothing when a search can begin.
+/// The first invalid input, in their order; nothing when a search can begin.
 std::optional<InputFault> FaultOfInputs(const SolveInputs& inputs);
 
-/// Checks the inputs in their order and shows a message about the first that is not valid.
-/// @return what to solve for, without a path
+/// Checks the inputs in their order and shows a message about the first invalid one.
+/// @return the request, without a path
 std::optional<UnattendedRequest> ReadSolveInputs(const ProgramState& state, Port& port);
 
-/// The size of the field that the inputs give, radians; nothing when they give none.
+/// The field size in the inputs, radians; nothing when it is not valid.
 std::optional<std::pair<double, double>> FieldSizeOf(const SolveInputs& inputs);
 
-/// What every search in the window begins with: says that there is no image, or that it works.
+/// Begins every search in the window: shows that it works, or that there is no image (then false).
 bool BeginAnySearch(ProgramState& state, Port& port);
 
 /// Looks for the cause of a failed search and tells it in the details; the search was for a
@@ -62,47 +62,49 @@ void ExplainFailure(ProgramState& state, Port& port, SolveCode code, const Searc
 /// Plate Match: solves the loaded image from the inputs.
 void PlateMatchCommand(ProgramState& state, Port& port);
 
-/// MORA: looks the loaded image up in the quad tables. It needs the size of the field only; the
-/// inputs are checked as for Plate Match all the same. The centre of a sure match becomes the
-/// approximate centre, for Plate Match to measure the image from.
+/// MORA: looks up the loaded image in the quad tables. It needs only the size of the field, but the
+/// inputs are checked as for Plate Match. The centre of a sure match becomes the approximate
+/// centre, from which Plate Match then measures the image.
 void MoraCommand(ProgramState& state, Port& port);
 
-/// Solves as a parameter string says. Nothing when something runs already.
+/// Solves by a parameter string. Nothing when something else is running.
 std::optional<UnattendedOutcome> UnattendedCommand(ProgramState& state, Port& port,
                                                    const std::string& parameters);
 
-/// Stop Search: the running solve sees it between two regions; the telescope is waited for no more.
+/// Stop Search: the running solve notices it between two regions, and waiting for the telescope
+/// ends.
 void StopSearch(ProgramState& state);
 
 /// Switches between arcminutes and degrees; the numbers stay.
 void SwitchUnits(ProgramState& state);
 
-/// Open: with the dialog, and of a path that is known.
+/// Open: with the dialog, or with a given path.
 void OpenImageCommand(ProgramState& state, Port& port);
 void OpenImageCommand(ProgramState& state, Port& port, const std::string& path);
 
-/// Save As; Export, as a standard FITS file; and the world coordinates in a file beside the image.
+/// Save As; Export as a standard FITS file; and writing the world coordinates to a file beside the
+/// image.
 void SaveImageCommand(ProgramState& state, Port& port);
 void ExportImageCommand(ProgramState& state, Port& port);
 void WorldCoordinatesCommand(ProgramState& state, Port& port);
 
-/// The text for the name of the loaded image, its name alone, and the text for its folder.
+/// The text shown for the name of the loaded image, its file name, and the text shown for its
+/// folder.
 std::string ImageNameText(const ProgramState& state);
 std::string ImageBaseName(const ProgramState& state);
 std::string ImageFolderText(const ProgramState& state);
 
-/// A name for a file that is made from the loaded image: its own without the last suffix, and this
-/// ending.
+/// A name for a file made from the loaded image: its name without the last suffix, plus `ending`.
 std::string SuggestedName(const ProgramState& state, const std::string& ending);
 
-/// The user closes the program. While something runs this asks it to stop, and the program is to
-/// be closed when it has.
+/// The user closes the program. A running command is asked to stop, and the program closes when it
+/// has.
 /// @return true when it may close now
 bool RequestClose(ProgramState& state);
 
-/// One second of the countdown that follows an unattended run. Held by "Keep Open", and while
+/// One second of the countdown after an unattended run. It stops while "Keep Open" is set or
 /// something runs.
-/// @return true when the program is to end
+/// @return true when the program must end
 bool CountdownTick(ProgramState& state);
 
 }  // namespace vestrel

@@ -16,8 +16,8 @@ namespace vestrel {
 
 namespace {
 
-/// How good the solution is, as header cards. Of one that was read with the image nothing is
-/// known any more.
+/// The quality of the solution as header cards; none for a solution that was read with the image,
+/// because nothing is known about it.
 std::vector<std::string> QualityCards(const ProgramState& state) {
     if (!state.Solution) return {};
     const PlateSolution& solution = *state.Solution;
@@ -42,8 +42,8 @@ std::vector<std::string> QualityCards(const ProgramState& state) {
     return cards;
 }
 
-/// The world coordinates: of an ordinary photograph, or the plate itself where it spans more of the
-/// sky than one. Empty when there is no solution.
+/// The world coordinates of the sky model, or of the plate itself when it spans more of the sky
+/// than a photograph can. Empty when there is no solution.
 std::vector<std::string> CoordinateCards(const ProgramState& state) {
     if (const auto model = SkyModelOfImage(state)) {
         return WorldCoordinateCards(state.Image, model->Model);

@@ -7,7 +7,7 @@ namespace vestrel {
 
 namespace {
 
-/// Only the text: colour and visibility stay as the solve has set them.
+/// Sets only the text; colour and visibility stay as the solve has set them.
 void ShowCaption(ProgramState& state, Port& port, const char* caption) {
     state.Display.Status.Text = caption;
     port.DisplayChanged();

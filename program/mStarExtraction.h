@@ -7,9 +7,9 @@
 
 namespace vestrel {
 
-/// Subtracts the sky background of the loaded image in place, once: does nothing when
-/// `BackgroundRemoved` is set, and sets it.
-/// @param halfSize   of the box, pixels
+/// Subtracts the sky background of the loaded image in place and sets `BackgroundRemoved`. Does
+/// nothing when that is set already.
+/// @param halfSize half the side of the box, pixels
 /// @param percentile 0..100
 void SubtractBackground(ProgramState& state, Port& port, std::int16_t halfSize, double percentile);
 
@@ -23,14 +23,14 @@ PlateStarList ExtractStars(ProgramState& state, Port& port);
 void ShowStatus(ProgramState& state, Port& port, const std::string& text,
                 StatusColour colour = StatusColour::Black);
 
-/// A kernel's progress, shown as percent; pending events run as it is reported.
+/// Shows a kernel's progress as percent and runs pending events with each report.
 Progress ShownProgress(Port& port);
 
-/// Thrown out of a kernel that is still at work a second after a stop was asked for.
+/// Thrown out of a kernel that still runs a second after a stop was requested.
 struct StopOverdue {};
 
-/// `ShownProgress` for kernels of a solve that change nothing until they have ended.
-/// The progress throws StopOverdue.
+/// As `ShownProgress`, but it may throw `StopOverdue`: only for kernels that change nothing before
+/// their end.
 Progress StoppableProgress(ProgramState& state, Port& port);
 
 }  // namespace vestrel

@@ -1,4 +1,4 @@
-// What is to be told about a clicked star: its measurement, and what the solution adds to it.
+// The report on a clicked star: its measurement, and what the solution adds.
 #pragma once
 
 #include <optional>
@@ -23,7 +23,7 @@ struct StarReport {
     StarMeasurement Star;
     std::optional<SkyPosition> Sky;   ///< when the image is solved
     std::optional<double> Magnitude;  ///< calibrated by the stars of the solution
-    double MagnitudeError = 0;        ///< of the measurement and of the zero point
+    double MagnitudeError = 0;        ///< error of the measurement and of the zero point together
     std::optional<ZeroPoint> Calibration;
     std::optional<CatalogNeighbour> Nearest;
 };
@@ -31,21 +31,21 @@ struct StarReport {
 /// The radii that the parameters hold.
 ApertureSettings ApertureSettingsOf(const SolveParameters& parameters);
 
-/// The stars of the solution where the catalog and the solution put them; none without a valid
-/// zero point.
+/// The catalog stars of the solution at their places on the image; empty without a valid zero
+/// point.
 std::vector<CalibrationStar> CalibrationStarsOf(const ProgramState& state);
 
-/// Measures the star that a click on the image means.
+/// Measures the star nearest to a click on the image.
 StarReport MeasureStarAt(ProgramState& state, const PixelPoint& pixel);
 
-/// The magnitude of the catalog star that a measured star is: the nearest one, when it is within
+/// The catalog magnitude of a measured star: that of the nearest catalog star, if it lies within
 /// the star's own light.
 std::optional<double> CatalogMagnitudeOf(const StarReport& report);
 
-/// What makes the measurement doubtful, in sentences; or why there is none.
+/// Sentences about what makes the measurement doubtful, or why there is none.
 std::string WarningsOf(const StarReport& report);
 
-/// All figures as lines "caption  value" in two columns; nothing when no star was measured.
+/// All figures as lines of captions and values in two columns; empty when no star was measured.
 std::string ReportText(const StarReport& report);
 
 }  // namespace vestrel

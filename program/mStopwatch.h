@@ -1,11 +1,11 @@
-// How long the stages of a solve take.
+// Measures how long the stages of a solve take.
 #pragma once
 
 #include <chrono>
 
 namespace vestrel {
 
-/// Adds the time of its own life to a total (seconds).
+/// Adds its own lifetime to a total (seconds).
 class StageTimer {
  public:
     explicit StageTimer(double& total) : total_(total) {}

@@ -26,13 +26,13 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// Shows what goes on with the telescope; the text may come from its driver.
+/// Shows a message about the telescope; the text may come from its driver.
 void Tell(ProgramState& state, Port& port, const std::string& text, StatusColour colour) {
     state.Display.Status1 = {"", StatusColour::Black, false};  // it belongs to the solve
     ShowStatus(state, port, WithoutControls("Telescope: " + text), colour);
 }
 
-/// Asks the driver, with the window alive meanwhile.
+/// Asks the driver and keeps the window alive meanwhile.
 double Ask(ProgramState& state, Port& port, milliseconds limit, TelescopeLink::Call call) {
     return state.Telescope->Run(std::move(call), limit, [&] {
         port.Yield();
@@ -51,7 +51,7 @@ void Connect(ProgramState& state, Port& port) {
     state.TelescopeConnected = true;
 }
 
-/// Runs a command over a connected telescope. What fails ends here; the connection only with it
+/// Runs a command on a connected telescope and shows its failures. The connection is dropped only
 /// when it is lost.
 template <typename Work>
 void WithTelescope(ProgramState& state, Port& port, Work work) {
@@ -76,12 +76,12 @@ void WithTelescope(ProgramState& state, Port& port, Work work) {
     }
 }
 
-/// A position from a driver, of which anything may come. Its rounding is no fault: a second of arc
-/// beyond the ends of the circles is at the ends.
+/// Checks a position from a driver. Values up to an arcsecond beyond their range are rounding
+/// errors and count as its ends.
 std::optional<SkyPosition> PositionFrom(double hours, double degrees) {
     constexpr double slack = 1.0 / 3600;
     const auto within = [](double value, double low, double high) {
-        return value >= low && value <= high;  // not so for a NaN
+        return value >= low && value <= high;  // false for NaN
     };
     if (!within(hours, -slack / 15, 24 + slack / 15) || !within(std::abs(degrees), 0, 90 + slack)) {
         return std::nullopt;
@@ -90,7 +90,7 @@ std::optional<SkyPosition> PositionFrom(double hours, double degrees) {
                        std::clamp(degrees, -90.0, 90.0) * Pi / 180};
 }
 
-/// The time of the day after so many seconds: "07:05:09".
+/// Seconds as time of day: "07:05:09".
 std::string DayTimeText(double seconds) {
     constexpr double rounding = 1e-3;  // a Julian date holds 0.04 ms
     const int whole = static_cast<int>(std::fmod(std::floor(seconds + rounding), 86400));
@@ -104,7 +104,7 @@ std::string DayTimeText(double seconds) {
 
 namespace {
 
-/// The longitude of the preferences, degrees east; nothing when none is set, or one that cannot be.
+/// The longitude in the preferences, degrees east; nothing when it is not set or not valid.
 std::optional<double> SetLongitude(const ProgramState& state) {
     const auto degrees = ParseNumber(PreferenceOf(state, "longitude"));
     return degrees && std::abs(*degrees) <= 360 ? degrees : std::nullopt;
@@ -115,7 +115,7 @@ std::optional<double> SetLongitude(const ProgramState& state) {
 void UpdateClock(ProgramState& state) {
     const LocalTime time = LocalTimeAt(std::chrono::system_clock::now());
     state.JulianDate = JulianDate(time);
-    // Digits of a constant number, so that the text stands still.
+    // A constant number of digits keeps the text from moving.
     const auto fraction = static_cast<int>(std::fmod(state.JulianDate, 1) * 100000);
     const double sidereal =
         LocalSiderealTime(state.JulianDate, SetLongitude(state).value_or(ObserverLongitude(time)));
@@ -128,7 +128,7 @@ void UpdateClock(ProgramState& state) {
 
 namespace {
 
-/// Where a connected telescope points, J2000. What it says that is no position is told.
+/// The J2000 position of a connected telescope. An impossible one is shown as a failure.
 std::optional<SkyPosition> AskForPosition(ProgramState& state, Port& port) {
     const milliseconds limit = state.TelescopePatience.Call;
     const double hours =

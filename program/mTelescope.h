@@ -1,5 +1,5 @@
-// The telescope: where it points becomes the start of a search, and a solved centre tells it where
-// it really points. And the clock, which both need.
+// The telescope commands: Load makes its position the start of a search, and Sync tells it the
+// solved centre. Also the clock, which both need.
 #pragma once
 
 #include <string>
@@ -9,20 +9,21 @@
 
 namespace vestrel {
 
-/// Looks at the system's clock: the state's Julian date, and the text that shows it.
+/// Reads the system's clock into the state's Julian date and the text that shows it.
 void UpdateClock(ProgramState& state);
 
-/// Load: where the telescope points, from the current date to J2000, as the approximate centre.
+/// Load: makes the telescope's position, precessed from the current date to J2000, the approximate
+/// centre.
 ///
 /// Connects first when there is no connection; shows "Can't connect to SiTech" when that fails. All
-/// other failures, positions that cannot be among them, leave the inputs alone and are told in the
-/// status line. A connection that was lost, by a driver that did not answer among others, is made
-/// anew at the next try. Does nothing while something else runs: the solve below
-/// would have to wait. Stop Search, and closing the program, end the waiting.
+/// other failures, including impossible positions, leave the inputs unchanged and are shown in the
+/// status line. A lost connection, for example when the driver did not answer, is made anew at the
+/// next try. Does nothing while something else runs. Stop Search and closing the program end the
+/// waiting.
 /// @return whether the inputs have changed
 bool LoadTelescopeCommand(ProgramState& state, Port& port);
 
-/// Connects to the telescope and tells in the status line where it points.
+/// Connects to the telescope and shows its position in the status line.
 void TestTelescopeCommand(ProgramState& state, Port& port);
 
 /// The devices that could be connected where the telescope is looked for, mounts first; tells in

@@ -1,4 +1,4 @@
-// How far a result can be trusted, in a word, with the reason and what would settle the doubt.
+// How far a result can be trusted, in one word, with the reason and what to do about a doubt.
 #pragma once
 
 #include <string>
@@ -12,8 +12,8 @@ namespace vestrel {
 enum class TrustLevel {
     None,     ///< there is no result
     Sure,     ///< chance does not give a match like it
-    Check,    ///< sure to be a match, but something about it is odd or not measured
-    Doubtful  ///< it can be chance
+    Check,    ///< surely a match, but something about it is odd or was not measured
+    Doubtful  ///< it may be chance
 };
 
 struct Trust {
@@ -25,19 +25,19 @@ struct Trust {
 /// "Sure", "Check" or "Doubtful"; empty without a result.
 const char* WordOf(TrustLevel level);
 
-/// Of a solution or confidence of any picture.
+/// The trust in a match, from its confidence and cautions.
 Trust TrustOf(const MatchConfidence& confidence, const std::vector<std::string>& cautions);
 
-/// Of what the window shows: the solution, or what MORA found.
+/// The trust in what the window shows: the solution, or the match of MORA.
 Trust TrustOf(const ProgramState& state);
 
-/// Whether the telescope may be told of the solution: asks the user when it is not sure.
+/// Whether Sync may send the solution to the telescope. Asks the user when it is not sure.
 bool MaySync(const ProgramState& state, Port& port);
 
-/// Where the matched stars lie against where the solution puts them.
+/// The measured places of the matched stars and their places by the solution.
 std::vector<Residual> ResidualsOf(const ProgramState& state);
 
-/// The residuals in a line: how many, their median and largest, pixels and arcseconds.
+/// The residuals in one line: their number, median and maximum, in pixels and arcseconds.
 std::string ResidualSummary(const ProgramState& state);
 
 }  // namespace vestrel

@@ -1,4 +1,4 @@
-// What the Python package is made of: the Solver, with numpy arrays and dictionaries.
+// The native part of the Python package: the Solver, with numpy arrays and dictionaries.
 
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
@@ -20,7 +20,7 @@ namespace py = pybind11;
 namespace vestrel {
 namespace {
 
-/// Does long work without Python's lock, and lets Ctrl-C end it meanwhile.
+/// Does long work without holding Python's lock, and lets Ctrl-C end it.
 template <typename Work>
 auto WithoutLock(const Work& work) {
     std::stop_source source;
@@ -79,7 +79,7 @@ PixelPicture PictureOf(const py::array& pixels, bool topRowFirst, std::vector<st
     return picture;
 }
 
-/// Rows of numbers as an array of so many columns.
+/// Numbers as an array with rows of `columns` numbers.
 py::array_t<double> Table(const std::vector<double>& numbers, std::size_t columns) {
     py::array_t<double> table({numbers.size() / columns, columns});
     std::copy(numbers.begin(), numbers.end(), table.mutable_data());
@@ -128,7 +128,7 @@ py::dict DictionaryOf(const SolverOutcome& outcome, const Solver& solver) {
     return result;
 }
 
-/// A Solver, and the lock of Python while it works: one call at a time.
+/// A Solver that allows one call at a time and releases Python's lock while it works.
 class NativeSolver {
  public:
     NativeSolver(const std::string& catalog, int threads, double detectionThreshold,
@@ -152,7 +152,8 @@ class NativeSolver {
     void OpenPixels(const py::array& pixels, bool topRowFirst,
                     const std::vector<std::string>& cards) {
         const Busy busy(busy_);
-        // Rows without gaps, in the machine's byte order; a copy only where they are not.
+        // Rows without gaps, in the machine's byte order. This copies only arrays that are not so
+        // already.
         const py::array plain = py::array::ensure(pixels, py::array::c_style);
         const PixelPicture picture = PictureOf(plain, topRowFirst, cards);
         WithoutLock([&](const SolverWatch& watch) { return solver_.Open(picture, watch); });
@@ -202,7 +203,7 @@ class NativeSolver {
     }
 
  private:
-    /// Other Python threads run while this one works.
+    /// Refuses a second call: other Python threads run while this one works.
     class Busy {
      public:
         explicit Busy(bool& busy) : busy_(busy) {

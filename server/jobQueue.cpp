@@ -22,8 +22,8 @@ namespace {
 
 constexpr std::size_t mostRemembered = 2000;
 
-/// The extension of a client's file name, as far as it is a harmless one: formats are told by it
-/// when the content does not tell them.
+/// The extension of a client's file name, if it is harmless; it determines the format when the
+/// content does not.
 std::string ExtensionFrom(const std::string& name) {
     constexpr std::size_t longest = 10;
     const std::size_t dot = name.rfind('.');
@@ -183,7 +183,7 @@ void JobQueue::Work(const std::stop_token& stop) {
             job.Report.State = JobState::Failed;
             job.Report.Log += std::string(error.what()) + "\n";
         }
-        // One that was cut short by the end of the server has not failed.
+        // A job that was cut short because the server ends has not failed.
         if (stop.stop_requested()) return;
         Finish(std::move(job));
     }

@@ -1,4 +1,4 @@
-// The one queue of pictures to solve, and what came of them.
+// The queue of pictures to solve, and their results.
 #pragma once
 
 #include <chrono>
@@ -21,7 +21,7 @@ namespace vestrel {
 
 enum class JobState { Waiting, Solving, Solved, Failed };
 
-/// What a client asks for most often.
+/// The calibration of a picture, which clients ask for most often.
 struct JobCalibration {
     double Ra = 0;  ///< of the centre, degrees
     double Dec = 0;
@@ -33,36 +33,36 @@ struct JobCalibration {
     double Parity = 1;       ///< +1 or −1, the sign of the determinant
 };
 
-/// A job as it is at a moment.
+/// The state of a job at one moment.
 struct JobReport {
     int Id = 0;
-    std::string Name;  ///< of the picture, as the client has it
+    std::string Name;  ///< name of the picture, given by the client
     JobState State = JobState::Waiting;
     std::chrono::system_clock::time_point Submitted;
     std::optional<std::chrono::system_clock::time_point> Started;
     std::optional<std::chrono::system_clock::time_point> Finished;
-    std::string Log;  ///< text for people
+    std::string Log;  ///< readable text
     std::optional<JobCalibration> Calibration;
-    std::string Wcs;                ///< a FITS header in blocks; empty unless solved
-    std::filesystem::path NewFits;  ///< empty: there is none, or no longer
+    std::string Wcs;                ///< FITS header in blocks of 2880 bytes; empty unless solved
+    std::filesystem::path NewFits;  ///< empty when there is none (any more)
 };
 
 struct QueueSettings {
-    std::filesystem::path Folder;  ///< of the queue's own, there already
+    std::filesystem::path Folder;  ///< an existing folder for the queue alone
     std::string CatalogFolder;     ///< empty: the usual one
     std::size_t MostWaiting = 500;
-    std::uint64_t MostBytes = std::uint64_t{4} << 30;  ///< of all files in the folder
+    std::uint64_t MostBytes = std::uint64_t{4} << 30;  ///< limit for all files in the folder
     double TimeLimit = 120;                            ///< seconds for one picture
 };
 
-/// A picture that is not taken, and the HTTP status that says so.
+/// Thrown when a picture is refused, with the HTTP status for the client.
 class JobRefused : public std::runtime_error {
  public:
     JobRefused(int status, const std::string& text) : std::runtime_error(text), Status(status) {}
     int Status;
 };
 
-/// Solves one picture after the other on a thread of its own. All procedures may be called from any
+/// Solves one picture after the other on its own thread. All procedures may be called from any
 /// thread. The last 2000 jobs are remembered.
 class JobQueue {
  public:
@@ -71,15 +71,15 @@ class JobQueue {
     JobQueue(const JobQueue&) = delete;
     JobQueue& operator=(const JobQueue&) = delete;
 
-    /// Puts a picture, or the list of stars of the request, at the end of the queue.
+    /// Appends a picture, or the star list of the request, to the queue.
     /// @return the number of the job, from 1 on. @throws JobRefused
     int Submit(const NovaRequest& request, const std::string& name, std::string_view picture);
 
-    /// Leaves what waits unsolved, and ends the solve that runs. Nothing is solved afterwards.
+    /// Drops the waiting pictures and ends the running solve. Nothing is solved afterwards.
     void Stop();
 
     std::optional<JobReport> Find(int id) const;
-    /// The last ones, the newest first.
+    /// The latest jobs, newest first.
     std::vector<JobReport> Latest(std::size_t most) const;
 
  private:

@@ -33,7 +33,7 @@ std::string ParameterOf(std::string_view line, std::string_view name) {
         }
         std::string text;
         for (std::size_t i = 1; i < value.size() && value[i] != '"'; ++i) {
-            // A quote in a name is escaped; backslashes of paths are not.
+            // Quotes in a name are escaped, but backslashes of paths are not.
             if (value[i] == '\\' && i + 1 < value.size() && value[i + 1] == '"') ++i;
             text += value[i];
         }
@@ -42,7 +42,7 @@ std::string ParameterOf(std::string_view line, std::string_view name) {
     return {};
 }
 
-/// Takes the header lines of a part off its front. False when they do not end.
+/// Removes the header lines from the front of a part and reads them. False when they do not end.
 bool ReadPartHeader(std::string_view& part, FormPart& result) {
     while (true) {
         const std::size_t end = part.find('\n');
@@ -93,7 +93,7 @@ std::optional<std::string> BoundaryOf(std::string_view contentType) {
 std::optional<std::vector<FormPart>> ParseMultipart(std::string_view body,
                                                     std::string_view boundary) {
     const std::string delimiter = "--" + std::string(boundary);
-    // The first one may begin the body; the others begin a line.
+    // The first delimiter may begin the body; the others begin a line.
     std::size_t at = 0;
     if (!body.starts_with(delimiter)) {
         at = body.find("\n" + delimiter);

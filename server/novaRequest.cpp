@@ -17,7 +17,7 @@ std::string TextIn(const Json& json, const char* key) {
     return found != json.end() && found->is_string() ? found->get<std::string>() : std::string();
 }
 
-/// A number, also one in quotes.
+/// A number, which may be in quotes.
 std::optional<double> NumberIn(const Json& json, const char* key) {
     const auto found = json.find(key);
     if (found == json.end()) return std::nullopt;
@@ -65,7 +65,7 @@ void TakeCentre(const Json& json, SolverHints& hints) {
     hints.Centres = {{*ra < 0 ? *ra + 360 : *ra, *dec, std::min(radius, 180.0)}};
 }
 
-/// The list of stars; false when it is none.
+/// Reads the list of stars; false when it is not valid.
 bool TakeStars(const Json& json, NovaRequest& request) {
     const auto x = json.find("x");
     const auto y = json.find("y");
@@ -85,7 +85,7 @@ bool TakeStars(const Json& json, NovaRequest& request) {
     field.Name = "list of stars";
     for (std::size_t i = 0; i < x->size(); ++i) {
         if (!(*x)[i].is_number() || !(*y)[i].is_number()) return false;
-        // Such lists come brightest first.
+        // Such lists are sorted, brightest first.
         field.Stars.push_back({(*x)[i].get<double>(), (*y)[i].get<double>(), 0});
     }
     request.Stars = std::move(field);

@@ -1,4 +1,4 @@
-// What a client asks for in its `request-json`.
+// The `request-json` of a client.
 #pragma once
 
 #include <optional>
@@ -12,14 +12,14 @@ namespace vestrel {
 struct NovaRequest {
     std::string Session;
     std::string ApiKey;
-    std::string Url;  ///< of a picture somewhere else
+    std::string Url;  ///< address of a picture elsewhere
     SolverHints Hints;
-    int MostSipOrder = 3;            ///< of the distortion
-    std::optional<StarField> Stars;  ///< a list in place of a picture
+    int MostSipOrder = 3;            ///< highest order of the distortion
+    std::optional<StarField> Stars;  ///< a star list instead of a picture
 };
 
 /// Reads the JSON text. Values of the wrong kind count as not given.
-/// @return nothing with a `fault` for what is no JSON object, and for lists of stars that are none
+/// @return nothing, with a `fault`, when it is not a JSON object or its star list is not valid
 std::optional<NovaRequest> ParseNovaRequest(std::string_view json, std::string& fault);
 
 }  // namespace vestrel

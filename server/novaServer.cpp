@@ -43,7 +43,7 @@ void ReplyError(Response& response, int status, const std::string& text) {
     Reply(response, {{"status", "error"}, {"errormessage", text}}, status);
 }
 
-/// "2026-11-22 01:02:03" in universal time; "None" for what has not happened.
+/// "2026-11-22 01:02:03" in universal time; "None" when there is no moment.
 std::string TimeText(const std::optional<std::chrono::system_clock::time_point>& moment) {
     if (!moment) return "None";
     const std::time_t seconds = std::chrono::system_clock::to_time_t(*moment);
@@ -125,8 +125,8 @@ std::string RandomToken() {
     return token;
 }
 
-/// Something to tell uploads apart by; nobody checks it. FNV-1a, 64 bits, filled up to the length
-/// of a SHA-1.
+/// A value to tell uploads apart, which nobody checks: FNV-1a of 64 bits, padded to the length of a
+/// SHA-1.
 std::string DigestOf(std::string_view bytes) {
     std::uint64_t hash = 14695981039346656037U;
     for (const char c : bytes) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211U;
@@ -150,7 +150,7 @@ constexpr const char* contentTypeAsSent = "X-Content-Type-As-Sent";
 
 }  // namespace
 
-/// The paths and what is behind them.
+/// The paths of the server and their handlers.
 class NovaServer::Routes {
  public:
     Routes(const ServerSettings& settings, JobQueue& queue)
@@ -158,8 +158,8 @@ class NovaServer::Routes {
         constexpr std::size_t threads = 24;
         constexpr time_t patience = 10;  // seconds
         server_.new_task_queue = [] { return new httplib::ThreadPool(threads); };
-        // The library would share the port with any other server that asks for it: clients' jobs
-        // would be spread over both.
+        // By default the library shares the port with any other server that requests it; jobs of
+        // clients would then be spread over both.
         server_.set_socket_options([](socket_t listener) {
             const int yes = 1;
             setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
@@ -198,9 +198,9 @@ class NovaServer::Routes {
     }
 
  private:
-    /// Browsers are asked who sent them: a page from elsewhere is to have no say here. And bodies
-    /// are taken as they come, as the library knows neither forms longer than 8 kB nor parts whose
-    /// lines end with a line feed alone.
+    /// Refuses requests that a page from another site makes a browser send. Also hides the content
+    /// type from the library, so that bodies arrive unparsed: the library handles neither forms
+    /// longer than 8 kB nor parts whose lines end with a line feed alone.
     httplib::Server::HandlerResponse Admit(const Request& request, Response& response) const {
         const std::string host = request.get_header_value("Host");
         const std::string name = HostName(host);
@@ -213,7 +213,7 @@ class NovaServer::Routes {
             ReplyError(response, 403, "this server is for programs and pages of its own machine");
             return httplib::Server::HandlerResponse::Handled;
         }
-        // The request is the library's own, and not constant there.
+        // The request belongs to the library, where it is not constant.
         auto& headers = const_cast<Request&>(request).headers;  // NOLINT
         const std::string type = request.get_header_value("Content-Type");
         headers.erase("Content-Type");
@@ -222,7 +222,7 @@ class NovaServer::Routes {
         return httplib::Server::HandlerResponse::Unhandled;
     }
 
-    /// A body within its bounds; all of them together are bounded too.
+    /// Reads a body within its limit, and within the limit of all requests together.
     class Body {
      public:
         Body(Routes& routes, const ContentReader& reader, std::uint64_t most,
@@ -240,7 +240,7 @@ class NovaServer::Routes {
                 Text.append(data, length);
                 return true;
             });
-            // The library sees by itself what is announced to be too long.
+            // The library itself refuses bodies that are announced to be too long.
             if (tooLong || (!whole && response.status == 413)) {
                 Refuse(413, "the request is too long");
             }
@@ -266,7 +266,7 @@ class NovaServer::Routes {
         std::uint64_t counted_ = 0;
     };
 
-    /// What a request holds: its `request-json`, and the file of a multipart one.
+    /// The contents of a request: its `request-json`, and the file of a multipart one.
     struct Form {
         std::string Json;
         const FormPart* File = nullptr;
@@ -364,7 +364,7 @@ class NovaServer::Routes {
 
     using JobHandler = std::function<void(const JobReport&, Response&)>;
 
-    /// A path that ends with the number of a job, for clients that ask by GET or by POST.
+    /// Adds a path that ends with the number of a job, for GET and POST.
     void AddReading(const std::string& path, const JobHandler& handler) {
         const auto answer = [this, handler](const Request& request, Response& response) {
             const std::string digits = request.matches[1].str();

@@ -1,4 +1,5 @@
-// The web interface: the part of astrometry.net's that other programs use, and a page for people.
+// The web interface: the part of the astrometry.net interface that other programs use, and a page
+// for browsers.
 #pragma once
 
 #include <cstdint>
@@ -11,13 +12,14 @@ namespace vestrel {
 
 struct ServerSettings {
     std::string Address = "127.0.0.1";
-    int Port = 7890;                                    ///< 0: any that is free
-    std::string Key;                                    ///< the API key that is wanted; empty: any
-    std::uint64_t MostBody = std::uint64_t{512} << 20;  ///< bytes of a request
-    std::uint64_t MostInFlight = std::uint64_t{1} << 30;  ///< bytes of all requests together
+    int Port = 7890;                                      ///< 0: any free port
+    std::string Key;                                      ///< the required API key; empty: any
+    std::uint64_t MostBody = std::uint64_t{512} << 20;    ///< largest request, bytes
+    std::uint64_t MostInFlight = std::uint64_t{1} << 30;  ///< largest size of all requests
+                                                          ///< together, bytes
 };
 
-/// Serves a queue on threads of its own.
+/// Serves a queue on its own threads.
 class NovaServer {
  public:
     NovaServer(const ServerSettings& settings, JobQueue& queue);
@@ -25,7 +27,7 @@ class NovaServer {
     NovaServer(const NovaServer&) = delete;
     NovaServer& operator=(const NovaServer&) = delete;
 
-    /// Begins to serve. @return the port; 0 when the address cannot be had
+    /// Begins to serve. @return the port; 0 when the address cannot be used
     int Start();
     /// Ends all connections.
     void Stop();
@@ -35,7 +37,7 @@ class NovaServer {
     std::unique_ptr<Routes> routes_;
 };
 
-/// The page for people.
+/// The HTML page for browsers.
 extern const char* const ServerPage;
 
 }  // namespace vestrel

@@ -2,7 +2,7 @@
 
 namespace vestrel {
 
-// All that comes from elsewhere is put in as text, never as markup.
+// Everything from outside is inserted as text, never as markup.
 const char* const ServerPage = R"page(<!DOCTYPE html>
 <html lang="en">
 <head>

@@ -1,4 +1,4 @@
-// vestrel-server: solves pictures that other programs, or people with a browser, send.
+// vestrel-server: solves pictures that other programs or browsers send.
 
 #include <unistd.h>
 
@@ -22,8 +22,8 @@ namespace {
 
 constexpr std::string_view folderPrefix = "vestrel-server-";
 
-/// A folder of this process's own for what is sent, removed at the end. Those of servers that did
-/// not come to their end go too.
+/// A folder of this process for uploads, removed at the end. Folders of servers that were killed
+/// are removed too.
 class SpoolFolder {
  public:
     SpoolFolder() {
@@ -88,7 +88,7 @@ int Run(int argc, const char* const* argv) {
     server.MostBody = megabytes << 20;
     server.MostInFlight = std::max(server.MostInFlight, 2 * server.MostBody);
 
-    // Waited for below; threads take this mask over.
+    // These signals are waited for below; threads inherit the mask.
     sigset_t ends;
     sigemptyset(&ends);
     sigaddset(&ends, SIGTERM);
@@ -112,7 +112,7 @@ int Run(int argc, const char* const* argv) {
     int signal = 0;
     sigwait(&ends, &signal);
     std::fputs("vestrel-server: ending\n", stderr);
-    // A client may keep its connection waiting for longer than this.
+    // A client may keep its connection open for longer than this.
     EndWithin(2, 0);
     jobs.Stop();
     spool.Remove();

@@ -74,7 +74,7 @@ void PutFolder(unsigned char*& out, const std::string& folder) {
 std::string TakeFolder(const unsigned char*& in) {
     const std::string_view text(reinterpret_cast<const char*>(in), folderBytes);
     in += folderBytes;
-    // A zero byte cannot be part of a path: whatever follows it is not ours.
+    // A zero byte cannot be part of a path, so the text ends there.
     return std::string(Trim(text.substr(0, text.find('\0'))));
 }
 

@@ -8,7 +8,7 @@
 
 namespace vestrel {
 
-/// The extraction and matching parameters and what is remembered between runs, in file order.
+/// The parameters of extraction and matching, and what is remembered between runs; in file order.
 struct SolveParameters {
     double MaxStarSize = 6;            ///< standard deviations of the star sizes above their mean
     double MatchTolerance = 0.01;      ///< distance of two triangles that still vote, side ratios
@@ -35,8 +35,8 @@ inline constexpr std::int32_t SettingsStamp = 113113;
 std::array<unsigned char, SettingsFileBytes> EncodeSettings(const SolveParameters& parameters);
 
 enum class SettingsRead {
-    Absent,     ///< shorter than 5 bytes: as good as no file
-    OutOfDate,  ///< another stamp, cut short, or numbers that are none
+    Absent,     ///< shorter than 5 bytes, treated as missing
+    OutOfDate,  ///< another stamp, cut short, or numbers that are not finite
     Good
 };
 

@@ -29,7 +29,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// Keeps the last message.
+/// A port that shows nothing and keeps the last message.
 class QuietPort : public Port {
  public:
     void ShowMessage(const std::string& text, const std::string& /*title*/) override {
@@ -45,7 +45,7 @@ class QuietPort : public Port {
     std::string Message;
 };
 
-/// Between the program's logic and whoever embeds it.
+/// The port between the program's logic and the embedding program.
 class WatchPort final : public QuietPort {
  public:
     /// @param endAfter seconds; 0: never
@@ -85,7 +85,7 @@ class WatchPort final : public QuietPort {
     int percent_ = 0;
 };
 
-/// The reader's words for why a picture was not read, in one line.
+/// Why a picture could not be read, in one line.
 std::string FaultOf(const ProgramState& state, const QuietPort& port) {
     std::string cause(Trim(state.Display.Details));
     while (cause.ends_with('\n')) cause.pop_back();
@@ -97,7 +97,7 @@ std::string FaultOf(const ProgramState& state, const QuietPort& port) {
 
 }  // namespace
 
-/// All that a Solver has: the program's state with one picture in it.
+/// The data of a Solver: the program state with one picture.
 class Solver::Session {
  public:
     explicit Session(const SolverSettings& settings) : threads_(settings.Threads) {
@@ -225,7 +225,7 @@ class Solver::Session {
     ProgramState state_;
     int threads_;
     PictureFacts facts_;
-    std::optional<PlateStarList> stars_;  ///< that were given in place of pixels
+    std::optional<PlateStarList> stars_;  ///< stars that were given instead of pixels
     std::optional<ImageSkyModel> model_;
     SolveCode code_ = SolveCode::NoImage;
 };

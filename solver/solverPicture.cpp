@@ -14,7 +14,7 @@ namespace vestrel {
 namespace {
 
 struct SampleForm {
-    SampleKind Kind;  ///< that it is handed on as
+    SampleKind Kind;  ///< the kind in which it is passed on
     std::size_t Bytes;
     int BitPix;
 };
@@ -53,7 +53,7 @@ void TakeCards(const std::vector<std::string>& cards, PictureBuilder& builder) {
     }
 }
 
-/// Whole numbers of 32 bits as the floating-point ones that hold them all.
+/// Converts 32-bit whole numbers to doubles, which hold them exactly.
 template <typename Sample>
 void Widen(const void* samples, std::vector<double>& wide) {
     const auto* from = static_cast<const Sample*>(samples);
@@ -111,7 +111,8 @@ PlateStarList StarsOf(const StarField& field) {
         if (star.Flux > 0 && (least == 0 || star.Flux < least)) least = star.Flux;
     }
     if (least == 0) {
-        // Only their order is known. Magnitudes are taken of fluxes, which must be above 0.
+        // Only their order is known. Fluxes must be above 0, because magnitudes are computed from
+        // them.
         for (std::size_t i = 0; i < stars.size(); ++i) {
             stars[i].Flux = static_cast<double>(stars.size() - i);
         }

@@ -1,4 +1,4 @@
-// Pictures that come from memory: how they become the program's one loaded image.
+// Turns pictures in memory into the program's image record.
 #pragma once
 
 #include "program/mGeneral.h"
@@ -6,11 +6,11 @@
 
 namespace vestrel {
 
-/// Makes an image of samples in memory.
-/// @throws DecodeFault when it can be no picture, std::invalid_argument when the shape is none
+/// Makes an image from samples in memory.
+/// @throws DecodeFault when it cannot be a picture, std::invalid_argument when the shape is invalid
 void ImageFromPixels(const PixelPicture& picture, const Progress& progress, PlateImage& image);
 
-/// Makes an image without light of the size that a star list belongs to.
+/// Makes a black image of the size that belongs to a star list.
 /// @throws as `ImageFromPixels`
 void ImageOfStars(const StarField& field, PlateImage& image);
 

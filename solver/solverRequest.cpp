@@ -20,7 +20,7 @@ bool IsPositive(double value) {
     return std::isfinite(value) && value > 0;
 }
 
-/// The sizes to try for a range of scales, the middle one first. A search finds what is 30 % off.
+/// The scales to try for a range, the middle one first. A search tolerates an error of 30 %.
 std::vector<double> ScalesIn(const SolverRange& range) {
     constexpr double reach = 1.35;
     constexpr int mostSteps = 4;
@@ -120,7 +120,7 @@ KnownOfPicture KnownFrom(const SolverHints& hints, const PlateImage& image) {
     };
     for (const double scale : GivenScales(hints, image)) add(known.Sizes, scale);
     if (!hints.WholeSky && (!hints.FromPicture || HintsOf(image).Scales.empty())) {
-        // Something has to be tried.
+        // Without any size, some usual ones are tried.
         const double pixels = std::hypot(image.Width, image.Height);
         for (const double diagonal : {1.5, 3.0, 0.75, 6.0}) {
             add(known.LastSizes, diagonal * 3600 / pixels);

@@ -14,7 +14,7 @@ namespace vestrel {
 
 namespace {
 
-/// What advice calls the inputs.
+/// The names of the inputs in advice.
 constexpr InputWords libraryWords{"DetectionThreshold",
                                   "MinStarSize",
                                   "CatalogFolder",
@@ -25,7 +25,7 @@ constexpr InputWords libraryWords{"DetectionThreshold",
                                   "search the whole sky (WholeSky)",
                                   "none"};
 
-/// The header's text of a keyword; a reader keeps its quotes, and "0" stands for none.
+/// A text of the header without its quotes, which readers keep; "0" stands for no text.
 std::string PlainText(const std::string& text) {
     std::string_view plain = Trim(text);
     if (plain.size() >= 2 && plain.front() == '\'' && plain.back() == '\'') {
@@ -38,7 +38,8 @@ double StoredRow(const PlateImage& image, double y) {
     return TurnedOver(image) ? image.Height - 1 - y : y;
 }
 
-/// @param first  +1, −1 where columns resp. rows of the result count the other way
+/// @param sign −1 when the corrected axis of the result counts the other way, else +1
+/// @param upward −1 when the rows of the result count the other way, else +1
 SipPolynomial SipOf(const Polynomial& polynomial, double sign, double upward) {
     SipPolynomial sip;
     sip.Order = polynomial.Order;

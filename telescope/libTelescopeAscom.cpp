@@ -1,4 +1,4 @@
-// The telescope by ASCOM: a driver that is called by the names of its members, as scripts call it.
+// Telescopes by ASCOM, whose drivers are called by the names of their members, as scripts do.
 
 #include <windows.h>
 // windows.h must come before the next one.
@@ -22,7 +22,7 @@ std::string Text(const wchar_t* wide) {
     return wide == nullptr ? std::string() : TextFromPath(wide);
 }
 
-/// What the system says of a failure.
+/// The system's text for a failure.
 std::string Reason(HRESULT result) {
     wchar_t* text = nullptr;
     const DWORD length = FormatMessageW(
@@ -38,8 +38,9 @@ std::string Reason(HRESULT result) {
     return number.data();
 }
 
-/// A thread's stay in COM, without an apartment of its own: that would oblige the thread to handle
-/// window messages while it waits for the next call. A driver that wants one gets it from COM.
+/// Initialises COM for a thread, in the multithreaded apartment: with an apartment of its own, the
+/// thread would have to handle window messages while it waits for the next call. COM provides one
+/// for drivers that need it.
 class Apartment {
  public:
     Apartment() : result_(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) {}
@@ -53,7 +54,7 @@ class Apartment {
     HRESULT result_;
 };
 
-/// A value for and from a driver; frees the texts and objects that it may hold.
+/// A value passed to or from a driver. Frees the texts and objects in it.
 class Variant {
  public:
     Variant() { VariantInit(&value_); }
@@ -127,7 +128,8 @@ class AscomDriver : public TelescopeDriver {
     double Number(const char* member) {
         Variant value;
         Invoke(member, DISPATCH_PROPERTYGET, {}, value);
-        // Drivers answer in any type of number, some in text; a text is read without the locale.
+        // Drivers answer with any type of number, some with text, which is read independently of
+        // the locale.
         if (V_VT(value.Get()) == VT_EMPTY || V_VT(value.Get()) == VT_NULL ||
             FAILED(VariantChangeTypeEx(value.Get(), value.Get(), LOCALE_INVARIANT, 0, VT_R8))) {
             throw TelescopeError(std::string(member) + " is no number");
@@ -143,7 +145,8 @@ class AscomDriver : public TelescopeDriver {
         HRESULT code = object_->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id);
         if (FAILED(code)) Fail(member, code);
 
-        // The last argument comes first. They stay ours: the driver gets copies of plain numbers.
+        // COM takes the last argument first. The arguments stay ours: the driver gets copies of
+        // plain numbers.
         std::array<VARIANT, 2> given{};
         std::size_t at = arguments.size();
         for (VARIANT* argument : arguments) given[--at] = *argument;
@@ -170,7 +173,7 @@ class AscomDriver : public TelescopeDriver {
                              gone ? TelescopeError::Kind::Lost : TelescopeError::Kind::Refused);
     }
 
-    Apartment apartment_;  // must be there before the object, and after it
+    Apartment apartment_;  // must outlive the object
     IDispatch* object_ = nullptr;
 };
 

@@ -1,4 +1,4 @@
-// What the program needs of a telescope mount, and how one is had on this system.
+// What the program needs from a telescope mount, and how to get a driver on this system.
 #pragma once
 
 #include <chrono>
@@ -10,12 +10,12 @@
 
 namespace vestrel {
 
-/// A telescope did not do what it was asked for; the text says why, for the user.
+/// A telescope did not do what was asked; the text tells the user why.
 class TelescopeError : public std::runtime_error {
  public:
     enum class Kind {
         Refused,  ///< the next call may succeed
-        Lost      ///< the connection is of no more use
+        Lost      ///< the connection cannot be used any more
     };
     explicit TelescopeError(const std::string& text, Kind kind = Kind::Refused)
         : std::runtime_error(text), kind_(kind) {}
@@ -25,19 +25,19 @@ class TelescopeError : public std::runtime_error {
     Kind kind_;
 };
 
-/// How long the program waits for a telescope. A driver that can tell what it waits for should give
-/// up by itself `Margin` earlier, as its text says more than that the time is over.
+/// How long the program waits for a telescope. A driver that knows what it is waiting for should
+/// give up `Margin` earlier, because its text says more than that the time is over.
 struct TelescopeLimits {
     std::chrono::milliseconds Connect{30000};  ///< to create the driver and connect
     std::chrono::milliseconds Call{3000};      ///< everything else
     static constexpr std::chrono::milliseconds Margin{300};
 };
 
-/// One mount, by the members that the drivers of telescopes have in common. Positions are of the
-/// current date (mean equator and equinox), as mounts count them.
+/// A mount, with the members that telescope drivers have in common. Positions refer to the mean
+/// equator and equinox of the current date, as in mounts.
 ///
-/// Every member may take its time and throws `TelescopeError` when it fails. A driver is created,
-/// used and destroyed on one thread, which is not the window's.
+/// Every member may take long and throws `TelescopeError` when it fails. A driver is created, used
+/// and destroyed on one thread, which is not the window's.
 class TelescopeDriver {
  public:
     virtual ~TelescopeDriver() = default;
@@ -52,13 +52,13 @@ class TelescopeDriver {
 
 using TelescopeFactory = std::function<std::unique_ptr<TelescopeDriver>()>;
 
-/// The driver of the telescope that is set up on this system, not connected yet. Elsewhere than on
-/// Windows `$VESTREL_TELESCOPE` says which. Nothing when none is set up; throws `TelescopeError`
-/// when what is set up cannot be used.
+/// The driver of the telescope that is set up on this system, not connected yet. Except on Windows,
+/// `$VESTREL_TELESCOPE` names it. Null when none is set up; throws `TelescopeError` when the one
+/// set up cannot be used.
 std::unique_ptr<TelescopeDriver> CreateTelescopeDriver();
 
-/// The driver of a telescope at an address, in the form of `$VESTREL_TELESCOPE`; where telescopes
-/// have none, as on Windows, the one that is set up. One without a device can only tell the
+/// The driver of a telescope at an address in the form of `$VESTREL_TELESCOPE`. On Windows, where
+/// telescopes have no address, the one that is set up. One without a device can only tell the
 /// devices.
 std::unique_ptr<TelescopeDriver> CreateTelescopeDriverAt(const std::string& address);
 

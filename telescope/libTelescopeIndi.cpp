@@ -37,7 +37,7 @@ constexpr const char* connectElement = "CONNECT";
 constexpr const char* coordinates = "EQUATORIAL_EOD_COORD";  // of the current date
 constexpr const char* coordinateUse = "ON_COORD_SET";
 constexpr const char* syncElement = "SYNC";
-// Mounts may take their time to connect, but servers answer at once.
+// Mounts may take long to connect, but servers answer at once.
 constexpr milliseconds serverLimit{2500};
 constexpr milliseconds deviceLimit{2500};
 constexpr const char* serverGone = "the INDI server has gone";
@@ -48,7 +48,7 @@ struct Address {
     std::string Device;
 };
 
-/// "Telescope%20Simulator" as "Telescope Simulator".
+/// Decodes "Telescope%20Simulator" to "Telescope Simulator"; nothing when it is malformed.
 std::optional<std::string> PercentDecoded(std::string_view text) {
     std::string decoded;
     for (std::size_t i = 0; i < text.size(); ++i) {
@@ -93,11 +93,11 @@ std::optional<Address> ParseAddress(std::string_view text) {
     return address;
 }
 
-/// The numeric address of a host; empty when it has none. The client library would look for it on a
-/// thread of its own, and ends the program when it gives up before that thread does.
+/// The numeric address of a host; empty when it has none. The client library would resolve the name
+/// on a thread of its own, and ends the program when it gives up before that thread does.
 std::string Resolved(const std::string& host) {
     addrinfo wanted{};
-    wanted.ai_family = AF_INET;  // the library knows no other
+    wanted.ai_family = AF_INET;  // the only family that the library knows
     wanted.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
     if (getaddrinfo(host.c_str(), nullptr, &wanted, &found) != 0) return {};
@@ -108,18 +108,18 @@ std::string Resolved(const std::string& host) {
     return text.data();
 }
 
-/// What is known of a property. Copied out of the client's own record, which its thread changes.
+/// What is known of a property; a copy of the client's own record, which its thread changes.
 struct Property {
     IPState State = IPS_IDLE;
-    std::map<std::string, double, std::less<>> Values;  ///< of a switch 1 when on
-    bool Updated = false;                               ///< told since it was defined
-    // Since it was listened to:
+    std::map<std::string, double, std::less<>> Values;  ///< for a switch 1 when on
+    bool Updated = false;                               ///< updated since it was defined
+    // Since `Listen` was called:
     bool Heard = false;
     bool Agreed = false;
     bool Alerted = false;
 };
 
-/// Listens to the server on a thread of the client library, for one device.
+/// Listens to the server for one device, on a thread of the client library.
 class Client : public INDI::BaseClient {
  public:
     explicit Client(std::string device) : device_(std::move(device)) {}
@@ -139,7 +139,7 @@ class Client : public INDI::BaseClient {
         return started_;
     }
 
-    /// Waits until a condition on what is known holds; throws when it does not in time.
+    /// Waits until a condition on the known properties holds; throws when it does not in time.
     template <typename Condition>
     void WaitUntil(steady_clock::time_point end, const char* what, Condition condition,
                    TelescopeError::Kind otherwise = TelescopeError::Kind::Refused) {
@@ -148,12 +148,12 @@ class Client : public INDI::BaseClient {
         if (gone_) throw TelescopeError(serverGone, TelescopeError::Kind::Lost);
         if (!condition()) throw TelescopeError(what + Said(), otherwise);
     }
-    /// What is known of a property, if it exists; only for use within a condition.
+    /// A known property, or null; only for use within a condition.
     Property* Known(const char* name) {
         const auto found = known_.find(name);
         return found == known_.end() ? nullptr : &found->second;
     }
-    /// A copy of what is known of a property.
+    /// A copy of a known property.
     Property Copy(const char* name) {
         const std::lock_guard lock(lock_);
         if (gone_) throw TelescopeError(serverGone, TelescopeError::Kind::Lost);
@@ -161,10 +161,11 @@ class Client : public INDI::BaseClient {
         if (property == nullptr) throw TelescopeError("the mount has no " + std::string(name));
         return *property;
     }
-    /// From now on what is heard of a property is about what is asked next.
+    /// Forgets what was heard of a property, so that news is about the next request.
     void Listen(const char* name) {
         const std::lock_guard lock(lock_);
-        // The library is not to write to a server that has gone: its threads race for its error.
+        // The library must not write to a server that has gone, because its threads race for the
+        // error.
         if (gone_) throw TelescopeError(serverGone, TelescopeError::Kind::Lost);
         Property* property = Known(name);
         if (property == nullptr) throw TelescopeError("the mount has no " + std::string(name));
@@ -174,13 +175,13 @@ class Client : public INDI::BaseClient {
         const std::lock_guard lock(lock_);
         message_.clear();
     }
-    /// The device's last message, to be put behind a complaint.
+    /// The device's last message, to be appended to an error text.
     std::string Complaint() {
         const std::lock_guard lock(lock_);
         return Said();
     }
 
-    /// Properties of our own are sent: those of the library change while they are filled in.
+    /// Sends a property of our own, because those of the library change while they are filled in.
     void SendSwitch(const char* name, const std::string& element) {
         INDI::PropertySwitch property(1);
         property.fill(device_.c_str(), name, "", "", IP_RW, ISR_1OFMANY, 0, IPS_IDLE);
@@ -302,7 +303,8 @@ class DeviceListener : public INDI::BaseClient {
 class IndiTelescope : public TelescopeDriver {
  public:
     explicit IndiTelescope(Address address) : address_(std::move(address)) {
-        // The client library writes to servers that have gone; its thread inherits this.
+        // The client library writes to servers that have gone; its thread inherits this signal
+        // mask.
         sigset_t pipe{};
         sigemptyset(&pipe);
         sigaddset(&pipe, SIGPIPE);
@@ -311,7 +313,7 @@ class IndiTelescope : public TelescopeDriver {
 
     void SetConnected(bool connected) override {
         client_.reset();
-        if (!connected) return;  // the mount stays so for others that use it
+        if (!connected) return;  // the mount stays connected for its other users
         if (address_.Device.empty()) throw TelescopeError("the address names no device");
         const auto end = steady_clock::now() + limits_.Connect - TelescopeLimits::Margin;
         const std::string host = Host();
@@ -351,12 +353,12 @@ class IndiTelescope : public TelescopeDriver {
         Switch(coordinateUse, syncElement, end, "the mount does not accept a sync");
         client.Listen(coordinates);
         client.SendCoordinates(hours, degrees);
-        // Mounts tell their coordinates all the time. As they answer in turn, the answer about the
-        // sync has come when the next request is answered; and other programs find the switch as
-        // they left it.
+        // Mounts send their coordinates all the time. Because they answer in order, the answer to
+        // the sync has arrived when the next request is answered. That request also restores the
+        // switch for other programs.
         Switch(coordinateUse, before == use.Values.end() ? syncElement : before->first, end,
                "the mount does not answer");
-        // A parked mount sends no alert. It only says so, and does not agree.
+        // A parked mount sends neither an alert nor consent, only a message.
         constexpr const char* refused = "the mount refuses the sync";
         client.WaitUntil(end, refused, [&client] {
             const Property* told = client.Known(coordinates);
@@ -378,7 +380,7 @@ class IndiTelescope : public TelescopeDriver {
         return TelescopeError("no INDI server at " + address_.Host + ":" +
                               std::to_string(address_.Port));
     }
-    /// The client, with nothing said yet about what comes next.
+    /// The client, ready for the next request.
     Client& Begin() const {
         if (!client_) throw TelescopeError("not connected");
         client_->ForgetMessage();
@@ -412,8 +414,8 @@ class IndiTelescope : public TelescopeDriver {
         Switch(connection, connectElement, end, otherwise);
     }
 
-    /// Whether coordinates are those of the mount. It defines them before it has looked where it
-    /// is; only one that was connected all the time has done so.
+    /// Whether coordinates are really those of the mount. A mount defines them before it knows its
+    /// position; only one that was connected all the time knows it already.
     bool AreTold(const Property& coordinate) const {
         return coordinate.Updated ||
                (foundConnected_ &&
@@ -424,8 +426,8 @@ class IndiTelescope : public TelescopeDriver {
     double Coordinate(const char* element) {
         const auto end = End();
         Client& client = Begin();
-        // Connected already, the mount only says so: a server that is dead without a word would
-        // leave its last coordinates standing.
+        // A mount that is connected just confirms that. Without this sign of life, a dead server's
+        // last coordinates would be taken for current ones.
         ConnectMount(end, "the mount does not answer");
         client.WaitUntil(end, "the mount tells no coordinates yet", [&] {
             const Property* told = client.Known(coordinates);
@@ -441,7 +443,7 @@ class IndiTelescope : public TelescopeDriver {
     Address address_;
     TelescopeLimits limits_;
     std::unique_ptr<Client> client_;
-    bool foundConnected_ = false;  ///< the mount was connected whenever it was asked to be
+    bool foundConnected_ = false;  ///< the mount was already connected at every request to connect
 };
 
 }  // namespace

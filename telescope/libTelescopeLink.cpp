@@ -19,7 +19,7 @@ using std::chrono::steady_clock;
 constexpr milliseconds askEvery{20};
 constexpr milliseconds farewell{1000};
 
-/// What came of a call.
+/// The outcome of a call.
 struct Outcome {
     double Value = 0;
     std::optional<TelescopeError> Failure;

@@ -1,4 +1,4 @@
-// A system that no telescope can be driven from.
+// For systems without telescope drivers.
 
 #include "telescope/libTelescopeDriver.h"
 

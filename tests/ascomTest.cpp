@@ -1,5 +1,5 @@
-// The telescope over ASCOM: Load and Sync against an automation server of our own that takes the
-// place of the mount's driver.
+// The telescope over ASCOM: Load and Sync with an automation server of our own in place of the
+// mount's driver.
 
 #include <gtest/gtest.h>
 #include <windows.h>
@@ -45,7 +45,7 @@ class Ascom : public testing::Test {
     Ascom(const Ascom&) = delete;
     Ascom& operator=(const Ascom&) = delete;
 
-    /// Never in the place of a driver that somebody uses.
+    /// Skips the test when a driver is installed, so that nobody's own driver is replaced.
     void SetUp() override {
         wchar_t installed[64] = {};
         DWORD bytes = sizeof installed;
@@ -56,7 +56,8 @@ class Ascom : public testing::Test {
         }
         Ours = true;
     }
-    /// As an installer does. "Both" is called on our thread, "Apartment" on one that COM makes.
+    /// Registers the driver as an installer does. A driver with the threading model "Both" is
+    /// called on our thread, one with "Apartment" on a thread that COM makes.
     static void Register(const std::wstring& threading) {
         SetKey(std::wstring(programKey) + L"\\CLSID", nullptr, std::wstring(classKey).substr(6));
         const std::wstring server = std::wstring(classKey) + L"\\InprocServer32";
@@ -68,7 +69,7 @@ class Ascom : public testing::Test {
         RegDeleteTreeW(HKEY_CLASSES_ROOT, classKey);
     }
     static void Fault(const std::string& fault) { SetVariable("VESTREL_TEST_TELESCOPE", fault); }
-    /// The lines that came since the last time.
+    /// The lines logged since the last call.
     Texts Log() {
         std::istringstream lines(ReadFile(Folder / "log"));
         Texts log;

@@ -1,4 +1,4 @@
-// Numbers, texts, angles, the projection, the one sort and the spreading over processors.
+// Numbers, texts, angles, the projection, the comb sort and ParallelFor.
 
 #include <gtest/gtest.h>
 
@@ -190,8 +190,8 @@ TEST(Projection, PlaneToSkyUndoesSkyToPlaneApartFromTheDecimalPi) {
         const auto [ra, dec] = plane.PlaneToSky(xi, eta);
         ASSERT_GE(ra, 0);
         ASSERT_LE(ra, TwoPi);
-        // The decimal π of the arctangent turns the second and third quadrants by one error of it,
-        // the decimal 2π the fourth by two.
+        // The arctangent uses a decimal π with a small error: it turns the second and third
+        // quadrants by this error, the fourth by twice as much.
         const double error = Pi - std::numbers::pi;
         const double exact = ra < Pi / 2 ? ra : ra < 1.5 * Pi ? ra - error : ra - 2 * error;
         double xiBack = 0;
@@ -204,7 +204,7 @@ TEST(Projection, PlaneToSkyUndoesSkyToPlaneApartFromTheDecimalPi) {
         ASSERT_NEAR(cosine, std::sqrt(1 - std::pow(distance / plane.ProjectionScale, 2)), 1e-9);
     }
     plane.SetProjectionCentre({1, 0.5}, 1000);
-    // Beyond the rim: w = 0, the distance is not shortened.
+    // Beyond the rim w is 0, and the distance is not shortened.
     EXPECT_NEAR(plane.PlaneToSky(0, 5000).Dec, std::atan2(5 * std::cos(0.5), 5 * std::sin(0.5)),
                 1e-12);
     plane.SetProjectionCentre({1, 0.5}, 0);

@@ -1,6 +1,6 @@
-// An automation server as a telescope driver installs one, for the tests of the link to it. It
-// writes down how it is called, and misbehaves as the environment says:
-// VESTREL_TEST_TELESCOPE = "member how", VESTREL_TEST_TELESCOPE_LOG = file.
+// An automation server like those that telescope drivers install, for the tests of the link to
+// them. It logs how it is called, and misbehaves as the environment says: VESTREL_TEST_TELESCOPE =
+// "member how", VESTREL_TEST_TELESCOPE_LOG = file.
 
 #include <windows.h>
 // windows.h must come before the next one.
@@ -26,7 +26,7 @@ std::wstring Variable(const wchar_t* name) {
     return {value.data(), GetEnvironmentVariableW(name, value.data(), value.size())};
 }
 
-/// What shall go wrong in a member; empty when nothing.
+/// The fault that a member is to show; empty: none.
 std::wstring Fault(const wchar_t* member) {
     const std::wstring fault = Variable(L"VESTREL_TEST_TELESCOPE");
     const std::wstring start = std::wstring(member) + L" ";
@@ -51,7 +51,7 @@ std::wstring TextOf(VARIANT& value) {
     return result;
 }
 
-/// Counts its owners and ends with the last one.
+/// Counts its owners and deletes itself with the last one.
 template <typename Interface>
 class Counted : public Interface {
  public:
@@ -133,7 +133,7 @@ class Telescope : public Counted<IDispatch> {
     }
 
  private:
-    /// A number in the type that was asked for.
+    /// Returns a number in the requested type.
     void Answer(double number, const std::wstring& type, VARIANT* result) {
         V_VT(result) = VT_R8;
         V_R8(result) = number;

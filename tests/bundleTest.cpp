@@ -1,4 +1,4 @@
-// Bundles: what they hold solves again with the same outcome, and hostile ones do no harm.
+// Bundles: they can be solved again with the same outcome, and hostile ones do no harm.
 
 #include <gtest/gtest.h>
 
@@ -18,7 +18,7 @@ class Bundles : public testing::Test {
     void SetUp() override {
         const auto stars = MakeSky(folder_ / "catalog", folder_ / "frame.fit");
         WriteQuadTables(folder_ / "catalog", stars, 40, 0.003, 0.006);
-        // The programs take them from $TMPDIR.
+        // The programs write temporary files to $TMPDIR.
         std::filesystem::create_directory(folder_ / "temporary");
         SetVariable("TMPDIR", folder_ / "temporary");
     }
@@ -113,14 +113,14 @@ TEST_F(Bundles, HostileOnesAreRefusedAndWriteNowhere) {
         EXPECT_THROW(Bundle{folder_ / "evil.zip"}, std::runtime_error) << name;
     }
     EXPECT_FALSE(std::filesystem::exists(folder_ / "escaped"));
-    // A little that unpacks to a lot, and a lot of little.
+    // A small file that unpacks to a large one, and very many small files.
     ZipLimits small;
     small.MostBytes = 100000;
     WriteZip(folder_ / "bomb.zip", {{"a", std::string(200000, 'x')}});
     EXPECT_THROW(ReadZip(folder_ / "bomb.zip", small), ZipFault);
     small.MostEntries = entries.size() - 1;
     EXPECT_THROW(ReadZip(path, small), ZipFault);
-    // Values that a search could not begin with.
+    // Values with which no search can start.
     for (const auto& [from, to] : std::vector<std::pair<std::string, std::string>>{
              {"\"width\": 300", "\"width\": 1e300"},
              {"\"width\": 300", "\"width\": null"},
@@ -147,7 +147,7 @@ TEST_F(Bundles, HostileOnesAreRefusedAndWriteNowhere) {
     }
 }
 
-/// Every key of a text of JSON, with what follows it up to the end of its line.
+/// Every key of a JSON text, with the rest of its line.
 std::vector<std::pair<std::size_t, std::size_t>> ValuesOf(const std::string& json) {
     std::vector<std::pair<std::size_t, std::size_t>> values;
     for (std::size_t at = 0; (at = json.find("\": ", at)) != std::string::npos;) {

@@ -20,7 +20,7 @@ namespace {
 class CatalogPage : public Windows {
  protected:
     CatalogPage() {
-        // What is installed here is not looked at.
+        // Sources that are installed on this machine are ignored.
         setenv("HOME", (Folder / "home").c_str(), 1);
         std::filesystem::create_directory(Folder / "home");
         std::filesystem::create_directory(Folder / "astap");
@@ -51,7 +51,7 @@ class CatalogPage : public Windows {
         return control;
     }
     void Click(const char* name) const { QTest::mouseClick(On<QPushButton>(name), Qt::LeftButton); }
-    /// A source of the database's folder, the only one with a tick.
+    /// A source in the database's folder, the only one that is ticked.
     void ChooseDatabase() {
         auto* sources = On<QListWidget>("lstCatalogSources");
         for (int row = 0; row < sources->count(); ++row) {
@@ -151,7 +151,7 @@ TEST_F(CatalogPage, ADamagedSourceIsNamedAndNothingIsBuilt) {
     EXPECT_NE(Log().find("d05_0101.1476: ends within a record"), std::string::npos) << Log();
     EXPECT_EQ(Entries(), entries);
 
-    // What makes no sense is not begun.
+    // Invalid inputs start nothing.
     Type("txtRA", "0");
     On<QLineEdit>("txtFaintest")->setText("faint");
     Click("cmdBuild");
@@ -180,7 +180,7 @@ TEST_F(CatalogPage, ClosingTheProgramEndsItsBuildCleanly) {
     Click("cmdAddTable");
     Click("cmdBuild");
     ASSERT_TRUE(QTest::qWaitFor([&] { return Entries().size() > entries.size(); }, 20000));
-    Page->close();  // the build goes on
+    Page->close();  // the build continues
     EXPECT_GT(Entries().size(), entries.size());
     Window.reset();
     EXPECT_EQ(Entries(), entries);

@@ -55,7 +55,7 @@ TEST(CellName, GridHoldsEveryPlaceOnceAndAnEvenSpread) {
     EXPECT_EQ(CellName(CellOf({1, 1.7})), "N35R00");
 }
 
-// A catalog in memory, and the cache and the queries as plain loops over it.
+// A catalog in memory; the cache and the queries are plain loops over it.
 struct PlainCatalog {
     struct Entry {
         std::string Name;
@@ -180,7 +180,8 @@ void ExpectSameList(const PlateStarList& stars, const PlateStarList& plain) {
     }
 }
 
-// Loads and queries one region both ways, with the plane `away` from the region's centre.
+// Loads and queries one region both ways; the plane's centre lies `away` (radians) from the
+// region's.
 void ExpectSameRegion(CatalogCache& cache, PlainCatalog& plain, double ra0, double dec0,
                       double radius, double magLimit, double away = 0) {
     Projection plane;
@@ -192,7 +193,7 @@ void ExpectSameRegion(CatalogCache& cache, PlainCatalog& plain, double ra0, doub
         ExpectSameList(*inMemory, stars);
         EXPECT_EQ(cache.Changes, changes) << "cells were read that were said to be there";
     }
-    // Once read it is there, unless there was no room for it.
+    // After reading, a cell is in memory unless there was no room for it.
     const auto readBefore = RegionStarsInMemory(cache, plane, {ra0, dec0}, radius, magLimit);
     if (cache.MaxCells > 900) {
         ASSERT_TRUE(readBefore);
@@ -272,7 +273,7 @@ TEST(Region, CacheAndStarsAreThoseOfThePlainLoops) {
             ASSERT_FALSE(HasFatalFailure());
         }
     }
-    // Other programs that share the catalog expect a cell, once asked for, to be there.
+    // Other programs that share the catalog expect a file for every cell that was requested.
     for (const auto& [name, stars] : plain.Files) {
         EXPECT_EQ(fs::exists(folder / name), IsCellName(name)) << name;
     }
@@ -289,7 +290,7 @@ TEST(Region, DropsTheStarsBeyondTheTenThousandthAndNeedsNoFolder) {
     CatalogCache cache;
     cache.Folder = folder.Path;
     ExpectSameRegion(cache, plain, 1.01, 0.51, 0.1, 20);
-    ExpectSameRegion(cache, plain, 1.01, 0.51, 0.1, 12);  // a star of just the limit is left out
+    ExpectSameRegion(cache, plain, 1.01, 0.51, 0.1, 12);  // a star exactly at the limit is left out
     for (const fs::path& nowhere : {folder / "not there", fs::path()}) {
         CatalogCache empty;
         empty.Folder = nowhere;

@@ -196,7 +196,7 @@ TEST(Verify, EveryKindOfDamageIsFoundAndNothingElse) {
     EXPECT_FALSE(ReadCellFile(good / cell, none));
     fs::remove(good / cell);
 
-    // Without a manifest the cells still tell which stars are not theirs.
+    // Without a manifest, the check of places still finds stars in the wrong cell.
     ProgressLine silent(stdout);
     WriteFile(good / other, bytes);
     EXPECT_EQ(SurveyCatalog(good, nullptr, silent).FaultCount, 1U);
@@ -220,7 +220,7 @@ TEST(Coverage, HolesAreFoundAndFieldsAreAsSmallAsTheStarsAllow) {
     std::vector<std::size_t> found;
     for (const CatalogHole& hole : FindHoles(stars)) found.push_back(hole.Cell);
     EXPECT_EQ(found, dug);
-    // Of a catalog of a part of the sky the edge is none.
+    // The edge of a catalog that covers part of the sky is not a hole.
     for (std::size_t i = 0; i < stars.size(); ++i) {
         const double ra = static_cast<double>(AllCells()[i].Slice) * SliceWidth(AllCells()[i].Zone);
         if (AllCells()[i].South || ra > 120 || AllCells()[i].Zone > 30) stars[i] = 0;
@@ -271,7 +271,7 @@ std::string Table(const char* column, std::size_t rowBytes, std::string data) {
     return header + data;
 }
 
-/// An index file as the format's description has it, written without the code under test.
+/// An index file after the description of the format, written without the code under test.
 std::string IndexFile(const std::vector<SkyStar>& stars, std::size_t magnitudes,
                       const std::string& endian = "04:03:02:01", double reach = 1) {
     std::string range;
@@ -474,7 +474,7 @@ TEST(KStars, BrightAndDeepFilesGiveTheirStarsWhereTheyAreAtTheEpoch) {
               KStarsFile({{{1, 0.5, 10}, 0, 0}}, true, /*blueOnly=*/true));
     EXPECT_NEAR(ReadKStars(folder / "deepstars.dat").at(0).Mag, 8.4, 1e-9);
 
-    // The bright stars first; other files of that folder are none.
+    // The bright stars come first; other files in that folder are not star files.
     WriteFile(folder / "starnames.dat", std::string(200, ' '));
     WriteFile(folder / "stars.dat", "text");
     EXPECT_EQ(KStarsFilesIn(folder.Path),
@@ -500,7 +500,7 @@ TEST(KStars, AFileCutAnywhereOrContradictingItselfIsRefusedByName) {
         ASSERT_TRUE(isRefused(bytes.substr(0, length))) << length;
     }
     EXPECT_TRUE(isRefused(bytes + "x"));
-    // What says where things are: the mark, the number and sizes of the fields, the parts.
+    // The bytes that define the layout: the mark, the number and sizes of the fields, the parts.
     for (const std::size_t at : {124U, 125U, 127U, 128U, 129U, 139U, 155U}) {
         std::string bad = bytes;
         bad[at] ^= 0x40;
@@ -567,7 +567,7 @@ TEST(CatalogBuilder, AStarOfSeveralSourcesIsTakenOnceAlsoAcrossTheEdgesOfCells) 
                 if (seen.Ra >= 2 * std::numbers::pi) seen.Ra -= 2 * std::numbers::pi;
                 if (const auto stored = StoredStar(seen)) builder.Add(*stored, source);
             }
-            // Neighbours that are others: farther away, or of quite another brightness.
+            // Neighbours that are other stars: farther away, or of very different brightness.
             builder.Add(*StoredStar({2, 0.5 + source * 3 * arcsecond, 8}), source);
             builder.Add(*StoredStar({3, 0.5, 8.0 + 2 * source}), source);
         }
@@ -613,12 +613,12 @@ TEST(SyntheticSky, APartHasTheStarsOfTheWholeAndTheNumbersAskedFor) {
 
 TEST(BrightStars, NeitherLackingNorDoubled) {
     struct Case {
-        double Arcseconds;  ///< of the survey's star from the bright one
+        double Arcseconds;  ///< from the bright star to the survey's star
         double Mag;         ///< of the survey's star; the bright one has 0
         bool Same;
     };
     const Case cases[] = {{0, 0.3, true},  {30, 1.35, false},  // a companion is another star
-                          {55, 0.2, true}, {5, 1.6, true},     // it moved; a pair told apart
+                          {55, 0.2, true}, {5, 1.6, true},     // it moved; a resolved pair
                           {70, 0, false},  {1, 9, false}};     // a faint neighbour
     const std::vector<SkyStar> bright = RandomSky(20000, 10);
     for (const Case& one : cases) {
@@ -626,7 +626,7 @@ TEST(BrightStars, NeitherLackingNorDoubled) {
         EXPECT_EQ(finder.Missing().size(), bright.size());
         Random random(11);
         for (const SkyStar& star : bright) {
-            // Anywhere around the star, wherever the division of space puts the two.
+            // In any direction from the star, whichever nodes of the tree the two fall into.
             const double angle = random.Between(0, 2 * std::numbers::pi);
             const double distance = one.Arcseconds * arcsecond;
             finder.Visit({star.Ra + distance * std::sin(angle) / std::cos(star.Dec),
@@ -756,7 +756,7 @@ TEST(StarTable, RowsThatAreNoStarsAreCountedByReason) {
 }
 
 TEST(StarTable, NoLineIsLostOrCutWhereverTheBufferEnds) {
-    // Lines of every length around the buffer's size, each with its own star.
+    // Lines of all lengths around the buffer's size, each with a star of its own.
     Random random(8);
     std::string text = "mag,ra,dec,remark\n";
     constexpr int rows = 400;
@@ -783,7 +783,7 @@ TEST(StarTable, WhatIsNoTableIsRefusedAndHoursAreNoticed) {
     EXPECT_TRUE(ReadTable(sweep).Result.LooksLikeHours);
 }
 
-/// A gzip file of stored blocks, made without the library that reads it.
+/// A gzip file of stored blocks, made without zlib, which reads it.
 std::string Gzip(const std::string& text) {
     std::string packed = {'\x1F', '\x8B', 8, 0, 0, 0, 0, 0, 0, 3};
     for (std::size_t at = 0; at < text.size() || at == 0; at += 60000) {
@@ -809,7 +809,7 @@ TEST(StarTable, PackedTextIsThePlainTextAndWhatIsCutOrDamagedIsRefused) {
         EXPECT_EQ(ReadTable(same).Result.Stars, 20000U);
     }
     std::string damaged = packed;
-    damaged[packed.size() / 2] ^= 1;  // a digit, which the checksum tells
+    damaged[packed.size() / 2] ^= 1;  // a digit, noticed by the checksum alone
     for (const std::string& bad : {packed.substr(0, 5), packed.substr(0, packed.size() / 2),
                                    packed.substr(0, packed.size() - 1), damaged, packed + "x"}) {
         EXPECT_THROW(ReadTable(bad), ToolFailure) << bad.size();
@@ -874,7 +874,7 @@ TEST(StarTable, FitsTablesGiveTheirStarsAtTheEpochAndAreRefusedWhenCut) {
         ASSERT_EQ(found.size(), stars.size());
         EXPECT_EQ(result.Moved, stars.size());
         for (std::size_t i = 0; i < stars.size(); ++i) {
-            // Ten years northward; over the pole where it is that near.
+            // Ten years northward, across the pole where it is near enough.
             const double moved = 0.1 * factor * arcsecond;
             ASSERT_NEAR(Separation(found[i], stars[i]), moved, 1e-4 * arcsecond) << i;
             ASSERT_LT(std::fabs(found[i].Dec - stars[i].Dec - moved), 1e-4 * arcsecond) << i;
@@ -903,7 +903,7 @@ TEST(StarTable, FitsTablesGiveTheirStarsAtTheEpochAndAreRefusedWhenCut) {
 }
 
 TEST(ProperMotion, CarriesStarsToWhereOtherCatalogsHaveThem) {
-    // Barnard's star as Gaia has it in 2016; Hipparcos' place of it for 2000.
+    // Barnard's star in Gaia (2016), and its place for 2000 from Hipparcos.
     const SkyStar barnard{269.44850 * degree, 4.73942 * degree, 9.5};
     const SkyStar at2000 = MovedStar(barnard, {-801.55, 10362.39}, -16);
     EXPECT_LT(Separation(at2000, {269.45208 * degree, 4.69336 * degree, 0}), 0.1 * arcsecond);
@@ -916,7 +916,8 @@ TEST(ProperMotion, CarriesStarsToWhereOtherCatalogsHaveThem) {
     const TableOutcome null = ReadTable("ra,dec,mag,pmra,pmdec\n9,5,6,99999,99999\n9,5,6,,\n");
     EXPECT_EQ(null.Result.Moved, 0U);
 
-    // Arcturus of the Tycho-2 index (1991) and of the bright stars' list (2000) become one.
+    // Arcturus from the Tycho-2 index (1991) and from the list of bright stars (2000) become one
+    // star.
     const auto old = FastStarAt({213.9181 * degree, 19.1873 * degree, 0.16}, 2026);
     const auto recent = FastStarAt({213.9153 * degree, 19.1824 * degree, -0.05}, 2026);
     ASSERT_TRUE(old && recent);
@@ -950,7 +951,7 @@ TEST(CatalogFolder, TheOldCatalogStaysUntilTheNewOneTakesItsPlace) {
                 EXPECT_EQ(ReadFile(catalog / "N00R00"), before);
             }
             EXPECT_EQ(fs::exists(catalog), existed);
-            BuildingFolder building(catalog / "");  // a closing slash changes nothing
+            BuildingFolder building(catalog / "");  // a trailing slash changes nothing
             WriteFile(building.Path() / "N00R00", generation);
             building.Publish(inOneStep);
             EXPECT_EQ(ReadFile(catalog / "N00R00"), generation);
@@ -969,7 +970,7 @@ TEST(CatalogFolder, WhatADeadBuildLeftIsRepaired) {
         WriteFile(folder / name / "N00R00", name);
     }
     { const BuildingFolder building(folder / "KEL"); }
-    // The catalog that was set aside when the power failed is back.
+    // The catalog that had been set aside when the power failed is restored.
     EXPECT_EQ(ReadFile(folder / "KEL" / "N00R00"), "KEL.replaced-" + dead);
     EXPECT_EQ(Listing(folder.Path), (std::set<std::string>{"KEL", "KEL.building-" + dead + "x",
                                                            "KEL.building-" + alive}));
@@ -1022,7 +1023,7 @@ ToolExit RunTool(const std::string& arguments, const fs::path& output = nowhere)
     const std::string command =
         "\"" + program + "\" " + arguments + " >\"" + TextFromPath(output) + "\" 2>" + nowhere;
 #ifdef _WIN32
-    // The shell takes away the outermost quotes.
+    // The shell removes the outermost quotes.
     return static_cast<ToolExit>(_wsystem(PathFromText("\"" + command + "\"").c_str()));
 #else
     const int status = std::system(command.c_str());
@@ -1068,7 +1069,7 @@ TEST(CatalogTool, BuildInfoAndVerifyAgreeAndExitCodesHold) {
     EXPECT_EQ(RunTool("info" + catalog, "/dev/full"), ToolExit::CannotWrite);
 #endif
     EXPECT_EQ(ReadFile(folder / "KEL" / ManifestName), before);
-    EXPECT_EQ(Listing(folder.Path).size(), 4U);  // nothing half built is left
+    EXPECT_EQ(Listing(folder.Path).size(), 4U);  // no half-built catalog is left
 
     WriteFile(folder / "KEL" / "N00R00", "0123456789");
     EXPECT_EQ(RunTool("verify" + catalog), ToolExit::FaultsFound);

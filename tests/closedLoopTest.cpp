@@ -1,4 +1,4 @@
-// Frames with a known truth, drawn from a catalog made here, through the whole program and back.
+// Frames with known truth, drawn from a catalog made here and solved by the whole program.
 
 #include <gtest/gtest.h>
 
@@ -91,8 +91,8 @@ class ClosedLoop : public testing::Test {
         State.Catalog.Folder = Catalog.Path;
     }
 
-    /// Takes a frame of these stars and solves it as another program would, the start being off by
-    /// parts of the field.
+    /// Renders a frame of these stars and solves it as another program would. The start is off by
+    /// `offX` and `offY`, in parts of the field.
     UnattendedOutcome Solve(const FrameGeometry& geometry, const FrameExposure& exposure,
                             const std::vector<FrameStar>& stars, int bitPix, double offX = 0,
                             double offY = 0) {
@@ -155,7 +155,7 @@ TEST_F(ClosedLoop, SolutionsAreTheTruthInEveryFormatAndAttitude) {
     }
 }
 
-// What lies over an image must be true where the lens bends most, which a plate is not.
+// Overlays must be right where the lens distorts most; a linear plate is not.
 TEST_F(ClosedLoop, OverlaysAndGridAreTrueToTheCornersOfADistortedFrame) {
     FrameGeometry geometry = FrameAt(ordinary, 33);
     geometry.Distortion = 8;
@@ -212,7 +212,7 @@ TEST_F(ClosedLoop, OverlaysAndGridAreTrueToTheCornersOfADistortedFrame) {
                 std::atan2(north->Y - corner.Y, north->X - corner.X), 0.002);
     EXPECT_NEAR(compass->North.X * compass->East.X + compass->North.Y * compass->East.Y, 0, 0.05);
 
-    // It goes with the solution.
+    // The sky model is dropped with the solution.
     EXPECT_TRUE(State.Sky.Made);
     ForgetSolution(State);
     EXPECT_FALSE(State.Sky.Made || State.Sky.Model);
@@ -240,7 +240,7 @@ TEST_F(ClosedLoop, FramesWithoutASolutionGetNone) {
     EXPECT_EQ(Port.Statuses.back(), "Extracted 5 Stars");
 }
 
-// Filters of this kind leave the plain extraction nothing but their own pattern.
+// With such filters, the plain extraction finds only their pattern.
 TEST_F(ClosedLoop, AMosaicOfColoursIsSolvedInItsOwnPixels) {
     const FrameGeometry geometry = FrameAt(ordinary, 70);
     const auto stars = CatalogFrameStars(Catalog.Path, geometry, FaintestDrawn());
@@ -270,7 +270,7 @@ TEST_F(ClosedLoop, AMosaicOfColoursIsSolvedInItsOwnPixels) {
             ASSERT_EQ(code == SolveCode::Solved, told) << phase << card;
             if (!told) continue;
             EXPECT_EQ(report.SolvedBy, "mosaic");
-            // The filters themselves draw the light of a cell off its middle by 0.06 pixels.
+            // The filters shift the centroid of a cell's light by 0.06 pixels.
             const auto centre = SkyToFrame(geometry, State.Solution->Centre());
             ASSERT_TRUE(centre);
             EXPECT_NEAR(centre->X, (frameWidth - 1) / 2.0, 0.15);
@@ -347,7 +347,7 @@ TEST_F(ClosedLoop, NoNumberOfTheCallerOrTheSettingsIsTooStrange) {
             joined += (joined.empty() ? "" : ",") + NumberText(number);
         return joined;
     };
-    EXPECT_EQ(solve(text(usual)), SolveCode::Solved);  // there is something to be strange about
+    EXPECT_EQ(solve(text(usual)), SolveCode::Solved);  // the usual values do solve
     for (const auto& [width, height] : {std::pair{0, 0}, {0, 3}, {3, 0}, {1, 1}, {2, 5}, {61, 1}}) {
         WriteFile(Frames / "tiny.fit", FitsHeader(FitsCards(16, width, height)));
         EXPECT_EQ(solve(text(usual), "tiny.fit"), SolveCode::TooFewStars)
@@ -378,7 +378,7 @@ TEST_F(ClosedLoop, NoNumberOfTheCallerOrTheSettingsIsTooStrange) {
     }
 }
 
-// The oracle asks every star of the catalog where it falls.
+// The oracle computes the place of every catalog star.
 TEST_F(ClosedLoop, NoStarOfAFrameIsForgotten) {
     for (const SkyPlace place : {acrossZero, northPole, southPole, ordinary}) {
         const FrameGeometry geometry = FrameAt(place, 33, true);

@@ -1,4 +1,4 @@
-// Unattended use: what callers may write and what they get back.
+// Unattended use: what callers may pass and what they get back.
 
 #include <gtest/gtest.h>
 

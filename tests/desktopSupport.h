@@ -23,7 +23,7 @@ using Texts = std::vector<std::string>;
 
 inline const std::string errorTitle = "Vestrel 1.13 Error: ";
 
-/// Answers every dialog and remembers what it said.
+/// Answers every dialog and records its text.
 class DialogReader {
  public:
     DialogReader() {
@@ -74,7 +74,7 @@ class Windows : public testing::Test {
         Stars = MakeSky(Folder / "catalog", Frame);
         Open();
     }
-    /// Starts the program anew.
+    /// Starts the program again.
     void Open() {
         Window.reset();
         State = std::make_unique<ProgramState>();

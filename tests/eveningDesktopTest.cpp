@@ -1,4 +1,4 @@
-// What an observer meets in an evening with the windows.
+// Situations that an observer meets in an evening with the windows.
 
 #include <QAccessible>
 #include <QClipboard>
@@ -128,7 +128,7 @@ TEST_F(Evening, AForeignFileIsNotOverwrittenUnasked) {
     EXPECT_EQ(Dialogs.Messages.size(), 1u);
     Dialogs.Agrees = true;
     Choose("Write World Coordinates");
-    Choose("Write World Coordinates");  // its own file goes without a word
+    Choose("Write World Coordinates");  // its own file is replaced without a question
     EXPECT_TRUE(ReadFile(Folder / "frame.wcs").starts_with("SIMPLE"));
     EXPECT_EQ(Dialogs.Messages.size(), 2u);
 }
@@ -179,7 +179,7 @@ TEST_F(Evening, JustSolveNeedsNothingAndIsOfferedAfterAFailure) {
     }));
     EXPECT_TRUE(Find<QPlainTextEdit>("txtDetails")->toPlainText().contains("Tried patterns"));
 
-    // With nothing typed, but for the size of the last evening, from the keyboard.
+    // Started from the keyboard, with no input but the size of the last session.
     Open();
     Window->activateWindow();
     ASSERT_TRUE(QTest::qWaitForWindowActive(Window.get()));
@@ -211,7 +211,7 @@ TEST_F(Evening, ADoubtfulSolutionSaysSoAndSyncAsks) {
     for (const Residual& one : ResidualsOf(*State)) EXPECT_LT(std::hypot(one.Dx, one.Dy), 0.3);
 
     State->Solution->Confidence.Log10FalseAlarm = -2;
-    Choose("Copy Result");  // any command shows how things stand
+    Choose("Copy Result");  // any command updates the display
     EXPECT_EQ(Shown("lblTrust"), "Doubtful");
     EXPECT_NE(Shown("lblTrustWhy").find("Just Solve"), std::string::npos);
     Dialogs.Agrees = false;
@@ -395,7 +395,7 @@ TEST_F(Evening, TheTableKeepsEverySolveAndAFolderIsSolvedBesides) {
     auto* solutions = dynamic_cast<SolutionsWindow*>(window);
     solutions->SolveFolder(QtText((Folder / "night").string()));
     EXPECT_EQ(window->windowTitle(), "0 of 3 - Solutions");
-    Window->OpenFile(Copy("other.fit"));  // the windows go on meanwhile
+    Window->OpenFile(Copy("other.fit"));  // the windows stay usable meanwhile
     EXPECT_TRUE(QTest::qWaitFor([&] { return rows->rowCount() == 4; }, 30000));
     EXPECT_EQ(window->windowTitle(), "Solutions");
     for (const int row : {1, 2}) {

@@ -43,14 +43,14 @@ struct Opened {
         header.DecRef = dec;
         header.PlateScale = 206264.81;
         const double sign = mirrored ? 1 : -1;
-        // Some stretch and skew, and a tangent point away from the middle.
+        // With some stretch and skew, and a tangent point away from the middle.
         const double rows[2][3] = {
             {scale * std::cos(turn), scale * std::sin(turn), 0.3 * State.Image.Width},
             {sign * scale * 1.02 * std::sin(-turn - 0.01),
              sign * scale * 1.02 * std::cos(turn + 0.01), 0.8 * State.Image.Height}};
         for (int row = 0; row < 2; ++row) std::copy_n(rows[row], 3, header.PlateTransform[row]);
     }
-    /// The sky under a point of the grid, by the program's own inverse projection, degrees.
+    /// The sky position (degrees) of a point of the grid, by the program's own inverse projection.
     SkyPosition SkyAt(double x, double y) const {
         const ImageHeader& header = State.Image.Header;
         const auto& m = header.PlateTransform;
@@ -134,7 +134,7 @@ TEST(Saving, EveryByteOfASavedFileIsAsItAlwaysWas) {
     expected += std::string("\x80\x00\xFF\xFF\x7F\xFF", 6) + std::string(2874, '\0');
     EXPECT_EQ(saved, expected);
 
-    // A longer file keeps its end; a long value moves what follows it.
+    // A longer file keeps its end; a long value shifts what follows.
     WriteFile(folder / "out.fit", std::string(9000, 'o'));
     ASSERT_TRUE(SaveImage(opened.State, opened.Port, path));
     EXPECT_EQ(ReadFile(folder / "out.fit"), expected + std::string(9000 - 8640, 'o'));
@@ -173,7 +173,7 @@ TEST(Saving, ASavedImageOpensAgainWithItsCountsAndItsSolution) {
         EXPECT_NEAR(first.SkyAt(x, y).Dec, second.SkyAt(x, y).Dec, 1e-11);
     }
 
-    // Floating-point images come back upside down, and their counts above 32767 as 0.
+    // Floating-point images come back upside down, with 0 for counts above 32767.
     const std::vector<double> high = {1, 40000, 3, 65535};
     WriteFile(folder / "float.fit", FitsHeader(FitsCards(-32, 2, 2)) + FitsPixels(-32, high));
     ASSERT_TRUE(first.Open(folder / "float.fit"));
@@ -222,7 +222,7 @@ TEST(Saving, AFailureLeavesTheOldFileAndNoOther) {
             std::_Exit(refused ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
-    // Links are followed, to files and to what is none; a file keeps its permissions.
+    // Links are followed, whether their target is a file or not; a file keeps its permissions.
     namespace fs = std::filesystem;
     const auto mine = fs::perms::owner_read | fs::perms::owner_write;
     for (const auto write : {SaveImage, ExportImage}) {
@@ -280,7 +280,7 @@ TEST(FileDialogs, AskWithTheirFiltersAndRememberTheFolders) {
     EXPECT_EQ(state.Image.ImageType, ImageType::Sbig);
     EXPECT_EQ(state.Parameters.LastOpenFolder, folder.Path.string());
     EXPECT_EQ(state.Parameters.LastSaveFolder, "/b");
-    // Refused by its extension: the image that is there stays as it was and can be saved.
+    // Refused because of its extension: the open image stays as it was and can be saved.
     port.Answer = TextFromPath(folder / "image.bmp");
     OpenImageDialog(state, port);
     EXPECT_EQ(port.Messages, std::vector<std::string>{"Vestrel: File type is not supported"});
@@ -314,7 +314,7 @@ TEST(WorldCoordinates, OtherProgramsSeeTheSkyAndTheCountsThatVestrelSees) {
                 bytes = Sbig(width, height, std::vector<int>(stored.begin(), stored.end()));
             }
             if (kind == "wild SBIG") {
-                // The first row by deltas, and beyond 16 bits.
+                // The first row stored as deltas, with sums beyond 16 bits.
                 std::string row = std::string("\x3E\0\xF0\xFF", 4) + std::string(width - 1, '\x70');
                 bytes.replace(2048, 2 + 2 * width, row);
                 for (int x = 0; x < width; ++x)
@@ -325,12 +325,13 @@ TEST(WorldCoordinates, OtherProgramsSeeTheSkyAndTheCountsThatVestrelSees) {
             WriteFile(folder / file, bytes);
             Opened opened;
             ASSERT_TRUE(opened.Open(folder / file)) << kind;
-            // On a pole, as the program's pi has it, and beyond it too.
+            // On a pole according to the program's decimal pi, and beyond the pole too.
             const double poles[] = {3.141592654 / 2, -3.141592654 / 2, 1.58, -1.7};
             const double dec = number % 2 == 0 ? poles[number / 2 % 4] : random.Between(-1.5, 1.5);
             const double ra = number % 3 == 0 ? 0.001 : random.Between(0, 6.28);
             opened.Solve(ra, dec, random.Between(1, 600), random.Between(0, 6), mirrored);
-            opened.State.BackgroundRemoved = true;  // what is exported is not what is on the grid
+            opened.State.BackgroundRemoved = true;  // the export must not take its counts from the
+                                                    // grid
             opened.State.Image.Pixels(3, 3) += 17;
             ASSERT_TRUE(WriteWorldCoordinates(opened.State, opened.Port));
             const std::string exported = TextFromPath(folder / (name + ".export.fits"));
@@ -500,7 +501,7 @@ TEST(StandardCards, AnExportOfAnyReadableHeaderIsStandard) {
         cards.push_back("REMARK  = 'goes on &'");
         cards.push_back("CONTINUE  " + value);
         Opened opened;
-        // What Vestrel reads itself must be readable to it.
+        // Vestrel must be able to read the keywords that it uses itself.
         std::erase_if(cards, [&](const std::string& card) {
             ImageHeader header;
             std::string error;

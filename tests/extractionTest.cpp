@@ -1,4 +1,4 @@
-// Background, filter and star detection against plain procedures, bit for bit.
+// Background, filter and star detection compared bit for bit with plain procedures.
 
 #include <gtest/gtest.h>
 
@@ -143,7 +143,7 @@ TEST(Background, IsThePlainProceduresWhateverTheImageAndTheThreads) {
         const bool wild = trial % 3 == 2;
         const Image sky = Sky(random, width, height, wild);
         const Image plain = PlainBackground().Estimate(sky, width, height, half, percentile);
-        // Stored values are lower by the offset; the spare column and row stay what they are.
+        // Stored values are lower by the offset; the spare column and row stay unchanged.
         const int offset = wild ? 0 : 20000;
         Image stored(width, height);
         ForPixels(width, height, [&](int x, int y) { stored(x, y) = sky(x, y) - offset; });
@@ -165,8 +165,8 @@ TEST(Background, IsThePlainProceduresWhateverTheImageAndTheThreads) {
     }
 }
 
-// Values over some range, evenly or mostly at its lower end, with rows at the top that are brighter
-// or darker than the rest: there the slide takes out what it never put in.
+// Values over some range, spread evenly or mostly at its lower end. The top rows are brighter or
+// darker than the rest: there the sliding box removes values that it never added.
 Image Patches(Random& random, int width, int height) {
     Image image(width, height);
     const int range = std::vector{1, 15, 200, 4000, 65535, 100000}[random.Whole(0, 5)];
@@ -424,7 +424,7 @@ struct PlainExtraction {
     }
 };
 
-// Both extractions agree in everything; gives the number of stars.
+// Requires that both extractions agree in everything. @return the number of stars
 int ExpectSameExtraction(const PlateImage& image, const DetectionSettings& settings) {
     const PlainExtraction plain(image, settings);
     for (const int threads : {1, 2, 7}) {
@@ -445,7 +445,7 @@ int ExpectSameExtraction(const PlateImage& image, const DetectionSettings& setti
     return plain.Facts.StarsFound;
 }
 
-// Stars of all sizes, touching ones and ones over the edge, single hot pixels, diagonal lines.
+// Stars of all sizes, some touching or across the edge, single hot pixels, diagonal lines.
 PlateImage StarField(Random& random, int width, int height, int offset, double noise) {
     PlateImage image = EmptyImage(width, height, offset);
     ForPixels(width, height, [&](int x, int y) {
@@ -486,9 +486,9 @@ TEST(ExtractStars, IsThePlainProcedureOnRandomFields) {
 
 TEST(ExtractStars, SumsBeyondTheExactRangeQuietSkiesAndNarrowImages) {
     Random random(17);
-    // Sums of many squares pass 2^53, where the order of adding begins to tell.
+    // Sums of many squares exceed 2^53, from where the order of additions matters.
     ExpectSameExtraction(StarField(random, 400, 400, 900000, 5), {.EdgeExclusion = 0.01});
-    // Patches of three counts: many sigmas of a quiet sky, and yet no stars.
+    // Patches of three counts: many sigmas above a quiet sky, but no stars.
     PlateImage quiet = EmptyImage(100, 100, 100);
     ForPixels(100, 100, [&](int x, int y) {
         quiet.Pixels(x, y) = random.Whole(0, 1) + (x % 20 < 3 && y % 20 < 3 ? 2 : 0);

@@ -1,4 +1,4 @@
-// Why a picture was not solved: pictures with a known fault each.
+// Why a picture was not solved: each picture has one known fault.
 
 #include <gtest/gtest.h>
 
@@ -28,7 +28,7 @@ FrameGeometry Geometry(int width, int height) {
     return geometry;
 }
 
-/// A frame of stars that no catalog knows.
+/// A frame of stars that are in no catalog.
 Frame Render(const FrameExposure& exposure, int stars, int width = 700, int height = 500) {
     const FrameGeometry geometry = Geometry(width, height);
     return RenderFrame(geometry, exposure, RandomFrameStars(geometry, stars, 6, 12, exposure.Seed));
@@ -70,7 +70,7 @@ TEST(ImageHealth, TrailsHaveTheirLengthAndAngle) {
     }
 }
 
-// Away from its axis a lens draws stars out toward the corners, or across.
+// Away from the axis, a lens elongates stars toward the corners or across that direction.
 TEST(ImageHealth, ElongationByOpticsIsNoTrail) {
     PlateImage image = EmptyImage(600, 600, 0);
     Random random(5);
@@ -95,7 +95,7 @@ TEST(ImageHealth, ElongationByOpticsIsNoTrail) {
 TEST(ImageHealth, SharpStarsAreNeitherTrailedNorRings) {
     const ImageHealth health = HealthOf(ImageOf(Render(Exposure(22, 3), 80)));
     EXPECT_GT(health.Patches, 50);
-    EXPECT_NEAR(health.Width, 3, 1.5);  // as the seeing is
+    EXPECT_NEAR(health.Width, 3, 1.5);  // the seeing
     EXPECT_LT(health.Elongation, 1.3);
     EXPECT_LT(health.HollowPart, 0.1);
     EXPECT_EQ(health.DarkPatches, 0);
@@ -103,7 +103,7 @@ TEST(ImageHealth, SharpStarsAreNeitherTrailedNorRings) {
     EXPECT_NEAR(health.SkyNoise, std::sqrt(1500 + 64.0), 10);
 }
 
-/// What `CauseOfFailure` says of pictures about the small sky of the tests.
+/// What `CauseOfFailure` says about pictures of the tests' small sky.
 class Causes : public testing::Test {
  protected:
     void SetUp() override {

@@ -1,4 +1,4 @@
-// What a header says of the field, as other programs write it.
+// Hints about the field in headers that other programs write.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -69,14 +69,15 @@ TEST(Hints, ScalesComeBestFirstWithAndWithoutTheBinning) {
     const auto [width, height] = FieldOfScale(image, 3.6);
     EXPECT_NEAR(width / degree, 1, 1e-12);
     EXPECT_NEAR(height / degree, 0.8, 1e-12);
-    // 50 mm on full frame: the diagonal spans 46.8 degrees; here in the small-angle measure.
+    // 50 mm on full frame: the diagonal spans 46.8 degrees; here by the small-angle formula.
     const PlateImage phone = ImageWith({"FOCLEN35= 50"});
     EXPECT_NEAR(HintsOf(phone).Scales.at(0).ArcsecondsPerPixel,
                 206264.806 * 43.2666 / 50 / std::hypot(1000, 800), 1e-2);
 }
 
 TEST(Hints, WorldCoordinatesAreCarriedToTheMiddleOfTheImage) {
-    // By hand: 10 degrees north of the tangent point, along the meridian, in the gnomonic plane.
+    // Computed by hand: 10 degrees north of the tangent point, along the meridian, in the gnomonic
+    // plane.
     const double north = std::tan(10 * degree) / degree;
     const std::string row = NumberText(400.5 - north / 0.05);
     const std::vector<std::string> common = {"CTYPE1  = 'RA---TAN'", "CTYPE2  = 'DEC--TAN'",

@@ -45,7 +45,8 @@ class ViewerWindows : public Windows {
         const ScreenPoint point = Area->View.ScreenOf(pixel);
         return {static_cast<int>(std::floor(point.X)), static_cast<int>(std::floor(point.Y))};
     }
-    /// The pointer without a button: `QTest` would ask the platform which window is on top.
+    /// Moves the pointer without a button. `QTest` is not used, as it would ask the platform which
+    /// window is on top.
     void Hover(const QPoint& point) const {
         QMouseEvent move(QEvent::MouseMove, point, Area->mapToGlobal(point), Qt::NoButton,
                          Qt::NoButton, Qt::NoModifier);
@@ -54,7 +55,7 @@ class ViewerWindows : public Windows {
     QRgb ColourAt(const PixelPoint& pixel) const {
         return Area->grab().toImage().pixel(OnScreen(pixel));
     }
-    /// Where a star of the frame was drawn.
+    /// The pixel where a star of the frame was drawn.
     static PixelPoint Drawn(const SkyPosition& star) {
         Projection plane;
         plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
@@ -120,7 +121,7 @@ TEST_F(ViewerWindows, ASolveSwitchesItsOverlaysOnAndTheyLieOnTheStars) {
         EXPECT_GT(difference(before), 100) << name;
         Action(name)->setChecked(false);
     }
-    // Alone, a catalog star's cross is where the star was drawn.
+    // With only this overlay on, the cross of a catalog star is where the star was drawn.
     Action("mnuCatalog")->setChecked(true);
     const PlateStar& star = State->Solution->CatalogStars[1];
     const QColor mark(ColourAt(Drawn({star.Ra, star.Dec})));
@@ -129,7 +130,7 @@ TEST_F(ViewerWindows, ASolveSwitchesItsOverlaysOnAndTheyLieOnTheStars) {
     Action("mnuMatched")->setChecked(false);
     Press("cmdMatch");
     EXPECT_TRUE(Action("mnuMatched")->isChecked());
-    Window->OpenFile(Frame);  // of which nothing is known yet
+    Window->OpenFile(Frame);  // not solved yet
     Action("mnuCompass")->setChecked(false);
     const QImage empty = Area->grab().toImage();
     for (const char* name : three) Action(name)->setChecked(false);
@@ -155,7 +156,7 @@ TEST_F(ViewerWindows, TheWheelZoomsAboutThePointerAndDraggingMovesTheImage) {
     Action("mnuFit")->trigger();
     EXPECT_NEAR(Area->View.Scale(), before, 1e-9);
 
-    // Of 16-bit FITS the last row is on top.
+    // The last row of a 16-bit FITS file is on top.
     EXPECT_LT(OnScreen({0, 299}).y(), OnScreen({0, 0}).y());
     Action("mnuFlipUpDown")->toggle();
     EXPECT_GT(OnScreen({0, 299}).y(), OnScreen({0, 0}).y());
@@ -181,7 +182,7 @@ TEST_F(ViewerWindows, ATurnedPictureIsShownAndExportedTurnedAndReadAsItIsStored)
     const auto path = Folder / "turned.jpg";
     ASSERT_TRUE(picture.save(QtText(path.string()), "JPG", 100));
     ExifMaker exif;
-    exif.Orientation = 6;  // the top of the stored picture belongs to the right
+    exif.Orientation = 6;  // the top of the stored picture is shown on the right
     WriteFile(path, WithExif(ReadFile(path), exif.Block()));
     Frame = path.string();
     OpenAll();
@@ -245,7 +246,7 @@ TEST_F(ViewerWindows, LevelsAreCountsAndChangeWhatIsShown) {
     QTest::mouseClick(levels->findChild<QPushButton*>("cmdAutomatic"), Qt::LeftButton);
     EXPECT_NEAR(image.DisplayBlack, 296, 2);
     white->setValue(5000);
-    Solve();  // which takes the sky away
+    Solve();  // which subtracts the sky
     EXPECT_LT(image.DisplayBlack, 100);
     EXPECT_EQ(black->value(), image.DisplayBlack);
 }
@@ -265,7 +266,7 @@ TEST_F(ViewerWindows, AClickMeasuresTheStarThatWasDrawnThere) {
         if (line == std::string::npos) throw std::runtime_error(std::string("no ") + caption);
         return std::stod(all.substr(line + std::string(caption).size()));
     };
-    // Of the pairs the loneliest: its light is its own.
+    // The most isolated matched star: no neighbour adds to its light.
     PlateStar star;
     double loneliest = 0;
     for (const PlateStar& one : State->Solution->CatalogStars) {
@@ -284,7 +285,7 @@ TEST_F(ViewerWindows, AClickMeasuresTheStarThatWasDrawnThere) {
     QTest::mouseClick(Area, Qt::LeftButton, {}, OnScreen(drawn));
     EXPECT_NEAR(figure("Centroid x"), drawn.X, 0.02);
     EXPECT_NEAR(figure("Centroid y"), drawn.Y, 0.02);
-    // A Gaussian of variance 1.5, cut where it has ended.
+    // A Gaussian of variance 1.5, cut off where it is negligible.
     const double flux = std::pow(10, 0.4 * (21.5 - star.Flux)) * 3 * 3.14159265;
     EXPECT_NEAR(figure("Flux") / flux, 1, 0.02);
     EXPECT_NEAR(figure("FWHM of Gaussian fit"), 2.3548 * std::sqrt(1.5), 0.1);
@@ -343,7 +344,7 @@ TEST_F(ViewerWindows, TwoClicksMakeARowAndTheTableIsWritten) {
     EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 4);
     EXPECT_NE(csv.find("\nframe.fit,"), std::string::npos);
     Window->OpenFile(Frame);
-    click(stars[0]);  // of a pair that the old image's star is not in
+    click(stars[0]);  // starts a new pair, without the old image's star
     EXPECT_EQ(rows->rowCount(), 3);
     QTest::mouseClick(window->findChild<QPushButton*>("cmdClear"), Qt::LeftButton);
     EXPECT_EQ(rows->rowCount(), 0);

@@ -1,4 +1,4 @@
-// Reading images: what the readers make of good files, and that no file can harm them.
+// Reading images: the results for good files, and that no file can do harm.
 
 #include <gtest/gtest.h>
 
@@ -32,7 +32,8 @@ namespace {
 
 const std::string general = "Vestrel: Unable to read the image file.";
 
-/// What a reader made of a file's bytes. One image serves all reads, as in the program.
+/// Reads files from bytes and keeps the result. One image record serves all reads, as in the
+/// program.
 struct Reader {
     TemporaryFolder Folder;
     PlateImage Image;
@@ -299,7 +300,8 @@ TEST(FitsPixels, AFailedReadKeepsWhatItHadReachedAndTheNextOneIsClean) {
     ASSERT_TRUE(reader.Good);
     reader.Read(FitsHeader({"SIMPLE = T", "NAXIS = 2", "EXPTIME = 9", "BITPIX = x", "EGAIN = 3"}));
     EXPECT_EQ(reader.Image.Header.ExposureTime, 9);
-    EXPECT_EQ(reader.Image.Header.ElectronGain, 0);  // neither the old one nor a later card's
+    EXPECT_EQ(reader.Image.Header.ElectronGain, 0);  // neither the old value nor that of a later
+                                                     // card
     EXPECT_EQ(reader.Image.Header.Object, "0");
     EXPECT_EQ(reader.Image.Header.CardCount, 0);
     EXPECT_EQ(reader.Image.Header.Cards[4], Card("BITPIX = x"));
@@ -342,7 +344,7 @@ TEST(FitsPixels, WhatAFileLacksIsZeroAndTakesNoMemory) {
 
 TEST(Pictures, GreyIsTheSumOfTheColoursAndRowZeroIsTheTop) {
     Reader reader;
-    // Every 8 × 8 block has one colour, which JPEG keeps.
+    // Every 8 × 8 block has a single colour, which JPEG preserves.
     const int blocks[][3] = {{255, 255, 255}, {255, 0, 0},  {0, 0, 0},
                              {0, 0, 255},     {10, 20, 30}, {0, 255, 0}};
     const std::int32_t sums[] = {765, 255, 0, 255, 60, 255};
@@ -370,7 +372,7 @@ TEST(Pictures, GreyIsTheSumOfTheColoursAndRowZeroIsTheTop) {
     EXPECT_EQ(reader.Image.Pixels(4, 4), 3 * 77);
     reader.Read(Jpeg(8, 8, JCS_CMYK, 4, std::vector<unsigned char>(256, 77)), "print.jpg");
     ASSERT_TRUE(reader.Good);
-    EXPECT_EQ(reader.Image.Pixels(4, 4), 3 * 23);  // 77 of 255 light through each colour and black
+    EXPECT_EQ(reader.Image.Pixels(4, 4), 3 * 23);  // 77 of 255 in each of the three colours
 }
 
 TEST(Pictures, TheCameraSaysHowItWasTakenAndOnlyCardsKnow) {
@@ -404,7 +406,7 @@ TEST(Pictures, TheCameraSaysHowItWasTakenAndOnlyCardsKnow) {
         EXPECT_EQ(said.count("END"), 1U);
         EXPECT_EQ(HeaderLines(reader.Image).size(),
                   1U + static_cast<std::size_t>(header.CardCount));
-        // What is saved from a picture has never had more than its pixels.
+        // Files saved from a picture have always had only its pixels.
         EXPECT_EQ(header.ExposureTime, 0);
         EXPECT_EQ(header.Instrument, "0");
         const std::vector<ScaleHint> scales = HintsOf(reader.Image).Scales;
@@ -417,7 +419,7 @@ TEST(Pictures, TheCameraSaysHowItWasTakenAndOnlyCardsKnow) {
     EXPECT_EQ(reader.Image.Orientation, 1);
     EXPECT_TRUE(reader.Image.Remarks.empty() && HeaderLines(reader.Image).empty());
 
-    // A damaged block costs what it says, never the picture.
+    // A damaged block loses its own facts, never the picture.
     const std::string block = ExifMaker().Block();
     for (std::uint32_t seed = 1; seed <= 500; ++seed) {
         reader.Read(WithExif(plain, Damaged(block, seed)), "damaged.jpg");
@@ -447,7 +449,7 @@ TEST(Pictures, CutShortOrForgedFail) {
     }
 }
 
-// Faulty pixels of floating-point pictures hold anything.
+// Faulty pixels of floating-point pictures can have any value.
 TEST(Pictures, AFewStrayPixelsLeaveTheStarsTheirSteps) {
     const auto build = [](double factor, double stray) {
         PlateImage image;
@@ -469,7 +471,7 @@ TEST(Pictures, AFewStrayPixelsLeaveTheStarsTheirSteps) {
     const auto height = [](const PlateImage& image) {
         return image.Pixels(90, 70) - image.Pixels(10, 10);
     };
-    // Counts stay counts.
+    // Values that look like counts are not rescaled.
     const PlateImage clean = build(1, 0);
     for (const double stray : {1e9, -1e9, 1e300}) {
         const PlateImage image = build(1, stray);
@@ -477,7 +479,7 @@ TEST(Pictures, AFewStrayPixelsLeaveTheStarsTheirSteps) {
         EXPECT_EQ(height(image), height(clean)) << stray;
         EXPECT_EQ(image.Pixels(33, 20), stray > 0 ? 32767 : -32768);
     }
-    // What has no place among counts keeps the steps that it has without the stray.
+    // Values outside the range of counts are scaled as they would be without the stray pixel.
     const PlateImage wide = build(1000, 0);
     EXPECT_GT(height(wide), 30000);
     EXPECT_GT(height(build(1000, 1e12)), 10000);
@@ -546,7 +548,7 @@ TEST(OpenImage, ChoosesTheReaderByTheExtensionInAnyCase) {
 
 #ifndef _WIN32  // where there are no decoders
 #ifdef VESTREL_READS_RAW
-// Written by the library that digital negatives are made with: a mosaic of red, green and blue.
+// Written with libtiff: a mosaic of red, green and blue.
 TEST(OpenImage, ADigitalNegativeIsItsMosaicTwoByTwo) {
     const TemporaryFolder folder;
     const std::string path = TextFromPath(folder / "camera.dng");
@@ -614,7 +616,7 @@ TEST(OpenImage, ADamagedPackedFileIsRefusedOrAPictureAndNeverTheEnd) {
     for (const char* name : {"rice.fits.fz", "hcompress.fits.fz"}) {
         const std::string good = ReadFile(seeds + name);
         for (std::uint32_t seed = 0; seed < 100; ++seed) {
-            // Every other one has its faults in the packed pixels, behind the headers.
+            // Every other file has its faults in the packed pixels, after the headers.
             const std::size_t from = seed % 2 == 0 ? 0 : good.size() - 2880;
             WriteFile(
                 folder / "in.fz",

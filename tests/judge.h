@@ -1,4 +1,4 @@
-// The Python scripts of this folder, which look at results with other programs.
+// Runs the Python scripts of this folder, which check results with other programs.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,23 +8,23 @@
 
 namespace vestrel {
 
-/// What a judge has to say: nothing when all is well, "no judge: ..." when it cannot be had here.
-/// Given a script of this folder and its arguments.
+/// Runs a script of this folder. @return what it prints: empty when all is well, "no judge: ..."
+/// when a program that it needs is missing here
 std::string Verdict(const std::string& script, const std::vector<std::string>& arguments);
 
-/// Whether a test that cannot run is a fault: where everything was to be set up.
+/// Whether a skipped test counts as a fault: true in CI, where everything must be installed.
 bool SkippingIsAFault();
 
 }  // namespace vestrel
 
-/// Ends a test that lacks something here, or fails it where nothing may be lacking.
+/// Skips a test that lacks something on this machine, or fails it where nothing may be missing.
 #define SKIP_OR_FAIL(reason)                               \
     do {                                                   \
         if (vestrel::SkippingIsAFault()) FAIL() << reason; \
         GTEST_SKIP() << reason;                            \
     } while (false)
 
-/// Ends a test with the verdict of a script: EXPECT_JUDGED("judgeFits.py", {"saved", folder})
+/// Expects that a script has no complaint: EXPECT_JUDGED("judgeFits.py", {"saved", folder})
 #define EXPECT_JUDGED(...)                                          \
     do {                                                            \
         const std::string verdict = vestrel::Verdict(__VA_ARGS__);  \

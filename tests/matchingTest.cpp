@@ -1,4 +1,4 @@
-// Triangles, votes, fit and alignment against plain procedures and independent solutions.
+// Triangles, votes, fit and alignment compared with plain procedures and independent solutions.
 
 #include <gtest/gtest.h>
 
@@ -28,7 +28,7 @@ StarTriangleList PlainTriangles(const PlateStarList& list, int m) {
     for (int i = 1; i <= m; ++i) {
         for (int j = i + 1; j <= m; ++j) {
             for (int k = j + 1; k <= m; ++k) {
-                // Each side with the corner that it does not touch, the longest side first.
+                // Each side with the opposite corner, the longest side first.
                 std::array<std::pair<double, int>, 3> sides = {
                     {{Side(list, i, j), k}, {Side(list, i, k), j}, {Side(list, j, k), i}}};
                 std::sort(sides.rbegin(), sides.rend());
@@ -52,7 +52,7 @@ void PlainVotes(VoteTable& votes, const StarTriangleList& one, const StarTriangl
     const bool swapped = two.Count() < one.Count();
     const StarTriangleList& outer = swapped ? two : one;
     const StarTriangleList& inner = swapped ? one : two;
-    // The first triangle of at least this ratio, else the last one.
+    // The first triangle with at least this ratio, else the last one.
     const auto reach = [&](double ratio) {
         const auto found =
             std::partition_point(inner.begin(), inner.begin() + inner.Count() - 1,
@@ -107,7 +107,7 @@ StarMatchList PlainMatches(VoteTable& votes, int m1, int m2, double divisor) {
     return matches;
 }
 
-// The whole alignment, step by step. The fit itself is the product's: it has its own judge.
+// The whole alignment, step by step. The fit is that of the program, which has tests of its own.
 struct PlainAlignment : Alignment {
     PlainAlignment(const PlateStarList& list1, const PlateStarList& list2, double maxError,
                    const AlignSettings& settings)
@@ -131,8 +131,8 @@ struct PlainAlignment : Alignment {
         return std::abs(std::abs(Geometry.Stretch) - 1) <= Settings.MaxGeometricError &&
                std::abs(Geometry.Skew) <= Settings.MaxGeometricError;
     }
-    /// Takes the worst pair out if the fit is bad, its residuals are uneven or, in the first
-    /// cleaning, the geometry is wrong; false if all is well.
+    /// Removes the worst pair if the fit is bad, its residuals are uneven or, in the first
+    /// cleaning, the geometry is wrong. @return false if all is well
     bool Clean(double sigmas, bool first) {
         Fit();
         double sum = 0;
@@ -239,10 +239,11 @@ struct Plate {
     bool Mirrored = false;
     double Noise = 0;
     int Outliers = 0;
-    int Astray = 0;  ///< stars some way off their place
+    int Astray = 0;  ///< stars that lie off their place
 };
 
-// What a camera makes of list 1: turned, scaled, mirrored, with noise and with strangers.
+// List 1 as a camera would record it: turned, scaled, mirrored, with noise and stars that are not
+// in the list.
 PlateStarList Photograph(Random& random, const PlateStarList& list1, const Plate& plate) {
     PlateStarList list2;
     for (const PlateStar& star : list1) {
@@ -265,7 +266,7 @@ PlateStarList Photograph(Random& random, const PlateStarList& list1, const Plate
     return list2;
 }
 
-/// The parts of all pairs, to be compared at once.
+/// The parts of all pairs, to be compared in one expectation.
 auto PartsOf(const StarMatchList& list) {
     std::vector<std::tuple<int, int, int, bool>> all;
     for (const StarMatch& m : list) all.emplace_back(m.Star1, m.Star2, m.Votes, m.InUse);
@@ -273,7 +274,7 @@ auto PartsOf(const StarMatchList& list) {
 }
 
 TEST(FitPlate, ResidualsOfThePairsInUseAreOrthogonalToTheModel) {
-    // That is what least squares means, and no other constants have it.
+    // This property defines least squares; no other constants have it.
     Random random(32);
     for (int trial = 0; trial < 300; ++trial) {
         const int n = random.Whole(4, 60);
@@ -410,7 +411,7 @@ TEST(AlignImages, IsThePlainProcedureInWhatTrianglesAndGridsSay) {
         const auto voted = VoteByGrid(votes, columns[outer], TriangleGrid(columns[1 - outer]),
                                       firstIsOuter, tolerance);
         if (!voted) {
-            // Only where there is something to be decided by the order of sorting.
+            // Only in cases where the order of sorting decides.
             EXPECT_TRUE(ties || wide);
             ++unclear;
             continue;

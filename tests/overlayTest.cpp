@@ -1,5 +1,5 @@
-// What the image window draws: display levels against counts counted by hand, and the sky over an
-// image against the projection that every solve uses.
+// What the image window draws: display levels compared with plain counting, and sky overlays
+// compared with the projection that every solve uses.
 
 #include <gtest/gtest.h>
 
@@ -18,7 +18,7 @@ namespace {
 constexpr double pi = 3.14159265358979323846;
 constexpr double arcsecond = pi / 180 / 3600;
 
-/// Sky of Gaussian noise, some stars, and part of the columns without data.
+/// A sky with Gaussian noise, some stars, and part of the columns without data.
 PlateImage StarryImage(Random& random, double sky, double noise, double starShare,
                        double emptyShare) {
     PlateImage image = EmptyImage(400, 300, 32768);
@@ -105,7 +105,7 @@ TEST(Histogram, CountsEveryPixelOnceWhateverTheThreads) {
                 ++counted[value + 100];
             }
         }
-        image.Pixels(image.Width, 5) = 2147483647;  // the spare column is none of the image
+        image.Pixels(image.Width, 5) = 2147483647;  // the spare column is not part of the image
         for (const auto& [threads, most] :
              {std::pair{1, 65536}, {4, 65536}, {4, 1000}, {1, 37}, {4, 1}}) {
             const ThreadsForNow now(threads);
@@ -240,7 +240,8 @@ TEST(SkyMap, TheCompassPointsWhereAStepNorthAndEastLeads) {
             const PixelPoint pixel{random.Between(0, field.Width), random.Between(0, field.Height)};
             const auto sky = map.SkyOf(pixel);
             const double step = 1e-5;
-            // Where steps are no longer small beside the distance to a pole or to the rim.
+            // Skips places where the step is not small compared with the distance to a pole or to
+            // the rim.
             if (!sky || std::cos(sky->Dec) < 100 * step) continue;
             const double aside = step / std::cos(sky->Dec);
             const auto expectAlong = [](const PixelPoint& direction,
@@ -313,7 +314,7 @@ TEST(SkyGrid, LinesLieOnTheirAnglesAndNoneIsMissing) {
             ++poles;
         }
 
-        // Wherever a line's angle shows, the line is there.
+        // There is a line wherever its angle occurs in the image.
         int looked = 0;
         for (int trial = 0; trial < 300; ++trial) {
             const auto sky =
@@ -404,7 +405,7 @@ TEST(SkyOverlay, ScaleBarsAreRoundAndAsLongAsTheySay) {
         const SkyMap map = field.Map();
         const auto bar = ScaleBarFor(map, 300);
         ASSERT_TRUE(bar) << scale;
-        // The longest round one: the next is 2.5 times as long at most.
+        // It is the longest round length that fits: the next one is 2.5 times as long at most.
         EXPECT_LE(bar->Pixels, 300);
         EXPECT_TRUE(bar->Pixels > 300 / 2.6 || bar->Text == "45\xC2\xB0") << scale << bar->Text;
         // The 1.02 is this plate's stretch.

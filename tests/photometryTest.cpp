@@ -1,5 +1,5 @@
-// Star statistics and relative photometry against synthetic stars whose place, brightness and
-// noise are known, and against photutils, where it is installed.
+// Star statistics and relative photometry, compared with synthetic stars of known place, brightness
+// and noise, and with photutils where it is installed.
 
 #include <gtest/gtest.h>
 
@@ -105,7 +105,7 @@ TEST(StarStatistics, PlaceAndBrightnessComeWithinAFifthOfThePhotonLimit) {
     constexpr double gain = 1.5;
     const ApertureSettings settings{8, 12};
     const double area = std::numbers::pi * settings.ApertureRadius * settings.ApertureRadius;
-    // A pixel widens the star that it integrates.
+    // Integration over pixels widens the star.
     const double fwhm = 2.3548 * std::sqrt(sigma * sigma + 1.0 / 12);
     // Signal to noise from 10 to 760.
     for (const double flux : {1200.0, 2500.0, 10000.0, 60000.0, 400000.0}) {
@@ -145,7 +145,7 @@ TEST(StarStatistics, PlaceAndBrightnessComeWithinAFifthOfThePhotonLimit) {
             EXPECT_LT(spread->RootMeanSquare(), 1.2 * limit) << shown;
             EXPECT_LT(std::fabs(spread->Mean()), 0.15 * limit) << shown;
         }
-        // The errors that it states are those that it makes.
+        // The stated errors are the true ones.
         EXPECT_NEAR(lightInErrors.RootMeanSquare(), 1, 0.1) << shown;
         EXPECT_NEAR(placeInErrors.RootMeanSquare(), 1, 0.1) << shown;
         for (const Spread* width : {&window, &gaussian, &moffat}) {
@@ -155,7 +155,7 @@ TEST(StarStatistics, PlaceAndBrightnessComeWithinAFifthOfThePhotonLimit) {
 }
 
 TEST(StarStatistics, ErrorsStayTrueWhereNeighboursVaryTogether) {
-    // A star on its own is smoothed before it is found, which hides half of the noise.
+    // A frame with a single star is smoothed before extraction, which hides half of the noise.
     Random random(5);
     Spread lightInErrors;
     for (int trial = 0; trial < 200; ++trial) {
@@ -205,7 +205,7 @@ TEST(StarStatistics, NeitherOffsetNorSubtractedSkyChangesAStar) {
     frame.Expose(random, 6, 1.3);
     const StarMeasurement before = MeasureStar(frame.Image, 42, 37, {});
     ASSERT_EQ(before.Outcome, StarOutcome::Measured);
-    // First another split of the same counts, then 900 of them subtracted.
+    // First the same counts with another offset, then with 900 subtracted.
     for (const int subtracted : {0, 900}) {
         PlateImage& image = frame.Image;
         for (std::int32_t y = 0; y < 81; ++y) {
@@ -238,7 +238,7 @@ TEST(StarStatistics, TheSkyIsTrueBesideStarsAndBelowACountOfNoise) {
             frame.Expose(random, noise);
             const LocalBackground sky = MeasureBackground(frame.Image, 40, 40, 20, 33);
             level.Add(sky.Level - frame.Sky);
-            // Faint wings remain; they make the sky less certain indeed.
+            // Faint wings remain and do make the sky less certain.
             EXPECT_NEAR(sky.Scatter / std::sqrt(noise * noise + 1.0 / 12), 1.1, 0.2);
         }
         EXPECT_LT(level.RootMeanSquare(), 0.1 * noise + 0.05) << noise;
@@ -263,7 +263,7 @@ TEST(StarStatistics, WarnsOfWhatSpoilsAMeasurement) {
     for (const double width : {0.8, 2.0, 4.0, 8.0}) {
         const StarMeasurement fits = measured(60.5, 50.5, width, 65535, 0, 40, 0);
         EXPECT_FALSE(fits.Saturated || fits.Blended) << width;
-        // A well that is full at a level that the header does not tell.
+        // Saturation at a level that the header does not state.
         EXPECT_TRUE(measured(60.5, 50.5, width, 30000, 900, 40, 0).Saturated || width < 1) << width;
         EXPECT_TRUE(measured(60.5, 50.5, width, 45000, 0, 40, 0).Saturated || width < 5) << width;
     }
@@ -429,7 +429,7 @@ TEST(RelativePhotometry, WarnsAndWritesWhatSpreadsheetsRead) {
     const auto at = [&](double x) { return MeasureAperture(frame.Image, x, 35, {12, 20}); };
     using enum PhotometryWarning;
     using List = std::vector<PhotometryWarning>;
-    EXPECT_NEAR(at(46).X, 45, 0.3);  // and not the bright one beside it
+    EXPECT_NEAR(at(46).X, 45, 0.3);  // not the bright star beside it
     const RelativeMagnitude close = CompareStars(at(35), at(46), std::nullopt);
     EXPECT_EQ(close.Warnings,
               (List{FirstSaturated, FirstBlended, SecondBlended, AperturesOverlap}));
@@ -456,7 +456,7 @@ TEST(RelativePhotometry, WarnsAndWritesWhatSpreadsheetsRead) {
     const std::string table = PhotometryCsv({row, {}});
     EXPECT_NE(table.find("\r\n\"M 31, \"\"deep\"\".fit\",2024-01-02,35,"), std::string::npos);
     EXPECT_NE(table.find(",57.2957795,-28.6478898,1234567.12,,9.25,"), std::string::npos) << table;
-    // Outside quotes every row has the columns of the first.
+    // Counting commas outside quotes, every row has as many columns as the first.
     bool quoted = false;
     std::vector<int> commas(1);
     for (const char c : table) {

@@ -1,4 +1,4 @@
-// Quads: their shape, the tables and their file, and the search, against plain procedures and a sky
+// Quads: their shape, the tables, the file and the search, compared with plain procedures on a sky
 // made here.
 
 #include <gtest/gtest.h>
@@ -256,7 +256,7 @@ class QuadSkyTest : public testing::Test {
         return SearchQuads(State, Port, State.PlateStars, fieldWidth, fieldHeight, 2, judge);
     }
 
-    /// How far the centre found is from the frame's, pixels.
+    /// Distance of the found centre from the frame's, pixels.
     double CentreError() const {
         const auto place = SkyToFrame(Frame(), State.QuadMatch.Centre);
         return place ? std::hypot(place->X - (frameWidth - 1) / 2.0,
@@ -293,7 +293,7 @@ TEST_F(QuadSkyTest, SearchFindsTheFrameHoweverItLies) {
     }
 }
 
-/// What a lookup shows until a plate lies within two pixels of a frame's centre.
+/// Counts what a lookup produces until a plate lies within two pixels of a frame's centre.
 struct LookupOutcome {
     bool Found = false;
     int Shown = 0;
@@ -378,7 +378,7 @@ TEST_F(QuadSkyTest, RandomStarsAreNeverSure) {
     for (int trial = 0; trial < 600; ++trial) {
         State.PlateStars.Clear();
         for (int i = 0; i < 60; ++i) {
-            // Every second list crowds around a place, as false stars in a nebula do.
+            // The stars of every second list crowd around one place, like false stars in a nebula.
             State.PlateStars.Add(
                 trial % 2 == 0 ? At(random.Between(0, frameWidth), random.Between(0, frameHeight))
                                : At(700 + random.Normal(50), 300 + random.Normal(50)));
@@ -398,7 +398,7 @@ TEST_F(QuadSkyTest, TheLastQuadOfTheTableIsNotUsed) {
         return Search([](const QuadSearch& search) { return IsSure(search); });
     };
     EXPECT_FALSE(solves({}));
-    // Halving finds a quad that solves the frame, alone in the table but for the last one.
+    // Bisection finds a single quad that solves the frame; the table holds it and a last one.
     std::vector<Four> some = List().Quads;
     std::sort(some.begin(), some.end(), [](const Four& a, const Four& b) {
         const auto key = [](const Four& quad) {
@@ -450,7 +450,7 @@ TEST_F(QuadSkyTest, TablesDoNotDependOnThreadsAndSurviveTheirFileOrAreRefused) {
     EXPECT_TRUE(finds());
     EXPECT_LT(State.Quads.Tables.BytesRead(), bytes.size());
 
-    // A wrong byte is found by who reads everything. A search does not come to it, or ends with it.
+    // A full check finds any wrong byte. A search either does not read it or ends with an error.
     Random random(4);
     int refused = 0;
     for (int trial = 0; trial < 600; ++trial) {
@@ -472,7 +472,7 @@ TEST_F(QuadSkyTest, TablesDoNotDependOnThreadsAndSurviveTheirFileOrAreRefused) {
         if (!cut) WriteFile(path, std::string(bytes.size(), 'x'));
         EXPECT_FALSE(finds());
     }
-    // Tables as older versions made them.
+    // Tables in the format of older versions.
     bytes[8] = 1;
     WriteFile(path, bytes);
     EXPECT_FALSE(LoadQuadTables(State, 0.04, 0.03));
@@ -480,7 +480,7 @@ TEST_F(QuadSkyTest, TablesDoNotDependOnThreadsAndSurviveTheirFileOrAreRefused) {
               std::string::npos);
 }
 
-/// Stars anywhere in a frame of 500 x 400 pixels, their flux falling.
+/// Random stars in a frame of 500 x 400 pixels, brightest first.
 PlateStarList Scattered(int count, Random& random) {
     PlateStarList list;
     for (int i = 0; i < count; ++i) {
@@ -517,7 +517,7 @@ TEST(Confidence, ChanceGivesALikelihoodRatioNoMoreOftenThanItsInverse) {
     for (int trial = 0; trial < trials; ++trial) {
         PlateStarList catalog = Scattered(40, random);
         PlateStarList image = Scattered(40, random);
-        // A third of the images is clumped; so is the catalog of half of these.
+        // A third of the images is clumped, and half of these have a clumped catalog too.
         for (int i = 3; trial % 3 == 0 && i <= 25; ++i) {
             image[i] = At(random.Between(200, 260), random.Between(150, 210));
             if (trial % 2 == 0) catalog[i] = At(random.Between(200, 260), random.Between(150, 210));
@@ -541,14 +541,14 @@ TEST(Confidence, ChanceGivesALikelihoodRatioNoMoreOftenThanItsInverse) {
         EXPECT_LT(above[k], bound + 3 * std::sqrt(bound)) << k;
     }
     EXPECT_GT(above[0], 0);
-    // The plate learns from stars met by chance and meets a few more.
+    // The plate is refined with stars matched by chance, and then matches a few more.
     EXPECT_GT(matched / expected, 0.9);
     EXPECT_LT(matched / expected, 1.3);
 }
 
 TEST(Confidence, IsTheSameInAMirror) {
     Random random(8);
-    constexpr float stretch = 0.97F;  // of the columns, as no lens does it
+    constexpr float stretch = 0.97F;  // of the columns, more than any lens has
     for (int trial = 0; trial < 10; ++trial) {
         const PlateStarList catalog = Scattered(40, random);
         PlateStarList image = catalog;
@@ -577,7 +577,7 @@ TEST(Confidence, OfARightPlateIsSureFromFewStarsAndPaysForWhatWasTried) {
             star.X += static_cast<float>(random.Between(-0.5, 0.5));
             star.Y += static_cast<float>(random.Between(-0.5, 0.5));
         }
-        // Every second star is in one list only: another one stands at its place in the other.
+        // Every second star is in one list only: the other list has a star elsewhere instead.
         for (std::size_t i = 2; i <= 40; i += 2) image[i] = Scattered(1, random)[1];
         const auto judge = [&](double tried) {
             MatchEvidence evidence = Through(1, 9, catalog, image);
@@ -588,7 +588,7 @@ TEST(Confidence, OfARightPlateIsSureFromFewStarsAndPaysForWhatWasTried) {
         EXPECT_TRUE(IsSure(once)) << once.Log10FalseAlarm;
         EXPECT_GE(once.Matched, 16);
         EXPECT_LE(once.Matched, 26);
-        // A search that has been charged for more looks for better seeds, never for cheaper ones.
+        // A search with more trials selects better seeds, never ones that cost less.
         const MatchConfidence often = judge(1e6);
         EXPECT_NEAR(often.Log10Trials - once.Log10Trials,
                     Log10TrialsCharge(1e6) - Log10TrialsCharge(1), 1e-9);
@@ -598,7 +598,7 @@ TEST(Confidence, OfARightPlateIsSureFromFewStarsAndPaysForWhatWasTried) {
                         1e-9);
         }
 
-        // Two pairs agree with any plate, and three are no match either.
+        // Two pairs agree with any plate, and three are not enough for a match.
         catalog.Resize(3);
         image = catalog;
         const PlateStarList others = Scattered(20, random);

@@ -1,4 +1,4 @@
-// A telescope without a mount, which does as it is told and remembers what was asked of it.
+// A telescope driver without a mount: it follows a script and records its calls.
 #pragma once
 
 #include <condition_variable>
@@ -18,13 +18,14 @@ struct TelescopeScript {
     std::vector<std::string> Offered;
     double SentHours = 0;
     double SentDegrees = 0;
-    std::string Complaint = "the cat is on the \x1bmount";  ///< of the calls that fail
+    std::string Complaint = "the cat is on the \x1bmount";  ///< the error text of calls that fail
 
     std::vector<std::string> Calls() {
         const std::lock_guard lock(Lock);
         return Made;
     }
-    /// What happens from now on: the calls that fail and hang, and where it points.
+    /// Sets which call fails and which hangs from now on, and where the mount points (hours,
+    /// degrees).
     void Set(std::string fails, std::string hangs, double hours = 1, double degrees = 2) {
         const std::lock_guard lock(Lock);
         Made.clear();
@@ -32,9 +33,10 @@ struct TelescopeScript {
         Hangs = std::move(hangs);
         Hours = hours;
         Degrees = degrees;
-        Changed.notify_all();  // those that hung go on
+        Changed.notify_all();  // calls that hung continue
     }
-    /// Waits until all drivers have been destroyed, those too that were still being created.
+    /// Waits up to 10 s until all drivers have been destroyed, also those that were still being
+    /// created. @return whether they have been
     bool WaitForTheLast() {
         std::unique_lock lock(Lock);
         return Changed.wait_for(lock, std::chrono::seconds(10), [&] { return Living == 0; });

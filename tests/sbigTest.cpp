@@ -1,4 +1,4 @@
-// Reading SBIG files, against an encoder of the test's own.
+// Reading SBIG files that an encoder in this test has written.
 
 #include <gtest/gtest.h>
 
@@ -30,7 +30,7 @@ std::string Two(int value) {
     return {static_cast<char>(value & 255), static_cast<char>(value >> 8 & 255)};
 }
 
-/// A row as a camera writes it: raw where the deltas would need more bytes.
+/// A row as a camera writes it: raw when deltas would need more bytes.
 std::string Row(const std::vector<int>& values) {
     std::string raw;
     std::string deltas;
@@ -132,10 +132,10 @@ TEST(Sbig, RowsByHand) {
               "SBIG Reading Error: Unable to read SBIG file. Incorrect number of bytes in line 1");
     ASSERT_TRUE(read(2, std::string("\x05\0\0\x10\x80\x34\x12", 7)));
     EXPECT_EQ((std::vector<int>{stored(0), stored(1)}), (std::vector<int>{4096, 4660}));
-    // As long as a raw row, it is one, whatever the first line says.
+    // A row with the length of a raw row is raw, whatever the first line of the header says.
     ASSERT_TRUE(read(2, std::string("\x04\0\xFF\xFF\x80\0", 6)));
     EXPECT_EQ((std::vector<int>{stored(0), stored(1)}), (std::vector<int>{65535, 128}));
-    // Sums of deltas are not held within 16 bits.
+    // Sums of deltas are not limited to 16 bits.
     ASSERT_TRUE(read(4, std::string("\x05\0\xFF\xFF\x7F\x7F\x7F", 7)));
     EXPECT_EQ(stored(3), 65535 + 3 * 127);
     ASSERT_TRUE(read(3, std::string("\x04\0\0\0\x81\xFF", 6)));
@@ -145,7 +145,8 @@ TEST(Sbig, RowsByHand) {
     EXPECT_EQ(stored(3), 65535 + 2 * 127);
     EXPECT_FALSE(read(4, std::string("\x05\0\xFF\xFF\x7F", 5)));
     EXPECT_EQ(reader.Complaint, general);
-    // More bytes than a count can say are read before they are found to be too many.
+    // The bytes of a row can exceed what its 16-bit length can state; they are read before this is
+    // noticed.
     std::string escapes = Two(65535) + Two(1);
     for (int x = 1; x < 32767; ++x) escapes += "\x80" + Two(x);
     EXPECT_FALSE(read(32767, escapes));

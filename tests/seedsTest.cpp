@@ -1,5 +1,5 @@
-// What the search plan is made of: peaks of difficult images, plates from seeds and how sure they
-// are, and the camera's plane.
+// The parts of the search plan: peaks of difficult images, plates from seeds and how sure they are,
+// and the camera's plane.
 
 #include <gtest/gtest.h>
 
@@ -71,7 +71,7 @@ class SeededField : public testing::Test {
         return settings;
     }
 
-    /// The surest plate of all that are confirmed, and how far off it puts a corner, pixels.
+    /// The surest of all confirmed plates, and its error in a corner, pixels.
     struct Outcome {
         double Log10FalseAlarm = 0;
         double CornerError = INFINITY;
@@ -173,7 +173,7 @@ TEST_F(SeededField, PlatesTriedAreThoseWithALengthInRangeThatWereNotTriedBefore)
     }
 }
 
-/// Whether the catalog's stars speak for a plate, with a plain search for each of them.
+/// Whether catalog stars confirm a plate, by a plain search for each of them.
 bool SpeaksFor(const PlateConstants& plate, const PlateStarList& catalog, const ImageStars& image,
                double tolerance) {
     std::set<int> met;
@@ -207,7 +207,7 @@ bool SpeaksFor(const PlateConstants& plate, const PlateStarList& catalog, const 
 
 TEST_F(SeededField, PlatesShownAreThoseThatAPlainSearchFinds) {
     Random random(50);
-    // Crowded, so that chance confirms many; with stars at the very edges.
+    // Crowded, so that chance confirms many plates; with stars exactly at the edges.
     Make(random, 150, 60, 40, true);
     for (const auto& [x, y] : {std::pair(-0.45, -0.45), std::pair(columns - 0.55, rows - 0.55),
                                std::pair(0.0, rows / 2.0), std::pair(columns - 0.6, 3.0)}) {
@@ -324,7 +324,7 @@ TEST(Peaks, AreTheStarsInANebulaWithoutHotPixelsRowsAndLowerSummits) {
         const PlateStar& star = stars.back();
         AddStar(image, double{star.X}, double{star.Y}, double{star.Flux}, 1.6);
     }
-    // The brightest is saturated: a flat top, no second summit on it.
+    // The brightest star is saturated: it has a flat top, which must not give a second peak.
     for (int y = 0; y < rows; ++y) {
         for (int x = 0; x < columns; ++x) image.Pixels(x, y) = std::min(image.Pixels(x, y), 4000);
     }
@@ -335,7 +335,7 @@ TEST(Peaks, AreTheStarsInANebulaWithoutHotPixelsRowsAndLowerSummits) {
         settings.Binning = binning;
         const PlateStarList found = StarListOf(StarsAmong(FindPeaks(image, settings), image));
         for (const PlateStar& star : stars) {
-            // Binned, the nebula is steep within a cell of the noise.
+            // After binning, the nebula is too steep within one cell of the noise map.
             if (binning > 1 && std::hypot(star.X - 300, star.Y - 400) < 300) continue;
             double nearest = INFINITY;
             for (const PlateStar& peak : found) {
@@ -353,7 +353,7 @@ TEST(Peaks, SpreadEvenlyComeFromEveryPartFirst) {
     Random random(46);
     PlateStarList stars;
     for (int i = 0; i < 300; ++i) {
-        // Most of the bright ones crowd in a corner.
+        // Most of the bright stars crowd in a corner.
         stars.Add(i % 4 != 0 ? At(random.Between(0, 60), random.Between(0, 60), 1000 - i)
                              : At(random.Between(0, columns), random.Between(0, rows), 1000 - i));
     }
@@ -404,7 +404,7 @@ TEST(Peaks, OfANegativeAreThoseOfThePicture) {
         };
         EXPECT_TRUE(std::any_of(turned.begin(), turned.end(), same)) << i;
     }
-    // Hills before the sky are dark, but no stars.
+    // Hills in front of the sky are dark, but not stars.
     turnOver();
     for (int y = 0; y < rows / 3; ++y) {
         for (int x = 0; x < columns; ++x) image.Pixels(x, y) = 20;
@@ -425,7 +425,7 @@ TEST(SearchPlan, EndsWithinItsTimeLimitAndWhenItIsStopped) {
     for (int i = 0; i < 60; ++i) {
         request.Stars->Add(At(random.Between(0, columns), random.Between(0, rows), 1000 - i));
     }
-    // Far more regions than can be looked at.
+    // Far more regions than the time allows.
     request.Around = {{{1, 0.5}, 0.02, 0.015, 2'000'000'000}};
     request.Everywhere = true;
     request.TimeLimit = 0.2;

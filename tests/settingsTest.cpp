@@ -1,4 +1,4 @@
-// The settings: their file byte by byte, and what start-up makes of any file.
+// The settings: their file byte by byte, and how start-up treats any file.
 
 #include <gtest/gtest.h>
 #ifndef _WIN32
@@ -29,7 +29,7 @@ namespace {
 const std::string outOfDate =
     "Vestrel: The parameter file Vestrel.ini is out of date.  This program is creating a new one.";
 
-/// A number's bytes, little-endian as this machine is.
+/// The bytes of a number, little-endian like this machine.
 template <typename Number>
 std::string Little(Number number) {
     const auto bytes = std::bit_cast<std::array<char, sizeof number>>(number);
@@ -120,7 +120,7 @@ TEST_F(Settings, OnlyAWholeFileOfThisStampIsRead) {
         EXPECT_EQ(Messages->Messages, std::vector<std::string>{outOfDate});
         EXPECT_TRUE(HasDefaults());
     }
-    // The next save makes the file good again, and the message goes.
+    // The next save repairs the file, and the message disappears.
     ASSERT_TRUE(SaveSettings(State));
     Restart();
     EXPECT_TRUE(State.HaveConfig && Messages->Messages.empty() && HasDefaults());
@@ -146,7 +146,7 @@ TEST_F(Settings, SizesGoThroughTheInputsInTwoDecimals) {
     EXPECT_TRUE(HasDefaults() && Messages->Messages.empty() && !State.HaveConfig);
     EXPECT_EQ(State.Inputs.SizeX + State.Inputs.Units, "20arcminutes");
     State.Inputs = {"12.3456", " 0.125 ", "degrees"};
-    // A decimal comma changes nothing, where such a locale is installed.
+    // A locale with a decimal comma changes nothing (where one is installed).
     std::setlocale(LC_ALL, "de_DE.UTF-8");
     ASSERT_TRUE(SaveSettings(State));
     Restart();
@@ -156,7 +156,7 @@ TEST_F(Settings, SizesGoThroughTheInputsInTwoDecimals) {
     EXPECT_EQ(State.Parameters.SizeUnit, 1);
     EXPECT_EQ(State.Inputs.SizeX + " " + State.Inputs.SizeY + State.Inputs.Units,
               "12.35 0.12degrees");
-    // A size that no file may hold would cost the user all settings at the next start.
+    // A size that the file may not hold would make the next start discard all settings.
     State.Inputs.SizeX = "1E999";
     ASSERT_TRUE(SaveSettings(State));
     Restart();
@@ -167,7 +167,7 @@ TEST_F(Settings, SizesGoThroughTheInputsInTwoDecimals) {
 TEST_F(Settings, SavingReplacesTheFileWholeOrNotAtAll) {
     const std::string old = FileByHand("old", "old");
     Start(old);
-    // Whoever has the old file open goes on reading the old one.
+    // A reader that has the old file open continues to read the old content.
     FileHandle reader = OpenFile(File, "rb");
     std::string seen(614, '\0');
     const auto read = [&] {
@@ -176,7 +176,7 @@ TEST_F(Settings, SavingReplacesTheFileWholeOrNotAtAll) {
     };
     State.Parameters.MaxStars = 7;
 #ifdef _WIN32
-    // A file cannot be replaced meanwhile, so that saving waits for the reader to end.
+    // An open file cannot be replaced on Windows, so saving waits until the reader has closed it.
     std::jthread other([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         read();
@@ -212,7 +212,7 @@ TEST_F(Settings, SavingReplacesTheFileWholeOrNotAtAll) {
     SetVariable("VESTREL_SETTINGS", File);
     EXPECT_TRUE(SaveSettings(State));
     EXPECT_EQ(ReadFile(waiting), "precious");
-    // What killed writers of this file left goes with the next write, and nothing else.
+    // The next write removes what killed writers of this file left behind, and nothing else.
     std::filesystem::remove(waiting);
     const std::string dead = ".999999999.0.tmp";
     const std::string kept[] = {"Other.ini" + dead, "Vestrel.ini.999999999.tmp",
@@ -225,7 +225,7 @@ TEST_F(Settings, SavingReplacesTheFileWholeOrNotAtAll) {
     for (const std::string& name : kept)
         EXPECT_TRUE(std::filesystem::exists(Folder / name)) << name;
 #ifndef _WIN32
-    // On a folder that machines share the number may be that of a live process elsewhere.
+    // In a folder shared between machines, the number may belong to a live process on another one.
     WriteFile(Folder / ("Vestrel.ini" + dead), "");
     const int held = open((Folder / ("Vestrel.ini" + dead)).c_str(), O_RDONLY | O_CLOEXEC);
     EXPECT_EQ(flock(held, LOCK_EX), 0);
@@ -233,7 +233,7 @@ TEST_F(Settings, SavingReplacesTheFileWholeOrNotAtAll) {
     EXPECT_TRUE(std::filesystem::exists(Folder / ("Vestrel.ini" + dead)));
     close(held);
 #endif
-    // A missing folder is made; a name of the greatest length leaves room for nothing more.
+    // A missing folder is created; a name of the greatest length leaves no room for a suffix.
     const auto longest = Folder / "new/deep" / std::string(255, 'n');
     SetVariable("VESTREL_SETTINGS", longest);
     EXPECT_TRUE(SaveSettings(State));
@@ -254,7 +254,7 @@ TEST(SettingsPlace, IsTheUsersApplicationData) {
     const std::filesystem::path data = _wgetenv(L"APPDATA");
     EXPECT_EQ(SettingsFilePath(), data / "Vestrel" / "Vestrel.ini");
     EXPECT_EQ(RecentImagesFilePath(), data / "Vestrel" / "recent-images");
-    // On a memory stick both stay on it.
+    // With the program on a memory stick, the settings stay there too.
     WriteFile(ProgramFolder() / "Vestrel.ini", "");
     EXPECT_EQ(SettingsFilePath(), ProgramFolder() / "Vestrel.ini");
     EXPECT_EQ(RecentImagesFilePath(), ProgramFolder() / "recent-images");

@@ -1,5 +1,5 @@
-// The sky model: there and back, its fit to stars of which some are wrong, the errors that it
-// claims, and the plates that it replaces.
+// The sky model: conversion in both directions, its fit to stars of which some are wrong, the
+// errors that it states, and the plates that it replaces.
 
 #include <gtest/gtest.h>
 
@@ -24,7 +24,7 @@ SkyPosition PlaceNumber(Random& random, int number) {
     return {random.Between(0, 2 * pi), std::asin(random.Between(-1, 1))};
 }
 
-/// A photograph by a lens that moves the corners by `corner` pixels; its axis may stand off the
+/// A photograph through a lens that moves the corners by `corner` pixels; its axis may lie off the
 /// image centre.
 SkyModel RandomModel(Random& random, int number, double arcsecondsPerPixel, double corner,
                      double offAxis = 0.1) {
@@ -62,7 +62,7 @@ std::vector<PixelPoint> Corners(const SkyModel& model) {
     return {{-0.5, -0.5}, {right, -0.5}, {-0.5, last}, {right, last}};
 }
 
-/// A frame of stars and the catalog of its place; which star is which is known.
+/// A frame of stars and the catalog of its place; the true pairs are known.
 struct Stars {
     std::vector<SkyPosition> Catalog;
     std::vector<PixelPoint> Plate;
@@ -74,8 +74,9 @@ struct Stars {
     }
 };
 
-/// Every fifth star of the picture is in no catalog, every fifth one of the catalog not seen. The
-/// start is what a flat plate through the middle would have matched, and two wrong pairs.
+/// Every fifth star of the picture is in no catalog, and every fifth catalog star is not in the
+/// picture. The start has the pairs that a flat plate through the middle would match, and two wrong
+/// ones.
 Stars MakeStars(Random& random, const SkyModel& model, int count, double noise,
                 double rightPart = 1) {
     Stars stars;
@@ -143,7 +144,7 @@ TEST(SkyModel, TheFTestIsRightAsOftenAsItSays) {
                 points.push_back({{random.Between(0, 999), random.Between(0, 799)},
                                   {random.Normal(1e-4), random.Normal(1e-4)}});
             }
-            // Noise about a plane: the pixels as they would be, east being right.
+            // Pixels with noise about a plane, east to the right.
             for (SkyPoint& point : points) {
                 point.Sky.Ra += (point.Pixel.X - 499.5) * 1e-3;
                 point.Sky.Dec += (point.Pixel.Y - 399.5) * 1e-3;
@@ -238,7 +239,7 @@ TEST(SkyMatch, CornersAreTrueWhateverTheLensAndErrorsAreAsClaimed) {
             return std::atan2(parity * one.Cd[1][0] - one.Cd[0][1],
                               parity * one.Cd[0][0] + one.Cd[1][1]);
         };
-        // At a pole the rotation is that of the meridian too.
+        // At a pole the rotation also depends on the meridian.
         if (std::fabs(truth.Tangent.Dec) < 1.5) {
             const double turn = std::remainder(turnOf(model) - turnOf(truth), 2 * pi);
             turns += std::pow(turn / solution->Fit.RotationSigma, 2);
@@ -261,7 +262,7 @@ TEST(SkyMatch, CornersAreTrueWhateverTheLensAndErrorsAreAsClaimed) {
     }
     EXPECT_EQ(solved, trials);
     EXPECT_LT(wrongPairs, pairs / 200);
-    // The corners' claim is that of the worst one.
+    // The error stated for the corners is that of the worst one.
     EXPECT_GT(std::sqrt(corners / solved), 0.5);
     EXPECT_LT(std::sqrt(corners / solved), 1.2);
     EXPECT_NEAR(std::sqrt(centres / solved), 1, 0.25);
@@ -336,7 +337,7 @@ TEST(SkyMatch, StarsOfAnotherPlaceGiveNoModelAndNoCrash) {
     const Stars others = MakeStars(random, RandomModel(random, 3, 5, 0), 60, 0.1);
     Stars mixed = stars;
     mixed.Plate = others.Plate;
-    // It may find an accidental plate through a few stars, but never many.
+    // It may find a chance plate through a few stars, but never through many.
     const auto accident = mixed.Match(model);
     EXPECT_LT(accident ? accident->Pairs.size() : 0, 25U);
     mixed.Catalog.clear();

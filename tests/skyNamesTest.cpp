@@ -1,4 +1,4 @@
-// Names on pictures and in inputs: labels, tables of objects, positions as people copy them.
+// Names in pictures and inputs: labels, tables of objects, positions as people copy them.
 
 #include <gtest/gtest.h>
 
@@ -27,7 +27,7 @@ TEST(Labels, NeverCoverEachOtherOrAMarkAndTheWorthiestComeFirst) {
         wishes.push_back({at, 9, random.Between(20, 140), 12, i % 50 == 0});
         marks.push_back({at.X - 6, at.Y - 6, 12, 12});
     }
-    // A label in a place of its own would cover its mark.
+    // A label that must stand exactly at its place would cover its mark, so its mark lies outside.
     for (std::size_t i = 0; i < wishes.size(); i += 50) marks[i] = {-100, -100, 1, 1};
     const auto placed = PlaceLabels(wishes, marks, 1000, 600);
     ASSERT_EQ(placed.size(), wishes.size());
@@ -48,7 +48,8 @@ TEST(Labels, NeverCoverEachOtherOrAMarkAndTheWorthiestComeFirst) {
         for (std::size_t k = 0; k < i; ++k) EXPECT_FALSE(placed[k] && placed[k]->Overlaps(box));
     }
     EXPECT_GT(count, 100);
-    // One that has no room alone has none among others; the first has all the room there is.
+    // A label that does not fit alone does not fit among others; the first label is placed as if
+    // alone.
     const auto alone = PlaceLabels({wishes[1]}, {}, 1000, 600);
     EXPECT_EQ(alone[0].has_value(),
               PlaceLabels({wishes[1], wishes[1]}, {}, 1000, 600)[0].has_value());
@@ -175,7 +176,7 @@ TEST(Residuals, HistogramAndMagnificationHoldForAnyLengths) {
             tooLong += std::hypot(one.Dx, one.Dy) * times > 2000.0 / 12 * 1.001 ? 1 : 0;
         }
         EXPECT_LE(tooLong, 6);
-        // A round number, and not needlessly small.
+        // A round number that is not needlessly small.
         const double mantissa = times / std::pow(10, std::floor(std::log10(times) + 1e-9));
         EXPECT_TRUE(std::min({std::fabs(mantissa - 1), std::fabs(mantissa - 2),
                               std::fabs(mantissa - 5)}) < 1e-6);

@@ -30,7 +30,7 @@ std::vector<CatalogStar> MakeSky(const std::filesystem::path& catalog,
     std::vector<double> pixels(side * side);
     for (double& pixel : pixels) pixel = 300 + random.Normal(2);
     for (int star = 0; star < 60; ++star) {
-        const double xi = random.Between(-280, 280);  // grows to the west
+        const double xi = random.Between(-280, 280);  // increases to the west
         const double eta = random.Between(-280, 280);
         const double magnitude = random.Between(12, 15);
         const auto [ra, dec] = plane.PlaneToSky(xi, eta);

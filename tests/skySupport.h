@@ -1,4 +1,4 @@
-// A small synthetic sky: a catalog, a frame of it, and its quads.
+// A small synthetic sky: a catalog, a frame of it, and its quad tables.
 #pragma once
 
 #include <filesystem>
@@ -17,13 +17,13 @@ inline const SkyPosition centre{0.02, 0.01};  // radians
 /// in.
 void WriteCatalog(const std::filesystem::path& catalog, const std::vector<CatalogStar>& stars);
 
-/// A field of stars as a catalog and as a frame, the frame's row 0 to the south.
+/// Writes a field of stars as a catalog and as a frame. Row 0 of the frame is in the south.
 /// @return the stars, brightest first
 std::vector<CatalogStar> MakeSky(const std::filesystem::path& catalog,
                                  const std::filesystem::path& frame);
 
-/// Adds quad tables for fields of a range of diagonals (radians) to a catalog. They hold the `most`
-/// first of the stars: every one with three of the six brightest.
+/// Adds quad tables for fields of a range of diagonals (radians) to a catalog. They hold the first
+/// `most` stars, each combined with three of the six brightest.
 void WriteQuadTables(const std::filesystem::path& catalog, std::vector<CatalogStar> stars,
                      std::size_t most, double smallest = 0, double largest = 10);
 

@@ -80,7 +80,7 @@ TEST_F(Windows, ASolveByHandShowsItsResult) {
     Choose("Write World Coordinates");
     EXPECT_TRUE(ReadFile(Folder / "frame.wcs").starts_with("SIMPLE"));
 
-    // What was typed and opened is there again at the next start.
+    // The typed and opened items return at the next start.
     Type("txtYsize", "12.3456");
     Press("cmdUnits");
     Window->close();
@@ -107,7 +107,7 @@ TEST_F(Windows, StopAndCloseEndASearchBetweenTwoRegions) {
     };
     const std::vector<std::function<void()>> stops = {
         [this] {
-            Choose("About");  // must not hold the solve up
+            Choose("About");  // must not delay the solve
             Press("cmdStop");
         },
         [this] { QTest::keyClick(Window.get(), Qt::Key_Escape); },
@@ -147,7 +147,7 @@ TEST_F(Windows, MoraIsThereWithItsTablesAndTellsWhatItDoes) {
     EXPECT_TRUE(mora->isVisible() && mora->isEnabled() && entry->isVisible());
 
     TypeSearch("60 00 00");
-    int early = 0;  // lines that were there before the last ones
+    int early = 0;  // lines that were shown before the last ones
     bool startable = false;
     QTimer watch;
     QObject::connect(&watch, &QTimer::timeout, [&] {
@@ -190,7 +190,7 @@ TEST_F(Windows, MoraIsThereWithItsTablesAndTellsWhatItDoes) {
 }
 
 TEST_F(Windows, AnUnattendedRunLeavesItsFileAndCloses) {
-    // The console's road to the same result.
+    // The same through the console's port.
     ProgramState console;
     RecordingPort port(console);
     console.Catalog.Folder = Folder / "catalog";
@@ -248,7 +248,8 @@ TEST_F(Windows, EveryUnattendedFailureHasItsMessagesFileAndExitCode) {
         Dialogs.Messages.clear();
         Window->StartUnattended(one.Parameters);
         EXPECT_EQ(Dialogs.Messages, one.Messages);
-        EXPECT_EQ(Window->isVisible(), one.Exit != ExitCode::Usage);  // else without a countdown
+        EXPECT_EQ(Window->isVisible(), one.Exit != ExitCode::Usage);  // a usage error ends without
+                                                                      // a countdown
         EXPECT_TRUE(WaitUntilClosed());
         EXPECT_EQ(Window->EndsWith(), one.Exit);
         std::string expected = one.File;
@@ -264,7 +265,7 @@ TEST_F(Windows, EveryUnattendedFailureHasItsMessagesFileAndExitCode) {
     Open();
     QTimer::singleShot(0, Window.get(), [this] { Window->close(); });
     Window->StartUnattended("2" + Parameters(Frame, "30000").substr(6));
-    EXPECT_FALSE(Window->isVisible());  // at once: the countdown is for those who watch
+    EXPECT_FALSE(Window->isVisible());  // at once: the countdown is for users who watch
     EXPECT_EQ(Window->EndsWith(), ExitCode::Stopped);
     EXPECT_TRUE(ResultFile().starts_with("1000,1000,-2\r\n"));
     EXPECT_TRUE(ResultFile().ends_with("\r\nVestrel was terminated by user\r\n"));
@@ -341,7 +342,7 @@ TEST_F(Windows, ParametersChangeWithOKOnly) {
     EXPECT_EQ(Dialogs.Messages,
               Texts{errorTitle + "Detection Threshold: \"six\" is not a number."});
     EXPECT_TRUE(dialog->isVisible());
-    EXPECT_EQ(State->Parameters.MinStarSize, 3);  // before the faulty one
+    EXPECT_EQ(State->Parameters.MinStarSize, 3);  // the box before the faulty one was stored
     EXPECT_EQ(State->Parameters.MaxStars, 8);
     QTest::mouseClick(dialog->findChild<QPushButton*>("cmdHelp"), Qt::LeftButton);
     ASSERT_NE(WindowNamed("fHelp"), nullptr);
@@ -365,7 +366,7 @@ TEST_F(Windows, HeaderAndImageAreShownAsTheyAre) {
     QWidget* image = WindowNamed("fImage");
     ASSERT_NE(image, nullptr);
     EXPECT_EQ(image->findChild<QLabel*>("lblImageSize")->text(), "300 X 300");
-    // Whatever shows texts from outside shows them as they are, and not as markup.
+    // Controls that show texts from outside show them literally, not as markup.
     const std::string marked = (Folder / "<b>&amp;<img src=x>.fit").string();
     std::filesystem::copy_file(Frame, marked);
     Window->OpenFile(marked);
@@ -384,7 +385,7 @@ TEST_F(Windows, HeaderAndImageAreShownAsTheyAre) {
     EXPECT_NE(image->grab().toImage(), before);
     EXPECT_EQ(Shown("lblStatus"), "Plate Match Found");
 
-    // A file that cannot be read leaves no image, nor anything of the one before.
+    // After a file that cannot be read there is no image, and nothing is left of the one before.
     const std::string broken = Frame + ".broken.fit";
     WriteFile(PathFromText(broken), "SIMPLE  =");
     Window->OpenFile(broken);
@@ -410,7 +411,8 @@ TEST_F(Windows, TheTelescopeIsAskedWithTheWindowAlive) {
     EXPECT_EQ(Utf8(Find<QLineEdit>("txtRA")->text()), FormatRA(centre.Ra, false, 2));
     EXPECT_EQ(Utf8(Find<QLineEdit>("txtDec")->text()), FormatDec(centre.Dec, false, 1));
     EXPECT_EQ(Shown("lblStatus"), "Telescope: position loaded");
-    // What is refused changes nothing, and however long the driver talks, not the window either.
+    // A refused command changes nothing, and a long message of the driver does not resize the
+    // window.
     QTest::keyClicks(Find<QLineEdit>("txtYsize"), "1");
     script->Set("ra", {});
     script->Complaint = std::string(1000, 'w');
@@ -423,7 +425,7 @@ TEST_F(Windows, TheTelescopeIsAskedWithTheWindowAlive) {
     QApplication::sendEvent(Find<QLabel>("lblStatus"), &help);
     EXPECT_TRUE(QToolTip::text().contains(QtText(script->Complaint)));
 
-    // It hangs: the clock goes on, and Stop Search or closing the window ends the wait.
+    // The driver hangs: the clock runs on, and Stop Search or closing the window ends the wait.
     const auto whileItHangs = [&](const std::function<void()>& action) {
         script->Set({}, "ra");
         const std::string before = Shown("lblClock");
@@ -447,7 +449,7 @@ TEST_F(Windows, TheTelescopeIsAskedWithTheWindowAlive) {
     whileItHangs([this] { Window->close(); });
     EXPECT_FALSE(Window->isVisible());
     EXPECT_EQ(Dialogs.Messages, Texts{});
-    // The drivers that hung come back when the program has gone.
+    // The drivers that hung return after the program has ended.
     Window.reset();
     State.reset();
     script->Set({}, {});

@@ -1,4 +1,4 @@
-// The solve driver on a small sky of its own.
+// The solve procedure on a small sky of its own.
 
 #include <gtest/gtest.h>
 
@@ -66,14 +66,14 @@ const SmallSky& Sky() {
     return sky;
 }
 
-// A camera at work: a program state with one image of the sky in it.
+// A program state with one image of the sky.
 struct Observation {
     ProgramState State;
     RecordingPort Port{State};
     SkyPosition True;  ///< of the image centre
 
-    /// The image centre lies (xi, eta) arcseconds from the middle of the sky. No more than `most`
-    /// stars, the brightest, are drawn.
+    /// The image centre lies (xi, eta) arcseconds from the middle of the sky. Only the `most`
+    /// brightest stars are drawn.
     Observation(double xi, double eta, std::size_t most = 100000, bool mirrored = false) {
         Projection plane;
         plane.SetProjectionCentre(skyCentre, SolveArcsecondsPerRadian);
@@ -171,7 +171,7 @@ TEST(SolvePlate, StoresWhatItFoundAndShowsIt) {
         EXPECT_EQ(found.RegionsSearched, 1);
         EXPECT_NEAR(found.MagnitudeZeroPoint, -24, 0.3);
 
-        // The header's solution takes every matched star to the place where it was seen.
+        // The solution in the header maps every matched star to the place where it was measured.
         const ImageHeader& header = state.Image.Header;
         EXPECT_TRUE(header.PlateMatched);
         EXPECT_EQ(header.PlateScale, 206264.81);
@@ -198,7 +198,8 @@ TEST(SolvePlate, StoresWhatItFoundAndShowsIt) {
 }
 
 TEST(SolvePlate, LimitCountsRegionsAndDiscardsTheMatchBeyondIt) {
-    // The image lies so that the ninth region, cell (1, 1), is the first one near enough.
+    // The image is placed so that the ninth region, cell (1, 1), is the first one near enough to
+    // match.
     const double place = 1.5 * spiralStep;
     Observation ninth(place, place);
     ASSERT_EQ(ninth.Solve(9), SolveCode::Solved);
@@ -222,7 +223,7 @@ TEST(SolvePlate, LimitCountsRegionsAndDiscardsTheMatchBeyondIt) {
     EXPECT_FALSE(eighth.State.Solution);
 
     for (const int limit : {-5, 0, 1, 2}) {
-        Observation beside(1.5 * spiralStep, 0);  // within reach of cell (1, 0) alone
+        Observation beside(1.5 * spiralStep, 0);  // only cell (1, 0) is near enough
         EXPECT_EQ(beside.Solve(limit), limit == 2 ? SolveCode::Solved : SolveCode::NoMatch);
         EXPECT_EQ(beside.State.Report.RegionsTried, std::max(limit, 1));
         EXPECT_EQ(Observation(0, 0).Solve(limit), SolveCode::Solved);
@@ -246,7 +247,7 @@ TEST(SolvePlate, StopIsSeenBetweenRegionsOnly) {
     there.Port.StopAtYield = 1;
     EXPECT_EQ(there.Solve(100), SolveCode::Solved) << "a match is not thrown away";
 
-    // Kernels that go on for more than a second are left.
+    // Kernels that take longer than a second are abandoned.
     struct SlowPort : RecordingPort {
         using RecordingPort::RecordingPort;
         void Yield() override {
@@ -265,7 +266,7 @@ TEST(SolvePlate, StopIsSeenBetweenRegionsOnly) {
     EXPECT_FALSE(slow.State.Image.Header.PlateMatched);
 }
 
-/// All that a search leaves behind.
+/// The complete results of a search.
 struct Outcome {
     SolveCode Code;
     Texts Statuses;
@@ -284,7 +285,7 @@ Outcome OutcomeOfSpiral(const TemporaryFolder& folder, double xi, int limit, int
     int asked = 0;
     PlateSearch search{skyCentre, plateWidth, plateHeight, limit, 2};
     search.Accept = [&](const PlateSolution& solution) {
-        // A search that goes on reads other cells meanwhile.
+        // A search that continues reads other cells meanwhile.
         at.State.Catalog.LoadRegion({skyCentre.Ra + 0.1 * ++asked, skyCentre.Dec}, 0.01);
         return solution.RegionsSearched >= acceptFrom;
     };

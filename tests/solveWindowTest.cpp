@@ -41,7 +41,8 @@ class SolveWindowLogic : public testing::Test {
         State.Inputs.SizeY = "12";
         State.Inputs.Regions = "2";
     }
-    /// Opens an image of grains that pass for stars, as there is no catalog to match them with.
+    /// Opens an image of small blobs that are taken for stars; there is no catalog to match them
+    /// with.
     void OpenGrains() {
         constexpr int width = 120;
         std::vector<double> pixels(width * width);
@@ -166,7 +167,7 @@ TEST_F(SolveWindowLogic, NothingElseStartsWhileSomethingRuns) {
     EXPECT_TRUE(Port.Dialogs.empty());
     EXPECT_EQ(Port.Statuses.back(), "No Match Found");
 
-    // Closing asks for a stop once, which ends the search between two regions.
+    // Closing requests a stop once; the search ends between two regions.
     State.Inputs.Regions = "1000000";
     bool closedAtOnce = true;
     Port.Meddle = [&] {
@@ -191,7 +192,7 @@ TEST_F(SolveWindowLogic, MoraStartsPlateMatchWhenItIsSureAndLeavesNoSolution) {
         return State.Display.Details.find(text) != std::string::npos;
     };
 
-    // A search that cannot begin takes nothing away.
+    // A search that cannot begin changes nothing.
     const double threshold = std::exchange(State.Parameters.DetectionThreshold, 1e6);
     MoraCommand(State, Port);
     EXPECT_EQ(State.Display.Status1.Text, "Insufficient Plate Stars");
@@ -247,7 +248,7 @@ TEST_F(SolveWindowLogic, ASolutionGoesWithItsImage) {
         return State.Solution && CommandsFor(State).Sync && !OverlaysOf(State).Matched.empty() &&
                !State.Display.Details.empty();
     };
-    // A file refused by its name leaves the image, and so all that goes with it.
+    // A file refused because of its name leaves the image and everything that belongs to it.
     ASSERT_TRUE(solve());
     const std::string details = State.Display.Details;
     WriteFile(Folder / "picture.bmp", "BM");
@@ -391,7 +392,7 @@ TEST(ParameterTexts, OKStoresInOrderUntilATextIsNoNumber) {
     EXPECT_EQ(StoreParameterTexts(state, port, good), std::nullopt);
     EXPECT_EQ(TextsOfParameters(state.Parameters), stored);
 
-    // Each box has its paragraph in the help.
+    // The help has a paragraph for each box.
     const std::string help = ParameterHelpText();
     EXPECT_EQ(std::count(help.begin(), help.end(), '\n'), 7);
     for (const ParameterBox& box : ParameterBoxes) {

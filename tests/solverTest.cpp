@@ -1,4 +1,4 @@
-// The solver as others embed it, on a small sky of its own.
+// The solver as other programs embed it, on a small sky of its own.
 
 #include "solver/solver.h"
 
@@ -18,7 +18,7 @@ namespace {
 
 constexpr double degreesPerRadian = 57.29577951308232;
 
-/// The frame of the small sky, its catalog, and its samples.
+/// The frame of the small sky, its catalog, and the frame's samples.
 class SmallSky {
  public:
     SmallSky() {
@@ -107,7 +107,7 @@ TEST(Solver, SameSkyHoweverThePictureComes) {
     ASSERT_TRUE(widened.Solved()) << widened.Reason;
     ExpectSameSky(*widened.Field, *file.Field, 1e-9);
 
-    // A negative, as charts and scans of plates are: the same stars, measured in another way.
+    // A negative, like charts and scans of plates: the same stars, measured by another method.
     std::vector<std::uint16_t> negative;
     for (const std::uint16_t sample : sky.Samples) {
         negative.push_back(static_cast<std::uint16_t>(20000 - sample));
@@ -131,7 +131,7 @@ TEST(Solver, SameSkyHoweverThePictureComes) {
 }
 
 TEST(Solver, RowsAreCountedAsTheFileHasThem) {
-    // The readers turn floating-point files over; who reads the file does not.
+    // Vestrel's readers turn floating-point files upside down; callers that pass samples do not.
     const SmallSky& sky = Sky();
     std::vector<double> values(sky.Samples.begin(), sky.Samples.end());
     const std::filesystem::path path = sky.Folder / "float.fit";
@@ -199,7 +199,7 @@ TEST(Solver, TellsWhyThereIsNoSolution) {
     SolverSettings threads;
     threads.Threads = -1;
     EXPECT_THROW(Solver{threads}, std::invalid_argument);
-    // What went wrong before leaves no trace.
+    // Earlier failures leave no trace.
     EXPECT_TRUE(solver.Solve(TextFromPath(sky.Frame), sky.Near).Solved());
 }
 

@@ -1,4 +1,4 @@
-// Files of stars as other programs have them, written without the code that reads them.
+// Star files in the formats of other programs, written without the code that reads them.
 #pragma once
 
 #include <cstring>
@@ -9,7 +9,7 @@
 
 namespace vestrel {
 
-/// A number's bytes, little-endian as this machine is.
+/// The bytes of a number, little-endian like this machine.
 template <typename Number>
 std::string LittleEndian(Number value) {
     std::string bytes(sizeof value, '\0');
@@ -21,7 +21,7 @@ std::string LittleEndian(Number value) {
 /// @param recordBytes 5 or 6
 std::string AstapFile(const std::vector<SkyStar>& stars, int recordBytes);
 
-/// A star, and milliarcseconds a year along the parallel and the meridian.
+/// A star and its proper motion, milliarcseconds a year along the parallel and the meridian.
 struct MovingStar {
     SkyStar Star;
     double MotionRa = 0;
@@ -29,8 +29,8 @@ struct MovingStar {
 };
 
 /// A star file of KStars in two parts of the sky, the first half of the stars in the first.
-/// @param deep in the short records of its deep files
-/// @param blueOnly deep: without visual magnitudes
+/// @param deep writes the short records of the deep files
+/// @param blueOnly with `deep`: without visual magnitudes
 std::string KStarsFile(const std::vector<MovingStar>& stars, bool deep, bool blueOnly = false);
 
 }  // namespace vestrel

@@ -1,6 +1,5 @@
-// A host of the real kind: solves through StellarSolver with the programs it is given.
-//   stellarSolverHost astap|local IMAGE SOLVER WCSINFO RA DEC WIDTH-ARCMIN
-// prints the solution as JSON.
+// A real host: solves through StellarSolver with the given programs. stellarSolverHost astap|local
+// IMAGE SOLVER WCSINFO RA DEC WIDTH-ARCMIN prints the solution as JSON.
 
 #include <stellarsolver.h>
 

@@ -19,11 +19,12 @@
 #include "tests/judge.h"
 #include "tests/testSupport.h"
 
-/// INDI's library is not built for the thread sanitizer, which cannot see how its threads agree.
+/// INDI's library is not built for the thread sanitizer, which therefore cannot see how its threads
+/// synchronize.
 extern "C" const char* __tsan_default_suppressions() {  // NOLINT(*-reserved-identifier)
     return "race:TcpSocketPrivate\n";
 }
-/// A device of INDI's library and its properties hold each other and outlive the client.
+/// In INDI's library a device and its properties own each other and outlive the client.
 extern "C" const char* __lsan_default_suppressions() {  // NOLINT(*-reserved-identifier)
     return "leak:libindiclient\n";
 }
@@ -54,7 +55,7 @@ bool Succeeds(const std::string& command) {
     return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
 }
 
-/// A server with a mount and a home of its own, which goes with the test however that ends.
+/// A server with a mount and a home folder of its own; it ends with the test, however that ends.
 class Server {
  public:
     Server(const std::filesystem::path& home, int port) {
@@ -107,7 +108,7 @@ class IndiTelescope : public testing::Test {
         const std::string address = "indi://localhost:" + std::to_string(Number) + "/" + device;
         setenv("VESTREL_TELESCOPE", address.c_str(), 1);
     }
-    /// Load, which is to end in time. @return whether it has loaded a position
+    /// Runs Load and requires that it ends in time. @return whether it has loaded a position
     bool Load() {
         State.Inputs.Ra.clear();
         Port.Messages.clear();
@@ -150,7 +151,7 @@ TEST_F(IndiTelescope, IsSyncedToTheSolvedCentreAndReadBack) {
         const double dec = ParseDec(State.Inputs.Dec);
         const double east =
             std::remainder(ParseRA(State.Inputs.Ra) - centre.Ra, TwoPi) * std::cos(dec);
-        // A mount that does not track is left behind by the sky.
+        // The sky moves on while the mount does not track.
         const double seconds = std::chrono::duration<double>(steady_clock::now() - start).count();
         worst = std::max(worst, std::hypot(east, dec - centre.Dec) * ArcsecondsPerRadian -
                                     15.05 * seconds * std::cos(dec));
@@ -158,14 +159,14 @@ TEST_F(IndiTelescope, IsSyncedToTheSolvedCentreAndReadBack) {
     RecordProperty("WorstArcsecondsBeyondDrift", std::to_string(worst));
     EXPECT_LT(worst, 1);
 
-    // A parked mount is to be left alone.
+    // A parked mount must not be synced.
     for (const std::string property : {"PARK_OPTION.PARK_CURRENT", "PARK.PARK"}) {
         ASSERT_TRUE(Succeeds("indi_setprop -p " + std::to_string(Number) +
                              " 'Telescope Simulator.TELESCOPE_" + property + "=On'"));
     }
     std::this_thread::sleep_for(milliseconds(1000));
     SyncTelescopeCommand(State, Port);
-    // It says why, and that is passed on.
+    // The driver's reason is shown.
     EXPECT_TRUE(State.Display.Status.Text.starts_with("Telescope: the mount refuses the sync (") &&
                 State.Display.Status.Text.find("unpark") != std::string::npos)
         << State.Display.Status.Text;
@@ -186,7 +187,7 @@ TEST_F(IndiTelescope, AServerThatDiesOrFallsSilentIsNoticedInTime) {
         const Server server(Folder.Path, Number);
         ASSERT_TRUE(Load()) << State.Display.Status.Text;
     }
-    std::this_thread::sleep_for(milliseconds(100));  // INDI's library has a race of its own here
+    std::this_thread::sleep_for(milliseconds(100));  // INDI's library itself has a race here
     EXPECT_FALSE(Load());
     EXPECT_EQ(State.Display.Status.Text, "Telescope: the INDI server has gone");
     const Server again(Folder.Path, Number);

@@ -1,4 +1,4 @@
-// Time, precession, and the telescope's commands with a driver that does its worst.
+// Time, precession, and the telescope's commands with a driver that fails in every way.
 
 #include <gtest/gtest.h>
 
@@ -42,7 +42,7 @@ class Telescope : public testing::Test {
         State.Inputs.Ra = "as typed";
         State.Inputs.Dec = "too";
     }
-    /// Load or Sync, by the driver's call that only it makes.
+    /// Runs Load or Sync, whichever makes this call to the driver.
     void Give(const std::string& call) {
         if (!State.Solution) State.Solution.emplace();  // at the vernal equinox
         if (call == "sync") {
@@ -192,7 +192,7 @@ TEST_F(Telescope, APositionThatCannotBeIsNotLoaded) {
         EXPECT_TRUE(Port.Statuses.back().starts_with("Telescope: no valid position: "));
         EXPECT_TRUE(State.TelescopeConnected);
     }
-    // Rounding is no fault.
+    // Values that are off by rounding are accepted.
     for (const auto& [hours, degrees] :
          std::vector<std::pair<double, double>>{{24, 0}, {-1e-9, 0}, {24.00001, 0}}) {
         Script->Set({}, {}, hours, degrees);
@@ -210,12 +210,12 @@ TEST_F(Telescope, ADriverThatHangsIsLeftInTimeAndDoesNoHarmLater) {
     constexpr milliseconds patient(60000);
     for (const std::string call : {"create", "connect", "ra", "dec", "sync"}) {
         const bool connects = call == "create" || call == "connect";
-        if (!connects) {  // what comes before the call that hangs may take its time
+        if (!connects) {  // the calls before the one that hangs may take longer
             State.TelescopePatience = {patient, patient};
             Give("sync");
             ASSERT_TRUE(State.TelescopeConnected);
         }
-        // Before two of them another call goes, under the same limit.
+        // Two of the calls follow another one under the same limit.
         const milliseconds impatient(call == "connect" || call == "dec" ? 2000 : 200);
         State.TelescopePatience = {connects ? impatient : patient, connects ? patient : impatient};
         Script->Set({}, call);
@@ -232,7 +232,7 @@ TEST_F(Telescope, ADriverThatHangsIsLeftInTimeAndDoesNoHarmLater) {
         Script->Set({}, {});
         EXPECT_TRUE(Script->WaitForTheLast()) << "the driver left alone after " << call;
     }
-    // The user does not want to wait, and meanwhile presses everything.
+    // The user does not want to wait and presses every button meanwhile.
     State.TelescopePatience = {patient, patient};
     Script->Set({}, "ra");
     Port.Messages.clear();

@@ -16,7 +16,7 @@ unsigned SeedOffset() {
     static std::atomic<unsigned> calls{0};
     const char* seed = std::getenv("VESTREL_TEST_SEED");
     if (seed == nullptr) return 0;
-    constexpr unsigned spread = 2654435761;  // neighbouring seeds share no cases
+    constexpr unsigned spread = 2654435761;  // so that neighbouring seeds share no cases
     return (static_cast<unsigned>(std::strtoul(seed, nullptr, 10)) + calls++) * spread;
 }
 
@@ -104,7 +104,7 @@ std::string ExifMaker::Block() const {
     const auto ratio = [&](int tag, double value) {
         return Entry{tag, 5, 1, number(std::llround(value * 1000), 4) + number(1000, 4)};
     };
-    // A directory and behind it the values that have more than four bytes.
+    // A directory, followed by the values of more than four bytes.
     const auto directory = [&](const std::vector<Entry>& entries, std::size_t start) {
         std::string heads = number(entries.size(), 2);
         std::string values;
@@ -195,7 +195,7 @@ void AddStar(PlateImage& image, double x, double y, double flux, double sigma) {
 }
 
 std::string Damaged(std::string bytes, std::uint32_t seed, std::size_t head) {
-    // The engine's own numbers: those of the distributions differ between libraries.
+    // Uses the engine's numbers directly, as distributions differ between standard libraries.
     std::mt19937 random(seed);
     for (std::uint32_t faults = random() % 4 + 1; faults > 0 && !bytes.empty(); --faults) {
         const std::size_t range = random() % 2 == 0 ? std::min(head, bytes.size()) : bytes.size();

@@ -18,7 +18,7 @@
 
 namespace vestrel {
 
-/// A folder of a test's own, removed at the end.
+/// A new folder for one test, removed at the end.
 class TemporaryFolder {
  public:
     TemporaryFolder();
@@ -38,14 +38,14 @@ std::string ReadFile(const std::filesystem::path& path);
 /// 80 characters.
 std::string FitsHeader(const std::vector<std::string>& cards);
 
-/// The cards of a plain image, and more after them.
+/// The cards of a plain image (SIMPLE, BITPIX, NAXIS, NAXIS1, NAXIS2), followed by `more`.
 std::vector<std::string> FitsCards(int bitPix, int width, int height,
                                    const std::vector<std::string>& more = {});
 
 /// Pixels as big-endian bytes: 8-bit unsigned, 16-bit signed or 32-bit floating-point.
 std::string FitsPixels(int bitPix, std::span<const double> values);
 
-/// An EXIF block of a camera that says all that cameras say of an exposure.
+/// An EXIF block with everything that cameras write about an exposure.
 struct ExifMaker {
     bool BigEndian = false;
     int Orientation = 1;
@@ -65,10 +65,10 @@ std::string WithExif(const std::string& jpeg, const std::string& block);
 void SetVariable(const char* name, const std::filesystem::path& value);
 void UnsetVariable(const char* name);
 
-/// The number of a process that runs and is not this one.
+/// The number of a running process other than this one.
 long OtherProcess();
 
-/// Sets how many threads the kernels use for as long as it lives.
+/// Sets the number of threads of the kernels during its lifetime.
 class ThreadsForNow {
  public:
     explicit ThreadsForNow(int threads);
@@ -80,14 +80,14 @@ class ThreadsForNow {
     std::optional<std::string> before_;
 };
 
-/// 0; but with $VESTREL_TEST_SEED a number that follows from it, another one at each call.
+/// 0, or with $VESTREL_TEST_SEED a number that depends on it and differs at each call.
 unsigned SeedOffset();
 
-/// Numbers that are the same in every run, unless $VESTREL_TEST_SEED asks for others.
+/// Random numbers that are the same in every run, unless $VESTREL_TEST_SEED selects others.
 class Random {
  public:
     explicit Random(unsigned seed) : engine_(seed + SeedOffset()) {}
-    /// Evenly spread over low..high.
+    /// Uniform over low..high.
     double Between(double low, double high) {
         return std::uniform_real_distribution<double>(low, high)(engine_);
     }
@@ -100,8 +100,8 @@ class Random {
     std::mt19937 engine_;
 };
 
-/// The sort of every list, written as plainly as it goes, to judge sorted results by: rising
-/// `keyOf` of elements 1..n.
+/// The comb sort in its plainest form, to compare sorted results with: elements 1..n by rising
+/// `keyOf`.
 template <typename List, typename KeyOf>
 void PlainCombSort(List& list, int n, KeyOf keyOf) {
     for (int gap = n / 2; gap != 0; gap = static_cast<int>(gap / 1.3)) {
@@ -117,11 +117,13 @@ void PlainCombSort(List& list, int n, KeyOf keyOf) {
 /// An image of zeros.
 PlateImage EmptyImage(int width, int height, int offset);
 
-/// Adds a round star, in whole counts, where it falls into the image.
+/// Adds a round Gaussian star, in whole counts, as far as it lies in the image. `x`, `y` and
+/// `sigma` are in pixels.
 void AddStar(PlateImage& image, double x, double y, double flux, double sigma);
 
 /// `bytes` with one to four seeded faults: changed, deleted, doubled, swapped or cut-off stretches.
-/// Half of them fall into the first `head` bytes. The same everywhere for the same seed.
+/// Half of them fall into the first `head` bytes. The result depends on the seed alone, not on the
+/// platform.
 std::string Damaged(std::string bytes, std::uint32_t seed, std::size_t head = 512);
 
 /// Records messages and status texts in their order; can ask for a stop.
@@ -142,7 +144,7 @@ class RecordingPort : public Port {
     std::vector<std::string> Messages;  ///< "title: text"
     std::vector<std::string> Statuses;  ///< each status line that was new
     std::vector<FileDialog> Dialogs;
-    std::optional<std::string> Answer;  ///< to every file dialog
+    std::optional<std::string> Answer;  ///< the answer to every file dialog
     int ImageChanges = 0;
     int LargestPercent = 0;
     int Yields = 0;
@@ -153,7 +155,7 @@ class RecordingPort : public Port {
     ProgramState& state_;
 };
 
-/// Does something at every yield.
+/// Calls `Meddle` at every yield.
 class MeddlingPort : public RecordingPort {
  public:
     using RecordingPort::RecordingPort;

@@ -1,11 +1,11 @@
-// Kernels as on any processor of the kind, although this one has more.
+// Runs the kernels without the vector instructions that only newer processors have.
 #pragma once
 
 #include "tests/testSupport.h"
 
 namespace vestrel {
 
-/// Keeps the kernels, when `plain`, from the vectors that only newer processors have.
+/// When `plain`, keeps the kernels from using AVX2 during its lifetime.
 class VectorsForNow {
  public:
     explicit VectorsForNow(bool plain) { SetVariable("VESTREL_VECTORS", plain ? "plain" : "best"); }

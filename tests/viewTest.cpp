@@ -1,4 +1,4 @@
-// What the image window computes before it paints: the view, the picture in levels, the readout.
+// What the image window computes before it paints: the view, the picture pyramid, the readout.
 
 #include <gtest/gtest.h>
 
@@ -68,8 +68,8 @@ TEST(View, PixelsAndWindowAgreeBothWaysAndZoomKeepsWhatIsUnderThePointer) {
         EXPECT_NEAR(whole.Width, width, 1e-6);
         EXPECT_NEAR(whole.Height, height, 1e-6);
 
-        // Larger about a point of the image: that point stays, and zooming back ends where it
-        // began.
+        // Zooming in about a point of the image keeps that point, and zooming out again restores
+        // the view.
         const ScreenPoint about = view.ScreenOf(
             {random.Between(0, width - 1) * 0.999, random.Between(0, height - 1) * 0.999});
         const PixelPoint under = view.PixelAt(about);
@@ -84,7 +84,7 @@ TEST(View, PixelsAndWindowAgreeBothWaysAndZoomKeepsWhatIsUnderThePointer) {
         EXPECT_NEAR(back.X, 12.25, 1e-9 * (1 + width));
         EXPECT_NEAR(back.Y, -7.5, 1e-9 * (1 + height));
 
-        // Dragging carries the pixels along until the image would leave the middle.
+        // Dragging moves the pixels until the image would leave the middle.
         const PixelPoint middle = view.PixelAt(view.Middle());
         view.Pan(3, -2);
         const ScreenPoint moved = view.ScreenOf(middle);
@@ -126,7 +126,7 @@ TEST(Picture, StandsUprightAndFlipsOnlyForDisplay) {
     }
 }
 
-// Each way is said in operations on a matrix, by which other programs turn pictures.
+// Each orientation as the matrix operations with which other programs turn pictures.
 TEST(Picture, IsTurnedAsTheCameraWantsIt) {
     using Matrix = std::vector<std::vector<int>>;
     const auto transposed = [](const Matrix& from) {
@@ -204,7 +204,7 @@ TEST(Picture, ShowsWhatThePlainMeanOfTheImageGivesAtEveryScale) {
             for (int j = 0; j < 90 * ratio; ++j) {
                 for (int i = 0; i < 120 * ratio; ++i) {
                     const PixelPoint at = view.PixelAt({(i + 0.5) / ratio, (j + 0.5) / ratio});
-                    // The outermost means hold their value to the border.
+                    // The outermost cells keep their mean up to the border.
                     const double margin = 0.6 / scale;
                     if (view.OnImage(at)) {
                         const double inX = std::clamp(at.X, margin, image.Width - 1 - margin);
@@ -219,7 +219,7 @@ TEST(Picture, ShowsWhatThePlainMeanOfTheImageGivesAtEveryScale) {
             }
         }
     }
-    // At 1:1 each pixel is shown once, wherever the image stands.
+    // At 1:1 each pixel is shown once, wherever the image is.
     for (auto& pixel : image.Pixels.Row(100)) pixel = random.Whole(0, 255);
     pyramid.Build(image, plainGrey);
     ViewGeometry view;
@@ -228,7 +228,7 @@ TEST(Picture, ShowsWhatThePlainMeanOfTheImageGivesAtEveryScale) {
     view.ZoomTo(1, view.Middle());
     view.Pan(-7, 12);
     const Painted painted = Paint(pyramid, view, 200, 150);
-    // Window pixels that lie half on either of two pixels show the later one.
+    // Window pixels that lie half on each of two pixels show the later one.
     const auto shownAt = [](double at) { return static_cast<int>(std::floor(at + 0.5 + 1e-6)); };
     int row = 0;
     while (shownAt(view.PixelAt({0, row + 0.5}).Y) != 100) ++row;
@@ -301,7 +301,7 @@ TEST(Plot, AxesGoBothWaysAndTicksAreRoundAndFew) {
     for (int round = 0; round < 300; ++round) {
         const double low = random.Between(-1e5, 1e5);
         const double high = low + std::pow(10, random.Between(-3, 6));
-        const PlotAxis axis{low, high, 300, 20};  // as heights run
+        const PlotAxis axis{low, high, 300, 20};  // as for heights: values rise toward pixel 20
         const double value = random.Between(low, high);
         EXPECT_NEAR(axis.ValueAt(axis.PlaceOf(value)), value, 1e-9 * (high - low) + 1e-9);
         EXPECT_EQ(axis.PlaceOf(high + 1), 20);

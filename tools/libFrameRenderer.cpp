@@ -14,7 +14,7 @@ namespace {
 
 constexpr double pi = std::numbers::pi;
 
-/// Streams of random numbers that are told apart by what they are for.
+/// Separate streams of random numbers for separate purposes.
 enum class Stream : std::uint64_t { Row = 1, Gradient, HotPixels, Stars };
 
 /// SplitMix64 (Steele, Lea, Flood 2014) and the distributions that frames need. The standard
@@ -50,7 +50,8 @@ class RandomNumbers {
         return x * factor;
     }
 
-    /// A count of rare events. From 50 on the normal distribution is as good.
+    /// A Poisson-distributed count; from a mean of 50 on by the normal distribution, which is as
+    /// good there.
     double Poisson(double mean) {
         if (mean >= 50) return std::max(0.0, std::nearbyint(mean + std::sqrt(mean) * Normal()));
         const double limit = std::exp(-mean);
@@ -79,7 +80,7 @@ class SharpProfile {
  public:
     explicit SharpProfile(double seeing)
         : core_(std::max(2 * seeing, 2.0)),
-          // Half the height at half the seeing: (1 + (s/2α)²)^3.5 = 2.
+          // Half the height at a distance of half the seeing: (1 + (s/2α)²)^3.5 = 2.
           widthSquared_(seeing * seeing / 4 / (std::exp2(1 / 3.5) - 1)),
           height_(2.5 / (pi * widthSquared_)) {}
 
@@ -115,7 +116,7 @@ class SharpProfile {
     double height_;
 };
 
-/// Sharp images this close run into one another.
+/// Sharp images this close merge.
 double MergingDistance(const FrameExposure& exposure) {
     return exposure.Seeing / 3;
 }
@@ -143,11 +144,11 @@ class StarProfile {
  private:
     static constexpr double perPixel = 4;  // entries of the disc's table
 
-    /// The disc is round: a table of its light by the distance from its middle.
+    /// Makes a table of the light of the round disc by distance from its middle.
     void MakeDisc(const FrameExposure& exposure, double spacing) {
         const double outer = exposure.DefocusDiameter / 2;
         const double inner = outer * exposure.DefocusHole;
-        // Points of a sunflower lie evenly over a ring.
+        // The pattern of a sunflower spreads points evenly over a ring.
         const double area = pi * (outer * outer - inner * inner);
         const int points = std::clamp(static_cast<int>(area / (spacing * spacing)), 50, 4000);
         const double golden = pi * (3 - std::sqrt(5.0));
@@ -173,7 +174,7 @@ class StarProfile {
     double extent_ = 0;
 };
 
-/// Where a star is during the exposure, from its middle place.
+/// The places of a star during the exposure, relative to the middle one.
 std::vector<FramePoint> WayOf(const FrameExposure& exposure) {
     if (!(exposure.TrailLength > 0)) return {{0, 0}};
     const int steps =
@@ -197,7 +198,7 @@ double SkySigma(const FrameExposure& exposure) {
     return std::sqrt(std::max(sky + exposure.ReadNoise * exposure.ReadNoise, 1.0));
 }
 
-/// What the stars and the sky send, before any noise.
+/// The expected light of stars and sky, before any noise.
 class ExpectedLight {
  public:
     ExpectedLight(const FrameGeometry& geometry, const FrameExposure& exposure,
@@ -208,7 +209,7 @@ class ExpectedLight {
         slopeX_ = exposure.Gradient * std::cos(direction) / geometry.Width;
         slopeY_ = exposure.Gradient * std::sin(direction) / geometry.Height;
 
-        // Light below a hundredth of the noise cannot be told from none.
+        // Light below a hundredth of the noise does not matter.
         const double faintest = SkySigma(exposure) / 100;
         bands_.resize(static_cast<std::size_t>(geometry.Height - 1) / bandRows + 1);
         const std::vector<FramePoint> way = WayOf(exposure);
@@ -294,8 +295,8 @@ bool CellTouches(const CellPosition& cell, SkyPosition centre, double radius) {
     const double sign = cell.South ? -1 : 1;
     const double nearEquator = cell.Zone * zoneHeight * sign;
     const double nearPole = nearEquator + zoneHeight * sign;
-    // The cap about a pole is one cell; any other is far from half a circle wide, so that its
-    // corners are its farthest points.
+    // The cap around a pole is one cell. All others are much narrower than half a circle, so their
+    // corners are their farthest points.
     const bool cap = SlicesInZone(cell.Zone) == 1;
     const double width = SliceWidth(cell.Zone) * RadiansPerDegree;
     const SkyPosition middle{(static_cast<double>(cell.Slice) + 0.5) * width,
@@ -316,7 +317,7 @@ struct PictureAxes {
     std::array<double, 2> Right;
 };
 
-/// How far the lens moves a point at (u, v) pixels from the middle, where nothing moves.
+/// How far the lens moves a point at (u, v) pixels from the middle, which stays in place.
 FramePoint LensShift(const FrameGeometry& geometry, double u, double v) {
     if (geometry.Distortion == 0) return {};
     const double half = geometry.HalfDiagonal();
@@ -360,7 +361,7 @@ std::optional<FramePoint> SkyToFrame(const FrameGeometry& geometry, SkyPosition 
     const double up = east * axes.Up[0] + north * axes.Up[1];
     const double u = right / geometry.RadiansPerPixel;
     const double v = up / geometry.RadiansPerPixel;
-    // Far outside the frame a lens would bring stars back into it.
+    // Far outside the frame the distortion would move stars back into it.
     if (geometry.Distortion != 0 && std::hypot(u, v) > 1.5 * geometry.HalfDiagonal()) {
         return std::nullopt;
     }
@@ -372,7 +373,7 @@ std::optional<FramePoint> SkyToFrame(const FrameGeometry& geometry, SkyPosition 
 SkyPosition FrameToSky(const FrameGeometry& geometry, FramePoint point) {
     const double x = point.X - (geometry.Width - 1) / 2.0;
     const double y = point.Y - (geometry.Height - 1) / 2.0;
-    // A lens moves neighbours alike, so that this converges quickly.
+    // The distortion changes slowly, so this converges quickly.
     constexpr int steps = 40;
     FramePoint ideal{x, y};
     for (int step = 0; step < steps && geometry.Distortion != 0; ++step) {
@@ -411,7 +412,7 @@ double ZeroPointFor(const FrameExposure& exposure, double magnitude, double sigm
 
 std::vector<FrameStar> CatalogFrameStars(const std::filesystem::path& catalog,
                                          const FrameGeometry& geometry, double magnitudeLimit) {
-    // Light of stars just outside falls into the frame too.
+    // The light of stars just outside falls into the frame too.
     constexpr double margin = 30;
     const double radius = geometry.Radius() + margin * geometry.RadiansPerPixel;
     std::vector<FrameStar> stars;

@@ -1,4 +1,4 @@
-// Draws frames of the sky as a camera would have taken them, for trying the solver on known ground.
+// Renders frames of the sky as a camera would take them, to try the solver with known truth.
 #pragma once
 
 #include <cstdint>
@@ -18,14 +18,14 @@ struct FrameGeometry {
     int Width = 0;               ///< pixels
     int Height = 0;
     double UpPositionAngle = 0;  ///< of the picture's upward direction, radians east of north
-    bool Mirrored = false;       ///< with north up, east is right
-    /// How far the lens moves a corner outward, pixels: as the third power of the distance from its
-    /// axis, which stands off the middle of the frame by (AxisX, AxisY) pixels.
+    bool Mirrored = false;       ///< with north up, east is on the right
+    /// How far the lens moves a corner outward, pixels. The shift grows with the third power of the
+    /// distance from the lens axis, which lies (AxisX, AxisY) pixels from the middle of the frame.
     double Distortion = 0;
     double AxisX = 0;
     double AxisY = 0;
 
-    /// The radius on the sky of a circle about the centre that holds the frame, radians.
+    /// The radius of a circle on the sky about the centre that contains the frame, radians.
     double Radius() const;
     double HalfDiagonal() const;  ///< pixels
 };
@@ -37,28 +37,29 @@ struct FramePoint {
     double Y = 0;
 };
 
-/// Nothing for a position that lies 90° or more from the centre, or far outside a distorted frame.
+/// The place of a position; nothing when it lies 90° or more from the centre, or far outside a
+/// distorted frame.
 std::optional<FramePoint> SkyToFrame(const FrameGeometry& geometry, SkyPosition sky);
 /// The position (`Ra` in 0..2π) at a place in the frame.
 SkyPosition FrameToSky(const FrameGeometry& geometry, FramePoint point);
 
 /// How the frame was taken.
 struct FrameExposure {
-    double Seeing = 3;          ///< full width of a star at half its height, pixels
-    double ZeroPoint = 25;      ///< the magnitude of a star that gives one electron in all
+    double Seeing = 3;          ///< full width of a star at half maximum, pixels
+    double ZeroPoint = 25;      ///< magnitude of a star that gives one electron in total
     double SkyLevel = 1500;     ///< counts, in the middle of the frame
-    double Gradient = 0.2;      ///< change of the sky from edge to edge, as a part of its level
+    double Gradient = 0.2;      ///< change of the sky from edge to edge, as a fraction of its level
     double ReadNoise = 8;       ///< electrons
     double Gain = 1;            ///< electrons per count
-    double Saturation = 65535;  ///< counts; nothing is brighter
+    double Saturation = 65535;  ///< the largest count
     int HotPixels = 0;
     double TrailLength = 0;  ///< how far the stars moved during the exposure, pixels
-    double TrailAngle = 0;   ///< of that way, radians from the columns' direction toward the top
-    /// Of the disc that an unfocused star is, pixels; 0: in focus.
+    double TrailAngle = 0;   ///< direction of that motion, radians from rightward toward the top
+    /// Diameter of the disc of an unfocused star, pixels; 0: in focus.
     double DefocusDiameter = 0;
-    double DefocusHole =
-        0.35;                 ///< the part of that diameter that a secondary mirror shades, 0..0.9
-    bool WholeCounts = true;  ///< counts are rounded, as a converter does
+    double DefocusHole = 0.35;  ///< the fraction of that diameter that a secondary mirror shades,
+                                ///< 0..0.9
+    bool WholeCounts = true;    ///< counts are rounded, as by an AD converter
     std::uint64_t Seed = 1;
 };
 
@@ -75,11 +76,11 @@ struct Frame {
     std::vector<float> Pixels;
 };
 
-/// The zero point with which a star of `magnitude` that is sharp and stands still is `sigmas`
-/// standard deviations of the sky above it with its brightest pixel.
+/// The zero point for which the brightest pixel of a sharp, untrailed star of `magnitude` is
+/// `sigmas` standard deviations above the sky.
 double ZeroPointFor(const FrameExposure& exposure, double magnitude, double sigmas);
 
-/// How many standard deviations of the sky a star's brightest pixel stands above it at most.
+/// How many standard deviations above the sky a star's brightest pixel is at most.
 double PeakSigmas(const FrameExposure& exposure, double magnitude);
 
 /// The stars of a catalog folder down to `magnitudeLimit` whose light falls into the frame,
@@ -87,12 +88,12 @@ double PeakSigmas(const FrameExposure& exposure, double magnitude);
 std::vector<FrameStar> CatalogFrameStars(const std::filesystem::path& catalog,
                                          const FrameGeometry& geometry, double magnitudeLimit);
 
-/// Stars that are in no catalog: anywhere in the frame, between two magnitudes, the fainter the
-/// more; brightest first.
+/// Stars that are in no catalog, at random places in the frame. Their number grows toward the faint
+/// limit; brightest first.
 std::vector<FrameStar> RandomFrameStars(const FrameGeometry& geometry, int count, double brightest,
                                         double faintest, std::uint64_t seed);
 
-/// Takes the picture. The same arguments give the same frame, whatever the number of threads.
+/// Renders the frame. The same arguments give the same frame, whatever the number of threads.
 Frame RenderFrame(const FrameGeometry& geometry, const FrameExposure& exposure,
                   const std::vector<FrameStar>& stars);
 

@@ -1,7 +1,7 @@
-# shellcheck shell=bash disable=SC2034  # sourced; the package lists are for its users
-# What ./demo and ./test share; they source this file. Quiet when there is nothing to do.
+# shellcheck shell=bash disable=SC2034 # sourced; the package lists are for its users The functions
+# that ./demo and ./test share; they source this file. Silent when there is nothing to do.
 #
-# Everything that is fetched comes from Debian's packages, but for one small table of bright stars
+# Everything that is fetched comes from Debian's packages, except one small table of bright stars
 # from the npm package d3-celestial.
 
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -59,8 +59,8 @@ need_packages() {
         { tail -n 20 "$downloads/install.log" >&2; fail "The installation failed."; }
 }
 
-# Prints the path of the Tycho-2 star file, fetched when it is not here. The package itself is not
-# installed: of all that it brings only this file is wanted.
+# Prints the path of the Tycho-2 star file, which is fetched when it is missing. The package itself
+# is not installed, because only this file of it is needed.
 find_star_file() {
     local installed=/usr/share/astrometry/$star_file
     [ -f "$installed" ] && { printf '%s' "$installed"; return 0; }
@@ -78,7 +78,7 @@ find_star_file() {
     printf '%s' "$downloads/$star_file"
 }
 
-# Prints the path of the table of bright stars; nothing when it cannot be had.
+# Prints the path of the table of bright stars; nothing when it is not available.
 find_bright_file() {
     if [ ! -f "$downloads/$bright_file" ]; then
         command -v npm >/dev/null || need_packages npm
@@ -104,7 +104,7 @@ fetch_source() {
         -o "Dir::State::Lists=$folder/apt/lists" -o Dir::Cache::srcpkgcache= -o Dir::Cache::pkgcache=)
     if [ ! -d "$folder/apt" ]; then
         mkdir -p "$folder/apt/lists"
-        # The same archives as the installed packages come from.
+        # The archives from which the installed packages come.
         apt-get indextargets --format 'deb-src $(REPO_URI) $(RELEASE) $(COMPONENT)' \
             'Origin: Debian' 'Created-By: Packages' | sort -u >"$folder/apt/sources.list"
         apt-get "${apt[@]}" update
@@ -113,8 +113,8 @@ fetch_source() {
         mkdir -p "$package" && tar xf "${package}"_*.orig.tar.gz -C "$package" --strip-components 1 )
 }
 
-# The libraries that Debian has no Windows packages of, built from the sources of its packages.
-# Headers alone cannot be used from /usr/include: they lie beside those of Linux.
+# Builds the libraries for which Debian has no Windows packages, from its source packages. Even
+# header-only libraries cannot be used from /usr/include, where the headers of Linux lie too.
 need_windows_libraries() {
     local prefix=$project/build/windows-libraries
     [ -f "$prefix/complete" ] && return 0
@@ -141,7 +141,7 @@ build_library() {
         cmake --build "$prefix/source/build-$(basename "$source")" -j "$jobs" --target install
 }
 
-# Where the programs look for the catalog when nothing is said.
+# The default catalog folder of the programs.
 catalog_folder=${VESTREL_CATALOG:-${XDG_DATA_HOME:-$HOME/.local/share}/Harrowdene/KEL}
 
 # Makes the Tycho-2 catalog once, with the vestrel-catalog given.
@@ -154,7 +154,7 @@ need_catalog() {
     "$1" build --tycho2 "$stars" ${bright:+--bright "$bright"} --catalog "$catalog_folder" >&2
 }
 
-# Makes the quad tables once, with the vestrel-catalog given; anew when they are of another version.
+# Makes the quad tables once, with the vestrel-catalog given; again when they have another version.
 need_quads() {
     "$1" info --catalog "$catalog_folder" | grep -q '^Quads: *[0-9]' && return 0
     say "Making the quad tables in $catalog_folder (half a minute)"
