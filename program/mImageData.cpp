@@ -21,8 +21,9 @@ std::size_t CharacterCount(std::string_view utf8) {
     }));
 }
 
+/// The details of a solution stay as long as its image does.
 void ShowCause(ProgramState& state, const std::string& cause) {
-    if (cause.empty()) return;
+    if (cause.empty() || state.Solution) return;
     state.Display.Details = "  Cause             " + WithoutControls(cause) + "\n";
 }
 
