@@ -10,6 +10,7 @@
 #include <QMimeData>
 #include <QPlainTextEdit>
 #include <QPrinter>
+#include <QRegularExpression>
 #include <QScreen>
 #include <QScrollBar>
 #include <QSpinBox>
@@ -19,7 +20,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <map>
-#include <regex>
 
 #include "astro/libConversions.h"
 #include "astro/libPositionText.h"
@@ -332,17 +332,19 @@ TEST_F(Evening, APageHasThePictureAndEverythingOverItWhereAnotherReaderLooks) {
     EXPECT_LT(different, wanted.width() * wanted.height() / 50);
 
     // The magnitude beside a star, in letters of the same size on any paper.
-    const std::regex word(R"re(<page width="([0-9.]+)" height="([0-9.]+)"|)re"
-                          R"re(<word xMin="([0-9.]+)" yMin="([0-9.]+)" xMax="([0-9.]+)" )re"
-                          R"re(yMax="([0-9.]+)">(1[0-9]\.[0-9]{2})<)re");
+    const QRegularExpression word(R"re(<page width="([0-9.]+)" height="([0-9.]+)"|)re"
+                                  R"re(<word xMin="([0-9.]+)" yMin="([0-9.]+)" xMax="([0-9.]+)" )re"
+                                  R"re(yMax="([0-9.]+)">(1[0-9]\.[0-9]{2})<)re");
     std::map<std::string, std::map<std::string, double>> heights;
     for (const char* name : {"page.html", "printed.html"}) {
-        const std::string html = ReadFile(Folder / name);
         double page = 0;
-        for (std::sregex_iterator one(html.begin(), html.end(), word), end; one != end; ++one) {
-            const auto number = [&](int k) { return std::stod((*one)[k].str()); };
-            if ((*one)[1].matched) page = std::min(number(1), number(2));
-            if ((*one)[7].matched) heights[name][(*one)[7].str()] = (number(6) - number(4)) / page;
+        auto found = word.globalMatch(QString::fromStdString(ReadFile(Folder / name)));
+        while (found.hasNext()) {
+            const QRegularExpressionMatch one = found.next();
+            const auto number = [&](int k) { return one.captured(k).toDouble(); };
+            if (!one.captured(1).isEmpty()) page = std::min(number(1), number(2));
+            const std::string text = one.captured(7).toStdString();
+            if (!text.empty()) heights[name][text] = (number(6) - number(4)) / page;
         }
     }
     ASSERT_GT(heights["page.html"].size(), 5u);
