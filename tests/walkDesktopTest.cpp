@@ -129,7 +129,8 @@ TEST_F(Walk, FourActionsLeadToASolvedAnnotatedExportedPictureAndTheWindowsAnswer
             const QColor colour = picture.pixelColor(at);
             green += colour.green() > colour.red() + 60 ? 1 : 0;
         }
-        EXPECT_GT(green, 100) << x << " " << y;
+        // Not all: the line is thin and its place is rounded; without a ring there is none.
+        EXPECT_GT(green, 60) << x << " " << y;
     }
 }
 
