@@ -258,14 +258,26 @@ bool MayBeNegative(const PlateImage& image) {
     const auto step = std::max(static_cast<std::int32_t>(std::sqrt(
                                    static_cast<double>(image.Width) * image.Height / samples)),
                                1);
-    std::vector<double> values;
+    std::vector<std::int32_t> values;
     for (std::int32_t y = 0; y < image.Height; y += step) {
         const std::int32_t* row = image.Pixels.Row(y).data();
         for (std::int32_t x = 0; x < image.Width; x += step) values.push_back(row[x]);
     }
-    const double sky = MedianOf(values);
-    const double below = sky - MedianOf(values, 0.1587);
-    const double above = MedianOf(values, 0.8413) - sky;
+    if (values.empty()) return false;
+    // Each half is looked through for its own deviation: every picture that is opened comes here.
+    const auto at = [&](double part) {
+        return values.begin() +
+               static_cast<std::ptrdiff_t>(part * static_cast<double>(values.size() - 1));
+    };
+    const auto lower = at(0.1587);
+    const auto middle = at(0.5);
+    const auto upper = at(0.8413);
+    std::nth_element(values.begin(), middle, values.end());
+    if (lower != middle) std::nth_element(values.begin(), lower, middle);
+    if (upper != middle) std::nth_element(middle + 1, upper, values.end());
+    const double sky = *middle;
+    const double below = sky - *lower;
+    const double above = *upper - sky;
     const double noise = std::max(std::min(below, above), 1.0);
     double dark = 0;
     double bright = 0;
