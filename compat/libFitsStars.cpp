@@ -124,7 +124,7 @@ std::optional<std::vector<Column>> ReadColumns(const Header& table) {
         const std::string format = table.Text("TFORM" + number);
         const std::size_t letter = format.find_first_not_of("0123456789");
         constexpr std::size_t mostDigits = 9;
-        if (letter == std::string::npos || letter > mostDigits) return std::nullopt;
+        if (letter > mostDigits) return std::nullopt;  // also when there is none
         const std::size_t repeat =
             letter == 0 ? 1 : static_cast<std::size_t>(std::stoul(format.substr(0, letter)));
         const char type = format[letter];

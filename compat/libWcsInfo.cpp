@@ -126,15 +126,15 @@ Bounds BoundsOf(const HeaderCoordinates& wcs, const std::pair<double, double>& c
         bounds.DecMin = std::min(bounds.DecMin, dec);
         bounds.DecMax = std::max(bounds.DecMax, dec);
     };
-    constexpr double step = 10;
+    constexpr int step = 10;
     constexpr double longest = 1e5;  // limits a forged size
     const double width = std::min(wcs.Width, longest);
     const double height = std::min(wcs.Height, longest);
-    for (double x = 0; x < width; x += step) {
+    for (int x = 0; x < width; x += step) {
         take(x + 0.5, 0.5);
         take(width + 0.5 - x, height + 0.5);
     }
-    for (double y = 0; y < height; y += step) {
+    for (int y = 0; y < height; y += step) {
         take(width + 0.5, y + 0.5);
         take(0.5, height + 0.5 - y);
     }

@@ -32,7 +32,7 @@ struct HeaderCoordinates {
 std::optional<HeaderCoordinates> ReadHeaderCoordinates(std::span<const unsigned char> bytes);
 
 /// Width and height of the field along its middle lines, arcseconds.
-std::pair<double, double> FieldSizeOf(const HeaderCoordinates& coordinates);
+std::pair<double, double> FieldSizeOf(const HeaderCoordinates& wcs);
 
 /// A field size in the unit that suits its smaller side: "arcseconds" below 1 arcminute,
 /// "arcminutes" below 1 degree, else "degrees".
@@ -51,6 +51,6 @@ std::string DegreesText(double dec);
 double OrientationOf(const double (&cd)[2][2]);
 
 /// The lines "key value" of wcsinfo, in its order.
-std::string WcsInfoText(const HeaderCoordinates& coordinates);
+std::string WcsInfoText(const HeaderCoordinates& wcs);
 
 }  // namespace vestrel
