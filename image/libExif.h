@@ -29,7 +29,7 @@ struct CameraFacts {
 };
 
 /// Parses a block that begins with a TIFF header. Damaged or missing entries are left out.
-CameraFacts ReadExif(std::span<const unsigned char> block);
+CameraFacts ReadExif(std::span<const unsigned char> bytes);
 
 /// How the stored picture must be turned for display, in a sentence; empty when not at all.
 /// @param orientation EXIF orientation, 1 to 8
