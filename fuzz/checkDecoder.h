@@ -3,24 +3,28 @@
 
 #include <algorithm>
 #include <new>
+#include <span>
 #include <vector>
 
 #include "fuzz/fuzzSupport.h"
 #include "image/libDecoder.h"
+#include "image/libStoredRows.h"
 
 namespace vestrel {
 
 /// Takes a picture and holds its decoder to the order and the sizes of the calls.
 class CheckingSink final : public PictureSink {  // NOLINT(*-virtual-class-destructor): final
  public:
+    explicit CheckingSink(std::span<const std::uint8_t> file = {}) : file_(file) {}
+
     void Start(const PictureShape& shape) override {
         Require(!started_, "a picture starts once");
         Require(shape.Width > 0 && shape.Height > 0 && shape.Channels > 0, "a picture has pixels");
         constexpr std::int64_t most = 1 << 22;
         if (shape.Width > most / shape.Height) throw DecodeFault("More than is looked at here.");
-        constexpr std::size_t bytes[] = {1, 2, 2, 4, 8};
-        rowBytes_ = static_cast<std::size_t>(shape.Width * shape.Channels) *
-                    bytes[static_cast<std::size_t>(shape.Kind)];
+        rowBytes_ =
+            static_cast<std::size_t>(shape.Width * shape.Channels) * SampleBytes(shape.Kind);
+        shape_ = shape;
         rows_.resize(static_cast<std::size_t>(shape.Height));
         started_ = true;
     }
@@ -31,6 +35,18 @@ class CheckingSink final : public PictureSink {  // NOLINT(*-virtual-class-destr
         // Every byte is looked at, so that a row that is too short is found.
         const auto* at = static_cast<const unsigned char*>(samples);
         for (std::size_t i = 0; i < rowBytes_; ++i) Sum = Sum * 31 + at[i];
+    }
+    void Stored(const StoredSamples& samples) override {
+        Require(started_, "samples come after the start");
+        PassStoredRows(
+            shape_, samples,
+            [this](std::uint64_t place, std::span<unsigned char> to) {
+                if (place > file_.size() || to.size() > file_.size() - place) return false;
+                std::copy_n(file_.begin() + static_cast<std::ptrdiff_t>(place), to.size(),
+                            to.begin());
+                return true;
+            },
+            *this);
     }
     void Card(std::string_view card) override {
         Require(card.size() <= 80, "a card has 80 characters at most");
@@ -53,14 +69,16 @@ class CheckingSink final : public PictureSink {  // NOLINT(*-virtual-class-destr
     std::size_t Sum = 0;
 
  private:
+    std::span<const std::uint8_t> file_;
     bool started_ = false;
+    PictureShape shape_;
     std::size_t rowBytes_ = 0;
     std::vector<bool> rows_;
 };
 
 /// Either the whole picture or a fault that says something.
 inline int CheckDecoder(PictureDecoder decode, const std::uint8_t* data, std::size_t size) {
-    CheckingSink sink;
+    CheckingSink sink({data, size});
     try {
         decode({data, size}, sink);
         Require(sink.Whole(), "a decoded picture has all its rows");

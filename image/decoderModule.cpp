@@ -9,6 +9,11 @@ PictureDecoder VESTREL_DECODER;
 
 }  // namespace vestrel
 
+/// Must be that of the program, since what they call in each other has no other guard.
+extern "C" __attribute__((visibility("default"))) const char* VestrelDecoderVersion() {
+    return VESTREL_DECODER_VERSION;
+}
+
 /// Exceptions must not leave a module: they become `fault`.
 extern "C" __attribute__((visibility("default"))) void VestrelDecode(const unsigned char* bytes,
                                                                      std::size_t length,

@@ -4,7 +4,9 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +26,7 @@ namespace {
 enum Kind : std::int64_t {
     StartMessage,
     RowMessage,
+    StoredMessage,
     CardMessage,
     TextCardMessage,
     NumberCardMessage,
@@ -33,7 +36,7 @@ enum Kind : std::int64_t {
     EndMessage
 };
 
-/// One call of the sink, as it goes through the pipe; the bytes of its texts follow.
+/// One call of the sink, as it is sent; the bytes of its texts follow.
 struct Message {
     std::int64_t Kind = EndMessage;
     std::int64_t Number = 0;
@@ -41,19 +44,46 @@ struct Message {
     std::uint64_t Lengths[3] = {};
 };
 
-/// How many numbers make up a picture's shape in a message.
+/// How many numbers make up a picture's shape in a message, and the place of stored samples.
 constexpr std::size_t ShapeNumbers = 6;
+constexpr std::size_t StoredNumbers = 6;
 
 std::size_t RowBytes(const PictureShape& shape) {
-    constexpr std::size_t bytes[] = {1, 2, 2, 4, 8};
     return static_cast<std::size_t>(shape.Width) * static_cast<std::size_t>(shape.Channels) *
-           bytes[static_cast<std::size_t>(shape.Kind)];
+           SampleBytes(shape.Kind);
 }
+
+/// What the child has to say, as one stream of bytes in memory that both processes share. It
+/// consists of several parts. The child fills one after the other and announces each by its
+/// length; the parent acknowledges a part when it needs it no longer. A pipe would copy every byte
+/// twice more, through pages that the system allocates for it.
+class SharedParts {
+ public:
+    static constexpr std::size_t PartBytes = std::size_t{1} << 17;
+    static constexpr std::size_t Parts = 8;
+
+    SharedParts()
+        : memory_(mmap(nullptr, PartBytes * Parts, PROT_READ | PROT_WRITE,
+                       MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {
+        if (memory_ == MAP_FAILED) throw std::bad_alloc();
+    }
+    ~SharedParts() { munmap(memory_, PartBytes * Parts); }
+    SharedParts(const SharedParts&) = delete;
+    SharedParts& operator=(const SharedParts&) = delete;
+
+    /// The n-th part of the stream.
+    char* Part(std::uint64_t n) const {
+        return static_cast<char*>(memory_) + n % Parts * PartBytes;
+    }
+
+ private:
+    void* memory_;
+};
 
 /// The child's side: sends every call to the parent.
 class Sender final : public PictureSink {  // NOLINT(*-virtual-class-destructor): final
  public:
-    explicit Sender(int pipe) : pipe_(pipe) {}
+    Sender(int socket, const SharedParts& parts) : socket_(socket), parts_(parts) {}
 
     void Start(const PictureShape& shape) override {
         rowBytes_ = RowBytes(shape);
@@ -65,6 +95,15 @@ class Sender final : public PictureSink {  // NOLINT(*-virtual-class-destructor)
     }
     void Row(std::int64_t y, const void* samples) override {
         Send({RowMessage, y, 0, {}}, {static_cast<const char*>(samples), rowBytes_});
+    }
+    void Stored(const StoredSamples& samples) override {
+        const std::uint64_t numbers[StoredNumbers] = {samples.Start,
+                                                      samples.BigEndian ? 1U : 0U,
+                                                      samples.Planar ? 1U : 0U,
+                                                      samples.LastRowFirst ? 1U : 0U,
+                                                      samples.TopBitFlipped ? 1U : 0U,
+                                                      samples.WholeNumbers ? 1U : 0U};
+        Send({StoredMessage, 0, 0, {}}, {reinterpret_cast<const char*>(numbers), sizeof numbers});
     }
     void Card(std::string_view card) override { Send({CardMessage, 0, 0, {}}, card); }
     void TextCard(std::string_view keyword, std::string_view text,
@@ -79,40 +118,63 @@ class Sender final : public PictureSink {  // NOLINT(*-virtual-class-destructor)
     /// The last message; `fault` is empty when all went well.
     void End(std::string_view fault) {
         Send({fault.empty() ? EndMessage : FaultMessage, 0, 0, {}}, fault);
+        Announce();
     }
 
  private:
     void Send(Message message, std::string_view first = {}, std::string_view second = {},
-              std::string_view third = {}) const {
+              std::string_view third = {}) {
         const std::string_view texts[] = {first, second, third};
         for (int n = 0; n < 3; ++n) message.Lengths[n] = texts[n].size();
         Write(&message, sizeof message);
         for (const std::string_view text : texts) Write(text.data(), text.size());
     }
-    void Write(const void* bytes, std::size_t length) const {
+    void Write(const void* bytes, std::size_t length) {
         const auto* from = static_cast<const char*>(bytes);
         while (length > 0) {
-            const ssize_t written = write(pipe_, from, length);
-            if (written < 0 && errno == EINTR) continue;
-            if (written <= 0) _exit(1);
-            from += written;
-            length -= static_cast<std::size_t>(written);
+            const std::size_t taken = std::min(length, SharedParts::PartBytes - filled_);
+            std::memcpy(parts_.Part(announced_) + filled_, from, taken);
+            from += taken;
+            length -= taken;
+            filled_ += taken;
+            if (filled_ == SharedParts::PartBytes) Announce();
         }
     }
+    /// Hands over the part that is being filled, and waits until there is another one.
+    void Announce() {
+        if (filled_ == 0) return;
+        const auto length = static_cast<std::uint32_t>(filled_);
+        if (send(socket_, &length, sizeof length, 0) != sizeof length) _exit(1);
+        ++announced_;
+        filled_ = 0;
+        if (announced_ - acknowledged_ < SharedParts::Parts) return;
+        char signs[SharedParts::Parts];
+        ssize_t got = 0;
+        do {
+            got = recv(socket_, signs, sizeof signs, 0);
+        } while (got < 0 && errno == EINTR);
+        if (got <= 0) _exit(1);
+        acknowledged_ += static_cast<std::uint64_t>(got);
+    }
 
-    int pipe_;
+    int socket_;
+    const SharedParts& parts_;
+    std::uint64_t announced_ = 0;
+    std::uint64_t acknowledged_ = 0;
+    std::size_t filled_ = 0;
     std::size_t rowBytes_ = 0;
 };
 
 /// The parent's side. The child may have written over its own memory: nothing it sends is trusted.
 class Receiver {
  public:
-    Receiver(pid_t child, int pipe) : child_(child), pipe_(pipe) {}
+    Receiver(pid_t child, int socket, const SharedParts& parts)
+        : child_(child), socket_(socket), parts_(parts) {}
     Receiver(const Receiver&) = delete;
     Receiver& operator=(const Receiver&) = delete;
     /// The child is no longer needed, whatever it still does.
     ~Receiver() {
-        close(pipe_);
+        close(socket_);
         kill(child_, SIGKILL);
         while (waitpid(child_, nullptr, 0) < 0 && errno == EINTR) {
         }
@@ -138,6 +200,9 @@ class Receiver {
                 return true;
             case RowMessage:
                 sink.Row(message.Number, row_.data());
+                return true;
+            case StoredMessage:
+                PassStored(texts[0], sink);
                 return true;
             case CardMessage:
                 sink.Card(texts[0]);
@@ -191,6 +256,14 @@ class Receiver {
         row_.resize(RowBytes(shape));
     }
 
+    static void PassStored(const std::string& sent, PictureSink& sink) {
+        std::uint64_t numbers[StoredNumbers] = {};
+        if (sent.size() != sizeof numbers) BrokenOff();
+        std::memcpy(numbers, sent.data(), sizeof numbers);
+        sink.Stored({numbers[0], numbers[1] != 0, numbers[2] != 0, numbers[3] != 0, numbers[4] != 0,
+                     numbers[5] != 0});
+    }
+
     /// Bounds the length of all texts together by more than any header holds.
     std::string Text(std::uint64_t length) {
         constexpr std::uint64_t most = std::uint64_t{64} << 20;
@@ -201,24 +274,49 @@ class Receiver {
         return text;
     }
 
-    void Read(void* bytes, std::size_t length) const {
-        constexpr int longestSilence = 20000;  // milliseconds
+    void Read(void* bytes, std::size_t length) {
         auto* to = static_cast<char*>(bytes);
         while (length > 0) {
-            pollfd waited{pipe_, POLLIN, 0};
+            if (taken_ == held_) NextPart();
+            const std::size_t now = std::min(length, held_ - taken_);
+            std::memcpy(to, parts_.Part(part_) + taken_, now);
+            to += now;
+            length -= now;
+            taken_ += now;
+        }
+    }
+    void NextPart() {
+        if (held_ > 0) {
+            const char sign = 0;
+            // A child that has ended needs none, so this may fail.
+            (void)send(socket_, &sign, sizeof sign, MSG_NOSIGNAL | MSG_DONTWAIT);
+            ++part_;
+        }
+        constexpr int longestSilence = 20000;  // milliseconds
+        std::uint32_t announced = 0;
+        std::size_t got = 0;
+        while (got < sizeof announced) {
+            pollfd waited{socket_, POLLIN, 0};
             const int ready = poll(&waited, 1, longestSilence);
             if (ready < 0 && errno == EINTR) continue;
             if (ready <= 0) BrokenOff();
-            const ssize_t got = read(pipe_, to, length);
-            if (got < 0 && errno == EINTR) continue;
-            if (got <= 0) BrokenOff();
-            to += got;
-            length -= static_cast<std::size_t>(got);
+            const ssize_t more =
+                recv(socket_, reinterpret_cast<char*>(&announced) + got, sizeof announced - got, 0);
+            if (more < 0 && errno == EINTR) continue;
+            if (more <= 0) BrokenOff();
+            got += static_cast<std::size_t>(more);
         }
+        if (announced < 1 || announced > SharedParts::PartBytes) BrokenOff();
+        held_ = announced;
+        taken_ = 0;
     }
 
     pid_t child_;
-    int pipe_;
+    int socket_;
+    const SharedParts& parts_;
+    std::uint64_t part_ = 0;
+    std::size_t held_ = 0;  ///< bytes of that part, and how many of them were taken
+    std::size_t taken_ = 0;
     std::int64_t height_ = 0;
     std::vector<char> row_;
     std::uint64_t texts_ = 0;
@@ -244,25 +342,27 @@ std::uint64_t MappedBytes() {
 }
 
 /// All that the child process does.
-[[noreturn]] void Child(int pipe, std::uint64_t mapped, const DecodeCall& decode) {
+[[noreturn]] void Child(int socket, const SharedParts& parts, std::uint64_t mapped,
+                        const DecodeCall& decode) {
     // Only the parent may notice how it ends: no crash report, no core file, no signal handler, and
     // no file that a tool would write.
     for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTERM, SIGINT, SIGHUP,
                              SIGPIPE, SIGXCPU, SIGALRM, SIGUSR1, SIGUSR2}) {
         std::signal(number, SIG_DFL);
     }
-    pipe = fcntl(pipe, F_DUPFD, 3);
+    socket = fcntl(socket, F_DUPFD, 3);
     const int nowhere = open("/dev/null", O_RDWR);
     for (const int stream : {0, 1, 2}) dup2(nowhere, stream);
     constexpr std::uint64_t mostMemory = std::uint64_t{6} << 30;
-    // Processor time: twice what the largest picture takes.
-    constexpr std::uint64_t mostSeconds = 10;
+    // Processor time: twice what the largest picture takes (a quarter of a billion pixels packed by
+    // HCOMPRESS).
+    constexpr std::uint64_t mostSeconds = 30;
     if (mapped > 0) Limit(RLIMIT_AS, mapped + mostMemory);
     Limit(RLIMIT_CPU, mostSeconds);
     Limit(RLIMIT_CORE, 0);
     Limit(RLIMIT_FSIZE, 0);
     try {
-        Sender sender(pipe);
+        Sender sender(socket, parts);
         sender.End(decode(sender));
     } catch (...) {
         _exit(1);
@@ -273,22 +373,24 @@ std::uint64_t MappedBytes() {
 }  // namespace
 
 void DecodeApart(const DecodeCall& decode, PictureSink& sink) {
-    int ends[2] = {};
-    if (pipe(ends) != 0) throw DecodeFault("The system has no pipe left to decode it.");
+    const SharedParts parts;
+    int ends[2] = {};  // the parent's and the child's
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
+        throw DecodeFault("The system has no socket left to decode it.");
+    }
     for (const int end : ends) fcntl(end, F_SETFD, FD_CLOEXEC);
-#ifdef F_SETPIPE_SZ
-    constexpr int severalRows = 1 << 20;
-    fcntl(ends[1], F_SETPIPE_SZ, severalRows);
-#endif
     const std::uint64_t mapped = MappedBytes();
     const pid_t child = fork();
-    if (child == 0) Child(ends[1], mapped, decode);
+    if (child == 0) {
+        close(ends[0]);  // so that the child notices the end of its parent
+        Child(ends[1], parts, mapped, decode);
+    }
     close(ends[1]);
     if (child < 0) {
         close(ends[0]);
         throw DecodeFault("The system has no process left to decode it.");
     }
-    Receiver receiver(child, ends[0]);
+    Receiver receiver(child, ends[0], parts);
     while (receiver.Next(sink)) {
     }
 }

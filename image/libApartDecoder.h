@@ -15,7 +15,7 @@ using DecodeCall = std::function<std::string(PictureSink&)>;
 /// Runs `decode` in a child process and passes every call that it makes to `sink`.
 ///
 /// Some libraries read past the end of damaged data. A child that crashes, that sends nothing for
-/// 20 s, or that needs more than 6 GiB or 10 s of processor time ends in a `DecodeFault`. On
+/// 20 s, or that needs more than 6 GiB or 30 s of processor time ends in a `DecodeFault`. On
 /// Windows `decode` runs in this process.
 /// @throws DecodeFault, and what `sink` throws
 void DecodeApart(const DecodeCall& decode, PictureSink& sink);

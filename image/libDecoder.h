@@ -17,7 +17,14 @@ class DecodeFault : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-enum class SampleKind { UInt8, UInt16, Int16, Float32, Float64 };
+enum class SampleKind { UInt8, UInt16, Int16, Int32, UInt32, Float32, Float64 };
+
+/// The size of a sample in bytes.
+constexpr std::size_t SampleBytes(SampleKind kind) {
+    constexpr std::size_t bytes[] = {1, 2, 2, 4, 4, 4, 8};
+    return bytes[static_cast<std::size_t>(kind)];
+}
+inline constexpr int SampleKinds = 7;
 
 /// What a decoder states about its picture before the first row.
 struct PictureShape {
@@ -28,6 +35,18 @@ struct PictureShape {
     SampleKind Kind = SampleKind::UInt8;
     int BitPix = 16;  ///< bits of a sample as the file has it, negative for floating point
     bool TopRowFirst = true;
+};
+
+/// Where the samples of a picture lie in its file when nothing has to be decoded: rows without gaps
+/// between them, and planes likewise.
+struct StoredSamples {
+    std::uint64_t Start = 0;  ///< the byte of the file with which they begin
+    bool BigEndian = false;
+    bool Planar = false;        ///< a whole plane for each channel
+    bool LastRowFirst = false;  ///< the first row of the file is the picture's last one
+    bool TopBitFlipped =
+        false;                  ///< unsigned samples that are stored as signed ones less 2^(bits-1)
+    bool WholeNumbers = false;  ///< signed 64-bit numbers, to be taken as `SampleKind::Float64`
 };
 
 /// Receives the header of a file as cards.
@@ -58,6 +77,8 @@ class PictureSink : public CardSink {
     virtual void Start(const PictureShape& shape) = 0;
     /// Row y from 0 on: `Width` times `Channels` samples, in the machine's byte order.
     virtual void Row(std::int64_t y, const void* samples) = 0;
+    /// Instead of all rows: the sink reads them from the file that is decoded.
+    virtual void Stored(const StoredSamples& samples) = 0;
 
  protected:
     PictureSink() = default;

@@ -150,7 +150,37 @@ Asked AskedFor(fitsfile* file) {
     if (!hasBlank && (type == SHORT_IMG || type == SBYTE_IMG)) {
         return {SampleKind::Int16, TSHORT, 2};
     }
+    if (!hasBlank && type == LONG_IMG) return {SampleKind::Int32, TINT, 4};
+    if (!hasBlank && type == ULONG_IMG) return {SampleKind::UInt32, TUINT, 4};
     return {SampleKind::Float64, TDOUBLE, 8};
+}
+
+double NumberOr(fitsfile* file, const char* keyword, double absent) {
+    int status = 0;
+    double value = absent;
+    const bool there = ffgkyd(file, keyword, &value, nullptr, &status) == 0;
+    ffcmsg();
+    return there ? value : absent;
+}
+
+/// Whether the samples of an image that is not packed are what is wanted but for the order of their
+/// bytes, and the sign of unsigned ones.
+bool IsPlain(fitsfile* file, int bitPix, const Asked& asked, bool& flipped) {
+    if (NumberOr(file, "BSCALE", 1) != 1) return false;
+    const double zero = NumberOr(file, "BZERO", 0);
+    const bool isUnsigned = asked.Kind == SampleKind::UInt16 || asked.Kind == SampleKind::UInt32;
+    flipped = isUnsigned;
+    if (zero != (isUnsigned ? std::ldexp(1.0, bitPix - 1) : 0.0)) return false;
+    const bool wide = bitPix == LONGLONG_IMG && asked.Kind == SampleKind::Float64;
+    if (wide) {
+        LONGLONG blank = 0;
+        int status = 0;
+        const bool hasBlank = ffgkyjj(file, "BLANK", &blank, nullptr, &status) == 0;
+        ffcmsg();
+        return !hasBlank;
+    }
+    return static_cast<std::size_t>(std::abs(bitPix)) == 8 * asked.Bytes &&
+           (bitPix < 0) == (asked.Kind == SampleKind::Float32 || asked.Kind == SampleKind::Float64);
 }
 
 /// Makes one row of colours from three planes.
@@ -164,11 +194,53 @@ void Interleave(const unsigned char* planes, std::size_t planeBytes, std::size_t
     }
 }
 
+/// Passes on the rows as CFITSIO converts them.
+void PassSamples(fitsfile* fits, const Asked& asked, const long (&sides)[3], bool packed,
+                 bool colour, bool turned, PictureSink& sink) {
+    const auto width = static_cast<std::size_t>(sides[0]);
+    const auto height = static_cast<std::size_t>(sides[1]);
+    const std::size_t rowBytes = width * asked.Bytes;
+    const std::size_t planeBytes = rowBytes * height;
+    const std::size_t planes = colour ? 3 : 1;
+    // An uncompressed image is converted in pieces that stay in the cache. A compressed one is
+    // converted whole, because its tiles may have any shape.
+    const std::size_t piece =
+        packed || colour ? height : std::clamp<std::size_t>((1 << 18) / rowBytes, 1, height);
+    const auto samples = std::make_unique_for_overwrite<unsigned char[]>(rowBytes * piece * planes);
+    std::vector<unsigned char> row(colour ? 3 * rowBytes : 0);
+    float noSingle = std::numeric_limits<float>::quiet_NaN();
+    double noDouble = std::numeric_limits<double>::quiet_NaN();
+    void* const none = asked.CfitsioType == TFLOAT    ? static_cast<void*>(&noSingle)
+                       : asked.CfitsioType == TDOUBLE ? static_cast<void*>(&noDouble)
+                                                      : nullptr;
+    int status = 0;
+    for (std::size_t y = 0; y < height; y += piece) {
+        const std::size_t rows = std::min(piece, height - y);
+        long first[9] = {1, static_cast<long>(y) + 1, 1, 1, 1, 1, 1, 1, 1};
+        int anyNone = 0;
+        fits_read_pix(fits, asked.CfitsioType, first,
+                      static_cast<LONGLONG>(width) * static_cast<LONGLONG>(rows * planes), none,
+                      samples.get(), &anyNone, &status);
+        if (status == NUM_OVERFLOW) status = 0;
+        if (status != 0) Fail(status);
+        for (std::size_t k = 0; k < rows; ++k) {
+            const unsigned char* at = samples.get() + k * rowBytes;
+            if (colour) {
+                Interleave(samples.get(), planeBytes, k * rowBytes, width, asked.Bytes, row);
+                at = row.data();
+            }
+            const std::size_t target = turned ? height - 1 - (y + k) : y + k;
+            sink.Row(static_cast<std::int64_t>(target), at);
+        }
+    }
+}
+
 }  // namespace
 
 void DecodeFits(std::span<const unsigned char> file, PictureSink& sink) {
     std::vector<unsigned char> unpacked;
-    if (file.size() > 2 && file[0] == 0x1F && file[1] == 0x8B) {
+    const bool zipped = file.size() > 2 && file[0] == 0x1F && file[1] == 0x8B;
+    if (zipped) {
         unpacked = Inflated(file);
         file = unpacked;
     }
@@ -205,40 +277,12 @@ void DecodeFits(std::span<const unsigned char> file, PictureSink& sink) {
     const bool turned = bitPix == FLOAT_IMG;
     sink.Start({sides[0], sides[1], colour ? 3 : 1, asked.Kind, bitPix, turned});
 
-    const auto width = static_cast<std::size_t>(sides[0]);
-    const auto height = static_cast<std::size_t>(sides[1]);
-    const std::size_t rowBytes = width * asked.Bytes;
-    const std::size_t planeBytes = rowBytes * height;
-    const std::size_t planes = colour ? 3 : 1;
-    // An uncompressed image is converted in pieces that stay in the cache. A compressed one is
-    // converted whole, because its tiles may have any shape.
-    const std::size_t piece =
-        packed || colour ? height : std::clamp<std::size_t>((1 << 18) / rowBytes, 1, height);
-    const auto samples = std::make_unique_for_overwrite<unsigned char[]>(rowBytes * piece * planes);
-    std::vector<unsigned char> row(colour ? 3 * rowBytes : 0);
-    float noSingle = std::numeric_limits<float>::quiet_NaN();
-    double noDouble = std::numeric_limits<double>::quiet_NaN();
-    void* const none = asked.CfitsioType == TFLOAT    ? static_cast<void*>(&noSingle)
-                       : asked.CfitsioType == TDOUBLE ? static_cast<void*>(&noDouble)
-                                                      : nullptr;
-    for (std::size_t y = 0; y < height; y += piece) {
-        const std::size_t rows = std::min(piece, height - y);
-        long first[9] = {1, static_cast<long>(y) + 1, 1, 1, 1, 1, 1, 1, 1};
-        int anyNone = 0;
-        fits_read_pix(fits.get(), asked.CfitsioType, first,
-                      static_cast<LONGLONG>(width) * static_cast<LONGLONG>(rows * planes), none,
-                      samples.get(), &anyNone, &status);
-        if (status == NUM_OVERFLOW) status = 0;
-        if (status != 0) Fail(status);
-        for (std::size_t k = 0; k < rows; ++k) {
-            const unsigned char* at = samples.get() + k * rowBytes;
-            if (colour) {
-                Interleave(samples.get(), planeBytes, k * rowBytes, width, asked.Bytes, row);
-                at = row.data();
-            }
-            const std::size_t target = turned ? height - 1 - (y + k) : y + k;
-            sink.Row(static_cast<std::int64_t>(target), at);
-        }
+    bool flipped = false;
+    if (!packed && !zipped && IsPlain(fits.get(), bitPix, asked, flipped)) {
+        sink.Stored({static_cast<std::uint64_t>(start), true, colour, turned, flipped,
+                     bitPix == LONGLONG_IMG});
+    } else {
+        PassSamples(fits.get(), asked, sides, packed, colour, turned, sink);
     }
 
     std::set<std::string> passed;

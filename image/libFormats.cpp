@@ -11,6 +11,7 @@
 #include "image/libPicture.h"
 #include "image/libPictureBuilder.h"
 #include "image/libSBIG.h"
+#include "platform/libFileView.h"
 #include "platform/libFiles.h"
 #include "platform/libModule.h"
 #include "platform/libPlatform.h"
@@ -50,16 +51,16 @@ bool IsRaw(std::string_view start) {
 
 constexpr ImageFormat formats[] = {
     {"FITS", " FIT FITS FTS FZ GZ ", IsFits, ReadFitsFile, " FIT FITS FTS ", ImageType::Fits,
-     "fits", true},
+     "fits"},
     {"SBIG", " SBIG SBI ", IsSbig, ReadSbigFile, " SBIG SBI ", ImageType::Sbig, nullptr},
     // The misspelt extension has always been accepted, and callers rely on it.
     {"JPEG", " JPG JEPG JPEG JPE JFIF ", IsJpeg, ReadPictureFile, " JPG JEPG ", ImageType::Jpeg,
      nullptr},
     {"PNG", " PNG ", IsPng, nullptr, "", ImageType::Decoded, "png"},
-    {"TIFF", " TIF TIFF ", IsTiff, nullptr, "", ImageType::Decoded, "tiff", true},
+    {"TIFF", " TIF TIFF ", IsTiff, nullptr, "", ImageType::Decoded, "tiff"},
     {"XISF", " XISF ", IsXisf, nullptr, "", ImageType::Decoded, "xisf"},
     {"camera RAW", " DNG CR2 CR3 CRW NEF NRW ARW SR2 RAF ORF RW2 PEF SRW 3FR IIQ ", IsRaw, nullptr,
-     "", ImageType::Decoded, "raw", true},
+     "", ImageType::Decoded, "raw"},
 };
 
 std::string ExtensionOf(std::string_view path) {
@@ -72,38 +73,55 @@ bool Lists(std::string_view extensions, const std::string& extension) {
            extensions.find(" " + extension + " ") != std::string_view::npos;
 }
 
-/// The function that a module exports. `fault` stays empty when the picture was decoded.
+/// The functions that a module exports. `fault` stays empty when the picture was decoded.
+using ModuleVersion = const char*();
 using ModuleEntry = void(const unsigned char* bytes, std::size_t length, PictureSink& sink,
                          std::string& fault);
+
+/// The function that decodes a format; null when there is none, and then `reason` is a sentence.
+ModuleEntry* EntryOf(const ImageFormat& format, std::string& reason) {
+    const std::string module = std::string("decode-") + format.Decoder;
+    if (!HasModule(module)) {
+        reason = "This Vestrel was built without a decoder for it: save it as FITS or JPEG.";
+        return nullptr;
+    }
+    auto* const version =
+        reinterpret_cast<ModuleVersion*>(ModuleFunction(module, "VestrelDecoderVersion", reason));
+    auto* const entry =
+        reinterpret_cast<ModuleEntry*>(ModuleFunction(module, "VestrelDecode", reason));
+    if (!reason.empty()) {
+        reason = "Its decoder cannot be loaded: " + reason;
+    } else if (std::string_view(version()) != VESTREL_DECODER_VERSION) {
+        reason = "Its decoder is of another version of Vestrel: install Vestrel anew.";
+    }
+    return reason.empty() ? entry : nullptr;
+}
 
 void Decode(const ImageFormat& format, const std::filesystem::path& path, PlateImage& image,
             const Progress& progress) {
     std::string reason;
-    const std::string module = std::string("decode-") + format.Decoder;
-    auto* const entry =
-        reinterpret_cast<ModuleEntry*>(ModuleFunction(module, "VestrelDecode", reason));
-    if (entry == nullptr) {
-        throw DecodeFault(
-            HasModule(module)
-                ? "Its decoder cannot be loaded: " + reason
-                : "This Vestrel was built without a decoder for it: save it as FITS or JPEG.");
-    }
-    constexpr std::uint64_t longest = std::uint64_t{4} << 30;
-    std::vector<unsigned char> bytes;
-    if (!ReadWholeFile(path, longest, bytes)) {
+    ModuleEntry* const entry = EntryOf(format, reason);
+    if (entry == nullptr) throw DecodeFault(reason);
+    constexpr std::int64_t longest = std::int64_t{4} << 30;
+    const FileHandle file = OpenFile(path, "rb");
+    const std::int64_t length = file ? FileLength(file.get()) : -1;
+    if (length < 0 || length > longest) {
         throw DecodeFault("It cannot be opened, or has more than 4 GiB.");
     }
-    PictureBuilder builder(image, progress);
-    const auto decode = [&](PictureSink& sink) {
-        std::string fault;
-        entry(bytes.data(), bytes.size(), sink, fault);
-        return fault;
-    };
-    if (format.Apart) {
-        DecodeApart(decode, builder);
-    } else if (const std::string fault = decode(builder); !fault.empty()) {
-        throw DecodeFault(fault);
-    }
+    std::setvbuf(file.get(), nullptr, _IONBF, 0);  // it is read in large pieces
+    const FileView view(file.get(), static_cast<std::uint64_t>(length));
+    PictureBuilder builder(image, progress,
+                           [&file](std::uint64_t place, std::span<unsigned char> to) {
+                               return SeekFile(file.get(), place) &&
+                                      std::fread(to.data(), 1, to.size(), file.get()) == to.size();
+                           });
+    DecodeApart(
+        [&](PictureSink& sink) {
+            std::string fault;
+            entry(view.Bytes().data(), view.Bytes().size(), sink, fault);
+            return fault;
+        },
+        builder);
     builder.Finish();
     image.ImageType = ImageType::Decoded;
     image.Format = format.Name;
@@ -271,7 +289,8 @@ bool ReadImageFile(const std::filesystem::path& path, PlateImage& image, const P
 std::string ReadableFormats() {
     std::string list;
     for (const ImageFormat& format : formats) {
-        if (format.Read == nullptr && !HasModule(std::string("decode-") + format.Decoder)) continue;
+        std::string reason;
+        if (format.Read == nullptr && EntryOf(format, reason) == nullptr) continue;
         list.append(list.empty() ? "" : ", ").append(format.Name);
     }
     return list;

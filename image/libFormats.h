@@ -23,7 +23,6 @@ struct ImageFormat {
     const char* OwnExtensions;
     ImageType Type;       ///< of an image that `Read` has read
     const char* Decoder;  ///< the module that reads the format, or the rest of it; null: none
-    bool Apart = false;   ///< whether damaged files can crash the libraries of that module
 };
 
 inline constexpr std::size_t RecognisedLength = 512;

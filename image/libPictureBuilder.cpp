@@ -1,10 +1,9 @@
 #include "image/libPictureBuilder.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
-#include <functional>
-#include <limits>
-#include <span>
+#include <type_traits>
 #include <utility>
 
 #include "astro/libStrings.h"
@@ -18,111 +17,80 @@ namespace {
 
 /// Counts are stored minus this, as in 16-bit files.
 constexpr std::int32_t offset = 32768;
-constexpr double largestCount = 65535;
+constexpr std::int32_t largestCount = 65535;
 
 std::int32_t Stored(std::int32_t count) {
     return count - offset;
 }
 
+/// Calls `work` with the number of channels, which is a constant for the usual ones: only then
+/// loops over pixels are vectorised.
+template <typename Work>
+void WithChannels(int channels, const Work& work) {
+    if (channels == 1) return work(std::integral_constant<int, 1>());
+    if (channels == 3) return work(std::integral_constant<int, 3>());
+    work(channels);
+}
+
 template <typename Sample>
 void TakeCounts(const Sample* samples, int channels, std::int32_t* row, std::int32_t width) {
-    for (std::int32_t x = 0; x < width; ++x, samples += channels) {
-        std::int32_t count = samples[0];
-        if (channels >= 3) {
-            count += samples[1] + samples[2];
-            if constexpr (sizeof(Sample) > 1) count = (count + 1) / 3;
+    WithChannels(channels, [&](auto step) {
+        for (std::int32_t x = 0; x < width; ++x) {
+            const Sample* pixel = samples + std::ptrdiff_t{x} * step;
+            std::int32_t count = pixel[0];
+            if (step >= 3) {
+                count += pixel[1] + pixel[2];
+                if constexpr (sizeof(Sample) > 1) count = (count + 1) / 3;
+            }
+            row[x] = Stored(std::max(count, 0));
         }
-        row[x] = Stored(std::max(count, 0));
-    }
+    });
 }
 
-template <typename Sample>
-void TakeNumbers(const Sample* samples, int channels, Sample* numbers, std::int32_t width) {
-    for (std::int32_t x = 0; x < width; ++x, samples += channels) {
-        numbers[x] = channels >= 3 ? (samples[0] + samples[1] + samples[2]) / 3 : samples[0];
-    }
-}
-
-/// The range of the finite numbers of a picture.
-struct NumberRange {
-    double Least = std::numeric_limits<double>::infinity();
-    double Greatest = -std::numeric_limits<double>::infinity();
-    bool Whole = true;
-    bool AllFinite = true;
-};
-
-template <typename Number>
-NumberRange RangeOf(const std::vector<Number>& numbers) {
-    NumberRange range;
-    Number least = std::numeric_limits<Number>::infinity();
-    Number greatest = -least;
-    bool whole = true;
-    bool finite = true;
-    for (const Number number : numbers) {
-        if (!std::isfinite(number)) {
-            finite = false;
-            continue;
+/// As `TakeCounts`: one number a pixel, as the bits of a `Number`.
+template <typename Number, typename Sample, typename Cell>
+void TakeNumbers(const Sample* samples, int channels, Cell* cells, std::int32_t width) {
+    static_assert(sizeof(Number) == sizeof(Cell));
+    WithChannels(channels, [&](auto step) {
+        for (std::int32_t x = 0; x < width; ++x) {
+            const Sample* pixel = samples + std::ptrdiff_t{x} * step;
+            auto number = static_cast<Number>(pixel[0]);
+            if (step >= 3) {
+                number += static_cast<Number>(pixel[1]);
+                number += static_cast<Number>(pixel[2]);
+                number /= 3;
+            }
+            cells[x] = std::bit_cast<Cell>(number);
         }
-        least = std::min(least, number);
-        greatest = std::max(greatest, number);
-        whole = whole && number == std::trunc(number);
-    }
-    range = {static_cast<double>(least), static_cast<double>(greatest), whole, finite};
-    return range;
+    });
 }
 
-/// The median of some 40,000 evenly spaced finite numbers; 0 when there are none.
-template <typename Number>
-double SkyOf(const std::vector<Number>& numbers) {
-    constexpr std::size_t samples = 40009;
-    const std::size_t step = std::max<std::size_t>(1, numbers.size() / samples);
-    std::vector<Number> some;
-    for (std::size_t i = 0; i < numbers.size(); i += step) {
-        if (std::isfinite(numbers[i])) some.push_back(numbers[i]);
-    }
-    if (some.empty()) return 0;
-    const auto middle = some.begin() + static_cast<std::ptrdiff_t>(some.size() / 2);
-    std::nth_element(some.begin(), middle, some.end());
-    return static_cast<double>(*middle);
-}
-
-/// The k-th number, k from 1, in the order of `ahead` (the k-th greatest for std::greater) among
-/// the finite ones, or the last when there are fewer. At least one must be finite.
-template <typename Number, typename Ahead>
-double Extreme(const std::vector<Number>& numbers, std::size_t k, const Ahead& ahead) {
-    std::vector<Number> heap;  // the first k, with the last of them on top
-    for (const Number number : numbers) {
-        if (!std::isfinite(number)) continue;
-        if (heap.size() < k) {
-            heap.push_back(number);
-            std::push_heap(heap.begin(), heap.end(), ahead);
-        } else if (ahead(number, heap.front())) {
-            std::pop_heap(heap.begin(), heap.end(), ahead);
-            heap.back() = number;
-            std::push_heap(heap.begin(), heap.end(), ahead);
-        }
-    }
-    return static_cast<double>(heap.front());
+HeldAs HeldFor(const PictureShape& shape) {
+    if (shape.Kind == SampleKind::Float32) return HeldAs::Float32;
+    const bool colour = shape.Channels >= 3;  // whose mean need not be whole
+    if (shape.Kind == SampleKind::Int32 && !colour) return HeldAs::Int32;
+    if (shape.Kind == SampleKind::UInt32 && !colour) return HeldAs::UInt32;
+    return HeldAs::Float64;
 }
 
 /// How many pixels of a picture may have nothing to do with it.
-template <typename Number>
-std::size_t StraysAmong(const std::vector<Number>& numbers) {
+std::size_t StraysAmong(const PlateImage& image) {
     constexpr std::size_t pixelsPerStray = 50000;
-    return 1 + numbers.size() / pixelsPerStray;
+    return 1 + static_cast<std::size_t>(image.Width) * static_cast<std::size_t>(image.Height) /
+                   pixelsPerStray;
 }
 
 /// The range without the few pixels that do not belong to the picture: one defect of 1e9 would
 /// leave the stars no steps on a linear scale. The light of a star falls on many pixels, so its
 /// brightest pixel is never alone.
-template <typename Number>
-NumberRange WithoutStrays(NumberRange range, const std::vector<Number>& numbers) {
+NumberRange WithoutStrays(NumberRange range, const PictureNumbers& numbers,
+                          const PlateImage& image) {
     constexpr double alone = 200;  // times as far from the sky as everything but the strays
     constexpr double room = 2;
-    const std::size_t strays = StraysAmong(numbers);
-    const double sky = SkyOf(numbers);
-    const double greatest = Extreme(numbers, strays + 1, std::greater<>());
-    const double least = Extreme(numbers, strays + 1, std::less<>());
+    const std::size_t strays = StraysAmong(image);
+    const double sky = numbers.Sky(image.Pixels);
+    const double greatest = numbers.Greatest(strays + 1, image.Pixels);
+    const double least = numbers.Least(strays + 1, image.Pixels);
     const double reach = std::max(greatest - sky, sky - least);
     if (!(reach > 0)) return range;
     if (range.Greatest - sky > alone * reach) range.Greatest = sky + room * (greatest - sky);
@@ -131,11 +99,10 @@ NumberRange WithoutStrays(NumberRange range, const std::vector<Number>& numbers)
 }
 
 /// The range of fractions of which a few faulty pixels are above 1; else the range as it is.
-template <typename Number>
-NumberRange FractionsOf(NumberRange range, const std::vector<Number>& numbers) {
-    const double greatest = Extreme(numbers, 1 + StraysAmong(numbers), std::greater<>());
+NumberRange FractionsOf(NumberRange range, const PictureNumbers& numbers, const PlateImage& image) {
+    const double greatest = numbers.Greatest(1 + StraysAmong(image), image.Pixels);
     if (greatest > 1) return range;
-    const double sky = SkyOf(numbers);
+    const double sky = numbers.Sky(image.Pixels);
     range.Greatest = std::min(1.0, sky + 2 * (greatest - sky));
     return range;
 }
@@ -158,27 +125,17 @@ CountScale ScaleFor(const NumberRange& range, std::int32_t width, std::int32_t h
     return std::isnormal(factor) ? CountScale{range.Least, factor} : CountScale{0, 1};
 }
 
-template <typename Number>
-void MakeCounts(const std::vector<Number>& numbers, PlateImage& image) {
-    NumberRange range = RangeOf(numbers);
+void MakeCounts(const PictureNumbers& numbers, PlateImage& image) {
+    NumberRange range = numbers.Range();
     if (range.Least > range.Greatest) throw DecodeFault("None of its pixels is a number.");
-    if (range.Least < 0 || range.Greatest > largestCount) range = WithoutStrays(range, numbers);
-    if (range.Greatest > 1 && !range.Whole) range = FractionsOf(range, numbers);
-    const CountScale scale = ScaleFor(range, image.Width, image.Height);
-    image.Counts = scale;
-    // Adding it rounds halves to even; a call for each pixel would take several times as long.
-    constexpr double lastDigitIsOne = 6755399441055744.0;  // 1.5 × 2^52
-    const double sky = range.AllFinite ? 0 : SkyOf(numbers);
-    const Number* number = numbers.data();
-    for (std::int32_t y = 0; y < image.Height; ++y) {
-        std::int32_t* row = image.Pixels.Row(y).data();
-        for (std::int32_t x = 0; x < image.Width; ++x, ++number) {
-            const double value = std::isfinite(*number) ? static_cast<double>(*number) : sky;
-            const double count = (value - scale.Zero) * scale.Factor;
-            const double within = count < 0 ? 0.0 : count > largestCount ? largestCount : count;
-            row[x] = Stored(static_cast<std::int32_t>((within + lastDigitIsOne) - lastDigitIsOne));
-        }
+    if (range.Least < 0 || range.Greatest > largestCount) {
+        range = WithoutStrays(range, numbers, image);
     }
+    if (range.Greatest > 1 && !range.Whole) range = FractionsOf(range, numbers, image);
+    image.Counts = ScaleFor(range, image.Width, image.Height);
+    const double sky = range.AllFinite ? 0 : numbers.Sky(image.Pixels);
+    numbers.MakeCounts(image.Counts.Zero, image.Counts.Factor, sky, largestCount, offset,
+                       image.Pixels);
 }
 
 /// The card with its number freed from quotes, which some programs put around numbers; empty when
@@ -195,8 +152,8 @@ std::string WithoutQuotes(std::string_view card) {
 
 }  // namespace
 
-PictureBuilder::PictureBuilder(PlateImage& image, Progress progress)
-    : image_(image), progress_(std::move(progress)) {
+PictureBuilder::PictureBuilder(PlateImage& image, Progress progress, FileReader file)
+    : image_(image), progress_(std::move(progress)), file_(std::move(file)) {
     ClearHeader(image.Header);
 }
 
@@ -221,35 +178,53 @@ void PictureBuilder::Start(const PictureShape& shape) {
     image_.TopRowFirst = shape.TopRowFirst;
     const bool colour = shape.Channels >= 3;
     image_.LargestCount = shape.Kind != SampleKind::UInt8 ? 65535 : colour ? 3 * 255 : 255;
-    const auto pixels = static_cast<std::size_t>(shape.Width * shape.Height);
-    if (shape.Kind == SampleKind::Float32) singles_.resize(pixels);
-    if (shape.Kind == SampleKind::Float64) doubles_.resize(pixels);
+    collects_ = SampleBytes(shape.Kind) >= sizeof(std::int32_t);
+    if (collects_) numbers_ = PictureNumbers(HeldFor(shape), image_.Width, image_.Height);
 }
 
 void PictureBuilder::Row(std::int64_t y, const void* samples) {
     const auto at = static_cast<std::int32_t>(y);
     std::int32_t* row = image_.Pixels.Row(at).data();
     const std::int32_t width = image_.Width;
-    const std::size_t start = static_cast<std::size_t>(y) * static_cast<std::size_t>(width);
+    const int channels = shape_.Channels;
+    // Whole numbers stay what they are unless a mean of them is taken.
+    const auto take = [&](const auto* wholes) {
+        if (numbers_.Held() == HeldAs::Float64) {
+            TakeNumbers<double>(wholes, channels, numbers_.DoubleRow(at), width);
+        } else {
+            TakeNumbers<std::remove_cvref_t<decltype(*wholes)>>(wholes, channels, row, width);
+        }
+    };
     switch (shape_.Kind) {
         case SampleKind::UInt8:
-            TakeCounts(static_cast<const std::uint8_t*>(samples), shape_.Channels, row, width);
+            TakeCounts(static_cast<const std::uint8_t*>(samples), channels, row, width);
             break;
         case SampleKind::UInt16:
-            TakeCounts(static_cast<const std::uint16_t*>(samples), shape_.Channels, row, width);
+            TakeCounts(static_cast<const std::uint16_t*>(samples), channels, row, width);
             break;
         case SampleKind::Int16:
-            TakeCounts(static_cast<const std::int16_t*>(samples), shape_.Channels, row, width);
+            TakeCounts(static_cast<const std::int16_t*>(samples), channels, row, width);
+            break;
+        case SampleKind::Int32:
+            take(static_cast<const std::int32_t*>(samples));
+            break;
+        case SampleKind::UInt32:
+            take(static_cast<const std::uint32_t*>(samples));
             break;
         case SampleKind::Float32:
-            TakeNumbers(static_cast<const float*>(samples), shape_.Channels,
-                        singles_.data() + start, width);
+            TakeNumbers<float>(static_cast<const float*>(samples), channels, row, width);
             break;
         case SampleKind::Float64:
-            TakeNumbers(static_cast<const double*>(samples), shape_.Channels,
-                        doubles_.data() + start, width);
+            TakeNumbers<double>(static_cast<const double*>(samples), channels,
+                                numbers_.DoubleRow(at), width);
     }
+    if (collects_) numbers_.RowIsComplete(at, row);
     if (at % 16 == 0 && progress_) progress_(at, image_.Height);
+}
+
+void PictureBuilder::Stored(const StoredSamples& samples) {
+    if (!started_ || !file_) throw DecodeFault("Its pixels have no place.");
+    PassStoredRows(shape_, samples, file_, *this);
 }
 
 void PictureBuilder::Card(std::string_view card) {
@@ -297,8 +272,7 @@ void PictureBuilder::Orientation(int value) {
 
 void PictureBuilder::Finish() {
     if (!started_) throw DecodeFault("It holds no picture.");
-    if (shape_.Kind == SampleKind::Float32) MakeCounts(singles_, image_);
-    if (shape_.Kind == SampleKind::Float64) MakeCounts(doubles_, image_);
+    if (collects_) MakeCounts(numbers_, image_);
     ImageHeader& header = image_.Header;
     header.Cards[static_cast<std::size_t>(++header.CardCount)] = std::string("END").append(77, ' ');
     // The header fields describe the pixels as they are in memory.

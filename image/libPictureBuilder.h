@@ -2,11 +2,11 @@
 // header from cards of any kind.
 #pragma once
 
-#include <vector>
-
 #include "astro/libParallel.h"
 #include "image/libDecoder.h"
 #include "image/libImage.h"
+#include "image/libNumberRange.h"
+#include "image/libStoredRows.h"
 
 namespace vestrel {
 
@@ -28,10 +28,12 @@ inline constexpr std::int64_t MostPixels = std::int64_t{1} << 28;
 // NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor)
 class PictureBuilder final : public PictureSink {
  public:
-    PictureBuilder(PlateImage& image, Progress progress);
+    /// @param file reads the file that is decoded, for pictures whose samples are stored in it
+    PictureBuilder(PlateImage& image, Progress progress, FileReader file = {});
 
     void Start(const PictureShape& shape) override;
     void Row(std::int64_t y, const void* samples) override;
+    void Stored(const StoredSamples& samples) override;
     void Card(std::string_view card) override;
     void TextCard(std::string_view keyword, std::string_view text,
                   std::string_view comment) override;
@@ -47,8 +49,9 @@ class PictureBuilder final : public PictureSink {
     Progress progress_;
     PictureShape shape_;
     bool started_ = false;
-    std::vector<float> singles_;  ///< one number a pixel, for floating-point pictures
-    std::vector<double> doubles_;
+    FileReader file_;
+    bool collects_ = false;  ///< the samples are numbers whose range decides about the counts
+    PictureNumbers numbers_;
 };
 
 }  // namespace vestrel

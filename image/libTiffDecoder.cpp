@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "image/libDecoder.h"
@@ -142,15 +143,14 @@ SampleKind KindOf(const Layout& layout) {
     const bool isSigned = layout.Format == SAMPLEFORMAT_INT;
     if (layout.Bits == 8) return isSigned ? SampleKind::Int16 : SampleKind::UInt8;
     if (layout.Bits == 16) return isSigned ? SampleKind::Int16 : SampleKind::UInt16;
-    return SampleKind::Float64;
+    return isSigned ? SampleKind::Int32 : SampleKind::UInt32;
 }
 
-/// Converts rows of samples from libtiff to the kinds that the sink knows.
+/// Passes on rows of samples from libtiff in the kinds that the sink knows.
 class RowWriter {
  public:
     RowWriter(const Layout& layout, PictureSink& sink) : layout_(layout), sink_(sink) {
         const std::size_t samples = std::size_t{layout.Width} * layout.Channels;
-        if (layout.Bits == 32 && layout.Format != SAMPLEFORMAT_IEEEFP) wide_.resize(samples);
         if (layout.Bits == 8 && layout.Format == SAMPLEFORMAT_INT) short_.resize(samples);
     }
 
@@ -165,16 +165,7 @@ class RowWriter {
             }
         }
         const void* row = samples;
-        if (!wide_.empty()) {
-            for (std::size_t i = 0; i < count; ++i) {
-                std::uint32_t value = 0;
-                std::memcpy(&value, samples + 4 * i, 4);
-                wide_[i] = layout_.Format == SAMPLEFORMAT_INT
-                               ? static_cast<double>(static_cast<std::int32_t>(value))
-                               : static_cast<double>(value);
-            }
-            row = wide_.data();
-        } else if (!short_.empty()) {
+        if (!short_.empty()) {
             for (std::size_t i = 0; i < count; ++i) {
                 const int value = samples[i];
                 short_[i] = static_cast<std::int16_t>(value < 128 ? value : value - 256);
@@ -187,7 +178,6 @@ class RowWriter {
  private:
     const Layout& layout_;
     PictureSink& sink_;
-    std::vector<double> wide_;
     std::vector<std::int16_t> short_;
 };
 
@@ -243,12 +233,12 @@ class Pieces {
  private:
     tmsize_t ReadPiece(std::uint32_t x, std::uint32_t y, std::uint16_t plane) {
         const auto length = static_cast<tmsize_t>(piece_.size());
-        if (tiled_) {
-            return TIFFReadEncodedTile(tiff_, TIFFComputeTile(tiff_, x, y, 0, plane), piece_.data(),
-                                       length);
-        }
-        return TIFFReadEncodedStrip(tiff_, TIFFComputeStrip(tiff_, y, plane), piece_.data(),
-                                    length);
+        const std::uint32_t number =
+            tiled_ ? TIFFComputeTile(tiff_, x, y, 0, plane) : TIFFComputeStrip(tiff_, y, plane);
+        // Where the list of places ends too early, libtiff would read the start of the file.
+        if (TIFFGetStrileOffset(tiff_, number) == 0) throw DecodeFault("It lacks some pixels.");
+        return tiled_ ? TIFFReadEncodedTile(tiff_, number, piece_.data(), length)
+                      : TIFFReadEncodedStrip(tiff_, number, piece_.data(), length);
     }
 
     TIFF* tiff_;
@@ -286,6 +276,42 @@ void PassPixels(TIFF* tiff, const Layout& layout, const Source& source, PictureS
     }
 }
 
+/// The place of the samples when they lie in the file one after the other, as they are wanted.
+std::optional<std::uint64_t> PlaceOfPlain(TIFF* tiff, const Layout& layout,
+                                          std::uint64_t fileBytes) {
+    std::uint16_t fill = FILLORDER_MSB2LSB;
+    TIFFGetFieldDefaulted(tiff, TIFFTAG_FILLORDER, &fill);
+    const bool converted = (layout.Bits == 8 && layout.Format == SAMPLEFORMAT_INT) ||
+                           layout.Photometric == PHOTOMETRIC_MINISWHITE;
+    if (layout.Compression != COMPRESSION_NONE || TIFFIsTiled(tiff) != 0 || converted ||
+        fill != FILLORDER_MSB2LSB) {
+        return std::nullopt;
+    }
+    const bool planar = layout.Planar == PLANARCONFIG_SEPARATE && layout.Channels > 1;
+    const std::uint64_t rowBytes =
+        std::uint64_t{layout.Width} * (planar ? 1U : layout.Channels) * (layout.Bits / 8U);
+    std::uint32_t rowsOfStrip = 0;
+    TIFFGetFieldDefaulted(tiff, TIFFTAG_ROWSPERSTRIP, &rowsOfStrip);
+    rowsOfStrip = std::min(rowsOfStrip, layout.Height);
+    const std::uint64_t* places = nullptr;
+    if (rowsOfStrip == 0 || TIFFGetField(tiff, TIFFTAG_STRIPOFFSETS, &places) == 0 ||
+        places == nullptr) {
+        return std::nullopt;
+    }
+    const std::uint32_t strips = TIFFNumberOfStrips(tiff);
+    const std::uint32_t stripsOfPlane = (layout.Height - 1) / rowsOfStrip + 1;
+    const std::uint32_t planes = planar ? layout.Channels : 1U;
+    if (strips != stripsOfPlane * planes) return std::nullopt;
+    std::uint64_t end = places[0];
+    for (std::uint32_t n = 0; n < strips; ++n) {
+        const std::uint32_t above = n % stripsOfPlane * rowsOfStrip;
+        if (places[n] != end) return std::nullopt;
+        end += rowBytes * std::min(rowsOfStrip, layout.Height - above);
+    }
+    if (end < places[0] || end > fileBytes) return std::nullopt;
+    return places[0];
+}
+
 void PassText(TIFF* tiff, std::uint32_t tag, const char* keyword, PictureSink& sink) {
     const char* text = nullptr;
     if (TIFFGetField(tiff, tag, &text) != 0 && text != nullptr && *text != 0) {
@@ -306,7 +332,12 @@ void DecodeTiff(std::span<const unsigned char> file, PictureSink& sink) {
     sink.Start({layout.Width, layout.Height, layout.Channels, KindOf(layout),
                 floating ? -layout.Bits : layout.Bits, true});
     source.Error.clear();
-    PassPixels(tiff, layout, source, sink);
+    if (const auto place = PlaceOfPlain(tiff, layout, file.size())) {
+        sink.Stored({*place, TIFFIsBigEndian(tiff) != 0, layout.Planar == PLANARCONFIG_SEPARATE,
+                     false, false, false});
+    } else {
+        PassPixels(tiff, layout, source, sink);
+    }
 
     // The camera's facts are in tags of the file's first directory and of one to which it points.
     CameraFacts facts = ReadExif(file);

@@ -49,7 +49,7 @@ struct SampleFormat {
 };
 constexpr SampleFormat sampleFormats[] = {{"UInt8", 1, SampleKind::UInt8, 8},
                                           {"UInt16", 2, SampleKind::UInt16, 16},
-                                          {"UInt32", 4, SampleKind::Float64, 32},
+                                          {"UInt32", 4, SampleKind::UInt32, 32},
                                           {"Float32", 4, SampleKind::Float32, -32},
                                           {"Float64", 8, SampleKind::Float64, -64}};
 
@@ -123,9 +123,15 @@ bool UnpackBlock(std::string_view codec, std::span<const unsigned char> in,
                                static_cast<int>(out.size())) == static_cast<int>(out.size());
 }
 
-/// The samples of a packed picture, each byte in its place.
-std::vector<unsigned char> Unpacked(std::span<const unsigned char> data, const Layout& layout,
-                                    std::string_view compression, std::string_view subblocks) {
+/// The samples of a picture, which may be shuffled: then all first bytes of its items come first,
+/// then all second ones. The bytes after the last whole item are as they are.
+struct Samples {
+    std::unique_ptr<unsigned char[]> Bytes;
+    std::size_t ItemBytes = 1;
+};
+
+Samples Unpacked(std::span<const unsigned char> data, const Layout& layout,
+                 std::string_view compression, std::string_view subblocks) {
     const auto fields = Fields(compression, ':');
     std::string_view codec = fields[0];
     const bool shuffled = codec.ends_with("+sh");
@@ -138,12 +144,12 @@ std::vector<unsigned char> Unpacked(std::span<const unsigned char> data, const L
     if (fields.size() < 2 || WholeNumber(fields[1], "compression") != layout.Bytes()) {
         throw DecodeFault("Its compression does not fit its geometry.");
     }
-    std::vector<unsigned char> samples(layout.Bytes());
+    Samples samples{std::make_unique_for_overwrite<unsigned char[]>(layout.Bytes())};
+    std::span<unsigned char> out(samples.Bytes.get(), layout.Bytes());
     const auto damaged = [] { throw DecodeFault("Its pixels cannot be unpacked."); };
     if (subblocks.empty()) {
-        if (!UnpackBlock(codec, data, samples)) damaged();
+        if (!UnpackBlock(codec, data, out)) damaged();
     } else {
-        std::span<unsigned char> out = samples;
         for (const std::string_view block : Fields(subblocks, ':')) {
             const auto sizes = Fields(block, ',');
             if (sizes.size() != 2) damaged();
@@ -158,57 +164,86 @@ std::vector<unsigned char> Unpacked(std::span<const unsigned char> data, const L
         }
         if (!out.empty()) damaged();
     }
-    const std::size_t item =
-        shuffled && fields.size() >= 3 ? WholeNumber(fields[2], "compression") : std::size_t{1};
-    if (item > 1 && item <= sizeof(double)) {
-        std::vector<unsigned char> ordered(samples.size());
-        const std::size_t items = samples.size() / item;
-        for (std::size_t k = 0; k < item; ++k) {
-            for (std::size_t i = 0; i < items; ++i) ordered[i * item + k] = samples[k * items + i];
-        }
-        std::copy(samples.begin() + static_cast<std::ptrdiff_t>(items * item), samples.end(),
-                  ordered.begin() + static_cast<std::ptrdiff_t>(items * item));
-        samples = std::move(ordered);
+    if (shuffled && fields.size() >= 3) {
+        const std::uint64_t item = WholeNumber(fields[2], "compression");
+        if (item > 1 && item <= sizeof(double)) samples.ItemBytes = item;
     }
     return samples;
 }
 
-void PassRows(const unsigned char* samples, const Layout& layout, PictureSink& sink) {
+/// Copies unpacked bytes and puts them in order.
+class Ordered {
+ public:
+    Ordered(const Samples& samples, std::uint64_t bytes)
+        : from_(samples.Bytes.get()),
+          itemBytes_(samples.ItemBytes),
+          items_(bytes / itemBytes_),
+          whole_(items_ * itemBytes_) {}
+
+    /// Fills `out` with the bytes from `place` on.
+    void Copy(std::uint64_t place, std::span<unsigned char> out) const {
+        if (itemBytes_ == 2 && place % 2 == 0 && place + out.size() <= whole_) {
+            return CopyItems<2>(place, out);
+        }
+        if (itemBytes_ == 4 && place % 4 == 0 && place + out.size() <= whole_) {
+            return CopyItems<4>(place, out);
+        }
+        for (std::size_t i = 0; i < out.size(); ++i) {
+            const std::uint64_t at = place + i;
+            out[i] = from_[at < whole_ ? at % itemBytes_ * items_ + at / itemBytes_ : at];
+        }
+    }
+
+ private:
+    /// The same for whole items of a usual size.
+    template <std::size_t Bytes>
+    void CopyItems(std::uint64_t place, std::span<unsigned char> out) const {
+        const unsigned char* from = from_ + place / Bytes;
+        for (std::size_t i = 0; i < out.size() / Bytes; ++i) {
+            for (std::size_t k = 0; k < Bytes; ++k) out[i * Bytes + k] = from[k * items_ + i];
+        }
+        for (std::size_t i = out.size() / Bytes * Bytes; i < out.size(); ++i) {
+            out[i] = from[i % Bytes * items_ + i / Bytes];
+        }
+    }
+
+    const unsigned char* from_;
+    std::uint64_t itemBytes_;
+    std::uint64_t items_;
+    std::uint64_t whole_;
+};
+
+void PassRows(const Samples& samples, const Layout& layout, PictureSink& sink) {
+    const Ordered ordered(samples, layout.Bytes());
     const std::size_t bytes = layout.Format.Bytes;
     const std::size_t channels = layout.Channels >= 3 ? 3 : 1;
-    const std::size_t count = layout.Width * channels;
-    const std::size_t plane = layout.Width * layout.Height;
-    std::vector<unsigned char> row(count * bytes);
-    std::vector<double> wide(layout.Format.Name == "UInt32" ? count : 0);
+    const std::size_t planes = layout.Planar ? channels : 1;
+    // What is taken of a row: one plane after the other, or the samples of all channels.
+    const std::size_t part =
+        layout.Width * bytes * (layout.Planar ? 1 : static_cast<std::size_t>(layout.Channels));
+    std::vector<unsigned char> stored(part * planes);
+    std::vector<unsigned char> row(layout.Width * channels * bytes);
     for (std::size_t y = 0; y < layout.Height; ++y) {
-        if (layout.Channels == 1) {
-            std::memcpy(row.data(), samples + y * row.size(), row.size());
-        } else {
-            for (std::size_t x = 0; x < layout.Width; ++x) {
-                for (std::size_t c = 0; c < channels; ++c) {
-                    const std::size_t pixel = y * layout.Width + x;
-                    const std::size_t from =
-                        layout.Planar ? c * plane + pixel : pixel * layout.Channels + c;
-                    std::memcpy(row.data() + (x * channels + c) * bytes, samples + from * bytes,
-                                bytes);
-                }
-            }
+        for (std::size_t c = 0; c < planes; ++c) {
+            ordered.Copy((c * layout.Height + y) * part, std::span(stored).subspan(c * part, part));
         }
         if (layout.BigEndian) {
-            for (std::size_t i = 0; i < row.size(); i += bytes) {
-                std::reverse(row.data() + i, row.data() + i + bytes);
+            for (std::size_t i = 0; i < stored.size(); i += bytes) {
+                std::reverse(stored.data() + i, stored.data() + i + bytes);
             }
         }
-        if (wide.empty()) {
-            sink.Row(static_cast<std::int64_t>(y), row.data());
+        if (stored.size() == row.size() && (channels == 1 || !layout.Planar)) {
+            sink.Row(static_cast<std::int64_t>(y), stored.data());
             continue;
         }
-        for (std::size_t i = 0; i < count; ++i) {
-            std::uint32_t value = 0;
-            std::memcpy(&value, row.data() + 4 * i, 4);
-            wide[i] = value;
+        for (std::size_t x = 0; x < layout.Width; ++x) {
+            for (std::size_t c = 0; c < channels; ++c) {
+                const std::size_t from =
+                    layout.Planar ? c * part + x * bytes : (x * layout.Channels + c) * bytes;
+                std::memcpy(row.data() + (x * channels + c) * bytes, stored.data() + from, bytes);
+            }
         }
-        sink.Row(static_cast<std::int64_t>(y), wide.data());
+        sink.Row(static_cast<std::int64_t>(y), row.data());
     }
 }
 
@@ -289,15 +324,19 @@ void DecodeXisf(std::span<const unsigned char> file, PictureSink& sink) {
     if (compression.empty() && layout.Length < layout.Bytes()) {
         throw DecodeFault("It ends before its pixels do.");
     }
+    const bool packed = !compression.empty();
+    // Samples of more than three channels side by side are reduced to three when they are unpacked;
+    // stored ones are passed over by the sink.
+    const int channels = packed || layout.Planar ? (layout.Channels >= 3 ? 3 : 1)
+                                                 : static_cast<int>(layout.Channels);
     sink.Start({static_cast<std::int64_t>(layout.Width), static_cast<std::int64_t>(layout.Height),
-                layout.Channels >= 3 ? 3 : 1, layout.Format.Kind, layout.Format.BitPix, true});
-    const auto data = file.subspan(layout.Position, layout.Length);
-    if (compression.empty()) {
-        PassRows(data.data(), layout, sink);
+                channels, layout.Format.Kind, layout.Format.BitPix, true});
+    if (packed) {
+        const auto samples = Unpacked(file.subspan(layout.Position, layout.Length), layout,
+                                      compression, image.attribute("subblocks").value());
+        PassRows(samples, layout, sink);
     } else {
-        const auto samples =
-            Unpacked(data, layout, compression, image.attribute("subblocks").value());
-        PassRows(samples.data(), layout, sink);
+        sink.Stored({layout.Position, layout.BigEndian, layout.Planar, false, false, false});
     }
     PassCards(image, sink);
     if (image.next_sibling("Image")) sink.Remark("Of several pictures the first was read.");

@@ -28,8 +28,9 @@ SampleForm FormOf(SampleType type) {
         case SampleType::Int16:
             return {SampleKind::Int16, 2, 16};
         case SampleType::UInt32:
+            return {SampleKind::UInt32, 4, 32};
         case SampleType::Int32:
-            return {SampleKind::Float64, 4, 32};
+            return {SampleKind::Int32, 4, 32};
         case SampleType::Float32:
             return {SampleKind::Float32, 4, -32};
         case SampleType::Float64:
@@ -53,13 +54,6 @@ void TakeCards(const std::vector<std::string>& cards, PictureBuilder& builder) {
     }
 }
 
-/// Converts 32-bit whole numbers to doubles, which hold them exactly.
-template <typename Sample>
-void Widen(const void* samples, std::vector<double>& wide) {
-    const auto* from = static_cast<const Sample*>(samples);
-    std::copy(from, from + wide.size(), wide.begin());
-}
-
 }  // namespace
 
 void ImageFromPixels(const PixelPicture& picture, const Progress& progress, PlateImage& image) {
@@ -78,13 +72,9 @@ void ImageFromPixels(const PixelPicture& picture, const Progress& progress, Plat
     builder.Start({picture.Width, picture.Height, picture.Channels, form.Kind, form.BitPix,
                    picture.TopRowFirst});
     TakeCards(picture.Cards, builder);
-    const bool whole = picture.Type == SampleType::UInt32 || picture.Type == SampleType::Int32;
-    std::vector<double> wide(whole ? samples : 0);
     const auto* row = static_cast<const unsigned char*>(picture.Samples);
     for (std::int64_t y = 0; y < picture.Height; ++y, row += rowBytes) {
-        if (picture.Type == SampleType::UInt32) Widen<std::uint32_t>(row, wide);
-        if (picture.Type == SampleType::Int32) Widen<std::int32_t>(row, wide);
-        builder.Row(y, whole ? static_cast<const void*>(wide.data()) : row);
+        builder.Row(y, row);
     }
     builder.Finish();
     image.ImageType = ImageType::Decoded;

@@ -162,33 +162,63 @@ class Formats(unittest.TestCase):
                     "Unable to read the image file."
                 self.assertIn(part, err)
 
+    def installed_with(self, modules):
+        """The program in a folder of its own, with these modules: name to the module's bytes."""
+        place = self.folder / "-".join(["installed", *modules])
+        (place / "bin").mkdir(parents=True)
+        (place / "lib/vestrel").mkdir(parents=True)
+        shutil.copy(SOLVER, place / "bin")
+        for name, data in modules.items():
+            (place / f"lib/vestrel/decode-{name}.so").write_bytes(data)
+        return place / "bin" / SOLVER.name
+
+    @staticmethod
+    def module(name):
+        return next((SOLVER.parent.parent / "lib/vestrel").glob(f"decode-{name}.*")).read_bytes()
+
+    @staticmethod
+    def readable(solver):
+        return subprocess.run([solver, "--version"], capture_output=True, check=True, text=True).stdout
+
+    NAMES = {"fits": "FITS", "png": "PNG", "tiff": "TIFF", "xisf": "XISF", "raw": "camera RAW"}
+    # Files of which only a decoder knows that they are damaged.
+    SAMPLES = {"png": ("a.png", forged_png()), "tiff": ("a.tif", forged_tiff()),
+               "xisf": ("a.xisf", forged_xisf())}
+
     def test_without_a_decoder_the_others_are_read_and_the_version_says_which(self):
-        names = {"fits": "FITS", "png": "PNG", "tiff": "TIFF", "xisf": "XISF", "raw": "camera RAW"}
-        samples = {"png": ("a.png", forged_png()), "tiff": ("a.tif", forged_tiff()),
-                   "xisf": ("a.xisf", forged_xisf())}
-        modules = SOLVER.parent.parent / "lib/vestrel"
         for left_out in DECODERS:
             with self.subTest(left_out):
-                place = self.folder / left_out
-                (place / "bin").mkdir(parents=True)
-                (place / "lib/vestrel").mkdir(parents=True)
-                shutil.copy(SOLVER, place / "bin")
-                for name in DECODERS:
-                    if name != left_out:
-                        os.symlink(next(modules.glob(f"decode-{name}.*")),
-                                   place / "lib/vestrel" / next(modules.glob(f"decode-{name}.*")).name)
-                solver = place / "bin" / SOLVER.name
-                version = subprocess.run([solver, "--version"], capture_output=True, check=True,
-                                         text=True).stdout
+                solver = self.installed_with(
+                    {name: self.module(name) for name in DECODERS if name != left_out})
+                version = self.readable(solver)
                 for name in DECODERS:
                     there = name != left_out or name == "fits"  # which has a reader of its own too
-                    self.assertEqual(names[name] in version, there, version)
-                if left_out in samples:
-                    code, _, err, _ = self.info(*samples[left_out], solver=solver)
+                    self.assertEqual(self.NAMES[name] in version, there, version)
+                if left_out in self.SAMPLES:
+                    code, _, err, _ = self.info(*self.SAMPLES[left_out], solver=solver)
                     self.assertEqual(code, NO_IMAGE)
                     self.assertIn("without a decoder for it: save it as", err)
                 code, _, err, _ = self.info("small.jpg", self.small_jpeg(), solver)
                 self.assertEqual(code, 0, err)
+
+    def test_a_decoder_of_another_version_or_a_damaged_one_is_not_used(self):
+        for name in (name for name in DECODERS if name in self.SAMPLES):
+            good = self.module(name)
+            stamp = good.index(b"vestrel-decoder ")
+            end = good.index(b"\0", stamp)
+            self.assertGreater(end - stamp, 20)
+            for change, module, words in [
+                    ("version", good[:end - 1] + b"~" + good[end:], "another version of Vestrel"),
+                    ("name", good.replace(b"VestrelDecoderVersion", b"VestrelDecoderVersioX"),
+                     "cannot be loaded"),
+                    ("content", b"no module", "cannot be loaded")]:
+                with self.subTest(decoder=name, change=change):
+                    shutil.rmtree(self.folder / f"installed-{name}", ignore_errors=True)
+                    solver = self.installed_with({name: module})
+                    self.assertNotIn(self.NAMES[name], self.readable(solver))
+                    code, _, err, _ = self.info(*self.SAMPLES[name], solver=solver)
+                    self.assertEqual(code, NO_IMAGE)
+                    self.assertIn(words, err)
 
 
 if __name__ == "__main__":

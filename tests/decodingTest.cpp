@@ -1,0 +1,512 @@
+// From the samples of a decoder to counts: fast kernels against plain ones, and the process in
+// which decoders run.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <numeric>
+
+#include "image/libApartDecoder.h"
+#include "image/libPictureBuilder.h"
+#include "tests/testSupport.h"
+#include "tests/vectorsForNow.h"
+
+namespace vestrel {
+namespace {
+
+/// Samples of a kind from numbers that it can hold.
+std::vector<unsigned char> SamplesOf(SampleKind kind, std::span<const double> numbers) {
+    std::vector<unsigned char> bytes(numbers.size() * SampleBytes(kind));
+    const auto put = [&](auto sample, std::size_t i) {
+        std::memcpy(bytes.data() + i * sizeof sample, &sample, sizeof sample);
+    };
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+        const double number = numbers[i];
+        switch (kind) {
+            case SampleKind::UInt8:
+                put(static_cast<std::uint8_t>(number), i);
+                break;
+            case SampleKind::UInt16:
+                put(static_cast<std::uint16_t>(number), i);
+                break;
+            case SampleKind::Int16:
+                put(static_cast<std::int16_t>(number), i);
+                break;
+            case SampleKind::Int32:
+                put(static_cast<std::int32_t>(number), i);
+                break;
+            case SampleKind::UInt32:
+                put(static_cast<std::uint32_t>(number), i);
+                break;
+            case SampleKind::Float32:
+                put(static_cast<float>(number), i);
+                break;
+            case SampleKind::Float64:
+                put(number, i);
+        }
+    }
+    return bytes;
+}
+
+// The conversion to counts as it would be written without regard to time: every number of the
+// picture in one list, which is sorted whenever an order is needed.
+namespace plainly {
+
+struct Counts {
+    CountScale Scale;
+    std::vector<std::int32_t> Values;
+};
+
+double Sky(const std::vector<double>& numbers) {
+    const std::size_t step = std::max<std::size_t>(1, numbers.size() / 40009);
+    std::vector<double> some;
+    for (std::size_t i = 0; i < numbers.size(); i += step) {
+        if (std::isfinite(numbers[i])) some.push_back(numbers[i]);
+    }
+    std::sort(some.begin(), some.end());
+    return some.empty() ? 0 : some[some.size() / 2];
+}
+
+Counts CountsOf(const std::vector<double>& numbers, std::int32_t width, std::int32_t height) {
+    std::vector<double> sorted;
+    std::copy_if(numbers.begin(), numbers.end(), std::back_inserter(sorted),
+                 [](double number) { return std::isfinite(number); });
+    std::sort(sorted.begin(), sorted.end());
+    const bool whole = std::all_of(sorted.begin(), sorted.end(),
+                                   [](double number) { return number == std::trunc(number); });
+    const std::size_t strays = 1 + numbers.size() / 50000;
+    const std::size_t last = std::min(strays, sorted.size() - 1);
+    const double sky = Sky(numbers);
+    double least = sorted.front();
+    double greatest = sorted.back();
+    const double usualGreatest = sorted[sorted.size() - 1 - last];
+    const double usualLeast = sorted[last];
+    if (least < 0 || greatest > 65535) {
+        const double reach = std::max(usualGreatest - sky, sky - usualLeast);
+        if (reach > 0 && greatest - sky > 200 * reach) greatest = sky + 2 * (usualGreatest - sky);
+        if (reach > 0 && sky - least > 200 * reach) least = sky - 2 * (sky - usualLeast);
+    }
+    if (greatest > 1 && !whole && usualGreatest <= 1) {
+        greatest = std::min(1.0, sky + 2 * (usualGreatest - sky));
+    }
+    Counts counts;
+    const bool areCounts = least >= 0 && greatest <= 65535;
+    const bool fractions = areCounts && greatest <= 2 && !whole && width >= 100 && height >= 100;
+    if (fractions && greatest <= 1 && greatest * 65535 >= 8192) {
+        counts.Scale = {0, 65535};
+    } else if ((!areCounts || fractions) && greatest > least) {
+        const double factor = 65535 / (greatest - least);
+        if (std::isnormal(factor)) counts.Scale = {least, factor};
+    }
+    for (const double number : numbers) {
+        const double value = std::isfinite(number) ? number : sky;
+        const double count = (value - counts.Scale.Zero) * counts.Scale.Factor;
+        counts.Values.push_back(
+            static_cast<std::int32_t>(std::nearbyint(std::clamp(count, 0.0, 65535.0))));
+    }
+    return counts;
+}
+
+}  // namespace plainly
+
+struct Size {
+    std::int32_t Width;
+    std::int32_t Height;
+};
+
+/// A picture of one channel, built row by row.
+PlateImage Built(SampleKind kind, Size size, std::span<const double> numbers, int channels = 1) {
+    PlateImage image;
+    PictureBuilder builder(image, {});
+    builder.Start({size.Width, size.Height, channels, kind, 16, true});
+    const std::size_t row =
+        static_cast<std::size_t>(size.Width) * static_cast<std::size_t>(channels);
+    for (std::int32_t y = 0; y < size.Height; ++y) {
+        const auto samples =
+            SamplesOf(kind, numbers.subspan(static_cast<std::size_t>(y) * row, row));
+        builder.Row(y, samples.data());
+    }
+    builder.Finish();
+    return image;
+}
+
+std::vector<std::int32_t> CountsIn(const PlateImage& image) {
+    std::vector<std::int32_t> counts;
+    for (std::int32_t y = 0; y < image.Height; ++y) {
+        for (std::int32_t x = 0; x < image.Width; ++x) {
+            counts.push_back(image.Pixels(x, y) + image.DataOffset);
+        }
+    }
+    return counts;
+}
+
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+constexpr double inf = std::numeric_limits<double>::infinity();
+
+/// What pictures hold: each makes the number at a place.
+struct Content {
+    const char* Name;
+    std::function<double(std::size_t i, std::uint32_t random)> Number;
+};
+const Content contents[] = {
+    {"counts", [](std::size_t, std::uint32_t r) { return r % 60000; }},
+    {"counts with halves", [](std::size_t, std::uint32_t r) { return r % 131000 / 2.0; }},
+    {"fractions", [](std::size_t, std::uint32_t r) { return r % 9973 / 9973.0; }},
+    {"dark fractions", [](std::size_t, std::uint32_t r) { return r % 997 / 99700.0; }},
+    {"fractions above 1", [](std::size_t, std::uint32_t r) { return r % 997 / 900.0; }},
+    {"fractions and a defect",
+     [](std::size_t i, std::uint32_t r) { return i == 777 ? 3.5 : r % 997 / 2000.0; }},
+    {"wide", [](std::size_t, std::uint32_t r) { return r % 2000000000U - 1e6; }},
+    {"wide with defects of both signs",
+     [](std::size_t i, std::uint32_t r) {
+         return i == 55 ? 2e9 : i == 99 ? -2e9 : 100000.0 + r % 1000;
+     }},
+    {"all saturated", [](std::size_t, std::uint32_t) { return 1e6; }},
+    {"half saturated", [](std::size_t, std::uint32_t r) { return r % 2 == 0 ? 1e6 : r % 1000; }},
+    {"a frame without numbers",
+     [](std::size_t i, std::uint32_t r) { return i < 700 ? nan : r % 50000 / 7.0; }},
+    {"infinite pixels",
+     [](std::size_t i, std::uint32_t r) {
+         return i % 97 == 0 ? (r % 2 == 0 ? inf : -inf) : r % 900;
+     }},
+    {"beyond every whole number",
+     [](std::size_t, std::uint32_t r) { return 4503599627370497.0 * (1 + r % 5); }},
+    {"negative zeros", [](std::size_t i, std::uint32_t r) { return i % 2 == 0 ? -0.0 : r % 10; }},
+};
+
+TEST(Counts, AreThoseOfThePlainProcedureForEveryKindOfNumberAndEveryContent) {
+    // Widths about the length of a block and of vectors; heights about those of bands.
+    constexpr Size sizes[] = {{1, 1},   {3, 2},     {100, 100}, {511, 5},
+                              {512, 7}, {513, 101}, {1029, 3},  {7, 100}};
+    struct Kind {
+        SampleKind Sample;
+        double Least, Greatest;
+        bool Whole;
+    };
+    constexpr Kind kinds[] = {{SampleKind::Int32, -2147483648.0, 2147483647.0, true},
+                              {SampleKind::UInt32, 0, 4294967295.0, true},
+                              {SampleKind::Float32, -inf, inf, false},
+                              {SampleKind::Float64, -inf, inf, false}};
+    std::minstd_rand random(5);
+    for (const Kind& kind : kinds) {
+        for (const Content& content : contents) {
+            for (const Size size : sizes) {
+                std::vector<double> numbers(static_cast<std::size_t>(size.Width) *
+                                            static_cast<std::size_t>(size.Height));
+                for (std::size_t i = 0; i < numbers.size(); ++i) {
+                    double number = content.Number(i, static_cast<std::uint32_t>(random()));
+                    if (kind.Whole) {
+                        number = std::isfinite(number) ? std::trunc(number) : 0;
+                        number = std::clamp(number, kind.Least, kind.Greatest);
+                    }
+                    if (kind.Sample == SampleKind::Float32) {
+                        number = static_cast<double>(static_cast<float>(number));
+                    }
+                    numbers[i] = number;
+                }
+                const bool any = std::any_of(numbers.begin(), numbers.end(),
+                                             [](double number) { return std::isfinite(number); });
+                if (!any) continue;
+                const plainly::Counts expected =
+                    plainly::CountsOf(numbers, size.Width, size.Height);
+                for (const bool plain : {false, true}) {
+                    const VectorsForNow vectors(plain);
+                    const PlateImage image = Built(kind.Sample, size, numbers);
+                    SCOPED_TRACE(std::string(content.Name) + ", kind " +
+                                 std::to_string(static_cast<int>(kind.Sample)) + ", " +
+                                 std::to_string(size.Width) + " x " + std::to_string(size.Height) +
+                                 (plain ? ", plain" : ""));
+                    ASSERT_EQ(image.Counts.Zero, expected.Scale.Zero);
+                    ASSERT_EQ(image.Counts.Factor, expected.Scale.Factor);
+                    ASSERT_EQ(CountsIn(image), expected.Values);
+                }
+            }
+        }
+    }
+}
+
+TEST(Counts, OfColoursAreTheirMeanAndOfBytesTheirSum) {
+    constexpr Size size{101, 3};
+    constexpr std::size_t pixels = 101 * 3;
+    std::minstd_rand random(3);
+    for (const int channels : {1, 2, 3, 4, 5}) {
+        const auto step = static_cast<std::size_t>(channels);
+        std::vector<double> numbers(pixels * step);
+        for (double& number : numbers) number = static_cast<double>(random() % 120);
+        for (int n = 0; n < SampleKinds; ++n) {
+            const auto kind = static_cast<SampleKind>(n);
+            const auto counts = CountsIn(Built(kind, size, numbers, channels));
+            for (std::size_t i = 0; i < pixels; ++i) {
+                const double* at = &numbers[i * step];
+                const double sum = channels < 3 ? at[0] : at[0] + at[1] + at[2];
+                const bool summed = channels < 3 || kind == SampleKind::UInt8;
+                ASSERT_EQ(counts[i], std::nearbyint(summed ? sum : sum / 3))
+                    << n << ": " << channels << " channels, pixel " << i;
+            }
+        }
+    }
+}
+
+TEST(Counts, NeedANumberAndAPicture) {
+    EXPECT_THROW(Built(SampleKind::Float32, {2, 1}, std::vector<double>{nan, inf}), DecodeFault);
+    EXPECT_THROW(Built(SampleKind::Float64, {2, 1}, std::vector<double>{-inf, nan}), DecodeFault);
+    PlateImage image;
+    PictureBuilder builder(image, {});
+    EXPECT_THROW(builder.Stored({}), DecodeFault);
+    EXPECT_THROW(builder.Finish(), DecodeFault);
+}
+
+/// A file that holds the samples of `rows` as `stored` says, after some other bytes.
+std::string FileOf(const PictureShape& shape, StoredSamples& stored,
+                   const std::vector<unsigned char>& rows) {
+    const std::size_t bytes = SampleBytes(shape.Kind);
+    const auto width = static_cast<std::size_t>(shape.Width);
+    const auto height = static_cast<std::size_t>(shape.Height);
+    const auto channels = static_cast<std::size_t>(shape.Channels);
+    std::string file = "header";
+    stored.Start = file.size();
+    std::string samples(rows.size(), '\0');
+    for (std::size_t y = 0; y < height; ++y) {
+        for (std::size_t x = 0; x < width; ++x) {
+            for (std::size_t c = 0; c < channels; ++c) {
+                const std::size_t row = stored.LastRowFirst ? height - 1 - y : y;
+                const std::size_t place = stored.Planar ? (c * height + row) * width + x
+                                                        : (row * width + x) * channels + c;
+                char* to = &samples[place * bytes];
+                std::memcpy(to, &rows[((y * width + x) * channels + c) * bytes], bytes);
+                if (stored.TopBitFlipped) to[bytes - 1] = static_cast<char>(to[bytes - 1] ^ 0x80);
+                if (stored.BigEndian) std::reverse(to, to + bytes);
+            }
+        }
+    }
+    return file + samples + "tail";
+}
+
+FileReader ReaderOf(const std::string& file) {
+    return [&file](std::uint64_t place, std::span<unsigned char> to) {
+        if (place > file.size() || to.size() > file.size() - place) return false;
+        std::copy_n(file.begin() + static_cast<std::ptrdiff_t>(place), to.size(), to.begin());
+        return true;
+    };
+}
+
+TEST(StoredSamples, InEveryOrderOfBytesRowsAndPlanesGiveThePictureOfDecodedRows) {
+    std::minstd_rand random(11);
+    int checked = 0;
+    for (int n = 0; n < SampleKinds; ++n) {
+        const auto kind = static_cast<SampleKind>(n);
+        for (const int channels : {1, 2, 3, 4}) {
+            // Several pieces, and rows that are longer than a piece.
+            for (const Size size : {Size{37, 5}, Size{700, 100}, Size{32767, 2}}) {
+                if (size.Width * channels > 100000 && kind != SampleKind::Float64) continue;
+                std::vector<double> numbers(static_cast<std::size_t>(size.Width) *
+                                            static_cast<std::size_t>(size.Height * channels));
+                for (double& number : numbers) number = static_cast<double>(random() % 127);
+                const PlateImage expected = Built(kind, size, numbers, channels);
+                const auto rows = SamplesOf(kind, numbers);
+                for (unsigned bits = 0; bits < 16; ++bits) {
+                    if (size.Width > 37 && bits % 5 != 0) continue;
+                    const PictureShape shape{size.Width, size.Height, channels, kind, 16, true};
+                    StoredSamples stored;
+                    stored.BigEndian = (bits & 1) != 0;
+                    stored.Planar = (bits & 2) != 0;
+                    stored.LastRowFirst = (bits & 4) != 0;
+                    stored.TopBitFlipped = (bits & 8) != 0;
+                    const std::string file = FileOf(shape, stored, rows);
+                    const VectorsForNow vectors(bits % 3 == 0);
+                    PlateImage image;
+                    PictureBuilder builder(image, {}, ReaderOf(file));
+                    builder.Start(shape);
+                    builder.Stored(stored);
+                    builder.Finish();
+                    ASSERT_EQ(CountsIn(image), CountsIn(expected))
+                        << n << ": " << channels << " channels, form " << bits;
+                    ++checked;
+                }
+            }
+        }
+    }
+    EXPECT_GT(checked, 300);
+}
+
+TEST(StoredSamples, OfSixtyFourBitsAreTakenForNumbersAndAFileThatEndsTooEarlyIsRefused) {
+    constexpr std::int64_t numbers[] = {0, 1, 65535, 70000, -5, std::int64_t{1} << 40};
+    std::string file;
+    for (const std::int64_t number : numbers) {
+        for (int byte = 7; byte >= 0; --byte) file += static_cast<char>(number >> (8 * byte));
+    }
+    const auto read = [](const std::string& bytes) {
+        PlateImage image;
+        PictureBuilder builder(image, {}, ReaderOf(bytes));
+        builder.Start({3, 2, 1, SampleKind::Float64, 64, false});
+        builder.Stored({0, true, false, false, false, true});
+        builder.Finish();
+        return image;
+    };
+    const std::vector<double> expected(std::begin(numbers), std::end(numbers));
+    EXPECT_EQ(CountsIn(read(file)), plainly::CountsOf(expected, 3, 2).Values);
+    file.pop_back();
+    EXPECT_THROW(read(file), DecodeFault);
+}
+
+#ifndef _WIN32  // where decoders run in this process
+
+/// Everything that a sink was told, as text.
+class Recorder final : public PictureSink {  // NOLINT(*-virtual-class-destructor): final
+ public:
+    void Start(const PictureShape& shape) override {
+        shape_ = shape;
+        Told += "start " + std::to_string(shape.Width) + "x" + std::to_string(shape.Height) + "x" +
+                std::to_string(shape.Channels) + (shape.TopRowFirst ? " top\n" : "\n");
+    }
+    void Row(std::int64_t y, const void* samples) override {
+        const auto* bytes = static_cast<const unsigned char*>(samples);
+        const std::size_t length =
+            static_cast<std::size_t>(shape_.Width * shape_.Channels) * SampleBytes(shape_.Kind);
+        Told += "row " + std::to_string(y) + " " +
+                std::to_string(std::accumulate(
+                    bytes, bytes + length, std::uint64_t{0},
+                    [](std::uint64_t sum, unsigned char byte) { return sum * 1000003 + byte; })) +
+                "\n";
+    }
+    void Stored(const StoredSamples& samples) override {
+        Told += "stored " + std::to_string(samples.Start) + (samples.BigEndian ? " big" : "") +
+                (samples.Planar ? " planar" : "") + (samples.LastRowFirst ? " last" : "") +
+                (samples.TopBitFlipped ? " flipped" : "") +
+                (samples.WholeNumbers ? " whole\n" : "\n");
+    }
+    void Card(std::string_view card) override { Told.append("card ").append(card).append("\n"); }
+    void TextCard(std::string_view keyword, std::string_view text,
+                  std::string_view comment) override {
+        Told.append(keyword).append("=").append(text).append("/").append(comment).append("\n");
+    }
+    void NumberCard(std::string_view keyword, double value, std::string_view comment) override {
+        TextCard(keyword, std::to_string(value), comment);
+    }
+    void Remark(std::string text) override { Told += "remark " + text + "\n"; }
+    void Orientation(int value) override { Told += "turn " + std::to_string(value) + "\n"; }
+
+    std::string Told;
+
+ private:
+    PictureShape shape_;
+};
+
+/// A picture larger than all shared memory, and every kind of call about it.
+std::string TellAll(PictureSink& sink) {
+    sink.Start({9001, 60, 3, SampleKind::UInt16, 16, false});
+    std::vector<std::uint16_t> row(9001 * 3);
+    for (int y = 59; y >= 0; --y) {
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            row[i] = static_cast<std::uint16_t>(i * 31 + static_cast<std::size_t>(y) * 7);
+        }
+        sink.Row(y, row.data());
+    }
+    sink.Card("SIMPLE  = T");
+    sink.TextCard("OBJECT", "M 31", "a galaxy");
+    sink.NumberCard("EXPTIME", 2.5, "");
+    sink.Remark("Something was left out.");
+    sink.Orientation(6);
+    sink.Stored({1234567890123, true, false, true, false, true});
+    sink.Stored({5, false, true, false, true, false});
+    return {};
+}
+
+TEST(DecodingApart, TellsTheParentWhatTheDecoderTold) {
+    Recorder here;
+    TellAll(here);
+    Recorder apart;
+    DecodeApart(TellAll, apart);
+    EXPECT_EQ(apart.Told, here.Told);
+    EXPECT_GT(here.Told.size(), 1000U);
+}
+
+TEST(DecodingApart, EndsInAFaultHoweverTheDecoderEnds) {
+    const PictureShape shape{100, 100, 1, SampleKind::UInt8, 8, true};
+    const std::vector<unsigned char> row(100, 7);
+    const auto fault = [](const DecodeCall& decode) -> std::string {
+        Recorder sink;
+        try {
+            DecodeApart(decode, sink);
+        } catch (const DecodeFault& caught) {
+            return caught.what();
+        }
+        return "none";
+    };
+    EXPECT_EQ(fault([&](PictureSink& sink) {
+                  sink.Start(shape);
+                  sink.Row(0, row.data());
+                  return "It is damaged.";
+              }),
+              "It is damaged.");
+    const std::string broken = "Its packed pixels are damaged: the decoder broke off.";
+    const std::vector<DecodeCall> ends = {
+        [](PictureSink&) -> std::string { std::abort(); },
+        [](PictureSink&) -> std::string { std::_Exit(0); },
+        [](PictureSink&) -> std::string { throw 5; },
+        [&](PictureSink& sink) -> std::string {
+            sink.Start(shape);
+            sink.Row(0, row.data());
+            raise(SIGSEGV);
+            return {};
+        },
+        // What a decoder that has lost its way might tell.
+        [&](PictureSink& sink) -> std::string {
+            sink.Start(shape);
+            sink.Row(100, row.data());
+            return {};
+        },
+        [&](PictureSink& sink) -> std::string {
+            sink.Start(shape);
+            sink.Start(shape);
+            return {};
+        },
+        [](PictureSink& sink) -> std::string {
+            sink.Start({std::int64_t{1} << 40, 1, 1, SampleKind::UInt8, 8, true});
+            return {};
+        },
+        [](PictureSink& sink) -> std::string {
+            const std::string text(1 << 20, 'x');
+            for (int n = 0; n < 100; ++n) sink.Remark(text);
+            return {};
+        }};
+    for (std::size_t n = 0; n < ends.size(); ++n) EXPECT_EQ(fault(ends[n]), broken) << n;
+}
+
+/// Does not want what it is told.
+class Refuser final : public PictureSink {  // NOLINT(*-virtual-class-destructor): final
+ public:
+    void Start(const PictureShape& /*shape*/) override {}
+    void Row(std::int64_t y, const void* /*samples*/) override {
+        if (y == 3) throw DecodeFault("Enough.");
+    }
+    void Stored(const StoredSamples& /*samples*/) override {}
+    void Card(std::string_view /*card*/) override {}
+    void TextCard(std::string_view /*keyword*/, std::string_view /*text*/,
+                  std::string_view /*comment*/) override {}
+    void NumberCard(std::string_view /*keyword*/, double /*value*/,
+                    std::string_view /*comment*/) override {}
+    void Remark(std::string /*text*/) override {}
+    void Orientation(int /*value*/) override {}
+};
+
+TEST(DecodingApart, StopsWhenTheParentWantsNoMore) {
+    Refuser sink;
+    const auto decode = [](PictureSink& to) -> std::string {
+        to.Start({30000, 30000, 1, SampleKind::UInt16, 16, true});
+        const std::vector<std::uint16_t> row(30000);
+        for (int y = 0; y < 30000; ++y) to.Row(y, row.data());
+        return {};
+    };
+    EXPECT_THROW(DecodeApart(decode, sink), DecodeFault);
+}
+
+#endif
+
+}  // namespace
+}  // namespace vestrel
