@@ -153,7 +153,8 @@ std::string CoincidingFiles(const ConsoleOptions& options) {
             const std::filesystem::path other = AbsolutePath(PathFromText(path));
             if (std::filesystem::equivalent(one, other, ignored) ||
                 FollowLinks(one, ignored) == FollowLinks(other, ignored)) {
-                return std::string(output).append(" is ").append(what).append(": name another file.");
+                return std::string(output).append(" is ").append(what).append(
+                    ": name another file.");
             }
         }
         files.emplace_back("the exported file", output);
