@@ -21,7 +21,7 @@ bool IsKeyword(std::string_view text) {
 /// "KEYWORD = value": the keyword may be padded to any length.
 bool IsCard(std::string_view line) {
     const std::size_t equals = line.find('=');
-    if (equals == std::string_view::npos || equals > 2 * keywordLength) return false;
+    if (equals > 2 * keywordLength) return false;  // also when there is none
     std::string_view keyword = line.substr(0, equals);
     keyword = keyword.substr(0, keyword.find_last_not_of(' ') + 1);
     return IsKeyword(keyword);

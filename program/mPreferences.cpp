@@ -59,8 +59,9 @@ void LoadPreferences(ProgramState& state) {
 
 bool SavePreferences(const ProgramState& state) {
     std::string text;
-    for (const auto& [name, value] : state.Preferences)
+    for (const auto& [name, value] : state.Preferences) {
         text.append(name).append("=").append(value).append("\n");
+    }
     const std::filesystem::path file = PreferencesFile();
     std::error_code ignored;
     std::filesystem::create_directories(file.parent_path(), ignored);
