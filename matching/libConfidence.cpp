@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <numeric>
+#include <optional>
 
 #include "astro/libMath.h"
 #include "matching/libPlatePosterior.h"
@@ -40,7 +41,11 @@ class Trial {
     explicit Trial(const MatchEvidence& evidence)
         : evidence_(evidence),
           halfDiagonal_(std::hypot(evidence.Width, evidence.Height) / 2),
-          stars_(evidence.Catalog, evidence.Image, evidence.Width, evidence.Height,
+          field_(evidence.Field == nullptr
+                     ? std::optional<ObservedField>(std::in_place, evidence.Image, evidence.Width,
+                                                    evidence.Height)
+                     : std::nullopt),
+          stars_(evidence.Catalog, Field(),
                  std::max(3 * spreads.back().Noise, 0.02 * halfDiagonal_)) {
         MeasureGeometry();
     }
@@ -62,14 +67,16 @@ class Trial {
             if (best / std::log(10.0) > confidence.Log10Trials + 20) break;
         }
         if (bestSeed == nullptr) return confidence;
-        CountMatches(*bestSeed, confidence);
         confidence.Log10LikelihoodRatio = best / std::log(10.0);
         confidence.Log10FalseAlarm =
             std::min(confidence.Log10Trials - confidence.Log10LikelihoodRatio, 0.0);
+        if (!evidence_.CountOnlyIfSure || IsSure(confidence)) CountMatches(*bestSeed, confidence);
         return confidence;
     }
 
  private:
+    const ObservedField& Field() const { return field_ ? *field_ : *evidence_.Field; }
+
     /// Finds the stretch and skew that would turn the plate into a similarity.
     void MeasureGeometry() {
         const PlateConstants& plate = evidence_.Plate;
@@ -242,9 +249,9 @@ class Trial {
                     bestPair = pair;
                 }
             }
-            const double star = std::log1p(-distractors) + sum;
             const double distractor = std::log(distractors);
-            log += LogSum(star, distractor);
+            const double star = std::isinf(sum) ? sum : std::log1p(-distractors) + sum;
+            log += std::isinf(sum) ? distractor : LogSum(star, distractor);
             logs.push_back(log);
             if (star > distractor) {
                 ++met;
@@ -317,7 +324,7 @@ class Trial {
                 std::min(Pi * within * std::exp(Compare(plate, *spread, {j, 0}).LogSigmas),
                          Pi * stars_.Reach * stars_.Reach);
             const double density =
-                stars_.DensityAt(stars_.Catalog[j].X, stars_.Catalog[j].Y, stars_.Image.size());
+                Field().DensityAt(stars_.Catalog[j].X, stars_.Catalog[j].Y, stars_.Image.size());
             expected += (1 - expected / free) * (1 - std::exp(-free * density * area));
         }
         confidence.ExpectedByChance = static_cast<double>(seed.size()) + expected;
@@ -325,6 +332,7 @@ class Trial {
 
     const MatchEvidence& evidence_;
     double halfDiagonal_;
+    std::optional<ObservedField> field_;  ///< unless the evidence has one
     FrameStars stars_;
     double stretch_ = 0;
     double skew_ = 0;
@@ -347,11 +355,17 @@ MatchEvidence EvidenceOf(const PlateConstants& plate, const PlateStarList& catal
                             predicted.Y < height - 0.5;
         if (inside) evidence.Catalog.push_back(predicted);
     }
-    for (const PlateStar& star : imageStars) {
-        evidence.Image.push_back({static_cast<double>(star.X), static_cast<double>(star.Y),
-                                  static_cast<double>(star.Flux), 0});
-    }
+    evidence.Image = ObservedStars(imageStars);
     return evidence;
+}
+
+std::vector<ObservedStar> ObservedStars(const PlateStarList& imageStars) {
+    std::vector<ObservedStar> stars;
+    for (const PlateStar& star : imageStars) {
+        stars.push_back({static_cast<double>(star.X), static_cast<double>(star.Y),
+                         static_cast<double>(star.Flux), 0});
+    }
+    return stars;
 }
 
 double Log10TrialsCharge(double trials) {

@@ -45,7 +45,13 @@ inline bool IsSure(const MatchConfidence& confidence) {
 struct MatchEvidence {
     std::vector<PredictedStar> Catalog;  ///< all in the frame; only the brightest 1000 count
     std::vector<ObservedStar> Image;     ///< all that were found; only the brightest 400 count
-    std::int32_t Width = 0;              ///< of the image, pixels
+    /// `Image` when it was prepared before, for many matches of one image; `Image` may be empty
+    /// then. It must outlive the judgement.
+    const ObservedField* Field = nullptr;
+    /// Leaves out `Matched` and `ExpectedByChance`, which cost as much as the test itself, when the
+    /// match is not sure.
+    bool CountOnlyIfSure = false;
+    std::int32_t Width = 0;  ///< of the image, pixels
     std::int32_t Height = 0;
     PlateConstants Plate;  ///< the model's linear part, for its stretch and skew
     /// How many searches were made up to and including this match: regions times the lists tried in
@@ -68,6 +74,9 @@ struct MatchEvidence {
 /// @param imageStars   pixels
 MatchEvidence EvidenceOf(const PlateConstants& plate, const PlateStarList& catalogStars,
                          const PlateStarList& imageStars, std::int32_t width, std::int32_t height);
+
+/// The stars of an image as evidence.
+std::vector<ObservedStar> ObservedStars(const PlateStarList& imageStars);
 
 /// Judges a match. Deterministic; takes a few milliseconds at most.
 MatchConfidence ConfidenceOf(const MatchEvidence& evidence);

@@ -27,29 +27,51 @@ std::vector<std::size_t> OrderBy(const List& list, std::size_t most, Key key) {
     return order;
 }
 
+std::size_t PlaceIn(const std::vector<std::size_t>& order, std::size_t given) {
+    return static_cast<std::size_t>(std::find(order.begin(), order.end(), given) - order.begin());
+}
+
 }  // namespace
 
-FrameStars::FrameStars(const std::vector<PredictedStar>& catalog,
-                       const std::vector<ObservedStar>& image, int width, int height, double reach)
+ObservedField::ObservedField(const std::vector<ObservedStar>& image, int width, int height)
+    : order_(OrderBy(image, mostImageStars, [](const ObservedStar& s) { return -s.Flux; })) {
+    for (const std::size_t place : order_) stars_.push_back(image[place]);
+    if (stars_.size() > 1) evenDensity_ = 1 / UsedArea(width, height);
+}
+
+std::size_t ObservedField::PlaceOf(std::size_t given) const {
+    return PlaceIn(order_, given);
+}
+
+double ObservedField::MeasureLogDensity(std::size_t place) const {
+    return std::log(DensityAt(stars_[place].X, stars_[place].Y, place));
+}
+
+double ObservedField::LogDensityAround(std::size_t place) const {
+    return logDensities_.empty() ? MeasureLogDensity(place) : logDensities_[place];
+}
+
+void ObservedField::KeepDensities() {
+    logDensities_.clear();
+    for (std::size_t i = 0; i < stars_.size(); ++i) logDensities_.push_back(MeasureLogDensity(i));
+}
+
+FrameStars::FrameStars(const std::vector<PredictedStar>& catalog, const ObservedField& field,
+                       double reach)
     : Reach(reach),
+      field_(field),
       catalogOrder_(
-          OrderBy(catalog, mostCatalogStars, [](const PredictedStar& s) { return s.Magnitude; })),
-      imageOrder_(OrderBy(image, mostImageStars, [](const ObservedStar& s) { return -s.Flux; })) {
+          OrderBy(catalog, mostCatalogStars, [](const PredictedStar& s) { return s.Magnitude; })) {
     for (const std::size_t place : catalogOrder_) {
         Catalog.push_back(catalog[place]);
         logRanks_.push_back(std::log(static_cast<double>(Catalog.size())));
     }
-    for (const std::size_t place : imageOrder_) Image.push_back({image[place], {}, 0});
-    if (Image.size() > 1) evenDensity_ = 1 / UsedArea(width, height);
+    for (const ObservedStar& star : field.Stars()) Image.push_back({star, {}, 0});
     FindNear();
 }
 
 bool FrameStars::Find(const StarPlaces& given, StarPlaces& found) const {
-    const auto placeOf = [](const std::vector<std::size_t>& order, std::size_t place) {
-        return static_cast<std::size_t>(std::find(order.begin(), order.end(), place) -
-                                        order.begin());
-    };
-    found = {placeOf(catalogOrder_, given.Catalog), placeOf(imageOrder_, given.Image)};
+    found = {PlaceIn(catalogOrder_, given.Catalog), field_.PlaceOf(given.Image)};
     return found.Catalog < Catalog.size() && found.Image < Image.size();
 }
 
@@ -76,7 +98,7 @@ void FrameStars::FindNear() {
         std::sort(star.Near.begin(), star.Near.end(),
                   [](const Candidate& a, const Candidate& b) { return a.Catalog < b.Catalog; });
         Weigh(star, i);
-        star.LogDensity = std::log(DensityAt(star.Star.X, star.Star.Y, i));
+        star.LogDensity = field_.LogDensityAround(i);
     }
 }
 
@@ -95,17 +117,17 @@ void FrameStars::Weigh(Observed& star, std::size_t place) {
     }
 }
 
-double FrameStars::DensityAt(double x, double y, std::size_t except) const {
+double ObservedField::DensityAt(double x, double y, std::size_t except) const {
     constexpr std::size_t neighbours = 6;
-    const std::size_t others = Image.size() - (except < Image.size() ? 1 : 0);
+    const std::size_t others = stars_.size() - (except < stars_.size() ? 1 : 0);
     const std::size_t k = std::min(neighbours, others / 2);
     if (k < 2) return evenDensity_;
     std::vector<double> squares;
-    squares.reserve(Image.size());
-    for (std::size_t i = 0; i < Image.size(); ++i) {
+    squares.reserve(stars_.size());
+    for (std::size_t i = 0; i < stars_.size(); ++i) {
         if (i == except) continue;
-        const double dx = Image[i].Star.X - x;
-        const double dy = Image[i].Star.Y - y;
+        const double dx = stars_[i].X - x;
+        const double dy = stars_[i].Y - y;
         squares.push_back(dx * dx + dy * dy);
     }
     const auto kth = squares.begin() + static_cast<std::ptrdiff_t>(k - 1);
@@ -117,15 +139,15 @@ double FrameStars::DensityAt(double x, double y, std::size_t except) const {
 }
 
 /// The area of the part of the frame that has image stars, square pixels.
-double FrameStars::UsedArea(int width, int height) const {
+double ObservedField::UsedArea(int width, int height) const {
     const auto extent = [this](auto coordinate, double whole) {
         double low = INFINITY;
         double high = -INFINITY;
-        for (const Observed& star : Image) {
-            low = std::min(low, coordinate(star.Star));
-            high = std::max(high, coordinate(star.Star));
+        for (const ObservedStar& star : stars_) {
+            low = std::min(low, coordinate(star));
+            high = std::max(high, coordinate(star));
         }
-        const auto n = static_cast<double>(Image.size());
+        const auto n = static_cast<double>(stars_.size());
         return std::clamp((high - low) * (n + 1) / (n - 1), 1.0, std::max(whole, 1.0));
     };
     return extent([](const ObservedStar& s) { return s.X; }, width) *

@@ -40,7 +40,11 @@ void PlatePosterior::Rows(double x, double y, Vector& rowX, Vector& rowY) const 
 
 PlatePosterior::Vector PlatePosterior::TimesCovariance(const Vector& row) const {
     Vector product{};
-    for (std::size_t i = 0; i < terms; ++i) product[i] = Dot(covariance_[i], row);
+    for (std::size_t j = 0; j < terms; ++j) {
+        // Each axis is moved by only eight of the terms.
+        if (row[j] == 0) continue;
+        for (std::size_t i = 0; i < terms; ++i) product[i] += covariance_[j][i] * row[j];
+    }
     return product;
 }
 
@@ -66,10 +70,13 @@ void PlatePosterior::LearnAxis(const Vector& row, double value, double variance)
     const Vector spread = TimesCovariance(row);
     const double total = Dot(row, spread) + variance;
     const double surprise = value - Dot(mean_, row);
+    Vector gain;
     for (std::size_t i = 0; i < terms; ++i) {
-        const double gain = spread[i] / total;
-        mean_[i] += gain * surprise;
-        for (std::size_t j = 0; j < terms; ++j) covariance_[i][j] -= gain * spread[j];
+        gain[i] = spread[i] / total;
+        mean_[i] += gain[i] * surprise;
+    }
+    for (std::size_t j = 0; j < terms; ++j) {
+        for (std::size_t i = 0; i < terms; ++i) covariance_[j][i] -= gain[i] * spread[j];
     }
 }
 

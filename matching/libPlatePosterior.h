@@ -55,7 +55,7 @@ class PlatePosterior {
     double middleX_;
     double middleY_;
     Vector mean_{};
-    std::array<Vector, terms> covariance_{};
+    std::array<Vector, terms> covariance_{};  ///< by columns, so that one serves all rows at once
 };
 
 }  // namespace vestrel

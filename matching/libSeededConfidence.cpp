@@ -23,13 +23,19 @@ void AddSeed(MatchEvidence& evidence, const PlateConstants& plate, const PlateSt
 
 }  // namespace
 
-MatchConfidence ConfidenceOf(const MatchedPlate& match, const PlateStarList& catalog,
-                             const ImageStars& image, double trials, double plates) {
+SeededJudge::SeededJudge(const ImageStars& image)
+    : image_(image), field_(ObservedStars(image.Stars()), image.Width(), image.Height()) {
+    field_.KeepDensities();
+}
+
+MatchConfidence SeededJudge::Judge(const MatchedPlate& match, const PlateStarList& catalog,
+                                   double trials, double plates) const {
     const SeedSettings usual;
-    MatchEvidence evidence =
-        EvidenceOf(match.Plate, catalog, image.Stars(), image.Width(), image.Height());
+    MatchEvidence evidence = EvidenceOf(match.Plate, catalog, {}, image_.Width(), image_.Height());
+    evidence.Field = &field_;
+    evidence.CountOnlyIfSure = true;
     evidence.SearchedCatalog = std::min(usual.CatalogSeeds, catalog.Count());
-    evidence.SearchedImage = std::min(usual.ImageSeeds, image.Count());
+    evidence.SearchedImage = std::min(usual.ImageSeeds, image_.Count());
     evidence.Trials = trials;
     const MatchConfidence confidence = ConfidenceOf(evidence);
     if (IsSure(confidence) || plates <= 0) return confidence;

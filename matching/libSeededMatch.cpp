@@ -19,6 +19,7 @@ double YOf(const PlateStar& star) {
 }
 
 constexpr std::int32_t densityCells = 8;  // along each side
+constexpr double hitPart = 0.5;           // of the catalog stars that an image shows
 
 /// The similarity that takes two catalog stars to two places, with one axis reversed when it is
 /// mirrored.
@@ -137,12 +138,12 @@ std::size_t ImageStars::Bucket(double x, double y) const {
            static_cast<std::size_t>(column);
 }
 
-double ImageStars::DensityAt(double x, double y) const {
+std::size_t ImageStars::DensityCell(double x, double y) const {
     const auto column =
         static_cast<std::size_t>(std::clamp(x / width_ * densityCells, 0.0, densityCells - 1.0));
     const auto row =
         static_cast<std::size_t>(std::clamp(y / height_ * densityCells, 0.0, densityCells - 1.0));
-    return density_[row * densityCells + column];
+    return row * densityCells + column;
 }
 
 std::int32_t ImageStars::Nearest(double x, double y, double reach) const {
@@ -254,6 +255,7 @@ SeedMatcher::SeedMatcher(const ImageStars& image, const SeedSettings& settings)
     });
     taken_.assign(static_cast<std::size_t>(image.Count()) + 1, 0);
     MarkCells();
+    WeighHits();
 }
 
 double SeedMatcher::PixelDistanceOf(std::int32_t i, std::int32_t j) const {
@@ -301,40 +303,60 @@ void SeedMatcher::MarkCells() {
     columns_ = cells(image_.Width());
     rows_ = cells(image_.Height());
     cells_.assign(static_cast<std::size_t>(columns_ + 2) * static_cast<std::size_t>(rows_ + 2),
-                  Cell::Outside);
+                  outside);
     for (std::int32_t row = 0; row < rows_; ++row) {
         for (std::int32_t column = 0; column < columns_; ++column) {
             // The frame may end within a cell.
             const bool edge = row == 0 || column == 0 || row == rows_ - 1 || column == columns_ - 1;
-            CellAt(column, row) = edge ? Cell::Unknown : Cell::Empty;
+            CellAt(column, row) = edge ? unknown : empty;
         }
     }
+    for (std::int32_t star = 1; star <= image_.Count(); ++star) MarkStar(star);
+}
+
+/// Marks the cells that a star can be near to.
+void SeedMatcher::MarkStar(std::int32_t star) {
     // Two cells are a tolerance.
     constexpr double reach = 2.001;
+    constexpr double within = 1.999;
     constexpr auto steps = static_cast<std::int32_t>(reach) + 1;
-    for (const PlateStar& star : image_.Stars()) {
-        const double x = (XOf(star) + 0.5) * cellsPerPixel_;
-        const double y = (YOf(star) + 0.5) * cellsPerPixel_;
-        const auto column = static_cast<std::int32_t>(std::floor(x));
-        const auto row = static_cast<std::int32_t>(std::floor(y));
-        for (std::int32_t j = std::max(row - steps, 0); j <= std::min(row + steps, rows_ - 1);
-             ++j) {
-            for (std::int32_t i = std::max(column - steps, 0);
-                 i <= std::min(column + steps, columns_ - 1); ++i) {
-                const double dx = x - std::clamp(x, double(i), i + 1.0);
-                const double dy = y - std::clamp(y, double(j), j + 1.0);
-                if (dx * dx + dy * dy <= reach * reach) CellAt(i, j) = Cell::Unknown;
-            }
+    const bool storable = star <= std::numeric_limits<Cell>::max();
+    const double x = (XOf(image_.Stars()[star]) + 0.5) * cellsPerPixel_;
+    const double y = (YOf(image_.Stars()[star]) + 0.5) * cellsPerPixel_;
+    const auto column = static_cast<std::int32_t>(std::floor(x));
+    const auto row = static_cast<std::int32_t>(std::floor(y));
+    for (std::int32_t j = std::max(row - steps, 0); j <= std::min(row + steps, rows_ - 1); ++j) {
+        for (std::int32_t i = std::max(column - steps, 0);
+             i <= std::min(column + steps, columns_ - 1); ++i) {
+            const double nearX = x - std::clamp(x, double(i), i + 1.0);
+            const double nearY = y - std::clamp(y, double(j), j + 1.0);
+            if (nearX * nearX + nearY * nearY > reach * reach) continue;
+            const double farX = std::max(x - i, i + 1 - x);
+            const double farY = std::max(y - j, j + 1 - y);
+            const bool whole = farX * farX + farY * farY < within * within;
+            Cell& cell = CellAt(i, j);
+            cell = whole && storable && cell == empty ? static_cast<Cell>(star) : unknown;
         }
     }
 }
 
+std::int32_t SeedMatcher::StarIn(Cell cell, double x, double y) const {
+    return cell > 0 ? cell : image_.Nearest(x, y, settings_.Tolerance);
+}
+
+void SeedMatcher::WeighHits() {
+    const double area = Pi * settings_.Tolerance * settings_.Tolerance;
+    for (const double density : image_.Densities()) {
+        const double chance = std::min(density * area, 0.9);
+        hitGains_.push_back(std::log(hitPart / chance + (1 - hitPart)));
+    }
+}
+
 bool SeedMatcher::Promising(const std::vector<CatalogPlace>& checked, const PlateConstants& plate) {
-    constexpr double hitPart = 0.5;    // of the catalog stars that an image shows
     constexpr double hopeless = -4.5;  // of the logarithm of the odds
     constexpr double promising = 7;
     const double miss = std::log(1 - hitPart);
-    const std::array<double, 2> change{0, miss};  // outside the frame, and in an empty cell
+    const std::array<double, 2> change{miss, 0};  // in an empty cell, and outside the frame
     ++plateNumber_;
     double odds = 0;
     double best = 0;
@@ -343,10 +365,10 @@ bool SeedMatcher::Promising(const std::vector<CatalogPlace>& checked, const Plat
         const double x = plate.a * east + plate.b * north + plate.c;
         const double y = plate.d * east + plate.e * north + plate.f;
         const Cell cell = CellOf(x, y);
-        if (cell != Cell::Unknown) {
-            odds += change[static_cast<std::size_t>(cell)];
-        } else if (image_.InFrame(x, y)) {
-            const std::int32_t i = image_.Nearest(x, y, settings_.Tolerance);
+        if (cell == empty || cell == outside) {
+            odds += change[static_cast<std::size_t>(cell - empty)];
+        } else if (cell > 0 || image_.InFrame(x, y)) {
+            const std::int32_t i = StarIn(cell, x, y);
             if (i == 0) {
                 odds += miss;
             } else if (taken_[static_cast<std::size_t>(i)] != plateNumber_) {
@@ -355,9 +377,7 @@ bool SeedMatcher::Promising(const std::vector<CatalogPlace>& checked, const Plat
                     --seeds;
                     continue;
                 }
-                const double area = Pi * settings_.Tolerance * settings_.Tolerance;
-                const double chance = std::min(image_.DensityAt(x, y) * area, 0.9);
-                odds += std::log(hitPart / chance + (1 - hitPart));
+                odds += hitGains_[image_.DensityCell(x, y)];
                 best = std::max(best, odds);
             }
         }

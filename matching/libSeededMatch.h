@@ -29,8 +29,11 @@ class ImageStars {
     bool InFrame(double x, double y) const {
         return x > -0.5 && y > -0.5 && x < width_ - 0.5 && y < height_ - 0.5;
     }
-    /// Stars per square pixel around a place of the frame; at least the mean of the frame.
-    double DensityAt(double x, double y) const;
+    /// Stars per square pixel in each of 8 x 8 cells of the frame; at least the mean of the frame.
+    const std::vector<double>& Densities() const { return density_; }
+    /// The place in `Densities` of the cell around a place of the frame.
+    std::size_t DensityCell(double x, double y) const;
+    double DensityAt(double x, double y) const { return density_[DensityCell(x, y)]; }
     std::int32_t Count() const { return stars_.Count(); }
     const PlateStarList& Stars() const { return stars_; }
     std::int32_t Width() const { return width_; }
@@ -47,7 +50,7 @@ class ImageStars {
     std::int32_t rows_;
     std::vector<std::int32_t> starts_;  ///< start of each bucket in `order_`
     std::vector<std::int32_t> order_;
-    std::vector<double> density_;  ///< in 8 x 8 cells of the frame
+    std::vector<double> density_;
 };
 
 /// A plate and the stars that agree with it.
@@ -125,13 +128,15 @@ class SeedMatcher {
                  std::int32_t c1, std::int32_t c2, const ImagePair& pair,
                  const std::function<bool(const MatchedPlate&)>& accept);
     bool Promising(const std::vector<CatalogPlace>& checked, const PlateConstants& plate);
-    /// What is known about a cell; most plates are rejected by this alone.
-    enum class Cell : std::uint8_t {
-        Outside,  ///< of the frame
-        Empty,    ///< in the frame, but farther than the tolerance from all image stars
-        Unknown
-    };
+    void WeighHits();
+    /// What is known about a cell: most plates are rejected by this alone. A positive number is
+    /// that of the image star which is the nearest one, and close enough, in the whole cell.
+    using Cell = std::int16_t;
+    static constexpr Cell outside = 0;   ///< of the frame
+    static constexpr Cell empty = -1;    ///< farther than the tolerance from all image stars
+    static constexpr Cell unknown = -2;  ///< has to be searched
     void MarkCells();
+    void MarkStar(std::int32_t star);
     Cell& CellAt(std::int32_t column, std::int32_t row) {
         return cells_[static_cast<std::size_t>(row + 1) * static_cast<std::size_t>(columns_ + 2) +
                       static_cast<std::size_t>(column + 1)];
@@ -142,6 +147,9 @@ class SeedMatcher {
         const double row = std::max(-1.0, std::min((y + 0.5) * cellsPerPixel_, rows_ * 1.0));
         return CellAt(static_cast<std::int32_t>(column), static_cast<std::int32_t>(row));
     }
+    /// The image star nearest to a place in such a cell and within the tolerance; 0 when there is
+    /// none.
+    std::int32_t StarIn(Cell cell, double x, double y) const;
 
     const ImageStars& image_;
     SeedSettings settings_;
@@ -153,6 +161,8 @@ class SeedMatcher {
     std::int32_t rows_ = 0;
     double cellsPerPixel_ = 0;
     double tried_ = 0;
+    std::vector<double> hitGains_;  ///< by how much a confirming star raises the logarithm of the
+                                    ///< odds, for each cell of the density
     std::vector<std::int32_t> taken_;  ///< per image star: the number of the plate that last used
                                        ///< it
     std::int32_t plateNumber_ = 0;

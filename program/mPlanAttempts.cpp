@@ -14,6 +14,30 @@ double RoughTolerance(const PlateImage& image) {
     return std::max(3.0, 0.005 * std::max(image.Width, image.Height));
 }
 
+SeedSettings SettingsOf(const SeedAttempt& attempt, const PlateImage& image, double diagonal) {
+    const double scale = diagonal * ArcsecondsPerRadian / std::hypot(image.Width, image.Height);
+    SeedSettings settings;
+    settings.SmallestScale = scale / (1 + attempt.SizeError);
+    settings.LargestScale = scale * (1 + attempt.SizeError);
+    if (attempt.Tried > 0) {
+        settings.TriedSmallest = scale / (1 + attempt.Tried);
+        settings.TriedLargest = scale * (1 + attempt.Tried);
+    }
+    settings.Tolerance = RoughTolerance(image);
+    return settings;
+}
+
+double InnerSide(double width, double height) {
+    constexpr double part = 0.78;
+    constexpr double stripPart = 0.585;  // gives the same for sides of 16 : 9
+    return std::max(part * std::min(width, height), stripPart * std::sqrt(width * height));
+}
+
+double SeedRadius(double width, double height) {
+    constexpr double mostArea = 1.84;  // of the circle, in areas of the field; that of 16 : 9
+    return std::min(std::hypot(width, height) / 2, std::sqrt(mostArea * width * height / Pi));
+}
+
 PlateStarList CatalogAbout(ProgramState& state, SkyPosition centre, double radius) {
     const StageTimer timer(state.Report.Times.Catalog);
     constexpr double deeper = 1.5;  // magnitudes deeper than the plain search

@@ -6,6 +6,7 @@
 #include <limits>
 #include <vector>
 
+#include "matching/libSeededMatch.h"
 #include "program/mGeneral.h"
 #include "program/mPlanStars.h"
 
@@ -13,6 +14,7 @@ namespace vestrel {
 
 /// An attempt around a hint: plates from two stars of each list, confirmed by the other stars.
 struct SeedAttempt {
+    static constexpr std::int32_t FewestStars = 4;
     const char* Name;
     StarSource From;
     double SizeError;  ///< tolerated error of the given size, as a fraction
@@ -48,6 +50,19 @@ inline constexpr std::array QuadAttempts{
 
 /// The tolerance of a plate from few stars, pixels: distortion of the lens is not in it.
 double RoughTolerance(const PlateImage& image);
+
+/// The scales and the tolerance of an attempt.
+/// @param diagonal of the field that is given, radians
+SeedSettings SettingsOf(const SeedAttempt& attempt, const PlateImage& image, double diagonal);
+
+/// The side of the square for which the plain search is repeated, because its circle of catalog
+/// stars lies inside a field with these sides (radians). A strip has too few stars in a circle of
+/// its short side, so there the circle is wider.
+double InnerSide(double width, double height);
+
+/// The radius of the circle whose brightest stars form seeds, for a field with these sides
+/// (radians): half the diagonal. A smaller one for strips, as most of such a circle lies outside.
+double SeedRadius(double width, double height);
 
 /// The catalog stars that an image about a centre may show, brightest first, on the solver's plane.
 /// `radius` is half the image's diagonal, radians.

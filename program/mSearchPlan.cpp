@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "astro/libMath.h"
+#include "astro/libParallel.h"
 #include "image/libHints.h"
 #include "matching/libCameraPlane.h"
 #include "matching/libQuadLookup.h"
-#include "matching/libSeededConfidence.h"
-#include "matching/libSeededMatch.h"
+#include "matching/libSeededRegions.h"
 #include "program/mMORA.h"
 #include "program/mPlanAttempts.h"
 #include "program/mPlanStars.h"
@@ -198,9 +198,8 @@ class Plan {
 
     /// The plain search with the catalog stars of a circle inside the frame.
     bool ShortSideSearch(const SearchHint& hint) {
-        constexpr double part = 0.78;
         SearchHint inner = hint;
-        inner.Width = inner.Height = part * std::min(hint.Width, hint.Height);
+        inner.Width = inner.Height = InnerSide(hint.Width, hint.Height);
         const SolveReport before = state_.Report;
         const bool sure = PlainSearch(inner);
         // The report describes the plain search, not this search of a part of the field.
@@ -211,56 +210,56 @@ class Plan {
 
     bool SeededSearch(const SeedAttempt& attempt, const SearchHint& hint) {
         const PlateStarList& stars = lists_.Of(attempt.From);
-        constexpr std::int32_t fewest = 4;
-        if (stars.Count() < fewest) return false;
+        if (stars.Count() < SeedAttempt::FewestStars) return false;
         const PlateImage& image = state_.Image;
         const ImageStars places(stars, image.Width, image.Height);
-        const double diagonal = std::hypot(hint.Width, hint.Height);
-        const double scale = diagonal * ArcsecondsPerRadian / std::hypot(image.Width, image.Height);
-        SeedSettings settings;
-        settings.SmallestScale = scale / (1 + attempt.SizeError);
-        settings.LargestScale = scale * (1 + attempt.SizeError);
-        if (attempt.Tried > 0) {
-            settings.TriedSmallest = scale / (1 + attempt.Tried);
-            settings.TriedLargest = scale * (1 + attempt.Tried);
-        }
-        settings.Tolerance = RoughTolerance(image);
-        SeedMatcher matcher(places, settings);
+        const SeededJudge judge(places);
+        SeededRegions search(judge,
+                             SettingsOf(attempt, image, std::hypot(hint.Width, hint.Height)));
 
-        const double radius = diagonal / 2 * (1 + attempt.SizeError / 2);
+        const double radius = SeedRadius(hint.Width, hint.Height) * (1 + attempt.SizeError / 2);
         const double step = std::min(hint.Width, hint.Height) / 2.5 * SolveArcsecondsPerRadian;
         Projection grid;
         grid.SetProjectionCentre(hint.Centre, SolveArcsecondsPerRadian);
         std::int16_t i = 0;
         std::int16_t j = 0;
         std::int16_t ring = 0;
-        SkyPosition centre = hint.Centre;
         const std::int32_t regions = std::clamp(hint.Regions, 1, attempt.MostRegions);
-        for (std::int32_t k = 1; k <= regions && !MustEnd(); ++k) {
-            if (k > 1) {
-                NextSpiralCell(i, j, ring);
-                centre = grid.PlaneToSky(i * step, j * step);
+        for (std::int32_t done = 0; done < regions && !MustEnd();) {
+            // Most searches end with the first region, so no other is searched beside it.
+            const std::int32_t together =
+                done == 0 ? 1 : std::min(ParallelThreads(), regions - done);
+            std::vector<SeededRegion> next;
+            for (std::int32_t k = 0; k < together; ++k) {
+                SkyPosition centre = hint.Centre;
+                if (done + k > 0) {
+                    NextSpiralCell(i, j, ring);
+                    centre = grid.PlaneToSky(i * step, j * step);
+                }
+                next.push_back({centre,
+                                OnCameraPlane(CatalogAbout(state_, centre, radius), centre),
+                                Shares() * ++searches_,
+                                {},
+                                {}});
             }
-            const PlateStarList catalog =
-                OnCameraPlane(CatalogAbout(state_, centre, radius), centre);
-            ++searches_;
             const StageTimer timer(state_.Report.Times.Matching);
-            const auto accept = [&](const MatchedPlate& match) {
-                return TakePlate(match, centre, catalog, places, k, Shares() * searches_,
-                                 matcher.PlatesOf(catalog));
-            };
-            if (matcher.Match(catalog, accept, [this] { return MustEnd(); })) return true;
+            search.Match(next, [this] { return MustEnd(); });
+            for (const SeededRegion& region : next) {
+                ++done;
+                if (region.Plate &&
+                    TakePlate(*region.Plate, region.Confidence, region.Centre, places, done)) {
+                    return true;
+                }
+            }
         }
         return false;
     }
 
-    /// Turns a plate about `about` into the solution when it is sure: reads the catalog again
-    /// around the middle of the image and uses all stars.
-    bool TakePlate(const MatchedPlate& match, SkyPosition about, const PlateStarList& catalog,
-                   const ImageStars& places, std::int32_t regions, double trials, double plates) {
+    /// Turns a sure plate about `about` into the solution: reads the catalog again around the
+    /// middle of the image and uses all stars.
+    bool TakePlate(const MatchedPlate& match, const MatchConfidence& confidence, SkyPosition about,
+                   const ImageStars& places, std::int32_t regions) {
         const PlateImage& image = state_.Image;
-        const MatchConfidence confidence = ConfidenceOf(match, catalog, places, trials, plates);
-        if (!IsSure(confidence)) return false;
         const auto middle =
             PlateAboutMiddle(match.Plate, about, PlaneKind::Camera, image.Width, image.Height);
         if (!middle) return false;
@@ -309,6 +308,7 @@ class Plan {
         const bool twice = request_.Stars && attempt.From == StarSource::Extracted;
         if (stars.Count() < fewest || twice) return false;
         const ImageStars places(stars, state_.Image.Width, state_.Image.Height);
+        const SeededJudge judge(places);
         return std::any_of(bands.begin(), bands.end(), [&](const QuadBand& band) {
             if (MustEnd()) return false;
             if (!OpenQuadBand(state_, band)) {
@@ -321,14 +321,14 @@ class Plan {
             const int more = IsNarrowBand(band) ? 1 : 3;
             settings.FirstStars = more * attempt.FirstStars;
             settings.LookedUp = more * attempt.LookedUp;
-            return LookUpBand(places, settings);
+            return LookUpBand(judge, settings);
         });
     }
 
-    bool LookUpBand(const ImageStars& places, const QuadLookupSettings& settings) {
+    bool LookUpBand(const SeededJudge& judge, const QuadLookupSettings& settings) {
         QuadSearch& search = state_.QuadMatch;
         const StageTimer timer(search.Seconds);
-        QuadLookup lookup(state_.Quads.Tables, places, settings);
+        QuadLookup lookup(state_.Quads.Tables, judge.Image(), settings);
         const QuadSearch before = search;
         const auto count = [&] {
             search.Searched = before.Searched + lookup.Searched();
@@ -337,7 +337,7 @@ class Plan {
         };
         const auto accept = [&](const CentredPlate& plate) {
             count();
-            return TakeQuadPlate(plate, places);
+            return TakeQuadPlate(plate, judge);
         };
         bool found = false;
         try {
@@ -350,7 +350,8 @@ class Plan {
     }
 
     /// Refines a plate of four stars with all others, and accepts it when it is sure.
-    bool TakeQuadPlate(const CentredPlate& plate, const ImageStars& places) {
+    bool TakeQuadPlate(const CentredPlate& plate, const SeededJudge& judge) {
+        const ImageStars& places = judge.Image();
         const double radius = std::hypot(places.Width(), places.Height()) / 2 /
                               PlateGeometry(plate.Plate).Scale / SolveArcsecondsPerRadian;
         const PlateStarList catalog =
@@ -358,9 +359,10 @@ class Plan {
         MatchedPlate match;
         match.Plate = plate.Plate;
         QuadSearch& search = state_.QuadMatch;
-        if (!RefinePlate(catalog, places, RoughTolerance(state_.Image), match) ||
-            !TakePlate(match, plate.Centre, catalog, places, 1, Shares() * search.FourStarFits,
-                       0)) {
+        if (!RefinePlate(catalog, places, RoughTolerance(state_.Image), match)) return false;
+        const MatchConfidence confidence =
+            judge.Judge(match, catalog, Shares() * search.FourStarFits, 0);
+        if (!IsSure(confidence) || !TakePlate(match, confidence, plate.Centre, places, 1)) {
             return false;
         }
         search.Code = SolveCode::Solved;

@@ -79,14 +79,17 @@ class SeededField : public testing::Test {
     Outcome Search() const {
         const ImageStars places(Image, columns, rows);
         SeedMatcher matcher(places, Settings());
+        const SeededJudge judge(places);
         Outcome best;
-        const auto judge = [&](const MatchedPlate& match) {
-            const double log =
-                ConfidenceOf(match, Catalog, places, 1, matcher.PlatesOf(Catalog)).Log10FalseAlarm;
-            if (log < best.Log10FalseAlarm) best = {log, ErrorOf(match.Plate)};
-            return IsSure(ConfidenceOf(match, Catalog, places, 1, matcher.PlatesOf(Catalog)));
+        const auto accept = [&](const MatchedPlate& match) {
+            const MatchConfidence confidence =
+                judge.Judge(match, Catalog, 1, matcher.PlatesOf(Catalog));
+            if (confidence.Log10FalseAlarm < best.Log10FalseAlarm) {
+                best = {confidence.Log10FalseAlarm, ErrorOf(match.Plate)};
+            }
+            return IsSure(confidence);
         };
-        matcher.Match(Catalog, judge, [] { return false; });
+        matcher.Match(Catalog, accept, [] { return false; });
         return best;
     }
 
