@@ -24,13 +24,13 @@ namespace vestrel {
 
 struct NightOptions {
     SolverSettings Settings;
-    int Workers = 1;                   ///< pictures solved at the same time
-    double TimeLimit = 20;             ///< seconds for one picture
-    std::optional<SolverRange> Scale;  ///< arcseconds per pixel
-    bool Coordinates = false;          ///< whether to write a .wcs file for each solved picture
-    bool Copy = false;                 ///< whether to write a copy as standard FITS
-    bool Result = false;               ///< whether to write a .kel file for each picture
-    std::filesystem::path To;          ///< folder of these files; empty: beside the pictures
+    int Workers = 1;                             ///< pictures solved at the same time
+    double TimeLimit = SolverHints().TimeLimit;  ///< seconds for one picture
+    std::optional<SolverRange> Scale;            ///< arcseconds per pixel
+    bool Coordinates = false;  ///< whether to write a .wcs file for each solved picture
+    bool Copy = false;         ///< whether to write a copy as standard FITS
+    bool Result = false;       ///< whether to write a .kel file for each picture
+    std::filesystem::path To;  ///< folder of these files; empty: beside the pictures
 };
 
 /// Remembers which picture each written file belongs to, so that none overwrites another's.

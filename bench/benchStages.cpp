@@ -235,10 +235,13 @@ BENCHMARK(Triangles)->Unit(benchmark::kMicrosecond);
 /// One region of a spiral. Argument 0: at the frame's place; 1: where nothing matches.
 void Alignment(benchmark::State& state) {
     const Lists lists(state.range(0) == 0 ? 0 : 0.07);
+    const SolveParameters usual;
     KeptTriangles kept;
     bool matched = false;
     while (state.KeepRunning()) {
-        matched = AlignImages(lists.Catalog, lists.Plate, 2, AlignSettings(), kept).Matched;
+        matched =
+            AlignImages(lists.Catalog, lists.Plate, usual.MaxError, AlignSettingsOf(usual), kept)
+                .Matched;
     }
     if (matched != (state.range(0) == 0)) state.SkipWithError("not the expected outcome");
 }

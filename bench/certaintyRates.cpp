@@ -136,8 +136,8 @@ class Bench {
     Alignment found_;
 };
 
-constexpr AlignSettings usual;
-constexpr double usualError = 2;  // pixels
+const AlignSettings usual = AlignSettingsOf(SolveParameters());
+const double usualError = SolveParameters().MaxError;
 /// Accepts hundreds of times as many wrong matches.
 constexpr AlignSettings eager{0.02, 400, 0.1, 45};
 constexpr double eagerError = 8;
@@ -264,7 +264,7 @@ int Run(const fs::path& catalog, double share, const std::vector<fs::path>& tabl
                                                    {"clumped", ClumpedCase},
                                                    {"on lines", LinedCase},
                                                    {"on a lattice", LatticeCase}};
-    constexpr int regions = 25;
+    constexpr int regions = UsualRegions;
     for (const auto& [kind, make] : kinds) {
         measure(kind, wrong, 80, [&](Generator& random, Tally& tally) {
             bench.Search(make(random), regions, usual, usualError, tally);

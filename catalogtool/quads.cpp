@@ -18,10 +18,6 @@ namespace vestrel {
 
 namespace {
 
-/// The range of fields (degrees) for which a catalog like Tycho-2 has enough stars.
-constexpr double usualFrom = 0.9;
-constexpr double usualTo = 30;
-
 QuadSky ReadSky(const std::filesystem::path& folder, const std::vector<QuadPlan>& plans,
                 ProgressLine& progress) {
     QuadSky sky(plans);
@@ -47,8 +43,8 @@ QuadSky ReadSky(const std::filesystem::path& folder, const std::vector<QuadPlan>
 
 struct QuadOptions {
     std::string Catalog;
-    double From = usualFrom;  ///< degrees
-    double To = usualTo;
+    double From = UsualSmallestField;  ///< degrees
+    double To = UsualLargestField;
     ProgressStyle Progress = ProgressStyle::Terminal;
 };
 

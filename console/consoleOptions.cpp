@@ -145,7 +145,7 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
                  "Searches the whole sky by the quad tables (vestrel-catalog quads), also after a "
                  "centre that does not match; without a centre that is so anyway");
     app.add_option("--time-limit", options.TimeLimit,
-                   "Seconds after which no further attempt is begun")
+                   "Seconds for the whole search; the attempt that runs then ends too")
         ->capture_default_str()
         ->check(CLI::NonNegativeNumber);
     app.add_flag("--try-harder", options.TryHarder,

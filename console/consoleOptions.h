@@ -18,18 +18,18 @@ struct ConsoleOptions {
     std::string Image;
     std::optional<SkyPosition> Centre;
     std::optional<std::pair<double, double>> FieldSize;  ///< width, height, radians
-    std::int32_t Regions = 25;
-    bool Blind = false;             ///< search the whole sky, also when the solve from a centre
-                                    ///< fails
-    double TimeLimit = 20;          ///< seconds
-    bool TryHarder = false;         ///< use the whole search plan for a parameter string too
-    std::string InfoFile;           ///< a file whose header to show; then nothing else is done
-    std::string SaveFile;           ///< where to save the solved image; empty: nowhere
-    std::string ExportFile;         ///< where to export its standard FITS copy; empty: nowhere
-    bool WorldCoordinates = false;  ///< write a .wcs file beside the image
-    std::string BundleFile;         ///< where to write the bundle of the solve; empty: nowhere
-    bool BundlePixels = false;      ///< include the picture in the bundle
-    std::string ReplayFile;         ///< a bundle to solve again instead of an image
+    std::int32_t Regions = UsualRegions;
+    bool Blind = false;                 ///< search the whole sky, also when the solve from a centre
+                                        ///< fails
+    double TimeLimit = UsualTimeLimit;  ///< seconds
+    bool TryHarder = false;             ///< use the whole search plan for a parameter string too
+    std::string InfoFile;               ///< a file whose header to show; then nothing else is done
+    std::string SaveFile;               ///< where to save the solved image; empty: nowhere
+    std::string ExportFile;             ///< where to export its standard FITS copy; empty: nowhere
+    bool WorldCoordinates = false;      ///< write a .wcs file beside the image
+    std::string BundleFile;             ///< where to write the bundle of the solve; empty: nowhere
+    bool BundlePixels = false;          ///< include the picture in the bundle
+    std::string ReplayFile;             ///< a bundle to solve again instead of an image
     std::filesystem::path CatalogFolder;  ///< empty: the default one
     bool Json = false;
     bool Quiet = false;

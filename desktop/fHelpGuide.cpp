@@ -25,46 +25,47 @@ QString HelpGuide() {
 <a name="txtRA"></a><a name="txtDec"></a><h3>Approximate centre</h3>
 <p>Right ascension as hours, minutes and seconds (<tt>05 34 32</tt>, <tt>5h34m32s</tt>) or as degrees
 when it is a plain number; declination as degrees, minutes and seconds or plain degrees. A whole
-position pasted into either box fills both, whatever minus and prime signs it has. The name of an
-object does too: <tt>M 42</tt>, <tt>NGC 7000</tt>, <tt>Vega</tt>, <tt>Andromeda Galaxy</tt>. What the
-header of a picture says is filled in when it is opened.</p>
+position pasted into either box fills both, with any kind of minus or prime sign. So does the name
+of an object: <tt>M 42</tt>, <tt>NGC 7000</tt>, <tt>Vega</tt>, <tt>Andromeda Galaxy</tt>. When a
+picture is opened, the boxes take what its header says.</p>
 <a name="txtXsize"></a><a name="txtYsize"></a><a name="cmdUnits"></a><h3>Approximate size</h3>
 <p>Width and height of the picture on the sky. The button beside them changes between arcminutes and
-degrees and leaves the numbers. A size that is 10 % off does no harm, one that is 30 % off does.</p>
+degrees; the numbers stay as they are. A size that is 10 % off does no harm, one that is 30 % off does.</p>
 <a name="txtRegions"></a><h3>Search limit</h3>
-<p>How many regions Plate Match tries, on a spiral about the centre. 25 reach about one picture
-farther on each side.</p>
+<p>How many regions Plate Match tries, on a spiral about the centre. 25 regions reach about the height
+of one picture in each direction.</p>
 <a name="cmdMatch"></a><h3>Plate Match</h3>
 <p>Compares the stars of the picture with those of the catalog around the centre, region by region.</p>
 <a name="cmdJustSolve"></a><a name="cmdOffer"></a><h3>Just Solve</h3>
-<p>Tries what is typed, then what the header says, then the whole sky, with ever more patient methods,
-until a match is sure. The stage that runs and the time left stand in the status line. Looking over
-the whole sky needs quad tables (<tt>vestrel-catalog quads</tt>).</p>
+<p>Tries what is typed, then what the header says, then the whole sky, first with fast
+methods and then with slow ones, until a match is sure. The status line shows the present stage and
+the time left. A search of the whole sky needs quad tables (<tt>vestrel-catalog quads</tt>).</p>
 <a name="cmdMORA"></a><h3>MORA</h3>
 <p>Looks four-star patterns up in the quad tables. It finds where the picture points and puts that into
 the inputs; Plate Match then measures it.</p>
 <a name="cmdStop"></a><h3>Stop Search</h3>
-<p>Ends what runs (Escape). What was found before stays.</p>
+<p>Ends the search that is running (Escape). What was found before stays.</p>
 
 <a name="trust"></a><a name="fResiduals"></a><a name="cmdResiduals"></a><h2>Trust</h2>
 <p><b>Sure</b>: chance gives such a match less than once in a million searches. <b>Check</b>: it is a
 match, but the fit is poor, the field has another size than was given, or only its place is known.
 <b>Doubtful</b>: it can be chance. The text beside the word says why, and what would settle it.</p>
 <p>The residuals window (Ctrl+D) shows how far each matched star is from where the solution puts it.
-Arrows in all directions are noise; arrows that grow toward the corners are the lens; one long arrow
-is a wrong pair.</p>
+Arrows in all directions are noise, arrows that grow toward the corners come from the lens, and one
+long arrow is a wrong pair.</p>
 
 <p><img src="qrc:/help/residuals.png" alt="The residuals window: an arrow for each matched star"></p>
 
 <a name="fImage"></a><a name="picImage"></a><h2>The image</h2>
-<p>The wheel zooms about the pointer, dragging moves. F fits, 1 shows single pixels, S lets the screen
-choose levels that show the stars at each zoom, Z magnifies under the pointer, I inverts. E, C, M
-show the stars extracted, of the catalog, and matched; G their magnitudes, O names of objects, R the
-grid, N the compass. The right button (or the menu key) copies coordinates, makes a place the
+<p>The wheel zooms about the pointer, and dragging moves the image. F fits it into the window, 1 shows
+single pixels, S chooses levels that show the stars at each zoom, Z magnifies what is under the
+pointer, I inverts. E, C and M show the extracted, the catalog and the matched stars; G shows their
+magnitudes, O the names of objects, R the grid, N the compass. The right button (or the menu key) copies coordinates, makes a place the
 approximate centre, measures a star, and tells what is there.</p>
 <p><img src="qrc:/help/image.png" alt="The image window with matched stars, their magnitudes, names and the grid"></p>
 <a name="fHistogram"></a><h3>Levels</h3>
-<p>Drag the two lines, the sliders or type counts. Then the screen no longer chooses by itself (S).</p>
+<p>Drag the two lines or the sliders, or type counts. From then on they stay as they are until you
+press S again in the image.</p>
 
 <p><img src="qrc:/help/levels.png" alt="The levels window: a histogram with two lines to drag"></p>
 
@@ -90,16 +91,16 @@ points; a result that is not sure is asked about first.</p>
 devices that its server has and a test, the longitude for
 the sidereal time, and the colours. <b>Night</b> is dark red, for eyes that are used to the dark. An
 environment variable (<tt>VESTREL_CATALOG</tt>, <tt>VESTREL_TELESCOPE</tt>,
-<tt>VESTREL_LONGITUDE</tt>) is for the start; what is set here wins.</p>
+<tt>VESTREL_LONGITUDE</tt>) gives the value at the start; what is set here takes precedence.</p>
 <p><img src="qrc:/help/settings.png" alt="The settings"></p>
 
 <a name="fCatalog"></a><h2>The catalog</h2>
 <p><b>Build Catalog</b> (menu Edit) makes the catalog of stars from what other programs have installed,
-from tables of your own, or from both: a star that several sources have is taken once. The old catalog
+from tables of your own, or from both. A star that several sources have is taken only once. The old catalog
 stays until the new one is complete, and <b>Stop</b> leaves it as it was. The window may be closed
 meanwhile.</p>
 <p><b>Tables</b> are for searches without a centre, for fields whose diagonals lie in the range that is
-given. Fields below 0.9° need a catalog deeper than Tycho-2. Without a tick at any source only the
+given. Fields below 0.9° need a catalog deeper than Tycho-2. When no source is ticked, only the
 tables are made.</p>
 )");
 }

@@ -12,13 +12,13 @@
 
 namespace vestrel {
 
-/// What the matcher allows. The defaults are those of the settings.
+/// What the matcher allows; `AlignSettingsOf` takes it from the solve parameters.
 struct AlignSettings {
-    double MatchTolerance = 0.01;      ///< triangles farther apart than this, in the plane of side
-                                       ///< ratios, do not vote
-    double MatchDivisor = 150;         ///< the larger, the fewer votes a pair needs
-    double MaxGeometricError = 0.025;  ///< limit on |(|Stretch| − 1)| and on |Skew|
-    std::int16_t MaxStars = 45;        ///< stars of each list that take part
+    double MatchTolerance = 0;     ///< triangles farther apart than this, in the plane of side
+                                   ///< ratios, do not vote
+    double MatchDivisor = 0;       ///< the larger, the fewer votes a pair needs
+    double MaxGeometricError = 0;  ///< limit on |(|Stretch| − 1)| and on |Skew|
+    std::int16_t MaxStars = 0;     ///< stars of each list that take part
 };
 
 /// The triangles of a list that is matched many times, kept from one match to the next.

@@ -23,6 +23,11 @@ namespace vestrel {
 /// it.
 inline constexpr const char* QuadFileName = "quads.tables";
 
+/// The diagonals of fields, in degrees, for which tables are made unless others are asked for: a
+/// catalog like Tycho-2 has enough stars for them.
+inline constexpr double UsualSmallestField = 0.9;
+inline constexpr double UsualLargestField = 30;
+
 /// The contents of a table.
 struct QuadList {
     std::vector<CatalogStar> Stars;                  ///< in the order of `ComesBefore`

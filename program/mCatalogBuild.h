@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "matching/libQuadFile.h"
+
 namespace vestrel {
 
 /// A source from which a catalog can be made.
@@ -36,8 +38,9 @@ struct CatalogWish {
                                                ///< made
     std::string FaintestMagnitude;             ///< empty: all stars
     bool Tables = true;
-    double SmallestField = 0.9;  ///< diagonal of the fields that the tables are for, degrees
-    double LargestField = 30;
+    double SmallestField = UsualSmallestField;  ///< diagonal of the fields that the tables are for,
+                                                ///< degrees
+    double LargestField = UsualLargestField;
 };
 
 /// The runs that are needed, one after another; a `Fault` and no runs when the inputs are not

@@ -38,6 +38,13 @@ struct StatusLine {
     bool Visible = true;
 };
 
+/// The most regions that are searched around a centre unless another number is given.
+inline constexpr std::int32_t UsualRegions = 25;
+/// Seconds that a search may take unless others are given.
+inline constexpr double UsualTimeLimit = 20;
+/// Seconds that an unattended run with a window stays open.
+inline constexpr int CountdownSeconds = 10;
+
 /// The texts of the solve window, exactly as shown.
 struct SolveDisplay {
     StatusLine Status{"Ready", StatusColour::Black, true};
@@ -66,7 +73,8 @@ struct SolveDisplay {
     std::string Cause;             ///< why the last search failed and what to try, in a sentence
     bool OffersJustSolve = false;  ///< a search from a centre found nothing
     std::string Clock;             ///< universal time, Julian date, sidereal time
-    std::string Countdown = "10";  ///< seconds until an unattended run closes the program
+    std::string Countdown = std::to_string(CountdownSeconds);  ///< until an unattended run closes
+                                                               ///< the program
 };
 
 /// What the user has typed into the solve window.
@@ -74,7 +82,7 @@ struct SolveInputs {
     std::string SizeX;
     std::string SizeY;
     std::string Units = "arcminutes";  ///< or "degrees"
-    std::string Regions = "25";
+    std::string Regions = std::to_string(UsualRegions);
     std::string Ra = {};
     std::string Dec = {};
     bool KeepOpen = false;  ///< stops the countdown
@@ -150,9 +158,11 @@ struct ProgramState {
     bool StopRequested = false;
     /// When the running kernel first noticed `StopRequested`.
     std::optional<std::chrono::steady_clock::time_point> StopSeen;
+    /// How long it may then go on before it is abandoned.
+    std::chrono::steady_clock::duration StopPatience = std::chrono::seconds(1);
     bool CloseRequested = false;  ///< the program ends as soon as nothing runs
     Activity Running = Activity::None;
-    int SecondsLeft = 10;  ///< of the countdown
+    int SecondsLeft = CountdownSeconds;  ///< of the countdown
 
     SolveParameters Parameters;
     bool HaveConfig = false;  ///< the settings were read from the file

@@ -74,11 +74,7 @@ ParameterTexts TextsOfParameters(const SolveParameters& parameters) {
 }
 
 ParameterTexts DefaultParameterTexts() {
-    ParameterTexts texts;
-    for (std::size_t box = 0; box < texts.size(); ++box) {
-        texts[box] = ParameterBoxes[box].DefaultText;
-    }
-    return texts;
+    return TextsOfParameters(SolveParameters());
 }
 
 std::optional<std::size_t> StoreParameterTexts(ProgramState& state, Port& port,

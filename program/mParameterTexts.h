@@ -15,16 +15,15 @@ struct ParameterBox {
     const char* Name;     ///< of the control
     const char* Caption;  ///< with a mnemonic
     const char* Unit;
-    const char* DefaultText;
 };
 inline constexpr std::array<ParameterBox, 7> ParameterBoxes{{
-    {"txtMaxStarSize", "Ma&x Star Size", "standard deviations", "6"},
-    {"txtMinStarSize", "Mi&n Star Size", "pixels", "3"},
-    {"txtThreshold", "Detection &Threshold", "standard deviations", "6"},
-    {"txtMaxGeoError", "Maximum &Geometric Error", "normalized", "0.025"},
-    {"txtEdgeExclude", "&Edge Exclusion", "normalized", "0.02"},
-    {"txtMaxStars", "Max &Stars", "number", "45"},
-    {"txtMaxError", "Maximum E&rror", "pixels", "2"},
+    {"txtMaxStarSize", "Ma&x Star Size", "standard deviations"},
+    {"txtMinStarSize", "Mi&n Star Size", "pixels"},
+    {"txtThreshold", "Detection &Threshold", "standard deviations"},
+    {"txtMaxGeoError", "Maximum &Geometric Error", "normalized"},
+    {"txtEdgeExclude", "&Edge Exclusion", "normalized"},
+    {"txtMaxStars", "Max &Stars", "number"},
+    {"txtMaxError", "Maximum E&rror", "pixels"},
 }};
 
 /// The texts of the boxes, in their order.

@@ -15,12 +15,12 @@ namespace vestrel {
 
 /// A place to search around, from the user or the picture.
 struct KnownPlace {
-    SkyPosition Centre;                 ///< J2000, radians
-    std::int32_t Regions = 25;          ///< largest number of regions
-    std::optional<double> Radius = {};  ///< when given, the largest distance from the centre,
-                                        ///< radians
-    bool Briefly = false;               ///< only the plain search, with the likeliest size
-    std::string Source = {};            ///< the cards it comes from; empty: the user gave it
+    SkyPosition Centre;                   ///< J2000, radians
+    std::int32_t Regions = UsualRegions;  ///< largest number of regions
+    std::optional<double> Radius = {};    ///< when given, the largest distance from the centre,
+                                          ///< radians
+    bool Briefly = false;                 ///< only the plain search, with the likeliest size
+    std::string Source = {};              ///< the cards it comes from; empty: the user gave it
 };
 
 /// A likely size of the field.
@@ -37,10 +37,10 @@ struct KnownOfPicture {
     /// Whether the picture's header supplies values that were not given.
     bool PlacesFromPicture = true;
     bool SizesFromPicture = true;
-    std::int32_t Regions = 25;         ///< around the picture's places
-    std::vector<KnownSize> LastSizes;  ///< tried after all others, unless sizes were given
-    bool Everywhere = false;           ///< search the whole sky too
-    double TimeLimit = 20;             ///< seconds
+    std::int32_t Regions = UsualRegions;  ///< around the picture's places
+    std::vector<KnownSize> LastSizes;     ///< tried after all others, unless sizes were given
+    bool Everywhere = false;              ///< search the whole sky too
+    double TimeLimit = UsualTimeLimit;    ///< seconds
 };
 
 /// The request for a plan, and for each of its places the cards that it comes from.

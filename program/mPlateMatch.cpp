@@ -79,8 +79,7 @@ PlateSolution RegionSolution(const ProgramState& state, const RegionMatch& regio
 
 RegionSettings SettingsFor(const PlateSearch& search, const SolveParameters& parameters) {
     return RegionSettingsFor(search.Width, search.Height, search.MatchTolerance,
-                             {parameters.MatchTolerance, parameters.MatchDivisor,
-                              parameters.MaxGeometricError, parameters.MaxStars});
+                             AlignSettingsOf(parameters));
 }
 
 /// The centres of a square spiral about a starting centre, without that centre.
@@ -143,6 +142,11 @@ RegionMatch TryRegion(ProgramState& state, Port& port, RegionMatcher& matcher, S
 }
 
 }  // namespace
+
+AlignSettings AlignSettingsOf(const SolveParameters& parameters) {
+    return {parameters.MatchTolerance, parameters.MatchDivisor, parameters.MaxGeometricError,
+            parameters.MaxStars};
+}
 
 SolveCode SolvePlate(ProgramState& state, Port& port, const PlateSearch& search) {
     BeginSolve(state);

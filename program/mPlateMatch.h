@@ -22,6 +22,9 @@ struct PlateSearch {
     std::function<bool()> MustEnd = {};
 };
 
+/// The parameters that the matcher needs.
+AlignSettings AlignSettingsOf(const SolveParameters& parameters);
+
 /// Solves the loaded image; the outcome is the state's `Solution`.
 ///
 /// Removes the background (once per image), extracts the stars (smoothing once when there are fewer

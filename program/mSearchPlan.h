@@ -20,7 +20,7 @@ struct SearchHint {
     SkyPosition Centre;  ///< J2000, radians
     double Width = 0;    ///< of the field, radians; may be wrong by 30 %
     double Height = 0;
-    std::int32_t Regions = 25;
+    std::int32_t Regions = UsualRegions;
     bool Briefly = false;  ///< only the plain search
 };
 
@@ -29,8 +29,8 @@ struct SearchRequest {
     std::vector<SearchHint> Around;  ///< likeliest first; may be empty
     bool Everywhere = false;         ///< searches the whole sky when the hints give nothing
     std::vector<double> Diagonals;   ///< likely diagonals of the field, radians; may be empty
-    double TimeLimit = 20;           ///< seconds; reading the image and extracting stars may exceed
-                                     ///< it
+    /// Seconds; reading the image and extracting stars may exceed it.
+    double TimeLimit = UsualTimeLimit;
     /// Stars of the image, brightest first, to use instead of those in its pixels.
     std::optional<PlateStarList> Stars;
     /// All star lists of an earlier plan on the same image, to repeat it without the pixels.

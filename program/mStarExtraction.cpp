@@ -26,10 +26,9 @@ Progress StoppableProgress(ProgramState& state, Port& port) {
     return [&state, show = ShownProgress(port)](int done, int total) {
         show(done, total);
         if (!state.StopRequested) return;
-        constexpr std::chrono::seconds patience{1};
         const auto now = std::chrono::steady_clock::now();
         if (!state.StopSeen) state.StopSeen = now;
-        if (now - *state.StopSeen > patience) throw StopOverdue();
+        if (now - *state.StopSeen > state.StopPatience) throw StopOverdue();
     };
 }
 

@@ -26,7 +26,7 @@ void ShowStatus(ProgramState& state, Port& port, const std::string& text,
 /// Shows a kernel's progress as percent and runs pending events with each report.
 Progress ShownProgress(Port& port);
 
-/// Thrown out of a kernel that still runs a second after a stop was requested.
+/// Thrown out of a kernel that still runs when `StopPatience` is over.
 struct StopOverdue {};
 
 /// As `ShownProgress`, but it may throw `StopOverdue`: only for kernels that change nothing before

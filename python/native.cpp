@@ -228,6 +228,14 @@ class NativeSolver {
 PYBIND11_MODULE(_native, module) {
     using vestrel::NativeSolver;
     module.attr("version") = VESTREL_VERSION;
+    const vestrel::SolverSettings settings;
+    const vestrel::SolverHints hints;
+    module.attr("DETECTION_THRESHOLD") = settings.DetectionThreshold;
+    module.attr("MIN_STAR_SIZE") = settings.MinStarSize;
+    module.attr("MAX_STARS") = settings.MaxStars;
+    module.attr("MAX_ERROR") = settings.MaxError;
+    module.attr("TIME_LIMIT") = hints.TimeLimit;
+    module.attr("RADIUS") = vestrel::SolverCentre().Radius;
     py::class_<NativeSolver>(module, "Solver")
         .def(py::init<const std::string&, int, double, int, int, double>(), py::arg("catalog"),
              py::arg("threads"), py::arg("detection_threshold"), py::arg("min_star_size"),

@@ -30,7 +30,8 @@
 
 namespace vestrel {
 
-/// The settings that all solves of a Solver share.
+/// The settings that all solves of a Solver share. This header stands alone, so it repeats the
+/// defaults of the programs; a test compares them.
 struct VESTREL_PUBLIC SolverSettings {
     /// The folder of the catalog and its quad tables; empty: $VESTREL_CATALOG or the default one.
     std::string CatalogFolder;

@@ -374,6 +374,7 @@ TEST(ParameterTexts, OKStoresInOrderUntilATextIsNoNumber) {
     const ParameterTexts stored = {"1.5", "2", "-3", "0.04", "5", "4", "7"};  // halves to even
     const ParameterTexts before = TextsOfParameters(state.Parameters);
     EXPECT_EQ(before, DefaultParameterTexts());
+    EXPECT_EQ(before, (ParameterTexts{"6", "3", "6", "0.025", "0.02", "45", "2"}));
     for (std::size_t bad = 0; bad < good.size(); ++bad) {
         for (const char* text : {"", "six", "1E999", "1 2"}) {
             state.Parameters = {};

@@ -203,6 +203,24 @@ TEST(Solver, TellsWhyThereIsNoSolution) {
     EXPECT_TRUE(solver.Solve(TextFromPath(sky.Frame), sky.Near).Solved());
 }
 
+TEST(Solver, SettingsAndHintsLeftOutAreThoseOfThePrograms) {
+    const SolveParameters usual;
+    SolveParameters other;
+    other.MaxStarSize = other.MatchTolerance = other.MatchDivisor = other.DetectionThreshold = 1;
+    other.EdgeExclusion = other.MaxGeometricError = other.MaxError = 0.1;
+    other.MinStarSize = 1;
+    other.MaxStars = 100;
+    SolveParameters taken = other;
+    TakeSettings(SolverSettings(), taken);
+    EXPECT_EQ(EncodeSettings(taken), EncodeSettings(usual));
+    TakeSettings(SettingsOf(other), taken);
+    EXPECT_EQ(EncodeSettings(taken), EncodeSettings(other));
+
+    const KnownOfPicture known = KnownFrom(SolverHints(), EmptyImage(4, 4, 0));
+    EXPECT_EQ(known.Regions, SearchHint().Regions);
+    EXPECT_EQ(known.TimeLimit, SearchRequest().TimeLimit);
+}
+
 TEST(Solver, TheSizeOfASideIsThatOfItsPixels) {
     const PlateImage image = EmptyImage(400, 100, 0);
     SolverHints hints;

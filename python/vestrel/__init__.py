@@ -4,8 +4,8 @@
 >>> solution = vestrel.solve("m44.fit")            # doctest: +SKIP
 >>> solution.wcs.pixel_to_world(10, 20)            # doctest: +SKIP
 
-Angles are degrees, positions J2000 (ICRS). Pixels are those of numpy: ``array[y, x]``, from 0, whole
-numbers are the middles of pixels, rows in the order of the file or the array.
+Angles are degrees, positions J2000 (ICRS). Pixels count as in numpy: ``array[y, x]``, from 0; whole
+numbers are the middles of pixels, and rows have the order of the file or the array.
 """
 from __future__ import annotations
 
@@ -36,13 +36,13 @@ MATCHES = np.dtype([("x", "f8"), ("y", "f8"), ("flux", "f8"), ("ra", "f8"), ("de
 
 @dataclasses.dataclass(frozen=True)
 class Solution:
-    """What came of a solve. It is true when there is a solution, else ``reason`` says why not."""
+    """The outcome of a solve. It is true when there is a solution; else ``reason`` says why not."""
 
     end: str
     """How it ended: "solved", "no picture", "too few stars", "no match", "not sure", "no catalog", "damaged catalog",
     "time limit", "stopped" or "out of memory"."""
     reason: str
-    """Why there is no solution, in a sentence; else empty."""
+    """Why there is no solution, as a sentence; empty when there is one."""
     advice: list[str]
     """What to try next."""
     width: int
@@ -50,33 +50,32 @@ class Solution:
     height: int
     """Rows of the picture."""
     stars: npt.NDArray[Any]
-    """The stars found, brightest first: fields x, y (pixels), flux (counts above the sky)."""
+    """The detected stars, brightest first: fields x, y (pixels), flux (counts above the sky)."""
     matches: npt.NDArray[Any]
-    """The stars matched: x, y, flux, and of the catalog ra, dec, magnitude; residual (pixels)."""
+    """The matched stars: x, y, flux; ra, dec, magnitude from the catalog; residual (pixels)."""
     log10_false_alarm: float
     """How sure it is: log10 of the probability that chance gives a match as good. A solution has
     -6 or less."""
     seconds: float
-    """That the solve took, without reading the picture."""
+    """Time of the solve, without reading the picture."""
     solved_by: str = ""
-    """The attempt that gave the solution."""
+    """The name of the attempt that gave the solution."""
     started_from: str = ""
     """The header cards that gave the start; may be empty."""
     cause: str = ""
-    """The likeliest cause of a failure, with the figures that speak for it; empty when nothing is
-    known."""
+    """The likeliest cause of a failure, with its evidence; empty when nothing is known."""
     cause_kind: str = ""
-    """The name of that cause, which never changes: "trailed", "wrong_centre"."""
+    """The name of that cause, such as "trailed" or "wrong_centre". It never changes."""
     ra: float = float("nan")
     """Right ascension of the middle of the picture, 0 to 360."""
     dec: float = float("nan")
     """Its declination."""
     field: tuple[float, float] = (float("nan"), float("nan"))
-    """Width and height of the field."""
+    """Width and height of the field, degrees."""
     scale: float = float("nan")
     """Arcseconds per pixel at the middle."""
     rotation: float = float("nan")
-    """Of the direction of rising rows, east of north, 0 to 360."""
+    """The position angle of the direction of rising rows, east of north, 0 to 360."""
     mirrored: bool = False
     """Whether east lies clockwise of north where rows rise upward."""
     rms: float = float("nan")
@@ -84,27 +83,27 @@ class Solution:
     centre_error: float = 0
     """Standard deviation of the middle's position, arcseconds; 0 when not known."""
     cautions: list[str] = dataclasses.field(default_factory=list)
-    """What should make one doubt the solution; empty as a rule."""
+    """Reasons to doubt the solution; usually empty."""
     cards: list[str] = dataclasses.field(default_factory=list, repr=False)
     """The world coordinates as FITS header cards."""
     stars_in_frame: int = 0
     """Catalog stars in the frame."""
     expected_by_chance: float = 0
-    """How many of them would meet a star of some other picture."""
+    """How many of them would match a star in a picture of another place."""
 
     def __bool__(self) -> bool:
         return self.end == "solved"
 
     @cached_property
     def header(self) -> Header:
-        """The world coordinates as an astropy header, to update a picture's own with."""
+        """The world coordinates as an astropy header, with which a picture's own can be updated."""
         from astropy.io import fits
 
         return fits.Header.fromstring("".join(card.ljust(80) for card in self.cards))
 
     @cached_property
     def wcs(self) -> WCS:
-        """The world coordinates, SIP distortion included.
+        """The world coordinates, with SIP distortion.
 
         Raises ValueError when there is no solution."""
         if not self:
@@ -135,47 +134,51 @@ def _cards(header: Optional[Header]) -> list[str]:
 class Solver:
     """Solves pictures one after the other and keeps the catalog in memory between them.
 
-    One Solver works for one thread at a time; any number of them work at once, without holding up
-    other Python threads.
+    A Solver may be used by one thread at a time. Any number of Solvers can work at the same time,
+    and other Python threads run meanwhile.
 
-    catalog: folder of the catalog and its quad tables; None: the usual one.
-    threads: for one picture, 1 to 256; 0: as many as there are processors.
-    detection_threshold: standard deviations of the sky above its mean that make a star.
-    min_star_size: pixels of the smallest star.
-    max_stars: stars of each list that take part.
-    max_error: largest error of the fit, pixels.
+    catalog: the folder of the catalog and its quad tables; None: the usual one.
+    threads: threads for one picture, 1 to 256; 0: one for each processor.
+    detection_threshold: how far above the mean of the sky a star begins, in standard deviations.
+    min_star_size: the size of the smallest star, pixels.
+    max_stars: how many stars of each list take part in matching.
+    max_error: the largest error of the fit, pixels.
 
-    Raises ValueError for a setting out of its range.
+    Raises ValueError for a setting outside its range.
     """
 
     def __init__(self, catalog: Union[str, "os.PathLike[str]", None] = None, *, threads: int = 0,
-                 detection_threshold: float = 6, min_star_size: int = 3, max_stars: int = 45,
-                 max_error: float = 2) -> None:
+                 detection_threshold: float = _native.DETECTION_THRESHOLD,
+                 min_star_size: int = _native.MIN_STAR_SIZE, max_stars: int = _native.MAX_STARS,
+                 max_error: float = _native.MAX_ERROR) -> None:
         self._native = _native.Solver(os.fspath(catalog) if catalog is not None else "", threads,
                                       detection_threshold, min_star_size, max_stars, max_error)
 
     def solve(self, picture: Optional[Picture] = None, *,
               stars: Optional[npt.ArrayLike] = None, shape: Optional[tuple[int, int]] = None,
-              ra: Optional[float] = None, dec: Optional[float] = None, radius: float = 1,
+              ra: Optional[float] = None, dec: Optional[float] = None,
+              radius: float = _native.RADIUS,
               scale: Optional[Range] = None, field_width: Optional[Range] = None,
               field_height: Optional[Range] = None, header: Optional[Header] = None,
               use_header: bool = True, whole_sky: bool = True, top_row_first: bool = False,
-              time_limit: float = 20) -> Solution:
-        """Solves a picture: a file name; an array of shape (rows, columns) or (rows, columns,
-        channels) of integers up to 32 bits or floats; or, in place of it, stars.
+              time_limit: float = _native.TIME_LIMIT) -> Solution:
+        """Solves a picture. All hints are optional.
 
-        stars: rows of x, y, flux (pixels, any unit), any order; shape is then (rows, columns).
-        ra, dec, radius: where the picture's middle lies, about; radius in degrees.
-        scale: arcseconds per pixel, a number (may be 30 % off) or (low, high); or
-        field_width, field_height: degrees, likewise.
-        header: an astropy header that goes with an array or with stars, for its hints.
-        use_header: fill what is not given with what the picture's header says.
-        whole_sky: look at the whole sky when there is no centre, or none was right.
-        top_row_first: an array whose row 0 is the top, as cameras have it.
-        time_limit: seconds.
+        picture: the name of a file, or an array of shape (rows, columns) or (rows, columns,
+            channels) of integers up to 32 bits or of floats.
+        stars: instead of a picture, rows of x, y (pixels) and flux (any unit) in any order.
+        shape: the (rows, columns) of the picture that the stars are from.
+        ra, dec, radius: the approximate middle of the picture, and how far off it may be; degrees.
+        scale: arcseconds per pixel: a number, which may be 30 % off, or (low, high).
+        field_width, field_height: instead of the scale, likewise; degrees.
+        header: an astropy header with hints, to go with an array or with stars.
+        use_header: take hints that are not given from the picture's header.
+        whole_sky: search the whole sky when there is no centre, or when none was right.
+        top_row_first: whether row 0 of an array is the top, as in pictures of cameras.
+        time_limit: seconds for the solve.
 
-        Raises ValueError and TypeError for arguments that make no sense, KeyboardInterrupt; never
-        because of the picture: then the solution is false and says why.
+        Raises ValueError and TypeError for invalid arguments, and KeyboardInterrupt, but nothing
+        because of the picture: the solution is then false and gives the reason.
         """
         if (picture is None) == (stars is None):
             raise ValueError("Give a picture or stars.")
@@ -201,8 +204,8 @@ class Solver:
 
 def solve(picture: Optional[Picture] = None, *, catalog: Union[str, "os.PathLike[str]", None] = None,
           threads: int = 0, **hints: Any) -> Solution:
-    """Solves one picture; see `Solver` and `Solver.solve` for the arguments.
+    """Solves one picture. `Solver` and `Solver.solve` describe the arguments.
 
-    For many pictures keep a `Solver`: it keeps the catalog in memory.
+    For many pictures use a `Solver`, which keeps the catalog in memory.
     """
     return Solver(catalog, threads=threads).solve(picture, **hints)

@@ -5,6 +5,14 @@ import numpy.typing as npt
 
 version: str
 
+# What is used when an argument is left out.
+DETECTION_THRESHOLD: float
+MIN_STAR_SIZE: int
+MAX_STARS: int
+MAX_ERROR: float
+TIME_LIMIT: float
+RADIUS: float
+
 class Solver:
     def __init__(self, catalog: str, threads: int, detection_threshold: float,
                  min_star_size: int, max_stars: int, max_error: float) -> None: ...
