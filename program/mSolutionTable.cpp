@@ -78,12 +78,12 @@ SolvedPicture SolveFile(const SolveParameters& parameters, const std::filesystem
 
 /// A field of a comma-separated line. Text that a spreadsheet would take for a formula stays text.
 std::string CsvField(const std::string& text) {
-    constexpr std::string_view formulas = "=+-@\t";
+    constexpr std::string_view formulas = "=+-@\t\r";
     std::string field = text;
     if (!field.empty() && formulas.find(field.front()) != std::string_view::npos) {
         field.insert(0, 1, '\'');
     }
-    if (field.find_first_of(",\"\n") == std::string::npos) return field;
+    if (field.find_first_of(",\"\r\n") == std::string::npos) return field;
     std::string quoted = "\"";
     for (const char c : field) quoted.append(c == '"' ? 2 : 1, c);
     return quoted + "\"";

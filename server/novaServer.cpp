@@ -6,8 +6,6 @@
 #include <atomic>
 #include <charconv>
 #include <cmath>
-#include <ctime>
-#include <nlohmann/json.hpp>
 #include <random>
 #include <thread>
 
@@ -15,12 +13,12 @@
 #include "platform/libConsole.h"
 #include "platform/libFiles.h"
 #include "server/libFormData.h"
+#include "server/novaReplies.h"
 
 namespace vestrel {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
 using httplib::ContentReader;
 using httplib::Request;
 using httplib::Response;
@@ -32,89 +30,15 @@ class Refusal : public std::runtime_error {
     int Status;
 };
 
-void Reply(Response& response, const Json& json, int status = 200) {
+void Reply(Response& response, const NovaJson& json, int status = 200) {
     response.status = status;
     // Names of files need not be UTF-8; JSON must be.
-    const std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    const std::string text = json.dump(-1, ' ', false, NovaJson::error_handler_t::replace);
     response.set_content(WithEscapedControls(text), "application/json");
 }
 
 void ReplyError(Response& response, int status, const std::string& text) {
     Reply(response, {{"status", "error"}, {"errormessage", text}}, status);
-}
-
-/// "2026-11-22 01:02:03" in universal time; "None" when there is no moment.
-std::string TimeText(const std::optional<std::chrono::system_clock::time_point>& moment) {
-    if (!moment) return "None";
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(*moment);
-    std::tm parts{};
-    gmtime_r(&seconds, &parts);
-    std::array<char, 40> text{};
-    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts)};
-}
-
-const char* StateText(JobState state) {
-    switch (state) {
-        case JobState::Solved:
-            return "success";
-        case JobState::Failed:
-            return "failure";
-        default:
-            return "solving";
-    }
-}
-
-Json CalibrationJson(const JobCalibration& calibration) {
-    return {{"ra", calibration.Ra},
-            {"dec", calibration.Dec},
-            {"width_arcsec", calibration.Width},
-            {"height_arcsec", calibration.Height},
-            {"radius", calibration.Radius},
-            {"pixscale", calibration.Scale},
-            {"orientation", calibration.Orientation},
-            {"parity", calibration.Parity}};
-}
-
-Json SubmissionJson(const JobReport& job) {
-    const bool begun = job.State != JobState::Waiting;
-    Json json = {{"user", 1},
-                 {"processing_started", TimeText(job.Started)},
-                 {"processing_finished", TimeText(job.Finished)},
-                 {"user_images", Json::array()},
-                 {"images", Json::array()},
-                 {"jobs", Json::array()},
-                 {"job_calibrations", Json::array()}};
-    if (begun) {
-        json["user_images"] = {job.Id};
-        json["jobs"] = {job.Id};
-    }
-    if (job.Calibration) json["job_calibrations"].push_back({job.Id, job.Id});
-    return json;
-}
-
-Json InfoJson(const JobReport& job) {
-    Json json = {{"status", StateText(job.State)},
-                 {"objects_in_field", Json::array()},
-                 {"machine_tags", Json::array()},
-                 {"tags", Json::array()},
-                 {"original_filename", job.Name}};
-    if (job.Calibration) json["calibration"] = CalibrationJson(*job.Calibration);
-    return json;
-}
-
-Json QueueJson(const std::vector<JobReport>& jobs) {
-    Json list = Json::array();
-    for (const JobReport& job : jobs) {
-        Json entry = {{"id", job.Id},
-                      {"name", job.Name},
-                      {"state", job.State == JobState::Waiting ? "waiting" : StateText(job.State)},
-                      {"submitted", TimeText(job.Submitted)},
-                      {"log", job.Log},
-                      {"new_fits", !job.NewFits.empty()}};
-        if (job.Calibration) entry["calibration"] = CalibrationJson(*job.Calibration);
-        list.push_back(std::move(entry));
-    }
-    return list;
 }
 
 std::string RandomToken() {

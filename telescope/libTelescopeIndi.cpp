@@ -1,15 +1,11 @@
 // Telescopes behind an INDI server (https://indilib.org).
 
-#include <arpa/inet.h>
 #include <libindi/baseclient.h>
 #include <libindi/basedevice.h>
 #include <libindi/indipropertynumber.h>
 #include <libindi/indipropertyswitch.h>
-#include <netdb.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <chrono>
 #include <condition_variable>
@@ -23,6 +19,7 @@
 #include <string_view>
 #include <utility>
 
+#include "telescope/libIndiAddress.h"
 #include "telescope/libTelescopeDriver.h"
 
 namespace vestrel {
@@ -41,72 +38,6 @@ constexpr const char* syncElement = "SYNC";
 constexpr milliseconds serverLimit{2500};
 constexpr milliseconds deviceLimit{2500};
 constexpr const char* serverGone = "the INDI server has gone";
-
-struct Address {
-    std::string Host;
-    unsigned Port = 7624;
-    std::string Device;
-};
-
-/// Decodes "Telescope%20Simulator" to "Telescope Simulator"; nothing when it is malformed.
-std::optional<std::string> PercentDecoded(std::string_view text) {
-    std::string decoded;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '%') {
-            decoded += text[i];
-            continue;
-        }
-        unsigned code = 0;
-        const std::string_view digits = text.substr(i + 1, 2);
-        const auto end = digits.data() + digits.size();
-        if (digits.size() != 2 || std::from_chars(digits.data(), end, code, 16).ptr != end ||
-            code < 32) {
-            return std::nullopt;
-        }
-        decoded += static_cast<char>(code);
-        i += 2;
-    }
-    return decoded;
-}
-
-/// The device may be missing.
-std::optional<Address> ParseAddress(std::string_view text) {
-    constexpr std::string_view scheme = "indi://";
-    if (!text.starts_with(scheme)) return std::nullopt;
-    text.remove_prefix(scheme.size());
-    const std::size_t slash = std::min(text.find('/'), text.size());
-    std::string_view host = text.substr(0, slash);
-    Address address;
-    if (const std::size_t colon = host.find(':'); colon != std::string_view::npos) {
-        const std::string_view port = host.substr(colon + 1);
-        const auto end = port.data() + port.size();
-        if (std::from_chars(port.data(), end, address.Port).ptr != end || port.empty() ||
-            address.Port < 1 || address.Port > 65535) {
-            return std::nullopt;
-        }
-        host = host.substr(0, colon);
-    }
-    const auto device = PercentDecoded(text.substr(std::min(slash + 1, text.size())));
-    if (host.empty() || !device) return std::nullopt;
-    address.Host = host;
-    address.Device = *device;
-    return address;
-}
-
-/// The numeric address of a host; empty when it has none. The client library would resolve the name
-/// on a thread of its own, and ends the program when it gives up before that thread does.
-std::string Resolved(const std::string& host) {
-    addrinfo wanted{};
-    wanted.ai_family = AF_INET;  // the only family that the library knows
-    wanted.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (getaddrinfo(host.c_str(), nullptr, &wanted, &found) != 0) return {};
-    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
-    std::array<char, INET_ADDRSTRLEN> text{};
-    const auto* address = reinterpret_cast<const sockaddr_in*>(found->ai_addr);
-    if (inet_ntop(AF_INET, &address->sin_addr, text.data(), text.size()) == nullptr) return {};
-    return text.data();
-}
 
 /// What is known of a property; a copy of the client's own record, which its thread changes.
 struct Property {
@@ -302,7 +233,7 @@ class DeviceListener : public INDI::BaseClient {
 
 class IndiTelescope : public TelescopeDriver {
  public:
-    explicit IndiTelescope(Address address) : address_(std::move(address)) {
+    explicit IndiTelescope(IndiAddress address) : address_(std::move(address)) {
         // The client library writes to servers that have gone; its thread inherits this signal
         // mask.
         sigset_t pipe{};
@@ -372,7 +303,7 @@ class IndiTelescope : public TelescopeDriver {
         return steady_clock::now() + limits_.Call - TelescopeLimits::Margin;
     }
     std::string Host() const {
-        std::string host = Resolved(address_.Host);
+        std::string host = NumericAddress(address_.Host);
         if (host.empty()) throw TelescopeError("there is no host " + address_.Host);
         return host;
     }
@@ -440,7 +371,7 @@ class IndiTelescope : public TelescopeDriver {
         return value->second;
     }
 
-    Address address_;
+    IndiAddress address_;
     TelescopeLimits limits_;
     std::unique_ptr<Client> client_;
     bool foundConnected_ = false;  ///< the mount was already connected at every request to connect
@@ -451,7 +382,7 @@ class IndiTelescope : public TelescopeDriver {
 std::unique_ptr<TelescopeDriver> CreateTelescopeDriver() {
     const char* text = std::getenv("VESTREL_TELESCOPE");
     if (text == nullptr || *text == 0) return nullptr;
-    auto address = ParseAddress(text);
+    auto address = ParseIndiAddress(text);
     if (!address || address->Device.empty()) {
         throw TelescopeError("$VESTREL_TELESCOPE is not indi://host:port/Device Name");
     }
@@ -459,7 +390,7 @@ std::unique_ptr<TelescopeDriver> CreateTelescopeDriver() {
 }
 
 std::unique_ptr<TelescopeDriver> CreateTelescopeDriverAt(const std::string& address) {
-    auto parts = ParseAddress(address.c_str());
+    auto parts = ParseIndiAddress(address.c_str());
     if (!parts) throw TelescopeError("the address is not indi://host:port/Device Name");
     return std::make_unique<IndiTelescope>(std::move(*parts));
 }

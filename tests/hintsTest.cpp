@@ -75,6 +75,30 @@ TEST(Hints, ScalesComeBestFirstWithAndWithoutTheBinning) {
                 206264.806 * 43.2666 / 50 / std::hypot(1000, 800), 1e-2);
 }
 
+TEST(Hints, ZeroOrLessIsNotKnownAndTheNextSourceCounts) {
+    const double scale = 206.264806 * 3.8 / 500;
+    for (const char* none : {"0", "-7.6", "'0.0'", "1E999", "'NaN'"}) {
+        const std::string number = none;
+        const auto hints = HintsOf(ImageWith(
+            {"FOCALLEN= 500", "XPIXSZ  = " + number, "PIXSIZE1= 3.8", "XBINNING= " + number}));
+        ASSERT_EQ(hints.Scales.size(), 1U) << none;
+        EXPECT_NEAR(hints.Scales[0].ArcsecondsPerPixel, scale, 1e-6);
+        EXPECT_EQ(hints.Scales[0].Source, "FOCALLEN and PIXSIZE1");
+
+        PlateImage fields =
+            ImageWith({"FOCALLEN= " + number, "XPIXSZ  = " + number, "XBINNING= " + number});
+        fields.Header.FocalLength = 500;
+        fields.Header.XPixelSize = 3.8;
+        fields.Header.XBinning = 2;
+        ASSERT_EQ(HintsOf(fields).Scales.size(), 2U) << none;
+        EXPECT_NEAR(HintsOf(fields).Scales[0].ArcsecondsPerPixel, scale, 1e-6);
+        EXPECT_NEAR(HintsOf(fields).Scales[1].ArcsecondsPerPixel, 2 * scale, 1e-6);
+
+        EXPECT_TRUE(
+            HintsOf(ImageWith({"SECPIX  = " + number, "FOCLEN35= " + number})).Scales.empty());
+    }
+}
+
 TEST(Hints, WorldCoordinatesAreCarriedToTheMiddleOfTheImage) {
     // Computed by hand: 10 degrees north of the tangent point, along the meridian, in the gnomonic
     // plane.

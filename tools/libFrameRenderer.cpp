@@ -1,78 +1,18 @@
 #include "tools/libFrameRenderer.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <numbers>
 
 #include "astro/libMath.h"
 #include "astro/libParallel.h"
+#include "tools/libRandomNumbers.h"
 
 namespace vestrel {
 
 namespace {
 
 constexpr double pi = std::numbers::pi;
-
-/// Separate streams of random numbers for separate purposes.
-enum class Stream : std::uint64_t { Row = 1, Gradient, HotPixels, Stars };
-
-/// SplitMix64 (Steele, Lea, Flood 2014) and the distributions that frames need. The standard
-/// library's distributions differ from one implementation to the next.
-class RandomNumbers {
- public:
-    RandomNumbers(std::uint64_t seed, Stream stream, std::uint64_t number = 0)
-        : state_(Mixed(Mixed(Mixed(seed) + static_cast<std::uint64_t>(stream)) + number)) {}
-
-    /// 0 inclusive to 1 exclusive.
-    double Uniform() {
-        state_ += increment;
-        return static_cast<double>(Mixed(state_) >> 11) * 0x1p-53;
-    }
-
-    /// Mean 0, standard deviation 1; Marsaglia's polar method, which yields two at a time.
-    double Normal() {
-        if (haveSpare_) {
-            haveSpare_ = false;
-            return spare_;
-        }
-        double x = 0;
-        double y = 0;
-        double squared = 0;
-        do {
-            x = 2 * Uniform() - 1;
-            y = 2 * Uniform() - 1;
-            squared = x * x + y * y;
-        } while (squared >= 1 || squared == 0);
-        const double factor = std::sqrt(-2 * std::log(squared) / squared);
-        spare_ = y * factor;
-        haveSpare_ = true;
-        return x * factor;
-    }
-
-    /// A Poisson-distributed count; from a mean of 50 on by the normal distribution, which is as
-    /// good there.
-    double Poisson(double mean) {
-        if (mean >= 50) return std::max(0.0, std::nearbyint(mean + std::sqrt(mean) * Normal()));
-        const double limit = std::exp(-mean);
-        double product = Uniform();
-        int count = 0;
-        for (; product > limit; ++count) product *= Uniform();
-        return count;
-    }
-
- private:
-    static constexpr std::uint64_t increment = 0x9E3779B97F4A7C15;
-    static std::uint64_t Mixed(std::uint64_t value) {
-        value = (value ^ value >> 30) * 0xBF58476D1CE4E5B9;
-        value = (value ^ value >> 27) * 0x94D049BB133111EB;
-        return value ^ value >> 31;
-    }
-
-    std::uint64_t state_;
-    double spare_ = 0;
-    bool haveSpare_ = false;
-};
 
 /// The light of a sharp star on the pixels around it: a Moffat profile with exponent 3.5, which has
 /// the wings that the atmosphere gives.
@@ -204,7 +144,7 @@ class ExpectedLight {
     ExpectedLight(const FrameGeometry& geometry, const FrameExposure& exposure,
                   const std::vector<FrameStar>& stars)
         : geometry_(geometry), exposure_(exposure), profile_(exposure) {
-        RandomNumbers random(exposure.Seed, Stream::Gradient);
+        RandomNumbers random(exposure.Seed, RandomStream::Gradient);
         const double direction = 2 * pi * random.Uniform();
         slopeX_ = exposure.Gradient * std::cos(direction) / geometry.Width;
         slopeY_ = exposure.Gradient * std::sin(direction) / geometry.Height;
@@ -308,91 +248,12 @@ bool CellTouches(const CellPosition& cell, SkyPosition centre, double radius) {
     return SkyDistance(middle, centre) <= radius + reach + rounding;
 }
 
-/// The unit vectors of the picture's right and up, as (east, north) on the plane.
-struct PictureAxes {
-    explicit PictureAxes(const FrameGeometry& geometry)
-        : Up{std::sin(geometry.UpPositionAngle), std::cos(geometry.UpPositionAngle)},
-          Right{geometry.Mirrored ? Up[1] : -Up[1], geometry.Mirrored ? -Up[0] : Up[0]} {}
-    std::array<double, 2> Up;
-    std::array<double, 2> Right;
-};
-
-/// How far the lens moves a point at (u, v) pixels from the middle, which stays in place.
-FramePoint LensShift(const FrameGeometry& geometry, double u, double v) {
-    if (geometry.Distortion == 0) return {};
-    const double half = geometry.HalfDiagonal();
-    const double constant = geometry.Distortion / (half * half * half);
-    const auto cube = [&](double x, double y) {
-        const double square = constant * (x * x + y * y);
-        return FramePoint{square * x, square * y};
-    };
-    const FramePoint here = cube(u - geometry.AxisX, v - geometry.AxisY);
-    const FramePoint middle = cube(-geometry.AxisX, -geometry.AxisY);
-    return {here.X - middle.X, here.Y - middle.Y};
-}
-
 void SortBrightestFirst(std::vector<FrameStar>& stars) {
     std::stable_sort(stars.begin(), stars.end(),
                      [](const FrameStar& a, const FrameStar& b) { return a.Sky.Mag < b.Sky.Mag; });
 }
 
 }  // namespace
-
-double FrameGeometry::HalfDiagonal() const {
-    return std::hypot(Width, Height) / 2;
-}
-
-double FrameGeometry::Radius() const {
-    return std::atan(RadiansPerPixel * HalfDiagonal());
-}
-
-std::optional<FramePoint> SkyToFrame(const FrameGeometry& geometry, SkyPosition sky) {
-    const double sinCentre = std::sin(geometry.Centre.Dec);
-    const double cosCentre = std::cos(geometry.Centre.Dec);
-    const double sinDec = std::sin(sky.Dec);
-    const double cosDec = std::cos(sky.Dec);
-    const double cosRa = std::cos(sky.Ra - geometry.Centre.Ra);
-    const double distanceCosine = sinCentre * sinDec + cosCentre * cosDec * cosRa;
-    if (!(distanceCosine > 1e-6)) return std::nullopt;
-    const double east = cosDec * std::sin(sky.Ra - geometry.Centre.Ra) / distanceCosine;
-    const double north = (cosCentre * sinDec - sinCentre * cosDec * cosRa) / distanceCosine;
-    const PictureAxes axes(geometry);
-    const double right = east * axes.Right[0] + north * axes.Right[1];
-    const double up = east * axes.Up[0] + north * axes.Up[1];
-    const double u = right / geometry.RadiansPerPixel;
-    const double v = up / geometry.RadiansPerPixel;
-    // Far outside the frame the distortion would move stars back into it.
-    if (geometry.Distortion != 0 && std::hypot(u, v) > 1.5 * geometry.HalfDiagonal()) {
-        return std::nullopt;
-    }
-    const FramePoint shift = LensShift(geometry, u, v);
-    return FramePoint{(geometry.Width - 1) / 2.0 + u + shift.X,
-                      (geometry.Height - 1) / 2.0 + v + shift.Y};
-}
-
-SkyPosition FrameToSky(const FrameGeometry& geometry, FramePoint point) {
-    const double x = point.X - (geometry.Width - 1) / 2.0;
-    const double y = point.Y - (geometry.Height - 1) / 2.0;
-    // The distortion changes slowly, so this converges quickly.
-    constexpr int steps = 40;
-    FramePoint ideal{x, y};
-    for (int step = 0; step < steps && geometry.Distortion != 0; ++step) {
-        const FramePoint shift = LensShift(geometry, ideal.X, ideal.Y);
-        ideal = {x - shift.X, y - shift.Y};
-    }
-    const double right = ideal.X * geometry.RadiansPerPixel;
-    const double up = ideal.Y * geometry.RadiansPerPixel;
-    const PictureAxes axes(geometry);
-    const double east = right * axes.Right[0] + up * axes.Up[0];
-    const double north = right * axes.Right[1] + up * axes.Up[1];
-    const double sinCentre = std::sin(geometry.Centre.Dec);
-    const double cosCentre = std::cos(geometry.Centre.Dec);
-    const double towardPole = cosCentre - north * sinCentre;
-    double ra = geometry.Centre.Ra + std::atan2(east, towardPole);
-    if (ra < 0) ra += 2 * pi;
-    if (ra >= 2 * pi) ra -= 2 * pi;
-    return {ra, std::atan2(sinCentre + north * cosCentre, std::hypot(east, towardPole))};
-}
 
 double PeakSigmas(const FrameExposure& exposure, double magnitude) {
     const StarProfile profile(exposure);
@@ -440,7 +301,7 @@ std::vector<FrameStar> RandomFrameStars(const FrameGeometry& geometry, int count
     // Each magnitude holds about 2.8 times as many stars as the one before, as in the sky.
     constexpr double slope = 0.45;
     const double brightestShare = std::pow(10.0, slope * (brightest - faintest));
-    RandomNumbers random(seed, Stream::Stars);
+    RandomNumbers random(seed, RandomStream::Stars);
     std::vector<FrameStar> stars(static_cast<std::size_t>(std::max(count, 0)));
     for (FrameStar& star : stars) {
         star.Place = {random.Uniform() * geometry.Width - 0.5,
@@ -471,7 +332,7 @@ Frame RenderFrame(const FrameGeometry& geometry, const FrameExposure& exposure,
         const int firstRow = band * ExpectedLight::bandRows;
         const int endRow = std::min(firstRow + ExpectedLight::bandRows, geometry.Height);
         for (int y = firstRow; y < endRow; ++y) {
-            RandomNumbers random(exposure.Seed, Stream::Row, static_cast<std::uint64_t>(y));
+            RandomNumbers random(exposure.Seed, RandomStream::Row, static_cast<std::uint64_t>(y));
             float* row = frame.Pixels.data() + static_cast<std::size_t>(y) * width;
             for (std::size_t x = 0; x < width; ++x) {
                 const double electrons = random.Poisson(static_cast<double>(row[x])) +
@@ -481,7 +342,7 @@ Frame RenderFrame(const FrameGeometry& geometry, const FrameExposure& exposure,
         }
     });
 
-    RandomNumbers random(exposure.Seed, Stream::HotPixels);
+    RandomNumbers random(exposure.Seed, RandomStream::HotPixels);
     for (int i = 0; i < exposure.HotPixels; ++i) {
         const double place = random.Uniform() * static_cast<double>(frame.Pixels.size());
         float& pixel = frame.Pixels[static_cast<std::size_t>(place)];
