@@ -21,6 +21,7 @@
 #include "platform/libPlatform.h"
 #include "program/mCommandLine.h"
 #include "program/mPlateMatch.h"
+#include "program/mStarExtraction.h"
 #include "tools/libFrameFile.h"
 #include "tools/libFrameRenderer.h"
 
@@ -147,7 +148,8 @@ void Extraction(benchmark::State& state) {
     SubtractSky(*image, EstimateSky(*image));
     ExtractionFacts facts;
     for (auto _ : state) {
-        benchmark::DoNotOptimize(ExtractStars(*image, DetectionSettings(), facts));
+        benchmark::DoNotOptimize(
+            ExtractStars(*image, DetectionSettingsOf(SolveParameters()), facts));
     }
     state.counters["stars"] = facts.StarsFound;
 }
@@ -194,7 +196,7 @@ struct Lists {
         LoadFrame(2, *image);
         SubtractSky(*image, EstimateSky(*image));
         ExtractionFacts facts;
-        Plate = ExtractStars(*image, DetectionSettings(), facts);
+        Plate = ExtractStars(*image, DetectionSettingsOf(SolveParameters()), facts);
         CatalogCache cache;
         cache.Folder = TheSky().CatalogFolder();
         Region(cache, geometry.Centre.Ra + offset, geometry.Centre.Dec);

@@ -9,12 +9,13 @@
 
 namespace vestrel {
 
-/// The parameters that decide which regions of bright pixels are stars.
+/// Which regions of bright pixels are stars; `DetectionSettingsOf` takes it from the solve
+/// parameters.
 struct DetectionSettings {
-    double DetectionThreshold = 6;  ///< standard deviations of the sky above its mean
-    double EdgeExclusion = 0.02;    ///< width of the ignored border, fraction of the image size
-    std::int16_t MinStarSize = 3;   ///< pixels
-    double MaxStarSize = 6;         ///< limit, in standard deviations of the sizes above their mean
+    double DetectionThreshold = 0;  ///< standard deviations of the sky above its mean
+    double EdgeExclusion = 0;       ///< width of the ignored border, fraction of the image size
+    std::int16_t MinStarSize = 0;   ///< pixels
+    double MaxStarSize = 0;         ///< limit, in standard deviations of the sizes above their mean
 };
 
 /// The results of an extraction besides the stars. `MaxFillDepth` is never reset: it keeps the

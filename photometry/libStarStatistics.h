@@ -14,9 +14,10 @@
 
 namespace vestrel {
 
+/// `ApertureSettingsOf` takes these from the solve parameters.
 struct ApertureSettings {
-    double ApertureRadius = 12;    ///< pixels; clamped to 1..200
-    double BackgroundRadius = 20;  ///< inner radius of the sky ring, pixels; clamped to 1..500
+    double ApertureRadius = 0;    ///< pixels; clamped to 1..200
+    double BackgroundRadius = 0;  ///< inner radius of the sky ring, pixels; clamped to 1..500
 };
 
 /// The radii in use, pixels. The sky ring starts at the larger of the two settings and has six

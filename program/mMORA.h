@@ -3,29 +3,10 @@
 #pragma once
 
 #include <functional>
-#include <vector>
 
-#include "program/mGeneral.h"
+#include "program/mQuadTables.h"
 
 namespace vestrel {
-
-/// The file of quad tables that belongs to the catalog.
-std::filesystem::path QuadFilePath(const ProgramState& state);
-
-/// Whether there are quad tables. Reads only their head.
-bool HaveQuadTables(const ProgramState& state);
-
-/// Opens the table for a field of this size (radians). Damage inside is found when a search reads
-/// it: the search then ends without a match and sets `Quads.Fault`.
-/// @return false when there is no table: `Quads.Fault` then has the reason, and the table is empty
-bool LoadQuadTables(ProgramState& state, double width, double height);
-
-/// The bands of the catalog's quad tables, smallest fields first. When there are no tables, it is
-/// empty and `Quads.Fault` has the reason.
-std::vector<QuadBand> QuadBandsOf(ProgramState& state);
-
-/// Opens the table of a band. @return as `LoadQuadTables`
-bool OpenQuadBand(ProgramState& state, const QuadBand& band);
 
 /// Matches the loaded image with the open quad tables and shows the outcome.
 ///

@@ -61,14 +61,16 @@ void GaussianFilter(ProgramState& state, Port& port) {
     port.Yield();
 }
 
+DetectionSettings DetectionSettingsOf(const SolveParameters& parameters) {
+    return {parameters.DetectionThreshold, parameters.EdgeExclusion, parameters.MinStarSize,
+            parameters.MaxStarSize};
+}
+
 PlateStarList ExtractStars(ProgramState& state, Port& port) {
     ShowCaption(state, port, "Extracting Stars");
     port.ShowBusyPointer(true);
-    const SolveParameters& parameters = state.Parameters;
-    const DetectionSettings settings{parameters.DetectionThreshold, parameters.EdgeExclusion,
-                                     parameters.MinStarSize, parameters.MaxStarSize};
-    PlateStarList stars =
-        ExtractStars(state.Image, settings, state.Extraction, StoppableProgress(state, port));
+    PlateStarList stars = ExtractStars(state.Image, DetectionSettingsOf(state.Parameters),
+                                       state.Extraction, StoppableProgress(state, port));
     port.ShowProgress(0);
     port.Yield();
     port.ShowBusyPointer(false);

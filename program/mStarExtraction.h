@@ -16,6 +16,9 @@ void SubtractBackground(ProgramState& state, Port& port, std::int16_t halfSize, 
 /// Smooths the loaded image in place.
 void GaussianFilter(ProgramState& state, Port& port);
 
+/// The parameters that the star detection needs.
+DetectionSettings DetectionSettingsOf(const SolveParameters& parameters);
+
 /// Extracts the stars of the loaded image, brightest first, at most 100.
 PlateStarList ExtractStars(ProgramState& state, Port& port);
 

@@ -6,11 +6,15 @@
 
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "console/exitCodes.h"
 #include "program/mCommandLine.h"
 #include "program/mPlateMatch.h"
+#include "tests/skySupport.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {
+
+namespace fs = std::filesystem;
 
 TEST(ParameterString, FieldsAreSplitAtTheFirstSeparatorsAndTrimmed) {
     std::string text = "  a ,, b,c  ";
@@ -73,6 +77,117 @@ TEST(ResultFile, IsExactToTheByte) {
 
     EXPECT_EQ(ResultFilePath("C:\\images\\m51.fit"), "C:\\images\\m51.kel");
     EXPECT_EQ(ResultFilePath("/x/a.b.fit"), "/x/a.b.kel");
+}
+
+/// A run with a parameter string, beside an older result file.
+struct UnattendedCase {
+    const char* What;
+    std::string Start;  ///< all fields but the path
+    std::string Image;  ///< the path
+    ExitCode Exit;
+    std::vector<std::string> Messages;
+    std::string File;  ///< the result file afterwards; N stands for the stars that were found
+};
+
+TEST(UnattendedRuns, EveryFailureHasItsMessagesItsFileAndItsExitCode) {
+    const TemporaryFolder folder;
+    MakeSky(folder / "catalog", folder / "frame.fit");
+    WriteFile(folder / "dark.fit",
+              FitsHeader(FitsCards(16, 50, 50)) + FitsPixels(16, std::vector<double>(2500, 7)));
+    WriteFile(folder / "cut.fit", "SIMPLE  =");
+    WriteFile(folder / "image.bmp", "BM");
+    fs::create_directory(folder / "a.folder");
+    const std::string here = "0.02,0.01,0.0029089,0.0029089,1,";
+    const auto path = [&](const char* name) { return TextFromPath(folder / name); };
+    const std::string usage = "Vestrel 1.13 Error: Invalid parameter string";
+    const std::string invalidName = "Vestrel 1.13 Error: Invalid file name";
+    const std::string cannotOpen = "Vestrel 1.13 Error: Can't open input file";
+    const std::vector<std::string> unread = {"Vestrel: Unable to read the image file.", cannotOpen};
+    const std::vector<std::string> unsupported = {"Vestrel: File type is not supported",
+                                                  cannotOpen};
+    const std::string noMatch = "1000,1000,-1\r\n0,0,0,0,N\r\nMaximum search limit exceeded\r\n";
+    const std::string tooFew =
+        "1000,1000,0\r\n0,0,0,0,N\r\nUnanticipated problem during plate matching\r\n";
+    const std::vector<UnattendedCase> cases = {
+        {"too few fields", "1,2,3,", path("frame.fit"), ExitCode::Usage, {usage}, "old"},
+        {"no number", "1,2,x,4,5,", path("frame.fit"), ExitCode::Usage, {usage}, "old"},
+        {"no ending", here, "frame", ExitCode::InvalidFileName, {invalidName}, "old"},
+        {"no name", here, "", ExitCode::InvalidFileName, {invalidName}, "old"},
+        {"no such file", here, path("none.fit"), ExitCode::NoImage, unread, ""},
+        {"half a header", here, path("cut.fit"), ExitCode::NoImage, unread, ""},
+        {"a folder", here, path("a.folder"), ExitCode::NoImage, unsupported, ""},
+        {"another format", here, path("image.bmp"), ExitCode::NoImage, unsupported, ""},
+        {"a result file", here, path("frame.kel"), ExitCode::NoImage, unsupported, "old"},
+        {"no stars", here, path("dark.fit"), ExitCode::TooFewStars, {}, tooFew},
+        {"another place",
+         "0.0224,0.0099,0.0029089,0.0029089,1,",
+         path("frame.fit"),
+         ExitCode::NoMatch,
+         {},
+         noMatch},
+        {"no catalog there",
+         "2,0.5,0.0029089,0.0029089,4,",
+         path("frame.fit"),
+         ExitCode::NoCatalog,
+         {},
+         noMatch}};
+    for (const UnattendedCase& one : cases) {
+        SCOPED_TRACE(one.What);
+        ProgramState state;
+        state.Catalog.Folder = folder / "catalog";
+        RecordingPort port(state);
+        const bool named = one.Image.find('.') != std::string::npos;
+        const fs::path result = ResultFilePath(named ? one.Image : path("frame.fit"));
+        WriteFile(result, "old");
+        const UnattendedOutcome outcome = RunUnattended(state, port, one.Start + one.Image);
+        EXPECT_EQ(ExitCodeOf(outcome, state, port), one.Exit);
+        EXPECT_EQ(port.Messages, one.Messages);
+        std::string file = one.File;
+        if (const std::size_t stars = file.find('N'); stars != std::string::npos) {
+            file.replace(stars, 1, std::to_string(state.Extraction.StarsFound));
+        }
+        EXPECT_EQ(fs::exists(result) ? ReadFile(result) : "", file);
+        fs::remove(result);
+    }
+}
+
+TEST(UnattendedRuns, AResultThatCannotBeWrittenIsNoSuccessAndAStopIsWritten) {
+    const TemporaryFolder folder;
+    MakeSky(folder / "catalog", folder / "frame.fit");
+    const std::string parameters =
+        "0.02,0.01,0.0029089,0.0029089,1," + TextFromPath(folder / "frame.fit");
+    const fs::path result = folder / "frame.kel";
+    const auto run = [&](ProgramState& state, RecordingPort& port) {
+        state.Catalog.Folder = folder / "catalog";
+        const UnattendedOutcome outcome = RunUnattended(state, port, parameters);
+        return ExitCodeOf(outcome, state, port);
+    };
+    {
+        ProgramState state;
+        RecordingPort port(state);
+        EXPECT_EQ(run(state, port), ExitCode::Solved);
+        EXPECT_TRUE(ReadFile(result).ends_with("\r\nValid plate solution\r\n"));
+    }
+    fs::remove(result);
+    fs::create_directory(result);
+    WriteFile(result / "of somebody", "");
+    for (const bool stopped : {false, true}) {
+        ProgramState state;
+        RecordingPort port(state);
+        if (stopped) port.StopAtYield = 1;
+        state.StopPatience = std::chrono::seconds(-1);
+        EXPECT_EQ(run(state, port), stopped ? ExitCode::Stopped : ExitCode::NotWritten);
+        ASSERT_EQ(port.Messages.size(), 1U);
+        EXPECT_NE(port.Messages[0].find("cannot be written"), std::string::npos);
+        EXPECT_TRUE(fs::exists(result / "of somebody"));
+    }
+    fs::remove_all(result);
+    ProgramState state;
+    RecordingPort port(state);
+    port.StopAtYield = 1;
+    state.StopPatience = std::chrono::seconds(-1);
+    EXPECT_EQ(run(state, port), ExitCode::Stopped);
+    EXPECT_EQ(ReadFile(result), "1000,1000,-2\r\n0,0,0,0,0\r\nVestrel was terminated by user\r\n");
 }
 
 }  // namespace vestrel

@@ -2,11 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include "extraction/libBackground.h"
+#include "extraction/libBrightRuns.h"
 #include "extraction/libFilter.h"
+#include "extraction/libMosaic.h"
 #include "extraction/libStarDetection.h"
+#include "program/mStarExtraction.h"
 #include "tests/testSupport.h"
 #include "tests/vectorsForNow.h"
 
@@ -14,6 +18,8 @@ namespace vestrel {
 namespace {
 
 using Image = Grid<std::int32_t>;
+
+const DetectionSettings usual = DetectionSettingsOf(SolveParameters());
 
 template <typename Work>
 void ForPixels(int width, int height, Work work) {
@@ -473,7 +479,7 @@ TEST(ExtractStars, IsThePlainProcedureOnRandomFields) {
         const int offset = std::vector{0, 32768, 2000000000}[trial % 3];
         const PlateImage image = StarField(random, random.Whole(20, 220), random.Whole(20, 160),
                                            offset, random.Between(0, 8));
-        DetectionSettings settings;
+        DetectionSettings settings = usual;
         settings.DetectionThreshold = random.Between(2, 8);
         settings.EdgeExclusion = trial % 4 == 0 ? 0 : random.Between(0, 0.2);
         settings.MinStarSize = static_cast<std::int16_t>(random.Whole(0, 6));
@@ -487,15 +493,118 @@ TEST(ExtractStars, IsThePlainProcedureOnRandomFields) {
 TEST(ExtractStars, SumsBeyondTheExactRangeQuietSkiesAndNarrowImages) {
     Random random(17);
     // Sums of many squares exceed 2^53, from where the order of additions matters.
-    ExpectSameExtraction(StarField(random, 400, 400, 900000, 5), {.EdgeExclusion = 0.01});
+    DetectionSettings narrow = usual;
+    narrow.EdgeExclusion = 0.01;
+    ExpectSameExtraction(StarField(random, 400, 400, 900000, 5), narrow);
     // Patches of three counts: many sigmas above a quiet sky, but no stars.
     PlateImage quiet = EmptyImage(100, 100, 100);
     ForPixels(100, 100, [&](int x, int y) {
         quiet.Pixels(x, y) = random.Whole(0, 1) + (x % 20 < 3 && y % 20 < 3 ? 2 : 0);
     });
-    EXPECT_EQ(ExpectSameExtraction(quiet, {.DetectionThreshold = 3}), 0);
-    EXPECT_EQ(ExpectSameExtraction(StarField(random, 19, 500, 0, 4), {}), 0);
-    EXPECT_GT(ExpectSameExtraction(StarField(random, 20, 500, 0, 4), {}), 0);
+    DetectionSettings low = usual;
+    low.DetectionThreshold = 3;
+    EXPECT_EQ(ExpectSameExtraction(quiet, low), 0);
+    EXPECT_EQ(ExpectSameExtraction(StarField(random, 19, 500, 0, 4), usual), 0);
+    EXPECT_GT(ExpectSameExtraction(StarField(random, 20, 500, 0, 4), usual), 0);
+}
+
+// Regions against a plain flood fill over pixels, and runs against the pixels themselves.
+TEST(BrightRuns, AreTheBrightPixelsAndTheirRegionsAreThoseOfAFloodFill) {
+    Random random(19);
+    for (int trial = 0; trial < 40; ++trial) {
+        const int width = trial % 3 == 0 ? random.Whole(250, 530) : random.Whole(1, 90);
+        const int height = random.Whole(1, 60);
+        Image image(width, height);
+        const int share = random.Whole(1, 32);  // more would join into fills that are cut off
+        ForPixels(width, height, [&](int x, int y) {
+            image(x, y) = random.Whole(0, 100) < share ? random.Whole(8, 99) : random.Whole(-9, 7);
+        });
+        const VectorsForNow vectors(trial % 2 == 0);
+        BrightRuns runs(image, width, height, 7, {});
+        std::int32_t depth = 0;
+        const int regions = runs.Label(depth);
+
+        Grid<std::int32_t> labels(width, height);
+        int filled = 0;
+        for (int x = 0; x < width; ++x) {
+            for (int y = 0; y < height; ++y) {
+                if (image(x, y) <= 7 || labels(x, y) != 0) continue;
+                ++filled;
+                std::vector<std::pair<int, int>> open = {{x, y}};
+                labels(x, y) = filled;
+                while (!open.empty()) {
+                    const auto [cx, cy] = open.back();
+                    open.pop_back();
+                    for (int nx = std::max(cx - 1, 0); nx <= std::min(cx + 1, width - 1); ++nx) {
+                        for (int ny = std::max(cy - 1, 0); ny <= std::min(cy + 1, height - 1);
+                             ++ny) {
+                            if (image(nx, ny) <= 7 || labels(nx, ny) != 0) continue;
+                            labels(nx, ny) = filled;
+                            open.emplace_back(nx, ny);
+                        }
+                    }
+                }
+            }
+        }
+        ASSERT_LT(depth, BrightRuns::DepthLimit) << "a fill was cut off, which is another test";
+        ASSERT_EQ(regions, filled) << "trial " << trial;
+        int pixels = 0;
+        runs.ForEach([&](std::int32_t x, const BrightRun& run, const std::int32_t* values) {
+            ASSERT_LT(run.First, run.End);
+            ASSERT_TRUE(run.First == 0 || image(x, run.First - 1) <= 7);
+            ASSERT_TRUE(run.End == height || image(x, run.End) <= 7);
+            for (int y = run.First; y < run.End; ++y, ++pixels) {
+                ASSERT_EQ(values[y - run.First], image(x, y));
+                ASSERT_EQ(run.Label, labels(x, y)) << x << " " << y;
+            }
+        });
+        int bright = 0;
+        ForPixels(width, height, [&](int x, int y) { bright += image(x, y) > 7; });
+        ASSERT_EQ(pixels, bright);
+    }
+}
+
+// A star keeps its place from the mosaic to the sums of its cells and back.
+TEST(Mosaic, SumsHoldTheLightOfTheirCellsAndStarsComeBackToTheirPlaces) {
+    Random random(23);
+    for (const auto& [width, height] :
+         {std::pair(400, 300), std::pair(401, 303), std::pair(3, 130)}) {
+        PlateImage mosaic = EmptyImage(width, height, 32768);
+        mosaic.TopRowFirst = width == 401;
+        ForPixels(width, height, [&](int x, int y) {
+            mosaic.Pixels(x, y) = static_cast<std::int32_t>(random.Normal(5));
+        });
+        PlateStarList stars;
+        for (int i = 0; i < 12 && width > 100; ++i) {
+            const double x = random.Between(20, width - 20);
+            const double y = 20 + 22 * i;
+            AddStar(mosaic, x, y, 400000, 2.5);
+            stars.Add({static_cast<float>(x), static_cast<float>(y), 0, 0, 0});
+        }
+        const PlateImage sums = SumsOfMosaic(mosaic);
+        ASSERT_EQ(sums.Width, width / 2);
+        ASSERT_EQ(sums.Height, height / 2);
+        EXPECT_EQ(sums.TopRowFirst, mosaic.TopRowFirst);
+        for (int y = 0; y < sums.Height; ++y) {
+            for (int x = 0; x < sums.Width; ++x) {
+                std::int64_t light = 0;  // physical counts
+                for (const int i : {0, 1, 2, 3}) {
+                    light += std::int64_t{mosaic.Pixels(2 * x + i % 2, 2 * y + i / 2)} +
+                             mosaic.DataOffset;
+                }
+                ASSERT_EQ(std::int64_t{sums.Pixels(x, y)} + sums.DataOffset, light);
+            }
+        }
+        if (stars.Empty()) continue;
+        ExtractionFacts facts;
+        const PlateStarList found = InMosaicPixels(ExtractStars(sums, usual, facts));
+        for (const PlateStar& star : stars) {
+            const bool near = std::any_of(found.begin(), found.end(), [&](const PlateStar& other) {
+                return std::hypot(other.X - star.X, other.Y - star.Y) < 0.15F;
+            });
+            EXPECT_TRUE(near) << star.X << ", " << star.Y << " of " << width;
+        }
+    }
 }
 
 TEST(ExtractStars, CutsAFillOffAtAThousandLevels) {
@@ -511,7 +620,9 @@ TEST(ExtractStars, CutsAFillOffAtAThousandLevels) {
             image.Pixels(x, x % 4 == 1 ? 50 : 57) = 4000;
         }
     }
-    DetectionSettings settings{.DetectionThreshold = 1, .MaxStarSize = 50};
+    DetectionSettings settings = usual;
+    settings.DetectionThreshold = 1;
+    settings.MaxStarSize = 50;
     EXPECT_GT(ExpectSameExtraction(image, settings), 600);
     const PlainExtraction plain(image, settings);
     EXPECT_EQ(plain.Facts.MaxFillDepth, 1001);

@@ -4,9 +4,11 @@
 #include <cmath>
 #include <numbers>
 
+#include "astro/libConversions.h"
 #include "astro/libStrings.h"
 #include "image/libHints.h"
 #include "program/mPictureHints.h"
+#include "tests/testSupport.h"
 
 namespace vestrel {
 namespace {
@@ -123,6 +125,70 @@ TEST(Hints, WorldCoordinatesAreCarriedToTheMiddleOfTheImage) {
     galactic[0] = "CTYPE1  = 'GLON-TAN'";
     galactic.insert(galactic.end(), {"CDELT1  = -0.05", "CDELT2  = 0.05"});
     EXPECT_TRUE(HintsOf(ImageWith(galactic)).Centres.empty());
+}
+
+/// What the inputs hold after a picture was opened.
+struct FilledCase {
+    SolveInputs Before;
+    SolveInputs Filled;  ///< by the picture before
+    SolveInputs After;
+};
+
+TEST(Hints, FillWhatNobodyTypedAndNothingElse) {
+    SolveInputs filled;
+    filled.Ra = "01 00 00.00";
+    filled.Dec = "05 00 00.0";
+    filled.SizeX = "12";
+    filled.SizeY = "9";
+    const auto with = [](SolveInputs inputs, const char* ra, const char* dec, const char* x,
+                         const char* y) {
+        inputs.Ra = ra;
+        inputs.Dec = dec;
+        inputs.SizeX = x;
+        inputs.SizeY = y;
+        return inputs;
+    };
+    const SolveInputs none;
+    SolveInputs degrees;
+    degrees.Units = "degrees";
+    constexpr const char* ra = "12 30 00";
+    constexpr const char* dec = "10 30 00";
+    const std::vector<FilledCase> cases = {
+        {none, none, with(none, ra, dec, "60", "48")},
+        {with(none, " ", "", " ", ""), none, with(none, ra, dec, "60", "48")},
+        {degrees, none, with(degrees, ra, dec, "1", "0.8")},
+        {with(none, "3", "", "", ""), none, with(none, "3", "", "60", "48")},
+        {with(none, "", "3", "", ""), none, with(none, "", "3", "60", "48")},
+        {with(none, "", "", "30", ""), none, with(none, ra, dec, "30", "")},
+        {with(none, "", "", "", "30"), none, with(none, ra, dec, "", "30")},
+        {with(none, "", "", "20.0", "20"), none, with(none, ra, dec, "60", "48")},  // remembered
+        {filled, filled, with(none, ra, dec, "60", "48")},
+        {with(filled, "01 00 00.01", filled.Dec.c_str(), "12", "9"), filled,
+         with(none, "01 00 00.01", filled.Dec.c_str(), "60", "48")}};
+    for (const FilledCase& one : cases) {
+        SCOPED_TRACE(one.Before.Ra + "|" + one.Before.Dec + "|" + one.Before.SizeX + "|" +
+                     one.Before.SizeY);
+        ProgramState state;
+        RecordingPort port(state);
+        state.ImageLoaded = true;
+        state.Image = ImageWith({"RA      = '12 30 00'", "DEC     = '10 30 00'", "SECPIX  = 3.6"});
+        state.Inputs = one.Before;
+        state.FilledInputs = one.Filled;
+        FillInputsFromHints(state, port);
+        const auto angle = [](const std::string& text, double (*parse)(std::string_view)) {
+            return Trim(text).empty() ? InvalidAngle : parse(text);
+        };
+        EXPECT_NEAR(angle(state.Inputs.Ra, ParseRA), angle(one.After.Ra, ParseRA), 1e-6);
+        EXPECT_NEAR(angle(state.Inputs.Dec, ParseDec), angle(one.After.Dec, ParseDec), 1e-6);
+        EXPECT_EQ(Trim(state.Inputs.SizeX), one.After.SizeX);
+        EXPECT_EQ(Trim(state.Inputs.SizeY), one.After.SizeY);
+    }
+    SolveParameters parameters;
+    parameters.FieldWidth = 90;
+    parameters.FieldHeight = 60;
+    EXPECT_NEAR(RememberedFieldSize(parameters).Width, 1.5 * degree, 1e-9);
+    parameters.SizeUnit = 1;
+    EXPECT_NEAR(RememberedFieldSize(parameters).Height, 60 * degree, 1e-9);
 }
 
 TEST(Hints, PlansTakeWhatWasGivenFirstAndFourPlacesAtMost) {

@@ -432,13 +432,13 @@ TEST(AlignImages, StarsOnOneLineAreNoMatch) {
     Random random(77);
     int singular = 0;
     int matched = 0;
-    for (int trial = 0; trial < 3000; ++trial) {
+    for (int trial = 0; trial < 10000; ++trial) {
         PlateStarList list1;
         PlateStarList list2;
-        const int slope = random.Whole(-3, 3);
+        const int slope = random.Whole(-1, 1);
         for (int k = 0; k < 7; ++k) {
-            const int x = 37 * k + random.Whole(0, 30);
-            const int y = k == 3 ? random.Whole(400, 900) : slope * x + 11;
+            const int x = random.Whole(0, 1000);
+            const int y = slope * x + (k == 3 ? random.Whole(200, 900) : 0);
             list1.Add(StarAt(x, y));
             list2.Add(StarAt(1000 - 2 * y, 50 + 2 * x));
         }
@@ -450,7 +450,7 @@ TEST(AlignImages, StarsOnOneLineAreNoMatch) {
         }
     }
     EXPECT_GT(singular, 10) << "the case was hardly met";
-    EXPECT_GT(matched, 100);
+    EXPECT_GT(matched, 60);
 }
 
 TEST(AlignImages, IsThePlainProcedureStepByStep) {

@@ -139,7 +139,7 @@ TEST(NovaRequests, EveryWayToGiveTheSizeOfAField) {
              {R"({"scale_units": "degwidth", "scale_est": 4})", {}, SolverRange{4, 4}},
              {R"({"scale_lower": 0.5, "scale_upper": 180})", {}, SolverRange{0.5, 180}},
              {R"({"scale_units": "arcsecperpix", "scale_est": 0, "scale_lower": "x"})", {}, {}},
-             {R"({"scale_units": "arcsecperpix", "scale_lower": 1e999})", {}, {}}}) {
+             {R"({"scale_units": "arcsecperpix", "scale_lower": "1e999"})", {}, {}}}) {
         const SolverHints hints = HintsIn(json);
         for (const auto& [found, wanted] :
              {std::pair(hints.Scale, scale), std::pair(hints.FieldWidth, width)}) {

@@ -14,13 +14,17 @@
 
 #include "extraction/libFilter.h"
 #include "photometry/libAperture.h"
+#include "photometry/libProfileFit.h"
 #include "photometry/libRelativePhotometry.h"
 #include "photometry/libStarStatistics.h"
+#include "program/mStarStatistics.h"
 #include "tests/judge.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {
 namespace {
+
+const ApertureSettings usual = ApertureSettingsOf(SolveParameters());
 
 /// A frame of sky and round Gaussian stars, integrated over each pixel.
 struct Frame {
@@ -198,12 +202,86 @@ TEST(StarStatistics, MoffatStarsGiveTheirWidthAndTheirWings) {
     }
 }
 
+/// An image with the exact profile in its pixel centres, in counts of a thousandth.
+PlateImage ProfileImage(int side, double x, double y, double height, double fwhm, double beta,
+                        double sky) {
+    PlateImage image = EmptyImage(side, side, 0);
+    image.ImageType = ImageType::Fits;
+    for (int row = 0; row < side; ++row) {
+        for (int column = 0; column < side; ++column) {
+            const double r2 = std::pow(column - x, 2) + std::pow(row - y, 2);
+            const double w2 = fwhm * fwhm / 4;
+            const double share = beta > 0 ? std::pow(1 + (std::exp2(1 / beta) - 1) * r2 / w2, -beta)
+                                          : std::exp(-std::numbers::ln2 * r2 / w2);
+            image.Pixels(column, row) =
+                static_cast<std::int32_t>(std::lround(sky + height * share));
+        }
+    }
+    return image;
+}
+
+TEST(ProfileFit, RecoversTheProfileFromAPoorStart) {
+    Random random(61);
+    for (int trial = 0; trial < 60; ++trial) {
+        const double beta = trial % 2 == 0 ? 0 : random.Between(1.5, 8);
+        const double fwhm = random.Between(2, 6);
+        const double x = random.Between(28, 32);
+        const double y = random.Between(28, 32);
+        constexpr double height = 5e8;  // so that whole counts are no limit
+        constexpr double sky = 1e6;
+        const PlateImage image = ProfileImage(61, x, y, height, fwhm, beta, sky);
+        const ProfileFitStart start{
+            x + random.Between(-0.7, 0.7),   y + random.Between(-0.7, 0.7),     20,
+            fwhm * random.Between(0.6, 1.6), height * random.Between(0.5, 1.5), sky};
+        const ProfileFit fit = (beta > 0 ? FitMoffat : FitGaussian)(image, start);
+        SCOPED_TRACE("trial " + std::to_string(trial));
+        ASSERT_TRUE(fit.Valid);
+        EXPECT_NEAR(fit.X, x, 1e-4);
+        EXPECT_NEAR(fit.Y, y, 1e-4);
+        EXPECT_NEAR(fit.Height / height, 1, 1e-4);
+        EXPECT_NEAR(fit.Fwhm, fwhm, 1e-3);
+        EXPECT_NEAR(fit.Beta, beta, beta * 1e-3);
+        EXPECT_LT(fit.Residual, height * 1e-5);
+        // A Moffat profile of a large exponent is nearly Gaussian: it is held at 30.
+        if (beta == 0) {
+            const ProfileFit wings = FitMoffat(image, start);
+            EXPECT_NEAR(wings.Beta, 30, 1e-9);
+            EXPECT_NEAR(wings.Fwhm, fwhm, 0.05 * fwhm);
+        }
+    }
+}
+
+TEST(ProfileFit, WhatIsNoStarIsNotValid) {
+    constexpr double sky = 1000;
+    const PlateImage star = ProfileImage(61, 30, 30, 50000, 4, 0, sky);
+    const ProfileFitStart good{30, 30, 10, 4, 40000, sky};
+    ASSERT_TRUE(FitGaussian(star, good).Valid);
+    const auto with = [&](double ProfileFitStart::*field, double value) {
+        ProfileFitStart start = good;
+        start.*field = value;
+        return start;
+    };
+    for (const auto& start : {with(&ProfileFitStart::Radius, 0.5), with(&ProfileFitStart::Fwhm, 0),
+                              with(&ProfileFitStart::Height, -1), with(&ProfileFitStart::Fwhm, NAN),
+                              with(&ProfileFitStart::X, 500), with(&ProfileFitStart::X, 38)}) {
+        EXPECT_FALSE(FitGaussian(star, start).Valid) << start.X << " " << start.Radius;
+        EXPECT_FALSE(FitMoffat(star, start).Valid);
+    }
+    // Wider than four times the radius in which it was looked at.
+    const PlateImage hill = ProfileImage(61, 30, 30, 50000, 200, 0, sky);
+    EXPECT_FALSE(FitGaussian(hill, {30, 30, 10, 12, 50000, sky}).Valid);
+    // A hole.
+    const PlateImage hole = ProfileImage(61, 30, 30, -50000, 4, 0, 60000);
+    EXPECT_FALSE(FitGaussian(hole, {30, 30, 10, 4, 100, 60000}).Valid);
+    EXPECT_FALSE(FitGaussian(EmptyImage(61, 61, 0), {30, 30, 10, 4, 100, -5e5}).Valid);
+}
+
 TEST(StarStatistics, NeitherOffsetNorSubtractedSkyChangesAStar) {
     Random random(6);
     Frame frame(81, 81);
     frame.AddStar(40.3, 38.8, 30000, 2);
     frame.Expose(random, 6, 1.3);
-    const StarMeasurement before = MeasureStar(frame.Image, 42, 37, {});
+    const StarMeasurement before = MeasureStar(frame.Image, 42, 37, usual);
     ASSERT_EQ(before.Outcome, StarOutcome::Measured);
     // First the same counts with another offset, then with 900 subtracted.
     for (const int subtracted : {0, 900}) {
@@ -213,7 +291,7 @@ TEST(StarStatistics, NeitherOffsetNorSubtractedSkyChangesAStar) {
                 image.Pixels(x, y) += image.DataOffset - subtracted;
         }
         image.DataOffset = 0;
-        const StarMeasurement after = MeasureStar(image, 42, 37, {});
+        const StarMeasurement after = MeasureStar(image, 42, 37, usual);
         EXPECT_NEAR(after.X, before.X, 1e-9);
         EXPECT_NEAR(after.Flux, before.Flux, 1e-6);
         EXPECT_NEAR(after.FluxError, before.FluxError, 1e-9);
@@ -297,8 +375,8 @@ TEST(StarStatistics, NoStarNoSkyAndNonsenseFailSensibly) {
     }
     EXPECT_LE(found, 2);
     for (const double x : {-0.6, 199.6, nan, huge, -huge}) {
-        EXPECT_EQ(MeasureStar(empty.Image, x, 5, {}).Outcome, StarOutcome::OutsideImage);
-        EXPECT_EQ(MeasureStar(empty.Image, 5, x, {}).Outcome, StarOutcome::OutsideImage);
+        EXPECT_EQ(MeasureStar(empty.Image, x, 5, usual).Outcome, StarOutcome::OutsideImage);
+        EXPECT_EQ(MeasureStar(empty.Image, 5, x, usual).Outcome, StarOutcome::OutsideImage);
     }
     // Every size of image and of radius, stars at the very corners, counts at both ends.
     for (const int side : {1, 2, 5, 23, 60}) {
@@ -319,7 +397,7 @@ TEST(StarStatistics, NoStarNoSkyAndNonsenseFailSensibly) {
     for (std::int32_t k = 0; k < 1600; ++k) {
         extreme.Image.Pixels(k % 40, k / 40) = (k + k / 40) % 2 == 0 ? 2147483647 : -2147483647 - 1;
     }
-    const StarMeasurement star = MeasureStar(extreme.Image, 20, 20, {});
+    const StarMeasurement star = MeasureStar(extreme.Image, 20, 20, usual);
     EXPECT_TRUE(std::isfinite(star.X + star.Flux + star.FluxError + star.RmsDiameter));
 }
 

@@ -256,7 +256,7 @@ TEST(SolvePlate, AKernelIsAbandonedOnceThePatienceIsOver) {
     Observation left(0, 0);
     left.State.Image.Header.PlateMatched = true;
     const auto pixels = left.State.Image.Pixels(5, 7);
-    left.State.StopPatience = {};
+    left.State.StopPatience = std::chrono::seconds(-1);
     left.Port.StopAtYield = 1;
     EXPECT_EQ(left.Solve(100), SolveCode::Stopped);
     EXPECT_LT(left.Port.Yields, whole.Port.Yields / 2);

@@ -16,6 +16,7 @@
 #include "astro/libMath.h"
 #include "astro/libTime.h"
 #include "program/mTelescope.h"
+#include "telescope/libIndiAddress.h"
 #include "tests/judge.h"
 #include "tests/testSupport.h"
 
@@ -203,6 +204,30 @@ TEST_F(IndiTelescope, AServerThatDiesOrFallsSilentIsNoticedInTime) {
     Use("No such mount");
     EXPECT_FALSE(Load());
     EXPECT_EQ(State.Display.Status.Text, "Telescope: the INDI server has no such device");
+}
+
+TEST(IndiAddresses, HaveAPortAndADeviceOrTheUsualPortAndNone) {
+    struct Case {
+        const char* Text;
+        const char* Host;
+        unsigned Port;
+        const char* Device;
+    };
+    for (const auto& [text, host, port, device] : std::vector<Case>{
+             {"indi://localhost", "localhost", 7624, ""},
+             {"indi://10.0.0.7/", "10.0.0.7", 7624, ""},
+             {"indi://h:1/Telescope Simulator", "h", 1, "Telescope Simulator"},
+             {"indi://h:65535/Telescope%20Simulator", "h", 65535, "Telescope Simulator"},
+             {"indi://h/a%2fb/c%C3%BC", "h", 7624, "a/b/c\xC3\xBC"}}) {
+        const auto address = ParseIndiAddress(text);
+        ASSERT_TRUE(address) << text;
+        EXPECT_EQ(address->Host, host);
+        EXPECT_EQ(address->Port, port);
+        EXPECT_EQ(address->Device, device);
+    }
+    EXPECT_EQ(NumericAddress("127.0.0.1"), "127.0.0.1");
+    EXPECT_EQ(NumericAddress("localhost"), "127.0.0.1");
+    EXPECT_EQ(NumericAddress("no such host.invalid"), "");
 }
 
 TEST_F(IndiTelescope, AnAddressThatIsNoneIsSaidSo) {
