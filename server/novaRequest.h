@@ -18,8 +18,8 @@ struct NovaRequest {
     std::optional<StarField> Stars;  ///< a star list instead of a picture
 };
 
-/// Reads the JSON text. Values of the wrong kind count as not given.
+/// Reads the JSON `text`. Values of the wrong kind count as not given.
 /// @return nothing, with a `fault`, when it is not a JSON object or its star list is not valid
-std::optional<NovaRequest> ParseNovaRequest(std::string_view json, std::string& fault);
+std::optional<NovaRequest> ParseNovaRequest(std::string_view text, std::string& fault);
 
 }  // namespace vestrel
