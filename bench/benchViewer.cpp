@@ -62,14 +62,19 @@ class Scene {
         for (std::int32_t k = 1; k <= stars; ++k)
             solution.Pairs.Add(
                 {static_cast<std::int16_t>(k), static_cast<std::int16_t>(k), 1, true});
-        Window.resize(1600, 1000);
         Window.show();
+        Window.resize(1600, 1000);  // larger than the screen of a platform without one
         Area = dynamic_cast<PictureArea*>(Window.centralWidget());
         for (const char* overlay : {"mnuExtracted", "mnuCatalog", "mnuMatched", "mnuMagnitudes",
                                     "mnuCompass", "mnuGrid", "mnuNames"}) {
             Window.findChild<QAction*>(overlay)->setChecked(true);
         }
-        Area->Picture.BuildForScreen(image, false);
+        // The window makes the picture on a thread of its own, which would slow down the first
+        // frames.
+        while (Area->Picture.Empty()) {
+            Area->repaint();
+            QApplication::processEvents(QEventLoop::WaitForMoreEvents);
+        }
     }
     static constexpr std::int32_t stars = 500;
     ProgramState State;

@@ -16,8 +16,35 @@ constexpr double markRadius = 9;
 
 void Annotation::Paint(QPainter& painter, const ViewGeometry& view, const QSize& size,
                        const SkyGrid& grid) const {
-    OverlayPainter over(painter, view, size);
-    if (Shows.Grid && Stars.Map) over.Grid(grid);
+    PaintGrid(painter, view, size, grid);
+    PaintMarks(painter, view, size, QRectF(QPointF(), size));
+    PaintLabels(painter, view, size, grid, nullptr);
+}
+
+void Annotation::PaintGrid(QPainter& painter, const ViewGeometry& view, const QSize& size,
+                           const SkyGrid& grid) const {
+    if (!Shows.Grid || !Stars.Map) return;
+    OverlayPainter(painter, view, size, OverlayStep::Marks, QRectF(QPointF(), size))
+        .GridLines(grid);
+}
+
+void Annotation::PaintMarks(QPainter& painter, const ViewGeometry& view, const QSize& size,
+                            const QRectF& part) const {
+    OverlayPainter over(painter, view, size, OverlayStep::Marks, part);
+    PaintImageMarks(over, view);
+}
+
+void Annotation::PaintLabels(QPainter& painter, const ViewGeometry& view, const QSize& size,
+                             const SkyGrid& grid, KeptTexts* kept) const {
+    OverlayPainter over(painter, view, size, OverlayStep::Labels, QRectF(QPointF(), size));
+    over.Texts = kept;
+    if (Shows.Grid && Stars.Map) over.GridLabels(grid);
+    PaintImageMarks(over, view);
+    over.PaintLabels();
+    if (Shows.Compass && Stars.Map) over.CompassAndScale(*Stars.Map);
+}
+
+void Annotation::PaintImageMarks(OverlayPainter& over, const ViewGeometry& view) const {
     PaintStars(over);
     if (Shows.Names) PaintNames(over, view);
     for (const MeasuredMark& mark : Marks) {
@@ -27,8 +54,6 @@ void Annotation::Paint(QPainter& painter, const ViewGeometry& view, const QSize&
         over.Label(mark.Place, mark.Aperture * view.Scale(), mark.Name, MeasuredColour,
                    LabelWorth::Measured);
     }
-    over.PaintLabels();
-    if (Shows.Compass && Stars.Map) over.CompassAndScale(*Stars.Map);
 }
 
 void Annotation::PaintNames(OverlayPainter& over, const ViewGeometry& view) const {

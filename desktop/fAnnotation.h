@@ -14,6 +14,7 @@
 
 namespace vestrel {
 
+class KeptTexts;
 class OverlayPainter;
 
 /// A star that was measured: its aperture, the sky ring around it, and what it is called.
@@ -34,6 +35,8 @@ struct OverlaySwitches {
     bool Compass = false;
     bool Grid = false;
     bool Names = false;
+
+    bool operator==(const OverlaySwitches&) const = default;
 };
 
 struct Annotation {
@@ -42,11 +45,23 @@ struct Annotation {
     std::vector<MeasuredMark> Marks;
     OverlaySwitches Shows;
 
+    /// Paints everything, in the order of the steps below.
     /// @param grid of what the view shows
     void Paint(QPainter& painter, const ViewGeometry& view, const QSize& size,
                const SkyGrid& grid) const;
 
+    void PaintGrid(QPainter& painter, const ViewGeometry& view, const QSize& size,
+                   const SkyGrid& grid) const;
+    /// Paints what is fixed to the image, where it reaches into a part of the view.
+    void PaintMarks(QPainter& painter, const ViewGeometry& view, const QSize& size,
+                    const QRectF& part) const;
+    /// Paints what depends on the limits of the view: apertures, labels, the compass and the scale.
+    /// @param kept the labels of earlier paintings; may be null
+    void PaintLabels(QPainter& painter, const ViewGeometry& view, const QSize& size,
+                     const SkyGrid& grid, KeptTexts* kept) const;
+
  private:
+    void PaintImageMarks(OverlayPainter& over, const ViewGeometry& view) const;
     void PaintStars(OverlayPainter& over) const;
     void PaintNames(OverlayPainter& over, const ViewGeometry& view) const;
 };

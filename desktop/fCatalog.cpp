@@ -117,6 +117,10 @@ CatalogWindow::CatalogWindow(ProgramState& state, Port& port, QWidget* parent)
     layout->addWidget(log_, 1);
     layout->addWidget(buttons);
     WithoutDefaultButtons(*this);
+    // The box would leave out a button of its own.
+    setTabOrder(log_, build_);
+    setTabOrder(build_, stop_);
+    setTabOrder(stop_, buttons->button(QDialogButtonBox::Close));
     resize(fontMetrics().averageCharWidth() * 100, fontMetrics().lineSpacing() * 34);
 
     connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
@@ -176,6 +180,11 @@ void CatalogWindow::AddWishes(QGridLayout& grid) {
     grid.addLayout(fields, 2, 1, 1, 2);
     connect(tables_, &QCheckBox::toggled, smallest_, &QWidget::setEnabled);
     connect(tables_, &QCheckBox::toggled, largest_, &QWidget::setEnabled);
+}
+
+void CatalogWindow::showEvent(QShowEvent* event) {
+    QDialog::showEvent(event);
+    KeepOnScreen(*this);
 }
 
 void CatalogWindow::Refresh() {

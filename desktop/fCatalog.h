@@ -35,6 +35,9 @@ class CatalogWindow : public QDialog {
     /// Called when there is a new catalog or new tables.
     std::function<void()> OnCatalogChanged;
 
+ protected:
+    void showEvent(QShowEvent* event) override;
+
  private:
     void AddWishes(QGridLayout& grid);
     void Ask(const ToolArguments& question);

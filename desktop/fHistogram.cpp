@@ -11,17 +11,37 @@
 #include <QSlider>
 #include <QSpinBox>
 #include <QVBoxLayout>
+#include <algorithm>
 #include <limits>
+#include <utility>
 
 #include "desktop/libGraph.h"
 #include "desktop/libWindows.h"
 #include "display/libPlot.h"
 #include "program/mImageView.h"
+#include "program/mWorkBeside.h"
 
 namespace vestrel {
 
-LevelsWindow::LevelsWindow(ProgramState& state, QWidget* parent)
-    : QDialog(parent, Qt::Window), state_(state), area_(new HistogramArea) {
+namespace {
+
+/// Some thousand counts of an image, which tell whether it is still the same.
+std::vector<std::int32_t> SampleOf(const PlateImage& image) {
+    constexpr std::int64_t counts = 4096;
+    const std::int64_t pixels = std::int64_t{image.Width} * image.Height;
+    std::vector<std::int32_t> sample = {image.Width, image.Height, image.DataOffset};
+    for (std::int64_t k = 0; k < std::min(counts, pixels); ++k) {
+        const std::int64_t place = k * pixels / std::min(counts, pixels);
+        sample.push_back(image.Pixels(static_cast<std::int32_t>(place % image.Width),
+                                      static_cast<std::int32_t>(place / image.Width)));
+    }
+    return sample;
+}
+
+}  // namespace
+
+LevelsWindow::LevelsWindow(ProgramState& state, Port& port, QWidget* parent)
+    : QDialog(parent, Qt::Window), state_(state), port_(port), area_(new HistogramArea) {
     setObjectName("fHistogram");
     setWindowTitle("Levels");
     auto* rows = new QGridLayout;
@@ -129,8 +149,20 @@ void LevelsWindow::ShowLevels() {
 
 void LevelsWindow::ImageChanged() {
     if (!isVisible()) return;
-    ChooseFirstLevels(state_);
-    area_->Histogram = state_.ImageLoaded ? MakeImageHistogram(state_.Image) : ImageHistogram();
+    std::vector<std::int32_t> sample;
+    if (state_.ImageLoaded) sample = SampleOf(state_.Image);
+    // A search that begins tells of an image that has not changed yet, and must not yield there.
+    if (sample != sample_) {
+        sample_ = sample;
+        area_->Histogram = {};
+        ImageHistogram histogram;
+        const auto make = [&] { histogram = MakeImageHistogram(state_.Image); };
+        // A command that runs keeps the image as it is meanwhile.
+        if (state_.ImageLoaded && state_.Running != Activity::None) WorkBeside(port_, make);
+        if (state_.ImageLoaded && state_.Running == Activity::None) make();
+        area_->Histogram = std::move(histogram);
+    }
+    if (state_.ImageLoaded) ChooseFirstLevels(state_, area_->Histogram);
     LevelsChanged();
 }
 

@@ -2,10 +2,13 @@
 #pragma once
 
 #include <QDialog>
+#include <cstdint>
 #include <functional>
+#include <vector>
 
 #include "display/libDisplayLevels.h"
 #include "program/mGeneral.h"
+#include "program/mPort.h"
 
 class QCheckBox;
 class QComboBox;
@@ -19,7 +22,7 @@ class HistogramArea;
 
 class LevelsWindow : public QDialog {
  public:
-    explicit LevelsWindow(ProgramState& state, QWidget* parent = nullptr);
+    LevelsWindow(ProgramState& state, Port& port, QWidget* parent);
 
     /// Call when the pixels have changed and nothing is working on them.
     void ImageChanged();
@@ -44,6 +47,8 @@ class LevelsWindow : public QDialog {
     CountLevels Levels() const;
 
     ProgramState& state_;
+    Port& port_;
+    std::vector<std::int32_t> sample_;  ///< some counts of the image in the histogram
     HistogramArea* area_;
     LevelRow black_;
     LevelRow white_;

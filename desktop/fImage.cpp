@@ -77,6 +77,7 @@ void ImageWindow::ImageChanged() {
         annotation_.Objects =
             ObjectsOnImage(names_.Objects(), *annotation_.Stars.Map, image.Width, image.Height);
     }
+    marks_.Forget();
     ShowViewChange();
     LevelsChanged();
 }
@@ -161,6 +162,7 @@ void ImageWindow::StopBuilding() {
 
 void ImageWindow::SetMarks(std::vector<MeasuredMark> marks) {
     annotation_.Marks = std::move(marks);
+    marks_.Forget();
     area_->update();
 }
 
@@ -179,12 +181,20 @@ OverlaySwitches ImageWindow::Switches() const {
 }
 
 void ImageWindow::PaintOverlays(QPainter& painter) {
-    annotation_.Shows = Switches();
-    if (annotation_.Shows.Grid && !skyGridFits_) {
-        skyGrid_ = GridOver(annotation_.Stars.Map, area_->View.Visible());
+    const OverlaySwitches shows = Switches();
+    if (shows != annotation_.Shows) marks_.Forget();
+    annotation_.Shows = shows;
+    const ViewGeometry& view = area_->View;
+    const QSize size = area_->size();
+    if (shows.Grid && !skyGridFits_) {
+        skyGrid_ = GridOver(annotation_.Stars.Map, view.Visible());
         skyGridFits_ = true;
     }
-    annotation_.Paint(painter, area_->View, area_->size(), skyGrid_);
+    annotation_.PaintGrid(painter, view, size, skyGrid_);
+    marks_.Show(painter, view, size, [&](QPainter& over, const QRectF& part) {
+        annotation_.PaintMarks(over, view, size, part);
+    });
+    annotation_.PaintLabels(painter, view, size, skyGrid_, &labels_);
 }
 
 void ImageWindow::PaintMagnifier(QPainter& painter) {

@@ -12,6 +12,8 @@
 
 #include "desktop/fAnnotation.h"
 #include "desktop/fPictureArea.h"
+#include "desktop/libDraggedLayer.h"
+#include "desktop/libGraphics.h"
 #include "photometry/libStarStatistics.h"
 #include "program/mGeneral.h"
 #include "program/mImageView.h"
@@ -130,6 +132,8 @@ class ImageWindow : public QMainWindow {
     QMenu* fileMenu_ = nullptr;
 
     Annotation annotation_;
+    DraggedLayer marks_;  ///< those of the annotation
+    KeptTexts labels_;
     SkyNames names_;
     std::optional<PixelPoint> pointer_;
     SkyGrid skyGrid_;

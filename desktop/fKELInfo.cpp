@@ -31,7 +31,7 @@ SolveWindow::SolveWindow(ProgramState& state)
     : state_(state),
       port_(state, *this),
       imageWindow_(state, port_),
-      levelsWindow_(state, &imageWindow_),
+      levelsWindow_(state, port_, &imageWindow_),
       statsWindow_(state, &imageWindow_),
       photometryWindow_(state, port_, &imageWindow_),
       residualsWindow_(state, &imageWindow_),
@@ -127,10 +127,7 @@ void SolveWindow::showEvent(QShowEvent* event) {
 void SolveWindow::changeEvent(QEvent* event) {
     QMainWindow::changeEvent(event);
     if (details_ == nullptr) return;
-    if (event->type() == QEvent::PaletteChange) {
-        ShowState();
-        residualsWindow_.SolutionChanged();
-    }
+    if (event->type() == QEvent::PaletteChange) ShowState();
     // The quad tables may have been made meanwhile.
     if (event->type() == QEvent::ActivationChange && isActiveWindow()) ShowQuadCommands();
 }

@@ -92,8 +92,11 @@ void PictureArea::mouseMoveEvent(QMouseEvent* event) {
             dragging_ || (here - pressed_).manhattanLength() >= QApplication::startDragDistance();
         if (dragging_) {
             setCursor(Qt::ClosedHandCursor);
-            View.Pan(here.x() - last_.x(), here.y() - last_.y());
-            last_ = here;
+            // Moves by whole pixels, so that what was painted can move along.
+            const double ratio = devicePixelRatioF();
+            const QPointF way = QPointF(((here - last_) * ratio).toPoint()) / ratio;
+            View.Pan(way.x(), way.y());
+            last_ += way;
             ViewChanged();
         }
     }

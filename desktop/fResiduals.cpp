@@ -1,6 +1,7 @@
 #include "desktop/fResiduals.h"
 
 #include <QDialogButtonBox>
+#include <QEvent>
 #include <QLabel>
 #include <QPainter>
 #include <QVBoxLayout>
@@ -57,6 +58,11 @@ void ResidualsWindow::SolutionChanged() {
     area_->ImageSize = {shown.Width, shown.Height};
     area_->View.SetImage(state_.Image);
     area_->update();
+}
+
+void ResidualsWindow::changeEvent(QEvent* event) {
+    QDialog::changeEvent(event);
+    if (event->type() == QEvent::PaletteChange) SolutionChanged();
 }
 
 void ResidualsWindow::showEvent(QShowEvent* event) {

@@ -21,6 +21,7 @@ class ResidualsWindow : public QDialog {
 
  protected:
     void showEvent(QShowEvent* event) override;
+    void changeEvent(QEvent* event) override;
 
  private:
     const ProgramState& state_;

@@ -89,6 +89,9 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
     layout->addWidget(catalog_);
     layout->addWidget(buttons);
     WithoutDefaultButtons(*this);
+    // The box would leave out a button of its own.
+    setTabOrder(catalog_, build);
+    setTabOrder(build, buttons->button(QDialogButtonBox::Close));
     resize(fontMetrics().averageCharWidth() * 90, sizeHint().height());
     ShowCatalog();
 }

@@ -1,6 +1,7 @@
 #include "desktop/fSolutions.h"
 
 #include <QDialogButtonBox>
+#include <QEvent>
 #include <QFileDialog>
 #include <QHeaderView>
 #include <QLabel>
@@ -77,10 +78,18 @@ void SolutionsWindow::Add(const SolvedPicture& picture) {
         item->setToolTip(column == 0 ? QtText(picture.Path) : QtText(cell));
         rows_->setItem(row, column++, item);
     }
-    rows_->item(row, 5)->setForeground(
-        TrustColour(picture.Solution ? picture.Verdict.Level : TrustLevel::Doubtful, palette()));
+    ShowCertainties();
     rows_->scrollToBottom();
     ShowProgress();
+}
+
+void SolutionsWindow::ShowCertainties() {
+    constexpr int column = 5;
+    for (int row = 0; row < rows_->rowCount(); ++row) {
+        const SolvedPicture& picture = pictures_[static_cast<std::size_t>(row)];
+        const auto level = picture.Solution ? picture.Verdict.Level : TrustLevel::Doubtful;
+        rows_->item(row, column)->setForeground(TrustColour(level, palette()));
+    }
 }
 
 void SolutionsWindow::ShowProgress() {
@@ -122,6 +131,11 @@ void SolutionsWindow::SolveFolder(const QString& folder) {
                 Qt::QueuedConnection);
         });
     ShowProgress();
+}
+
+void SolutionsWindow::changeEvent(QEvent* event) {
+    QDialog::changeEvent(event);
+    if (event->type() == QEvent::PaletteChange) ShowCertainties();
 }
 
 void SolutionsWindow::showEvent(QShowEvent* event) {

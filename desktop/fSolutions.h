@@ -29,8 +29,10 @@ class SolutionsWindow : public QDialog {
 
  protected:
     void showEvent(QShowEvent* event) override;
+    void changeEvent(QEvent* event) override;
 
  private:
+    void ShowCertainties();
     void ShowProgress();
     void AskForFolder();
 

@@ -3,16 +3,44 @@
 #include <QFontMetricsF>
 #include <QPaintEngine>
 #include <QPainterPath>
+#include <QTextLayout>
 #include <algorithm>
 
 #include "desktop/libWindows.h"
 
 namespace vestrel {
 
-OverlayPainter::OverlayPainter(QPainter& painter, const ViewGeometry& view, const QSize& size)
+namespace {
+
+/// How far a mark reaches beyond its line: half of the rim's width, and a pixel for its smooth
+/// edge.
+constexpr double rimReach = 3;
+
+}  // namespace
+
+const KeptTexts::Text& KeptTexts::Of(const QString& text, const QFont& font) {
+    constexpr std::size_t most = 10000;
+    if (font != font_ || texts_.size() >= most) texts_.clear();
+    font_ = font;
+    const auto [place, isNew] = texts_.try_emplace(text);
+    if (isNew) {
+        QTextLayout layout(text, font);
+        layout.beginLayout();
+        const QTextLine line = layout.createLine();
+        layout.endLayout();
+        place->second = {QFontMetricsF(font).horizontalAdvance(text), line.ascent(),
+                         layout.glyphRuns()};
+    }
+    return place->second;
+}
+
+OverlayPainter::OverlayPainter(QPainter& painter, const ViewGeometry& view, const QSize& size,
+                               OverlayStep step, const QRectF& part)
     : painter_(painter),
       view_(view),
       size_(size),
+      step_(step),
+      part_(part),
       keepsPaths_(painter.paintEngine()->type() == QPaintEngine::Pdf) {
     painter_.setRenderHint(QPainter::Antialiasing);
     painter_.setBrush(Qt::NoBrush);
@@ -27,21 +55,52 @@ bool OverlayPainter::Shows(const QPointF& point, double margin) const {
     return QRectF(QPointF(), size_).adjusted(-margin, -margin, margin, margin).contains(point);
 }
 
-void OverlayPainter::Stroke(const QPainterPath& path, const QColor& colour, double width,
-                            Qt::PenStyle style) {
-    painter_.setPen(QPen(QColor(0, 0, 0, 130), width + 1.5, style));
-    painter_.drawPath(path);
-    painter_.setPen(QPen(colour, width, style));
-    painter_.drawPath(path);
+bool OverlayPainter::IsInPart(const QRectF& box) const {
+    return box.adjusted(-rimReach, -rimReach, rimReach, rimReach).intersects(part_);
+}
+
+QPainterPath OverlayPainter::PathThrough(const std::vector<PixelPoint>& line) const {
+    QPainterPath path;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        if (i == 0) path.moveTo(At(line[i]));
+        if (i > 0) path.lineTo(At(line[i]));
+    }
+    return path;
+}
+
+void OverlayPainter::Stroke(QPainter& painter, const QPainterPath& path, const QColor& colour,
+                            double width, Qt::PenStyle style) {
+    painter.setPen(QPen(QColor(0, 0, 0, 130), width + 1.5, style));
+    painter.drawPath(path);
+    painter.setPen(QPen(colour, width, style));
+    painter.drawPath(path);
+}
+
+void OverlayPainter::StrokeMark(const QPainterPath& path, const QColor& colour) {
+    if (step_ == OverlayStep::Marks && IsInPart(path.boundingRect())) {
+        Stroke(painter_, path, colour);
+    }
+}
+
+double OverlayPainter::WidthOf(const QString& text) const {
+    return Texts != nullptr ? Texts->Of(text, painter_.font()).Width
+                            : QFontMetricsF(painter_.font()).horizontalAdvance(text);
 }
 
 void OverlayPainter::Text(const QPointF& baseline, const QString& text, const QColor& colour) {
+    const KeptTexts::Text* kept = Texts != nullptr ? &Texts->Of(text, painter_.font()) : nullptr;
+    const auto draw = [&](const QPointF& at) {
+        if (kept == nullptr) return painter_.drawText(at, text);
+        for (const QGlyphRun& run : kept->Glyphs) {
+            painter_.drawGlyphRun(at - QPointF(0, kept->Ascent), run);
+        }
+    };
     painter_.setPen(QColor(0, 0, 0, 200));
     for (const QPointF& shift : {QPointF(1, 1), QPointF(-1, 1), QPointF(1, -1), QPointF(-1, -1)}) {
-        painter_.drawText(baseline + shift, text);
+        draw(baseline + shift);
     }
     painter_.setPen(colour);
-    painter_.drawText(baseline, text);
+    draw(baseline);
 }
 
 QPainterPath OverlayPainter::PathOf(Shape shape, const QPointF& middle, double radius) {
@@ -60,26 +119,30 @@ QPainterPath OverlayPainter::PathOf(Shape shape, const QPointF& middle, double r
 
 void OverlayPainter::PutStamp(const PixelPoint& place, Shape shape, double radius,
                               const QColor& colour) {
-    constexpr double rimWidth = 3;
     const QPointF at = At(place);
-    if (!Shows(at, radius + rimWidth)) return;
-    // A label may touch a ring, but not what is inside.
-    const double side = 1.4 * radius;
-    marks_.push_back({at.x() - side / 2, at.y() - side / 2, side, side});
-    if (keepsPaths_) return Stroke(PathOf(shape, at, radius), colour);
-    const double half = radius + rimWidth;
+    const double half = radius + rimReach;
+    if (step_ == OverlayStep::Labels) {
+        // A label may touch a ring, but not what is inside.
+        const double side = 1.4 * radius;
+        if (Shows(at, half)) {
+            marks_.push_back({at.x() - side / 2, at.y() - side / 2, side, side});
+        }
+        return;
+    }
+    if (!IsInPart({at.x() - radius, at.y() - radius, 2 * radius, 2 * radius})) return;
+    if (keepsPaths_) return Stroke(painter_, PathOf(shape, at, radius), colour);
+    const double ratio = painter_.device()->devicePixelRatioF();
     auto stamp = std::find_if(stamps_.begin(), stamps_.end(), [&](const Stamp& one) {
         return one.Kind == shape && one.Radius == radius && one.Colour == colour.rgba();
     });
     if (stamp == stamps_.end()) {
-        const double ratio = painter_.device()->devicePixelRatioF();
         QImage picture((QSizeF(2 * half, 2 * half) * ratio).toSize(),
                        QImage::Format_ARGB32_Premultiplied);
         picture.setDevicePixelRatio(ratio);
         picture.fill(Qt::transparent);
         QPainter painter(&picture);
-        OverlayPainter over(painter, view_, picture.size());
-        over.Stroke(PathOf(shape, QPointF(half, half), radius), colour);
+        painter.setRenderHint(QPainter::Antialiasing);
+        Stroke(painter, PathOf(shape, QPointF(half, half), radius), colour);
         painter.end();
         stamp = stamps_.insert(stamps_.end(), {shape, radius, colour.rgba(), picture});
     }
@@ -100,34 +163,27 @@ void OverlayPainter::OpenCross(const PixelPoint& place, double radius, const QCo
 
 void OverlayPainter::Aperture(const PixelPoint& place, double imageRadius, const QColor& colour,
                               bool dashed) {
+    // Where the dashes of a line begin depends on the part of it that is painted.
+    if (step_ != OverlayStep::Labels) return;
     const double radius = imageRadius * view_.Scale();
-    const QPointF at = At(place);
-    if (!Shows(at, radius)) return;
     QPainterPath path;
-    path.addEllipse(at, radius, radius);
-    Stroke(path, colour, 1.5, dashed ? Qt::DashLine : Qt::SolidLine);
+    path.addEllipse(At(place), radius, radius);
+    if (IsInPart(path.boundingRect())) {
+        Stroke(painter_, path, colour, 1.5, dashed ? Qt::DashLine : Qt::SolidLine);
+    }
 }
 
 void OverlayPainter::Link(const PixelPoint& from, const PixelPoint& to, const QColor& colour) {
-    const QPointF start = At(from);
-    const QPointF end = At(to);
-    if (!Shows(start, 0) && !Shows(end, 0)) return;
-    QPainterPath path(start);
-    path.lineTo(end);
-    Stroke(path, colour);
+    StrokeMark(PathThrough({from, to}), colour);
 }
 
 void OverlayPainter::Outline(const std::vector<PixelPoint>& line, const QColor& colour) {
-    QPainterPath path;
-    for (std::size_t i = 0; i < line.size(); ++i) {
-        if (i == 0) path.moveTo(At(line[i]));
-        if (i > 0) path.lineTo(At(line[i]));
-    }
-    if (path.boundingRect().intersects(QRectF(QPointF(), size_))) Stroke(path, colour);
+    if (step_ == OverlayStep::Marks) StrokeMark(PathThrough(line), colour);
 }
 
 void OverlayPainter::Label(const PixelPoint& place, double radius, const QString& text,
                            const QColor& colour, LabelWorth worth) {
+    if (step_ != OverlayStep::Labels) return;
     const QPointF at = At(place);
     if (!text.isEmpty() && Shows(at, radius)) {
         AddLabel({at.x(), at.y()}, radius, false, text, colour, worth);
@@ -137,7 +193,7 @@ void OverlayPainter::Label(const PixelPoint& place, double radius, const QString
 void OverlayPainter::AddLabel(const ScreenPoint& mark, double radius, bool fixed,
                               const QString& text, const QColor& colour, LabelWorth worth) {
     const QFontMetricsF metrics(painter_.font());
-    const LabelWish wish{mark, radius, metrics.horizontalAdvance(text) + 2,
+    const LabelWish wish{mark, radius, WidthOf(text) + 2,
                          metrics.capHeight() + metrics.descent() + 2, fixed};
     labels_.push_back({wish, text, colour, worth});
 }
@@ -157,26 +213,20 @@ void OverlayPainter::PaintLabels() {
     labels_.clear();
 }
 
-void OverlayPainter::Grid(const SkyGrid& grid) {
+void OverlayPainter::GridLines(const SkyGrid& grid) {
+    painter_.setPen(QPen(QColor(GridColour.red(), GridColour.green(), GridColour.blue(), 150), 1));
     for (const GridLine& line : grid.Lines) {
-        for (const auto& piece : line.Pieces) {
-            QPainterPath path;
-            for (std::size_t i = 0; i < piece.size(); ++i) {
-                if (i == 0) path.moveTo(At(piece[i]));
-                if (i > 0) path.lineTo(At(piece[i]));
-            }
-            painter_.setPen(
-                QPen(QColor(GridColour.red(), GridColour.green(), GridColour.blue(), 150), 1));
-            painter_.drawPath(path);
-        }
+        for (const auto& piece : line.Pieces) painter_.drawPath(PathThrough(piece));
     }
+}
+
+void OverlayPainter::GridLabels(const SkyGrid& grid) {
     const QFontMetricsF metrics(painter_.font());
     const QRectF inside = QRectF(QPointF(), size_).adjusted(4, metrics.height(), -4, -4);
     for (const GridLine& line : grid.Lines) {
         const QString text = QtText(line.Label);
         QPointF at = At(line.LabelPlace) + QPointF(4, -4);
-        at.setX(
-            qBound(inside.left(), at.x(), inside.right() - metrics.horizontalAdvance(text) - 2));
+        at.setX(qBound(inside.left(), at.x(), inside.right() - WidthOf(text) - 2));
         at.setY(qBound(inside.top(), at.y(), inside.bottom()));
         AddLabel({at.x(), at.y()}, 0, true, text, GridColour, LabelWorth::Grid);
     }
@@ -193,7 +243,7 @@ void OverlayPainter::Arrow(const QPointF& from, const ScreenPoint& direction, co
     path.moveTo(tip - head * along + head / 2 * across);
     path.lineTo(tip);
     path.lineTo(tip - head * along - head / 2 * across);
-    Stroke(path, Qt::white);
+    Stroke(painter_, path, Qt::white);
     const QFontMetricsF metrics(painter_.font());
     const QPointF middle = tip + 11 * along;
     Text(middle + QPointF(-metrics.horizontalAdvance(name) / 2, metrics.capHeight() / 2), name,
@@ -216,7 +266,7 @@ void OverlayPainter::CompassAndScale(const SkyMap& map) {
         path.lineTo(left);
         path.lineTo(left + QPointF(length, 0));
         path.lineTo(left + QPointF(length, -5));
-        Stroke(path, Qt::white, 2);
+        Stroke(painter_, path, Qt::white, 2);
         Text(left + QPointF(6, -6), QtText(bar->Text), Qt::white);
     }
 }

@@ -2,9 +2,13 @@
 #pragma once
 
 #include <QColor>
+#include <QFont>
+#include <QGlyphRun>
 #include <QImage>
+#include <QList>
 #include <QPainter>
 #include <QString>
+#include <unordered_map>
 #include <vector>
 
 #include "display/libLabelPlacement.h"
@@ -24,10 +28,35 @@ inline constexpr QColor NameColour(255, 175, 255);
 /// The priority of labels, most important first.
 enum class LabelWorth { Measured, Name, Grid, Figure };
 
+/// Keeps texts laid out, which takes longer than to paint them.
+class KeptTexts {
+ public:
+    struct Text {
+        double Width = 0;   ///< its advance
+        double Ascent = 0;  ///< from the origin of its glyphs down to its baseline
+        QList<QGlyphRun> Glyphs;
+    };
+    /// The reference holds until the next call.
+    const Text& Of(const QString& text, const QFont& font);
+
+ private:
+    QFont font_;  ///< of all texts
+    std::unordered_map<QString, Text> texts_;
+};
+
+/// What is painted: the marks that are fixed to the image, or, after all of them, the labels, which
+/// keep clear of them, and what else depends on the limits of the view.
+enum class OverlayStep { Marks, Labels };
+
 /// Paints over a view. Texts and lines get a dark rim, so that they are visible on any background.
+/// In each step, calls for the other one paint nothing.
 class OverlayPainter {
  public:
-    OverlayPainter(QPainter& painter, const ViewGeometry& view, const QSize& size);
+    /// @param part of the view, outside of which marks need not be painted
+    OverlayPainter(QPainter& painter, const ViewGeometry& view, const QSize& size, OverlayStep step,
+                   const QRectF& part);
+
+    KeptTexts* Texts = nullptr;  ///< where labels are kept from one painting to the next
 
     void Circle(const PixelPoint& place, double radius, const QColor& colour);
     /// A circle whose radius is in image pixels.
@@ -44,7 +73,8 @@ class OverlayPainter {
     void Label(const PixelPoint& place, double radius, const QString& text, const QColor& colour,
                LabelWorth worth = LabelWorth::Figure);
     void PaintLabels();
-    void Grid(const SkyGrid& grid);
+    void GridLines(const SkyGrid& grid);
+    void GridLabels(const SkyGrid& grid);
     /// North and east in the upper right corner, a scale bar in the lower left one.
     void CompassAndScale(const SkyMap& map);
 
@@ -70,15 +100,22 @@ class OverlayPainter {
                   const QColor& colour, LabelWorth worth);
 
     bool Shows(const QPointF& point, double margin) const;
+    bool IsInPart(const QRectF& box) const;
     QPointF At(const PixelPoint& place) const;
-    void Stroke(const QPainterPath& path, const QColor& colour, double width = 1.5,
-                Qt::PenStyle style = Qt::SolidLine);
+    QPainterPath PathThrough(const std::vector<PixelPoint>& line) const;
+    static void Stroke(QPainter& painter, const QPainterPath& path, const QColor& colour,
+                       double width = 1.5, Qt::PenStyle style = Qt::SolidLine);
+    /// Strokes a mark when it reaches into the part that is painted.
+    void StrokeMark(const QPainterPath& path, const QColor& colour);
+    double WidthOf(const QString& text) const;
     void Text(const QPointF& baseline, const QString& text, const QColor& colour);
     void Arrow(const QPointF& from, const ScreenPoint& direction, const QString& name);
 
     QPainter& painter_;
     const ViewGeometry& view_;
     QSizeF size_;
+    OverlayStep step_;
+    QRectF part_;
     bool keepsPaths_;  ///< a page stays sharp at any size
     std::vector<Stamp> stamps_;
     std::vector<PendingLabel> labels_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <tuple>
 #include <utility>
 
 namespace vestrel {
@@ -129,6 +130,18 @@ PixelRectangle ViewGeometry::Visible() const {
     const double last = std::min(centre_.Y + halfHeight, height_ - 0.5);
     if (right <= left || last <= first) return {};
     return {left, first, right - left, last - first};
+}
+
+std::optional<ScreenPoint> ViewGeometry::MovedFrom(const ViewGeometry& other) const {
+    const auto allButPlace = [](const ViewGeometry& view) {
+        return std::tuple(view.width_, view.height_, view.windowWidth_, view.windowHeight_,
+                          view.along_[0].X, view.along_[0].Y, view.along_[1].X, view.along_[1].Y,
+                          view.flippedLeftRight_, view.flippedUpDown_, view.scale_);
+    };
+    if (allButPlace(*this) != allButPlace(other)) return std::nullopt;
+    const ScreenPoint here = ScreenOf({0, 0});
+    const ScreenPoint there = other.ScreenOf({0, 0});
+    return ScreenPoint{here.X - there.X, here.Y - there.Y};
 }
 
 }  // namespace vestrel

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "display/libSkyOverlay.h"
 #include "image/libImage.h"
@@ -69,6 +70,9 @@ class ViewGeometry {
     /// Whether a pixel coordinate lies on the image.
     bool OnImage(const PixelPoint& pixel) const;
     PixelRectangle Visible() const;
+    /// By how much everything lies farther right and down in the window than in another view;
+    /// nothing when the views differ in more than that.
+    std::optional<ScreenPoint> MovedFrom(const ViewGeometry& other) const;
 
  private:
     void SetCentre(const PixelPoint& centre);

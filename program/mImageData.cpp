@@ -10,6 +10,7 @@
 #include "platform/libPlatform.h"
 #include "program/mStarExtraction.h"
 #include "program/mStopwatch.h"
+#include "program/mWorkBeside.h"
 
 namespace vestrel {
 
@@ -117,7 +118,7 @@ bool SaveImage(const ProgramState& state, Port& port, const std::string& path) {
         return false;
     }
     try {
-        WriteFitsFile(PathFromText(path), state.Image, [&port](int, int) { port.Yield(); });
+        WorkBeside(port, [&] { WriteFitsFile(PathFromText(path), state.Image, nullptr); });
         return true;
     } catch (const std::exception& error) {
         port.ShowMessage(error.what(), DefaultTitle);

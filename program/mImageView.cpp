@@ -37,7 +37,12 @@ bool HasLevels(const PlateImage& image) {
 
 void ChooseFirstLevels(ProgramState& state) {
     if (!state.ImageLoaded || HasLevels(state.Image)) return;
-    SetLevels(state, FirstLevels(state.Image.Header, MakeImageHistogram(state.Image)));
+    ChooseFirstLevels(state, MakeImageHistogram(state.Image));
+}
+
+void ChooseFirstLevels(ProgramState& state, const ImageHistogram& histogram) {
+    if (!state.ImageLoaded || HasLevels(state.Image)) return;
+    SetLevels(state, FirstLevels(state.Image.Header, histogram));
 }
 
 void SetLevels(ProgramState& state, const CountLevels& levels) {

@@ -15,6 +15,8 @@ namespace vestrel {
 bool HasLevels(const PlateImage& image);
 /// Chooses levels for an image that has none.
 void ChooseFirstLevels(ProgramState& state);
+/// The same with the histogram of the image at hand.
+void ChooseFirstLevels(ProgramState& state, const ImageHistogram& histogram);
 /// Sets the levels, rounded to whole counts; white stays above black.
 void SetLevels(ProgramState& state, const CountLevels& levels);
 /// The conversion of stored values to grey with the present levels.

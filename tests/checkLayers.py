@@ -5,7 +5,7 @@ Layers, by the prefix of a module's name:
 lib*   pure libraries: the standard library, other lib* and third-party decoders
 m*     the program's logic: lib* and other m*
 others consoles and main programs
-f*     windows; only they (with libGraphics, libGraph, libWindows, and the programs that show
+f*     windows; only they (with libDraggedLayer, libGraphics, libGraph, libWindows, and the programs that show
        windows) may know Qt
 
 Folders: FOLDERS says which other folders each one may include. Their graph must have no cycle.
@@ -40,7 +40,7 @@ FOLDERS = {
     "catalogtool": "platform astro image catalog matching tools",
 }
 USERS = {"tests", "bench", "fuzz", "docs"}  # may include every folder; none may include them
-WINDOW_LIBRARIES = {"libGraphics", "libGraph", "libWindows"}
+WINDOW_LIBRARIES = {"libDraggedLayer", "libGraphics", "libGraph", "libWindows"}
 WINDOW_PROGRAMS = {"vestrel", "makeScreenshots"}
 
 

@@ -5,6 +5,7 @@
 #include <QComboBox>
 #include <QDoubleSpinBox>
 #include <QMouseEvent>
+#include <QPainter>
 #include <QPlainTextEdit>
 #include <QSlider>
 #include <QSpinBox>
@@ -15,6 +16,7 @@
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "desktop/fPictureArea.h"
+#include "desktop/libGraphics.h"
 #include "display/libPlot.h"
 #include "display/libSkyOverlay.h"
 #include "tests/desktopSupport.h"
@@ -171,6 +173,74 @@ TEST_F(ViewerWindows, TheWheelZoomsAboutThePointerAndDraggingMovesTheImage) {
     Action("mnuExportView")->trigger();
     EXPECT_EQ(QImage(QtText((Folder / "view.png").string())).convertToFormat(QImage::Format_RGB32),
               shown);
+}
+
+TEST_F(ViewerWindows, WhatIsDraggedLooksAsIfItWerePaintedAnew) {
+    OpenAll();
+    Solve();
+    for (const char* name : {"mnuMagnitudes", "mnuGrid", "mnuNames", "mnuCompass"}) {
+        Action(name)->setChecked(true);
+    }
+    Area->OnDoubleClicked(Drawn({Stars[0].Ra, Stars[0].Dec}));
+    const auto painted = [this] { return Area->grab().toImage(); };
+    Random random(5);
+    int moved = 0;
+    for (const double zoom : {0.5, 1.0, 3.7}) {
+        Area->ZoomTo(zoom);
+        QImage before = painted();
+        for (int step = 0; step < 12; ++step) {
+            // Also so far that the view ends at the image, or that nothing remains of the old one.
+            const int reach = step % 4 == 3 ? 2000 : 40;
+            Area->View.Pan(random.Whole(-reach, reach), random.Whole(-reach, reach));
+            if (step == 6) Action("mnuFlipUpDown")->toggle();
+            if (step == 8) Action("mnuCatalog")->toggle();
+            Area->OnViewChanged();
+            const QImage dragged = painted();
+            // Another size and back: everything is painted anew.
+            const QSize size = Image->size();
+            Image->resize(size + QSize(2, 2));
+            QCoreApplication::processEvents();
+            painted();
+            Image->resize(size);
+            QCoreApplication::processEvents();
+            EXPECT_TRUE(painted() == dragged) << zoom << " " << step;
+            moved += dragged != before ? 1 : 0;
+            before = dragged;
+        }
+    }
+    EXPECT_GT(moved, 20);
+}
+
+TEST_F(ViewerWindows, LabelsThatWereKeptLookAsIfTheyWereWrittenAnew) {
+    ViewGeometry view;
+    view.SetWindow(600, 400);
+    view.SetImage(600, 400, true);
+    KeptTexts kept;
+    const auto painted = [&](KeptTexts* texts, int points) {
+        QImage picture(600, 400, QImage::Format_RGB32);
+        picture.fill(Qt::darkGray);
+        QPainter painter(&picture);
+        QFont font = painter.font();
+        font.setPointSize(points);
+        painter.setFont(font);
+        OverlayPainter over(painter, view, picture.size(), OverlayStep::Labels, picture.rect());
+        over.Texts = texts;
+        double y = 20.3;
+        for (const char* text : {"12.34", "M 31 (Andromeda)", "-00°30'", "α CMa ☉ 星", "12.34"}) {
+            over.Label({100.7, y}, 9, QString::fromUtf8(text), Qt::green);
+            over.Label({330.2, y += 61.4}, 4, QString::fromUtf8(text), Qt::yellow);
+        }
+        over.PaintLabels();
+        return picture;
+    };
+    QImage empty(600, 400, QImage::Format_RGB32);
+    empty.fill(Qt::darkGray);
+    for (const int points : {9, 14, 9}) {
+        const QImage anew = painted(nullptr, points);
+        EXPECT_NE(anew, empty);
+        EXPECT_EQ(painted(&kept, points), anew);
+        EXPECT_EQ(painted(&kept, points), anew);
+    }
 }
 
 TEST_F(ViewerWindows, ATurnedPictureIsShownAndExportedTurnedAndReadAsItIsStored) {

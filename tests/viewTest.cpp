@@ -101,6 +101,42 @@ TEST(View, PixelsAndWindowAgreeBothWaysAndZoomKeepsWhatIsUnderThePointer) {
     }
 }
 
+TEST(View, AViewKnowsByHowMuchItWasMovedAndWhenItChangedOtherwise) {
+    Random random(8);
+    for (int round = 0; round < 200; ++round) {
+        ViewGeometry view;
+        view.SetWindow(random.Between(200, 1500), random.Between(150, 900));
+        view.SetImage(random.Whole(50, 5000), random.Whole(50, 5000), random.Whole(0, 1) == 1,
+                      random.Whole(1, 8));
+        view.Flip(random.Whole(0, 1) == 1, random.Whole(0, 1) == 1);
+        view.ZoomTo(random.Between(0.1, 5), view.Middle());
+        ViewGeometry dragged = view;
+        dragged.Pan(random.Between(-300, 300), random.Between(-300, 300));
+        const auto moved = dragged.MovedFrom(view);
+        ASSERT_TRUE(moved);
+        // Every pixel has moved like that, also where the image ended the movement.
+        const PixelPoint pixel = {random.Between(-99, 6000), random.Between(-99, 6000)};
+        const ScreenPoint before = view.ScreenOf(pixel);
+        const ScreenPoint after = dragged.ScreenOf(pixel);
+        EXPECT_NEAR(after.X - before.X, moved->X, 1e-7);
+        EXPECT_NEAR(after.Y - before.Y, moved->Y, 1e-7);
+        ViewGeometry zoomed = view;
+        zoomed.ZoomBy(view.Scale() < 10 ? 0.1 : -0.1, view.Middle());
+        EXPECT_FALSE(zoomed.MovedFrom(view));
+        ViewGeometry resized = view;
+        resized.SetWindow(333, 222);
+        EXPECT_FALSE(resized.MovedFrom(view));
+    }
+    ViewGeometry upright;
+    upright.SetImage(300, 200, true);
+    ViewGeometry flipped = upright;
+    flipped.Flip(true, false);
+    EXPECT_FALSE(flipped.MovedFrom(upright));
+    ViewGeometry turned;
+    turned.SetImage(300, 200, true, 3);
+    EXPECT_FALSE(turned.MovedFrom(upright));
+}
+
 TEST(Picture, StandsUprightAndFlipsOnlyForDisplay) {
     for (const auto& [type, bitPix, firstRowAtTop] : {std::tuple{ImageType::Jpeg, 0, true},
                                                       {ImageType::Sbig, 16, true},
