@@ -1,5 +1,27 @@
 #include "image/libApartDecoder.h"
 
+namespace vestrel {
+
+namespace {
+
+thread_local bool everyDecoderApart = false;
+
+}  // namespace
+
+EveryDecoderApart::EveryDecoderApart(bool every) : before_(everyDecoderApart) {
+    everyDecoderApart = every;
+}
+
+EveryDecoderApart::~EveryDecoderApart() {
+    everyDecoderApart = before_;
+}
+
+bool EveryDecoderApart::Demanded() {
+    return everyDecoderApart;
+}
+
+}  // namespace vestrel
+
 #ifndef _WIN32
 
 #include <fcntl.h>
@@ -168,8 +190,8 @@ class Sender final : public PictureSink {  // NOLINT(*-virtual-class-destructor)
 /// The parent's side. The child may have written over its own memory: nothing it sends is trusted.
 class Receiver {
  public:
-    Receiver(pid_t child, int socket, const SharedParts& parts)
-        : child_(child), socket_(socket), parts_(parts) {}
+    Receiver(pid_t child, int socket, const SharedParts& parts, int longestSilence)
+        : child_(child), socket_(socket), parts_(parts), longestSilence_(longestSilence) {}
     Receiver(const Receiver&) = delete;
     Receiver& operator=(const Receiver&) = delete;
     /// The child is no longer needed, whatever it still does.
@@ -292,12 +314,11 @@ class Receiver {
             (void)send(socket_, &sign, sizeof sign, MSG_NOSIGNAL | MSG_DONTWAIT);
             ++part_;
         }
-        constexpr int longestSilence = 20000;  // milliseconds
         std::uint32_t announced = 0;
         std::size_t got = 0;
         while (got < sizeof announced) {
             pollfd waited{socket_, POLLIN, 0};
-            const int ready = poll(&waited, 1, longestSilence);
+            const int ready = poll(&waited, 1, longestSilence_);
             if (ready < 0 && errno == EINTR) continue;
             if (ready <= 0) BrokenOff();
             const ssize_t more =
@@ -314,6 +335,7 @@ class Receiver {
     pid_t child_;
     int socket_;
     const SharedParts& parts_;
+    int longestSilence_;  ///< milliseconds
     std::uint64_t part_ = 0;
     std::size_t held_ = 0;  ///< bytes of that part, and how many of them were taken
     std::size_t taken_ = 0;
@@ -343,7 +365,7 @@ std::uint64_t MappedBytes() {
 
 /// All that the child process does.
 [[noreturn]] void Child(int socket, const SharedParts& parts, std::uint64_t mapped,
-                        const DecodeCall& decode) {
+                        const DecodeCall& decode, const ApartLimits& limits) {
     // Only the parent may notice how it ends: no crash report, no core file, no signal handler, and
     // no file that a tool would write.
     for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTERM, SIGINT, SIGHUP,
@@ -353,12 +375,8 @@ std::uint64_t MappedBytes() {
     socket = fcntl(socket, F_DUPFD, 3);
     const int nowhere = open("/dev/null", O_RDWR);
     for (const int stream : {0, 1, 2}) dup2(nowhere, stream);
-    constexpr std::uint64_t mostMemory = std::uint64_t{6} << 30;
-    // Processor time: twice what the largest picture takes (a quarter of a billion pixels packed by
-    // HCOMPRESS).
-    constexpr std::uint64_t mostSeconds = 30;
-    if (mapped > 0) Limit(RLIMIT_AS, mapped + mostMemory);
-    Limit(RLIMIT_CPU, mostSeconds);
+    if (mapped > 0) Limit(RLIMIT_AS, mapped + limits.Memory);
+    Limit(RLIMIT_CPU, limits.ProcessorSeconds);
     Limit(RLIMIT_CORE, 0);
     Limit(RLIMIT_FSIZE, 0);
     try {
@@ -372,7 +390,7 @@ std::uint64_t MappedBytes() {
 
 }  // namespace
 
-void DecodeApart(const DecodeCall& decode, PictureSink& sink) {
+void DecodeApart(const DecodeCall& decode, PictureSink& sink, const ApartLimits& limits) {
     const SharedParts parts;
     int ends[2] = {};  // the parent's and the child's
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
@@ -383,14 +401,14 @@ void DecodeApart(const DecodeCall& decode, PictureSink& sink) {
     const pid_t child = fork();
     if (child == 0) {
         close(ends[0]);  // so that the child notices the end of its parent
-        Child(ends[1], parts, mapped, decode);
+        Child(ends[1], parts, mapped, decode, limits);
     }
     close(ends[1]);
     if (child < 0) {
         close(ends[0]);
         throw DecodeFault("The system has no process left to decode it.");
     }
-    Receiver receiver(child, ends[0], parts);
+    Receiver receiver(child, ends[0], parts, limits.SilenceMilliseconds);
     while (receiver.Next(sink)) {
     }
 }
@@ -401,7 +419,7 @@ void DecodeApart(const DecodeCall& decode, PictureSink& sink) {
 
 namespace vestrel {
 
-void DecodeApart(const DecodeCall& decode, PictureSink& sink) {
+void DecodeApart(const DecodeCall& decode, PictureSink& sink, const ApartLimits& /*limits*/) {
     const std::string fault = decode(sink);
     if (!fault.empty()) throw DecodeFault(fault);
 }

@@ -2,6 +2,7 @@
 // program.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -12,12 +13,35 @@ namespace vestrel {
 /// Decodes into a sink. Returns why that failed; empty when it succeeded.
 using DecodeCall = std::function<std::string(PictureSink&)>;
 
+/// What a child process may use.
+struct ApartLimits {
+    std::uint64_t Memory = std::uint64_t{6} << 30;  ///< bytes, beside what this process has mapped
+    /// Twice what the largest picture takes (a quarter of a billion pixels packed by HCOMPRESS).
+    std::uint64_t ProcessorSeconds = 30;
+    int SilenceMilliseconds = 20000;  ///< between two pieces that it sends
+};
+
 /// Runs `decode` in a child process and passes every call that it makes to `sink`.
 ///
-/// Some libraries read past the end of damaged data. A child that crashes, that sends nothing for
-/// 20 s, or that needs more than 6 GiB or 30 s of processor time ends in a `DecodeFault`. On
-/// Windows `decode` runs in this process.
+/// Some libraries read past the end of damaged data. A child that crashes or exceeds a limit ends
+/// in a `DecodeFault`. On Windows `decode` runs in this process.
 /// @throws DecodeFault, and what `sink` throws
-void DecodeApart(const DecodeCall& decode, PictureSink& sink);
+void DecodeApart(const DecodeCall& decode, PictureSink& sink, const ApartLimits& limits = {});
+
+/// Makes this thread decode JPEG pictures apart too, as long as it exists. Programs that run for
+/// days and take pictures from anywhere need it.
+class EveryDecoderApart {
+ public:
+    explicit EveryDecoderApart(bool every);
+    ~EveryDecoderApart();
+    EveryDecoderApart(const EveryDecoderApart&) = delete;
+    EveryDecoderApart& operator=(const EveryDecoderApart&) = delete;
+
+    /// Whether one that says so exists on this thread.
+    static bool Demanded();
+
+ private:
+    bool before_;
+};
 
 }  // namespace vestrel

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "astro/libStrings.h"
+#include "image/libApartDecoder.h"
 #include "image/libExif.h"
 #include "image/libFitsCards.h"
 #include "platform/libFiles.h"
@@ -28,7 +29,7 @@ namespace {
 struct ErrorManager {
     jpeg_error_mgr Base;  // must stay first: libjpeg only knows this member
     std::jmp_buf Escape;
-    bool CutShort;
+    jpeg_progress_mgr Scans;
 };
 
 ErrorManager& ManagerOf(j_common_ptr info) {
@@ -43,9 +44,18 @@ void OnMessage(j_common_ptr info, int level) {
     // Warnings have level -1. After these two libjpeg would go on with grey pixels that are not in
     // the file.
     const int code = info->err->msg_code;
-    if (level < 0 && (code == JWRN_JPEG_EOF || code == JWRN_HIT_MARKER)) {
-        ManagerOf(info).CutShort = true;
-    }
+    if (level < 0 && (code == JWRN_JPEG_EOF || code == JWRN_HIT_MARKER)) OnError(info);
+}
+
+/// Refuses a picture whose scans would go over its pixels more often than any program makes them: a
+/// few bytes can stand for a scan of all pixels.
+void OnProgress(j_common_ptr info) {
+    constexpr std::uint64_t always = 20;
+    constexpr std::uint64_t mostPixelPasses = std::uint64_t{1} << 33;
+    const auto* const picture = reinterpret_cast<j_decompress_ptr>(info);
+    const auto scans = static_cast<std::uint64_t>(picture->input_scan_number);
+    const std::uint64_t pixels = std::uint64_t{picture->image_width} * picture->image_height;
+    if (scans > always && scans * pixels > mostPixelPasses) OnError(info);
 }
 
 constexpr int exifMarker = JPEG_APP0 + 1;
@@ -142,6 +152,7 @@ bool Decode(jpeg_decompress_struct& info, ErrorManager& errors, std::FILE* file,
             std::vector<JOCTET>& exif, const Progress& progress) {
     if (setjmp(errors.Escape) != 0) return false;
     jpeg_create_decompress(&info);
+    info.progress = &errors.Scans;
     jpeg_stdio_src(&info, file);
     jpeg_save_markers(&info, exifMarker, 0xFFFF);
     jpeg_read_header(&info, TRUE);
@@ -161,7 +172,7 @@ bool Decode(jpeg_decompress_struct& info, ErrorManager& errors, std::FILE* file,
     image.Header.NAxis2 = static_cast<std::int16_t>(info.output_height);
     StartPixels(image, 0);
     row.resize(std::size_t{4} * info.output_width);
-    while (info.output_scanline < info.output_height && !errors.CutShort) {
+    while (info.output_scanline < info.output_height) {
         const auto y = static_cast<std::int32_t>(info.output_scanline);
         JSAMPROW rows[] = {row.data()};
         jpeg_read_scanlines(&info, rows, 1);
@@ -173,16 +184,13 @@ bool Decode(jpeg_decompress_struct& info, ErrorManager& errors, std::FILE* file,
         }
         if (y % 10 == 0 && progress) progress(y, image.Height);
     }
-    if (errors.CutShort) return false;
     jpeg_finish_decompress(&info);
-    return !errors.CutShort;
+    return true;
 }
 
-}  // namespace
-
-bool ReadPictureFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
-                     ReadFailure& failure) {
-    failure = {"Unable to read the image file.", DefaultTitle};
+/// Reads the pixels of a file into `image`, and its EXIF block.
+bool DecodeFile(const std::filesystem::path& path, PlateImage& image, std::vector<JOCTET>& exif,
+                const Progress& progress) {
     ClearHeader(image.Header);
     const FileHandle file = OpenFile(path, "rb");
     if (!file) return false;
@@ -195,8 +203,8 @@ bool ReadPictureFile(const std::filesystem::path& path, PlateImage& image, const
     errors.Base.error_exit = OnError;
     errors.Base.emit_message = OnMessage;
     errors.Base.output_message = OnOutput;
+    errors.Scans.progress_monitor = OnProgress;
     std::vector<JSAMPLE> row;
-    std::vector<JOCTET> exif;
     bool good = false;
     try {
         good = Decode(info, errors, file.get(), static_cast<std::uint64_t>(length), image, row,
@@ -205,13 +213,104 @@ bool ReadPictureFile(const std::filesystem::path& path, PlateImage& image, const
         good = false;
     }
     jpeg_destroy_decompress(&info);
-    if (!good) return false;
+    return good;
+}
 
+/// Takes what the child process has decoded: sums of the colours.
+class PictureTaker final : public PictureSink {  // NOLINT(*-virtual-class-destructor): final
+ public:
+    PictureTaker(PlateImage& image, const Progress& progress)
+        : image_(image), progress_(progress), keeper_(image) {}
+
+    void Start(const PictureShape& shape) override {
+        constexpr std::int64_t longest = std::numeric_limits<std::int16_t>::max();
+        if (shape.Width > longest || shape.Height > longest || shape.Channels != 1 ||
+            shape.Kind != SampleKind::UInt16) {
+            throw DecodeFault("It has no usable size.");
+        }
+        ClearHeader(image_.Header);
+        image_.Header.NAxis1 = static_cast<std::int16_t>(shape.Width);
+        image_.Header.NAxis2 = static_cast<std::int16_t>(shape.Height);
+        StartPixels(image_, 0);
+    }
+    void Row(std::int64_t y, const void* samples) override {
+        const auto* const sums = static_cast<const std::uint16_t*>(samples);
+        const auto row = static_cast<std::int32_t>(y);
+        std::copy(sums, sums + image_.Width, image_.Pixels.Row(row).data());
+        if (row % 10 == 0 && progress_) progress_(row, image_.Height);
+    }
+    void Stored(const StoredSamples& /*samples*/) override {
+        throw DecodeFault("Its pixels are packed.");
+    }
+    void Card(std::string_view card) override { keeper_.Card(card); }
+    void TextCard(std::string_view keyword, std::string_view text,
+                  std::string_view comment) override {
+        keeper_.TextCard(keyword, text, comment);
+    }
+    void NumberCard(std::string_view keyword, double value, std::string_view comment) override {
+        keeper_.NumberCard(keyword, value, comment);
+    }
+    void Remark(std::string text) override { keeper_.Remark(std::move(text)); }
+    void Orientation(int value) override { keeper_.Orientation(value); }
+    void Finish() { keeper_.Finish(); }
+
+ private:
+    PlateImage& image_;
+    const Progress& progress_;
+    CardKeeper keeper_;
+};
+
+constexpr const char* refusal = "Unable to read the image file.";
+
+/// The child's part. Returns why it failed.
+std::string SendPicture(const std::filesystem::path& path, PictureSink& sink) {
+    PlateImage image;
+    std::vector<JOCTET> exif;
+    if (!DecodeFile(path, image, exif, {})) return refusal;
+    sink.Start({image.Width, image.Height, 1, SampleKind::UInt16, 8, true});
+    std::vector<std::uint16_t> sums(static_cast<std::size_t>(image.Width));
+    for (std::int32_t y = 0; y < image.Height; ++y) {
+        const std::int32_t* const row = image.Pixels.Row(y).data();
+        std::transform(row, row + image.Width, sums.begin(),
+                       [](std::int32_t sum) { return static_cast<std::uint16_t>(sum); });
+        sink.Row(y, sums.data());
+    }
+    PassCameraFacts(ReadExif(exif), std::max(image.Width, image.Height), sink);
+    return {};
+}
+
+/// Reads the picture in a child process.
+bool ReadApart(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
+               ReadFailure& failure) {
+    PictureTaker taker(image, progress);
+    try {
+        DecodeApart([&path](PictureSink& sink) { return SendPicture(path, sink); }, taker);
+    } catch (const DecodeFault& fault) {
+        if (fault.what() != std::string_view(refusal)) failure.Cause = fault.what();
+        return false;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    taker.Finish();
+    return true;
+}
+
+}  // namespace
+
+bool ReadPictureFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
+                     ReadFailure& failure) {
+    failure = {refusal, DefaultTitle};
     image.Orientation = 1;
     image.Remarks.clear();
-    CardKeeper keeper(image);
-    PassCameraFacts(ReadExif(exif), std::max(image.Width, image.Height), keeper);
-    keeper.Finish();
+    if (EveryDecoderApart::Demanded()) {
+        if (!ReadApart(path, image, progress, failure)) return false;
+    } else {
+        std::vector<JOCTET> exif;
+        if (!DecodeFile(path, image, exif, progress)) return false;
+        CardKeeper keeper(image);
+        PassCameraFacts(ReadExif(exif), std::max(image.Width, image.Height), keeper);
+        keeper.Finish();
+    }
     if (progress) progress(0, image.Height);
     image.ImageType = ImageType::Jpeg;
     image.FileName = TextFromPath(path);

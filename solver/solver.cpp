@@ -7,6 +7,7 @@
 
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "image/libApartDecoder.h"
 #include "image/libDecoder.h"
 #include "image/libWorldCoordinates.h"
 #include "platform/libConsole.h"
@@ -100,7 +101,8 @@ std::string FaultOf(const ProgramState& state, const QuietPort& port) {
 /// The data of a Solver: the program state with one picture.
 class Solver::Session {
  public:
-    explicit Session(const SolverSettings& settings) : threads_(settings.Threads) {
+    explicit Session(const SolverSettings& settings)
+        : threads_(settings.Threads), apart_(settings.DecodeApart) {
         TakeSettings(settings, state_.Parameters);
         state_.Catalog.Folder = settings.CatalogFolder.empty()
                                     ? DefaultCatalogFolder()
@@ -148,6 +150,7 @@ class Solver::Session {
     SolverOutcome Solve(const SolverHints& hints, const SolverWatch& watch) {
         RequireValid(hints);
         const ThreadLimit limit(threads_);
+        const EveryDecoderApart apart(apart_);
         SolverOutcome outcome;
         outcome.Picture = facts_;
         code_ = SolveCode::NoImage;
@@ -173,11 +176,13 @@ class Solver::Session {
     const std::optional<ImageSkyModel>& Model() const { return model_; }
     bool FromFile() const { return !state_.Image.FileName.empty(); }
     SolveCode Code() const { return code_; }
+    bool DecodesApart() const { return apart_; }
 
  private:
     template <typename Read>
     PictureFacts Opened(const std::string& name, const Read& read) {
         const ThreadLimit limit(threads_);
+        const EveryDecoderApart apart(apart_);
         Forget();
         facts_.Name = name;
         {
@@ -210,11 +215,19 @@ class Solver::Session {
         PlanReport plan;
         state_.Quads.Fault.clear();
         SearchRequest search = request.Search;
-        search.TimeLimit -= InquirySeconds(request.Search);
+        const bool inquire = hints.FindCause && !stars_;
+        if (inquire) search.TimeLimit -= InquirySeconds(request.Search);
+        if (inquire && hints.EndAfter > 0) {
+            // Else a search that takes all the time would never learn why it failed.
+            constexpr double part = 0.15;
+            constexpr double most = 3;
+            search.TimeLimit =
+                std::min(search.TimeLimit, hints.EndAfter - std::min(part * hints.EndAfter, most));
+        }
         code_ = SolveByPlan(state_, port, search, plan);
         ExplainEnd(state_, code_, plan, watch.Stop.stop_requested(), outcome);
         outcome.Stars = StarsOfPicture(state_);
-        if (!stars_) ExplainCause(state_, port, code_, request.Search, outcome);
+        if (inquire) ExplainCause(state_, port, code_, request.Search, outcome);
         outcome.SolvedBy = plan.SolvedBy;
         if (code_ != SolveCode::Solved) return;
         if (plan.Start) outcome.StartedFrom = request.Sources[*plan.Start];
@@ -224,6 +237,7 @@ class Solver::Session {
 
     ProgramState state_;
     int threads_;
+    bool apart_;
     PictureFacts facts_;
     std::optional<PlateStarList> stars_;  ///< stars that were given instead of pixels
     std::optional<ImageSkyModel> model_;
@@ -301,6 +315,7 @@ bool Solver::Export(const std::string& path, std::string& fault) const {
         return false;
     }
     QuietPort port;
+    const EveryDecoderApart apart(session_->DecodesApart());  // it reads the file again
     if (ExportImage(session_->State(), port, path)) return true;
     fault = port.Message;
     return false;

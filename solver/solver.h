@@ -47,6 +47,9 @@ struct VESTREL_PUBLIC SolverSettings {
     double MaxGeometricError = 0.025;  ///< largest departure of stretch from 1 and skew from 0
     double MatchTolerance = 0.01;      ///< largest difference in side ratios of triangles that vote
     double MatchDivisor = 150;         ///< the larger, the fewer votes a pair of stars needs
+    /// Decodes JPEG pictures in a child process too, as all other formats but plain FITS and SBIG
+    /// are (not on Windows), so that no damaged file can end this process or hold it up.
+    bool DecodeApart = false;
 };
 
 /// The user's own settings, which the desktop program saves; the defaults when there are none.
@@ -86,6 +89,9 @@ struct SolverHints {
     double TimeLimit = 20;    ///< seconds, from 0, checked between the steps of every attempt; the
                               ///< first region around the first centre is always tried
     double EndAfter = 0;  ///< seconds after which the solve ends, within about one more; 0: none
+    /// Looks for the likeliest cause of a failure, for which up to 15 % of the limits above, at
+    /// most 3 seconds, are reserved.
+    bool FindCause = true;
 };
 
 /// How the samples of a picture in memory are stored.

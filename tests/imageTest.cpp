@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <sstream>
+#include <tuple>
 // jpeglib.h needs the two before it.
 #include <jpeglib.h>
 #ifdef VESTREL_READS_RAW
@@ -14,6 +16,7 @@
 #endif
 
 #include "astro/libStrings.h"
+#include "image/libApartDecoder.h"
 #include "image/libFITS.h"
 #include "image/libFitsCards.h"
 #include "image/libFitsWriter.h"
@@ -447,6 +450,92 @@ TEST(Pictures, CutShortOrForgedFail) {
         EXPECT_EQ(reader.Complaint, general);
         EXPECT_LT(PeakMemoryBytes() - before, std::size_t{32} << 20);
     }
+}
+
+TEST(Pictures, AreTheSameFromAChildProcess) {
+    Reader here;
+    Reader there;
+    const auto same = [&](const std::string& bytes, const char* what) {
+        here.Read(bytes, "image.jpg");
+        {
+            const EveryDecoderApart apart(true);
+            there.Read(bytes, "image.jpg");
+        }
+        ASSERT_EQ(here.Good, there.Good) << what;
+        EXPECT_EQ(here.Complaint, there.Complaint) << what;
+        if (!here.Good) return;
+        const PlateImage& one = here.Image;
+        const PlateImage& other = there.Image;
+        ASSERT_EQ(std::pair(one.Width, one.Height), std::pair(other.Width, other.Height)) << what;
+        for (std::int32_t y = 0; y < one.Height; ++y) {
+            const auto row = one.Pixels.Row(y);
+            ASSERT_TRUE(std::equal(row.begin(), row.end(), other.Pixels.Row(y).begin())) << what;
+        }
+        EXPECT_EQ(HeaderLines(one), HeaderLines(other)) << what;
+        EXPECT_EQ(one.Header.CardCount, other.Header.CardCount) << what;
+        EXPECT_EQ(one.Remarks, other.Remarks) << what;
+        EXPECT_EQ(one.Orientation, other.Orientation) << what;
+        EXPECT_EQ(std::tuple(one.ImageType, one.DataOffset, one.Pedestal, one.LargestCount),
+                  std::tuple(other.ImageType, other.DataOffset, other.Pedestal, other.LargestCount))
+            << what;
+    };
+    std::vector<unsigned char> pixels(64 * 48 * 4);
+    for (std::size_t i = 0; i < pixels.size(); ++i) pixels[i] = static_cast<unsigned char>(i * 37);
+    ExifMaker exif;
+    exif.Orientation = 6;
+    const std::string colour = Jpeg(64, 48, JCS_RGB, 3, pixels);
+    same(colour, "colour");
+    same(Jpeg(64, 48, JCS_RGB, 3, pixels, true), "progressive");
+    same(Jpeg(61, 47, JCS_GRAYSCALE, 1, pixels), "grey");
+    same(Jpeg(64, 48, JCS_CMYK, 4, pixels), "inks");
+    same(WithExif(colour, exif.Block()), "turned");
+    same(colour, "not turned, after one that was");
+    same(colour.substr(0, colour.size() / 2), "cut short");
+    same("no picture", "none");
+}
+
+/// A picture of `scans` scans that are all but empty: a run of blocks without detail stands for
+/// 32767 of them.
+std::string ManyScans(int width, int height, int scans) {
+    const auto segment = [](char marker, const std::string& body) {
+        const std::size_t length = body.size() + 2;
+        return std::string("\xFF") + marker + static_cast<char>(length / 256) +
+               static_cast<char>(length % 256) + body;
+    };
+    const auto table = [&](char number, char symbol) {
+        return segment('\xC4', std::string(1, number) + '\1' + std::string(15, '\0') + symbol);
+    };
+    const std::size_t blocks =
+        static_cast<std::size_t>((width + 7) / 8) * static_cast<std::size_t>((height + 7) / 8);
+    const std::string size = {static_cast<char>(height / 256), static_cast<char>(height % 256),
+                              static_cast<char>(width / 256), static_cast<char>(width % 256)};
+    std::string file = "\xFF\xD8";
+    file += segment('\xDB', '\0' + std::string(64, '\1'));
+    file += segment('\xC2', "\x08" + size + std::string("\1\1\x11\0", 4));
+    file += table('\0', '\0');      // a difference of none: one bit
+    file += table('\x10', '\xE0');  // a run: one bit, and 14 of its length beyond 16384
+    file += segment('\xDA', std::string("\1\1\0\0\0\0", 6)) + std::string((blocks + 7) / 8, '\0');
+    std::string bits;
+    for (std::size_t left = blocks; left > 0; left -= std::min<std::size_t>(left, 16384)) {
+        bits += std::string(15, '0');
+    }
+    while (bits.size() % 8 != 0) bits += '0';
+    const std::string scan =
+        segment('\xDA', std::string("\1\1\0\1\x3F\0", 6)) + std::string(bits.size() / 8, '\0');
+    for (int i = 0; i < scans; ++i) file += scan;
+    return file + "\xFF\xD9";
+}
+
+TEST(Pictures, AFewBytesForEachOfThousandsOfScansCostNoMinutes) {
+    Reader reader;
+    reader.Read(ManyScans(128, 128, 60), "good.jpg");
+    ASSERT_TRUE(reader.Good) << reader.Complaint;
+    EXPECT_EQ(reader.Image.Width, 128);
+    // 100 kB that would take minutes.
+    const auto start = std::chrono::steady_clock::now();
+    reader.Read(ManyScans(8000, 8000, 4000), "scans.jpg");
+    EXPECT_EQ(reader.Complaint, general);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
 }
 
 // Faulty pixels of floating-point pictures can have any value.
