@@ -31,6 +31,9 @@ struct Row {
     std::string Observed;
     std::string End;
     std::string Reason;
+    std::string CauseKind;  ///< of a failure, as in "trailed"; may be empty
+    std::string Cause;      ///< with the evidence
+    std::string Try;
     double Ra = notThere;   ///< degrees
     double Dec = notThere;  ///< degrees
     double Field = 0;       ///< shorter side, degrees
@@ -65,6 +68,12 @@ Row RowOf(const nlohmann::ordered_json& line) {
     row.Observed = TextAt(line, "observed_at");
     row.End = TextAt(line, "end");
     row.Reason = TextAt(line, "reason");
+    if (const auto cause = line.find("cause"); cause != line.end() && cause->is_object()) {
+        row.CauseKind = TextAt(*cause, "kind");
+        std::replace(row.CauseKind.begin(), row.CauseKind.end(), '_', ' ');
+        row.Cause = TextAt(*cause, "text");
+        row.Try = TextAt(*cause, "try");
+    }
     row.Ra = NumberAt(line, "ra_deg");
     row.Dec = NumberAt(line, "dec_deg");
     row.Field = std::min(NumberAt(line, "width_deg"), NumberAt(line, "height_deg"));
@@ -263,27 +272,45 @@ constexpr const char* head =
     ".failed td{color:#ff7a82}}\n"
     "</style></head><body>\n";
 
+/// "one 3, other 2" as HTML, without the name `left`.
+std::string Counted(const std::map<std::string, std::size_t>& counts, const std::string& left) {
+    std::string list;
+    for (const auto& [name, count] : counts) {
+        if (name == left) continue;
+        list += (list.empty() ? "" : ", ") + Escaped(name) + " " + std::to_string(count);
+    }
+    return list;
+}
+
 std::string Summary(const std::vector<Row>& rows) {
     std::map<std::string, std::size_t> ends;
+    std::map<std::string, std::size_t> causes;
     double seconds = 0;
     for (const Row& row : rows) {
         ++ends[row.End];
+        if (!row.Solved()) ++causes[row.CauseKind];
         if (std::isfinite(row.Seconds)) seconds += row.Seconds;
     }
     const std::size_t solved = ends["solved"];
     std::string text = "<h1>" + std::to_string(solved) + " of " + std::to_string(rows.size()) +
                        " pictures solved</h1>\n<p>";
-    std::string failed;
-    for (const auto& [end, count] : ends) {
-        if (end == "solved") continue;
-        failed +=
-            (failed.empty() ? "Not solved: " : ", ") + Escaped(end) + " " + std::to_string(count);
-    }
-    if (!failed.empty()) text += failed + ". ";
+    const std::string failed = Counted(ends, "solved");
+    if (!failed.empty()) text += "Not solved: " + failed + ". ";
+    const std::string why = Counted(causes, "");
+    if (!why.empty()) text += "Likely causes: " + why + ". ";
     if (!rows.empty()) {
         text += Fixed(seconds / static_cast<double>(rows.size()), 2) + " s a picture in the mean.";
     }
     return text + "</p>\n";
+}
+
+/// How a picture ended, why, and what to do about it, as HTML.
+std::string Result(const Row& row) {
+    std::string html = Escaped(row.Reason.empty() ? row.End : row.End + ": " + row.Reason);
+    for (const std::string& text : {row.Cause, row.Try.empty() ? "" : "Try: " + row.Try}) {
+        if (!text.empty()) html += "<br>" + Escaped(text);
+    }
+    return html;
 }
 
 std::string Table(const std::vector<Row>& rows) {
@@ -301,8 +328,7 @@ std::string Table(const std::vector<Row>& rows) {
                 number(std::to_string(++count)) + "<td class=\"p\" title=\"" +
                 Escaped(row.Picture) + "\">" +
                 Escaped(row.Picture.substr(LastFolderSeparator(row.Picture) + 1)) + "</td><td>" +
-                Escaped(row.Observed) + "</td><td>" +
-                Escaped(row.Reason.empty() ? row.End : row.End + ": " + row.Reason) + "</td>" +
+                Escaped(row.Observed) + "</td><td>" + Result(row) + "</td>" +
                 number(placed ? Escaped(FormatRA(row.Ra * RadiansPerDegree, true, 1)) : "") +
                 number(placed ? Escaped(FormatDec(row.Dec * RadiansPerDegree, true, 0)) : "") +
                 number(Fixed(row.Scale, 3)) + number(Fixed(turned < 0 ? turned + 360 : turned, 2)) +

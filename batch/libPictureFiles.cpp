@@ -84,7 +84,10 @@ std::vector<fs::path> PicturesOf(const std::string& word) {
     std::error_code ignored;
     const fs::path named = AbsolutePath(PathFromText(word)).lexically_normal();
     if (fs::is_directory(named, ignored)) return PicturesIn(named);
-    if (fs::exists(named, ignored)) return {named};
+    // A pipe would be waited for until somebody wrote into it.
+    if (fs::exists(named, ignored)) {
+        return fs::is_regular_file(named, ignored) ? std::vector{named} : std::vector<fs::path>();
+    }
     glob_t found = {};
     std::vector<fs::path> pictures;
     if (glob(word.c_str(), 0, nullptr, &found) == 0) {
@@ -93,7 +96,7 @@ std::vector<fs::path> PicturesOf(const std::string& word) {
             if (fs::is_directory(path, ignored)) {
                 const std::vector<fs::path> inside = PicturesIn(path);
                 pictures.insert(pictures.end(), inside.begin(), inside.end());
-            } else {
+            } else if (fs::is_regular_file(path, ignored)) {
                 pictures.push_back(path);
             }
         }

@@ -177,14 +177,13 @@ SolverOutcome NightRun::SolveOpened(Solver& solver, const PictureFacts& facts,
         near.Scale = SolverRange{last->Scale, last->Scale};
         near.FromPicture = false;
         near.WholeSky = false;
+        near.FindCause = false;
         SolverOutcome outcome = solver.Solve(near, watch);
         if (outcome.Solved()) {
             outcome.SolvedBy = "last picture";
             return outcome;
         }
-        if (outcome.End == SolverEnd::Stopped || outcome.End == SolverEnd::TooFewStars) {
-            return outcome;
-        }
+        if (outcome.End == SolverEnd::Stopped) return outcome;
         before = outcome.Seconds;
         constexpr double least = 0.001;
         hints.EndAfter = std::max(least, options_.TimeLimit - before);
@@ -241,6 +240,10 @@ std::optional<Json> NightRun::LineOf(Solver& solver, const std::string& picture,
     const PictureFacts& facts = outcome.Picture;
     line["end"] = NameOf(outcome.End);
     if (!outcome.Solved()) line["reason"] = outcome.Reason;
+    if (!outcome.Cause.empty()) {
+        line["cause"] = {{"kind", outcome.CauseKind}, {"text", outcome.Cause}};
+        if (!outcome.Advice.empty()) line["cause"]["try"] = outcome.Advice.front();
+    }
     if (outcome.Solved()) AddField(outcome, line);
     if (outcome.Candidate) {
         line["candidate"] = {{"ra_deg", outcome.Candidate->Ra},

@@ -154,6 +154,9 @@ void PrintLine(std::size_t done, std::size_t left, const nlohmann::ordered_json&
         text += place;
     } else {
         text += ": " + line.value("reason", "");
+        if (const auto cause = line.find("cause"); cause != line.end()) {
+            text += " " + cause->value("text", "");
+        }
     }
     std::fprintf(stderr, "%zu done, %zu left  %s  %s\n", done, left,
                  WithoutControls(line.value("picture", "")).c_str(), WithoutControls(text).c_str());
@@ -267,6 +270,7 @@ int Run(int argc, const char* const* argv) {
         options.Workers > 0 ? options.Workers : std::min(processors, mostByItself);
     options.Night.Settings = SettingsOfUser();
     options.Night.Settings.CatalogFolder = options.Catalog;
+    options.Night.Settings.DecodeApart = true;
     options.Night.Settings.Threads = std::clamp(processors / options.Night.Workers, 1, 256);
     if (!options.To.empty()) {
         options.Night.To = AbsolutePath(PathFromText(options.To)).lexically_normal();

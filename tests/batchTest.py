@@ -1,8 +1,10 @@
 #!/usr/bin/env python3
 """vestrel-batch as a night uses it.
 
-Environment: VESTREL_PROGRAMS the folder of the programs.
+Environment: VESTREL_PROGRAMS the folder of the programs; VESTREL_HOSTILE_DECODER a module that does to its
+process what a picture says.
 """
+import html
 import json
 import os
 import pathlib
@@ -61,6 +63,92 @@ class Batch(unittest.TestCase):
         self.assertEqual(len(tree.findall(".//svg")), 4)
         self.assertNotRegex(text, "<script|<i>|http:|https:|\x1b")
         self.assertIn("12 of 17 pictures solved", text)
+
+    def test_a_failure_has_its_likely_cause_in_the_journal_and_on_the_page(self):
+        folder = self.work / "causes"
+        folder.mkdir()
+        place = killBatch.RA + 0.3, killBatch.DEC
+        for name, more in (("good", ()), ("trailed", ("--trail", "90", "40")), ("dark", ("--magnitude-limit", "3", "--sky", "200"))):
+            picture = folder / f"{name}.fit"
+            killBatch.run(PROGRAMS / "vestrel-catalog", "render", "--catalog", self.catalog, "--ra", place[0], "--dec",
+                          place[1], "--size", "40x30", "--width-px", "400", "--out", picture, *more)
+            killBatch.header_hint(picture, place, random.Random(1))
+            picture.with_suffix(".truth.json").unlink()
+        (folder / "text.fit").write_text("no picture")
+        journal, page = self.work / "causes.jsonl", self.work / "causes.html"
+        self.assertEqual(self.batch(folder, "--out", journal, "--report", page, "--time-limit", "4").returncode, 0)
+        lines = {pathlib.Path(line["picture"]).stem: line for line in map(json.loads, journal.read_text().splitlines())}
+        self.assertEqual({name: line.get("cause", {}).get("kind") for name, line in lines.items()},
+                         {"good": None, "trailed": "trailed", "dark": "under_exposed", "text": None})
+        self.assertRegex(lines["trailed"]["cause"]["text"], r"\d+.* pixels")  # the evidence
+        self.assertTrue(lines["trailed"]["cause"]["try"])
+        text = page.read_text()
+        self.assertIn("Likely causes: trailed 1, under exposed 1.", text)
+        self.assertIn(html.escape(lines["trailed"]["cause"]["text"]), text)
+
+    def test_a_picture_that_kills_its_decoder_ends_nothing(self):
+        # The program with a decoder of PNG that does to its process what a picture says.
+        place = self.work / "hostile"
+        (place / "bin").mkdir(parents=True)
+        (place / "lib/vestrel").mkdir(parents=True)
+        shutil.copy(PROGRAMS / "vestrel-batch", place / "bin")
+        shutil.copy(os.environ["VESTREL_HOSTILE_DECODER"], place / "lib/vestrel/decode-png.so")
+        for number, deed in enumerate(("crash", "abort", "exit", "throw", "memory", "nothing")):
+            (place / f"{2 * number}.png").write_bytes(b"\x89PNG\r\n\x1a\n" + deed.encode())
+            shutil.copy(sorted(self.frames.glob("light_*.fit"))[number], place / f"{2 * number + 1}.fit")
+        journal = place / "night.jsonl"
+        run = subprocess.run([place / "bin/vestrel-batch", place, "--catalog", self.catalog, "--out", journal],
+                             capture_output=True, text=True, timeout=60)
+        self.assertEqual(run.returncode, 0, run.stderr)
+        ends = {pathlib.Path(line["picture"]).name: line for line in map(json.loads, journal.read_text().splitlines())}
+        self.assertEqual({name: line["end"] for name, line in ends.items()},
+                         {f"{n}.fit" if n % 2 else f"{n}.png": "solved" if n % 2 else "no picture" for n in range(12)})
+        for number in range(5):
+            self.assertIn("the decoder broke off", ends[f"{2 * number}.png"]["reason"])
+        self.assertIn("It is bad.", ends["10.png"]["reason"])
+
+    def test_a_journal_damaged_in_its_middle_keeps_the_rest_and_what_was_lost_is_done_again(self):
+        journal = self.work / "damaged.jsonl"
+        self.assertEqual(self.batch(self.frames, "--out", journal).returncode, 0)
+        lines = journal.read_bytes().splitlines(keepends=True)
+        order = random.Random(4)
+        for _ in range(3):
+            damaged = list(lines)
+            hurt = order.sample(range(1, len(lines)), 4)
+            damaged[hurt[0]] = bytes(len(lines[hurt[0]]) - 1) + b"\n"  # as a disk may leave it
+            damaged[hurt[1]] = lines[hurt[1]][:order.randrange(20, 60)] + b"\n"
+            damaged[hurt[2]] = b"[1, 2]\n"
+            damaged[hurt[3]] = lines[hurt[3]].replace(b'"picture":"', b'"picture":["', 1)
+            journal.write_bytes(b"".join(damaged) + lines[1][:order.randrange(1, 80)])  # and half a line at the end
+            run = self.batch(self.frames, "--out", journal, "--report", self.work / "damaged.html")
+            self.assertEqual(run.returncode, 0, run.stderr)
+            self.assertIn("4 lines of the journal cannot be read; they stay.", run.stderr)
+            now = journal.read_bytes()
+            self.assertTrue(now.startswith(b"".join(damaged)))
+            self.assertEqual(now.count(b"\n"), len(lines) + 4)
+            whole = self.work / "whole.jsonl"
+            whole.write_bytes(b"".join(line for number, line in enumerate(now.splitlines(keepends=True))
+                                       if number not in hurt))
+            self.assertEqual(killBatch.check(whole, self.truth, False), [])
+            self.assertIn("12 of 16 pictures solved", (self.work / "damaged.html").read_text())
+
+    def test_two_batches_do_not_share_a_journal_and_pipes_are_no_pictures(self):
+        journal, watched = self.work / "shared.jsonl", self.work / "nothing"
+        watched.mkdir()
+        first = self.watch(watched, journal)
+        end = time.monotonic() + 20
+        while not journal.exists() and time.monotonic() < end:
+            time.sleep(0.02)
+        second = self.batch(self.frames, "--out", journal)
+        self.assertEqual(second.returncode, 8)
+        self.assertIn("in use by another process", second.stderr)
+        self.assertEqual(journal.read_bytes(), b"")
+        first.kill()
+        first.wait()
+        # Opening a pipe would wait until somebody writes into it.
+        os.mkfifo(watched / "pipe.fit")
+        for word in (watched / "pipe.fit", str(watched / "p*.fit"), watched):
+            self.assertEqual(self.batch(word, "--out", journal).returncode, 5)
 
     def test_another_kind_of_file_is_left_alone(self):
         other = self.work / "letter.txt"
