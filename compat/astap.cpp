@@ -19,6 +19,7 @@
 #include "compat/libHeaderUpdate.h"
 #include "compat/libNumberFormats.h"
 #include "image/libFitsCards.h"
+#include "platform/libConsole.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "solver/solver.h"
@@ -87,6 +88,7 @@ SolverHints HintsFrom(const AstapOptions& options, const std::vector<std::string
     }
     hints.TimeLimit = hints.Centres.empty() ? blindLimit : hintedLimit;
     hints.EndAfter = hints.TimeLimit;
+    hints.FindCause = options.Log;  // nothing else tells it
     return hints;
 }
 
@@ -158,6 +160,7 @@ class AstapRun {
         const auto straight = solver.Coordinates({0, true});
         if (!outcome.Solved() || !straight) {
             log_ += outcome.Reason + "\n";
+            if (!outcome.Cause.empty()) log_ += "Likely cause: " + outcome.Cause + "\n";
             return Fail(FaultOf(outcome.Solved() ? SolverEnd::NoMatch : outcome.End));
         }
         std::string warning = ScaleWarning(options_, *outcome.Field, cards);
@@ -170,7 +173,7 @@ class AstapRun {
         contents.PictureCards = cards;
         contents.Classic = true;
         contents.Warning = warning;
-        contents.Comments = {"Solved by Vestrel: " + outcome.SolvedBy, command_};
+        contents.Comments = {SolvedByVestrel + outcome.SolvedBy, command_};
         const bool updated = !options_.Update || Update(contents);
         if (!updated) {
             warning += std::string(warning.empty() ? "" : " ") + "The image file was not updated.";
@@ -197,8 +200,13 @@ class AstapRun {
         const std::filesystem::path path = PathFromText(options_.Image);
         try {
             std::vector<unsigned char> bytes;
-            if (!ReadWholeFile(path, longest, bytes)) throw std::runtime_error("It is too long.");
-            if (ReplaceFile(path, WithCoordinates(bytes, CoordinateCards(contents), contents.Width,
+            if (!ReadWholeFile(path, longest, bytes)) {
+                throw std::runtime_error("It cannot be read again, or has more than 4 GiB.");
+            }
+            // Without the command line, of which each update would leave another one.
+            HeaderContents kept = contents;
+            kept.Comments.resize(1);
+            if (ReplaceFile(path, WithCoordinates(bytes, CoordinateCards(kept), contents.Width,
                                                   contents.Height))) {
                 return true;
             }
@@ -232,8 +240,9 @@ class AstapRun {
         WriteLog(ini);
         Write(".ini", ini);
         std::fputs("PLTSOLVD=F\n", stdout);
-        std::fputs(fault.Text, stderr);
-        std::fputs("\n", stderr);
+        // Hosts that do not read this must not wait for it, so it stays short.
+        constexpr std::size_t longest = 400;
+        std::fputs((WithoutControls(fault.Text).substr(0, longest) + "\n").c_str(), stderr);
         return fault.Exit;
     }
 

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "astro/libStrings.h"
+#include "compat/hostFiles.h"
 #include "image/libFitsCards.h"
 #include "image/libWorldCoordinates.h"
 
@@ -31,7 +32,11 @@ double NumberIn(const std::vector<std::string>& cards, std::string_view keyword)
     return -1;
 }
 
-bool IsReplaced(std::string_view keyword) {
+bool IsReplaced(std::string_view card) {
+    const std::string_view keyword = KeywordOfCard(card);
+    if (keyword == "COMMENT") {
+        return Trim(card.substr(keyword.size())).starts_with(SolvedByVestrel);
+    }
     return IsStaleKeyword(keyword) || keyword == "PLTSOLVD" || keyword == "WARNING" ||
            keyword == "CHECKSUM";
 }
@@ -57,7 +62,7 @@ std::vector<unsigned char> WithCoordinates(std::span<const unsigned char> file,
     for (const std::string& card : cards) {
         const std::string_view keyword = KeywordOfCard(card);
         // A text that goes on in the next card goes with all of it.
-        if (keyword != "CONTINUE") dropped = IsReplaced(keyword);
+        if (keyword != "CONTINUE") dropped = IsReplaced(card);
         if (!dropped) kept.push_back(card);
     }
     kept.insert(kept.end(), coordinates.begin(), coordinates.end());

@@ -205,6 +205,9 @@ std::optional<HeaderCoordinates> ReadHeaderCoordinates(std::span<const unsigned 
     wcs.Height = side("IMAGEH", "NAXIS2");
     ReadDistortion(*cards, "A", wcs.Distortion[0]);
     ReadDistortion(*cards, "B", wcs.Distortion[1]);
+    // Absurd terms lead nowhere on the sky.
+    const auto [ra, dec] = wcs.SkyOf((wcs.Width + 1) / 2, (wcs.Height + 1) / 2);
+    if (!std::isfinite(ra) || !std::isfinite(dec)) return std::nullopt;
     return wcs;
 }
 

@@ -80,6 +80,7 @@ SolverHints HintsFrom(const SolveFieldOptions& options) {
                       : options.Centre      ? hintedLimit
                                             : blindLimit;
     hints.EndAfter = hints.TimeLimit;
+    hints.FindCause = false;  // hosts read none
     return hints;
 }
 
@@ -178,8 +179,8 @@ class FieldRun {
             }
         }
         std::error_code ignored;
-        for (const std::string& path : {outputs_.Wcs, outputs_.Solved}) {
-            if (!path.empty()) std::filesystem::remove(PathFromText(path), ignored);
+        for (const std::string& path : outputs_.Wanted()) {
+            std::filesystem::remove(PathFromText(path), ignored);
         }
         return true;
     }
@@ -271,7 +272,7 @@ class FieldRun {
         contents.Coordinates = coordinates;
         contents.Width = width_;
         contents.Height = height_;
-        contents.Comments = {"Solved by Vestrel: " + outcome.SolvedBy};
+        contents.Comments = {SolvedByVestrel + outcome.SolvedBy};
         const std::string header = FitsHeaderBlocks(HeaderCards(contents));
         bool good = true;
         const auto write = [&](const std::string& path, std::string_view text) {

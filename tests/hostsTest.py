@@ -191,6 +191,9 @@ class Astap(Hosts):
         self.run_as("astap", code=0)
         self.run_as("astap", "-f", image, "-analyse", code=1)
         self.assertIn("-analyse", ini_of(self.folder / "image.ini")["ERROR"])
+        # Neither a long word nor a control character reaches the host's pipe.
+        run = self.run_as("astap", "-f", image, "-focus\x1b[2J" + "x" * 5000, code=1)
+        self.assertNotIn("\x1b", run.stdout + run.stderr)
         self.assertFalse((self.folder / "image.wcs").exists())
 
     def test_names(self):
@@ -269,7 +272,7 @@ class Astap(Hosts):
             self.assertEqual(after[1].data.tolist(), before[1].data.tolist())
             self.assertEqual((after[0].header["OBJECT"], after[0].header["LONG"]), ("Maia", "x" * 90))
             self.check_wcs(WCS(after[0].header))
-            for key in ("CRVAL1", "CTYPE1", "CD1_1", "PLTSOLVD"):
+            for key in ("CRVAL1", "CTYPE1", "CD1_1", "PLTSOLVD", "COMMENT"):
                 self.assertEqual(after[0].header.count(key), 1)
             after.verify("exception")
         self.assertEqual(image.stat().st_mode & 0o777, 0o640)
@@ -310,6 +313,63 @@ class Astap(Hosts):
         self.assertEqual(run.returncode, 34)
         self.assertEqual(image.read_bytes(), before)
         self.assertEqual(ini_of(self.folder / "image.ini")["PLTSOLVD"], "T")
+
+    def update(self, image, wrapper=(), code=34, **options):
+        """A run with -update, of which the results lie elsewhere."""
+        run = subprocess.run([*wrapper, self.links / "astap", "-f", str(image), "-fov", str(FIELD_HEIGHT), *POSITION,
+                              "-update", "-o", str(self.folder / "result")], env=self.environment, capture_output=True,
+                             text=True, **options)
+        self.assertEqual(run.returncode, code, run.stdout + run.stderr)
+        return ini_of(self.folder / "result.ini")
+
+    def test_an_image_in_an_extension_or_on_a_read_only_disk_is_left_and_told(self):
+        image = self.folder / "extension.fits"
+        fits.HDUList([fits.PrimaryHDU(), fits.ImageHDU(self.pixels.astype(numpy.uint16))]).writeto(image)
+        before = image.read_bytes()
+        ini = self.update(image)
+        self.assertEqual((ini["PLTSOLVD"], ini["WARNING"]), ("T", "The image file was not updated."))
+        self.check_wcs(linear_wcs(ini))
+        self.assertEqual(image.read_bytes(), before)
+        # What the warning is told beside: the scale was off, and the .wcs file has both.
+        self.run_as("astap", "-f", image, "-fov", FIELD_HEIGHT * 1.2, *POSITION, "-update", code=34)
+        warning = ini_of(self.folder / "extension.ini")["WARNING"]
+        self.assertRegex(warning, r"^Warning scale was inaccurate! .* The image file was not updated\.$")
+        folder = self.folder / "locked"
+        folder.mkdir()
+        shutil.copyfile(self.frame, folder / "image.fits")
+        before = (folder / "image.fits").read_bytes()
+        mounted = ["unshare", "-rm", "sh", "-c", f'mount --bind "{folder}" "{folder}" && '
+                   f'mount -o remount,ro,bind "{folder}" && exec "$0" "$@"']
+        if subprocess.run([*mounted, "true"], stderr=subprocess.DEVNULL).returncode:
+            if os.geteuid() == 0:
+                return  # nothing can be locked for a superuser who may not mount
+            (folder / "image.fits").chmod(0o444)
+            mounted = []
+        ini = self.update(folder / "image.fits", mounted)
+        self.assertEqual((ini["PLTSOLVD"], ini["WARNING"]), ("T", "The image file was not updated."))
+        self.assertEqual((folder / "image.fits").read_bytes(), before)
+        self.assertEqual([file.name for file in folder.iterdir()], ["image.fits"])
+
+    def test_an_image_that_vanishes_meanwhile_is_not_made_anew_in_part(self):
+        image = self.folder / "image.fits"
+        order = random.Random(6)
+        length = self.frame.stat().st_size
+        for _ in range(8):
+            self.copy("image.fits")
+            run = subprocess.Popen([self.links / "astap", "-f", str(image), "-fov", str(FIELD_HEIGHT), *POSITION, "-update"],
+                                   env=self.environment, cwd=self.folder, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            time.sleep(order.uniform(0, 0.25))
+            image.unlink()
+            code = run.wait(60)
+            ini = ini_of(self.folder / "image.ini")
+            self.assertIn((code, ini["PLTSOLVD"]), ((0, "T"), (34, "T"), (16, "F")))
+            if code == 34:
+                self.assertIn("not updated", ini["WARNING"])
+            if image.exists():  # it was read, then deleted, then written
+                self.assertEqual((code, (image.stat().st_size - length) % 2880), (0, 0))
+                self.check_wcs(WCS(fits.getheader(image)))
+                image.unlink()
+            self.assertEqual([path.name for path in self.folder.glob("*.tmp")], [])
 
     def test_a_full_disk_leaves_nothing_and_is_told(self):
         image = self.copy()
@@ -424,10 +484,18 @@ class SolveField(Hosts):
         fits.PrimaryHDU(noise.astype(numpy.uint16)).writeto(self.folder / "stars.fits")
         (self.folder / "stop").touch()
         start = time.monotonic()
+        for old in ("stars.wcs", "stars.solved", "stars.new"):
+            (self.folder / old).write_text("of an earlier run")
         run = self.run_as("solve-field", "-O", "-C", "stop", "stars.fits")
         self.assertLess(time.monotonic() - start, 8)
         self.assertIn("Did not solve (or no WCS file was written).", run.stdout)
-        self.assertFalse(any(self.folder.glob("stars.wcs")) or any(self.folder.glob("stars.solved")))
+        self.assertEqual([path.name for path in self.folder.glob("stars.*")], ["stars.fits"])
+        # The time that the host gives holds whatever is left to search.
+        (self.folder / "stop").unlink()
+        start = time.monotonic()
+        run = self.run_as("solve-field", "-O", "-l", "0.2", "stars.fits")
+        self.assertLess(time.monotonic() - start, 8)
+        self.assertIn("Total CPU time limit reached\nDid not solve (or no WCS file was written).", run.stdout)
         self.run_as("solve-field", "-O", "not-there.fits", code=1)
         self.assertIn("unrecognized option '--bogus'", self.run_as("solve-field", "--bogus", "x", code=1).stderr)
         self.assertIn("ambiguous", self.run_as("solve-field", "--scale", "1", "x", code=1).stderr)
@@ -538,6 +606,10 @@ class WcsInfo(Hosts):
                 self.assertAlmostEqual(float(value), float(wanted), delta=size * max(abs(float(wanted)), 1),
                                        msg=f"{key} of {header!r}")
         (self.folder / "no.wcs").write_text("nothing")
+        header.update({"A_ORDER": 2, "A_2_0": 1e308, "B_ORDER": 2, "B_2_0": 1e308, "CRPIX1": 5000.0, "CD1_1": 1.0,
+                       "CD1_2": -1.0, "CD2_1": 1.0, "CD2_2": 1.0})
+        fits.PrimaryHDU(header=header).writeto(path, overwrite=True)
+        self.run_as("wcsinfo", path, code=255)  # it leads nowhere on the sky
         self.assertNotEqual(subprocess.run([self.links / "wcsinfo", self.folder / "no.wcs"],
                                            stderr=subprocess.DEVNULL).returncode, 0)
 
