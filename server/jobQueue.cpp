@@ -79,8 +79,10 @@ int JobQueue::Submit(const NovaRequest& request, const std::string& name,
     constexpr int busy = 503;
     constexpr int noRoom = 507;
     Job job;
-    job.Request = request;
-    job.Report.Name = name;
+    // What a client can make long is not kept: thousands of jobs are remembered.
+    constexpr std::size_t longestName = 255;
+    job.Request = {{}, {}, {}, request.Hints, request.MostSipOrder, request.Stars};
+    job.Report.Name = name.substr(0, longestName);
     job.Report.Submitted = std::chrono::system_clock::now();
     {
         const std::lock_guard lock(mutex_);
@@ -161,6 +163,7 @@ void JobQueue::MakeRoom() {
 void JobQueue::Work(const std::stop_token& stop) {
     SolverSettings settings = SettingsOfUser();
     if (!settings_.CatalogFolder.empty()) settings.CatalogFolder = settings_.CatalogFolder;
+    settings.DecodeApart = true;
     Solver solver(settings);
     const auto next = [this] {
         return std::find_if(jobs_.begin(), jobs_.end(), [](const auto& job) {
@@ -217,7 +220,7 @@ void JobQueue::Solve(Job& job, Solver& solver, const std::stop_token& stop) cons
     contents.Coordinates = *coordinates;
     contents.Width = picture.Width;
     contents.Height = picture.Height;
-    contents.Comments = {"Solved by Vestrel: " + outcome.SolvedBy};
+    contents.Comments = {SolvedByVestrel + outcome.SolvedBy};
     job.Report.Wcs = FitsHeaderBlocks(HeaderCards(contents));
     job.Report.Calibration = CalibrationOf(*coordinates, job.Report.Wcs);
     job.Report.Log = "Solved in " + FixedText(outcome.Seconds, 2) + " s with " +

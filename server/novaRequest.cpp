@@ -49,12 +49,11 @@ void TakeScale(const Json& json, SolverHints& hints) {
     if (!high) high = low;
     if (*low > *high) std::swap(low, high);
     const std::string unit = TextIn(json, "scale_units");
-    if (unit == "arcsecperpix") {
-        hints.Scale = SolverRange{*low, *high};
-    } else {
-        const double perDegree = unit == "arcminwidth" ? 60 : 1;
-        hints.FieldWidth = SolverRange{*low / perDegree, *high / perDegree};
-    }
+    const double perDegree = unit == "arcminwidth" ? 60 : 1;
+    const SolverRange range{*low / perDegree, *high / perDegree};
+    // Numbers at the ends of their range may have become 0 or infinite.
+    if (!std::isnormal(range.Low) || !std::isnormal(range.High)) return;
+    (unit == "arcsecperpix" ? hints.Scale : hints.FieldWidth) = range;
 }
 
 void TakeCentre(const Json& json, SolverHints& hints) {
@@ -85,8 +84,10 @@ bool TakeStars(const Json& json, NovaRequest& request) {
     field.Name = "list of stars";
     for (std::size_t i = 0; i < x->size(); ++i) {
         if (!(*x)[i].is_number() || !(*y)[i].is_number()) return false;
-        // Such lists are sorted, brightest first.
-        field.Stars.push_back({(*x)[i].get<double>(), (*y)[i].get<double>(), 0});
+        // Such lists are sorted, brightest first, and a solve uses only hundreds. Lists that wait
+        // must not fill the memory.
+        constexpr std::size_t kept = 10'000;
+        if (i < kept) field.Stars.push_back({(*x)[i].get<double>(), (*y)[i].get<double>(), 0});
     }
     request.Stars = std::move(field);
     return true;

@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <charconv>
+#include <chrono>
 #include <cmath>
 #include <random>
 #include <thread>
@@ -79,8 +80,8 @@ class NovaServer::Routes {
  public:
     Routes(const ServerSettings& settings, JobQueue& queue)
         : settings_(settings), queue_(queue), token_(RandomToken()) {
-        constexpr std::size_t threads = 24;
-        constexpr time_t patience = 10;  // seconds
+        constexpr std::size_t threads = 128;  // each slow client holds one
+        constexpr time_t patience = 10;       // seconds
         server_.new_task_queue = [] { return new httplib::ThreadPool(threads); };
         // By default the library shares the port with any other server that requests it; jobs of
         // clients would then be spread over both.
@@ -137,6 +138,14 @@ class NovaServer::Routes {
             ReplyError(response, 403, "this server is for programs and pages of its own machine");
             return httplib::Server::HandlerResponse::Handled;
         }
+        // The library takes any text for a number, and reads on until as many bytes have come.
+        const std::string length = request.get_header_value("Content-Length");
+        constexpr std::size_t mostDigits = 12;
+        if (length.size() > mostDigits ||
+            length.find_first_not_of("0123456789") != std::string::npos) {
+            ReplyError(response, 400, "the length of the request is none");
+            return httplib::Server::HandlerResponse::Handled;
+        }
         // The request belongs to the library, where it is not constant.
         auto& headers = const_cast<Request&>(request).headers;  // NOLINT
         const std::string type = request.get_header_value("Content-Type");
@@ -154,9 +163,21 @@ class NovaServer::Routes {
             : routes_(routes) {
             bool tooLong = false;
             bool tooMany = false;
+            bool tooSlow = false;
+            // Clients that send a byte now and then must not keep all threads from the others.
+            using Clock = std::chrono::steady_clock;
+            const Clock::time_point start = Clock::now();
+            constexpr std::chrono::seconds grace{5};
+            constexpr std::uint64_t fewestBytesPerSecond = 1024;
             const bool whole = reader([&](const char* data, std::size_t length) {
                 tooLong = Text.size() + length > most;
                 if (tooLong) return false;
+                const auto waited = Clock::now() - start - grace;
+                const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(waited);
+                tooSlow = seconds.count() > 0 &&
+                          Text.size() / static_cast<std::uint64_t>(seconds.count()) <
+                              fewestBytesPerSecond;
+                if (tooSlow) return false;
                 tooMany =
                     routes_.inFlight_.fetch_add(length) + length > routes_.settings_.MostInFlight;
                 counted_ += length;
@@ -168,6 +189,7 @@ class NovaServer::Routes {
             if (tooLong || (!whole && response.status == 413)) {
                 Refuse(413, "the request is too long");
             }
+            if (tooSlow) Refuse(408, "the request comes too slowly");
             if (tooMany) Refuse(503, "the server is busy: try again later");
             if (!whole) Refuse(400, "the request is not whole");
         }

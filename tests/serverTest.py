@@ -216,6 +216,85 @@ class Server(unittest.TestCase):
             client.close()
         self.assertFalse(pathlib.Path("/tmp/x.fit").exists())
 
+    def test_slow_clients_do_not_keep_the_server_from_the_others(self):
+        self.start()
+        head = (b"POST /api/upload HTTP/1.1\r\nHost: localhost\r\nContent-Type: text/plain\r\n"
+                b"Content-Length: 100000\r\n\r\n")
+        slow = [socket.create_connection(("127.0.0.1", self.port)) for _ in range(140)]  # more than it has threads
+        self.addCleanup(lambda: [client.close() for client in slow])
+        for client in slow:
+            client.sendall(head)
+        answer = concurrent.futures.ThreadPoolExecutor(1).submit(self.upload, self.frame.read_bytes())
+        end = time.monotonic() + 40
+        while not answer.done() and time.monotonic() < end:
+            for client in slow:  # one byte a second from each
+                try:
+                    client.sendall(b"x")
+                except OSError:
+                    pass
+            time.sleep(1)
+        self.assertTrue(answer.done(), "one client keeps the others from the server")
+        status, reply = answer.result()
+        self.assertEqual((status, self.result(reply["subid"])), (200, "success"))
+
+    def raw(self, request):
+        """What the server answers to these bytes; a client that waits for more ends."""
+        with socket.create_connection(("127.0.0.1", self.port)) as client:
+            client.settimeout(4)
+            client.sendall(request)
+            reply = b""
+            try:
+                while piece := client.recv(65536):
+                    reply += piece
+            except TimeoutError:
+                pass
+            return reply
+
+    def test_lengths_that_are_wrong_harm_only_their_own_request(self):
+        self.start("--max-upload", "1")
+        body = b'request-json={"apikey":"x"}'
+        head = b"POST /api/login HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n"
+
+        def told(length):
+            return self.raw(head + b"Content-Length: " + length + b"\r\n\r\n" + body)
+        self.assertIn(b'"status":"success"', told(b"%d" % len(body)))
+        for length in (b"-1", b"abc", b"99999999999999999999999", b"18446744073709551615", b"1e3", b"0x10",
+                       b"%d" % (len(body) - 1)):
+            self.assertRegex(told(length), rb"^HTTP/1.1 4\d\d (.|\s)*\"status\":\"error\"", length)
+        # A body longer than it said: the rest is a request of its own, and no good one.
+        reply = self.raw(head.replace(b"close", b"keep-alive") + b"Content-Length: %d\r\n\r\n" % len(body) + body +
+                         b"GARBAGE\r\n\r\n")
+        self.assertEqual(reply.count(b'"status":"success"'), 1)
+        # In pieces, with lengths that lie.
+        chunked = head + b"Transfer-Encoding: chunked\r\n\r\n"
+        self.assertIn(b'"status":"success"', self.raw(chunked + b"%x\r\n" % len(body) + body + b"\r\n0\r\n\r\n"))
+        for pieces in (b"fffffff\r\n" + body, b"zz\r\n", b"-5\r\n" + body + b"\r\n0\r\n\r\n"):
+            self.assertNotIn(b'"status":"success"', self.raw(chunked + pieces), pieces)
+        self.assertEqual(self.ask("GET", "/queue")[0], 200)
+
+    def test_what_clients_make_long_does_not_pile_up(self):
+        self.start()
+        noise = io.BytesIO()
+        fits.PrimaryHDU(numpy.random.default_rng(1).normal(1000, 99, (900, 900)).astype(numpy.uint16)).writeto(noise)
+        for _ in range(4):  # the others wait behind these
+            self.assertEqual(self.upload(noise.getvalue(), "n" * 100_000 + ".fit", url="u" * 100_000)[0], 200)
+
+        def resident():
+            status = pathlib.Path(f"/proc/{self.server.pid}/status").read_text()
+            return int(re.search(r"VmRSS:\s+(\d+)", status)[1]) * 1024
+        count = 100_000
+        body = urllib.parse.urlencode({"request-json": json.dumps(
+            {"session": self.session, "x": list(range(count)), "y": list(range(count)), "image_width": 600, "image_height": 400})})
+        memory = []
+        for _ in range(48):
+            status, text = self.ask("POST", "/api/url_upload", body, {"Content-Type": "application/x-www-form-urlencoded"})
+            self.assertEqual(status, 200, text)
+            memory.append(resident())
+        if "libasan" not in pathlib.Path(f"/proc/{self.server.pid}/maps").read_text():
+            # By then each of its threads has had some. A list in full takes 2.4 MB.
+            self.assertLess(memory[-1] - memory[-21], 25_000_000)
+        self.assertLess(len(self.ask("GET", "/queue")[1]), 50_000)
+
     def test_a_full_queue_and_a_full_disk_are_told(self):
         import resource
         # Files may not grow beyond 64 kB: the picture does not fit, the small ones do.
@@ -335,8 +414,10 @@ class Server(unittest.TestCase):
         # Hints that are none are left out, whatever they are.
         nonsense = {"scale_units": ["x"], "scale_type": 5, "scale_lower": "low", "scale_upper": -1, "center_ra": 1e300,
                     "center_dec": "north", "radius": {}, "tweak_order": "x", "parity": [], "downsample_factor": 1e9}
-        status, reply = self.upload(self.frame.read_bytes(), **nonsense)
-        self.assertEqual((status, self.result(reply["subid"])), (200, "success"))
+        for more in ({}, {"scale_type": "ev", "scale_est": 5e-324, "scale_lower": 0}, {"scale_lower": 1, "scale_upper": "1e999"},
+                     {"scale_type": "ev", "scale_est": 1e308, "scale_err": 1e308}):
+            status, reply = self.upload(self.frame.read_bytes(), **{**nonsense, **more})
+            self.assertEqual((status, self.result(reply["subid"])), (200, "success"), more)
         for method, path, status in (("GET", "/../../etc/passwd", 404), ("GET", "/new_fits_file/..%2f..", 404),
                                      ("GET", "/wcs_file/-1", 404), ("GET", "/api/upload", 404), ("DELETE", "/queue", 404),
                                      ("POST", "/api/nothing", 404), ("GET", "/api/jobs/3000000000", 404),
