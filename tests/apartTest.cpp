@@ -186,7 +186,7 @@ TEST(Apart, AChildThatTakesForEverOrAllMemoryIsEnded) {
                   },
                   limits),
               brokenOff);
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(30));
+    EXPECT_LT(Clock::now() - start, std::chrono::minutes(5)) << "it was waited for";
 }
 
 TEST(Apart, TheDemandForItHoldsOnItsThreadAndAsLongAsItExists) {

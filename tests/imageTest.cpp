@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <map>
 #include <sstream>
 #include <tuple>
@@ -532,10 +532,10 @@ TEST(Pictures, AFewBytesForEachOfThousandsOfScansCostNoMinutes) {
     ASSERT_TRUE(reader.Good) << reader.Complaint;
     EXPECT_EQ(reader.Image.Width, 128);
     // 100 kB that would take minutes.
-    const auto start = std::chrono::steady_clock::now();
+    const std::clock_t start = std::clock();  // of this process alone
     reader.Read(ManyScans(8000, 8000, 4000), "scans.jpg");
     EXPECT_EQ(reader.Complaint, general);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
+    EXPECT_LT((std::clock() - start) / CLOCKS_PER_SEC, 20);
 }
 
 // Faulty pixels of floating-point pictures can have any value.
