@@ -37,9 +37,6 @@ struct HeaderContents {
     std::vector<std::string> Comments;
 };
 
-/// What the comment of a solution begins with.
-inline constexpr const char* SolvedByVestrel = "Solved by Vestrel: ";
-
 /// The cards of a header without data, 80 characters each, without END. It omits cards of the
 /// picture about its layout or older coordinates, and cards that continue in the next one.
 std::vector<std::string> HeaderCards(const HeaderContents& contents);

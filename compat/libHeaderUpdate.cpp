@@ -5,7 +5,6 @@
 #include <string_view>
 
 #include "astro/libStrings.h"
-#include "compat/hostFiles.h"
 #include "image/libFitsCards.h"
 #include "image/libWorldCoordinates.h"
 

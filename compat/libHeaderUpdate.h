@@ -7,6 +7,9 @@
 
 namespace vestrel {
 
+/// What the comment of a solution begins with.
+inline constexpr const char* SolvedByVestrel = "Solved by Vestrel: ";
+
 /// The bytes of a FITS file with other coordinates in its first header. Of the header's own cards
 /// those go that speak of older coordinates, and its checksum; all others and everything behind the
 /// header stay byte for byte.

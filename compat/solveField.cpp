@@ -16,6 +16,7 @@
 #include "compat/hostFiles.h"
 #include "compat/libCancelFile.h"
 #include "compat/libFitsStars.h"
+#include "compat/libHeaderUpdate.h"
 #include "compat/libMeasuredFlux.h"
 #include "compat/libNumberFormats.h"
 #include "compat/libSolveFieldOptions.h"

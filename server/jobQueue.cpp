@@ -9,6 +9,7 @@
 
 #include "astro/libStrings.h"
 #include "compat/hostFiles.h"
+#include "compat/libHeaderUpdate.h"
 #include "compat/libNumberFormats.h"
 #include "compat/libWcsInfo.h"
 #include "image/libFitsCards.h"
