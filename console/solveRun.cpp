@@ -63,7 +63,7 @@ RunOutcome SolveImage(ProgramState& state, Port& port, const ConsoleOptions& opt
             outcome.BundleWritten = false;
         }
     }
-    outcome.Cause = CauseOfFailure(state, port, code, request);
+    outcome.Cause = CauseOfFailure(state, port, code, request, ConsoleWords, outcome.Plan.Lists);
     if (code == SolveCode::Solved && outcome.Plan.Start) {
         outcome.StartedFrom = plan.Sources[*outcome.Plan.Start];
     }

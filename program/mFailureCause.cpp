@@ -40,7 +40,8 @@ class HiddenPort : public Port {
 
 /// Searches the whole sky for the picture and restores the rest of the state.
 std::optional<PlateSolution> LookElsewhere(ProgramState& state, Port& port,
-                                           const SearchRequest& given, double seconds) {
+                                           const SearchRequest& given, const StarLists& lists,
+                                           double seconds) {
     const SolveReport report = state.Report;
     const SolveDisplay display = state.Display;
     const ExtractionFacts extraction = state.Extraction;
@@ -52,6 +53,9 @@ std::optional<PlateSolution> LookElsewhere(ProgramState& state, Port& port,
     request.Everywhere = true;
     request.Diagonals = given.Diagonals;
     request.TimeLimit = seconds;
+    const bool complete =
+        std::all_of(lists.begin(), lists.end(), [](const auto& list) { return list.has_value(); });
+    if (complete) request.Lists = lists;
     PlanReport plan;
     SolveByPlan(state, hidden, request, plan);
     std::optional<PlateSolution> found = std::move(state.Solution);
@@ -69,8 +73,9 @@ std::optional<PlateSolution> LookElsewhere(ProgramState& state, Port& port,
 /// Judges one failure.
 class Inquiry {
  public:
-    Inquiry(ProgramState& state, Port& port, const SearchRequest& request, const InputWords& words)
-        : state_(state), port_(port), request_(request), words_(words) {}
+    Inquiry(ProgramState& state, Port& port, const SearchRequest& request, const InputWords& words,
+            const StarLists& lists)
+        : state_(state), port_(port), request_(request), words_(words), lists_(lists) {}
 
     FailureCause Find() {
         GatherEvidence();
@@ -231,7 +236,7 @@ class Inquiry {
         constexpr std::int32_t enough = 12;
         const double seconds = InquirySeconds(request_);
         if (seconds <= 0 || evidence.StarsExtracted < enough) return false;
-        evidence.Elsewhere = LookElsewhere(state_, port_, request_, seconds);
+        evidence.Elsewhere = LookElsewhere(state_, port_, request_, lists_, seconds);
         if (!evidence.Elsewhere) return false;
         const SearchHint& given = request_.Around.front();
         const PlateSolution& found = *evidence.Elsewhere;
@@ -292,6 +297,7 @@ class Inquiry {
     Port& port_;
     const SearchRequest& request_;
     const InputWords& words_;
+    const StarLists& lists_;
     FailureCause cause_;
 };
 
@@ -335,12 +341,13 @@ double InquirySeconds(const SearchRequest& request) {
 }
 
 std::optional<FailureCause> CauseOfFailure(ProgramState& state, Port& port, SolveCode code,
-                                           const SearchRequest& request, const InputWords& words) {
+                                           const SearchRequest& request, const InputWords& words,
+                                           const StarLists& lists) {
     if ((code != SolveCode::NoMatch && code != SolveCode::TooFewStars) || !state.ImageLoaded) {
         return std::nullopt;
     }
     try {
-        return Inquiry(state, port, request, words).Find();
+        return Inquiry(state, port, request, words, lists).Find();
     } catch (const std::bad_alloc&) {
         return std::nullopt;  // two copies of the picture are in memory for a moment
     }

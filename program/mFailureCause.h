@@ -62,8 +62,10 @@ double InquirySeconds(const SearchRequest& request);
 /// Reads the image file again, because the background is already subtracted from the counts in
 /// memory. When the plan searched only around given centres and the picture is good, this searches
 /// the whole sky for at most `InquirySeconds`. The state stays as the plan left it.
+/// @param lists star lists that the plan made; when they are complete, none is made again
 std::optional<FailureCause> CauseOfFailure(ProgramState& state, Port& port, SolveCode code,
                                            const SearchRequest& request,
-                                           const InputWords& words = ConsoleWords);
+                                           const InputWords& words = ConsoleWords,
+                                           const StarLists& lists = {});
 
 }  // namespace vestrel

@@ -227,7 +227,7 @@ class Solver::Session {
         code_ = SolveByPlan(state_, port, search, plan);
         ExplainEnd(state_, code_, plan, watch.Stop.stop_requested(), outcome);
         outcome.Stars = StarsOfPicture(state_);
-        if (inquire) ExplainCause(state_, port, code_, request.Search, outcome);
+        if (inquire) ExplainCause(state_, port, code_, request.Search, plan, outcome);
         outcome.SolvedBy = plan.SolvedBy;
         if (code_ != SolveCode::Solved) return;
         if (plan.Start) outcome.StartedFrom = request.Sources[*plan.Start];

@@ -228,8 +228,8 @@ void ExplainEnd(const ProgramState& state, SolveCode code, const PlanReport& pla
 }
 
 void ExplainCause(ProgramState& state, Port& port, SolveCode code, const SearchRequest& request,
-                  SolverOutcome& outcome) {
-    const auto cause = CauseOfFailure(state, port, code, request, libraryWords);
+                  const PlanReport& plan, SolverOutcome& outcome) {
+    const auto cause = CauseOfFailure(state, port, code, request, libraryWords, plan.Lists);
     if (!cause || cause->Text.empty()) return;
     outcome.CauseKind = NameOf(cause->Kind);
     outcome.Cause = cause->Text;

@@ -35,6 +35,6 @@ void ExplainEnd(const ProgramState& state, SolveCode code, const PlanReport& pla
 
 /// Adds why the loaded image was not solved, if its pixels show it.
 void ExplainCause(ProgramState& state, Port& port, SolveCode code, const SearchRequest& request,
-                  SolverOutcome& outcome);
+                  const PlanReport& plan, SolverOutcome& outcome);
 
 }  // namespace vestrel

@@ -112,7 +112,9 @@ class Causes : public testing::Test {
     }
 
     /// @param size of the field that is given, in parts of the sky's own
-    std::optional<FailureCause> CauseOf(const std::filesystem::path& picture, double size = 1) {
+    /// @param handOver whether the star lists of the plan are given, and its pixels lost
+    std::optional<FailureCause> CauseOf(const std::filesystem::path& picture, double size = 1,
+                                        bool handOver = false) {
         ProgramState state;
         RecordingPort port(state);
         state.Catalog.Folder = folder_ / "catalog";
@@ -124,7 +126,13 @@ class Causes : public testing::Test {
         request.TimeLimit = size == 1 ? 1 : 30;
         PlanReport plan;
         const SolveCode code = SolveByPlan(state, port, request, plan);
-        const auto cause = CauseOfFailure(state, port, code, request);
+        if (handOver) {
+            for (int y = 0; y < state.Image.Height; ++y) {
+                for (std::int32_t& pixel : state.Image.Pixels.Row(y)) pixel = 0;
+            }
+        }
+        const auto cause = CauseOfFailure(state, port, code, request, ConsoleWords,
+                                          handOver ? plan.Lists : StarLists{});
         EXPECT_EQ(cause.has_value(), code != SolveCode::Solved);
         EXPECT_FALSE(cause && (state.Solution || state.Image.Header.PlateMatched));
         return cause;
@@ -193,6 +201,15 @@ TEST_F(Causes, TheWholeSkyTellsAWrongSize) {
     EXPECT_NEAR(cause->Evidence.SizeRatio, 4, 0.05);
     ASSERT_TRUE(cause->Evidence.Elsewhere.has_value());
     EXPECT_NEAR(cause->Evidence.Elsewhere->CentreDec, centre.Dec, 1e-5);
+}
+
+// Large pictures are not searched for the same stars twice.
+TEST_F(Causes, TheWholeSkyIsSearchedWithTheStarsOfThePlan) {
+    const auto own = CauseOf(folder_ / "good.fit", 0.25);
+    const auto handed = CauseOf(folder_ / "good.fit", 0.25, true);
+    ASSERT_TRUE(own && handed);
+    EXPECT_EQ(NameOf(handed->Kind), std::string("wrong_size"));
+    EXPECT_EQ(handed->Text, own->Text);
 }
 
 TEST_F(Causes, ASolvedPictureHasNone) {
