@@ -25,8 +25,8 @@ using ToolArguments = std::vector<std::string>;
 /// The arguments that list the sources in the usual places, or in a folder.
 ToolArguments SourcesQuestion(const std::string& folder = {});
 
-/// Parses the answer; empty when it is not valid.
-std::optional<std::vector<CatalogSourceChoice>> ReadSources(const std::string& json);
+/// Parses the answer (JSON); empty when it is not valid.
+std::optional<std::vector<CatalogSourceChoice>> ReadSources(const std::string& text);
 
 /// The source for a table that the user has chosen.
 CatalogSourceChoice SourceOfTable(const std::string& path);
