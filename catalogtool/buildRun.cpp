@@ -191,15 +191,14 @@ class Build {
 
     void ReadIndex(const char* kind, const std::string& file, const std::string& magColumn) {
         OpenSource source(kind, file);
-        const StarSink into = Into(source);
-        const auto moveAndHandOn = [&](const SkyStar& star) {
-            SkyStar moved = star;
-            MoveIfFast(moved, source);
-            into(moved);
-        };
-        const IndexStars stars =
-            ReadIndexFile(PathFromText(file), magColumn, moveAndHandOn, progress_);
+        const IndexStars stars = ReadIndexFile(PathFromText(file), magColumn, options_.Table.Epoch,
+                                               Into(source), progress_);
         source.Record.Rows = stars.Count;
+        source.Record.Moved = stars.Moved;
+        if (!stars.MotionColumns.empty()) {
+            Remark(source.Record.File + ": proper motions " + stars.MotionColumns +
+                   " applied from " + NumberText(IndexEpoch) + " (supposed)");
+        }
         if (stars.MagColumn.empty()) {
             Remark(source.Record.File +
                    ": has no magnitudes; those given to its stars go by their rank");

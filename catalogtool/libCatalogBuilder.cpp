@@ -73,9 +73,8 @@ std::uint64_t BoxOf(const CatalogStar& star, const std::array<int, 3>& shift) {
            box(std::sin(DecOf(star)), shift[2]);
 }
 
-void WriteBytes(const std::filesystem::path& path, const char* mode,
-                const std::vector<unsigned char>& bytes) {
-    FileHandle file = OpenFile(path, mode);
+void WriteBytes(const std::filesystem::path& path, const std::vector<unsigned char>& bytes) {
+    FileHandle file = OpenFile(path, "wb");
     bool good = file != nullptr;
     // An empty list may have no address, which fwrite does not allow.
     good = good && (bytes.empty() ||
@@ -94,7 +93,9 @@ auto OrderKey(const CatalogStar& star) {
 }  // namespace
 
 CatalogBuilder::CatalogBuilder(std::filesystem::path folder, std::size_t gatheredStars)
-    : folder_(std::move(folder)), limit_(gatheredStars), onDisk_(AllCells().size()) {}
+    : folder_(std::move(folder)), limit_(gatheredStars) {
+    gathered_.reserve(limit_);
+}
 
 std::filesystem::path CatalogBuilder::FileOf(std::size_t cell) const {
     return folder_ / CellName(AllCells()[cell]);
@@ -154,62 +155,91 @@ void CatalogBuilder::Merge(std::vector<SourceStar>& stars) {
     stars.resize(kept);
 }
 
-/// Sorts the gathered stars by cell, keeping their order within a cell.
+std::filesystem::path CatalogBuilder::SpillFile() const {
+    return folder_ / (std::string(ManifestName) + ".stars.tmp");
+}
+
+void CatalogBuilder::FailToSpill() const {
+    throw ToolFailure(ToolExit::CannotWrite, TextFromPath(SpillFile()) + ": " + SystemErrorText());
+}
+
+/// Sorts the gathered stars by cell, in place: each star is swapped into its cell ("American flag
+/// sort": McIlroy, Bostic & McIlroy 1993, Computing Systems 6, 5).
 void CatalogBuilder::Sort() {
-    starts_.assign(onDisk_.size() + 1, 0);
+    const std::size_t cells = AllCells().size();
+    starts_.assign(cells + 1, 0);
     for (const SourceStar& star : gathered_) ++starts_[star.Cell + 1U];
-    for (std::size_t cell = 1; cell < starts_.size(); ++cell) starts_[cell] += starts_[cell - 1];
+    for (std::size_t cell = 1; cell <= cells; ++cell) starts_[cell] += starts_[cell - 1];
     std::vector<std::size_t> next(starts_.begin(), starts_.end() - 1);
-    std::vector<SourceStar> sorted(gathered_.size());
-    for (const SourceStar& star : gathered_) sorted[next[star.Cell]++] = star;
-    gathered_ = std::move(sorted);
+    for (std::size_t cell = 0; cell < cells; ++cell) {
+        while (next[cell] < starts_[cell + 1]) {
+            SourceStar& star = gathered_[next[cell]];
+            const std::size_t place = next[star.Cell]++;
+            if (star.Cell != cell) std::swap(star, gathered_[place]);
+        }
+    }
 }
 
 void CatalogBuilder::Spill() {
-    for (std::size_t cell = 0; cell < onDisk_.size(); ++cell) {
-        const std::span stars =
-            std::span(gathered_).subspan(starts_[cell], starts_[cell + 1] - starts_[cell]);
-        if (stars.empty()) continue;
+    if (!spilled_) spilled_ = OpenFile(SpillFile(), "w+b");
+    const std::uint64_t before = blocks_.empty() ? 0 : blocks_.back().back();
+    if (!spilled_ || !SeekFile(spilled_.get(), before * spillBytes)) FailToSpill();
+    constexpr std::size_t atOnce = 1 << 16;
+    std::vector<unsigned char> bytes;
+    for (std::size_t first = 0; first < gathered_.size(); first += atOnce) {
         ThrowIfStopped();
-        std::vector<unsigned char> bytes;
-        bytes.reserve(stars.size() * spillBytes);
-        for (const SourceStar& star : stars) {
-            const auto record = EncodeCatalogStar(star.Star);
+        bytes.clear();
+        const std::size_t end = std::min(first + atOnce, gathered_.size());
+        for (std::size_t i = first; i < end; ++i) {
+            const auto record = EncodeCatalogStar(gathered_[i].Star);
             bytes.insert(bytes.end(), record.begin(), record.end());
-            bytes.push_back(star.Source);
+            bytes.push_back(gathered_[i].Source);
         }
-        WriteBytes(FileOf(cell), "ab", bytes);
-        onDisk_[cell] += stars.size();
+        if (std::fwrite(bytes.data(), 1, bytes.size(), spilled_.get()) != bytes.size()) {
+            FailToSpill();
+        }
     }
+    if (std::fflush(spilled_.get()) != 0) FailToSpill();
+    std::vector<std::uint64_t>& block = blocks_.emplace_back();
+    for (const std::size_t start : starts_) block.push_back(before + start);
     gathered_.clear();
 }
 
+/// Appends `count` stars of the file of spilled ones, from number `first` on.
+void CatalogBuilder::ReadSpilled(std::uint64_t first, std::size_t count,
+                                 std::vector<SourceStar>& stars) {
+    std::vector<unsigned char> bytes(count * spillBytes);
+    if (!SeekFile(spilled_.get(), first * spillBytes) ||
+        std::fread(bytes.data(), 1, bytes.size(), spilled_.get()) != bytes.size()) {
+        throw ToolFailure(ToolExit::CannotWrite,
+                          TextFromPath(SpillFile()) + ": changed while in use");
+    }
+    for (std::size_t at = 0; at < bytes.size(); at += spillBytes) {
+        stars.push_back({DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes>(
+                             &bytes[at], CatalogRecordBytes)),
+                         bytes[at + CatalogRecordBytes]});
+    }
+}
+
 std::vector<CatalogBuilder::SourceStar> CatalogBuilder::TakeCell(std::size_t cell) {
-    const auto count = starts_[cell + 1] - starts_[cell];
-    const std::uint64_t onDisk = onDisk_[cell];
-    if (onDisk + count > MostStarsInCell) {
+    const auto inBlock = [cell](const std::vector<std::uint64_t>& block) {
+        return block[cell + 1] - block[cell];
+    };
+    std::uint64_t count = starts_[cell + 1] - starts_[cell];
+    for (const auto& block : blocks_) count += inBlock(block);
+    if (count > MostStarsInCell) {
         throw ToolFailure(ToolExit::BadInput, "cell " + CellName(AllCells()[cell]) +
-                                                  " would hold " + GroupedText(onDisk + count) +
+                                                  " would hold " + GroupedText(count) +
                                                   " stars, more than a catalog can; try --mag-max");
     }
-    const auto first = gathered_.begin() + static_cast<std::ptrdiff_t>(starts_[cell]);
-    std::vector<SourceStar> stars(first, first + static_cast<std::ptrdiff_t>(count));
-    if (onDisk > 0) {
-        const auto path = FileOf(cell);
-        std::vector<unsigned char> spilled;
-        if (!ReadWholeFile(path, MostStarsInCell * spillBytes, spilled) ||
-            spilled.size() != onDisk * spillBytes) {
-            throw ToolFailure(ToolExit::CannotWrite, TextFromPath(path) + ": changed while in use");
-        }
-        // The file is removed and written again, because ext4 waits for the disk when content is
-        // replaced.
-        std::error_code ignored;
-        std::filesystem::remove(path, ignored);
-        stars.reserve(stars.size() + static_cast<std::size_t>(onDisk));
-        for (std::size_t at = 0; at < spilled.size(); at += spillBytes) {
-            stars.push_back({DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes>(
-                                 &spilled[at], CatalogRecordBytes)),
-                             spilled[at + CatalogRecordBytes]});
+    std::vector<SourceStar> stars;
+    stars.reserve(static_cast<std::size_t>(count));
+    const auto first = gathered_.begin();
+    stars.assign(first + static_cast<std::ptrdiff_t>(starts_[cell]),
+                 first + static_cast<std::ptrdiff_t>(starts_[cell + 1]));
+    for (const auto& block : blocks_) {
+        if (inBlock(block) > 0) {
+            ReadSpilled(block[cell], static_cast<std::size_t>(inBlock(block)), stars);
         }
     }
     return stars;
@@ -218,8 +248,9 @@ std::vector<CatalogBuilder::SourceStar> CatalogBuilder::TakeCell(std::size_t cel
 void CatalogBuilder::Finish(ProgressLine& progress) {
     std::uint64_t written = 0;
     Sort();
-    for (std::size_t cell = 0; cell < onDisk_.size(); ++cell) {
-        progress.Show("Writing cells", cell, onDisk_.size(), written);
+    const std::size_t cells = AllCells().size();
+    for (std::size_t cell = 0; cell < cells; ++cell) {
+        progress.Show("Writing cells", cell, cells, written);
         std::vector<SourceStar> stars = TakeCell(cell);
         if (severalSources_) Merge(stars);
         std::sort(stars.begin(), stars.end(), [](const SourceStar& a, const SourceStar& b) {
@@ -238,13 +269,18 @@ void CatalogBuilder::Finish(ProgressLine& progress) {
             const auto record = EncodeCatalogStar(star.Star);
             bytes.insert(bytes.end(), record.begin(), record.end());
         }
-        WriteBytes(FileOf(cell), "wb", bytes);
+        WriteBytes(FileOf(cell), bytes);
         Checksum checksum;
         checksum.Add(bytes);
         contents_[CellName(AllCells()[cell])] = {stars.size(), checksum.Value()};
         for (const SourceStar& star : stars) counts_.Add(star.Star.Mag);
         written += stars.size();
     }
+    if (!spilled_) return;
+    // An open file cannot be removed everywhere.
+    spilled_.reset();
+    std::error_code ignored;
+    std::filesystem::remove(SpillFile(), ignored);
 }
 
 }  // namespace vestrel

@@ -11,14 +11,16 @@
 #include "catalog/libCellGrid.h"
 #include "catalogtool/libCatalogManifest.h"
 #include "catalogtool/libToolReport.h"
+#include "platform/libFiles.h"
 
 namespace vestrel {
 
 /// Builds the cell files of a catalog in an empty folder.
 ///
 /// Stars are gathered in memory; when they fill the allowed memory they are sorted by cell and
-/// appended to the cells' files. `Finish` then sorts one cell at a time. So memory holds the
-/// gathered stars twice or one cell, however many stars there are in all.
+/// appended, as one block, to a file that `Finish` removes. `Finish` collects the stars of one cell
+/// after the other from all blocks. So memory holds the gathered stars and one cell, however many
+/// stars there are in all.
 class CatalogBuilder {
  public:
     /// @param folder an existing, empty folder
@@ -53,8 +55,11 @@ class CatalogBuilder {
     };
 
     std::filesystem::path FileOf(std::size_t cell) const;
+    std::filesystem::path SpillFile() const;
+    [[noreturn]] void FailToSpill() const;
     void Sort();
     void Spill();
+    void ReadSpilled(std::uint64_t first, std::size_t count, std::vector<SourceStar>& stars);
     std::vector<SourceStar> TakeCell(std::size_t cell);
     bool IsKnownBeyondTheEdge(const CatalogStar& star, unsigned char source);
     void Merge(std::vector<SourceStar>& stars);
@@ -62,8 +67,10 @@ class CatalogBuilder {
     std::filesystem::path folder_;
     std::size_t limit_;
     std::vector<SourceStar> gathered_;
-    std::vector<std::size_t> starts_;    ///< first of the gathered stars of each cell, once sorted
-    std::vector<std::uint64_t> onDisk_;  ///< stars of each cell
+    std::vector<std::size_t> starts_;  ///< first of the gathered stars of each cell, once sorted
+    FileHandle spilled_;               ///< blocks of stars sorted by cell
+    /// For each block, its first star of each cell, and its end: numbers of stars in the file.
+    std::vector<std::vector<std::uint64_t>> blocks_;
     std::map<std::string, CellContent> contents_;
     MagnitudeCounts counts_;
     std::uint64_t duplicateCount_ = 0;

@@ -14,6 +14,10 @@ struct ProperMotion {
     double Dec = 0;
 };
 
+/// Faster than any star (milliarcseconds per year, along either axis); some surveys mark missing
+/// motions by larger numbers.
+inline constexpr double LargestMotion = 15000;
+
 /// The star moved along a great circle by a number of years, which may be negative.
 SkyStar MovedStar(const SkyStar& star, const ProperMotion& motion, double years);
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "catalogtool/libFastStars.h"
 #include "catalogtool/libFitsFile.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
@@ -134,7 +135,7 @@ class IndexFile : public FitsFile {
         fits_read_col(Handle(), TFLOAT, column, static_cast<LONGLONG>(row) + 1, 1,
                       static_cast<LONGLONG>(values.size()), nullptr, values.data(), nullptr,
                       &status);
-        Check(status, "read its magnitudes");
+        Check(status, "read its columns");
     }
 
  private:
@@ -253,10 +254,54 @@ class RankMagnitudes {
     std::vector<float> magnitudes_;
 };
 
+/// The proper motions of an index, if it has any.
+class IndexMotions {
+ public:
+    IndexMotions(IndexFile& file, std::uint64_t count)
+        : ra_(file.Find("pmra")), dec_(file.Find("pmdec")) {
+        if (!AreThere()) return;
+        for (const IndexFile::Column& column : {ra_, dec_}) {
+            if (file.Open(column.Table).Rows != count) {
+                file.Fail("has not as many proper motions as stars");
+            }
+        }
+    }
+
+    bool AreThere() const { return ra_.Table != 0 && dec_.Table != 0; }
+
+    /// Reads the motions of `count` rows from `row` on.
+    void Read(IndexFile& file, std::uint64_t row, std::size_t count) {
+        if (!AreThere()) return;
+        const auto read = [&](const IndexFile::Column& column, std::vector<float>& values) {
+            values.resize(count);
+            file.Open(column.Table);
+            file.ReadFloats(column.Number, row, values);
+        };
+        read(ra_, motionsRa_);
+        read(dec_, motionsDec_);
+    }
+
+    /// The place at an epoch of the star in a row of those read; nothing when it has no motion.
+    std::optional<SkyStar> Moved(const SkyStar& star, std::size_t i, double epoch) const {
+        if (!AreThere()) return FastStarAt(star, epoch);
+        const ProperMotion motion{static_cast<double>(motionsRa_[i]),
+                                  static_cast<double>(motionsDec_[i])};
+        const bool known =
+            std::fabs(motion.Ra) <= LargestMotion && std::fabs(motion.Dec) <= LargestMotion;
+        return known ? MovedStar(star, motion, epoch - IndexEpoch) : FastStarAt(star, epoch);
+    }
+
+ private:
+    IndexFile::Column ra_;
+    IndexFile::Column dec_;
+    std::vector<float> motionsRa_;
+    std::vector<float> motionsDec_;
+};
+
 }  // namespace
 
 IndexStars ReadIndexFile(const std::filesystem::path& file, const std::string& magColumn,
-                         const StarSink& sink, ProgressLine& progress) {
+                         double epoch, const StarSink& sink, ProgressLine& progress) {
     IndexFile index(file);
     // The bytes of 0x01020304 in the order in which the writing machine stored them.
     if (index.Card("ENDIAN") != "04:03:02:01") {
@@ -281,6 +326,8 @@ IndexStars ReadIndexFile(const std::filesystem::path& file, const std::string& m
     if (!ranks && index.Open(column.Table).Rows != table.Rows) {
         index.Fail("has not as many magnitudes as stars");
     }
+    IndexMotions motions(index, table.Rows);
+    if (motions.AreThere()) result.MotionColumns = "pmra, pmdec";
 
     const std::string task = "Reading " + TextFromPath(file.filename());
     constexpr std::uint64_t blockRows = 65536;
@@ -299,13 +346,16 @@ IndexStars ReadIndexFile(const std::filesystem::path& file, const std::string& m
             index.Open(column.Table);
             index.ReadFloats(column.Number, first, magnitudes);
         }
+        motions.Read(index, first, rows);
         for (std::size_t i = 0; i < rows; ++i) {
             SkyStar star;
             if (!ReadPosition(&positions[i * table.RowBytes], coordinates, star)) {
                 index.Fail("star " + std::to_string(first + i) + " is not on the unit sphere");
             }
             star.Mag = magnitudes[i];
-            sink(star);
+            const std::optional<SkyStar> moved = motions.Moved(star, i, epoch);
+            if (moved) ++result.Moved;
+            sink(moved.value_or(star));
         }
     }
     return result;

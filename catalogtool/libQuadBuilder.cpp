@@ -4,10 +4,12 @@
 #include <array>
 #include <atomic>
 #include <cmath>
+#include <cstdint>
 #include <limits>
+#include <mutex>
 #include <numbers>
 #include <numeric>
-#include <tuple>
+#include <span>
 #include <unordered_map>
 #include <utility>
 
@@ -32,56 +34,96 @@ SkyCells CellsFor(const QuadPlan& plan) {
     return SkyCells(MiddleDiagonal(plan) / 2.2);
 }
 
-/// The sky in cells with only the brightest stars of each, to find a frame's brightest stars
-/// quickly.
-class BrightCells {
+/// The stars among which the brightest of any frame are: the brightest of each cell of the size of
+/// half a frame. They are found by smaller cells.
+class BrightStars {
  public:
-    struct Star {
-        std::int32_t Place = 0;  ///< in the sky: the fainter, the larger
-        Direction At{};
+    BrightStars(const std::vector<CatalogStar>& sky, const QuadPlan& plan)
+        : sky_(sky), cells_(MiddleDiagonal(plan) / 6) {
+        constexpr auto none = std::numeric_limits<std::uint32_t>::max();
+        const SkyCells halves = CellsFor(plan);
+        std::vector<int> counts(halves.Count());
+        std::vector<std::uint32_t> cellOf(sky.size(), none);
+        starts_.assign(std::size_t{cells_.Count()} + 1, 0);
+        for (std::size_t i = 0; i < sky.size(); ++i) {
+            const SkyPosition position = PositionOf(sky[i]);
+            if (++counts[halves.CellOf(position)] > plan.StarsPerFrame) continue;
+            cellOf[i] = cells_.CellOf(position);
+            ++starts_[cellOf[i] + 1];
+        }
+        std::partial_sum(starts_.begin(), starts_.end(), starts_.begin());
+        stars_.resize(starts_.back());
+        std::vector<std::uint32_t> next(starts_.begin(), starts_.end() - 1);
+        for (std::size_t i = 0; i < sky.size(); ++i) {
+            if (cellOf[i] != none) stars_[next[cellOf[i]]++] = static_cast<std::uint32_t>(i);
+        }
+    }
+
+    /// The stars of all cells between two declinations, with their directions.
+    class Belt {
+     public:
+        Belt(const BrightStars& all, double south, double north)
+            : all_(all),
+              begin_(all.starts_[all.cells_.CellOf({0, south})]),
+              count_(all.starts_[all.cells_.CellOf({2 * pi, north}) + 1] - begin_) {
+            for (auto& axis : axes_) axis.reserve(count_);
+            for (std::uint32_t i = 0; i < count_; ++i) {
+                const Direction at = DirectionOf(PositionOf(all.sky_[StarAt(i)]));
+                for (std::size_t k = 0; k < at.size(); ++k) axes_[k].push_back(at[k]);
+            }
+        }
+
+        /// The index of a star of the belt in the sky's list.
+        std::uint32_t StarAt(std::uint32_t i) const { return all_.stars_[begin_ + i]; }
+        Direction DirectionAt(std::uint32_t i) const {
+            return {axes_[0][i], axes_[1][i], axes_[2][i]};
+        }
+
+        /// Calls `visit(i, product)` with the stars whose directions have a dot product of at least
+        /// `least` with a centre; a circle of `radius` (radians) contains them and lies in the
+        /// belt.
+        template <typename Visit>
+        void Around(SkyPosition centre, double radius, double least, Visit visit) const {
+            const Direction middle = DirectionOf(centre);
+            std::array<double, 64> products{};
+            all_.cells_.Around(centre, radius, [&](std::uint32_t first, std::uint32_t count) {
+                const std::uint32_t end = all_.starts_[first + count] - begin_;
+                // The products come before the choice, so that several are computed at once.
+                for (std::uint32_t begin = all_.starts_[first] - begin_; begin < end;) {
+                    const std::uint32_t piece =
+                        std::min(static_cast<std::uint32_t>(products.size()), end - begin);
+                    const double* x = axes_[0].data() + begin;
+                    const double* y = axes_[1].data() + begin;
+                    const double* z = axes_[2].data() + begin;
+                    for (std::uint32_t i = 0; i < piece; ++i) {
+                        products[i] = x[i] * middle[0] + y[i] * middle[1] + z[i] * middle[2];
+                    }
+                    for (std::uint32_t i = 0; i < piece; ++i) {
+                        if (products[i] >= least) visit(begin + i, products[i]);
+                    }
+                    begin += piece;
+                }
+            });
+        }
+
+     private:
+        const BrightStars& all_;
+        std::uint32_t begin_;
+        std::uint32_t count_;
+        std::array<std::vector<double>, 3> axes_;  ///< of the directions
     };
 
-    BrightCells(const std::vector<CatalogStar>& sky, const QuadPlan& plan)
-        : cells_(CellsFor(plan)) {
-        const auto most = static_cast<std::uint32_t>(plan.StarsPerFrame);
-        const auto cellOf = [&](const CatalogStar& star) {
-            return cells_.CellOf(PositionOf(star));
-        };
-        std::vector<std::uint32_t> counts(cells_.Count());
-        for (const CatalogStar& star : sky) {
-            std::uint32_t& count = counts[cellOf(star)];
-            count = std::min(count + 1, most);
-        }
-        starts_.push_back(0);
-        for (const std::uint32_t count : counts) starts_.push_back(starts_.back() + count);
-        stars_.resize(starts_.back());
-        std::fill(counts.begin(), counts.end(), 0);
-        for (std::size_t i = 0; i < sky.size(); ++i) {
-            const std::uint32_t cell = cellOf(sky[i]);
-            if (counts[cell] == most) continue;
-            stars_[starts_[cell] + counts[cell]++] = {static_cast<std::int32_t>(i),
-                                                      DirectionOf(PositionOf(sky[i]))};
-        }
-    }
-
-    /// Calls `visit` with every star of the cells that a circle touches.
-    template <typename Visit>
-    void Around(SkyPosition centre, double radius, Visit visit) const {
-        cells_.Around(centre, radius, [&](std::uint32_t first, std::uint32_t count) {
-            for (std::uint32_t i = starts_[first]; i < starts_[first + count]; ++i)
-                visit(stars_[i]);
-        });
-    }
-
  private:
+    const std::vector<CatalogStar>& sky_;
     SkyCells cells_;
     std::vector<std::uint32_t> starts_;  ///< of each cell in `stars_`
-    std::vector<Star> stars_;
+    std::vector<std::uint32_t> stars_;
 };
 
 struct FrameStar {
-    std::int32_t Star = 0;  ///< index in the sky's list; fainter stars have larger ones
-    double X = 0;           ///< radians on the gnomonic plane
+    std::uint32_t Star = 0;  ///< index in the sky's list; fainter stars have larger ones
+    std::uint32_t InBelt = 0;
+    double X = 0;  ///< radians on the gnomonic plane
     double Y = 0;
 };
 
@@ -89,18 +131,10 @@ double SquaredDistance(const FrameStar& a, const FrameStar& b) {
     return (a.X - b.X) * (a.X - b.X) + (a.Y - b.Y) * (a.Y - b.Y);
 }
 
-/// The indices of four stars in the sky's list, brightest first.
-using StarQuad = std::array<std::int32_t, 4>;
-
-StarQuad Sorted(StarQuad quad) {
-    std::sort(quad.begin(), quad.end());
-    return quad;
-}
-
-/// The frames that a plan lays on the sky, by number.
+/// The frames that a plan lays on the sky, by number from north to south.
 class FrameSet {
  public:
-    FrameSet(const QuadSky& sky, const QuadPlan& plan) : plan_(plan), cells_(sky.Stars(), plan) {
+    FrameSet(const QuadSky& sky, const QuadPlan& plan) : plan_(plan), stars_(sky.Stars(), plan) {
         // A frame of 4 : 3 covers 0.48 of the square of its diagonal.
         const double area = MiddleDiagonal(plan) * MiddleDiagonal(plan) * 0.48;
         count_ = static_cast<std::int64_t>(4 * pi / area * plan.FramesPerField);
@@ -122,12 +156,25 @@ class FrameSet {
         return frames;
     }
 
+    /// The stars that the frames from `begin` to `end` need.
+    BrightStars::Belt BeltOf(std::int64_t begin, std::int64_t end) const {
+        const double reach = plan_.LargestDiagonal * RadiansPerDegree * reachOfDiagonal * 1.001;
+        return {stars_, DecOf(std::max(begin, end - 1)) - reach, DecOf(begin) + reach};
+    }
+
+    /// Memory that is used again for each frame.
+    struct Room {
+        std::vector<FrameStar> Inside;
+        std::vector<std::uint64_t> Order;  ///< star, place in `Inside`
+    };
+
     /// The brightest stars of a frame, brightest first.
-    void StarsOf(std::int64_t number, std::vector<FrameStar>& stars) const {
+    void StarsOf(std::int64_t number, const BrightStars::Belt& belt, Room& room,
+                 std::vector<FrameStar>& stars) const {
         const auto i = static_cast<double>(number);
         // Multiples of irrational numbers spread all properties of frames evenly: a spiral with the
         // golden angle for the centres, and two more for rotation and size.
-        const double dec = std::asin(1 - (2 * i + 1) / static_cast<double>(count_));
+        const double dec = DecOf(number);
         const double ra = RaOf(number);
         const double turn = std::fmod(i * 0.5698402909980532, 1.0) * pi;
         const double diagonal = plan_.SmallestDiagonal * RadiansPerDegree *
@@ -137,7 +184,6 @@ class FrameSet {
         const double aspect = aspects[static_cast<std::size_t>(number % 3)];
         const double width = diagonal * aspect / std::hypot(aspect, 1.0);
 
-        const Direction centre = DirectionOf({ra, dec});
         const Direction east{-std::sin(ra), std::cos(ra), 0};
         const Direction north{-std::sin(dec) * std::cos(ra), -std::sin(dec) * std::sin(ra),
                               std::cos(dec)};
@@ -145,61 +191,79 @@ class FrameSet {
         const double halfHeight = std::tan(width / aspect / 2);
         const double cosTurn = std::cos(turn);
         const double sinTurn = std::sin(turn);
-        stars.clear();
-        cells_.Around({ra, dec}, diagonal / 2 * 1.1, [&](const BrightCells::Star& star) {
-            const double z = Dot(star.At, centre);
-            if (z <= 0) return;
-            const double e = Dot(star.At, east) / z;
-            const double n = Dot(star.At, north) / z;
-            const double x = e * cosTurn + n * sinTurn;
-            const double y = n * cosTurn - e * sinTurn;
-            if (std::fabs(x) <= halfWidth && std::fabs(y) <= halfHeight) {
-                stars.push_back({star.Place, x, y});
-            }
-        });
-        const auto brighter = [](const FrameStar& a, const FrameStar& b) {
-            return a.Star < b.Star;
-        };
+        // The cosine of the angle to a corner; the margin outweighs rounding.
+        const double cosCorner =
+            1 / std::sqrt(1 + halfWidth * halfWidth + halfHeight * halfHeight) - 1e-12;
+        auto& [inside, order] = room;
+        inside.clear();
+        order.clear();
+        belt.Around({ra, dec}, diagonal * reachOfDiagonal, cosCorner,
+                    [&](std::uint32_t star, double z) {
+                        const Direction at = belt.DirectionAt(star);
+                        const double e = Dot(at, east) / z;
+                        const double n = Dot(at, north) / z;
+                        const double x = e * cosTurn + n * sinTurn;
+                        const double y = n * cosTurn - e * sinTurn;
+                        if (std::fabs(x) > halfWidth || std::fabs(y) > halfHeight) return;
+                        order.push_back(std::uint64_t{belt.StarAt(star)} << 32 | inside.size());
+                        inside.push_back({belt.StarAt(star), star, x, y});
+                    });
         const auto most = static_cast<std::size_t>(plan_.StarsPerFrame);
-        if (stars.size() > most) {
-            std::nth_element(stars.begin(), stars.begin() + plan_.StarsPerFrame, stars.end(),
-                             brighter);
-            stars.resize(most);
+        if (order.size() > most) {
+            std::nth_element(order.begin(), order.begin() + plan_.StarsPerFrame, order.end());
+            order.resize(most);
         }
-        std::sort(stars.begin(), stars.end(), brighter);
+        std::sort(order.begin(), order.end());
+        stars.clear();
+        for (const std::uint64_t entry : order) stars.push_back(inside[entry & 0xFFFFFFFFU]);
     }
 
  private:
+    /// How far stars are looked for from a frame's centre, in diagonals.
+    static constexpr double reachOfDiagonal = 0.55;
+
     static double RaOf(std::int64_t number) {
         return std::fmod(static_cast<double>(number) * 2.399963229728653, 2 * pi);
     }
+    double DecOf(std::int64_t number) const {
+        return std::asin(1 - (2 * static_cast<double>(number) + 1) / static_cast<double>(count_));
+    }
 
     const QuadPlan& plan_;
-    BrightCells cells_;
+    BrightStars stars_;
     std::int64_t count_ = 0;
 };
 
-/// The brightest star after the last one of the triple that lies in the circle over the triple's
-/// longest side: every frame that shows the triple shows that star too. Null when the triple is too
-/// wide.
-const FrameStar* StarBetween(const std::vector<FrameStar>& stars, std::size_t r1, std::size_t r2,
-                             std::size_t r3) {
-    const auto length = [&stars](std::size_t a, std::size_t b) {
-        return SquaredDistance(stars[a], stars[b]);
+/// The places of a quad's stars in the list of a frame, rising.
+using FrameQuad = std::array<std::size_t, 4>;
+
+/// The place of the brightest star after the last one of the triple that lies in the circle over
+/// the triple's longest side: every frame that shows the triple shows that star too. Beyond the end
+/// when there is none, or the triple is too wide.
+std::size_t StarBetween(const std::vector<FrameStar>& stars, std::size_t r1, std::size_t r2,
+                        std::size_t r3) {
+    std::size_t from = r1;
+    std::size_t to = r2;
+    double longest = SquaredDistance(stars[r1], stars[r2]);
+    const auto compare = [&](std::size_t a, std::size_t b) {
+        const double length = SquaredDistance(stars[a], stars[b]);
+        if (length < longest) return;
+        longest = length;
+        from = a;
+        to = b;
     };
-    const auto [longest, from, to] =
-        std::max({std::make_tuple(length(r1, r2), r1, r2), std::make_tuple(length(r1, r3), r1, r3),
-                  std::make_tuple(length(r2, r3), r2, r3)});
-    if (longest > neighbourRadius * neighbourRadius) return nullptr;
-    const FrameStar middle{0, (stars[from].X + stars[to].X) / 2, (stars[from].Y + stars[to].Y) / 2};
-    for (std::size_t i = r3 + 1; i < stars.size(); ++i) {
-        if (SquaredDistance(stars[i], middle) <= longest / 4) return &stars[i];
-    }
-    return nullptr;
+    compare(r1, r3);
+    compare(r2, r3);
+    if (longest > neighbourRadius * neighbourRadius) return stars.size();
+    const FrameStar middle{0, 0, (stars[from].X + stars[to].X) / 2,
+                           (stars[from].Y + stars[to].Y) / 2};
+    std::size_t i = r3 + 1;
+    while (i < stars.size() && !(SquaredDistance(stars[i], middle) <= longest / 4)) ++i;
+    return i;
 }
 
-void AddNarrowQuads(const std::vector<FrameStar>& stars, const QuadPlan& plan,
-                    std::vector<StarQuad>& quads) {
+template <typename Take>
+void TakeNarrowQuads(const std::vector<FrameStar>& stars, const QuadPlan& plan, Take take) {
     for (int lost = 0; lost <= plan.BrightestLost; ++lost) {
         for (int gaps = 0; gaps <= plan.Gaps; ++gaps) {
             for (int early = 0; early <= gaps; ++early) {
@@ -207,41 +271,35 @@ void AddNarrowQuads(const std::vector<FrameStar>& stars, const QuadPlan& plan,
                 const std::size_t r2 = r1 + 1 + static_cast<std::size_t>(early);
                 const std::size_t r3 = r1 + 2 + static_cast<std::size_t>(gaps);
                 if (r3 >= stars.size()) continue;
-                const FrameStar* between = StarBetween(stars, r1, r2, r3);
-                if (between == nullptr) continue;
-                quads.push_back(
-                    Sorted({stars[r1].Star, stars[r2].Star, stars[r3].Star, between->Star}));
+                const std::size_t between = StarBetween(stars, r1, r2, r3);
+                if (between < stars.size()) take(FrameQuad{r1, r2, r3, between});
             }
         }
     }
 }
 
-void AddWideQuads(const std::vector<FrameStar>& stars, const QuadPlan& plan,
-                  std::vector<StarQuad>& quads) {
+template <typename Take>
+void TakeWideQuads(const std::vector<FrameStar>& stars, const QuadPlan& plan, Take take) {
     const std::size_t central = std::min(stars.size(), static_cast<std::size_t>(plan.CentralStars));
-    std::vector<std::int32_t> near;
+    std::vector<std::size_t> near;
     for (std::size_t s = 0; s < central; ++s) {
         near.clear();
         for (std::size_t j = 0;
              j < stars.size() && near.size() < static_cast<std::size_t>(plan.Neighbours); ++j) {
             if (j != s && SquaredDistance(stars[j], stars[s]) < neighbourRadius * neighbourRadius) {
-                near.push_back(stars[j].Star);
+                near.push_back(j);
             }
         }
         for (std::size_t a = 0; a < near.size(); ++a) {
             for (std::size_t b = a + 1; b < near.size(); ++b) {
                 for (std::size_t c = b + 1; c < near.size(); ++c) {
-                    quads.push_back(Sorted({stars[s].Star, near[a], near[b], near[c]}));
+                    FrameQuad quad{s, near[a], near[b], near[c]};
+                    std::sort(quad.begin(), quad.end());
+                    take(quad);
                 }
             }
         }
     }
-}
-
-template <typename T>
-void KeepUnique(std::vector<T>& list) {
-    std::sort(list.begin(), list.end());
-    list.erase(std::unique(list.begin(), list.end()), list.end());
 }
 
 /// Marks the stars that any frame contains; threads set the marks in any order.
@@ -250,95 +308,57 @@ using StarMarks = std::vector<std::atomic<bool>>;
 /// Recognizes most of the quads that occurred shortly before.
 class RecentQuads {
  public:
-    bool IsNew(const StarQuad& quad) {
-        std::uint64_t mixed = 0;
-        for (const std::int32_t star : quad) {
-            mixed = (mixed ^ static_cast<std::uint64_t>(star)) * 0x9E3779B97F4A7C15U;
-        }
-        StarQuad& known = quads_[mixed >> (64 - sizeBits)];
-        if (known == quad) return false;
-        known = quad;
+    bool IsNew(const std::array<std::uint32_t, 4>& stars) {
+        const auto [first, second] = InTwo(stars);
+        const std::uint64_t mixed = (first * 0x9E3779B97F4A7C15U ^ second) * 0xD1B54A32D192ED03U;
+        auto& known = quads_[mixed >> (64 - sizeBits)];
+        if (known[0] == first && known[1] == second) return false;
+        known = {first, second};
         return true;
     }
 
  private:
-    static constexpr int sizeBits = 14;  // 256 KB
-    std::vector<StarQuad> quads_ = std::vector<StarQuad>(std::size_t{1} << sizeBits, {-1, 0, 0, 0});
+    static constexpr int sizeBits = 13;  // 128 KB
+    std::vector<std::array<std::uint64_t, 2>> quads_ =
+        std::vector<std::array<std::uint64_t, 2>>(std::size_t{1} << sizeBits);
 };
 
-/// The quads of a range of consecutive frames, the greatest first.
-std::vector<StarQuad> GatherRun(const FrameSet& frames, const QuadPlan& plan, std::int64_t begin,
-                                std::int64_t end, StarMarks& marks) {
-    std::vector<StarQuad> quads;
+/// Gathers the quads of a range of consecutive frames and hands them over in portions; a few come
+/// several times.
+void GatherRun(const FrameSet& frames, const QuadPlan& plan, std::int64_t begin, std::int64_t end,
+               StarMarks& marks, const std::function<void(std::span<const QuadEntry>)>& handOver) {
+    constexpr std::size_t portion = 1U << 14;
+    const BrightStars::Belt belt = frames.BeltOf(begin, end);
+    std::vector<QuadEntry> quads;
     std::vector<FrameStar> stars;
+    FrameSet::Room room;
     RecentQuads recent;
-    // Duplicates are removed from time to time.
-    std::size_t enough = 1U << 17;
+    const auto take = [&](const FrameQuad& quad) {
+        std::array<std::uint32_t, 4> numbers{};
+        std::array<Direction, 4> directions{};
+        for (std::size_t k = 0; k < quad.size(); ++k) numbers[k] = stars[quad[k]].Star;
+        if (!recent.IsNew(numbers)) return;
+        for (std::size_t k = 0; k < quad.size(); ++k)
+            directions[k] = belt.DirectionAt(stars[quad[k]].InBelt);
+        if (const auto entry = QuadEntryOf(numbers, directions)) quads.push_back(*entry);
+    };
     for (const std::int64_t frame : FrameSet::AlongTheSky(begin, end)) {
-        frames.StarsOf(frame, stars);
+        frames.StarsOf(frame, belt, room, stars);
         for (const FrameStar& star : stars) {
-            std::atomic<bool>& mark = marks[static_cast<std::size_t>(star.Star)];
+            std::atomic<bool>& mark = marks[star.Star];
             // Not written when unchanged, as threads would compete for the cache line.
             if (!mark.load(std::memory_order_relaxed)) mark.store(true, std::memory_order_relaxed);
         }
-        const auto before = static_cast<std::ptrdiff_t>(quads.size());
-        (plan.SharedBrightest ? AddNarrowQuads : AddWideQuads)(stars, plan, quads);
-        quads.erase(std::remove_if(quads.begin() + before, quads.end(),
-                                   [&](const StarQuad& quad) { return !recent.IsNew(quad); }),
-                    quads.end());
-        if (quads.size() > enough) {
-            KeepUnique(quads);
-            enough = 2 * quads.size() + (1U << 17);
+        if (plan.SharedBrightest) {
+            TakeNarrowQuads(stars, plan, take);
+        } else {
+            TakeWideQuads(stars, plan, take);
         }
+        if (quads.size() < portion) continue;
+        handOver(quads);
+        quads.clear();
     }
-    KeepUnique(quads);
-    std::reverse(quads.begin(), quads.end());
-    quads.shrink_to_fit();
-    return quads;
-}
-
-/// The quads of all ranges, each once, in order. They are removed from the ranges step by step, so
-/// that memory does not hold them twice.
-std::vector<StarQuad> MergeQuads(std::vector<std::vector<StarQuad>>& runs) {
-    // Slices by the first star, of about equal size in the longest run.
-    const auto& longest = *std::max_element(
-        runs.begin(), runs.end(), [](const auto& a, const auto& b) { return a.size() < b.size(); });
-    constexpr std::size_t sliceCount = 64;
-    constexpr std::size_t atOnce = 8;
-    constexpr std::int32_t beyondAll = std::numeric_limits<std::int32_t>::max();
-    std::vector<std::int32_t> bounds = {0};
-    for (std::size_t i = 1; i < sliceCount; ++i) {
-        const std::size_t place = longest.size() * (sliceCount - i) / sliceCount;
-        bounds.push_back(longest.empty() ? 0 : longest[std::min(place, longest.size() - 1)][0]);
-    }
-    bounds.push_back(beyondAll);
-    std::size_t most = 0;
-    for (const auto& run : runs) most += run.size();
-    std::vector<StarQuad> all;
-    all.reserve(most);
-    for (std::size_t begin = 0; begin < sliceCount; begin += atOnce) {
-        std::vector<std::vector<StarQuad>> slices(atOnce);
-        // The end of the quads of a range whose first star is `bound` or later.
-        const auto place = [](const std::vector<StarQuad>& run, std::int32_t bound) {
-            return std::partition_point(run.begin(), run.end(),
-                                        [bound](const StarQuad& quad) { return quad[0] >= bound; });
-        };
-        ParallelFor(static_cast<int>(atOnce), [&](int number) {
-            const std::size_t slice = begin + static_cast<std::size_t>(number);
-            std::vector<StarQuad>& quads = slices[static_cast<std::size_t>(number)];
-            for (const std::vector<StarQuad>& run : runs) {
-                quads.insert(quads.end(), place(run, bounds[slice + 1]), place(run, bounds[slice]));
-            }
-            KeepUnique(quads);
-        });
-        for (std::vector<StarQuad>& run : runs) {
-            run.erase(place(run, bounds[begin + atOnce]), run.end());
-            run.shrink_to_fit();
-        }
-        for (const auto& slice : slices) all.insert(all.end(), slice.begin(), slice.end());
-    }
-    runs.clear();
-    return all;
+    handOver(quads);
 }
 
 /// A plan for narrow fields.
@@ -395,7 +415,10 @@ QuadSky::QuadSky(const std::vector<QuadPlan>& plans) : cells_(CellsFor(plans.fro
 }
 
 void QuadSky::Add(std::vector<CatalogStar> cell) {
-    std::sort(cell.begin(), cell.end(), ComesBefore);
+    // Cells that a build wrote are in order already.
+    if (!std::is_sorted(cell.begin(), cell.end(), ComesBefore)) {
+        std::sort(cell.begin(), cell.end(), ComesBefore);
+    }
     std::unordered_map<std::uint32_t, std::size_t> counts;
     for (const CatalogStar& star : cell) {
         std::size_t& count = counts[cells_.CellOf(PositionOf(star))];
@@ -407,34 +430,26 @@ void QuadSky::Finish() {
     std::sort(stars_.begin(), stars_.end(), ComesBefore);
 }
 
-QuadList BuildQuadList(const QuadSky& sky, const QuadPlan& plan,
-                       const std::function<void(int done, int total)>& progress) {
+QuadDraft BuildQuads(const QuadSky& sky, const QuadPlan& plan,
+                     const std::function<void(int done, int total)>& progress) {
     constexpr int runCount = 32;
-    std::vector<std::vector<StarQuad>> runs(runCount);
+    QuadDraft draft{sky.Stars(), {}, PackedQuads(static_cast<std::uint32_t>(sky.Stars().size()))};
     StarMarks marks(sky.Stars().size());
-    {
-        const FrameSet frames(sky, plan);
-        ParallelFor(
-            runCount,
-            [&](int r) {
-                runs[static_cast<std::size_t>(r)] =
-                    GatherRun(frames, plan, frames.Count() * r / runCount,
-                              frames.Count() * (r + 1) / runCount, marks);
-            },
-            progress);
-    }
-    QuadList list;
-    list.Quads = MergeQuads(runs);
-    std::vector<std::int32_t> placeOf(marks.size());
-    for (std::size_t star = 0; star < marks.size(); ++star) {
-        if (!marks[star]) continue;
-        placeOf[star] = static_cast<std::int32_t>(list.Stars.size());
-        list.Stars.push_back(sky.Stars()[star]);
-    }
-    for (StarQuad& quad : list.Quads) {
-        for (std::int32_t& star : quad) star = placeOf[static_cast<std::size_t>(star)];
-    }
-    return list;
+    const FrameSet frames(sky, plan);
+    std::mutex oneAtATime;
+    ParallelFor(
+        runCount,
+        [&](int run) {
+            GatherRun(frames, plan, frames.Count() * run / runCount,
+                      frames.Count() * (run + 1) / runCount, marks,
+                      [&](std::span<const QuadEntry> quads) {
+                          const std::lock_guard lock(oneAtATime);
+                          draft.Quads.Add(quads);
+                      });
+        },
+        progress);
+    draft.InTable.assign(marks.begin(), marks.end());
+    return draft;
 }
 
 }  // namespace vestrel

@@ -58,9 +58,10 @@ class QuadSky {
     std::vector<CatalogStar> stars_;
 };
 
-/// Makes the table for one range. The result does not depend on the number of threads.
+/// Makes the table for one range, of stars of the sky, which must stay alive. The file that comes
+/// of it does not depend on the number of threads.
 /// @param progress receives the progress on the calling thread; it may throw to stop
-QuadList BuildQuadList(const QuadSky& sky, const QuadPlan& plan,
-                       const std::function<void(int done, int total)>& progress = {});
+QuadDraft BuildQuads(const QuadSky& sky, const QuadPlan& plan,
+                     const std::function<void(int done, int total)>& progress = {});
 
 }  // namespace vestrel

@@ -51,9 +51,6 @@ constexpr std::initializer_list<const char*> magnitudeColumns = {"Vmag",        
                                                                  "j_m",         "Hpmag",
                                                                  "mag_auto"};
 
-/// Faster than any star; some surveys mark missing values by 9999 or more.
-constexpr double largestMotion = 15000;
-
 bool SameText(std::string_view a, std::string_view b) {
     return a == b || UpperCase(a) == UpperCase(b);
 }
@@ -270,7 +267,7 @@ void StarColumns::Move(const TableRow& row, SkyStar& star) {
     const ProperMotion motion{row.Number(motionRa_) * motionUnit_,
                               row.Number(motionDec_) * motionUnit_};
     const bool known =
-        std::fabs(motion.Ra) <= largestMotion && std::fabs(motion.Dec) <= largestMotion;
+        std::fabs(motion.Ra) <= LargestMotion && std::fabs(motion.Dec) <= LargestMotion;
     const double epoch = epochColumn_ == NoColumn ? sourceEpoch_ : row.Number(epochColumn_);
     if (!known || !(epoch > 1800 && epoch < 2200)) return;
     star = MovedStar(star, motion, options_.Epoch - epoch);

@@ -67,7 +67,7 @@ void MakeTables(const QuadOptions& options) {
             const std::string fields = "ields of " + RoundedText(plan.SmallestDiagonal, 2) +
                                        " to " + RoundedText(plan.LargestDiagonal, 2) + " degrees";
             writer.Add(plan.SmallestDiagonal * Pi / 180, plan.LargestDiagonal * Pi / 180,
-                       BuildQuadList(sky, plan, [&](int done, int total) {
+                       BuildQuads(sky, plan, [&](int done, int total) {
                            progress.Show("F" + fields, static_cast<std::uint64_t>(done),
                                          static_cast<std::uint64_t>(total), quads);
                        }));

@@ -4,10 +4,10 @@
 #include <bit>
 #include <cassert>
 #include <cerrno>
-#include <cmath>
+#include <numeric>
 #include <system_error>
+#include <utility>
 
-#include "astro/libParallel.h"
 #include "matching/libQuadTables.h"
 #include "matching/libSkyCells.h"
 
@@ -55,141 +55,41 @@ std::uint16_t BitsFor(std::uint32_t largest) {
     return static_cast<std::uint16_t>(std::bit_width(largest));
 }
 
-/// The step of a ratio, of 1024.
-std::uint32_t FineStep(float ratio) {
-    return static_cast<std::uint32_t>(std::clamp(static_cast<double>(ratio) * 1024, 0.0, 1023.0));
-}
-
-/// The cell of a quad and, in its packed form, the rest of its shape: the last four bits of the
-/// ratios 1, 3 and 5, ten bits of the ratios 2 and 4.
-struct StoredShape {
-    std::uint32_t Cell = 0;
-    std::uint32_t Packed = 0;
-
-    explicit StoredShape(const Quad& shape) {
-        const std::uint32_t r1 = FineStep(shape.Ratio1);
-        const std::uint32_t r3 = FineStep(shape.Ratio3);
-        const std::uint32_t r5 = FineStep(shape.Ratio5);
-        Cell = ShapeCell(r1 / 16, r3 / 16, r5 / 16);
-        Packed = (r1 & 15) | (r3 & 15) << 4 | (r5 & 15) << 8 | FineStep(shape.Ratio2) << 12 |
-                 FineStep(shape.Ratio4) << 22;
-    }
+/// The stars that a table gets, in the order in which it has them.
+struct OrderedStars {
+    std::vector<std::uint32_t> Starts;   ///< the first star of each cell, and the end
+    std::vector<std::uint32_t> Order;    ///< their indices in the draft
+    std::vector<std::uint32_t> Numbers;  ///< of all stars of the draft: where they come in `Order`
 };
 
-/// Writes the lowest `bits` bits of a number from bit `at` on; they must be 0 before.
-void PutBits(unsigned char* bytes, std::size_t at, std::size_t bits, std::uint32_t value) {
-    while (bits > 0) {
-        const std::size_t piece = std::min(8 - at % 8, bits);
-        const std::uint32_t part = value & ((1U << piece) - 1);
-        bytes[at / 8] = static_cast<unsigned char>(bytes[at / 8] | part << at % 8);
-        value >>= piece;
-        at += piece;
-        bits -= piece;
+/// Orders the stars by their cells; stars of the same cell keep their order.
+OrderedStars OrderByPlace(const QuadDraft& draft, const SkyCells& cells) {
+    OrderedStars ordered;
+    std::vector<std::uint32_t> cellOf(draft.Stars.size());
+    ordered.Starts.assign(std::size_t{cells.Count()} + 1, 0);
+    for (std::size_t star = 0; star < draft.Stars.size(); ++star) {
+        if (!draft.InTable[star]) continue;
+        cellOf[star] = cells.CellOf(PositionOf(draft.Stars[star]));
+        ++ordered.Starts[cellOf[star] + 1];
     }
+    std::partial_sum(ordered.Starts.begin(), ordered.Starts.end(), ordered.Starts.begin());
+    ordered.Order.resize(ordered.Starts.back());
+    std::vector<std::uint32_t> next(ordered.Starts.begin(), ordered.Starts.end() - 1);
+    ordered.Numbers = std::move(cellOf);
+    for (std::size_t star = 0; star < draft.Stars.size(); ++star) {
+        if (!draft.InTable[star]) continue;
+        const std::uint32_t number = next[ordered.Numbers[star]]++;
+        ordered.Order[number] = static_cast<std::uint32_t>(star);
+        ordered.Numbers[star] = number;
+    }
+    return ordered;
 }
-
-/// Sorts the numbers 0..count−1 by their cell, `cellOf(number)`; numbers of the same cell keep
-/// their order.
-template <typename CellOf>
-void SortByCell(std::size_t count, std::uint32_t cells, CellOf cellOf,
-                std::vector<std::uint32_t>& starts, std::vector<std::uint32_t>& order) {
-    starts.assign(std::size_t{cells} + 1, 0);
-    for (std::size_t i = 0; i < count; ++i) ++starts[cellOf(i) + 1];
-    for (std::size_t cell = 0; cell < cells; ++cell) starts[cell + 1] += starts[cell];
-    order.resize(count);
-    std::vector<std::uint32_t> next(starts.begin(), starts.end() - 1);
-    for (std::size_t i = 0; i < count; ++i) {
-        order[next[cellOf(i)]++] = static_cast<std::uint32_t>(i);
-    }
-}
-
-/// Orders the stars by their cells, and puts their new indices, rising, into the quads.
-/// @return the first star of each cell, and the end
-std::vector<std::uint32_t> OrderByPlace(QuadList& list, const SkyCells& cells) {
-    std::vector<std::uint32_t> starts;
-    std::vector<std::uint32_t> order;
-    SortByCell(
-        list.Stars.size(), cells.Count(),
-        [&](std::size_t i) { return cells.CellOf(PositionOf(list.Stars[i])); }, starts, order);
-    std::vector<std::int32_t> places(order.size());
-    std::vector<CatalogStar> stars;
-    stars.reserve(order.size());
-    for (const std::uint32_t star : order) {
-        places[star] = static_cast<std::int32_t>(stars.size());
-        stars.push_back(list.Stars[star]);
-    }
-    list.Stars = std::move(stars);
-    for (auto& quad : list.Quads) {
-        for (std::int32_t& star : quad) star = places[static_cast<std::size_t>(star)];
-        std::sort(quad.begin(), quad.end());
-    }
-    return starts;
-}
-
-/// The shapes of a list's quads. Quads without a shape belong to a cell beyond the last.
-struct ListShapes {
-    std::vector<std::uint32_t> Cells;
-    std::vector<std::uint32_t> Packed;
-    std::size_t Last = 0;        ///< the quad with the greatest key
-    std::uint32_t Farthest = 0;  ///< the largest distance of a star's index from that of its quad's
-                                 ///< first star
-
-    explicit ListShapes(const QuadList& list)
-        : Cells(list.Quads.size(), ShapeCells), Packed(list.Quads.size()) {
-        std::vector<Direction> directions;
-        directions.reserve(list.Stars.size());
-        for (const CatalogStar& star : list.Stars) {
-            directions.push_back(DirectionOf(PositionOf(star)));
-        }
-        const auto at = [&](std::int32_t place) {
-            return directions[static_cast<std::size_t>(place)];
-        };
-        constexpr int pieces = 64;
-        struct Extremes {
-            std::size_t Last = 0;
-            float GreatestKey = -1;
-            std::uint32_t Farthest = 0;
-        };
-        std::array<Extremes, pieces> extremes{};
-        ParallelFor(pieces, [&](int piece) {
-            const auto n = static_cast<std::size_t>(piece);
-            Extremes& own = extremes[n];
-            const std::size_t end = list.Quads.size() * (n + 1) / pieces;
-            for (std::size_t i = list.Quads.size() * n / pieces; i < end; ++i) {
-                const auto& quad = list.Quads[i];
-                const Quad shape =
-                    QuadOfDirections({at(quad[0]), at(quad[1]), at(quad[2]), at(quad[3])});
-                if (!(shape.QuadKey >= 0)) continue;
-                const StoredShape stored(shape);
-                Cells[i] = stored.Cell;
-                Packed[i] = stored.Packed;
-                own.Farthest =
-                    std::max(own.Farthest, static_cast<std::uint32_t>(quad[3] - quad[0]));
-                if (shape.QuadKey >= own.GreatestKey) {
-                    own.GreatestKey = shape.QuadKey;
-                    own.Last = i;
-                }
-            }
-        });
-        float greatest = -1;
-        for (const Extremes& own : extremes) {
-            Farthest = std::max(Farthest, own.Farthest);
-            if (own.GreatestKey < 0 || own.GreatestKey < greatest) continue;
-            greatest = own.GreatestKey;
-            Last = own.Last;
-        }
-    }
-};
 
 [[noreturn]] void ThrowLastError(const char* what) {
     throw std::system_error(errno != 0 ? errno : EIO, std::generic_category(), what);
 }
 
 }  // namespace
-
-std::uint32_t ShapeStep(double ratio) {
-    return static_cast<std::uint32_t>(std::clamp(ratio * ShapeSteps, 0.0, ShapeSteps - 1.0));
-}
 
 QuadLayout LayoutOf(const QuadBand& band) {
     const auto pages = [](std::uint64_t bytes) {
@@ -265,55 +165,62 @@ QuadFileWriter::QuadFileWriter(const std::filesystem::path& path, std::uint32_t 
     Write(place.data(), place.size());
 }
 
-void QuadFileWriter::Add(double smallestDiagonal, double largestDiagonal, QuadList list) {
+void QuadFileWriter::Add(double smallestDiagonal, double largestDiagonal, QuadDraft draft) {
     QuadBand band;
     band.SmallestDiagonal = smallestDiagonal;
     band.LargestDiagonal = largestDiagonal;
     // About as large as a field, so that a search reads few cells.
     band.CellSize = std::clamp((smallestDiagonal + largestDiagonal) / 2, 1e-3, 0.3);
-    const std::vector<std::uint32_t> starStarts = OrderByPlace(list, SkyCells(band.CellSize));
-    const ListShapes shapes(list);
-    band.StarCount = static_cast<std::uint32_t>(list.Stars.size());
+    OrderedStars stars = OrderByPlace(draft, SkyCells(band.CellSize));
+    draft.Quads.Finish(stars.Numbers);
+    stars.Numbers = {};
+    band.StarCount = static_cast<std::uint32_t>(stars.Order.size());
+    band.QuadCount = draft.Quads.Count();
+    band.LastQuad = draft.Quads.Last();
     band.PlaceBits = BitsFor(band.StarCount);
-    band.OffsetBits = BitsFor(shapes.Farthest);
+    band.OffsetBits = BitsFor(draft.Quads.Farthest());
 
-    std::vector<std::uint32_t> quadStarts;
-    std::vector<std::uint32_t> quads;
-    SortByCell(
-        list.Quads.size(), ShapeCells + 1, [&](std::size_t i) { return shapes.Cells[i]; },
-        quadStarts, quads);
-    quadStarts.pop_back();
-    quads.resize(quadStarts.back());
-    band.QuadCount = quadStarts.back();
-    const auto last = std::find(quads.begin(), quads.end(), shapes.Last);
-    if (last != quads.end()) band.LastQuad = static_cast<std::uint32_t>(last - quads.begin()) + 1;
-
-    Append(starStarts.data(), starStarts.size() * 4);
+    Append(stars.Starts.data(), stars.Starts.size() * 4);
     EndList();
-    for (const CatalogStar& star : list.Stars) {
-        const auto record = EncodeCatalogStar(star);
+    for (const std::uint32_t star : stars.Order) {
+        const auto record = EncodeCatalogStar(draft.Stars[star]);
         Append(record.data(), record.size());
     }
     EndList();
-    Append(quadStarts.data(), quadStarts.size() * 4);
+    Append(draft.Quads.Starts().data(), draft.Quads.Starts().size() * 4);
     EndList();
-    for (const std::uint32_t quad : quads) Append(&shapes.Packed[quad], 4);
+    draft.Quads.ForEach([this](const QuadEntry& quad) { Append(&quad.Shape, 4); });
     EndList();
     const QuadLayout layout = LayoutOf(band);
-    for (const std::uint32_t number : quads) {
-        const auto& quad = list.Quads[number];
+    draft.Quads.ForEach([&](const QuadEntry& quad) {
         std::array<unsigned char, 16> bytes{};
-        PutBits(bytes.data(), 0, band.PlaceBits, static_cast<std::uint32_t>(quad[0]));
-        for (std::size_t k = 1; k < quad.size(); ++k) {
-            PutBits(bytes.data(), band.PlaceBits + (k - 1) * band.OffsetBits, band.OffsetBits,
-                    static_cast<std::uint32_t>(quad[k] - quad[0]));
+        BitWriter bits(bytes.data());
+        bits.Put(quad.Stars[0], band.PlaceBits);
+        for (std::size_t k = 1; k < quad.Stars.size(); ++k) {
+            bits.Put(quad.Stars[k] - quad.Stars[0], band.OffsetBits);
         }
+        bits.End();
         Append(bytes.data(), layout.QuadStarBytes);
-    }
+    });
     EndList();
     assert(partLength_ == layout.End);
     band.Part = EndPart();
     bands_.push_back(band);
+}
+
+void QuadFileWriter::Add(double smallestDiagonal, double largestDiagonal, const QuadList& list) {
+    const auto count = static_cast<std::uint32_t>(list.Stars.size());
+    QuadDraft draft{list.Stars, std::vector<bool>(count, true), PackedQuads(count)};
+    for (const auto& quad : list.Quads) {
+        std::array<std::uint32_t, 4> stars{};
+        std::array<Direction, 4> directions{};
+        for (std::size_t k = 0; k < quad.size(); ++k) {
+            stars[k] = static_cast<std::uint32_t>(quad[k]);
+            directions[k] = DirectionOf(PositionOf(list.Stars[stars[k]]));
+        }
+        if (const auto entry = QuadEntryOf(stars, directions)) draft.Quads.Add({&*entry, 1});
+    }
+    Add(smallestDiagonal, largestDiagonal, std::move(draft));
 }
 
 void QuadFileWriter::Commit() {

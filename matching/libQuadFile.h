@@ -10,10 +10,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "matching/libCheckedPages.h"
+#include "matching/libPackedQuads.h"
 #include "matching/libQuads.h"
 #include "platform/libFiles.h"
 
@@ -28,7 +30,14 @@ inline constexpr const char* QuadFileName = "quads.tables";
 inline constexpr double UsualSmallestField = 0.9;
 inline constexpr double UsualLargestField = 30;
 
-/// The contents of a table.
+/// The contents of a table that is being made.
+struct QuadDraft {
+    std::span<const CatalogStar> Stars;  ///< in the order of `ComesBefore`; they must stay alive
+    std::vector<bool> InTable;           ///< which of them the table gets
+    PackedQuads Quads{0};                ///< not finished; of stars that the table gets
+};
+
+/// The contents of a small table, in plain form.
 struct QuadList {
     std::vector<CatalogStar> Stars;                  ///< in the order of `ComesBefore`
     std::vector<std::array<std::int32_t, 4>> Quads;  ///< indices into `Stars`, from 0, rising
@@ -60,17 +69,6 @@ struct QuadLayout {
 };
 QuadLayout LayoutOf(const QuadBand& band);
 
-/// The cells of shapes: 64 steps for each of the ratios 1, 3 and 5, none of which exceeds the one
-/// before it.
-inline constexpr std::uint32_t ShapeSteps = 64;
-inline constexpr std::uint32_t ShapeCells = ShapeSteps * (ShapeSteps + 1) * (ShapeSteps + 2) / 6;
-/// The number of a cell; step1 ≥ step3 ≥ step5.
-constexpr std::uint32_t ShapeCell(std::uint32_t step1, std::uint32_t step3, std::uint32_t step5) {
-    return step1 * (step1 + 1) * (step1 + 2) / 6 + step3 * (step3 + 1) / 2 + step5;
-}
-/// The step of a ratio, 0..ShapeSteps − 1; ratios outside 0..1 belong to the nearest step.
-std::uint32_t ShapeStep(double ratio);
-
 /// Opens a file of quad tables to read; null when there is none or it is not a regular file.
 FileHandle OpenQuadFile(const std::filesystem::path& path);
 
@@ -87,9 +85,10 @@ class QuadFileWriter {
  public:
     /// @throws std::system_error when no file can be made there
     QuadFileWriter(const std::filesystem::path& path, std::uint32_t bandCount);
-    /// Appends the table of the next band. Quads without a shape (all stars at one place) are left
-    /// out. @throws std::system_error
-    void Add(double smallestDiagonal, double largestDiagonal, QuadList list);
+    /// Appends the table of the next band. @throws std::system_error
+    void Add(double smallestDiagonal, double largestDiagonal, QuadDraft draft);
+    /// The same. Quads without a shape (all stars at one place) are left out.
+    void Add(double smallestDiagonal, double largestDiagonal, const QuadList& list);
     /// @throws std::system_error
     void Commit();
     const std::vector<QuadBand>& Bands() const { return bands_; }

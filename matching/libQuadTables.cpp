@@ -15,13 +15,6 @@ double Wide(float value) {
     return static_cast<double>(value);
 }
 
-/// An unsigned number of up to 32 bits that starts at any bit.
-std::uint32_t BitField(const unsigned char* bytes, std::size_t at, std::size_t bits) {
-    std::uint64_t word = 0;
-    std::memcpy(&word, bytes + at / 8, (at % 8 + bits + 7) / 8);
-    return static_cast<std::uint32_t>(word >> at % 8 & ((std::uint64_t{1} << bits) - 1));
-}
-
 CatalogStar StarOf(const unsigned char* record) {
     return DecodeCatalogStar(
         std::span<const unsigned char, CatalogRecordBytes>(record, CatalogRecordBytes));
@@ -111,17 +104,15 @@ CatalogStar QuadTables::ReadStar(std::uint32_t place) {
 }
 
 CatalogQuad QuadTables::ReadQuad(std::uint32_t place) {
-    // The bit fields are read eight bytes at a time, even at the end, so the buffer is longer than
-    // needed.
-    std::array<unsigned char, 32> bytes{};
+    std::array<unsigned char, 16> bytes{};
     pages_.Copy(layout_.QuadStars + std::uint64_t{place} * layout_.QuadStarBytes, bytes.data(),
                 layout_.QuadStarBytes);
-    const std::uint32_t first = BitField(bytes.data(), 0, band_.PlaceBits);
+    BitReader bits(bytes.data());
+    const std::uint32_t first = bits.Take(band_.PlaceBits);
     CatalogQuad quad;
     quad.Stars[0] = ReadStar(first);
     for (std::size_t i = 1; i < quad.Stars.size(); ++i) {
-        const std::size_t at = band_.PlaceBits + (i - 1) * band_.OffsetBits;
-        quad.Stars[i] = ReadStar(first + BitField(bytes.data(), at, band_.OffsetBits));
+        quad.Stars[i] = ReadStar(first + bits.Take(band_.OffsetBits));
     }
     std::sort(quad.Stars.begin(), quad.Stars.end(), ComesBefore);
     quad.Shape = QuadOfStars(quad.Stars);

@@ -3,7 +3,6 @@
 #include <cmath>
 #include <tuple>
 
-#include "astro/libMath.h"
 #include "astro/libSphericalMath.h"
 
 namespace vestrel {
@@ -23,10 +22,28 @@ double Chord(const Direction& a, const Direction& b) {
 }  // namespace
 
 Quad QuadFromDistances(double d12, double d13, double d14, double d23, double d24, double d34) {
-    std::array<double, 7> distances = {0, d12, d13, d14, d23, d24, d34};
-    CombSort(distances, 6, [](double earlier, double later) { return earlier > later; });
-    ReverseList(distances, 6);
-    const auto ratio = [&](std::size_t i) { return distances[i + 1] / distances[1]; };
+    std::array<double, 6> distances = {d12, d13, d14, d23, d24, d34};
+    // A sorting network (Knuth, The Art of Computer Programming 3, 5.3.4): tables have millions of
+    // quads, and a sort with branches mispredicts half of them.
+    constexpr std::array<std::array<std::size_t, 2>, 12> exchanges = {{{0, 5},
+                                                                       {1, 3},
+                                                                       {2, 4},
+                                                                       {1, 2},
+                                                                       {3, 4},
+                                                                       {0, 3},
+                                                                       {2, 5},
+                                                                       {0, 1},
+                                                                       {2, 3},
+                                                                       {4, 5},
+                                                                       {1, 2},
+                                                                       {3, 4}}};
+    for (const auto& [longer, shorter] : exchanges) {
+        const double a = distances[longer];
+        const double b = distances[shorter];
+        distances[longer] = a > b ? a : b;
+        distances[shorter] = a > b ? b : a;
+    }
+    const auto ratio = [&](std::size_t i) { return distances[i] / distances[0]; };
     Quad quad;
     quad.Ratio1 = static_cast<float>(ratio(1));
     quad.Ratio2 = static_cast<float>(ratio(2));

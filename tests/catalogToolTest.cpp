@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <numbers>
@@ -295,11 +296,11 @@ std::string IndexFile(const std::vector<SkyStar>& stars, std::size_t magnitudes,
            Table("kdtree_data_stars", 12, positions) + Table("MAG_VT", 4, FitsPixels(-32, mags));
 }
 
-std::vector<SkyStar> ReadIndex(const fs::path& file) {
+std::vector<SkyStar> ReadIndex(const fs::path& file, double epoch = 2000) {
     std::vector<SkyStar> stars;
     ProgressLine silent(stdout);
     ReadIndexFile(
-        file, "", [&](const SkyStar& star) { stars.push_back(star); }, silent);
+        file, "", epoch, [&](const SkyStar& star) { stars.push_back(star); }, silent);
     return stars;
 }
 
@@ -372,6 +373,44 @@ TEST(IndexFile, DoublesAreReadAndStarsWithoutMagnitudesRankedLikeTheSky) {
     EXPECT_NEAR(read.back().Mag, 5.2, 0.5);
     WriteFile(folder / "neither", head + Table("kdtree_data_stars", 24, positions));
     EXPECT_THROW(ReadIndex(folder / "neither"), ToolFailure);
+}
+
+TEST(IndexFile, StarsWithProperMotionsAreTakenToTheEpoch) {
+    const TemporaryFolder folder;
+    const std::vector<SkyStar> stars = RandomSky(2000, 9);
+    Random random(10);
+    std::vector<double> motionsRa;
+    std::vector<double> motionsDec;
+    for (std::size_t i = 0; i < stars.size(); ++i) {
+        motionsRa.push_back(i % 10 == 0 ? NAN : random.Normal(300));
+        motionsDec.push_back(i % 10 == 5 ? 99999 : random.Normal(300));
+    }
+    const std::string tables = Table("pmra", 4, FitsPixels(-32, motionsRa)) +
+                               Table("PMDEC", 4, FitsPixels(-32, motionsDec));
+    WriteFile(folder / "index", IndexFile(stars, stars.size()) + tables);
+    const std::vector<SkyStar> read = ReadIndex(folder / "index", 2040.5);
+    ASSERT_EQ(read.size(), stars.size());
+    for (std::size_t i = 0; i < stars.size(); ++i) {
+        const auto& [ra, dec, mag] = stars[i];
+        const bool known = i % 10 != 0 && i % 10 != 5;
+        // Straight along the tangents of the parallel and of the meridian, for 25 years.
+        const double east = known ? motionsRa[i] * 0.025 * arcsecond : 0;
+        const double north = known ? motionsDec[i] * 0.025 * arcsecond : 0;
+        const double x = std::cos(dec) * std::cos(ra) - east * std::sin(ra) -
+                         north * std::sin(dec) * std::cos(ra);
+        const double y = std::cos(dec) * std::sin(ra) + east * std::cos(ra) -
+                         north * std::sin(dec) * std::sin(ra);
+        const double z = std::sin(dec) + north * std::cos(dec);
+        const SkyStar wanted{std::atan2(y, x), std::atan2(z, std::hypot(x, y)), 0};
+        ASSERT_LT(Separation(read[i], wanted), 0.002 * arcsecond) << i;
+    }
+    // At their own epoch stars stay; fewer motions than stars are no motions.
+    EXPECT_LT(Separation(ReadIndex(folder / "index", IndexEpoch)[1], stars[1]), 0.001 * arcsecond);
+    motionsRa.pop_back();
+    WriteFile(folder / "index", IndexFile(stars, stars.size()) +
+                                    Table("pmra", 4, FitsPixels(-32, motionsRa)) +
+                                    Table("pmdec", 4, FitsPixels(-32, motionsDec)));
+    EXPECT_THROW(ReadIndex(folder / "index"), ToolFailure);
 }
 
 // ---- Star databases of ASTAP ----
@@ -718,6 +757,65 @@ TEST(StarTable, TheSameStarsComeOutOfEveryDialect) {
         EXPECT_LT(Separation(outcome.Stars[1], second), 0.001 * arcsecond);
         EXPECT_EQ(outcome.Stars[0].Mag, 7.25);
         EXPECT_EQ(outcome.Stars[1].Mag, -1.5);
+    }
+}
+
+TEST(StarTable, NumbersAreThoseOfTheStandardLibrary) {
+    Random random(12);
+    const auto plain = [](std::string_view text) {
+        if (text.starts_with('+')) text.remove_prefix(1);
+        double value = 0;
+        const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
+        const bool good = result.ec == std::errc() && result.ptr == text.data() + text.size();
+        return good && std::isfinite(value) ? value : NAN;
+    };
+    std::vector<std::string> texts = {"",
+                                      "-",
+                                      "+",
+                                      ".",
+                                      "-.",
+                                      "1.",
+                                      ".5",
+                                      "-0",
+                                      "-0.0",
+                                      "+-1",
+                                      "1.2.3",
+                                      "1e5",
+                                      "1e999",
+                                      "x",
+                                      "1x",
+                                      "nan",
+                                      "-inf",
+                                      "0x10",
+                                      " 1",
+                                      "1 ",
+                                      "\xFF",
+                                      "--1",
+                                      "9007199254740991",
+                                      "9007199254740993",
+                                      "0.000000000000001",
+                                      "123456789012345",
+                                      "-999999999999999",
+                                      "0.1234567890123456",
+                                      "99999999999999999999",
+                                      "00000000000000000000001.5"};
+    for (int trial = 0; trial < 20000; ++trial) {
+        std::string text = trial % 3 == 0 ? "-" : "";
+        const int digits = random.Whole(1, 20);
+        const int point = random.Whole(-3, digits);
+        for (int i = 0; i < digits; ++i) {
+            if (i == point) text += '.';
+            text += static_cast<char>('0' + random.Whole(0, 9));
+        }
+        if (trial % 50 == 0) text[static_cast<std::size_t>(random.Whole(0, digits - 1))] = 'e';
+        texts.push_back(text);
+    }
+    for (const std::string& text : texts) {
+        const double value = FieldNumber(text);
+        const double wanted = plain(text);
+        ASSERT_EQ(std::isnan(value), std::isnan(wanted)) << text;
+        if (std::isnan(wanted)) continue;
+        ASSERT_EQ(std::memcmp(&value, &wanted, sizeof value), 0) << text;
     }
 }
 

@@ -288,7 +288,7 @@ TEST_F(ClosedLoop, FramesAreSolvedWithoutACentreAndStrangersAreNot) {
     sky.Add(CatalogStars);
     sky.Finish();
     QuadFileWriter writer(Catalog / QuadFileName, 1);
-    writer.Add(0.9 * diagonal, 1.1 * diagonal, BuildQuadList(sky, plan));
+    writer.Add(0.9 * diagonal, 1.1 * diagonal, BuildQuads(sky, plan));
     writer.Commit();
     const auto solve = [&](const FrameGeometry& geometry, const std::vector<FrameStar>& stars) {
         const auto bytes = FrameFileBytes(RenderFrame(geometry, ExposureFor(16), stars), 16, {});

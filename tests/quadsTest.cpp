@@ -8,8 +8,12 @@
 #include <cmath>
 #include <complex>
 #include <cstring>
+#include <map>
 #include <numbers>
+#include <numeric>
 #include <set>
+#include <span>
+#include <tuple>
 
 #include "astro/libMath.h"
 #include "catalogtool/libQuadBuilder.h"
@@ -23,6 +27,8 @@ namespace vestrel {
 namespace {
 
 constexpr double degree = std::numbers::pi / 180;
+
+using Four32 = std::array<std::uint32_t, 4>;
 
 PlateStar At(double x, double y) {
     return {static_cast<float>(x), static_cast<float>(y)};
@@ -56,6 +62,115 @@ TEST(QuadShape, IsTheSameForAnyPlacementMirroringAndOrder) {
     const Quad known = QuadDescriptor(At(0, 0), At(3, 0), At(0, 4), At(0, 0));
     EXPECT_FLOAT_EQ(known.QuadKey, 0.8F + 0.8F + 0.6F + 0.6F);
     EXPECT_TRUE(std::isnan(QuadDescriptor(At(1, 1), At(1, 1), At(1, 1), At(1, 1)).QuadKey));
+}
+
+TEST(QuadShape, OfSixDistancesInAnyOrderIsThatOfTheSortedOnes) {
+    // Equal distances and zeros occur when stars lie on a grid or at one place.
+    for (const std::array<double, 6>& sorted : {std::array<double, 6>{6, 5, 4, 3, 2, 1},
+                                                {5, 5, 4, 4, 3, 3},
+                                                {7, 7, 7, 7, 1, 1},
+                                                {3, 2, 2, 2, 0, 0},
+                                                {1, 0, 0, 0, 0, 0}}) {
+        std::array<double, 6> d = sorted;
+        std::sort(d.begin(), d.end());
+        do {
+            const Quad quad = QuadFromDistances(d[0], d[1], d[2], d[3], d[4], d[5]);
+            const std::array<float, 5> ratios = {quad.Ratio1, quad.Ratio2, quad.Ratio3, quad.Ratio4,
+                                                 quad.Ratio5};
+            for (std::size_t i = 0; i < ratios.size(); ++i) {
+                ASSERT_EQ(ratios[i], static_cast<float>(sorted[i + 1] / sorted[0]));
+            }
+        } while (std::next_permutation(d.begin(), d.end()));
+    }
+}
+
+TEST(BitFields, NumbersOfAnyWidthComeBackAndTouchNothingElse) {
+    Random random(8);
+    for (int trial = 0; trial < 300; ++trial) {
+        std::vector<std::pair<std::uint32_t, unsigned int>> numbers;
+        std::size_t bits = 0;
+        for (int i = random.Whole(0, 30); i > 0; --i) {
+            const auto width = static_cast<unsigned int>(random.Whole(0, 32));
+            const auto all = (std::uint64_t{1} << width) - 1;
+            const auto value = static_cast<std::uint32_t>(random.Engine()() & all);
+            numbers.emplace_back(i % 5 == 0 ? static_cast<std::uint32_t>(all) : value, width);
+            bits += width;
+        }
+        std::vector<unsigned char> bytes((bits + 7) / 8 + 1, 0xA5);
+        BitWriter writer(bytes.data());
+        for (const auto& [value, width] : numbers) writer.Put(value, width);
+        writer.End();
+        EXPECT_EQ(bytes.back(), 0xA5);
+        BitReader reader(bytes.data());
+        for (const auto& [value, width] : numbers) ASSERT_EQ(reader.Take(width), value);
+    }
+}
+
+TEST(PackedQuads, AreThoseAddedInOrderEachOnceWhateverTheOrderTheyCameIn) {
+    // As many stars as need 3, 12 and 21 bits.
+    for (const std::uint32_t starCount : {4U, 3000U, 2'000'000U}) {
+        Random random(starCount % 97);
+        std::map<std::pair<std::uint32_t, Four32>, QuadEntry> plain;
+        std::vector<QuadEntry> added;
+        for (int i = 0; i < 30000; ++i) {
+            QuadEntry entry;
+            std::uint32_t mixed = 0;
+            for (auto& star : entry.Stars) {
+                star = static_cast<std::uint32_t>(random.Engine()() % starCount);
+            }
+            std::sort(entry.Stars.begin(), entry.Stars.end());
+            for (const std::uint32_t star : entry.Stars) mixed = mixed * 2654435761U + star;
+            // The same stars have the same shape. One cell is crowded, so that its group needs
+            // several pieces of memory.
+            entry.Cell = mixed % 3 == 0 ? 700 : mixed % ShapeCells;
+            entry.Shape = ~mixed;
+            entry.Key = static_cast<float>(mixed % 10);
+            plain.insert({{entry.Cell, entry.Stars}, entry});
+            added.push_back(entry);
+            if (i % 4 == 0) added.push_back(entry);
+        }
+        // Stars get their numbers in the table in another order.
+        std::vector<std::uint32_t> numbers(starCount);
+        std::iota(numbers.begin(), numbers.end(), 0);
+        std::shuffle(numbers.begin(), numbers.end(), random.Engine());
+        std::shuffle(added.begin(), added.end(), random.Engine());
+        PackedQuads packed(starCount);
+        const std::span<const QuadEntry> all(added);
+        packed.Add(all.first(added.size() / 2));
+        packed.Add(all.subspan(added.size() / 2));
+        packed.Finish(numbers);
+
+        ASSERT_EQ(packed.Count(), plain.size());
+        auto expected = plain.begin();
+        std::uint32_t place = 0;
+        std::uint32_t farthest = 0;
+        std::tuple<float, Four32> greatest{-1, {}};
+        std::uint32_t last = 0;
+        packed.ForEach([&](const QuadEntry& entry) {
+            const QuadEntry& wanted = expected->second;
+            ASSERT_EQ(entry.Cell, wanted.Cell);
+            ASSERT_EQ(entry.Shape, wanted.Shape);
+            Four32 stars{};
+            for (std::size_t k = 0; k < 4; ++k) stars[k] = numbers[wanted.Stars[k]];
+            std::sort(stars.begin(), stars.end());
+            ASSERT_EQ(entry.Stars, stars);
+            ASSERT_LE(packed.Starts()[entry.Cell], place);
+            ASSERT_GT(packed.Starts()[entry.Cell + 1], place);
+            farthest = std::max(farthest, stars[3] - stars[0]);
+            ++place;
+            if (std::tuple(wanted.Key, wanted.Stars) > greatest) {
+                greatest = {wanted.Key, wanted.Stars};
+                last = place;
+            }
+            ++expected;
+        });
+        EXPECT_EQ(packed.Last(), last);
+        EXPECT_EQ(packed.Farthest(), farthest);
+    }
+    PackedQuads none(0);
+    none.Finish({});
+    EXPECT_EQ(none.Count(), 0U);
+    EXPECT_EQ(none.Last(), 0U);
 }
 
 /// Writes a list as the only band of a file and opens it.
@@ -223,7 +338,21 @@ class QuadSkyTest : public testing::Test {
         return made;
     }
     static const QuadList& List() {
-        static const QuadList list = BuildQuadList(Sky(), Plans().front());
+        static const QuadList list = [] {
+            QuadDraft draft = BuildQuads(Sky(), Plans().front());
+            QuadList made;
+            std::vector<std::uint32_t> numbers;
+            for (std::size_t i = 0; i < draft.Stars.size(); ++i) {
+                numbers.push_back(static_cast<std::uint32_t>(made.Stars.size()));
+                if (draft.InTable[i]) made.Stars.push_back(draft.Stars[i]);
+            }
+            draft.Quads.Finish(numbers);
+            draft.Quads.ForEach([&](const QuadEntry& quad) {
+                Four& stars = made.Quads.emplace_back();
+                for (std::size_t k = 0; k < 4; ++k) stars[k] = static_cast<int>(quad.Stars[k]);
+            });
+            return made;
+        }();
         return list;
     }
     static FrameGeometry Frame(double up = 0, bool mirrored = false) {
@@ -427,8 +556,8 @@ TEST_F(QuadSkyTest, TablesDoNotDependOnThreadsAndSurviveTheirFileOrAreRefused) {
         const ThreadsForNow now(threads);
         std::filesystem::remove(path);
         QuadFileWriter writer(path, 2);
-        writer.Add(0.01, 0.02, {});
-        writer.Add(0.04, 0.06, BuildQuadList(Sky(), Plans().front()));
+        writer.Add(0.01, 0.02, QuadList());
+        writer.Add(0.04, 0.06, BuildQuads(Sky(), Plans().front()));
         EXPECT_FALSE(std::filesystem::exists(path));
         writer.Commit();
         if (bytes.empty()) bytes = ReadFile(path);
