@@ -38,6 +38,7 @@ bool EveryDecoderApart::Demanded() {
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <vector>
 
@@ -320,7 +321,8 @@ class Receiver {
             pollfd waited{socket_, POLLIN, 0};
             const int ready = poll(&waited, 1, longestSilence_);
             if (ready < 0 && errno == EINTR) continue;
-            if (ready <= 0) BrokenOff();
+            if (ready < 0 || (ready == 0 && !IsWorking())) BrokenOff();
+            if (ready == 0) continue;
             const ssize_t more =
                 recv(socket_, reinterpret_cast<char*>(&announced) + got, sizeof announced - got, 0);
             if (more < 0 && errno == EINTR) continue;
@@ -332,10 +334,27 @@ class Receiver {
         taken_ = 0;
     }
 
+    /// Whether the child has used the processor since the last time. On a busy machine it may have
+    /// to be waited for; what it may use in all is limited.
+    bool IsWorking() {
+        clockid_t clock{};
+        timespec used{};
+        if (clock_getcpuclockid(child_, &clock) != 0 || clock_gettime(clock, &used) != 0) {
+            return false;
+        }
+        constexpr double least = 0.1;  // seconds
+        const double seconds =
+            static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
+        const bool works = seconds > usedSeconds_ + least;
+        usedSeconds_ = seconds;
+        return works;
+    }
+
     pid_t child_;
     int socket_;
     const SharedParts& parts_;
-    int longestSilence_;  ///< milliseconds
+    int longestSilence_;      ///< milliseconds
+    double usedSeconds_ = 0;  ///< the child's processor time when it was last silent
     std::uint64_t part_ = 0;
     std::size_t held_ = 0;  ///< bytes of that part, and how many of them were taken
     std::size_t taken_ = 0;

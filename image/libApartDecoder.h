@@ -18,7 +18,7 @@ struct ApartLimits {
     std::uint64_t Memory = std::uint64_t{6} << 30;  ///< bytes, beside what this process has mapped
     /// Twice what the largest picture takes (a quarter of a billion pixels packed by HCOMPRESS).
     std::uint64_t ProcessorSeconds = 30;
-    int SilenceMilliseconds = 20000;  ///< between two pieces that it sends
+    int SilenceMilliseconds = 20000;  ///< without work, between two pieces that it sends
 };
 
 /// Runs `decode` in a child process and passes every call that it makes to `sink`.

@@ -1,6 +1,7 @@
 #include "image/libDescription.h"
 
 #include <algorithm>
+#include <charconv>
 #include <nlohmann/json.hpp>
 
 #include "image/libFitsCards.h"
@@ -78,6 +79,23 @@ void PassDescription(std::string_view text, CardSink& sink) {
         const std::size_t end = std::min(text.find('\n'), text.size());
         PassLine(text.substr(0, end), sink);
         text.remove_prefix(std::min(end + 1, text.size()));
+    }
+}
+
+void PassNamedText(std::string_view name, std::string_view text, CardSink& sink) {
+    constexpr std::size_t longestValue = 68;
+    const bool oneLine = std::all_of(text.begin(), text.end(), [](char c) { return c >= ' '; });
+    if (!IsKeyword(name) || !oneLine || text.empty() || text.size() > longestValue ||
+        text.front() == '\'') {
+        PassDescription(std::string(name).append(" = ").append(text), sink);
+        return;
+    }
+    double number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error == std::errc() && end == text.data() + text.size()) {
+        sink.NumberCard(name, number, {});
+    } else {
+        sink.TextCard(name, text, {});
     }
 }
 

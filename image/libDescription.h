@@ -12,4 +12,8 @@ namespace vestrel {
 /// first MiB counts.
 void PassDescription(std::string_view text, CardSink& sink);
 
+/// Passes on a text that has a name: as the card of that keyword when the name can be one, else as
+/// a description.
+void PassNamedText(std::string_view name, std::string_view text, CardSink& sink);
+
 }  // namespace vestrel

@@ -82,7 +82,7 @@ using ModuleEntry = void(const unsigned char* bytes, std::size_t length, Picture
 ModuleEntry* EntryOf(const ImageFormat& format, std::string& reason) {
     const std::string module = std::string("decode-") + format.Decoder;
     if (!HasModule(module)) {
-        reason = "This Vestrel was built without a decoder for it: save it as FITS or JPEG.";
+        reason = "This Vestrel was built without a decoder for it: save it as 16-bit FITS or JPEG.";
         return nullptr;
     }
     auto* const version =

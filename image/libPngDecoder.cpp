@@ -126,7 +126,7 @@ void DecodePng(std::span<const unsigned char> file, PictureSink& sink) {
         if (key == "Description" || key == "Comment" || key.size() > 8) {
             PassDescription(texts[i].text, sink);
         } else {
-            PassDescription(std::string(key) + " = " + texts[i].text, sink);
+            PassNamedText(key, texts[i].text, sink);
         }
     }
     png_uint_32 exifLength = 0;

@@ -346,6 +346,11 @@ void DecodeTiff(std::span<const unsigned char> file, PictureSink& sink) {
         description != nullptr) {
         facts.Description = description;
     }
+    std::uint16_t orientation = 0;  // of files whose directories are not those of EXIF
+    if (facts.Orientation == 1 && TIFFGetField(tiff, TIFFTAG_ORIENTATION, &orientation) != 0 &&
+        orientation >= 1 && orientation <= 8) {
+        facts.Orientation = orientation;
+    }
     PassCameraFacts(facts, std::max(layout.Width, layout.Height), sink);
     PassText(tiff, TIFFTAG_DATETIME, "DATE", sink);
     PassText(tiff, TIFFTAG_SOFTWARE, "SWCREATE", sink);

@@ -1,17 +1,12 @@
-// From the samples of a decoder to counts: fast kernels against plain ones, and the process in
-// which decoders run.
+// From the samples of a decoder to counts: fast kernels against plain ones.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <limits>
-#include <numeric>
 
-#include "image/libApartDecoder.h"
 #include "image/libPictureBuilder.h"
 #include "tests/testSupport.h"
 #include "tests/vectorsForNow.h"
@@ -353,160 +348,6 @@ TEST(StoredSamples, OfSixtyFourBitsAreTakenForNumbersAndAFileThatEndsTooEarlyIsR
     file.pop_back();
     EXPECT_THROW(read(file), DecodeFault);
 }
-
-#ifndef _WIN32  // where decoders run in this process
-
-/// Everything that a sink was told, as text.
-class Recorder final : public PictureSink {  // NOLINT(*-virtual-class-destructor): final
- public:
-    void Start(const PictureShape& shape) override {
-        shape_ = shape;
-        Told += "start " + std::to_string(shape.Width) + "x" + std::to_string(shape.Height) + "x" +
-                std::to_string(shape.Channels) + (shape.TopRowFirst ? " top\n" : "\n");
-    }
-    void Row(std::int64_t y, const void* samples) override {
-        const auto* bytes = static_cast<const unsigned char*>(samples);
-        const std::size_t length =
-            static_cast<std::size_t>(shape_.Width * shape_.Channels) * SampleBytes(shape_.Kind);
-        Told += "row " + std::to_string(y) + " " +
-                std::to_string(std::accumulate(
-                    bytes, bytes + length, std::uint64_t{0},
-                    [](std::uint64_t sum, unsigned char byte) { return sum * 1000003 + byte; })) +
-                "\n";
-    }
-    void Stored(const StoredSamples& samples) override {
-        Told += "stored " + std::to_string(samples.Start) + (samples.BigEndian ? " big" : "") +
-                (samples.Planar ? " planar" : "") + (samples.LastRowFirst ? " last" : "") +
-                (samples.TopBitFlipped ? " flipped" : "") +
-                (samples.WholeNumbers ? " whole\n" : "\n");
-    }
-    void Card(std::string_view card) override { Told.append("card ").append(card).append("\n"); }
-    void TextCard(std::string_view keyword, std::string_view text,
-                  std::string_view comment) override {
-        Told.append(keyword).append("=").append(text).append("/").append(comment).append("\n");
-    }
-    void NumberCard(std::string_view keyword, double value, std::string_view comment) override {
-        TextCard(keyword, std::to_string(value), comment);
-    }
-    void Remark(std::string text) override { Told += "remark " + text + "\n"; }
-    void Orientation(int value) override { Told += "turn " + std::to_string(value) + "\n"; }
-
-    std::string Told;
-
- private:
-    PictureShape shape_;
-};
-
-/// A picture larger than all shared memory, and every kind of call about it.
-std::string TellAll(PictureSink& sink) {
-    sink.Start({9001, 60, 3, SampleKind::UInt16, 16, false});
-    std::vector<std::uint16_t> row(9001 * 3);
-    for (int y = 59; y >= 0; --y) {
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            row[i] = static_cast<std::uint16_t>(i * 31 + static_cast<std::size_t>(y) * 7);
-        }
-        sink.Row(y, row.data());
-    }
-    sink.Card("SIMPLE  = T");
-    sink.TextCard("OBJECT", "M 31", "a galaxy");
-    sink.NumberCard("EXPTIME", 2.5, "");
-    sink.Remark("Something was left out.");
-    sink.Orientation(6);
-    sink.Stored({1234567890123, true, false, true, false, true});
-    sink.Stored({5, false, true, false, true, false});
-    return {};
-}
-
-TEST(DecodingApart, TellsTheParentWhatTheDecoderTold) {
-    Recorder here;
-    TellAll(here);
-    Recorder apart;
-    DecodeApart(TellAll, apart);
-    EXPECT_EQ(apart.Told, here.Told);
-    EXPECT_GT(here.Told.size(), 1000U);
-}
-
-TEST(DecodingApart, EndsInAFaultHoweverTheDecoderEnds) {
-    const PictureShape shape{100, 100, 1, SampleKind::UInt8, 8, true};
-    const std::vector<unsigned char> row(100, 7);
-    const auto fault = [](const DecodeCall& decode) -> std::string {
-        Recorder sink;
-        try {
-            DecodeApart(decode, sink);
-        } catch (const DecodeFault& caught) {
-            return caught.what();
-        }
-        return "none";
-    };
-    EXPECT_EQ(fault([&](PictureSink& sink) {
-                  sink.Start(shape);
-                  sink.Row(0, row.data());
-                  return "It is damaged.";
-              }),
-              "It is damaged.");
-    const std::string broken = "Its packed pixels are damaged: the decoder broke off.";
-    const std::vector<DecodeCall> ends = {
-        [](PictureSink&) -> std::string { std::abort(); },
-        [](PictureSink&) -> std::string { std::_Exit(0); },
-        [](PictureSink&) -> std::string { throw 5; },
-        [&](PictureSink& sink) -> std::string {
-            sink.Start(shape);
-            sink.Row(0, row.data());
-            raise(SIGSEGV);
-            return {};
-        },
-        // What a decoder that has lost its way might tell.
-        [&](PictureSink& sink) -> std::string {
-            sink.Start(shape);
-            sink.Row(100, row.data());
-            return {};
-        },
-        [&](PictureSink& sink) -> std::string {
-            sink.Start(shape);
-            sink.Start(shape);
-            return {};
-        },
-        [](PictureSink& sink) -> std::string {
-            sink.Start({std::int64_t{1} << 40, 1, 1, SampleKind::UInt8, 8, true});
-            return {};
-        },
-        [](PictureSink& sink) -> std::string {
-            const std::string text(1 << 20, 'x');
-            for (int n = 0; n < 100; ++n) sink.Remark(text);
-            return {};
-        }};
-    for (std::size_t n = 0; n < ends.size(); ++n) EXPECT_EQ(fault(ends[n]), broken) << n;
-}
-
-/// Does not want what it is told.
-class Refuser final : public PictureSink {  // NOLINT(*-virtual-class-destructor): final
- public:
-    void Start(const PictureShape& /*shape*/) override {}
-    void Row(std::int64_t y, const void* /*samples*/) override {
-        if (y == 3) throw DecodeFault("Enough.");
-    }
-    void Stored(const StoredSamples& /*samples*/) override {}
-    void Card(std::string_view /*card*/) override {}
-    void TextCard(std::string_view /*keyword*/, std::string_view /*text*/,
-                  std::string_view /*comment*/) override {}
-    void NumberCard(std::string_view /*keyword*/, double /*value*/,
-                    std::string_view /*comment*/) override {}
-    void Remark(std::string /*text*/) override {}
-    void Orientation(int /*value*/) override {}
-};
-
-TEST(DecodingApart, StopsWhenTheParentWantsNoMore) {
-    Refuser sink;
-    const auto decode = [](PictureSink& to) -> std::string {
-        to.Start({30000, 30000, 1, SampleKind::UInt16, 16, true});
-        const std::vector<std::uint16_t> row(30000);
-        for (int y = 0; y < 30000; ++y) to.Row(y, row.data());
-        return {};
-    };
-    EXPECT_THROW(DecodeApart(decode, sink), DecodeFault);
-}
-
-#endif
 
 }  // namespace
 }  // namespace vestrel

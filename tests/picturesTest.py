@@ -175,6 +175,28 @@ def tiff(samples, big=False, huge=False, planar=False, tile=None, rows_per_strip
     return head + body + directory + extra
 
 
+def exif(main, sub=(), big=False, sub_at=None):
+    """A block of two directories, of (tag, form, values or bytes), as JPEG and PNG hold it."""
+    mark, sizes = ">" if big else "<", {1: "B", 2: "s", 3: "H", 4: "I", 5: "I"}
+
+    def directory(entries, at):
+        heads, values = struct.pack(mark + "H", len(entries)), b""
+        for tag, form, data in entries:
+            count = len(data) // 2 if form == 5 else len(data)
+            if not isinstance(data, bytes):
+                data = struct.pack(f"{mark}{len(data)}{sizes[form]}", *data)
+            if len(data) > 4:
+                data, values = struct.pack(mark + "I", at + 6 + 12 * len(entries) + len(values)), values + data
+            heads += struct.pack(mark + "HHI", tag, form, count) + data.ljust(4, b"\0")
+        return heads + bytes(4) + values
+
+    main = [*main, (0x8769, 4, [0])]
+    second = 8 + len(directory(main, 8))
+    main[-1] = (0x8769, 4, [second if sub_at is None else sub_at])
+    head = (b"MM\0*" if big else b"II*\0") + struct.pack(mark + "I", 8)
+    return head + directory(main, 8) + directory(list(sub), second)
+
+
 def library(name):
     found = ctypes.util.find_library(name)
     return ctypes.CDLL(found) if found else None
@@ -543,6 +565,118 @@ class Pictures(unittest.TestCase):
                 first = (real[..., 0] + real[..., 1] + real[..., 2]) / np.float32(3)
             table.append(("real" + name, xisf(real, codec, bool(codec), planar, big), as_counts(first)))
         self.judge(table)
+
+    # What is said about a picture
+
+    @staticmethod
+    def cards_of(shown):
+        return {card[:8].strip(): card[9:].split(" / ")[0].strip().strip("'").strip() for card in shown["cards"]}
+
+    @staticmethod
+    def jpeg_with(block):
+        file = io.BytesIO()
+        Image.new("L", (W, H), 40).save(file, "JPEG", exif=b"Exif\0\0" + block)
+        return file.getvalue()
+
+    def test_exif_of_any_camera_is_read_and_of_a_damaged_one_what_is_whole(self):
+        usual_main = [(0x10F, 2, b"Maker\0"), (0x110, 2, b"Maker Model 5\0"), (0x112, 3, [6])]
+        usual_sub = [(0x829A, 5, [5, 2]), (0x8827, 3, [1600]), (0x9003, 2, b"2024:05:03 21:04:05\0"),
+                     (0x920A, 5, [135, 1])]
+        usual = {"INSTRUME": "Maker Model 5", "EXPTIME": "2.5", "ISOSPEED": "1600", "FOCALLEN": "135",
+                 "DATE-OBS": "2024-05-03T21:04:05"}
+        no_time = {key: value for key, value in usual.items() if key != "DATE-OBS"}
+
+        def sub_with(tag, form, data):
+            return [entry for entry in usual_sub if entry[0] != tag] + [(tag, form, data)]
+
+        def main_with(tag, form, data):
+            return [entry for entry in usual_main if entry[0] != tag] + [(tag, form, data)]
+
+        whole = exif(usual_main, usual_sub)
+        resolution = [*usual_sub, (0xA20E, 5, [2000, 1]), (0xA210, 3, [3]), (0xA002, 4, [4 * W])]
+        inches = [*usual_sub, (0xA20E, 5, [5080, 1]), (0xA002, 3, [W])]
+        table = [  # name, block, orientation, cards
+            ("little", whole, 6, usual), ("big", exif(usual_main, usual_sub, True), 6, usual),
+            ("no maker", exif(main_with(0x10F, 2, b"\0"), usual_sub), 6, usual),
+            ("other maker", exif(main_with(0x10F, 2, b"Firm Ltd\0"), usual_sub), 6,
+             usual | {"INSTRUME": "Firm Ltd Maker Model 5"}),
+            ("long for short", exif(main_with(0x112, 4, [8]), usual_sub), 8, usual),
+            ("no turn", exif(main_with(0x112, 3, [0]), usual_sub), 1, usual),
+            ("no such turn", exif(main_with(0x112, 3, [9]), usual_sub), 1, usual),
+            ("turn as a text", exif(main_with(0x112, 2, b"6\0"), usual_sub), 1, usual),
+            ("divided by nothing", exif(usual_main, sub_with(0x829A, 5, [1, 0])), 6,
+             {**usual, "EXPTIME": None}),
+            ("exposure of nothing", exif(usual_main, sub_with(0x829A, 5, [0, 7])), 6, {**usual, "EXPTIME": None}),
+            ("clock not set", exif(usual_main, sub_with(0x9003, 2, b"0000:00:00 00:00:00\0")), 6,
+             {**no_time, "DATE-OBS": None}),
+            ("time of another form", exif(usual_main, sub_with(0x9003, 2, b"2024-05-03T21:04:05\0")), 6,
+             {**no_time, "DATE-OBS": None}),
+            ("text without an end", exif(usual_main, sub_with(0x9003, 2, b"2024:05:03 21:04:05")), 6, usual),
+            ("text of other letters", exif(main_with(0x110, 2, "Maker M\u00fc\0".encode()), usual_sub), 6, no_time),
+            ("pointing at itself", exif(usual_main, usual_sub, sub_at=8), 6,
+             {"INSTRUME": "Maker Model 5", "EXPTIME": None}),
+            ("pointing outside", exif(usual_main, usual_sub, sub_at=0xFFFFFFF0), 6,
+             {"INSTRUME": "Maker Model 5", "EXPTIME": None}),
+            ("more entries than bytes", whole[:8] + b"\xff\xff" + whole[10:], 6, usual),
+            ("a smaller picture's sensor", exif(usual_main, resolution), 6, {**usual, "XPIXSZ": "20"}),
+            ("resolution in inches", exif(usual_main, inches), 6, {**usual, "XPIXSZ": "5"})]
+        # Cut off anywhere: what is whole may be there, nothing else.
+        cuts = [(f"cut{n}", whole[:n]) for n in range(0, len(whole), 7)]
+        shown = self.read({f"{name}.jpg": self.jpeg_with(block) for name, block, *_ in [*table, *cuts]})
+        for name, _, orientation, cards in table:
+            with self.subTest(name):
+                found = self.cards_of(shown[f"{name}.jpg"])
+                self.assertEqual(shown[f"{name}.jpg"]["orientation"], orientation)
+                for key, value in cards.items():
+                    if name == "text of other letters" and key == "INSTRUME":
+                        self.assertTrue(found[key].startswith("Maker M") and found[key].isascii())
+                    elif value is None or not value[0].isdigit() or key == "DATE-OBS":
+                        self.assertEqual(found.get(key), value, key)
+                    else:
+                        self.assertAlmostEqual(float(found[key]), float(value), 6, key)
+        for name, _ in cuts:
+            found = shown[f"{name}.jpg"]
+            self.assertIn(found["orientation"], (1, 6))
+            for key, value in self.cards_of(found).items():
+                if key in ("EXPTIME", "ISOSPEED", "FOCALLEN"):
+                    self.assertAlmostEqual(float(value), float(usual[key]))
+        for n in range(1, 9):
+            name = f"turned{n}.jpg"
+            found = self.read({name: self.jpeg_with(exif(main_with(0x112, 3, [n]), usual_sub))})[name]
+            self.assertEqual(found["orientation"], n)
+            self.assertEqual(any("wants it shown" in remark for remark in found["remarks"]), n > 1)
+
+    def test_the_cards_of_every_format_are_the_same_record(self):
+        cards = {"OBJECT": "M 31", "RA": 10.68, "DEC": -41.25, "FOCALLEN": 500.0, "XPIXSZ": 3.76}
+        counts = sky().astype(np.uint16)
+        text = json.dumps(cards)
+        header = fits.Header(cards)
+        plain = header.tostring(sep="\n", endcard=True, padding=False)
+        files = {}
+        if "tiff" in DECODERS:
+            for name, words in (("json", text), ("header", plain)):
+                for huge in (False, True):
+                    files[f"{name}{huge}.tif"] = tiff(counts, huge=huge, tags=[
+                        (270, 2, words.encode() + b"\0"), (274, 3, [8])])
+        if "png" in DECODERS:
+            for name, words in (("json", text), ("header", plain)):
+                files[f"{name}.png"] = png(counts[..., None], 16, 0, text=[("Description", words)])
+            files["keys.png"] = png(counts[..., None], 16, 0, text=[(k, str(v)) for k, v in cards.items()])
+        if "xisf" in DECODERS:
+            files["a.xisf"] = xisf(counts[..., None], cards=[
+                (k, f"'{v}'" if isinstance(v, str) else v, "") for k, v in cards.items()])
+        if "fits" in DECODERS:
+            files["a.fits"] = self.fits(fits.PrimaryHDU(counts.astype(np.int64), header))
+            files["a.fits.fz"] = self.fits(fits.PrimaryHDU(), fits.CompImageHDU(counts, header))
+            files["primary.fits"] = self.fits(fits.PrimaryHDU(header=header), fits.ImageHDU(counts))
+        for name, shown in self.read(files).items():
+            with self.subTest(name):
+                found = self.cards_of(shown)
+                self.assertEqual(found.get("OBJECT"), "M 31")
+                for key in ("RA", "DEC", "FOCALLEN", "XPIXSZ"):
+                    self.assertAlmostEqual(float(found[key]), cards[key], 9)
+                if name.endswith(".tif"):
+                    self.assertEqual(shown["orientation"], 8)
 
 
 if __name__ == "__main__":
