@@ -126,7 +126,7 @@ class Batch(unittest.TestCase):
             now = journal.read_bytes()
             self.assertTrue(now.startswith(b"".join(damaged)))
             self.assertEqual(now.count(b"\n"), len(lines) + 4)
-            whole = self.work / "whole.jsonl"
+            whole = self.work / "valid.jsonl"
             whole.write_bytes(b"".join(line for number, line in enumerate(now.splitlines(keepends=True))
                                        if number not in hurt))
             self.assertEqual(killBatch.check(whole, self.truth, False), [])
