@@ -13,6 +13,7 @@
 #include "astro/libStrings.h"
 #include "platform/libConsole.h"
 #include "platform/libFiles.h"
+#include "server/libDigest.h"
 #include "server/libFormData.h"
 #include "server/novaReplies.h"
 
@@ -48,18 +49,6 @@ std::string RandomToken() {
     constexpr int length = 32;
     for (int i = 0; i < length; ++i) token += "0123456789abcdef"[source() % 16];
     return token;
-}
-
-/// A value to tell uploads apart, which nobody checks: FNV-1a of 64 bits, padded to the length of a
-/// SHA-1.
-std::string DigestOf(std::string_view bytes) {
-    std::uint64_t hash = 14695981039346656037U;
-    for (const char c : bytes) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211U;
-    std::array<char, 17> digits{};
-    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), hash, 16);
-    std::string text(digits.data(), end.ptr);
-    constexpr std::size_t length = 40;
-    return std::string(length - text.size(), '0') + text;
 }
 
 /// The name in an address "name:port", also "[::1]:80".
@@ -305,7 +294,7 @@ class NovaServer::Routes {
     void Take(Response& response, const NovaRequest& request, const std::string& name,
               std::string_view picture) {
         const int id = queue_.Submit(request, name.empty() ? "picture" : name, picture);
-        Reply(response, {{"status", "success"}, {"subid", id}, {"hash", DigestOf(picture)}});
+        Reply(response, {{"status", "success"}, {"subid", id}, {"hash", Sha1Of(picture)}});
     }
 
     using JobHandler = std::function<void(const JobReport&, Response&)>;

@@ -5,6 +5,7 @@ Environment: VESTREL_SERVER the program; VESTREL_CATALOG_TOOL the one that draws
 VESTREL_TEST_CATALOG a real catalog (else the usual folder).
 """
 import concurrent.futures
+import hashlib
 import http.client
 import io
 import json
@@ -156,6 +157,11 @@ class Server(unittest.TestCase):
         (self.folder / "new.fits").write_bytes(written)
         numpy.testing.assert_array_equal(fits.getdata(self.folder / "new.fits"), fits.getdata(self.frame))
         self.assertAlmostEqual(float(WCS(fits.getheader(self.folder / "new.fits")).wcs.crval[0]), RA, delta=1e-3)
+        # The hash is SHA-1, whatever length a block of it ends at.
+        self.assertEqual(reply["hash"], hashlib.sha1(picture).hexdigest())
+        for length in (0, 1, 55, 56, 63, 64, 65, 119, 120, 128):
+            small = picture[:length]
+            self.assertEqual(self.upload(small)[1]["hash"], hashlib.sha1(small).hexdigest(), length)
         # What is no picture fails, with a reason.
         number = self.upload(b"no picture")[1]["subid"]
         self.assertEqual(self.result(number), "failure")

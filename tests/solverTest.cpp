@@ -183,6 +183,10 @@ TEST(Solver, TellsWhyThereIsNoSolution) {
               std::string::npos)
         << off.Reason;
     EXPECT_NE(off.CauseKind, "") << "the pixels are good: so the place is not";
+    elsewhere.FindCause = false;
+    const SolverOutcome hurried = solver.Solve(TextFromPath(sky.Frame), elsewhere);
+    EXPECT_EQ(hurried.End, off.End);
+    EXPECT_EQ(hurried.CauseKind + hurried.Cause, "");
     EXPECT_TRUE(solver.Solve(TextFromPath(sky.Frame), sky.Near).Cause.empty());
 
     SolverSettings nowhere;
