@@ -1,0 +1,248 @@
+// What a plan leaves behind: which hint and attempt gave the solution, and all else as it was.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "astro/libMath.h"
+#include "catalog/libCatalogRegion.h"
+#include "matching/libQuadFile.h"
+#include "program/mFailureCause.h"
+#include "program/mImageData.h"
+#include "program/mMORA.h"
+#include "program/mPlanAttempts.h"
+#include "program/mSearchPlan.h"
+#include "program/mSolutionTable.h"
+#include "tests/skySupport.h"
+#include "tests/testSupport.h"
+
+namespace vestrel {
+namespace {
+
+constexpr double field = side * scale / SolveArcsecondsPerRadian;  // radians
+constexpr double away = 30 * field;
+
+class PlanOfASmallSky : public testing::Test {
+ protected:
+    PlanOfASmallSky() {
+        Stars = MakeSky(Folder / "catalog", Folder / "frame.fit");
+        // Other stars where the frame is not.
+        Random random(52);
+        Projection plane;
+        plane.SetProjectionCentre(Hint(away).Centre, SolveArcsecondsPerRadian);
+        std::vector<CatalogStar> all = Stars;
+        for (int i = 0; i < 120; ++i) {
+            const auto [ra, dec] =
+                plane.PlaneToSky(random.Between(-500, 500), random.Between(-500, 500));
+            all.push_back({static_cast<float>(ra), static_cast<float>(dec),
+                           static_cast<std::int16_t>(random.Whole(1200, 1500))});
+        }
+        std::stable_sort(all.begin(), all.end(),
+                         [](const CatalogStar& a, const CatalogStar& b) { return a.Mag < b.Mag; });
+        WriteCatalog(Folder / "catalog", all);
+        State.Catalog.Folder = Folder / "catalog";
+        OpenImage(State, Port, TextFromPath(Folder / "frame.fit"));
+    }
+    static SearchHint Hint(double offset, double size = field) {
+        return {{centre.Ra + offset, centre.Dec}, size, size, 1};
+    }
+    SolveCode Solve(const SearchRequest& request) {
+        return SolveByPlan(State, Port, request, Report);
+    }
+    std::vector<std::string> Attempts() const {
+        std::vector<std::string> names;
+        for (const PlanAttempt& attempt : Report.Attempts) names.push_back(attempt.Name);
+        return names;
+    }
+
+    TemporaryFolder Folder;
+    std::vector<CatalogStar> Stars;
+    ProgramState State;
+    RecordingPort Port{State};
+    PlanReport Report;
+};
+
+TEST_F(PlanOfASmallSky, TheHintAndTheAttemptThatGaveItAreNamed) {
+    SearchRequest request;
+    request.Around = {Hint(away), Hint(0)};
+    std::vector<std::string> told;
+    request.OnAttempt = [&](const std::string& name) { told.push_back(name); };
+    ASSERT_EQ(Solve(request), SolveCode::Solved);
+    EXPECT_EQ(Report.Start, 1U);
+    EXPECT_EQ(Report.SolvedBy, "search");
+    EXPECT_EQ(Attempts(), (std::vector<std::string>{"search", "short side", "search"}));
+    EXPECT_EQ(told, Attempts());
+    EXPECT_TRUE(Report.Attempts.back().Sure);
+    EXPECT_FALSE(Report.Attempts.front().Sure);
+    EXPECT_FALSE(Report.Candidate);
+    EXPECT_NEAR(State.Solution->CentreDec, centre.Dec, 1e-5);
+
+    request.Around = {Hint(0)};
+    request.Around[0].Briefly = true;
+    ASSERT_EQ(Solve(request), SolveCode::Solved);
+    EXPECT_EQ(Report.Start, 0U) << "nothing of the plan before is left";
+    EXPECT_EQ(Attempts().size(), 1U);
+}
+
+TEST_F(PlanOfASmallSky, AFailureReportsThePlainSearchAndKeepsTheStars) {
+    SearchRequest request;
+    request.Around = {Hint(away)};
+    ASSERT_EQ(Solve(request), SolveCode::NoMatch);
+    EXPECT_GT(Report.Attempts.size(), 3U) << "seeds were tried too";
+    EXPECT_FALSE(State.Solution);
+    EXPECT_FALSE(Report.Start);
+    EXPECT_TRUE(Report.SolvedBy.empty());
+    EXPECT_NEAR(State.Report.SearchRadius, field / std::sqrt(2), 1e-12)
+        << "not that of the search of a part of the field";
+    EXPECT_EQ(State.Report.MagnitudeLimit, MagnitudeLimitFor(State.Report.SearchRadius));
+    EXPECT_FALSE(State.Report.Blind);
+    const auto& extracted = Report.Lists[static_cast<std::size_t>(StarSource::Extracted)];
+    ASSERT_TRUE(extracted);
+    EXPECT_EQ(State.PlateStars.Count(), extracted->Count());
+    EXPECT_EQ(State.Display.Status.Text, "No Match Found");
+    EXPECT_EQ(State.Display.Status.Colour, StatusColour::Red);
+}
+
+TEST_F(PlanOfASmallSky, GivenStarsAreThoseOfTheSolutionAndOnlyTheBrightestAreUsed) {
+    SearchRequest request;
+    request.Around = {Hint(0)};
+    Projection plane;
+    plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
+    PlateStarList given;
+    for (const CatalogStar& star : Stars) {
+        double xi = 0;
+        double eta = 0;
+        plane.SkyToPlane(PositionOf(star), xi, eta);
+        given.Add({static_cast<float>((side - 1) / 2.0 + xi / scale),
+                   static_cast<float>((side - 1) / 2.0 + eta / scale),
+                   static_cast<float>(std::pow(10, 0.4 * (21.5 - star.Mag / 100.0))), 0, 0});
+    }
+    Random random(51);
+    while (given.Count() < 400) {
+        const auto x = static_cast<float>(random.Between(0, side));
+        given.Add({x, static_cast<float>(random.Between(0, side)), 1, 0, 0});
+    }
+    request.Stars = given;
+    ASSERT_EQ(Solve(request), SolveCode::Solved);
+    EXPECT_EQ(State.PlateStars.Count(), MaxExtractedStars);
+    EXPECT_EQ(State.Extraction.StarsFound, 400);
+    EXPECT_EQ(State.Solution->ExtractedCount, 400);
+    EXPECT_LT(State.Solution->Rms, 0.1) << "the pixels were not asked";
+    EXPECT_FALSE(State.BackgroundRemoved);
+    // Sizes and places within the lists stay: a replay has the same outcome.
+    SearchRequest again = request;
+    again.Lists = Report.Lists;
+    again.Stars.reset();
+    ASSERT_EQ(Solve(again), SolveCode::Solved);
+    EXPECT_LT(State.Solution->Rms, 0.1);
+
+    request.Stars->Resize(3);
+    EXPECT_EQ(Solve(request), SolveCode::TooFewStars);
+    EXPECT_EQ(State.Display.Status1.Text, "Insufficient Plate Stars");
+}
+
+TEST_F(PlanOfASmallSky, LookingForTheCauseLeavesTheStateAsItWas) {
+    WriteQuadTables(Folder / "catalog", Stars, 40, 0.003, 0.006);
+    SearchRequest request;
+    request.Around = {Hint(away)};
+    request.TimeLimit = 60;
+    request.Diagonals = {field * std::sqrt(2)};
+    const SolveCode code = Solve(request);
+    ASSERT_EQ(code, SolveCode::NoMatch);
+    const SolveReport report = State.Report;
+    const PlateStarList stars = State.PlateStars;
+    const std::int32_t found = State.Extraction.StarsFound;
+    const std::string status = State.Display.Status.Text;
+    const auto cause = CauseOfFailure(State, Port, code, request);
+    ASSERT_TRUE(cause);
+    EXPECT_EQ(cause->Kind, FailureKind::WrongCentre) << cause->Text;
+    ASSERT_TRUE(cause->Evidence.Elsewhere) << "the whole sky was looked at";
+    EXPECT_NEAR(cause->Evidence.Elsewhere->CentreRA, centre.Ra, 1e-5);
+    EXPECT_NEAR(cause->Evidence.Separation, away, 0.01 * field);
+    EXPECT_FALSE(State.Solution);
+    EXPECT_FALSE(State.Image.Header.PlateMatched);
+    EXPECT_EQ(State.PlateStars.Count(), stars.Count());
+    EXPECT_EQ(State.PlateStars[1].X, stars[1].X);
+    EXPECT_EQ(State.Extraction.StarsFound, found);
+    EXPECT_EQ(State.Display.Status.Text, status);
+    EXPECT_EQ(State.Report.RegionsTried, report.RegionsTried);
+    EXPECT_EQ(State.Report.SearchRadius, report.SearchRadius);
+    EXPECT_EQ(State.Report.Blind, report.Blind);
+    EXPECT_EQ(State.QuadMatch.Searched, 0);
+    EXPECT_EQ(State.QuadMatch.Code, QuadSearch().Code);
+}
+
+TEST_F(PlanOfASmallSky, ARowOfTheTableBringsItsSolutionBack) {
+    SearchRequest request;
+    request.Around = {Hint(0)};
+    ASSERT_EQ(Solve(request), SolveCode::Solved);
+    const SolvedPicture row = PictureOf(State);
+    EXPECT_EQ(row.Verdict.Level, TrustLevel::Sure);
+    EXPECT_TRUE(row.Failure.empty());
+    const PlateSolution solved = *State.Solution;
+
+    MakeSky(Folder / "other catalog", Folder / "other.fit");
+    ASSERT_TRUE(OpenImage(State, Port, TextFromPath(Folder / "other.fit")));
+    EXPECT_FALSE(State.Solution);
+    EXPECT_FALSE(PictureOf(State).Solution);
+    RestoreSolution(State, Port, row);
+    ASSERT_TRUE(State.Solution);
+    EXPECT_EQ(State.Image.FileName, row.Path);
+    EXPECT_EQ(State.Solution->CentreRA, solved.CentreRA);
+    EXPECT_EQ(State.PlateStars.Count(), solved.PlateStars.Count());
+    EXPECT_TRUE(State.Image.Header.PlateMatched);
+    EXPECT_EQ(MatchedStars(*State.Solution).size(), MatchedStars(solved).size());
+
+    std::filesystem::remove(Folder / "frame.fit");
+    RestoreSolution(State, Port, row);
+    EXPECT_FALSE(State.Solution) << "the picture is gone, and the solution belonged to it";
+}
+
+TEST(QuadBands, ThoseOfTheSizeComeFirstAndElseTheLargest) {
+    const TemporaryFolder folder;
+    const std::vector<CatalogStar> stars = MakeSky(folder / "catalog", folder / "frame.fit");
+    QuadList list;
+    list.Stars.assign(stars.begin(), stars.begin() + 8);
+    std::sort(list.Stars.begin(), list.Stars.end(), ComesBefore);
+    list.Quads = {{0, 1, 2, 3}, {0, 1, 2, 4}, {1, 2, 3, 5}};
+    ProgramState state;
+    state.Catalog.Folder = folder / "catalog";
+    const double edges[] = {0.01, 0.02, 0.04, 0.08, 0.16};
+    {
+        QuadFileWriter writer(folder / "catalog" / QuadFileName, 4);
+        for (int band = 0; band < 4; ++band) writer.Add(edges[band], edges[band + 1], list);
+        writer.Commit();
+    }
+    ASSERT_TRUE(HaveQuadTables(state));
+    const auto order = [&](const std::vector<double>& diagonals) {
+        std::string bands;
+        for (const QuadBand& band : LikelyBands(state, diagonals)) {
+            for (int i = 0; i < 4; ++i) {
+                if (band.SmallestDiagonal == edges[i]) bands += static_cast<char>('1' + i);
+            }
+        }
+        return bands;
+    };
+    EXPECT_EQ(order({}), "4321");
+    EXPECT_EQ(order({0.03}), "2431");
+    EXPECT_EQ(order({0.038}), "3241") << "30 % too large or too small";
+    EXPECT_EQ(order({0.021}), "2143");
+    EXPECT_EQ(order({0.15, 0.012}), "4132");
+    EXPECT_EQ(order({5}), "4321");
+
+    // The table for a size, and why there is none for others.
+    EXPECT_TRUE(LoadQuadTables(state, 0.03, 0.04));
+    EXPECT_TRUE(state.Quads.Fault.empty());
+    EXPECT_FALSE(LoadQuadTables(state, 0.3, 0.4));
+    EXPECT_TRUE(state.Quads.OtherSizes);
+    EXPECT_NE(state.Quads.Fault.find("only for 0.57 to 9.17 degrees across"), std::string::npos)
+        << state.Quads.Fault;
+    std::filesystem::remove(folder / "catalog" / QuadFileName);
+    EXPECT_FALSE(LoadQuadTables(state, 0.03, 0.04));
+    EXPECT_FALSE(state.Quads.OtherSizes);
+    EXPECT_NE(state.Quads.Fault.find("vestrel-catalog quads makes them"), std::string::npos);
+    EXPECT_TRUE(LikelyBands(state, {0.03}).empty());
+}
+
+}  // namespace
+}  // namespace vestrel
