@@ -3,8 +3,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <string>
-#include <string_view>
 
 #include "astro/libParallel.h"
 #include "image/libImage.h"
@@ -25,13 +23,6 @@ namespace vestrel {
 ///         before the failure and is not to be used.
 bool ReadFitsFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
                   ReadFailure& failure);
-
-/// Parses one header card of up to 80 characters into `header`.
-///
-/// @param error empty when the card was good, else the message; the field is then unchanged
-/// @return the card's keyword in upper case
-/// @throws std::range_error when a number does not fit its field
-std::string ParseHeaderCard(std::string_view card, ImageHeader& header, std::string& error);
 
 /// The number in four bytes in file order: big-endian IEEE 754 single precision without its special
 /// cases. A stored zero gives about 5.9E-39, the all-ones exponent a huge number.

@@ -8,8 +8,8 @@
 
 #include "astro/libStrings.h"
 #include "image/libExif.h"
-#include "image/libFITS.h"
 #include "image/libFitsCards.h"
+#include "image/libFitsKeywords.h"
 
 namespace vestrel {
 

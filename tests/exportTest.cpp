@@ -14,8 +14,8 @@
 #include <csignal>
 #endif
 
-#include "image/libFITS.h"
 #include "image/libFitsCards.h"
+#include "image/libFitsKeywords.h"
 #include "image/libHeaderText.h"
 #include "image/libWorldCoordinates.h"
 #include "platform/libPlatform.h"

@@ -19,6 +19,7 @@
 #include "image/libApartDecoder.h"
 #include "image/libFITS.h"
 #include "image/libFitsCards.h"
+#include "image/libFitsKeywords.h"
 #include "image/libFitsWriter.h"
 #include "image/libFormats.h"
 #include "image/libHeaderText.h"

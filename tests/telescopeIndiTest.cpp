@@ -115,7 +115,7 @@ class IndiTelescope : public testing::Test {
         Port.Messages.clear();
         const auto start = steady_clock::now();
         LoadTelescopeCommand(State, Port);
-        EXPECT_LT(steady_clock::now() - start, milliseconds(5500));
+        EXPECT_LT(steady_clock::now() - start, TelescopeLimits().Connect * 2 / 3);
         return !State.Inputs.Ra.empty();
     }
     TemporaryFolder Folder;
