@@ -245,19 +245,20 @@ void SolveWindow::ShowState() {
 
 void SolveWindow::ShowTrust() {
     const Trust trust = state_.Running == Activity::None ? TrustOf(state_) : Trust();
-    const QString why = QtText(trust.Why);
+    QString why = QtText(trust.Why);
     const bool settles = !trust.Settle.empty();
     QPalette colours = palette();
     colours.setColor(QPalette::WindowText, TrustColour(trust.Level, palette()));
     trustLabel_->setPalette(colours);
     trustLabel_->setText(WordOf(trust.Level));
-    trustWhyLabel_->setText(settles ? why + ".\n" + QtText(trust.Settle) + "." : why);
+    if (settles) why += ".\n" + QtText(trust.Settle) + ".";
     const bool offers = state_.Running == Activity::None && state_.Display.OffersJustSolve;
-    if (offers) trustWhyLabel_->setText("Nothing was found from these starting values.");
+    if (offers) why = "Nothing was found from these starting values.";
     const QString cause = QtText(state_.Display.Cause);
-    if (state_.Running == Activity::None && !cause.isEmpty()) trustWhyLabel_->setText(cause);
+    if (state_.Running == Activity::None && !cause.isEmpty()) why = cause;
+    trustWhyLabel_->ShowText(why);
     trustLabel_->setVisible(trust.Level != TrustLevel::None);
-    trustWhyLabel_->setVisible(!trustWhyLabel_->text().isEmpty());
+    trustWhyLabel_->setVisible(!why.isEmpty());
     offerButton_->setVisible(offers);
     residualsButton_->setVisible(state_.Solution.has_value());
 }

@@ -172,7 +172,7 @@ class SolveWindow : public QMainWindow {
     QLabel* status1Label_ = nullptr;
     QLabel* stageLabel_ = nullptr;
     QLabel* trustLabel_ = nullptr;
-    QLabel* trustWhyLabel_ = nullptr;
+    WholeLabel* trustWhyLabel_ = nullptr;
     QPushButton* offerButton_ = nullptr;
     QPushButton* residualsButton_ = nullptr;
     QProgressBar* busyBar_ = nullptr;

@@ -300,11 +300,10 @@ QLayout* SolveWindow::BuildTrust() {
     font.setBold(true);
     font.setPointSizeF(font.pointSizeF() * 1.3);
     trustLabel_->setFont(font);
-    trustWhyLabel_ = new QLabel;
+    trustWhyLabel_ = new WholeLabel;
     trustWhyLabel_->setObjectName("lblTrustWhy");
     trustWhyLabel_->setAccessibleName("Why, and what would settle it");
     trustWhyLabel_->setTextFormat(Qt::PlainText);
-    trustWhyLabel_->setWordWrap(true);
     offerButton_ = AddButton("cmdOffer", "Just Solve", "Look everywhere (Ctrl+Enter)",
                              [this] { JustSolve(); });
     startWidgets_.push_back(offerButton_);

@@ -111,6 +111,7 @@ void SolutionsWindow::AskForFolder() {
 
 void SolutionsWindow::SolveFolder(const QString& folder) {
     solver_.reset();
+    ++run_;
     const std::vector<std::string> paths = PicturesIn(Utf8(folder));
     wanted_ = static_cast<int>(paths.size());
     done_ = 0;
@@ -119,13 +120,13 @@ void SolutionsWindow::SolveFolder(const QString& folder) {
     const auto last = paths.empty() ? std::string() : paths.back();
     solver_ = std::make_unique<BackgroundSolver>(
         state_.Parameters, state_.Catalog.Folder, paths,
-        [this, last](const SolvedPicture& picture) {
+        [this, last, run = run_](const SolvedPicture& picture) {
             // Passes the result from the solver's thread to that of the windows.
             QMetaObject::invokeMethod(
                 this,
-                [this, picture, ends = picture.Path == last || picture.Failure == "Stopped"] {
-                    ++done_;
-                    if (ends) wanted_ = done_;
+                [this, picture, run, ends = picture.Path == last || picture.Failure == "Stopped"] {
+                    if (run == run_) ++done_;
+                    if (run == run_ && ends) wanted_ = done_;
                     Add(picture);
                 },
                 Qt::QueuedConnection);

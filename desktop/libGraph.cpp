@@ -47,7 +47,9 @@ void PaintTicksAtLeft(QPainter& painter, const QWidget& widget, const QRect& pla
                       const PlotAxis& axis) {
     const QFontMetrics metrics(widget.font());
     painter.setPen(widget.palette().color(QPalette::WindowText));
-    for (const double tick : RoundTicks(axis.Low, axis.High, 7)) {
+    // Texts do not touch, however low the plot is.
+    const int most = qBound(2, place.height() / metrics.height(), 7);
+    for (const double tick : RoundTicks(axis.Low, axis.High, most)) {
         const int y = qRound(axis.PlaceOf(tick));
         painter.drawLine(place.left() - 4, y, place.left(), y);
         const QRect room(0, y - metrics.height() / 2, place.left() - 7, metrics.height());

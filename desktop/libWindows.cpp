@@ -94,7 +94,8 @@ std::optional<QPalette> PaletteOf(const std::string& theme) {
                            {90, 190, 245});
     }
     if (theme == "night") {
-        return PaletteFrom({28, 4, 2}, {14, 0, 0}, {255, 95, 80}, {215, 72, 60}, {255, 110, 90});
+        // Inputs and boxes must stand out from the window.
+        return PaletteFrom({44, 7, 4}, {12, 0, 0}, {255, 100, 84}, {225, 78, 65}, {255, 110, 90});
     }
     return std::nullopt;
 }
@@ -222,6 +223,7 @@ void WithoutDefaultButtons(QDialog& dialog) {
     for (QPushButton* button : dialog.findChildren<QPushButton*>()) {
         button->setAutoDefault(false);
         button->setDefault(false);
+        button->setIcon({});
     }
 }
 
@@ -280,6 +282,16 @@ void ElidedLabel::paintEvent(QPaintEvent* /*event*/) {
     QPainter painter(this);
     painter.drawText(contentsRect(), Qt::AlignLeft | Qt::AlignVCenter,
                      fontMetrics().elidedText(text(), Qt::ElideMiddle, contentsRect().width()));
+}
+
+void WholeLabel::ShowText(const QString& text) {
+    setText(text);
+    setMinimumHeight(qMax(0, heightForWidth(width())));
+}
+
+void WholeLabel::resizeEvent(QResizeEvent* event) {
+    QLabel::resizeEvent(event);
+    setMinimumHeight(qMax(0, heightForWidth(width())));
 }
 
 WindowPort::~WindowPort() {

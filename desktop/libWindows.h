@@ -75,7 +75,7 @@ class DisplayProbe {
 QString HeaderText(const std::string& bytes);
 
 /// Leaves the Return key to the control with the focus: no button of the dialog is a default
-/// button.
+/// button. Takes away the icons of buttons, which are black in every theme.
 void WithoutDefaultButtons(QDialog& dialog);
 
 /// Moves a window onto its screen, and reduces it to the screen's size if needed.
@@ -104,6 +104,16 @@ class ElidedLabel : public QLabel {
  protected:
     bool event(QEvent* event) override;
     void paintEvent(QPaintEvent* event) override;
+};
+
+/// A wrapped text that a layout gives as much height as it needs.
+class WholeLabel : public QLabel {
+ public:
+    WholeLabel() { setWordWrap(true); }
+    void ShowText(const QString& text);
+
+ protected:
+    void resizeEvent(QResizeEvent* event) override;
 };
 
 /// The port of the desktop program: message boxes and file dialogs over its main window.

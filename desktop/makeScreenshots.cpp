@@ -149,6 +149,9 @@ bool TakeAll(Photographer photographer, const std::string& frame, const QString&
     window.findChild<QAction*>("mnuSettings")->trigger();
     good = photographer.Take("fSettings", "settings") && good;
     WindowNamed("fSettings")->close();
+    window.findChild<QAction*>("mnuBuildCatalog")->trigger();
+    good = photographer.Take("fCatalog", "catalog") && good;
+    WindowNamed("fCatalog")->close();
 
     // The centre does not matter here, because quads find it.
     type("txtRA", "00 00 00");

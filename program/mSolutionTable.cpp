@@ -127,7 +127,8 @@ std::string SolutionsCsv(const std::vector<SolvedPicture>& pictures) {
 }
 
 SolvedPicture PictureOf(const ProgramState& state) {
-    SolvedPicture picture{state.Image.FileName, {}, {}, 0, false, {}};
+    SolvedPicture picture{state.Image.FileName, {}, {}, 0, false, {}, state.Image.Width,
+                          state.Image.Height};
     if (state.Solution) {
         picture.Verdict = TrustOf(state);
         picture.Solution = state.Solution;
@@ -145,6 +146,11 @@ void RestoreSolution(ProgramState& state, Port& port, const SolvedPicture& pictu
     const Operation operation(state, port, Activity::Solving);
     if (!operation || !state.ImageLoaded || state.Image.FileName != picture.Path) return;
     if (!picture.Solution) return;
+    if (state.Image.Width != picture.Width || state.Image.Height != picture.Height) {
+        port.ShowMessage("This is not the picture that was solved: its size has changed.",
+                         DefaultTitle);
+        return;
+    }
     state.PlateStars = picture.Solution->PlateStars;
     FinishPlateSolution(state, port, *picture.Solution);
     state.Display.Details = SolutionText(state);

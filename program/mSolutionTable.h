@@ -3,6 +3,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -21,7 +22,9 @@ struct SolvedPicture {
     std::optional<PlateSolution> Solution;
     double UpPositionAngle = 0;  ///< degrees east of north
     bool Mirrored = false;
-    std::string Failure;  ///< why there is no solution
+    std::string Failure;     ///< why there is no solution
+    std::int32_t Width = 0;  ///< of the picture, pixels
+    std::int32_t Height = 0;
 };
 
 inline constexpr std::array<const char*, 7> SolutionColumns{
@@ -36,7 +39,8 @@ std::string SolutionsCsv(const std::vector<SolvedPicture>& pictures);
 /// The loaded image and its solution, or why it has none.
 SolvedPicture PictureOf(const ProgramState& state);
 
-/// Opens the picture of a row again and restores its solution.
+/// Opens the picture of a row again and restores its solution, unless its file now has another
+/// size.
 void RestoreSolution(ProgramState& state, Port& port, const SolvedPicture& picture);
 
 /// Asks for a file and writes the table there as comma-separated values.

@@ -166,6 +166,36 @@ TEST_F(CatalogPage, ADamagedSourceIsNamedAndNothingIsBuilt) {
     EXPECT_EQ(Status(), "Choose a source, or tables to make.");
 }
 
+TEST_F(CatalogPage, FieldsThatDoNotGrowOrDoNotExistBuildNothing) {
+    ChooseDatabase();
+    const std::vector<std::string> entries = Entries();
+    for (const auto& [from, to] : {std::pair{30.0, 18.0}, {5.0, 5.0}, {99.0, 31.0}}) {
+        WantTables(from, to);
+        Click("cmdBuild");
+        EXPECT_EQ(Status(), "The fields of the tables must grow from left to right.") << from;
+        EXPECT_TRUE(On<QPushButton>("cmdBuild")->isEnabled());
+    }
+    // What is typed stays within what there can be tables for; the point is the decimal mark.
+    auto* smallest = On<QDoubleSpinBox>("numSmallestField");
+    for (const char* typed : {"0.01", "-3", "7000", "", "1.25"}) {
+        smallest->setFocus();
+        smallest->selectAll();
+        QTest::keyClicks(smallest, typed);
+        QTest::keyClick(smallest, Qt::Key_Tab);
+        EXPECT_GE(smallest->value(), 0.2) << typed;
+        EXPECT_LE(smallest->value(), 30) << typed;
+    }
+    EXPECT_EQ(smallest->value(), 1.25);
+    EXPECT_EQ(Entries(), entries);
+    // Without tables their fields do not matter.
+    WantTables(30, 18);
+    On<QCheckBox>("chkTables")->setChecked(false);
+    EXPECT_FALSE(smallest->isEnabled());
+    Click("cmdBuild");
+    ASSERT_TRUE(WaitForEnd());
+    EXPECT_EQ(Status(), "Done") << Log();
+}
+
 TEST_F(CatalogPage, ClosingTheProgramEndsItsBuildCleanly) {
     const std::filesystem::path pipe = Folder / "stars.csv";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
