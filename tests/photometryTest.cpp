@@ -11,6 +11,7 @@
 #include <numbers>
 #include <set>
 #include <sstream>
+#include <tuple>
 
 #include "extraction/libFilter.h"
 #include "photometry/libAperture.h"
@@ -494,6 +495,31 @@ TEST(RelativePhotometry, TheStatedErrorIsTheScatterOfTheDifference) {
     }
     EXPECT_LT(std::fabs(difference.Mean()), 0.002);
     EXPECT_NEAR(inErrors.RootMeanSquare(), 1, 0.1);
+}
+
+TEST(RelativePhotometry, AperturesOverlapFromTheSumOfTheirRadiiOn) {
+    StarMeasurement first;
+    first.Outcome = StarOutcome::Measured;
+    first.GainKnown = true;
+    first.SignalToNoise = 100;
+    first.Radii = {8, 12, 20};
+    first.X = first.Y = 50;
+    StarMeasurement second = first;
+    using enum PhotometryWarning;
+    using List = std::vector<PhotometryWarning>;
+    for (const auto& [radius, distance, expected] :
+         {std::tuple{8.0, 0.9, List{SameStar}},
+          {8.0, 1.1, List{AperturesOverlap}},
+          {8.0, 15.9, List{AperturesOverlap}},
+          {8.0, 16.1, List{}},
+          {3.0, 10.9, List{AperturesOverlap, AperturesDiffer}},
+          {3.0, 11.1, List{AperturesDiffer}}}) {
+        second.Radii.Aperture = radius;
+        second.X = 50 + distance * 0.6;
+        second.Y = 50 - distance * 0.8;
+        EXPECT_EQ(CompareStars(first, second, std::nullopt).Warnings, expected) << distance;
+        EXPECT_EQ(CompareStars(second, first, std::nullopt).Warnings, expected) << distance;
+    }
 }
 
 TEST(RelativePhotometry, WarnsAndWritesWhatSpreadsheetsRead) {
