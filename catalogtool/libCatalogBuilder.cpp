@@ -4,7 +4,6 @@
 #include <array>
 #include <cmath>
 #include <cstdlib>
-#include <numbers>
 #include <span>
 #include <system_error>
 #include <tuple>
@@ -33,10 +32,12 @@ double DecOf(const CatalogStar& star) {
 
 bool AreSameStar(const CatalogStar& a, const CatalogStar& b) {
     if (std::abs(a.Mag - b.Mag) >= sameMagnitude) return false;
-    const double north = DecOf(a) - DecOf(b);
-    const double east =
-        std::remainder(RaOf(a) - RaOf(b), 2 * std::numbers::pi) * std::cos(DecOf(a));
-    return north * north + east * east < sameStar * sameStar;
+    // The haversine formula holds at the poles too, where right ascensions differ by any amount.
+    const double height = std::sin((DecOf(a) - DecOf(b)) / 2);
+    const double width = std::sin((RaOf(a) - RaOf(b)) / 2);
+    const double haversine =
+        height * height + std::cos(DecOf(a)) * std::cos(DecOf(b)) * width * width;
+    return 4 * haversine < sameStar * sameStar;
 }
 
 /// Whether a star that may be the same as this one can be in another cell. It is called for every

@@ -400,6 +400,8 @@ const std::vector<QuadPlan>& QuadPlans() {
 
 std::vector<QuadPlan> PlansFor(double smallestDiagonal, double largestDiagonal) {
     std::vector<QuadPlan> chosen;
+    // The comparison also catches NaN.
+    if (!(smallestDiagonal < largestDiagonal)) return chosen;
     for (QuadPlan plan : QuadPlans()) {
         plan.SmallestDiagonal = std::max(plan.SmallestDiagonal, smallestDiagonal);
         plan.LargestDiagonal = std::min(plan.LargestDiagonal, largestDiagonal);
