@@ -81,7 +81,9 @@ class NovaServer::Routes {
         server_.set_payload_max_length(settings.MostBody);
         server_.set_read_timeout(patience);
         server_.set_write_timeout(patience);
-        server_.set_keep_alive_timeout(2);
+        // A connection serves one request: the rest of one that was refused would be read as the
+        // next, and hold a thread for as long as its client likes.
+        server_.set_keep_alive_max_count(1);
         server_.set_default_headers({{"X-Content-Type-Options", "nosniff"},
                                      {"Cache-Control", "no-store"},
                                      {"Content-Security-Policy",

@@ -292,7 +292,7 @@ class Server(unittest.TestCase):
         body = urllib.parse.urlencode({"request-json": json.dumps(
             {"session": self.session, "x": list(range(count)), "y": list(range(count)), "image_width": 600, "image_height": 400})})
         memory = []
-        for _ in range(48):
+        for _ in range(96):
             status, text = self.ask("POST", "/api/url_upload", body, {"Content-Type": "application/x-www-form-urlencoded"})
             self.assertEqual(status, 200, text)
             memory.append(resident())
