@@ -194,7 +194,8 @@ class FrameSet {
         // The cosine of the angle to a corner; the margin outweighs rounding.
         const double cosCorner =
             1 / std::sqrt(1 + halfWidth * halfWidth + halfHeight * halfHeight) - 1e-12;
-        auto& [inside, order] = room;
+        auto& inside = room.Inside;
+        auto& order = room.Order;
         inside.clear();
         order.clear();
         belt.Around({ra, dec}, diagonal * reachOfDiagonal, cosCorner,

@@ -164,7 +164,7 @@ void StarColumns::FindPositionColumns() {
         ra_ = Find(raName);
         dec_ = Find(decName);
         if (ra_ != NoColumn && dec_ != NoColumn) return;
-        looked += (looked.empty() ? "" : ", ") + raName + "/" + decName;
+        looked.append(looked.empty() ? "" : ", ").append(raName).append("/").append(decName);
     }
     if (!options_.RaColumn.empty()) Require(options_.RaColumn);
     if (!options_.DecColumn.empty()) Require(options_.DecColumn);

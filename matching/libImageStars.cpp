@@ -16,8 +16,6 @@ double YOf(const PlateStar& star) {
     return static_cast<double>(star.Y);
 }
 
-constexpr double hitPart = 0.5;  // of the catalog stars that an image shows
-
 }  // namespace
 
 ImageStars::ImageStars(const PlateStarList& stars, std::int32_t width, std::int32_t height)
