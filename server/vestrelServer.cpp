@@ -1,5 +1,6 @@
 // vestrel-server: solves pictures that other programs or browsers send.
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -124,6 +125,10 @@ int Run(int argc, const char* const* argv) {
 }  // namespace vestrel
 
 int main(int argc, char** argv) {
+#ifdef __GLIBC__
+    // By default each of the many threads of a server keeps to itself what it has freed.
+    mallopt(M_ARENA_MAX, 2);
+#endif
     return vestrel::RunProgram("vestrel-server", argc, argv, vestrel::Run,
                                [](const std::exception&) { return 1; });
 }
