@@ -201,8 +201,10 @@ class Batch(unittest.TestCase):
         lines = [json.loads(line) for line in journal.read_text().splitlines()]
         self.assertEqual(sorted((pathlib.Path(line["picture"]).name, line["end"]) for line in lines),
                          [(name, "solved") for name in ("deep.fit", "slow.fit", "whole.fit")])
+        start = time.monotonic()
         process.send_signal(signal.SIGTERM)
         self.assertEqual(process.wait(60), 4)
+        self.assertLess(time.monotonic() - start, 4)
 
     def watch(self, folder, journal, *words):
         process = subprocess.Popen([PROGRAMS / "vestrel-batch", "--watch", folder, "--out", journal, "--catalog",
