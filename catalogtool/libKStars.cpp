@@ -207,24 +207,24 @@ bool HasBrightStarsOnly(const fs::path& file) {
     }
 }
 
-KStarsStars ReadKStarsFile(const fs::path& path, double epoch, const StarSink& sink,
+KStarsStars ReadKStarsFile(const fs::path& file, double epoch, const StarSink& sink,
                            ProgressLine& progress) {
-    KStarsFile file(path);
-    const Field& ra = file.Require("RA");
-    const Field& dec = file.Require("Dec");
-    const Field* motionRa = file.Find("dRA");
-    const Field* motionDec = file.Find("dDec");
-    const StarMagnitude magnitude(file);
+    KStarsFile stars(file);
+    const Field& ra = stars.Require("RA");
+    const Field& dec = stars.Require("Dec");
+    const Field* motionRa = stars.Find("dRA");
+    const Field* motionDec = stars.Find("dDec");
+    const StarMagnitude magnitude(stars);
     KStarsStars result;
-    result.Rows = file.Count();
-    const std::string task = "Reading " + TextFromPath(path.filename());
+    result.Rows = stars.Count();
+    const std::string task = "Reading " + TextFromPath(file.filename());
     constexpr std::uint64_t block = 8192;
     for (std::uint64_t first = 0; first < result.Rows; first += block) {
         progress.Show(task, first, result.Rows, first);
         const std::uint64_t rows = std::min(block, result.Rows - first);
-        const std::vector<unsigned char> bytes = file.ReadRecords(rows);
+        const std::vector<unsigned char> bytes = stars.ReadRecords(rows);
         for (std::uint64_t i = 0; i < rows; ++i) {
-            const unsigned char* record = &bytes[static_cast<std::size_t>(i) * file.RecordBytes()];
+            const unsigned char* record = &bytes[static_cast<std::size_t>(i) * stars.RecordBytes()];
             SkyStar star{ra.Value(record) * 15 * RadiansPerDegree,
                          dec.Value(record) * RadiansPerDegree, magnitude.Of(record)};
             if (const std::optional<SkyStar> fast = FastStarAt(star, epoch)) {

@@ -48,9 +48,9 @@ std::optional<SkyMap> SkyMap::Of(const ImageHeader& header) {
     return map;
 }
 
-SkyMap SkyMap::Of(SkyModel model) {
+SkyMap SkyMap::Of(const SkyModel& model) {
     SkyMap map;
-    map.model_ = std::move(model);
+    map.model_ = model;
     return map;
 }
 

@@ -24,7 +24,7 @@ class SkyMap {
     /// Nothing when the header holds no solution, or one that is singular or absurd.
     static std::optional<SkyMap> Of(const ImageHeader& header);
     /// The map of a model that `CompleteSkyModel` has accepted.
-    static SkyMap Of(SkyModel model);
+    static SkyMap Of(const SkyModel& model);
 
     /// The map of a part of the image, whose pixel (0, 0) is `corner` here.
     SkyMap PartFrom(const PixelPoint& corner) const;

@@ -3,6 +3,13 @@
 #include <algorithm>
 
 namespace vestrel {
+namespace {
+
+std::size_t FirstLeafOf(std::int32_t node) {
+    return static_cast<std::size_t>(node) * NodeChildren;
+}
+
+}  // namespace
 
 HistogramDrift::HistogramDrift(const TreeShape& shape)
     : shape_(shape),
@@ -27,7 +34,7 @@ void HistogramDrift::SetExcesses(HistogramNode* excess) const {
             if (shape_.Shift == 0) continue;
             for (std::int32_t i = 0; i < NodeChildren; ++i) {
                 excess[shape_.LeafNodeAt(node)].Sums[i] = static_cast<std::int16_t>(
-                    owed_[static_cast<std::size_t>(node * NodeChildren + i)]);
+                    owed_[FirstLeafOf(node) + static_cast<std::size_t>(i)]);
             }
         }
         excess[0].Sums[middle] = static_cast<std::int16_t>(most);
@@ -38,7 +45,7 @@ std::int32_t HistogramDrift::MostInNode(std::int32_t node) const {
     std::int32_t most = 0;
     std::int32_t rest = 0;
     for (std::int32_t i = NodeChildren - 1; i >= 0; --i) {
-        const auto leaf = static_cast<std::size_t>(node * NodeChildren + i);
+        const auto leaf = FirstLeafOf(node) + static_cast<std::size_t>(i);
         most = std::max(most, rest + (shape_.Shift > 0 ? owed_[leaf] : 0));
         rest -= counts_[leaf];
     }
