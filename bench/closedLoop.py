@@ -23,6 +23,8 @@ import subprocess
 import sys
 import tempfile
 
+import judging
+
 FORMATS = (16, 8, -32)
 HALF_DIAGONALS = (0.7, 4.0)  # degrees
 BLIND_WIDTHS = (2, 10)  # degrees
@@ -87,14 +89,6 @@ def shifted(ra, dec, east, north):
     return (ra + math.degrees(a)) % 360, math.degrees(d)
 
 
-def separation(ra1, dec1, ra2, dec2):
-    """Degrees."""
-    a1, d1, a2, d2 = map(math.radians, (ra1, dec1, ra2, dec2))
-    h = (math.sin((d2 - d1) / 2) ** 2
-         + math.cos(d1) * math.cos(d2) * math.sin((a2 - a1) / 2) ** 2)
-    return math.degrees(2 * math.asin(math.sqrt(min(1, h))))
-
-
 def faint_stars(frame):
     """How many stars a frame shows that are too faint for the catalog."""
     drawn_limit = 15 - 5 * math.log10(frame["half"] * 60 / 14) + 2.5
@@ -132,10 +126,10 @@ def run_frame(frame, options, folder, random_stars=None):
     ra, dec = shifted(frame["ra"], frame["dec"], east, north)
     where = (["--blind"] if options.blind else
              [f"--ra={ra:.7f}", f"--dec={dec:.7f}", f"--regions={options.regions}"])
-    solve = [options.programs / "vestrel-solve", path, *catalog, f"--size={size}", *where, "--json",
-             "--quiet"]
-    run = subprocess.run(solve, stdout=subprocess.PIPE, check=False)
-    result = json.loads(run.stdout)
+    solve = [options.programs / "vestrel-solve", path, *catalog, f"--size={size}", *where]
+    result = judging.solved(*solve)
+    if "crash" in result:
+        raise RuntimeError(f"exit code {result['crash']}: {solve}")
     frame.update(truth={key: value for key, value in truth.items() if key != "brightest_stars"},
                  result=result, command=[str(part) for part in solve], start=(ra, dec),
                  solved=result["solved"], wrong=False, complaint="")
@@ -150,9 +144,8 @@ def run_frame(frame, options, folder, random_stars=None):
 
 def judge(frame, truth, result):
     scale = truth["scale_arcsec_px"]
-    centre = separation(result["ra_deg"], result["dec_deg"], truth["ra_deg"], truth["dec_deg"])
-    frame["error_px"] = centre * 3600 / scale
-    frame["error_arcsec"] = centre * 3600
+    frame["error_px"] = judging.pixels_off(result, truth)
+    frame["error_arcsec"] = frame["error_px"] * scale
     # Near a pole the direction of north turns with the centre.
     turn = (result["ra_deg"] - truth["ra_deg"] + 180) % 360 - 180
     turn *= math.sin(math.radians(truth["dec_deg"]))
@@ -160,7 +153,7 @@ def judge(frame, truth, result):
     frame["angle_error"] = abs((angle + 180) % 360 - 180)
     frame["scale_error"] = abs(result["scale_arcsec_px"] / scale - 1)
     reasons = []
-    if centre > WRONG_CENTRE * frame["half"]:
+    if frame["error_arcsec"] > WRONG_CENTRE * frame["half"] * 3600:
         reasons.append("centre")
     if frame["angle_error"] > WRONG_ANGLE:
         reasons.append("rotation")
@@ -175,10 +168,9 @@ def judge(frame, truth, result):
 def judge_model(frame, truth, result):
     """The errors of the sky model's centre and of its worst corner, pixels."""
     model = result["sky_model"]
-    scale = truth["scale_arcsec_px"] / 3600
 
     def error(one, other):
-        return separation(one["ra_deg"], one["dec_deg"], other["ra_deg"], other["dec_deg"]) / scale
+        return judging.pixels_off(one, {**other, "scale_arcsec_px": truth["scale_arcsec_px"]})
 
     # Grid rows of floating-point files count from the top of the picture.
     found = {(c["x"], truth["height_px"] - 1 - c["y"] if frame["format"] == -32 else c["y"]): c

@@ -292,7 +292,9 @@ def clouded(picture, rng):
 def drawn_out(picture, rng):
     values = ndimage.convolve(np.asarray(picture, float), line(rng.randrange(8, 15),
                                                                rng.uniform(0, 3.1)))
-    return Image.fromarray(np.uint8(np.clip(values * 2, 0, 255)))
+    # Brighter, as trails are faint; a bright sky would become white and hide them.
+    sky = np.median(values)
+    return Image.fromarray(np.uint8(np.clip((values - sky) * 2 + min(sky, 60), 0, 255)))
 
 
 def enlarged(picture, rng):

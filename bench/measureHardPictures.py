@@ -15,17 +15,10 @@ import json
 import math
 import pathlib
 import statistics
-import subprocess
 import sys
-import time
 from collections import Counter, defaultdict
 
-
-def separation(ra1, dec1, ra2, dec2):
-    a1, d1, a2, d2 = map(math.radians, (ra1, dec1, ra2, dec2))
-    h = (math.sin((d2 - d1) / 2) ** 2
-         + math.cos(d1) * math.cos(d2) * math.sin((a2 - a1) / 2) ** 2)
-    return math.degrees(2 * math.asin(math.sqrt(min(1, h))))
+import judging
 
 
 def inside(row, diagonals):
@@ -35,26 +28,26 @@ def inside(row, diagonals):
 
 
 def solve(options, row):
-    command = [options.solver, str(options.folder / row["file"]), "--json", "--quiet"]
-    size = f"{row['hint_width_arcmin']}x{row['hint_height_arcmin']}"
+    arguments = []
     if options.mode != "nothing":
-        command += ["--size", size]
+        arguments += ["--size", f"{row['hint_width_arcmin']}x{row['hint_height_arcmin']}"]
     if options.mode in ("hinted", "away"):
         dec = float(row["hint_dec_deg"])
         if options.mode == "away":
             dec += -40 if dec > 0 else 40
-        command += [f"--ra={row['hint_ra_deg']}", f"--dec={dec}", "--regions=9"]
+        arguments += [f"--ra={row['hint_ra_deg']}", f"--dec={dec}", "--regions=9"]
     if options.mode in ("sized", "nothing") and options.blind_flag:
-        command.append("--blind")
-    start = time.monotonic()
-    run = subprocess.run(command + options.more, stdout=subprocess.PIPE, check=False,
-                         stderr=subprocess.DEVNULL)
-    seconds = time.monotonic() - start
-    try:
-        result = json.loads(run.stdout)
-    except ValueError:
-        result = {"solved": False, "crash": run.returncode}
-    return result, seconds
+        arguments.append("--blind")
+    return judging.solved(options.solver, options.folder / row["file"], *arguments, *options.more)
+
+
+def print_times(name, facts):
+    """Of the processor, which a busy machine changes less than those of a clock."""
+    times = [fact["result"]["processor_s"] for fact in facts]
+    if times:
+        print(f"{name}: processor seconds median {statistics.median(times):.2f}, most "
+              f"{max(times):.2f}; elapsed median "
+              f"{statistics.median(fact['result']['elapsed_s'] for fact in facts):.2f}")
 
 
 def main():
@@ -74,32 +67,29 @@ def main():
         rows = [row for row in csv.DictReader(file, delimiter="\t")
                 if options.only in row["file"] and inside(row, options.diagonals)]
     kinds, by_attempt = defaultdict(Counter), Counter()
-    errors, times, facts = [], [], []
+    errors, facts = [], []
     for row in rows:
-        result, seconds = solve(options, row)
-        times.append(seconds)
-        verdict = "not"
-        if "crash" in result:
-            verdict = "crash"
+        result = solve(options, row)
+        verdict = "crash" if "crash" in result else "not"
         if result["solved"]:
-            scale = float(row["scale_arcsec_px"])
-            error = 3600 / scale * separation(result["ra_deg"], result["dec_deg"],
-                                              float(row["ra_deg"]), float(row["dec_deg"]))
+            error = judging.pixels_off(result, row)
             verdict = "right" if error < max(3, int(row["width_px"]) / 100) else "wrong"
             if verdict == "right":
                 errors.append(error)
                 by_attempt[result.get("solved_by", "the search")] += 1
         kinds[row["kind"]][verdict] += 1
-        facts.append({**row, "verdict": verdict, "seconds": seconds, "result": result})
+        facts.append({**row, "verdict": verdict, "result": result})
         if verdict != "right":
-            print(f"  {verdict:6} {row['file']:32} {seconds:5.1f} s", flush=True)
+            print(f"  {verdict:6} {row['file']:32} {result['processor_s']:5.1f} s", flush=True)
     total = sum(kinds.values(), Counter())
     for kind, counts in kinds.items():
         print(f"{kind:16} {counts['right']:3} of {sum(counts.values())}"
               f"{'   WRONG ' + str(counts['wrong']) if counts['wrong'] else ''}")
     print(f"right {total['right']}, wrong {total['wrong']}, not {total['not']}, crash "
-          f"{total['crash']} of {len(rows)}; "
-          f"seconds median {statistics.median(times):.2f}, most {max(times):.2f}")
+          f"{total['crash']} of {len(rows)}")
+    print_times("solved", [fact for fact in facts if fact["verdict"] == "right"])
+    print_times("not solved", [fact for fact in facts if fact["verdict"] != "right"])
+    print_times("all", facts)
     if errors:
         errors.sort()
         print(f"error px: median {statistics.median(errors):.2f}, 95 % "

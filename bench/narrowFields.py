@@ -8,7 +8,6 @@ around the galactic latitude 15 degrees. Blind solves need a diagonal of 0.2 deg
 tables begin. Exit code: 0 when at least 98 % are solved and none wrongly; else 1.
 """
 import argparse
-import json
 import math
 import pathlib
 import random
@@ -16,22 +15,12 @@ import subprocess
 import sys
 import tempfile
 
+import judging
+
 CENTRE = (100.0, 20.0)  # degrees
 WIDTHS = (0.1, 0.2, 0.35, 0.5, 0.75)  # degrees
 ASPECT = 4 / 3
 SMALLEST_DIAGONAL = 0.2  # of the quad tables
-
-
-def solve(options, folder, frame, width, arguments):
-    """Where a frame was solved to be, degrees; None when it was not."""
-    done = subprocess.run([options.programs / "vestrel-solve", frame, "--json",
-                           f"--catalog={folder / 'KEL'}", f"--size={width}x{width / ASPECT}d",
-                           *arguments], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                          check=False)
-    if done.returncode != 0:
-        return None
-    found = json.loads(done.stdout)
-    return found["ra_deg"], found["dec_deg"]
 
 
 def main():
@@ -69,11 +58,11 @@ def main():
                 if blind:
                     ways.append(["--blind"])
                 for way, arguments in enumerate(ways):
-                    found = solve(options, folder, frame, width, arguments)
-                    if found is None:
+                    found = judging.solved(options.programs / "vestrel-solve", frame, catalog,
+                                           f"--size={width}x{width / ASPECT}d", *arguments)
+                    if not found["solved"]:
                         continue
-                    off = math.hypot((found[0] - ra) * math.cos(math.radians(dec)),
-                                     found[1] - dec)
+                    off = judging.separation(found["ra_deg"], found["dec_deg"], ra, dec)
                     counts[2 * way + (0 if off < 0.005 * width else 1)] += 1
             print(f"{width:5}   {counts[0]:14} {counts[1]:5}   {counts[2]:13} {counts[3]:5}   "
                   f"{options.frames}{'' if blind else ' (blind: below the tables)'}", flush=True)

@@ -2,17 +2,18 @@
 // solves lists that can be solved.
 //
 //   vestrel-plan-rates CATALOG-FOLDER [--share S] [--only KIND] [--others TABLE.tsv]
+//                      [--pictures TABLE.tsv]
 //
 // Lists without sky, of another place, or of a stretched sky are searched for around a wrong place,
 // over the whole sky, or both: none of them may be solved. Lists of the sky are searched around a
-// place nearby and over the whole sky. The pictures of --others show no sky. For each kind: lists,
-// those solved rightly and wrongly, the likeliest match that was not sure, and the time that a list
-// takes.
+// place nearby and over the whole sky. The pictures of --others show no sky; those of --pictures
+// are searched for at wrong places. For each kind: lists, those solved rightly and wrongly, the
+// likeliest match that was not sure, and the processor time that a list takes.
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <memory>
@@ -37,9 +38,9 @@ struct Tally {
     int Lists = 0;
     int Right = 0;
     int Wrong = 0;
-    double Surest = 0;  ///< log10 of the false-alarm probability of the likeliest match that was
-                        ///< not accepted
-    double Seconds = 0;
+    double Surest = 0;   ///< log10 of the false-alarm probability of the likeliest match that was
+                         ///< not accepted
+    double Seconds = 0;  ///< of all processors
     std::map<std::string, int> By;  ///< right solutions by attempt
 
     void Add(const Tally& other) {
@@ -71,10 +72,9 @@ class Bench {
             request.Diagonals = {std::hypot(list.FieldWidth, list.FieldHeight)};
         }
         PlanReport plan;
-        const auto start = std::chrono::steady_clock::now();
+        const std::clock_t start = std::clock();
         const SolveCode code = SolveByPlan(*state_, port, request, plan);
-        const auto end = std::chrono::steady_clock::now();
-        tally.Seconds += std::chrono::duration<double>(end - start).count();
+        tally.Seconds += static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
         ++tally.Lists;
         if (plan.Candidate) {
             tally.Surest = std::min(tally.Surest, plan.Candidate->Confidence.Log10FalseAlarm);
@@ -130,7 +130,8 @@ void Print(const std::string& name, const Tally& tally) {
     std::fflush(stdout);
 }
 
-int Run(const fs::path& catalog, double share, const std::string& only, const fs::path& others) {
+int Run(const fs::path& catalog, double share, const std::string& only, const fs::path& others,
+        const fs::path& skies) {
     Bench bench(catalog);
     Tally wrong;
     Tally right;
@@ -140,13 +141,10 @@ int Run(const fs::path& catalog, double share, const std::string& only, const fs
     unsigned kinds = 0;
     const auto measure = [&](const std::string& name, Tally& sum, int lists,
                              const std::function<void(Generator&, Tally&)>& search) {
-        Generator random(++kinds);
+        ++kinds;
         if (name.find(only) == std::string::npos) return;
         bench.Name = name;
-        Tally tally;
-        for (int i = 0; i < std::max(1, static_cast<int>(lists * share)); ++i) {
-            search(random, tally);
-        }
+        const auto tally = Searched<Tally>(lists, share, kinds, search);
         Print(name, tally);
         sum.Add(tally);
     };
@@ -162,36 +160,44 @@ int Run(const fs::path& catalog, double share, const std::string& only, const fs
         return Maker([make](Generator& random) { return OutOfShape(make(random), random); });
     };
     const Exposure few{0.3, 1, 0.1, 0.5, 12};
-    const std::pair<const char*, Maker> none[] = {
-        {"random", RandomCase},
-        {"coarse", CoarseCase},
-        {"clumped", ClumpedCase},
-        {"on lines", LinedCase},
-        {"on a lattice", LatticeCase},
-        {"sky out of shape", outOfShape(sky(0.7, 20, {}))},
-        {"few stars out of shape", outOfShape(sky(0.7, 10, few))},
+    struct Kind {
+        std::string Name;
+        Maker Make;
+        int Around, WholeSky, Both;  ///< lists
     };
-    for (const auto& [kind, make] : none) {
-        const Maker& maker = make;
+    std::vector<Kind> none{{"5 to 15 stars", FewCase, 6000, 3000, 1000}};
+    for (const auto& [kind, make] : KindsWithoutSky) none.push_back({kind, make, 1000, 300, 100});
+    none.push_back({"sky out of shape", outOfShape(sky(0.7, 20, {})), 1000, 300, 100});
+    none.push_back({"few stars out of shape", outOfShape(sky(0.7, 10, few)), 1000, 300, 100});
+    for (const Kind& kind : none) {
         const auto with = [&](Scope scope, int regions) {
-            return [&bench, &maker, scope, regions](Generator& random, Tally& tally) {
-                bench.Solve(maker(random), scope, regions, tally);
+            return [&bench, &kind, scope, regions](Generator& random, Tally& tally) {
+                bench.Solve(kind.Make(random), scope, regions, tally);
             };
         };
-        const std::string name = kind;
-        measure(name + ", around a place", wrong, 1800, with(Scope::Around, 4));
-        measure(name + ", whole sky", wrong, 700, with(Scope::WholeSky, 0));
-        measure(name + ", both", wrong, 300, with(Scope::Both, 25));
+        measure(kind.Name + ", around a place", wrong, kind.Around, with(Scope::Around, 4));
+        measure(kind.Name + ", whole sky", wrong, kind.WholeSky, with(Scope::WholeSky, 0));
+        measure(kind.Name + ", both", wrong, kind.Both, with(Scope::Both, 25));
     }
     for (const auto& [kind, make] :
          {std::pair<const char*, Maker>{"sky elsewhere", sky(0.7, 20, {})},
           {"few stars elsewhere", sky(0.7, 10, few)}}) {
         const Maker away = elsewhere(make);
-        measure(std::string(kind) + ", around a place", wrong, 1800,
+        measure(std::string(kind) + ", around a place", wrong, 1000,
                 [&](Generator& random, Tally& tally) {
                     bench.Solve(away(random), Scope::Around, 4, tally);
                 });
     }
+    const auto elsewhereIn = [&](const std::string& name, const std::vector<Picture>& pictures) {
+        measure(name + ", around places", wrong, 1, [&](Generator& random, Tally& tally) {
+            constexpr int places = 10;
+            for (const Picture& picture : pictures) {
+                for (int i = 0; i < places; ++i) {
+                    bench.Solve(Elsewhere(picture.List, random), Scope::Around, 4, tally);
+                }
+            }
+        });
+    };
     if (!others.empty()) {
         Generator random(6);
         const std::vector<Picture> pictures = ReadPictures(others, false, random);
@@ -199,16 +205,11 @@ int Run(const fs::path& catalog, double share, const std::string& only, const fs
             for (const Picture& picture : pictures)
                 bench.Solve(picture.List, Scope::Both, 9, tally);
         });
-        measure("pictures without sky, around places", wrong, 1,
-                [&](Generator& generator, Tally& tally) {
-                    constexpr int places = 10;
-                    for (const Picture& picture : pictures) {
-                        for (int i = 0; i < places; ++i) {
-                            bench.Solve(Elsewhere(picture.List, generator), Scope::Around, 4,
-                                        tally);
-                        }
-                    }
-                });
+        elsewhereIn("pictures without sky", pictures);
+    }
+    if (!skies.empty()) {
+        Generator random(5);
+        elsewhereIn("pictures of the sky", ReadPictures(skies, true, random));
     }
     const std::pair<const char*, Maker> good[] = {
         {"sky, 0.9° to 3°", sky(0.9, 3, {})},
@@ -241,17 +242,19 @@ int main(int argc, char** argv) {
     if (argc < 2) {
         std::fprintf(stderr,
                      "usage: vestrel-plan-rates CATALOG-FOLDER [--share S] [--only KIND] "
-                     "[--others TABLE.tsv]\n");
+                     "[--others TABLE.tsv] [--pictures TABLE.tsv]\n");
         return 2;
     }
     double share = 1;
     std::string only;
     std::filesystem::path others;
+    std::filesystem::path skies;
     for (int i = 2; i + 1 < argc; i += 2) {
         const std::string option = argv[i];
         if (option == "--share") share = std::atof(argv[i + 1]);
         if (option == "--only") only = argv[i + 1];
         if (option == "--others") others = vestrel::PathFromText(argv[i + 1]);
+        if (option == "--pictures") skies = vestrel::PathFromText(argv[i + 1]);
     }
-    return vestrel::Run(vestrel::PathFromText(argv[1]), share, only, others);
+    return vestrel::Run(vestrel::PathFromText(argv[1]), share, only, others, skies);
 }

@@ -51,6 +51,11 @@ void AddStarAnywhere(Case& list, Generator& random) {
     AddStar(list, Uniform(random, 0, list.Width), Uniform(random, 0, list.Height));
 }
 
+void AddStarsAnywhere(Case& list, Generator& random, int fewest, int most) {
+    const int count = static_cast<int>(Uniform(random, fewest, most + 1));
+    for (int i = 0; i < count; ++i) AddStarAnywhere(list, random);
+}
+
 }  // namespace
 
 double Uniform(Generator& random, double from, double to) {
@@ -63,10 +68,15 @@ double Separation(SkyPosition a, SkyPosition b) {
     return std::acos(std::clamp(cosine, -1.0, 1.0));
 }
 
+Case FewCase(Generator& random) {
+    Case list = EmptyCase(random, 0.7, 20);
+    AddStarsAnywhere(list, random, 5, 15);
+    return list;
+}
+
 Case RandomCase(Generator& random) {
     Case list = EmptyCase(random, 0.7, 20);
-    const int count = static_cast<int>(Uniform(random, 12, 101));
-    for (int i = 0; i < count; ++i) AddStarAnywhere(list, random);
+    AddStarsAnywhere(list, random, 12, 100);
     return list;
 }
 
@@ -74,8 +84,7 @@ Case CoarseCase(Generator& random) {
     Case list = EmptyCase(random, 5, 20);
     list.Width = 512;
     list.Height = static_cast<int>(list.Width * list.FieldHeight / list.FieldWidth);
-    const int count = static_cast<int>(Uniform(random, 25, 31));
-    for (int i = 0; i < count; ++i) AddStarAnywhere(list, random);
+    AddStarsAnywhere(list, random, 25, 30);
     return list;
 }
 

@@ -1,7 +1,10 @@
 // Star lists of many kinds for measuring matchers: of the sky, without sky, of pictures.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <random>
@@ -30,11 +33,22 @@ double Separation(SkyPosition a, SkyPosition b);  ///< radians
 
 // Lists without sky, 500 to 4000 pixels wide, with a place and a size to search for.
 
+Case FewCase(Generator& random);      ///< 5 to 15 stars
 Case RandomCase(Generator& random);   ///< 12 to 100 stars
 Case CoarseCase(Generator& random);   ///< 25 to 30 stars on 512 columns, 5° to 20°
 Case ClumpedCase(Generator& random);  ///< one to five clumps, and stars between them
 Case LinedCase(Generator& random);    ///< on lines: edges of foregrounds, spikes, columns
 Case LatticeCase(Generator& random);  ///< lights in rows and columns, some of them dark
+
+/// A kind of star lists.
+struct ListKind {
+    const char* Name;
+    Case (*Make)(Generator&);
+};
+inline constexpr std::array KindsWithoutSky{
+    ListKind{"random", RandomCase}, ListKind{"coarse, 25 to 30 stars", CoarseCase},
+    ListKind{"clumped", ClumpedCase}, ListKind{"on lines", LinedCase},
+    ListKind{"on a lattice", LatticeCase}};
 
 /// The errors of a simulated exposure.
 struct Exposure {
@@ -52,6 +66,18 @@ Case SkyCase(const std::filesystem::path& catalog, Generator& random, double fro
 
 /// The same list with another place to search, at least two fields away.
 Case Elsewhere(Case list, Generator& random);
+
+/// Searches a share of `lists` star lists, at least one. The first ones are the same with any
+/// share.
+/// @param search called with a generator and the tally for each list
+template <typename Tally, typename Search>
+Tally Searched(int lists, double share, std::uint64_t seed, const Search& search) {
+    Generator random(seed);
+    Tally tally;
+    const int count = std::max(1, static_cast<int>(lists * share));
+    for (int i = 0; i < count; ++i) search(random, tally);
+    return tally;
+}
 
 struct Picture {
     Case List;

@@ -5,6 +5,7 @@
 #include <numeric>
 
 #include "astro/libMath.h"
+#include "matching/libMatchedPlate.h"
 
 namespace vestrel {
 

@@ -15,8 +15,8 @@
 
 #include "astro/libSphericalMath.h"
 #include "matching/libCameraPlane.h"
+#include "matching/libImageStars.h"
 #include "matching/libQuadTables.h"
-#include "matching/libSeededMatch.h"
 
 namespace vestrel {
 

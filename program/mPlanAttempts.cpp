@@ -5,6 +5,7 @@
 
 #include "astro/libMath.h"
 #include "catalog/libCatalogRegion.h"
+#include "matching/libCameraPlane.h"
 #include "program/mMORA.h"
 #include "program/mStopwatch.h"
 
@@ -50,6 +51,33 @@ PlateStarList CatalogAbout(ProgramState& state, SkyPosition centre, double radiu
                     MagnitudeLimitFor(radius) + deeper);
     stars.Resize(std::min(stars.Count(), most));
     return stars;
+}
+
+std::optional<PlateSolution> SolutionOfPlate(ProgramState& state, const MatchedPlate& match,
+                                             SkyPosition about, const ImageStars& places) {
+    const PlateImage& image = state.Image;
+    const auto middle =
+        PlateAboutMiddle(match.Plate, about, PlaneKind::Camera, image.Width, image.Height);
+    if (!middle) return std::nullopt;
+    const double radius = std::hypot(image.Width, image.Height) / 2 /
+                          PlateGeometry(middle->Plate).Scale / SolveArcsecondsPerRadian;
+    RegionMatch region{middle->Centre, CatalogAbout(state, middle->Centre, radius), {}};
+    MatchedPlate flat;
+    flat.Plate = middle->Plate;
+    if (!RefinePlate(region.CatalogStars, places, std::max(3.0, 2.5 * match.Rms), flat)) {
+        return std::nullopt;
+    }
+    region.Found.Matches = flat.Pairs;
+    region.Found.Constants = flat.Plate;
+    PlateSolution solution = SolutionOf(region, places.Stars(), image.Width, image.Height);
+    solution.ExtractedCount = state.Extraction.StarsFound;
+    if (!std::isfinite(solution.Rms)) return std::nullopt;
+    return solution;
+}
+
+void KeepLikelier(std::optional<PlateSolution>& kept, const PlateSolution& match) {
+    const double log = match.Confidence.Log10FalseAlarm;
+    if (!kept || log < kept->Confidence.Log10FalseAlarm) kept = match;
 }
 
 std::vector<QuadBand> LikelyBands(ProgramState& state, const std::vector<double>& diagonals) {

@@ -1,9 +1,11 @@
-// The attempts of a search plan, and the catalog stars and quad tables that they use.
+// The attempts of a search plan, the catalog stars and quad tables that they use, and the solution
+// that their plates give.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <vector>
 
 #include "matching/libSeededMatch.h"
@@ -67,6 +69,14 @@ double SeedRadius(double width, double height);
 /// The catalog stars that an image about a centre may show, brightest first, on the solver's plane.
 /// `radius` is half the image's diagonal, radians.
 PlateStarList CatalogAbout(ProgramState& state, SkyPosition centre, double radius);
+
+/// The solution that a plate about `about`, on the camera's plane, gives with all stars: the
+/// catalog is read again around the middle of the image. None when they do not bear it.
+std::optional<PlateSolution> SolutionOfPlate(ProgramState& state, const MatchedPlate& match,
+                                             SkyPosition about, const ImageStars& places);
+
+/// Keeps the likelier of two matches that are not sure; of equal ones the first.
+void KeepLikelier(std::optional<PlateSolution>& kept, const PlateSolution& match);
 
 /// All bands: first those of the given sizes, then the others from wide to narrow, because tables
 /// of wide fields are small.

@@ -183,17 +183,10 @@ class Plan {
         search.MustEnd = [this] { return MustEnd(); };
         search.Accept = [this](const PlateSolution& solution) {
             if (IsSure(solution.Confidence)) return true;
-            KeepCandidate(solution);
+            KeepLikelier(report_.Candidate, solution);
             return false;
         };
         return MatchPlateStars(state_, port_, search) == SolveCode::Solved;
-    }
-
-    void KeepCandidate(const PlateSolution& solution) {
-        const double log = solution.Confidence.Log10FalseAlarm;
-        if (!report_.Candidate || log < report_.Candidate->Confidence.Log10FalseAlarm) {
-            report_.Candidate = solution;
-        }
     }
 
     /// The plain search with the catalog stars of a circle inside the frame.
@@ -255,29 +248,13 @@ class Plan {
         return false;
     }
 
-    /// Turns a sure plate about `about` into the solution: reads the catalog again around the
-    /// middle of the image and uses all stars.
+    /// Turns a sure plate about `about` into the solution.
     bool TakePlate(const MatchedPlate& match, const MatchConfidence& confidence, SkyPosition about,
                    const ImageStars& places, std::int32_t regions) {
-        const PlateImage& image = state_.Image;
-        const auto middle =
-            PlateAboutMiddle(match.Plate, about, PlaneKind::Camera, image.Width, image.Height);
-        if (!middle) return false;
-        const double radius = std::hypot(image.Width, image.Height) / 2 /
-                              PlateGeometry(middle->Plate).Scale / SolveArcsecondsPerRadian;
-        RegionMatch region{middle->Centre, CatalogAbout(state_, middle->Centre, radius), {}};
-        MatchedPlate flat;
-        flat.Plate = middle->Plate;
-        if (!RefinePlate(region.CatalogStars, places, std::max(3.0, 2.5 * match.Rms), flat)) {
-            return false;
-        }
-        region.Found.Matches = flat.Pairs;
-        region.Found.Constants = flat.Plate;
-        PlateSolution solution = SolutionOf(region, places.Stars(), image.Width, image.Height);
-        solution.ExtractedCount = state_.Extraction.StarsFound;
-        solution.RegionsSearched = regions;
-        solution.Confidence = confidence;
-        if (!std::isfinite(solution.Rms)) return false;
+        std::optional<PlateSolution> solution = SolutionOfPlate(state_, match, about, places);
+        if (!solution) return false;
+        solution->RegionsSearched = regions;
+        solution->Confidence = confidence;
         state_.PlateStars = places.Stars();
         if (request_.Around.empty()) {
             // The report mentions a size that differs from the given one; a size that was only
@@ -285,7 +262,7 @@ class Plan {
             state_.Report.SearchRadius =
                 request_.Diagonals.empty() ? 0 : request_.Diagonals.front() / 2;
         }
-        FinishPlateSolution(state_, port_, std::move(solution));
+        FinishPlateSolution(state_, port_, *std::move(solution));
         return true;
     }
 

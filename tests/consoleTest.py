@@ -20,6 +20,7 @@ import subprocess
 import tempfile
 import time
 import unittest
+import zipfile
 
 WINDOWS = os.environ["VESTREL_SOLVE"].endswith(".exe")
 WINE = [os.environ["VESTREL_WINE"]] if WINDOWS else []
@@ -371,6 +372,51 @@ class DrawnSky(Solver):
     def assert_centre(self, ra, dec):
         self.assertAlmostEqual(ra, self.RA, delta=1 / 3600)
         self.assertAlmostEqual(dec, self.DEC, delta=1 / 3600)
+
+
+class Plan(DrawnSky):
+    """The search plan behind the options."""
+
+    def test_trying_harder_goes_on_after_the_one_search_and_leaves_a_sure_result_alone(self):
+        image = self.search[0]
+        result = image.with_suffix(".kel")
+        self.assertEqual(self.run_solver(self.parameters + str(image)).returncode, SOLVED)
+        plain = result.read_bytes()
+        run = self.run_solver(self.parameters + str(image), "--try-harder")
+        self.assertEqual((run.returncode, result.read_bytes()), (SOLVED, plain))
+        # Too few stars of each list are the same ones for the plain search.
+        off = ",".join(repr(math.radians(x)) for x in (self.RA + 0.2, self.DEC, 1, 0.75))
+        off = [f"{off},1,{image}", "--max-stars", 8]
+        self.assertEqual(self.run_solver(*off).returncode, NO_MATCH)
+        self.assertTrue(result.read_bytes().startswith(b"1000,1000,-1\r\n"))
+        for options, environment in ((["--try-harder"], {}), ([], {"VESTREL_TRY_HARDER": "1"})):
+            result.unlink()
+            self.environment.update(environment)
+            self.assertEqual(self.run_solver(*off, *options).returncode, SOLVED)
+            ra, dec, code = result.read_bytes().split(b"\r\n")[0].split(b",")
+            self.assert_centre(math.degrees(float(ra)), math.degrees(float(dec)))
+            self.assertEqual(code, b"1")
+
+    def test_a_bundle_repeats_a_solve_and_a_failure_without_picture_and_catalog(self):
+        elsewhere = [*self.search[:2], self.RA + 0.9, "--dec", self.DEC, "--size", "20x15", "--regions", "1"]
+        bundles = []
+        for search, code in ((self.search, SOLVED), (elsewhere, NO_MATCH)):
+            bundles.append((self.folder / f"{code}.zip", code))
+            run = self.run_solver(*search, "--bundle", bundles[-1][0])
+            self.assertEqual(run.returncode, code, run.stderr)
+            self.assertLess(bundles[-1][0].stat().st_size, len(self.sky) / 4)
+        whole = self.folder / "whole.zip"
+        self.run_solver(*self.search, "--bundle", whole, "--bundle-pixels")
+        with zipfile.ZipFile(whole) as archive:
+            self.assertIn(self.sky, [archive.read(name) for name in archive.namelist()])
+        self.search[0].unlink()
+        self.environment["VESTREL_CATALOG"] = str(self.folder / "nowhere")
+        for bundle, code in bundles:
+            run = self.run_solver("--replay", bundle, "--json")
+            report = json.loads(run.stdout)
+            self.assertEqual((run.returncode, report["same_outcome_as_bundle"]), (code, True))
+            if code == SOLVED:
+                self.assert_centre(report["ra_deg"], report["dec_deg"])
 
 
 class Solutions(DrawnSky):

@@ -8,8 +8,8 @@
 
 #include "matching/libFrameStars.h"
 #include "matching/libImageStars.h"
+#include "matching/libMatchedPlate.h"
 #include "matching/libPlatePosterior.h"
-#include "matching/libSeededMatch.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
+#include <vector>
 
 #include "astro/libMath.h"
 #include "catalog/libCatalogRegion.h"
@@ -139,6 +141,61 @@ TEST_F(PlanOfASmallSky, GivenStarsAreThoseOfTheSolutionAndOnlyTheBrightestAreUse
     request.Stars->Resize(3);
     EXPECT_EQ(Solve(request), SolveCode::TooFewStars);
     EXPECT_EQ(State.Display.Status1.Text, "Insufficient Plate Stars");
+}
+
+TEST_F(PlanOfASmallSky, AMatchThatIsNotSureIsACandidateAndSolvesNothing) {
+    // Ten of sixteen stars, two pixels off, and so far from the start that chance had many trials.
+    constexpr int stars = 16;
+    constexpr double middle = (side - 1) / 2.0;
+    constexpr double step = field / 2.5;
+    Random random(94);
+    SearchRequest request;
+    request.Around = {Hint(away)};
+    request.Around[0].Regions = 600;
+    request.Around[0].Briefly = true;
+    const SkyPosition there{centre.Ra + away + 10 * step, centre.Dec};
+    Projection plane;
+    plane.SetProjectionCentre(there, SolveArcsecondsPerRadian);
+    request.Stars.emplace();
+    std::vector<CatalogStar> catalog;
+    for (int i = 0; i < stars; ++i) {
+        const double x = random.Between(5, side - 5);
+        const double y = random.Between(5, side - 5);
+        request.Stars->Add({static_cast<float>(x), static_cast<float>(y),
+                            static_cast<float>(5000 - 100 * i), 0, 0});
+        const bool same = i < 10;
+        const double u = same ? x + random.Normal(2) : random.Between(0, side);
+        const double v = same ? y + random.Normal(2) : random.Between(0, side);
+        const auto [ra, dec] = plane.PlaneToSky((u - middle) * scale, (v - middle) * scale);
+        catalog.push_back({static_cast<float>(ra), static_cast<float>(dec),
+                           static_cast<std::int16_t>(1200 + 10 * i)});
+    }
+    State.Catalog = {};
+    State.Catalog.Folder = Folder / "doubtful catalog";
+    WriteCatalog(State.Catalog.Folder, catalog);
+    EXPECT_EQ(Solve(request), SolveCode::NoMatch);
+    ASSERT_TRUE(Report.Candidate);
+    EXPECT_LT(Report.Candidate->Confidence.Log10FalseAlarm, -1);
+    EXPECT_GT(Report.Candidate->RegionsSearched, 200);
+    EXPECT_NEAR(Report.Candidate->CentreRA, there.Ra, 10 * scale / SolveArcsecondsPerRadian);
+    EXPECT_FALSE(State.Solution);
+    EXPECT_FALSE(State.Image.Header.PlateMatched);
+    EXPECT_EQ(State.Display.Status.Text, "No Sure Match Found");
+}
+
+TEST(Candidate, IsTheLikeliestMatchWhateverTheOrder) {
+    std::vector<double> logs{-5, -1, -3, -2};
+    std::sort(logs.begin(), logs.end());
+    do {
+        std::optional<PlateSolution> kept;
+        for (const double log : logs) {
+            PlateSolution match;
+            match.Confidence.Log10FalseAlarm = log;
+            KeepLikelier(kept, match);
+        }
+        ASSERT_TRUE(kept);
+        EXPECT_EQ(kept->Confidence.Log10FalseAlarm, -5);
+    } while (std::next_permutation(logs.begin(), logs.end()));
 }
 
 TEST_F(PlanOfASmallSky, LookingForTheCauseLeavesTheStateAsItWas) {

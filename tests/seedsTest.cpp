@@ -352,6 +352,54 @@ TEST(Peaks, AreTheStarsInANebulaWithoutHotPixelsRowsAndLowerSummits) {
     }
 }
 
+TEST(Peaks, HaveTheLightAndWidthOfTheirStarWhateverTheBinning) {
+    constexpr double sigma = 8;
+    constexpr double light = 3e6;
+    PlateImage image = EmptyImage(columns, rows, 0);
+    Random random(54);
+    for (int y = 0; y < rows; ++y) {
+        for (int x = 0; x < columns; ++x) {
+            image.Pixels(x, y) = static_cast<int>(std::lround(500 + random.Normal(4)));
+        }
+    }
+    AddStar(image, 411.3, 302.8, light, sigma);
+    // The part of a Gaussian's light that lies above a quarter of its height.
+    const double above = light * (3 - std::log(4)) / 4;
+    for (const int binning : {1, 2, 4}) {
+        PeakSettings settings;
+        settings.Binning = binning;
+        const std::vector<Peak> peaks = FindPeaks(image, settings);
+        ASSERT_FALSE(peaks.empty());
+        EXPECT_NEAR(peaks[0].Flux / above, 1, 0.03) << binning;
+        EXPECT_NEAR(peaks[0].X, 411.3, 0.1) << binning;
+        EXPECT_NEAR(peaks[0].Y, 302.8, 0.1) << binning;
+        // The smoothing and the binned pixels themselves add to the width.
+        const double wide = std::sqrt(sigma * sigma + (1.17 * 1.17 + 1 / 12.0) * binning * binning);
+        EXPECT_NEAR(peaks[0].HalfWidth / (wide * std::sqrt(2 * std::log(2))), 1, 0.03) << binning;
+    }
+}
+
+TEST(Peaks, OfAFlatTopAreOneHoweverLongItIs) {
+    for (const bool upright : {false, true}) {
+        PlateImage image = EmptyImage(columns, rows, 0);
+        for (int y = 0; y < rows; ++y) {
+            for (int x = 0; x < columns; ++x) image.Pixels(x, y) = 500 + (x * 7 + y * 13) % 5;
+        }
+        // A saturated star has bled along its column or its row.
+        for (int along = 0; along < 160; ++along) {
+            for (int across = 0; across < 9; ++across) {
+                (upright ? image.Pixels(400 + across, 300 + along)
+                         : image.Pixels(400 + along, 300 + across)) = 60000;
+            }
+        }
+        const std::vector<Peak> peaks = FindPeaks(image, {});
+        const auto bled = std::count_if(peaks.begin(), peaks.end(), [](const Peak& peak) {
+            return peak.X > 380 && peak.X < 580 && peak.Y > 280 && peak.Y < 480;
+        });
+        EXPECT_EQ(bled, 1) << upright;
+    }
+}
+
 TEST(Peaks, SpreadEvenlyComeFromEveryPartFirst) {
     Random random(46);
     PlateStarList stars;
