@@ -53,6 +53,7 @@ constexpr ForeignFormat formats[] = {
      "7zXZ"sv,
      "packed by xz", unpack},
     {0, "\x28\xB5\x2F\xFD"sv, "packed by Zstandard", unpack},
+    {0, "FOVb"sv, "an X3F picture of a camera", "convert it to TIFF with the camera's software"},
     {0, "%PDF"sv, "a PDF document", "save its picture as TIFF, PNG or JPEG"},
 };
 

@@ -69,6 +69,10 @@ void DecodeRaw(std::span<const unsigned char> file, PictureSink& sink) {
     raw->imgdata.params.max_raw_memory_mb = 2048;
     const auto require = [](int code) {
         if (code == LIBRAW_SUCCESS) return;
+        // The bytes are in memory: nothing else can fail to be read.
+        if (code == LIBRAW_IO_ERROR) {
+            throw DecodeFault("It ends before its pixels do, or they are damaged.");
+        }
         throw DecodeFault(std::string("The camera's data cannot be decoded (") +
                           libraw_strerror(code) +
                           "): convert it to DNG, TIFF or FITS with the camera's software.");
