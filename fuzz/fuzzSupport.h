@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <string_view>
 
-#include "image/libImage.h"
+#include "image/libFormats.h"
 #include "tests/testSupport.h"
 
 /// Called by libFuzzer and driver.cpp for one input after the other.
@@ -33,8 +33,6 @@ struct CheckedImage {
     bool Good = false;
     ReadFailure Failure;
 };
-using ImageReader = bool (*)(const std::filesystem::path&, PlateImage&, const Progress&,
-                             ReadFailure&);
 CheckedImage ReadChecked(ImageReader read, std::string_view bytes);
 
 /// Saves an image that a reader made and opens it again: pixels, texts and the plate solution must

@@ -28,20 +28,4 @@ struct ApartLimits {
 /// @throws DecodeFault, and what `sink` throws
 void DecodeApart(const DecodeCall& decode, PictureSink& sink, const ApartLimits& limits = {});
 
-/// Makes this thread decode JPEG pictures apart too, as long as it exists. Programs that run for
-/// days and take pictures from anywhere need it.
-class EveryDecoderApart {
- public:
-    explicit EveryDecoderApart(bool every);
-    ~EveryDecoderApart();
-    EveryDecoderApart(const EveryDecoderApart&) = delete;
-    EveryDecoderApart& operator=(const EveryDecoderApart&) = delete;
-
-    /// Whether one that says so exists on this thread.
-    static bool Demanded();
-
- private:
-    bool before_;
-};
-
 }  // namespace vestrel

@@ -90,6 +90,24 @@ class PictureSink : public CardSink {
 /// Decodes the bytes of a file. Throws `DecodeFault`, or std::bad_alloc.
 using PictureDecoder = void(std::span<const unsigned char> file, PictureSink& sink);
 
+/// The limits of a picture. The image record holds sides as signed 16-bit numbers.
+inline constexpr std::int64_t LongestSide = 32767;
+inline constexpr std::int64_t MostPixels = std::int64_t{1} << 28;
+
+/// @throws DecodeFault when a picture has no pixels or more than any may have
+inline void RequireWithinLimits(std::int64_t width, std::int64_t height) {
+    if (width < 1 || height < 1) throw DecodeFault("It has no pixels.");
+    const auto size = std::to_string(width) + " x " + std::to_string(height);
+    if (width > LongestSide || height > LongestSide) {
+        throw DecodeFault("It has " + size + " pixels; a side may have " +
+                          std::to_string(LongestSide) + ".");
+    }
+    if (width * height > MostPixels) {
+        throw DecodeFault("It has " + size + " pixels; the limit is " +
+                          std::to_string(MostPixels / 1'000'000) + " million.");
+    }
+}
+
 /// No compression in use turns one byte into more bytes than this. The limit keeps a forged size
 /// from costing memory.
 inline constexpr std::uint64_t MostBytesFromOne = 2048;

@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <memory>
 #include <new>
 #include <stdexcept>
+#include <system_error>
+#include <vector>
 
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
@@ -206,7 +209,63 @@ void ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
         });
 }
 
+/// A look at the file's first block, as most files are not floating-point ones.
+bool SaysFloatingPoint(std::FILE* file) {
+    char block[FitsBlockLength];
+    const std::string_view start(block, std::fread(block, 1, sizeof block, file));
+    for (std::size_t at = 0; at + FitsCardLength <= start.size(); at += FitsCardLength) {
+        const std::string_view card = start.substr(at, FitsCardLength);
+        if (card.starts_with("BITPIX  =")) return card.find("-32") != std::string_view::npos;
+    }
+    return false;
+}
+
+/// Whether all finite pixels in these bytes lie within 0..2, and some are fractions.
+bool HoldFractions(const std::vector<std::uint8_t>& bytes) {
+    constexpr double least = std::numeric_limits<float>::min();
+    bool fractions = false;
+    for (std::size_t i = 0; i + 4 <= bytes.size(); i += 4) {
+        const bool finite = (bytes[i] & 0x7F) != 0x7F || (bytes[i + 1] & 0x80) == 0;
+        const double number = DecodeFloat32(bytes[i], bytes[i + 1], bytes[i + 2], bytes[i + 3]);
+        if (finite && (number < -least || number > 2)) return false;
+        fractions |= finite && number > least && number != 1 && number != 2;
+    }
+    return fractions;
+}
+
 }  // namespace
+
+bool MayHoldFractions(const std::filesystem::path& path) {
+    std::error_code none;
+    if (!std::filesystem::is_regular_file(path, none)) return false;  // a pipe is read only once
+    try {
+        const FileHandle file = OpenFile(path, "rb");
+        if (!file || !SaysFloatingPoint(file.get()) || !SeekFile(file.get(), 0)) return false;
+        ImageHeader header;
+        ReadFailure ignored;
+        ClearHeader(header);
+        if (!ReadHeader(file.get(), header, ignored) || !CheckHeader(header, ignored) ||
+            header.BitPix != -32 || OffsetOf(header) != 0 ||
+            (header.BScale != 0 && header.BScale != 1) || header.NAxis1 < 1 || header.NAxis2 < 1) {
+            return false;
+        }
+        const std::size_t rowBytes = PixelLayout(header, 0).RowBytes;
+        const std::int64_t start = FilePosition(file.get());
+        constexpr std::size_t rows = 8;
+        std::vector<std::uint8_t> bytes(rows * rowBytes);
+        for (std::size_t n = 0; n < rows; ++n) {
+            const std::size_t y =
+                (2 * n + 1) * static_cast<std::size_t>(header.NAxis2) / (2 * rows);
+            if (ReadAt(file.get(), static_cast<std::uint64_t>(start) + y * rowBytes,
+                       bytes.data() + n * rowBytes, rowBytes) != rowBytes) {
+                return false;
+            }
+        }
+        return HoldFractions(bytes);
+    } catch (const std::exception&) {
+        return false;
+    }
+}
 
 bool ReadFitsFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
                   ReadFailure& failure) {

@@ -24,6 +24,11 @@ namespace vestrel {
 bool ReadFitsFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
                   ReadFailure& failure);
 
+/// Whether rows here and there of a file say that it is a 32-bit floating-point image of two axes
+/// whose pixels lie within 0..2 and are not all whole: no counts, and `ReadFitsFile` would make it
+/// black. False for anything but a regular file.
+bool MayHoldFractions(const std::filesystem::path& path);
+
 /// The number in four bytes in file order: big-endian IEEE 754 single precision without its special
 /// cases. A stored zero gives about 5.9E-39, the all-ones exponent a huge number.
 double DecodeFloat32(std::uint8_t b0, std::uint8_t b1, std::uint8_t b2, std::uint8_t b3);

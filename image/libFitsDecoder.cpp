@@ -5,9 +5,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <new>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -36,40 +39,61 @@ using FitsHandle = std::unique_ptr<fitsfile, FitsCloser>;
     throw DecodeFault(std::string("Its data cannot be decoded (") + text + ").");
 }
 
-/// The content of a gzip file of at most 2 GiB.
-std::vector<unsigned char> Inflated(std::span<const unsigned char> packed) {
-    constexpr std::size_t most = std::size_t{2} << 30;
-    z_stream stream{};
-    constexpr int gzipOnly = 15 + 16;
-    if (inflateInit2(&stream, gzipOnly) != Z_OK) throw std::bad_alloc();
-    const std::unique_ptr<z_stream, int (*)(z_stream*)> end(&stream, inflateEnd);
-    std::vector<unsigned char> content;
-    stream.next_in = const_cast<unsigned char*>(packed.data());
-    std::size_t left = packed.size();
-    int state = Z_OK;
-    std::size_t made = 0;
-    while (state == Z_OK) {
-        if (made == content.size()) {
-            if (made >= most) {
-                throw DecodeFault("Unpacked it has more than 2 GiB, which is the limit.");
-            }
-            content.resize(std::min(most, std::max<std::size_t>(1 << 20, made * 2)));
-        }
-        const auto chunk = static_cast<uInt>(std::min<std::size_t>(left, 1U << 30));
-        const auto room = static_cast<uInt>(std::min<std::size_t>(content.size() - made, 1U << 30));
-        stream.avail_in = chunk;
-        stream.next_out = content.data() + made;
-        stream.avail_out = room;
-        state = inflate(&stream, Z_NO_FLUSH);
-        left -= chunk - stream.avail_in;
-        made += room - stream.avail_out;
-        if (state == Z_BUF_ERROR && left > 0) state = Z_OK;
-    }
-    // The rest of a file that was cut short may still hold a whole image.
-    if (made == 0) throw DecodeFault("It is no gzip file that can be unpacked.");
-    content.resize(made);
-    return content;
+constexpr std::uint64_t mostUnpacked = std::uint64_t{2} << 30;
+
+[[noreturn]] void FailAboveLimit() {
+    throw DecodeFault("Unpacked it has more than 2 GiB, which is the limit.");
 }
+
+/// A gzip file that is unpacked as far as it is needed.
+class Unpacking {
+ public:
+    explicit Unpacking(std::span<const unsigned char> packed)
+        : packed_(packed), content_(nullptr, std::free) {
+        constexpr int gzipOnly = 15 + 16;
+        if (inflateInit2(&stream_, gzipOnly) != Z_OK) throw std::bad_alloc();
+        stream_.next_in = const_cast<unsigned char*>(packed.data());
+    }
+    ~Unpacking() { inflateEnd(&stream_); }
+    Unpacking(const Unpacking&) = delete;
+    Unpacking& operator=(const Unpacking&) = delete;
+
+    /// Unpacks until there are so many bytes, or all.
+    void Reach(std::uint64_t length) {
+        if (length > mostUnpacked) FailAboveLimit();
+        if (length <= made_ || ended_) return;
+        // Memory that is not written to costs nothing, and no byte is copied when it grows.
+        void* const more = std::realloc(content_.get(), length);
+        if (more == nullptr) throw std::bad_alloc();
+        (void)content_.release();
+        content_.reset(static_cast<unsigned char*>(more));
+        while (made_ < length && !ended_) Step(length);
+    }
+    bool Ended() const { return ended_; }
+    std::span<const unsigned char> Bytes() const { return {content_.get(), made_}; }
+
+ private:
+    void Step(std::uint64_t length) {
+        constexpr std::uint64_t piece = std::uint64_t{1} << 30;
+        const std::uint64_t left = packed_.size() - taken_;
+        stream_.avail_in = static_cast<uInt>(std::min(left, piece));
+        stream_.avail_out = static_cast<uInt>(std::min(length - made_, piece));
+        stream_.next_out = content_.get() + made_;
+        const uInt in = stream_.avail_in;
+        const uInt out = stream_.avail_out;
+        const int state = inflate(&stream_, Z_NO_FLUSH);
+        taken_ += in - stream_.avail_in;
+        made_ += out - stream_.avail_out;
+        ended_ = state != Z_OK && (state != Z_BUF_ERROR || taken_ == packed_.size());
+    }
+
+    std::span<const unsigned char> packed_;
+    std::unique_ptr<unsigned char, void (*)(void*)> content_;
+    z_stream stream_{};
+    std::uint64_t taken_ = 0;
+    std::uint64_t made_ = 0;
+    bool ended_ = false;
+};
 
 /// Whether a card describes how a compressed image is stored as a table.
 bool SpeaksOfStorage(std::string_view keyword, bool packed) {
@@ -111,13 +135,39 @@ void PassCards(fitsfile* file, bool packed, std::set<std::string>& passed, Pictu
     passed.merge(present);
 }
 
-/// Moves to the first image of two axes or more; false when there is none.
-bool FindImage(fitsfile* file) {
+/// A FITS file in memory, which must stay as long as this.
+class OpenedFits {
+ public:
+    explicit OpenedFits(std::span<const unsigned char> file)
+        : bytes_(const_cast<unsigned char*>(file.data())), length_(file.size()) {
+        int status = 0;
+        fitsfile* opened = nullptr;
+        if (ffomem(&opened, "image", READONLY, &bytes_, &length_, 0, nullptr, &status) != 0) {
+            Fail(status);
+        }
+        handle_.reset(opened);
+    }
+    OpenedFits(const OpenedFits&) = delete;
+    OpenedFits& operator=(const OpenedFits&) = delete;
+    fitsfile* Get() const { return handle_.get(); }
+
+ private:
+    void* bytes_;  // the library keeps the addresses of both
+    std::size_t length_;
+    FitsHandle handle_;
+};
+
+/// Moves to the first image of two axes or more; false when there is none. `end` is where the data
+/// end of the last part whose header is there.
+bool FindImage(fitsfile* file, std::uint64_t& end) {
     constexpr int mostParts = 1000;
     for (int part = 1; part <= mostParts; ++part) {
         int status = 0;
         int kind = 0;
         if (ffmahd(file, part, &kind, &status) != 0) return false;
+        LONGLONG dataEnd = 0;
+        if (fits_get_hduaddrll(file, nullptr, nullptr, &dataEnd, &status) != 0) return false;
+        end = static_cast<std::uint64_t>(dataEnd);
         if (kind != IMAGE_HDU && fits_is_compressed_image(file, &status) == 0) continue;
         int axes = 0;
         long sides[2] = {};
@@ -128,6 +178,29 @@ bool FindImage(fitsfile* file) {
         if (sides[0] > 1 && sides[1] > 1) return true;
     }
     return false;
+}
+
+/// Unpacks a file to the end of its first image: not what follows, and nothing before the size that
+/// it declares is known.
+void UnpackImage(Unpacking& file) {
+    constexpr std::uint64_t longHeader = std::uint64_t{4} << 20;
+    std::uint64_t length = longHeader;
+    bool found = false;
+    while (!found && !file.Ended()) {
+        file.Reach(length);
+        if (file.Bytes().empty()) throw DecodeFault("It is no gzip file that can be unpacked.");
+        const OpenedFits fits(file.Bytes());
+        std::uint64_t end = 0;
+        found = FindImage(fits.Get(), end);
+        if (found) {
+            long sides[2] = {};
+            int status = 0;
+            if (fits_get_img_size(fits.Get(), 2, sides, &status) != 0) Fail(status);
+            RequireWithinLimits(sides[0], sides[1]);
+        }
+        length = found ? end : std::max(2 * length, end);
+    }
+    file.Reach(length);
 }
 
 /// The type in which the samples are requested.
@@ -238,33 +311,28 @@ void PassSamples(fitsfile* fits, const Asked& asked, const long (&sides)[3], boo
 }  // namespace
 
 void DecodeFits(std::span<const unsigned char> file, PictureSink& sink) {
-    std::vector<unsigned char> unpacked;
     const bool zipped = file.size() > 2 && file[0] == 0x1F && file[1] == 0x8B;
+    std::optional<Unpacking> unpacked;
     if (zipped) {
-        unpacked = Inflated(file);
-        file = unpacked;
+        UnpackImage(unpacked.emplace(file));
+        file = unpacked->Bytes();
     }
-    void* buffer = const_cast<unsigned char*>(file.data());
-    std::size_t length = file.size();
-    int status = 0;
-    fitsfile* opened = nullptr;
-    if (ffomem(&opened, "image", READONLY, &buffer, &length, 0, nullptr, &status) != 0) {
-        Fail(status);
-    }
-    const FitsHandle fits(opened);
-    if (!FindImage(fits.get())) throw DecodeFault("It holds no image of two axes.");
+    const OpenedFits fits(file);
+    std::uint64_t end = 0;
+    if (!FindImage(fits.Get(), end)) throw DecodeFault("It holds no image of two axes.");
 
-    const bool packed = fits_is_compressed_image(fits.get(), &status) != 0;
+    int status = 0;
+    const bool packed = fits_is_compressed_image(fits.Get(), &status) != 0;
     int axes = 0;
     int bitPix = 0;
     long sides[3] = {1, 1, 1};
-    if (fits_get_img_param(fits.get(), 3, &bitPix, &axes, sides, &status) != 0) Fail(status);
-    const Asked asked = AskedFor(fits.get());
+    if (fits_get_img_param(fits.Get(), 3, &bitPix, &axes, sides, &status) != 0) Fail(status);
+    const Asked asked = AskedFor(fits.Get());
     const bool colour = axes >= 3 && sides[2] == 3;
     RequirePlausible(sides[0], sides[1], colour ? 3 : 1, file.size());
     // CFITSIO does not check where its memory ends.
     LONGLONG start = 0;
-    if (fits_get_hduaddrll(fits.get(), nullptr, &start, nullptr, &status) != 0) Fail(status);
+    if (fits_get_hduaddrll(fits.Get(), nullptr, &start, nullptr, &status) != 0) Fail(status);
     const auto held = static_cast<std::uint64_t>(std::abs(bitPix)) / 8 *
                       static_cast<std::uint64_t>(sides[0]) * static_cast<std::uint64_t>(sides[1]) *
                       (colour ? 3 : 1);
@@ -278,20 +346,20 @@ void DecodeFits(std::span<const unsigned char> file, PictureSink& sink) {
     sink.Start({sides[0], sides[1], colour ? 3 : 1, asked.Kind, bitPix, turned});
 
     bool flipped = false;
-    if (!packed && !zipped && IsPlain(fits.get(), bitPix, asked, flipped)) {
+    if (!packed && !zipped && IsPlain(fits.Get(), bitPix, asked, flipped)) {
         sink.Stored({static_cast<std::uint64_t>(start), true, colour, turned, flipped,
                      bitPix == LONGLONG_IMG});
     } else {
-        PassSamples(fits.get(), asked, sides, packed, colour, turned, sink);
+        PassSamples(fits.Get(), asked, sides, packed, colour, turned, sink);
     }
 
     std::set<std::string> passed;
-    PassCards(fits.get(), packed, passed, sink);
+    PassCards(fits.Get(), packed, passed, sink);
     int number = 0;
-    ffghdn(fits.get(), &number);
+    ffghdn(fits.Get(), &number);
     int kind = 0;
-    if (number > 1 && ffmahd(fits.get(), 1, &kind, &status) == 0) {
-        PassCards(fits.get(), false, passed, sink);
+    if (number > 1 && ffmahd(fits.Get(), 1, &kind, &status) == 0) {
+        PassCards(fits.Get(), false, passed, sink);
     }
     if (colour) sink.Remark("Three planes were taken for colours: counts are their mean.");
     if (axes >= 3 && !colour && sides[2] > 1) {

@@ -105,10 +105,10 @@ ExportedPixels PixelsOfFits(const PlateImage& image) {
 }
 
 /// The counts of a file in another format, which is read again.
-ExportedPixels PixelsOfOthers(const PlateImage& image) {
+ExportedPixels PixelsOfOthers(const PlateImage& image, bool apart) {
     PlateImage original;
     ReadFailure failure;
-    const bool read = ReadImageFile(PathFromText(image.FileName), original, {}, failure);
+    const bool read = ReadImageFile(PathFromText(image.FileName), original, {}, failure, apart);
     if (!read || original.ImageType != image.ImageType || original.Width != image.Width ||
         original.Height != image.Height) {
         throw std::runtime_error("The file " + image.FileName + " is no longer what it was.");
@@ -284,10 +284,10 @@ void AppendOwnCards(std::vector<std::string>& cards, const PlateImage& image, in
 
 std::vector<unsigned char> FitsExportBytes(const PlateImage& image,
                                            const std::vector<std::string>& coordinateCards,
-                                           const std::vector<std::string>& moreCards) {
+                                           const std::vector<std::string>& moreCards, bool apart) {
     if (coordinateCards.empty()) throw std::runtime_error("The image has no solution.");
     const ExportedPixels pixels =
-        image.ImageType == ImageType::Fits ? PixelsOfFits(image) : PixelsOfOthers(image);
+        image.ImageType == ImageType::Fits ? PixelsOfFits(image) : PixelsOfOthers(image, apart);
 
     std::vector<std::string> cards = LayoutCards(image, pixels);
     if (image.ImageType == ImageType::Sbig) {

@@ -21,10 +21,12 @@ namespace vestrel {
 /// The file opens in Vestrel already solved, unless it has more cards than Vestrel reads, or its
 /// scaled counts are blank or out of range.
 ///
+/// @param apart as for `ReadImageFile`: pictures are read again
 /// @throws std::runtime_error, with a text for the user, when there are no coordinates or the
 ///         image's file has changed
 std::vector<unsigned char> FitsExportBytes(const PlateImage& image,
                                            const std::vector<std::string>& coordinateCards,
-                                           const std::vector<std::string>& moreCards);
+                                           const std::vector<std::string>& moreCards,
+                                           bool apart = false);
 
 }  // namespace vestrel

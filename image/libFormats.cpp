@@ -50,17 +50,18 @@ bool IsRaw(std::string_view start) {
 }
 
 constexpr ImageFormat formats[] = {
-    {"FITS", " FIT FITS FTS FZ GZ ", IsFits, ReadFitsFile, " FIT FITS FTS ", ImageType::Fits,
-     "fits"},
-    {"SBIG", " SBIG SBI ", IsSbig, ReadSbigFile, " SBIG SBI ", ImageType::Sbig, nullptr},
-    // The misspelt extension has always been accepted, and callers rely on it.
-    {"JPEG", " JPG JEPG JPEG JPE JFIF ", IsJpeg, ReadPictureFile, " JPG JEPG ", ImageType::Jpeg,
+    {"FITS", " FIT FITS FTS FZ GZ ", IsFits, ReadFitsFile, ReadFitsFile, " FIT FITS FTS ",
+     ImageType::Fits, "fits"},
+    {"SBIG", " SBIG SBI ", IsSbig, ReadSbigFile, ReadSbigFile, " SBIG SBI ", ImageType::Sbig,
      nullptr},
-    {"PNG", " PNG ", IsPng, nullptr, "", ImageType::Decoded, "png"},
-    {"TIFF", " TIF TIFF ", IsTiff, nullptr, "", ImageType::Decoded, "tiff"},
-    {"XISF", " XISF ", IsXisf, nullptr, "", ImageType::Decoded, "xisf"},
+    // The misspelt extension has always been accepted, and callers rely on it.
+    {"JPEG", " JPG JEPG JPEG JPE JFIF ", IsJpeg, ReadPictureFile, ReadPictureFileApart,
+     " JPG JEPG ", ImageType::Jpeg, nullptr},
+    {"PNG", " PNG ", IsPng, nullptr, nullptr, "", ImageType::Decoded, "png"},
+    {"TIFF", " TIF TIFF ", IsTiff, nullptr, nullptr, "", ImageType::Decoded, "tiff"},
+    {"XISF", " XISF ", IsXisf, nullptr, nullptr, "", ImageType::Decoded, "xisf"},
     {"camera RAW", " DNG CR2 CR3 CRW NEF NRW ARW SR2 RAF ORF RW2 PEF SRW 3FR IIQ ", IsRaw, nullptr,
-     "", ImageType::Decoded, "raw"},
+     nullptr, "", ImageType::Decoded, "raw"},
 };
 
 std::string ExtensionOf(std::string_view path) {
@@ -97,8 +98,9 @@ ModuleEntry* EntryOf(const ImageFormat& format, std::string& reason) {
     return reason.empty() ? entry : nullptr;
 }
 
-void Decode(const ImageFormat& format, const std::filesystem::path& path, PlateImage& image,
-            const Progress& progress) {
+/// Returns the range of the samples, if they have more than 16 bits.
+NumberRange Decode(const ImageFormat& format, const std::filesystem::path& path, PlateImage& image,
+                   const Progress& progress) {
     std::string reason;
     ModuleEntry* const entry = EntryOf(format, reason);
     if (entry == nullptr) throw DecodeFault(reason);
@@ -125,6 +127,7 @@ void Decode(const ImageFormat& format, const std::filesystem::path& path, PlateI
     builder.Finish();
     image.ImageType = ImageType::Decoded;
     image.Format = format.Name;
+    return builder.Range();
 }
 
 /// As `Decode`. The `cause` of the first failure stays.
@@ -152,11 +155,13 @@ void ForgetDecoding(PlateImage& image) {
     image.Remarks.clear();
 }
 
+constexpr std::int32_t smallestSkySide = 100;
+
 /// Whether the reader of counts can have lost the picture: next to nothing above 2, or nearly all
 /// at 0.
 bool MayHaveLostTheSky(const PlateImage& image) {
-    constexpr std::int32_t smallestSide = 100;
-    if (image.Header.BitPix != -32 || image.Width < smallestSide || image.Height < smallestSide) {
+    if (image.Header.BitPix != -32 || image.Width < smallestSkySide ||
+        image.Height < smallestSkySide) {
         return false;
     }
     const std::int64_t pixels = std::int64_t{image.Width} * image.Height;
@@ -189,6 +194,23 @@ void DecodeLostSky(const ImageFormat& format, const std::filesystem::path& path,
         return;
     }
     if (again.Counts.Factor != 1) image = std::move(again);
+}
+
+/// Decodes at once what the reader of counts would surely lose: an image without a number that
+/// rounds to more than 2. False when it is another one; then `image` is as it was.
+bool DecodeFractions(const ImageFormat& format, const std::filesystem::path& path,
+                     PlateImage& image, const Progress& progress) {
+    if (!MayHoldFractions(path)) return false;
+    PlateImage decoded;
+    try {
+        const NumberRange range = Decode(format, path, decoded, progress);
+        const bool lost = range.Least >= 0 && range.Greatest <= 2 && decoded.Counts.Factor != 1 &&
+                          std::min(decoded.Width, decoded.Height) >= smallestSkySide;
+        if (lost) image = std::move(decoded);
+        return lost;
+    } catch (const std::exception&) {
+        return false;
+    }
 }
 
 }  // namespace
@@ -238,14 +260,17 @@ std::vector<const ImageFormat*> FormatsOfFile(const std::filesystem::path& path)
 }
 
 bool ReadImageFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
-                   ReadFailure& failure) {
+                   ReadFailure& failure, bool apart) {
     failure = {};
     ForgetDecoding(image);
     const ImageFormat* const own = OwnFormatOfName(TextFromPath(path));
     bool shown = false;
     const auto read = [&](const ImageFormat& format) {
+        if (format.Type == ImageType::Fits && DecodeFractions(format, path, image, progress)) {
+            return true;
+        }
         ReadFailure said;
-        if (!format.Read(path, image, progress, said)) {
+        if (!(apart ? format.ReadApart : format.Read)(path, image, progress, said)) {
             if (!shown) failure = said;
             shown = true;
             return false;

@@ -12,14 +12,19 @@
 
 namespace vestrel {
 
+/// Reads a file; says what to show when the result is false.
+using ImageReader = bool (*)(const std::filesystem::path&, PlateImage&, const Progress&,
+                             ReadFailure&);
+
 /// What the program can do with a format. To add one, write its decoder and add a row to the table.
 struct ImageFormat {
     const char* Name;        ///< "TIFF"
     const char* Extensions;  ///< usual extensions, in capitals, each between blanks
     bool (*Recognises)(std::string_view start);  ///< by the first `RecognisedLength` bytes
-    /// The program's own reader, null when there is none, and the extensions that lead to it
-    /// whatever the content is.
-    bool (*Read)(const std::filesystem::path&, PlateImage&, const Progress&, ReadFailure&);
+    /// The program's own reader, null when there is none, the same in a child process, and the
+    /// extensions that lead to it whatever the content is.
+    ImageReader Read;
+    ImageReader ReadApart;
     const char* OwnExtensions;
     ImageType Type;       ///< of an image that `Read` has read
     const char* Decoder;  ///< the module that reads the format, or the rest of it; null: none
@@ -48,8 +53,10 @@ const ImageFormat* OwnFormatOfName(std::string_view path);
 /// 0, was no image of counts: it is decoded anew, with its range brought to 0..65535.
 /// @param failure what to show when the result is false: the message of the reader that the name
 ///        leads to, and as its cause the first failure of the others
+/// @param apart   own readers that call a library (of JPEG) do so in a child process, as decoders
+///        always do: for programs that run for days and take pictures from anywhere
 bool ReadImageFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
-                   ReadFailure& failure);
+                   ReadFailure& failure, bool apart = false);
 
 /// The names of the formats that this installation can read, separated by commas.
 std::string ReadableFormats();

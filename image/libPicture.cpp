@@ -279,9 +279,18 @@ std::string SendPicture(const std::filesystem::path& path, PictureSink& sink) {
     return {};
 }
 
-/// Reads the picture in a child process.
-bool ReadApart(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
-               ReadFailure& failure) {
+bool DecodeHere(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
+                ReadFailure& /*failure*/) {
+    std::vector<JOCTET> exif;
+    if (!DecodeFile(path, image, exif, progress)) return false;
+    CardKeeper keeper(image);
+    PassCameraFacts(ReadExif(exif), std::max(image.Width, image.Height), keeper);
+    keeper.Finish();
+    return true;
+}
+
+bool DecodeInChild(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
+                   ReadFailure& failure) {
     PictureTaker taker(image, progress);
     try {
         DecodeApart([&path](PictureSink& sink) { return SendPicture(path, sink); }, taker);
@@ -295,27 +304,30 @@ bool ReadApart(const std::filesystem::path& path, PlateImage& image, const Progr
     return true;
 }
 
-}  // namespace
-
-bool ReadPictureFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
-                     ReadFailure& failure) {
+template <typename Decode>
+bool ReadWith(Decode decode, const std::filesystem::path& path, PlateImage& image,
+              const Progress& progress, ReadFailure& failure) {
     failure = {refusal, DefaultTitle};
     image.Orientation = 1;
     image.Remarks.clear();
-    if (EveryDecoderApart::Demanded()) {
-        if (!ReadApart(path, image, progress, failure)) return false;
-    } else {
-        std::vector<JOCTET> exif;
-        if (!DecodeFile(path, image, exif, progress)) return false;
-        CardKeeper keeper(image);
-        PassCameraFacts(ReadExif(exif), std::max(image.Width, image.Height), keeper);
-        keeper.Finish();
-    }
+    if (!decode(path, image, progress, failure)) return false;
     if (progress) progress(0, image.Height);
     image.ImageType = ImageType::Jpeg;
     image.FileName = TextFromPath(path);
     failure = {};
     return true;
+}
+
+}  // namespace
+
+bool ReadPictureFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
+                     ReadFailure& failure) {
+    return ReadWith(DecodeHere, path, image, progress, failure);
+}
+
+bool ReadPictureFileApart(const std::filesystem::path& path, PlateImage& image,
+                          const Progress& progress, ReadFailure& failure) {
+    return ReadWith(DecodeInChild, path, image, progress, failure);
 }
 
 }  // namespace vestrel

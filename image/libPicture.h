@@ -20,4 +20,8 @@ namespace vestrel {
 bool ReadPictureFile(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
                      ReadFailure& failure);
 
+/// As `ReadPictureFile`, with the same result, in a child process.
+bool ReadPictureFileApart(const std::filesystem::path& path, PlateImage& image,
+                          const Progress& progress, ReadFailure& failure);
+
 }  // namespace vestrel

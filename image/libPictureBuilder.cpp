@@ -125,8 +125,7 @@ CountScale ScaleFor(const NumberRange& range, std::int32_t width, std::int32_t h
     return std::isnormal(factor) ? CountScale{range.Least, factor} : CountScale{0, 1};
 }
 
-void MakeCounts(const PictureNumbers& numbers, PlateImage& image) {
-    NumberRange range = numbers.Range();
+void MakeCounts(const PictureNumbers& numbers, NumberRange range, PlateImage& image) {
     if (range.Least > range.Greatest) throw DecodeFault("None of its pixels is a number.");
     if (range.Least < 0 || range.Greatest > largestCount) {
         range = WithoutStrays(range, numbers, image);
@@ -158,18 +157,8 @@ PictureBuilder::PictureBuilder(PlateImage& image, Progress progress, FileReader 
 }
 
 void PictureBuilder::Start(const PictureShape& shape) {
-    const auto size = std::to_string(shape.Width) + " x " + std::to_string(shape.Height);
-    if (shape.Width < 1 || shape.Height < 1 || shape.Channels < 1) {
-        throw DecodeFault("It has no pixels.");
-    }
-    if (shape.Width > LongestSide || shape.Height > LongestSide) {
-        throw DecodeFault("It has " + size + " pixels; a side may have " +
-                          std::to_string(LongestSide) + ".");
-    }
-    if (shape.Width * shape.Height > MostPixels) {
-        throw DecodeFault("It has " + size + " pixels; the limit is " +
-                          std::to_string(MostPixels / 1'000'000) + " million.");
-    }
+    if (shape.Channels < 1) throw DecodeFault("It has no pixels.");
+    RequireWithinLimits(shape.Width, shape.Height);
     shape_ = shape;
     started_ = true;
     image_.Header.NAxis1 = static_cast<std::int16_t>(shape.Width);
@@ -272,7 +261,10 @@ void PictureBuilder::Orientation(int value) {
 
 void PictureBuilder::Finish() {
     if (!started_) throw DecodeFault("It holds no picture.");
-    if (collects_) MakeCounts(numbers_, image_);
+    if (collects_) {
+        range_ = numbers_.Range();
+        MakeCounts(numbers_, range_, image_);
+    }
     ImageHeader& header = image_.Header;
     header.Cards[static_cast<std::size_t>(++header.CardCount)] = std::string("END").append(77, ' ');
     // The header fields describe the pixels as they are in memory.

@@ -10,10 +10,6 @@
 
 namespace vestrel {
 
-/// The limits of a picture. The image record holds sides as signed 16-bit numbers.
-inline constexpr std::int64_t LongestSide = 32767;
-inline constexpr std::int64_t MostPixels = std::int64_t{1} << 28;
-
 /// Fills a `PlateImage` from a decoder.
 ///
 /// Counts: 8- and 16-bit samples are counts (negative ones become 0), and so are wider and
@@ -44,6 +40,9 @@ class PictureBuilder final : public PictureSink {
     /// Must be called after the last row and card. Throws `DecodeFault` when there was no picture.
     void Finish();
 
+    /// The range of the samples of a finished picture that has wider than 16-bit ones.
+    const NumberRange& Range() const { return range_; }
+
  private:
     PlateImage& image_;
     Progress progress_;
@@ -52,6 +51,7 @@ class PictureBuilder final : public PictureSink {
     FileReader file_;
     bool collects_ = false;  ///< the samples are numbers whose range decides about the counts
     PictureNumbers numbers_;
+    NumberRange range_;
 };
 
 }  // namespace vestrel

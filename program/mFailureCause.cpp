@@ -105,7 +105,8 @@ class Inquiry {
         PlateImage asRead;
         ReadFailure ignored;
         const bool read = ReadImageFile(
-            PathFromText(image.FileName), asRead, [this](int, int) { port_.Yield(); }, ignored);
+            PathFromText(image.FileName), asRead, [this](int, int) { port_.Yield(); }, ignored,
+            state_.DecodesApart);
         // A picture from memory has only a name, which may be that of an unrelated file.
         const bool same = read && asRead.Width == image.Width && asRead.Height == image.Height;
         WorkBeside(port_, [&] { evidence.Health = HealthOf(same ? asRead : image); });

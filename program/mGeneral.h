@@ -153,6 +153,7 @@ struct ProgramState {
     PlateImage Image;
     bool ImageLoaded = false;
     bool BackgroundRemoved = false;
+    bool DecodesApart = false;  ///< JPEG pictures too, as all that decoders read
     Transfer DisplayTransfer =
         Transfer::Linear;  ///< between `Image.DisplayBlack` and `DisplayWhite`
     bool StopRequested = false;

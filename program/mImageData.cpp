@@ -36,7 +36,8 @@ bool ReadImage(ProgramState& state, Port& port, const std::string& path, PlateIm
     bool good = false;
     {
         const StageTimer timer(seconds);
-        good = ReadImageFile(PathFromText(path), image, ShownProgress(port), failure);
+        good = ReadImageFile(PathFromText(path), image, ShownProgress(port), failure,
+                             state.DecodesApart);
     }
     port.ShowProgress(0);
     if (!good) ShowCause(state, failure.Cause);

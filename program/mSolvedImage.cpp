@@ -87,8 +87,8 @@ bool ExportImage(const ProgramState& state, Port& port, const std::string& path)
     WorkBeside(port, [&] {
         try {
             if (!state.ImageLoaded) throw std::runtime_error("There is no image to export.");
-            const std::vector<unsigned char> bytes =
-                FitsExportBytes(state.Image, CoordinateCards(state), QualityCards(state));
+            const std::vector<unsigned char> bytes = FitsExportBytes(
+                state.Image, CoordinateCards(state), QualityCards(state), state.DecodesApart);
             if (!ReplaceFile(PathFromText(path), bytes)) {
                 fault = "The file " + path + " cannot be written.";
             }

@@ -7,7 +7,6 @@
 
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
-#include "image/libApartDecoder.h"
 #include "image/libDecoder.h"
 #include "image/libWorldCoordinates.h"
 #include "platform/libConsole.h"
@@ -101,8 +100,8 @@ std::string FaultOf(const ProgramState& state, const QuietPort& port) {
 /// The data of a Solver: the program state with one picture.
 class Solver::Session {
  public:
-    explicit Session(const SolverSettings& settings)
-        : threads_(settings.Threads), apart_(settings.DecodeApart) {
+    explicit Session(const SolverSettings& settings) : threads_(settings.Threads) {
+        state_.DecodesApart = settings.DecodeApart;
         TakeSettings(settings, state_.Parameters);
         state_.Catalog.Folder = settings.CatalogFolder.empty()
                                     ? DefaultCatalogFolder()
@@ -150,7 +149,6 @@ class Solver::Session {
     SolverOutcome Solve(const SolverHints& hints, const SolverWatch& watch) {
         RequireValid(hints);
         const ThreadLimit limit(threads_);
-        const EveryDecoderApart apart(apart_);
         SolverOutcome outcome;
         outcome.Picture = facts_;
         code_ = SolveCode::NoImage;
@@ -176,13 +174,11 @@ class Solver::Session {
     const std::optional<ImageSkyModel>& Model() const { return model_; }
     bool FromFile() const { return !state_.Image.FileName.empty(); }
     SolveCode Code() const { return code_; }
-    bool DecodesApart() const { return apart_; }
 
  private:
     template <typename Read>
     PictureFacts Opened(const std::string& name, const Read& read) {
         const ThreadLimit limit(threads_);
-        const EveryDecoderApart apart(apart_);
         Forget();
         facts_.Name = name;
         {
@@ -237,7 +233,6 @@ class Solver::Session {
 
     ProgramState state_;
     int threads_;
-    bool apart_;
     PictureFacts facts_;
     std::optional<PlateStarList> stars_;  ///< stars that were given instead of pixels
     std::optional<ImageSkyModel> model_;
@@ -315,7 +310,6 @@ bool Solver::Export(const std::string& path, std::string& fault) const {
         return false;
     }
     QuietPort port;
-    const EveryDecoderApart apart(session_->DecodesApart());  // it reads the file again
     if (ExportImage(session_->State(), port, path)) return true;
     fault = port.Message;
     return false;

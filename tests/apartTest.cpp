@@ -189,20 +189,5 @@ TEST(Apart, AChildThatTakesForEverOrAllMemoryIsEnded) {
     EXPECT_LT(Clock::now() - start, std::chrono::minutes(5)) << "it was waited for";
 }
 
-TEST(Apart, TheDemandForItHoldsOnItsThreadAndAsLongAsItExists) {
-    EXPECT_FALSE(EveryDecoderApart::Demanded());
-    {
-        const EveryDecoderApart outer(true);
-        EXPECT_TRUE(EveryDecoderApart::Demanded());
-        {
-            const EveryDecoderApart inner(false);
-            EXPECT_FALSE(EveryDecoderApart::Demanded());
-        }
-        EXPECT_TRUE(EveryDecoderApart::Demanded());
-        std::thread([] { EXPECT_FALSE(EveryDecoderApart::Demanded()); }).join();
-    }
-    EXPECT_FALSE(EveryDecoderApart::Demanded());
-}
-
 }  // namespace
 }  // namespace vestrel

@@ -114,20 +114,37 @@ struct Size {
     std::int32_t Height;
 };
 
-/// A picture of one channel, built row by row.
-PlateImage Built(SampleKind kind, Size size, std::span<const double> numbers, int channels = 1) {
+/// The number of each sample of a picture by its place.
+template <typename Number>
+std::vector<double> NumbersOf(Size size, int channels, const Number& number) {
+    std::vector<double> numbers(static_cast<std::size_t>(size.Width) *
+                                static_cast<std::size_t>(size.Height * channels));
+    for (std::size_t i = 0; i < numbers.size(); ++i) numbers[i] = static_cast<double>(number(i));
+    return numbers;
+}
+
+/// What the calls of a decoder make of a picture.
+template <typename Calls>
+PlateImage Decoded(const PictureShape& shape, const Calls& calls, const FileReader& file = {}) {
     PlateImage image;
-    PictureBuilder builder(image, {});
-    builder.Start({size.Width, size.Height, channels, kind, 16, true});
-    const std::size_t row =
-        static_cast<std::size_t>(size.Width) * static_cast<std::size_t>(channels);
-    for (std::int32_t y = 0; y < size.Height; ++y) {
-        const auto samples =
-            SamplesOf(kind, numbers.subspan(static_cast<std::size_t>(y) * row, row));
-        builder.Row(y, samples.data());
-    }
+    PictureBuilder builder(image, {}, file);
+    builder.Start(shape);
+    calls(builder);
     builder.Finish();
     return image;
+}
+
+/// A picture that comes row by row.
+PlateImage Built(SampleKind kind, Size size, std::span<const double> numbers, int channels = 1) {
+    return Decoded({size.Width, size.Height, channels, kind, 16, true}, [&](PictureSink& sink) {
+        const std::size_t row =
+            static_cast<std::size_t>(size.Width) * static_cast<std::size_t>(channels);
+        for (std::int32_t y = 0; y < size.Height; ++y) {
+            const auto samples =
+                SamplesOf(kind, numbers.subspan(static_cast<std::size_t>(y) * row, row));
+            sink.Row(y, samples.data());
+        }
+    });
 }
 
 std::vector<std::int32_t> CountsIn(const PlateImage& image) {
@@ -191,19 +208,16 @@ TEST(Counts, AreThoseOfThePlainProcedureForEveryKindOfNumberAndEveryContent) {
     for (const Kind& kind : kinds) {
         for (const Content& content : contents) {
             for (const Size size : sizes) {
-                std::vector<double> numbers(static_cast<std::size_t>(size.Width) *
-                                            static_cast<std::size_t>(size.Height));
-                for (std::size_t i = 0; i < numbers.size(); ++i) {
+                const auto numbers = NumbersOf(size, 1, [&](std::size_t i) {
                     double number = content.Number(i, static_cast<std::uint32_t>(random()));
                     if (kind.Whole) {
                         number = std::isfinite(number) ? std::trunc(number) : 0;
                         number = std::clamp(number, kind.Least, kind.Greatest);
                     }
-                    if (kind.Sample == SampleKind::Float32) {
-                        number = static_cast<double>(static_cast<float>(number));
-                    }
-                    numbers[i] = number;
-                }
+                    return kind.Sample == SampleKind::Float32
+                               ? static_cast<double>(static_cast<float>(number))
+                               : number;
+                });
                 const bool any = std::any_of(numbers.begin(), numbers.end(),
                                              [](double number) { return std::isfinite(number); });
                 if (!any) continue;
@@ -231,8 +245,7 @@ TEST(Counts, OfColoursAreTheirMeanAndOfBytesTheirSum) {
     std::minstd_rand random(3);
     for (const int channels : {1, 2, 3, 4, 5}) {
         const auto step = static_cast<std::size_t>(channels);
-        std::vector<double> numbers(pixels * step);
-        for (double& number : numbers) number = static_cast<double>(random() % 120);
+        const auto numbers = NumbersOf(size, channels, [&](std::size_t) { return random() % 120; });
         for (int n = 0; n < SampleKinds; ++n) {
             const auto kind = static_cast<SampleKind>(n);
             const auto counts = CountsIn(Built(kind, size, numbers, channels));
@@ -245,6 +258,40 @@ TEST(Counts, OfColoursAreTheirMeanAndOfBytesTheirSum) {
             }
         }
     }
+}
+
+// Faulty pixels of floating-point pictures can have any value.
+TEST(Counts, AFewStrayPixelsLeaveTheStarsTheirSteps) {
+    const auto build = [](double factor, double stray) {
+        constexpr Size size{200, 150};
+        auto numbers = NumbersOf(size, 1, [factor](std::size_t i) {
+            const int x = static_cast<int>(i % 200);
+            const int y = static_cast<int>(i / 200);
+            const double r2 = std::pow(x - 90, 2) + std::pow(y - 70, 2);
+            return factor * (300 + (x * 7 + y * 3) % 11 + 5000 * std::exp(-r2 / 8));
+        });
+        if (stray != 0) numbers[20 * 200 + 33] = stray;
+        return Built(SampleKind::Float64, size, numbers);
+    };
+    const auto height = [](const PlateImage& image) {
+        return image.Pixels(90, 70) - image.Pixels(10, 10);
+    };
+    // Values that look like counts are not rescaled.
+    const PlateImage clean = build(1, 0);
+    for (const double stray : {1e9, -1e9, 1e300}) {
+        const PlateImage image = build(1, stray);
+        EXPECT_EQ(image.Counts.Factor, 1) << stray;
+        EXPECT_EQ(height(image), height(clean)) << stray;
+        EXPECT_EQ(image.Pixels(33, 20), stray > 0 ? 32767 : -32768);
+    }
+    // Values outside the range of counts are scaled as they would be without the stray pixel.
+    const PlateImage wide = build(1000, 0);
+    EXPECT_GT(height(wide), 30000);
+    EXPECT_GT(height(build(1000, 1e12)), 10000);
+    // Fractions are fractions when packing took the brightest above 1, and with a faulty pixel.
+    EXPECT_GT(height(build(1 / 5400.0, 0)), 50000);
+    EXPECT_GT(height(build(1 / 5000.0, 0)), 50000);
+    EXPECT_GT(height(build(1 / 5400.0, 5)), 20000);
 }
 
 TEST(Counts, NeedANumberAndAPicture) {
@@ -282,12 +329,16 @@ std::string FileOf(const PictureShape& shape, StoredSamples& stored,
     return file + samples + "tail";
 }
 
-FileReader ReaderOf(const std::string& file) {
-    return [&file](std::uint64_t place, std::span<unsigned char> to) {
-        if (place > file.size() || to.size() > file.size() - place) return false;
-        std::copy_n(file.begin() + static_cast<std::ptrdiff_t>(place), to.size(), to.begin());
-        return true;
-    };
+/// The picture whose samples are stored in `file`.
+PlateImage DecodedFrom(const std::string& file, const PictureShape& shape,
+                       const StoredSamples& stored) {
+    return Decoded(
+        shape, [&](PictureSink& sink) { sink.Stored(stored); },
+        [&file](std::uint64_t place, std::span<unsigned char> to) {
+            if (place > file.size() || to.size() > file.size() - place) return false;
+            std::copy_n(file.begin() + static_cast<std::ptrdiff_t>(place), to.size(), to.begin());
+            return true;
+        });
 }
 
 TEST(StoredSamples, InEveryOrderOfBytesRowsAndPlanesGiveThePictureOfDecodedRows) {
@@ -299,9 +350,8 @@ TEST(StoredSamples, InEveryOrderOfBytesRowsAndPlanesGiveThePictureOfDecodedRows)
             // Several pieces, and rows that are longer than a piece.
             for (const Size size : {Size{37, 5}, Size{700, 100}, Size{32767, 2}}) {
                 if (size.Width * channels > 100000 && kind != SampleKind::Float64) continue;
-                std::vector<double> numbers(static_cast<std::size_t>(size.Width) *
-                                            static_cast<std::size_t>(size.Height * channels));
-                for (double& number : numbers) number = static_cast<double>(random() % 127);
+                const auto numbers =
+                    NumbersOf(size, channels, [&](std::size_t) { return random() % 127; });
                 const PlateImage expected = Built(kind, size, numbers, channels);
                 const auto rows = SamplesOf(kind, numbers);
                 for (unsigned bits = 0; bits < 16; ++bits) {
@@ -314,11 +364,7 @@ TEST(StoredSamples, InEveryOrderOfBytesRowsAndPlanesGiveThePictureOfDecodedRows)
                     stored.TopBitFlipped = (bits & 8) != 0;
                     const std::string file = FileOf(shape, stored, rows);
                     const VectorsForNow vectors(bits % 3 == 0);
-                    PlateImage image;
-                    PictureBuilder builder(image, {}, ReaderOf(file));
-                    builder.Start(shape);
-                    builder.Stored(stored);
-                    builder.Finish();
+                    const PlateImage image = DecodedFrom(file, shape, stored);
                     ASSERT_EQ(CountsIn(image), CountsIn(expected))
                         << n << ": " << channels << " channels, form " << bits;
                     ++checked;
@@ -336,12 +382,8 @@ TEST(StoredSamples, OfSixtyFourBitsAreTakenForNumbersAndAFileThatEndsTooEarlyIsR
         for (int byte = 7; byte >= 0; --byte) file += static_cast<char>(number >> (8 * byte));
     }
     const auto read = [](const std::string& bytes) {
-        PlateImage image;
-        PictureBuilder builder(image, {}, ReaderOf(bytes));
-        builder.Start({3, 2, 1, SampleKind::Float64, 64, false});
-        builder.Stored({0, true, false, false, false, true});
-        builder.Finish();
-        return image;
+        return DecodedFrom(bytes, {3, 2, 1, SampleKind::Float64, 64, false},
+                           {0, true, false, false, false, true});
     };
     const std::vector<double> expected(std::begin(numbers), std::end(numbers));
     EXPECT_EQ(CountsIn(read(file)), plainly::CountsOf(expected, 3, 2).Values);

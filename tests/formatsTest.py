@@ -24,11 +24,23 @@ NO_IMAGE = 5
 HUGE = 30000  # pixels each way, of which not one is there
 
 
-def big_fits():
-    cards = ["SIMPLE  =                    T", "BITPIX  =                   64",
-             "NAXIS   =                    2", f"NAXIS1  =                {HUGE}",
-             f"NAXIS2  =                {HUGE}", "END"]
+def fits_header(bitpix, width, height):
+    cards = ["SIMPLE  =                    T", f"BITPIX  = {bitpix:>20}", "NAXIS   =                    2",
+             f"NAXIS1  = {width:>20}", f"NAXIS2  = {height:>20}", "END"]
     return "".join(card.ljust(80) for card in cards).ljust(2880).encode()
+
+
+def big_fits():
+    return fits_header(64, HUGE, HUGE)
+
+
+def gzip_bomb(start, mebibytes):
+    """`start` and then zeros, a thousandth of whose length is in the file."""
+    def packed(data):
+        deflate = zlib.compressobj(9, zlib.DEFLATED, -15)
+        return deflate.compress(data) + deflate.flush(zlib.Z_FULL_FLUSH)
+    return (b"\x1f\x8b\x08" + bytes(6) + b"\xff" + packed(start) +
+            packed(bytes(1 << 20)) * mebibytes)
 
 
 def forged_png():
@@ -116,6 +128,24 @@ class Formats(unittest.TestCase):
                 if name != "a.jpg":
                     self.assertIn("Cause", err)
                 self.assertLess(memory, usual + 150)
+
+    @unittest.skipUnless("fits" in DECODERS, "a build without this decoder")
+    def test_of_a_packed_file_only_the_picture_is_unpacked_and_only_when_its_size_is_within_the_limit(self):
+        usual = self.info("small.jpg", self.small_jpeg())[3]
+        zeros = 3000  # MiB, more than the limit
+        for name, start, said in [
+                ("nothing behind its header", fits_header(16, 100, 100), ""),
+                ("too many bytes", fits_header(-64, 16380, 16388), "more than 2 GiB, which is the limit"),
+                ("too many pixels", fits_header(8, 32000, 32000), "the limit is 268 million"),
+                ("too long a side", fits_header(8, 40000, 10), "a side may have 32767"),
+                ("no FITS", b"", "cannot be decoded"),
+                ("a header without an end", fits_header(8, 9, 9).replace(b"END", b"ENDE"), "cannot be decoded")]:
+            with self.subTest(name):
+                code, out, err, memory = self.info("bomb.fits.gz", gzip_bomb(start, zeros))
+                self.assertIn(said, err)
+                self.assertEqual(code, NO_IMAGE if said else 0, err)
+                self.assertEqual("Image Size = 100 X 100" in out, not said)
+                self.assertLess(memory, usual + 60)
 
     @staticmethod
     def small_jpeg():

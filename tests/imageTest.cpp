@@ -14,19 +14,22 @@
 #ifdef VESTREL_READS_RAW
 #include <tiffio.h>
 #endif
+#ifndef _WIN32
+#include <sys/resource.h>
+#endif
 
 #include "astro/libStrings.h"
-#include "image/libApartDecoder.h"
 #include "image/libFITS.h"
 #include "image/libFitsCards.h"
+#include "image/libFitsExport.h"
 #include "image/libFitsKeywords.h"
 #include "image/libFitsWriter.h"
 #include "image/libFormats.h"
 #include "image/libHeaderText.h"
 #include "image/libHints.h"
 #include "image/libPicture.h"
-#include "image/libPictureBuilder.h"
 #include "platform/libPlatform.h"
+#include "program/mFailureCause.h"
 #include "program/mImageData.h"
 #include "tests/testSupport.h"
 #include "tests/vectorsForNow.h"
@@ -44,11 +47,12 @@ struct Reader {
     bool Good = false;
     std::string Complaint;  ///< "title: text"
 
+    ImageReader Pictures = ReadPictureFile;
+
     void ReadPath(const std::filesystem::path& path) {
         ReadFailure failure;
-        const bool picture = path.extension() == ".jpg";
-        Good = picture ? ReadPictureFile(path, Image, nullptr, failure)
-                       : ReadFitsFile(path, Image, nullptr, failure);
+        const ImageReader read = path.extension() == ".jpg" ? Pictures : ReadFitsFile;
+        Good = read(path, Image, nullptr, failure);
         Complaint = failure.Text.empty() ? "" : failure.Title + ": " + failure.Text;
     }
     void Read(std::string_view bytes, const char* name = "image.fit") {
@@ -456,12 +460,10 @@ TEST(Pictures, CutShortOrForgedFail) {
 TEST(Pictures, AreTheSameFromAChildProcess) {
     Reader here;
     Reader there;
+    there.Pictures = ReadPictureFileApart;
     const auto same = [&](const std::string& bytes, const char* what) {
         here.Read(bytes, "image.jpg");
-        {
-            const EveryDecoderApart apart(true);
-            there.Read(bytes, "image.jpg");
-        }
+        there.Read(bytes, "image.jpg");
         ASSERT_EQ(here.Good, there.Good) << what;
         EXPECT_EQ(here.Complaint, there.Complaint) << what;
         if (!here.Good) return;
@@ -539,46 +541,6 @@ TEST(Pictures, AFewBytesForEachOfThousandsOfScansCostNoMinutes) {
     EXPECT_LT((std::clock() - start) / CLOCKS_PER_SEC, 20);
 }
 
-// Faulty pixels of floating-point pictures can have any value.
-TEST(Pictures, AFewStrayPixelsLeaveTheStarsTheirSteps) {
-    const auto build = [](double factor, double stray) {
-        PlateImage image;
-        PictureBuilder builder(image, {});
-        builder.Start({200, 150, 1, SampleKind::Float64, -64, false});
-        for (int y = 0; y < 150; ++y) {
-            std::vector<double> row(200);
-            for (int x = 0; x < 200; ++x) {
-                const double r2 = std::pow(x - 90, 2) + std::pow(y - 70, 2);
-                row[static_cast<std::size_t>(x)] =
-                    factor * (300 + (x * 7 + y * 3) % 11 + 5000 * std::exp(-r2 / 8));
-            }
-            if (y == 20 && stray != 0) row[33] = stray;
-            builder.Row(y, row.data());
-        }
-        builder.Finish();
-        return image;
-    };
-    const auto height = [](const PlateImage& image) {
-        return image.Pixels(90, 70) - image.Pixels(10, 10);
-    };
-    // Values that look like counts are not rescaled.
-    const PlateImage clean = build(1, 0);
-    for (const double stray : {1e9, -1e9, 1e300}) {
-        const PlateImage image = build(1, stray);
-        EXPECT_EQ(image.Counts.Factor, 1) << stray;
-        EXPECT_EQ(height(image), height(clean)) << stray;
-        EXPECT_EQ(image.Pixels(33, 20), stray > 0 ? 32767 : -32768);
-    }
-    // Values outside the range of counts are scaled as they would be without the stray pixel.
-    const PlateImage wide = build(1000, 0);
-    EXPECT_GT(height(wide), 30000);
-    EXPECT_GT(height(build(1000, 1e12)), 10000);
-    // Fractions are fractions when packing took the brightest above 1, and with a faulty pixel.
-    EXPECT_GT(height(build(1 / 5400.0, 0)), 50000);
-    EXPECT_GT(height(build(1 / 5000.0, 0)), 50000);
-    EXPECT_GT(height(build(1 / 5400.0, 5)), 20000);
-}
-
 #ifdef VESTREL_READS_FITS
 TEST(Pictures, FractionsThatThePlainReaderWouldShowBlackAreDecodedAnew) {
     TemporaryFolder folder;
@@ -637,6 +599,39 @@ TEST(OpenImage, ChoosesTheReaderByTheExtensionInAnyCase) {
 }
 
 #ifndef _WIN32  // where there are no decoders
+/// Pages that children have touched, of those that have ended.
+long ChildrensWork() {
+    rusage used{};
+    getrusage(RUSAGE_CHILDREN, &used);
+    return used.ru_minflt;
+}
+
+TEST(OpenImage, WhereEveryDecoderRunsApartThatOfJpegDoesWhereverItIsCalled) {
+    const TemporaryFolder folder;
+    const std::string jpeg = Jpeg(16, 16, JCS_GRAYSCALE, 1, std::vector<unsigned char>(256, 9));
+    const std::string path = TextFromPath(folder / "a.jpg");
+    WriteFile(folder / "a.jpg", jpeg);
+    WriteFile(folder / "b.dat", jpeg);  // recognised by its content
+    for (const bool apart : {false, true}) {
+        ProgramState state;
+        RecordingPort port(state);
+        state.DecodesApart = apart;
+        const auto runsApart = [](const auto& work) {
+            const long before = ChildrensWork();
+            work();
+            return ChildrensWork() > before;
+        };
+        EXPECT_EQ(runsApart([&] { EXPECT_TRUE(OpenImage(state, port, path)); }), apart);
+        EXPECT_EQ(runsApart([&] { (void)CauseOfFailure(state, port, SolveCode::TooFewStars, {}); }),
+                  apart);
+        EXPECT_EQ(runsApart([&] { (void)FitsExportBytes(state.Image, {"CRVAL1"}, {}, apart); }),
+                  apart);
+        EXPECT_EQ(
+            runsApart([&] { EXPECT_TRUE(OpenImage(state, port, TextFromPath(folder / "b.dat"))); }),
+            apart);
+    }
+}
+
 #ifdef VESTREL_READS_RAW
 // Written with libtiff: a mosaic of red, green and blue.
 TEST(OpenImage, ADigitalNegativeIsItsMosaicTwoByTwo) {

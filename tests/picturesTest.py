@@ -175,7 +175,7 @@ def tiff(samples, big=False, huge=False, planar=False, tile=None, rows_per_strip
     return head + body + directory + extra
 
 
-def exif(main, sub=(), big=False, sub_at=None):
+def exif(main, sub=(), big=False, sub_at=None, link=0x8769):
     """A block of two directories, of (tag, form, values or bytes), as JPEG and PNG hold it."""
     mark, sizes = ">" if big else "<", {1: "B", 2: "s", 3: "H", 4: "I", 5: "I"}
 
@@ -190,11 +190,58 @@ def exif(main, sub=(), big=False, sub_at=None):
             heads += struct.pack(mark + "HHI", tag, form, count) + data.ljust(4, b"\0")
         return heads + bytes(4) + values
 
-    main = [*main, (0x8769, 4, [0])]
+    main = [*main, (link, 4, [0])]
     second = 8 + len(directory(main, 8))
-    main[-1] = (0x8769, 4, [second if sub_at is None else sub_at])
+    main[-1] = (link, 4, [second if sub_at is None else sub_at])
     head = (b"MM\0*" if big else b"II*\0") + struct.pack(mark + "I", 8)
     return head + directory(main, 8) + directory(list(sub), second)
+
+
+def raw(camera, mosaic, data=None, bits=16, packing=1, magic=b"II*\0", apart=False, more=()):
+    """As cameras write it: the mosaic in the first directory, or apart from it."""
+    data = mosaic.astype("<u2").tobytes() if data is None else data
+    height, width = mosaic.shape
+    maker, model = (text.encode() + b"\0" for text in camera)
+    names = [(0x10F, 2, maker), (0x110, 2, model), (0x112, 3, [8])]
+    facts = [(0x829A, 5, [5, 2]), (0x8827, 3, [1600]), (0x920A, 5, [135, 1])]
+
+    def directories(at):
+        pixels = [(254, 4, [0]), (256, 4, [width]), (257, 4, [height]), (258, 3, [bits]), (259, 3, [packing]),
+                  (262, 3, [32803]), (273, 4, [at]), (277, 3, [1]), (278, 4, [height]), (279, 4, [len(data)]),
+                  (33421, 3, [2, 2]), (33422, 1, [0, 1, 1, 2]), *more]
+        if apart:
+            return exif([(254, 4, [1]), *names], pixels, link=0x14A)
+        return exif([*pixels, *names], facts)
+    return magic + directories(len(directories(0)))[4:] + data
+
+
+def twelve_bits(mosaic):
+    """Two samples in three bytes."""
+    first, second = mosaic.reshape(-1, 2).T
+    return np.stack([first >> 4, (first & 15) << 4 | second >> 8, second & 255], 1).astype(np.uint8).tobytes()
+
+
+def lossless_jpeg(mosaic, components, bits=14):
+    """Process 14 of the JPEG standard: neighbours in a row are components of a pixel."""
+    samples = mosaic.reshape(mosaic.shape[0], -1, components).astype(int)
+    predicted = np.empty_like(samples)
+    predicted[0, 0] = 1 << (bits - 1)
+    predicted[1:, 0] = samples[:-1, 0]
+    predicted[:, 1:] = samples[:, :-1]
+    off = (samples - predicted).ravel().tolist()
+    # Five bits tell how many follow; of negative differences the complement.
+    digits = "".join(f"{n:05b}" + (f"{d if d > 0 else d + (1 << n) - 1:0{n}b}" if n else "")
+                     for d, n in ((d, abs(d).bit_length()) for d in off))
+    digits += "1" * (-len(digits) % 8)
+    packed = int(digits, 2).to_bytes(len(digits) // 8, "big").replace(b"\xff", b"\xff\0")
+
+    def segment(mark, body):
+        return bytes([0xFF, mark]) + struct.pack(">H", len(body) + 2) + body
+    table = segment(0xC4, bytes([0, 0, 0, 0, 0, 16] + [0] * 11) + bytes(range(16)))
+    frame = struct.pack(">BHHB", bits, *samples.shape[:2], components)
+    frame += b"".join(bytes([n, 0x11, 0]) for n in range(components))
+    scan = bytes([components]) + b"".join(bytes([n, 0]) for n in range(components)) + bytes([1, 0, 0])
+    return (b"\xff\xd8" + table + segment(0xC3, frame) + segment(0xDA, scan) + packed + b"\xff\xd9")
 
 
 def library(name):
@@ -340,6 +387,55 @@ class Pictures(unittest.TestCase):
         self.assertEqual(shown["f64.fits"]["factor"], 65535)
         self.assertNotEqual(shown["f64wide.fits"]["zero"], 0)
         self.assertEqual(shown["i32small.fits"]["factor"], 1)
+
+    @unittest.skipUnless("fits" in DECODERS, "a build without this decoder")
+    def test_floats_are_counts_unless_next_to_none_would_be_above_two_wherever_those_lie(self):
+        unit = (sky() / 65535).astype(np.float32)
+        looked_at = [(2 * n + 1) * H // 16 for n in range(8)]  # of rows that are looked at first
+        holed, bright_rows, dark_rows, one, above = (unit.copy() for _ in range(5))
+        holed[3, 4] = holed[90, 7] = np.nan
+        bright_rows[looked_at] = 300.4
+        dark_rows += np.arange(W, dtype=np.float32) + 2.6
+        dark_rows[looked_at] = unit[looked_at]
+        one[60, 60] = 3.4
+        above[60, 60] = 1.7
+        counts = [("brightRows", bright_rows, {}), ("darkRows", dark_rows, {}),
+                  ("small", unit[:99], {}), ("whole", (unit > 0.1).astype(np.float32), {}),
+                  ("offset", unit, {"BSCALE": 1.0, "BZERO": 1000.0})]
+        fractions = [("unit", unit, unit, {}), ("plainScale", unit, unit, {"BSCALE": 1.0, "BZERO": 0.0}),
+                     ("scaled", unit, unit * np.float32(1.5), {"BSCALE": 1.5}), ("holed", holed, holed, {}),
+                     ("negative", unit - 1, unit - 1, {}),
+                     ("aBitAbove", above, None, {}), ("oneAboveTwo", one, None, {})]
+        table = []
+        for name, data, header in counts:
+            expected = np.rint(data).astype(np.int32) + int(header.get("BZERO", 0))
+            table.append((f"{name}.fits", self.scaled_fits(data, header), expected[::-1]))
+        shown = self.judge(table)
+        for name, _, header in counts:
+            self.assertEqual(shown[f"{name}.fits"]["factor"], 1)
+        table = [(f"{name}.fits", self.scaled_fits(data, header), as_counts(seen)[::-1])
+                 for name, data, seen, header in fractions if seen is not None]
+        shown = self.judge(table)
+        # Packed, the program's own reader never sees it.
+        files = {f"{name}.fits": self.scaled_fits(data, header) for name, data, _, header in fractions}
+        plain = self.read(files)
+        packed = self.read({name + ".gz": gzip.compress(data) for name, data in files.items()})
+        for name in files:
+            one, other = plain[name], packed[name + ".gz"]
+            self.assertTrue(np.array_equal(one.pop("counts"), other.pop("counts")), name)
+            del one["file"], other["file"]
+            self.assertEqual(one, other)
+            self.assertGreater(one["factor"], 30000)
+
+    @staticmethod
+    def scaled_fits(data, header):
+        """Samples as they are, with cards of a scale that says otherwise."""
+        file = io.BytesIO()
+        fits.PrimaryHDU(data).writeto(file)
+        cards = "".join(f"{key:8}= {value:>20}".ljust(80) for key, value in header.items()).encode()
+        content = file.getvalue()
+        at = content.index(b"END     ")
+        return content[:at] + cards + content[at:at + 80] + content[at + 80 + len(cards):]
 
     @unittest.skipUnless("fits" in DECODERS, "a build without this decoder")
     def test_fits_cubes_are_colours_or_their_first_plane_packed_or_not(self):
@@ -645,6 +741,66 @@ class Pictures(unittest.TestCase):
             found = self.read({name: self.jpeg_with(exif(main_with(0x112, 3, [n]), usual_sub))})[name]
             self.assertEqual(found["orientation"], n)
             self.assertEqual(any("wants it shown" in remark for remark in found["remarks"]), n > 1)
+
+    @unittest.skipUnless("raw" in DECODERS, "a build without this decoder")
+    def test_raw_as_cameras_of_many_makers_pack_it_is_the_sensors_mosaic(self):
+        mosaic = (sky()[:116, :130] * 0.39).astype(np.uint16)
+        low = mosaic & 4095
+        nikon, canon = ("NIKON CORPORATION", "NIKON Z"), ("Canon", "Canon EOS 5D Mark II")
+        negative = [(50706, 1, [1, 3, 0, 0]), (50708, 2, b"Maker Model\0")]
+        table = []
+
+        def add(name, shown, data, columns=None):
+            pairs = shown.astype(int).reshape(58, 2, 65, 2).sum(axis=(1, 3))
+            table.append((name, data, pairs[:, :columns]))
+
+        add("plain.nef", mosaic, raw(nikon, mosaic, apart=True))
+        add("three.nef", low, raw(nikon, mosaic, twelve_bits(low), 12, apart=True))
+        # LibRaw knows that this model's last columns see no light.
+        add("dark.nef", mosaic, raw((nikon[0], "NIKON D5100"), mosaic, apart=True), 43)
+        add("plain.arw", mosaic, raw(("SONY", "ILCE-7M2"), mosaic, bits=14, apart=True))
+        add("plain.pef", mosaic, raw(("PENTAX Corporation", "PENTAX K10D"), mosaic))
+        add("three.pef", low, raw(("PENTAX Corporation", "PENTAX K-x"), mosaic, twelve_bits(low), 12))
+        add("plain.srw", mosaic, raw(("SAMSUNG", "NX100"), mosaic))
+        add("plain.3fr", mosaic, raw(("Hasselblad", "H3D"), mosaic))
+        add("plain.rw2", mosaic, raw(("Panasonic", "DMC-GX1"), mosaic, magic=b"IIU\0"))
+        add("pairs.cr2", mosaic, raw(canon, mosaic, lossless_jpeg(mosaic, 2), 14, 6))
+        add("packed.arw", mosaic, raw(("SONY", "ILCE-7M4"), mosaic, lossless_jpeg(mosaic, 2), 14, 7, apart=True))
+        for components in (1, 2):
+            add(f"packed{components}.dng", mosaic, raw(("Maker", "Model"), mosaic, lossless_jpeg(
+                mosaic, components), 14, 7, more=negative))
+        shown = self.judge(table)
+        for name, found in shown.items():
+            with self.subTest(name):
+                self.assertEqual((found["format"], found["orientation"]), ("camera RAW", 8))
+                self.assertIn("the scale is twice", " ".join(found["remarks"]))
+        cards = self.cards_of(shown["pairs.cr2"])
+        self.assertIn("EOS 5D Mark II", cards["INSTRUME"])
+        self.assertEqual([float(cards[key]) for key in ("EXPTIME", "ISOSPEED", "FOCALLEN")], [2.5, 1600, 135])
+
+    @unittest.skipUnless("raw" in DECODERS, "a build without this decoder")
+    def test_raw_that_is_not_supported_says_so_and_what_to_do(self):
+        mosaic = (sky()[:116, :130] * 0.39).astype(np.uint16)
+        nikon, canon = ("NIKON CORPORATION", "NIKON Z"), ("Canon", "Canon EOS 5D Mark II")
+        colours = [(258, 3, [16, 16, 16]), (262, 3, [34892]), (277, 3, [3]), (50706, 1, [1, 3, 0, 0]),
+                   (50708, 2, b"Maker Model\0")]
+        files = {
+            "unknown.nef": raw(nikon, mosaic, packing=13, apart=True),
+            "new.dng": raw(("Maker", "Model"), mosaic, packing=52546, more=[(50706, 1, [1, 7, 0, 0])]),
+            "new.cr3": b"\0\0\0\x18ftypcrx " + bytes(3000),
+            "empty.raf": b"FUJIFILMCCD-RAW 0201FF383501Model" + bytes(3000),
+            "colours.dng": raw(("Maker", "Model"), mosaic, np.dstack([mosaic] * 3).tobytes(), more=colours),
+            "cut.nef": raw(nikon, mosaic, apart=True)[:-9000],
+            "cut.cr2": raw(canon, mosaic, lossless_jpeg(mosaic, 2), 14, 6)[:-9000],
+            "a.x3f": b"FOVb" + bytes(3000)}
+        said = {"colours.dng": "holds colours rather than a sensor's mosaic: convert it to TIFF",
+                "cut.nef": "ends before its pixels do", "cut.cr2": "ends before its pixels do",
+                "a.x3f": "X3F picture of a camera, which is not read here: convert it to TIFF"}
+        for name, found in self.read(files).items():
+            with self.subTest(name):
+                self.assertNotIn("counts", found)
+                words = said.get(name, "not RAW file): convert it to DNG, TIFF or FITS")
+                self.assertIn(words, found["cause"])
 
     def test_the_cards_of_every_format_are_the_same_record(self):
         cards = {"OBJECT": "M 31", "RA": 10.68, "DEC": -41.25, "FOCALLEN": 500.0, "XPIXSZ": 3.76}
