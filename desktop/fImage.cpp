@@ -8,6 +8,7 @@
 
 #include "astro/libStrings.h"
 #include "desktop/libWindows.h"
+#include "display/libPictureView.h"
 #include "display/libReadout.h"
 #include "program/mImageData.h"
 #include "program/mSolveWindow.h"

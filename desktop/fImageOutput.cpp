@@ -15,6 +15,7 @@
 #include "astro/libStrings.h"
 #include "desktop/fImage.h"
 #include "desktop/libWindows.h"
+#include "display/libPictureView.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 #include "program/mSolveWindow.h"

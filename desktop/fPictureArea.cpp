@@ -1,6 +1,7 @@
 #include "desktop/fPictureArea.h"
 
 #include <QApplication>
+#include <QImage>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QWheelEvent>
@@ -53,15 +54,12 @@ void PictureArea::ViewChanged() {
 
 void PictureArea::paintEvent(QPaintEvent* /*event*/) {
     if (OnBeforePaint) OnBeforePaint();
-    const QSize wanted = size() * devicePixelRatioF();
-    if (buffer_.size() != wanted) buffer_ = QImage(wanted, QImage::Format_Grayscale8);
-    PaintView(Picture, View, devicePixelRatioF(),
-              {{buffer_.bits(), static_cast<std::size_t>(buffer_.sizeInBytes())},
-               buffer_.width(),
-               buffer_.height(),
-               static_cast<std::size_t>(buffer_.bytesPerLine())});
+    const QSize pixels = size() * devicePixelRatioF();
+    const auto grey =
+        shown_.Paint(Picture, View, devicePixelRatioF(), pixels.width(), pixels.height());
     QPainter painter(this);
-    painter.drawImage(rect(), buffer_);
+    painter.drawImage(rect(), QImage(grey.data(), pixels.width(), pixels.height(), pixels.width(),
+                                     QImage::Format_Grayscale8));
     if (OnPaintOverlays && !Picture.Empty()) OnPaintOverlays(painter);
     if (IsRedOnly(palette())) Redden(painter, rect());
 }

@@ -1,11 +1,10 @@
 // The part of the image window that shows the image, with zoom, pan and pointer events.
 #pragma once
 
-#include <QImage>
 #include <QWidget>
 #include <functional>
 
-#include "display/libPicturePyramid.h"
+#include "display/libPictureView.h"
 #include "display/libViewGeometry.h"
 
 namespace vestrel {
@@ -50,7 +49,7 @@ class PictureArea : public QWidget {
  private:
     void ViewChanged();
 
-    QImage buffer_;  ///< what was painted last
+    DraggedView shown_;
     QPointF pressed_;
     QPointF last_;
     bool dragging_ = false;

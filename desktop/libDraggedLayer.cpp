@@ -2,9 +2,9 @@
 
 #include <QRegion>
 #include <cmath>
-#include <cstdlib>
-#include <cstring>
 #include <optional>
+
+#include "display/libPictureView.h"
 
 namespace vestrel {
 
@@ -21,23 +21,6 @@ std::optional<QPoint> WholePixels(const ScreenPoint& moved, double ratio) {
     return whole.toPoint();
 }
 
-/// Moves the contents of a picture with 4 bytes a pixel. What lay outside stays as it was.
-void MoveContents(QImage& picture, const QPoint& by) {
-    const int rows = picture.height() - std::abs(by.y());
-    const int columns = picture.width() - std::abs(by.x());
-    if (rows <= 0 || columns <= 0) return;
-    constexpr std::size_t pixelBytes = 4;
-    const auto offset = [](int pixels) { return static_cast<std::ptrdiff_t>(pixelBytes) * pixels; };
-    for (int k = 0; k < rows; ++k) {
-        // No row may be overwritten before it was moved.
-        const int row = by.y() > 0 ? rows - 1 - k : k;
-        const uchar* from = picture.constScanLine(row + std::max(-by.y(), 0));
-        uchar* to = picture.scanLine(row + std::max(by.y(), 0));
-        std::memmove(to + offset(std::max(by.x(), 0)), from + offset(std::max(-by.x(), 0)),
-                     pixelBytes * static_cast<std::size_t>(columns));
-    }
-}
-
 }  // namespace
 
 void DraggedLayer::Show(QPainter& painter, const ViewGeometry& view, const QSize& size,
@@ -48,7 +31,10 @@ void DraggedLayer::Show(QPainter& painter, const ViewGeometry& view, const QSize
     const bool fits = picture_.size() == pixels && picture_.devicePixelRatio() == ratio;
     const auto moved = fits ? view.MovedFrom(view_) : std::nullopt;
     if (const auto by = moved ? WholePixels(*moved, ratio) : std::nullopt) {
-        MoveContents(picture_, *by);
+        constexpr std::size_t pixelBytes = 4;
+        MovePixels({picture_.bits(), static_cast<std::size_t>(picture_.bytesPerLine()), pixelBytes,
+                    picture_.width(), picture_.height()},
+                   by->x(), by->y());
         missing -= QRect(*by, pixels);
     } else if (!fits) {
         picture_ = QImage(pixels, QImage::Format_ARGB32_Premultiplied);

@@ -161,115 +161,17 @@ std::size_t LevelCount(const PlateImage& image) {
     return count;
 }
 
-/// The source of a row or column of the target: two rows or columns of the level, and the weight of
-/// the second in 256ths. Outside the image `First` is below 0.
-struct Source {
-    int First = -1;
-    int Second = -1;
-    int Weight = 0;
-};
-
-/// The level to paint from, and whether to interpolate.
-struct PaintedLevel {
-    int Number = 0;
-    bool Interpolated = false;
-};
-
-/// @param at        image coordinate
-/// @param levelSize pixels of the level along this axis
-Source SourceOf(double at, std::int32_t imageSize, PaintedLevel level, int levelSize) {
-    // At whole-number scales all coordinates may lie on the border of two pixels. Rounding must not
-    // put some on one side and some on the other.
-    constexpr double borders = 1e-6;
-    const double fromEdge = at + 0.5 + borders;
-    if (!(fromEdge >= 0 && fromEdge < imageSize)) return {};
-    if (!level.Interpolated) {
-        const int nearest = static_cast<int>(fromEdge);
-        return {nearest, nearest, 0};
-    }
-    const double place = std::ldexp(fromEdge, -level.Number) - 0.5;
-    const double whole = std::floor(place);
-    const int first = static_cast<int>(whole);
-    return {std::clamp(first, 0, levelSize - 1), std::clamp(first + 1, 0, levelSize - 1),
-            static_cast<int>((place - whole) * 256)};
-}
-
-/// The level from which to paint at a scale (target pixels per image pixel).
-PaintedLevel LevelFor(double scale, std::size_t levels) {
-    constexpr double rounding = 1e-9;
-    if (!(scale < 1 - rounding)) return {};
-    const int number = static_cast<int>(std::floor(-std::log2(scale) + rounding));
-    return {std::clamp(number, 0, static_cast<int>(levels) - 1), true};
-}
-
-/// The lines of the target, each of which shows one row of the level.
-struct Lines {
-    std::vector<Source> Along;   ///< the source of each pixel of a line that shows the image
-    std::vector<Source> Across;  ///< of each line
-    int Begin = 0;               ///< pixels of a line before the image
-};
-
-void PaintLines(const GreyLevel& level, const Lines& lines, bool interpolated,
-                const GreyTarget& target) {
-    const std::vector<Source>& columns = lines.Along;
-    ForRows(target.Height, {}, [&](int row) {
-        const Source& rows = lines.Across[static_cast<std::size_t>(row)];
-        const auto out = target.Pixels.subspan(static_cast<std::size_t>(row) * target.RowBytes,
-                                               static_cast<std::size_t>(target.Width));
-        std::fill(out.begin(), out.end(), GreyOutsideImage);
-        if (rows.First < 0 || columns.empty()) return;
-        std::uint8_t* to = out.data() + lines.Begin;
-        const std::uint8_t* upper = RowOf(level, rows.First);
-        if (!interpolated) {
-            for (const Source& column : columns) *to++ = upper[column.First];
-            return;
-        }
-        // Interpolates between the two rows first, then between neighbours in the row.
-        const std::uint8_t* lower = RowOf(level, rows.Second);
-        // A flipped image is read in the other direction.
-        const int left = std::min(columns.front().First, columns.back().First);
-        const int right = std::max(columns.front().First, columns.back().First);
-        const int last = std::min(right + 1, level.Width - 1);
-        std::vector<std::uint16_t> between(static_cast<std::size_t>(last - left + 1));
-        for (int x = left; x <= last; ++x) {
-            between[static_cast<std::size_t>(x - left)] =
-                static_cast<std::uint16_t>(upper[x] * (256 - rows.Weight) + lower[x] * rows.Weight);
-        }
-        const auto value = [&](int x) -> int {
-            return between[static_cast<std::size_t>(x - left)];
-        };
-        for (const Source& column : columns) {
-            *to++ = static_cast<std::uint8_t>((value(column.First) * (256 - column.Weight) +
-                                               value(column.Second) * column.Weight + 32768) >>
-                                              16);
-        }
-    });
-}
-
-/// Copies lines into the columns of the target, in squares that fit the cache.
-void Transpose(const std::vector<std::uint8_t>& lines, const GreyTarget& target) {
-    constexpr int side = 32;
-    const auto lineBytes = static_cast<std::size_t>(target.Height);
-    ForRows((target.Height + side - 1) / side, {}, [&](int band) {
-        const int first = band * side;
-        const int last = std::min(first + side, target.Height);
-        for (int left = 0; left < target.Width; left += side) {
-            for (int y = first; y < last; ++y) {
-                std::uint8_t* out = &target.Pixels[static_cast<std::size_t>(y) * target.RowBytes];
-                for (int x = left; x < std::min(left + side, target.Width); ++x) {
-                    out[x] = lines[static_cast<std::size_t>(x) * lineBytes +
-                                   static_cast<std::size_t>(y)];
-                }
-            }
-        }
-    });
-}
-
 }  // namespace
+
+void PicturePyramid::Clear() {
+    levels_.clear();
+    edition_ = std::make_shared<char>();
+}
 
 void PicturePyramid::Build(const PlateImage& image, const GreyLookup& grey,
                            const std::stop_token& stop) {
     if (image.Width < 1 || image.Height < 1 || image.Pixels.Empty()) return Clear();
+    edition_ = std::make_shared<char>();
     const std::size_t count = LevelCount(image);
     levels_.resize(count);
     SetSize(levels_[0], image.Width, image.Height);
@@ -284,6 +186,7 @@ void PicturePyramid::Build(const PlateImage& image, const GreyLookup& grey,
 void PicturePyramid::BuildForScreen(const PlateImage& image, bool inverted,
                                     const std::stop_token& stop) {
     if (image.Width < 1 || image.Height < 1 || image.Pixels.Empty()) return Clear();
+    edition_ = std::make_shared<char>();
     levels_.resize(LevelCount(image));
     CountLevel counts = StretchAndHalve(levels_[0], image.Width, image.Height, inverted, stop,
                                         [&image](int y) { return image.Pixels.Row(y).data(); });
@@ -291,37 +194,6 @@ void PicturePyramid::BuildForScreen(const PlateImage& image, bool inverted,
         counts = StretchAndHalve(levels_[k], counts.Width, counts.Height, inverted, stop,
                                  [&counts](int y) { return counts.Row(y); });
     }
-}
-
-void PaintView(const PicturePyramid& pyramid, const ViewGeometry& view, double pixelRatio,
-               const GreyTarget& target) {
-    if (pyramid.Empty()) {
-        std::fill(target.Pixels.begin(), target.Pixels.end(), GreyOutsideImage);
-        return;
-    }
-    const GreyLevel& image = pyramid.Levels().front();
-    const PaintedLevel painted = LevelFor(view.Scale() * pixelRatio, pyramid.Levels().size());
-    const GreyLevel& level = pyramid.Levels()[static_cast<std::size_t>(painted.Number)];
-    // Of a turned image, the columns of the target show rows of it.
-    const bool turned = view.Turned();
-    Lines lines;
-    for (int i = 0, size = turned ? target.Height : target.Width; i < size; ++i) {
-        const double place = (i + 0.5) / pixelRatio;
-        const PixelPoint at = view.PixelAt(turned ? ScreenPoint{0, place} : ScreenPoint{place, 0});
-        const Source source = SourceOf(at.X, image.Width, painted, level.Width);
-        if (source.First >= 0) lines.Along.push_back(source);
-        if (source.First < 0 && lines.Along.empty()) ++lines.Begin;
-    }
-    for (int i = 0, size = turned ? target.Width : target.Height; i < size; ++i) {
-        const double place = (i + 0.5) / pixelRatio;
-        const PixelPoint at = view.PixelAt(turned ? ScreenPoint{place, 0} : ScreenPoint{0, place});
-        lines.Across.push_back(SourceOf(at.Y, image.Height, painted, level.Height));
-    }
-    if (!turned) return PaintLines(level, lines, painted.Interpolated, target);
-    const auto rowBytes = static_cast<std::size_t>(target.Height);
-    std::vector<std::uint8_t> pixels(rowBytes * static_cast<std::size_t>(target.Width));
-    PaintLines(level, lines, painted.Interpolated, {pixels, target.Height, target.Width, rowBytes});
-    Transpose(pixels, target);
 }
 
 }  // namespace vestrel

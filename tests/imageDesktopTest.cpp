@@ -12,6 +12,7 @@
 #include <QTableWidget>
 #include <QWheelEvent>
 #include <cmath>
+#include <map>
 
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
@@ -211,6 +212,72 @@ TEST_F(ViewerWindows, WhatIsDraggedLooksAsIfItWerePaintedAnew) {
     EXPECT_GT(moved, 20);
 }
 
+TEST_F(ViewerWindows, TheMagnifierShowsThePixelsUnderThePointerAndLiesBesideIt) {
+    OpenAll();
+    constexpr int zoom = 8;
+    constexpr int width = 168;
+    const auto painted = [this] {
+        return Area->grab().toImage().convertToFormat(QImage::Format_RGB32);
+    };
+    const auto leave = [this] {
+        QEvent left(QEvent::Leave);
+        QApplication::sendEvent(Area, &left);
+    };
+    for (const bool flipped : {false, true}) {
+        Action("mnuMagnifier")->setChecked(false);
+        Action("mnuFlipLeftRight")->setChecked(flipped);
+        leave();
+        const QImage without = painted();
+        Action("mnuMagnifier")->setChecked(true);
+        EXPECT_EQ(painted(), without);  // nothing is pointed at
+        for (const PixelPoint& pixel :
+             {PixelPoint{150, 150}, {31, 240}, {299, 0}, {0, 130}, {260, 299}}) {
+            const QPoint at = OnScreen(pixel);
+            Hover(at);
+            const PixelPoint under = Area->View.PixelAt({at.x() + 0.5, at.y() + 0.5});
+            const QImage with = painted();
+            QRect lens;
+            for (int y = 0; y < with.height(); ++y) {
+                for (int x = 0; x < with.width(); ++x) {
+                    if (with.pixel(x, y) != without.pixel(x, y)) lens |= QRect(x, y, 1, 1);
+                }
+            }
+            ASSERT_EQ(lens.size(), QSize(width + 1, width + 1));
+            EXPECT_FALSE(lens.contains(at));
+            const GreyLevel& grey = Area->Picture.Levels().front();
+            const int column = static_cast<int>(std::lround(under.X));
+            const int row = static_cast<int>(std::lround(under.Y));
+            int compared = 0;
+            for (int y = row - 9; y <= row + 9; ++y) {
+                for (int x = column - 9; x <= column + 9; ++x) {
+                    const ScreenPoint way =
+                        Area->View.DirectionOnScreen({zoom * (x - under.X), zoom * (y - under.Y)});
+                    const auto inLens = [&](int dx, int dy) {
+                        return QPoint(lens.left() + static_cast<int>(width / 2.0 + way.X) + dx,
+                                      lens.top() + static_cast<int>(width / 2.0 + way.Y) + dy);
+                    };
+                    // Of what is drawn over it, the cross is not a pixel of the image.
+                    const bool onCross = std::min(std::fabs(way.X), std::fabs(way.Y)) < zoom;
+                    const bool within = std::max(std::fabs(way.X), std::fabs(way.Y)) < 75;
+                    if (!within || (onCross && std::hypot(way.X, way.Y) > zoom)) continue;
+                    const bool onImage = x >= 0 && y >= 0 && x < grey.Width && y < grey.Height;
+                    const int wanted =
+                        onImage ? grey.Pixels[static_cast<std::size_t>(y * grey.Width + x)]
+                                : GreyOutsideImage;
+                    for (const int inSquare : {-2, 2}) {
+                        EXPECT_EQ(qRed(with.pixel(inLens(inSquare, inSquare))), wanted)
+                            << x << " " << y << " " << flipped;
+                    }
+                    ++compared;
+                }
+            }
+            EXPECT_GT(compared, 200);
+        }
+        leave();
+        EXPECT_EQ(painted(), without);
+    }
+}
+
 TEST_F(ViewerWindows, LabelsThatWereKeptLookAsIfTheyWereWrittenAnew) {
     ViewGeometry view;
     view.SetWindow(600, 400);
@@ -319,6 +386,80 @@ TEST_F(ViewerWindows, LevelsAreCountsAndChangeWhatIsShown) {
     Solve();  // which subtracts the sky
     EXPECT_LT(image.DisplayBlack, 100);
     EXPECT_EQ(black->value(), image.DisplayBlack);
+}
+
+TEST_F(ViewerWindows, TheLinesOfTheHistogramAreDraggedToCounts) {
+    OpenAll();
+    Choose("Levels");
+    QWidget* levels = WindowNamed("fHistogram");
+    auto* plot = levels->findChild<QWidget*>("picHistogram");
+    const PlateImage& image = State->Image;
+    /// The columns of the dashed lines: there is nothing else of their colour above the histogram.
+    const auto lines = [&] {
+        const QImage picture = plot->grab().toImage();
+        const QRgb colour = plot->palette().color(QPalette::WindowText).rgb();
+        std::vector<int> columns;
+        for (int x = 0; x < picture.width(); ++x) {
+            int dashes = 0;
+            for (int y = 0; y < picture.height() / 2; ++y) {
+                dashes += picture.pixel(x, y) == colour ? 1 : 0;
+            }
+            if (dashes > picture.height() / 8) columns.push_back(x);
+        }
+        return columns;
+    };
+    const auto mouse = [&](QEvent::Type type, int x, Qt::MouseButtons buttons) {
+        const QPointF at(x, 30);
+        QMouseEvent event(type, at, plot->mapToGlobal(at),
+                          type == QEvent::MouseMove ? Qt::NoButton : Qt::LeftButton, buttons,
+                          Qt::NoModifier);
+        QApplication::sendEvent(plot, &event);
+    };
+    const auto drag = [&](int from, int to) {
+        mouse(QEvent::MouseButtonPress, from, Qt::LeftButton);
+        mouse(QEvent::MouseMove, (from + to) / 2, Qt::LeftButton);
+        mouse(QEvent::MouseMove, to, Qt::LeftButton);
+        mouse(QEvent::MouseButtonRelease, to, Qt::NoButton);
+    };
+    ASSERT_EQ(lines().size(), 2u);
+    const int black = lines()[0];
+    const int white = lines()[1];
+    const int whiteCount = image.DisplayWhite;
+    mouse(QEvent::MouseMove, black + 9, Qt::NoButton);
+    EXPECT_EQ(lines(), (std::vector<int>{black, white}));
+
+    // The nearer line comes to the pointer and the other one stays, and counts are in proportion.
+    std::map<int, int> counts = {{white, whiteCount}};
+    for (const int to : {black + 20, black + 60, black + 40}) {
+        drag(lines()[0] + 2, to);
+        EXPECT_EQ(lines(), (std::vector<int>{to, white}));
+        EXPECT_EQ(image.DisplayWhite, whiteCount);
+        counts[to] = image.DisplayBlack;
+    }
+    const double perPixel = double(counts[white] - counts[black + 20]) / (white - black - 20);
+    EXPECT_GT(perPixel, 0);
+    for (const auto& [x, count] : counts) {
+        EXPECT_NEAR(count, counts[white] - perPixel * (white - x), 1 + perPixel) << x;
+    }
+    EXPECT_EQ(levels->findChild<QSpinBox*>("numBlack")->value(), image.DisplayBlack);
+    const int blackCount = image.DisplayBlack;
+    drag(white - 3, white + 30);
+    EXPECT_GT(image.DisplayWhite, whiteCount);
+    EXPECT_EQ(image.DisplayBlack, blackCount);
+    // Neither line can be dragged past the other.
+    drag(lines()[0], plot->width() - 5);
+    EXPECT_LT(image.DisplayBlack, image.DisplayWhite);
+
+    // The image shows these levels, and no longer those that the screen takes by itself.
+    EXPECT_FALSE(Action("mnuStretch")->isChecked());
+    levels->findChild<QPushButton*>("cmdAutomatic")->click();
+    drag(lines()[1], lines()[0] + 40);
+    Area->ZoomTo(8);
+    const int count = image.Pixels(150, 150) + image.DataOffset;
+    const double place =
+        double(count - image.DisplayBlack) / (image.DisplayWhite - image.DisplayBlack);
+    EXPECT_EQ(qRed(ColourAt({150, 150})),
+              std::lround(255 * Transferred(State->DisplayTransfer, place)));
 }
 
 TEST_F(ViewerWindows, AClickMeasuresTheStarThatWasDrawnThere) {

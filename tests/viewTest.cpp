@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "astro/libConversions.h"
-#include "display/libPicturePyramid.h"
+#include "display/libPictureView.h"
 #include "display/libPlot.h"
 #include "display/libReadout.h"
 #include "display/libViewGeometry.h"
@@ -278,6 +280,70 @@ TEST(Picture, ShowsWhatThePlainMeanOfTheImageGivesAtEveryScale) {
         EXPECT_EQ(Paint(pyramid, view, 2, 1).Pixels,
                   std::vector<std::uint8_t>(2, GreyOutsideImage));
     }
+}
+
+TEST(DraggedPicture, HasThePixelsOfAPlainPaintingAndPaintsOnlyWhatComesIntoView) {
+    Random random(21);
+    PlateImage image = ImageOf(317, 211, ImageType::Jpeg, 0);
+    const auto noise = [&](PicturePyramid& picture) {
+        for (int y = 0; y < image.Height; ++y) {
+            for (auto& pixel : image.Pixels.Row(y)) pixel = random.Whole(0, 255);
+        }
+        picture.Build(image, plainGrey);
+    };
+    PicturePyramid picture;
+    PicturePyramid other;
+    noise(picture);
+    noise(other);
+    DraggedView dragged;
+    int least = 0;
+    for (int round = 0; round < 60; ++round) {
+        ViewGeometry view;
+        const int width = random.Whole(90, 130);
+        const int height = random.Whole(60, 90);
+        const double ratio = random.Whole(2, 4) / 2.0;
+        view.SetWindow(width, height);
+        view.SetImage(image.Width, image.Height, random.Whole(0, 1) == 1, random.Whole(1, 8));
+        view.Flip(random.Whole(0, 1) == 1, random.Whole(0, 1) == 1);
+        // Also scales at which every coordinate lies on a border of pixels.
+        view.ZoomTo(round % 2 == 0 ? random.Between(0.2, 3) : std::exp2(random.Whole(-2, 2)),
+                    view.Middle());
+        const int columns = static_cast<int>(width * ratio);
+        const int rows = static_cast<int>(height * ratio);
+        for (int step = 0; step < 12; ++step) {
+            const bool byPixels = step != 0 && step != 5 && step != 8;
+            const int reach = step % 4 == 3 ? 300 : 7;
+            view.Pan(random.Whole(-reach, reach) / ratio, random.Whole(-reach, reach) / ratio);
+            if (step == 5) view.Pan(random.Between(-3, 3), random.Between(-3, 3));
+            if (step == 8 && round % 3 == 0) view.Flip(step % 2 == 0, round % 2 == 0);
+            if (step == 8 && round % 3 == 1) noise(picture);  // in the same memory
+            if (step == 8 && round % 3 == 2) std::swap(picture, other);
+            const auto shown = dragged.Paint(picture, view, ratio, columns, rows);
+            const Painted anew = Paint(picture, view, columns, rows, ratio);
+            ASSERT_TRUE(std::equal(shown.begin(), shown.end(), anew.Pixels.begin(),
+                                   anew.Pixels.end()))
+                << round << " " << step;
+            const auto all = static_cast<std::int64_t>(anew.Pixels.size());
+            EXPECT_LE(dragged.Painted(), all);
+            if (byPixels && reach == 7) {
+                least += dragged.Painted() <= 7 * (columns + rows) ? 1 : 0;
+            }
+            dragged.Paint(picture, view, ratio, columns, rows);
+            EXPECT_EQ(dragged.Painted(), 0);
+        }
+    }
+    // Where the movement ends at the image it ends within a pixel, and all is painted.
+    EXPECT_GT(least, 60);
+
+    ViewGeometry view;
+    view.SetWindow(20, 10);
+    view.SetImage(image.Width, image.Height, true);
+    picture.Clear();
+    const auto shown = dragged.Paint(picture, view, 1, 20, 10);
+    EXPECT_EQ(std::count(shown.begin(), shown.end(), GreyOutsideImage), 200);
+    noise(picture);
+    dragged.Paint(picture, view, 1, 20, 10);
+    EXPECT_EQ(dragged.Painted(), 200);
 }
 
 TEST(Readout, NamesPixelCountAndSkyAndNothingOffTheImage) {
