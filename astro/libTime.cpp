@@ -48,10 +48,14 @@ double LocalSiderealTime(double julianDate, double longitude) {
     return hours < 0 ? hours + 24 : hours;
 }
 
+std::optional<double> ParseLongitude(std::string_view text) {
+    const auto degrees = ParseNumber(text);
+    return degrees && std::abs(*degrees) <= 360 ? degrees : std::nullopt;
+}
+
 double ObserverLongitude(const LocalTime& time) {
     if (const char* text = std::getenv("VESTREL_LONGITUDE")) {
-        const auto degrees = ParseNumber(text);
-        if (degrees && std::abs(*degrees) <= 360) return *degrees;
+        if (const auto degrees = ParseLongitude(text)) return *degrees;
     }
     return -time.StandardBiasSeconds / 240.0;  // the Earth turns a degree in 240 s
 }

@@ -1,6 +1,9 @@
 // The clock as astronomers read it, and precession between J2000 and the current date.
 #pragma once
 
+#include <optional>
+#include <string_view>
+
 #include "astro/libSphericalMath.h"
 #include "platform/libClock.h"
 
@@ -23,8 +26,11 @@ double JulianEpoch(double julianDate);
 /// @param longitude degrees, east positive
 double LocalSiderealTime(double julianDate, double longitude);
 
-/// The observer's longitude in degrees, east positive: `$VESTREL_LONGITUDE`, −360..360. When that
-/// is unset or no such number, it is the middle of the time zone: 15 degrees an hour, without
+/// A longitude of −360..360 degrees, east positive; nothing for any other text.
+std::optional<double> ParseLongitude(std::string_view text);
+
+/// The observer's longitude in degrees, east positive: `$VESTREL_LONGITUDE`. When that is unset or
+/// not valid, it is the middle of the time zone: 15 degrees an hour, without
 /// summer time. That is good for a rough sidereal time only.
 double ObserverLongitude(const LocalTime& time);
 

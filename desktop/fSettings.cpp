@@ -27,7 +27,8 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
       port_(port),
       theme_(new QComboBox),
       catalog_(new QPlainTextEdit),
-      telescope_(new QLabel) {
+      telescope_(new QLabel),
+      fault_(new QLabel) {
     setObjectName("fSettings");
     setWindowTitle("Settings");
     auto* form = new QFormLayout;
@@ -45,7 +46,15 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
         AddText(form, "txtTelescope", "T&elescope", "indi://localhost:7624/Telescope Simulator",
                 "telescope", {devices, test});
     form->addRow({}, telescope_);
-    AddText(form, "txtLongitude", "&Longitude, degrees east", "from the time zone", "longitude");
+    longitude_ = AddText(form, "txtLongitude", "&Longitude, degrees east", "from the time zone",
+                         "longitude");
+    fault_->setObjectName("lblLongitudeFault");
+    fault_->setTextFormat(Qt::PlainText);
+    form->addRow({}, fault_);
+    // What is right again is seen at once; what is wrong, when it is complete.
+    connect(longitude_, &QLineEdit::textChanged, this, [this] {
+        if (Fault() == nullptr) ShowFault();
+    });
     theme_->setObjectName("cboTheme");
     for (const Theme& theme : Themes) theme_->addItem(theme.Caption, theme.Name);
     theme_->setCurrentIndex(qMax(0, theme_->findData(QtText(PreferenceOf(state, "theme")))));
@@ -55,6 +64,7 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
     telescope_->setObjectName("lblTelescopeTest");
     telescope_->setTextFormat(Qt::PlainText);
     telescope_->setWordWrap(true);
+    telescope_->hide();
     catalog_->setObjectName("txtCatalogFacts");
     catalog_->setAccessibleName("What the catalog holds");
     catalog_->setReadOnly(true);
@@ -70,7 +80,7 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
     connect(test, &QPushButton::clicked, this, [this] {
         const QPointer<SettingsWindow> self = this;  // it may be closed meanwhile
         TestTelescopeCommand(state_, port_);
-        if (self) telescope_->setText(QtText(state_.Display.Status.Text));
+        if (self) ShowTelescope();
     });
     connect(devices, &QPushButton::clicked, this,
             [this, telescope, devices] { OfferDevices(*telescope, *devices); });
@@ -80,8 +90,7 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
     build->setToolTip("Make a catalog, or its tables, from what other programs have installed");
     connect(build, &QPushButton::clicked, this, [this] {
         const auto buildCatalog = OnBuildCatalog;
-        close();
-        if (buildCatalog) buildCatalog();
+        if (close() && buildCatalog) buildCatalog();
     });
     connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
     auto* layout = new QVBoxLayout(this);
@@ -94,6 +103,37 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
     setTabOrder(build, buttons->button(QDialogButtonBox::Close));
     resize(fontMetrics().averageCharWidth() * 90, sizeHint().height());
     ShowCatalog();
+    ShowFault();
+}
+
+void SettingsWindow::done(int result) {
+    if (const char* fault = Fault()) {
+        port_.ShowMessage(fault, ErrorTitle);
+        longitude_->setFocus();
+        longitude_->selectAll();
+        return;
+    }
+    // The Escape key leaves an input without a word.
+    for (const auto& [input, preference] : inputs_) Keep(preference, input->text());
+    QDialog::done(result);
+}
+
+const char* SettingsWindow::Fault() const {
+    return FaultOfLongitude(Utf8(longitude_->text().trimmed()));
+}
+
+void SettingsWindow::ShowFault() {
+    const char* fault = Fault();
+    QPalette colours = palette();
+    colours.setColor(QPalette::WindowText, StatusTextColour(StatusColour::Red, palette()));
+    fault_->setPalette(colours);
+    fault_->setText(fault);
+    fault_->setVisible(fault != nullptr);
+}
+
+void SettingsWindow::ShowTelescope() {
+    telescope_->setText(QtText(state_.Display.Status.Text));
+    telescope_->setVisible(!telescope_->text().isEmpty());
 }
 
 QLineEdit* SettingsWindow::AddText(QFormLayout* layout, const char* name, const QString& caption,
@@ -103,8 +143,11 @@ QLineEdit* SettingsWindow::AddText(QFormLayout* layout, const char* name, const 
     input->setObjectName(name);
     input->setPlaceholderText(hint);
     input->setAccessibleName(QString(caption).remove('&'));
-    connect(input, &QLineEdit::editingFinished, this,
-            [this, input, preference] { Keep(preference, input->text()); });
+    inputs_.emplace_back(input, preference);
+    connect(input, &QLineEdit::editingFinished, this, [this, input, preference] {
+        ShowFault();
+        if (input != longitude_ || Fault() == nullptr) Keep(preference, input->text());
+    });
     auto* label = new QLabel(caption);
     label->setBuddy(input);
     auto* row = new QHBoxLayout;
@@ -122,7 +165,7 @@ void SettingsWindow::OfferDevices(QLineEdit& address, QPushButton& button) {
     const QPointer<SettingsWindow> self = this;  // it may be closed meanwhile
     const std::vector<std::string> names = TelescopeDevicesCommand(state_, port_);
     if (!self) return;
-    telescope_->setText(QtText(state_.Display.Status.Text));
+    ShowTelescope();
     if (names.empty()) return;
     auto* menu = new QMenu(this);
     menu->setObjectName("mnuDevices");
@@ -143,6 +186,7 @@ void SettingsWindow::Keep(const char* preference, const QString& text) {
     SetPreference(state_, preference, value);
     if (OnChanged) OnChanged();
     ShowCatalog();
+    ShowFault();  // in the colours of the theme
 }
 
 void SettingsWindow::ShowCatalog() {

@@ -102,23 +102,20 @@ std::string DayTimeText(double seconds) {
 
 }  // namespace
 
-namespace {
-
-/// The longitude in the preferences, degrees east; nothing when it is not set or not valid.
-std::optional<double> SetLongitude(const ProgramState& state) {
-    const auto degrees = ParseNumber(PreferenceOf(state, "longitude"));
-    return degrees && std::abs(*degrees) <= 360 ? degrees : std::nullopt;
+const char* FaultOfLongitude(const std::string& text) {
+    return text.empty() || ParseLongitude(text)
+               ? nullptr
+               : "Please enter a valid Longitude, -360 to 360 degrees";
 }
-
-}  // namespace
 
 void UpdateClock(ProgramState& state) {
     const LocalTime time = LocalTimeAt(std::chrono::system_clock::now());
     state.JulianDate = JulianDate(time);
     // A constant number of digits keeps the text from moving.
     const auto fraction = static_cast<int>(std::fmod(state.JulianDate, 1) * 100000);
-    const double sidereal =
-        LocalSiderealTime(state.JulianDate, SetLongitude(state).value_or(ObserverLongitude(time)));
+    const double sidereal = LocalSiderealTime(
+        state.JulianDate,
+        ParseLongitude(PreferenceOf(state, "longitude")).value_or(ObserverLongitude(time)));
     // A Julian date counts from noon.
     state.Display.Clock = "UT " + DayTimeText((state.JulianDate + 0.5) * 86400) + "   JD " +
                           NumberText(std::floor(state.JulianDate)) + "." +

@@ -12,6 +12,10 @@ namespace vestrel {
 /// Reads the system's clock into the state's Julian date and the text that shows it.
 void UpdateClock(ProgramState& state);
 
+/// What is wrong with a text for the preference "longitude"; nullptr when it is valid, or empty,
+/// which leaves it to the time zone.
+const char* FaultOfLongitude(const std::string& text);
+
 /// Load: makes the telescope's position, precessed from the current date to J2000, the approximate
 /// centre.
 ///

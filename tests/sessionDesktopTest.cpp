@@ -2,6 +2,7 @@
 // damaged.
 
 #include <QComboBox>
+#include <QMenu>
 #include <QTableWidget>
 
 #include "program/mPreferences.h"
@@ -92,6 +93,96 @@ TEST_F(Session, AFolderThatTakesThePlaceOfAnotherIsCountedByItself) {
     EXPECT_EQ(window->windowTitle(), "Solutions");
 }
 
+TEST_F(Session, TheMenuOfRecentImagesOpensThemAgain) {
+    QMenu* menu = nullptr;
+    for (QMenu* one : Window->findChildren<QMenu*>()) {
+        if (one->title() == "Open &Recent") menu = one;
+    }
+    ASSERT_NE(menu, nullptr);
+    const auto entries = [&] {
+        QMetaObject::invokeMethod(menu, "aboutToShow");
+        Texts texts;
+        for (const QAction* action : menu->actions()) texts.push_back(Utf8(action->text()));
+        return texts;
+    };
+    EXPECT_EQ(entries(), Texts{"None"});
+    EXPECT_FALSE(menu->actions()[0]->isEnabled());
+
+    const std::string path = Copy("M 51 & <b>M 52</b>/first & last.fit");
+    Window->OpenFile(path);
+    Window->OpenFile(Frame);
+    const std::string folder = Folder.Path.string();
+    // In a menu, one & would underline the next letter.
+    const std::string first = "first && last.fit  (" + folder + "/M 51 && <b>M 52</b>)";
+    EXPECT_EQ(entries(), (Texts{"frame.fit  (" + folder + ")", first}));
+    menu->actions()[1]->trigger();
+    EXPECT_EQ(State->Image.FileName, path);
+    EXPECT_EQ(entries(), (Texts{first, "frame.fit  (" + folder + ")"}));
+    Choose("Show Image");
+    bool shared = false;
+    for (const QMenu* one : WindowNamed("fImage")->findChildren<QMenu*>()) {
+        shared = shared || one->actions().contains(menu->menuAction());
+    }
+    EXPECT_TRUE(shared);
+
+    Window->close();
+    Open();
+    std::filesystem::remove(path);
+    for (QMenu* one : Window->findChildren<QMenu*>()) {
+        if (one->title() == "Open &Recent") menu = one;
+    }
+    ASSERT_EQ(entries().size(), 2u);
+    EXPECT_EQ(entries()[0], first);
+    EXPECT_EQ(Dialogs.Messages, Texts{});
+    menu->actions()[0]->trigger();
+    EXPECT_EQ(Dialogs.Messages.size(), 1u);
+    EXPECT_FALSE(State->ImageLoaded);
+    entries();
+    menu->actions()[menu->actions().size() - 1]->trigger();
+    EXPECT_EQ(State->Image.FileName, Frame);
+}
+
+TEST_F(Session, AWrongLongitudeIsToldAndNotTaken) {
+    Choose("Settings...");
+    QWidget* settings = WindowNamed("fSettings");
+    ASSERT_NE(settings, nullptr);
+    auto* longitude = settings->findChild<QLineEdit*>("txtLongitude");
+    const auto* fault = settings->findChild<QLabel*>("lblLongitudeFault");
+    EXPECT_FALSE(fault->isVisible());
+    settings->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(settings));
+    const auto type = [&](const char* text) {
+        longitude->setFocus();
+        longitude->selectAll();
+        QTest::keyClicks(longitude, text);
+    };
+    type("-70.4");
+    EXPECT_FALSE(fault->isVisible());
+    QTest::keyClick(longitude, Qt::Key_Tab);
+    EXPECT_EQ(PreferenceOf(*State, "longitude"), "-70.4");
+    const std::string told = "Please enter a valid Longitude, -360 to 360 degrees";
+    for (const char* text : {"70 W", "-361", "12,5", "7O"}) {
+        type(text);
+        QTest::keyClick(longitude, Qt::Key_Tab);
+        EXPECT_TRUE(fault->isVisible()) << text;
+        EXPECT_EQ(Utf8(fault->text()), told);
+        EXPECT_EQ(PreferenceOf(*State, "longitude"), "-70.4");
+    }
+    EXPECT_EQ(Dialogs.Messages, Texts{});
+    // The window does not close over it, and the keyboard is where it is needed.
+    settings->close();
+    EXPECT_TRUE(settings->isVisible());
+    EXPECT_EQ(Dialogs.Messages, Texts{errorTitle + told});
+    EXPECT_EQ(settings->focusWidget(), longitude);
+    EXPECT_EQ(longitude->selectedText(), "7O");
+    QTest::keyClicks(longitude, "70");
+    EXPECT_FALSE(fault->isVisible());
+    QTest::keyClick(longitude, Qt::Key_Escape);
+    EXPECT_FALSE(settings->isVisible());
+    EXPECT_EQ(PreferenceOf(*State, "longitude"), "70");
+    EXPECT_EQ(Dialogs.Messages.size(), 1u);
+}
+
 TEST_F(Session, DamagedPreferencesDoNoHarm) {
     const QPalette usual = QApplication::palette();
     const std::filesystem::path catalog = State->Catalog.Folder;
@@ -126,6 +217,8 @@ TEST_F(Session, DamagedPreferencesDoNoHarm) {
         // A minute may end in between.
         EXPECT_TRUE(with == without || with == siderealMinute()) << text;
     }
+    EXPECT_TRUE(settings->findChild<QLabel*>("lblLongitudeFault")->isVisible());
+    longitude->clear();
     settings->close();
     Window->close();
     Open();
