@@ -49,22 +49,24 @@ class GuideBrowser : public QTextBrowser {
 }  // namespace
 
 HelpWindow::HelpWindow()
-    : QDialog(nullptr, Qt::Window), pages_(new QTabWidget), guide_(new GuideBrowser) {
+    : QDialog(nullptr, Qt::Window),
+      pages_(new QTabWidget),
+      guide_(new GuideBrowser),
+      parameters_(new QLabel(QtText(ParameterHelpText()))) {
     HaveGuidePictures();
     setObjectName("fHelp");
     setWindowTitle("Vestrel Help");
     guide_->setObjectName("txtGuide");
     guide_->setAccessibleName("Guide");
     guide_->setHtml(HelpGuide());
-    auto* label = new QLabel(QtText(ParameterHelpText()));
-    label->setObjectName("lblHelp");
-    label->setTextFormat(Qt::PlainText);
-    label->setTextInteractionFlags(Qt::TextSelectableByMouse);
-    label->setWordWrap(true);
-    label->setMargin(12);
-    label->setAlignment(Qt::AlignTop | Qt::AlignLeft);
+    parameters_->setObjectName("lblHelp");
+    parameters_->setTextFormat(Qt::PlainText);
+    parameters_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    parameters_->setWordWrap(true);
+    parameters_->setMargin(12);
+    parameters_->setAlignment(Qt::AlignTop | Qt::AlignLeft);
     auto* scroll = new QScrollArea;
-    scroll->setWidget(label);
+    scroll->setWidget(parameters_);
     scroll->setWidgetResizable(true);
     pages_->setObjectName("tabHelp");
     pages_->addTab(guide_, "&Guide");
@@ -78,10 +80,21 @@ HelpWindow::HelpWindow()
     resize(680, 600);
 }
 
-void HelpWindow::ShowTopic(const QString& name) {
-    const bool parameters = name == "fParms";
-    pages_->setCurrentIndex(parameters ? 1 : 0);
-    if (!parameters) guide_->scrollToAnchor(name.isEmpty() ? "top" : name);
+void HelpWindow::ShowTopicOf(const QWidget* control) {
+    QString name;
+    QString parameter;
+    for (; control != nullptr && name != "fParms" && HelpOn(name).isEmpty();
+         control = control->parentWidget()) {
+        name = control->objectName();
+        parameter = QtText(ParameterHelpOn(Utf8(name)));
+    }
+    const bool known = !HelpOn(name).isEmpty();
+    const bool inParameters = name == "fParms" || !parameter.isEmpty();
+    pages_->setCurrentIndex(inParameters ? 1 : 0);
+    if (!inParameters) guide_->scrollToAnchor(known ? name : "top");
+    // The paragraph on a parameter is marked.
+    const qsizetype at = parameters_->text().indexOf(parameter);
+    parameters_->setSelection(static_cast<int>(at), static_cast<int>(parameter.size()));
 }
 
 void HelpWindow::showEvent(QShowEvent* event) {

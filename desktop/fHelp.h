@@ -2,6 +2,7 @@
 
 #include <QDialog>
 
+class QLabel;
 class QTabWidget;
 class QTextBrowser;
 
@@ -12,9 +13,9 @@ class HelpWindow : public QDialog {
  public:
     HelpWindow();
 
-    /// Shows the help on a control or a window with this object name; the start of the guide when
-    /// there is none.
-    void ShowTopic(const QString& name);
+    /// Shows the help on a control, else on what contains it; the start of the guide when there is
+    /// none.
+    void ShowTopicOf(const QWidget* control);
 
  protected:
     void showEvent(QShowEvent* event) override;
@@ -22,9 +23,13 @@ class HelpWindow : public QDialog {
  private:
     QTabWidget* pages_;
     QTextBrowser* guide_;
+    QLabel* parameters_;
 };
 
 /// The guide as rich text. Its anchors are the object names of controls and windows.
 QString HelpGuide();
+
+/// What is said on the control or window of this object name, as rich text; empty when nothing is.
+QString HelpOn(const QString& name);
 
 }  // namespace vestrel

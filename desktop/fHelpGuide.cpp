@@ -1,7 +1,10 @@
 // The guide that F1 opens.
+#include <QRegularExpression>
 #include <QString>
 
 #include "desktop/fHelp.h"
+#include "desktop/libWindows.h"
+#include "program/mParameterTexts.h"
 
 namespace vestrel {
 
@@ -15,7 +18,7 @@ QString HelpGuide() {
 <li><b>Show Image</b> (Ctrl+I) shows what was matched, with the names of what is in the picture.</li>
 <li><b>Export Whole Picture</b> (Ctrl+Shift+E in the image window) writes it as PNG or PDF.</li>
 </ol>
-<p>F1 opens this page at the field that has the keyboard.
+<p>F1 opens this page at the field that has the keyboard; after Shift+F1, a click on a field tells what it is.
 <a href="#fKELInfo">Solving</a>, <a href="#trust">trust</a>, <a href="#fImage">the image</a>,
 <a href="#fStats">measuring</a>, <a href="#fSolutions">many pictures</a>,
 <a href="#telescope">the telescope</a>, <a href="#fSettings">settings</a>.</p>
@@ -43,8 +46,16 @@ the time left. A search of the whole sky needs quad tables (<tt>vestrel-catalog 
 <a name="cmdMORA"></a><h3>MORA</h3>
 <p>Looks four-star patterns up in the quad tables. It finds where the picture points and puts that into
 the inputs; Plate Match then measures it.</p>
+<a name="fMORA"></a><a name="ListMORA"></a><h3>Messages of MORA</h3>
+<p>What it finds on the way (Ctrl+M): the patterns that were tried, and those that fit.</p>
 <a name="cmdStop"></a><h3>Stop Search</h3>
 <p>Ends the search that is running (Escape). What was found before stays.</p>
+<a name="txtDetails"></a><h3>Details</h3>
+<p>What the last solve found, or what it saw when it found nothing, as text to be selected and copied
+(Ctrl+Shift+C copies all).</p>
+<a name="chkKeep"></a><h3>Keep Open</h3>
+<p>Another program that starts Vestrel for one picture has it close after ten seconds. A tick here keeps it
+open.</p>
 
 <a name="trust"></a><a name="fResiduals"></a><a name="cmdResiduals"></a><h2>Trust</h2>
 <p><b>Sure</b>: chance gives such a match less than once in a million searches. <b>Check</b>: it is a
@@ -63,17 +74,41 @@ pointer, I inverts. E, C and M show the extracted, the catalog and the matched s
 magnitudes, O the names of objects, R the grid, N the compass. The right button (or the menu key) copies coordinates, makes a place the
 approximate centre, measures a star, and tells what is there.</p>
 <p><img src="qrc:/help/image.png" alt="The image window with matched stars, their magnitudes, names and the grid"></p>
-<a name="fHistogram"></a><h3>Levels</h3>
-<p>Drag the two lines or the sliders, or type counts. From then on they stay as they are until you
-press S again in the image.</p>
+<a name="fHistogram"></a><a name="numBlack"></a><a name="numWhite"></a><a name="sldBlack"></a><a name="sldWhite"></a><h3>Levels</h3>
+<p>The counts that are shown as black and as white. Drag the two lines or the sliders, or type counts.
+From then on they stay as they are until you press S again in the image.</p>
+<a name="cboTransfer"></a><h3>Transfer</h3>
+<p>How the greys between black and white rise with the counts. Square root, asinh and logarithm show faint
+stars without burning out the bright ones.</p>
+<a name="chkLogarithmic"></a><h3>Logarithmic histogram</h3>
+<p>Heights as logarithms: the few pixels of stars are seen beside the many of the sky.</p>
+<a name="cmdAutomatic"></a><h3>Automatic</h3>
+<p>Levels that show stars and noise.</p>
 
 <p><img src="qrc:/help/levels.png" alt="The levels window: a histogram with two lines to drag"></p>
 
 <a name="fStats"></a><a name="fRelPhot"></a><h2>Measuring</h2>
 <p>With the star statistics open (Ctrl+T) a click on a star measures it; a double click opens them.
 Relative photometry (Ctrl+R) compares two stars that are clicked one after the other.</p>
+<a name="numAperture"></a><h3>Aperture radius</h3>
+<p>The counts within this circle are added to the star's flux. Three times the FWHM holds nearly all of the
+light; a smaller circle is better for faint stars.</p>
+<a name="numBackground"></a><h3>Background radius</h3>
+<p>Inner radius of the ring around the star that tells how bright the sky is there. No light of the star
+should reach it.</p>
+<a name="txtStatistics"></a><h3>Figures of a star</h3>
+<p>Its place, the width of its light by three methods, its flux with the error, and once the picture is
+solved its magnitude and the nearest star of the catalog. Copy takes all as text.</p>
+<a name="chkKeepFirst"></a><h3>Keep the first star</h3>
+<p>Every click then compares another star with the same first one.</p>
+<a name="tblPhotometry"></a><h3>Table of comparisons</h3>
+<p>One row for each pair: the difference in magnitudes with its error, and the second star's magnitude
+when the picture is solved. It can be exported as CSV.</p>
 
 <p><img src="qrc:/help/statistics.png" alt="The star statistics: figures, and the profile of a star"></p>
+
+<a name="fFITSHeader"></a><a name="textbox"></a><h2>The header</h2>
+<p>What the file says of itself (Ctrl+H): a summary, then its cards as they stand.</p>
 
 <a name="fSolutions"></a><a name="tblSolutions"></a><h2>Many pictures</h2>
 <p>The table of solutions (Ctrl+B) keeps every solve of the session. Enter or a double click opens one
@@ -85,24 +120,51 @@ again. <b>Solve Folder</b> solves all pictures of a folder in the background, wh
 <p><b>Load</b> takes the centre from where the telescope points, <b>Sync</b> tells it where it really
 points; a result that is not sure is asked about first.</p>
 
-<a name="fSettings"></a><a name="txtCatalogFolder"></a><a name="txtTelescope"></a>
-<a name="txtLongitude"></a><a name="cboTheme"></a><h2>Settings</h2>
-<p>Where the catalog is and what it holds, the address of the telescope with the
-devices that its server has and a test, the longitude for
-the sidereal time, and the colours. <b>Night</b> is dark red, for eyes that are used to the dark. An
-environment variable (<tt>VESTREL_CATALOG</tt>, <tt>VESTREL_TELESCOPE</tt>,
+<a name="fSettings"></a><h2>Settings</h2>
+<p>An environment variable (<tt>VESTREL_CATALOG</tt>, <tt>VESTREL_TELESCOPE</tt>,
 <tt>VESTREL_LONGITUDE</tt>) gives the value at the start; what is set here takes precedence.</p>
+<a name="txtCatalogFolder"></a><a name="txtCatalogFacts"></a><h3>Catalog folder</h3>
+<p>Where the stars of the catalog are; when empty, the usual folder. Below it stands what is there.</p>
+<a name="txtTelescope"></a><h3>Telescope</h3>
+<p>The address of an INDI server and the name of its device:
+<tt>indi://localhost:7624/Telescope Simulator</tt>. <b>Devices</b> asks the server what it has, and
+<b>Test</b> asks the telescope where it points.</p>
+<a name="txtLongitude"></a><h3>Longitude</h3>
+<p>Degrees, east positive, for the sidereal time at the bottom of the main window. When empty, it is the
+middle of the time zone.</p>
+<a name="cboTheme"></a><h3>Colours</h3>
+<p><b>Night</b> is dark red, for eyes that are used to the dark.</p>
 <p><img src="qrc:/help/settings.png" alt="The settings"></p>
 
-<a name="fCatalog"></a><h2>The catalog</h2>
+<a name="fCatalog"></a><a name="txtCatalogContent"></a><a name="txtBuildLog"></a><h2>The catalog</h2>
 <p><b>Build Catalog</b> (menu Edit) makes the catalog of stars from what other programs have installed,
 from tables of your own, or from both. A star that several sources have is taken only once. The old catalog
 stays until the new one is complete, and <b>Stop</b> leaves it as it was. The window may be closed
 meanwhile.</p>
-<p><b>Tables</b> are for searches without a centre, for fields whose diagonals lie in the range that is
+<a name="lstCatalogSources"></a><h3>Sources</h3>
+<p>What was found on this computer; those with a tick are taken. A folder or a table of stars can be
+added.</p>
+<a name="txtFaintest"></a><h3>Faintest magnitude</h3>
+<p>Fainter stars are left out, which makes the catalog smaller. When empty, all are taken.</p>
+<a name="chkTables"></a><a name="numSmallestField"></a><a name="numLargestField"></a><h3>Tables</h3>
+<p>They are for searches without a centre, for fields whose diagonals lie in the range that is
 given. Fields below 0.9° need a catalog deeper than Tycho-2. When no source is ticked, only the
 tables are made.</p>
 )");
+}
+
+QString HelpOn(const QString& name) {
+    if (name.isEmpty()) return {};
+    const std::string parameter = ParameterHelpOn(Utf8(name));
+    if (!parameter.empty()) return "<p>" + QtText(parameter).toHtmlEscaped() + "</p>";
+    const QString guide = HelpGuide();
+    const qsizetype anchor = guide.indexOf("<a name=\"" + name + "\">");
+    if (anchor < 0) return {};
+    // From the heading to the next anchor, without the pictures.
+    const qsizetype heading = guide.indexOf("<h", anchor);
+    const qsizetype end = guide.indexOf("<a name=", heading);
+    static const QRegularExpression picture("<p><img[^>]*></p>");
+    return guide.mid(heading, end < 0 ? -1 : end - heading).remove(picture).trimmed();
 }
 
 }  // namespace vestrel

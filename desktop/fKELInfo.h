@@ -131,7 +131,10 @@ class SolveWindow : public QMainWindow {
     /// Opens a window, or brings it to the front.
     static void Bring(QWidget& window);
     void EditParameters();
+    /// Opens the help at the control that has the keyboard.
     void ShowHelp();
+    /// Lets the user click on a control, and tells what it is.
+    void ExplainPointedAt();
     void EditSettings();
     void BuildCatalog();
     /// Adds a new solution to the table of solutions.
@@ -159,6 +162,7 @@ class SolveWindow : public QMainWindow {
     QAction* exportAction_ = nullptr;
     QAction* worldCoordinatesAction_ = nullptr;
     QAction* copyAction_ = nullptr;
+    QList<QAction*> helpActions_;  ///< for the dialogs that block this window
     QMenu* recentMenu_ = nullptr;
     QPushButton* stopButton_ = nullptr;
     QPushButton* quadsButton_ = nullptr;

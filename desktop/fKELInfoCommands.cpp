@@ -4,6 +4,7 @@
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QWhatsThis>
 
 #include "desktop/fCatalog.h"
 #include "desktop/fKELInfo.h"
@@ -120,6 +121,7 @@ void SolveWindow::Bring(QWidget& window) {
 void SolveWindow::EditParameters() {
     auto* dialog = new ParametersWindow(
         state_, port_, [this] { ShowHelp(); }, this);
+    dialog->addActions(helpActions_);
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->open();
 }
@@ -152,6 +154,7 @@ void SolveWindow::ApplySettings() {
 
 void SolveWindow::EditSettings() {
     auto* dialog = new SettingsWindow(state_, port_, this);
+    dialog->addActions(helpActions_);
     dialog->OnChanged = [this] { ApplySettings(); };
     dialog->OnBuildCatalog = [this] { BuildCatalog(); };
     dialog->setAttribute(Qt::WA_DeleteOnClose);
@@ -169,17 +172,19 @@ void SolveWindow::BuildCatalog() {
 }
 
 void SolveWindow::ShowHelp() {
-    // Help on the control with the focus, else on its window.
-    const QWidget* window = QApplication::activeWindow();
-    QWidget* control = QApplication::focusWidget();
+    const QWidget* control = QApplication::focusWidget();
+    if (control == nullptr) control = QApplication::activeWindow();
     Bring(helpWindow_);
-    const QString guide = HelpGuide();
-    for (const QWidget* one : {static_cast<const QWidget*>(control), window}) {
-        const QString name = one != nullptr ? one->objectName() : QString();
-        const bool known = name == "fParms" || guide.contains("<a name=\"" + name + "\">");
-        if (!name.isEmpty() && known) return helpWindow_.ShowTopic(name);
+    helpWindow_.ShowTopicOf(control);
+}
+
+void SolveWindow::ExplainPointedAt() {
+    for (QWidget* window : QApplication::topLevelWidgets()) {
+        QList<QWidget*> controls = window->findChildren<QWidget*>();
+        controls << window;
+        for (QWidget* control : controls) control->setWhatsThis(HelpOn(control->objectName()));
     }
-    helpWindow_.ShowTopic({});
+    QWhatsThis::enterWhatsThisMode();
 }
 
 void SolveWindow::ShowAbout() {

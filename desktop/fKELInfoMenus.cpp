@@ -88,9 +88,10 @@ void SolveWindow::BuildMenus() {
                                view->actions());
 
     QMenu* help = menuBar()->addMenu("&Help");
-    AddAction(help, "&Help", QKeySequence::HelpContents, [this] {
-        ShowHelp();
-    })->setShortcutContext(Qt::ApplicationShortcut);
+    helpActions_ << AddAction(help, "&Help", QKeySequence::HelpContents, [this] { ShowHelp(); })
+                 << AddAction(help, "&What Is This?", QKeySequence::WhatsThis,
+                              [this] { ExplainPointedAt(); });
+    for (QAction* action : helpActions_) action->setShortcutContext(Qt::ApplicationShortcut);
     AddAction(help, "&About", {}, [this] { ShowAbout(); });
 }
 

@@ -1,6 +1,7 @@
 #include "program/mParameterTexts.h"
 
 #include <cmath>
+#include <string_view>
 
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
@@ -95,6 +96,16 @@ std::optional<std::size_t> StoreParameterTexts(ProgramState& state, Port& port,
     port.ShowMessage(CaptionOf(ParameterBoxes[box]) + ": \"" + texts[box] + "\" " + fault + ".",
                      ErrorTitle);
     return box;
+}
+
+std::string ParameterHelpOn(const std::string& boxName) {
+    for (const ParameterBox& box : ParameterBoxes) {
+        if (boxName != box.Name) continue;
+        for (const std::string_view paragraph : paragraphs) {
+            if (paragraph.starts_with(CaptionOf(box) + " (")) return std::string(paragraph);
+        }
+    }
+    return {};
 }
 
 std::string ParameterHelpText() {

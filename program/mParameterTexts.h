@@ -41,4 +41,7 @@ std::optional<std::size_t> StoreParameterTexts(ProgramState& state, Port& port,
 /// The text of the help window: an introduction, then one line a parameter.
 std::string ParameterHelpText();
 
+/// The line of the help text on the parameter in a box; empty when no box has this name.
+std::string ParameterHelpOn(const std::string& boxName);
+
 }  // namespace vestrel

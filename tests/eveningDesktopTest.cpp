@@ -522,22 +522,6 @@ TEST_F(Evening, SettingsAreKeptAndTakeEffectAtOnce) {
     ApplyTheme("");
 }
 
-TEST_F(Evening, HelpOpensAtWhatHasTheKeyboard) {
-    Window->activateWindow();
-    ASSERT_TRUE(QTest::qWaitForWindowActive(Window.get()));
-    Find<QLineEdit>("txtRegions")->setFocus();
-    QTest::keyClick(Find<QLineEdit>("txtRegions"), Qt::Key_F1);
-    QWidget* help = WindowNamed("fHelp");
-    ASSERT_NE(help, nullptr);
-    const int atRegions = help->findChild<QTextBrowser*>()->verticalScrollBar()->value();
-    EXPECT_GT(atRegions, 0);
-    Window->activateWindow();
-    ASSERT_TRUE(QTest::qWaitForWindowActive(Window.get()));
-    Find<QLineEdit>("txtRA")->setFocus();
-    QTest::keyClick(Find<QLineEdit>("txtRA"), Qt::Key_F1);
-    EXPECT_LT(help->findChild<QTextBrowser*>()->verticalScrollBar()->value(), atRegions);
-}
-
 TEST_F(Evening, EveryControlHasANameAndEveryThemeIsReadable) {
     for (const char* entry : {"Show Image", "Levels", "Star Statistics", "Relative Photometry",
                               "Residuals", "Table of Solutions", "Show Header", "Help",

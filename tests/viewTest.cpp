@@ -320,8 +320,8 @@ TEST(DraggedPicture, HasThePixelsOfAPlainPaintingAndPaintsOnlyWhatComesIntoView)
             if (step == 8 && round % 3 == 2) std::swap(picture, other);
             const auto shown = dragged.Paint(picture, view, ratio, columns, rows);
             const Painted anew = Paint(picture, view, columns, rows, ratio);
-            ASSERT_TRUE(std::equal(shown.begin(), shown.end(), anew.Pixels.begin(),
-                                   anew.Pixels.end()))
+            ASSERT_TRUE(
+                std::equal(shown.begin(), shown.end(), anew.Pixels.begin(), anew.Pixels.end()))
                 << round << " " << step;
             const auto all = static_cast<std::int64_t>(anew.Pixels.size());
             EXPECT_LE(dragged.Painted(), all);
