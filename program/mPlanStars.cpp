@@ -13,7 +13,10 @@ void PlanStars::KeepMosaicSums() {
 }
 
 void PlanStars::LookForNegative() {
-    if (!pixels_ || given_ || mosaicSums_ || !MayBeNegative(state_.Image)) return;
+    if (pixels_ && !given_ && !mosaicSums_ && MayBeNegative(state_.Image)) FindDarkStars();
+}
+
+void PlanStars::FindDarkStars() {
     const StageTimer timer(state_.Report.Times.Extraction);
     PeakSettings settings;
     settings.Binning = BinningFor(state_.Image);
@@ -37,10 +40,18 @@ const PlateStarList& PlanStars::Of(StarSource from) {
         PeakSettings settings;
         settings.Binning = BinningFor(looked);
         list = StarListOf(StarsAmong(FindPeaks(looked, settings), looked));
-        // An uneven sky may have hidden it.
-        if (darkStars_.Empty()) LookForNegative();
-        // Hills in front of the sky are dark too, but have few peaks.
-        if (darkStars_.Count() > list->Count()) list = darkStars_;
+        // An uneven or noisy sky may have hidden that it is a negative, which has few bright peaks.
+        constexpr std::int32_t few = 60;
+        if (darkStars_.Empty() && !mosaicSums_) {
+            if (list->Count() < few) {
+                FindDarkStars();
+            } else {
+                LookForNegative();
+            }
+        }
+        // Hills in front of the sky are dark too, but have few peaks; and noise has some.
+        constexpr std::int32_t byNoise = 10;
+        if (darkStars_.Count() > 2 * list->Count() + byNoise) list = darkStars_;
         if (mosaicSums_) list = InMosaicPixels(*std::move(list));
     }
     return *list;

@@ -50,6 +50,8 @@ class PlanStars {
         return lists_[static_cast<std::size_t>(from)];
     }
 
+    void FindDarkStars();
+
     ProgramState& state_;
     const std::optional<PlateStarList>& given_;
     bool pixels_;  ///< whether lists may be made from the pixels

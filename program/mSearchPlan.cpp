@@ -139,9 +139,15 @@ class Plan {
     bool SeedsOf(const SearchHint& hint) {
         return !hint.Briefly &&
                std::any_of(SeedAttempts.begin(), SeedAttempts.end(), [&](const auto& attempt) {
-                   return !MustEnd() &&
+                   return !MustEnd() && !SameSeeds(attempt) &&
                           Try(attempt.Name, [&] { return SeededSearch(attempt, hint); });
                });
+    }
+
+    /// Whether an attempt before had the same seeds: of few stars all are seeds, in any order.
+    bool SameSeeds(const SeedAttempt& attempt) {
+        return attempt.From == StarSource::EvenPeaks &&
+               lists_.Of(attempt.From).Count() <= SeedSettings().ImageSeeds;
     }
 
     /// Hints and the whole sky share the allowed false-alarm probability: each is charged as if it

@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <cmath>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "astro/libMath.h"
 #include "catalog/libCatalogRegion.h"
+#include "extraction/libRobustStars.h"
 #include "matching/libQuadFile.h"
 #include "program/mFailureCause.h"
 #include "program/mImageData.h"
@@ -143,6 +145,21 @@ TEST_F(PlanOfASmallSky, GivenStarsAreThoseOfTheSolutionAndOnlyTheBrightestAreUse
     EXPECT_EQ(State.Display.Status1.Text, "Insufficient Plate Stars");
 }
 
+TEST_F(PlanOfASmallSky, FewStarsAreNotTriedAgainInAnotherOrder) {
+    Random random(56);
+    for (const auto& [stars, attempts] : {std::pair(40, 4U), std::pair(41, 6U)}) {
+        SearchRequest request;
+        request.Around = {Hint(away)};
+        request.Stars.emplace();
+        while (request.Stars->Count() < stars) {
+            const auto x = static_cast<float>(random.Between(0, side));
+            request.Stars->Add({x, static_cast<float>(random.Between(0, side)), 9, 0, 0});
+        }
+        ASSERT_EQ(Solve(request), SolveCode::NoMatch);
+        EXPECT_EQ(Attempts().size(), attempts) << stars;
+    }
+}
+
 TEST_F(PlanOfASmallSky, AMatchThatIsNotSureIsACandidateAndSolvesNothing) {
     // Ten of sixteen stars, two pixels off, and so far from the start that chance had many trials.
     constexpr int stars = 16;
@@ -181,6 +198,51 @@ TEST_F(PlanOfASmallSky, AMatchThatIsNotSureIsACandidateAndSolvesNothing) {
     EXPECT_FALSE(State.Solution);
     EXPECT_FALSE(State.Image.Header.PlateMatched);
     EXPECT_EQ(State.Display.Status.Text, "No Sure Match Found");
+}
+
+TEST(PlanStars, AreThoseOfANegativeThatItsNoiseHides) {
+    constexpr int columns = 600;
+    constexpr int rows = 400;
+    constexpr int stars = 40;
+    constexpr int sky = 500;
+    Random random(55);
+    ProgramState state;
+    state.ImageLoaded = true;
+    state.Image = EmptyImage(columns, rows, 0);
+    std::vector<std::pair<double, double>> places;
+    for (int i = 0; i < stars; ++i) {
+        places.emplace_back(random.Between(20, columns - 20), random.Between(20, rows - 20));
+        // At most five times the noise of a pixel.
+        AddStar(state.Image, places.back().first, places.back().second, random.Between(900, 1300),
+                1.6);
+    }
+    for (int y = 0; y < rows; ++y) {
+        for (int x = 0; x < columns; ++x) {
+            state.Image.Pixels(x, y) += sky + static_cast<int>(std::lround(random.Normal(16)));
+        }
+    }
+    for (const bool negative : {false, true}) {
+        if (negative) {
+            for (int y = 0; y < rows; ++y) {
+                for (int x = 0; x < columns; ++x) {
+                    state.Image.Pixels(x, y) = 2 * sky - state.Image.Pixels(x, y);
+                }
+            }
+        }
+        EXPECT_FALSE(MayBeNegative(state.Image));
+        const std::optional<PlateStarList> given;
+        const std::optional<StarLists> kept;
+        PlanStars lists(state, given, kept);
+        const PlateStarList& found = lists.Of(StarSource::Peaks);
+        int right = 0;
+        for (const auto& [x, y] : places) {
+            right += std::any_of(found.begin(), found.end(), [&](const PlateStar& star) {
+                return std::hypot(double{star.X} - x, double{star.Y} - y) < 1.5;
+            });
+        }
+        EXPECT_GE(right, stars * 9 / 10) << negative;
+        EXPECT_LE(found.Count(), stars * 11 / 10) << negative;
+    }
 }
 
 TEST(Candidate, IsTheLikeliestMatchWhateverTheOrder) {
