@@ -228,7 +228,7 @@ BackgroundBlocks EstimateBackgroundBlocks(const Grid<std::int32_t>& values, std:
                                  clip.High,
                                  HeldValue(clip.Low),
                                  HeldValue(clip.High)};
-        const std::int32_t columns = BoxPercentileColumns(samples);
+        constexpr std::int32_t columns = BoxPercentileColumns;
         const auto estimateStrip = [&](int piece) {
             const std::int32_t first = piece * columns;
             BoxPercentiles(samples, halfSize, percentile, first,

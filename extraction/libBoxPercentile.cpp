@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <numeric>
 #include <vector>
 
 #include "astro/libMath.h"
@@ -10,6 +9,7 @@
 #include "extraction/libHistogramDrift.h"
 #include "extraction/libHistogramTree.h"
 #include "extraction/libLeafSamples.h"
+#include "extraction/libNearPercentiles.h"
 
 namespace vestrel {
 
@@ -57,27 +57,13 @@ class Strip {
 
     VESTREL_KERNEL void Run(std::int32_t rows, Grid<std::int32_t>& blocks) {
         if (shape_.Shift > 0) {
-            RunRows<Values::Shared>(rows, blocks);
+            RunRows<true>(rows, blocks);
         } else {
-            RunRows<Values::Apart>(rows, blocks);
+            RunRows<false>(rows, blocks);
         }
     }
 
-    /// As above on samples held within a part of the range `whole`. False, and blocks are left
-    /// undone, when a percentile may lie outside of it.
-    VESTREL_KERNEL bool RunWithin(const BoxSamples& whole, std::int32_t rows,
-                                  Grid<std::int32_t>& blocks) {
-        leastSure_ = samples_.Low > whole.Low ? samples_.Low + 1 : samples_.Low - 1;
-        mostSure_ = samples_.High < whole.High ? samples_.High - 1 : samples_.High;
-        lowIsSure_ = samples_.Low == whole.Low;
-        return RunRows<Values::Held>(rows, blocks);
-    }
-
  private:
-    /// How values lie in the leaves: one in each, several in each, or one in each but for what
-    /// lies outside the window and is held at its ends.
-    enum class Values { Apart, Shared, Held };
-
     // Rows of leaf numbers: first those that slide, then those of the first box, then those that
     // are removed without having been added.
     std::int32_t FirstRow(std::int32_t i) const { return 2 * reach_ + i; }
@@ -325,53 +311,15 @@ class Strip {
         return samples_.High;
     }
 
-    /// Counts for each column of blocks the samples of the box at the lowest leaf that leave
-    /// without having come.
-    void CountOwedAtLowest() {
-        std::vector<std::int32_t> owed(static_cast<std::size_t>(width_));
-        for (std::int32_t i = 0; i < reach_ && 2 + step * i < samples_.Height; ++i) {
-            const std::uint16_t* leaves = Leaves(OwedRow(i));
-            for (std::int32_t x = firstSample_ - start_; x < endSample_ - start_; ++x) {
-                owed[static_cast<std::size_t>(x)] += leaves[x] == 0 ? 1 : 0;
-            }
-        }
-        owedAtLowest_.clear();
-        for (auto box = owed.begin(); box + 2 * reach_ < owed.end(); ++box) {
-            owedAtLowest_.push_back(std::accumulate(box, box + 2 * reach_ + 1, 0));
-        }
-    }
-    /// Brings the number of the box's samples at the lowest leaf up to date.
-    VESTREL_KERNEL void CountLowest(const Place& place) {
-        const std::int32_t node = shape_.LeafNodeAt(0);
-        if (place.Column > first_) {
-            lowest_ += place.Come[node].Sums[0] - place.Gone[node].Sums[0];
-            return;
-        }
-        lowest_ = 0;
-        const Node* come = place.Come + node;
-        for (std::int32_t i = 0; i <= 2 * reach_; ++i, come -= shape_.Nodes()) {
-            lowest_ += come->Sums[0];
-        }
-    }
-    /// Whether a percentile found among held values is that of the values themselves: it lies
-    /// inside the window, and no running sum below the window can have reached the target, even
-    /// were all samples that leave without having come above those that have.
-    VESTREL_KERNEL bool IsSure(std::int32_t value, std::int32_t column, std::int32_t target) const {
-        return value >= leastSure_ && value <= mostSure_ &&
-               (lowIsSure_ ||
-                lowest_ + owedAtLowest_[static_cast<std::size_t>(column - first_)] < target);
-    }
-
-    template <Values Kind>
-    VESTREL_KERNEL bool RunRows(std::int32_t rows, Grid<std::int32_t>& blocks) {
-        constexpr bool shared = Kind == Values::Shared;
+    /// @tparam Shared whether leaves stand for several values
+    template <bool Shared>
+    VESTREL_KERNEL void RunRows(std::int32_t rows, Grid<std::int32_t>& blocks) {
         std::int32_t samples = -1;
         std::int32_t target = 0;
         for (std::int32_t k = 0; k < rows; ++k) {
             std::int32_t* blockRow = blocks.Row(k).data();
-            MoveTo<shared>(k);
+            MoveTo<Shared>(k);
             if (k == 0 || k == 2 * reach_) SetExcesses(k > 0);
-            if (Kind == Values::Held && k == 0) CountOwedAtLowest();
             leafSamples_.Forget();
             root_.Node = -1;
             for (Window& window : middle_) window.Node = -1;
@@ -387,19 +335,13 @@ class Strip {
                     target = RoundToNearestInt32(samples * percentile_ / 100);
                 }
                 BringTo(root_, 0, place);
-                const std::int32_t value =
-                    target > 0 ? Find<shared>(place, excess, target) : samples_.Low - 1;
-                if constexpr (Kind == Values::Held) {
-                    CountLowest(place);
-                    if (!IsSure(value, place.Column, target)) return false;
-                }
-                blockRow[place.Column] = value;
+                blockRow[place.Column] =
+                    target > 0 ? Find<Shared>(place, excess, target) : samples_.Low - 1;
                 place.Come += nodes;
                 place.Gone += nodes;
                 excess += excessNodes_;
             }
         }
-        return true;
     }
 
     const BoxSamples& samples_;
@@ -424,13 +366,6 @@ class Strip {
     Window root_;
     Window middle_[2];
     Window leafWindows_[4];
-
-    // Of samples held within a window.
-    std::int32_t leastSure_ = 0;  ///< the percentiles that cannot stand for values outside
-    std::int32_t mostSure_ = 0;
-    bool lowIsSure_ = false;  ///< nothing lies below the window
-    std::int32_t lowest_ = 0;
-    std::vector<std::int32_t> owedAtLowest_;
 };
 
 VESTREL_FOR_AVX2 void RunForAvx2(Strip& strip, std::int32_t rows, Grid<std::int32_t>& blocks) {
@@ -440,59 +375,20 @@ void RunPlainly(Strip& strip, std::int32_t rows, Grid<std::int32_t>& blocks) {
     strip.Run(rows, blocks);
 }
 
-VESTREL_FOR_AVX2 bool RunWithinForAvx2(Strip& strip, const BoxSamples& whole, std::int32_t rows,
-                                       Grid<std::int32_t>& blocks) {
-    return strip.RunWithin(whole, rows, blocks);
-}
-bool RunWithinPlainly(Strip& strip, const BoxSamples& whole, std::int32_t rows,
-                      Grid<std::int32_t>& blocks) {
-    return strip.RunWithin(whole, rows, blocks);
-}
-
-/// The samples held within a window about the percentile of some of those in the columns
-/// `first`..`end` − 1.
-BoxSamples HeldAboutPercentile(const BoxSamples& samples, double percentile, std::int32_t first,
-                               std::int32_t end) {
-    constexpr std::int32_t reach = 1023;  // many times the noise of a sky
-    constexpr std::int32_t rowStep = 47;
-    std::vector<std::int32_t> some;
-    for (std::int32_t y = 1; y < samples.Height; y += rowStep) {
-        const std::int32_t* row = samples.Values.Row(y).data();
-        for (std::int32_t i = first; i < std::min(end, (samples.Width + step - 1) / step); ++i) {
-            some.push_back(std::clamp(row[i * step] + samples.Offset, samples.Low, samples.High));
-        }
-    }
-    BoxSamples held = samples;
-    if (some.empty()) return held;
-    const double place = static_cast<double>(some.size() - 1) * percentile / 100;
-    const auto middle = some.begin() + RoundToNearestInt32(place);
-    std::nth_element(some.begin(), middle, some.end());
-    held.Low = std::max(*middle - reach, samples.Low);
-    held.High = std::min(*middle + reach, samples.High);
-    held.Darkest = std::max(held.Low, samples.Darkest);
-    held.Brightest = std::min(held.High, samples.Brightest);
-    return held;
-}
-
 }  // namespace
 
 void BoxPercentiles(const BoxSamples& samples, std::int32_t halfSize, double percentile,
                     std::int32_t first, std::int32_t end, std::int32_t rows,
                     Grid<std::int32_t>& blocks) {
-    if (TreeShape(samples.High - samples.Low + 1).Shift > 0) {
-        const BoxSamples held = HeldAboutPercentile(samples, percentile, first, end);
-        Strip strip(held, halfSize, percentile, first, end);
-        if ((HasAvx2() ? RunWithinForAvx2 : RunWithinPlainly)(strip, samples, rows, blocks)) return;
-    }
-    Strip strip(samples, halfSize, percentile, first, end);
-    (HasAvx2() ? RunForAvx2 : RunPlainly)(strip, rows, blocks);
-}
-
-std::int32_t BoxPercentileColumns(const BoxSamples& samples) {
+    if (NearPercentiles(samples, halfSize, percentile, first, end, rows, blocks)) return;
     constexpr std::int32_t cache = 512 << 10;
     const TreeShape shape(samples.High - samples.Low + 1);
     const std::int32_t columnBytes = shape.Nodes() * static_cast<std::int32_t>(sizeof(Node));
-    return std::clamp(cache / columnBytes, 48, 128);
+    const std::int32_t columns = std::clamp(cache / columnBytes, 48, BoxPercentileColumns);
+    for (; first < end; first += columns) {
+        Strip strip(samples, halfSize, percentile, first, std::min(first + columns, end));
+        (HasAvx2() ? RunForAvx2 : RunPlainly)(strip, rows, blocks);
+    }
 }
 
 }  // namespace vestrel

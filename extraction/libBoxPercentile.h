@@ -43,9 +43,7 @@ constexpr bool HasBoxPercentiles(std::int32_t halfSize) {
 /// from child to child. Each child therefore has an excess: the most by which a sum inside it can
 /// exceed the sum at its end. A child is searched when sum plus excess reaches the target.
 ///
-/// Where values spread that far, most of them are still close together (a sky with hot pixels): a
-/// strip is first tried with samples held within a window of 2047 values, which moves no percentile
-/// that lies inside it, and done again when one lies outside.
+/// Most strips need none of this, as their percentiles lie close together (`NearPercentiles`).
 ///
 /// @param rows number of rows of blocks
 /// @param blocks indexed by the column and row of the block
@@ -53,7 +51,7 @@ void BoxPercentiles(const BoxSamples& samples, std::int32_t halfSize, double per
                     std::int32_t first, std::int32_t end, std::int32_t rows,
                     Grid<std::int32_t>& blocks);
 
-/// How many columns of blocks to process in one call, so that their histograms stay in the cache.
-std::int32_t BoxPercentileColumns(const BoxSamples& samples);
+/// How many columns of blocks to process in one call.
+inline constexpr std::int32_t BoxPercentileColumns = 64;
 
 }  // namespace vestrel

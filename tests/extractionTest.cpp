@@ -4,11 +4,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 
 #include "extraction/libBackground.h"
 #include "extraction/libBrightRuns.h"
 #include "extraction/libFilter.h"
 #include "extraction/libMosaic.h"
+#include "extraction/libNearPercentiles.h"
+#include "extraction/libSlidingRows.h"
 #include "extraction/libStarDetection.h"
 #include "program/mStarExtraction.h"
 #include "tests/testSupport.h"
@@ -245,6 +248,137 @@ TEST(Background, IsThePlainProcedureUnderHotAndDarkPixels) {
             EstimateBackground(map, width, height, static_cast<std::int16_t>(half), percentile);
             ASSERT_EQ(Difference(map, plain, width, height), "")
                 << "trial " << trial << ": " << width << " x " << height << ", half-size " << half;
+        }
+    }
+}
+
+// The rows of a box at block row k, counted by following its way down: how often each is in it.
+std::map<int, int> PlainRows(int height, int reach, int k) {
+    std::map<int, int> rows;
+    for (int i = 0; i < reach && 1 + 3 * i < height; ++i) ++rows[1 + 3 * i];
+    for (int centre = 2; centre <= 3 * k - 1; centre += 3) {
+        if (centre + 3 * reach < height) ++rows[centre + 3 * reach];
+        if (centre - 3 * reach >= 0) --rows[centre - 3 * reach];
+    }
+    return rows;
+}
+
+// The net number of samples at each value, in the box about a column of blocks.
+std::map<int, int> PlainCounts(const BoxSamples& samples, int reach, int column, int k) {
+    std::map<int, int> counts;
+    for (const auto& [y, times] : PlainRows(samples.Height, reach, k)) {
+        for (int i = column - reach; i <= column + reach; ++i) {
+            if (i < 0 || 3 * i >= samples.Width) continue;
+            counts[std::clamp(samples.Values(3 * i, y) + samples.Offset, samples.Darkest,
+                              samples.Brightest)] += times;
+        }
+    }
+    return counts;
+}
+
+struct SlopingSky {
+    Image Pixels;
+    BoxSamples Samples;
+    int Reach;
+    int Columns;
+    int Rows;
+    bool TopDiffers;
+
+    SlopingSky(Random& random, int width, int height, int reach)
+        : Pixels(width, height),
+          Samples{Pixels, random.Whole(0, 40000), width, height, 0, 65535, 100, 65000},
+          Reach(reach),
+          Columns((width + 2) / 3),
+          Rows(height / 3 + 1),
+          TopDiffers(random.Whole(0, 3) == 0) {
+        const double noise = std::vector{0.0, 0.6, 8.0, 40.0}[random.Whole(0, 3)];
+        const double across = random.Between(-0.1, 0.1);  // counts per pixel
+        const double down = random.Between(-0.5, 0.5);
+        const double top = TopDiffers ? random.Between(-300, 300) : 0;
+        const int salt = random.Whole(0, 2);
+        ForPixels(width, height, [&](int x, int y) {
+            double value = 1500 + across * x + down * y + random.Normal(noise);
+            if (y < 3 * Reach) value += top;
+            if (random.Whole(0, 99) < salt) value = random.Between(0, 70000);
+            Pixels(x, y) = static_cast<int>(std::lround(value)) - Samples.Offset;
+        });
+    }
+};
+
+TEST(NearPercentiles, FollowsASlopingSkyAndIsWhatCountingEachBoxGives) {
+    Random random(20);
+    int compared = 0;
+    for (int trial = 0; trial < 24; ++trial) {
+        const int reach = std::vector{10, 10, 10, 1, 30}[trial % 5];
+        const SlopingSky sky(random, random.Whole(60, 400),
+                             trial % 4 == 0 ? random.Whole(1, 90) : random.Whole(100, 420), reach);
+        const double percentile = std::vector{50.0, 50.0, 20.0, 90.0}[random.Whole(0, 3)];
+        const int first = random.Whole(0, sky.Columns - 20);
+        const int end = std::min(first + 64, sky.Columns);
+        Grid<std::int32_t> blocks(sky.Columns, sky.Rows);
+        const VectorsForNow vectors(trial % 4 == 3);
+        const bool done =
+            NearPercentiles(sky.Samples, 3 * reach, percentile, first, end, sky.Rows, blocks);
+        // The percentiles of few samples, or of few columns, are not worth it.
+        ASSERT_TRUE(done || reach != 10 || percentile != 50 || sky.TopDiffers)
+            << "trial " << trial << ": " << sky.Samples.Width << " x " << sky.Samples.Height
+            << ", columns " << first << " to " << end << ", reach " << reach;
+        if (!done) continue;
+        ++compared;
+        for (int check = 0; check < 300; ++check) {
+            const int column = random.Whole(first, end - 1);
+            const int k =
+                check < 60 ? std::min(check, sky.Rows - 1) : random.Whole(0, sky.Rows - 1);
+            int all = 0;
+            const auto counts = PlainCounts(sky.Samples, reach, column, k);
+            for (const auto& [value, times] : counts) all += times;
+            const double target = std::nearbyint(all * percentile / 100);
+            int found = -1;  // one below the lowest value when nothing is to be reached
+            int sum = 0;
+            for (const auto& [value, times] : counts) {
+                sum += times;
+                if (found < 0 && target > 0 && sum >= target) found = value;
+            }
+            ASSERT_EQ(blocks(column, k), found)
+                << "trial " << trial << ": column " << column << ", row " << k;
+            ASSERT_EQ(SingleBox(sky.Samples, {sky.Samples.Height, reach})
+                          .Find(column, k, static_cast<int>(target)),
+                      found);
+        }
+    }
+    EXPECT_GE(compared, 5);
+}
+
+TEST(NearPercentiles, BoundsHowFarASumFallsByRowsThatLeaveWithoutHavingCome) {
+    Random random(21);
+    for (int trial = 0; trial < 12; ++trial) {
+        const int reach = trial % 3 == 0 ? 30 : 10;
+        const SlopingSky sky(random, random.Whole(30, 200), 3 * 2 * reach + 30, reach);
+        const auto falls = LargestFalls(sky.Samples, {sky.Samples.Height, reach}, 0, sky.Columns);
+        for (int column = 0; column < sky.Columns; ++column) {
+            // What remains when all rows are left out that come and leave.
+            std::map<int, int> drift;
+            for (int i = 0; i < reach; ++i) {
+                for (int x = column - reach; x <= column + reach; ++x) {
+                    if (x < 0 || x >= sky.Columns) continue;
+                    for (const int y : {1 + 3 * i, 2 + 3 * i}) {
+                        drift[std::clamp(sky.Pixels(3 * x, y) + sky.Samples.Offset, 100, 65000)] +=
+                            y % 3 == 1 ? 1 : -1;
+                    }
+                }
+            }
+            int sum = 0;
+            int most = 0;
+            int fall = 0;
+            for (const auto& [value, times] : drift) {
+                sum += times;
+                most = std::max(most, sum);
+                fall = std::max(fall, most - sum);
+            }
+            const int bound = falls[static_cast<std::size_t>(column)];
+            ASSERT_GE(bound, fall) << "trial " << trial << ", column " << column;
+            // A looser bound would be safe too, but of no use: the samples number thousands.
+            ASSERT_LE(bound, fall + (2 * reach + 1) * reach / 8) << trial << ", " << column;
         }
     }
 }

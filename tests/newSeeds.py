@@ -13,6 +13,7 @@ import sys
 # The tests that hold a plain form, and how often they must run for 200 cases.
 ORACLES = [("extractionTest", "Background.IsThePlainProcedures*", 2),
            ("extractionTest", "Background.IsThePlainProcedureUnder*", 5),
+           ("extractionTest", "NearPercentiles.*", 9),
            ("extractionTest", "GaussianFilter.IsThePlainProcedure*", 4),
            ("extractionTest", "ExtractStars.IsThePlainProcedure*", 4),
            ("matchingTest", "AlignImages.IsThePlainProcedure*", 1),
