@@ -2,6 +2,8 @@
 #include <CLI/App.hpp>
 #include <cmath>
 #include <memory>
+#include <string>
+#include <utility>
 
 #include "astro/libStrings.h"
 #include "astro/libTime.h"
@@ -49,11 +51,12 @@ void AddTableOptions(CLI::App& command, CLI::Option* table, BuildOptions& option
         ->type_name("UNIT")
         ->needs(table);
     command
-        .add_option("--table-epoch", options.Table.TableEpoch,
-                    "Epoch of the table's positions (a year), where it has none itself")
+        .add_option(
+            "--table-epoch", options.Table.TableEpoch,
+            "Epoch of the positions in tables and index files with proper motions (a year), "
+            "instead of the one that they give or that is supposed")
         ->check(CLI::Range(1800.0, 2200.0))
-        ->type_name("YEAR")
-        ->needs(table);
+        ->type_name("YEAR");
     command
         .add_option("--where", options.Where,
                     "Use only rows with COLUMN=VALUE, COLUMN<NUMBER or COLUMN>NUMBER. May be "
@@ -118,9 +121,13 @@ void AddBuildCommand(CLI::App& program, ToolExit& exitCode) {
     AddTableOptions(command, table, *options);
     AddProgressOption(command, options->Progress);
     command.callback([options, &exitCode] {
-        if (!options->Table.MagColumn.empty() && options->Tables.empty() &&
-            options->Indexes.empty()) {
-            throw ToolFailure(ToolExit::WrongUsage, "--mag-column is for --csv and --index");
+        for (const auto& [name, given] :
+             {std::pair{"--mag-column", !options->Table.MagColumn.empty()},
+              std::pair{"--table-epoch", options->Table.TableEpoch.has_value()}}) {
+            if (given && options->Tables.empty() && options->Indexes.empty()) {
+                throw ToolFailure(ToolExit::WrongUsage,
+                                  std::string(name) + " is for --csv and --index");
+            }
         }
         InterpretOptions(*options);
         RunBuild(*options);

@@ -191,14 +191,12 @@ class Build {
 
     void ReadIndex(const char* kind, const std::string& file, const std::string& magColumn) {
         OpenSource source(kind, file);
-        const IndexStars stars = ReadIndexFile(PathFromText(file), magColumn, options_.Table.Epoch,
-                                               Into(source), progress_);
+        const IndexStars stars = ReadIndexFile(
+            PathFromText(file), {magColumn, options_.Table.Epoch, options_.Table.TableEpoch},
+            Into(source), progress_);
         source.Record.Rows = stars.Count;
         source.Record.Moved = stars.Moved;
-        if (!stars.MotionColumns.empty()) {
-            Remark(source.Record.File + ": proper motions " + stars.MotionColumns +
-                   " applied from " + NumberText(IndexEpoch) + " (supposed)");
-        }
+        if (!stars.Motions.empty()) Remark(source.Record.File + ": " + stars.Motions);
         if (stars.MagColumn.empty()) {
             Remark(source.Record.File +
                    ": has no magnitudes; those given to its stars go by their rank");

@@ -7,10 +7,13 @@
 #include <numbers>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "astro/libStrings.h"
 #include "catalogtool/libFastStars.h"
 #include "catalogtool/libFitsFile.h"
+#include "catalogtool/libStarColumns.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 
@@ -21,6 +24,10 @@ namespace {
 constexpr std::size_t packedBytes = 12;  // three 32-bit integers
 constexpr std::size_t doubleBytes = 24;  // three doubles
 constexpr std::size_t rangeBytes = 8;    // a double
+
+/// The names of proper motions in surveys; upper and lower case are the same.
+constexpr std::array motionColumns = {std::pair{"pmra", "pmdec"}, std::pair{"pmra", "pmde"},
+                                      std::pair{"pm_ra", "pm_dec"}};
 
 /// The names of magnitudes in surveys, those of visual bands first.
 constexpr std::array magnitudeColumns = {"MAG_VT", "phot_g_mean_mag", "mag",  "mag_g", "VMAG",
@@ -95,6 +102,10 @@ class IndexFile : public FitsFile {
         return {};
     }
 
+    /// The name and the unit of a column, as the file has them.
+    std::string NameOf(const Column& column) { return ColumnCard("TTYPE", column); }
+    std::string UnitOf(const Column& column) { return ColumnCard("TUNIT", column); }
+
     int TableNumber(const char* column) {
         const Column found = Find(column);
         if (found.Table == 0) {
@@ -139,6 +150,16 @@ class IndexFile : public FitsFile {
     }
 
  private:
+    std::string ColumnCard(const char* keyword, const Column& column) {
+        std::array<char, FLEN_VALUE> value{};
+        int status = 0;
+        fits_movabs_hdu(Handle(), column.Table, nullptr, &status);
+        fits_read_key(Handle(), TSTRING, (keyword + std::to_string(column.Number)).c_str(),
+                      value.data(), nullptr, &status);
+        fits_clear_errmsg();
+        return status == 0 ? std::string(Trim(value.data())) : "";
+    }
+
     int tableCount_ = 0;
 };
 
@@ -257,51 +278,80 @@ class RankMagnitudes {
 /// The proper motions of an index, if it has any.
 class IndexMotions {
  public:
-    IndexMotions(IndexFile& file, std::uint64_t count)
-        : ra_(file.Find("pmra")), dec_(file.Find("pmdec")) {
+    /// @param gaia whether its magnitudes are Gaia's
+    IndexMotions(IndexFile& file, std::uint64_t count, const IndexOptions& options, bool gaia)
+        : options_(options) {
+        for (const auto& [ra, dec] : motionColumns) {
+            columns_ = {file.Find(ra), file.Find(dec), {}};
+            if (AreThere()) break;
+        }
         if (!AreThere()) return;
-        for (const IndexFile::Column& column : {ra_, dec_}) {
-            if (file.Open(column.Table).Rows != count) {
+        description_ =
+            "proper motions " + file.NameOf(columns_[0]) + ", " + file.NameOf(columns_[1]);
+        unit_ = MotionUnitOf(file.UnitOf(columns_[0]));
+        if (unit_ == 0 || MotionUnitOf(file.UnitOf(columns_[1])) != unit_) {
+            description_ += ", in units not known, were not applied";
+            columns_ = {};
+            return;
+        }
+        description_ += " applied from ";
+        if (!options.FileEpoch) columns_[2] = file.Find("ref_epoch");
+        epoch_ = options.FileEpoch.value_or(gaia ? GaiaIndexEpoch : OtherIndexEpoch);
+        if (columns_[2].Table != 0) {
+            description_ += "ref_epoch";
+        } else {
+            description_ += NumberText(epoch_);
+            if (!options.FileEpoch) {
+                description_ += " (supposed: --table-epoch YEAR says otherwise)";
+            }
+        }
+        for (const IndexFile::Column& column : columns_) {
+            if (column.Table != 0 && file.Open(column.Table).Rows != count) {
                 file.Fail("has not as many proper motions as stars");
             }
         }
     }
 
-    bool AreThere() const { return ra_.Table != 0 && dec_.Table != 0; }
+    /// What was found, in words; empty when there are none.
+    const std::string& Description() const { return description_; }
 
     /// Reads the motions of `count` rows from `row` on.
     void Read(IndexFile& file, std::uint64_t row, std::size_t count) {
-        if (!AreThere()) return;
-        const auto read = [&](const IndexFile::Column& column, std::vector<float>& values) {
-            values.resize(count);
-            file.Open(column.Table);
-            file.ReadFloats(column.Number, row, values);
-        };
-        read(ra_, motionsRa_);
-        read(dec_, motionsDec_);
+        for (std::size_t i = 0; i < columns_.size(); ++i) {
+            if (columns_[i].Table == 0) continue;
+            values_[i].resize(count);
+            file.Open(columns_[i].Table);
+            file.ReadFloats(columns_[i].Number, row, values_[i]);
+        }
     }
 
-    /// The place at an epoch of the star in a row of those read; nothing when it has no motion.
-    std::optional<SkyStar> Moved(const SkyStar& star, std::size_t i, double epoch) const {
-        if (!AreThere()) return FastStarAt(star, epoch);
-        const ProperMotion motion{static_cast<double>(motionsRa_[i]),
-                                  static_cast<double>(motionsDec_[i])};
-        const bool known =
-            std::fabs(motion.Ra) <= LargestMotion && std::fabs(motion.Dec) <= LargestMotion;
-        return known ? MovedStar(star, motion, epoch - IndexEpoch) : FastStarAt(star, epoch);
+    /// The place at the epoch of the star in a row of those read; nothing when it has no motion.
+    std::optional<SkyStar> Moved(const SkyStar& star, std::size_t i) const {
+        if (!AreThere()) return FastStarAt(star, options_.Epoch);
+        const ProperMotion motion{static_cast<double>(values_[0][i]) * unit_,
+                                  static_cast<double>(values_[1][i]) * unit_};
+        const double from = columns_[2].Table == 0 ? epoch_ : static_cast<double>(values_[2][i]);
+        const bool known = std::fabs(motion.Ra) <= LargestMotion &&
+                           std::fabs(motion.Dec) <= LargestMotion && from > 1800 && from < 2200;
+        return known ? MovedStar(star, motion, options_.Epoch - from)
+                     : FastStarAt(star, options_.Epoch);
     }
 
  private:
-    IndexFile::Column ra_;
-    IndexFile::Column dec_;
-    std::vector<float> motionsRa_;
-    std::vector<float> motionsDec_;
+    bool AreThere() const { return columns_[0].Table != 0 && columns_[1].Table != 0; }
+
+    const IndexOptions& options_;
+    std::array<IndexFile::Column, 3> columns_;  ///< motions in both directions, epoch
+    std::array<std::vector<float>, 3> values_;  ///< of the rows read
+    double unit_ = 1;                           ///< milliarcseconds per year
+    double epoch_ = 0;
+    std::string description_;
 };
 
 }  // namespace
 
-IndexStars ReadIndexFile(const std::filesystem::path& file, const std::string& magColumn,
-                         double epoch, const StarSink& sink, ProgressLine& progress) {
+IndexStars ReadIndexFile(const std::filesystem::path& file, const IndexOptions& options,
+                         const StarSink& sink, ProgressLine& progress) {
     IndexFile index(file);
     // The bytes of 0x01020304 in the order in which the writing machine stored them.
     if (index.Card("ENDIAN") != "04:03:02:01") {
@@ -320,14 +370,15 @@ IndexStars ReadIndexFile(const std::filesystem::path& file, const std::string& m
 
     IndexStars result;
     result.Count = table.Rows;
-    const IndexFile::Column column = MagnitudeColumn(index, magColumn, result.MagColumn);
+    const IndexFile::Column column = MagnitudeColumn(index, options.MagColumn, result.MagColumn);
     std::optional<RankMagnitudes> ranks;
     if (column.Table == 0) ranks.emplace(index, table.Rows);
     if (!ranks && index.Open(column.Table).Rows != table.Rows) {
         index.Fail("has not as many magnitudes as stars");
     }
-    IndexMotions motions(index, table.Rows);
-    if (motions.AreThere()) result.MotionColumns = "pmra, pmdec";
+    IndexMotions motions(index, table.Rows, options,
+                         UpperCase(result.MagColumn) == "PHOT_G_MEAN_MAG");
+    result.Motions = motions.Description();
 
     const std::string task = "Reading " + TextFromPath(file.filename());
     constexpr std::uint64_t blockRows = 65536;
@@ -353,7 +404,7 @@ IndexStars ReadIndexFile(const std::filesystem::path& file, const std::string& m
                 index.Fail("star " + std::to_string(first + i) + " is not on the unit sphere");
             }
             star.Mag = magnitudes[i];
-            const std::optional<SkyStar> moved = motions.Moved(star, i, epoch);
+            const std::optional<SkyStar> moved = motions.Moved(star, i);
             if (moved) ++result.Moved;
             sink(moved.value_or(star));
         }

@@ -61,7 +61,8 @@ std::string Listed(std::initializer_list<const char*> names) {
     return list;
 }
 
-/// The unit of a proper motion in milliarcseconds per year; 0 when it is unknown.
+}  // namespace
+
 double MotionUnitOf(const std::string& text) {
     const std::string unit = UpperCase(text);
     if (unit.empty() || unit.find("MAS") != std::string::npos) return 1;
@@ -69,8 +70,6 @@ double MotionUnitOf(const std::string& text) {
     if (unit.find("DEG") != std::string::npos) return 3.6e6;
     return 0;
 }
-
-}  // namespace
 
 bool ParseRowFilter(std::string_view text, RowFilter& filter) {
     const std::size_t at = text.find_first_of("=<>");

@@ -27,6 +27,10 @@ struct RowFilter {
 /// Reads a filter like "ruwe<1.4"; false when it is not valid. `<` and `>` need a number.
 bool ParseRowFilter(std::string_view text, RowFilter& filter);
 
+/// The unit of a proper motion, in milliarcseconds per year: 1 when the text is empty, 0 when it is
+/// not known.
+double MotionUnitOf(const std::string& text);
+
 enum class AngleUnit { Automatic, Degrees, Hours };
 
 struct StarTableOptions {

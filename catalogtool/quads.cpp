@@ -53,13 +53,16 @@ void MakeTables(const QuadOptions& options) {
     const std::vector<QuadPlan> plans = PlansFor(options.From, options.To);
     if (plans.empty()) {
         throw ToolFailure(ToolExit::WrongUsage,
-                          "there are quads for fields of " +
+                          "--from must be less than --to, and both in the range for which there "
+                          "are quads: fields of " +
                               NumberText(QuadPlans().front().SmallestDiagonal) + " to " +
                               NumberText(QuadPlans().back().LargestDiagonal) + " degrees across");
     }
     ProgressLine progress(stderr, options.Progress);
     const QuadSky sky = ReadSky(folder, plans, progress);
     const std::filesystem::path path = folder / QuadFileName;
+    std::filesystem::path overflow = path;
+    overflow += ".overflow";
     std::uint64_t quads = 0;
     try {
         QuadFileWriter writer(path, static_cast<std::uint32_t>(plans.size()));
@@ -67,7 +70,7 @@ void MakeTables(const QuadOptions& options) {
             const std::string fields = "ields of " + RoundedText(plan.SmallestDiagonal, 2) +
                                        " to " + RoundedText(plan.LargestDiagonal, 2) + " degrees";
             writer.Add(plan.SmallestDiagonal * Pi / 180, plan.LargestDiagonal * Pi / 180,
-                       BuildQuads(sky, plan, [&](int done, int total) {
+                       BuildQuads(sky, plan, overflow, [&](int done, int total) {
                            progress.Show("F" + fields, static_cast<std::uint64_t>(done),
                                          static_cast<std::uint64_t>(total), quads);
                        }));

@@ -13,7 +13,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     ProgressLine silent(stdout);
     try {
         const IndexStars result = ReadIndexFile(
-            file, "", 2026,
+            file, {"", 2026, {}},
             [&](const SkyStar& star) {
                 ++stars;
                 Require(std::isfinite(star.Ra) && std::fabs(star.Dec) < 1.6, "on the sphere");

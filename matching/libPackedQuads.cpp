@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <tuple>
+#include <utility>
 
 #include "astro/libParallel.h"
 #include "matching/libQuads.h"
@@ -47,28 +48,35 @@ std::optional<QuadEntry> QuadEntryOf(const std::array<std::uint32_t, 4>& stars,
                      shape.QuadKey, stars};
 }
 
-PackedQuads::PackedQuads(std::uint32_t starCount)
+PackedQuads::PackedQuads(std::uint32_t starCount, std::filesystem::path overflow,
+                         std::size_t mostInMemory)
     : starBits_(static_cast<unsigned int>(std::bit_width(starCount))),
       entryBytes_((cellBits + shapeBits + 4 * std::size_t{starBits_} + 7) / 8),
       inPiece_(pieceBytes / entryBytes_),
-      groups_((ShapeCells >> cellBits) + 1) {
+      groups_((ShapeCells >> cellBits) + 1),
+      store_(
+          std::make_unique<PieceStore>(inPiece_ * entryBytes_, std::move(overflow), mostInMemory)) {
     greatest_.Key = -1;
 }
 
-void PackedQuads::Append(Group& group, const QuadEntry& entry) const {
-    const std::size_t piece = group.Count / inPiece_;
-    if (piece == group.Pieces.size()) group.Pieces.emplace_back(inPiece_ * entryBytes_);
-    BitWriter bits(&group.Pieces[piece][group.Count % inPiece_ * entryBytes_]);
-    ++group.Count;
+/// Appends an entry to the open piece of a group; true when it has become full.
+bool PackedQuads::Append(Group& group, const QuadEntry& entry) const {
+    if (group.Open.empty()) group.Open.resize(inPiece_ * entryBytes_);
+    BitWriter bits(&group.Open[group.InOpen * entryBytes_]);
     bits.Put(entry.Cell & ((1U << cellBits) - 1), cellBits);
     bits.Put(entry.Shape, shapeBits);
     for (const std::uint32_t star : entry.Stars) bits.Put(star, starBits_);
     bits.End();
+    return ++group.InOpen == inPiece_;
 }
 
 void PackedQuads::Add(std::span<const QuadEntry> entries) {
     for (const QuadEntry& entry : entries) {
-        Append(groups_[entry.Cell >> cellBits], entry);
+        Group& group = groups_[entry.Cell >> cellBits];
+        if (Append(group, entry)) {
+            group.Pieces.push_back(store_->Add(group.Open));
+            group.InOpen = 0;
+        }
         if (std::tie(entry.Key, entry.Stars) > std::tie(greatest_.Key, greatest_.Stars)) {
             greatest_ = entry;
         }
@@ -76,16 +84,36 @@ void PackedQuads::Add(std::span<const QuadEntry> entries) {
 }
 
 /// The quads of a group in order, each once.
-std::vector<QuadEntry> PackedQuads::Ordered(std::size_t group) const {
+std::vector<QuadEntry> PackedQuads::Ordered(std::size_t number) const {
+    const Group& group = groups_[number];
     std::vector<QuadEntry> entries;
-    entries.reserve(groups_[group].Count);
-    for (std::size_t i = 0; i < groups_[group].Count; ++i) entries.push_back(EntryAt(group, i));
+    entries.reserve(group.Pieces.size() * inPiece_ + group.InOpen);
+    std::vector<unsigned char> piece(inPiece_ * entryBytes_);
+    for (const std::uint32_t stored : group.Pieces) {
+        store_->Read(stored, piece);
+        for (std::size_t i = 0; i < inPiece_; ++i) entries.push_back(EntryAt(number, piece, i));
+    }
+    for (std::size_t i = 0; i < group.InOpen; ++i) {
+        entries.push_back(EntryAt(number, group.Open, i));
+    }
     std::sort(entries.begin(), entries.end(), InOrder());
     const auto end =
         std::unique(entries.begin(), entries.end(),
                     [](const QuadEntry& a, const QuadEntry& b) { return !InOrder()(a, b); });
     entries.erase(end, entries.end());
     return entries;
+}
+
+/// Gives a group other quads, no more than it had, in the pieces that it has.
+void PackedQuads::Rewrite(Group& group, std::span<const QuadEntry> entries) const {
+    std::size_t full = 0;
+    group.InOpen = 0;
+    for (const QuadEntry& entry : entries) {
+        if (!Append(group, entry)) continue;
+        store_->Replace(group.Pieces[full++], group.Open);
+        group.InOpen = 0;
+    }
+    group.Pieces.resize(full);
 }
 
 void PackedQuads::Finish(const std::vector<std::uint32_t>& numbers) {
@@ -98,15 +126,13 @@ void PackedQuads::Finish(const std::vector<std::uint32_t>& numbers) {
         before[n] = static_cast<std::uint32_t>(
             std::lower_bound(entries.begin(), entries.end(), greatest_, InOrder()) -
             entries.begin());
-        groups_[n].Count = 0;
         for (QuadEntry& entry : entries) {
             for (std::uint32_t& star : entry.Stars) star = numbers[star];
             std::sort(entry.Stars.begin(), entry.Stars.end());
             farthest[n] = std::max(farthest[n], entry.Stars[3] - entry.Stars[0]);
             ++starts_[entry.Cell + 1];
-            Append(groups_[n], entry);
         }
-        groups_[n].Pieces.resize((groups_[n].Count + inPiece_ - 1) / inPiece_);
+        Rewrite(groups_[n], entries);
     });
     for (std::size_t cell = 0; cell < ShapeCells; ++cell) starts_[cell + 1] += starts_[cell];
     farthest_ = *std::max_element(farthest.begin(), farthest.end());

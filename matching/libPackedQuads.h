@@ -1,13 +1,15 @@
-// Quads on their way into a table: many millions, in as little memory as the finished table needs.
+// Quads on their way into a table: many millions, in little memory.
 //
 // A quad is packed into 14 to 19 bytes: the indices of its stars, with as many bits as they need,
 // and its shape. Quads of similar shapes are kept together from the start, so that each group can
-// be put in order alone.
+// be put in order alone. Full pieces of a group go to a file when there are many.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
+#include <memory>
 #include <optional>
 #include <span>
 #include <vector>
@@ -15,6 +17,7 @@
 #include "astro/libSphericalMath.h"
 #include "catalog/libCatalogCells.h"
 #include "matching/libBitFields.h"
+#include "matching/libPieceStore.h"
 
 namespace vestrel {
 
@@ -50,7 +53,13 @@ std::optional<QuadEntry> QuadEntryOf(const std::array<std::uint32_t, 4>& stars,
 class PackedQuads {
  public:
     /// @param starCount the indices of stars are below it
-    explicit PackedQuads(std::uint32_t starCount);
+    /// @param overflow beside this file a temporary one holds what does not fit into the memory
+    ///   allowed; empty to keep everything in memory
+    /// @param mostInMemory how many pieces of 16 KB are kept in memory beside the open ones
+    explicit PackedQuads(std::uint32_t starCount, std::filesystem::path overflow = {},
+                         std::size_t mostInMemory = 512);
+
+    // All that follow throw std::system_error when the file cannot be written or read.
 
     /// Adds entries; the same quad may come several times.
     void Add(std::span<const QuadEntry> entries);
@@ -75,37 +84,46 @@ class PackedQuads {
     /// Calls `visit(entry)` with each quad in order.
     template <typename Visit>
     void ForEach(Visit visit) const {
-        for (std::size_t group = 0; group < groups_.size(); ++group) {
-            for (std::size_t i = 0; i < groups_[group].Count; ++i) visit(EntryAt(group, i));
+        std::vector<unsigned char> piece(inPiece_ * entryBytes_);
+        for (std::size_t number = 0; number < groups_.size(); ++number) {
+            const Group& group = groups_[number];
+            for (const std::uint32_t stored : group.Pieces) {
+                store_->Read(stored, piece);
+                for (std::size_t i = 0; i < inPiece_; ++i) visit(EntryAt(number, piece, i));
+            }
+            for (std::size_t i = 0; i < group.InOpen; ++i) visit(EntryAt(number, group.Open, i));
         }
     }
 
  private:
-    /// The quads of neighbouring cells, in pieces of memory: one growing list would be copied, and
-    /// be up to twice as large as needed.
+    /// The quads of neighbouring cells.
     struct Group {
-        std::vector<std::vector<unsigned char>> Pieces;
-        std::size_t Count = 0;
+        std::vector<std::uint32_t> Pieces;  ///< full ones, by their numbers in the store
+        std::vector<unsigned char> Open;    ///< the last piece, which is being filled
+        std::size_t InOpen = 0;             ///< quads
     };
     static constexpr unsigned int cellBits = 8;  ///< a group has 256 cells
     static constexpr unsigned int shapeBits = 32;
     static constexpr std::size_t pieceBytes = std::size_t{1} << 14;
 
-    QuadEntry EntryAt(std::size_t group, std::size_t i) const {
-        BitReader bits(&groups_[group].Pieces[i / inPiece_][i % inPiece_ * entryBytes_]);
+    QuadEntry EntryAt(std::size_t group, std::span<const unsigned char> piece,
+                      std::size_t i) const {
+        BitReader bits(&piece[i * entryBytes_]);
         QuadEntry entry;
         entry.Cell = static_cast<std::uint32_t>(group << cellBits) + bits.Take(cellBits);
         entry.Shape = bits.Take(shapeBits);
         for (std::uint32_t& star : entry.Stars) star = bits.Take(starBits_);
         return entry;
     }
-    void Append(Group& group, const QuadEntry& entry) const;
+    bool Append(Group& group, const QuadEntry& entry) const;
     std::vector<QuadEntry> Ordered(std::size_t group) const;
+    void Rewrite(Group& group, std::span<const QuadEntry> entries) const;
 
     unsigned int starBits_;
     std::size_t entryBytes_;
     std::size_t inPiece_;  ///< entries
     std::vector<Group> groups_;
+    std::unique_ptr<PieceStore> store_;
     QuadEntry greatest_;  ///< the one with the greatest key so far
     std::vector<std::uint32_t> starts_ = {0};
     std::uint32_t last_ = 0;

@@ -110,11 +110,11 @@ bool AppendRest(std::FILE* file, const fs::path& path, std::size_t start) {
 FileHandle CreateNewFile(const fs::path& path) {
 #ifdef _WIN32
     // The system's C library knows no mode "x".
-    const int file = _wsopen(path.c_str(), _O_CREAT | _O_EXCL | _O_WRONLY | _O_BINARY, _SH_DENYNO,
+    const int file = _wsopen(path.c_str(), _O_CREAT | _O_EXCL | _O_RDWR | _O_BINARY, _SH_DENYNO,
                              _S_IREAD | _S_IWRITE);
-    return FileHandle(file < 0 ? nullptr : _fdopen(file, "wb"));
+    return FileHandle(file < 0 ? nullptr : _fdopen(file, "w+b"));
 #else
-    return OpenFile(path, "wbx");
+    return OpenFile(path, "w+bx");
 #endif
 }
 

@@ -271,8 +271,10 @@ class CatalogRun(unittest.TestCase):
         self.assertEqual(re.findall(r"fields of ([\d.]+) to ([\d.]+) degrees", done.stdout),
                          [("12", "18"), ("18", "20")])
         before = tables.read_bytes()
+        # A range that reaches beyond that of quads is not cut down to it.
         for low, high in ((0.05, 0.1), (20, 12), (30, 40), (15, 15), (-3, -1), ("nan", 20), ("x", 20),
-                          (12, "nan"), ("inf", "inf"), (12, "")):
+                          (12, "nan"), ("inf", "inf"), (12, ""), (0.05, 1), (0.19, 30), (18, 31),
+                          (0, 20), (12, "inf")):
             done = run("quads", "--catalog", self.catalog, "--from", low, "--to", high)
             self.assertEqual(done.returncode, WRONG_USAGE, (low, high, done.stdout))
             self.assertEqual(tables.read_bytes(), before)

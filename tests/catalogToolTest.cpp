@@ -296,11 +296,11 @@ std::string IndexFile(const std::vector<SkyStar>& stars, std::size_t magnitudes,
            Table("kdtree_data_stars", 12, positions) + Table("MAG_VT", 4, FitsPixels(-32, mags));
 }
 
-std::vector<SkyStar> ReadIndex(const fs::path& file, double epoch = 2000) {
+std::vector<SkyStar> ReadIndex(const fs::path& file, const IndexOptions& options = {}) {
     std::vector<SkyStar> stars;
     ProgressLine silent(stdout);
     ReadIndexFile(
-        file, "", epoch, [&](const SkyStar& star) { stars.push_back(star); }, silent);
+        file, options, [&](const SkyStar& star) { stars.push_back(star); }, silent);
     return stars;
 }
 
@@ -375,41 +375,87 @@ TEST(IndexFile, DoublesAreReadAndStarsWithoutMagnitudesRankedLikeTheSky) {
     EXPECT_THROW(ReadIndex(folder / "neither"), ToolFailure);
 }
 
-TEST(IndexFile, StarsWithProperMotionsAreTakenToTheEpoch) {
+/// Where a star is after its motion (arcseconds) along the tangents of the parallel and of the
+/// meridian.
+SkyStar Displaced(const SkyStar& star, double east, double north) {
+    const auto& [ra, dec, mag] = star;
+    east *= arcsecond;
+    north *= arcsecond;
+    const double x =
+        std::cos(dec) * std::cos(ra) - east * std::sin(ra) - north * std::sin(dec) * std::cos(ra);
+    const double y =
+        std::cos(dec) * std::sin(ra) + east * std::cos(ra) - north * std::sin(dec) * std::sin(ra);
+    const double z = std::sin(dec) + north * std::cos(dec);
+    return {std::atan2(y, x), std::atan2(z, std::hypot(x, y)), mag};
+}
+
+TEST(IndexFile, StarsWithProperMotionsAreTakenFromTheirOwnEpochToThatAskedFor) {
     const TemporaryFolder folder;
     const std::vector<SkyStar> stars = RandomSky(2000, 9);
     Random random(10);
     std::vector<double> motionsRa;
     std::vector<double> motionsDec;
+    std::vector<double> epochs;
     for (std::size_t i = 0; i < stars.size(); ++i) {
         motionsRa.push_back(i % 10 == 0 ? NAN : random.Normal(300));
         motionsDec.push_back(i % 10 == 5 ? 99999 : random.Normal(300));
+        epochs.push_back(i % 10 == 1 ? 0 : random.Between(1990, 2020));
     }
-    const std::string tables = Table("pmra", 4, FitsPixels(-32, motionsRa)) +
-                               Table("PMDEC", 4, FitsPixels(-32, motionsDec));
-    WriteFile(folder / "index", IndexFile(stars, stars.size()) + tables);
-    const std::vector<SkyStar> read = ReadIndex(folder / "index", 2040.5);
-    ASSERT_EQ(read.size(), stars.size());
-    for (std::size_t i = 0; i < stars.size(); ++i) {
-        const auto& [ra, dec, mag] = stars[i];
-        const bool known = i % 10 != 0 && i % 10 != 5;
-        // Straight along the tangents of the parallel and of the meridian, for 25 years.
-        const double east = known ? motionsRa[i] * 0.025 * arcsecond : 0;
-        const double north = known ? motionsDec[i] * 0.025 * arcsecond : 0;
-        const double x = std::cos(dec) * std::cos(ra) - east * std::sin(ra) -
-                         north * std::sin(dec) * std::cos(ra);
-        const double y = std::cos(dec) * std::sin(ra) + east * std::cos(ra) -
-                         north * std::sin(dec) * std::sin(ra);
-        const double z = std::sin(dec) + north * std::cos(dec);
-        const SkyStar wanted{std::atan2(y, x), std::atan2(z, std::hypot(x, y)), 0};
-        ASSERT_LT(Separation(read[i], wanted), 0.002 * arcsecond) << i;
-    }
-    // At their own epoch stars stay; fewer motions than stars are no motions.
-    EXPECT_LT(Separation(ReadIndex(folder / "index", IndexEpoch)[1], stars[1]), 0.001 * arcsecond);
+    struct Motions {
+        std::string Ra, Dec, Unit;
+        double Milliarcseconds;  ///< the unit; 0 when it is not known
+    };
+    const auto tables = [&](const Motions& names) {
+        std::string made;
+        for (const auto& [name, motions] :
+             {std::pair{names.Ra, motionsRa}, {names.Dec, motionsDec}}) {
+            std::vector<double> numbers = motions;
+            for (double& number : numbers) number /= std::max(1.0, names.Milliarcseconds);
+            std::string table = Table(name.c_str(), 4, FitsPixels(-32, numbers));
+            if (!names.Unit.empty()) {
+                std::string card = "TUNIT1  = '" + names.Unit + "'";
+                card.resize(80, ' ');
+                table.replace(table.find("END   "), 80, card);
+                table.replace(table.find(card) + 80, 3, "END");
+            }
+            made += table;
+        }
+        return made;
+    };
+    const auto check = [&](std::string file, const Motions& names,
+                           const std::optional<double>& fileEpoch, double from) {
+        file += tables(names);
+        WriteFile(folder / "index", file);
+        const std::vector<SkyStar> read = ReadIndex(folder / "index", {"", 2040.5, fileEpoch});
+        ASSERT_EQ(read.size(), stars.size());
+        for (std::size_t i = 0; i < stars.size(); ++i) {
+            const double start = from > 0 ? from : epochs[i];
+            const bool known =
+                i % 10 != 0 && i % 10 != 5 && start > 1800 && names.Milliarcseconds > 0;
+            const double seconds = known ? (2040.5 - start) / 1000 : 0;
+            const SkyStar wanted =
+                seconds == 0 ? stars[i]
+                             : Displaced(stars[i], motionsRa[i] * seconds, motionsDec[i] * seconds);
+            ASSERT_LT(Separation(read[i], wanted), 0.004 * arcsecond) << i << names.Ra;
+        }
+    };
+    const std::string other = IndexFile(stars, stars.size());
+    std::string gaia = other;
+    gaia.replace(gaia.find("'MAG_VT'"), 17, "'phot_g_mean_mag'");
+    const std::string withEpochs = Table("ref_epoch", 4, FitsPixels(-32, epochs));
+    const Motions usual{"pmra", "PMDEC", "", 1};
+    check(gaia, usual, {}, GaiaIndexEpoch);
+    check(other, usual, {}, OtherIndexEpoch);
+    check(gaia, usual, 2016, 2016);
+    check(gaia + withEpochs, usual, {}, 0);
+    check(gaia + withEpochs, usual, 2000, 2000);
+    check(other, {"pmRA", "pmDE", "arcsec/yr", 1000}, 2040, 2040);
+    check(other, {"PM_RA", "PM_DEC", "mas/yr", 1}, {}, OtherIndexEpoch);
+    check(other, {"PM_RA", "PM_DEC", "furlong", 0}, {}, OtherIndexEpoch);
+
+    // Fewer motions than stars are no motions.
     motionsRa.pop_back();
-    WriteFile(folder / "index", IndexFile(stars, stars.size()) +
-                                    Table("pmra", 4, FitsPixels(-32, motionsRa)) +
-                                    Table("pmdec", 4, FitsPixels(-32, motionsDec)));
+    WriteFile(folder / "index", other + tables(usual));
     EXPECT_THROW(ReadIndex(folder / "index"), ToolFailure);
 }
 

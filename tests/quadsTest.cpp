@@ -13,10 +13,12 @@
 #include <numeric>
 #include <set>
 #include <span>
+#include <system_error>
 #include <tuple>
 
 #include "astro/libMath.h"
 #include "catalogtool/libQuadBuilder.h"
+#include "catalogtool/libSkyFrames.h"
 #include "matching/libQuadFile.h"
 #include "matching/libQuadLookup.h"
 #include "program/mMORA.h"
@@ -134,10 +136,14 @@ TEST(PackedQuads, AreThoseAddedInOrderEachOnceWhateverTheOrderTheyCameIn) {
         std::iota(numbers.begin(), numbers.end(), 0);
         std::shuffle(numbers.begin(), numbers.end(), random.Engine());
         std::shuffle(added.begin(), added.end(), random.Engine());
-        PackedQuads packed(starCount);
+        // With few stars in memory alone, with many mostly in the file.
+        const TemporaryFolder folder;
+        const std::size_t inMemory = starCount < 3000 ? 1000 : starCount % 7;
+        PackedQuads packed(starCount, folder / "overflow", inMemory);
         const std::span<const QuadEntry> all(added);
         packed.Add(all.first(added.size() / 2));
         packed.Add(all.subspan(added.size() / 2));
+        EXPECT_EQ(std::filesystem::is_empty(folder.Path), starCount < 3000);
         packed.Finish(numbers);
 
         ASSERT_EQ(packed.Count(), plain.size());
@@ -167,6 +173,11 @@ TEST(PackedQuads, AreThoseAddedInOrderEachOnceWhateverTheOrderTheyCameIn) {
         EXPECT_EQ(packed.Last(), last);
         EXPECT_EQ(packed.Farthest(), farthest);
     }
+    const TemporaryFolder folder;
+    PackedQuads lost(4, folder / "no such folder" / "overflow", 0);
+    const std::vector<QuadEntry> many(5000);
+    EXPECT_THROW(lost.Add(many), std::system_error);
+    EXPECT_NO_THROW(PackedQuads(4).Add(many));
     PackedQuads none(0);
     none.Finish({});
     EXPECT_EQ(none.Count(), 0U);
@@ -310,6 +321,62 @@ TEST(QuadStars, AroundAPlaceAreThoseOfAScanOfTheWholeTable) {
             EXPECT_EQ(list[i].Y, plain[i].Y);
             EXPECT_EQ(list[i].Ra, plain[i].Ra);
         }
+    }
+}
+
+TEST(SkyFrames, CoverTheSkyEvenlyAndLackNoStarInsideThem) {
+    Random random(21);
+    const QuadList sky = StarsOf(9000, true, random);
+    // So wide that frames have fewer stars than the plan takes of each.
+    const QuadPlan plan = PlansFor(10, 18).front();
+    const SkyFrames frames(sky.Stars, plan);
+    std::vector<Direction> directions;
+    for (const CatalogStar& star : sky.Stars) directions.push_back(DirectionOf(PositionOf(star)));
+    std::vector<int> shown(sky.Stars.size());
+    const auto isLeft = [](const Direction& a, const Direction& b, const Direction& at) {
+        return a[0] * (b[1] * at[2] - b[2] * at[1]) + a[1] * (b[2] * at[0] - b[0] * at[2]) +
+                   a[2] * (b[0] * at[1] - b[1] * at[0]) >
+               0;
+    };
+    std::int64_t count = 0;
+    for (std::int64_t begin = 0; begin < frames.Count(); begin += 1000) {
+        frames.ForEach(begin, std::min(begin + 1000, frames.Count()), [&](const auto& stars) {
+            std::set<std::uint32_t> listed;
+            for (const StarInFrame& star : stars) {
+                ASSERT_TRUE(listed.empty() || star.Star > *listed.rbegin());
+                listed.insert(star.Star);
+                ++shown[star.Star];
+                EXPECT_EQ(star.At, directions[star.Star]);
+            }
+            ASSERT_LT(stars.size(), static_cast<std::size_t>(plan.StarsPerFrame));
+            // A star inside a triangle of the frame's stars is inside the frame.
+            if (++count % 64 != 0 || stars.size() < 3) return;
+            Direction a = stars[0].At;
+            const Direction b = stars[1].At;
+            Direction c = stars[2].At;
+            if (!isLeft(a, b, c)) std::swap(a, c);
+            for (std::uint32_t i = 0; i < directions.size(); ++i) {
+                const Direction& at = directions[i];
+                if (isLeft(a, b, at) && isLeft(b, c, at) && isLeft(c, a, at)) {
+                    ASSERT_TRUE(listed.contains(i)) << count;
+                }
+            }
+        });
+    }
+    EXPECT_EQ(count, frames.Count());
+    // How often a star is shown does not depend on where it is, at a pole or anywhere else.
+    for (const double dec : {-80.0, -40.0, 0.0, 40.0, 80.0}) {
+        double stars = 0;
+        double sum = 0;
+        for (std::size_t i = 0; i < shown.size(); ++i) {
+            const double away = std::fabs(static_cast<double>(sky.Stars[i].Dec) / degree - dec);
+            if (away > 10) continue;
+            ++stars;
+            sum += shown[i];
+            EXPECT_GE(shown[i], plan.FramesPerField / 3) << dec;
+            EXPECT_LE(shown[i], plan.FramesPerField * 2) << dec;
+        }
+        EXPECT_NEAR(sum / stars, plan.FramesPerField, 0.1 * plan.FramesPerField) << dec;
     }
 }
 
