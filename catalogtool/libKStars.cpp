@@ -1,6 +1,7 @@
 #include "catalogtool/libKStars.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -172,6 +173,13 @@ class StarMagnitude {
     const Field* blue_;
 };
 
+/// Whether a file has a name that KStars gives to star files.
+bool IsStarFileName(const fs::path& name) {
+    constexpr std::array<const char*, 4> names = {"namedstars.dat", "unnamedstars.dat",
+                                                  "deepstars.dat", "USNO-NOMAD-1e8.dat"};
+    return std::find(names.begin(), names.end(), TextFromPath(name)) != names.end();
+}
+
 bool IsOfBrightStars(const KStarsFile& file) {
     return file.Find("mag") != nullptr;
 }
@@ -184,6 +192,12 @@ std::vector<fs::path> KStarsFilesIn(const fs::path& folder) {
     for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
          entry.increment(error)) {
         if (entry->path().extension() != ".dat") continue;
+        // These are refused by name when they are damaged; of other files it is not known whether
+        // they should hold stars.
+        if (IsStarFileName(entry->path().filename())) {
+            files.push_back(entry->path());
+            continue;
+        }
         const FileHandle file = OpenFile(entry->path(), "rb");
         std::vector<char> start(startBytes + nameBytes);
         if (!file || std::fread(start.data(), 1, start.size(), file.get()) != start.size())
