@@ -21,10 +21,10 @@ inline constexpr double LargestMotion = 15000;
 /// The star moved along a great circle by a number of years, which may be negative.
 SkyStar MovedStar(const SkyStar& star, const ProperMotion& motion, double years);
 
-/// The position at an epoch (years) of one of the 203 stars to magnitude 11.6 that are known to move
-/// by more than 0.9" per year, for sources without proper motions. Such sources list these stars at
-/// their positions of 2000 or, some of the brightest and of the doubles, of 1991. Nothing unless the
-/// star lies within 3" and a magnitude of one of these positions.
+/// The position at an epoch (years) of one of the 203 stars to magnitude 11.6 that are known to
+/// move by more than 0.9" per year, for sources without proper motions. Such sources list these
+/// stars at their positions of 2000 or, some of the brightest and of the doubles, of 1991. Nothing
+/// unless the star lies within 3" and a magnitude of one of these positions.
 std::optional<SkyStar> FastStarAt(const SkyStar& star, double epoch);
 
 }  // namespace vestrel

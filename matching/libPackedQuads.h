@@ -116,7 +116,7 @@ class PackedQuads {
         return entry;
     }
     bool Append(Group& group, const QuadEntry& entry) const;
-    std::vector<QuadEntry> Ordered(std::size_t group) const;
+    std::vector<QuadEntry> Ordered(std::size_t number) const;
     void Rewrite(Group& group, std::span<const QuadEntry> entries) const;
 
     unsigned int starBits_;
