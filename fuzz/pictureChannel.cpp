@@ -26,7 +26,8 @@ class SmallPictures final : public PictureSink {  // NOLINT(*-virtual-class-dest
 
     void Start(const PictureShape& shape) override {
         constexpr std::int64_t most = 1 << 20;
-        if (shape.Width * shape.Height > most) throw DecodeFault("More than is looked at here.");
+        if (shape.Width * std::max<std::int64_t>(shape.Height, shape.Channels) > most)
+            throw DecodeFault("More than is looked at here.");
         shape_ = shape;
         builder_.Start(shape);
     }

@@ -204,7 +204,7 @@ bool PictureReceiver::Next(PictureSink& sink) {
             sink.Orientation(static_cast<int>(std::clamp<std::int64_t>(message.Number, 0, 9)));
             return true;
         case FaultMessage:
-            if (texts[0].empty()) BrokenOff();
+            if (*texts[0].c_str() == 0) BrokenOff();
             throw DecodeFault(texts[0]);
         case EndMessage:
             return false;

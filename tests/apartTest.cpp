@@ -125,6 +125,7 @@ TEST(Apart, AChildThatEndsBadlyIsAFaultAndNothingOfItStays) {
     }
     EXPECT_EQ(FaultOf([](PictureSink&) -> std::string { std::_Exit(0); }), brokenOff);
     EXPECT_EQ(FaultOf([](PictureSink&) -> std::string { throw 5; }), brokenOff);
+    EXPECT_EQ(FaultOf([](PictureSink&) { return std::string(2, '\0'); }), brokenOff);
     // It lies about its picture.
     const std::array<char, 100> row{};
     EXPECT_EQ(FaultOf([&](PictureSink& sink) {

@@ -500,6 +500,31 @@ class Solutions(DrawnSky):
         if not WINDOWS:  # which has no decoders
             self.check_other_formats(counts.clip(0, 65535).astype("uint16"), skies[0], corners)
 
+    @staticmethod
+    def write_xisf(path, rows, cards):
+        keywords = "".join(f'<FITSKeyword name="{key}" value="{value}" comment=""/>'
+                           for key, value in cards.items())
+        data = rows.astype("<u2").tobytes()
+        text = (f'<xisf version="1.0"><Image geometry="{rows.shape[1]}:{rows.shape[0]}:1" '
+                f'sampleFormat="UInt16" colorSpace="Gray" location="attachment:4096:{len(data)}">'
+                f'{keywords}</Image></xisf>').encode()
+        head = b"XISF0100" + struct.pack("<II", len(text), 0) + text
+        path.write_bytes(head.ljust(4096, b"\0") + data)
+
+    @staticmethod
+    def write_dng(path, rows):
+        """A sensor with four pixels for each one of the picture."""
+        from PIL import Image
+        from PIL.TiffImagePlugin import ImageFileDirectory_v2
+        tags = ImageFileDirectory_v2()
+        for tag, form, value in [(33421, 3, (2, 2)), (33422, 1, b"\0\1\1\2"), (50706, 1, b"\1\3\0\0"),
+                                 (50708, 2, "Maker Model"), (271, 2, "Maker"), (272, 2, "Model")]:
+            tags.tagtype[tag] = form
+            tags[tag] = value
+        Image.fromarray((rows // 4).repeat(2, 0).repeat(2, 1)).save(path, "TIFF", tiffinfo=tags)
+        grey, mosaic = (struct.pack("<HHII", 262, 3, 1, value) for value in (1, 32803))
+        path.write_bytes(path.read_bytes().replace(grey, mosaic, 1))
+
     def check_other_formats(self, counts, skies, corners):
         """The same sky in other programs' files: found by what their headers say, exported as it was."""
         from astropy.io import fits
@@ -521,22 +546,27 @@ class Solutions(DrawnSky):
         picture = Image.fromarray(counts[::-1].copy())
         picture.save(self.folder / "f.png")
         picture.save(self.folder / "f.tif", description=json.dumps(dict(hints)))
+        self.write_xisf(self.folder / "f.xisf", counts[::-1], hints)
+        self.write_dng(self.folder / "f.dng", counts[::-1])
         for name in ("f.fits.gz", "f64.fits", "f32.fits", "extension.fits", "RICE_1.fits.fz",
-                     "HCOMPRESS_1.fits.fz", "f.tif", "f.png"):
-            needed = {"f.tif": "tiff", "f.png": "png"}.get(name, "fits")
+                     "HCOMPRESS_1.fits.fz", "f.tif", "f.png", "f.xisf", "f.dng"):
+            needed = {"f.tif": "tiff", "f.png": "png", "f.xisf": "xisf", "f.dng": "raw"}.get(name, "fits")
             if needed not in os.environ.get("VESTREL_DECODERS", "fits png tiff").split():
                 continue
             with self.subTest(name):
-                given = self.search[1:] if name == "f.png" else []  # which says nothing
-                run = self.run_solver(self.folder / name, *given,
+                given = self.search[1:] if needed in ("png", "raw") else []  # which say nothing
+                run = self.run_solver(self.folder / name, *given, "--wcs",
                                       "--export", self.folder / "out.fits")
                 self.assertEqual(run.returncode, SOLVED, run.stderr)
+                beside = fits.getheader((self.folder / name).with_suffix(".wcs"))
                 with fits.open(self.folder / "out.fits") as out:
-                    sky = WCS(out[0].header).all_pix2world(corners, 1)
-                    self.assertLess(abs(sky[4] - centre).max(), 0.05 * scale)
-                    self.assertLess(abs(sky - skies).max(), scale)
+                    for header in (out[0].header, beside):
+                        sky = WCS(header).all_pix2world(corners, 1)
+                        self.assertLess(abs(sky[4] - centre).max(), 0.05 * scale)
+                        self.assertLess(abs(sky - skies).max(), scale)
                     if name != "f32.fits":
-                        self.assertLessEqual(abs(out[0].data - counts.astype(float)).max(), 1)
+                        lost = 3 if needed == "raw" else 1
+                        self.assertLessEqual(abs(out[0].data - counts.astype(float)).max(), lost)
         (self.folder / "cut.png").write_bytes((self.folder / "f.png").read_bytes()[:5000])
         run = self.run_solver("--info", self.folder / "cut.png")
         self.assertEqual((run.returncode, run.stdout), (NO_IMAGE, b""))
