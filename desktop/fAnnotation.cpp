@@ -24,13 +24,15 @@ void Annotation::Paint(QPainter& painter, const ViewGeometry& view, const QSize&
 void Annotation::PaintGrid(QPainter& painter, const ViewGeometry& view, const QSize& size,
                            const SkyGrid& grid) const {
     if (!Shows.Grid || !Stars.Map) return;
-    OverlayPainter(painter, view, size, OverlayStep::Marks, QRectF(QPointF(), size))
-        .GridLines(grid);
+    OverlayPainter over(painter, view, size, OverlayStep::Marks, QRectF(QPointF(), size));
+    over.RedOnly = RedOnly;
+    over.GridLines(grid);
 }
 
 void Annotation::PaintMarks(QPainter& painter, const ViewGeometry& view, const QSize& size,
                             const QRectF& part) const {
     OverlayPainter over(painter, view, size, OverlayStep::Marks, part);
+    over.RedOnly = RedOnly;
     PaintImageMarks(over, view);
 }
 
@@ -38,6 +40,7 @@ void Annotation::PaintLabels(QPainter& painter, const ViewGeometry& view, const 
                              const SkyGrid& grid, KeptTexts* kept) const {
     OverlayPainter over(painter, view, size, OverlayStep::Labels, QRectF(QPointF(), size));
     over.Texts = kept;
+    over.RedOnly = RedOnly;
     if (Shows.Grid && Stars.Map) over.GridLabels(grid);
     PaintImageMarks(over, view);
     over.PaintLabels();

@@ -44,6 +44,7 @@ struct Annotation {
     std::vector<ObjectOnImage> Objects;
     std::vector<MeasuredMark> Marks;
     OverlaySwitches Shows;
+    bool RedOnly = false;  ///< nothing but red will be let through
 
     /// Paints everything, in the order of the steps below.
     /// @param grid of what the view shows

@@ -368,6 +368,7 @@ void CatalogWindow::ShowRunning() {
     smallest_->setEnabled(!building && tables_->isChecked());
     largest_->setEnabled(!building && tables_->isChecked());
     stop_->setEnabled(building);
+    progress_->setVisible(building);
     if (!building && progress_->maximum() == 0) progress_->setRange(0, 100);
 }
 

@@ -183,8 +183,10 @@ OverlaySwitches ImageWindow::Switches() const {
 
 void ImageWindow::PaintOverlays(QPainter& painter) {
     const OverlaySwitches shows = Switches();
-    if (shows != annotation_.Shows) marks_.Forget();
+    const bool redOnly = IsRedOnly(palette());
+    if (shows != annotation_.Shows || redOnly != annotation_.RedOnly) marks_.Forget();
     annotation_.Shows = shows;
+    annotation_.RedOnly = redOnly;
     const ViewGeometry& view = area_->View;
     const QSize size = area_->size();
     if (shows.Grid && !skyGridFits_) {

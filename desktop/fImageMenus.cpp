@@ -89,6 +89,11 @@ void ImageWindow::BuildMenus() {
     bar_->setObjectName("tbrView");
     bar_->setMovable(false);
     bar_->setToolButtonStyle(Qt::ToolButtonTextOnly);
+    // In dark colours the style hardly shows what is on.
+    bar_->setStyleSheet(
+        "QToolButton { border: 1px solid transparent; border-radius: 3px; padding: 3px 2px; }"
+        "QToolButton:checked { border-color: palette(window-text); background: palette(base); }"
+        "QToolButton:hover, QToolButton:focus { border-color: palette(highlight); }");
     bar_->addActions({zoomIn, zoomOut, fit, whole, invert_, stretch_, magnifier_});
     bar_->addSeparator();
     bar_->addActions({extracted_, catalog_, matched_, magnitudes_, compass_, grid_, nameSwitch_});

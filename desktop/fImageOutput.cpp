@@ -159,6 +159,7 @@ void ImageWindow::WithWhole(const std::function<void(const WholePicture&)>& work
                            MarkRatio(image),
                            area_->fontInfo().pixelSize()};
         whole.Over.Shows = Switches();
+        whole.Over.RedOnly = false;
         whole.Shown = ShownSizeOf(image);
         whole.View.SetWindow(whole.Shown.Width / whole.Ratio, whole.Shown.Height / whole.Ratio);
         whole.View.SetImage(image);

@@ -256,7 +256,7 @@ void SolveWindow::ShowTrust() {
     if (offers) why = "Nothing was found from these starting values.";
     const QString cause = QtText(state_.Display.Cause);
     if (state_.Running == Activity::None && !cause.isEmpty()) why = cause;
-    trustWhyLabel_->ShowText(why);
+    trustWhyLabel_->setText(why);
     trustLabel_->setVisible(trust.Level != TrustLevel::None);
     trustWhyLabel_->setVisible(!why.isEmpty());
     offerButton_->setVisible(offers);

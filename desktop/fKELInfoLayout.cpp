@@ -41,6 +41,7 @@ void SolveWindow::BuildControls() {
     inputs->addWidget(BuildSearchLimit());
     inputs->addSpacing(closeLines);
     inputs->addLayout(BuildCommands());
+    inputs->addWidget(BuildCountdown());
     inputs->addStretch();
 
     using Display = SolveDisplay;
@@ -75,9 +76,10 @@ void SolveWindow::BuildControls() {
     columns->addLayout(inputs, 0);
     columns->addLayout(outcome, 1);
     auto* rows = new QVBoxLayout(central);
+    const QMargins margins = rows->contentsMargins();
+    rows->setContentsMargins(margins.left(), closeLines, margins.right(), closeLines);
     rows->addWidget(BuildImageName());
     rows->addLayout(columns, 1);
-    rows->addWidget(BuildCountdown());
     // On small screens or with large fonts it scrolls.
     auto* scroll = new QScrollArea;
     scroll->setFrameShape(QFrame::NoFrame);
@@ -174,7 +176,7 @@ QLayout* SolveWindow::BuildCommands() {
         AddButton("cmdMatch", "Plate &Match", "Attempt a plate match", [this] { Match(); });
     startWidgets_.push_back(match);
     stopButton_ =
-        AddButton("cmdStop", "&Stop Search", "Stop the Current Search", [this] { Stop(); });
+        AddButton("cmdStop", "S&top Search", "Stop the Current Search", [this] { Stop(); });
     QPushButton* image =
         AddButton("cmdImage", "Show &Image", "Display the image", [this] { Bring(imageWindow_); });
     QPushButton* parameters =
@@ -275,7 +277,7 @@ QGroupBox* SolveWindow::BuildStatus() {
     details_->setPlaceholderText("What a solve saw is told here.");
     // It takes the remaining space.
     details_->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Ignored);
-    details_->setMinimumHeight(QFontMetrics(details_->font()).lineSpacing() * 3);
+    details_->setMinimumHeight(QFontMetrics(details_->font()).lineSpacing() * 2);
 
     auto* lines = new QHBoxLayout;
     lines->setSpacing(16);
@@ -284,6 +286,7 @@ QGroupBox* SolveWindow::BuildStatus() {
     lines->addStretch();
     lines->addWidget(busyBar_);
     auto* layout = new QVBoxLayout(group);
+    layout->setSpacing(closeLines);
     layout->addLayout(lines);
     layout->addWidget(stageLabel_);
     layout->addLayout(BuildTrust());

@@ -43,7 +43,7 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
     QLineEdit* folder = AddText(form, "txtCatalogFolder", "Catalog &folder",
                                 QtText(TextFromPath(state.Catalog.Folder)), "catalog", {choose});
     QLineEdit* telescope =
-        AddText(form, "txtTelescope", "T&elescope", "indi://localhost:7624/Telescope Simulator",
+        AddText(form, "txtTelescope", "Tele&scope", "indi://localhost:7624/Telescope Simulator",
                 "telescope", {devices, test});
     form->addRow({}, telescope_);
     longitude_ = AddText(form, "txtLongitude", "&Longitude, degrees east", "from the time zone",
@@ -60,7 +60,7 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
     theme_->setCurrentIndex(qMax(0, theme_->findData(QtText(PreferenceOf(state, "theme")))));
     connect(theme_, &QComboBox::activated, this,
             [this](int index) { Keep("theme", theme_->itemData(index).toString()); });
-    form->addRow("Co&lours", theme_);
+    form->addRow("Colo&urs", theme_);
     telescope_->setObjectName("lblTelescopeTest");
     telescope_->setTextFormat(Qt::PlainText);
     telescope_->setWordWrap(true);
@@ -101,7 +101,7 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
     // The box would leave out a button of its own.
     setTabOrder(catalog_, build);
     setTabOrder(build, buttons->button(QDialogButtonBox::Close));
-    resize(fontMetrics().averageCharWidth() * 90, sizeHint().height());
+    resize(fontMetrics().averageCharWidth() * 110, sizeHint().height());
     ShowCatalog();
     ShowFault();
 }

@@ -115,18 +115,28 @@ void SolutionsWindow::SolveFolder(const QString& folder) {
     const std::vector<std::string> paths = PicturesIn(Utf8(folder));
     wanted_ = static_cast<int>(paths.size());
     done_ = 0;
+    solved_ = 0;
     if (paths.empty()) told_->setText("There is no picture in " + folder);
     if (!paths.empty()) told_->setText("Solving the pictures of " + folder);
     const auto last = paths.empty() ? std::string() : paths.back();
     solver_ = std::make_unique<BackgroundSolver>(
         state_.Parameters, state_.Catalog.Folder, paths,
-        [this, last, run = run_](const SolvedPicture& picture) {
+        [this, folder, last, run = run_](const SolvedPicture& picture) {
             // Passes the result from the solver's thread to that of the windows.
             QMetaObject::invokeMethod(
                 this,
-                [this, picture, run, ends = picture.Path == last || picture.Failure == "Stopped"] {
-                    if (run == run_) ++done_;
-                    if (run == run_ && ends) wanted_ = done_;
+                [this, picture, folder, run,
+                 ends = picture.Path == last || picture.Failure == "Stopped"] {
+                    if (run == run_) {
+                        ++done_;
+                        solved_ += picture.Solution ? 1 : 0;
+                    }
+                    if (run == run_ && ends) {
+                        told_->setText(
+                            QString("Solved %1 of the %2 pictures of %3")
+                                .arg(QString::number(solved_), QString::number(wanted_), folder));
+                        wanted_ = done_;
+                    }
                     Add(picture);
                 },
                 Qt::QueuedConnection);

@@ -46,6 +46,7 @@ class SolutionsWindow : public QDialog {
     std::vector<SolvedPicture> pictures_;
     int wanted_ = 0;
     int done_ = 0;
+    int solved_ = 0;
     int run_ = 0;  ///< counts the folders; results of an earlier one may still come
     std::unique_ptr<BackgroundSolver> solver_;
 };

@@ -66,7 +66,7 @@ StatsWindow::StatsWindow(ProgramState& state, QWidget* parent)
     layout->addWidget(text_, 3);
     layout->addWidget(profile_, 2);
     layout->addWidget(buttons);
-    resize(metrics.averageCharWidth() * 64, 760);
+    resize(metrics.averageCharWidth() * 68, 760);
     WithoutDefaultButtons(*this);
     Clear();
 }

@@ -51,6 +51,11 @@ QPointF OverlayPainter::At(const PixelPoint& place) const {
     return {point.X, point.Y};
 }
 
+QColor OverlayPainter::Shown(const QColor& colour) const {
+    // Without this, green and blue would be next to black.
+    return RedOnly ? QColor(colour.value(), colour.value(), colour.value()) : colour;
+}
+
 bool OverlayPainter::Shows(const QPointF& point, double margin) const {
     return QRectF(QPointF(), size_).adjusted(-margin, -margin, margin, margin).contains(point);
 }
@@ -78,7 +83,7 @@ void OverlayPainter::Stroke(QPainter& painter, const QPainterPath& path, const Q
 
 void OverlayPainter::StrokeMark(const QPainterPath& path, const QColor& colour) {
     if (step_ == OverlayStep::Marks && IsInPart(path.boundingRect())) {
-        Stroke(painter_, path, colour);
+        Stroke(painter_, path, Shown(colour));
     }
 }
 
@@ -118,7 +123,8 @@ QPainterPath OverlayPainter::PathOf(Shape shape, const QPointF& middle, double r
 }
 
 void OverlayPainter::PutStamp(const PixelPoint& place, Shape shape, double radius,
-                              const QColor& colour) {
+                              const QColor& ofMark) {
+    const QColor colour = Shown(ofMark);
     const QPointF at = At(place);
     const double half = radius + rimReach;
     if (step_ == OverlayStep::Labels) {
@@ -169,7 +175,7 @@ void OverlayPainter::Aperture(const PixelPoint& place, double imageRadius, const
     QPainterPath path;
     path.addEllipse(At(place), radius, radius);
     if (IsInPart(path.boundingRect())) {
-        Stroke(painter_, path, colour, 1.5, dashed ? Qt::DashLine : Qt::SolidLine);
+        Stroke(painter_, path, Shown(colour), 1.5, dashed ? Qt::DashLine : Qt::SolidLine);
     }
 }
 
@@ -195,7 +201,7 @@ void OverlayPainter::AddLabel(const ScreenPoint& mark, double radius, bool fixed
     const QFontMetricsF metrics(painter_.font());
     const LabelWish wish{mark, radius, WidthOf(text) + 2,
                          metrics.capHeight() + metrics.descent() + 2, fixed};
-    labels_.push_back({wish, text, colour, worth});
+    labels_.push_back({wish, text, Shown(colour), worth});
 }
 
 void OverlayPainter::PaintLabels() {
@@ -214,7 +220,9 @@ void OverlayPainter::PaintLabels() {
 }
 
 void OverlayPainter::GridLines(const SkyGrid& grid) {
-    painter_.setPen(QPen(QColor(GridColour.red(), GridColour.green(), GridColour.blue(), 150), 1));
+    QColor colour = Shown(GridColour);
+    colour.setAlpha(150);
+    painter_.setPen(QPen(colour, 1));
     for (const GridLine& line : grid.Lines) {
         for (const auto& piece : line.Pieces) painter_.drawPath(PathThrough(piece));
     }

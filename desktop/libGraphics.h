@@ -57,6 +57,7 @@ class OverlayPainter {
                    const QRectF& part);
 
     KeptTexts* Texts = nullptr;  ///< where labels are kept from one painting to the next
+    bool RedOnly = false;        ///< nothing but red will be let through: colours become greys
 
     void Circle(const PixelPoint& place, double radius, const QColor& colour);
     /// A circle whose radius is in image pixels.
@@ -88,7 +89,7 @@ class OverlayPainter {
         QImage Picture;
     };
     static QPainterPath PathOf(Shape shape, const QPointF& middle, double radius);
-    void PutStamp(const PixelPoint& place, Shape shape, double radius, const QColor& colour);
+    void PutStamp(const PixelPoint& place, Shape shape, double radius, const QColor& ofMark);
 
     struct PendingLabel {
         LabelWish Wish;
@@ -99,6 +100,7 @@ class OverlayPainter {
     void AddLabel(const ScreenPoint& mark, double radius, bool fixed, const QString& text,
                   const QColor& colour, LabelWorth worth);
 
+    QColor Shown(const QColor& colour) const;
     bool Shows(const QPointF& point, double margin) const;
     bool IsInPart(const QRectF& box) const;
     QPointF At(const PixelPoint& place) const;

@@ -284,14 +284,14 @@ void ElidedLabel::paintEvent(QPaintEvent* /*event*/) {
                      fontMetrics().elidedText(text(), Qt::ElideMiddle, contentsRect().width()));
 }
 
-void WholeLabel::ShowText(const QString& text) {
-    setText(text);
-    setMinimumHeight(qMax(0, heightForWidth(width())));
+WholeLabel::WholeLabel() {
+    setWordWrap(true);
+    setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
 }
 
 void WholeLabel::resizeEvent(QResizeEvent* event) {
     QLabel::resizeEvent(event);
-    setMinimumHeight(qMax(0, heightForWidth(width())));
+    if (event->oldSize().width() != width()) updateGeometry();
 }
 
 WindowPort::~WindowPort() {

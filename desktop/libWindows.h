@@ -109,11 +109,17 @@ class ElidedLabel : public QLabel {
 /// A wrapped text that a layout gives as much height as it needs.
 class WholeLabel : public QLabel {
  public:
-    WholeLabel() { setWordWrap(true); }
-    void ShowText(const QString& text);
+    WholeLabel();
+    QSize sizeHint() const override { return OfText(QLabel::sizeHint()); }
+    QSize minimumSizeHint() const override { return OfText(QLabel::minimumSizeHint()); }
+    // Layouts that know of it keep the height of another width or of an earlier text.
+    bool hasHeightForWidth() const override { return false; }
 
  protected:
     void resizeEvent(QResizeEvent* event) override;
+
+ private:
+    QSize OfText(const QSize& hint) const { return {hint.width(), heightForWidth(width())}; }
 };
 
 /// The port of the desktop program: message boxes and file dialogs over its main window.

@@ -5,8 +5,10 @@
 #include <QGroupBox>
 #include <QLineEdit>
 #include <QMainWindow>
+#include <QMenuBar>
 #include <QScrollArea>
 #include <QScrollBar>
+#include <QToolButton>
 #include <cmath>
 #include <map>
 #include <set>
@@ -111,6 +113,37 @@ TEST_F(Access, TheTabKeyReachesEveryControlOfEveryWindow) {
     EXPECT_GT(reached, 70u);
 }
 
+TEST_F(Access, NoTwoControlsOfAWindowHaveTheSameKey) {
+    std::size_t keys = 0;
+    for (QWidget* window : All()) {
+        std::map<QChar, QString> taken;
+        const auto take = [&](const QString& text) {
+            const QKeySequence key = QKeySequence::mnemonic(text);
+            if (key.isEmpty()) return;
+            ++keys;
+            const QString name = key.toString();
+            const auto [place, isNew] = taken.try_emplace(name.back(), text);
+            EXPECT_TRUE(isNew) << NameOf(window) << ": " << Utf8(place->second) << " and "
+                               << Utf8(text);
+        };
+        for (const QWidget* control : window->findChildren<QWidget*>()) {
+            if (control->window() != window) continue;
+            const auto* label = dynamic_cast<const QLabel*>(control);
+            if (label != nullptr && label->buddy() != nullptr) take(label->text());
+            const auto* button = dynamic_cast<const QAbstractButton*>(control);
+            // Those of a tool bar are in the menus.
+            const bool inBar = control->parentWidget()->inherits("QToolBar");
+            if (button != nullptr && !inBar) take(button->text());
+            const auto* group = dynamic_cast<const QGroupBox*>(control);
+            if (group != nullptr) take(group->title());
+            const auto* bar = dynamic_cast<const QMenuBar*>(control);
+            if (bar == nullptr) continue;
+            for (const QAction* menu : bar->actions()) take(menu->text());
+        }
+    }
+    EXPECT_GT(keys, 50u);
+}
+
 TEST_F(Access, OnASmallScreenNothingIsCutOffAndTheStatusIsSeenWithoutScrolling) {
     for (QWidget* window : All()) {
         window->resize(window->size().boundedTo(smallScreen));
@@ -140,6 +173,89 @@ TEST_F(Access, OnASmallScreenNothingIsCutOffAndTheStatusIsSeenWithoutScrolling) 
     ASSERT_NE(scroll, nullptr);
     EXPECT_FALSE(scroll->verticalScrollBar()->isVisible());
     EXPECT_FALSE(scroll->horizontalScrollBar()->isVisible());
+    // Nor after a search that found nothing, or while the program counts down.
+    TypeSearch("60 00 00", "2");
+    Press("cmdMatch");
+    Find<QWidget>("chkKeep")->parentWidget()->show();
+    QCoreApplication::processEvents();
+    for (const char* name : {"lblStatus", "lblTrustWhy", "cmdOffer", "txtDetails", "chkKeep"}) {
+        const auto* control = Find<QWidget>(name);
+        EXPECT_EQ(control->visibleRegion().boundingRect(), control->rect()) << name;
+    }
+    EXPECT_FALSE(scroll->verticalScrollBar()->isVisible())
+        << scroll->verticalScrollBar()->maximum() << " " << Shown("lblTrustWhy");
+    // All switches of the image have their place.
+    QWidget* image = WindowNamed("fImage");
+    image->resize(900, 500);
+    QCoreApplication::processEvents();
+    for (const QAbstractButton* button : image->findChildren<QToolButton*>()) {
+        if (button->text().isEmpty()) continue;
+        EXPECT_EQ(button->visibleRegion().boundingRect(), button->rect()) << Utf8(button->text());
+    }
+}
+
+TEST_F(Access, WhatLiesOverTheImageIsSeenInRedToo) {
+    All();
+    SetPreference(*State, "theme", "night");
+    Window->ApplySettings();
+    QCoreApplication::processEvents();
+    QWidget* image = WindowNamed("fImage");
+    auto* area = image->findChild<QWidget*>("picImage");
+    const std::vector<const char*> overlays = {"mnuExtracted", "mnuCatalog", "mnuMatched",
+                                               "mnuGrid",      "mnuNames",   "mnuCompass"};
+    const auto show = [&](const char* name, bool on) {
+        image->findChild<QAction*>(name)->setChecked(on);
+    };
+    show("mnuMagnitudes", true);
+    for (const char* name : overlays) show(name, false);
+    const QImage plain = area->grab().toImage();
+    for (const char* name : overlays) {
+        show(name, true);
+        const QImage over = area->grab().toImage();
+        double best = 1;
+        for (int y = 0; y < plain.height(); ++y) {
+            for (int x = 0; x < plain.width(); ++x) {
+                const QRgb colour = over.pixel(x, y);
+                if (colour == plain.pixel(x, y)) continue;
+                EXPECT_LE(std::max(qGreen(colour), qBlue(colour)), qRed(colour) / 3 + 2) << name;
+                best = std::max(best, Contrast(colour, plain.pixel(x, y)));
+            }
+        }
+        const bool isThere = std::string(name) != "mnuNames";  // none is in this field
+        EXPECT_TRUE(best >= 4.5 || !isThere) << name << " " << best;
+        show(name, false);
+    }
+    // What is exported is for the day.
+    Dialogs.FileToChoose = QtText((Folder / "whole.png").string());
+    show("mnuMatched", true);
+    image->findChild<QAction*>("mnuExportPicture")->trigger();
+    const QImage exported(Dialogs.FileToChoose);
+    int green = 0;
+    for (int y = 0; y < exported.height(); ++y) {
+        for (int x = 0; x < exported.width(); ++x) {
+            const QRgb colour = exported.pixel(x, y);
+            green += qGreen(colour) > qRed(colour) + 60 ? 1 : 0;
+        }
+    }
+    EXPECT_GT(green, 100);
+    ApplyTheme("");
+}
+
+TEST_F(Access, ATextIsAsHighAsItsLinesWhateverWasThereBefore) {
+    Window->OpenFile(Frame);
+    const auto* why = Find<QLabel>("lblTrustWhy");
+    const auto* details = Find<QWidget>("txtDetails");
+    TypeSearch("60 00 00", "2");
+    for (const char* dec : {"00 34 00", "60 00 00", "00 34 00"}) {
+        Press("cmdMatch");
+        QCoreApplication::processEvents();
+        EXPECT_EQ(why->height(), why->heightForWidth(why->width())) << dec;
+        // Nothing is between it and the details but the usual space.
+        const int below = why->mapTo(Window.get(), QPoint(0, why->height())).y();
+        const int button = Find<QWidget>("cmdResiduals")->height();
+        EXPECT_LT(details->mapTo(Window.get(), QPoint()).y() - below, button) << dec;
+        TypeSearch(dec, "2");
+    }
 }
 
 TEST_F(Access, WhatIsWrittenIsReadableInEveryTheme) {
