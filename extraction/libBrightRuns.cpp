@@ -18,11 +18,15 @@ struct BrightPixel {
 VESTREL_KERNEL void ListBrightPixels(const Grid<std::int32_t>& pixels, std::int32_t firstColumn,
                                      std::int32_t columns, std::int32_t height, std::int32_t level,
                                      std::vector<BrightPixel>& list) {
-    constexpr std::int32_t look = 64;  // values compared before the first branch
+    constexpr std::int32_t look = 64;       // values compared before the first branch
+    constexpr std::int32_t cacheLine = 16;  // values
     for (std::int32_t y = 0; y < height; ++y) {
         const std::int32_t* row = pixels.Row(y).data() + firstColumn;
+        // The next row lies too far away for the processor to expect it.
+        const std::int32_t* next = pixels.Row(y + 1).data() + firstColumn;
         for (std::int32_t x0 = 0; x0 < columns; x0 += look) {
             const std::int32_t end = std::min(x0 + look, columns);
+            for (std::int32_t x = x0; x < end; x += cacheLine) __builtin_prefetch(next + x);
             if (end - x0 == look) {
                 std::int32_t above = 0;
                 for (std::int32_t i = 0; i < look; ++i) above |= row[x0 + i] > level ? 1 : 0;

@@ -1,6 +1,7 @@
 #include "extraction/libStarDetection.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <limits>
 #include <optional>
@@ -61,7 +62,9 @@ class SkySamples {
           firstX_(First(border.X)),
           firstY_(First(border.Y)),
           lastX_(Last(image.Width, border.X)),
-          lastY_(Last(image.Height, border.Y)) {}
+          lastY_(Last(image.Height, border.Y)) {
+        CountValues();
+    }
 
     /// Sums over the samples of at most `limit` (counts).
     Sums SumsUpTo(double limit) const {
@@ -78,59 +81,89 @@ class SkySamples {
         return std::min(size - border, size);
     }
 
-    /// Sums of whole numbers.
-    struct WholeSums {
-        std::int64_t Count = 0;
-        std::int64_t Values = 0;
-        std::uint64_t Squares = 0;
-    };
-    static constexpr std::uint64_t exactLimit = std::uint64_t{1} << 53;
-    static constexpr std::int64_t largestValue = 1 << 20;
+    /// How often each value occurs, so that the image is read once for all sums.
+    struct ValueCounts {
+        static constexpr std::int64_t Range = 65536;
+        std::vector<std::uint32_t> Counts = std::vector<std::uint32_t>(Range, 0);
+        std::uint64_t Bits = 0;             ///< all values above this number's are without samples
+        std::vector<std::int64_t> Outside;  ///< values below 0, or `Range` and more
 
-    /// The sums as whole numbers, by bands of rows in parallel. Below 2^53 every order of adding
-    /// gives the same 64-bit float, so the result equals `SumsInOrder`. Nothing when they are
-    /// larger.
-    std::optional<Sums> ExactSums(double limit) const {
-        constexpr std::int64_t rowsPerBand = 64;
-        const std::int64_t rows = lastY_ < firstY_ ? 0 : (lastY_ - firstY_) / 3 + 1;
-        std::vector<WholeSums> sums(
-            static_cast<std::size_t>((rows + rowsPerBand - 1) / rowsPerBand));
-        // Samples are whole numbers, so the limit can be rounded down.
-        const std::int64_t whole = limit < static_cast<double>(largestValue)
-                                       ? static_cast<std::int64_t>(std::floor(limit))
-                                       : largestValue;
-        ParallelFor(static_cast<int>(sums.size()), [&](int band) {
-            const std::int64_t first = firstY_ + 3 * rowsPerBand * band;
-            sums[static_cast<std::size_t>(band)] =
-                SumsOfRows(first, std::min(first + 3 * rowsPerBand - 1, lastY_), whole);
-        });
-        WholeSums all;
-        for (const WholeSums& band : sums) {
-            all.Count += band.Count;
-            all.Values += band.Values;
-            all.Squares += band.Squares;
-            if (all.Squares >= exactLimit) return std::nullopt;
+        void Add(std::int64_t value) {
+            if (value < 0 || value >= Range) {
+                Outside.push_back(value);
+                return;
+            }
+            ++Counts[static_cast<std::size_t>(value)];
+            Bits |= static_cast<std::uint64_t>(value);
         }
-        return Sums{all.Count, static_cast<double>(all.Values), static_cast<double>(all.Squares)};
+        void Add(const ValueCounts& other) {
+            Bits |= other.Bits;
+            for (std::size_t value = 0; value < std::bit_ceil(other.Bits + 1); ++value) {
+                Counts[value] += other.Counts[value];
+            }
+            Outside.insert(Outside.end(), other.Outside.begin(), other.Outside.end());
+        }
+    };
+
+    void CountValues() {
+        // Each piece has counters of its own, so it must be large enough to be worth them.
+        constexpr std::int64_t samplesPerPiece = 1 << 17;
+        constexpr std::int64_t mostPieces = 8;
+        if (lastX_ < firstX_ || lastY_ < firstY_) return;
+        const std::int64_t rows = (lastY_ - firstY_) / 3 + 1;
+        const std::int64_t samples = rows * ((lastX_ - firstX_) / 3 + 1);
+        counts_.resize(static_cast<std::size_t>(
+            std::clamp(samples / samplesPerPiece, std::int64_t{1}, mostPieces)));
+        const auto pieces = static_cast<std::int64_t>(counts_.size());
+        ParallelFor(static_cast<int>(pieces), [&](int piece) {
+            ValueCounts& counts = counts_[static_cast<std::size_t>(piece)];
+            const std::int64_t end = rows * (piece + 1) / pieces;
+            for (std::int64_t row = rows * piece / pieces; row < end; ++row) {
+                const auto y = static_cast<std::int32_t>(firstY_ + 3 * row);
+                const std::int32_t* pixels = image_.Pixels.Row(y).data();
+                for (std::int64_t x = firstX_; x <= lastX_; x += 3) {
+                    counts.Add(std::int64_t{pixels[x]} + image_.DataOffset);
+                }
+            }
+        });
+        for (std::size_t piece = 1; piece < counts_.size(); ++piece) {
+            counts_.front().Add(counts_[piece]);
+        }
+        counts_.resize(1);
     }
 
-    /// The sums over some rows; `Squares` is `exactLimit` when a value is too large.
-    WholeSums SumsOfRows(std::int64_t firstY, std::int64_t lastY, std::int64_t limit) const {
-        WholeSums sums;
-        for (std::int64_t y = firstY; y <= lastY; y += 3) {
-            const std::int32_t* row = image_.Pixels.Row(static_cast<std::int32_t>(y)).data();
-            bool tooLarge = false;
-            for (std::int64_t x = firstX_; x <= lastX_; x += 3) {
-                const std::int64_t v = std::int64_t{row[x]} + image_.DataOffset;
-                tooLarge |= v > largestValue || v < -largestValue;
-                const std::int64_t taken = v <= limit ? 1 : 0;
-                sums.Count += taken;
-                sums.Values += taken * v;
-                sums.Squares += static_cast<std::uint64_t>(taken * v * v);
-            }
-            if (tooLarge || sums.Squares >= exactLimit) return {0, 0, exactLimit};
+    /// The sums as whole numbers. Below 2^53 every order of adding gives the same 64-bit float, so
+    /// the result equals `SumsInOrder`. Nothing when they are larger.
+    std::optional<Sums> ExactSums(double limit) const {
+        constexpr std::uint64_t exactLimit = std::uint64_t{1} << 53;
+        constexpr std::int64_t largestValue = 1 << 20;
+        if (counts_.empty()) return Sums{};
+        const ValueCounts& counts = counts_.front();
+        // Samples are whole numbers, so the limit can be rounded down.
+        const std::int64_t whole =
+            limit < static_cast<double>(largestValue)
+                ? static_cast<std::int64_t>(std::max(std::floor(limit), -1.0 * largestValue))
+                : largestValue;
+        std::int64_t count = 0;
+        std::int64_t values = 0;
+        std::uint64_t squares = 0;
+        const auto add = [&](std::int64_t value, std::int64_t times) {
+            count += times;
+            values += times * value;
+            squares += static_cast<std::uint64_t>(times * value * value);
+        };
+        // No more than 2^31 samples of 2^16 have squares of less than 2^63.
+        const auto end = static_cast<std::int64_t>(std::bit_ceil(counts.Bits + 1));
+        for (std::int64_t value = 0; value < std::min(whole + 1, end); ++value) {
+            add(value, counts.Counts[static_cast<std::size_t>(value)]);
         }
-        return sums;
+        for (const std::int64_t value : counts.Outside) {
+            if (value > largestValue || value < -largestValue) return std::nullopt;
+            if (value <= whole) add(value, 1);
+            if (squares >= exactLimit) return std::nullopt;
+        }
+        if (squares >= exactLimit) return std::nullopt;
+        return Sums{count, static_cast<double>(values), static_cast<double>(squares)};
     }
 
     Sums SumsInOrder(double limit) const {
@@ -155,6 +188,7 @@ class SkySamples {
     std::int64_t firstY_;
     std::int64_t lastX_;
     std::int64_t lastY_;
+    std::vector<ValueCounts> counts_;  ///< one, when there are samples
 };
 
 // ---- Detection ---------------------------------------------------------------------------------
