@@ -126,8 +126,10 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     CLI::App app(description, "vestrel-solve");
     app.allow_windows_style_options(false);  // a path may begin with "/" there too
     app.footer(ExitCodeText() + closing);
-    app.set_version_flag("--version", std::string("vestrel-solve ") + VESTREL_VERSION + "\nReads " +
-                                          ReadableFormats());
+    // Finding the formats loads the decoders, which takes longer than all else before a solve.
+    app.set_version_flag("--version", [] {
+        return std::string("vestrel-solve ") + VESTREL_VERSION + "\nReads " + ReadableFormats();
+    });
     std::string argument;
     std::string ra;
     std::string dec;

@@ -4,10 +4,10 @@
 #include <cmath>
 #include <cstdint>
 #include <exception>
-#include <memory>
 #include <new>
 #include <stdexcept>
 #include <variant>
+#include <vector>
 
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
@@ -138,10 +138,23 @@ bool ReadHeader(std::FILE* file, ImageHeader& header, ReadFailure& failure) {
     return true;
 }
 
-/// The bytes of the rows that are not yet used. `Take` throws when too few are left.
+/// The bytes of the rows that are not yet used. They are read in pieces, which stay in the cache.
+/// The last byte of the last row counts as 0 when only that is missing.
 class RowBytes {
  public:
-    RowBytes(const std::uint8_t* bytes, std::size_t count) : next_(bytes), left_(count) {}
+    /// @param longestRow bytes
+    RowBytes(std::FILE* file, std::size_t longestRow)
+        : file_(file), longestRow_(longestRow), buffer_(std::max(pieceBytes, longestRow + 1)) {}
+
+    /// Reads on where less than a row is left.
+    void BeginRow() {
+        if (left_ >= longestRow_ || atEnd_) return;
+        std::copy_n(next_, left_, buffer_.begin());
+        next_ = buffer_.data();
+        left_ += std::fread(buffer_.data() + left_, 1, buffer_.size() - 1 - left_, file_);
+        atEnd_ = left_ + 1 < buffer_.size();
+        if (atEnd_) buffer_[left_++] = 0;
+    }
     const std::uint8_t* Take(std::size_t count) {
         if (count > left_) throw std::runtime_error("the file ends before the last row");
         const std::uint8_t* taken = next_;
@@ -155,8 +168,14 @@ class RowBytes {
     }
 
  private:
-    const std::uint8_t* next_;
-    std::size_t left_;
+    static constexpr std::size_t pieceBytes = std::size_t{256} << 10;
+
+    std::FILE* file_;
+    std::size_t longestRow_;
+    std::vector<std::uint8_t> buffer_;
+    const std::uint8_t* next_ = nullptr;
+    std::size_t left_ = 0;
+    bool atEnd_ = false;
 };
 
 /// Converts a compressed row. @return the bytes used
@@ -181,6 +200,7 @@ std::size_t ReadCompressedRow(RowBytes& bytes, std::int32_t* row, std::int32_t w
 
 bool ReadRows(RowBytes bytes, PlateImage& image, const Progress& progress, ReadFailure& failure) {
     for (std::int32_t y = 0; y < image.Height; ++y) {
+        bytes.BeginRow();
         const std::int32_t length = bytes.Take16();
         std::int32_t* row = image.Pixels.Row(y).data();
         if (length == 2 * image.Width) {
@@ -197,29 +217,20 @@ bool ReadRows(RowBytes bytes, PlateImage& image, const Progress& progress, ReadF
     return true;
 }
 
-bool ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
-                const Progress& progress, ReadFailure& failure) {
+bool ReadPixels(std::FILE* file, PlateImage& image, const Progress& progress,
+                ReadFailure& failure) {
     ImageHeader& header = image.Header;
     if (header.NAxis1 < 0 || header.NAxis2 < 0) {
         throw std::range_error("a negative size: Width = " + std::to_string(header.NAxis1) +
                                ", Height = " + std::to_string(header.NAxis2));
     }
-    // Reads at once what the rows can need at most: a length, and an escape sequence for each
-    // pixel.
-    const std::size_t longestRow = 2 + 3 * (static_cast<std::size_t>(header.NAxis1) + 1);
-    const std::size_t longest = std::min(static_cast<std::size_t>(fileLength),
-                                         longestRow * static_cast<std::size_t>(header.NAxis2));
-    const auto data = std::make_unique_for_overwrite<std::uint8_t[]>(longest + 1);
-    // The last byte of the last row counts as 0 when only that is missing.
-    const std::size_t read = std::fread(data.get(), 1, longest, file);
-    data[read] = 0;
-    const std::size_t held = read + 1;
-
     if (!RoundToInt16(header.Pedestal - pedestalReduction, header.Pedestal)) {
         throw std::range_error("a value that is too small: Pedestal");
     }
     StartPixels(image, offset);
-    return ReadRows({data.get(), held}, image, progress, failure);
+    // A length, and an escape sequence for each pixel.
+    const std::size_t longestRow = 2 + 3 * (static_cast<std::size_t>(header.NAxis1) + 1);
+    return ReadRows({file, longestRow}, image, progress, failure);
 }
 
 }  // namespace
@@ -245,7 +256,7 @@ bool ReadSbigFile(const std::filesystem::path& path, PlateImage& image, const Pr
         header.DataMax = 65535;
         header.NAxis = 2;
         header.Simple = true;
-        return ReadPixels(file.get(), fileLength, image, progress, failure);
+        return ReadPixels(file.get(), image, progress, failure);
     } catch (const std::bad_alloc&) {
         failure = {generalFailure, DefaultTitle, "there is not enough memory for it"};
         return false;

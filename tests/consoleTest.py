@@ -156,6 +156,13 @@ vestrel-catalog makes one. %VESTREL_THREADS% limits the threads; %VESTREL_TRY_HA
         self.assertRegex(self.run_solver("--version").stdout,
                          rb"^vestrel-solve \d+\.\d+\.\d+\nReads FITS, SBIG, JPEG")
 
+    @unittest.skipIf(WINDOWS, "its loader does not tell what it loads")
+    def test_no_decoder_is_loaded_that_a_picture_does_not_need(self):
+        run = subprocess.run([*SOLVER, "--info", self.frame()], capture_output=True, check=True,
+                             env=dict(self.environment, LD_DEBUG="files"))
+        self.assertIn(b"libc.so", run.stderr)  # the loader does tell
+        self.assertNotIn(b"decode-", run.stderr)
+
     def test_negative_angles_are_values_and_no_options(self):
         frame = self.frame()
         for declination in ("-05:23:00", "-5.4", "-.5", "-00:00:30"):

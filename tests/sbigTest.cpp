@@ -75,7 +75,7 @@ TEST(Sbig, WhatACameraWritesIsReadBack) {
     Reader reader;
     Random random(5);
     int files = 0;
-    for (const auto& [width, height] : {std::pair{1, 1}, {2, 1}, {37, 45}, {500, 3}}) {
+    for (const auto& [width, height] : {std::pair{1, 1}, {2, 1}, {37, 45}, {500, 3}, {900, 350}}) {
         for (const std::string lineEnd : {"\n\r", "\r\n", " \n\r", "\r"}) {
             // Calm rows compress, noisy ones escape, wild ones stay raw.
             std::string rows;
