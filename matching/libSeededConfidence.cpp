@@ -23,19 +23,20 @@ void AddSeed(MatchEvidence& evidence, const PlateConstants& plate, const PlateSt
 
 }  // namespace
 
-SeededJudge::SeededJudge(const ImageStars& image)
-    : image_(image), field_(ObservedStars(image.Stars()), image.Width(), image.Height()) {
+SeededJudge::SeededJudge(const ImageStars& image, const SeedSettings& settings)
+    : image_(image),
+      settings_(settings),
+      field_(ObservedStars(image.Stars()), image.Width(), image.Height()) {
     field_.KeepDensities();
 }
 
 MatchConfidence SeededJudge::Judge(const MatchedPlate& match, const PlateStarList& catalog,
                                    double trials, double plates) const {
-    const SeedSettings usual;
     MatchEvidence evidence = EvidenceOf(match.Plate, catalog, {}, image_.Width(), image_.Height());
     evidence.Field = &field_;
     evidence.CountOnlyIfSure = true;
-    evidence.SearchedCatalog = std::min(usual.CatalogSeeds, catalog.Count());
-    evidence.SearchedImage = std::min(usual.ImageSeeds, image_.Count());
+    evidence.SearchedCatalog = std::min(settings_.CatalogSeeds, catalog.Count());
+    evidence.SearchedImage = std::min(settings_.ImageSeeds, image_.Count());
     evidence.Trials = trials;
     const MatchConfidence confidence = ConfidenceOf(evidence);
     if (IsSure(confidence) || plates <= 0) return confidence;

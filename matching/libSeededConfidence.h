@@ -10,9 +10,10 @@ namespace vestrel {
 class SeededJudge {
  public:
     /// @param image the list that the plates are matched with; must outlive this
-    explicit SeededJudge(const ImageStars& image);
+    /// @param settings those of the match, for the numbers of its seeds
+    explicit SeededJudge(const ImageStars& image, const SeedSettings& settings = {});
 
-    /// Judges a refined plate by all stars, as if any two pairs of the usual seeds could have given
+    /// Judges a refined plate by all stars, as if any two pairs of the seeds could have given
     /// it. When the result is not sure, the plate is judged by its own seed and charged for the
     /// plates that were actually tried, which suits images with few stars. Stars are counted only
     /// when the plate is sure.
@@ -26,6 +27,7 @@ class SeededJudge {
 
  private:
     const ImageStars& image_;
+    SeedSettings settings_;
     ObservedField field_;
 };
 

@@ -11,12 +11,25 @@
 
 namespace vestrel {
 
+namespace {
+
+/// The largest area of a circle of seeds, in areas of the field; that of the circle about 16 : 9.
+constexpr double mostArea = 1.84;
+
+double AreaOfCircleAbout(double width, double height) {
+    return Pi / 4 * (width * width + height * height) / (width * height);
+}
+
+}  // namespace
+
 double RoughTolerance(const PlateImage& image) {
     return std::max(3.0, 0.005 * std::max(image.Width, image.Height));
 }
 
-SeedSettings SettingsOf(const SeedAttempt& attempt, const PlateImage& image, double diagonal) {
-    const double scale = diagonal * ArcsecondsPerRadian / std::hypot(image.Width, image.Height);
+SeedSettings SettingsOf(const SeedAttempt& attempt, const PlateImage& image, double width,
+                        double height) {
+    const double scale =
+        std::hypot(width, height) * ArcsecondsPerRadian / std::hypot(image.Width, image.Height);
     SeedSettings settings;
     settings.SmallestScale = scale / (1 + attempt.SizeError);
     settings.LargestScale = scale * (1 + attempt.SizeError);
@@ -25,6 +38,11 @@ SeedSettings SettingsOf(const SeedAttempt& attempt, const PlateImage& image, dou
         settings.TriedLargest = scale * (1 + attempt.Tried);
     }
     settings.Tolerance = RoughTolerance(image);
+    if (attempt.AlongStrip) {
+        // As many in the strip as in other fields.
+        settings.CatalogSeeds = static_cast<std::int32_t>(
+            settings.CatalogSeeds * AreaOfCircleAbout(width, height) / mostArea);
+    }
     return settings;
 }
 
@@ -34,9 +52,13 @@ double InnerSide(double width, double height) {
     return std::max(part * std::min(width, height), stripPart * std::sqrt(width * height));
 }
 
-double SeedRadius(double width, double height) {
-    constexpr double mostArea = 1.84;  // of the circle, in areas of the field; that of 16 : 9
-    return std::min(std::hypot(width, height) / 2, std::sqrt(mostArea * width * height / Pi));
+bool IsStrip(double width, double height) {
+    return AreaOfCircleAbout(width, height) > mostArea;
+}
+
+double SeedRadius(const SeedAttempt& attempt, double width, double height) {
+    if (attempt.AlongStrip || !IsStrip(width, height)) return std::hypot(width, height) / 2;
+    return std::sqrt(mostArea * width * height / Pi);
 }
 
 PlateStarList CatalogAbout(ProgramState& state, SkyPosition centre, double radius) {

@@ -24,11 +24,15 @@ struct SeedAttempt {
     /// Around a centre that is right the first regions have it; where it is wrong, every further
     /// one only costs time.
     std::int32_t MostRegions;
+    /// Takes seeds from the whole circle about a strip, most of which lies outside: when the middle
+    /// of the strip has too few stars. Other fields have no such attempt.
+    bool AlongStrip = false;
 };
 inline constexpr std::int32_t NearRegions = 9;
 inline constexpr std::array SeedAttempts{
     SeedAttempt{"seeds", StarSource::Peaks, 0.08, 0, std::numeric_limits<std::int32_t>::max()},
     SeedAttempt{"even seeds", StarSource::EvenPeaks, 0.08, 0, NearRegions},
+    SeedAttempt{"seeds along a strip", StarSource::Peaks, 0.08, 0, NearRegions, true},
     SeedAttempt{"seeds of other sizes", StarSource::Peaks, 0.35, 0.08, NearRegions},
     SeedAttempt{"even seeds of other sizes", StarSource::EvenPeaks, 0.35, 0.08, NearRegions},
 };
@@ -53,18 +57,22 @@ inline constexpr std::array QuadAttempts{
 /// The tolerance of a plate from few stars, pixels: distortion of the lens is not in it.
 double RoughTolerance(const PlateImage& image);
 
-/// The scales and the tolerance of an attempt.
-/// @param diagonal of the field that is given, radians
-SeedSettings SettingsOf(const SeedAttempt& attempt, const PlateImage& image, double diagonal);
+/// The scales, the tolerance and the seeds of an attempt on a field with these sides (radians), as
+/// given.
+SeedSettings SettingsOf(const SeedAttempt& attempt, const PlateImage& image, double width,
+                        double height);
 
 /// The side of the square for which the plain search is repeated, because its circle of catalog
 /// stars lies inside a field with these sides (radians). A strip has too few stars in a circle of
 /// its short side, so there the circle is wider.
 double InnerSide(double width, double height);
 
+/// Whether the circle about a field with these sides is too large for its shape.
+bool IsStrip(double width, double height);
+
 /// The radius of the circle whose brightest stars form seeds, for a field with these sides
 /// (radians): half the diagonal. A smaller one for strips, as most of such a circle lies outside.
-double SeedRadius(double width, double height);
+double SeedRadius(const SeedAttempt& attempt, double width, double height);
 
 /// The catalog stars that an image about a centre may show, brightest first, on the solver's plane.
 /// `radius` is half the image's diagonal, radians.

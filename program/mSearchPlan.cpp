@@ -140,6 +140,7 @@ class Plan {
         return !hint.Briefly &&
                std::any_of(SeedAttempts.begin(), SeedAttempts.end(), [&](const auto& attempt) {
                    return !MustEnd() && !SameSeeds(attempt) &&
+                          (!attempt.AlongStrip || IsStrip(hint.Width, hint.Height)) &&
                           Try(attempt.Name, [&] { return SeededSearch(attempt, hint); });
                });
     }
@@ -212,11 +213,12 @@ class Plan {
         if (stars.Count() < SeedAttempt::FewestStars) return false;
         const PlateImage& image = state_.Image;
         const ImageStars places(stars, image.Width, image.Height);
-        const SeededJudge judge(places);
-        SeededRegions search(judge,
-                             SettingsOf(attempt, image, std::hypot(hint.Width, hint.Height)));
+        const SeedSettings settings = SettingsOf(attempt, image, hint.Width, hint.Height);
+        const SeededJudge judge(places, settings);
+        SeededRegions search(judge, settings);
 
-        const double radius = SeedRadius(hint.Width, hint.Height) * (1 + attempt.SizeError / 2);
+        const double radius =
+            SeedRadius(attempt, hint.Width, hint.Height) * (1 + attempt.SizeError / 2);
         const double step = std::min(hint.Width, hint.Height) / 2.5 * SolveArcsecondsPerRadian;
         Projection grid;
         grid.SetProjectionCentre(hint.Centre, SolveArcsecondsPerRadian);

@@ -40,7 +40,8 @@ def skip_or_fail(test, reason):
     test.skipTest(reason)
 
 
-SOLVED, TOO_FEW_STARS, USAGE, NO_MATCH, STOPPED, NO_IMAGE, BAD_NAME, NO_CATALOG, NOT_WRITTEN = range(9)
+SOLVED, TOO_FEW_STARS, USAGE, NO_MATCH, STOPPED, NO_IMAGE, BAD_NAME, NO_CATALOG, NOT_WRITTEN, \
+    NOT_SURE = range(10)
 
 
 def setUpModule():
@@ -403,6 +404,28 @@ class Plan(DrawnSky):
             ra, dec, code = result.read_bytes().split(b"\r\n")[0].split(b",")
             self.assert_centre(math.degrees(float(ra)), math.degrees(float(dec)))
             self.assertEqual(code, b"1")
+
+    def test_a_match_by_chance_is_a_candidate_but_a_parameter_string_takes_it(self):
+        other = self.frame()  # stars that are in no catalog
+        careless = ["--match-divisor", 3000, "--match-tolerance", 0.05, "--max-error", 100,
+                    "--max-geometric-error", 0.9]
+        search = [other, *self.search[1:5], "--size", "60x60", "--regions", 9, *careless]
+        run = self.run_solver(*search, "--json", "--wcs")
+        report = json.loads(run.stdout)
+        self.assertEqual((run.returncode, report["exit_code"], report["code"], report["solved"]),
+                         (NOT_SURE, NOT_SURE, -1, False))
+        self.assertNotIn("ra_deg", report)
+        self.assertGreater(report["candidate"]["confidence"]["log10_false_alarm"], -6)
+        self.assertLess(abs(report["candidate"]["dec_deg"] - self.DEC), 2)
+        self.assertFalse(other.with_suffix(".wcs").exists())
+        self.assertEqual([attempt["sure"] for attempt in report["attempts"]],
+                         [False] * len(report["attempts"]))
+        run = self.run_solver(*search)
+        self.assertEqual((run.returncode, run.stdout), (NOT_SURE, b""))
+        numbers = ",".join(repr(math.radians(x)) for x in (self.RA, self.DEC, 1, 1))
+        run = self.run_solver(f"{numbers},9,{other}", *careless)
+        self.assertEqual(run.returncode, SOLVED)
+        self.assertIn(b",1\r\n", other.with_suffix(".kel").read_bytes())
 
     def test_a_bundle_repeats_a_solve_and_a_failure_without_picture_and_catalog(self):
         elsewhere = [*self.search[:2], self.RA + 0.9, "--dec", self.DEC, "--size", "20x15", "--regions", "1"]

@@ -145,6 +145,59 @@ TEST_F(PlanOfASmallSky, GivenStarsAreThoseOfTheSolutionAndOnlyTheBrightestAreUse
     EXPECT_EQ(State.Display.Status1.Text, "Insufficient Plate Stars");
 }
 
+TEST_F(PlanOfASmallSky, AStripIsFoundByStarsAtItsEnds) {
+    constexpr int length = 1800;
+    constexpr int breadth = 200;
+    Random random(57);
+    SearchRequest request;
+    request.Around = {Hint(away)};
+    SearchHint& hint = request.Around[0];
+    hint.Width = length * scale / SolveArcsecondsPerRadian;
+    hint.Height = breadth * scale / SolveArcsecondsPerRadian;
+    Projection plane;
+    plane.SetProjectionCentre(hint.Centre, SolveArcsecondsPerRadian);
+    std::vector<CatalogStar> catalog;
+    std::vector<PlateStar> seen;
+    const auto add = [&](double x, double y) {
+        const auto [ra, dec] = plane.PlaneToSky(x * scale, y * scale);
+        catalog.push_back({static_cast<float>(ra), static_cast<float>(dec),
+                           static_cast<std::int16_t>(random.Whole(900, 1100))});
+    };
+    for (const double end : {-1.0, 1.0}) {
+        for (int i = 0; i < 4; ++i) {
+            const double x = end * random.Between(0.35, 0.49) * length;
+            const double y = random.Between(-0.45, 0.45) * breadth;
+            add(x, y);
+            seen.push_back({static_cast<float>(length / 2.0 + x + random.Normal(0.2)),
+                            static_cast<float>(breadth / 2.0 + y + random.Normal(0.2))});
+        }
+    }
+    while (catalog.size() < 60) {
+        const double x = random.Between(-0.5, 0.5) * length;
+        const double y = random.Between(-0.5, 0.5) * length;
+        if (std::fabs(y) > breadth && std::hypot(x, y) < length / 2.0) add(x, y);
+    }
+    for (int i = 0; i < 12; ++i) {
+        const auto x = static_cast<float>(random.Between(0, length));
+        seen.push_back({x, static_cast<float>(random.Between(0, breadth))});
+    }
+    std::stable_sort(catalog.begin(), catalog.end(),
+                     [](const CatalogStar& a, const CatalogStar& b) { return a.Mag < b.Mag; });
+    State.Catalog = {};
+    State.Catalog.Folder = Folder / "strip catalog";
+    WriteCatalog(State.Catalog.Folder, catalog);
+    State.Image = EmptyImage(length, breadth, 0);
+    request.Stars.emplace();
+    for (PlateStar star : seen) {
+        star.Flux = 1000;
+        request.Stars->Add(star);
+    }
+    ASSERT_EQ(Solve(request), SolveCode::Solved);
+    EXPECT_EQ(Report.SolvedBy, "seeds along a strip");
+    EXPECT_NEAR(State.Solution->CentreRA, hint.Centre.Ra, 2 * scale / SolveArcsecondsPerRadian);
+    EXPECT_NEAR(State.Solution->CentreDec, hint.Centre.Dec, 2 * scale / SolveArcsecondsPerRadian);
+}
+
 TEST_F(PlanOfASmallSky, FewStarsAreNotTriedAgainInAnotherOrder) {
     Random random(56);
     for (const auto& [stars, attempts] : {std::pair(40, 4U), std::pair(41, 6U)}) {
