@@ -1,9 +1,10 @@
 // Raw pictures of cameras, by LibRaw: the counts of the sensor, not developed into colours. Two by
-// two pixels become one, so that each contains all colours of the mosaic.
+// two pixels become one, or three by three, so that each contains all colours of the mosaic.
 #include <libraw/libraw.h>
 
 #include <algorithm>
 #include <ctime>
+#include <iterator>
 #include <memory>
 #include <vector>
 
@@ -62,6 +63,57 @@ CameraFacts FactsOf(const LibRaw& raw, std::span<const unsigned char> file) {
     return facts;
 }
 
+/// The cells of a mosaic that become one pixel.
+struct Cells {
+    std::size_t Side = 2;
+    std::size_t Left = 0;  ///< columns and rows before the first cell
+    std::size_t Top = 0;
+};
+
+/// Whether cells of three by three pixels, so many columns and rows from the start of a pattern of
+/// six by six, all hold the same colours.
+bool SameColours(const char (&pattern)[6][6], std::size_t left, std::size_t top) {
+    int counts[4][3] = {};  // how often each colour is in each of four cells
+    for (std::size_t y = 0; y < 6; ++y) {
+        for (std::size_t x = 0; x < 6; ++x) {
+            const auto colour = static_cast<unsigned char>(pattern[(top + y) % 6][(left + x) % 6]);
+            ++counts[y / 3 * 2 + x / 3][std::min<int>(colour, 2)];
+        }
+    }
+    return std::all_of(std::begin(counts), std::end(counts), [&](const int(&cell)[3]) {
+        return std::equal(std::begin(cell), std::end(cell), std::begin(counts[0]));
+    });
+}
+
+/// A pattern of two by two pixels needs cells of this size, wherever they begin. Of one of six by
+/// six, cells of three by three hold the same colours when they begin at the right place; smaller
+/// ones do not, and the sky would be a pattern brighter than faint stars.
+Cells CellsOf(const libraw_iparams_t& camera) {
+    constexpr unsigned sixBySix = 9;  // as the library says it
+    Cells cells;
+    if (camera.filters != sixBySix) return cells;
+    cells.Side = 3;
+    for (std::size_t n = 0; n < 9; ++n) {
+        if (!SameColours(camera.xtrans, n % 3, n / 3)) continue;
+        cells.Left = n % 3;
+        cells.Top = n / 3;
+        break;
+    }
+    return cells;
+}
+
+/// The sums of a row of cells that begins with this pixel.
+template <std::size_t Side>
+void AddCells(const unsigned short* first, std::size_t stride, std::vector<float>& row) {
+    for (std::size_t x = 0; x < row.size(); ++x) {
+        int sum = 0;
+        for (std::size_t j = 0; j < Side; ++j) {
+            for (std::size_t i = 0; i < Side; ++i) sum += first[j * stride + Side * x + i];
+        }
+        row[x] = static_cast<float>(sum);
+    }
+}
+
 }  // namespace
 
 void DecodeRaw(std::span<const unsigned char> file, PictureSink& sink) {
@@ -85,12 +137,15 @@ void DecodeRaw(std::span<const unsigned char> file, PictureSink& sink) {
     if (mosaic == nullptr) {
         throw DecodeFault("It holds colours rather than a sensor's mosaic: convert it to TIFF.");
     }
-    const std::size_t left = sizes.left_margin;
-    const std::size_t top = sizes.top_margin;
+    const Cells cells = CellsOf(raw->imgdata.idata);
+    const std::size_t side = cells.Side;
+    const std::size_t left = sizes.left_margin + cells.Left;
+    const std::size_t top = sizes.top_margin + cells.Top;
     const std::size_t stride = sizes.raw_pitch / sizeof(unsigned short);
-    const std::size_t width = sizes.width / 2U;
-    const std::size_t height = sizes.height / 2U;
-    if (left + 2 * width > stride || top + 2 * height > sizes.raw_height || width == 0 ||
+    const std::size_t width = (sizes.width - std::min<std::size_t>(cells.Left, sizes.width)) / side;
+    const std::size_t height =
+        (sizes.height - std::min<std::size_t>(cells.Top, sizes.height)) / side;
+    if (left + side * width > stride || top + side * height > sizes.raw_height || width == 0 ||
         height == 0) {
         throw DecodeFault("Its picture does not lie on its sensor.");
     }
@@ -98,16 +153,19 @@ void DecodeRaw(std::span<const unsigned char> file, PictureSink& sink) {
                 SampleKind::Float32, 16, true});
     std::vector<float> row(width);
     for (std::size_t y = 0; y < height; ++y) {
-        const unsigned short* upper = mosaic + (top + 2 * y) * stride + left;
-        const unsigned short* lower = upper + stride;
-        for (std::size_t x = 0; x < width; ++x) {
-            row[x] = static_cast<float>(upper[2 * x] + upper[2 * x + 1] + lower[2 * x] +
-                                        lower[2 * x + 1]);
+        const unsigned short* first = mosaic + (top + side * y) * stride + left;
+        if (side == 2) {
+            AddCells<2>(first, stride, row);
+        } else {
+            AddCells<3>(first, stride, row);
         }
         sink.Row(static_cast<std::int64_t>(y), row.data());
     }
     PassCameraFacts(FactsOf(*raw, file), static_cast<std::int64_t>(std::max(width, height)), sink);
-    sink.Remark("Two by two pixels of the sensor became one: the scale is twice the sensor's.");
+    sink.Remark(
+        side == 2 ? "Two by two pixels of the sensor became one: the scale is twice the sensor's."
+                  : "Three by three pixels of the sensor became one: the scale is three times the "
+                    "sensor's.");
 }
 
 }  // namespace vestrel

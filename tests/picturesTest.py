@@ -244,6 +244,23 @@ def lossless_jpeg(mosaic, components, bits=14):
     return (b"\xff\xd8" + table + segment(0xC3, frame) + segment(0xDA, scan) + packed + b"\xff\xd9")
 
 
+XTRANS = np.array([list("GBGGRG"), list("RGRBGB"), list("GBGGRG"), list("GRGGBG"), list("BGBRGR"), list("GRGGBG")])
+
+
+def raf(mosaic, height, width):
+    """As Fujifilm's cameras write it, with a sensor of which so many pixels see light."""
+    info = exif([(0x10F, 2, b"FUJIFILM\0"), (0x110, 2, b"X-T1\0")], [(0x829A, 5, [5, 2])])
+    entries = [(0x100, struct.pack(">HH", *mosaic.shape)), (0x121, struct.pack(">HH", height, width)),
+               (0x130, bytes([0, 8])), (0x131, bytes("RGB".index(c) for c in reversed(XTRANS.ravel())))]
+    sensor = struct.pack(">I", len(entries))
+    sensor += b"".join(struct.pack(">HH", tag, len(data)) + data for tag, data in entries)
+    pixels = mosaic.astype("<u2").tobytes()
+    head = b"FUJIFILMCCD-RAW 0201FF383501X-T1".ljust(84, b"\0")
+    head += struct.pack(">6I", 512, len(info) + 12, 160, len(sensor), 2048, len(pixels))
+    preview = b"\xff\xd8\xff\xe1\0\x99Exif\0\0" + info
+    return ((head.ljust(160, b"\0") + sensor).ljust(512, b"\0") + preview).ljust(2048, b"\0") + pixels
+
+
 def library(name):
     found = ctypes.util.find_library(name)
     return ctypes.CDLL(found) if found else None
@@ -777,6 +794,27 @@ class Pictures(unittest.TestCase):
         cards = self.cards_of(shown["pairs.cr2"])
         self.assertIn("EOS 5D Mark II", cards["INSTRUME"])
         self.assertEqual([float(cards[key]) for key in ("EXPTIME", "ISOSPEED", "FOCALLEN")], [2.5, 1600, 135])
+
+    @unittest.skipUnless("raw" in DECODERS, "a build without this decoder")
+    def test_raw_of_a_pattern_of_six_by_six_shows_a_flat_sky_wherever_the_pattern_begins(self):
+        height, width = 120, 132
+        colours = np.tile(XTRANS, (height // 6, width // 6))
+        mosaic = np.choose((colours == "R") + 2 * (colours == "B"), [900, 400, 300])
+        mosaic[60:63, 66:69] += 100  # a star, within one cell of those that begin with the sensor
+        table = {f"{n}.raf": (raf(mosaic, height - 4 * (n % 4), width - 4 * (n // 4)), n) for n in range(16)}
+        shown = self.read({name: data for name, (data, _) in table.items()})
+        for name, (_, n) in table.items():
+            with self.subTest(name):
+                counts = shown[name]["counts"]
+                # LibRaw leaves out up to four rows and columns more.
+                rows, columns = (height - 4 * (n % 4)) // 3, (width - 4 * (n // 4)) // 3
+                self.assertTrue(rows - 2 <= counts.shape[0] <= rows and columns - 2 <= counts.shape[1] <= columns)
+                self.assertEqual(shown[name]["factor"], 1)
+                light = counts - (5 * 900 + 2 * 400 + 2 * 300)
+                self.assertEqual(light.sum(), 900)
+                self.assertEqual(light.min(), 0)
+                self.assertIn((light > 0).sum(), (1, 2, 4))
+                self.assertIn("three times", " ".join(shown[name]["remarks"]))
 
     @unittest.skipUnless("raw" in DECODERS, "a build without this decoder")
     def test_raw_that_is_not_supported_says_so_and_what_to_do(self):
