@@ -44,6 +44,10 @@ struct QuadAttempt {
     std::int32_t FirstStars;  ///< how many stars lead quads in narrow fields; three times as many
                               ///< in wide ones
     std::int32_t LookedUp;    ///< how many of these led quads in an earlier attempt
+    /// Whether quads are looked up in the table of the next smaller narrow fields. A field at the
+    /// lower end of its band has few frames in its own table that lie inside it, and the larger
+    /// ones show bright stars that it lacks. Of frames inside it, it shows all stars.
+    bool InSmallerFields = false;
 };
 inline constexpr std::array QuadAttempts{
     QuadAttempt{"quads of peaks", StarSource::Peaks, 10, 0},
@@ -52,6 +56,7 @@ inline constexpr std::array QuadAttempts{
     QuadAttempt{"more quads of peaks", StarSource::Peaks, 20, 10},
     QuadAttempt{"more quads", StarSource::Extracted, 20, 10},
     QuadAttempt{"more quads of even peaks", StarSource::EvenPeaks, 20, 10},
+    QuadAttempt{"quads of smaller fields", StarSource::Peaks, 20, 0, true},
 };
 
 /// The tolerance of a plate from few stars, pixels: distortion of the lens is not in it.

@@ -296,7 +296,9 @@ class Plan {
         const SeededJudge judge(places);
         return std::any_of(bands.begin(), bands.end(), [&](const QuadBand& band) {
             if (MustEnd()) return false;
-            if (!OpenQuadBand(state_, band)) {
+            const QuadBand* table = attempt.InSmallerFields ? NextSmaller(band, bands) : &band;
+            if (table == nullptr) return false;
+            if (!OpenQuadBand(state_, *table)) {
                 quadFault_ = state_.Quads.Fault;
                 return false;
             }
@@ -308,6 +310,14 @@ class Plan {
             settings.LookedUp = more * attempt.LookedUp;
             return LookUpBand(judge, settings);
         });
+    }
+
+    /// The narrow band that ends where a narrow band begins; null when there is none.
+    static const QuadBand* NextSmaller(const QuadBand& band, const std::vector<QuadBand>& bands) {
+        const auto found = std::find_if(bands.begin(), bands.end(), [&](const QuadBand& other) {
+            return other.LargestDiagonal == band.SmallestDiagonal;
+        });
+        return IsNarrowBand(band) && found != bands.end() ? &*found : nullptr;
     }
 
     bool LookUpBand(const SeededJudge& judge, const QuadLookupSettings& settings) {

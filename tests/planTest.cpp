@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numbers>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -368,6 +369,35 @@ TEST_F(PlanOfASmallSky, ARowOfTheTableBringsItsSolutionBack) {
     std::filesystem::remove(Folder / "frame.fit");
     RestoreSolution(State, Port, row);
     EXPECT_FALSE(State.Solution) << "the picture is gone, and the solution belonged to it";
+}
+
+TEST_F(PlanOfASmallSky, AFieldAtTheLowerEndOfItsBandIsFoundByTheQuadsOfSmallerFrames) {
+    QuadList none;
+    none.Stars.assign(Stars.begin(), Stars.begin() + 40);
+    std::sort(none.Stars.begin(), none.Stars.end(), ComesBefore);
+    QuadList quads = none;
+    for (std::int32_t c = 2; c < 8; ++c) {
+        for (std::int32_t d = c + 1; d < 40; ++d) quads.Quads.push_back({c - 2, c - 1, c, d});
+    }
+    const double diagonal = field * std::numbers::sqrt2;
+    SearchRequest request;
+    request.Everywhere = true;
+    request.Diagonals = {diagonal};
+    const auto solve = [&](double smallerEnd, double begin) {
+        QuadFileWriter writer(Folder / "catalog" / QuadFileName, 2);
+        writer.Add(0.8 * diagonal, smallerEnd, quads);
+        writer.Add(begin, 1.3 * diagonal, none);
+        writer.Commit();
+        State.Solution = {};
+        return Solve(request);
+    };
+    const double begin = 0.93 * diagonal;
+    ASSERT_EQ(solve(begin, begin), SolveCode::Solved);
+    EXPECT_EQ(Report.SolvedBy, "quads of smaller fields");
+    EXPECT_NEAR(State.Solution->CentreRA, centre.Ra, 1e-5);
+    EXPECT_NEAR(State.Solution->CentreDec, centre.Dec, 1e-5);
+    // Frames much smaller than the field have too few of its stars.
+    EXPECT_NE(solve(0.9 * diagonal, begin), SolveCode::Solved);
 }
 
 TEST(QuadBands, ThoseOfTheSizeComeFirstAndElseTheLargest) {
