@@ -139,7 +139,7 @@ void ImageWindow::ExportView() {
     const auto path =
         port_.AskForFile({"Export View", "PNG Files (*.png)|*.png|All Files (*.*)|*.*", 1,
                           state_.Parameters.LastSaveFolder + "\\*.*", true, ".png",
-                          SuggestedName(state_, "-view.png")});
+                          SuggestedName(state_, ViewEnding)});
     if (!path) return;
     TellWritten(*path, WritePicture(*path, PngOf(picture)));
 }
@@ -178,7 +178,7 @@ void ImageWindow::ExportPicture() {
     const auto path =
         port_.AskForFile({"Export Whole Picture", "PNG Files (*.png)|*.png|PDF Files (*.pdf)|*.pdf",
                           1, state_.Parameters.LastSaveFolder + "\\*.*", true, ".png",
-                          SuggestedName(state_, "-annotated.png")});
+                          SuggestedName(state_, AnnotatedEnding)});
     if (!path) return;
     const bool pdf = QtText(*path).endsWith(".pdf", Qt::CaseInsensitive);
     const QString title = QtText(ImageBaseName(state_));

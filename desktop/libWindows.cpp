@@ -298,26 +298,31 @@ WindowPort::~WindowPort() {
     WindowPort::ShowBusyPointer(false);
 }
 
+QWidget* WindowPort::Front() const {
+    if (QWidget* dialog = QApplication::activeModalWidget()) return dialog;
+    QWidget* active = QApplication::activeWindow();
+    // One that is deleted when it is closed would take the dialog with it.
+    const bool stays = active != nullptr && !active->testAttribute(Qt::WA_DeleteOnClose);
+    return stays ? active : &window_;
+}
+
 void WindowPort::ShowMessage(const std::string& text, const std::string& title) {
-    QWidget* dialog = QApplication::activeModalWidget();
-    QMessageBox box(QMessageBox::Warning, QtText(title), QtText(text), QMessageBox::Ok,
-                    dialog != nullptr ? dialog : &window_);
+    QMessageBox box(QMessageBox::Warning, QtText(title), QtText(text), QMessageBox::Ok, Front());
     // Messages contain file names and texts, which may look like markup.
     box.setTextFormat(Qt::PlainText);
     box.exec();
 }
 
 bool WindowPort::Confirm(const std::string& question, const std::string& title) {
-    QWidget* dialog = QApplication::activeModalWidget();
     QMessageBox box(QMessageBox::Question, QtText(title), QtText(question),
-                    QMessageBox::Yes | QMessageBox::No, dialog != nullptr ? dialog : &window_);
+                    QMessageBox::Yes | QMessageBox::No, Front());
     box.setDefaultButton(QMessageBox::No);
     box.setTextFormat(Qt::PlainText);
     return box.exec() == QMessageBox::Yes;
 }
 
 std::optional<std::string> WindowPort::AskForFile(const FileDialog& dialog) {
-    QFileDialog box(&window_, QtText(dialog.Title));
+    QFileDialog box(Front(), QtText(dialog.Title));
     const QStringList filters = NameFilters(dialog);
     box.setAcceptMode(dialog.Saves ? QFileDialog::AcceptSave : QFileDialog::AcceptOpen);
     box.setFileMode(dialog.Saves ? QFileDialog::AnyFile : QFileDialog::ExistingFile);

@@ -146,6 +146,9 @@ class WindowPort : public Port {
     std::function<void(int)> OnProgress;
 
  private:
+    /// The window in front, over which a dialog opens.
+    QWidget* Front() const;
+
     ProgramState& state_;
     QWidget& window_;
     bool yielding_ = false;

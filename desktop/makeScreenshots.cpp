@@ -66,7 +66,7 @@ class Photographer {
         if (!wanted) return true;
         const QImage small = picture.scaledToWidth(std::min(widest, picture.width() * 3 / 4),
                                                    Qt::SmoothTransformation);
-        return small.convertToFormat(QImage::Format_Indexed8).save(guide.filePath(name + ".png"));
+        return small.save(guide.filePath(name + ".png"));
     }
 
     QString folder_;

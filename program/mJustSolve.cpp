@@ -170,6 +170,8 @@ void JustSolveCommand(ProgramState& state, Port& port) {
     const std::string stages = StagesText(report);
     if (code == SolveCode::Solved) {
         display.Details = SolutionText(state) + stages;
+        // Searches with patterns read no single region of the catalog.
+        display.FoundInCatalog = std::to_string(state.Solution->CatalogCount());
         port.ImageChanged();
         return;
     }

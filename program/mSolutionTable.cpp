@@ -1,8 +1,10 @@
 #include "program/mSolutionTable.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <memory>
+#include <set>
 #include <system_error>
 #include <utility>
 
@@ -154,6 +156,8 @@ void RestoreSolution(ProgramState& state, Port& port, const SolvedPicture& pictu
     state.PlateStars = picture.Solution->PlateStars;
     FinishPlateSolution(state, port, *picture.Solution);
     state.Display.Details = SolutionText(state);
+    state.Display.Extracted = std::to_string(state.PlateStars.Count());
+    state.Display.FoundInCatalog = std::to_string(state.Solution->CatalogCount());
     port.ImageChanged();
 }
 
@@ -183,6 +187,16 @@ std::vector<std::string> PicturesIn(const std::string& folder) {
         if (readable) paths.push_back(std::move(path));
     }
     std::sort(paths.begin(), paths.end());
+    // What was made of another picture of the folder is not one of its own.
+    const std::array endings = {ViewEnding, AnnotatedEnding, SolvedEnding};
+    std::set<std::string> names;
+    for (const std::string& path : paths) names.insert(path.substr(0, path.rfind('.')));
+    std::erase_if(paths, [&](const std::string& path) {
+        return std::any_of(endings.begin(), endings.end(), [&](const std::string& ending) {
+            return path.ends_with(ending) &&
+                   names.contains(path.substr(0, path.size() - ending.size()));
+        });
+    });
     return paths;
 }
 

@@ -46,7 +46,8 @@ void RestoreSolution(ProgramState& state, Port& port, const SolvedPicture& pictu
 /// Asks for a file and writes the table there as comma-separated values.
 void ExportSolutions(ProgramState& state, Port& port, const std::vector<SolvedPicture>& pictures);
 
-/// The paths of the readable pictures in a folder, sorted by name; at most 10,000.
+/// The paths of the readable pictures in a folder, sorted by name; at most 10,000. What was made of
+/// another one there, by its suggested name, is left out.
 std::vector<std::string> PicturesIn(const std::string& folder);
 
 /// Solves pictures one after the other on its own thread by `SolveWithAnything`, each for at most

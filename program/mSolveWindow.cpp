@@ -260,7 +260,7 @@ void ExportImageCommand(ProgramState& state, Port& port) {
     const auto path = port.AskForFile({"Export Image",
                                        "FITS Files (*.fits)|*.fits;*.fit;*.fts|All Files (*.*)|*.*",
                                        1, state.Parameters.LastSaveFolder + "\\*.*", true, ".fits",
-                                       SuggestedName(state, "-solved.fits")});
+                                       SuggestedName(state, SolvedEnding)});
     if (!path) return;
     state.Parameters.LastSaveFolder = FolderOfPath(*path);
     if (ExportImage(state, port, *path))

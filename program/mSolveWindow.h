@@ -94,6 +94,12 @@ std::string ImageNameText(const ProgramState& state);
 std::string ImageBaseName(const ProgramState& state);
 std::string ImageFolderText(const ProgramState& state);
 
+/// What the suggested names of files end with that are made of a picture: the view, the whole
+/// picture with everything over it, and the copy with its solution.
+inline const std::string ViewEnding = "-view.png";
+inline const std::string AnnotatedEnding = "-annotated.png";
+inline const std::string SolvedEnding = "-solved.fits";
+
 /// A name for a file made from the loaded image: its name without the last suffix, plus `ending`.
 std::string SuggestedName(const ProgramState& state, const std::string& ending);
 

@@ -37,6 +37,7 @@ class DialogReader {
     QStringList Filters;
     QString Selected;
     QString Directory;
+    QString Over;  ///< the window over which it opened
 
  private:
     void Read() {
@@ -51,6 +52,7 @@ class DialogReader {
             }
         } else if (auto* files = dynamic_cast<QFileDialog*>(dialog)) {
             Title = files->windowTitle();
+            Over = files->parentWidget()->objectName();
             Filters = files->nameFilters();
             Selected = files->selectedNameFilter();
             Directory = files->directory().absolutePath();

@@ -174,6 +174,7 @@ TEST_F(Evening, JustSolveNeedsNothingAndIsOfferedAfterAFailure) {
     EXPECT_EQ(Shown("lblTrust"), "Sure");
     EXPECT_FALSE(IsShown("cmdOffer"));
     EXPECT_NEAR(State->Solution->CentreRA, centre.Ra, 2e-6);
+    EXPECT_EQ(Shown("lblNCat"), std::to_string(State->Solution->CatalogCount()));
     EXPECT_TRUE(std::any_of(stages.begin(), stages.end(), [](const std::string& stage) {
         return stage.starts_with("Stage 1: ") && stage.ends_with(" s left at most");
     }));
@@ -268,7 +269,10 @@ TEST_F(Evening, TheWholePictureIsExportedWithEverythingOverIt) {
         image->findChild<QAction*>("mnuExportPicture")->trigger();
         return ReadFile(Folder / name);
     };
+    image->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(image));
     exported("marked.png");
+    EXPECT_EQ(Dialogs.Over, "fImage");
     for (const char* overlay : {"mnuExtracted", "mnuCatalog", "mnuMatched", "mnuCompass"}) {
         image->findChild<QAction*>(overlay)->setChecked(false);
     }
@@ -400,6 +404,9 @@ TEST_F(Evening, TheTableKeepsEverySolveAndAFolderIsSolvedBesides) {
     Window->OpenFile(Copy("other.fit"));  // the windows stay usable meanwhile
     EXPECT_TRUE(QTest::qWaitFor([&] { return rows->rowCount() == 4; }, 30000));
     EXPECT_EQ(window->windowTitle(), "Solutions");
+    EXPECT_TRUE(window->findChild<QLabel*>("lblSolutions")
+                    ->text()
+                    .startsWith("Solved 2 of the 3 pictures"));
     for (const int row : {1, 2}) {
         EXPECT_EQ(Utf8(rows->item(row, 5)->text()), "Sure") << row;
         EXPECT_EQ(rows->item(row, 1)->text(), rows->item(0, 1)->text());
@@ -414,6 +421,8 @@ TEST_F(Evening, TheTableKeepsEverySolveAndAFolderIsSolvedBesides) {
     EXPECT_EQ(State->Image.FileName, Frame);
     EXPECT_EQ(State->Solution->Transform.a, plate.a);
     EXPECT_EQ(State->Solution->Transform.c, plate.c);
+    EXPECT_EQ(Shown("lblNCat"), std::to_string(State->Solution->CatalogCount()));
+    EXPECT_EQ(Shown("lblNPlate"), std::to_string(State->PlateStars.Count()));
     EXPECT_EQ(Shown("lblTrust"), "Sure");
     EXPECT_EQ(rows->rowCount(), 4);
     Dialogs.FileToChoose = QtText((Folder / "table").string());
