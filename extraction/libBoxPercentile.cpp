@@ -381,14 +381,8 @@ void BoxPercentiles(const BoxSamples& samples, std::int32_t halfSize, double per
                     std::int32_t first, std::int32_t end, std::int32_t rows,
                     Grid<std::int32_t>& blocks) {
     if (NearPercentiles(samples, halfSize, percentile, first, end, rows, blocks)) return;
-    constexpr std::int32_t cache = 512 << 10;
-    const TreeShape shape(samples.High - samples.Low + 1);
-    const std::int32_t columnBytes = shape.Nodes() * static_cast<std::int32_t>(sizeof(Node));
-    const std::int32_t columns = std::clamp(cache / columnBytes, 48, BoxPercentileColumns);
-    for (; first < end; first += columns) {
-        Strip strip(samples, halfSize, percentile, first, std::min(first + columns, end));
-        (HasAvx2() ? RunForAvx2 : RunPlainly)(strip, rows, blocks);
-    }
+    Strip strip(samples, halfSize, percentile, first, end);
+    (HasAvx2() ? RunForAvx2 : RunPlainly)(strip, rows, blocks);
 }
 
 }  // namespace vestrel
