@@ -33,7 +33,7 @@ struct KStarsStars {
 /// than 0.2" a year, the error is at most 1.8". Better places of the fastest stars come from
 /// `FastStarAt`. Throws a `ToolFailure` when the file has another format, is cut short or
 /// contradicts itself; the sink may already have received stars.
-KStarsStars ReadKStarsFile(const std::filesystem::path& path, double epoch, const StarSink& sink,
+KStarsStars ReadKStarsFile(const std::filesystem::path& file, double epoch, const StarSink& sink,
                            ProgressLine& progress);
 
 /// Whether a file holds only bright stars of the whole sky; false for files that cannot be read.
