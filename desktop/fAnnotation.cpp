@@ -1,7 +1,6 @@
 #include "desktop/fAnnotation.h"
 
 #include <algorithm>
-#include <cmath>
 
 #include "desktop/libGraphics.h"
 #include "desktop/libWindows.h"
@@ -63,14 +62,10 @@ void Annotation::PaintNames(OverlayPainter& over, const ViewGeometry& view) cons
     for (const ObjectOnImage& one : Objects) {
         double radius = markRadius;
         if (!one.Outline.empty()) {
-            over.Outline(one.Outline, NameColour);
+            over.Outline(one.Outline, one.Place, one.Reach, NameColour);
             // Outside of what is round and small; across what is large.
             constexpr double largest = 60;
-            double reach = 0;
-            for (const PixelPoint& point : one.Outline) {
-                reach = std::max(reach, std::hypot(point.X - one.Place.X, point.Y - one.Place.Y));
-            }
-            reach *= view.Scale();
+            const double reach = one.Reach * view.Scale();
             if (reach < largest) radius = std::max(radius, reach);
         }
         over.Label(one.Place, radius, QtText(one.Object->Label()), NameColour, LabelWorth::Name);

@@ -183,8 +183,15 @@ void OverlayPainter::Link(const PixelPoint& from, const PixelPoint& to, const QC
     StrokeMark(PathThrough({from, to}), colour);
 }
 
-void OverlayPainter::Outline(const std::vector<PixelPoint>& line, const QColor& colour) {
-    if (step_ == OverlayStep::Marks) StrokeMark(PathThrough(line), colour);
+void OverlayPainter::Outline(const std::vector<PixelPoint>& line, const PixelPoint& middle,
+                             double reach, const QColor& colour) {
+    if (step_ != OverlayStep::Marks) return;
+    // Most of them are not near a narrow strip, and making their paths takes longer than this.
+    constexpr double rounding = 1;
+    const QPointF at = At(middle);
+    const double radius = reach * view_.Scale() + rounding;
+    const bool isNear = IsInPart({at.x() - radius, at.y() - radius, 2 * radius, 2 * radius});
+    if (isNear) StrokeMark(PathThrough(line), colour);
 }
 
 void OverlayPainter::Label(const PixelPoint& place, double radius, const QString& text,

@@ -68,7 +68,9 @@ class OverlayPainter {
     /// A line from one place of the image to another.
     void Link(const PixelPoint& from, const PixelPoint& to, const QColor& colour);
     /// A closed line through places of the image.
-    void Outline(const std::vector<PixelPoint>& line, const QColor& colour);
+    /// @param reach of the line from its middle, image pixels
+    void Outline(const std::vector<PixelPoint>& line, const PixelPoint& middle, double reach,
+                 const QColor& colour);
     /// Adds a label beside a mark, where there is room; `PaintLabels` draws it. Labels of equal
     /// worth keep their order.
     void Label(const PixelPoint& place, double radius, const QString& text, const QColor& colour,

@@ -154,13 +154,19 @@ std::vector<ObjectOnImage> ObjectsOnImage(const std::vector<SkyObject>& objects,
         const auto place = map.PixelOf(object.Position);
         const bool inside = place && place->X >= -0.5 && place->Y >= -0.5 &&
                             place->X < width - 0.5 && place->Y < height - 0.5;
-        if (inside) shown.push_back({&object, *place, {}});
+        if (inside) shown.push_back({&object, *place, {}, 0});
     }
     std::stable_sort(shown.begin(), shown.end(), [](const auto& a, const auto& b) {
         return Conspicuousness(*a.Object) < Conspicuousness(*b.Object);
     });
     if (shown.size() > most) shown.resize(most);
-    for (ObjectOnImage& one : shown) one.Outline = OutlineOf(*one.Object, map);
+    for (ObjectOnImage& one : shown) {
+        one.Outline = OutlineOf(*one.Object, map);
+        for (const PixelPoint& point : one.Outline) {
+            one.Reach =
+                std::max(one.Reach, std::hypot(point.X - one.Place.X, point.Y - one.Place.Y));
+        }
+    }
     return shown;
 }
 

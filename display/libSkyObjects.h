@@ -42,6 +42,7 @@ struct ObjectOnImage {
     const SkyObject* Object = nullptr;
     PixelPoint Place;
     std::vector<PixelPoint> Outline;  ///< a closed line; empty for stars and objects without size
+    double Reach = 0;                 ///< of the outline from the place, pixels
 };
 
 /// The objects on an image, the most conspicuous first.

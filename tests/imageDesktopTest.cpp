@@ -278,6 +278,32 @@ TEST_F(ViewerWindows, TheMagnifierShowsThePixelsUnderThePointerAndLiesBesideIt) 
     }
 }
 
+TEST_F(ViewerWindows, AnOutlineIsInEveryStripThatItReaches) {
+    ViewGeometry view;
+    view.SetWindow(400, 300);
+    view.SetImage(800, 600, true);
+    std::vector<PixelPoint> circle;
+    for (int degree = 0; degree <= 360; degree += 5) {
+        circle.push_back(
+            {310 + 121 * std::cos(degree / 57.3), 290 + 121 * std::sin(degree / 57.3)});
+    }
+    const auto painted = [&](int stripWidth) {
+        QImage picture(400, 300, QImage::Format_RGB32);
+        picture.fill(Qt::black);
+        for (int left = 0; left < 400; left += stripWidth) {
+            const QRectF part(left, 0, stripWidth, 300);
+            QPainter painter(&picture);
+            painter.setClipRect(part);
+            OverlayPainter(painter, view, picture.size(), OverlayStep::Marks, part)
+                .Outline(circle, {310, 290}, 121, Qt::green);
+        }
+        return picture;
+    };
+    const QImage whole = painted(400);
+    EXPECT_GT(qGreen(whole.pixel(155, 84)) + qGreen(whole.pixel(155, 85)), 200);
+    for (const int stripWidth : {1, 3, 50}) EXPECT_EQ(painted(stripWidth), whole) << stripWidth;
+}
+
 TEST_F(ViewerWindows, LabelsThatWereKeptLookAsIfTheyWereWrittenAnew) {
     ViewGeometry view;
     view.SetWindow(600, 400);

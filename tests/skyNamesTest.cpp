@@ -99,6 +99,7 @@ TEST(SkyObjects, TheTableKnowsTheSkyAndItsPicture) {
         if (length > longest && corner.Y > 1000) tip = corner;
         longest = std::max(longest, length);
     }
+    EXPECT_NEAR(shown[0].Reach, longest, 0.01);
     EXPECT_NEAR(2 * longest * 10 / 60, m31->Major / degree * 60, 0.2);
     EXPECT_NEAR(std::atan2(1500 - tip.X, tip.Y - 1000) / degree, 35, 0.5);
     std::vector<std::string> names;
