@@ -380,7 +380,10 @@ void RunPlainly(Strip& strip, std::int32_t rows, Grid<std::int32_t>& blocks) {
 void BoxPercentiles(const BoxSamples& samples, std::int32_t halfSize, double percentile,
                     std::int32_t first, std::int32_t end, std::int32_t rows,
                     Grid<std::int32_t>& blocks) {
-    if (NearPercentiles(samples, halfSize, percentile, first, end, rows, blocks)) return;
+    // In narrower vectors it would take longer than the trees.
+    if (HasAvx2() && NearPercentiles(samples, halfSize, percentile, first, end, rows, blocks)) {
+        return;
+    }
     Strip strip(samples, halfSize, percentile, first, end);
     (HasAvx2() ? RunForAvx2 : RunPlainly)(strip, rows, blocks);
 }

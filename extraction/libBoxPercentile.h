@@ -43,7 +43,8 @@ constexpr bool HasBoxPercentiles(std::int32_t halfSize) {
 /// from child to child. Each child therefore has an excess: the most by which a sum inside it can
 /// exceed the sum at its end. A child is searched when sum plus excess reaches the target.
 ///
-/// Most strips need none of this, as their percentiles lie close together (`NearPercentiles`).
+/// On processors with AVX2 most strips need none of this, as their percentiles lie close together
+/// (`NearPercentiles`).
 ///
 /// @param rows number of rows of blocks
 /// @param blocks indexed by the column and row of the block
