@@ -14,7 +14,7 @@ build_packages="g++ cmake ninja-build pkg-config libjpeg62-turbo-dev libcfitsio-
 desktop_packages="qt6-base-dev libindi-dev"
 test_packages="libgtest-dev libbenchmark-dev python3 python3-astropy python3-photutils python3-pil
     python3-erfa python3-scipy indi-bin libcfitsio-bin fitsverify desktop-file-utils appstream man-db dpkg-dev
-    astrometry.net poppler-utils dbus libstellarsolver-dev qtbase5-dev python3-astroquery chromium kstars-data"
+    astrometry.net poppler-utils dbus libstellarsolver-dev qtbase5-dev python3-astroquery chromium kstars-data astap-cli"
 check_packages="clang clang-format clang-tidy"
 fuzz_packages="clang libclang-rt-14-dev"
 windows_packages="g++-mingw-w64-x86-64-posix libz-mingw-w64-dev nasm dpkg-dev googletest wine wine64
