@@ -4,6 +4,8 @@
 #include <bit>
 #include <cstring>
 
+#include "platform/libFileParts.h"
+
 namespace vestrel {
 
 // Takes eight bytes at a time in four lanes and rotates and multiplies each (the scheme of the
@@ -32,8 +34,6 @@ std::uint64_t FastChecksum(const void* data, std::size_t length) {
 
 CheckedPages::CheckedPages(FileHandle file, const PagedPart& part)
     : file_(std::move(file)), part_(part) {
-    // Whole pages are read, so the C library's buffer would be useless.
-    std::setvbuf(file_.get(), nullptr, _IONBF, 0);
     checksums_.resize(part.PageCount());
     const std::size_t bytes = checksums_.size() * sizeof(std::uint64_t);
     ReadAt(part.Offset + part.Length, checksums_.data(), bytes);
@@ -54,7 +54,7 @@ const unsigned char* CheckedPages::Bytes(std::uint64_t at, std::size_t& length) 
             for (auto& other : pages_) other.reset();
             held_ = 0;
         }
-        auto read = std::make_unique<std::array<unsigned char, PageBytes>>();
+        auto read = std::make_unique_for_overwrite<std::array<unsigned char, PageBytes>>();
         ReadAt(part_.Offset + start, read->data(), full);
         if (FastChecksum(read->data(), full) != checksums_[number]) throw DamagedFile();
         page = std::move(read);
@@ -79,9 +79,7 @@ void CheckedPages::Copy(std::uint64_t at, void* bytes, std::size_t length) {
 
 void CheckedPages::ReadAt(std::uint64_t at, void* bytes, std::size_t length) {
     if (length == 0) return;
-    if (!SeekFile(file_.get(), at) || std::fread(bytes, 1, length, file_.get()) != length) {
-        throw DamagedFile();
-    }
+    if (vestrel::ReadAt(file_.get(), at, bytes, length) != length) throw DamagedFile();
     bytesRead_ += length;
 }
 
