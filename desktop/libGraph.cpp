@@ -30,6 +30,13 @@ void PaintFrame(QPainter& painter, const QWidget& widget, const QRect& place) {
     painter.drawRect(place);
 }
 
+/// The colour of bars. Large bright areas would spoil eyes that are used to the dark.
+QColor BarColour(const QPalette& palette) {
+    constexpr int percent = 160;
+    const QColor colour = palette.color(QPalette::Highlight);
+    return IsRedOnly(palette) ? colour.darker(percent) : colour;
+}
+
 void PaintTicksBelow(QPainter& painter, const QWidget& widget, const QRect& place,
                      const PlotAxis& axis) {
     const QFontMetrics metrics(widget.font());
@@ -76,7 +83,7 @@ void HistogramArea::paintEvent(QPaintEvent* /*event*/) {
     const std::vector<double> columns =
         HistogramColumns(Histogram, Span, place.width(), Logarithmic);
     const PlotAxis heights{0, 1, double(place.bottom()), double(place.top() + 3)};
-    painter.setPen(palette().color(QPalette::Highlight));
+    painter.setPen(BarColour(palette()));
     for (int i = 0; i < place.width(); ++i) {
         const double height = columns[static_cast<std::size_t>(i)];
         if (height <= 0) continue;
@@ -179,7 +186,7 @@ void ResidualArea::PaintHistogram(QPainter& painter, const QRect& place) const {
     PaintTicksBelow(painter, *this, place, x);
     PaintTicksAtLeft(painter, *this, place, y);
     painter.setPen(palette().color(QPalette::Base));
-    painter.setBrush(palette().color(QPalette::Link));
+    painter.setBrush(BarColour(palette()));
     for (int k = 0; k < bins; ++k) {
         const int left = qRound(x.PlaceOf(k * histogram.BinWidth));
         const int right = qRound(x.PlaceOf((k + 1) * histogram.BinWidth));
