@@ -59,24 +59,27 @@ PackedQuads::PackedQuads(std::uint32_t starCount, std::filesystem::path overflow
     greatest_.Key = -1;
 }
 
-/// Appends an entry to the open piece of a group; true when it has become full.
-bool PackedQuads::Append(Group& group, const QuadEntry& entry) const {
+/// Appends an entry to the open piece of a group, which must not be full.
+void PackedQuads::Append(Group& group, const QuadEntry& entry) const {
     if (group.Open.empty()) group.Open.resize(inPiece_ * entryBytes_);
     BitWriter bits(&group.Open[group.InOpen * entryBytes_]);
     bits.Put(entry.Cell & ((1U << cellBits) - 1), cellBits);
     bits.Put(entry.Shape, shapeBits);
     for (const std::uint32_t star : entry.Stars) bits.Put(star, starBits_);
     bits.End();
-    return ++group.InOpen == inPiece_;
+    ++group.InOpen;
 }
 
 void PackedQuads::Add(std::span<const QuadEntry> entries) {
     for (const QuadEntry& entry : entries) {
         Group& group = groups_[entry.Cell >> cellBits];
-        if (Append(group, entry)) {
+        // A full piece is put away before the next entry, not after the last one: when that
+        // fails, the group is as it was, as other threads may still add entries.
+        if (group.InOpen == inPiece_) {
             group.Pieces.push_back(store_->Add(group.Open));
             group.InOpen = 0;
         }
+        Append(group, entry);
         if (std::tie(entry.Key, entry.Stars) > std::tie(greatest_.Key, greatest_.Stars)) {
             greatest_ = entry;
         }
@@ -109,9 +112,11 @@ void PackedQuads::Rewrite(Group& group, std::span<const QuadEntry> entries) cons
     std::size_t full = 0;
     group.InOpen = 0;
     for (const QuadEntry& entry : entries) {
-        if (!Append(group, entry)) continue;
-        store_->Replace(group.Pieces[full++], group.Open);
-        group.InOpen = 0;
+        if (group.InOpen == inPiece_) {
+            store_->Replace(group.Pieces[full++], group.Open);
+            group.InOpen = 0;
+        }
+        Append(group, entry);
     }
     group.Pieces.resize(full);
 }

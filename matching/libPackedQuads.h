@@ -115,7 +115,7 @@ class PackedQuads {
         for (std::uint32_t& star : entry.Stars) star = bits.Take(starBits_);
         return entry;
     }
-    bool Append(Group& group, const QuadEntry& entry) const;
+    void Append(Group& group, const QuadEntry& entry) const;
     std::vector<QuadEntry> Ordered(std::size_t number) const;
     void Rewrite(Group& group, std::span<const QuadEntry> entries) const;
 

@@ -177,6 +177,8 @@ TEST(PackedQuads, AreThoseAddedInOrderEachOnceWhateverTheOrderTheyCameIn) {
     PackedQuads lost(4, folder / "no such folder" / "overflow", 0);
     const std::vector<QuadEntry> many(5000);
     EXPECT_THROW(lost.Add(many), std::system_error);
+    // Other threads add some before they learn of it.
+    for (int i = 0; i < 5; ++i) EXPECT_THROW(lost.Add(many), std::system_error);
     EXPECT_NO_THROW(PackedQuads(4).Add(many));
     PackedQuads none(0);
     none.Finish({});
