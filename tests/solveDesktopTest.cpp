@@ -353,6 +353,10 @@ TEST_F(Windows, HeaderAndImageAreShownAsTheyAre) {
     EXPECT_NE(image->grab().toImage(), before);
     EXPECT_EQ(Shown("lblStatus"), "Plate Match Found");
 
+    // Header texts of old programs are Latin-1.
+    EXPECT_EQ(HeaderText("Caf\xe9 M\xfcller"), QString::fromUtf8("Caf\u00e9 M\u00fcller"));
+    EXPECT_EQ(HeaderText("M\u00fcller"), QString::fromUtf8("M\u00fcller"));
+
     // After a file that cannot be read there is no image, and nothing is left of the one before.
     const std::string broken = Frame + ".broken.fit";
     WriteFile(PathFromText(broken), "SIMPLE  =");
