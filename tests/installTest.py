@@ -176,7 +176,6 @@ class Installed(unittest.TestCase):
         self.assertEqual((end.stdout.split()[:1], end.stderr), ([version], ""))
 
     def test_programs_are_hardened(self):
-        copies = 0
         for program in PROGRAMS:
             binary = self.usr / "bin" / program
             header = run("readelf", "-hldW", binary).stdout
@@ -185,13 +184,11 @@ class Installed(unittest.TestCase):
             self.assertRegex(header, r"FLAGS_1.* NOW")
             self.assertRegex(header, r"GNU_STACK .* RW  ")  # and no E, which would run it
             called = run("nm", "-D", binary).stdout
-            for check in ("__stack_chk_fail", "__fprintf_chk"):
+            for check in ("__stack_chk_fail", "__fprintf_chk", "__snprintf_chk"):
                 self.assertIn(check, called, program)
-            copies += "__memcpy_chk" in called
             if platform.machine() == "x86_64":
                 functions = run("objdump", "-d", "-j", ".text", binary).stdout
                 self.assertGreater(functions.count("endbr64"), 500)
-        self.assertGreaterEqual(copies, len(PROGRAMS) - 1)  # not all need a copy that is checked
 
     def test_the_package_depends_on_what_its_programs_link(self):
         control = run("dpkg-deb", "-f", self.package, "Depends").stdout
