@@ -250,6 +250,44 @@ std::vector<Peak> FindPeaks(const PlateImage& image, const PeakSettings& setting
     return peaks;
 }
 
+namespace {
+
+/// The values of a list, which is not empty, that 15.87 %, half, and 84.13 % of it do not exceed:
+/// its median, and one standard deviation below and above. Values that lie close together are
+/// counted, as every picture that is opened comes here; others are partly sorted.
+std::array<std::int32_t, 3> DeviationsAndMedian(std::vector<std::int32_t>& values) {
+    constexpr std::array<double, 3> parts = {0.1587, 0.5, 0.8413};
+    constexpr std::int64_t closeTogether = 1 << 16;
+    std::array<std::ptrdiff_t, 3> places{};
+    std::array<std::int32_t, 3> found{};
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        places[i] = static_cast<std::ptrdiff_t>(parts[i] * static_cast<double>(values.size() - 1));
+    }
+    const auto [least, greatest] = std::minmax_element(values.begin(), values.end());
+    const std::int32_t low = *least;
+    if (std::int64_t{*greatest} - low >= closeTogether) {
+        auto first = values.begin();
+        for (std::size_t i = 0; i < parts.size(); ++i) {
+            const auto place = values.begin() + places[i];
+            std::nth_element(first, place, values.end());
+            found[i] = *place;
+            first = place;
+        }
+        return found;
+    }
+    std::vector<std::int32_t> counts(static_cast<std::size_t>(*greatest - low) + 1);
+    for (const std::int32_t value : values) ++counts[static_cast<std::size_t>(value - low)];
+    std::size_t value = 0;
+    std::ptrdiff_t passed = counts[0];
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        while (passed <= places[i]) passed += counts[++value];
+        found[i] = low + static_cast<std::int32_t>(value);
+    }
+    return found;
+}
+
+}  // namespace
+
 bool MayBeNegative(const PlateImage& image) {
     constexpr double samples = 1e5;
     constexpr double far = 6;      // standard deviations
@@ -264,26 +302,16 @@ bool MayBeNegative(const PlateImage& image) {
         for (std::int32_t x = 0; x < image.Width; x += step) values.push_back(row[x]);
     }
     if (values.empty()) return false;
-    // Each half is looked through for its own deviation: every picture that is opened comes here.
-    const auto at = [&](double part) {
-        return values.begin() +
-               static_cast<std::ptrdiff_t>(part * static_cast<double>(values.size() - 1));
-    };
-    const auto lower = at(0.1587);
-    const auto middle = at(0.5);
-    const auto upper = at(0.8413);
-    std::nth_element(values.begin(), middle, values.end());
-    if (lower != middle) std::nth_element(values.begin(), lower, middle);
-    if (upper != middle) std::nth_element(middle + 1, upper, values.end());
-    const double sky = *middle;
-    const double below = sky - *lower;
-    const double above = *upper - sky;
+    const auto [lower, middle, upper] = DeviationsAndMedian(values);
+    const double sky = middle;
+    const double below = sky - lower;
+    const double above = upper - sky;
     const double noise = std::max(std::min(below, above), 1.0);
-    double dark = 0;
-    double bright = 0;
-    for (const double value : values) {
-        if (value < sky - far * noise) ++dark;
-        if (value > sky + far * noise) ++bright;
+    int dark = 0;
+    int bright = 0;
+    for (const std::int32_t value : values) {
+        dark += value < sky - far * noise ? 1 : 0;
+        bright += value > sky + far * noise ? 1 : 0;
     }
     return dark > fewest && dark > muchMore * bright;
 }
