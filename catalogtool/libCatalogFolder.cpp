@@ -5,13 +5,13 @@
 #include <string_view>
 #include <system_error>
 
-#ifdef _WIN32
-#include <windows.h>
-#else
+#ifndef _WIN32
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #endif
 
@@ -20,6 +20,7 @@
 #include "catalogtool/libToolReport.h"
 #include "matching/libQuadFile.h"
 #include "platform/libPlatform.h"
+#include "platform/libSharedFiles.h"
 
 namespace vestrel {
 namespace fs = std::filesystem;
@@ -31,6 +32,12 @@ constexpr std::string_view asideMark = ".replaced-";
 
 [[noreturn]] void FailToWrite(const fs::path& path, const std::string& why) {
     throw ToolFailure(ToolExit::CannotWrite, TextFromPath(path) + ": " + why);
+}
+
+[[noreturn]] void FailToRename(const fs::path& folder, std::error_code error) {
+    FailToWrite(folder,
+                error.message() +
+                    (MayBeInUse(error) ? "; a program that uses the catalog may be running" : ""));
 }
 
 #ifdef _WIN32
@@ -131,6 +138,39 @@ long OwnerOf(const std::string& name, const std::string& prefix) {
     return result.ec == std::errc() && result.ptr == end ? process : 0;
 }
 
+/// Whether a building folder is in use, which the number of its process does not always tell: in
+/// containers many processes have the same number, and a killed one's may be this one's own.
+enum class FolderUse { Free, Held, Unknown };
+
+#ifdef _WIN32
+// All processes of a Windows share their numbers.
+int Hold(const fs::path&) {
+    return -1;
+}
+void Release(int) {}
+FolderUse UseOf(const fs::path&) {
+    return FolderUse::Free;
+}
+#else
+/// Not all file systems can: then −1.
+int Hold(const fs::path& folder) {
+    const int handle = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (handle >= 0) (void)flock(handle, LOCK_EX | LOCK_NB);
+    return handle;
+}
+void Release(int hold) {
+    if (hold >= 0) close(hold);
+}
+FolderUse UseOf(const fs::path& folder) {
+    const int handle = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (handle < 0) return FolderUse::Unknown;
+    const bool locked = flock(handle, LOCK_EX | LOCK_NB) == 0;
+    const bool held = !locked && errno == EWOULDBLOCK;
+    close(handle);
+    return locked ? FolderUse::Free : held ? FolderUse::Held : FolderUse::Unknown;
+}
+#endif
+
 /// Repairs what builds left that were killed or lost power.
 void ClearDeadBuilds(const fs::path& catalog) {
     const std::string base = TextFromPath(catalog.filename());
@@ -141,7 +181,10 @@ void ClearDeadBuilds(const fs::path& catalog) {
         const long builder = OwnerOf(name, base + std::string(buildingMark));
         const long replacer = OwnerOf(name, base + std::string(asideMark));
         const long owner = builder > 0 ? builder : replacer;
-        if (owner <= 0 || IsRunning(owner) || !entry->is_directory(ignored)) continue;
+        const bool ours = owner == ProcessNumber();
+        if (owner <= 0 || (IsRunning(owner) && !ours) || !entry->is_directory(ignored)) continue;
+        const FolderUse use = UseOf(entry->path());
+        if (use == FolderUse::Held || (ours && use == FolderUse::Unknown)) continue;
         if (replacer > 0 && !fs::exists(catalog, ignored)) {
             fs::rename(entry->path(), catalog, ignored);
         } else {
@@ -174,27 +217,29 @@ BuildingFolder::BuildingFolder(const fs::path& catalog) {
     if (!fs::create_directory(building_, error)) {
         FailToWrite(building_, error ? error.message() : "exists already");
     }
+    hold_ = Hold(building_);
 }
 
 BuildingFolder::~BuildingFolder() {
     // After publishing, the old catalog is here if the two folders were exchanged.
     RemoveCatalog(building_);
+    Release(hold_);
 }
 
 void BuildingFolder::Publish(bool inOneStep) {
     SyncFolder(building_, true);
     std::error_code error;
     if (!fs::exists(catalog_, error)) {
-        fs::rename(building_, catalog_, error);
-        if (error) FailToWrite(catalog_, error.message());
+        Rename(building_, catalog_, error);
+        if (error) FailToRename(catalog_, error);
     } else if (!inOneStep || !ExchangeFolders(building_, catalog_)) {
-        fs::rename(catalog_, aside_, error);
-        if (error) FailToWrite(catalog_, error.message());
-        fs::rename(building_, catalog_, error);
+        Rename(catalog_, aside_, error);
+        if (error) FailToRename(catalog_, error);
+        Rename(building_, catalog_, error);
         if (error) {
-            const std::string why = error.message();
-            fs::rename(aside_, catalog_, error);
-            FailToWrite(catalog_, why);
+            const std::error_code why = error;
+            Rename(aside_, catalog_, error);
+            FailToRename(catalog_, why);
         }
         RemoveCatalog(aside_);
     }

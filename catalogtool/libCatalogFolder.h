@@ -33,6 +33,7 @@ class BuildingFolder {
     std::filesystem::path catalog_;
     std::filesystem::path building_;
     std::filesystem::path aside_;
+    int hold_ = -1;  ///< marks the building folder as in use, for processes of other containers
 };
 
 }  // namespace vestrel

@@ -270,8 +270,6 @@ void CatalogWindow::Build() {
                                    "Catalog")) {
         return;
     }
-    // Some systems cannot replace a file that is mapped.
-    if (state_.Running == Activity::None) state_.Quads = {};
     runs_ = asked.Runs;
     folder_ = wish.Folder;
     isNew_ = false;

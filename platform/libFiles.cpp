@@ -11,9 +11,6 @@
 #include <io.h>
 #include <share.h>
 #include <sys/stat.h>
-
-#include <chrono>
-#include <thread>
 #else
 #include <fcntl.h>
 #include <sys/file.h>
@@ -21,6 +18,7 @@
 #endif
 
 #include "platform/libPlatform.h"
+#include "platform/libSharedFiles.h"
 
 namespace vestrel {
 namespace fs = std::filesystem;
@@ -42,6 +40,7 @@ bool FlushToDisk(std::FILE* file) {
 FileHandle OpenFile(const fs::path& path, const char* mode) {
     std::error_code ignored;
     if (mode[0] == 'r' && fs::is_directory(path, ignored)) return nullptr;
+    if (std::string_view(mode) == "rb") return FileHandle(OpenShared(path));
 #ifdef _WIN32
     const std::wstring wideMode(mode, mode + std::char_traits<char>::length(mode));
     return FileHandle(_wfopen(path.c_str(), wideMode.c_str()));
@@ -118,20 +117,6 @@ FileHandle CreateNewFile(const fs::path& path) {
 #endif
 }
 
-/// Gives a file the name and place of another.
-void RenameOver(const fs::path& from, const fs::path& to, std::error_code& error) {
-    fs::rename(from, to, error);
-#ifdef _WIN32
-    // Windows refuses while another program reads the old file. Programs that wait for a result and
-    // virus scanners read it often, but never for long.
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    while (error && std::chrono::steady_clock::now() < end && fs::exists(to)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        fs::rename(from, to, error);
-    }
-#endif
-}
-
 /// Whether this process may write to a file that is there.
 bool MayWrite(const fs::path& path) {
 #ifdef _WIN32
@@ -198,7 +183,9 @@ void RemoveStaleTemporaries(const fs::path& path) {
     fs::directory_iterator entry(folder, error);
     for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
         const long writer = WriterOf(entry->path().filename(), stem);
-        if (writer > 0 && !IsRunning(writer)) stale.push_back(entry->path());
+        // In a container every process has the same few numbers: a dead one may have had our own.
+        const bool mayBeStale = writer == ProcessNumber() || (writer > 0 && !IsRunning(writer));
+        if (mayBeStale) stale.push_back(entry->path());
     }
     for (const fs::path& temporary : stale) {
         if (!IsHeld(temporary)) fs::remove(temporary, error);
@@ -269,7 +256,11 @@ void NewFile::Commit() {
     if (!FlushToDisk(file_.get())) Fail(path_, LastError());
     if (std::fclose(file_.release()) != 0) Fail(path_, LastError());
     std::error_code error;
-    RenameOver(temporary_, path_, error);
+    Rename(temporary_, path_, error);
+    if (MayBeInUse(error)) {
+        throw std::system_error(error, "Cannot write " + TextFromPath(path_) +
+                                           ", which another program may have open; close it there");
+    }
     if (error) Fail(path_, error);
     temporary_.clear();
 }

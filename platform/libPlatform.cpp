@@ -181,6 +181,8 @@ fs::path SettingsFilePath() {
 }
 
 fs::path RecentImagesFilePath() {
+    const fs::path chosen = FolderFromEnvironment("VESTREL_STATE");
+    if (!chosen.empty()) return chosen / "recent-images";
 #ifdef _WIN32
     return UserFile(L"recent-images");
 #else

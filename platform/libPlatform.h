@@ -20,9 +20,9 @@ std::filesystem::path DefaultCatalogFolder();
 /// `$XDG_CONFIG_HOME/vestrel/Vestrel.ini` (`~/.config` when unset).
 std::filesystem::path SettingsFilePath();
 
-/// The file that remembers which images were opened last. On Windows it lies where the settings
-/// file lies when `$VESTREL_SETTINGS` is unset; elsewhere it is
-/// `$XDG_STATE_HOME/vestrel/recent-images` (`~/.local/state` when unset).
+/// The file that remembers which images were opened last: `recent-images` in `$VESTREL_STATE` when
+/// set; else on Windows where the settings file lies when `$VESTREL_SETTINGS` is unset, elsewhere
+/// in `$XDG_STATE_HOME/vestrel` (`~/.local/state` when unset).
 std::filesystem::path RecentImagesFilePath();
 
 /// The folder that holds the running program; the current folder when it cannot be told.

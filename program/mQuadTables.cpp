@@ -89,6 +89,10 @@ bool OpenQuadBand(ProgramState& state, const QuadBand& band) {
     return file && OpenBand(state.Quads, std::move(file), band);
 }
 
+void CloseQuadTables(ProgramState& state) {
+    state.Quads.Tables = {};
+}
+
 bool LoadQuadTables(ProgramState& state, double width, double height) {
     FileHandle file = OpenTables(state);
     if (!file) return false;

@@ -26,4 +26,8 @@ std::vector<QuadBand> QuadBandsOf(ProgramState& state);
 /// Opens the table of a band. @return as `LoadQuadTables`
 bool OpenQuadBand(ProgramState& state, const QuadBand& band);
 
+/// Closes the table after a search, because Windows replaces no catalog of which a file is open.
+/// Its name and fault stay.
+void CloseQuadTables(ProgramState& state);
+
 }  // namespace vestrel

@@ -283,6 +283,7 @@ class Plan {
                 return !bands.empty() && !MustEnd() &&
                        Try(attempt.Name, [&] { return LookUpQuads(attempt, bands); });
             });
+        CloseQuadTables(state_);
         if (!sure && !quadFault_.empty()) state_.Quads.Fault = quadFault_;
         return sure;
     }

@@ -190,6 +190,7 @@ void MoraCommand(ProgramState& state, Port& port) {
         return MatchByQuads(state, port, request->Width, request->Height,
                             state.Parameters.MaxError);
     });
+    CloseQuadTables(state);
     const bool matched = code == SolveCode::Solved;
     state.Display.OffersJustSolve = code == SolveCode::NoMatch;
     // A match that may be chance must not look like a success.

@@ -433,6 +433,8 @@ class Plan(DrawnSky):
         for search, code in ((self.search, SOLVED), (elsewhere, NO_MATCH)):
             bundles.append((self.folder / f"{code}.zip", code))
             run = self.run_solver(*search, "--bundle", bundles[-1][0])
+            if b"built without libzip" in run.stderr:
+                skip_or_fail(self, "a build without libzip has no bundles")
             self.assertEqual(run.returncode, code, run.stderr)
             self.assertLess(bundles[-1][0].stat().st_size, len(self.sky) / 4)
         whole = self.folder / "whole.zip"

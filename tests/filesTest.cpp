@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <system_error>
@@ -16,6 +17,7 @@
 #include "platform/libConsole.h"
 #include "platform/libFileParts.h"
 #include "platform/libFiles.h"
+#include "platform/libPlatform.h"
 #include "tests/testSupport.h"
 
 namespace vestrel {
@@ -90,6 +92,56 @@ TEST(NewFiles, WhatIsNoFileIsRefusedWithTheReason) {
         EXPECT_FALSE(ReplaceFile(path, "x"));
     }
     EXPECT_EQ(FilesIn(folder.Path), before);
+}
+
+TEST(NewFiles, AFileThatIsReadIsReplacedOrStaysAndSaysWhy) {
+    const TemporaryFolder folder;
+    const fs::path file = folder / "quads.tables";
+    std::vector<FileHandle> readers;
+    WriteFile(file, "old");
+    readers.push_back(OpenFile(file, "rb"));
+#ifdef _WIN32
+    // The program of another maker, which lets nobody remove the file.
+    readers.emplace_back(_wfopen(file.c_str(), L"rb"));
+#endif
+    std::string fault;
+    try {
+        NewFile next(file);
+        std::fputs("new", next.Stream());
+        next.Commit();
+    } catch (const std::system_error& error) {
+        fault = error.what();
+    }
+#ifdef _WIN32
+    EXPECT_NE(fault.find("which another program may have open"), std::string::npos) << fault;
+    EXPECT_EQ(ReadFile(file), "old");
+#else
+    EXPECT_EQ(fault, "");
+    EXPECT_EQ(ReadFile(file), "new");
+#endif
+    for (const FileHandle& reader : readers) EXPECT_EQ(std::fgetc(reader.get()), 'o');
+    readers.pop_back();
+    // One who reads for a moment only is waited for.
+    const std::jthread end([&readers] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        readers.clear();
+    });
+    EXPECT_TRUE(ReplaceFile(file, "newer"));
+    EXPECT_EQ(ReadFile(file), "newer");
+    EXPECT_EQ(FilesIn(folder.Path), 1U);
+}
+
+TEST(NewFiles, ALeftoverOfAProcessWithThisNumberGoesAndAFileInWorkStays) {
+    const TemporaryFolder folder;
+    const fs::path file = folder / "night.fit";
+    const fs::path dead = folder / ("night.fit." + std::to_string(ProcessNumber()) + ".0.tmp");
+    WriteFile(dead, "half of the n");
+    NewFile slow(file);
+    std::fputs("slow", slow.Stream());
+    ASSERT_TRUE(ReplaceFile(file, "quick"));
+    slow.Commit();
+    EXPECT_EQ(ReadFile(file), "slow");
+    EXPECT_EQ(FilesIn(folder.Path), 1U);
 }
 
 #ifndef _WIN32

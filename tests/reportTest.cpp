@@ -373,7 +373,7 @@ TEST(CatalogRuns, ProgressIsReadAndMessagesAreNot) {
 
 TEST(Preferences, AreFewLinesWhateverTheFileHolds) {
     const TemporaryFolder folder;
-    SetVariable("XDG_STATE_HOME", folder.Path);
+    SetVariable("VESTREL_STATE", folder.Path);
     ProgramState state;
     SetPreference(state, "theme", "night");
     SetPreference(state, "place", "a=b=c");
@@ -414,7 +414,7 @@ TEST(Preferences, AreFewLinesWhateverTheFileHolds) {
     WriteFile(file, std::string(300000, 'x') + "=1\n");
     LoadPreferences(state);
     EXPECT_TRUE(state.Preferences.empty()) << "too long a file is none";
-    UnsetVariable("XDG_STATE_HOME");
+    UnsetVariable("VESTREL_STATE");
 }
 
 }  // namespace

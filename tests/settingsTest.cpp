@@ -200,20 +200,17 @@ TEST_F(Settings, SavingReplacesTheFileWholeOrNotAtAll) {
         EXPECT_FALSE(SaveSettings(State));
     }
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(Folder / "folder"), {}), 1);
-    // Nothing is written over a file, nor through a link, that waits where the temporary file would
-    // be.
+    SetVariable("VESTREL_SETTINGS", File);
+#ifndef _WIN32
+    // Nothing is written through a link that waits where the temporary file would be.
     const auto waiting = Folder / ("Vestrel.ini." + std::to_string(getpid()) + ".0.tmp");
-#ifdef _WIN32
-    WriteFile(waiting, "precious");
-#else
     WriteFile(Folder / "precious", "precious");
     std::filesystem::create_symlink(Folder / "precious", waiting);
-#endif
-    SetVariable("VESTREL_SETTINGS", File);
     EXPECT_TRUE(SaveSettings(State));
     EXPECT_EQ(ReadFile(waiting), "precious");
-    // The next write removes what killed writers of this file left behind, and nothing else.
     std::filesystem::remove(waiting);
+#endif
+    // The next write removes what killed writers of this file left behind, and nothing else.
     const std::string dead = ".999999999.0.tmp";
     const std::string kept[] = {"Other.ini" + dead, "Vestrel.ini.999999999.tmp",
                                 "Vestrel.ini" + dead + "x",
@@ -259,6 +256,9 @@ TEST(SettingsPlace, IsTheUsersApplicationData) {
     EXPECT_EQ(SettingsFilePath(), ProgramFolder() / "Vestrel.ini");
     EXPECT_EQ(RecentImagesFilePath(), ProgramFolder() / "recent-images");
     std::filesystem::remove(ProgramFolder() / "Vestrel.ini");
+    SetVariable("VESTREL_STATE", L"C:\\\x2605");
+    EXPECT_EQ(RecentImagesFilePath(), L"C:\\\x2605\\recent-images");
+    UnsetVariable("VESTREL_STATE");
     UnsetVariable("VESTREL_CATALOG");
     EXPECT_EQ(DefaultCatalogFolder(),
               std::filesystem::path(_wgetenv(L"ProgramData")) / "Harrowdene" / "KEL");
