@@ -4,7 +4,8 @@
   bench/kills.py --programs build/release/bin [--kills 250] [--short]
 
 A file must be as it was or as it is to be, a catalog must verify, and the next whole run must leave
-nothing behind. --short does a few and writes no table. Exit code 1 when anything was lost.
+nothing behind. --short does a few and writes no table. --wine names what starts programs for Windows; their numbers have
+a table of their own. Exit code 1 when anything was lost.
 """
 import argparse
 import pathlib
@@ -80,13 +81,14 @@ def main():
     parser.add_argument("--programs", required=True)
     parser.add_argument("--kills", type=int, default=250, help="of each operation")
     parser.add_argument("--short", action="store_true")
+    parser.add_argument("--wine")
     options = parser.parse_args()
     seed = random.randrange(1 << 32)
     print("seed", seed)
     numbers = random.Random(seed)
     rows = []
     with tempfile.TemporaryDirectory(prefix="vestrel-kills-") as folder:
-        sky = Sky(options.programs, pathlib.Path(folder) / "sky")
+        sky = Sky(options.programs, pathlib.Path(folder) / "sky", options.wine)
         out = pathlib.Path(folder) / "out"
         out.mkdir()
         for name, (command, files) in writing(sky, out).items():
@@ -94,7 +96,7 @@ def main():
                               numbers))
             print(*rows[-1], flush=True)
     if not options.short:
-        write_table("kills", ["operation", "whole run", "runs", "killed", "temporaries left",
+        write_table("kills under Wine" if options.wine else "kills", ["operation", "whole run", "runs", "killed", "temporaries left",
                               "files or catalogs lost", "temporaries after the next run"], rows,
                     f"{sum(row[3] for row in rows)} kills, seed {seed}.")
     return any(row[5] or row[6] for row in rows)

@@ -18,8 +18,10 @@ OLD = b"what was there before\n"
 class Sky:
     """A catalog of one cell, and an image of it that is solved in one region."""
 
-    def __init__(self, programs, folder):
+    def __init__(self, programs, folder, wine=None):
+        """`wine` starts programs for Windows."""
         self.programs, self.folder = pathlib.Path(programs), pathlib.Path(folder)
+        self.wine = wine
         self.catalog = self.folder / "KEL"
         self.catalog.mkdir(parents=True)
         self.environment = dict(os.environ, VESTREL_CATALOG=str(self.catalog),
@@ -39,7 +41,8 @@ class Sky:
         self.angles = ",".join(repr(math.radians(x)) for x in (RA, DEC, 1, 0.75))
 
     def command(self, program, *arguments):
-        return [str(self.programs / program), *map(str, arguments)]
+        start = [self.wine, f"{self.programs / program}.exe"] if self.wine else [str(self.programs / program)]
+        return [*start, *map(str, arguments)]
 
     def run(self, program, *arguments, **options):
         return subprocess.run(self.command(program, *arguments), env=self.environment, check=False,
