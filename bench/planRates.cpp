@@ -1,14 +1,15 @@
 // Measures the whole search plan with star lists: how often it is sure and wrong, and how often it
 // solves lists that can be solved.
 //
-//   vestrel-plan-rates CATALOG-FOLDER [--share S] [--only KIND] [--others TABLE.tsv]
+//   vestrel-plan-rates CATALOG-FOLDER [--share S] [--series N] [--only KIND] [--others TABLE.tsv]
 //                      [--pictures TABLE.tsv]
 //
 // Lists without sky, of another place, or of a stretched sky are searched for around a wrong place,
 // over the whole sky, or both: none of them may be solved. Lists of the sky are searched around a
 // place nearby and over the whole sky. The pictures of --others show no sky; those of --pictures
 // are searched for at wrong places. For each kind: lists, those solved rightly and wrongly, the
-// likeliest match that was not sure, and the processor time that a list takes.
+// likeliest match that was not sure, and the processor time that a list takes. Every series has
+// other lists and places, so that what several runs measured adds up.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -130,15 +131,15 @@ void Print(const std::string& name, const Tally& tally) {
     std::fflush(stdout);
 }
 
-int Run(const fs::path& catalog, double share, const std::string& only, const fs::path& others,
-        const fs::path& skies) {
+int Run(const fs::path& catalog, double share, std::uint64_t series, const std::string& only,
+        const fs::path& others, const fs::path& skies) {
     Bench bench(catalog);
     Tally wrong;
     Tally right;
     std::printf(
         "| stars | lists | right | wrong | likeliest not sure | each |\n"
         "|---|--:|--:|--:|--:|--:|\n");
-    unsigned kinds = 0;
+    std::uint64_t kinds = 1000 * series;
     const auto measure = [&](const std::string& name, Tally& sum, int lists,
                              const std::function<void(Generator&, Tally&)>& search) {
         ++kinds;
@@ -199,7 +200,7 @@ int Run(const fs::path& catalog, double share, const std::string& only, const fs
         });
     };
     if (!others.empty()) {
-        Generator random(6);
+        Generator random(6 + 1000 * series);
         const std::vector<Picture> pictures = ReadPictures(others, false, random);
         measure("pictures without sky, both", wrong, 1, [&](Generator&, Tally& tally) {
             for (const Picture& picture : pictures)
@@ -208,7 +209,7 @@ int Run(const fs::path& catalog, double share, const std::string& only, const fs
         elsewhereIn("pictures without sky", pictures);
     }
     if (!skies.empty()) {
-        Generator random(5);
+        Generator random(5 + 1000 * series);
         elsewhereIn("pictures of the sky", ReadPictures(skies, true, random));
     }
     const std::pair<const char*, Maker> good[] = {
@@ -240,21 +241,24 @@ int Run(const fs::path& catalog, double share, const std::string& only, const fs
 
 int main(int argc, char** argv) {
     if (argc < 2) {
-        std::fprintf(stderr,
-                     "usage: vestrel-plan-rates CATALOG-FOLDER [--share S] [--only KIND] "
-                     "[--others TABLE.tsv] [--pictures TABLE.tsv]\n");
+        std::fprintf(
+            stderr,
+            "usage: vestrel-plan-rates CATALOG-FOLDER [--share S] [--series N] [--only KIND] "
+            "[--others TABLE.tsv] [--pictures TABLE.tsv]\n");
         return 2;
     }
     double share = 1;
+    std::uint64_t series = 0;
     std::string only;
     std::filesystem::path others;
     std::filesystem::path skies;
     for (int i = 2; i + 1 < argc; i += 2) {
         const std::string option = argv[i];
         if (option == "--share") share = std::atof(argv[i + 1]);
+        if (option == "--series") series = std::strtoull(argv[i + 1], nullptr, 10);
         if (option == "--only") only = argv[i + 1];
         if (option == "--others") others = vestrel::PathFromText(argv[i + 1]);
         if (option == "--pictures") skies = vestrel::PathFromText(argv[i + 1]);
     }
-    return vestrel::Run(vestrel::PathFromText(argv[1]), share, only, others, skies);
+    return vestrel::Run(vestrel::PathFromText(argv[1]), share, series, only, others, skies);
 }

@@ -31,18 +31,24 @@ SkyPosition PositionOf(const PlateConstants& plate, const Projection& plane, Pla
 
 }  // namespace
 
-PlateStarList OnCameraPlane(const PlateStarList& stars, SkyPosition centre) {
+CameraPlane::CameraPlane(SkyPosition centre) : plane_(PlaneAbout(centre)) {}
+
+bool CameraPlane::Place(PlateStar& star) const {
     constexpr double leastCosine = 0.2;
-    const Projection plane = PlaneAbout(centre);
+    double xi = 0;
+    double eta = 0;
+    const double cosine = plane_.SkyToPlane(PositionOf(star), xi, eta);
+    if (cosine < leastCosine) return false;
+    star.X = static_cast<float>(xi / cosine);
+    star.Y = static_cast<float>(eta / cosine);
+    return true;
+}
+
+PlateStarList OnCameraPlane(const PlateStarList& stars, SkyPosition centre) {
+    const CameraPlane plane(centre);
     PlateStarList list;
     for (PlateStar star : stars) {
-        double xi = 0;
-        double eta = 0;
-        const double cosine = plane.SkyToPlane(PositionOf(star), xi, eta);
-        if (cosine < leastCosine) continue;
-        star.X = static_cast<float>(xi / cosine);
-        star.Y = static_cast<float>(eta / cosine);
-        list.Add(star);
+        if (plane.Place(star)) list.Add(star);
     }
     return list;
 }

@@ -13,6 +13,17 @@
 
 namespace vestrel {
 
+/// The camera's plane about a centre.
+class CameraPlane {
+ public:
+    explicit CameraPlane(SkyPosition centre);
+    /// Sets X and Y of a star from its position. False when it is more than 78° away.
+    bool Place(PlateStar& star) const;
+
+ private:
+    Projection plane_;
+};
+
 /// The stars on the camera's plane about a centre, in the same order. X and Y are arcseconds and
 /// grow west and north. Stars more than 78° away are left out.
 PlateStarList OnCameraPlane(const PlateStarList& stars, SkyPosition centre);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <utility>
 
 #include "platform/libFileParts.h"
 
@@ -32,13 +33,60 @@ std::uint64_t FastChecksum(const void* data, std::size_t length) {
     return sum ^ (sum >> 32);
 }
 
-CheckedPages::CheckedPages(FileHandle file, const PagedPart& part)
-    : file_(std::move(file)), part_(part) {
+std::uint32_t PagePool::Take() {
+    if (pages_.size() < mostPages_) {
+        Page page;
+        page.Bytes = std::make_unique_for_overwrite<std::array<unsigned char, PageBytes>>();
+        pages_.push_back(std::move(page));
+        return static_cast<std::uint32_t>(pages_.size());
+    }
+    do hand_ = (hand_ + 1) % pages_.size();
+    while (std::exchange(pages_[hand_].Used, false));
+    Page& page = pages_[hand_];
+    if (page.Owner != nullptr) (*page.Owner)[page.Number] = 0;
+    page.Owner = nullptr;
+    return static_cast<std::uint32_t>(hand_ + 1);
+}
+
+void PagePool::Keep(std::uint32_t place, Places& owner, std::size_t number) {
+    Page& page = pages_[place - 1];
+    page.Owner = &owner;
+    page.Number = number;
+    owner[number] = place;
+}
+
+void PagePool::Forget(const Places& owner) {
+    for (const std::uint32_t place : owner) {
+        if (place == 0) continue;
+        pages_[place - 1].Owner = nullptr;
+        pages_[place - 1].Used = false;
+    }
+}
+
+CheckedPages::CheckedPages(FileHandle file, const PagedPart& part, std::shared_ptr<PagePool> pool)
+    : file_(std::move(file)),
+      part_(part),
+      pool_(pool ? std::move(pool) : std::make_shared<PagePool>()) {
     checksums_.resize(part.PageCount());
     const std::size_t bytes = checksums_.size() * sizeof(std::uint64_t);
     ReadAt(part.Offset + part.Length, checksums_.data(), bytes);
     if (FastChecksum(checksums_.data(), bytes) != part.Checksum) throw DamagedFile();
-    pages_.resize(checksums_.size());
+    places_ = std::make_unique<PagePool::Places>(checksums_.size());
+}
+
+CheckedPages::~CheckedPages() {
+    if (places_) pool_->Forget(*places_);
+}
+
+CheckedPages& CheckedPages::operator=(CheckedPages&& other) noexcept {
+    CheckedPages old(std::move(*this));  // gives its places back
+    file_ = std::move(other.file_);
+    part_ = other.part_;
+    checksums_ = std::move(other.checksums_);
+    pool_ = std::move(other.pool_);
+    places_ = std::move(other.places_);
+    bytesRead_ = other.bytesRead_;
+    return *this;
 }
 
 const unsigned char* CheckedPages::Bytes(std::uint64_t at, std::size_t& length) {
@@ -47,21 +95,16 @@ const unsigned char* CheckedPages::Bytes(std::uint64_t at, std::size_t& length) 
     const std::uint64_t start = number * PageBytes;
     const auto full =
         static_cast<std::size_t>(std::min<std::uint64_t>(PageBytes, part_.Length - start));
-    auto& page = pages_[number];
-    if (!page) {
-        constexpr std::size_t mostHeld = 8192;  // 64 MB
-        if (held_ == mostHeld) {
-            for (auto& other : pages_) other.reset();
-            held_ = 0;
-        }
-        auto read = std::make_unique_for_overwrite<std::array<unsigned char, PageBytes>>();
-        ReadAt(part_.Offset + start, read->data(), full);
-        if (FastChecksum(read->data(), full) != checksums_[number]) throw DamagedFile();
-        page = std::move(read);
-        ++held_;
+    std::uint32_t place = (*places_)[number];
+    if (place == 0) {
+        place = pool_->Take();
+        unsigned char* page = pool_->At(place);
+        ReadAt(part_.Offset + start, page, full);
+        if (FastChecksum(page, full) != checksums_[number]) throw DamagedFile();
+        pool_->Keep(place, *places_, number);
     }
     length = full - static_cast<std::size_t>(at - start);
-    return page->data() + (at - start);
+    return pool_->At(place) + (at - start);
 }
 
 void CheckedPages::Copy(std::uint64_t at, void* bytes, std::size_t length) {

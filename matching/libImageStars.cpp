@@ -3,18 +3,13 @@
 #include <algorithm>
 #include <cmath>
 
+#include "matching/libStarPlaces.h"
+
 namespace vestrel {
 
 namespace {
 
 constexpr std::int32_t densityCells = 8;  // along each side
-
-double XOf(const PlateStar& star) {
-    return static_cast<double>(star.X);
-}
-double YOf(const PlateStar& star) {
-    return static_cast<double>(star.Y);
-}
 
 }  // namespace
 

@@ -7,16 +7,11 @@
 #include <utility>
 #include <vector>
 
+#include "matching/libStarPlaces.h"
+
 namespace vestrel {
 
 namespace {
-
-double XOf(const PlateStar& star) {
-    return static_cast<double>(star.X);
-}
-double YOf(const PlateStar& star) {
-    return static_cast<double>(star.Y);
-}
 
 double Residual(const PlateStarList& catalog, const PlateStarList& image, const StarMatch& pair,
                 const PlateConstants& plate) {

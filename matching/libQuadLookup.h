@@ -1,4 +1,4 @@
-// Looks up all quads of an image in the table of a band, and keeps the plates that the surrounding
+// Looks up the quads of an image in the table of a band, and keeps the plates that the surrounding
 // stars confirm.
 //
 // The quad match of the window (`MatchByQuads`) looks up one quad for each star. This search takes
@@ -15,45 +15,27 @@
 
 #include "astro/libSphericalMath.h"
 #include "matching/libCameraPlane.h"
+#include "matching/libImageQuads.h"
 #include "matching/libImageStars.h"
 #include "matching/libQuadTables.h"
 
 namespace vestrel {
 
-/// Four stars of an image: their numbers in its list, rising.
-using ImageQuad = std::array<std::int32_t, 4>;
-
-/// Which quads are formed, and how exactly they are compared.
-struct QuadLookupSettings {
-    double SmallestDiagonal = 0;   ///< of the field, radians
-    double LargestDiagonal = 0;    ///< radians
-    std::int32_t FirstStars = 16;  ///< how many first stars of the list lead quads
-    std::int32_t LookedUp = 0;     ///< how many first stars were looked up before: quads led by
-                                   ///< these alone are left out
-    double PlaceError = 0.5;       ///< of a star in the image, per axis, pixels
-};
-
-/// Whether the quads of a band are three stars with one between them, not a star and three
-/// neighbours.
-bool IsNarrowBand(const QuadBand& band);
-
-/// The quads of an image that a table for these field sizes may contain, brightest first.
-/// @param diagonal of the image, pixels
-std::vector<ImageQuad> QuadsOfImage(const PlateStarList& stars, double diagonal,
-                                    const QuadLookupSettings& settings);
-
 class QuadLookup {
  public:
     /// @param image brightest first; must outlive this
-    QuadLookup(QuadTables& tables, const ImageStars& image, const QuadLookupSettings& settings);
+    /// @param band the range of sizes of the field, of which the tables need not be
+    QuadLookup(QuadTables& tables, const ImageStars& image, const QuadBand& band);
 
     /// Receives each plate that the table's stars confirm, on the camera's plane with its tangent
     /// point in the middle of the image; true ends the search.
     using Accept = std::function<bool(const CentredPlate&)>;
 
+    /// @param quads of the image, in the order in which they are looked up
     /// @param stop asked before every quad; true ends the search
     /// @return whether a plate was accepted. @throws DamagedFile
-    bool Search(const Accept& accept, const std::function<bool()>& stop);
+    bool Search(const std::vector<ImageQuad>& quads, const Accept& accept,
+                const std::function<bool()>& stop);
 
     std::int32_t Searched() const { return searched_; }      ///< quads looked up
     std::int32_t Candidates() const { return candidates_; }  ///< table quads of the same shape
@@ -61,7 +43,10 @@ class QuadLookup {
 
  private:
     Quad ShapeOf(const ImageQuad& quad) const;
-    Direction DirectionAt(std::int32_t star) const;
+    /// Where a star is in the camera's own axes.
+    const Direction& DirectionAt(std::int32_t star) const {
+        return directions_[static_cast<std::size_t>(star)];
+    }
     bool Try(const ImageQuad& quad, const CatalogQuad& candidate, double tolerance,
              const Accept& accept);
     bool FitFour(const ImageQuad& quad, const std::array<CatalogStar, 4>& stars,
@@ -70,9 +55,10 @@ class QuadLookup {
 
     QuadTables& tables_;
     const ImageStars& image_;
-    QuadLookupSettings settings_;
-    double diagonal_;         ///< of the image, pixels
-    double radiansPerPixel_;  ///< of a field in the middle of the band
+    QuadBand band_;
+    double diagonal_;                    ///< of the image, pixels
+    double radiansPerPixel_;             ///< of a field in the middle of the band
+    std::vector<Direction> directions_;  ///< of all stars, by number
     std::int32_t searched_ = 0;
     std::int32_t candidates_ = 0;
     std::int32_t fitted_ = 0;

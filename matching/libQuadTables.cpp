@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <span>
 
 #include "astro/libMath.h"
+#include "matching/libShapeFilter.h"
 
 namespace vestrel {
 
@@ -19,33 +19,6 @@ CatalogStar StarOf(const unsigned char* record) {
     return DecodeCatalogStar(
         std::span<const unsigned char, CatalogRecordBytes>(record, CatalogRecordBytes));
 }
-
-/// Whether a stored shape may be one that is nearer than `limit` (squared distance).
-class ShapeFilter {
- public:
-    ShapeFilter(const Quad& shape, double tolerance) {
-        const std::array<float, 5> ratios = {shape.Ratio1, shape.Ratio3, shape.Ratio5, shape.Ratio2,
-                                             shape.Ratio4};
-        // A stored ratio stands for all ratios up to half a step away.
-        for (std::size_t i = 0; i < ratios.size(); ++i) at_[i] = ratios[i] * 1024 - 0.5F;
-        const double reach = tolerance * 1024 + 0.5 * std::sqrt(5.0) + 0.01;
-        limit_ = static_cast<float>(reach * reach);
-    }
-    bool Passes(std::uint32_t packed, const std::array<std::uint32_t, 3>& steps) const {
-        float sum = 0;
-        for (std::size_t i = 0; i < 3; ++i) {
-            const float d = static_cast<float>(steps[i] * 16 + (packed >> (4 * i) & 15)) - at_[i];
-            sum += d * d;
-        }
-        const float d2 = static_cast<float>(packed >> 12 & 1023) - at_[3];
-        const float d4 = static_cast<float>(packed >> 22) - at_[4];
-        return sum + d2 * d2 + d4 * d4 < limit_;
-    }
-
- private:
-    std::array<float, 5> at_{};
-    float limit_ = 0;
-};
 
 /// Adds a star to a list when it is bright and near enough.
 class NearbyStars {
@@ -78,10 +51,10 @@ class NearbyStars {
 
 }  // namespace
 
-QuadTables::QuadTables(FileHandle file, const QuadBand& band)
+QuadTables::QuadTables(FileHandle file, const QuadBand& band, std::shared_ptr<PagePool> pool)
     : band_(band),
       layout_(LayoutOf(band)),
-      pages_(std::move(file), band.Part),
+      pages_(std::move(file), band.Part, std::move(pool)),
       cells_(std::in_place, band.CellSize) {}
 
 QuadTables::Run QuadTables::RunOf(std::uint64_t starts, std::uint32_t cell, std::uint32_t cells,
@@ -115,7 +88,10 @@ CatalogQuad QuadTables::ReadQuad(std::uint32_t place) {
         quad.Stars[i] = ReadStar(first + bits.Take(band_.OffsetBits));
     }
     std::sort(quad.Stars.begin(), quad.Stars.end(), ComesBefore);
-    quad.Shape = QuadOfStars(quad.Stars);
+    for (std::size_t i = 0; i < quad.At.size(); ++i) {
+        quad.At[i] = DirectionOf(PositionOf(quad.Stars[i]));
+    }
+    quad.Shape = QuadOfDirections(quad.At);
     quad.Place = static_cast<std::int32_t>(place) + 1;
     return quad;
 }
@@ -134,13 +110,10 @@ std::vector<CatalogQuad> QuadTables::QuadsLike(const Quad& shape, double toleran
                 pages_.Bytes(layout_.Shapes + std::uint64_t{place} * 4, length);
             const std::uint32_t end =
                 std::min(run.End, place + static_cast<std::uint32_t>(length / 4));
-            std::vector<std::uint32_t> passing;
-            for (; place < end; ++place, bytes += 4) {
-                std::uint32_t packed = 0;
-                std::memcpy(&packed, bytes, sizeof packed);
-                if (filter.Passes(packed, steps)) passing.push_back(place);
-            }
-            for (const std::uint32_t candidate : passing) {
+            passing_.clear();
+            filter.Find(steps, bytes, end - place, place, passing_);
+            place = end;
+            for (const std::uint32_t candidate : passing_) {
                 if (candidate + 1 == band_.LastQuad) continue;
                 const CatalogQuad quad = ReadQuad(candidate);
                 const double difference = Wide(quad.Shape.QuadKey) - Wide(shape.QuadKey);
@@ -188,6 +161,41 @@ std::vector<CatalogStar> QuadTables::StarsAround(SkyPosition centre, double reac
     });
     std::sort(stars.begin(), stars.end(), ComesBefore);
     return stars;
+}
+
+void QuadTables::VisitStarsAround(SkyPosition centre, double reach,
+                                  const std::function<bool(const CatalogStar&)>& visit) {
+    if (band_.StarCount == 0) return;
+    constexpr double rounding = 1e-6;  // of the dot products
+    const double cosineReach = std::cos(std::min(reach, Pi)) - rounding;
+    const Direction middle = DirectionOf(centre);
+    // A heap whose first cell has the brightest star.
+    const auto isFainter = [](const CellStars& a, const CellStars& b) {
+        return ComesBefore(b.Next, a.Next);
+    };
+    std::vector<CellStars>& cells = visitedCells_;
+    cells.clear();
+    cells_->Around(centre, reach, [&](std::uint32_t first, std::uint32_t count) {
+        for (std::uint32_t cell = first; cell < first + count; ++cell) {
+            Run run = RunOf(layout_.StarStarts, cell, 1, band_.StarCount);
+            if (run.Begin == run.End) continue;
+            const CatalogStar star = ReadStar(run.Begin++);
+            cells.push_back({run, star});
+        }
+    });
+    std::make_heap(cells.begin(), cells.end(), isFainter);
+    while (!cells.empty()) {
+        std::pop_heap(cells.begin(), cells.end(), isFainter);
+        CellStars& cell = cells.back();
+        const CatalogStar star = cell.Next;
+        if (cell.Rest.Begin < cell.Rest.End) {
+            cell.Next = ReadStar(cell.Rest.Begin++);
+            std::push_heap(cells.begin(), cells.end(), isFainter);
+        } else {
+            cells.pop_back();
+        }
+        if (Dot(middle, DirectionOf(PositionOf(star))) >= cosineReach && !visit(star)) return;
+    }
 }
 
 void QuadTables::Check() {

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -18,7 +20,8 @@ class QuadTables {
     /// An empty table.
     QuadTables() = default;
     /// @param file holds the band that `ReadQuadBands` returned
-    QuadTables(FileHandle file, const QuadBand& band);
+    /// @param pool for its pages, shared with other tables; null for one of its own
+    QuadTables(FileHandle file, const QuadBand& band, std::shared_ptr<PagePool> pool = nullptr);
 
     std::uint32_t QuadCount() const { return band_.QuadCount; }
     std::uint32_t StarCount() const { return band_.StarCount; }
@@ -32,6 +35,10 @@ class QuadTables {
     /// The stars no farther than `reach` (radians) from a position, and a few more, in the order of
     /// `ComesBefore`.
     std::vector<CatalogStar> StarsAround(SkyPosition centre, double reach);
+    /// Visits the same stars in the same order, until `visit` returns false. Only the records that
+    /// it needs are decoded: the cells have their brightest stars first, so this merges them.
+    void VisitStarsAround(SkyPosition centre, double reach,
+                          const std::function<bool(const CatalogStar&)>& visit);
 
     /// Reads everything. @throws DamagedFile
     void Check();
@@ -42,6 +49,11 @@ class QuadTables {
         std::uint32_t Begin = 0;
         std::uint32_t End = 0;
     };
+    /// The stars of a cell that are still to be visited, and the brightest of them.
+    struct CellStars {
+        Run Rest;
+        CatalogStar Next;
+    };
     Run RunOf(std::uint64_t starts, std::uint32_t cell, std::uint32_t cells, std::uint32_t most);
     CatalogQuad ReadQuad(std::uint32_t place);
     CatalogStar ReadStar(std::uint32_t place);
@@ -50,6 +62,8 @@ class QuadTables {
     QuadLayout layout_;
     CheckedPages pages_;
     std::optional<SkyCells> cells_;
+    std::vector<std::uint32_t> passing_;   ///< in use while quads are compared
+    std::vector<CellStars> visitedCells_;  ///< in use while stars are visited
 };
 
 /// The stars of the table within `radius` (radians) of a position and no fainter than `magLimit`,

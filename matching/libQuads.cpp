@@ -3,8 +3,6 @@
 #include <cmath>
 #include <tuple>
 
-#include "astro/libSphericalMath.h"
-
 namespace vestrel {
 
 namespace {

@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "astro/libPlateStar.h"
+#include "astro/libSphericalMath.h"
 #include "catalog/libCatalogCells.h"
 
 namespace vestrel {
@@ -26,7 +27,8 @@ struct Quad {
 struct CatalogQuad {
     std::array<CatalogStar, 4> Stars;  ///< brightest first
     Quad Shape;
-    std::int32_t Place = 0;  ///< number in the table, from 1
+    std::int32_t Place = 0;         ///< number in the table, from 1
+    std::array<Direction, 4> At{};  ///< where the stars are
 };
 
 /// The shape of a quad from its six distances, in any order and unit. All ratios are NaN when the

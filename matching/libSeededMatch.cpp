@@ -6,17 +6,11 @@
 #include <limits>
 
 #include "astro/libMath.h"
+#include "matching/libStarPlaces.h"
 
 namespace vestrel {
 
 namespace {
-
-double XOf(const PlateStar& star) {
-    return static_cast<double>(star.X);
-}
-double YOf(const PlateStar& star) {
-    return static_cast<double>(star.Y);
-}
 
 constexpr double hitPart = 0.5;  // of the catalog stars that an image shows
 

@@ -55,9 +55,11 @@ std::optional<QuadBand> BandFor(std::FILE* file, double diagonal, LoadedQuadTabl
     return std::nullopt;
 }
 
-bool OpenBand(LoadedQuadTables& tables, FileHandle file, const QuadBand& band) {
+/// Opens a table into `table`. @return false when it is damaged: `tables.Fault` then says so
+bool OpenBand(LoadedQuadTables& tables, FileHandle file, const QuadBand& band, QuadTables& table,
+              std::shared_ptr<PagePool> pool = nullptr) {
     try {
-        tables.Tables = QuadTables(std::move(file), band);
+        table = QuadTables(std::move(file), band, std::move(pool));
     } catch (const DamagedFile& damage) {
         tables.Fault = TextFromPath(tables.File) + " " + damage.what();
     } catch (const std::bad_alloc&) {
@@ -84,9 +86,14 @@ std::vector<QuadBand> QuadBandsOf(ProgramState& state) {
     return file ? ReadBands(file.get(), state.Quads) : std::vector<QuadBand>{};
 }
 
-bool OpenQuadBand(ProgramState& state, const QuadBand& band) {
+QuadTables* QuadTablesOfBands::Open(ProgramState& state, const QuadBand& band) {
+    state.Quads.Fault.clear();
+    const auto found = opened_.find(band.Part.Offset);
+    if (found != opened_.end()) return &found->second;
     FileHandle file = OpenTables(state);
-    return file && OpenBand(state.Quads, std::move(file), band);
+    QuadTables table;
+    if (!file || !OpenBand(state.Quads, std::move(file), band, table, pool_)) return nullptr;
+    return &opened_.emplace(band.Part.Offset, std::move(table)).first->second;
 }
 
 void CloseQuadTables(ProgramState& state) {
@@ -97,7 +104,7 @@ bool LoadQuadTables(ProgramState& state, double width, double height) {
     FileHandle file = OpenTables(state);
     if (!file) return false;
     const auto band = BandFor(file.get(), std::sqrt(width * width + height * height), state.Quads);
-    return band && OpenBand(state.Quads, std::move(file), *band);
+    return band && OpenBand(state.Quads, std::move(file), *band, state.Quads.Tables);
 }
 
 }  // namespace vestrel

@@ -1,7 +1,10 @@
 // The quad tables of the catalog: finds and opens the one for a size of the field.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
+#include <map>
+#include <memory>
 #include <vector>
 
 #include "program/mGeneral.h"
@@ -23,8 +26,17 @@ bool LoadQuadTables(ProgramState& state, double width, double height);
 /// empty and `Quads.Fault` has the reason.
 std::vector<QuadBand> QuadBandsOf(ProgramState& state);
 
-/// Opens the table of a band. @return as `LoadQuadTables`
-bool OpenQuadBand(ProgramState& state, const QuadBand& band);
+/// The tables of all bands for a search that comes back to them. Each stays open, and together they
+/// keep no more pages in memory than a single one may.
+class QuadTablesOfBands {
+ public:
+    /// The table of a band; null when it cannot be opened: `Quads.Fault` then has the reason.
+    QuadTables* Open(ProgramState& state, const QuadBand& band);
+
+ private:
+    std::shared_ptr<PagePool> pool_ = std::make_shared<PagePool>();
+    std::map<std::uint64_t, QuadTables> opened_;  ///< by their places in the file
+};
 
 /// Closes the table after a search, because Windows replaces no catalog of which a file is open.
 /// Its name and fault stay.

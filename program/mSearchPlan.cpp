@@ -18,6 +18,7 @@
 #include "program/mPlanAttempts.h"
 #include "program/mPlanStars.h"
 #include "program/mPlateMatch.h"
+#include "program/mQuadTables.h"
 #include "program/mStarExtraction.h"
 #include "program/mStopwatch.h"
 
@@ -295,21 +296,18 @@ class Plan {
         if (stars.Count() < fewest || twice) return false;
         const ImageStars places(stars, state_.Image.Width, state_.Image.Height);
         const SeededJudge judge(places);
+        const ImageQuads quads(stars, std::hypot(places.Width(), places.Height()),
+                               {attempt.FirstStars, attempt.LookedUp});
         return std::any_of(bands.begin(), bands.end(), [&](const QuadBand& band) {
             if (MustEnd()) return false;
             const QuadBand* table = attempt.InSmallerFields ? NextSmaller(band, bands) : &band;
             if (table == nullptr) return false;
-            if (!OpenQuadBand(state_, *table)) {
+            QuadTables* const opened = tables_.Open(state_, *table);
+            if (opened == nullptr) {
                 quadFault_ = state_.Quads.Fault;
                 return false;
             }
-            QuadLookupSettings settings;
-            settings.SmallestDiagonal = band.SmallestDiagonal;
-            settings.LargestDiagonal = band.LargestDiagonal;
-            const int more = IsNarrowBand(band) ? 1 : 3;
-            settings.FirstStars = more * attempt.FirstStars;
-            settings.LookedUp = more * attempt.LookedUp;
-            return LookUpBand(judge, settings);
+            return LookUpBand(*opened, band, quads.For(band), judge);
         });
     }
 
@@ -321,10 +319,11 @@ class Plan {
         return IsNarrowBand(band) && found != bands.end() ? &*found : nullptr;
     }
 
-    bool LookUpBand(const SeededJudge& judge, const QuadLookupSettings& settings) {
+    bool LookUpBand(QuadTables& tables, const QuadBand& band, const std::vector<ImageQuad>& quads,
+                    const SeededJudge& judge) {
         QuadSearch& search = state_.QuadMatch;
         const StageTimer timer(search.Seconds);
-        QuadLookup lookup(state_.Quads.Tables, judge.Image(), settings);
+        QuadLookup lookup(tables, judge.Image(), band);
         const QuadSearch before = search;
         const auto count = [&] {
             search.Searched = before.Searched + lookup.Searched();
@@ -337,7 +336,7 @@ class Plan {
         };
         bool found = false;
         try {
-            found = lookup.Search(accept, [this] { return MustEnd(); });
+            found = lookup.Search(quads, accept, [this] { return MustEnd(); });
         } catch (const DamagedFile& damage) {
             quadFault_ = TextFromPath(state_.Quads.File) + " " + damage.what();
         }
@@ -380,6 +379,7 @@ class Plan {
     std::chrono::steady_clock::time_point start_;
     double lastYield_ = 0;
     bool enoughStars_ = false;
+    QuadTablesOfBands tables_;
     std::string quadFault_;
     double searches_ = 0;  ///< regions and lists that were tried
     bool mosaic_;          ///< the image is a mosaic of colours

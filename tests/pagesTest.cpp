@@ -81,6 +81,44 @@ TEST(CheckedPages, GiveEveryByteAndNoneThatWasChanged) {
     }
 }
 
+TEST(PagePool, PartsThatShareItKeepTheirBytesWithinItsLimitAndGiveTheirPlacesBack) {
+    const TemporaryFolder folder;
+    Random random(40);
+    std::vector<MadePart> made;
+    for (const std::size_t length : {60000U, 100000U, 8192U}) {
+        made.push_back(PartOf(random, length, length % 100));
+        WriteFile(folder / std::to_string(length), made.back().File);
+    }
+    // All pages of all parts are 22.
+    for (const std::size_t most : {1U, 2U, 7U, 22U}) {
+        const auto pool = std::make_shared<PagePool>(most);
+        std::vector<CheckedPages> parts;
+        const auto open = [&](std::size_t i) {
+            const std::string name = std::to_string(made[i].Part.Length);
+            return CheckedPages(OpenFile(folder / name, "rb"), made[i].Part, pool);
+        };
+        for (std::size_t i = 0; i < made.size(); ++i) parts.push_back(open(i));
+        for (int turn = 0; turn < 2000; ++turn) {
+            const auto i = static_cast<std::size_t>(random.Whole(0, 2));
+            const auto length = static_cast<int>(made[i].Content.size());
+            const auto from = static_cast<std::size_t>(random.Whole(0, length - 1));
+            const auto some = std::min<std::size_t>(static_cast<std::size_t>(length) - from, 300);
+            std::string bytes(some, '?');
+            parts[i].Copy(from, bytes.data(), some);
+            ASSERT_EQ(bytes, made[i].Content.substr(from, some)) << "of another page";
+            ASSERT_LE(pool->Held(), most);
+            // A part that is opened anew, moved or dropped must not leave its pages to others.
+            if (turn % 100 == 50) parts[i] = open(i);
+            if (turn % 300 == 150) std::swap(parts[0], parts[1]), std::swap(made[0], made[1]);
+            if (turn == 1000) parts.pop_back(), parts.push_back(open(2));
+            // With room for all, no page is read twice, whichever part asks.
+            if (most == 22 && turn > 1000) {
+                ASSERT_LE(parts[2].BytesRead(), made[2].Part.Stored());
+            }
+        }
+    }
+}
+
 TEST(CheckedPages, TellNearlyEqualBytesApart) {
     std::string bytes(100, '\0');
     std::vector<std::uint64_t> sums;

@@ -21,8 +21,10 @@
 #include "catalogtool/libSkyFrames.h"
 #include "matching/libQuadFile.h"
 #include "matching/libQuadLookup.h"
+#include "matching/libShapeFilter.h"
 #include "program/mMORA.h"
 #include "tests/testSupport.h"
+#include "tests/vectorsForNow.h"
 #include "tools/libFrameRenderer.h"
 
 namespace vestrel {
@@ -34,6 +36,25 @@ using Four32 = std::array<std::uint32_t, 4>;
 
 PlateStar At(double x, double y) {
     return {static_cast<float>(x), static_cast<float>(y)};
+}
+
+/// Random stars in a frame of 500 x 400 pixels, brightest first.
+PlateStarList Scattered(int count, Random& random) {
+    PlateStarList list;
+    for (int i = 0; i < count; ++i) {
+        PlateStar star = At(random.Between(0, 499), random.Between(0, 399));
+        star.Flux = static_cast<float>(1000 - i);
+        list.Add(star);
+    }
+    return list;
+}
+
+/// A range of field sizes, degrees.
+QuadBand BandOf(double smallest, double largest) {
+    QuadBand band;
+    band.SmallestDiagonal = smallest * degree;
+    band.LargestDiagonal = largest * degree;
+    return band;
 }
 
 TEST(QuadShape, IsTheSameForAnyPlacementMirroringAndOrder) {
@@ -280,6 +301,77 @@ TEST(QuadLookUp, GivesWhatAScanOfAllQuadsGivesInTheOrderOfKeysButTheLast) {
     EXPECT_GT(most, 2U);
 }
 
+/// A shape near enough to `shape`, as a table packs it: its cell and the rest.
+struct PackedShape {
+    std::array<std::uint32_t, 3> Cell{};
+    std::uint32_t Rest = 0;
+};
+PackedShape Packed(const Quad& shape) {
+    const auto fine = [](float ratio) {
+        return static_cast<std::uint32_t>(std::clamp(ratio * 1024.0F, 0.0F, 1023.0F));
+    };
+    const std::uint32_t r1 = fine(shape.Ratio1);
+    const std::uint32_t r3 = fine(shape.Ratio3);
+    const std::uint32_t r5 = fine(shape.Ratio5);
+    return {{r1 / 16, r3 / 16, r5 / 16},
+            (r1 & 15) | (r3 & 15) << 4 | (r5 & 15) << 8 | fine(shape.Ratio2) << 12 |
+                fine(shape.Ratio4) << 22};
+}
+
+TEST(ShapeFilter, ComparesManyAsOneByOneAndLosesNoShapeThatIsNear) {
+    Random random(14);
+    int near = 0;
+    int passed = 0;
+    int all = 0;
+    for (int trial = 0; trial < 3000; ++trial) {
+        Quad wanted;
+        for (float* ratio :
+             {&wanted.Ratio1, &wanted.Ratio2, &wanted.Ratio3, &wanted.Ratio4, &wanted.Ratio5}) {
+            *ratio = static_cast<float>(random.Between(0, 1));
+        }
+        const double tolerance = trial % 2 == 0 ? 0.002 : 0.01;
+        // Shapes at the edge of the tolerance; they are compared in the cell of the first.
+        std::vector<Quad> shapes(static_cast<std::size_t>(random.Whole(1, 70)), wanted);
+        for (Quad& shape : shapes) {
+            for (float* ratio :
+                 {&shape.Ratio1, &shape.Ratio2, &shape.Ratio3, &shape.Ratio4, &shape.Ratio5}) {
+                const double off = random.Normal(tolerance * random.Between(0.2, 1));
+                *ratio = static_cast<float>(std::clamp(*ratio + off, 0.0, 1.0));
+            }
+        }
+        const PackedShape first = Packed(shapes.front());
+        std::vector<std::uint32_t> packed;
+        for (const Quad& shape : shapes) packed.push_back(Packed(shape).Rest);
+        std::vector<std::vector<std::uint32_t>> found;
+        for (const bool plain : {true, false}) {
+            const VectorsForNow now(plain);
+            const ShapeFilter own(wanted, tolerance);
+            std::vector<std::uint32_t> together;
+            std::vector<std::uint32_t> single;
+            const auto* bytes = reinterpret_cast<const unsigned char*>(packed.data());
+            own.Find(first.Cell, bytes, packed.size(), 100, together);
+            for (std::size_t i = 0; i < packed.size(); ++i) {
+                own.Find(first.Cell, bytes + 4 * i, 1, 100 + static_cast<std::uint32_t>(i), single);
+            }
+            ASSERT_EQ(together, single);
+            found.push_back(together);
+        }
+        ASSERT_EQ(found[0], found[1]) << "the vectors of the processor change what passes";
+        for (std::size_t i = 0; i < shapes.size(); ++i) {
+            const bool passes = std::count(found[0].begin(), found[0].end(), 100 + i) > 0;
+            const bool sameCell = Packed(shapes[i]).Cell == first.Cell;
+            all += sameCell;
+            passed += sameCell && passes;
+            if (sameCell && QuadDistance(shapes[i], wanted) < tolerance) {
+                ++near;
+                ASSERT_TRUE(passes);
+            }
+        }
+    }
+    EXPECT_GT(near, 1000);
+    EXPECT_LT(passed, all) << "nothing is left out";
+}
+
 TEST(QuadStars, AroundAPlaceAreThoseOfAScanOfTheWholeTable) {
     const TemporaryFolder folder;
     Random random(3);
@@ -301,6 +393,18 @@ TEST(QuadStars, AroundAPlaceAreThoseOfAScanOfTheWholeTable) {
         const double limit = random.Between(0, 12);
         Projection projection;
         const PlateStarList list = NearbyCatalogStars(tables, projection, {ra, dec}, radius, limit);
+        // Cell by cell, merged by brightness: the same stars in the same order.
+        const std::vector<CatalogStar> around = tables.StarsAround({ra, dec}, radius);
+        const std::size_t wanted = trial % 2 == 0 ? around.size() : (around.size() + 1) / 2;
+        std::size_t visited = 0;
+        tables.VisitStarsAround({ra, dec}, radius, [&](const CatalogStar& star) {
+            EXPECT_TRUE(visited < wanted && star.Ra == around[visited].Ra &&
+                        star.Dec == around[visited].Dec && star.Mag == around[visited].Mag);
+            return ++visited < wanted;
+        });
+        if (wanted > 0) {
+            EXPECT_EQ(visited, wanted);
+        }
 
         PlateStarList plain;
         Projection plane;
@@ -499,12 +603,11 @@ struct LookupOutcome {
 };
 
 TEST_F(QuadSkyTest, LookupFindsTheFrameAmongFalseAndLostBrightStarsAndNothingInRandomOnes) {
-    QuadLookupSettings settings;
-    settings.SmallestDiagonal = Plans().front().SmallestDiagonal * degree;
-    settings.LargestDiagonal = Plans().front().LargestDiagonal * degree;
+    const QuadBand band = BandOf(Plans().front().SmallestDiagonal, Plans().front().LargestDiagonal);
     const auto lookUp = [&](const PlateStarList& stars) {
         const ImageStars image(stars, frameWidth, frameHeight);
-        QuadLookup lookup(State.Quads.Tables, image, settings);
+        QuadLookup lookup(State.Quads.Tables, image, band);
+        const ImageQuads quads(stars, std::hypot(frameWidth, frameHeight), LeadingStars());
         LookupOutcome outcome;
         const auto accept = [&](const CentredPlate& plate) {
             ++outcome.Shown;
@@ -512,7 +615,7 @@ TEST_F(QuadSkyTest, LookupFindsTheFrameAmongFalseAndLostBrightStarsAndNothingInR
             outcome.Found = CentreError() < 2;
             return outcome.Found;
         };
-        EXPECT_EQ(lookup.Search(accept, [] { return false; }), outcome.Found);
+        EXPECT_EQ(lookup.Search(quads.For(band), accept, [] { return false; }), outcome.Found);
         outcome.Searched = lookup.Searched();
         return outcome;
     };
@@ -545,28 +648,106 @@ TEST_F(QuadSkyTest, LookupFindsTheFrameAmongFalseAndLostBrightStarsAndNothingInR
     EXPECT_GT(all.Searched, 3000);
 }
 
+/// The quads of an image for one band, as plainly as they can be said.
+std::vector<ImageQuad> PlainQuads(const PlateStarList& stars, double diagonal, LeadingStars leading,
+                                  const QuadBand& band) {
+    const auto distance = [&](int a, int b) {
+        return std::hypot(static_cast<double>(stars[a].X) - static_cast<double>(stars[b].X),
+                          static_cast<double>(stars[a].Y) - static_cast<double>(stars[b].Y));
+    };
+    const double reach = 1.5 * degree / band.SmallestDiagonal * diagonal;
+    std::set<ImageQuad> quads;
+    const int n = stars.Count();
+    const bool narrow = band.LargestDiagonal < 3.5 * degree + 1e-6;
+    if (!narrow) {
+        for (int s = 3 * leading.LookedUp + 1; s <= std::min(3 * leading.First, n); ++s) {
+            std::vector<int> near;
+            for (int j = 1; j <= n && near.size() < 7; ++j) {
+                if (j != s && distance(s, j) < reach) near.push_back(j);
+            }
+            for (int a : near) {
+                for (int b : near) {
+                    for (int c : near) {
+                        ImageQuad quad{s, a, b, c};
+                        std::sort(quad.begin(), quad.end());
+                        if (a < b && b < c) quads.insert(quad);
+                    }
+                }
+            }
+        }
+    }
+    for (int c = 3; narrow && c <= std::min(leading.First, n); ++c) {
+        if (c <= leading.LookedUp) continue;
+        for (int b = 2; b < c; ++b) {
+            for (int a = 1; a < b; ++a) {
+                // The two stars farthest apart, of equal ones the first.
+                int one = a;
+                int other = b;
+                if (distance(b, c) > distance(one, other)) one = b, other = c;
+                if (distance(c, a) > distance(one, other)) one = c, other = a;
+                if (distance(one, other) > reach) continue;
+                int between = 0;
+                for (int d = b + 1; d <= n && between < 3; ++d) {
+                    const double x = (static_cast<double>(stars[one].X) + stars[other].X) / 2;
+                    const double y = (static_cast<double>(stars[one].Y) + stars[other].Y) / 2;
+                    if (d == c ||
+                        std::hypot(stars[d].X - x, stars[d].Y - y) > distance(one, other) / 2) {
+                        continue;
+                    }
+                    ++between;
+                    ImageQuad quad{a, b, c, d};
+                    std::sort(quad.begin(), quad.end());
+                    quads.insert(quad);
+                }
+            }
+        }
+    }
+    std::vector<ImageQuad> ordered(quads.begin(), quads.end());
+    std::stable_sort(ordered.begin(), ordered.end(), [](const ImageQuad& a, const ImageQuad& b) {
+        return a[0] + a[1] + a[2] + a[3] < b[0] + b[1] + b[2] + b[3];
+    });
+    return ordered;
+}
+
+TEST(ImageQuads, FormedOnceAreThoseOfEveryBandInTheirOrder) {
+    Random random(77);
+    const double diagonal = std::hypot(500, 400);
+    std::size_t narrowOnes = 0;
+    std::size_t leftOut = 0;
+    for (const int count : {0, 3, 4, 5, 9, 40, 150}) {
+        const PlateStarList stars = Scattered(count, random);
+        for (const LeadingStars leading : {LeadingStars{10, 0}, {20, 10}, {20, 0}, {3, 2}}) {
+            const ImageQuads quads(stars, diagonal, leading);
+            std::size_t most = 0;
+            for (const double size : {0.2, 0.9, 1.25, 1.75, 2.5, 3.5, 5.0, 7.1, 18.0}) {
+                const QuadBand band = BandOf(size, size * 1.4);
+                const std::vector<ImageQuad> some = quads.For(band);
+                ASSERT_EQ(some, PlainQuads(stars, diagonal, leading, band)) << count << " " << size;
+                if (!IsNarrowBand(band)) continue;
+                narrowOnes += some.size();
+                most = std::max(most, some.size());
+                leftOut += most - some.size();
+            }
+        }
+    }
+    EXPECT_GT(narrowOnes, 10000U);
+    EXPECT_GT(leftOut, 1000U) << "large fields have fewer";
+}
+
 TEST_F(QuadSkyTest, LookupOfMoreStarsLeavesOutWhatWasLookedUpBefore) {
     TakeFrame(Frame());
-    QuadLookupSettings few;
-    few.SmallestDiagonal = 2.5 * degree;
-    few.LargestDiagonal = 3.5 * degree;
-    QuadLookupSettings all = few;
-    QuadLookupSettings rest = few;
-    few.FirstStars = rest.LookedUp = 9;
     const double diagonal = std::hypot(frameWidth, frameHeight);
     for (const double size : {1.0, 2.0}) {  // triples, and neighbours
-        for (QuadLookupSettings* settings : {&few, &all, &rest}) {
-            settings->SmallestDiagonal *= size;
-            settings->LargestDiagonal *= size;
-        }
-        const auto set = [&](const QuadLookupSettings& settings) {
-            const auto quads = QuadsOfImage(State.PlateStars, diagonal, settings);
+        const auto set = [&](const LeadingStars& leading) {
+            const auto quads =
+                ImageQuads(State.PlateStars, diagonal, leading).For(BandOf(2.5 * size, 3.5 * size));
             return std::set<ImageQuad>(quads.begin(), quads.end());
         };
-        std::set<ImageQuad> both = set(few);
-        EXPECT_GT(both.size(), 100U);
-        both.merge(set(rest));
-        EXPECT_EQ(both, set(all));
+        std::set<ImageQuad> both = set({6, 0});
+        EXPECT_GT(both.size(), 20U);
+        EXPECT_LT(both.size(), set({16, 0}).size());
+        both.merge(set({16, 6}));
+        EXPECT_EQ(both, set({16, 0}));
     }
 }
 
@@ -677,17 +858,6 @@ TEST_F(QuadSkyTest, TablesDoNotDependOnThreadsAndSurviveTheirFileOrAreRefused) {
     EXPECT_FALSE(LoadQuadTables(State, 0.04, 0.03));
     EXPECT_NE(State.Quads.Fault.find("another version: vestrel-catalog quads makes it anew"),
               std::string::npos);
-}
-
-/// Random stars in a frame of 500 x 400 pixels, brightest first.
-PlateStarList Scattered(int count, Random& random) {
-    PlateStarList list;
-    for (int i = 0; i < count; ++i) {
-        PlateStar star = At(random.Between(0, 499), random.Between(0, 399));
-        star.Flux = static_cast<float>(1000 - i);
-        list.Add(star);
-    }
-    return list;
 }
 
 /// The plate without mirroring that takes two stars onto two others.
