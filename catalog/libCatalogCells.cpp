@@ -51,13 +51,11 @@ std::string CellName(const CellPosition& cell) {
 }
 
 double SliceWidth(int zone) {
-    if (zone <= 11) return 4;
-    if (zone <= 19) return 5;
-    if (zone <= 23) return 6;
-    if (zone <= 27) return 8;
-    if (zone <= 31) return 12;
-    if (zone <= 34) return 20;
-    return 360;
+    // A table, because stars come in no order of zones and comparisons would be mispredicted.
+    static constexpr std::array<double, ZonesPerHemisphere> widths = {
+        4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4,  4,  5,  5,  5,  5,  5,  5,
+        5, 5, 6, 6, 6, 6, 8, 8, 8, 8, 12, 12, 12, 12, 20, 20, 20, 360};
+    return widths[static_cast<std::size_t>(zone)];
 }
 
 int SlicesInZone(int zone) {

@@ -1,9 +1,11 @@
 #include "catalogtool/buildRun.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <system_error>
 #include <utility>
 
+#include "astro/libParallel.h"
 #include "astro/libStrings.h"
 #include "catalogtool/commands.h"
 #include "catalogtool/libAstap.h"
@@ -93,20 +95,62 @@ class Build {
 
     void Filter(const std::string& text) { manifest_.Filters.push_back(text); }
 
-    void Add(const SkyStar& star, OpenSource& source) {
+    /// What some stars of a source give.
+    struct PlacedStars {
+        std::vector<PlacedStar> Stars;
+        std::vector<SkyStar> NearBright;  ///< that may be stars of the bright lists
+        std::size_t Unusable = 0;
+        std::uint64_t Filtered = 0;
+    };
+
+    /// Finds the place of a star, unless it is not wanted.
+    void Place(const SkyStar& star, PlacedStars& placed) const {
         const std::optional<CatalogStar> stored = StoredStar(star);
         if (!stored) {
-            ++source.Unusable;
+            ++placed.Unusable;
         } else if ((options_.MagMin && star.Mag < *options_.MagMin) ||
                    (options_.MagMax && star.Mag > *options_.MagMax)) {
-            ++source.Filtered;
+            ++placed.Filtered;
         } else {
-            builder_.Add(*stored, number_);
-            ++source.Record.Used;
+            placed.Stars.push_back(PlaceOf(*stored, number_));
         }
     }
 
+    void Add(const PlacedStars& placed, OpenSource& source) {
+        source.Unusable += placed.Unusable;
+        source.Filtered += placed.Filtered;
+        source.Record.Used += placed.Stars.size();
+        for (const PlacedStar& star : placed.Stars) builder_.Add(star);
+    }
+
+    /// Adds the stars that wait, in their order; the processors share the search for their places.
+    void AddWaiting(OpenSource& source) {
+        constexpr std::size_t pieceStars = 8192;
+        std::vector<PlacedStars> pieces((waiting_.size() + pieceStars - 1) / pieceStars);
+        ParallelFor(static_cast<int>(pieces.size()), [&](int number) {
+            const auto piece = static_cast<std::size_t>(number);
+            const std::size_t end = std::min((piece + 1) * pieceStars, waiting_.size());
+            pieces[piece].Stars.reserve(pieceStars);
+            for (std::size_t i = piece * pieceStars; i < end; ++i) {
+                const SkyStar& star = waiting_[i];
+                if (std::any_of(bright_.begin(), bright_.end(),
+                                [&star](const auto& list) { return list.Finder.IsNear(star); })) {
+                    pieces[piece].NearBright.push_back(star);
+                }
+                Place(star, pieces[piece]);
+            }
+        });
+        for (const PlacedStars& piece : pieces) {
+            for (BrightList& list : bright_) {
+                for (const SkyStar& star : piece.NearBright) list.Finder.Visit(star);
+            }
+            Add(piece, source);
+        }
+        waiting_.clear();
+    }
+
     void Close(OpenSource& source) {
+        AddWaiting(source);
         source.LeaveOut("no usable position or magnitude", source.Unusable);
         source.LeaveOut("left out by magnitude", source.Filtered);
         manifest_.Sources.push_back(source.Record);
@@ -173,10 +217,12 @@ class Build {
         BrightList& list = bright_[number];
         const std::vector<SkyStar> missing = list.Finder.Missing();
         list.Source.LeaveOut("in the survey already", list.Count - missing.size());
+        PlacedStars placed;
         for (const SkyStar& star : missing) {
             for (std::size_t i = number + 1; i < bright_.size(); ++i) bright_[i].Finder.Visit(star);
-            Add(star, list.Source);
+            Place(star, placed);
         }
+        Add(placed, list.Source);
         Close(list.Source);
         manifest_.BrightGapFilled = true;
     }
@@ -184,8 +230,9 @@ class Build {
     /// A sink that adds the stars of a source.
     StarSink Into(OpenSource& source) {
         return [this, &source](const SkyStar& star) {
-            for (BrightList& list : bright_) list.Finder.Visit(star);
-            Add(star, source);
+            constexpr std::size_t mostWaiting = 1 << 17;
+            waiting_.push_back(star);
+            if (waiting_.size() >= mostWaiting) AddWaiting(source);
         };
     }
 
@@ -336,6 +383,7 @@ class Build {
     ProgressLine progress_;
     CatalogManifest manifest_;
     std::vector<BrightList> bright_;
+    std::vector<SkyStar> waiting_;  ///< stars of the source that is being read
     std::vector<fs::path> deepKStars_;
     unsigned char number_ = 0;  ///< rank of the source that is being read
 };

@@ -92,6 +92,11 @@ BrightStarFinder::BrightStarFinder(std::vector<SkyStar> stars)
     }
 }
 
+bool BrightStarFinder::IsNear(const SkyStar& star) const {
+    const Direction at = DirectionOf(PositionOf(star));
+    return boxes_.contains(BoxNumber(at[0], at[1], at[2]));
+}
+
 void BrightStarFinder::Visit(const SkyStar& star) {
     constexpr double near = 10 * arcsecond;
     if (stars_.empty()) return;

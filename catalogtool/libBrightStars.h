@@ -29,6 +29,10 @@ class BrightStarFinder {
     /// Centauri, does not count.
     void Visit(const SkyStar& star);
 
+    /// Whether a star is so near to a bright one that it must be visited; far from all of them
+    /// `Visit` has no effect. Threads may ask at once.
+    bool IsNear(const SkyStar& star) const;
+
     /// The bright stars that the survey does not contain.
     std::vector<SkyStar> Missing() const;
 

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "astro/libMath.h"
+#include "astro/libParallel.h"
 #include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 
@@ -19,6 +20,10 @@ namespace {
 
 /// A spilled star: its record and its source.
 constexpr std::size_t spillBytes = CatalogRecordBytes + 1;
+
+/// Stars that are sorted by cell together. 4 MB of them fit the cache, where they can go to all
+/// cells in turn without waiting for memory; fewer would make many reads of few stars.
+constexpr std::size_t runStars = 1 << 17;
 
 constexpr double sameStar = 2 / 3600.0 * RadiansPerDegree;
 constexpr int sameMagnitude = 100;  // hundredths
@@ -87,57 +92,61 @@ void WriteBytes(const std::filesystem::path& path, const std::vector<unsigned ch
     }
 }
 
-auto OrderKey(const CatalogStar& star) {
-    return std::tuple(star.Mag, star.Dec, star.Ra);
+auto OrderKey(const PlacedStar& star) {
+    return std::tuple(star.Star.Mag, star.Star.Dec, star.Star.Ra);
 }
 
-}  // namespace
-
-CatalogBuilder::CatalogBuilder(std::filesystem::path folder, std::size_t gatheredStars)
-    : folder_(std::move(folder)), limit_(gatheredStars) {
-    gathered_.reserve(limit_);
+bool AreEqual(const PlacedStar& a, const PlacedStar& b) {
+    return OrderKey(a) == OrderKey(b);
 }
 
-std::filesystem::path CatalogBuilder::FileOf(std::size_t cell) const {
-    return folder_ / CellName(AllCells()[cell]);
-}
-
-void CatalogBuilder::Add(const CatalogStar& star, unsigned char source) {
-    severalSources_ = severalSources_ || source > 0;
-    const CellPosition cell = CellOfStored(star);
-    if (IsAtAnEdge(star, cell) && IsKnownBeyondTheEdge(star, source)) {
-        ++mergedCount_;
-        return;
-    }
-    // Stars are appended to one list: an access to the cell's own list for every star would wait
-    // for memory.
-    gathered_.push_back({star, source, static_cast<std::uint16_t>(CellNumber(cell))});
-    if (gathered_.size() >= limit_) {
-        Sort();
-        Spill();
-    }
-}
-
-bool CatalogBuilder::IsKnownBeyondTheEdge(const CatalogStar& star, unsigned char source) {
-    const CellPosition cell = CellOfStored(star);
-    for (int box = 0; box < 27; ++box) {
-        const auto near = edgeStars_.find(BoxOf(star, {box % 3 - 1, box / 3 % 3 - 1, box / 9 - 1}));
-        if (near == edgeStars_.end()) continue;
-        for (const SourceStar& other : near->second) {
-            if (other.Source < source && !(CellOfStored(other.Star) == cell) &&
-                AreSameStar(other.Star, star)) {
-                return true;
-            }
+/// Sorts stars into `buckets` buckets, in place: each star is swapped into its own one ("American
+/// flag sort": McIlroy, Bostic & McIlroy 1993, Computing Systems 6, 5). Returns the first star of
+/// each bucket, and the end.
+template <typename BucketOf>
+std::vector<std::uint32_t> SortByBucket(std::span<PlacedStar> stars, std::size_t buckets,
+                                        BucketOf bucketOf) {
+    std::vector<std::uint32_t> starts(buckets + 1, 0);
+    for (const PlacedStar& star : stars) ++starts[bucketOf(star) + 1];
+    for (std::size_t i = 1; i <= buckets; ++i) starts[i] += starts[i - 1];
+    std::vector<std::uint32_t> next(starts.begin(), starts.end() - 1);
+    for (std::size_t bucket = 0; bucket < buckets; ++bucket) {
+        while (next[bucket] < starts[bucket + 1]) {
+            PlacedStar& star = stars[next[bucket]];
+            const std::size_t home = bucketOf(star);
+            const std::size_t place = next[home]++;
+            if (home != bucket) std::swap(star, stars[place]);
         }
     }
-    edgeStars_[BoxOf(star, {0, 0, 0})].push_back({star, source});
-    return false;
+    return starts;
 }
 
-/// Removes the stars that an earlier source has.
-void CatalogBuilder::Merge(std::vector<SourceStar>& stars) {
+/// Sorts stars by magnitude, equal magnitudes by position. Even of many stars few have the same
+/// magnitude, so sorting them into one bucket for each leaves little to compare.
+void SortByBrightness(std::vector<PlacedStar>& stars) {
+    const auto sort = [&stars](std::size_t first, std::size_t end) {
+        std::sort(stars.begin() + static_cast<std::ptrdiff_t>(first),
+                  stars.begin() + static_cast<std::ptrdiff_t>(end),
+                  [](const auto& a, const auto& b) { return OrderKey(a) < OrderKey(b); });
+    };
+    constexpr std::size_t fewStars = 1000;
+    if (stars.size() <= fewStars) return sort(0, stars.size());
+    const auto [brightest, faintest] =
+        std::minmax_element(stars.begin(), stars.end(),
+                            [](const auto& a, const auto& b) { return a.Star.Mag < b.Star.Mag; });
+    const int first = brightest->Star.Mag;
+    const auto buckets = static_cast<std::size_t>(faintest->Star.Mag - first) + 1;
+    const std::vector<std::uint32_t> starts =
+        SortByBucket(std::span(stars), buckets, [first](const PlacedStar& star) {
+            return static_cast<std::size_t>(star.Star.Mag - first);
+        });
+    for (std::size_t i = 0; i < buckets; ++i) sort(starts[i], starts[i + 1]);
+}
+
+/// Removes the stars that an earlier source has; returns their number.
+std::size_t Merge(std::vector<PlacedStar>& stars) {
     std::sort(stars.begin(), stars.end(),
-              [](const SourceStar& a, const SourceStar& b) { return a.Star.Dec < b.Star.Dec; });
+              [](const PlacedStar& a, const PlacedStar& b) { return a.Star.Dec < b.Star.Dec; });
     std::vector<bool> same(stars.size());
     for (std::size_t i = 0; i < stars.size(); ++i) {
         for (std::size_t j = i + 1;
@@ -152,8 +161,56 @@ void CatalogBuilder::Merge(std::vector<SourceStar>& stars) {
     for (std::size_t i = 0; i < stars.size(); ++i) {
         if (!same[i]) stars[kept++] = stars[i];
     }
-    mergedCount_ += stars.size() - kept;
+    const std::size_t merged = stars.size() - kept;
     stars.resize(kept);
+    return merged;
+}
+
+}  // namespace
+
+PlacedStar PlaceOf(const CatalogStar& star, unsigned char source) {
+    const CellPosition cell = CellOfStored(star);
+    return {star, source, IsAtAnEdge(star, cell), static_cast<std::uint16_t>(CellNumber(cell))};
+}
+
+CatalogBuilder::CatalogBuilder(std::filesystem::path folder, std::size_t gatheredStars)
+    : folder_(std::move(folder)), limit_(gatheredStars) {
+    gathered_.reserve(limit_);
+}
+
+std::filesystem::path CatalogBuilder::FileOf(std::size_t cell) const {
+    return folder_ / CellName(AllCells()[cell]);
+}
+
+void CatalogBuilder::Add(const PlacedStar& star) {
+    severalSources_ = severalSources_ || star.Source > 0;
+    if (star.IsAtEdge && IsKnownBeyondTheEdge(star)) {
+        ++mergedCount_;
+        return;
+    }
+    // Stars are appended to one list: an access to the cell's own list for every star would wait
+    // for memory.
+    gathered_.push_back(star);
+    if (gathered_.size() >= limit_) {
+        Sort();
+        Spill();
+    }
+}
+
+bool CatalogBuilder::IsKnownBeyondTheEdge(const PlacedStar& star) {
+    for (int box = 0; box < 27; ++box) {
+        const auto near =
+            edgeStars_.find(BoxOf(star.Star, {box % 3 - 1, box / 3 % 3 - 1, box / 9 - 1}));
+        if (near == edgeStars_.end()) continue;
+        for (const PlacedStar& other : near->second) {
+            if (other.Source < star.Source && other.Cell != star.Cell &&
+                AreSameStar(other.Star, star.Star)) {
+                return true;
+            }
+        }
+    }
+    edgeStars_[BoxOf(star.Star, {0, 0, 0})].push_back(star);
+    return false;
 }
 
 std::filesystem::path CatalogBuilder::SpillFile() const {
@@ -164,118 +221,145 @@ void CatalogBuilder::FailToSpill() const {
     throw ToolFailure(ToolExit::CannotWrite, TextFromPath(SpillFile()) + ": " + SystemErrorText());
 }
 
-/// Sorts the gathered stars by cell, in place: each star is swapped into its cell ("American flag
-/// sort": McIlroy, Bostic & McIlroy 1993, Computing Systems 6, 5).
+/// Sorts the gathered stars by cell, in runs that the processors share.
 void CatalogBuilder::Sort() {
-    const std::size_t cells = AllCells().size();
-    starts_.assign(cells + 1, 0);
-    for (const SourceStar& star : gathered_) ++starts_[star.Cell + 1U];
-    for (std::size_t cell = 1; cell <= cells; ++cell) starts_[cell] += starts_[cell - 1];
-    std::vector<std::size_t> next(starts_.begin(), starts_.end() - 1);
-    for (std::size_t cell = 0; cell < cells; ++cell) {
-        while (next[cell] < starts_[cell + 1]) {
-            SourceStar& star = gathered_[next[cell]];
-            const std::size_t place = next[star.Cell]++;
-            if (star.Cell != cell) std::swap(star, gathered_[place]);
-        }
-    }
+    gatheredRuns_.resize((gathered_.size() + runStars - 1) / runStars);
+    ParallelFor(static_cast<int>(gatheredRuns_.size()), [&](int number) {
+        SortedRun& run = gatheredRuns_[static_cast<std::size_t>(number)];
+        run.First = static_cast<std::size_t>(number) * runStars;
+        const auto stars = std::span(gathered_).subspan(static_cast<std::size_t>(run.First));
+        run.Starts = SortByBucket(stars.first(std::min(runStars, stars.size())), AllCells().size(),
+                                  [](const PlacedStar& star) { return std::size_t{star.Cell}; });
+    });
 }
 
 void CatalogBuilder::Spill() {
     if (!spilled_) spilled_ = OpenFile(SpillFile(), "w+b");
-    const std::uint64_t before = blocks_.empty() ? 0 : blocks_.back().back();
-    if (!spilled_ || !SeekFile(spilled_.get(), before * spillBytes)) FailToSpill();
+    if (!spilled_ || !SeekFile(spilled_.get(), spilledStars_ * spillBytes)) FailToSpill();
     constexpr std::size_t atOnce = 1 << 16;
-    std::vector<unsigned char> bytes;
+    std::vector<unsigned char> bytes(atOnce * spillBytes);
     for (std::size_t first = 0; first < gathered_.size(); first += atOnce) {
         ThrowIfStopped();
-        bytes.clear();
+        auto at = bytes.begin();
         const std::size_t end = std::min(first + atOnce, gathered_.size());
         for (std::size_t i = first; i < end; ++i) {
             const auto record = EncodeCatalogStar(gathered_[i].Star);
-            bytes.insert(bytes.end(), record.begin(), record.end());
-            bytes.push_back(gathered_[i].Source);
+            at = std::copy(record.begin(), record.end(), at);
+            *at++ = gathered_[i].Source;
         }
-        if (std::fwrite(bytes.data(), 1, bytes.size(), spilled_.get()) != bytes.size()) {
-            FailToSpill();
-        }
+        const std::size_t length = (end - first) * spillBytes;
+        if (std::fwrite(bytes.data(), 1, length, spilled_.get()) != length) FailToSpill();
     }
     if (std::fflush(spilled_.get()) != 0) FailToSpill();
-    std::vector<std::uint64_t>& block = blocks_.emplace_back();
-    for (const std::size_t start : starts_) block.push_back(before + start);
+    for (SortedRun& run : gatheredRuns_) {
+        run.First += spilledStars_;
+        spilledRuns_.push_back(std::move(run));
+    }
+    spilledStars_ += gathered_.size();
+    gatheredRuns_.clear();
     gathered_.clear();
 }
 
-/// Appends `count` stars of the file of spilled ones, from number `first` on.
-void CatalogBuilder::ReadSpilled(std::uint64_t first, std::size_t count,
-                                 std::vector<SourceStar>& stars) {
+/// Appends the stars that a spilled run has of consecutive cells.
+void CatalogBuilder::ReadSpilled(const SortedRun& run, std::size_t firstCell, CellStars& cells) {
+    const std::uint64_t first = run.First + run.Starts[firstCell];
+    const std::size_t count =
+        run.Starts[firstCell + cells.size()] - std::size_t{run.Starts[firstCell]};
+    if (count == 0) return;
     std::vector<unsigned char> bytes(count * spillBytes);
     if (!SeekFile(spilled_.get(), first * spillBytes) ||
         std::fread(bytes.data(), 1, bytes.size(), spilled_.get()) != bytes.size()) {
         throw ToolFailure(ToolExit::CannotWrite,
                           TextFromPath(SpillFile()) + ": changed while in use");
     }
-    for (std::size_t at = 0; at < bytes.size(); at += spillBytes) {
-        stars.push_back({DecodeCatalogStar(std::span<const unsigned char, CatalogRecordBytes>(
-                             &bytes[at], CatalogRecordBytes)),
-                         bytes[at + CatalogRecordBytes]});
+    const unsigned char* at = bytes.data();
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        for (std::size_t left = run.StarsIn(firstCell + i); left > 0; --left, at += spillBytes) {
+            PlacedStar& added = cells[i].emplace_back();
+            added.Star = DecodeCatalogStar(
+                std::span<const unsigned char, CatalogRecordBytes>(at, CatalogRecordBytes));
+            added.Source = at[CatalogRecordBytes];
+        }
     }
 }
 
-std::vector<CatalogBuilder::SourceStar> CatalogBuilder::TakeCell(std::size_t cell) {
-    const auto inBlock = [cell](const std::vector<std::uint64_t>& block) {
-        return block[cell + 1] - block[cell];
-    };
-    std::uint64_t count = starts_[cell + 1] - starts_[cell];
-    for (const auto& block : blocks_) count += inBlock(block);
+std::uint64_t CatalogBuilder::StarsIn(std::size_t cell) const {
+    std::uint64_t count = 0;
+    for (const SortedRun& run : gatheredRuns_) count += run.StarsIn(cell);
+    for (const SortedRun& run : spilledRuns_) count += run.StarsIn(cell);
     if (count > MostStarsInCell) {
         throw ToolFailure(ToolExit::BadInput, "cell " + CellName(AllCells()[cell]) +
                                                   " would hold " + GroupedText(count) +
                                                   " stars, more than a catalog can; try --mag-max");
     }
-    std::vector<SourceStar> stars;
-    stars.reserve(static_cast<std::size_t>(count));
-    const auto first = gathered_.begin();
-    stars.assign(first + static_cast<std::ptrdiff_t>(starts_[cell]),
-                 first + static_cast<std::ptrdiff_t>(starts_[cell + 1]));
-    for (const auto& block : blocks_) {
-        if (inBlock(block) > 0) {
-            ReadSpilled(block[cell], static_cast<std::size_t>(inBlock(block)), stars);
+    return count;
+}
+
+/// The stars of as many cells, from one cell on, as may be in memory at a time.
+CatalogBuilder::CellStars CatalogBuilder::TakeCells(std::size_t firstCell) {
+    constexpr std::uint64_t mostStars = 1 << 18;  // unless the first cell has more
+    constexpr std::size_t mostCells = 128;
+    CellStars cells;
+    std::uint64_t stars = 0;
+    for (std::size_t cell = firstCell; cell < AllCells().size() && cells.size() < mostCells;
+         ++cell) {
+        const std::uint64_t inCell = StarsIn(cell);
+        if (!cells.empty() && stars + inCell > mostStars) break;
+        stars += inCell;
+        std::vector<PlacedStar>& taken = cells.emplace_back();
+        taken.reserve(static_cast<std::size_t>(inCell));
+        for (const SortedRun& run : gatheredRuns_) {
+            const auto first = gathered_.begin() + static_cast<std::ptrdiff_t>(run.First);
+            taken.insert(taken.end(), first + run.Starts[cell], first + run.Starts[cell + 1]);
         }
     }
-    return stars;
+    for (const SortedRun& run : spilledRuns_) ReadSpilled(run, firstCell, cells);
+    return cells;
+}
+
+/// Sorts the stars of a cell, removes those that are repeated and writes its file.
+CatalogBuilder::WrittenCell CatalogBuilder::WriteCell(std::size_t cell,
+                                                      std::vector<PlacedStar>& stars) const {
+    WrittenCell written;
+    if (severalSources_) written.Merged = Merge(stars);
+    SortByBrightness(stars);
+    const auto end = std::unique(stars.begin(), stars.end(), AreEqual);
+    written.Duplicates = static_cast<std::uint64_t>(stars.end() - end);
+    stars.erase(end, stars.end());
+
+    std::vector<unsigned char> bytes(stars.size() * CatalogRecordBytes);
+    auto at = bytes.begin();
+    for (const PlacedStar& star : stars) {
+        const auto record = EncodeCatalogStar(star.Star);
+        at = std::copy(record.begin(), record.end(), at);
+    }
+    WriteBytes(FileOf(cell), bytes);
+    Checksum checksum;
+    checksum.Add(bytes);
+    written.Content = {stars.size(), checksum.Value()};
+    return written;
 }
 
 void CatalogBuilder::Finish(ProgressLine& progress) {
-    std::uint64_t written = 0;
+    std::uint64_t starsWritten = 0;
     Sort();
     const std::size_t cells = AllCells().size();
-    for (std::size_t cell = 0; cell < cells; ++cell) {
-        progress.Show("Writing cells", cell, cells, written);
-        std::vector<SourceStar> stars = TakeCell(cell);
-        if (severalSources_) Merge(stars);
-        std::sort(stars.begin(), stars.end(), [](const SourceStar& a, const SourceStar& b) {
-            return OrderKey(a.Star) < OrderKey(b.Star);
+    for (std::size_t first = 0; first < cells;) {
+        progress.Show("Writing cells", first, cells, starsWritten);
+        CellStars stars = TakeCells(first);
+        std::vector<WrittenCell> written(stars.size());
+        ParallelFor(static_cast<int>(stars.size()), [&](int i) {
+            const auto number = static_cast<std::size_t>(i);
+            written[number] = WriteCell(first + number, stars[number]);
         });
-        const auto end =
-            std::unique(stars.begin(), stars.end(), [](const SourceStar& a, const SourceStar& b) {
-                return OrderKey(a.Star) == OrderKey(b.Star);
-            });
-        duplicateCount_ += static_cast<std::uint64_t>(stars.end() - end);
-        stars.erase(end, stars.end());
-
-        std::vector<unsigned char> bytes;
-        bytes.reserve(stars.size() * CatalogRecordBytes);
-        for (const SourceStar& star : stars) {
-            const auto record = EncodeCatalogStar(star.Star);
-            bytes.insert(bytes.end(), record.begin(), record.end());
+        for (std::size_t i = 0; i < stars.size(); ++i) {
+            contents_[CellName(AllCells()[first + i])] = written[i].Content;
+            duplicateCount_ += written[i].Duplicates;
+            mergedCount_ += written[i].Merged;
+            starsWritten += stars[i].size();
+            for (const PlacedStar& star : stars[i]) counts_.Add(star.Star.Mag);
         }
-        WriteBytes(FileOf(cell), bytes);
-        Checksum checksum;
-        checksum.Add(bytes);
-        contents_[CellName(AllCells()[cell])] = {stars.size(), checksum.Value()};
-        for (const SourceStar& star : stars) counts_.Add(star.Star.Mag);
-        written += stars.size();
+        first += stars.size();
     }
     if (!spilled_) return;
     // An open file cannot be removed everywhere.

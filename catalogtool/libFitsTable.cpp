@@ -179,7 +179,7 @@ StarTableResult ReadFitsStarTable(const std::filesystem::path& file, const std::
                                   const StarTableOptions& options, const StarSink& sink,
                                   ProgressLine& progress) {
     FitsTable table(file, name);
-    StarColumns columns = table.FindColumns(options);
+    const StarColumns columns = table.FindColumns(options);
     StarTableResult result;
     result.Rows = table.RowCount();
     for (std::uint64_t first = 0; first < result.Rows; first += blockRows) {
@@ -190,13 +190,7 @@ StarTableResult ReadFitsStarTable(const std::filesystem::path& file, const std::
         for (std::size_t i = 0; i < rows; ++i) {
             table.Row.Row = i;
             SkyStar star;
-            RowFault fault = RowFault::Malformed;
-            if (columns.ReadStar(table.Row, star, fault)) {
-                ++result.Stars;
-                sink(star);
-            } else {
-                ++result.Faults[static_cast<std::size_t>(fault)];
-            }
+            if (columns.ReadStar(table.Row, star, result)) sink(star);
         }
     }
     RequireStars(result, name);

@@ -101,6 +101,15 @@ const char* RowFaultText(RowFault fault) {
     return "";
 }
 
+void RowCounts::Add(const RowCounts& other) {
+    Rows += other.Rows;
+    Stars += other.Stars;
+    Moved += other.Moved;
+    for (std::size_t i = 0; i < Faults.size(); ++i) Faults[i] += other.Faults[i];
+    LeastRa = std::min(LeastRa, other.LeastRa);
+    GreatestRa = std::max(GreatestRa, other.GreatestRa);
+}
+
 void RequireStars(const StarTableResult& result, const std::string& table) {
     if (result.Stars > 0) return;
     std::string why = table + ": gives no star";
@@ -241,7 +250,7 @@ bool StarColumns::PassesFilters(const TableRow& row) const {
     return true;
 }
 
-bool StarColumns::ReadPosition(const TableRow& row, SkyStar& star) {
+bool StarColumns::ReadPosition(const TableRow& row, SkyStar& star, RowCounts& counts) const {
     const double ra = row.Number(ra_);
     if (std::isnan(ra)) {
         const std::string_view text = row.Text(ra_);
@@ -252,8 +261,8 @@ bool StarColumns::ReadPosition(const TableRow& row, SkyStar& star) {
         star.Ra = ra * 15 * RadiansPerDegree;
     } else {
         if (ra < -180 || ra > 360) return false;
-        leastRa_ = std::min(leastRa_, ra);
-        greatestRa_ = std::max(greatestRa_, ra);
+        counts.LeastRa = std::min(counts.LeastRa, ra);
+        counts.GreatestRa = std::max(counts.GreatestRa, ra);
         star.Ra = (ra < 0 ? ra + 360 : ra) * RadiansPerDegree;
     }
     const double dec = row.Number(dec_);
@@ -261,7 +270,7 @@ bool StarColumns::ReadPosition(const TableRow& row, SkyStar& star) {
     return star.Ra != InvalidAngle && IsStoredPosition(0, static_cast<float>(star.Dec));
 }
 
-void StarColumns::Move(const TableRow& row, SkyStar& star) {
+void StarColumns::Move(const TableRow& row, SkyStar& star, RowCounts& counts) const {
     if (motionRa_ == NoColumn || motionUnit_ == 0) return;
     const ProperMotion motion{row.Number(motionRa_) * motionUnit_,
                               row.Number(motionDec_) * motionUnit_};
@@ -270,31 +279,31 @@ void StarColumns::Move(const TableRow& row, SkyStar& star) {
     const double epoch = epochColumn_ == NoColumn ? sourceEpoch_ : row.Number(epochColumn_);
     if (!known || !(epoch > 1800 && epoch < 2200)) return;
     star = MovedStar(star, motion, options_.Epoch - epoch);
-    ++moved_;
+    ++counts.Moved;
 }
 
-bool StarColumns::ReadStar(const TableRow& row, SkyStar& star, RowFault& fault) {
-    const auto refuse = [&fault](RowFault reason) {
-        fault = reason;
+bool StarColumns::ReadStar(const TableRow& row, SkyStar& star, RowCounts& counts) const {
+    const auto refuse = [&counts](RowFault reason) {
+        counts.Refuse(reason);
         return false;
     };
     if (!PassesFilters(row)) return refuse(RowFault::Filtered);
     if (row.Text(ra_).empty() || row.Text(dec_).empty()) return refuse(RowFault::NoPosition);
-    if (!ReadPosition(row, star)) return refuse(RowFault::BadPosition);
+    if (!ReadPosition(row, star, counts)) return refuse(RowFault::BadPosition);
     star.Mag = row.Number(mag_);
     if (!(star.Mag >= BrightestMagnitude && star.Mag <= FaintestMagnitude)) {
         return refuse(RowFault::NoMagnitude);
     }
-    Move(row, star);
+    Move(row, star, counts);
+    ++counts.Stars;
     return true;
 }
 
 void StarColumns::Describe(StarTableResult& result) const {
     result.Columns = names_[ra_] + ", " + names_[dec_] + ", " + names_[mag_];
-    result.Moved = moved_;
     // Right ascensions that span 0..24 and no more do not occur in surveys in degrees.
-    result.LooksLikeHours = options_.RaUnit == AngleUnit::Automatic && leastRa_ < 0.1 &&
-                            greatestRa_ > 23.9 && greatestRa_ <= 24;
+    result.LooksLikeHours = options_.RaUnit == AngleUnit::Automatic && result.LeastRa < 0.1 &&
+                            result.GreatestRa > 23.9 && result.GreatestRa <= 24;
     if (motionRa_ == NoColumn) {
         result.Motions = "no proper motions: positions as listed";
     } else if (motionUnit_ == 0) {

@@ -54,11 +54,21 @@ enum class RowFault { Malformed, TooLong, Filtered, NoPosition, BadPosition, NoM
 /// The text of a fault, as in "12 rows: no magnitude".
 const char* RowFaultText(RowFault fault);
 
-struct StarTableResult {
+/// What the rows of a table, or of a piece of one, gave.
+struct RowCounts {
     std::uint64_t Rows = 0;
     std::uint64_t Stars = 0;
     std::uint64_t Moved = 0;  ///< stars whose proper motion was applied
     std::array<std::uint64_t, static_cast<std::size_t>(RowFault::Count)> Faults{};
+    /// The range of the right ascensions that were read as degrees.
+    double LeastRa = 360;
+    double GreatestRa = -180;
+
+    void Refuse(RowFault fault) { ++Faults[static_cast<std::size_t>(fault)]; }
+    void Add(const RowCounts& other);
+};
+
+struct StarTableResult : RowCounts {
     std::string Columns;  ///< the columns used, for the manifest: "ra, dec, phot_g_mean_mag"
     std::string Motions;  ///< how proper motions were treated, for the manifest
     /// The right ascensions, read as degrees, fill 0..24 and no more: they are probably hours.
@@ -96,9 +106,10 @@ class StarColumns {
     std::size_t RaColumn() const { return ra_; }
     std::size_t DecColumn() const { return dec_; }
 
-    /// Makes the star of a row at the requested epoch; false, with a reason, when the row gives
-    /// none.
-    bool ReadStar(const TableRow& row, SkyStar& star, RowFault& fault);
+    /// Makes the star of a row at the requested epoch; false when the row gives none. Counts the
+    /// star or the reason, but not the row. Threads may read different rows at once, each with
+    /// counts of its own.
+    bool ReadStar(const TableRow& row, SkyStar& star, RowCounts& counts) const;
 
     /// Completes the record of a table.
     void Describe(StarTableResult& result) const;
@@ -114,8 +125,8 @@ class StarColumns {
     std::string ColumnList() const;
     [[noreturn]] void Fail(const std::string& why) const;
     bool PassesFilters(const TableRow& row) const;
-    bool ReadPosition(const TableRow& row, SkyStar& star);
-    void Move(const TableRow& row, SkyStar& star);
+    bool ReadPosition(const TableRow& row, SkyStar& star, RowCounts& counts) const;
+    void Move(const TableRow& row, SkyStar& star, RowCounts& counts) const;
 
     std::vector<std::string> names_;
     std::string table_;
@@ -130,9 +141,6 @@ class StarColumns {
     double motionUnit_ = 1;      ///< milliarcseconds
     double sourceEpoch_ = 2000;  ///< of rows without their own epoch
     bool epochIsAssumed_ = false;
-    std::uint64_t moved_ = 0;
-    double leastRa_ = 360;
-    double greatestRa_ = -180;
 };
 
 }  // namespace vestrel

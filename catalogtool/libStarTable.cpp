@@ -1,9 +1,9 @@
 #include "catalogtool/libStarTable.h"
 
-#include <algorithm>
-#include <utility>
+#include <string_view>
+#include <vector>
 
-#include "astro/libStrings.h"
+#include "astro/libParallel.h"
 #include "catalogtool/libTextLines.h"
 
 namespace vestrel {
@@ -19,11 +19,27 @@ class TextRow final : public TableRow {
     std::vector<std::string_view> Fields;
 };
 
+std::vector<std::string> NamesIn(std::string_view header, const std::string& table) {
+    FieldSplitter splitter(FieldSplitter::DelimiterOf(header));
+    std::vector<std::string_view> names;
+    if (!splitter.Split(header, names)) {
+        throw ToolFailure(ToolExit::BadInput,
+                          table + ": has an unclosed quote in its column names");
+    }
+    return {names.begin(), names.end()};
+}
+
+/// Whether a line is no row. Lines that are too long are rows.
+bool IsSkipped(std::string_view line) {
+    return line.size() <= LongestLine &&
+           (line.starts_with('#') || line.find_first_not_of(' ') == std::string_view::npos);
+}
+
 /// A table of which the header was read.
 class TextTable {
  public:
     TextTable(std::string_view header, const std::string& name, const StarTableOptions& options)
-        : splitter_(FieldSplitter::DelimiterOf(header)),
+        : delimiter_(FieldSplitter::DelimiterOf(header)),
           columns_(NamesIn(header, name), name, options) {}
 
     /// Whether a line under the names holds dashes or units: units have words instead of a
@@ -33,97 +49,119 @@ class TextTable {
         const auto isWord = [](std::string_view field) {
             return !field.empty() && field.find_first_of("0123456789") == std::string_view::npos;
         };
-        if (!splitter_.Split(line, row_.Fields) || row_.Fields.size() != columns_.Count() ||
-            !isWord(row_.Fields[columns_.RaColumn()]) ||
-            !isWord(row_.Fields[columns_.DecColumn()])) {
+        FieldSplitter splitter(delimiter_);
+        std::vector<std::string_view> fields;
+        if (!splitter.Split(line, fields) || fields.size() != columns_.Count() ||
+            !isWord(fields[columns_.RaColumn()]) || !isWord(fields[columns_.DecColumn()])) {
             return false;
         }
-        columns_.SetUnits({row_.Fields.begin(), row_.Fields.end()});
+        columns_.SetUnits({fields.begin(), fields.end()});
         return true;
     }
 
-    /// Makes the star of a row; false, with a reason, when the row gives none.
-    bool ReadRow(std::string_view line, SkyStar& star, RowFault& fault) {
-        fault = RowFault::Malformed;
-        if (!splitter_.Split(line, row_.Fields)) return false;
-        // Some programs end each row, but not the names, with a delimiter.
-        if (row_.Fields.size() == columns_.Count() + 1 && row_.Fields.back().empty()) {
-            row_.Fields.pop_back();
+    /// Appends the stars of some rows. Threads may read different rows at once.
+    void ReadRows(std::string_view text, std::vector<SkyStar>& stars, RowCounts& counts) const {
+        FieldSplitter splitter(delimiter_);
+        TextRow row;
+        for (std::string_view line; TakeLine(text, line);) {
+            if (IsSkipped(line)) continue;
+            ++counts.Rows;
+            SkyStar star;
+            if (line.size() > LongestLine) {
+                counts.Refuse(RowFault::TooLong);
+            } else if (!HasAllFields(splitter, line, row.Fields)) {
+                counts.Refuse(RowFault::Malformed);
+            } else if (columns_.ReadStar(row, star, counts)) {
+                stars.push_back(star);
+            }
         }
-        return row_.Fields.size() == columns_.Count() && columns_.ReadStar(row_, star, fault);
     }
 
     void Describe(StarTableResult& result) const { columns_.Describe(result); }
 
  private:
-    std::vector<std::string> NamesIn(std::string_view header, const std::string& table) {
-        std::vector<std::string_view> names;
-        if (!splitter_.Split(header, names)) {
-            throw ToolFailure(ToolExit::BadInput,
-                              table + ": has an unclosed quote in its column names");
-        }
-        return {names.begin(), names.end()};
+    bool HasAllFields(FieldSplitter& splitter, std::string_view line,
+                      std::vector<std::string_view>& fields) const {
+        if (!splitter.Split(line, fields)) return false;
+        // Some programs end each row, but not the names, with a delimiter.
+        if (fields.size() == columns_.Count() + 1 && fields.back().empty()) fields.pop_back();
+        return fields.size() == columns_.Count();
     }
 
-    FieldSplitter splitter_;
+    char delimiter_;
     StarColumns columns_;
-    TextRow row_;
 };
+
+/// The stars of a piece of the table.
+struct ParsedPiece {
+    std::vector<SkyStar> Stars;
+    RowCounts Counts;
+};
+
+/// Reads the rows of one text on all processors; the stars come in the order of the rows.
+void ReadBlock(const TextTable& table, std::string_view text, std::size_t pieceBytes,
+               std::vector<ParsedPiece>& parsed, StarTableResult& result, const StarSink& sink) {
+    const std::vector<std::string_view> pieces = PiecesOfLines(text, pieceBytes);
+    if (parsed.size() < pieces.size()) parsed.resize(pieces.size());
+    ParallelFor(static_cast<int>(pieces.size()), [&](int i) {
+        ParsedPiece& piece = parsed[static_cast<std::size_t>(i)];
+        piece.Stars.clear();
+        piece.Counts = {};
+        table.ReadRows(pieces[static_cast<std::size_t>(i)], piece.Stars, piece.Counts);
+    });
+    for (std::size_t i = 0; i < pieces.size(); ++i) {
+        result.Add(parsed[i].Counts);
+        for (const SkyStar& star : parsed[i].Stars) sink(star);
+    }
+}
 
 }  // namespace
 
 StarTableResult ReadStarTable(UnpackedInput& input, const std::string& name, std::uint64_t length,
                               const StarTableOptions& options, const StarSink& sink,
-                              ProgressLine& progress) {
+                              ProgressLine& progress, std::size_t pieceBytes) {
     const auto fail = [&](const std::string& why) {
         throw ToolFailure(ToolExit::BadInput, name + ": " + why);
     };
     StarTableResult result;
-    LineReader reader(input);
+    constexpr std::size_t piecesInBlock = 16;
+    LineBlocks blocks(input, piecesInBlock * pieceBytes);
+    std::string_view text;
     std::string_view line;
-    // Reads the next line of names or rows; false at the end.
-    const auto nextLine = [&](bool& tooLong) {
-        for (;;) {
-            const LineReader::Outcome outcome = reader.Next(line);
-            if (outcome == LineReader::Outcome::Failed) {
-                ThrowIfStopped();
-                fail(input.Fault());
-            }
-            if (outcome == LineReader::Outcome::End) return false;
-            tooLong = outcome == LineReader::Outcome::TooLong;
-            if (tooLong || !(line.starts_with('#') || Trim(line).empty())) return true;
-        }
+    // Takes the next line of names or rows; false at the end.
+    const auto nextLine = [&] {
+        do {
+            if (text.empty()) text = blocks.Next();
+            if (!TakeLine(text, line)) return false;
+        } while (IsSkipped(line));
+        return true;
+    };
+    const auto failIfCut = [&] {
+        ThrowIfStopped();
+        if (!input.Fault().empty()) fail(input.Fault());
     };
 
-    bool tooLong = false;
-    if (!nextLine(tooLong)) {
-        ThrowIfStopped();
+    if (!nextLine()) {
+        failIfCut();
         fail("is empty");
     }
-    if (tooLong) fail("starts with an endless line: not a table of text");
+    if (line.size() > LongestLine) fail("starts with an endless line: not a table of text");
     TextTable table(line, name, options);
-
-    constexpr std::uint64_t rowsBetweenReports = 4096;
-    int decorations = 2;  // lines of units and dashes that may still come
-    while (nextLine(tooLong)) {
-        if (!tooLong && decorations > 0) {
-            --decorations;
-            if (table.IsDecoration(line)) continue;
-            decorations = 0;
-        }
-        if (result.Rows++ % rowsBetweenReports == 0) {
-            progress.Show("Reading " + name, input.BytesRead(), length, result.Rows);
-        }
-        SkyStar star;
-        RowFault fault = RowFault::TooLong;
-        if (!tooLong && table.ReadRow(line, star, fault)) {
-            ++result.Stars;
-            sink(star);
-        } else {
-            ++result.Faults[static_cast<std::size_t>(fault)];
-        }
+    constexpr int mostDecorations = 2;  // lines of units and dashes
+    for (int i = 0; i < mostDecorations && nextLine(); ++i) {
+        if (line.size() <= LongestLine && table.IsDecoration(line)) continue;
+        // It is the first row.
+        text = {line.data(), static_cast<std::size_t>(text.data() + text.size() - line.data())};
+        break;
     }
-    ThrowIfStopped();
+
+    std::vector<ParsedPiece> parsed;
+    do {
+        progress.Show("Reading " + name, input.BytesRead(), length, result.Rows);
+        ReadBlock(table, text, pieceBytes, parsed, result, sink);
+        text = blocks.Next();
+    } while (!text.empty());
+    failIfCut();
     RequireStars(result, name);
     table.Describe(result);
     return result;

@@ -12,50 +12,56 @@
 
 namespace vestrel {
 
-LineReader::LineReader(UnpackedInput& input) : input_(input), buffer_(16 * LongestLine) {}
+bool TakeLine(std::string_view& text, std::string_view& line) {
+    if (text.empty()) return false;
+    const std::size_t end = text.find('\n');
+    line = text.substr(0, end);
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    if (line.ends_with('\r')) line.remove_suffix(1);
+    return true;
+}
 
-void LineReader::Refill() {
+std::vector<std::string_view> PiecesOfLines(std::string_view text, std::size_t pieceBytes) {
+    std::vector<std::string_view> pieces;
+    while (!text.empty()) {
+        const std::size_t last = std::min(pieceBytes, text.size()) - 1;
+        const std::size_t end = std::min(text.find('\n', last), text.size() - 1) + 1;
+        pieces.push_back(text.substr(0, end));
+        text.remove_prefix(end);
+    }
+    return pieces;
+}
+
+LineBlocks::LineBlocks(UnpackedInput& input, std::size_t blockBytes)
+    : input_(input), buffer_(std::max(blockBytes, 2 * LongestLine)) {}
+
+std::string_view LineBlocks::Next() {
+    // The start of a line whose end came with no earlier block.
     std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_),
               buffer_.begin() + static_cast<std::ptrdiff_t>(end_), buffer_.begin());
     end_ -= begin_;
     begin_ = 0;
-    const std::size_t room = buffer_.size() - end_;
-    const std::size_t count = input_.Read(buffer_.data() + end_, room);
-    end_ += count;
-    atEnd_ = count < room;
-}
-
-LineReader::Outcome LineReader::Next(std::string_view& line) {
-    std::size_t searched = 0;  // number of bytes from `begin_` on that were searched
-    bool tooLong = false;
-    for (;;) {
-        const void* found =
-            std::memchr(buffer_.data() + begin_ + searched, '\n', end_ - begin_ - searched);
-        const bool whole = found != nullptr;
-        if (!whole && !atEnd_) {
-            searched = end_ - begin_;
-            if (searched > LongestLine) {
-                tooLong = true;
-                begin_ = end_;
-                searched = 0;
-            }
-            Refill();
-            continue;
+    while (!atEnd_) {
+        const std::size_t room = buffer_.size() - end_;
+        const std::size_t count = input_.Read(buffer_.data() + end_, room);
+        end_ += count;
+        atEnd_ = count < room;
+        constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+        std::string_view text(buffer_.data(), end_);
+        if (atStart_ && text.starts_with(byteOrderMark)) text.remove_prefix(byteOrderMark.size());
+        atStart_ = false;
+        begin_ = end_;
+        if (atEnd_ && input_.Fault().empty()) return text;
+        const std::size_t whole = text.rfind('\n') + 1;  // 0 when no line ends
+        if (whole > 0 || atEnd_) {
+            begin_ -= text.size() - whole;
+            return text.substr(0, whole);
         }
-        if (!whole && !input_.Fault().empty()) return Outcome::Failed;
-        if (!whole && begin_ == end_ && !tooLong) return Outcome::End;
-        const std::size_t stop =
-            whole ? static_cast<std::size_t>(static_cast<const char*>(found) - buffer_.data())
-                  : end_;
-        line = std::string_view(buffer_.data() + begin_, stop - begin_);
-        begin_ = whole ? stop + 1 : end_;
-        break;
+        // With room for the end of a line (CR LF), what is kept is too long to be a row.
+        end_ = LongestLine + 2;
+        begin_ = 0;
     }
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
-    if (firstLine_ && line.starts_with(byteOrderMark)) line.remove_prefix(byteOrderMark.size());
-    firstLine_ = false;
-    return tooLong || line.size() > LongestLine ? Outcome::TooLong : Outcome::Line;
+    return {};
 }
 
 namespace {

@@ -10,30 +10,36 @@
 
 namespace vestrel {
 
-/// Reads a stream line by line through one buffer.
-class LineReader {
+/// Longer lines cannot be table rows.
+inline constexpr std::size_t LongestLine = std::size_t{64} << 10;
+
+/// Takes the first line from a text, without its line end (LF or CR LF). False when the text is
+/// empty.
+bool TakeLine(std::string_view& text, std::string_view& line);
+
+/// Divides a text of whole lines into pieces of whole lines, each of about `pieceBytes` (at least
+/// 1) or one line long.
+std::vector<std::string_view> PiecesOfLines(std::string_view text, std::size_t pieceBytes);
+
+/// Reads a stream in blocks of whole lines through one buffer.
+class LineBlocks {
  public:
-    /// Longer lines cannot be table rows.
-    static constexpr std::size_t LongestLine = std::size_t{64} << 10;
+    /// @param blockBytes the size of a block; at least twice the longest line is taken
+    LineBlocks(UnpackedInput& input, std::size_t blockBytes);
 
-    explicit LineReader(UnpackedInput& input);
-
-    enum class Outcome { Line, TooLong, End, Failed };
-
-    /// The next line without its line end (LF or CR LF) and without the UTF-8 byte order mark of
-    /// the first line. The text is valid until the next call. `TooLong` skips a line beyond the
-    /// limit.
-    Outcome Next(std::string_view& line);
+    /// The next lines, each with its end, without the UTF-8 byte order mark of the stream. The text
+    /// is valid until the next call; it is empty at the end of the stream. When the stream fails
+    /// (`UnpackedInput::Fault`) the lines that it brought whole come first. Of a line that does not
+    /// fit a block, only so much remains that it is still too long.
+    std::string_view Next();
 
  private:
-    void Refill();
-
     UnpackedInput& input_;
     std::vector<char> buffer_;
     std::size_t begin_ = 0;  // start of the bytes not yet returned
     std::size_t end_ = 0;
+    bool atStart_ = true;
     bool atEnd_ = false;
-    bool firstLine_ = true;
 };
 
 /// The value of a field that is a plain number; NaN when it is not one.

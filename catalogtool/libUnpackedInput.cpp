@@ -36,8 +36,12 @@ void UnpackedInput::Refill() {
     begin_ = 0;
     end_ = std::fread(buffer_.data(), 1, buffer_.size(), input_);
     taken_ += end_;
-    // A short read is the end or a failure. Reading again would wait for an interrupted pipe.
-    atEnd_ = end_ < buffer_.size();
+    NoteEnd(end_ < buffer_.size());
+}
+
+/// A short read is the end or a failure. Reading again would wait for an interrupted pipe.
+void UnpackedInput::NoteEnd(bool shortRead) {
+    atEnd_ = shortRead;
     if (atEnd_ && std::ferror(input_) != 0) failure_ = SystemErrorText();
 }
 
@@ -76,16 +80,14 @@ std::size_t UnpackedInput::Unpack(char* data, std::size_t room) {
 std::size_t UnpackedInput::ReadOn(char* data, std::size_t room) {
     if (!failure_.empty()) return 0;
     if (unpacker_) return Unpack(data, room);
-    std::size_t count = 0;
-    while (count < room) {
-        Refill();
-        const std::size_t piece = std::min(room - count, end_ - begin_);
-        if (piece == 0) break;
-        std::memcpy(data + count, &buffer_[begin_], piece);
-        begin_ += piece;
-        count += piece;
-    }
-    return count;
+    const std::size_t held = std::min(room, end_ - begin_);
+    std::memcpy(data, buffer_.data() + begin_, held);
+    begin_ += held;
+    if (atEnd_ || held == room) return held;
+    const std::size_t count = std::fread(data + held, 1, room - held, input_);
+    taken_ += count;
+    NoteEnd(count < room - held);
+    return held + count;
 }
 
 std::size_t UnpackedInput::Read(char* data, std::size_t room) {

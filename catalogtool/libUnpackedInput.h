@@ -38,6 +38,7 @@ class UnpackedInput {
     std::size_t ReadOn(char* data, std::size_t room);
     std::size_t Unpack(char* data, std::size_t room);
     void Refill();
+    void NoteEnd(bool shortRead);
 
     std::FILE* input_;
     std::vector<unsigned char> buffer_;

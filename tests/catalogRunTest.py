@@ -5,6 +5,7 @@ Environment: VESTREL_CATALOG_TOOL the program; VESTREL_STAR_FILE Debian's Tycho-
 puts it). Proper motions are judged by ERFA.
 """
 import gzip
+import json
 import math
 import os
 import pathlib
@@ -17,6 +18,7 @@ import subprocess
 import tempfile
 import time
 import unittest
+import unittest.mock
 
 import erfa
 import numpy
@@ -268,6 +270,30 @@ class CatalogRun(unittest.TestCase):
         # The order of the sources decides whose star it is.
         self.build("--csv", self.table("b.csv", same), "--csv", a)
         self.assertEqual({round(mag, 2) for _, _, mag in stars_of(self.catalog)}, {8.6})
+
+    def test_a_build_gives_the_same_bytes_and_words_on_any_number_of_threads(self):
+        rng = random.Random(8)
+        stars = [(rng.uniform(0, 360), math.degrees(math.asin(rng.uniform(-1, 1))), rng.uniform(2, 12))
+                 for _ in range(40000)]
+        table = self.table("stars.csv.gz", stars)
+        table.write_bytes(gzip.compress(table.read_bytes(), 1))
+        # A second source sees a part of the stars anew; half of the bright ones are among them.
+        again = self.table("again.csv", [(ra, dec + 0.5 / 3600, mag + 0.1) if dec < 89 else (ra, dec, mag)
+                                         for ra, dec, mag in stars[::3]] + [("x", 0, 5), (5, 5, "")])
+        bright = self.write("bright.json", json.dumps({"features": [
+            {"geometry": {"coordinates": [ra, dec]}, "properties": {"mag": mag if i % 2 else -5}}
+            for i, (ra, dec, mag) in enumerate(stars[:3000])]}))
+        outcomes = []
+        for threads in ("1", "2", "7"):
+            with unittest.mock.patch.dict(os.environ, VESTREL_THREADS=threads):
+                done = self.build("--csv", table, "--csv", again, "--bright", bright, "--epoch", 2026)
+            manifest = json.loads((self.catalog / "catalog.json").read_text())
+            del manifest["created"]
+            outcomes.append((cells_of(self.catalog), manifest, done.stdout, done.stderr))
+        self.assertEqual(outcomes[1], outcomes[0])
+        self.assertEqual(outcomes[2], outcomes[0])
+        self.assertIn("in the survey already: 1,500", outcomes[0][2])
+        self.assertIn(f"taken once: {len(stars[::3]):,}", outcomes[0][2])
 
     def test_a_killed_build_leaves_the_old_catalog_and_the_next_one_clears_up(self):
         rng = random.Random(3)

@@ -16,6 +16,7 @@
 #include <tuple>
 
 #include "astro/libMath.h"
+#include "astro/libParallel.h"
 #include "catalog/libCellGrid.h"
 #include "catalogtool/libAstap.h"
 #include "catalogtool/libBrightStars.h"
@@ -119,14 +120,20 @@ CatalogSurvey Survey(const fs::path& folder) {
     return SurveyCatalog(folder, &manifest, silent);
 }
 
-TEST(CatalogBuilder, CellsDependNeitherOnTheOrderOfStarsNorOnMemory) {
+TEST(CatalogBuilder, CellsDependNeitherOnTheOrderOfStarsNorOnMemoryNorOnThreads) {
     const TemporaryFolder folder;
-    std::vector<SkyStar> stars = RandomSky(20000, 1);
-    // One crowded cell with equal magnitudes, so that ties are many.
+    // Enough for several sorted runs in memory, and for two of each block that goes to the disk.
+    std::vector<SkyStar> stars = RandomSky(280000, 1);
+    // Crowded cells with equal magnitudes, so that ties are many.
     for (int i = 0; i < 300; ++i) stars.push_back({0.2, 0.1 + 1e-5 * (i % 150), 7});
-    BuildCatalog(folder / "plenty", stars, 1U << 20);
+    for (int i = 0; i < 3000; ++i) stars.push_back({4, 0.2 + 1e-5 * (i % 1500), 6.0 + i % 7});
+    {
+        const ThreadLimit one(1);
+        BuildCatalog(folder / "plenty", stars, 1U << 20);
+    }
+    const ThreadLimit several(5);
     std::shuffle(stars.begin(), stars.end(), std::mt19937(2));
-    BuildCatalog(folder / "scant", stars, 6000);
+    BuildCatalog(folder / "scant", stars, 135000);
 
     std::set<std::tuple<float, float, int>> expected;
     for (const SkyStar& star : stars) {
@@ -754,7 +761,8 @@ struct TableOutcome {
     StarTableResult Result;
 };
 
-TableOutcome ReadTable(const std::string& text, const StarTableOptions& options = {}) {
+TableOutcome ReadTable(const std::string& text, const StarTableOptions& options = {},
+                       std::size_t pieceBytes = std::size_t{1} << 18) {
 #ifdef _WIN32
     const TemporaryFolder folder;
     WriteFile(folder / "table", text);
@@ -768,7 +776,7 @@ TableOutcome ReadTable(const std::string& text, const StarTableOptions& options 
     UnpackedInput input(file.get());
     outcome.Result = ReadStarTable(
         input, "table", text.size(), options,
-        [&](const SkyStar& star) { outcome.Stars.push_back(star); }, silent);
+        [&](const SkyStar& star) { outcome.Stars.push_back(star); }, silent, pieceBytes);
     return outcome;
 }
 
@@ -875,13 +883,13 @@ TEST(StarTable, RowsThatAreNoStarsAreCountedByReason) {
     const std::string text =
         "ra,dec,mag,ruwe,class,n\n10,1" + good +                                   // used
         "10,1,5,1.0,STAR\n10,1,5,1,STAR,2,3\n\"10,1" + good +                      // malformed
-        std::string(LineReader::LongestLine + 1, '1') + "\n" +                     // too long
+        std::string(LongestLine + 1, '1') + "\n" +                                 // too long
         "10,1,5,1.4,STAR,2\n10,1,5,,STAR,2\n10,1,5,1,star,2\n10,1,5,1,STAR,3\n" +  // filtered
         ",1" + good + "10," + good +                                               // no position
         "361,1" + good + "nan,1" + good + "10,90.1" + good + "1e999,1" + good +    // bad
         "25:00:00,1" + good + "10x,1" + good + "10,1:2:x" + good +                 // bad
         "10,1,,1,STAR,2\n10,1,99.99,1,STAR,2\n10,1,inf,1,STAR,2\n" +               // no magnitude
-        std::string(LineReader::LongestLine * 40, '2');                            // too long
+        std::string(LongestLine * 40, '2');                                        // too long
     const auto result = ReadTable(text, options).Result;
     EXPECT_EQ(result.Stars, 1U);
     const auto count = [&](RowFault fault) { return result.Faults[static_cast<int>(fault)]; };
@@ -905,16 +913,76 @@ TEST(StarTable, NoLineIsLostOrCutWhereverTheBufferEnds) {
     std::string text = "mag,ra,dec,remark\n";
     constexpr int rows = 400;
     for (int i = 0; i < rows; ++i) {
-        const auto padding =
-            static_cast<std::size_t>(random.Whole(0, LineReader::LongestLine - 41));
+        const auto padding = static_cast<std::size_t>(random.Whole(0, LongestLine - 41));
         text += "5," + std::to_string(i % 360) + "," + std::to_string(i % 90) + "," +
                 std::string(padding, 'x') + (i % 2 == 0 ? "\n" : "\r\n");
     }
-    const TableOutcome outcome = ReadTable(text);
-    ASSERT_EQ(outcome.Stars.size(), static_cast<std::size_t>(rows));
-    for (int i = 0; i < rows; ++i) {
-        EXPECT_NEAR(outcome.Stars[i].Ra, i % 360 * degree, 1e-12) << i;
-        EXPECT_NEAR(outcome.Stars[i].Dec, i % 90 * degree, 1e-12) << i;
+    for (const std::size_t pieceBytes : {std::size_t{1}, std::size_t{1} << 18}) {
+        const TableOutcome outcome = ReadTable(text, {}, pieceBytes);
+        ASSERT_EQ(outcome.Stars.size(), static_cast<std::size_t>(rows));
+        for (int i = 0; i < rows; ++i) {
+            EXPECT_NEAR(outcome.Stars[i].Ra, i % 360 * degree, 1e-12) << i;
+            EXPECT_NEAR(outcome.Stars[i].Dec, i % 90 * degree, 1e-12) << i;
+        }
+    }
+}
+
+TEST(StarTable, RowsGiveTheSameInPiecesOfAnySizeOnAnyNumberOfThreads) {
+    Random random(41);
+    // The units come after a comment; each star has a magnitude of its own.
+    std::string text = "\xEF\xBB\xBF# made here\nname;ra;dec;mag\r\n\n;deg;deg;mag\n";
+    std::vector<double> magnitudes;
+    RowCounts expected;
+    constexpr int lines = 700;
+    for (int i = 0; i < lines; ++i) {
+        const std::string star = ";10.5;-20.25;" + std::to_string(i / 100.0);
+        const auto longName = [](std::size_t length) { return std::string(length, 'n'); };
+        std::string line;
+        switch (i % 70 == 0 ? 7 : i % 70 == 33 ? 8 : random.Whole(0, 6)) {
+            case 0:
+                line = "# 5;5;5;5";
+                break;
+            case 1:
+                line = i % 2 == 0 ? "" : "  ";
+                break;
+            case 2:
+                line = "too;few;fields";
+                ++expected.Rows;
+                expected.Refuse(RowFault::Malformed);
+                break;
+            case 3:
+                line = "x;361;0;5";
+                ++expected.Rows;
+                expected.Refuse(RowFault::BadPosition);
+                break;
+            case 7:  // some are longer than any block
+                line = longName(LongestLine + 1 + random.Whole(0, 1 << 18));
+                ++expected.Rows;
+                expected.Refuse(RowFault::TooLong);
+                break;
+            case 8:
+                line = longName(LongestLine - star.size()) + star;
+                break;
+            default:
+                line = (i % 2 == 0 ? "\"a;b \"\"c\"\"\" " : "d") + star;
+        }
+        if (line.ends_with(star)) {
+            ++expected.Rows;
+            magnitudes.push_back(i / 100.0);
+        }
+        text += line + (i == lines - 1 ? "" : random.Whole(0, 1) == 0 ? "\n" : "\r\n");
+    }
+    for (const std::size_t pieceBytes : {1, 777, 20000, 1 << 18}) {
+        for (const int threads : {1, 2, 7}) {
+            const ThreadLimit limit(threads);
+            const TableOutcome outcome = ReadTable(text, {}, pieceBytes);
+            std::vector<double> read;
+            for (const SkyStar& star : outcome.Stars) read.push_back(star.Mag);
+            ASSERT_EQ(read, magnitudes) << pieceBytes << " bytes, threads: " << threads;
+            EXPECT_EQ(outcome.Result.Rows, expected.Rows);
+            EXPECT_EQ(outcome.Result.Faults, expected.Faults);
+            EXPECT_EQ(outcome.Result.GreatestRa, 10.5);
+        }
     }
 }
 
