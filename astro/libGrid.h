@@ -50,6 +50,8 @@ class Grid {
     std::span<T> Row(std::int32_t y) { return {cells_ + Index(0, y), rowLength_}; }
     std::span<const T> Row(std::int32_t y) const { return {cells_ + Index(0, y), rowLength_}; }
 
+    /// The rows, the spare one included.
+    std::size_t RowCount() const { return rowCount_; }
     bool Empty() const { return cells_ == nullptr; }
 
  private:

@@ -41,6 +41,7 @@ int ParallelThreads() {
 void ParallelFor(int count, const std::function<void(int)>& work, const Progress& progress) {
     std::atomic<int> next{0};
     std::atomic<int> done{0};
+    bool reported = false;
     std::mutex failureLock;
     std::exception_ptr failure;
 
@@ -49,7 +50,10 @@ void ParallelFor(int count, const std::function<void(int)>& work, const Progress
             for (int i = next++; i < count; i = next++) {
                 work(i);
                 const int finished = ++done;
-                if (report) report(finished, count);
+                if (report) {
+                    reported = true;
+                    report(finished, count);
+                }
             }
         } catch (...) {
             next = count;
@@ -71,6 +75,8 @@ void ParallelFor(int count, const std::function<void(int)>& work, const Progress
         takePieces(progress);
     }
     if (failure) std::rethrow_exception(failure);
+    // The other threads can have done everything before this one came to it.
+    if (progress && !reported && count > 0) progress(count, count);
 }
 
 }  // namespace vestrel

@@ -32,7 +32,7 @@ class Scene {
         std::mt19937 random(1);
         for (int y = 0; y < height; ++y) {
             for (int x = 0; x < width; ++x) {
-                image.Pixels(x, y) = -32000 + static_cast<std::int32_t>(random() % 100);
+                image.Pixels.Wide()(x, y) = -32000 + static_cast<std::int32_t>(random() % 100);
             }
         }
         image.Header.PlateMatched = true;

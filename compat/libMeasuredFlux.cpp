@@ -28,14 +28,13 @@ double FluxAt(const PlateImage& image, double x, double y) {
         return std::min(size - 1, static_cast<int>(std::floor(centre + ringOuter)));
     };
     for (int row = low(y); row <= high(y, image.Height); ++row) {
-        const std::int32_t* const counts = image.Pixels.Row(row).data();
         for (int column = low(x); column <= high(x, image.Width); ++column) {
             const double distance = std::hypot(column - x, row - y);
             if (distance <= apertureRadius) {
-                sum += counts[column];
+                sum += image.Pixels(column, row);
                 ++pixels;
             } else if (distance >= ringInner && distance <= ringOuter) {
-                ring.push_back(counts[column]);
+                ring.push_back(image.Pixels(column, row));
             }
         }
     }

@@ -21,8 +21,9 @@ int PieceCount(const PlateImage& image) {
 template <typename Work>
 void ForRowsOfPiece(const PlateImage& image, int piece, Work work) {
     const int end = std::min((piece + 1) * rowsPerPiece, image.Height);
+    std::vector<std::int32_t> buffer;
     for (int y = piece * rowsPerPiece; y < end; ++y) {
-        work(image.Pixels.Row(y).first(static_cast<std::size_t>(image.Width)));
+        work(image.Pixels.Row(y, buffer).first(static_cast<std::size_t>(image.Width)));
     }
 }
 

@@ -127,15 +127,15 @@ CountLevel StretchAndHalve(GreyLevel& level, int width, int height, bool inverte
     const int stepY = std::max(height / mostEachWay, 1);
     std::vector<float> sample;
     for (int y = 0; y < height; y += stepY) {
-        const auto* row = counts(y);
+        const auto row = counts(y);
         for (int x = 0; x < width; x += stepX) sample.push_back(static_cast<float>(row[x]));
     }
     const ScreenStretch grey(std::move(sample), inverted);
     ForRows(half.Height, stop, [&](int pair) {
         const int first = 2 * pair;
         const int second = std::min(first + 1, height - 1);
-        const auto* upper = counts(first);
-        const auto* lower = counts(second);
+        const auto upper = counts(first);
+        const auto lower = counts(second);
         std::uint8_t* out = RowOf(level, first);
         for (int x = 0; x < width; ++x) out[x] = grey(static_cast<float>(upper[x]));
         out = RowOf(level, second);
@@ -176,9 +176,10 @@ void PicturePyramid::Build(const PlateImage& image, const GreyLookup& grey,
     levels_.resize(count);
     SetSize(levels_[0], image.Width, image.Height);
     ForRows(image.Height, stop, [&](int row) {
-        const auto pixels = image.Pixels.Row(row).first(static_cast<std::size_t>(image.Width));
-        std::transform(pixels.begin(), pixels.end(), RowOf(levels_[0], row),
-                       [&grey](std::int32_t stored) { return grey(stored); });
+        std::uint8_t* out = RowOf(levels_[0], row);
+        image.Pixels.VisitRow(row, [&](auto pixels) {
+            for (int x = 0; x < image.Width; ++x) out[x] = grey(pixels[x]);
+        });
     });
     for (std::size_t k = 1; k < count; ++k) Halve(levels_[k - 1], levels_[k], stop);
 }
@@ -188,8 +189,10 @@ void PicturePyramid::BuildForScreen(const PlateImage& image, bool inverted,
     if (image.Width < 1 || image.Height < 1 || image.Pixels.Empty()) return Clear();
     edition_ = std::make_shared<char>();
     levels_.resize(LevelCount(image));
-    CountLevel counts = StretchAndHalve(levels_[0], image.Width, image.Height, inverted, stop,
-                                        [&image](int y) { return image.Pixels.Row(y).data(); });
+    CountLevel counts;
+    image.Pixels.Visit([&](auto rows) {
+        counts = StretchAndHalve(levels_[0], image.Width, image.Height, inverted, stop, rows);
+    });
     for (std::size_t k = 1; k < levels_.size(); ++k) {
         counts = StretchAndHalve(levels_[k], counts.Width, counts.Height, inverted, stop,
                                  [&counts](int y) { return counts.Row(y); });

@@ -1,6 +1,7 @@
 #include "extraction/libBackground.h"
 
 #include <algorithm>
+#include <span>
 
 #include "astro/libMath.h"
 #include "astro/libProcessor.h"
@@ -26,33 +27,37 @@ struct ClipLevels {
 /// How often each value occurs in the samples of some rows.
 struct SampleCounts {
     std::vector<std::int32_t> Counts = std::vector<std::int32_t>(LargestHistogramValue + 1, 0);
-    std::int32_t Minimum = LargestHistogramValue;
-    std::int32_t Maximum = 0;
     std::int32_t Samples = 0;
 
-    void Add(const std::int32_t* row, std::int32_t offset, std::int32_t width) {
+    template <typename Cell>
+    void Add(PixelRow<Cell> row, std::int32_t offset, std::int32_t width) {
         for (std::int32_t x = 0; x < width; x += step) {
-            const std::int32_t value = HeldValue(row[x] + offset);
-            ++Counts[static_cast<std::size_t>(value)];
-            Minimum = std::min(Minimum, value);
-            Maximum = std::max(Maximum, value);
+            ++Counts[static_cast<std::size_t>(HeldValue(row[x] + offset))];
         }
         Samples += (width + step - 1) / step;
     }
     void Add(const SampleCounts& other) {
-        for (auto value = static_cast<std::size_t>(other.Minimum);
-             value <= static_cast<std::size_t>(other.Maximum); ++value) {
+        for (std::size_t value = 0; value < Counts.size(); ++value) {
             Counts[value] += other.Counts[value];
         }
-        Minimum = std::min(Minimum, other.Minimum);
-        Maximum = std::max(Maximum, other.Maximum);
         Samples += other.Samples;
     }
+    std::int32_t Minimum() const {
+        const auto occurs = std::find_if(Counts.begin(), Counts.end(), NotZero);
+        return static_cast<std::int32_t>(occurs - Counts.begin());
+    }
+    std::int32_t Maximum() const {
+        const auto occurs = std::find_if(Counts.rbegin(), Counts.rend(), NotZero);
+        return static_cast<std::int32_t>(Counts.rend() - occurs) - 1;
+    }
+
+ private:
+    static bool NotZero(std::int32_t count) { return count != 0; }
 };
 
 /// The levels beyond which the darkest and brightest 0.2 % of the samples lie. Images of fewer
 /// than 250 samples clip nothing: the levels then lie just outside the values that occur.
-ClipLevels FindClipLevels(const Grid<std::int32_t>& values, std::int32_t offset, std::int32_t width,
+ClipLevels FindClipLevels(const PixelGrid& values, std::int32_t offset, std::int32_t width,
                           std::int32_t height) {
     // Each piece has counters of its own, so it must be large enough to be worth them.
     constexpr std::int64_t pixelsPerPiece = 1 << 20;
@@ -64,15 +69,16 @@ ClipLevels FindClipLevels(const Grid<std::int32_t>& values, std::int32_t offset,
     ParallelFor(pieces, [&](int piece) {
         const std::int32_t end = rows * (piece + 1) / pieces;
         for (std::int32_t row = rows * piece / pieces; row < end; ++row) {
-            counts[static_cast<std::size_t>(piece)].Add(values.Row(row * step).data(), offset,
-                                                        width);
+            values.VisitRow(row * step, [&](auto pixels) {
+                counts[static_cast<std::size_t>(piece)].Add(pixels, offset, width);
+            });
         }
     });
     SampleCounts& all = counts.front();
     for (std::size_t piece = 1; piece < counts.size(); ++piece) all.Add(counts[piece]);
 
     const std::int32_t clipped = RoundToNearestInt32(all.Samples / 500.0);
-    ClipLevels levels{all.Minimum - 1, all.Maximum + 1};
+    ClipLevels levels{all.Minimum() - 1, all.Maximum() + 1};
     for (std::int32_t sum = 0; sum < clipped;) {
         sum += all.Counts[static_cast<std::size_t>(++levels.Low)];
     }
@@ -90,7 +96,7 @@ ClipLevels FindClipLevels(const Grid<std::int32_t>& values, std::int32_t offset,
 /// samples. Results depend on exactly these rows, so do not "repair" them.
 class ColumnOfBoxes {
  public:
-    ColumnOfBoxes(const Grid<std::int32_t>& values, std::int32_t offset, std::int32_t width,
+    ColumnOfBoxes(const PixelGrid& values, std::int32_t offset, std::int32_t width,
                   std::int32_t height, std::int32_t halfSize, ClipLevels clip)
         : values_(values),
           offset_(offset),
@@ -134,32 +140,35 @@ class ColumnOfBoxes {
     std::int32_t Held(std::int32_t stored) const {
         return std::clamp(stored + offset_, darkest_, brightest_);
     }
-    const std::int32_t* FirstSample(std::int32_t y) const {
-        return values_.Row(y).data() + firstColumn_;
-    }
     std::int32_t AddRow(std::int32_t y) {
-        const std::int32_t* sample = FirstSample(y);
-        for (std::int32_t i = 0; i < columns_; ++i) histogram_.Add(Held(sample[i * step]));
+        values_.VisitRow(y, [this](auto pixels) {
+            const auto sample = pixels.From(firstColumn_);
+            for (std::int32_t i = 0; i < columns_; ++i) histogram_.Add(Held(sample[i * step]));
+        });
         return columns_;
     }
     std::int32_t RemoveRow(std::int32_t y) {
-        const std::int32_t* sample = FirstSample(y);
-        for (std::int32_t i = 0; i < columns_; ++i) {
-            histogram_.RemoveUnseen(Held(sample[i * step]));
-        }
+        values_.VisitRow(y, [this](auto pixels) {
+            const auto sample = pixels.From(firstColumn_);
+            for (std::int32_t i = 0; i < columns_; ++i) {
+                histogram_.RemoveUnseen(Held(sample[i * step]));
+            }
+        });
         return columns_;
     }
     /// Removes a row that was added before and adds another one.
     void ExchangeRows(std::int32_t leaving, std::int32_t entering) {
-        const std::int32_t* out = FirstSample(leaving);
-        const std::int32_t* in = FirstSample(entering);
-        for (std::int32_t i = 0; i < columns_; ++i) {
-            histogram_.Remove(Held(out[i * step]));
-            histogram_.Add(Held(in[i * step]));
-        }
+        values_.Visit([&](auto rows) {
+            const auto out = rows(leaving).From(firstColumn_);
+            const auto in = rows(entering).From(firstColumn_);
+            for (std::int32_t i = 0; i < columns_; ++i) {
+                histogram_.Remove(Held(out[i * step]));
+                histogram_.Add(Held(in[i * step]));
+            }
+        });
     }
 
-    const Grid<std::int32_t>& values_;
+    const PixelGrid& values_;
     std::int32_t offset_;
     std::int32_t width_;
     std::int32_t height_;
@@ -208,7 +217,7 @@ std::int32_t HistogramPercentile(const ValueHistogram& histogram, std::int32_t c
     return histogram.High;
 }
 
-BackgroundBlocks EstimateBackgroundBlocks(const Grid<std::int32_t>& values, std::int32_t offset,
+BackgroundBlocks EstimateBackgroundBlocks(const PixelGrid& values, std::int32_t offset,
                                           std::int32_t width, std::int32_t height,
                                           std::int16_t halfSize, double percentile,
                                           const Progress& progress) {
@@ -250,12 +259,13 @@ BackgroundBlocks EstimateBackgroundBlocks(const Grid<std::int32_t>& values, std:
     return blocks;
 }
 
-void EstimateBackground(Grid<std::int32_t>& values, std::int32_t width, std::int32_t height,
+void EstimateBackground(PixelGrid& values, std::int32_t width, std::int32_t height,
                         std::int16_t halfSize, double percentile, const Progress& progress) {
     const BackgroundBlocks blocks =
         EstimateBackgroundBlocks(values, 0, width, height, halfSize, percentile, progress);
+    Grid<std::int32_t>& map = values.Wide();
     for (std::int32_t y = 0; y < height; ++y) {
-        for (std::int32_t x = 0; x < width; ++x) values(x, y) = blocks.At(x, y);
+        for (std::int32_t x = 0; x < width; ++x) map(x, y) = blocks.At(x, y);
     }
 }
 
@@ -281,31 +291,125 @@ void SubtractRowPlainly(std::int32_t* row, const std::int32_t* sky, std::int32_t
     SubtractRow(row, sky, width, least, most);
 }
 
-}  // namespace
+/// The same in 16 bits. Each count falls or, where the sky is darker than the lift, rises; one of
+/// `fall` and `rise` is 0. A count that would leave 0..65535 stops at the bound.
+VESTREL_KERNEL void SubtractNarrowRow(std::uint16_t* __restrict row,
+                                      const std::uint16_t* __restrict fall,
+                                      const std::uint16_t* __restrict rise, std::int32_t width,
+                                      std::uint16_t offset) {
+    for (std::int32_t x = 0; x < width; ++x) {
+        const auto count = static_cast<std::uint16_t>(row[x] + offset);
+        const auto room = static_cast<std::uint16_t>(brightest - count);
+        const auto raised = static_cast<std::uint16_t>(count + (rise[x] < room ? rise[x] : room));
+        const auto left =
+            static_cast<std::uint16_t>(raised - (fall[x] < raised ? fall[x] : raised));
+        row[x] = static_cast<std::uint16_t>(left - offset);
+    }
+}
+VESTREL_FOR_AVX2 void SubtractNarrowRowForAvx2(std::uint16_t* row, const std::uint16_t* fall,
+                                               const std::uint16_t* rise, std::int32_t width,
+                                               std::uint16_t offset) {
+    SubtractNarrowRow(row, fall, rise, width, offset);
+}
+void SubtractNarrowRowPlainly(std::uint16_t* row, const std::uint16_t* fall,
+                              const std::uint16_t* rise, std::int32_t width, std::uint16_t offset) {
+    SubtractNarrowRow(row, fall, rise, width, offset);
+}
 
-void SubtractBackgroundBlocks(Grid<std::int32_t>& pixels, std::int32_t offset, std::int32_t width,
-                              std::int32_t height, const BackgroundBlocks& background,
-                              const Progress& progress) {
-    if (width == 0) return;                    // empty rows have no first pixel
+/// What a row of blocks subtracts from the pixels of each column.
+class WideSky {
+ public:
+    explicit WideSky(std::int32_t blocks) : sky_(static_cast<std::size_t>(blocks) * step) {}
+    void Set(std::span<const std::int32_t> blocks) {
+        std::int32_t* place = sky_.data();
+        for (const std::int32_t block : blocks) {
+            place[0] = place[1] = place[2] = block;
+            place += step;
+        }
+    }
+    void SubtractFrom(std::int32_t* row, std::int32_t offset, std::int32_t width) const {
+        // Stored and physical values differ only by the offset, so it just shifts the bounds.
+        (HasAvx2() ? SubtractRowForAvx2 : SubtractRowPlainly)(row, sky_.data(), width, -offset,
+                                                              brightest - offset);
+    }
+
+ private:
+    std::vector<std::int32_t> sky_;
+};
+
+/// Sets `fall` and `rise` for the three columns of each block.
+VESTREL_KERNEL void SpreadChanges(const std::int32_t* __restrict blocks, std::size_t count,
+                                  std::uint16_t* __restrict fall, std::uint16_t* __restrict rise) {
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::int32_t down = blocks[i] - lift;
+        const std::int32_t notBelow = down < -brightest ? -brightest : down;
+        const std::int32_t change = notBelow > brightest ? brightest : notBelow;
+        const auto falls = static_cast<std::uint16_t>(change < 0 ? 0 : change);
+        const auto rises = static_cast<std::uint16_t>(change < 0 ? -change : 0);
+        fall[3 * i] = fall[3 * i + 1] = fall[3 * i + 2] = falls;
+        rise[3 * i] = rise[3 * i + 1] = rise[3 * i + 2] = rises;
+    }
+}
+VESTREL_FOR_AVX2 void SpreadChangesForAvx2(const std::int32_t* blocks, std::size_t count,
+                                           std::uint16_t* fall, std::uint16_t* rise) {
+    SpreadChanges(blocks, count, fall, rise);
+}
+void SpreadChangesPlainly(const std::int32_t* blocks, std::size_t count, std::uint16_t* fall,
+                          std::uint16_t* rise) {
+    SpreadChanges(blocks, count, fall, rise);
+}
+
+/// The same for 16-bit cells.
+class NarrowSky {
+ public:
+    explicit NarrowSky(std::int32_t blocks)
+        : fall_(static_cast<std::size_t>(blocks) * step), rise_(fall_.size()) {}
+    void Set(std::span<const std::int32_t> blocks) {
+        (HasAvx2() ? SpreadChangesForAvx2 : SpreadChangesPlainly)(blocks.data(), blocks.size(),
+                                                                  fall_.data(), rise_.data());
+    }
+    void SubtractFrom(std::uint16_t* row, std::int32_t offset, std::int32_t width) const {
+        (HasAvx2() ? SubtractNarrowRowForAvx2 : SubtractNarrowRowPlainly)(
+            row, fall_.data(), rise_.data(), width, static_cast<std::uint16_t>(offset));
+    }
+
+ private:
+    std::vector<std::uint16_t> fall_;
+    std::vector<std::uint16_t> rise_;
+};
+
+template <typename Sky, typename Cell>
+void SubtractFromCells(Grid<Cell>& cells, std::int32_t offset, std::int32_t width,
+                       std::int32_t height, const BackgroundBlocks& background,
+                       const Progress& progress) {
     constexpr std::int32_t rowsPerPiece = 63;  // whole blocks
-    const auto subtract = HasAvx2() ? SubtractRowForAvx2 : SubtractRowPlainly;
     const auto subtractPiece = [&](int piece) {
-        std::vector<std::int32_t> sky(static_cast<std::size_t>(background.Columns) * step);
+        Sky sky(background.Columns);
         const std::int32_t first = piece * rowsPerPiece;
         const std::int32_t end = std::min(first + rowsPerPiece, height);
         for (std::int32_t y = first; y < end; ++y) {
             if (y == first || (y + 1) % step == 0) {
-                const std::int32_t* block = background.Values.Row((y + 1) / step).data();
-                std::int32_t* place = sky.data();
-                for (std::int32_t i = 0; i < background.Columns; ++i, place += step) {
-                    place[0] = place[1] = place[2] = block[i];
-                }
+                sky.Set(background.Values.Row((y + 1) / step)
+                            .first(static_cast<std::size_t>(background.Columns)));
             }
-            // Stored and physical values differ only by the offset, so it just shifts the bounds.
-            subtract(pixels.Row(y).data(), sky.data(), width, -offset, brightest - offset);
+            sky.SubtractFrom(cells.Row(y).data(), offset, width);
         }
     };
     ParallelFor((height + rowsPerPiece - 1) / rowsPerPiece, subtractPiece, progress);
+}
+
+}  // namespace
+
+void SubtractBackgroundBlocks(PixelGrid& pixels, std::int32_t offset, std::int32_t width,
+                              std::int32_t height, const BackgroundBlocks& background,
+                              const Progress& progress) {
+    if (width == 0) return;  // empty rows have no first pixel
+    if (pixels.IsNarrow() && pixels.Least() == -offset) {
+        SubtractFromCells<NarrowSky>(pixels.NarrowCells(), offset, width, height, background,
+                                     progress);
+    } else {
+        SubtractFromCells<WideSky>(pixels.Wide(), offset, width, height, background, progress);
+    }
 }
 
 }  // namespace vestrel

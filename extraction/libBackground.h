@@ -10,6 +10,7 @@
 
 #include "astro/libGrid.h"
 #include "astro/libParallel.h"
+#include "image/libPixelGrid.h"
 
 namespace vestrel {
 
@@ -76,19 +77,19 @@ struct BackgroundBlocks {
 /// that enter the box as it slides down are not those that leave it (see the .cpp file).
 /// @param halfSize half the side of the box, pixels, 0 or more
 /// @param percentile 0..100; 50 is the median
-BackgroundBlocks EstimateBackgroundBlocks(const Grid<std::int32_t>& values, std::int32_t offset,
+BackgroundBlocks EstimateBackgroundBlocks(const PixelGrid& values, std::int32_t offset,
                                           std::int32_t width, std::int32_t height,
                                           std::int16_t halfSize, double percentile,
                                           const Progress& progress = {});
 
 /// Replaces a grid of physical values by its background map, as above; the spare column and row
 /// stay as they are.
-void EstimateBackground(Grid<std::int32_t>& values, std::int32_t width, std::int32_t height,
+void EstimateBackground(PixelGrid& values, std::int32_t width, std::int32_t height,
                         std::int16_t halfSize, double percentile, const Progress& progress = {});
 
 /// Subtracts a background from stored values and adds 100 counts: each physical value becomes value
 /// − background + 100, clamped to 0..65535.
-void SubtractBackgroundBlocks(Grid<std::int32_t>& pixels, std::int32_t offset, std::int32_t width,
+void SubtractBackgroundBlocks(PixelGrid& pixels, std::int32_t offset, std::int32_t width,
                               std::int32_t height, const BackgroundBlocks& background,
                               const Progress& progress = {});
 

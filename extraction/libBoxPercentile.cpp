@@ -86,26 +86,28 @@ class Strip {
     /// Converts row y of the image to leaf numbers at `row`.
     template <bool Shared>
     VESTREL_KERNEL void TakeRow(std::int32_t y, std::int32_t row) {
-        const std::int32_t* pixels = samples_.Values.Row(y).data();
         std::uint16_t* leaves = Leaves(row) - start_;
         const std::int32_t shift = Shared ? shape_.Shift : 0;
-        const std::int32_t end = endSample_;
-        for (std::int32_t i = firstSample_; i < end; ++i) {
-            leaves[i] = static_cast<std::uint16_t>(Held(pixels[i * step]) >> shift);
-        }
+        samples_.Values.VisitRow(y, [=, this](auto pixels) VESTREL_KERNEL_LAMBDA {
+            const std::int32_t end = endSample_;
+            for (std::int32_t i = firstSample_; i < end; ++i) {
+                leaves[i] = static_cast<std::uint16_t>(Held(pixels[i * step]) >> shift);
+            }
+        });
     }
     /// Stores the samples of row y at `place` in their columns, when leaves stand for several
     /// values.
     template <bool Shared>
     VESTREL_KERNEL void PlaceRow(std::int32_t y, std::int32_t place) {
         if constexpr (!Shared) return;
-        const std::int32_t* pixels = samples_.Values.Row(y).data();
-        for (std::int32_t i = firstSample_; i < endSample_; ++i) {
-            const std::int32_t held = Held(pixels[i * step]);
-            const auto leaf = static_cast<std::uint16_t>(held >> shape_.Shift);
-            leafSamples_.Set(i - start_, place, leaf, held & ((1 << shape_.Shift) - 1));
-            if (place >= leafSamples_.OwedFrom()) leafSamples_.Owe(leaf);
-        }
+        samples_.Values.VisitRow(y, [=, this](auto pixels) VESTREL_KERNEL_LAMBDA {
+            for (std::int32_t i = firstSample_; i < endSample_; ++i) {
+                const std::int32_t held = Held(pixels[i * step]);
+                const auto leaf = static_cast<std::uint16_t>(held >> shape_.Shift);
+                leafSamples_.Set(i - start_, place, leaf, held & ((1 << shape_.Shift) - 1));
+                if (place >= leafSamples_.OwedFrom()) leafSamples_.Owe(leaf);
+            }
+        });
     }
 
     /// The nodes of a column's histogram that contain a leaf, and the sums that a sample adds to

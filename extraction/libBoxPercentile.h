@@ -4,13 +4,14 @@
 #include <cstdint>
 
 #include "astro/libGrid.h"
+#include "image/libPixelGrid.h"
 
 namespace vestrel {
 
 /// The samples of an image: every third column from 0 on, their physical values (stored + `Offset`)
 /// clamped to `Darkest`..`Brightest`.
 struct BoxSamples {
-    const Grid<std::int32_t>& Values;
+    const PixelGrid& Values;
     std::int32_t Offset;
     std::int32_t Width;   ///< of the image, pixels
     std::int32_t Height;  ///< of the image, pixels

@@ -15,45 +15,50 @@ struct BrightPixel {
 };
 
 /// Lists the bright pixels of some columns, row by row.
-VESTREL_KERNEL void ListBrightPixels(const Grid<std::int32_t>& pixels, std::int32_t firstColumn,
+VESTREL_KERNEL void ListBrightPixels(const PixelGrid& pixels, std::int32_t firstColumn,
                                      std::int32_t columns, std::int32_t height, std::int32_t level,
                                      std::vector<BrightPixel>& list) {
-    constexpr std::int32_t look = 64;       // values compared before the first branch
-    constexpr std::int32_t cacheLine = 16;  // values
-    for (std::int32_t y = 0; y < height; ++y) {
-        const std::int32_t* row = pixels.Row(y).data() + firstColumn;
-        // The next row lies too far away for the processor to expect it.
-        const std::int32_t* next = pixels.Row(y + 1).data() + firstColumn;
-        for (std::int32_t x0 = 0; x0 < columns; x0 += look) {
-            const std::int32_t end = std::min(x0 + look, columns);
-            for (std::int32_t x = x0; x < end; x += cacheLine) __builtin_prefetch(next + x);
-            if (end - x0 == look) {
-                std::int32_t above = 0;
-                for (std::int32_t i = 0; i < look; ++i) above |= row[x0 + i] > level ? 1 : 0;
-                if (above == 0) continue;
-            }
-            for (std::int32_t x = x0; x < end; ++x) {
-                if (row[x] > level) {
-                    list.push_back(
-                        {static_cast<std::uint16_t>(x), static_cast<std::uint16_t>(y), row[x]});
+    pixels.Visit([&](auto rows) VESTREL_KERNEL_LAMBDA {
+        constexpr std::int32_t look = 64;  // values looked at before the first branch
+        constexpr std::int32_t rowsAhead = 4;
+        for (std::int32_t y = 0; y < height; ++y) {
+            const auto row = rows(y).From(firstColumn);
+            // The next rows lie too far away for the processor to expect them.
+            const auto next = rows(std::min(y + rowsAhead, height)).From(firstColumn);
+            for (std::int32_t x0 = 0; x0 < columns; x0 += look) {
+                const std::int32_t end = std::min(x0 + look, columns);
+                ExpectPixels(next, x0, end);
+                if (end - x0 == look) {
+                    auto most = row.Rank(x0);
+                    for (std::int32_t i = 1; i < look; ++i) {
+                        const auto rank = row.Rank(x0 + i);
+                        most = rank > most ? rank : most;
+                    }
+                    if (row.ValueOf(most) <= level) continue;
+                }
+                for (std::int32_t x = x0; x < end; ++x) {
+                    if (row[x] > level) {
+                        list.push_back(
+                            {static_cast<std::uint16_t>(x), static_cast<std::uint16_t>(y), row[x]});
+                    }
                 }
             }
         }
-    }
+    });
 }
-VESTREL_FOR_AVX2 void ListForAvx2(const Grid<std::int32_t>& pixels, std::int32_t firstColumn,
+VESTREL_FOR_AVX2 void ListForAvx2(const PixelGrid& pixels, std::int32_t firstColumn,
                                   std::int32_t columns, std::int32_t height, std::int32_t level,
                                   std::vector<BrightPixel>& list) {
     ListBrightPixels(pixels, firstColumn, columns, height, level, list);
 }
-void ListPlainly(const Grid<std::int32_t>& pixels, std::int32_t firstColumn, std::int32_t columns,
+void ListPlainly(const PixelGrid& pixels, std::int32_t firstColumn, std::int32_t columns,
                  std::int32_t height, std::int32_t level, std::vector<BrightPixel>& list) {
     ListBrightPixels(pixels, firstColumn, columns, height, level, list);
 }
 
 }  // namespace
 
-BrightRuns::BrightRuns(const Grid<std::int32_t>& pixels, std::int32_t width, std::int32_t height,
+BrightRuns::BrightRuns(const PixelGrid& pixels, std::int32_t width, std::int32_t height,
                        std::int32_t level, const Progress& progress)
     : width_(width),
       height_(height),
@@ -66,7 +71,7 @@ BrightRuns::BrightRuns(const Grid<std::int32_t>& pixels, std::int32_t width, std
     ParallelFor(static_cast<int>(pieces_.size()), findPiece, progress);
 }
 
-BrightRuns::Piece BrightRuns::FindPiece(const Grid<std::int32_t>& pixels, std::int32_t firstColumn,
+BrightRuns::Piece BrightRuns::FindPiece(const PixelGrid& pixels, std::int32_t firstColumn,
                                         std::int32_t columns, std::int32_t height,
                                         std::int32_t level) {
     std::vector<BrightPixel> list;

@@ -6,8 +6,8 @@
 #include <span>
 #include <vector>
 
-#include "astro/libGrid.h"
 #include "astro/libParallel.h"
+#include "image/libPixelGrid.h"
 
 namespace vestrel {
 
@@ -25,8 +25,8 @@ struct BrightRun {
 class BrightRuns {
  public:
     /// Finds the stored values strictly above `level`.
-    BrightRuns(const Grid<std::int32_t>& pixels, std::int32_t width, std::int32_t height,
-               std::int32_t level, const Progress& progress);
+    BrightRuns(const PixelGrid& pixels, std::int32_t width, std::int32_t height, std::int32_t level,
+               const Progress& progress);
 
     /// A fill is cut off at this depth; runs that it has not reached may start a region of their
     /// own.
@@ -62,8 +62,8 @@ class BrightRuns {
         std::vector<std::uint32_t> ValueStart;  ///< of each column, and the end
     };
 
-    static Piece FindPiece(const Grid<std::int32_t>& pixels, std::int32_t firstColumn,
-                           std::int32_t columns, std::int32_t height, std::int32_t level);
+    static Piece FindPiece(const PixelGrid& pixels, std::int32_t firstColumn, std::int32_t columns,
+                           std::int32_t height, std::int32_t level);
     std::span<BrightRun> RunsOf(std::int32_t x);
     void Fill(std::int32_t x, BrightRun& run, std::int32_t label, std::int32_t depth);
     void FillTouching(std::int32_t x, std::int32_t top, std::int32_t bottom, std::int32_t label,

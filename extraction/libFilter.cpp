@@ -1,6 +1,7 @@
 #include "extraction/libFilter.h"
 
 #include <algorithm>
+#include <span>
 #include <vector>
 
 #include "astro/libProcessor.h"
@@ -53,14 +54,15 @@ void SmoothRowPlainly(const std::int32_t* above, const std::int32_t* here,
 
 using Row = std::vector<std::int32_t>;
 
-Row CopyOfRow(const Grid<std::int32_t>& pixels, std::int32_t y, std::int32_t width) {
-    const std::int32_t* row = pixels.Row(y).data();
-    return {row, row + width};
+Row CopyOfRow(const PixelGrid& pixels, std::int32_t y) {
+    Row buffer;
+    const auto row = pixels.Row(y, buffer);
+    return {row.begin(), row.end()};
 }
 
 }  // namespace
 
-void GaussianFilter(Grid<std::int32_t>& pixels, std::int32_t width, std::int32_t height,
+void GaussianFilter(PixelGrid& pixels, std::int32_t width, std::int32_t height,
                     const Progress& progress) {
     if (width < 3 || height < 3) return;
     // Bands of rows share only the rows at their edges, which are copied first.
@@ -69,23 +71,26 @@ void GaussianFilter(Grid<std::int32_t>& pixels, std::int32_t width, std::int32_t
     std::vector<Row> aboveBand;
     std::vector<Row> belowBand;
     for (std::int32_t band = 0; band < bands; ++band) {
-        aboveBand.push_back(CopyOfRow(pixels, band * rowsPerBand, width));
-        belowBand.push_back(
-            CopyOfRow(pixels, std::min((band + 1) * rowsPerBand + 1, height - 1), width));
+        aboveBand.push_back(CopyOfRow(pixels, band * rowsPerBand));
+        belowBand.push_back(CopyOfRow(pixels, std::min((band + 1) * rowsPerBand + 1, height - 1)));
     }
     const auto smooth = HasAvx2() ? SmoothRowForAvx2 : SmoothRowPlainly;
     const auto smoothBand = [&](int band) {
         const std::int32_t first = 1 + band * rowsPerBand;
         const std::int32_t last = std::min(first + rowsPerBand, height - 1) - 1;
         Row above = std::move(aboveBand[static_cast<std::size_t>(band)]);
-        Row here = CopyOfRow(pixels, first, width);
+        Row here = CopyOfRow(pixels, first);
+        Row below = std::move(belowBand[static_cast<std::size_t>(band)]);
+        Row expanded;
+        Row smoothed(static_cast<std::size_t>(width));
         std::vector<double> sides(static_cast<std::size_t>(width));
         for (std::int32_t y = first; y <= last; ++y) {
-            const std::int32_t* below = y < last ? pixels.Row(y + 1).data()
-                                                 : belowBand[static_cast<std::size_t>(band)].data();
-            smooth(above.data(), here.data(), below, sides.data(), pixels.Row(y).data(), width);
+            const std::int32_t* next = y < last ? pixels.Row(y + 1, expanded).data() : below.data();
+            smooth(above.data(), here.data(), next, sides.data(), smoothed.data(), width);
+            // A weighted mean fits the cells that its values fit.
+            pixels.Store(1, y, std::span(smoothed).subspan(1, static_cast<std::size_t>(width) - 2));
             above.swap(here);
-            std::copy_n(below, width, here.begin());
+            std::copy_n(next, width, here.begin());
         }
     };
     ParallelFor(bands, smoothBand, progress);

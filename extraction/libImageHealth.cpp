@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <utility>
 #include <vector>
 
 #include "extraction/libBrightRuns.h"
@@ -39,14 +40,14 @@ struct Patch {
 /// deviation.
 struct Deviations {
     Plane Raw;
-    Grid<std::int32_t> Smooth;
+    PixelGrid Smooth;
     double Level = 0;
     double Noise = 0;  ///< of single binned pixels
 
     Deviations(const PlateImage& image, std::int32_t binning) : Raw(Binned(image, binning)) {
         const Plane smoothed = Smoothed(Raw);
         const SkyMesh sky(smoothed);
-        Smooth = Grid<std::int32_t>(Raw.Width, Raw.Height);
+        Grid<std::int32_t> smooth(Raw.Width, Raw.Height);
         ForRows(Raw.Height, [&](std::int32_t first, std::int32_t end) {
             for (std::int32_t y = first; y < end; ++y) {
                 float* raw = Raw.Row(y);
@@ -57,17 +58,18 @@ struct Deviations {
                     const double sigmas =
                         static_cast<double>((from[x] - around.Level) / around.Noise);
                     constexpr double farthest = 1e6;
-                    Smooth(x, y) = static_cast<std::int32_t>(
+                    smooth(x, y) = static_cast<std::int32_t>(
                         std::clamp(sigmas, -farthest, farthest) * perSigma);
                 }
             }
         });
+        Smooth = PixelGrid(std::move(smooth));
         MeasureSky(sky);
     }
 
     void TurnOver() {
         for (std::int32_t y = 0; y < Raw.Height; ++y) {
-            for (std::int32_t& value : Smooth.Row(y)) value = -value;
+            for (std::int32_t& value : Smooth.Wide().Row(y)) value = -value;
             float* raw = Raw.Row(y);
             for (std::int32_t x = 0; x < Raw.Width; ++x) raw[x] = -raw[x];
         }

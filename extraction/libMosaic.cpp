@@ -1,6 +1,7 @@
 #include "extraction/libMosaic.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "astro/libParallel.h"
 
@@ -13,20 +14,23 @@ PlateImage SumsOfMosaic(const PlateImage& mosaic) {
     sums.DataOffset = 4 * mosaic.DataOffset;
     sums.ImageType = mosaic.ImageType;
     sums.TopRowFirst = mosaic.TopRowFirst;
-    sums.Pixels = Grid<std::int32_t>(sums.Width, sums.Height);
+    Grid<std::int32_t> cells(sums.Width, sums.Height);
     constexpr int rowsPerPiece = 32;
     const auto add = [&](int piece) {
         const int end = std::min((piece + 1) * rowsPerPiece, sums.Height);
         for (int y = piece * rowsPerPiece; y < end; ++y) {
-            const std::int32_t* first = mosaic.Pixels.Row(2 * y).data();
-            const std::int32_t* second = mosaic.Pixels.Row(2 * y + 1).data();
-            std::int32_t* sum = sums.Pixels.Row(y).data();
-            for (int x = 0; x < sums.Width; ++x) {
-                sum[x] = first[2 * x] + first[2 * x + 1] + second[2 * x] + second[2 * x + 1];
-            }
+            std::int32_t* sum = cells.Row(y).data();
+            mosaic.Pixels.Visit([&](auto rows) {
+                const auto first = rows(2 * y);
+                const auto second = rows(2 * y + 1);
+                for (int x = 0; x < sums.Width; ++x) {
+                    sum[x] = first[2 * x] + first[2 * x + 1] + second[2 * x] + second[2 * x + 1];
+                }
+            });
         }
     };
     ParallelFor((sums.Height + rowsPerPiece - 1) / rowsPerPiece, add);
+    sums.Pixels = PixelGrid(std::move(cells));
     return sums;
 }
 

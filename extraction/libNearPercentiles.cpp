@@ -22,6 +22,19 @@ constexpr std::int8_t noLane = 127;  ///< outside of the image
 // stand anywhere.
 using Bytes [[gnu::vector_size(32)]] = std::int8_t;
 using Numbers [[gnu::vector_size(32)]] = std::int32_t;
+using Words [[gnu::vector_size(16)]] = std::uint16_t;
+
+/// Eight cells.
+template <typename Cell>
+struct Eight;
+template <>
+struct Eight<std::int32_t> {
+    using Vector = Numbers;
+};
+template <>
+struct Eight<std::uint16_t> {
+    using Vector = Words;
+};
 
 /// The running sums of a column of samples, at most 127 in size. Lanes 0 and 16 stand side by side,
 /// then 1 and 17, and so on; 32 and 48 begin the second part.
@@ -42,6 +55,49 @@ VESTREL_KERNEL void StoreAsBytes(const Numbers& numbers, std::int8_t* out) {
 #else
     for (int i = 0; i < 8; ++i) out[i] = static_cast<std::int8_t>(numbers[i]);
 #endif
+}
+VESTREL_KERNEL void StoreAsBytes(const Words& words, std::int8_t* out) {
+#if defined(__SSE2__)
+    const auto numbers = reinterpret_cast<__m128i>(words);
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(numbers, numbers));
+#else
+    for (int i = 0; i < 8; ++i) out[i] = static_cast<std::int8_t>(words[i]);
+#endif
+}
+
+/// Finds the lanes of `count` samples, every third pixel of a row: their values clamped to
+/// `least`..`most`, which is all within `lanes` of `base`, less `base`.
+template <typename Cell>
+VESTREL_KERNEL void TakeLanes(PixelRow<Cell> pixels, std::int32_t base, std::int32_t least,
+                              std::int32_t most, std::int32_t count, std::int8_t* out) {
+    using Vector = typename Eight<Cell>::Vector;
+    using Row = PixelRow<Cell>;
+    std::int32_t i = 0;
+    if (least - pixels.Least <= Row::MostRank && most - pixels.Least >= Row::LeastRank) {
+        const auto low = static_cast<Cell>(std::max(least - pixels.Least, Row::LeastRank));
+        const auto high = static_cast<Cell>(std::min(most - pixels.Least, Row::MostRank));
+        const auto toRank = static_cast<Cell>(pixels.Least);
+        const auto toLane = static_cast<Cell>(base - pixels.Least);
+        // Eight samples lie in 24 pixels: of these every third is kept.
+        for (; i + 8 < count; i += 8) {
+            const Cell* cells = pixels.Cells + step * i;
+            Vector first;
+            Vector second;
+            Vector third;
+            __builtin_memcpy(&first, cells, sizeof first);
+            __builtin_memcpy(&second, cells + 8, sizeof second);
+            __builtin_memcpy(&third, cells + 16, sizeof third);
+            const Vector both = __builtin_shufflevector(first, second, 0, 9, 2, 3, 12, 5, 6, 15);
+            const Vector all = __builtin_shufflevector(both, third, 0, 1, 10, 3, 4, 13, 6, 7);
+            const Vector cell = __builtin_shufflevector(all, all, 0, 3, 6, 1, 4, 7, 2, 5);
+            const Vector rank = cell - toRank;
+            const Vector notBelow = rank < low ? Vector{} + low : rank;
+            StoreAsBytes((notBelow > high ? Vector{} + high : notBelow) - toLane, out + i);
+        }
+    }
+    for (; i < count; ++i) {
+        out[i] = static_cast<std::int8_t>(std::clamp(pixels[i * step], least, most) - base);
+    }
 }
 
 class NearStrip {
@@ -114,37 +170,18 @@ class NearStrip {
         const std::int32_t base = window_ - samples_.Offset;
         const std::int32_t least = base + std::clamp(samples_.Darkest - window_, 0, lanes);
         const std::int32_t most = base + std::clamp(samples_.Brightest - window_, 0, lanes);
-        const std::int32_t* pixels =
-            samples_.Values.Row(y).data() + std::ptrdiff_t{firstSample_} * step;
         std::int8_t* out = Lanes(place) + (firstSample_ - start_);
-        const std::int32_t count = endSample_ - firstSample_;
-        std::int32_t i = 0;
-        // Eight samples lie in 24 pixels: of these every third is kept.
-        for (; i + 8 < count; i += 8) {
-            Numbers first;
-            Numbers second;
-            Numbers third;
-            __builtin_memcpy(&first, pixels + step * i, sizeof first);
-            __builtin_memcpy(&second, pixels + step * i + 8, sizeof second);
-            __builtin_memcpy(&third, pixels + step * i + 16, sizeof third);
-            const Numbers both = __builtin_shufflevector(first, second, 0, 9, 2, 3, 12, 5, 6, 15);
-            const Numbers all = __builtin_shufflevector(both, third, 0, 1, 10, 3, 4, 13, 6, 7);
-            const Numbers pixel = __builtin_shufflevector(all, all, 0, 3, 6, 1, 4, 7, 2, 5);
-            const Numbers notBelow = pixel < least ? Numbers{} + least : pixel;
-            StoreAsBytes((notBelow > most ? Numbers{} + most : notBelow) - base, out + i);
-        }
-        for (; i < count; ++i) {
-            out[i] = static_cast<std::int8_t>(std::clamp(pixels[i * step], least, most) - base);
-        }
+        samples_.Values.VisitRow(y, [=, this](auto pixels) VESTREL_KERNEL_LAMBDA {
+            TakeLanes(pixels.From(std::ptrdiff_t{firstSample_} * step), base, least, most,
+                      endSample_ - firstSample_, out);
+        });
     }
     /// Has the memory bring a row that will be taken next.
     VESTREL_KERNEL void ExpectRow(std::int32_t y) const {
-        constexpr std::int32_t cacheLine = 16;  // pixels
         if (y >= samples_.Height) return;
-        const std::int32_t* pixels = samples_.Values.Row(y).data();
-        for (std::int32_t x = firstSample_ * step; x < endSample_ * step; x += cacheLine) {
-            __builtin_prefetch(pixels + x);
-        }
+        samples_.Values.VisitRow(y, [this](auto pixels) VESTREL_KERNEL_LAMBDA {
+            ExpectPixels(pixels, firstSample_ * step, endSample_ * step);
+        });
     }
     template <int Sign>
     VESTREL_KERNEL void CountRow(std::int32_t place) {

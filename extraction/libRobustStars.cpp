@@ -298,8 +298,9 @@ bool MayBeNegative(const PlateImage& image) {
                                1);
     std::vector<std::int32_t> values;
     for (std::int32_t y = 0; y < image.Height; y += step) {
-        const std::int32_t* row = image.Pixels.Row(y).data();
-        for (std::int32_t x = 0; x < image.Width; x += step) values.push_back(row[x]);
+        image.Pixels.VisitRow(y, [&](auto row) {
+            for (std::int32_t x = 0; x < image.Width; x += step) values.push_back(row[x]);
+        });
     }
     if (values.empty()) return false;
     const auto [lower, middle, upper] = DeviationsAndMedian(values);

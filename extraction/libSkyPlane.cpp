@@ -34,12 +34,13 @@ Plane Binned(const PlateImage& image, std::int32_t binning) {
         for (std::int32_t y = first; y < end; ++y) {
             float* row = plane.Row(y);
             for (std::int32_t dy = 0; dy < binning; ++dy) {
-                const std::int32_t* from = image.Pixels.Row(y * binning + dy).data();
-                for (std::int32_t x = 0; x < plane.Width; ++x) {
-                    std::int64_t sum = 0;
-                    for (std::int32_t dx = 0; dx < binning; ++dx) sum += from[x * binning + dx];
-                    row[x] += static_cast<float>(sum) * part;
-                }
+                image.Pixels.VisitRow(y * binning + dy, [&](auto from) {
+                    for (std::int32_t x = 0; x < plane.Width; ++x) {
+                        std::int64_t sum = 0;
+                        for (std::int32_t dx = 0; dx < binning; ++dx) sum += from[x * binning + dx];
+                        row[x] += static_cast<float>(sum) * part;
+                    }
+                });
             }
         }
     });

@@ -9,9 +9,8 @@ namespace {
 constexpr std::int32_t step = 3;
 
 std::int32_t ValueAt(const BoxSamples& samples, std::int32_t column, std::int32_t y) {
-    return std::clamp(
-        samples.Values.Row(y)[static_cast<std::size_t>(column) * step] + samples.Offset,
-        samples.Darkest, samples.Brightest);
+    return std::clamp(samples.Values(column * step, y) + samples.Offset, samples.Darkest,
+                      samples.Brightest);
 }
 
 /// Ranges of values that hold about the same number of samples each; a value that occurs often is a
@@ -123,13 +122,12 @@ SingleBox::SingleBox(const BoxSamples& samples, const SlidingRows& rows)
 
 void SingleBox::TakeRow(std::int32_t y, std::int32_t first, std::int32_t last,
                         std::vector<std::int32_t>& taken) {
-    const std::int32_t* pixel = samples_.Values.Row(y).data() + std::ptrdiff_t{first} * step;
-    const std::size_t before = taken.size();
-    taken.resize(before + static_cast<std::size_t>(last - first + 1));
-    for (std::size_t i = before; i < taken.size(); ++i, pixel += step) {
-        taken[i] = std::clamp(*pixel + samples_.Offset, samples_.Darkest, samples_.Brightest) -
-                   samples_.Low;
-    }
+    samples_.Values.VisitRow(y, [&](auto pixels) {
+        for (std::int32_t i = first; i <= last; ++i) {
+            const std::int32_t value = pixels[std::ptrdiff_t{i} * step] + samples_.Offset;
+            taken.push_back(std::clamp(value, samples_.Darkest, samples_.Brightest) - samples_.Low);
+        }
+    });
 }
 
 std::int32_t SingleBox::Find(std::int32_t column, std::int32_t k, std::int32_t target) {

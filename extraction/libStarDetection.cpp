@@ -93,8 +93,11 @@ class SkySamples {
                 Outside.push_back(value);
                 return;
             }
-            ++Counts[static_cast<std::size_t>(value)];
-            Bits |= static_cast<std::uint64_t>(value);
+            AddInside(static_cast<std::size_t>(value));
+        }
+        void AddInside(std::size_t value) {
+            ++Counts[value];
+            Bits |= value;
         }
         void Add(const ValueCounts& other) {
             Bits |= other.Bits;
@@ -104,6 +107,22 @@ class SkySamples {
             Outside.insert(Outside.end(), other.Outside.begin(), other.Outside.end());
         }
     };
+
+    template <typename Cell>
+    void CountRow(PixelRow<Cell> pixels, ValueCounts& counts) const {
+        if constexpr (PixelRow<Cell>::MostRank < ValueCounts::Range) {
+            // Where the ranks of cells are counts, none lies outside.
+            if (pixels.Least == -image_.DataOffset) {
+                for (std::int64_t x = firstX_; x <= lastX_; x += 3) {
+                    counts.AddInside(pixels.Rank(x));
+                }
+                return;
+            }
+        }
+        for (std::int64_t x = firstX_; x <= lastX_; x += 3) {
+            counts.Add(std::int64_t{pixels[x]} + image_.DataOffset);
+        }
+    }
 
     void CountValues() {
         // Each piece has counters of its own, so it must be large enough to be worth them.
@@ -120,10 +139,7 @@ class SkySamples {
             const std::int64_t end = rows * (piece + 1) / pieces;
             for (std::int64_t row = rows * piece / pieces; row < end; ++row) {
                 const auto y = static_cast<std::int32_t>(firstY_ + 3 * row);
-                const std::int32_t* pixels = image_.Pixels.Row(y).data();
-                for (std::int64_t x = firstX_; x <= lastX_; x += 3) {
-                    counts.Add(std::int64_t{pixels[x]} + image_.DataOffset);
-                }
+                image_.Pixels.VisitRow(y, [&](auto pixels) { CountRow(pixels, counts); });
             }
         });
         for (std::size_t piece = 1; piece < counts_.size(); ++piece) {

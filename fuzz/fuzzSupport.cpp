@@ -74,7 +74,8 @@ CheckedImage ReadChecked(ImageReader read, std::string_view bytes) {
             "the header has the image's size");
     Require(image.Header.CardCount >= 0 && image.Header.CardCount < ImageHeader::MaxCards,
             "the cards have room");
-    Require(image.Pixels.Row(0).size() == static_cast<std::size_t>(image.Width) + 1,
+    std::vector<std::int32_t> buffer;
+    Require(image.Pixels.Row(0, buffer).size() == static_cast<std::size_t>(image.Width) + 1,
             "the grid has the image's size");
     Require(image.Pixels(image.Width, image.Height) == 0, "the spare corner is empty");
     for (std::int32_t y = 0; y < std::min(image.Height, WalkedSize); ++y) {

@@ -103,6 +103,11 @@ struct PixelLayout {
           Bounds{-offset, 65535 - offset} {}
 
     std::size_t PixelBytes() const { return static_cast<std::size_t>(std::abs(BitPix)) / 8; }
+    /// Narrow when all counts that pixels of this kind can have are at most 65535.
+    CellWidth Cells() const {
+        const int largest = BitPix == 8 ? 255 : BitPix == 16 ? 32767 : Bounds.Ceiling;
+        return largest <= Bounds.Ceiling ? CellWidth::Narrow : CellWidth::Wide;
+    }
     /// Whether zero bytes convert to 0, which is what a new grid holds already.
     bool MissingCostNothing() const {
         return Bounds.Floor <= 0 && (BitPix != -32 || Bounds.Ceiling >= 0);
@@ -129,19 +134,20 @@ void RefuseForgedSize(const PixelLayout& layout) {
 }
 
 /// Converts the rows `first`..`end` − 1 of the file from their bytes.
+template <typename Cell>
 void StoreRows(const PixelLayout& layout, const std::uint8_t* bytes, std::int32_t first,
-               std::int32_t end, PlateImage& image) {
+               std::int32_t end, const PlateImage& image, Grid<Cell>& cells) {
     if (end <= first) return;
     // Only floating-point images are turned upside down.
     const bool turned = layout.BitPix == -32;
     const std::int32_t y = turned ? image.Height - 1 - first : first;
     const std::ptrdiff_t rowLength = std::ptrdiff_t{image.Width} + 1;
-    const PixelRows rows{layout.BitPix,
-                         bytes,
-                         static_cast<std::size_t>(image.Width),
-                         static_cast<std::size_t>(end - first),
-                         image.Pixels.Row(y).data(),
-                         turned ? -rowLength : rowLength};
+    const PixelRows<Cell> rows{layout.BitPix,
+                               bytes,
+                               static_cast<std::size_t>(image.Width),
+                               static_cast<std::size_t>(end - first),
+                               cells.Row(y).data(),
+                               turned ? -rowLength : rowLength};
     if (!ConvertPixelRows(rows, layout.Bounds)) {
         throw std::range_error("a pixel that is infinite, not a number or too large");
     }
@@ -170,7 +176,11 @@ void ReadPieces(const PixelLayout& layout, PlateImage& image, const Progress& pr
             start < layout.Held ? read(start, bytes.get(), std::min(length, layout.Held - start))
                                 : 0;
         std::fill(bytes.get() + there, bytes.get() + length, std::uint8_t{0});
-        StoreRows(layout, bytes.get(), first, end, image);
+        if (image.Pixels.IsNarrow()) {
+            StoreRows(layout, bytes.get(), first, end, image, image.Pixels.NarrowCells());
+        } else {
+            StoreRows(layout, bytes.get(), first, end, image, image.Pixels.Wide());
+        }
     };
     ParallelFor((rows + rowsPerPiece - 1) / rowsPerPiece, readPiece, progress);
     if (progress) progress(0, image.Height);
@@ -191,7 +201,7 @@ void ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
         const auto data = std::make_unique_for_overwrite<std::uint8_t[]>(layout.Wanted);
         layout.Held = std::fread(data.get(), 1, layout.Wanted, file);
         RefuseForgedSize(layout);
-        StartPixels(image, offset);
+        StartPixels(image, offset, layout.Cells());
         ReadPieces(layout, image, progress,
                    [&](std::size_t start, std::uint8_t* bytes, std::size_t length) {
                        std::copy_n(data.get() + start, length, bytes);
@@ -202,7 +212,7 @@ void ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
     layout.Held = std::min(
         layout.Wanted, static_cast<std::size_t>(std::max<std::int64_t>(fileLength - dataStart, 0)));
     RefuseForgedSize(layout);
-    StartPixels(image, offset);
+    StartPixels(image, offset, layout.Cells());
     ReadPieces(
         layout, image, progress, [&](std::size_t start, std::uint8_t* bytes, std::size_t length) {
             return ReadAt(file, static_cast<std::uint64_t>(dataStart) + start, bytes, length);

@@ -114,8 +114,9 @@ ExportedPixels PixelsOfOthers(const PlateImage& image, bool apart) {
         throw std::runtime_error("The file " + image.FileName + " is no longer what it was.");
     }
     bool fits16 = true;
+    std::vector<std::int32_t> buffer;
     for (std::int32_t y = 0; y < original.Height && fits16; ++y) {
-        const auto row = original.Pixels.Row(y);
+        const auto row = original.Pixels.Row(y, buffer);
         fits16 = std::all_of(row.begin(), row.end(), [](std::int32_t value) {
             return value >= std::numeric_limits<std::int16_t>::min() &&
                    value <= std::numeric_limits<std::int16_t>::max();
@@ -126,7 +127,7 @@ ExportedPixels PixelsOfOthers(const PlateImage& image, bool apart) {
                          static_cast<std::size_t>(original.Height) * (fits16 ? 2 : 4));
     for (std::int32_t k = 0; k < original.Height; ++k) {
         const std::int32_t y = FirstRowAtTop(original) ? original.Height - 1 - k : k;
-        const std::int32_t* row = original.Pixels.Row(y).data();
+        const std::int32_t* row = original.Pixels.Row(y, buffer).data();
         for (std::int32_t x = 0; x < original.Width; ++x) {
             if (fits16) {
                 AppendBigEndian(pixels.Bytes, static_cast<std::uint32_t>(row[x]), 2);

@@ -118,8 +118,9 @@ void WriteFitsFile(const std::filesystem::path& path, const PlateImage& image,
     std::vector<unsigned char> bytes(dataStart + WholeFitsBlocks(dataLength));
     std::copy(header.begin(), header.end(), bytes.begin());
     unsigned char* next = bytes.data() + dataStart;
+    std::vector<std::int32_t> buffer;
     for (std::int32_t y = 0; y < height; ++y) {
-        const std::int32_t* row = image.Pixels.Row(y).data();
+        const std::int32_t* row = image.Pixels.Row(y, buffer).data();
         for (std::int32_t x = 0; x < width; ++x) {
             const auto stored = static_cast<std::uint32_t>(row[x]);
             *next++ = static_cast<unsigned char>(stored >> 8 & 0xFF);

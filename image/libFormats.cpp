@@ -168,14 +168,15 @@ bool MayHaveLostTheSky(const PlateImage& image) {
     std::int64_t atZero = 0;
     std::int64_t aboveTwo = 0;
     for (std::int32_t y = 0; y < image.Height; ++y) {
-        const std::int32_t* row = image.Pixels.Row(y).data();
         std::int32_t zeros = 0;
         std::int32_t above = 0;
-        for (std::int32_t x = 0; x < image.Width; ++x) {
-            const std::int32_t count = row[x] + image.DataOffset;
-            zeros += count == 0 ? 1 : 0;
-            above += count > 2 ? 1 : 0;
-        }
+        image.Pixels.VisitRow(y, [&](auto row) {
+            for (std::int32_t x = 0; x < image.Width; ++x) {
+                const std::int32_t count = row[x] + image.DataOffset;
+                zeros += count == 0 ? 1 : 0;
+                above += count > 2 ? 1 : 0;
+            }
+        });
         atZero += zeros;
         aboveTwo += above;
     }

@@ -15,14 +15,19 @@ void ClearHeader(ImageHeader& header) {
     }
 }
 
-void StartPixels(PlateImage& image, std::int32_t dataOffset) {
+void StartPixels(PlateImage& image, std::int32_t dataOffset, CellWidth cells) {
     image.Width = image.Header.NAxis1;
     image.Height = image.Header.NAxis2;
     image.DataOffset = dataOffset;
     image.Pedestal = image.Header.Pedestal;
     image.DisplayBlack = image.DisplayWhite = 0;
-    image.Pixels = Grid<std::int32_t>();  // frees the old image's memory first
-    image.Pixels = Grid<std::int32_t>(image.Width, image.Height);
+    image.Pixels = PixelGrid();  // frees the old image's memory first
+    constexpr std::int32_t mostCount = 65535;
+    if (cells == CellWidth::Narrow && dataOffset >= 0 && dataOffset <= mostCount) {
+        image.Pixels = PixelGrid::Narrow(image.Width, image.Height, -dataOffset);
+    } else {
+        image.Pixels = PixelGrid(Grid<std::int32_t>(image.Width, image.Height));
+    }
 }
 
 bool FirstRowAtTop(const PlateImage& image) {

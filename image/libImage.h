@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "astro/libGrid.h"
+#include "image/libPixelGrid.h"
 
 namespace vestrel {
 
@@ -96,7 +96,7 @@ struct CountScale {
 /// and y from 0 to Height − 1.
 struct PlateImage {
     std::string FileName;
-    Grid<std::int32_t> Pixels;  ///< bounds 0..Width, 0..Height; the spare column and row stay 0
+    PixelGrid Pixels;  ///< bounds 0..Width, 0..Height; the spare column and row stay 0
     std::int32_t Width = 0;
     std::int32_t Height = 0;
     std::int32_t DataOffset = 0;
@@ -115,9 +115,14 @@ struct PlateImage {
     std::vector<std::string> Remarks;   ///< what was left out, or done to the picture
 };
 
-/// Gives the image the size and the pedestal of its header, this offset, and a grid of zeros.
-/// Throws std::bad_alloc when memory is short.
-void StartPixels(PlateImage& image, std::int32_t dataOffset);
+/// How wide the cells of an image are: `Narrow` ones take half the memory, and hold the counts
+/// 0..65535 only.
+enum class CellWidth : std::uint8_t { Narrow, Wide };
+
+/// Gives the image the size and the pedestal of its header, this offset, and a grid of zeros. Cells
+/// can be narrow where stored zeros are such counts; with other offsets they become wide. Throws
+/// std::bad_alloc when memory is short.
+void StartPixels(PlateImage& image, std::int32_t dataOffset, CellWidth cells = CellWidth::Wide);
 
 /// Whether row 0 of the grid is the top of the image as displayed. It is for pictures, SBIG images
 /// and floating-point FITS images, which are turned over when they are read. Other FITS images have

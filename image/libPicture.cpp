@@ -119,14 +119,14 @@ bool PlausibleSize(std::uint64_t pixels, std::uint64_t bytes) {
 
 /// The sum of the three colours that a pixel of four inks (CMYK) shows. Adobe's programs, from
 /// which nearly all such pictures come, store the inks inverted.
-void AddInks(const JSAMPLE* row, std::int32_t* grey, std::int32_t width, bool inverted) {
+void AddInks(const JSAMPLE* row, std::uint16_t* grey, std::int32_t width, bool inverted) {
     constexpr int most = MAXJSAMPLE;
     for (std::int32_t x = 0; x < width; ++x, row += 4) {
         const auto light = [inverted](int ink) { return inverted ? ink : most - ink; };
         const int black = light(row[3]);
         int sum = 0;
         for (int c = 0; c < 3; ++c) sum += (light(row[c]) * black + most / 2) / most;
-        grey[x] = sum;
+        grey[x] = static_cast<std::uint16_t>(sum);
     }
 }
 
@@ -139,10 +139,10 @@ constexpr J_COLOR_SPACE wantedColours = JCS_RGB;
 constexpr int wantedChannels = 3;
 #endif
 
-void AddColours(const JSAMPLE* row, std::int32_t* grey, std::int32_t width) {
+void AddColours(const JSAMPLE* row, std::uint16_t* grey, std::int32_t width) {
     for (std::int32_t x = 0; x < width; ++x) {
         const JSAMPLE* pixel = row + std::ptrdiff_t{wantedChannels} * x;
-        grey[x] = pixel[0] + pixel[1] + pixel[2];
+        grey[x] = static_cast<std::uint16_t>(pixel[0] + pixel[1] + pixel[2]);
     }
 }
 
@@ -170,13 +170,13 @@ bool Decode(jpeg_decompress_struct& info, ErrorManager& errors, std::FILE* file,
 
     image.Header.NAxis1 = static_cast<std::int16_t>(info.output_width);
     image.Header.NAxis2 = static_cast<std::int16_t>(info.output_height);
-    StartPixels(image, 0);
+    StartPixels(image, 0, CellWidth::Narrow);
     row.resize(std::size_t{4} * info.output_width);
     while (info.output_scanline < info.output_height) {
         const auto y = static_cast<std::int32_t>(info.output_scanline);
         JSAMPROW rows[] = {row.data()};
         jpeg_read_scanlines(&info, rows, 1);
-        std::int32_t* grey = image.Pixels.Row(y).data();
+        std::uint16_t* grey = image.Pixels.NarrowCells().Row(y).data();
         if (inks) {
             AddInks(row.data(), grey, image.Width, invertedInks);
         } else {
@@ -231,12 +231,12 @@ class PictureTaker final : public PictureSink {  // NOLINT(*-virtual-class-destr
         ClearHeader(image_.Header);
         image_.Header.NAxis1 = static_cast<std::int16_t>(shape.Width);
         image_.Header.NAxis2 = static_cast<std::int16_t>(shape.Height);
-        StartPixels(image_, 0);
+        StartPixels(image_, 0, CellWidth::Narrow);
     }
     void Row(std::int64_t y, const void* samples) override {
         const auto* const sums = static_cast<const std::uint16_t*>(samples);
         const auto row = static_cast<std::int32_t>(y);
-        std::copy(sums, sums + image_.Width, image_.Pixels.Row(row).data());
+        std::copy(sums, sums + image_.Width, image_.Pixels.NarrowCells().Row(row).data());
         if (row % 10 == 0 && progress_) progress_(row, image_.Height);
     }
     void Stored(const StoredSamples& /*samples*/) override {
@@ -268,12 +268,8 @@ std::string SendPicture(const std::filesystem::path& path, PictureSink& sink) {
     std::vector<JOCTET> exif;
     if (!DecodeFile(path, image, exif, {})) return refusal;
     sink.Start({image.Width, image.Height, 1, SampleKind::UInt16, 8, true});
-    std::vector<std::uint16_t> sums(static_cast<std::size_t>(image.Width));
     for (std::int32_t y = 0; y < image.Height; ++y) {
-        const std::int32_t* const row = image.Pixels.Row(y).data();
-        std::transform(row, row + image.Width, sums.begin(),
-                       [](std::int32_t sum) { return static_cast<std::uint16_t>(sum); });
-        sink.Row(y, sums.data());
+        sink.Row(y, image.Pixels.NarrowCells().Row(y).data());
     }
     PassCameraFacts(ReadExif(exif), std::max(image.Width, image.Height), sink);
     return {};

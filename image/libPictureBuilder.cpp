@@ -32,8 +32,9 @@ void WithChannels(int channels, const Work& work) {
     work(channels);
 }
 
+/// The cells have 16 bits, which is enough for the counts of samples of 8 and 16 bits.
 template <typename Sample>
-void TakeCounts(const Sample* samples, int channels, std::int32_t* row, std::int32_t width) {
+void TakeCounts(const Sample* samples, int channels, std::uint16_t* row, std::int32_t width) {
     WithChannels(channels, [&](auto step) {
         for (std::int32_t x = 0; x < width; ++x) {
             const Sample* pixel = samples + std::ptrdiff_t{x} * step;
@@ -42,7 +43,7 @@ void TakeCounts(const Sample* samples, int channels, std::int32_t* row, std::int
                 count += pixel[1] + pixel[2];
                 if constexpr (sizeof(Sample) > 1) count = (count + 1) / 3;
             }
-            row[x] = Stored(std::max(count, 0));
+            row[x] = static_cast<std::uint16_t>(Stored(std::max(count, 0)));
         }
     });
 }
@@ -88,9 +89,9 @@ NumberRange WithoutStrays(NumberRange range, const PictureNumbers& numbers,
     constexpr double alone = 200;  // times as far from the sky as everything but the strays
     constexpr double room = 2;
     const std::size_t strays = StraysAmong(image);
-    const double sky = numbers.Sky(image.Pixels);
-    const double greatest = numbers.Greatest(strays + 1, image.Pixels);
-    const double least = numbers.Least(strays + 1, image.Pixels);
+    const double sky = numbers.Sky(image.Pixels.Wide());
+    const double greatest = numbers.Greatest(strays + 1, image.Pixels.Wide());
+    const double least = numbers.Least(strays + 1, image.Pixels.Wide());
     const double reach = std::max(greatest - sky, sky - least);
     if (!(reach > 0)) return range;
     if (range.Greatest - sky > alone * reach) range.Greatest = sky + room * (greatest - sky);
@@ -100,9 +101,9 @@ NumberRange WithoutStrays(NumberRange range, const PictureNumbers& numbers,
 
 /// The range of fractions of which a few faulty pixels are above 1; else the range as it is.
 NumberRange FractionsOf(NumberRange range, const PictureNumbers& numbers, const PlateImage& image) {
-    const double greatest = numbers.Greatest(1 + StraysAmong(image), image.Pixels);
+    const double greatest = numbers.Greatest(1 + StraysAmong(image), image.Pixels.Wide());
     if (greatest > 1) return range;
-    const double sky = numbers.Sky(image.Pixels);
+    const double sky = numbers.Sky(image.Pixels.Wide());
     range.Greatest = std::min(1.0, sky + 2 * (greatest - sky));
     return range;
 }
@@ -132,9 +133,9 @@ void MakeCounts(const PictureNumbers& numbers, NumberRange range, PlateImage& im
     }
     if (range.Greatest > 1 && !range.Whole) range = FractionsOf(range, numbers, image);
     image.Counts = ScaleFor(range, image.Width, image.Height);
-    const double sky = range.AllFinite ? 0 : numbers.Sky(image.Pixels);
+    const double sky = range.AllFinite ? 0 : numbers.Sky(image.Pixels.Wide());
     numbers.MakeCounts(image.Counts.Zero, image.Counts.Factor, sky, largestCount, offset,
-                       image.Pixels);
+                       image.Pixels.Wide());
 }
 
 /// The card with its number freed from quotes, which some programs put around numbers; empty when
@@ -163,17 +164,18 @@ void PictureBuilder::Start(const PictureShape& shape) {
     started_ = true;
     image_.Header.NAxis1 = static_cast<std::int16_t>(shape.Width);
     image_.Header.NAxis2 = static_cast<std::int16_t>(shape.Height);
-    StartPixels(image_, offset);
+    collects_ = SampleBytes(shape.Kind) >= sizeof(std::int32_t);
+    StartPixels(image_, offset, collects_ ? CellWidth::Wide : CellWidth::Narrow);
     image_.TopRowFirst = shape.TopRowFirst;
     const bool colour = shape.Channels >= 3;
     image_.LargestCount = shape.Kind != SampleKind::UInt8 ? 65535 : colour ? 3 * 255 : 255;
-    collects_ = SampleBytes(shape.Kind) >= sizeof(std::int32_t);
     if (collects_) numbers_ = PictureNumbers(HeldFor(shape), image_.Width, image_.Height);
 }
 
 void PictureBuilder::Row(std::int64_t y, const void* samples) {
     const auto at = static_cast<std::int32_t>(y);
-    std::int32_t* row = image_.Pixels.Row(at).data();
+    std::int32_t* row = collects_ ? image_.Pixels.Wide().Row(at).data() : nullptr;
+    std::uint16_t* counts = collects_ ? nullptr : image_.Pixels.NarrowCells().Row(at).data();
     const std::int32_t width = image_.Width;
     const int channels = shape_.Channels;
     // Whole numbers stay what they are unless a mean of them is taken.
@@ -186,13 +188,13 @@ void PictureBuilder::Row(std::int64_t y, const void* samples) {
     };
     switch (shape_.Kind) {
         case SampleKind::UInt8:
-            TakeCounts(static_cast<const std::uint8_t*>(samples), channels, row, width);
+            TakeCounts(static_cast<const std::uint8_t*>(samples), channels, counts, width);
             break;
         case SampleKind::UInt16:
-            TakeCounts(static_cast<const std::uint16_t*>(samples), channels, row, width);
+            TakeCounts(static_cast<const std::uint16_t*>(samples), channels, counts, width);
             break;
         case SampleKind::Int16:
-            TakeCounts(static_cast<const std::int16_t*>(samples), channels, row, width);
+            TakeCounts(static_cast<const std::int16_t*>(samples), channels, counts, width);
             break;
         case SampleKind::Int32:
             take(static_cast<const std::int32_t*>(samples));

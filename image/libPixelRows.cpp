@@ -14,9 +14,10 @@ VESTREL_KERNEL std::int32_t NotBelow(std::int32_t value, std::int32_t floor) {
     return value < floor ? floor : value;
 }
 
-VESTREL_KERNEL void ConvertBytes(const std::uint8_t* __restrict bytes, std::int32_t* __restrict row,
+template <typename Cell>
+VESTREL_KERNEL void ConvertBytes(const std::uint8_t* __restrict bytes, Cell* __restrict row,
                                  std::size_t width, std::int32_t floor) {
-    for (std::size_t x = 0; x < width; ++x) row[x] = NotBelow(bytes[x], floor);
+    for (std::size_t x = 0; x < width; ++x) row[x] = static_cast<Cell>(NotBelow(bytes[x], floor));
 }
 
 /// The number that big-endian bytes stand for.
@@ -33,19 +34,20 @@ VESTREL_KERNEL Unsigned FromBigEndian(const std::uint8_t* bytes) {
     }
 }
 
-VESTREL_KERNEL void ConvertWords(const std::uint8_t* __restrict bytes, std::int32_t* __restrict row,
+template <typename Cell>
+VESTREL_KERNEL void ConvertWords(const std::uint8_t* __restrict bytes, Cell* __restrict row,
                                  std::size_t width, std::int32_t floor) {
     for (std::size_t x = 0; x < width; ++x) {
         const auto value = static_cast<std::int16_t>(FromBigEndian<std::uint16_t>(bytes + 2 * x));
-        row[x] = NotBelow(value, floor);
+        row[x] = static_cast<Cell>(NotBelow(value, floor));
     }
 }
 
 /// The machine's own floats equal those of `DecodeFloat32`, except the smallest, which round to 0
 /// either way, and infinities and NaN, which are refused either way.
-VESTREL_KERNEL bool ConvertFloats(const std::uint8_t* __restrict bytes,
-                                  std::int32_t* __restrict row, std::size_t width,
-                                  StoredBounds bounds) {
+template <typename Cell>
+VESTREL_KERNEL bool ConvertFloats(const std::uint8_t* __restrict bytes, Cell* __restrict row,
+                                  std::size_t width, StoredBounds bounds) {
     constexpr double smallest = std::numeric_limits<std::int32_t>::min();
     constexpr double largest = std::numeric_limits<std::int32_t>::max();
     constexpr double lastDigitIsOne = 6755399441055744.0;  // 1.5 × 2^52
@@ -58,15 +60,16 @@ VESTREL_KERNEL bool ConvertFloats(const std::uint8_t* __restrict bytes,
         misfits |= fits ? 0 : 1;
         const std::int32_t stored =
             NotBelow(static_cast<std::int32_t>(fits ? value : 0.0), bounds.Floor);
-        row[x] = stored > bounds.Ceiling ? bounds.Ceiling : stored;
+        row[x] = static_cast<Cell>(stored > bounds.Ceiling ? bounds.Ceiling : stored);
     }
     return misfits == 0;
 }
 
-VESTREL_KERNEL bool Convert(const PixelRows& rows, StoredBounds bounds) {
+template <typename Cell>
+VESTREL_KERNEL bool Convert(const PixelRows<Cell>& rows, StoredBounds bounds) {
     bool good = true;
     const std::uint8_t* bytes = rows.Bytes;
-    std::int32_t* row = rows.First;
+    Cell* row = rows.First;
     for (std::size_t i = 0; i < rows.Rows; ++i, row += rows.RowStep) {
         if (rows.BitPix == -32) {
             good &= ConvertFloats(bytes, row, rows.Width, bounds);
@@ -81,17 +84,22 @@ VESTREL_KERNEL bool Convert(const PixelRows& rows, StoredBounds bounds) {
     }
     return good;
 }
-VESTREL_FOR_AVX2 bool ConvertForAvx2(const PixelRows& rows, StoredBounds bounds) {
+template <typename Cell>
+VESTREL_FOR_AVX2 bool ConvertForAvx2(const PixelRows<Cell>& rows, StoredBounds bounds) {
     return Convert(rows, bounds);
 }
-bool ConvertPlainly(const PixelRows& rows, StoredBounds bounds) {
+template <typename Cell>
+bool ConvertPlainly(const PixelRows<Cell>& rows, StoredBounds bounds) {
     return Convert(rows, bounds);
 }
 
 }  // namespace
 
-bool ConvertPixelRows(const PixelRows& rows, StoredBounds bounds) {
-    return (HasAvx2() ? ConvertForAvx2 : ConvertPlainly)(rows, bounds);
+template <typename Cell>
+bool ConvertPixelRows(const PixelRows<Cell>& rows, StoredBounds bounds) {
+    return (HasAvx2() ? ConvertForAvx2<Cell> : ConvertPlainly<Cell>)(rows, bounds);
 }
+template bool ConvertPixelRows(const PixelRows<std::int32_t>&, StoredBounds);
+template bool ConvertPixelRows(const PixelRows<std::uint16_t>&, StoredBounds);
 
 }  // namespace vestrel

@@ -13,12 +13,14 @@ struct StoredBounds {
 };
 
 /// Rows of big-endian pixels, one after the other, and where their stored values go.
+/// @tparam Cell std::int32_t, or std::uint16_t for the last 16 bits of each value
+template <typename Cell>
 struct PixelRows {
     int BitPix;  ///< 8 (unsigned), 16 (signed) or −32 (IEEE 754 single precision)
     const std::uint8_t* Bytes;
     std::size_t Width;
     std::size_t Rows;
-    std::int32_t* First;     ///< stored values of the first row
+    Cell* First;             ///< stored values of the first row
     std::ptrdiff_t RowStep;  ///< elements from a row of stored values to that of the file's next
                              ///< row
 };
@@ -29,6 +31,7 @@ struct PixelRows {
 /// bytes are combined by shifts, choices have no branches, and floating-point values are rounded by
 /// adding and subtracting 1.5 × 2^52.
 /// @return false when a floating-point value does not fit 32 bits or is not a number
-bool ConvertPixelRows(const PixelRows& rows, StoredBounds bounds);
+template <typename Cell>
+bool ConvertPixelRows(const PixelRows<Cell>& rows, StoredBounds bounds);
 
 }  // namespace vestrel

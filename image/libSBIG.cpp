@@ -199,18 +199,22 @@ std::size_t ReadCompressedRow(RowBytes& bytes, std::int32_t* row, std::int32_t w
 }
 
 bool ReadRows(RowBytes bytes, PlateImage& image, const Progress& progress, ReadFailure& failure) {
+    std::vector<std::int32_t> row(static_cast<std::size_t>(image.Width));
     for (std::int32_t y = 0; y < image.Height; ++y) {
         bytes.BeginRow();
         const std::int32_t length = bytes.Take16();
-        std::int32_t* row = image.Pixels.Row(y).data();
         if (length == 2 * image.Width) {
-            for (std::int32_t x = 0; x < image.Width; ++x) row[x] = bytes.Take16() - offset;
-        } else if (ReadCompressedRow(bytes, row, image.Width) != static_cast<std::size_t>(length)) {
+            for (std::int32_t& value : row) value = bytes.Take16() - offset;
+        } else if (ReadCompressedRow(bytes, row.data(), image.Width) !=
+                   static_cast<std::size_t>(length)) {
             failure = {
                 "Unable to read SBIG file. Incorrect number of bytes in line " + std::to_string(y),
                 "SBIG Reading Error"};
             return false;
         }
+        // Differences can lead beyond the counts of 16 bits.
+        if (!image.Pixels.Fits(row)) image.Pixels.Wide(y);
+        image.Pixels.Store(0, y, row);
         if (y % 20 == 0 && progress) progress(y, image.Height);
     }
     if (progress) progress(0, image.Height);
@@ -227,7 +231,7 @@ bool ReadPixels(std::FILE* file, PlateImage& image, const Progress& progress,
     if (!RoundToInt16(header.Pedestal - pedestalReduction, header.Pedestal)) {
         throw std::range_error("a value that is too small: Pedestal");
     }
-    StartPixels(image, offset);
+    StartPixels(image, offset, CellWidth::Narrow);
     // A length, and an escape sequence for each pixel.
     const std::size_t longestRow = 2 + 3 * (static_cast<std::size_t>(header.NAxis1) + 1);
     return ReadRows({file, longestRow}, image, progress, failure);

@@ -90,8 +90,9 @@ bool HasNextToNoCounts(const PlateImage& image) {
         return false;
     std::int32_t least = image.Pixels(0, 0);
     std::int32_t most = least;
+    std::vector<std::int32_t> buffer;
     for (std::int32_t y = 0; y < image.Height; ++y) {
-        const auto row = image.Pixels.Row(y).first(static_cast<std::size_t>(image.Width));
+        const auto row = image.Pixels.Row(y, buffer).first(static_cast<std::size_t>(image.Width));
         const auto [low, high] = std::minmax_element(row.begin(), row.end());
         least = std::min(least, *low);
         most = std::max(most, *high);

@@ -332,7 +332,7 @@ TEST(WorldCoordinates, OtherProgramsSeeTheSkyAndTheCountsThatVestrelSees) {
             opened.Solve(ra, dec, random.Between(1, 600), random.Between(0, 6), mirrored);
             opened.State.BackgroundRemoved = true;  // the export must not take its counts from the
                                                     // grid
-            opened.State.Image.Pixels(3, 3) += 17;
+            opened.State.Image.Pixels.Wide()(3, 3) += 17;
             ASSERT_TRUE(WriteWorldCoordinates(opened.State, opened.Port));
             const std::string exported = TextFromPath(folder / (name + ".export.fits"));
             ASSERT_TRUE(ExportImage(opened.State, opened.Port, exported));

@@ -37,8 +37,22 @@ Image Copy(const Image& image, int width, int height) {
     return copy;
 }
 
+// The pixels in 32-bit cells, and also in 16-bit ones when all counts fit.
+std::vector<PixelGrid> InAllWidths(const Image& image, int width, int height, int offset) {
+    std::vector<PixelGrid> grids;
+    grids.emplace_back(Copy(image, width, height));
+    PixelGrid narrow = PixelGrid::Narrow(width, height, -std::clamp(offset, 0, 65535));
+    for (int y = 0; y <= height; ++y) {
+        if (!narrow.Fits(image.Row(y))) return grids;
+        narrow.Store(0, y, image.Row(y));
+    }
+    grids.push_back(std::move(narrow));
+    return grids;
+}
+
 // The first place where two images differ, as text; empty when they are the same.
-std::string Difference(const Image& one, const Image& other, int width, int height) {
+template <typename Other>
+std::string Difference(const Other& one, const Image& other, int width, int height) {
     std::string text;
     ForPixels(width + 1, height + 1, [&](int x, int y) {
         if (one(x, y) == other(x, y) || !text.empty()) return;
@@ -160,16 +174,19 @@ TEST(Background, IsThePlainProceduresWhateverTheImageAndTheThreads) {
         for (const int threads : {1, 2, 7}) {
             const ThreadsForNow now(threads);
             const VectorsForNow vectors(threads == 2);
-            Image map = Copy(sky, width, height);
-            EstimateBackground(map, width, height, static_cast<std::int16_t>(half), percentile);
-            ASSERT_EQ(Difference(map, plain, width, height), "")
-                << width << " x " << height << ", half-size " << half << ", " << percentile << " %";
-            Image result = Copy(stored, width, height);
-            SubtractBackgroundBlocks(
-                result, offset, width, height,
-                EstimateBackgroundBlocks(stored, offset, width, height,
-                                         static_cast<std::int16_t>(half), percentile));
-            ASSERT_EQ(Difference(result, subtracted, width, height), "");
+            auto grids = InAllWidths(stored, width, height, offset);
+            ASSERT_TRUE(grids.size() == 2 || wild);
+            for (PixelGrid& cells : grids) {
+                const BackgroundBlocks blocks = EstimateBackgroundBlocks(
+                    cells, offset, width, height, static_cast<std::int16_t>(half), percentile);
+                PixelGrid map(Image(width, height));
+                ForPixels(width, height, [&](int x, int y) { map.Wide()(x, y) = blocks.At(x, y); });
+                ASSERT_EQ(Difference(map, plain, width, height), "")
+                    << width << " x " << height << ", half-size " << half << ", " << percentile
+                    << " %, narrow: " << cells.IsNarrow();
+                SubtractBackgroundBlocks(cells, offset, width, height, blocks);
+                ASSERT_EQ(Difference(cells, subtracted, width, height), "");
+            }
         }
     }
 }
@@ -203,17 +220,19 @@ TEST(Background, HasThePlainPercentileOfEveryBoxWhateverTheValues) {
         for (const int threads : {1, 2}) {
             const ThreadsForNow now(threads);
             const VectorsForNow vectors(threads == 2);
-            Image map = Copy(image, width, height);
-            EstimateBackground(map, width, height, static_cast<std::int16_t>(half), percentile);
-            ASSERT_EQ(Difference(map, plain, width, height), "")
-                << "trial " << trial << ": " << width << " x " << height << ", half-size " << half;
+            for (PixelGrid& map : InAllWidths(image, width, height, 0)) {
+                EstimateBackground(map, width, height, static_cast<std::int16_t>(half), percentile);
+                ASSERT_EQ(Difference(map, plain, width, height), "")
+                    << "trial " << trial << ": " << width << " x " << height << ", half-size "
+                    << half;
+            }
         }
     }
 }
 
 // A narrow sky with hot and dark pixels, so that values spread over all of the range and the boxes'
 // percentiles do not; rows at the top and a step or a slope may lead these away from each other.
-Image SaltedSky(Random& random, int width, int height) {
+Image SaltedSky(Random& random, int width, int height, double saltLevel) {
     Image image(width, height);
     const double level = random.Whole(0, 1) == 0 ? random.Between(0, 3000) : 30000;
     const double noise = std::vector{0.0, 3.0, 80.0, 700.0}[random.Whole(0, 3)];
@@ -226,8 +245,9 @@ Image SaltedSky(Random& random, int width, int height) {
         double value = level + slope * y + (y > height / 2 ? step : 0) + random.Normal(noise);
         if (y < topRows) value += top;
         if (random.Whole(0, 99) < salt)
-            value = random.Whole(0, 3) == 0 ? 0 : random.Between(3000, 1e5);
-        image(x, y) = static_cast<int>(value);
+            value = random.Whole(0, 3) == 0 ? 0 : random.Between(3000, saltLevel);
+        // Without values below 0 or above 65535, it is an image for 16-bit cells.
+        image(x, y) = static_cast<int>(saltLevel < 65535 ? std::clamp(value, 0.0, 65535.0) : value);
     });
     return image;
 }
@@ -239,15 +259,20 @@ TEST(Background, IsThePlainProcedureUnderHotAndDarkPixels) {
         const int height = random.Whole(20, 250);
         const int half = std::vector{30, 30, 30, 3}[random.Whole(0, 3)];
         const double percentile = std::vector{50.0, 50.0, 50.0, 2.0, 99.0}[random.Whole(0, 4)];
-        const Image image = SaltedSky(random, width, height);
+        const double saltLevel = trial % 2 == 0 ? 65000 : 1e5;
+        const Image image = SaltedSky(random, width, height, saltLevel);
         const Image plain = PlainBackground().Estimate(image, width, height, half, percentile);
         for (const int threads : {1, 2, 7}) {
             const ThreadsForNow now(threads);
             const VectorsForNow vectors(threads == 2);
-            Image map = Copy(image, width, height);
-            EstimateBackground(map, width, height, static_cast<std::int16_t>(half), percentile);
-            ASSERT_EQ(Difference(map, plain, width, height), "")
-                << "trial " << trial << ": " << width << " x " << height << ", half-size " << half;
+            auto grids = InAllWidths(image, width, height, 0);
+            ASSERT_TRUE(grids.size() == 2 || trial % 2 == 1);
+            for (PixelGrid& map : grids) {
+                EstimateBackground(map, width, height, static_cast<std::int16_t>(half), percentile);
+                ASSERT_EQ(Difference(map, plain, width, height), "")
+                    << "trial " << trial << ": " << width << " x " << height << ", half-size "
+                    << half;
+            }
         }
     }
 }
@@ -277,7 +302,7 @@ std::map<int, int> PlainCounts(const BoxSamples& samples, int reach, int column,
 }
 
 struct SlopingSky {
-    Image Pixels;
+    PixelGrid Pixels;
     BoxSamples Samples;
     int Reach;
     int Columns;
@@ -285,8 +310,7 @@ struct SlopingSky {
     bool TopDiffers;
 
     SlopingSky(Random& random, int width, int height, int reach)
-        : Pixels(width, height),
-          Samples{Pixels, random.Whole(0, 40000), width, height, 0, 65535, 100, 65000},
+        : Samples{Pixels, random.Whole(0, 40000), width, height, 0, 65535, 100, 65000},
           Reach(reach),
           Columns((width + 2) / 3),
           Rows(height / 3 + 1),
@@ -296,18 +320,23 @@ struct SlopingSky {
         const double down = random.Between(-0.5, 0.5);
         const double top = TopDiffers ? random.Between(-300, 300) : 0;
         const int salt = random.Whole(0, 2);
+        const double saltLevel = random.Whole(0, 1) == 0 ? 65000 : 70000;
+        Image image(width, height);
         ForPixels(width, height, [&](int x, int y) {
             double value = 1500 + across * x + down * y + random.Normal(noise);
             if (y < 3 * Reach) value += top;
-            if (random.Whole(0, 99) < salt) value = random.Between(0, 70000);
-            Pixels(x, y) = static_cast<int>(std::lround(value)) - Samples.Offset;
+            if (random.Whole(0, 99) < salt) value = random.Between(0, saltLevel);
+            image(x, y) = static_cast<int>(std::lround(value)) - Samples.Offset;
         });
+        // In 16 bits where it fits: salt may be above that.
+        Pixels = std::move(InAllWidths(image, width, height, Samples.Offset).back());
     }
 };
 
 TEST(NearPercentiles, FollowsASlopingSkyAndIsWhatCountingEachBoxGives) {
     Random random(20);
     int compared = 0;
+    int narrow = 0;
     for (int trial = 0; trial < 24; ++trial) {
         const int reach = std::vector{10, 10, 10, 1, 30}[trial % 5];
         const SlopingSky sky(random, random.Whole(60, 400),
@@ -325,6 +354,7 @@ TEST(NearPercentiles, FollowsASlopingSkyAndIsWhatCountingEachBoxGives) {
             << ", columns " << first << " to " << end << ", reach " << reach;
         if (!done) continue;
         ++compared;
+        narrow += sky.Pixels.IsNarrow() ? 1 : 0;
         for (int check = 0; check < 300; ++check) {
             const int column = random.Whole(first, end - 1);
             const int k =
@@ -347,6 +377,8 @@ TEST(NearPercentiles, FollowsASlopingSkyAndIsWhatCountingEachBoxGives) {
         }
     }
     EXPECT_GE(compared, 5);
+    EXPECT_GE(narrow, 2);
+    EXPECT_GE(compared - narrow, 2);
 }
 
 TEST(NearPercentiles, BoundsHowFarASumFallsByRowsThatLeaveWithoutHavingCome) {
@@ -406,12 +438,14 @@ TEST(GaussianFilter, IsThePlainProcedureAndSparesTheBorder) {
         const int height = trial < 16        ? 1 + trial / 4
                            : trial % 10 == 9 ? random.Whole(500, 800)
                                              : random.Whole(3, 90);
-        Image image = Sky(random, width, height, trial % 2 == 1);
+        const Image image = Sky(random, width, height, trial % 2 == 1);
         const Image plain = PlainlyFiltered(image, width, height);
         const ThreadsForNow now(trial % 3 + 1);
         const VectorsForNow vectors(trial % 4 == 0);
-        GaussianFilter(image, width, height);
-        ASSERT_EQ(Difference(image, plain, width, height), "") << width << " x " << height;
+        for (PixelGrid& cells : InAllWidths(image, width, height, 0)) {
+            GaussianFilter(cells, width, height);
+            ASSERT_EQ(Difference(cells, plain, width, height), "") << width << " x " << height;
+        }
     }
 }
 
@@ -564,22 +598,28 @@ struct PlainExtraction {
     }
 };
 
-// Requires that both extractions agree in everything. @return the number of stars
+// Requires that both extractions agree in everything, in all widths of cells that the image fits.
+// @return the number of stars
 int ExpectSameExtraction(const PlateImage& image, const DetectionSettings& settings) {
     const PlainExtraction plain(image, settings);
-    for (const int threads : {1, 2, 7}) {
-        const ThreadsForNow now(threads);
-        const VectorsForNow vectors(threads == 2);
-        ExtractionFacts facts;
-        const PlateStarList stars = ExtractStars(image, settings, facts);
-        EXPECT_EQ(stars.Count(), std::max<int>(static_cast<int>(plain.Stars.size()) - 1, 0));
-        EXPECT_EQ(facts.StarsFound, plain.Facts.StarsFound);
-        EXPECT_EQ(facts.BackgroundSigma, plain.Facts.BackgroundSigma);
-        EXPECT_EQ(facts.MaxFillDepth, plain.Facts.MaxFillDepth);
-        for (std::size_t i = 1; i < plain.Stars.size() && stars.Has(i); ++i) {
-            EXPECT_EQ(stars[i].X, plain.Stars[i].X) << i;
-            EXPECT_EQ(stars[i].Y, plain.Stars[i].Y) << i;
-            EXPECT_EQ(stars[i].Flux, plain.Stars[i].Flux) << i;
+    PlateImage same = EmptyImage(image.Width, image.Height, image.DataOffset);
+    for (PixelGrid& cells :
+         InAllWidths(image.Pixels.Wide(), image.Width, image.Height, image.DataOffset)) {
+        same.Pixels = std::move(cells);
+        for (const int threads : {1, 2, 7}) {
+            const ThreadsForNow now(threads);
+            const VectorsForNow vectors(threads == 2);
+            ExtractionFacts facts;
+            const PlateStarList stars = ExtractStars(same, settings, facts);
+            EXPECT_EQ(stars.Count(), std::max<int>(static_cast<int>(plain.Stars.size()) - 1, 0));
+            EXPECT_EQ(facts.StarsFound, plain.Facts.StarsFound);
+            EXPECT_EQ(facts.BackgroundSigma, plain.Facts.BackgroundSigma);
+            EXPECT_EQ(facts.MaxFillDepth, plain.Facts.MaxFillDepth);
+            for (std::size_t i = 1; i < plain.Stars.size() && stars.Has(i); ++i) {
+                EXPECT_EQ(stars[i].X, plain.Stars[i].X) << i;
+                EXPECT_EQ(stars[i].Y, plain.Stars[i].Y) << i;
+                EXPECT_EQ(stars[i].Flux, plain.Stars[i].Flux) << i;
+            }
         }
     }
     return plain.Facts.StarsFound;
@@ -589,7 +629,8 @@ int ExpectSameExtraction(const PlateImage& image, const DetectionSettings& setti
 PlateImage StarField(Random& random, int width, int height, int offset, double noise) {
     PlateImage image = EmptyImage(width, height, offset);
     ForPixels(width, height, [&](int x, int y) {
-        image.Pixels(x, y) = static_cast<std::int32_t>(std::lround(100 + random.Normal(noise)));
+        image.Pixels.Wide()(x, y) =
+            static_cast<std::int32_t>(std::lround(100 + random.Normal(noise)));
     });
     for (int star = width * height / 150; star > 0; --star) {
         AddStar(image, random.Between(-2, width + 2), random.Between(-2, height + 2),
@@ -600,7 +641,7 @@ PlateImage StarField(Random& random, int width, int height, int offset, double n
         const int y0 = random.Whole(0, height - 1);
         for (int i = 0; i < random.Whole(1, 12); ++i) {
             const int y = y0 + (line % 2 == 0 ? i : -i);
-            if (y >= 0 && y < height) image.Pixels(x0 + i, y) = 3000;
+            if (y >= 0 && y < height) image.Pixels.Wide()(x0 + i, y) = 3000;
         }
     }
     return image;
@@ -633,7 +674,7 @@ TEST(ExtractStars, SumsBeyondTheExactRangeQuietSkiesAndNarrowImages) {
     // Patches of three counts: many sigmas above a quiet sky, but no stars.
     PlateImage quiet = EmptyImage(100, 100, 100);
     ForPixels(100, 100, [&](int x, int y) {
-        quiet.Pixels(x, y) = random.Whole(0, 1) + (x % 20 < 3 && y % 20 < 3 ? 2 : 0);
+        quiet.Pixels.Wide()(x, y) = random.Whole(0, 1) + (x % 20 < 3 && y % 20 < 3 ? 2 : 0);
     });
     DetectionSettings low = usual;
     low.DetectionThreshold = 3;
@@ -654,7 +695,17 @@ TEST(BrightRuns, AreTheBrightPixelsAndTheirRegionsAreThoseOfAFloodFill) {
             image(x, y) = random.Whole(0, 100) < share ? random.Whole(8, 99) : random.Whole(-9, 7);
         });
         const VectorsForNow vectors(trial % 2 == 0);
-        BrightRuns runs(image, width, height, 7, {});
+        auto grids = InAllWidths(image, width, height, 9);
+        for (const PixelGrid& grid : grids) {
+            // Levels that the cells cannot hold: all pixels are above one and none above the other.
+            const BrightRuns none(grid, width, height, 70000, {});
+            none.ForEach([](auto...) { FAIL(); });
+            int all = 0;
+            const BrightRuns every(grid, width, height, -70000, {});
+            every.ForEach([&](int, const BrightRun& run, auto) { all += run.End - run.First; });
+            ASSERT_EQ(all, width * height);
+        }
+        BrightRuns runs(grids[trial / 2 % 2], width, height, 7, {});
         std::int32_t depth = 0;
         const int regions = runs.Label(depth);
 
@@ -706,7 +757,7 @@ TEST(Mosaic, SumsHoldTheLightOfTheirCellsAndStarsComeBackToTheirPlaces) {
         PlateImage mosaic = EmptyImage(width, height, 32768);
         mosaic.TopRowFirst = width == 401;
         ForPixels(width, height, [&](int x, int y) {
-            mosaic.Pixels(x, y) = static_cast<std::int32_t>(random.Normal(5));
+            mosaic.Pixels.Wide()(x, y) = static_cast<std::int32_t>(random.Normal(5));
         });
         PlateStarList stars;
         for (int i = 0; i < 12 && width > 100; ++i) {
@@ -745,13 +796,13 @@ TEST(ExtractStars, CutsAFillOffAtAThousandLevels) {
     Random random(14);
     PlateImage image = EmptyImage(2600, 60, 0);
     for (int x = 0; x < 2600; ++x) {
-        image.Pixels(x, 5) = 5000;                           // a bar
-        image.Pixels(x, 20 + std::abs(x % 40 - 20)) = 5000;  // a zigzag of diagonal joins
-        if (x % 4 < 3) image.Pixels(x, 45) = 4000;           // short bars
-        if (x % 2 == 0) {                                    // a snake: up, over, down, over
-            for (int y = 50; y < 58; ++y) image.Pixels(x, y) = 4000;
+        image.Pixels.Wide()(x, 5) = 5000;                           // a bar
+        image.Pixels.Wide()(x, 20 + std::abs(x % 40 - 20)) = 5000;  // a zigzag of diagonal joins
+        if (x % 4 < 3) image.Pixels.Wide()(x, 45) = 4000;           // short bars
+        if (x % 2 == 0) {                                           // a snake: up, over, down, over
+            for (int y = 50; y < 58; ++y) image.Pixels.Wide()(x, y) = 4000;
         } else {
-            image.Pixels(x, x % 4 == 1 ? 50 : 57) = 4000;
+            image.Pixels.Wide()(x, x % 4 == 1 ? 50 : 57) = 4000;
         }
     }
     DetectionSettings settings = usual;

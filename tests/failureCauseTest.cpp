@@ -47,7 +47,7 @@ PlateImage ImageOf(const Frame& frame) {
     const float* pixel = frame.Pixels.data();
     for (int y = 0; y < frame.Height; ++y) {
         for (int x = 0; x < frame.Width; ++x) {
-            image.Pixels(x, y) = static_cast<std::int32_t>(*pixel++);
+            image.Pixels.Wide()(x, y) = static_cast<std::int32_t>(*pixel++);
         }
     }
     return image;
@@ -75,7 +75,7 @@ TEST(ImageHealth, ElongationByOpticsIsNoTrail) {
     PlateImage image = EmptyImage(600, 600, 0);
     Random random(5);
     for (int y = 0; y < 600; ++y) {
-        for (std::int32_t& pixel : image.Pixels.Row(y).first(600)) {
+        for (std::int32_t& pixel : image.Pixels.Wide().Row(y).first(600)) {
             pixel = 1000 + static_cast<std::int32_t>(random.Normal(20));
         }
     }
@@ -128,7 +128,7 @@ class Causes : public testing::Test {
         const SolveCode code = SolveByPlan(state, port, request, plan);
         if (handOver) {
             for (int y = 0; y < state.Image.Height; ++y) {
-                for (std::int32_t& pixel : state.Image.Pixels.Row(y)) pixel = 0;
+                for (std::int32_t& pixel : state.Image.Pixels.Wide().Row(y)) pixel = 0;
             }
         }
         const auto cause = CauseOfFailure(state, port, code, request, ConsoleWords,

@@ -27,7 +27,7 @@ PlateImage StarryImage(Random& random, double sky, double noise, double starShar
             double count = sky + random.Normal(noise);
             if (random.Between(0, 1) < starShare) count += std::pow(10, random.Between(1, 4.7));
             if (x < emptyShare * image.Width) count = 0;
-            image.Pixels(x, y) =
+            image.Pixels.Wide()(x, y) =
                 static_cast<std::int32_t>(std::lround(std::clamp(count, 0.0, 65535.0))) - 32768;
         }
     }
@@ -101,11 +101,12 @@ TEST(Histogram, CountsEveryPixelOnceWhateverTheThreads) {
                 const double share = x == 0 ? 0 : x == 1 ? 1 : random.Between(0, 1);
                 const std::int64_t value =
                     -2147483648LL + std::llround(share * static_cast<double>(spread));
-                image.Pixels(x, y) = static_cast<std::int32_t>(value);
+                image.Pixels.Wide()(x, y) = static_cast<std::int32_t>(value);
                 ++counted[value + 100];
             }
         }
-        image.Pixels(image.Width, 5) = 2147483647;  // the spare column is not part of the image
+        image.Pixels.Wide()(image.Width, 5) =
+            2147483647;  // the spare column is not part of the image
         for (const auto& [threads, most] :
              {std::pair{1, 65536}, {4, 65536}, {4, 1000}, {1, 37}, {4, 1}}) {
             const ThreadsForNow now(threads);

@@ -39,7 +39,7 @@ struct Frame {
         Image.DataOffset = 32768;
         Image.Header.BitPix = 16;
         Image.ImageType = ImageType::Fits;
-        Image.Pixels = Grid<std::int32_t>(width, height);
+        Image.Pixels = PixelGrid(Grid<std::int32_t>(width, height));
     }
     void AddStar(double x, double y, double flux, double sigma) {
         const auto share = [sigma](double distance) {
@@ -65,7 +65,7 @@ struct Frame {
                 const double photons = gain > 0 ? light / gain : 0;
                 const double count =
                     Sky + light + random.Normal(std::sqrt(photons + noise * noise));
-                Image.Pixels(column, row) =
+                Image.Pixels.Wide()(column, row) =
                     static_cast<std::int32_t>(std::lround(std::clamp(count, 0.0, full))) -
                     Image.DataOffset;
             }
@@ -214,7 +214,7 @@ PlateImage ProfileImage(int side, double x, double y, double height, double fwhm
             const double w2 = fwhm * fwhm / 4;
             const double share = beta > 0 ? std::pow(1 + (std::exp2(1 / beta) - 1) * r2 / w2, -beta)
                                           : std::exp(-std::numbers::ln2 * r2 / w2);
-            image.Pixels(column, row) =
+            image.Pixels.Wide()(column, row) =
                 static_cast<std::int32_t>(std::lround(sky + height * share));
         }
     }
@@ -289,7 +289,7 @@ TEST(StarStatistics, NeitherOffsetNorSubtractedSkyChangesAStar) {
         PlateImage& image = frame.Image;
         for (std::int32_t y = 0; y < 81; ++y) {
             for (std::int32_t x = 0; x < 81; ++x)
-                image.Pixels(x, y) += image.DataOffset - subtracted;
+                image.Pixels.Wide()(x, y) += image.DataOffset - subtracted;
         }
         image.DataOffset = 0;
         const StarMeasurement after = MeasureStar(image, 42, 37, usual);
@@ -396,7 +396,8 @@ TEST(StarStatistics, NoStarNoSkyAndNonsenseFailSensibly) {
     }
     Frame extreme(40, 40);
     for (std::int32_t k = 0; k < 1600; ++k) {
-        extreme.Image.Pixels(k % 40, k / 40) = (k + k / 40) % 2 == 0 ? 2147483647 : -2147483647 - 1;
+        extreme.Image.Pixels.Wide()(k % 40, k / 40) =
+            (k + k / 40) % 2 == 0 ? 2147483647 : -2147483647 - 1;
     }
     const StarMeasurement star = MeasureStar(extreme.Image, 20, 20, usual);
     EXPECT_TRUE(std::isfinite(star.X + star.Flux + star.FluxError + star.RmsDiameter));

@@ -272,14 +272,15 @@ TEST(PlanStars, AreThoseOfANegativeThatItsNoiseHides) {
     }
     for (int y = 0; y < rows; ++y) {
         for (int x = 0; x < columns; ++x) {
-            state.Image.Pixels(x, y) += sky + static_cast<int>(std::lround(random.Normal(16)));
+            state.Image.Pixels.Wide()(x, y) +=
+                sky + static_cast<int>(std::lround(random.Normal(16)));
         }
     }
     for (const bool negative : {false, true}) {
         if (negative) {
             for (int y = 0; y < rows; ++y) {
                 for (int x = 0; x < columns; ++x) {
-                    state.Image.Pixels(x, y) = 2 * sky - state.Image.Pixels(x, y);
+                    state.Image.Pixels.Wide()(x, y) = 2 * sky - state.Image.Pixels(x, y);
                 }
             }
         }

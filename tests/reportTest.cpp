@@ -204,12 +204,12 @@ TEST(FailureTexts, FractionsThatBecameWholeCountsAreRecognised) {
     state.Image = EmptyImage(20, 10, 0);
     state.Image.Header.BitPix = -32;
     EXPECT_TRUE(HasNextToNoCounts(state.Image));
-    state.Image.Pixels(19, 9) = 1;
+    state.Image.Pixels.Wide()(19, 9) = 1;
     EXPECT_TRUE(HasNextToNoCounts(state.Image));
     EXPECT_NE(Advice(state, SolveCode::TooFewStars).at(0).find("65535"), std::string::npos);
-    state.Image.Pixels(0, 0) = -1;
+    state.Image.Pixels.Wide()(0, 0) = -1;
     EXPECT_FALSE(HasNextToNoCounts(state.Image));
-    state.Image.Pixels(0, 0) = 0;
+    state.Image.Pixels.Wide()(0, 0) = 0;
     state.Image.Header.BitPix = 16;
     EXPECT_FALSE(HasNextToNoCounts(state.Image));
 }

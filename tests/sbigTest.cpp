@@ -140,6 +140,22 @@ TEST(Sbig, RowsByHand) {
     EXPECT_EQ(stored(3), 65535 + 3 * 127);
     ASSERT_TRUE(read(3, std::string("\x04\0\0\0\x81\xFF", 6)));
     EXPECT_EQ(stored(2), -128);
+    // Such a sum leaves the rows before it as they are, and those after it can be stored.
+    for (const char* far : {"\x7F\x7F", "\x81\x81"}) {
+        const std::string wild = std::string("\x04\0", 2) + (far[0] > 0 ? "\xF0\xFF" : "\x05") +
+                                 (far[0] > 0 ? "" : std::string(1, '\0')) + far;
+        ASSERT_TRUE(read(3, Row({7, 40000, 65535}) + wild + Row({0, 65535, 1}), 3));
+        const auto& pixels = reader.Image.Pixels;
+        const int start = far[0] > 0 ? 65520 : 5;
+        const int step = far[0] > 0 ? 127 : -127;
+        const int rows[4][4] = {{7, 40000, 65535, 32768},
+                                {start, start + step, start + 2 * step, 32768},
+                                {0, 65535, 1, 32768},
+                                {32768, 32768, 32768, 32768}};
+        for (int y = 0; y <= 3; ++y) {
+            for (int x = 0; x <= 3; ++x) EXPECT_EQ(pixels(x, y) + 32768, rows[y][x]) << x << y;
+        }
+    }
     // One missing byte at the end is a zero, two are a failure.
     ASSERT_TRUE(read(4, std::string("\x05\0\xFF\xFF\x7F\x7F", 6)));
     EXPECT_EQ(stored(3), 65535 + 2 * 127);

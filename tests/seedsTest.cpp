@@ -317,7 +317,8 @@ TEST(Peaks, AreTheStarsInANebulaWithoutHotPixelsRowsAndLowerSummits) {
         for (int x = 0; x < columns; ++x) {
             const double cloud =
                 2000 * std::exp(-((x - 300.0) * (x - 300) + (y - 400.0) * (y - 400)) / 2e4);
-            image.Pixels(x, y) = static_cast<int>(std::lround(500 + cloud + random.Normal(8)));
+            image.Pixels.Wide()(x, y) =
+                static_cast<int>(std::lround(500 + cloud + random.Normal(8)));
         }
     }
     std::vector<PlateStar> stars;
@@ -329,10 +330,12 @@ TEST(Peaks, AreTheStarsInANebulaWithoutHotPixelsRowsAndLowerSummits) {
     }
     // The brightest star is saturated: it has a flat top, which must not give a second peak.
     for (int y = 0; y < rows; ++y) {
-        for (int x = 0; x < columns; ++x) image.Pixels(x, y) = std::min(image.Pixels(x, y), 4000);
+        for (int x = 0; x < columns; ++x)
+            image.Pixels.Wide()(x, y) = std::min(image.Pixels(x, y), 4000);
     }
-    for (int i = 0; i < 30; ++i) image.Pixels(15 + 29 * i, 350 + (i % 3) * 17) += 9000;  // hot
-    for (int x = 10; x < columns; x += 14) image.Pixels(x, 690) += 3000;  // a bad row
+    for (int i = 0; i < 30; ++i)
+        image.Pixels.Wide()(15 + 29 * i, 350 + (i % 3) * 17) += 9000;            // hot
+    for (int x = 10; x < columns; x += 14) image.Pixels.Wide()(x, 690) += 3000;  // a bad row
     for (const int binning : {1, 2}) {
         PeakSettings settings;
         settings.Binning = binning;
@@ -359,7 +362,7 @@ TEST(Peaks, HaveTheLightAndWidthOfTheirStarWhateverTheBinning) {
     Random random(54);
     for (int y = 0; y < rows; ++y) {
         for (int x = 0; x < columns; ++x) {
-            image.Pixels(x, y) = static_cast<int>(std::lround(500 + random.Normal(4)));
+            image.Pixels.Wide()(x, y) = static_cast<int>(std::lround(500 + random.Normal(4)));
         }
     }
     AddStar(image, 411.3, 302.8, light, sigma);
@@ -383,13 +386,14 @@ TEST(Peaks, OfAFlatTopAreOneHoweverLongItIs) {
     for (const bool upright : {false, true}) {
         PlateImage image = EmptyImage(columns, rows, 0);
         for (int y = 0; y < rows; ++y) {
-            for (int x = 0; x < columns; ++x) image.Pixels(x, y) = 500 + (x * 7 + y * 13) % 5;
+            for (int x = 0; x < columns; ++x)
+                image.Pixels.Wide()(x, y) = 500 + (x * 7 + y * 13) % 5;
         }
         // A saturated star has bled along its column or its row.
         for (int along = 0; along < 160; ++along) {
             for (int across = 0; across < 9; ++across) {
-                (upright ? image.Pixels(400 + across, 300 + along)
-                         : image.Pixels(400 + along, 300 + across)) = 60000;
+                (upright ? image.Pixels.Wide()(400 + across, 300 + along)
+                         : image.Pixels.Wide()(400 + along, 300 + across)) = 60000;
             }
         }
         const std::vector<Peak> peaks = FindPeaks(image, {});
@@ -428,7 +432,7 @@ TEST(Peaks, OfANegativeAreThoseOfThePicture) {
     PlateImage image = EmptyImage(columns, rows, 300);
     for (int y = 0; y < rows; ++y) {
         for (int x = 0; x < columns; ++x) {
-            image.Pixels(x, y) += static_cast<std::int32_t>(std::lround(random.Normal(5)));
+            image.Pixels.Wide()(x, y) += static_cast<std::int32_t>(std::lround(random.Normal(5)));
         }
     }
     for (int i = 0; i < 60; ++i) {
@@ -437,16 +441,16 @@ TEST(Peaks, OfANegativeAreThoseOfThePicture) {
     }
     const auto turnOver = [&image] {
         for (int y = 0; y < rows; ++y) {
-            for (int x = 0; x < columns; ++x) image.Pixels(x, y) = 700 - image.Pixels(x, y);
+            for (int x = 0; x < columns; ++x) image.Pixels.Wide()(x, y) = 700 - image.Pixels(x, y);
         }
     };
     // Whether values lie close together or not, one of them makes no difference.
     const auto mayBeNegative = [&image] {
         const std::int32_t corner = image.Pixels(0, 0);
         const bool together = MayBeNegative(image);
-        image.Pixels(0, 0) = 100000;
+        image.Pixels.Wide()(0, 0) = 100000;
         EXPECT_EQ(MayBeNegative(image), together);
-        image.Pixels(0, 0) = corner;
+        image.Pixels.Wide()(0, 0) = corner;
         return together;
     };
     EXPECT_FALSE(mayBeNegative());
@@ -467,7 +471,7 @@ TEST(Peaks, OfANegativeAreThoseOfThePicture) {
     // Hills in front of the sky are dark, but not stars.
     turnOver();
     for (int y = 0; y < rows / 3; ++y) {
-        for (int x = 0; x < columns; ++x) image.Pixels(x, y) = 20;
+        for (int x = 0; x < columns; ++x) image.Pixels.Wide()(x, y) = 20;
     }
     EXPECT_GT(StarsAmong(FindPeaks(image, {}), image).size(),
               StarsAmong(FindPeaks(image, dark), image).size());

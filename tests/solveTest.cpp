@@ -83,7 +83,7 @@ struct Observation {
         Random random(42);
         for (int x = 0; x < imageWidth; ++x) {
             for (int y = 0; y < imageHeight; ++y) {
-                State.Image.Pixels(x, y) =
+                State.Image.Pixels.Wide()(x, y) =
                     static_cast<std::int32_t>(700 + 0.5 * x - 0.3 * y + random.Normal(2));
             }
         }

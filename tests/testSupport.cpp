@@ -177,7 +177,7 @@ PlateImage EmptyImage(int width, int height, int offset) {
     image.Width = width;
     image.Height = height;
     image.DataOffset = offset;
-    image.Pixels = Grid<std::int32_t>(width, height);
+    image.Pixels = PixelGrid(Grid<std::int32_t>(width, height));
     return image;
 }
 
@@ -188,7 +188,7 @@ void AddStar(PlateImage& image, double x, double y, double flux, double sigma) {
     for (int i = std::max(x0 - reach, 0); i <= std::min(x0 + reach, image.Width - 1); ++i) {
         for (int j = std::max(y0 - reach, 0); j <= std::min(y0 + reach, image.Height - 1); ++j) {
             const double r2 = (i - x) * (i - x) + (j - y) * (j - y);
-            image.Pixels(i, j) += static_cast<std::int32_t>(std::lround(
+            image.Pixels.Wide()(i, j) += static_cast<std::int32_t>(std::lround(
                 flux / (6.2831853 * sigma * sigma) * std::exp(-r2 / 2 / sigma / sigma)));
         }
     }

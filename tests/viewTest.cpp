@@ -23,7 +23,7 @@ PlateImage ImageOf(int width, int height, ImageType type, std::int16_t bitPix) {
     image.Height = height;
     image.ImageType = type;
     image.Header.BitPix = bitPix;
-    image.Pixels = Grid<std::int32_t>(width, height);
+    image.Pixels = PixelGrid(Grid<std::int32_t>(width, height));
     return image;
 }
 
@@ -145,7 +145,7 @@ TEST(Picture, StandsUprightAndFlipsOnlyForDisplay) {
                                                       {ImageType::Fits, -32, true},
                                                       {ImageType::Fits, 16, false}}) {
         PlateImage image = ImageOf(6, 4, type, static_cast<std::int16_t>(bitPix));
-        image.Pixels(1, 0) = 200;
+        image.Pixels.Wide()(1, 0) = 200;
         PicturePyramid pyramid;
         pyramid.Build(image, plainGrey);
         for (const auto& [leftRight, upDown] :
@@ -186,8 +186,8 @@ TEST(Picture, IsTurnedAsTheCameraWantsIt) {
     Matrix stored(4, std::vector<int>(6));
     for (int y = 0; y < 4; ++y) {
         for (int x = 0; x < 6; ++x) {
-            image.Pixels(x, y) = stored[static_cast<std::size_t>(y)][static_cast<std::size_t>(x)] =
-                10 * y + x + 100;
+            image.Pixels.Wide()(x, y) =
+                stored[static_cast<std::size_t>(y)][static_cast<std::size_t>(x)] = 10 * y + x + 100;
         }
     }
     PicturePyramid pyramid;
@@ -226,7 +226,7 @@ TEST(Picture, ShowsWhatThePlainMeanOfTheImageGivesAtEveryScale) {
     PlateImage image = ImageOf(301, 203, ImageType::Jpeg, 0);
     for (int y = 0; y < image.Height; ++y) {
         for (int x = 0; x < image.Width; ++x) {
-            image.Pixels(x, y) = static_cast<std::int32_t>(120 + 0.2 * x + 0.3 * y);
+            image.Pixels.Wide()(x, y) = static_cast<std::int32_t>(120 + 0.2 * x + 0.3 * y);
         }
     }
     PicturePyramid pyramid;
@@ -258,7 +258,7 @@ TEST(Picture, ShowsWhatThePlainMeanOfTheImageGivesAtEveryScale) {
         }
     }
     // At 1:1 each pixel is shown once, wherever the image is.
-    for (auto& pixel : image.Pixels.Row(100)) pixel = random.Whole(0, 255);
+    for (auto& pixel : image.Pixels.Wide().Row(100)) pixel = random.Whole(0, 255);
     pyramid.Build(image, plainGrey);
     ViewGeometry view;
     view.SetWindow(200, 150);
@@ -287,7 +287,7 @@ TEST(DraggedPicture, HasThePixelsOfAPlainPaintingAndPaintsOnlyWhatComesIntoView)
     PlateImage image = ImageOf(317, 211, ImageType::Jpeg, 0);
     const auto noise = [&](PicturePyramid& picture) {
         for (int y = 0; y < image.Height; ++y) {
-            for (auto& pixel : image.Pixels.Row(y)) pixel = random.Whole(0, 255);
+            for (auto& pixel : image.Pixels.Wide().Row(y)) pixel = random.Whole(0, 255);
         }
         picture.Build(image, plainGrey);
     };
@@ -349,7 +349,7 @@ TEST(DraggedPicture, HasThePixelsOfAPlainPaintingAndPaintsOnlyWhatComesIntoView)
 TEST(Readout, NamesPixelCountAndSkyAndNothingOffTheImage) {
     PlateImage image = ImageOf(10, 8, ImageType::Fits, 16);
     image.DataOffset = 32768;
-    image.Pixels(3, 7) = -32768 + 1234;
+    image.Pixels.Wide()(3, 7) = -32768 + 1234;
     image.Header.PlateMatched = true;
     image.Header.PlateScale = 206264.8062;
     image.Header.RaRef = 1;
@@ -445,6 +445,37 @@ TEST(Plot, HistogramColumnsShareTheirPixelsOutAndShowBothLevels) {
     }
 }
 
+TEST(PicturePyramid, IsTheSameForCellsOfEitherWidth) {
+    Random random(8);
+    PlateImage wide = EmptyImage(77, 45, 32768);
+    PlateImage narrow = EmptyImage(77, 45, 32768);
+    narrow.Pixels = PixelGrid::Narrow(77, 45, -32768);
+    for (int y = 0; y < 45; ++y) {
+        const auto row = wide.Pixels.Wide().Row(y).first(77);
+        for (auto& pixel : row) {
+            pixel = random.Whole(0, 9) == 0 ? random.Whole(-32768, 32767) : random.Whole(-9000, 0);
+        }
+        narrow.Pixels.Store(0, y, row);
+    }
+    const ImageHistogram histogram = MakeImageHistogram(wide);
+    EXPECT_EQ(MakeImageHistogram(narrow).Bins, histogram.Bins);
+    const GreyLookup grey(LevelsFromHistogram(histogram), 32768, Transfer::Asinh, false);
+    PicturePyramid one;
+    PicturePyramid other;
+    for (const bool forScreen : {false, true}) {
+        for (const auto& [pyramid, image] : {std::pair(&one, &wide), std::pair(&other, &narrow)}) {
+            if (forScreen) {
+                pyramid->BuildForScreen(*image, false);
+            } else {
+                pyramid->Build(*image, grey);
+            }
+        }
+        for (std::size_t k = 0; k < one.Levels().size(); ++k) {
+            ASSERT_EQ(one.Levels()[k].Pixels, other.Levels()[k].Pixels) << k << forScreen;
+        }
+    }
+}
+
 TEST(PicturePyramid, TheScreenStretchShowsWhatOnlyTheMeanOfManyPixelsHolds) {
     // A glow far below the noise of a pixel.
     constexpr int size = 512;
@@ -453,7 +484,7 @@ TEST(PicturePyramid, TheScreenStretchShowsWhatOnlyTheMeanOfManyPixelsHolds) {
     for (int y = 0; y < size; ++y) {
         for (int x = 0; x < size; ++x) {
             const bool glow = x >= 256 && x < 320 && y >= 128 && y < 192;
-            image.Pixels(x, y) =
+            image.Pixels.Wide()(x, y) =
                 static_cast<std::int32_t>(std::lround(1000 + random.Normal(20) + (glow ? 10 : 0)));
         }
     }
