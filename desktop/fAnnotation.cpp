@@ -42,8 +42,8 @@ void Annotation::PaintLabels(QPainter& painter, const ViewGeometry& view, const 
     over.RedOnly = RedOnly;
     if (Shows.Grid && Stars.Map) over.GridLabels(grid);
     PaintImageMarks(over, view);
-    over.PaintLabels();
     if (Shows.Compass && Stars.Map) over.CompassAndScale(*Stars.Map);
+    over.PaintLabels();
 }
 
 void Annotation::PaintImageMarks(OverlayPainter& over, const ViewGeometry& view) const {

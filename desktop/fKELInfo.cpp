@@ -9,10 +9,10 @@
 #include <QMenu>
 #include <QMessageBox>
 #include <QMimeData>
-#include <QPlainTextEdit>
 #include <QPointer>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QTextEdit>
 #include <cstdio>
 
 #include "console/exitCodes.h"
@@ -230,7 +230,7 @@ void SolveWindow::ShowState() {
     ShowTrust();
     ShowProgressPercent(0);
     const QString details = QtText(display.Details);
-    if (details_->toPlainText() != details) details_->setPlainText(details);
+    if (details_->toPlainText() != details) ShowReport(*details_, details);
 
     const AvailableCommands commands = CommandsFor(state_);
     for (QWidget* widget : startWidgets_) widget->setEnabled(commands.Start);

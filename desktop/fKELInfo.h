@@ -32,7 +32,7 @@ class QLabel;
 class QLayout;
 class QLineEdit;
 class QMenu;
-class QPlainTextEdit;
+class QTextEdit;
 class QProgressBar;
 class QPushButton;
 
@@ -180,7 +180,7 @@ class SolveWindow : public QMainWindow {
     QPushButton* offerButton_ = nullptr;
     QPushButton* residualsButton_ = nullptr;
     QProgressBar* busyBar_ = nullptr;
-    QPlainTextEdit* details_ = nullptr;
+    QTextEdit* details_ = nullptr;
     QWidget* countdownRow_ = nullptr;
     CatalogWindow* catalogWindow_ = nullptr;  ///< created when first opened; a child of this
     std::filesystem::path usualCatalog_;      ///< the catalog folder the folder when the

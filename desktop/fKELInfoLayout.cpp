@@ -10,12 +10,12 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
-#include <QPlainTextEdit>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QScrollArea>
 #include <QShortcut>
 #include <QStatusBar>
+#include <QTextEdit>
 #include <QVBoxLayout>
 #include <utility>
 
@@ -268,7 +268,7 @@ QGroupBox* SolveWindow::BuildStatus() {
     QSizePolicy policy = busyBar_->sizePolicy();
     policy.setRetainSizeWhenHidden(true);
     busyBar_->setSizePolicy(policy);
-    details_ = new QPlainTextEdit;
+    details_ = new QTextEdit;
     details_->setObjectName("txtDetails");
     details_->setAccessibleName("Details of the last solve");
     details_->setReadOnly(true);

@@ -247,6 +247,11 @@ void OverlayPainter::GridLabels(const SkyGrid& grid) {
     }
 }
 
+void OverlayPainter::KeepClear(const QRectF& box) {
+    const QRectF rimmed = box.adjusted(-rimReach, -rimReach, rimReach, rimReach);
+    marks_.push_back({rimmed.left(), rimmed.top(), rimmed.width(), rimmed.height()});
+}
+
 void OverlayPainter::Arrow(const QPointF& from, const ScreenPoint& direction, const QString& name) {
     constexpr double length = 34;
     constexpr double head = 7;
@@ -261,8 +266,17 @@ void OverlayPainter::Arrow(const QPointF& from, const ScreenPoint& direction, co
     Stroke(painter_, path, Qt::white);
     const QFontMetricsF metrics(painter_.font());
     const QPointF middle = tip + 11 * along;
-    Text(middle + QPointF(-metrics.horizontalAdvance(name) / 2, metrics.capHeight() / 2), name,
-         Qt::white);
+    const QSizeF letter(metrics.horizontalAdvance(name), metrics.capHeight());
+    const QPointF corner = middle - QPointF(letter.width(), letter.height()) / 2;
+    Text(corner + QPointF(0, letter.height()), name, Qt::white);
+    KeepClear({corner, letter});
+    // The box around an oblique arrow would be far larger than the arrow.
+    constexpr int pieces = 6;
+    for (int piece = 0; piece < pieces; ++piece) {
+        const QPointF start = from + length * piece / pieces * along;
+        KeepClear(QRectF(start, start + length / pieces * along).normalized());
+    }
+    KeepClear({tip - QPointF(head, head) / 2, QSizeF(head, head)});
 }
 
 void OverlayPainter::CompassAndScale(const SkyMap& map) {
@@ -282,7 +296,13 @@ void OverlayPainter::CompassAndScale(const SkyMap& map) {
         path.lineTo(left + QPointF(length, 0));
         path.lineTo(left + QPointF(length, -5));
         Stroke(painter_, path, Qt::white, 2);
-        Text(left + QPointF(6, -6), QtText(bar->Text), Qt::white);
+        const QString text = QtText(bar->Text);
+        const QPointF baseline = left + QPointF(6, -6);
+        Text(baseline, text, Qt::white);
+        const QFontMetricsF metrics(painter_.font());
+        KeepClear(
+            {baseline - QPointF(0, metrics.ascent()), QSizeF(WidthOf(text), metrics.height())});
+        KeepClear(path.boundingRect());
     }
 }
 

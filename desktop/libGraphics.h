@@ -78,7 +78,8 @@ class OverlayPainter {
     void PaintLabels();
     void GridLines(const SkyGrid& grid);
     void GridLabels(const SkyGrid& grid);
-    /// North and east in the upper right corner, a scale bar in the lower left one.
+    /// North and east in the upper right corner, a scale bar in the lower left one. Labels keep
+    /// clear of them.
     void CompassAndScale(const SkyMap& map);
 
  private:
@@ -113,6 +114,8 @@ class OverlayPainter {
     void StrokeMark(const QPainterPath& path, const QColor& colour);
     double WidthOf(const QString& text) const;
     void Text(const QPointF& baseline, const QString& text, const QColor& colour);
+    /// Lets no label cover a box.
+    void KeepClear(const QRectF& box);
     void Arrow(const QPointF& from, const ScreenPoint& direction, const QString& name);
 
     QPainter& painter_;

@@ -16,6 +16,9 @@
 #include <QScreen>
 #include <QStringDecoder>
 #include <QStyle>
+#include <QTextBlock>
+#include <QTextCursor>
+#include <QTextEdit>
 #include <QToolTip>
 #include <QUrl>
 #include <algorithm>
@@ -29,6 +32,7 @@
 #endif
 
 #include "astro/libStrings.h"
+#include "program/mSolveReport.h"
 
 namespace vestrel {
 
@@ -233,11 +237,28 @@ void KeepOnScreen(QWidget& window) {
     // Leaves space for the frame that the window manager adds.
     constexpr int titleBar = 32;
     const QRect room = screen->availableGeometry().adjusted(0, titleBar, 0, 0);
-    const QSize size = window.size().boundedTo(room.size());
+    // Empty until the window manager has added one.
+    const QSize frame = window.frameGeometry().size() - window.size();
+    const QSize size = window.size().boundedTo(room.size() - frame);
     if (size != window.size()) window.resize(size);
-    const QPoint at(qBound(room.left(), window.x(), room.right() + 1 - size.width()),
-                    qBound(room.top(), window.y(), room.bottom() + 1 - size.height()));
+    const QSize whole = size + frame;
+    const QPoint at(qBound(room.left(), window.x(), room.right() + 1 - whole.width()),
+                    qBound(room.top(), window.y(), room.bottom() + 1 - whole.height()));
     if (at != window.pos()) window.move(at);
+}
+
+void ShowReport(QTextEdit& box, const QString& text) {
+    box.setPlainText(text);
+    const double letter = QFontMetricsF(box.font()).horizontalAdvance(' ');
+    QTextCursor cursor(box.document());
+    do {
+        const double indent =
+            letter * static_cast<double>(ContinuationColumn(Utf8(cursor.block().text())));
+        QTextBlockFormat format;
+        format.setLeftMargin(indent);
+        format.setTextIndent(-indent);
+        cursor.setBlockFormat(format);
+    } while (cursor.movePosition(QTextCursor::NextBlock));
 }
 
 QStringList DraggedFiles(const QMimeData* data) {

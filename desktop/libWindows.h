@@ -20,6 +20,7 @@
 class QDropEvent;
 class QMimeData;
 class QPainter;
+class QTextEdit;
 
 namespace vestrel {
 
@@ -80,6 +81,9 @@ void WithoutDefaultButtons(QDialog& dialog);
 
 /// Moves a window onto its screen, and reduces it to the screen's size if needed.
 void KeepOnScreen(QWidget& window);
+
+/// Shows a report as plain text. A line that is too long goes on under its value.
+void ShowReport(QTextEdit& box, const QString& text);
 
 /// The files that are dragged over a window.
 QStringList DraggedFiles(const QMimeData* data);

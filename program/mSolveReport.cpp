@@ -14,11 +14,13 @@ namespace vestrel {
 
 namespace {
 
+/// The characters of a label with its padding; two blanks precede it.
+constexpr std::size_t labelWidth = 18;
+
 /// Lines of a label column and a value.
 class Table {
  public:
     void Line(const std::string& label, const std::string& value) {
-        constexpr std::size_t labelWidth = 18;
         const std::size_t padding = label.size() < labelWidth ? labelWidth - label.size() : 1;
         text_ += "  " + label + std::string(padding, ' ') + value + "\n";
     }
@@ -141,6 +143,15 @@ std::string ConfidenceText(const MatchConfidence& confidence) {
            " expected by chance; false alarm " +
            (log > likely ? RoundedText(std::pow(10, log), 3)
                          : "below 1e" + std::to_string(static_cast<int>(std::ceil(log))));
+}
+
+std::size_t ContinuationColumn(std::string_view line) {
+    const std::size_t start = std::min(line.find_first_not_of(' '), line.size());
+    constexpr std::size_t value = 2 + labelWidth;
+    const bool hasLabel = start == 2 && line.size() > value && line[value - 1] == ' ' &&
+                          line[value] != ' ' &&
+                          line.substr(0, value).find("  ", start) != std::string_view::npos;
+    return hasLabel ? value : start + 2;
 }
 
 std::string SolutionText(const ProgramState& state) {

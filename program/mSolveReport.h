@@ -1,8 +1,10 @@
 // Describes the outcome of a solve in words and figures.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "program/mGeneral.h"
@@ -24,6 +26,10 @@ std::string ConfidenceText(const MatchConfidence& confidence);
 
 /// The solution of the image as lines of "label   value", ready to print. There must be one.
 std::string SolutionText(const ProgramState& state);
+
+/// The column, from 0, at which a line of these texts goes on in the next one where there is no
+/// room for all of it: that of its value, or a little more than its own where it has no label.
+std::size_t ContinuationColumn(std::string_view line);
 
 /// The result of `MatchByQuads` as lines of the same form.
 std::string QuadMatchText(const ProgramState& state);

@@ -178,7 +178,7 @@ TEST_F(Evening, JustSolveNeedsNothingAndIsOfferedAfterAFailure) {
     EXPECT_TRUE(std::any_of(stages.begin(), stages.end(), [](const std::string& stage) {
         return stage.starts_with("Stage 1: ") && stage.ends_with(" s left at most");
     }));
-    EXPECT_TRUE(Find<QPlainTextEdit>("txtDetails")->toPlainText().contains("Tried patterns"));
+    EXPECT_TRUE(Find<QTextEdit>("txtDetails")->toPlainText().contains("Tried patterns"));
 
     // Started from the keyboard, with no input but the size of the last session.
     Open();

@@ -68,7 +68,9 @@ class Help : public Windows {
                dynamic_cast<const QCheckBox*>(control) != nullptr ||
                dynamic_cast<const QSlider*>(control) != nullptr ||
                dynamic_cast<const QAbstractItemView*>(control) != nullptr ||
-               dynamic_cast<const QPlainTextEdit*>(control) != nullptr;
+               dynamic_cast<const QPlainTextEdit*>(control) != nullptr ||
+               (dynamic_cast<const QTextEdit*>(control) != nullptr &&
+                dynamic_cast<const QTextBrowser*>(control) == nullptr);
     }
     static std::vector<QWidget*> FieldsOf(const QWidget* window) {
         std::vector<QWidget*> fields;

@@ -13,9 +13,11 @@
 #include <QWheelEvent>
 #include <cmath>
 #include <map>
+#include <set>
 
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
+#include "desktop/fAnnotation.h"
 #include "desktop/fPictureArea.h"
 #include "desktop/libGraphics.h"
 #include "display/libPlot.h"
@@ -334,6 +336,60 @@ TEST_F(ViewerWindows, LabelsThatWereKeptLookAsIfTheyWereWrittenAnew) {
         EXPECT_EQ(painted(&kept, points), anew);
         EXPECT_EQ(painted(&kept, points), anew);
     }
+}
+
+TEST_F(ViewerWindows, NoLabelCoversTheCompassAndTheScaleNorIsCoveredByThem) {
+    OpenAll();
+    Solve();
+    SkyObject galaxy;
+    galaxy.Name = "IC 424";
+    galaxy.Kind = "galaxy";
+    ViewGeometry view;
+    const QSize size(320, 280);
+    view.SetWindow(size.width(), size.height());
+    view.SetImage(300, 300, true);
+    Annotation annotation;
+    annotation.Stars = OverlaysOf(*State);
+    ASSERT_TRUE(annotation.Stars.Map);
+    annotation.Shows.Names = true;
+    const auto painted = [&](bool withCompass) {
+        QImage picture(size, QImage::Format_RGB32);
+        picture.fill(Qt::darkGray);
+        QPainter painter(&picture);
+        annotation.Shows.Compass = withCompass;
+        annotation.Paint(painter, view, size, {});
+        return picture;
+    };
+    const auto differing = [&](const QImage& one, const QImage& other) {
+        std::set<std::pair<int, int>> places;
+        for (int y = 0; y < size.height(); ++y) {
+            for (int x = 0; x < size.width(); ++x) {
+                if (one.pixel(x, y) != other.pixel(x, y)) places.emplace(x, y);
+            }
+        }
+        return places;
+    };
+    const QImage empty = painted(false);
+    const QImage compass = painted(true);
+    const auto ofCompass = differing(empty, compass);
+    ASSERT_GT(ofCompass.size(), 300U);
+    int moved = 0;
+    int omitted = 0;
+    for (double y = 5; y < size.height() - 10; y += 13) {
+        for (double x = 5; x < size.width(); x += 31) {
+            annotation.Objects = {{&galaxy, view.PixelAt({x, y}), {}, 0}};
+            const auto alone = differing(empty, painted(false));
+            const auto ofLabel = differing(compass, painted(true));
+            omitted += ofLabel.empty() ? 1 : 0;
+            for (const auto& place : ofLabel) {
+                ASSERT_FALSE(ofCompass.contains(place)) << x << " " << y;
+            }
+            if (ofLabel != alone) ++moved;
+        }
+    }
+    EXPECT_GT(moved, 5);
+    EXPECT_LT(moved, 60) << "of 231: those far away stay where they are";
+    EXPECT_LE(omitted, 6) << "only where the scale and the corner leave no room";
 }
 
 TEST_F(ViewerWindows, ATurnedPictureIsShownAndExportedTurnedAndReadAsItIsStored) {

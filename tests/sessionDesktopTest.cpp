@@ -1,10 +1,15 @@
-// What a session keeps: solutions whose files have changed since, and preferences that were
-// damaged.
+// What a session keeps: solutions whose files have changed since, preferences that were damaged,
+// and where its windows are.
 
 #include <QComboBox>
 #include <QMenu>
+#include <QScreen>
 #include <QTableWidget>
+#include <QTextBlock>
+#include <QTextEdit>
+#include <QTextLayout>
 
+#include "desktop/desktopOptions.h"
 #include "program/mPreferences.h"
 #include "program/mTelescope.h"
 #include "tests/desktopSupport.h"
@@ -181,6 +186,89 @@ TEST_F(Session, AWrongLongitudeIsToldAndNotTaken) {
     EXPECT_FALSE(settings->isVisible());
     EXPECT_EQ(PreferenceOf(*State, "longitude"), "70");
     EXPECT_EQ(Dialogs.Messages.size(), 1u);
+}
+
+TEST_F(Session, WindowsComeBackWhereTheyWereAndOnAScreen) {
+    const auto image = [this] {
+        if (WindowNamed("fImage") == nullptr) Press("cmdImage");
+        return WindowNamed("fImage");
+    };
+    const auto start = [&] {
+        Window->close();
+        Open();
+        Window->OpenFile(Frame);
+    };
+    Window->OpenFile(Frame);
+    const QRect own(QPoint(37, 71), QSize(611, 523).expandedTo(Window->minimumSizeHint()));
+    const QRect ofImage(61, 53, 411, 307);
+    Window->setGeometry(own);
+    image()->setGeometry(ofImage);
+    start();
+    EXPECT_EQ(Window->geometry(), own);
+    EXPECT_EQ(image()->geometry(), ofImage);
+
+    // The screen on which they were is gone, or is smaller now.
+    const QRect room = Window->screen()->availableGeometry();
+    for (const QPoint& away : {QPoint(room.right() + 500, 40), QPoint(40, room.bottom() + 500),
+                               QPoint(-3000, -2000), QPoint(room.right() - 20, 40)}) {
+        Window->setGeometry(QRect(away, own.size()));
+        image()->setGeometry(QRect(away, ofImage.size()));
+        start();
+        for (const QWidget* window : {static_cast<QWidget*>(Window.get()), image()}) {
+            EXPECT_TRUE(room.contains(window->geometry()))
+                << Utf8(window->objectName()) << " from " << away.x() << " " << away.y() << " to "
+                << window->x() << " " << window->y() << " " << window->width() << " "
+                << window->height() << " in " << room.width() << " x " << room.height();
+        }
+    }
+    Window->resize(room.size() * 2);
+    start();
+    EXPECT_TRUE(room.contains(Window->geometry()));
+}
+
+TEST_F(Session, AboutTellsTheVersionThatTheCommandLineTells) {
+    Choose("About");
+    QMessageBox* about = nullptr;
+    for (QWidget* window : QApplication::topLevelWidgets()) {
+        auto* box = dynamic_cast<QMessageBox*>(window);
+        if (box != nullptr && box->isVisible()) about = box;
+    }
+    ASSERT_NE(about, nullptr);
+    const std::string told = ReadDesktopArguments({"--version"}).Text;
+    ASSERT_TRUE(told.starts_with("vestrel ") && told.ends_with("\n")) << told;
+    const std::string version = told.substr(8, told.size() - 9);
+    EXPECT_GE(version.size(), 5U);
+    EXPECT_NE(Utf8(about->text()).find("Version " + version + "."), std::string::npos);
+    // It does not keep a solve from being stopped.
+    EXPECT_FALSE(about->isModal());
+}
+
+TEST_F(Session, ALongLineOfTheDetailsGoesOnUnderItsValue) {
+    Solve(Frame);
+    const auto* details = Find<QTextEdit>("txtDetails");
+    Window->resize(Window->minimumSizeHint());
+    int wrapped = 0;
+    int values = 0;
+    for (QTextBlock block = details->document()->begin(); block.isValid(); block = block.next()) {
+        const QTextLayout& lines = *block.layout();
+        if (lines.lineCount() < 2) continue;
+        ++wrapped;
+        const QString text = block.text();
+        constexpr int column = 20;
+        const bool isLabelled = text.size() > column && text[column - 2] == ' ' &&
+                                text[column - 1] == ' ' && text[column] != ' ';
+        const double value = lines.lineAt(0).cursorToX(column);
+        for (int line = 1; line < lines.lineCount(); ++line) {
+            const double x = lines.lineAt(line).naturalTextRect().left();
+            EXPECT_GT(x, lines.lineAt(0).cursorToX(2)) << Utf8(text);
+            if (!isLabelled) continue;
+            ++values;
+            EXPECT_NEAR(x, value, 1) << Utf8(text);
+        }
+    }
+    EXPECT_GT(wrapped, 0);
+    EXPECT_GT(values, 0);
+    EXPECT_EQ(Utf8(details->toPlainText()), State->Display.Details);
 }
 
 TEST_F(Session, DamagedPreferencesDoNoHarm) {
