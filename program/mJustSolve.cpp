@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <cmath>
+#include <string_view>
 #include <utility>
 
 #include "astro/libConversions.h"
@@ -24,7 +25,7 @@ using std::chrono::steady_clock;
 constexpr double patience = 90;
 
 /// The names of a plan's attempts in the window.
-constexpr std::array<std::pair<const char*, const char*>, 12> stageNames{{
+constexpr std::array<std::pair<const char*, const char*>, 13> stageNames{{
     {"search", "stars around the place"},
     {"short side", "stars of a smaller circle"},
     {"seeds", "pairs of bright stars"},
@@ -37,12 +38,16 @@ constexpr std::array<std::pair<const char*, const char*>, 12> stageNames{{
     {"more quads", "more patterns of stars over the whole sky"},
     {"more quads of peaks", "more patterns of bright spots over the whole sky"},
     {"more quads of even peaks", "more patterns of spots from all parts over the whole sky"},
+    {"quads of smaller fields", "patterns of bright spots in smaller fields over the whole sky"},
 }};
 
 std::string StageName(const std::string& attempt) {
     const auto found = std::find_if(stageNames.begin(), stageNames.end(),
                                     [&](const auto& name) { return attempt == name.first; });
-    return found == stageNames.end() ? attempt : found->second;
+    if (found != stageNames.end()) return found->second;
+    constexpr std::string_view others = " of other sizes";
+    if (!attempt.ends_with(others)) return attempt;
+    return StageName(attempt.substr(0, attempt.size() - others.size())) + ", other field sizes";
 }
 
 /// A line for each finished stage; consecutive searches of the same kind share one.

@@ -102,16 +102,20 @@ void KeepLikelier(std::optional<PlateSolution>& kept, const PlateSolution& match
     if (!kept || log < kept->Confidence.Log10FalseAlarm) kept = match;
 }
 
-std::vector<QuadBand> LikelyBands(ProgramState& state, const std::vector<double>& diagonals) {
+RankedBands LikelyBands(ProgramState& state, const std::vector<double>& diagonals) {
     std::vector<QuadBand> bands = QuadBandsOf(state);
     std::reverse(bands.begin(), bands.end());
-    std::stable_partition(bands.begin(), bands.end(), [&](const QuadBand& band) {
-        constexpr double error = 1.3;  // tolerated error factor of a given size
-        return std::any_of(diagonals.begin(), diagonals.end(), [&](double d) {
-            return d * error > band.SmallestDiagonal && d / error < band.LargestDiagonal;
+    RankedBands ranked;
+    for (const QuadBand& band : bands) {
+        const bool isOfSize = std::any_of(diagonals.begin(), diagonals.end(), [&](double diagonal) {
+            constexpr double error = 1.3;  // tolerated error factor of a given size
+            return diagonal * error > band.SmallestDiagonal &&
+                   diagonal / error < band.LargestDiagonal;
         });
-    });
-    return bands;
+        (isOfSize ? ranked.OfSize : ranked.Others).push_back(band);
+    }
+    if (ranked.OfSize.empty()) ranked.OfSize.swap(ranked.Others);
+    return ranked;
 }
 
 }  // namespace vestrel

@@ -49,12 +49,14 @@ struct QuadAttempt {
     /// ones show bright stars that it lacks. Of frames inside it, it shows all stars.
     bool InSmallerFields = false;
 };
+/// The extracted stars come first, as they are there already: to find the peaks takes longer than
+/// to look up the quads of both lists.
 inline constexpr std::array QuadAttempts{
-    QuadAttempt{"quads of peaks", StarSource::Peaks, 10, 0},
     QuadAttempt{"quads", StarSource::Extracted, 10, 0},
+    QuadAttempt{"quads of peaks", StarSource::Peaks, 10, 0},
     QuadAttempt{"quads of even peaks", StarSource::EvenPeaks, 10, 0},
-    QuadAttempt{"more quads of peaks", StarSource::Peaks, 20, 10},
     QuadAttempt{"more quads", StarSource::Extracted, 20, 10},
+    QuadAttempt{"more quads of peaks", StarSource::Peaks, 20, 10},
     QuadAttempt{"more quads of even peaks", StarSource::EvenPeaks, 20, 10},
     QuadAttempt{"quads of smaller fields", StarSource::Peaks, 20, 0, true},
 };
@@ -91,9 +93,14 @@ std::optional<PlateSolution> SolutionOfPlate(ProgramState& state, const MatchedP
 /// Keeps the likelier of two matches that are not sure; of equal ones the first.
 void KeepLikelier(std::optional<PlateSolution>& kept, const PlateSolution& match);
 
-/// All bands: first those of the given sizes, then the others from wide to narrow, because tables
-/// of wide fields are small.
+/// The bands of the quad tables, each list from wide to narrow, because tables of wide fields are
+/// small.
+struct RankedBands {
+    std::vector<QuadBand> OfSize;  ///< those of the given sizes; all when none was given
+    std::vector<QuadBand> Others;
+};
+
 /// @param diagonals of fields, radians
-std::vector<QuadBand> LikelyBands(ProgramState& state, const std::vector<double>& diagonals);
+RankedBands LikelyBands(ProgramState& state, const std::vector<double>& diagonals);
 
 }  // namespace vestrel

@@ -278,15 +278,19 @@ class Plan {
     bool SearchEverywhere() {
         state_.Report.Blind = true;
         state_.QuadMatch = {};
-        const std::vector<QuadBand> bands = LikelyBands(state_, request_.Diagonals);
-        const bool sure =
-            std::any_of(QuadAttempts.begin(), QuadAttempts.end(), [&](const auto& attempt) {
-                return !bands.empty() && !MustEnd() &&
-                       Try(attempt.Name, [&] { return LookUpQuads(attempt, bands); });
-            });
-        CloseQuadTables(state_);
+        const RankedBands bands = LikelyBands(state_, request_.Diagonals);
+        const bool sure = LookUpIn(bands.OfSize, "") || LookUpIn(bands.Others, " of other sizes");
         if (!sure && !quadFault_.empty()) state_.Quads.Fault = quadFault_;
         return sure;
+    }
+
+    /// Makes all attempts in these bands before others are searched: most given sizes are right.
+    bool LookUpIn(const std::vector<QuadBand>& bands, const char* nameEnd) {
+        return std::any_of(QuadAttempts.begin(), QuadAttempts.end(), [&](const auto& attempt) {
+            return !bands.empty() && !MustEnd() && Try(attempt.Name + std::string(nameEnd), [&] {
+                return LookUpQuads(attempt, bands);
+            });
+        });
     }
 
     bool LookUpQuads(const QuadAttempt& attempt, const std::vector<QuadBand>& bands) {
@@ -300,8 +304,9 @@ class Plan {
                                {attempt.FirstStars, attempt.LookedUp});
         return std::any_of(bands.begin(), bands.end(), [&](const QuadBand& band) {
             if (MustEnd()) return false;
-            const QuadBand* table = attempt.InSmallerFields ? NextSmaller(band, bands) : &band;
-            if (table == nullptr) return false;
+            const std::optional<QuadBand> table =
+                attempt.InSmallerFields ? NextSmaller(band) : band;
+            if (!table) return false;
             QuadTables* const opened = tables_.Open(state_, *table);
             if (opened == nullptr) {
                 quadFault_ = state_.Quads.Fault;
@@ -311,12 +316,13 @@ class Plan {
         });
     }
 
-    /// The narrow band that ends where a narrow band begins; null when there is none.
-    static const QuadBand* NextSmaller(const QuadBand& band, const std::vector<QuadBand>& bands) {
-        const auto found = std::find_if(bands.begin(), bands.end(), [&](const QuadBand& other) {
-            return other.LargestDiagonal == band.SmallestDiagonal;
-        });
-        return IsNarrowBand(band) && found != bands.end() ? &*found : nullptr;
+    /// The narrow band that ends where a narrow band begins, if there is one.
+    std::optional<QuadBand> NextSmaller(const QuadBand& band) {
+        if (!IsNarrowBand(band)) return std::nullopt;
+        for (const QuadBand& other : QuadBandsOf(state_)) {
+            if (other.LargestDiagonal == band.SmallestDiagonal) return other;
+        }
+        return std::nullopt;
     }
 
     bool LookUpBand(QuadTables& tables, const QuadBand& band, const std::vector<ImageQuad>& quads,

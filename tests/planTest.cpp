@@ -403,6 +403,58 @@ TEST_F(PlanOfASmallSky, AFieldAtTheLowerEndOfItsBandIsFoundByTheQuadsOfSmallerFr
     EXPECT_NE(solve(0.9 * diagonal, begin), SolveCode::Solved);
 }
 
+TEST_F(PlanOfASmallSky, BandsOfOtherSizesAreSearchedWhenAllOfTheGivenSizeWereInVain) {
+    QuadList quads;
+    quads.Stars.assign(Stars.begin(), Stars.begin() + 40);
+    std::sort(quads.Stars.begin(), quads.Stars.end(), ComesBefore);
+    QuadList none = quads;
+    for (std::int32_t c = 2; c < 8; ++c) {
+        for (std::int32_t d = c + 1; d < 40; ++d) quads.Quads.push_back({c - 2, c - 1, c, d});
+    }
+    const double diagonal = field * std::numbers::sqrt2;
+    const std::filesystem::path file = Folder / "catalog" / QuadFileName;
+    {
+        QuadFileWriter writer(file, 3);
+        writer.Add(0.1 * diagonal, 0.3 * diagonal, none);
+        writer.Add(0.8 * diagonal, 1.2 * diagonal, quads);
+        writer.Add(2 * diagonal, 3 * diagonal, none);
+        writer.Commit();
+    }
+    SearchRequest request;
+    request.Everywhere = true;
+    const auto solve = [&](std::vector<double> diagonals) {
+        request.Diagonals = std::move(diagonals);
+        State.Solution = {};
+        EXPECT_EQ(Solve(request), SolveCode::Solved);
+        return Report.SolvedBy;
+    };
+    EXPECT_EQ(solve({}), "quads");
+    EXPECT_EQ(solve({diagonal}), "quads");
+    ASSERT_EQ(Report.Attempts.size(), 1U);
+    EXPECT_EQ(solve({0.2 * diagonal}), "quads of other sizes");
+    for (const PlanAttempt& attempt : Report.Attempts) {
+        const bool last = &attempt == &Report.Attempts.back();
+        EXPECT_EQ(attempt.Name.ends_with(" of other sizes"), last) << attempt.Name;
+    }
+    EXPECT_GT(Report.Attempts.size(), 3U);
+
+    // A damaged band hides no other one, and is not mentioned when the image is solved all the
+    // same.
+    std::vector<QuadBand> bands;
+    std::string fault;
+    ASSERT_TRUE(ReadQuadBands(OpenQuadFile(file).get(), bands, fault));
+    std::string bytes = ReadFile(file);
+    bytes[bands[2].Part.Offset + bands[2].Part.Length] ^= 1;  // a checksum of its pages
+    WriteFile(file, bytes);
+    EXPECT_EQ(solve({}), "quads");
+    EXPECT_EQ(State.Quads.Fault, "");
+    bytes[bands[1].Part.Offset + bands[1].Part.Length] ^= 1;
+    WriteFile(file, bytes);
+    State.Solution = {};
+    EXPECT_NE(Solve(request), SolveCode::Solved);
+    EXPECT_NE(State.Quads.Fault.find("is damaged"), std::string::npos) << State.Quads.Fault;
+}
+
 TEST(QuadBands, ThoseOfTheSizeComeFirstAndElseTheLargest) {
     const TemporaryFolder folder;
     const std::vector<CatalogStar> stars = MakeSky(folder / "catalog", folder / "frame.fit");
@@ -420,20 +472,24 @@ TEST(QuadBands, ThoseOfTheSizeComeFirstAndElseTheLargest) {
     }
     ASSERT_TRUE(HaveQuadTables(state));
     const auto order = [&](const std::vector<double>& diagonals) {
-        std::string bands;
-        for (const QuadBand& band : LikelyBands(state, diagonals)) {
-            for (int i = 0; i < 4; ++i) {
-                if (band.SmallestDiagonal == edges[i]) bands += static_cast<char>('1' + i);
+        std::string names;
+        const RankedBands bands = LikelyBands(state, diagonals);
+        for (const auto* half : {&bands.OfSize, &bands.Others}) {
+            for (const QuadBand& band : *half) {
+                for (int i = 0; i < 4; ++i) {
+                    if (band.SmallestDiagonal == edges[i]) names += static_cast<char>('1' + i);
+                }
             }
+            if (half == &bands.OfSize) names += '|';
         }
-        return bands;
+        return names;
     };
-    EXPECT_EQ(order({}), "4321");
-    EXPECT_EQ(order({0.03}), "2431");
-    EXPECT_EQ(order({0.038}), "3241") << "30 % too large or too small";
-    EXPECT_EQ(order({0.021}), "2143");
-    EXPECT_EQ(order({0.15, 0.012}), "4132");
-    EXPECT_EQ(order({5}), "4321");
+    EXPECT_EQ(order({}), "4321|");
+    EXPECT_EQ(order({0.03}), "2|431");
+    EXPECT_EQ(order({0.038}), "32|41") << "30 % too large or too small";
+    EXPECT_EQ(order({0.021}), "21|43");
+    EXPECT_EQ(order({0.15, 0.012}), "41|32");
+    EXPECT_EQ(order({5}), "4321|");
 
     // The table for a size, and why there is none for others.
     EXPECT_TRUE(LoadQuadTables(state, 0.03, 0.04));
@@ -446,7 +502,7 @@ TEST(QuadBands, ThoseOfTheSizeComeFirstAndElseTheLargest) {
     EXPECT_FALSE(LoadQuadTables(state, 0.03, 0.04));
     EXPECT_FALSE(state.Quads.OtherSizes);
     EXPECT_NE(state.Quads.Fault.find("vestrel-catalog quads makes them"), std::string::npos);
-    EXPECT_TRUE(LikelyBands(state, {0.03}).empty());
+    EXPECT_TRUE(LikelyBands(state, {0.03}).OfSize.empty());
 }
 
 }  // namespace
