@@ -61,9 +61,9 @@ bool QuadLookup::Search(const std::vector<ImageQuad>& quads, const Accept& accep
         const double tolerance = std::clamp(3 * placeError / pixels, 0.002, 0.01);
         const Quad shape = ShapeOf(quad);
         if (!std::isfinite(shape.QuadKey)) continue;
-        ++searched_;
+        ++counts_.Searched;
         for (const CatalogQuad& candidate : tables_.QuadsLike(shape, tolerance)) {
-            ++candidates_;
+            ++counts_.Candidates;
             if (Try(quad, candidate, tolerance, accept)) return true;
         }
     }
@@ -115,7 +115,7 @@ bool QuadLookup::Try(const ImageQuad& quad, const CatalogQuad& candidate, double
         for (std::size_t i = 0; i < 4; ++i) stars[i] = candidate.Stars[order[i]];
         CentredPlate plate;
         if (!FitFour(quad, stars, plate)) continue;
-        ++fitted_;
+        ++counts_.Fitted;
         if (Confirmed(quad, plate) && accept(plate)) return true;
     } while (std::next_permutation(order.begin(), order.end()));
     return false;

@@ -21,6 +21,16 @@
 
 namespace vestrel {
 
+/// What a search has done so far.
+struct LookupCounts {
+    std::int32_t Searched = 0;    ///< quads looked up
+    std::int32_t Candidates = 0;  ///< table quads of the same shape
+    std::int32_t Fitted = 0;      ///< plates that fitted four stars
+};
+inline LookupCounts operator+(const LookupCounts& a, const LookupCounts& b) {
+    return {a.Searched + b.Searched, a.Candidates + b.Candidates, a.Fitted + b.Fitted};
+}
+
 class QuadLookup {
  public:
     /// @param image brightest first; must outlive this
@@ -37,9 +47,7 @@ class QuadLookup {
     bool Search(const std::vector<ImageQuad>& quads, const Accept& accept,
                 const std::function<bool()>& stop);
 
-    std::int32_t Searched() const { return searched_; }      ///< quads looked up
-    std::int32_t Candidates() const { return candidates_; }  ///< table quads of the same shape
-    std::int32_t Fitted() const { return fitted_; }          ///< plates that fitted four stars
+    const LookupCounts& Counts() const { return counts_; }
 
  private:
     Quad ShapeOf(const ImageQuad& quad) const;
@@ -59,9 +67,7 @@ class QuadLookup {
     double diagonal_;                    ///< of the image, pixels
     double radiansPerPixel_;             ///< of a field in the middle of the band
     std::vector<Direction> directions_;  ///< of all stars, by number
-    std::int32_t searched_ = 0;
-    std::int32_t candidates_ = 0;
-    std::int32_t fitted_ = 0;
+    LookupCounts counts_;
 };
 
 }  // namespace vestrel

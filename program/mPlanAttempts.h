@@ -48,12 +48,15 @@ struct QuadAttempt {
     /// lower end of its band has few frames in its own table that lie inside it, and the larger
     /// ones show bright stars that it lacks. Of frames inside it, it shows all stars.
     bool InSmallerFields = false;
+    /// Whether all bands are searched at the same time and to their ends, which is a waste where
+    /// one of the first often gives the solution.
+    bool BandsAtOnce = true;
 };
 /// The extracted stars come first, as they are there already: to find the peaks takes longer than
 /// to look up the quads of both lists.
 inline constexpr std::array QuadAttempts{
-    QuadAttempt{"quads", StarSource::Extracted, 10, 0},
-    QuadAttempt{"quads of peaks", StarSource::Peaks, 10, 0},
+    QuadAttempt{"quads", StarSource::Extracted, 10, 0, false, false},
+    QuadAttempt{"quads of peaks", StarSource::Peaks, 10, 0, false, false},
     QuadAttempt{"quads of even peaks", StarSource::EvenPeaks, 10, 0},
     QuadAttempt{"more quads", StarSource::Extracted, 20, 10},
     QuadAttempt{"more quads of peaks", StarSource::Peaks, 20, 10},

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "astro/libMath.h"
+#include "astro/libParallel.h"
 #include "astro/libStrings.h"
 #include "platform/libPlatform.h"
 
@@ -86,14 +87,28 @@ std::vector<QuadBand> QuadBandsOf(ProgramState& state) {
     return file ? ReadBands(file.get(), state.Quads) : std::vector<QuadBand>{};
 }
 
-QuadTables* QuadTablesOfBands::Open(ProgramState& state, const QuadBand& band) {
+QuadTablesOfBands::QuadTablesOfBands() {
+    constexpr int mostPools = 4;
+    const int pools = std::clamp(ParallelThreads(), 1, mostPools);
+    for (int i = 0; i < pools; ++i) {
+        pools_.push_back(
+            std::make_shared<PagePool>(PagePool::UsualPages / static_cast<std::size_t>(pools)));
+    }
+}
+
+QuadTablesOfBands::Opened* QuadTablesOfBands::Open(ProgramState& state, const QuadBand& band) {
     state.Quads.Fault.clear();
     const auto found = opened_.find(band.Part.Offset);
     if (found != opened_.end()) return &found->second;
     FileHandle file = OpenTables(state);
-    QuadTables table;
-    if (!file || !OpenBand(state.Quads, std::move(file), band, table, pool_)) return nullptr;
-    return &opened_.emplace(band.Part.Offset, std::move(table)).first->second;
+    Opened opened;
+    // In turn: neighbouring bands, which cost about the same, belong to different pools.
+    opened.Pool = opened_.size() % pools_.size();
+    if (!file ||
+        !OpenBand(state.Quads, std::move(file), band, opened.Tables, pools_[opened.Pool])) {
+        return nullptr;
+    }
+    return &opened_.emplace(band.Part.Offset, std::move(opened)).first->second;
 }
 
 void CloseQuadTables(ProgramState& state) {

@@ -1,6 +1,7 @@
 // The quad tables of the catalog: finds and opens the one for a size of the field.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -27,15 +28,22 @@ bool LoadQuadTables(ProgramState& state, double width, double height);
 std::vector<QuadBand> QuadBandsOf(ProgramState& state);
 
 /// The tables of all bands for a search that comes back to them. Each stays open, and together they
-/// keep no more pages in memory than a single one may.
+/// keep no more pages in memory than a single one may. So that several threads can search, every
+/// table belongs to one of as many pools of pages.
 class QuadTablesOfBands {
  public:
+    struct Opened {
+        QuadTables Tables;
+        std::size_t Pool = 0;  ///< tables with the same number share their pages
+    };
+
+    QuadTablesOfBands();
     /// The table of a band; null when it cannot be opened: `Quads.Fault` then has the reason.
-    QuadTables* Open(ProgramState& state, const QuadBand& band);
+    Opened* Open(ProgramState& state, const QuadBand& band);
 
  private:
-    std::shared_ptr<PagePool> pool_ = std::make_shared<PagePool>();
-    std::map<std::uint64_t, QuadTables> opened_;  ///< by their places in the file
+    std::vector<std::shared_ptr<PagePool>> pools_;
+    std::map<std::uint64_t, Opened> opened_;  ///< by their places in the file
 };
 
 /// Closes the table after a search, because Windows replaces no catalog of which a file is open.

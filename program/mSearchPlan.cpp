@@ -12,15 +12,14 @@
 #include "astro/libParallel.h"
 #include "image/libHints.h"
 #include "matching/libCameraPlane.h"
-#include "matching/libQuadLookup.h"
 #include "matching/libSeededRegions.h"
 #include "program/mMORA.h"
 #include "program/mPlanAttempts.h"
 #include "program/mPlanStars.h"
 #include "program/mPlateMatch.h"
-#include "program/mQuadTables.h"
 #include "program/mStarExtraction.h"
 #include "program/mStopwatch.h"
+#include "program/mWholeSkySearch.h"
 
 namespace vestrel {
 
@@ -277,105 +276,16 @@ class Plan {
 
     bool SearchEverywhere() {
         state_.Report.Blind = true;
-        state_.QuadMatch = {};
-        const RankedBands bands = LikelyBands(state_, request_.Diagonals);
-        const bool sure = LookUpIn(bands.OfSize, "") || LookUpIn(bands.Others, " of other sizes");
-        if (!sure && !quadFault_.empty()) state_.Quads.Fault = quadFault_;
-        return sure;
-    }
-
-    /// Makes all attempts in these bands before others are searched: most given sizes are right.
-    bool LookUpIn(const std::vector<QuadBand>& bands, const char* nameEnd) {
-        return std::any_of(QuadAttempts.begin(), QuadAttempts.end(), [&](const auto& attempt) {
-            return !bands.empty() && !MustEnd() && Try(attempt.Name + std::string(nameEnd), [&] {
-                return LookUpQuads(attempt, bands);
-            });
-        });
-    }
-
-    bool LookUpQuads(const QuadAttempt& attempt, const std::vector<QuadBand>& bands) {
-        constexpr std::int32_t fewest = 5;
-        const PlateStarList& stars = lists_.Of(attempt.From);
-        const bool twice = request_.Stars && attempt.From == StarSource::Extracted;
-        if (stars.Count() < fewest || twice) return false;
-        const ImageStars places(stars, state_.Image.Width, state_.Image.Height);
-        const SeededJudge judge(places);
-        const ImageQuads quads(stars, std::hypot(places.Width(), places.Height()),
-                               {attempt.FirstStars, attempt.LookedUp});
-        return std::any_of(bands.begin(), bands.end(), [&](const QuadBand& band) {
-            if (MustEnd()) return false;
-            const std::optional<QuadBand> table =
-                attempt.InSmallerFields ? NextSmaller(band) : band;
-            if (!table) return false;
-            QuadTables* const opened = tables_.Open(state_, *table);
-            if (opened == nullptr) {
-                quadFault_ = state_.Quads.Fault;
-                return false;
-            }
-            return LookUpBand(*opened, band, quads.For(band), judge);
-        });
-    }
-
-    /// The narrow band that ends where a narrow band begins, if there is one.
-    std::optional<QuadBand> NextSmaller(const QuadBand& band) {
-        if (!IsNarrowBand(band)) return std::nullopt;
-        for (const QuadBand& other : QuadBandsOf(state_)) {
-            if (other.LargestDiagonal == band.SmallestDiagonal) return other;
-        }
-        return std::nullopt;
-    }
-
-    bool LookUpBand(QuadTables& tables, const QuadBand& band, const std::vector<ImageQuad>& quads,
-                    const SeededJudge& judge) {
-        QuadSearch& search = state_.QuadMatch;
-        const StageTimer timer(search.Seconds);
-        QuadLookup lookup(tables, judge.Image(), band);
-        const QuadSearch before = search;
-        const auto count = [&] {
-            search.Searched = before.Searched + lookup.Searched();
-            search.Candidates = before.Candidates + lookup.Candidates();
-            search.FourStarFits = before.FourStarFits + lookup.Fitted();
-        };
-        const auto accept = [&](const CentredPlate& plate) {
-            count();
-            return TakeQuadPlate(plate, judge);
-        };
-        bool found = false;
-        try {
-            found = lookup.Search(quads, accept, [this] { return MustEnd(); });
-        } catch (const DamagedFile& damage) {
-            quadFault_ = TextFromPath(state_.Quads.File) + " " + damage.what();
-        }
-        count();
-        return found;
-    }
-
-    /// Refines a plate of four stars with all others, and accepts it when it is sure.
-    bool TakeQuadPlate(const CentredPlate& plate, const SeededJudge& judge) {
-        const ImageStars& places = judge.Image();
-        const double radius = std::hypot(places.Width(), places.Height()) / 2 /
-                              PlateGeometry(plate.Plate).Scale / SolveArcsecondsPerRadian;
-        const PlateStarList catalog =
-            OnCameraPlane(CatalogAbout(state_, plate.Centre, radius), plate.Centre);
-        MatchedPlate match;
-        match.Plate = plate.Plate;
-        QuadSearch& search = state_.QuadMatch;
-        if (!RefinePlate(catalog, places, RoughTolerance(state_.Image), match)) return false;
-        const MatchConfidence confidence =
-            judge.Judge(match, catalog, Shares() * search.FourStarFits, 0);
-        if (!IsSure(confidence) || !TakePlate(match, confidence, plate.Centre, places, 1)) {
-            return false;
-        }
-        search.Code = SolveCode::Solved;
-        search.Reference = catalog;
-        search.Pairs = match.Pairs;
-        search.Transform = match.Plate;
-        search.Geometry = PlateGeometry(match.Plate);
-        search.FitError = match.Rms;
-        search.Tangent = plate.Centre;
-        search.Centre = state_.Solution->Centre();
-        search.Confidence = state_.Solution->Confidence;
-        return true;
+        WholeSkySearch search(
+            state_, request_, lists_,
+            {[this] { return MustEnd(); },
+             [this](const std::string& name, const auto& attempt) { return Try(name, attempt); },
+             [this](const MatchedPlate& match, const MatchConfidence& confidence, SkyPosition about,
+                    const ImageStars& places) {
+                 return TakePlate(match, confidence, about, places, 1);
+             },
+             Shares()});
+        return search.Run();
     }
 
     ProgramState& state_;
@@ -385,8 +295,6 @@ class Plan {
     std::chrono::steady_clock::time_point start_;
     double lastYield_ = 0;
     bool enoughStars_ = false;
-    QuadTablesOfBands tables_;
-    std::string quadFault_;
     double searches_ = 0;  ///< regions and lists that were tried
     bool mosaic_;          ///< the image is a mosaic of colours
     PlanStars lists_;

@@ -14,11 +14,13 @@
 #include <set>
 #include <span>
 #include <system_error>
+#include <thread>
 #include <tuple>
 
 #include "astro/libMath.h"
 #include "catalogtool/libQuadBuilder.h"
 #include "catalogtool/libSkyFrames.h"
+#include "matching/libBandLookups.h"
 #include "matching/libQuadFile.h"
 #include "matching/libQuadLookup.h"
 #include "matching/libShapeFilter.h"
@@ -616,7 +618,7 @@ TEST_F(QuadSkyTest, LookupFindsTheFrameAmongFalseAndLostBrightStarsAndNothingInR
             return outcome.Found;
         };
         EXPECT_EQ(lookup.Search(quads.For(band), accept, [] { return false; }), outcome.Found);
-        outcome.Searched = lookup.Searched();
+        outcome.Searched = lookup.Counts().Searched;
         return outcome;
     };
     Random random(31);
@@ -646,6 +648,64 @@ TEST_F(QuadSkyTest, LookupFindsTheFrameAmongFalseAndLostBrightStarsAndNothingInR
     }
     EXPECT_LE(all.Shown, 12);
     EXPECT_GT(all.Searched, 3000);
+}
+
+TEST_F(QuadSkyTest, BandsLookedUpTogetherGiveWhatEachGivesAloneOnAnyNumberOfThreads) {
+    // The frame at its own size and as if it were larger and smaller; one table is damaged.
+    const std::array<QuadBand, 4> bands = {BandOf(2.5, 3.5), BandOf(3.5, 5), BandOf(1.75, 2.5),
+                                           BandOf(2.5, 3.5)};
+    TakeFrame(Frame(1));
+    const ImageStars image(State.PlateStars, frameWidth, frameHeight);
+    const ImageQuads quads(State.PlateStars, std::hypot(frameWidth, frameHeight), {});
+    const auto pathOf = [&](std::size_t i) { return folder_ / ("band" + std::to_string(i)); };
+    std::vector<QuadTables> tables;
+    for (std::size_t i = 0; i < bands.size(); ++i) tables.push_back(Stored(pathOf(i), List()));
+    std::filesystem::resize_file(pathOf(3), 9000);
+    const auto same = [](const BandLookup::Confirmed& a, const BandLookup::Confirmed& b) {
+        return std::memcmp(&a.Plate, &b.Plate, sizeof a.Plate) == 0 &&
+               std::memcmp(&a.Counts, &b.Counts, sizeof a.Counts) == 0;
+    };
+    std::vector<std::vector<BandLookup::Confirmed>> alone(bands.size());
+    for (std::size_t i = 0; i < 3; ++i) {
+        QuadLookup lookup(tables[i], image, bands[i]);
+        const auto keep = [&](const CentredPlate& plate) {
+            alone[i].push_back({plate, lookup.Counts()});
+            return false;
+        };
+        EXPECT_FALSE(lookup.Search(quads.For(bands[i]), keep, [] { return false; }));
+        alone[i].push_back({{}, lookup.Counts()});
+    }
+    EXPECT_GT(alone[0].size(), 1U) << "the frame is found";
+    for (const int threads : {1, 2, 4}) {
+        const ThreadsForNow now(threads);
+        const auto lookUp = [&](const std::function<bool()>& mustEnd) {
+            std::vector<BandLookup> lookups;
+            for (std::size_t i = 0; i < bands.size(); ++i) {
+                lookups.push_back(
+                    {&tables[i], i % 3, bands[i], quads.For(bands[i]), {}, {}, false});
+            }
+            LookUpTogether(lookups, image, mustEnd);
+            return lookups;
+        };
+        const auto caller = std::this_thread::get_id();
+        std::vector<BandLookup> together = lookUp([&] {
+            EXPECT_EQ(std::this_thread::get_id(), caller) << "it may touch windows";
+            return false;
+        });
+        for (std::size_t i = 0; i < 3; ++i) {
+            EXPECT_FALSE(together[i].Damaged);
+            together[i].Plates.push_back({{}, together[i].Counts});
+            EXPECT_TRUE(std::equal(together[i].Plates.begin(), together[i].Plates.end(),
+                                   alone[i].begin(), alone[i].end(), same))
+                << threads << " threads, band " << i;
+        }
+        EXPECT_TRUE(together[3].Damaged);
+        // The caller ends all searches, those on other threads too.
+        std::int32_t searched = 0;
+        for (const BandLookup& band : lookUp([] { return true; })) searched += band.Counts.Searched;
+        EXPECT_LT(searched, together[0].Counts.Searched + together[1].Counts.Searched +
+                                together[2].Counts.Searched);
+    }
 }
 
 /// The quads of an image for one band, as plainly as they can be said.
