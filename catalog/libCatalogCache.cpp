@@ -1,6 +1,7 @@
 #include "catalog/libCatalogCache.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 #include <span>
@@ -152,12 +153,25 @@ bool ForCellsOfRegion(SkyPosition centre, double radius, Visit visit) {
     // Near a pole a small circle spans all right ascensions.
     const bool nearPole = !(std::fabs(centre.Dec * (180 / Pi)) < 80);
     const double q = nearPole ? TwoPi : radius / std::cos(centre.Dec);
+    const auto place = [](int j) {
+        const int number = j + decSteps;
+        return static_cast<std::size_t>(number);
+    };
+    const auto decOf = [&](int j) { return j * radius / decSteps + centre.Dec; };
+    // Whether step j lies in the zone of the step before it, so that the cells are the same too.
+    std::array<bool, 2 * decSteps + 1> inSameZone{};
     CellPosition last;
+    for (int j = -decSteps; j <= decSteps; ++j) {
+        const CellPosition cell = CellOf({centre.Ra, decOf(j)});
+        inSameZone[place(j)] = j > -decSteps && cell.South == last.South && cell.Zone == last.Zone;
+        last = cell;
+    }
+    last = {};
     int timesInARow = 0;
     for (int i = -raSteps; i <= raSteps; ++i) {
         for (int j = -decSteps; j <= decSteps; ++j) {
             const CellPosition cell =
-                CellOf({i * q / raSteps + centre.Ra, j * radius / decSteps + centre.Dec});
+                inSameZone[place(j)] ? last : CellOf({i * q / raSteps + centre.Ra, decOf(j)});
             timesInARow = cell == last ? timesInARow + 1 : 1;
             last = cell;
             // The second touch resets the age of a cell just read; further ones change nothing.
@@ -167,6 +181,24 @@ bool ForCellsOfRegion(SkyPosition centre, double radius, Visit visit) {
     return true;
 }
 
+/// Cells that need no further visit. A region touches the same few cells in turn, and making
+/// their names and searching for them takes time.
+class SettledCells {
+ public:
+    bool Contain(const CellPosition& cell) const {
+        return std::find(cells_.rbegin(), cells_.rend(), cell) != cells_.rend();
+    }
+    void Add(const CellPosition& cell) {
+        constexpr std::size_t enough = 16;
+        if (cells_.size() == enough) cells_.clear();
+        cells_.push_back(cell);
+    }
+    void Clear() { cells_.clear(); }
+
+ private:
+    std::vector<CellPosition> cells_;
+};
+
 }  // namespace
 
 void CatalogCache::LoadRegion(SkyPosition centre, double radius) {
@@ -174,8 +206,17 @@ void CatalogCache::LoadRegion(SkyPosition centre, double radius) {
         cell.InUse = false;
         ++cell.Age;
     }
+    // Until another cell is loaded, cells that were found in memory stay there with the age 0.
+    SettledCells settled;
     ForCellsOfRegion(centre, radius, [&](const CellPosition& cell) {
+        if (settled.Contain(cell)) return true;
+        const std::uint64_t before = Changes;
         LoadCell(CellName(cell));
+        if (Changes == before) {
+            settled.Add(cell);
+        } else {
+            settled.Clear();
+        }
         return true;
     });
     Trim();
@@ -183,7 +224,10 @@ void CatalogCache::LoadRegion(SkyPosition centre, double radius) {
 
 bool CatalogCache::HoldsRegion(SkyPosition centre, double radius) const {
     if (CachedStars > MaxStars) return false;
+    SettledCells found;
     return ForCellsOfRegion(centre, radius, [&](const CellPosition& cell) {
+        if (found.Contain(cell)) return true;
+        found.Add(cell);
         return Index.find(CellName(cell)) != Index.end();
     });
 }
