@@ -4,6 +4,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -225,6 +226,42 @@ void CatalogRegion(benchmark::State& state) {
     state.counters["stars"] = lists.Catalog.Count();
 }
 BENCHMARK(CatalogRegion)->Arg(0)->Arg(1)->ArgName("warm")->Unit(benchmark::kMicrosecond);
+
+/// Regions of a deep sky in memory, at 40 places in turn. Argument: the width of the field, in
+/// hundredths of a degree. $VESTREL_DEEP_CATALOG is a catalog made by
+/// `vestrel-catalog synthesize --density 1000 --ra 100 --dec 20 --radius 6`.
+void DeepRegion(benchmark::State& state) {
+    const char* folder = std::getenv("VESTREL_DEEP_CATALOG");
+    if (folder == nullptr) return state.SkipWithError("$VESTREL_DEEP_CATALOG is not set");
+    CatalogCache cache;
+    cache.Folder = PathFromText(folder);
+    const double width = static_cast<double>(state.range(0)) / 100 * RadiansPerDegree;
+    const double radius = std::hypot(width, width * 3 / 4) / 2;
+    constexpr int places = 40;
+    std::int64_t stars = 0;
+    std::int64_t regions = 0;
+    const auto query = [&](int place) {
+        const SkyPosition centre{(97 + place % 8) * RadiansPerDegree,
+                                 (17.3 + 1.1 * static_cast<int>(place / 8)) * RadiansPerDegree};
+        Projection plane;
+        plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
+        stars += RegionStars(cache, plane, centre, radius, MagnitudeLimitFor(radius)).Count();
+        ++regions;
+    };
+    for (int place = 0; place < places; ++place) query(place);
+    int place = 0;
+    for (auto _ : state) query(place++ % places);
+    state.counters["stars"] = static_cast<double>(stars) / static_cast<double>(regions);
+    std::int64_t held = 0;
+    for (const CachedCell& cell : cache.Cells) held += std::ssize(cell.Stars) - 1;
+    state.counters["read"] = static_cast<double>(held) / static_cast<double>(cache.CachedStars);
+}
+BENCHMARK(DeepRegion)
+    ->Arg(20)
+    ->Arg(50)
+    ->Arg(100)
+    ->ArgName("hundredths")
+    ->Unit(benchmark::kMicrosecond);
 
 void Triangles(benchmark::State& state) {
     const Lists lists(0);
