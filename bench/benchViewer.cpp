@@ -26,14 +26,16 @@ class Scene {
         PlateImage& image = State.Image;
         image.Header.NAxis1 = static_cast<std::int16_t>(width);
         image.Header.NAxis2 = static_cast<std::int16_t>(height);
-        StartPixels(image, 32768);
+        StartPixels(image, 32768, CellWidth::Narrow);
         image.ImageType = ImageType::Fits;
         image.Header.BitPix = 16;
         std::mt19937 random(1);
+        std::vector<std::int32_t> row(static_cast<std::size_t>(width));
         for (int y = 0; y < height; ++y) {
-            for (int x = 0; x < width; ++x) {
-                image.Pixels.Wide()(x, y) = -32000 + static_cast<std::int32_t>(random() % 100);
+            for (std::int32_t& value : row) {
+                value = -32000 + static_cast<std::int32_t>(random() % 100);
             }
+            image.Pixels.Store(0, y, row);
         }
         image.Header.PlateMatched = true;
         image.Header.PlateScale = 206264.8;

@@ -53,7 +53,7 @@ class BrightRuns {
     }
 
  private:
-    static constexpr std::int32_t columnsPerPiece = 256;
+    static constexpr std::int32_t columnsPerPiece = 512;
 
     struct Piece {
         std::vector<BrightRun> Runs;
