@@ -37,3 +37,13 @@ def pixels_off(result, truth):
     apart = separation(result["ra_deg"], result["dec_deg"], float(truth["ra_deg"]),
                        float(truth["dec_deg"]))
     return apart * 3600 / float(truth["scale_arcsec_px"])
+
+
+def write_between(marks, text, path):
+    """Puts a measured text between two marks of a document."""
+    page = path.read_text(encoding="utf-8")
+    before, _, rest = page.partition(marks[0])
+    _, end, after = rest.partition(marks[1])
+    if not end:
+        raise ValueError(f"{path} lacks {marks[0]} or {marks[1]}")
+    path.write_text(f"{before}{marks[0]}\n{text}\n{end}{after}", encoding="utf-8")

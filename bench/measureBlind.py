@@ -130,11 +130,7 @@ def main():
     text = "\n".join(lines)
     print(text)
     if arguments.write:
-        document = arguments.write.read_text(encoding="utf-8")
-        before, _, rest = document.partition(MARKS[0])
-        after = rest.partition(MARKS[1])[2]
-        arguments.write.write_text(f"{before}{MARKS[0]}\n{text}\n{MARKS[1]}{after}",
-                                   encoding="utf-8")
+        judging.write_between(MARKS, text, arguments.write)
 
 
 if __name__ == "__main__":

@@ -26,6 +26,8 @@ import time
 
 import numpy
 
+import judging
+
 FIELD = ["--size", "2x1.5d"]
 NEAR = ["--ra", "84.4", "--dec=-0.8", *FIELD]
 MARKS = ("<!-- measured -->", "<!-- end of measured -->")
@@ -368,11 +370,7 @@ def main():
         bench.worst(normal, frames[1][1])
         text = "\n".join(bench.lines)
     if arguments.write:
-        document = arguments.write.read_text(encoding="utf-8")
-        before, _, rest = document.partition(MARKS[0])
-        after = rest.partition(MARKS[1])[2]
-        arguments.write.write_text(f"{before}{MARKS[0]}\n{text}\n{MARKS[1]}{after}",
-                                   encoding="utf-8")
+        judging.write_between(MARKS, text, arguments.write)
 
 
 if __name__ == "__main__":

@@ -28,6 +28,8 @@ from astropy.io import fits
 from astropy.wcs import WCS
 from PIL import Image
 
+import judging
+
 MARKS = "<!-- measured -->", "<!-- end of measured -->"
 
 
@@ -270,9 +272,7 @@ def main():
     text = "\n".join(lines)
     print(text)
     if arguments.write:
-        page = arguments.write.read_text(encoding="utf-8")
-        before, after = page.split(MARKS[0])[0], page.split(MARKS[1])[1]
-        arguments.write.write_text(f"{before}{MARKS[0]}\n{text}\n{MARKS[1]}{after}", encoding="utf-8")
+        judging.write_between(MARKS, text, arguments.write)
 
 
 if __name__ == "__main__":

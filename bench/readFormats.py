@@ -17,6 +17,7 @@ import tempfile
 import numpy as np
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
+import judging  # pylint: disable=wrong-import-position
 from pictureFormats import forms  # pylint: disable=wrong-import-position
 
 MARKS = "<!-- measured formats -->", "<!-- end of measured formats -->"
@@ -71,10 +72,7 @@ def main():
             if own / floor > (MOST_OF_JPEG if name.startswith("JPEG") else MOST):
                 slow.append(name)
     if arguments.write:
-        page = arguments.write.read_text(encoding="utf-8")
-        before, after = page.split(MARKS[0])[0], page.split(MARKS[1])[1]
-        text = "\n".join(lines)
-        arguments.write.write_text(f"{before}{MARKS[0]}\n{text}\n{MARKS[1]}{after}", encoding="utf-8")
+        judging.write_between(MARKS, "\n".join(lines), arguments.write)
     if slow:
         print("Above the bound:", ", ".join(slow))
     return 1 if slow else 0
