@@ -3,7 +3,9 @@
 
 #include <fitsio.h>
 
+#include <cstddef>
 #include <filesystem>
+#include <iosfwd>
 #include <memory>
 #include <string>
 
@@ -29,6 +31,15 @@ class FitsFile {
     struct Closer {
         void operator()(fitsfile* file) const noexcept;
     };
+    /// Looks at each header before the library does. That keeps a column's name in 70 bytes and
+    /// writes one more when the card has 70 without quotes, which ends the process; and where the
+    /// number of columns is missing, it asks for any amount of memory.
+    void CheckHeaders(const std::filesystem::path& path) const;
+    /// Whether another extension follows; throws a `ToolFailure` when it is unsafe to read.
+    /// @param bytes from the end of the one before on
+    bool IsNextSafe(std::istream& bytes) const;
+    static constexpr std::size_t longestName = 68;
+
     std::string name_;
     std::unique_ptr<fitsfile, Closer> handle_;
 };

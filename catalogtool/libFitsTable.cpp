@@ -100,10 +100,11 @@ class FitsTable : public FitsFile {
                 ReadTexts(static_cast<int>(i) + 1, first, rows, column, status);
             } else {
                 double none = notANumber;
+                int anyNone = 0;  // the library writes it at each NaN without asking
                 column.Numbers.assign(rows, notANumber);
                 fits_read_col(Handle(), TDOUBLE, static_cast<int>(i) + 1,
                               static_cast<LONGLONG>(first) + 1, 1, static_cast<LONGLONG>(rows),
-                              &none, column.Numbers.data(), nullptr, &status);
+                              &none, column.Numbers.data(), &anyNone, &status);
             }
             // A number that does not fit is ignored; the library leaves the old value.
             if (status == NUM_OVERFLOW) status = 0;

@@ -10,6 +10,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <numbers>
 #include <random>
 #include <set>
@@ -337,6 +338,9 @@ TEST(IndexFile, AFileCutAnywhereOrContradictingItselfIsRefused) {
                                     IndexFile(stars, 500, "01:02:03:04"),
                                     IndexFile(stars, 500, "04:03:02:01", 0.9),
                                     IndexFile({}, 0)};
+    // A name that the library would write beyond its memory.
+    bad.push_back(whole);
+    bad.back().replace(whole.find("TTYPE1  = 'quads'"), 80, "TTYPE1  = " + std::string(70, 'z'));
     for (std::size_t length = 100; length + 2880 < whole.size(); length += 1000) {
         bad.push_back(whole.substr(0, length));
     }
@@ -1100,6 +1104,11 @@ TEST(StarTable, FitsTablesGiveTheirStarsAtTheEpochAndAreRefusedWhenCut) {
     EXPECT_EQ(found.size(), std::count_if(stars.begin(), stars.end(), [](const SkyStar& star) {
                   return static_cast<float>(star.Mag) < 5;
               }));
+    std::vector<SkyStar> withoutOne = stars;
+    withoutOne[5].Mag = std::numeric_limits<double>::quiet_NaN();
+    found.clear();
+    read(FitsStars(withoutOne, 0, ""), {}, found);
+    EXPECT_EQ(found.size(), stars.size() - 1) << "one has no magnitude";
     const std::string whole = FitsStars(stars, 0, "");
     for (std::size_t length = 0; length < whole.size() - 2880; length += 30011) {
         EXPECT_THROW(read(whole.substr(0, length), {}, found), ToolFailure) << length;
