@@ -12,7 +12,14 @@ namespace {
 class PlainRows {
  public:
     PlainRows(std::string_view bytes, int headerLines) : bytes_(bytes) {
-        for (int line = 0; line < headerLines; ++line) at_ = bytes.find('\r', at_) + 1;
+        std::string_view last;
+        for (int line = 0; line < headerLines; ++line) {
+            const std::size_t end = bytes.find('\r', at_);
+            last = bytes.substr(at_, end - at_);
+            at_ = end + 1;
+        }
+        // Where lines end with CR LF, the last feed is not one of the rows' bytes.
+        if (at_ >= 2048 && last.starts_with('\n') && !last.ends_with('\n')) ++at_;
         at_ = std::max<std::size_t>(at_, 2048);
     }
     int Byte() {
