@@ -152,14 +152,14 @@ struct FirstStars {
 /// The votes of all triangles: by grids, and by the sorted lists where grids leave ties undecided.
 void LetTrianglesVote(VoteTable& votes, const FirstStars& stars, double tolerance,
                       KeptTriangles& triangles2, AlignReport& report, const Progress& progress) {
-    const TriangleColumns triangles1 = BuildTriangleColumns(stars.List1, stars.Count1);
+    TriangleGrid& triangles1 = triangles2.OfOther;
+    triangles1.Build(stars.List1, stars.Count1);
     report.Triangles1 = triangles1.Count();
-    report.Triangles2 = triangles2.Triangles.Count();
+    report.Triangles2 = triangles2.Grid.Count();
+    const bool firstIsOuter = report.Triangles1 <= report.Triangles2;
     const std::optional<std::int32_t> voted =
-        report.Triangles1 <= report.Triangles2
-            ? VoteByGrid(votes, triangles1, triangles2.Grid, true, tolerance, progress)
-            : VoteByGrid(votes, triangles2.Triangles, TriangleGrid(triangles1), false, tolerance,
-                         progress);
+        VoteByGrid(votes, firstIsOuter ? triangles1 : triangles2.Grid,
+                   firstIsOuter ? triangles2.Grid : triangles1, firstIsOuter, tolerance, progress);
     if (voted) {
         report.Voted = *voted;
         return;
@@ -188,9 +188,8 @@ Alignment AlignImages(const PlateStarList& list1, const PlateStarList& list2, do
     if (!(m1 > 4 && m2 > 4)) return result;
 
     if (triangles2.StarCount != m2) {
-        triangles2 = {};
-        triangles2.Triangles = BuildTriangleColumns(list2, m2);
-        triangles2.Grid = TriangleGrid(triangles2.Triangles);
+        triangles2.Grid.Build(list2, m2);
+        triangles2.Sorted = {};
         triangles2.StarCount = m2;
     }
     VoteTable votes(m1, m2);

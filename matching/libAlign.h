@@ -6,7 +6,6 @@
 #include "astro/libParallel.h"
 #include "astro/libPlateStar.h"
 #include "matching/libPlateFit.h"
-#include "matching/libTriangleColumns.h"
 #include "matching/libTriangleGrid.h"
 #include "matching/libTriangles.h"
 
@@ -24,9 +23,9 @@ struct AlignSettings {
 /// The triangles of a list that is matched many times, kept from one match to the next.
 struct KeptTriangles {
     std::int32_t StarCount = -1;  ///< of how many stars; −1 when nothing is kept
-    TriangleColumns Triangles;
-    TriangleGrid Grid;        ///< the grid of these triangles
+    TriangleGrid Grid;
     StarTriangleList Sorted;  ///< the same triangles; empty until they are needed
+    TriangleGrid OfOther;     ///< those of the other list; only their memory is used again
 };
 
 /// How far a match got: counts after each step.

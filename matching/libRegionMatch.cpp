@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <optional>
+#include <utility>
 
 #include "astro/libMath.h"
 #include "catalog/libCatalogRegion.h"
@@ -41,14 +42,25 @@ RegionMatch RegionMatcher::Read(SkyPosition centre) {
             {}};
 }
 
-void RegionMatcher::MatchUsing(KeptTriangles& triangles, RegionMatch& region,
-                               const Progress& progress) const {
-    region.Found = AlignImages(region.CatalogStars, plateStars_, settings_.MaxError,
-                               settings_.Align, triangles, progress);
+/// Matches catalog stars, on any thread, with triangles of the image that no other thread uses.
+Alignment RegionMatcher::Align(const PlateStarList& catalogStars, const Progress& progress) {
+    KeptTriangles triangles;
+    {
+        const std::lock_guard guard(plateTrianglesLock_);
+        if (!plateTriangles_.empty()) {
+            triangles = std::move(plateTriangles_.back());
+            plateTriangles_.pop_back();
+        }
+    }
+    Alignment found = AlignImages(catalogStars, plateStars_, settings_.MaxError, settings_.Align,
+                                  triangles, progress);
+    const std::lock_guard guard(plateTrianglesLock_);
+    plateTriangles_.push_back(std::move(triangles));
+    return found;
 }
 
 void RegionMatcher::Match(RegionMatch& region, const Progress& progress) {
-    if (!isMatched_) MatchUsing(plateTriangles_.front(), region, progress);
+    if (!isMatched_) region.Found = Align(region.CatalogStars, progress);
     isMatched_ = true;
 }
 
@@ -69,31 +81,22 @@ void RegionMatcher::MatchWithNext(RegionMatch& region, std::span<const SkyPositi
     constexpr std::size_t mostAhead = 31;
     regionsAhead_ = std::min(2 * regionsAhead_ + 1, mostAhead);
 
-    // Each piece keeps triangles of the image for its regions, and for those of the next round.
-    constexpr std::size_t regionsPerPiece = 4;
-    const std::size_t regions = 1 + held;
-    const std::size_t pieces = (regions + regionsPerPiece - 1) / regionsPerPiece;
-    plateTriangles_.resize(std::max(plateTriangles_.size(), pieces));
     std::vector<RegionMatch> matched(held);
     std::vector<char> complete(held);
-    const auto matchPiece = [&](int number) {
-        const auto piece = static_cast<std::size_t>(number);
-        for (std::size_t i = piece; i < regions; i += pieces) {
-            KeptTriangles& triangles = plateTriangles_[piece];
-            if (i == 0) {
-                MatchUsing(triangles, region, {});
-                continue;
-            }
-            const SkyPosition centre = next[i - 1];
-            std::optional<PlateStarList> stars = RegionStarsInMemory(
-                catalog_, PlaneAbout(centre), centre, settings_.Radius, settings_.MagnitudeLimit);
-            if (!stars) continue;
-            matched[i - 1] = {centre, std::move(*stars), {}};
-            MatchUsing(triangles, matched[i - 1], {});
-            complete[i - 1] = 1;
+    const auto matchOne = [&](int number) {
+        if (number == 0) {
+            region.Found = Align(region.CatalogStars, {});
+            return;
         }
+        const auto i = static_cast<std::size_t>(number - 1);
+        std::optional<PlateStarList> stars = RegionStarsInMemory(
+            catalog_, PlaneAbout(next[i]), next[i], settings_.Radius, settings_.MagnitudeLimit);
+        if (!stars) return;
+        matched[i] = {next[i], std::move(*stars), {}};
+        matched[i].Found = Align(matched[i].CatalogStars, {});
+        complete[i] = 1;
     };
-    ParallelFor(static_cast<int>(pieces), matchPiece, progress);
+    ParallelFor(static_cast<int>(1 + held), matchOne, progress);
     isMatched_ = true;
     changesAtMatch_ = catalog_.Changes;
     for (std::size_t i = 0; i < held && complete[i] != 0; ++i) {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <mutex>
 #include <span>
 #include <vector>
 
@@ -61,12 +62,14 @@ class RegionMatcher {
                        const Progress& progress = {});
 
  private:
-    void MatchUsing(KeptTriangles& triangles, RegionMatch& region, const Progress& progress) const;
+    Alignment Align(const PlateStarList& catalogStars, const Progress& progress);
 
     CatalogCache& catalog_;
     const PlateStarList& plateStars_;
     RegionSettings settings_;
-    std::vector<KeptTriangles> plateTriangles_ = std::vector<KeptTriangles>(1);  ///< of each piece
+    std::vector<KeptTriangles>
+        plateTriangles_;  ///< the image's, for as many threads as have matched
+    std::mutex plateTrianglesLock_;
     std::deque<RegionMatch> ahead_;     ///< regions matched ahead, in order
     std::uint64_t changesAtMatch_ = 0;  ///< `Changes` of the catalog cache at that time
     bool isMatched_ = false;            ///< whether the last region read has been matched

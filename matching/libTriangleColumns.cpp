@@ -42,7 +42,8 @@ VESTREL_KERNEL void Load(Doubles& numbers, const double* from) {
 
 class Builder {
  public:
-    Builder(const PlateStarList& list, std::size_t n) : n_(n), distance_(list, n) {
+    Builder(const PlateStarList& list, std::size_t n, TriangleColumns& triangles)
+        : n_(n), distance_(list, n), triangles_(triangles) {
         Reserve(n * n * n / 12 + n);  // about half of all triples pass
     }
 
@@ -53,13 +54,7 @@ class Builder {
                 TakeThirdStars(i, j);
             }
         }
-    }
-
-    TriangleColumns Result() {
-        triangles_.Short.resize(count_);
-        triangles_.Mid.resize(count_);
-        triangles_.Corners.resize(count_);
-        return std::move(triangles_);
+        triangles_.Count = static_cast<std::int32_t>(count_);
     }
 
  private:
@@ -123,7 +118,7 @@ class Builder {
 
     std::size_t n_;
     PaddedDistances distance_;
-    TriangleColumns triangles_;
+    TriangleColumns& triangles_;
     std::size_t count_ = 0;
 };
 
@@ -136,11 +131,11 @@ void RunPlainly(Builder& builder) {
 
 }  // namespace
 
-TriangleColumns BuildTriangleColumns(const PlateStarList& list, std::int32_t n) {
-    if (n < 3) return {};
-    Builder builder(list, static_cast<std::size_t>(n));
+void BuildTriangleColumns(const PlateStarList& list, std::int32_t n, TriangleColumns& triangles) {
+    triangles.Count = 0;
+    if (n < 3) return;
+    Builder builder(list, static_cast<std::size_t>(n), triangles);
     (HasAvx2() ? RunForAvx2 : RunPlainly)(builder);
-    return builder.Result();
 }
 
 }  // namespace vestrel

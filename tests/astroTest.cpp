@@ -15,11 +15,13 @@
 #include <thread>
 
 #include "astro/libConversions.h"
+#include "astro/libIntegerOrder.h"
 #include "astro/libMath.h"
 #include "astro/libParallel.h"
 #include "astro/libSphericalMath.h"
 #include "astro/libStrings.h"
 #include "tests/testSupport.h"
+#include "tests/vectorsForNow.h"
 
 namespace vestrel {
 namespace {
@@ -154,6 +156,28 @@ TEST(CombSort, EqualKeysLieAsThePlainLoopLeavesThem) {
         for (int i = 1; i <= n; ++i) ASSERT_EQ(order[i], plain[i].second);
         ASSERT_TRUE(std::is_sorted(plain.begin() + 1, plain.end(),
                                    [](const auto& a, const auto& b) { return a.first < b.first; }));
+    }
+}
+
+TEST(CombSort, OfIntegersLeavesEqualOnesWhereThePlainLoopDoes) {
+    Random random(8);
+    using Tagged = std::pair<int, int>;
+    for (int trial = 0; trial < 600; ++trial) {
+        const VectorsForNow vectors(trial % 2 == 0);
+        const int n = trial < 40 ? trial / 2 : random.Whole(2, trial % 50 == 0 ? 20000 : 400);
+        // Mostly equal, as the pixel counts of hot pixels are, or few of them.
+        const int other = random.Whole(1, 100);
+        const int most = trial % 3 == 0 ? 2147483647 : 9;
+        std::vector<Tagged> plain(n + 1);
+        std::vector<std::int32_t> keys(n + 1);
+        for (int i = 1; i <= n; ++i) {
+            keys[i] = random.Whole(1, 100) > other ? 1 : random.Whole(-most, most);
+            plain[i] = {keys[i], i};
+        }
+        PlainCombSort(plain, n, &Tagged::first);
+        const std::vector<std::int32_t> order = CombSortedIntegers(keys);
+        ASSERT_EQ(order.size(), keys.size());
+        for (int i = 1; i <= n; ++i) ASSERT_EQ(order[i], plain[i].second) << n << ", " << i;
     }
 }
 

@@ -367,32 +367,43 @@ TEST(AlignImages, IsThePlainProcedureInWhatTrianglesAndGridsSay) {
     Random random(36);
     int clear = 0;
     int unclear = 0;
-    for (int trial = 0; trial < 300; ++trial) {
+    int clearNearTies = 0;
+    // Kept from trial to trial, as in a search, so that what is left of larger lists must not
+    // count.
+    std::array<TriangleColumns, 2> columns;
+    std::array<TriangleGrid, 2> grids;
+    for (int trial = 0; trial < 400; ++trial) {
         SCOPED_TRACE("trial " + std::to_string(trial));
         const VectorsForNow vectors(trial % 2 == 0);
         const bool ties = trial % 10 == 9;
+        // Many triangles of nearly the same shapes, which single precision does not tell apart.
+        const bool nearTies = trial % 10 == 7;
         const int n = random.Whole(3, trial % 20 == 0 ? 90 : 40);
-        PlateStarList list1 = ties ? StarsOnAGrid(random, n) : RandomStars(random, n, 600);
+        PlateStarList list1 =
+            ties || nearTies ? StarsOnAGrid(random, n) : RandomStars(random, n, 600);
+        for (PlateStar& star : list1) {
+            if (nearTies) star = StarAt(star.X + random.Normal(2e-6), star.Y + random.Normal(2e-6));
+        }
         PlateStarList list2 = Photograph(random, list1,
                                          {.Turn = random.Between(-3, 3),
                                           .Scale = random.Between(0.3, 3),
-                                          .Noise = random.Between(0, 2),
+                                          .Noise = nearTies ? 2e-6 : random.Between(0, 2),
                                           .Outliers = random.Whole(0, n / 2)});
         if (trial % 3 == 0) list2.Resize(std::max(list2.Count() / 2, 3));
         if (trial % 11 == 10) list1[random.Whole(1, n)].X = std::nanf("");
         if (trial % 11 == 9) list2[1].Y = std::numeric_limits<float>::infinity();
         const std::array<const PlateStarList*, 2> lists = {&list1, &list2};
         std::array<StarTriangleList, 2> plain;
-        std::array<TriangleColumns, 2> columns;
         for (std::size_t k = 0; k < 2; ++k) {
             plain[k] = PlainTriangles(*lists[k], lists[k]->Count());
-            columns[k] = BuildTriangleColumns(*lists[k], lists[k]->Count());
+            BuildTriangleColumns(*lists[k], lists[k]->Count(), columns[k]);
+            grids[k].Build(*lists[k], lists[k]->Count());
             std::vector<Triangle> expected;
             std::vector<Triangle> made;
             for (const StarTriangle& t : plain[k]) {
                 expected.emplace_back(t.ShortRatio, t.MidRatio, t.Corner1, t.Corner2, t.Corner3);
             }
-            for (std::size_t i = 0; i < columns[k].Corners.size(); ++i) {
+            for (std::size_t i = 0; i < static_cast<std::size_t>(columns[k].Count); ++i) {
                 const TriangleCorners corners = columns[k].Corners[i];
                 made.emplace_back(columns[k].Short[i], columns[k].Mid[i], StarAtCorner(corners, 0),
                                   StarAtCorner(corners, 1), StarAtCorner(corners, 2));
@@ -407,13 +418,13 @@ TEST(AlignImages, IsThePlainProcedureInWhatTrianglesAndGridsSay) {
         VoteTable expected(list1.Count(), list2.Count());
         PlainVotes(expected, plain[0], plain[1], tolerance);
         VoteTable votes(list1.Count(), list2.Count());
-        const bool firstIsOuter = columns[0].Count() <= columns[1].Count();
+        const bool firstIsOuter = grids[0].Count() <= grids[1].Count();
         const std::size_t outer = firstIsOuter ? 0 : 1;
-        const auto voted = VoteByGrid(votes, columns[outer], TriangleGrid(columns[1 - outer]),
-                                      firstIsOuter, tolerance);
+        const auto voted =
+            VoteByGrid(votes, grids[outer], grids[1 - outer], firstIsOuter, tolerance);
         if (!voted) {
             // Only in cases where the order of sorting decides.
-            EXPECT_TRUE(ties || wide);
+            EXPECT_TRUE(ties || nearTies || wide);
             ++unclear;
             continue;
         }
@@ -421,9 +432,11 @@ TEST(AlignImages, IsThePlainProcedureInWhatTrianglesAndGridsSay) {
         const int sum = std::accumulate(votes.Votes.begin(), votes.Votes.end(), 0);
         ASSERT_EQ(*voted * 3, sum);
         clear += sum > 0 ? 1 : 0;
+        clearNearTies += nearTies && sum > 0 ? 1 : 0;
     }
-    EXPECT_GT(clear, 200);
-    EXPECT_GT(unclear, 15);
+    EXPECT_GT(clear, 270);
+    EXPECT_GT(clearNearTies, 15);
+    EXPECT_GT(unclear, 20);
 }
 
 // Six stars on a line and one beside it, in whole numbers, so that only rounding is left over. When
