@@ -4,16 +4,15 @@
 #include <span>
 
 #include "astro/libMath.h"
-#include "astro/libProcessor.h"
 #include "extraction/libBoxPercentile.h"
+#include "extraction/libNearPercentiles.h"
+#include "extraction/libValueCounts.h"
 
 namespace vestrel {
 
 namespace {
 
 constexpr std::int32_t step = 3;
-constexpr std::int32_t lift = 100;
-constexpr std::int32_t brightest = 65535;
 
 std::int32_t HeldValue(std::int32_t physical) {
     return std::clamp(physical, 0, LargestHistogramValue);
@@ -24,68 +23,52 @@ struct ClipLevels {
     std::int32_t High;
 };
 
-/// How often each value occurs in the samples of some rows.
-struct SampleCounts {
-    std::vector<std::int32_t> Counts = std::vector<std::int32_t>(LargestHistogramValue + 1, 0);
-    std::int32_t Samples = 0;
-
-    template <typename Cell>
-    void Add(PixelRow<Cell> row, std::int32_t offset, std::int32_t width) {
-        for (std::int32_t x = 0; x < width; x += step) {
-            ++Counts[static_cast<std::size_t>(HeldValue(row[x] + offset))];
-        }
-        Samples += (width + step - 1) / step;
-    }
-    void Add(const SampleCounts& other) {
-        for (std::size_t value = 0; value < Counts.size(); ++value) {
-            Counts[value] += other.Counts[value];
-        }
-        Samples += other.Samples;
-    }
-    std::int32_t Minimum() const {
-        const auto occurs = std::find_if(Counts.begin(), Counts.end(), NotZero);
-        return static_cast<std::int32_t>(occurs - Counts.begin());
-    }
-    std::int32_t Maximum() const {
-        const auto occurs = std::find_if(Counts.rbegin(), Counts.rend(), NotZero);
-        return static_cast<std::int32_t>(Counts.rend() - occurs) - 1;
-    }
-
- private:
-    static bool NotZero(std::int32_t count) { return count != 0; }
-};
+/// How often each held value occurs in the samples of an image.
+std::vector<std::uint32_t> CountHeldValues(const PixelGrid& values, std::int32_t offset,
+                                           std::int32_t width, std::int32_t height) {
+    const SampleRange range{0, width - 1, 0, height - 1};
+    if (values.IsNarrow() && values.Least() == -offset) return CountRanks(values, range);
+    return CountByRows(range, LargestHistogramValue + 1,
+                       [&](std::int32_t y, std::uint32_t* counts) {
+                           values.VisitRow(y, [&](auto row) {
+                               for (std::int32_t x = 0; x < width; x += step)
+                                   ++counts[HeldValue(row[x] + offset)];
+                           });
+                       });
+}
 
 /// The levels beyond which the darkest and brightest 0.2 % of the samples lie. Images of fewer
 /// than 250 samples clip nothing: the levels then lie just outside the values that occur.
 ClipLevels FindClipLevels(const PixelGrid& values, std::int32_t offset, std::int32_t width,
                           std::int32_t height) {
-    // Each piece has counters of its own, so it must be large enough to be worth them.
-    constexpr std::int64_t pixelsPerPiece = 1 << 20;
-    constexpr std::int64_t mostPieces = 8;
-    const auto pieces = static_cast<std::int32_t>(
-        std::clamp(std::int64_t{width} * height / pixelsPerPiece, std::int64_t{1}, mostPieces));
-    std::vector<SampleCounts> counts(static_cast<std::size_t>(pieces));
-    const std::int32_t rows = (height + step - 1) / step;
-    ParallelFor(pieces, [&](int piece) {
-        const std::int32_t end = rows * (piece + 1) / pieces;
-        for (std::int32_t row = rows * piece / pieces; row < end; ++row) {
-            values.VisitRow(row * step, [&](auto pixels) {
-                counts[static_cast<std::size_t>(piece)].Add(pixels, offset, width);
-            });
-        }
-    });
-    SampleCounts& all = counts.front();
-    for (std::size_t piece = 1; piece < counts.size(); ++piece) all.Add(counts[piece]);
-
-    const std::int32_t clipped = RoundToNearestInt32(all.Samples / 500.0);
-    ClipLevels levels{all.Minimum() - 1, all.Maximum() + 1};
-    for (std::int32_t sum = 0; sum < clipped;) {
-        sum += all.Counts[static_cast<std::size_t>(++levels.Low)];
+    const std::vector<std::uint32_t> counts = CountHeldValues(values, offset, width, height);
+    const auto occurs = [](std::uint32_t count) { return count != 0; };
+    const auto least = std::find_if(counts.begin(), counts.end(), occurs) - counts.begin();
+    const auto most = counts.rend() - std::find_if(counts.rbegin(), counts.rend(), occurs) - 1;
+    const std::int64_t samples =
+        (std::int64_t{width} + step - 1) / step * ((std::int64_t{height} + step - 1) / step);
+    const std::int64_t clipped = RoundToNearestInt32(static_cast<double>(samples) / 500.0);
+    ClipLevels levels{static_cast<std::int32_t>(least) - 1, static_cast<std::int32_t>(most) + 1};
+    for (std::int64_t sum = 0; sum < clipped;) {
+        sum += counts[static_cast<std::size_t>(++levels.Low)];
     }
-    for (std::int32_t sum = 0; sum < clipped;) {
-        sum += all.Counts[static_cast<std::size_t>(--levels.High)];
+    for (std::int64_t sum = 0; sum < clipped;) {
+        sum += counts[static_cast<std::size_t>(--levels.High)];
     }
     return levels;
+}
+
+/// How many columns of blocks one piece of work estimates: the more, the less often columns of
+/// samples are counted for two pieces, but the farther the percentiles of a row spread. Every
+/// processor gets as many pieces.
+std::int32_t ColumnsOfStrip(std::int32_t columns) {
+    constexpr std::int32_t narrowStrips = 14;
+    const std::int32_t wanted = columns < 2 * narrowStrips * BoxPercentileColumns
+                                    ? BoxPercentileColumns
+                                    : 2 * BoxPercentileColumns;
+    const std::int32_t threads = ParallelThreads();
+    const std::int32_t pieces = std::max(columns / (wanted * threads), 1) * threads;
+    return std::clamp((columns + pieces - 1) / pieces, 1, wanted + BoxPercentileColumns / 2);
 }
 
 /// One column of boxes sliding down the image.
@@ -237,11 +220,20 @@ BackgroundBlocks EstimateBackgroundBlocks(const PixelGrid& values, std::int32_t 
                                  clip.High,
                                  HeldValue(clip.Low),
                                  HeldValue(clip.High)};
-        constexpr std::int32_t columns = BoxPercentileColumns;
+        const std::int32_t columns = ColumnsOfStrip(blocks.Columns);
         const auto estimateStrip = [&](int piece) {
             const std::int32_t first = piece * columns;
-            BoxPercentiles(samples, halfSize, percentile, first,
-                           std::min(first + columns, blocks.Columns), blocks.Rows, blocks.Values);
+            const std::int32_t end = std::min(first + columns, blocks.Columns);
+            if (columns > BoxPercentileColumns &&
+                NearPercentiles(samples, halfSize, percentile, first, end, blocks.Rows,
+                                blocks.Values)) {
+                return;
+            }
+            for (std::int32_t part = first; part < end; part += BoxPercentileColumns) {
+                BoxPercentiles(samples, halfSize, percentile, part,
+                               std::min(part + BoxPercentileColumns, end), blocks.Rows,
+                               blocks.Values);
+            }
         };
         ParallelFor((blocks.Columns + columns - 1) / columns, estimateStrip, progress);
         return blocks;
@@ -266,149 +258,6 @@ void EstimateBackground(PixelGrid& values, std::int32_t width, std::int32_t heig
     Grid<std::int32_t>& map = values.Wide();
     for (std::int32_t y = 0; y < height; ++y) {
         for (std::int32_t x = 0; x < width; ++x) map(x, y) = blocks.At(x, y);
-    }
-}
-
-namespace {
-
-/// Subtracts the background of a row and clamps the result to `least`..`most`. Written so that the
-/// compiler vectorises it.
-VESTREL_KERNEL void SubtractRow(std::int32_t* __restrict row, const std::int32_t* __restrict sky,
-                                std::int32_t width, std::int32_t least, std::int32_t most) {
-    for (std::int32_t x = 0; x < width; ++x) {
-        const std::int32_t value = row[x] - sky[x] + lift;
-        const std::int32_t notBelow = value < least ? least : value;
-        row[x] = notBelow > most ? most : notBelow;
-    }
-}
-VESTREL_FOR_AVX2 void SubtractRowForAvx2(std::int32_t* row, const std::int32_t* sky,
-                                         std::int32_t width, std::int32_t least,
-                                         std::int32_t most) {
-    SubtractRow(row, sky, width, least, most);
-}
-void SubtractRowPlainly(std::int32_t* row, const std::int32_t* sky, std::int32_t width,
-                        std::int32_t least, std::int32_t most) {
-    SubtractRow(row, sky, width, least, most);
-}
-
-/// The same in 16 bits. Each count falls or, where the sky is darker than the lift, rises; one of
-/// `fall` and `rise` is 0. A count that would leave 0..65535 stops at the bound.
-VESTREL_KERNEL void SubtractNarrowRow(std::uint16_t* __restrict row,
-                                      const std::uint16_t* __restrict fall,
-                                      const std::uint16_t* __restrict rise, std::int32_t width,
-                                      std::uint16_t offset) {
-    for (std::int32_t x = 0; x < width; ++x) {
-        const auto count = static_cast<std::uint16_t>(row[x] + offset);
-        const auto room = static_cast<std::uint16_t>(brightest - count);
-        const auto raised = static_cast<std::uint16_t>(count + (rise[x] < room ? rise[x] : room));
-        const auto left =
-            static_cast<std::uint16_t>(raised - (fall[x] < raised ? fall[x] : raised));
-        row[x] = static_cast<std::uint16_t>(left - offset);
-    }
-}
-VESTREL_FOR_AVX2 void SubtractNarrowRowForAvx2(std::uint16_t* row, const std::uint16_t* fall,
-                                               const std::uint16_t* rise, std::int32_t width,
-                                               std::uint16_t offset) {
-    SubtractNarrowRow(row, fall, rise, width, offset);
-}
-void SubtractNarrowRowPlainly(std::uint16_t* row, const std::uint16_t* fall,
-                              const std::uint16_t* rise, std::int32_t width, std::uint16_t offset) {
-    SubtractNarrowRow(row, fall, rise, width, offset);
-}
-
-/// What a row of blocks subtracts from the pixels of each column.
-class WideSky {
- public:
-    explicit WideSky(std::int32_t blocks) : sky_(static_cast<std::size_t>(blocks) * step) {}
-    void Set(std::span<const std::int32_t> blocks) {
-        std::int32_t* place = sky_.data();
-        for (const std::int32_t block : blocks) {
-            place[0] = place[1] = place[2] = block;
-            place += step;
-        }
-    }
-    void SubtractFrom(std::int32_t* row, std::int32_t offset, std::int32_t width) const {
-        // Stored and physical values differ only by the offset, so it just shifts the bounds.
-        (HasAvx2() ? SubtractRowForAvx2 : SubtractRowPlainly)(row, sky_.data(), width, -offset,
-                                                              brightest - offset);
-    }
-
- private:
-    std::vector<std::int32_t> sky_;
-};
-
-/// Sets `fall` and `rise` for the three columns of each block.
-VESTREL_KERNEL void SpreadChanges(const std::int32_t* __restrict blocks, std::size_t count,
-                                  std::uint16_t* __restrict fall, std::uint16_t* __restrict rise) {
-    for (std::size_t i = 0; i < count; ++i) {
-        const std::int32_t down = blocks[i] - lift;
-        const std::int32_t notBelow = down < -brightest ? -brightest : down;
-        const std::int32_t change = notBelow > brightest ? brightest : notBelow;
-        const auto falls = static_cast<std::uint16_t>(change < 0 ? 0 : change);
-        const auto rises = static_cast<std::uint16_t>(change < 0 ? -change : 0);
-        fall[3 * i] = fall[3 * i + 1] = fall[3 * i + 2] = falls;
-        rise[3 * i] = rise[3 * i + 1] = rise[3 * i + 2] = rises;
-    }
-}
-VESTREL_FOR_AVX2 void SpreadChangesForAvx2(const std::int32_t* blocks, std::size_t count,
-                                           std::uint16_t* fall, std::uint16_t* rise) {
-    SpreadChanges(blocks, count, fall, rise);
-}
-void SpreadChangesPlainly(const std::int32_t* blocks, std::size_t count, std::uint16_t* fall,
-                          std::uint16_t* rise) {
-    SpreadChanges(blocks, count, fall, rise);
-}
-
-/// The same for 16-bit cells.
-class NarrowSky {
- public:
-    explicit NarrowSky(std::int32_t blocks)
-        : fall_(static_cast<std::size_t>(blocks) * step), rise_(fall_.size()) {}
-    void Set(std::span<const std::int32_t> blocks) {
-        (HasAvx2() ? SpreadChangesForAvx2 : SpreadChangesPlainly)(blocks.data(), blocks.size(),
-                                                                  fall_.data(), rise_.data());
-    }
-    void SubtractFrom(std::uint16_t* row, std::int32_t offset, std::int32_t width) const {
-        (HasAvx2() ? SubtractNarrowRowForAvx2 : SubtractNarrowRowPlainly)(
-            row, fall_.data(), rise_.data(), width, static_cast<std::uint16_t>(offset));
-    }
-
- private:
-    std::vector<std::uint16_t> fall_;
-    std::vector<std::uint16_t> rise_;
-};
-
-template <typename Sky, typename Cell>
-void SubtractFromCells(Grid<Cell>& cells, std::int32_t offset, std::int32_t width,
-                       std::int32_t height, const BackgroundBlocks& background,
-                       const Progress& progress) {
-    constexpr std::int32_t rowsPerPiece = 63;  // whole blocks
-    const auto subtractPiece = [&](int piece) {
-        Sky sky(background.Columns);
-        const std::int32_t first = piece * rowsPerPiece;
-        const std::int32_t end = std::min(first + rowsPerPiece, height);
-        for (std::int32_t y = first; y < end; ++y) {
-            if (y == first || (y + 1) % step == 0) {
-                sky.Set(background.Values.Row((y + 1) / step)
-                            .first(static_cast<std::size_t>(background.Columns)));
-            }
-            sky.SubtractFrom(cells.Row(y).data(), offset, width);
-        }
-    };
-    ParallelFor((height + rowsPerPiece - 1) / rowsPerPiece, subtractPiece, progress);
-}
-
-}  // namespace
-
-void SubtractBackgroundBlocks(PixelGrid& pixels, std::int32_t offset, std::int32_t width,
-                              std::int32_t height, const BackgroundBlocks& background,
-                              const Progress& progress) {
-    if (width == 0) return;  // empty rows have no first pixel
-    if (pixels.IsNarrow() && pixels.Least() == -offset) {
-        SubtractFromCells<NarrowSky>(pixels.NarrowCells(), offset, width, height, background,
-                                     progress);
-    } else {
-        SubtractFromCells<WideSky>(pixels.Wide(), offset, width, height, background, progress);
     }
 }
 

@@ -33,19 +33,11 @@ constexpr bool HasBoxPercentiles(std::int32_t halfSize) {
 /// holds the rows 1, 4, 7, … up to `halfSize`; sliding down to the row centres 2, 5, 8, … removes
 /// row centre − halfSize, even if it was never added, and adds row centre + halfSize.
 ///
-/// Each column of samples has a histogram. Sliding down removes one sample from it and adds one;
-/// sliding right adds a column's histogram to that of the box and subtracts another, so the cost
-/// does not depend on the size of the box (Perreault & Hébert 2007, IEEE Trans. Image Process. 16,
-/// 2389). The histograms are trees of three levels. A node holds the running sums of its 16
-/// children, which can be added like counters, and one comparison of 16 numbers finds the child in
-/// which a sum is reached. Nodes of the box are updated only when a search reaches them. When
-/// values span more than 4096, a leaf stands for several values, and the few samples of the box in
-/// that leaf decide (`LeafSamples`). Because rows are removed that were never added, sums may fall
-/// from child to child. Each child therefore has an excess: the most by which a sum inside it can
-/// exceed the sum at its end. A child is searched when sum plus excess reaches the target.
-///
-/// On processors with AVX2 most strips need none of this, as their percentiles lie close together
-/// (`NearPercentiles`).
+/// Neighbouring columns of samples differ little for their boxes, so columns keep running sums,
+/// which a box adds as it slides to the right and subtracts again (Perreault & Hébert 2007, IEEE
+/// Trans. Image Process. 16, 2389): the cost depends on the size of the box little. They are sums
+/// up to neighbouring values (`NearPercentiles`) where the percentiles of a strip lie close
+/// together, as in a sky, else up to ranks of the strip's samples (`RankPercentiles`).
 ///
 /// @param rows number of rows of blocks
 /// @param blocks indexed by the column and row of the block
@@ -53,8 +45,8 @@ void BoxPercentiles(const BoxSamples& samples, std::int32_t halfSize, double per
                     std::int32_t first, std::int32_t end, std::int32_t rows,
                     Grid<std::int32_t>& blocks);
 
-/// How many columns of blocks to process in one call: their histograms take up to 730 KB, which the
-/// cache of a processor holds.
+/// How many columns of blocks to process in one call, at most: their columns of samples must have
+/// numbers below 127 (`RankPercentiles`), and what is kept of them fit a processor's cache.
 inline constexpr std::int32_t BoxPercentileColumns = 64;
 
 }  // namespace vestrel

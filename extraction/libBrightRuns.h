@@ -54,6 +54,7 @@ class BrightRuns {
 
  private:
     static constexpr std::int32_t columnsPerPiece = 512;
+    static_assert(columnsPerPiece % PixelGrid::PartLength == 0);
 
     struct Piece {
         std::vector<BrightRun> Runs;
@@ -65,9 +66,19 @@ class BrightRuns {
     static Piece FindPiece(const PixelGrid& pixels, std::int32_t firstColumn, std::int32_t columns,
                            std::int32_t height, std::int32_t level);
     std::span<BrightRun> RunsOf(std::int32_t x);
-    void Fill(std::int32_t x, BrightRun& run, std::int32_t label, std::int32_t depth);
-    void FillTouching(std::int32_t x, std::int32_t top, std::int32_t bottom, std::int32_t label,
-                      std::int32_t depth);
+    static std::int32_t Top(const BrightRun& run);
+    /// The runs of the columns beside a run, from the first ones on that may touch it.
+    struct Neighbours {
+        std::span<BrightRun> Left;
+        std::span<BrightRun> Right;
+
+        void MoveDownTo(std::int32_t top);
+    };
+    Neighbours NeighboursOf(std::int32_t x, const BrightRun& run);
+    void Fill(std::int32_t x, BrightRun& run, std::int32_t label, std::int32_t depth,
+              const Neighbours& neighbours);
+    void FillTouching(std::int32_t x, std::span<BrightRun> runs, std::int32_t bottom,
+                      std::int32_t label, std::int32_t depth);
 
     std::int32_t width_;
     std::int32_t height_;

@@ -7,100 +7,63 @@
 
 #include "astro/libMath.h"
 #include "astro/libProcessor.h"
-#include "extraction/libHistogramTree.h"
+#include "extraction/libSampleLanes.h"
 #include "extraction/libSlidingRows.h"
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 
 namespace vestrel {
 
 namespace {
 
 constexpr std::int32_t step = 3;
-constexpr std::int32_t lanes = 64;
-constexpr std::int8_t noLane = 127;  ///< outside of the image
+constexpr std::int32_t parts = 2;
+constexpr std::int32_t lanes = 32 * parts;
+constexpr std::int8_t noLane = 127;  ///< counted by no lane: outside of the image, or no sample
 
-// Vectors of the compiler. They are loaded and stored by `__builtin_memcpy`, as a lane number may
-// stand anywhere.
 using Bytes [[gnu::vector_size(32)]] = std::int8_t;
-using Numbers [[gnu::vector_size(32)]] = std::int32_t;
-using Words [[gnu::vector_size(16)]] = std::uint16_t;
+using Sixteen [[gnu::vector_size(32)]] = std::int16_t;
 
-/// Eight cells.
-template <typename Cell>
-struct Eight;
-template <>
-struct Eight<std::int32_t> {
-    using Vector = Numbers;
-};
-template <>
-struct Eight<std::uint16_t> {
-    using Vector = Words;
-};
-
-/// The running sums of a column of samples, at most 127 in size. Lanes 0 and 16 stand side by side,
-/// then 1 and 17, and so on; 32 and 48 begin the second part.
+/// The running sums of a column of samples, at most 127 in size: 32 lanes in each part.
 struct alignas(32) ColumnSums {
-    Bytes Of[2];
+    Bytes Of[parts];
 };
-/// Those of a box.
+/// Those of a box: of each part's even bytes, then of its odd ones.
 struct alignas(32) BoxSums {
-    Sixteen Of[4];
+    Sixteen Of[2 * parts];
 };
 
-/// Stores eight numbers that fit bytes.
-VESTREL_KERNEL void StoreAsBytes(const Numbers& numbers, std::int8_t* out) {
-#if defined(__SSE2__)
-    const auto* halves = reinterpret_cast<const __m128i*>(&numbers);
-    const __m128i words = _mm_packs_epi32(halves[0], halves[1]);
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packs_epi16(words, words));
-#else
-    for (int i = 0; i < 8; ++i) out[i] = static_cast<std::int8_t>(numbers[i]);
-#endif
-}
-VESTREL_KERNEL void StoreAsBytes(const Words& words, std::int8_t* out) {
-#if defined(__SSE2__)
-    const auto numbers = reinterpret_cast<__m128i>(words);
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(numbers, numbers));
-#else
-    for (int i = 0; i < 8; ++i) out[i] = static_cast<std::int8_t>(words[i]);
-#endif
+/// Which lane a byte of a column's sums holds. Widened to 16 bits, even bytes and odd bytes become
+/// a vector each; the two are compared and packed again, which restores the order of the lanes.
+constexpr std::int32_t LaneOfByte(std::int32_t byte) {
+    const std::int32_t half = byte / 16 * 16;
+    return half + byte % 2 * 8 + byte % 16 / 2;
 }
 
-/// Finds the lanes of `count` samples, every third pixel of a row: their values clamped to
-/// `least`..`most`, which is all within `lanes` of `base`, less `base`.
-template <typename Cell>
-VESTREL_KERNEL void TakeLanes(PixelRow<Cell> pixels, std::int32_t base, std::int32_t least,
-                              std::int32_t most, std::int32_t count, std::int8_t* out) {
-    using Vector = typename Eight<Cell>::Vector;
-    using Row = PixelRow<Cell>;
-    std::int32_t i = 0;
-    if (least - pixels.Least <= Row::MostRank && most - pixels.Least >= Row::LeastRank) {
-        const auto low = static_cast<Cell>(std::max(least - pixels.Least, Row::LeastRank));
-        const auto high = static_cast<Cell>(std::min(most - pixels.Least, Row::MostRank));
-        const auto toRank = static_cast<Cell>(pixels.Least);
-        const auto toLane = static_cast<Cell>(base - pixels.Least);
-        // Eight samples lie in 24 pixels: of these every third is kept.
-        for (; i + 8 < count; i += 8) {
-            const Cell* cells = pixels.Cells + step * i;
-            Vector first;
-            Vector second;
-            Vector third;
-            __builtin_memcpy(&first, cells, sizeof first);
-            __builtin_memcpy(&second, cells + 8, sizeof second);
-            __builtin_memcpy(&third, cells + 16, sizeof third);
-            const Vector both = __builtin_shufflevector(first, second, 0, 9, 2, 3, 12, 5, 6, 15);
-            const Vector all = __builtin_shufflevector(both, third, 0, 1, 10, 3, 4, 13, 6, 7);
-            const Vector cell = __builtin_shufflevector(all, all, 0, 3, 6, 1, 4, 7, 2, 5);
-            const Vector rank = cell - toRank;
-            const Vector notBelow = rank < low ? Vector{} + low : rank;
-            StoreAsBytes((notBelow > high ? Vector{} + high : notBelow) - toLane, out + i);
-        }
+/// Which of 32 running sums exceed a limit, as bits.
+VESTREL_FOR_AVX2 VESTREL_KERNEL std::uint32_t LanesAbove(const Sixteen& even, const Sixteen& odd,
+                                                         const Sixteen& limit) {
+#if defined(__x86_64__)
+    const auto evenAbove = reinterpret_cast<__m256i>(even > limit);
+    const auto oddAbove = reinterpret_cast<__m256i>(odd > limit);
+    return static_cast<std::uint32_t>(
+        _mm256_movemask_epi8(_mm256_packs_epi16(evenAbove, oddAbove)));
+#else
+    std::uint32_t above = 0;
+    for (std::int32_t i = 0; i < 16; ++i) {
+        above |= even[i] > limit[i] ? 1U << LaneOfByte(2 * i) : 0U;
+        above |= odd[i] > limit[i] ? 1U << LaneOfByte(2 * i + 1) : 0U;
     }
-    for (; i < count; ++i) {
-        out[i] = static_cast<std::int8_t>(std::clamp(pixels[i * step], least, most) - base);
-    }
+    return above;
+#endif
 }
 
 class NearStrip {
+    /// A limit that every sum exceeds; the box is then counted on its own.
+    static constexpr std::int16_t noTarget = -16'000;
+
  public:
     NearStrip(const BoxSamples& samples, std::int32_t halfSize, double percentile,
               std::int32_t first, std::int32_t end)
@@ -116,32 +79,35 @@ class NearStrip {
           endSample_(std::min(end + reach_, (samples.Width + step - 1) / step)),
           lanes_(static_cast<std::size_t>(4 * reach_ + 1) * static_cast<std::size_t>(width_),
                  noLane),
+          none_(static_cast<std::size_t>(width_), noLane),
           columns_(static_cast<std::size_t>(width_) + 1),
-          targets_(static_cast<std::size_t>(end - first)),
-          bounds_(targets_.size()),
+          lowest_(static_cast<std::size_t>(end - first)),
+          limits_(lowest_.size()),
+          bounds_(limits_.size()),
           single_(samples, rows_) {
-        for (std::int32_t lane = 0; lane < lanes; ++lane) {
-            limits_.Of[lane / 32][lane % 16 * 2 + lane / 16 % 2] =
-                static_cast<std::int8_t>(lane + 1);
+        for (std::int32_t byte = 0; byte < lanes; ++byte) {
+            countedBelow_.Of[byte / 32][byte % 32] =
+                static_cast<std::int8_t>(byte / 32 * 32 + LaneOfByte(byte % 32) + 1);
         }
     }
 
-    VESTREL_KERNEL bool Run(std::int32_t rows, Grid<std::int32_t>& blocks) {
+    VESTREL_FOR_AVX2 bool Run(std::int32_t rows, Grid<std::int32_t>& blocks) {
         for (k_ = 0; k_ < rows; ++k_) {
             values_ = blocks.Row(k_).data() + first_;
-            SetTargets();
-            bool isNew = k_ == 0;
-            if (isNew) {
-                window_ = ChosenWindow();
-            } else {
-                MoveDown();
-            }
-            do {
-                if (isNew) CountAll();
+            SetLimits();
+            RowsToMove moved{none_.data(), none_.data()};
+            if (k_ > 0) {
+                moved = TakeNextRow();
                 SetBounds();
-                FindRow();
-                isNew = TakeOtherWindow();
-            } while (isNew);
+                MoveAndFind(moved);
+            } else {
+                window_ = ChosenWindow();
+            }
+            if (k_ == 0 || TakeOtherWindow()) {
+                CountAll();
+                SetBounds();
+                MoveAndFind({none_.data(), none_.data()});
+            }
             for (const std::int32_t column : unsure_) FindSingle(column);
             // Every block that is found saves some of what the search may cost.
             constexpr std::int64_t saved = 250;
@@ -161,8 +127,6 @@ class NearStrip {
     std::int32_t OwedPlace(std::int32_t j) const { return 3 * reach_ + j; }
     std::ptrdiff_t At(std::int32_t place) const { return std::ptrdiff_t{place} * width_; }
     std::int8_t* Lanes(std::int32_t place) { return lanes_.data() + At(place); }
-    /// The sums of a column of samples; those before the first one are 0.
-    ColumnSums* Sums(std::int32_t column) { return columns_.data() + (column - start_ + 1); }
 
     /// Finds the lanes of the samples in row y of the image: the first one whose sum counts them,
     /// `lanes` when none does.
@@ -183,14 +147,15 @@ class NearStrip {
             ExpectPixels(pixels, firstSample_ * step, endSample_ * step);
         });
     }
+    /// Adds the samples of a row to the sums of their columns, or removes them.
     template <int Sign>
-    VESTREL_KERNEL void CountRow(std::int32_t place) {
+    VESTREL_FOR_AVX2 VESTREL_KERNEL void CountRow(std::int32_t place) {
         const std::int8_t* row = Lanes(place);
-        ColumnSums* sums = Sums(start_);
+        ColumnSums* sums = columns_.data() + 1;
         for (std::int32_t i = 0; i < width_; ++i) {
-            for (int part = 0; part < 2; ++part) {
+            for (int part = 0; part < parts; ++part) {
                 // A comparison that holds is −1.
-                const Bytes counted = limits_.Of[part] > row[i];
+                const Bytes counted = countedBelow_.Of[part] > row[i];
                 if constexpr (Sign > 0) {
                     sums[i].Of[part] -= counted;
                 } else {
@@ -199,42 +164,32 @@ class NearStrip {
             }
         }
     }
-    VESTREL_KERNEL void ExchangeRows(const std::int8_t* out, const std::int8_t* in) {
-        ColumnSums* sums = Sums(start_);
-        const ColumnSums limits = limits_;
-        for (std::int32_t i = 0; i < width_; ++i) {
-            for (int part = 0; part < 2; ++part) {
-                sums[i].Of[part] += (limits.Of[part] > out[i]) - (limits.Of[part] > in[i]);
-            }
-        }
-    }
 
-    /// Moves the boxes from the block row before to this one.
-    VESTREL_KERNEL void MoveDown() {
+    /// The lanes of the row that leaves the boxes and of the one that enters them.
+    struct RowsToMove {
+        const std::int8_t* Out;
+        const std::int8_t* In;
+    };
+    /// Takes the row that enters when the boxes move from the block row before to this one.
+    VESTREL_KERNEL RowsToMove TakeNextRow() {
         const std::int32_t entering = k_ - 1 + reach_;
         const std::int32_t leaving = k_ - 1 - reach_;
-        const bool enters = entering < samples_.Height / step;
+        RowsToMove moved{none_.data(), none_.data()};
         const std::int32_t in = SlidingPlace(entering);  // also that of the row that leaves
-        std::int32_t out = leaving >= reach_ ? in : OwedPlace(leaving);
-        if (enters && out == in) {
-            out = 4 * reach_;
-            std::copy_n(Lanes(in), width_, Lanes(out));
+        if (leaving >= 0) moved.Out = Lanes(leaving >= reach_ ? in : OwedPlace(leaving));
+        if (entering >= samples_.Height / step) return moved;
+        if (leaving >= reach_) {
+            moved.Out = Lanes(4 * reach_);
+            std::copy_n(Lanes(in), width_, Lanes(4 * reach_));
         }
-        if (enters) {
-            TakeRow(rows_.Row(entering), in);
-            ExpectRow(rows_.Row(entering + 1));
-        }
-        if (enters && leaving >= 0) {
-            ExchangeRows(Lanes(out), Lanes(in));
-        } else if (enters) {
-            CountRow<1>(in);
-        } else if (leaving >= 0) {
-            CountRow<-1>(out);
-        }
+        TakeRow(rows_.Row(entering), in);
+        moved.In = Lanes(in);
+        ExpectRow(rows_.Row(entering + 1));
+        return moved;
     }
 
     /// Counts all rows of the boxes anew, after the window has changed.
-    VESTREL_KERNEL void CountAll() {
+    VESTREL_FOR_AVX2 VESTREL_KERNEL void CountAll() {
         std::fill(columns_.begin(), columns_.end(), ColumnSums{});
         // Owed rows are needed already while they are not.
         for (std::int32_t j = 0; j < rows_.OwedRows(); ++j) TakeRow(rows_.Row(j), OwedPlace(j));
@@ -277,23 +232,25 @@ class NearStrip {
         }
     }
 
-    /// Sets the sums to look for, which depend on the number of rows in the boxes.
-    void SetTargets() {
+    /// What the percentiles' sums must exceed: their targets, which depend on the number of rows in
+    /// the boxes, less 1.
+    void SetLimits() {
         const std::int32_t count = rows_.Count(k_);
-        if (count == targetsFor_) return;
-        targetsFor_ = count;
+        if (count == limitsFor_) return;
+        limitsFor_ = count;
         for (std::int32_t column = 0; column < end_ - first_; ++column) {
             const std::int32_t columns = std::min(first_ + column + reach_ + 1, endSample_) -
                                          std::max(first_ + column - reach_, firstSample_);
-            targets_[static_cast<std::size_t>(column)] =
-                RoundToNearestInt32(count * columns * percentile_ / 100);
+            const std::int32_t target = RoundToNearestInt32(count * columns * percentile_ / 100);
+            limits_[static_cast<std::size_t>(column)] =
+                target > 0 ? static_cast<std::int16_t>(target - 1) : noTarget;
         }
     }
     void FindSingle(std::int32_t column) {
         constexpr std::int64_t instructions = 12'000;
         spent_ += instructions;
         values_[column] =
-            single_.Find(first_ + column, k_, targets_[static_cast<std::size_t>(column)]);
+            single_.Find(first_ + column, k_, limits_[static_cast<std::size_t>(column)] + 1);
     }
 
     /// Chooses a window about the percentiles of the row, some of which may be missing.
@@ -334,32 +291,56 @@ class NearStrip {
         return true;
     }
 
-    /// Finds the percentiles of the row; `unsure_` takes the columns for which that failed.
-    VESTREL_KERNEL void FindRow() {
+    /// Moves the boxes down by a row and finds their percentiles; `unsure_` takes the columns for
+    /// which that failed.
+    VESTREL_FOR_AVX2 VESTREL_KERNEL void MoveAndFind(RowsToMove moved) {
         unsure_.clear();
         BoxSums box{};
-        const ColumnSums* come = Sums(start_);
-        for (std::int32_t i = 0; i < 2 * reach_; ++i, ++come) Slide(box, *come, {});
-        const ColumnSums* gone = Sums(start_) - 1;
-        for (std::int32_t column = 0; column < end_ - first_; ++column, ++come, ++gone) {
-            Slide(box, *come, *gone);
-            const std::int32_t target = targets_[static_cast<std::size_t>(column)];
-            if (target <= 0) {
-                values_[column] = samples_.Low - 1;
-                continue;
-            }
-            const std::uint64_t reached = LanesAbove(box, target - 1);
-            const std::int32_t below = box.Of[0][0] + bounds_[static_cast<std::size_t>(column)];
-            if (reached != 0 && below < target) {
-                values_[column] = window_ + std::countr_zero(reached);
-            } else {
-                unsure_.push_back(column);
-            }
+        // What lies in this object would be read anew after each store.
+        const ColumnSums countedBelow = countedBelow_;
+        const std::int32_t window = window_;
+        const std::int32_t columns = end_ - first_;
+        std::int32_t* values = values_;
+        const std::int8_t* out = moved.Out;
+        const std::int8_t* in = moved.In;
+        ColumnSums* come = columns_.data() + 1;
+        for (const ColumnSums* end = come + 2 * reach_; come < end; ++come) {
+            Exchange(*come, countedBelow, *out++, *in++);
+            Slide(box, *come, {});
+        }
+        const ColumnSums* gone = columns_.data();
+        const std::int16_t* limits = limits_.data();
+        std::int16_t* lowest = lowest_.data();
+        for (std::int32_t i = 0; i < columns; ++i) {
+            Exchange(come[i], countedBelow, out[i], in[i]);
+            Slide(box, come[i], gone[i]);
+            values[i] = window + FirstLane(box, limits[i]);
+            lowest[i] = box.Of[0][0];
+        }
+        const std::int32_t* bounds = bounds_.data();
+        const auto isUnsure = [=](std::int32_t i) VESTREL_KERNEL_LAMBDA -> std::int32_t {
+            const bool maybeBelow = lowest[i] + bounds[i] > limits[i];
+            return static_cast<std::int32_t>(maybeBelow) |
+                   static_cast<std::int32_t>(values[i] == window + lanes);
+        };
+        std::int32_t anyUnsure = 0;
+        for (std::int32_t i = 0; i < columns; ++i) anyUnsure |= isUnsure(i);
+        if (anyUnsure == 0) return;
+        for (std::int32_t i = 0; i < columns; ++i) {
+            if (isUnsure(i) != 0) unsure_.push_back(i);
+        }
+    }
+    VESTREL_FOR_AVX2 VESTREL_KERNEL static void Exchange(ColumnSums& sums,
+                                                         const ColumnSums& countedBelow,
+                                                         std::int8_t out, std::int8_t in) {
+        for (int part = 0; part < parts; ++part) {
+            sums.Of[part] += (countedBelow.Of[part] > out) - (countedBelow.Of[part] > in);
         }
     }
     /// Moves the sums of a box to the right.
-    VESTREL_KERNEL static void Slide(BoxSums& box, const ColumnSums& come, const ColumnSums& gone) {
-        for (int part = 0; part < 2; ++part) {
+    VESTREL_FOR_AVX2 VESTREL_KERNEL static void Slide(BoxSums& box, const ColumnSums& come,
+                                                      const ColumnSums& gone) {
+        for (int part = 0; part < parts; ++part) {
             const Bytes change = come.Of[part] - gone.Of[part];
             // Each number of 16 bits consists of two lanes.
             const auto pairs = reinterpret_cast<Sixteen>(change);
@@ -367,13 +348,13 @@ class NearStrip {
             box.Of[2 * part + 1] += pairs >> 8;
         }
     }
-    VESTREL_KERNEL static std::uint64_t LanesAbove(const BoxSums& box, std::int32_t limit) {
-        std::uint64_t lanesAbove = 0;
-        for (int part = 0; part < 4; ++part) {
-            const std::uint64_t some = TrueLanes(box.Of[part] > static_cast<std::int16_t>(limit));
-            lanesAbove |= some << 16 * part;
-        }
-        return lanesAbove;
+    /// The first lane whose sum exceeds `limit`: `lanes` when none does.
+    VESTREL_FOR_AVX2 VESTREL_KERNEL static std::int32_t FirstLane(const BoxSums& box,
+                                                                  std::int16_t limit) {
+        const Sixteen limits = Sixteen{} + limit;
+        const std::uint32_t above = LanesAbove(box.Of[0], box.Of[1], limits);
+        const std::uint64_t more = LanesAbove(box.Of[2], box.Of[3], limits);
+        return std::countr_zero(more << 32 | above);
     }
 
     const BoxSamples& samples_;
@@ -387,13 +368,15 @@ class NearStrip {
     std::int32_t width_;
     std::int32_t firstSample_;
     std::int32_t endSample_;
-    std::vector<std::int8_t> lanes_;     ///< of the samples at each place, and of a row that leaves
-    std::vector<ColumnSums> columns_;    ///< before the first one is one of zeros
-    ColumnSums limits_{};                ///< a sample in a lane below this is counted
-    std::int32_t window_ = 0;            ///< lane i holds the running sum at this value + i
-    std::int32_t chosenAt_ = 0;          ///< row of blocks
-    std::vector<std::int32_t> targets_;  ///< the sum that each box's percentile must reach
-    std::int32_t targetsFor_ = -1;       ///< so many rows
+    std::vector<std::int8_t> lanes_;    ///< of the samples at each place, and of a row that leaves
+    std::vector<std::int8_t> none_;     ///< a row without samples
+    std::vector<ColumnSums> columns_;   ///< before the first one is one of zeros
+    ColumnSums countedBelow_{};         ///< each lane counts the samples in lanes below this
+    std::int32_t window_ = 0;           ///< lane i holds the running sum at this value + i
+    std::int32_t chosenAt_ = 0;         ///< row of blocks
+    std::vector<std::int16_t> lowest_;  ///< the sums of each box in lane 0
+    std::vector<std::int16_t> limits_;  ///< the sum that each box's percentile must exceed
+    std::int32_t limitsFor_ = -1;       ///< so many rows
     std::vector<std::int32_t> bounds_;
     bool boundsAreSet_ = false;
     std::vector<std::int32_t> falls_;
@@ -406,20 +389,14 @@ class NearStrip {
     std::int64_t spent_ = 0;  ///< instructions that no ordinary sky would take, about
 };
 
-VESTREL_FOR_AVX2 bool RunForAvx2(NearStrip& strip, std::int32_t rows, Grid<std::int32_t>& blocks) {
-    return strip.Run(rows, blocks);
-}
-bool RunPlainly(NearStrip& strip, std::int32_t rows, Grid<std::int32_t>& blocks) {
-    return strip.Run(rows, blocks);
-}
-
 }  // namespace
 
 bool NearPercentiles(const BoxSamples& samples, std::int32_t halfSize, double percentile,
                      std::int32_t first, std::int32_t end, std::int32_t rows,
                      Grid<std::int32_t>& blocks) {
-    NearStrip strip(samples, halfSize, percentile, first, end);
-    return (HasAvx2() ? RunForAvx2 : RunPlainly)(strip, rows, blocks);
+    const SlidingRows sliding{samples.Height, halfSize / step};
+    return HasAvx2() && BoxesAreAlike(samples, sliding, percentile, first, end, rows) &&
+           NearStrip(samples, halfSize, percentile, first, end).Run(rows, blocks);
 }
 
 }  // namespace vestrel

@@ -22,6 +22,8 @@ namespace vestrel {
 /// exceed the one at its start, by at most a bound that is known for each column of boxes. A box
 /// whose percentile may lie outside of the window is counted on its own.
 ///
+/// It needs processors with AVX2; in narrower vectors `RankPercentiles` is faster.
+///
 /// @return false, and blocks may be left undone, when the percentiles lie too far apart for this
 bool NearPercentiles(const BoxSamples& samples, std::int32_t halfSize, double percentile,
                      std::int32_t first, std::int32_t end, std::int32_t rows,

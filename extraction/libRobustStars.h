@@ -43,10 +43,6 @@ struct PeakSettings {
 std::vector<Peak> FindPeaks(const PlateImage& image, const PeakSettings& settings,
                             const Progress& progress = {});
 
-/// Whether far more pixels of an image lie far below its sky than far above: a negative, or
-/// something dark in front of the sky.
-bool MayBeNegative(const PlateImage& image);
-
 /// Keeps the peaks that look like stars: leaves out single hot pixels, peaks far more elongated or
 /// wider than the others, and rows and columns of peaks. A peak is compared with the others, not
 /// with an ideal star, because trailed or unfocused stars all look alike.

@@ -1,6 +1,9 @@
 #include "extraction/libSlidingRows.h"
 
 #include <array>
+#include <cstdlib>
+
+#include "astro/libMath.h"
 
 namespace vestrel {
 
@@ -122,10 +125,16 @@ SingleBox::SingleBox(const BoxSamples& samples, const SlidingRows& rows)
 
 void SingleBox::TakeRow(std::int32_t y, std::int32_t first, std::int32_t last,
                         std::vector<std::int32_t>& taken) {
+    if (last < first) return;
+    const std::size_t before = taken.size();
+    taken.resize(before + static_cast<std::size_t>(last - first + 1));
     samples_.Values.VisitRow(y, [&](auto pixels) {
+        std::int32_t* out = taken.data() + before;
+        const std::int32_t darkest = samples_.Darkest;
+        const std::int32_t brightest = samples_.Brightest;
         for (std::int32_t i = first; i <= last; ++i) {
             const std::int32_t value = pixels[std::ptrdiff_t{i} * step] + samples_.Offset;
-            taken.push_back(std::clamp(value, samples_.Darkest, samples_.Brightest) - samples_.Low);
+            *out++ = std::clamp(value, darkest, brightest) - samples_.Low;
         }
     });
 }
@@ -174,6 +183,28 @@ std::int32_t SingleBox::Find(std::int32_t column, std::int32_t k, std::int32_t t
         sum += addedIn_[range] - owedIn_[range];
     }
     return samples_.High;
+}
+
+bool BoxesAreAlike(const BoxSamples& samples, const SlidingRows& sliding, double percentile,
+                   std::int32_t first, std::int32_t end, std::int32_t rows) {
+    constexpr std::int32_t alikeAcross = 64;
+    constexpr std::int32_t alikeBelow = 16;
+    const std::int32_t sampleColumns = (samples.Width + step - 1) / step;
+    SingleBox single(samples, sliding);
+    const auto percentileAt = [&](std::int32_t column, std::int32_t k) {
+        const std::int32_t columns = std::min(column + sliding.Reach + 1, sampleColumns) -
+                                     std::max(column - sliding.Reach, 0);
+        return single.Find(column, k,
+                           RoundToNearestInt32(sliding.Count(k) * columns * percentile / 100));
+    };
+    for (const std::int32_t sixth : {1, 3, 5}) {
+        const std::int32_t k = rows * sixth / 6;
+        const std::int32_t here = percentileAt(first, k);
+        if (std::abs(here - percentileAt(end - 1, k)) > alikeAcross) return false;
+        const std::int32_t below = percentileAt(first, std::min(k + 1, rows - 1));
+        if (std::abs(here - below) > alikeBelow) return false;
+    }
+    return true;
 }
 
 }  // namespace vestrel

@@ -65,4 +65,11 @@ class SingleBox {
     std::vector<std::int32_t> owedIn_;
 };
 
+/// Whether boxes side by side, and one below the other, have percentiles that lie near each other:
+/// a guess from nine boxes among the block columns `first`..`end` − 1, which are counted one by
+/// one.
+/// @param rows of blocks
+bool BoxesAreAlike(const BoxSamples& samples, const SlidingRows& sliding, double percentile,
+                   std::int32_t first, std::int32_t end, std::int32_t rows);
+
 }  // namespace vestrel

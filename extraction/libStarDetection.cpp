@@ -1,14 +1,16 @@
 #include "extraction/libStarDetection.h"
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <limits>
+#include <mutex>
 #include <optional>
 #include <vector>
 
+#include "astro/libIntegerOrder.h"
 #include "astro/libMath.h"
 #include "extraction/libBrightRuns.h"
+#include "extraction/libValueCounts.h"
 
 namespace vestrel {
 
@@ -81,71 +83,29 @@ class SkySamples {
         return std::min(size - border, size);
     }
 
-    /// How often each value occurs, so that the image is read once for all sums.
-    struct ValueCounts {
-        static constexpr std::int64_t Range = 65536;
-        std::vector<std::uint32_t> Counts = std::vector<std::uint32_t>(Range, 0);
-        std::uint64_t Bits = 0;             ///< all values above this number's are without samples
-        std::vector<std::int64_t> Outside;  ///< values below 0, or `Range` and more
-
-        void Add(std::int64_t value) {
-            if (value < 0 || value >= Range) {
-                Outside.push_back(value);
-                return;
-            }
-            AddInside(static_cast<std::size_t>(value));
-        }
-        void AddInside(std::size_t value) {
-            ++Counts[value];
-            Bits |= value;
-        }
-        void Add(const ValueCounts& other) {
-            Bits |= other.Bits;
-            for (std::size_t value = 0; value < std::bit_ceil(other.Bits + 1); ++value) {
-                Counts[value] += other.Counts[value];
-            }
-            Outside.insert(Outside.end(), other.Outside.begin(), other.Outside.end());
-        }
-    };
-
-    template <typename Cell>
-    void CountRow(PixelRow<Cell> pixels, ValueCounts& counts) const {
-        if constexpr (PixelRow<Cell>::MostRank < ValueCounts::Range) {
-            // Where the ranks of cells are counts, none lies outside.
-            if (pixels.Least == -image_.DataOffset) {
-                for (std::int64_t x = firstX_; x <= lastX_; x += 3) {
-                    counts.AddInside(pixels.Rank(x));
-                }
-                return;
-            }
-        }
-        for (std::int64_t x = firstX_; x <= lastX_; x += 3) {
-            counts.Add(std::int64_t{pixels[x]} + image_.DataOffset);
-        }
-    }
-
+    /// Counts how often each value occurs, so that the image is read once for all sums.
     void CountValues() {
-        // Each piece has counters of its own, so it must be large enough to be worth them.
-        constexpr std::int64_t samplesPerPiece = 1 << 17;
-        constexpr std::int64_t mostPieces = 8;
-        if (lastX_ < firstX_ || lastY_ < firstY_) return;
-        const std::int64_t rows = (lastY_ - firstY_) / 3 + 1;
-        const std::int64_t samples = rows * ((lastX_ - firstX_) / 3 + 1);
-        counts_.resize(static_cast<std::size_t>(
-            std::clamp(samples / samplesPerPiece, std::int64_t{1}, mostPieces)));
-        const auto pieces = static_cast<std::int64_t>(counts_.size());
-        ParallelFor(static_cast<int>(pieces), [&](int piece) {
-            ValueCounts& counts = counts_[static_cast<std::size_t>(piece)];
-            const std::int64_t end = rows * (piece + 1) / pieces;
-            for (std::int64_t row = rows * piece / pieces; row < end; ++row) {
-                const auto y = static_cast<std::int32_t>(firstY_ + 3 * row);
-                image_.Pixels.VisitRow(y, [&](auto pixels) { CountRow(pixels, counts); });
-            }
-        });
-        for (std::size_t piece = 1; piece < counts_.size(); ++piece) {
-            counts_.front().Add(counts_[piece]);
+        constexpr std::int64_t values = 65536;
+        const PixelGrid& pixels = image_.Pixels;
+        const SampleRange range{firstX_, lastX_, firstY_, lastY_};
+        if (pixels.IsNarrow() && pixels.Least() == -image_.DataOffset) {
+            counts_ = CountRanks(pixels, range);
+            return;
         }
-        counts_.resize(1);
+        std::mutex outsideLock;
+        counts_ = CountByRows(range, values, [&](std::int32_t y, std::uint32_t* counts) {
+            pixels.VisitRow(y, [&](auto row) {
+                for (std::int64_t x = firstX_; x <= lastX_; x += 3) {
+                    const std::int64_t value = std::int64_t{row[x]} + image_.DataOffset;
+                    if (value >= 0 && value < values) {
+                        ++counts[value];
+                    } else {
+                        const std::lock_guard lock(outsideLock);
+                        outside_.push_back(value);
+                    }
+                }
+            });
+        });
     }
 
     /// The sums as whole numbers. Below 2^53 every order of adding gives the same 64-bit float, so
@@ -153,8 +113,6 @@ class SkySamples {
     std::optional<Sums> ExactSums(double limit) const {
         constexpr std::uint64_t exactLimit = std::uint64_t{1} << 53;
         constexpr std::int64_t largestValue = 1 << 20;
-        if (counts_.empty()) return Sums{};
-        const ValueCounts& counts = counts_.front();
         // Samples are whole numbers, so the limit can be rounded down.
         const std::int64_t whole =
             limit < static_cast<double>(largestValue)
@@ -169,11 +127,11 @@ class SkySamples {
             squares += static_cast<std::uint64_t>(times * value * value);
         };
         // No more than 2^31 samples of 2^16 have squares of less than 2^63.
-        const auto end = static_cast<std::int64_t>(std::bit_ceil(counts.Bits + 1));
-        for (std::int64_t value = 0; value < std::min(whole + 1, end); ++value) {
-            add(value, counts.Counts[static_cast<std::size_t>(value)]);
+        const auto end = std::min(whole + 1, static_cast<std::int64_t>(counts_.size()));
+        for (std::int64_t value = 0; value < end; ++value) {
+            add(value, counts_[static_cast<std::size_t>(value)]);
         }
-        for (const std::int64_t value : counts.Outside) {
+        for (const std::int64_t value : outside_) {
             if (value > largestValue || value < -largestValue) return std::nullopt;
             if (value <= whole) add(value, 1);
             if (squares >= exactLimit) return std::nullopt;
@@ -204,7 +162,8 @@ class SkySamples {
     std::int64_t firstY_;
     std::int64_t lastX_;
     std::int64_t lastY_;
-    std::vector<ValueCounts> counts_;  ///< one, when there are samples
+    std::vector<std::uint32_t> counts_;  ///< of each value from 0 on
+    std::vector<std::int64_t> outside_;  ///< values that are not counted there
 };
 
 // ---- Detection ---------------------------------------------------------------------------------
@@ -295,20 +254,18 @@ void RejectAtEdges(std::vector<Region>& regions, const PlateImage& image, Border
 /// The regions of at least `fewest` pixels, the largest ones first. The order of equal ones depends
 /// on all that are sorted, so those that are no candidates take part: they count as one pixel.
 std::vector<Region> SortedByPixelCount(const Candidates& candidates, std::int32_t fewest) {
-    const auto pixelsOf = [&](std::int32_t region) {
-        const std::int32_t place = candidates.Place[static_cast<std::size_t>(region)];
-        return place == 0 ? 1
-                          : static_cast<std::int32_t>(
-                                candidates.Regions[static_cast<std::size_t>(place)].PixelCount);
-    };
-    const auto count = static_cast<std::int32_t>(candidates.Place.size()) - 1;
-    const std::vector<std::int32_t> order = CombSortedOrder(count, pixelsOf);
+    std::vector<std::int32_t> pixels = candidates.Place;
+    for (std::int32_t& place : pixels) {
+        place = place == 0 ? 1
+                           : static_cast<std::int32_t>(
+                                 candidates.Regions[static_cast<std::size_t>(place)].PixelCount);
+    }
+    const std::vector<std::int32_t> order = CombSortedIntegers(pixels);
     std::vector<Region> sorted(1);
-    for (std::int32_t i = count; i >= 1; --i) {
-        const std::int32_t region = order[static_cast<std::size_t>(i)];
-        if (pixelsOf(region) < fewest) break;
-        const std::int32_t place = candidates.Place[static_cast<std::size_t>(region)];
-        sorted.push_back(candidates.Regions[static_cast<std::size_t>(place)]);
+    for (std::size_t i = order.size() - 1; i >= 1; --i) {
+        const auto region = static_cast<std::size_t>(order[i]);
+        if (pixels[region] < fewest) break;
+        sorted.push_back(candidates.Regions[static_cast<std::size_t>(candidates.Place[region])]);
     }
     return sorted;
 }

@@ -34,6 +34,7 @@ bool PixelGrid::Fits(std::span<const std::int32_t> values) const {
 
 void PixelGrid::Store(std::int32_t x, std::int32_t y, std::span<const std::int32_t> values) {
     assert(Fits(values));
+    ForgetGreatest();
     if (!IsNarrow()) {
         std::copy(values.begin(), values.end(), &wide_(x, y));
         return;

@@ -95,6 +95,7 @@ class PixelGrid {
     /// The 32-bit cells, which replace 16-bit ones when there are such.
     /// @param rows the rows from this one on hold only zeros
     Grid<std::int32_t>& Wide(std::int32_t rows = std::numeric_limits<std::int32_t>::max()) {
+        ForgetGreatest();
         if (IsNarrow()) Widen(rows);
         return wide_;
     }
@@ -105,19 +106,39 @@ class PixelGrid {
     /// The 16-bit cells; only when there are such.
     Grid<std::uint16_t>& NarrowCells() {
         assert(IsNarrow());
+        ForgetGreatest();
         return narrow_;
+    }
+    PixelRow<std::uint16_t> NarrowRow(std::int32_t y) const {
+        assert(IsNarrow());
+        return {narrow_.Row(y).data(), least_};
     }
     /// Whether all these values fit the present cells.
     bool Fits(std::span<const std::int32_t> values) const;
     /// Stores values, which must fit, from column `x` of row `y` on.
     void Store(std::int32_t x, std::int32_t y, std::span<const std::int32_t> values);
 
+    /// Notes the greatest rank in each `PartLength` pixels of each row, the spare column left out:
+    /// who has just written all 16-bit cells knows it. It is kept until cells are written again.
+    /// @param greatest at (x / PartLength, y)
+    void NoteGreatest(Grid<std::uint16_t> greatest) { greatest_ = std::move(greatest); }
+    /// What was noted of row y; nullptr when nothing is.
+    const std::uint16_t* GreatestOfRow(std::int32_t y) const {
+        return greatest_.Empty() ? nullptr : greatest_.Row(y).data();
+    }
+    static constexpr std::int32_t PartLength = 64;
+
  private:
+    /// Several threads may write rows of cells of which nothing is noted.
+    void ForgetGreatest() {
+        if (!greatest_.Empty()) greatest_ = {};
+    }
     void Widen(std::int32_t rows);
 
     Grid<std::uint16_t> narrow_;  // one of both is empty
     Grid<std::int32_t> wide_;
     std::int32_t least_ = 0;
+    Grid<std::uint16_t> greatest_;
 };
 
 }  // namespace vestrel

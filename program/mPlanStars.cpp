@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "extraction/libMosaic.h"
+#include "extraction/libNegative.h"
 #include "extraction/libRobustStars.h"
 #include "program/mStopwatch.h"
 

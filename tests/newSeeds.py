@@ -14,6 +14,7 @@ import sys
 ORACLES = [("extractionTest", "Background.IsThePlainProcedures*", 3),
            ("extractionTest", "Background.IsThePlainProcedureUnder*", 8),
            ("extractionTest", "NearPercentiles.*", 13),
+           ("extractionTest", "RankPercentiles.*", 10),
            ("extractionTest", "GaussianFilter.IsThePlainProcedure*", 5),
            ("extractionTest", "ExtractStars.IsThePlainProcedure*", 5),
            ("matchingTest", "AlignImages.IsThePlainProcedure*", 1),

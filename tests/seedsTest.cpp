@@ -10,6 +10,7 @@
 #include <set>
 
 #include "astro/libMath.h"
+#include "extraction/libNegative.h"
 #include "extraction/libRobustStars.h"
 #include "matching/libCameraPlane.h"
 #include "matching/libSeededConfidence.h"
@@ -444,10 +445,16 @@ TEST(Peaks, OfANegativeAreThoseOfThePicture) {
             for (int x = 0; x < columns; ++x) image.Pixels.Wide()(x, y) = 700 - image.Pixels(x, y);
         }
     };
-    // Whether values lie close together or not, one of them makes no difference.
+    // One value far away makes no difference, nor do cells of 16 bits.
     const auto mayBeNegative = [&image] {
         const std::int32_t corner = image.Pixels(0, 0);
         const bool together = MayBeNegative(image);
+        PlateImage narrow = EmptyImage(columns, rows, 0);
+        narrow.Pixels = PixelGrid::Narrow(columns, rows, -9000);
+        for (int y = 0; y < rows; ++y) {
+            narrow.Pixels.Store(0, y, image.Pixels.Wide().Row(y).first(columns));
+        }
+        EXPECT_EQ(MayBeNegative(narrow), together);
         image.Pixels.Wide()(0, 0) = 100000;
         EXPECT_EQ(MayBeNegative(image), together);
         image.Pixels.Wide()(0, 0) = corner;

@@ -1,0 +1,12 @@
+// Pictures of a dark sky on white, as negatives of photographic plates are.
+#pragma once
+
+#include "image/libImage.h"
+
+namespace vestrel {
+
+/// Whether far more pixels of an image lie far below its sky than far above: a negative, or
+/// something dark in front of the sky.
+bool MayBeNegative(const PlateImage& image);
+
+}  // namespace vestrel
