@@ -51,12 +51,23 @@ struct QuadAttempt {
     /// Whether all bands are searched at the same time and to their ends, which is a waste where
     /// one of the first often gives the solution.
     bool BandsAtOnce = true;
+    /// Which quads of each band are looked up, brightest first, from 0: those from the first to
+    /// before the last.
+    std::int32_t FirstQuad = 0;
+    std::int32_t LastQuad = std::numeric_limits<std::int32_t>::max();
 };
-/// The extracted stars come first, as they are there already: to find the peaks takes longer than
-/// to look up the quads of both lists.
+/// The first 32 quads of their band solve two of three pictures that are solved, the first 128 five
+/// of six, so these are looked up in all bands before others. The extracted stars come first, as
+/// they are there already: to find the peaks takes longer than to look up the first quads of both
+/// lists.
 inline constexpr std::array QuadAttempts{
-    QuadAttempt{"quads", StarSource::Extracted, 10, 0, false, false},
-    QuadAttempt{"quads of peaks", StarSource::Peaks, 10, 0, false, false},
+    QuadAttempt{"quads", StarSource::Extracted, 10, 0, false, false, 0, 32},
+    QuadAttempt{"quads", StarSource::Extracted, 10, 0, false, false, 32, 128},
+    QuadAttempt{"quads", StarSource::Extracted, 10, 0, false, false, 128, 256},
+    QuadAttempt{"quads of peaks", StarSource::Peaks, 10, 0, false, false, 0, 32},
+    QuadAttempt{"quads of peaks", StarSource::Peaks, 10, 0, false, false, 32, 128},
+    QuadAttempt{"quads", StarSource::Extracted, 10, 0, false, true, 256},
+    QuadAttempt{"quads of peaks", StarSource::Peaks, 10, 0, false, true, 128},
     QuadAttempt{"quads of even peaks", StarSource::EvenPeaks, 10, 0},
     QuadAttempt{"more quads", StarSource::Extracted, 20, 10},
     QuadAttempt{"more quads of peaks", StarSource::Peaks, 20, 10},

@@ -31,18 +31,14 @@ bool WholeSkySearch::LookUpIn(const std::vector<QuadBand>& bands, const char* na
 
 bool WholeSkySearch::LookUpQuads(const QuadAttempt& attempt, const std::vector<QuadBand>& bands) {
     constexpr std::int32_t fewest = 5;
-    const PlateStarList& stars = lists_.Of(attempt.From);
     const bool twice = request_.Stars && attempt.From == StarSource::Extracted;
-    if (stars.Count() < fewest || twice) return false;
-    const ImageStars places(stars, state_.Image.Width, state_.Image.Height);
-    const SeededJudge judge(places);
-    const ImageQuads quads(stars, std::hypot(places.Width(), places.Height()),
-                           {attempt.FirstStars, attempt.LookedUp});
+    if (lists_.Of(attempt.From).Count() < fewest || twice) return false;
+    ListQuads& quads = QuadsOf(attempt);
     if (!attempt.BandsAtOnce) {
         return std::any_of(bands.begin(), bands.end(), [&](const QuadBand& band) {
             if (calls_.MustEnd()) return false;
             std::optional<BandLookup> lookup = Prepare(attempt, band, quads);
-            return lookup && SearchInTurn(*lookup, judge);
+            return lookup && SearchInTurn(*lookup, quads.Judge);
         });
     }
     std::vector<BandLookup> lookups;
@@ -50,10 +46,30 @@ bool WholeSkySearch::LookUpQuads(const QuadAttempt& attempt, const std::vector<Q
         if (auto lookup = Prepare(attempt, band, quads)) lookups.push_back(*std::move(lookup));
     }
     const StageTimer timer(state_.QuadMatch.Seconds);
-    LookUpTogether(lookups, places, calls_.MustEnd);
+    LookUpTogether(lookups, quads.Places, calls_.MustEnd);
     return std::any_of(lookups.begin(), lookups.end(), [&](const BandLookup& band) {
-        return !state_.StopRequested && JudgePlates(band, judge);
+        return !state_.StopRequested && JudgePlates(band, quads.Judge);
     });
+}
+
+WholeSkySearch::ListQuads::ListQuads(const PlateStarList& stars, const ProgramState& state,
+                                     const LeadingStars& leading)
+    : Places(stars, state.Image.Width, state.Image.Height),
+      Judge(Places),
+      Quads(stars, std::hypot(Places.Width(), Places.Height()), leading) {}
+
+const std::vector<ImageQuad>& WholeSkySearch::ListQuads::For(const QuadBand& band) {
+    const auto [found, isNew] = OfBands.try_emplace(band.SmallestDiagonal);
+    if (isNew) found->second = Quads.For(band);
+    return found->second;
+}
+
+WholeSkySearch::ListQuads& WholeSkySearch::QuadsOf(const QuadAttempt& attempt) {
+    const LeadingStars leading{attempt.FirstStars, attempt.LookedUp};
+    return quads_
+        .try_emplace({attempt.From, leading.First, leading.LookedUp}, lists_.Of(attempt.From),
+                     state_, leading)
+        .first->second;
 }
 
 /// The narrow band that ends where a narrow band begins, if there is one.
@@ -67,7 +83,7 @@ std::optional<QuadBand> WholeSkySearch::NextSmaller(const QuadBand& band) {
 
 /// The search of a band; nothing when there is no table for it.
 std::optional<BandLookup> WholeSkySearch::Prepare(const QuadAttempt& attempt, const QuadBand& band,
-                                                  const ImageQuads& quads) {
+                                                  ListQuads& quads) {
     const std::optional<QuadBand> table = attempt.InSmallerFields ? NextSmaller(band) : band;
     if (!table) return std::nullopt;
     QuadTablesOfBands::Opened* const opened = tables_.Open(state_, *table);
@@ -75,7 +91,17 @@ std::optional<BandLookup> WholeSkySearch::Prepare(const QuadAttempt& attempt, co
         fault_ = state_.Quads.Fault;
         return std::nullopt;
     }
-    return BandLookup{&opened->Tables, opened->Pool, band, quads.For(band), {}, {}, false};
+    const std::vector<ImageQuad>& all = quads.For(band);
+    const auto place = [&](std::int32_t number) {
+        return all.begin() + std::min<std::ptrdiff_t>(number, std::ssize(all));
+    };
+    return BandLookup{&opened->Tables,
+                      opened->Pool,
+                      band,
+                      {place(attempt.FirstQuad), place(attempt.LastQuad)},
+                      {},
+                      {},
+                      false};
 }
 
 /// Searches a band and judges each plate as it comes, so that the search ends with the right one.

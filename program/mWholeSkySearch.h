@@ -1,12 +1,17 @@
 // The part of a search plan that looks for an image in the whole sky, by its quads.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "matching/libBandLookups.h"
+#include "matching/libImageQuads.h"
 #include "matching/libSeededConfidence.h"
 #include "program/mPlanAttempts.h"
 #include "program/mPlanStars.h"
@@ -40,8 +45,20 @@ class WholeSkySearch {
     bool LookUpIn(const std::vector<QuadBand>& bands, const char* nameEnd);
     bool LookUpQuads(const QuadAttempt& attempt, const std::vector<QuadBand>& bands);
     std::optional<QuadBand> NextSmaller(const QuadBand& band);
+    /// What all attempts with the same leading stars of a list use.
+    struct ListQuads {
+        ListQuads(const PlateStarList& stars, const ProgramState& state,
+                  const LeadingStars& leading);
+        const std::vector<ImageQuad>& For(const QuadBand& band);
+
+        ImageStars Places;
+        SeededJudge Judge;
+        ImageQuads Quads;
+        std::map<double, std::vector<ImageQuad>> OfBands;  ///< by their smallest diagonals
+    };
+    ListQuads& QuadsOf(const QuadAttempt& attempt);
     std::optional<BandLookup> Prepare(const QuadAttempt& attempt, const QuadBand& band,
-                                      const ImageQuads& quads);
+                                      ListQuads& quads);
     bool SearchInTurn(BandLookup& band, const SeededJudge& judge);
     bool JudgePlates(const BandLookup& band, const SeededJudge& judge);
     bool TakePlate(const CentredPlate& plate, const SeededJudge& judge);
@@ -53,6 +70,8 @@ class WholeSkySearch {
     PlanStars& lists_;
     PlanCalls calls_;
     QuadTablesOfBands tables_;
+    /// By the source, and the first stars that lead quads without and with those looked up before.
+    std::map<std::tuple<StarSource, std::int32_t, std::int32_t>, ListQuads> quads_;
     std::string fault_;
     LookupCounts before_;  ///< of the bands that are searched to their ends
 };

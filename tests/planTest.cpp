@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numbers>
 #include <optional>
 #include <utility>
@@ -10,6 +11,7 @@
 
 #include "astro/libMath.h"
 #include "catalog/libCatalogRegion.h"
+#include "extraction/libNegative.h"
 #include "extraction/libRobustStars.h"
 #include "matching/libQuadFile.h"
 #include "program/mFailureCause.h"
@@ -435,6 +437,8 @@ TEST_F(PlanOfASmallSky, BandsOfOtherSizesAreSearchedWhenAllOfTheGivenSizeWereInV
         return Report.SolvedBy;
     };
     EXPECT_EQ(solve({}), "quads");
+    EXPECT_LE(State.QuadMatch.Searched, 64)
+        << "the first quads of a band come before the rest of the one before it";
     EXPECT_EQ(solve({diagonal}), "quads");
     ASSERT_EQ(Report.Attempts.size(), 1U);
     EXPECT_EQ(solve({0.2 * diagonal}), "quads of other sizes");
@@ -459,6 +463,24 @@ TEST_F(PlanOfASmallSky, BandsOfOtherSizesAreSearchedWhenAllOfTheGivenSizeWereInV
     State.Solution = {};
     EXPECT_NE(Solve(request), SolveCode::Solved);
     EXPECT_NE(State.Quads.Fault.find("is damaged"), std::string::npos) << State.Quads.Fault;
+}
+
+TEST(QuadAttempts, LookUpEveryQuadOfAListOnce) {
+    // Those of the same list and the same leading stars follow each other without a gap.
+    const auto isSame = [](const QuadAttempt& a, const QuadAttempt& b) {
+        return a.From == b.From && a.FirstStars == b.FirstStars && a.LookedUp == b.LookedUp &&
+               a.InSmallerFields == b.InSmallerFields;
+    };
+    for (const QuadAttempt& attempt : QuadAttempts) {
+        std::int32_t next = 0;
+        for (const QuadAttempt& other : QuadAttempts) {
+            if (!isSame(attempt, other)) continue;
+            EXPECT_EQ(other.FirstQuad, next) << other.Name;
+            EXPECT_STREQ(other.Name, attempt.Name);
+            next = other.LastQuad;
+        }
+        EXPECT_EQ(next, std::numeric_limits<std::int32_t>::max()) << attempt.Name;
+    }
 }
 
 TEST(QuadBands, ThoseOfTheSizeComeFirstAndElseTheLargest) {
