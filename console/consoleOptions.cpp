@@ -119,6 +119,9 @@ std::optional<ParsedOptions> ReadSearchInputs(const std::string& ra, const std::
     return std::nullopt;
 }
 
+constexpr const char* wcsTakesNoName =
+    "--wcs takes no name: the header goes beside the image, as IMAGE.wcs.";
+
 }  // namespace
 
 ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOptions& options,
@@ -196,9 +199,15 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
 
     std::vector<std::string> arguments(argv + 1, argv + argc);
     std::string negative = TakeNegativeParameterString(arguments);
+    for (const std::string& given : arguments) {
+        if (given.rfind("--wcs=", 0) == 0) return UsageError(wcsTakesNoName);
+    }
     try {
         std::reverse(arguments.begin(), arguments.end());  // CLI11 takes them from the end
         app.parse(std::move(arguments));
+    } catch (const CLI::ExtrasError& error) {
+        const bool maybeName = options.WorldCoordinates;
+        return UsageError(error.what() + (maybeName ? std::string("\n") + wcsTakesNoName : ""));
     } catch (const CLI::ParseError& end) {
         std::ostringstream out;
         std::ostringstream errors;

@@ -119,6 +119,8 @@ class Contract(Solver):
         cases = [
             (TOO_FEW_STARS, [dark, *search, "--catalog", empty], "Insufficient Plate Stars"),
             (USAGE, ["--size"], "--size"),
+            (USAGE, [frame, "--wcs=x.wcs"], "--wcs takes no name"),
+            (USAGE, [frame, "--wcs", "x.wcs"], "--wcs takes no name"),
             (NO_CATALOG, [frame, "--catalog", empty], "vestrel-catalog quads"),
             (USAGE, [frame, "--ra", "25:00:00", "--dec", "0"], "Please enter a valid RA value"),
             (USAGE, [frame, "--ra", "1", "--dec", "91"], "Please enter a valid Declination value"),
