@@ -1,12 +1,12 @@
 #include "extraction/libNearPercentiles.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <vector>
 
 #include "astro/libMath.h"
 #include "astro/libProcessor.h"
+#include "extraction/libLaneSums.h"
 #include "extraction/libSampleLanes.h"
 #include "extraction/libSlidingRows.h"
 
@@ -19,49 +19,28 @@ namespace vestrel {
 namespace {
 
 constexpr std::int32_t step = 3;
-constexpr std::int32_t parts = 2;
-constexpr std::int32_t lanes = 32 * parts;
 constexpr std::int8_t noLane = 127;  ///< counted by no lane: outside of the image, or no sample
 
-using Bytes [[gnu::vector_size(32)]] = std::int8_t;
-using Sixteen [[gnu::vector_size(32)]] = std::int16_t;
-
-/// The running sums of a column of samples, at most 127 in size: 32 lanes in each part.
-struct alignas(32) ColumnSums {
-    Bytes Of[parts];
-};
-/// Those of a box: of each part's even bytes, then of its odd ones.
-struct alignas(32) BoxSums {
-    Sixteen Of[2 * parts];
-};
-
-/// Which lane a byte of a column's sums holds. Widened to 16 bits, even bytes and odd bytes become
-/// a vector each; the two are compared and packed again, which restores the order of the lanes.
-constexpr std::int32_t LaneOfByte(std::int32_t byte) {
-    const std::int32_t half = byte / 16 * 16;
-    return half + byte % 2 * 8 + byte % 16 / 2;
-}
-
-/// Which of 32 running sums exceed a limit, as bits.
-VESTREL_FOR_AVX2 VESTREL_KERNEL std::uint32_t LanesAbove(const Sixteen& even, const Sixteen& odd,
-                                                         const Sixteen& limit) {
+/// The first lane whose sum is not negative: `Lanes` when none is.
+VESTREL_FOR_AVX2 VESTREL_KERNEL std::int32_t FirstLane(const BoxSums& box) {
+    std::uint64_t negative = 0;
 #if defined(__x86_64__)
-    const auto evenAbove = reinterpret_cast<__m256i>(even > limit);
-    const auto oddAbove = reinterpret_cast<__m256i>(odd > limit);
-    return static_cast<std::uint32_t>(
-        _mm256_movemask_epi8(_mm256_packs_epi16(evenAbove, oddAbove)));
-#else
-    std::uint32_t above = 0;
-    for (std::int32_t i = 0; i < 16; ++i) {
-        above |= even[i] > limit[i] ? 1U << LaneOfByte(2 * i) : 0U;
-        above |= odd[i] > limit[i] ? 1U << LaneOfByte(2 * i + 1) : 0U;
+    for (int part = 0; part < LaneParts; ++part) {
+        const __m256i packed = _mm256_packs_epi16(reinterpret_cast<__m256i>(box.Of[2 * part]),
+                                                  reinterpret_cast<__m256i>(box.Of[2 * part + 1]));
+        negative |= std::uint64_t{static_cast<std::uint32_t>(_mm256_movemask_epi8(packed))}
+                    << 32 * part;
     }
-    return above;
+#else
+    for (std::int32_t lane = 0; lane < Lanes; ++lane) {
+        negative |= box[lane] < 0 ? std::uint64_t{1} << lane : 0;
+    }
 #endif
+    return std::countr_one(negative);
 }
 
 class NearStrip {
-    /// A limit that every sum exceeds; the box is then counted on its own.
+    /// A target that every sum exceeds; the box is then counted on its own.
     static constexpr std::int16_t noTarget = -16'000;
 
  public:
@@ -82,19 +61,14 @@ class NearStrip {
           none_(static_cast<std::size_t>(width_), noLane),
           columns_(static_cast<std::size_t>(width_) + 1),
           lowest_(static_cast<std::size_t>(end - first)),
-          limits_(lowest_.size()),
-          bounds_(limits_.size()),
-          single_(samples, rows_) {
-        for (std::int32_t byte = 0; byte < lanes; ++byte) {
-            countedBelow_.Of[byte / 32][byte % 32] =
-                static_cast<std::int8_t>(byte / 32 * 32 + LaneOfByte(byte % 32) + 1);
-        }
-    }
+          targets_(lowest_.size()),
+          bounds_(targets_.size()),
+          single_(samples, rows_) {}
 
     VESTREL_FOR_AVX2 bool Run(std::int32_t rows, Grid<std::int32_t>& blocks) {
         for (k_ = 0; k_ < rows; ++k_) {
             values_ = blocks.Row(k_).data() + first_;
-            SetLimits();
+            SetTargets();
             RowsToMove moved{none_.data(), none_.data()};
             if (k_ > 0) {
                 moved = TakeNextRow();
@@ -126,15 +100,15 @@ class NearStrip {
     std::int32_t FirstPlace(std::int32_t i) const { return 2 * reach_ + i; }
     std::int32_t OwedPlace(std::int32_t j) const { return 3 * reach_ + j; }
     std::ptrdiff_t At(std::int32_t place) const { return std::ptrdiff_t{place} * width_; }
-    std::int8_t* Lanes(std::int32_t place) { return lanes_.data() + At(place); }
+    std::int8_t* LanesAt(std::int32_t place) { return lanes_.data() + At(place); }
 
     /// Finds the lanes of the samples in row y of the image: the first one whose sum counts them,
-    /// `lanes` when none does.
+    /// `Lanes` when none does.
     VESTREL_KERNEL void TakeRow(std::int32_t y, std::int32_t place) {
         const std::int32_t base = window_ - samples_.Offset;
-        const std::int32_t least = base + std::clamp(samples_.Darkest - window_, 0, lanes);
-        const std::int32_t most = base + std::clamp(samples_.Brightest - window_, 0, lanes);
-        std::int8_t* out = Lanes(place) + (firstSample_ - start_);
+        const std::int32_t least = base + std::clamp(samples_.Darkest - window_, 0, Lanes);
+        const std::int32_t most = base + std::clamp(samples_.Brightest - window_, 0, Lanes);
+        std::int8_t* out = LanesAt(place) + (firstSample_ - start_);
         samples_.Values.VisitRow(y, [=, this](auto pixels) VESTREL_KERNEL_LAMBDA {
             TakeLanes(pixels.From(std::ptrdiff_t{firstSample_} * step), base, least, most,
                       endSample_ - firstSample_, out);
@@ -147,22 +121,10 @@ class NearStrip {
             ExpectPixels(pixels, firstSample_ * step, endSample_ * step);
         });
     }
-    /// Adds the samples of a row to the sums of their columns, or removes them.
     template <int Sign>
     VESTREL_FOR_AVX2 VESTREL_KERNEL void CountRow(std::int32_t place) {
-        const std::int8_t* row = Lanes(place);
-        ColumnSums* sums = columns_.data() + 1;
-        for (std::int32_t i = 0; i < width_; ++i) {
-            for (int part = 0; part < parts; ++part) {
-                // A comparison that holds is −1.
-                const Bytes counted = countedBelow_.Of[part] > row[i];
-                if constexpr (Sign > 0) {
-                    sums[i].Of[part] -= counted;
-                } else {
-                    sums[i].Of[part] += counted;
-                }
-            }
-        }
+        const ColumnSums countedBelow = countedBelow_;
+        CountInLanes<Sign>(LanesAt(place), width_, countedBelow, columns_.data() + 1);
     }
 
     /// The lanes of the row that leaves the boxes and of the one that enters them.
@@ -176,14 +138,14 @@ class NearStrip {
         const std::int32_t leaving = k_ - 1 - reach_;
         RowsToMove moved{none_.data(), none_.data()};
         const std::int32_t in = SlidingPlace(entering);  // also that of the row that leaves
-        if (leaving >= 0) moved.Out = Lanes(leaving >= reach_ ? in : OwedPlace(leaving));
+        if (leaving >= 0) moved.Out = LanesAt(leaving >= reach_ ? in : OwedPlace(leaving));
         if (entering >= samples_.Height / step) return moved;
         if (leaving >= reach_) {
-            moved.Out = Lanes(4 * reach_);
-            std::copy_n(Lanes(in), width_, Lanes(4 * reach_));
+            moved.Out = LanesAt(4 * reach_);
+            std::copy_n(LanesAt(in), width_, LanesAt(4 * reach_));
         }
         TakeRow(rows_.Row(entering), in);
-        moved.In = Lanes(in);
+        moved.In = LanesAt(in);
         ExpectRow(rows_.Row(entering + 1));
         return moved;
     }
@@ -220,7 +182,7 @@ class NearStrip {
         std::int32_t owed = 0;
         const auto count = [&](std::int32_t column, std::int32_t sign) {
             for (std::int32_t j = 0; j < rows_.OwedRows(); ++j) {
-                owed += Lanes(OwedPlace(j))[column] == 0 ? sign : 0;
+                owed += LanesAt(OwedPlace(j))[column] == 0 ? sign : 0;
             }
         };
         for (std::int32_t column = 0; column < width_; ++column) {
@@ -232,25 +194,29 @@ class NearStrip {
         }
     }
 
-    /// What the percentiles' sums must exceed: their targets, which depend on the number of rows in
-    /// the boxes, less 1.
-    void SetLimits() {
+    /// What the percentiles' sums must reach, which depends on the number of samples in the boxes.
+    void SetTargets() {
         const std::int32_t count = rows_.Count(k_);
-        if (count == limitsFor_) return;
-        limitsFor_ = count;
+        if (count == targetsFor_) return;
+        targetsFor_ = count;
+        equalTargets_.clear();
         for (std::int32_t column = 0; column < end_ - first_; ++column) {
             const std::int32_t columns = std::min(first_ + column + reach_ + 1, endSample_) -
                                          std::max(first_ + column - reach_, firstSample_);
             const std::int32_t target = RoundToNearestInt32(count * columns * percentile_ / 100);
-            limits_[static_cast<std::size_t>(column)] =
-                target > 0 ? static_cast<std::int16_t>(target - 1) : noTarget;
+            const auto sought = target > 0 ? static_cast<std::int16_t>(target) : noTarget;
+            targets_[static_cast<std::size_t>(column)] = sought;
+            if (equalTargets_.empty() || equalTargets_.back().Target != sought) {
+                equalTargets_.push_back({sought, column});
+            }
+            equalTargets_.back().End = column + 1;
         }
     }
     void FindSingle(std::int32_t column) {
         constexpr std::int64_t instructions = 12'000;
         spent_ += instructions;
         values_[column] =
-            single_.Find(first_ + column, k_, limits_[static_cast<std::size_t>(column)] + 1);
+            single_.Find(first_ + column, k_, targets_[static_cast<std::size_t>(column)]);
     }
 
     /// Chooses a window about the percentiles of the row, some of which may be missing.
@@ -295,67 +261,52 @@ class NearStrip {
     /// which that failed.
     VESTREL_FOR_AVX2 VESTREL_KERNEL void MoveAndFind(RowsToMove moved) {
         unsure_.clear();
-        BoxSums box{};
+        BoxSums box;  // its sums less the target, so that their signs tell which reach it
         // What lies in this object would be read anew after each store.
         const ColumnSums countedBelow = countedBelow_;
         const std::int32_t window = window_;
-        const std::int32_t columns = end_ - first_;
         std::int32_t* values = values_;
         const std::int8_t* out = moved.Out;
         const std::int8_t* in = moved.In;
         ColumnSums* come = columns_.data() + 1;
         for (const ColumnSums* end = come + 2 * reach_; come < end; ++come) {
-            Exchange(*come, countedBelow, *out++, *in++);
-            Slide(box, *come, {});
+            ExchangeInLanes(*come, countedBelow, *out++, *in++);
+            box.Slide(*come, {});
         }
         const ColumnSums* gone = columns_.data();
-        const std::int16_t* limits = limits_.data();
         std::int16_t* lowest = lowest_.data();
-        for (std::int32_t i = 0; i < columns; ++i) {
-            Exchange(come[i], countedBelow, out[i], in[i]);
-            Slide(box, come[i], gone[i]);
-            values[i] = window + FirstLane(box, limits[i]);
-            lowest[i] = box.Of[0][0];
+        std::int32_t i = 0;
+        std::int16_t taken = 0;
+        for (const EqualTargets& run : equalTargets_) {
+            for (Sixteen& sums : box.Of) sums -= static_cast<std::int16_t>(run.Target - taken);
+            taken = run.Target;
+            for (const std::int32_t end = run.End; i < end; ++i) {
+                ExchangeInLanes(come[i], countedBelow, out[i], in[i]);
+                box.Slide(come[i], gone[i]);
+                values[i] = window + FirstLane(box);
+                lowest[i] = box.Of[0][0];
+            }
         }
+        const std::int32_t columns = end_ - first_;
         const std::int32_t* bounds = bounds_.data();
-        const auto isUnsure = [=](std::int32_t i) VESTREL_KERNEL_LAMBDA -> std::int32_t {
-            const bool maybeBelow = lowest[i] + bounds[i] > limits[i];
+        const auto isUnsure = [=](std::int32_t column) VESTREL_KERNEL_LAMBDA -> std::int32_t {
+            const bool maybeBelow = lowest[column] + bounds[column] >= 0;
             return static_cast<std::int32_t>(maybeBelow) |
-                   static_cast<std::int32_t>(values[i] == window + lanes);
+                   static_cast<std::int32_t>(values[column] == window + Lanes);
         };
         std::int32_t anyUnsure = 0;
-        for (std::int32_t i = 0; i < columns; ++i) anyUnsure |= isUnsure(i);
+        for (i = 0; i < columns; ++i) anyUnsure |= isUnsure(i);
         if (anyUnsure == 0) return;
-        for (std::int32_t i = 0; i < columns; ++i) {
+        for (i = 0; i < columns; ++i) {
             if (isUnsure(i) != 0) unsure_.push_back(i);
         }
     }
-    VESTREL_FOR_AVX2 VESTREL_KERNEL static void Exchange(ColumnSums& sums,
-                                                         const ColumnSums& countedBelow,
-                                                         std::int8_t out, std::int8_t in) {
-        for (int part = 0; part < parts; ++part) {
-            sums.Of[part] += (countedBelow.Of[part] > out) - (countedBelow.Of[part] > in);
-        }
-    }
-    /// Moves the sums of a box to the right.
-    VESTREL_FOR_AVX2 VESTREL_KERNEL static void Slide(BoxSums& box, const ColumnSums& come,
-                                                      const ColumnSums& gone) {
-        for (int part = 0; part < parts; ++part) {
-            const Bytes change = come.Of[part] - gone.Of[part];
-            // Each number of 16 bits consists of two lanes.
-            const auto pairs = reinterpret_cast<Sixteen>(change);
-            box.Of[2 * part] += pairs << 8 >> 8;
-            box.Of[2 * part + 1] += pairs >> 8;
-        }
-    }
-    /// The first lane whose sum exceeds `limit`: `lanes` when none does.
-    VESTREL_FOR_AVX2 VESTREL_KERNEL static std::int32_t FirstLane(const BoxSums& box,
-                                                                  std::int16_t limit) {
-        const Sixteen limits = Sixteen{} + limit;
-        const std::uint32_t above = LanesAbove(box.Of[0], box.Of[1], limits);
-        const std::uint64_t more = LanesAbove(box.Of[2], box.Of[3], limits);
-        return std::countr_zero(more << 32 | above);
-    }
+
+    /// Neighbouring boxes with the same target.
+    struct EqualTargets {
+        std::int16_t Target;
+        std::int32_t End;  ///< column of blocks, from 0
+    };
 
     const BoxSamples& samples_;
     double percentile_;
@@ -368,15 +319,16 @@ class NearStrip {
     std::int32_t width_;
     std::int32_t firstSample_;
     std::int32_t endSample_;
-    std::vector<std::int8_t> lanes_;    ///< of the samples at each place, and of a row that leaves
-    std::vector<std::int8_t> none_;     ///< a row without samples
-    std::vector<ColumnSums> columns_;   ///< before the first one is one of zeros
-    ColumnSums countedBelow_{};         ///< each lane counts the samples in lanes below this
+    std::vector<std::int8_t> lanes_;   ///< of the samples at each place, and of a row that leaves
+    std::vector<std::int8_t> none_;    ///< a row without samples
+    std::vector<ColumnSums> columns_;  ///< before the first one is one of zeros
+    const ColumnSums countedBelow_ = LaneLimits();
     std::int32_t window_ = 0;           ///< lane i holds the running sum at this value + i
     std::int32_t chosenAt_ = 0;         ///< row of blocks
-    std::vector<std::int16_t> lowest_;  ///< the sums of each box in lane 0
-    std::vector<std::int16_t> limits_;  ///< the sum that each box's percentile must exceed
-    std::int32_t limitsFor_ = -1;       ///< so many rows
+    std::vector<std::int16_t> lowest_;  ///< the sums of each box in lane 0, less its target
+    std::vector<std::int16_t> targets_;
+    std::vector<EqualTargets> equalTargets_;  ///< the same in runs
+    std::int32_t targetsFor_ = -1;            ///< so many rows
     std::vector<std::int32_t> bounds_;
     bool boundsAreSet_ = false;
     std::vector<std::int32_t> falls_;

@@ -201,7 +201,7 @@ class RankStrip {
             const std::int8_t* row = lanes_.data() + At(OwedPlace(j));
             for (std::int32_t i = leftmost_; i < rightmost_; ++i) {
                 const auto limit = static_cast<std::int8_t>(row[i] + 1);
-                for (int part = 0; part < 2; ++part) {
+                for (int part = 0; part < LaneParts; ++part) {
                     owed[static_cast<std::size_t>(i) + 1].Of[part] -= limits_.Of[part] == limit;
                 }
             }
@@ -230,20 +230,9 @@ class RankStrip {
     template <int Sign>
     VESTREL_KERNEL void CountRow(std::int32_t place) {
         MarkRow(place, Sign > 0 ? 0 : OwedMark, 1);
-        const std::int8_t* row = lanes_.data() + At(place);
         const ColumnSums limits = limits_;
-        ColumnSums* sums = Sums(0);
-        for (std::int32_t i = leftmost_; i < rightmost_; ++i) {
-            for (int part = 0; part < 2; ++part) {
-                // A comparison that holds is −1.
-                const ThirtyTwo counted = limits.Of[part] > row[i];
-                if constexpr (Sign > 0) {
-                    sums[i].Of[part] -= counted;
-                } else {
-                    sums[i].Of[part] += counted;
-                }
-            }
-        }
+        CountInLanes<Sign>(lanes_.data() + At(place) + leftmost_, rightmost_ - leftmost_, limits,
+                           Sums(leftmost_));
     }
     VESTREL_KERNEL void RemoveRow(std::int32_t place) {
         CountRow<-1>(place);
@@ -257,9 +246,7 @@ class RankStrip {
         const ColumnSums limits = limits_;
         ColumnSums* sums = Sums(0);
         for (std::int32_t i = leftmost_; i < rightmost_; ++i) {
-            for (int part = 0; part < 2; ++part) {
-                sums[i].Of[part] += (limits.Of[part] > gone[i]) - (limits.Of[part] > come[i]);
-            }
+            ExchangeInLanes(sums[i], limits, gone[i], come[i]);
         }
     }
 

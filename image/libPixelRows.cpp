@@ -2,7 +2,6 @@
 
 #include <bit>
 #include <cstring>
-#include <limits>
 
 #include "astro/libProcessor.h"
 
@@ -43,24 +42,31 @@ VESTREL_KERNEL void ConvertWords(const std::uint8_t* __restrict bytes, Cell* __r
     }
 }
 
+/// The last digit of 1.5 × 2^23 stays a one when a number of at most this size is added.
+constexpr std::int32_t singlePrecisionIsEnough = 1 << 22;
+
 /// The machine's own floats equal those of `DecodeFloat32`, except the smallest, which round to 0
 /// either way, and infinities and NaN, which are refused either way.
-template <typename Cell>
+/// @tparam Float with which numbers are clamped and rounded. The bounds are whole numbers, so it
+///         makes no difference which comes first. `float` needs bounds of at most
+///         `singlePrecisionIsEnough`.
+template <typename Float, typename Cell>
 VESTREL_KERNEL bool ConvertFloats(const std::uint8_t* __restrict bytes, Cell* __restrict row,
                                   std::size_t width, StoredBounds bounds) {
-    constexpr double smallest = std::numeric_limits<std::int32_t>::min();
-    constexpr double largest = std::numeric_limits<std::int32_t>::max();
-    constexpr double lastDigitIsOne = 6755399441055744.0;  // 1.5 × 2^52
+    // 1.5 × 2^52 or 1.5 × 2^23
+    constexpr Float lastDigitIsOne =
+        sizeof(Float) == 8 ? Float(6755399441055744.0) : Float(12582912.0);
+    constexpr float tooLarge = 2147483648.0F;  // all floats of this size are whole numbers
+    const auto floor = static_cast<Float>(bounds.Floor);
+    const auto ceiling = static_cast<Float>(bounds.Ceiling);
     std::int32_t misfits = 0;
     for (std::size_t x = 0; x < width; ++x) {
         const auto number = std::bit_cast<float>(FromBigEndian<std::uint32_t>(bytes + 4 * x));
-        // Beyond 2^51 this is not the nearest whole number, but then it does not fit anyway.
-        const double value = (static_cast<double>(number) + lastDigitIsOne) - lastDigitIsOne;
-        const bool fits = value >= smallest && value <= largest;
-        misfits |= fits ? 0 : 1;
-        const std::int32_t stored =
-            NotBelow(static_cast<std::int32_t>(fits ? value : 0.0), bounds.Floor);
-        row[x] = static_cast<Cell>(stored > bounds.Ceiling ? bounds.Ceiling : stored);
+        misfits |= number >= -tooLarge && number < tooLarge ? 0 : 1;
+        const Float notBelow = number > floor ? static_cast<Float>(number) : floor;
+        const Float within = notBelow < ceiling ? notBelow : ceiling;
+        const Float whole = (within + lastDigitIsOne) - lastDigitIsOne;
+        row[x] = static_cast<Cell>(static_cast<std::int32_t>(whole));
     }
     return misfits == 0;
 }
@@ -72,7 +78,10 @@ VESTREL_KERNEL bool Convert(const PixelRows<Cell>& rows, StoredBounds bounds) {
     Cell* row = rows.First;
     for (std::size_t i = 0; i < rows.Rows; ++i, row += rows.RowStep) {
         if (rows.BitPix == -32) {
-            good &= ConvertFloats(bytes, row, rows.Width, bounds);
+            const bool single = bounds.Floor >= -singlePrecisionIsEnough &&
+                                bounds.Ceiling <= singlePrecisionIsEnough;
+            good &= single ? ConvertFloats<float>(bytes, row, rows.Width, bounds)
+                           : ConvertFloats<double>(bytes, row, rows.Width, bounds);
             bytes += 4 * rows.Width;
         } else if (rows.BitPix == 16) {
             ConvertWords(bytes, row, rows.Width, bounds.Floor);
