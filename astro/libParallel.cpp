@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <charconv>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -16,6 +17,76 @@ namespace vestrel {
 namespace {
 
 thread_local int threadLimit = 0;
+
+/// Threads that take part in the work of others and wait for more in between. To start a thread for
+/// each piece of work takes longer than some of them, and systems tend to start it on the processor
+/// of its starter, where it stays for milliseconds.
+class Helpers {
+ public:
+    struct Work {
+        std::function<void()> TakePart;
+        int Room;      ///< for so many helpers more
+        int AtIt = 0;  ///< helpers that take part
+        std::condition_variable Left{};
+    };
+
+    /// The only one. It is never destroyed, as threads may wait in it when the process ends.
+    static Helpers& Instance() {
+        static auto& helpers = *new Helpers;
+        return helpers;
+    }
+
+    void Offer(Work& work) {
+        const std::lock_guard guard(lock_);
+        room_ += work.Room;
+        offered_.push_back(&work);
+        try {
+            while (idle_ < room_) {
+                std::thread(&Helpers::Run, this).detach();
+                ++idle_;
+            }
+        } catch (const std::system_error&) {
+            // The system cannot start another thread; those that run do all the work.
+        }
+        for (int i = 0; i < work.Room; ++i) wanted_.notify_one();
+    }
+    /// No further helper begins; waits for those that are at it.
+    void Withdraw(Work& work) {
+        std::unique_lock guard(lock_);
+        std::erase(offered_, &work);
+        room_ -= work.Room;
+        work.Left.wait(guard, [&work] { return work.AtIt == 0; });
+    }
+
+ private:
+    [[noreturn]] void Run() {
+        std::unique_lock guard(lock_);
+        for (;;) {
+            const auto hasRoom = [](const Work* work) { return work->Room > 0; };
+            const auto found = std::find_if(offered_.begin(), offered_.end(), hasRoom);
+            if (found == offered_.end()) {
+                wanted_.wait(guard);
+                continue;
+            }
+            Work& work = **found;
+            --work.Room;
+            --room_;
+            ++work.AtIt;
+            --idle_;
+            guard.unlock();
+            work.TakePart();
+            guard.lock();
+            ++idle_;
+            if (--work.AtIt == 0) work.Left.notify_one();
+        }
+    }
+
+    std::mutex lock_;
+    std::condition_variable wanted_;
+    std::vector<Work*> offered_;
+    int room_ = 0;  ///< in all that is offered
+    int idle_ = 0;  ///< helpers that are at nothing
+};
 
 }  // namespace
 
@@ -62,16 +133,13 @@ void ParallelFor(int count, const std::function<void(int)>& work, const Progress
         }
     };
 
-    {
-        std::vector<std::jthread> helpers;
-        const int threads = std::min(ParallelThreads(), count);
-        try {
-            for (int i = 1; i < threads; ++i) {
-                helpers.emplace_back([&takePieces] { takePieces({}); });
-            }
-        } catch (const std::system_error&) {
-            // The system cannot start another thread; those that run do all the work.
-        }
+    const int threads = std::min(ParallelThreads(), count);
+    if (threads > 1) {
+        Helpers::Work shared{[&takePieces] { takePieces({}); }, threads - 1};
+        Helpers::Instance().Offer(shared);
+        takePieces(progress);
+        Helpers::Instance().Withdraw(shared);
+    } else {
         takePieces(progress);
     }
     if (failure) std::rethrow_exception(failure);
