@@ -165,23 +165,25 @@ bool MayHaveLostTheSky(const PlateImage& image) {
         return false;
     }
     const std::int64_t pixels = std::int64_t{image.Width} * image.Height;
-    std::int64_t atZero = 0;
+    constexpr std::int64_t pixelsPerStray = 50000;
+    std::int64_t notZero = 0;
     std::int64_t aboveTwo = 0;
     for (std::int32_t y = 0; y < image.Height; ++y) {
-        std::int32_t zeros = 0;
+        std::int32_t others = 0;
         std::int32_t above = 0;
         image.Pixels.VisitRow(y, [&](auto row) {
             for (std::int32_t x = 0; x < image.Width; ++x) {
                 const std::int32_t count = row[x] + image.DataOffset;
-                zeros += count == 0 ? 1 : 0;
+                others += count != 0 ? 1 : 0;
                 above += count > 2 ? 1 : 0;
             }
         });
-        atZero += zeros;
+        notZero += others;
         aboveTwo += above;
+        // Most images need a look at their first rows only.
+        if (aboveTwo > pixels / pixelsPerStray && notZero * 10 >= pixels) return false;
     }
-    constexpr std::int64_t pixelsPerStray = 50000;
-    return aboveTwo <= pixels / pixelsPerStray || atZero * 10 > pixels * 9;
+    return true;
 }
 
 /// Decodes an image that did not hold counts. The image stays as it was read when that fails, or
