@@ -28,8 +28,8 @@ struct PixelRows {
 /// Converts pixels to stored values; floating-point ones are rounded, halves to even.
 ///
 /// The compiler vectorises these loops, with twice the width on processors with AVX2. For that,
-/// bytes are combined by shifts, choices have no branches, and floating-point values are rounded by
-/// adding and subtracting a number so large that its last digit is a one.
+/// bytes are combined by shifts, choices are made among integers, and floating-point values are
+/// rounded by adding and subtracting a number so large that its last digit is a one.
 /// @return false when a floating-point value does not fit 32 bits or is not a number
 template <typename Cell>
 bool ConvertPixelRows(const PixelRows<Cell>& rows, StoredBounds bounds);

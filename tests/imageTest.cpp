@@ -304,15 +304,16 @@ TEST(FitsPixels, PiecesGiveThePixelsOfASingleReadWhereverTheFileEnds) {
         const std::size_t bytes = static_cast<std::size_t>(std::abs(bitPix)) / 8;
         const int width = random.Whole(1, 400);
         const int height = trial % 4 == 0 ? 1 : random.Whole(300, 1300);
-        const int offset = std::vector{0, 32768, 7, -40, 5000000}[random.Whole(0, 4)];
+        constexpr int far = 5000000;
+        const int offset = std::vector{0, 32768, 7, -40, far}[random.Whole(0, bytes == 4 ? 4 : 3)];
         std::string pixels(bytes * static_cast<std::size_t>(width * height), 0);
         for (char& byte : pixels) byte = static_cast<char>(random.Whole(-128, 127));
         for (std::size_t i = 0; bytes == 4 && i < pixels.size(); i += 4) {
             // Floats of up to 2^18, either sign; some of them halves.
             pixels[i] = static_cast<char>((pixels[i] & 0x80) | random.Whole(0x3E, 0x48));
             if (i % 16 == 0) pixels[i + 2] = pixels[i + 3] = 0;
-            // Halves about -5000000, which need more than single precision.
-            if (offset == 5000000) pixels.replace(i, 2, "\xCA\x98");
+            // Halves about the offset, which need more than single precision.
+            if (offset == far) pixels.replace(i, 2, "\xCA\x98");
         }
         const std::size_t held =
             trial % 2 == 0
@@ -329,7 +330,7 @@ TEST(FitsPixels, PiecesGiveThePixelsOfASingleReadWhereverTheFileEnds) {
             reader.Read(file + pixels.substr(0, held));
             ASSERT_TRUE(reader.Good) << reader.Complaint;
             // Wide cells would be right too, but take twice the memory.
-            ASSERT_EQ(reader.Image.Pixels.IsNarrow(), offset >= 0) << offset;
+            ASSERT_EQ(reader.Image.Pixels.IsNarrow(), offset >= 0 && offset != far) << offset;
             int wrong = 0;
             for (int r = 0; r < height; ++r) {
                 for (int x = 0; x < width; ++x) {
