@@ -58,6 +58,15 @@ ClipLevels FindClipLevels(const PixelGrid& values, std::int32_t offset, std::int
     return levels;
 }
 
+/// Blocks of 16 bits where these can hold all percentiles: fewer bytes to clear, write and read.
+PixelGrid NewBlocks(std::int32_t columns, std::int32_t rows, ClipLevels clip) {
+    const std::int32_t least = std::min(clip.Low - 1, 0);
+    if (clip.High - least <= PixelRow<std::uint16_t>::MostRank) {
+        return PixelGrid::Narrow(columns, rows, least);
+    }
+    return PixelGrid(Grid<std::int32_t>(columns, rows));
+}
+
 /// How many columns of blocks one piece of work estimates: the more, the less often columns of
 /// samples are counted for two pieces, but the farther the percentiles of a row spread. Every
 /// processor gets as many pieces.
@@ -101,7 +110,11 @@ class ColumnOfBoxes {
         for (std::int32_t y = 1; y <= halfSize_ && y < height_; y += step) samples += AddRow(y);
 
         std::int32_t blockRow = 0;
-        blocks.Values(x0 / step, blockRow) = HistogramPercentile(histogram_, samples, percentile);
+        const auto store = [&] {
+            const std::int32_t found[] = {HistogramPercentile(histogram_, samples, percentile)};
+            blocks.Values.Store(x0 / step, blockRow, found);
+        };
+        store();
         for (std::int32_t yc = 2; yc < height_; yc += step) {
             const std::int32_t leaving = yc - halfSize_;
             const std::int32_t entering = yc + halfSize_;
@@ -114,8 +127,8 @@ class ColumnOfBoxes {
                 if (leaving >= 0) samples -= RemoveRow(leaving);
                 if (entering < height_) samples += AddRow(entering);
             }
-            blocks.Values(x0 / step, ++blockRow) =
-                HistogramPercentile(histogram_, samples, percentile);
+            ++blockRow;
+            store();
         }
     }
 
@@ -208,9 +221,8 @@ BackgroundBlocks EstimateBackgroundBlocks(const PixelGrid& values, std::int32_t 
     if (width <= 0 || height <= 0) return blocks;
     blocks.Columns = (width + step - 1) / step;
     blocks.Rows = height / step + 1;
-    blocks.Values = Grid<std::int32_t>(blocks.Columns, blocks.Rows);
-
     const ClipLevels clip = FindClipLevels(values, offset, width, height);
+    blocks.Values = NewBlocks(blocks.Columns, blocks.Rows, clip);
     if (HasBoxPercentiles(halfSize)) {
         const BoxSamples samples{values,
                                  offset,

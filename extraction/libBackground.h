@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <vector>
 
-#include "astro/libGrid.h"
 #include "astro/libParallel.h"
 #include "image/libPixelGrid.h"
 
@@ -65,7 +64,7 @@ std::int32_t HistogramPercentile(const ValueHistogram& histogram, std::int32_t c
 struct BackgroundBlocks {
     std::int32_t Columns = 0;
     std::int32_t Rows = 0;
-    Grid<std::int32_t> Values;
+    PixelGrid Values;
 
     std::int32_t At(std::int32_t x, std::int32_t y) const { return Values(x / 3, (y + 1) / 3); }
 };

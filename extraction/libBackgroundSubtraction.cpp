@@ -1,10 +1,11 @@
 #include "extraction/libBackground.h"
 
 #include <algorithm>
-#include <span>
+#include <type_traits>
 #include <vector>
 
 #include "astro/libProcessor.h"
+#include "extraction/libSampleLanes.h"
 
 namespace vestrel {
 
@@ -81,11 +82,12 @@ void SubtractNarrowRowPlainly(std::uint16_t* row, const std::uint16_t* fall,
 class WideSky {
  public:
     explicit WideSky(std::int32_t blocks) : sky_(static_cast<std::size_t>(blocks) * step) {}
-    void Set(std::span<const std::int32_t> blocks) {
-        std::int32_t* place = sky_.data();
-        for (const std::int32_t block : blocks) {
-            place[0] = place[1] = place[2] = block;
-            place += step;
+    template <typename Cell>
+    void Set(PixelRow<Cell> blocks) {
+        const auto count = static_cast<std::ptrdiff_t>(sky_.size() / step);
+        for (std::ptrdiff_t i = 0; i < count; ++i) {
+            std::int32_t* const place = sky_.data() + i * step;
+            place[0] = place[1] = place[2] = blocks[i];
         }
     }
     void SubtractFrom(std::int32_t* row, std::int32_t offset, std::int32_t width,
@@ -100,39 +102,53 @@ class WideSky {
     std::vector<std::int32_t> sky_;
 };
 
+/// Takes the next eight of `left` blocks, or zeros where there are no more.
+template <typename Cell>
+VESTREL_KERNEL void TakeEight(PixelRow<Cell> blocks, std::size_t left, LaneNumbers& numbers) {
+    typename EightCells<Cell>::Vector cells{};
+    if (left >= 8) {
+        __builtin_memcpy(&cells, blocks.Cells, sizeof cells);
+    } else {
+        __builtin_memcpy(&cells, blocks.Cells, left * sizeof(Cell));
+    }
+    if constexpr (std::is_same_v<Cell, std::int32_t>) {
+        numbers = cells;
+    } else {
+        cells -= static_cast<Cell>(blocks.Least);
+        numbers = __builtin_convertvector(cells, LaneNumbers) + blocks.Least;
+    }
+}
+
 /// Sets `fall` and `rise` for the three columns of each block.
-VESTREL_KERNEL void SpreadChanges(const std::int32_t* __restrict blocks, std::size_t count,
+template <typename Cell>
+VESTREL_KERNEL void SpreadChanges(PixelRow<Cell> blocks, std::size_t count,
                                   std::uint16_t* __restrict fall, std::uint16_t* __restrict rise) {
-    using Numbers [[gnu::vector_size(32)]] = std::int32_t;
-    using Words [[gnu::vector_size(16)]] = std::uint16_t;
-    const auto spread = [](const Numbers& numbers, std::uint16_t* out) VESTREL_KERNEL_LAMBDA {
-        const Words of = __builtin_convertvector(numbers, Words);
-        const Words parts[] = {__builtin_shufflevector(of, of, 0, 0, 0, 1, 1, 1, 2, 2),
-                               __builtin_shufflevector(of, of, 2, 3, 3, 3, 4, 4, 4, 5),
-                               __builtin_shufflevector(of, of, 5, 5, 6, 6, 6, 7, 7, 7)};
+    const auto spread = [](const LaneNumbers& numbers, std::uint16_t* out) VESTREL_KERNEL_LAMBDA {
+        const LaneWords of = __builtin_convertvector(numbers, LaneWords);
+        const LaneWords parts[] = {__builtin_shufflevector(of, of, 0, 0, 0, 1, 1, 1, 2, 2),
+                                   __builtin_shufflevector(of, of, 2, 3, 3, 3, 4, 4, 4, 5),
+                                   __builtin_shufflevector(of, of, 5, 5, 6, 6, 6, 7, 7, 7)};
         __builtin_memcpy(out, parts, sizeof parts);
     };
-    const Numbers none{};
-    const Numbers most = none + brightest;
+    const LaneNumbers none{};
+    const LaneNumbers most = none + brightest;
     for (std::size_t i = 0; i < count; i += 8) {
-        Numbers eight{};
-        if (i + 8 <= count) {
-            __builtin_memcpy(&eight, blocks + i, sizeof eight);
-        } else {
-            __builtin_memcpy(&eight, blocks + i, (count - i) * sizeof *blocks);
-        }
-        const Numbers down = eight - lift;
-        const Numbers falls = down > none ? down : none;
-        const Numbers rises = down < none ? -down : none;
+        LaneNumbers down;
+        TakeEight(blocks.From(static_cast<std::ptrdiff_t>(i)), count - i, down);
+        down -= lift;
+        const LaneNumbers falls = down > none ? down : none;
+        const LaneNumbers rises = down < none ? -down : none;
         spread(falls < most ? falls : most, fall + step * i);
         spread(rises < most ? rises : most, rise + step * i);
     }
 }
-VESTREL_FOR_AVX2 void SpreadChangesForAvx2(const std::int32_t* blocks, std::size_t count,
+template <typename Cell>
+VESTREL_FOR_AVX2 void SpreadChangesForAvx2(PixelRow<Cell> blocks, std::size_t count,
                                            std::uint16_t* fall, std::uint16_t* rise) {
     SpreadChanges(blocks, count, fall, rise);
 }
-void SpreadChangesPlainly(const std::int32_t* blocks, std::size_t count, std::uint16_t* fall,
+template <typename Cell>
+void SpreadChangesPlainly(PixelRow<Cell> blocks, std::size_t count, std::uint16_t* fall,
                           std::uint16_t* rise) {
     SpreadChanges(blocks, count, fall, rise);
 }
@@ -142,10 +158,13 @@ class NarrowSky {
  public:
     explicit NarrowSky(std::int32_t blocks)
         // Eight blocks are spread at a time.
-        : fall_((static_cast<std::size_t>(blocks) + 7) * step), rise_(fall_.size()) {}
-    void Set(std::span<const std::int32_t> blocks) {
-        (hasAvx2_ ? SpreadChangesForAvx2 : SpreadChangesPlainly)(blocks.data(), blocks.size(),
-                                                                 fall_.data(), rise_.data());
+        : blocks_(static_cast<std::size_t>(blocks)),
+          fall_((blocks_ + 7) * step),
+          rise_(fall_.size()) {}
+    template <typename Cell>
+    void Set(PixelRow<Cell> blocks) {
+        (hasAvx2_ ? SpreadChangesForAvx2<Cell>
+                  : SpreadChangesPlainly<Cell>)(blocks, blocks_, fall_.data(), rise_.data());
     }
     void SubtractFrom(std::uint16_t* row, std::int32_t offset, std::int32_t width,
                       std::uint16_t* greatest) const {
@@ -155,6 +174,7 @@ class NarrowSky {
 
  private:
     bool hasAvx2_ = HasAvx2();
+    std::size_t blocks_;
     std::vector<std::uint16_t> fall_;
     std::vector<std::uint16_t> rise_;
 };
@@ -170,8 +190,7 @@ void SubtractFromCells(Grid<Cell>& cells, Grid<std::uint16_t>& greatest, std::in
         const std::int32_t end = std::min(first + rowsPerPiece, height);
         for (std::int32_t y = first; y < end; ++y) {
             if (y == first || (y + 1) % step == 0) {
-                sky.Set(background.Values.Row((y + 1) / step)
-                            .first(static_cast<std::size_t>(background.Columns)));
+                background.Values.VisitRow((y + 1) / step, [&](auto row) { sky.Set(row); });
             }
             sky.SubtractFrom(cells.Row(y).data(), offset, width,
                              greatest.Empty() ? nullptr : greatest.Row(y).data());

@@ -6,8 +6,7 @@
 namespace vestrel {
 
 void BoxPercentiles(const BoxSamples& samples, std::int32_t halfSize, double percentile,
-                    std::int32_t first, std::int32_t end, std::int32_t rows,
-                    Grid<std::int32_t>& blocks) {
+                    std::int32_t first, std::int32_t end, std::int32_t rows, PixelGrid& blocks) {
     if (NearPercentiles(samples, halfSize, percentile, first, end, rows, blocks)) return;
     RankPercentiles(samples, halfSize, percentile, first, end, rows, blocks);
 }

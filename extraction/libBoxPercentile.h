@@ -3,7 +3,6 @@
 
 #include <cstdint>
 
-#include "astro/libGrid.h"
 #include "image/libPixelGrid.h"
 
 namespace vestrel {
@@ -40,10 +39,9 @@ constexpr bool HasBoxPercentiles(std::int32_t halfSize) {
 /// together, as in a sky, else up to ranks of the strip's samples (`RankPercentiles`).
 ///
 /// @param rows number of rows of blocks
-/// @param blocks indexed by the column and row of the block
+/// @param blocks indexed by the column and row of the block; its cells must fit `Low` − 1..`High`
 void BoxPercentiles(const BoxSamples& samples, std::int32_t halfSize, double percentile,
-                    std::int32_t first, std::int32_t end, std::int32_t rows,
-                    Grid<std::int32_t>& blocks);
+                    std::int32_t first, std::int32_t end, std::int32_t rows, PixelGrid& blocks);
 
 /// How many columns of blocks to process in one call, at most: their columns of samples must have
 /// numbers below 127 (`RankPercentiles`), and what is kept of them fit a processor's cache.

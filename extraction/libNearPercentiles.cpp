@@ -63,11 +63,11 @@ class NearStrip {
           lowest_(static_cast<std::size_t>(end - first)),
           targets_(lowest_.size()),
           bounds_(targets_.size()),
+          values_(targets_.size()),
           single_(samples, rows_) {}
 
-    VESTREL_FOR_AVX2 bool Run(std::int32_t rows, Grid<std::int32_t>& blocks) {
+    VESTREL_FOR_AVX2 bool Run(std::int32_t rows, PixelGrid& blocks) {
         for (k_ = 0; k_ < rows; ++k_) {
-            values_ = blocks.Row(k_).data() + first_;
             SetTargets();
             RowsToMove moved{none_.data(), none_.data()};
             if (k_ > 0) {
@@ -83,6 +83,7 @@ class NearStrip {
                 MoveAndFind({none_.data(), none_.data()});
             }
             for (const std::int32_t column : unsure_) FindSingle(column);
+            blocks.Store(first_, k_, values_);
             // Every block that is found saves some of what the search may cost.
             constexpr std::int64_t saved = 250;
             constexpr std::int64_t ventured = 30;
@@ -215,7 +216,7 @@ class NearStrip {
     void FindSingle(std::int32_t column) {
         constexpr std::int64_t instructions = 12'000;
         spent_ += instructions;
-        values_[column] =
+        values_[static_cast<std::size_t>(column)] =
             single_.Find(first_ + column, k_, targets_[static_cast<std::size_t>(column)]);
     }
 
@@ -234,7 +235,7 @@ class NearStrip {
                     k_ == 0 || std::binary_search(unsure_.begin(), unsure_.end(), column);
                 if (missing != single) continue;
                 if (missing) FindSingle(column);
-                some.push_back(values_[column]);
+                some.push_back(values_[static_cast<std::size_t>(column)]);
             }
         }
         std::sort(some.begin(), some.end());
@@ -265,7 +266,7 @@ class NearStrip {
         // What lies in this object would be read anew after each store.
         const ColumnSums countedBelow = countedBelow_;
         const std::int32_t window = window_;
-        std::int32_t* values = values_;
+        std::int32_t* values = values_.data();
         const std::int8_t* out = moved.Out;
         const std::int8_t* in = moved.In;
         ColumnSums* come = columns_.data() + 1;
@@ -334,7 +335,7 @@ class NearStrip {
     std::vector<std::int32_t> falls_;
 
     std::int32_t k_ = 0;  ///< row of blocks
-    std::int32_t* values_ = nullptr;
+    std::vector<std::int32_t> values_;
     std::vector<std::int32_t> unsure_;  ///< columns of blocks, from 0
     std::size_t singles_ = 0;           ///< such columns since the window was chosen
     SingleBox single_;
@@ -344,8 +345,7 @@ class NearStrip {
 }  // namespace
 
 bool NearPercentiles(const BoxSamples& samples, std::int32_t halfSize, double percentile,
-                     std::int32_t first, std::int32_t end, std::int32_t rows,
-                     Grid<std::int32_t>& blocks) {
+                     std::int32_t first, std::int32_t end, std::int32_t rows, PixelGrid& blocks) {
     const SlidingRows sliding{samples.Height, halfSize / step};
     return HasAvx2() && BoxesAreAlike(samples, sliding, percentile, first, end, rows) &&
            NearStrip(samples, halfSize, percentile, first, end).Run(rows, blocks);

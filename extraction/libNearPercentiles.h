@@ -3,7 +3,6 @@
 
 #include <cstdint>
 
-#include "astro/libGrid.h"
 #include "extraction/libBoxPercentile.h"
 
 namespace vestrel {
@@ -26,7 +25,6 @@ namespace vestrel {
 ///
 /// @return false, and blocks may be left undone, when the percentiles lie too far apart for this
 bool NearPercentiles(const BoxSamples& samples, std::int32_t halfSize, double percentile,
-                     std::int32_t first, std::int32_t end, std::int32_t rows,
-                     Grid<std::int32_t>& blocks);
+                     std::int32_t first, std::int32_t end, std::int32_t rows, PixelGrid& blocks);
 
 }  // namespace vestrel

@@ -45,7 +45,7 @@ class RankStrip {
           searches_(falls_.size()),
           unfinished_(falls_.size()) {}
 
-    VESTREL_KERNEL void Run(std::int32_t rows, Grid<std::int32_t>& blocks) {
+    VESTREL_KERNEL void Run(std::int32_t rows, PixelGrid& blocks) {
         for (std::int32_t k = 0; k < rows; ++k) {
             if (k % bandRows_ == 0) {
                 BeginBand(k, std::min(k + bandRows_, rows) - 1);
@@ -53,8 +53,9 @@ class RankStrip {
                 MoveDown(k);
             }
             SetTargets(k);
-            values_ = blocks.Row(k).data() + first_;
+            values_.resize(targets_.size());
             FindRow();
+            blocks.Store(first_, k, values_);
             if (spent_ > mostSpent) ChooseOtherWindow(k);
         }
     }
@@ -136,8 +137,8 @@ class RankStrip {
     VESTREL_KERNEL void ChooseWindow() {
         std::int32_t begin = 0;
         std::int32_t end = count_;
-        if (values_ != nullptr) {
-            const auto [least, most] = std::minmax_element(values_, values_ + (end_ - first_));
+        if (!values_.empty()) {
+            const auto [least, most] = std::minmax_element(values_.begin(), values_.end());
             const auto margin = static_cast<std::int32_t>(margin_ * count_);
             begin = std::max(RankOf(*least) - margin, 0);
             end = std::min(RankOf(*most) + margin, count_);
@@ -307,7 +308,7 @@ class RankStrip {
         const std::int32_t laneMarks = laneMarks_;
         const std::int32_t span = 2 * reach_;
         const std::int32_t low = samples_.Low;
-        std::int32_t* values = values_;
+        std::int32_t* values = values_.data();
         std::int32_t* unfinished = unfinished_.data();
         constexpr std::int32_t notFound = MostSortedSamples;
         for (std::int32_t column = 0; column < columns; ++column) {
@@ -326,7 +327,7 @@ class RankStrip {
             unfinished += found / notFound;
         }
         for (const std::int32_t* column = unfinished_.data(); column < unfinished; ++column) {
-            values_[*column] = FindFurther(*column);
+            values[*column] = FindFurther(*column);
         }
     }
     std::int32_t ValueOf(std::int32_t rank) const {
@@ -395,21 +396,20 @@ class RankStrip {
     std::int32_t targetsFor_ = -1;       ///< so many rows
     std::vector<Search> searches_;
     std::vector<std::int32_t> unfinished_;  ///< columns of blocks
-    std::int32_t* values_ = nullptr;
+    std::vector<std::int32_t> values_;      ///< empty before the first row
 };
 
-VESTREL_FOR_AVX2 void RunForAvx2(RankStrip& strip, std::int32_t rows, Grid<std::int32_t>& blocks) {
+VESTREL_FOR_AVX2 void RunForAvx2(RankStrip& strip, std::int32_t rows, PixelGrid& blocks) {
     strip.Run(rows, blocks);
 }
-void RunPlainly(RankStrip& strip, std::int32_t rows, Grid<std::int32_t>& blocks) {
+void RunPlainly(RankStrip& strip, std::int32_t rows, PixelGrid& blocks) {
     strip.Run(rows, blocks);
 }
 
 }  // namespace
 
 void RankPercentiles(const BoxSamples& samples, std::int32_t halfSize, double percentile,
-                     std::int32_t first, std::int32_t end, std::int32_t rows,
-                     Grid<std::int32_t>& blocks) {
+                     std::int32_t first, std::int32_t end, std::int32_t rows, PixelGrid& blocks) {
     RankStrip strip(samples, halfSize, percentile, first, end);
     (HasAvx2() ? RunForAvx2 : RunPlainly)(strip, rows, blocks);
 }

@@ -3,7 +3,6 @@
 
 #include <cstdint>
 
-#include "astro/libGrid.h"
 #include "extraction/libBoxPercentile.h"
 
 namespace vestrel {
@@ -28,7 +27,6 @@ namespace vestrel {
 ///
 /// @param end at most `BoxPercentileColumns` after `first`
 void RankPercentiles(const BoxSamples& samples, std::int32_t halfSize, double percentile,
-                     std::int32_t first, std::int32_t end, std::int32_t rows,
-                     Grid<std::int32_t>& blocks);
+                     std::int32_t first, std::int32_t end, std::int32_t rows, PixelGrid& blocks);
 
 }  // namespace vestrel

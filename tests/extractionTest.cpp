@@ -433,7 +433,7 @@ TEST(RankPercentiles, AreWhatCountingEachBoxGivesWhateverTheValues) {
         for (const PixelGrid& pixels : InAllWidths(image, width, height, 0)) {
             const BoxSamples samples{pixels,      0,         width,   height,
                                      darkest - 1, brightest, darkest, brightest};
-            Grid<std::int32_t> blocks(columns, rows);
+            PixelGrid blocks(Grid<std::int32_t>(columns, rows));
             RankPercentiles(samples, 3 * reach, percentile, first, end, rows, blocks);
             for (int check = 0; check < 200; ++check) {
                 const int column = random.Whole(first, end - 1);
@@ -461,7 +461,7 @@ TEST(NearPercentiles, FollowsASlopingSkyAndIsWhatCountingEachBoxGives) {
         const double percentile = std::vector{50.0, 50.0, 20.0, 90.0}[random.Whole(0, 3)];
         const int first = random.Whole(0, sky.Columns - 20);
         const int end = std::min(first + (trial % 2 == 0 ? 64 : 128), sky.Columns);
-        Grid<std::int32_t> blocks(sky.Columns, sky.Rows);
+        PixelGrid blocks(Grid<std::int32_t>(sky.Columns, sky.Rows));
         const bool done =
             NearPercentiles(sky.Samples, 3 * reach, percentile, first, end, sky.Rows, blocks);
         // The percentiles of few samples may lie too far apart, now and then those of more.
