@@ -44,7 +44,8 @@ void FitsFile::CheckHeaders(const std::filesystem::path& path) const {
 }
 
 bool FitsFile::IsNextSafe(std::istream& bytes) const {
-    constexpr std::size_t valueStart = 10;
+    // The library takes what follows "=" for the value, be it a blank or not.
+    constexpr std::size_t valueStart = 9;
     constexpr int mostColumns = 999;
     std::array<char, 80> card{};
     bool isExtension = false;

@@ -338,9 +338,12 @@ TEST(IndexFile, AFileCutAnywhereOrContradictingItselfIsRefused) {
                                     IndexFile(stars, 500, "01:02:03:04"),
                                     IndexFile(stars, 500, "04:03:02:01", 0.9),
                                     IndexFile({}, 0)};
-    // A name that the library would write beyond its memory.
-    bad.push_back(whole);
-    bad.back().replace(whole.find("TTYPE1  = 'quads'"), 80, "TTYPE1  = " + std::string(70, 'z'));
+    // Names that the library would write beyond its memory.
+    for (const std::string start : {"TTYPE1  = ", "TTYPE1  =!'"}) {
+        bad.push_back(whole);
+        bad.back().replace(whole.find("TTYPE1  = 'quads'"), 80,
+                           start + std::string(80 - start.size(), 'z'));
+    }
     for (std::size_t length = 100; length + 2880 < whole.size(); length += 1000) {
         bad.push_back(whole.substr(0, length));
     }
