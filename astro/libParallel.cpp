@@ -12,6 +12,10 @@
 #include <thread>
 #include <vector>
 
+#if defined(__unix__)
+#include <pthread.h>
+#endif
+
 namespace vestrel {
 
 namespace {
@@ -30,22 +34,30 @@ class Helpers {
         std::condition_variable Left{};
     };
 
-    /// The only one. It is never destroyed, as threads may wait in it when the process ends.
-    static Helpers& Instance() {
-        static auto& helpers = *new Helpers;
-        return helpers;
+    /// Those of this process. They are never destroyed, as threads may wait when the process ends.
+    static Helpers& OfProcess() {
+        static const bool begun = [] {
+            Begin();
+#if defined(__unix__)
+            // Of the threads only the one that forks is in the child, where others may hold a lock.
+            pthread_atfork(nullptr, nullptr, Begin);
+#endif
+            return true;
+        }();
+        (void)begun;
+        return *ofProcess;
     }
 
     void Offer(Work& work) {
         const std::lock_guard guard(lock_);
-        room_ += work.Room;
         offered_.push_back(&work);
+        room_ += work.Room;
         try {
             while (idle_ < room_) {
                 std::thread(&Helpers::Run, this).detach();
                 ++idle_;
             }
-        } catch (const std::system_error&) {
+        } catch (const std::exception&) {
             // The system cannot start another thread; those that run do all the work.
         }
         for (int i = 0; i < work.Room; ++i) wanted_.notify_one();
@@ -59,6 +71,11 @@ class Helpers {
     }
 
  private:
+    static void Begin() {
+        ofProcess = new Helpers;
+    }
+    static inline Helpers* ofProcess = nullptr;
+
     [[noreturn]] void Run() {
         std::unique_lock guard(lock_);
         for (;;) {
@@ -136,9 +153,9 @@ void ParallelFor(int count, const std::function<void(int)>& work, const Progress
     const int threads = std::min(ParallelThreads(), count);
     if (threads > 1) {
         Helpers::Work shared{[&takePieces] { takePieces({}); }, threads - 1};
-        Helpers::Instance().Offer(shared);
+        Helpers::OfProcess().Offer(shared);
         takePieces(progress);
-        Helpers::Instance().Withdraw(shared);
+        Helpers::OfProcess().Withdraw(shared);
     } else {
         takePieces(progress);
     }

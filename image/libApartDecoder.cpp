@@ -16,7 +16,6 @@
 #include <ctime>
 #include <memory>
 
-#include "astro/libParallel.h"
 #include "image/libPictureChannel.h"
 
 namespace vestrel {
@@ -93,7 +92,6 @@ std::uint64_t MappedBytes() {
     Limit(RLIMIT_CPU, limits.ProcessorSeconds);
     Limit(RLIMIT_CORE, 0);
     Limit(RLIMIT_FSIZE, 0);
-    const ThreadLimit alone(1);  // the threads of the parent did not come along
     try {
         PictureSender sender(socket, parts);
         sender.End(decode(sender));

@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#if defined(__unix__)
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
+
 #include <array>
 #include <atomic>
 #include <bit>
@@ -287,6 +292,41 @@ TEST(ParallelFor, CallsEveryPieceOnceAndReportsToItsCaller) {
                      3, [](int) {}, [](int, int) { throw std::runtime_error("progress"); }),
                  std::runtime_error);
 }
+
+TEST(ParallelFor, InsideItselfAndOfSeveralThreadsAtOnceDoesAllAndEnds) {
+    const ThreadsForNow now(3);
+    std::array<std::atomic<int>, 4> done{};
+    std::vector<std::jthread> callers;
+    for (std::atomic<int>& mine : done) {
+        callers.emplace_back([&mine] {
+            for (int round = 0; round < 100; ++round) {
+                ParallelFor(5, [&mine](int) { ParallelFor(3, [&mine](int) { ++mine; }); });
+            }
+        });
+    }
+    callers.clear();
+    for (const std::atomic<int>& all : done) EXPECT_EQ(all, 1500);
+}
+
+#if defined(__unix__)
+TEST(ParallelFor, HasHelpersInAChildProcessToo) {
+    const ThreadsForNow now(2);
+    ParallelFor(2, [](int) {});
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(20);
+        std::atomic<int> begun{0};
+        ParallelFor(2, [&begun](int) {
+            ++begun;
+            while (begun < 2) std::this_thread::yield();
+        });
+        _exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+#endif
 
 }  // namespace
 }  // namespace vestrel
