@@ -127,21 +127,17 @@ int ParallelThreads() {
 }
 
 void ParallelFor(int count, const std::function<void(int)>& work, const Progress& progress) {
-    std::atomic<int> next{0};
+    std::atomic<int> next{1};  // the caller does the first piece, so that it hears of its progress
     std::atomic<int> done{0};
-    bool reported = false;
     std::mutex failureLock;
     std::exception_ptr failure;
 
-    const auto takePieces = [&](const Progress& report) {
+    const auto takePieces = [&](int first, const Progress& report) {
         try {
-            for (int i = next++; i < count; i = next++) {
+            for (int i = first; i < count; i = next++) {
                 work(i);
                 const int finished = ++done;
-                if (report) {
-                    reported = true;
-                    report(finished, count);
-                }
+                if (report) report(finished, count);
             }
         } catch (...) {
             next = count;
@@ -152,16 +148,14 @@ void ParallelFor(int count, const std::function<void(int)>& work, const Progress
 
     const int threads = std::min(ParallelThreads(), count);
     if (threads > 1) {
-        Helpers::Work shared{[&takePieces] { takePieces({}); }, threads - 1};
+        Helpers::Work shared{[&] { takePieces(next++, {}); }, threads - 1};
         Helpers::OfProcess().Offer(shared);
-        takePieces(progress);
+        takePieces(0, progress);
         Helpers::OfProcess().Withdraw(shared);
     } else {
-        takePieces(progress);
+        takePieces(0, progress);
     }
     if (failure) std::rethrow_exception(failure);
-    // The other threads can have done everything before this one came to it.
-    if (progress && !reported && count > 0) progress(count, count);
 }
 
 }  // namespace vestrel

@@ -10,8 +10,8 @@ namespace vestrel {
 using Progress = std::function<void(int done, int total)>;
 
 /// Calls `work(i)` once for every i in 0..count−1, in any order and on several threads, and
-/// `progress(done, count)` after each piece that the calling thread did itself, and at the end when
-/// it did none, so that a stop is always noticed. Returns when all is done. Pieces must not share
+/// `progress(done, count)` after each piece that the calling thread did itself. It does at least
+/// the first one, so that a stop is always noticed. Returns when all is done. Pieces must not share
 /// what they write; then the result cannot depend on the number of threads. When a piece throws, no
 /// further pieces are begun, and the first exception is rethrown once the running ones have ended.
 void ParallelFor(int count, const std::function<void(int)>& work, const Progress& progress = {});

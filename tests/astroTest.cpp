@@ -272,7 +272,8 @@ TEST(ParallelFor, CallsEveryPieceOnceAndReportsToItsCaller) {
         for (int round = 0; round < 300; ++round) {
             int heard = 0;
             ParallelFor(
-                2, [](int) {}, [&](int, int) { ++heard; });
+                2, [&](int i) { ASSERT_TRUE(i == 1 || std::this_thread::get_id() == caller); },
+                [&](int, int) { ++heard; });
             ASSERT_GE(heard, 1);
         }
         std::atomic<int> begun{0};
