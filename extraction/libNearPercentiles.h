@@ -14,8 +14,8 @@ namespace vestrel {
 /// values, a window about the percentiles. One vector comparison finds all sums that a sample
 /// belongs to, so sliding down needs no search; sliding right adds the sums of a column and
 /// subtracts those of another (Perreault & Hébert 2007, IEEE Trans. Image Process. 16, 2389, with a
-/// histogram of the window only). One comparison finds the percentile among the sums of the box.
-/// The window follows the percentiles down the image.
+/// histogram of the window only). The signs of the box's sums, less what they must reach, tell the
+/// percentile. The window follows the percentiles down the image.
 ///
 /// Rows that leave without having come make sums fall with the value, so a sum below the window may
 /// exceed the one at its start, by at most a bound that is known for each column of boxes. A box
