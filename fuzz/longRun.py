@@ -2,8 +2,8 @@
 """Fuzzes one reader after the other for hours and keeps count; fuzz/run --hours starts it.
 
 A finding is made small and kept in build/fuzz/findings; the run goes on after it. What the corpus has
-grown by is thinned to what reaches new code. The table in docs/RELIABILITY.md is added to: executions
-and hours are those of all runs together.
+grown by is thinned to what reaches new code, and packed into fuzz/kept, where the next run and the tests
+begin. The table in docs/RELIABILITY.md is added to: executions and hours are those of all runs together.
 """
 import argparse
 import datetime
@@ -13,6 +13,7 @@ import re
 import shutil
 import subprocess
 import sys
+import tarfile
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
@@ -50,8 +51,9 @@ class Reader:
         self.log = BUILT / "logs" / f"{name}.log"
         for folder in (self.corpus, self.findings, self.log.parent):
             folder.mkdir(parents=True, exist_ok=True)
-        self.given = [f for f in (ROOT / "fuzz/corpus" / name, ROOT / "fuzz/regressions" / name)
-                      if f.is_dir()]
+        self.kept = ROOT / "fuzz/kept" / f"{name}.tar.xz"
+        self.given = [folder for folder in (ROOT / "fuzz/corpus" / name, BUILT / "fuzz/kept" / name,
+                                            ROOT / "fuzz/regressions" / name) if folder.is_dir()]
         self.executions = self.edges = self.counters = 0
         self.cpu = 0.0
         self.found = set()
@@ -71,15 +73,19 @@ class Reader:
 
     def fuzz(self, seconds, by_the_clock):
         dictionary = ROOT / "fuzz" / f"{self.name}.dict"
-        flags = ["-timeout=10", "-rss_limit_mb=1024", "-max_len=16384", "-print_final_stats=1",
+        flags = ["-timeout=10", "-rss_limit_mb=1024", "-max_len=32768", "-print_final_stats=1",
                  f"-artifact_prefix={self.findings}/{self.name}-"]
         if dictionary.exists():
             flags.append(f"-dict={dictionary}")
         begin = time.monotonic()
         left = lambda: seconds - (time.monotonic() - begin if by_the_clock else self.cpu)
         while left() > FEWEST_SECONDS:
+            # In the second half, inputs that come nearer to a value compared with are kept too.
+            nearing = left() < seconds / 2
+            until = left() if nearing else max(left() - seconds / 2, FEWEST_SECONDS)
             before, start = set(self.findings.iterdir()), time.monotonic()
-            code = self.run(*flags, f"-max_total_time={int(left())}", self.corpus, *self.given)
+            code = self.run(*flags, f"-use_value_profile={int(nearing)}",
+                            f"-max_total_time={int(until)}", self.corpus, *self.given)
             if code == 0 and time.monotonic() - start > FEWEST_SECONDS / 2:
                 continue  # a shared machine gave less than was asked for: the rest
             new = [path for path in set(self.findings.iterdir()) - before
@@ -112,6 +118,18 @@ class Reader:
             thinned.rename(self.corpus)
         shutil.rmtree(thinned, ignore_errors=True)
 
+    def keep(self):
+        """Packs the corpus, in the same bytes for the same inputs."""
+        self.kept.parent.mkdir(exist_ok=True)
+        packing = self.kept.with_suffix(".tmp")
+        with tarfile.open(packing, "w:xz", preset=9) as archive:
+            for path in sorted(self.corpus.iterdir()):
+                entry = tarfile.TarInfo(path.name)
+                entry.size = path.stat().st_size
+                with open(path, "rb") as content:
+                    archive.addfile(entry, content)
+        packing.replace(self.kept)
+
 
 def main():
     parser = argparse.ArgumentParser()
@@ -130,6 +148,7 @@ def main():
         start = time.monotonic()
         reader.fuzz(options.hours * 3600, options.clock)
         reader.thin()
+        reader.keep()
         rows = read_table()
         before = rows.get(name, ["", "0", "0", "", "", "0", ""])
         rows[name] = [

@@ -1,5 +1,5 @@
-// Tables of stars: every row is accounted for, and the stars are the same after writing and reading
-// a table of them.
+// Tables of stars: every row is accounted for, and the stars are the same however the text is divided
+// among threads, and after writing and reading a table of them.
 //
 // The first byte chooses the options, the rest is the table.
 
@@ -25,9 +25,12 @@ StarTableOptions OptionsOf(unsigned char choice) {
     return options;
 }
 
+/// No input is longer than such a piece.
+constexpr std::size_t onePiece = std::size_t{1} << 15;
+
 /// False when the table was refused.
 bool ReadText(std::string_view text, const StarTableOptions& options, StarTableResult& result,
-              std::vector<SkyStar>& stars) {
+              std::vector<SkyStar>& stars, std::size_t pieceBytes = onePiece) {
     static const std::filesystem::path file = InputFolder() / "table.csv";
     WriteFile(file, text);
     const FileHandle opened = OpenFile(file, "rb");
@@ -37,12 +40,27 @@ bool ReadText(std::string_view text, const StarTableOptions& options, StarTableR
     try {
         result = ReadStarTable(
             input, "table", text.size(), options,
-            [&stars](const SkyStar& star) { stars.push_back(star); }, silent);
+            [&stars](const SkyStar& star) { stars.push_back(star); }, silent, pieceBytes);
         return true;
     } catch (const ToolFailure& failure) {
         Require(failure.what() != std::string_view("table: "), "a refused table has a reason");
         return false;
     }
+}
+
+/// Small pieces are read by many threads.
+void CheckPieces(std::string_view text, const StarTableOptions& options,
+                 const StarTableResult& whole, const std::vector<SkyStar>& stars) {
+    constexpr std::size_t aFewRows = 64;
+    StarTableResult result;
+    std::vector<SkyStar> again;
+    Require(ReadText(text, options, result, again, aFewRows), "pieces are read as the whole is");
+    Require(result.Rows == whole.Rows && result.Faults == whole.Faults, "rows are counted once");
+    Require(std::equal(again.begin(), again.end(), stars.begin(), stars.end(),
+                       [](const SkyStar& a, const SkyStar& b) {
+                           return a.Ra == b.Ra && a.Dec == b.Dec && a.Mag == b.Mag;
+                       }),
+            "pieces give the same stars in the same order");
 }
 
 void CheckAgain(const std::vector<SkyStar>& stars) {
@@ -75,7 +93,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size == 0) return 0;
     StarTableResult result;
     std::vector<SkyStar> stars;
-    if (!ReadText(TextOf(data, size).substr(1), OptionsOf(data[0]), result, stars)) return 0;
+    const std::string_view text = TextOf(data, size).substr(1);
+    const StarTableOptions options = OptionsOf(data[0]);
+    if (!ReadText(text, options, result, stars)) return 0;
     Require(result.Stars == stars.size() && !stars.empty(), "every star is handed over");
     Require(
         result.Rows == std::accumulate(result.Faults.begin(), result.Faults.end(), result.Stars),
@@ -83,6 +103,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     for (const SkyStar& star : stars) {
         Require(StoredStar(star).has_value(), "every star can be stored");
     }
+    CheckPieces(text, options, result, stars);
     CheckAgain(stars);
     return 0;
 }

@@ -43,7 +43,7 @@ void SetPreference(ProgramState& state, const std::string& name, const std::stri
 }
 
 void LoadPreferences(ProgramState& state) {
-    constexpr std::size_t longestFile = 1 << 18;
+    constexpr std::size_t longestFile = 1 << 20;  // more than is ever written
     state.Preferences.clear();
     std::vector<unsigned char> bytes;
     if (!ReadWholeFile(PreferencesFile(), longestFile, bytes)) return;
