@@ -1,5 +1,5 @@
-// Tables of stars: every row is accounted for, and the stars are the same however the text is divided
-// among threads, and after writing and reading a table of them.
+// Tables of stars: every row is accounted for, and the stars are the same however the text is
+// divided among threads, and after writing and reading a table of them.
 //
 // The first byte chooses the options, the rest is the table.
 
