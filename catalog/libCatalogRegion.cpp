@@ -127,6 +127,19 @@ std::optional<PlateStarList> RegionStarsInMemory(const CatalogCache& cache,
     });
 }
 
+PlateStarList OnThisSide(PlateStarList stars, SkyPosition centre) {
+    Projection plane;
+    plane.SetProjectionCentre(centre, 1);
+    std::int32_t kept = 0;
+    for (std::int32_t i = 1; i <= stars.Count(); ++i) {
+        double xi = 0;
+        double eta = 0;
+        if (plane.SkyToPlane({stars[i].Ra, stars[i].Dec}, xi, eta) >= 0) stars[++kept] = stars[i];
+    }
+    stars.Resize(kept);
+    return stars;
+}
+
 PlateStarList FieldStars(CatalogCache& cache, Projection& projection, SkyPosition centre,
                          double radius, double magLimit) {
     constexpr std::int32_t mostStars = 1000;

@@ -33,6 +33,11 @@ std::optional<PlateStarList> RegionStarsInMemory(const CatalogCache& cache,
                                                  const Projection& projection, SkyPosition centre,
                                                  double radius, double magLimit);
 
+/// Leaves out the stars of the far hemisphere. `RegionStars` has some when the cache holds cells
+/// there from an earlier search: the plane folds them onto this hemisphere, mirrored, where an
+/// image of that part of the sky would match them.
+PlateStarList OnThisSide(PlateStarList stars, SkyPosition centre);
+
 /// The stars of the cells that the last `LoadRegion` touched, within `radius` (radians) of a centre
 /// and no fainter than `magLimit`, at most 1000, far hemisphere excluded. Sets the centre of
 /// `projection` to it.

@@ -157,6 +157,11 @@ SkyPosition MiddleOf(const LinearPart& part) {
 // ---- the lists ----
 
 void AddCentre(PictureHints& hints, SkyPosition position, std::string source) {
+    // The π of parsed angles is a little too large: 90° lies beyond the pole by 2e-10.
+    constexpr double rounding = 1e-8;
+    constexpr double pole = std::numbers::pi / 2;
+    if (std::fabs(position.Dec) < pole + rounding)
+        position.Dec = std::clamp(position.Dec, -pole, pole);
     if (!IsPosition(position)) return;
     position.Ra = std::fmod(position.Ra, fullCircle);
     if (position.Ra < 0) position.Ra += fullCircle;

@@ -13,7 +13,7 @@ namespace vestrel {
 RegionSettings RegionSettingsFor(double width, double height, double maxError,
                                  const AlignSettings& align) {
     const double radius = std::sqrt(width * width + height * height) / 2;
-    return {radius, MagnitudeLimitFor(radius), maxError, align};
+    return {radius, MagnitudeLimitFor(radius), maxError, align, false};
 }
 
 namespace {
@@ -26,6 +26,11 @@ Projection PlaneAbout(SkyPosition centre) {
 
 }  // namespace
 
+RegionMatch RegionMatcher::RegionOf(SkyPosition centre, PlateStarList stars) const {
+    if (settings_.ThisSide) stars = OnThisSide(std::move(stars), centre);
+    return {centre, std::move(stars), {}};
+}
+
 RegionMatch RegionMatcher::Read(SkyPosition centre) {
     isMatched_ = !ahead_.empty() && ahead_.front().Centre.Ra == centre.Ra &&
                  ahead_.front().Centre.Dec == centre.Dec && catalog_.Changes == changesAtMatch_;
@@ -36,10 +41,8 @@ RegionMatch RegionMatcher::Read(SkyPosition centre) {
         return region;
     }
     ahead_.clear();
-    return {centre,
-            RegionStars(catalog_, PlaneAbout(centre), centre, settings_.Radius,
-                        settings_.MagnitudeLimit),
-            {}};
+    return RegionOf(centre, RegionStars(catalog_, PlaneAbout(centre), centre, settings_.Radius,
+                                        settings_.MagnitudeLimit));
 }
 
 /// Matches catalog stars, on any thread, with triangles of the image that no other thread uses.
@@ -92,7 +95,7 @@ void RegionMatcher::MatchWithNext(RegionMatch& region, std::span<const SkyPositi
         std::optional<PlateStarList> stars = RegionStarsInMemory(
             catalog_, PlaneAbout(next[i]), next[i], settings_.Radius, settings_.MagnitudeLimit);
         if (!stars) return;
-        matched[i] = {next[i], std::move(*stars), {}};
+        matched[i] = RegionOf(next[i], std::move(*stars));
         matched[i].Found = Align(matched[i].CatalogStars, {});
         complete[i] = 1;
     };

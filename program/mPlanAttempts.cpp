@@ -69,8 +69,9 @@ PlateStarList CatalogAbout(ProgramState& state, SkyPosition centre, double radiu
     Projection plane;
     plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
     PlateStarList stars =
-        RegionStars(state.Catalog, plane, centre, std::sin(std::min(radius, widest)),
-                    MagnitudeLimitFor(radius) + deeper);
+        OnThisSide(RegionStars(state.Catalog, plane, centre, std::sin(std::min(radius, widest)),
+                               MagnitudeLimitFor(radius) + deeper),
+                   centre);
     stars.Resize(std::min(stars.Count(), most));
     return stars;
 }
@@ -92,7 +93,8 @@ std::optional<PlateSolution> SolutionOfPlate(ProgramState& state, const MatchedP
     region.Found.Matches = flat.Pairs;
     region.Found.Constants = flat.Plate;
     PlateSolution solution = SolutionOf(region, places.Stars(), image.Width, image.Height);
-    solution.ExtractedCount = state.Extraction.StarsFound;
+    // Other lists have stars that the plain extraction did not take for any.
+    solution.ExtractedCount = std::max(state.Extraction.StarsFound, places.Stars().Count());
     if (!std::isfinite(solution.Rms)) return std::nullopt;
     return solution;
 }

@@ -7,6 +7,7 @@
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "catalog/libCatalogRegion.h"
 #include "program/mStarExtraction.h"
 #include "program/mStopwatch.h"
 
@@ -58,9 +59,11 @@ void KeepBestAttempt(SolveReport& report, const RegionMatch& region) {
 /// blind solve, the quads that fitted before count as searches too.
 MatchConfidence ConfidenceOfSolution(const ProgramState& state, const PlateSolution& solution) {
     const std::int32_t most = state.Parameters.MaxStars;
-    MatchEvidence evidence = EvidenceOf(solution.Transform, solution.CatalogStars,
-                                        solution.PlateStars, state.Image.Width, state.Image.Height);
-    evidence.SearchedCatalog = std::min(solution.CatalogCount(), most);
+    const PlateStarList catalog =
+        OnThisSide(solution.CatalogStars, {solution.TangentRA, solution.TangentDec});
+    MatchEvidence evidence = EvidenceOf(solution.Transform, catalog, solution.PlateStars,
+                                        state.Image.Width, state.Image.Height);
+    evidence.SearchedCatalog = std::min(catalog.Count(), most);
     evidence.SearchedImage = std::min(solution.PlateStars.Count(), most);
     evidence.Trials = solution.RegionsSearched;
     if (state.Report.Blind) evidence.Trials += state.QuadMatch.FourStarFits;
@@ -210,7 +213,8 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
     ShowStatus(state, port, "Attempting Match");
     port.Yield();
 
-    const RegionSettings settings = SettingsFor(search, state.Parameters);
+    RegionSettings settings = SettingsFor(search, state.Parameters);
+    settings.ThisSide = search.ThisSide;
     report.SearchRadius = settings.Radius;
     report.MagnitudeLimit = settings.MagnitudeLimit;
     RegionMatcher matcher(state.Catalog, state.PlateStars, settings);

@@ -20,6 +20,9 @@ struct PlateSearch {
     std::function<bool(const PlateSolution&)> Accept = {};
     /// Called between two regions; true stops the search.
     std::function<bool()> MustEnd = {};
+    /// Whether catalog stars of the far hemisphere are left out, which the cache may hold from
+    /// solves before this one.
+    bool ThisSide = false;
 };
 
 /// The parameters that the matcher needs.

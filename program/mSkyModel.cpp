@@ -72,8 +72,16 @@ std::optional<ImageSkyModel> SkyModelOfImage(const ProgramState& state) {
     const auto& map = header.PlateTransform;
     const PlateConstants constants{map[0][0], map[0][1], map[0][2],
                                    map[1][0], map[1][1], map[1][2]};
-    auto plate = SkyModelOfPlate(constants, {header.RaRef, header.DecRef}, header.PlateScale,
-                                 state.Image.Width, state.Image.Height);
+    const auto modelWithin = [&](double pixels) {
+        return SkyModelOfPlate(constants, {header.RaRef, header.DecRef}, header.PlateScale,
+                               state.Image.Width, state.Image.Height, pixels);
+    };
+    auto plate = modelWithin(UsablePlateModel);
+    const bool rough = !plate;
+    // The plane of a plate suits the widest images too little to be followed to their corners, but
+    // well enough to find the stars there.
+    constexpr double roughly = 1e4;
+    if (rough && state.Solution) plate = modelWithin(roughly);
     if (!plate) return std::nullopt;
     ImageSkyModel result{*plate, std::nullopt, 0, {}};
     if (state.Solution) {
@@ -83,6 +91,7 @@ std::optional<ImageSkyModel> SkyModelOfImage(const ProgramState& state) {
         result.CatalogStars = CatalogOfImage(state, result.Model, result.MagnitudeLimit);
         result.Solution = SolutionOfAllStars(state, result.CatalogStars);
         if (result.Solution) result.Model = result.Solution->Fit.Model;
+        if (rough && !result.Solution) return std::nullopt;
     }
     return result;
 }

@@ -154,6 +154,11 @@ std::size_t ContinuationColumn(std::string_view line) {
     return hasLabel ? value : start + 2;
 }
 
+/// An angle of 0..360° with two decimals: what would be rounded to 360 is 0.
+std::string DegreesText(double degrees) {
+    return Fixed(std::fmod(RoundToDecimals(degrees, 2), 360), 2) + DegreeSign;
+}
+
 std::string SolutionText(const ProgramState& state) {
     const PlateSolution& solution = *state.Solution;
     const ImageOrientation orientation = OrientationOf(solution, state.Image);
@@ -161,9 +166,8 @@ std::string SolutionText(const ProgramState& state) {
     table.Line("Centre (J2000)", Position(solution.Centre()));
     table.Line("Field", FieldSizeText(state.Image.Width, state.Image.Height, solution.Scale));
     table.Line("Scale", Fixed(1 / solution.Scale, 4) + "\"/px");
-    table.Line("Rotation", Fixed(PositionAngleDegrees(solution.Angle), 2) + DegreeSign +
-                               "   (up is " + Fixed(orientation.UpPositionAngle, 2) + DegreeSign +
-                               " east of north)");
+    table.Line("Rotation", DegreesText(PositionAngleDegrees(solution.Angle)) + "   (up is " +
+                               DegreesText(orientation.UpPositionAngle) + " east of north)");
     table.Line("Mirrored", orientation.Mirrored ? "yes (with north up, east is right)"
                                                 : "no (with north up, east is left)");
     table.Line("Stretch, skew",
@@ -227,6 +231,9 @@ std::vector<std::string> Cautions(const ProgramState& state) {
     }
     if (solution.Confidence.Candidates > 0 && !IsSure(solution.Confidence)) {
         cautions.emplace_back("so few stars can match by chance");
+    }
+    if (state.Sky.Made && !state.Sky.Model) {
+        cautions.emplace_back("the field is too wide: positions away from its centre are rough");
     }
     return cautions;
 }

@@ -21,6 +21,7 @@
 #include "program/mImageView.h"
 #include "program/mPlateMatch.h"
 #include "program/mSearchPlan.h"
+#include "program/mSkyModel.h"
 #include "program/mSolveReport.h"
 #include "tests/skySupport.h"
 #include "tests/testSupport.h"
@@ -216,6 +217,42 @@ TEST_F(ClosedLoop, OverlaysAndGridAreTrueToTheCornersOfADistortedFrame) {
     EXPECT_TRUE(State.Sky.Made);
     ForgetSolution(State);
     EXPECT_FALSE(State.Sky.Made || State.Sky.Model);
+}
+
+TEST_F(ClosedLoop, ThePictureOfAnUltraWideLensIsRightToItsCorners) {
+    for (const double width : {48 * degree, 60 * degree}) {
+        FrameGeometry geometry = FrameAt({80, 10}, 10);
+        geometry.RadiansPerPixel = width / frameWidth;
+        const TemporaryFolder wide;
+        std::vector<CatalogStar> catalog;
+        for (const FrameStar& star : RandomFrameStars(geometry, 400, 1, 5.5, 4)) {
+            catalog.push_back(*StoredStar(star.Sky));
+        }
+        WriteCatalog(wide.Path, catalog);
+        State.Catalog = {};
+        State.Catalog.Folder = wide.Path;
+        FrameExposure exposure;
+        exposure.ZeroPoint = ZeroPointFor(exposure, 5.5, 10);
+        const auto stars = CatalogFrameStars(wide.Path, geometry, 5.5);
+        const auto bytes = FrameFileBytes(RenderFrame(geometry, exposure, stars), 16, {});
+        const auto path = Frames / "wide.fit";
+        WriteFile(path, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+        ASSERT_TRUE(OpenImage(State, Port, TextFromPath(path)));
+        SearchRequest request;
+        request.Around = {{geometry.Centre, width, width * frameHeight / frameWidth, 1}};
+        PlanReport plan;
+        ASSERT_EQ(SolveByPlan(State, Port, request, plan), SolveCode::Solved);
+        EXPECT_EQ(Cautions(State), std::vector<std::string>());
+        const auto model = SkyModelOfImage(State);
+        ASSERT_TRUE(model);
+        for (const PixelPoint corner :
+             {PixelPoint{0, 0}, PixelPoint{frameWidth - 1, 0}, PixelPoint{0, frameHeight - 1},
+              PixelPoint{frameWidth - 1, frameHeight - 1}}) {
+            const auto [ra, dec] = FrameToSky(geometry, {corner.X, corner.Y});
+            EXPECT_LT(SkyDistance(model->Model.SkyOf(corner), {ra, dec}) / geometry.RadiansPerPixel,
+                      0.5);
+        }
+    }
 }
 
 TEST_F(ClosedLoop, FramesWithoutASolutionGetNone) {

@@ -264,6 +264,24 @@ TEST(Solver, StopsWhenAskedTo) {
     EXPECT_TRUE(solver.Solve(TextFromPath(sky.Frame), sky.Near).Solved());
 }
 
+TEST(Solver, TheOppositeSkyOfASolveBeforeIsNoEvidence) {
+    const SmallSky& sky = Sky();
+    Solver solver(sky.Settings);
+    const SolverOutcome first = solver.Solve(TextFromPath(sky.Frame), sky.Near);
+    ASSERT_TRUE(first.Solved()) << first.Reason;
+    // The cells of the frame are in memory now. Seen from the opposite place, the plane folds their
+    // stars to where a mirrored frame would have them.
+    SolverHints opposite = sky.Near;
+    opposite.WholeSky = false;
+    opposite.Centres = {{180 + sky.Near.Centres[0].Ra, -sky.Near.Centres[0].Dec, 0.2}};
+    const SolverOutcome mirrored = solver.Solve(TextFromPath(sky.Frame), opposite);
+    EXPECT_FALSE(mirrored.Solved());
+    EXPECT_FALSE(mirrored.Candidate);
+    const SolverOutcome again = solver.Solve(TextFromPath(sky.Frame), sky.Near);
+    ASSERT_TRUE(again.Solved());
+    EXPECT_EQ(again.Certainty.Log10FalseAlarm, first.Certainty.Log10FalseAlarm);
+}
+
 TEST(Solver, SeveralAtOnceGiveWhatOneGives) {
     const SmallSky& sky = Sky();
     const auto solve = [&sky](int threads) {
