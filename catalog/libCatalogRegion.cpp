@@ -1,8 +1,10 @@
 #include "catalog/libCatalogRegion.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "astro/libMath.h"
+#include "catalog/libCellGrid.h"
 
 namespace vestrel {
 
@@ -76,7 +78,8 @@ namespace {
 /// that its stars are in memory; when it returns false, there is no result.
 template <typename Cache, typename Has>
 std::optional<PlateStarList> CollectRegion(Cache& cache, const Projection& projection,
-                                           double radius, double magLimit, Has has) {
+                                           double radius, double magLimit, SkySides sides,
+                                           Has has) {
     constexpr std::int32_t mostStars = 10000;
     const double limit = radius * SolveArcsecondsPerRadian;
     const double limitSquared = limit * limit;
@@ -97,7 +100,8 @@ std::optional<PlateStarList> CollectRegion(Cache& cache, const Projection& proje
             if (near && reach.Excludes(star)) continue;
             double xi = 0;
             double eta = 0;
-            projection.SkyToPlane(PositionOf(star), xi, eta);
+            const double cosine = projection.SkyToPlane(PositionOf(star), xi, eta);
+            if (sides == SkySides::This && !(cosine >= 0)) continue;
             if (stars.Count() < mostStars && xi * xi + eta * eta <= limitSquared) {
                 stars.Add(ProjectedStar(star, xi, eta, magnitude));
             }
@@ -110,9 +114,9 @@ std::optional<PlateStarList> CollectRegion(Cache& cache, const Projection& proje
 }  // namespace
 
 PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, SkyPosition centre,
-                          double radius, double magLimit) {
+                          double radius, double magLimit, SkySides sides) {
     cache.LoadRegion(centre, radius);
-    return *CollectRegion(cache, projection, radius, magLimit, [&](CachedCell& cell) {
+    return *CollectRegion(cache, projection, radius, magLimit, sides, [&](CachedCell& cell) {
         cache.ReadDownTo(cell, magLimit);
         return true;
     });
@@ -120,11 +124,25 @@ PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, Sky
 
 std::optional<PlateStarList> RegionStarsInMemory(const CatalogCache& cache,
                                                  const Projection& projection, SkyPosition centre,
-                                                 double radius, double magLimit) {
+                                                 double radius, double magLimit, SkySides sides) {
     if (!cache.HoldsRegion(centre, radius)) return std::nullopt;
-    return CollectRegion(cache, projection, radius, magLimit, [&](const CachedCell& cell) {
+    return CollectRegion(cache, projection, radius, magLimit, sides, [&](const CachedCell& cell) {
         return CatalogCache::HoldsDownTo(cell, magLimit);
     });
+}
+
+PlateStarList WholeRegionStars(CatalogCache& cache, SkyPosition centre, double radius,
+                               double magLimit) {
+    constexpr double wide = 0.17;
+    const double angle = std::asin(std::min(radius, 1.0));
+    if (radius > wide) {
+        for (const CellPosition& cell : AllCells()) {
+            if (CellTouches(cell, centre, angle)) cache.LoadCell(CellName(cell));
+        }
+    }
+    Projection plane;
+    plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
+    return RegionStars(cache, plane, centre, radius, magLimit, SkySides::This);
 }
 
 PlateStarList OnThisSide(PlateStarList stars, SkyPosition centre) {

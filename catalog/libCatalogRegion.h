@@ -15,27 +15,36 @@ namespace vestrel {
 /// @param halfDiagonal radians, above 0
 double MagnitudeLimitFor(double halfDiagonal);
 
+/// Which stars of the cache are seen in a region. The plane folds those of the far hemisphere onto
+/// this one, mirrored: where an image of that part of the sky would match them.
+enum class SkySides { Both, This };
+
 /// The stars of a region that are brighter than a limit, for a solve.
 ///
 /// Loads the region, then projects every cached star with `projection`, whose centre and scale
 /// (arcseconds per radian) the caller has set. A star belongs to the region when its distance *on
 /// the plane* is at most the radius; stars of the far hemisphere near the opposite point are
-/// therefore included.
+/// therefore included when the cache holds cells there, unless `sides` leaves them out.
 /// @param radius   radians
 /// @param magLimit magnitudes; a star of exactly this magnitude is left out
 /// @return at most 10000; later ones are dropped silently
 PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, SkyPosition centre,
-                          double radius, double magLimit);
+                          double radius, double magLimit, SkySides sides = SkySides::Both);
 
 /// The result of `RegionStars`, without any change of the cache; empty when a cell would have to be
 /// read.
 std::optional<PlateStarList> RegionStarsInMemory(const CatalogCache& cache,
                                                  const Projection& projection, SkyPosition centre,
-                                                 double radius, double magLimit);
+                                                 double radius, double magLimit,
+                                                 SkySides sides = SkySides::Both);
 
-/// Leaves out the stars of the far hemisphere. `RegionStars` has some when the cache holds cells
-/// there from an earlier search: the plane folds them onto this hemisphere, mirrored, where an
-/// image of that part of the sky would match them.
+/// The stars of a region on this side of the sky, from all cells that it touches. `LoadRegion`
+/// looks at a grid of points, which misses some cells of a region wider than 20°.
+/// @param centre, radius, magLimit as in `RegionStars`; also the projection's centre
+PlateStarList WholeRegionStars(CatalogCache& cache, SkyPosition centre, double radius,
+                               double magLimit);
+
+/// Leaves out the stars of the far hemisphere.
 PlateStarList OnThisSide(PlateStarList stars, SkyPosition centre);
 
 /// The stars of the cells that the last `LoadRegion` touched, within `radius` (radians) of a centre

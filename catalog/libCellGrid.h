@@ -33,6 +33,9 @@ const std::vector<CellPosition>& AllCells();
 /// The index of a grid cell in `AllCells`.
 std::size_t CellNumber(const CellPosition& cell);
 
+/// Whether a cell may hold a star within `radius` (radians) of a position.
+bool CellTouches(const CellPosition& cell, SkyPosition centre, double radius);
+
 /// The part of the whole sphere that a cell covers, 0..1.
 double CellAreaFraction(const CellPosition& cell);
 

@@ -6,14 +6,13 @@
 #include <utility>
 
 #include "astro/libMath.h"
-#include "catalog/libCatalogRegion.h"
 
 namespace vestrel {
 
 RegionSettings RegionSettingsFor(double width, double height, double maxError,
                                  const AlignSettings& align) {
     const double radius = std::sqrt(width * width + height * height) / 2;
-    return {radius, MagnitudeLimitFor(radius), maxError, align, false};
+    return {radius, MagnitudeLimitFor(radius), maxError, align, SkySides::Both};
 }
 
 namespace {
@@ -26,11 +25,6 @@ Projection PlaneAbout(SkyPosition centre) {
 
 }  // namespace
 
-RegionMatch RegionMatcher::RegionOf(SkyPosition centre, PlateStarList stars) const {
-    if (settings_.ThisSide) stars = OnThisSide(std::move(stars), centre);
-    return {centre, std::move(stars), {}};
-}
-
 RegionMatch RegionMatcher::Read(SkyPosition centre) {
     isMatched_ = !ahead_.empty() && ahead_.front().Centre.Ra == centre.Ra &&
                  ahead_.front().Centre.Dec == centre.Dec && catalog_.Changes == changesAtMatch_;
@@ -41,8 +35,10 @@ RegionMatch RegionMatcher::Read(SkyPosition centre) {
         return region;
     }
     ahead_.clear();
-    return RegionOf(centre, RegionStars(catalog_, PlaneAbout(centre), centre, settings_.Radius,
-                                        settings_.MagnitudeLimit));
+    return {centre,
+            RegionStars(catalog_, PlaneAbout(centre), centre, settings_.Radius,
+                        settings_.MagnitudeLimit, settings_.Sides),
+            {}};
 }
 
 /// Matches catalog stars, on any thread, with triangles of the image that no other thread uses.
@@ -92,10 +88,11 @@ void RegionMatcher::MatchWithNext(RegionMatch& region, std::span<const SkyPositi
             return;
         }
         const auto i = static_cast<std::size_t>(number - 1);
-        std::optional<PlateStarList> stars = RegionStarsInMemory(
-            catalog_, PlaneAbout(next[i]), next[i], settings_.Radius, settings_.MagnitudeLimit);
+        std::optional<PlateStarList> stars =
+            RegionStarsInMemory(catalog_, PlaneAbout(next[i]), next[i], settings_.Radius,
+                                settings_.MagnitudeLimit, settings_.Sides);
         if (!stars) return;
-        matched[i] = RegionOf(next[i], std::move(*stars));
+        matched[i] = {next[i], std::move(*stars), {}};
         matched[i].Found = Align(matched[i].CatalogStars, {});
         complete[i] = 1;
     };

@@ -10,6 +10,7 @@
 
 #include "astro/libSphericalMath.h"
 #include "catalog/libCatalogCache.h"
+#include "catalog/libCatalogRegion.h"
 #include "matching/libAlign.h"
 
 namespace vestrel {
@@ -20,7 +21,7 @@ struct RegionSettings {
     double MagnitudeLimit = 0;  ///< stars of this magnitude and fainter are left out
     double MaxError = 0;        ///< as in `AlignImages`
     AlignSettings Align;
-    bool ThisSide = false;  ///< whether stars of the far hemisphere are left out
+    SkySides Sides = SkySides::Both;
 };
 /// The settings for a field of view (radians): the radius is half its diagonal, and the magnitude
 /// limit suits that radius.
@@ -64,7 +65,6 @@ class RegionMatcher {
 
  private:
     Alignment Align(const PlateStarList& catalogStars, const Progress& progress);
-    RegionMatch RegionOf(SkyPosition centre, PlateStarList stars) const;
 
     CatalogCache& catalog_;
     const PlateStarList& plateStars_;

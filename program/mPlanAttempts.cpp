@@ -66,12 +66,9 @@ PlateStarList CatalogAbout(ProgramState& state, SkyPosition centre, double radiu
     constexpr double deeper = 1.5;  // magnitudes deeper than the plain search
     constexpr double widest = 1.2;  // radians
     constexpr std::int32_t most = 600;
-    Projection plane;
-    plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
     PlateStarList stars =
-        OnThisSide(RegionStars(state.Catalog, plane, centre, std::sin(std::min(radius, widest)),
-                               MagnitudeLimitFor(radius) + deeper),
-                   centre);
+        WholeRegionStars(state.Catalog, centre, std::sin(std::min(radius, widest)),
+                         MagnitudeLimitFor(radius) + deeper);
     stars.Resize(std::min(stars.Count(), most));
     return stars;
 }

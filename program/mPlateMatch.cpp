@@ -7,7 +7,6 @@
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
-#include "catalog/libCatalogRegion.h"
 #include "program/mStarExtraction.h"
 #include "program/mStopwatch.h"
 
@@ -214,7 +213,7 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
     port.Yield();
 
     RegionSettings settings = SettingsFor(search, state.Parameters);
-    settings.ThisSide = search.ThisSide;
+    settings.Sides = search.Sides;
     report.SearchRadius = settings.Radius;
     report.MagnitudeLimit = settings.MagnitudeLimit;
     RegionMatcher matcher(state.Catalog, state.PlateStars, settings);

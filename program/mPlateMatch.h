@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 
+#include "catalog/libCatalogRegion.h"
 #include "program/mGeneral.h"
 
 namespace vestrel {
@@ -20,9 +21,8 @@ struct PlateSearch {
     std::function<bool(const PlateSolution&)> Accept = {};
     /// Called between two regions; true stops the search.
     std::function<bool()> MustEnd = {};
-    /// Whether catalog stars of the far hemisphere are left out, which the cache may hold from
-    /// solves before this one.
-    bool ThisSide = false;
+    /// The cache may hold stars of the far hemisphere from solves before this one.
+    SkySides Sides = SkySides::Both;
 };
 
 /// The parameters that the matcher needs.

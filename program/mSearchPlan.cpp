@@ -188,7 +188,7 @@ class Plan {
         PlateSearch search{hint.Centre, hint.Width, hint.Height, hint.Regions,
                            state_.Parameters.MaxError};
         search.MustEnd = [this] { return MustEnd(); };
-        search.ThisSide = true;
+        search.Sides = SkySides::This;
         search.Accept = [this](const PlateSolution& solution) {
             if (IsSure(solution.Confidence)) return true;
             KeepLikelier(report_.Candidate, solution);

@@ -23,15 +23,13 @@ PlateStarList CatalogOfImage(const ProgramState& state, const SkyModel& plate, d
     constexpr std::int32_t enough = 2000;
     constexpr int mostReadings = 4;
     const double radius = 1.02 * RadiusOf(plate);
-    Projection plane;
-    plane.SetProjectionCentre(plate.Tangent, SolveArcsecondsPerRadian);
     // A cache of its own leaves that of the solve unchanged.
     CatalogCache cache;
     cache.Folder = state.Catalog.Folder;
     PlateStarList stars;
     double limit = compared + deeper;
     for (int reading = 0; reading < mostReadings; ++reading) {
-        stars = RegionStars(cache, plane, plate.Tangent, radius, limit);
+        stars = WholeRegionStars(cache, plate.Tangent, radius, limit);
         // A list that reached its limit holds stars of some cells only.
         if (stars.Count() <= enough) break;
         limit -= 1;

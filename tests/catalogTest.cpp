@@ -280,6 +280,29 @@ TEST(Region, CacheAndStarsAreThoseOfThePlainLoops) {
     }
 }
 
+TEST(Region, AWholeOneMissesNoStarAndHasNoneOfTheOppositeSky) {
+    Random random(23);
+    const PlainCatalog plain = RandomCatalog(random, 30000);
+    const TemporaryFolder folder;
+    WriteCells(folder.Path, plain);
+    CatalogCache cache;
+    cache.Folder = folder.Path;
+    for (int trial = 0; trial < 40; ++trial) {
+        const SkyPosition centre{random.Between(0, 6.28), random.Between(-1.57, 1.57)};
+        const double radius = random.Between(0.05, 0.5);  // on the plane
+        std::int64_t there = 0;
+        for (const auto& [name, stars] : plain.Files) {
+            there += std::count_if(stars.begin(), stars.end(), [&](const CatalogStar& star) {
+                return SkyDistance(PositionOf(star), centre) < std::asin(radius);
+            });
+        }
+        // Rounding may decide about a star at the rim.
+        const std::int64_t found = WholeRegionStars(cache, centre, radius, 99).Count();
+        EXPECT_NEAR(static_cast<double>(found), static_cast<double>(there), 1)
+            << "about " << centre.Ra << ", " << centre.Dec << " within " << radius;
+    }
+}
+
 TEST(Region, DropsTheStarsBeyondTheTenThousandthAndNeedsNoFolder) {
     Random random(24);
     PlainCatalog plain;

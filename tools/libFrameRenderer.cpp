@@ -229,25 +229,6 @@ class ExpectedLight {
     std::vector<std::vector<LitStar>> bands_;
 };
 
-/// Whether a cell may hold a star within `radius` (radians) of a position.
-bool CellTouches(const CellPosition& cell, SkyPosition centre, double radius) {
-    constexpr double zoneHeight = 2.5 * RadiansPerDegree;
-    const double sign = cell.South ? -1 : 1;
-    const double nearEquator = cell.Zone * zoneHeight * sign;
-    const double nearPole = nearEquator + zoneHeight * sign;
-    // The cap around a pole is one cell. All others are much narrower than half a circle, so their
-    // corners are their farthest points.
-    const bool cap = SlicesInZone(cell.Zone) == 1;
-    const double width = SliceWidth(cell.Zone) * RadiansPerDegree;
-    const SkyPosition middle{(static_cast<double>(cell.Slice) + 0.5) * width,
-                             cap ? nearPole : (nearEquator + nearPole) / 2};
-    const double corner = middle.Ra + width / 2;
-    const double reach = std::max(SkyDistance(middle, {corner, nearEquator}),
-                                  SkyDistance(middle, {corner, nearPole}));
-    constexpr double rounding = 1e-5;
-    return SkyDistance(middle, centre) <= radius + reach + rounding;
-}
-
 void SortBrightestFirst(std::vector<FrameStar>& stars) {
     std::stable_sort(stars.begin(), stars.end(),
                      [](const FrameStar& a, const FrameStar& b) { return a.Sky.Mag < b.Sky.Mag; });
