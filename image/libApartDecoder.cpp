@@ -3,6 +3,7 @@
 #ifndef _WIN32
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -77,15 +78,23 @@ std::uint64_t MappedBytes() {
 }
 
 /// All that the child process does.
-[[noreturn]] void Child(int socket, const SharedParts& parts, std::uint64_t mapped,
+[[noreturn]] void Child(int socket, pid_t parent, const SharedParts& parts, std::uint64_t mapped,
                         const DecodeCall& decode, const ApartLimits& limits) {
+    // It ends with its parent, which may have ended already.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(1);
+    // A terminal sends these to both. The parent decides: a child that ended first would look as
+    // if the picture had broken it.
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) std::signal(number, SIG_IGN);
     // Only the parent may notice how it ends: no crash report, no core file, no signal handler, and
     // no file that a tool would write.
-    for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTERM, SIGINT, SIGHUP,
-                             SIGPIPE, SIGXCPU, SIGALRM, SIGUSR1, SIGUSR2}) {
+    for (const int number :
+         {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGPIPE, SIGXCPU, SIGALRM, SIGUSR1, SIGUSR2}) {
         std::signal(number, SIG_DFL);
     }
-    socket = fcntl(socket, F_DUPFD, 3);
+    // Nothing else of the parent stays open here: no journal that it has locked, no port.
+    socket = dup2(socket, 3);
+    close_range(4, ~0U, 0);
     const int nowhere = open("/dev/null", O_RDWR);
     for (const int stream : {0, 1, 2}) dup2(nowhere, stream);
     if (mapped > 0) Limit(RLIMIT_AS, mapped + limits.Memory);
@@ -111,11 +120,9 @@ void DecodeApart(const DecodeCall& decode, PictureSink& sink, const ApartLimits&
     }
     for (const int end : ends) fcntl(end, F_SETFD, FD_CLOEXEC);
     const std::uint64_t mapped = MappedBytes();
+    const pid_t parent = getpid();
     const pid_t child = fork();
-    if (child == 0) {
-        close(ends[0]);  // so that the child notices the end of its parent
-        Child(ends[1], parts, mapped, decode, limits);
-    }
+    if (child == 0) Child(ends[1], parent, parts, mapped, decode, limits);
     close(ends[1]);
     if (child < 0) {
         close(ends[0]);

@@ -1,7 +1,10 @@
 // Decoding in a child process: what the child sends arrives, and however it ends, this process does
 // not.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +15,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
 #include <numeric>
 #include <string>
 #include <thread>
@@ -114,7 +118,7 @@ TEST(Apart, EveryCallArrivesAsItWasMade) {
 
 TEST(Apart, AChildThatEndsBadlyIsAFaultAndNothingOfItStays) {
     const std::size_t descriptors = OpenDescriptors();
-    for (const int number : {SIGSEGV, SIGBUS, SIGABRT, SIGKILL, SIGTERM, SIGPIPE}) {
+    for (const int number : {SIGSEGV, SIGBUS, SIGABRT, SIGKILL, SIGPIPE}) {
         EXPECT_EQ(FaultOf([number](PictureSink& sink) {
                       sink.Start({2, 2, 1, SampleKind::UInt8, 8, true});
                       std::raise(number);
@@ -153,6 +157,50 @@ TEST(Apart, AChildThatEndsBadlyIsAFaultAndNothingOfItStays) {
     EXPECT_EQ(OpenDescriptors(), descriptors);
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
     EXPECT_EQ(errno, ECHILD);
+}
+
+TEST(Apart, ASignalOfTheTerminalIsTheParentsAffair) {
+    EXPECT_EQ(FaultOf([](PictureSink&) {
+                  for (const int number : {SIGINT, SIGTERM, SIGHUP}) std::raise(number);
+                  return std::string("It went on.");
+              }),
+              "It went on.");
+}
+
+TEST(Apart, AChildHoldsNothingThatItsParentHasOpen) {
+    const int held = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 20);
+    ASSERT_GE(held, 20);
+    EXPECT_EQ(FaultOf([held](PictureSink&) {
+                  return std::string(fcntl(held, F_GETFD) < 0 ? "It is closed." : "It is open.");
+              }),
+              "It is closed.");
+    close(held);
+}
+
+TEST(Apart, AChildEndsWithItsParent) {
+    // The child of a process that ends becomes one of this process.
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    void* const shared = mmap(nullptr, sizeof(std::atomic<pid_t>), PROT_READ | PROT_WRITE,
+                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(shared, MAP_FAILED);
+    auto& decoder = *new (shared) std::atomic<pid_t>(0);
+    const pid_t parent = fork();
+    if (parent == 0) {
+        FaultOf([&decoder](PictureSink&) -> std::string {
+            decoder = getpid();
+            std::this_thread::sleep_for(std::chrono::seconds(30));
+            return {};
+        });
+        _exit(0);
+    }
+    while (decoder == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    kill(parent, SIGKILL);
+    EXPECT_EQ(waitpid(parent, nullptr, 0), parent);
+    int status = 0;
+    EXPECT_EQ(waitpid(decoder, &status, 0), decoder);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    munmap(shared, sizeof(std::atomic<pid_t>));
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 
 TEST(Apart, AChildThatTakesForEverOrAllMemoryIsEnded) {
