@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,8 +19,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr const char* pictureKey = "picture";
-constexpr const char* bytesKey = "picture_hex";
+constexpr const char* bytesEnding = "_hex";
 
 /// The beginning of every line; a file that begins otherwise is no journal.
 constexpr std::string_view firstWords = "{\"picture\":";
@@ -41,8 +41,20 @@ int DigitOf(char c) {
 /// The object of a line; null when it is not the line of a picture.
 Json LineOf(const std::string& text) {
     Json line = Json::parse(text, nullptr, false);
-    if (!line.is_object() || !line.contains(pictureKey) || !line[pictureKey].is_string()) return {};
+    if (!line.is_object() || !line.contains(PictureKey) || !line[PictureKey].is_string()) return {};
     return line;
+}
+
+/// The path that `AddPath` added, whose key holds a text.
+std::string PathIn(const Json& object, const std::string& key) {
+    const auto hex = object.find(key + bytesEnding);
+    if (hex == object.end() || !hex->is_string()) return object.value(key, "");
+    const auto digits = hex->get<std::string>();
+    std::string path;
+    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
+        path += static_cast<char>(DigitOf(digits[i]) * 16 + DigitOf(digits[i + 1]));
+    }
+    return path;
 }
 
 [[noreturn]] void Fail(const std::filesystem::path& file, const std::string& why) {
@@ -51,8 +63,8 @@ Json LineOf(const std::string& text) {
 
 }  // namespace
 
-void AddPicturePath(Json& line, const std::string& path) {
-    line[pictureKey] = path;
+void AddPath(Json& object, const std::string& key, const std::string& path) {
+    object[key] = path;
     if (IsUtf8(path)) return;
     constexpr const char* digits = "0123456789abcdef";
     std::string hex;
@@ -61,18 +73,21 @@ void AddPicturePath(Json& line, const std::string& path) {
         hex += digits[byte / 16];
         hex += digits[byte % 16];
     }
-    line[bytesKey] = hex;
+    object[key + bytesEnding] = hex;
 }
 
 std::string PicturePathOf(const Json& line) {
-    const auto hex = line.find(bytesKey);
-    if (hex == line.end() || !hex->is_string()) return line.value(pictureKey, "");
-    const auto digits = hex->get<std::string>();
-    std::string path;
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
-        path += static_cast<char>(DigitOf(digits[i]) * 16 + DigitOf(digits[i + 1]));
+    return PathIn(line, PictureKey);
+}
+
+std::vector<std::string> WrittenPathsOf(const Json& line) {
+    std::vector<std::string> paths;
+    const auto files = line.find("files");
+    if (files == line.end() || !files->is_object()) return paths;
+    for (const auto& [key, file] : files->items()) {
+        if (file.is_string() && !key.ends_with(bytesEnding)) paths.push_back(PathIn(*files, key));
     }
-    return path;
+    return paths;
 }
 
 std::size_t ReadJournal(const std::filesystem::path& file,
@@ -98,7 +113,13 @@ Journal::Journal(const std::filesystem::path& file) : file_(file) {
     if (handle_ < 0)
         Fail(file, "cannot be opened: " + std::generic_category().message(errno) + ".");
     try {
-        if (flock(handle_, LOCK_EX | LOCK_NB) != 0) Fail(file, "is in use by another process.");
+        // A pipe would be read to its end, which never comes.
+        struct stat facts {};
+        if (fstat(handle_, &facts) != 0 || !S_ISREG(facts.st_mode)) Fail(file, "is no file.");
+        if (flock(handle_, LOCK_EX | LOCK_NB) != 0) {
+            if (errno == EWOULDBLOCK) Fail(file, "is in use by another process.");
+            Fail(file, "cannot be locked: " + std::generic_category().message(errno) + ".");
+        }
         Heal();
         strange_ =
             ReadJournal(file, [this](const Json& line) { done_.insert(PicturePathOf(line)); });
@@ -137,6 +158,8 @@ void Journal::Heal() {
 }
 
 void Journal::Add(const std::string& picture, const Json& line) {
+    struct stat facts {};
+    if (fstat(handle_, &facts) == 0 && facts.st_nlink == 0) Fail(file_, "has been deleted.");
     const std::string text = line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
     const off_t before = lseek(handle_, 0, SEEK_END);
     std::string_view rest = text;

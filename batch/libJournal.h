@@ -7,16 +7,22 @@
 #include <functional>
 #include <string>
 #include <unordered_set>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
 namespace vestrel {
 
-/// Adds the path of a picture to a line. JSON is UTF-8, but file names may be any bytes: a name
-/// that is not UTF-8 is also written in hexadecimal, beside a readable approximation.
-void AddPicturePath(nlohmann::ordered_json& line, const std::string& path);
+/// The key of the picture's path in a line.
+inline constexpr const char* PictureKey = "picture";
+
+/// Adds a path to an object. JSON is UTF-8, but file names may be any bytes: a name that is not
+/// UTF-8 is also written in hexadecimal ("picture_hex"), beside a readable approximation.
+void AddPath(nlohmann::ordered_json& object, const std::string& key, const std::string& path);
 /// The path of the picture in a line.
 std::string PicturePathOf(const nlohmann::ordered_json& line);
+/// The paths of the files that were written for the picture of a line.
+std::vector<std::string> WrittenPathsOf(const nlohmann::ordered_json& line);
 
 /// Calls `take` with every complete and valid line of a journal.
 /// @return the number of complete lines that are not valid
@@ -40,7 +46,7 @@ class Journal {
     std::size_t Strange() const { return strange_; }
 
     /// Adds the line of a picture, whole or not at all.
-    /// @throws std::runtime_error when that fails
+    /// @throws std::runtime_error when that fails, or when somebody has deleted the journal
     void Add(const std::string& picture, const nlohmann::ordered_json& line);
 
  private:

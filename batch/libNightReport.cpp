@@ -4,11 +4,13 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <fstream>
 #include <limits>
 #include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "astro/libConversions.h"
@@ -22,6 +24,9 @@
 namespace vestrel {
 
 namespace {
+
+/// The beginning of every page.
+constexpr std::string_view firstWords = "<!DOCTYPE html>";
 
 constexpr double notThere = std::numeric_limits<double>::quiet_NaN();
 
@@ -340,10 +345,30 @@ std::string Table(const std::vector<Row>& rows) {
 
 }  // namespace
 
+bool MayHoldReport(const std::filesystem::path& page, const std::filesystem::path& journal) {
+    namespace fs = std::filesystem;
+    std::error_code ignored;
+    if (fs::equivalent(page, journal, ignored) ||
+        fs::weakly_canonical(page, ignored) == fs::weakly_canonical(journal, ignored)) {
+        return false;
+    }
+    if (!fs::is_regular_file(page, ignored)) return true;
+    std::ifstream in(page, std::ios::binary);
+    std::string start(firstWords.size(), '\0');
+    in.read(start.data(), static_cast<std::streamsize>(start.size()));
+    start.resize(static_cast<std::size_t>(in.gcount()));
+    return start.empty() || start == firstWords;
+}
+
 void WriteNightReport(const std::filesystem::path& journal, const std::filesystem::path& page) {
     std::error_code ignored;
     if (!std::filesystem::exists(journal, ignored)) {
         throw std::runtime_error("There is no journal " + TextFromPath(journal) + ".");
+    }
+    // A picture may have come there since the night began.
+    if (!MayHoldReport(page, journal)) {
+        throw std::runtime_error("The report " + TextFromPath(page) +
+                                 " would replace a file of another kind.");
     }
     std::vector<Row> rows;
     ReadJournal(journal, [&rows](const auto& line) { rows.push_back(RowOf(line)); });

@@ -30,15 +30,27 @@ constexpr std::chrono::seconds betweenScans{30};
 
 /// Calls `take` for every entry of a folder and of all folders below it. Links to folders are not
 /// followed.
+/// @return the folders that could not be read to their end
 template <typename Take>
-void ForAllBelow(const fs::path& folder, const Take& take) {
-    std::error_code error;
-    fs::recursive_directory_iterator entry(folder, fs::directory_options::skip_permission_denied,
-                                           error);
-    while (!error && entry != fs::recursive_directory_iterator()) {
-        take(*entry);
-        entry.increment(error);
+std::vector<fs::path> ForAllBelow(const fs::path& folder, const Take& take) {
+    std::vector<fs::path> unread;
+    std::vector<fs::path> left{folder};
+    while (!left.empty()) {
+        const fs::path here = std::move(left.back());
+        left.pop_back();
+        std::error_code error;
+        fs::directory_iterator entry(here, fs::directory_options::skip_permission_denied, error);
+        while (!error && entry != fs::directory_iterator()) {
+            take(*entry);
+            std::error_code ignored;
+            if (entry->is_directory(ignored) && !entry->is_symlink(ignored)) {
+                left.push_back(entry->path());
+            }
+            entry.increment(error);
+        }
+        if (error && error != std::errc::no_such_file_or_directory) unread.push_back(here);
     }
+    return unread;
 }
 
 /// Whether somebody has a file open for writing; false where the system cannot tell.
@@ -52,6 +64,27 @@ bool IsBeingWritten(const fs::path& file) {
     if (!refused) fcntl(handle, F_SETLEASE, F_UNLCK);
     close(handle);
     return refused;
+}
+
+/// Adds a file, whatever its name is, or the pictures in a folder by name.
+void AddPictures(const fs::path& path, FoundPictures& found) {
+    std::error_code ignored;
+    if (!fs::is_directory(path, ignored)) {
+        // A pipe would be waited for until somebody wrote into it.
+        if (fs::is_regular_file(path, ignored)) found.Pictures.push_back(path);
+        return;
+    }
+    std::vector<fs::path> inside;
+    const std::vector<fs::path> unread =
+        ForAllBelow(path, [&inside](const fs::directory_entry& entry) {
+            std::error_code unknown;
+            if (LooksLikePicture(entry.path()) && entry.is_regular_file(unknown)) {
+                inside.push_back(entry.path());
+            }
+        });
+    std::sort(inside.begin(), inside.end());
+    found.Pictures.insert(found.Pictures.end(), inside.begin(), inside.end());
+    found.Unread.insert(found.Unread.end(), unread.begin(), unread.end());
 }
 
 }  // namespace
@@ -68,49 +101,34 @@ bool LooksLikePicture(const fs::path& file) {
     });
 }
 
-std::vector<fs::path> PicturesIn(const fs::path& folder) {
-    std::vector<fs::path> found;
-    ForAllBelow(folder, [&found](const fs::directory_entry& entry) {
-        std::error_code ignored;
-        if (LooksLikePicture(entry.path()) && entry.is_regular_file(ignored)) {
-            found.push_back(entry.path());
-        }
-    });
-    std::sort(found.begin(), found.end());
-    return found;
-}
-
-std::vector<fs::path> PicturesOf(const std::string& word) {
+FoundPictures PicturesOf(const std::string& word) {
     std::error_code ignored;
     const fs::path named = AbsolutePath(PathFromText(word)).lexically_normal();
-    if (fs::is_directory(named, ignored)) return PicturesIn(named);
-    // A pipe would be waited for until somebody wrote into it.
+    FoundPictures found;
     if (fs::exists(named, ignored)) {
-        return fs::is_regular_file(named, ignored) ? std::vector{named} : std::vector<fs::path>();
+        AddPictures(named, found);
+        return found;
     }
-    glob_t found = {};
-    std::vector<fs::path> pictures;
-    if (glob(word.c_str(), 0, nullptr, &found) == 0) {
-        for (std::size_t i = 0; i < found.gl_pathc; ++i) {
-            const fs::path path = AbsolutePath(found.gl_pathv[i]).lexically_normal();
-            if (fs::is_directory(path, ignored)) {
-                const std::vector<fs::path> inside = PicturesIn(path);
-                pictures.insert(pictures.end(), inside.begin(), inside.end());
-            } else if (fs::is_regular_file(path, ignored)) {
-                pictures.push_back(path);
-            }
+    glob_t matches = {};
+    if (glob(word.c_str(), 0, nullptr, &matches) == 0) {
+        for (std::size_t i = 0; i < matches.gl_pathc; ++i) {
+            AddPictures(AbsolutePath(matches.gl_pathv[i]).lexically_normal(), found);
         }
     }
-    globfree(&found);
-    return pictures;
+    globfree(&matches);
+    return found;
 }
 
 FolderWatch::FolderWatch(const fs::path& folder)
     : root_(AbsolutePath(folder).lexically_normal()),
       handle_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    if (handle_ < 0) {
+        throw std::runtime_error("The system cannot watch one more folder: " +
+                                 std::generic_category().message(errno) + ".");
+    }
     std::error_code ignored;
-    if (handle_ < 0 || !fs::is_directory(root_, ignored)) {
-        if (handle_ >= 0) close(handle_);
+    if (!fs::is_directory(root_, ignored)) {
+        close(handle_);
         throw std::runtime_error(TextFromPath(root_) + " is no folder that can be watched.");
     }
     Rescan(restOfFound);
@@ -130,7 +148,7 @@ void FolderWatch::WatchFolder(const fs::path& folder) {
 void FolderWatch::Rescan(std::chrono::milliseconds rest) {
     scanned_ = Clock::now();
     WatchFolder(root_);  // it may be another one of the same name by now
-    ForAllBelow(root_, [&](const fs::directory_entry& entry) {
+    unread_ = ForAllBelow(root_, [&](const fs::directory_entry& entry) {
         std::error_code ignored;
         if (entry.is_directory(ignored) && !entry.is_symlink(ignored)) WatchFolder(entry.path());
         if (LooksLikePicture(entry.path()) && entry.is_regular_file(ignored)) {
@@ -154,22 +172,22 @@ void FolderWatch::TakeEvents(std::chrono::milliseconds longest) {
     pollfd waited{handle_, POLLIN, 0};
     if (poll(&waited, 1, static_cast<int>(longest.count())) <= 0) return;
     alignas(inotify_event) char buffer[1 << 16];
+    bool scan = false;
     for (;;) {
         const ssize_t length = read(handle_, buffer, sizeof buffer);
-        if (length <= 0) return;
+        if (length <= 0) break;
         for (const char* at = buffer; at < buffer + length;) {
             inotify_event event{};
             std::memcpy(&event, at, sizeof event);
             const char* name = at + sizeof event;
             at += sizeof event + event.len;
-            if ((event.mask & IN_Q_OVERFLOW) != 0) Rescan(restOfFound);
+            if ((event.mask & IN_Q_OVERFLOW) != 0) scan = true;
             if ((event.mask & IN_IGNORED) != 0) folders_.erase(event.wd);
             const auto folder = folders_.find(event.wd);
             if (folder == folders_.end() || event.len == 0) continue;
             const fs::path path = folder->second / name;
             if ((event.mask & IN_ISDIR) != 0) {
-                // Finds files that arrived before the folder was watched.
-                Rescan(restOfFound);
+                scan = true;  // finds files that arrived before the folder was watched
             } else {
                 // A link is complete when it is made; whatever else is made is written yet.
                 const bool closed = (event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO)) != 0;
@@ -177,6 +195,7 @@ void FolderWatch::TakeEvents(std::chrono::milliseconds longest) {
             }
         }
     }
+    if (scan) Rescan(restOfFound);  // once, however many folders have come
 }
 
 std::vector<fs::path> FolderWatch::Wait(std::chrono::milliseconds longest) {

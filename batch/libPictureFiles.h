@@ -17,13 +17,15 @@ inline constexpr const char* SolvedSuffix = ".solved.fits";
 /// Hidden files and exported copies do not.
 bool LooksLikePicture(const std::filesystem::path& file);
 
-/// The pictures in a folder and all folders below it, by name. Folders that cannot be read are
-/// skipped.
-std::vector<std::filesystem::path> PicturesIn(const std::filesystem::path& folder);
+struct FoundPictures {
+    std::vector<std::filesystem::path> Pictures;
+    std::vector<std::filesystem::path> Unread;  ///< folders that could not be read to their end
+};
 
-/// The pictures that a command-line argument means: a file with any name, a folder, or a pattern
-/// with * ? [ ]. The paths are absolute; empty when nothing matches.
-std::vector<std::filesystem::path> PicturesOf(const std::string& word);
+/// The pictures that a command-line argument means: a file with any name, a folder with all folders
+/// below it, or a pattern with * ? [ ]. The paths are absolute; empty when nothing matches. Folders
+/// for which there is no permission are skipped.
+FoundPictures PicturesOf(const std::string& word);
 
 /// Watches a folder, and all folders below it, for pictures that arrive.
 ///
@@ -42,6 +44,13 @@ class FolderWatch {
     /// Waits at most `longest` for pictures to become complete and returns them. Each is returned
     /// once, and again only after its file has changed.
     std::vector<std::filesystem::path> Wait(std::chrono::milliseconds longest);
+    /// Lets a picture that was returned be returned again when it is next found: at the next scan
+    /// at the latest.
+    void Forget(const std::filesystem::path& picture) { given_.erase(picture); }
+    /// Whether some picture is not complete yet.
+    bool Waiting() const { return !pending_.empty(); }
+    /// The folders that could not be read to their end at the last scan.
+    const std::vector<std::filesystem::path>& Unread() const { return unread_; }
     /// Whether the folder was not there when it was last looked for.
     bool Gone() const { return gone_; }
 
@@ -68,6 +77,7 @@ class FolderWatch {
     std::map<int, std::filesystem::path> folders_;  ///< by watch descriptor
     std::map<std::filesystem::path, Pending> pending_;
     std::map<std::filesystem::path, Look> given_;
+    std::vector<std::filesystem::path> unread_;
     Clock::time_point scanned_;
     bool gone_ = false;
 };

@@ -1,14 +1,21 @@
 #include "batch/nightRun.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <ctime>
 #include <new>
+#include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "batch/libJournal.h"
 #include "batch/libPictureFiles.h"
+#include "catalog/libCatalogCache.h"
+#include "image/libApartDecoder.h"
+#include "platform/libFiles.h"
 #include "platform/libPlatform.h"
 
 namespace vestrel {
@@ -34,6 +41,30 @@ std::string UniversalTime() {
 std::string CameraOf(const PictureFacts& facts) {
     return std::to_string(facts.Width) + "x" + std::to_string(facts.Height) + " " +
            facts.Instrument;
+}
+
+/// What a picture lacks now but may have later, so that it gets no line.
+class Unreached : public std::runtime_error {
+ public:
+    using std::runtime_error::runtime_error;
+};
+
+/// @throws Unreached when not even the first byte of a picture can be read
+void RequireReadable(const std::filesystem::path& picture) {
+    errno = 0;
+    const FileHandle file = OpenFile(picture, "rb");
+    if (file && (std::fgetc(file.get()) != EOF || std::ferror(file.get()) == 0)) return;
+    throw Unreached("It cannot be read: " + std::generic_category().message(errno) + ".");
+}
+
+/// @throws Unreached when there is no catalog at all
+void RequireCatalog(const std::string& folder) {
+    CatalogCache catalog;
+    catalog.Folder = folder.empty() ? DefaultCatalogFolder() : PathFromText(folder);
+    const CatalogPresence presence = PresenceOfCatalog(catalog);
+    if (presence == CatalogPresence::FolderMissing || presence == CatalogPresence::NoCells) {
+        throw Unreached("There is no catalog in " + TextFromPath(catalog.Folder) + ".");
+    }
 }
 
 void AddField(const SolverOutcome& outcome, Json& line) {
@@ -68,7 +99,11 @@ std::filesystem::path OutputNames::For(const std::filesystem::path& picture,
                                        const std::string& ending) {
     const std::lock_guard guard(lock_);
     const auto mine = [&](const std::filesystem::path& file) {
-        return file != picture &&
+        // A link may lead to a picture.
+        std::error_code ignored;
+        const auto target = owners_.find(std::filesystem::weakly_canonical(file, ignored).native());
+        if (target != owners_.end() && target->second != picture.native()) return false;
+        return file != picture && !std::filesystem::equivalent(file, picture, ignored) &&
                owners_.try_emplace(file.native(), picture.native()).first->second ==
                    picture.native();
     };
@@ -81,8 +116,12 @@ std::filesystem::path OutputNames::For(const std::filesystem::path& picture,
     return file;
 }
 
-NightRun::NightRun(const NightOptions& options, OutputNames& names, TakeLine take)
-    : options_(options), names_(names), take_(std::move(take)) {
+NightRun::NightRun(const NightOptions& options, OutputNames& names, TakeLine take,
+                   TakeUnreached takeUnreached)
+    : options_(options),
+      names_(names),
+      take_(std::move(take)),
+      takeUnreached_(std::move(takeUnreached)) {
     for (int i = 0; i < options_.Workers; ++i) {
         workers_.emplace_back([this] { Work(stop_.get_token()); });
     }
@@ -143,6 +182,9 @@ void NightRun::Work(const std::stop_token& stop) {
                 const std::lock_guard guard(lineLock_);
                 take_(picture, *line);
             }
+        } catch (const Unreached& why) {
+            const std::lock_guard guard(lineLock_);
+            takeUnreached_(picture, why.what());
         } catch (...) {
             const std::lock_guard guard(lock_);
             if (!failure_) failure_ = std::current_exception();
@@ -201,7 +243,7 @@ void NightRun::WriteFiles(const Solver& solver, const std::string& picture, bool
         const std::string file = TextFromPath(names_.For(path, folder, ending));
         std::string fault;
         if (writer(file, fault)) {
-            line["files"][key] = file;
+            AddPath(line["files"], key, file);
         } else {
             line["faults"].push_back(fault);
         }
@@ -221,12 +263,15 @@ void NightRun::WriteFiles(const Solver& solver, const std::string& picture, bool
 }
 
 /// Solves a picture and makes its line. Nothing when it was stopped: the picture is then not done.
+/// @throws Unreached
 std::optional<Json> NightRun::LineOf(Solver& solver, const std::string& picture,
                                      const std::stop_token& stop) {
     const Clock::time_point start = Clock::now();
     Json line;
-    AddPicturePath(line, picture);
+    AddPath(line, PictureKey, picture);
     SolverOutcome outcome;
+    RequireReadable(picture);
+    RequireCatalog(options_.Settings.CatalogFolder);
     try {
         const PictureFacts facts = solver.Open(TextFromPath(picture), SolverWatch{stop, {}});
         outcome.Picture = facts;
@@ -238,6 +283,10 @@ std::optional<Json> NightRun::LineOf(Solver& solver, const std::string& picture,
     }
     if (outcome.End == SolverEnd::Stopped || stop.stop_requested()) return std::nullopt;
     const PictureFacts& facts = outcome.Picture;
+    // Picture and catalog may have gone away meanwhile.
+    if (!facts.Opened) RequireReadable(picture);
+    if (!outcome.Solved()) RequireCatalog(options_.Settings.CatalogFolder);
+    if (facts.Fault.find(NoMeansToDecode) != std::string::npos) throw Unreached(facts.Fault);
     line["end"] = NameOf(outcome.End);
     if (!outcome.Solved()) line["reason"] = outcome.Reason;
     if (!outcome.Cause.empty()) {

@@ -33,10 +33,10 @@ struct NightOptions {
     std::filesystem::path To;  ///< folder of these files; empty: beside the pictures
 };
 
-/// Remembers which picture each written file belongs to, so that none overwrites another's.
+/// Remembers which picture each file belongs to, so that none overwrites another's or a picture.
 class OutputNames {
  public:
-    /// Registers a file that already belongs to a picture.
+    /// Registers a file that already belongs to a picture, or is the picture.
     void Take(const std::filesystem::path& file, const std::string& picture);
     /// The output file of a picture: its name with another ending. When that belongs to another
     /// picture already, the picture's own ending is kept before it, and then a number is added.
@@ -56,7 +56,12 @@ class NightRun {
     using TakeLine =
         std::function<void(const std::string& picture, const nlohmann::ordered_json& line)>;
 
-    NightRun(const NightOptions& options, OutputNames& names, TakeLine take);
+    /// Receives a picture that has no line, because it cannot be reached or there is no catalog,
+    /// and why. It may be added again. Otherwise as `TakeLine`.
+    using TakeUnreached = std::function<void(const std::string& picture, const std::string& why)>;
+
+    NightRun(const NightOptions& options, OutputNames& names, TakeLine take,
+             TakeUnreached takeUnreached);
     /// Stops the running solves.
     ~NightRun();
     NightRun(const NightRun&) = delete;
@@ -91,6 +96,7 @@ class NightRun {
     const NightOptions options_;
     OutputNames& names_;
     TakeLine take_;
+    TakeUnreached takeUnreached_;
     std::mutex lock_;
     std::mutex lineLock_;
     std::condition_variable changed_;

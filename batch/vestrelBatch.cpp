@@ -1,13 +1,19 @@
 // vestrel-batch: solves the pictures of a night, existing ones or as they arrive.
 
+#include <unistd.h>
 #include <CLI/CLI.hpp>
+
 #include <algorithm>
+#include <atomic>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -27,6 +33,7 @@ constexpr int exitDone = 0;
 constexpr int exitUsage = 2;
 constexpr int exitStopped = 4;
 constexpr int exitNoPictures = 5;
+constexpr int exitUnreached = 6;
 constexpr int exitNotWritten = 8;
 
 constexpr const char* description =
@@ -45,6 +52,8 @@ constexpr const char* closing =
     "  2  wrong use of the command line\n"
     "  4  stopped by the user; the next run goes on from there\n"
     "  5  there are no pictures\n"
+    "  6  there is no catalog, or pictures or folders could not be read: the next run tries them\n"
+    "     again\n"
     "  8  the journal or the report could not be written";
 
 struct Options {
@@ -134,12 +143,20 @@ std::optional<int> ReadOptions(int argc, const char* const* argv, Options& optio
     if (!options.Scale.empty() && !(night.Scale = ScaleOf(options.Scale))) {
         return wrong("--scale: arcseconds per pixel, as 1.55 or 1-3");
     }
+    // The check of numbers lets those pass that are none.
+    if (std::isnan(night.TimeLimit) || std::isnan(options.IdleEnd)) {
+        return wrong("--time-limit, --idle-end: seconds, above 0");
+    }
     const bool work = !options.Words.empty() || !options.Watch.empty();
     if (!work && (options.Report.empty() || options.Journal.empty())) {
         return wrong("Name pictures, or a folder to watch.");
     }
     if (!options.Report.empty() && options.Journal.empty()) {
         return wrong("A report is made of a journal: name one (--out).");
+    }
+    if (!options.Report.empty() &&
+        !MayHoldReport(PathFromText(options.Report), PathFromText(options.Journal))) {
+        return wrong("--report: this is the journal, or a file of another kind; it stays.");
     }
     return std::nullopt;
 }
@@ -166,45 +183,53 @@ class Night {
  public:
     explicit Night(const Options& options) : options_(options) {
         if (!options.Journal.empty()) {
-            journal_.emplace(PathFromText(options.Journal));
+            const std::filesystem::path file = PathFromText(options.Journal);
+            journal_.emplace(file);
+            names_.Take(AbsolutePath(file).lexically_normal(), {});
             if (journal_->Strange() > 0) {
                 std::fprintf(stderr, "%zu lines of the journal cannot be read; they stay.\n",
                              journal_->Strange());
             }
-            ReadJournal(PathFromText(options.Journal), [this](const auto& line) {
-                const auto files = line.find("files");
-                if (files == line.end() || !files->is_object()) return;
-                for (const auto& file : *files) {
-                    if (file.is_string()) {
-                        names_.Take(PathFromText(file.template get<std::string>()),
-                                    PicturePathOf(line));
-                    }
+            ReadJournal(file, [this](const auto& line) {
+                const std::string picture = PicturePathOf(line);
+                names_.Take(picture, picture);
+                for (const std::string& written : WrittenPathsOf(line)) {
+                    names_.Take(PathFromText(written), picture);
                 }
             });
         }
     }
 
     int Run() {
-        NightRun run(options_.Night, names_,
-                     [this](const auto& picture, const auto& line) { Take(picture, line); });
+        NightRun run(
+            options_.Night, names_,
+            [this](const auto& picture, const auto& line) { Take(picture, line); },
+            [this](const auto& picture, const auto& why) { TakeUnreached(picture, why); });
         run_ = &run;
-        bool any = false;
+        std::vector<std::filesystem::path> pictures;
+        bool unread = false;
         for (const std::string& word : options_.Words) {
-            const auto pictures = PicturesOf(word);
-            if (pictures.empty()) {
+            const FoundPictures found = PicturesOf(word);
+            if (found.Pictures.empty()) {
                 std::fprintf(stderr, "%s: there are no pictures.\n", WithoutControls(word).c_str());
             }
-            any = any || !pictures.empty();
-            for (const auto& picture : pictures) Add(run, picture);
+            pictures.insert(pictures.end(), found.Pictures.begin(), found.Pictures.end());
+            PrintUnread(found.Unread);
+            unread = unread || !found.Unread.empty();
         }
+        // All of them are known before the first file is written beside one.
+        for (const auto& picture : pictures) names_.Take(picture, picture.native());
+        for (const auto& picture : pictures) Add(run, picture);
+        bool any = !pictures.empty();
         if (!options_.Watch.empty()) {
-            Watch(run);
+            unread = Watch(run) || unread;
             any = true;
         }
         while (stopSignals == 0 && !run.Wait(tick)) {
         }
         run.Stop();
         if (stopSignals != 0) return exitStopped;
+        if (unread || !unreached_.empty()) return exitUnreached;
         return any || options_.Words.empty() ? exitDone : exitNoPictures;
     }
 
@@ -214,29 +239,71 @@ class Night {
     void Add(NightRun& run, const std::filesystem::path& picture) {
         if (!added_.insert(picture.native()).second) return;
         if (journal_ && journal_->Has(picture.native())) return;
+        names_.Take(picture, picture.native());
         run.Add(picture);
     }
 
-    void Watch(NightRun& run) {
+    static void PrintUnread(const std::vector<std::filesystem::path>& folders) {
+        for (const auto& folder : folders) {
+            std::fprintf(stderr, "The folder %s cannot be read.\n",
+                         WithoutControls(TextFromPath(folder)).c_str());
+        }
+    }
+
+    /// The pictures that could not be reached since the last call.
+    std::vector<std::string> Missed() {
+        const std::lock_guard guard(missedLock_);
+        return std::exchange(missed_, {});
+    }
+
+    /// @return whether folders could not be read in the end
+    bool Watch(NightRun& run) {
         FolderWatch watch(PathFromText(options_.Watch));
         auto last = std::chrono::steady_clock::now();
+        std::size_t linesBefore = 0;
+        std::vector<std::filesystem::path> unread;
         bool gone = false;
         while (stopSignals == 0) {
             const auto pictures = watch.Wait(tick);
             for (const auto& picture : pictures) Add(run, picture);
+            // They wait until they are found again.
+            for (const std::string& picture : Missed()) {
+                added_.erase(picture);
+                watch.Forget(picture);
+            }
+            if (unread != watch.Unread()) PrintUnread(unread = watch.Unread());
             if (std::exchange(gone, watch.Gone()) != gone) {
                 std::fprintf(stderr, "The folder %s is %s.\n",
                              WithoutControls(options_.Watch).c_str(),
                              gone ? "gone: it is waited for" : "there again");
             }
-            const bool idle = run.Wait(std::chrono::milliseconds(0)) && pictures.empty();
+            const bool idle = run.Wait(std::chrono::milliseconds(0)) && !watch.Waiting();
             const auto now = std::chrono::steady_clock::now();
-            if (!idle) last = now;
-            if (options_.IdleEnd > 0 &&
+            // A picture that is only tried again does not count as one that arrives: it may never
+            // be reached.
+            const bool arrived =
+                std::any_of(pictures.begin(), pictures.end(),
+                            [this](const auto& picture) { return !WasMissed(picture.native()); });
+            if (arrived || std::exchange(linesBefore, done_) != done_) last = now;
+            if (options_.IdleEnd > 0 && idle &&
                 now - last > std::chrono::duration<double>(options_.IdleEnd)) {
-                return;
+                break;
             }
         }
+        return !unread.empty();
+    }
+
+    bool WasMissed(const std::string& picture) {
+        const std::lock_guard guard(missedLock_);
+        return unreached_.contains(picture);
+    }
+
+    void TakeUnreached(const std::string& picture, const std::string& why) {
+        const std::lock_guard guard(missedLock_);
+        missed_.push_back(picture);
+        if (!unreached_.insert(picture).second) return;  // told before
+        std::fprintf(stderr, "not done  %s  %s\n", WithoutControls(picture).c_str(),
+                     WithoutControls(why).c_str());
     }
 
     void Take(const std::string& picture, const nlohmann::ordered_json& line) {
@@ -250,6 +317,10 @@ class Night {
             }
         }
         ++done_;
+        {
+            const std::lock_guard guard(missedLock_);
+            unreached_.erase(picture);
+        }
         if (!options_.Quiet) PrintLine(done_, run_->Left() - 1, line);
     }
 
@@ -258,7 +329,10 @@ class Night {
     OutputNames names_;
     std::unordered_set<std::string> added_;
     NightRun* run_ = nullptr;
-    std::size_t done_ = 0;
+    std::atomic<std::size_t> done_ = 0;
+    std::mutex missedLock_;
+    std::vector<std::string> missed_;            ///< since they were last asked for
+    std::unordered_set<std::string> unreached_;  ///< pictures without a line
 };
 
 int Run(int argc, const char* const* argv) {
@@ -283,10 +357,13 @@ int Run(int argc, const char* const* argv) {
         }
     }
     for (const int number : {SIGINT, SIGTERM}) std::signal(number, OnStopSignal);
+    // With a journal the night does not depend on who reads its messages.
+    if (!options.Journal.empty()) std::signal(SIGPIPE, SIG_IGN);
     int code = exitDone;
     try {
         if (!options.Words.empty() || !options.Watch.empty()) code = Night(options).Run();
         if (!options.Report.empty()) {
+            alarm(0);  // the patience with a stopped night is over; a second signal still ends this
             WriteNightReport(PathFromText(options.Journal), PathFromText(options.Report));
         }
     } catch (const std::exception& error) {

@@ -87,7 +87,7 @@ void CheckJournal(const std::filesystem::path& file, std::string_view before) {
 
     const std::string picture = "night/frame \xFF.fit";
     nlohmann::ordered_json line;
-    AddPicturePath(line, picture);
+    AddPath(line, PictureKey, picture);
     journal->Add(picture, line);
     Require(journal->Has(picture), "a picture that is done is known");
     Require(ReadFile(file).starts_with(healed), "earlier lines stay");

@@ -116,7 +116,7 @@ void DecodeApart(const DecodeCall& decode, PictureSink& sink, const ApartLimits&
     const SharedParts parts;
     int ends[2] = {};  // the parent's and the child's
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
-        throw DecodeFault("The system has no socket left to decode it.");
+        throw DecodeFault(std::string(NoMeansToDecode) + ": there is no socket left.");
     }
     for (const int end : ends) fcntl(end, F_SETFD, FD_CLOEXEC);
     const std::uint64_t mapped = MappedBytes();
@@ -126,7 +126,7 @@ void DecodeApart(const DecodeCall& decode, PictureSink& sink, const ApartLimits&
     close(ends[1]);
     if (child < 0) {
         close(ends[0]);
-        throw DecodeFault("The system has no process left to decode it.");
+        throw DecodeFault(std::string(NoMeansToDecode) + ": there is no process left.");
     }
     ChildProcess process(child, ends[0]);
     PictureReceiver receiver(ends[0], parts, limits.SilenceMilliseconds,

@@ -21,6 +21,10 @@ struct ApartLimits {
     int SilenceMilliseconds = 20000;  ///< without work, between two pieces that it sends
 };
 
+/// The beginning of the fault when the system had no process or socket left. It says nothing about
+/// the picture: another time it may be decoded.
+inline constexpr const char* NoMeansToDecode = "The system cannot decode it now";
+
 /// Runs `decode` in a child process and passes every call that it makes to `sink`.
 ///
 /// Some libraries read past the end of damaged data. A child that crashes or exceeds a limit ends

@@ -86,13 +86,17 @@ class Batch(unittest.TestCase):
         self.assertIn("Likely causes: trailed 1, under exposed 1.", text)
         self.assertIn(html.escape(lines["trailed"]["cause"]["text"]), text)
 
-    def test_a_picture_that_kills_its_decoder_ends_nothing(self):
-        # The program with a decoder of PNG that does to its process what a picture says.
-        place = self.work / "hostile"
+    def hostile(self, name):
+        """A folder with the program and a decoder of PNG that does to its process what a picture says."""
+        place = self.work / name
         (place / "bin").mkdir(parents=True)
         (place / "lib/vestrel").mkdir(parents=True)
         shutil.copy(PROGRAMS / "vestrel-batch", place / "bin")
         shutil.copy(os.environ["VESTREL_HOSTILE_DECODER"], place / "lib/vestrel/decode-png.so")
+        return place
+
+    def test_a_picture_that_kills_its_decoder_ends_nothing(self):
+        place = self.hostile("hostile")
         for number, deed in enumerate(("crash", "abort", "exit", "throw", "memory", "nothing")):
             (place / f"{2 * number}.png").write_bytes(b"\x89PNG\r\n\x1a\n" + deed.encode())
             shutil.copy(sorted(self.frames.glob("light_*.fit"))[number], place / f"{2 * number + 1}.fit")
@@ -106,6 +110,161 @@ class Batch(unittest.TestCase):
         for number in range(5):
             self.assertIn("the decoder broke off", ends[f"{2 * number}.png"]["reason"])
         self.assertIn("It is bad.", ends["10.png"]["reason"])
+
+    def slow_night(self, name):
+        """A night that takes 3 s for its first picture. @return its folder of pictures, its journal, and a starter"""
+        place = self.hostile(name)
+        pictures, journal = place / "night", place / "night.jsonl"
+        pictures.mkdir()
+        (pictures / "0.png").write_bytes(b"\x89PNG\r\n\x1a\nsleep")
+        for number in (1, 2):
+            shutil.copy(sorted(self.frames.glob("light_*.fit"))[number], pictures / f"{number}.fit")
+
+        def start():
+            process = subprocess.Popen([place / "bin/vestrel-batch", pictures, "--workers", "1", "--catalog",
+                                        self.catalog, "--out", journal],
+                                       stderr=subprocess.PIPE, text=True, start_new_session=True)
+            self.addCleanup(process.stderr.close)
+            self.addCleanup(process.wait)
+            self.addCleanup(process.kill)
+            decoder, end = "", time.monotonic() + 20
+            while not decoder and time.monotonic() < end:  # until the first picture is being decoded
+                time.sleep(0.02)
+                for task in pathlib.Path(f"/proc/{process.pid}/task").iterdir():
+                    decoder = decoder or (task / "children").read_text()
+            self.assertTrue(decoder)
+            return process
+        return pictures, journal, start
+
+    def test_a_picture_whose_decoding_is_stopped_is_not_done(self):
+        _, journal, start = self.slow_night("stopped")
+        for number in (signal.SIGINT, signal.SIGTERM):
+            process = start()
+            os.killpg(process.pid, number)  # as a terminal does, which reaches the decoder too
+            self.assertEqual(process.wait(20), 4)
+            self.assertEqual(journal.read_bytes(), b"")
+        process = start()
+        process.kill()
+        process.wait()
+        # The decoder ends too, and with it its hold on the journal.
+        again = start()
+        self.assertEqual(again.wait(20), 0, again.stderr.read())
+        self.assertEqual(self.lines_when(journal, 3), {b"0.png": "no picture", b"1.fit": "solved", b"2.fit": "solved"})
+
+    def test_what_cannot_be_reached_is_not_done_and_tried_again(self):
+        pictures, journal, start = self.slow_night("moved")
+        process = start()
+        pictures.rename(pictures.with_name("away"))
+        self.assertEqual(process.wait(20), 6)
+        self.assertEqual(process.stderr.read().count("not done"), 3)
+        self.assertEqual(journal.read_bytes(), b"")
+        pictures.with_name("away").rename(pictures)
+        self.assertEqual(start().wait(20), 0)
+        self.assertEqual(self.lines_when(journal, 3), {b"0.png": "no picture", b"1.fit": "solved", b"2.fit": "solved"})
+        # A file of which not even the first byte can be read, as on a disk with faults.
+        fault = self.work / "fault.fit"
+        fault.symlink_to("/proc/self/mem")
+        end = self.batch(fault, "--out", self.work / "fault.jsonl")
+        self.assertEqual((end.returncode, (self.work / "fault.jsonl").read_bytes()), (6, b""), end.stderr)
+        # A folder that cannot be opened, because its path is too long, does not hide the others.
+        deep = self.work / "deep"
+        (deep / "z").mkdir(parents=True)
+        os.link(sorted(self.frames.glob("light_*.fit"))[0], deep / "z/one.fit")
+        folder = os.open(deep, os.O_RDONLY)
+        try:
+            for _ in range(17):
+                os.mkdir("d" * 250, dir_fd=folder)
+                below = os.open("d" * 250, os.O_RDONLY, dir_fd=folder)
+                os.close(folder)
+                folder = below
+        finally:
+            os.close(folder)
+        end = self.batch(deep, "--out", self.work / "deep.jsonl")
+        self.assertEqual(end.returncode, 6, end.stderr)
+        self.assertIn("cannot be read", end.stderr)
+        self.assertEqual(self.lines_when(self.work / "deep.jsonl", 1), {b"one.fit": "solved"})
+
+    def test_without_a_catalog_nothing_is_done_and_a_watch_waits_for_it(self):
+        watched, journal, catalog = self.work / "early", self.work / "early.jsonl", self.work / "late"
+        watched.mkdir()
+        picture = watched / "one.fit"
+        os.link(sorted(self.frames.glob("light_*.fit"))[0], picture)
+        process = subprocess.Popen([PROGRAMS / "vestrel-batch", "--watch", watched, "--out", journal, "--catalog",
+                                    catalog, "--idle-end", "2"], stderr=subprocess.PIPE, text=True)
+        self.addCleanup(process.stderr.close)
+        self.addCleanup(process.kill)
+        # It also waits for the picture, which rests for longer than --idle-end.
+        self.assertIn("There is no catalog", process.stderr.readline())
+        self.assertEqual(journal.read_bytes(), b"")
+        time.sleep(0.5)  # until the watch has heard of it
+        catalog.symlink_to(self.catalog)
+        picture.rename(self.work / "one.fit")
+        (self.work / "one.fit").rename(picture)
+        self.assertEqual(process.wait(20), 0)
+        self.assertEqual(self.lines_when(journal, 1), {b"one.fit": "solved"})
+        # Nor does one that never comes keep it busy.
+        catalog.unlink()
+        (watched / "two.fit").write_bytes(b"no picture")
+        end = subprocess.run([PROGRAMS / "vestrel-batch", "--watch", watched, "--out", journal, "--catalog", catalog,
+                              "--idle-end", "1"], capture_output=True, timeout=20)
+        self.assertEqual(end.returncode, 6)
+        self.lines_when(journal, 1)
+
+    def test_no_picture_or_journal_is_overwritten(self):
+        folder = self.work / "kept"
+        folder.mkdir()
+        frames = sorted(self.frames.glob("light_*.fit"))
+        for name, frame in zip(("q.fit", "q.wcs", "y.fit", "z.fit"), frames):
+            shutil.copy(frame, folder / name)
+        for link in ("y.wcs", "y.kel", "y.solved.fits"):
+            (folder / link).symlink_to(folder / "y.fit")
+        (folder / "z.kel").symlink_to(folder / "q.fit")
+        before = {path: path.read_bytes() for path in folder.iterdir()}
+        journal = self.work / "kept.jsonl"
+        words = (*(folder / name for name in ("q.fit", "q.wcs", "y.fit", "z.fit")), "--wcs", "--kel", "--export")
+        self.assertEqual(self.batch(*words, "--out", journal).returncode, 0)
+        self.assertEqual({path: path.read_bytes() for path in before}, before)
+        written = [file for line in map(json.loads, journal.read_text().splitlines())
+                   for file in line["files"].values()]
+        self.assertEqual(len({os.path.realpath(file) for file in written}), 12)
+        lines = journal.read_bytes()
+        linked = self.work / "kept.html"
+        linked.symlink_to(journal)
+        for page in (journal, linked, folder / "q.fit"):
+            end = self.batch("--out", journal, "--report", page)
+            self.assertEqual(end.returncode, 2)
+            self.assertIn("it stays", end.stderr)
+        self.assertEqual((journal.read_bytes(), (folder / "q.fit").read_bytes()), (lines, before[folder / "q.fit"]))
+
+    def test_files_of_pictures_whose_names_are_not_utf8_stay_theirs_after_a_restart(self):
+        folder, journal = os.path.join(os.fsencode(self.work), b"bytes\xff"), self.work / "bytes.jsonl"
+        os.mkdir(folder)
+        pictures = [os.path.join(folder, name) for name in (b"m\xfe.fit", b"m\xfe.fits")]
+        for picture, frame in zip(pictures, sorted(self.frames.glob("light_*.fit"))):
+            shutil.copy(frame, picture)
+            self.assertEqual(self.batch(picture, "--wcs", "--out", journal).returncode, 0)
+        files = [json.loads(line)["files"]["wcs_hex"] for line in journal.read_bytes().splitlines()]
+        self.assertEqual([os.path.basename(bytes.fromhex(file)) for file in files], [b"m\xfe.wcs", b"m\xfe.fits.wcs"])
+
+    def test_a_journal_that_is_deleted_or_no_file_ends_the_night(self):
+        pictures, journal, start = self.slow_night("deleted")
+        process = start()
+        journal.unlink()
+        self.assertEqual(process.wait(20), 8)
+        self.assertIn("has been deleted", process.stderr.read())
+        end = self.batch(pictures, "--out", "/dev/stdout")
+        self.assertEqual((end.returncode, end.stdout), (8, ""))
+        self.assertIn("is no file", end.stderr)
+
+    def test_a_night_outlives_who_reads_its_messages(self):
+        journal = self.work / "pipe.jsonl"
+        ends = os.pipe()
+        os.close(ends[0])
+        end = subprocess.run([PROGRAMS / "vestrel-batch", self.frames, "--out", journal, "--catalog", self.catalog],
+                             stderr=ends[1], timeout=60)
+        os.close(ends[1])
+        self.assertEqual(end.returncode, 0)
+        self.assertEqual(killBatch.check(journal, self.truth, False), [])
 
     def test_a_journal_damaged_in_its_middle_keeps_the_rest_and_what_was_lost_is_done_again(self):
         journal = self.work / "damaged.jsonl"
@@ -346,6 +505,7 @@ class Batch(unittest.TestCase):
         self.assertEqual([file.name for file in (self.work / "copies").iterdir()], [picture.stem + ".wcs"])
         (self.work / "empty").mkdir()
         self.assertEqual(self.batch(self.work / "empty", "--out", journal).returncode, 5)
+        self.assertEqual(self.batch(picture, "--out", journal, "--time-limit", "nan").returncode, 2)
 
 
 if __name__ == "__main__":

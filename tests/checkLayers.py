@@ -33,7 +33,7 @@ FOLDERS = {
     "compat": "platform astro image solver",
     "server": "platform astro image solver compat",
     "console": "platform astro image program",
-    "batch": "platform astro image solver",
+    "batch": "platform astro image catalog solver",
     "python": "solver",
     "desktop": "platform astro telescope image photometry display program console",
     "tools": "astro image catalog",
