@@ -264,8 +264,12 @@ class Night {
         std::vector<std::filesystem::path> unread;
         bool gone = false;
         while (stopSignals == 0) {
-            const auto pictures = watch.Wait(tick);
-            for (const auto& picture : pictures) Add(run, picture);
+            bool arrived = false;
+            for (const auto& picture : watch.Wait(tick)) {
+                // One that is only tried again may never be reached.
+                arrived = arrived || !WasMissed(picture.native());
+                Add(run, picture);
+            }
             // They wait until they are found again.
             for (const std::string& picture : Missed()) {
                 added_.erase(picture);
@@ -279,11 +283,6 @@ class Night {
             }
             const bool idle = run.Wait(std::chrono::milliseconds(0)) && !watch.Waiting();
             const auto now = std::chrono::steady_clock::now();
-            // A picture that is only tried again does not count as one that arrives: it may never
-            // be reached.
-            const bool arrived =
-                std::any_of(pictures.begin(), pictures.end(),
-                            [this](const auto& picture) { return !WasMissed(picture.native()); });
             if (arrived || std::exchange(linesBefore, done_) != done_) last = now;
             if (options_.IdleEnd > 0 && idle &&
                 now - last > std::chrono::duration<double>(options_.IdleEnd)) {
