@@ -134,6 +134,11 @@ Journal::~Journal() {
     close(handle_);
 }
 
+bool Journal::Has(const std::string& picture) const {
+    const std::lock_guard guard(lock_);
+    return done_.contains(picture);
+}
+
 void Journal::Heal() {
     std::ifstream in(file_, std::ios::binary);
     std::string start(firstWords.size(), '\0');
@@ -173,6 +178,7 @@ void Journal::Add(const std::string& picture, const Json& line) {
         }
         rest.remove_prefix(static_cast<std::size_t>(written));
     }
+    const std::lock_guard guard(lock_);
     done_.insert(picture);
 }
 

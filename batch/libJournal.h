@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -40,7 +41,8 @@ class Journal {
     Journal(const Journal&) = delete;
     Journal& operator=(const Journal&) = delete;
 
-    bool Has(const std::string& picture) const { return done_.contains(picture); }
+    /// Whether there is a line of a picture; also while another thread adds one.
+    bool Has(const std::string& picture) const;
     std::size_t Count() const { return done_.size(); }
     /// The number of complete lines in it that are not valid.
     std::size_t Strange() const { return strange_; }
@@ -54,6 +56,7 @@ class Journal {
 
     std::filesystem::path file_;
     int handle_ = -1;
+    mutable std::mutex lock_;
     std::unordered_set<std::string> done_;
     std::size_t strange_ = 0;
 };

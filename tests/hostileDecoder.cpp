@@ -19,7 +19,7 @@ extern "C" void VestrelDecode(const unsigned char* bytes, std::size_t length,
     if (picture.find("abort") != std::string_view::npos) std::abort();
     if (picture.find("exit") != std::string_view::npos) std::_Exit(0);
     if (picture.find("sleep") != std::string_view::npos) {
-        std::this_thread::sleep_for(std::chrono::seconds(3));
+        std::this_thread::sleep_for(std::chrono::seconds(2));
     }
     if (picture.find("throw") != std::string_view::npos) throw 5;
     if (picture.find("memory") != std::string_view::npos) {
