@@ -1,11 +1,9 @@
 #include "server/novaServer.h"
 
-#include <httplib.h>
 #include <sys/socket.h>
 #include <array>
 #include <atomic>
 #include <charconv>
-#include <chrono>
 #include <cmath>
 #include <random>
 #include <thread>
@@ -13,6 +11,7 @@
 #include "astro/libStrings.h"
 #include "platform/libConsole.h"
 #include "platform/libFiles.h"
+#include "server/libBoundedServer.h"
 #include "server/libDigest.h"
 #include "server/libFormData.h"
 #include "server/novaReplies.h"
@@ -60,6 +59,7 @@ std::string HostName(std::string_view address) {
     return std::string(hasPort ? address.substr(0, colon) : address);
 }
 
+constexpr const char* noSuchPath = "there is nothing at this path";
 constexpr const char* contentTypeAsSent = "X-Content-Type-As-Sent";
 
 }  // namespace
@@ -69,9 +69,6 @@ class NovaServer::Routes {
  public:
     Routes(const ServerSettings& settings, JobQueue& queue)
         : settings_(settings), queue_(queue), token_(RandomToken()) {
-        constexpr std::size_t threads = 128;  // each slow client holds one
-        constexpr time_t patience = 10;       // seconds
-        server_.new_task_queue = [] { return new httplib::ThreadPool(threads); };
         // By default the library shares the port with any other server that requests it; jobs of
         // clients would then be spread over both.
         server_.set_socket_options([](socket_t listener) {
@@ -79,11 +76,6 @@ class NovaServer::Routes {
             setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
         });
         server_.set_payload_max_length(settings.MostBody);
-        server_.set_read_timeout(patience);
-        server_.set_write_timeout(patience);
-        // A connection serves one request: the rest of one that was refused would be read as the
-        // next, and hold a thread for as long as its client likes.
-        server_.set_keep_alive_max_count(1);
         server_.set_default_headers({{"X-Content-Type-Options", "nosniff"},
                                      {"Cache-Control", "no-store"},
                                      {"Content-Security-Policy",
@@ -95,6 +87,7 @@ class NovaServer::Routes {
         AddPosts();
         AddReadings();
         AddFiles();
+        RefuseOtherPosts();
     }
 
     int Start() {
@@ -129,6 +122,14 @@ class NovaServer::Routes {
             ReplyError(response, 403, "this server is for programs and pages of its own machine");
             return httplib::Server::HandlerResponse::Handled;
         }
+        // The library reads the body of any other method, whatever its length. Long paths would
+        // take the matching of handlers' patterns deep.
+        constexpr std::size_t longestPath = 200;
+        if ((request.method != "GET" && request.method != "HEAD" && request.method != "POST") ||
+            request.path.size() > longestPath) {
+            ReplyError(response, 404, noSuchPath);
+            return httplib::Server::HandlerResponse::Handled;
+        }
         // The library takes any text for a number, and reads on until as many bytes have come.
         const std::string length = request.get_header_value("Content-Length");
         constexpr std::size_t mostDigits = 12;
@@ -154,21 +155,9 @@ class NovaServer::Routes {
             : routes_(routes) {
             bool tooLong = false;
             bool tooMany = false;
-            bool tooSlow = false;
-            // Clients that send a byte now and then must not keep all threads from the others.
-            using Clock = std::chrono::steady_clock;
-            const Clock::time_point start = Clock::now();
-            constexpr std::chrono::seconds grace{5};
-            constexpr std::uint64_t fewestBytesPerSecond = 1024;
             const bool whole = reader([&](const char* data, std::size_t length) {
                 tooLong = Text.size() + length > most;
                 if (tooLong) return false;
-                const auto waited = Clock::now() - start - grace;
-                const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(waited);
-                tooSlow = seconds.count() > 0 &&
-                          Text.size() / static_cast<std::uint64_t>(seconds.count()) <
-                              fewestBytesPerSecond;
-                if (tooSlow) return false;
                 tooMany =
                     routes_.inFlight_.fetch_add(length) + length > routes_.settings_.MostInFlight;
                 counted_ += length;
@@ -180,9 +169,8 @@ class NovaServer::Routes {
             if (tooLong || (!whole && response.status == 413)) {
                 Refuse(413, "the request is too long");
             }
-            if (tooSlow) Refuse(408, "the request comes too slowly");
             if (tooMany) Refuse(503, "the server is busy: try again later");
-            if (!whole) Refuse(400, "the request is not whole");
+            if (!whole) Refuse(400, "the request does not come whole, or too slowly");
         }
         ~Body() { Release(); }
         Body(const Body&) = delete;
@@ -372,11 +360,19 @@ class NovaServer::Routes {
         });
     }
 
+    /// Without a handler, the library would read their bodies whole.
+    void RefuseOtherPosts() {
+        constexpr std::uint64_t most = 65536;
+        AddPost("[\\s\\S]*", most, [](const Request&, Response& response, const Body&) {
+            ReplyError(response, 404, noSuchPath);
+        });
+    }
+
     ServerSettings settings_;
     JobQueue& queue_;
     std::string token_;
     std::atomic<std::uint64_t> inFlight_{0};
-    httplib::Server server_;
+    BoundedServer server_;
     std::jthread listener_;
 };
 

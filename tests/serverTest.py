@@ -224,8 +224,12 @@ class Server(unittest.TestCase):
 
     def test_slow_clients_do_not_keep_the_server_from_the_others(self):
         self.start()
-        head = (b"POST /api/upload HTTP/1.1\r\nHost: localhost\r\nContent-Type: text/plain\r\n"
-                b"Content-Length: 100000\r\n\r\n")
+        line = b"POST /api/upload HTTP/1.1\r\nHost: localhost\r\n"
+        for head in (line + b"X-Header: ", line + b"Content-Type: text/plain\r\nContent-Length: 100000\r\n\r\n"):
+            with self.subTest(head):
+                self.upload_beside_slow_clients(head)
+
+    def upload_beside_slow_clients(self, head):
         slow = [socket.create_connection(("127.0.0.1", self.port)) for _ in range(140)]  # more than it has threads
         self.addCleanup(lambda: [client.close() for client in slow])
         for client in slow:
@@ -301,6 +305,52 @@ class Server(unittest.TestCase):
             # By then each of its threads has had some. A list in full takes 2.4 MB.
             self.assertLess(memory[-1] - memory[-21], 25_000_000)
         self.assertLess(len(self.ask("GET", "/queue")[1]), 50_000)
+
+    def test_what_clients_send_without_end_is_not_read_without_end(self):
+        self.start()
+        host = b" HTTP/1.1\r\nHost: localhost\r\n"
+        chunked = host + b"Transfer-Encoding: chunked\r\n\r\n"
+        login = b"POST /api/login" + chunked
+        endless = b"e" * 65536
+        for head, piece in (
+                (b"GET /", endless), (b"GET /" + host + b"X: ", endless),
+                (b"GET /" + host, b"X: y\r\n" * 10000), (login, b"0" * 65536), (login + b"1;", endless),
+                (login + b"0\r\n", b"X: y\r\n" * 10000), (b"POST /nothing" + chunked, b"10000\r\n" + endless + b"\r\n"),
+                (b"POST /%0a" + chunked, b"10000\r\n" + endless + b"\r\n"),
+                (b"PRI *" + chunked, b"10000\r\n" + endless + b"\r\n"),
+                (b"PUT /api/upload" + chunked, b"10000\r\n" + endless + b"\r\n")):
+            with self.subTest(head=head, piece=piece[:9]), socket.create_connection(("127.0.0.1", self.port)) as client:
+                client.settimeout(20)
+                client.sendall(head)
+                with self.assertRaises((BrokenPipeError, ConnectionResetError)):
+                    for _ in range(512):  # 32 MB
+                        client.sendall(piece)
+        # Parts of an answer that were asked for a thousand times.
+        for path in ("/", "/queue"):
+            whole = self.ask("GET", path)
+            self.assertEqual(self.ask("GET", path, headers={"Range": "bytes=0-" + ",0-" * 1000}), whole)
+
+    def test_clients_that_only_connect_leave_files_to_the_jobs(self):
+        import resource
+        most = 64
+        self.start(before=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (most, most)))
+        files = pathlib.Path(f"/proc/{self.server.pid}/fd")
+        idle = []
+        self.addCleanup(lambda: [client.close() for client in idle])
+        for _ in range(80):
+            idle.append(socket.create_connection(("127.0.0.1", self.port)))
+            idle[-1].sendall(b"G")
+            self.assertLess(len(list(files.iterdir())), most * 3 // 4)
+        for client in idle:
+            client.close()
+        end = time.monotonic() + 20
+        while time.monotonic() < end:
+            try:
+                number = self.upload(self.frame.read_bytes())[1]["subid"]
+                break
+            except OSError:  # it has not seen yet that they have gone
+                time.sleep(0.1)
+        self.assertEqual(self.result(number), "success")
 
     def test_a_full_queue_and_a_full_disk_are_told(self):
         import resource
