@@ -1,6 +1,8 @@
 #include "server/jobQueue.h"
 
+#include <sys/stat.h>
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <exception>
@@ -40,6 +42,16 @@ std::uint64_t SizeOf(const std::filesystem::path& path) {
     std::error_code error;
     const auto size = std::filesystem::file_size(path, error);
     return error ? 0 : size;
+}
+
+/// @throws std::system_error with the system's reason
+void WriteFile(const std::filesystem::path& path, std::string_view bytes) {
+    NewFile file(path);
+    errno = 0;
+    if (std::fwrite(bytes.data(), 1, bytes.size(), file.Stream()) != bytes.size()) {
+        throw std::system_error(errno != 0 ? errno : EIO, std::generic_category());
+    }
+    file.Commit();
 }
 
 JobCalibration CalibrationOf(const SolverCoordinates& coordinates, const std::string& header) {
@@ -103,11 +115,14 @@ int JobQueue::Submit(const NovaRequest& request, const std::string& name,
     if (!request.Stars) {
         job.Picture =
             settings_.Folder / ("job-" + std::to_string(job.Report.Id) + ExtensionFrom(name));
-        if (!ReplaceFile(job.Picture, picture)) {
+        try {
+            Store(job.Picture, picture);
+        } catch (const std::system_error& error) {
             const std::lock_guard lock(mutex_);
             bytes_ -= job.Bytes;
             --waiting_;
-            throw JobRefused(noRoom, "the picture cannot be stored: the server's disk may be full");
+            throw JobRefused(noRoom,
+                             "the server cannot store the picture: " + error.code().message());
         }
     }
     const int id = job.Report.Id;
@@ -118,6 +133,19 @@ int JobQueue::Submit(const NovaRequest& request, const std::string& name,
     }
     wakes_.notify_one();
     return id;
+}
+
+/// Stores a picture in the folder, which a cleaner of temporary files may have removed.
+/// @throws std::system_error with the system's reason
+void JobQueue::Store(const std::filesystem::path& path, std::string_view picture) const {
+    try {
+        WriteFile(path, picture);
+    } catch (const std::system_error& error) {
+        if (error.code() != std::errc::no_such_file_or_directory) throw;
+        constexpr mode_t ownerOnly = 0700;
+        (void)mkdir(settings_.Folder.c_str(), ownerOnly);
+        WriteFile(path, picture);
+    }
 }
 
 std::optional<JobReport> JobQueue::Find(int id) const {

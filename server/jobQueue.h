@@ -48,7 +48,7 @@ struct JobReport {
 };
 
 struct QueueSettings {
-    std::filesystem::path Folder;  ///< an existing folder for the queue alone
+    std::filesystem::path Folder;  ///< for the queue alone; made when it is missing
     std::string CatalogFolder;     ///< empty: the usual one
     std::size_t MostWaiting = 500;
     std::uint64_t MostBytes = std::uint64_t{4} << 30;  ///< limit for all files in the folder
@@ -89,6 +89,7 @@ class JobQueue {
         std::filesystem::path Picture;
         std::uint64_t Bytes = 0;  ///< of its files
     };
+    void Store(const std::filesystem::path& path, std::string_view picture) const;
     void Work(const std::stop_token& stop);
     void Solve(Job& job, Solver& solver, const std::stop_token& stop) const;
     void Finish(Job job);

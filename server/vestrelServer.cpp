@@ -1,6 +1,8 @@
 // vestrel-server: solves pictures that other programs or browsers send.
 
+#include <fcntl.h>
 #include <malloc.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -38,8 +40,12 @@ class SpoolFolder {
                                     "no folder in " + parent.string());
         }
         Path = name;
+        held_ = Hold(Path);
     }
-    ~SpoolFolder() { Remove(); }
+    ~SpoolFolder() {
+        Remove();
+        if (held_ >= 0) close(held_);
+    }
     SpoolFolder(const SpoolFolder&) = delete;
     SpoolFolder& operator=(const SpoolFolder&) = delete;
 
@@ -58,10 +64,32 @@ class SpoolFolder {
             if (!name.starts_with(folderPrefix) || !entry.is_directory(ignored)) continue;
             long process = 0;
             std::from_chars(name.data() + folderPrefix.size(), name.data() + name.size(), process);
-            if (process > 0 && !IsRunning(process)) std::filesystem::remove_all(entry, ignored);
+            // In a container every process has the same few numbers: a dead one may have had our
+            // own.
+            if (process != ProcessNumber() && (process <= 0 || IsRunning(process))) continue;
+            const int held = Hold(entry.path());
+            if (held < 0) continue;
+            std::filesystem::remove_all(entry, ignored);
+            close(held);
         }
     }
+
+    /// Marks a folder as in use, for servers in containers that share it: there the number of its
+    /// process says nothing. @return a descriptor to close; −1 when another process holds it
+    static int Hold(const std::filesystem::path& folder) {
+        const int held = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (held < 0 || flock(held, LOCK_EX | LOCK_NB) == 0) return held;
+        close(held);
+        return -1;
+    }
+
+    int held_ = -1;
 };
+
+/// An address as URLs have it.
+std::string HostOf(const std::string& address) {
+    return address.find(':') == std::string::npos ? address : "[" + address + "]";
+}
 
 int Run(int argc, const char* const* argv) {
     CLI::App app("Solves pictures that are sent over HTTP, as astrometry.net's web service does.");
@@ -105,14 +133,17 @@ int Run(int argc, const char* const* argv) {
     const int port = nova.Start();
     if (port == 0) {
         std::fprintf(stderr, "vestrel-server: %s:%d cannot be listened at; is it in use?\n",
-                     server.Address.c_str(), server.Port);
+                     HostOf(server.Address).c_str(), server.Port);
         return 1;
     }
-    std::printf("Listening at http://%s:%d\n", server.Address.c_str(), port);
+    std::printf("Listening at http://%s:%d\n", HostOf(server.Address).c_str(), port);
     std::fflush(stdout);
     int signal = 0;
     sigwait(&ends, &signal);
     std::fputs("vestrel-server: ending\n", stderr);
+    // A second signal gets the default action and ends the program at once.
+    sigdelset(&ends, SIGHUP);
+    pthread_sigmask(SIG_UNBLOCK, &ends, nullptr);
     // A client may keep its connection open for longer than this.
     EndWithin(2, 0);
     jobs.Stop();

@@ -199,18 +199,20 @@ int StatusOf(JobQueue& queue, const std::string& picture) {
 TEST(JobQueue, RoomOfEndedAndRefusedPicturesIsGivenBack) {
     const TemporaryFolder folder;
     QueueSettings settings;
-    settings.Folder = folder / "spool";
+    settings.Folder = folder / "gone" / "spool";
     settings.CatalogFolder = TextFromPath(folder / "no catalog");
     settings.MostBytes = 1000;
     JobQueue queue(settings);
     const std::string picture(400, 'x');
     for (int i = 0; i < 5; ++i) EXPECT_EQ(StatusOf(queue, picture), 507) << "no folder to write to";
-    std::filesystem::create_directory(settings.Folder);
+    std::filesystem::create_directory(settings.Folder.parent_path());
     for (int i = 0; i < 20; ++i) {
         EXPECT_EQ(StatusOf(queue, std::string(1001, 'x')), 503) << i;
         EXPECT_EQ(StatusOf(queue, picture), 0) << i;
     }
     EXPECT_TRUE(std::filesystem::is_empty(settings.Folder));
+    EXPECT_EQ(std::filesystem::status(settings.Folder).permissions(),
+              std::filesystem::perms::owner_all);
     EXPECT_EQ(queue.Latest(100).size(), 20U) << "refused pictures are no jobs";
 
     settings.MostWaiting = 0;

@@ -5,6 +5,7 @@ Environment: VESTREL_SERVER the program; VESTREL_CATALOG_TOOL the one that draws
 VESTREL_TEST_CATALOG a real catalog (else the usual folder).
 """
 import concurrent.futures
+import fcntl
 import hashlib
 import http.client
 import io
@@ -360,7 +361,7 @@ class Server(unittest.TestCase):
                                                        resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))))
         status, reply = self.upload(self.frame.read_bytes())
         self.assertEqual(status, 507)
-        self.assertIn("disk may be full", reply["errormessage"])
+        self.assertIn("cannot store the picture: File too large", reply["errormessage"])
         with concurrent.futures.ThreadPoolExecutor(8) as clients:
             replies = list(clients.map(lambda i: self.upload(b"no picture"), range(60)))
         taken = [reply["subid"] for status, reply in replies if status == 200]
@@ -390,7 +391,7 @@ class Server(unittest.TestCase):
         self.assertTrue(taken)
         if mounted:
             self.assertTrue(refused)
-            self.assertIn("disk may be full", refused[0])
+            self.assertIn("No space left on device", refused[0])
         # Whatever was taken is solved; what had no room for its copy says so.
         for number in taken:
             self.assertEqual(self.result(number), "success")
@@ -432,6 +433,38 @@ class Server(unittest.TestCase):
             end = subprocess.run([line[0], *wrong], env=environment, capture_output=True, timeout=20)
             self.assertEqual((wrong, end.returncode), (wrong, 2))
 
+    def test_a_folder_in_use_is_left_alone_and_one_that_was_cleaned_away_is_made_again(self):
+        spool = self.folder / "shared"
+        spool.mkdir()
+        # No process here has such a number; one in a container that shares the folder may.
+        held, left = (spool / f"vestrel-server-{number}-x" for number in (4194305, 4194306))
+        for folder in held, left:
+            (folder / "job").mkdir(parents=True)
+        lock = os.open(held, os.O_RDONLY)
+        self.addCleanup(os.close, lock)
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        self.start(spool=spool)
+        self.assertTrue((held / "job").exists())
+        self.assertFalse(left.exists())
+        shutil.rmtree(held)
+        [own] = spool.iterdir()
+        other = os.open(own, os.O_RDONLY)
+        self.addCleanup(os.close, other)
+        with self.assertRaises(BlockingIOError):
+            fcntl.flock(other, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        own.rmdir()
+        status, reply = self.upload(self.frame.read_bytes())
+        self.assertEqual((status, self.result(reply.get("subid"))), (200, "success"))
+
+    def test_an_address_is_printed_as_urls_have_it(self):
+        environment = dict(os.environ, TMPDIR=str(self.folder), VESTREL_CATALOG=str(CATALOG))
+        server = subprocess.Popen([os.environ["VESTREL_SERVER"], "--address", "::1", "--port", "0"], env=environment,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        line = server.stdout.readline() or server.stderr.readline()  # the second without IPv6
+        server.terminate()
+        server.communicate(timeout=20)
+        self.assertIn("[::1]:", line)
+
     def test_an_end_in_the_middle_of_work_is_soon_and_clean(self):
         self.start()
         noise = fits.PrimaryHDU(numpy.random.default_rng(1).normal(1000, 99, (900, 900)).astype(numpy.uint16))
@@ -446,6 +479,18 @@ class Server(unittest.TestCase):
             self.server.send_signal(signal.SIGTERM)
             self.assertEqual(self.server.wait(30), 0)  # the six solves may take twelve minutes
             self.assertLess(time.monotonic() - start, 5)
+
+    def test_a_second_signal_waits_for_no_client(self):
+        self.start()
+        with socket.create_connection(("127.0.0.1", self.port)) as half:
+            half.sendall(b"GET ")
+            for _ in range(2):
+                time.sleep(0.3)
+                self.server.send_signal(signal.SIGTERM)
+            self.assertEqual(self.server.wait(30), -signal.SIGTERM)
+        self.server.returncode = 0  # as wished
+        for path in (self.folder / "spool").iterdir():
+            shutil.rmtree(path)
 
     def test_wrong_requests_are_told_apart(self):
         self.start("--key", "secret")
