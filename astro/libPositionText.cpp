@@ -88,6 +88,22 @@ std::string Part(std::string_view text) {
     return std::string(text.substr(first, last - first + 1));
 }
 
+/// Whether the comma is that of a decimal: "40,5", "02 42 04,2".
+bool IsDecimalComma(std::string_view text, std::size_t comma) {
+    constexpr std::string_view digits = "0123456789";
+    if (text[comma] != ',') return false;
+    const std::string_view before = text.substr(0, comma);
+    const std::string_view after = text.substr(comma + 1);
+    const std::size_t whole = before.find_last_not_of(digits) + 1;
+    const std::size_t places = std::min(after.find_first_not_of(digits), after.size());
+    if (whole == before.size() || places == 0) return false;
+    if (whole > 0 && before[whole - 1] == '.') return false;
+    // What goes on as a coordinate is the declination, unless that has a sign of its own.
+    const std::string_view rest = after.substr(places);
+    constexpr auto none = std::string_view::npos;
+    return rest.find_first_of(digits) == none || rest.find_first_of("+-") != none;
+}
+
 std::optional<SkyPosition> SplitAt(std::string_view text, std::size_t place) {
     const std::string raText = Part(text.substr(0, place));
     const std::string decText = Part(text.substr(place));
@@ -113,6 +129,7 @@ std::optional<SkyPosition> ParsePosition(std::string_view utf8) {
     text = Part(text);
     // The surest separator is tried first: a comma, then a sign, then the middle of the parts.
     const std::size_t comma = text.find_first_of(",;");
+    if (comma != std::string::npos && IsDecimalComma(text, comma)) return std::nullopt;
     if (comma != std::string::npos) return SplitAt(text, comma);
     const std::size_t sign = text.find_first_of("+-", 1);
     if (sign != std::string::npos) return SplitAt(text, sign);

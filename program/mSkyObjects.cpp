@@ -63,11 +63,13 @@ void SetCentre(SolveInputs& inputs, const SkyPosition& centre) {
 
 bool CompleteCentre(SolveInputs& inputs, SkyNames& names) {
     if (IsRa(inputs.Ra) && IsDec(inputs.Dec)) return false;
+    // A valid value of one box is not replaced by what may be a slip in the other.
+    const bool free = !IsRa(inputs.Ra) && !IsDec(inputs.Dec);
     for (const std::string* text : {&inputs.Ra, &inputs.Dec}) {
-        if (const auto position = ParsePosition(*text)) {
-            SetCentre(inputs, *position);
-            return true;
-        }
+        const auto position = free ? ParsePosition(*text) : std::nullopt;
+        if (!position) continue;
+        SetCentre(inputs, *position);
+        return true;
     }
     const std::string ra = PlainAngleText(inputs.Ra);
     const std::string dec = PlainAngleText(inputs.Dec);

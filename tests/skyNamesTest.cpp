@@ -137,6 +137,12 @@ TEST(Positions, AreReadInTheFormsInWhichTheyAreCopied) {
         EXPECT_NEAR(position->Ra, crab.Ra, 1e-8) << text;
         EXPECT_NEAR(position->Dec, crab.Dec, 1e-8) << text;
     }
+    for (const char* text : {"83.6329167,22.0144444", "05:34:31.9,22:00:52", "5h34m31.9s,22d00m52s",
+                             "05 34 31.9,+22 00 52", "83.6329167,+22.0144444"}) {
+        const auto position = ParsePosition(text);
+        ASSERT_TRUE(position) << text;
+        EXPECT_NEAR(position->Dec, crab.Dec, 1e-8) << text;
+    }
     // Every sign that stands for a minus.
     for (const char* text : {"10 30 00 -00 30 00", "10 30 00 \u221200 30 00",
                              "10h30m00s \u201300\u00b030\u203200\u2033"}) {
@@ -144,9 +150,16 @@ TEST(Positions, AreReadInTheFormsInWhichTheyAreCopied) {
         ASSERT_TRUE(position) << text;
         EXPECT_NEAR(position->Dec, -0.5 * degree, 1e-8) << text;
     }
-    for (const char* text :
-         {"", "M 31", "10 30 00", "400 20", "10 95", "10 20 30 40 50", "10:30:00 +20:00:00 junk",
-          "nan nan", "+ -", "05h 34m 31.9s", "-22° 00' 52\"", "22° 00' 52\"", "22 00 52"}) {
+    for (const char* text : {"02 42 04,2",     "40,5",
+                             "42 44 51,3",     "42,7\u00b0",
+                             "40,5 42,7",      "40,5 +42,7",
+                             "40,5 +42",       "",
+                             "M 31",           "10 30 00",
+                             "400 20",         "10 95",
+                             "10 20 30 40 50", "10:30:00 +20:00:00 junk",
+                             "nan nan",        "+ -",
+                             "05h 34m 31.9s",  "-22° 00' 52\"",
+                             "22° 00' 52\"",   "22 00 52"}) {
         EXPECT_FALSE(ParsePosition(text)) << text;
     }
 }
