@@ -170,12 +170,15 @@ struct ProgramState {
     SolveInputs Inputs;
     SolveInputs FilledInputs;  ///< what was last filled into the inputs from a picture's hints
     std::vector<std::string> RecentImages;           ///< paths, the last one first
+    std::vector<std::string> LoadedImages;           ///< what they were when they were read
     std::map<std::string, std::string> Preferences;  ///< preferences of the windows, kept between
                                                      ///< runs
+    std::map<std::string, std::string> LoadedPreferences;  ///< what they were when they were read
 
     ExtractionFacts Extraction;
     PlateStarList PlateStars;               ///< from the last extraction that found 6 or more
     std::optional<PlateSolution> Solution;  ///< of the loaded image
+    std::size_t SolutionCount = 0;          ///< how many there were
     KeptSky Sky;                            ///< belongs to `Solution`
 
     /// When the time limit of the running search expires.

@@ -304,6 +304,7 @@ void FinishPlateSolution(ProgramState& state, Port& port, PlateSolution solution
         StatusColour::Green, true};
     ShowCentre(state, port, solution.Centre());
     state.Solution = std::move(solution);
+    ++state.SolutionCount;
     state.Sky = {};
 }
 

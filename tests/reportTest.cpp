@@ -392,6 +392,19 @@ TEST(Preferences, AreFewLinesWhateverTheFileHolds) {
     LoadPreferences(state);
     EXPECT_EQ(state.Preferences, expected);
 
+    // Two windows: the later to close keeps what the other changed.
+    ProgramState other;
+    LoadPreferences(other);
+    SetPreference(state, "theme", "night");
+    SetPreference(state, "umlaut", "");
+    ASSERT_TRUE(SavePreferences(state));
+    SetPreference(other, "longitude", "7");
+    ASSERT_TRUE(SavePreferences(other));
+    LoadPreferences(state);
+    EXPECT_EQ(PreferenceOf(state, "theme"), "night");
+    EXPECT_EQ(PreferenceOf(state, "umlaut"), "");
+    EXPECT_EQ(PreferenceOf(state, "longitude"), "7");
+
     for (int i = 0; i < 300; ++i) SetPreference(state, "n" + std::to_string(i), "v");
     EXPECT_EQ(state.Preferences.size(), 100U);
     SetPreference(state, "theme", "light");

@@ -356,6 +356,20 @@ TEST(RecentImages, AreFewDistinctLinesWhateverTheFileHolds) {
     state.RecentImages.clear();
     LoadRecentImages(state);
     EXPECT_EQ(state.RecentImages, expected);
+    // Two windows: the later to close keeps what the other opened.
+    ProgramState other;
+    LoadRecentImages(other);
+    AddRecentImage(state, "/of this");
+    ASSERT_TRUE(SaveRecentImages(state));
+    AddRecentImage(other, "/of the other");
+    ASSERT_TRUE(SaveRecentImages(other));
+    LoadRecentImages(state);
+    ASSERT_EQ(state.RecentImages.size(), 8U);
+    EXPECT_TRUE(state.RecentImages[0].ends_with("/of the other") ||
+                state.RecentImages[0].ends_with("\\of the other"));
+    EXPECT_EQ(std::count_if(state.RecentImages.begin(), state.RecentImages.end(),
+                            [](const auto& path) { return path.ends_with("of this"); }),
+              1);
     const std::string good = ReadFile(RecentImagesFilePath());
     for (std::uint32_t seed = 0; seed < 500; ++seed) {
         WriteFile(RecentImagesFilePath(), Damaged(good, seed));
