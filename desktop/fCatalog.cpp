@@ -227,7 +227,7 @@ void CatalogWindow::AddSource(const CatalogSourceChoice& source) {
     auto* item = new QListWidgetItem(QtText(source.Text), sources_);
     item->setFlags(Qt::ItemIsEnabled | Qt::ItemIsSelectable | Qt::ItemIsUserCheckable);
     item->setCheckState(Qt::Checked);
-    item->setToolTip(QtText(source.Text));
+    item->setToolTip(PlainToolTip(QtText(source.Text)));
 }
 
 void CatalogWindow::AddFolder() {

@@ -59,6 +59,7 @@ void QuadMessagesWindow::MessagesChanged() {
 
 void QuadMessagesWindow::showEvent(QShowEvent* event) {
     QDialog::showEvent(event);
+    KeepOnScreen(*this);
     // Another search may have run meanwhile.
     list_->clear();
     shown_ = 0;

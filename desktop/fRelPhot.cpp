@@ -70,6 +70,11 @@ RelativePhotometryWindow::RelativePhotometryWindow(ProgramState& state, Port& po
     ShowTable();
 }
 
+void RelativePhotometryWindow::showEvent(QShowEvent* event) {
+    QDialog::showEvent(event);
+    KeepOnScreen(*this);
+}
+
 void RelativePhotometryWindow::Take(const PixelPoint& pixel) {
     // While something runs, threads may be at work on the pixels.
     if (state_.Running != Activity::None) return;
@@ -102,7 +107,7 @@ void RelativePhotometryWindow::ShowTable() {
         int column = 0;
         for (const std::string& cell : PhotometryCells(table_.Rows[static_cast<std::size_t>(i)])) {
             auto* item = new QTableWidgetItem(QtText(cell));
-            item->setToolTip(QtText(cell));
+            item->setToolTip(PlainToolTip(QtText(cell)));
             rows_->setItem(i, column++, item);
         }
     }

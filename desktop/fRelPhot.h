@@ -28,6 +28,9 @@ class RelativePhotometryWindow : public QDialog {
     /// second.
     std::function<void(const std::vector<StarMeasurement>&)> OnTaken;
 
+ protected:
+    void showEvent(QShowEvent* event) override;
+
  private:
     void ShowTable();
     void GiveFirstUp();

@@ -75,7 +75,7 @@ void SolutionsWindow::Add(const SolvedPicture& picture) {
     int column = 0;
     for (const std::string& cell : SolutionCells(picture)) {
         auto* item = new QTableWidgetItem(QtText(cell));
-        item->setToolTip(column == 0 ? QtText(picture.Path) : QtText(cell));
+        item->setToolTip(PlainToolTip(QtText(column == 0 ? picture.Path : cell)));
         rows_->setItem(row, column++, item);
     }
     ShowCertainties();

@@ -13,6 +13,7 @@
 #include <QMimeData>
 #include <QPainter>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QScreen>
 #include <QStringDecoder>
 #include <QStyle>
@@ -54,6 +55,10 @@ void QuietHandler(QtMsgType type, const QMessageLogContext& /*context*/, const Q
 
 QString QtText(const std::string& utf8) {
     return QString::fromUtf8(utf8.data(), static_cast<qsizetype>(utf8.size()));
+}
+
+QString PlainToolTip(const QString& text) {
+    return text.isEmpty() ? text : "<p>" + text.toHtmlEscaped() + "</p>";
 }
 
 std::string Utf8(const QString& text) {
@@ -294,13 +299,14 @@ bool ElidedLabel::event(QEvent* event) {
     if (event->type() != QEvent::ToolTip) return QLabel::event(event);
     const bool cut = fontMetrics().horizontalAdvance(text()) > contentsRect().width();
     const QString whole = !toolTip().isEmpty() ? toolTip() : cut ? text() : QString();
-    QToolTip::showText(static_cast<QHelpEvent*>(event)->globalPos(),
-                       whole.isEmpty() ? whole : "<p>" + whole.toHtmlEscaped() + "</p>", this);
+    QToolTip::showText(static_cast<QHelpEvent*>(event)->globalPos(), PlainToolTip(whole), this);
     return true;
 }
 
 void ElidedLabel::paintEvent(QPaintEvent* /*event*/) {
     QPainter painter(this);
+    // A path reads from left to right, whatever the letters of its folders.
+    painter.setLayoutDirection(Qt::LeftToRight);
     painter.drawText(contentsRect(), Qt::AlignLeft | Qt::AlignVCenter,
                      fontMetrics().elidedText(text(), Qt::ElideMiddle, contentsRect().width()));
 }
@@ -354,6 +360,14 @@ std::optional<std::string> WindowPort::AskForFile(const FileDialog& dialog) {
         box.selectNameFilter(filters[dialog.FilterIndex - 1]);
     }
     if (dialog.Saves) box.setDefaultSuffix(QtText(dialog.Suffix));
+    if (dialog.Saves && !dialog.Suffix.empty()) {
+        // A name without an ending gets that of the chosen kind of files.
+        QObject::connect(&box, &QFileDialog::filterSelected, [&box](const QString& filter) {
+            static const QRegularExpression ending(R"(\(\*\.(\w+)[^()]*\)$)");
+            const QRegularExpressionMatch match = ending.match(filter);
+            if (match.hasMatch()) box.setDefaultSuffix(match.captured(1));
+        });
+    }
     box.setDirectory(QtText(FolderOfPath(dialog.InitialName)));
     if (!dialog.SuggestedName.empty()) box.selectFile(QtText(dialog.SuggestedName));
     if (box.exec() != QDialog::Accepted || box.selectedFiles().isEmpty()) return std::nullopt;

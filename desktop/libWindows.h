@@ -25,6 +25,8 @@ class QTextEdit;
 namespace vestrel {
 
 QString QtText(const std::string& utf8);
+/// A tool tip that shows a text as it is: Qt guesses whether a tool tip is markup.
+QString PlainToolTip(const QString& text);
 std::string Utf8(const QString& text);
 
 /// The colours of all windows. The first theme is the system's.

@@ -5,6 +5,7 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QComboBox>
 #include <QFileDialog>
 #include <QLabel>
 #include <QLineEdit>
@@ -33,6 +34,7 @@ class DialogReader {
     Texts Messages;        ///< "title: text"
     bool Agrees = true;    ///< to questions
     QString FileToChoose;  ///< empty: file dialogs are cancelled
+    QString KindToChoose;  ///< how the entry of the file dialog's list of kinds begins
     QString Title;         ///< of the last file dialog
     QStringList Filters;
     QString Selected;
@@ -59,6 +61,13 @@ class DialogReader {
             if (FileToChoose.isEmpty()) {
                 files->reject();
                 return;
+            }
+            auto* kinds = files->findChild<QComboBox*>("fileTypeCombo");
+            const int kind = kinds->findText(KindToChoose, Qt::MatchStartsWith);
+            if (!KindToChoose.isEmpty() && kind >= 0) {
+                kinds->setCurrentIndex(kind);
+                QMetaObject::invokeMethod(kinds, "textActivated",
+                                          Q_ARG(QString, kinds->currentText()));
             }
             files->findChild<QLineEdit*>("fileNameEdit")->setText(FileToChoose);
             QMetaObject::invokeMethod(files, "accept");
