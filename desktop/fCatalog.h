@@ -31,6 +31,8 @@ class CatalogWindow : public QDialog {
     /// Reads the catalog and searches for sources again, unless a build runs.
     void Refresh();
     bool IsBuilding() const { return !runs_.empty(); }
+    /// Stops a build; the catalog stays as it was.
+    void Stop();
 
     /// Called when there is a new catalog or new tables.
     std::function<void()> OnCatalogChanged;
@@ -46,7 +48,6 @@ class CatalogWindow : public QDialog {
     void AddTable();
     CatalogWish Wish() const;
     void Build();
-    void Stop();
     void StartRun();
     void ReadErrors();
     void TakeLine(const QString& line);

@@ -49,7 +49,8 @@ the inputs; Plate Match then measures it.</p>
 <a name="fMORA"></a><a name="ListMORA"></a><h3>Messages of MORA</h3>
 <p>What it finds on the way (Ctrl+M): the patterns that were tried, and those that fit.</p>
 <a name="cmdStop"></a><h3>Stop Search</h3>
-<p>Ends the search that is running (Escape). What was found before stays.</p>
+<p>Ends the search that is running (Escape). An earlier solution of the picture was given up when the
+search began, but the table of solutions (Ctrl+B) has it.</p>
 <a name="txtDetails"></a><h3>Details</h3>
 <p>What the last solve found, or what it saw when it found nothing, as text to be selected and copied
 (Ctrl+Shift+C copies all).</p>

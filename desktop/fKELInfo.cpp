@@ -1,5 +1,6 @@
 #include "desktop/fKELInfo.h"
 
+#include <QApplication>
 #include <QCloseEvent>
 #include <QDragEnterEvent>
 #include <QFileInfo>
@@ -16,6 +17,7 @@
 #include <cstdio>
 
 #include "console/exitCodes.h"
+#include "desktop/fCatalog.h"
 #include "desktop/fParms.h"
 #include "program/mJustSolve.h"
 #include "program/mMORA.h"
@@ -47,6 +49,10 @@ SolveWindow::SolveWindow(ProgramState& state)
         ShowState();
         imageWindow_.ActivityChanged();
         quadMessagesWindow_.MessagesChanged();
+        if (settingsWait_ && state_.Running == Activity::None) {
+            // The command that ends may still use them.
+            QTimer::singleShot(0, this, [this] { ApplySettings(); });
+        }
     };
     port_.OnImageChanged = [this] {
         imageWindow_.ImageChanged();
@@ -105,18 +111,36 @@ void SolveWindow::closeEvent(QCloseEvent* event) {
         event->ignore();
         return;
     }
+    // After an unattended run nobody may be there to answer a message.
+    const bool watched = !countdown_.isActive();
     countdown_.stop();
-    if (!SaveSettings(state_)) std::fputs("vestrel: the settings cannot be written\n", stderr);
-    if (!SaveRecentImages(state_)) {
-        std::fputs("vestrel: the list of recent images cannot be written\n", stderr);
+    if (!SaveSession() && watched) {
+        Complain("The settings cannot be written. What was changed in this session is lost.");
     }
-    KeepPlaces();
-    if (!SavePreferences(state_))
-        std::fputs("vestrel: the preferences cannot be written\n", stderr);
     for (QWidget* window : Windows()) {
         if (window != this) window->close();
     }
     event->accept();
+}
+
+bool SolveWindow::SaveSession() {
+    bool saved = true;
+    const auto check = [&saved](bool written, const char* what) {
+        if (!written) std::fprintf(stderr, "vestrel: %s cannot be written\n", what);
+        saved = saved && written;
+    };
+    check(SaveSettings(state_), "the settings");
+    check(SaveRecentImages(state_), "the list of recent images");
+    KeepPlaces();
+    check(SavePreferences(state_), "the preferences");
+    return saved;
+}
+
+void SolveWindow::EndNow() {
+    SaveSession();
+    if (catalogWindow_ != nullptr && catalogWindow_->IsBuilding()) catalogWindow_->Stop();
+    RequestClose(state_);
+    QApplication::exit();  // from open dialogs too
 }
 
 void SolveWindow::showEvent(QShowEvent* event) {

@@ -57,6 +57,8 @@ class SolveWindow : public QMainWindow {
     std::function<std::unique_ptr<TelescopeDriver>(const std::string&)> TelescopeAt;
     /// Applies catalog, telescope and theme from the preferences.
     void ApplySettings();
+    /// Saves the session and ends the program without a question. What runs is stopped.
+    void EndNow();
     /// The exit code with which the program ends.
     ExitCode EndsWith() const { return exitCode_; }
     /// Sets the tick of the countdown, which is one second by default.
@@ -108,6 +110,8 @@ class SolveWindow : public QMainWindow {
     std::vector<QWidget*> Windows();
     void RestorePlaces();
     void KeepPlaces();
+    /// False when a file cannot be written.
+    bool SaveSession();
 
     // The commands.
     /// Runs a command, and closes the window when that was requested meanwhile.
@@ -186,7 +190,8 @@ class SolveWindow : public QMainWindow {
     std::filesystem::path usualCatalog_;      ///< the catalog folder the folder when the
                                               ///< preferences name none
     std::string setTelescope_;
-    bool noted_ = false;  ///< the present solution is in the table
+    std::size_t noted_ = 0;      ///< the count of solutions when the last came into the table
+    bool settingsWait_ = false;  ///< settings were changed while something ran
     std::vector<MeasuredMark> statsMarks_;
     std::vector<MeasuredMark> photometryMarks_;
 

@@ -73,8 +73,10 @@ void SolveWindow::SyncTelescope() {
 
 void SolveWindow::ConnectWindows() {
     solutionsWindow_.OnRestore = [this](const SolvedPicture& picture) {
-        noted_ = true;
-        Run([&] { RestoreSolution(state_, port_, picture); });
+        Run([&] {
+            RestoreSolution(state_, port_, picture);
+            noted_ = state_.SolutionCount;
+        });
     };
     imageWindow_.OnRun = [this](const std::function<void()>& command) { Run(command); };
     imageWindow_.OnLevelsChosen = [this] { levelsWindow_.LevelsChanged(); };
@@ -127,9 +129,9 @@ void SolveWindow::EditParameters() {
 }
 
 void SolveWindow::NoteSolution() {
-    if (!state_.Solution) noted_ = false;
-    if (!state_.Solution || noted_ || state_.Running != Activity::None) return;
-    noted_ = true;
+    const bool isNew = state_.Solution && noted_ != state_.SolutionCount;
+    if (!isNew || state_.Running != Activity::None) return;
+    noted_ = state_.SolutionCount;
     solutionsWindow_.Add(PictureOf(state_));
 }
 
@@ -137,13 +139,14 @@ void SolveWindow::ApplySettings() {
     ApplyTheme(PreferenceOf(state_, "theme"));
     const std::string catalog = PreferenceOf(state_, "catalog");
     const std::filesystem::path folder = catalog.empty() ? usualCatalog_ : PathFromText(catalog);
-    if (state_.Catalog.Folder != folder && state_.Running == Activity::None) {
+    settingsWait_ = state_.Running != Activity::None;
+    if (state_.Catalog.Folder != folder && !settingsWait_) {
         state_.Catalog = {};
         state_.Catalog.Folder = folder;
         state_.Quads = {};
     }
     const std::string telescope = PreferenceOf(state_, "telescope");
-    if (telescope != setTelescope_ && TelescopeAt && state_.Running == Activity::None) {
+    if (telescope != setTelescope_ && TelescopeAt && !settingsWait_) {
         setTelescope_ = telescope;
         state_.Telescope.reset();
         state_.TelescopeConnected = false;
@@ -201,6 +204,8 @@ void SolveWindow::ShowAbout() {
 }
 
 void SolveWindow::Tick() {
+    // Whoever has a dialog open is at work.
+    if (QApplication::activeModalWidget() != nullptr) return;
     const bool ends = CountdownTick(state_);
     ShowState();
     if (ends) close();

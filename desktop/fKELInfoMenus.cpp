@@ -21,7 +21,8 @@ void SolveWindow::BuildMenus() {
     recentMenu_ = file->addMenu("Open &Recent");
     startActions_.push_back(recentMenu_->menuAction());
     connect(recentMenu_, &QMenu::aboutToShow, this, [this] { FillRecentImages(); });
-    saveAction_ = AddAction(file, "Save &As...", QKeySequence::SaveAs,
+    // Not every desktop has a standard key for it.
+    saveAction_ = AddAction(file, "Save &As...", QKeySequence("Ctrl+Shift+S"),
                             [this] { SaveImageCommand(state_, port_); });
     saveAction_->setToolTip(
         "For Vestrel: other programs may show it black, the export is for them");

@@ -77,7 +77,8 @@ SettingsWindow::SettingsWindow(ProgramState& state, Port& port, QWidget* parent)
         folder->setText(chosen);
         Keep("catalog", chosen);
     });
-    connect(test, &QPushButton::clicked, this, [this] {
+    connect(test, &QPushButton::clicked, this, [this, telescope] {
+        Keep("telescope", telescope->text());        // by its key, the input keeps the keyboard
         const QPointer<SettingsWindow> self = this;  // it may be closed meanwhile
         TestTelescopeCommand(state_, port_);
         if (self) ShowTelescope();
@@ -160,8 +161,8 @@ QLineEdit* SettingsWindow::AddText(QFormLayout* layout, const char* name, const 
 void SettingsWindow::OfferDevices(QLineEdit& address, QPushButton& button) {
     if (address.text().trimmed().isEmpty()) {
         address.setText("indi://localhost:7624/");
-        Keep("telescope", address.text());
     }
+    Keep("telescope", address.text());
     const QPointer<SettingsWindow> self = this;  // it may be closed meanwhile
     const std::vector<std::string> names = TelescopeDevicesCommand(state_, port_);
     if (!self) return;

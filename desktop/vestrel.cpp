@@ -3,12 +3,20 @@
 
 #include <QApplication>
 #include <QIcon>
+#include <QSocketNotifier>
 #include <QTimer>
 #include <cstdio>
 #include <exception>
 #include <memory>
 #include <string>
 #include <vector>
+
+#ifndef _WIN32
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#endif
 
 #include "astro/libStrings.h"
 #include "console/consolePort.h"
@@ -41,6 +49,39 @@ ExitCode RunWithoutWindow(const DesktopStart& start, ProgramState& state) {
     return ExitCodeOf(outcome, state, port);
 }
 
+#ifndef _WIN32
+int endPipe[2] = {-1, -1};
+
+extern "C" void OnEndSignal(int /*signal*/) {
+    EndWithin(2, NumberOf(ExitCode::Stopped));
+    const char byte = 0;
+    (void)!write(endPipe[1], &byte, 1);
+}
+#endif
+
+/// Ends the program in good order at a signal, as when the user logs out. A second signal ends it
+/// at once.
+void CatchEndSignals([[maybe_unused]] SolveWindow& window) {
+#ifndef _WIN32
+    if (pipe(endPipe) != 0) return;
+    for (const int end : endPipe) fcntl(end, F_SETFD, FD_CLOEXEC);
+    auto* notifier = new QSocketNotifier(endPipe[0], QSocketNotifier::Read, &window);
+    QObject::connect(notifier, &QSocketNotifier::activated, &window, [&window, notifier] {
+        notifier->setEnabled(false);
+        window.EndNow();
+    });
+    struct sigaction action {};
+    action.sa_handler = OnEndSignal;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction before {};
+        sigaction(signal, nullptr, &before);
+        // A program that was started to outlive its terminal goes on.
+        if (before.sa_handler != SIG_IGN) sigaction(signal, &action, nullptr);
+    }
+#endif
+}
+
 ExitCode Run(int argc, char** argv) {
     // Desktops connect the windows with the installed icon by this name.
     constexpr const char* applicationId = "org.vestrel.Vestrel";
@@ -68,6 +109,7 @@ ExitCode Run(int argc, char** argv) {
     window.TelescopeAt = CreateTelescopeDriverAt;
     window.ApplySettings();
     window.show();
+    CatchEndSignals(window);
     QTimer::singleShot(0, &window, [&] {
         if (start.What == DesktopStart::Kind::OpenImage) window.OpenFile(start.Text);
         if (start.What == DesktopStart::Kind::Complain) window.Complain(start.Text);

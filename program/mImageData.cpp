@@ -24,8 +24,11 @@ std::size_t CharacterCount(std::string_view utf8) {
 
 /// The details of a solution stay as long as its image does.
 void ShowCause(ProgramState& state, const std::string& cause) {
-    if (cause.empty() || state.Solution) return;
-    state.Display.Details = "  Cause             " + WithoutControls(cause) + "\n";
+    if (state.Solution) return;
+    state.Display.Details.clear();
+    if (!cause.empty()) {
+        state.Display.Details = "  Cause             " + WithoutControls(cause) + "\n";
+    }
 }
 
 /// Reads a file into `image`, and shows why when that fails.
@@ -134,7 +137,7 @@ void SaveImageDialog(ProgramState& state, Port& port) {
                          4, state.Parameters.LastSaveFolder + "\\*.*", true});
     if (!path) return;
     state.Parameters.LastSaveFolder = FolderOfPath(*path);
-    SaveImage(state, port, *path);
+    if (SaveImage(state, port, *path)) ShowStatus(state, port, "Saved " + FileNameOfPath(*path));
 }
 
 }  // namespace vestrel

@@ -156,7 +156,7 @@ void RestoreSolution(ProgramState& state, Port& port, const SolvedPicture& pictu
     state.PlateStars = picture.Solution->PlateStars;
     FinishPlateSolution(state, port, *picture.Solution);
     state.Display.Details = SolutionText(state);
-    state.Display.Extracted = std::to_string(state.PlateStars.Count());
+    state.Display.Extracted = std::to_string(state.Solution->ExtractedCount);
     state.Display.FoundInCatalog = std::to_string(state.Solution->CatalogCount());
     port.ImageChanged();
 }

@@ -3,16 +3,21 @@
 
 #include <QComboBox>
 #include <QMenu>
+#include <QProcess>
 #include <QScreen>
 #include <QTableWidget>
 #include <QTextBlock>
+#include <QTextDocumentFragment>
 #include <QTextEdit>
 #include <QTextLayout>
+
+#include <csignal>
 
 #include "desktop/desktopOptions.h"
 #include "program/mPreferences.h"
 #include "program/mTelescope.h"
 #include "tests/desktopSupport.h"
+#include "tests/recordingTelescope.h"
 
 namespace vestrel {
 namespace {
@@ -72,6 +77,109 @@ TEST_F(Session, ASolutionWhoseFileIsGoneOrAnotherIsNotRestored) {
     ASSERT_TRUE(State->Solution);
     EXPECT_EQ(State->Solution->CentreRA, ra);
     EXPECT_EQ(Dialogs.Messages.size(), 2u);
+}
+
+TEST_F(Session, EverySolveOfAPictureIsInTheTableUnderItsNameAsItIs) {
+    const std::string path = Copy("<h1>Sure <s>M31.fit");
+    Choose("Table of Solutions");
+    Solve(path);
+    Type("txtRegions", "8");
+    Press("cmdMatch");
+    EXPECT_EQ(Rows()->rowCount(), 2);
+    Type("txtRA", "nowhere");
+    Press("cmdMatch");
+    EXPECT_EQ(Dialogs.Messages.size(), 1U);
+    EXPECT_EQ(Rows()->rowCount(), 2);
+    Restore(0);
+    EXPECT_EQ(Rows()->rowCount(), 2);
+    TypeSearch();
+    Press("cmdMatch");
+    EXPECT_EQ(Rows()->rowCount(), 3);
+    const QString tip = Rows()->item(0, 0)->toolTip();
+    EXPECT_EQ(Utf8(QTextDocumentFragment::fromHtml(tip).toPlainText()), path);
+}
+
+TEST_F(Session, TheCauseOfAnEarlierFileIsNotThatOfTheNext) {
+    WriteFile(Folder / "paper.xyz", "%PDF-1.4\n");
+    WriteFile(Folder / "notes.xyz", "text");
+    Window->OpenFile((Folder / "paper.xyz").string());
+    EXPECT_TRUE(State->Display.Details.starts_with("  Cause ")) << State->Display.Details;
+    Window->OpenFile((Folder / "notes.xyz").string());
+    EXPECT_EQ(State->Display.Details, "");
+    EXPECT_EQ(Dialogs.Messages.size(), 2U);
+}
+
+TEST_F(Session, TheTelescopeThatIsShownIsAskedEvenWhenItIsTypedWhileAnotherWaits) {
+    const auto script = std::make_shared<TelescopeScript>();
+    std::string asked;
+    Window->TelescopeAt = [&, factory = FactoryOf(script)](const std::string& address) {
+        asked = address;
+        return factory();
+    };
+    State->TelescopePatience = {std::chrono::minutes(1), std::chrono::minutes(1)};
+    Choose("Settings...");
+    QWidget* settings = WindowNamed("fSettings");
+    ASSERT_NE(settings, nullptr);
+    auto* address = settings->findChild<QLineEdit*>("txtTelescope");
+    auto* test = settings->findChild<QPushButton*>("cmdTestTelescope");
+    // By its key, the button takes no keyboard from the input.
+    address->setText("indi://here/One");
+    script->Set({}, "ra", 5, 20);
+    QTimer watch;
+    QObject::connect(&watch, &QTimer::timeout, [&] {
+        const Texts calls = script->Calls();
+        if (calls.empty() || calls.back() != "ra") return;
+        watch.stop();
+        address->setText("indi://here/Two");
+        QMetaObject::invokeMethod(address, "editingFinished");
+        Press("cmdStop");
+        State->StopRequested = true;
+    });
+    watch.start(5);
+    test->click();
+    EXPECT_EQ(asked, "indi://here/One");
+    QApplication::processEvents();
+    script->Set({}, {}, 5, 20);
+    test->click();
+    EXPECT_EQ(asked, "indi://here/Two");
+    settings->close();
+}
+
+TEST_F(Session, SettingsThatCannotBeWrittenAreTold) {
+    setenv("XDG_STATE_HOME", (Folder / "frame.fit/none").c_str(), 1);
+    Window->close();
+    EXPECT_FALSE(Window->isVisible());
+    EXPECT_EQ(
+        Dialogs.Messages,
+        Texts{"Vestrel 1.13: The settings cannot be written. What was changed in this session is "
+              "lost."});
+}
+
+TEST_F(Session, ASignalEndsTheProgramInGoodOrderUnderAMessageToo) {
+    for (const std::string& picture : {Frame, (Folder / "missing.fit").string()}) {
+        std::filesystem::remove_all(Folder / "vestrel");
+        QProcess program;
+        program.setProcessChannelMode(QProcess::ForwardedChannels);
+        program.start(QCoreApplication::applicationDirPath() + "/vestrel",
+                      {"-platform", "offscreen", QtText(picture)});
+        ASSERT_TRUE(program.waitForStarted());
+        const std::string status = "/proc/" + std::to_string(program.processId()) + "/status";
+        const auto catches = [&status] {
+            const std::string text = ReadFile(status);
+            const std::size_t mask = text.find("SigCgt:");
+            if (mask == std::string::npos) return false;
+            const auto caught = std::stoull(text.substr(mask + 7), nullptr, 16);
+            return (caught >> (SIGTERM - 1) & 1) == 1;
+        };
+        ASSERT_TRUE(QTest::qWaitFor(catches, 20000));
+        QTest::qWait(300);  // it opens the picture
+        program.terminate();
+        ASSERT_TRUE(program.waitForFinished(20000));
+        EXPECT_EQ(program.exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(program.exitCode(), 0);
+        EXPECT_NE(ReadFile(Folder / "vestrel/preferences").find("window.fKELInfo="),
+                  std::string::npos);
+    }
 }
 
 TEST_F(Session, AFolderThatTakesThePlaceOfAnotherIsCountedByItself) {
@@ -193,6 +301,10 @@ TEST_F(Session, WindowsComeBackWhereTheyWereAndOnAScreen) {
         if (WindowNamed("fImage") == nullptr) Press("cmdImage");
         return WindowNamed("fImage");
     };
+    const auto photometry = [this] {
+        Choose("Relative Photometry");
+        return WindowNamed("fRelPhot");
+    };
     const auto start = [&] {
         Window->close();
         Open();
@@ -213,8 +325,9 @@ TEST_F(Session, WindowsComeBackWhereTheyWereAndOnAScreen) {
                                QPoint(-3000, -2000), QPoint(room.right() - 20, 40)}) {
         Window->setGeometry(QRect(away, own.size()));
         image()->setGeometry(QRect(away, ofImage.size()));
+        photometry()->setGeometry(QRect(away, photometry()->size()));
         start();
-        for (const QWidget* window : {static_cast<QWidget*>(Window.get()), image()}) {
+        for (const QWidget* window : {static_cast<QWidget*>(Window.get()), image(), photometry()}) {
             EXPECT_TRUE(room.contains(window->geometry()))
                 << Utf8(window->objectName()) << " from " << away.x() << " " << away.y() << " to "
                 << window->x() << " " << window->y() << " " << window->width() << " "

@@ -209,7 +209,13 @@ TEST_F(Windows, AnUnattendedRunLeavesItsFileAndCloses) {
     QTest::qWait(100);
     EXPECT_TRUE(Window->isVisible());
     EXPECT_EQ(Shown("lblTimer"), "10");
+    // Nor does it close under an open dialog.
+    Choose("Settings...");
     Find<QCheckBox>("chkKeep")->setChecked(false);
+    QTest::qWait(100);
+    EXPECT_TRUE(Window->isVisible());
+    ASSERT_NE(WindowNamed("fSettings"), nullptr);
+    WindowNamed("fSettings")->close();
     EXPECT_TRUE(WaitUntilClosed());
     EXPECT_EQ(Window->EndsWith(), ExitCode::Solved);
     EXPECT_EQ(Dialogs.Messages, Texts{});
@@ -260,6 +266,7 @@ TEST_F(Windows, TheFileDialogsOfferTheirFiltersAndImagesCanBeDropped) {
     EXPECT_EQ(Dialogs.Title, "Save Image As");
     EXPECT_EQ(Dialogs.Messages, Texts{});
     EXPECT_TRUE(std::filesystem::exists(Folder / "copy.fit"));
+    EXPECT_EQ(Shown("lblStatus"), "Saved copy.fit");
     EXPECT_EQ(Dialogs.Filters,
               (QStringList{"FITS Files (*.FIT, *.FITS, *.FTS) (*.fit *.fits *.fts)",
                            "All Files(*.*) (*)"}));
