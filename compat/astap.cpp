@@ -128,10 +128,13 @@ class AstapRun {
             }
         }
         // Results of an earlier run must not be taken for those of this one.
-        std::error_code ignored;
+        bool cleared = true;
         for (const char* extension : {".ini", ".wcs"}) {
-            std::filesystem::remove(PathFromText(AstapOutputPath(options_, extension)), ignored);
+            if (ClearResult(AstapOutputPath(options_, extension))) continue;
+            std::fprintf(stderr, "The %s file of an earlier run cannot be removed.\n", extension);
+            cleared = false;
         }
+        if (!cleared) return wrongUse.Exit;
         if (!options_.Refused.empty()) {
             return Fail({wrongUse.Exit,
                          ("The option " + options_.Refused + " is not for a solve.").c_str()});
@@ -150,6 +153,7 @@ class AstapRun {
         SolverSettings settings = SettingsOfUser();
         if (HoldsCatalog(options_.CatalogFolder)) settings.CatalogFolder = options_.CatalogFolder;
         Solver solver(settings);
+        image_ = StampOfFile(PathFromText(options_.Image));
         const PictureFacts picture = solver.Open(options_.Image);
         if (!picture.Opened) {
             log_ += picture.Fault + "\n";
@@ -203,6 +207,9 @@ class AstapRun {
             if (!ReadWholeFile(path, longest, bytes)) {
                 throw std::runtime_error("It cannot be read again, or has more than 4 GiB.");
             }
+            if (StampOfFile(path) != image_) {
+                throw std::runtime_error("The file is no longer what it was.");
+            }
             // Without the command line, of which each update would leave another one.
             HeaderContents kept = contents;
             kept.Comments.resize(1);
@@ -249,6 +256,7 @@ class AstapRun {
     const AstapOptions& options_;
     std::string command_;
     std::string log_;
+    FileStamp image_;  ///< of the picture that is solved
 };
 
 }  // namespace

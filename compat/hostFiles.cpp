@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
+#include <system_error>
 
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
@@ -9,6 +11,7 @@
 #include "image/libFitsCards.h"
 #include "image/libWorldCoordinates.h"
 #include "platform/libConsole.h"
+#include "platform/libPlatform.h"
 
 namespace vestrel {
 
@@ -46,6 +49,18 @@ std::string OneLine(const std::string& text) {
 }
 
 }  // namespace
+
+bool ClearResult(const std::string& path) {
+    namespace fs = std::filesystem;
+    const fs::path file = PathFromText(path);
+    std::error_code error;
+    const fs::file_type type = fs::symlink_status(file, error).type();
+    if (type == fs::file_type::not_found) return true;
+    if (type != fs::file_type::regular && type != fs::file_type::symlink) return false;
+    fs::remove(file, error);
+    if (error) fs::resize_file(file, 0, error);
+    return !error;
+}
 
 ClassicGeometry ClassicGeometryOf(const SolverCoordinates& coordinates) {
     const auto& cd = coordinates.Cd;

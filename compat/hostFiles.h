@@ -8,6 +8,10 @@
 
 namespace vestrel {
 
+/// Removes a result of an earlier run, so that nobody takes it for one of this run. Where the
+/// folder lets nothing be removed, the file becomes empty. False when its content stays.
+bool ClearResult(const std::string& path);
+
 /// The `.ini` file of a solution. `coordinates` must have no distortion, for which the file has no
 /// keys.
 /// @param command the command line, for human readers

@@ -150,7 +150,7 @@ class FieldRun {
             Say("Ignoring input file " + input_ + ": it is solved");
             return 0;
         }
-        if (!MakeRoom()) return 0;
+        if (const auto exit = MakeRoom()) return *exit;
         const CancelFile cancel(options_.Cancel);
         SolverWatch watch;
         watch.Stop = cancel.Token();
@@ -169,21 +169,25 @@ class FieldRun {
  private:
     using SipChoice = std::optional<SolverCoordinates>;
 
-    /// Removes the results of an earlier run, if the options allow it.
-    bool MakeRoom() const {
+    /// Removes the results of an earlier run, if the options allow it. Else returns the exit code.
+    std::optional<int> MakeRoom() const {
         for (const std::string& path : outputs_.Wanted()) {
             if (!options_.Overwrite && !options_.Continue && Exists(path)) {
                 Complain("Output file already exists: \"" + path +
                          "\". Use --overwrite to replace it.");
                 Say("Did not solve (or no WCS file was written).");
-                return false;
+                return 0;
             }
         }
-        std::error_code ignored;
+        std::optional<int> fault;
         for (const std::string& path : outputs_.Wanted()) {
-            std::filesystem::remove(PathFromText(path), ignored);
+            // That a .solved file is there tells success, also when it is empty.
+            if (ClearResult(path) && (path != outputs_.Solved || !Exists(path))) continue;
+            Complain("The file " + path + " of an earlier run cannot be removed.");
+            fault = faultExit;
         }
-        return true;
+        if (fault) Say("Did not solve (or no WCS file was written).");
+        return fault;
     }
 
     /// Opens and solves the input. Nothing, with a message, when it cannot be read.

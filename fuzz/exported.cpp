@@ -10,6 +10,7 @@
 #include "image/libFitsExport.h"
 #include "image/libSBIG.h"
 #include "image/libWorldCoordinates.h"
+#include "platform/libFiles.h"
 
 namespace vestrel {
 namespace {
@@ -33,6 +34,7 @@ bool Open(std::string_view bytes, PlateImage& image) {
         image.ImageType = ImageType::Sbig;
         if (!ReadSbigFile(file, image, nullptr, failure)) return false;
     }
+    image.Stamp = StampOfFile(image.FileName);
     return std::int64_t{image.Width} * image.Height <= mostPixels;
 }
 

@@ -39,28 +39,36 @@ void AppendFloat(std::vector<unsigned char>& bytes, double value) {
     AppendBigEndian(bytes, std::bit_cast<std::uint32_t>(static_cast<float>(value)), 4);
 }
 
+/// What to throw when a file has another picture than `image` by now.
+std::runtime_error ChangedFault(const PlateImage& image) {
+    return std::runtime_error("The file " + image.FileName + " is no longer what it was.");
+}
+
+/// To be called after the file was read again.
+void RefuseChangedFile(const PlateImage& image) {
+    if (StampOfFile(PathFromText(image.FileName)) != image.Stamp) throw ChangedFault(image);
+}
+
 /// The pixel bytes of the FITS file that `header` was read from; missing ones are 0.
 std::vector<unsigned char> ReadPixelBytes(const PlateImage& image) {
     const ImageHeader& header = image.Header;
-    const auto changed = [&image] {
-        return std::runtime_error("The file " + image.FileName + " is no longer what it was.");
-    };
     const FileHandle file = OpenFile(PathFromText(image.FileName), "rb");
-    if (!file) throw changed();
+    if (!file) throw ChangedFault(image);
     const auto cards = static_cast<std::size_t>(header.CardCount);
     std::string text(WholeFitsBlocks(cards * FitsCardLength), ' ');
     const std::size_t held = std::fread(text.data(), 1, text.size(), file.get());
-    if (held < cards * FitsCardLength) throw changed();
+    if (held < cards * FitsCardLength) throw ChangedFault(image);
     for (std::size_t i = 1; i <= cards; ++i) {
         if (text.compare((i - 1) * FitsCardLength, FitsCardLength, header.Cards[i]) != 0)
-            throw changed();
+            throw ChangedFault(image);
     }
     const std::size_t pixels =
         static_cast<std::size_t>(header.NAxis1) * static_cast<std::size_t>(header.NAxis2);
     std::vector<unsigned char> bytes(pixels * static_cast<std::size_t>(std::abs(header.BitPix)) /
                                      8);
     (void)!std::fread(bytes.data(), 1, bytes.size(), file.get());
-    if (std::ferror(file.get()) != 0) throw changed();
+    if (std::ferror(file.get()) != 0) throw ChangedFault(image);
+    RefuseChangedFile(image);
     return bytes;
 }
 
@@ -111,8 +119,9 @@ ExportedPixels PixelsOfOthers(const PlateImage& image, bool apart) {
     const bool read = ReadImageFile(PathFromText(image.FileName), original, {}, failure, apart);
     if (!read || original.ImageType != image.ImageType || original.Width != image.Width ||
         original.Height != image.Height) {
-        throw std::runtime_error("The file " + image.FileName + " is no longer what it was.");
+        throw ChangedFault(image);
     }
+    RefuseChangedFile(image);
     bool fits16 = true;
     std::vector<std::int32_t> buffer;
     for (std::int32_t y = 0; y < original.Height && fits16; ++y) {

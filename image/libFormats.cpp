@@ -266,6 +266,7 @@ bool ReadImageFile(const std::filesystem::path& path, PlateImage& image, const P
                    ReadFailure& failure, bool apart) {
     failure = {};
     ForgetDecoding(image);
+    const FileStamp stamp = StampOfFile(path);
     const ImageFormat* const own = OwnFormatOfName(TextFromPath(path));
     bool shown = false;
     const auto read = [&](const ImageFormat& format) {
@@ -310,6 +311,7 @@ bool ReadImageFile(const std::filesystem::path& path, PlateImage& image, const P
     if (image.ImageType == ImageType::Fits && MayHaveLostTheSky(image)) {
         DecodeLostSky(*reader, path, image, progress);
     }
+    image.Stamp = stamp;
     failure = {};
     return true;
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "image/libPixelGrid.h"
+#include "platform/libFiles.h"
 
 namespace vestrel {
 
@@ -96,6 +97,7 @@ struct CountScale {
 /// and y from 0 to Height − 1.
 struct PlateImage {
     std::string FileName;
+    FileStamp Stamp;   ///< of the file before it was read, for those who read it again
     PixelGrid Pixels;  ///< bounds 0..Width, 0..Height; the spare column and row stay 0
     std::int32_t Width = 0;
     std::int32_t Height = 0;

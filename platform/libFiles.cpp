@@ -14,6 +14,7 @@
 #else
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #endif
 
@@ -67,6 +68,23 @@ bool SeekFile(std::FILE* file, std::uint64_t position) {
 #else
     return fseeko(file, static_cast<off_t>(position), SEEK_SET) == 0;
 #endif
+}
+
+FileStamp StampOfFile(const fs::path& path) {
+    std::error_code error;
+    const auto changed = fs::last_write_time(path, error);
+    if (error) return {};
+    FileStamp stamp;
+    stamp.ChangedAt = changed.time_since_epoch().count();
+    const std::uintmax_t length = fs::file_size(path, error);
+    stamp.Length = error ? 0 : length;
+#ifndef _WIN32
+    struct stat found {};
+    if (stat(path.c_str(), &found) != 0) return {};
+    stamp.Device = found.st_dev;
+    stamp.Number = found.st_ino;
+#endif
+    return stamp;
 }
 
 bool ReadWholeFile(const fs::path& path, std::size_t limit, std::vector<unsigned char>& bytes) {

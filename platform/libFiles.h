@@ -29,6 +29,20 @@ std::int64_t FileLength(std::FILE* file);
 /// Moves the position of an open file to a byte counted from its start. False when that fails.
 bool SeekFile(std::FILE* file, std::uint64_t position);
 
+/// What tells a file from another one that takes its place, and from itself after a change. All
+/// zeros when there is no file.
+struct FileStamp {
+    std::uint64_t Device = 0;  ///< this and the number are not told on Windows
+    std::uint64_t Number = 0;
+    std::uint64_t Length = 0;
+    std::int64_t ChangedAt = 0;  ///< in the steps of the system's clock for files
+
+    bool operator==(const FileStamp&) const = default;
+};
+
+/// Take it before a file is opened: only while it stays the same the file holds what was read.
+FileStamp StampOfFile(const std::filesystem::path& path);
+
 /// Reads a whole file of at most `limit` bytes. False when it cannot be read or is longer.
 bool ReadWholeFile(const std::filesystem::path& path, std::size_t limit,
                    std::vector<unsigned char>& bytes);

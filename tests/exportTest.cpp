@@ -385,6 +385,31 @@ TEST(WorldCoordinates, ASolutionThatIsNoMapOfTheSkyIsNone) {
     EXPECT_FALSE(std::filesystem::exists(folder / "out.fits"));
 }
 
+TEST(Export, NeverPutsASolutionIntoAPictureThatCameInThePlaceOfTheSolvedOne) {
+    TemporaryFolder folder;
+    const std::string out = TextFromPath(folder / "out.fits");
+    for (const bool sbig : {false, true}) {
+        // Another picture of the same size and header.
+        const auto picture = [&](int count) {
+            return sbig
+                       ? Sbig(5, 4, std::vector(20, count))
+                       : FitsHeader(FitsCards(8, 5, 4)) + std::string(20, static_cast<char>(count));
+        };
+        const std::filesystem::path file = folder / (sbig ? "in.sbig" : "in.fit");
+        Opened opened;
+        WriteFile(file, picture(1));
+        ASSERT_TRUE(opened.Open(file));
+        opened.Solve(1, 1, 1, 1, false);
+        EXPECT_TRUE(ExportImage(opened.State, opened.Port, out));
+        std::filesystem::remove(out);
+        WriteFile(folder / "next", picture(2));
+        std::filesystem::rename(folder / "next", file);
+        EXPECT_FALSE(ExportImage(opened.State, opened.Port, out));
+        EXPECT_TRUE(opened.Port.Messages.back().ends_with("is no longer what it was."));
+        EXPECT_FALSE(std::filesystem::exists(out));
+    }
+}
+
 TEST(WorldCoordinates, OlderOnesAreKnownByTheirKeywords) {
     for (const char* stale :
          {"CRVAL1", "CRVAL12B", "CD2_1", "PC001002", "PC1_1A", "A_2_0", "BP_ORDER", "EQUINOX",

@@ -5,6 +5,7 @@ Environment: VESTREL_COMPAT the program; VESTREL_CATALOG_TOOL the one that draws
 VESTREL_TEST_CATALOG a real catalog (else the usual folder); VESTREL_STELLARSOLVER a program that calls
 solvers through StellarSolver, where it was built.
 """
+import ctypes
 import gzip
 import json
 import math
@@ -370,6 +371,50 @@ class Astap(Hosts):
                 self.check_wcs(WCS(fits.getheader(image)))
                 image.unlink()
             self.assertEqual([path.name for path in self.folder.glob("*.tmp")], [])
+
+    def test_old_results_in_a_locked_folder_do_not_stand(self):
+        image = self.copy()
+        old = [self.folder / f"image{extension}" for extension in (".ini", ".wcs", ".new", ".solved")]
+        lines = {"astap": ["-f", str(image)], "solve-field": ["-O", str(image)]}
+        self.addCleanup(self.folder.chmod, 0o700)
+
+        def no_superuser():  # who may write everywhere
+            ctypes.CDLL(None).prctl(24, 1)  # drops CAP_DAC_OVERRIDE
+
+        for mode in (0o644, 0o444):
+            for path in old:
+                path.write_text("PLTSOLVD=T\n")
+                path.chmod(mode)
+            self.folder.chmod(0o500)
+            for name, line in lines.items():
+                run = subprocess.run([self.links / name, *line], env=self.environment, capture_output=True, text=True,
+                                     preexec_fn=no_superuser)
+                self.assertEqual(run.returncode, 1, run.stdout + run.stderr)
+                self.assertRegex(run.stderr, "cannot be (removed|written)")
+            # What no longer holds is empty, unless that too is forbidden.
+            self.assertEqual([path.read_text() for path in old[:3]], ["" if mode == 0o644 else "PLTSOLVD=T\n"] * 3)
+            self.folder.chmod(0o700)
+            for path in old:
+                path.chmod(0o644)
+
+    def test_update_never_puts_a_solution_into_a_picture_that_came_meanwhile(self):
+        image, ini, other = self.folder / "image.fits", self.folder / "image.ini", self.folder / "other.fits"
+        fits.PrimaryHDU(self.pixels[::-1].astype(numpy.uint16)).writeto(other)  # its solution is mirrored
+        for delay in (0.005, 0.02, 0.04, 0.06, 0.1, 0.15):
+            self.copy("image.fits")
+            ini.write_text("of an earlier run")
+            run = subprocess.Popen([self.links / "astap", "-f", str(image), "-fov", str(FIELD_HEIGHT), *POSITION, "-update"],
+                                   env=self.environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            while ini.exists() and run.poll() is None:  # it goes right before the picture is read
+                time.sleep(0.001)
+            time.sleep(delay)
+            shutil.copyfile(other, self.folder / "next")
+            (self.folder / "next").replace(image)
+            if run.wait(60) == 34:
+                self.assertIn("not updated", ini_of(ini)["WARNING"])
+                self.assertEqual(image.read_bytes(), other.read_bytes())
+            elif "CD1_1" in fits.getheader(image):  # the other one was read
+                self.assertGreater(numpy.linalg.det(WCS(fits.getheader(image)).wcs.cd), 0)
 
     def test_a_full_disk_leaves_nothing_and_is_told(self):
         image = self.copy()
