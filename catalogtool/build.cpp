@@ -56,6 +56,7 @@ void AddTableOptions(CLI::App& command, CLI::Option* table, BuildOptions& option
             "Epoch of the positions in tables and index files with proper motions (a year), "
             "instead of the one that they give or that is supposed")
         ->check(CLI::Range(1800.0, 2200.0))
+        ->check(CheckFinite)
         ->type_name("YEAR");
     command
         .add_option("--where", options.Where,
@@ -111,12 +112,17 @@ void AddBuildCommand(CLI::App& program, ToolExit& exitCode) {
                     "Adds the brightest stars that the survey lacks: stars.6.json of the npm "
                     "package d3-celestial")
         ->type_name("FILE");
-    command.add_option("--mag-min", options->MagMin, "Leave brighter stars out")->type_name("MAG");
-    command.add_option("--mag-max", options->MagMax, "Leave fainter stars out")->type_name("MAG");
+    command.add_option("--mag-min", options->MagMin, "Leave brighter stars out")
+        ->check(CheckFinite)
+        ->type_name("MAG");
+    command.add_option("--mag-max", options->MagMax, "Leave fainter stars out")
+        ->check(CheckFinite)
+        ->type_name("MAG");
     command
         .add_option("--epoch", options->Epoch,
                     "Epoch to carry stars to that have proper motions (a year; default: today)")
         ->check(CLI::Range(1800.0, 2200.0))
+        ->check(CheckFinite)
         ->type_name("YEAR");
     AddTableOptions(command, table, *options);
     AddProgressOption(command, options->Progress);

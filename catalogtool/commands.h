@@ -25,6 +25,10 @@ void AddCatalogOption(CLI::App& command, std::string& folder);
 /// Adds `--progress-json` to a subcommand. The style must live while the line is parsed.
 void AddProgressOption(CLI::App& command, ProgressStyle& style);
 
+/// A check for options that take a number: "nan" lies within every range of the command line's
+/// library.
+std::string CheckFinite(const std::string& text);
+
 /// The folder that `--catalog` names, or the default one when it was not given.
 std::filesystem::path ChosenCatalog(const std::string& folder);
 

@@ -151,6 +151,8 @@ ManifestState ReadManifest(const std::filesystem::path& folder, CatalogManifest&
     std::error_code ignored;
     const std::filesystem::path file = folder / ManifestName;
     if (!std::filesystem::exists(file, ignored)) return ManifestState::Absent;
+    // Others, such as a pipe, may have no end.
+    if (!std::filesystem::is_regular_file(file, ignored)) return ManifestState::Unreadable;
     constexpr std::size_t largestManifest = std::size_t{16} << 20;
     std::vector<unsigned char> text;
     if (!ReadWholeFile(file, largestManifest, text)) return ManifestState::Unreadable;

@@ -104,9 +104,11 @@ void AddQuadsCommand(CLI::App& program, ToolExit& exitCode) {
             "--from", options->From,
             "Diagonal of the smallest fields, degrees, 0.2 or more. Fields below 0.9 need a "
             "catalog deeper than Tycho-2")
+        ->check(CheckFinite)
         ->type_name("DEGREES")
         ->capture_default_str();
     command.add_option("--to", options->To, "Diagonal of the largest fields, degrees, 30 or less")
+        ->check(CheckFinite)
         ->type_name("DEGREES")
         ->capture_default_str();
     AddProgressOption(command, options->Progress);

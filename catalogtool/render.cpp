@@ -150,6 +150,12 @@ RenderPlan PlanOf(const RenderOptions& options) {
     return plan;
 }
 
+/// A declination for the truth, degrees: by the program's shortened pi those of the poles are a
+/// little beyond 90.
+double DecInDegrees(double radians) {
+    return std::clamp(radians / RadiansPerDegree, -90.0, 90.0);
+}
+
 /// Removes the seconds, which a mount would not know: "08 40 24" becomes "08 40 00".
 std::string ToTheMinute(const std::string& sexagesimal) {
     return sexagesimal.substr(0, sexagesimal.size() - 2) + "00";
@@ -200,7 +206,7 @@ Json TruthOf(const RenderOptions& options, const RenderPlan& plan,
         listed.push_back({{"x", place.X},
                           {"y", place.Y},
                           {"ra_deg", star.Sky.Ra / RadiansPerDegree},
-                          {"dec_deg", star.Sky.Dec / RadiansPerDegree},
+                          {"dec_deg", DecInDegrees(star.Sky.Dec)},
                           {"mag", star.Sky.Mag}});
     }
 
@@ -208,7 +214,7 @@ Json TruthOf(const RenderOptions& options, const RenderPlan& plan,
     if (up < 0) up += 360;
     Json truth;
     truth["ra_deg"] = geometry.Centre.Ra / RadiansPerDegree;
-    truth["dec_deg"] = geometry.Centre.Dec / RadiansPerDegree;
+    truth["dec_deg"] = DecInDegrees(geometry.Centre.Dec);
     truth["scale_arcsec_px"] = geometry.RadiansPerPixel / RadiansPerDegree * 3600;
     truth["up_position_angle_deg"] = up;
     truth["mirrored"] = geometry.Mirrored;
@@ -237,7 +243,7 @@ Json TruthOf(const RenderOptions& options, const RenderPlan& plan,
             corners.push_back({{"x", x},
                                {"y", y},
                                {"ra_deg", ra / RadiansPerDegree},
-                               {"dec_deg", dec / RadiansPerDegree}});
+                               {"dec_deg", DecInDegrees(dec)}});
         }
     }
     truth["corners"] = std::move(corners);
@@ -320,13 +326,15 @@ void AddRenderCommand(CLI::App& program, ToolExit& exitCode) {
     command
         .add_option("--rotation", options->Rotation,
                     "Position angle of the picture's upward direction, degrees east of north")
+        ->check(CheckFinite)
         ->capture_default_str();
     command.add_flag("--mirrored", options->Mirrored, "With north up, east is right");
     command
         .add_option("--distortion", options->Distortion,
                     "How far the lens moves a corner outward, pixels; then its axis, columns and "
                     "rows from the middle")
-        ->expected(1, 3);
+        ->expected(1, 3)
+        ->check(CheckFinite);
     command.add_option("--format", options->Format, "BITPIX: 8, 16 (unsigned) or -32")
         ->check(CLI::IsMember({8, 16, -32}))
         ->capture_default_str();
@@ -344,46 +352,56 @@ void AddRenderCommand(CLI::App& program, ToolExit& exitCode) {
     command
         .add_option("--faint-from", options->FaintFrom,
                     "Magnitude where the catalog's completeness ends")
+        ->check(CheckFinite)
         ->capture_default_str();
 
     const char* const camera = "Sky and camera";
     command.add_option("--seeing", exposure.Seeing, "Full width of a star at half height, pixels")
         ->check(CLI::Range(0.3, 100.0))
+        ->check(CheckFinite)
         ->capture_default_str()
         ->group(camera);
     command
         .add_option("--magnitude-limit", options->MagnitudeLimit,
                     "Faintest star drawn (default: 2.5 below what a solve looks at)")
+        ->check(CheckFinite)
         ->group(camera);
     command
         .add_option("--zero-point", options->ZeroPoint,
                     "Magnitude of a star that gives one electron (default: stars 1.5 below what a "
                     "solve looks at peak 8 sigma above the sky)")
+        ->check(CLI::Range(-50.0, 50.0))
+        ->check(CheckFinite)
         ->group(camera);
     command.add_option("--sky", options->SkyLevel, "Sky, counts (default: 1500, 8-bit 60)")
-        ->check(CLI::NonNegativeNumber)
+        ->check(CLI::Range(0.0, 1e9))
+        ->check(CheckFinite)
         ->group(camera);
     command
         .add_option("--gradient", exposure.Gradient,
                     "Change of the sky from edge to edge, as a part of its level")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 2.0))
+        ->check(CheckFinite)
         ->group(camera);
     command.add_option("--read-noise", exposure.ReadNoise, "Electrons")
-        ->check(CLI::NonNegativeNumber)
+        ->check(CLI::Range(0.0, 1e6))
+        ->check(CheckFinite)
         ->capture_default_str()
         ->group(camera);
     command.add_option("--gain", options->Gain, "Electrons per count (default: 1, 8-bit 24)")
-        ->check(CLI::PositiveNumber)
+        ->check(CLI::Range(1e-6, 1e6))
+        ->check(CheckFinite)
         ->group(camera);
     command.add_option("--saturation", options->Saturation, "Counts (default: 65535, 8-bit 255)")
-        ->check(CLI::PositiveNumber)
+        ->check(CLI::Range(1.0, 1e9))
+        ->check(CheckFinite)
         ->group(camera);
     command.add_option("--hot-pixels", options->HotPixels, "(default: one in 20000)")
         ->check(CLI::NonNegativeNumber)
         ->group(camera);
     const auto addPair = [&](const char* name, std::vector<double>& numbers, const char* text) {
-        command.add_option(name, numbers, text)->expected(1, 2)->group(camera);
+        command.add_option(name, numbers, text)->expected(1, 2)->check(CheckFinite)->group(camera);
     };
     addPair("--trail", options->Trail,
             "How far the stars moved, pixels; then the way's angle, degrees from the columns' "

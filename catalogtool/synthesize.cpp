@@ -69,18 +69,23 @@ void AddSynthesizeCommand(CLI::App& program, ToolExit& exitCode) {
         .add_option("--density", request->Sky.Density,
                     "Stars per square degree down to the limit, mean of the sky")
         ->check(CLI::Range(0.1, 50000.0))
+        ->check(CheckFinite)
         ->capture_default_str();
     command.add_option("--mag-max", request->Sky.FaintestMagnitude, "The faintest magnitude")
         ->check(CLI::Range(6.0, 25.0))
+        ->check(CheckFinite)
         ->capture_default_str();
     command.add_option("--seed", request->Sky.Seed, "Another number, other stars")
         ->capture_default_str();
     command.add_option("--ra", request->Sky.CentreRa, "Part of the sky: centre, degrees")
-        ->check(CLI::Range(0.0, 360.0));
+        ->check(CLI::Range(0.0, 360.0))
+        ->check(CheckFinite);
     command.add_option("--dec", request->Sky.CentreDec, "Part of the sky: centre, degrees")
-        ->check(CLI::Range(-90.0, 90.0));
+        ->check(CLI::Range(-90.0, 90.0))
+        ->check(CheckFinite);
     command.add_option("--radius", request->Sky.Radius, "Part of the sky: radius, degrees")
-        ->check(CLI::Range(0.01, 180.0));
+        ->check(CLI::Range(0.01, 180.0))
+        ->check(CheckFinite);
     command.callback([request, &exitCode] {
         Synthesize(*request);
         exitCode = ToolExit::Good;

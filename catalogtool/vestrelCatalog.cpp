@@ -2,7 +2,9 @@
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <sstream>
 #include <system_error>
@@ -27,6 +29,11 @@ void AddProgressOption(CLI::App& command, ProgressStyle& style) {
     command.add_flag_callback(
         "--progress-json", [&style] { style = ProgressStyle::Json; },
         "Say how far the work is in lines of JSON on standard error, for other programs");
+}
+
+std::string CheckFinite(const std::string& text) {
+    // Of what is no number at all, the option itself tells that.
+    return std::isfinite(std::strtod(text.c_str(), nullptr)) ? "" : text + " is no finite number";
 }
 
 std::filesystem::path ChosenCatalog(const std::string& folder) {

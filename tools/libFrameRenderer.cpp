@@ -200,6 +200,7 @@ class ExpectedLight {
     };
 
     void AddLight(const FramePoint& place, double electrons, double reach) {
+        if (!std::isfinite(place.X) || !std::isfinite(place.Y) || !std::isfinite(reach)) return;
         if (place.Y + reach < 0 || place.Y - reach > geometry_.Height - 1) return;
         const int first = RowIn(place.Y - reach) / bandRows;
         const int last = RowIn(place.Y + reach) / bandRows;
