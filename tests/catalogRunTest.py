@@ -35,7 +35,7 @@ CELL = re.compile(r"[NS]\d\dR\d\d")
 
 
 def run(*words):
-    return subprocess.run([TOOL, *map(str, words)], capture_output=True, text=True, check=False)
+    return subprocess.run([TOOL, *map(str, words)], capture_output=True, text=True, check=False, timeout=300)
 
 
 def cells_of(catalog):
@@ -451,6 +451,30 @@ class CatalogRun(unittest.TestCase):
         self.assertEqual(done.returncode, BAD_INPUT)
         self.assertIn(names[5], done.stderr)
         self.assertFalse((self.catalog / "quads.tables").exists())
+
+    def test_numbers_that_are_none_and_manifests_that_are_no_files_are_refused_at_once(self):
+        frame = self.catalog.parent / "frame.fit"
+        render = ["render", "--ra", 1, "--dec", 90, "--size", "1x1d", "--width-px", 100, "--random-stars", 9, "--out", frame]
+        sky = ["synthesize", "--catalog", self.catalog]
+        for command, options in (
+                (render, ("seeing", "rotation", "zero-point", "sky", "gain", "read-noise", "saturation", "faint-from",
+                          "magnitude-limit", "trail", "defocus", "distortion", "gradient")),
+                (sky, ("density", "mag-max", "ra", "dec", "radius")),
+                (["build", "--catalog", self.catalog, "--csv", self.table("stars.csv", [])],
+                 ("mag-min", "mag-max", "epoch", "table-epoch"))):
+            for option in options:
+                done = run(*command, f"--{option}", "nan")
+                self.assertEqual(done.returncode, WRONG_USAGE, (option, done.stderr))
+                self.assertIn("no finite number", done.stderr)
+        self.assertEqual(run(*render, "--read-noise", "1e300").returncode, WRONG_USAGE)
+        self.assertEqual([frame.exists(), self.catalog.exists()], [False, False])
+        # At the pole by the program's own pi.
+        self.assertEqual(run(*render).returncode, GOOD)
+        self.assertEqual(json.loads(frame.with_suffix(".truth.json").read_text())["dec_deg"], 90)
+        self.catalog.mkdir()
+        os.mkfifo(self.catalog / "catalog.json")
+        self.assertIn("catalog.json is damaged", run("info", "--catalog", self.catalog).stdout)
+        self.assertEqual(run("verify", "--catalog", self.catalog).returncode, FAULTS)
 
     def test_quads_are_for_the_range_asked_for_and_other_ranges_are_refused(self):
         rng = random.Random(6)
