@@ -86,12 +86,18 @@ py::array_t<double> Table(const std::vector<double>& numbers, std::size_t column
     return table;
 }
 
+/// A text that may hold the name of a file, which need not be UTF-8.
+py::str Text(const std::string& text) {
+    return py::reinterpret_steal<py::str>(
+        PyUnicode_DecodeUTF8(text.data(), static_cast<py::ssize_t>(text.size()), "replace"));
+}
+
 py::dict DictionaryOf(const SolverOutcome& outcome, const Solver& solver) {
     py::dict result;
     result["end"] = NameOf(outcome.End);
-    result["reason"] = outcome.Reason;
+    result["reason"] = Text(outcome.Reason);
     result["advice"] = outcome.Advice;
-    result["cause"] = outcome.Cause;
+    result["cause"] = Text(outcome.Cause);
     result["cause_kind"] = outcome.CauseKind;
     result["width"] = outcome.Picture.Width;
     result["height"] = outcome.Picture.Height;

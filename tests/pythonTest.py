@@ -6,6 +6,7 @@ Environment: VESTREL_PROGRAMS the folder of the programs; PYTHONPATH leads to th
 import os
 import pathlib
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -92,9 +93,16 @@ class Module(unittest.TestCase):
                 vestrel.solve(wrong)
         with self.assertRaises(TypeError):
             vestrel.solve(np.zeros((9, 9), complex))
-        missing = vestrel.solve(self.work / "missing.fit")
-        self.assertFalse(missing)
-        self.assertEqual(missing.end, "no picture")
+        for name in ("missing.fit", os.fsdecode(b"missing\xff.fit")):
+            missing = vestrel.solve(self.work / name)
+            self.assertFalse(missing)
+            self.assertEqual(missing.end, "no picture")
+        for cut in ({"picture": f"{self.frame}\0x"}, {"picture": self.frame, "catalog": "catalog\0x"}):
+            with self.assertRaisesRegex(ValueError, "null character"):
+                vestrel.solve(**cut)
+        # A name that is no text.
+        shutil.copyfile(self.frame, self.work / os.fsdecode(b"\xff.fit"))
+        self.assertTrue(vestrel.solve(self.work / os.fsdecode(b"\xff.fit"), **self.hints))
         with self.assertRaisesRegex(ValueError, "There is no solution"):
             missing.wcs
         nothing = vestrel.solve(np.full((200, 300), np.nan))

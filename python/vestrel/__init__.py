@@ -131,6 +131,14 @@ def _cards(header: Optional[Header]) -> list[str]:
     return [text[at:at + 80] for at in range(0, len(text), 80)]
 
 
+def _file_name(path: Union[str, "os.PathLike[str]"]) -> bytes:
+    """The bytes of a name, which need not be UTF-8."""
+    name = os.fsencode(path)
+    if b"\0" in name:
+        raise ValueError("A file name has no null character.")
+    return name
+
+
 class Solver:
     """Solves pictures one after the other and keeps the catalog in memory between them.
 
@@ -151,7 +159,7 @@ class Solver:
                  detection_threshold: float = _native.DETECTION_THRESHOLD,
                  min_star_size: int = _native.MIN_STAR_SIZE, max_stars: int = _native.MAX_STARS,
                  max_error: float = _native.MAX_ERROR) -> None:
-        self._native = _native.Solver(os.fspath(catalog) if catalog is not None else "", threads,
+        self._native = _native.Solver(_file_name(catalog) if catalog is not None else b"", threads,
                                       detection_threshold, min_star_size, max_stars, max_error)
 
     def solve(self, picture: Optional[Picture] = None, *,
@@ -189,7 +197,7 @@ class Solver:
                 raise ValueError("Stars need the shape of their picture: rows, columns.")
             self._native.open_stars(np.asarray(stars, dtype=float), shape[1], shape[0], _cards(header))
         elif isinstance(picture, (str, os.PathLike)):
-            self._native.open_path(os.fspath(picture))
+            self._native.open_path(_file_name(picture))
         else:
             pixels = np.asarray(picture)
             pixels = pixels.astype(pixels.dtype.newbyteorder("="), copy=False)
