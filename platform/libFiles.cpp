@@ -227,6 +227,18 @@ FileHandle CreateTemporary(const fs::path& path, fs::path& temporary) {
     return file;
 }
 
+/// Gives a new file the owner and the group of the one at `path`, as far as this user may.
+void KeepOwner([[maybe_unused]] const fs::path& path, [[maybe_unused]] std::FILE* file) {
+#ifndef _WIN32
+    constexpr auto sameUser = static_cast<uid_t>(-1);
+    struct stat old {};
+    if (stat(path.c_str(), &old) != 0) return;
+    if (fchown(fileno(file), old.st_uid, old.st_gid) != 0) {
+        (void)!fchown(fileno(file), sameUser, old.st_gid);
+    }
+#endif
+}
+
 [[noreturn]] void Fail(const fs::path& path, std::error_code error) {
     throw std::system_error(error, "Cannot write " + TextFromPath(path));
 }
@@ -259,6 +271,7 @@ NewFile::NewFile(const fs::path& path) {
     errno = 0;
     file_ = CreateTemporary(path_, temporary_);
     if (!file_) Fail(path, LastError());
+    KeepOwner(path_, file_.get());
     // A file system without permissions has none to keep.
     if (fs::exists(there)) fs::permissions(temporary_, there.permissions(), error);
 }

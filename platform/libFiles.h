@@ -49,8 +49,8 @@ bool ReadWholeFile(const std::filesystem::path& path, std::size_t limit,
 
 /// A file that is written piece by piece and appears whole or not at all: it grows as a temporary
 /// file in the same folder, which `Commit` renames. The new file takes over the permissions of the
-/// one it replaces, and a link keeps pointing to its file. Write-protected files and anything that
-/// is not a file are refused.
+/// one it replaces, as well as its owner where the user may give files away, and a symbolic link
+/// keeps pointing to its file. Write-protected files and anything that is not a file are refused.
 class NewFile {
  public:
     /// @throws std::system_error with the system's reason

@@ -262,6 +262,9 @@ class Astap(Hosts):
         image = self.folder / "image.fits"
         fits.HDUList([fits.PrimaryHDU(self.pixels.astype(numpy.uint16), header), table]).writeto(image, checksum=True)
         image.chmod(0o640)
+        if os.geteuid() == 0:
+            os.chown(image, 1234, 1235)
+        owner = image.stat().st_uid, image.stat().st_gid
         before = fits.open(image, memmap=False)
         self.addCleanup(before.close)
         line = ["-f", image, "-fov", FIELD_HEIGHT, *POSITION, "-update", "-sip"]
@@ -277,6 +280,7 @@ class Astap(Hosts):
                 self.assertEqual(after[0].header.count(key), 1)
             after.verify("exception")
         self.assertEqual(image.stat().st_mode & 0o777, 0o640)
+        self.assertEqual((image.stat().st_uid, image.stat().st_gid), owner)
         # Killed at any moment the image is the old one or the new one.
         fits.HDUList(before).writeto(image, overwrite=True)
         whole = image.read_bytes()
