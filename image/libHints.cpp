@@ -11,6 +11,7 @@
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "astro/libTime.h"
+#include "image/libFitsCards.h"
 #include "image/libWorldCoordinates.h"
 
 namespace vestrel {
@@ -49,8 +50,13 @@ class CardValues {
 
  private:
     static std::string ValueIn(std::string_view field) {
-        if (!field.starts_with('\'')) return std::string(Trim(field.substr(0, field.find('/'))));
-        return std::string(Trim(field.substr(1, field.find('\'', 1) - 1)));
+        if (field.starts_with('\'')) {
+            return std::string(Trim(field.substr(1, field.find('\'', 1) - 1)));
+        }
+        std::string value(Trim(field.substr(0, field.find('/'))));
+        // The "D" of an exponent would stand for degrees in a position.
+        if (ParseFitsNumber(value)) std::replace(value.begin(), value.end(), 'D', 'E');
+        return value;
     }
     std::map<std::string, std::string, std::less<>> values_;
 };

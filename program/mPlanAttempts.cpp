@@ -40,8 +40,9 @@ SeedSettings SettingsOf(const SeedAttempt& attempt, const PlateImage& image, dou
     settings.Tolerance = RoughTolerance(image);
     if (attempt.AlongStrip) {
         // As many in the strip as in other fields.
+        constexpr double most = 1e6;
         settings.CatalogSeeds = static_cast<std::int32_t>(
-            settings.CatalogSeeds * AreaOfCircleAbout(width, height) / mostArea);
+            std::min(settings.CatalogSeeds * AreaOfCircleAbout(width, height) / mostArea, most));
     }
     return settings;
 }
