@@ -6,7 +6,6 @@
 #include <memory>
 #include <new>
 #include <stdexcept>
-#include <system_error>
 #include <vector>
 
 #include "astro/libMath.h"
@@ -23,7 +22,8 @@ namespace {
 
 /// Counts must fit 32 bits after the offset has been added, with room for later sums.
 constexpr std::int64_t largestOffset = 2'000'000'000;
-/// When missing pixels cost memory, the file must hold at least one byte for this many of them.
+/// A file must hold at least one byte for this many of the pixels that it lacks: a size that was
+/// only announced must cost neither memory nor the time of a solve.
 constexpr std::size_t missingPixelsPerByte = 2048;
 constexpr const char* generalFailure = "Unable to read the image file.";
 
@@ -127,8 +127,7 @@ std::int32_t OffsetOf(const ImageHeader& header) {
 
 void RefuseForgedSize(const PixelLayout& layout) {
     const std::size_t missing = (layout.Wanted - layout.Held) / layout.PixelBytes();
-    if (!layout.MissingCostNothing() &&
-        missing / missingPixelsPerByte > layout.Held + FitsBlockLength) {
+    if (missing / missingPixelsPerByte > layout.Held + FitsBlockLength) {
         throw std::runtime_error("next to none of its pixels are there");
     }
 }
@@ -195,20 +194,7 @@ void ReadPixels(std::FILE* file, std::int64_t fileLength, PlateImage& image,
     }
     const std::int32_t offset = OffsetOf(header);
     PixelLayout layout(header, offset);
-    const std::int64_t dataStart = fileLength < 0 ? -1 : FilePosition(file);
-    if (dataStart < 0) {
-        // A pipe is read in one go, to its end.
-        const auto data = std::make_unique_for_overwrite<std::uint8_t[]>(layout.Wanted);
-        layout.Held = std::fread(data.get(), 1, layout.Wanted, file);
-        RefuseForgedSize(layout);
-        StartPixels(image, offset, layout.Cells());
-        ReadPieces(layout, image, progress,
-                   [&](std::size_t start, std::uint8_t* bytes, std::size_t length) {
-                       std::copy_n(data.get() + start, length, bytes);
-                       return length;
-                   });
-        return;
-    }
+    const std::int64_t dataStart = FilePosition(file);
     layout.Held = std::min(
         layout.Wanted, static_cast<std::size_t>(std::max<std::int64_t>(fileLength - dataStart, 0)));
     RefuseForgedSize(layout);
@@ -246,8 +232,6 @@ bool HoldFractions(const std::vector<std::uint8_t>& bytes) {
 }  // namespace
 
 bool MayHoldFractions(const std::filesystem::path& path) {
-    std::error_code none;
-    if (!std::filesystem::is_regular_file(path, none)) return false;  // a pipe is read only once
     try {
         const FileHandle file = OpenFile(path, "rb");
         if (!file || !SaysFloatingPoint(file.get()) || !SeekFile(file.get(), 0)) return false;
@@ -285,6 +269,7 @@ bool ReadFitsFile(const std::filesystem::path& path, PlateImage& image, const Pr
         const FileHandle file = OpenFile(path, "rb");
         if (!file) throw std::runtime_error("it cannot be opened");
         const std::int64_t fileLength = FileLength(file.get());
+        if (fileLength < 0) throw std::runtime_error("it is no file");
         if (!ReadHeader(file.get(), image.Header, failure)) return false;
         if (!CheckHeader(image.Header, failure)) return false;
         ReadPixels(file.get(), fileLength, image, progress);

@@ -109,7 +109,8 @@ class Formats(unittest.TestCase):
         return process.returncode, *texts, usage.ru_maxrss / 1024
 
     def test_a_size_that_no_file_of_this_length_has_is_refused_and_takes_no_memory(self):
-        forged = {"a.fits.gz": gzip.compress(big_fits()), "a.jpg": forged_jpeg()}
+        forged = {"a.fits.gz": gzip.compress(big_fits()), "a.jpg": forged_jpeg(),
+                  "short.fits": fits_header(16, HUGE, HUGE) + bytes(100)}
         if "fits" in DECODERS:
             forged |= {"a.fits": big_fits(), "a.fits.fz": forged_fz()}
         if "png" in DECODERS:
