@@ -124,6 +124,7 @@ ExitCode Run(int argc, char** argv) {
 }  // namespace vestrel
 
 int main(int argc, char** argv) {
+    vestrel::PrepareProcess();
     try {
         return NumberOf(vestrel::Run(argc, argv));
     } catch (const std::exception& error) {

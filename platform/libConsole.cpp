@@ -6,6 +6,7 @@
 #include <io.h>
 #include <shellapi.h>
 #else
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,6 +35,7 @@ ProgramArguments::ProgramArguments(int argc, const char* const* argv) : texts_(a
 int RunProgram(const char* name, int argc, const char* const* argv,
                int (*run)(int argc, const char* const* argv),
                int (*codeOf)(const std::exception& failure)) {
+    PrepareProcess();
     try {
         const ProgramArguments arguments(argc, argv);
         const PreparedConsole console;
@@ -102,6 +104,8 @@ HANDLE ConsoleOf(std::FILE* stream, DWORD& mode) {
 
 }  // namespace
 
+void PrepareProcess() {}
+
 void EndWithin(unsigned seconds, int exitCode) {
     lateEnd = {seconds * 1000, static_cast<UINT>(exitCode)};
     const HANDLE thread = CreateThread(nullptr, 0, EndLate, nullptr, 0, nullptr);
@@ -157,6 +161,14 @@ extern "C" void EndLate(int /*signal*/) {
 }
 
 }  // namespace
+
+void PrepareProcess() {
+    std::signal(SIGXFSZ, SIG_IGN);
+    // Only to be read: what is written there must fail, as it does on a closed stream.
+    int file = 0;
+    while (file >= 0 && file <= STDERR_FILENO) file = open("/dev/null", O_RDONLY);
+    if (file >= 0) close(file);
+}
 
 void EndWithin(unsigned seconds, int exitCode) {
     lateExitCode = exitCode;

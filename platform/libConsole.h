@@ -40,9 +40,14 @@ class PreparedConsole {
 #endif
 };
 
-/// The body of `main`: passes the arguments to `run` and returns its exit code. An exception that
-/// leaves `run` is reported on standard error after the program's name, and the exit code is
-/// `codeOf(exception)`.
+/// What every program does before anything else: a file that grows beyond the limit for this
+/// process gives an error and no longer ends it, and standard streams that were closed lead
+/// nowhere, so that no file that is opened gets the number of one.
+void PrepareProcess();
+
+/// The body of `main`: prepares the process and passes the arguments to `run` and returns its exit
+/// code. An exception that leaves `run` is reported on standard error after the program's name, and
+/// the exit code is `codeOf(exception)`.
 int RunProgram(const char* name, int argc, const char* const* argv,
                int (*run)(int argc, const char* const* argv),
                int (*codeOf)(const std::exception& failure));

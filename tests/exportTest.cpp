@@ -11,13 +11,13 @@
 #ifndef _WIN32
 #include <sys/resource.h>
 
-#include <csignal>
 #endif
 
 #include "image/libFitsCards.h"
 #include "image/libFitsKeywords.h"
 #include "image/libHeaderText.h"
 #include "image/libWorldCoordinates.h"
+#include "platform/libConsole.h"
 #include "platform/libPlatform.h"
 #include "program/mImageData.h"
 #include "program/mSolvedImage.h"
@@ -212,7 +212,7 @@ TEST(Saving, AFailureLeavesTheOldFileAndNoOther) {
     // A disk that is full in the middle of the file, after 50000 bytes.
     EXPECT_EXIT(
         {
-            std::signal(SIGXFSZ, SIG_IGN);
+            PrepareProcess();
             rlimit limit{};
             limit.rlim_cur = limit.rlim_max = 50000;
             const std::string path = TextFromPath(folder / "out.fit");

@@ -15,7 +15,6 @@ import random
 import re
 import resource
 import shutil
-import signal
 import subprocess
 import tempfile
 import time
@@ -313,8 +312,7 @@ class Astap(Hosts):
         limit = 65536
         run = subprocess.run([self.links / "astap", "-f", str(image), "-fov", str(FIELD_HEIGHT), *POSITION, "-update"],
                              env=self.environment, stdout=subprocess.DEVNULL,
-                             preexec_fn=lambda: (signal.signal(signal.SIGXFSZ, signal.SIG_IGN),
-                                                 resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))))
+                             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit)))
         self.assertEqual(run.returncode, 34)
         self.assertEqual(image.read_bytes(), before)
         self.assertEqual(ini_of(self.folder / "image.ini")["PLTSOLVD"], "T")
@@ -426,8 +424,7 @@ class Astap(Hosts):
             line = ["-f", str(image), "-fov", str(FIELD_HEIGHT), *POSITION] if name == "astap" else \
                 ["-O", "-N", "none", "--ra", str(RA), "--dec", str(DEC), "-u", "app", "-L", "8", "-H", "10", str(image)]
             run = subprocess.run([self.links / name, *line], env=self.environment, capture_output=True, text=True,
-                                 preexec_fn=lambda: (signal.signal(signal.SIGXFSZ, signal.SIG_IGN),
-                                                     resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100))))
+                                 preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100)))
             self.assertNotEqual(run.returncode, 0, run)
             self.assertIn("cannot be written", run.stderr)
             self.assertEqual([file.name for file in self.folder.iterdir()], [image.name])

@@ -357,8 +357,7 @@ class Server(unittest.TestCase):
         import resource
         # Files may not grow beyond 64 kB: the picture does not fit, the small ones do.
         limit = 65536
-        self.start("--max-queue", "3", before=lambda: (signal.signal(signal.SIGXFSZ, signal.SIG_IGN),
-                                                       resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))))
+        self.start("--max-queue", "3", before=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit)))
         status, reply = self.upload(self.frame.read_bytes())
         self.assertEqual(status, 507)
         self.assertIn("cannot store the picture: File too large", reply["errormessage"])
