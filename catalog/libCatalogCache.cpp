@@ -18,8 +18,13 @@ namespace {
 /// Reads a cell into a 1-based list.
 std::vector<CatalogStar> ReadCell(const fs::path& file) {
     std::vector<CatalogStar> stars;
-    // Other programs that share the catalog expect a cell to exist once it was requested.
-    if (!ReadCellFile(file, stars)) (void)OpenFile(file, "ab");
+    // Other programs that share the catalog expect a cell to exist once it was requested. A link
+    // that leads nowhere is none to write through.
+    std::error_code ignored;
+    if (!ReadCellFile(file, stars) &&
+        fs::symlink_status(file, ignored).type() == fs::file_type::not_found) {
+        (void)OpenFile(file, "ab");
+    }
     stars.insert(stars.begin(), CatalogStar());
     return stars;
 }

@@ -273,7 +273,7 @@ class Build {
     void ReadTable(const std::string& file) {
         OpenSource source("csv", file);
         const bool standardInput = file == "-";
-        const FileHandle opened = standardInput ? nullptr : OpenFile(PathFromText(file), "rb");
+        const FileHandle opened = standardInput ? nullptr : OpenInput(PathFromText(file));
         if (!standardInput && !opened) {
             std::error_code ignored;
             const bool folder = fs::is_directory(PathFromText(file), ignored);

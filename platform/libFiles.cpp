@@ -40,13 +40,24 @@ bool FlushToDisk(std::FILE* file) {
 
 FileHandle OpenFile(const fs::path& path, const char* mode) {
     std::error_code ignored;
-    if (mode[0] == 'r' && fs::is_directory(path, ignored)) return nullptr;
+    if (mode[0] == 'r' && fs::is_directory(path, ignored)) {
+        errno = EISDIR;
+        return nullptr;
+    }
     if (std::string_view(mode) == "rb") return FileHandle(OpenShared(path));
 #ifdef _WIN32
     const std::wstring wideMode(mode, mode + std::char_traits<char>::length(mode));
     return FileHandle(_wfopen(path.c_str(), wideMode.c_str()));
 #else
     return FileHandle(std::fopen(path.c_str(), mode));
+#endif
+}
+
+FileHandle OpenInput(const fs::path& path) {
+#ifdef _WIN32
+    return OpenFile(path, "rb");
+#else
+    return FileHandle(std::fopen(path.c_str(), "rb"));
 #endif
 }
 
@@ -258,7 +269,7 @@ void Replace(const fs::path& path, std::span<const unsigned char> bytes, bool ke
 NewFile::NewFile(const fs::path& path) {
     std::error_code error;
     path_ = FollowLinks(path, error);
-    if (error || path_.empty()) path_ = path;
+    if (error) Fail(path, error);
     // A rename would replace even a device or a write-protected file.
     const fs::file_status there = fs::status(path_, error);
     if (fs::exists(there)) {
@@ -296,9 +307,18 @@ void NewFile::Commit() {
     temporary_.clear();
 }
 
+void WriteWholeFile(const fs::path& path, std::span<const unsigned char> bytes) {
+    Replace(path, bytes, false);
+}
+
+void WriteWholeFile(const fs::path& path, std::string_view text) {
+    WriteWholeFile(path,
+                   std::span(reinterpret_cast<const unsigned char*>(text.data()), text.size()));
+}
+
 bool ReplaceFile(const fs::path& path, std::span<const unsigned char> bytes) {
     try {
-        Replace(path, bytes, false);
+        WriteWholeFile(path, bytes);
         return true;
     } catch (const std::system_error&) {
         return false;

@@ -18,9 +18,13 @@ struct FileCloser {
 };
 using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
 
-/// Opens a file in a `fopen` mode ("rb", "wb", "ab", ...); null when that fails. Folders and other
-/// things that are not files do not open for reading.
+/// Opens a file in a `fopen` mode ("rb", "wb", "ab", ...); null when that fails. Folders, pipes,
+/// devices and other things that are not files do not open for reading.
 FileHandle OpenFile(const std::filesystem::path& path, const char* mode);
+
+/// Opens a file or a pipe to read it once, from its start; null when that fails. It waits for the
+/// pipe's other end.
+FileHandle OpenInput(const std::filesystem::path& path);
 
 /// The length of an open file in bytes, from 0; the position is moved to the start. −1 when the
 /// file has no length (a pipe).
@@ -50,7 +54,8 @@ bool ReadWholeFile(const std::filesystem::path& path, std::size_t limit,
 /// A file that is written piece by piece and appears whole or not at all: it grows as a temporary
 /// file in the same folder, which `Commit` renames. The new file takes over the permissions of the
 /// one it replaces, as well as its owner where the user may give files away, and a symbolic link
-/// keeps pointing to its file. Write-protected files and anything that is not a file are refused.
+/// keeps pointing to its file. Write-protected files, anything that is not a file, and links that
+/// someone else put into a folder for all (see `FollowLinks`) are refused.
 class NewFile {
  public:
     /// @throws std::system_error with the system's reason
@@ -72,7 +77,12 @@ class NewFile {
     FileHandle file_;
 };
 
-/// Replaces a file by `bytes` as a `NewFile` does. False leaves an older file as it was.
+/// Replaces a file by `bytes` as a `NewFile` does.
+/// @throws std::system_error with the system's reason, after which an older file is as it was
+void WriteWholeFile(const std::filesystem::path& path, std::span<const unsigned char> bytes);
+void WriteWholeFile(const std::filesystem::path& path, std::string_view text);
+
+/// As `WriteWholeFile`, but returns false when that fails.
 bool ReplaceFile(const std::filesystem::path& path, std::span<const unsigned char> bytes);
 bool ReplaceFile(const std::filesystem::path& path, std::string_view text);
 

@@ -14,7 +14,11 @@
 #else
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <vector>
 #endif
 
 namespace vestrel {
@@ -134,9 +138,52 @@ fs::path AbsolutePath(const fs::path& path) {
     return error ? path : full;
 }
 
+namespace {
+
+/// Whether someone else may have put this link into a folder that is everybody's.
+bool MayBePlanted(const struct stat& link, const fs::path& folder) {
+    struct stat status {};
+    constexpr mode_t everybodys = S_ISVTX | S_IWOTH;
+    return link.st_uid != geteuid() && stat(folder.c_str(), &status) == 0 &&
+           (status.st_mode & everybodys) == everybodys && link.st_uid != status.st_uid;
+}
+
+}  // namespace
+
 fs::path FollowLinks(const fs::path& path, std::error_code& error) {
-    fs::path target = fs::weakly_canonical(path, error);
-    return error || target.empty() ? path : target;
+    error.clear();
+    if (path.empty()) return path;
+    constexpr int mostLinks = 40;
+    int links = 0;
+    fs::path followed = "/";
+    const fs::path whole = AbsolutePath(path);
+    std::vector<fs::path> ahead(whole.begin(), whole.end());
+    std::reverse(ahead.begin(), ahead.end());
+    while (!ahead.empty() && !error) {
+        const fs::path name = std::move(ahead.back());
+        ahead.pop_back();
+        if (name.empty() && ahead.empty()) followed /= "";  // it ended in a separator
+        if (name.empty() || name == ".") continue;
+        const fs::path place = name == ".." ? followed.parent_path() : followed / name;
+        struct stat status {};
+        const bool there = lstat(place.c_str(), &status) == 0;
+        if (!there && errno != ENOENT) {
+            error = {errno, std::generic_category()};
+        } else if (!there || !S_ISLNK(status.st_mode)) {
+            followed = place;
+        } else if (++links > mostLinks) {
+            error = std::make_error_code(std::errc::too_many_symbolic_link_levels);
+        } else if (MayBePlanted(status, followed)) {
+            error = std::make_error_code(std::errc::permission_denied);
+        } else {
+            const fs::path target = fs::read_symlink(place, error);
+            const auto end = ahead.size();
+            for (const fs::path& part : target) ahead.push_back(part);
+            std::reverse(ahead.begin() + static_cast<std::ptrdiff_t>(end), ahead.end());
+            if (target.is_absolute()) followed = "/";
+        }
+    }
+    return error ? path : followed;
 }
 #endif
 

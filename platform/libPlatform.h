@@ -44,7 +44,10 @@ std::string TextFromPath(const std::filesystem::path& path);
 std::filesystem::path AbsolutePath(const std::filesystem::path& path);
 
 /// The path with its links resolved; its target need not exist. The path itself when there is an
-/// `error`, and always on Windows, where the standard library knows no links.
+/// `error`, and always on Windows, where the standard library knows no links. A link in a folder
+/// where everybody may write but nobody may remove what is another's (as /tmp) counts only when it
+/// is this user's or of the folder's owner: else it is an error (`permission_denied`), as Linux
+/// itself has it.
 std::filesystem::path FollowLinks(const std::filesystem::path& path, std::error_code& error);
 
 /// The largest resident memory of this process so far (bytes); 0 when unknown.

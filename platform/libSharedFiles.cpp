@@ -15,6 +15,12 @@
 #include <vector>
 
 #include "platform/libPlatform.h"
+#else
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #endif
 
 namespace vestrel {
@@ -120,7 +126,15 @@ bool MayBeInUse(std::error_code error) {
 #else
 
 std::FILE* OpenShared(const fs::path& path) {
-    return std::fopen(path.c_str(), "rb");
+    // Never waiting for the other end of a pipe.
+    const int number = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+    if (number < 0) return nullptr;
+    struct stat status {};
+    const bool isFile = fstat(number, &status) == 0 && S_ISREG(status.st_mode);
+    std::FILE* const file = isFile ? fdopen(number, "rb") : nullptr;
+    if (!isFile) errno = EINVAL;
+    if (file == nullptr) close(number);
+    return file;
 }
 
 void Rename(const fs::path& from, const fs::path& to, std::error_code& error) {

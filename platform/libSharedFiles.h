@@ -14,7 +14,7 @@
 namespace vestrel {
 
 /// Opens a file to read its bytes, in a way that lets others replace it meanwhile as far as the
-/// system can. Null when that fails; `errno` then has the reason.
+/// system can. Null when that fails or it is no file; `errno` then has the reason.
 std::FILE* OpenShared(const std::filesystem::path& path);
 
 /// Gives a file or a folder another name. An older file of that name is replaced in one step, or

@@ -1,6 +1,7 @@
 #include "platform/libZipFile.h"
 
 #include <string_view>
+#include <system_error>
 
 #include "platform/libFiles.h"
 #include "platform/libModule.h"
@@ -51,7 +52,11 @@ void WriteZip(const std::filesystem::path& path, const std::vector<ZipEntry>& en
     std::string fault;
     InModule<PackZip>("VestrelPackZip")(entries, packed, fault);
     if (!fault.empty()) Fail(path, fault);
-    if (!ReplaceFile(path, packed)) Fail(path, "cannot be written");
+    try {
+        WriteWholeFile(path, packed);
+    } catch (const std::system_error& error) {
+        Fail(path, "cannot be written: " + error.code().message());
+    }
 }
 
 std::vector<ZipEntry> ReadZip(const std::filesystem::path& path, const ZipLimits& limits) {

@@ -9,6 +9,10 @@
 #include <numeric>
 #include <set>
 
+#ifndef _WIN32
+#include <sys/stat.h>
+#endif
+
 #include "astro/libMath.h"
 #include "catalog/libCatalogRegion.h"
 #include "catalog/libCellGrid.h"
@@ -302,6 +306,25 @@ TEST(Region, AWholeOneMissesNoStarAndHasNoneOfTheOppositeSky) {
             << "about " << centre.Ra << ", " << centre.Dec << " within " << radius;
     }
 }
+
+#ifndef _WIN32
+TEST(Region, CellsThatAreNoFilesHoldNoStarsAndLeadToNoOtherFile) {
+    const TemporaryFolder folder;
+    CatalogCache cache;
+    cache.Folder = folder / "catalog";
+    fs::create_directory(cache.Folder);
+    const std::string name = CellName(CellOf({1.01, 0.51}));
+    fs::create_symlink(folder / "elsewhere", cache.Folder / name);
+    PlainCatalog none;
+    ExpectSameRegion(cache, none, 1.01, 0.51, 0.001, 20);
+    EXPECT_FALSE(fs::exists(folder / "elsewhere"));
+    fs::remove(cache.Folder / name);
+    ASSERT_EQ(mkfifo((cache.Folder / name).c_str(), 0600), 0);
+    CatalogCache again;
+    again.Folder = cache.Folder;
+    ExpectSameRegion(again, none, 1.01, 0.51, 0.001, 20);  // without waiting for its other end
+}
+#endif
 
 TEST(Region, DropsTheStarsBeyondTheTenThousandthAndNeedsNoFolder) {
     Random random(24);

@@ -161,6 +161,41 @@ TEST(NewFiles, PermissionsAndLinksStay) {
               fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
     EXPECT_EQ(FilesIn(folder.Path), 3U);
 }
+
+TEST(NewFiles, ALinkThatSomeoneElsePutIntoAFolderForAllIsNotFollowed) {
+    const TemporaryFolder folder;
+    const fs::path shared = folder / "shared";
+    fs::create_directory(shared);
+    ASSERT_EQ(chmod(shared.c_str(), 01777), 0);
+    WriteFile(folder / "precious", "old");
+    fs::create_directory(folder / "mine");
+    fs::create_symlink("../precious", shared / "night.wcs");
+    fs::create_symlink("../mine", shared / "out");
+    EXPECT_TRUE(ReplaceFile(shared / "night.wcs", "my own link"));
+    EXPECT_EQ(ReadFile(folder / "precious"), "my own link");
+    if (geteuid() != 0) return;  // only the superuser can make the links of others
+    constexpr uid_t other = 12345;
+    for (const char* link : {"night.wcs", "out"}) {
+        ASSERT_EQ(lchown((shared / link).c_str(), other, other), 0);
+    }
+    for (const fs::path& path : {shared / "night.wcs", shared / "out" / "night.wcs"}) {
+        try {
+            WriteWholeFile(path, "new");
+            ADD_FAILURE() << path;
+        } catch (const std::system_error& error) {
+            EXPECT_EQ(error.code(), std::errc::permission_denied) << error.what();
+        }
+    }
+    EXPECT_EQ(ReadFile(folder / "precious"), "my own link");
+    EXPECT_TRUE(fs::is_empty(folder / "mine"));
+    // Links of the folder's owner count, and all do where not everybody may write.
+    ASSERT_EQ(chown(shared.c_str(), other, other), 0);
+    EXPECT_TRUE(ReplaceFile(shared / "night.wcs", "of the owner"));
+    ASSERT_EQ(chown(shared.c_str(), 0, 0), 0);
+    ASSERT_EQ(chmod(shared.c_str(), 0755), 0);
+    EXPECT_TRUE(ReplaceFile(shared / "out" / "night.wcs", "in a folder of one"));
+    EXPECT_EQ(FilesIn(shared), 2U);
+}
 #endif
 
 TEST(NewFiles, ANameOfTheGreatestLengthCanBeReplaced) {
@@ -215,6 +250,23 @@ TEST(Reading, OfWholeFilesEndsAtTheirLimit) {
     EXPECT_FALSE(SeekFile(stream.get(), 1));
 #endif
 }
+
+#ifndef _WIN32
+TEST(Reading, APipeIsNoFileAndIsNotWaitedFor) {
+    const TemporaryFolder folder;
+    ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
+    fs::create_symlink("pipe", folder / "link");
+    std::vector<unsigned char> bytes;
+    for (const fs::path& path : {folder / "pipe", folder / "link", fs::path("/dev/zero")}) {
+        EXPECT_FALSE(OpenFile(path, "rb")) << path;
+        EXPECT_FALSE(ReadWholeFile(path, 1000, bytes)) << path;
+    }
+    const FileHandle writer = OpenFile(folder / "pipe", "r+");
+    std::fputs("x", writer.get());
+    std::fflush(writer.get());
+    EXPECT_EQ(std::fgetc(OpenInput(folder / "pipe").get()), 'x');
+}
+#endif
 
 TEST(Reading, OfPartsBySeveralThreadsLeavesTheStreamWhereItIs) {
     const TemporaryFolder folder;
@@ -336,6 +388,27 @@ TEST(Programs, AnExceptionIsReportedAndGivesTheExitCodeAskedFor) {
                   [](const std::exception&) { return 1; }),
               9);
 }
+
+#ifndef _WIN32
+TEST(Programs, AFileIsNeverTakenForAStandardStreamThatWasClosed) {
+    static const TemporaryFolder folder;
+    EXPECT_EXIT(
+        {
+            for (const int stream : {0, 1, 2}) close(stream);
+            std::_Exit(RunProgram(
+                "tool", 0, nullptr,
+                [](int, const char* const*) {
+                    std::fputs("to nobody", stderr);
+                    std::fputs("to nobody", stdout);
+                    const bool told = std::fflush(stdout) != 0;
+                    const FileHandle file = OpenFile(folder / "journal", "wb");
+                    return told && fileno(file.get()) > 2 ? 7 : 1;
+                },
+                [](const std::exception&) { return 2; }));
+        },
+        testing::ExitedWithCode(7), "");
+}
+#endif
 
 }  // namespace
 }  // namespace vestrel
