@@ -2,7 +2,9 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
+#include <limits>
 #include <string_view>
 #include <system_error>
 
@@ -77,24 +79,46 @@ std::string TakeNegativeParameterString(std::vector<std::string>& arguments) {
     return taken;
 }
 
+/// Takes finite numbers from `least` to `most` only.
+CLI::Validator Within(double least, double most, const char* words) {
+    return {[least, most, words](const std::string& text) -> std::string {
+                const auto number = ParseNumber(text);
+                const bool good =
+                    number && std::isfinite(*number) && *number >= least && *number <= most;
+                return good ? "" : std::string("needs a number ") + words;
+            },
+            ""};
+}
+
+CLI::Validator Positive() {
+    return Within(std::numeric_limits<double>::min(), std::numeric_limits<double>::max(),
+                  "above 0");
+}
+
+/// The ranges are those of the library.
 void AddParameterOptions(CLI::App& app, SolveParameters& parameters) {
-    const auto add = [&app](const char* name, auto& field, const char* help) {
-        app.add_option(name, field, help)->capture_default_str()->group("Extraction and matching");
+    const auto add = [&app](const char* name, auto& field, const CLI::Validator& range,
+                            const char* help) {
+        app.add_option(name, field, help)
+            ->capture_default_str()
+            ->check(range)
+            ->group("Extraction and matching");
     };
-    add("--max-star-size", parameters.MaxStarSize,
+    add("--max-star-size", parameters.MaxStarSize, Positive(),
         "Standard deviations of the star sizes above their mean");
-    add("--min-star-size", parameters.MinStarSize, "Pixels");
-    add("--max-stars", parameters.MaxStars, "Stars of each list that take part");
-    add("--detection-threshold", parameters.DetectionThreshold,
+    add("--min-star-size", parameters.MinStarSize, Within(1, 32767, "from 1 to 32767"), "Pixels");
+    add("--max-stars", parameters.MaxStars, Within(6, 1000, "from 6 to 1000"),
+        "Stars of each list that take part");
+    add("--detection-threshold", parameters.DetectionThreshold, Positive(),
         "Standard deviations of the sky above its mean");
-    add("--max-geometric-error", parameters.MaxGeometricError,
+    add("--max-geometric-error", parameters.MaxGeometricError, Positive(),
         "Largest departure of stretch from 1 and of skew from 0");
-    add("--edge-exclusion", parameters.EdgeExclusion,
+    add("--edge-exclusion", parameters.EdgeExclusion, Within(0, 0.4999, "from 0 to 0.4999"),
         "Border that is ignored, as a fraction of the image");
-    add("--max-error", parameters.MaxError, "Largest fit error, pixels");
-    add("--match-tolerance", parameters.MatchTolerance,
+    add("--max-error", parameters.MaxError, Positive(), "Largest fit error, pixels");
+    add("--match-tolerance", parameters.MatchTolerance, Positive(),
         "Difference in side ratio of triangles that still vote");
-    add("--match-divisor", parameters.MatchDivisor,
+    add("--match-divisor", parameters.MatchDivisor, Positive(),
         "The larger, the fewer votes a pair of stars needs");
 }
 
@@ -145,14 +169,17 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     app.add_option("--size", size,
                    "Approximate field: 120x90 (arcminutes) or 2x1.5d (degrees); when left out, as "
                    "the picture says");
-    app.add_option("--regions", options.Regions, "Regions to search")->capture_default_str();
+    app.add_option("--regions", options.Regions, "Regions to search")
+        ->capture_default_str()
+        ->check(Within(1, 2'000'000'000, "from 1 to 2000000000"));
     app.add_flag("--blind", options.Blind,
                  "Searches the whole sky by the quad tables (vestrel-catalog quads), also after a "
                  "centre that does not match; without a centre that is so anyway");
-    app.add_option("--time-limit", options.TimeLimit,
-                   "Seconds for the whole search; the attempt that runs then ends too")
-        ->capture_default_str()
-        ->check(CLI::NonNegativeNumber);
+    const CLI::Option* const timeLimit =
+        app.add_option("--time-limit", options.TimeLimit,
+                       "Seconds for the whole search; the attempt that runs then ends too")
+            ->capture_default_str()
+            ->check(Within(0, 1e6, "from 0 to 1000000"));
     app.add_flag("--try-harder", options.TryHarder,
                  "For a parameter string too: go on after the one search that it asks for");
     app.add_option("--catalog", catalog, "Folder of the catalog");
@@ -169,7 +196,8 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
                  "World coordinates as a FITS header beside the image (.wcs)")
         ->group(outputs);
     app.add_option("--export", options.ExportFile,
-                   "Standard FITS for other programs: the image as it was, with the solution")
+                   "Standard FITS for other programs: the image with its sky background and the "
+                   "solution")
         ->type_name("FILE")
         ->check(named)
         ->group(outputs);
@@ -201,6 +229,10 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
     std::string negative = TakeNegativeParameterString(arguments);
     for (const std::string& given : arguments) {
         if (given.rfind("--wcs=", 0) == 0) return UsageError(wcsTakesNoName);
+        // The next argument would be taken for the value.
+        if (given.starts_with("--") && given.find('=') == given.size() - 1) {
+            return UsageError(given + " has no value.");
+        }
     }
     try {
         std::reverse(arguments.begin(), arguments.end());  // CLI11 takes them from the end
@@ -214,6 +246,10 @@ ParsedOptions ParseConsoleOptions(int argc, const char* const* argv, ConsoleOpti
         const int code = app.exit(end, out, errors);
         if (code == 0) return {ExitCode::Solved, out.str()};
         return {ExitCode::Usage, errors.str()};
+    }
+    options.TimeLimitGiven = timeLimit->count() > 0;
+    if (!options.InfoFile.empty() && options.Json) {
+        return UsageError("--info prints text: it goes without --json.");
     }
     if (!options.InfoFile.empty()) return {};
     if (argument.empty()) argument = std::move(negative);

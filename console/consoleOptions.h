@@ -22,6 +22,7 @@ struct ConsoleOptions {
     bool Blind = false;                 ///< search the whole sky, also when the solve from a centre
                                         ///< fails
     double TimeLimit = UsualTimeLimit;  ///< seconds
+    bool TimeLimitGiven = false;        ///< by the user, so that it holds for a bundle too
     bool TryHarder = false;             ///< use the whole search plan for a parameter string too
     std::string InfoFile;               ///< a file whose header to show; then nothing else is done
     std::string SaveFile;               ///< where to save the solved image; empty: nowhere

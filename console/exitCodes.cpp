@@ -54,6 +54,8 @@ ExitCode ExitCodeOf(const UnattendedOutcome& outcome, const ProgramState& state,
             return ExitCode::Usage;
         case UnattendedEnd::InvalidFileName:
             return ExitCode::InvalidFileName;
+        case UnattendedEnd::OldResultStays:
+            return ExitCode::Usage;
         case UnattendedEnd::NoImage:
             return ExitCode::NoImage;
         case UnattendedEnd::Finished:
@@ -62,7 +64,7 @@ ExitCode ExitCodeOf(const UnattendedOutcome& outcome, const ProgramState& state,
     const ExitCode code = ExitCodeOf(outcome.Result.Code, state);
     if (outcome.ResultFileWritten) return code;
     port.ShowMessage("The result file " + TextFromPath(ResultFilePath(outcome.Request.Path)) +
-                         " cannot be written.",
+                         " cannot be written: " + outcome.WriteFault + ".",
                      DefaultTitle);
     return code == ExitCode::Solved ? ExitCode::NotWritten : code;
 }

@@ -4,6 +4,7 @@
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "platform/libPlatform.h"
+#include "program/mImageData.h"
 #include "program/mSkyModel.h"
 #include "program/mSolveReport.h"
 
@@ -205,6 +206,9 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const RunOutcome& o
     json["message"] = outcome.Result.Message;
     json["exit_code"] = NumberOf(outcome.Exit);
     json["image"] = outcome.Image;
+    if (const std::string cause = CauseOfRefusal(state); !outcome.Attempted && !cause.empty()) {
+        json["cause"] = {{"kind", "unreadable"}, {"text", cause}};
+    }
     if (!outcome.Attempted) return json;
     if (outcome.Replayed) json["same_outcome_as_bundle"] = outcome.SameOutcome;
     if (solved) {

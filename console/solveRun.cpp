@@ -1,5 +1,6 @@
 #include "console/solveRun.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "platform/libPlatform.h"
@@ -88,9 +89,13 @@ RunOutcome SolveBundle(ProgramState& state, Port& port, const ConsoleOptions& op
     const Bundle& bundle = *outcome.Replayed;
     outcome.Image = bundle.Picture();
     SearchRequest request = bundle.Prepare(state);
-    // A slower machine makes the same attempts but needs more time.
+    // A slower machine makes the same attempts but needs more time. What a bundle says is no reason
+    // to be busy for days.
     constexpr double slower = 20;
+    constexpr double mostSeconds = 600;
     if (bundle.Outcome().Code == SolveCode::Solved) request.TimeLimit *= slower;
+    request.TimeLimit = std::min(request.TimeLimit, mostSeconds);
+    if (options.TimeLimitGiven) request.TimeLimit = options.TimeLimit;
     const SolveCode code = SolveByPlan(state, port, request, outcome.Plan);
     outcome.SameOutcome = OutcomeOf(state, code, outcome.Plan) == bundle.Outcome();
     outcome.Result = {code, ResultMessage(code)};
@@ -101,29 +106,41 @@ RunOutcome SolveBundle(ProgramState& state, Port& port, const ConsoleOptions& op
 }
 
 std::string CoincidingFiles(const ConsoleOptions& options) {
-    std::vector<std::pair<std::string, std::string>> files;
+    struct RunFile {
+        std::string What;
+        std::string Path;
+        bool Chosen;  ///< by its own name
+    };
     std::string image = options.Image;
+    std::vector<RunFile> outputs;
     if (options.ParameterString) {
         const auto request = ParseParameterString(*options.ParameterString);
         if (!request) return {};
         image = request->Path;
-        files.emplace_back("the result file", TextFromPath(ResultFilePath(image)));
+        const std::string result = TextFromPath(ResultFilePath(image));
+        // An image of that name is refused by its name.
+        if (result != image) outputs.push_back({"the result file", result, false});
     }
-    files.emplace_back("the image itself", image);
-    if (options.WorldCoordinates) files.emplace_back("the .wcs file", WorldCoordinatePath(image));
+    if (options.WorldCoordinates) {
+        outputs.push_back({"the .wcs file", WorldCoordinatePath(image), false});
+    }
     for (const std::string& output : {options.ExportFile, options.SaveFile, options.BundleFile}) {
-        if (output.empty()) continue;
-        for (const auto& [what, path] : files) {
+        if (!output.empty()) outputs.push_back({"the exported file", output, true});
+    }
+    std::vector<RunFile> files = {{"the image itself", image, true}};
+    for (RunFile& output : outputs) {
+        for (const RunFile& file : files) {
             std::error_code ignored;
-            const std::filesystem::path one = AbsolutePath(PathFromText(output));
-            const std::filesystem::path other = AbsolutePath(PathFromText(path));
+            const std::filesystem::path one = AbsolutePath(PathFromText(output.Path));
+            const std::filesystem::path other = AbsolutePath(PathFromText(file.Path));
             if (std::filesystem::equivalent(one, other, ignored) ||
                 FollowLinks(one, ignored) == FollowLinks(other, ignored)) {
-                return std::string(output).append(" is ").append(what).append(
-                    ": name another file.");
+                return output.Path + " is " + file.What +
+                       (output.Chosen ? ": name another file."
+                                      : " and would become " + output.What + ": rename it.");
             }
         }
-        files.emplace_back("the exported file", output);
+        files.push_back(std::move(output));
     }
     return {};
 }

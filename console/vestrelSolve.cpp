@@ -98,7 +98,8 @@ ExitCode Run(int argc, const char* const* argv) {
     if (parsed.EndWith) {
         std::fputs(WithoutControls(parsed.Output, "\n").c_str(),
                    *parsed.EndWith == ExitCode::Solved ? stdout : stderr);
-        return *parsed.EndWith;
+        const bool printed = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+        return printed ? *parsed.EndWith : ExitCode::NotWritten;
     }
     state->Catalog.Folder =
         options.CatalogFolder.empty() ? DefaultCatalogFolder() : options.CatalogFolder;

@@ -305,6 +305,14 @@ std::vector<unsigned char> FitsExportBytes(const PlateImage& image,
     } else {
         cards = KeptCards(image.Header, pixels.BitPix, std::move(cards));
     }
+    if (image.ImageType == ImageType::Decoded &&
+        (image.Counts.Zero != 0 || image.Counts.Factor != 1)) {
+        for (std::string& card : FitsCommentCards(
+                 "Counts are (value - " + NumberText(image.Counts.Zero) + ") x " +
+                 NumberText(image.Counts.Factor) + " of the file that was exported.")) {
+            cards.push_back(std::move(card));
+        }
+    }
     // An image that was exported before already has these comments.
     std::erase_if(cards, [&coordinateCards](const std::string& card) {
         return std::find(coordinateCards.begin(), coordinateCards.end(), card) !=

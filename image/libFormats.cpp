@@ -1,7 +1,9 @@
 #include "image/libFormats.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <new>
+#include <system_error>
 
 #include "astro/libStrings.h"
 #include "image/libApartDecoder.h"
@@ -147,6 +149,19 @@ bool TryDecoder(const ImageFormat& format, const std::filesystem::path& path, Pl
     return false;
 }
 
+/// Why a file cannot be opened, in a sentence; empty when it can be.
+std::string OpeningFault(const std::filesystem::path& path) {
+    namespace fs = std::filesystem;
+    std::error_code ignored;
+    const fs::file_status there = fs::status(path, ignored);
+    if (fs::exists(there) && !fs::is_regular_file(there) && !fs::is_directory(there)) {
+        return "It is a pipe or a device, and no file.";
+    }
+    errno = 0;
+    if (OpenFile(path, "rb")) return {};
+    return "It cannot be opened: " + std::generic_category().message(errno) + ".";
+}
+
 void ForgetDecoding(PlateImage& image) {
     image.Counts = {};
     image.LargestCount = 65535;
@@ -230,7 +245,8 @@ const ImageFormat* OwnFormatOfName(std::string_view path) {
     return nullptr;
 }
 
-std::string ForeignCauseOf(const std::filesystem::path& path) {
+std::string RefusalCauseOf(const std::filesystem::path& path) {
+    if (std::string fault = OpeningFault(path); !fault.empty()) return fault;
     char start[ForeignLength];
     const FileHandle file = OpenFile(path, "rb");
     return ForeignFormatCause({start, file ? std::fread(start, 1, sizeof start, file.get()) : 0});
@@ -302,7 +318,7 @@ bool ReadImageFile(const std::filesystem::path& path, PlateImage& image, const P
             failure = {"File type is not supported", DefaultTitle, {}};
         }
         // What it is says more than what a reader of something else met in it.
-        const std::string foreign = ForeignCauseOf(path);
+        const std::string foreign = RefusalCauseOf(path);
         if (!foreign.empty() || failure.Cause.empty()) {
             failure.Cause = foreign.empty() ? cause : foreign;
         }

@@ -38,9 +38,9 @@ std::span<const ImageFormat> ImageFormats();
 /// those that match the content. The name alone decides only when no content matches.
 std::vector<const ImageFormat*> FormatsOfFile(const std::filesystem::path& path);
 
-/// What a file is that none of them reads, and what to do about it, in a sentence; empty when its
-/// first bytes are of nothing that is known.
-std::string ForeignCauseOf(const std::filesystem::path& path);
+/// Why a file cannot be opened, or what it is that none of them reads and what to do about it, in a
+/// sentence or two; empty when its first bytes are of nothing that is known.
+std::string RefusalCauseOf(const std::filesystem::path& path);
 
 /// The format whose own reader a file name leads to; null when there is none.
 const ImageFormat* OwnFormatOfName(std::string_view path);

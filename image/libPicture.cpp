@@ -30,6 +30,7 @@ struct ErrorManager {
     jpeg_error_mgr Base;  // must stay first: libjpeg only knows this member
     std::jmp_buf Escape;
     jpeg_progress_mgr Scans;
+    char Reason[JMSG_LENGTH_MAX];  ///< the sentence about the error
 };
 
 ErrorManager& ManagerOf(j_common_ptr info) {
@@ -37,7 +38,12 @@ ErrorManager& ManagerOf(j_common_ptr info) {
 }
 
 [[noreturn]] void OnError(j_common_ptr info) {
+    info->err->format_message(info, ManagerOf(info).Reason);
     std::longjmp(ManagerOf(info).Escape, 1);
+}
+
+void SayReason(ErrorManager& errors, std::string_view reason) {
+    errors.Reason[reason.copy(errors.Reason, sizeof errors.Reason - 1)] = '\0';
 }
 
 void OnMessage(j_common_ptr info, int level) {
@@ -55,7 +61,10 @@ void OnProgress(j_common_ptr info) {
     const auto* const picture = reinterpret_cast<j_decompress_ptr>(info);
     const auto scans = static_cast<std::uint64_t>(picture->input_scan_number);
     const std::uint64_t pixels = std::uint64_t{picture->image_width} * picture->image_height;
-    if (scans > always && scans * pixels > mostPixelPasses) OnError(info);
+    if (scans > always && scans * pixels > mostPixelPasses) {
+        SayReason(ManagerOf(info), "It has more scans than any program makes.");
+        std::longjmp(ManagerOf(info).Escape, 1);
+    }
 }
 
 constexpr int exifMarker = JPEG_APP0 + 1;
@@ -162,8 +171,12 @@ bool Decode(jpeg_decompress_struct& info, ErrorManager& errors, std::FILE* file,
     const bool invertedInks = info.saw_Adobe_marker != 0;
     info.out_color_space = inks ? JCS_CMYK : wantedColours;
     constexpr auto largest = static_cast<JDIMENSION>(std::numeric_limits<std::int16_t>::max());
-    if (info.image_width > largest || info.image_height > largest) return false;
+    if (info.image_width > largest || info.image_height > largest) {
+        SayReason(errors, "It has more than 32767 rows or columns.");
+        return false;
+    }
     if (!PlausibleSize(std::uint64_t{info.image_width} * info.image_height, fileLength)) {
+        SayReason(errors, "It is too short for the size that it announces.");
         return false;
     }
     jpeg_start_decompress(&info);
@@ -188,14 +201,16 @@ bool Decode(jpeg_decompress_struct& info, ErrorManager& errors, std::FILE* file,
     return true;
 }
 
-/// Reads the pixels of a file into `image`, and its EXIF block.
+/// Reads the pixels of a file into `image`, and its EXIF block. False with a `reason`.
 bool DecodeFile(const std::filesystem::path& path, PlateImage& image, std::vector<JOCTET>& exif,
-                const Progress& progress) {
+                const Progress& progress, std::string& reason) {
     ClearHeader(image.Header);
     const FileHandle file = OpenFile(path, "rb");
-    if (!file) return false;
-    const std::int64_t length = FileLength(file.get());
-    if (length < 0) return false;
+    const std::int64_t length = file ? FileLength(file.get()) : -1;
+    if (length < 0) {
+        reason = "It cannot be opened.";
+        return false;
+    }
 
     ErrorManager errors{};
     jpeg_decompress_struct info{};
@@ -209,8 +224,10 @@ bool DecodeFile(const std::filesystem::path& path, PlateImage& image, std::vecto
     try {
         good = Decode(info, errors, file.get(), static_cast<std::uint64_t>(length), image, row,
                       exif, progress);
+        if (!good) reason = errors.Reason;
     } catch (const std::bad_alloc&) {
         good = false;
+        reason = "There is not enough memory for it.";
     }
     jpeg_destroy_decompress(&info);
     return good;
@@ -260,13 +277,11 @@ class PictureTaker final : public PictureSink {  // NOLINT(*-virtual-class-destr
     CardKeeper keeper_;
 };
 
-constexpr const char* refusal = "Unable to read the image file.";
-
 /// The child's part. Returns why it failed.
 std::string SendPicture(const std::filesystem::path& path, PictureSink& sink) {
     PlateImage image;
     std::vector<JOCTET> exif;
-    if (!DecodeFile(path, image, exif, {})) return refusal;
+    if (std::string reason; !DecodeFile(path, image, exif, {}, reason)) return reason;
     sink.Start({image.Width, image.Height, 1, SampleKind::UInt16, 8, true});
     for (std::int32_t y = 0; y < image.Height; ++y) {
         sink.Row(y, image.Pixels.NarrowCells().Row(y).data());
@@ -276,9 +291,9 @@ std::string SendPicture(const std::filesystem::path& path, PictureSink& sink) {
 }
 
 bool DecodeHere(const std::filesystem::path& path, PlateImage& image, const Progress& progress,
-                ReadFailure& /*failure*/) {
+                ReadFailure& failure) {
     std::vector<JOCTET> exif;
-    if (!DecodeFile(path, image, exif, progress)) return false;
+    if (!DecodeFile(path, image, exif, progress, failure.Cause)) return false;
     CardKeeper keeper(image);
     PassCameraFacts(ReadExif(exif), std::max(image.Width, image.Height), keeper);
     keeper.Finish();
@@ -291,7 +306,7 @@ bool DecodeInChild(const std::filesystem::path& path, PlateImage& image, const P
     try {
         DecodeApart([&path](PictureSink& sink) { return SendPicture(path, sink); }, taker);
     } catch (const DecodeFault& fault) {
-        if (fault.what() != std::string_view(refusal)) failure.Cause = fault.what();
+        failure.Cause = fault.what();
         return false;
     } catch (const std::bad_alloc&) {
         return false;
@@ -303,7 +318,7 @@ bool DecodeInChild(const std::filesystem::path& path, PlateImage& image, const P
 template <typename Decode>
 bool ReadWith(Decode decode, const std::filesystem::path& path, PlateImage& image,
               const Progress& progress, ReadFailure& failure) {
-    failure = {refusal, DefaultTitle};
+    failure = {"Unable to read the image file.", DefaultTitle, {}};
     image.Orientation = 1;
     image.Remarks.clear();
     if (!decode(path, image, progress, failure)) return false;

@@ -135,6 +135,16 @@ SearchRequest ReadRequest(const Json& json) {
     return request;
 }
 
+/// The extension with its ".", when it is of letters and digits only.
+std::string PlainExtension(const fs::path& file) {
+    std::string extension = TextFromPath(file.extension());
+    const bool plain = std::all_of(extension.begin(), extension.end(), [](char c) {
+        return c == '.' || (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') ||
+               (c >= 'a' && c <= 'z');
+    });
+    return plain ? extension : "";
+}
+
 void AddFile(std::vector<ZipEntry>& entries, std::string name, const fs::path& path) {
     std::vector<unsigned char> bytes;
     if (!ReadWholeFile(path, largestFile, bytes)) {
@@ -233,7 +243,8 @@ void WriteBundle(const std::filesystem::path& path, const ProgramState& state,
     for (const std::string& cell : cells) {
         AddFile(entries, std::string(cellFolder) + cell, state.Catalog.Folder / cell);
     }
-    if (pixels) AddFile(entries, "picture/" + name, file);
+    // The picture's own name need not be one that every archive can hold.
+    if (pixels) AddFile(entries, "picture/image" + PlainExtension(file), file);
     WriteZip(path, entries);
 }
 

@@ -2,7 +2,7 @@
 //
 // A bundle is a zip archive. bundle.json holds the settings, the request, the facts and cards of
 // the picture, the star lists of the plan and its outcome; cells/ holds the catalog cells that the
-// plan read. The pixels are included, as picture/NAME, only on request.
+// plan read. The pixels are included, as picture/image.EXTENSION, only on request.
 #pragma once
 
 #include <filesystem>

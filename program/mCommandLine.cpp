@@ -16,15 +16,32 @@ namespace vestrel {
 
 namespace {
 
-/// Removes an older result file. A path whose only "." is in a folder name, or that is itself named
-/// like a result file, names no image, so no file of the user is removed for it.
-void RemoveOldResult(const std::string& imagePath) {
+/// Whether the path of an image gives the name of a result file: a "." in a folder's name says
+/// nothing about the file.
+bool NamesAResult(const std::string& imagePath) {
+    const std::size_t dot = imagePath.rfind('.');
     const std::size_t separator = LastFolderSeparator(imagePath);
-    const std::filesystem::path file = ResultFilePath(imagePath);
+    return dot != std::string::npos && (separator == std::string::npos || dot > separator);
+}
+
+/// Removes an older result file, or empties it where the folder lets nothing be removed. A path
+/// that is itself named like a result file names no image, so it is not removed.
+/// @return why that failed
+std::error_code RemoveOldResult(const std::string& imagePath) {
+    namespace fs = std::filesystem;
+    const fs::path image = PathFromText(imagePath);
+    const fs::path file = ResultFilePath(imagePath);
     std::error_code error;
-    if (separator != std::string::npos && imagePath.rfind('.') < separator) return;
-    if (file == PathFromText(imagePath) || !std::filesystem::is_regular_file(file, error)) return;
-    std::filesystem::remove(file, error);
+    if (file == image || !fs::is_regular_file(file, error)) return {};
+    fs::remove(file, error);
+    if (!error) return {};
+    // What a link leads to is not known to be a result.
+    std::error_code emptied;
+    if (!fs::is_symlink(file, emptied) && !fs::equivalent(file, image, emptied)) {
+        fs::resize_file(file, 0, emptied);
+        if (!emptied) return {};
+    }
+    return error;
 }
 
 /// A finite number from the next field of `rest`.
@@ -119,13 +136,20 @@ UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::stri
         return outcome;
     }
     outcome.Request = *request;
-    if (request->Path.find('.') == std::string::npos) {
+    if (!NamesAResult(request->Path)) {
         port.ShowMessage("Invalid file name", ErrorTitle);
         outcome.End = UnattendedEnd::InvalidFileName;
         return outcome;
     }
 
-    RemoveOldResult(request->Path);
+    if (const std::error_code error = RemoveOldResult(request->Path)) {
+        outcome.End = UnattendedEnd::OldResultStays;
+        port.ShowMessage("The result file of an earlier solve, " +
+                             TextFromPath(ResultFilePath(request->Path)) +
+                             ", cannot be removed: " + error.message() + ".",
+                         ErrorTitle);
+        return outcome;
+    }
     if (!OpenImage(state, port, request->Path)) {
         outcome.End = UnattendedEnd::NoImage;
         outcome.Result = {SolveCode::NoImage, ResultMessage(SolveCode::NoImage)};
@@ -139,8 +163,12 @@ UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::stri
     outcome.End = UnattendedEnd::Finished;
     outcome.Result = {code, ResultMessage(code)};
     if (code == SolveCode::Solved) port.ImageChanged();
-    outcome.ResultFileWritten =
-        ReplaceFile(ResultFilePath(request->Path), ResultFileText(state, code));
+    try {
+        WriteWholeFile(ResultFilePath(request->Path), ResultFileText(state, code));
+        outcome.ResultFileWritten = true;
+    } catch (const std::system_error& fault) {
+        outcome.WriteFault = fault.code().message();
+    }
     port.Yield();
     return outcome;
 }

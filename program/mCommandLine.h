@@ -42,6 +42,8 @@ std::string ResultFileText(const ProgramState& state, SolveCode code);
 enum class UnattendedEnd {
     InvalidParameters,  ///< the program ends at once
     InvalidFileName,    ///< no result file
+    OldResultStays,     ///< nothing was solved: the result file of an earlier solve could be taken
+                        ///< for this one's
     NoImage,            ///< code −10, no result file
     Finished            ///< solved or not, see `Result.Code`
 };
@@ -49,6 +51,7 @@ struct UnattendedOutcome {
     UnattendedEnd End = UnattendedEnd::InvalidParameters;
     SolveResult Result;  ///< result of the solve, or code −10
     bool ResultFileWritten = false;
+    std::string WriteFault;  ///< the system's reason when the result file was not written
     UnattendedRequest Request;
 };
 

@@ -22,12 +22,14 @@ std::size_t CharacterCount(std::string_view utf8) {
     }));
 }
 
+constexpr std::string_view causeLabel = "  Cause             ";
+
 /// The details of a solution stay as long as its image does.
 void ShowCause(ProgramState& state, const std::string& cause) {
     if (state.Solution) return;
     state.Display.Details.clear();
     if (!cause.empty()) {
-        state.Display.Details = "  Cause             " + WithoutControls(cause) + "\n";
+        state.Display.Details = std::string(causeLabel) + WithoutControls(cause) + "\n";
     }
 }
 
@@ -71,7 +73,7 @@ bool OpenImage(ProgramState& state, Port& port, const std::string& path) {
     // been read.
     const bool vouched = OwnFormatOfName(path) != nullptr;
     if (!vouched && FormatsOfFile(PathFromText(path)).empty()) {
-        ShowCause(state, ForeignCauseOf(PathFromText(path)));
+        ShowCause(state, RefusalCauseOf(PathFromText(path)));
         port.ShowMessage("File type is not supported", DefaultTitle);
         return false;
     }
@@ -128,6 +130,12 @@ bool SaveImage(const ProgramState& state, Port& port, const std::string& path) {
         port.ShowMessage(error.what(), DefaultTitle);
         return false;
     }
+}
+
+std::string CauseOfRefusal(const ProgramState& state) {
+    const std::string& details = state.Display.Details;
+    if (!details.starts_with(causeLabel)) return {};
+    return details.substr(causeLabel.size(), details.find('\n') - causeLabel.size());
 }
 
 void SaveImageDialog(ProgramState& state, Port& port) {

@@ -24,6 +24,10 @@ bool OpenImageDialog(ProgramState& state, Port& port);
 /// system's error when that fails.
 bool SaveImage(const ProgramState& state, Port& port, const std::string& path);
 
+/// Why the image that was to be opened last could not be, in a sentence or two; empty when nothing
+/// more is known than the message.
+std::string CauseOfRefusal(const ProgramState& state);
+
 /// Asks the user for a file name and saves the image there. Cancelling changes nothing.
 void SaveImageDialog(ProgramState& state, Port& port);
 

@@ -2,6 +2,8 @@
 
 #include <cmath>
 #include <exception>
+#include <filesystem>
+#include <system_error>
 
 #include "image/libFitsCards.h"
 #include "image/libFitsExport.h"
@@ -52,6 +54,10 @@ std::vector<std::string> CoordinateCards(const ProgramState& state) {
     return plate ? WorldCoordinateCards(*plate) : std::vector<std::string>();
 }
 
+std::string NotWritten(const std::string& path, const std::system_error& error) {
+    return "The file " + path + " cannot be written: " + error.code().message() + ".";
+}
+
 }  // namespace
 
 std::string WorldCoordinatePath(const std::string& imagePath) {
@@ -68,6 +74,12 @@ bool WriteWorldCoordinates(const ProgramState& state, Port& port, const std::str
         port.ShowMessage("The image has no solution.", DefaultTitle);
         return false;
     }
+    std::error_code ignored;
+    if (std::filesystem::equivalent(PathFromText(path), PathFromText(state.Image.FileName),
+                                    ignored)) {
+        port.ShowMessage("The file " + path + " is the image itself: rename it.", DefaultTitle);
+        return false;
+    }
     std::vector<std::string> cards = {FitsFlagCard("SIMPLE", true, "standard FITS"),
                                       FitsNumberCard("BITPIX", 8), FitsNumberCard("NAXIS", 0)};
     const auto append = [&cards](const std::vector<std::string>& more) {
@@ -77,9 +89,13 @@ bool WriteWorldCoordinates(const ProgramState& state, Port& port, const std::str
     append({FitsNumberCard("IMAGEW", state.Image.Width, "columns of the image"),
             FitsNumberCard("IMAGEH", state.Image.Height, "rows of the image")});
     append(QualityCards(state));
-    if (ReplaceFile(PathFromText(path), FitsHeaderBlocks(cards))) return true;
-    port.ShowMessage("The file " + path + " cannot be written.", DefaultTitle);
-    return false;
+    try {
+        WriteWholeFile(PathFromText(path), FitsHeaderBlocks(cards));
+        return true;
+    } catch (const std::system_error& error) {
+        port.ShowMessage(NotWritten(path, error), DefaultTitle);
+        return false;
+    }
 }
 
 bool ExportImage(const ProgramState& state, Port& port, const std::string& path) {
@@ -89,9 +105,9 @@ bool ExportImage(const ProgramState& state, Port& port, const std::string& path)
             if (!state.ImageLoaded) throw std::runtime_error("There is no image to export.");
             const std::vector<unsigned char> bytes = FitsExportBytes(
                 state.Image, CoordinateCards(state), QualityCards(state), state.DecodesApart);
-            if (!ReplaceFile(PathFromText(path), bytes)) {
-                fault = "The file " + path + " cannot be written.";
-            }
+            WriteWholeFile(PathFromText(path), bytes);
+        } catch (const std::system_error& error) {
+            fault = NotWritten(path, error);
         } catch (const std::bad_alloc&) {
             fault = "There is not enough memory for this image.";
         } catch (const std::exception& error) {

@@ -93,7 +93,7 @@ TEST_F(Bundles, PixelsGoInOnlyWhenAsked) {
         Make(folder_ / "one.zip", Around(centre, 1), pixels);
         const auto entries = ReadZip(folder_ / "one.zip");
         return std::any_of(entries.begin(), entries.end(), [&](const ZipEntry& entry) {
-            return entry.Name == "picture/frame.fit" &&
+            return entry.Name == "picture/image.fit" &&
                    entry.Bytes == ReadFile(folder_ / "frame.fit");
         });
     };

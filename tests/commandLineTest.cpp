@@ -4,9 +4,15 @@
 
 #include <map>
 
+#ifndef _WIN32
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
+
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
 #include "console/exitCodes.h"
+#include "platform/libPlatform.h"
 #include "program/mCommandLine.h"
 #include "program/mPlateMatch.h"
 #include "tests/skySupport.h"
@@ -113,6 +119,18 @@ TEST(UnattendedRuns, EveryFailureHasItsMessagesItsFileAndItsExitCode) {
         {"no number", "1,2,x,4,5,", path("frame.fit"), ExitCode::Usage, {usage}, "old"},
         {"no ending", here, "frame", ExitCode::InvalidFileName, {invalidName}, "old"},
         {"no name", here, "", ExitCode::InvalidFileName, {invalidName}, "old"},
+        {"no ending in a folder with one",
+         here,
+         path("frame.d/pic"),
+         ExitCode::InvalidFileName,
+         {invalidName},
+         "old"},
+        {"no ending in this folder",
+         here,
+         "./pic",
+         ExitCode::InvalidFileName,
+         {invalidName},
+         "old"},
         {"no such file", here, path("none.fit"), ExitCode::NoImage, unread, ""},
         {"half a header", here, path("cut.fit"), ExitCode::NoImage, unread, ""},
         {"a folder", here, path("a.folder"), ExitCode::NoImage, unsupported, ""},
@@ -136,7 +154,7 @@ TEST(UnattendedRuns, EveryFailureHasItsMessagesItsFileAndItsExitCode) {
         ProgramState state;
         state.Catalog.Folder = folder / "catalog";
         RecordingPort port(state);
-        const bool named = one.Image.find('.') != std::string::npos;
+        const bool named = one.Exit != ExitCode::InvalidFileName;
         const fs::path result = ResultFilePath(named ? one.Image : path("frame.fit"));
         WriteFile(result, "old");
         const UnattendedOutcome outcome = RunUnattended(state, port, one.Start + one.Image);
@@ -150,6 +168,40 @@ TEST(UnattendedRuns, EveryFailureHasItsMessagesItsFileAndItsExitCode) {
         fs::remove(result);
     }
 }
+
+#ifndef _WIN32
+TEST(UnattendedRuns, AnOldResultDoesNotOutliveAFailedRunInAFolderThatIsNotWritable) {
+    const TemporaryFolder folder;
+    const fs::path night = folder / "night";
+    fs::create_directory(night);
+    fs::permissions(folder.Path, fs::perms(0755));
+    const auto run = [&](bool writable) {
+        WriteFile(night / "frame.kel", "1,2,1\r\nValid plate solution\r\n");
+        EXPECT_EXIT(
+            {
+                // The superuser may do all: another user starts the program.
+                constexpr uid_t other = 12345;
+                const bool mine =
+                    geteuid() != 0 ||
+                    (chown((night / "frame.kel").c_str(), writable ? other : 0, 0) == 0 &&
+                     chmod((night / "frame.kel").c_str(), writable ? 0644 : 0444) == 0 &&
+                     seteuid(other) == 0);
+                if (geteuid() != 12345) fs::permissions(night, fs::perms(0555));
+                ProgramState state;
+                RecordingPort port(state);
+                const UnattendedOutcome outcome =
+                    RunUnattended(state, port, "1,0,.1,.1,1," + TextFromPath(night / "frame.fit"));
+                std::_Exit(!mine ? 99 : NumberOf(ExitCodeOf(outcome, state, port)));
+            },
+            testing::ExitedWithCode(NumberOf(writable ? ExitCode::NoImage : ExitCode::Usage)), "");
+        fs::permissions(night, fs::perms(0755));
+    };
+    run(true);
+    EXPECT_EQ(ReadFile(night / "frame.kel"), "");
+    fs::remove(night / "frame.kel");
+    if (geteuid() == 0) run(false);
+}
+#endif
 
 TEST(UnattendedRuns, AResultThatCannotBeWrittenIsNoSuccessAndAStopIsWritten) {
     const TemporaryFolder folder;

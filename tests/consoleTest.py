@@ -182,7 +182,7 @@ vestrel-catalog makes one. %VESTREL_THREADS% limits the threads; %VESTREL_TRY_HA
                                  (NO_IMAGE, "Vestrel: Unable to read the image file.\n"
                                             "Vestrel 1.13 Error: Can't open input file\n" +
                                   ("" if "--quiet" in more else
-                                   "  Cause             it cannot be opened\n")))
+                                   "  Cause             It cannot be opened: No such file or directory.\n")))
         for wrong in ("-a,b", "-,,,,,", "-1,2,3,4"):
             run = self.run_solver(wrong)
             self.assertEqual((run.returncode, run.stderr),
@@ -315,22 +315,77 @@ vestrel-catalog makes one. %VESTREL_THREADS% limits the threads; %VESTREL_TRY_HA
     def test_a_stop_ends_what_only_waits_and_a_second_one_ends_it_at_once(self):
         pipe = self.folder / "never.fit"
         os.mkfifo(pipe)
-        # The catalog tool's opening fails at the first one: there is nothing left to end.
-        for command, ends in (([*SOLVER, pipe, "--ra", "1", "--dec", "1"], (STOPPED, -signal.SIGINT)),
-                              ([*RENDERER, "build", "--csv", pipe, "--catalog", self.folder / "KEL"],
-                               (130, 130))):
-            for second in (None, signal.SIGINT):
-                process = subprocess.Popen(command, env=self.environment, stderr=subprocess.DEVNULL)
-                wait_until_caught(process, signal.SIGTERM)
-                start = time.monotonic()
-                process.send_signal(signal.SIGTERM)
-                if second:
-                    time.sleep(0.1)
-                    process.send_signal(second)
-                # Nobody ever writes into the pipe.
-                code = process.wait(timeout=60)
-                self.assertLess(time.monotonic() - start, 1 if second else 4)
-                self.assertEqual(code, ends[second is not None])
+        command = [*RENDERER, "build", "--csv", pipe, "--catalog", self.folder / "KEL"]
+        for second in (None, signal.SIGINT):
+            process = subprocess.Popen(command, env=self.environment, stderr=subprocess.DEVNULL)
+            wait_until_caught(process, signal.SIGTERM)
+            start = time.monotonic()
+            process.send_signal(signal.SIGTERM)
+            if second:
+                time.sleep(0.1)
+                process.send_signal(second)
+            # Nobody ever writes into the pipe. The opening fails at the first signal: there is nothing
+            # left to end.
+            code = process.wait(timeout=60)
+            self.assertLess(time.monotonic() - start, 1 if second else 4)
+            self.assertEqual(code, 130)
+
+    @not_on_windows
+    def test_a_refused_picture_is_not_waited_for_and_has_its_reason(self):
+        pipe = self.folder / "never.fit"
+        os.mkfifo(pipe)
+        (self.folder / "folder.jpg").mkdir()
+        cases = [(pipe, "It is a pipe or a device, and no file."), ("/dev/stdin", "It is a pipe or a device"),
+                 (self.frame("empty.jpg", b""), "Empty input file"),
+                 (self.frame("text.jpg", b"text"), "Not a JPEG file"),
+                 (self.folder / "absent.jpg", "No such file or directory"),
+                 (self.folder / "absent.png", "No such file or directory"),
+                 (self.folder / "absent.fit", "No such file or directory"),
+                 (self.folder / "folder.jpg", "Is a directory")]
+        for image, reason in cases:
+            with self.subTest(image=str(image)[-20:]):
+                run = self.run_solver(image, "--ra", "1", "--dec", "1", "--json", stdin=subprocess.PIPE)
+                self.assertEqual(run.returncode, NO_IMAGE, run.stderr)
+                self.assertIn(reason, run.stderr.decode())
+                self.assertIn(reason, json.loads(run.stdout)["cause"]["text"])
+
+    @not_on_windows
+    def test_the_picture_is_never_what_a_run_writes(self):
+        folder = self.folder
+        search = ["--ra", "1", "--dec", "1", "--catalog", folder]
+        header = self.frame("night.wcs")
+        linked = self.frame("linked.fit")
+        (folder / "linked.wcs").symlink_to("linked.fit")
+        (folder / "linked.kel").symlink_to("linked.fit")
+        for arguments in ([header, *search, "--wcs"], [linked, *search, "--wcs"], [f"1,0,.1,.1,1,{linked}"],
+                          [linked, *search, "--save", folder / "linked.wcs"]):
+            run = self.run_solver(*arguments)
+            self.assertEqual((run.returncode, run.stdout), (USAGE, b""), run.stderr)
+            self.assertIn(b"is the image itself", run.stderr)
+            self.assertEqual((header.read_bytes(), linked.read_bytes()), (spots(), spots()))
+
+    def test_options_without_a_usable_value_are_refused_in_a_sentence(self):
+        frame = self.frame()
+        for option, values in {"--max-stars": ("-1", "5", "1001"), "--edge-exclusion": ("", "nan", "0.5"),
+                               "--detection-threshold": ("nan", "inf", "0"), "--max-error": ("1e999", "-2"),
+                               "--time-limit": ("nan", "inf", "-1"), "--regions": ("-5", "0")}.items():
+            for value in values:
+                for given in ([option, value], [f"{option}={value}"]):
+                    run = self.run_solver(frame, "--ra", "1", "--dec", "1", *given)
+                    self.assertEqual((run.returncode, run.stdout), (USAGE, b""), given)
+                    self.assertRegex(run.stderr.decode(), "needs a number|has no value", given)
+                    self.assertLess(len(run.stderr), 200)
+        for option in ("--bundle=", "--catalog=", "--export=", "--info="):
+            run = self.run_solver(frame, option, "--quiet", cwd=self.folder)
+            self.assertEqual((run.returncode, run.stderr.splitlines()[0]), (USAGE, f"{option} has no value.".encode()))
+        self.assertEqual([path.name for path in self.folder.iterdir() if path.name.startswith("--")], [])
+        run = self.run_solver("--info", frame, "--json")
+        self.assertEqual((run.returncode, run.stdout), (USAGE, b""))
+        if not WINDOWS:
+            with open("/dev/full", "wb") as full:
+                for option in ("--help", "--version"):
+                    run = subprocess.run([*SOLVER, option], stdout=full, check=False)
+                    self.assertEqual(run.returncode, NOT_WRITTEN)
 
     @not_on_windows
     def test_progress_and_colour_only_on_a_terminal_that_wants_them(self):
