@@ -507,6 +507,43 @@ class Plan(DrawnSky):
             if code == SOLVED:
                 self.assert_centre(report["ra_deg"], report["dec_deg"])
 
+    def test_a_bundle_that_asks_for_days_ends_when_the_user_says(self):
+        short, long = self.folder / "short.zip", self.folder / "long.zip"
+        run = self.run_solver(*self.search, "--bundle", short)
+        if b"built without libzip" in run.stderr:
+            skip_or_fail(self, "a build without libzip has no bundles")
+        with zipfile.ZipFile(short) as archive, zipfile.ZipFile(long, "w") as forged:
+            for name in archive.namelist():
+                data = archive.read(name)
+                if name == "bundle.json":
+                    plan = json.loads(data)
+                    around = plan["request"]["around"][0]
+                    plan["request"] |= {"time_limit": 1e6, "everywhere": False, "around": [
+                        {**around, "ra": 0.06 * i, "dec": -1, "regions": 10000} for i in range(100)]}
+                    data = json.dumps(plan)
+                forged.writestr(name, data)
+        run = self.run_solver("--replay", long, "--time-limit", "1", "--json")
+        self.assertTrue(json.loads(run.stdout)["time_limit_reached"])
+
+    @unittest.skipUnless("fits" in os.environ.get("VESTREL_DECODERS", ""), "a build without this decoder")
+    def test_an_export_of_decoded_counts_says_how_they_follow_from_the_file(self):
+        start = (self.sky.index(b"END".ljust(80)) // 2880 + 1) * 2880
+        size = 600 * 450
+        wide = [16 * (value + 32768) for value in struct.unpack(f">{size}h", self.sky[start:start + 2 * size])]
+        header = "".join(card.ljust(80) for card in ("SIMPLE  =                    T", "BITPIX  =                   32",
+                                                     "NAXIS   =                    2", "NAXIS1  =                  600",
+                                                     "NAXIS2  =                  450", "END"))
+        image = self.frame("wide.fit", header.ljust(2880).encode() + struct.pack(f">{size}i", *wide))
+        export = self.folder / "export.fits"
+        run = self.run_solver(image, *self.search[1:], "--export", export, "--json")
+        self.assertEqual(run.returncode, SOLVED, run.stderr)
+        counts = json.loads(run.stdout)["counts"]
+        self.assertNotEqual(counts["factor"], 1)
+        said = re.search(rb"COMMENT   Counts are \(value - ([0-9.e+-]+)\) x ([0-9.e+-]+) of the file", export.read_bytes(),
+                         re.IGNORECASE)
+        self.assertAlmostEqual(float(said[1]), counts["zero"], delta=1e-6 * (1 + abs(counts["zero"])))
+        self.assertAlmostEqual(float(said[2]), counts["factor"], delta=1e-6 * counts["factor"])
+
 
 class Solutions(DrawnSky):
     """What becomes of a solution."""
@@ -666,7 +703,7 @@ class Solutions(DrawnSky):
         (self.folder / "sky.kel").mkdir()
         run = self.run_solver(self.parameters + str(self.search[0]))
         self.assertEqual(run.returncode, NOT_WRITTEN)
-        self.assertIn(b"sky.kel cannot be written.", run.stderr)
+        self.assertIn(b"sky.kel cannot be written: Is a directory.", run.stderr)
         for more in [] if WINDOWS else [[], ["--json"]]:
             with open("/dev/full", "wb") as full:
                 run = subprocess.run([*SOLVER, *map(str, self.search), *more], stdout=full,
