@@ -415,8 +415,9 @@ class Astap(Hosts):
             if run.wait(60) == 34:
                 self.assertIn("not updated", ini_of(ini)["WARNING"])
                 self.assertEqual(image.read_bytes(), other.read_bytes())
-            elif "CD1_1" in fits.getheader(image):  # the other one was read
-                self.assertGreater(numpy.linalg.det(WCS(fits.getheader(image)).wcs.cd), 0)
+            elif "CD1_1" in fits.getheader(image):  # of the picture that the file holds
+                mirrored = numpy.linalg.det(WCS(fits.getheader(image)).wcs.cd) > 0
+                self.assertEqual(mirrored, numpy.array_equal(fits.getdata(image), self.pixels[::-1]))
 
     def test_a_full_disk_leaves_nothing_and_is_told(self):
         image = self.copy()
