@@ -63,7 +63,7 @@ SolvedPicture SolveFile(const SolveParameters& parameters, const std::filesystem
     state->Parameters = parameters;
     state->Catalog.Folder = catalog;
     SilentWorker port(*state, stopped);
-    SolvedPicture picture{path, {}, {}, 0, false, {}};
+    SolvedPicture picture{path, {}, {}, 0, false, {}, {}};
     if (!OpenImage(*state, port, path)) {
         picture.Failure = port.Message.empty() ? "Not an image" : FirstLine(port.Message);
         return picture;
@@ -129,8 +129,7 @@ std::string SolutionsCsv(const std::vector<SolvedPicture>& pictures) {
 }
 
 SolvedPicture PictureOf(const ProgramState& state) {
-    SolvedPicture picture{state.Image.FileName, {}, {}, 0, false, {}, state.Image.Width,
-                          state.Image.Height};
+    SolvedPicture picture{state.Image.FileName, {}, {}, 0, false, {}, state.Image.Stamp};
     if (state.Solution) {
         picture.Verdict = TrustOf(state);
         picture.Solution = state.Solution;
@@ -148,8 +147,8 @@ void RestoreSolution(ProgramState& state, Port& port, const SolvedPicture& pictu
     const Operation operation(state, port, Activity::Solving);
     if (!operation || !state.ImageLoaded || state.Image.FileName != picture.Path) return;
     if (!picture.Solution) return;
-    if (state.Image.Width != picture.Width || state.Image.Height != picture.Height) {
-        port.ShowMessage("This is not the picture that was solved: its size has changed.",
+    if (state.Image.Stamp != picture.Stamp) {
+        port.ShowMessage("This is not the picture that was solved: its file has changed.",
                          DefaultTitle);
         return;
     }

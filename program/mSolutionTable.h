@@ -22,9 +22,8 @@ struct SolvedPicture {
     std::optional<PlateSolution> Solution;
     double UpPositionAngle = 0;  ///< degrees east of north
     bool Mirrored = false;
-    std::string Failure;     ///< why there is no solution
-    std::int32_t Width = 0;  ///< of the picture, pixels
-    std::int32_t Height = 0;
+    std::string Failure;  ///< why there is no solution
+    FileStamp Stamp;      ///< of its file
 };
 
 inline constexpr std::array<const char*, 7> SolutionColumns{

@@ -154,10 +154,14 @@ std::size_t ContinuationColumn(std::string_view line) {
     return hasLabel ? value : start + 2;
 }
 
+namespace {
+
 /// An angle of 0..360° with two decimals: what would be rounded to 360 is 0.
-std::string DegreesText(double degrees) {
+std::string CircleText(double degrees) {
     return Fixed(std::fmod(RoundToDecimals(degrees, 2), 360), 2) + DegreeSign;
 }
+
+}  // namespace
 
 std::string SolutionText(const ProgramState& state) {
     const PlateSolution& solution = *state.Solution;
@@ -166,8 +170,8 @@ std::string SolutionText(const ProgramState& state) {
     table.Line("Centre (J2000)", Position(solution.Centre()));
     table.Line("Field", FieldSizeText(state.Image.Width, state.Image.Height, solution.Scale));
     table.Line("Scale", Fixed(1 / solution.Scale, 4) + "\"/px");
-    table.Line("Rotation", DegreesText(PositionAngleDegrees(solution.Angle)) + "   (up is " +
-                               DegreesText(orientation.UpPositionAngle) + " east of north)");
+    table.Line("Rotation", CircleText(PositionAngleDegrees(solution.Angle)) + "   (up is " +
+                               CircleText(orientation.UpPositionAngle) + " east of north)");
     table.Line("Mirrored", orientation.Mirrored ? "yes (with north up, east is right)"
                                                 : "no (with north up, east is left)");
     table.Line("Stretch, skew",

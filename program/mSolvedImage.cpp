@@ -74,6 +74,13 @@ bool WriteWorldCoordinates(const ProgramState& state, Port& port, const std::str
         port.ShowMessage("The image has no solution.", DefaultTitle);
         return false;
     }
+    // Programs that take pictures may write each over the one before.
+    const FileStamp now = StampOfFile(PathFromText(state.Image.FileName));
+    if (now != FileStamp() && state.Image.Stamp != FileStamp() && now != state.Image.Stamp) {
+        port.ShowMessage("The file " + state.Image.FileName + " is no longer what it was.",
+                         DefaultTitle);
+        return false;
+    }
     std::error_code ignored;
     if (std::filesystem::equivalent(PathFromText(path), PathFromText(state.Image.FileName),
                                     ignored)) {

@@ -383,6 +383,8 @@ TEST(WorldCoordinates, ASolutionThatIsNoMapOfTheSkyIsNone) {
     EXPECT_FALSE(ExportImage(opened.State, opened.Port, TextFromPath(folder / "out.fits")));
     EXPECT_TRUE(opened.Port.Messages.back().ends_with("is no longer what it was."));
     EXPECT_FALSE(std::filesystem::exists(folder / "out.fits"));
+    EXPECT_FALSE(WriteWorldCoordinates(opened.State, opened.Port));
+    EXPECT_FALSE(std::filesystem::exists(folder / "in.wcs"));
 }
 
 TEST(Export, NeverPutsASolutionIntoAPictureThatCameInThePlaceOfTheSolvedOne) {
