@@ -230,7 +230,8 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const RunOutcome& o
     if (!outcome.StartedFrom.empty()) json["started_from"] = outcome.StartedFrom;
     json["width_px"] = state.Image.Width;
     json["height_px"] = state.Image.Height;
-    json["stars_extracted"] = state.Extraction.StarsFound;
+    json["stars_extracted"] =
+        state.Solution ? state.Solution->ExtractedCount : state.Extraction.StarsFound;
     json["stars_in_catalog"] = solved ? state.Solution->CatalogCount() : report.CatalogStarsAtStart;
     json["sky_noise"] = state.Extraction.BackgroundSigma;
     json["smoothed"] = report.Smoothed;
