@@ -136,12 +136,19 @@ UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::stri
         return outcome;
     }
     outcome.Request = *request;
-    if (!NamesAResult(request->Path)) {
+    if (request->Path.find('.') == std::string::npos) {
         port.ShowMessage("Invalid file name", ErrorTitle);
         outcome.End = UnattendedEnd::InvalidFileName;
         return outcome;
     }
 
+    const auto noImage = [&] {
+        outcome.End = UnattendedEnd::NoImage;
+        outcome.Result = {SolveCode::NoImage, ResultMessage(SolveCode::NoImage)};
+        port.ShowMessage(outcome.Result.Message, ErrorTitle);
+        return outcome;
+    };
+    if (!NamesAResult(request->Path)) return noImage();
     if (const std::error_code error = RemoveOldResult(request->Path)) {
         outcome.End = UnattendedEnd::OldResultStays;
         port.ShowMessage("The result file of an earlier solve, " +
@@ -150,12 +157,7 @@ UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::stri
                          ErrorTitle);
         return outcome;
     }
-    if (!OpenImage(state, port, request->Path)) {
-        outcome.End = UnattendedEnd::NoImage;
-        outcome.Result = {SolveCode::NoImage, ResultMessage(SolveCode::NoImage)};
-        port.ShowMessage(outcome.Result.Message, ErrorTitle);
-        return outcome;
-    }
+    if (!OpenImage(state, port, request->Path)) return noImage();
 
     ShowStartingValues(state, port, *request, " X ");
     SolveCode code = SolvePlate(state, port, SearchFor(*request, state.Parameters));
