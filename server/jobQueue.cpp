@@ -1,10 +1,9 @@
 #include "server/jobQueue.h"
 
 #include <sys/stat.h>
+
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <cstdio>
 #include <exception>
 #include <span>
 #include <system_error>
@@ -42,16 +41,6 @@ std::uint64_t SizeOf(const std::filesystem::path& path) {
     std::error_code error;
     const auto size = std::filesystem::file_size(path, error);
     return error ? 0 : size;
-}
-
-/// @throws std::system_error with the system's reason
-void WriteFile(const std::filesystem::path& path, std::string_view bytes) {
-    NewFile file(path);
-    errno = 0;
-    if (std::fwrite(bytes.data(), 1, bytes.size(), file.Stream()) != bytes.size()) {
-        throw std::system_error(errno != 0 ? errno : EIO, std::generic_category());
-    }
-    file.Commit();
 }
 
 JobCalibration CalibrationOf(const SolverCoordinates& coordinates, const std::string& header) {
@@ -139,12 +128,12 @@ int JobQueue::Submit(const NovaRequest& request, const std::string& name,
 /// @throws std::system_error with the system's reason
 void JobQueue::Store(const std::filesystem::path& path, std::string_view picture) const {
     try {
-        WriteFile(path, picture);
+        WriteWholeFile(path, picture);
     } catch (const std::system_error& error) {
         if (error.code() != std::errc::no_such_file_or_directory) throw;
         constexpr mode_t ownerOnly = 0700;
         (void)mkdir(settings_.Folder.c_str(), ownerOnly);
-        WriteFile(path, picture);
+        WriteWholeFile(path, picture);
     }
 }
 
