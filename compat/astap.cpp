@@ -207,16 +207,14 @@ class AstapRun {
             if (!ReadWholeFile(path, longest, bytes)) {
                 throw std::runtime_error("It cannot be read again, or has more than 4 GiB.");
             }
-            if (StampOfFile(path) != image_) {
-                throw std::runtime_error("The file is no longer what it was.");
-            }
             // Without the command line, of which each update would leave another one.
             HeaderContents kept = contents;
             kept.Comments.resize(1);
-            if (ReplaceFile(path, WithCoordinates(bytes, CoordinateCards(kept), contents.Width,
-                                                  contents.Height))) {
-                return true;
-            }
+            const auto changed = WithCoordinates(bytes, CoordinateCards(kept), contents.Width,
+                                                 contents.Height);
+            ReplaceSameFile(path, image_, changed);
+            return true;
+        } catch (const std::system_error&) {
             log_ += "The image file cannot be written.\n";
         } catch (const std::exception& fault) {
             log_ += "The image file was not updated. " + std::string(fault.what()) + "\n";

@@ -294,9 +294,25 @@ NewFile::~NewFile() {
 }
 
 void NewFile::Commit() {
+    Finish();
+    TakePlace();
+}
+
+void NewFile::CommitOver(const FileStamp& older) {
+    Finish();
+    if (StampOfFile(path_) != older) {
+        throw std::runtime_error("The file is no longer what it was.");
+    }
+    TakePlace();
+}
+
+void NewFile::Finish() {
     errno = 0;
     if (!FlushToDisk(file_.get())) Fail(path_, LastError());
     if (std::fclose(file_.release()) != 0) Fail(path_, LastError());
+}
+
+void NewFile::TakePlace() {
     std::error_code error;
     Rename(temporary_, path_, error);
     if (MayBeInUse(error)) {
@@ -314,6 +330,14 @@ void WriteWholeFile(const fs::path& path, std::span<const unsigned char> bytes) 
 void WriteWholeFile(const fs::path& path, std::string_view text) {
     WriteWholeFile(path,
                    std::span(reinterpret_cast<const unsigned char*>(text.data()), text.size()));
+}
+
+void ReplaceSameFile(const fs::path& path, const FileStamp& older,
+                     std::span<const unsigned char> bytes) {
+    NewFile file(path);
+    errno = 0;
+    if (!WriteBytes(file.Stream(), bytes)) Fail(path, LastError());
+    file.CommitOver(older);
 }
 
 bool ReplaceFile(const fs::path& path, std::span<const unsigned char> bytes) {

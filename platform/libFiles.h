@@ -70,8 +70,15 @@ class NewFile {
     /// Brings everything to the disk and puts the file in its place.
     /// @throws std::system_error, after which an older file is as it was
     void Commit();
+    /// As `Commit`, unless the file in its place is no longer the one of the stamp: a program that
+    /// takes pictures may have written the next one there.
+    /// @throws std::runtime_error in that case
+    void CommitOver(const FileStamp& older);
 
  private:
+    void Finish();
+    void TakePlace();
+
     std::filesystem::path path_;
     std::filesystem::path temporary_;
     FileHandle file_;
@@ -81,6 +88,11 @@ class NewFile {
 /// @throws std::system_error with the system's reason, after which an older file is as it was
 void WriteWholeFile(const std::filesystem::path& path, std::span<const unsigned char> bytes);
 void WriteWholeFile(const std::filesystem::path& path, std::string_view text);
+
+/// Replaces the file of the stamp, and no other that has come to its place since.
+/// @throws std::system_error as above, std::runtime_error when it is another one
+void ReplaceSameFile(const std::filesystem::path& path, const FileStamp& older,
+                     std::span<const unsigned char> bytes);
 
 /// As `WriteWholeFile`, but returns false when that fails.
 bool ReplaceFile(const std::filesystem::path& path, std::span<const unsigned char> bytes);

@@ -56,7 +56,8 @@ void KeepBestAttempt(SolveReport& report, const RegionMatch& region) {
 
 /// How sure the solution is, judged with all stars (the matcher used only the brightest). In a
 /// blind solve, the quads that fitted before count as searches too.
-MatchConfidence ConfidenceOfSolution(const ProgramState& state, const PlateSolution& solution) {
+MatchConfidence ConfidenceOfSolution(const ProgramState& state, const PlateSolution& solution,
+                                     double triedBefore) {
     const std::int32_t most = state.Parameters.MaxStars;
     const PlateStarList catalog =
         OnThisSide(solution.CatalogStars, {solution.TangentRA, solution.TangentDec});
@@ -64,18 +65,18 @@ MatchConfidence ConfidenceOfSolution(const ProgramState& state, const PlateSolut
                                         state.Image.Width, state.Image.Height);
     evidence.SearchedCatalog = std::min(catalog.Count(), most);
     evidence.SearchedImage = std::min(solution.PlateStars.Count(), most);
-    evidence.Trials = solution.RegionsSearched;
+    evidence.Trials = triedBefore + solution.RegionsSearched;
     if (state.Report.Blind) evidence.Trials += state.QuadMatch.FourStarFits;
     return ConfidenceOf(evidence);
 }
 
 PlateSolution RegionSolution(const ProgramState& state, const RegionMatch& region,
-                             std::int32_t regions) {
+                             std::int32_t regions, double triedBefore) {
     PlateSolution solution =
         SolutionOf(region, state.PlateStars, state.Image.Width, state.Image.Height);
     solution.ExtractedCount = state.Extraction.StarsFound;
     solution.RegionsSearched = regions;
-    solution.Confidence = ConfidenceOfSolution(state, solution);
+    solution.Confidence = ConfidenceOfSolution(state, solution, triedBefore);
     return solution;
 }
 
@@ -228,7 +229,8 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
     std::int64_t k = 1;
     do {
         if (region.Found.Matched) {
-            PlateSolution solution = RegionSolution(state, region, static_cast<std::int32_t>(k));
+            PlateSolution solution = RegionSolution(state, region, static_cast<std::int32_t>(k),
+                                                    search.TriedBefore);
             if (!search.Accept || search.Accept(solution)) {
                 FinishPlateSolution(state, port, std::move(solution));
                 return SolveCode::Solved;

@@ -23,6 +23,8 @@ struct PlateSearch {
     std::function<bool()> MustEnd = {};
     /// The cache may hold stars of the far hemisphere from solves before this one.
     SkySides Sides = SkySides::Both;
+    /// The regions of the searches of this picture before this one, which are charged with its own.
+    double TriedBefore = 0;
 };
 
 /// The parameters that the matcher needs.

@@ -189,6 +189,8 @@ class Plan {
                            state_.Parameters.MaxError};
         search.MustEnd = [this] { return MustEnd(); };
         search.Sides = SkySides::This;
+        search.TriedBefore = plainRegions_;
+        plainRegions_ += std::max(hint.Regions, 1);
         search.Accept = [this](const PlateSolution& solution) {
             if (IsSure(solution.Confidence)) return true;
             KeepLikelier(report_.Candidate, solution);
@@ -296,7 +298,8 @@ class Plan {
     std::chrono::steady_clock::time_point start_;
     double lastYield_ = 0;
     bool enoughStars_ = false;
-    double searches_ = 0;  ///< regions and lists that were tried
+    double searches_ = 0;      ///< regions and lists that were tried with seeds
+    double plainRegions_ = 0;  ///< regions that plain searches were to try
     bool mosaic_;          ///< the image is a mosaic of colours
     PlanStars lists_;
 };

@@ -64,6 +64,26 @@ TEST(NewFiles, TheOldFileStaysUntilTheNewOneIsWhole) {
     EXPECT_EQ(FilesIn(folder.Path), 1U);
 }
 
+TEST(NewFiles, APictureThatCameWhileTheOlderOneWasWorkedOnStays) {
+    const TemporaryFolder folder;
+    const fs::path file = folder / "latest.fit";
+    WriteFile(file, "first");
+    const FileStamp first = StampOfFile(file);
+    ReplaceSameFile(file, first, BytesOf("first, solved"));
+    EXPECT_EQ(ReadFile(file), "first, solved");
+
+    const FileStamp solved = StampOfFile(file);
+    NewFile slow(file);
+    std::fputs("solved again", slow.Stream());
+    WriteFile(file, "the second picture");
+    EXPECT_THROW(slow.CommitOver(solved), std::runtime_error);
+    EXPECT_EQ(ReadFile(file), "the second picture");
+    fs::remove(file);
+    EXPECT_THROW(ReplaceSameFile(file, solved, BytesOf("x")), std::runtime_error);
+    EXPECT_FALSE(fs::exists(file)) << "a removed picture does not come back";
+    EXPECT_EQ(FilesIn(folder.Path), 0U);
+}
+
 TEST(NewFiles, WhatIsNoFileIsRefusedWithTheReason) {
     const TemporaryFolder folder;
     fs::create_directory(folder / "folder.fit");

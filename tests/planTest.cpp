@@ -83,10 +83,13 @@ TEST_F(PlanOfASmallSky, TheHintAndTheAttemptThatGaveItAreNamed) {
     EXPECT_FALSE(Report.Attempts.front().Sure);
     EXPECT_FALSE(Report.Candidate);
     EXPECT_NEAR(State.Solution->CentreDec, centre.Dec, 1e-5);
+    const double trials = State.Solution->Confidence.Log10Trials;
 
     request.Around = {Hint(0)};
     request.Around[0].Briefly = true;
     ASSERT_EQ(Solve(request), SolveCode::Solved);
+    EXPECT_GT(trials, State.Solution->Confidence.Log10Trials + 1)
+        << "the regions around the first hint are charged too";
     EXPECT_EQ(Report.Start, 0U) << "nothing of the plan before is left";
     EXPECT_EQ(Attempts().size(), 1U);
 }
