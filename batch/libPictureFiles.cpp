@@ -66,14 +66,12 @@ bool IsBeingWritten(const fs::path& file) {
     return refused;
 }
 
-/// Adds a file, whatever its name is, or the pictures in a folder by name.
-void AddPictures(const fs::path& path, FoundPictures& found) {
-    std::error_code ignored;
-    if (!fs::is_directory(path, ignored)) {
-        // A pipe would be waited for until somebody wrote into it.
-        if (fs::is_regular_file(path, ignored)) found.Pictures.push_back(path);
-        return;
-    }
+bool IsExportedCopy(const fs::path& file) {
+    return TextFromPath(file.filename()).ends_with(SolvedSuffix);
+}
+
+/// Adds the pictures in a folder by name.
+void AddFolder(const fs::path& path, FoundPictures& found) {
     std::vector<fs::path> inside;
     const std::vector<fs::path> unread =
         ForAllBelow(path, [&inside](const fs::directory_entry& entry) {
@@ -91,7 +89,7 @@ void AddPictures(const fs::path& path, FoundPictures& found) {
 
 bool LooksLikePicture(const fs::path& file) {
     const std::string name = TextFromPath(file.filename());
-    if (name.empty() || name.front() == '.' || name.ends_with(SolvedSuffix)) return false;
+    if (name.empty() || name.front() == '.' || IsExportedCopy(file)) return false;
     std::string extension = UpperCase(TextFromPath(file.extension()));
     if (extension.size() < 2 || extension.find(' ') != std::string::npos) return false;
     extension = " " + extension.substr(1) + " ";
@@ -105,14 +103,27 @@ FoundPictures PicturesOf(const std::string& word) {
     std::error_code ignored;
     const fs::path named = AbsolutePath(PathFromText(word)).lexically_normal();
     FoundPictures found;
+    if (fs::is_directory(named, ignored)) {
+        AddFolder(named, found);
+        return found;
+    }
     if (fs::exists(named, ignored)) {
-        AddPictures(named, found);
+        // A pipe would be waited for until somebody wrote into it.
+        if (!fs::is_regular_file(named, ignored)) return found;
+        // The shell puts the copies of an earlier run in place of a pattern too.
+        found.ExportedCopy = IsExportedCopy(named);
+        if (!found.ExportedCopy) found.Pictures.push_back(named);
         return found;
     }
     glob_t matches = {};
     if (glob(word.c_str(), 0, nullptr, &matches) == 0) {
         for (std::size_t i = 0; i < matches.gl_pathc; ++i) {
-            AddPictures(AbsolutePath(matches.gl_pathv[i]).lexically_normal(), found);
+            const fs::path match = AbsolutePath(matches.gl_pathv[i]).lexically_normal();
+            if (fs::is_directory(match, ignored)) {
+                AddFolder(match, found);
+            } else if (LooksLikePicture(match) && fs::is_regular_file(match, ignored)) {
+                found.Pictures.push_back(match);
+            }
         }
     }
     globfree(&matches);

@@ -20,11 +20,13 @@ bool LooksLikePicture(const std::filesystem::path& file);
 struct FoundPictures {
     std::vector<std::filesystem::path> Pictures;
     std::vector<std::filesystem::path> Unread;  ///< folders that could not be read to their end
+    bool ExportedCopy = false;  ///< the argument is the name of one, and so no picture
 };
 
-/// The pictures that a command-line argument means: a file with any name, a folder with all folders
-/// below it, or a pattern with * ? [ ]. The paths are absolute; empty when nothing matches. Folders
-/// for which there is no permission are skipped.
+/// The pictures that a command-line argument means: a file with any name but that of an exported
+/// copy, a folder with all folders below it, or a pattern with * ? [ ] for both. What a folder or a
+/// pattern gives must look like pictures. The paths are absolute; empty when nothing matches.
+/// Folders for which there is no permission are skipped.
 FoundPictures PicturesOf(const std::string& word);
 
 /// Watches a folder, and all folders below it, for pictures that arrive.

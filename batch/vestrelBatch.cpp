@@ -208,14 +208,21 @@ class Night {
         run_ = &run;
         std::vector<std::filesystem::path> pictures;
         bool unread = false;
+        std::size_t copies = 0;
         for (const std::string& word : options_.Words) {
             const FoundPictures found = PicturesOf(word);
-            if (found.Pictures.empty()) {
+            if (found.ExportedCopy) {
+                ++copies;
+            } else if (found.Pictures.empty()) {
                 std::fprintf(stderr, "%s: there are no pictures.\n", WithoutControls(word).c_str());
             }
             pictures.insert(pictures.end(), found.Pictures.begin(), found.Pictures.end());
             PrintUnread(found.Unread);
             unread = unread || !found.Unread.empty();
+        }
+        if (copies > 0) {
+            std::fprintf(stderr, "Exported copies (%s) are no pictures; left out: %zu.\n",
+                         SolvedSuffix, copies);
         }
         // All of them are known before the first file is written beside one.
         for (const auto& picture : pictures) names_.Take(picture, picture.native());

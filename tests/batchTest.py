@@ -341,6 +341,19 @@ class Batch(unittest.TestCase):
         # An exported copy is no picture of the night.
         self.assertEqual(self.batch(self.work / "names", "--out", journal).returncode, 5)
 
+    def test_an_exported_copy_is_no_picture_however_it_is_named(self):
+        folder, journal = self.work / "copies of", self.work / "copies_of.jsonl"
+        folder.mkdir()
+        shutil.copy(sorted(self.frames.glob("light_*.fit"))[0], folder / "a.fits")
+        for _ in range(3):
+            for words in ([str(folder / "*")], sorted(folder.glob("*.fits"))):  # the shell expands patterns too
+                end = self.batch(*words, "--out", journal, "--export", "--kel")
+                self.assertEqual(end.returncode, 0, end.stderr)
+        self.assertIn("left out: 1", end.stderr)
+        self.assertEqual(sorted(file.name for file in folder.iterdir()), ["a.fits", "a.kel", "a.solved.fits"])
+        self.lines_when(journal, 1)
+        self.assertEqual(self.batch(folder / "a.solved.fits").returncode, 5)
+
     def test_watched_pictures_are_solved_when_they_are_complete_and_a_signal_ends_it(self):
         watched, journal = self.work / "watched", self.work / "watched.jsonl"
         (watched / "before").mkdir(parents=True)
