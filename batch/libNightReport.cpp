@@ -43,7 +43,7 @@ struct Row {
     double Dec = notThere;  ///< degrees
     double Field = 0;       ///< shorter side, degrees
     double Scale = notThere;
-    double Rotation = notThere;
+    double Up = notThere;  ///< its position angle, degrees
     double Rms = notThere;
     double Stars = notThere;
     double Seconds = notThere;
@@ -67,6 +67,15 @@ double NumberAt(const nlohmann::ordered_json& line, const char* key) {
     return std::fabs(value) < beyondAnyUse ? value : notThere;
 }
 
+/// The position angle of "up". Lines that older versions left in a journal have that of the rising
+/// rows of the file, which point down in all pictures but FITS.
+double UpAt(const nlohmann::ordered_json& line) {
+    const double up = NumberAt(line, "up_position_angle_deg");
+    if (std::isfinite(up)) return up;
+    const double rows = NumberAt(line, "rotation_deg");
+    return TextAt(line, "format") == "FITS" ? rows : std::fmod(rows + 180, 360);
+}
+
 Row RowOf(const nlohmann::ordered_json& line) {
     Row row;
     row.Picture = TextAt(line, "picture");
@@ -83,7 +92,7 @@ Row RowOf(const nlohmann::ordered_json& line) {
     row.Dec = NumberAt(line, "dec_deg");
     row.Field = std::min(NumberAt(line, "width_deg"), NumberAt(line, "height_deg"));
     row.Scale = NumberAt(line, "scale_arcsec_px");
-    row.Rotation = NumberAt(line, "rotation_deg");
+    row.Up = UpAt(line);
     row.Rms = NumberAt(line, "rms_px");
     row.Stars = NumberAt(line, "stars_matched");
     const auto seconds = line.find("seconds");
@@ -95,7 +104,7 @@ Row RowOf(const nlohmann::ordered_json& line) {
 /// their drift.
 void FindDrift(std::vector<Row>& rows) {
     const Row* first = nullptr;
-    double lastRotation = 0;
+    double lastUp = 0;
     for (Row& row : rows) {
         if (!row.Solved() || !std::isfinite(row.Ra) || !std::isfinite(row.Dec)) continue;
         const auto place = [&row](const Row& from) {
@@ -115,9 +124,9 @@ void FindDrift(std::vector<Row>& rows) {
         row.East = east * arcseconds;
         row.North = north * arcseconds;
         // Keeps the curve continuous across 0°.
-        if (std::isfinite(row.Rotation)) {
-            row.Rotation = lastRotation + std::remainder(row.Rotation - lastRotation, 360);
-            lastRotation = row.Rotation;
+        if (std::isfinite(row.Up)) {
+            row.Up = lastUp + std::remainder(row.Up - lastUp, 360);
+            lastUp = row.Up;
         }
     }
 }
@@ -322,13 +331,13 @@ std::string Table(const std::vector<Row>& rows) {
     std::string html =
         "<h2>Pictures</h2>\n<div class=\"w\"><table>\n<tr><th class=\"n\">#</th><th>Picture</th>"
         "<th>Observed</th><th>Result</th><th class=\"n\">RA</th><th class=\"n\">Dec</th>"
-        "<th class=\"n\">Scale \"/px</th><th class=\"n\">Rotation &deg;</th>"
+        "<th class=\"n\">Scale \"/px</th><th class=\"n\">Up &deg;</th>"
         "<th class=\"n\">Stars</th><th class=\"n\">RMS px</th><th class=\"n\">Time s</th></tr>\n";
     const auto number = [](const std::string& text) { return "<td class=\"n\">" + text + "</td>"; };
     std::size_t count = 0;
     for (const Row& row : rows) {
         const bool placed = std::isfinite(row.Ra) && std::isfinite(row.Dec);
-        const double turned = std::remainder(row.Rotation, 360);
+        const double turned = std::remainder(row.Up, 360);
         html += std::string(row.Solved() ? "<tr>" : "<tr class=\"failed\">") +
                 number(std::to_string(++count)) + "<td class=\"p\" title=\"" +
                 Escaped(row.Picture) + "\">" +
@@ -385,7 +394,7 @@ void WriteNightReport(const std::filesystem::path& journal, const std::filesyste
     html += Plot(rows, "Pointing from the first picture of each target, arcseconds", 1,
                  {{"east", "#2f7ed8", &Row::East}, {"north", "#e08a1e", &Row::North}});
     html += Plot(rows, "Scale, arcseconds per pixel", 1e-4, {{"scale", "#2f7ed8", &Row::Scale}});
-    html += Plot(rows, "Rotation, degrees", 0.1, {{"rotation", "#2f7ed8", &Row::Rotation}});
+    html += Plot(rows, "Up, degrees east of north", 0.1, {{"up", "#2f7ed8", &Row::Up}});
     html += Table(rows) + "</body></html>\n";
     if (!ReplaceFile(page, html)) {
         throw std::runtime_error("The report " + TextFromPath(page) + " cannot be written.");

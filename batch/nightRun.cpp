@@ -11,6 +11,7 @@
 #include <system_error>
 #include <utility>
 
+#include "astro/libMath.h"
 #include "batch/libJournal.h"
 #include "batch/libPictureFiles.h"
 #include "catalog/libCatalogCache.h"
@@ -67,7 +68,17 @@ void RequireCatalog(const std::string& folder) {
     }
 }
 
-void AddField(const SolverOutcome& outcome, Json& line) {
+/// The turn of the picture as it is displayed, whichever way round its file has the rows. All three
+/// mean the same in the JSON of vestrel-solve.
+void AddTurn(const SolverCoordinates& displayed, Json& line) {
+    const double columns =
+        std::atan2(-displayed.Cd[1][0], -displayed.Cd[0][0]) * ExactDegreesPerRadian;
+    line["rotation_deg"] = columns < 0 ? columns + 360 : columns;
+    line["up_position_angle_deg"] = displayed.Rotation();
+    line["mirrored"] = displayed.Mirrored();
+}
+
+void AddField(const Solver& solver, const SolverOutcome& outcome, Json& line) {
     const SolvedField& field = *outcome.Field;
     line["ra_deg"] = field.Centre.Ra;
     line["dec_deg"] = field.Centre.Dec;
@@ -75,8 +86,9 @@ void AddField(const SolverOutcome& outcome, Json& line) {
     line["height_deg"] = field.Height;
     if (field.Coordinates.Crpix[0] > 0) {
         line["scale_arcsec_px"] = field.Coordinates.Scale();
-        line["rotation_deg"] = field.Coordinates.Rotation();
-        line["mirrored"] = field.Coordinates.Mirrored();
+        CardOptions displayed;
+        displayed.RowsAsStored = false;
+        if (const auto turned = solver.Coordinates(displayed)) AddTurn(*turned, line);
     }
     line["rms_px"] = field.Rms;
     if (field.CentreError > 0) line["centre_error_arcsec"] = field.CentreError;
@@ -293,7 +305,7 @@ std::optional<Json> NightRun::LineOf(Solver& solver, const std::string& picture,
         line["cause"] = {{"kind", outcome.CauseKind}, {"text", outcome.Cause}};
         if (!outcome.Advice.empty()) line["cause"]["try"] = outcome.Advice.front();
     }
-    if (outcome.Solved()) AddField(outcome, line);
+    if (outcome.Solved()) AddField(solver, outcome, line);
     if (outcome.Candidate) {
         line["candidate"] = {{"ra_deg", outcome.Candidate->Ra},
                              {"dec_deg", outcome.Candidate->Dec}};

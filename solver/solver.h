@@ -202,7 +202,8 @@ struct VESTREL_PUBLIC SolverCoordinates {
     /// The position angle of the direction of rising y, degrees east of north, 0..360.
     double Rotation() const;
     /// Whether east lies clockwise from north when y rises upward. On the sky as we see it, east
-    /// lies counter-clockwise.
+    /// lies counter-clockwise. Rows of a picture that begins at its top rise downward, so that this
+    /// is true for the ordinary sky; with `RowsAsStored` false it is about the displayed picture.
     bool Mirrored() const { return Cd[0][0] * Cd[1][1] - Cd[0][1] * Cd[1][0] > 0; }
 };
 

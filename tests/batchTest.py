@@ -4,6 +4,7 @@
 Environment: VESTREL_PROGRAMS the folder of the programs; VESTREL_HOSTILE_DECODER a module that does to its
 process what a picture says.
 """
+import array
 import html
 import json
 import os
@@ -353,6 +354,43 @@ class Batch(unittest.TestCase):
         self.assertEqual(sorted(file.name for file in folder.iterdir()), ["a.fits", "a.kel", "a.solved.fits"])
         self.lines_when(journal, 1)
         self.assertEqual(self.batch(folder / "a.solved.fits").returncode, 5)
+
+    def test_a_turn_means_the_same_in_the_journal_and_in_the_solver_s_answer(self):
+        folder, journal = self.work / "turned", self.work / "turned.jsonl"
+        folder.mkdir()
+        place = ("--ra", str(killBatch.RA), "--dec", str(killBatch.DEC))
+        killBatch.run(PROGRAMS / "vestrel-catalog", "render", "--catalog", self.catalog, *place, "--size", "40x30",
+                      "--width-px", "400", "--rotation", "25", "--out", folder / "first.fit")
+        frame = (folder / "first.fit").read_bytes().replace(b"INSTRUME=", b"MADEBY  =")
+        (folder / "first.fit").write_bytes(frame)
+        counts = array.array("h", frame[re.search(rb"END {77}", frame).start() // 2880 * 2880 + 2880:][:240000])
+        counts.byteswap()
+        rows = [array.array("H", [count + 32768 for count in counts[at:at + 400]]) for at in range(0, 120000, 400)]
+        head = b"ST-8 Compressed Image\n\rHEIGHT = 300\n\rWIDTH = 400\n\rEND\n\r\x1a".ljust(2048, b"\0")
+        # The top row comes first: the same picture, and that seen in water. They have no hints, and are
+        # found where the same camera, one without a name, pointed before.
+        for name, order in (("up.sbig", rows[::-1]), ("mirror.sbig", rows)):
+            (folder / name).write_bytes(head + b"".join(b"\x20\x03" + row.tobytes() for row in order))
+        end = self.batch(folder, "--scale", "6", "--workers", "1", "--out", journal)
+        self.assertEqual(end.returncode, 0, end.stderr)
+        lines = {pathlib.Path(line["picture"]).name: line for line in map(json.loads, journal.read_text().splitlines())}
+        for name, mirrored, up in (("first.fit", False, 25), ("up.sbig", False, 25), ("mirror.sbig", True, 205)):
+            told = json.loads(subprocess.run(
+                [PROGRAMS / "vestrel-solve", folder / name, *place, "--size", "40x30", "--catalog", self.catalog, "--json"],
+                capture_output=True, timeout=60).stdout)
+            self.assertEqual((told["solved"], lines[name]["end"]), (True, "solved"), name)
+            for answer in (told, lines[name]):
+                self.assertEqual(answer["mirrored"], mirrored, name)
+                self.assertAlmostEqual(answer["up_position_angle_deg"], up, delta=0.1, msg=name)
+            self.assertAlmostEqual(lines[name]["rotation_deg"], told["rotation_deg"], delta=0.1, msg=name)
+        # Lines of older versions have the turn of the file's rows.
+        with open(journal, "a") as file:
+            for kind, turn in (("FITS", 31.5), ("JPEG", 212.5)):
+                file.write(json.dumps({"picture": kind, "end": "solved", "format": kind, "rotation_deg": turn}) + "\n")
+        page = self.work / "turned.html"
+        self.assertEqual(self.batch("--out", journal, "--report", page).returncode, 0)
+        for turn in ("31.50", "32.50"):
+            self.assertIn(f">{turn}<", page.read_text())
 
     def test_watched_pictures_are_solved_when_they_are_complete_and_a_signal_ends_it(self):
         watched, journal = self.work / "watched", self.work / "watched.jsonl"
