@@ -87,7 +87,9 @@ bool TakeStars(const Json& json, NovaRequest& request) {
         // Such lists are sorted, brightest first, and a solve uses only hundreds. Lists that wait
         // must not fill the memory.
         constexpr std::size_t kept = 10'000;
-        if (i < kept) field.Stars.push_back({(*x)[i].get<double>(), (*y)[i].get<double>(), 0});
+        if (i >= kept) continue;
+        // As the tables of stars that such lists come from, they count pixels from 1.
+        field.Stars.push_back({(*x)[i].get<double>() - 1, (*y)[i].get<double>() - 1, 0});
     }
     request.Stars = std::move(field);
     return true;

@@ -151,6 +151,17 @@ TEST(NovaRequests, EveryWayToGiveTheSizeOfAField) {
     }
 }
 
+TEST(NovaRequests, ListsOfStarsCountPixelsFromOne) {
+    std::string fault;
+    const auto request = ParseNovaRequest(
+        R"({"x": [1, 600], "y": [1, 400.5], "image_width": 600, "image_height": 400})", fault);
+    ASSERT_TRUE(request && request->Stars) << fault;
+    EXPECT_EQ(request->Stars->Stars.at(0).X, 0);
+    EXPECT_EQ(request->Stars->Stars.at(0).Y, 0);
+    EXPECT_EQ(request->Stars->Stars.at(1).X, 599);
+    EXPECT_EQ(request->Stars->Stars.at(1).Y, 399.5);
+}
+
 TEST(NovaRequests, CentresAndOrdersOutsideTheirRangesAreLeftOutOrHeld) {
     const SolverHints west = HintsIn(R"({"center_ra": -10, "center_dec": "-5.5"})");
     ASSERT_EQ(west.Centres.size(), 1U);
