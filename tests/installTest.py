@@ -144,18 +144,32 @@ class Installed(unittest.TestCase):
         for program, options in manuals.items():
             page = (self.usr / f"share/man/man1/{program}.1").read_text().replace("\\-", "-")
             self.assertEqual(set(re.findall(r"--[a-z][a-z0-9-]+", page)), options)
+
+    def test_every_program_has_a_manual_page_that_can_be_set(self):
+        pages = self.usr / "share/man/man1"
+        self.assertEqual({page.stem for page in pages.iterdir()}, {path.name for path in (self.usr / "bin").iterdir()})
+        for page in pages.iterdir():
             if shutil.which("man"):
-                end = run("man", "--warnings", "-l", "-Tutf8", self.usr / f"share/man/man1/{program}.1")
+                end = run("man", "--warnings", "-l", "-Tutf8", page)
                 self.assertEqual((end.returncode, end.stderr), (0, ""))
 
+    def test_the_links_of_the_documents_lead_somewhere(self):
+        pages = list((self.usr / "share/doc/vestrel").rglob("*.md"))
+        self.assertIn("FORMATS.md", [page.name for page in pages])
+        for page in pages:
+            for link in re.findall(r"\]\(([^)#\s]+)", page.read_text()):
+                if "://" not in link:
+                    self.assertTrue((page.parent / link).exists(), f"{page.name}: {link}")
+        self.assertTrue((self.usr / "share/doc/vestrel/docs/examples/embed/CMakeLists.txt").exists())
+
     def test_completion_offers_images_only(self):
-        for name in ("a b.FIT", "b.txt", "c.sbig"):
+        images = ["a b.FIT", "c.sbig", "d.png", "e.tif", "f.xisf", "g.jpeg", "h.fits.fz", "i.cr2", "j.fits.gz"]
+        for name in (*images, "b.txt", "b.tar.gz"):
             (self.usr / name).write_text("")
         ask = (". share/bash-completion/completions/vestrel; COMP_WORDS=(vestrel ''); COMP_CWORD=1;"
                " _vestrel; printf '%s\\n' \"${COMPREPLY[@]}\"")
         offered = run("bash", "-c", ask, cwd=self.usr).stdout.splitlines()
-        self.assertEqual(sorted(offered), ["a b.FIT", "bin", "c.sbig", "include", "lib", "libexec",
-                                           "share"])
+        self.assertEqual(sorted(offered), sorted([*images, "bin", "include", "lib", "libexec", "share"]))
 
     def test_another_project_builds_with_the_library(self):
         example = pathlib.Path(__file__).parents[1] / "docs/examples/embed"
