@@ -25,6 +25,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "bench"))
 import killBatch  # noqa: E402
 
 PROGRAMS = pathlib.Path(os.environ["VESTREL_PROGRAMS"])
+FORMATS = (pathlib.Path(__file__).parents[1] / "docs/FORMATS.md").read_text()
 
 
 def children(pid):
@@ -355,7 +356,7 @@ class Batch(unittest.TestCase):
         self.lines_when(journal, 1)
         self.assertEqual(self.batch(folder / "a.solved.fits").returncode, 5)
 
-    def test_a_turn_means_the_same_in_the_journal_and_in_the_solver_s_answer(self):
+    def test_journal_and_answer_mean_the_same_turn_and_have_no_field_without_a_description(self):
         folder, journal = self.work / "turned", self.work / "turned.jsonl"
         folder.mkdir()
         place = ("--ra", str(killBatch.RA), "--dec", str(killBatch.DEC))
@@ -383,6 +384,8 @@ class Batch(unittest.TestCase):
                 self.assertEqual(answer["mirrored"], mirrored, name)
                 self.assertAlmostEqual(answer["up_position_angle_deg"], up, delta=0.1, msg=name)
             self.assertAlmostEqual(lines[name]["rotation_deg"], told["rotation_deg"], delta=0.1, msg=name)
+            for field in (*told, *lines[name]):
+                self.assertIn(f"`{field}`", FORMATS)
         # Lines of older versions have the turn of the file's rows.
         with open(journal, "a") as file:
             for kind, turn in (("FITS", 31.5), ("JPEG", 212.5)):
