@@ -57,7 +57,7 @@ SampleType TypeOf(const py::array& array) {
         if (is('f', 4)) return SampleType::Float32;
         if (is('f', 8)) return SampleType::Float64;
     }
-    throw py::type_error("pixels: an array of 8-, 16- or 32-bit integers or of floats");
+    throw py::type_error("pixels: an array of uint8, (u)int16, (u)int32, float32 or float64");
 }
 
 PixelPicture PictureOf(const py::array& pixels, bool topRowFirst, std::vector<std::string> cards) {

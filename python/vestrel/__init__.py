@@ -77,7 +77,8 @@ class Solution:
     rotation: float = float("nan")
     """The position angle of the direction of rising rows, east of north, 0 to 360."""
     mirrored: bool = False
-    """Whether east lies clockwise of north where rows rise upward."""
+    """Whether east lies clockwise of north where rows rise upward. For an ordinary picture of the sky this is false
+    when its rows begin at the bottom (FITS), and true when they begin at the top (JPEG)."""
     rms: float = float("nan")
     """Root mean square of the residuals, pixels."""
     centre_error: float = 0
@@ -173,7 +174,7 @@ class Solver:
         """Solves a picture. All hints are optional.
 
         picture: the name of a file, or an array of shape (rows, columns) or (rows, columns,
-            channels) of integers up to 32 bits or of floats.
+            channels) of uint8, (u)int16, (u)int32, float32 or float64.
         stars: instead of a picture, rows of x, y (pixels) and flux (any unit) in any order.
         shape: the (rows, columns) of the picture that the stars are from.
         ra, dec, radius: the approximate middle of the picture, and how far off it may be; degrees.
