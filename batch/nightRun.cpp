@@ -99,11 +99,18 @@ void AddField(const Solver& solver, const SolverOutcome& outcome, Json& line) {
     line["solved_by"] = outcome.SolvedBy;
 }
 
+/// The same text for all paths of a file: a link may lead to it, or to its folder.
+std::string PlaceOf(const std::filesystem::path& file) {
+    std::error_code error;
+    const std::filesystem::path place = std::filesystem::weakly_canonical(file, error);
+    return error ? file.native() : place.native();
+}
+
 }  // namespace
 
 void OutputNames::Take(const std::filesystem::path& file, const std::string& picture) {
     const std::lock_guard guard(lock_);
-    owners_.try_emplace(file.native(), picture);
+    owners_.try_emplace(PlaceOf(file), picture);
 }
 
 std::filesystem::path OutputNames::For(const std::filesystem::path& picture,
@@ -111,12 +118,9 @@ std::filesystem::path OutputNames::For(const std::filesystem::path& picture,
                                        const std::string& ending) {
     const std::lock_guard guard(lock_);
     const auto mine = [&](const std::filesystem::path& file) {
-        // A link may lead to a picture.
         std::error_code ignored;
-        const auto target = owners_.find(std::filesystem::weakly_canonical(file, ignored).native());
-        if (target != owners_.end() && target->second != picture.native()) return false;
         return file != picture && !std::filesystem::equivalent(file, picture, ignored) &&
-               owners_.try_emplace(file.native(), picture.native()).first->second ==
+               owners_.try_emplace(PlaceOf(file), picture.native()).first->second ==
                    picture.native();
     };
     std::filesystem::path file = folder / (picture.stem().native() + ending);

@@ -45,7 +45,7 @@ class OutputNames {
 
  private:
     std::mutex lock_;
-    std::unordered_map<std::string, std::string> owners_;
+    std::unordered_map<std::string, std::string> owners_;  ///< pictures by the places of files
 };
 
 /// Workers with one Solver each, which keeps its catalog in memory from picture to picture.

@@ -245,6 +245,16 @@ class Batch(unittest.TestCase):
             self.assertEqual(end.returncode, 2)
             self.assertIn("it stays", end.stderr)
         self.assertEqual((journal.read_bytes(), (folder / "q.fit").read_bytes()), (lines, before[folder / "q.fit"]))
+        # The folder, too, may be named by a link.
+        folder, linked = self.work / "kept too", self.work / "kept by a link"
+        folder.mkdir()
+        linked.symlink_to(folder)
+        for name, frame in zip(("a.fit", "b.fit"), frames):
+            shutil.copy(frame, folder / name)
+        (folder / "a.solved.fits").symlink_to("b.fit")
+        self.assertEqual(self.batch(linked, "--export").returncode, 0)
+        for name, frame in zip(("a.fit", "b.fit"), frames):
+            self.assertTrue((folder / name).read_bytes() == frame.read_bytes(), name)
 
     def test_files_of_pictures_whose_names_are_not_utf8_stay_theirs_after_a_restart(self):
         folder, journal = os.path.join(os.fsencode(self.work), b"bytes\xff"), self.work / "bytes.jsonl"
