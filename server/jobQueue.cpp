@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <exception>
+#include <shared_mutex>
 #include <span>
 #include <system_error>
 
@@ -73,6 +74,7 @@ JobQueue::~JobQueue() {
 
 void JobQueue::Stop() {
     worker_.request_stop();
+    { const std::unique_lock untilAllIsStored(storing_); }
     if (worker_.joinable()) worker_.join();
 }
 
@@ -80,6 +82,8 @@ int JobQueue::Submit(const NovaRequest& request, const std::string& name,
                      std::string_view picture) {
     constexpr int busy = 503;
     constexpr int noRoom = 507;
+    const std::shared_lock storing(storing_);
+    if (worker_.get_stop_token().stop_requested()) throw JobRefused(busy, "the server is ending");
     Job job;
     // What a client can make long is not kept: thousands of jobs are remembered.
     constexpr std::size_t longestName = 255;

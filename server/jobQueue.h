@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <stdexcept>
 #include <stop_token>
 #include <string>
@@ -75,7 +76,8 @@ class JobQueue {
     /// @return the number of the job, from 1 on. @throws JobRefused
     int Submit(const NovaRequest& request, const std::string& name, std::string_view picture);
 
-    /// Drops the waiting pictures and ends the running solve. Nothing is solved afterwards.
+    /// Drops the waiting pictures and ends the running solve. Nothing is solved afterwards, nor
+    /// stored in the folder: pictures are refused.
     void Stop();
 
     std::optional<JobReport> Find(int id) const;
@@ -102,6 +104,7 @@ class JobQueue {
     std::size_t waiting_ = 0;
     std::uint64_t bytes_ = 0;
     int last_ = 0;
+    std::shared_mutex storing_;  ///< shared by all who store a picture
     std::jthread worker_;
 };
 

@@ -141,13 +141,16 @@ int Run(int argc, const char* const* argv) {
     int signal = 0;
     sigwait(&ends, &signal);
     std::fputs("vestrel-server: ending\n", stderr);
-    // A second signal gets the default action and ends the program at once.
-    sigdelset(&ends, SIGHUP);
-    pthread_sigmask(SIG_UNBLOCK, &ends, nullptr);
     // A client may keep its connection open for longer than this.
     EndWithin(2, 0);
     jobs.Stop();
     spool.Remove();
+    // Some send a signal to the process and then to its group: that is one.
+    constexpr timespec same{0, 200'000'000};
+    sigtimedwait(&ends, nullptr, &same);
+    // A second signal gets the default action and ends the program at once.
+    sigdelset(&ends, SIGHUP);
+    pthread_sigmask(SIG_UNBLOCK, &ends, nullptr);
     nova.Stop();
     return 0;
 }

@@ -481,12 +481,37 @@ class Server(unittest.TestCase):
             self.assertEqual(self.server.wait(30), 0)  # the six solves may take twelve minutes
             self.assertLess(time.monotonic() - start, 5)
 
+    def test_a_picture_that_is_whole_only_after_the_signal_is_refused_and_leaves_nothing(self):
+        self.start()
+        fields = json.dumps({"session": self.session})
+        whole = (f'--b\r\nContent-Disposition: form-data; name="request-json"\r\n\r\n{fields}\r\n--b\r\nContent-Disposition: '
+                 'form-data; name="file"; filename="x.fit"\r\n\r\nSIMPLE\r\n--b--\r\n').encode()
+        with socket.create_connection(("127.0.0.1", self.port)) as late, \
+                socket.create_connection(("127.0.0.1", self.port)) as half:
+            late.sendall((f"POST /api/upload HTTP/1.1\r\nHost: localhost\r\nContent-Type: multipart/form-data; boundary=b\r\n"
+                          f"Content-Length: {len(whole)}\r\n\r\n").encode() + whole[:-10])
+            half.sendall(b"GET ")  # the server waits for it until its patience ends
+            time.sleep(0.3)
+            self.server.send_signal(signal.SIGTERM)
+            end = time.monotonic() + 20
+            while list((self.folder / "spool").iterdir()) and time.monotonic() < end:
+                time.sleep(0.01)
+            late.sendall(whole[-10:])
+            self.assertRegex(late.recv(65536), rb"^HTTP/1.1 503 ")
+            self.assertEqual(self.server.wait(30), 0)
+
+    def test_two_signals_at_once_are_one(self):
+        self.start()
+        self.server.send_signal(signal.SIGTERM)
+        self.server.send_signal(signal.SIGINT)
+        self.assertEqual(self.server.wait(30), 0)
+
     def test_a_second_signal_waits_for_no_client(self):
         self.start()
         with socket.create_connection(("127.0.0.1", self.port)) as half:
             half.sendall(b"GET ")
             for _ in range(2):
-                time.sleep(0.3)
+                time.sleep(1)
                 self.server.send_signal(signal.SIGTERM)
             self.assertEqual(self.server.wait(30), -signal.SIGTERM)
         self.server.returncode = 0  # as wished
