@@ -78,6 +78,7 @@ class NovaServer::Routes {
         server_.set_payload_max_length(settings.MostBody);
         server_.set_default_headers({{"X-Content-Type-Options", "nosniff"},
                                      {"Cache-Control", "no-store"},
+                                     {"Accept-Ranges", "none"},
                                      {"Content-Security-Policy",
                                       "default-src 'self'; script-src 'unsafe-inline'; "
                                       "style-src 'unsafe-inline'; frame-ancestors 'none'"}});
@@ -141,6 +142,10 @@ class NovaServer::Routes {
         // The request belongs to the library, where it is not constant.
         auto& headers = const_cast<Request&>(request).headers;  // NOLINT
         const std::string type = request.get_header_value("Content-Type");
+        // The library would read until the client ends.
+        if (!headers.contains("Content-Length") && !headers.contains("Transfer-Encoding")) {
+            headers.emplace("Content-Length", "0");
+        }
         headers.erase("Content-Type");
         headers.erase(contentTypeAsSent);
         if (!type.empty()) headers.emplace(contentTypeAsSent, type);
@@ -245,6 +250,22 @@ class NovaServer::Routes {
                      });
     }
 
+    /// Adds a path that needs nothing of a request's body.
+    void AddPostOfNothing(const std::string& path, httplib::Server::Handler handler) {
+        server_.Post(path,
+                     [handler = std::move(handler)](const Request& request, Response& response,
+                                                    const ContentReader& reader) {
+                         // Many clients look for an answer only when they have sent everything.
+                         std::uint64_t left = std::uint64_t{16} << 20;
+                         reader([&left](const char*, std::size_t length) {
+                             left -= std::min<std::uint64_t>(left, length);
+                             return left > 0;
+                         });
+                         response.status = 200;
+                         handler(request, response);
+                     });
+    }
+
     void RequireSession(const NovaRequest& request) const {
         if (request.Session != token_) throw Refusal(401, "no session with this key: log in first");
     }
@@ -300,10 +321,7 @@ class NovaServer::Routes {
             handler(*job, response);
         };
         server_.Get(path, answer);
-        constexpr std::uint64_t most = 65536;
-        AddPost(path, most, [answer](const Request& request, Response& response, const Body&) {
-            answer(request, response);
-        });
+        AddPostOfNothing(path, answer);
     }
 
     void AddReadings() {
@@ -362,8 +380,7 @@ class NovaServer::Routes {
 
     /// Without a handler, the library would read their bodies whole.
     void RefuseOtherPosts() {
-        constexpr std::uint64_t most = 65536;
-        AddPost("[\\s\\S]*", most, [](const Request&, Response& response, const Body&) {
+        AddPostOfNothing("[\\s\\S]*", [](const Request&, Response& response) {
             ReplyError(response, 404, noSuchPath);
         });
     }

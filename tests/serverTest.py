@@ -271,6 +271,7 @@ class Server(unittest.TestCase):
         def told(length):
             return self.raw(head + b"Content-Length: " + length + b"\r\n\r\n" + body)
         self.assertIn(b'"status":"success"', told(b"%d" % len(body)))
+        self.assertIn(b" 404 ", self.raw(b"POST /api/jobs/1 HTTP/1.1\r\nHost: localhost\r\n\r\n"))  # nothing follows
         for length in (b"-1", b"abc", b"99999999999999999999999", b"18446744073709551615", b"1e3", b"0x10",
                        b"%d" % (len(body) - 1)):
             self.assertRegex(told(length), rb"^HTTP/1.1 4\d\d (.|\s)*\"status\":\"error\"", length)
@@ -551,6 +552,8 @@ class Server(unittest.TestCase):
                                      ("POST", "/api/nothing", 404), ("GET", "/api/jobs/3000000000", 404),
                                      ("GET", "/joblog/0", 404), ("HEAD", "/", 200), ("GET", "/api/jobs/2/", 200)):
             self.assertEqual((path, self.ask(method, path)[0]), (path, status))
+        for path in ("/upload", "/api/jobs/77"):
+            self.assertEqual((path, self.ask("POST", path, bytes(200_000))[0]), (path, 404))
 
     def test_the_page_in_a_browser(self):
         browser = shutil.which("chromium")
