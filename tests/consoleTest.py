@@ -324,11 +324,11 @@ vestrel-catalog makes one. %VESTREL_THREADS% limits the threads; %VESTREL_TRY_HA
             if second:
                 time.sleep(0.1)
                 process.send_signal(second)
-            # Nobody ever writes into the pipe. The opening fails at the first signal: there is nothing
-            # left to end.
+            # Nobody ever writes into the pipe. The opening fails at the first signal: mostly there is
+            # nothing left for the second one to end.
             code = process.wait(timeout=60)
             self.assertLess(time.monotonic() - start, 1 if second else 4)
-            self.assertEqual(code, 130)
+            self.assertIn(code, (130, -second) if second else (130,))
 
     @not_on_windows
     def test_a_refused_picture_is_not_waited_for_and_has_its_reason(self):
