@@ -39,11 +39,13 @@ std::vector<fs::path> ForAllBelow(const fs::path& folder, const Take& take) {
         const fs::path here = std::move(left.back());
         left.pop_back();
         std::error_code error;
-        fs::directory_iterator entry(here, fs::directory_options::skip_permission_denied, error);
+        fs::directory_iterator entry(here, error);
         while (!error && entry != fs::directory_iterator()) {
             take(*entry);
             std::error_code ignored;
-            if (entry->is_directory(ignored) && !entry->is_symlink(ignored)) {
+            // What a check of a disk puts into this folder, which is closed to users, has no names.
+            const bool ofTheDisk = entry->path().filename() == "lost+found";
+            if (entry->is_directory(ignored) && !entry->is_symlink(ignored) && !ofTheDisk) {
                 left.push_back(entry->path());
             }
             entry.increment(error);
@@ -113,6 +115,11 @@ FoundPictures PicturesOf(const std::string& word) {
         // The shell puts the copies of an earlier run in place of a pattern too.
         found.ExportedCopy = IsExportedCopy(named);
         if (!found.ExportedCopy) found.Pictures.push_back(named);
+        return found;
+    }
+    if (word.find_first_of("*?[") == std::string::npos) {
+        // Whoever reads it tells why it cannot be reached.
+        found.Pictures.push_back(named);
         return found;
     }
     glob_t matches = {};

@@ -25,8 +25,8 @@ struct FoundPictures {
 
 /// The pictures that a command-line argument means: a file with any name but that of an exported
 /// copy, a folder with all folders below it, or a pattern with * ? [ ] for both. What a folder or a
-/// pattern gives must look like pictures. The paths are absolute; empty when nothing matches.
-/// Folders for which there is no permission are skipped.
+/// pattern gives must look like pictures. The paths are absolute; empty when nothing matches. A
+/// name that is not there, or cannot be looked for, stands for itself.
 FoundPictures PicturesOf(const std::string& word);
 
 /// Watches a folder, and all folders below it, for pictures that arrive.

@@ -213,7 +213,7 @@ class Night {
             const FoundPictures found = PicturesOf(word);
             if (found.ExportedCopy) {
                 ++copies;
-            } else if (found.Pictures.empty()) {
+            } else if (found.Pictures.empty() && found.Unread.empty()) {
                 std::fprintf(stderr, "%s: there are no pictures.\n", WithoutControls(word).c_str());
             }
             pictures.insert(pictures.end(), found.Pictures.begin(), found.Pictures.end());

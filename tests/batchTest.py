@@ -5,6 +5,7 @@ Environment: VESTREL_PROGRAMS the folder of the programs; VESTREL_HOSTILE_DECODE
 process what a picture says.
 """
 import array
+import ctypes
 import html
 import json
 import os
@@ -176,6 +177,29 @@ class Batch(unittest.TestCase):
         fault.symlink_to("/proc/self/mem")
         end = self.batch(fault, "--out", self.work / "fault.jsonl")
         self.assertEqual((end.returncode, (self.work / "fault.jsonl").read_bytes()), (6, b""), end.stderr)
+        # Names that are not there, and folders without permission, below others or above what was named.
+        place, good = self.work / "closed", sorted(self.frames.glob("light_*.fit"))[0]
+        (place / "closed").mkdir(parents=True)
+        (place / "lost+found").mkdir()
+        for picture in (place / "one.fit", place / "closed/two.fit"):
+            os.link(good, picture)
+        for folder in (place / "closed", place / "lost+found"):
+            folder.chmod(0)
+            self.addCleanup(folder.chmod, 0o700)
+
+        def no_overriding():  # as other users are, whom permissions bind
+            for capability in (1, 2):
+                ctypes.CDLL(None).prctl(24, capability, 0, 0, 0)
+        cases = ((place / "one.fit", self.work / "absent/three.fit", "three.fit  It cannot be read: No such file"),
+                 (place / "one.fit", place / "closed/two.fit", "two.fit  It cannot be read: Permission denied"),
+                 (place / "one.fit", place / "closed", "closed cannot be read"), (place, place, "closed cannot be read"))
+        for number, (*words, message) in enumerate(cases):
+            end = self.batch(*words, "--out", self.work / f"closed{number}.jsonl", preexec_fn=no_overriding)
+            self.assertEqual(end.returncode, 6, end.stderr)
+            self.assertIn(message, end.stderr)
+            self.assertNotIn("lost+found", end.stderr)
+            self.assertNotIn("no pictures", end.stderr)
+            self.assertEqual(self.lines_when(self.work / f"closed{number}.jsonl", 1), {b"one.fit": "solved"})
         # A folder that cannot be opened, because its path is too long, does not hide the others.
         deep = self.work / "deep"
         (deep / "z").mkdir(parents=True)
