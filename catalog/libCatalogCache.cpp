@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <iterator>
 #include <limits>
 #include <span>
 #include <system_error>
 
 #include "astro/libMath.h"
+#include "catalog/libCellGrid.h"
 #include "platform/libFiles.h"
 
 namespace vestrel {
@@ -91,12 +93,12 @@ std::size_t OldestCell(const std::vector<CachedCell>& cells) {
 
 }  // namespace
 
-void CatalogCache::LoadCell(const std::string& name) {
+CachedCell& CatalogCache::LoadCell(const std::string& name) {
     if (const auto known = Index.find(name); known != Index.end()) {
         CachedCell& cell = Cells[known->second];
         cell.InUse = true;
         cell.Age = 0;
-        return;
+        return cell;
     }
     CachedCell cell;
     // A right ascension out of range does not give the name of a cell. Without a folder, the file
@@ -128,6 +130,7 @@ void CatalogCache::LoadCell(const std::string& name) {
         Cells.push_back(std::move(cell));
     }
     Index[name] = place;
+    return Cells[place];
 }
 
 void CatalogCache::ReadDownTo(CachedCell& cell, double magnitude) const {
@@ -206,11 +209,15 @@ class SettledCells {
 
 }  // namespace
 
-void CatalogCache::LoadRegion(SkyPosition centre, double radius) {
+void CatalogCache::AgeCells() {
     for (CachedCell& cell : Cells) {
         cell.InUse = false;
         ++cell.Age;
     }
+}
+
+void CatalogCache::LoadRegion(SkyPosition centre, double radius) {
+    AgeCells();
     // Until another cell is loaded, cells that were found in memory stay there with the age 0.
     SettledCells settled;
     ForCellsOfRegion(centre, radius, [&](const CellPosition& cell) {
@@ -225,6 +232,42 @@ void CatalogCache::LoadRegion(SkyPosition centre, double radius) {
         return true;
     });
     Trim();
+}
+
+void CatalogCache::VisitRegion(SkyPosition centre, double angle, double magLimit,
+                               const std::function<void(const CachedCell&)>& visit) {
+    AgeCells();
+    for (const CellPosition& position : AllCells()) {
+        if (!CellTouches(position, centre, angle)) continue;
+        const std::string name = CellName(position);
+        const auto kept = Bright.find(name);
+        if (kept != Bright.end() && kept->second.MagLimit >= magLimit) {
+            if (Index.find(name) != Index.end()) LoadCell(name);  // only marks it
+            visit(kept->second.Cell);
+            continue;
+        }
+        CachedCell& cell = LoadCell(name);
+        ReadDownTo(cell, magLimit);
+        visit(cell);
+        KeepBright(cell, magLimit);
+        Trim();
+    }
+}
+
+void CatalogCache::KeepBright(const CachedCell& cell, double magLimit) {
+    constexpr std::size_t few = 500;
+    const auto isBright = [&](const CatalogStar& star) { return star.Mag / 100.0 < magLimit; };
+    const auto first = cell.Stars.begin() + 1;
+    if (static_cast<std::size_t>(std::count_if(first, cell.Stars.end(), isBright)) > few) return;
+    CachedCell bright;
+    bright.CellName = cell.CellName;
+    bright.Stars.resize(1);
+    std::copy_if(first, cell.Stars.end(), std::back_inserter(bright.Stars), isBright);
+    bright.IsWhole = false;
+    bright.BrightestFirst = cell.BrightestFirst;
+    bright.Centre = cell.Centre;
+    bright.Radius = cell.Radius;
+    Bright[cell.CellName] = {std::move(bright), magLimit};
 }
 
 bool CatalogCache::HoldsRegion(SkyPosition centre, double radius) const {

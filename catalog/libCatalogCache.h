@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -28,6 +29,13 @@ struct CachedCell {
     double Radius = 0;
 };
 
+/// The stars of a cell that a wide region needed. There are few, but such a region may have more
+/// cells than fit the cache.
+struct BrightCell {
+    CachedCell Cell;      ///< not whole: only stars brighter than the limit
+    double MagLimit = 0;  ///< magnitudes
+};
+
 /// At most `MaxCells` cells and, between regions, `MaxStars` stars; the cells unused for longest
 /// are dropped first.
 struct CatalogCache {
@@ -38,16 +46,23 @@ struct CatalogCache {
     std::vector<CachedCell> Cells;
     std::int32_t CachedStars = 0;                        ///< sum of `StarCount` over the cells
     std::unordered_map<std::string, std::size_t> Index;  ///< cell name to place in `Cells`
+    std::unordered_map<std::string, BrightCell> Bright;  ///< by cell name
     std::uint64_t Changes = 0;                           ///< incremented whenever cells are loaded
                                                          ///< or dropped
 
     /// Makes sure that a cell is in the cache. A cell file that does not exist is created empty
     /// where that is possible, and counts as a cell without stars.
-    void LoadCell(const std::string& name);
+    CachedCell& LoadCell(const std::string& name);
 
     /// Loads every cell that a circular region touches, marks these `InUse`, and trims the cache.
     /// @param radius radians
     void LoadRegion(SkyPosition centre, double radius);
+
+    /// Calls visit(cell) for every cell that may hold a star within `angle` (radians) of a centre,
+    /// in the order of the grid. The cell has all its stars that are brighter than `magLimit`. The
+    /// region may be larger than the cache; those of its cells that are in it are marked `InUse`.
+    void VisitRegion(SkyPosition centre, double angle, double magLimit,
+                     const std::function<void(const CachedCell&)>& visit);
 
     /// Makes sure that all stars of a cell down to a magnitude are in memory. Cells of a few
     /// thousand stars are always whole; larger ones are read only as deep as needed.
@@ -60,6 +75,10 @@ struct CatalogCache {
     static bool HoldsDownTo(const CachedCell& cell, double magnitude);
 
  private:
+    /// Marks no cell `InUse`, and all as unused for one region more.
+    void AgeCells();
+    /// Keeps the stars of a cell that are brighter than a limit, when they are few.
+    void KeepBright(const CachedCell& cell, double magLimit);
     /// Drops the oldest cells until at most `MaxStars` stars are left.
     void Trim();
 };

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "astro/libMath.h"
-#include "catalog/libCellGrid.h"
 
 namespace vestrel {
 
@@ -74,75 +74,102 @@ double MagnitudeLimitFor(double halfDiagonal) {
 
 namespace {
 
-/// The stars of a region from the cells of a cache. Before a cell is used, has(cell) makes sure
-/// that its stars are in memory; when it returns false, there is no result.
-template <typename Cache, typename Has>
-std::optional<PlateStarList> CollectRegion(Cache& cache, const Projection& projection,
-                                           double radius, double magLimit, SkySides sides,
-                                           Has has) {
-    constexpr std::int32_t mostStars = 10000;
-    const double limit = radius * SolveArcsecondsPerRadian;
-    const double limitSquared = limit * limit;
-    const RegionReach reach(projection, limit);
+/// Collects the stars of a region, cell by cell.
+class RegionCollector {
+ public:
+    RegionCollector(const Projection& projection, double radius, double magLimit, SkySides sides)
+        : projection_(projection),
+          limit_(radius * SolveArcsecondsPerRadian),
+          magLimit_(magLimit),
+          sides_(sides),
+          reach_(projection, limit_) {}
 
-    PlateStarList stars;
-    for (auto& cell : cache.Cells) {
-        if (reach.Excludes(cell)) continue;
-        if (!has(cell)) return std::nullopt;
-        const bool near = reach.IsOnThisSide(cell);
+    /// Whether a cell may hold stars of the region.
+    bool Needs(const CachedCell& cell) const { return !reach_.Excludes(cell); }
+
+    /// Adds the stars of a cell, which must be in memory down to the limit.
+    void Add(const CachedCell& cell) {
+        constexpr std::int32_t mostStars = 10000;
+        const double limitSquared = limit_ * limit_;
+        const bool near = reach_.IsOnThisSide(cell);
         for (std::size_t i = 1; i < cell.Stars.size(); ++i) {
             const CatalogStar& star = cell.Stars[i];
             const double magnitude = Magnitude(star);
-            if (!(magnitude < magLimit)) {
+            if (!(magnitude < magLimit_)) {
                 if (cell.BrightestFirst) break;  // only fainter ones follow
                 continue;
             }
-            if (near && reach.Excludes(star)) continue;
+            if (near && reach_.Excludes(star)) continue;
             double xi = 0;
             double eta = 0;
-            const double cosine = projection.SkyToPlane(PositionOf(star), xi, eta);
-            if (sides == SkySides::This && !(cosine >= 0)) continue;
-            if (stars.Count() < mostStars && xi * xi + eta * eta <= limitSquared) {
-                stars.Add(ProjectedStar(star, xi, eta, magnitude));
+            const double cosine = projection_.SkyToPlane(PositionOf(star), xi, eta);
+            if (sides_ == SkySides::This && !(cosine >= 0)) continue;
+            if (stars_.Count() < mostStars && xi * xi + eta * eta <= limitSquared) {
+                stars_.Add(ProjectedStar(star, xi, eta, magnitude));
             }
         }
     }
-    SortByMagnitude(stars);
-    return stars;
-}
+
+    /// The stars, brightest first.
+    PlateStarList Take() {
+        SortByMagnitude(stars_);
+        return std::move(stars_);
+    }
+
+ private:
+    const Projection& projection_;
+    double limit_;  ///< arcseconds
+    double magLimit_;
+    SkySides sides_;
+    RegionReach reach_;
+    PlateStarList stars_;
+};
 
 }  // namespace
 
 PlateStarList RegionStars(CatalogCache& cache, const Projection& projection, SkyPosition centre,
                           double radius, double magLimit, SkySides sides) {
     cache.LoadRegion(centre, radius);
-    return *CollectRegion(cache, projection, radius, magLimit, sides, [&](CachedCell& cell) {
+    RegionCollector region(projection, radius, magLimit, sides);
+    for (CachedCell& cell : cache.Cells) {
+        if (!region.Needs(cell)) continue;
         cache.ReadDownTo(cell, magLimit);
-        return true;
-    });
+        region.Add(cell);
+    }
+    return region.Take();
 }
 
 std::optional<PlateStarList> RegionStarsInMemory(const CatalogCache& cache,
                                                  const Projection& projection, SkyPosition centre,
                                                  double radius, double magLimit, SkySides sides) {
     if (!cache.HoldsRegion(centre, radius)) return std::nullopt;
-    return CollectRegion(cache, projection, radius, magLimit, sides, [&](const CachedCell& cell) {
-        return CatalogCache::HoldsDownTo(cell, magLimit);
-    });
+    RegionCollector region(projection, radius, magLimit, sides);
+    for (const CachedCell& cell : cache.Cells) {
+        if (!region.Needs(cell)) continue;
+        if (!CatalogCache::HoldsDownTo(cell, magLimit)) return std::nullopt;
+        region.Add(cell);
+    }
+    return region.Take();
+}
+
+bool IsWideRegion(double radius) {
+    constexpr double wide = 0.17;
+    return radius > wide;
 }
 
 PlateStarList WholeRegionStars(CatalogCache& cache, SkyPosition centre, double radius,
                                double magLimit) {
-    constexpr double wide = 0.17;
-    const double angle = std::asin(std::min(radius, 1.0));
-    if (radius > wide) {
-        for (const CellPosition& cell : AllCells()) {
-            if (CellTouches(cell, centre, angle)) cache.LoadCell(CellName(cell));
-        }
-    }
     Projection plane;
     plane.SetProjectionCentre(centre, SolveArcsecondsPerRadian);
-    return RegionStars(cache, plane, centre, radius, magLimit, SkySides::This);
+    if (!IsWideRegion(radius)) {
+        return RegionStars(cache, plane, centre, radius, magLimit, SkySides::This);
+    }
+    RegionCollector region(plane, radius, magLimit, SkySides::This);
+    cache.VisitRegion(centre, std::asin(std::min(radius, 1.0)), magLimit,
+                      [&](const CachedCell& cell) {
+                          if (region.Needs(cell)) region.Add(cell);
+                      });
+    return region.Take();
 }
 
 PlateStarList OnThisSide(PlateStarList stars, SkyPosition centre) {

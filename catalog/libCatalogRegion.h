@@ -38,8 +38,12 @@ std::optional<PlateStarList> RegionStarsInMemory(const CatalogCache& cache,
                                                  double radius, double magLimit,
                                                  SkySides sides = SkySides::Both);
 
-/// The stars of a region on this side of the sky, from all cells that it touches. `LoadRegion`
-/// looks at a grid of points, which misses some cells of a region wider than 20°.
+/// Whether a region of this radius may have cells that `LoadRegion` misses, because it looks at a
+/// grid of points only.
+bool IsWideRegion(double radius);
+
+/// The stars of a region on this side of the sky, from all cells that it touches. Those of a wide
+/// region are taken cell by cell, because the cache may not have room for all of it.
 /// @param centre, radius, magLimit as in `RegionStars`; also the projection's centre
 PlateStarList WholeRegionStars(CatalogCache& cache, SkyPosition centre, double radius,
                                double magLimit);

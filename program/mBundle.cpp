@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <set>
+#include <span>
 #include <stdexcept>
 #include <system_error>
 
@@ -242,6 +244,18 @@ void WriteBundle(const std::filesystem::path& path, const ProgramState& state,
     }
     for (const std::string& cell : cells) {
         AddFile(entries, std::string(cellFolder) + cell, state.Catalog.Folder / cell);
+    }
+    // Wide regions need no more of the cells that the cache had no room for.
+    const std::map<std::string, BrightCell> bright(state.Catalog.Bright.begin(),
+                                                   state.Catalog.Bright.end());
+    for (const auto& [cell, kept] : bright) {
+        if (kept.Cell.Stars.size() <= 1 || cells.count(cell) > 0) continue;
+        std::string bytes;
+        for (const CatalogStar& star : std::span(kept.Cell.Stars).subspan(1)) {
+            const auto record = EncodeCatalogStar(star);
+            bytes.append(record.begin(), record.end());
+        }
+        entries.push_back({std::string(cellFolder) + cell, bytes});
     }
     // The picture's own name need not be one that every archive can hold.
     if (pixels) AddFile(entries, "picture/image" + PlainExtension(file), file);

@@ -289,11 +289,15 @@ TEST(Region, AWholeOneMissesNoStarAndHasNoneOfTheOppositeSky) {
     const PlainCatalog plain = RandomCatalog(random, 30000);
     const TemporaryFolder folder;
     WriteCells(folder.Path, plain);
-    CatalogCache cache;
-    cache.Folder = folder.Path;
-    for (int trial = 0; trial < 40; ++trial) {
+    // Wide regions have more cells, and here more stars, than fit the second cache.
+    CatalogCache usual;
+    CatalogCache small;
+    small.MaxCells = 50;
+    small.MaxStars = 3000;
+    usual.Folder = small.Folder = folder.Path;
+    for (int trial = 0; trial < 60; ++trial) {
         const SkyPosition centre{random.Between(0, 6.28), random.Between(-1.57, 1.57)};
-        const double radius = random.Between(0.05, 0.5);  // on the plane
+        const double radius = trial % 20 == 0 ? 1 : random.Between(0.05, 1);  // on the plane
         std::int64_t there = 0;
         for (const auto& [name, stars] : plain.Files) {
             there += std::count_if(stars.begin(), stars.end(), [&](const CatalogStar& star) {
@@ -301,9 +305,15 @@ TEST(Region, AWholeOneMissesNoStarAndHasNoneOfTheOppositeSky) {
             });
         }
         // Rounding may decide about a star at the rim.
-        const std::int64_t found = WholeRegionStars(cache, centre, radius, 99).Count();
-        EXPECT_NEAR(static_cast<double>(found), static_cast<double>(there), 1)
-            << "about " << centre.Ra << ", " << centre.Dec << " within " << radius;
+        there = std::min<std::int64_t>(there, 10000);
+        for (CatalogCache* cache : {&usual, &small}) {
+            if (cache == &small && !IsWideRegion(radius)) continue;
+            const std::int64_t found = WholeRegionStars(*cache, centre, radius, 99).Count();
+            EXPECT_NEAR(static_cast<double>(found), static_cast<double>(there), 1)
+                << "about " << centre.Ra << ", " << centre.Dec << " within " << radius;
+            EXPECT_LE(cache->Cells.size(), cache->MaxCells);
+            EXPECT_LE(cache->CachedStars, cache->MaxStars);
+        }
     }
 }
 
