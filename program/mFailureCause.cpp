@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <new>
 
 #include "astro/libConversions.h"
@@ -79,8 +80,8 @@ class Inquiry {
 
     FailureCause Find() {
         GatherEvidence();
-        // Such a picture cannot be judged, and the general advice covers it.
-        if (HasNextToNoCounts(state_.Image)) return std::move(cause_);
+        // Such pictures cannot be judged; the general advice covers one with next to no counts.
+        if (LacksPixels() || HasNextToNoCounts(state_.Image)) return std::move(cause_);
         // The surest causes come first. When the picture itself is good, the given centre or size
         // is to blame.
         if (!HasNoCatalog() && !IsNoSky() && !IsTrailed() && !IsOutOfFocus() && !HasFewStars() &&
@@ -109,6 +110,7 @@ class Inquiry {
             state_.DecodesApart);
         // A picture from memory has only a name, which may be that of an unrelated file.
         const bool same = read && asRead.Width == image.Width && asRead.Height == image.Height;
+        if (same && image.ImageType == ImageType::Fits) missingPart_ = MissingPart();
         WorkBeside(port_, [&] { evidence.Health = HealthOf(same ? asRead : image); });
         evidence.TrailAngle = evidence.Health.TrailAngle * ExactDegreesPerRadian;
         if (FirstRowAtTop(image)) evidence.TrailAngle = -evidence.TrailAngle;
@@ -134,6 +136,28 @@ class Inquiry {
                      std::string("make a catalog with vestrel-catalog build, or name its folder "
                                  "with ") +
                          words_.CatalogFolder);
+    }
+
+    /// The part of the pixels that the file announces but does not hold; they are read as zeros.
+    double MissingPart() const {
+        const PlateImage& image = state_.Image;
+        std::error_code error;
+        const std::uintmax_t length =
+            std::filesystem::file_size(PathFromText(image.FileName), error);
+        if (error) return 0;
+        const double bytes =
+            std::abs(image.Header.BitPix) / 8 * static_cast<double>(image.Width) * image.Height;
+        constexpr double header = 2880;  // or more
+        return 1 - std::max(static_cast<double>(length) - header, 0.0) / bytes;
+    }
+
+    bool LacksPixels() {
+        constexpr double half = 0.5;
+        if (!(missingPart_ > half)) return false;
+        return Found(FailureKind::FewStars,
+                     "the file ends early: it lacks " + FixedText(100 * missingPart_, 0) +
+                         " % of its pixels",
+                     "copy the picture again, or wait until it is written whole");
     }
 
     /// Whether the picture does not look like a sky, which shows small separate patches of light on
@@ -300,6 +324,7 @@ class Inquiry {
     const InputWords& words_;
     const StarLists& lists_;
     FailureCause cause_;
+    double missingPart_ = 0;  ///< of the pixels
 };
 
 }  // namespace

@@ -165,6 +165,18 @@ TEST_F(Causes, ATrailRunsTheSameWayWhicheverRowIsStoredFirst) {
     }
 }
 
+TEST_F(Causes, AFileThatWasNotWrittenWholeIsNoBrightSky) {
+    const auto path = folder_ / "begun.fit";
+    const auto bytes = FrameFileBytes(Render(Exposure(21, 1), 60), 16, {});
+    for (const std::size_t held : {std::size_t{0}, bytes.size() / 100}) {
+        WriteFile(path, std::string(bytes.begin(),
+                                    bytes.begin() + 2880 + static_cast<std::ptrdiff_t>(held)));
+        const auto cause = CauseOf(path);
+        ASSERT_TRUE(cause);
+        EXPECT_TRUE(cause->Text.starts_with("the file ends early: it lacks ")) << cause->Text;
+    }
+}
+
 TEST_F(Causes, EachFaultIsNamed) {
     FrameExposure exposure = Exposure(21, 1);
     exposure.TrailLength = 80;
