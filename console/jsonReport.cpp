@@ -198,7 +198,7 @@ nlohmann::ordered_json JsonReport(const ProgramState& state, const RunOutcome& o
     nlohmann::ordered_json json;
     json["solved"] = solved;
     // Code 0 means too few stars; an outcome without a code must not look like that.
-    if (outcome.Result.Message.empty()) {
+    if (outcome.Exit == ExitCode::Usage || outcome.Exit == ExitCode::InvalidFileName) {
         json["code"] = nullptr;
     } else {
         json["code"] = NumberOf(outcome.Result.Code);

@@ -130,32 +130,29 @@ SolveCode TryHarder(ProgramState& state, Port& port, const UnattendedRequest& re
 UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::string& parameters,
                                 double harderFor) {
     UnattendedOutcome outcome;
-    const auto request = ParseParameterString(parameters);
-    if (!request) {
-        port.ShowMessage("Invalid parameter string", ErrorTitle);
+    const auto refused = [&](UnattendedEnd end, const std::string& message) {
+        outcome.End = end;
+        outcome.Result.Message = message;
+        port.ShowMessage(message, ErrorTitle);
         return outcome;
-    }
+    };
+    const auto request = ParseParameterString(parameters);
+    if (!request) return refused(UnattendedEnd::InvalidParameters, "Invalid parameter string");
     outcome.Request = *request;
     if (request->Path.find('.') == std::string::npos) {
-        port.ShowMessage("Invalid file name", ErrorTitle);
-        outcome.End = UnattendedEnd::InvalidFileName;
-        return outcome;
+        return refused(UnattendedEnd::InvalidFileName, "Invalid file name");
     }
 
     const auto noImage = [&] {
-        outcome.End = UnattendedEnd::NoImage;
-        outcome.Result = {SolveCode::NoImage, ResultMessage(SolveCode::NoImage)};
-        port.ShowMessage(outcome.Result.Message, ErrorTitle);
-        return outcome;
+        outcome.Result.Code = SolveCode::NoImage;
+        return refused(UnattendedEnd::NoImage, ResultMessage(SolveCode::NoImage));
     };
     if (!NamesAResult(request->Path)) return noImage();
     if (const std::error_code error = RemoveOldResult(request->Path)) {
-        outcome.End = UnattendedEnd::OldResultStays;
-        port.ShowMessage("The result file of an earlier solve, " +
-                             TextFromPath(ResultFilePath(request->Path)) +
-                             ", cannot be removed: " + error.message() + ".",
-                         ErrorTitle);
-        return outcome;
+        return refused(UnattendedEnd::OldResultStays,
+                       "The result file of an earlier solve, " +
+                           TextFromPath(ResultFilePath(request->Path)) +
+                           ", cannot be removed: " + error.message() + ".");
     }
     if (!OpenImage(state, port, request->Path)) return noImage();
 

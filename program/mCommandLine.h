@@ -14,7 +14,7 @@ namespace vestrel {
 /// The numeric outcome of one solve and its message.
 struct SolveResult {
     SolveCode Code = SolveCode::TooFewStars;
-    std::string Message;  ///< empty before there is a code
+    std::string Message;  ///< of the code, or why there is none
 };
 
 /// The five numbers of a parameter string and its image path.
@@ -49,7 +49,7 @@ enum class UnattendedEnd {
 };
 struct UnattendedOutcome {
     UnattendedEnd End = UnattendedEnd::InvalidParameters;
-    SolveResult Result;  ///< result of the solve, or code −10
+    SolveResult Result;  ///< result of the solve, or code −10; else only the message
     bool ResultFileWritten = false;
     std::string WriteFault;  ///< the system's reason when the result file was not written
     UnattendedRequest Request;
