@@ -17,6 +17,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #endif
+#ifdef __linux__
+#include <sys/vfs.h>
+#endif
 
 #include "platform/libPlatform.h"
 #include "platform/libSharedFiles.h"
@@ -81,6 +84,32 @@ bool SeekFile(std::FILE* file, std::uint64_t position) {
 #endif
 }
 
+#ifndef _WIN32
+namespace {
+
+/// Whether a file keeps its number: some file systems have none and make up others later.
+bool KeepsItsNumber(const fs::path& path) {
+#ifdef __linux__
+    constexpr std::uint32_t fat = 0x4d44;
+    constexpr std::uint32_t exFat = 0x2011bab0;
+    constexpr std::uint32_t ntfs = 0x5346544e;
+    constexpr std::uint32_t fuse = 0x65735546;
+    constexpr std::uint32_t cifs = 0xff534d42;
+    constexpr std::uint32_t smb2 = 0xfe534d42;
+    struct statfs found {};
+    if (statfs(path.c_str(), &found) != 0) return true;
+    const auto type = static_cast<std::uint32_t>(found.f_type);
+    return type != fat && type != exFat && type != ntfs && type != fuse && type != cifs &&
+           type != smb2;
+#else
+    (void)path;
+    return true;
+#endif
+}
+
+}  // namespace
+#endif
+
 FileStamp StampOfFile(const fs::path& path) {
     std::error_code error;
     const auto changed = fs::last_write_time(path, error);
@@ -92,8 +121,10 @@ FileStamp StampOfFile(const fs::path& path) {
 #ifndef _WIN32
     struct stat found {};
     if (stat(path.c_str(), &found) != 0) return {};
-    stamp.Device = found.st_dev;
-    stamp.Number = found.st_ino;
+    if (KeepsItsNumber(path)) {
+        stamp.Device = found.st_dev;
+        stamp.Number = found.st_ino;
+    }
 #endif
     return stamp;
 }
