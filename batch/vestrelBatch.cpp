@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -92,13 +91,19 @@ std::optional<int> ReadOptions(int argc, const char* const* argv, Options& optio
     app.footer(closing);
     app.set_version_flag("--version", std::string("vestrel-batch ") + VESTREL_VERSION);
     NightOptions& night = options.Night;
-    const auto& positive = CLI::PositiveNumber;
+    const CLI::Validator seconds(
+        [](const std::string& text) -> std::string {
+            const auto number = ParseNumber(text);
+            const bool good = number && *number > 0 && *number <= 1e6;
+            return good ? "" : "needs a number above 0 and up to 1000000";
+        },
+        "");
     app.add_option("pictures", options.Words, "Pictures, folders, or patterns in quotes");
     app.add_option("--watch", options.Watch, "Solve what arrives in this folder, until stopped")
         ->type_name("FOLDER");
     app.add_option("--idle-end", options.IdleEnd,
                    "With --watch: end when nothing has arrived for so many seconds")
-        ->check(positive);
+        ->check(seconds);
     app.add_option("--out", options.Journal,
                    "The journal; without it the lines go to standard output and are not remembered")
         ->type_name("FILE");
@@ -114,7 +119,7 @@ std::optional<int> ReadOptions(int argc, const char* const* argv, Options& optio
                    "Arcseconds per pixel, as 1.55 or 1-3; when left out, as the pictures say");
     app.add_option("--time-limit", night.TimeLimit, "Seconds for one picture")
         ->capture_default_str()
-        ->check(positive);
+        ->check(seconds);
     const char* outputs = "Files written for each picture";
     app.add_flag("--wcs", night.Coordinates, "World coordinates as a FITS header (.wcs)")
         ->group(outputs);
@@ -142,10 +147,6 @@ std::optional<int> ReadOptions(int argc, const char* const* argv, Options& optio
     };
     if (!options.Scale.empty() && !(night.Scale = ScaleOf(options.Scale))) {
         return wrong("--scale: arcseconds per pixel, as 1.55 or 1-3");
-    }
-    // The check of numbers lets those pass that are none.
-    if (std::isnan(night.TimeLimit) || std::isnan(options.IdleEnd)) {
-        return wrong("--time-limit, --idle-end: seconds, above 0");
     }
     const bool work = !options.Words.empty() || !options.Watch.empty();
     if (!work && (options.Report.empty() || options.Journal.empty())) {

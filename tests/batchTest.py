@@ -600,7 +600,11 @@ class Batch(unittest.TestCase):
         self.assertEqual([file.name for file in (self.work / "copies").iterdir()], [picture.stem + ".wcs"])
         (self.work / "empty").mkdir()
         self.assertEqual(self.batch(self.work / "empty", "--out", journal).returncode, 5)
-        self.assertEqual(self.batch(picture, "--out", journal, "--time-limit", "nan").returncode, 2)
+        for option in ("--time-limit", "--idle-end"):
+            for seconds in ("nan", "0", "inf"):
+                end = self.batch(picture, "--out", journal, option, seconds)
+                self.assertEqual(end.returncode, 2)
+                self.assertIn("needs a number above 0 and up to 1000000", end.stderr)
 
 
 if __name__ == "__main__":
