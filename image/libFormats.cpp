@@ -172,13 +172,21 @@ void ForgetDecoding(PlateImage& image) {
 
 constexpr std::int32_t smallestSkySide = 100;
 
+/// Whether an image has whole numbers with a scale of its own, which the reader of counts leaves
+/// out: with it the sky of a fine scale may lie far below 0.
+bool IsScaled(const ImageHeader& header) {
+    return header.BitPix > 0 && header.BScale != 0 && header.BScale != 1;
+}
+
 /// Whether the reader of counts can have lost the picture: next to nothing above 2, or nearly all
-/// at 0.
+/// at 0. Of scaled whole numbers, half at 0.
 bool MayHaveLostTheSky(const PlateImage& image) {
-    if (image.Header.BitPix != -32 || image.Width < smallestSkySide ||
+    const bool scaled = IsScaled(image.Header);
+    if ((image.Header.BitPix != -32 && !scaled) || image.Width < smallestSkySide ||
         image.Height < smallestSkySide) {
         return false;
     }
+    const std::int64_t needed = scaled ? 2 : 10;  // one pixel in so many above 0 shows the sky
     const std::int64_t pixels = std::int64_t{image.Width} * image.Height;
     constexpr std::int64_t pixelsPerStray = 50000;
     std::int64_t notZero = 0;
@@ -196,13 +204,13 @@ bool MayHaveLostTheSky(const PlateImage& image) {
         notZero += others;
         aboveTwo += above;
         // Most images need a look at their first rows only.
-        if (aboveTwo > pixels / pixelsPerStray && notZero * 10 >= pixels) return false;
+        if (aboveTwo > pixels / pixelsPerStray && notZero * needed >= pixels) return false;
     }
     return true;
 }
 
 /// Decodes an image that did not hold counts. The image stays as it was read when that fails, or
-/// when the decoder finds counts too.
+/// when the decoder finds counts too that the reader did not have to scale.
 void DecodeLostSky(const ImageFormat& format, const std::filesystem::path& path, PlateImage& image,
                    const Progress& progress) {
     PlateImage again;
@@ -211,7 +219,7 @@ void DecodeLostSky(const ImageFormat& format, const std::filesystem::path& path,
     } catch (const std::exception&) {
         return;
     }
-    if (again.Counts.Factor != 1) image = std::move(again);
+    if (again.Counts.Factor != 1 || IsScaled(image.Header)) image = std::move(again);
 }
 
 /// Decodes at once what the reader of counts would surely lose: an image without a number that

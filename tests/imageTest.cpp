@@ -614,6 +614,36 @@ TEST(Pictures, FractionsThatThePlainReaderWouldShowBlackAreDecodedAnew) {
         EXPECT_GT(image.Pixels(0, 109) - image.Pixels(1, 109), 15000) << brightest;
     }
 }
+
+// Other programs write 16 bits so that they reach from the darkest pixel to the brightest.
+TEST(Pictures, ScaledWholeNumbersWhoseSkyThePlainReaderWouldShowBlackAreDecodedAnew) {
+    TemporaryFolder folder;
+    constexpr int width = 120;
+    constexpr int height = 110;
+    const auto read = [&](double zero, double scale) {
+        std::vector<double> stored(std::size_t{width} * height);
+        for (std::size_t i = 0; i < stored.size(); ++i) {
+            const double count = 1000 + static_cast<double>(i % 7) + (i % 1009 == 5 ? 30000 : 0);
+            stored[i] = std::nearbyint((count - zero) / scale);
+        }
+        WriteFile(folder / "scaled.fits", Fits(16, width, height, stored,
+                                               {"BZERO   = " + std::to_string(zero),
+                                                "BSCALE  = " + std::to_string(scale)}));
+        PlateImage image;
+        ReadFailure failure;
+        EXPECT_TRUE(ReadImageFile(folder / "scaled.fits", image, nullptr, failure));
+        return image;
+    };
+    const PlateImage fine = read(16000, 0.5);
+    EXPECT_EQ(fine.Header.BScale, 1) << "it is applied, and must not be once more";
+    EXPECT_EQ(fine.Counts.Factor, 1);
+    for (int i = 0; i < width; ++i) {
+        EXPECT_EQ(fine.Pixels(i, 0) + fine.DataOffset, 1000 + i % 7 + (i == 5 ? 30000 : 0)) << i;
+    }
+    const PlateImage coarse = read(500, 2);
+    EXPECT_EQ(coarse.Header.BScale, 2) << "whose sky is above 0";
+    EXPECT_EQ(coarse.Pixels(0, 0) + coarse.DataOffset, 750);
+}
 #endif
 
 TEST(OpenImage, ChoosesTheReaderByTheExtensionInAnyCase) {
