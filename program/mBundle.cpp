@@ -97,7 +97,8 @@ Json WrittenRequest(const SearchRequest& request) {
                           {"width", hint.Width},
                           {"height", hint.Height},
                           {"regions", hint.Regions},
-                          {"briefly", hint.Briefly}});
+                          {"briefly", hint.Briefly},
+                          {"size_remembered", hint.SizeRemembered}});
     }
     return {{"around", around},
             {"everywhere", request.Everywhere},
@@ -123,7 +124,8 @@ SearchRequest ReadRequest(const Json& json) {
              ReadNumber(item, "width", 1e-7, circle),
              ReadNumber(item, "height", 1e-7, circle),
              static_cast<std::int32_t>(ReadNumber(item, "regions", 0, mostRegions)),
-             item.at("briefly").get<bool>()});
+             item.at("briefly").get<bool>(),
+             item.value("size_remembered", false)});
     }
     request.Everywhere = json.at("everywhere").get<bool>();
     request.Diagonals = json.at("diagonals").get<std::vector<double>>();

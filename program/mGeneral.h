@@ -104,7 +104,7 @@ struct StageTimes {
 /// What happened in a solve, for the report of its outcome.
 struct SolveReport {
     double MagnitudeLimit = 0;
-    double SearchRadius = 0;        ///< radians
+    double SearchRadius = 0;  ///< radians; of a solution 0 when no size was given for the picture
     std::int32_t RegionsTried = 0;  ///< regions read and matched
     bool Smoothed = false;
     bool Blind = false;                    ///< the centre was searched with quads

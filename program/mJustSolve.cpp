@@ -82,8 +82,14 @@ SearchRequest RequestForAnything(const ProgramState& state) {
     const double dec = ParseDec(inputs.Dec);
     if (ra >= 0 && dec >= -Pi / 2) typed.Places = {{{ra, dec}}};
     const auto size = FieldSizeOf(inputs);
-    const KnownSize last =
-        size ? KnownSize{size->first, size->second, {}} : RememberedFieldSize(state.Parameters);
+    KnownSize last = RememberedFieldSize(state.Parameters);
+    if (size) {
+        // The window begins with the size of the last session.
+        constexpr double same = 1e-6;
+        const bool asLast = std::fabs(size->first - last.Width) < same * last.Width &&
+                            std::fabs(size->second - last.Height) < same * last.Height;
+        last = {size->first, size->second, {}, asLast};
+    }
     const auto add = [&](const KnownOfPicture& known) {
         for (const SearchHint& place : PlanFor(known, state.Image).Search.Around) {
             const bool there = std::any_of(

@@ -26,7 +26,8 @@ void Add(PlannedSearch& plan, const KnownPlace& place, const KnownSize& size) {
     const std::int32_t regions =
         place.Radius ? RegionsWithin(*place.Radius, size.Width, size.Height, place.Regions)
                      : place.Regions;
-    plan.Search.Around.push_back({place.Centre, size.Width, size.Height, regions, place.Briefly});
+    plan.Search.Around.push_back(
+        {place.Centre, size.Width, size.Height, regions, place.Briefly, size.Remembered});
     std::string sources = place.Source;
     if (!size.Source.empty()) sources.append(sources.empty() ? "" : "; ").append(size.Source);
     plan.Sources.push_back(std::move(sources));
@@ -83,7 +84,8 @@ PlannedSearch PlanFor(const KnownOfPicture& known, const PlateImage& image) {
 
 KnownSize RememberedFieldSize(const SolveParameters& parameters) {
     const double radiansPerUnit = (parameters.SizeUnit == 1 ? 60 : 1) * Pi / 180 / 60;
-    return {parameters.FieldWidth * radiansPerUnit, parameters.FieldHeight * radiansPerUnit, {}};
+    return {
+        parameters.FieldWidth * radiansPerUnit, parameters.FieldHeight * radiansPerUnit, {}, true};
 }
 
 std::vector<std::string> HintLines(const PictureHints& hints) {

@@ -28,6 +28,7 @@ struct KnownSize {
     double Width = 0;  ///< radians
     double Height = 0;
     std::string Source = {};
+    bool Remembered = false;  ///< from the last session: neither the user nor the picture gave it
 };
 
 /// What is known about a picture before it is solved. Values from the user always take precedence.

@@ -122,8 +122,11 @@ class Plan {
     template <typename Attempts>
     bool SureAroundHints(const Attempts& attempts) {
         for (std::size_t i = 0; i < request_.Around.size() && (i == 0 || !MustEnd()); ++i) {
-            if (!attempts(request_.Around[i])) continue;
+            const SearchHint& hint = request_.Around[i];
+            if (!attempts(hint)) continue;
             report_.Start = i;
+            state_.Report.SearchRadius =
+                hint.SizeRemembered ? 0 : std::hypot(hint.Width, hint.Height) / 2;
             return true;
         }
         return false;
@@ -267,14 +270,18 @@ class Plan {
         solution->RegionsSearched = regions;
         solution->Confidence = confidence;
         state_.PlateStars = places.Stars();
-        if (request_.Around.empty()) {
-            // The report mentions a size that differs from the given one; a size that was only
-            // tried does not count as given.
-            state_.Report.SearchRadius =
-                request_.Diagonals.empty() ? 0 : request_.Diagonals.front() / 2;
-        }
         FinishPlateSolution(state_, port_, *std::move(solution));
         return true;
+    }
+
+    /// The likeliest size that the user or the picture gave, radians; 0 without one.
+    double GivenDiagonal() const {
+        const auto& around = request_.Around;
+        if (around.empty()) return request_.Diagonals.empty() ? 0 : request_.Diagonals.front();
+        const auto given = std::find_if(around.begin(), around.end(), [](const SearchHint& hint) {
+            return !hint.SizeRemembered;
+        });
+        return given == around.end() ? 0 : std::hypot(given->Width, given->Height);
     }
 
     bool SearchEverywhere() {
@@ -285,7 +292,11 @@ class Plan {
              [this](const std::string& name, const auto& attempt) { return Try(name, attempt); },
              [this](const MatchedPlate& match, const MatchConfidence& confidence, SkyPosition about,
                     const ImageStars& places) {
-                 return TakePlate(match, confidence, about, places, 1);
+                 if (!TakePlate(match, confidence, about, places, 1)) return false;
+                 // The report mentions a size that differs from the given one; that of a hint was
+                 // only tried.
+                 state_.Report.SearchRadius = GivenDiagonal() / 2;
+                 return true;
              },
              Shares()});
         return search.Run();
@@ -300,7 +311,7 @@ class Plan {
     bool enoughStars_ = false;
     double searches_ = 0;      ///< regions and lists that were tried with seeds
     double plainRegions_ = 0;  ///< regions that plain searches were to try
-    bool mosaic_;          ///< the image is a mosaic of colours
+    bool mosaic_;              ///< the image is a mosaic of colours
     PlanStars lists_;
 };
 

@@ -21,7 +21,8 @@ struct SearchHint {
     double Width = 0;    ///< of the field, radians; may be wrong by 30 %
     double Height = 0;
     std::int32_t Regions = UsualRegions;
-    bool Briefly = false;  ///< only the plain search
+    bool Briefly = false;         ///< only the plain search
+    bool SizeRemembered = false;  ///< the size is that of the last session, and nobody's statement
 };
 
 /// What a plan starts from.

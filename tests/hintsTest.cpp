@@ -221,6 +221,11 @@ TEST(Hints, PlansTakeWhatWasGivenFirstAndFourPlacesAtMost) {
     }
     // A remembered size is no knowledge of this picture: no table is chosen by it.
     EXPECT_EQ(picture.Search.Diagonals.size(), 3U);
+    known.LastSizes = {RememberedFieldSize(SolveParameters())};
+    known.SizesFromPicture = false;
+    EXPECT_TRUE(PlanFor(known, image).Search.Around[0].SizeRemembered);
+    known.SizesFromPicture = true;
+    EXPECT_FALSE(PlanFor(known, image).Search.Around[0].SizeRemembered);
 
     // What was given takes the place of what the header says; the rest is still the header's.
     known.Sizes = {{0.02, 0.015}};
