@@ -39,10 +39,11 @@ SeedSettings SettingsOf(const SeedAttempt& attempt, const PlateImage& image, dou
     }
     settings.Tolerance = RoughTolerance(image);
     if (attempt.AlongStrip) {
-        // As many in the strip as in other fields.
-        constexpr double most = 1e6;
+        // As many in the strip as in other fields, unless it is so narrow that their pairs, whose
+        // number grows with the square, would take all the time.
+        constexpr double most = 8;
         settings.CatalogSeeds = static_cast<std::int32_t>(
-            std::min(settings.CatalogSeeds * AreaOfCircleAbout(width, height) / mostArea, most));
+            settings.CatalogSeeds * std::min(AreaOfCircleAbout(width, height) / mostArea, most));
     }
     return settings;
 }

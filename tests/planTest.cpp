@@ -20,6 +20,7 @@
 #include "program/mPlanAttempts.h"
 #include "program/mSearchPlan.h"
 #include "program/mSolutionTable.h"
+#include "program/mSolveReport.h"
 #include "tests/skySupport.h"
 #include "tests/testSupport.h"
 
@@ -204,6 +205,19 @@ TEST_F(PlanOfASmallSky, AStripIsFoundByStarsAtItsEnds) {
     EXPECT_NEAR(State.Solution->CentreDec, hint.Centre.Dec, 2 * scale / SolveArcsecondsPerRadian);
 }
 
+// The pairs of seeds grow with their square, and those of a narrow strip took all the time.
+TEST_F(PlanOfASmallSky, StripsHaveAsManySeedsAsTheyNeedUnlessTheyAreVeryNarrow) {
+    const auto attempt = std::find_if(SeedAttempts.begin(), SeedAttempts.end(),
+                                      [](const SeedAttempt& one) { return one.AlongStrip; });
+    ASSERT_NE(attempt, SeedAttempts.end());
+    const auto perArea = [&](double ratio) {
+        const double area = std::numbers::pi / 4 * (ratio * ratio + 1) / ratio;
+        return SettingsOf(*attempt, State.Image, ratio * 0.001, 0.001).CatalogSeeds / area;
+    };
+    EXPECT_NEAR(perArea(15), perArea(3), 0.2);
+    EXPECT_LT(perArea(50), perArea(3) / 2);
+}
+
 TEST_F(PlanOfASmallSky, FewStarsAreNotTriedAgainInAnotherOrder) {
     Random random(56);
     for (const auto& [stars, attempts] : {std::pair(40, 4U), std::pair(41, 6U)}) {
@@ -349,6 +363,29 @@ TEST_F(PlanOfASmallSky, LookingForTheCauseLeavesTheStateAsItWas) {
     EXPECT_EQ(State.Report.Blind, report.Blind);
     EXPECT_EQ(State.QuadMatch.Searched, 0);
     EXPECT_EQ(State.QuadMatch.Code, QuadSearch().Code);
+}
+
+TEST_F(PlanOfASmallSky, OnlyASizeThatWasGivenIsComparedWithTheSolution) {
+    WriteQuadTables(Folder / "catalog", Stars, 40, 0.003, 0.006);
+    SearchHint remembered = Hint(away, 0.3 * field);
+    remembered.SizeRemembered = true;
+    SearchRequest request;
+    request.Everywhere = true;
+    request.TimeLimit = 60;
+    const auto cautions = [&](std::vector<SearchHint> around) {
+        request.Around = std::move(around);
+        EXPECT_EQ(Solve(request), SolveCode::Solved);
+        return Cautions(State).size();
+    };
+    EXPECT_EQ(cautions({remembered}), 0U);
+    EXPECT_TRUE(State.Report.Blind);
+    EXPECT_EQ(cautions({Hint(away), remembered}), 0U) << "the centre was wrong, but not the size";
+    EXPECT_EQ(cautions({Hint(away, 0.3 * field), remembered}), 1U);
+    remembered = Hint(0, 0.75 * field);
+    remembered.SizeRemembered = true;
+    EXPECT_EQ(cautions({remembered}), 0U);
+    EXPECT_FALSE(State.Report.Blind);
+    EXPECT_EQ(cautions({Hint(0, 0.75 * field)}), 1U);
 }
 
 TEST_F(PlanOfASmallSky, ARowOfTheTableBringsItsSolutionBack) {
