@@ -123,22 +123,24 @@ nlohmann::ordered_json JsonCause(const FailureCause& cause) {
     nlohmann::ordered_json json = {
         {"kind", NameOf(cause.Kind)}, {"text", cause.Text}, {"try", cause.Try}};
     nlohmann::ordered_json& found = json["evidence"];
-    found = {{"sky_level", health.SkyLevel},
-             {"sky_noise_px", health.SkyNoise},
-             {"full_scale", evidence.FullScale},
-             {"patches", health.Patches},
-             {"hot_pixels", health.HotPixels},
-             {"dark_patches", health.DarkPatches},
-             {"covered_part", health.CoveredPart},
-             {"width_px", health.Width},
-             {"elongation", health.Elongation},
-             {"trail_px", health.TrailLength},
-             {"trail_spread", health.LengthSpread},
-             {"trail_angle_deg", evidence.TrailAngle},
-             {"angle_agreement", health.AngleAgreement},
-             {"hollow_part", health.HollowPart},
-             {"stars_extracted", evidence.StarsExtracted},
-             {"catalog_stars", evidence.CatalogStars}};
+    if (health.Measured) {
+        found = {{"sky_level", health.SkyLevel},
+                 {"sky_noise_px", health.SkyNoise},
+                 {"patches", health.Patches},
+                 {"hot_pixels", health.HotPixels},
+                 {"dark_patches", health.DarkPatches},
+                 {"covered_part", health.CoveredPart},
+                 {"width_px", health.Width},
+                 {"elongation", health.Elongation},
+                 {"trail_px", health.TrailLength},
+                 {"trail_spread", health.LengthSpread},
+                 {"trail_angle_deg", evidence.TrailAngle},
+                 {"angle_agreement", health.AngleAgreement},
+                 {"hollow_part", health.HollowPart}};
+    }
+    found["full_scale"] = evidence.FullScale;
+    found["stars_extracted"] = evidence.StarsExtracted;
+    found["catalog_stars"] = evidence.CatalogStars;
     if (evidence.MagnitudeLimit > 0) found["magnitude_limit"] = evidence.MagnitudeLimit;
     if (evidence.CatalogEnd > 0) found["catalog_end"] = evidence.CatalogEnd;
     if (evidence.Elsewhere) {

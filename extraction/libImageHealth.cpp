@@ -263,6 +263,7 @@ ImageHealth HealthOf(const PlateImage& image) {
     if (side / binning < smallest) return {};
     Deviations fine(image, binning);
     ImageHealth health = LookAt(fine, binning);
+    health.Measured = true;
     health.SkyLevel += image.DataOffset;
     for (std::int32_t coarser = 2; coarser <= coarsest; coarser *= 2) {
         const std::int32_t coarse = coarser * binning;

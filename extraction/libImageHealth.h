@@ -13,6 +13,7 @@ namespace vestrel {
 
 /// The patches of a picture and their typical shape: medians over the brighter half.
 struct ImageHealth {
+    bool Measured = false;     ///< false: the picture is too small, and nothing below holds
     double SkyLevel = 0;       ///< counts, the median over the frame
     double SkyNoise = 0;       ///< counts, of single pixels
     std::int32_t Patches = 0;  ///< patches of light, without single hot pixels
@@ -31,7 +32,7 @@ struct ImageHealth {
 };
 
 /// Examines a picture as read, before background subtraction. A picture with a side below 64 pixels
-/// has no patches. Deterministic; takes a fraction of a second at most, whatever the size.
+/// is not measured. Deterministic; takes a fraction of a second at most, whatever the size.
 ImageHealth HealthOf(const PlateImage& image);
 
 }  // namespace vestrel

@@ -7,6 +7,7 @@
 
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
+#include "astro/libStrings.h"
 #include "display/libReadout.h"
 #include "display/libSkyOverlay.h"
 #include "image/libFormats.h"
@@ -80,13 +81,19 @@ class Inquiry {
 
     FailureCause Find() {
         GatherEvidence();
-        // Such pictures cannot be judged; the general advice covers one with next to no counts.
-        if (LacksPixels() || HasNextToNoCounts(state_.Image)) return std::move(cause_);
+        // Such pictures cannot be judged.
+        if (LacksPixels()) return std::move(cause_);
+        if (HasNextToNoCounts(state_.Image)) {
+            Found(FailureKind::Unknown, "its numbers leave next to no counts",
+                  Advice(state_, SolveCode::TooFewStars, words_).front());
+            return std::move(cause_);
+        }
         // The surest causes come first. When the picture itself is good, the given centre or size
         // is to blame.
-        if (!HasNoCatalog() && !IsNoSky() && !IsTrailed() && !IsOutOfFocus() && !HasFewStars() &&
-            !IsElsewhere() && !CatalogIsShallow() && !StartIsDoubtful()) {
-            cause_.Kind = FailureKind::Unknown;
+        if (!IsTooSmall() && !HasNoCatalog() && !IsNoSky() && !IsTrailed() && !IsOutOfFocus() &&
+            !HasFewStars() && !IsElsewhere() && !CatalogIsShallow() && !IsNotSquare() &&
+            !StartIsDoubtful()) {
+            SayThatNothingFits();
         }
         return std::move(cause_);
     }
@@ -127,6 +134,24 @@ class Inquiry {
         evidence.MagnitudeLimit = state_.Report.MagnitudeLimit;
         const double end = FaintEnd(state_.Catalog);
         if (std::isfinite(end)) evidence.CatalogEnd = end;
+    }
+
+    bool IsTooSmall() {
+        const PlateImage& image = state_.Image;
+        constexpr std::int32_t fewest = 20;  // pixels
+        if (std::min(image.Width, image.Height) >= fewest) return false;
+        if (image.Width == 3 && image.Format == "FITS") {
+            return Found(FailureKind::TooSmall,
+                         "the picture is 3 pixels wide: its colours seem to come first (NAXIS1 = "
+                         "3)",
+                         "write the colours as planes, with NAXIS3 = 3");
+        }
+        const bool narrow = image.Width < fewest;
+        return Found(FailureKind::TooSmall,
+                     "the picture is " +
+                         Count(narrow ? image.Width : image.Height, "pixel", "pixels") +
+                         (narrow ? " wide" : " high"),
+                     "take a larger part of the frame");
     }
 
     bool HasNoCatalog() {
@@ -231,9 +256,16 @@ class Inquiry {
         const FailureEvidence& evidence = cause_.Evidence;
         const ImageHealth& health = Health();
         constexpr std::int32_t enough = 12;
-        const std::int32_t stars = health.Patches;
+        const std::int32_t stars = StarsThatStandOut();
         const bool onlyHot = health.HotPixels > 5 * std::max(stars, 1);
         if (stars >= enough || (evidence.StarsExtracted >= enough && !onlyHot)) return false;
+        const std::string few =
+            stars == 0 ? std::string("no star stands out of the sky")
+                       : "only " + Count(stars, "star stands", "stars stand") + " out of the sky";
+        if (!health.Measured) {
+            return Found(FailureKind::FewStars, few,
+                         "expose for longer, or take a larger part of the frame");
+        }
         const double sky = health.SkyLevel / evidence.FullScale;
         // In pictures made for viewing the sky is much brighter than in a camera's counts.
         const bool forPeople = evidence.FullScale < 1024;
@@ -241,9 +273,6 @@ class Inquiry {
         const double dark = forPeople ? 0.1 : 0.03;
         const std::string level =
             ", and the sky is at " + FixedText(100 * sky, 1) + " % of the full scale";
-        const std::string few =
-            stars == 0 ? std::string("no star stands out of the sky")
-                       : "only " + Count(stars, "star stands", "stars stand") + " out of the sky";
         if (sky > bright) {
             return Found(FailureKind::BrightSky, few + level,
                          "wait for a clear and dark sky, or expose for a shorter time");
@@ -275,22 +304,23 @@ class Inquiry {
         const std::string size =
             FixedText(found.WidthArcmin, 1) + "x" + FixedText(found.HeightArcmin, 1);
         const bool otherSize = !(evidence.SizeRatio > 0.7 && evidence.SizeRatio < 1.4);
+        const std::string timesSize =
+            FixedText(evidence.SizeRatio, 2) + " times the size " +
+            (given.SizeRemembered ? "of the last session, as none was given" : "given");
         if (evidence.Separation < givenDiagonal / 2) {
             if (!otherSize) {
                 return Found(FailureKind::Start,
                              "only a search of the whole sky finds the picture, at " + place,
                              words_.SearchWholeSky);
             }
-            return Found(FailureKind::WrongSize,
-                         "the field is " + FixedText(evidence.SizeRatio, 2) +
-                             " times the size given: " + size + "'",
+            return Found(FailureKind::WrongSize, "the field is " + timesSize + ": " + size + "'",
                          std::string("give its size (") + words_.FieldSize + " " + size + ")");
         }
         std::string text = "the picture shows " + place + ", " +
                            FixedText(evidence.Separation * ExactDegreesPerRadian, 1) + DegreeSign +
                            " from the centre given";
         if (otherSize) {
-            text += ", and " + FixedText(evidence.SizeRatio, 2) + " times the size given";
+            text += ", and " + timesSize;
         }
         return Found(FailureKind::WrongCentre, text,
                      std::string("give that centre (") + words_.Ra + ")" +
@@ -308,14 +338,56 @@ class Inquiry {
                      "build a deeper catalog: \"vestrel-catalog sources\" says from what");
     }
 
+    /// Whether the header says that the pixels are not square. Pixel sizes usually have the binning
+    /// in them.
+    bool IsNotSquare() {
+        const ImageHeader& header = state_.Image.Header;
+        constexpr double tolerated = 0.1;
+        const auto differ = [](double x, double y) {
+            return x > 0 && y > 0 && std::fabs(y / x - 1) > tolerated;
+        };
+        std::string sign;
+        if (differ(header.XPixelSize, header.YPixelSize)) {
+            sign = "XPIXSZ is " + NumberText(header.XPixelSize) + " and YPIXSZ " +
+                   NumberText(header.YPixelSize);
+        } else if (differ(header.XBinning, header.YBinning)) {
+            sign = "XBINNING is " + std::to_string(header.XBinning) + " and YBINNING " +
+                   std::to_string(header.YBinning);
+        }
+        if (sign.empty()) return false;
+        return Found(FailureKind::NotSquare, "the pixels are not square: " + sign,
+                     "resample the picture to square pixels");
+    }
+
     bool StartIsDoubtful() {
         if (request_.Around.empty() || request_.Everywhere) return false;
         return Found(FailureKind::Start,
-                     Count(Health().Patches, "star stands", "stars stand") +
-                         " out of the sky, sharp and round, and the catalog has " +
+                     StarsText() + ", and the catalog has " +
                          std::to_string(cause_.Evidence.CatalogStars) +
-                         " in the first region: the centre or the size given is likely wrong",
+                         " in the first region: the centre or the size given is likely wrong, or "
+                         "the pixels are not square",
                      words_.SearchWholeSky);
+    }
+
+    void SayThatNothingFits() {
+        if (request_.Around.empty() && !state_.Quads.Fault.empty()) {
+            Found(FailureKind::Unknown, state_.Quads.Fault, words_.SearchFromCentre);
+            return;
+        }
+        Found(FailureKind::Unknown,
+              StarsText() +
+                  ", and nothing that was searched fits them: perhaps most of them are "
+                  "no stars, the size given is wrong, or the pixels are not square",
+              std::string("check the size of the field (") + words_.FieldSize + ")");
+    }
+
+    /// What is too small to be measured has the stars that were extracted.
+    std::int32_t StarsThatStandOut() const {
+        return Health().Measured ? Health().Patches : cause_.Evidence.StarsExtracted;
+    }
+    std::string StarsText() const {
+        return Count(StarsThatStandOut(), "star stands", "stars stand") + " out of the sky" +
+               (Health().Measured ? ", sharp and round" : "");
     }
 
     ProgramState& state_;
@@ -331,6 +403,8 @@ class Inquiry {
 
 const char* NameOf(FailureKind kind) {
     switch (kind) {
+        case FailureKind::TooSmall:
+            return "too_small";
         case FailureKind::NoCatalog:
             return "no_catalog";
         case FailureKind::NotSky:
@@ -351,6 +425,8 @@ const char* NameOf(FailureKind kind) {
             return "wrong_centre";
         case FailureKind::WrongSize:
             return "wrong_size";
+        case FailureKind::NotSquare:
+            return "not_square";
         case FailureKind::Start:
             return "wrong_start";
         case FailureKind::Unknown:

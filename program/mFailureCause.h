@@ -13,6 +13,7 @@ namespace vestrel {
 
 enum class FailureKind {
     Unknown,            ///< there is no evidence for any other kind
+    TooSmall,           ///< the picture has next to no width or height
     NoCatalog,          ///< the catalog has no stars in this part of the sky
     NotSky,             ///< text, a landscape, a test chart, noise
     UnderExposed,       ///< few stars and a dark sky
@@ -23,6 +24,7 @@ enum class FailureKind {
     CatalogTooShallow,  ///< the catalog is not deep enough for so small a field
     WrongCentre,        ///< the picture shows another part of the sky
     WrongSize,          ///< the picture shows the centre given, at another scale
+    NotSquare,          ///< the pixels are not square, by the header
     Start               ///< the picture is good, but the given centre or size is not
 };
 
@@ -48,8 +50,8 @@ struct FailureEvidence {
 
 struct FailureCause {
     FailureKind Kind = FailureKind::Unknown;
-    std::string Text;  ///< what is wrong, with the figures; empty when unknown
-    std::string Try;   ///< the one thing to try; empty when unknown
+    std::string Text;  ///< what is wrong, with the figures
+    std::string Try;   ///< the one thing to try
     FailureEvidence Evidence;
 };
 

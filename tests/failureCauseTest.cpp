@@ -224,6 +224,44 @@ TEST_F(Causes, TheWholeSkyIsSearchedWithTheStarsOfThePlan) {
     EXPECT_EQ(handed->Text, own->Text);
 }
 
+TEST_F(Causes, WhatWasNotMeasuredIsNoEvidence) {
+    for (const int height : {60, 17}) {
+        const auto path = folder_ / "flat.fit";
+        const auto bytes = FrameFileBytes(Render(Exposure(23, 6), 120, 1500, height), 16, {});
+        WriteFile(path, std::string(bytes.begin(), bytes.end()));
+        const auto cause = CauseOf(path);
+        ASSERT_TRUE(cause);
+        EXPECT_FALSE(cause->Evidence.Health.Measured);
+        if (height == 17) {
+            EXPECT_EQ(cause->Text, "the picture is 17 pixels high");
+            continue;
+        }
+        const std::int32_t stars = cause->Evidence.StarsExtracted;
+        EXPECT_GT(stars, 12);
+        EXPECT_EQ(NameOf(cause->Kind), std::string("wrong_start"));
+        EXPECT_TRUE(cause->Text.starts_with(std::to_string(stars) + " stars stand out"))
+            << cause->Text;
+    }
+}
+
+TEST_F(Causes, PixelsThatAreNotSquareAreNamedByTheirCards) {
+    const Frame frame = Render(Exposure(22, 7), 80);
+    for (const auto& [cards, square] :
+         {std::pair(std::vector<std::string>{"XPIXSZ  = 9.0", "YPIXSZ  = 6.8"}, false),
+          {{"XBINNING= 1", "YBINNING= 2"}, false},
+          {{"XPIXSZ  = 8.6", "YPIXSZ  = 8.3", "XBINNING= 2", "YBINNING= 2"}, true}}) {
+        const auto path = folder_ / "oblong.fit";
+        std::vector<std::string> padded = cards;
+        for (std::string& card : padded) card.resize(80, ' ');
+        const auto bytes = FrameFileBytes(frame, 16, padded);
+        WriteFile(path, std::string(bytes.begin(), bytes.end()));
+        const auto cause = CauseOf(path);
+        ASSERT_TRUE(cause);
+        EXPECT_EQ(NameOf(cause->Kind), std::string(square ? "wrong_start" : "not_square"));
+        EXPECT_FALSE(cause->Text.empty() || cause->Try.empty());
+    }
+}
+
 TEST_F(Causes, ASolvedPictureHasNone) {
     EXPECT_FALSE(CauseOf(folder_ / "good.fit").has_value());
 }
