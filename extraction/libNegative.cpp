@@ -112,6 +112,10 @@ bool MayBeNegative(const PlateImage& image) {
     const double below = sky - lower;
     const double above = upper - sky;
     const double noise = std::max(std::min(below, above), 1.0);
+    // Noise may leave no room for dark stars far below the sky: counts end at 0. Then a negative is
+    // what has nothing as far above the sky either, where other pictures have their stars.
+    const double room = sky + image.DataOffset;
+    if (room < far * noise && pixels.CountAbove(sky + room) == 0) return true;
     const auto dark = static_cast<double>(pixels.CountBelow(sky - far * noise));
     const auto bright = static_cast<double>(pixels.CountAbove(sky + far * noise));
     return dark > fewest && dark > muchMore * bright;

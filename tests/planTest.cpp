@@ -319,6 +319,39 @@ TEST(PlanStars, AreThoseOfANegativeThatItsNoiseHides) {
     }
 }
 
+TEST(PlanStars, AreThoseOfANegativeThatEightBitsCutOff) {
+    constexpr int size = 400;
+    constexpr int sky = 90;
+    constexpr int white = 255;
+    Random random(57);
+    ProgramState state;
+    state.ImageLoaded = true;
+    state.Image = EmptyImage(size, size, 0);
+    PlateImage& image = state.Image;
+    for (int i = 0; i < 30; ++i) {
+        AddStar(image, random.Between(20, size - 20), random.Between(20, size - 20), 8000, 1.6);
+    }
+    const auto forAll = [&](const auto& change) {
+        for (int y = 0; y < size; ++y) {
+            for (std::int32_t& pixel : image.Pixels.Wide().Row(y).first(size)) {
+                pixel = std::clamp(change(pixel), 0, white);
+            }
+        }
+    };
+    forAll([&](int pixel) {
+        return pixel + sky + static_cast<int>(std::lround(random.Normal(sky / 2.0)));
+    });
+    EXPECT_FALSE(MayBeNegative(image));
+    forAll([](int pixel) { return white - pixel; });
+    const std::optional<PlateStarList> given;
+    const std::optional<StarLists> kept;
+    PlanStars lists(state, given, kept);
+    lists.LookForNegative();
+    // The plain extraction cuts off counts below the sky.
+    forAll([](int pixel) { return pixel - (white - sky); });
+    EXPECT_GE(lists.Of(StarSource::Peaks).Count(), 25);
+}
+
 TEST(Candidate, IsTheLikeliestMatchWhateverTheOrder) {
     std::vector<double> logs{-5, -1, -3, -2};
     std::sort(logs.begin(), logs.end());
