@@ -7,6 +7,7 @@
 #include "catalog/libCatalogRegion.h"
 #include "matching/libCameraPlane.h"
 #include "program/mMORA.h"
+#include "program/mSkyModel.h"
 #include "program/mStopwatch.h"
 
 namespace vestrel {
@@ -96,6 +97,26 @@ std::optional<PlateSolution> SolutionOfPlate(ProgramState& state, const MatchedP
     solution.ExtractedCount = std::max(state.Extraction.StarsFound, places.Stars().Count());
     if (!std::isfinite(solution.Rms)) return std::nullopt;
     return solution;
+}
+
+std::optional<PlateSolution> SolutionOfModel(ProgramState& state, const ImageStars& places) {
+    const double tolerated = state.Parameters.MaxError;
+    const std::optional<ImageSkyModel> sky = SkyModelOfImage(state);
+    if (!sky || !sky->Solution || sky->Model.Distorted() || sky->Solution->Rms > tolerated) {
+        return std::nullopt;
+    }
+    // The camera's plane has arcseconds to the west and to the north.
+    constexpr double arcsecond = 1 / SolveArcsecondsPerRadian;
+    const PixelPoint middle = sky->Model.Centre();
+    const PixelPoint west = sky->Model.PixelOf(PlanePoint{-arcsecond, 0});
+    const PixelPoint north = sky->Model.PixelOf(PlanePoint{0, arcsecond});
+    MatchedPlate match;
+    match.Plate = {west.X - middle.X, north.X - middle.X, middle.X,
+                   west.Y - middle.Y, north.Y - middle.Y, middle.Y};
+    match.Rms = sky->Solution->Rms;
+    std::optional<PlateSolution> solution =
+        SolutionOfPlate(state, match, sky->Model.Tangent, places);
+    return solution && solution->Rms <= tolerated ? solution : std::nullopt;
 }
 
 void KeepLikelier(std::optional<PlateSolution>& kept, const PlateSolution& match) {

@@ -104,6 +104,11 @@ PlateStarList CatalogAbout(ProgramState& state, SkyPosition centre, double radiu
 std::optional<PlateSolution> SolutionOfPlate(ProgramState& state, const MatchedPlate& match,
                                              SkyPosition about, const ImageStars& places);
 
+/// The same with the sky model of the solution that the state has, for a plate that some false
+/// pairs have drawn away: where all stars together fit better, and without distortion. None
+/// otherwise.
+std::optional<PlateSolution> SolutionOfModel(ProgramState& state, const ImageStars& places);
+
 /// Keeps the likelier of two matches that are not sure; of equal ones the first.
 void KeepLikelier(std::optional<PlateSolution>& kept, const PlateSolution& match);
 

@@ -271,7 +271,17 @@ class Plan {
         solution->Confidence = confidence;
         state_.PlateStars = places.Stars();
         FinishPlateSolution(state_, port_, *std::move(solution));
+        if (state_.Solution->Rms > state_.Parameters.MaxError) SettlePlate(places);
         return true;
+    }
+
+    /// Replaces the plate that was just found by that of its sky model, if that is a better one.
+    void SettlePlate(const ImageStars& places) {
+        std::optional<PlateSolution> settled = SolutionOfModel(state_, places);
+        if (!settled || settled->MatchedCount < state_.Solution->MatchedCount) return;
+        settled->RegionsSearched = state_.Solution->RegionsSearched;
+        settled->Confidence = state_.Solution->Confidence;
+        FinishPlateSolution(state_, port_, *std::move(settled));
     }
 
     /// The likeliest size that the user or the picture gave, radians; 0 without one.

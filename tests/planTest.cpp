@@ -421,6 +421,29 @@ TEST_F(PlanOfASmallSky, OnlyASizeThatWasGivenIsComparedWithTheSolution) {
     EXPECT_EQ(cautions({Hint(0, 0.75 * field)}), 1U);
 }
 
+TEST_F(PlanOfASmallSky, ThePlateOfAllStarsReplacesOneThatFalsePairsHaveDrawnAway) {
+    SearchRequest request;
+    request.Around = {Hint(0)};
+    ASSERT_EQ(Solve(request), SolveCode::Solved);
+    const PlateSolution solved = *State.Solution;
+    StarMatchList& pairs = State.Solution->Pairs;
+    std::swap(pairs[1].Star2, pairs[2].Star2);
+    for (double(&row)[3] : State.Image.Header.PlateTransform) {
+        row[0] *= 1.03;
+        row[1] *= 1.03;
+    }
+    const ImageStars places(State.PlateStars, side, side);
+    const auto settled = SolutionOfModel(State, places);
+    ASSERT_TRUE(settled);
+    EXPECT_LT(settled->Rms, 1);
+    EXPECT_GE(settled->MatchedCount, solved.MatchedCount);
+    EXPECT_NEAR(settled->WidthArcmin, solved.WidthArcmin, 1e-3 * solved.WidthArcmin);
+    EXPECT_LT(SkyDistance(settled->Centre(), solved.Centre()),
+              0.2 * scale / SolveArcsecondsPerRadian);
+    State.Parameters.MaxError = settled->Rms / 2;
+    EXPECT_FALSE(SolutionOfModel(State, places)) << "no better than what there is";
+}
+
 TEST_F(PlanOfASmallSky, ARowOfTheTableBringsItsSolutionBack) {
     SearchRequest request;
     request.Around = {Hint(0)};
