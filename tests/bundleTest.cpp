@@ -193,7 +193,8 @@ TEST_F(Bundles, CutShortOrWithoutAMemberOrOfAnotherTypeAreRefused) {
         const std::string name = good.substr(good.rfind('\n', from) + 1, from - 3);
         const bool optional = name.find("program") != std::string::npos ||
                               name.find("cards") != std::string::npos ||
-                              name.find("attempts") != std::string::npos;
+                              name.find("attempts") != std::string::npos ||
+                              name.find("size_remembered") != std::string::npos;  // added later
         if (optional) continue;
         EXPECT_THROW(Bundle{folder_ / "evil.zip"}, std::runtime_error) << name;
     }
