@@ -40,6 +40,7 @@ constexpr AstapFault wrongUse{1, ""};
 constexpr AstapFault noSolution{1, "No solution found."};
 constexpr AstapFault notEnoughStars{2, "Not enough stars."};
 constexpr AstapFault noImage{16, "Error reading image file."};
+constexpr AstapFault tooWide{1, "The place is found, but the field is too wide for coordinates."};
 constexpr AstapFault noCatalog{32, "No star database found."};
 constexpr AstapFault damagedCatalog{33, "Error reading star database."};
 constexpr int notUpdated = 34;
@@ -162,10 +163,11 @@ class AstapRun {
         const std::vector<std::string> cards = solver.PictureCards();
         const SolverOutcome outcome = solver.Solve(HintsFrom(options_, cards));
         const auto straight = solver.Coordinates({0, true});
-        if (!outcome.Solved() || !straight) {
+        if (outcome.Solved() && !straight) return Fail(tooWide);
+        if (!outcome.Solved()) {
             log_ += outcome.Reason + "\n";
             if (!outcome.Cause.empty()) log_ += "Likely cause: " + outcome.Cause + "\n";
-            return Fail(FaultOf(outcome.Solved() ? SolverEnd::NoMatch : outcome.End));
+            return Fail(FaultOf(outcome.End));
         }
         std::string warning = ScaleWarning(options_, *outcome.Field, cards);
         HeaderContents contents;
@@ -210,8 +212,8 @@ class AstapRun {
             // Without the command line, of which each update would leave another one.
             HeaderContents kept = contents;
             kept.Comments.resize(1);
-            const auto changed = WithCoordinates(bytes, CoordinateCards(kept), contents.Width,
-                                                 contents.Height);
+            const auto changed =
+                WithCoordinates(bytes, CoordinateCards(kept), contents.Width, contents.Height);
             ReplaceSameFile(path, image_, changed);
             return true;
         } catch (const std::system_error&) {

@@ -160,6 +160,9 @@ class FieldRun {
         if (!outcome->Solved() || !choice) {
             if (outcome->End == SolverEnd::TimeLimit) Say("Total CPU time limit reached");
             if (LacksCatalog(outcome->End)) Complain(outcome->Reason);
+            if (outcome->Solved()) {
+                Complain("The place is found, but the field is too wide for coordinates.");
+            }
             Say("Did not solve (or no WCS file was written).");
             return 0;
         }

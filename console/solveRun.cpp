@@ -7,6 +7,7 @@
 #include "program/mImageData.h"
 #include "program/mPictureHints.h"
 #include "program/mPlateMatch.h"
+#include "program/mSkyModel.h"
 #include "program/mSolvedImage.h"
 
 namespace vestrel {
@@ -145,8 +146,11 @@ std::string CoincidingFiles(const ConsoleOptions& options) {
     return {};
 }
 
-bool WriteOutputs(const ProgramState& state, Port& port, const ConsoleOptions& options) {
+bool WriteOutputs(ProgramState& state, Port& port, const ConsoleOptions& options) {
     bool good = true;
+    // Made once for all of them.
+    if (options.Json || options.WorldCoordinates || !options.ExportFile.empty())
+        KeptSkyModel(state);
     if (!options.ExportFile.empty()) good = ExportImage(state, port, options.ExportFile);
     if (options.WorldCoordinates) good = WriteWorldCoordinates(state, port) && good;
     if (!options.SaveFile.empty()) good = SaveImage(state, port, options.SaveFile) && good;

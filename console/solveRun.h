@@ -43,6 +43,6 @@ std::string CoincidingFiles(const ConsoleOptions& options);
 
 /// Writes the requested files. The export reads the image's file again.
 /// @return whether all were written
-bool WriteOutputs(const ProgramState& state, Port& port, const ConsoleOptions& options);
+bool WriteOutputs(ProgramState& state, Port& port, const ConsoleOptions& options);
 
 }  // namespace vestrel

@@ -39,8 +39,16 @@ class Rounds {
     std::optional<SkySolution> Run(const std::vector<SkyPair>& start) {
         if (start.size() < 3) return std::nullopt;
         pairs_ = start;
-        // The image centre may be far from all stars of the match, but it must be on the sky.
-        tangent_ = catalog_[start.front().CatalogStar];
+        // The image centre may be far from all stars of the match, but it must be on the sky. In
+        // the widest fields the plane about a corner does not reach the others.
+        const auto fromCentre = [&](const SkyPair& pair) {
+            const PixelPoint& pixel = plate_[pair.PlateStar];
+            return std::hypot(pixel.X - (width_ - 1) / 2.0, pixel.Y - (height_ - 1) / 2.0);
+        };
+        const auto nearest = std::min_element(
+            start.begin(), start.end(),
+            [&](const SkyPair& a, const SkyPair& b) { return fromCentre(a) < fromCentre(b); });
+        tangent_ = catalog_[nearest->CatalogStar];
         if (!FitWithoutOutliers(linear)) return std::nullopt;
         const std::size_t trusted = pairs_.size();
 

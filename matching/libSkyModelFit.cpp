@@ -313,9 +313,10 @@ double ChanceOfImprovement(double squares, double largerSquares, std::size_t poi
 }
 
 std::optional<SkyModel> SkyModelOfPlate(const PlateConstants& constants, SkyPosition tangent,
-                                        double planeScale, std::int32_t width, std::int32_t height,
-                                        double within) {
+                                        double planeScale, std::int32_t width,
+                                        std::int32_t height) {
     constexpr int steps = 24;
+    constexpr double usable = 0.05;
     constexpr double closeEnough = 0.01;
     const auto skyOf = [&](const PixelPoint& pixel) {
         double west = 0;
@@ -344,7 +345,7 @@ std::optional<SkyModel> SkyModelOfPlate(const PlateConstants& constants, SkyPosi
         const auto fit = FitSkyModel(points, {order, 0}, width, height, *centre);
         if (!fit) continue;
         const double worst = *std::max_element(fit->Residuals.begin(), fit->Residuals.end());
-        if (worst < within) best = fit->Model;
+        if (worst < usable) best = fit->Model;
         if (worst < closeEnough) break;
     }
     return best;

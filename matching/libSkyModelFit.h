@@ -66,15 +66,11 @@ std::optional<SkyModelFit> FitSkyModel(const std::vector<SkyPoint>& points, SkyM
 double ChanceOfImprovement(double squares, double largerSquares, std::size_t points,
                            SkyModelShape shape, SkyModelShape larger);
 
-/// How far (pixels) the model of a plate may be from it where the plate itself is the truth.
-inline constexpr double UsablePlateModel = 0.05;
-
 /// The model of a plate: of the orthographic plane about `tangent`, in `planeScale` units per
-/// radian, through `constants`. It agrees with the plate to `within` pixels over the image, usually
+/// radian, through `constants`. It agrees with the plate to 0.05 pixels over the image, usually
 /// to 0.01.
 /// @return nothing when the plate shows places off the sky, or spans more than one photograph can
 std::optional<SkyModel> SkyModelOfPlate(const PlateConstants& constants, SkyPosition tangent,
-                                        double planeScale, std::int32_t width, std::int32_t height,
-                                        double within = UsablePlateModel);
+                                        double planeScale, std::int32_t width, std::int32_t height);
 
 }  // namespace vestrel

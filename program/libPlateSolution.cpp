@@ -37,6 +37,11 @@ double ZeroPointOf(const PlateSolution& solution) {
 
 }  // namespace
 
+bool PlateSolution::IsWide() const {
+    constexpr double widest = 20 * 60;  // arcminutes
+    return std::hypot(WidthArcmin, HeightArcmin) > widest;
+}
+
 PlateSolution SolutionOf(const RegionMatch& region, const PlateStarList& plateStars,
                          std::int32_t width, std::int32_t height) {
     PlateSolution solution;

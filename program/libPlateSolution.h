@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,13 @@
 #include "matching/libRegionMatch.h"
 
 namespace vestrel {
+
+/// The plate on the camera's plane about a tangent point that a match was found with.
+struct CameraMatch {
+    SkyPosition Tangent;
+    PlateConstants Plate;
+    double Rms = 0;  ///< pixels
+};
 
 /// Everything that one successful solve produces. It belongs to the image that was solved and keeps
 /// the stars that its pairs point to, so it depends on nothing else.
@@ -37,7 +45,12 @@ struct PlateSolution {
     std::int32_t RegionsSearched = 0;  ///< including the winning one
     double MagnitudeZeroPoint = 0;     ///< mean of instrumental − catalog magnitude
     MatchConfidence Confidence;
+    /// When it was found on that plane. Its stars cover a wide field, of which the plane of
+    /// `Transform` follows only the middle.
+    std::optional<CameraMatch> Camera;
 
+    /// Whether the field is so wide that `Transform` is off by many pixels in its corners.
+    bool IsWide() const;
     std::int32_t PairCount() const { return Pairs.Count(); }
     std::int32_t CatalogCount() const { return CatalogStars.Count(); }
     SkyPosition Centre() const { return {CentreRA, CentreDec}; }

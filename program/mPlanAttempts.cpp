@@ -95,6 +95,7 @@ std::optional<PlateSolution> SolutionOfPlate(ProgramState& state, const MatchedP
     PlateSolution solution = SolutionOf(region, places.Stars(), image.Width, image.Height);
     // Other lists have stars that the plain extraction did not take for any.
     solution.ExtractedCount = std::max(state.Extraction.StarsFound, places.Stars().Count());
+    solution.Camera = {about, match.Plate, match.Rms};
     if (!std::isfinite(solution.Rms)) return std::nullopt;
     return solution;
 }

@@ -7,6 +7,7 @@
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libStrings.h"
+#include "program/mSkyModel.h"
 #include "program/mStarExtraction.h"
 #include "program/mStopwatch.h"
 
@@ -156,7 +157,9 @@ SolveCode SolvePlate(ProgramState& state, Port& port, const PlateSearch& search)
     port.Yield();
     return WithinMemory(state, port, [&] {
         if (!FindPlateStars(state, port)) return SolveCode::TooFewStars;
-        return MatchPlateStars(state, port, search);
+        const SolveCode code = MatchPlateStars(state, port, search);
+        if (code == SolveCode::Solved) MeasureWideField(state, port);
+        return code;
     });
 }
 
@@ -229,8 +232,8 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
     std::int64_t k = 1;
     do {
         if (region.Found.Matched) {
-            PlateSolution solution = RegionSolution(state, region, static_cast<std::int32_t>(k),
-                                                    search.TriedBefore);
+            PlateSolution solution =
+                RegionSolution(state, region, static_cast<std::int32_t>(k), search.TriedBefore);
             if (!search.Accept || search.Accept(solution)) {
                 FinishPlateSolution(state, port, std::move(solution));
                 return SolveCode::Solved;
@@ -308,6 +311,16 @@ void FinishPlateSolution(ProgramState& state, Port& port, PlateSolution solution
     state.Solution = std::move(solution);
     ++state.SolutionCount;
     state.Sky = {};
+}
+
+void MeasureWideField(ProgramState& state, Port& port) {
+    if (!state.Solution || !state.Solution->IsWide()) return;
+    const StageTimer timer(state.Report.Times.Matching);
+    const auto& sky = KeptSkyModel(state);
+    if (!sky) return;
+    state.Solution->CentreRA = sky->Model.Tangent.Ra;
+    state.Solution->CentreDec = sky->Model.Tangent.Dec;
+    ShowCentre(state, port, state.Solution->Centre());
 }
 
 }  // namespace vestrel

@@ -59,6 +59,11 @@ SolveCode MatchPlateStars(ProgramState& state, Port& port, const PlateSearch& se
 /// Makes `solution` the solution of the image, shows it and stores it in the image header.
 void FinishPlateSolution(ProgramState& state, Port& port, PlateSolution solution);
 
+/// Call when a search has ended with a solution. Makes the sky model of a wide field, which tells
+/// its centre better than the plate. Without a model its positions are rough, and all that tells of
+/// the solution must say so.
+void MeasureWideField(ProgramState& state, Port& port);
+
 /// Shows the geometry of a plate in the texts of the solve window.
 /// @param rms of the fit, pixels
 void ShowPlateGeometry(ProgramState& state, const FitGeometry& geometry, double rms,

@@ -42,7 +42,11 @@ class Plan {
     SolveCode Run() {
         BeginSolve(state_);
         port_.Yield();
-        const SolveCode code = WithinMemory(state_, port_, [this] { return RunAttempts(); });
+        const SolveCode code = WithinMemory(state_, port_, [this] {
+            const SolveCode end = RunAttempts();
+            if (end == SolveCode::Solved) MeasureWideField(state_, port_);
+            return end;
+        });
         report_.Lists = lists_.Made();
         return code;
     }

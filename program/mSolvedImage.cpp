@@ -45,11 +45,12 @@ std::vector<std::string> QualityCards(const ProgramState& state) {
 }
 
 /// The world coordinates of the sky model, or of the plate itself when it spans more of the sky
-/// than a photograph can. Empty when there is no solution.
+/// than a photograph can. Empty when there is no solution, or when they would be wrong.
 std::vector<std::string> CoordinateCards(const ProgramState& state) {
     if (const auto model = SkyModelOfImage(state)) {
         return WorldCoordinateCards(state.Image, model->Model);
     }
+    if (IsTooWide(state)) return {};
     const auto plate = WorldCoordinatesOf(state.Image);
     return plate ? WorldCoordinateCards(*plate) : std::vector<std::string>();
 }
@@ -71,7 +72,8 @@ bool WriteWorldCoordinates(const ProgramState& state, Port& port) {
 bool WriteWorldCoordinates(const ProgramState& state, Port& port, const std::string& path) {
     const std::vector<std::string> coordinates = CoordinateCards(state);
     if (!state.ImageLoaded || coordinates.empty()) {
-        port.ShowMessage("The image has no solution.", DefaultTitle);
+        port.ShowMessage(IsTooWide(state) ? TooWideText : "The image has no solution.",
+                         DefaultTitle);
         return false;
     }
     // Programs that take pictures may write each over the one before.
@@ -110,6 +112,7 @@ bool ExportImage(const ProgramState& state, Port& port, const std::string& path)
     WorkBeside(port, [&] {
         try {
             if (!state.ImageLoaded) throw std::runtime_error("There is no image to export.");
+            if (IsTooWide(state)) throw std::runtime_error(TooWideText);
             const std::vector<unsigned char> bytes = FitsExportBytes(
                 state.Image, CoordinateCards(state), QualityCards(state), state.DecodesApart);
             WriteWholeFile(PathFromText(path), bytes);

@@ -117,9 +117,11 @@ py::dict DictionaryOf(const SolverOutcome& outcome, const Solver& solver) {
         result["ra"] = field.Centre.Ra;
         result["dec"] = field.Centre.Dec;
         result["field"] = py::make_tuple(field.Width, field.Height);
-        result["scale"] = field.Coordinates.Scale();
-        result["rotation"] = field.Coordinates.Rotation();
-        result["mirrored"] = field.Coordinates.Mirrored();
+        if (field.Coordinates.Crpix[0] > 0) {
+            result["scale"] = field.Coordinates.Scale();
+            result["rotation"] = field.Coordinates.Rotation();
+            result["mirrored"] = field.Coordinates.Mirrored();
+        }
         result["rms"] = field.Rms;
         result["centre_error"] = field.CentreError;
         result["cautions"] = field.Cautions;

@@ -228,7 +228,11 @@ void JobQueue::Solve(Job& job, Solver& solver, const std::stop_token& stop) cons
     hints.TimeLimit = hints.EndAfter = settings_.TimeLimit;
     const SolverOutcome outcome = solver.Solve(hints, watch);
     const auto coordinates = solver.Coordinates({job.Request.MostSipOrder, true});
-    if (!outcome.Solved() || !coordinates) {
+    if (outcome.Solved() && !coordinates) {
+        job.Report.Log = "The place is found, but the field is too wide for coordinates.\n";
+        return;
+    }
+    if (!outcome.Solved()) {
         job.Report.Log = WithoutControls(outcome.Reason) + "\n";
         if (!outcome.Cause.empty()) {
             job.Report.Log += "Likely cause: " + WithoutControls(outcome.Cause) + "\n";

@@ -227,7 +227,7 @@ class Solver::Session {
         outcome.SolvedBy = plan.SolvedBy;
         if (code_ != SolveCode::Solved) return;
         if (plan.Start) outcome.StartedFrom = request.Sources[*plan.Start];
-        model_ = SkyModelOfImage(state_);
+        model_ = KeptSkyModel(state_);
         outcome.Field = FieldOf(state_, model_);
     }
 
@@ -275,6 +275,7 @@ std::vector<std::string> Solver::CoordinateCards(const CardOptions& options) con
         return WorldCoordinateCards(state.Image, WithSipOrder(model->Model, options.MostSipOrder),
                                     RowsOf(options));
     }
+    if (IsTooWide(state)) return {};
     const auto plate = WorldCoordinatesOf(state.Image, RowsOf(options));
     return plate ? WorldCoordinateCards(*plate, RowsOf(options)) : std::vector<std::string>();
 }

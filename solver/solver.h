@@ -303,7 +303,8 @@ class VESTREL_PUBLIC Solver {
     }
 
     // The solution in various forms, until another picture is opened. Without a solution there are
-    // no cards, and files are not written: false, with a `fault`.
+    // no cards, and files are not written: false, with a `fault`. So it is with the world
+    // coordinates of a field so wide that no lens fits its stars; its `Cautions` tell it.
 
     /// The world coordinates as FITS cards of 80 characters, from WCSAXES on, without END.
     std::vector<std::string> CoordinateCards(const CardOptions& options = CardOptions()) const;

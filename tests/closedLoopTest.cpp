@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <map>
 #include <numbers>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -23,6 +25,7 @@
 #include "program/mSearchPlan.h"
 #include "program/mSkyModel.h"
 #include "program/mSolveReport.h"
+#include "program/mSolvedImage.h"
 #include "tests/skySupport.h"
 #include "tests/testSupport.h"
 #include "tools/libFrameFile.h"
@@ -219,39 +222,84 @@ TEST_F(ClosedLoop, OverlaysAndGridAreTrueToTheCornersOfADistortedFrame) {
     EXPECT_FALSE(State.Sky.Made || State.Sky.Model);
 }
 
-TEST_F(ClosedLoop, ThePictureOfAnUltraWideLensIsRightToItsCorners) {
-    for (const double width : {48 * degree, 60 * degree}) {
-        FrameGeometry geometry = FrameAt({80, 10}, 10);
-        geometry.RadiansPerPixel = width / frameWidth;
-        const TemporaryFolder wide;
+/// A picture of an ultra-wide lens, solved with the catalog of its stars.
+class WideLoop : public ClosedLoop {
+ protected:
+    void SolveWide(SkyPlace place, double width, double up, bool mirrored) {
+        Geometry = FrameAt(place, up, mirrored);
+        Geometry.RadiansPerPixel = 2 * std::tan(width / 2) / frameWidth;
         std::vector<CatalogStar> catalog;
-        for (const FrameStar& star : RandomFrameStars(geometry, 400, 1, 5.5, 4)) {
+        for (const FrameStar& star : RandomFrameStars(Geometry, 400, 1, 5.5, 4)) {
             catalog.push_back(*StoredStar(star.Sky));
         }
-        WriteCatalog(wide.Path, catalog);
+        Sky.emplace();
+        WriteCatalog(Sky->Path, catalog);
         State.Catalog = {};
-        State.Catalog.Folder = wide.Path;
+        State.Catalog.Folder = Sky->Path;
         FrameExposure exposure;
         exposure.ZeroPoint = ZeroPointFor(exposure, 5.5, 10);
-        const auto stars = CatalogFrameStars(wide.Path, geometry, 5.5);
-        const auto bytes = FrameFileBytes(RenderFrame(geometry, exposure, stars), 16, {});
+        const auto stars = CatalogFrameStars(Sky->Path, Geometry, 5.5);
+        const auto bytes = FrameFileBytes(RenderFrame(Geometry, exposure, stars), 16, {});
         const auto path = Frames / "wide.fit";
         WriteFile(path, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
         ASSERT_TRUE(OpenImage(State, Port, TextFromPath(path)));
         SearchRequest request;
-        request.Around = {{geometry.Centre, width, width * frameHeight / frameWidth, 1}};
+        const double height = 2 * std::atan(Geometry.RadiansPerPixel * frameHeight / 2);
+        request.Around = {{Geometry.Centre, width, height, 1}};
         PlanReport plan;
         ASSERT_EQ(SolveByPlan(State, Port, request, plan), SolveCode::Solved);
+    }
+
+    FrameGeometry Geometry;
+    std::optional<TemporaryFolder> Sky;
+};
+
+TEST_F(WideLoop, ThePictureOfAnUltraWideLensIsRightToItsCorners) {
+    struct WideField {
+        SkyPlace Place;
+        double Width;
+        double Up;
+        bool Mirrored;
+    };
+    for (const WideField& field :
+         {WideField{{80, 10}, 48, 239, true}, WideField{{0, 90}, 66, 0, false},
+          WideField{{340, -81}, 80, 130, false}, WideField{{172, 29}, 95, 300, true}}) {
+        SCOPED_TRACE(field.Width);
+        SolveWide(field.Place, field.Width * degree, field.Up, field.Mirrored);
+        EXPECT_TRUE(State.Sky.Made) << "at the end of the solve, for all that tells of it";
+        EXPECT_FALSE(IsTooWide(State));
         const auto model = SkyModelOfImage(State);
         ASSERT_TRUE(model);
         for (const PixelPoint corner :
              {PixelPoint{0, 0}, PixelPoint{frameWidth - 1, 0}, PixelPoint{0, frameHeight - 1},
               PixelPoint{frameWidth - 1, frameHeight - 1}}) {
-            const auto [ra, dec] = FrameToSky(geometry, {corner.X, corner.Y});
-            EXPECT_LT(SkyDistance(model->Model.SkyOf(corner), {ra, dec}) / geometry.RadiansPerPixel,
+            const auto [ra, dec] = FrameToSky(Geometry, {corner.X, corner.Y});
+            EXPECT_LT(SkyDistance(model->Model.SkyOf(corner), {ra, dec}) / Geometry.RadiansPerPixel,
                       0.5);
         }
+        EXPECT_LT(SkyDistance(State.Solution->Centre(), model->Model.Tangent), 1e-9);
     }
+}
+
+// The plate of the solution is off by many pixels in the corners.
+TEST_F(WideLoop, AWideFieldWhoseFitFailsIsDoubtedAndGetsNoWorldCoordinates) {
+    SolveWide({80, 10}, 60 * degree, 10, false);
+    const std::size_t before = Cautions(State).size();
+    const TemporaryFolder folder;
+    const std::string file = TextFromPath(folder / "wide.wcs");
+    ASSERT_TRUE(WriteWorldCoordinates(State, Port, file));
+    // The fit has fewer than half of the stars that are known to match.
+    State.Solution->Confidence.Matched = 1000;
+    State.Sky = {};
+    MeasureWideField(State, Port);
+    EXPECT_TRUE(IsTooWide(State));
+    EXPECT_EQ(Cautions(State).size(), before + 1);
+    EXPECT_FALSE(WriteWorldCoordinates(State, Port, TextFromPath(folder / "none.wcs")));
+    EXPECT_FALSE(std::filesystem::exists(folder / "none.wcs"));
+    EXPECT_FALSE(ExportImage(State, Port, TextFromPath(folder / "none.fits")));
+    EXPECT_FALSE(std::filesystem::exists(folder / "none.fits"));
+    ASSERT_EQ(Port.Messages.size(), 2U);
+    for (const auto& message : Port.Messages) EXPECT_TRUE(message.ends_with(TooWideText));
 }
 
 TEST_F(ClosedLoop, FramesWithoutASolutionGetNone) {
