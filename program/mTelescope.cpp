@@ -146,17 +146,14 @@ std::optional<SkyPosition> AskForPosition(ProgramState& state, Port& port) {
 
 }  // namespace
 
-bool LoadTelescopeCommand(ProgramState& state, Port& port) {
-    bool loaded = false;
+void LoadTelescopeCommand(ProgramState& state, Port& port) {
     WithTelescope(state, port, [&] {
         const auto position = AskForPosition(state, port);
         if (!position) return;
         state.Inputs.Ra = FormatRA(position->Ra, false, 2);
         state.Inputs.Dec = FormatDec(position->Dec, false, 1);
-        loaded = true;
         Tell(state, port, "position loaded", StatusColour::Green);
     });
-    return loaded;
 }
 
 void TestTelescopeCommand(ProgramState& state, Port& port) {

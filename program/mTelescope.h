@@ -24,8 +24,7 @@ const char* FaultOfLongitude(const std::string& text);
 /// status line. A lost connection, for example when the driver did not answer, is made anew at the
 /// next try. Does nothing while something else runs. Stop Search and closing the program end the
 /// waiting.
-/// @return whether the inputs have changed
-bool LoadTelescopeCommand(ProgramState& state, Port& port);
+void LoadTelescopeCommand(ProgramState& state, Port& port);
 
 /// Connects to the telescope and shows its position in the status line.
 void TestTelescopeCommand(ProgramState& state, Port& port);
