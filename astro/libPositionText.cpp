@@ -88,7 +88,14 @@ std::string Part(std::string_view text) {
     return std::string(text.substr(first, last - first + 1));
 }
 
-/// Whether the comma is that of a decimal: "40,5", "02 42 04,2".
+/// The text in small letters and plain signs, with commas in place of the captions.
+std::string WithoutCaptions(std::string_view utf8) {
+    std::string text = Lower(PlainAngleText(utf8));
+    for (const Replacement& caption : captions) ReplaceAll(text, caption);
+    return Part(text);
+}
+
+/// Whether the comma can be that of a decimal: "40,5", "02 42 04,2", "40,5 20".
 bool IsDecimalComma(std::string_view text, std::size_t comma) {
     constexpr std::string_view digits = "0123456789";
     if (text[comma] != ',') return false;
@@ -98,10 +105,11 @@ bool IsDecimalComma(std::string_view text, std::size_t comma) {
     const std::size_t places = std::min(after.find_first_not_of(digits), after.size());
     if (whole == before.size() || places == 0) return false;
     if (whole > 0 && before[whole - 1] == '.') return false;
-    // What goes on as a coordinate is the declination, unless that has a sign of its own.
+    // What goes on as a coordinate is the declination, unless that begins further on.
     const std::string_view rest = after.substr(places);
     constexpr auto none = std::string_view::npos;
-    return rest.find_first_of(digits) == none || rest.find_first_of("+-") != none;
+    return rest.find_first_of(digits) == none || rest.find_first_of("+-") != none ||
+           rest.front() == ' ';
 }
 
 std::optional<SkyPosition> SplitAt(std::string_view text, std::size_t place) {
@@ -121,15 +129,36 @@ std::string PlainAngleText(std::string_view utf8) {
     return std::string(Trim(text));
 }
 
+bool MayBeOneCoordinate(std::string_view utf8) {
+    constexpr std::string_view number = "0123456789.";
+    constexpr auto none = std::string_view::npos;
+    constexpr int numbersOfPosition = 6;
+    const std::string text = WithoutCaptions(utf8);
+    const std::size_t comma = text.find_first_of(",;");
+    if (comma != none) return IsDecimalComma(text, comma);
+    if (text.find_first_of("+-", 1) != none) return false;
+    int numbers = 0;
+    bool fraction = false;
+    for (std::size_t at = text.find_first_of(number); at != none; ++numbers) {
+        // Only the last number of a coordinate has a fraction.
+        if (fraction) return false;
+        const std::size_t end = std::min(text.find_first_not_of(number, at), text.size());
+        fraction = text.substr(at, end - at).find('.') != none;
+        at = text.find_first_of(number, end);
+    }
+    return numbers < numbersOfPosition;
+}
+
 std::optional<SkyPosition> ParsePosition(std::string_view utf8) {
     constexpr std::size_t longest = 200;
     if (utf8.size() > longest) return std::nullopt;
-    std::string text = Lower(PlainAngleText(utf8));
-    for (const Replacement& caption : captions) ReplaceAll(text, caption);
-    text = Part(text);
+    const std::string text = WithoutCaptions(utf8);
     // The surest separator is tried first: a comma, then a sign, then the middle of the parts.
     const std::size_t comma = text.find_first_of(",;");
-    if (comma != std::string::npos && IsDecimalComma(text, comma)) return std::nullopt;
+    const bool integers = text.find_first_not_of("0123456789,") == std::string::npos;
+    if (comma != std::string::npos && !integers && IsDecimalComma(text, comma)) {
+        return std::nullopt;
+    }
     if (comma != std::string::npos) return SplitAt(text, comma);
     const std::size_t sign = text.find_first_of("+-", 1);
     if (sign != std::string::npos) return SplitAt(text, sign);

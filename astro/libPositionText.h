@@ -22,4 +22,8 @@ std::string PlainAngleText(std::string_view utf8);
 ///   200 bytes
 std::optional<SkyPosition> ParsePosition(std::string_view utf8);
 
+/// Whether a text that reads as a position can be a slip in one coordinate: "40,5", "83 22",
+/// "02 42 04 2".
+bool MayBeOneCoordinate(std::string_view utf8);
+
 }  // namespace vestrel

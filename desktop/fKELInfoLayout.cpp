@@ -19,7 +19,6 @@
 #include <QVBoxLayout>
 #include <utility>
 
-#include "astro/libPositionText.h"
 #include "desktop/fKELInfo.h"
 #include "program/mSkyObjects.h"
 #include "program/mSolveWindow.h"
@@ -30,6 +29,18 @@ namespace {
 
 /// Between lines that are only read.
 constexpr int closeLines = 3;
+
+/// How many characters stand between those that the beginnings and the ends of two texts share.
+qsizetype NewCharacters(const QString& before, const QString& now) {
+    const qsizetype shared = qMin(before.size(), now.size());
+    qsizetype start = 0;
+    while (start < shared && before[start] == now[start]) ++start;
+    qsizetype end = 0;
+    while (end < shared - start && before[before.size() - 1 - end] == now[now.size() - 1 - end]) {
+        ++end;
+    }
+    return now.size() - start - end;
+}
 
 }  // namespace
 
@@ -348,11 +359,11 @@ QLineEdit* SolveWindow::AddInput(const char* name, const QString& accessibleName
     connect(input, &QLineEdit::textChanged, this, [this, text](const QString& typed) {
         // This many new characters at once were pasted.
         constexpr qsizetype pasted = 6;
-        const auto before = QtText(state_.Inputs.*text).size();
+        const QString before = QtText(state_.Inputs.*text);
         state_.Inputs.*text = Utf8(typed);
         const bool centre = text == &SolveInputs::Ra || text == &SolveInputs::Dec;
-        if (!centre || typed.size() < before + pasted) return;
-        if (const auto position = ParsePosition(Utf8(typed))) {
+        if (!centre || NewCharacters(before, typed) < pasted) return;
+        if (const auto position = WholePosition(state_.Inputs, text)) {
             SetCentre(state_.Inputs, *position);
             ShowInputs();
         }

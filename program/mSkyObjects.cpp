@@ -8,6 +8,7 @@
 #include "astro/libConversions.h"
 #include "astro/libMath.h"
 #include "astro/libPositionText.h"
+#include "astro/libStrings.h"
 #include "display/libReadout.h"
 #include "platform/libPlatform.h"
 
@@ -61,12 +62,19 @@ void SetCentre(SolveInputs& inputs, const SkyPosition& centre) {
     inputs.Dec = FormatDec(centre.Dec, false, 1);
 }
 
+std::optional<SkyPosition> WholePosition(const SolveInputs& inputs, std::string SolveInputs::*box) {
+    const bool isRa = box == &SolveInputs::Ra;
+    // What may be a slip in this box does not replace what stands in the other.
+    const bool alone = Trim(isRa ? inputs.Dec : inputs.Ra).empty();
+    if (!alone && MayBeOneCoordinate(inputs.*box)) return std::nullopt;
+    return ParsePosition(inputs.*box);
+}
+
 bool CompleteCentre(SolveInputs& inputs, SkyNames& names) {
     if (IsRa(inputs.Ra) && IsDec(inputs.Dec)) return false;
-    // A valid value of one box is not replaced by what may be a slip in the other.
-    const bool free = !IsRa(inputs.Ra) && !IsDec(inputs.Dec);
-    for (const std::string* text : {&inputs.Ra, &inputs.Dec}) {
-        const auto position = free ? ParsePosition(*text) : std::nullopt;
+    for (const auto box : {&SolveInputs::Ra, &SolveInputs::Dec}) {
+        const bool good = box == &SolveInputs::Ra ? IsRa(inputs.Ra) : IsDec(inputs.Dec);
+        const auto position = good ? std::nullopt : WholePosition(inputs, box);
         if (!position) continue;
         SetCentre(inputs, *position);
         return true;

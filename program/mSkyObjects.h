@@ -20,6 +20,10 @@ class SkyNames {
     std::optional<std::vector<SkyObject>> objects_;
 };
 
+/// The whole position that one box of the centre holds; nothing when it may be a slip in the
+/// coordinate of that box alone, and the other one holds something.
+std::optional<SkyPosition> WholePosition(const SolveInputs& inputs, std::string SolveInputs::*box);
+
 /// Completes the centre inputs when one of them holds something other than a plain angle: a whole
 /// position, an angle with typographic signs, or the name of an object.
 /// @return whether they have changed

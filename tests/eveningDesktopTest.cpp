@@ -381,8 +381,24 @@ TEST_F(Evening, AnObjectOrAWholePositionIsEnoughForTheCentre) {
         Find<QLineEdit>(box)->paste();
         expectCentre((4 * 60 + 35) * 15 / 206264.806, -(34 * 60 + 22) / 206264.806);
     }
+    // Over a text as long as the pasted one, too, and without a paste.
+    Type("txtRA", "00 04 30.00");
+    Type("txtDec", "00 34 00.0");
+    Find<QLineEdit>("txtRA")->selectAll();
+    QApplication::clipboard()->setText("83.633 22.014");
+    Find<QLineEdit>("txtRA")->paste();
+    expectCentre(1.459671, 0.384217);
+    for (const char* text : {"83.633 22.014", "05 34 31.92 +22 00 50.4"}) {
+        Dialogs.Messages.clear();
+        Type("txtRA", text);
+        Type("txtDec", "-05 23 28");
+        Press("cmdMatch");
+        EXPECT_EQ(Dialogs.Messages, Texts{}) << text;
+        expectCentre(1.459671, 0.384217);
+    }
     // A slip in one box leaves the other as it is.
-    for (const char* text : {"nowhere", "02 42 04,2", "40,5", "02 42 04 2"}) {
+    for (const char* text :
+         {"nowhere", "02 42 04,2", "40,5", "02 42 04 2", "40,5 20", "25 34", "83,63 22"}) {
         Dialogs.Messages.clear();
         Type("txtRA", text);
         Type("txtDec", "42 44 51");

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <numbers>
+#include <tuple>
 
 #include "astro/libPositionText.h"
 #include "display/libLabelPlacement.h"
@@ -143,6 +144,12 @@ TEST(Positions, AreReadInTheFormsInWhichTheyAreCopied) {
         ASSERT_TRUE(position) << text;
         EXPECT_NEAR(position->Dec, crab.Dec, 1e-8) << text;
     }
+    for (const auto& [text, ra, dec] : {std::tuple("180,45", 180, 45), {"83,22", 83, 22}}) {
+        const auto position = ParsePosition(text);
+        ASSERT_TRUE(position) << text;
+        EXPECT_NEAR(position->Ra, ra * degree, 1e-8) << text;
+        EXPECT_NEAR(position->Dec, dec * degree, 1e-8) << text;
+    }
     // Every sign that stands for a minus.
     for (const char* text : {"10 30 00 -00 30 00", "10 30 00 \u221200 30 00",
                              "10h30m00s \u201300\u00b030\u203200\u2033"}) {
@@ -150,17 +157,27 @@ TEST(Positions, AreReadInTheFormsInWhichTheyAreCopied) {
         ASSERT_TRUE(position) << text;
         EXPECT_NEAR(position->Dec, -0.5 * degree, 1e-8) << text;
     }
-    for (const char* text : {"02 42 04,2",     "40,5",
-                             "42 44 51,3",     "42,7\u00b0",
-                             "40,5 42,7",      "40,5 +42,7",
-                             "40,5 +42",       "",
-                             "M 31",           "10 30 00",
-                             "400 20",         "10 95",
-                             "10 20 30 40 50", "10:30:00 +20:00:00 junk",
-                             "nan nan",        "+ -",
-                             "05h 34m 31.9s",  "-22° 00' 52\"",
-                             "22° 00' 52\"",   "22 00 52"}) {
+    // Two coordinates with decimal commas are not cut at the first of them.
+    for (const char* text : {"40,5 20", "83,63 22", "40,5 20,3", "10,5 5 30", "05 34 31,9 22 00 52",
+                             "187,70593 12,39112"}) {
         EXPECT_FALSE(ParsePosition(text)) << text;
+    }
+    for (const char* text :
+         {"02 42 04,2", "", "42 44 51,3", "42,7\u00b0", "40,5 42,7", "40,5 +42,7", "40,5 +42",
+          "M 31", "10 30 00", "400 20", "10 95", "10 20 30 40 50", "10:30:00 +20:00:00 junk",
+          "nan nan", "+ -", "05h 34m 31.9s", "-22° 00' 52\"", "22° 00' 52\"", "22 00 52"}) {
+        EXPECT_FALSE(ParsePosition(text)) << text;
+    }
+}
+
+TEST(Positions, TellWhatMayBeASlipInOneCoordinate) {
+    for (const char* text : {"40,5", "83,22", "83 22", "25 34 10", "02 42 04 2", "05 34.5"}) {
+        EXPECT_TRUE(MayBeOneCoordinate(text)) << text;
+    }
+    for (const char* text :
+         {"83.633 22.014", "05 34 31.9 +22 00 52", "05 34 31.9 22 00 52", "83, 22", "83 +22",
+          "RA 83 Dec 22", "83.6329167,22.0144444", "5h34m31s,22d00m52s", "05:34:31.9 22:00:52"}) {
+        EXPECT_FALSE(MayBeOneCoordinate(text)) << text;
     }
 }
 
