@@ -22,8 +22,8 @@ void SolveWindow::BuildMenus() {
     startActions_.push_back(recentMenu_->menuAction());
     connect(recentMenu_, &QMenu::aboutToShow, this, [this] { FillRecentImages(); });
     // Not every desktop has a standard key for it.
-    saveAction_ = AddAction(file, "Save &As...", QKeySequence("Ctrl+Shift+S"),
-                            [this] { SaveImageCommand(state_, port_); });
+    saveAction_ =
+        AddAction(file, "Save &As...", QKeySequence("Ctrl+Shift+S"), [this] { SaveAs(); });
     saveAction_->setToolTip(
         "For Vestrel: other programs may show it black, the export is for them");
     file->setToolTipsVisible(true);

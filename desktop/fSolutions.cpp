@@ -68,6 +68,12 @@ SolutionsWindow::SolutionsWindow(ProgramState& state, Port& port)
     ShowProgress();
 }
 
+void SolutionsWindow::FileSaved(const PlateImage& image, const FileStamp& before) {
+    for (SolvedPicture& picture : pictures_) {
+        if (picture.Path == image.FileName && picture.Stamp == before) picture.Stamp = image.Stamp;
+    }
+}
+
 void SolutionsWindow::Add(const SolvedPicture& picture) {
     pictures_.push_back(picture);
     const int row = rows_->rowCount();

@@ -21,6 +21,8 @@ class SolutionsWindow : public QDialog {
 
     /// Adds the solution of the loaded image.
     void Add(const SolvedPicture& picture);
+    /// The picture was saved over its own file, whose stamp was `before`.
+    void FileSaved(const PlateImage& image, const FileStamp& before);
     /// Solves all pictures of a folder in the background.
     void SolveFolder(const QString& folder);
 

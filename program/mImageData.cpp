@@ -1,7 +1,9 @@
 #include "program/mImageData.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <string_view>
+#include <system_error>
 
 #include "astro/libStrings.h"
 #include "image/libFitsWriter.h"
@@ -118,13 +120,18 @@ bool OpenImageDialog(ProgramState& state, Port& port) {
     return path && OpenChosenImage(state, port, *path);
 }
 
-bool SaveImage(const ProgramState& state, Port& port, const std::string& path) {
+bool SaveImage(ProgramState& state, Port& port, const std::string& path) {
     if (!state.ImageLoaded) {
         port.ShowMessage("There is no image to save.", DefaultTitle);
         return false;
     }
     try {
-        WorkBeside(port, [&] { WriteFitsFile(PathFromText(path), state.Image, nullptr); });
+        const std::filesystem::path file = PathFromText(path);
+        const std::filesystem::path own = PathFromText(state.Image.FileName);
+        WorkBeside(port, [&] { WriteFitsFile(file, state.Image, nullptr); });
+        // Its own file holds this image further on.
+        std::error_code ignored;
+        if (std::filesystem::equivalent(file, own, ignored)) state.Image.Stamp = StampOfFile(own);
         return true;
     } catch (const std::exception& error) {
         port.ShowMessage(error.what(), DefaultTitle);

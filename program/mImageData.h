@@ -22,7 +22,7 @@ bool OpenImageDialog(ProgramState& state, Port& port);
 
 /// Writes the image with its solution as a FITS file (UTF-8 path), whole or not at all. Shows the
 /// system's error when that fails.
-bool SaveImage(const ProgramState& state, Port& port, const std::string& path);
+bool SaveImage(ProgramState& state, Port& port, const std::string& path);
 
 /// Why the image that was to be opened last could not be, in a sentence or two; empty when nothing
 /// more is known than the message.

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iomanip>
 #include <numeric>
 #ifndef _WIN32
@@ -145,6 +146,20 @@ TEST(Saving, EveryByteOfASavedFileIsAsItAlwaysWas) {
     EXPECT_EQ(longer.substr(5760 + 32, 6), expected.substr(5760, 6));
 }
 
+TEST(Saving, OverItsOwnFileKeepsThatFileTheImages) {
+    TemporaryFolder folder;
+    Opened opened;
+    const std::filesystem::path own = folder / "own.fit";
+    WriteFile(own,
+              FitsHeader(FitsCards(16, 3, 1, {})) + FitsPixels(16, std::vector<double>{1, 2, 3}));
+    ASSERT_TRUE(opened.Open(own));
+    ASSERT_TRUE(SaveImage(opened.State, opened.Port, TextFromPath(own)));
+    EXPECT_EQ(opened.State.Image.Stamp, StampOfFile(own));
+    const FileStamp stamp = opened.State.Image.Stamp;
+    ASSERT_TRUE(SaveImage(opened.State, opened.Port, TextFromPath(folder / "other.fit")));
+    EXPECT_EQ(opened.State.Image.Stamp, stamp);
+}
+
 TEST(Saving, ASavedImageOpensAgainWithItsCountsAndItsSolution) {
     TemporaryFolder folder;
     Random random(3);
@@ -225,7 +240,8 @@ TEST(Saving, AFailureLeavesTheOldFileAndNoOther) {
     // Links are followed, whether their target is a file or not; a file keeps its permissions.
     namespace fs = std::filesystem;
     const auto mine = fs::perms::owner_read | fs::perms::owner_write;
-    for (const auto write : {SaveImage, ExportImage}) {
+    using Writer = std::function<bool(ProgramState&, Port&, const std::string&)>;
+    for (const Writer& write : {Writer(SaveImage), Writer(ExportImage)}) {
         fs::create_symlink("out.fit", folder / "link.fit");
         WriteFile(folder / "out.fit", "");
         fs::permissions(folder / "out.fit", mine);
