@@ -40,6 +40,16 @@ RunOutcome SolveParameterString(ProgramState& state, Port& port, const ConsoleOp
     outcome.Image = run.Request.Path;
     outcome.Attempted = run.End == UnattendedEnd::Finished;
     outcome.Exit = ExitCodeOf(run, state, port);
+    if (outcome.Attempted && (options.Json || !options.Quiet)) {
+        SearchRequest search;
+        search.Around = {
+            {run.Request.Start, run.Request.Width, run.Request.Height, run.Request.RegionLimit}};
+        // The caller waits: no search of the whole sky.
+        search.TimeLimit = 0;
+        InputWords words = ConsoleWords;
+        words.SearchWholeSky = "name the image alone, which searches the whole sky";
+        outcome.Cause = CauseOfFailure(state, port, run.Result.Code, search, words);
+    }
     return outcome;
 }
 

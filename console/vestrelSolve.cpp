@@ -92,7 +92,7 @@ ExitCode Run(int argc, const char* const* argv) {
     // The settings are loaded first, because the options change them.
     {
         ConsolePort port(*state, true);
-        InitSettings(*state, port);
+        InitSettings(*state, port, SettingsNotUsed);
     }
     const ParsedOptions parsed = ParseConsoleOptions(argc, argv, options, state->Parameters);
     if (parsed.EndWith) {

@@ -21,10 +21,11 @@ constexpr const char* help =
     "  vestrel 2.2704,0.3431,0.0349,0.0262,25,/pictures/m44.fit\n"
     "                             solves unattended: right ascension, declination, width and\n"
     "                             height (radians), region limit and path; writes a result file\n"
-    "                             (.kel) beside the image, and closes after ten seconds\n"
+    "                             (.kel) beside the image, and closes after ten seconds; a\n"
+    "                             message, as about an image that cannot be read, waits first\n"
     "\n"
     "Without a display an unattended solve runs without a window and ends at once. Its exit codes\n"
-    "are those of vestrel-solve, which has more options.\n";
+    "are those of vestrel-solve, which has more options and never waits.\n";
 
 bool IsFile(const std::string& path) {
     std::error_code ignored;

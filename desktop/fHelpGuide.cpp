@@ -33,7 +33,8 @@ of an object: <tt>M 42</tt>, <tt>NGC 7000</tt>, <tt>Vega</tt>, <tt>Andromeda Gal
 picture is opened, the boxes take what its header says.</p>
 <a name="txtXsize"></a><a name="txtYsize"></a><a name="cmdUnits"></a><h3>Approximate size</h3>
 <p>Width and height of the picture on the sky. The button beside them changes between arcminutes and
-degrees; the numbers stay as they are. A size that is 10 % off does no harm, one that is 30 % off does.</p>
+degrees; the numbers stay as they are. A size that is 10 % off does no harm. With one that is 30 % too
+large Plate Match finds nothing now and then; Just Solve goes on from there.</p>
 <a name="txtRegions"></a><h3>Search limit</h3>
 <p>How many regions Plate Match tries, on a spiral about the centre. 25 regions reach about the height
 of one picture in each direction.</p>

@@ -29,7 +29,7 @@
 
 namespace vestrel {
 
-SolveWindow::SolveWindow(ProgramState& state)
+SolveWindow::SolveWindow(ProgramState& state, bool unattended)
     : state_(state),
       port_(state, *this),
       imageWindow_(state, port_),
@@ -76,7 +76,10 @@ SolveWindow::SolveWindow(ProgramState& state)
     clock_.start();
     openDropped_.setSingleShot(true);
     connect(&openDropped_, &QTimer::timeout, this, [this] { OpenDropped(); });
+    // A host waits for the result; nobody may be there to read what is wrong with the settings.
+    port_.Waits = !unattended;
     InitSettings(state_, port_);
+    port_.Waits = true;
     LoadRecentImages(state_);
     LoadPreferences(state_);
     RestorePlaces();
@@ -211,7 +214,11 @@ void SolveWindow::KeepPlaces() {
 }
 
 void SolveWindow::ShowInputs() {
-    for (const auto& [input, text] : inputs_) input->setText(QtText(state_.Inputs.*text));
+    for (const auto& [input, text] : inputs_) {
+        const QString shown = QtText(state_.Inputs.*text);
+        // Setting a text takes away what can be undone.
+        if (input->text() != shown) input->setText(shown);
+    }
 }
 
 void SolveWindow::ShowQuadCommands() {
@@ -316,6 +323,7 @@ void SolveWindow::FillRecentImages() {
 void SolveWindow::Run(const std::function<void()>& command) {
     const QPointer<QWidget> focus = focusWidget();
     command();
+    ShowInputs();
     ShowQuadCommands();
     ShowState();
     NoteSolution();

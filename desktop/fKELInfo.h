@@ -45,7 +45,8 @@ class CatalogWindow;
 class SolveWindow : public QMainWindow {
  public:
     /// Loads the settings.
-    explicit SolveWindow(ProgramState& state);
+    /// @param unattended what is wrong with them is shown without waiting for an answer
+    explicit SolveWindow(ProgramState& state, bool unattended = false);
 
     /// Opens an image as if the user had chosen it.
     void OpenFile(const std::string& path);
@@ -125,6 +126,7 @@ class SolveWindow : public QMainWindow {
     /// Completes both centre inputs when one holds a whole position or a name.
     void CompleteInputs();
     void OpenDropped();
+    void SaveAs();
     void Stop();
     void LoadTelescope();
     void SyncTelescope();

@@ -47,8 +47,13 @@ void SolveWindow::MatchQuads() {
     if (asked) CompleteInputs();
     if (asked && !FaultOfInputs(state_.Inputs)) quadMessagesWindow_.show();
     MoraCommand(state_, port_);
-    ShowInputs();
     FocusFault(asked);
+}
+
+void SolveWindow::SaveAs() {
+    const FileStamp before = state_.Image.Stamp;
+    SaveImageCommand(state_, port_);
+    solutionsWindow_.FileSaved(state_.Image, before);
 }
 
 void SolveWindow::Stop() {
@@ -63,7 +68,7 @@ void SolveWindow::FocusStop() {
 
 void SolveWindow::LoadTelescope() {
     FocusStop();
-    if (LoadTelescopeCommand(state_, port_)) ShowInputs();
+    LoadTelescopeCommand(state_, port_);
 }
 
 void SolveWindow::SyncTelescope() {
@@ -137,8 +142,7 @@ void SolveWindow::NoteSolution() {
 
 void SolveWindow::ApplySettings() {
     ApplyTheme(PreferenceOf(state_, "theme"));
-    const std::string catalog = PreferenceOf(state_, "catalog");
-    const std::filesystem::path folder = catalog.empty() ? usualCatalog_ : PathFromText(catalog);
+    const std::filesystem::path folder = CatalogFolderOf(state_, usualCatalog_);
     settingsWait_ = state_.Running != Activity::None;
     if (state_.Catalog.Folder != folder && !settingsWait_) {
         state_.Catalog = {};

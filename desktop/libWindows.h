@@ -146,6 +146,9 @@ class WindowPort : public Port {
     void Yield() override;
     void ShowBusyPointer(bool busy) override;
 
+    /// Whether a message waits until it is read.
+    bool Waits = true;
+
     // The actions of the main window; all must be set.
     std::function<void()> OnDisplayChanged;
     std::function<void()> OnImageChanged;

@@ -26,6 +26,7 @@
 #include "platform/libConsole.h"
 #include "platform/libPlatform.h"
 #include "program/mCommandLine.h"
+#include "program/mPreferences.h"
 #include "program/mSettings.h"
 #include "telescope/libTelescopeDriver.h"
 
@@ -44,7 +45,9 @@ ExitCode RunWithoutWindow(const DesktopStart& start, ProgramState& state) {
         return ExitCode::Usage;
     }
     ConsolePort port(state, true);
-    InitSettings(state, port);
+    InitSettings(state, port, SettingsNotUsed);
+    LoadPreferences(state);
+    state.Catalog.Folder = CatalogFolderOf(state, state.Catalog.Folder);
     const UnattendedOutcome outcome = RunUnattended(state, port, start.Text);
     return ExitCodeOf(outcome, state, port);
 }
@@ -105,7 +108,10 @@ ExitCode Run(int argc, char** argv) {
     QApplication::setDesktopFileName(applicationId);
     QApplication::setWindowIcon(QIcon::fromTheme(applicationId));
     start = readArguments();  // without Qt's own arguments
-    SolveWindow window(*state);
+    const bool unattended = start.What == DesktopStart::Kind::Unattended;
+    // Before anything takes time, as a host may look for the result at once.
+    if (unattended) RemoveOldResultOf(start.Text);
+    SolveWindow window(*state, unattended);
     window.TelescopeAt = CreateTelescopeDriverAt;
     window.ApplySettings();
     window.show();
@@ -114,7 +120,7 @@ ExitCode Run(int argc, char** argv) {
         if (start.What == DesktopStart::Kind::OpenImage) window.OpenFile(start.Text);
         if (start.What == DesktopStart::Kind::Complain) window.Complain(start.Text);
         if (!start.Notice.empty()) window.Complain(start.Notice);
-        if (start.What == DesktopStart::Kind::Unattended) window.StartUnattended(start.Text);
+        if (unattended) window.StartUnattended(start.Text);
     });
     QApplication::exec();
     return window.EndsWith();

@@ -127,6 +127,11 @@ SolveCode TryHarder(ProgramState& state, Port& port, const UnattendedRequest& re
 
 }  // namespace
 
+void RemoveOldResultOf(const std::string& parameters) {
+    const auto request = ParseParameterString(parameters);
+    if (request && NamesAResult(request->Path)) (void)RemoveOldResult(request->Path);
+}
+
 UnattendedOutcome RunUnattended(ProgramState& state, Port& port, const std::string& parameters,
                                 double harderFor) {
     UnattendedOutcome outcome;

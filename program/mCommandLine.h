@@ -55,6 +55,10 @@ struct UnattendedOutcome {
     UnattendedRequest Request;
 };
 
+/// Removes the result file of an earlier solve of the image of a parameter string. `RunUnattended`
+/// does that too, and tells when it cannot.
+void RemoveOldResultOf(const std::string& parameters);
+
 /// Solves the image of a parameter string and writes the result file beside it. An older result
 /// file is removed first, so that a caller never reads a stale one.
 /// @param harderFor seconds for a search plan when the plain solve gives nothing sure; 0: no plan.

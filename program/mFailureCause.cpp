@@ -157,10 +157,10 @@ class Inquiry {
     bool HasNoCatalog() {
         const std::string complaint = CatalogComplaint(state_);
         if (complaint.empty()) return false;
-        return Found(FailureKind::NoCatalog, complaint,
-                     std::string("make a catalog with vestrel-catalog build, or name its folder "
-                                 "with ") +
-                         words_.CatalogFolder);
+        return Found(
+            FailureKind::NoCatalog, complaint,
+            std::string("make a catalog with vestrel-catalog build, or name its folder (") +
+                words_.CatalogFolder + ")");
     }
 
     /// The part of the pixels that the file announces but does not hold; they are read as zeros.

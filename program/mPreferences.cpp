@@ -62,6 +62,12 @@ std::string PreferenceOf(const ProgramState& state, const std::string& name) {
     return found == state.Preferences.end() ? std::string() : found->second;
 }
 
+std::filesystem::path CatalogFolderOf(const ProgramState& state,
+                                      const std::filesystem::path& usual) {
+    const std::string chosen = PreferenceOf(state, "catalog");
+    return chosen.empty() ? usual : PathFromText(chosen);
+}
+
 void SetPreference(ProgramState& state, const std::string& name, const std::string& value) {
     Set(state.Preferences, name, value);
 }

@@ -3,6 +3,7 @@
 // form that other programs know.
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 #include "program/mGeneral.h"
@@ -17,6 +18,10 @@ bool SavePreferences(const ProgramState& state);
 
 /// A preference; empty when there is none.
 std::string PreferenceOf(const ProgramState& state, const std::string& name);
+
+/// The folder of the catalog: the one that was chosen in the settings, else `usual`.
+std::filesystem::path CatalogFolderOf(const ProgramState& state,
+                                      const std::filesystem::path& usual);
 
 /// Sets a preference. A value that is empty or not a single line removes it.
 void SetPreference(ProgramState& state, const std::string& name, const std::string& value);

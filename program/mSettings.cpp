@@ -29,7 +29,7 @@ void EnsureFolderOf(const std::filesystem::path& file) {
 
 }  // namespace
 
-void LoadSettings(ProgramState& state, Port& port) {
+void LoadSettings(ProgramState& state, Port& port, const char* outOfDate) {
     const std::filesystem::path file = SettingsFilePath();
     // Only the first bytes are settings; the rest of a longer file is not read.
     std::vector<unsigned char> bytes(SettingsFileBytes);
@@ -42,11 +42,7 @@ void LoadSettings(ProgramState& state, Port& port) {
     }
     const SettingsRead result = DecodeSettings(bytes, state.Parameters);
     state.HaveConfig = result == SettingsRead::Good;
-    if (result == SettingsRead::OutOfDate) {
-        port.ShowMessage(
-            "The parameter file Vestrel.ini is out of date.  This program is creating a new one.",
-            DefaultTitle);
-    }
+    if (result == SettingsRead::OutOfDate) port.ShowMessage(outOfDate, DefaultTitle);
 }
 
 void SetDefaultSettings(ProgramState& state) {
@@ -65,11 +61,11 @@ bool SaveSettings(ProgramState& state) {
     return ReplaceFile(file, EncodeSettings(state.Parameters));
 }
 
-void InitSettings(ProgramState& state, Port& port) {
+void InitSettings(ProgramState& state, Port& port, const char* outOfDate) {
     state.StopRequested = false;
     state.BackgroundRemoved = false;
     state.ImageLoaded = false;
-    LoadSettings(state, port);
+    LoadSettings(state, port, outOfDate);
     if (!state.HaveConfig) SetDefaultSettings(state);
     state.Inputs.SizeX = RoundedText(state.Parameters.FieldWidth, 2);
     state.Inputs.SizeY = RoundedText(state.Parameters.FieldHeight, 2);

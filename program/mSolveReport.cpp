@@ -9,6 +9,7 @@
 #include "platform/libPlatform.h"
 #include "program/mMORA.h"
 #include "program/mPlateMatch.h"
+#include "program/mTrust.h"
 
 namespace vestrel {
 
@@ -190,7 +191,8 @@ std::string SolutionText(const ProgramState& state) {
     if (solution.Confidence.Candidates > 0) {
         table.Line("Certainty", ConfidenceText(solution.Confidence));
     }
-    for (const std::string& caution : Cautions(state)) table.Line("Doubtful", caution);
+    const char* const word = WordOf(TrustOf(state).Level);
+    for (const std::string& caution : Cautions(state)) table.Line(word, caution);
     return table.Take();
 }
 
@@ -305,8 +307,8 @@ std::vector<std::string> Advice(const ProgramState& state, SolveCode code,
     if (report.CatalogAtStart == CatalogPresence::FolderMissing ||
         report.CatalogAtStart == CatalogPresence::NoCells) {
         advice.push_back(
-            std::string("make a catalog with vestrel-catalog build, or name its folder with ") +
-            words.CatalogFolder);
+            std::string("make a catalog with vestrel-catalog build, or name its folder (") +
+            words.CatalogFolder + ")");
         return advice;
     }
     constexpr std::int32_t fewestUseful = 10;

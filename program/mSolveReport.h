@@ -62,7 +62,7 @@ inline constexpr InputWords ConsoleWords{"--detection-threshold",
                                          "none"};
 inline constexpr InputWords WindowWords{"Detection Threshold",
                                         "Min Star Size",
-                                        "$VESTREL_CATALOG",
+                                        "Edit, Settings",
                                         "Approximate Image Size",
                                         "RA",
                                         "Search Limit",

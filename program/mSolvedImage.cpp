@@ -12,6 +12,7 @@
 #include "platform/libPlatform.h"
 #include "program/mSkyModel.h"
 #include "program/mSolveReport.h"
+#include "program/mTrust.h"
 #include "program/mWorkBeside.h"
 
 namespace vestrel {
@@ -36,8 +37,9 @@ std::vector<std::string> QualityCards(const ProgramState& state) {
         FitsNumberCard("NH_RMS", solution.Rms / solution.Scale, "[arcsec] RMS of matched stars"),
         FitsNumberCard("NH_RMSPX", solution.Rms, "[pixel] RMS of matched stars"),
         FitsNumberCard("NH_NREG", solution.RegionsSearched, "regions searched")};
+    const std::string word = std::string(WordOf(TrustOf(state).Level)) + ": ";
     for (const std::string& caution : Cautions(state)) {
-        for (std::string& card : FitsCommentCards("Doubtful: " + caution)) {
+        for (std::string& card : FitsCommentCards(word + caution)) {
             cards.push_back(std::move(card));
         }
     }

@@ -53,6 +53,19 @@ TEST(ParameterString, FieldsAreSplitAtTheFirstSeparatorsAndTrimmed) {
     }
 }
 
+TEST(ResultFile, OfAnEarlierSolveIsRemovedByTheParameterStringAlone) {
+    const TemporaryFolder folder;
+    const auto remains = [&](const std::string& parameters) {
+        WriteFile(folder / "a.kel", "old");
+        RemoveOldResultOf(parameters);
+        return fs::exists(folder / "a.kel");
+    };
+    EXPECT_FALSE(remains("1,0,0.1,0.1,9," + TextFromPath(folder / "a.fit")));
+    EXPECT_TRUE(remains("1,0,0.1,0.1,9," + TextFromPath(folder / "a")));
+    EXPECT_TRUE(remains("1,0,0.1,0.1,9," + TextFromPath(folder / "a.kel")));
+    EXPECT_TRUE(remains("1,0,0.1,0.1," + TextFromPath(folder / "a.fit")));
+}
+
 TEST(ResultFile, IsExactToTheByte) {
     ProgramState state;
     state.Extraction.StarsFound = 17;

@@ -257,7 +257,7 @@ vestrel-catalog makes one. %VESTREL_THREADS% limits the threads; %VESTREL_TRY_HA
         self.assertEqual(run.returncode, NO_IMAGE)
         self.assertTrue(run.stderr.startswith(
             b"Vestrel: The parameter file Vestrel.ini is out of date.  "
-            b"This program is creating a new one.\n"), run.stderr)
+            b"The defaults are used.\n"), run.stderr)
 
     def test_unattended_failure_writes_its_result_whole_and_keeps_other_files(self):
         frame = self.frame("a,b.c.fit")
@@ -269,6 +269,9 @@ vestrel-catalog makes one. %VESTREL_THREADS% limits the threads; %VESTREL_TRY_HA
         self.assertEqual(lines[0], b"1000,1000,-1")
         self.assertRegex(lines[1], rb"^0,0,0,0,\d+$")
         self.assertEqual(lines[2:], [b"Maximum search limit exceeded", b""])
+        self.assertIn(b"name its folder (--catalog)", run.stderr)
+        run = self.run_solver(f"-0.5,-0.1,.02,.02,1,{frame}", "--catalog", self.folder / "no", "--json")
+        self.assertEqual(json.loads(run.stdout)["cause"]["kind"], "no_catalog")
         self.assertEqual(other.read_bytes(), b"not ours")
         self.assertFalse(list(self.folder.glob("*.tmp")))
 

@@ -107,6 +107,8 @@ TEST(Trust, AMountIsSyncedUnaskedOnlyToWhatIsSure) {
 
     state.Solution->Rms = 5;
     EXPECT_EQ(TrustOf(state).Level, TrustLevel::Check);
+    EXPECT_NE(SolutionText(state).find("\n  Check             the fit is poor"), std::string::npos)
+        << SolutionText(state);
     EXPECT_FALSE(MaySync(state, port));
     state.Solution->Confidence.Log10FalseAlarm = -3;
     EXPECT_EQ(TrustOf(state).Level, TrustLevel::Doubtful) << "doubt outweighs a caution";

@@ -92,6 +92,50 @@ TEST_F(Windows, ASolveByHandShowsItsResult) {
     EXPECT_EQ(State->Parameters.LastOpenFolder, Folder.Path.string());
 }
 
+TEST_F(Windows, TheBoxesShowWhatTheHeaderOfAnOpenedPictureSays) {
+    const std::string told = (Folder / "told.fit").string();
+    WriteFile(told,
+              FitsHeader(FitsCards(
+                  16, 40, 40, {"OBJCTRA = '05 34 32'", "OBJCTDEC= '22 00 52'", "SECPIX  = 3.0"})) +
+                  FitsPixels(16, std::vector<double>(1600, 300)));
+    const auto expectBoxes = [this] {
+        EXPECT_NEAR(ParseRA(Utf8(Find<QLineEdit>("txtRA")->text())), 1.459675, 1e-6);
+        EXPECT_NEAR(ParseDec(Utf8(Find<QLineEdit>("txtDec")->text())), 0.384220, 1e-6);
+        EXPECT_EQ(Find<QLineEdit>("txtXsize")->text(), "2");
+        EXPECT_EQ(Find<QLineEdit>("txtYsize")->text(), "2");
+    };
+    Window->OpenFile(told);
+    expectBoxes();
+    Open();
+    Dialogs.FileToChoose = QtText(told);
+    Choose("Open...");
+    expectBoxes();
+}
+
+TEST_F(Windows, AnUnattendedSolveDoesNotWaitBecauseItsSettingsAreOutOfDate) {
+    Window->close();
+    const std::filesystem::path settings = Folder / "Vestrel.ini";
+    const std::string good = ReadFile(settings);
+    std::string old = good;
+    --old.at(0);
+    WriteFile(settings, old);
+    Window.reset();
+    State = std::make_unique<ProgramState>();
+    State->Catalog.Folder = Folder / "catalog";
+    Window = std::make_unique<SolveWindow>(*State, true);
+    const QList<QMessageBox*> told = Window->findChildren<QMessageBox*>();
+    ASSERT_EQ(told.size(), 1);
+    EXPECT_TRUE(told[0]->text().contains("out of date"));
+    EXPECT_EQ(Dialogs.Messages, Texts{}) << "one that waits";
+    Window->SetCountdownInterval(2);
+    Window->show();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return told[0]->isVisible(); }));
+    Window->StartUnattended(Parameters(Frame));
+    EXPECT_TRUE(ResultFile().ends_with("Valid plate solution\r\n"));
+    EXPECT_TRUE(WaitUntilClosed());
+    EXPECT_EQ(ReadFile(settings).substr(0, 4), good.substr(0, 4));
+}
+
 TEST_F(Windows, StopAndCloseEndASearchBetweenTwoRegions) {
     Window->OpenFile(Frame);
     TypeSearch("60 00 00", "30000");
