@@ -99,8 +99,8 @@ TEST_F(Windows, TheBoxesShowWhatTheHeaderOfAnOpenedPictureSays) {
                   16, 40, 40, {"OBJCTRA = '05 34 32'", "OBJCTDEC= '22 00 52'", "SECPIX  = 3.0"})) +
                   FitsPixels(16, std::vector<double>(1600, 300)));
     const auto expectBoxes = [this] {
-        EXPECT_NEAR(ParseRA(Utf8(Find<QLineEdit>("txtRA")->text())), 1.459675, 1e-6);
-        EXPECT_NEAR(ParseDec(Utf8(Find<QLineEdit>("txtDec")->text())), 0.384220, 1e-6);
+        EXPECT_NEAR(ParseRA(Utf8(Find<QLineEdit>("txtRA")->text())), ParseRA("05 34 32"), 1e-6);
+        EXPECT_NEAR(ParseDec(Utf8(Find<QLineEdit>("txtDec")->text())), ParseDec("22 00 52"), 1e-6);
         EXPECT_EQ(Find<QLineEdit>("txtXsize")->text(), "2");
         EXPECT_EQ(Find<QLineEdit>("txtYsize")->text(), "2");
     };
