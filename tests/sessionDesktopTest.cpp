@@ -58,20 +58,6 @@ TEST_F(Session, ASolutionWhoseFileIsGoneOrAnotherIsNotRestored) {
     ASSERT_TRUE(State->Solution);
     EXPECT_EQ(Dialogs.Messages, Texts{});
 
-    // Its own solution saved over it does not make it another picture.
-    Dialogs.FileToChoose = QtText(path);
-    Choose("Save As...");
-    Choose("Write World Coordinates");
-    Restore(1);
-    Restore(0);
-    EXPECT_EQ(State->Image.FileName, path);
-    EXPECT_TRUE(State->Solution);
-    Texts asked;
-    std::swap(asked, Dialogs.Messages);
-    for (const std::string& message : asked) {
-        EXPECT_NE(message.find("eplace"), std::string::npos) << message;  // the file dialog's
-    }
-
     // Another picture of the same name.
     WriteFile(path, FitsHeader(FitsCards(16, 40, 30, {})) + std::string(2880, '\0'));
     Restore(0);
