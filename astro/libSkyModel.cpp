@@ -107,9 +107,9 @@ PixelPoint SkyModel::PixelOf(const PlanePoint& place) const {
     const double determinant = Cd[0][0] * Cd[1][1] - Cd[0][1] * Cd[1][0];
     const double u = (Cd[1][1] * place.East - Cd[0][1] * place.North) / determinant;
     const double v = (Cd[0][0] * place.North - Cd[1][0] * place.East) / determinant;
-    // The distortion changes slowly (see `CompleteSkyModel`), so each step adds at least one
-    // correct binary digit and usually several decimal ones.
-    constexpr int mostSteps = 60;
+    // The distortion changes slowly (see `CompleteSkyModel`), so each step usually adds
+    // several correct decimal digits; in the corners of the strongest lenses eight add one.
+    constexpr int mostSteps = 100;
     constexpr double close = 1e-10;
     PixelPoint found{u, v};
     for (int step = 0; step < mostSteps && Distorted(); ++step) {
@@ -145,7 +145,7 @@ bool CompleteSkyModel(SkyModel& model) {
     model.InverseDistortion[0] = model.InverseDistortion[1] = {};
     if (!model.Distorted()) return true;
     // The iteration of `PixelOf` converges when this is below 1.
-    constexpr double steepestUsable = 0.4;
+    constexpr double steepestUsable = 0.75;
     if (!(SteepestDistortion(model) < steepestUsable)) return false;
     constexpr double closeEnough = 0.01;
     const int order = model.Distortion[0].Order;

@@ -94,7 +94,8 @@ nlohmann::ordered_json JsonSkyModel(const ImageSkyModel& image) {
         {"centre_arcsec", fit.CentreSigma * model.Scale() * ExactDegreesPerRadian * 3600},
         {"scale_relative", fit.ScaleSigma},
         {"rotation_deg", fit.RotationSigma * ExactDegreesPerRadian},
-        {"edge_px", fit.EdgeSigma}};
+        {"edge_px", nullptr}};
+    if (solution.ReachesEdges) json["sigma"]["edge_px"] = fit.EdgeSigma;
     nlohmann::ordered_json rings = nlohmann::ordered_json::array();
     for (const SkyRing& ring : solution.Rings) {
         rings.push_back({{"outer", ring.Outer}, {"stars", ring.Stars}, {"rms_px", ring.Rms}});

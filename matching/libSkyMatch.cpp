@@ -1,6 +1,7 @@
 #include "matching/libSkyMatch.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 namespace vestrel {
@@ -8,14 +9,24 @@ namespace vestrel {
 namespace {
 
 /// From the simplest shape to the one that needs the most stars.
-constexpr SkyModelShape shapes[] = {{1, 0}, {1, 1}, {1, 3}, {2, 0}, {3, 0}, {4, 0}};
+constexpr SkyModelShape shapes[] = {{1, 0}, {1, 1},       {1, 2}, {1, 1, true}, {1, 2, true},
+                                    {1, 3}, {1, 3, true}, {2},    {3},          {4}};
 constexpr std::size_t linear = 0;
-constexpr std::size_t quadratic = 3;
-constexpr std::size_t quartic = 5;
+constexpr std::size_t usualLens = 1;
+constexpr std::size_t strongLens = 2;
+constexpr std::size_t offAxisLens = 4;
+constexpr std::size_t quadratic = 7;
+constexpr std::size_t quartic = 9;
 
 /// Whether a shape contains a simpler one as a special case.
 bool Contains(std::size_t shape, std::size_t simpler) {
-    return shape != quadratic || simpler == linear;
+    const SkyModelShape& large = shapes[shape];
+    const SkyModelShape& small = shapes[simpler];
+    if (large.Radial > 0) {
+        return large.Radial >= small.Radial && (large.OffAxis || !small.OffAxis);
+    }
+    // The test is right enough for the polynomials beside a strong lens, of which they lack terms.
+    return small.Radial == 0 || large.Order >= 3;
 }
 
 /// The standard deviation of a coordinate from distances that may include outliers: their median is
@@ -36,51 +47,141 @@ class Rounds {
            std::int32_t width, std::int32_t height)
         : catalog_(catalog), plate_(plate), width_(width), height_(height) {}
 
-    std::optional<SkySolution> Run(const std::vector<SkyPair>& start) {
-        if (start.size() < 3) return std::nullopt;
+    /// Fits the first pairs without distortion, leaving out the wrong ones.
+    bool BeginAt(const std::vector<SkyPair>& start) {
+        start_ = start;
         pairs_ = start;
         // The image centre may be far from all stars of the match, but it must be on the sky. In
         // the widest fields the plane about a corner does not reach the others.
-        const auto fromCentre = [&](const SkyPair& pair) {
-            const PixelPoint& pixel = plate_[pair.PlateStar];
-            return std::hypot(pixel.X - (width_ - 1) / 2.0, pixel.Y - (height_ - 1) / 2.0);
-        };
         const auto nearest = std::min_element(
-            start.begin(), start.end(),
-            [&](const SkyPair& a, const SkyPair& b) { return fromCentre(a) < fromCentre(b); });
+            start.begin(), start.end(), [&](const SkyPair& one, const SkyPair& other) {
+                return Distance(plate_[one.PlateStar]) < Distance(plate_[other.PlateStar]);
+            });
         tangent_ = catalog_[nearest->CatalogStar];
-        if (!FitWithoutOutliers(linear)) return std::nullopt;
-        const std::size_t trusted = pairs_.size();
-
+        if (!FitWithoutOutliers(linear)) return false;
+        trusted_ = pairs_.size();
         KeepStarsOfImage();
-        const double diagonal = std::hypot(width_, height_);
-        const double spacing =
-            std::sqrt(static_cast<double>(width_) * height_ /
-                      static_cast<double>(std::max<std::size_t>(FirstStars(), 1)));
-        // Wide enough for real lenses, and too narrow for most wrong pairs.
-        constexpr double largestDistortion = 0.012;
-        constexpr double closest = 0.7;  // pixels: a faint star's error may be as large
-        const double sigma = RobustSigma(fit_.Residuals, linear);
-        double tolerance =
-            std::max({closest, 4 * sigma, std::min(0.2 * spacing, largestDistortion * diagonal)});
+        return true;
+    }
+
+    /// Pairs all stars that lie within a tolerance (pixels) that shrinks with the fit.
+    bool MatchAll(double tolerance) {
         constexpr int mostRounds = 12;
+        tolerance = std::max({leastTolerance, 4 * RobustSigma(fit_.Residuals, shape_), tolerance});
         for (int round = 0; round < mostRounds; ++round) {
             const std::vector<SkyPair> before = pairs_;
             const bool first = round < 2;
             pairs_ = NearestPairs(tolerance, first ? FirstStars() : stars_.size());
-            if (!FitBestShape(first ? quartic - 1 : quartic)) return std::nullopt;
-            const double next =
-                std::max(closest, std::min(tolerance / 2, 5 * RobustSigma(fit_.Residuals, shape_)));
+            if (!FitBestShape(first ? quartic - 1 : quartic)) return false;
+            const double next = std::max(
+                leastTolerance, std::min(tolerance / 2, 5 * RobustSigma(fit_.Residuals, shape_)));
             const bool settled = !first && next >= tolerance && SamePairs(before, pairs_);
             tolerance = std::min(tolerance, next);
             if (settled) break;
         }
         // A fit that has lost most of the pairs it started from is a different match.
-        if (2 * pairs_.size() < trusted || pairs_.size() < 4) return std::nullopt;
-        return Solution();
+        return 2 * pairs_.size() >= trusted_ && pairs_.size() >= 4;
+    }
+
+    /// Wide enough for usual lenses, and too narrow for most wrong pairs; pixels.
+    double WidestTolerance() const {
+        const double spacing =
+            std::sqrt(static_cast<double>(width_) * height_ /
+                      static_cast<double>(std::max<std::size_t>(FirstStars(), 1)));
+        constexpr double largestDistortion = 0.012;
+        return std::min(0.2 * spacing, largestDistortion * std::hypot(width_, height_));
+    }
+
+    /// Pairs stars farther and farther from the centre, each ring with a lens that fits those
+    /// before: so a lens may move the corners by far more than the tolerance.
+    bool GrowOutward() {
+        pairs_ = start_;
+        if (!FitLens()) return false;
+        const double widest = WidestTolerance();
+        double reach = 0;
+        for (const SkyPair& pair : pairs_)
+            reach = std::max(reach, Distance(plate_[pair.PlateStar]));
+        constexpr double ring = 0.08;
+        for (; reach < 1; reach += ring) {
+            KeepStarsOfImage();
+            const double inner =
+                std::min(widest, std::max(leastTolerance, 5 * RobustSigma(fit_.Residuals, shape_)));
+            pairs_ = NearestPairs(widest, FirstStars());
+            std::erase_if(pairs_, [&](const SkyPair& pair) {
+                const double distance = Distance(plate_[pair.PlateStar]);
+                return distance > reach + ring || (distance <= reach && pair.Residual > inner);
+            });
+            if (!FitLens()) return false;
+        }
+        KeepStarsOfImage();
+        return true;
+    }
+
+    /// Whether the outer rings of the image have their share of pairs.
+    bool ReachesEdges() const {
+        constexpr std::array limits = {0.5, 0.75};  // of the rings; distances from the centre
+        constexpr double leastShare = 0.4;
+        constexpr double leastExpected = 4;
+        std::vector<bool> isPaired(catalog_.size());
+        for (const SkyPair& pair : pairs_) isPaired[pair.CatalogStar] = true;
+        std::array<double, limits.size() + 1> stars{};  // of the catalog
+        std::array<double, limits.size() + 1> paired{};
+        for (std::size_t k = 0; k < FirstStars(); ++k) {
+            const auto place = fit_.Model.PixelOf(catalog_[stars_[k]]);
+            if (!place || place->X < -0.5 || place->Y < -0.5 || place->X > width_ - 0.5 ||
+                place->Y > height_ - 0.5) {
+                continue;
+            }
+            const double distance = Distance(*place);
+            const auto ring = static_cast<std::size_t>(std::count_if(
+                limits.begin(), limits.end(), [&](double limit) { return distance > limit; }));
+            ++stars[ring];
+            if (isPaired[stars_[k]]) ++paired[ring];
+        }
+        for (std::size_t ring = 1; ring <= limits.size(); ++ring) {
+            const double expected = stars[ring] * paired[0] / std::max(stars[0], 1.0);
+            if (expected >= leastExpected && paired[ring] < leastShare * expected) return false;
+        }
+        return true;
+    }
+
+    std::size_t Count() const { return pairs_.size(); }
+
+    SkySolution Solution() {
+        const bool reaches = ReachesEdges();
+        SkySolution solution{std::move(fit_), std::move(pairs_), 0, {}, reaches};
+        const double rings = solution.Rings.size();
+        for (std::size_t k = 0; k < solution.Rings.size(); ++k) {
+            solution.Rings[k].Outer = static_cast<double>(k + 1) / rings;
+        }
+        const PixelPoint centre = solution.Fit.Model.Centre();
+        const double halfDiagonal = std::hypot(width_, height_) / 2;
+        for (std::size_t i = 0; i < solution.Pairs.size(); ++i) {
+            SkyPair& pair = solution.Pairs[i];
+            pair.Residual = solution.Fit.Residuals[i];
+            const PixelPoint& pixel = plate_[pair.PlateStar];
+            const double part = std::hypot(pixel.X - centre.X, pixel.Y - centre.Y) / halfDiagonal;
+            SkyRing& ring = solution.Rings[std::min(static_cast<std::size_t>(part * rings),
+                                                    solution.Rings.size() - 1)];
+            ++ring.Stars;
+            ring.Rms += pair.Residual * pair.Residual;
+            solution.Rms += pair.Residual * pair.Residual;
+        }
+        for (SkyRing& ring : solution.Rings) {
+            if (ring.Stars > 0) ring.Rms = std::sqrt(ring.Rms / ring.Stars);
+        }
+        solution.Rms = std::sqrt(solution.Rms / static_cast<double>(solution.Pairs.size()));
+        return solution;
     }
 
  private:
+    static constexpr double leastTolerance = 0.7;  // pixels: a faint star's error may be as large
+
+    /// From the image centre, as a fraction of the half-diagonal.
+    double Distance(const PixelPoint& pixel) const {
+        return 2 * std::hypot(pixel.X - (width_ - 1) / 2.0, pixel.Y - (height_ - 1) / 2.0) /
+               std::hypot(width_, height_);
+    }
     static bool SamePairs(const std::vector<SkyPair>& one, const std::vector<SkyPair>& other) {
         return std::equal(one.begin(), one.end(), other.begin(), other.end(),
                           [](const SkyPair& a, const SkyPair& b) {
@@ -189,7 +290,7 @@ class Rounds {
             if (fit && Contains(shape, best) &&
                 ChanceOfImprovement(bestFit->Squares, fit->Squares, pairs_.size(), shapes[best],
                                     shapes[shape]) <
-                    (shapes[shape].Lens > 0 ? chanceOfLens : chanceOfPolynomial)) {
+                    (shapes[shape].Radial > 0 ? chanceOfLens : chanceOfPolynomial)) {
                 bestFit = std::move(fit);
                 best = shape;
             }
@@ -198,9 +299,24 @@ class Rounds {
         return true;
     }
 
+    /// Fits the strongest lens that the pairs allow: they need not cover the image, as only the
+    /// next ring is looked at with it.
+    bool FitLens() {
+        const std::vector<SkyPair> all = pairs_;
+        for (const std::size_t shape : {offAxisLens, strongLens, usualLens}) {
+            pairs_ = all;
+            if (pairs_.size() >= 2 * shapes[shape].Constants() && FitWithoutOutliers(shape)) {
+                return true;
+            }
+        }
+        pairs_ = all;
+        return FitWithoutOutliers(linear);
+    }
+
     /// The catalog stars that may be in the image.
     void KeepStarsOfImage() {
         constexpr std::size_t mostStars = 2000;
+        stars_.clear();
         const double margin = 0.05 * std::max(width_, height_) + 5;
         for (std::size_t i = 0; i < catalog_.size() && stars_.size() < mostStars; ++i) {
             const auto place = fit_.Model.PixelOf(catalog_[i]);
@@ -244,32 +360,6 @@ class Rounds {
         return pairs;
     }
 
-    SkySolution Solution() {
-        SkySolution solution{std::move(fit_), std::move(pairs_), 0, {}};
-        const double rings = solution.Rings.size();
-        for (std::size_t k = 0; k < solution.Rings.size(); ++k) {
-            solution.Rings[k].Outer = static_cast<double>(k + 1) / rings;
-        }
-        const PixelPoint centre = solution.Fit.Model.Centre();
-        const double halfDiagonal = std::hypot(width_, height_) / 2;
-        for (std::size_t i = 0; i < solution.Pairs.size(); ++i) {
-            SkyPair& pair = solution.Pairs[i];
-            pair.Residual = solution.Fit.Residuals[i];
-            const PixelPoint& pixel = plate_[pair.PlateStar];
-            const double part = std::hypot(pixel.X - centre.X, pixel.Y - centre.Y) / halfDiagonal;
-            SkyRing& ring = solution.Rings[std::min(static_cast<std::size_t>(part * rings),
-                                                    solution.Rings.size() - 1)];
-            ++ring.Stars;
-            ring.Rms += pair.Residual * pair.Residual;
-            solution.Rms += pair.Residual * pair.Residual;
-        }
-        for (SkyRing& ring : solution.Rings) {
-            if (ring.Stars > 0) ring.Rms = std::sqrt(ring.Rms / ring.Stars);
-        }
-        solution.Rms = std::sqrt(solution.Rms / static_cast<double>(solution.Pairs.size()));
-        return solution;
-    }
-
     const std::vector<SkyPosition>& catalog_;
     const std::vector<PixelPoint>& plate_;
     std::int32_t width_;
@@ -277,6 +367,8 @@ class Rounds {
     SkyPosition tangent_;
     std::vector<std::size_t> stars_;  ///< indices of catalog stars that may be in the image,
                                       ///< brightest first
+    std::vector<SkyPair> start_;
+    std::size_t trusted_ = 0;  ///< of these, the ones that agree
     std::vector<SkyPair> pairs_;
     SkyModelFit fit_;
     std::size_t shape_ = linear;  ///< of the fit
@@ -287,7 +379,17 @@ class Rounds {
 std::optional<SkySolution> MatchSky(const std::vector<SkyPosition>& catalog,
                                     const std::vector<PixelPoint>& plate, std::int32_t width,
                                     std::int32_t height, const std::vector<SkyPair>& start) {
-    return Rounds(catalog, plate, width, height).Run(start);
+    if (start.size() < 3) return std::nullopt;
+    Rounds plain(catalog, plate, width, height);
+    const bool matched = plain.BeginAt(start) && plain.MatchAll(plain.WidestTolerance());
+    if (matched && plain.ReachesEdges()) return plain.Solution();
+    Rounds grown(catalog, plate, width, height);
+    if (grown.BeginAt(start) && grown.GrowOutward() && grown.MatchAll(0) &&
+        (!matched || grown.Count() > plain.Count())) {
+        return grown.Solution();
+    }
+    if (!matched) return std::nullopt;
+    return plain.Solution();
 }
 
 }  // namespace vestrel

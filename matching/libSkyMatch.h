@@ -30,6 +30,9 @@ struct SkySolution {
     std::vector<SkyPair> Pairs;  ///< in the order of the image stars; each star is in at most one
     double Rms = 0;              ///< root mean square of the pairs' residuals, pixels
     std::array<SkyRing, 4> Rings;
+    /// Whether the outer part of the image has its share of pairs. If not, positions there rest on
+    /// the shape of the lens alone.
+    bool ReachesEdges = true;
 };
 
 /// Matches every star that it can and fits the sky model to the pairs.

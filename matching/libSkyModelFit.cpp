@@ -58,15 +58,55 @@ void AddTimes(Polynomial& sum, double factor, const Polynomial& more) {
     sum.Order = std::max(sum.Order, more.Order);
 }
 
-/// What each constant of a lens adds to the plane: (u, v)·r², (3u² + v², 2uv) or (2uv, u² + 3v²),
-/// times CD.
-LensTerm LensTermOf(int number, const std::array<Polynomial, 2>& cd) {
+/// A constant of a lens: that of the radial term r³, r⁵ or r⁷, or of its axis in x or y.
+enum class LensConstant : std::uint8_t { Third, Fifth, Seventh, AxisX, AxisY };
+
+std::vector<LensConstant> ConstantsOf(const SkyModelShape& shape) {
+    constexpr std::array radial = {LensConstant::Third, LensConstant::Fifth, LensConstant::Seventh};
+    std::vector<LensConstant> constants(radial.begin(), radial.begin() + shape.Radial);
+    if (shape.OffAxis) {
+        constants.insert(constants.end(), {LensConstant::AxisX, LensConstant::AxisY});
+    }
+    return constants;
+}
+
+/// (u, v)·r², times r² as often as `more` says.
+void SetRadial(Polynomial& u, Polynomial& v, int more) {
+    u.Order = v.Order = 3 + 2 * more;
+    u.At(3, 0) = u.At(1, 2) = v.At(2, 1) = v.At(0, 3) = 1;
+    for (int power = 0; power < more; ++power) {
+        for (Polynomial* axis : {&u, &v}) {
+            Polynomial product;
+            for (int q = 0; q <= 3 + 2 * power; ++q) {
+                const int p = 3 + 2 * power - q;
+                product.At(p + 2, q) += axis->At(p, q);
+                product.At(p, q + 2) += axis->At(p, q);
+            }
+            product.Order = axis->Order;
+            *axis = product;
+        }
+    }
+}
+
+/// What each constant of a lens adds to the plane: (u, v)·r², (u, v)·r⁴, (u, v)·r⁶, (3u² + v², 2uv)
+/// or (2uv, u² + 3v²), times CD.
+LensTerm LensTermOf(LensConstant constant, const std::array<Polynomial, 2>& cd) {
     Polynomial u;
     Polynomial v;
-    u.Order = v.Order = 3;
-    if (number == 0) u.At(3, 0) = u.At(1, 2) = v.At(2, 1) = v.At(0, 3) = 1;
-    if (number == 1) u.At(2, 0) = 3, u.At(0, 2) = 1, v.At(1, 1) = 2;
-    if (number == 2) v.At(0, 2) = 3, v.At(2, 0) = 1, u.At(1, 1) = 2;
+    u.Order = v.Order = 2;
+    switch (constant) {
+        case LensConstant::Third:
+        case LensConstant::Fifth:
+        case LensConstant::Seventh:
+            SetRadial(u, v, static_cast<int>(constant));
+            break;
+        case LensConstant::AxisX:
+            u.At(2, 0) = 3, u.At(0, 2) = 1, v.At(1, 1) = 2;
+            break;
+        case LensConstant::AxisY:
+            v.At(0, 2) = 3, v.At(2, 0) = 1, u.At(1, 1) = 2;
+            break;
+    }
     LensTerm term;
     for (std::size_t axis = 0; axis < 2; ++axis) {
         AddTimes(term.Plane[axis], cd[axis].At(1, 0), u);
@@ -77,13 +117,13 @@ LensTerm LensTermOf(int number, const std::array<Polynomial, 2>& cd) {
 
 /// Fits the constants of a lens to the residuals of linear polynomials. Empty when the stars do not
 /// determine them.
-std::vector<LensTerm> FitLens(const std::vector<Place>& places, int count,
+std::vector<LensTerm> FitLens(const std::vector<Place>& places, const SkyModelShape& shape,
                               const std::array<Polynomial, 2>& linear,
                               const std::array<Polynomial, 2>& cd, double unit) {
     constexpr double smallestShare = 1e-9;
     std::vector<LensTerm> lens;
-    for (int number = 0; number < count; ++number) {
-        LensTerm term = LensTermOf(number, cd);
+    for (const LensConstant constant : ConstantsOf(shape)) {
+        LensTerm term = LensTermOf(constant, cd);
         PolynomialFit fit(1, unit);
         double squares = 0;
         for (const Place& place : places) {
@@ -125,9 +165,27 @@ std::vector<LensTerm> FitLens(const std::vector<Place>& places, int count,
     return lens;
 }
 
+/// About how far (pixels) the terms that a shape lacks move a corner. Each term of a lens is
+/// about 2d / r times the one before, where they move a corner at r by d; most of it is taken up by
+/// the terms that are fitted.
+double LeftOutOf(const SkyModel& model, const SkyModelShape& shape) {
+    const double terms = shape.Order > 1 ? (shape.Order - 1) / 2 : shape.Radial;
+    if (terms == 0) return 0;
+    double farthest = 0;
+    for (const double u : {-model.Width / 2.0, model.Width / 2.0}) {
+        for (const double v : {-model.Height / 2.0, model.Height / 2.0}) {
+            farthest = std::max(farthest,
+                                std::hypot(model.Distortion[0](u, v), model.Distortion[1](u, v)));
+        }
+    }
+    const double radius = std::hypot(model.Width, model.Height) / 2;
+    return farthest / 4 * std::pow(2 * farthest / radius, terms);
+}
+
 /// Standard deviations from the covariance of the constants.
 void SetSigmas(SkyModelFit& result, const PolynomialFit& fit, const std::vector<LensTerm>& lens,
-               const std::vector<Place>& places, std::size_t constants) {
+               const std::vector<Place>& places, const SkyModelShape& shape) {
+    const std::size_t constants = shape.Constants();
     const SkyModel& model = result.Model;
     const double scale = model.Scale();
     const double halfWidth = model.Width / 2.0;
@@ -151,7 +209,7 @@ void SetSigmas(SkyModelFit& result, const PolynomialFit& fit, const std::vector<
     const std::size_t values = 2 * result.Residuals.size();
     if (values <= constants) return;
     result.Sigma = std::sqrt(result.Squares / static_cast<double>(values - constants));
-    result.EdgeSigma = result.Sigma * result.EdgeLeverage;
+    result.EdgeSigma = std::hypot(result.Sigma * result.EdgeLeverage, LeftOutOf(model, shape));
     result.CentreSigma = result.Sigma * std::sqrt(leverageAt({}));
 
     // Linear propagation from the elements of CD: apart from the lens, its rows are independent and
@@ -270,8 +328,8 @@ std::optional<SkyModelFit> FitSkyModel(const std::vector<SkyPoint>& points, SkyM
         // The constants of a lens are multiplied by CD, which they change only a little: a few
         // passes suffice.
         constexpr int lensPasses = 4;
-        for (int pass = 0; pass < lensPasses && shape.Lens > 0; ++pass) {
-            lens = FitLens(places, shape.Lens, linear, plane, unit);
+        for (int pass = 0; pass < lensPasses && shape.Radial > 0; ++pass) {
+            lens = FitLens(places, shape, linear, plane, unit);
             if (lens.empty()) return std::nullopt;
             plane = linear;
             for (const LensTerm& term : lens) {
@@ -298,7 +356,7 @@ std::optional<SkyModelFit> FitSkyModel(const std::vector<SkyPoint>& points, SkyM
             result.Residuals[i] = std::hypot(east, north);
             result.Squares += east * east + north * north;
         }
-        SetSigmas(result, fit, lens, places, shape.Constants());
+        SetSigmas(result, fit, lens, places, shape);
         return result;
     }
     return std::nullopt;

@@ -32,22 +32,24 @@ struct SkyModelFit {
     double ScaleSigma = 0;     ///< of the scale, as a fraction of it
     double RotationSigma = 0;  ///< radians
     double EdgeSigma = 0;      ///< of a coordinate at the corner or edge where it is least certain,
-                               ///< pixels
+                               ///< with what the shape may lack there, pixels
     /// The same for stars whose coordinates have the standard deviation 1: how well the points
     /// cover the image.
     double EdgeLeverage = 0;
 };
 
 /// The kind of distortion of a model: SIP polynomials with all their constants, or the few
-/// constants of a lens. A lens moves a point away from its axis in proportion to r³. When its axis
-/// does not meet the image centre, two more constants describe the terms of second order.
+/// constants of a lens. A lens moves a point away from its axis in proportion to r³, a strong one
+/// also to r⁵ and r⁷. When its axis does not meet the image centre, two more constants describe the
+/// terms of second order.
 struct SkyModelShape {
-    int Order = 1;  ///< 1: no polynomials; else up to `Polynomial::MostOrder`
-    int Lens = 0;   ///< constants of a lens: 0, 1 or 3; above 0 only with `Order` 1
+    int Order = 1;         ///< 1: no polynomials; else up to `Polynomial::MostOrder`
+    int Radial = 0;        ///< terms of a lens along the radius, 0..3; above 0 only with `Order` 1
+    bool OffAxis = false;  ///< with the two constants of the axis; only with radial terms
 
     /// How many constants are fitted, for both coordinates.
     std::size_t Constants() const {
-        return 2 * PolynomialTerms(Order) + static_cast<std::size_t>(Lens);
+        return 2 * PolynomialTerms(Order) + static_cast<std::size_t>(Radial) + (OffAxis ? 2 : 0);
     }
 };
 

@@ -134,8 +134,9 @@ TEST(SkyModel, TheFTestIsRightAsOftenAsItSays) {
     Random random(2);
     constexpr int trials = 250;
     using Shape = SkyModelShape;
-    for (const auto& [order, higher, count] : {std::tuple{Shape{1, false}, Shape{1, true}, 12},
-                                               {Shape{1, true}, Shape{3, false}, 25},
+    for (const auto& [order, higher, count] : {std::tuple{Shape{1, 0}, Shape{1, 1}, 12},
+                                               {Shape{1, 1}, Shape{1, 3, true}, 25},
+                                               {Shape{1, 1}, Shape{3, 0}, 25},
                                                {Shape{2, 0}, Shape{4, 0}, 40}}) {
         std::vector<double> chances;
         for (int trial = 0; trial < trials; ++trial) {
@@ -268,6 +269,50 @@ TEST(SkyMatch, CornersAreTrueWhateverTheLensAndErrorsAreAsClaimed) {
     EXPECT_NEAR(std::sqrt(centres / solved), 1, 0.25);
     EXPECT_NEAR(std::sqrt(scales / solved), 1, 0.25);
     EXPECT_NEAR(std::sqrt(turns / solved), 1, 0.25);
+}
+
+TEST(SkyMatch, AStrongLensIsFollowedIntoTheCornersAndWhatIsNotReachedIsSaid) {
+    Random random(5);
+    for (const double strength : {-0.08, -0.05, -0.03, 0.03, 0.05, 0.08}) {
+        double squares = 0;
+        constexpr int trials = 6;
+        for (int trial = 0; trial < trials; ++trial) {
+            SkyModel truth = RandomModel(random, trial, 20, 0);
+            const double half = std::hypot(truth.Width, truth.Height) / 2;
+            // The inverse of a lens that moves a star at r half-diagonals by `strength`·r³.
+            const double third = -strength / std::pow(half, 2);
+            const double fifth = 3 * std::pow(strength, 2) / std::pow(half, 4);
+            const double seventh = -12 * std::pow(strength, 3) / std::pow(half, 6);
+            for (Polynomial& axis : truth.Distortion) axis.Order = 7;
+            const auto set = [&truth](int p, int q, double value) {
+                truth.Distortion[0].At(p + 1, q) = truth.Distortion[1].At(p, q + 1) = value;
+            };
+            set(2, 0, third), set(0, 2, third);
+            set(4, 0, fifth), set(2, 2, 2 * fifth), set(0, 4, fifth);
+            set(6, 0, seventh), set(4, 2, 3 * seventh), set(2, 4, 3 * seventh), set(0, 6, seventh);
+            ASSERT_TRUE(CompleteSkyModel(truth));
+            Stars stars = MakeStars(random, truth, 120, 0.1);
+            const auto solution = stars.Match(truth);
+            ASSERT_TRUE(solution) << strength;
+            EXPECT_TRUE(solution->ReachesEdges) << strength;
+            double worst = 0;
+            for (const PixelPoint& corner : Corners(truth)) {
+                const auto found = solution->Fit.Model.PixelOf(truth.SkyOf(corner));
+                worst = std::max(worst, Apart(*found, corner));
+            }
+            EXPECT_LT(worst, 3) << strength;
+            squares += std::pow(worst / solution->Fit.EdgeSigma, 2) / trials;
+
+            // Half of the picture behind trees: of the outer stars none is seen.
+            for (std::size_t i = 0; i < stars.Plate.size(); ++i) {
+                if (Apart(stars.Plate[i], truth.Centre()) > 0.6 * half) stars.Plate[i] = {-99, -99};
+            }
+            const auto middle = stars.Match(truth);
+            EXPECT_TRUE(!middle || !middle->ReachesEdges) << strength;
+        }
+        // The worst of four corners, in both coordinates.
+        EXPECT_LT(std::sqrt(squares), 3) << strength;
+    }
 }
 
 TEST(SkyMatch, DistortionIsOnlyClaimedWhereTheStarsBearIt) {
