@@ -18,6 +18,15 @@ constexpr std::size_t offAxisLens = 4;
 constexpr std::size_t quadratic = 7;
 constexpr std::size_t quartic = 9;
 
+/// Whether a shape has only low powers of the coordinates.
+bool IsOrdinary(std::size_t shape) {
+    return shapes[shape].Radial <= 1 && shapes[shape].Order <= 2;
+}
+
+bool IsStrong(std::size_t shape) {
+    return shapes[shape].Radial > 1;
+}
+
 /// Whether a shape contains a simpler one as a special case.
 bool Contains(std::size_t shape, std::size_t simpler) {
     const SkyModelShape& large = shapes[shape];
@@ -254,24 +263,33 @@ class Rounds {
     static bool Suffices(std::size_t stars, std::size_t shape) {
         return stars >= shapes[shape].Constants();
     }
-    /// Whether the stars reach far enough out. A polynomial without stars there departs from any
-    /// lens by more than its stated errors; a lens model extrapolates safely.
+    /// Whether the stars reach far enough out. High powers without stars there depart from any lens
+    /// by more than their stated errors; an ordinary lens extrapolates safely.
     bool CoversImage() const {
         constexpr double leastSure = 3;
-        constexpr double leastSureOfPolynomials = 1.75;
-        return fit_.EdgeLeverage <= (shape_ > quadratic ? leastSureOfPolynomials : leastSure);
+        constexpr double leastSureOfHighPowers = 1.75;
+        return fit_.EdgeLeverage <= (IsOrdinary(shape_) ? leastSure : leastSureOfHighPowers);
+    }
+
+    /// Whether an ordinary lens through the pairs lacks terms that would be seen.
+    bool MayBeStrong() const {
+        constexpr double seen = 0.2;  // of the error of a star
+        const auto fit = Fit(pairs_, usualLens);
+        return fit && LeftOutOf(fit->Model, shapes[usualLens]) > seen * fit->Sigma;
     }
 
     /// Lets the most flexible shape that the pairs support decide which of them are outliers, then
     /// takes the simplest shape that passes the F-test.
     bool FitBestShape(std::size_t most) {
-        // Lens distortion is common; other distortions need stronger evidence, as polynomials also
+        // Lens distortion is common; other distortions need stronger evidence, as high powers also
         // fit common errors of centroids.
         constexpr double chanceOfLens = 0.01;
-        constexpr double chanceOfPolynomial = 1e-4;
+        constexpr double chanceOfOthers = 1e-4;
         const std::vector<SkyPair> all = pairs_;
+        const bool strong = MayBeStrong();
         for (;; --most) {
             pairs_ = all;
+            if (IsStrong(most) && !strong) continue;
             // A lens model describes pictures better than polynomials of the second order.
             if (most == quadratic) continue;
             if (most == linear || Suffices(all.size(), most)) {
@@ -286,11 +304,12 @@ class Rounds {
         auto bestFit = Fit(pairs_, best);
         if (!bestFit) return false;
         for (std::size_t shape = linear + 1; shape <= most; ++shape) {
+            if ((IsStrong(shape) && !strong) || !Contains(shape, best)) continue;
             auto fit = Fit(pairs_, shape);
-            if (fit && Contains(shape, best) &&
+            if (fit &&
                 ChanceOfImprovement(bestFit->Squares, fit->Squares, pairs_.size(), shapes[best],
                                     shapes[shape]) <
-                    (shapes[shape].Radial > 0 ? chanceOfLens : chanceOfPolynomial)) {
+                    (IsOrdinary(shape) && shape != quadratic ? chanceOfLens : chanceOfOthers)) {
                 bestFit = std::move(fit);
                 best = shape;
             }
@@ -385,7 +404,7 @@ std::optional<SkySolution> MatchSky(const std::vector<SkyPosition>& catalog,
     if (matched && plain.ReachesEdges()) return plain.Solution();
     Rounds grown(catalog, plate, width, height);
     if (grown.BeginAt(start) && grown.GrowOutward() && grown.MatchAll(0) &&
-        (!matched || grown.Count() > plain.Count())) {
+        (!matched || (grown.ReachesEdges() && grown.Count() > plain.Count()))) {
         return grown.Solution();
     }
     if (!matched) return std::nullopt;

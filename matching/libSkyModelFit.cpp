@@ -43,6 +43,7 @@ struct Place {
 /// express. It is then orthogonal to them and can be fitted by itself (Frisch & Waugh 1933).
 struct LensTerm {
     std::array<Polynomial, 2> Plane;  ///< what a constant of 1 adds
+    std::vector<PlanePoint> AtStars;  ///< the same at each star
     double Squares = 0;               ///< sum of its squares over the stars
     double Constant = 0;
 
@@ -121,65 +122,58 @@ std::vector<LensTerm> FitLens(const std::vector<Place>& places, const SkyModelSh
                               const std::array<Polynomial, 2>& linear,
                               const std::array<Polynomial, 2>& cd, double unit) {
     constexpr double smallestShare = 1e-9;
+    const auto product = [](const std::vector<PlanePoint>& one,
+                            const std::vector<PlanePoint>& other) {
+        double sum = 0;
+        for (std::size_t i = 0; i < one.size(); ++i) {
+            sum += one[i].East * other[i].East + one[i].North * other[i].North;
+        }
+        return sum;
+    };
+    std::vector<PlanePoint> residuals;
+    residuals.reserve(places.size());
+    for (const Place& place : places) {
+        const auto& [x, y] = place.Offset;
+        residuals.push_back(
+            {place.Plane.East - linear[0](x, y), place.Plane.North - linear[1](x, y)});
+    }
     std::vector<LensTerm> lens;
     for (const LensConstant constant : ConstantsOf(shape)) {
         LensTerm term = LensTermOf(constant, cd);
         PolynomialFit fit(1, unit);
-        double squares = 0;
+        term.AtStars.reserve(places.size());
         for (const Place& place : places) {
             const PlanePoint added = term.At(place.Offset);
             fit.Add(place.Offset.X, place.Offset.Y, added.East, added.North);
-            squares += added.East * added.East + added.North * added.North;
+            term.AtStars.push_back(added);
         }
+        const double squares = product(term.AtStars, term.AtStars);
         if (!fit.Solve()) return {};
+        const std::array<Polynomial, 2> expressed = {fit.Fitted(0), fit.Fitted(1)};
         for (std::size_t axis = 0; axis < 2; ++axis) {
-            AddTimes(term.Plane[axis], -1, fit.Fitted(static_cast<int>(axis)));
+            AddTimes(term.Plane[axis], -1, expressed[axis]);
         }
-        const auto productWith = [&](const auto& other) {
-            double product = 0;
-            for (const Place& place : places) {
-                const PlanePoint added = term.At(place.Offset);
-                const PlanePoint with = other(place);
-                product += added.East * with.East + added.North * with.North;
-            }
-            return product;
-        };
+        for (std::size_t i = 0; i < places.size(); ++i) {
+            const auto& [x, y] = places[i].Offset;
+            term.AtStars[i].East -= expressed[0](x, y);
+            term.AtStars[i].North -= expressed[1](x, y);
+        }
         for (const LensTerm& earlier : lens) {
-            const double common =
-                productWith([&](const Place& place) { return earlier.At(place.Offset); }) /
-                earlier.Squares;
+            const double common = product(term.AtStars, earlier.AtStars) / earlier.Squares;
             for (std::size_t axis = 0; axis < 2; ++axis) {
                 AddTimes(term.Plane[axis], -common, earlier.Plane[axis]);
             }
+            for (std::size_t i = 0; i < places.size(); ++i) {
+                term.AtStars[i].East -= common * earlier.AtStars[i].East;
+                term.AtStars[i].North -= common * earlier.AtStars[i].North;
+            }
         }
-        term.Squares = productWith([&](const Place& place) { return term.At(place.Offset); });
+        term.Squares = product(term.AtStars, term.AtStars);
         if (!(term.Squares > smallestShare * squares)) return {};
-        term.Constant = productWith([&](const Place& place) {
-                            const auto& [x, y] = place.Offset;
-                            return PlanePoint{place.Plane.East - linear[0](x, y),
-                                              place.Plane.North - linear[1](x, y)};
-                        }) /
-                        term.Squares;
-        lens.push_back(term);
+        term.Constant = product(term.AtStars, residuals) / term.Squares;
+        lens.push_back(std::move(term));
     }
     return lens;
-}
-
-/// About how far (pixels) the terms that a shape lacks move a corner. Each term of a lens is
-/// about 2d / r times the one before, where they move a corner at r by d; most of it is taken up by
-/// the terms that are fitted.
-double LeftOutOf(const SkyModel& model, const SkyModelShape& shape) {
-    const double terms = shape.Order > 1 ? (shape.Order - 1) / 2 : shape.Radial;
-    if (terms == 0) return 0;
-    double farthest = 0;
-    for (const double u : {-model.Width / 2.0, model.Width / 2.0}) {
-        for (const double v : {-model.Height / 2.0, model.Height / 2.0}) {
-            farthest = std::max(farthest,
-                                std::hypot(model.Distortion[0](u, v), model.Distortion[1](u, v)));
-        }
-    }
-    const double radius = std::hypot(model.Width, model.Height) / 2;
-    return farthest / 4 * std::pow(2 * farthest / radius, terms);
 }
 
 /// Standard deviations from the covariance of the constants.
@@ -298,6 +292,20 @@ std::optional<SkyPosition> SkyOfOrthographic(const SkyPosition& tangent, double 
 }
 
 }  // namespace
+
+double LeftOutOf(const SkyModel& model, const SkyModelShape& shape) {
+    const double terms = shape.Order > 1 ? (shape.Order - 1) / 2 : shape.Radial;
+    if (terms == 0) return 0;
+    double farthest = 0;
+    for (const double u : {-model.Width / 2.0, model.Width / 2.0}) {
+        for (const double v : {-model.Height / 2.0, model.Height / 2.0}) {
+            farthest = std::max(farthest,
+                                std::hypot(model.Distortion[0](u, v), model.Distortion[1](u, v)));
+        }
+    }
+    const double radius = std::hypot(model.Width, model.Height) / 2;
+    return farthest / 4 * std::pow(2 * farthest / radius, terms);
+}
 
 std::optional<SkyModelFit> FitSkyModel(const std::vector<SkyPoint>& points, SkyModelShape shape,
                                        std::int32_t width, std::int32_t height,

@@ -61,6 +61,11 @@ std::optional<SkyModelFit> FitSkyModel(const std::vector<SkyPoint>& points, SkyM
                                        std::int32_t width, std::int32_t height,
                                        SkyPosition tangent);
 
+/// About how far (pixels) the terms that a shape lacks move a corner of a fitted model. Each term
+/// of a lens is about 2d / r times the one before, where they move a corner at r by d; most of it
+/// is taken up by the terms that are fitted.
+double LeftOutOf(const SkyModel& model, const SkyModelShape& shape);
+
 /// The probability that fitting a larger model reduces the sum of squares by this much or more
 /// although the points do not have its distortion: the F-test for nested linear models.
 /// @param squares, largerSquares sums of squares of both models' residuals
