@@ -126,8 +126,15 @@ class Rounds {
         return true;
     }
 
-    /// Whether the outer rings of the image have their share of pairs.
+    /// Whether most of the first pairs are still there, and the outer rings of the image have their
+    /// share of pairs.
     bool ReachesEdges() const {
+        const auto stays = std::count_if(start_.begin(), start_.end(), [&](const SkyPair& first) {
+            return std::any_of(pairs_.begin(), pairs_.end(), [&](const SkyPair& pair) {
+                return pair.CatalogStar == first.CatalogStar && pair.PlateStar == first.PlateStar;
+            });
+        });
+        if (2 * static_cast<std::size_t>(stays) < start_.size()) return false;
         constexpr std::array limits = {0.5, 0.75};  // of the rings; distances from the centre
         constexpr double leastShare = 0.4;
         constexpr double leastExpected = 4;
