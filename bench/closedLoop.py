@@ -112,7 +112,8 @@ def run_frame(frame, options, folder, random_stars=None):
     if options.distortion:
         rng = random.Random(frame["seed"])
         half = math.hypot(1, frame["height"] / frame["width"]) * frame["width_px"] / 2
-        render += ["--distortion", f"{rng.choice((-1, 1)) * rng.uniform(1, 12):.3f}",
+        corner = rng.uniform(0.03, 0.08) * half if options.strong else rng.uniform(1, 12)
+        render += ["--distortion", f"{rng.choice((-1, 1)) * corner:.3f}",
                    f"{rng.uniform(-.1, .1) * half:.2f}", f"{rng.uniform(-.1, .1) * half:.2f}"]
     if random_stars:
         render.append(f"--random-stars={random_stars}")
@@ -277,6 +278,8 @@ def main():
     parser.add_argument("--distortion", action="store_true",
                         help="lenses that move the corners by 1 to 12 pixels, fields 1 to 18 wide; "
                              "judges the sky model")
+    parser.add_argument("--strong", action="store_true",
+                        help="with --distortion: lenses that move the corners by 3 to 8 %% of their distance")
     parser.add_argument("--keep", type=pathlib.Path, help="folder that keeps the frames")
     parser.add_argument("--facts", type=pathlib.Path, help="write all facts here, as JSON")
     options = parser.parse_args()
