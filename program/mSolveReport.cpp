@@ -240,8 +240,8 @@ std::vector<std::string> Cautions(const ProgramState& state) {
     }
     if (state.Sky.Made && !state.Sky.Model) {
         cautions.emplace_back("the field is too wide: positions away from its centre are rough");
-    } else if (state.Sky.Made && !(state.Sky.Model->Solution &&
-                                   state.Sky.Model->Solution->ReachesEdges)) {
+    } else if (state.Sky.Made &&
+               !(state.Sky.Model->Solution && state.Sky.Model->Solution->ReachesEdges)) {
         cautions.emplace_back("too few stars near the edges fit: positions there can be wrong");
     }
     return cautions;
