@@ -127,8 +127,9 @@ class Rounds {
     }
 
     /// Whether most of the first pairs are still there, and the outer rings of the image have their
-    /// share of pairs.
-    bool ReachesEdges() const {
+    /// share of pairs: at least `leastShare` of that of the middle, where it would give at least
+    /// `leastExpected` pairs.
+    bool ReachesEdges(double leastShare, double leastExpected) const {
         const auto stays = std::count_if(start_.begin(), start_.end(), [&](const SkyPair& first) {
             return std::any_of(pairs_.begin(), pairs_.end(), [&](const SkyPair& pair) {
                 return pair.CatalogStar == first.CatalogStar && pair.PlateStar == first.PlateStar;
@@ -136,8 +137,6 @@ class Rounds {
         });
         if (2 * static_cast<std::size_t>(stays) < start_.size()) return false;
         constexpr std::array limits = {0.5, 0.75};  // of the rings; distances from the centre
-        constexpr double leastShare = 0.4;
-        constexpr double leastExpected = 4;
         std::vector<bool> isPaired(catalog_.size());
         for (const SkyPair& pair : pairs_) isPaired[pair.CatalogStar] = true;
         std::array<double, limits.size() + 1> stars{};  // of the catalog
@@ -164,7 +163,7 @@ class Rounds {
     std::size_t Count() const { return pairs_.size(); }
 
     SkySolution Solution() {
-        const bool reaches = ReachesEdges();
+        const bool reaches = ReachesEdges(0.15, 6);
         SkySolution solution{std::move(fit_), std::move(pairs_), 0, {}, reaches};
         const double rings = solution.Rings.size();
         for (std::size_t k = 0; k < solution.Rings.size(); ++k) {
@@ -408,10 +407,12 @@ std::optional<SkySolution> MatchSky(const std::vector<SkyPosition>& catalog,
     if (start.size() < 3) return std::nullopt;
     Rounds plain(catalog, plate, width, height);
     const bool matched = plain.BeginAt(start) && plain.MatchAll(plain.WidestTolerance());
-    if (matched && plain.ReachesEdges()) return plain.Solution();
+    // Another try costs little.
+    const auto reaches = [](const Rounds& rounds) { return rounds.ReachesEdges(0.4, 4); };
+    if (matched && reaches(plain)) return plain.Solution();
     Rounds grown(catalog, plate, width, height);
     if (grown.BeginAt(start) && grown.GrowOutward() && grown.MatchAll(0) &&
-        (!matched || (grown.ReachesEdges() && grown.Count() > plain.Count()))) {
+        (!matched || (reaches(grown) && grown.Count() > plain.Count()))) {
         return grown.Solution();
     }
     if (!matched) return std::nullopt;
