@@ -126,17 +126,17 @@ class Rounds {
         return true;
     }
 
-    /// Whether most of the first pairs are still there, and the outer rings of the image have their
-    /// share of pairs: at least `leastShare` of that of the middle, where it would give at least
-    /// `leastExpected` pairs.
+    /// Whether the middle has at least half as many pairs as at first, and the outer rings have
+    /// their share of pairs: at least `leastShare` of that of the middle, where it would give at
+    /// least `leastExpected` pairs.
     bool ReachesEdges(double leastShare, double leastExpected) const {
-        const auto stays = std::count_if(start_.begin(), start_.end(), [&](const SkyPair& first) {
-            return std::any_of(pairs_.begin(), pairs_.end(), [&](const SkyPair& pair) {
-                return pair.CatalogStar == first.CatalogStar && pair.PlateStar == first.PlateStar;
-            });
-        });
-        if (2 * static_cast<std::size_t>(stays) < start_.size()) return false;
         constexpr std::array limits = {0.5, 0.75};  // of the rings; distances from the centre
+        const auto inMiddle = [&](const std::vector<SkyPair>& pairs) {
+            return std::count_if(pairs.begin(), pairs.end(), [&](const SkyPair& pair) {
+                return Distance(plate_[pair.PlateStar]) <= limits[0];
+            });
+        };
+        if (2 * inMiddle(pairs_) < inMiddle(start_)) return false;
         std::vector<bool> isPaired(catalog_.size());
         for (const SkyPair& pair : pairs_) isPaired[pair.CatalogStar] = true;
         std::array<double, limits.size() + 1> stars{};  // of the catalog
