@@ -71,42 +71,44 @@ std::vector<LensConstant> ConstantsOf(const SkyModelShape& shape) {
     return constants;
 }
 
-/// (u, v)·r², times r² as often as `more` says.
-void SetRadial(Polynomial& u, Polynomial& v, int more) {
-    u.Order = v.Order = 3 + 2 * more;
-    u.At(3, 0) = u.At(1, 2) = v.At(2, 1) = v.At(0, 3) = 1;
-    for (int power = 0; power < more; ++power) {
-        for (Polynomial* axis : {&u, &v}) {
-            Polynomial product;
-            for (int q = 0; q <= 3 + 2 * power; ++q) {
-                const int p = 3 + 2 * power - q;
-                product.At(p + 2, q) += axis->At(p, q);
-                product.At(p, q + 2) += axis->At(p, q);
+Polynomial Product(const Polynomial& one, const Polynomial& other) {
+    Polynomial product;
+    product.Order = one.Order + other.Order;
+    for (int p = 0; p <= one.Order; ++p) {
+        for (int q = 0; q <= one.Order - p; ++q) {
+            for (int k = 0; k <= other.Order; ++k) {
+                for (int m = 0; m <= other.Order - k; ++m) {
+                    product.At(p + k, q + m) += one.At(p, q) * other.At(k, m);
+                }
             }
-            product.Order = axis->Order;
-            *axis = product;
         }
     }
+    return product;
 }
 
-/// What each constant of a lens adds to the plane: (u, v)·r², (u, v)·r⁴, (u, v)·r⁶, (3u² + v², 2uv)
-/// or (2uv, u² + 3v²), times CD.
-LensTerm LensTermOf(LensConstant constant, const std::array<Polynomial, 2>& cd) {
+/// What each constant of a lens adds to the plane: (u, v)·r², (u, v)·r⁴, (u, v)·r⁶ about a point,
+/// (3u² + v², 2uv) or (2uv, u² + 3v²), times CD.
+LensTerm LensTermOf(LensConstant constant, const PixelPoint& about,
+                    const std::array<Polynomial, 2>& cd) {
     Polynomial u;
     Polynomial v;
-    u.Order = v.Order = 2;
-    switch (constant) {
-        case LensConstant::Third:
-        case LensConstant::Fifth:
-        case LensConstant::Seventh:
-            SetRadial(u, v, static_cast<int>(constant));
-            break;
-        case LensConstant::AxisX:
-            u.At(2, 0) = 3, u.At(0, 2) = 1, v.At(1, 1) = 2;
-            break;
-        case LensConstant::AxisY:
-            v.At(0, 2) = 3, v.At(2, 0) = 1, u.At(1, 1) = 2;
-            break;
+    if (constant == LensConstant::AxisX) {
+        u.Order = v.Order = 2;
+        u.At(2, 0) = 3, u.At(0, 2) = 1, v.At(1, 1) = 2;
+    } else if (constant == LensConstant::AxisY) {
+        u.Order = v.Order = 2;
+        v.At(0, 2) = 3, v.At(2, 0) = 1, u.At(1, 1) = 2;
+    } else {
+        u.Order = v.Order = 1;
+        u.At(1, 0) = v.At(0, 1) = 1;
+        u.At(0, 0) = -about.X;
+        v.At(0, 0) = -about.Y;
+        Polynomial square = Product(u, u);
+        AddTimes(square, 1, Product(v, v));
+        for (int power = 0; power <= static_cast<int>(constant); ++power) {
+            u = Product(u, square);
+            v = Product(v, square);
+        }
     }
     LensTerm term;
     for (std::size_t axis = 0; axis < 2; ++axis) {
@@ -116,10 +118,21 @@ LensTerm LensTermOf(LensConstant constant, const std::array<Polynomial, 2>& cd) 
     return term;
 }
 
+/// The axis of a lens of third order about which (u, v)·r² would give the terms of second order
+/// too; the centre when it were outside of the image.
+PixelPoint AxisOf(const std::array<Polynomial, 2>& plane, double unit) {
+    const auto& [east, north] = plane;
+    const double cd[2][2] = {{east.At(1, 0), east.At(0, 1)}, {north.At(1, 0), north.At(0, 1)}};
+    const double third = InPixels(cd, east.At(3, 0), north.At(3, 0)).X;
+    const PixelPoint axis{-InPixels(cd, east.At(2, 0), north.At(2, 0)).X / (3 * third),
+                          -InPixels(cd, east.At(0, 2), north.At(0, 2)).Y / (3 * third)};
+    return std::hypot(axis.X, axis.Y) < unit ? axis : PixelPoint();
+}
+
 /// Fits the constants of a lens to the residuals of linear polynomials. Empty when the stars do not
 /// determine them.
 std::vector<LensTerm> FitLens(const std::vector<Place>& places, const SkyModelShape& shape,
-                              const std::array<Polynomial, 2>& linear,
+                              const PixelPoint& about, const std::array<Polynomial, 2>& linear,
                               const std::array<Polynomial, 2>& cd, double unit) {
     constexpr double smallestShare = 1e-9;
     const auto product = [](const std::vector<PlanePoint>& one,
@@ -139,7 +152,7 @@ std::vector<LensTerm> FitLens(const std::vector<Place>& places, const SkyModelSh
     }
     std::vector<LensTerm> lens;
     for (const LensConstant constant : ConstantsOf(shape)) {
-        LensTerm term = LensTermOf(constant, cd);
+        LensTerm term = LensTermOf(constant, about, cd);
         PolynomialFit fit(1, unit);
         term.AtStars.reserve(places.size());
         for (const Place& place : places) {
@@ -336,8 +349,13 @@ std::optional<SkyModelFit> FitSkyModel(const std::vector<SkyPoint>& points, SkyM
         // The constants of a lens are multiplied by CD, which they change only a little: a few
         // passes suffice.
         constexpr int lensPasses = 4;
+        // About which point the terms of a strong lens are, its third order tells.
+        const bool looksForAxis = shape.OffAxis && shape.Radial > 1;
+        PixelPoint about;
         for (int pass = 0; pass < lensPasses && shape.Radial > 0; ++pass) {
-            lens = FitLens(places, shape, linear, plane, unit);
+            const bool first = looksForAxis && pass == 0;
+            lens = FitLens(places, first ? SkyModelShape{1, 1, true} : shape, about, linear, plane,
+                           unit);
             if (lens.empty()) return std::nullopt;
             plane = linear;
             for (const LensTerm& term : lens) {
@@ -345,6 +363,7 @@ std::optional<SkyModelFit> FitSkyModel(const std::vector<SkyPoint>& points, SkyM
                     AddTimes(plane[axis], term.Constant, term.Plane[axis]);
                 }
             }
+            if (first) about = AxisOf(plane, unit);
         }
         const PlanePoint offset{plane[0].At(0, 0), plane[1].At(0, 0)};
         if (!(std::hypot(offset.East, offset.North) < 2)) return std::nullopt;
