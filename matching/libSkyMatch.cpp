@@ -104,6 +104,7 @@ class Rounds {
     /// Pairs stars farther and farther from the centre, each ring with a lens that fits those
     /// before: so a lens may move the corners by far more than the tolerance.
     bool GrowOutward() {
+        grown_ = true;
         pairs_ = start_;
         if (!FitLens()) return false;
         const double widest = WidestTolerance();
@@ -270,10 +271,13 @@ class Rounds {
         return stars >= shapes[shape].Constants();
     }
     /// Whether the stars reach far enough out. High powers without stars there depart from any lens
-    /// by more than their stated errors; an ordinary lens extrapolates safely.
+    /// by more than their stated errors; an ordinary lens extrapolates safely. Of a lens that was
+    /// followed outward all simpler ones are farther from the truth.
     bool CoversImage() const {
         constexpr double leastSure = 3;
         constexpr double leastSureOfHighPowers = 1.75;
+        constexpr double leastSureOfGrown = 10;
+        if (grown_ && IsStrong(shape_)) return fit_.EdgeLeverage <= leastSureOfGrown;
         return fit_.EdgeLeverage <= (IsOrdinary(shape_) ? leastSure : leastSureOfHighPowers);
     }
 
@@ -394,6 +398,7 @@ class Rounds {
                                       ///< brightest first
     std::vector<SkyPair> start_;
     std::size_t trusted_ = 0;  ///< of these, the ones that agree
+    bool grown_ = false;       ///< outward from these
     std::vector<SkyPair> pairs_;
     SkyModelFit fit_;
     std::size_t shape_ = linear;  ///< of the fit
