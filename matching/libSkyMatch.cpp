@@ -161,10 +161,15 @@ class Rounds {
         return true;
     }
 
+    /// Whether what the shape lacks is seen beside the errors of the stars.
+    bool LacksTerms() const {
+        constexpr double seen = 3;
+        return LeftOutOf(fit_.Model, shapes[shape_]) > seen * fit_.Sigma;
+    }
+
     std::size_t Count() const { return pairs_.size(); }
 
-    SkySolution Solution() {
-        const bool reaches = ReachesEdges(0.15, 6);
+    SkySolution Solution(bool reaches) {
         SkySolution solution{std::move(fit_), std::move(pairs_), 0, {}, reaches};
         const double rings = solution.Rings.size();
         for (std::size_t k = 0; k < solution.Rings.size(); ++k) {
@@ -408,20 +413,27 @@ class Rounds {
 
 std::optional<SkySolution> MatchSky(const std::vector<SkyPosition>& catalog,
                                     const std::vector<PixelPoint>& plate, std::int32_t width,
-                                    std::int32_t height, const std::vector<SkyPair>& start) {
+                                    std::int32_t height, const std::vector<SkyPair>& start,
+                                    std::size_t known) {
     if (start.size() < 3) return std::nullopt;
     Rounds plain(catalog, plate, width, height);
     const bool matched = plain.BeginAt(start) && plain.MatchAll(plain.WidestTolerance());
-    // Another try costs little.
-    const auto reaches = [](const Rounds& rounds) { return rounds.ReachesEdges(0.4, 4); };
-    if (matched && reaches(plain)) return plain.Solution();
+    // A caution needs stronger evidence than another try, which costs little.
+    const auto isWhole = [known](const Rounds& rounds) {
+        return 4 * rounds.Count() >= 3 * known && rounds.ReachesEdges(0.4, 4);
+    };
+    const auto solution = [known](Rounds& rounds) {
+        const bool reaches = 4 * rounds.Count() >= 3 * known && rounds.ReachesEdges(0.15, 6);
+        return rounds.Solution(reaches);
+    };
+    if (matched && isWhole(plain) && !plain.LacksTerms()) return solution(plain);
     Rounds grown(catalog, plate, width, height);
     if (grown.BeginAt(start) && grown.GrowOutward() && grown.MatchAll(0) &&
-        (!matched || (reaches(grown) && grown.Count() > plain.Count()))) {
-        return grown.Solution();
+        (!matched || (isWhole(grown) && grown.Count() >= plain.Count()))) {
+        return solution(grown);
     }
     if (!matched) return std::nullopt;
-    return plain.Solution();
+    return solution(plain);
 }
 
 }  // namespace vestrel

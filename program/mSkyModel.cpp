@@ -86,12 +86,10 @@ std::optional<SkySolution> SolutionOfAllStars(const ProgramState& state,
     } else {
         startFrom(solution.Pairs, solution.CatalogStars);
     }
-    auto fit = MatchSky(catalog, stars, image.Width, image.Height, start);
-    // A few stars of a wide field fit anything, and what has lost stars that are known to match is
-    // not the lens of the whole picture.
     const auto known = static_cast<std::size_t>(std::max(solution.Confidence.Matched, 0));
+    auto fit = MatchSky(catalog, stars, image.Width, image.Height, start, known);
+    // A few stars of a wide field fit anything.
     if (fit && wide && 2 * fit->Pairs.size() < known) return std::nullopt;
-    if (fit && 4 * fit->Pairs.size() < 3 * known) fit->ReachesEdges = false;
     return fit;
 }
 
