@@ -20,11 +20,11 @@
 #include <QTextBlock>
 #include <QTextCursor>
 #include <QTextEdit>
-#include <QTimer>
 #include <QToolTip>
 #include <QUrl>
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 #include <string_view>
 
 #ifndef _WIN32
@@ -335,19 +335,18 @@ QWidget* WindowPort::Front() const {
 }
 
 void WindowPort::ShowMessage(const std::string& text, const std::string& title) {
-    auto* box = new QMessageBox(QMessageBox::Warning, QtText(title), QtText(text), QMessageBox::Ok,
-                                Front());
+    auto box = std::make_unique<QMessageBox>(QMessageBox::Warning, QtText(title), QtText(text),
+                                             QMessageBox::Ok, Front());
     // Messages contain file names and texts, which may look like markup.
     box->setTextFormat(Qt::PlainText);
     if (Waits) {
         box->exec();
-        delete box;
         return;
     }
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->setModal(false);
     // Later, as the main window may not be there yet and would cover it.
-    QTimer::singleShot(0, box, [box] { box->show(); });
+    QMetaObject::invokeMethod(box.release(), "show", Qt::QueuedConnection);
 }
 
 bool WindowPort::Confirm(const std::string& question, const std::string& title) {
