@@ -112,7 +112,7 @@ class Rounds {
         for (const SkyPair& pair : pairs_)
             reach = std::max(reach, Distance(plate_[pair.PlateStar]));
         constexpr double ring = 0.08;
-        for (; reach < 1; reach += ring) {
+        while (reach < 1) {
             KeepStarsOfImage();
             const double inner =
                 std::min(widest, std::max(leastTolerance, 5 * RobustSigma(fit_.Residuals, shape_)));
@@ -122,6 +122,7 @@ class Rounds {
                 return distance > reach + ring || (distance <= reach && pair.Residual > inner);
             });
             if (!FitLens()) return false;
+            reach += ring;
         }
         KeepStarsOfImage();
         return true;

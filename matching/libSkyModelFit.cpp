@@ -307,7 +307,7 @@ std::optional<SkyPosition> SkyOfOrthographic(const SkyPosition& tangent, double 
 }  // namespace
 
 double LeftOutOf(const SkyModel& model, const SkyModelShape& shape) {
-    const double terms = shape.Order > 1 ? (shape.Order - 1) / 2 : shape.Radial;
+    const int terms = shape.Order > 1 ? (shape.Order - 1) / 2 : shape.Radial;
     if (terms == 0) return 0;
     double farthest = 0;
     for (const double u : {-model.Width / 2.0, model.Width / 2.0}) {

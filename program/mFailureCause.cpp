@@ -170,8 +170,8 @@ class Inquiry {
         const std::uintmax_t length =
             std::filesystem::file_size(PathFromText(image.FileName), error);
         if (error) return 0;
-        const double bytes =
-            std::abs(image.Header.BitPix) / 8 * static_cast<double>(image.Width) * image.Height;
+        const int bytesOfPixel = std::abs(image.Header.BitPix) / 8;
+        const double bytes = static_cast<double>(image.Width) * image.Height * bytesOfPixel;
         constexpr double header = 2880;  // or more
         return 1 - std::max(static_cast<double>(length) - header, 0.0) / bytes;
     }

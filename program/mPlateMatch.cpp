@@ -158,7 +158,8 @@ SolveCode SolvePlate(ProgramState& state, Port& port, const PlateSearch& search)
     return WithinMemory(state, port, [&] {
         if (!FindPlateStars(state, port)) return SolveCode::TooFewStars;
         const SolveCode code = MatchPlateStars(state, port, search);
-        if (code == SolveCode::Solved) MeasureWideField(state, port);
+        // Whether its positions can be followed to the corners; the centre stays the plate's.
+        if (code == SolveCode::Solved && state.Solution->IsWide()) KeptSkyModel(state);
         return code;
     });
 }

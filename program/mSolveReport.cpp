@@ -118,8 +118,15 @@ ImageOrientation OrientationOf(const PlateSolution& solution, const PlateImage& 
     // North at the image centre, not at the tangent point: the two differ by the convergence of the
     // meridians, which near a pole can be any angle. Vectors are (east, north, outward) at the
     // tangent point.
-    const double east = -xi0 / SolveArcsecondsPerRadian;
-    const double north = eta0 / SolveArcsecondsPerRadian;
+    double east = -xi0 / SolveArcsecondsPerRadian;
+    double north = eta0 / SolveArcsecondsPerRadian;
+    if (solution.IsWide()) {
+        // The plate may put its own centre some pixels off, which turns north near a pole.
+        const double ahead = solution.CentreRA - solution.TangentRA;
+        east = std::cos(solution.CentreDec) * std::sin(ahead);
+        north = std::sin(solution.CentreDec) * std::cos(solution.TangentDec) -
+                std::cos(solution.CentreDec) * std::sin(solution.TangentDec) * std::cos(ahead);
+    }
     const double outward = std::sqrt(std::max(0.0, 1 - east * east - north * north));
     const double upEast = -(xi1 - xi0);
     const double upNorth = eta1 - eta0;
