@@ -52,6 +52,7 @@ struct CatalogCache {
 
     /// Makes sure that a cell is in the cache. A cell file that does not exist is created empty
     /// where that is possible, and counts as a cell without stars.
+    /// @return the cell, until the next one is loaded or the cache is trimmed
     CachedCell& LoadCell(const std::string& name);
 
     /// Loads every cell that a circular region touches, marks these `InUse`, and trims the cache.

@@ -72,7 +72,7 @@ class NewFile {
     void Commit();
     /// As `Commit`, unless the file in its place is no longer the one of the stamp: a program that
     /// takes pictures may have written the next one there.
-    /// @throws std::runtime_error in that case
+    /// @throws std::runtime_error in that case, std::system_error as `Commit` does
     void CommitOver(const FileStamp& older);
 
  private:
